@@ -1,0 +1,1 @@
+"""Files in, files out: readers yield blocks of waveforms, writers take tables of echoes."""

@@ -1,0 +1,101 @@
+"""What passes between readers, the extraction and writers: blocks of waveforms, tables of echoes."""
+
+from __future__ import annotations
+
+from collections import Counter
+from dataclasses import dataclass, field, fields
+
+import numpy as np
+import numpy.typing as npt
+
+FloatArray = npt.NDArray[np.float64]
+
+
+@dataclass(frozen=True, slots=True)
+class ShotAttributes:
+    """What an echo inherits from its shot, one entry per waveform (taken from one of its points)."""
+
+    gps_time: FloatArray  # as stored in the file, s
+    scan_angle: npt.NDArray[np.float32]  # degrees
+    scan_direction_flag: npt.NDArray[np.uint8]  # 0 or 1
+    edge_of_flight_line: npt.NDArray[np.uint8]  # 0 or 1
+    user_data: npt.NDArray[np.uint8]
+    point_source_id: npt.NDArray[np.uint16]
+
+
+@dataclass(frozen=True, slots=True)
+class PulseGeometry:
+    """Where a waveform lies in space, one entry per waveform.
+
+    The sample at time t, in picoseconds after the first sample, lies at
+    ``anchor + (location - t) * direction``.
+    """
+
+    anchor: FloatArray  # (n, 3), coordinate units of the file: a discrete return of the pulse
+    location: FloatArray  # (n,), ps after the first sample at which the anchor was measured
+    direction: FloatArray  # (n, 3), coordinate units per ps; points against the flight of light
+
+
+@dataclass(frozen=True, slots=True)
+class WaveformBlock:
+    """Waveforms of whole shots, in the order of the file.
+
+    A shot is never split between two blocks.
+    """
+
+    samples: npt.NDArray[np.uint16]  # (n, width), counts; rows are zero behind their own count
+    counts: npt.NDArray[np.uint16]  # (n,), valid samples of each row
+    shot_times: FloatArray  # (n,), s; equal exactly for the waveforms of one shot, never NaN
+    sbl_times: FloatArray  # (n,), s; 0 where the file has none
+    channel_flags: npt.NDArray[np.uint8]  # (n,), 1 for the low-power channel, 0 for the other
+    sampling_intervals: FloatArray  # (n,), s per sample
+    geometry: PulseGeometry
+    attributes: ShotAttributes
+    waveform_numbers: npt.NDArray[np.int64]  # (n,), running number of the waveform in the file
+
+    def __len__(self) -> int:
+        return len(self.counts)
+
+
+@dataclass(slots=True)
+class ReadTally:
+    """What a reader met so far; complete when its blocks are exhausted."""
+
+    points: int = 0
+    points_without_packet: int = 0
+    points_sharing_packet: int = 0  # points whose packet another point had brought already
+    waveforms: int = 0
+    rejected: Counter[str] = field(default_factory=Counter)  # reason as a phrase -> waveforms
+    notes: list[str] = field(default_factory=list)  # one sentence each, for the summary
+
+
+@dataclass(frozen=True, slots=True)
+class EchoTable:
+    """Extracted echoes with their place in space; all columns have the same length.
+
+    The echoes of one shot stand together, ordered along the flight of light.
+    """
+
+    xyz: FloatArray  # (m, 3), coordinate units of the file
+    gps_time: FloatArray  # s, of the shot
+    echo_number: npt.NDArray[np.int64]  # 1 = nearest to the scanner within the shot
+    echo_count: npt.NDArray[np.int64]  # echoes of the shot
+    amplitude_counts: npt.NDArray[np.float32]  # digitiser counts
+    amplitude_db: npt.NDArray[np.float32]  # dB
+    width_ns: FloatArray  # standard deviation of the echo, ns
+    position: FloatArray  # fractional sample index in the waveform
+    type: npt.NDArray[np.uint8]  # how the echo was found
+    quality: npt.NDArray[np.uint8]
+    reflectance: npt.NDArray[np.float32]
+    time: FloatArray  # s, as the extraction gave it
+    waveform_number: npt.NDArray[np.int64]  # running number of the waveform in the file
+    channel_flag: npt.NDArray[np.uint8]
+    attributes: ShotAttributes
+
+    def __len__(self) -> int:
+        return len(self.gps_time)
+
+
+def take_rows(attributes: ShotAttributes, rows: npt.NDArray[np.int64]) -> ShotAttributes:
+    """The attributes of the given rows, in their order."""
+    return ShotAttributes(*(getattr(attributes, column.name)[rows] for column in fields(attributes)))
