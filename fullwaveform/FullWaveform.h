@@ -1,0 +1,34 @@
+#pragma once
+
+/// The whole public interface of the library.
+#include <fullwaveform/driver/ChannelMerge.h>
+#include <fullwaveform/driver/Decibel.h>
+#include <fullwaveform/driver/FWFModus.h>
+#include <fullwaveform/driver/PeakDetectionFamily.h>
+#include <fullwaveform/driver/RunStatistics.h>
+#include <fullwaveform/driver/ShotMap.h>
+#include <fullwaveform/fitting/FittingGaussVia3Points.h>
+#include <fullwaveform/fitting/ThreePointGauss.h>
+#include <fullwaveform/fitting/ZeroCrossing.h>
+#include <fullwaveform/host/Attributes.h>
+#include <fullwaveform/host/Chunk.h>
+#include <fullwaveform/host/Console.h>
+#include <fullwaveform/host/DataRange.h>
+#include <fullwaveform/host/Grid.h>
+#include <fullwaveform/host/MemArray.h>
+#include <fullwaveform/host/MultiArray.h>
+#include <fullwaveform/host/PointerID.h>
+#include <fullwaveform/host/ReferenceBase.h>
+#include <fullwaveform/host/SpeakPtr.h>
+#include <fullwaveform/host/StrongPtr.h>
+#include <fullwaveform/host/TarnClass.h>
+#include <fullwaveform/model/AdditionalAttributesPerWave.h>
+#include <fullwaveform/model/MarkBadPeaks.h>
+#include <fullwaveform/model/NoiseEstimate.h>
+#include <fullwaveform/model/Peak.h>
+#include <fullwaveform/model/Segmentation.h>
+#include <fullwaveform/model/WavePoints.h>
+#include <fullwaveform/scanner/ExtraAttributes.h>
+#include <fullwaveform/scanner/ScannerDevice.h>
+#include <fullwaveform/scanner/SpeedOfLight.h>
+#include <fullwaveform/text/Number.h>

@@ -1,0 +1,29 @@
+#include <fullwaveform/driver/ChannelMerge.h>
+
+#include <algorithm>
+#include <cmath>
+
+namespace FullWaveform {
+namespace {
+
+constexpr float saturated = 3000.0F;         // counts
+constexpr double sameEchoIntervals = 3.0;    // sampling intervals
+
+}  // namespace
+
+void mergeChannels(std::list<Peak>& normal, std::list<Peak>& lowPower, double samplingInterval) {
+  double const reach = sameEchoIntervals * samplingInterval;
+  auto const same = [reach](Peak const& p, Peak const& q) { return std::abs(q.time - p.time) < reach; };
+
+  lowPower.remove_if([&](Peak const& q) {
+    return q.amplitude > saturated &&
+           std::any_of(normal.begin(), normal.end(), [&](Peak const& p) { return same(p, q); });
+  });
+  for (Peak const& q : lowPower) {
+    if (q.amplitude <= saturated) {
+      normal.remove_if([&](Peak const& p) { return same(p, q); });
+    }
+  }
+}
+
+}  // namespace FullWaveform

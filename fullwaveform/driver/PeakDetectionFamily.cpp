@@ -1,0 +1,224 @@
+#include <fullwaveform/driver/PeakDetectionFamily.h>
+
+#include <algorithm>
+#include <cmath>
+#include <span>
+
+#include <fullwaveform/driver/ChannelMerge.h>
+#include <fullwaveform/driver/Decibel.h>
+#include <fullwaveform/host/Console.h>
+#include <fullwaveform/host/SpeakPtr.h>
+#include <fullwaveform/model/MarkBadPeaks.h>
+
+namespace FullWaveform {
+namespace {
+
+/// Cheap fingerprint of a record: the sum of every third sample.
+std::uint32_t signatureOf(std::span<unsigned short const> record) {
+  std::uint32_t sum = 0;
+  for (std::size_t i = 0; i < record.size(); i += 3) {
+    sum += record[i];
+  }
+  return sum;
+}
+
+template <class T>
+T const* rowOf(Kestra::MemArray<2, T> const& waveforms, std::size_t row) {
+  if (waveforms.hasAccessor()) {
+    return waveforms.rowAccessor()(row);
+  }
+  T const* const storage = waveforms.storage();
+  return storage == nullptr ? nullptr : storage + row * waveforms.columns();
+}
+
+/// Rows of a block that do not fit together.
+struct Misfits {
+  std::size_t unplaced = 0;
+  std::size_t cutCounts = 0;
+};
+
+void speak(Misfits const& misfits, std::size_t columns) {
+  if (misfits.unplaced == 0 && misfits.cutCounts == 0) {
+    return;
+  }
+  Holdex::Console console;
+  console << "PeakDetectionFamily::apply:";
+  if (misfits.unplaced != 0) {
+    console << " " << std::to_string(misfits.unplaced)
+            << " waveforms left out (no shot time, or no value in one of the arrays)";
+  }
+  if (misfits.cutCounts != 0) {
+    console << (misfits.unplaced != 0 ? "," : "") << " " << std::to_string(misfits.cutCounts)
+            << " sample counts cut to the row length " << std::to_string(columns);
+  }
+}
+
+bool isInvalid(Peak const& peak) {
+  return std::isnan(peak.idx) || std::isnan(peak.time) || std::isnan(peak.amplitude);
+}
+
+/// Deletes the invalid points of a waveform that reports some; true when it did.
+template <class T>
+bool deleteInvalidPoints(WavePoints<T>& wave, std::uint32_t row) {
+  if (!wave.isNaN()) {
+    return false;
+  }
+  Holdex::Console console;
+  console << "Warning, delete NAN-points for wave " << std::to_string(row);
+  wave.peaks.remove_if(isInvalid);
+  return true;
+}
+
+/// Merges every waveform of the normal channel (flag 0) with every one of the low-power channel, in their
+/// order of arrival.
+void mergeShot(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags, double samplingInterval) {
+  if (shot.waves.size() < 2) {
+    return;
+  }
+  for (std::size_t a = 0; a < shot.waves.size(); ++a) {
+    if (channelFlags[shot.rows[a]] != 0) {
+      continue;
+    }
+    for (std::size_t b = 0; b < shot.waves.size(); ++b) {
+      if (channelFlags[shot.rows[b]] != 0) {
+        mergeChannels(shot.waves[a]->peaks, shot.waves[b]->peaks, samplingInterval);
+      }
+    }
+  }
+}
+
+}  // namespace
+
+template <class T>
+struct PeakDetectionFamily<T>::Row {
+  std::uint32_t number;
+  T const* samples;
+  int count;
+  double shotTime;
+  double sblTime;
+  unsigned char channelFlag;
+};
+
+template <class T>
+PeakDetectionFamily<T>::PeakDetectionFamily(FWFModus const& modus, ScannerDevice const& scanner,
+                                            std::filesystem::path const& outputDirectory,
+                                            std::filesystem::path const& inputFile,
+                                            unsigned int const& /*rlParameter*/)
+    : modus(modus), scanner(scanner), outputDirectory(outputDirectory), inputFile(inputFile) {}
+
+template <class T>
+ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
+                                      Kestra::MultiArray<1, unsigned short> const& counts,
+                                      Kestra::MultiArray<1, double> const& shotTimes,
+                                      Kestra::MultiArray<1, double> const& sblTimes,
+                                      Kestra::MultiArray<1, unsigned char> const& channelFlags,
+                                      int const& noise, std::string const& /*hostText*/) {
+  trace = {};
+  trace.started = std::chrono::system_clock::now();
+  if (!waveforms) {
+    Holdex::SpeakPtr::report("PeakDetectionFamily::apply: an empty pointer instead of waveforms");
+  }
+  std::size_t const rows = waveforms ? waveforms->rows() : 0;
+  std::size_t const columns = waveforms ? waveforms->columns() : 0;
+  std::size_t const placeable =
+      std::min({rows, counts.size(), shotTimes.size(), sblTimes.size(), channelFlags.size()});
+  trace.statistics.outputDirectory = outputDirectory;
+  trace.statistics.inputFile = inputFile;
+  trace.statistics.numberOfWaves = static_cast<std::int64_t>(rows);
+  trace.rowStates.assign(rows, RowState::NotPlaced);
+
+  ShotMap shots;
+  Misfits misfits;
+  for (std::size_t i = 0; i < placeable; ++i) {
+    T const* const samples = rowOf(*waveforms, i);
+    if (samples == nullptr || std::isnan(shotTimes[i])) {
+      continue;
+    }
+    misfits.cutCounts += counts[i] > columns ? 1U : 0U;
+    int const count = static_cast<int>(std::min<std::size_t>(counts[i], columns));
+    Row const row{static_cast<std::uint32_t>(i), samples, count, shotTimes[i], sblTimes[i], channelFlags[i]};
+    trace.rowStates[i] = processRow(row, noise, shots);
+  }
+  misfits.unplaced = static_cast<std::size_t>(
+      std::count(trace.rowStates.begin(), trace.rowStates.end(), RowState::NotPlaced));
+  speak(misfits, columns);
+
+  for (auto& [time, shot] : shots) {
+    finishShot(shot, channelFlags);
+  }
+  trace.statistics.writeWhenSuspicious();
+  trace.finished = std::chrono::system_clock::now();
+  return shots;
+}
+
+template <class T>
+RowState PeakDetectionFamily<T>::processRow(Row const& row, int noise, ShotMap& shots) {
+  WavePtr const wave(new WavePoints<T>(row.samples, row.channelFlag, row.shotTime, row.sblTime, row.count,
+                                       noise, scanner));
+  trace.statistics.countSegments(wave->startEnd.size());
+  if (!wave->signalIsAboveNoise()) {
+    ++trace.statistics.signalTooLow;
+    return RowState::SignalTooLow;
+  }
+  Shot& shot = shots[row.shotTime];
+  std::span<T const> const record(row.samples, static_cast<std::size_t>(row.count));
+  if (!shot.signatures.insert(signatureOf(record)).second) {
+    ++trace.statistics.duplicates;
+    return RowState::Duplicate;
+  }
+  extract(row, wave);
+  keepGoodPeaks(*wave);
+  setTimes(*wave);
+  shot.waves.push_back(wave);
+  shot.rows.push_back(row.number);
+  return RowState::Kept;
+}
+
+template <class T>
+void PeakDetectionFamily<T>::extract(Row const& row, WavePtr const& wave) {
+  switch (modus) {
+    case FWFModus::ThreePoint:
+      gaussVia3Points.apply(row.samples, wave);
+      break;
+    case FWFModus::Decomposition:
+    case FWFModus::Deconvolution:
+    case FWFModus::Hybrid:
+      break;
+  }
+}
+
+template <class T>
+void PeakDetectionFamily<T>::keepGoodPeaks(WavePoints<T>& wave) const {
+  markBadPeaks(wave.peaks, static_cast<int>(wave.globalStart), static_cast<int>(wave.globalEnd), wave.noise);
+  wave.peaks.remove_if([](Peak const& peak) { return peak.quality != GOOD; });
+  wave.sort_idx();
+}
+
+template <class T>
+void PeakDetectionFamily<T>::setTimes(WavePoints<T>& wave) const {
+  double const recordStart = wave.sblTime - scanner.t_ref;
+  auto const timeAt = [&](double index) { return index * scanner.sampling_time + recordStart; };
+  for (Peak& peak : wave.peaks) {
+    peak.time = timeAt(peak.idx);
+  }
+  wave.timeOfMaxAmplitude = timeAt(wave.idxOfMaxAmplitude);
+  wave.maxAmplitudeDB = toDecibel(wave.maxAmplitude, scanner.ampl_unit);
+}
+
+template <class T>
+void PeakDetectionFamily<T>::finishShot(Shot& shot,
+                                        Kestra::MultiArray<1, unsigned char> const& channelFlags) {
+  mergeShot(shot, channelFlags, scanner.sampling_time);
+  for (std::size_t i = 0; i < shot.waves.size(); ++i) {
+    WavePoints<T>& wave = *shot.waves[i];
+    trace.statistics.countNaNs += deleteInvalidPoints(wave, shot.rows[i]) ? 1U : 0U;
+    for (Peak& peak : wave.peaks) {
+      trace.amplitudesInCounts.push_back(peak.amplitude);
+      peak.amplitude = toDecibel(peak.amplitude, scanner.ampl_unit);
+    }
+  }
+}
+
+template class PeakDetectionFamily<unsigned short>;
+
+}  // namespace FullWaveform

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <fullwaveform/Export.h>
+#include <fullwaveform/driver/FWFModus.h>
+#include <fullwaveform/driver/RunStatistics.h>
+#include <fullwaveform/driver/ShotMap.h>
+#include <fullwaveform/fitting/FittingGaussVia3Points.h>
+#include <fullwaveform/host/MemArray.h>
+#include <fullwaveform/host/MultiArray.h>
+#include <fullwaveform/model/WavePoints.h>
+#include <fullwaveform/scanner/ScannerDevice.h>
+
+namespace FullWaveform {
+
+/// What became of one row of a block.
+enum class RowState : std::uint8_t {
+  Kept = 0,          ///< its waveform is in the shot map
+  SignalTooLow = 1,  ///< its strongest sample is not above the noise
+  Duplicate = 2,     ///< its shot held a waveform of the same signature already
+  NotPlaced = 3      ///< no shot time, or no value in one of the arrays: it was not looked at
+};
+
+/// What the driver remembers of its last block, beside the shot map.
+struct BlockTrace {
+  RunStatistics statistics;
+  std::vector<RowState> rowStates;        ///< one per row of the block
+  std::chrono::system_clock::time_point started;
+  std::chrono::system_clock::time_point finished;
+  std::vector<float> amplitudesInCounts;  ///< every echo of the map before decibels, in the map's order
+};
+
+/// The entry of the library: runs one extraction method over blocks of waveforms.
+///
+/// Built once per scan. Its methods keep working memory, so one driver serves one thread at a time.
+template <class T>
+class FULLWAVEFORM_EXPORT PeakDetectionFamily {
+ public:
+  FWFModus modus;
+  ScannerDevice scanner;  ///< the description that every waveform is built with
+  std::filesystem::path outputDirectory;
+  std::filesystem::path inputFile;
+  std::string message;  ///< for the operator; empty when there is nothing to say
+  FittingGaussVia3Points<T, ZeroCrossing> gaussVia3Points;
+
+  using Waveforms = Holdex::StrongPtr<Kestra::MemArray<2, T>>;
+
+  /// @param modus            the method
+  /// @param scanner          copied
+  /// @param outputDirectory  where the run statistics of suspicious blocks are appended
+  /// @param inputFile        names the file of the run statistics
+  /// @param rlParameter      longest waveform for the deconvolution, samples
+  PeakDetectionFamily(FWFModus const& modus, ScannerDevice const& scanner,
+                      std::filesystem::path const& outputDirectory, std::filesystem::path const& inputFile,
+                      unsigned int const& rlParameter);
+
+  /// Extracts the echoes of a block; all per-waveform arrays run along the rows of the block.
+  ///
+  /// @param waveforms     samples in counts, a row per waveform
+  /// @param counts        valid samples of each row; cut to the row's width
+  /// @param shotTimes     s; waveforms of equal time are one shot
+  /// @param sblTimes      s
+  /// @param channelFlags  0: normal channel, otherwise low power (1 is also kept as `isLowPower`)
+  /// @param noise         counts; negative: estimate it for every waveform
+  /// @param hostText      the host's note on the block; changes nothing
+  /// @return the shots with their waveforms and final echoes: times in s, amplitudes in dB
+  ///
+  /// Rows that cannot be placed (an array too short, a shot time that is not a number) are left out; one
+  /// console message per block says how many, and how many counts were cut.
+  ShotMap apply(Waveforms const& waveforms, Kestra::MultiArray<1, unsigned short> const& counts,
+                Kestra::MultiArray<1, double> const& shotTimes, Kestra::MultiArray<1, double> const& sblTimes,
+                Kestra::MultiArray<1, unsigned char> const& channelFlags, int const& noise,
+                std::string const& hostText);
+
+  /// The block that `apply` worked on last.
+  [[nodiscard]] BlockTrace const& lastBlock() const { return trace; }
+
+ private:
+  struct Row;
+
+  RowState processRow(Row const& row, int noise, ShotMap& shots);
+  void extract(Row const& row, WavePtr const& wave);
+  void keepGoodPeaks(WavePoints<T>& wave) const;
+  void setTimes(WavePoints<T>& wave) const;
+  void finishShot(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags);
+
+  BlockTrace trace;
+};
+
+extern template class PeakDetectionFamily<unsigned short>;
+
+}  // namespace FullWaveform

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <complex>
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <fullwaveform/Export.h>
+#include <fullwaveform/host/ReferenceBase.h>
+
+namespace Holdex {
+
+/// A run of values of some type in shared memory. The bytes of all living chunks are counted.
+class FULLWAVEFORM_EXPORT ChunkBase : public ReferenceBase<ChunkBase> {
+ public:
+  ~ChunkBase() override;
+
+  /// Bytes held by the elements of all living chunks of the process. Thread-safe.
+  static std::size_t memoryTotal() noexcept;
+
+ protected:
+  explicit ChunkBase(std::size_t countedBytes) noexcept;
+
+ private:
+  std::size_t bytes;
+};
+
+/// A chunk of a fixed number of elements of type T; used for double, float, std::string, std::complex<double>.
+template <class T>
+class FULLWAVEFORM_EXPORT Chunk : public ChunkBase {
+ public:
+  /// Elements are value-initialised: zero, or the empty text.
+  explicit Chunk(std::size_t count) : ChunkBase(count * sizeof(T)), elements(count) {}
+  explicit Chunk(std::vector<T> values)
+      : ChunkBase(values.size() * sizeof(T)), elements(std::move(values)) {}
+
+  [[nodiscard]] std::size_t size() const noexcept { return elements.size(); }
+  [[nodiscard]] bool empty() const noexcept { return elements.empty(); }
+  [[nodiscard]] T* data() noexcept { return elements.data(); }
+  [[nodiscard]] T const* data() const noexcept { return elements.data(); }
+  T& operator[](std::size_t index) { return elements[index]; }
+  T const& operator[](std::size_t index) const { return elements[index]; }
+  [[nodiscard]] auto begin() noexcept { return elements.begin(); }
+  [[nodiscard]] auto end() noexcept { return elements.end(); }
+  [[nodiscard]] auto begin() const noexcept { return elements.begin(); }
+  [[nodiscard]] auto end() const noexcept { return elements.end(); }
+
+ private:
+  std::vector<T> elements;
+};
+
+extern template class Chunk<double>;
+extern template class Chunk<float>;
+extern template class Chunk<std::string>;
+extern template class Chunk<std::complex<double>>;
+
+}  // namespace Holdex

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstddef>
+#include <span>
+#include <utility>
+#include <vector>
+
+namespace Kestra {
+
+template <std::size_t Rank, class T>
+class MultiArray;
+
+/// A one-dimensional array that owns its elements or looks at foreign memory, which must outlive it.
+template <class T>
+class MultiArray<1, T> {
+ public:
+  MultiArray() = default;
+  explicit MultiArray(std::vector<T> values) : owned(std::move(values)), elements(owned) {}
+  explicit MultiArray(std::span<T const> foreign) : elements(foreign) {}
+  MultiArray(MultiArray const& other) : owned(other.owned), elements(other.isOwner() ? owned : other.elements) {}
+  MultiArray(MultiArray&& other) noexcept : elements(other.elements) {
+    owned = std::move(other.owned);  // the elements stay where they are: `elements` keeps pointing at them
+    other.elements = {};
+  }
+  MultiArray& operator=(MultiArray other) noexcept {
+    owned.swap(other.owned);
+    std::swap(elements, other.elements);
+    return *this;
+  }
+  ~MultiArray() = default;
+
+  [[nodiscard]] std::size_t size() const noexcept { return elements.size(); }
+  T const& operator[](std::size_t index) const { return elements[index]; }
+
+ private:
+  [[nodiscard]] bool isOwner() const noexcept { return !owned.empty(); }
+
+  std::vector<T> owned;
+  std::span<T const> elements;
+};
+
+}  // namespace Kestra

@@ -1,0 +1,11 @@
+#pragma once
+
+namespace FullWaveform {
+
+/// Speed of light in air in m/s, for light that travels one way.
+inline constexpr double speedOfLightInAir = 299708256.0;
+
+/// Metres of range per second of two-way travel time.
+inline constexpr double halfSpeedOfLightInAir = 149854128.0;
+
+}  // namespace FullWaveform

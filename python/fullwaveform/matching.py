@@ -1,0 +1,170 @@
+"""Pairs of echoes that are the same one, found twice: by two methods, or found and true."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+
+import numpy as np
+import numpy.typing as npt
+
+FloatArray = npt.NDArray[np.float64]
+IndexArray = npt.NDArray[np.int64]
+BoolArray = npt.NDArray[np.bool_]
+
+
+@dataclass(frozen=True, slots=True)
+class Matching:
+    """One-to-one pairs, ascending by found echo, and what was left over, ascending."""
+
+    found_index: IndexArray  # rows of the found echoes
+    ref_index: IndexArray  # rows of their partners, same length
+    difference: FloatArray  # found less reference position, in the unit of the positions
+    unmatched_found: IndexArray
+    unmatched_ref: IndexArray
+
+    def __len__(self) -> int:
+        return len(self.found_index)
+
+
+@dataclass(frozen=True, slots=True)
+class MatchStatistics:
+    """Counts and differences of a matching; the differences are NaN when there is no pair."""
+
+    matched: int
+    unmatched_found: int
+    unmatched_ref: int
+    mean: float
+    median: float
+    rms: float
+    absolute_percentiles: dict[float, float]  # percent -> that percentile of |difference|
+
+
+def match_echoes(
+    found_group: npt.ArrayLike,
+    found_pos: npt.ArrayLike,
+    ref_group: npt.ArrayLike,
+    ref_pos: npt.ArrayLike,
+    tolerance: float,
+) -> Matching:
+    """Pairs each echo with at most one reference of its group, nearest pairs first.
+
+    Groups (shot numbers, or shot times equal to the last bit) and positions are one-dimensional,
+    group and position of one side of equal length. A pair's positions differ by `tolerance` or
+    less. Of two pairs equally close that want the same echo, the one at smaller positions is
+    taken. An echo whose position is not finite, or whose group is NaN, matches nothing.
+
+    Raises ValueError when lengths differ, when one side's groups are integers and the other's
+    are not, or when the tolerance is negative or NaN.
+    """
+    if not tolerance >= 0:
+        raise ValueError(f"the tolerance is {tolerance}, but must be 0 or more")
+    found_key, found_at = _columns(found_group, found_pos, "found")
+    ref_key, ref_at = _columns(ref_group, ref_pos, "reference")
+    key = _joined_keys(found_key, ref_key)
+    position = np.concatenate([found_at, ref_at])
+    rows = _sorted_rows(key, position)
+    found, ref = _pair_rows(rows, key, position, len(found_at), tolerance)
+    order = np.argsort(found)
+    found, ref = found[order], ref[order] - len(found_at)
+    return Matching(
+        found_index=found,
+        ref_index=ref,
+        difference=found_at[found] - ref_at[ref],
+        unmatched_found=_others(found, len(found_at)),
+        unmatched_ref=_others(ref, len(ref_at)),
+    )
+
+
+def summarise(
+    matching: Matching, percentiles: tuple[float, ...] = (50.0, 90.0, 95.0, 99.0)
+) -> MatchStatistics:
+    """Counts, bias and spread of the differences of a matching."""
+    difference = matching.difference
+    if len(difference) == 0:
+        nan = float("nan")
+        mean = median = rms = nan
+        absolute = dict.fromkeys(percentiles, nan)
+    else:
+        mean, median = float(np.mean(difference)), float(np.median(difference))
+        rms = float(np.sqrt(np.mean(difference**2)))
+        values = np.percentile(np.abs(difference), percentiles)
+        absolute = dict(zip(percentiles, values.tolist(), strict=True))
+    return MatchStatistics(
+        matched=len(matching),
+        unmatched_found=len(matching.unmatched_found),
+        unmatched_ref=len(matching.unmatched_ref),
+        mean=mean,
+        median=median,
+        rms=rms,
+        absolute_percentiles=absolute,
+    )
+
+
+def _columns(
+    group: npt.ArrayLike, position: npt.ArrayLike, side: str
+) -> tuple[npt.NDArray[np.generic], FloatArray]:
+    key, at = np.asarray(group), np.asarray(position, dtype=np.float64)
+    if key.ndim != 1 or key.shape != at.shape:
+        raise ValueError(
+            f"groups {key.shape} and positions {at.shape} of the {side} echoes "
+            "must be one-dimensional and equally long"
+        )
+    return key, at
+
+
+def _joined_keys(
+    found: npt.NDArray[np.generic], ref: npt.NDArray[np.generic]
+) -> npt.NDArray[np.generic]:
+    """Both sides' groups in one type that keeps every value apart."""
+    sides = [side for side in (found, ref) if len(side)]
+    joined = np.concatenate(sides or [found])
+    whole = [side.dtype.kind in "iu" for side in sides]
+    real = [side.dtype.kind in "iuf" for side in sides]
+    # 64-bit integers lose digits as float64, and so would two shots become one.
+    if not all(real) or any(whole) != all(whole) or (all(whole) and joined.dtype.kind == "f"):
+        raise ValueError(f"groups of type {found.dtype} and {ref.dtype} cannot be compared exactly")
+    return joined
+
+
+def _sorted_rows(key: npt.NDArray[np.generic], position: FloatArray) -> IndexArray:
+    """Rows that can match, by group and position."""
+    known = ~np.isnan(key) if key.dtype.kind == "f" else np.ones(len(key), dtype=np.bool_)
+    usable = np.flatnonzero(np.isfinite(position) & known)
+    return np.asarray(usable[np.lexsort((position[usable], key[usable]))])
+
+
+def _pair_rows(
+    rows: IndexArray,
+    key: npt.NDArray[np.generic],
+    position: FloatArray,
+    found_count: int,
+    tolerance: float,
+) -> tuple[IndexArray, IndexArray]:
+    """Rows of found and of reference echoes that belong together.
+
+    In the sorted row of a group the closest pair always stands side by side. Each round takes the
+    neighbours that are closer to each other than to the neighbours on either side, so every round
+    takes at least the closest pair of each group.
+    """
+    pairs = [np.empty((0, 2), dtype=np.int64)]
+    while True:
+        gap = np.diff(position[rows])
+        is_found = rows < found_count
+        fits = (key[rows][1:] == key[rows][:-1]) & (is_found[1:] != is_found[:-1])
+        gap = np.where(fits & (gap <= tolerance), gap, np.inf)
+        padded = np.concatenate([[np.inf], gap, [np.inf]])
+        # "less than" on one side only: of equal gaps in a row the first is taken.
+        taken = np.flatnonzero((gap < padded[:-2]) & (gap <= padded[2:]) & np.isfinite(gap))
+        if len(taken) == 0:
+            break
+        pairs.append(np.sort(np.column_stack([rows[taken], rows[taken + 1]]), axis=1))
+        rows = np.delete(rows, np.concatenate([taken, taken + 1]))
+    together = np.concatenate(pairs)
+    return together[:, 0], together[:, 1]
+
+
+def _others(rows: IndexArray, count: int) -> IndexArray:
+    """The row numbers below `count` that are not among `rows`."""
+    left: BoolArray = np.ones(count, dtype=np.bool_)
+    left[rows] = False
+    return np.flatnonzero(left)
