@@ -10,7 +10,7 @@
 namespace FullWaveform {
 
 /// Settings of the simple peak finder: local maxima, where the first difference turns from rising to falling.
-class ZeroCrossing {
+class FULLWAVEFORM_EXPORT ZeroCrossing {
  public:
   /// Given a sample and its index, the value to use for it, in counts.
   using SampleAccessor = std::function<unsigned short(unsigned short const& sample, double index)>;
