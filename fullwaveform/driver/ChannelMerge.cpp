@@ -6,8 +6,8 @@
 namespace FullWaveform {
 namespace {
 
-constexpr float saturated = 3000.0F;         // counts
-constexpr double sameEchoIntervals = 3.0;    // sampling intervals
+constexpr float saturated = 3000.0F;       // counts
+constexpr double sameEchoIntervals = 3.0;  // sampling intervals
 
 }  // namespace
 

@@ -71,7 +71,8 @@ bool deleteInvalidPoints(WavePoints<T>& wave, std::uint32_t row) {
 
 /// Merges every waveform of the normal channel (flag 0) with every one of the low-power channel, in their
 /// order of arrival.
-void mergeShot(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags, double samplingInterval) {
+void mergeShot(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags,
+               double samplingInterval) {
   if (shot.waves.size() < 2) {
     return;
   }
@@ -153,8 +154,8 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
 
 template <class T>
 RowState PeakDetectionFamily<T>::processRow(Row const& row, int noise, ShotMap& shots) {
-  WavePtr const wave(new WavePoints<T>(row.samples, row.channelFlag, row.shotTime, row.sblTime, row.count,
-                                       noise, scanner));
+  WavePtr const wave(
+      new WavePoints<T>(row.samples, row.channelFlag, row.shotTime, row.sblTime, row.count, noise, scanner));
   trace.statistics.countSegments(wave->startEnd.size());
   if (!wave->signalIsAboveNoise()) {
     ++trace.statistics.signalTooLow;

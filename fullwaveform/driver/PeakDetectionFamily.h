@@ -29,7 +29,7 @@ enum class RowState : std::uint8_t {
 /// What the driver remembers of its last block, beside the shot map.
 struct BlockTrace {
   RunStatistics statistics;
-  std::vector<RowState> rowStates;        ///< one per row of the block
+  std::vector<RowState> rowStates;  ///< one per row of the block
   std::chrono::system_clock::time_point started;
   std::chrono::system_clock::time_point finished;
   std::vector<float> amplitudesInCounts;  ///< every echo of the map before decibels, in the map's order

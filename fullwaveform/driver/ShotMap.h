@@ -13,7 +13,7 @@ namespace FullWaveform {
 struct Shot {
   std::set<std::uint32_t> signatures;  ///< sample signatures seen, to find repeated waveforms
   std::vector<WavePtr> waves;
-  std::vector<std::uint32_t> rows;     ///< row of each waveform in the block
+  std::vector<std::uint32_t> rows;  ///< row of each waveform in the block
 };
 
 /// Shots by their time in seconds, ascending.

@@ -26,14 +26,14 @@ class FULLWAVEFORM_EXPORT ChunkBase : public ReferenceBase<ChunkBase> {
   std::size_t bytes;
 };
 
-/// A chunk of a fixed number of elements of type T; used for double, float, std::string, std::complex<double>.
+/// A chunk of a fixed number of elements of type T; used for double, float, std::string,
+/// std::complex<double>.
 template <class T>
 class FULLWAVEFORM_EXPORT Chunk : public ChunkBase {
  public:
   /// Elements are value-initialised: zero, or the empty text.
   explicit Chunk(std::size_t count) : ChunkBase(count * sizeof(T)), elements(count) {}
-  explicit Chunk(std::vector<T> values)
-      : ChunkBase(values.size() * sizeof(T)), elements(std::move(values)) {}
+  explicit Chunk(std::vector<T> values) : ChunkBase(values.size() * sizeof(T)), elements(std::move(values)) {}
 
   [[nodiscard]] std::size_t size() const noexcept { return elements.size(); }
   [[nodiscard]] bool empty() const noexcept { return elements.empty(); }

@@ -25,8 +25,7 @@ class MemArray<2, T> : public Holdex::ReferenceBase<MemArray<2, T>> {
   using RowAccessor = std::function<T const*(std::size_t row)>;
 
   /// Owns rows x columns elements; `values` must hold exactly that many, missing ones are zero.
-  MemArray(Shape rowsAndColumns, std::vector<T> values)
-      : shape(rowsAndColumns), owned(std::move(values)) {
+  MemArray(Shape rowsAndColumns, std::vector<T> values) : shape(rowsAndColumns), owned(std::move(values)) {
     owned.resize(shape[0] * shape[1]);
     first = owned.data();
   }

@@ -17,7 +17,8 @@ class MultiArray<1, T> {
   MultiArray() = default;
   explicit MultiArray(std::vector<T> values) : owned(std::move(values)), elements(owned) {}
   explicit MultiArray(std::span<T const> foreign) : elements(foreign) {}
-  MultiArray(MultiArray const& other) : owned(other.owned), elements(other.isOwner() ? owned : other.elements) {}
+  MultiArray(MultiArray const& other)
+      : owned(other.owned), elements(other.isOwner() ? owned : other.elements) {}
   MultiArray(MultiArray&& other) noexcept : elements(other.elements) {
     owned = std::move(other.owned);  // the elements stay where they are: `elements` keeps pointing at them
     other.elements = {};

@@ -58,7 +58,9 @@ class StrongPtr {
   }
 
  private:
-  static ReferenceRecord* recordOf(T* fresh) noexcept { return fresh == nullptr ? nullptr : &fresh->record(); }
+  static ReferenceRecord* recordOf(T* fresh) noexcept {
+    return fresh == nullptr ? nullptr : &fresh->record();
+  }
 
   T* checked() const {
     if (object == nullptr) {

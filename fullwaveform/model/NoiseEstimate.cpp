@@ -67,7 +67,8 @@ std::uint32_t estimateNoise(std::span<unsigned short const> samples) {
   if (collected.size() < 2) {
     return defaultNoise;
   }
-  double const peakRaw = std::max<double>(samples.front(), *std::max_element(collected.begin(), collected.end()));
+  double const peakRaw =
+      std::max<double>(samples.front(), *std::max_element(collected.begin(), collected.end()));
 
   // The flatter end of the record: an echo decays slowly, so the lower end is the quieter one.
   std::span<double const> const values(collected);

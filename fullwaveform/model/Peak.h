@@ -27,17 +27,17 @@ FULLWAVEFORM_EXPORT std::string convertType(TYPE type);
 
 /// One echo of one waveform: a plain record, copied bytewise.
 ///
-/// The fields hold quality before type while the constructor takes type before quality; both orders are fixed.
-/// The field `std` hides the namespace of that name inside this class, hence `::std`.
+/// The fields hold quality before type while the constructor takes type before quality; both orders are
+/// fixed. The field `std` hides the namespace of that name inside this class, hence `::std`.
 class FULLWAVEFORM_EXPORT Peak {
  public:
-  float amplitude;              ///< digitiser counts; dB once the driver is done
-  double idx;                   ///< fractional sample index in the buffer the method worked on
-  double time;                  ///< s
-  QUALITY quality;              ///< trust mark
-  TYPE type;                    ///< how the echo was found
-  double std;                   ///< standard deviation of the echo, samples
-  unsigned char classification; ///< class code of the host's echo classification
+  float amplitude;               ///< digitiser counts; dB once the driver is done
+  double idx;                    ///< fractional sample index in the buffer the method worked on
+  double time;                   ///< s
+  QUALITY quality;               ///< trust mark
+  TYPE type;                     ///< how the echo was found
+  double std;                    ///< standard deviation of the echo, samples
+  unsigned char classification;  ///< class code of the host's echo classification
   float reflectance;
 
   Peak(double const& amplitude, double const& idx, double const& time, TYPE const& type,

@@ -24,7 +24,7 @@ class FULLWAVEFORM_EXPORT WavePoints : public AdditionalAttributesPerWave,
                                        public Holdex::ReferenceBase<WavePoints<T>> {
  public:
   std::uint32_t idxOfMaxAmplitude = 0;
-  T maxAmplitude = 0;                                 ///< counts
+  T maxAmplitude = 0;  ///< counts
   std::list<Peak> peaks;
   double binShift = 0.0;                              ///< samples
   std::uint32_t length = 0;                           ///< samples

@@ -17,20 +17,20 @@ template <class T>
 std::string analysisLines(WavePoints<T> const& wave) {
   // The noise is in counts although its label says dB, and the strongest sample's time is turned into metres
   // with the full speed of light although peaks use the half: readers of the report rely on both.
-  return "bin_shift: " + shortestText(wave.binShift) + " [-]\n" +                                          //
-         "Length: " + signedText(wave.length) + " [-]\n" +                                                 //
-         "Noise: " + signedText16(wave.noise) + " [db]\n" +                                                //
-         "MaxAmplitude: " + signedText16(wave.maxAmplitude) + " [-]\n" +                                   //
-         "MaxAmplitudeDB: " + shortestText(wave.maxAmplitudeDB) + " [db]\n" +                              //
-         "IdxOfMaxAmplitude: " + signedText(wave.idxOfMaxAmplitude) + " [-]\n" +                           //
-         "TimeOfMaxAmplitude: " + shortestText(wave.timeOfMaxAmplitude * speedOfLightInAir) + " [m]\n" +   //
-         "GlobalStart: " + signedText(wave.globalStart) +                                                  //
-         " GlobalEnd: " + signedText(wave.globalEnd) + " [-]\n" +                                          //
-         "LengthCropped: " + signedText(wave.lengthCropped) + " [-]\n" +                                   //
-         "IsLowPower: " + (wave.isLowPower ? "yes" : "no") + "\n" +                                        //
-         "shot_time: " + shortestText(wave.shotTime) + " [s]\n" +                                          //
-         "sbl_time: " + shortestText(wave.sblTime * 1000000000.0) + " [ns]\n" +                            //
-         "damping: " + shortestText(wave.damping) + " [-]\n" +                                             //
+  return "bin_shift: " + shortestText(wave.binShift) + " [-]\n" +                                         //
+         "Length: " + signedText(wave.length) + " [-]\n" +                                                //
+         "Noise: " + signedText16(wave.noise) + " [db]\n" +                                               //
+         "MaxAmplitude: " + signedText16(wave.maxAmplitude) + " [-]\n" +                                  //
+         "MaxAmplitudeDB: " + shortestText(wave.maxAmplitudeDB) + " [db]\n" +                             //
+         "IdxOfMaxAmplitude: " + signedText(wave.idxOfMaxAmplitude) + " [-]\n" +                          //
+         "TimeOfMaxAmplitude: " + shortestText(wave.timeOfMaxAmplitude * speedOfLightInAir) + " [m]\n" +  //
+         "GlobalStart: " + signedText(wave.globalStart) +                                                 //
+         " GlobalEnd: " + signedText(wave.globalEnd) + " [-]\n" +                                         //
+         "LengthCropped: " + signedText(wave.lengthCropped) + " [-]\n" +                                  //
+         "IsLowPower: " + (wave.isLowPower ? "yes" : "no") + "\n" +                                       //
+         "shot_time: " + shortestText(wave.shotTime) + " [s]\n" +                                         //
+         "sbl_time: " + shortestText(wave.sblTime * 1000000000.0) + " [ns]\n" +                           //
+         "damping: " + shortestText(wave.damping) + " [-]\n" +                                            //
          "IsOnline: " + (wave.online ? "Online" : "FWF") + "\n";
 }
 
@@ -44,8 +44,8 @@ std::string windowLines(WavePoints<T> const& wave) {
   }
   k = 0;
   for (auto const& [start, end] : wave.startEnd) {
-    lines += "StartEnd: " + std::to_string(k++) + " from: " + signedText(start) +
-             " to: " + signedText(end) + "\n";
+    lines +=
+        "StartEnd: " + std::to_string(k++) + " from: " + signedText(start) + " to: " + signedText(end) + "\n";
   }
   return lines;
 }
@@ -69,11 +69,11 @@ std::string WavePoints<T>::printLengthAtMaxAmplitude(double const& speed) const 
   double const first = peaks.front().time;
   double const last = peaks.back().time;
   // The order of the factors decides the last printed digit.
-  return "#" + std::to_string(peaks.size()) +                                   //
-         " E:" + shortestText(last * speed * 0.5) +                             //
-         " S:" + shortestText(speed * 0.5 * first) +                            //
-         " S-E:" + shortestText((last - first) * speed * 0.5) +                 //
-         " LengthMaxPos: " + shortestText(speed * 0.5 * timeOfMaxAmplitude) +   //
+  return "#" + std::to_string(peaks.size()) +                                  //
+         " E:" + shortestText(last * speed * 0.5) +                            //
+         " S:" + shortestText(speed * 0.5 * first) +                           //
+         " S-E:" + shortestText((last - first) * speed * 0.5) +                //
+         " LengthMaxPos: " + shortestText(speed * 0.5 * timeOfMaxAmplitude) +  //
          " T:" + (online ? "Online" : "FWF");
 }
 

@@ -21,25 +21,25 @@ class FULLWAVEFORM_EXPORT ScannerDevice : public ExtraAttributes {
   using ComplexTable = Holdex::StrongPtr<Holdex::Chunk<std::complex<double>>>;
   using ReflectanceTable = Holdex::DynamicPtr<Holdex::Chunk<float>, Holdex::ChunkBase>;
 
-  double noise_level_for_mta = 8.6;                    ///< dB
-  double window_echo_time = 6.673156177586246e-09;     ///< s, 1.0 m of range
-  std::uint32_t buffer_size = 200;                     ///< samples
-  std::uint32_t size_sys = 12;                         ///< length of the system wave, samples
-  std::uint32_t up_sampling = 5;                       ///< steps per sample in the deconvolution
-  double t_ref = 0.0;                                  ///< s, origin of the SBL times
-  double group_velocity = 0.0;                         ///< m/s
-  double sampling_time = 0.0;                          ///< s per sample
-  double unambiguous_range = 0.0;                      ///< m
-  float wavelength = 0.0F;                             ///< nm
+  double noise_level_for_mta = 8.6;                 ///< dB
+  double window_echo_time = 6.673156177586246e-09;  ///< s, 1.0 m of range
+  std::uint32_t buffer_size = 200;                  ///< samples
+  std::uint32_t size_sys = 12;                      ///< length of the system wave, samples
+  std::uint32_t up_sampling = 5;                    ///< steps per sample in the deconvolution
+  double t_ref = 0.0;                               ///< s, origin of the SBL times
+  double group_velocity = 0.0;                      ///< m/s
+  double sampling_time = 0.0;                       ///< s per sample
+  double unambiguous_range = 0.0;                   ///< m
+  float wavelength = 0.0F;                          ///< nm
   std::string serial;
   std::string type_id;
   std::string build;
-  ComplexTable expsum_a;                               ///< coefficients of the system wave
-  ComplexTable expsum_b;                               ///< exponents of the system wave, 1/s
+  ComplexTable expsum_a;  ///< coefficients of the system wave
+  ComplexTable expsum_b;  ///< exponents of the system wave, 1/s
   double refl_delta = 0.1373470495519926;
   ReflectanceTable refl_tableC;
-  double ampl_unit = 0.009999999776482582;             ///< single-precision 0.01, widened; meant
-  bool complete = false;                               ///< construction found all it needs
+  double ampl_unit = 0.009999999776482582;  ///< single-precision 0.01, widened; meant
+  bool complete = false;                    ///< construction found all it needs
 
   /// A scanner of which nothing is known yet.
   ScannerDevice();
