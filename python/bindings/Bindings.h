@@ -1,0 +1,9 @@
+#pragma once
+
+#include <nanobind/nanobind.h>
+
+/// One function per room of the library; each adds its part to the module `fullwaveform._core`.
+void bindHost(nanobind::module_& module);
+void bindScanner(nanobind::module_& module);
+void bindModel(nanobind::module_& module);
+void bindDriver(nanobind::module_& module);

@@ -1,0 +1,65 @@
+"""Types of the compiled module; the arrays it takes must have exactly the types given here."""
+
+from collections.abc import Sequence
+from typing import Any
+
+import numpy as np
+import numpy.typing as npt
+
+SPEED_OF_LIGHT_IN_AIR: float
+
+def take_messages() -> list[str]: ...
+def chunk_memory_total() -> int: ...
+def after_pulse_class() -> int: ...
+def type_text(type: int) -> str: ...
+def estimate_noise(samples: npt.NDArray[np.uint16]) -> int: ...
+def mode_name(mode: int) -> str: ...
+
+class Grid:
+    def __init__(self) -> None: ...
+    def set_double(self, field: str, name: str, values: Sequence[float]) -> None: ...
+    def set_float(self, field: str, name: str, values: Sequence[float]) -> None: ...
+    def set_text(self, field: str, name: str, values: Sequence[str]) -> None: ...
+
+class ScannerDevice:
+    def __init__(self, scanner_grid: Grid, waveform_grid: Grid | None) -> None: ...
+    def speak(self) -> str: ...
+    def getMTALengthAsTime(self) -> float: ...
+    def set_after_pulse(self, offset: int, width: int) -> None: ...
+    has_system_wave: bool
+    complete: bool
+    sampling_time: float
+    t_ref: float
+    group_velocity: float
+    unambiguous_range: float
+    wavelength: float
+    serial: str
+    type_id: str
+    build: str
+    ampl_unit: float
+    refl_delta: float
+    bin_shift: float
+    scan_kind: int
+    afterpulse_offset: int
+    afterpulse_width: int
+
+class PeakDetectionFamily:
+    def __init__(
+        self,
+        mode: int,
+        scanner: ScannerDevice,
+        output_directory: str,
+        input_file: str,
+        longest_waveform: int,
+    ) -> None: ...
+    message: str
+    def apply(
+        self,
+        samples: npt.NDArray[np.uint16],
+        counts: npt.NDArray[np.uint16],
+        shot_times: npt.NDArray[np.float64],
+        sbl_times: npt.NDArray[np.float64],
+        channel_flags: npt.NDArray[np.uint8],
+        noise: int,
+        text: str,
+    ) -> dict[str, Any]: ...

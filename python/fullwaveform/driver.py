@@ -1,0 +1,289 @@
+"""The driver: blocks of waveforms in, columns of waveforms and echoes out."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator, Mapping
+from dataclasses import dataclass
+from enum import IntEnum
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+import numpy.typing as npt
+import pyarrow as pa
+
+from fullwaveform import _core
+from fullwaveform.console import forward_messages
+from fullwaveform.scanner import Scanner
+
+# A directory that cannot exist: the library skips a report that it cannot open.
+_NO_DIRECTORY = "/dev/null"
+_LARGEST_COUNT = 65535
+
+
+class Mode(IntEnum):
+    """Extraction method of a driver."""
+
+    THREE_POINT = 0
+    DECOMPOSITION = 1
+    DECONVOLUTION = 2
+    HYBRID = 3
+
+    @property
+    def title(self) -> str:
+        """Display name."""
+        return _core.mode_name(int(self)).strip()
+
+
+#: The modes that this version can run.
+AVAILABLE_MODES = (Mode.THREE_POINT,)
+
+
+class RowState(IntEnum):
+    """What became of one row of a block."""
+
+    KEPT = 0
+    SIGNAL_TOO_LOW = 1
+    DUPLICATE = 2
+    NOT_PLACED = 3
+
+
+class Columns(Mapping[str, npt.NDArray[Any]]):
+    """A table as NumPy columns of equal length, by name."""
+
+    def __init__(self, columns: Mapping[str, npt.NDArray[Any]]) -> None:
+        self._columns = dict(columns)
+
+    def __getitem__(self, name: str) -> npt.NDArray[Any]:
+        return self._columns[name]
+
+    def __iter__(self) -> Iterator[str]:
+        return iter(self._columns)
+
+    def __len__(self) -> int:
+        """Number of columns, as of any mapping; `rows` tells the length of the table."""
+        return len(self._columns)
+
+    def __repr__(self) -> str:
+        return f"Columns({self.rows} rows: {', '.join(self._columns)})"
+
+    @property
+    def rows(self) -> int:
+        """Length of the columns."""
+        return len(next(iter(self._columns.values())))
+
+    def to_arrow(self) -> pa.Table:
+        """The same table for pyarrow."""
+        return pa.table(self._columns)
+
+
+@dataclass(frozen=True)
+class Result:
+    """What one block gave; shots stand in ascending order of their time.
+
+    waveforms : one row per waveform above its noise: ``row`` (of the samples), every value of the analysis
+        under its own name (times in s, ``maxAmplitudeDB`` in dB, positions in samples), ``afterPulseFrom``
+        and ``afterPulseTo`` (NaN without a window), ``segmentCount``, ``peakCount``
+    segments : stretches above the noise: ``waveform`` (row in `waveforms`), ``start``, ``end``
+    peaks : one row per echo: ``waveform`` (row in `waveforms`), ``row`` (of the samples), ``amplitude`` (dB),
+        ``amplitudeCounts``, ``idx`` (samples), ``time`` (s), ``quality``, ``type``, ``std`` (samples),
+        ``classification``, ``reflectance``
+    row_states : (n,) uint8, one `RowState` per row of the samples
+    statistics : counters of the block
+    """
+
+    waveforms: Columns
+    segments: Columns
+    peaks: Columns
+    row_states: npt.NDArray[np.uint8]
+    statistics: Mapping[str, Any]
+
+
+class Driver:
+    """Runs one extraction method over blocks of waveforms.
+
+    Parameters
+    ----------
+    mode : Mode or int
+        0 three-point Gauss fit, 1 decomposition, 2 deconvolution, 3 hybrid.
+    scanner : Scanner
+        Must know its sampling interval.
+    report_directory : path, optional
+        Where the statistics of suspicious blocks are appended; None writes none.
+    input_file : str
+        Names the file of the statistics, by its stem.
+    longest_waveform : int
+        Samples of the longest waveform that a deconvolution will meet.
+
+    Raises
+    ------
+    ValueError
+        The mode is none or not available, or the scanner is not complete.
+
+    A driver serves one call at a time; a second thread waits. Use one driver per thread.
+    """
+
+    def __init__(
+        self,
+        mode: Mode | int,
+        scanner: Scanner,
+        *,
+        report_directory: str | Path | None = None,
+        input_file: str | Path = "waveforms",
+        longest_waveform: int = 400,
+    ) -> None:
+        self.mode = checked_mode(mode)
+        self.scanner = scanner
+        self._driver = _core.PeakDetectionFamily(
+            int(self.mode),
+            scanner.device(),
+            _NO_DIRECTORY if report_directory is None else str(report_directory),
+            str(input_file),
+            longest_waveform,
+        )
+        forward_messages()
+
+    @property
+    def message(self) -> str:
+        """What the operator should know about this driver; empty when there is nothing."""
+        return self._driver.message
+
+    def apply(
+        self,
+        samples: npt.NDArray[np.uint16],
+        counts: npt.ArrayLike | None = None,
+        shot_times: npt.ArrayLike | None = None,
+        sbl_times: npt.ArrayLike | None = None,
+        channel_flags: npt.ArrayLike | None = None,
+        *,
+        noise: int = -1,
+        text: str = "",
+    ) -> Result:
+        """Extracts the echoes of a block.
+
+        Parameters
+        ----------
+        samples : (n, width) uint16
+            Counts; read where they are, without a copy. Samples of a row must lie side by side in memory.
+        counts : (n,) integers, optional
+            Valid samples of each row, at most `width`; all of them when left out.
+        shot_times : (n,) float, optional
+            Seconds; equal times make one shot. Left out: every row is a shot of its own, 0, 1, 2 ...
+        sbl_times : (n,) float, optional
+            Seconds; 0 when left out.
+        channel_flags : (n,) integers, optional
+            0 normal, 1 low power (the default when left out).
+        noise : int
+            Noise level in counts, 0 to 65535; negative: estimated for every waveform.
+
+        Raises
+        ------
+        ValueError
+            A shape, type, count or time does not fit; the sentence names it.
+        """
+        samples = _checked_samples(samples)
+        rows, width = samples.shape
+        arguments = (
+            _checked_counts(np.full(rows, width) if counts is None else counts, rows, width),
+            _checked_times(np.arange(rows) if shot_times is None else shot_times, "shot_times", rows),
+            _checked_times(np.zeros(rows) if sbl_times is None else sbl_times, "sbl_times", rows),
+            _checked_flags(np.ones(rows, np.uint8) if channel_flags is None else channel_flags, rows),
+        )
+        result = self._driver.apply(samples, *arguments, _checked_noise(noise), text)
+        forward_messages()
+        return _result(result)
+
+
+def checked_mode(mode: Mode | int) -> Mode:
+    """The mode; ValueError when there is none of that number or it cannot run."""
+    try:
+        known = Mode(mode)
+    except ValueError:
+        raise ValueError(f"mode {mode!r} is none of 0, 1, 2, 3") from None
+    if known not in AVAILABLE_MODES:
+        available = ", ".join(str(int(m)) for m in AVAILABLE_MODES)
+        raise ValueError(f"mode {int(known)} ({known.title}) is not available; available: {available}")
+    return known
+
+
+def _result(raw: dict[str, Any]) -> Result:
+    waveforms = raw["waveforms"]
+    for name in ("isLowPower", "online"):
+        waveforms[name] = waveforms[name].view(np.bool_)
+    return Result(
+        Columns(waveforms),
+        Columns(raw["segments"]),
+        Columns(raw["peaks"]),
+        raw["row_states"],
+        raw["statistics"],
+    )
+
+
+def _checked_samples(samples: npt.NDArray[np.uint16]) -> npt.NDArray[np.uint16]:
+    array = np.asarray(samples)
+    if array.ndim != 2:
+        raise ValueError(f"samples must have 2 dimensions (waveform, sample), not {array.ndim}")
+    if array.dtype != np.uint16:
+        raise ValueError(f"samples must be uint16 in native byte order, not {array.dtype.str}")
+    rows, width = array.shape
+    if width > _LARGEST_COUNT:
+        raise ValueError(f"samples have {width} columns, at most {_LARGEST_COUNT} are allowed")
+    if (array.strides[1] != 2 and rows > 0 and width > 1) or array.strides[0] % 2:
+        raise ValueError(
+            "the samples of a row must lie side by side in memory; use numpy.ascontiguousarray"
+        )
+    return array
+
+
+def _checked_column(values: npt.ArrayLike, name: str, rows: int) -> npt.NDArray[Any]:
+    array = np.asarray(values)
+    if array.ndim != 1:
+        raise ValueError(f"{name} must have 1 dimension, not {array.ndim}")
+    if len(array) != rows:
+        raise ValueError(f"{name} has {len(array)} values, but samples have {rows} rows")
+    return array
+
+
+def _checked_integers(
+    values: npt.ArrayLike, name: str, rows: int, largest: int, rule: str
+) -> npt.NDArray[Any]:
+    array = _checked_column(values, name, rows)
+    if not (np.issubdtype(array.dtype, np.integer) or (rows == 0 and array.size == 0)):
+        raise ValueError(f"{name} must be integers, not {array.dtype}")
+    wrong = np.flatnonzero((array < 0) | (array > largest))
+    if wrong.size:
+        row = int(wrong[0])
+        raise ValueError(f"{name}: {array[row]} of waveform {row} {rule}")
+    return array
+
+
+def _checked_counts(values: npt.ArrayLike, rows: int, width: int) -> npt.NDArray[np.uint16]:
+    rule = f"is not between 0 and the row length {width}"
+    counts = _checked_integers(values, "counts", rows, width, rule)
+    return np.ascontiguousarray(counts, dtype=np.uint16)
+
+
+def _checked_flags(values: npt.ArrayLike, rows: int) -> npt.NDArray[np.uint8]:
+    rule = "is not between 0 and 255"
+    flags = np.asarray(values)
+    flags = flags.view(np.uint8) if flags.dtype == np.bool_ else flags
+    flags = _checked_integers(flags, "channel_flags", rows, 255, rule)
+    return np.ascontiguousarray(flags, dtype=np.uint8)
+
+
+def _checked_times(values: npt.ArrayLike, name: str, rows: int) -> npt.NDArray[np.float64]:
+    array = _checked_column(values, name, rows)
+    if not (np.issubdtype(array.dtype, np.floating) or np.issubdtype(array.dtype, np.integer)):
+        raise ValueError(f"{name} must be numbers, not {array.dtype}")
+    times = np.ascontiguousarray(array, dtype=np.float64)
+    if (nan := np.flatnonzero(np.isnan(times))).size:
+        raise ValueError(f"{name}: the time of waveform {int(nan[0])} is not a number")
+    return times
+
+
+def _checked_noise(noise: int) -> int:
+    if isinstance(noise, bool) or not isinstance(noise, int | np.integer):
+        raise ValueError(f"noise must be an integer in counts, not {noise!r}")
+    if noise > _LARGEST_COUNT:
+        raise ValueError(f"noise {noise} is above {_LARGEST_COUNT} counts")
+    return max(int(noise), -1)
