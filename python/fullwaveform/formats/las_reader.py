@@ -1,0 +1,297 @@
+"""Waveforms of LAS 1.3 and 1.4 files, block by block."""
+
+from __future__ import annotations
+
+import os
+from collections.abc import Iterator, Mapping
+from dataclasses import dataclass
+from pathlib import Path
+from types import TracebackType
+
+import laspy
+import numpy as np
+import numpy.typing as npt
+
+from fullwaveform.errors import WaveformFileError
+from fullwaveform.formats.blocks import (
+    FloatArray,
+    ReadTally,
+    WaveformBlock,
+)
+from fullwaveform.formats.las_points import (
+    Points,
+    Survey,
+    has_place,
+    open_las,
+    pulse_geometry,
+    shot_attributes,
+    survey,
+    whole_shots,
+)
+from fullwaveform.formats.las_waveform_packets import (
+    DescriptorTable,
+    SeenPackets,
+    WaveformDescriptor,
+    check_usable,
+    open_packets,
+    read_descriptors,
+)
+
+OUTSIDE = "packet outside the waveform data"
+WRONG_SIZE = "packet size differs from that of its descriptor"
+OVERLAPPING = "packet overlaps another one"
+NO_TIME = "GPS time is not a finite number"
+NO_PLACE = "direction or return location is not finite"
+
+_FIRST_SHOT_KEY = -(2.0**52)  # from here on 2**52 whole numbers are doubles
+_BLOCK_SAMPLES = 1 << 26  # samples of a block, padding included: 128 MiB
+
+Chosen = npt.NDArray[np.bool_]
+
+
+@dataclass(frozen=True, slots=True)
+class _Pass:
+    """What one pass over the file works with."""
+
+    found: Survey
+    table: DescriptorTable
+    seen: SeenPackets
+    waveforms_per_block: int
+
+
+class LasWaveformReader:
+    """Reads the waveforms of a LAS file of point format 4, 5, 9 or 10.
+
+    Parameters
+    ----------
+    path
+        The LAS file. Packets may lie in it or in the file of the same name ending ``.wdp``.
+    waveforms_per_block
+        Most waveforms of a block, unless a single shot has more. Blocks of very long waveforms
+        hold fewer, so that their samples take 128 MiB at most.
+    channel_flags
+        Flag of the channel (1 low power, 0 the other), one for all waveforms or by waveform
+        descriptor; descriptors that are not named have 1.
+
+    Raises
+    ------
+    OSError
+        If a file cannot be opened.
+    WaveformFileError
+        If a file does not hold what its format promises.
+    ValueError
+        For arguments that make no sense.
+    """
+
+    def __init__(
+        self,
+        path: str | os.PathLike[str],
+        *,
+        waveforms_per_block: int = 20_000,
+        channel_flags: Mapping[int, int] | int = 1,
+    ) -> None:
+        if waveforms_per_block < 1:
+            raise ValueError(f"waveforms_per_block is {waveforms_per_block}; it must be at least 1")
+        self._path = Path(path)
+        self._waveforms_per_block = waveforms_per_block
+        self._flags = _flag_table(channel_flags)
+        self._reader, starts = open_las(self._path)
+        try:
+            self._descriptors = read_descriptors(self.header, self._path)
+            self._packets, self._notes = open_packets(self.header, self._path, starts)
+        except BaseException:
+            self._reader.close()
+            raise
+        self._closed = False
+        self._begin()
+
+    def __enter__(self) -> LasWaveformReader:
+        return self
+
+    def __exit__(
+        self,
+        kind: type[BaseException] | None,
+        error: BaseException | None,
+        trace: TracebackType | None,
+    ) -> None:
+        self.close()
+
+    def close(self) -> None:
+        """Close the file; may be called twice."""
+        self._closed = True
+        self._reader.close()
+
+    @property
+    def path(self) -> Path:
+        """The LAS file."""
+        return self._path
+
+    @property
+    def header(self) -> laspy.LasHeader:
+        """Its header; the extended records in it are without the waveform packets."""
+        return self._reader.header
+
+    @property
+    def descriptors(self) -> dict[int, WaveformDescriptor]:
+        """The waveform descriptors of the file by index, the unused ones too."""
+        return self._descriptors
+
+    @property
+    def tally(self) -> ReadTally:
+        """What was met so far in the current pass."""
+        return self._tally
+
+    @property
+    def point_count(self) -> int:
+        """Points of the file."""
+        return int(self.header.point_count)
+
+    @property
+    def points_done(self) -> int:
+        """Points visited so far in the current pass."""
+        return self._tally.points
+
+    def blocks(self) -> Iterator[WaveformBlock]:
+        """Yield the waveforms, each once however many points share it, in blocks of whole shots.
+
+        Points that are not in order of GPS time are visited in that order. Waveforms that cannot be
+        used are counted in `tally`, which starts anew with each call.
+
+        Raises
+        ------
+        WaveformFileError
+            If a descriptor that points name is missing or cannot be read, or, at the end, if there
+            are packets but none of them is readable.
+        """
+        if self._closed:
+            raise ValueError(f"{self._path} is closed")
+        self._begin()
+        run = self._prepare()
+        pending = np.empty(0, dtype=self.header.point_format.dtype())
+        for points in whole_shots(self._reader, self._path, run.found, run.waveforms_per_block):
+            pending = np.concatenate([pending, self._choose(points, run)])
+            while len(pending) >= run.waveforms_per_block:
+                end = self._last_cut(pending, run)
+                yield self._block(pending[:end], run)
+                pending = pending[end:]
+        if len(pending) > 0:
+            yield self._block(pending, run)
+        self._check_that_some_were_readable()
+
+    def _begin(self) -> None:
+        self._tally = ReadTally(notes=list(self._notes))
+
+    def _prepare(self) -> _Pass:
+        found = survey(self._reader, self._path)
+        for index in found.descriptors:
+            if index not in self._descriptors:
+                raise WaveformFileError(
+                    f"{self._path}: points name waveform descriptor {index}; the file has "
+                    f"{sorted(self._descriptors) or 'none'}"
+                )
+            check_usable(self._descriptors[index], self._path)
+        table = DescriptorTable(self._descriptors[index] for index in found.descriptors)
+        if found.without_times:
+            self._tally.notes.append(
+                "All points have the same GPS time; each waveform counts as a shot of its own."
+            )
+        if not found.ascending:
+            self._tally.notes.append(
+                "The points are not in order of GPS time; they were visited in that order."
+            )
+        widest = max(int(table.sample_counts.max()), 1)
+        limit = max(1, min(self._waveforms_per_block, _BLOCK_SAMPLES // widest))
+        seen = SeenPackets(self._packets.size, table.smallest_packet)
+        return _Pass(found, table, seen, limit)
+
+    def _choose(self, points: Points, run: _Pass) -> Points:
+        """Choose the points that bring a new and usable waveform, with everything else counted."""
+        tally = self._tally
+        tally.points += len(points)
+        with_packet = points[points["wavepacket_index"] > 0]
+        tally.points_without_packet += len(points) - len(with_packet)
+        _, first = np.unique(with_packet["wavepacket_offset"], return_index=True)
+        tally.points_sharing_packet += len(with_packet) - len(first)
+        left = with_packet[np.sort(first)]
+        sizes = run.table.packet_sizes[left["wavepacket_index"]]
+        left = self._keep(self._packets.holds(left["wavepacket_offset"], sizes), left, OUTSIDE)
+        left = self._unseen(left, run)
+        sizes = run.table.packet_sizes[left["wavepacket_index"]]
+        left = self._keep(left["wavepacket_size"] == sizes, left, WRONG_SIZE)
+        left = self._keep(np.isfinite(left["gps_time"]), left, NO_TIME)
+        return self._keep(has_place(left), left, NO_PLACE)
+
+    def _keep(self, good: Chosen, points: Points, reason: str) -> Points:
+        rejected = len(points) - int(np.count_nonzero(good))
+        if rejected > 0:
+            self._tally.rejected[reason] += rejected
+        kept: Points = points[good]
+        return kept
+
+    def _unseen(self, points: Points, run: _Pass) -> Points:
+        cells = run.seen.cells(points["wavepacket_offset"].astype(np.int64))
+        _, first = np.unique(cells, return_index=True)
+        alone = np.zeros(len(cells), dtype=bool)
+        alone[first] = True
+        left, cells = self._keep(alone, points, OVERLAPPING), cells[alone]
+        new = ~run.seen.test_and_set(cells)
+        self._tally.points_sharing_packet += len(new) - int(np.count_nonzero(new))
+        unseen: Points = left[new]
+        return unseen
+
+    def _last_cut(self, pending: Points, run: _Pass) -> int:
+        """Count the rows of the next block: whole shots, at most a block of them, at least one."""
+        limit = run.waveforms_per_block
+        if run.found.without_times or len(pending) == limit:
+            return limit
+        time = pending["gps_time"]
+        starts = np.flatnonzero(time[1:] != time[:-1]) + 1
+        fitting = np.searchsorted(starts, limit, side="right")
+        if fitting > 0:
+            return int(starts[fitting - 1])
+        return int(starts[0]) if len(starts) > 0 else len(pending)
+
+    def _block(self, rows: Points, run: _Pass) -> WaveformBlock:
+        header, index = self.header, rows["wavepacket_index"]
+        record = laspy.ScaleAwarePointRecord(
+            rows, header.point_format, header.scales, header.offsets
+        )
+        samples, counts = self._packets.gather(
+            rows["wavepacket_offset"].astype(np.int64), index, run.table
+        )
+        numbers = self._tally.waveforms + np.arange(len(rows), dtype=np.int64)
+        self._tally.waveforms += len(rows)
+        times: FloatArray = rows["gps_time"].astype(np.float64)
+        if run.found.without_times:
+            times = numbers.astype(np.float64) + _FIRST_SHOT_KEY
+        return WaveformBlock(
+            samples=samples,
+            counts=counts,
+            shot_times=times,
+            sbl_times=np.zeros(len(rows)),
+            channel_flags=self._flags[index],
+            sampling_intervals=run.table.intervals[index],
+            geometry=pulse_geometry(record),
+            attributes=shot_attributes(record),
+            waveform_numbers=numbers,
+        )
+
+    def _check_that_some_were_readable(self) -> None:
+        rejected = self._tally.rejected
+        if self._tally.waveforms == 0 and rejected:
+            reasons = ", ".join(f"{count} times: {reason}" for reason, count in rejected.items())
+            raise WaveformFileError(f"{self._path}: no waveform packet is readable ({reasons})")
+
+
+def _flag_table(channel_flags: Mapping[int, int] | int) -> npt.NDArray[np.uint8]:
+    table = np.ones(256, dtype=np.uint8)
+    flags = (
+        dict.fromkeys(range(256), channel_flags)
+        if isinstance(channel_flags, int)
+        else channel_flags
+    )
+    for index, flag in flags.items():
+        if flag not in (0, 1) or not 0 <= index <= 255:
+            raise ValueError(f"channel flag {flag} of descriptor {index}; it must be 0 or 1")
+        table[index] = flag
+    return table
