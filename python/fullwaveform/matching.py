@@ -117,7 +117,9 @@ def _joined_keys(
 ) -> npt.NDArray[np.generic]:
     """Both sides' groups in one type that keeps every value apart."""
     sides = [side for side in (found, ref) if len(side)]
-    joined = np.concatenate(sides or [found])
+    if not sides:
+        return found
+    joined = np.concatenate(sides)
     whole = [side.dtype.kind in "iu" for side in sides]
     real = [side.dtype.kind in "iuf" for side in sides]
     # 64-bit integers lose digits as float64, and so would two shots become one.
@@ -142,25 +144,45 @@ def _pair_rows(
 ) -> tuple[IndexArray, IndexArray]:
     """Rows of found and of reference echoes that belong together.
 
-    In the sorted row of a group the closest pair always stands side by side. Each round takes the
-    neighbours that are closer to each other than to the neighbours on either side, so every round
-    takes at least the closest pair of each group.
+    Each round takes the pairs that are nearest to each other, on either side, among all that are
+    left: nothing can claim one of them later. The closest pair of a group is always among them.
     """
     pairs = [np.empty((0, 2), dtype=np.int64)]
     while True:
-        gap = np.diff(position[rows])
-        is_found = rows < found_count
-        fits = (key[rows][1:] == key[rows][:-1]) & (is_found[1:] != is_found[:-1])
-        gap = np.where(fits & (gap <= tolerance), gap, np.inf)
-        padded = np.concatenate([[np.inf], gap, [np.inf]])
-        # "less than" on one side only: of equal gaps in a row the first is taken.
-        taken = np.flatnonzero((gap < padded[:-2]) & (gap <= padded[2:]) & np.isfinite(gap))
+        taken = _mutually_nearest(key[rows], position[rows], rows < found_count, tolerance)
         if len(taken) == 0:
             break
         pairs.append(np.sort(np.column_stack([rows[taken], rows[taken + 1]]), axis=1))
         rows = np.delete(rows, np.concatenate([taken, taken + 1]))
     together = np.concatenate(pairs)
     return together[:, 0], together[:, 1]
+
+
+def _mutually_nearest(
+    key: npt.NDArray[np.generic], position: FloatArray, is_found: BoolArray, tolerance: float
+) -> IndexArray:
+    """Places i in the sorted row where i and i + 1 are each other's nearest of the other kind.
+
+    Such a pair has nothing between it. "Less than" to the left only: of two pairs equally close
+    the left one is taken.
+    """
+    gap = np.diff(position)
+    facing = (key[1:] == key[:-1]) & (is_found[1:] != is_found[:-1]) & (gap <= tolerance)
+    to_left = _distance_to_other_kind(key, position, is_found)
+    to_right = _distance_to_other_kind(key[::-1], position[::-1], is_found[::-1])[::-1]
+    return np.flatnonzero(facing & (gap < to_left[:-1]) & (gap <= to_right[1:]))
+
+
+def _distance_to_other_kind(
+    key: npt.NDArray[np.generic], position: FloatArray, is_found: BoolArray
+) -> FloatArray:
+    """Distance of each entry to the last one of the other kind before it, infinite without one."""
+    place = np.arange(len(position))
+    last_found = np.maximum.accumulate(np.where(is_found, place, -1))
+    last_ref = np.maximum.accumulate(np.where(is_found, -1, place))
+    other = np.where(is_found, last_ref, last_found)
+    same = (other >= 0) & (key[other] == key)
+    return np.where(same, np.abs(position - position[other]), np.inf)
 
 
 def _others(rows: IndexArray, count: int) -> IndexArray:

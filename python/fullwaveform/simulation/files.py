@@ -1,0 +1,195 @@
+"""A simulated scan as files: LAS points, waveform packets beside them, table of true echoes."""
+
+from __future__ import annotations
+
+import os
+import struct
+from collections.abc import Callable
+from datetime import UTC, datetime, timedelta
+from pathlib import Path
+from typing import NamedTuple
+
+import laspy
+import numpy as np
+import numpy.typing as npt
+from laspy.vlrs.known import WktCoordinateSystemVlr
+
+from fullwaveform.simulation.points import NO_PACKET, DiscretePoints, discrete_points
+from fullwaveform.simulation.settings import ScanSettings
+from fullwaveform.simulation.truth import write_truth
+from fullwaveform.simulation.waveforms import SimulatedScan
+
+FloatArray = npt.NDArray[np.float64]
+
+RECORD_HEADER = struct.Struct("<H16sHQ32s")  # of an extended record; 60 bytes
+_PACKET_RECORD = 65_535
+_DESCRIPTOR = struct.Struct("<BBIIdd")
+_FIRST_DESCRIPTOR = 100  # record of descriptor index 1
+_VOLTS_PER_COUNT = 1e-3  # of the less sensitive channel
+_SCALE = 0.001  # m
+_SCAN_ANGLE_STEP = 0.006  # degrees, of the later point formats
+_EPSG = 25_833
+_WKT = (
+    'PROJCS["ETRS89 / UTM zone 33N",GEOGCS["ETRS89",'
+    'DATUM["European_Terrestrial_Reference_System_1989",'
+    'SPHEROID["GRS 1980",6378137,298.257222101,AUTHORITY["EPSG","7019"]],'
+    'AUTHORITY["EPSG","6258"]],PRIMEM["Greenwich",0,AUTHORITY["EPSG","8901"]],'
+    'UNIT["degree",0.0174532925199433,AUTHORITY["EPSG","9122"]],AUTHORITY["EPSG","4258"]],'
+    'PROJECTION["Transverse_Mercator"],PARAMETER["latitude_of_origin",0],'
+    'PARAMETER["central_meridian",15],PARAMETER["scale_factor",0.9996],'
+    'PARAMETER["false_easting",500000],PARAMETER["false_northing",0],'
+    'UNIT["metre",1,AUTHORITY["EPSG","9001"]],AXIS["Easting",EAST],AXIS["Northing",NORTH],'
+    'AUTHORITY["EPSG","25833"]]'
+)
+
+
+class _Kind(NamedTuple):
+    version: str
+    most_returns: int
+
+
+_KINDS = {9: _Kind("1.4", 15), 4: _Kind("1.3", 5)}
+
+
+class ScanFiles(NamedTuple):
+    """Where a scan was written."""
+
+    las: Path
+    wdp: Path
+    truth: Path
+
+
+def write_scan(scan: SimulatedScan, path_las: Path | str, *, point_format: int = 9) -> ScanFiles:
+    """Writes `<stem>.las`, `<stem>.wdp` and `<stem>_truth.csv`; files of these names are replaced.
+
+    Point format 9 makes LAS 1.4, point format 4 LAS 1.3. Descriptor 1 is the low-power channel,
+    descriptor 2 the other. Each file gets its name only when all are whole, the points last.
+
+    Raises ValueError for another point format or a name that does not end in `.las`, OSError when
+    the folder cannot be written to.
+    """
+    las = Path(path_las)
+    if las.suffix.lower() != ".las":
+        raise ValueError(f"the scan is written as .las, not as {las.name!r}")
+    if point_format not in _KINDS:
+        raise ValueError(f"point format {point_format} is not one of {sorted(_KINDS)}")
+    files = ScanFiles(las, las.with_suffix(".wdp"), las.with_name(f"{las.stem}_truth.csv"))
+    writers: dict[Path, Callable[[Path], None]] = {
+        files.wdp: lambda part: _write_packets(scan, part),
+        files.truth: lambda part: write_truth(scan.truth, part),
+        files.las: lambda part: _write_points(scan, part, point_format),
+    }
+    _write_all_or_nothing(writers)
+    return files
+
+
+def _write_all_or_nothing(writers: dict[Path, Callable[[Path], None]]) -> None:
+    """Writes every file under a temporary name in its folder, then renames them in their order."""
+    parts = {path: path.with_name(f".{path.name}.{os.getpid()}.part") for path in writers}
+    try:
+        for path, write in writers.items():
+            write(parts[path])
+        for path, part in parts.items():
+            part.replace(path)
+    finally:
+        for part in parts.values():
+            part.unlink(missing_ok=True)
+
+
+def _write_packets(scan: SimulatedScan, path: Path) -> None:
+    """The packets, shot by shot, the low-power channel first, behind the header of their record."""
+    samples = scan.samples.astype(f"<u{scan.settings.bits // 8}")
+    description = b"Simulated waveforms"
+    with path.open("wb") as file:
+        file.write(RECORD_HEADER.pack(0, b"LASF_Spec", _PACKET_RECORD, samples.nbytes, description))
+        samples.tofile(file)
+
+
+def _write_points(scan: SimulatedScan, path: Path, point_format: int) -> None:
+    kind = _KINDS[point_format]
+    points = discrete_points(scan, kind.most_returns)
+    las = laspy.LasData(_header(scan.settings, kind, point_format))
+    las.points = laspy.ScaleAwarePointRecord.zeros(len(points), header=las.header)
+    las.x, las.y, las.z = points.xyz.T
+    for name in ("gps_time", "intensity", "return_number", "number_of_returns"):
+        las[name] = getattr(points, name)
+    las.classification = points.classification
+    las.withheld = points.withheld
+    las.scan_direction_flag = scan.shots.scan_direction_flag[points.shot]
+    las.edge_of_flight_line = scan.shots.edge_of_flight_line[points.shot]
+    las.point_source_id[:] = 1
+    angle = scan.shots.scan_angle[points.shot]
+    if point_format == 4:
+        las.scan_angle_rank = np.rint(angle).astype(np.int8)
+    else:
+        las.scan_angle = np.rint(angle / _SCAN_ANGLE_STEP).astype(np.int16)
+        las.scanner_channel = np.maximum(points.channel, 0)
+    _refer_to_packets(las, points, scan)
+    with path.open("wb+") as file:
+        las.write(file, do_compress=False)
+
+
+def _refer_to_packets(las: laspy.LasData, points: DiscretePoints, scan: SimulatedScan) -> None:
+    """Descriptor, place and line in space of each point's packet; zeros where it has none."""
+    settings = scan.settings
+    has = points.channel != NO_PACKET
+    size = settings.samples * settings.bits // 8
+    packet = 2 * points.shot + points.channel
+    las.wavepacket_index = np.where(has, points.channel + 1, 0)
+    las.wavepacket_offset = np.where(has, RECORD_HEADER.size + packet * size, 0)
+    las.wavepacket_size = np.where(has, size, 0)
+    las.return_point_wave_location = np.where(has, points.position * settings.interval_ps, 0.0)
+    # Later light comes from further away: the stored vector points back to the scanner.
+    metres_per_ps = settings.range_per_sample / settings.interval_ps
+    towards_scanner = -metres_per_ps * scan.shots.direction[points.shot]
+    las.x_t, las.y_t, las.z_t = np.where(has[:, np.newaxis], towards_scanner, 0.0).T
+
+
+def _header(settings: ScanSettings, kind: _Kind, point_format: int) -> laspy.LasHeader:
+    """Header with the coordinate system and the descriptors of both channels."""
+    header = laspy.LasHeader(version=kind.version, point_format=point_format)
+    header.scales = np.full(3, _SCALE)
+    header.offsets = _whole_kilometres(settings)
+    header.system_identifier = "SIMULATION"
+    header.generating_software = "fullwaveform"
+    # The day of the flight, so that equal scans are equal files on any day.
+    seconds = settings.start_time + 1e9
+    header.creation_date = (datetime(1980, 1, 6, tzinfo=UTC) + timedelta(seconds=seconds)).date()
+    header.global_encoding.gps_time_type = laspy.header.GpsTimeType.STANDARD
+    header.global_encoding.waveform_data_packets_external = True
+    if point_format == 4:
+        header.vlrs.append(_geo_keys())
+    else:
+        header.global_encoding.wkt = True
+        header.vlrs.append(WktCoordinateSystemVlr(_WKT))
+    for channel, sensitivity in enumerate((settings.gain_ratio, 1.0)):
+        header.vlrs.append(_descriptor(settings, channel, _VOLTS_PER_COUNT / sensitivity))
+    return header
+
+
+def _whole_kilometres(settings: ScanSettings) -> FloatArray:
+    """Offsets that keep the 32-bit coordinates small."""
+    return np.array(
+        [1000.0 * np.floor(v / 1000.0) for v in (settings.easting, settings.northing)] + [0.0]
+    )
+
+
+def _descriptor(settings: ScanSettings, channel: int, volts_per_count: float) -> laspy.VLR:
+    """Descriptor of a channel; the baseline lies at 0 volts."""
+    data = _DESCRIPTOR.pack(
+        settings.bits,
+        0,
+        settings.samples,
+        settings.interval_ps,
+        volts_per_count,
+        -settings.baseline * volts_per_count,
+    )
+    name = ("Low-power channel", "High-power channel")[channel]
+    return laspy.VLR("LASF_Spec", _FIRST_DESCRIPTOR + channel, name, data)
+
+
+def _geo_keys() -> laspy.VLR:
+    """Coordinate system of the versions before 1.4: projected, by its EPSG number, metres."""
+    keys = ((1, 1, 0, 3), (1024, 0, 1, 1), (3072, 0, 1, _EPSG), (3076, 0, 1, 9001))
+    data = np.array(keys, dtype="<u2").tobytes()
+    return laspy.VLR("LASF_Projection", 34_735, "GeoTIFF GeoKeyDirectoryTag", data)
