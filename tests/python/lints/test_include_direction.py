@@ -1,0 +1,109 @@
+"""The lint that holds the table of who may know whom."""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+import pytest
+
+from .checkout import faults, write
+
+ALLOWED = {
+    "text": [],
+    "host": ["text"],
+    "scanner": ["host", "text"],
+    "model": ["scanner", "host", "text"],
+    "fitting": ["model"],
+    "deconvolution": ["fitting", "model", "scanner", "host"],
+    "online": ["model", "scanner", "host"],
+    "driver": ["text", "host", "scanner", "model", "fitting", "deconvolution", "online"],
+}
+ARROWS = [(room, other, other in ALLOWED[room]) for room in ALLOWED for other in ALLOWED]
+
+
+def library(root: Path, files: dict[str, str], public: str = "") -> Path:
+    return write(root, {"fullwaveform/CMakeLists.txt": f"FILES {public})\n", **files})
+
+
+def of_header(root: Path, name: str, body: str, public: str = "") -> list[str]:
+    header = {f"fullwaveform/{name}": f"#pragma once\n{body}\n"}
+    return faults("include_direction.py", library(root, header, public))
+
+
+@pytest.mark.parametrize(("room", "other", "allowed"), ARROWS)
+def test_arrow(tmp_path: Path, room: str, other: str, allowed: bool) -> None:
+    found = of_header(tmp_path, f"{room}/A.h", f"#include <fullwaveform/{other}/B.h>")
+    assert (found == []) == (allowed or room == other)
+    assert all(f"fullwaveform/{room}/A.h:2:" in fault for fault in found)
+
+
+def test_sources_are_read_too(tmp_path: Path) -> None:
+    files = {"fullwaveform/host/A.cpp": "int a;\n  #  include <fullwaveform/model/Peak.h>\n"}
+    (fault,) = faults("include_direction.py", library(tmp_path, files))
+    assert fault == (
+        "fullwaveform/host/A.cpp:2: fullwaveform/model/Peak.h:"
+        " host/ must not know model/ (it may know: text)"
+    )
+
+
+def test_umbrella_includes_every_room(tmp_path: Path) -> None:
+    rooms = "\n".join(f"#include <fullwaveform/{room}/A.h>" for room in ALLOWED)
+    assert of_header(tmp_path, "FullWaveform.h", rooms) == []
+
+
+def test_no_room_includes_the_umbrella(tmp_path: Path) -> None:
+    assert len(of_header(tmp_path, "driver/A.h", "#include <fullwaveform/FullWaveform.h>")) == 1
+
+
+def test_every_room_includes_the_export_macro(tmp_path: Path) -> None:
+    assert of_header(tmp_path, "text/A.h", "#include <fullwaveform/Export.h>") == []
+
+
+def test_room_that_is_not_in_the_table(tmp_path: Path) -> None:
+    assert len(of_header(tmp_path, "utils/A.h", "")) == 1
+
+
+def test_include_of_a_room_that_is_not_in_the_table(tmp_path: Path) -> None:
+    assert len(of_header(tmp_path, "driver/A.h", "#include <fullwaveform/utils/A.h>")) == 1
+
+
+def test_quotes_could_hide_an_arrow(tmp_path: Path) -> None:
+    assert len(of_header(tmp_path, "host/A.h", '#include "../model/Peak.h"')) == 1
+
+
+@pytest.mark.parametrize("name", ["Python.h", "nanobind/nanobind.h", "python/bindings/Bindings.h"])
+def test_library_knows_no_python(tmp_path: Path, name: str) -> None:
+    assert len(of_header(tmp_path, "driver/A.h", f"#include <{name}>")) == 1
+
+
+@pytest.mark.parametrize("name", ["fftw3.h", "cairo/cairo.h", "cairo.h", "unsupported/Eigen/FFT"])
+def test_public_header_needs_no_foreign_library(tmp_path: Path, name: str) -> None:
+    include = f"#include <{name}>"
+    assert len(of_header(tmp_path, "model/A.h", include, public="model/A.h")) == 1
+    assert of_header(tmp_path, "model/A.h", include) == []
+
+
+def test_public_header_needs_no_private_one(tmp_path: Path) -> None:
+    files = {
+        "fullwaveform/model/A.h": "#pragma once\n#include <fullwaveform/model/B.h>\n",
+        "fullwaveform/model/B.h": "#pragma once\n",
+    }
+    root = library(tmp_path, files, public="model/A.h")
+    assert len(faults("include_direction.py", root)) == 1
+    assert faults("include_direction.py", library(tmp_path, {}, public="model/A.h model/B.h")) == []
+
+
+@pytest.mark.parametrize("text", ["", "int a;\n#pragma once\n", "// #pragma once\n"])
+def test_header_without_pragma_once_at_its_top(tmp_path: Path, text: str) -> None:
+    root = library(tmp_path, {"fullwaveform/model/A.h": text})
+    (fault,) = faults("include_direction.py", root)
+    assert "#pragma once" in fault
+
+
+def test_bindings_see_public_headers_only(tmp_path: Path) -> None:
+    files = {
+        "python/bindings/a.cpp": "#include <fullwaveform/model/A.h>\n"
+        '#include "Bindings.h"\n#include <nanobind/nanobind.h>\n'
+    }
+    assert len(faults("include_direction.py", library(tmp_path, files))) == 1
+    assert faults("include_direction.py", library(tmp_path, {}, public="model/A.h")) == []
