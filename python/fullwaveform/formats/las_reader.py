@@ -291,7 +291,7 @@ def _flag_table(channel_flags: Mapping[int, int] | int) -> npt.NDArray[np.uint8]
         else channel_flags
     )
     for index, flag in flags.items():
-        if flag not in (0, 1) or not 0 <= index <= 255:
-            raise ValueError(f"channel flag {flag} of descriptor {index}; it must be 0 or 1")
+        if not 0 <= flag <= 255 or not 0 <= index <= 255:
+            raise ValueError(f"channel flag {flag} of descriptor {index}; both must be 0 to 255")
         table[index] = flag
     return table

@@ -1,0 +1,5 @@
+"""``python -m fullwaveform`` is the command line."""
+
+from fullwaveform.cli.main import main
+
+main()

@@ -1,0 +1,79 @@
+"""Option values that need reading: modes, channels, the after-pulse."""
+
+from __future__ import annotations
+
+from collections import defaultdict
+from collections.abc import Mapping
+
+import typer
+
+from fullwaveform.driver import Mode, checked_mode
+from fullwaveform.scanner import NO_AFTER_PULSE, AfterPulse
+
+MODE_NAMES = {
+    "three-point": Mode.THREE_POINT,
+    "decomposition": Mode.DECOMPOSITION,
+    "deconvolution": Mode.DECONVOLUTION,
+    "hybrid": Mode.HYBRID,
+}
+_CHANNEL_NAMES = {"low": 1, "high": 0}
+_LARGEST_NOISE = 65535
+
+
+def mode_from(text: str) -> Mode:
+    """A mode by its name or number."""
+    numbers = {str(int(mode)): mode for mode in Mode}
+    mode = MODE_NAMES.get(text, numbers.get(text))
+    if mode is None:
+        raise typer.BadParameter(f"{text!r} is none of {', '.join(MODE_NAMES)} or 0 to 3")
+    try:
+        return checked_mode(mode)
+    except ValueError as error:
+        raise typer.BadParameter(str(error)) from error
+
+
+def noise_from(text: str) -> int:
+    """Noise level in counts, -1 for an estimate per waveform."""
+    if text == "auto":
+        return -1
+    if not text.isascii() or not text.isdigit() or int(text) > _LARGEST_NOISE:
+        raise typer.BadParameter(f"{text!r} is neither auto nor a number of counts, 0 to 65535")
+    return int(text)
+
+
+def channel_flags_from(texts: list[str]) -> Mapping[int, int]:
+    """Channel flag of each packet descriptor.
+
+    A text is a channel for all descriptors ("low", "high" or a flag from 0 to 255) or one for a single
+    descriptor ("2=high"). Without any, all are low power.
+    """
+    default, single = 1, {}
+    for text in texts:
+        index, equals, name = text.rpartition("=")
+        flag = _CHANNEL_NAMES.get(name, int(name) if name.isascii() and name.isdigit() else -1)
+        wanted = int(index) if index.isascii() and index.isdigit() else -1
+        if not 0 <= flag <= 255 or (equals and not 1 <= wanted <= 255):
+            raise typer.BadParameter(
+                f"{text!r} is not a channel: say low, high or 0 to 255, or INDEX=... with the index (1 to 255) "
+                "of a packet descriptor"
+            )
+        if equals:
+            single[wanted] = flag
+        else:
+            default = flag
+    return defaultdict(lambda: default, single)
+
+
+def after_pulse_from(text: str | None) -> AfterPulse | None:
+    """After-pulse of ``OFFSET,WIDTH`` in samples or ``off``; None when nothing was said."""
+    if text is None:
+        return None
+    if text == "off":
+        return NO_AFTER_PULSE
+    parts = text.split(",")
+    if len(parts) != 2 or not all(part.isascii() and part.isdigit() for part in parts):
+        raise typer.BadParameter(f"{text!r} is neither off nor OFFSET,WIDTH in samples")
+    try:
+        return AfterPulse(offset=int(parts[0]), width=int(parts[1]))
+    except ValueError as error:
+        raise typer.BadParameter(str(error)) from error

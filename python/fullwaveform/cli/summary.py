@@ -1,0 +1,68 @@
+"""What a run says at its end."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+from pathlib import Path
+
+from rich.console import Console
+from rich.table import Table
+
+from fullwaveform.extraction import ExtractionSettings, ExtractionTally
+from fullwaveform.formats.blocks import ReadTally
+
+
+@dataclass(frozen=True)
+class RunSummary:
+    """Everything a person wants to know when an extraction is done."""
+
+    source: Path
+    destination: Path
+    settings: ExtractionSettings
+    read: ReadTally
+    extracted: ExtractionTally
+    written: int
+    write_notes: tuple[str, ...]
+    seconds: float
+
+    def show(self, console: Console) -> None:
+        """Prints the summary as a table, notes below it."""
+        table = Table(title=f"{self.source.name}: {self.settings.mode.title}", show_header=False)
+        table.add_column(style="bold", no_wrap=True)
+        table.add_column(justify="right", no_wrap=True)
+        table.add_column()
+        for label, value, remark in self._rows():
+            table.add_row(label, value, remark)
+        console.print(table)
+        for note in self._notes():
+            console.print(f"note: {note}", soft_wrap=True, markup=False, highlight=False)
+        console.print(f"result: {self.destination}", soft_wrap=True, markup=False, highlight=False)
+
+    def _rows(self) -> list[tuple[str, str, str]]:
+        read, found = self.read, self.extracted
+        share = found.waveforms_with_echoes / read.waveforms if read.waveforms else 0.0
+        rows = [
+            ("points read", f"{read.points:,}", ""),
+            ("without a packet", f"{read.points_without_packet:,}", "passed over"),
+            ("sharing a packet", f"{read.points_sharing_packet:,}", "their waveform counts once"),
+            ("waveforms", f"{read.waveforms:,}", ""),
+            ("with echoes", f"{found.waveforms_with_echoes:,}", f"{share:.1%} of the waveforms"),
+        ]
+        rows += [("unreadable", f"{count:,}", reason) for reason, count in read.rejected.items()]
+        rows += [("without echoes", f"{count:,}", reason) for reason, count in found.rejected.items()]
+        if found.echoes_left_out:
+            rows.append(("echoes left out", f"{found.echoes_left_out:,}", "not finite"))
+        rate = read.waveforms / self.seconds if self.seconds > 0 else 0.0
+        rows.append(("echoes written", f"{self.written:,}", ""))
+        rows.append(("time", f"{self.seconds:.2f} s", f"{rate:,.0f} waveforms per second"))
+        return rows
+
+    def _notes(self) -> list[str]:
+        notes = [*self.settings.scanner.notes, *self.read.notes, *self.write_notes]
+        if self.extracted.suspicious_blocks and self.settings.report_directory is not None:
+            report = self.settings.report_directory / f"{Path(self.settings.input_file).stem}_Warning.txt"
+            notes.append(
+                f"half or more of the waveforms of {self.extracted.suspicious_blocks} blocks were rejected, "
+                f"statistics appended to {report}"
+            )
+        return notes
