@@ -69,6 +69,11 @@ bool deleteInvalidPoints(WavePoints<T>& wave, std::uint32_t row) {
   return true;
 }
 
+std::size_t countWithPeaks(Shot const& shot) {
+  return static_cast<std::size_t>(std::count_if(shot.waves.begin(), shot.waves.end(),
+                                                [](WavePtr const& wave) { return !wave->peaks.empty(); }));
+}
+
 /// Merges every waveform of the normal channel (flag 0) with every one of the low-power channel, in their
 /// order of arrival.
 void mergeShot(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags,
@@ -209,7 +214,9 @@ void PeakDetectionFamily<T>::setTimes(WavePoints<T>& wave) const {
 template <class T>
 void PeakDetectionFamily<T>::finishShot(Shot& shot,
                                         Kestra::MultiArray<1, unsigned char> const& channelFlags) {
+  std::size_t const withPeaks = countWithPeaks(shot);
   mergeShot(shot, channelFlags, scanner.sampling_time);
+  trace.mergedAway += static_cast<std::uint32_t>(withPeaks - countWithPeaks(shot));
   for (std::size_t i = 0; i < shot.waves.size(); ++i) {
     WavePoints<T>& wave = *shot.waves[i];
     trace.statistics.countNaNs += deleteInvalidPoints(wave, shot.rows[i]) ? 1U : 0U;

@@ -29,6 +29,7 @@ enum class RowState : std::uint8_t {
 /// What the driver remembers of its last block, beside the shot map.
 struct BlockTrace {
   RunStatistics statistics;
+  std::uint32_t mergedAway = 0;     ///< waveforms whose echoes all stand in the other channel
   std::vector<RowState> rowStates;  ///< one per row of the block
   std::chrono::system_clock::time_point started;
   std::chrono::system_clock::time_point finished;

@@ -4,7 +4,7 @@
 #include <limits>
 
 ResultColumns::ResultColumns(FullWaveform::ShotMap const& shots, FullWaveform::BlockTrace const& trace)
-    : amplitudeCounts(trace.amplitudesInCounts), statistics(trace.statistics) {
+    : amplitudeCounts(trace.amplitudesInCounts), mergedAway(trace.mergedAway), statistics(trace.statistics) {
   for (auto const& [time, shot] : shots) {
     for (std::size_t i = 0; i < shot.waves.size(); ++i) {
       appendWave(*shot.waves[i], shot.rows[i]);
@@ -52,7 +52,8 @@ void ResultColumns::appendSegments(Wave const& wave, std::int64_t waveform) {
   }
 }
 
-void ResultColumns::appendPeak(FullWaveform::Peak const& peak, std::int64_t waveform, std::uint32_t blockRow) {
+void ResultColumns::appendPeak(FullWaveform::Peak const& peak, std::int64_t waveform,
+                               std::uint32_t blockRow) {
   peakWaveform.push_back(waveform);
   peakRow.push_back(blockRow);
   amplitude.push_back(peak.amplitude);

@@ -53,6 +53,7 @@ struct ResultColumns {
   // one entry per row of the block
   std::vector<std::uint8_t> rowState;
 
+  std::uint32_t mergedAway;
   FullWaveform::RunStatistics statistics;
 
  private:

@@ -108,8 +108,10 @@ nb::dict peakTable(ResultColumns& columns) {
   return table;
 }
 
-nb::dict statisticsTable(FullWaveform::RunStatistics const& statistics) {
+nb::dict statisticsTable(ResultColumns const& columns) {
+  FullWaveform::RunStatistics const& statistics = columns.statistics;
   nb::dict table;
+  table["mergedAway"] = columns.mergedAway;
   table["numberOfWaves"] = statistics.numberOfWaves;
   table["signalTooLow"] = statistics.signalTooLow;
   table["duplicates"] = statistics.duplicates;
@@ -136,10 +138,9 @@ ResultColumns extract(SharedDriver& shared, Samples const& samples, Column<std::
 nb::dict apply(SharedDriver& shared, Samples const& samples, Column<std::uint16_t> const& counts,
                Column<double> const& shotTimes, Column<double> const& sblTimes,
                Column<std::uint8_t> const& channelFlags, int noise, std::string const& text) {
-  ResultColumns columns =
-      extract(shared, samples, counts, shotTimes, sblTimes, channelFlags, noise, text);
+  ResultColumns columns = extract(shared, samples, counts, shotTimes, sblTimes, channelFlags, noise, text);
   nb::dict result;
-  result["statistics"] = statisticsTable(columns.statistics);
+  result["statistics"] = statisticsTable(columns);
   result["row_states"] = numpyColumn(std::move(columns.rowState));
   result["waveforms"] = waveformTable(columns);
   result["segments"] = segmentTable(columns);
@@ -155,7 +156,8 @@ void bindDriver(nb::module_& module) {
       nb::arg("mode"), "Display name of a mode, with its leading blank.");
 
   nb::class_<SharedDriver>(module, "PeakDetectionFamily", "The driver; arrays are read where they are.")
-      .def(nb::init<std::uint32_t, ScannerDevice const&, std::string const&, std::string const&, unsigned int>(),
+      .def(nb::init<std::uint32_t, ScannerDevice const&, std::string const&, std::string const&,
+                    unsigned int>(),
            nb::arg("mode"), nb::arg("scanner"), nb::arg("output_directory"), nb::arg("input_file"),
            nb::arg("longest_waveform"))
       .def_prop_ro("message", [](SharedDriver const& self) { return self.driver.message; })

@@ -19,8 +19,8 @@ namespace nb = nanobind;
 
 namespace {
 
-// Every library call runs on one thread from start to end, so its messages wait here until the call is back in
-// Python; the sink itself never needs the interpreter's lock.
+// Every library call runs on one thread from start to end, so its messages wait here until the call is back
+// in Python; the sink itself never needs the interpreter's lock.
 std::vector<std::string>& messagesOfThread() {
   thread_local std::vector<std::string> messages;
   return messages;
@@ -35,7 +35,8 @@ Holdex::Attributes& attributesOf(GridHandle& handle, std::string const& field) {
 }
 
 template <class T>
-void setAttribute(GridHandle& handle, std::string const& field, std::string const& name, std::vector<T> values) {
+void setAttribute(GridHandle& handle, std::string const& field, std::string const& name,
+                  std::vector<T> values) {
   attributesOf(handle, field)
       .setAttribute(name, Holdex::StrongPtr<Holdex::Chunk<T>>(new Holdex::Chunk<T>(std::move(values))));
 }

@@ -19,8 +19,8 @@ void bindScanner(nb::module_& module) {
       .def(
           "__init__",
           [](ScannerDevice* self, GridHandle const& scanner, GridHandle const* waveforms) {
-            new (self) ScannerDevice(*scanner.grid,
-                                     waveforms == nullptr ? Holdex::StrongPtr<Kestra::Grid>() : waveforms->grid);
+            new (self) ScannerDevice(
+                *scanner.grid, waveforms == nullptr ? Holdex::StrongPtr<Kestra::Grid>() : waveforms->grid);
           },
           nb::arg("scanner_grid"), nb::arg("waveform_grid").none())
       .def("speak", &ScannerDevice::speak)
@@ -32,7 +32,8 @@ void bindScanner(nb::module_& module) {
             self.afterpulse_width = width;
           },
           nb::arg("offset"), nb::arg("width"))
-      .def_prop_ro("has_system_wave", [](ScannerDevice const& self) { return self.expsum_a && self.expsum_b; })
+      .def_prop_ro("has_system_wave",
+                   [](ScannerDevice const& self) { return self.expsum_a && self.expsum_b; })
       .def_ro("complete", &ScannerDevice::complete)
       .def_ro("sampling_time", &ScannerDevice::sampling_time)
       .def_ro("t_ref", &ScannerDevice::t_ref)

@@ -81,13 +81,14 @@ class Columns(Mapping[str, npt.NDArray[Any]]):
 class Result:
     """What one block gave; shots stand in ascending order of their time.
 
-    waveforms : one row per waveform above its noise: ``row`` (of the samples), every value of the analysis
-        under its own name (times in s, ``maxAmplitudeDB`` in dB, positions in samples), ``afterPulseFrom``
-        and ``afterPulseTo`` (NaN without a window), ``segmentCount``, ``peakCount``
+    waveforms : one row per waveform above its noise: ``row`` (of the samples), every value of the
+        analysis under its own name (times in s, ``maxAmplitudeDB`` in dB, positions in samples),
+        ``afterPulseFrom`` and ``afterPulseTo`` (NaN without a window), ``segmentCount``,
+        ``peakCount``
     segments : stretches above the noise: ``waveform`` (row in `waveforms`), ``start``, ``end``
-    peaks : one row per echo: ``waveform`` (row in `waveforms`), ``row`` (of the samples), ``amplitude`` (dB),
-        ``amplitudeCounts``, ``idx`` (samples), ``time`` (s), ``quality``, ``type``, ``std`` (samples),
-        ``classification``, ``reflectance``
+    peaks : one row per echo: ``waveform`` (row in `waveforms`), ``row`` (of the samples),
+        ``amplitude`` (dB), ``amplitudeCounts``, ``idx`` (samples), ``time`` (s), ``quality``,
+        ``type``, ``std`` (samples), ``classification``, ``reflectance``
     row_states : (n,) uint8, one `RowState` per row of the samples
     statistics : counters of the block
     """
@@ -164,11 +165,11 @@ class Driver:
         Parameters
         ----------
         samples : (n, width) uint16
-            Counts; read where they are, without a copy. Samples of a row must lie side by side in memory.
+            Counts; read where they are, without a copy. Samples of a row must lie side by side.
         counts : (n,) integers, optional
             Valid samples of each row, at most `width`; all of them when left out.
         shot_times : (n,) float, optional
-            Seconds; equal times make one shot. Left out: every row is a shot of its own, 0, 1, 2 ...
+            Seconds; equal times make one shot. Left out: every row is a shot of its own.
         sbl_times : (n,) float, optional
             Seconds; 0 when left out.
         channel_flags : (n,) integers, optional
@@ -185,9 +186,13 @@ class Driver:
         rows, width = samples.shape
         arguments = (
             _checked_counts(np.full(rows, width) if counts is None else counts, rows, width),
-            _checked_times(np.arange(rows) if shot_times is None else shot_times, "shot_times", rows),
+            _checked_times(
+                np.arange(rows) if shot_times is None else shot_times, "shot_times", rows
+            ),
             _checked_times(np.zeros(rows) if sbl_times is None else sbl_times, "sbl_times", rows),
-            _checked_flags(np.ones(rows, np.uint8) if channel_flags is None else channel_flags, rows),
+            _checked_flags(
+                np.ones(rows, np.uint8) if channel_flags is None else channel_flags, rows
+            ),
         )
         result = self._driver.apply(samples, *arguments, _checked_noise(noise), text)
         forward_messages()
@@ -202,7 +207,9 @@ def checked_mode(mode: Mode | int) -> Mode:
         raise ValueError(f"mode {mode!r} is none of 0, 1, 2, 3") from None
     if known not in AVAILABLE_MODES:
         available = ", ".join(str(int(m)) for m in AVAILABLE_MODES)
-        raise ValueError(f"mode {int(known)} ({known.title}) is not available; available: {available}")
+        raise ValueError(
+            f"mode {int(known)} ({known.title}) is not available; available: {available}"
+        )
     return known
 
 

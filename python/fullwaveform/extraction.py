@@ -1,4 +1,4 @@
-"""From blocks of waveforms to tables of echoes in space: the one road of files, whatever their format."""
+"""From blocks of waveforms to tables of echoes in space: one road for every file format."""
 
 from __future__ import annotations
 
@@ -61,9 +61,15 @@ class Extractor:
 
         Echoes that are not finite are counted and left out.
         """
-        parts = [self._of_interval(block, interval) for interval in np.unique(block.sampling_intervals)]
+        parts = [
+            self._of_interval(block, interval) for interval in np.unique(block.sampling_intervals)
+        ]
         rows, peaks = _joined(parts)
-        finite = np.isfinite(peaks["idx"]) & np.isfinite(peaks["amplitudeCounts"]) & np.isfinite(peaks["std"])
+        finite = (
+            np.isfinite(peaks["idx"])
+            & np.isfinite(peaks["amplitudeCounts"])
+            & np.isfinite(peaks["std"])
+        )
         self.tally.echoes_left_out += int(np.count_nonzero(~finite))
         rows = rows[finite]
         peaks = {name: column[finite] for name, column in peaks.items()}
@@ -104,11 +110,13 @@ class Extractor:
 
     def _count(self, result: Result) -> None:
         statistics = result.statistics
-        without = int(np.count_nonzero(result.waveforms["peakCount"] == 0))
+        merged = statistics["mergedAway"]
+        without = int(np.count_nonzero(result.waveforms["peakCount"] == 0)) - merged
         for reason, count in (
             ("signal not above the noise", statistics["signalTooLow"]),
             ("repeats a waveform of its shot", statistics["duplicates"]),
-            ("no echo left (none found, rejected, or seen by the other channel)", without),
+            ("no echo found, or none that can be real", without),
+            ("echoes stand in the other channel of the shot", merged),
         ):
             if count:
                 self.tally.rejected[reason] += count
@@ -173,10 +181,11 @@ def _placed(
 def _numbered_along_flight(
     block: WaveformBlock, rows: npt.NDArray[np.int64], xyz: FloatArray, time: FloatArray
 ) -> tuple[npt.NDArray[np.int64], npt.NDArray[np.int64], npt.NDArray[np.int64]]:
-    """Order of the echoes by shot and distance, and in that order each one's number and its shot's count.
+    """Order of the echoes by shot and distance; in that order each one's number, its shot's count.
 
-    The packets of a shot may begin at different ranges, so echoes are compared by their place along the
-    pulse; its direction vector points back to the scanner. Equal places fall back on the time.
+    The packets of a shot may begin at different ranges, so echoes are compared by their place
+    along the pulse; its direction vector points back to the scanner. Equal places fall back on
+    the time.
     """
     shots, first_row, shot_of_row = np.unique(
         block.shot_times, return_index=True, return_inverse=True

@@ -38,13 +38,13 @@ _WAVEFORM_ATTRIBUTES = {
 _SBL_ATTRIBUTES = {"t_ref": "double"}
 _ALL_ATTRIBUTES = _SCANNER_ATTRIBUTES | _WAVEFORM_ATTRIBUTES | _SBL_ATTRIBUTES
 
-# Wider than any record is long: the lower bound of the after-pulse window wraps to a huge index and no echo
-# is ever inside.
+# Wider than any record is long: the lower bound of the after-pulse window wraps to a huge index and
+# no echo is ever inside.
 _WIDTH_THAT_MARKS_NOTHING = 2**31
 
 _KNOWN_AFTER_PULSE_TYPES = ("VQ-880-G", "VQ-840-GL")
 
-#: Stands in for a scanner of which a file says nothing: light in air, amplitudes in dB above one count.
+#: A scanner of which a file says nothing: light in air, amplitudes in dB above one count.
 DEFAULT_ATTRIBUTES: Mapping[str, AttributeValue] = {
     "Scanner Group Velocity": _core.SPEED_OF_LIGHT_IN_AIR,
     "Scanner Serial Number": "",
@@ -93,9 +93,9 @@ class Scanner:
     ) -> Scanner:
         """A scanner from its attributes, by the names that the host's grids use.
 
-        The after-pulse test is exactly the library's: for types it does not know, offset and width are 0,
-        so that in records of 800 counts and more the strongest echo and all behind it count as
-        after-pulse. Give `after_pulse` to change that.
+        The after-pulse test is exactly the library's: for types it does not know, offset and width
+        are 0, so that in records of 800 counts and more the strongest echo and all behind it count
+        as after-pulse. Give `after_pulse` to change that.
 
         Raises
         ------
@@ -108,9 +108,9 @@ class Scanner:
     def from_toml(cls, path: str | Path, *, after_pulse: AfterPulse | None = None) -> Scanner:
         """A scanner from a TOML file whose keys are the attribute names.
 
-        A table ``[after_pulse]`` with ``offset`` and ``width`` in samples is optional. Without it, and for
-        a type that the library does not know, the after-pulse test is switched off: a description
-        from a file must not cost echoes.
+        A table ``[after_pulse]`` with ``offset`` and ``width`` in samples is optional. Without it,
+        and for a type that the library does not know, the after-pulse test is switched off: a
+        description from a file must not cost echoes.
 
         Raises
         ------
@@ -135,8 +135,8 @@ class Scanner:
     ) -> Scanner:
         """The scanner assumed when a file carries no description.
 
-        Light in air (299708256 m/s), an amplitude unit of 1.0 (amplitudes are dB above one count), no
-        after-pulse test unless `after_pulse` is given. `sampling_interval` is in seconds.
+        Light in air (299708256 m/s), an amplitude unit of 1.0 (amplitudes are dB above one count),
+        no after-pulse test unless `after_pulse` is given. `sampling_interval` is in seconds.
         """
         scanner = _without_surprise(cls(dict(DEFAULT_ATTRIBUTES), after_pulse))
         return scanner if sampling_interval is None else scanner.at_interval(sampling_interval)
@@ -188,7 +188,9 @@ class Scanner:
             if name in _SCANNER_ATTRIBUTES:
                 _store(scanner, "", name, value)
             else:
-                _store(waveforms, "SBL_Time" if name in _SBL_ATTRIBUTES else "Waveforms", name, value)
+                _store(
+                    waveforms, "SBL_Time" if name in _SBL_ATTRIBUTES else "Waveforms", name, value
+                )
         return scanner, waveforms
 
 
@@ -250,7 +252,8 @@ def _is_number(value: Any) -> bool:
 def _after_pulse_from_table(table: Any, path: str | Path) -> AfterPulse:
     if not isinstance(table, dict) or set(table) != {"offset", "width"}:
         raise ValueError(
-            f"scanner description {path}: the table after_pulse must hold offset and width, in samples"
+            f"scanner description {path}: the table after_pulse must hold offset "
+            "and width, in samples"
         )
     return AfterPulse(**table)
 

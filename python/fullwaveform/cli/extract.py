@@ -23,7 +23,9 @@ EchoWriter = LasEchoWriter | CsvEchoWriter
 
 
 def extract(
-    source: Annotated[Path, typer.Argument(metavar="IN.las", help="LAS file with waveform packets.")],
+    source: Annotated[
+        Path, typer.Argument(metavar="IN.las", help="LAS file with waveform packets.")
+    ],
     output: Annotated[
         Path, typer.Option("-o", "--output", metavar="OUT", help="Echoes as .las or .csv.")
     ],
@@ -40,7 +42,7 @@ def extract(
     channel: Annotated[
         list[str] | None,
         typer.Option(
-            help="Channel of all packets (low, high) or of one packet descriptor (2=high); low unless said."
+            help="Channel of all packets (low, high) or of a descriptor (2=high); else low."
         ),
     ] = None,
     after_pulse: Annotated[
@@ -90,9 +92,7 @@ def _writer_for(output: Path, source: Path) -> type[LasEchoWriter] | type[CsvEch
     }
     kind = kinds.get(output.suffix.lower())
     if kind is None:
-        raise typer.BadParameter(
-            f"{output} must end in {' or '.join(kinds)}", param_hint="-o"
-        )
+        raise typer.BadParameter(f"{output} must end in {' or '.join(kinds)}", param_hint="-o")
     return kind
 
 
@@ -106,7 +106,9 @@ def _run(
     began = time.perf_counter()
     extractor = Extractor(settings)
     writer: EchoWriter = (
-        LasEchoWriter(output, reader.header) if writer_of is LasEchoWriter else CsvEchoWriter(output)
+        LasEchoWriter(output, reader.header)
+        if writer_of is LasEchoWriter
+        else CsvEchoWriter(output)
     )
     with writer, _progress(quiet) as progress:
         task = progress.add_task(reader.path.name, total=reader.point_count)
@@ -144,12 +146,12 @@ def _write_notes(writer: EchoWriter, tally: ExtractionTally) -> tuple[str, ...]:
     if isinstance(writer, LasEchoWriter):
         if writer.not_representable:
             notes.append(
-                f"{writer.not_representable:,} of {tally.echoes:,} echoes left out: their coordinates do not "
-                "fit the file's scale and offset"
+                f"{writer.not_representable:,} of {tally.echoes:,} echoes left out: their "
+                "coordinates do not fit the file's scale and offset"
             )
         if writer.saturated_return_numbers:
             notes.append(
-                f"{writer.saturated_return_numbers:,} shots have more echoes than a return number can say; "
-                "the numbers stop at the largest"
+                f"{writer.saturated_return_numbers:,} shots have more echoes than a return "
+                "number can say; the numbers stop at the largest"
             )
     return tuple(notes)

@@ -44,8 +44,8 @@ def noise_from(text: str) -> int:
 def channel_flags_from(texts: list[str]) -> Mapping[int, int]:
     """Channel flag of each packet descriptor.
 
-    A text is a channel for all descriptors ("low", "high" or a flag from 0 to 255) or one for a single
-    descriptor ("2=high"). Without any, all are low power.
+    A text is a channel for all descriptors ("low", "high" or a flag from 0 to 255) or one for a
+    single descriptor ("2=high"). Without any, all are low power.
     """
     default, single = 1, {}
     for text in texts:
@@ -54,8 +54,8 @@ def channel_flags_from(texts: list[str]) -> Mapping[int, int]:
         wanted = int(index) if index.isascii() and index.isdigit() else -1
         if not 0 <= flag <= 255 or (equals and not 1 <= wanted <= 255):
             raise typer.BadParameter(
-                f"{text!r} is not a channel: say low, high or 0 to 255, or INDEX=... with the index (1 to 255) "
-                "of a packet descriptor"
+                f"{text!r} is not a channel: say low, high or 0 to 255, or INDEX=... with the "
+                "index (1 to 255) of a packet descriptor"
             )
         if equals:
             single[wanted] = flag

@@ -14,7 +14,9 @@ _DEFAULTS = ScanSettings()
 
 
 def simulate(
-    output: Annotated[Path, typer.Argument(metavar="OUT.las", help="The scan; its packets go beside it.")],
+    output: Annotated[
+        Path, typer.Argument(metavar="OUT.las", help="The scan; its packets go beside it.")
+    ],
     shots: Annotated[int, typer.Option(help="Number of shots.")] = _DEFAULTS.shots,
     samples: Annotated[int, typer.Option(help="Samples per waveform.")] = _DEFAULTS.samples,
     noise: Annotated[
@@ -37,4 +39,6 @@ def simulate(
         settings = ScanSettings(shots=shots, samples=samples, noise_rms=noise, seed=seed)
         scan = simulate_scan(settings)
         files = write_scan(scan, output, point_format=point_format)
-    typer.echo(f"{shots:,} shots, {len(scan.truth):,} echoes: {', '.join(str(file) for file in files)}")
+    typer.echo(
+        f"{shots:,} shots, {len(scan.truth):,} echoes: {', '.join(str(file) for file in files)}"
+    )

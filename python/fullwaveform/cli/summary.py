@@ -49,7 +49,9 @@ class RunSummary:
             ("with echoes", f"{found.waveforms_with_echoes:,}", f"{share:.1%} of the waveforms"),
         ]
         rows += [("unreadable", f"{count:,}", reason) for reason, count in read.rejected.items()]
-        rows += [("without echoes", f"{count:,}", reason) for reason, count in found.rejected.items()]
+        rows += [
+            ("without echoes", f"{count:,}", reason) for reason, count in found.rejected.items()
+        ]
         if found.echoes_left_out:
             rows.append(("echoes left out", f"{found.echoes_left_out:,}", "not finite"))
         rate = read.waveforms / self.seconds if self.seconds > 0 else 0.0
@@ -60,9 +62,12 @@ class RunSummary:
     def _notes(self) -> list[str]:
         notes = [*self.settings.scanner.notes, *self.read.notes, *self.write_notes]
         if self.extracted.suspicious_blocks and self.settings.report_directory is not None:
-            report = self.settings.report_directory / f"{Path(self.settings.input_file).stem}_Warning.txt"
+            report = (
+                self.settings.report_directory
+                / f"{Path(self.settings.input_file).stem}_Warning.txt"
+            )
             notes.append(
-                f"half or more of the waveforms of {self.extracted.suspicious_blocks} blocks were rejected, "
-                f"statistics appended to {report}"
+                f"half or more of the waveforms of {self.extracted.suspicious_blocks} blocks were "
+                f"rejected, statistics appended to {report}"
             )
         return notes

@@ -1,4 +1,4 @@
-"""What passes between readers, the extraction and writers: blocks of waveforms, tables of echoes."""
+"""What readers, extraction and writers exchange: blocks of waveforms, tables of echoes."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ FloatArray = npt.NDArray[np.float64]
 
 @dataclass(frozen=True, slots=True)
 class ShotAttributes:
-    """What an echo inherits from its shot, one entry per waveform (taken from one of its points)."""
+    """What an echo inherits from its shot, one entry per waveform (of one of its points)."""
 
     gps_time: FloatArray  # as stored in the file, s
     scan_angle: npt.NDArray[np.float32]  # degrees
@@ -98,4 +98,6 @@ class EchoTable:
 
 def take_rows(attributes: ShotAttributes, rows: npt.NDArray[np.int64]) -> ShotAttributes:
     """The attributes of the given rows, in their order."""
-    return ShotAttributes(*(getattr(attributes, column.name)[rows] for column in fields(attributes)))
+    return ShotAttributes(
+        *(getattr(attributes, column.name)[rows] for column in fields(attributes))
+    )

@@ -1,0 +1,111 @@
+"""Compares the echoes of a simulated scan with its truth, and draws both.
+
+python examples/python/show_scan.py SCAN.las ECHOES.las PICTURE.png
+"""
+
+from __future__ import annotations
+
+import sys
+from pathlib import Path
+
+import laspy
+import numpy as np
+import numpy.typing as npt
+from rich.console import Console
+from rich.table import Table
+
+from fullwaveform.formats.blocks import WaveformBlock
+from fullwaveform.formats.las_reader import LasWaveformReader
+from fullwaveform.matching import match_echoes, summarise
+from fullwaveform.plots import WaveformPicture, draw_overview
+from fullwaveform.simulation import TruthTable, read_truth
+
+TOLERANCE = 2.0  # samples between an echo and the truth it is counted for
+BASELINE_AND_NOISE = 20.0  # counts; what the picture shows as the noise level of the scan
+SHOWN = 3  # waveforms in the picture
+
+
+def main(scan: Path, echoes_path: Path, picture: Path) -> None:
+    """Prints the comparison and writes the picture."""
+    truth = read_truth(scan.with_name(f"{scan.stem}_truth.csv"))
+    echoes = laspy.read(echoes_path)
+    compare(truth, echoes, Console())
+    draw(scan, truth, echoes, picture)
+    print(f"picture: {picture}")
+
+
+def compare(truth: TruthTable, echoes: laspy.LasData, console: Console) -> None:
+    """Prints how many echoes of each kind were found, and how far off they lie."""
+    gps_time, position = np.asarray(echoes.gps_time), np.asarray(echoes["position"])
+    matching = match_echoes(gps_time, position, truth.gps_time, truth.position_samples, TOLERANCE)
+    found = np.zeros(len(truth), dtype=bool)
+    found[matching.ref_index] = True
+    difference = np.full(len(truth), np.nan)
+    difference[matching.ref_index] = matching.difference
+    kinds = {
+        "alone": ~truth.overlapping & ~truth.saturated,
+        "overlapping": truth.overlapping & ~truth.saturated,
+        "saturated": truth.saturated,
+    }
+    table = Table(title="Echoes against the truth of the simulation")
+    for heading in ("kind", "true", "found", "share", "median off", "90 % within"):
+        table.add_column(heading, justify="left" if heading == "kind" else "right")
+    for kind, chosen in kinds.items():
+        table.add_row(kind, *_row(found[chosen], difference[chosen]))
+    console.print(table)
+    wrong = len(summarise(matching).absolute_percentiles) and len(matching.unmatched_found)
+    console.print(
+        f"echoes without a true one within {TOLERANCE:g} samples: {wrong:,} of {len(gps_time):,}"
+    )
+
+
+def _row(found: npt.NDArray[np.bool_], difference: npt.NDArray[np.float64]) -> list[str]:
+    seen = difference[found]
+    if not len(seen):
+        return [f"{len(found):,}", "0", "", "", ""]
+    return [
+        f"{len(found):,}",
+        f"{len(seen):,}",
+        f"{len(seen) / len(found):.1%}",
+        f"{np.median(seen):+.3f} samples",
+        f"{np.percentile(np.abs(seen), 90):.3f} samples",
+    ]
+
+
+def draw(scan: Path, truth: TruthTable, echoes: laspy.LasData, picture: Path) -> None:
+    """Draws waveforms with overlapping echoes beside the points of the whole scan."""
+    with LasWaveformReader(scan) as reader:
+        block = next(reader.blocks())
+    waveforms = [_waveform(block, row, echoes) for row in _crowded_rows(block, truth)]
+    draw_overview(picture, waveforms, np.asarray(echoes.xyz), np.asarray(echoes["amplitude_db"]))
+
+
+def _crowded_rows(block: WaveformBlock, truth: TruthTable) -> list[int]:
+    """Low-power waveforms with the most overlapping, unsaturated echoes."""
+    crowd = truth.overlapping & ~truth.saturated
+    times, counts = np.unique(truth.gps_time[crowd], return_counts=True)
+    chosen = times[np.argsort(-counts, kind="stable")][: 40 * SHOWN : 40]
+    low_power = block.channel_flags == 1
+    first_row = {t: int(r) for r, t in reversed(list(enumerate(block.shot_times))) if low_power[r]}
+    return [first_row[t] for t in chosen if t in first_row]
+
+
+def _waveform(block: WaveformBlock, row: int, echoes: laspy.LasData) -> WaveformPicture:
+    of_shot = np.asarray(echoes.gps_time) == block.shot_times[row]
+    interval_ns = block.sampling_intervals[row] * 1e9
+    number = int(block.waveform_numbers[row])
+    return WaveformPicture(
+        samples=block.samples[row],
+        count=int(block.counts[row]),
+        noise=BASELINE_AND_NOISE,
+        positions=np.asarray(echoes["position"])[of_shot],
+        amplitudes_counts=np.asarray(echoes.intensity, dtype=np.float64)[of_shot],
+        widths_samples=np.asarray(echoes["width_ns"], dtype=np.float64)[of_shot] / interval_ns,
+        title=f"waveform {number}",
+    )
+
+
+if __name__ == "__main__":
+    if len(sys.argv) != 4:
+        sys.exit(__doc__)
+    main(*map(Path, sys.argv[1:]))
