@@ -58,9 +58,12 @@ def sources(folder: Path) -> list[Path]:
 
 
 def public_headers(library: Path) -> frozenset[str]:
-    """Headers that the build file installs, relative to the library's folder."""
-    build_file = library / "CMakeLists.txt"
-    return frozenset(re.findall(r"[\w./]+\.h\b", build_file.read_text(encoding="utf-8")))
+    """Headers that the build files install, relative to the library's folder."""
+    return frozenset(
+        (build_file.parent / name).relative_to(library).as_posix()
+        for build_file in library.rglob("CMakeLists.txt")
+        for name in re.findall(r"[\w./]+\.h\b", build_file.read_text(encoding="utf-8"))
+    )
 
 
 def room_of(name: str) -> str:
