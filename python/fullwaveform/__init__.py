@@ -1,6 +1,7 @@
 """Echoes from full-waveform laser scanner records: NumPy in, tables out."""
 
-from fullwaveform.driver import Columns, Driver, Mode, Result, RowState
+from fullwaveform.columns import Columns
+from fullwaveform.driver import Driver, Mode, Result, RowState
 from fullwaveform.errors import WaveformFileError
 from fullwaveform.scanner import Scanner
 

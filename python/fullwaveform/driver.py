@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator, Mapping
+from collections.abc import Mapping
 from dataclasses import dataclass
 from enum import IntEnum
 from pathlib import Path
@@ -10,9 +10,9 @@ from typing import Any
 
 import numpy as np
 import numpy.typing as npt
-import pyarrow as pa
 
 from fullwaveform import _core
+from fullwaveform.columns import Columns, checked_counts, checked_flags, checked_times
 from fullwaveform.console import forward_messages
 from fullwaveform.scanner import Scanner
 
@@ -46,35 +46,6 @@ class RowState(IntEnum):
     SIGNAL_TOO_LOW = 1
     DUPLICATE = 2
     NOT_PLACED = 3
-
-
-class Columns(Mapping[str, npt.NDArray[Any]]):
-    """A table as NumPy columns of equal length, by name."""
-
-    def __init__(self, columns: Mapping[str, npt.NDArray[Any]]) -> None:
-        self._columns = dict(columns)
-
-    def __getitem__(self, name: str) -> npt.NDArray[Any]:
-        return self._columns[name]
-
-    def __iter__(self) -> Iterator[str]:
-        return iter(self._columns)
-
-    def __len__(self) -> int:
-        """Number of columns, as of any mapping; `rows` tells the length of the table."""
-        return len(self._columns)
-
-    def __repr__(self) -> str:
-        return f"Columns({self.rows} rows: {', '.join(self._columns)})"
-
-    @property
-    def rows(self) -> int:
-        """Length of the columns."""
-        return len(next(iter(self._columns.values())))
-
-    def to_arrow(self) -> pa.Table:
-        """The same table for pyarrow."""
-        return pa.table(self._columns)
 
 
 @dataclass(frozen=True)
@@ -185,12 +156,12 @@ class Driver:
         samples = _checked_samples(samples)
         rows, width = samples.shape
         arguments = (
-            _checked_counts(np.full(rows, width) if counts is None else counts, rows, width),
-            _checked_times(
+            checked_counts(np.full(rows, width) if counts is None else counts, rows, width),
+            checked_times(
                 np.arange(rows) if shot_times is None else shot_times, "shot_times", rows
             ),
-            _checked_times(np.zeros(rows) if sbl_times is None else sbl_times, "sbl_times", rows),
-            _checked_flags(
+            checked_times(np.zeros(rows) if sbl_times is None else sbl_times, "sbl_times", rows),
+            checked_flags(
                 np.ones(rows, np.uint8) if channel_flags is None else channel_flags, rows
             ),
         )
@@ -240,52 +211,6 @@ def _checked_samples(samples: npt.NDArray[np.uint16]) -> npt.NDArray[np.uint16]:
             "the samples of a row must lie side by side in memory; use numpy.ascontiguousarray"
         )
     return array
-
-
-def _checked_column(values: npt.ArrayLike, name: str, rows: int) -> npt.NDArray[Any]:
-    array = np.asarray(values)
-    if array.ndim != 1:
-        raise ValueError(f"{name} must have 1 dimension, not {array.ndim}")
-    if len(array) != rows:
-        raise ValueError(f"{name} has {len(array)} values, but samples have {rows} rows")
-    return array
-
-
-def _checked_integers(
-    values: npt.ArrayLike, name: str, rows: int, largest: int, rule: str
-) -> npt.NDArray[Any]:
-    array = _checked_column(values, name, rows)
-    if not (np.issubdtype(array.dtype, np.integer) or (rows == 0 and array.size == 0)):
-        raise ValueError(f"{name} must be integers, not {array.dtype}")
-    wrong = np.flatnonzero((array < 0) | (array > largest))
-    if wrong.size:
-        row = int(wrong[0])
-        raise ValueError(f"{name}: {array[row]} of waveform {row} {rule}")
-    return array
-
-
-def _checked_counts(values: npt.ArrayLike, rows: int, width: int) -> npt.NDArray[np.uint16]:
-    rule = f"is not between 0 and the row length {width}"
-    counts = _checked_integers(values, "counts", rows, width, rule)
-    return np.ascontiguousarray(counts, dtype=np.uint16)
-
-
-def _checked_flags(values: npt.ArrayLike, rows: int) -> npt.NDArray[np.uint8]:
-    rule = "is not between 0 and 255"
-    flags = np.asarray(values)
-    flags = flags.view(np.uint8) if flags.dtype == np.bool_ else flags
-    flags = _checked_integers(flags, "channel_flags", rows, 255, rule)
-    return np.ascontiguousarray(flags, dtype=np.uint8)
-
-
-def _checked_times(values: npt.ArrayLike, name: str, rows: int) -> npt.NDArray[np.float64]:
-    array = _checked_column(values, name, rows)
-    if not (np.issubdtype(array.dtype, np.floating) or np.issubdtype(array.dtype, np.integer)):
-        raise ValueError(f"{name} must be numbers, not {array.dtype}")
-    times = np.ascontiguousarray(array, dtype=np.float64)
-    if (nan := np.flatnonzero(np.isnan(times))).size:
-        raise ValueError(f"{name}: the time of waveform {int(nan[0])} is not a number")
-    return times
 
 
 def _checked_noise(noise: int) -> int:
