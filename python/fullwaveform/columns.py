@@ -80,11 +80,20 @@ def checked_flags(values: npt.ArrayLike, rows: int) -> npt.NDArray[np.uint8]:
 
 
 def checked_times(values: npt.ArrayLike, name: str, rows: int) -> npt.NDArray[np.float64]:
-    """Times in seconds, none of them NaN."""
+    """Times in seconds, none of them NaN, integers only where a double holds each of them."""
     array = checked_column(values, name, rows)
     if not (np.issubdtype(array.dtype, np.floating) or np.issubdtype(array.dtype, np.integer)):
         raise ValueError(f"{name} must be numbers, not {array.dtype}")
+    if np.issubdtype(array.dtype, np.integer) and not _fits_a_double(array):
+        raise ValueError(
+            f"{name}: integers beyond 2**53 would fall together; give seconds as float"
+        )
     times = np.ascontiguousarray(array, dtype=np.float64)
     if (nan := np.flatnonzero(np.isnan(times))).size:
         raise ValueError(f"{name}: the time of waveform {int(nan[0])} is not a number")
     return times
+
+
+def _fits_a_double(integers: npt.NDArray[Any]) -> bool:
+    exact = 2**53
+    return not integers.size or (-exact <= int(integers.min()) and int(integers.max()) <= exact)

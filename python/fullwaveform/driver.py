@@ -90,7 +90,8 @@ class Driver:
     Raises
     ------
     ValueError
-        The mode is none or not available, or the scanner is not complete.
+        The mode is none or not available, the scanner is not complete, or the longest waveform is
+        no number of samples.
 
     A driver serves one call at a time; a second thread waits. Use one driver per thread.
     """
@@ -111,7 +112,7 @@ class Driver:
             scanner.device(),
             _NO_DIRECTORY if report_directory is None else str(report_directory),
             str(input_file),
-            longest_waveform,
+            _checked_longest(longest_waveform),
         )
         forward_messages()
 
@@ -206,11 +207,21 @@ def _checked_samples(samples: npt.NDArray[np.uint16]) -> npt.NDArray[np.uint16]:
     rows, width = array.shape
     if width > _LARGEST_COUNT:
         raise ValueError(f"samples have {width} columns, at most {_LARGEST_COUNT} are allowed")
-    if (array.strides[1] != 2 and rows > 0 and width > 1) or array.strides[0] % 2:
+    side_by_side = array.strides[1] == 2 or rows == 0 or width <= 1
+    if not (side_by_side and array.flags.aligned):
         raise ValueError(
-            "the samples of a row must lie side by side in memory; use numpy.ascontiguousarray"
+            "the samples of a row must lie side by side in memory, at even addresses; "
+            "use numpy.array(samples, order='C')"
         )
     return array
+
+
+def _checked_longest(longest: int) -> int:
+    if isinstance(longest, bool) or not isinstance(longest, int | np.integer):
+        raise ValueError(f"longest_waveform must be an integer in samples, not {longest!r}")
+    if not 0 <= longest <= _LARGEST_COUNT:
+        raise ValueError(f"longest_waveform {longest} is not between 0 and {_LARGEST_COUNT}")
+    return int(longest)
 
 
 def _checked_noise(noise: int) -> int:

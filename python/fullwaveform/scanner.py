@@ -35,8 +35,16 @@ _WAVEFORM_ATTRIBUTES = {
     "b_real": "double list",
     "b_imag": "double list",
 }
+_PARTS = ("real", "imag")
 _SBL_ATTRIBUTES = {"t_ref": "double"}
 _ALL_ATTRIBUTES = _SCANNER_ATTRIBUTES | _WAVEFORM_ATTRIBUTES | _SBL_ATTRIBUTES
+_KIND_IN_WORDS = {
+    "text": "text",
+    "double": "finite number",
+    "float": "finite number",
+    "double list": "list of finite numbers",
+    "float list": "list of finite numbers",
+}
 
 # Wider than any record is long: the lower bound of the after-pulse window wraps to a huge index and
 # no echo is ever inside.
@@ -156,7 +164,8 @@ class Scanner:
     @property
     def has_system_wave(self) -> bool:
         """Whether the exponential sums of the system wave are there."""
-        return all(name in self.attributes for name in ("a_real", "a_imag", "b_real", "b_imag"))
+        # An attribute without elements counts as missing.
+        return all(self.attributes.get(f"{table}_{part}") for table in "ab" for part in _PARTS)
 
     def device(self) -> _core.ScannerDevice:
         """The library's own description, read from grids that carry the attributes.
@@ -214,11 +223,13 @@ def _checked(attributes: Mapping[str, Any], origin: str) -> dict[str, AttributeV
     if unknown := [name for name in attributes if name not in _ALL_ATTRIBUTES]:
         problems.append("unknown: " + ", ".join(unknown))
     result: dict[str, AttributeValue] = {}
-    for name in attributes.keys() & _ALL_ATTRIBUTES.keys():
-        value = _plain(attributes[name], _ALL_ATTRIBUTES[name])
+    for name, kind in _ALL_ATTRIBUTES.items():
+        if name not in attributes:
+            continue
+        value = _plain(attributes[name], kind)
         if value is None:
             problems.append(
-                f"wrong type: {name} is {attributes[name]!r}, must be a {_ALL_ATTRIBUTES[name]}"
+                f"wrong type: {name} is {attributes[name]!r}, must be a {_KIND_IN_WORDS[kind]}"
             )
         else:
             result[name] = value
@@ -238,9 +249,12 @@ def _plain(value: Any, kind: str) -> AttributeValue | None:
     if kind == "text":
         return value if isinstance(value, str) else None
     if kind.endswith("list"):
-        if isinstance(value, str | bytes) or not hasattr(value, "__iter__"):
+        if isinstance(value, str | bytes):
             return None
-        numbers = list(value)
+        try:
+            numbers = list(value)
+        except TypeError:  # a single number, also as an array without dimensions
+            return None
         return [float(n) for n in numbers] if all(map(_is_number, numbers)) else None
     return float(value) if _is_number(value) else None
 
@@ -255,7 +269,10 @@ def _after_pulse_from_table(table: Any, path: str | Path) -> AfterPulse:
             f"scanner description {path}: the table after_pulse must hold offset "
             "and width, in samples"
         )
-    return AfterPulse(**table)
+    try:
+        return AfterPulse(**table)
+    except ValueError as error:
+        raise ValueError(f"scanner description {path}: {error}") from error
 
 
 def _without_surprise(scanner: Scanner) -> Scanner:
