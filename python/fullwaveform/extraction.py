@@ -10,7 +10,7 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.driver import Driver, Mode, Result
+from fullwaveform.driver import DECONVOLVING_MODES, Driver, Mode, Result
 from fullwaveform.formats.blocks import (
     EchoTable,
     FloatArray,
@@ -22,6 +22,7 @@ from fullwaveform.scanner import Scanner
 
 _PICOSECONDS = 1e12
 _NANOSECONDS = 1e9
+_DECONVOLVED = 5  # type of the echoes that a deconvolution finds
 
 
 @dataclass(frozen=True)
@@ -31,7 +32,6 @@ class ExtractionSettings:
     scanner: Scanner
     mode: Mode = Mode.THREE_POINT
     noise: int = -1  # counts; negative: estimated for every waveform
-    longest_waveform: int = 400  # samples
     report_directory: Path | None = None  # for the statistics of suspicious blocks
     input_file: str = "waveforms"  # names the file of those statistics
 
@@ -54,7 +54,7 @@ class Extractor:
     def __init__(self, settings: ExtractionSettings) -> None:
         self.settings = settings
         self.tally = ExtractionTally()
-        self._drivers: dict[float, Driver] = {}
+        self._drivers: dict[float, tuple[int, Driver]] = {}  # with the longest waveform of each
 
     def extract(self, block: WaveformBlock) -> EchoTable:
         """The echoes of a block, shot by shot along the flight of light.
@@ -65,12 +65,16 @@ class Extractor:
             self._of_interval(block, interval) for interval in np.unique(block.sampling_intervals)
         ]
         rows, peaks = _joined(parts)
+        peaks = self._where_a_fit_sees_them(peaks, block.sampling_intervals[rows])
         finite = (
             np.isfinite(peaks["idx"])
             & np.isfinite(peaks["amplitudeCounts"])
             & np.isfinite(peaks["std"])
         )
         self.tally.echoes_left_out += int(np.count_nonzero(~finite))
+        lost = len(np.unique(rows)) - len(np.unique(rows[finite]))
+        if lost:
+            self.tally.rejected["no echo that is finite"] += lost
         rows = rows[finite]
         peaks = {name: column[finite] for name, column in peaks.items()}
         self.tally.waveforms += len(block)
@@ -86,7 +90,8 @@ class Extractor:
         rows = np.flatnonzero(chosen)
         # A boolean index copies; the usual block has one interval and is handed over as it is.
         pick = slice(None) if chosen.all() else rows
-        result = self._driver(float(interval)).apply(
+        longest = int(block.counts[pick].max(initial=0))
+        result = self._driver(float(interval), longest).apply(
             block.samples[pick],
             block.counts[pick],
             block.shot_times[pick],
@@ -97,16 +102,38 @@ class Extractor:
         self._count(result)
         return rows[result.peaks["row"]], dict(result.peaks)
 
-    def _driver(self, interval: float) -> Driver:
-        if interval not in self._drivers:
-            self._drivers[interval] = Driver(
+    def _where_a_fit_sees_them(
+        self, peaks: dict[str, npt.NDArray[Any]], interval: FloatArray
+    ) -> dict[str, npt.NDArray[Any]]:
+        """The peaks, deconvolved ones moved by the offset that the scanner's description states."""
+        stated = self.settings.scanner.deconvolution_offset
+        offset = np.where(peaks["type"] == _DECONVOLVED, stated, 0.0)
+        moved = {"idx": peaks["idx"] - offset, "time": peaks["time"] - offset * interval}
+        return {**peaks, **moved}
+
+    def _driver(self, interval: float, longest: int) -> Driver:
+        planned, driver = self._drivers.get(interval, (-1, None))
+        if driver is None or longest > planned:
+            self._check_interval(interval)
+            driver = Driver(
                 self.settings.mode,
                 self.settings.scanner.at_interval(interval),
                 report_directory=self.settings.report_directory,
                 input_file=self.settings.input_file,
-                longest_waveform=self.settings.longest_waveform,
+                longest_waveform=longest,
             )
-        return self._drivers[interval]
+            self._drivers[interval] = (longest, driver)
+        return driver
+
+    def _check_interval(self, interval: float) -> None:
+        """An offset in samples holds for the interval at which it was measured."""
+        scanner, known = self.settings.scanner, self.settings.scanner.sampling_interval
+        stated = scanner.deconvolution_offset if self.settings.mode in DECONVOLVING_MODES else 0.0
+        if stated != 0.0 and known is not None and abs(interval - known) > 1e-3 * known:
+            raise ValueError(
+                f"the system wave was estimated for samples {known * 1e9:g} ns apart, those of the "
+                f"file are {interval * 1e9:g} ns apart; estimate it for them"
+            )
 
     def _count(self, result: Result) -> None:
         statistics = result.statistics

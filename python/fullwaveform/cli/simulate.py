@@ -35,8 +35,11 @@ def simulate(
         raise typer.BadParameter(f"{output} must end in .las", param_hint="OUT.las")
     if point_format not in (4, 9):
         raise typer.BadParameter(f"{point_format} is neither 4 nor 9", param_hint="--point-format")
-    with told_in_a_sentence():
+    try:
         settings = ScanSettings(shots=shots, samples=samples, noise_rms=noise, seed=seed)
+    except ValueError as error:
+        raise typer.BadParameter(str(error)) from error
+    with told_in_a_sentence():
         scan = simulate_scan(settings)
         files = write_scan(scan, output, point_format=point_format)
     typer.echo(
