@@ -15,8 +15,8 @@ from fullwaveform.cli.summary import RunSummary
 from fullwaveform.cli.trouble import told_in_a_sentence
 from fullwaveform.extraction import ExtractionSettings, ExtractionTally, Extractor
 from fullwaveform.formats.csv_writer import CsvEchoWriter
-from fullwaveform.formats.las_reader import LasWaveformReader
 from fullwaveform.formats.las_writer import LasEchoWriter
+from fullwaveform.formats.opening import WaveformReader, open_waveforms
 from fullwaveform.scanner import AfterPulse, Scanner
 
 EchoWriter = LasEchoWriter | CsvEchoWriter
@@ -24,7 +24,8 @@ EchoWriter = LasEchoWriter | CsvEchoWriter
 
 def extract(
     source: Annotated[
-        Path, typer.Argument(metavar="IN.las", help="LAS file with waveform packets.")
+        Path,
+        typer.Argument(metavar="IN", help="LAS file with waveform packets, or PulseWaves .pls."),
     ],
     output: Annotated[
         Path, typer.Option("-o", "--output", metavar="OUT", help="Echoes as .las or .csv.")
@@ -54,7 +55,7 @@ def extract(
     ] = 20_000,
     quiet: Annotated[bool, typer.Option("-q", "--quiet", help="No progress, no summary.")] = False,
 ) -> None:
-    """Extract echoes from the waveforms of a LAS file.
+    """Extract echoes from the waveforms of a LAS or PulseWaves file.
 
     Example: fullwaveform extract scan.las -o echoes.las --mode 0 --noise 20
     """
@@ -70,7 +71,7 @@ def extract(
             report_directory=output.absolute().parent,
             input_file=source.name,
         )
-        with LasWaveformReader(source, waveforms_per_block=block, channel_flags=channels) as reader:
+        with open_waveforms(source, waveforms_per_block=block, channel_flags=channels) as reader:
             summary = _run(reader, writer_of, output, settings, quiet)
     if not quiet:
         summary.show(Console())
@@ -97,7 +98,7 @@ def _writer_for(output: Path, source: Path) -> type[LasEchoWriter] | type[CsvEch
 
 
 def _run(
-    reader: LasWaveformReader,
+    reader: WaveformReader,
     writer_of: type[LasEchoWriter] | type[CsvEchoWriter],
     output: Path,
     settings: ExtractionSettings,

@@ -1,0 +1,266 @@
+"""Waveforms of PulseWaves files, block by block."""
+
+from __future__ import annotations
+
+import copy
+import os
+from collections.abc import Iterator, Mapping
+from dataclasses import dataclass
+from pathlib import Path
+from types import TracebackType
+
+import laspy
+import numpy as np
+import numpy.typing as npt
+
+from fullwaveform.errors import WaveformFileError
+from fullwaveform.formats.blocks import FloatArray, ReadTally, WaveformBlock
+from fullwaveform.formats.pulsewaves_descriptors import (
+    OUTGOING,
+    RETURNING,
+    PulseDescriptor,
+    SamplingDescriptor,
+    SamplingTable,
+    check_usable,
+    read_descriptors,
+)
+from fullwaveform.formats.pulsewaves_header import las_header, read_header, read_records
+from fullwaveform.formats.pulsewaves_pulses import (
+    PulseData,
+    segment_geometry,
+    shot_attributes,
+    shot_keys,
+    survey,
+)
+from fullwaveform.formats.pulsewaves_selection import Selection
+from fullwaveform.formats.pulsewaves_waves import IntArray, Segments, WaveData, find_waves
+
+
+@dataclass(frozen=True, slots=True)
+class OutgoingPulses:
+    """Samples of outgoing pulses, one row per segment, in the order of the file."""
+
+    samples: npt.NDArray[np.uint16]  # (n, width), counts; rows are zero behind their own count
+    counts: npt.NDArray[np.uint16]  # (n,), valid samples of each row
+    sampling_intervals: FloatArray  # (n,), s per sample
+    shot_times: FloatArray  # (n,), as in the blocks of returning waveforms
+    pulse_numbers: IntArray  # (n,), running number of the pulse in the file
+
+    def __len__(self) -> int:
+        return len(self.counts)
+
+
+class PulseWavesReader:
+    """Reads the waveforms of a PulseWaves file of version 0.x that is not compressed.
+
+    Each segment of a returning sampling is a waveform, each pulse a shot. Pulses are visited in the
+    order of the file. Values are counts as stored; lookup tables to other units are not applied.
+
+    `sbl_times` of a block are the times that light needs from the anchor to a segment's first
+    sample (its duration), so that times of echoes from several segments of a shot compare.
+
+    Parameters
+    ----------
+    path
+        The file of pulses, ``.pls``. The samples lie in the file of the same name ending ``.wvs``.
+    waveforms_per_block
+        Most waveforms of a block, unless a single shot has more. Blocks of very long waveforms
+        hold fewer, so that their samples take 128 MiB at most.
+    channel_flags
+        Flag of the channel (1 low power, 0 the other), one for all waveforms or by the channel
+        number that the pulse descriptor gives a sampling; channels that are not named have 1.
+
+    Raises
+    ------
+    OSError
+        If a file cannot be opened.
+    WaveformFileError
+        If a file does not hold what its format promises.
+    ValueError
+        For arguments that make no sense.
+    """
+
+    def __init__(
+        self,
+        path: str | os.PathLike[str],
+        *,
+        waveforms_per_block: int = 20_000,
+        channel_flags: Mapping[int, int] | int = 1,
+    ) -> None:
+        if waveforms_per_block < 1:
+            raise ValueError(f"waveforms_per_block is {waveforms_per_block}; it must be at least 1")
+        self._path = Path(path)
+        self._waveforms_per_block = waveforms_per_block
+        self._flags = _flag_table(channel_flags)
+        file_header = read_header(self._path)
+        records = read_records(file_header, self._path)
+        self._descriptors = read_descriptors(records, self._path)
+        self._header = las_header(file_header, records)
+        self._pulses = PulseData(file_header, self._path)
+        self._waves = WaveData(find_waves(self._path))
+        self._closed = False
+        self._tally = ReadTally()
+
+    def __enter__(self) -> PulseWavesReader:
+        return self
+
+    def __exit__(
+        self,
+        kind: type[BaseException] | None,
+        error: BaseException | None,
+        trace: TracebackType | None,
+    ) -> None:
+        self.close()
+
+    def close(self) -> None:
+        """Close the file; may be called twice. Nothing can be read any more."""
+        self._closed = True
+
+    @property
+    def path(self) -> Path:
+        """The file of pulses."""
+        return self._path
+
+    @property
+    def header(self) -> laspy.LasHeader:
+        """A LAS header with the scales, offsets and reference system of this file."""
+        return self._header
+
+    @property
+    def descriptors(self) -> dict[int, PulseDescriptor]:
+        """The pulse descriptors of the file by index, the unused ones too."""
+        return self._descriptors
+
+    @property
+    def tally(self) -> ReadTally:
+        """What was met so far in the current pass of `blocks`; its points are pulses."""
+        return self._tally
+
+    @property
+    def point_count(self) -> int:
+        """Pulses of the file."""
+        return len(self._pulses)
+
+    @property
+    def points_done(self) -> int:
+        """Pulses visited so far in the current pass of `blocks`."""
+        return self._tally.points
+
+    def blocks(self) -> Iterator[WaveformBlock]:
+        """Yield the returning waveforms in blocks of whole shots.
+
+        Waveforms that cannot be used are counted in `tally`, which starts anew with each call; of a
+        pulse whose waves do not lie wholly inside the file of samples, one is counted.
+
+        Raises
+        ------
+        WaveformFileError
+            If a descriptor that pulses name is missing or cannot be read, or, at the end, if there
+            are waveforms but none of them is readable.
+        """
+        self._tally = tally = ReadTally()
+        run = self._prepare(RETURNING)
+        tally.notes += self._notes(run)
+        for segments in run.blocks(self._waveforms_per_block, tally):
+            numbers = tally.waveforms + np.arange(len(segments), dtype=np.int64)
+            tally.waveforms += len(segments)
+            yield self._block(segments, numbers, run)
+        if tally.waveforms == 0 and tally.rejected:
+            reasons = ", ".join(f"{count} times: {why}" for why, count in tally.rejected.items())
+            raise WaveformFileError(f"{self._path}: no waveform is readable ({reasons})")
+
+    def outgoing_pulses(self) -> Iterator[OutgoingPulses]:
+        """Yield the samples of the outgoing pulses in blocks; `tally` does not change.
+
+        Pulses that `blocks` would reject are left out.
+
+        Raises
+        ------
+        WaveformFileError
+            If a descriptor that pulses name is missing or cannot be read.
+        """
+        run = self._prepare(OUTGOING)
+        for segments in run.blocks(self._waveforms_per_block, ReadTally()):
+            code, pulses = segments["sampling"], self._pulses.take(segments["pulse"])
+            yield OutgoingPulses(
+                samples=self._samples(segments, run),
+                counts=segments["count"].astype(np.uint16),
+                sampling_intervals=run.table.units_ns[code] / 1e9,
+                shot_times=shot_keys(pulses, segments["pulse"], self._pulses, run.found),
+                pulse_numbers=segments["pulse"].copy(),
+            )
+
+    def _prepare(self, kind: int) -> Selection:
+        if self._closed:
+            raise ValueError(f"{self._path} is closed")
+        found = survey(self._pulses)
+        for index in found.descriptors:
+            if index not in self._descriptors:
+                raise WaveformFileError(
+                    f"{self._path}: pulses name pulse descriptor {index}; the file has "
+                    f"{sorted(self._descriptors) or 'none'}"
+                )
+            check_usable(self._descriptors[index], self._path)
+        table = SamplingTable(self._descriptors[index] for index in found.descriptors)
+        wanted = np.array([one.kind == kind for one in table.samplings], dtype=bool)
+        return Selection(self._pulses, self._waves, found, table, wanted)
+
+    def _notes(self, run: Selection) -> list[str]:
+        notes = []
+        if not run.found.times_differ:
+            notes.append("Several pulses have the same time; each counts as a shot of its own.")
+        if self._pulses.header.attributes != 0:
+            notes.append("The pulses carry attributes beyond their standard fields; not read.")
+        returning = [one for one in run.table.samplings if one.kind == RETURNING]
+        if any(one.lookup_table != 0 for one in returning):
+            notes.append("Lookup tables of the samples were not applied; values are counts.")
+        notes += _note_on_kinds(run.table.samplings)
+        channels = sorted({one.channel for one in returning})
+        flags = {int(self._flags[channel]) for channel in channels}
+        if len(channels) > 1 and len(flags) == 1:
+            numbers = " and ".join(map(str, channels))
+            notes.append(f"The file's channels {numbers} all count as channel {flags.pop()}.")
+        return notes
+
+    def _block(self, segments: Segments, numbers: IntArray, run: Selection) -> WaveformBlock:
+        code, pulses = segments["sampling"], self._pulses.take(segments["pulse"])
+        unit = run.table.units_ns[code]
+        return WaveformBlock(
+            samples=self._samples(segments, run),
+            counts=segments["count"].astype(np.uint16),
+            shot_times=shot_keys(pulses, segments["pulse"], self._pulses, run.found),
+            sbl_times=segments["duration"] * unit / 1e9,
+            channel_flags=self._flags[run.table.channels[code]],
+            sampling_intervals=unit / 1e9,
+            geometry=segment_geometry(pulses, segments["duration"], unit, self._pulses.header),
+            attributes=shot_attributes(pulses, self._pulses),
+            waveform_numbers=numbers,
+        )
+
+    def _samples(self, segments: Segments, run: Selection) -> npt.NDArray[np.uint16]:
+        sample_bytes = run.table.sample_bytes[segments["sampling"]]
+        return self._waves.gather(segments["start"], segments["count"], sample_bytes)
+
+
+def _note_on_kinds(samplings: tuple[SamplingDescriptor, ...]) -> list[str]:
+    others = sorted({one.kind for one in samplings} - {OUTGOING, RETURNING})
+    if not others:
+        return []
+    kinds = ", ".join(map(str, others))
+    return [f"Samplings of type {kinds}, neither outgoing nor returning, were passed over."]
+
+
+def _flag_table(channel_flags: Mapping[int, int] | int) -> npt.NDArray[np.uint8]:
+    table = np.ones(256, dtype=np.uint8)
+    if isinstance(channel_flags, int):
+        named = dict.fromkeys(range(256), channel_flags)
+    else:
+        named = dict(channel_flags)
+        if hasattr(channel_flags, "__missing__"):  # a default for channels that are not named
+            defaults = copy.copy(channel_flags)
+            named |= {channel: defaults[channel] for channel in range(256)}
+    for channel, flag in named.items():
+        if not 0 <= flag <= 255 or not 0 <= channel <= 255:
+            raise ValueError(f"flag {flag} of channel {channel}; both must be 0 to 255")
+        table[channel] = flag
+    return table
