@@ -154,6 +154,7 @@ def test_what_became_of_each_row() -> None:
     assert result.waveforms["row"].tolist() == [0, 2]
     assert result.statistics == {
         "mergedAway": 0,
+        "withoutPlane": 0,
         "numberOfWaves": 5,
         "signalTooLow": 2,
         "duplicates": 1,
@@ -244,15 +245,6 @@ def test_modes() -> None:
     for mode in (4, -1):
         with pytest.raises(ValueError, match=f"^mode {mode} is none of 0, 1, 2, 3$"):
             Driver(mode, scanner())
-
-
-def test_mode_that_cannot_run(monkeypatch: pytest.MonkeyPatch) -> None:
-    monkeypatch.setattr("fullwaveform.driver.AVAILABLE_MODES", (Mode.THREE_POINT,))
-    with pytest.raises(ValueError, match="is not available") as caught:
-        Driver(Mode.DECOMPOSITION, scanner())
-    assert str(caught.value) == (
-        "mode 1 (Gaussian Decomposition (non-linear)) is not available; available: 0"
-    )
 
 
 def test_driver_needs_a_scanner_with_an_interval() -> None:

@@ -1,0 +1,38 @@
+"""Calls of the command line, and what it says when something is wrong."""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+from typer.testing import CliRunner, Result
+
+from fullwaveform.cli.main import app
+
+
+def run(*call: str | Path) -> Result:
+    return CliRunner().invoke(app, [str(word) for word in call], env={"COLUMNS": "200"})
+
+
+def words(text: str) -> str:
+    """The text without frames and line breaks."""
+    return " ".join(text.replace("│", " ").split())
+
+
+def assert_usage(result: Result, sentence: str) -> None:
+    assert result.exit_code == 2, result.output
+    assert sentence in words(result.stderr)
+    assert "Traceback" not in result.stderr
+
+
+def assert_trouble(result: Result, *phrases: str) -> None:
+    """Exit code 1 and one sentence."""
+    assert result.exit_code == 1, result.output
+    assert result.stdout == ""
+    (line,) = result.stderr.splitlines()
+    assert line.startswith("fullwaveform: ")
+    for phrase in phrases:
+        assert phrase in line
+
+
+def names(folder: Path) -> list[str]:
+    return sorted(path.name for path in folder.iterdir())
