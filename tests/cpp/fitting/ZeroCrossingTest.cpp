@@ -1,0 +1,255 @@
+#include <fullwaveform/fitting/ZeroCrossing.h>
+
+#include <cstdint>
+#include <limits>
+#include <list>
+#include <set>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/Records.h"
+
+namespace FullWaveform {
+namespace {
+
+using Testing::Samples;
+using Found = std::vector<std::pair<double, double>>;  // index, amplitude
+
+Found foundIn(std::list<Peak> const& peaks) {
+  Found found;
+  for (Peak const& peak : peaks) {
+    found.emplace_back(peak.idx, peak.amplitude);
+  }
+  return found;
+}
+
+/// Settings of a scan; both forms of the finder run it.
+struct Scan {
+  int first;
+  int last;
+  unsigned short noise = 0;
+  double minimumDifference = 2.0;
+};
+
+Found scanSamples(Samples const& samples, Scan const& scan, std::list<Peak> peaks = {}) {
+  ZeroCrossing settings;
+  settings.minimumDifference = scan.minimumDifference;
+  Testing::inGuardedPlaces(samples, [&](unsigned short const* record) {
+    std::list<Peak> own = peaks;
+    EXPECT_TRUE(
+        findRawPeaks(std::span(record, samples.size()), scan.first, scan.last, scan.noise, own, settings));
+  });
+  EXPECT_TRUE(findRawPeaks(std::span<unsigned short const>(samples), scan.first, scan.last, scan.noise, peaks,
+                           settings));
+  return foundIn(peaks);
+}
+
+Found scanValues(std::vector<double> const& values, Scan const& scan, std::list<Peak> peaks = {},
+                 ValueConversion const& convert = toSixteenBits) {
+  EXPECT_TRUE(findRawPeaks(std::span<double const>(values), scan.first, scan.last, scan.noise, peaks, convert,
+                           scan.minimumDifference));
+  return foundIn(peaks);
+}
+
+/// What both forms find; they must agree.
+Found scan(Samples const& samples, Scan const& settings, std::list<Peak> const& peaks = {}) {
+  Found const found = scanSamples(samples, settings, peaks);
+  std::vector<double> const values(samples.begin(), samples.end());
+  EXPECT_EQ(scanValues(values, settings, peaks), found);
+  return found;
+}
+
+Peak formerPeak() {
+  return {1.0, 99.0, 0.0, FLAW, GOOD, 0.0, 0, 0.0F};
+}
+
+TEST(ZeroCrossing, StartsWithoutAccessor) {
+  EXPECT_FALSE(ZeroCrossing().sampleAccessor);
+}
+
+TEST(ZeroCrossing, RawEchoHasItsFixedValues) {
+  std::list<Peak> peaks;
+  Samples const samples{5, 9, 5};
+  findRawPeaks(std::span<unsigned short const>(samples), 1, 1, 5, peaks, ZeroCrossing());
+  ASSERT_EQ(peaks.size(), 1U);
+  Peak const& peak = peaks.front();
+  EXPECT_EQ(peak.amplitude, 9.0F);
+  EXPECT_EQ(peak.idx, 1.0);
+  EXPECT_EQ(peak.time, 0.0);
+  EXPECT_EQ(peak.type, RAW);
+  EXPECT_EQ(peak.quality, GOOD);
+  EXPECT_EQ(peak.std, 0.0);
+  EXPECT_EQ(peak.classification, 0);
+  EXPECT_EQ(peak.reflectance, 0.0F);
+}
+
+TEST(ZeroCrossing, PlateauGivesItsFirstSample) {
+  EXPECT_EQ(scan({5, 9, 9, 9, 5}, {1, 3, 5}), (Found{{1, 9}}));
+}
+
+TEST(ZeroCrossing, MaximaComeInIndexOrder) {
+  EXPECT_EQ(scan({0, 20, 0, 50, 0, 30, 0}, {1, 5}), (Found{{1, 20}, {3, 50}, {5, 30}}));
+}
+
+TEST(ZeroCrossing, RiseToTheEndOfTheRangeIsFoundByTheFallback) {
+  EXPECT_EQ(scan({1, 10, 20, 30, 40}, {1, 3, 5}), (Found{{3, 30}}));
+  EXPECT_EQ(scan({1, 10, 20, 30, 40}, {1, 3, 29}), (Found{{3, 30}}));
+  EXPECT_EQ(scan({1, 10, 20, 30, 40}, {1, 3, 30}), Found{});
+}
+
+TEST(ZeroCrossing, FallFromTheStartOfTheRangeIsFoundByTheFallback) {
+  EXPECT_EQ(scan({40, 30, 20, 10, 1}, {1, 3}), (Found{{1, 30}}));
+}
+
+TEST(ZeroCrossing, FlatMaximumIsFoundByTheFallback) {
+  EXPECT_EQ(scan({10, 11, 10}, {1, 1, 5}), (Found{{1, 11}}));
+  EXPECT_EQ(scan({10, 11, 10, 50, 10}, {1, 3, 5}), (Found{{3, 50}}));
+}
+
+TEST(ZeroCrossing, OneSideAtTheMinimumDifferenceIsEnough) {
+  // Each beside a clear maximum, so that the fallback stays out of it.
+  EXPECT_EQ(scan({8, 10, 9, 9, 50, 0}, {1, 4}), (Found{{1, 10}, {4, 50}}));
+  EXPECT_EQ(scan({9, 10, 8, 8, 50, 0}, {1, 4}), (Found{{1, 10}, {4, 50}}));
+  EXPECT_EQ(scan({9, 10, 9, 9, 50, 0}, {1, 4}), (Found{{4, 50}}));
+}
+
+TEST(ZeroCrossing, MinimumDifferenceItselfCounts) {
+  EXPECT_EQ(scan({10, 15, 14, 14, 50, 0}, {1, 4, 0, 5.0}), (Found{{1, 15}, {4, 50}}));
+  EXPECT_EQ(scan({10, 15, 14, 14, 50, 0}, {1, 4, 0, 5.5}), (Found{{4, 50}}));
+}
+
+TEST(ZeroCrossing, SampleMustBeAboveTheNoise) {
+  EXPECT_EQ(scan({5, 20, 5, 30, 5}, {1, 3, 19}), (Found{{1, 20}, {3, 30}}));
+  EXPECT_EQ(scan({5, 20, 5, 30, 5}, {1, 3, 20}), (Found{{3, 30}}));
+}
+
+TEST(ZeroCrossing, NothingAboveTheNoiseGivesNothing) {
+  EXPECT_EQ(scan({5, 20, 5, 30, 5}, {1, 3, 30}), Found{});
+  EXPECT_EQ(scan({0, 0, 0, 0}, {1, 2, 0}), Found{});
+}
+
+TEST(ZeroCrossing, FallbackTakesTheFirstOfEqualMaxima) {
+  EXPECT_EQ(scan({10, 11, 10, 11, 10}, {1, 3, 5}), (Found{{1, 11}}));
+}
+
+TEST(ZeroCrossing, FallbackLooksAtTheRangeOnly) {
+  EXPECT_EQ(scan({90, 11, 11, 11, 95}, {1, 3, 5}), (Found{{1, 11}}));
+}
+
+TEST(ZeroCrossing, NewEchoesComeBehindTheFormer) {
+  EXPECT_EQ(scan({5, 9, 5}, {1, 1, 5}, {formerPeak()}), (Found{{99, 1}, {1, 9}}));
+}
+
+TEST(ZeroCrossing, FormerEchoesSuppressTheFallback) {
+  EXPECT_EQ(scan({10, 11, 10}, {1, 1, 5}, {formerPeak()}), (Found{{99, 1}}));
+}
+
+TEST(ZeroCrossing, ReversedRangeAddsNothing) {
+  EXPECT_EQ(scan({5, 9, 5}, {2, 1}), Found{});
+  EXPECT_EQ(scan({5, 9, 5}, {1, -1}), Found{});
+}
+
+TEST(ZeroCrossing, RangeOfOneIndexIsScanned) {
+  EXPECT_EQ(scan({5, 9, 5}, {1, 1}), (Found{{1, 9}}));
+}
+
+TEST(ZeroCrossing, RangeFromZeroReadsTheFirstSampleAsItsNeighbour) {
+  // Equal to its predecessor, so the first sample is never an echo of the scan.
+  EXPECT_EQ(scan({50, 9, 20, 5}, {0, 2}), (Found{{2, 20}}));
+  EXPECT_EQ(scan({50, 9, 8, 5}, {0, 2}), (Found{{0, 50}}));
+}
+
+TEST(ZeroCrossing, RangeToTheLastIndexReadsTheLastSampleAsItsNeighbour) {
+  EXPECT_EQ(scan({5, 9, 20}, {1, 2}), (Found{{2, 20}}));
+}
+
+TEST(ZeroCrossing, RecordOfOneSampleIsItsOwnNeighbour) {
+  EXPECT_EQ(scan({50}, {0, 0, 10}), (Found{{0, 50}}));
+  EXPECT_EQ(scan({}, {0, 0}), Found{});
+  EXPECT_EQ(scan({}, {0, -1}), Found{});
+}
+
+TEST(ZeroCrossing, FullScaleSamplesDoNotWrap) {
+  EXPECT_EQ(scan({0, 65535, 0}, {1, 1, 65534}), (Found{{1, 65535}}));
+  EXPECT_EQ(scan({65535, 0, 65535, 0}, {1, 2}), (Found{{2, 65535}}));
+}
+
+TEST(ZeroCrossing, EverySampleIsReadThroughTheAccessor) {
+  Samples const samples{5, 100, 5, 30, 5};
+  ZeroCrossing settings;
+  std::set<double> indices;
+  settings.sampleAccessor = [&](unsigned short const& sample, double index) {
+    EXPECT_EQ(&sample, &samples[static_cast<std::size_t>(index)]);
+    indices.insert(index);
+    return static_cast<unsigned short>(index == 1.0 ? 5 : sample + 1);
+  };
+  std::list<Peak> peaks;
+  findRawPeaks(std::span<unsigned short const>(samples), 1, 3, 10, peaks, settings);
+  EXPECT_EQ(foundIn(peaks), (Found{{3, 31}}));
+  EXPECT_EQ(indices, (std::set<double>{0.0, 1.0, 2.0, 3.0, 4.0}));
+}
+
+TEST(ZeroCrossing, AccessorGetsTheNearestSampleAtTheBorders) {
+  Samples const samples{5, 30};
+  ZeroCrossing settings;
+  std::set<double> indices;
+  settings.sampleAccessor = [&](unsigned short const& sample, double index) {
+    EXPECT_EQ(&sample, &samples[static_cast<std::size_t>(index)]);
+    indices.insert(index);
+    return sample;
+  };
+  std::list<Peak> peaks;
+  findRawPeaks(std::span<unsigned short const>(samples), 0, 1, 10, peaks, settings);
+  EXPECT_EQ(foundIn(peaks), (Found{{1, 30}}));
+  EXPECT_EQ(indices, (std::set<double>{0.0, 1.0}));
+}
+
+TEST(ZeroCrossing, ValuesAreComparedAfterTheirConversion) {
+  // 9.9 and 9.2 both become 9: a plateau. 11.9 becomes 11: too flat beside 10, but the largest.
+  EXPECT_EQ(scanValues({5.0, 9.2, 9.9, 5.0}, {1, 2}), (Found{{1, 9}}));
+  EXPECT_EQ(scanValues({10.0, 11.9, 10.0}, {1, 1}), (Found{{1, 11}}));
+  EXPECT_EQ(scanValues({10.0, 12.9, 10.9, 30.0, 1.0}, {1, 3}), (Found{{1, 12}, {3, 30}}));
+}
+
+TEST(ZeroCrossing, ValuesKeepTheirLowSixteenBits) {
+  // 65536 + 7 reads as 7, -1 as 65535.
+  EXPECT_EQ(scanValues({0.0, 65543.0, 0.0}, {1, 1}), (Found{{1, 7}}));
+  EXPECT_EQ(scanValues({0.0, -1.0, 0.0}, {1, 1}), (Found{{1, 65535}}));
+}
+
+TEST(ZeroCrossing, ValuesWithoutConversionStandAsTheyAre) {
+  EXPECT_EQ(scanValues({0.0, 70000.5, 0.0}, {1, 1}, {}, {}), (Found{{1, 70000.5}}));
+}
+
+TEST(ZeroCrossing, ValuesOfNoUseReadAsZero) {
+  double const notANumber = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_EQ(scanValues({notANumber, 9.0, 1e300, 8.0, notANumber}, {1, 3}), (Found{{1, 9}, {3, 8}}));
+}
+
+TEST(ToSixteenBits, TruncatesTowardZeroAndKeepsTheLowBits) {
+  EXPECT_EQ(toSixteenBits(0.0), 0.0);
+  EXPECT_EQ(toSixteenBits(7.99), 7.0);
+  EXPECT_EQ(toSixteenBits(-0.99), 0.0);
+  EXPECT_EQ(toSixteenBits(-1.5), 65535.0);
+  EXPECT_EQ(toSixteenBits(65535.9), 65535.0);
+  EXPECT_EQ(toSixteenBits(65536.0), 0.0);
+  EXPECT_EQ(toSixteenBits(2147483647.5), 65535.0);
+  EXPECT_EQ(toSixteenBits(-2147483647.0), 1.0);
+}
+
+TEST(ToSixteenBits, BeyondThirtyTwoBitsOrNotANumberIsZero) {
+  EXPECT_EQ(toSixteenBits(2147483648.0), 0.0);
+  EXPECT_EQ(toSixteenBits(2147483649.0), 0.0);
+  EXPECT_EQ(toSixteenBits(-2147483649.0), 0.0);
+  EXPECT_EQ(toSixteenBits(-4294967297.0), 0.0);
+  EXPECT_EQ(toSixteenBits(4294967297.0), 0.0);
+  EXPECT_EQ(toSixteenBits(1e300), 0.0);
+  EXPECT_EQ(toSixteenBits(-std::numeric_limits<double>::infinity()), 0.0);
+  EXPECT_EQ(toSixteenBits(std::numeric_limits<double>::quiet_NaN()), 0.0);
+}
+
+}  // namespace
+}  // namespace FullWaveform

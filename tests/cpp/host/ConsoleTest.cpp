@@ -1,0 +1,70 @@
+#include <fullwaveform/host/Console.h>
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/ConsoleCapture.h"
+
+namespace Holdex {
+namespace {
+
+using FullWaveform::Testing::ConsoleCapture;
+using Messages = std::vector<std::string>;
+
+TEST(Console, OneObjectIsOneMessage) {
+  ConsoleCapture const capture;
+  {
+    Console console;
+    console << "dt" << " <= " << "0";
+    EXPECT_EQ(capture.messages(), Messages{});
+  }
+  EXPECT_EQ(capture.messages(), Messages{"dt <= 0"});
+}
+
+TEST(Console, MessagesKeepTheirOrder) {
+  ConsoleCapture const capture;
+  Console() << "first";
+  Console() << "second";
+  EXPECT_EQ(capture.messages(), (Messages{"first", "second"}));
+}
+
+TEST(Console, NothingWrittenIsNoMessage) {
+  ConsoleCapture const capture;
+  {
+    Console const silent;
+  }
+  EXPECT_EQ(capture.messages(), Messages{});
+}
+
+TEST(Console, WithoutSinkAMessageIsALineOnStandardError) {
+  Console::Sink former = Console::setSink({});
+  testing::internal::CaptureStderr();
+  Console() << "to the operator";
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "to the operator\n");
+  Console::setSink(std::move(former));
+}
+
+TEST(Console, SetSinkReturnsTheOneBefore) {
+  std::string heard;
+  Console::Sink outer = Console::setSink([&](std::string const& message) { heard = "one " + message; });
+  Console::Sink const first = Console::setSink([&](std::string const& message) { heard = "two " + message; });
+  Console() << "x";
+  EXPECT_EQ(heard, "two x");
+  ASSERT_TRUE(first);
+  first("y");
+  EXPECT_EQ(heard, "one y");
+  Console::setSink(std::move(outer));
+}
+
+TEST(Console, SinkThatThrowsDoesNotDisturbTheSpeaker) {
+  Console::Sink former = Console::setSink([](std::string const&) { throw std::runtime_error("disk full"); });
+  EXPECT_NO_THROW(Console() << "lost");
+  Console::setSink(std::move(former));
+}
+
+}  // namespace
+}  // namespace Holdex

@@ -1,0 +1,206 @@
+#include <fullwaveform/host/StrongPtr.h>
+
+#include <cstdint>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include <fullwaveform/host/Chunk.h>
+#include <gtest/gtest.h>
+
+#include "support/ConsoleCapture.h"
+
+namespace Holdex {
+namespace {
+
+using FullWaveform::Testing::ConsoleCapture;
+
+class Counted : public ReferenceBase<Counted> {
+ public:
+  explicit Counted(int& living) : living(living) { ++living; }
+  ~Counted() override { --living; }
+
+ private:
+  int& living;
+};
+
+class CountedMore : public Counted {
+ public:
+  using Counted::Counted;
+};
+
+TEST(StrongPtr, EmptyPointerIsNotValid) {
+  StrongPtr<Counted> const empty;
+  StrongPtr<Counted> const null = nullptr;
+  EXPECT_FALSE(empty.isValid());
+  EXPECT_FALSE(empty);
+  EXPECT_EQ(empty.get(), nullptr);
+  EXPECT_TRUE(empty == null);
+}
+
+TEST(StrongPtr, LastPointerDeletesTheObject) {
+  int living = 0;
+  {
+    StrongPtr<Counted> const first = makeStrong<Counted>(living);
+    StrongPtr<Counted> second = first;
+    EXPECT_EQ(living, 1);
+    EXPECT_EQ(first->record().strongCount(), 2U);
+    second.reset();
+    EXPECT_EQ(living, 1);
+    EXPECT_EQ(first->record().strongCount(), 1U);
+  }
+  EXPECT_EQ(living, 0);
+}
+
+TEST(StrongPtr, MoveHandsTheReferenceOver) {
+  int living = 0;
+  StrongPtr<Counted> source = makeStrong<Counted>(living);
+  StrongPtr<Counted> const target = std::move(source);
+  EXPECT_FALSE(source.isValid());  // NOLINT(bugprone-use-after-move): its state is part of the promise
+  EXPECT_EQ(target->record().strongCount(), 1U);
+}
+
+TEST(StrongPtr, AssignmentReleasesTheFormerObject) {
+  int livingA = 0;
+  int livingB = 0;
+  StrongPtr<Counted> pointer = makeStrong<Counted>(livingA);
+  pointer = makeStrong<Counted>(livingB);
+  EXPECT_EQ(livingA, 0);
+  EXPECT_EQ(livingB, 1);
+  StrongPtr<Counted> const& itself = pointer;
+  pointer = itself;
+  EXPECT_EQ(livingB, 1);
+  pointer = nullptr;
+  EXPECT_EQ(livingB, 0);
+}
+
+TEST(StrongPtr, DerivedPointerConvertsToItsBase) {
+  int living = 0;
+  StrongPtr<Counted> base;
+  {
+    StrongPtr<CountedMore> const derived = makeStrong<CountedMore>(living);
+    base = derived;
+  }
+  EXPECT_EQ(living, 1);
+  base.reset();
+  EXPECT_EQ(living, 0);
+}
+
+TEST(StrongPtr, EveryPointerHasItsOwnIdentifier) {
+  int living = 0;
+  StrongPtr<Counted> const empty;
+  StrongPtr<Counted> const otherEmpty;
+  StrongPtr<Counted> const first = makeStrong<Counted>(living);
+  StrongPtr<Counted> const copy = first;
+  EXPECT_LT(empty.identifier(), otherEmpty.identifier());
+  EXPECT_LT(otherEmpty.identifier(), first.identifier());
+  EXPECT_LT(first.identifier(), copy.identifier());
+}
+
+TEST(StrongPtr, NewEmptyPointerTakesTheNextIdentifier) {
+  std::uint64_t const before = PointerID::last();
+  StrongPtr<Counted> const empty;
+  EXPECT_EQ(empty.identifier(), before + 1);
+}
+
+TEST(StrongPtr, EmptiedPointerTakesAFreshIdentifier) {
+  int living = 0;
+  StrongPtr<Counted> pointer = makeStrong<Counted>(living);
+  std::uint64_t const before = PointerID::last();
+  pointer.reset();
+  EXPECT_EQ(pointer.identifier(), before + 1);
+}
+
+TEST(StrongPtr, ObjectThatFailsToBuildLeavesNothingBehind) {
+  class Failing : public ReferenceBase<Failing> {
+   public:
+    Failing() { throw std::length_error("no"); }
+  };
+  EXPECT_THROW(makeStrong<Failing>(), std::length_error);
+}
+
+TEST(WeakPtr, DoesNotKeepTheObjectAlive) {
+  int living = 0;
+  StrongPtr<Counted> strong = makeStrong<Counted>(living);
+  WeakPtr<Counted> const weak = strong;
+  EXPECT_TRUE(weak.isValid());
+  EXPECT_EQ(strong->record().strongCount(), 1U);
+  strong.reset();
+  EXPECT_EQ(living, 0);
+  EXPECT_FALSE(weak.isValid());
+}
+
+TEST(WeakPtr, LockSharesALivingObject) {
+  int living = 0;
+  StrongPtr<Counted> strong = makeStrong<Counted>(living);
+  WeakPtr<Counted> const weak = strong;
+  StrongPtr<Counted> locked = weak.lock();
+  EXPECT_TRUE(locked == strong);
+  EXPECT_EQ(strong->record().strongCount(), 2U);
+  strong.reset();
+  EXPECT_EQ(living, 1);
+  locked.reset();
+  EXPECT_EQ(living, 0);
+}
+
+TEST(WeakPtr, LockOfADeadObjectIsReportedAndEmpty) {
+  ConsoleCapture const capture;
+  int living = 0;
+  WeakPtr<Counted> const weak = makeStrong<Counted>(living);
+  std::uint64_t const before = SpeakPtr::count();
+  EXPECT_FALSE(weak.lock().isValid());
+  EXPECT_EQ(SpeakPtr::count(), before + 1);
+  EXPECT_EQ(capture.messages().size(), 1U);
+}
+
+TEST(WeakPtr, LockOfAnEmptyPointerIsReportedToo) {
+  ConsoleCapture const capture;
+  EXPECT_FALSE(WeakPtr<Counted>().lock().isValid());
+  EXPECT_EQ(capture.messages().size(), 1U);
+}
+
+TEST(WeakPtr, CopiesAndAssignmentsLookAtTheSameObject) {
+  int living = 0;
+  StrongPtr<Counted> strong = makeStrong<Counted>(living);
+  WeakPtr<Counted> const weak = strong;
+  WeakPtr<Counted> const copy = weak;  // NOLINT(performance-unnecessary-copy-initialization)
+  WeakPtr<Counted> assigned;
+  assigned = copy;
+  EXPECT_TRUE(assigned.lock() == strong);
+  EXPECT_NE(weak.identifier(), copy.identifier());
+  strong.reset();
+  EXPECT_FALSE(weak.isValid() || copy.isValid() || assigned.isValid());
+}
+
+TEST(DynamicPtr, RightTypeGivesAccess) {
+  StrongPtr<ChunkBase> const chunk = makeStrong<Chunk<double>>(std::vector<double>{2.5});
+  DynamicPtr<Chunk<double>, ChunkBase> const typed(chunk);
+  ASSERT_TRUE(typed);
+  EXPECT_EQ((*typed)[0], 2.5);
+  EXPECT_EQ(typed->size(), 1U);
+  EXPECT_EQ(typed.get(), chunk.get());
+}
+
+TEST(DynamicPtr, WrongTypeKeepsTheReferenceWithoutAccess) {
+  StrongPtr<ChunkBase> const chunk = makeStrong<Chunk<double>>(std::size_t{1});
+  DynamicPtr<Chunk<float>, ChunkBase> const typed(chunk);
+  EXPECT_FALSE(typed);
+  EXPECT_EQ(typed.get(), nullptr);
+  EXPECT_TRUE(typed.shared() == chunk);
+  EXPECT_EQ(chunk->record().strongCount(), 2U);
+}
+
+TEST(DynamicPtr, EmptyReferenceIsEmpty) {
+  EXPECT_FALSE((DynamicPtr<Chunk<float>, ChunkBase>()));
+  EXPECT_FALSE((DynamicPtr<Chunk<float>, ChunkBase>(StrongPtr<ChunkBase>())));
+}
+
+TEST(DynamicPtr, KeepsTheChunkAlive) {
+  StrongPtr<ChunkBase> chunk = makeStrong<Chunk<float>>(std::vector<float>{1.5F});
+  DynamicPtr<Chunk<float>, ChunkBase> const typed(chunk);
+  chunk.reset();
+  EXPECT_EQ((*typed)[0], 1.5F);
+}
+
+}  // namespace
+}  // namespace Holdex

@@ -1,0 +1,143 @@
+#include <fullwaveform/model/NoiseEstimate.h>
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include <fullwaveform/model/WavePoints.h>
+#include <gtest/gtest.h>
+
+#include "NoiseRecords.h"
+#include "support/Records.h"
+
+namespace FullWaveform {
+namespace {
+
+using Testing::Samples;
+
+std::uint32_t levelOf(Samples const& samples) {
+  return estimateNoise(std::span<unsigned short const>(samples));
+}
+
+Samples operator+(Samples left, Samples const& right) {
+  left.insert(left.end(), right.begin(), right.end());
+  return left;
+}
+
+TEST(NoiseEstimate, EmptyRecordGivesTheDefault) {
+  EXPECT_EQ(levelOf({}), 180U);
+}
+
+TEST(NoiseEstimate, FewerThanTwoSamplesAboveTenGiveTheDefault) {
+  EXPECT_EQ(levelOf({0}), 180U);
+  EXPECT_EQ(levelOf({4000}), 180U);
+  EXPECT_EQ(levelOf(Samples(50, 10)), 180U);
+  EXPECT_EQ(levelOf({10, 10, 11, 10, 10}), 180U);
+}
+
+TEST(NoiseEstimate, DefaultIsNotDoubledForASaturatedSample) {
+  EXPECT_EQ(levelOf({3, 3000, 3}), 180U);
+}
+
+TEST(NoiseEstimate, TwoToNineteenSamplesAboveTenGiveTheIndefiniteValue) {
+  EXPECT_EQ(levelOf({11, 11}), 0x80000000U);
+  for (std::size_t above = 2; above <= 19; ++above) {
+    EXPECT_EQ(levelOf(Samples(above, 50)), 0x80000000U) << above;
+    EXPECT_EQ(levelOf(Samples(above, 50) + Samples(30, 10)), 0x80000000U) << above;
+  }
+}
+
+TEST(NoiseEstimate, IndefiniteValueIsStoredAsNoiseZero) {
+  Samples const samples(19, 50);
+  WavePoints<unsigned short> const wave(samples.data(), 0, 0.0, 0.0, 19, -1, ScannerDevice());
+  EXPECT_EQ(wave.noise, 0);
+}
+
+TEST(NoiseEstimate, TwentyEqualSamplesGiveTheirOwnLevel) {
+  EXPECT_EQ(levelOf(Samples(20, 50)), 50U);
+}
+
+// k = 2 of 20: a line through two values leaves no residual. Rank 1 of 20 is the second smallest value.
+TEST(NoiseEstimate, LevelIsTheValueOfRankFivePercent) {
+  Samples samples(20, 50);
+  samples[7] = 20;
+  samples[12] = 30;
+  EXPECT_EQ(levelOf(samples), 30U);
+}
+
+TEST(NoiseEstimate, RankIsTruncated) {
+  Samples samples(39, 50);  // 0.05 x 39 = 1.95; three values at the front stay on a line
+  samples[7] = 20;
+  samples[12] = 30;
+  samples[20] = 40;
+  EXPECT_EQ(levelOf(samples), 30U);
+}
+
+// Values 50, 53, 50 over 0, 1, 2: slope 0, intercept 51, residuals -1, 2, -1; five times 3, plus 50.
+TEST(NoiseEstimate, SpreadOfTheEndCountsFiveTimes) {
+  Samples const bumpy{50, 53, 50};
+  EXPECT_EQ(levelOf(bumpy + Samples(27, 50)), 65U);
+}
+
+// The last sample is below the first: the bump at the end is measured, the one in front is not.
+TEST(NoiseEstimate, DescendingRecordIsMeasuredAtItsEnd) {
+  EXPECT_EQ(levelOf(Samples{51, 59, 51} + Samples(24, 50) + Samples{50, 53, 50}), 65U);
+}
+
+TEST(NoiseEstimate, EqualEndsAreMeasuredInFront) {
+  EXPECT_EQ(levelOf(Samples{50, 53, 50} + Samples(24, 50) + Samples{50, 59, 50}), 65U);
+}
+
+TEST(NoiseEstimate, RawEndSamplesDecideEvenBelowTen) {
+  // First 5, last 3: descending, so the last three collected values (50, 53, 50) are taken.
+  EXPECT_EQ(levelOf(Samples{5, 50, 59, 50} + Samples(24, 50) + Samples{50, 53, 50, 3}), 65U);
+  EXPECT_EQ(levelOf(Samples{3, 50, 53, 50} + Samples(24, 50) + Samples{50, 59, 50, 5}), 65U);
+}
+
+// 200 values: ten, not twenty, make the line; the bump at the eleventh place does not count.
+TEST(NoiseEstimate, AtMostTenValuesMakeTheLine) {
+  Samples samples(200, 50);
+  samples[10] = 80;
+  EXPECT_EQ(levelOf(samples), 50U);
+}
+
+TEST(NoiseEstimate, OnlySamplesAboveTenAreCollected) {
+  EXPECT_EQ(levelOf(Samples(40, 10) + Samples(20, 11)), 11U);
+}
+
+TEST(NoiseEstimate, StrongestAbove1800Doubles) {
+  Samples samples(30, 50);
+  samples[15] = 1800;
+  EXPECT_EQ(levelOf(samples), 50U);
+  samples[15] = 1801;
+  EXPECT_EQ(levelOf(samples), 100U);
+}
+
+TEST(NoiseEstimate, FirstAndLastSampleCanSaturateToo) {
+  // The first three are 2000, 50, 50: slope -975, intercept 1675; residuals 325, -650, 325.
+  EXPECT_EQ(levelOf(Samples{2000} + Samples(28, 50) + Samples{2000}), 2U * (5U * 975U + 50U));
+}
+
+class NoiseRecords : public testing::TestWithParam<std::size_t> {};
+
+TEST_P(NoiseRecords, AgreeWithPlainArithmetic) {
+  Testing::NoiseRecord const record = Testing::noiseRecords().at(GetParam());
+  EXPECT_EQ(levelOf(record.samples), record.level) << record.kind;
+  WavePoints<unsigned short> const wave(record.samples.data(), 0, 0.0, 0.0,
+                                        static_cast<int>(record.samples.size()), -1, ScannerDevice());
+  EXPECT_EQ(wave.noise, record.level & 0xFFFFU) << record.kind;
+}
+
+INSTANTIATE_TEST_SUITE_P(NoiseEstimate, NoiseRecords,
+                         testing::Range<std::size_t>(0, Testing::noiseRecords().size()));
+
+TEST(NoiseEstimate, NothingOutsideTheRecordIsRead) {
+  for (std::size_t const length : {1U, 2U, 19U, 20U, 35U}) {
+    Testing::inGuardedPlaces(Samples(length, 50), [length](unsigned short const* samples) {
+      EXPECT_NE(estimateNoise(std::span(samples, length)), 1U);
+    });
+  }
+}
+
+}  // namespace
+}  // namespace FullWaveform

@@ -1,0 +1,132 @@
+#include <fullwaveform/model/Segmentation.h>
+
+#include <cstdint>
+#include <map>
+#include <span>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "SegmentRecords.h"
+#include "support/Records.h"
+
+namespace FullWaveform {
+namespace {
+
+using Testing::Samples;
+using StartEnd = std::map<std::uint32_t, std::uint32_t>;
+
+Segmentation segment(Samples const& samples, unsigned short noise = 10) {
+  return segmentSignal(std::span<unsigned short const>(samples), noise);
+}
+
+StartEnd startEndOf(Samples const& samples, unsigned short noise = 10) {
+  return segment(samples, noise).startEnd;
+}
+
+TEST(Segmentation, WorkedExample) {
+  Segmentation const found = segment({5, 50, 60, 5, 5});
+  EXPECT_EQ(found.startEnd, (StartEnd{{0, 3}}));
+  EXPECT_EQ(found.max, 60);
+  EXPECT_EQ(found.idxOfMax, 2U);
+}
+
+TEST(Segmentation, RecordThatNeverFallsIsOneSegmentFromOne) {
+  EXPECT_EQ(startEndOf({50, 50, 50, 50, 50, 50}), (StartEnd{{1, 4}}));
+}
+
+TEST(Segmentation, RecordAllBelowHasNone) {
+  EXPECT_EQ(startEndOf(Samples(20, 9)), StartEnd{});
+  EXPECT_EQ(startEndOf(Samples(20, 10)), StartEnd{});
+}
+
+TEST(Segmentation, EveryRunAboveIsASegment) {
+  EXPECT_EQ(startEndOf({5, 5, 50, 5, 5, 50, 50, 5, 5}), (StartEnd{{1, 3}, {4, 7}}));
+}
+
+TEST(Segmentation, SampleEqualToTheNoiseNeitherOpensNorCloses) {
+  EXPECT_EQ(startEndOf({5, 10, 10, 50, 10, 10, 5, 5}), (StartEnd{{2, 6}}));
+  EXPECT_EQ(startEndOf({5, 50, 10, 50, 10, 5, 5}), (StartEnd{{0, 5}}));
+}
+
+TEST(Segmentation, FirstSampleEqualToTheNoiseIsNotInside) {
+  EXPECT_EQ(startEndOf({10, 10, 5, 5, 5}), StartEnd{});
+  EXPECT_EQ(startEndOf({11, 10, 5, 5, 5}), (StartEnd{{1, 2}}));
+}
+
+TEST(Segmentation, RecordThatEndsAboveEndsTwoBeforeItsCount) {
+  EXPECT_EQ(startEndOf({5, 5, 50, 50, 50}), (StartEnd{{1, 3}}));
+  EXPECT_EQ(startEndOf({5, 5, 5, 50, 50}), (StartEnd{{2, 3}}));
+}
+
+TEST(Segmentation, LastSampleIsNeverExamined) {
+  EXPECT_EQ(startEndOf({5, 5, 5, 5, 50}), StartEnd{});
+  EXPECT_EQ(startEndOf({5, 50, 50, 50, 5}), (StartEnd{{0, 3}}));
+}
+
+// The first segment is 1 to 1; a second one, opened by the sample at 2, starts at 1 too.
+TEST(Segmentation, SegmentOfTheSameStartOverwritesTheEnd) {
+  EXPECT_EQ(startEndOf({50, 5, 50, 5, 5}), (StartEnd{{1, 3}}));
+}
+
+TEST(Segmentation, RecordsOfOneAndTwoSamplesEndBeforeTheyStart) {
+  EXPECT_EQ(startEndOf({}), StartEnd{});
+  EXPECT_EQ(startEndOf({5}), StartEnd{});
+  EXPECT_EQ(startEndOf({50}), (StartEnd{{1, 4294967295U}}));
+  EXPECT_EQ(startEndOf({5, 50}), StartEnd{});
+  EXPECT_EQ(startEndOf({50, 5}), (StartEnd{{1, 0}}));
+}
+
+TEST(Segmentation, FirstOfEqualMaximaWins) {
+  Segmentation const found = segment({5, 5, 60, 5, 60, 60, 5});
+  EXPECT_EQ(found.max, 60);
+  EXPECT_EQ(found.idxOfMax, 2U);
+}
+
+TEST(Segmentation, StrongestSampleAtEitherEndIsNotSeen) {
+  Segmentation const found = segment({90, 5, 60, 5, 95});
+  EXPECT_EQ(found.max, 60);
+  EXPECT_EQ(found.idxOfMax, 2U);
+}
+
+TEST(Segmentation, RecordOfZerosHasNoStrongestSample) {
+  Segmentation const found = segment(Samples(10, 0), 0);
+  EXPECT_EQ(found.max, 0);
+  EXPECT_EQ(found.idxOfMax, 0U);
+  EXPECT_EQ(found.startEnd, StartEnd{});
+}
+
+TEST(Segmentation, FullScaleIsCompared) {
+  EXPECT_EQ(startEndOf({0, 65535, 0, 0}, 65534), (StartEnd{{0, 2}}));
+  EXPECT_EQ(startEndOf({0, 65535, 0, 0}, 65535), StartEnd{});
+}
+
+TEST(Segmentation, EveryShortRecord) {
+  std::istringstream words(Testing::segmentRecords);
+  int records = 0;
+  for (std::string line; words >> line; ++records) {
+    auto const bar = line.find('|');
+    Samples samples;
+    for (char const letter : line.substr(0, bar)) {
+      samples.push_back(letter == 'b' ? 5 : letter == 'e' ? 10 : 50);
+    }
+    std::size_t const length = samples.size();
+    Testing::inGuardedPlaces(samples, [&](unsigned short const* first) {
+      Segmentation const found = segmentSignal(std::span(first, length), 10);
+      std::ostringstream text;
+      char const* separator = "|";
+      for (auto const& [start, end] : found.startEnd) {
+        text << separator << start << '>' << end;
+        separator = ",";
+      }
+      text << (found.startEnd.empty() ? "||" : "|") << found.idxOfMax;
+      EXPECT_EQ(text.str(), line.substr(bar)) << line;
+      EXPECT_EQ(found.max, length < 3 ? 0 : samples[found.idxOfMax]) << line;
+    });
+  }
+  EXPECT_EQ(records, 1 + 3 + 9 + 27 + 81 + 243);
+}
+
+}  // namespace
+}  // namespace FullWaveform
