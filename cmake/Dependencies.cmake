@@ -1,5 +1,8 @@
 # Every C++ dependency and the version it must have, named once.
 find_package(Eigen3 3.4 REQUIRED NO_MODULE)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(CAIRO REQUIRED IMPORTED_TARGET GLOBAL cairo-pdf>=1.16)
+pkg_check_modules(FFTW REQUIRED IMPORTED_TARGET GLOBAL fftw3>=3.3)
 if(FULLWAVEFORM_OPENMP)
   find_package(OpenMP REQUIRED COMPONENTS CXX)
 endif()

@@ -1,6 +1,11 @@
 #pragma once
 
 /// The whole public interface of the library.
+#include <fullwaveform/deconvolution/ConvolutionWorkspace.h>
+#include <fullwaveform/deconvolution/FftConvolution.h>
+#include <fullwaveform/deconvolution/RL_Planes.h>
+#include <fullwaveform/deconvolution/RichardsonLucy.h>
+#include <fullwaveform/deconvolution/RichardsonLucyIteration.h>
 #include <fullwaveform/driver/ChannelMerge.h>
 #include <fullwaveform/driver/Decibel.h>
 #include <fullwaveform/driver/FWFModus.h>
@@ -8,6 +13,10 @@
 #include <fullwaveform/driver/RunStatistics.h>
 #include <fullwaveform/driver/ShotMap.h>
 #include <fullwaveform/fitting/FittingGaussVia3Points.h>
+#include <fullwaveform/fitting/FittingGaussViaDecomposition.h>
+#include <fullwaveform/fitting/GaussianRefinement.h>
+#include <fullwaveform/fitting/GaussianSum.h>
+#include <fullwaveform/fitting/ResidualAccessor.h>
 #include <fullwaveform/fitting/ThreePointGauss.h>
 #include <fullwaveform/fitting/ZeroCrossing.h>
 #include <fullwaveform/host/Attributes.h>
@@ -17,18 +26,24 @@
 #include <fullwaveform/host/Grid.h>
 #include <fullwaveform/host/MemArray.h>
 #include <fullwaveform/host/MultiArray.h>
+#include <fullwaveform/host/PlotCurve.h>
+#include <fullwaveform/host/PlotTicks.h>
 #include <fullwaveform/host/PointerID.h>
 #include <fullwaveform/host/ReferenceBase.h>
 #include <fullwaveform/host/SpeakPtr.h>
 #include <fullwaveform/host/StrongPtr.h>
 #include <fullwaveform/host/TarnClass.h>
+#include <fullwaveform/host/VectorToPDF.h>
 #include <fullwaveform/model/AdditionalAttributesPerWave.h>
 #include <fullwaveform/model/MarkBadPeaks.h>
 #include <fullwaveform/model/NoiseEstimate.h>
 #include <fullwaveform/model/Peak.h>
+#include <fullwaveform/model/PrintWave.h>
 #include <fullwaveform/model/Segmentation.h>
 #include <fullwaveform/model/WavePoints.h>
+#include <fullwaveform/online/OnlineEvaluation.h>
 #include <fullwaveform/scanner/ExtraAttributes.h>
 #include <fullwaveform/scanner/ScannerDevice.h>
 #include <fullwaveform/scanner/SpeedOfLight.h>
+#include <fullwaveform/scanner/SystemWave.h>
 #include <fullwaveform/text/Number.h>

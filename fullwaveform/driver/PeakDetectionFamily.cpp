@@ -31,6 +31,9 @@ T const* rowOf(Kestra::MemArray<2, T> const& waveforms, std::size_t row) {
   return storage == nullptr ? nullptr : storage + row * waveforms.columns();
 }
 
+/// Above this many counts the hybrid decomposes, whatever the scanner.
+constexpr unsigned short strongSignal = 1800;
+
 /// Rows of a block that do not fit together.
 struct Misfits {
   std::size_t unplaced = 0;
@@ -51,6 +54,15 @@ void speak(Misfits const& misfits, std::size_t columns) {
     console << (misfits.unplaced != 0 ? "," : "") << " " << std::to_string(misfits.cutCounts)
             << " sample counts cut to the row length " << std::to_string(columns);
   }
+}
+
+void speakOfPlanes(std::uint32_t withoutPlane) {
+  if (withoutPlane == 0) {
+    return;
+  }
+  Holdex::Console console;
+  console << "PeakDetectionFamily::apply: " << std::to_string(withoutPlane)
+          << " waveforms without echoes (no system wave, or longer than the deconvolution was built for)";
 }
 
 bool isInvalid(Peak const& peak) {
@@ -109,8 +121,16 @@ template <class T>
 PeakDetectionFamily<T>::PeakDetectionFamily(FWFModus const& modus, ScannerDevice const& scanner,
                                             std::filesystem::path const& outputDirectory,
                                             std::filesystem::path const& inputFile,
-                                            unsigned int const& /*rlParameter*/)
-    : modus(modus), scanner(scanner), outputDirectory(outputDirectory), inputFile(inputFile) {}
+                                            unsigned int const& rlParameter)
+    : modus(modus),
+      onlineEvaluation(scanner),
+      outputDirectory(outputDirectory),
+      inputFile(inputFile),
+      rlPlanes(scanner, rlParameter) {
+  if (modus == FWFModus::Deconvolution || modus == FWFModus::Hybrid) {
+    message = rlPlanes.error;
+  }
+}
 
 template <class T>
 ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
@@ -148,6 +168,7 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
   misfits.unplaced = static_cast<std::size_t>(
       std::count(trace.rowStates.begin(), trace.rowStates.end(), RowState::NotPlaced));
   speak(misfits, columns);
+  speakOfPlanes(trace.withoutPlane);
 
   for (auto& [time, shot] : shots) {
     finishShot(shot, channelFlags);
@@ -159,8 +180,8 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
 
 template <class T>
 RowState PeakDetectionFamily<T>::processRow(Row const& row, int noise, ShotMap& shots) {
-  WavePtr const wave(
-      new WavePoints<T>(row.samples, row.channelFlag, row.shotTime, row.sblTime, row.count, noise, scanner));
+  WavePtr const wave(new WavePoints<T>(row.samples, row.channelFlag, row.shotTime, row.sblTime, row.count,
+                                       noise, onlineEvaluation.scanner));
   trace.statistics.countSegments(wave->startEnd.size());
   if (!wave->signalIsAboveNoise()) {
     ++trace.statistics.signalTooLow;
@@ -187,10 +208,25 @@ void PeakDetectionFamily<T>::extract(Row const& row, WavePtr const& wave) {
       gaussVia3Points.apply(row.samples, wave);
       break;
     case FWFModus::Decomposition:
+      gaussDecomposition.apply(row.samples, wave);
+      break;
     case FWFModus::Deconvolution:
+      deconvolve(row, wave);
+      break;
     case FWFModus::Hybrid:
+      // Deconvolution sharpens weak echoes of the low-power channel; what is strong fits well as it is.
+      if (wave->maxAmplitude > strongSignal || row.channelFlag == 0) {
+        gaussDecomposition.apply(row.samples, wave);
+      } else {
+        deconvolve(row, wave);
+      }
       break;
   }
+}
+
+template <class T>
+void PeakDetectionFamily<T>::deconvolve(Row const& row, WavePtr const& wave) {
+  trace.withoutPlane += rlPlanes.apply(row.samples, wave) == 0 ? 1U : 0U;
 }
 
 template <class T>
@@ -202,6 +238,7 @@ void PeakDetectionFamily<T>::keepGoodPeaks(WavePoints<T>& wave) const {
 
 template <class T>
 void PeakDetectionFamily<T>::setTimes(WavePoints<T>& wave) const {
+  ScannerDevice const& scanner = onlineEvaluation.scanner;
   double const recordStart = wave.sblTime - scanner.t_ref;
   auto const timeAt = [&](double index) { return index * scanner.sampling_time + recordStart; };
   for (Peak& peak : wave.peaks) {
@@ -214,6 +251,7 @@ void PeakDetectionFamily<T>::setTimes(WavePoints<T>& wave) const {
 template <class T>
 void PeakDetectionFamily<T>::finishShot(Shot& shot,
                                         Kestra::MultiArray<1, unsigned char> const& channelFlags) {
+  ScannerDevice const& scanner = onlineEvaluation.scanner;
   std::size_t const withPeaks = countWithPeaks(shot);
   mergeShot(shot, channelFlags, scanner.sampling_time);
   trace.mergedAway += static_cast<std::uint32_t>(withPeaks - countWithPeaks(shot));

@@ -7,13 +7,16 @@
 #include <vector>
 
 #include <fullwaveform/Export.h>
+#include <fullwaveform/deconvolution/RL_Planes.h>
 #include <fullwaveform/driver/FWFModus.h>
 #include <fullwaveform/driver/RunStatistics.h>
 #include <fullwaveform/driver/ShotMap.h>
 #include <fullwaveform/fitting/FittingGaussVia3Points.h>
+#include <fullwaveform/fitting/FittingGaussViaDecomposition.h>
 #include <fullwaveform/host/MemArray.h>
 #include <fullwaveform/host/MultiArray.h>
 #include <fullwaveform/model/WavePoints.h>
+#include <fullwaveform/online/OnlineEvaluation.h>
 #include <fullwaveform/scanner/ScannerDevice.h>
 
 namespace FullWaveform {
@@ -30,6 +33,7 @@ enum class RowState : std::uint8_t {
 struct BlockTrace {
   RunStatistics statistics;
   std::uint32_t mergedAway = 0;     ///< waveforms whose echoes all stand in the other channel
+  std::uint32_t withoutPlane = 0;   ///< waveforms that no deconvolution could take
   std::vector<RowState> rowStates;  ///< one per row of the block
   std::chrono::system_clock::time_point started;
   std::chrono::system_clock::time_point finished;
@@ -43,11 +47,13 @@ template <class T>
 class FULLWAVEFORM_EXPORT PeakDetectionFamily {
  public:
   FWFModus modus;
-  ScannerDevice scanner;  ///< the description that every waveform is built with
+  OnlineEvaluation<T> onlineEvaluation;  ///< holds the scanner that every waveform is built with
   std::filesystem::path outputDirectory;
   std::filesystem::path inputFile;
   std::string message;  ///< for the operator; empty when there is nothing to say
   FittingGaussVia3Points<T, ZeroCrossing> gaussVia3Points;
+  FittingGaussViaDecomposition<T, ZeroCrossing> gaussDecomposition;
+  RL_Planes<T, ZeroCrossing> rlPlanes;
 
   using Waveforms = Holdex::StrongPtr<Kestra::MemArray<2, T>>;
 
@@ -56,6 +62,9 @@ class FULLWAVEFORM_EXPORT PeakDetectionFamily {
   /// @param outputDirectory  where the run statistics of suspicious blocks are appended
   /// @param inputFile        names the file of the run statistics
   /// @param rlParameter      longest waveform for the deconvolution, samples
+  ///
+  /// All methods are built in every mode. `message` says in modes 2 and 3 why the deconvolution cannot run;
+  /// a block that is given all the same gets waveforms without echoes where it would have been needed.
   PeakDetectionFamily(FWFModus const& modus, ScannerDevice const& scanner,
                       std::filesystem::path const& outputDirectory, std::filesystem::path const& inputFile,
                       unsigned int const& rlParameter);
@@ -86,6 +95,7 @@ class FULLWAVEFORM_EXPORT PeakDetectionFamily {
 
   RowState processRow(Row const& row, int noise, ShotMap& shots);
   void extract(Row const& row, WavePtr const& wave);
+  void deconvolve(Row const& row, WavePtr const& wave);
   void keepGoodPeaks(WavePoints<T>& wave) const;
   void setTimes(WavePoints<T>& wave) const;
   void finishShot(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags);

@@ -22,7 +22,7 @@ ScannerDevice::ComplexTable readExponentialSum(std::string const& name, Kestra::
   using Numbers = Holdex::DynamicPtr<Holdex::Chunk<double>, Holdex::ChunkBase>;
   Numbers const real(findAttribute(name + "_real", "Waveforms", grid));
   Numbers const imag(findAttribute(name + "_imag", "Waveforms", grid));
-  if (!real || !imag || real->size() != imag->size()) {
+  if (!real || !imag || real->empty() || real->size() != imag->size()) {
     return {};
   }
   auto table = Holdex::makeStrong<Holdex::Chunk<std::complex<double>>>(real->size());

@@ -30,7 +30,7 @@ bool readAttribute(std::string const& name, std::string const& fieldName, Kestra
 }
 
 /// The exponential sum of that name: element i is (name_real[i], name_imag[i]) of the field "Waveforms".
-/// Empty when one of the two is missing or their lengths differ.
+/// Empty when one of the two is missing or without elements, or when their lengths differ.
 ScannerDevice::ComplexTable readExponentialSum(std::string const& name, Kestra::Grid const& grid);
 
 }  // namespace FullWaveform

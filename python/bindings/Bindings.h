@@ -6,4 +6,5 @@
 void bindHost(nanobind::module_& module);
 void bindScanner(nanobind::module_& module);
 void bindModel(nanobind::module_& module);
+void bindOnline(nanobind::module_& module);
 void bindDriver(nanobind::module_& module);

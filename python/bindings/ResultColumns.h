@@ -54,6 +54,7 @@ struct ResultColumns {
   std::vector<std::uint8_t> rowState;
 
   std::uint32_t mergedAway;
+  std::uint32_t withoutPlane;
   FullWaveform::RunStatistics statistics;
 
  private:

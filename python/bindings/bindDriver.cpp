@@ -112,6 +112,7 @@ nb::dict statisticsTable(ResultColumns const& columns) {
   FullWaveform::RunStatistics const& statistics = columns.statistics;
   nb::dict table;
   table["mergedAway"] = columns.mergedAway;
+  table["withoutPlane"] = columns.withoutPlane;
   table["numberOfWaves"] = statistics.numberOfWaves;
   table["signalTooLow"] = statistics.signalTooLow;
   table["duplicates"] = statistics.duplicates;

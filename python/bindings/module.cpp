@@ -5,5 +5,6 @@ NB_MODULE(_core, module) {
   bindHost(module);
   bindScanner(module);
   bindModel(module);
+  bindOnline(module);
   bindDriver(module);
 }

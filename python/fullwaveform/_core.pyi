@@ -63,3 +63,12 @@ class PeakDetectionFamily:
         noise: int,
         text: str,
     ) -> dict[str, Any]: ...
+
+def evaluate_online(
+    scanner: ScannerDevice,
+    shot_times: npt.NDArray[np.float64],
+    ranges: npt.NDArray[np.float64],
+    amplitudes: npt.NDArray[np.float32],
+    flags: npt.NDArray[np.uint8],
+    reflectances: npt.NDArray[np.float32],
+) -> dict[str, Any]: ...

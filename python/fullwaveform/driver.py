@@ -35,8 +35,12 @@ class Mode(IntEnum):
         return _core.mode_name(int(self)).strip()
 
 
-#: The modes that this version can run.
-AVAILABLE_MODES = (Mode.THREE_POINT,)
+#: Modes that deconvolve, and so need the scanner's system wave.
+DECONVOLVING_MODES = (Mode.DECONVOLUTION, Mode.HYBRID)
+
+# Transforms are planned for every 25 samples up to the longest waveform: at 8192 samples this is
+# about 1 GB, and no scanner records a pulse's return for longer.
+_LONGEST_DECONVOLUTION = 8192
 
 
 class RowState(IntEnum):
@@ -107,12 +111,15 @@ class Driver:
     ) -> None:
         self.mode = checked_mode(mode)
         self.scanner = scanner
+        check_system_wave(self.mode, scanner)
+        deconvolves = self.mode in DECONVOLVING_MODES
+        self._longest = _checked_longest(longest_waveform, deconvolves)
         self._driver = _core.PeakDetectionFamily(
             int(self.mode),
             scanner.device(),
             _NO_DIRECTORY if report_directory is None else str(report_directory),
             str(input_file),
-            _checked_longest(longest_waveform),
+            self._longest if deconvolves else 0,
         )
         forward_messages()
 
@@ -166,23 +173,38 @@ class Driver:
                 np.ones(rows, np.uint8) if channel_flags is None else channel_flags, rows
             ),
         )
+        self._check_lengths(arguments[0])
         result = self._driver.apply(samples, *arguments, _checked_noise(noise), text)
         forward_messages()
         return _result(result)
 
+    def _check_lengths(self, counts: npt.NDArray[np.uint16]) -> None:
+        if self.mode not in DECONVOLVING_MODES or not counts.size:
+            return
+        row = int(np.argmax(counts))
+        if counts[row] > self._longest:
+            raise ValueError(
+                f"counts: {counts[row]} of waveform {row} is above longest_waveform "
+                f"{self._longest}, for which this driver's deconvolution was planned"
+            )
+
 
 def checked_mode(mode: Mode | int) -> Mode:
-    """The mode; ValueError when there is none of that number or it cannot run."""
+    """The mode; ValueError when there is none of that number."""
     try:
-        known = Mode(mode)
+        return Mode(mode)
     except ValueError:
         raise ValueError(f"mode {mode!r} is none of 0, 1, 2, 3") from None
-    if known not in AVAILABLE_MODES:
-        available = ", ".join(str(int(m)) for m in AVAILABLE_MODES)
+
+
+def check_system_wave(mode: Mode, scanner: Scanner) -> None:
+    """ValueError when the mode deconvolves and the scanner has no system wave to do it with."""
+    if mode in DECONVOLVING_MODES and not scanner.has_system_wave:
         raise ValueError(
-            f"mode {int(known)} ({known.title}) is not available; available: {available}"
+            f"mode {int(mode)} ({mode.title}) needs the scanner's system wave, the attributes "
+            "a_real, a_imag, b_real and b_imag: give a scanner description that has them (the "
+            "command fullwaveform system-wave estimates one), or use mode 0 or 1"
         )
-    return known
 
 
 def _result(raw: dict[str, Any]) -> Result:
@@ -216,11 +238,12 @@ def _checked_samples(samples: npt.NDArray[np.uint16]) -> npt.NDArray[np.uint16]:
     return array
 
 
-def _checked_longest(longest: int) -> int:
+def _checked_longest(longest: int, deconvolves: bool) -> int:
     if isinstance(longest, bool) or not isinstance(longest, int | np.integer):
         raise ValueError(f"longest_waveform must be an integer in samples, not {longest!r}")
-    if not 0 <= longest <= _LARGEST_COUNT:
-        raise ValueError(f"longest_waveform {longest} is not between 0 and {_LARGEST_COUNT}")
+    limit = _LONGEST_DECONVOLUTION if deconvolves else _LARGEST_COUNT
+    if not 0 <= longest <= limit:
+        raise ValueError(f"longest_waveform {longest} is not between 0 and {limit}")
     return int(longest)
 
 

@@ -19,6 +19,7 @@ from matplotlib.ticker import MaxNLocator
 FloatArray = npt.NDArray[np.float64]
 
 SIZE_INCHES = (10.0, 4.375)
+HISTOGRAM_INCHES = (6.4, 4.0)
 DOTS_PER_INCH = 160
 _INK, _GREY, _FAINT = "#1f2a36", "#7b8794", "#e4e8ec"
 _SIGNAL, _ECHO = "#2f6690", "#c8501e"
@@ -27,6 +28,8 @@ _COLOURS = ListedColormap(colormaps["viridis"](np.linspace(0.0, 0.93, 256)))
 _MARGIN, _SHORTEST_VIEW = 15.0, 50.0  # samples
 _HALF_BAR_HEIGHT = float(np.exp(-0.5))  # a Gaussian has this share of its top at one width
 _FORMATS = {".png": "png", ".pdf": "pdf", ".svg": "svg"}
+#: What the name of a picture may end in.
+PLOT_ENDINGS = tuple(_FORMATS)
 
 
 @dataclass(frozen=True, slots=True)
@@ -77,6 +80,43 @@ def draw_overview(
     left.supylabel("digitiser counts", fontsize=8, color=_INK)
     draw_side_view(right.subplots(), points, level, title)
     _save(figure, path)
+
+
+def draw_histogram(path: Path | str, values: npt.ArrayLike, *, title: str, label: str) -> None:
+    """Histogram of the values with their median; the bulk of them sets its range.
+
+    Values that are not finite are left out; without any the page says so. The ending of the name
+    chooses the format as in `draw_overview`, with the same errors.
+    """
+    path = Path(path)
+    if path.suffix.lower() not in _FORMATS:
+        raise ValueError(f"{path.name!r} does not end in one of {', '.join(_FORMATS)}")
+    numbers = np.asarray(values, dtype=np.float64).ravel()
+    numbers = numbers[np.isfinite(numbers)]
+    figure = Figure(figsize=HISTOGRAM_INCHES, dpi=DOTS_PER_INCH, layout="constrained")
+    FigureCanvasAgg(figure)
+    axes = figure.subplots()
+    if numbers.size:
+        median = float(np.median(numbers))
+        axes.hist(numbers, bins=_bins(numbers).tolist(), color=_SIGNAL, alpha=0.85)
+        axes.axvline(median, color=_ECHO, linewidth=1.2, label=f"median {median:+.3f}")
+        axes.legend(fontsize=7, frameon=False)
+    else:
+        axes.text(0.5, 0.5, "no values", transform=axes.transAxes, ha="center", color=_GREY)
+    axes.set_title(title, fontsize=9, loc="left", color=_INK)
+    axes.set_xlabel(label, fontsize=8, color=_INK)
+    axes.set_ylabel("count", fontsize=8, color=_INK)
+    _style(axes)
+    _save(figure, path)
+
+
+def _bins(numbers: FloatArray) -> FloatArray:
+    """Sixty bins over all but the outermost values, which would squeeze the others together."""
+    low, high = np.percentile(numbers, (0.5, 99.5))
+    if high <= low:
+        low, high = low - 0.5, high + 0.5
+    edges: FloatArray = np.linspace(low, high, 61)
+    return edges
 
 
 def draw_waveform(axes: Axes, waveform: WaveformPicture) -> None:

@@ -38,6 +38,7 @@ _WAVEFORM_ATTRIBUTES = {
 _PARTS = ("real", "imag")
 _SBL_ATTRIBUTES = {"t_ref": "double"}
 _ALL_ATTRIBUTES = _SCANNER_ATTRIBUTES | _WAVEFORM_ATTRIBUTES | _SBL_ATTRIBUTES
+_DECONVOLUTION_KEYS = {"position_offset", "position_spread", "echoes"}
 _KIND_IN_WORDS = {
     "text": "text",
     "double": "finite number",
@@ -94,6 +95,7 @@ class Scanner:
     attributes: Mapping[str, AttributeValue]
     after_pulse: AfterPulse | None = None  # None: what the library knows of the scanner's type
     notes: tuple[str, ...] = field(default=())  # what was decided for the user, a sentence each
+    deconvolution_offset: float = 0.0  # samples by which deconvolved echoes lie too far behind
 
     @classmethod
     def from_attributes(
@@ -116,7 +118,8 @@ class Scanner:
     def from_toml(cls, path: str | Path, *, after_pulse: AfterPulse | None = None) -> Scanner:
         """A scanner from a TOML file whose keys are the attribute names.
 
-        A table ``[after_pulse]`` with ``offset`` and ``width`` in samples is optional. Without it,
+        Tables ``[deconvolution]`` with ``position_offset`` in samples and ``[after_pulse]`` with
+        ``offset`` and ``width`` in samples are optional. Without the latter,
         and for a type that the library does not know, the after-pulse test is switched off: a
         description from a file must not cost echoes.
 
@@ -134,8 +137,9 @@ class Scanner:
         table = content.pop("after_pulse", None)
         if table is not None and after_pulse is None:
             after_pulse = _after_pulse_from_table(table, path)
+        offset = _offset_from_table(content.pop("deconvolution", {"position_offset": 0.0}), path)
         attributes = _checked(content, f"scanner description {path}")
-        return _without_surprise(cls(attributes, after_pulse))
+        return _without_surprise(cls(attributes, after_pulse, deconvolution_offset=offset))
 
     @classmethod
     def default(
@@ -273,6 +277,16 @@ def _after_pulse_from_table(table: Any, path: str | Path) -> AfterPulse:
         return AfterPulse(**table)
     except ValueError as error:
         raise ValueError(f"scanner description {path}: {error}") from error
+
+
+def _offset_from_table(table: Any, path: str | Path) -> float:
+    offset = _plain(table.get("position_offset"), "double") if isinstance(table, dict) else None
+    if not isinstance(offset, float) or set(table) - _DECONVOLUTION_KEYS:
+        raise ValueError(
+            f"scanner description {path}: the table deconvolution must hold position_offset in "
+            "samples, and nothing beside it but position_spread and echoes"
+        )
+    return offset
 
 
 def _without_surprise(scanner: Scanner) -> Scanner:

@@ -13,6 +13,7 @@ from rich.progress import BarColumn, Progress, TaskProgressColumn, TextColumn, T
 from fullwaveform.cli.options import after_pulse_from, channel_flags_from, mode_from, noise_from
 from fullwaveform.cli.summary import RunSummary
 from fullwaveform.cli.trouble import told_in_a_sentence
+from fullwaveform.driver import check_system_wave
 from fullwaveform.extraction import ExtractionSettings, ExtractionTally, Extractor
 from fullwaveform.formats.csv_writer import CsvEchoWriter
 from fullwaveform.formats.las_writer import LasEchoWriter
@@ -71,6 +72,7 @@ def extract(
             report_directory=output.absolute().parent,
             input_file=source.name,
         )
+        check_system_wave(settings.mode, settings.scanner)
         with open_waveforms(source, waveforms_per_block=block, channel_flags=channels) as reader:
             summary = _run(reader, writer_of, output, settings, quiet)
     if not quiet:

@@ -5,8 +5,10 @@ from __future__ import annotations
 import typer
 
 import fullwaveform
+from fullwaveform.cli.compare import compare
 from fullwaveform.cli.extract import extract
 from fullwaveform.cli.simulate import simulate
+from fullwaveform.cli.system_wave import system_wave
 
 app = typer.Typer(
     name="fullwaveform",
@@ -17,6 +19,8 @@ app = typer.Typer(
 )
 app.command()(extract)
 app.command()(simulate)
+app.command()(compare)
+app.command("system-wave")(system_wave)
 
 
 def _show_version(wanted: bool) -> None:

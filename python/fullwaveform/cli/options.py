@@ -2,12 +2,11 @@
 
 from __future__ import annotations
 
-from collections import defaultdict
 from collections.abc import Mapping
 
 import typer
 
-from fullwaveform.driver import Mode, checked_mode
+from fullwaveform.driver import Mode
 from fullwaveform.scanner import NO_AFTER_PULSE, AfterPulse
 
 MODE_NAMES = {
@@ -26,17 +25,15 @@ def mode_from(text: str) -> Mode:
     mode = MODE_NAMES.get(text, numbers.get(text))
     if mode is None:
         raise typer.BadParameter(f"{text!r} is none of {', '.join(MODE_NAMES)} or 0 to 3")
-    try:
-        return checked_mode(mode)
-    except ValueError as error:
-        raise typer.BadParameter(str(error)) from error
+    return mode
 
 
 def noise_from(text: str) -> int:
     """Noise level in counts, -1 for an estimate per waveform."""
     if text == "auto":
         return -1
-    if not text.isascii() or not text.isdigit() or int(text) > _LARGEST_NOISE:
+    digits = text.isascii() and text.isdigit() and len(text) <= len(str(_LARGEST_NOISE))
+    if not digits or int(text) > _LARGEST_NOISE:
         raise typer.BadParameter(f"{text!r} is neither auto nor a number of counts, 0 to 65535")
     return int(text)
 
@@ -52,16 +49,16 @@ def channel_flags_from(texts: list[str]) -> Mapping[int, int]:
         index, equals, name = text.rpartition("=")
         flag = _CHANNEL_NAMES.get(name, int(name) if name.isascii() and name.isdigit() else -1)
         wanted = int(index) if index.isascii() and index.isdigit() else -1
-        if not 0 <= flag <= 255 or (equals and not 1 <= wanted <= 255):
+        if not 0 <= flag <= 255 or (equals and not 0 <= wanted <= 255):
             raise typer.BadParameter(
                 f"{text!r} is not a channel: say low, high or 0 to 255, or INDEX=... with the "
-                "index (1 to 255) of a packet descriptor"
+                "index (0 to 255) of a packet descriptor or channel"
             )
         if equals:
             single[wanted] = flag
         else:
             default = flag
-    return defaultdict(lambda: default, single)
+    return dict.fromkeys(range(256), default) | single
 
 
 def after_pulse_from(text: str | None) -> AfterPulse | None:

@@ -1,0 +1,45 @@
+#include <fullwaveform/deconvolution/FftConvolution.h>
+
+#include <algorithm>
+
+namespace FullWaveform {
+
+std::ptrdiff_t centreOf(std::size_t kernelLength) {
+  return static_cast<std::ptrdiff_t>(kernelLength / 2) - 1;
+}
+
+void convolve(ConvolutionWorkspace& workspace, ConvolutionWorkspace::Complex const* kernel,
+              std::ptrdiff_t offset, std::span<double const> x, std::span<double> out) {
+  std::fill(out.begin(), out.end(), 0.0);
+  if (!workspace || kernel == nullptr) {
+    return;
+  }
+  std::span<double> const input = workspace.input();
+  std::size_t const taken = std::min(x.size(), input.size());
+  std::copy_n(x.begin(), taken, input.begin());
+  std::fill(input.begin() + static_cast<std::ptrdiff_t>(taken), input.end(), 0.0);
+  workspace.transform(kernel);
+
+  std::span<double const> const result = workspace.output();
+  double const scale = 1.0 / static_cast<double>(result.size());
+  auto const held = static_cast<std::ptrdiff_t>(result.size());
+  auto const wanted = static_cast<std::ptrdiff_t>(std::min(x.size(), out.size()));
+  std::ptrdiff_t const first = std::max<std::ptrdiff_t>(0, -offset);
+  std::ptrdiff_t const behind = std::min(wanted, held - offset);
+  for (std::ptrdiff_t i = first; i < behind; ++i) {
+    out[static_cast<std::size_t>(i)] = result[static_cast<std::size_t>(offset + i)] * scale;
+  }
+}
+
+SystemWaveConvolver::SystemWaveConvolver(ConvolutionWorkspace& workspace, std::size_t kernelLength)
+    : workspace(&workspace), offset(centreOf(kernelLength)) {}
+
+void SystemWaveConvolver::blur(std::span<double const> x, std::span<double> out) {
+  convolve(*workspace, workspace->psfSpectrum(), offset, x, out);
+}
+
+void SystemWaveConvolver::blurReversed(std::span<double const> x, std::span<double> out) {
+  convolve(*workspace, workspace->psfReversedSpectrum(), offset, x, out);
+}
+
+}  // namespace FullWaveform

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstddef>
+#include <span>
+
+#include <fullwaveform/Export.h>
+#include <fullwaveform/deconvolution/ConvolutionWorkspace.h>
+
+namespace FullWaveform {
+
+/// Position in the full convolution of the value that belongs to the first input value: the middle of a
+/// kernel of `kernelLength` values, -1 for a kernel of one.
+FULLWAVEFORM_EXPORT std::ptrdiff_t centreOf(std::size_t kernelLength);
+
+/// Convolution by FFT, cut so that out[i] belongs to x[i].
+///
+/// @param workspace  its transform must hold x and the kernel without overlap (lengths added, less one) for
+///                   the result to be the plain convolution; otherwise the ends overlap
+/// @param kernel     spectrum, as many values as the workspace has bins
+/// @param offset     position in the full convolution of out[0], see `centreOf`
+/// @param x          input; what lies behind the transform's length is left out
+/// @param out        result; 0 where the transform holds no value
+///
+/// An empty workspace or a null kernel gives zeros.
+FULLWAVEFORM_EXPORT void convolve(ConvolutionWorkspace& workspace,
+                                  ConvolutionWorkspace::Complex const* kernel, std::ptrdiff_t offset,
+                                  std::span<double const> x, std::span<double> out);
+
+/// Convolution with one system wave and with its mirror image, whatever the length of the transform.
+class FULLWAVEFORM_EXPORT SystemWaveConvolver {
+ public:
+  /// @param workspace  must outlive this object
+  SystemWaveConvolver(ConvolutionWorkspace& workspace, std::size_t kernelLength);
+
+  void blur(std::span<double const> x, std::span<double> out);
+  void blurReversed(std::span<double const> x, std::span<double> out);
+
+ private:
+  ConvolutionWorkspace* workspace;
+  std::ptrdiff_t offset;
+};
+
+}  // namespace FullWaveform

@@ -1,0 +1,108 @@
+#include <fullwaveform/deconvolution/RichardsonLucy.h>
+
+#include <fullwaveform/deconvolution/FftConvolution.h>
+#include <fullwaveform/deconvolution/FftPlanner.h>
+#include <fullwaveform/model/MarkBadPeaks.h>
+#include <fullwaveform/scanner/SystemWave.h>
+
+namespace FullWaveform {
+namespace {
+
+constexpr double leastDifference = 2.0;  // counts
+constexpr auto noSystemWave = "RichardsonLucy<T,SimplePeakType>::RichardsonLucy:: Have no SysWave";
+
+Holdex::StrongPtr<Holdex::Chunk<double>> systemWaveOf(ScannerDevice const& device, std::uint32_t length) {
+  // A system wave of no samples, or steps of no length, is none.
+  if (device.size_sys == 0 || device.up_sampling == 0) {
+    return {};
+  }
+  double const step = device.sampling_time / device.up_sampling;
+  return createNormalizedSysWave(device.expsum_a, device.expsum_b, step, length, {});
+}
+
+/// The samples of a waveform's range, both ends included; empty when there is no such range in the record.
+template <class T>
+std::span<T const> rangeOf(T const* samples, WavePoints<T> const& wave) {
+  // Records of one or two samples have a range that ends before it starts.
+  if (samples == nullptr || wave.globalEnd <= wave.globalStart || wave.globalEnd >= wave.length) {
+    return {};
+  }
+  return {samples + wave.globalStart, wave.globalEnd - wave.globalStart + std::size_t{1}};
+}
+
+}  // namespace
+
+template <class T, class SimplePeakType>
+RichardsonLucy<T, SimplePeakType>::RichardsonLucy(ScannerDevice const& device, unsigned int const& count)
+    : device(device),
+      upsampled_length((count - 1) * device.up_sampling + 1),
+      sys_length((device.size_sys - 1) * device.up_sampling + 1),
+      peak_finder{} {
+  peak_finder.minimumDifference = leastDifference;
+  auto const systemWave = systemWaveOf(device, sys_length);
+  if (!systemWave) {
+    error = noSystemWave;
+    return;
+  }
+  planTransforms({systemWave->data(), systemWave->size()});
+}
+
+template <class T, class SimplePeakType>
+void RichardsonLucy<T, SimplePeakType>::planTransforms(std::span<double const> systemWave) {
+  fft_length = sys_length + upsampled_length - 1;
+  workspace = ConvolutionWorkspace(systemWave, fft_length);
+  spectrum_bins = workspace.spectrumBins();
+}
+
+template <class T, class SimplePeakType>
+void RichardsonLucy<T, SimplePeakType>::convolution(std::vector<double> const& x, double (*kernel)[2],
+                                                    std::vector<double>& out) {
+  convolve(workspace, kernel, centreOf(sys_length), x, out);
+}
+
+template <class T, class SimplePeakType>
+int RichardsonLucy<T, SimplePeakType>::apply(T const* samples, Holdex::StrongPtr<WavePoints<T>> const& wave) {
+  if (!wave || !workspace) {
+    return 1;
+  }
+  std::span<T const> const range = rangeOf(samples, *wave);
+  std::size_t const length = range.empty() ? 0 : (range.size() - 1) * device.up_sampling;
+  if (length < 2) {
+    return 1;
+  }
+  observed.resize(length);
+  double const maximum = observe(range, device.up_sampling, wave->noise, observed);
+  estimate = observed;
+  deconvolve(observed, convolver(), memory, estimate);
+  scaleToCounts(maximum, wave->noise, estimate);
+  findRawPeaks(estimate, 0, static_cast<int>(length - 1), wave->noise, wave->peaks, toSixteenBits,
+               peak_finder.minimumDifference);
+  mapToSamples(*wave);
+  wave->testIfAfterPulse();
+  removeBadPeaks(wave->peaks);
+  return 1;
+}
+
+template <class T, class SimplePeakType>
+void RichardsonLucy<T, SimplePeakType>::mapToSamples(WavePoints<T>& wave) const {
+  double const steps = device.up_sampling;
+  double const start = wave.globalStart;
+  for (Peak& peak : wave.peaks) {
+    peak.type = RICHARDSON_LUCY;
+    // Half the up-sampling factor, in samples, not half a sample: meant, the system wave counts on it.
+    peak.idx = device.up_sampling == 1 ? peak.idx + start : peak.idx / steps + (start - steps * 0.5);
+  }
+}
+
+template <class T, class SimplePeakType>
+void RichardsonLucy<T, SimplePeakType>::releaseTogether(std::span<RichardsonLucy> planes) noexcept {
+  aloneWithFftPlanner([planes] {
+    for (RichardsonLucy& plane : planes) {
+      plane.workspace.releaseAtPlanner();
+    }
+  });
+}
+
+template class RichardsonLucy<unsigned short, ZeroCrossing>;
+
+}  // namespace FullWaveform

@@ -1,0 +1,123 @@
+#include <fullwaveform/scanner/SystemWave.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <fullwaveform/host/Console.h>
+#include <fullwaveform/host/DataRange.h>
+#include <fullwaveform/host/ReferenceBase.h>
+#include <fullwaveform/host/VectorToPDF.h>
+
+namespace FullWaveform {
+namespace {
+
+using ComplexTable = Holdex::StrongPtr<Holdex::Chunk<std::complex<double>>>;
+using Wave = Holdex::StrongPtr<Holdex::Chunk<double>>;
+using Range = Holdex::StrongPtr<Kestra::DataRange<double>, Holdex::InterfaceBase>;
+
+constexpr double nanosecondsPerSecond = 1e9;
+constexpr std::pair<unsigned int, unsigned int> mostTicks{10, 5};
+
+void say(std::string_view text) {
+  Holdex::Console console;
+  console << text;
+}
+
+/// What stands against a synthesis; empty when nothing does.
+std::string obstacle(ComplexTable const& a, ComplexTable const& b, double dt, unsigned int length) {
+  if (!(dt > 0.0)) {
+    return "dt <= 0";
+  }
+  if (!a || !b) {
+    return "No expsum chunk";
+  }
+  if (a->size() != b->size()) {
+    return "Expsum chunks of different lengths: " + std::to_string(a->size()) + " coefficients, " +
+           std::to_string(b->size()) + " exponents";
+  }
+  if (a->empty()) {
+    return "Expsum chunks without values";
+  }
+  return length == 0 ? "System wave of length 0" : "";
+}
+
+Wave buildSystemWave(ComplexTable const& a, ComplexTable const& b, double dt, unsigned int length) {
+  std::string const trouble = obstacle(a, b, dt, length);
+  if (!trouble.empty()) {
+    say(trouble);
+    return {};
+  }
+  auto wave = Holdex::makeStrong<Holdex::Chunk<double>>(length);
+  synthesiseSystemWave({a->data(), a->size()}, {b->data(), b->size()}, dt, {wave->data(), wave->size()});
+  return wave;
+}
+
+Range rangeOf(std::vector<double> const& values) {
+  return Range(new Kestra::DataRange<double>(std::span<double const>(values)));
+}
+
+void plot(Holdex::Chunk<double> const& wave, double dt, std::filesystem::path const& file) {
+  std::vector<double> x(wave.size());
+  for (std::size_t i = 0; i < x.size(); ++i) {
+    x[i] = static_cast<double>(i) * (nanosecondsPerSecond * dt);
+  }
+  std::vector<double> const y(wave.begin(), wave.end());
+  OrvikPDF::VectorToPDF plotter(file.string(), false, "System wave", {"time [ns]", "Normalized Amplitude"},
+                                {rangeOf(x), rangeOf(y)}, mostTicks);
+  plotter.addVector(x, y, "Wave");
+  std::string const trouble = plotter.write2Pdf(false);
+  if (!trouble.empty()) {
+    say("createNormalizedSysWave: " + trouble);
+  }
+}
+
+}  // namespace
+
+void synthesiseSystemWave(std::span<std::complex<double> const> a, std::span<std::complex<double> const> b,
+                          double dt, std::span<double> wave) {
+  std::size_t const terms = std::min(a.size(), b.size());
+  for (std::size_t i = 0; i < wave.size(); ++i) {
+    double const t = static_cast<double>(i) * dt;
+    double sum = 0.0;
+    for (std::size_t k = 0; k < terms; ++k) {
+      double const decay = std::exp(b[k].real() * t);
+      double const phase = b[k].imag() * t;
+      // Only the real part of the product is kept.
+      sum += a[k].real() * (decay * std::cos(phase)) - a[k].imag() * (decay * std::sin(phase));
+    }
+    wave[i] = sum;
+  }
+}
+
+void normaliseToMaximum(std::span<double> wave) {
+  if (wave.empty()) {
+    return;
+  }
+  double const scale = 1.0 / *std::max_element(wave.begin(), wave.end());
+  for (double& value : wave) {
+    value *= scale;
+  }
+}
+
+Holdex::StrongPtr<Holdex::Chunk<double>> createNormalizedSysWave(
+    Holdex::StrongPtr<Holdex::Chunk<std::complex<double>>> const& a,
+    Holdex::StrongPtr<Holdex::Chunk<std::complex<double>>> const& b, double const& dt,
+    unsigned int const& length, std::filesystem::path const& plotDir) {
+  Wave wave = buildSystemWave(a, b, dt, length);
+  if (!wave) {
+    say("Could not create system wave!");
+    return {};
+  }
+  normaliseToMaximum({wave->data(), wave->size()});
+  if (!plotDir.empty()) {
+    plot(*wave, dt, plotDir / "SysWave.pdf");
+  }
+  return wave;
+}
+
+}  // namespace FullWaveform

@@ -1,0 +1,26 @@
+"""Estimating a scanner's system wave: from recorded pulses to a sum of exponentials."""
+
+from __future__ import annotations
+
+from fullwaveform.system_wave.averaging import AveragePulse, average, pulse_of_curve
+from fullwaveform.system_wave.description import description_text, write_description
+from fullwaveform.system_wave.exponentials import ExponentialSum, fit_exponentials
+from fullwaveform.system_wave.fitting import SystemWave, fit_system_wave
+from fullwaveform.system_wave.offset import DeconvolutionOffset, measure_offset
+from fullwaveform.system_wave.pulses import Pulses, pulses_of_rows
+
+__all__ = [
+    "AveragePulse",
+    "DeconvolutionOffset",
+    "ExponentialSum",
+    "Pulses",
+    "SystemWave",
+    "average",
+    "description_text",
+    "fit_exponentials",
+    "fit_system_wave",
+    "measure_offset",
+    "pulse_of_curve",
+    "pulses_of_rows",
+    "write_description",
+]

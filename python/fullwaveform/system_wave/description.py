@@ -1,0 +1,56 @@
+"""The scanner description with its system wave, as the TOML that an extraction reads."""
+
+from __future__ import annotations
+
+import os
+from dataclasses import asdict, replace
+from typing import Any
+
+import tomli_w
+
+from fullwaveform.formats.atomic import replace_when_whole
+from fullwaveform.scanner import NO_AFTER_PULSE, Scanner
+from fullwaveform.system_wave.exponentials import ExponentialSum
+from fullwaveform.system_wave.offset import DeconvolutionOffset
+
+
+def with_system_wave(scanner: Scanner, wave: ExponentialSum, interval: float) -> Scanner:
+    """The scanner with the exponentials of a wave over seconds, estimated at `interval` seconds."""
+    tables = {
+        "a_real": wave.coefficients.real.tolist(),
+        "a_imag": wave.coefficients.imag.tolist(),
+        "b_real": wave.exponents.real.tolist(),
+        "b_imag": wave.exponents.imag.tolist(),
+    }
+    attributes = {**scanner.attributes, **tables}
+    # What was measured with another system wave does not hold for this one.
+    return replace(scanner, attributes=attributes, deconvolution_offset=0.0).at_interval(interval)
+
+
+def description_text(
+    scanner: Scanner, offset: DeconvolutionOffset | None, remarks: tuple[str, ...] = ()
+) -> str:
+    """The TOML of a scanner; remarks, a line each, stand above it as comments."""
+    content: dict[str, Any] = dict(scanner.attributes)
+    if scanner.after_pulse not in (None, NO_AFTER_PULSE):
+        content["after_pulse"] = asdict(scanner.after_pulse)
+    if offset is not None:
+        content["deconvolution"] = {
+            "position_offset": offset.position,
+            "position_spread": offset.spread,
+            "echoes": offset.echoes,
+        }
+    head = "".join(f"# {' '.join(remark.split())}\n" for remark in remarks)
+    return head + tomli_w.dumps(content)
+
+
+def write_description(
+    path: str | os.PathLike[str],
+    scanner: Scanner,
+    offset: DeconvolutionOffset | None,
+    remarks: tuple[str, ...] = (),
+) -> None:
+    """Writes the TOML of a scanner; the file appears when it is whole. Raises OSError."""
+    text = description_text(scanner, offset, remarks)
+    with replace_when_whole(path) as temporary:
+        temporary.write_text(text, encoding="utf-8")

@@ -1,0 +1,212 @@
+"""Where pulses and echoes come from: waveform files, arrays, two columns of text."""
+
+from __future__ import annotations
+
+import zipfile
+from collections import Counter
+from collections.abc import Iterator
+from dataclasses import dataclass
+from enum import StrEnum
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+import numpy.typing as npt
+
+from fullwaveform.formats.opening import open_waveforms
+from fullwaveform.formats.pulsewaves_reader import PulseWavesReader
+from fullwaveform.scanner import Scanner
+from fullwaveform.system_wave.averaging import AveragePulse, average, pulse_of_curve
+from fullwaveform.system_wave.isolated import OTHER_INTERVAL, Records, isolated_echoes
+from fullwaveform.system_wave.pulses import LEFT_OUT, FloatArray, Pulses, pulses_of_rows
+
+_TEXT_ENDINGS = {".txt", ".csv", ".dat", ".xy", ".tsv"}
+_NANOSECONDS = 1e9
+_LARGEST_COUNT = 65535
+# Outgoing pulses read at most; they are taken evenly from the whole file.
+_MOST_OUTGOING = 20_000
+
+
+class Source(StrEnum):
+    """Which pulses of a file are averaged."""
+
+    OUTGOING = "outgoing"
+    ECHOES = "echoes"
+
+
+@dataclass(frozen=True)
+class Input:
+    """A file and what is wanted of it.
+
+    source : None: outgoing pulses where the format holds them, else echoes
+    array : name of an array with pulses in an .npz
+    interval : s per sample, for files that do not say
+    noise : counts, for finding echoes; negative: estimated for each waveform
+    """
+
+    path: Path
+    source: Source | None = None
+    array: str | None = None
+    interval: float | None = None
+    noise: int = -1
+
+    @property
+    def is_arrays(self) -> bool:
+        """Whether the file is an .npz."""
+        return self.path.suffix.lower() == ".npz"
+
+    @property
+    def is_text(self) -> bool:
+        """Whether the file is two columns of text."""
+        return self.path.suffix.lower() in _TEXT_ENDINGS
+
+    def averaged_pulse(self, scanner: Scanner) -> AveragePulse:
+        """The average of the wanted pulses. Raises OSError, and ValueError when there are none."""
+        if self.is_text:
+            return self._pulse_of_text()
+        if self.is_arrays and self.source is not Source.ECHOES:
+            return average(self._pulses_of_arrays())
+        if self.source is Source.ECHOES or not self._holds_outgoing():
+            origin = f"isolated echoes of {self.path.name}"
+            return average(isolated_echoes(self.records(), scanner, self.noise, origin))
+        return average(self._outgoing())
+
+    def records(self) -> Iterator[Records]:
+        """The waveforms with echoes, in parts of one interval; none from a text."""
+        if self.is_text:
+            return
+        if self.is_arrays:
+            yield from self._records_of_arrays()
+            return
+        with open_waveforms(self.path) as reader:
+            for block in reader.blocks():
+                for interval in np.unique(block.sampling_intervals):
+                    of_interval = block.sampling_intervals == interval
+                    yield Records(
+                        block.samples[of_interval], block.counts[of_interval], float(interval)
+                    )
+
+    def _holds_outgoing(self) -> bool:
+        with open_waveforms(self.path) as reader:
+            holds = isinstance(reader, PulseWavesReader)
+        if self.source is Source.OUTGOING and not holds:
+            raise ValueError(
+                f"{self.path} holds no outgoing pulses, as no LAS file does; take the echoes"
+            )
+        return holds
+
+    def _outgoing(self) -> Pulses:
+        origin = f"outgoing pulses of {self.path.name}"
+        rows: list[FloatArray] = []
+        rejected: Counter[str] = Counter()
+        interval = None
+        with open_waveforms(self.path) as reader:
+            assert isinstance(reader, PulseWavesReader)
+            every = max(reader.point_count // _MOST_OUTGOING, 1)
+            for block in reader.outgoing_pulses():
+                if interval is None and len(block):
+                    interval = float(block.sampling_intervals[0])
+                chosen = block.pulse_numbers % every == 0
+                rejected[LEFT_OUT] += int(np.count_nonzero(~chosen))
+                alike = block.sampling_intervals == interval
+                rejected[OTHER_INTERVAL] += int(np.count_nonzero(chosen & ~alike))
+                use = chosen & alike
+                records = Records(block.samples[use], block.counts[use], 0.0)
+                rows.append(records.as_float())
+        if interval is None:
+            raise ValueError(f"{self.path} holds no outgoing pulses; take the echoes")
+        return Pulses(_stacked(rows), interval, origin, +rejected)
+
+    def _pulse_of_text(self) -> AveragePulse:
+        table = _columns(self.path)
+        time = table[:, 0] / _NANOSECONDS
+        if self.interval is None:
+            raise ValueError(
+                f"{self.path}: a text does not say how far apart the scanner's samples are; "
+                "give the interval"
+            )
+        return pulse_of_curve(time, table[:, 1], self.interval, self.path.name)
+
+    def _pulses_of_arrays(self) -> Pulses:
+        arrays = _arrays(self.path)
+        name = self.array or "out_samples"
+        samples = _array(arrays, name, self.path)
+        counts = arrays.get(_name_of_counts(name)) if samples.ndim == 2 else None
+        return pulses_of_rows(
+            samples, counts, self._interval_of(arrays), f"{name} of {self.path.name}"
+        )
+
+    def _records_of_arrays(self) -> Iterator[Records]:
+        arrays = _arrays(self.path)
+        if "samples" not in arrays and self.source is not Source.ECHOES:
+            return
+        samples = _array(arrays, "samples", self.path)
+        whole = np.issubdtype(samples.dtype, np.integer)
+        if samples.ndim != 2 or not whole or samples.min() < 0 or samples.max() > _LARGEST_COUNT:
+            raise ValueError(f"{self.path}: samples must be (n, width) counts from 0 to 65535")
+        width = samples.shape[1]
+        counts = np.asarray(arrays.get("count", np.full(len(samples), width)))
+        if counts.shape != samples.shape[:1] or np.any((counts < 0) | (counts > width)):
+            raise ValueError(f"{self.path}: count must say 0 to {width} for each row of samples")
+        yield Records(
+            np.ascontiguousarray(samples, dtype=np.uint16),
+            counts.astype(np.uint16),
+            self._interval_of(arrays),
+        )
+
+    def _interval_of(self, arrays: dict[str, npt.NDArray[Any]]) -> float:
+        if self.interval is not None:
+            return self.interval
+        stored = arrays.get("sampling_interval_s")
+        if stored is None or stored.size != 1:
+            raise ValueError(
+                f"{self.path} holds no sampling_interval_s, a single number of seconds; "
+                "give the interval"
+            )
+        return float(stored.reshape(())[()])
+
+
+def _name_of_counts(name: str) -> str:
+    """Counts stand beside samples: count, out_count beside samples, out_samples."""
+    return f"{name.removesuffix('samples')}count" if name.endswith("samples") else ""
+
+
+def _stacked(rows: list[FloatArray]) -> FloatArray:
+    width = max(each.shape[1] for each in rows)
+    padded = [
+        np.pad(each, ((0, 0), (0, width - each.shape[1])), constant_values=np.nan) for each in rows
+    ]
+    return np.concatenate(padded)
+
+
+def _arrays(path: Path) -> dict[str, npt.NDArray[Any]]:
+    try:
+        with np.load(path, allow_pickle=False) as content:
+            return {name: content[name] for name in content}
+    except (zipfile.BadZipFile, ValueError, EOFError) as error:
+        raise ValueError(f"{path} is not an .npz with plain arrays: {error}") from error
+
+
+def _array(arrays: dict[str, npt.NDArray[Any]], name: str, path: Path) -> npt.NDArray[Any]:
+    if name not in arrays:
+        raise ValueError(f"{path} holds no array {name}; it holds {', '.join(sorted(arrays))}")
+    array = arrays[name]
+    if array.ndim not in (1, 2) or array.size == 0 or not np.issubdtype(array.dtype, np.number):
+        raise ValueError(f"{path}: {name} must be numbers, (samples,) or (pulses, samples)")
+    return array
+
+
+def _columns(path: Path) -> FloatArray:
+    """Two columns of numbers, divided by blanks, commas or semicolons; # begins a comment."""
+    text = path.read_text(encoding="utf-8")
+    lines = (
+        line.partition("#")[0].replace(",", " ").replace(";", " ") for line in text.splitlines()
+    )
+    fields = [line.split() for line in lines if line.strip()]
+    try:
+        table = np.array(fields, dtype=np.float64)
+    except ValueError as error:
+        raise ValueError(f"{path}: not a table of numbers: {error}") from error
+    if table.ndim != 2 or table.shape[1] != 2:
+        raise ValueError(f"{path}: two columns are needed, time in ns and amplitude")
+    return table
