@@ -4,7 +4,10 @@
 #include <limits>
 
 ResultColumns::ResultColumns(FullWaveform::ShotMap const& shots, FullWaveform::BlockTrace const& trace)
-    : amplitudeCounts(trace.amplitudesInCounts), mergedAway(trace.mergedAway), withoutPlane(trace.withoutPlane), statistics(trace.statistics) {
+    : amplitudeCounts(trace.amplitudesInCounts),
+      mergedAway(trace.mergedAway),
+      withoutPlane(trace.withoutPlane),
+      statistics(trace.statistics) {
   for (auto const& [time, shot] : shots) {
     for (std::size_t i = 0; i < shot.waves.size(); ++i) {
       appendWave(*shot.waves[i], shot.rows[i]);

@@ -72,5 +72,6 @@ nb::dict evaluateOnline(FullWaveform::ScannerDevice const& scanner, Column<doubl
 void bindOnline(nb::module_& module) {
   module.def("evaluate_online", &evaluateOnline, nb::arg("scanner"), nb::arg("shot_times").noconvert(),
              nb::arg("ranges").noconvert(), nb::arg("amplitudes").noconvert(), nb::arg("flags").noconvert(),
-             nb::arg("reflectances").noconvert(), "Echoes that the scanner extracted on board, shot by shot.");
+             nb::arg("reflectances").noconvert(),
+             "Echoes that the scanner extracted on board, shot by shot.");
 }
