@@ -138,24 +138,26 @@ def main() -> None:
         "",
         "// Made by noise_records.py; not edited by hand.",
         "",
+        "#include <array>",
         "#include <cstdint>",
-        "#include <vector>",
+        "#include <span>",
         "",
         "namespace FullWaveform::Testing {",
         "",
         "struct NoiseRecord {",
         "  char const* kind;",
-        "  std::vector<unsigned short> samples;",
+        "  std::span<unsigned short const> samples;",
         "  std::uint32_t level;",
         "};",
         "",
-        "inline std::vector<NoiseRecord> noiseRecords() {",
-        "  return {",
     ]
-    for kind, samples in records():
+    entries = []
+    for number, (kind, samples) in enumerate(records()):
         values = ", ".join(map(str, samples))
-        lines.append(f'      {{"{kind}", {{{values}}}, {noise_level(samples)}U}},')
-    lines += ["  };", "}", "", "}  // namespace FullWaveform::Testing", ""]
+        lines.append(f"inline constexpr unsigned short noiseSamples{number}[] = {{{values}}};")
+        entries.append(f'    {{"{kind}", noiseSamples{number}, {noise_level(samples)}U}},')
+    lines += ["", f"inline constexpr std::array<NoiseRecord, {len(entries)}> noiseRecords = {{{{"]
+    lines += [*entries, "}};", "", "}  // namespace FullWaveform::Testing", ""]
     Path(__file__).with_name("NoiseRecords.h").write_text("\n".join(lines))
 
 

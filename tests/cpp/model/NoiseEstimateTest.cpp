@@ -121,15 +121,15 @@ TEST(NoiseEstimate, FirstAndLastSampleCanSaturateToo) {
 class NoiseRecords : public testing::TestWithParam<std::size_t> {};
 
 TEST_P(NoiseRecords, AgreeWithPlainArithmetic) {
-  Testing::NoiseRecord const record = Testing::noiseRecords().at(GetParam());
-  EXPECT_EQ(levelOf(record.samples), record.level) << record.kind;
+  Testing::NoiseRecord const record = Testing::noiseRecords.at(GetParam());
+  EXPECT_EQ(estimateNoise(record.samples), record.level) << record.kind;
   WavePoints<unsigned short> const wave(record.samples.data(), 0, 0.0, 0.0,
                                         static_cast<int>(record.samples.size()), -1, ScannerDevice());
   EXPECT_EQ(wave.noise, record.level & 0xFFFFU) << record.kind;
 }
 
 INSTANTIATE_TEST_SUITE_P(NoiseEstimate, NoiseRecords,
-                         testing::Range<std::size_t>(0, Testing::noiseRecords().size()));
+                         testing::Range<std::size_t>(0, Testing::noiseRecords.size()));
 
 TEST(NoiseEstimate, NothingOutsideTheRecordIsRead) {
   for (std::size_t const length : {1U, 2U, 19U, 20U, 35U}) {
