@@ -119,9 +119,9 @@ class Scanner:
         """A scanner from a TOML file whose keys are the attribute names.
 
         Tables ``[deconvolution]`` with ``position_offset`` in samples and ``[after_pulse]`` with
-        ``offset`` and ``width`` in samples are optional. Without the latter,
-        and for a type that the library does not know, the after-pulse test is switched off: a
-        description from a file must not cost echoes.
+        ``offset`` and ``width`` in samples are optional. Without the latter, and for a type that
+        the library does not know, the after-pulse test is switched off: a description from a file
+        must not cost echoes.
 
         Raises
         ------

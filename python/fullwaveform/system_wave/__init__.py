@@ -3,10 +3,19 @@
 from __future__ import annotations
 
 from fullwaveform.system_wave.averaging import AveragePulse, average, pulse_of_curve
-from fullwaveform.system_wave.description import description_text, write_description
+from fullwaveform.system_wave.description import (
+    description_text,
+    with_system_wave,
+    write_description,
+)
 from fullwaveform.system_wave.exponentials import ExponentialSum, fit_exponentials
 from fullwaveform.system_wave.fitting import SystemWave, fit_system_wave
-from fullwaveform.system_wave.offset import DeconvolutionOffset, measure_offset
+from fullwaveform.system_wave.isolated import Records
+from fullwaveform.system_wave.offset import (
+    DeconvolutionOffset,
+    measure_offset,
+    offset_of_made_echoes,
+)
 from fullwaveform.system_wave.pulses import Pulses, pulses_of_rows
 
 __all__ = [
@@ -14,13 +23,16 @@ __all__ = [
     "DeconvolutionOffset",
     "ExponentialSum",
     "Pulses",
+    "Records",
     "SystemWave",
     "average",
     "description_text",
     "fit_exponentials",
     "fit_system_wave",
     "measure_offset",
+    "offset_of_made_echoes",
     "pulse_of_curve",
     "pulses_of_rows",
+    "with_system_wave",
     "write_description",
 ]

@@ -181,7 +181,8 @@ def _stacked(rows: list[FloatArray]) -> FloatArray:
 
 def _arrays(path: Path) -> dict[str, npt.NDArray[Any]]:
     try:
-        with np.load(path, allow_pickle=False) as content:
+        # Opened here: numpy leaves a file open that turns out to be no archive.
+        with path.open("rb") as stream, np.load(stream, allow_pickle=False) as content:
             return {name: content[name] for name in content}
     except (zipfile.BadZipFile, ValueError, EOFError) as error:
         raise ValueError(f"{path} is not an .npz with plain arrays: {error}") from error

@@ -1,0 +1,158 @@
+"""The description that is written is the one that is read, and its offset is taken off."""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+from fullwaveform import Mode, Scanner
+from fullwaveform.extraction import ExtractionSettings, Extractor
+from fullwaveform.formats.blocks import PulseGeometry, ShotAttributes, WaveformBlock
+from fullwaveform.scanner import AfterPulse
+from fullwaveform.system_wave import (
+    DeconvolutionOffset,
+    ExponentialSum,
+    average,
+    fit_system_wave,
+    measure_offset,
+    write_description,
+)
+from fullwaveform.system_wave.description import description_text, with_system_wave
+from fullwaveform.system_wave.isolated import Records
+
+from .scenes import INTERVAL, echo_samples, pulses, recorded
+
+WAVE = ExponentialSum(
+    np.array([0.1 + 1 / 3 * 1j, 0.1 - 1 / 3 * 1j]), np.array([-1e9 / 7 + 3e8j, -1e9 / 7 - 3e8j])
+)
+OFFSET = DeconvolutionOffset(-1.9 - 1e-15, 0.087, 1234)
+
+
+def test_round_trip(tmp_path: Path) -> None:
+    path = tmp_path / "scanner.toml"
+    base = with_system_wave(Scanner.default(), WAVE, INTERVAL)
+    write_description(path, base, OFFSET, ("Made by a test\nof two lines.",))
+    read = Scanner.from_toml(path)
+    assert read.has_system_wave
+    assert read.attributes == base.attributes
+    assert read.attributes["b_real"] == [-1e9 / 7, -1e9 / 7]
+    assert read.attributes["a_imag"] == [1 / 3, -1 / 3]
+    assert read.sampling_interval == INTERVAL
+    assert read.deconvolution_offset == OFFSET.position
+    assert path.read_text(encoding="utf-8").startswith("# Made by a test of two lines.\n")
+    assert [entry.name for entry in tmp_path.iterdir()] == ["scanner.toml"]
+
+
+def test_base_is_kept(tmp_path: Path) -> None:
+    path = tmp_path / "scanner.toml"
+    attributes = {**Scanner.default().attributes, "Scanner Type": "other", "ampl_unit": 0.01}
+    base = Scanner.from_attributes(attributes, after_pulse=AfterPulse(5, 2))
+    write_description(path, with_system_wave(base, WAVE, INTERVAL), None)
+    read = Scanner.from_toml(path)
+    assert read.attributes["Scanner Type"] == "other"
+    assert read.attributes["ampl_unit"] == 0.01
+    assert read.after_pulse == AfterPulse(5, 2)
+    assert read.deconvolution_offset == 0.0
+
+
+def test_switched_off_after_pulse_is_not_written() -> None:
+    assert "after_pulse" not in description_text(Scanner.default(), None)
+
+
+def test_old_offset_does_not_survive_a_new_wave(tmp_path: Path) -> None:
+    path = tmp_path / "scanner.toml"
+    write_description(path, with_system_wave(Scanner.default(), WAVE, INTERVAL), OFFSET)
+    again = with_system_wave(Scanner.from_toml(path), WAVE, INTERVAL)
+    assert again.deconvolution_offset == 0.0
+
+
+@pytest.mark.parametrize(
+    "table",
+    [
+        "deconvolution = 3",
+        "[deconvolution]",
+        '[deconvolution]\nposition_offset = "1"',
+        "[deconvolution]\nposition_offset = 1\nother = 2",
+    ],
+)
+def test_tables_of_the_offset_that_are_none(tmp_path: Path, table: str) -> None:
+    path = tmp_path / "scanner.toml"
+    path.write_text(description_text(Scanner.default(), None) + table, encoding="utf-8")
+    with pytest.raises(ValueError, match="the table deconvolution must hold position_offset"):
+        Scanner.from_toml(path)
+
+
+def block(count: int, interval: float = INTERVAL) -> WaveformBlock:
+    """Waveforms whose sample at t ps lies at x = -t."""
+    samples = echo_samples(count)
+    zeros, small = np.zeros(count), np.zeros(count, np.uint8)
+    return WaveformBlock(
+        samples=samples,
+        counts=np.full(count, samples.shape[1], np.uint16),
+        shot_times=np.arange(count, dtype=np.float64),
+        sbl_times=zeros,
+        channel_flags=small + 1,
+        sampling_intervals=np.full(count, interval),
+        geometry=PulseGeometry(
+            anchor=np.zeros((count, 3)),
+            location=zeros,
+            direction=np.tile([1.0, 0.0, 0.0], (count, 1)),
+        ),
+        attributes=ShotAttributes(
+            zeros, zeros.astype(np.float32), small, small, small, small.astype(np.uint16)
+        ),
+        waveform_numbers=np.arange(count),
+    )
+
+
+@pytest.fixture(scope="module")
+def described(tmp_path_factory: pytest.TempPathFactory) -> Scanner:
+    """A scanner whose description was estimated from one recording and written."""
+    path = tmp_path_factory.mktemp("described") / "scanner.toml"
+    wave = fit_system_wave(average(pulses(recorded(400, 0.3)[0])))
+    scanner = with_system_wave(Scanner.default(), wave.in_seconds(), INTERVAL)
+    samples = echo_samples(300, seed=11)
+    echoes = Records(samples, np.full(300, samples.shape[1], np.uint16), INTERVAL)
+    write_description(path, scanner, measure_offset(scanner, [echoes], 12))
+    return Scanner.from_toml(path)
+
+
+def first_echoes(scanner: Scanner, mode: Mode) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
+    """Position, time and x of the strongest echo of each waveform."""
+    table = Extractor(ExtractionSettings(scanner, mode, noise=12)).extract(block(200))
+    order = np.lexsort((-table.amplitude_counts, table.waveform_number))
+    rows, first = np.unique(table.waveform_number[order], return_index=True)
+    assert len(rows) == 200
+    chosen = order[first]
+    return table.position[chosen], table.time[chosen], table.xyz[chosen, 0]
+
+
+@pytest.mark.parametrize("mode", [Mode.DECONVOLUTION, Mode.HYBRID])
+def test_modes_agree_in_the_median(described: Scanner, mode: Mode) -> None:
+    position, time, x = first_echoes(described, mode)
+    expected, expected_time, expected_x = first_echoes(described, Mode.THREE_POINT)
+    assert abs(np.median(position - expected)) < 0.05
+    assert abs(np.median(time - expected_time)) < 0.05 * INTERVAL
+    assert abs(np.median(x - expected_x)) < 0.05 * 1000.0  # ps per sample
+
+
+def test_only_deconvolved_echoes_are_moved(described: Scanner) -> None:
+    plain = Scanner(described.attributes, described.after_pulse)
+    for mode in (Mode.THREE_POINT, Mode.DECOMPOSITION):
+        for with_offset, without in zip(
+            first_echoes(described, mode), first_echoes(plain, mode), strict=True
+        ):
+            np.testing.assert_array_equal(with_offset, without)
+    moved, _, _ = first_echoes(described, Mode.DECONVOLUTION)
+    unmoved, _, _ = first_echoes(plain, Mode.DECONVOLUTION)
+    np.testing.assert_allclose(unmoved - moved, described.deconvolution_offset, atol=1e-12)
+    assert abs(described.deconvolution_offset) > 0.5
+
+
+def test_another_sampling_interval_is_refused(described: Scanner) -> None:
+    extractor = Extractor(ExtractionSettings(described, Mode.DECONVOLUTION, noise=12))
+    with pytest.raises(ValueError, match=r"estimated for samples 1 ns apart, .* are 2 ns apart"):
+        extractor.extract(block(5, 2 * INTERVAL))
+    Extractor(ExtractionSettings(described, noise=12)).extract(block(5, 2 * INTERVAL))

@@ -1,0 +1,119 @@
+"""System waves of real scanners, where their records are at hand."""
+
+from __future__ import annotations
+
+import os
+from functools import cache
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+from fullwaveform import Mode, Scanner
+from fullwaveform.system_wave import AveragePulse, SystemWave, fit_system_wave, measure_offset
+from fullwaveform.system_wave.description import with_system_wave
+from fullwaveform.system_wave.isolated import Records, echoes_of, strongest_echoes
+from fullwaveform.system_wave.offset import position_differences
+from fullwaveform.system_wave.sources import Input, Source
+
+BESIDE = Path(__file__).resolve().parents[3] / ".." / "shared" / "data"
+FOLDER = Path(os.environ.get("FULLWAVEFORM_DATA", BESIDE))
+STRIP = FOLDER / "pulsewaves" / "topo_1ns.pls"
+FOREST = FOLDER / "arrays" / "forest_12bit.npz"
+
+needs_strip = pytest.mark.skipif(
+    not STRIP.exists(), reason=f"no {STRIP.name} in the folder of real waveforms"
+)
+needs_forest = pytest.mark.skipif(
+    not FOREST.exists(), reason=f"no {FOREST.name} in the folder of real waveforms"
+)
+
+
+@cache
+def averaged(path: Path, source: Source | None, array: str | None, noise: int) -> AveragePulse:
+    return Input(path, source, array, noise=noise).averaged_pulse(Scanner.default())
+
+
+def strip_wave() -> SystemWave:
+    return fit_system_wave(averaged(STRIP, None, None, 8))
+
+
+def width_at_half(pulse: AveragePulse) -> float:
+    return float(np.ptp(pulse.position[pulse.value >= 0.5]))
+
+
+@needs_strip
+def test_outgoing_pulses_ring() -> None:
+    pulse = averaged(STRIP, None, None, 8)
+    assert pulse.used == 4000
+    # Rounding and 0.7 counts of noise on pulses of some 185 counts.
+    assert pulse.scatter == pytest.approx(0.76 / 185, rel=0.15)
+    behind = (pulse.position > 7.0) & (pulse.position < 15.0)
+    bump = pulse.position[behind][np.argmax(pulse.value[behind])]
+    assert 10.0 < bump < 11.5
+    assert 0.03 < pulse.value[behind].max() < 0.06
+    assert 3.8 < width_at_half(pulse) < 4.6
+
+
+@needs_strip
+def test_echoes_show_the_pulse_that_was_sent() -> None:
+    """Hard targets return the pulse as it is, up to the other receiver's bandwidth."""
+    sent, returned = averaged(STRIP, None, None, 8), averaged(STRIP, Source.ECHOES, None, 8)
+    assert width_at_half(returned) == pytest.approx(width_at_half(sent), rel=0.15)
+    position = np.arange(-5.0, 6.1, 0.1)
+    assert np.abs(returned.at(position) - sent.at(position)).max() < 0.08
+
+
+@needs_strip
+def test_exponentials_of_the_outgoing_pulses() -> None:
+    wave = strip_wave()
+    assert wave.is_contained
+    assert 5 <= wave.fit.sum.order <= 7
+    assert wave.fit.misfit.rms < 1e-3
+    assert wave.fit.misfit.largest < 4e-3
+
+
+@needs_strip
+def test_modes_agree_after_the_offset() -> None:
+    """Measured on every other waveform, applied to those between."""
+    wave = strip_wave()
+    scanner = with_system_wave(Scanner.default(), wave.in_seconds(), 1e-9)
+    parts = [part for part in Input(STRIP).records() if len(part.samples) > 1000]
+    even, odd = ([of_rows(part, first) for part in parts] for first in (0, 1))
+    offset = measure_offset(scanner, even, 8)
+    assert offset is not None
+    assert offset.echoes > 5000
+    assert offset.spread < 0.15
+    (rest,) = odd
+    fitted = strongest_echoes(echoes_of(rest, scanner, 8, Mode.THREE_POINT), rest.baseline())
+    for mode in (Mode.DECONVOLUTION, Mode.HYBRID):
+        peaks = echoes_of(rest, scanner, 8, mode)
+        moved = {name: peaks[name] for name in ("row", "idx", "amplitudeCounts")}
+        moved["idx"] = moved["idx"] - np.where(peaks["type"] == 5, offset.position, 0.0)
+        assert abs(np.median(position_differences(fitted, moved))) < 0.05, mode
+
+
+def of_rows(records: Records, first: int) -> Records:
+    """Every other row."""
+    return Records(
+        np.ascontiguousarray(records.samples[first::2]),
+        records.counts[first::2],
+        records.sampling_interval,
+    )
+
+
+@needs_forest
+@pytest.mark.parametrize("array", ["out_samples", "impulse_samples"])
+def test_pulse_longer_than_the_window(array: str) -> None:
+    pulse = averaged(FOREST, None, array, 240)
+    assert 14.0 < width_at_half(pulse) < 16.0
+    wave = fit_system_wave(pulse)
+    assert not wave.is_contained
+    assert 0.7 < wave.contained < 0.8
+    assert wave.fit.misfit.rms < 1e-3
+    scanner = with_system_wave(Scanner.default(), wave.in_seconds(), 1e-9)
+    offset = measure_offset(scanner, Input(FOREST).records(), 240)
+    assert offset is not None
+    assert offset.echoes > 300
+    # Tops of 15 samples are flat: fitted positions scatter by the better part of a sample.
+    assert offset.spread < 1.0

@@ -1,0 +1,223 @@
+"""Pulses and echoes out of files."""
+
+from __future__ import annotations
+
+import importlib.util
+import sys
+from pathlib import Path
+from types import ModuleType
+
+import numpy as np
+import pytest
+
+from fullwaveform import Scanner
+from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
+from fullwaveform.system_wave import AveragePulse
+from fullwaveform.system_wave.sources import Input, Source
+
+from .scenes import INTERVAL, echo_samples, recorded, shape
+
+
+def averaged(wanted: Input) -> AveragePulse:
+    return wanted.averaged_pulse(Scanner.default())
+
+
+def is_the_pulse(found: AveragePulse, tolerance: float = 1e-2) -> bool:
+    near = np.abs(found.position) < 12.0
+    return bool(np.abs(found.value - shape(found.position))[near].max() < tolerance)
+
+
+@pytest.fixture
+def arrays(tmp_path: Path) -> Path:
+    path = tmp_path / "arrays.npz"
+    rows, _ = recorded(300, 0.3)
+    np.savez(
+        path,
+        out_samples=np.maximum(rows, 0).astype(np.uint16),
+        out_count=np.full(300, 55),
+        samples=echo_samples(200),
+        count=np.full(200, 60, np.uint16),
+        single=shape(np.arange(60) - 20.0),
+        sampling_interval_s=INTERVAL,
+        name="a scan",
+    )
+    return path
+
+
+def test_outgoing_pulses_of_arrays(arrays: Path) -> None:
+    found = averaged(Input(arrays))
+    assert (found.used, found.sampling_interval) == (300, INTERVAL)
+    assert found.origin == "out_samples of arrays.npz"
+    assert found.position[-1] == pytest.approx(34.0, abs=0.6)  # 55 samples, maximum at 20
+    assert is_the_pulse(found)
+
+
+def test_echoes_of_arrays(arrays: Path) -> None:
+    found = averaged(Input(arrays, Source.ECHOES, noise=12))
+    assert found.used > 90
+    assert is_the_pulse(found, 2e-2)
+
+
+def test_named_array(tmp_path: Path) -> None:
+    path = tmp_path / "one.npz"
+    np.savez(path, wave=np.rint(1000 * shape(np.arange(60) - 20.0)), sampling_interval_s=2e-9)
+    found = averaged(Input(path, array="wave"))
+    assert (found.used, found.sampling_interval) == (1, 2e-9)
+    assert list(Input(path, array="wave").records()) == []
+
+
+def test_interval_of_the_call_comes_first(arrays: Path) -> None:
+    assert averaged(Input(arrays, interval=3e-9)).sampling_interval == 3e-9
+    (records,) = Input(arrays, interval=3e-9).records()
+    assert records.sampling_interval == 3e-9
+
+
+def test_two_columns(tmp_path: Path) -> None:
+    path = tmp_path / "pulse.csv"
+    time = np.arange(0.0, 50.0, 0.25)
+    lines = [
+        f"{t:.2f}; {a:.6f}  # a value" for t, a in zip(time, shape(time / 2 - 10), strict=True)
+    ]
+    path.write_text("\n".join(["# ns; volts", "", *lines]), encoding="utf-8")
+    found = averaged(Input(path, interval=2e-9))
+    assert is_the_pulse(found, 2e-3)
+    assert list(Input(path, interval=2e-9).records()) == []
+
+
+@pytest.mark.parametrize(
+    ("content", "rule"),
+    [
+        ("1 2\n3 four\n", "not a table of numbers"),
+        ("1 2\n3\n", "not a table of numbers"),
+        ("1 2 3\n4 5 6\n", "two columns are needed"),
+        ("", "two columns are needed"),
+        ("1 2\n2 3\n", "at least 8 times"),
+    ],
+)
+def test_texts_that_are_no_pulse(tmp_path: Path, content: str, rule: str) -> None:
+    path = tmp_path / "pulse.txt"
+    path.write_text(content, encoding="utf-8")
+    with pytest.raises(ValueError, match=rf"pulse\.txt: .*{rule}"):
+        averaged(Input(path, interval=1e-9))
+
+
+def test_text_without_an_interval(tmp_path: Path) -> None:
+    path = tmp_path / "pulse.txt"
+    path.write_text("1 2\n", encoding="utf-8")
+    with pytest.raises(ValueError, match="give the interval"):
+        averaged(Input(path))
+
+
+def test_array_that_is_missing_or_no_numbers(arrays: Path) -> None:
+    with pytest.raises(ValueError, match="holds no array other; it holds count, name, out_count"):
+        averaged(Input(arrays, array="other"))
+    with pytest.raises(ValueError, match="name must be numbers"):
+        averaged(Input(arrays, array="name"))
+
+
+def test_arrays_that_do_not_say_their_interval(tmp_path: Path) -> None:
+    path = tmp_path / "a.npz"
+    np.savez(path, out_samples=np.ones((3, 9)))
+    with pytest.raises(ValueError, match="holds no sampling_interval_s"):
+        averaged(Input(path))
+
+
+def test_what_is_no_npz(tmp_path: Path) -> None:
+    path = tmp_path / "a.npz"
+    path.write_bytes(b"PK\x03\x04 and nothing else")
+    with pytest.raises(ValueError, match=r"is not an \.npz"):
+        averaged(Input(path))
+    with pytest.raises(FileNotFoundError):
+        averaged(Input(tmp_path / "missing.npz"))
+
+
+@pytest.mark.parametrize(
+    ("samples", "count"),
+    [
+        (np.full((3, 40), -1), None),
+        (np.full((3, 40), 0.5), None),
+        (np.ones(40, np.int64), None),
+        (np.ones((3, 40), np.int64), [40, 41, 40]),
+        (np.ones((3, 40), np.int64), [40, 40]),
+    ],
+)
+def test_samples_that_are_no_counts(
+    tmp_path: Path, samples: np.ndarray, count: list[int] | None
+) -> None:
+    path = tmp_path / "a.npz"
+    more = {} if count is None else {"count": np.array(count)}
+    np.savez(path, samples=samples, sampling_interval_s=1e-9, **more)
+    with pytest.raises(ValueError, match=r"samples must be|count must say"):
+        averaged(Input(path, Source.ECHOES))
+
+
+@pytest.fixture(scope="module")
+def scan(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    path = tmp_path_factory.mktemp("scan") / "scan.las"
+    return write_scan(simulate_scan(ScanSettings(shots=400)), path).las
+
+
+def test_echoes_of_a_las_file(scan: Path) -> None:
+    found = averaged(Input(scan, noise=25))
+    assert found.origin == "isolated echoes of scan.las"
+    assert found.used > 100
+    # Echoes of the simulation are Gaussians, half of them 1.63 to 1.76 samples wide (deviation).
+    deviation = np.ptp(found.position[found.value >= 0.5]) / np.sqrt(8.0 * np.log(2.0))
+    assert 1.6 < deviation < 1.8
+    gauss = np.exp(-0.5 * (found.position / deviation) ** 2)
+    assert np.abs(found.value - gauss)[np.abs(found.position) < 8].max() < 2e-2
+
+
+def test_las_file_has_no_outgoing_pulses(scan: Path) -> None:
+    with pytest.raises(ValueError, match="holds no outgoing pulses, as no LAS file does"):
+        averaged(Input(scan, Source.OUTGOING))
+
+
+def pulsewaves_file(path: Path, outgoing: bool) -> Path:
+    """A pulse per shot: 50 outgoing samples, 60 returning ones."""
+    layout = pulsewaves_scenes()
+    sent, returned = np.maximum(recorded(150, 0.3)[0], 0.0).astype(int), echo_samples(150, 9)
+    kinds = [layout.Sampling(kind=1, samples=50)] if outgoing else []
+    kinds.append(layout.Sampling(kind=2, samples=60, duration_bits=32))
+    waves = [
+        [*([[(0, row[:50].tolist())]] if outgoing else []), [(900, back.tolist())]]
+        for row, back in zip(sent, returned, strict=True)
+    ]
+    pulses = [layout.Pulse(wave, time=number) for number, wave in enumerate(waves)]
+    written: Path = layout.Scene([layout.Descriptor(1, kinds)], pulses).write(path)
+    return written
+
+
+def pulsewaves_scenes() -> ModuleType:
+    """The writer of small PulseWaves files, from the tests of their reader."""
+    path = Path(__file__).resolve().parents[1] / "formats" / "pulsewaves_scenes.py"
+    spec = importlib.util.spec_from_file_location("pulsewaves_scenes_for_pulses", path)
+    assert spec is not None
+    assert spec.loader is not None
+    module = importlib.util.module_from_spec(spec)
+    sys.modules[spec.name] = module  # dataclasses look their module up
+    spec.loader.exec_module(module)
+    return module
+
+
+def test_outgoing_pulses_of_a_pulsewaves_file(tmp_path: Path) -> None:
+    path = pulsewaves_file(tmp_path / "scan.pls", outgoing=True)
+    found = averaged(Input(path))
+    assert (found.used, found.sampling_interval) == (150, 1e-9)
+    assert found.origin == "outgoing pulses of scan.pls"
+    assert is_the_pulse(found)
+    (records,) = Input(path).records()
+    np.testing.assert_array_equal(records.samples, echo_samples(150, 9))
+
+
+def test_echoes_of_a_pulsewaves_file(tmp_path: Path) -> None:
+    path = pulsewaves_file(tmp_path / "scan.pls", outgoing=True)
+    found = averaged(Input(path, Source.ECHOES, noise=12))
+    assert found.origin == "isolated echoes of scan.pls"
+    assert is_the_pulse(found, 2e-2)
+
+
+def test_pulsewaves_file_without_outgoing_pulses(tmp_path: Path) -> None:
+    path = pulsewaves_file(tmp_path / "scan.pls", outgoing=False)
+    with pytest.raises(ValueError, match="holds no outgoing pulses; take the echoes"):
+        averaged(Input(path))
