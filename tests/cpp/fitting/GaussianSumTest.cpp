@@ -1,0 +1,153 @@
+#include <fullwaveform/fitting/GaussianSum.h>
+
+#include <cmath>
+#include <cstddef>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "nist/NistGauss.h"
+#include "support/Tolerances.h"
+
+namespace FullWaveform {
+namespace {
+
+namespace Tolerance = Testing::Tolerance;
+using Values = std::vector<double>;
+
+constexpr double atOneWidth = 0.6065306597126334;   // exp(-1/2)
+constexpr double atTwoWidths = 0.1353352832366127;  // exp(-2)
+
+Values residualOf(Values const& parameters, int first, Values const& signal) {
+  Values residual(signal.size(), 99.0);
+  gaussianSumResidual(parameters, first, signal, residual);
+  return residual;
+}
+
+Values jacobianOf(Values const& parameters, int first, std::size_t samples) {
+  Values jacobian(samples * parameters.size(), 99.0);
+  gaussianSumJacobian(parameters, first, jacobian);
+  return jacobian;
+}
+
+/// Change of the residual with one parameter, from steps to both sides.
+Values centralDifference(Values parameters, std::size_t parameter, int first, std::size_t samples) {
+  double const step = 1e-5;
+  Values const none(samples, 0.0);
+  parameters[parameter] += step;
+  Values difference = residualOf(parameters, first, none);
+  parameters[parameter] -= 2.0 * step;
+  Values const below = residualOf(parameters, first, none);
+  for (std::size_t i = 0; i < samples; ++i) {
+    difference[i] = (difference[i] - below[i]) / (2.0 * step);
+  }
+  return difference;
+}
+
+void expectNear(Values const& found, Values const& expected, double tolerance) {
+  ASSERT_EQ(found.size(), expected.size());
+  for (std::size_t i = 0; i < found.size(); ++i) {
+    EXPECT_NEAR(found[i], expected[i], tolerance) << "at " << i;
+  }
+}
+
+TEST(GaussianAt, FallsToTheRootOfEInOneWidth) {
+  EXPECT_EQ(gaussianAt(5.0, 5.0, 3.0), 1.0);
+  EXPECT_DOUBLE_EQ(gaussianAt(8.0, 5.0, 3.0), atOneWidth);
+  EXPECT_DOUBLE_EQ(gaussianAt(2.0, 5.0, -3.0), atOneWidth);
+  EXPECT_DOUBLE_EQ(gaussianAt(11.0, 5.0, 3.0), atTwoWidths);
+}
+
+TEST(GaussianAt, WidthOfZeroIsNotANumberAtThePositionOnly) {
+  EXPECT_TRUE(std::isnan(gaussianAt(5.0, 5.0, 0.0)));
+  EXPECT_EQ(gaussianAt(5.5, 5.0, 0.0), 0.0);
+}
+
+TEST(GaussianSum, ResidualIsSumLessSignal) {
+  expectNear(
+      residualOf({8.0, 5.0, 1.0}, 3, {0.0, 1.0, 10.0, 3.0, -2.0}),
+      {8.0 * atTwoWidths, 8.0 * atOneWidth - 1.0, -2.0, 8.0 * atOneWidth - 3.0, 8.0 * atTwoWidths + 2.0},
+      1e-14);
+}
+
+TEST(GaussianSum, GaussiansAdd) {
+  expectNear(residualOf({8.0, 5.0, 1.0, 100.0, 8.0, 3.0}, 5, {0.0}), {8.0 + 100.0 * atOneWidth}, 1e-13);
+}
+
+TEST(GaussianSum, WithoutGaussiansTheSignalIsLeft) {
+  EXPECT_EQ(residualOf({}, 3, {4.0, -5.0}), (Values{-4.0, 5.0}));
+  EXPECT_EQ(jacobianOf({}, 3, 2), Values());
+}
+
+TEST(GaussianSum, AmplitudeAndPositionEnterWithoutTheirSigns) {
+  Values const signal{0.0, 1.0, 2.0, 3.0};
+  Values const expected = residualOf({8.0, 5.0, 1.5}, 3, signal);
+  EXPECT_EQ(residualOf({-8.0, 5.0, 1.5}, 3, signal), expected);
+  EXPECT_EQ(residualOf({8.0, -5.0, 1.5}, 3, signal), expected);
+  EXPECT_EQ(residualOf({-8.0, -5.0, -1.5}, 3, signal), expected);
+}
+
+TEST(GaussianSum, JacobianHoldsColumnsOfOneParameterEach) {
+  // One width behind the position: distance 2, width 2.
+  expectNear(jacobianOf({8.0, 5.0, 2.0}, 5, 3),
+             {1.0, 0.8824969025845955, atOneWidth,              //
+              0.0, 2.0 * 0.8824969025845955, 4.0 * atOneWidth,  //
+              0.0, 0.8824969025845955, 4.0 * atOneWidth},       //
+             1e-14);
+}
+
+TEST(GaussianSum, JacobianIsThatOfCentralDifferences) {
+  Values const parameters{900.0, 12.3, 1.7, 250.0, 16.9, 2.6, 40.0, 30.0, 4.0};
+  std::size_t const samples = 40;
+  Values const jacobian = jacobianOf(parameters, 3, samples);
+  for (std::size_t p = 0; p < parameters.size(); ++p) {
+    auto const column = jacobian.begin() + static_cast<std::ptrdiff_t>(p * samples);
+    expectNear({column, column + static_cast<std::ptrdiff_t>(samples)},
+               centralDifference(parameters, p, 3, samples), Tolerance::derivative);
+  }
+}
+
+TEST(GaussianSum, AmplitudeColumnHasNoSignFactor) {
+  Values const jacobian = jacobianOf({-8.0, 5.0, 1.0}, 4, 2);
+  expectNear({jacobian[0], jacobian[1]}, {atOneWidth, 1.0}, 1e-14);
+  // The residual itself falls when a negative amplitude rises.
+  expectNear(centralDifference({-8.0, 5.0, 1.0}, 0, 4, 2), {-atOneWidth, -1.0}, Tolerance::derivative);
+}
+
+TEST(GaussianSum, OtherColumnsAreThoseOfTheAbsoluteValues) {
+  EXPECT_EQ(jacobianOf({-8.0, -5.0, -1.5}, 3, 6), jacobianOf({8.0, 5.0, 1.5}, 3, 6));
+}
+
+TEST(GaussianSum, CertifiedParametersAreTheLeastSquaresMinimum) {
+  for (Testing::NistGauss const& set : Testing::nistGauss) {
+    auto const& b = set.certified;
+    double const root2 = std::sqrt(2.0);
+    Values const parameters{b[2], b[3], b[4] / root2, b[5], b[6], b[7] / root2};
+    Values signal(set.y.begin(), set.y.end());
+    for (std::size_t i = 0; i < signal.size(); ++i) {
+      signal[i] -= b[0] * std::exp(-b[1] * static_cast<double>(i + 1));
+    }
+    Values const residual = residualOf(parameters, 1, signal);
+    double squares = 0.0;
+    for (double const value : residual) {
+      squares += value * value;
+    }
+    EXPECT_NEAR(squares / set.residualSumOfSquares, 1.0, Tolerance::certifiedDigits) << set.name;
+
+    // There the residual is at right angles to every column of the Jacobian.
+    Values const jacobian = jacobianOf(parameters, 1, residual.size());
+    for (std::size_t p = 0; p < parameters.size(); ++p) {
+      double along = 0.0;
+      double column = 0.0;
+      for (std::size_t i = 0; i < residual.size(); ++i) {
+        double const derivative = jacobian[p * residual.size() + i];
+        along += derivative * residual[i];
+        column += derivative * derivative;
+      }
+      EXPECT_NEAR(along / std::sqrt(column * squares), 0.0, Tolerance::certifiedMinimum) << set.name << p;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace FullWaveform

@@ -1,0 +1,248 @@
+#include <fullwaveform/online/OnlineEvaluation.h>
+
+#include <cmath>
+#include <cstddef>
+#include <limits>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/ConsoleCapture.h"
+
+namespace FullWaveform {
+namespace {
+
+using Evaluation = OnlineEvaluation<unsigned short>;
+using Shots = std::map<double, WavePtr>;
+using Messages = std::vector<std::string>;
+using Values = std::vector<double>;
+
+constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
+constexpr double infinity = std::numeric_limits<double>::infinity();
+
+/// 2 m/s and 16 m: a zone is 8 s long, half of it is reached by a difference of 8 m. All times are exact.
+ScannerDevice slowScanner() {
+  ScannerDevice scanner;
+  scanner.group_velocity = 2.0;
+  scanner.unambiguous_range = 16.0;
+  return scanner;
+}
+
+struct Echoes {
+  std::vector<double> shotTimes;
+  std::vector<double> ranges;
+  std::vector<float> amplitudes;
+  std::vector<unsigned char> flags;
+  std::vector<float> reflectances;
+};
+
+/// Echoes numbered by their amplitudes, of the normal channel.
+Echoes echoesOf(std::vector<double> shotTimes, std::vector<double> ranges) {
+  std::size_t const count = shotTimes.size();
+  Echoes echoes{std::move(shotTimes), std::move(ranges), std::vector<float>(count),
+                std::vector<unsigned char>(count, 0), std::vector<float>(count, -3.0F)};
+  for (std::size_t i = 0; i < count; ++i) {
+    echoes.amplitudes[i] = static_cast<float>(i);
+  }
+  return echoes;
+}
+
+Shots apply(Evaluation& evaluation, Echoes const& echoes) {
+  return evaluation.apply(
+      Kestra::MultiArray<1, double>(echoes.shotTimes), Kestra::MultiArray<1, double>(echoes.ranges),
+      Kestra::MultiArray<1, float>(echoes.amplitudes), Kestra::MultiArray<1, unsigned char>(echoes.flags),
+      Kestra::MultiArray<1, float>(echoes.reflectances));
+}
+
+Shots apply(Echoes const& echoes) {
+  Evaluation evaluation(slowScanner());
+  return apply(evaluation, echoes);
+}
+
+/// Numbers of the echoes of a shot.
+Values numbers(WavePtr const& wave) {
+  Values found;
+  for (Peak const& peak : wave->peaks) {
+    found.push_back(static_cast<double>(peak.amplitude));
+  }
+  return found;
+}
+
+Values times(WavePtr const& wave) {
+  Values found;
+  for (Peak const& peak : wave->peaks) {
+    found.push_back(peak.time);
+  }
+  return found;
+}
+
+Values shotTimes(Shots const& shots) {
+  Values found;
+  for (auto const& [time, wave] : shots) {
+    found.push_back(time);
+  }
+  return found;
+}
+
+TEST(OnlineEvaluation, NoEchoesGiveNoShots) {
+  Testing::ConsoleCapture const console;
+  EXPECT_TRUE(apply({}).empty());
+  EXPECT_TRUE(console.messages().empty());
+}
+
+TEST(OnlineEvaluation, EchoKeepsItsValues) {
+  Shots const shots = apply({{100.5}, {7.0}, {12.25F}, {1}, {-4.5F}});
+  ASSERT_EQ(shots.size(), 1U);
+  WavePtr const& wave = shots.at(100.5);
+  EXPECT_TRUE(wave->isLowPower);
+  EXPECT_EQ(wave->shotTime, 100.5);
+  EXPECT_EQ(wave->sblTime, 0.0);
+  EXPECT_TRUE(wave->online);
+  EXPECT_TRUE(wave->isOnline());
+  EXPECT_EQ(wave->length, 0U);
+  ASSERT_EQ(wave->size(), 1U);
+  Peak const& peak = wave->peaks.front();
+  EXPECT_EQ(peak.amplitude, 12.25F);
+  EXPECT_EQ(peak.idx, 0.0);
+  EXPECT_EQ(peak.time, 7.0);  // there and back
+  EXPECT_EQ(peak.type, ONLINE_OWP);
+  EXPECT_EQ(peak.quality, GOOD);
+  EXPECT_EQ(peak.std, 0.0);
+  EXPECT_EQ(peak.classification, 0);
+  EXPECT_EQ(peak.reflectance, -4.5F);
+}
+
+TEST(OnlineEvaluation, TimeIsTwiceTheTravelTime) {
+  ScannerDevice scanner;
+  scanner.group_velocity = 3e8;
+  scanner.unambiguous_range = 600.0;
+  Evaluation evaluation(scanner);
+  EXPECT_DOUBLE_EQ(apply(evaluation, echoesOf({1.0}, {150.0})).at(1.0)->peaks.front().time, 1e-6);
+}
+
+TEST(OnlineEvaluation, EchoesOfOneShotTimeAreOneShot) {
+  Shots const shots = apply(echoesOf({5.0, 3.0, 5.0}, {1.0, 2.0, 3.0}));
+  EXPECT_EQ(shotTimes(shots), (Values{3.0, 5.0}));
+  EXPECT_EQ(numbers(shots.at(3.0)), (Values{1.0}));
+  EXPECT_EQ(numbers(shots.at(5.0)), (Values{0.0, 2.0}));
+}
+
+TEST(OnlineEvaluation, ShotTimesThatDifferInTheLastBitAreTwoShots) {
+  double const next = std::nextafter(5.0, 6.0);
+  EXPECT_EQ(shotTimes(apply(echoesOf({next, 5.0}, {1.0, 2.0}))), (Values{5.0, next}));
+}
+
+TEST(OnlineEvaluation, EchoesAreOrderedByTravelTime) {
+  Shots const shots = apply(echoesOf({5.0, 5.0, 5.0, 5.0}, {3.0, 1.0, 4.0, 2.0}));
+  EXPECT_EQ(numbers(shots.at(5.0)), (Values{1.0, 3.0, 0.0, 2.0}));
+  EXPECT_EQ(times(shots.at(5.0)), (Values{1.0, 2.0, 3.0, 4.0}));
+}
+
+TEST(OnlineEvaluation, EqualTravelTimesKeepTheirOrder) {
+  // Enough echoes that sorting them takes more than insertions: the odd ones lie at 1 m, the even at 2 m.
+  std::vector<double> ranges;
+  Values expected;
+  for (int i = 0; i < 100; ++i) {
+    ranges.push_back(i % 2 == 1 ? 1.0 : 2.0);
+    expected.push_back(i < 50 ? 2 * i + 1 : 2 * (i - 50));
+  }
+  EXPECT_EQ(numbers(apply(echoesOf(std::vector<double>(100, 5.0), ranges)).at(5.0)), expected);
+}
+
+TEST(OnlineEvaluation, FlagOfTheNearestEchoCounts) {
+  Echoes echoes = echoesOf({5.0, 5.0, 7.0, 7.0, 9.0}, {3.0, 1.0, 1.0, 3.0, 1.0});
+  echoes.flags = {0, 1, 0, 1, 2};
+  Shots const shots = apply(echoes);
+  EXPECT_TRUE(shots.at(5.0)->isLowPower);
+  EXPECT_FALSE(shots.at(7.0)->isLowPower);
+  EXPECT_FALSE(shots.at(9.0)->isLowPower);  // only 1 marks the channel
+}
+
+TEST(OnlineEvaluation, HalfAZoneBetweenEchoesIsAWideGap) {
+  Evaluation evaluation(slowScanner());
+  double const below = std::nextafter(9.0, 0.0);
+  EXPECT_EQ(numbers(apply(evaluation, echoesOf({5.0, 5.0}, {1.0, below})).at(5.0)), (Values{0.0, 1.0}));
+  EXPECT_EQ(evaluation.wideGaps(), 0U);
+  // A gap of exactly half the zone is wide; the echo stays in its shot all the same.
+  Shots const shots = apply(evaluation, echoesOf({5.0, 5.0}, {1.0, 9.0}));
+  EXPECT_EQ(shotTimes(shots), (Values{5.0}));
+  EXPECT_EQ(numbers(shots.at(5.0)), (Values{0.0, 1.0}));
+  EXPECT_EQ(evaluation.wideGaps(), 1U);
+}
+
+TEST(OnlineEvaluation, WideGapsAreCountedBetweenNeighboursOfEveryShot) {
+  Evaluation evaluation(slowScanner());
+  // Shot 5: 1, 9, 16, 24 m in order, gaps 8, 7, 8; shot 6: one echo, nothing to compare.
+  Echoes const echoes = echoesOf({5.0, 5.0, 6.0, 5.0, 5.0}, {24.0, 1.0, 99.0, 9.0, 16.0});
+  EXPECT_EQ(apply(evaluation, echoes).at(5.0)->size(), 4U);
+  EXPECT_EQ(evaluation.wideGaps(), 2U);
+  apply(evaluation, {});
+  EXPECT_EQ(evaluation.wideGaps(), 0U);
+}
+
+TEST(OnlineEvaluation, ScannerIsACopyInFront) {
+  ScannerDevice scanner = slowScanner();
+  Evaluation evaluation(scanner);
+  scanner.group_velocity = 4.0;
+  EXPECT_EQ(evaluation.scanner.group_velocity, 2.0);
+  evaluation.scanner.group_velocity = 1.0;
+  EXPECT_EQ(times(apply(evaluation, echoesOf({5.0}, {3.0})).at(5.0)), (Values{6.0}));
+}
+
+TEST(OnlineEvaluation, WithoutGroupVelocityTimesAreInfinite) {
+  Evaluation evaluation{ScannerDevice()};
+  Shots const shots = apply(evaluation, echoesOf({5.0, 5.0, 5.0}, {0.0, 2.0, 1.0}));
+  // 0 m takes 0/0 and comes last; infinite times keep their order.
+  EXPECT_EQ(numbers(shots.at(5.0)), (Values{1.0, 2.0, 0.0}));
+  Values const found = times(shots.at(5.0));
+  EXPECT_EQ(found[0], infinity);
+  EXPECT_EQ(found[1], infinity);
+  EXPECT_TRUE(std::isnan(found[2]));
+}
+
+TEST(OnlineEvaluation, RangesThatAreNotNumbersComeLast) {
+  Shots const shots = apply(echoesOf({5.0, 5.0, 5.0, 5.0}, {notANumber, 2.0, notANumber, 1.0}));
+  EXPECT_EQ(numbers(shots.at(5.0)), (Values{3.0, 1.0, 0.0, 2.0}));
+}
+
+TEST(OnlineEvaluation, EchoesWithoutShotTimeAreLeftOut) {
+  Testing::ConsoleCapture const console;
+  Shots const shots = apply(echoesOf({notANumber, 5.0, notANumber, 3.0}, {1.0, 2.0, 3.0, 4.0}));
+  EXPECT_EQ(shotTimes(shots), (Values{3.0, 5.0}));
+  EXPECT_EQ(numbers(shots.at(5.0)), (Values{1.0}));
+  EXPECT_EQ(console.messages(), (Messages{"OnlineEvaluation::apply: 2 echoes left out (no shot time, or no "
+                                          "value in one of the arrays)"}));
+}
+
+TEST(OnlineEvaluation, ShortestArrayCutsAll) {
+  for (int shortened = 0; shortened < 5; ++shortened) {
+    Echoes echoes = echoesOf({5.0, 3.0, 5.0}, {1.0, 2.0, 3.0});
+    echoes.shotTimes.resize(shortened == 0 ? 1 : 3);
+    echoes.ranges.resize(shortened == 1 ? 1 : 3);
+    echoes.amplitudes.resize(shortened == 2 ? 1 : 3);
+    echoes.flags.resize(shortened == 3 ? 1 : 3);
+    echoes.reflectances.resize(shortened == 4 ? 1 : 3);
+    Testing::ConsoleCapture const console;
+    Shots const shots = apply(echoes);
+    EXPECT_EQ(shotTimes(shots), (Values{5.0}));
+    EXPECT_EQ(numbers(shots.at(5.0)), (Values{0.0}));
+    EXPECT_EQ(console.messages(), (Messages{"OnlineEvaluation::apply: 2 echoes left out (no shot time, or no "
+                                            "value in one of the arrays)"}));
+  }
+}
+
+TEST(OnlineEvaluation, ShotsOutliveTheEvaluation) {
+  Shots shots;
+  {
+    Evaluation evaluation(slowScanner());
+    shots = apply(evaluation, echoesOf({5.0, 5.0}, {1.0, 2.0}));
+  }
+  EXPECT_EQ(shots.at(5.0)->size(), 2U);
+  EXPECT_EQ(shots.at(5.0)->record().strongCount(), 1U);
+}
+
+}  // namespace
+}  // namespace FullWaveform
