@@ -103,6 +103,12 @@ TEST(FittingGaussVia3Points, RangeOfTwoIsTooShortOfThreeIsEnough) {
   EXPECT_EQ(enough.peaks.size(), 1U);
 }
 
+// Beside a clear echo at 7, so that the fallback stays out of it.
+TEST(FittingGaussVia3Points, EchoesStandOutByTwoCountsOnOneSide) {
+  EXPECT_EQ(fit({5, 5, 100, 102, 101, 101, 150, 300, 150, 5, 5}, 20).peaks.size(), 2U);
+  EXPECT_EQ(fit({5, 5, 101, 102, 101, 101, 150, 300, 150, 5, 5}, 20).peaks.size(), 1U);
+}
+
 TEST(FittingGaussVia3Points, RecordWithoutSegmentsIsTooShort) {
   EXPECT_FALSE(fit(Samples(20, 5), 20).ran);
 }
