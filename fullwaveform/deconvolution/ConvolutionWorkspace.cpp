@@ -103,7 +103,13 @@ ConvolutionWorkspace::~ConvolutionWorkspace() {
   }
 }
 
-void ConvolutionWorkspace::transform(Complex const* kernel) {
+// Not const though it changes no pointer: it overwrites the buffers, which two threads must not do.
+// NOLINTNEXTLINE(readability-make-member-function-const)
+std::span<double const> ConvolutionWorkspace::convolveAround(std::span<double const> x,
+                                                             Complex const* kernel) {
+  std::size_t const taken = std::min(x.size(), length);
+  std::copy_n(x.begin(), taken, held.fft_in);
+  std::fill(held.fft_in + taken, held.fft_in + length, 0.0);
   fftw_execute(held.forward_plan);
   std::size_t const bins = spectrumBins();
   for (std::size_t k = 0; k < bins; ++k) {
@@ -113,6 +119,7 @@ void ConvolutionWorkspace::transform(Complex const* kernel) {
     held.product[k][1] = real * kernel[k][1] + imaginary * kernel[k][0];
   }
   fftw_execute(held.inverse_plan);
+  return {held.fft_out, length};
 }
 
 void ConvolutionWorkspace::allocateAndPlan() {

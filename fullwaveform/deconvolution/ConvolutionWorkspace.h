@@ -43,12 +43,12 @@ class FULLWAVEFORM_EXPORT ConvolutionWorkspace {
   [[nodiscard]] Complex* psfSpectrum() const noexcept { return held.psf_spectrum; }
   [[nodiscard]] Complex* psfReversedSpectrum() const noexcept { return held.psf_reversed_spectrum; }
 
-  /// Input of the forward transform, `fftLength` values.
-  [[nodiscard]] std::span<double> input() noexcept { return {held.fft_in, length}; }
-  /// Result of the inverse transform, `fftLength` values, not normalised.
-  [[nodiscard]] std::span<double const> output() const noexcept { return {held.fft_out, length}; }
-  /// Transforms the input, multiplies it with a kernel of `spectrumBins` values, transforms it back.
-  void transform(Complex const* kernel);
+  /// Transforms x, followed by zeros, multiplies it with a spectrum and transforms it back.
+  ///
+  /// @param x       what lies behind `fftLength` values is left out
+  /// @param kernel  `spectrumBins` values
+  /// @return `fftLength` values, not normalised, valid until the next call
+  std::span<double const> convolveAround(std::span<double const> x, Complex const* kernel);
 
  private:
   struct Held {

@@ -14,13 +14,7 @@ void convolve(ConvolutionWorkspace& workspace, ConvolutionWorkspace::Complex con
   if (!workspace || kernel == nullptr) {
     return;
   }
-  std::span<double> const input = workspace.input();
-  std::size_t const taken = std::min(x.size(), input.size());
-  std::copy_n(x.begin(), taken, input.begin());
-  std::fill(input.begin() + static_cast<std::ptrdiff_t>(taken), input.end(), 0.0);
-  workspace.transform(kernel);
-
-  std::span<double const> const result = workspace.output();
+  std::span<double const> const result = workspace.convolveAround(x, kernel);
   double const scale = 1.0 / static_cast<double>(result.size());
   auto const held = static_cast<std::ptrdiff_t>(result.size());
   auto const wanted = static_cast<std::ptrdiff_t>(std::min(x.size(), out.size()));

@@ -29,8 +29,8 @@ unsigned int RL_Planes<T, SimplePeakType>::getIdx(int length) const {
 
 template <class T, class SimplePeakType>
 int RL_Planes<T, SimplePeakType>::apply(T const* samples, Holdex::StrongPtr<WavePoints<T>> const& wave) {
-  // Records of one or two samples have a range that ends before it starts.
-  if (!wave || wave->globalEnd < wave->globalStart) {
+  // Signed: records of one or two samples have a range that ends before it starts.
+  if (!wave || static_cast<std::int32_t>(wave->globalEnd) < static_cast<std::int32_t>(wave->globalStart)) {
     return 1;
   }
   std::size_t const index = wave->lengthCropped / plane_step;

@@ -6,7 +6,6 @@
 #include <utility>
 
 #include <cairo-pdf.h>
-#include <cairo.h>
 
 namespace OrvikPDF {
 namespace {

@@ -4,10 +4,9 @@
 #include <span>
 #include <string>
 
-#include <fullwaveform/host/PlotCurve.h>
+#include <cairo.h>
 
-struct _cairo;
-struct _cairo_surface;
+#include <fullwaveform/host/PlotCurve.h>
 
 namespace OrvikPDF {
 
@@ -48,8 +47,8 @@ class PlotBrush {
 
  private:
   std::string bytes;  ///< what was drawn; written to by the surface, hence before it
-  _cairo_surface* surface;
-  _cairo* context;
+  cairo_surface_t* surface;
+  cairo_t* context;
 };
 
 }  // namespace OrvikPDF

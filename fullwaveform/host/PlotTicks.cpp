@@ -39,13 +39,16 @@ Step roundStep(double least) {
 }
 
 /// What is subtracted in the labels of a range that is far from 0 for its extent, in units of the step's
-/// power of ten: a multiple of a thousand of them.
-std::int64_t labelOffset(AxisRange range, std::int64_t firstNumber) {
+/// power of ten: the last round number before the range that leaves them short.
+std::int64_t labelOffset(AxisRange range, Step step, std::int64_t firstNumber) {
   constexpr double farFromZero = 1e4;  // extents
-  constexpr std::int64_t multiple = 1000;
+  double const extent = range.high - range.low;
   double const distance = std::min(std::abs(range.low), std::abs(range.high));
-  bool const isFar =
-      (range.low < 0.0) == (range.high < 0.0) && distance > farFromZero * (range.high - range.low);
+  bool const isFar = (range.low < 0.0) == (range.high < 0.0) && distance > farFromZero * extent;
+  std::int64_t multiple = 10;
+  while (static_cast<double>(multiple) < scaled(extent, -step.power)) {
+    multiple *= 10;
+  }
   return isFar ? firstNumber / multiple * multiple : 0;
 }
 
@@ -120,7 +123,7 @@ AxisTicks findTicks(AxisRange range, unsigned int mostIntervals) {
   auto const first = static_cast<std::int64_t>(std::ceil(range.low / size - slack));
   auto const last = static_cast<std::int64_t>(std::floor(range.high / size + slack));
 
-  std::int64_t const offset = labelOffset(range, first * step.factor);
+  std::int64_t const offset = labelOffset(range, step, first * step.factor);
   double const offsetSize = scaled(static_cast<double>(offset), step.power);
 
   AxisTicks ticks;

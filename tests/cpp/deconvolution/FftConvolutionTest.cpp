@@ -1,0 +1,208 @@
+#include <fullwaveform/deconvolution/FftConvolution.h>
+
+#include <cmath>
+#include <cstddef>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/Threads.h"
+
+namespace FullWaveform {
+namespace {
+
+using Values = std::vector<double>;
+
+Values const skewed{0.1, 0.9, 1.0, 0.6, 0.35, 0.2, 0.1, 0.05};
+
+/// Irregular values around 0.
+Values irregular(std::size_t count) {
+  Values values(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    values[i] = static_cast<double>(i * i * 7919 % 1009) / 100.0 - 4.0;
+  }
+  return values;
+}
+
+/// The sum itself: value i of x with kernel around `offset`.
+Values directSum(Values const& x, Values const& kernel, std::ptrdiff_t offset) {
+  Values sums(x.size());
+  for (std::size_t i = 0; i < x.size(); ++i) {
+    for (std::size_t k = 0; k < x.size(); ++k) {
+      std::ptrdiff_t const place = offset + static_cast<std::ptrdiff_t>(i) - static_cast<std::ptrdiff_t>(k);
+      if (place >= 0 && place < static_cast<std::ptrdiff_t>(kernel.size())) {
+        sums[i] += x[k] * kernel[static_cast<std::size_t>(place)];
+      }
+    }
+  }
+  return sums;
+}
+
+void expectNear(Values const& values, Values const& expected) {
+  ASSERT_EQ(values.size(), expected.size());
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    EXPECT_NEAR(values[i], expected[i], 1e-12) << "value " << i;
+  }
+}
+
+std::uint32_t plainLength(std::size_t x, std::size_t kernel) {
+  return static_cast<std::uint32_t>(x + kernel - 1);
+}
+
+TEST(CentreOf, IsTheSampleBeforeTheMiddle) {
+  EXPECT_EQ(centreOf(56), 27);
+  EXPECT_EQ(centreOf(12), 5);
+  EXPECT_EQ(centreOf(7), 2);
+  EXPECT_EQ(centreOf(2), 0);
+  EXPECT_EQ(centreOf(1), -1);
+}
+
+TEST(SystemWaveConvolver, IsTheDirectSumWithASkewedKernel) {
+  for (std::size_t const length : {2UL, 5UL, 8UL, 21UL, 64UL, 127UL}) {
+    Values const x = irregular(length);
+    for (std::uint32_t const more : {0U, 1U, 13U}) {
+      ConvolutionWorkspace workspace(skewed, plainLength(length, skewed.size()) + more);
+      SystemWaveConvolver convolver(workspace, skewed.size());
+      Values out(length);
+      convolver.blur(x, out);
+      expectNear(out, directSum(x, skewed, 3));
+    }
+  }
+}
+
+TEST(SystemWaveConvolver, TurnsTheKernelRoundForTheCorrection) {
+  Values const x = irregular(40);
+  Values const turned(skewed.rbegin(), skewed.rend());
+  ConvolutionWorkspace workspace(skewed, plainLength(40, skewed.size()));
+  SystemWaveConvolver convolver(workspace, skewed.size());
+  Values out(40);
+  convolver.blurReversed(x, out);
+  expectNear(out, directSum(x, turned, 3));
+}
+
+TEST(SystemWaveConvolver, OfAnImpulseIsTheKernelAroundIt) {
+  ConvolutionWorkspace workspace(skewed, plainLength(12, skewed.size()));
+  SystemWaveConvolver convolver(workspace, skewed.size());
+  Values x(12, 0.0);
+  x[5] = 2.0;
+  Values out(12);
+  convolver.blur(x, out);
+  expectNear(out, {0, 0, 0.2, 1.8, 2.0, 1.2, 0.7, 0.4, 0.2, 0.1, 0, 0});
+}
+
+TEST(Convolve, AKernelOfOneValueShiftsByOne) {
+  // Its middle lies before the first value, where the convolution is 0.
+  ConvolutionWorkspace workspace(Values{3.0}, 4);
+  Values out(4, 9.0);
+  convolve(workspace, workspace.psfSpectrum(), centreOf(1), Values{1.0, 2.0, 4.0, 8.0}, out);
+  expectNear(out, {0.0, 3.0, 6.0, 12.0});
+}
+
+TEST(Convolve, MoreValuesThanTheTransformHoldsGiveZeros) {
+  ConvolutionWorkspace workspace(Values{1.0, 0.0}, 5);
+  Values const x{1, 2, 3, 4, 5, 6, 7, 8};
+  Values out(8, 9.0);
+  convolve(workspace, workspace.psfSpectrum(), 0, x, out);
+  expectNear(out, {1, 2, 3, 4, 5, 0, 0, 0});
+  convolve(workspace, workspace.psfSpectrum(), 3, x, out);
+  expectNear(out, {4, 5, 0, 0, 0, 0, 0, 0});
+  convolve(workspace, workspace.psfSpectrum(), 7, x, out);
+  expectNear(out, Values(8, 0.0));
+}
+
+TEST(Convolve, ValuesBehindTheInputAreZero) {
+  ConvolutionWorkspace workspace(Values{1.0, 0.0}, 5);
+  Values out(6, 9.0);
+  convolve(workspace, workspace.psfSpectrum(), 0, Values{1, 2, 3}, out);
+  expectNear(out, {1, 2, 3, 0, 0, 0});
+}
+
+TEST(Convolve, AShorterResultTakesTheFirstValues) {
+  ConvolutionWorkspace workspace(Values{1.0, 0.0}, 5);
+  Values out(2, 9.0);
+  convolve(workspace, workspace.psfSpectrum(), 1, Values{1, 2, 3}, out);
+  expectNear(out, {2, 3});
+}
+
+TEST(Convolve, NothingIsLeftOfTheCallBefore) {
+  ConvolutionWorkspace workspace(Values{1.0, 0.0}, 6);
+  Values out(6);
+  convolve(workspace, workspace.psfSpectrum(), 0, Values(6, 100.0), out);
+  Values rest(5);
+  convolve(workspace, workspace.psfSpectrum(), 0, Values{0, 0, 0, 0, 0}, rest);
+  expectNear(rest, Values(5, 0.0));
+}
+
+TEST(Convolve, WithoutWorkspaceOrKernelGivesZeros) {
+  ConvolutionWorkspace empty;
+  Values out(3, 9.0);
+  convolve(empty, nullptr, 0, Values{1, 2, 3}, out);
+  expectNear(out, {0, 0, 0});
+  ConvolutionWorkspace workspace(Values{1.0}, 3);
+  out.assign(3, 9.0);
+  convolve(workspace, nullptr, 0, Values{1, 2, 3}, out);
+  expectNear(out, {0, 0, 0});
+}
+
+TEST(ConvolutionWorkspace, SpectrumIsTheSumOfTheKernelAtFrequencyZero) {
+  ConvolutionWorkspace const workspace(skewed, 20);
+  EXPECT_EQ(workspace.fftLength(), 20U);
+  EXPECT_EQ(workspace.spectrumBins(), 11U);
+  EXPECT_NEAR(workspace.psfSpectrum()[0][0], 3.3, 1e-14);
+  EXPECT_NEAR(workspace.psfSpectrum()[0][1], 0.0, 1e-14);
+  // At half the sampling frequency: values of even place less those of odd place, 1.55 - 1.75; turned round,
+  // the places of this kernel of eight change sides.
+  EXPECT_NEAR(workspace.psfSpectrum()[10][0], -0.2, 1e-14);
+  EXPECT_NEAR(workspace.psfReversedSpectrum()[10][0], 0.2, 1e-14);
+}
+
+TEST(ConvolutionWorkspace, OddLengthHasBinsUpToTheLowerHalf) {
+  EXPECT_EQ(ConvolutionWorkspace(skewed, 21).spectrumBins(), 11U);
+  EXPECT_EQ(ConvolutionWorkspace(skewed, 1).spectrumBins(), 1U);
+}
+
+TEST(ConvolutionWorkspace, AKernelLongerThanTheTransformIsCut) {
+  ConvolutionWorkspace const workspace(skewed, 3);
+  EXPECT_NEAR(workspace.psfSpectrum()[0][0], 2.0, 1e-14);
+  EXPECT_NEAR(workspace.psfReversedSpectrum()[0][0], 0.35, 1e-14);
+}
+
+TEST(ConvolutionWorkspace, ImpossibleLengthsAreRefused) {
+  EXPECT_THROW(ConvolutionWorkspace(skewed, 0), std::length_error);
+  EXPECT_THROW(ConvolutionWorkspace(skewed, 2147483648U), std::length_error);
+}
+
+TEST(ConvolutionWorkspace, MovingHandsEverythingOver) {
+  ConvolutionWorkspace first(Values{1.0, 0.0}, 4);
+  ConvolutionWorkspace second(std::move(first));
+  EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): its state after it is what is tested
+  EXPECT_EQ(first.fftLength(), 0U);
+  ASSERT_TRUE(second);
+  ConvolutionWorkspace third(skewed, 30);
+  third = std::move(second);
+  EXPECT_FALSE(second);  // NOLINT(bugprone-use-after-move)
+  EXPECT_EQ(third.fftLength(), 4U);
+  Values out(3);
+  convolve(third, third.psfSpectrum(), 0, Values{1, 2, 3}, out);
+  expectNear(out, {1, 2, 3});
+}
+
+TEST(ConvolutionWorkspace, ThreadsPlanAndFreeAtTheSameTime) {
+  Values const x = irregular(50);
+  Values const expected = directSum(x, skewed, 3);
+  Testing::onThreads(4, [&](int number) {
+    for (std::uint32_t more = 0; more < 20; ++more) {
+      ConvolutionWorkspace workspace(
+          skewed, plainLength(50, skewed.size()) + more + 20 * static_cast<std::uint32_t>(number));
+      SystemWaveConvolver convolver(workspace, skewed.size());
+      Values out(50);
+      convolver.blur(x, out);
+      expectNear(out, expected);
+    }
+  });
+}
+
+}  // namespace
+}  // namespace FullWaveform

@@ -1,0 +1,172 @@
+#include <fullwaveform/scanner/SystemWave.h>
+
+#include <cmath>
+#include <complex>
+#include <filesystem>
+#include <limits>
+#include <numbers>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/ConsoleCapture.h"
+#include "support/PdfPage.h"
+#include "support/SkewedScanner.h"
+#include "support/TemporaryDirectory.h"
+
+namespace FullWaveform {
+namespace {
+
+using Complex = std::complex<double>;
+using Messages = std::vector<std::string>;
+using Testing::complexTable;
+
+double const halving = -std::numbers::ln2;
+double const quarterTurn = 0.5 * std::numbers::pi;
+
+void expectNear(std::vector<double> const& values, std::vector<double> const& expected) {
+  ASSERT_EQ(values.size(), expected.size());
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    EXPECT_NEAR(values[i], expected[i], 1e-14) << "value " << i;
+  }
+}
+
+std::vector<double> synthesised(std::vector<Complex> const& a, std::vector<Complex> const& b, double dt,
+                                std::size_t length) {
+  std::vector<double> wave(length);
+  synthesiseSystemWave(a, b, dt, wave);
+  return wave;
+}
+
+TEST(SynthesiseSystemWave, RealExponentDecays) {
+  expectNear(synthesised({8.0}, {halving / 1e-9}, 1e-9, 4), {8.0, 4.0, 2.0, 1.0});
+}
+
+TEST(SynthesiseSystemWave, ImaginaryExponentOscillates) {
+  expectNear(synthesised({2.0}, {Complex(0.0, quarterTurn / 1e-9)}, 1e-9, 5), {2.0, 0.0, -2.0, 0.0, 2.0});
+}
+
+TEST(SynthesiseSystemWave, ImaginaryCoefficientTurnsThePhase) {
+  // Re(j exp(j x)) = -sin x
+  expectNear(synthesised({Complex(0.0, 1.0)}, {Complex(0.0, quarterTurn / 1e-9)}, 1e-9, 4),
+             {0.0, -1.0, 0.0, 1.0});
+}
+
+TEST(SynthesiseSystemWave, TermsAdd) {
+  // 4 (1/2)^i and cos and -sin of quarter turns.
+  expectNear(
+      synthesised({4.0, Complex(1.0, 1.0)}, {halving / 1e-9, Complex(0.0, quarterTurn / 1e-9)}, 1e-9, 4),
+      {5.0, 1.0, 0.0, 1.5});
+}
+
+TEST(NormaliseToMaximum, LargestBecomesOne) {
+  std::vector<double> wave{2.0, -4.0, 8.0, 1.0};
+  normaliseToMaximum(wave);
+  EXPECT_EQ(wave, (std::vector<double>{0.25, -0.5, 1.0, 0.125}));
+}
+
+TEST(NormaliseToMaximum, WithoutPositiveValuesIsNotGuarded) {
+  std::vector<double> wave{-2.0, -4.0};
+  normaliseToMaximum(wave);
+  EXPECT_EQ(wave, (std::vector<double>{1.0, 2.0}));
+  std::vector<double> zeros{0.0};
+  normaliseToMaximum(zeros);
+  EXPECT_TRUE(std::isnan(zeros[0]));
+  std::vector<double> none;
+  normaliseToMaximum(none);
+  EXPECT_TRUE(none.empty());
+}
+
+TEST(CreateNormalizedSysWave, HasTheLargestValueOne) {
+  Testing::ConsoleCapture const console;
+  std::size_t const before = Holdex::ChunkBase::memoryTotal();
+  auto const a = complexTable({4.0, Complex(1.0, 1.0)});
+  auto const b = complexTable({halving / 1e-9, Complex(0.0, quarterTurn / 1e-9)});
+  std::size_t const tables = Holdex::ChunkBase::memoryTotal();
+  EXPECT_EQ(tables - before, 64U);
+  auto const wave = createNormalizedSysWave(a, b, 1e-9, 4U, {});
+  ASSERT_TRUE(wave);
+  EXPECT_EQ(Holdex::ChunkBase::memoryTotal() - tables, 32U);
+  expectNear({wave->begin(), wave->end()}, {1.0, 0.2, 0.0, 0.3});
+  EXPECT_TRUE(console.messages().empty());
+}
+
+TEST(CreateNormalizedSysWave, LengthOneIsTheSumOfTheCoefficients) {
+  auto const wave = createNormalizedSysWave(complexTable({Complex(0.5, 3.0), Complex(1.5, -1.0)}),
+                                            complexTable({-1e8, -2e8}), 1e-9, 1U, {});
+  ASSERT_TRUE(wave);
+  ASSERT_EQ(wave->size(), 1U);
+  EXPECT_EQ((*wave)[0], 1.0);
+}
+
+void expectRefused(ScannerDevice::ComplexTable const& a, ScannerDevice::ComplexTable const& b, double dt,
+                   unsigned int length, std::string const& message) {
+  Testing::ConsoleCapture const console;
+  EXPECT_FALSE(createNormalizedSysWave(a, b, dt, length, {}));
+  EXPECT_EQ(console.messages(), (Messages{message, "Could not create system wave!"}));
+}
+
+TEST(CreateNormalizedSysWave, AStepThatIsNotAboveZeroIsRefused) {
+  auto const table = complexTable({1.0});
+  expectRefused(table, table, 0.0, 12, "dt <= 0");
+  expectRefused(table, table, -1e-9, 12, "dt <= 0");
+  expectRefused(table, table, std::numeric_limits<double>::quiet_NaN(), 12, "dt <= 0");
+  // The step is looked at first.
+  expectRefused({}, {}, 0.0, 12, "dt <= 0");
+}
+
+TEST(CreateNormalizedSysWave, MissingTablesAreRefused) {
+  auto const table = complexTable({1.0});
+  expectRefused({}, table, 1e-9, 12, "No expsum chunk");
+  expectRefused(table, {}, 1e-9, 12, "No expsum chunk");
+}
+
+TEST(CreateNormalizedSysWave, TablesThatDoNotFitAreRefused) {
+  expectRefused(complexTable({1.0, 2.0}), complexTable({1.0}), 1e-9, 12,
+                "Expsum chunks of different lengths: 2 coefficients, 1 exponents");
+  expectRefused(complexTable({}), complexTable({1.0}), 1e-9, 12,
+                "Expsum chunks of different lengths: 0 coefficients, 1 exponents");
+  expectRefused(complexTable({}), complexTable({}), 1e-9, 12, "Expsum chunks without values");
+}
+
+TEST(CreateNormalizedSysWave, LengthZeroIsRefused) {
+  expectRefused(complexTable({1.0}), complexTable({-1e8}), 1e-9, 0, "System wave of length 0");
+}
+
+TEST(CreateNormalizedSysWave, PlotsTheWave) {
+  Testing::TemporaryDirectory const directory;
+  ScannerDevice const scanner = Testing::skewedScanner();
+  ASSERT_TRUE(createNormalizedSysWave(scanner.expsum_a, scanner.expsum_b, 0.2e-9, 56U, directory.path()));
+  std::filesystem::path const file = directory.path() / "SysWave.pdf";
+  ASSERT_TRUE(std::filesystem::exists(file));
+  Testing::PdfPage const page(file);
+  EXPECT_TRUE(page.shows("time [ns]"));
+  EXPECT_TRUE(page.shows("Normalized Amplitude"));
+  EXPECT_TRUE(page.shows("Wave"));
+  // 55 steps of 0.2 ns.
+  EXPECT_TRUE(page.shows("10"));
+  EXPECT_FALSE(page.shows("12"));
+  EXPECT_GT(Testing::DrawnPage(file).boxOf(Testing::firstCurve).count, 500);
+}
+
+TEST(CreateNormalizedSysWave, WithoutDirectoryNothingIsPlotted) {
+  Testing::TemporaryDirectory const directory;
+  std::filesystem::path const former = std::filesystem::current_path();
+  std::filesystem::current_path(directory.path());
+  EXPECT_TRUE(createNormalizedSysWave(complexTable({1.0}), complexTable({-1e8}), 1e-9, 12U, {}));
+  std::filesystem::current_path(former);
+  EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
+}
+
+TEST(CreateNormalizedSysWave, APlotThatCannotBeWrittenIsSaid) {
+  Testing::TemporaryDirectory const directory;
+  Testing::ConsoleCapture const console;
+  EXPECT_TRUE(createNormalizedSysWave(complexTable({1.0}), complexTable({-1e8}), 1e-9, 12U,
+                                      directory.path() / "missing"));
+  ASSERT_EQ(console.messages().size(), 1U);
+  EXPECT_NE(console.messages()[0].find("cannot write"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace FullWaveform
