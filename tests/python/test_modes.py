@@ -63,8 +63,9 @@ def strongest(result: Result, rows: int) -> FloatArray:
 
 
 # Scatter over the sub-sample phases, standard deviation in samples. Three samples see a skewed
-# pulse at different places of its flanks; a deconvolved echo stands on a grid of a fifth of a sample.
-# In the normal channel the decomposition makes one Gaussian of it, in the other it adds a second.
+# pulse at different places of its flanks; a deconvolved echo stands on a grid of a fifth of a
+# sample. In the normal channel the decomposition makes one Gaussian of it, in the other it adds a
+# second.
 @pytest.mark.parametrize(
     ("mode", "channel"),
     [
