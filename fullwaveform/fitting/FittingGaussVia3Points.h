@@ -13,6 +13,11 @@ namespace FullWaveform {
 template <class T, class SimplePeakType>
 class FULLWAVEFORM_EXPORT FittingGaussVia3Points {
  public:
+  FittingGaussVia3Points() = default;
+
+  /// Every method is built from a scanner; this one needs none of its values.
+  explicit FittingGaussVia3Points(ScannerDevice const& /*scanner*/) {}
+
   /// Appends the echoes of one waveform to its list, sorted by position.
   ///
   /// @param samples  the record that the waveform was built from, `wave->length` values in counts
