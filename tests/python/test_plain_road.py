@@ -13,8 +13,8 @@ from .plain_road import Wave, three_point_road
 
 RECORDS = 3000  # of each kind
 WIDTH = 90
-# Another solver of the same single-precision system rounds the parabola of logarithms differently; near
-# flat triples this moves the vertex by some 1e-4 samples.
+# Another solver of the same single-precision system rounds the parabola of logarithms differently;
+# near flat triples this moves the vertex by some 1e-4 samples.
 POSITION = 1e-3  # samples
 RELATIVE_AMPLITUDE = 1e-3  # 0.01 dB
 
