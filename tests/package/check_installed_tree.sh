@@ -49,7 +49,7 @@ use_pkg_config() {
 # standard library, type information of plain function types, and the locks of OpenMP's named sections.
 check_symbols() {
   local own='((vtable|typeinfo|typeinfo name|VTT|guard variable) for )?([^(]* )?(FullWaveform|Holdex|Kestra|OrvikPDF|Quorvane)::'
-  local shared='[VWu] .*\bstd::|V typeinfo (name )?for [a-z ]+ (\(\*\))?\(|B \.gomp_critical_user_(Holdex|Kestra)'
+  local shared='[VWu] .*\bstd::|V typeinfo (name )?for [a-z ]+ (\(\*\))?\(|B \.gomp_critical_user_(FullWaveform|Kestra)'
   local shown strangers
   shown=$(nm --dynamic --defined-only --demangle "$libraries/libfullwaveform.so" | sed -E 's/^[0-9a-f]+ //')
   grep -q '^T FullWaveform::' <<<"$shown" || fail "the library shows nothing of FullWaveform"

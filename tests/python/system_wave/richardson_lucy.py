@@ -69,14 +69,17 @@ def deconvolved(
 
 
 def maxima(values: FloatArray, noise: float) -> list[int]:
-    """Indices of the maxima above the noise that rise or fall by 2 counts from step to step."""
+    """Maxima above the noise that rise or fall by 2 counts from step to step, or the largest value.
+
+    A neighbour beyond the ends is taken to be as high as the end itself.
+    """
     counts = np.trunc(values)
-    found = []
-    for i in range(1, len(counts) - 1):
-        rise, fall = counts[i] - counts[i - 1], counts[i] - counts[i + 1]
-        if rise > 0 and fall >= 0 and counts[i] > noise and max(rise, fall) >= 2.0:
-            found.append(i)
-    return found
+    rise = np.diff(counts, prepend=counts[0])
+    fall = -np.diff(counts, append=counts[-1])
+    found = np.flatnonzero(
+        (rise > 0) & (fall >= 0) & (counts > noise) & (np.maximum(rise, fall) >= 2.0)
+    ).tolist()
+    return found if found or counts.max() <= noise else [int(np.argmax(counts))]
 
 
 def echoes(samples: npt.ArrayLike, noise: float, kernel: FloatArray) -> list[tuple[float, float]]:
