@@ -14,7 +14,7 @@ RECORDS = 1500
 NOISE = BASELINE + 5  # counts
 
 # Where a maximum falls within rounding of a whole count, the order of a sum decides whether it is
-# Where a maximum falls within rounding of a whole count, the order of a sum decides whether it is
+# truncated to that count or the one below, and with it which of two neighbours is the maximum.
 DECIDED_BY_ROUNDING = 0.01  # of the records
 
 
