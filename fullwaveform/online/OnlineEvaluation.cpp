@@ -61,14 +61,18 @@ std::map<double, Holdex::StrongPtr<WavePoints<T>>> OnlineEvaluation<T>::apply(
   return waves;
 }
 
-/// Stable; what is not a number comes last.
+/// Equal times keep their order of arrival; what is not a number comes last.
+/// @param echoes  indices of the echoes, ascending
 template <class T>
 void OnlineEvaluation<T>::orderByTravelTime(std::vector<std::size_t>& echoes,
                                             Kestra::MultiArray<1, double> const& ranges) const {
-  std::stable_sort(echoes.begin(), echoes.end(), [&](std::size_t left, std::size_t right) {
+  std::sort(echoes.begin(), echoes.end(), [&](std::size_t left, std::size_t right) {
     double const sooner = travelTime(ranges[left]);
     double const later = travelTime(ranges[right]);
-    return sooner < later || (!std::isnan(sooner) && std::isnan(later));
+    if (std::isnan(sooner) || std::isnan(later)) {
+      return std::isnan(sooner) && std::isnan(later) ? left < right : std::isnan(later);
+    }
+    return sooner < later || (sooner == later && left < right);
   });
 }
 

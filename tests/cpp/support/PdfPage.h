@@ -12,13 +12,15 @@
 
 /// Asked by the leak check. Fontconfig keeps the patterns of the fonts that were used as long as the process
 /// runs and reaches them by offsets instead of addresses, which the check takes for leaks.
-extern "C" __attribute__((used)) inline char const* __lsan_default_suppressions() {  // NOLINT
+extern "C" __attribute__((used, visibility("default"))) inline char const*
+__lsan_default_suppressions() {  // NOLINT
   return "leak:libfontconfig\n";
 }
 
 /// Asked by the thread sanitizer. Cairo dates its pages; the lock by which the C library guards the time zone
 /// meanwhile is hidden from the sanitizer.
-extern "C" __attribute__((used)) inline char const* __tsan_default_suppressions() {  // NOLINT
+extern "C" __attribute__((used, visibility("default"))) inline char const*
+__tsan_default_suppressions() {  // NOLINT
   return "race:tzset_internal\n";
 }
 
