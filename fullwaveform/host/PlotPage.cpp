@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <mutex>
 #include <numbers>
 #include <vector>
 
@@ -208,6 +209,9 @@ void draw(PlotBrush& brush, PlotPage const& page, double width, double height) {
 }  // namespace
 
 RenderedPage renderPdf(PlotPage const& page) {
+  // One page at a time: Cairo dates its pages by the process's time zone and shares the caches of Fontconfig.
+  static std::mutex drawing;
+  std::scoped_lock const lock(drawing);
   double const width = (page.fullPage ? 297.0 : 180.0) * pointsPerMillimetre;
   double const height = (page.fullPage ? 210.0 : 110.0) * pointsPerMillimetre;
   PlotBrush brush(width, height, drawableText(page.title));

@@ -17,13 +17,6 @@ __lsan_default_suppressions() {  // NOLINT
   return "leak:libfontconfig\n";
 }
 
-/// Asked by the thread sanitizer. Cairo dates its pages; the lock by which the C library guards the time zone
-/// meanwhile is hidden from the sanitizer.
-extern "C" __attribute__((used, visibility("default"))) inline char const*
-__tsan_default_suppressions() {  // NOLINT
-  return "race:tzset_internal\n";
-}
-
 namespace FullWaveform::Testing {
 
 /// What a command writes to its standard output; throws when the command fails.
