@@ -4,15 +4,14 @@ from __future__ import annotations
 
 import os
 from collections.abc import Iterator
-from contextlib import AbstractContextManager, contextmanager
-from pathlib import Path
-from types import TracebackType
+from contextlib import contextmanager
 
 import pyarrow as pa
 import pyarrow.csv
 
 from fullwaveform.formats.atomic import replace_when_whole
 from fullwaveform.formats.blocks import EchoTable
+from fullwaveform.formats.file_ends import EchoWriter
 
 # Column of the file -> column of EchoTable, behind the three coordinates.
 _COLUMNS = {
@@ -36,7 +35,7 @@ _SCHEMA = pa.schema(
 )
 
 
-class CsvEchoWriter:
+class CsvEchoWriter(EchoWriter):
     """Writes echoes to a CSV file, table by table; to be used in a ``with`` statement.
 
     One header line, one line per echo, numbers as the shortest text that reads back to the same
@@ -45,25 +44,8 @@ class CsvEchoWriter:
     """
 
     def __init__(self, path: str | os.PathLike[str]) -> None:
-        self.path = Path(path)
-        self.count = 0  # echoes written
+        super().__init__(path)
         self._writer: pa.csv.CSVWriter | None = None
-        self._context: AbstractContextManager[None] | None = None
-
-    def __enter__(self) -> CsvEchoWriter:
-        self._context = self._open()
-        self._context.__enter__()
-        return self
-
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
-        if self._context is not None:
-            context, self._context = self._context, None
-            context.__exit__(kind, error, trace)
 
     def write(self, echoes: EchoTable) -> None:
         """Append the echoes; ValueError outside the ``with`` statement."""

@@ -5,8 +5,6 @@ from __future__ import annotations
 import os
 from collections.abc import Iterator, Mapping
 from dataclasses import dataclass
-from pathlib import Path
-from types import TracebackType
 
 import laspy
 import numpy as np
@@ -18,6 +16,7 @@ from fullwaveform.formats.blocks import (
     ReadTally,
     WaveformBlock,
 )
+from fullwaveform.formats.file_ends import FileReader
 from fullwaveform.formats.las_points import (
     Points,
     Survey,
@@ -59,7 +58,7 @@ class _Pass:
     waveforms_per_block: int
 
 
-class LasWaveformReader:
+class LasWaveformReader(FileReader):
     """Reads the waveforms of a LAS file of point format 4, 5, 9 or 10.
 
     Parameters
@@ -90,11 +89,7 @@ class LasWaveformReader:
         waveforms_per_block: int = 20_000,
         channel_flags: Mapping[int, int] | int = 1,
     ) -> None:
-        if waveforms_per_block < 1:
-            raise ValueError(f"waveforms_per_block is {waveforms_per_block}; it must be at least 1")
-        self._path = Path(path)
-        self._waveforms_per_block = waveforms_per_block
-        self._flags = _flag_table(channel_flags)
+        super().__init__(path, waveforms_per_block, channel_flags)
         self._reader, starts = open_las(self._path)
         try:
             self._descriptors = read_descriptors(self.header, self._path)
@@ -102,29 +97,12 @@ class LasWaveformReader:
         except BaseException:
             self._reader.close()
             raise
-        self._closed = False
         self._begin()
-
-    def __enter__(self) -> LasWaveformReader:
-        return self
-
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
-        self.close()
 
     def close(self) -> None:
         """Close the file; may be called twice."""
-        self._closed = True
+        super().close()
         self._reader.close()
-
-    @property
-    def path(self) -> Path:
-        """The LAS file."""
-        return self._path
 
     @property
     def header(self) -> laspy.LasHeader:
@@ -137,19 +115,9 @@ class LasWaveformReader:
         return self._descriptors
 
     @property
-    def tally(self) -> ReadTally:
-        """What was met so far in the current pass."""
-        return self._tally
-
-    @property
     def point_count(self) -> int:
         """Points of the file."""
         return int(self.header.point_count)
-
-    @property
-    def points_done(self) -> int:
-        """Points visited so far in the current pass."""
-        return self._tally.points
 
     def blocks(self) -> Iterator[WaveformBlock]:
         """Yield the waveforms, each once however many points share it, in blocks of whole shots.
@@ -281,17 +249,3 @@ class LasWaveformReader:
         if self._tally.waveforms == 0 and rejected:
             reasons = ", ".join(f"{count} times: {reason}" for reason, count in rejected.items())
             raise WaveformFileError(f"{self._path}: no waveform packet is readable ({reasons})")
-
-
-def _flag_table(channel_flags: Mapping[int, int] | int) -> npt.NDArray[np.uint8]:
-    table = np.ones(256, dtype=np.uint8)
-    flags = (
-        dict.fromkeys(range(256), channel_flags)
-        if isinstance(channel_flags, int)
-        else channel_flags
-    )
-    for index, flag in flags.items():
-        if not 0 <= flag <= 255 or not 0 <= index <= 255:
-            raise ValueError(f"channel flag {flag} of descriptor {index}; both must be 0 to 255")
-        table[index] = flag
-    return table

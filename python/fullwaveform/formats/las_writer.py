@@ -4,9 +4,7 @@ from __future__ import annotations
 
 import os
 from collections.abc import Iterator
-from contextlib import AbstractContextManager, contextmanager
-from pathlib import Path
-from types import TracebackType
+from contextlib import contextmanager
 from typing import BinaryIO
 
 import laspy
@@ -15,6 +13,7 @@ import numpy.typing as npt
 
 from fullwaveform.formats.atomic import replace_when_whole
 from fullwaveform.formats.blocks import EchoTable, FloatArray
+from fullwaveform.formats.file_ends import EchoWriter
 from fullwaveform.formats.las_points import SCAN_ANGLE_UNIT
 
 _CRS_RECORDS = (34735, 34736, 34737, 2111, 2112)  # GeoTIFF keys, doubles, strings; WKT
@@ -30,7 +29,7 @@ _EXTRA_BYTES = {  # dimension of the file -> column of EchoTable, type, descript
 }
 
 
-class LasEchoWriter:
+class LasEchoWriter(EchoWriter):
     """Writes echoes to a LAS file, table by table; to be used in a ``with`` statement.
 
     `source` is the header of the file the echoes come from: version, scales, offsets, meaning of
@@ -44,8 +43,7 @@ class LasEchoWriter:
     """
 
     def __init__(self, path: str | os.PathLike[str], source: laspy.LasHeader | None) -> None:
-        self.path = Path(path)
-        self.count = 0  # echoes written
+        super().__init__(path)
         self.not_representable = 0  # echoes left out: no finite coordinate, or beyond 32 bits
         self.saturated_return_numbers = 0  # shots with more echoes than the return number can say
         self._source = source
@@ -53,22 +51,6 @@ class LasEchoWriter:
         self._return_limit = 7 if self._header.point_format.id < 6 else 15
         self._stream: BinaryIO | None = None
         self._writer: laspy.LasWriter | None = None
-        self._context: AbstractContextManager[None] | None = None
-
-    def __enter__(self) -> LasEchoWriter:
-        self._context = self._open()
-        self._context.__enter__()
-        return self
-
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
-        if self._context is not None:
-            context, self._context = self._context, None
-            context.__exit__(kind, error, trace)
 
     def write(self, echoes: EchoTable) -> None:
         """Append the echoes; a shot must not be spread over two calls.

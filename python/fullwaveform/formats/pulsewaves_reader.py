@@ -2,12 +2,9 @@
 
 from __future__ import annotations
 
-import copy
 import os
 from collections.abc import Iterator, Mapping
 from dataclasses import dataclass
-from pathlib import Path
-from types import TracebackType
 
 import laspy
 import numpy as np
@@ -15,6 +12,7 @@ import numpy.typing as npt
 
 from fullwaveform.errors import WaveformFileError
 from fullwaveform.formats.blocks import FloatArray, ReadTally, WaveformBlock
+from fullwaveform.formats.file_ends import FileReader
 from fullwaveform.formats.pulsewaves_descriptors import (
     OUTGOING,
     RETURNING,
@@ -50,7 +48,7 @@ class OutgoingPulses:
         return len(self.counts)
 
 
-class PulseWavesReader:
+class PulseWavesReader(FileReader):
     """Reads the waveforms of a PulseWaves file of version 0.x that is not compressed.
 
     Each segment of a returning sampling is a waveform, each pulse a shot. Pulses are visited in the
@@ -87,39 +85,13 @@ class PulseWavesReader:
         waveforms_per_block: int = 20_000,
         channel_flags: Mapping[int, int] | int = 1,
     ) -> None:
-        if waveforms_per_block < 1:
-            raise ValueError(f"waveforms_per_block is {waveforms_per_block}; it must be at least 1")
-        self._path = Path(path)
-        self._waveforms_per_block = waveforms_per_block
-        self._flags = _flag_table(channel_flags)
+        super().__init__(path, waveforms_per_block, channel_flags)
         file_header = read_header(self._path)
         records = read_records(file_header, self._path)
         self._descriptors = read_descriptors(records, self._path)
         self._header = las_header(file_header, records)
         self._pulses = PulseData(file_header, self._path)
         self._waves = WaveData(find_waves(self._path))
-        self._closed = False
-        self._tally = ReadTally()
-
-    def __enter__(self) -> PulseWavesReader:
-        return self
-
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
-        self.close()
-
-    def close(self) -> None:
-        """Close the file; may be called twice. Nothing can be read any more."""
-        self._closed = True
-
-    @property
-    def path(self) -> Path:
-        """The file of pulses."""
-        return self._path
 
     @property
     def header(self) -> laspy.LasHeader:
@@ -132,19 +104,9 @@ class PulseWavesReader:
         return self._descriptors
 
     @property
-    def tally(self) -> ReadTally:
-        """What was met so far in the current pass of `blocks`; its points are pulses."""
-        return self._tally
-
-    @property
     def point_count(self) -> int:
         """Pulses of the file."""
         return len(self._pulses)
-
-    @property
-    def points_done(self) -> int:
-        """Pulses visited so far in the current pass of `blocks`."""
-        return self._tally.points
 
     def blocks(self) -> Iterator[WaveformBlock]:
         """Yield the returning waveforms in blocks of whole shots.
@@ -248,19 +210,3 @@ def _note_on_kinds(samplings: tuple[SamplingDescriptor, ...]) -> list[str]:
         return []
     kinds = ", ".join(map(str, others))
     return [f"Samplings of type {kinds}, neither outgoing nor returning, were passed over."]
-
-
-def _flag_table(channel_flags: Mapping[int, int] | int) -> npt.NDArray[np.uint8]:
-    table = np.ones(256, dtype=np.uint8)
-    if isinstance(channel_flags, int):
-        named = dict.fromkeys(range(256), channel_flags)
-    else:
-        named = dict(channel_flags)
-        if hasattr(channel_flags, "__missing__"):  # a default for channels that are not named
-            defaults = copy.copy(channel_flags)
-            named |= {channel: defaults[channel] for channel in range(256)}
-    for channel, flag in named.items():
-        if not 0 <= flag <= 255 or not 0 <= channel <= 255:
-            raise ValueError(f"flag {flag} of channel {channel}; both must be 0 to 255")
-        table[channel] = flag
-    return table
