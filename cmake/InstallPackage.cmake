@@ -18,5 +18,16 @@ write_basic_package_version_file(fullwaveformConfigVersion.cmake COMPATIBILITY S
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/fullwaveformConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/fullwaveformConfigVersion.cmake DESTINATION ${packageDirectory})
 
+# A relocatable file where the directories lie below the prefix, as they usually do.
+set(pcPrefix "\${pcfiledir}/../${libToPrefix}")
+foreach(directory IN ITEMS LIBDIR INCLUDEDIR)
+  cmake_path(IS_ABSOLUTE CMAKE_INSTALL_${directory} isAbsolute)
+  if(isAbsolute)
+    set(pc${directory} "${CMAKE_INSTALL_${directory}}")
+    set(pcPrefix "${CMAKE_INSTALL_PREFIX}")
+  else()
+    set(pc${directory} "\${prefix}/${CMAKE_INSTALL_${directory}}")
+  endif()
+endforeach()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/fullwaveform.pc.in fullwaveform.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/fullwaveform.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

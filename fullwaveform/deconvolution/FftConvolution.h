@@ -21,7 +21,7 @@ FULLWAVEFORM_EXPORT std::ptrdiff_t centreOf(std::size_t kernelLength);
 /// @param x          input; what lies behind the transform's length is left out
 /// @param out        result; 0 where the transform holds no value
 ///
-/// An empty workspace or a null kernel gives zeros.
+/// An empty workspace or a null kernel gives zeros. x and out may be the same.
 FULLWAVEFORM_EXPORT void convolve(ConvolutionWorkspace& workspace,
                                   ConvolutionWorkspace::Complex const* kernel, std::ptrdiff_t offset,
                                   std::span<double const> x, std::span<double> out);

@@ -1,5 +1,10 @@
 #include <fullwaveform/deconvolution/RichardsonLucy.h>
 
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+#include <string>
+
 #include <fullwaveform/deconvolution/FftConvolution.h>
 #include <fullwaveform/deconvolution/FftPlanner.h>
 #include <fullwaveform/model/MarkBadPeaks.h>
@@ -20,6 +25,20 @@ Holdex::StrongPtr<Holdex::Chunk<double>> systemWaveOf(ScannerDevice const& devic
   return createNormalizedSysWave(device.expsum_a, device.expsum_b, step, length, {});
 }
 
+/// Values of `count` samples with `steps` of them to each next sample; for no sample the step before the
+/// first.
+std::uint32_t upsampledLength(std::uint32_t count, std::uint32_t steps) {
+  if (count == 0) {
+    return 1U - steps;  // wraps, and comes back in the sum of lengths
+  }
+  std::uint64_t const length = std::uint64_t{count - 1U} * steps + 1U;
+  // Half of what FFTW can plan, so that a signal and a system wave fit together.
+  if (length > static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max() / 2)) {
+    throw std::length_error("RichardsonLucy: no transform for " + std::to_string(count) + " samples");
+  }
+  return static_cast<std::uint32_t>(length);
+}
+
 /// The samples of a waveform's range, both ends included; empty when there is no such range in the record.
 template <class T>
 std::span<T const> rangeOf(T const* samples, WavePoints<T> const& wave) {
@@ -35,8 +54,8 @@ std::span<T const> rangeOf(T const* samples, WavePoints<T> const& wave) {
 template <class T, class SimplePeakType>
 RichardsonLucy<T, SimplePeakType>::RichardsonLucy(ScannerDevice const& device, unsigned int const& count)
     : device(device),
-      upsampled_length((count - 1) * device.up_sampling + 1),
-      sys_length((device.size_sys - 1) * device.up_sampling + 1),
+      upsampled_length(upsampledLength(count, device.up_sampling)),
+      sys_length(upsampledLength(device.size_sys, device.up_sampling)),
       peak_finder{} {
   peak_finder.minimumDifference = leastDifference;
   auto const systemWave = systemWaveOf(device, sys_length);

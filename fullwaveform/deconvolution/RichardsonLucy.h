@@ -32,12 +32,12 @@ class FULLWAVEFORM_EXPORT RichardsonLucy {
   ///
   /// @param device  copied; without exponential sums or sampling interval there is no system wave, which is
   ///                said on the console and leaves the object unusable
-  /// @param count   longest waveform, samples
+  /// @param count   longest waveform, samples; 0 gives a transform shorter than the system wave
   /// @throws std::bad_alloc, std::length_error when the transforms do not fit
   RichardsonLucy(ScannerDevice const& device, unsigned int const& count);
 
-  /// True when `error` is empty.
-  explicit operator bool() const { return error.empty(); }
+  /// True when `error` is empty and the transforms are there; they are gone from a released object.
+  explicit operator bool() const { return error.empty() && static_cast<bool>(workspace); }
 
   /// Convolves by FFT, centred: out[i] belongs to x[i].
   ///

@@ -34,25 +34,26 @@ T const* rowOf(Kestra::MemArray<2, T> const& waveforms, std::size_t row) {
 /// Above this many counts the hybrid decomposes, whatever the scanner.
 constexpr unsigned short strongSignal = 1800;
 
-/// Rows of a block that do not fit together.
+/// What of a block does not fit together.
 struct Misfits {
-  std::size_t unplaced = 0;
-  std::size_t cutCounts = 0;
+  std::size_t unplaced = 0;      ///< rows
+  std::size_t cutCounts = 0;     ///< rows
+  std::size_t valuesBeyond = 0;  ///< of the longest array, behind the last row
 };
 
 void speak(Misfits const& misfits, std::size_t columns) {
-  if (misfits.unplaced == 0 && misfits.cutCounts == 0) {
-    return;
-  }
-  Holdex::Console console;
-  console << "PeakDetectionFamily::apply:";
-  if (misfits.unplaced != 0) {
-    console << " " << std::to_string(misfits.unplaced)
-            << " waveforms left out (no shot time, or no value in one of the arrays)";
-  }
-  if (misfits.cutCounts != 0) {
-    console << (misfits.unplaced != 0 ? "," : "") << " " << std::to_string(misfits.cutCounts)
-            << " sample counts cut to the row length " << std::to_string(columns);
+  std::string text;
+  auto const add = [&text](std::size_t count, std::string const& what) {
+    if (count != 0) {
+      text += (text.empty() ? " " : ", ") + std::to_string(count) + " " + what;
+    }
+  };
+  add(misfits.unplaced, "waveforms left out (no samples, no shot time, or no value in one of the arrays)");
+  add(misfits.cutCounts, "sample counts cut to the row length " + std::to_string(columns));
+  add(misfits.valuesBeyond, "values without a waveform");
+  if (!text.empty()) {
+    Holdex::Console console;
+    console << "PeakDetectionFamily::apply:" << text;
   }
 }
 
@@ -146,8 +147,9 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
   }
   std::size_t const rows = waveforms ? waveforms->rows() : 0;
   std::size_t const columns = waveforms ? waveforms->columns() : 0;
-  std::size_t const placeable =
-      std::min({rows, counts.size(), shotTimes.size(), sblTimes.size(), channelFlags.size()});
+  auto const [shortest, longest] =
+      std::minmax({counts.size(), shotTimes.size(), sblTimes.size(), channelFlags.size()});
+  std::size_t const placeable = std::min(rows, shortest);
   trace.statistics.outputDirectory = outputDirectory;
   trace.statistics.inputFile = inputFile;
   trace.statistics.numberOfWaves = static_cast<std::int64_t>(rows);
@@ -155,13 +157,15 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
 
   ShotMap shots;
   Misfits misfits;
+  misfits.valuesBeyond = longest > rows ? longest - rows : 0;
   for (std::size_t i = 0; i < placeable; ++i) {
     T const* const samples = rowOf(*waveforms, i);
-    if (samples == nullptr || std::isnan(shotTimes[i])) {
+    int const count = static_cast<int>(std::min<std::size_t>(counts[i], columns));
+    // A waveform of no samples is one all the same, wherever its row stands.
+    if (std::isnan(shotTimes[i]) || (samples == nullptr && count > 0)) {
       continue;
     }
     misfits.cutCounts += counts[i] > columns ? 1U : 0U;
-    int const count = static_cast<int>(std::min<std::size_t>(counts[i], columns));
     Row const row{static_cast<std::uint32_t>(i), samples, count, shotTimes[i], sblTimes[i], channelFlags[i]};
     trace.rowStates[i] = processRow(row, noise, shots);
   }

@@ -26,7 +26,7 @@ enum class RowState : std::uint8_t {
   Kept = 0,          ///< its waveform is in the shot map
   SignalTooLow = 1,  ///< its strongest sample is not above the noise
   Duplicate = 2,     ///< its shot held a waveform of the same signature already
-  NotPlaced = 3      ///< no shot time, or no value in one of the arrays: it was not looked at
+  NotPlaced = 3      ///< no samples, no shot time, or no value in one of the arrays: not looked at
 };
 
 /// What the driver remembers of its last block, beside the shot map.
@@ -61,7 +61,8 @@ class FULLWAVEFORM_EXPORT PeakDetectionFamily {
   /// @param scanner          copied
   /// @param outputDirectory  where the run statistics of suspicious blocks are appended
   /// @param inputFile        names the file of the run statistics
-  /// @param rlParameter      longest waveform for the deconvolution, samples
+  /// @param rlParameter      longest waveform for the deconvolution, samples. With exponential sums in the
+  ///                         scanner its transforms are planned here, in every mode; see `RL_Planes`.
   ///
   /// All methods are built in every mode. `message` says in modes 2 and 3 why the deconvolution cannot run;
   /// a block that is given all the same gets waveforms without echoes where it would have been needed.
@@ -81,7 +82,7 @@ class FULLWAVEFORM_EXPORT PeakDetectionFamily {
   /// @return the shots with their waveforms and final echoes: times in s, amplitudes in dB
   ///
   /// Rows that cannot be placed (an array too short, a shot time that is not a number) are left out; one
-  /// console message per block says how many, and how many counts were cut.
+  /// console message per block says how many, how many counts were cut, and how many values have no row.
   ShotMap apply(Waveforms const& waveforms, Kestra::MultiArray<1, unsigned short> const& counts,
                 Kestra::MultiArray<1, double> const& shotTimes, Kestra::MultiArray<1, double> const& sblTimes,
                 Kestra::MultiArray<1, unsigned char> const& channelFlags, int const& noise,

@@ -1,24 +1,49 @@
 #include <fullwaveform/host/Console.h>
 
 #include <iostream>
+#include <memory>
 #include <mutex>
 #include <utility>
 
 namespace Holdex {
 namespace {
 
-std::mutex sinkMutex;
+using SharedSink = std::shared_ptr<Console::Sink const>;
 
-Console::Sink& currentSink() {
+// One message at a time; kept apart from the choice of the sink, which a sink may change.
+std::mutex passing;
+std::mutex choosing;
+thread_local bool insideSink = false;
+
+SharedSink& chosenSink() {
   // Never destroyed: consoles may still speak while static objects of other libraries die.
-  static auto* sink = new Console::Sink;
+  static auto* sink = new SharedSink(std::make_shared<Console::Sink const>());
   return *sink;
 }
 
+SharedSink currentSink() {
+  std::scoped_lock const lock(choosing);
+  return chosenSink();
+}
+
+/// Marks this thread as running a sink.
+struct InsideSink {
+  InsideSink() { insideSink = true; }
+  InsideSink(InsideSink const&) = delete;
+  InsideSink& operator=(InsideSink const&) = delete;
+  ~InsideSink() { insideSink = false; }
+};
+
 void pass(std::string const& message) {
-  std::scoped_lock const lock(sinkMutex);
-  if (currentSink()) {
-    currentSink()(message);
+  if (insideSink) {
+    std::cerr << message << '\n';
+    return;
+  }
+  std::scoped_lock const lock(passing);
+  InsideSink const mark;
+  SharedSink const sink = currentSink();
+  if (*sink) {
+    (*sink)(message);
   } else {
     std::cerr << message << '\n';
   }
@@ -42,8 +67,11 @@ Console& Console::operator<<(std::string_view text) {
 }
 
 Console::Sink Console::setSink(Sink sink) {
-  std::scoped_lock const lock(sinkMutex);
-  return std::exchange(currentSink(), std::move(sink));
+  std::unique_lock<std::mutex> const quiet =
+      insideSink ? std::unique_lock<std::mutex>() : std::unique_lock<std::mutex>(passing);
+  auto fresh = std::make_shared<Sink const>(std::move(sink));
+  std::scoped_lock const lock(choosing);
+  return *std::exchange(chosenSink(), std::move(fresh));
 }
 
 }  // namespace Holdex

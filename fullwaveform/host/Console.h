@@ -12,7 +12,8 @@ namespace Holdex {
 ///
 /// Where messages go is decided by the process-wide sink; without one they are written to standard error, a
 /// line each. The sink may be called from any thread; one message at a time is passed to it. What it throws
-/// is swallowed: a message must never change the result of the computation that wrote it.
+/// is swallowed: a message must never change the result of the computation that wrote it. Messages that a
+/// sink itself writes go to standard error.
 class FULLWAVEFORM_EXPORT Console {
  public:
   using Sink = std::function<void(std::string const& message)>;
@@ -25,6 +26,7 @@ class FULLWAVEFORM_EXPORT Console {
   Console& operator<<(std::string_view text);
 
   /// Replaces the process-wide sink and returns the one before; an empty function restores standard error.
+  /// The former sink is no longer running when this returns, unless it is itself the caller.
   static Sink setSink(Sink sink);
 
  private:

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <functional>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -24,8 +25,12 @@ class MemArray<2, T> : public Holdex::ReferenceBase<MemArray<2, T>> {
   using Shape = std::array<std::size_t, 2>;
   using RowAccessor = std::function<T const*(std::size_t row)>;
 
-  /// Owns rows x columns elements; `values` must hold exactly that many, missing ones are zero.
+  /// Owns rows x columns elements: `values`, filled up with zeros or cut where they are not as many.
+  /// @throws std::length_error when the product does not fit
   MemArray(Shape rowsAndColumns, std::vector<T> values) : shape(rowsAndColumns), owned(std::move(values)) {
+    if (shape[1] != 0 && shape[0] > owned.max_size() / shape[1]) {
+      throw std::length_error("MemArray: rows times columns do not fit");
+    }
     owned.resize(shape[0] * shape[1]);
     first = owned.data();
   }

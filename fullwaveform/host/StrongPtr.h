@@ -36,6 +36,9 @@ class StrongPtr {
   StrongPtr& operator=(StrongPtr other) noexcept {
     std::swap(object, other.object);
     std::swap(counted, other.counted);
+    if (object == nullptr) {
+      id = PointerID::next();
+    }
     return *this;
   }
 
@@ -148,6 +151,15 @@ class DynamicPtr {
   DynamicPtr() noexcept = default;
   explicit DynamicPtr(StrongPtr<Base> shared)
       : reference(std::move(shared)), typed(dynamic_cast<T*>(reference.get())) {}
+  DynamicPtr(DynamicPtr const&) noexcept = default;
+  DynamicPtr(DynamicPtr&& other) noexcept
+      : reference(std::move(other.reference)), typed(std::exchange(other.typed, nullptr)) {}
+  DynamicPtr& operator=(DynamicPtr other) noexcept {
+    std::swap(reference, other.reference);
+    std::swap(typed, other.typed);
+    return *this;
+  }
+  ~DynamicPtr() = default;
 
   /// The shared reference, whatever its type.
   [[nodiscard]] StrongPtr<Base> const& shared() const noexcept { return reference; }

@@ -12,6 +12,8 @@
 namespace FullWaveform {
 
 /// Turns the echoes that the scanner extracted on board into waveform objects, one per shot.
+///
+/// Remembers the gaps of its last call: one object serves one thread at a time.
 template <class T>
 class FULLWAVEFORM_EXPORT OnlineEvaluation {
  public:

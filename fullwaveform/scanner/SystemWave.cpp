@@ -30,7 +30,7 @@ void say(std::string_view text) {
 
 /// What stands against a synthesis; empty when nothing does.
 std::string obstacle(ComplexTable const& a, ComplexTable const& b, double dt, unsigned int length) {
-  if (!(dt > 0.0)) {
+  if (!(dt > 0.0)) {  // a step that is not a number is none either
     return "dt <= 0";
   }
   if (!a || !b) {

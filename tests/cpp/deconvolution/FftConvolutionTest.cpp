@@ -135,6 +135,16 @@ TEST(Convolve, NothingIsLeftOfTheCallBefore) {
   expectNear(rest, Values(5, 0.0));
 }
 
+TEST(Convolve, TheResultMayTakeThePlaceOfTheInput) {
+  ConvolutionWorkspace workspace(skewed, 32);
+  Values values = irregular(25);
+  Values const expected = directSum(values, skewed, centreOf(skewed.size()));
+  convolve(workspace, workspace.psfSpectrum(), centreOf(skewed.size()), values, values);
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_NEAR(values[i], expected[i], 1e-12) << i;
+  }
+}
+
 TEST(Convolve, WithoutWorkspaceOrKernelGivesZeros) {
   ConvolutionWorkspace empty;
   Values out(3, 9.0);

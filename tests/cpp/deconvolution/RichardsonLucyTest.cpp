@@ -145,6 +145,12 @@ TEST(RichardsonLucy, CountZeroHasATransformShorterThanTheSystemWave) {
   EXPECT_EQ(out[79], 0.0);
 }
 
+TEST(RichardsonLucy, ACountThatNoTransformFitsIsALengthError) {
+  // Five times this many values wrap to 0 in 32 bits.
+  EXPECT_THROW((RichardsonLucy<unsigned short, ZeroCrossing>(skewedScanner(), 858993460U)),
+               std::length_error);
+}
+
 TEST(RichardsonLucy, ConvolutionIsCentredAndStaysInsideItsTransform) {
   Deconvolver deconvolver(skewedScanner(1), 25);
   // System wave of 12 samples, its middle at 5: value i of the result is value 5 + i - k of the wave.

@@ -48,6 +48,32 @@ TEST_F(DriverMisfits, BlockThatFitsSaysNothing) {
   EXPECT_EQ(messages(), 0U);
 }
 
+TEST_F(DriverMisfits, RowsWithoutSamplesAreSignalsThatAreTooLow) {
+  Block block;
+  block.counts = {0, 0, 0};
+  block.shotTimes = {1.0, 2.0, 3.0};
+  block.sblTimes = {0.0, 0.0, 0.0};
+  block.channelFlags = {0, 1, 0};
+  unsigned short const foreign[] = {7};
+  for (auto const& waveforms :
+       {Driver::Waveforms(new Array({3, 0}, Samples())), Driver::Waveforms(new Array({3, 0}, foreign))}) {
+    block.waveforms = waveforms;
+    EXPECT_EQ(shotTimesOf(block), Times{});
+    EXPECT_EQ(driver.lastBlock().statistics.signalTooLow, 3U);
+    EXPECT_EQ(driver.lastBlock().statistics.splitCounts[0], 3U);
+    EXPECT_EQ(messages(), 0U);
+  }
+}
+
+TEST_F(DriverMisfits, ValuesBehindTheLastRowAreSaidOnce) {
+  Block block = threeShots();
+  block.shotTimes.resize(7, 4.0);
+  block.counts.resize(5, 20);
+  EXPECT_EQ(shotTimesOf(block), (Times{1.0, 2.0, 3.0}));
+  ASSERT_EQ(messages(), 1U);
+  EXPECT_NE(capture.messages().front().find(" 4 values without a waveform"), std::string::npos);
+}
+
 TEST_F(DriverMisfits, CountAboveTheRowsWidthIsCutToIt) {
   Block block = threeShots();
   block.counts[1] = 21;

@@ -48,6 +48,26 @@ TEST(Console, WithoutSinkAMessageIsALineOnStandardError) {
   Console::setSink(std::move(former));
 }
 
+TEST(Console, WhatASinkWritesGoesToStandardError) {
+  Console::Sink former = Console::setSink([](std::string const& message) { Console() << "of " << message; });
+  testing::internal::CaptureStderr();
+  Console() << "one";
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "of one\n");
+  Console::setSink(std::move(former));
+}
+
+TEST(Console, ASinkMayReplaceItself) {
+  Messages heard;
+  Console::Sink former = Console::setSink([&heard](std::string const& message) {
+    heard.push_back("first " + message);
+    Console::setSink([&heard](std::string const& next) { heard.push_back("second " + next); });
+  });
+  Console() << "x";
+  Console() << "y";
+  EXPECT_EQ(heard, (Messages{"first x", "second y"}));
+  Console::setSink(std::move(former));
+}
+
 TEST(Console, SetSinkReturnsTheOneBefore) {
   std::string heard;
   Console::Sink outer = Console::setSink([&](std::string const& message) { heard = "one " + message; });

@@ -172,6 +172,14 @@ TEST(WeakPtr, CopiesAndAssignmentsLookAtTheSameObject) {
   EXPECT_FALSE(weak.isValid() || copy.isValid() || assigned.isValid());
 }
 
+TEST(StrongPtr, EmptiedByAssignmentItHasANewIdentifier) {
+  StrongPtr<ChunkBase> pointer = makeStrong<Chunk<double>>(std::size_t{1});
+  std::uint64_t const before = pointer.identifier();
+  pointer = nullptr;
+  EXPECT_FALSE(pointer);
+  EXPECT_GT(pointer.identifier(), before);
+}
+
 TEST(DynamicPtr, RightTypeGivesAccess) {
   StrongPtr<ChunkBase> const chunk = makeStrong<Chunk<double>>(std::vector<double>{2.5});
   DynamicPtr<Chunk<double>, ChunkBase> const typed(chunk);
@@ -193,6 +201,22 @@ TEST(DynamicPtr, WrongTypeKeepsTheReferenceWithoutAccess) {
 TEST(DynamicPtr, EmptyReferenceIsEmpty) {
   EXPECT_FALSE((DynamicPtr<Chunk<float>, ChunkBase>()));
   EXPECT_FALSE((DynamicPtr<Chunk<float>, ChunkBase>(StrongPtr<ChunkBase>())));
+}
+
+TEST(DynamicPtr, MovedFromItIsEmpty) {
+  DynamicPtr<Chunk<float>, ChunkBase> first(makeStrong<Chunk<float>>(std::vector<float>{1.5F}));
+  DynamicPtr<Chunk<float>, ChunkBase> const second = std::move(first);
+  EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): meant
+  EXPECT_FALSE(first.shared());
+  EXPECT_EQ((*second)[0], 1.5F);
+}
+
+TEST(DynamicPtr, AssignedAndCopiedItSharesTheChunk) {
+  DynamicPtr<Chunk<float>, ChunkBase> const first(makeStrong<Chunk<float>>(std::vector<float>{1.5F}));
+  DynamicPtr<Chunk<float>, ChunkBase> second;
+  second = first;
+  EXPECT_EQ(second.get(), first.get());
+  EXPECT_EQ(first.shared()->record().strongCount(), 2U);
 }
 
 TEST(DynamicPtr, KeepsTheChunkAlive) {
