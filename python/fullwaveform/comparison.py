@@ -7,6 +7,7 @@ from pathlib import Path
 
 import laspy
 import numpy as np
+import numpy.typing as npt
 
 from fullwaveform.columns import Columns
 from fullwaveform.errors import WaveformFileError
@@ -42,6 +43,7 @@ class Comparison:
     """Extracted against on-board echoes of the same pulses."""
 
     on_board: Columns  # as `evaluate_online` gives them; times from each pulse's first echo
+    seen_twice: int  # returns left out because another channel of the shot had them too
     extracted_ranges: FloatArray  # m along the pulse, in the order of the file
     matching: Matching  # found: extracted, ref: on board; differences in m of range
 
@@ -66,11 +68,13 @@ def compare_with_returns(scan: Path, echoes: Path, tolerance: float) -> Comparis
     frames = _frames(returns, scan)
     scanner = Scanner.default(_ANY_INTERVAL)
     time = np.asarray(returns.gps_time, dtype=np.float64)
+    distance = frames.ranges(time, _coordinates(returns))
+    once = _once(time, distance, np.asarray(returns.wavepacket_index), tolerance)
     on_board = evaluate_online(
         scanner,
-        time,
-        frames.ranges(time, _coordinates(returns)),
-        np.asarray(returns.intensity, dtype=np.float32),
+        time[once],
+        distance[once],
+        np.asarray(returns.intensity, dtype=np.float32)[once],
     )
     found_time = np.asarray(found.gps_time, dtype=np.float64)
     ranges = frames.ranges(found_time, _coordinates(found))
@@ -80,7 +84,7 @@ def compare_with_returns(scan: Path, echoes: Path, tolerance: float) -> Comparis
     matching = match_echoes(
         found_time, ranges, on_board["shotTime"], on_board["time"] * metres_per_second, tolerance
     )
-    return Comparison(on_board, ranges, matching)
+    return Comparison(on_board, int(np.count_nonzero(~once)), ranges, matching)
 
 
 def _read(path: Path) -> laspy.ScaleAwarePointRecord:
@@ -102,6 +106,18 @@ def _read_echoes(path: Path) -> laspy.LasData:
         raise
     except Exception as error:  # laspy lets through whatever its parsing steps raise
         raise WaveformFileError(f"{path} is not a readable LAS file: {error}") from error
+
+
+def _once(
+    time: FloatArray, distance: FloatArray, channel: npt.NDArray[np.uint8], tolerance: float
+) -> npt.NDArray[np.bool_]:
+    """Which returns to keep so that an echo that several channels saw counts once."""
+    kept = np.ones(len(time), dtype=bool)
+    for later in np.unique(channel)[1:]:
+        before, now = np.flatnonzero(kept & (channel < later)), np.flatnonzero(channel == later)
+        again = match_echoes(time[now], distance[now], time[before], distance[before], tolerance)
+        kept[now[again.found_index]] = False
+    return kept
 
 
 def _coordinates(points: laspy.ScaleAwarePointRecord | laspy.LasData) -> FloatArray:

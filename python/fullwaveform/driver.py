@@ -40,7 +40,7 @@ DECONVOLVING_MODES = (Mode.DECONVOLUTION, Mode.HYBRID)
 
 # Transforms are planned for every 25 samples up to the longest waveform: at 8192 samples this is
 # about 1 GB, and no scanner records a pulse's return for longer.
-_LONGEST_DECONVOLUTION = 8192
+LONGEST_DECONVOLUTION = 8192
 
 
 class RowState(IntEnum):
@@ -182,7 +182,8 @@ class Driver:
         if self.mode not in DECONVOLVING_MODES or not counts.size:
             return
         row = int(np.argmax(counts))
-        if counts[row] > self._longest:
+        # At the limit nothing longer can be planned: the library leaves those without echoes.
+        if counts[row] > self._longest and self._longest < LONGEST_DECONVOLUTION:
             raise ValueError(
                 f"counts: {counts[row]} of waveform {row} is above longest_waveform "
                 f"{self._longest}, for which this driver's deconvolution was planned"
@@ -205,6 +206,26 @@ def check_system_wave(mode: Mode, scanner: Scanner) -> None:
             "a_real, a_imag, b_real and b_imag: give a scanner description that has them (the "
             "command fullwaveform system-wave estimates one), or use mode 0 or 1"
         )
+    interval = scanner.sampling_interval
+    if mode in DECONVOLVING_MODES and interval is not None:
+        largest = _largest_of_system_wave(scanner, interval)
+        if not (np.isfinite(largest) and largest > 0.0):
+            raise ValueError(
+                f"the system wave of a_real, a_imag, b_real and b_imag is no pulse: over its 12 "
+                f"samples of {interval * 1e9:g} ns its largest value is {largest}"
+            )
+
+
+def _largest_of_system_wave(scanner: Scanner, interval: float) -> float:
+    """Largest value of the exponential sum where the deconvolution evaluates it."""
+    a, b = (
+        np.asarray(scanner.attributes[f"{table}_real"], dtype=np.float64)
+        + 1j * np.asarray(scanner.attributes[f"{table}_imag"], dtype=np.float64)
+        for table in "ab"
+    )
+    time = np.arange(56) * (interval / 5)
+    with np.errstate(all="ignore"):
+        return float(np.max((np.exp(np.outer(time, b)) @ a).real))
 
 
 def _result(raw: dict[str, Any]) -> Result:
@@ -241,7 +262,7 @@ def _checked_samples(samples: npt.NDArray[np.uint16]) -> npt.NDArray[np.uint16]:
 def _checked_longest(longest: int, deconvolves: bool) -> int:
     if isinstance(longest, bool) or not isinstance(longest, int | np.integer):
         raise ValueError(f"longest_waveform must be an integer in samples, not {longest!r}")
-    limit = _LONGEST_DECONVOLUTION if deconvolves else _LARGEST_COUNT
+    limit = LONGEST_DECONVOLUTION if deconvolves else _LARGEST_COUNT
     if not 0 <= longest <= limit:
         raise ValueError(f"longest_waveform {longest} is not between 0 and {limit}")
     return int(longest)

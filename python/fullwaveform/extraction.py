@@ -10,7 +10,7 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.driver import DECONVOLVING_MODES, Driver, Mode, Result
+from fullwaveform.driver import DECONVOLVING_MODES, LONGEST_DECONVOLUTION, Driver, Mode, Result
 from fullwaveform.formats.blocks import (
     EchoTable,
     FloatArray,
@@ -120,7 +120,7 @@ class Extractor:
                 self.settings.scanner.at_interval(interval),
                 report_directory=self.settings.report_directory,
                 input_file=self.settings.input_file,
-                longest_waveform=longest,
+                longest_waveform=min(longest, LONGEST_DECONVOLUTION),
             )
             self._drivers[interval] = (longest, driver)
         return driver
@@ -137,12 +137,17 @@ class Extractor:
 
     def _count(self, result: Result) -> None:
         statistics = result.statistics
-        merged = statistics["mergedAway"]
-        without = int(np.count_nonzero(result.waveforms["peakCount"] == 0)) - merged
+        merged, too_long = statistics["mergedAway"], statistics["withoutPlane"]
+        empty = int(np.count_nonzero(result.waveforms["peakCount"] == 0))
+        without = empty - merged - too_long
         for reason, count in (
             ("signal not above the noise", statistics["signalTooLow"]),
             ("repeats a waveform of its shot", statistics["duplicates"]),
             ("no echo found, or none that can be real", without),
+            (
+                f"longer than the {LONGEST_DECONVOLUTION:,} samples that can be deconvolved",
+                too_long,
+            ),
             ("echoes stand in the other channel of the shot", merged),
         ):
             if count:

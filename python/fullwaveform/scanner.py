@@ -36,6 +36,7 @@ _WAVEFORM_ATTRIBUTES = {
     "b_imag": "double list",
 }
 _PARTS = ("real", "imag")
+_ABOVE_ZERO = ("Scanner Group Velocity", "ampl_unit", "WaveformSampleInterval")
 _SBL_ATTRIBUTES = {"t_ref": "double"}
 _ALL_ATTRIBUTES = _SCANNER_ATTRIBUTES | _WAVEFORM_ATTRIBUTES | _SBL_ATTRIBUTES
 _DECONVOLUTION_KEYS = {"position_offset", "position_spread", "echoes"}
@@ -243,6 +244,15 @@ def _checked(attributes: Mapping[str, Any], origin: str) -> dict[str, AttributeV
             isinstance(real, list) and isinstance(imag, list) and len(real) != len(imag)
         ):
             problems.append(f"{table}_real and {table}_imag must both be there and of equal length")
+    a, b = result.get("a_real"), result.get("b_real")
+    # Tables without elements are none, as in the library.
+    if isinstance(a, list) and isinstance(b, list) and a and b and len(a) != len(b):
+        problems.append(f"a_real has {len(a)} values and b_real {len(b)}, must be equally many")
+    problems += [
+        f"{name} is {result[name]}, must be above 0"
+        for name in _ABOVE_ZERO
+        if isinstance(value := result.get(name), float) and not value > 0.0
+    ]
     if problems:
         raise ValueError(f"{origin}: {'; '.join(problems)}")
     return result

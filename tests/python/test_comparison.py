@@ -57,6 +57,24 @@ def test_pairs_lie_as_far_apart_as_they_were_put(scan: Path, tmp_path: Path) -> 
     assert comparison.matching.unmatched_ref.tolist() == [2]
 
 
+def test_a_return_of_both_channels_counts_once(tmp_path: Path) -> None:
+    scan = write_points(
+        tmp_path / "scan.las",
+        9,
+        [1.0, 1.0, 1.0, 2.0],
+        [30.0, 20.0, 29.9, 10.0],
+        wavepacket_index=[1, 1, 2, 2],
+        z_t=np.full(4, UP, np.float32),
+    )
+    echoes = write_points(tmp_path / "echoes.las", 6, [1.0, 1.0, 2.0], [30.0, 20.0, 10.0])
+    comparison = compare_with_returns(scan, echoes, tolerance=1.0)
+    assert comparison.seen_twice == 1
+    assert comparison.on_board.rows == 3
+    assert len(comparison.matching) == 3
+    done = CliRunner().invoke(app, ["compare", str(scan), str(echoes)])
+    assert "│ seen twice  │" in done.output
+
+
 def test_tolerance_decides_what_is_the_same(scan: Path, tmp_path: Path) -> None:
     echoes = write_points(tmp_path / "echoes.las", 6, [1.0, 1.0], [29.8, 20.1])
     assert len(compare_with_returns(scan, echoes, tolerance=0.15).matching) == 1

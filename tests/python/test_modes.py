@@ -138,6 +138,32 @@ def test_a_waveform_longer_than_planned_is_refused() -> None:
     assert driver.apply(np.zeros((1, 60), np.uint16), counts=[50]).peaks.rows == 0
 
 
+@pytest.mark.parametrize(
+    "wave",
+    [
+        {"a_real": [0.0], "a_imag": [0.0], "b_real": [-1e8], "b_imag": [0.0]},
+        {"a_real": [-1.0], "a_imag": [0.0], "b_real": [-1e8], "b_imag": [0.0]},
+        {"a_real": [1.0], "a_imag": [0.0], "b_real": [5e20], "b_imag": [0.0]},
+    ],
+)
+def test_a_system_wave_that_is_no_pulse_is_refused(wave: dict[str, list[float]]) -> None:
+    attributes = {**DEFAULT_ATTRIBUTES, **wave, "WaveformSampleInterval": INTERVAL}
+    with pytest.raises(ValueError, match="is no pulse: over its 12 samples of 1 ns"):
+        Driver(2, Scanner.from_attributes(attributes))
+
+
+def test_beyond_the_limit_waveforms_stay_without_echoes() -> None:
+    """A signal of 8300 samples cannot be deconvolved; it is counted, and the rest goes on."""
+    driver = Driver(2, scanner(), longest_waveform=8192)
+    samples = np.full((2, 8400), BASELINE, np.uint16)
+    samples[0, 50:8350] = 500
+    samples[1, :WIDTH] = scene(np.array([[30.0]]), np.array([[900.0]]))[0]
+    result = driver.apply(samples, noise=BASELINE + 1)
+    assert result.waveforms["peakCount"].tolist()[0] == 0
+    assert result.waveforms["peakCount"].tolist()[1] > 0
+    assert result.statistics["withoutPlane"] == 1
+
+
 def test_a_ladder_without_end_is_refused() -> None:
     with pytest.raises(ValueError, match="longest_waveform 8193 is not between 0 and 8192"):
         Driver(2, scanner(), longest_waveform=8193)

@@ -26,7 +26,7 @@ COMPLETE: dict[str, Any] = {
     "t_ref": 1e-7,
 }
 REQUIRED = sorted(COMPLETE.keys() - {"Scanner Build Number", "WaveformSampleInterval", "t_ref"})
-WAVE = {"a_real": [1.0, 2.0], "a_imag": [0.5, 0.25], "b_real": [3.0], "b_imag": [4.0]}
+WAVE = {"a_real": [1.0, 2.0], "a_imag": [0.5, 0.25], "b_real": [3.0, 4.0], "b_imag": [4.0, 5.0]}
 
 TOML = """
 "Scanner Group Velocity" = 250000000
@@ -322,3 +322,16 @@ def test_report_is_every_parameter_with_its_unit() -> None:
         "refl_delta: 0.25\n"
         "refl_tableC: -12.5...\n"
     )
+
+
+def test_exponential_tables_must_be_equally_long() -> None:
+    wave = {"a_real": [1.0], "a_imag": [0.0], "b_real": [-1e9, -2e9], "b_imag": [0.0, 0.0]}
+    with pytest.raises(ValueError, match="a_real has 1 values and b_real 2, must be equally many"):
+        Scanner.from_attributes({**COMPLETE, **wave})
+
+
+@pytest.mark.parametrize("name", ["Scanner Group Velocity", "ampl_unit", "WaveformSampleInterval"])
+@pytest.mark.parametrize("value", [0.0, -1.0])
+def test_numbers_that_must_be_above_zero(name: str, value: float) -> None:
+    with pytest.raises(ValueError, match=rf"{name} is {value}, must be above 0"):
+        Scanner.from_attributes({**COMPLETE, name: value})

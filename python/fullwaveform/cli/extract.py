@@ -75,8 +75,8 @@ def extract(
         check_system_wave(settings.mode, settings.scanner)
         with open_waveforms(source, waveforms_per_block=block, channel_flags=channels) as reader:
             summary = _run(reader, writer_of, output, settings, quiet)
-    if not quiet:
-        summary.show(Console())
+        if not quiet:
+            summary.show(Console())
 
 
 def _scanner(path: Path | None, after_pulse: AfterPulse | None) -> Scanner:
