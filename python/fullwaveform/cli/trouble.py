@@ -26,7 +26,7 @@ def told_in_a_sentence() -> Iterator[None]:
     except MemoryError:
         _stop("not enough memory for one block of waveforms; try a smaller --block")
     except KeyboardInterrupt:
-        typer.echo("interrupted; nothing was written", err=True)
+        typer.echo("interrupted; no result was written", err=True)
         raise typer.Exit(130) from None
 
 
