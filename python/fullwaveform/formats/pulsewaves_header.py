@@ -29,6 +29,7 @@ _HEADER = struct.Struct("<16sII16s64s64sHHBBHqqIIIIqIidd2q3d3d6d")
 _RECORD = struct.Struct("<16sIIq64s")
 _END_OF_APPENDED = 0xFFFFFFFF  # record id; the first in the file, the last that is met backwards
 _SECONDS_OF_WEEK = 604_800
+_ADJUSTMENT = 1e9  # s, from standard GPS time to what LAS calls adjusted standard
 _WKT_RECORD = 2112
 
 Triple = tuple[float, float, float]
@@ -58,6 +59,16 @@ class PulseWavesHeader:
     def pulses_end(self) -> int:
         """The byte behind the last pulse."""
         return self.pulses_start + self.pulse_count * self.pulse_size
+
+    @property
+    def seconds(self) -> list[float]:
+        """First and last time of the file, s."""
+        return [count * self.time_scale + self.time_offset for count in self.time_range]
+
+    @property
+    def time_adjustment(self) -> float:
+        """What LAS takes off the times, s: times from 1e9 s on are standard GPS time."""
+        return _ADJUSTMENT if min(self.seconds) >= _ADJUSTMENT else 0.0
 
 
 @dataclass(frozen=True, slots=True)
@@ -131,14 +142,14 @@ def las_header(header: PulseWavesHeader, records: Sequence[VariableRecord]) -> l
     """Make a LAS 1.4 header of point format 9 with the scales, offsets and reference system.
 
     The file does not say from when its times count. Times within one week are announced as GPS
-    week time, all others as the time that LAS calls adjusted standard.
+    week time, all others as the time that LAS calls adjusted standard; standard
+    GPS times are adjusted when pulses are read.
     """
     las = laspy.LasHeader(version="1.4", point_format=9)
     las.scales, las.offsets = np.array(header.scales), np.array(header.offsets)
     las.uuid = uuid.UUID(bytes_le=header.guid)
     las.file_source_id = header.source_id if header.source_id <= 0xFFFF else 0
-    seconds = [count * header.time_scale + header.time_offset for count in header.time_range]
-    in_week = all(0 <= second <= _SECONDS_OF_WEEK for second in seconds)
+    in_week = all(0 <= second <= _SECONDS_OF_WEEK for second in header.seconds)
     las.global_encoding.gps_time_type = GpsTimeType.WEEK_TIME if in_week else GpsTimeType.STANDARD
     projections = [record for record in records if record.user == PROJECTION_USER]
     las.vlrs.extend(

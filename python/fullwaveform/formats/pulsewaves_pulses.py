@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 from collections.abc import Iterator
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from pathlib import Path
 
 import numpy as np
@@ -56,6 +56,9 @@ class PulseData:
                     shape=(header.pulse_count,),
                 )
             )
+            if not any(header.time_range):  # not set
+                first, last = (int(pulse["time"]) for pulse in self._pulses[[0, -1]])
+                self.header = replace(header, time_range=(min(first, last), max(first, last)))
 
     def __len__(self) -> int:
         return len(self._pulses)
@@ -75,10 +78,12 @@ class PulseData:
             yield self[start : start + size]
 
     def times(self, pulses: Pulses) -> FloatArray:
-        """When each of these pulses left, s."""
+        """When each of these pulses left, s; standard GPS times adjusted as in LAS, minus 1e9."""
+        # Taken off the offset, which loses nothing: at 1e9 s doubles are 0.1 us apart.
+        offset = self.header.time_offset - self.header.time_adjustment
         with np.errstate(over="ignore"):  # a senseless scale gives infinite times, never NaN
             times: FloatArray = pulses["time"] * np.float64(self.header.time_scale)
-            times += self.header.time_offset
+            times += offset
         return times
 
 

@@ -89,9 +89,10 @@ class PulseWavesReader(FileReader):
         file_header = read_header(self._path)
         records = read_records(file_header, self._path)
         self._descriptors = read_descriptors(records, self._path)
-        self._header = las_header(file_header, records)
         self._pulses = PulseData(file_header, self._path)
+        self._header = las_header(self._pulses.header, records)
         self._waves = WaveData(find_waves(self._path))
+        self._outgoing_tally = ReadTally()
 
     @property
     def header(self) -> laspy.LasHeader:
@@ -107,6 +108,11 @@ class PulseWavesReader(FileReader):
     def point_count(self) -> int:
         """Pulses of the file."""
         return len(self._pulses)
+
+    @property
+    def outgoing_tally(self) -> ReadTally:
+        """What the last pass over the outgoing pulses met; complete when it is exhausted."""
+        return self._outgoing_tally
 
     def blocks(self) -> Iterator[WaveformBlock]:
         """Yield the returning waveforms in blocks of whole shots.
@@ -134,15 +140,18 @@ class PulseWavesReader(FileReader):
     def outgoing_pulses(self) -> Iterator[OutgoingPulses]:
         """Yield the samples of the outgoing pulses in blocks; `tally` does not change.
 
-        Pulses that `blocks` would reject are left out.
+        Those that cannot be used are counted in `outgoing_tally`, which starts anew with each call,
+        for the same reasons as in `blocks`.
 
         Raises
         ------
         WaveformFileError
             If a descriptor that pulses name is missing or cannot be read.
         """
+        self._outgoing_tally = tally = ReadTally()
         run = self._prepare(OUTGOING)
-        for segments in run.blocks(self._waveforms_per_block, ReadTally()):
+        for segments in run.blocks(self._waveforms_per_block, tally):
+            tally.waveforms += len(segments)
             code, pulses = segments["sampling"], self._pulses.take(segments["pulse"])
             yield OutgoingPulses(
                 samples=self._samples(segments, run),

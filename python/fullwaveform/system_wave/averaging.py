@@ -40,6 +40,7 @@ _HUBER = 2.0  # standard deviations from which a sample loses weight
 _UNLIKE_DEVIATIONS = 6.0
 _LARGEST_MOVE = 0.5  # samples per turn
 _LEAST_SAMPLES = 8  # of a curve
+_LEAST_INTERVALS = 12.0  # that a curve spans: the deconvolution looks at twelve samples
 
 
 @dataclass(frozen=True)
@@ -118,7 +119,8 @@ def pulse_of_curve(
     amplitude : (n,) any unit
     sampling_interval : s, of the records that the pulse is for
 
-    Raises ValueError when the times do not ascend, values are not finite, or there is no pulse.
+    Raises ValueError when the times do not ascend or span fewer than 12 sampling intervals, values
+    are not finite, or there is no pulse.
     """
     t, y = np.asarray(time, dtype=np.float64), np.asarray(amplitude, dtype=np.float64)
     if t.ndim != 1 or t.shape != y.shape or len(t) < _LEAST_SAMPLES:
@@ -126,6 +128,12 @@ def pulse_of_curve(
     if not (np.isfinite(t).all() and np.isfinite(y).all() and np.all(np.diff(t) > 0.0)):
         raise ValueError(f"{origin}: times must ascend, and all values be finite")
     x = t / sampling_interval
+    if x[-1] - x[0] < _LEAST_INTERVALS:
+        raise ValueError(
+            f"{origin}: the curve spans {(t[-1] - t[0]) * 1e9:.4g} ns, less than "
+            f"{_LEAST_INTERVALS:.0f} sampling intervals of {sampling_interval * 1e9:.4g} ns; times "
+            "and interval must both be in ns"
+        )
     curve = CubicSpline(x, y)
     fine = np.linspace(x[0], x[-1], int(np.ceil((x[-1] - x[0]) * 100)) + 1)
     value = np.asarray(curve(fine), dtype=np.float64)

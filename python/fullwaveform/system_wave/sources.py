@@ -13,6 +13,7 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 
+from fullwaveform.errors import WaveformFileError
 from fullwaveform.formats.opening import open_waveforms
 from fullwaveform.formats.pulsewaves_reader import PulseWavesReader
 from fullwaveform.scanner import Scanner
@@ -23,8 +24,10 @@ from fullwaveform.system_wave.pulses import LEFT_OUT, FloatArray, Pulses, pulses
 _TEXT_ENDINGS = {".txt", ".csv", ".dat", ".xy", ".tsv"}
 _NANOSECONDS = 1e9
 _LARGEST_COUNT = 65535
+_OUTGOING_ARRAY = "out_samples"
 # Outgoing pulses read at most; they are taken evenly from the whole file.
 _MOST_OUTGOING = 20_000
+NOT_RECORDED = "pulse without outgoing samples"
 
 
 class Source(StrEnum):
@@ -38,7 +41,7 @@ class Source(StrEnum):
 class Input:
     """A file and what is wanted of it.
 
-    source : None: outgoing pulses where the format holds them, else echoes
+    source : None: outgoing pulses where the format, or the .npz, holds them, else echoes
     array : name of an array with pulses in an .npz
     interval : s per sample, for files that do not say
     noise : counts, for finding echoes; negative: estimated for each waveform
@@ -64,12 +67,14 @@ class Input:
         """The average of the wanted pulses. Raises OSError, and ValueError when there are none."""
         if self.is_text:
             return self._pulse_of_text()
-        if self.is_arrays and self.source is not Source.ECHOES:
-            return average(self._pulses_of_arrays())
-        if self.source is Source.ECHOES or not self._holds_outgoing():
-            origin = f"isolated echoes of {self.path.name}"
-            return average(isolated_echoes(self.records(), scanner, self.noise, origin))
-        return average(self._outgoing())
+        if self.is_arrays:
+            arrays = _arrays(self.path)
+            if not self._means_echoes(arrays):
+                return average(self._pulses_of_arrays(arrays))
+        elif self.source is not Source.ECHOES and self._holds_outgoing():
+            return average(self._outgoing())
+        origin = f"isolated echoes of {self.path.name}"
+        return average(isolated_echoes(self.records(), scanner, self.noise, origin))
 
     def records(self) -> Iterator[Records]:
         """The waveforms with echoes, in parts of one interval; none from a text."""
@@ -91,7 +96,8 @@ class Input:
             holds = isinstance(reader, PulseWavesReader)
         if self.source is Source.OUTGOING and not holds:
             raise ValueError(
-                f"{self.path} holds no outgoing pulses, as no LAS file does; take the echoes"
+                f"{self.path} holds no outgoing pulses, as no LAS file does; take the echoes, "
+                "--source echoes"
             )
         return holds
 
@@ -113,8 +119,11 @@ class Input:
                 use = chosen & alike
                 records = Records(block.samples[use], block.counts[use], 0.0)
                 rows.append(records.as_float())
+            tally = reader.outgoing_tally
+        rejected += tally.rejected
+        rejected[NOT_RECORDED] += tally.points_without_packet
         if interval is None:
-            raise ValueError(f"{self.path} holds no outgoing pulses; take the echoes")
+            raise ValueError(_why_none(self.path, tally.rejected))
         return Pulses(_stacked(rows), interval, origin, +rejected)
 
     def _pulse_of_text(self) -> AveragePulse:
@@ -123,13 +132,19 @@ class Input:
         if self.interval is None:
             raise ValueError(
                 f"{self.path}: a text does not say how far apart the scanner's samples are; "
-                "give the interval"
+                "give the interval in ns, --interval"
             )
         return pulse_of_curve(time, table[:, 1], self.interval, self.path.name)
 
-    def _pulses_of_arrays(self) -> Pulses:
-        arrays = _arrays(self.path)
-        name = self.array or "out_samples"
+    def _means_echoes(self, arrays: dict[str, npt.NDArray[Any]]) -> bool:
+        if self.source is None and self.array is None:
+            return _OUTGOING_ARRAY not in arrays and "samples" in arrays
+        return self.source is Source.ECHOES
+
+    def _pulses_of_arrays(self, arrays: dict[str, npt.NDArray[Any]]) -> Pulses:
+        name = self.array or _OUTGOING_ARRAY
+        if name not in arrays and self.array is None and "samples" in arrays:
+            raise ValueError(f"{self.path} holds no array {name}; take the echoes, --source echoes")
         samples = _array(arrays, name, self.path)
         counts = arrays.get(_name_of_counts(name)) if samples.ndim == 2 else None
         return pulses_of_rows(
@@ -161,7 +176,7 @@ class Input:
         if stored is None or stored.size != 1:
             raise ValueError(
                 f"{self.path} holds no sampling_interval_s, a single number of seconds; "
-                "give the interval"
+                "give the interval in ns, --interval"
             )
         return float(stored.reshape(())[()])
 
@@ -169,6 +184,13 @@ class Input:
 def _name_of_counts(name: str) -> str:
     """Counts stand beside samples: count, out_count beside samples, out_samples."""
     return f"{name.removesuffix('samples')}count" if name.endswith("samples") else ""
+
+
+def _why_none(path: Path, rejected: Counter[str]) -> str:
+    if not rejected:
+        return f"{path} holds no outgoing pulses; take the echoes, --source echoes"
+    reasons = ", ".join(f"{count} times: {why}" for why, count in rejected.items())
+    return f"{path}: no outgoing pulse is readable ({reasons}); take the echoes, --source echoes"
 
 
 def _stacked(rows: list[FloatArray]) -> FloatArray:
@@ -199,7 +221,10 @@ def _array(arrays: dict[str, npt.NDArray[Any]], name: str, path: Path) -> npt.ND
 
 def _columns(path: Path) -> FloatArray:
     """Two columns of numbers, divided by blanks, commas or semicolons; # begins a comment."""
-    text = path.read_text(encoding="utf-8")
+    try:
+        text = path.read_text(encoding="utf-8")
+    except UnicodeDecodeError as error:
+        raise WaveformFileError(f"{path} is not a text in UTF-8: {error}") from error
     lines = (
         line.partition("#")[0].replace(",", " ").replace(";", " ") for line in text.splitlines()
     )

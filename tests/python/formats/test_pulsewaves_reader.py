@@ -15,6 +15,7 @@ from fullwaveform.formats.pulsewaves_reader import PulseWavesReader
 
 from .las_scenes import rows
 from .pulsewaves_scenes import (
+    MIN_TIME,
     Descriptor,
     Pulse,
     Sampling,
@@ -113,6 +114,22 @@ def test_outgoing_pulses(tmp_path: Path) -> None:
     assert second.samples.tolist() == [[55]]
     assert np.concatenate([first.pulse_numbers, second.pulse_numbers]).tolist() == [0, 1, 2]
     assert (len(first), len(second)) == (2, 1)
+
+
+def test_outgoing_pulses_that_are_cut_off_are_counted(tmp_path: Path) -> None:
+    # Bytes of the waves: 60 of header, then 24, 6 and 23 of the three pulses.
+    path = two_channels().write(tmp_path / "out.pls")
+    waves = path.with_suffix(".wvs")
+    waves.write_bytes(waves.read_bytes()[:-1])
+    with PulseWavesReader(path) as reader:
+        (block,) = reader.outgoing_pulses()
+        assert (reader.tally.points, reader.tally.rejected.total()) == (0, 0)
+        tally = reader.outgoing_tally
+        assert block.pulse_numbers.tolist() == [0, 1]
+        assert (tally.points, tally.waveforms, tally.points_without_packet) == (3, 2, 0)
+        assert list(tally.rejected.values()) == [1]
+        list(reader.outgoing_pulses())
+        assert reader.outgoing_tally.rejected.total() == 1  # not added up
 
 
 def test_outgoing_pulse_with_a_sampling_unit_of_its_own(tmp_path: Path) -> None:
@@ -238,3 +255,39 @@ def test_meaning_of_times(tmp_path: Path, offset: float, standard: int) -> None:
     with PulseWavesReader(path) as reader:
         assert int(reader.header.global_encoding.gps_time_type) == standard
         assert reader.header.global_encoding.wkt
+
+
+# Standard GPS time: 1000061757.959336 s less 1e9 is 61757.959336 s.
+@pytest.mark.parametrize(
+    ("scale", "offset", "count", "span", "standard", "expected"),
+    [
+        (1e-6, 1e9, 61_757_959_336, (61_757_959_336, 61_759_700_210), 1, 61_757.959336),
+        (1e-6, 1e9, 61_757_959_336, (0, 0), 1, 61_757.959336),
+        (1e-6, 0.0, 1_000_061_757_500_000, (0, 0), 1, 61_757.5),
+        (1e-6, 1e9, 0, (0, 0), 1, 0.0),
+        (1e-6, 0.0, 61_757_959_336, (61_757_959_336, 61_759_700_210), 0, 61_757.959336),
+        (1.0, 999_999_000.0, 990, (990, 1010), 1, 999_999_990.0),
+    ],
+)
+def test_standard_times_are_adjusted(
+    tmp_path: Path,
+    scale: float,
+    offset: float,
+    count: int,
+    span: tuple[int, int],
+    standard: int,
+    expected: float,
+) -> None:
+    scene = three_pulses(
+        time_scale=scale,
+        time_offset=offset,
+        patches={MIN_TIME: ("<q", span[0]), MIN_TIME + 8: ("<q", span[1])},
+    )
+    for number, pulse in enumerate(scene.pulses):
+        pulse.time = count + number
+    with PulseWavesReader(scene.write(tmp_path / "a.pls")) as reader:
+        assert int(reader.header.global_encoding.gps_time_type) == standard
+        (block,) = reader.blocks()
+    times = block.attributes.gps_time
+    assert times == pytest.approx(expected + np.arange(3) * scale, rel=0.0, abs=2e-7)
+    assert block.shot_times.tolist() == times.tolist()

@@ -56,6 +56,9 @@ def test_topographic_record() -> None:
     }
     shots, waveforms = np.unique(block.shot_times, return_counts=True)
     assert (len(shots), waveforms.max(), np.count_nonzero(waveforms == 2)) == (16_486, 2, 1)
+    # Stored: 61758094094 us after 1e9 s of standard GPS time.
+    assert block.attributes.gps_time[0] == pytest.approx(61_758.094094, rel=0.0, abs=1e-9)
+    assert int(reader.header.global_encoding.gps_time_type) == 1
     (first, second) = np.flatnonzero(block.shot_times == shots[waveforms == 2])
     assert block.samples[first].max() == SATURATED > block.samples[second].max()
     assert block.samples[0, :16].tolist() == [3, 3, 2, 2, 2, 2, 3, 2, 2, 2, 4, 9, 21, 45, 74, 95]

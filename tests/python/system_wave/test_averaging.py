@@ -141,7 +141,7 @@ def test_curve_in_its_own_steps() -> None:
         (np.arange(5.0), np.ones(5), "at least 8 times"),
         (np.zeros(9), np.arange(9.0), "times must ascend"),
         (np.arange(9.0), np.full(9, np.nan), "finite"),
-        (np.arange(9.0), np.ones(9), "do not rise"),
+        (np.arange(14.0), np.ones(14), "do not rise"),
     ],
 )
 def test_curves_that_are_none(time: FloatArray, amplitude: FloatArray, rule: str) -> None:

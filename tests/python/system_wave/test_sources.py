@@ -11,9 +11,10 @@ import numpy as np
 import pytest
 
 from fullwaveform import Scanner
+from fullwaveform.errors import WaveformFileError
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 from fullwaveform.system_wave import AveragePulse
-from fullwaveform.system_wave.sources import Input, Source
+from fullwaveform.system_wave.sources import NOT_RECORDED, Input, Source
 
 from .scenes import INTERVAL, echo_samples, recorded, shape
 
@@ -104,7 +105,7 @@ def test_texts_that_are_no_pulse(tmp_path: Path, content: str, rule: str) -> Non
 def test_text_without_an_interval(tmp_path: Path) -> None:
     path = tmp_path / "pulse.txt"
     path.write_text("1 2\n", encoding="utf-8")
-    with pytest.raises(ValueError, match="give the interval"):
+    with pytest.raises(ValueError, match="give the interval in ns, --interval"):
         averaged(Input(path))
 
 
@@ -219,5 +220,60 @@ def test_echoes_of_a_pulsewaves_file(tmp_path: Path) -> None:
 
 def test_pulsewaves_file_without_outgoing_pulses(tmp_path: Path) -> None:
     path = pulsewaves_file(tmp_path / "scan.pls", outgoing=False)
-    with pytest.raises(ValueError, match="holds no outgoing pulses; take the echoes"):
+    with pytest.raises(
+        ValueError, match="holds no outgoing pulses; take the echoes, --source echoes"
+    ):
         averaged(Input(path))
+
+
+def test_numbers_add_up_to_the_pulses_of_the_file(tmp_path: Path) -> None:
+    path = pulsewaves_file(tmp_path / "scan.pls", outgoing=True)
+    waves = path.with_suffix(".wvs")
+    # Each pulse has 50 outgoing samples, 4 bytes and 60 returning samples; 60 bytes stand ahead.
+    waves.write_bytes(waves.read_bytes()[: 60 + 120 * 114 + 80])
+    found = averaged(Input(path))
+    assert found.used == 120
+    assert list(found.rejected.values()) == [30]
+    waves.write_bytes(waves.read_bytes()[:60])
+    with pytest.raises(ValueError, match=r"no outgoing pulse is readable \(150 times: .*echoes"):
+        averaged(Input(path))
+
+
+def test_pulses_without_outgoing_samples_are_counted(tmp_path: Path) -> None:
+    layout = pulsewaves_scenes()
+    both = [layout.Sampling(kind=1, samples=50), layout.Sampling()]
+    sent = np.maximum(recorded(40, 0.3)[0], 0.0).astype(int)
+    back = (0, [1, 2, 3, 4])
+    pulses = [layout.Pulse([[(0, row[:50].tolist())], [back]]) for row in sent]
+    pulses += [layout.Pulse([[back]], descriptor=2) for _ in range(7)]
+    kinds = [layout.Descriptor(1, both), layout.Descriptor(2, [layout.Sampling()])]
+    found = averaged(Input(layout.Scene(kinds, pulses).write(tmp_path / "scan.pls")))
+    assert found.rejected[NOT_RECORDED] == 7
+    assert found.used + found.rejected.total() == 47
+
+
+def test_arrays_with_nothing_but_echoes(tmp_path: Path) -> None:
+    path = tmp_path / "a.npz"
+    np.savez(path, samples=echo_samples(200), sampling_interval_s=INTERVAL)
+    found = averaged(Input(path, noise=12))
+    assert found.origin == "isolated echoes of a.npz"
+    assert is_the_pulse(found, 2e-2)
+    assert len(list(Input(path).records())) == 1
+    with pytest.raises(ValueError, match=r"holds no array out_samples; take the .*--source echoes"):
+        averaged(Input(path, Source.OUTGOING))
+
+
+def test_text_of_another_encoding(tmp_path: Path) -> None:
+    path = tmp_path / "pulse.txt"
+    path.write_bytes("# 5 µs\n1 2\n".encode("latin-1"))
+    with pytest.raises(WaveformFileError, match=r"pulse\.txt is not a text in UTF-8"):
+        averaged(Input(path, interval=1e-9))
+
+
+@pytest.mark.parametrize("interval", [1e-6, 1e-3, 4.2e-9])
+def test_curve_shorter_than_the_window(tmp_path: Path, interval: float) -> None:
+    path = tmp_path / "pulse.txt"
+    time = np.arange(0.0, 50.25, 0.25)
+    np.savetxt(path, np.column_stack([time, shape(time / 2 - 10)]))
+    with pytest.raises(ValueError, match=r"pulse\.txt: .* spans 50 ns, .* both be in ns"):
+        averaged(Input(path, interval=interval))
