@@ -107,6 +107,9 @@ class Extractor:
     ) -> dict[str, npt.NDArray[Any]]:
         """The peaks, deconvolved ones moved by the offset that the scanner's description states."""
         stated = self.settings.scanner.deconvolution_offset
+        hybrid = self.settings.scanner.deconvolution_offset_hybrid
+        if self.settings.mode is Mode.HYBRID and hybrid is not None:
+            stated = hybrid
         offset = np.where(peaks["type"] == _DECONVOLVED, stated, 0.0)
         moved = {"idx": peaks["idx"] - offset, "time": peaks["time"] - offset * interval}
         return {**peaks, **moved}

@@ -39,7 +39,7 @@ _PARTS = ("real", "imag")
 _ABOVE_ZERO = ("Scanner Group Velocity", "ampl_unit", "WaveformSampleInterval")
 _SBL_ATTRIBUTES = {"t_ref": "double"}
 _ALL_ATTRIBUTES = _SCANNER_ATTRIBUTES | _WAVEFORM_ATTRIBUTES | _SBL_ATTRIBUTES
-_DECONVOLUTION_KEYS = {"position_offset", "position_spread", "echoes"}
+_DECONVOLUTION_KEYS = {"position_offset", "position_offset_hybrid", "position_spread", "echoes"}
 _KIND_IN_WORDS = {
     "text": "text",
     "double": "finite number",
@@ -97,6 +97,7 @@ class Scanner:
     after_pulse: AfterPulse | None = None  # None: what the library knows of the scanner's type
     notes: tuple[str, ...] = field(default=())  # what was decided for the user, a sentence each
     deconvolution_offset: float = 0.0  # samples by which deconvolved echoes lie too far behind
+    deconvolution_offset_hybrid: float | None = None  # the same in the hybrid; None: no other
 
     @classmethod
     def from_attributes(
@@ -138,9 +139,25 @@ class Scanner:
         table = content.pop("after_pulse", None)
         if table is not None and after_pulse is None:
             after_pulse = _after_pulse_from_table(table, path)
-        offset = _offset_from_table(content.pop("deconvolution", {"position_offset": 0.0}), path)
+        table = content.pop("deconvolution", {"position_offset": 0.0})
+        offset = _offset_from_table(table, "position_offset", path)
+        hybrid = offset
+        if "position_offset_hybrid" in table:
+            hybrid = _offset_from_table(table, "position_offset_hybrid", path)
+        if offset != 0.0 and "WaveformSampleInterval" not in content:
+            raise ValueError(
+                f"scanner description {path}: position_offset is in samples and needs "
+                "WaveformSampleInterval, the interval it was measured at"
+            )
         attributes = _checked(content, f"scanner description {path}")
-        return _without_surprise(cls(attributes, after_pulse, deconvolution_offset=offset))
+        return _without_surprise(
+            cls(
+                attributes,
+                after_pulse,
+                deconvolution_offset=offset,
+                deconvolution_offset_hybrid=hybrid,
+            )
+        )
 
     @classmethod
     def default(
@@ -289,12 +306,12 @@ def _after_pulse_from_table(table: Any, path: str | Path) -> AfterPulse:
         raise ValueError(f"scanner description {path}: {error}") from error
 
 
-def _offset_from_table(table: Any, path: str | Path) -> float:
-    offset = _plain(table.get("position_offset"), "double") if isinstance(table, dict) else None
+def _offset_from_table(table: Any, key: str, path: str | Path) -> float:
+    offset = _plain(table.get(key), "double") if isinstance(table, dict) else None
     if not isinstance(offset, float) or set(table) - _DECONVOLUTION_KEYS:
         raise ValueError(
             f"scanner description {path}: the table deconvolution must hold position_offset in "
-            "samples, and nothing beside it but position_spread and echoes"
+            "samples, and nothing beside it but position_offset_hybrid, position_spread and echoes"
         )
     return offset
 

@@ -24,7 +24,9 @@ def with_system_wave(scanner: Scanner, wave: ExponentialSum, interval: float) ->
     }
     attributes = {**scanner.attributes, **tables}
     # What was measured with another system wave does not hold for this one.
-    return replace(scanner, attributes=attributes, deconvolution_offset=0.0).at_interval(interval)
+    return replace(
+        scanner, attributes=attributes, deconvolution_offset=0.0, deconvolution_offset_hybrid=None
+    ).at_interval(interval)
 
 
 def description_text(
@@ -37,6 +39,7 @@ def description_text(
     if offset is not None:
         content["deconvolution"] = {
             "position_offset": offset.position,
+            "position_offset_hybrid": offset.hybrid,
             "position_spread": offset.spread,
             "echoes": offset.echoes,
         }

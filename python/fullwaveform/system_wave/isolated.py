@@ -87,14 +87,17 @@ def strongest_echoes(peaks: Mapping[str, npt.NDArray[Any]], baseline: FloatArray
     return StrongEchoes(rows, position[chosen], height[chosen], ~crowded)
 
 
-def echoes_of(records: Records, scanner: Scanner, noise: int, mode: Mode) -> Mapping[str, Any]:
+def echoes_of(
+    records: Records, scanner: Scanner, noise: int, mode: Mode, channel_flag: int = 1
+) -> Mapping[str, Any]:
     """The table of echoes of a mode; `noise` in counts, negative: estimated for each waveform."""
     driver = Driver(
         mode,
         scanner.at_interval(records.sampling_interval),
         longest_waveform=records.samples.shape[1],
     )
-    return driver.apply(records.samples, records.counts, noise=noise).peaks
+    flags = np.full(len(records.counts), channel_flag, dtype=np.uint8)
+    return driver.apply(records.samples, records.counts, channel_flags=flags, noise=noise).peaks
 
 
 def isolated_echoes(parts: Iterable[Records], scanner: Scanner, noise: int, origin: str) -> Pulses:

@@ -9,7 +9,7 @@ sample in which deconvolved positions come.
 from __future__ import annotations
 
 from collections.abc import Iterable, Mapping
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from typing import Any
 
 import numpy as np
@@ -37,12 +37,14 @@ class DeconvolutionOffset:
     position : median, samples
     spread : robust standard deviation about it, samples
     echoes : how many
+    hybrid : the same median against the decomposition, the other branch of the hybrid, samples
     made : whether the echoes were computed from the averaged pulse instead of recorded
     """
 
     position: float
     spread: float
     echoes: int
+    hybrid: float
     made: bool = False
 
 
@@ -55,16 +57,23 @@ def measure_offset(
     Raises ValueError when the scanner is not complete.
     """
     differences: list[FloatArray] = []
+    decomposed: list[FloatArray] = []
     for records in parts:
         reference = strongest_echoes(
             echoes_of(records, scanner, noise, Mode.THREE_POINT), records.baseline()
         )
         sharpened = echoes_of(records, scanner, noise, Mode.DECONVOLUTION)
         differences.append(position_differences(reference, sharpened))
+        # The hybrid decomposes the normal channel, in one loop.
+        fitted = echoes_of(records, scanner, noise, Mode.DECOMPOSITION, channel_flag=0)
+        decomposed.append(position_differences(reference, fitted))
         if sum(map(len, differences)) >= _ENOUGH:
             break
     together = np.concatenate(differences) if differences else np.empty(0)
-    return summary_of(together) if len(together) >= LEAST_ECHOES else None
+    if len(together) < LEAST_ECHOES:
+        return None
+    other = np.concatenate(decomposed)
+    return summary_of(together, float(np.median(other)) if len(other) else 0.0)
 
 
 def offset_of_made_echoes(scanner: Scanner, pulse: AveragePulse) -> DeconvolutionOffset:
@@ -75,7 +84,7 @@ def offset_of_made_echoes(scanner: Scanner, pulse: AveragePulse) -> Deconvolutio
             f"{pulse.origin}: the pulse cannot be found again after deconvolution; the part of it "
             "inside the window of the system wave is not like a pulse"
         )
-    return DeconvolutionOffset(found.position, found.spread, found.echoes, made=True)
+    return replace(found, made=True)
 
 
 def made_records(pulse: AveragePulse) -> Records:
@@ -110,8 +119,11 @@ def position_differences(
     return np.asarray(difference[order][first], dtype=np.float64)
 
 
-def summary_of(differences: FloatArray) -> DeconvolutionOffset:
-    """Median and robust spread of differences in samples; not empty."""
+def summary_of(differences: FloatArray, decomposed: float = 0.0) -> DeconvolutionOffset:
+    """Median and robust spread of differences in samples; not empty.
+
+    `decomposed` is the median by which the decomposition differs from the Gauss fit.
+    """
     middle = float(np.median(differences))
     spread = float(1.4826 * np.median(np.abs(differences - middle)))
-    return DeconvolutionOffset(middle, spread, len(differences))
+    return DeconvolutionOffset(middle, spread, len(differences), middle - decomposed)

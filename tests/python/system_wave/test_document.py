@@ -32,7 +32,12 @@ def test_python(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
 
 def test_table_of_the_offset(tmp_path: Path) -> None:
     table = tomllib.loads(code("toml"))["deconvolution"]
-    assert set(table) == {"position_offset", "position_spread", "echoes"}
+    assert set(table) == {
+        "position_offset",
+        "position_offset_hybrid",
+        "position_spread",
+        "echoes",
+    }
 
 
 def test_options() -> None:

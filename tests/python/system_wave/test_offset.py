@@ -145,7 +145,7 @@ def test_no_differences() -> None:
 
 def test_median_and_robust_spread() -> None:
     found = summary_of(np.array([-1.0, -1.1, -0.9, -1.2, 7.0]))
-    assert found == DeconvolutionOffset(-1.0, pytest.approx(1.4826 * 0.1), 5)
+    assert found == DeconvolutionOffset(-1.0, pytest.approx(1.4826 * 0.1), 5, hybrid=-1.0)
 
 
 def test_isolated_echoes_show_the_pulse() -> None:

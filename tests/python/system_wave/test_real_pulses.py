@@ -3,8 +3,10 @@
 from __future__ import annotations
 
 import os
+from collections.abc import Mapping
 from functools import cache
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import pytest
@@ -12,7 +14,7 @@ import pytest
 from fullwaveform import Mode, Scanner
 from fullwaveform.system_wave import AveragePulse, SystemWave, fit_system_wave, measure_offset
 from fullwaveform.system_wave.description import with_system_wave
-from fullwaveform.system_wave.isolated import Records, echoes_of, strongest_echoes
+from fullwaveform.system_wave.isolated import Records, StrongEchoes, echoes_of, strongest_echoes
 from fullwaveform.system_wave.offset import position_differences
 from fullwaveform.system_wave.sources import Input, Source
 
@@ -86,11 +88,18 @@ def test_modes_agree_after_the_offset() -> None:
     assert offset.spread < 0.15
     (rest,) = odd
     fitted = strongest_echoes(echoes_of(rest, scanner, 8, Mode.THREE_POINT), rest.baseline())
-    for mode in (Mode.DECONVOLUTION, Mode.HYBRID):
-        peaks = echoes_of(rest, scanner, 8, mode)
-        moved = {name: peaks[name] for name in ("row", "idx", "amplitudeCounts")}
-        moved["idx"] = moved["idx"] - np.where(peaks["type"] == 5, offset.position, 0.0)
-        assert abs(np.median(position_differences(fitted, moved))) < 0.05, mode
+    deconvolved = median_from(fitted, echoes_of(rest, scanner, 8, Mode.DECONVOLUTION))
+    assert abs(deconvolved - offset.position) < 0.05
+    # The hybrid deconvolves the low-power channel (flag 1) and decomposes the other.
+    branches = [echoes_of(rest, scanner, 8, Mode.HYBRID, flag) for flag in (1, 0)]
+    assert [set(branch["type"].tolist()) for branch in branches] == [{5}, {3}]
+    low_power, normal = (median_from(fitted, branch) for branch in branches)
+    assert abs(low_power - offset.hybrid - normal) < 0.05
+
+
+def median_from(fitted: StrongEchoes, peaks: Mapping[str, Any]) -> float:
+    """Median distance of echoes from the fitted ones, samples."""
+    return float(np.median(position_differences(fitted, peaks)))
 
 
 def of_rows(records: Records, first: int) -> Records:
