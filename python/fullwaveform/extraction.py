@@ -106,13 +106,16 @@ class Extractor:
         self, peaks: dict[str, npt.NDArray[Any]], interval: FloatArray
     ) -> dict[str, npt.NDArray[Any]]:
         """The peaks, deconvolved ones moved by the offset that the scanner's description states."""
-        stated = self.settings.scanner.deconvolution_offset
-        hybrid = self.settings.scanner.deconvolution_offset_hybrid
-        if self.settings.mode is Mode.HYBRID and hybrid is not None:
-            stated = hybrid
-        offset = np.where(peaks["type"] == _DECONVOLVED, stated, 0.0)
+        offset = np.where(peaks["type"] == _DECONVOLVED, self._stated_offset(), 0.0)
         moved = {"idx": peaks["idx"] - offset, "time": peaks["time"] - offset * interval}
         return {**peaks, **moved}
+
+    def _stated_offset(self) -> float:
+        """Samples; the hybrid's deconvolved echoes stand among decomposed ones."""
+        scanner, mode = self.settings.scanner, self.settings.mode
+        if mode == Mode.HYBRID and scanner.deconvolution_offset_hybrid is not None:
+            return scanner.deconvolution_offset_hybrid
+        return scanner.deconvolution_offset if mode in DECONVOLVING_MODES else 0.0
 
     def _driver(self, interval: float, longest: int) -> Driver:
         planned, driver = self._drivers.get(interval, (-1, None))
@@ -130,9 +133,12 @@ class Extractor:
 
     def _check_interval(self, interval: float) -> None:
         """An offset in samples holds for the interval at which it was measured."""
-        scanner, known = self.settings.scanner, self.settings.scanner.sampling_interval
-        stated = scanner.deconvolution_offset if self.settings.mode in DECONVOLVING_MODES else 0.0
-        if stated != 0.0 and known is not None and abs(interval - known) > 1e-3 * known:
+        known = self.settings.scanner.sampling_interval
+        if (
+            self._stated_offset() != 0.0
+            and known is not None
+            and abs(interval - known) > 1e-3 * known
+        ):
             raise ValueError(
                 f"the system wave was estimated for samples {known * 1e9:g} ns apart, those of the "
                 f"file are {interval * 1e9:g} ns apart; estimate it for them"

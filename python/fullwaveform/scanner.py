@@ -120,7 +120,8 @@ class Scanner:
     def from_toml(cls, path: str | Path, *, after_pulse: AfterPulse | None = None) -> Scanner:
         """A scanner from a TOML file whose keys are the attribute names.
 
-        Tables ``[deconvolution]`` with ``position_offset`` in samples and ``[after_pulse]`` with
+        Tables ``[deconvolution]`` with ``position_offset`` (and ``position_offset_hybrid``, else
+        the same) in samples of ``WaveformSampleInterval``, and ``[after_pulse]`` with
         ``offset`` and ``width`` in samples are optional. Without the latter, and for a type that
         the library does not know, the after-pulse test is switched off: a description from a file
         must not cost echoes.
@@ -139,12 +140,10 @@ class Scanner:
         table = content.pop("after_pulse", None)
         if table is not None and after_pulse is None:
             after_pulse = _after_pulse_from_table(table, path)
-        table = content.pop("deconvolution", {"position_offset": 0.0})
-        offset = _offset_from_table(table, "position_offset", path)
-        hybrid = offset
-        if "position_offset_hybrid" in table:
-            hybrid = _offset_from_table(table, "position_offset_hybrid", path)
-        if offset != 0.0 and "WaveformSampleInterval" not in content:
+        offset, hybrid = _offsets_from_table(
+            content.pop("deconvolution", {"position_offset": 0.0}), path
+        )
+        if (offset or hybrid) and "WaveformSampleInterval" not in content:
             raise ValueError(
                 f"scanner description {path}: position_offset is in samples and needs "
                 "WaveformSampleInterval, the interval it was measured at"
@@ -306,14 +305,18 @@ def _after_pulse_from_table(table: Any, path: str | Path) -> AfterPulse:
         raise ValueError(f"scanner description {path}: {error}") from error
 
 
-def _offset_from_table(table: Any, key: str, path: str | Path) -> float:
-    offset = _plain(table.get(key), "double") if isinstance(table, dict) else None
-    if not isinstance(offset, float) or set(table) - _DECONVOLUTION_KEYS:
+def _offsets_from_table(table: Any, path: str | Path) -> tuple[float, float | None]:
+    """The offset, and that of the hybrid where it is stated."""
+    known = isinstance(table, dict) and not set(table) - _DECONVOLUTION_KEYS
+    offset = _plain(table.get("position_offset"), "double") if known else None
+    hybrid = _plain(table.get("position_offset_hybrid", 0.0), "double") if known else None
+    if not (isinstance(offset, float) and isinstance(hybrid, float)):
         raise ValueError(
             f"scanner description {path}: the table deconvolution must hold position_offset in "
-            "samples, and nothing beside it but position_offset_hybrid, position_spread and echoes"
+            "samples, and nothing beside it but position_offset_hybrid in samples, "
+            "position_spread and echoes"
         )
-    return offset
+    return offset, hybrid if "position_offset_hybrid" in table else None
 
 
 def _without_surprise(scanner: Scanner) -> Scanner:

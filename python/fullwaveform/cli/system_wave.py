@@ -187,7 +187,11 @@ class _Summary:
         echoes = "computed from the pulse" if self.offset.made else "isolated ones of the file"
         return [
             ("offset", f"{self.offset.position:+.3f}", "samples, deconvolved less Gauss-fitted"),
-            ("in the hybrid", f"{self.offset.hybrid:+.3f}", "samples, deconvolved less decomposed"),
+            (
+                "offset, hybrid",
+                f"{self.offset.hybrid:+.3f}",
+                "samples, deconvolved less decomposed",
+            ),
             ("its spread", f"{self.offset.spread:.3f}", "samples"),
             ("echoes", f"{self.offset.echoes:,}", echoes),
         ]

@@ -48,6 +48,7 @@ def test_description_and_picture(arrays: Path, tmp_path: Path) -> None:
     assert "pulses used 299 out_samples of arrays.npz" in said
     assert "left out 1 no pulse above the noise" in said
     assert "samples, deconvolved less Gauss-fitted" in said
+    assert "offset, hybrid" in said
     assert "echoes 200 isolated ones of the file" in said
     assert "note:" not in said
     scanner = Scanner.from_toml(toml)

@@ -85,6 +85,34 @@ def test_tables_of_the_offset_that_are_none(tmp_path: Path, table: str) -> None:
         Scanner.from_toml(path)
 
 
+@pytest.mark.parametrize(
+    "table", ["position_offset = -1.5", "position_offset = 0\nposition_offset_hybrid = 0.5"]
+)
+def test_offset_without_its_interval_is_refused(tmp_path: Path, table: str) -> None:
+    path = tmp_path / "scanner.toml"
+    text = description_text(Scanner.default(), None) + "[deconvolution]\n"
+    path.write_text(text + table, encoding="utf-8")
+    with pytest.raises(ValueError, match="position_offset is in samples and needs Waveform"):
+        Scanner.from_toml(path)
+    path.write_text(text + "position_offset = 0", encoding="utf-8")
+    assert Scanner.from_toml(path).deconvolution_offset == 0.0
+
+
+@pytest.mark.parametrize(("more", "in_hybrid"), [("", -1.5), ("position_offset_hybrid = 0.5", 0.5)])
+def test_offset_of_the_hybrid(
+    described: Scanner, tmp_path: Path, more: str, in_hybrid: float
+) -> None:
+    path = tmp_path / "scanner.toml"
+    text = description_text(described, None)
+    path.write_text(f"{text}[deconvolution]\nposition_offset = -1.5\n{more}", encoding="utf-8")
+    plain = Scanner(described.attributes, described.after_pulse)
+    for mode, expected in ((Mode.DECONVOLUTION, -1.5), (Mode.HYBRID, in_hybrid)):
+        moved = Extractor(ExtractionSettings(Scanner.from_toml(path), mode, noise=12))
+        unmoved = Extractor(ExtractionSettings(plain, mode, noise=12))
+        difference = unmoved.extract(block(20)).position - moved.extract(block(20)).position
+        np.testing.assert_allclose(difference, expected, atol=1e-12)
+
+
 def block(count: int, interval: float = INTERVAL) -> WaveformBlock:
     """Waveforms whose sample at t ps lies at x = -t."""
     samples = echo_samples(count)

@@ -26,6 +26,11 @@ FOREST = FOLDER / "arrays" / "forest_12bit.npz"
 needs_strip = pytest.mark.skipif(
     not STRIP.exists(), reason=f"no {STRIP.name} in the folder of real waveforms"
 )
+COARSE = FOLDER / "arrays" / "topo_2ns.npz"
+
+needs_coarse = pytest.mark.skipif(
+    not COARSE.exists(), reason=f"no {COARSE.name} in the folder of real waveforms"
+)
 needs_forest = pytest.mark.skipif(
     not FOREST.exists(), reason=f"no {FOREST.name} in the folder of real waveforms"
 )
@@ -95,6 +100,30 @@ def test_modes_agree_after_the_offset() -> None:
     assert [set(branch["type"].tolist()) for branch in branches] == [{5}, {3}]
     low_power, normal = (median_from(fitted, branch) for branch in branches)
     assert abs(low_power - offset.hybrid - normal) < 0.05
+
+
+@needs_coarse
+def test_hybrid_agrees_where_fit_and_decomposition_do_not() -> None:
+    """Every other waveform is of the low-power channel."""
+    pulse = averaged(COARSE, Source.ECHOES, None, 8)
+    wave = fit_system_wave(pulse).in_seconds()
+    scanner = with_system_wave(Scanner.default(), wave, pulse.sampling_interval)
+    parts = list(Input(COARSE).records())
+    offset = measure_offset(scanner, parts, 8)
+    assert offset is not None
+    assert abs(offset.hybrid - offset.position) > 0.1
+    medians = []
+    for first, flag in ((0, 0), (1, 1)):
+        differences = []
+        for part in (of_rows(part, first) for part in parts):
+            fitted = strongest_echoes(
+                echoes_of(part, scanner, 8, Mode.THREE_POINT), part.baseline()
+            )
+            peaks = echoes_of(part, scanner, 8, Mode.HYBRID, flag)
+            assert set(peaks["type"].tolist()) <= {5 if flag else 3}
+            differences.append(position_differences(fitted, peaks))
+        medians.append(np.median(np.concatenate(differences)) - (offset.hybrid if flag else 0.0))
+    assert abs(medians[1] - medians[0]) < 0.05
 
 
 def median_from(fitted: StrongEchoes, peaks: Mapping[str, Any]) -> float:
