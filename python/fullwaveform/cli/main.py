@@ -1,26 +1,48 @@
-"""Entry of the command line: one verb per module."""
+"""Entry of the command line: one verb per module, loaded when it is called."""
 
 from __future__ import annotations
 
+from importlib import import_module
+from typing import Any
+
 import typer
+from typer.core import TyperGroup
 
 import fullwaveform
-from fullwaveform.cli.compare import compare
-from fullwaveform.cli.extract import extract
-from fullwaveform.cli.simulate import simulate
-from fullwaveform.cli.system_wave import system_wave
+
+# Verb -> module and function. Modules are imported when their verb is called: plots, tables and
+# statistics take longer to load than many a command runs.
+_VERBS = {
+    "extract": ("fullwaveform.cli.extract", "extract"),
+    "simulate": ("fullwaveform.cli.simulate", "simulate"),
+    "compare": ("fullwaveform.cli.compare", "compare"),
+    "system-wave": ("fullwaveform.cli.system_wave", "system_wave"),
+}
+
+
+class _Verbs(TyperGroup):
+    """The verbs in the order of their table."""
+
+    def list_commands(self, ctx: Any) -> list[str]:
+        return list(_VERBS)
+
+    def get_command(self, ctx: Any, cmd_name: str) -> Any:
+        if cmd_name not in _VERBS:
+            return None
+        module, function = _VERBS[cmd_name]
+        single = typer.Typer(add_completion=False, pretty_exceptions_enable=False)
+        single.command(cmd_name)(getattr(import_module(module), function))
+        return typer.main.get_command(single)
+
 
 app = typer.Typer(
+    cls=_Verbs,
     name="fullwaveform",
     help="Echoes from full-waveform laser scanner records.",
     no_args_is_help=True,
     add_completion=False,
     pretty_exceptions_enable=False,
 )
-app.command()(extract)
-app.command()(simulate)
-app.command()(compare)
-app.command("system-wave")(system_wave)
 
 
 def _show_version(wanted: bool) -> None:
