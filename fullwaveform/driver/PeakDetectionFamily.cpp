@@ -82,18 +82,10 @@ bool deleteInvalidPoints(WavePoints<T>& wave, std::uint32_t row) {
   return true;
 }
 
-std::size_t countWithPeaks(Shot const& shot) {
-  return static_cast<std::size_t>(std::count_if(shot.waves.begin(), shot.waves.end(),
-                                                [](WavePtr const& wave) { return !wave->peaks.empty(); }));
-}
-
 /// Merges every waveform of the normal channel (flag 0) with every one of the low-power channel, in their
 /// order of arrival.
 void mergeShot(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags,
                double samplingInterval) {
-  if (shot.waves.size() < 2) {
-    return;
-  }
   for (std::size_t a = 0; a < shot.waves.size(); ++a) {
     if (channelFlags[shot.rows[a]] != 0) {
       continue;
@@ -197,16 +189,16 @@ RowState PeakDetectionFamily<T>::processRow(Row const& row, int noise, ShotMap& 
     ++trace.statistics.duplicates;
     return RowState::Duplicate;
   }
-  extract(row, wave);
+  RowState const state = extract(row, wave);
   keepGoodPeaks(*wave);
   setTimes(*wave);
   shot.waves.push_back(wave);
   shot.rows.push_back(row.number);
-  return RowState::Kept;
+  return state;
 }
 
 template <class T>
-void PeakDetectionFamily<T>::extract(Row const& row, WavePtr const& wave) {
+RowState PeakDetectionFamily<T>::extract(Row const& row, WavePtr const& wave) {
   switch (modus) {
     case FWFModus::ThreePoint:
       gaussVia3Points.apply(row.samples, wave);
@@ -215,22 +207,26 @@ void PeakDetectionFamily<T>::extract(Row const& row, WavePtr const& wave) {
       gaussDecomposition.apply(row.samples, wave);
       break;
     case FWFModus::Deconvolution:
-      deconvolve(row, wave);
-      break;
+      return deconvolve(row, wave);
     case FWFModus::Hybrid:
       // Deconvolution sharpens weak echoes of the low-power channel; what is strong fits well as it is.
       if (wave->maxAmplitude > strongSignal || row.channelFlag == 0) {
         gaussDecomposition.apply(row.samples, wave);
       } else {
-        deconvolve(row, wave);
+        return deconvolve(row, wave);
       }
       break;
   }
+  return RowState::Kept;
 }
 
 template <class T>
-void PeakDetectionFamily<T>::deconvolve(Row const& row, WavePtr const& wave) {
-  trace.withoutPlane += rlPlanes.apply(row.samples, wave) == 0 ? 1U : 0U;
+RowState PeakDetectionFamily<T>::deconvolve(Row const& row, WavePtr const& wave) {
+  if (rlPlanes.apply(row.samples, wave) != 0) {
+    return RowState::Kept;
+  }
+  ++trace.withoutPlane;
+  return RowState::WithoutPlane;
 }
 
 template <class T>
@@ -256,15 +252,32 @@ template <class T>
 void PeakDetectionFamily<T>::finishShot(Shot& shot,
                                         Kestra::MultiArray<1, unsigned char> const& channelFlags) {
   ScannerDevice const& scanner = onlineEvaluation.scanner;
-  std::size_t const withPeaks = countWithPeaks(shot);
-  mergeShot(shot, channelFlags, scanner.sampling_time);
-  trace.mergedAway += static_cast<std::uint32_t>(withPeaks - countWithPeaks(shot));
+  mergeAndTrace(shot, channelFlags);
   for (std::size_t i = 0; i < shot.waves.size(); ++i) {
     WavePoints<T>& wave = *shot.waves[i];
     trace.statistics.countNaNs += deleteInvalidPoints(wave, shot.rows[i]) ? 1U : 0U;
     for (Peak& peak : wave.peaks) {
       trace.amplitudesInCounts.push_back(peak.amplitude);
       peak.amplitude = toDecibel(peak.amplitude, scanner.ampl_unit);
+    }
+  }
+}
+
+template <class T>
+void PeakDetectionFamily<T>::mergeAndTrace(Shot& shot,
+                                           Kestra::MultiArray<1, unsigned char> const& channelFlags) {
+  if (shot.waves.size() < 2) {
+    return;
+  }
+  std::vector<bool> found;
+  for (WavePtr const& wave : shot.waves) {
+    found.push_back(!wave->peaks.empty());
+  }
+  mergeShot(shot, channelFlags, onlineEvaluation.scanner.sampling_time);
+  for (std::size_t i = 0; i < shot.waves.size(); ++i) {
+    if (found[i] && shot.waves[i]->peaks.empty()) {
+      trace.rowStates[shot.rows[i]] = RowState::MergedAway;
+      ++trace.mergedAway;
     }
   }
 }

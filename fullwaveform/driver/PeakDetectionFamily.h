@@ -23,10 +23,12 @@ namespace FullWaveform {
 
 /// What became of one row of a block.
 enum class RowState : std::uint8_t {
-  Kept = 0,          ///< its waveform is in the shot map
+  Kept = 0,          ///< its waveform is in the shot map, with the echoes that were found
   SignalTooLow = 1,  ///< its strongest sample is not above the noise
   Duplicate = 2,     ///< its shot held a waveform of the same signature already
-  NotPlaced = 3      ///< no samples, no shot time, or no value in one of the arrays: not looked at
+  NotPlaced = 3,     ///< no samples, no shot time, or no value in one of the arrays: not looked at
+  WithoutPlane = 4,  ///< in the shot map without echoes: no deconvolution could take it
+  MergedAway = 5     ///< in the shot map without echoes: all of them stand in the other channel
 };
 
 /// What the driver remembers of its last block, beside the shot map.
@@ -95,11 +97,12 @@ class FULLWAVEFORM_EXPORT PeakDetectionFamily {
   struct Row;
 
   RowState processRow(Row const& row, int noise, ShotMap& shots);
-  void extract(Row const& row, WavePtr const& wave);
-  void deconvolve(Row const& row, WavePtr const& wave);
+  RowState extract(Row const& row, WavePtr const& wave);
+  RowState deconvolve(Row const& row, WavePtr const& wave);
   void keepGoodPeaks(WavePoints<T>& wave) const;
   void setTimes(WavePoints<T>& wave) const;
   void finishShot(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags);
+  void mergeAndTrace(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags);
 
   BlockTrace trace;
 };

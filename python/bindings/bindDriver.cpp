@@ -142,6 +142,7 @@ nb::dict apply(SharedDriver& shared, Samples const& samples, Column<std::uint16_
   ResultColumns columns = extract(shared, samples, counts, shotTimes, sblTimes, channelFlags, noise, text);
   nb::dict result;
   result["statistics"] = statisticsTable(columns);
+  result["record"] = columns.statistics.isSuspicious() ? columns.statistics.record() : std::string();
   result["row_states"] = numpyColumn(std::move(columns.rowState));
   result["waveforms"] = waveformTable(columns);
   result["segments"] = segmentTable(columns);

@@ -50,6 +50,8 @@ class RowState(IntEnum):
     SIGNAL_TOO_LOW = 1
     DUPLICATE = 2
     NOT_PLACED = 3
+    WITHOUT_PLANE = 4  # too long to be deconvolved
+    MERGED_AWAY = 5  # its echoes stand in the other channel of the shot
 
 
 @dataclass(frozen=True)
@@ -66,6 +68,7 @@ class Result:
         ``type``, ``std`` (samples), ``classification``, ``reflectance``
     row_states : (n,) uint8, one `RowState` per row of the samples
     statistics : counters of the block
+    record : the counters as the file of suspicious blocks holds them; empty for other blocks
     """
 
     waveforms: Columns
@@ -73,6 +76,7 @@ class Result:
     peaks: Columns
     row_states: npt.NDArray[np.uint8]
     statistics: Mapping[str, Any]
+    record: str
 
 
 class Driver:
@@ -238,6 +242,7 @@ def _result(raw: dict[str, Any]) -> Result:
         Columns(raw["peaks"]),
         raw["row_states"],
         raw["statistics"],
+        raw["record"],
     )
 
 

@@ -200,6 +200,7 @@ def test_flags_other_than_zero_are_one_group() -> None:
     assert merged.peaks["row"].tolist() == [1]
     assert merged.waveforms["peakCount"].tolist() == [0, 1]
     assert merged.statistics["mergedAway"] == 1
+    assert merged.row_states.tolist() == [RowState.MERGED_AWAY, RowState.KEPT]
     assert merged.waveforms["isLowPower"].tolist() == [False, False]  # 7 is not 1
     alike = driver().apply(samples, shot_times=times, channel_flags=[1, 7], noise=10)
     assert alike.peaks["row"].tolist() == [0, 1]

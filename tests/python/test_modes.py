@@ -10,7 +10,7 @@ import numpy.typing as npt
 import pytest
 from typer.testing import CliRunner
 
-from fullwaveform import Driver, Mode, Result, Scanner
+from fullwaveform import Driver, Mode, Result, RowState, Scanner
 from fullwaveform.cli.main import app
 from fullwaveform.scanner import DEFAULT_ATTRIBUTES, NO_AFTER_PULSE
 
@@ -162,6 +162,7 @@ def test_beyond_the_limit_waveforms_stay_without_echoes() -> None:
     assert result.waveforms["peakCount"].tolist()[0] == 0
     assert result.waveforms["peakCount"].tolist()[1] > 0
     assert result.statistics["withoutPlane"] == 1
+    assert result.row_states.tolist() == [RowState.WITHOUT_PLANE, RowState.KEPT]
 
 
 def test_a_ladder_without_end_is_refused() -> None:
