@@ -15,7 +15,7 @@ FloatArray = npt.NDArray[np.float64]
 class ShotAttributes:
     """What an echo inherits from its shot, one entry per waveform (of one of its points)."""
 
-    gps_time: FloatArray  # as stored in the file, s
+    gps_time: FloatArray  # s, as LAS stores it: standard GPS times of other formats minus 1e9
     scan_angle: npt.NDArray[np.float32]  # degrees
     scan_direction_flag: npt.NDArray[np.uint8]  # 0 or 1
     edge_of_flight_line: npt.NDArray[np.uint8]  # 0 or 1
@@ -67,6 +67,32 @@ class ReadTally:
     waveforms: int = 0
     rejected: Counter[str] = field(default_factory=Counter)  # reason as a phrase -> waveforms
     notes: list[str] = field(default_factory=list)  # one sentence each, for the summary
+
+    def __add__(self, other: ReadTally) -> ReadTally:
+        """Both together, as of two ranges of blocks; notes of both stand once."""
+        return ReadTally(
+            self.points + other.points,
+            self.points_without_packet + other.points_without_packet,
+            self.points_sharing_packet + other.points_sharing_packet,
+            self.waveforms + other.waveforms,
+            self.rejected + other.rejected,
+            list(dict.fromkeys(self.notes + other.notes)),
+        )
+
+    def copy(self) -> ReadTally:
+        """The same counts, which do not change with this tally."""
+        return self + ReadTally()
+
+    def since(self, earlier: ReadTally) -> ReadTally:
+        """What was met since `earlier`, a copy of this tally; the notes are all kept."""
+        return ReadTally(
+            self.points - earlier.points,
+            self.points_without_packet - earlier.points_without_packet,
+            self.points_sharing_packet - earlier.points_sharing_packet,
+            self.waveforms - earlier.waveforms,
+            self.rejected - earlier.rejected,
+            list(self.notes),
+        )
 
 
 @dataclass(frozen=True, slots=True)

@@ -5,7 +5,7 @@ from __future__ import annotations
 import copy
 import os
 from abc import ABC, abstractmethod
-from collections.abc import Mapping
+from collections.abc import Iterator, Mapping
 from contextlib import AbstractContextManager
 from pathlib import Path
 from types import TracebackType
@@ -14,11 +14,28 @@ from typing import Self
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.formats.blocks import EchoTable, ReadTally
+from fullwaveform.errors import WaveformFileError
+from fullwaveform.formats.blocks import EchoTable, ReadTally, WaveformBlock
+from fullwaveform.formats.passes import Pass, UngatheredBlock
 
 
-class FileReader:
-    """A file of waveforms that is read in passes; to be used in a ``with`` statement."""
+class FileReader(ABC):
+    """A file of waveforms that is read in passes; to be used in a ``with`` statement.
+
+    Parameters that the readers of all formats take:
+
+    path
+        The file.
+    waveforms_per_block
+        Most waveforms of a block, unless a single shot has more. Blocks of very long waveforms
+        hold fewer, so that their samples take 128 MiB at most.
+    channel_flags
+        Flag of the channel (1 low power, 0 the other), one for all waveforms or by the number of
+        what a format tells channels apart by; numbers that are not named have 1.
+
+    All readers raise OSError if a file cannot be opened, WaveformFileError if a file does not hold
+    what its format promises, and ValueError for arguments that make no sense.
+    """
 
     def __init__(
         self,
@@ -31,7 +48,8 @@ class FileReader:
         self._path = Path(path)
         self._waveforms_per_block = waveforms_per_block
         self._flags = flag_table(channel_flags)
-        self._tally = ReadTally()
+        self._notes: tuple[str, ...] = ()  # of the file, for the tally of every pass
+        self._pass = Pass()
         self._closed = False
 
     def __enter__(self) -> Self:
@@ -57,12 +75,65 @@ class FileReader:
     @property
     def tally(self) -> ReadTally:
         """What was met so far in the current pass."""
-        return self._tally
+        return self._pass.tally
+
+    @property
+    @abstractmethod
+    def point_count(self) -> int:
+        """Points or pulses of the file; its waveforms where it has neither."""
 
     @property
     def points_done(self) -> int:
-        """Points or pulses visited so far in the current pass."""
-        return self._tally.points
+        """Points or pulses visited so far in the current pass, those before its range too."""
+        return self._pass.met.points
+
+    def blocks(self, first: int = 0, stop: int | None = None) -> Iterator[WaveformBlock]:
+        """Yield the waveforms in blocks of whole shots, each waveform once.
+
+        With a range only the blocks of the running numbers `first` <= number < `stop`, the same as
+        in a pass over all; what lies before them is visited but not gathered. Waveforms that cannot
+        be used are counted in `tally`, which starts anew with each call and counts what belongs to
+        the range: the tallies of ranges that cover the file add up to that of a pass over all.
+
+        Raises
+        ------
+        WaveformFileError
+            If the file turns out not to hold what it promises, or, at the end of a pass over all
+            blocks, if there are waveforms but none of them is readable.
+        ValueError
+            If the file is closed, or the range is none.
+        """
+        self._check_that_it_is_open()
+        current = self._pass = Pass(first, stop, self._notes)
+        yield from current.gathered(self._ungathered(current.met))
+        if current.is_whole:
+            self._check_that_some_were_readable(current.met)
+
+    def block_count(self) -> int:
+        """Blocks of a pass, found by visiting all points; no samples are gathered.
+
+        Neither a pass under way nor its tally changes. Raises as `blocks`.
+        """
+        self._check_that_it_is_open()
+        return sum(1 for _ in self._ungathered(ReadTally()))
+
+    @abstractmethod
+    def _ungathered(self, met: ReadTally) -> Iterator[UngatheredBlock]:
+        """Visit all points, count what is met in `met`, except waveforms, and cut the blocks."""
+
+    def _begin_anew(self, notes: list[str]) -> None:
+        """Keep what opening the file had to say for the tally of every pass."""
+        self._notes = tuple(notes)
+        self._pass = Pass(notes=self._notes)
+
+    def _check_that_it_is_open(self) -> None:
+        if self._closed:
+            raise ValueError(f"{self._path} is closed")
+
+    def _check_that_some_were_readable(self, met: ReadTally) -> None:
+        if met.waveforms == 0 and met.rejected:
+            reasons = ", ".join(f"{count} times: {why}" for why, count in met.rejected.items())
+            raise WaveformFileError(f"{self._path}: no waveform is readable ({reasons})")
 
 
 def flag_table(channel_flags: Mapping[int, int] | int) -> npt.NDArray[np.uint8]:

@@ -202,8 +202,8 @@ def _in_file_order(reader: laspy.LasReader, path: Path, chunk: int) -> Iterator[
     for start in range(0, total, chunk):
         expected = min(chunk, total - start)
         try:
-            if start == 0:
-                reader.seek(0)
+            if start == 0 or reader.points_read != start:  # another pass may be under way
+                reader.seek(start)
             points: Points = reader.read_points(expected).array
         except OSError:
             raise

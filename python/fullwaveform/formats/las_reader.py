@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 from collections.abc import Iterator, Mapping
 from dataclasses import dataclass
+from functools import partial
 
 import laspy
 import numpy as np
@@ -35,6 +36,7 @@ from fullwaveform.formats.las_waveform_packets import (
     open_packets,
     read_descriptors,
 )
+from fullwaveform.formats.passes import UngatheredBlock, last_cut
 
 OUTSIDE = "packet outside the waveform data"
 WRONG_SIZE = "packet size differs from that of its descriptor"
@@ -52,6 +54,7 @@ Chosen = npt.NDArray[np.bool_]
 class _Pass:
     """What one pass over the file works with."""
 
+    met: ReadTally
     found: Survey
     table: DescriptorTable
     seen: SeenPackets
@@ -65,21 +68,12 @@ class LasWaveformReader(FileReader):
     ----------
     path
         The LAS file. Packets may lie in it or in the file of the same name ending ``.wdp``.
-    waveforms_per_block
-        Most waveforms of a block, unless a single shot has more. Blocks of very long waveforms
-        hold fewer, so that their samples take 128 MiB at most.
-    channel_flags
-        Flag of the channel (1 low power, 0 the other), one for all waveforms or by waveform
-        descriptor; descriptors that are not named have 1.
+    waveforms_per_block, channel_flags
+        As in `FileReader`, flags by waveform descriptor.
 
-    Raises
-    ------
-    OSError
-        If a file cannot be opened.
-    WaveformFileError
-        If a file does not hold what its format promises.
-    ValueError
-        For arguments that make no sense.
+    Points that are not in order of GPS time are visited in that order; a waveform that several
+    points share belongs to the first of them. Raises as `FileReader`; in a pass also if a
+    descriptor that points name is missing or cannot be read.
     """
 
     def __init__(
@@ -93,11 +87,11 @@ class LasWaveformReader(FileReader):
         self._reader, starts = open_las(self._path)
         try:
             self._descriptors = read_descriptors(self.header, self._path)
-            self._packets, self._notes = open_packets(self.header, self._path, starts)
+            self._packets, notes = open_packets(self.header, self._path, starts)
         except BaseException:
             self._reader.close()
             raise
-        self._begin()
+        self._begin_anew(notes)
 
     def close(self) -> None:
         """Close the file; may be called twice."""
@@ -119,37 +113,23 @@ class LasWaveformReader(FileReader):
         """Points of the file."""
         return int(self.header.point_count)
 
-    def blocks(self) -> Iterator[WaveformBlock]:
-        """Yield the waveforms, each once however many points share it, in blocks of whole shots.
-
-        Points that are not in order of GPS time are visited in that order. Waveforms that cannot be
-        used are counted in `tally`, which starts anew with each call.
-
-        Raises
-        ------
-        WaveformFileError
-            If a descriptor that points name is missing or cannot be read, or, at the end, if there
-            are packets but none of them is readable.
-        """
-        if self._closed:
-            raise ValueError(f"{self._path} is closed")
-        self._begin()
-        run = self._prepare()
+    def _ungathered(self, met: ReadTally) -> Iterator[UngatheredBlock]:
+        run = self._prepare(met)
+        limit = run.waveforms_per_block
         pending = np.empty(0, dtype=self.header.point_format.dtype())
-        for points in whole_shots(self._reader, self._path, run.found, run.waveforms_per_block):
+        for points in whole_shots(self._reader, self._path, run.found, limit):
             pending = np.concatenate([pending, self._choose(points, run)])
-            while len(pending) >= run.waveforms_per_block:
-                end = self._last_cut(pending, run)
-                yield self._block(pending[:end], run)
+            while len(pending) >= limit:
+                end = limit if run.found.without_times else last_cut(pending["gps_time"], limit)
+                yield self._to_gather(pending[:end], run)
                 pending = pending[end:]
         if len(pending) > 0:
-            yield self._block(pending, run)
-        self._check_that_some_were_readable()
+            yield self._to_gather(pending, run)
 
-    def _begin(self) -> None:
-        self._tally = ReadTally(notes=list(self._notes))
+    def _to_gather(self, rows: Points, run: _Pass) -> UngatheredBlock:
+        return UngatheredBlock(len(rows), partial(self._block, rows, run))
 
-    def _prepare(self) -> _Pass:
+    def _prepare(self, met: ReadTally) -> _Pass:
         found = survey(self._reader, self._path)
         for index in found.descriptors:
             if index not in self._descriptors:
@@ -160,21 +140,21 @@ class LasWaveformReader(FileReader):
             check_usable(self._descriptors[index], self._path)
         table = DescriptorTable(self._descriptors[index] for index in found.descriptors)
         if found.without_times:
-            self._tally.notes.append(
+            met.notes.append(
                 "All points have the same GPS time; each waveform counts as a shot of its own."
             )
         if not found.ascending:
-            self._tally.notes.append(
+            met.notes.append(
                 "The points are not in order of GPS time; they were visited in that order."
             )
         widest = max(int(table.sample_counts.max()), 1)
         limit = max(1, min(self._waveforms_per_block, _BLOCK_SAMPLES // widest))
         seen = SeenPackets(self._packets.size, table.smallest_packet)
-        return _Pass(found, table, seen, limit)
+        return _Pass(met, found, table, seen, limit)
 
     def _choose(self, points: Points, run: _Pass) -> Points:
         """Choose the points that bring a new and usable waveform, with everything else counted."""
-        tally = self._tally
+        tally = run.met
         tally.points += len(points)
         with_packet = points[points["wavepacket_index"] > 0]
         tally.points_without_packet += len(points) - len(with_packet)
@@ -182,44 +162,26 @@ class LasWaveformReader(FileReader):
         tally.points_sharing_packet += len(with_packet) - len(first)
         left = with_packet[np.sort(first)]
         sizes = run.table.packet_sizes[left["wavepacket_index"]]
-        left = self._keep(self._packets.holds(left["wavepacket_offset"], sizes), left, OUTSIDE)
+        inside = self._packets.holds(left["wavepacket_offset"], sizes)
+        left = _keep(inside, left, OUTSIDE, tally)
         left = self._unseen(left, run)
         sizes = run.table.packet_sizes[left["wavepacket_index"]]
-        left = self._keep(left["wavepacket_size"] == sizes, left, WRONG_SIZE)
-        left = self._keep(np.isfinite(left["gps_time"]), left, NO_TIME)
-        return self._keep(has_place(left), left, NO_PLACE)
-
-    def _keep(self, good: Chosen, points: Points, reason: str) -> Points:
-        rejected = len(points) - int(np.count_nonzero(good))
-        if rejected > 0:
-            self._tally.rejected[reason] += rejected
-        kept: Points = points[good]
-        return kept
+        left = _keep(left["wavepacket_size"] == sizes, left, WRONG_SIZE, tally)
+        left = _keep(np.isfinite(left["gps_time"]), left, NO_TIME, tally)
+        return _keep(has_place(left), left, NO_PLACE, tally)
 
     def _unseen(self, points: Points, run: _Pass) -> Points:
         cells = run.seen.cells(points["wavepacket_offset"].astype(np.int64))
         _, first = np.unique(cells, return_index=True)
         alone = np.zeros(len(cells), dtype=bool)
         alone[first] = True
-        left, cells = self._keep(alone, points, OVERLAPPING), cells[alone]
+        left, cells = _keep(alone, points, OVERLAPPING, run.met), cells[alone]
         new = ~run.seen.test_and_set(cells)
-        self._tally.points_sharing_packet += len(new) - int(np.count_nonzero(new))
+        run.met.points_sharing_packet += len(new) - int(np.count_nonzero(new))
         unseen: Points = left[new]
         return unseen
 
-    def _last_cut(self, pending: Points, run: _Pass) -> int:
-        """Count the rows of the next block: whole shots, at most a block of them, at least one."""
-        limit = run.waveforms_per_block
-        if run.found.without_times or len(pending) == limit:
-            return limit
-        time = pending["gps_time"]
-        starts = np.flatnonzero(time[1:] != time[:-1]) + 1
-        fitting = np.searchsorted(starts, limit, side="right")
-        if fitting > 0:
-            return int(starts[fitting - 1])
-        return int(starts[0]) if len(starts) > 0 else len(pending)
-
-    def _block(self, rows: Points, run: _Pass) -> WaveformBlock:
+    def _block(self, rows: Points, run: _Pass, numbers: npt.NDArray[np.int64]) -> WaveformBlock:
         header, index = self.header, rows["wavepacket_index"]
         record = laspy.ScaleAwarePointRecord(
             rows, header.point_format, header.scales, header.offsets
@@ -227,8 +189,6 @@ class LasWaveformReader(FileReader):
         samples, counts = self._packets.gather(
             rows["wavepacket_offset"].astype(np.int64), index, run.table
         )
-        numbers = self._tally.waveforms + np.arange(len(rows), dtype=np.int64)
-        self._tally.waveforms += len(rows)
         times: FloatArray = rows["gps_time"].astype(np.float64)
         if run.found.without_times:
             times = numbers.astype(np.float64) + _FIRST_SHOT_KEY
@@ -244,8 +204,10 @@ class LasWaveformReader(FileReader):
             waveform_numbers=numbers,
         )
 
-    def _check_that_some_were_readable(self) -> None:
-        rejected = self._tally.rejected
-        if self._tally.waveforms == 0 and rejected:
-            reasons = ", ".join(f"{count} times: {reason}" for reason, count in rejected.items())
-            raise WaveformFileError(f"{self._path}: no waveform packet is readable ({reasons})")
+
+def _keep(good: Chosen, points: Points, reason: str, met: ReadTally) -> Points:
+    rejected = len(points) - int(np.count_nonzero(good))
+    if rejected > 0:
+        met.rejected[reason] += rejected
+    kept: Points = points[good]
+    return kept

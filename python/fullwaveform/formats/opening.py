@@ -49,8 +49,12 @@ class WaveformReader(Protocol):
         """Points or pulses visited so far in the current pass."""
         ...
 
-    def blocks(self) -> Iterator[WaveformBlock]:
-        """Yield the waveforms in blocks of whole shots."""
+    def blocks(self, first: int = 0, stop: int | None = None) -> Iterator[WaveformBlock]:
+        """Yield the waveforms in blocks of whole shots, all or those of a range of numbers."""
+        ...
+
+    def block_count(self) -> int:
+        """Blocks of a pass."""
         ...
 
     def close(self) -> None:

@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 from collections.abc import Iterator, Mapping
 from dataclasses import dataclass
+from functools import partial
 
 import laspy
 import numpy as np
@@ -13,6 +14,7 @@ import numpy.typing as npt
 from fullwaveform.errors import WaveformFileError
 from fullwaveform.formats.blocks import FloatArray, ReadTally, WaveformBlock
 from fullwaveform.formats.file_ends import FileReader
+from fullwaveform.formats.passes import UngatheredBlock
 from fullwaveform.formats.pulsewaves_descriptors import (
     OUTGOING,
     RETURNING,
@@ -61,21 +63,12 @@ class PulseWavesReader(FileReader):
     ----------
     path
         The file of pulses, ``.pls``. The samples lie in the file of the same name ending ``.wvs``.
-    waveforms_per_block
-        Most waveforms of a block, unless a single shot has more. Blocks of very long waveforms
-        hold fewer, so that their samples take 128 MiB at most.
-    channel_flags
-        Flag of the channel (1 low power, 0 the other), one for all waveforms or by the channel
-        number that the pulse descriptor gives a sampling; channels that are not named have 1.
+    waveforms_per_block, channel_flags
+        As in `FileReader`, flags by the channel number that the pulse descriptor gives a sampling.
 
-    Raises
-    ------
-    OSError
-        If a file cannot be opened.
-    WaveformFileError
-        If a file does not hold what its format promises.
-    ValueError
-        For arguments that make no sense.
+    Of a pulse whose waves do not lie wholly inside the file of samples, one waveform is counted as
+    rejected. Raises as `FileReader`; in a pass also if a descriptor that pulses name is missing or
+    cannot be read.
     """
 
     def __init__(
@@ -114,28 +107,11 @@ class PulseWavesReader(FileReader):
         """What the last pass over the outgoing pulses met; complete when it is exhausted."""
         return self._outgoing_tally
 
-    def blocks(self) -> Iterator[WaveformBlock]:
-        """Yield the returning waveforms in blocks of whole shots.
-
-        Waveforms that cannot be used are counted in `tally`, which starts anew with each call; of a
-        pulse whose waves do not lie wholly inside the file of samples, one is counted.
-
-        Raises
-        ------
-        WaveformFileError
-            If a descriptor that pulses name is missing or cannot be read, or, at the end, if there
-            are waveforms but none of them is readable.
-        """
-        self._tally = tally = ReadTally()
+    def _ungathered(self, met: ReadTally) -> Iterator[UngatheredBlock]:
         run = self._prepare(RETURNING)
-        tally.notes += self._notes(run)
-        for segments in run.blocks(self._waveforms_per_block, tally):
-            numbers = tally.waveforms + np.arange(len(segments), dtype=np.int64)
-            tally.waveforms += len(segments)
-            yield self._block(segments, numbers, run)
-        if tally.waveforms == 0 and tally.rejected:
-            reasons = ", ".join(f"{count} times: {why}" for why, count in tally.rejected.items())
-            raise WaveformFileError(f"{self._path}: no waveform is readable ({reasons})")
+        met.notes += self._notes_on(run)
+        for segments in run.blocks(self._waveforms_per_block, met):
+            yield UngatheredBlock(len(segments), partial(self._block, segments, run))
 
     def outgoing_pulses(self) -> Iterator[OutgoingPulses]:
         """Yield the samples of the outgoing pulses in blocks; `tally` does not change.
@@ -162,8 +138,7 @@ class PulseWavesReader(FileReader):
             )
 
     def _prepare(self, kind: int) -> Selection:
-        if self._closed:
-            raise ValueError(f"{self._path} is closed")
+        self._check_that_it_is_open()
         found = survey(self._pulses)
         for index in found.descriptors:
             if index not in self._descriptors:
@@ -176,7 +151,7 @@ class PulseWavesReader(FileReader):
         wanted = np.array([one.kind == kind for one in table.samplings], dtype=bool)
         return Selection(self._pulses, self._waves, found, table, wanted)
 
-    def _notes(self, run: Selection) -> list[str]:
+    def _notes_on(self, run: Selection) -> list[str]:
         notes = []
         if not run.found.times_differ:
             notes.append("Several pulses have the same time; each counts as a shot of its own.")
@@ -193,7 +168,7 @@ class PulseWavesReader(FileReader):
             notes.append(f"The file's channels {numbers} all count as channel {flags.pop()}.")
         return notes
 
-    def _block(self, segments: Segments, numbers: IntArray, run: Selection) -> WaveformBlock:
+    def _block(self, segments: Segments, run: Selection, numbers: IntArray) -> WaveformBlock:
         code, pulses = segments["sampling"], self._pulses.take(segments["pulse"])
         unit = run.table.units_ns[code]
         return WaveformBlock(

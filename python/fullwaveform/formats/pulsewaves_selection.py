@@ -10,6 +10,7 @@ import numpy as np
 from fullwaveform.formats.blocks import ReadTally
 from fullwaveform.formats.las_reader import OUTSIDE
 from fullwaveform.formats.las_waveform_packets import MAX_SAMPLES
+from fullwaveform.formats.passes import last_cut
 from fullwaveform.formats.pulsewaves_descriptors import SamplingTable
 from fullwaveform.formats.pulsewaves_pulses import PulseData, PulseSurvey
 from fullwaveform.formats.pulsewaves_waves import (
@@ -87,10 +88,4 @@ def _last_cut(pending: Segments, limit: int) -> int:
     rows = np.arange(1, len(pending) + 1)
     padded = rows * np.maximum.accumulate(pending["count"])
     fitting = int(np.count_nonzero((rows <= limit) & (padded <= _BLOCK_SAMPLES)))
-    if fitting == len(pending):
-        return fitting
-    starts = np.flatnonzero(np.diff(pending["pulse"])) + 1
-    before = int(np.searchsorted(starts, fitting, side="right"))
-    if before > 0:
-        return int(starts[before - 1])
-    return int(starts[0]) if len(starts) > 0 else len(pending)
+    return last_cut(pending["pulse"], fitting)

@@ -110,7 +110,7 @@ def test_no_readable_packet_at_all_is_an_error_at_the_end(tmp_path: Path) -> Non
     companion = path.with_suffix(".wdp")
     companion.write_bytes(companion.read_bytes()[:60])
     message = message_of(path)
-    assert "no waveform packet is readable (4 times: packet outside the waveform data)" in message
+    assert "no waveform is readable (4 times: packet outside the waveform data)" in message
 
 
 def test_arguments_that_make_no_sense(tmp_path: Path) -> None:
