@@ -4,19 +4,20 @@ from __future__ import annotations
 
 from collections.abc import Sequence
 from dataclasses import dataclass
-from pathlib import Path
 
 import numpy as np
 import pytest
 
 from fullwaveform import Scanner
-from fullwaveform.extraction import ExtractionSettings, Extractor, positions_in_space
+from fullwaveform.extraction import ExtractionSettings, ExtractionTally, Extractor
 from fullwaveform.formats.blocks import (
     EchoTable,
     PulseGeometry,
     ShotAttributes,
     WaveformBlock,
 )
+from fullwaveform.placement import positions_in_space
+from fullwaveform.waveform_table import WaveformState
 
 from .records import TRIPLE_STD, Samples, record
 
@@ -63,14 +64,12 @@ def block_of(packets: Sequence[Packet]) -> WaveformBlock:
     )
 
 
-def extractor(noise: int = 10, folder: Path | None = None) -> Extractor:
-    return Extractor(
-        ExtractionSettings(scanner=Scanner.default(), noise=noise, report_directory=folder)
-    )
+def extractor(noise: int = 10) -> Extractor:
+    return Extractor(ExtractionSettings(scanner=Scanner.default(), noise=noise))
 
 
 def extracted(*packets: Packet) -> EchoTable:
-    return extractor().extract(block_of(packets))
+    return extractor().extract(block_of(packets)).echoes
 
 
 def test_place_of_a_sample() -> None:
@@ -175,8 +174,8 @@ def hollow() -> Samples:
 
 
 def test_echoes_that_are_not_finite_are_left_out_and_counted() -> None:
-    made = extractor()
-    echoes = made.extract(block_of([Packet(hollow(), shot=1.0), Packet(record({10: 80}))]))
+    made = extractor().extract(block_of([Packet(hollow(), shot=1.0), Packet(record({10: 80}))]))
+    echoes = made.echoes
     assert echoes.waveform_number.tolist() == [71]
     assert (echoes.echo_number.tolist(), echoes.echo_count.tolist()) == ([1], [1])
     tally = made.tally
@@ -197,9 +196,8 @@ def test_every_waveform_is_counted_once() -> None:
         Packet(hollow(), shot=3.0),
         Packet(record({15: 70}), shot=4.0, interval=2e-9),
     ]
-    made = extractor()
-    echoes = made.extract(block_of(packets))
-    assert echoes.waveform_number.tolist() == [70, 70, 76]
+    made = extractor().extract(block_of(packets))
+    assert made.echoes.waveform_number.tolist() == [70, 70, 76]
     tally = made.tally
     assert tally.rejected == {
         "signal not above the noise": 1,
@@ -210,16 +208,32 @@ def test_every_waveform_is_counted_once() -> None:
     }
     assert tally.waveforms == tally.waveforms_with_echoes + tally.rejected.total() == 7
     assert tally.echoes == 3
-    made.extract(block_of(packets))
-    assert (tally.waveforms, tally.echoes, tally.rejected.total()) == (14, 6, 10)
+    states = WaveformState
+    assert made.waveforms.state.tolist() == [
+        states.WITH_ECHOES,
+        states.SIGNAL_TOO_LOW,
+        states.DUPLICATE,
+        states.MERGED_AWAY,
+        states.NO_ECHO,
+        states.NOT_FINITE,
+        states.WITH_ECHOES,
+    ]
+    assert made.waveforms.echo_count.tolist() == [2, 0, 0, 0, 0, 0, 1]
+    total = ExtractionTally()
+    total.add(tally)
+    total.add(tally)
+    assert (total.waveforms, total.echoes, total.rejected.total()) == (14, 6, 10)
+    assert total.waveforms_with_echoes == 4
+    assert total.rejected["no echo that is finite"] == 2
 
 
-def test_suspicious_blocks_are_counted(tmp_path: Path) -> None:
-    made = extractor(folder=tmp_path)
-    made.extract(block_of([Packet(record({10: 80})), Packet(record({}), shot=2.0)]))
-    made.extract(block_of([Packet(record({10: 80}))]))
-    assert made.tally.suspicious_blocks == 1
-    assert [path.name for path in tmp_path.iterdir()] == ["waveforms_Warning.txt"]
+def test_record_of_a_suspicious_block() -> None:
+    made = extractor()
+    half = made.extract(block_of([Packet(record({10: 80})), Packet(record({}), shot=2.0)]))
+    assert half.tally.suspicious_blocks == 1
+    assert half.record.startswith("NumberOfWaves: 2Splitted FWFs: 0 count: 1\n")
+    good = made.extract(block_of([Packet(record({10: 80}))]))
+    assert (good.tally.suspicious_blocks, good.record) == (0, "")
 
 
 def test_block_of_which_nothing_is_left() -> None:
@@ -231,6 +245,5 @@ def test_block_of_which_nothing_is_left() -> None:
 
 @pytest.mark.parametrize("noise", [10, 65, 100])
 def test_noise_of_the_settings_reaches_the_driver(noise: int) -> None:
-    made = extractor(noise)
-    made.extract(block_of([Packet(record({10: 60, 20: 80, 30: 90}))]))
+    made = extractor(noise).extract(block_of([Packet(record({10: 60, 20: 80, 30: 90}))]))
     assert made.tally.echoes == {10: 3, 65: 2, 100: 0}[noise]

@@ -24,7 +24,9 @@ def mode_from(text: str) -> Mode:
     numbers = {str(int(mode)): mode for mode in Mode}
     mode = MODE_NAMES.get(text, numbers.get(text))
     if mode is None:
-        raise typer.BadParameter(f"{text!r} is none of {', '.join(MODE_NAMES)} or 0 to 3")
+        raise typer.BadParameter(
+            f"{text!r} is none of {', '.join(MODE_NAMES)} or 0 to 3", param_hint="--mode"
+        )
     return mode
 
 
@@ -34,7 +36,9 @@ def noise_from(text: str) -> int:
         return -1
     digits = text.isascii() and text.isdigit() and len(text) <= len(str(_LARGEST_NOISE))
     if not digits or int(text) > _LARGEST_NOISE:
-        raise typer.BadParameter(f"{text!r} is neither auto nor a number of counts, 0 to 65535")
+        raise typer.BadParameter(
+            f"{text!r} is neither auto nor a number of counts, 0 to 65535", param_hint="--noise"
+        )
     return int(text)
 
 
@@ -52,7 +56,8 @@ def channel_flags_from(texts: list[str]) -> Mapping[int, int]:
         if not 0 <= flag <= 255 or (equals and not 0 <= wanted <= 255):
             raise typer.BadParameter(
                 f"{text!r} is not a channel: say low, high or 0 to 255, or INDEX=... with the "
-                "index (0 to 255) of a packet descriptor or channel"
+                "index (0 to 255) of a packet descriptor or channel",
+                param_hint="--channel",
             )
         if equals:
             single[wanted] = flag
@@ -69,8 +74,10 @@ def after_pulse_from(text: str | None) -> AfterPulse | None:
         return NO_AFTER_PULSE
     parts = text.split(",")
     if len(parts) != 2 or not all(part.isascii() and part.isdigit() for part in parts):
-        raise typer.BadParameter(f"{text!r} is neither off nor OFFSET,WIDTH in samples")
+        raise typer.BadParameter(
+            f"{text!r} is neither off nor OFFSET,WIDTH in samples", param_hint="--after-pulse"
+        )
     try:
         return AfterPulse(offset=int(parts[0]), width=int(parts[1]))
     except ValueError as error:
-        raise typer.BadParameter(str(error)) from error
+        raise typer.BadParameter(str(error), param_hint="--after-pulse") from error

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections import Counter
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -22,7 +23,9 @@ class RunSummary:
     read: ReadTally
     extracted: ExtractionTally
     written: int
-    write_notes: tuple[str, ...]
+    notes: tuple[str, ...]  # of the writer
+    messages: Counter[str]  # of the library, by kind
+    statistics: Path  # of suspicious blocks
     seconds: float
 
     def show(self, console: Console) -> None:
@@ -54,20 +57,17 @@ class RunSummary:
         ]
         if found.echoes_left_out:
             rows.append(("echoes left out", f"{found.echoes_left_out:,}", "not finite"))
+        rows += [("messages", f"{count:,}", kind) for kind, count in self.messages.items()]
         rate = read.waveforms / self.seconds if self.seconds > 0 else 0.0
         rows.append(("echoes written", f"{self.written:,}", ""))
         rows.append(("time", f"{self.seconds:.2f} s", f"{rate:,.0f} waveforms per second"))
         return rows
 
     def _notes(self) -> list[str]:
-        notes = [*self.settings.scanner.notes, *self.read.notes, *self.write_notes]
-        if self.extracted.suspicious_blocks and self.settings.report_directory is not None:
-            report = (
-                self.settings.report_directory
-                / f"{Path(self.settings.input_file).stem}_Warning.txt"
-            )
+        notes = [*self.settings.scanner.notes, *self.read.notes, *self.notes]
+        if self.extracted.suspicious_blocks:
             notes.append(
                 f"half or more of the waveforms of {self.extracted.suspicious_blocks} blocks were "
-                f"rejected, statistics appended to {report}"
+                f"rejected, statistics appended to {self.statistics}"
             )
         return notes

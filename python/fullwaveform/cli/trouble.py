@@ -2,8 +2,12 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+import signal
+import threading
+from collections.abc import Callable, Iterator
 from contextlib import contextmanager
+from types import FrameType
+from typing import Any
 
 import typer
 
@@ -11,11 +15,18 @@ import typer
 EXIT_DATA = 1
 #: The call is not as it must be.
 EXIT_USAGE = 2
+#: Ctrl-C, and a request of the system to end: 128 and the number of the signal.
+EXIT_INTERRUPTED, EXIT_TERMINATED = 130, 143
+
+
+class _Terminated(BaseException):
+    """The system asked the process to end; unwinding removes unfinished files."""
 
 
 @contextmanager
 def told_in_a_sentence() -> Iterator[None]:
-    """Turns errors of files and values into a sentence and exit code 1."""
+    """Turns errors of files and values into a sentence and exit code 1, signals into theirs."""
+    restore = _terminated_by_signal()
     try:
         yield
     except OSError as error:
@@ -27,7 +38,28 @@ def told_in_a_sentence() -> Iterator[None]:
         _stop("not enough memory for one block of waveforms; try a smaller --block")
     except KeyboardInterrupt:
         typer.echo("interrupted; no result was written", err=True)
-        raise typer.Exit(130) from None
+        raise typer.Exit(EXIT_INTERRUPTED) from None
+    except _Terminated:
+        typer.echo("terminated; no result was written", err=True)
+        raise typer.Exit(EXIT_TERMINATED) from None
+    finally:
+        restore()
+
+
+def _terminated_by_signal() -> Callable[[], None]:
+    """Turns SIGTERM into an exception; returns what restores the former behaviour."""
+    if threading.current_thread() is not threading.main_thread():
+        return lambda: None
+
+    def end(number: int, frame: FrameType | None) -> None:
+        raise _Terminated
+
+    former = signal.signal(signal.SIGTERM, end)
+    return lambda: _restore(former)
+
+
+def _restore(former: Any) -> None:
+    signal.signal(signal.SIGTERM, former)
 
 
 def _stop(sentence: str) -> None:

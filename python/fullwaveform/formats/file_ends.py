@@ -3,13 +3,14 @@
 from __future__ import annotations
 
 import copy
+import json
 import os
 from abc import ABC, abstractmethod
 from collections.abc import Iterator, Mapping
 from contextlib import AbstractContextManager
 from pathlib import Path
 from types import TracebackType
-from typing import Self
+from typing import ClassVar, Self
 
 import numpy as np
 import numpy.typing as npt
@@ -153,11 +154,22 @@ def flag_table(channel_flags: Mapping[int, int] | int) -> npt.NDArray[np.uint8]:
     return table
 
 
+#: Where the files that can carry it say how their echoes were made.
+RUN_METADATA_KEY = "fullwaveform"
+
+
+def run_metadata_text(metadata: Mapping[str, str]) -> str:
+    """Say in JSON how echoes were made; equal entries give equal text."""
+    return json.dumps(dict(metadata), sort_keys=True)
+
+
 class EchoWriter(ABC):
     """A file of echoes that is written table by table; to be used in a ``with`` statement.
 
     The file takes its name when the block ends without an error.
     """
+
+    takes_empty = True  # whether a waveform without echoes can have a row
 
     def __init__(self, path: str | os.PathLike[str]) -> None:
         self.path = Path(path)
@@ -182,6 +194,14 @@ class EchoWriter(ABC):
     @abstractmethod
     def write(self, echoes: EchoTable) -> None:
         """Append the echoes; ValueError outside the ``with`` statement."""
+
+    def notes(self) -> tuple[str, ...]:
+        """What could not be written as it is, a sentence each."""
+        return ()
+
+    def notes(self) -> tuple[str, ...]:
+        """What a person should know of the file, a sentence each; complete when it is written."""
+        return ()
 
     @abstractmethod
     def _open(self) -> AbstractContextManager[None]:

@@ -42,6 +42,8 @@ class LasEchoWriter(EchoWriter):
     written.
     """
 
+    takes_empty = False
+
     def __init__(self, path: str | os.PathLike[str], source: laspy.LasHeader | None) -> None:
         super().__init__(path)
         self.not_representable = 0  # echoes left out: no finite coordinate, or beyond 32 bits
@@ -73,6 +75,21 @@ class LasEchoWriter(EchoWriter):
         writer.write_points(record)
         self.count += len(kept)
         self.not_representable += len(echoes) - len(kept)
+
+    def notes(self) -> tuple[str, ...]:
+        """What could not be written as it is, a sentence each."""
+        notes = []
+        if self.not_representable:
+            notes.append(
+                f"{self.not_representable:,} of {self.count + self.not_representable:,} echoes "
+                "left out: their coordinates do not fit the file's scale and offset"
+            )
+        if self.saturated_return_numbers:
+            notes.append(
+                f"{self.saturated_return_numbers:,} shots have more echoes than a return "
+                "number can say; the numbers stop at the largest"
+            )
+        return tuple(notes)
 
     @contextmanager
     def _open(self) -> Iterator[None]:

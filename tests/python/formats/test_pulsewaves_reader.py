@@ -9,9 +9,9 @@ from pathlib import Path
 import numpy as np
 import pytest
 
-from fullwaveform.extraction import positions_in_space
 from fullwaveform.formats import pulsewaves_selection
 from fullwaveform.formats.pulsewaves_reader import PulseWavesReader
+from fullwaveform.placement import positions_in_space
 
 from .las_scenes import rows
 from .pulsewaves_scenes import (

@@ -40,7 +40,7 @@ def outgoing(name: str) -> OutgoingPulses:
 def echoes_of(reader: PulseWavesReader, noise: int) -> EchoTable:
     extractor = Extractor(ExtractionSettings(scanner=Scanner.default(), noise=noise))
     (block,) = reader.blocks()
-    return extractor.extract(block)
+    return extractor.extract(block).echoes
 
 
 @needs_records

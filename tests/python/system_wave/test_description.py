@@ -10,7 +10,7 @@ import pytest
 
 from fullwaveform import Mode, Scanner
 from fullwaveform.extraction import ExtractionSettings, Extractor
-from fullwaveform.formats.blocks import PulseGeometry, ShotAttributes, WaveformBlock
+from fullwaveform.formats.blocks import FloatArray, PulseGeometry, ShotAttributes, WaveformBlock
 from fullwaveform.scanner import AfterPulse
 from fullwaveform.system_wave import (
     DeconvolutionOffset,
@@ -109,8 +109,12 @@ def test_offset_of_the_hybrid(
     for mode, expected in ((Mode.DECONVOLUTION, -1.5), (Mode.HYBRID, in_hybrid)):
         moved = Extractor(ExtractionSettings(Scanner.from_toml(path), mode, noise=12))
         unmoved = Extractor(ExtractionSettings(plain, mode, noise=12))
-        difference = unmoved.extract(block(20)).position - moved.extract(block(20)).position
+        difference = position(unmoved, block(20)) - position(moved, block(20))
         np.testing.assert_allclose(difference, expected, atol=1e-12)
+
+
+def position(extractor: Extractor, waveforms: WaveformBlock) -> FloatArray:
+    return extractor.extract(waveforms).echoes.position
 
 
 def block(count: int, interval: float = INTERVAL) -> WaveformBlock:
@@ -153,7 +157,7 @@ def first_echoes(
 ) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
     """Position, time and x of the strongest echo of each waveform."""
     waveforms = replace(block(200), channel_flags=np.full(200, channel_flag, np.uint8))
-    table = Extractor(ExtractionSettings(scanner, mode, noise=12)).extract(waveforms)
+    table = Extractor(ExtractionSettings(scanner, mode, noise=12)).extract(waveforms).echoes
     order = np.lexsort((-table.amplitude_counts, table.waveform_number))
     rows, first = np.unique(table.waveform_number[order], return_index=True)
     assert len(rows) == 200

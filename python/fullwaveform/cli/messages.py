@@ -1,0 +1,42 @@
+"""The library's messages during a run: counted by kind, each shown only when asked for."""
+
+from __future__ import annotations
+
+import logging
+import re
+from collections import Counter
+from collections.abc import Iterator
+from contextlib import contextmanager
+
+import typer
+
+_NUMBER = re.compile(r"\d+(\.\d+)?")
+
+
+class _MessageCounter(logging.Handler):
+    """Counts messages that differ in their numbers only as one kind."""
+
+    def __init__(self, verbose: bool) -> None:
+        super().__init__()
+        self.kinds: Counter[str] = Counter()
+        self._verbose = verbose
+
+    def emit(self, record: logging.LogRecord) -> None:
+        text = record.getMessage()
+        self.kinds[_NUMBER.sub("…", text)] += 1
+        if self._verbose:
+            typer.echo(text, err=True)
+
+
+@contextmanager
+def counted_messages(verbose: bool) -> Iterator[Counter[str]]:
+    """Yield the messages of the ``with`` block by kind, their numbers left out."""
+    logger = logging.getLogger("fullwaveform")
+    handler = _MessageCounter(verbose)
+    propagated, logger.propagate = logger.propagate, False
+    logger.addHandler(handler)
+    try:
+        yield handler.kinds
+    finally:
+        logger.removeHandler(handler)
+        logger.propagate = propagated
