@@ -35,6 +35,7 @@
 #include <fullwaveform/host/TarnClass.h>
 #include <fullwaveform/host/VectorToPDF.h>
 #include <fullwaveform/model/AdditionalAttributesPerWave.h>
+#include <fullwaveform/model/AsciiExport.h>
 #include <fullwaveform/model/MarkBadPeaks.h>
 #include <fullwaveform/model/NoiseEstimate.h>
 #include <fullwaveform/model/Peak.h>

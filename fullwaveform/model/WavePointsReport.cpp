@@ -2,6 +2,7 @@
 #include <fstream>
 #include <string>
 
+#include <fullwaveform/model/AsciiExport.h>
 #include <fullwaveform/model/WavePoints.h>
 #include <fullwaveform/scanner/SpeedOfLight.h>
 #include <fullwaveform/text/Number.h>
@@ -81,8 +82,7 @@ template <class T>
 void WavePoints<T>::exportToAscii(std::string path, std::string label, double value) const {
   std::ofstream file(path, std::ios::app);
   for (Peak const& peak : peaks) {
-    file << label << ' ' << shortestText(peak.amplitude) << ' ' << shortestText(peak.idx) << ' '
-         << shortestText(peak.std) << ' ' << shortestText(value) << '\n';
+    file << asciiLine(peak, label, value);
   }
 }
 

@@ -13,6 +13,13 @@ def chunk_memory_total() -> int: ...
 def after_pulse_class() -> int: ...
 def type_text(type: int) -> str: ...
 def estimate_noise(samples: npt.NDArray[np.uint16]) -> int: ...
+def ascii_lines(
+    labels: npt.NDArray[np.int64],
+    amplitudes: npt.NDArray[np.float32],
+    positions: npt.NDArray[np.float64],
+    widths: npt.NDArray[np.float64],
+    values: npt.NDArray[np.float64],
+) -> bytes: ...
 def mode_name(mode: int) -> str: ...
 
 class Grid:
@@ -42,6 +49,39 @@ class ScannerDevice:
     scan_kind: int
     afterpulse_offset: int
     afterpulse_width: int
+
+class WavePoints:
+    def __init__(self) -> None: ...
+    isLowPower: bool
+    shotTime: float
+    sblTime: float
+    damping: float
+    idxOfMaxAmplitude: int
+    maxAmplitude: int
+    binShift: float
+    length: int
+    noise: int
+    maxAmplitudeDB: float
+    timeOfMaxAmplitude: float
+    online: bool
+    globalStart: int
+    globalEnd: int
+    lengthCropped: int
+    def add_after_pulse(self, start: float, end: float) -> None: ...
+    def add_segment(self, start: int, end: int) -> None: ...
+    def add_peak(
+        self,
+        amplitude: float,
+        idx: float,
+        time: float,
+        type: int,
+        quality: int,
+        std: float,
+        classification: int,
+        reflectance: float,
+    ) -> None: ...
+    def print(self) -> str: ...
+    def printLengthAtMaxAmplitude(self, speed: float) -> str: ...
 
 class PeakDetectionFamily:
     def __init__(

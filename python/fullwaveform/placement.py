@@ -64,6 +64,7 @@ def placed(
         amplitude_counts=peaks["amplitudeCounts"],
         amplitude_db=peaks["amplitude"],
         width_ns=peaks["std"] * interval * _NANOSECONDS,
+        width_samples=peaks["std"],
         position=peaks["idx"],
         type=peaks["type"],
         quality=peaks["quality"],

@@ -3,11 +3,20 @@
 from __future__ import annotations
 
 import errno
+import io
 import os
 import secrets
 from collections.abc import Iterator
 from contextlib import contextmanager
 from pathlib import Path
+from typing import Any
+
+# Errors that only writing can bring: disk, quota or largest file size used up.
+_NO_SPACE = (errno.ENOSPC, errno.EDQUOT, errno.EFBIG)
+
+
+class OutputError(OSError):
+    """An output cannot be written any further; the message names it and says why."""
 
 
 @contextmanager
@@ -22,16 +31,94 @@ def replace_when_whole(path: str | os.PathLike[str]) -> Iterator[Path]:
     ------
     OSError
         Its subclass by cause, if the folder is missing or cannot be written to, or if `path` is a
-        folder itself.
+        folder itself. Errors inside the block that speak of the temporary file, or that there is
+        no space left, name `path` instead.
     """
     final = Path(path)
     temporary = _create_beside(final)
     try:
         yield temporary
         temporary.replace(final)
+    except OSError as error:
+        temporary.unlink(missing_ok=True)
+        told = _told_of(error, temporary, final)
+        if told is error:
+            raise
+        raise told from error
     except BaseException:
         temporary.unlink(missing_ok=True)
         raise
+
+
+@contextmanager
+def open_when_whole(path: str | os.PathLike[str]) -> Iterator[OutputFile]:
+    """Yield a stream into a file that takes its name when the block ends well.
+
+    As `replace_when_whole`, for libraries that write to a stream and make errors of their own, or
+    worse, of an error in it. An error of writing is raised at the end of the block, in place of
+    any other, or before that by the stream's `check`.
+    """
+    final = Path(path)
+    with replace_when_whole(final) as temporary, OutputFile(temporary, final) as stream:
+        try:
+            yield stream
+        except Exception:
+            stream.check()
+            raise
+        stream.check()
+
+
+class OutputFile(io.FileIO):
+    """A file that keeps its first error of writing to itself and drops what comes after it.
+
+    Libraries that close files of their own at the end of the program must not find one that
+    refuses to be closed: HDF5 crashes on it.
+    """
+
+    def __init__(self, path: Path, final: Path) -> None:
+        super().__init__(path, "w+")
+        self._final = final
+        self._failure: OSError | None = None
+
+    def check(self) -> None:
+        """Raise OutputError if something could not be written."""
+        if self._failure is not None:
+            raise _output_error(self._failure, self._final) from self._failure
+
+    def write(self, data: Any) -> int:
+        """Write all of the bytes, or none from the first error on."""
+        left = memoryview(data).cast("B")
+        size = len(left)
+        while self._failure is None and len(left) > 0:
+            try:
+                left = left[super().write(left) or 0 :]
+            except OSError as error:
+                self._failure = error
+        return size
+
+    def truncate(self, size: int | None = None) -> int:
+        """Set the length of the file, but not after an error."""
+        if self._failure is None:
+            try:
+                return super().truncate(size)
+            except OSError as error:
+                self._failure = error
+        return self.tell() if size is None else size
+
+
+def _output_error(cause: OSError, final: Path) -> OutputError:
+    return OutputError(cause.errno, f"cannot write {final}: {cause.strerror}")
+
+
+def _told_of(error: OSError, temporary: Path, final: Path) -> OSError:
+    """The error in terms of the file that was asked for; itself when it speaks of another."""
+    if isinstance(error, OutputError):
+        return error
+    if error.errno in _NO_SPACE:
+        return _output_error(error, final)
+    if isinstance(error.filename, str | bytes) and os.fsdecode(error.filename) == str(temporary):
+        return OSError(error.errno, f"cannot write {final}: {error.strerror}")
+    return error
 
 
 def _create_beside(final: Path) -> Path:

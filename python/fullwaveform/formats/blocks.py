@@ -109,6 +109,7 @@ class EchoTable:
     amplitude_counts: npt.NDArray[np.float32]  # digitiser counts
     amplitude_db: npt.NDArray[np.float32]  # dB
     width_ns: FloatArray  # standard deviation of the echo, ns
+    width_samples: FloatArray  # the same in samples
     position: FloatArray  # fractional sample index in the waveform
     type: npt.NDArray[np.uint8]  # how the echo was found
     quality: npt.NDArray[np.uint8]

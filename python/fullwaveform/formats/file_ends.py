@@ -169,7 +169,8 @@ class EchoWriter(ABC):
     The file takes its name when the block ends without an error.
     """
 
-    takes_empty = True  # whether a waveform without echoes can have a row
+    #: Whether the file has a row for a waveform without echoes, which has no place in space.
+    takes_empty: ClassVar[bool] = True
 
     def __init__(self, path: str | os.PathLike[str]) -> None:
         self.path = Path(path)
@@ -197,10 +198,6 @@ class EchoWriter(ABC):
 
     def notes(self) -> tuple[str, ...]:
         """What could not be written as it is, a sentence each."""
-        return ()
-
-    def notes(self) -> tuple[str, ...]:
-        """What a person should know of the file, a sentence each; complete when it is written."""
         return ()
 
     @abstractmethod

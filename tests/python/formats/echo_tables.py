@@ -25,6 +25,7 @@ def echo_table(shots: Sequence[int], **columns: object) -> EchoTable:
         "amplitude_counts": (10 + rows).astype(np.float32),
         "amplitude_db": np.full(count, 12.5, np.float32),
         "width_ns": np.full(count, 1.75),
+        "width_samples": np.full(count, 0.875),
         "position": rows + 0.25,
         "type": np.full(count, 3, np.uint8),
         "quality": np.full(count, 4, np.uint8),

@@ -1,0 +1,37 @@
+"""Rows in portions of one size, however they come."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+
+import pyarrow as pa
+
+
+class RowGroups:
+    """Gathers tables and hands their rows on in groups of a fixed number.
+
+    What is handed on depends on the rows and their order, not on the tables they come in.
+    """
+
+    def __init__(self, rows: int) -> None:
+        self._size = rows
+        self._tables: list[pa.Table] = []
+        self._waiting = 0
+
+    def add(self, table: pa.Table) -> Iterator[pa.Table]:
+        """Take a table and yield the groups that are full, each column in one piece."""
+        self._tables.append(table)
+        self._waiting += table.num_rows
+        if self._waiting < self._size:
+            return
+        gathered = pa.concat_tables(self._tables)
+        full = self._waiting // self._size * self._size
+        self._tables, self._waiting = [gathered.slice(full)], self._waiting - full
+        for first in range(0, full, self._size):
+            yield gathered.slice(first, self._size).combine_chunks()
+
+    def rest(self) -> Iterator[pa.Table]:
+        """Yield the rows that did not fill a group, if there are any."""
+        if self._waiting:
+            yield pa.concat_tables(self._tables).combine_chunks()
+        self._tables, self._waiting = [], 0
