@@ -14,6 +14,13 @@ from laspy.vlrs.vlrlist import VLRList
 
 from fullwaveform.errors import WaveformFileError
 from fullwaveform.formats.blocks import FloatArray, PulseGeometry, ShotAttributes
+from fullwaveform.formats.las_compression import (
+    check_compression,
+    check_scanner_channels,
+    decoder_trouble_told,
+    decompressors,
+    scanner_channels,
+)
 from fullwaveform.formats.las_waveform_packets import (
     PACKET_RECORD_ID,
     RECORD_HEADER_SIZE,
@@ -46,12 +53,8 @@ def open_las(path: Path) -> tuple[laspy.LasReader, dict[int, int]]:
         If it is not a whole LAS file with waveform points.
     """
     _check_extent_of_header(path)
-    try:
-        reader = laspy.open(path, read_evlrs=False)
-    except OSError:
-        raise
-    except Exception as error:  # laspy lets through whatever its parsing steps raise
-        raise WaveformFileError(f"{path} is not a readable LAS file: {error}") from error
+    with decoder_trouble_told(f"{path} is not a readable LAS file"):
+        reader = laspy.open(path, read_evlrs=False, laz_backend=decompressors())
     try:
         _check_header(reader.header, path)
         records, starts = _read_extended_records(reader.header, path)
@@ -96,6 +99,7 @@ def _check_header(header: laspy.LasHeader, path: Path) -> None:
             "be finite, scales not 0"
         )
     if header.are_points_compressed:
+        check_compression(header, path)
         return
     there = (path.stat().st_size - header.offset_to_point_data) // point_format.size
     if there < header.point_count:
@@ -150,12 +154,15 @@ class Survey:
 def survey(reader: laspy.LasReader, path: Path) -> Survey:
     """Read all points once, chunk by chunk, for what has to be known before the first block."""
     used = np.zeros(256, dtype=bool)
+    channels: set[int] = set()
     ascending, last_time = True, -np.inf
     times: tuple[float, float] = (np.inf, -np.inf)
     offsets: tuple[int, int] = (2**64, -1)
     for points in _in_file_order(reader, path, _SURVEY_CHUNK):
         gps_time, index = points["gps_time"], points["wavepacket_index"]
         used[index] = True
+        if reader.header.are_points_compressed:
+            check_scanner_channels(channels := channels | scanner_channels(points), path)
         # Written so that a NaN anywhere makes it false.
         ascending = ascending and bool(gps_time[0] >= last_time and (np.diff(gps_time) >= 0).all())
         last_time = gps_time[-1]
@@ -201,16 +208,10 @@ def _in_file_order(reader: laspy.LasReader, path: Path, chunk: int) -> Iterator[
     total = reader.header.point_count
     for start in range(0, total, chunk):
         expected = min(chunk, total - start)
-        try:
+        with decoder_trouble_told(f"{path}: cannot read the points from {start} on"):
             if start == 0 or reader.points_read != start:  # another pass may be under way
                 reader.seek(start)
             points: Points = reader.read_points(expected).array
-        except OSError:
-            raise
-        except Exception as error:  # laspy and the decompressors behind it have many kinds
-            raise WaveformFileError(
-                f"{path}: cannot read the points from {start} on: {error}"
-            ) from error
         if len(points) != expected:
             raise WaveformFileError(
                 f"{path} is cut off: the header announces {total} points, {start + len(points)} "

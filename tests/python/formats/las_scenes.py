@@ -108,6 +108,14 @@ def shuffled(path: Path, target: Path, order: Sequence[int]) -> Path:
     return target
 
 
+def compressed(path: Path, target: Path) -> Path:
+    """The same file with compressed points, with its packets beside it."""
+    laspy.read(path).write(target, do_compress=True)
+    if path.with_suffix(".wdp").exists() and path.stem != target.stem:
+        target.with_suffix(".wdp").write_bytes(path.with_suffix(".wdp").read_bytes())
+    return target
+
+
 def data_folder() -> Path:
     """Where the records of real scanners are, if they are there at all."""
     beside = Path(__file__).resolve().parents[3] / ".." / "shared" / "data"

@@ -169,10 +169,10 @@ def test_files_that_are_no_whole_las_files(tmp_path: Path) -> None:
         (whole[:-1], "announces 4 points, 3 are there"),
         (whole[:100] + struct.pack("<I", 4_000_000_000) + whole[104:], "variable records"),
         (whole[:131] + struct.pack("<d", 0.0) + whole[139:], "scales"),
-        (whole[:104] + b"\x84" + whole[105:], "cannot read the points|not a readable LAS file"),
+        (whole[:104] + b"\x84" + whole[105:], "table of its compressed chunks"),
     ]:
         path.write_bytes(content)
-        assert any(word in message_of(path) for word in words.split("|")), words
+        assert words in message_of(path)
 
 
 def test_extended_records_that_reach_beyond_the_file(tmp_path: Path) -> None:
