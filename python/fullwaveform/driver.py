@@ -178,7 +178,7 @@ class Driver:
             ),
         )
         self._check_lengths(arguments[0])
-        result = self._driver.apply(samples, *arguments, _checked_noise(noise), text)
+        result = self._driver.apply(samples, *arguments, checked_noise(noise), text)
         forward_messages()
         return _result(result)
 
@@ -197,6 +197,8 @@ class Driver:
 def checked_mode(mode: Mode | int) -> Mode:
     """The mode; ValueError when there is none of that number."""
     try:
+        if isinstance(mode, bool):
+            raise ValueError
         return Mode(mode)
     except ValueError:
         raise ValueError(f"mode {mode!r} is none of 0, 1, 2, 3") from None
@@ -273,7 +275,8 @@ def _checked_longest(longest: int, deconvolves: bool) -> int:
     return int(longest)
 
 
-def _checked_noise(noise: int) -> int:
+def checked_noise(noise: int) -> int:
+    """Noise level in counts, -1 for an estimate; ValueError when it is neither."""
     if isinstance(noise, bool) or not isinstance(noise, int | np.integer):
         raise ValueError(f"noise must be an integer in counts, not {noise!r}")
     if noise > _LARGEST_COUNT:

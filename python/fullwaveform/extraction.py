@@ -11,6 +11,7 @@ import numpy.typing as npt
 
 from fullwaveform.driver import DECONVOLVING_MODES, LONGEST_DECONVOLUTION, Driver, Mode, Result
 from fullwaveform.formats.blocks import EchoTable, FloatArray, WaveformBlock
+from fullwaveform.formats.empty_waveforms import with_empty_waveforms
 from fullwaveform.placement import placed
 from fullwaveform.scanner import Scanner
 from fullwaveform.waveform_table import (
@@ -31,6 +32,7 @@ class ExtractionSettings:
     scanner: Scanner
     mode: Mode = Mode.THREE_POINT
     noise: int = -1  # counts; negative: estimated for every waveform
+    keep_empty: bool = False  # whether waveforms without echoes have a row among the echoes
 
 
 @dataclass
@@ -102,8 +104,11 @@ class Extractor:
         left_out = int(np.count_nonzero(~finite))
         rows, peaks = rows[finite], {name: column[finite] for name, column in peaks.items()}
         enter_echoes(waveforms, rows)
+        echoes = placed(block, rows, peaks)
+        if self.settings.keep_empty:
+            echoes = with_empty_waveforms(echoes, block)
         tally = _tally(waveforms, left_out, records)
-        return ExtractedBlock(placed(block, rows, peaks), waveforms, tally, "".join(records))
+        return ExtractedBlock(echoes, waveforms, tally, "".join(records))
 
     def _of_interval(
         self, block: WaveformBlock, interval: float, rows: npt.NDArray[np.int64]

@@ -8,6 +8,7 @@ from enum import IntEnum
 
 import numpy as np
 import numpy.typing as npt
+import pyarrow as pa
 
 from fullwaveform.driver import LONGEST_DECONVOLUTION, Result, RowState
 from fullwaveform.formats.blocks import FloatArray, WaveformBlock
@@ -64,6 +65,26 @@ class WaveformTable:
 
     def __len__(self) -> int:
         return len(self.state)
+
+
+_UNITS = {
+    "waveform_number": (pa.int64(), "1"),
+    "shot_time": (pa.float64(), "s"),
+    "gps_time": (pa.float64(), "s"),
+    "channel_flag": (pa.uint8(), "1"),
+    "sample_count": (pa.uint16(), "samples"),
+    "sampling_interval": (pa.float64(), "s"),
+    "noise": (pa.float64(), "counts"),
+    "max_amplitude": (pa.float64(), "counts"),
+    "max_position": (pa.float64(), "samples"),
+    "segment_count": (pa.int64(), "1"),
+    "echo_count": (pa.int64(), "1"),
+    "state": (pa.uint8(), "1"),
+}
+#: Names, types and, in the metadata of each field, units of the columns.
+WAVEFORM_SCHEMA = pa.schema(
+    [pa.field(name, kind, metadata={"unit": unit}) for name, (kind, unit) in _UNITS.items()]
+)
 
 
 def waveform_table(block: WaveformBlock) -> WaveformTable:

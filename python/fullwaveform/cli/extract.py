@@ -85,6 +85,7 @@ def extract(
             scanner=_scanner(scanner, chosen_after_pulse),
             mode=chosen_mode,
             noise=level,
+            keep_empty=keep_empty,
         )
         check_system_wave(settings.mode, settings.scanner)
         with open_waveforms(source, waveforms_per_block=block, channel_flags=channels) as reader:

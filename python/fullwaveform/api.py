@@ -1,0 +1,204 @@
+"""The short way: a file in, tables of echoes and waveforms out."""
+
+from __future__ import annotations
+
+import os
+from collections.abc import Iterable, Mapping
+from dataclasses import fields, is_dataclass
+from pathlib import Path
+from typing import TYPE_CHECKING, Any, TypeVar, cast
+
+import laspy
+import numpy as np
+import pyarrow as pa
+
+from fullwaveform.columns import Columns
+from fullwaveform.driver import Mode, check_system_wave, checked_mode, checked_noise
+from fullwaveform.extraction import ExtractedBlock, ExtractionSettings, ExtractionTally
+from fullwaveform.formats.blocks import EchoTable, ReadTally, WaveformBlock
+from fullwaveform.formats.echo_columns import ECHO_COLUMNS, echo_table_to_arrow
+from fullwaveform.formats.echo_files import open_echo_file
+from fullwaveform.formats.opening import WaveformReader, open_waveforms
+from fullwaveform.pipeline import available_workers, extracted_blocks
+from fullwaveform.scanner import Scanner
+from fullwaveform.waveform_table import WAVEFORM_SCHEMA, WaveformTable
+
+if TYPE_CHECKING:
+    import pandas as pd
+
+Source = str | os.PathLike[str] | WaveformReader | WaveformBlock | Iterable[WaveformBlock]
+_Table = TypeVar("_Table", EchoTable, WaveformTable)
+
+
+class Extraction:
+    """Echoes of a whole source, and what became of each of its waveforms.
+
+    peaks : one row per echo, shot by shot along the flight of light: ``x``, ``y``, ``z``
+        (coordinate units of the file; NaN where it has none), ``gps_time`` (s), ``echo_number``,
+        ``echo_count``, ``amplitude_counts``, ``amplitude_db``, ``width_ns``, ``position``
+        (samples), ``echo_type``, ``quality``, ``reflectance`` (dB), ``time`` (s),
+        ``waveform_number``, ``channel_flag``
+    waveforms : one row per waveform in the order of the file: ``waveform_number``, ``shot_time``
+        (s), ``gps_time`` (s), ``channel_flag``, ``sample_count``, ``sampling_interval`` (s),
+        ``noise`` and ``max_amplitude`` (counts), ``max_position`` (samples), ``segment_count``,
+        ``echo_count``, ``state`` (a `WaveformState`)
+    tally : the extraction in numbers
+    read : what the reader met; empty for a source of blocks
+    """
+
+    def __init__(
+        self,
+        blocks: list[ExtractedBlock],
+        header: laspy.LasHeader | None,
+        read: ReadTally,
+    ) -> None:
+        if not blocks:
+            raise ValueError("the source holds no waveforms")
+        self._echoes = _joined([block.echoes for block in blocks])
+        self._waveforms = _joined([block.waveforms for block in blocks])
+        self._header = header
+        self.read = read
+        self.tally = ExtractionTally()
+        for block in blocks:
+            self.tally.add(block.tally)
+
+    def __repr__(self) -> str:
+        return f"Extraction({self.tally.echoes} echoes of {self.tally.waveforms} waveforms)"
+
+    @property
+    def peaks(self) -> Columns:
+        """The echoes as NumPy columns of length m."""
+        return Columns({column.name: column.values(self._echoes) for column in ECHO_COLUMNS})
+
+    @property
+    def waveforms(self) -> Columns:
+        """The waveforms as NumPy columns of length n."""
+        return Columns({name: getattr(self._waveforms, name) for name in WAVEFORM_SCHEMA.names})
+
+    def to_arrow(self, table: str = "peaks") -> pa.Table:
+        """One of the tables, "peaks" or "waveforms", with units in the metadata of its fields."""
+        if table == "peaks":
+            return echo_table_to_arrow(self._echoes)
+        if table == "waveforms":
+            return pa.table(dict(self.waveforms), schema=WAVEFORM_SCHEMA)
+        raise ValueError(f"table {table!r} is neither 'peaks' nor 'waveforms'")
+
+    def to_pandas(self, table: str = "peaks") -> pd.DataFrame:
+        """One of the tables, "peaks" or "waveforms"; ImportError where pandas is missing."""
+        return cast("pd.DataFrame", self.to_arrow(table).to_pandas())
+
+    def to_las(self, path: str | os.PathLike[str]) -> int:
+        """Write the echoes as points of a LAS or LAZ file; see `write`.
+
+        Raises ValueError also when the path ends otherwise.
+        """
+        if Path(path).suffix.lower() not in (".las", ".laz"):
+            raise ValueError(f"{path} must end in .las or .laz")
+        return self.write(path)
+
+    def write(self, path: str | os.PathLike[str]) -> int:
+        """Write the echoes to a file of the kind that its ending says.
+
+        Returns
+        -------
+        Echoes written. Those whose coordinates a LAS file cannot hold are left out.
+
+        Raises
+        ------
+        ValueError
+            No kind of file has the ending.
+        OSError
+            The file cannot be written.
+        """
+        with open_echo_file(path, self._header) as writer:
+            writer.write(self._echoes)
+        return writer.count
+
+
+def extract(
+    source: Source,
+    *,
+    mode: Mode | int = Mode.THREE_POINT,
+    scanner: Scanner | str | os.PathLike[str] | None = None,
+    noise: int = -1,
+    channel_flags: Mapping[int, int] | int = 1,
+    workers: int | None = None,
+    keep_empty: bool = False,
+) -> Extraction:
+    """Extract the echoes of a file, an open reader, or blocks of waveforms.
+
+    All echoes are held in memory; for files that are larger, go through `fullwaveform.open` block
+    by block or use the command line.
+
+    Parameters
+    ----------
+    source
+        The path of a file in any format that `fullwaveform.open` knows, an open reader, a
+        `WaveformBlock` or several of them. Arrays are for `Driver`.
+    mode
+        0 three-point Gauss fit, 1 decomposition, 2 deconvolution, 3 hybrid.
+    scanner
+        The scanner's description, or the path of its TOML file; the documented default when left
+        out.
+    noise
+        Noise level in counts, 0 to 65535; negative: estimated for every waveform.
+    channel_flags
+        Channel of the waveforms of a file (1 low power, 0 the other), one for all or by packet
+        descriptor or channel number.
+    workers
+        Threads; all processors when left out. The result does not depend on it.
+    keep_empty
+        Whether waveforms without echoes have a row in `peaks`, too, with ``echo_number`` 0 and NaN.
+
+    Raises
+    ------
+    OSError
+        A file cannot be opened.
+    WaveformFileError
+        A file does not hold what its format promises.
+    ValueError
+        For arguments that make no sense, and for a source without waveforms.
+    """
+    settings = ExtractionSettings(
+        scanner=_scanner(scanner),
+        mode=checked_mode(mode),
+        noise=checked_noise(noise),
+        keep_empty=keep_empty,
+    )
+    check_system_wave(settings.mode, settings.scanner)
+    threads = available_workers() if workers is None else workers
+    if isinstance(source, str | os.PathLike):
+        with open_waveforms(source, channel_flags=channel_flags) as reader:
+            return _of_reader(reader, settings, threads)
+    if hasattr(source, "blocks"):
+        return _of_reader(cast(WaveformReader, source), settings, threads)
+    if isinstance(source, np.ndarray):
+        raise ValueError("an array has no times and places: give it to Driver, or make blocks")
+    blocks = [source] if isinstance(source, WaveformBlock) else cast(Iterable[Any], source)
+    return Extraction(list(extracted_blocks(blocks, settings, threads)), None, ReadTally())
+
+
+def _scanner(scanner: Scanner | str | os.PathLike[str] | None) -> Scanner:
+    if scanner is None:
+        return Scanner.default()
+    return scanner if isinstance(scanner, Scanner) else Scanner.from_toml(Path(scanner))
+
+
+def _of_reader(reader: WaveformReader, settings: ExtractionSettings, workers: int) -> Extraction:
+    blocks = list(extracted_blocks(reader.blocks(), settings, workers))
+    return Extraction(blocks, reader.header, reader.tally)
+
+
+def _joined(tables: list[_Table]) -> _Table:
+    """One table of the rows of all, column by column."""
+    return cast(_Table, _joined_dataclasses(tables))
+
+
+def _joined_dataclasses(tables: list[Any]) -> Any:
+    columns = []
+    for column in fields(tables[0]):
+        parts = [getattr(table, column.name) for table in tables]
+        columns.append(
+            _joined_dataclasses(parts) if is_dataclass(parts[0]) else np.concatenate(parts)
+        )
+    return type(tables[0])(*columns)

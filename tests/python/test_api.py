@@ -1,0 +1,170 @@
+"""The short way from a file to tables, on constructed scans."""
+
+from __future__ import annotations
+
+from collections.abc import Callable
+from pathlib import Path
+from typing import Any
+
+import laspy
+import numpy as np
+import pyarrow as pa
+import pytest
+
+import fullwaveform
+from fullwaveform import Extraction, Mode, Scanner, WaveformState
+from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
+
+from .command_line import run
+from .test_extraction import Packet, block_of
+from .test_extraction import record as samples_of
+
+
+@pytest.fixture(scope="module")
+def scan(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    folder = tmp_path_factory.mktemp("scan")
+    return write_scan(simulate_scan(ScanSettings(shots=300)), folder / "scan.las").las
+
+
+def of_blocks(**options: Any) -> Extraction:
+    """Two blocks: a waveform with echoes at samples 10 and 30, a silent one, one with one echo."""
+    first = block_of(
+        [Packet(samples_of({10: 80, 30: 90}), shot=1.0), Packet(samples_of({}), shot=2.0)]
+    )
+    second = block_of([Packet(samples_of({20: 70}), shot=3.0)])
+    return fullwaveform.extract([first, second], noise=10, **options)
+
+
+def test_tables_of_constructed_blocks() -> None:
+    result = of_blocks()
+    assert repr(result) == "Extraction(3 echoes of 3 waveforms)"
+    peaks, waveforms = result.peaks, result.waveforms
+    assert peaks["position"].tolist() == [10.0, 30.0, 20.0]
+    # 0.15 m per ns below the anchor at 300 m
+    np.testing.assert_allclose(peaks["z"], [298.5, 295.5, 297.0], rtol=0, atol=1e-9)
+    np.testing.assert_allclose(peaks["amplitude_counts"], [80, 90, 70], rtol=1e-6)
+    assert waveforms["echo_count"].tolist() == [2, 0, 1]
+    assert waveforms["state"].tolist() == [
+        WaveformState.WITH_ECHOES,
+        WaveformState.SIGNAL_TOO_LOW,
+        WaveformState.WITH_ECHOES,
+    ]
+    assert waveforms["max_amplitude"].tolist()[::2] == [90.0, 70.0]
+    assert waveforms["max_position"].tolist()[::2] == [30.0, 20.0]
+    assert np.isnan(waveforms["max_amplitude"][1])
+    assert waveforms["noise"].tolist()[::2] == [10.0, 10.0]
+    assert (result.tally.waveforms, result.tally.echoes) == (3, 3)
+
+
+def test_waveforms_without_echoes_are_kept_when_asked_for() -> None:
+    peaks = of_blocks(keep_empty=True).peaks
+    assert peaks["echo_number"].tolist() == [1, 2, 0, 1]
+    assert peaks["waveform_number"].tolist() == [70, 70, 71, 70]
+    assert np.isnan(peaks["z"]).tolist() == [False, False, True, False]
+
+
+def test_units_travel_with_the_tables() -> None:
+    result = of_blocks()
+    peaks, waveforms = result.to_arrow(), result.to_arrow("waveforms")
+    assert (peaks.num_rows, waveforms.num_rows) == (3, 3)
+    assert peaks.schema.field("width_ns").metadata[b"unit"] == b"ns"
+    assert waveforms.schema.field("sampling_interval").metadata[b"unit"] == b"s"
+    assert waveforms.column("sampling_interval").to_pylist() == [1e-9] * 3
+    with pytest.raises(ValueError, match="table 'shots' is neither 'peaks' nor 'waveforms'"):
+        result.to_arrow("shots")
+
+
+def test_pandas() -> None:
+    pandas = pytest.importorskip("pandas")
+    frame = of_blocks().to_pandas()
+    assert isinstance(frame, pandas.DataFrame)
+    assert frame["position"].tolist() == [10.0, 30.0, 20.0]
+    assert len(of_blocks().to_pandas("waveforms")) == 3
+
+
+def test_file_gives_what_the_command_line_writes(scan: Path, tmp_path: Path) -> None:
+    result = fullwaveform.extract(scan, mode=Mode.DECOMPOSITION, noise=20, channel_flags={2: 0})
+    assert result.to_las(tmp_path / "api.las") == result.peaks.rows > 300
+    call = ["extract", scan, "-o", tmp_path / "cli.las", "--mode", "1", "--noise", "20"]
+    assert run(*call, "--channel", "2=high", "-q").exit_code == 0
+    assert (tmp_path / "api.las").read_bytes() == (tmp_path / "cli.las").read_bytes()
+    assert result.read.waveforms == result.waveforms.rows == result.tally.waveforms
+
+
+def test_reader_and_its_blocks(scan: Path) -> None:
+    whole = fullwaveform.extract(scan, noise=20).to_arrow()
+    with fullwaveform.open(scan, waveforms_per_block=64) as reader:
+        assert fullwaveform.extract(reader, noise=20, workers=2).to_arrow().equals(whole)
+        assert fullwaveform.extract(reader.blocks(), noise=20).to_arrow().equals(whole)
+        first = next(iter(reader.blocks()))
+    part = fullwaveform.extract(first, noise=20).to_arrow()
+    assert part.equals(whole.slice(0, part.num_rows))
+    assert 0 < part.num_rows < whole.num_rows
+
+
+def test_other_files_by_their_ending(tmp_path: Path) -> None:
+    result = of_blocks()
+    assert result.write(tmp_path / "echoes.parquet") == 3
+    table = pa.parquet.read_table(tmp_path / "echoes.parquet")
+    assert table.column("position").to_pylist() == [10.0, 30.0, 20.0]
+    assert result.to_las(tmp_path / "echoes.laz") == 3
+    assert len(laspy.read(tmp_path / "echoes.laz")) == 3
+
+
+def test_scanner_by_its_file(tmp_path: Path, scan: Path) -> None:
+    lines = ['"Scanner Group Velocity" = 299708256.0', '"Scanner Serial Number" = "S1"']
+    lines += ['"Scanner Type" = "T"', '"Wavelength[nm]" = 1064.0', "UnambiguousRange = 1000.0"]
+    lines += ["reflectance_calculation_delta = 0.1", "ampl_unit = 10.0"]
+    lines += ["reflectance_calculation_table = []"]
+    path = tmp_path / "scanner.toml"
+    path.write_text("\n".join(lines), encoding="utf-8")
+    described = fullwaveform.extract(scan, scanner=path, noise=20).peaks
+    plain = fullwaveform.extract(scan, noise=20).peaks
+    # Counts are multiplied by ten: 20 dB more.
+    np.testing.assert_allclose(
+        described["amplitude_db"] - plain["amplitude_db"], 20.0, rtol=0, atol=1e-4
+    )
+
+
+WRONG: dict[str, tuple[Callable[[Path], object], str]] = {
+    "mode": (lambda scan: fullwaveform.extract(scan, mode=4), "mode 4 is none of 0, 1, 2, 3"),
+    "true": (lambda scan: fullwaveform.extract(scan, mode=True), "mode True is none of"),
+    "noise": (lambda scan: fullwaveform.extract(scan, noise=70_000), "noise 70000 is above"),
+    "workers": (lambda scan: fullwaveform.extract(scan, workers=0), "workers is 0"),
+    "wave": (lambda scan: fullwaveform.extract(scan, mode=2), "needs the scanner's system wave"),
+    "array": (
+        lambda scan: fullwaveform.extract(np.zeros((3, 80), np.uint16)),
+        "an array has no times and places: give it to Driver",
+    ),
+    "nothing": (lambda scan: fullwaveform.extract([]), "the source holds no waveforms"),
+    "ending": (
+        lambda scan: fullwaveform.extract(scan).write(scan.with_suffix(".xls")),
+        "scan.xls must end in .las",
+    ),
+    "no LAS": (
+        lambda scan: fullwaveform.extract(scan).to_las(scan.with_suffix(".csv")),
+        "scan.csv must end in .las or .laz",
+    ),
+}
+
+
+@pytest.mark.parametrize(("call", "sentence"), WRONG.values(), ids=WRONG)
+def test_wrong_calls(scan: Path, call: Callable[[Path], object], sentence: str) -> None:
+    with pytest.raises(ValueError, match=sentence):
+        call(scan)
+
+
+def test_missing_file(tmp_path: Path) -> None:
+    with pytest.raises(FileNotFoundError, match="no_such"):
+        fullwaveform.extract(tmp_path / "no_such.las")
+    with pytest.raises(ValueError, match="the table deconvolution must hold"):
+        bad = tmp_path / "bad.toml"
+        bad.write_text("[deconvolution]\nwidth = 3", encoding="utf-8")
+        fullwaveform.extract(tmp_path / "no_such.las", scanner=bad)
+
+
+def test_default_scanner_is_the_documented_one() -> None:
+    np.testing.assert_array_equal(
+        of_blocks().peaks["amplitude_db"],
+        of_blocks(scanner=Scanner.default()).peaks["amplitude_db"],
+    )
