@@ -31,7 +31,11 @@ def compare(
 ) -> None:
     """Set extracted echoes beside the discrete returns of the same pulses.
 
-    Example: fullwaveform compare scan.las echoes.las --plot differences.pdf
+    Examples:
+
+        fullwaveform compare scan.las echoes.las
+
+        fullwaveform compare scan.las echoes.las --tolerance 0.5 --plot differences.pdf
     """
     if not (np.isfinite(tolerance) and tolerance > 0):
         raise typer.BadParameter(f"{tolerance} must be above 0 m", param_hint="--tolerance")

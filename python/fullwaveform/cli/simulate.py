@@ -29,7 +29,11 @@ def simulate(
 ) -> None:
     """Write a scan of two channels with overlapping, saturated and missing echoes, and its truth.
 
-    Example: fullwaveform simulate scan.las --shots 5000
+    Examples:
+
+        fullwaveform simulate simulated.las --shots 5000
+
+        fullwaveform simulate noisy.las --shots 500 --samples 160 --noise 4 --seed 7
     """
     if output.suffix.lower() != ".las":
         raise typer.BadParameter(f"{output} must end in .las", param_hint="OUT.las")

@@ -59,7 +59,10 @@ class RunSummary:
             rows.append(("echoes left out", f"{found.echoes_left_out:,}", "not finite"))
         rows += [("messages", f"{count:,}", kind) for kind, count in self.messages.items()]
         rate = read.waveforms / self.seconds if self.seconds > 0 else 0.0
-        rows.append(("echoes written", f"{self.written:,}", ""))
+        label, remark = ("rows written", "echoes, and waveforms without them")
+        if not self.settings.keep_empty:
+            label, remark = ("echoes written", "")
+        rows.append((label, f"{self.written:,}", remark))
         rows.append(("time", f"{self.seconds:.2f} s", f"{rate:,.0f} waveforms per second"))
         return rows
 

@@ -68,7 +68,11 @@ def system_wave(
 ) -> None:
     """Estimate the system wave that deconvolution needs, from the pulses of a file.
 
-    Example: fullwaveform system-wave scan.pls -o scanner.toml --noise 8 --plot wave.png
+    Examples:
+
+        fullwaveform system-wave scan.las -o scanner.toml --source echoes --noise 20
+
+        fullwaveform system-wave pulse.csv --interval 1 -o scanner.toml --order 4 --plot wave.png
     """
     chosen_order, level = _order_from(order), noise_from(noise)
     seconds = None if interval is None else interval / _NANOSECONDS
