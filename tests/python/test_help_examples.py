@@ -7,6 +7,7 @@ import re
 import shlex
 import textwrap
 from importlib import import_module
+from itertools import pairwise
 from pathlib import Path
 
 import numpy as np
@@ -56,7 +57,7 @@ def test_example(example: str, files: Path, monkeypatch: pytest.MonkeyPatch) -> 
     call = shlex.split(example)[1:]
     result = run(*call)
     assert result.exit_code == 0, result.output
-    for name in (word for option, word in zip(call, call[1:], strict=False) if option == "-o"):
+    for name in (word for option, word in pairwise(call) if option == "-o"):
         path = Path(name)
         assert before.get(files / path) != path.stat().st_mtime_ns
         assert path.stat().st_size > 0 if path.is_file() else any(path.iterdir())

@@ -31,7 +31,7 @@ def compare(
 ) -> None:
     """Set extracted echoes beside the discrete returns of the same pulses.
 
-    Examples:
+    Worked examples:
 
         fullwaveform compare scan.las echoes.las
 

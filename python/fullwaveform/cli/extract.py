@@ -68,7 +68,7 @@ def extract(
 ) -> None:
     """Extract echoes from the waveforms of a file.
 
-    Examples:
+    Worked examples:
         fullwaveform extract scan.las -o echoes.las --noise 20
 
         fullwaveform extract scan.las -o echoes.parquet --mode decomposition --keep-empty

@@ -29,7 +29,7 @@ def simulate(
 ) -> None:
     """Write a scan of two channels with overlapping, saturated and missing echoes, and its truth.
 
-    Examples:
+    Worked examples:
 
         fullwaveform simulate simulated.las --shots 5000
 

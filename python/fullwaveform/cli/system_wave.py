@@ -68,7 +68,7 @@ def system_wave(
 ) -> None:
     """Estimate the system wave that deconvolution needs, from the pulses of a file.
 
-    Examples:
+    Worked examples:
 
         fullwaveform system-wave scan.las -o scanner.toml --source echoes --noise 20
 
