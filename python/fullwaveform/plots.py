@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import os
 from collections.abc import Sequence
 from dataclasses import dataclass
 from pathlib import Path
@@ -15,6 +14,8 @@ from matplotlib.backends.backend_agg import FigureCanvasAgg
 from matplotlib.colors import ListedColormap
 from matplotlib.figure import Figure, SubFigure
 from matplotlib.ticker import MaxNLocator
+
+from fullwaveform.formats.atomic import open_when_whole
 
 FloatArray = npt.NDArray[np.float64]
 
@@ -259,9 +260,5 @@ def _style(axes: Axes) -> None:
 
 
 def _save(figure: Figure, path: Path) -> None:
-    part = path.with_name(f".{path.name}.{os.getpid()}.part")
-    try:
-        figure.savefig(part, format=_FORMATS[path.suffix.lower()])
-        part.replace(path)
-    finally:
-        part.unlink(missing_ok=True)
+    with open_when_whole(path) as stream:
+        figure.savefig(stream, format=_FORMATS[path.suffix.lower()])

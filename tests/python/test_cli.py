@@ -221,7 +221,7 @@ def test_bad_option(scan: Path, options: list[str], sentence: str) -> None:
 
 def test_output_must_be_named_and_of_a_known_kind(scan: Path) -> None:
     assert_usage(run("extract", scan), "Missing option '-o'")
-    assert_usage(run("extract", scan, "-o", scan.with_name("e.xls")), "e.xls must end in .las")
+    assert_usage(run("extract", scan, "-o", scan.with_name("e.dat")), "must end in .las,")
 
 
 def test_input_is_never_the_output(scan: Path, original: Path) -> None:

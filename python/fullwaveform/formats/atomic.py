@@ -107,7 +107,9 @@ class OutputFile(io.FileIO):
 
 
 def _output_error(cause: OSError, final: Path) -> OutputError:
-    return OutputError(cause.errno, f"cannot write {final}: {cause.strerror}")
+    # Libraries put words of their own around the system's.
+    why = cause.strerror if cause.errno is None else os.strerror(cause.errno)
+    return OutputError(cause.errno, f"cannot write {final}: {why}")
 
 
 def _told_of(error: OSError, temporary: Path, final: Path) -> OSError:

@@ -5,13 +5,13 @@ from __future__ import annotations
 import os
 from collections.abc import Iterator
 from contextlib import contextmanager
-from typing import BinaryIO
+from pathlib import Path
 
 import laspy
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.formats.atomic import replace_when_whole
+from fullwaveform.formats.atomic import OutputFile, open_when_whole
 from fullwaveform.formats.blocks import EchoTable, FloatArray
 from fullwaveform.formats.file_ends import EchoWriter
 from fullwaveform.formats.las_points import SCAN_ANGLE_UNIT
@@ -36,22 +36,23 @@ class LasEchoWriter(EchoWriter):
     the GPS time and coordinate reference system follow it. Point formats below 6 become format 1,
     the others format 6, both with the extra dimensions amplitude_db, width_ns, position,
     echo_type, quality and reflectance. Without a source: LAS 1.4, format 6, millimetres, offsets
-    near the first echoes. A name ending in ``.laz`` is compressed where laspy has a backend.
+    near the first echoes. A name ending in ``.laz`` is compressed.
 
     The file takes its name when the block ends without an error. Raises OSError if it cannot be
-    written.
+    written, ValueError if it is to be compressed and no compressor is installed.
     """
 
     takes_empty = False
 
     def __init__(self, path: str | os.PathLike[str], source: laspy.LasHeader | None) -> None:
         super().__init__(path)
+        self._compressor = _compressor(self.path) if self._is_compressed else None
         self.not_representable = 0  # echoes left out: no finite coordinate, or beyond 32 bits
         self.saturated_return_numbers = 0  # shots with more echoes than the return number can say
         self._source = source
         self._header = echo_header(source)
         self._return_limit = 7 if self._header.point_format.id < 6 else 15
-        self._stream: BinaryIO | None = None
+        self._stream: OutputFile | None = None
         self._writer: laspy.LasWriter | None = None
 
     def write(self, echoes: EchoTable) -> None:
@@ -73,6 +74,7 @@ class LasEchoWriter(EchoWriter):
         for name, (column, kind, _) in _EXTRA_BYTES.items():
             record[name] = getattr(echoes, column)[kept].astype(kind)
         writer.write_points(record)
+        self._stream.check()
         self.count += len(kept)
         self.not_representable += len(echoes) - len(kept)
 
@@ -93,8 +95,7 @@ class LasEchoWriter(EchoWriter):
 
     @contextmanager
     def _open(self) -> Iterator[None]:
-        with replace_when_whole(self.path) as temporary, temporary.open("wb+") as stream:
-            self._stream = stream
+        with open_when_whole(self.path) as self._stream:
             try:
                 yield
                 writer = self._writer or self._start()
@@ -112,11 +113,29 @@ class LasEchoWriter(EchoWriter):
             self._writer = self._start()
         return self._writer
 
+    @property
+    def _is_compressed(self) -> bool:
+        return self.path.suffix.lower() == ".laz"
+
     def _start(self) -> laspy.LasWriter:
-        compress = self.path.suffix.lower() == ".laz"
         return laspy.open(
-            self._stream, mode="w", header=self._header, do_compress=compress, closefd=False
+            self._stream,
+            mode="w",
+            header=self._header,
+            do_compress=self._is_compressed,
+            laz_backend=self._compressor,
+            closefd=False,
         )
+
+
+def _compressor(path: Path) -> laspy.LazBackend:
+    available = laspy.LazBackend.detect_available()
+    if not available:
+        raise ValueError(
+            f"{path} cannot be compressed: no compressor for .laz is installed; install one with "
+            "pip install lazrs, or write .las"
+        )
+    return available[0]
 
 
 def echo_header(source: laspy.LasHeader | None) -> laspy.LasHeader:

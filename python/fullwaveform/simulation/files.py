@@ -2,9 +2,9 @@
 
 from __future__ import annotations
 
-import os
 import struct
 from collections.abc import Callable
+from contextlib import ExitStack
 from datetime import UTC, datetime, timedelta
 from pathlib import Path
 from typing import NamedTuple
@@ -14,6 +14,7 @@ import numpy as np
 import numpy.typing as npt
 from laspy.vlrs.known import WktCoordinateSystemVlr
 
+from fullwaveform.formats.atomic import replace_when_whole
 from fullwaveform.simulation.points import NO_PACKET, DiscretePoints, discrete_points
 from fullwaveform.simulation.settings import ScanSettings
 from fullwaveform.simulation.truth import write_truth
@@ -85,15 +86,11 @@ def write_scan(scan: SimulatedScan, path_las: Path | str, *, point_format: int =
 
 def _write_all_or_nothing(writers: dict[Path, Callable[[Path], None]]) -> None:
     """Writes every file under a temporary name in its folder, then renames them in their order."""
-    parts = {path: path.with_name(f".{path.name}.{os.getpid()}.part") for path in writers}
-    try:
+    with ExitStack() as stack:
+        # A stack ends in reverse order: the file entered first is renamed last.
+        parts = {path: stack.enter_context(replace_when_whole(path)) for path in reversed(writers)}
         for path, write in writers.items():
             write(parts[path])
-        for path, part in parts.items():
-            part.replace(path)
-    finally:
-        for part in parts.values():
-            part.unlink(missing_ok=True)
 
 
 def _write_packets(scan: SimulatedScan, path: Path) -> None:
@@ -102,7 +99,7 @@ def _write_packets(scan: SimulatedScan, path: Path) -> None:
     description = b"Simulated waveforms"
     with path.open("wb") as file:
         file.write(RECORD_HEADER.pack(0, b"LASF_Spec", _PACKET_RECORD, samples.nbytes, description))
-        samples.tofile(file)
+        file.write(samples.data)
 
 
 def _write_points(scan: SimulatedScan, path: Path, point_format: int) -> None:

@@ -10,7 +10,7 @@ from matplotlib.axes import Axes
 from matplotlib.backends.backend_agg import FigureCanvasAgg
 from matplotlib.figure import Figure
 
-from fullwaveform.formats.atomic import replace_when_whole
+from fullwaveform.formats.atomic import open_when_whole
 from fullwaveform.system_wave.curve import FloatArray
 from fullwaveform.system_wave.fitting import WINDOW_SAMPLES, SystemWave
 
@@ -38,8 +38,8 @@ def draw_system_wave(path: str | os.PathLike[str], wave: SystemWave) -> None:
     position = _shown(wave)
     _draw_curves(upper, wave, position)
     _draw_difference(lower, wave, position)
-    with replace_when_whole(final) as temporary:
-        figure.savefig(temporary, format=kind)
+    with open_when_whole(final) as stream:
+        figure.savefig(stream, format=kind)
 
 
 def _shown(wave: SystemWave) -> FloatArray:
