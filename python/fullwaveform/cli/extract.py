@@ -69,6 +69,7 @@ def extract(
     """Extract echoes from the waveforms of a file.
 
     Worked examples:
+
         fullwaveform extract scan.las -o echoes.las --noise 20
 
         fullwaveform extract scan.las -o echoes.parquet --mode decomposition --keep-empty
