@@ -12,6 +12,7 @@ from pathlib import Path
 
 import numpy as np
 import numpy.typing as npt
+from numpy.lib.stride_tricks import sliding_window_view
 
 from fullwaveform.errors import WaveformFileError
 from fullwaveform.formats.pulsewaves_descriptors import PulseDescriptor, SamplingDescriptor
@@ -20,7 +21,6 @@ WAVES_SIGNATURE = b"PulseWavesWaves"
 WAVES_HEADER_SIZE = 60  # bytes; offsets of pulses count from the start of this header
 
 _HEADER = struct.Struct("<16sI")
-_GATHERED_AT_A_TIME = 1 << 20  # samples; their places take eight bytes each meanwhile
 
 IntArray = npt.NDArray[np.int64]
 Chosen = npt.NDArray[np.bool_]
@@ -100,16 +100,18 @@ class WaveData:
         Samples (n, longest row), zero behind the end of shorter rows.
         """
         samples = np.zeros((len(starts), int(counts.max(initial=0))), dtype=np.uint16)
-        column = np.arange(samples.shape[1])
-        step = max(1, _GATHERED_AT_A_TIME // max(1, samples.shape[1]))
-        for first in range(0, len(starts), step):
-            rows = slice(first, first + step)
-            there = column < counts[rows, np.newaxis]
-            places = starts[rows, np.newaxis] + column * sample_bytes[rows, np.newaxis]
-            wide = there & (sample_bytes[rows, np.newaxis] == 2)
-            part = samples[rows]
-            part[there] = self._bytes[places[there]]
-            part[wide] += self._bytes[places[wide] + 1].astype(np.uint16) << 8
+        # Rows of equal layout are copied as a whole; few layouts are usual, many are possible.
+        layout = 2 * counts + (sample_bytes == 2)
+        order = np.argsort(layout, kind="stable")
+        for rows in np.split(order, np.flatnonzero(np.diff(layout[order])) + 1):
+            count = int(counts[rows[0]]) if len(rows) else 0
+            if count == 0:
+                continue
+            width = int(sample_bytes[rows[0]])
+            raw = np.ascontiguousarray(
+                sliding_window_view(self._bytes, count * width)[starts[rows]]
+            )
+            samples[rows, :count] = raw if width == 1 else raw.view("<u2")
         return samples
 
 
