@@ -12,41 +12,17 @@ from typing import Any
 
 from fullwaveform import _core
 from fullwaveform.console import forward_messages
+from fullwaveform.scanner_attributes import (
+    ALL_ATTRIBUTES,
+    SBL_ATTRIBUTES,
+    SCANNER_ATTRIBUTES,
+    SYSTEM_WAVE,
+    AttributeValue,
+    checked_attributes,
+    plain_value,
+)
 
-AttributeValue = float | str | list[float]
-
-# Attribute name -> kind of its values, as the host's grids store them.
-_SCANNER_ATTRIBUTES = {
-    "Scanner Group Velocity": "double",
-    "Scanner Serial Number": "text",
-    "Scanner Build Number": "text",
-    "Scanner Type": "text",
-    "Wavelength[nm]": "float",
-    "UnambiguousRange": "double",
-    "reflectance_calculation_delta": "double",
-    "ampl_unit": "double",
-    "reflectance_calculation_table": "float list",
-}
-_OPTIONAL_SCANNER_ATTRIBUTES = {"Scanner Build Number"}
-_WAVEFORM_ATTRIBUTES = {
-    "WaveformSampleInterval": "double",
-    "a_real": "double list",
-    "a_imag": "double list",
-    "b_real": "double list",
-    "b_imag": "double list",
-}
-_PARTS = ("real", "imag")
-_ABOVE_ZERO = ("Scanner Group Velocity", "ampl_unit", "WaveformSampleInterval")
-_SBL_ATTRIBUTES = {"t_ref": "double"}
-_ALL_ATTRIBUTES = _SCANNER_ATTRIBUTES | _WAVEFORM_ATTRIBUTES | _SBL_ATTRIBUTES
 _DECONVOLUTION_KEYS = {"position_offset", "position_offset_hybrid", "position_spread", "echoes"}
-_KIND_IN_WORDS = {
-    "text": "text",
-    "double": "finite number",
-    "float": "finite number",
-    "double list": "list of finite numbers",
-    "float list": "list of finite numbers",
-}
 
 # Wider than any record is long: the lower bound of the after-pulse window wraps to a huge index and
 # no echo is ever inside.
@@ -114,7 +90,7 @@ class Scanner:
         ValueError
             Attributes are missing, unknown or of a wrong type; one sentence names all of them.
         """
-        return cls(_checked(attributes, "scanner attributes"), after_pulse)
+        return cls(checked_attributes(attributes, "scanner attributes"), after_pulse)
 
     @classmethod
     def from_toml(cls, path: str | Path, *, after_pulse: AfterPulse | None = None) -> Scanner:
@@ -134,7 +110,7 @@ class Scanner:
             It is no TOML, or attributes are missing, unknown or of a wrong type.
         """
         try:
-            content = tomllib.loads(Path(path).read_text(encoding="utf-8"))
+            content = tomllib.loads(Path(path).read_text(encoding="utf-8-sig"))
         except (tomllib.TOMLDecodeError, UnicodeDecodeError) as error:
             raise ValueError(f"scanner description {path} is not a TOML file: {error}") from error
         table = content.pop("after_pulse", None)
@@ -148,7 +124,7 @@ class Scanner:
                 f"scanner description {path}: position_offset is in samples and needs "
                 "WaveformSampleInterval, the interval it was measured at"
             )
-        attributes = _checked(content, f"scanner description {path}")
+        attributes = checked_attributes(content, f"scanner description {path}")
         return _without_surprise(
             cls(
                 attributes,
@@ -186,7 +162,7 @@ class Scanner:
     def has_system_wave(self) -> bool:
         """Whether the exponential sums of the system wave are there."""
         # An attribute without elements counts as missing.
-        return all(self.attributes.get(f"{table}_{part}") for table in "ab" for part in _PARTS)
+        return all(self.attributes.get(name) for name in SYSTEM_WAVE)
 
     def device(self) -> _core.ScannerDevice:
         """The library's own description, read from grids that carry the attributes.
@@ -215,82 +191,24 @@ class Scanner:
         scanner, waveforms = _core.Grid(), _core.Grid()
         values = {"Scanner Build Number": "", "t_ref": 0.0, **self.attributes}
         for name, value in values.items():
-            if name in _SCANNER_ATTRIBUTES:
+            if name in SCANNER_ATTRIBUTES:
                 _store(scanner, "", name, value)
             else:
                 _store(
-                    waveforms, "SBL_Time" if name in _SBL_ATTRIBUTES else "Waveforms", name, value
+                    waveforms, "SBL_Time" if name in SBL_ATTRIBUTES else "Waveforms", name, value
                 )
         return scanner, waveforms
 
 
 def _store(grid: _core.Grid, field_name: str, name: str, value: AttributeValue) -> None:
     values: list[Any] = list(value) if isinstance(value, list) else [value]
-    kind = _ALL_ATTRIBUTES[name]
+    kind = ALL_ATTRIBUTES[name]
     if kind == "text":
         grid.set_text(field_name, name, values)
     elif kind.startswith("float"):
         grid.set_float(field_name, name, values)
     else:
         grid.set_double(field_name, name, values)
-
-
-def _checked(attributes: Mapping[str, Any], origin: str) -> dict[str, AttributeValue]:
-    """The attributes in plain Python types; one ValueError names everything that is wrong."""
-    required = [name for name in _SCANNER_ATTRIBUTES if name not in _OPTIONAL_SCANNER_ATTRIBUTES]
-    problems = []
-    if missing := [name for name in required if name not in attributes]:
-        problems.append("missing: " + ", ".join(missing))
-    if unknown := [name for name in attributes if name not in _ALL_ATTRIBUTES]:
-        problems.append("unknown: " + ", ".join(unknown))
-    result: dict[str, AttributeValue] = {}
-    for name, kind in _ALL_ATTRIBUTES.items():
-        if name not in attributes:
-            continue
-        value = _plain(attributes[name], kind)
-        if value is None:
-            problems.append(
-                f"wrong type: {name} is {attributes[name]!r}, must be a {_KIND_IN_WORDS[kind]}"
-            )
-        else:
-            result[name] = value
-    for table in ("a", "b"):
-        real, imag = result.get(f"{table}_real"), result.get(f"{table}_imag")
-        if (real is None) != (imag is None) or (
-            isinstance(real, list) and isinstance(imag, list) and len(real) != len(imag)
-        ):
-            problems.append(f"{table}_real and {table}_imag must both be there and of equal length")
-    a, b = result.get("a_real"), result.get("b_real")
-    # Tables without elements are none, as in the library.
-    if isinstance(a, list) and isinstance(b, list) and a and b and len(a) != len(b):
-        problems.append(f"a_real has {len(a)} values and b_real {len(b)}, must be equally many")
-    problems += [
-        f"{name} is {result[name]}, must be above 0"
-        for name in _ABOVE_ZERO
-        if isinstance(value := result.get(name), float) and not value > 0.0
-    ]
-    if problems:
-        raise ValueError(f"{origin}: {'; '.join(problems)}")
-    return result
-
-
-def _plain(value: Any, kind: str) -> AttributeValue | None:
-    """The value as text, number or list of numbers; None when it is of another kind."""
-    if kind == "text":
-        return value if isinstance(value, str) else None
-    if kind.endswith("list"):
-        if isinstance(value, str | bytes):
-            return None
-        try:
-            numbers = list(value)
-        except TypeError:  # a single number, also as an array without dimensions
-            return None
-        return [float(n) for n in numbers] if all(map(_is_number, numbers)) else None
-    return float(value) if _is_number(value) else None
-
-
-def _is_number(value: Any) -> bool:
-    return isinstance(value, Real) and not isinstance(value, bool) and math.isfinite(value)
 
 
 def _after_pulse_from_table(table: Any, path: str | Path) -> AfterPulse:
@@ -308,8 +226,8 @@ def _after_pulse_from_table(table: Any, path: str | Path) -> AfterPulse:
 def _offsets_from_table(table: Any, path: str | Path) -> tuple[float, float | None]:
     """The offset, and that of the hybrid where it is stated."""
     known = isinstance(table, dict) and not set(table) - _DECONVOLUTION_KEYS
-    offset = _plain(table.get("position_offset"), "double") if known else None
-    hybrid = _plain(table.get("position_offset_hybrid", 0.0), "double") if known else None
+    offset = plain_value(table.get("position_offset"), "double") if known else None
+    hybrid = plain_value(table.get("position_offset_hybrid", 0.0), "double") if known else None
     if not (isinstance(offset, float) and isinstance(hybrid, float)):
         raise ValueError(
             f"scanner description {path}: the table deconvolution must hold position_offset in "

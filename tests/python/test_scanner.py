@@ -50,6 +50,14 @@ def toml_file(folder: Path, *, type_id: str = "Some scanner", more: str = "") ->
     return path
 
 
+def test_byte_order_mark_is_passed_over(tmp_path: Path) -> None:
+    path = toml_file(tmp_path)
+    plain = Scanner.from_toml(path)
+    path.write_text(path.read_text(encoding="utf-8"), encoding="utf-8-sig")
+    assert path.read_bytes().startswith(b"\xef\xbb\xbf")
+    assert Scanner.from_toml(path) == plain
+
+
 def test_every_attribute_reaches_the_library() -> None:
     device = Scanner.from_attributes(COMPLETE).device()
     assert device.complete

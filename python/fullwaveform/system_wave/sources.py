@@ -222,13 +222,15 @@ def _array(arrays: dict[str, npt.NDArray[Any]], name: str, path: Path) -> npt.ND
 def _columns(path: Path) -> FloatArray:
     """Two columns of numbers, divided by blanks, commas or semicolons; # begins a comment."""
     try:
-        text = path.read_text(encoding="utf-8")
+        text = path.read_text(encoding="utf-8-sig")
     except UnicodeDecodeError as error:
         raise WaveformFileError(f"{path} is not a text in UTF-8: {error}") from error
     lines = (
         line.partition("#")[0].replace(",", " ").replace(";", " ") for line in text.splitlines()
     )
     fields = [line.split() for line in lines if line.strip()]
+    if fields and not any(map(_is_number, fields[0])):
+        fields = fields[1:]  # the names of the columns
     try:
         table = np.array(fields, dtype=np.float64)
     except ValueError as error:
@@ -236,3 +238,11 @@ def _columns(path: Path) -> FloatArray:
     if table.ndim != 2 or table.shape[1] != 2:
         raise ValueError(f"{path}: two columns are needed, time in ns and amplitude")
     return table
+
+
+def _is_number(text: str) -> bool:
+    try:
+        float(text)
+    except ValueError:
+        return False
+    return True

@@ -85,9 +85,19 @@ def test_two_columns(tmp_path: Path) -> None:
     assert list(Input(path, interval=2e-9).records()) == []
 
 
+def test_names_above_the_columns(tmp_path: Path) -> None:
+    """As spreadsheets write them: a byte order mark, names, comma-separated values."""
+    path = tmp_path / "pulse.csv"
+    time = np.arange(0.0, 50.0, 0.25)
+    lines = [f"{t:.2f},{a:.6f}" for t, a in zip(time, shape(time / 2 - 10), strict=True)]
+    path.write_text("\n".join(["time_ns,amplitude", *lines]), encoding="utf-8-sig")
+    assert is_the_pulse(averaged(Input(path, interval=2e-9)), 2e-3)
+
+
 @pytest.mark.parametrize(
     ("content", "rule"),
     [
+        ("time amplitude\nns volts\n1 2\n", "not a table of numbers"),
         ("1 2\n3 four\n", "not a table of numbers"),
         ("1 2\n3\n", "not a table of numbers"),
         ("1 2 3\n4 5 6\n", "two columns are needed"),
