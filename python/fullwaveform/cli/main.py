@@ -17,6 +17,7 @@ _VERBS = {
     "simulate": ("fullwaveform.cli.simulate", "simulate"),
     "compare": ("fullwaveform.cli.compare", "compare"),
     "system-wave": ("fullwaveform.cli.system_wave", "system_wave"),
+    "report": ("fullwaveform.cli.report", "report"),
 }
 
 

@@ -6,6 +6,7 @@ import os
 from collections.abc import Iterator
 from contextlib import contextmanager
 
+import numpy as np
 import pyarrow as pa
 import pyarrow.csv
 
@@ -34,7 +35,7 @@ class CsvEchoWriter(EchoWriter):
             raise ValueError(f"{self.path} is not open for writing")
         self._writer.write_table(echo_table_to_arrow(echoes))
         self._stream.check()
-        self.count += len(echoes)
+        self.count += int(np.count_nonzero(echoes.echo_number))
 
     @contextmanager
     def _open(self) -> Iterator[None]:

@@ -174,7 +174,7 @@ class EchoWriter(ABC):
 
     def __init__(self, path: str | os.PathLike[str]) -> None:
         self.path = Path(path)
-        self.count = 0  # echoes written
+        self.count = 0  # echoes written; rows of waveforms without any do not count
         self._context: AbstractContextManager[None] | None = None
 
     def __enter__(self) -> Self:

@@ -7,6 +7,7 @@ from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
 
 import h5py
+import numpy as np
 import pyarrow as pa
 
 from fullwaveform.formats.atomic import OutputFile, open_when_whole
@@ -44,7 +45,7 @@ class Hdf5EchoWriter(EchoWriter):
             raise ValueError(f"{self.path} is not open for writing")
         self._append(self._chunks.add(echo_table_to_arrow(echoes)))
         self._stream.check()
-        self.count += len(echoes)
+        self.count += int(np.count_nonzero(echoes.echo_number))
 
     @contextmanager
     def _open(self) -> Iterator[None]:

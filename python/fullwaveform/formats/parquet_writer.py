@@ -6,6 +6,7 @@ import os
 from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
 
+import numpy as np
 import pyarrow as pa
 import pyarrow.parquet
 
@@ -48,7 +49,7 @@ class ParquetEchoWriter(EchoWriter):
             raise ValueError(f"{self.path} is not open for writing")
         self._append(self._groups.add(echo_table_to_arrow(echoes)))
         self._stream.check()
-        self.count += len(echoes)
+        self.count += int(np.count_nonzero(echoes.echo_number))
 
     @contextmanager
     def _open(self) -> Iterator[None]:

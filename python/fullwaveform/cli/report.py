@@ -1,0 +1,194 @@
+"""``fullwaveform report``: what the analysis found in single waveforms, as text."""
+
+from __future__ import annotations
+
+from collections.abc import Mapping
+from dataclasses import dataclass, field
+from pathlib import Path
+from typing import Annotated
+
+import numpy as np
+import typer
+
+from fullwaveform.cli.options import after_pulse_from, channel_flags_from, mode_from, noise_from
+from fullwaveform.cli.trouble import told_in_a_sentence
+from fullwaveform.driver import Mode, check_system_wave
+from fullwaveform.formats.atomic import open_when_whole
+from fullwaveform.formats.blocks import WaveformBlock
+from fullwaveform.formats.opening import WaveformReader, open_waveforms
+from fullwaveform.reports import block_reports
+from fullwaveform.scanner import Scanner
+
+
+def report(
+    source: Annotated[
+        Path, typer.Argument(metavar="IN", help="File of waveforms, as for extract.")
+    ],
+    waveform: Annotated[
+        list[int] | None,
+        typer.Option(min=0, metavar="N", help="Running number in the file, from 0; repeatable."),
+    ] = None,
+    time: Annotated[
+        float | None, typer.Option(metavar="T", help="All waveforms of the shot at GPS time T, s.")
+    ] = None,
+    extent: Annotated[
+        bool, typer.Option("--extent", help="One line per waveform: how far its echoes reach.")
+    ] = False,
+    scanner_report: Annotated[
+        bool, typer.Option("--scanner-report", help="The scanner's parameters, before the rest.")
+    ] = False,
+    mode: Annotated[
+        str, typer.Option(help="three-point, decomposition, deconvolution, hybrid, or 0 to 3.")
+    ] = "three-point",
+    noise: Annotated[
+        str, typer.Option(help="Noise level in counts; auto estimates it for every waveform.")
+    ] = "auto",
+    scanner: Annotated[
+        Path | None, typer.Option(help="Scanner description (TOML, attribute names as keys).")
+    ] = None,
+    channel: Annotated[
+        list[str] | None, typer.Option(help="Channel of the packets, as for extract.")
+    ] = None,
+    after_pulse: Annotated[
+        str | None,
+        typer.Option(metavar="OFFSET,WIDTH", help="After-pulse window in samples, or off."),
+    ] = None,
+    output: Annotated[
+        Path | None, typer.Option("-o", "--output", metavar="FILE", help="Else standard output.")
+    ] = None,
+) -> None:
+    """Show what the analysis found in single waveforms: levels, segments, echoes.
+
+    Positions are the library's own: no offset of deconvolved echoes is taken off.
+
+    Worked examples:
+
+        fullwaveform report scan.las --waveform 2 --waveform 40 --noise 20
+
+        fullwaveform report scan.las --waveform 2 --mode decomposition --extent -o extent.txt
+
+        fullwaveform report scan.las --scanner-report
+    """
+    if not (waveform or time is not None or scanner_report):
+        raise typer.BadParameter("say what to report: --waveform, --time or --scanner-report")
+    if extent and not (waveform or time is not None):
+        raise typer.BadParameter("needs --waveform or --time", param_hint="--extent")
+    if output is not None and output.exists() and source.exists() and output.samefile(source):
+        raise typer.BadParameter(f"{output} is the input itself", param_hint="-o")
+    chosen = _Method(mode_from(mode), noise_from(noise), extent)
+    channels = channel_flags_from(channel or [])
+    chosen_after_pulse = after_pulse_from(after_pulse)
+    wanted = _Wanted(set(waveform or ()), time, scanner_report)
+    with told_in_a_sentence():
+        described = (
+            Scanner.default(after_pulse=chosen_after_pulse)
+            if scanner is None
+            else Scanner.from_toml(scanner, after_pulse=chosen_after_pulse)
+        )
+        check_system_wave(chosen.mode, described)
+        text, notes = _report(source, channels, wanted, described, chosen)
+        _deliver(text, output)
+    for note in notes:
+        typer.echo(f"note: {note}", err=True)
+
+
+@dataclass(frozen=True)
+class _Method:
+    """How waveforms are analysed and shown."""
+
+    mode: Mode
+    noise: int
+    extent: bool
+
+
+@dataclass
+class _Wanted:
+    """What is to be reported, and what of it was met."""
+
+    numbers: set[int]
+    time: float | None  # s, GPS time of a shot
+    scanner: bool
+    waveforms: int = 0  # of the file, so far
+    nearest: float = field(default=np.nan)  # s, shot time nearest to the wanted one
+
+    def rows(self, block: WaveformBlock) -> np.ndarray[tuple[int], np.dtype[np.intp]]:
+        """Rows of the block that are wanted."""
+        chosen = np.isin(block.waveform_numbers, list(self.numbers))
+        if self.time is not None and len(block):
+            times = block.attributes.gps_time
+            chosen |= times == self.time
+            self._meet(float(times[np.argmin(np.abs(times - self.time))]))
+        self.waveforms += len(block)
+        return np.flatnonzero(chosen)
+
+    def _meet(self, time: float) -> None:
+        if self.time is not None and not abs(self.nearest - self.time) <= abs(time - self.time):
+            self.nearest = time
+
+    @property
+    def is_complete(self) -> bool:
+        """Whether no later block can hold more; shots of equal time may stand anywhere."""
+        enough = not self.numbers or self.waveforms > max(self.numbers)
+        return self.time is None and enough and self.waveforms > 0
+
+    def check(self, path: Path) -> None:
+        """ValueError if the whole file was visited and something is not there."""
+        if missing := sorted(number for number in self.numbers if number >= self.waveforms):
+            known = (
+                f"its {self.waveforms:,} waveforms are numbered 0 to {self.waveforms - 1}"
+                if self.waveforms
+                else "it has none"
+            )
+            raise ValueError(f"{path} has no waveform {', '.join(map(str, missing))}: {known}")
+        if self.time is not None and self.nearest != self.time:
+            known = f"; the nearest is at {self.nearest!r} s" if self.waveforms else ""
+            raise ValueError(f"{path} has no shot at {self.time!r} s{known}")
+        if self.waveforms == 0:
+            raise ValueError(f"{path} has no waveforms, and so no sampling interval to report")
+
+
+def _report(
+    source: Path,
+    channels: Mapping[int, int],
+    wanted: _Wanted,
+    scanner: Scanner,
+    method: _Method,
+) -> tuple[str, list[str]]:
+    """The text, and a sentence for each waveform that has no report."""
+    with open_waveforms(source, channel_flags=channels) as reader:
+        found, interval = _waveforms(reader, wanted, scanner, method)
+    wanted.check(source)
+    notes = [f"waveform {number}: {state}" for number, text, state in found if text is None]
+    texts = [text for _, text, _ in found if text is not None]
+    if wanted.scanner:
+        texts.insert(0, scanner.at_interval(interval).report().removesuffix("\n"))
+    if not texts:
+        raise ValueError(f"{source}: nothing to report, {'; '.join(notes)}")
+    return "".join(f"{text}\n" for text in texts), notes
+
+
+def _waveforms(
+    reader: WaveformReader, wanted: _Wanted, scanner: Scanner, method: _Method
+) -> tuple[list[tuple[int, str | None, str]], float]:
+    """Reports in the order of the file, and the sampling interval (s) of the first waveform."""
+    found: list[tuple[int, str | None, str]] = []
+    interval = np.nan
+    for block in reader.blocks():
+        rows = wanted.rows(block)
+        if np.isnan(interval) and len(block):
+            interval = float(block.sampling_intervals[rows[0] if len(rows) else 0])
+        found += block_reports(
+            block, rows, scanner, method.mode, method.noise, extent=method.extent
+        )
+        if wanted.is_complete:
+            break
+    return sorted(found, key=lambda one: one[0]), interval
+
+
+def _deliver(text: str, output: Path | None) -> None:
+    if output is None:
+        typer.echo(text, nl=False)
+        return
+    with open_when_whole(output) as stream:
+        stream.write(text.encode("utf-8"))
+    typer.echo(f"result: {output}")
