@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 from collections.abc import Iterator, Mapping
+from importlib import import_module
 from pathlib import Path
 from types import TracebackType
 from typing import Protocol, Self
@@ -12,7 +13,9 @@ import laspy
 
 from fullwaveform.errors import WaveformFileError
 from fullwaveform.formats.blocks import ReadTally, WaveformBlock
+from fullwaveform.formats.container_layout import HDF5_SIGNATURE
 from fullwaveform.formats.las_reader import LasWaveformReader
+from fullwaveform.formats.npz_reader import ZIP_SIGNATURE, NpzReader
 from fullwaveform.formats.pulsewaves_header import PULSE_SIGNATURE
 from fullwaveform.formats.pulsewaves_reader import PulseWavesReader
 from fullwaveform.formats.pulsewaves_waves import WAVES_SIGNATURE
@@ -30,8 +33,8 @@ class WaveformReader(Protocol):
         ...
 
     @property
-    def header(self) -> laspy.LasHeader:
-        """The LAS header that files made of its echoes follow."""
+    def header(self) -> laspy.LasHeader | None:
+        """The LAS header that files made of its echoes follow; None without a place in space."""
         ...
 
     @property
@@ -71,46 +74,74 @@ class WaveformReader(Protocol):
     ) -> None: ...
 
 
+class _Reader(WaveformReader, Protocol):
+    def __init__(
+        self,
+        path: str | os.PathLike[str],
+        *,
+        waveforms_per_block: int,
+        channel_flags: Mapping[int, int] | int,
+    ) -> None: ...
+
+
 def open_waveforms(
     path: str | os.PathLike[str],
     *,
     waveforms_per_block: int = 20_000,
     channel_flags: Mapping[int, int] | int = 1,
-) -> LasWaveformReader | PulseWavesReader:
+    sampling_interval: float | None = None,
+) -> WaveformReader:
     """Open a file of waveforms by what its first bytes say; its name does not matter.
 
     Parameters
     ----------
     path
-        A LAS file with waveforms or the file of pulses (``.pls``) of PulseWaves.
+        A LAS or LAZ file with waveforms, the file of pulses (``.pls``) of PulseWaves, a scan
+        container or a NumPy archive (``.npz``).
     waveforms_per_block, channel_flags
         As the readers take them.
+    sampling_interval
+        s per sample, for a NumPy archive, which may not say it.
 
     Raises
     ------
     OSError
         If a file cannot be opened.
     WaveformFileError
-        If it is of neither format, or does not hold what its format promises.
+        If it is of none of these formats, or does not hold what its format promises.
     ValueError
-        For arguments that make no sense.
+        For arguments that make no sense, as a sampling interval for a file that says its own.
     """
     with Path(path).open("rb") as stream:
         start = stream.read(_LONGEST_SIGNATURE)
+    if start.startswith(ZIP_SIGNATURE):
+        return NpzReader(
+            path,
+            waveforms_per_block=waveforms_per_block,
+            channel_flags=channel_flags,
+            sampling_interval=sampling_interval,
+        )
+    reader = _reader_for(start, Path(path))
+    if sampling_interval is not None:
+        raise ValueError(f"{path} says its sampling interval itself; only an .npz is given one")
+    return reader(path, waveforms_per_block=waveforms_per_block, channel_flags=channel_flags)
+
+
+def _reader_for(start: bytes, path: Path) -> type[_Reader]:
     if start.startswith(_LAS_SIGNATURE):
-        return LasWaveformReader(
-            path, waveforms_per_block=waveforms_per_block, channel_flags=channel_flags
-        )
+        return LasWaveformReader
     if start.startswith(PULSE_SIGNATURE):
-        return PulseWavesReader(
-            path, waveforms_per_block=waveforms_per_block, channel_flags=channel_flags
-        )
+        return PulseWavesReader
+    if start.startswith(HDF5_SIGNATURE):
+        # Loaded when it is wanted: h5py takes longer to load than many a file to read.
+        return import_module("fullwaveform.formats.container_reader").ScanContainerReader  # type: ignore[no-any-return]
     if start.startswith(WAVES_SIGNATURE):
         raise WaveformFileError(
             f"{path} holds the samples of a PulseWaves file; open the file of pulses beside it, "
-            f"{Path(path).with_suffix('.pls').name}"
+            f"{path.with_suffix('.pls').name}"
         )
+    found = f"starts with {start!r}" if start else "is empty"
     raise WaveformFileError(
-        f"{path} is neither a LAS file nor a PulseWaves file: it starts with {start!r}, not with "
-        f"{_LAS_SIGNATURE.decode()} or {PULSE_SIGNATURE.decode()}"
+        f"{path} is no file of waveforms: it {found}; formats that can be read are LAS and LAZ, "
+        "PulseWaves (.pls), scan containers (HDF5) and NumPy archives (.npz)"
     )

@@ -13,7 +13,7 @@ from fullwaveform.errors import WaveformFileError
 from fullwaveform.formats.las_reader import LasWaveformReader
 
 from .las_scenes import FOUR, Point, Scene, compressed, four_shots, patch, read, rows, shuffled
-from .test_passes import same
+from .row_scenes import same
 
 FORMATS = [(4, "1.3"), (5, "1.3"), (9, "1.4"), (10, "1.4")]
 

@@ -2,17 +2,22 @@
 
 from __future__ import annotations
 
+import zipfile
 from pathlib import Path
 
+import h5py
 import pytest
 
 from fullwaveform.errors import WaveformFileError
+from fullwaveform.formats.container_reader import ScanContainerReader
 from fullwaveform.formats.las_reader import LasWaveformReader
+from fullwaveform.formats.npz_reader import NpzReader
 from fullwaveform.formats.opening import WaveformReader, open_waveforms
 from fullwaveform.formats.pulsewaves_reader import PulseWavesReader
 
-from .las_scenes import four_shots, rows
+from .las_scenes import FOUR, compressed, four_shots, rows
 from .pulsewaves_scenes import three_pulses
+from .row_scenes import as_container, as_npz
 
 
 def test_las_under_any_name(tmp_path: Path) -> None:
@@ -41,13 +46,57 @@ def test_file_of_samples(tmp_path: Path) -> None:
         open_waveforms(path)
 
 
-@pytest.mark.parametrize("content", [b"", b"LAS", b"x,y,z\n1,2,3\n"])
-def test_something_else(tmp_path: Path, content: bytes) -> None:
+def test_container_and_archive_under_any_name(tmp_path: Path) -> None:
+    las = four_shots().write(tmp_path / "scan.las")
+    container = as_container(las, tmp_path / "a.npz")
+    archive = as_npz(las, tmp_path / "b.npz").rename(tmp_path / "b.h5")
+    packed = compressed(las, tmp_path / "c.laz").rename(tmp_path / "scan.txt")
+    kinds = {container: ScanContainerReader, archive: NpzReader, packed: LasWaveformReader}
+    for path, kind in kinds.items():
+        with open_waveforms(path) as reader:
+            assert isinstance(reader, kind)
+            assert rows(list(reader.blocks())) == [list(samples) for _, samples in FOUR]
+
+
+@pytest.mark.parametrize(
+    ("content", "found"),
+    [
+        (b"", "is empty"),
+        (b"LAS", "starts with b'LAS'"),
+        (b"x,y,z\n1,2,3\n", r"starts with b'x,y,z\n1,2,3\n'"),
+    ],
+)
+def test_something_else(tmp_path: Path, content: bytes, found: str) -> None:
     path = tmp_path / "other.las"
     path.write_bytes(content)
-    with pytest.raises(WaveformFileError, match=r"other\.las is neither a LAS file nor") as caught:
+    with pytest.raises(WaveformFileError) as caught:
         open_waveforms(path)
-    assert repr(content) in str(caught.value)
+    assert f"other.las is no file of waveforms: it {found};" in str(caught.value)
+    for known in ("LAS and LAZ", "PulseWaves", "HDF5", ".npz"):
+        assert known in str(caught.value)
+
+
+def test_hdf5_and_zip_files_of_another_kind(tmp_path: Path) -> None:
+    with h5py.File(tmp_path / "a.h5", "w") as file:
+        file["amplitude"] = [1.0]
+    with pytest.raises(WaveformFileError, match=r"a\.h5 is an HDF5 file but no scan container"):
+        open_waveforms(tmp_path / "a.h5")
+    with zipfile.ZipFile(tmp_path / "a.zip", "w") as made:
+        made.writestr("letter.txt", "Dear")
+    with pytest.raises(WaveformFileError, match=r"a\.zip holds no array samples"):
+        open_waveforms(tmp_path / "a.zip")
+
+
+def test_interval_is_for_files_that_do_not_say_it(tmp_path: Path) -> None:
+    las = four_shots().write(tmp_path / "scan.las")
+    for path in (las, as_container(las, tmp_path / "a.h5")):
+        with pytest.raises(ValueError, match="says its sampling interval itself"):
+            open_waveforms(path, sampling_interval=1e-9)
+
+
+def test_folder(tmp_path: Path) -> None:
+    with pytest.raises(IsADirectoryError):
+        open_waveforms(tmp_path)
 
 
 def test_missing_file(tmp_path: Path) -> None:

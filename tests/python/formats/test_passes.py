@@ -4,7 +4,6 @@ from __future__ import annotations
 
 from collections import Counter
 from collections.abc import Callable, Iterator
-from dataclasses import fields
 from itertools import pairwise
 from pathlib import Path
 
@@ -18,6 +17,7 @@ from fullwaveform.formats.passes import Pass, UngatheredBlock, last_cut
 
 from .las_scenes import FOUR, Point, Scene, four_shots, rows
 from .pulsewaves_scenes import two_channels
+from .row_scenes import as_container, same
 
 
 def las_file(folder: Path) -> Path:
@@ -51,22 +51,24 @@ def pulsewaves_file(folder: Path) -> Path:
     return two_channels().write(folder / "a.pls")
 
 
-FILES: list[Callable[[Path], Path]] = [las_file, pulsewaves_file]
+def container_file(folder: Path) -> Path:
+    return as_container(pulsewaves_file(folder), folder / "a.h5")
 
 
-def same(one: WaveformBlock, other: WaveformBlock) -> bool:
-    """Whether two blocks are equal, field by field."""
+def npz_file(folder: Path) -> Path:
+    """Two shots of two waveforms, one without a time, one without samples, one at the end."""
+    times = [1.0, 1.0, np.nan, 2.0, 2.0, 2.0, 3.0, np.nan]
+    np.savez(
+        folder / "a.npz",
+        samples=np.arange(24, dtype=np.uint16).reshape(8, 3),
+        counts=[3, 2, 3, 3, 0, 1, 3, 3],
+        shot_times=times,
+        sampling_interval=1e-9,
+    )
+    return folder / "a.npz"
 
-    def equal(a: object, b: object) -> bool:
-        if isinstance(a, np.ndarray):
-            assert isinstance(b, np.ndarray)
-            return a.dtype == b.dtype and np.array_equal(a, b, equal_nan=a.dtype.kind == "f")
-        return all(
-            equal(getattr(a, column.name), getattr(b, column.name))
-            for column in fields(a)  # type: ignore[arg-type]
-        )
 
-    return equal(one, other)
+FILES: list[Callable[[Path], Path]] = [las_file, pulsewaves_file, container_file, npz_file]
 
 
 def test_the_blocks_of_the_scene_and_what_belongs_to_each(tmp_path: Path) -> None:

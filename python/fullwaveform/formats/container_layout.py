@@ -1,0 +1,56 @@
+"""The scan container: an HDF5 file that mirrors the grids of waveforms and of their scanner.
+
+docs/file-formats.md describes it for those who read or write such files with other tools.
+"""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+
+import numpy as np
+
+HDF5_SIGNATURE = b"\x89HDF\r\n\x1a\n"
+FORMAT = "fullwaveform scan"
+VERSION = 1
+
+SCANNER = "scanner"  # the scanner's grid: its attributes
+AFTER_PULSE = "scanner/after_pulse"
+DECONVOLUTION = "scanner/deconvolution"
+REPRESENTATION = "waveforms/StandardCartesianChart3D"  # of the waveforms' grid: its fields
+WAVEFORMS = f"{REPRESENTATION}/Waveforms"
+SBL_TIME = f"{REPRESENTATION}/SBL_Time"
+SPACE = "space"
+LAS = "las"
+
+INTERVAL_ATTRIBUTE = "WaveformSampleInterval"
+REFERENCE_TIME_ATTRIBUTE = "t_ref"
+
+
+@dataclass(frozen=True, slots=True)
+class Field:
+    """A dataset with one row per waveform."""
+
+    column: str  # of `WaveformRows`
+    path: str
+    dtype: type[np.generic]
+    unit: str
+    shape: tuple[int, ...] = ()  # of a row; samples have the width of the file instead
+
+
+FIELDS = (
+    Field("samples", WAVEFORMS, np.uint16, "counts"),
+    Field("counts", f"{REPRESENTATION}/SampleCount", np.uint16, "samples"),
+    Field("shot_times", f"{REPRESENTATION}/ShotTime", np.float64, "s"),
+    Field("sbl_times", SBL_TIME, np.float64, "s"),
+    Field("channel_flags", f"{REPRESENTATION}/ChannelFlag", np.uint8, "1 low power, 0 other"),
+    Field("sampling_intervals", f"{REPRESENTATION}/SampleInterval", np.float64, "s"),
+    Field("anchor", f"{SPACE}/anchor", np.float64, "coordinate units", (3,)),
+    Field("location", f"{SPACE}/location", np.float64, "ps"),
+    Field("direction", f"{SPACE}/direction", np.float64, "coordinate units per ps", (3,)),
+    Field("gps_time", f"{SPACE}/gps_time", np.float64, "s"),
+    Field("scan_angle", f"{SPACE}/scan_angle", np.float32, "degrees"),
+    Field("scan_direction_flag", f"{SPACE}/scan_direction_flag", np.uint8, "0 or 1"),
+    Field("edge_of_flight_line", f"{SPACE}/edge_of_flight_line", np.uint8, "0 or 1"),
+    Field("user_data", f"{SPACE}/user_data", np.uint8, "as in LAS"),
+    Field("point_source_id", f"{SPACE}/point_source_id", np.uint16, "as in LAS"),
+)
