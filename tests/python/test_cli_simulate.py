@@ -46,4 +46,4 @@ def test_simulate_with_bad_options(
 
 def test_simulate_into_a_folder_that_is_not_there(tmp_path: Path) -> None:
     result = run("simulate", tmp_path / "no" / "s.las", "--shots", "10")
-    assert_trouble(result, "No such file or directory")
+    assert_trouble(result, f"s.las: the folder {tmp_path / 'no'} does not exist")

@@ -9,6 +9,7 @@ from contextlib import contextmanager
 from fullwaveform import _core
 from fullwaveform.formats.atomic import OutputFile, open_when_whole
 from fullwaveform.formats.blocks import EchoTable
+from fullwaveform.formats.empty_waveforms import without_empty_waveforms
 from fullwaveform.formats.file_ends import EchoWriter
 
 
@@ -27,9 +28,10 @@ class AsciiEchoWriter(EchoWriter):
         self._stream: OutputFile | None = None
 
     def write(self, echoes: EchoTable) -> None:
-        """Append the echoes; ValueError outside the ``with`` statement."""
+        """Append the echoes, not the waveforms without; ValueError outside the statement."""
         if self._stream is None:
             raise ValueError(f"{self.path} is not open for writing")
+        echoes = without_empty_waveforms(echoes)
         self._stream.write(
             _core.ascii_lines(
                 echoes.waveform_number,

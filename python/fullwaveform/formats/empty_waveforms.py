@@ -34,6 +34,12 @@ def with_empty_waveforms(echoes: EchoTable, block: WaveformBlock) -> EchoTable:
     return _taken(both, order)
 
 
+def without_empty_waveforms(echoes: EchoTable) -> EchoTable:
+    """The rows that are echoes, for files that have no place for others."""
+    kept = np.flatnonzero(echoes.echo_number > 0)
+    return echoes if len(kept) == len(echoes) else _taken(echoes, kept)
+
+
 def _rows_of(numbers: Rows, numbers_of_block: Rows) -> Rows:
     by_number = np.argsort(numbers_of_block, kind="stable")
     place = np.searchsorted(numbers_of_block, numbers, sorter=by_number)

@@ -13,6 +13,7 @@ import numpy.typing as npt
 
 from fullwaveform.formats.atomic import OutputFile, open_when_whole
 from fullwaveform.formats.blocks import EchoTable, FloatArray
+from fullwaveform.formats.empty_waveforms import without_empty_waveforms
 from fullwaveform.formats.file_ends import EchoWriter
 from fullwaveform.formats.las_points import SCAN_ANGLE_UNIT
 
@@ -58,11 +59,13 @@ class LasEchoWriter(EchoWriter):
     def write(self, echoes: EchoTable) -> None:
         """Append the echoes; a shot must not be spread over two calls.
 
-        Echoes whose coordinates cannot be stored are left out and counted. ValueError outside the
+        Echoes whose coordinates cannot be stored are left out and counted, waveforms without
+        echoes left out. ValueError outside the
         ``with`` statement.
         """
         if self._stream is None:
             raise ValueError(f"{self.path} is not open for writing")
+        echoes = without_empty_waveforms(echoes)
         if len(echoes) == 0:
             return
         writer = self._writer_for(echoes)

@@ -256,6 +256,29 @@ def test_nothing_is_written_outside_the_with_statement(tmp_path: Path, ending: s
     assert writer.notes() == ()
 
 
+def test_waveforms_without_echoes_are_rows_of_tables_only(tmp_path: Path) -> None:
+    table = echo_table([3], echo_number=np.array([1, 0, 2]), waveform_number=np.array([7, 8, 9]))
+    for ending in ECHO_ENDINGS:
+        with open_echo_file(tmp_path / f"e{ending}", None) as writer:
+            writer.write(table)
+        assert writer.count == 2, ending
+        assert writer.notes() == (), ending
+    assert laspy.read(tmp_path / "e.laz").intensity.tolist() == [10, 12]
+    assert [line[0] for line in (tmp_path / "e.txt").read_text().splitlines()] == ["7", "9"]
+    for ending in (".parquet", ".csv", ".h5"):
+        assert "8" in waveform_numbers(tmp_path / f"e{ending}"), ending
+
+
+def waveform_numbers(path: Path) -> list[str]:
+    if path.suffix == ".parquet":
+        return [str(number) for number in pq.read_table(path)["waveform_number"].to_pylist()]
+    if path.suffix == ".h5":
+        with h5py.File(path) as file:
+            return [str(number) for number in file["waveform_number"][:]]
+    with path.open(newline="") as stream:
+        return [line["waveform_number"] for line in csv.DictReader(stream)]
+
+
 def test_notes_of_points_that_could_not_be_written_as_they_are(tmp_path: Path) -> None:
     xyz = np.zeros((9, 3))
     xyz[4] = np.nan

@@ -13,7 +13,7 @@ from fullwaveform.formats.blocks import (
     ShotAttributes,
     WaveformBlock,
 )
-from fullwaveform.formats.empty_waveforms import with_empty_waveforms
+from fullwaveform.formats.empty_waveforms import with_empty_waveforms, without_empty_waveforms
 
 from .echo_tables import echo_table, shot_attributes
 
@@ -102,6 +102,14 @@ def test_types_stay_and_nothing_is_added_where_all_have_echoes() -> None:
     same = with_empty_waveforms(echoes, block())
     assert same.waveform_number.tolist() == [42, 44, 45, 43, 40, 41]
     assert same.echo_number.tolist() == [1, 2, 1, 1, 2, 1]
+
+
+def test_taking_the_rows_away_gives_the_echoes_back() -> None:
+    echoes = echoes_of([44, 44, 43, 40], [2, 2])
+    back = without_empty_waveforms(with_empty_waveforms(echoes, block()))
+    assert back.waveform_number.tolist() == [44, 44, 43, 40]
+    assert back.amplitude_counts.tolist() == [10, 11, 12, 13]
+    assert without_empty_waveforms(echoes) is echoes
 
 
 def test_an_echo_of_another_block_is_refused() -> None:
