@@ -163,6 +163,9 @@ def test_what_the_file_does_not_have(scan: Path) -> None:
         run("report", scan, "--time", "102.7"),
         f"{scan} has no shot at 102.7 s; the nearest is at 102.5 s",
     )
+    for time, nearest in ((-1e9, 100.0), (1e9, 104.0), (100.6, 101.0)):
+        found = run("report", scan, "--time", str(time))
+        assert_trouble(found, f"the nearest is at {nearest} s")
     assert_trouble(run("report", scan.with_name("no.las"), "--waveform", "0"), "no.las")
 
 
@@ -172,6 +175,7 @@ def test_what_the_file_does_not_have(scan: Path) -> None:
         ([], "say what to report: --waveform, --time or --scanner-report"),
         (["--extent", "--scanner-report"], "needs --waveform or --time"),
         (["--waveform", "-1"], "--waveform"),
+        (["--time", "nan"], "nan is no time in seconds"),
         (["--waveform", "0", "--mode", "4"], "'4' is none of"),
         (["--waveform", "0", "--noise", "much"], "neither auto nor a number"),
     ],

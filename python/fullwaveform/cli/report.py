@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 from collections.abc import Mapping
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 from pathlib import Path
 from typing import Annotated
 
@@ -73,6 +73,8 @@ def report(
         raise typer.BadParameter("say what to report: --waveform, --time or --scanner-report")
     if extent and not (waveform or time is not None):
         raise typer.BadParameter("needs --waveform or --time", param_hint="--extent")
+    if time is not None and not np.isfinite(time):
+        raise typer.BadParameter(f"{time} is no time in seconds", param_hint="--time")
     if output is not None and output.exists() and source.exists() and output.samefile(source):
         raise typer.BadParameter(f"{output} is the input itself", param_hint="-o")
     chosen = _Method(mode_from(mode), noise_from(noise), extent)
@@ -109,21 +111,18 @@ class _Wanted:
     time: float | None  # s, GPS time of a shot
     scanner: bool
     waveforms: int = 0  # of the file, so far
-    nearest: float = field(default=np.nan)  # s, shot time nearest to the wanted one
+    nearest: float = np.inf  # s, shot time nearest to the wanted one, so far
 
     def rows(self, block: WaveformBlock) -> np.ndarray[tuple[int], np.dtype[np.intp]]:
         """Rows of the block that are wanted."""
         chosen = np.isin(block.waveform_numbers, list(self.numbers))
-        if self.time is not None and len(block):
+        if self.time is not None:
             times = block.attributes.gps_time
             chosen |= times == self.time
-            self._meet(float(times[np.argmin(np.abs(times - self.time))]))
+            known = np.append(times[np.isfinite(times)], self.nearest)
+            self.nearest = float(known[np.argmin(np.abs(known - self.time))])
         self.waveforms += len(block)
         return np.flatnonzero(chosen)
-
-    def _meet(self, time: float) -> None:
-        if self.time is not None and not abs(self.nearest - self.time) <= abs(time - self.time):
-            self.nearest = time
 
     @property
     def is_complete(self) -> bool:
@@ -141,7 +140,7 @@ class _Wanted:
             )
             raise ValueError(f"{path} has no waveform {', '.join(map(str, missing))}: {known}")
         if self.time is not None and self.nearest != self.time:
-            known = f"; the nearest is at {self.nearest!r} s" if self.waveforms else ""
+            known = f"; the nearest is at {self.nearest!r} s" if np.isfinite(self.nearest) else ""
             raise ValueError(f"{path} has no shot at {self.time!r} s{known}")
         if self.waveforms == 0:
             raise ValueError(f"{path} has no waveforms, and so no sampling interval to report")
