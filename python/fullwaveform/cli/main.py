@@ -18,6 +18,7 @@ _VERBS = {
     "compare": ("fullwaveform.cli.compare", "compare"),
     "system-wave": ("fullwaveform.cli.system_wave", "system_wave"),
     "report": ("fullwaveform.cli.report", "report"),
+    "convert": ("fullwaveform.cli.convert", "convert"),
 }
 
 

@@ -10,7 +10,7 @@ from collections.abc import Iterator, Mapping
 from contextlib import AbstractContextManager
 from pathlib import Path
 from types import TracebackType
-from typing import ClassVar, Self
+from typing import Any, ClassVar, Self
 
 import numpy as np
 import numpy.typing as npt
@@ -18,6 +18,7 @@ import numpy.typing as npt
 from fullwaveform.errors import WaveformFileError
 from fullwaveform.formats.blocks import EchoTable, ReadTally, WaveformBlock
 from fullwaveform.formats.passes import Pass, UngatheredBlock
+from fullwaveform.scanner import Scanner
 
 
 class FileReader(ABC):
@@ -87,6 +88,14 @@ class FileReader(ABC):
     def points_done(self) -> int:
         """Points or pulses visited so far in the current pass, those before its range too."""
         return self._pass.met.points
+
+    def scanner_attributes(self) -> dict[str, Any] | None:
+        """The scanner's attributes by the names of the host's grids; None if the file has none."""
+        return None
+
+    def scanner(self) -> Scanner | None:
+        """The description of the scanner that the file carries; None if it carries none."""
+        return None
 
     def blocks(self, first: int = 0, stop: int | None = None) -> Iterator[WaveformBlock]:
         """Yield the waveforms in blocks of whole shots, each waveform once.

@@ -7,7 +7,7 @@ from collections.abc import Iterator, Mapping
 from importlib import import_module
 from pathlib import Path
 from types import TracebackType
-from typing import Protocol, Self
+from typing import Any, Protocol, Self
 
 import laspy
 
@@ -19,6 +19,7 @@ from fullwaveform.formats.npz_reader import ZIP_SIGNATURE, NpzReader
 from fullwaveform.formats.pulsewaves_header import PULSE_SIGNATURE
 from fullwaveform.formats.pulsewaves_reader import PulseWavesReader
 from fullwaveform.formats.pulsewaves_waves import WAVES_SIGNATURE
+from fullwaveform.scanner import Scanner
 
 _LAS_SIGNATURE = b"LASF"
 _LONGEST_SIGNATURE = 16  # bytes
@@ -50,6 +51,14 @@ class WaveformReader(Protocol):
     @property
     def points_done(self) -> int:
         """Points or pulses visited so far in the current pass."""
+        ...
+
+    def scanner_attributes(self) -> dict[str, Any] | None:
+        """The scanner's attributes by the names of the host's grids; None if the file has none."""
+        ...
+
+    def scanner(self) -> Scanner | None:
+        """The description of the scanner that the file carries; None if it carries none."""
         ...
 
     def blocks(self, first: int = 0, stop: int | None = None) -> Iterator[WaveformBlock]:

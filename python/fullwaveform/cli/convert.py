@@ -1,0 +1,89 @@
+"""``fullwaveform convert``: waveforms of any file that can be read, as a scan container."""
+
+from __future__ import annotations
+
+import math
+from pathlib import Path
+from typing import Annotated
+
+import typer
+
+from fullwaveform.cli.options import channel_flags_from
+from fullwaveform.cli.progress import progress_of
+from fullwaveform.cli.trouble import told_in_a_sentence
+from fullwaveform.formats.blocks import ReadTally
+from fullwaveform.formats.container_writer import ScanContainerWriter
+from fullwaveform.formats.opening import open_waveforms
+from fullwaveform.scanner import Scanner
+
+_ENDINGS = (".h5", ".hdf5")
+_NANOSECONDS = 1e9
+
+
+def convert(
+    source: Annotated[
+        Path, typer.Argument(metavar="IN", help="LAS, LAZ, PulseWaves .pls, .npz or a container.")
+    ],
+    output: Annotated[
+        Path, typer.Argument(metavar="OUT.h5", help="The scan container (HDF5), .h5 or .hdf5.")
+    ],
+    scanner: Annotated[
+        Path | None,
+        typer.Option(help="Scanner description (TOML) to store; else that of IN, if it has one."),
+    ] = None,
+    interval: Annotated[
+        float | None,
+        typer.Option(metavar="NS", help="Sampling interval in ns, for an .npz."),
+    ] = None,
+    channel: Annotated[
+        list[str] | None,
+        typer.Option(
+            help="Channel of all waveforms (low, high) or of a descriptor (2=high); else low."
+        ),
+    ] = None,
+    block: Annotated[
+        int, typer.Option(min=1, help="Waveforms per block: what is in memory at a time.")
+    ] = 20_000,
+    quiet: Annotated[bool, typer.Option("-q", "--quiet", help="No progress, no summary.")] = False,
+) -> None:
+    """Write the waveforms of a file into a scan container, from which the same echoes come.
+
+    Example: fullwaveform convert scan.las scan.h5 --channel 2=high
+    """
+    _check(source, output, interval)
+    channels = channel_flags_from(channel or [])
+    with told_in_a_sentence():
+        description = Scanner.from_toml(scanner) if scanner is not None else None
+        with open_waveforms(
+            source,
+            waveforms_per_block=block,
+            channel_flags=channels,
+            sampling_interval=None if interval is None else interval / _NANOSECONDS,
+        ) as reader:
+            writer = ScanContainerWriter(output, reader.header, description or reader.scanner())
+            with writer, progress_of(reader, quiet) as blocks:
+                for waveforms in blocks:
+                    writer.write(waveforms)
+        if not quiet:
+            _tell(reader.tally, output)
+
+
+def _check(source: Path, output: Path, interval: float | None) -> None:
+    if output.suffix.lower() not in _ENDINGS:
+        raise typer.BadParameter(
+            f"{output} must end in {' or '.join(_ENDINGS)}", param_hint="OUT.h5"
+        )
+    if output.exists() and source.exists() and output.samefile(source):
+        raise typer.BadParameter(f"{output} is the input itself", param_hint="OUT.h5")
+    if interval is not None and not (interval > 0 and math.isfinite(interval)):
+        raise typer.BadParameter(
+            f"{interval} is no number of nanoseconds above 0", param_hint="--interval"
+        )
+
+
+def _tell(tally: ReadTally, output: Path) -> None:
+    typer.echo(f"{tally.waveforms:,} waveforms: {output}")
+    for reason, count in sorted(tally.rejected.items()):
+        typer.echo(f"{count:,} left out: {reason}")
+    for note in tally.notes:
+        typer.echo(note)
