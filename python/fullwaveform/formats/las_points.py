@@ -14,6 +14,7 @@ from laspy.vlrs.vlrlist import VLRList
 
 from fullwaveform.errors import WaveformFileError
 from fullwaveform.formats.blocks import FloatArray, PulseGeometry, ShotAttributes
+from fullwaveform.formats.file_bytes import FileBytes
 from fullwaveform.formats.las_compression import (
     check_compression,
     check_scanner_channels,
@@ -227,17 +228,17 @@ def _in_order_of_time(reader: laspy.LasReader, path: Path, chunk: int) -> Iterat
             f"{path}: the points are compressed and not in order of GPS time; sort or decompress "
             "them first"
         )
-    points = np.memmap(
-        path,
-        dtype=header.point_format.dtype(),
-        mode="r",
-        offset=header.offset_to_point_data,
-        shape=(header.point_count,),
-    )
     # An index of 8 bytes per point, and as much for the times while it is made; NaN comes last.
-    order = np.argsort(np.array(points["gps_time"]), kind="stable")
-    for start in range(0, len(order), chunk):
-        yield np.asarray(points[order[start : start + chunk]])
+    times = [points["gps_time"].copy() for points in _in_file_order(reader, path, _SURVEY_CHUNK)]
+    order = np.argsort(np.concatenate(times), kind="stable")
+    layout = header.point_format.dtype()
+    data = FileBytes(path, header.offset_to_point_data)
+    try:
+        for start in range(0, len(order), chunk):
+            places = order[start : start + chunk] * layout.itemsize
+            yield data.rows(places, layout.itemsize).view(layout)[:, 0]
+    finally:
+        data.close()
 
 
 def has_place(points: Points) -> npt.NDArray[np.bool_]:

@@ -97,6 +97,7 @@ class LasWaveformReader(FileReader):
         """Close the file; may be called twice."""
         super().close()
         self._reader.close()
+        self._packets.close()
 
     @property
     def header(self) -> laspy.LasHeader:

@@ -15,9 +15,9 @@ from typing import BinaryIO
 import laspy
 import numpy as np
 import numpy.typing as npt
-from numpy.lib.stride_tricks import sliding_window_view
 
 from fullwaveform.errors import WaveformFileError
+from fullwaveform.formats.file_bytes import FileBytes
 
 PACKET_RECORD_ID = 65535
 RECORD_HEADER_SIZE = 60  # bytes; packet offsets count from the start of this header
@@ -118,7 +118,7 @@ class DescriptorTable:
 
 
 class PacketData:
-    """The bytes of the packet record, mapped from their file and never loaded as a whole.
+    """The bytes of the packet record, never loaded as a whole; to be closed.
 
     They are the bytes `start` to `end` of `path`, the record's header included.
     """
@@ -126,8 +126,11 @@ class PacketData:
     def __init__(self, path: Path, start: int, end: int) -> None:
         self.path = path
         self.size = end - start
-        mapped = np.memmap(path, dtype=np.uint8, mode="r", offset=start, shape=(self.size,))
-        self._bytes: npt.NDArray[np.uint8] = np.asarray(mapped)
+        self._bytes = FileBytes(path, start, end)
+
+    def close(self) -> None:
+        """Close the file; may be called twice."""
+        self._bytes.close()
 
     def holds(self, offsets: npt.NDArray[np.uint64], sizes: IntArray) -> npt.NDArray[np.bool_]:
         """Tell whether packets (n,) lie behind the record's header and wholly inside the record."""
@@ -163,7 +166,7 @@ class PacketData:
         for index in np.unique(indices):
             rows = np.flatnonzero(indices == index)
             count, size = int(table.sample_counts[index]), int(table.packet_sizes[index])
-            raw = np.ascontiguousarray(sliding_window_view(self._bytes, size)[offsets[rows]])
+            raw = self._bytes.rows(offsets[rows], size)
             samples[rows, :count] = raw if size == count else raw.view("<u2")
         return samples, counts
 
@@ -205,7 +208,7 @@ def open_packets(
 
     Returns
     -------
-    The mapped record and remarks, one sentence each, where the header was not followed.
+    The record and remarks, one sentence each, where the header was not followed.
 
     Raises
     ------

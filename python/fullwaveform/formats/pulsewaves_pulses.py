@@ -10,6 +10,7 @@ import numpy as np
 import numpy.typing as npt
 
 from fullwaveform.formats.blocks import FloatArray, PulseGeometry, ShotAttributes
+from fullwaveform.formats.file_bytes import FileBytes
 from fullwaveform.formats.pulsewaves_header import PulseWavesHeader
 
 TARGET_UNITS = 1000.0  # sampling units that light needs from the anchor to the target
@@ -33,11 +34,11 @@ Pulses = npt.NDArray[np.void]  # structured, fields as above
 
 
 class PulseData:
-    """The pulses of a file, mapped and never loaded as a whole."""
+    """The pulses of a file, never loaded as a whole; to be closed."""
 
     def __init__(self, header: PulseWavesHeader, path: Path) -> None:
         self.header = header
-        layout = np.dtype(
+        self._layout = np.dtype(
             {
                 "names": list(_FIELDS),
                 "formats": [kind for kind, _ in _FIELDS.values()],
@@ -45,31 +46,25 @@ class PulseData:
                 "itemsize": header.pulse_size,
             }
         )
-        self._pulses: Pulses = np.empty(0, dtype=layout)
-        if header.pulse_count > 0:
-            self._pulses = np.asarray(
-                np.memmap(
-                    path,
-                    dtype=layout,
-                    mode="r",
-                    offset=header.pulses_start,
-                    shape=(header.pulse_count,),
-                )
-            )
-            if not any(header.time_range):  # not set
-                first, last = (int(pulse["time"]) for pulse in self._pulses[[0, -1]])
-                self.header = replace(header, time_range=(min(first, last), max(first, last)))
+        self._bytes = FileBytes(path, header.pulses_start)
+        if len(self) > 0 and not any(header.time_range):  # not set
+            ends = self.take(np.array([0, len(self) - 1]))["time"]
+            self.header = replace(header, time_range=(int(ends.min()), int(ends.max())))
+
+    def close(self) -> None:
+        """Close the file; may be called twice."""
+        self._bytes.close()
 
     def __len__(self) -> int:
-        return len(self._pulses)
+        return self.header.pulse_count
 
     def __getitem__(self, wanted: slice) -> Pulses:
-        pulses: Pulses = self._pulses[wanted]
-        return pulses
+        return self.take(np.arange(*wanted.indices(len(self))))
 
     def take(self, numbers: npt.NDArray[np.int64]) -> Pulses:
         """The pulses of the given running numbers, in their order."""
-        pulses: Pulses = self._pulses[numbers]
+        raw = self._bytes.rows(numbers * self.header.pulse_size, self.header.pulse_size)
+        pulses: Pulses = raw.view(self._layout)[:, 0]
         return pulses
 
     def chunks(self, size: int) -> Iterator[Pulses]:

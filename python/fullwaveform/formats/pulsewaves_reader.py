@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 from collections.abc import Iterator, Mapping
+from contextlib import ExitStack
 from dataclasses import dataclass
 from functools import partial
 
@@ -82,10 +83,20 @@ class PulseWavesReader(FileReader):
         file_header = read_header(self._path)
         records = read_records(file_header, self._path)
         self._descriptors = read_descriptors(records, self._path)
-        self._pulses = PulseData(file_header, self._path)
-        self._header = las_header(self._pulses.header, records)
-        self._waves = WaveData(find_waves(self._path))
+        waves = find_waves(self._path)
+        with ExitStack() as opened:
+            self._pulses = PulseData(file_header, self._path)
+            opened.callback(self._pulses.close)
+            self._header = las_header(self._pulses.header, records)
+            self._waves = WaveData(waves)
+            opened.pop_all()
         self._outgoing_tally = ReadTally()
+
+    def close(self) -> None:
+        """Close the file; may be called twice. Nothing can be read any more."""
+        super().close()
+        self._pulses.close()
+        self._waves.close()
 
     @property
     def header(self) -> laspy.LasHeader:

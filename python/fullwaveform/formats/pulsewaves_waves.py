@@ -12,9 +12,9 @@ from pathlib import Path
 
 import numpy as np
 import numpy.typing as npt
-from numpy.lib.stride_tricks import sliding_window_view
 
 from fullwaveform.errors import WaveformFileError
+from fullwaveform.formats.file_bytes import FileBytes
 from fullwaveform.formats.pulsewaves_descriptors import PulseDescriptor, SamplingDescriptor
 
 WAVES_SIGNATURE = b"PulseWavesWaves"
@@ -38,7 +38,7 @@ SEGMENT = np.dtype(
 
 
 class WaveData:
-    """The bytes of a ``.wvs`` file, mapped and never loaded as a whole.
+    """The bytes of a ``.wvs`` file, never loaded as a whole; to be closed.
 
     Raises
     ------
@@ -67,17 +67,21 @@ class WaveData:
                 f"{path}: the samples are compressed, type {compression}; only type 0, none, can "
                 "be read"
             )
-        self._bytes: npt.NDArray[np.uint8] = np.asarray(np.memmap(path, dtype=np.uint8, mode="r"))
+        self._bytes = FileBytes(path)
+
+    def close(self) -> None:
+        """Close the file; may be called twice."""
+        self._bytes.close()
 
     @property
     def size(self) -> int:
         """Bytes of the file."""
-        return len(self._bytes)
+        return self._bytes.size
 
     def numbers(self, starts: IntArray, bits: int, *, signed: bool = False) -> IntArray:
         """Read a number of `bits` bits at each of the places (n,), which lie inside the file."""
         size = bits // 8
-        raw = np.ascontiguousarray(self._bytes[starts[:, np.newaxis] + np.arange(size)])
+        raw = self._bytes.rows(starts, size)
         values: IntArray = raw.view(f"<{'i' if signed else 'u'}{size}")[:, 0].astype(np.int64)
         return values
 
@@ -108,9 +112,7 @@ class WaveData:
             if count == 0:
                 continue
             width = int(sample_bytes[rows[0]])
-            raw = np.ascontiguousarray(
-                sliding_window_view(self._bytes, count * width)[starts[rows]]
-            )
+            raw = self._bytes.rows(starts[rows], count * width)
             samples[rows, :count] = raw if width == 1 else raw.view("<u2")
         return samples
 

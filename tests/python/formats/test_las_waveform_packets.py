@@ -85,6 +85,7 @@ def test_samples_of_packets_of_both_depths(tmp_path: Path) -> None:
     assert samples.dtype == np.uint16
     assert counts.tolist() == [2, 3, 2, 3]
     assert data.gather(np.array([67]), indices[:1], table)[0].tolist() == [[0, 12]]
+    data.close()
     assert data.gather(offsets[:0], indices[:0], table)[0].shape == (0, 0)
 
 
@@ -95,6 +96,7 @@ def test_a_packet_has_to_lie_wholly_inside_the_data(tmp_path: Path) -> None:
     inside = [False, True, True, False, False, False, False]
     assert data.holds(offsets, sizes).tolist() == inside
     assert data.holds(np.array([60, 60], np.uint64), np.array([10, 200])).tolist() == [True, False]
+    data.close()
 
 
 def test_packets_are_remembered(tmp_path: Path) -> None:
