@@ -5,7 +5,6 @@
 #include <utility>
 
 #include <fullwaveform/fitting/ClampedIndex.h>
-#include <fullwaveform/fitting/GaussianRefinement.h>
 #include <fullwaveform/fitting/GaussianSum.h>
 #include <fullwaveform/model/MarkBadPeaks.h>
 
@@ -105,15 +104,11 @@ bool FittingGaussViaDecomposition<T, SimplePeakType>::findStarts(Segment const& 
 template <class T, class SimplePeakType>
 void FittingGaussViaDecomposition<T, SimplePeakType>::refine(Segment const& segment, T noise,
                                                              std::list<Peak>& peaks) {
-  signal.clear();
-  for (T const sample : segment.samples()) {
-    signal.push_back(static_cast<double>(sample) - static_cast<double>(noise));
-  }
   parameters.clear();
   for (Peak const& peak : peaks) {
     parameters.insert(parameters.end(), {static_cast<double>(peak.amplitude), peak.idx, peak.std});
   }
-  refineGaussians(signal, segment.first, parameters);
+  refinement.refine(segment.samples(), static_cast<double>(noise), segment.first, parameters);
   std::span<double const> values(parameters);
   for (Peak& peak : peaks) {
     peak.amplitude = static_cast<float>(values[0]);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <fullwaveform/Export.h>
+#include <fullwaveform/fitting/GaussianRefinement.h>
 #include <fullwaveform/fitting/ResidualAccessor.h>
 #include <fullwaveform/fitting/ThreePointGauss.h>
 #include <fullwaveform/fitting/ZeroCrossing.h>
@@ -44,7 +45,7 @@ class FULLWAVEFORM_EXPORT FittingGaussViaDecomposition {
   void refine(Segment const& segment, T noise, std::list<Peak>& peaks);
 
   ThreePointGaussFitter fitter;
-  std::vector<double> signal;      ///< of the segment that is refined: samples less the noise, counts
+  GaussianRefinement refinement;
   std::vector<double> parameters;  ///< of the Gaussians that are refined
 };
 

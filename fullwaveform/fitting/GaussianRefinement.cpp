@@ -2,70 +2,163 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
+#include <limits>
 
-#include <Eigen/Core>
-#include <unsupported/Eigen/NonLinearOptimization>
-
-#include <fullwaveform/fitting/GaussianSum.h>
+#include <fullwaveform/fitting/Norm.h>
 
 namespace FullWaveform {
 namespace {
 
-/// The problem in the form that the minimiser calls.
-class GaussianSumProblem {
- public:
-  GaussianSumProblem(std::span<double const> signal, int first) : signal(signal), first(first) {}
+constexpr double firstBound = 100.0;  // of the first step, in lengths of the scaled start
+constexpr int mostEvaluations = 20;
+constexpr double squaresTolerance = 0.001;    // relative
+constexpr double parameterTolerance = 0.001;  // relative
+constexpr double leastRatio = 1e-4;           // of actual to predicted reduction, for a step to be taken
 
-  [[nodiscard]] int values() const { return static_cast<int>(signal.size()); }
-
-  int operator()(Eigen::VectorXd const& parameters, Eigen::VectorXd& residual) const {
-    gaussianSumResidual(view(parameters), first, signal, {residual.data(), signal.size()});
-    return 0;
-  }
-
-  /// Derivatives; 0 tells the minimiser that they are analytic.
-  int df(Eigen::VectorXd const& parameters, Eigen::MatrixXd& jacobian) const {
-    gaussianSumJacobian(view(parameters), first,
-                        {jacobian.data(), static_cast<std::size_t>(jacobian.size())});
-    return 0;
-  }
-
- private:
-  static std::span<double const> view(Eigen::VectorXd const& vector) {
-    return {vector.data(), static_cast<std::size_t>(vector.size())};
-  }
-
-  std::span<double const> signal;
-  int first;
-};
-
-using Minimiser = Eigen::LevenbergMarquardt<GaussianSumProblem, double>;
-
-Minimiser::Parameters settings() {
-  Minimiser::Parameters settings;
-  settings.factor = 100.0;  // bound of the first step, in norms of the scaled start
-  settings.maxfev = 20;     // evaluations of the sum
-  settings.ftol = 0.001;    // relative, on the sum of squares
-  settings.xtol = 0.001;    // relative, on the parameters
-  settings.gtol = 0.0;
-  settings.epsfcn = 0.0;  // step of numerical derivatives, which are not used
-  return settings;
+double squareOf(double x) {
+  return x * x;
 }
 
 }  // namespace
 
-int refineGaussians(std::span<double const> signal, int first, std::span<double> parameters) {
-  if (!std::all_of(parameters.begin(), parameters.end(), [](double value) { return std::isfinite(value); })) {
-    return 0;
+bool GaussianRefinement::isFittable(std::size_t samples, std::span<double const> parameters) {
+  return !parameters.empty() && samples >= parameters.size() &&
+         std::all_of(parameters.begin(), parameters.end(), [](double value) { return std::isfinite(value); });
+}
+
+int GaussianRefinement::minimise(std::span<double> parameters) {
+  for (auto* values : {&squares, &norms, &scale, &trial, &work}) {
+    values->resize(parameters.size());
   }
-  Eigen::Map<Eigen::VectorXd> start(parameters.data(), static_cast<Eigen::Index>(parameters.size()));
-  Eigen::VectorXd solution = start;
-  GaussianSumProblem problem(signal, first);
-  Minimiser minimiser(problem);
-  minimiser.parameters = settings();
-  minimiser.minimize(solution);  // refuses, without an evaluation, fewer samples than parameters
-  start = solution;
-  return static_cast<int>(minimiser.nfev);
+  length = residualLength(sum.evaluate(parameters));
+  int evaluations = 1;
+  search.damping = 0.0;
+  for (bool isFirst = true;; isFirst = false) {
+    linearise(parameters);
+    if (isFirst) {
+      startScale(parameters);
+    }
+    gradient = scaledGradient();
+    if (gradient <= 0.0) {
+      return evaluations;
+    }
+    raiseScale();
+    bool taken = false;
+    while (!taken) {
+      Reduction const reduction = tryStep(parameters, isFirst);
+      ++evaluations;
+      adaptBound(reduction);
+      taken = reduction.ratio() >= leastRatio;
+      if (taken) {
+        std::copy(trial.begin(), trial.end(), parameters.begin());
+        parameterLength = scaledLength(parameters);
+        length = trialLength;
+      }
+      if (hasConverged(reduction) || evaluations >= mostEvaluations) {
+        return evaluations;
+      }
+    }
+  }
+}
+
+void GaussianRefinement::linearise(std::span<double const> parameters) {
+  sum.differentiate(parameters, squares);
+  for (std::size_t p = 0; p < norms.size(); ++p) {
+    norms[p] = isTrustworthy(squares[p]) ? std::sqrt(squares[p]) : scaledNorm({sum.column(p), sum.samples()});
+  }
+  qr.factorise(sum, squares);
+}
+
+void GaussianRefinement::startScale(std::span<double const> parameters) {
+  std::transform(norms.begin(), norms.end(), scale.begin(),
+                 [](double norm) { return norm == 0.0 ? 1.0 : norm; });
+  parameterLength = scaledLength(parameters);
+  bound = parameterLength == 0.0 ? firstBound : firstBound * parameterLength;
+}
+
+void GaussianRefinement::raiseScale() {
+  for (std::size_t p = 0; p < scale.size(); ++p) {
+    scale[p] = std::max(scale[p], norms[p]);
+  }
+}
+
+/// Sets the trial parameters and evaluates the sum there.
+GaussianRefinement::Reduction GaussianRefinement::tryStep(std::span<double const> parameters, bool isFirst) {
+  search.find(qr, scale, bound);
+  std::transform(parameters.begin(), parameters.end(), search.step.begin(), trial.begin(), std::minus<>());
+  stepLength = scaledLength(search.step);
+  if (isFirst) {
+    bound = std::min(bound, stepLength);
+  }
+  trialLength = residualLength(sum.evaluate(trial));
+  return {0.1 * trialLength < length ? 1.0 - squareOf(trialLength / length) : -1.0,
+          squareOf(linearisedStep() / length), squareOf(std::sqrt(search.damping) * stepLength / length)};
+}
+
+void GaussianRefinement::adaptBound(Reduction const& reduction) {
+  double const ratio = reduction.ratio();
+  if (ratio <= 0.25) {
+    double shrink = 0.5;
+    if (reduction.actual < 0.0) {
+      shrink = 0.5 * reduction.slope() / (reduction.slope() + 0.5 * reduction.actual);
+    }
+    if (0.1 * trialLength >= length || shrink < 0.1) {
+      shrink = 0.1;
+    }
+    bound = shrink * std::min(bound, stepLength / 0.1);
+    search.damping /= shrink;
+  } else if (search.damping == 0.0 || !(ratio < 0.75)) {
+    bound = stepLength / 0.5;
+    search.damping *= 0.5;
+  }
+}
+
+bool GaussianRefinement::hasConverged(Reduction const& reduction) const {
+  bool const isFlat = std::abs(reduction.actual) <= squaresTolerance &&
+                      reduction.predicted() <= squaresTolerance && 0.5 * reduction.ratio() <= 1.0;
+  return isFlat || bound <= parameterTolerance * parameterLength ||
+         gradient <= std::numeric_limits<double>::epsilon();
+}
+
+double GaussianRefinement::residualLength(double squaresOfResidual) {
+  return isTrustworthy(squaresOfResidual) ? std::sqrt(squaresOfResidual)
+                                          : scaledNorm({sum.column(trial.size()), sum.samples()});
+}
+
+double GaussianRefinement::scaledLength(std::span<double const> values) {
+  std::transform(values.begin(), values.end(), scale.begin(), work.begin(), std::multiplies<>());
+  return norm(work);
+}
+
+double GaussianRefinement::scaledGradient() const {
+  double largest = 0.0;
+  for (std::size_t j = 0; j < qr.size() && length != 0.0; ++j) {
+    double along = 0.0;
+    for (std::size_t i = 0; i <= j; ++i) {
+      along += qr.r(i, j) * (qr.qtf[i] / length);
+    }
+    double const columnNorm = norms[qr.order[j]];
+    if (columnNorm != 0.0) {
+      largest = std::max(largest, std::abs(along / columnNorm));
+    }
+  }
+  return largest;
+}
+
+/// Length of what the step changes in the linearised residual.
+double GaussianRefinement::linearisedStep() {
+  for (std::size_t i = 0; i < work.size(); ++i) {
+    work[i] = 0.0;
+    for (std::size_t j = i; j < work.size(); ++j) {
+      work[i] += qr.r(i, j) * search.step[qr.order[j]];
+    }
+  }
+  return norm(work);
+}
+
+int refineGaussians(std::span<double const> signal, int first, std::span<double> parameters) {
+  return GaussianRefinement().refine(signal, 0.0, first, parameters);
 }
 
 }  // namespace FullWaveform

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <span>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -18,15 +19,32 @@ using Values = std::vector<double>;
 constexpr double atOneWidth = 0.6065306597126334;   // exp(-1/2)
 constexpr double atTwoWidths = 0.1353352832366127;  // exp(-2)
 
+/// A sum that has taken a stretch and was evaluated.
+GaussianSum evaluated(Values const& parameters, int first, Values const& signal) {
+  GaussianSum sum;
+  sum.take(std::span<double const>(signal), 0.0, first, parameters.size());
+  sum.evaluate(parameters);
+  return sum;
+}
+
+Values columnOf(GaussianSum& sum, std::size_t parameter) {
+  return {sum.column(parameter), sum.column(parameter) + sum.samples()};
+}
+
 Values residualOf(Values const& parameters, int first, Values const& signal) {
-  Values residual(signal.size(), 99.0);
-  gaussianSumResidual(parameters, first, signal, residual);
-  return residual;
+  GaussianSum sum = evaluated(parameters, first, signal);
+  return columnOf(sum, parameters.size());
 }
 
 Values jacobianOf(Values const& parameters, int first, std::size_t samples) {
-  Values jacobian(samples * parameters.size(), 99.0);
-  gaussianSumJacobian(parameters, first, jacobian);
+  GaussianSum sum = evaluated(parameters, first, Values(samples, 0.0));
+  Values squares(parameters.size());
+  sum.differentiate(parameters, squares);
+  Values jacobian;
+  for (std::size_t p = 0; p < parameters.size(); ++p) {
+    Values const column = columnOf(sum, p);
+    jacobian.insert(jacobian.end(), column.begin(), column.end());
+  }
   return jacobian;
 }
 
@@ -116,6 +134,46 @@ TEST(GaussianSum, AmplitudeColumnHasNoSignFactor) {
 
 TEST(GaussianSum, OtherColumnsAreThoseOfTheAbsoluteValues) {
   EXPECT_EQ(jacobianOf({-8.0, -5.0, -1.5}, 3, 6), jacobianOf({8.0, 5.0, 1.5}, 3, 6));
+}
+
+TEST(GaussianSum, NoiseIsTakenOffTheSamples) {
+  std::vector<unsigned short> const samples{20, 25};
+  GaussianSum sum;
+  sum.take(std::span<unsigned short const>(samples), 20.0, 4, 0);
+  EXPECT_EQ(sum.evaluate({}), 25.0);
+  EXPECT_EQ(columnOf(sum, 0), (Values{0.0, -5.0}));
+}
+
+TEST(GaussianSum, BehindTheSamplesColumnsAreZero) {
+  Values const parameters{8.0, 5.0, 2.0};
+  GaussianSum sum = evaluated(parameters, 3, Values(9, 4.0));
+  Values squares(3);
+  sum.differentiate(parameters, squares);
+  ASSERT_GT(sum.stride(), 9U);
+  for (std::size_t column = 0; column < 4; ++column) {
+    for (std::size_t row = 9; row < sum.stride(); ++row) {
+      EXPECT_EQ(sum.column(column)[row], 0.0);
+    }
+  }
+}
+
+TEST(GaussianSum, SquaresAreThoseOfTheColumns) {
+  Values const parameters{8.0, 5.0, 2.0};
+  GaussianSum sum;
+  Values const signal{1.0, 2.0, 3.0};
+  sum.take(std::span<double const>(signal), 0.0, 5, 3);
+  // Residuals 7, 8 exp(-1/8) - 2 and 8 exp(-1/2) - 3; columns as above.
+  double const near = 0.8824969025845955;
+  EXPECT_NEAR(
+      sum.evaluate(parameters),
+      49.0 + (8.0 * near - 2.0) * (8.0 * near - 2.0) + (8.0 * atOneWidth - 3.0) * (8.0 * atOneWidth - 3.0),
+      1e-12);
+  Values squares(3);
+  sum.differentiate(parameters, squares);
+  expectNear(squares,
+             {1.0 + near * near + atOneWidth * atOneWidth, 4.0 * near * near + 16.0 * atOneWidth * atOneWidth,
+              near * near + 16.0 * atOneWidth * atOneWidth},
+             1e-13);
 }
 
 TEST(GaussianSum, CertifiedParametersAreTheLeastSquaresMinimum) {

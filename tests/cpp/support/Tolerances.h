@@ -49,6 +49,10 @@ inline constexpr double refinedStandardDeviations = 0.1;
 /// Relative distance from the minimum after many refinements, each from the result of the one before.
 inline constexpr double repeatedRelative = 1e-7;
 
+/// Two minimisers that take the same steps, relative: what the rounding of exponentials and factorisations
+/// grows to in some steps of a problem of moderate condition.
+inline constexpr double sameSteps = 1e-9;
+
 /// Relative error of a sum of squares that is certified to 11 digits, from parameters of as many digits.
 inline constexpr double certifiedDigits = 1e-9;
 

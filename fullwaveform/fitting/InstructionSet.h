@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+
+#include <fullwaveform/Export.h>
+
+namespace FullWaveform {
+
+/// Vector instructions that kernels are compiled for. All give the same digits.
+enum class InstructionSet : std::uint8_t {
+  Baseline = 0,  ///< what every machine of the architecture has
+  Avx2 = 1,
+  Avx512 = 2
+};
+
+/// Whether this machine has an instruction set.
+FULLWAVEFORM_EXPORT bool isAvailable(InstructionSet set) noexcept;
+
+/// The widest one that this machine has.
+FULLWAVEFORM_EXPORT InstructionSet widestInstructionSet() noexcept;
+
+}  // namespace FullWaveform
