@@ -171,7 +171,14 @@ def echo_header(source: laspy.LasHeader | None) -> laspy.LasHeader:
             for name, (_, kind, description) in _EXTRA_BYTES.items()
         ]
     )
+    _leave_ranges_unstated(header)
     return header
+
+
+def _leave_ranges_unstated(header: laspy.LasHeader) -> None:
+    # laspy looks at the first point of each write only to find the range of an extra dimension.
+    for dimension in header.vlrs.get("ExtraBytesVlr")[0].extra_bytes_structs:
+        dimension.options &= ~(dimension.MIN_BIT_MASK | dimension.MAX_BIT_MASK)
 
 
 def grid_coordinates(

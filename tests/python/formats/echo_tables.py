@@ -3,10 +3,13 @@
 from __future__ import annotations
 
 from collections.abc import Sequence
+from dataclasses import fields
+from pathlib import Path
 
 import numpy as np
 
-from fullwaveform.formats.blocks import EchoTable, ShotAttributes
+from fullwaveform.formats.blocks import EchoTable, ShotAttributes, take_rows
+from fullwaveform.formats.echo_files import open_echo_file
 
 
 def echo_table(shots: Sequence[int], **columns: object) -> EchoTable:
@@ -49,3 +52,22 @@ def shot_attributes(count: int, **columns: object) -> ShotAttributes:
         "point_source_id": np.zeros(count, np.uint16),
     }
     return ShotAttributes(**{**values, **columns})  # type: ignore[arg-type]
+
+
+def rows(table: EchoTable, begin: int, end: int) -> EchoTable:
+    """The rows begin to end - 1."""
+    picked = np.arange(begin, end)
+    names = [column.name for column in fields(table) if column.name != "attributes"]
+    columns = {name: getattr(table, name)[picked] for name in names}
+    return EchoTable(**columns, attributes=take_rows(table.attributes, picked))
+
+
+def written(path: Path, *tables: EchoTable, metadata: dict[str, str] | None = None) -> Path:
+    """The path, in a folder of its own, to which the tables were written."""
+    with open_echo_file(path, None, metadata) as writer:
+        for table in tables:
+            writer.write(table)
+        assert writer.count == sum(np.count_nonzero(table.echo_number) for table in tables)
+        assert not path.exists()
+    assert [file.name for file in path.parent.iterdir()] == [path.name]
+    return path

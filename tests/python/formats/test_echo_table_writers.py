@@ -5,7 +5,6 @@ from __future__ import annotations
 import csv
 import json
 import time
-from dataclasses import fields
 from itertools import pairwise
 from pathlib import Path
 
@@ -17,11 +16,11 @@ import pyarrow.parquet as pq
 import pytest
 
 from fullwaveform.formats import hdf5_writer, parquet_writer
-from fullwaveform.formats.blocks import EchoTable, take_rows
+from fullwaveform.formats.blocks import EchoTable
 from fullwaveform.formats.echo_columns import ECHO_COLUMNS, echo_table_to_arrow
 from fullwaveform.formats.echo_files import ECHO_ENDINGS, open_echo_file
 
-from .echo_tables import echo_table
+from .echo_tables import echo_table, rows, written
 
 NAN = float("nan")
 # Two echoes of one shot and a row of a waveform without echoes, written down by hand.
@@ -57,23 +56,6 @@ def by_hand() -> EchoTable:
     xyz = np.column_stack([columns.pop(axis) for axis in "xyz"])
     columns["type"] = columns.pop("echo_type")
     return echo_table([2, 1], xyz=xyz, **columns)
-
-
-def rows(table: EchoTable, begin: int, end: int) -> EchoTable:
-    picked = np.arange(begin, end)
-    columns = {c.name: getattr(table, c.name)[picked] for c in fields(table) if c.name[0] != "a"}
-    columns |= {name: getattr(table, name)[picked] for name in ("amplitude_counts", "amplitude_db")}
-    return EchoTable(**columns, attributes=take_rows(table.attributes, picked))
-
-
-def written(path: Path, *tables: EchoTable, metadata: dict[str, str] | None = None) -> Path:
-    with open_echo_file(path, None, metadata) as writer:
-        for table in tables:
-            writer.write(table)
-        assert writer.count == sum(np.count_nonzero(table.echo_number) for table in tables)
-        assert not path.exists()
-    assert [file.name for file in path.parent.iterdir()] == [path.name]
-    return path
 
 
 def assert_expected(columns: dict[str, np.ndarray]) -> None:
@@ -116,41 +98,6 @@ def test_ascii_export_has_a_line_per_echo(tmp_path: Path) -> None:
     )
     path = written(tmp_path / "e.txt", table, echo_table([]))
     assert path.read_bytes() == b"17 812 57.25 1.9 0.5\n18 0.1 1e-09 nan 383661.97316074\n"
-
-
-def test_laz_is_compressed_and_holds_what_las_holds(tmp_path: Path) -> None:
-    table = echo_table([3] * 4000)
-    (tmp_path / "las").mkdir()
-    (tmp_path / "laz").mkdir()
-    plain = written(tmp_path / "las" / "e.las", table)
-    packed = written(tmp_path / "laz" / "e.LAZ", table)
-    assert packed.stat().st_size < plain.stat().st_size / 4
-    las, laz = laspy.read(plain), laspy.read(packed)
-    assert laz.header.are_points_compressed
-    assert list(laz.point_format.dimension_names) == list(las.point_format.dimension_names)
-    for name in las.point_format.dimension_names:
-        np.testing.assert_array_equal(np.array(laz[name]), np.array(las[name]), name)
-    np.testing.assert_allclose(laz.x, np.arange(12000.0), atol=1e-9)
-
-
-def test_laz_without_a_compressor_says_what_to_install(
-    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
-) -> None:
-    monkeypatch.setattr(laspy.LazBackend, "detect_available", lambda: ())
-    with pytest.raises(ValueError, match=r"e\.laz cannot be compressed.* pip install lazrs"):
-        open_echo_file(tmp_path / "e.laz", None)
-    written(tmp_path / "e.las", echo_table([1]))
-
-
-def test_laz_keeps_records_behind_the_points(tmp_path: Path) -> None:
-    header = laspy.LasHeader(version="1.4", point_format=9)
-    wkt = b'LOCAL_CS["somewhere",UNIT["metre",1]]\0'
-    header.evlrs = laspy.vlrs.vlrlist.VLRList([laspy.VLR("LASF_Projection", 2112, "", wkt)])
-    with open_echo_file(tmp_path / "e.laz", header) as writer:
-        writer.write(echo_table([2]))
-    las = laspy.read(tmp_path / "e.laz")
-    assert [record.record_data_bytes() for record in las.header.evlrs] == [wkt]
-    assert las.intensity.tolist() == [10, 11]
 
 
 def test_units_and_descriptions_travel_with_the_columns(tmp_path: Path) -> None:
@@ -277,14 +224,3 @@ def waveform_numbers(path: Path) -> list[str]:
             return [str(number) for number in file["waveform_number"][:]]
     with path.open(newline="") as stream:
         return [line["waveform_number"] for line in csv.DictReader(stream)]
-
-
-def test_notes_of_points_that_could_not_be_written_as_they_are(tmp_path: Path) -> None:
-    xyz = np.zeros((9, 3))
-    xyz[4] = np.nan
-    header = laspy.LasHeader(version="1.3", point_format=4)
-    with open_echo_file(tmp_path / "e.las", header) as writer:
-        writer.write(echo_table([9], xyz=xyz))
-    left_out, saturated = writer.notes()
-    assert left_out.startswith("1 of 9 echoes left out: their coordinates do not fit")
-    assert saturated.startswith("1 shots have more echoes than a return number can say")
