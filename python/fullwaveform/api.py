@@ -124,6 +124,7 @@ def extract(
     channel_flags: Mapping[int, int] | int = 1,
     workers: int | None = None,
     keep_empty: bool = False,
+    skip_unreadable: bool = False,
 ) -> Extraction:
     """Extract the echoes of a file, an open reader, or blocks of waveforms.
 
@@ -149,6 +150,9 @@ def extract(
         Threads; all processors when left out. The result does not depend on it.
     keep_empty
         Whether waveforms without echoes have a row in `peaks`, too, with ``echo_number`` 0 and NaN.
+    skip_unreadable
+        Whether waveforms of a file that cannot be used are left out and counted, or refused. An
+        open reader has been told already.
 
     Raises
     ------
@@ -168,7 +172,9 @@ def extract(
     check_system_wave(settings.mode, settings.scanner)
     threads = available_workers() if workers is None else workers
     if isinstance(source, str | os.PathLike):
-        with open_waveforms(source, channel_flags=channel_flags) as reader:
+        with open_waveforms(
+            source, channel_flags=channel_flags, skip_unreadable=skip_unreadable
+        ) as reader:
             return _of_reader(reader, settings, threads)
     if hasattr(source, "blocks"):
         return _of_reader(cast(WaveformReader, source), settings, threads)

@@ -168,3 +168,19 @@ def test_default_scanner_is_the_documented_one() -> None:
         of_blocks().peaks["amplitude_db"],
         of_blocks(scanner=Scanner.default()).peaks["amplitude_db"],
     )
+
+
+def test_waveforms_that_cannot_be_read_are_refused_unless_skipped(
+    scan: Path, tmp_path: Path
+) -> None:
+    """The file of packets ends within its last packet."""
+    cut = tmp_path / "cut.las"
+    cut.write_bytes(scan.read_bytes())
+    packets = scan.with_suffix(".wdp").read_bytes()
+    cut.with_suffix(".wdp").write_bytes(packets[:-1])
+    sentence = r"not every waveform is readable \(1 times: packet outside the waveform data\)"
+    with pytest.raises(fullwaveform.WaveformFileError, match=sentence):
+        fullwaveform.extract(cut)
+    part = fullwaveform.extract(cut, skip_unreadable=True)
+    assert part.read.rejected == {"packet outside the waveform data": 1}
+    assert part.tally.waveforms == fullwaveform.extract(scan).tally.waveforms - 1

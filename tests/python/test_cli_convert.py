@@ -94,7 +94,11 @@ def test_archives_and_what_was_left_out(tmp_path: Path) -> None:
     np.savez(tmp_path / "a.npz", samples=samples, shot_times=[1.0, np.nan])
     source, target = tmp_path / "a.npz", tmp_path / "a.h5"
     assert_trouble(run("convert", source, target), "sampling interval", "--interval")
-    done = run("convert", source, target, "--interval", "0.5")
+    call = ["convert", source, target, "--interval", "0.5"]
+    reason = "1 times: GPS time is not a finite number"
+    assert_trouble(run(*call), "not every waveform is readable", reason, "--skip-unreadable")
+    assert not target.exists()
+    done = run(*call, "--skip-unreadable")
     assert done.stdout.splitlines() == [
         f"1 waveforms: {target}",
         "1 left out: GPS time is not a finite number",

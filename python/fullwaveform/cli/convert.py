@@ -44,11 +44,19 @@ def convert(
     block: Annotated[
         int, typer.Option(min=1, help="Waveforms per block: what is in memory at a time.")
     ] = 20_000,
+    skip_unreadable: Annotated[
+        bool,
+        typer.Option("--skip-unreadable", help="Leave out waveforms that cannot be used."),
+    ] = False,
     quiet: Annotated[bool, typer.Option("-q", "--quiet", help="No progress, no summary.")] = False,
 ) -> None:
     """Write the waveforms of a file into a scan container, from which the same echoes come.
 
-    Example: fullwaveform convert scan.las scan.h5 --channel 2=high
+    Worked examples:
+
+        fullwaveform convert scan.las scan.h5 --channel 2=high
+
+        fullwaveform convert scan.las described.h5 --scanner scanner.toml --block 5000
     """
     _check(source, output, interval)
     channels = channel_flags_from(channel or [])
@@ -59,6 +67,7 @@ def convert(
             waveforms_per_block=block,
             channel_flags=channels,
             sampling_interval=None if interval is None else interval / _NANOSECONDS,
+            skip_unreadable=skip_unreadable,
         ) as reader:
             writer = ScanContainerWriter(output, reader.header, description or reader.scanner())
             with writer, progress_of(reader, quiet) as blocks:

@@ -39,6 +39,9 @@ class FileReader(ABC):
     what its format promises, and ValueError for arguments that make no sense.
     """
 
+    #: Whether waveforms that cannot be used are left out and counted, or end the pass.
+    skip_unreadable: bool = True
+
     def __init__(
         self,
         path: str | os.PathLike[str],
@@ -108,16 +111,20 @@ class FileReader(ABC):
         Raises
         ------
         WaveformFileError
-            If the file turns out not to hold what it promises, or, at the end of a pass over all
-            blocks, if there are waveforms but none of them is readable.
+            If the file turns out not to hold what it promises; at the end of a pass over all
+            blocks, if there are waveforms but none of them is readable; and, unless
+            `skip_unreadable` is set, at the first block before which one was not.
         ValueError
             If the file is closed, or the range is none.
         """
         self._check_that_it_is_open()
         current = self._pass = Pass(first, stop, self._notes)
-        yield from current.gathered(self._ungathered(current.met))
+        for block in current.gathered(self._ungathered(current.met)):
+            self._check_that_all_were_readable(current.tally)
+            yield block
         if current.is_whole:
             self._check_that_some_were_readable(current.met)
+        self._check_that_all_were_readable(current.tally)
 
     def block_count(self) -> int:
         """Blocks of a pass, found by visiting all points; no samples are gathered.
@@ -142,8 +149,18 @@ class FileReader(ABC):
 
     def _check_that_some_were_readable(self, met: ReadTally) -> None:
         if met.waveforms == 0 and met.rejected:
-            reasons = ", ".join(f"{count} times: {why}" for why, count in met.rejected.items())
-            raise WaveformFileError(f"{self._path}: no waveform is readable ({reasons})")
+            raise WaveformFileError(f"{self._path}: no waveform is readable ({_reasons(met)})")
+
+    def _check_that_all_were_readable(self, met: ReadTally) -> None:
+        if met.rejected and not self.skip_unreadable:
+            raise WaveformFileError(
+                f"{self._path}: not every waveform is readable ({_reasons(met)}); skip_unreadable "
+                "(--skip-unreadable) leaves such waveforms out and counts them"
+            )
+
+
+def _reasons(met: ReadTally) -> str:
+    return ", ".join(f"{count} times: {why}" for why, count in met.rejected.items())
 
 
 def flag_table(channel_flags: Mapping[int, int] | int) -> npt.NDArray[np.uint8]:

@@ -28,6 +28,8 @@ _LONGEST_SIGNATURE = 16  # bytes
 class WaveformReader(Protocol):
     """What the readers of all formats have in common; to be used in a ``with`` statement."""
 
+    skip_unreadable: bool
+
     @property
     def path(self) -> Path:
         """The file."""
@@ -99,6 +101,7 @@ def open_waveforms(
     waveforms_per_block: int = 20_000,
     channel_flags: Mapping[int, int] | int = 1,
     sampling_interval: float | None = None,
+    skip_unreadable: bool = True,
 ) -> WaveformReader:
     """Open a file of waveforms by what its first bytes say; its name does not matter.
 
@@ -111,6 +114,9 @@ def open_waveforms(
         As the readers take them.
     sampling_interval
         s per sample, for a NumPy archive, which may not say it.
+    skip_unreadable
+        Whether waveforms that cannot be used are left out and counted in the reader's tally; else
+        the first one ends the pass with a WaveformFileError.
 
     Raises
     ------
@@ -121,6 +127,17 @@ def open_waveforms(
     ValueError
         For arguments that make no sense, as a sampling interval for a file that says its own.
     """
+    reader = _opened(path, waveforms_per_block, channel_flags, sampling_interval)
+    reader.skip_unreadable = skip_unreadable
+    return reader
+
+
+def _opened(
+    path: str | os.PathLike[str],
+    waveforms_per_block: int,
+    channel_flags: Mapping[int, int] | int,
+    sampling_interval: float | None,
+) -> WaveformReader:
     with Path(path).open("rb") as stream:
         start = stream.read(_LONGEST_SIGNATURE)
     if start.startswith(ZIP_SIGNATURE):
