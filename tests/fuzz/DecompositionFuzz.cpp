@@ -1,0 +1,15 @@
+// The Gaussian decomposition on any record.
+#include <fullwaveform/fitting/FittingGaussViaDecomposition.h>
+#include <fullwaveform/fitting/ZeroCrossing.h>
+
+#include "support/Inputs.h"
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+  using namespace FullWaveform;
+  Fuzz::Bytes bytes(data, size);
+  ScannerDevice const scanner = Fuzz::scannerFrom(bytes);
+  Fuzz::Record const record = Fuzz::recordFrom(bytes, scanner);
+  FittingGaussViaDecomposition<unsigned short, ZeroCrossing> method(scanner);
+  Fuzz::expectSameTwice(method, record);
+  return 0;
+}

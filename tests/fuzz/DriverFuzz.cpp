@@ -1,0 +1,129 @@
+// The driver in every mode, on blocks whose arrays need not fit together.
+#include <cmath>
+#include <filesystem>
+
+#include <fullwaveform/driver/PeakDetectionFamily.h>
+
+#include "support/Inputs.h"
+
+namespace FullWaveform {
+namespace {
+
+using namespace Fuzz;
+using Driver = PeakDetectionFamily<unsigned short>;
+
+/// The arguments of `apply`. The rows stand one behind the other in a heap block of exactly their size, or
+/// are handed out by an accessor that has none for some of them.
+struct Block {
+  Testing::Samples storage;
+  std::unique_ptr<unsigned short[]> memory;
+  Driver::Waveforms waveforms;
+  std::vector<unsigned short> counts;
+  std::vector<double> shotTimes;
+  std::vector<double> sblTimes;
+  std::vector<unsigned char> channelFlags;
+  int noise = 0;
+
+  ShotMap run(Driver& driver) const {
+    return driver.apply(waveforms, Kestra::MultiArray<1, unsigned short>(counts),
+                        Kestra::MultiArray<1, double>(shotTimes), Kestra::MultiArray<1, double>(sblTimes),
+                        Kestra::MultiArray<1, unsigned char>(channelFlags), noise, "");
+  }
+};
+
+/// Few different times, so that rows meet in shots, and some that are none.
+double timeFrom(Bytes& bytes) {
+  unsigned int const choice = bytes.upTo(7);
+  return choice < 6 ? static_cast<double>(choice) : bytes.number();
+}
+
+/// Layout: noise (two bytes), rows, columns, how the rows are had, then per array how many values it has
+/// more than rows (from -2 to 3) and its values; the rest are samples.
+Block blockFrom(Bytes& bytes) {
+  Block block;
+  block.noise = bytes.raw<std::int16_t>();
+  std::size_t const rows = bytes.upTo(12);
+  std::size_t const columns = bytes.upTo(120);
+  std::uint8_t const access = bytes.byte();
+  auto const length = [&] {
+    return rows + std::min<std::size_t>(bytes.upTo(5), rows + 3) - std::min<std::size_t>(2, rows);
+  };
+  block.counts.resize(length());
+  std::generate(block.counts.begin(), block.counts.end(), [&] {
+    unsigned int const choice = bytes.byte();
+    return static_cast<unsigned short>(choice < 250 ? std::min<std::size_t>(choice, columns) : choice * 257);
+  });
+  block.shotTimes.resize(length());
+  std::generate(block.shotTimes.begin(), block.shotTimes.end(), [&] { return timeFrom(bytes); });
+  block.sblTimes.resize(length());
+  std::generate(block.sblTimes.begin(), block.sblTimes.end(), [&] { return timeFrom(bytes); });
+  block.channelFlags.resize(length());
+  std::generate(block.channelFlags.begin(), block.channelFlags.end(),
+                [&] { return static_cast<unsigned char>(bytes.upTo(2)); });
+  block.storage = bytes.samples();
+  block.storage.resize(rows * columns);
+  block.memory = Testing::onHeap(block.storage);
+  using Array = Kestra::MemArray<2, unsigned short>;
+  unsigned short const* const first = block.memory.get();
+  if ((access & 7U) == 7U) {
+    return block;  // an empty pointer
+  }
+  block.waveforms = Driver::Waveforms(
+      (access & 1U) == 0 ? new Array({rows, columns}, first)
+                         : new Array({rows, columns}, [=](std::size_t row) -> unsigned short const* {
+                             return (access & 8U) != 0 && row % 3 == 1 ? nullptr : first + row * columns;
+                           }));
+  return block;
+}
+
+void expectSound(ShotMap const& shots, BlockTrace const& trace) {
+  std::size_t waves = 0;
+  for (auto const& [time, shot] : shots) {
+    require(!std::isnan(time), "a shot has a time");
+    require(shot.waves.size() == shot.rows.size(), "a row for every waveform");
+    require(!shot.waves.empty(), "a shot has a waveform");
+    for (WavePtr const& wave : shot.waves) {
+      ++waves;
+      double former = wave->globalStart;
+      for (Peak const& peak : wave->peaks) {
+        require(std::isnan(peak.idx) || (peak.idx >= former && peak.idx <= wave->globalEnd),
+                "echoes are sorted and inside the signal");
+        former = std::isnan(peak.idx) ? former : peak.idx;
+        require(peak.quality == GOOD, "only good echoes are left");
+      }
+    }
+  }
+  std::size_t kept = 0;
+  for (RowState const state : trace.rowStates) {
+    kept +=
+        state == RowState::Kept || state == RowState::WithoutPlane || state == RowState::MergedAway ? 1 : 0;
+  }
+  require(kept == waves, "rows that are kept stand in the map");
+}
+
+std::string textOf(ShotMap const& shots) {
+  std::string text;
+  for (auto const& [time, shot] : shots) {
+    for (WavePtr const& wave : shot.waves) {
+      text += wave->print();
+    }
+  }
+  return text;
+}
+
+}  // namespace
+}  // namespace FullWaveform
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+  using namespace FullWaveform;
+  Fuzz::Bytes bytes(data, size);
+  auto const modus = static_cast<FWFModus>(bytes.upTo(4));
+  unsigned int const longest = bytes.upTo(120);
+  ScannerDevice const scanner = Fuzz::scannerFrom(bytes);
+  Block const block = blockFrom(bytes);
+  Driver driver(modus, scanner, "/dev/null", "scan.las", longest);
+  ShotMap const shots = block.run(driver);
+  expectSound(shots, driver.lastBlock());
+  Fuzz::require(textOf(block.run(driver)) == textOf(shots), "the same block twice gives the same echoes");
+  return 0;
+}

@@ -1,0 +1,167 @@
+"""Writes the fuzz targets' seeds: a few simulated waveforms in the form that each target reads.
+
+Usage: make_seeds.py FOLDER    (one folder per target in it; what is there of an earlier run stays)
+
+The forms are those of tests/fuzz/*.cpp: numbers little-endian, a double behind a tag byte.
+"""
+
+from __future__ import annotations
+
+import struct
+import sys
+from collections.abc import Iterator, Sequence
+from pathlib import Path
+
+import numpy as np
+import numpy.typing as npt
+
+from fullwaveform.simulation import ScanSettings, SimulatedScan, simulate_scan
+
+Samples = npt.NDArray[np.uint16]
+
+SAMPLING_INTERVAL = 1e-9  # s
+LIGHT_SPEED_IN_AIR = 299_708_256.0  # m/s
+
+
+def number(value: float) -> bytes:
+    """A double as it stands."""
+    return b"\xff" + struct.pack("<d", value)
+
+
+def byte(value: int) -> bytes:
+    """One byte."""
+    return struct.pack("<B", value)
+
+
+def narrow(value: float) -> bytes:
+    """A single-precision number as it stands."""
+    return b"\x01" + struct.pack("<f", value)
+
+
+def scanner(after_pulse_offset: int = 0, after_pulse_width: int = 2**31) -> bytes:
+    """A scanner with the system wave of the tests; nothing of it is unusual."""
+    values = [0.0, SAMPLING_INTERVAL, 0.0, LIGHT_SPEED_IN_AIR, 1000.0, 1.0]
+    numbers = b"".join(number(value) for value in values)
+    return byte(0) + struct.pack("<II", after_pulse_offset, after_pulse_width) + numbers
+
+
+def record(samples: Samples, noise: int, channel: int) -> bytes:
+    """A noise level, a channel flag and a record."""
+    return struct.pack("<hB", noise, channel) + samples.astype("<u2").tobytes()
+
+
+def block(rows: Samples, shot_times: Sequence[int], flags: Sequence[int], noise: int) -> bytes:
+    """Rows with all their values; every array is as long as there are rows."""
+    count, columns = rows.shape
+    fitting = byte(2)  # as many values as rows
+    return (
+        struct.pack("<hBBB", noise, count, columns, 0)
+        + (fitting + bytes([columns] * count))
+        + (fitting + bytes(shot_times))
+        + (fitting + bytes(shot_times))
+        + (fitting + bytes(flags))
+        + rows.astype("<u2").tobytes()
+    )
+
+
+def records(scan: SimulatedScan) -> Iterator[tuple[Samples, int, int]]:
+    """Some records with their noise level (-1: to be estimated) and channel flag."""
+    for shot in range(0, len(scan.samples), 3):
+        for channel in (0, 1):
+            yield scan.samples[shot, channel], 20 if shot % 2 == 0 else -1, 1 - channel
+
+
+def strongest_part(samples: Samples, length: int) -> Samples:
+    """A stretch of a record about its strongest sample."""
+    first = int(np.clip(int(samples.argmax()) - length // 2, 0, len(samples) - length))
+    return samples[first : first + length]
+
+
+def wave_seeds(scan: SimulatedScan) -> Iterator[tuple[str, bytes]]:
+    """For the targets that take one record."""
+    for samples, noise, channel in records(scan):
+        yield "wave_points", scanner(60, 40) + byte(2) + record(samples, noise, channel)
+        yield "three_point", scanner() + record(samples, noise, channel)
+        short = record(strongest_part(samples, 40), noise, channel)
+        yield "decomposition", scanner() + short
+        yield "deconvolution", scanner() + byte(75) + byte(channel) + short
+
+
+def block_seeds(scan: SimulatedScan) -> Iterator[tuple[str, bytes]]:
+    """For the driver: two shots of two channels, in every mode."""
+    shots = range(0, len(scan.samples) - 1, 4)
+    for modus, first in ((modus, first) for modus in range(4) for first in shots):
+        rows = np.stack(
+            [strongest_part(row, 40) for row in scan.samples[first : first + 2].reshape(4, -1)]
+        )
+        values = block(rows, [0, 0, 1, 1], [1, 0, 1, 0], 20 if first % 8 == 0 else -1)
+        yield "driver", byte(modus) + byte(75) + scanner() + values
+
+
+def attribute(name: int, place: int, values: Sequence[float] | str) -> bytes:
+    """A scanner attribute: number of its name, place (0: own, 1: waveforms, 2: SBL), values."""
+    head = byte(name) + byte(place)
+    if isinstance(values, str):
+        return head + byte(2) + byte(1) + byte(3) + byte(len(values)) + values.encode()
+    return head + byte(0) + byte(len(values)) + b"".join(number(value) for value in values)
+
+
+def scanner_seeds() -> Iterator[tuple[str, bytes]]:
+    """Complete descriptions, and one that breaks off."""
+    texts = [attribute(1, 0, "S2227823"), attribute(2, 0, "B17"), attribute(3, 0, "VQ-840-GL")]
+    single = [LIGHT_SPEED_IN_AIR, 1000.0, 0.25, 0.01]
+    numbers = [
+        attribute(name, 0, [value]) for name, value in zip((0, 5, 6, 8), single, strict=True)
+    ]
+    narrow_numbers = [
+        byte(4) + byte(0) + byte(1) + byte(1) + struct.pack("<f", 532.0),
+        byte(7) + byte(0) + byte(1) + byte(2) + struct.pack("<ff", 0.1, 0.2),
+    ]
+    sums = [[1.0, -0.5, -0.5], [0.0, 0.0, 0.0], [-2.5e8] * 3, [0.0, 5e8, -5e8]]
+    fields = [
+        attribute(9, 1, [SAMPLING_INTERVAL]),
+        attribute(10, 2, [0.0]),
+        *(attribute(11 + index, 1, values) for index, values in enumerate(sums)),
+    ]
+    whole = b"".join(texts + numbers + narrow_numbers + fields)
+    for kind in range(4):
+        yield "scanner", byte(50) + byte(kind) + whole
+    yield "scanner", byte(50) + byte(3) + whole[: len(whole) // 2]
+
+
+def number_seeds() -> Iterator[tuple[str, bytes]]:
+    """For the targets that take numbers instead of records."""
+    terms = [(1.0, 0.0), (-0.5, 0.0), (-0.5, 0.0)]
+    exponents = [(-2.5e8, 0.0), (-2.5e8, 5e8), (-2.5e8, -5e8)]
+    tables = b"".join(
+        byte(len(table)) + b"".join(number(part) for term in table for part in term)
+        for table in (terms, exponents)
+    )
+    yield "system_wave", number(SAMPLING_INTERVAL / 5.0) + byte(60) + tables
+    shots = [1.0, 1.0, 2.0]
+    arrays = byte(3) + b"".join(map(number, shots))
+    arrays += byte(3) + b"".join(map(number, [120.0, 100.0, 700.0]))
+    arrays += 2 * (byte(3) + b"".join(map(narrow, [12.5, 20.0, 3.0])))
+    yield "online", scanner() + arrays + byte(3) + bytes([0, 1, 1])
+    echo = b"".join(map(number, [2000.0, 30.25, 1e-7, 1.6])) + byte(2) + byte(0) + byte(4)
+    yield "reports", number(0.1) + struct.pack("<fII", 0.1, 7, 3) + echo + struct.pack("<f", 0.5)
+    axis = number(259200.0) + number(259200.000001) + number(0.05) + byte(10)
+    yield "plots", axis + byte(1)
+    values = byte(20) + b"".join(number(float(value**2)) for value in range(20))
+    yield "plots", axis + byte(0) + byte(1) + byte(0) + values
+
+
+def main() -> None:
+    """Writes every seed into the folder of its target."""
+    folder = Path(sys.argv[1])
+    scan = simulate_scan(ScanSettings(shots=12, samples=160, seed=7, saturated_fraction=0.2))
+    seeds = [*wave_seeds(scan), *block_seeds(scan), *scanner_seeds(), *number_seeds()]
+    for index, (target, content) in enumerate(seeds):
+        place = folder / target
+        place.mkdir(parents=True, exist_ok=True)
+        (place / f"seed_{index:03}").write_bytes(content)
+    print(f"{len(seeds)} seeds in {folder}")
+
+
+if __name__ == "__main__":
+    main()
