@@ -1,5 +1,6 @@
 #include <fullwaveform/model/WavePoints.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include <fullwaveform/host/TarnClass.h>
@@ -29,6 +30,15 @@ T noiseLevel(std::span<T const> samples, int length, int noise) {
     throw std::length_error("WavePoints: noise estimate of a negative number of samples");
   }
   return static_cast<T>(estimateNoise(samples));
+}
+
+/// Echoes are mostly found in order, and the sort of a list costs as much as the search for them.
+void sortBy(double Peak::* key, std::list<Peak>& peaks) {
+  // Written so that what is not a number is left to the sort.
+  auto const isMisplaced = [key](Peak const& left, Peak const& right) { return !(left.*key <= right.*key); };
+  if (std::adjacent_find(peaks.begin(), peaks.end(), isMisplaced) != peaks.end()) {
+    peaks.sort([key](Peak const& left, Peak const& right) { return left.*key < right.*key; });
+  }
 }
 
 }  // namespace
@@ -70,12 +80,12 @@ void WavePoints<T>::setAfterPulseWindow(ScannerDevice const& scanner) {
 
 template <class T>
 void WavePoints<T>::sort_time() {
-  peaks.sort([](Peak const& left, Peak const& right) { return left.time < right.time; });
+  sortBy(&Peak::time, peaks);
 }
 
 template <class T>
 void WavePoints<T>::sort_idx() {
-  peaks.sort([](Peak const& left, Peak const& right) { return left.idx < right.idx; });
+  sortBy(&Peak::idx, peaks);
 }
 
 template <class T>
