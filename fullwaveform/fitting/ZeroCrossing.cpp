@@ -68,13 +68,18 @@ bool findRawPeaks(std::span<unsigned short const> samples, int first, int last, 
   if (from > to) {
     return true;
   }
-  auto const& accessor = zeroCrossing.sampleAccessor;
-  auto const read = [&](int index) -> double {
-    int const nearest = clampedIndex(index, samples);
-    unsigned short const& sample = samples[static_cast<std::size_t>(nearest)];
-    return accessor ? accessor(sample, static_cast<double>(nearest)) : sample;
-  };
-  scan(read, from, to, noise, zeroCrossing.minimumDifference, peaks);
+  if (auto const& accessor = zeroCrossing.sampleAccessor) {
+    auto const read = [&](int index) -> double {
+      int const nearest = clampedIndex(index, samples);
+      return accessor(samples[static_cast<std::size_t>(nearest)], static_cast<double>(nearest));
+    };
+    scan(read, from, to, noise, zeroCrossing.minimumDifference, peaks);
+  } else {
+    auto const read = [&](int index) {
+      return static_cast<int>(samples[static_cast<std::size_t>(clampedIndex(index, samples))]);
+    };
+    scan(read, from, to, noise, zeroCrossing.minimumDifference, peaks);
+  }
   return true;
 }
 
