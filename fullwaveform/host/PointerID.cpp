@@ -1,21 +1,21 @@
 #include <fullwaveform/host/PointerID.h>
 
-#include <atomic>
+#include <fullwaveform/host/ThreadedCounter.h>
 
 namespace Holdex {
 namespace {
 
-// Only the values count, no memory is published through them: relaxed order is enough.
-std::atomic<std::uint64_t> lastIdentifier{0};
+std::atomic<std::uint64_t> drawnIdentifiers{0};
+thread_local ThreadedCounter identifiers;
 
 }  // namespace
 
 std::uint64_t PointerID::next() noexcept {
-  return lastIdentifier.fetch_add(1, std::memory_order_relaxed) + 1;
+  return identifiers.next(drawnIdentifiers) + 1;
 }
 
 std::uint64_t PointerID::last() noexcept {
-  return lastIdentifier.load(std::memory_order_relaxed);
+  return identifiers.upcoming();
 }
 
 }  // namespace Holdex

@@ -1,11 +1,13 @@
 #include <fullwaveform/host/ReferenceBase.h>
 
 #include <fullwaveform/host/PointerID.h>
+#include <fullwaveform/host/ThreadedCounter.h>
 
 namespace Holdex {
 namespace {
 
-std::atomic<std::uint64_t> serialNumbers{0};
+std::atomic<std::uint64_t> drawnSerialNumbers{0};
+thread_local ThreadedCounter serialNumbers;
 
 }  // namespace
 
@@ -46,7 +48,7 @@ std::uint32_t ReferenceRecord::strongCount() const noexcept {
 
 InterfaceBase::InterfaceBase()
     : objectIdentity(PointerID::next()),
-      serialNumber(serialNumbers.fetch_add(1, std::memory_order_relaxed)),
+      serialNumber(serialNumbers.next(drawnSerialNumbers)),
       referenceRecord(new ReferenceRecord(this)) {}
 
 void InterfaceBase::referenced() {}
