@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <span>
+#include <utility>
 
 #include <fullwaveform/driver/ChannelMerge.h>
 #include <fullwaveform/driver/Decibel.h>
@@ -80,6 +81,14 @@ bool deleteInvalidPoints(WavePoints<T>& wave, std::uint32_t row) {
   console << "Warning, delete NAN-points for wave " << std::to_string(row);
   wave.peaks.remove_if(isInvalid);
   return true;
+}
+
+/// Blocks mostly come in the order of their shots, so the last shot is looked at first.
+Shot& shotAt(double time, ShotMap& shots) {
+  if (!shots.empty() && shots.rbegin()->first == time) {
+    return shots.rbegin()->second;
+  }
+  return shots.try_emplace(shots.end(), time)->second;
 }
 
 /// Merges every waveform of the normal channel (flag 0) with every one of the low-power channel, in their
@@ -176,14 +185,14 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
 
 template <class T>
 RowState PeakDetectionFamily<T>::processRow(Row const& row, int noise, ShotMap& shots) {
-  WavePtr const wave(new WavePoints<T>(row.samples, row.channelFlag, row.shotTime, row.sblTime, row.count,
-                                       noise, onlineEvaluation.scanner));
+  WavePtr wave(new WavePoints<T>(row.samples, row.channelFlag, row.shotTime, row.sblTime, row.count, noise,
+                                 onlineEvaluation.scanner));
   trace.statistics.countSegments(wave->startEnd.size());
   if (!wave->signalIsAboveNoise()) {
     ++trace.statistics.signalTooLow;
     return RowState::SignalTooLow;
   }
-  Shot& shot = shots[row.shotTime];
+  Shot& shot = shotAt(row.shotTime, shots);
   std::span<T const> const record(row.samples, static_cast<std::size_t>(row.count));
   if (!shot.signatures.insert(signatureOf(record)).second) {
     ++trace.statistics.duplicates;
@@ -192,7 +201,7 @@ RowState PeakDetectionFamily<T>::processRow(Row const& row, int noise, ShotMap& 
   RowState const state = extract(row, wave);
   keepGoodPeaks(*wave);
   setTimes(*wave);
-  shot.waves.push_back(wave);
+  shot.waves.push_back(std::move(wave));
   shot.rows.push_back(row.number);
   return state;
 }
