@@ -23,6 +23,7 @@ from fullwaveform.formats.container_layout import (
     SCANNER,
     WAVEFORMS,
 )
+from fullwaveform.formats.container_values import damage_told, plain_value, stored_text
 from fullwaveform.formats.las_points import WAVEFORM_POINT_FORMATS
 from fullwaveform.scanner import Scanner
 
@@ -40,7 +41,7 @@ def write_scanner(file: h5py.File, scanner: Scanner) -> None:
         elif name == REFERENCE_TIME_ATTRIBUTE:
             file[SBL_TIME].attrs[name] = np.float64(value)  # type: ignore[arg-type]
         elif isinstance(value, str):
-            group.attrs[name] = value
+            group.attrs[name] = stored_text(value)
         elif name != INTERVAL_ATTRIBUTE:
             kind = np.float32 if name in _SINGLE_PRECISION else np.float64
             group.attrs[name] = np.asarray(value, dtype=kind)
@@ -59,12 +60,12 @@ def read_scanner_attributes(file: h5py.File, path: Path) -> dict[str, Any] | Non
     """The attributes of both grids in plain types, None if the file describes no scanner."""
     if SCANNER not in file:
         return None
-    found = _plain_attributes(file[SCANNER].attrs, SCANNER, path)
-    waveforms = _plain_attributes(file[WAVEFORMS].attrs, WAVEFORMS, path)
+    with damage_told(path, "the scanner's description"):
+        found = _plain_attributes(file[SCANNER].attrs)
+        waveforms, times = (_plain_attributes(file[name].attrs) for name in (WAVEFORMS, SBL_TIME))
     found |= {
         name: value for name, value in waveforms.items() if name in (*_SUMS, INTERVAL_ATTRIBUTE)
     }
-    times = _plain_attributes(file[SBL_TIME].attrs, SBL_TIME, path)
     if REFERENCE_TIME_ATTRIBUTE in times:
         found[REFERENCE_TIME_ATTRIBUTE] = times[REFERENCE_TIME_ATTRIBUTE]
     return found
@@ -73,12 +74,12 @@ def read_scanner_attributes(file: h5py.File, path: Path) -> dict[str, Any] | Non
 def write_las_header(file: h5py.File, header: laspy.LasHeader) -> None:
     """Store what files of echoes take over: version, scales, offsets, kind of time, projection."""
     group = file.create_group(LAS)
-    group.attrs["version"] = str(header.version)
+    group.attrs["version"] = stored_text(str(header.version))
     group.attrs["point_format"] = np.uint8(header.point_format.id)
     group.attrs["scales"] = np.asarray(header.scales, dtype=np.float64)
     group.attrs["offsets"] = np.asarray(header.offsets, dtype=np.float64)
     group.attrs["file_source_id"] = np.uint16(header.file_source_id)
-    group.attrs["guid"] = str(header.uuid)
+    group.attrs["guid"] = stored_text(str(header.uuid))
     group.attrs["global_encoding"] = np.uint16(header.global_encoding.value)
     if header.version.minor >= 5:
         group.attrs["gps_time_offset"] = np.int32(header.gps_time_offset)
@@ -88,7 +89,7 @@ def write_las_header(file: h5py.File, header: laspy.LasHeader) -> None:
             dataset = group.require_group(kind).create_dataset(
                 f"{record.record_id}", data=content, track_times=False
             )
-            dataset.attrs["description"] = record.description
+            dataset.attrs["description"] = stored_text(record.description)
 
 
 def read_las_header(file: h5py.File, path: Path) -> laspy.LasHeader | None:
@@ -101,9 +102,9 @@ def read_las_header(file: h5py.File, path: Path) -> laspy.LasHeader | None:
     """
     if LAS not in file:
         return None
-    group = file[LAS]
-    try:
-        values = _plain_attributes(group.attrs, LAS, path)
+    with damage_told(path, f"the group {LAS}"):
+        group = file[LAS]
+        values = _plain_attributes(group.attrs)
         header = laspy.LasHeader(
             version=values["version"], point_format=int(values["point_format"])
         )
@@ -116,12 +117,6 @@ def read_las_header(file: h5py.File, path: Path) -> laspy.LasHeader | None:
         header.vlrs.extend(_records(group, "records"))
         if extended := _records(group, "extended_records"):
             header.evlrs = laspy.vlrs.vlrlist.VLRList(extended)
-    except WaveformFileError:
-        raise
-    except Exception as error:  # laspy has errors of its own for versions and formats
-        raise WaveformFileError(
-            f"{path}: the group {LAS} cannot be used, {type(error).__name__}: {error}"
-        ) from error
     _check_placement(header, path)
     return header
 
@@ -152,23 +147,17 @@ def _records(group: h5py.Group, kind: str) -> list[laspy.VLR]:
         return []
     return [
         vlr_factory(
-            laspy.VLR(_PROJECTION, int(name), dataset.attrs["description"], dataset[:].tobytes())
+            laspy.VLR(
+                _PROJECTION,
+                int(name),
+                plain_value(dataset.attrs["description"]),
+                dataset[:].tobytes(),
+            )
         )
         for name, dataset in sorted(group[kind].items(), key=lambda item: int(item[0]))
     ]
 
 
-def _plain_attributes(attributes: Mapping[str, Any], where: str, path: Path) -> dict[str, Any]:
+def _plain_attributes(attributes: Mapping[str, Any]) -> dict[str, Any]:
     """Texts, numbers and lists of numbers, as Python has them."""
-    found = {}
-    for name in attributes:
-        try:
-            value = attributes[name]
-        except (OSError, TypeError, UnicodeDecodeError) as error:
-            raise WaveformFileError(
-                f"{path}: attribute {name} of {where} cannot be read: {error}"
-            ) from error
-        if isinstance(value, np.ndarray | np.generic):
-            value = value.tolist()
-        found[name] = value.decode("utf-8", "replace") if isinstance(value, bytes) else value
-    return found
+    return {name: plain_value(value) for name, value in attributes.items()}

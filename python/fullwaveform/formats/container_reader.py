@@ -24,10 +24,12 @@ from fullwaveform.formats.container_layout import (
     WAVEFORMS,
     Field,
 )
+from fullwaveform.formats.container_values import damage_told, plain_value
 from fullwaveform.formats.las_waveform_packets import MAX_SAMPLES
 from fullwaveform.formats.waveform_rows import RowReader, Rows, WaveformRows
 from fullwaveform.scanner import AfterPulse, Scanner
 
+_MOST_ROWS_PER_BYTE = 100  # gzip makes a thousandth of equal values; a row has fifteen columns
 _LARGEST_CHUNK = 1 << 28  # bytes; HDF5 holds whole chunks in memory
 
 
@@ -57,9 +59,12 @@ class ScanContainerReader(RowReader):
         super().__init__(path, waveforms_per_block, channel_flags)
         self._file = _open(self._path)
         try:
-            _check_format(self._file, self._path)
-            self._columns = _columns(self._file, self._path)
-            self._header = read_las_header(self._file, self._path)
+            with damage_told(self._path, "the structure of the file"):
+                _check_format(self._file, self._path)
+                self._columns = _columns(self._file, self._path)
+                rows, width = self._file[WAVEFORMS].shape
+                self._size = int(rows), int(width)
+                self._header = read_las_header(self._file, self._path)
         except BaseException:
             self._file.close()
             raise
@@ -98,7 +103,7 @@ class ScanContainerReader(RowReader):
         attributes = self.scanner_attributes()
         if attributes is None:
             return None
-        try:
+        with damage_told(self._path, "the scanner's description"):
             scanner = Scanner.from_attributes(attributes)
             if AFTER_PULSE in self._file:
                 values = {name: int(value) for name, value in self._file[AFTER_PULSE].attrs.items()}
@@ -111,51 +116,37 @@ class ScanContainerReader(RowReader):
                     deconvolution_offset=float(offsets["position_offset"]),
                     deconvolution_offset_hybrid=None if hybrid is None else float(hybrid),
                 )
-        except (KeyError, TypeError, ValueError) as error:
-            raise WaveformFileError(
-                f"{self._path}: the scanner's description cannot be used: {error}"
-            ) from error
         return scanner
 
     @property
     def _shape(self) -> tuple[int, int]:
-        rows, width = self._file[WAVEFORMS].shape
-        return int(rows), int(width)
+        return self._size
 
     def _rows(self) -> WaveformRows:
         return self._columns
 
     def _read(self, column: Rows, rows: slice) -> npt.NDArray[Any]:
-        try:
+        with damage_told(self._path, f"a dataset from row {rows.start} to {rows.stop}"):
             values = column[rows]
-        except (OSError, RuntimeError) as error:
-            raise WaveformFileError(
-                f"{self._path} is cut off or damaged: rows {rows.start} to {rows.stop} cannot be "
-                f"read ({error})"
-            ) from error
         return values.astype(values.dtype.newbyteorder("="), copy=False)
 
 
 def _open(path: Path) -> h5py.File:
     with path.open("rb"):  # a missing file or a folder has its own error
         pass
-    try:
+    with damage_told(path, "its HDF5 structure"):
         return h5py.File(path, "r")
-    except (OSError, RuntimeError) as error:
-        raise WaveformFileError(
-            f"{path} is not a whole HDF5 file, it may be cut off or damaged: {error}"
-        ) from error
 
 
 def _check_format(file: h5py.File, path: Path) -> None:
-    found = file.attrs.get("format")
+    found = plain_value(file.attrs.get("format"))
     if not isinstance(found, str) or found != FORMAT:
         raise WaveformFileError(
             f"{path} is an HDF5 file but no scan container: its attribute format is {found!r}, "
             f"must be {FORMAT!r}"
         )
-    version = file.attrs.get("format_version")
-    if not isinstance(version, np.integer | int) or version != VERSION:
+    version = plain_value(file.attrs.get("format_version"))
+    if not isinstance(version, int) or version != VERSION:
         raise WaveformFileError(
             f"{path} has format_version {version!r}; version {VERSION} can be read"
         )
@@ -167,6 +158,11 @@ def _columns(file: h5py.File, path: Path) -> WaveformRows:
         dataset = _dataset(file, field, path)
         if field.column == "samples":
             rows, width = dataset.shape
+            if rows > _MOST_ROWS_PER_BYTE * path.stat().st_size:
+                raise WaveformFileError(
+                    f"{path} announces {rows} waveforms, more than a file of "
+                    f"{path.stat().st_size} bytes can hold"
+                )
             if width > MAX_SAMPLES:
                 raise WaveformFileError(
                     f"{path}: rows of {width} samples; at most {MAX_SAMPLES} can be read"

@@ -27,6 +27,7 @@ from fullwaveform.formats.container_layout import (
     WAVEFORMS,
     Field,
 )
+from fullwaveform.formats.container_values import stored_text
 from fullwaveform.scanner import Scanner
 
 _CHUNK_BYTES = 1 << 19  # of a chunk at most, about
@@ -129,8 +130,9 @@ class ScanContainerWriter:
         for field in FIELDS:
             if field.path not in file:  # no waveforms at all
                 _create(file, field, 0)
-        file.attrs["format"], file.attrs["format_version"] = FORMAT, np.int32(VERSION)
-        file.attrs["software"] = f"fullwaveform {fullwaveform.__version__}"
+        file.attrs["format"] = stored_text(FORMAT)
+        file.attrs["format_version"] = np.int32(VERSION)
+        file.attrs["software"] = stored_text(f"fullwaveform {fullwaveform.__version__}")
         file[SBL_TIME].attrs[REFERENCE_TIME_ATTRIBUTE] = 0.0
         if len(self._intervals) == 1:
             file[WAVEFORMS].attrs[INTERVAL_ATTRIBUTE] = self._intervals.pop()
@@ -155,7 +157,7 @@ def _create(file: h5py.File, field: Field, width: int) -> None:
         shuffle=True,
         track_times=False,
     )
-    dataset.attrs["unit"] = field.unit
+    dataset.attrs["unit"] = stored_text(field.unit)
 
 
 def _column(block: WaveformBlock, name: str) -> npt.NDArray[Any]:

@@ -164,8 +164,8 @@ class NpzReader(RowReader):
         if given is None and name not in self._arrays:
             raise WaveformFileError(
                 f"{self._path} does not say its sampling interval: it holds no array "
-                "sampling_interval, in seconds; give the interval, as --interval in ns or as "
-                "the argument sampling_interval in s"
+                "sampling_interval, in seconds; give the interval: the argument "
+                "sampling_interval in s, or --interval in ns of the verb convert"
             )
         if given is None and self._arrays[name].ndim > 0:
             return self._column("sampling_interval", np.float64, 0.0)

@@ -21,6 +21,7 @@ NO_SAMPLES = "waveform without samples"
 
 _BLOCK_SAMPLES = 1 << 26  # samples of a block, padding included: 128 MiB
 _SURVEY_CHUNK = 1 << 17  # rows
+_LONGEST_GAP = 8  # rows that are read without being wanted, between two that are
 
 IntArray = npt.NDArray[np.int64]
 
@@ -101,11 +102,11 @@ class RowReader(FileReader):
         return chosen
 
     def _block(self, columns: WaveformRows, rows: IntArray, numbers: IntArray) -> WaveformBlock:
-        chunk, chosen = slice(int(rows[0]), int(rows[-1]) + 1), rows - rows[0]
+        # Many rejected rows may lie between two others; they are not read.
+        pieces = np.split(rows, np.flatnonzero(np.diff(rows) > _LONGEST_GAP) + 1)
 
         def column(name: str) -> npt.NDArray[Any]:
-            values: npt.NDArray[Any] = self._read(getattr(columns, name), chunk)[chosen]
-            return values
+            return np.concatenate([self._taken(getattr(columns, name), piece) for piece in pieces])
 
         counts = column("counts").astype(np.uint16)
         return WaveformBlock(
@@ -159,6 +160,12 @@ class RowReader(FileReader):
                 f"{self._path}: the waveforms of the shot at {shots[np.argmax(pieces > 1)]} s do "
                 "not stand together; sort the waveforms by shot"
             )
+
+    def _taken(self, column: Rows, rows: IntArray) -> npt.NDArray[Any]:
+        """The given rows of a column, which lie close together."""
+        values = self._read(column, slice(int(rows[0]), int(rows[-1]) + 1))
+        taken: npt.NDArray[Any] = values[rows - rows[0]]
+        return taken
 
     def _read(self, column: Rows, rows: slice) -> npt.NDArray[Any]:
         """A piece of a column."""

@@ -59,7 +59,7 @@ def test_what_h5py_finds_in_a_container(tmp_path: Path) -> None:
     scanner = Scanner.from_attributes(DESCRIPTION)
     las = scene.write(tmp_path / "a.las")
     with h5py.File(as_container(las, tmp_path / "a.h5", scanner, channel_flags=3)) as file:
-        assert (file.attrs["format"], file.attrs["format_version"]) == ("fullwaveform scan", 1)
+        assert (file.attrs["format"], file.attrs["format_version"]) == (b"fullwaveform scan", 1)
         waveforms = file[f"{FIELDS}/Waveforms"]
         assert (waveforms.dtype, waveforms.shape) == (np.uint16, (2, 4))
         assert (waveforms.compression, waveforms.shuffle) == ("gzip", True)
@@ -78,7 +78,7 @@ def test_what_h5py_finds_in_a_container(tmp_path: Path) -> None:
         assert file["space/direction"][0].tolist() == [0.25, -0.5, 0.125]
         assert file["space/anchor"][0] == pytest.approx([1.5, -2.25, 300.125], abs=1e-9)
         assert file["space/user_data"][:].tolist() == [9, 0]
-        assert file["scanner"].attrs["Scanner Serial Number"] == "S 17"
+        assert file["scanner"].attrs["Scanner Serial Number"] == b"S 17"
         assert file["scanner"].attrs["Wavelength[nm]"].dtype == np.float32
         assert file["scanner"].attrs["reflectance_calculation_table"].tolist() == [0.25, -1.5]
         assert file["scanner"].attrs["reflectance_calculation_table"].dtype == np.float32
@@ -305,7 +305,7 @@ def test_damaged_samples(tmp_path: Path) -> None:
     content = bytearray(path.read_bytes())
     content[chunk.byte_offset : chunk.byte_offset + chunk.size] = bytes(chunk.size)
     path.write_bytes(content)
-    assert "cannot be read" in message_of(path)
+    assert "a dataset from row 0 to 4 cannot be used" in message_of(path)
 
 
 def test_missing_file_and_folder(tmp_path: Path) -> None:
@@ -313,3 +313,22 @@ def test_missing_file_and_folder(tmp_path: Path) -> None:
         ScanContainerReader(tmp_path / "none.h5")
     with pytest.raises(IsADirectoryError):
         ScanContainerReader(tmp_path)
+
+
+def test_more_waveforms_than_the_file_can_hold(tmp_path: Path) -> None:
+    def change(file: h5py.File) -> None:
+        file[f"{FIELDS}/Waveforms"].resize(10**12, axis=0)
+
+    assert "announces 1000000000000 waveforms" in message_of(changed(four(tmp_path), change))
+
+
+def test_texts_of_variable_length_are_read(tmp_path: Path) -> None:
+    path = four(tmp_path, Scanner.from_attributes(DESCRIPTION))
+    changed(path, say("/", "format", "fullwaveform scan"))
+    changed(path, say("scanner", "Scanner Serial Number", "Nº 5"))
+    with ScanContainerReader(path) as reader:
+        assert len(list(reader.blocks())) == 1
+        attributes = reader.scanner_attributes()
+    assert attributes is not None
+    assert attributes["Scanner Serial Number"] == "Nº 5"
+    assert attributes["Scanner Build Number"] == ""

@@ -231,3 +231,15 @@ def test_arrays_of_real_scanners(name: str, waveforms: int, shots: int, interval
     found = rows(blocks)
     expected = [row[:count].tolist() for row, count in zip(samples, counts, strict=True)]
     assert found == expected
+
+
+def test_rejected_rows_between_others(tmp_path: Path) -> None:
+    times = np.full(60, np.nan)
+    times[[0, 5, 6, 40, 59]] = [1.0, 2.0, 2.0, 3.0, 4.0]
+    samples = np.arange(120, dtype=np.uint16).reshape(60, 2)
+    path = archive(tmp_path, samples=samples, shot_times=times, sampling_interval=1e-9)
+    for size in (1, 2, 3, 100):
+        with NpzReader(path, waveforms_per_block=size) as reader:
+            blocks = list(reader.blocks())
+            assert rows(blocks) == [[0, 1], [10, 11], [12, 13], [80, 81], [118, 119]]
+            assert reader.tally.rejected.total() == 55
