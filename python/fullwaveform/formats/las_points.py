@@ -14,6 +14,7 @@ from laspy.vlrs.vlrlist import VLRList
 
 from fullwaveform.errors import WaveformFileError
 from fullwaveform.formats.blocks import FloatArray, PulseGeometry, ShotAttributes
+from fullwaveform.formats.coordinates import check_coordinates
 from fullwaveform.formats.file_bytes import FileBytes
 from fullwaveform.formats.las_compression import (
     check_compression,
@@ -29,10 +30,12 @@ from fullwaveform.formats.las_waveform_packets import (
 )
 
 WAVEFORM_POINT_FORMATS = (4, 5, 9, 10)
+_FIRST_WITH_WAVEFORMS = 3  # minor version of LAS 1
 SCAN_ANGLE_UNIT = 0.006  # degrees per count of the scan angle in point formats 6 to 10
 
 _SMALLEST_HEADER = 227  # bytes, LAS 1.0 to 1.2
 _RECORD_HEADER_SIZE = 54  # bytes of an ordinary variable record's header
+_LENGTH_IN_RECORD_HEADER = 20  # byte
 _SURVEY_CHUNK = 1 << 17  # points
 
 Points = npt.NDArray[np.void]  # structured, fields as laspy names them
@@ -85,6 +88,21 @@ def _check_extent_of_header(path: Path) -> None:
             f"{path}: {records} variable records do not fit between the header of {header_size} "
             f"bytes and the points at byte {points_start}"
         )
+    _check_extent_of_records(path, header_size, points_start, records)
+
+
+def _check_extent_of_records(path: Path, start: int, end: int, records: int) -> None:
+    """Keep records that reach into the points from laspy, which would read them shorter."""
+    with path.open("rb") as stream:
+        for number in range(1, records + 1):
+            stream.seek(start + _LENGTH_IN_RECORD_HEADER)
+            (length,) = struct.unpack("<H", stream.read(2))
+            start += _RECORD_HEADER_SIZE + length
+            if start > end:
+                raise WaveformFileError(
+                    f"{path}: variable record {number} of {records} has {length} bytes and reaches "
+                    f"beyond byte {end}, where the points start"
+                )
 
 
 def _check_header(header: laspy.LasHeader, path: Path) -> None:
@@ -93,12 +111,11 @@ def _check_header(header: laspy.LasHeader, path: Path) -> None:
         raise WaveformFileError(
             f"{path}: point format {point_format.id} has no waveforms; formats 4, 5, 9 and 10 do"
         )
-    placed = np.isfinite(header.scales) & np.isfinite(header.offsets) & (header.scales != 0)
-    if not placed.all():
+    if header.version.minor < _FIRST_WITH_WAVEFORMS:
         raise WaveformFileError(
-            f"{path}: scales {header.scales} and offsets {header.offsets} of the coordinates must "
-            "be finite, scales not 0"
+            f"{path} is LAS {header.version}; waveforms are possible from LAS 1.3 on"
         )
+    check_coordinates(header.scales, header.offsets, path)
     if header.are_points_compressed:
         check_compression(header, path)
         return

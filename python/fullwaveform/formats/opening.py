@@ -138,6 +138,8 @@ def _opened(
     channel_flags: Mapping[int, int] | int,
     sampling_interval: float | None,
 ) -> WaveformReader:
+    if not Path(path).is_file() and Path(path).exists() and not Path(path).is_dir():
+        raise WaveformFileError(f"{path} is a device or a pipe, not a file that can be read twice")
     with Path(path).open("rb") as stream:
         start = stream.read(_LONGEST_SIGNATURE)
     if start.startswith(ZIP_SIGNATURE):

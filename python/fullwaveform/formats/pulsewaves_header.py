@@ -19,6 +19,7 @@ import numpy as np
 from laspy.header import GpsTimeType
 
 from fullwaveform.errors import WaveformFileError
+from fullwaveform.formats.coordinates import check_coordinates
 
 PULSE_SIGNATURE = b"PulseWavesPulse"
 SMALLEST_PULSE = 48  # bytes; what follows in larger ones are attributes of their own
@@ -209,11 +210,7 @@ def _check_extent(header: PulseWavesHeader, path: Path) -> None:
 
 
 def _check_scales(header: PulseWavesHeader, path: Path) -> None:
-    if not all(map(math.isfinite, (*header.scales, *header.offsets))) or 0 in header.scales:
-        raise WaveformFileError(
-            f"{path}: scales {header.scales} and offsets {header.offsets} of the coordinates must "
-            "be finite, scales not 0"
-        )
+    check_coordinates(header.scales, header.offsets, path)
     if not math.isfinite(header.time_scale) or not math.isfinite(header.time_offset):
         raise WaveformFileError(
             f"{path}: scale {header.time_scale} and offset {header.time_offset} of the times must "
