@@ -13,6 +13,7 @@
 #include <fftw3.h>
 
 #include <fullwaveform/deconvolution/FftPlanner.h>
+#include <fullwaveform/deconvolution/IterationKernels.h>
 
 namespace FullWaveform {
 namespace {
@@ -87,11 +88,14 @@ ConvolutionWorkspace::ConvolutionWorkspace(std::span<double const> systemWave, s
 }
 
 ConvolutionWorkspace::ConvolutionWorkspace(ConvolutionWorkspace&& other) noexcept
-    : length(std::exchange(other.length, 0)), held(std::exchange(other.held, {})) {}
+    : instructionSet(other.instructionSet),
+      length(std::exchange(other.length, 0)),
+      held(std::exchange(other.held, {})) {}
 
 ConvolutionWorkspace& ConvolutionWorkspace::operator=(ConvolutionWorkspace&& other) noexcept {
   // What stood here goes with the temporary.
   ConvolutionWorkspace taken(std::move(other));
+  std::swap(instructionSet, taken.instructionSet);
   std::swap(length, taken.length);
   std::swap(held, taken.held);
   return *this;
@@ -103,21 +107,17 @@ ConvolutionWorkspace::~ConvolutionWorkspace() {
   }
 }
 
-// Not const though it changes no pointer: it overwrites the buffers, which two threads must not do.
-// NOLINTNEXTLINE(readability-make-member-function-const)
-std::span<double const> ConvolutionWorkspace::convolveAround(std::span<double const> x,
-                                                             Complex const* kernel) {
+void ConvolutionWorkspace::load(std::span<double const> x) noexcept {
   std::size_t const taken = std::min(x.size(), length);
   std::copy_n(x.begin(), taken, held.fft_in);
   std::fill(held.fft_in + taken, held.fft_in + length, 0.0);
+}
+
+// Not const though it changes no pointer: it overwrites the buffers, which two threads must not do.
+// NOLINTNEXTLINE(readability-make-member-function-const)
+std::span<double const> ConvolutionWorkspace::convolveInput(Complex const* kernel) {
   fftw_execute(held.forward_plan);
-  std::size_t const bins = spectrumBins();
-  for (std::size_t k = 0; k < bins; ++k) {
-    double const real = held.fft_spectrum[k][0];
-    double const imaginary = held.fft_spectrum[k][1];
-    held.product[k][0] = real * kernel[k][0] - imaginary * kernel[k][1];
-    held.product[k][1] = real * kernel[k][1] + imaginary * kernel[k][0];
-  }
+  IterationKernels::multiply(instructionSet, {held.fft_spectrum, spectrumBins()}, kernel);
   fftw_execute(held.inverse_plan);
   return {held.fft_out, length};
 }
@@ -127,9 +127,8 @@ void ConvolutionWorkspace::allocateAndPlan() {
   held.fft_in = allocate<double>(length);
   held.fft_spectrum = allocate<Complex>(length);
   held.forward_plan = checked(fftw_plan_dft_r2c_1d(n, held.fft_in, held.fft_spectrum, FFTW_ESTIMATE));
-  held.product = allocate<Complex>(spectrumBins());
   held.fft_out = allocate<double>(length);
-  held.inverse_plan = checked(fftw_plan_dft_c2r_1d(n, held.product, held.fft_out, FFTW_ESTIMATE));
+  held.inverse_plan = checked(fftw_plan_dft_c2r_1d(n, held.fft_spectrum, held.fft_out, FFTW_ESTIMATE));
 }
 
 void ConvolutionWorkspace::setKernels(std::span<double const> systemWave) {
@@ -146,7 +145,6 @@ void ConvolutionWorkspace::releaseAtPlanner() noexcept {
   freeBuffer(held.fft_in);
   destroyPlan(held.forward_plan);
   freeBuffer(held.fft_spectrum);
-  freeBuffer(held.product);
   destroyPlan(held.inverse_plan);
   freeBuffer(held.fft_out);
   length = 0;

@@ -5,6 +5,7 @@
 #include <span>
 
 #include <fullwaveform/Export.h>
+#include <fullwaveform/fitting/InstructionSet.h>
 
 struct fftw_plan_s;
 
@@ -43,21 +44,27 @@ class FULLWAVEFORM_EXPORT ConvolutionWorkspace {
   [[nodiscard]] Complex* psfSpectrum() const noexcept { return held.psf_spectrum; }
   [[nodiscard]] Complex* psfReversedSpectrum() const noexcept { return held.psf_reversed_spectrum; }
 
-  /// Transforms x, followed by zeros, multiplies it with a spectrum and transforms it back.
+  /// What the next convolution takes, `fftLength` values; convolutions leave it as it is.
+  [[nodiscard]] std::span<double> input() noexcept { return {held.fft_in, length}; }
+  /// Sets the input to x followed by zeros; what lies behind `fftLength` values is left out.
+  void load(std::span<double const> x) noexcept;
+
+  /// Transforms the input, multiplies it with a spectrum and transforms it back.
   ///
-  /// @param x       what lies behind `fftLength` values is left out
   /// @param kernel  `spectrumBins` values
   /// @return `fftLength` values, not normalised, valid until the next call
-  std::span<double const> convolveAround(std::span<double const> x, Complex const* kernel);
+  std::span<double const> convolveInput(Complex const* kernel);
+
+  /// For everything between two transforms; the results are the same with each.
+  InstructionSet instructionSet = widestInstructionSet();
 
  private:
   struct Held {
     Complex* psf_reversed_spectrum = nullptr;
     Complex* psf_spectrum = nullptr;
     double* fft_in = nullptr;
-    Complex* fft_spectrum = nullptr;
+    Complex* fft_spectrum = nullptr;  ///< and the product with a kernel, in its place
     fftw_plan_s* forward_plan = nullptr;
-    Complex* product = nullptr;
     double* fft_out = nullptr;
     fftw_plan_s* inverse_plan = nullptr;
   };

@@ -12,6 +12,20 @@ namespace FullWaveform {
 /// kernel of `kernelLength` values, -1 for a kernel of one.
 FULLWAVEFORM_EXPORT std::ptrdiff_t centreOf(std::size_t kernelLength);
 
+/// Values of a signal, `count` of them from `first` on.
+struct Stretch {
+  std::size_t first;
+  std::size_t count;
+};
+
+/// The values of a signal that a transform has results for, all of them when it was planned for such a
+/// signal.
+///
+/// @param fftLength     length of the transform
+/// @param offset        position in the full convolution of the first result, see `centreOf`
+/// @param signalLength  values of the signal
+FULLWAVEFORM_EXPORT Stretch reachOf(std::size_t fftLength, std::ptrdiff_t offset, std::size_t signalLength);
+
 /// Convolution by FFT, cut so that out[i] belongs to x[i].
 ///
 /// @param workspace  its transform must hold x and the kernel without overlap (lengths added, less one) for
@@ -25,19 +39,5 @@ FULLWAVEFORM_EXPORT std::ptrdiff_t centreOf(std::size_t kernelLength);
 FULLWAVEFORM_EXPORT void convolve(ConvolutionWorkspace& workspace,
                                   ConvolutionWorkspace::Complex const* kernel, std::ptrdiff_t offset,
                                   std::span<double const> x, std::span<double> out);
-
-/// Convolution with one system wave and with its mirror image, whatever the length of the transform.
-class FULLWAVEFORM_EXPORT SystemWaveConvolver {
- public:
-  /// @param workspace  must outlive this object
-  SystemWaveConvolver(ConvolutionWorkspace& workspace, std::size_t kernelLength);
-
-  void blur(std::span<double const> x, std::span<double> out);
-  void blurReversed(std::span<double const> x, std::span<double> out);
-
- private:
-  ConvolutionWorkspace* workspace;
-  std::ptrdiff_t offset;
-};
 
 }  // namespace FullWaveform

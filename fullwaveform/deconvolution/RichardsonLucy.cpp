@@ -7,6 +7,8 @@
 
 #include <fullwaveform/deconvolution/FftConvolution.h>
 #include <fullwaveform/deconvolution/FftPlanner.h>
+#include <fullwaveform/deconvolution/RichardsonLucyIteration.h>
+#include <fullwaveform/deconvolution/TransformLength.h>
 #include <fullwaveform/model/MarkBadPeaks.h>
 #include <fullwaveform/scanner/SystemWave.h>
 
@@ -70,6 +72,7 @@ template <class T, class SimplePeakType>
 void RichardsonLucy<T, SimplePeakType>::planTransforms(std::span<double const> systemWave) {
   fft_length = sys_length + upsampled_length - 1;
   workspace = ConvolutionWorkspace(systemWave, fft_length);
+  paddedWorkspace = ConvolutionWorkspace(systemWave, fastTransformLength(fft_length));
   spectrum_bins = workspace.spectrumBins();
 }
 
@@ -92,14 +95,22 @@ int RichardsonLucy<T, SimplePeakType>::apply(T const* samples, Holdex::StrongPtr
   observed.resize(length);
   double const maximum = observe(range, device.up_sampling, wave->noise, observed);
   estimate = observed;
-  deconvolve(observed, convolver(), memory, estimate);
-  scaleToCounts(maximum, wave->noise, estimate);
-  findRawPeaks(estimate, 0, static_cast<int>(length - 1), wave->noise, wave->peaks, toSixteenBits,
-               peak_finder.minimumDifference);
+  // The ends of a signal longer than planned for overlap, which more zeros would change.
+  ConvolutionWorkspace& transforms = length + sys_length <= fft_length + 1 ? paddedWorkspace : workspace;
+  deconvolve(observed, transforms, centreOf(sys_length), estimate);
+  counts.resize(length);
+  scaleToCounts(maximum, wave->noise, transforms.instructionSet, estimate, counts);
+  findRawPeaks(counts, 0, static_cast<int>(length - 1), wave->noise, wave->peaks, peak_finder);
   mapToSamples(*wave);
   wave->testIfAfterPulse();
   removeBadPeaks(wave->peaks);
   return 1;
+}
+
+template <class T, class SimplePeakType>
+void RichardsonLucy<T, SimplePeakType>::use(InstructionSet set) {
+  workspace.instructionSet = set;
+  paddedWorkspace.instructionSet = set;
 }
 
 template <class T, class SimplePeakType>
@@ -118,6 +129,7 @@ void RichardsonLucy<T, SimplePeakType>::releaseTogether(std::span<RichardsonLucy
   aloneWithFftPlanner([planes] {
     for (RichardsonLucy& plane : planes) {
       plane.workspace.releaseAtPlanner();
+      plane.paddedWorkspace.releaseAtPlanner();
     }
   });
 }

@@ -64,15 +64,18 @@ class FULLWAVEFORM_EXPORT RichardsonLucy {
   /// from then on.
   static void releaseTogether(std::span<RichardsonLucy> planes) noexcept;
 
+  /// For tests and measurements: the results are the same with every instruction set that the machine has.
+  void use(InstructionSet set);
+
  private:
   void planTransforms(std::span<double const> systemWave);
-  [[nodiscard]] SystemWaveConvolver convolver() { return {workspace, sys_length}; }
   void mapToSamples(WavePoints<T>& wave) const;
 
-  ConvolutionWorkspace workspace;
+  ConvolutionWorkspace workspace;        ///< of `fft_length`
+  ConvolutionWorkspace paddedWorkspace;  ///< of a length near it whose transforms are faster
   std::vector<double> observed;
   std::vector<double> estimate;
-  DeconvolutionMemory memory;
+  std::vector<T> counts;
 };
 
 extern template class RichardsonLucy<unsigned short, ZeroCrossing>;

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstddef>
+
+#include <fullwaveform/deconvolution/FftConvolution.h>
+#include <fullwaveform/deconvolution/IterationKernels.h>
 
 namespace FullWaveform {
 namespace {
@@ -37,21 +39,51 @@ double subtractNoise(std::span<unsigned short const> samples, double noise, std:
   return largest;
 }
 
-/// One correction of the estimate; returns the sum of the correction factors.
-double correct(std::span<double const> observed, SystemWaveConvolver& convolver, DeconvolutionMemory& memory,
-               std::span<double> estimate) {
-  convolver.blur(estimate, memory.convolved);
-  for (std::size_t i = 0; i < observed.size(); ++i) {
-    memory.ratio[i] = memory.convolved[i] == 0.0 ? 0.0 : observed[i] / memory.convolved[i];
-  }
-  convolver.blurReversed(memory.ratio, memory.correction);
-  double sum = 0.0;
-  for (std::size_t i = 0; i < observed.size(); ++i) {
-    estimate[i] *= memory.correction[i];
-    sum += memory.correction[i];
-  }
-  return sum;
+void clearOutside(std::span<double> values, Stretch const& stretch) {
+  std::fill_n(values.begin(), stretch.first, 0.0);
+  std::fill(values.begin() + static_cast<std::ptrdiff_t>(stretch.first + stretch.count), values.end(), 0.0);
 }
+
+/// A signal in the transforms of a workspace, whose input holds the estimate between two corrections.
+class Iteration {
+ public:
+  Iteration(std::span<double const> observed, ConvolutionWorkspace& workspace, std::ptrdiff_t offset,
+            std::span<double> estimate)
+      : workspace(workspace),
+        input(workspace.input().first(std::min(observed.size(), workspace.fftLength()))),
+        reach(reachOf(workspace.fftLength(), offset, observed.size())),
+        begin(static_cast<std::size_t>(offset + static_cast<std::ptrdiff_t>(reach.first))),
+        observed(within(observed)),
+        estimate(within(estimate)) {
+    workspace.load(estimate);
+    clearOutside(estimate, reach);
+  }
+
+  /// One correction of the estimate; returns the sum of the correction factors.
+  double correct() {
+    InstructionSet const set = workspace.instructionSet;
+    double const scale = 1.0 / static_cast<double>(workspace.fftLength());
+    auto const blurred = workspace.convolveInput(workspace.psfSpectrum());
+    IterationKernels::divide(set, observed, blurred.data() + begin, scale, input.data() + reach.first);
+    clearOutside(input, reach);
+    auto const factors = workspace.convolveInput(workspace.psfReversedSpectrum());
+    return IterationKernels::correct(set, estimate, factors.data() + begin, scale,
+                                     input.data() + reach.first);
+  }
+
+ private:
+  template <class Value>
+  [[nodiscard]] std::span<Value> within(std::span<Value> values) const {
+    return values.subspan(reach.first, reach.count);
+  }
+
+  ConvolutionWorkspace& workspace;
+  std::span<double> input;
+  Stretch reach;
+  std::size_t begin;  ///< of the results that belong to the stretch
+  std::span<double const> observed;
+  std::span<double> estimate;
+};
 
 }  // namespace
 
@@ -67,15 +99,13 @@ double observe(std::span<unsigned short const> samples, std::uint32_t steps, uns
   return maximum;
 }
 
-int deconvolve(std::span<double const> observed, SystemWaveConvolver convolver, DeconvolutionMemory& memory,
+int deconvolve(std::span<double const> observed, ConvolutionWorkspace& workspace, std::ptrdiff_t offset,
                std::span<double> estimate) {
-  memory.convolved.resize(observed.size());
-  memory.ratio.resize(observed.size());
-  memory.correction.resize(observed.size());
+  Iteration iteration(observed, workspace, offset, estimate);
   double previous = 0.0;
   int k = 0;
   while (k < mostIterations) {
-    double const sum = correct(observed, convolver, memory, estimate);
+    double const sum = iteration.correct();
     bool const mayGoOn = sum <= previous || k < iterationsBeforeRise;
     ++k;
     // A sum that is not a number ends the loop too.
@@ -87,11 +117,10 @@ int deconvolve(std::span<double const> observed, SystemWaveConvolver convolver, 
   return k;
 }
 
-void scaleToCounts(double maximum, double noise, std::span<double> estimate) {
+void scaleToCounts(double maximum, double noise, InstructionSet set, std::span<double const> estimate,
+                   std::span<unsigned short> counts) {
   double const largest = *std::max_element(estimate.begin(), estimate.end() - 1);
-  for (double& value : estimate) {
-    value = value * (maximum - noise) / largest + noise;
-  }
+  IterationKernels::toCounts(set, estimate, maximum - noise, largest, noise, counts.data());
 }
 
 }  // namespace FullWaveform

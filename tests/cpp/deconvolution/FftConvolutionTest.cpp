@@ -59,36 +59,33 @@ TEST(CentreOf, IsTheSampleBeforeTheMiddle) {
   EXPECT_EQ(centreOf(1), -1);
 }
 
-TEST(SystemWaveConvolver, IsTheDirectSumWithASkewedKernel) {
+TEST(Convolve, IsTheDirectSumWithASkewedKernel) {
   for (std::size_t const length : {2UL, 5UL, 8UL, 21UL, 64UL, 127UL}) {
     Values const x = irregular(length);
     for (std::uint32_t const more : {0U, 1U, 13U}) {
       ConvolutionWorkspace workspace(skewed, plainLength(length, skewed.size()) + more);
-      SystemWaveConvolver convolver(workspace, skewed.size());
       Values out(length);
-      convolver.blur(x, out);
+      convolve(workspace, workspace.psfSpectrum(), centreOf(skewed.size()), x, out);
       expectNear(out, directSum(x, skewed, 3));
     }
   }
 }
 
-TEST(SystemWaveConvolver, TurnsTheKernelRoundForTheCorrection) {
+TEST(Convolve, TurnsTheKernelRoundForTheCorrection) {
   Values const x = irregular(40);
   Values const turned(skewed.rbegin(), skewed.rend());
   ConvolutionWorkspace workspace(skewed, plainLength(40, skewed.size()));
-  SystemWaveConvolver convolver(workspace, skewed.size());
   Values out(40);
-  convolver.blurReversed(x, out);
+  convolve(workspace, workspace.psfReversedSpectrum(), centreOf(skewed.size()), x, out);
   expectNear(out, directSum(x, turned, 3));
 }
 
-TEST(SystemWaveConvolver, OfAnImpulseIsTheKernelAroundIt) {
+TEST(Convolve, OfAnImpulseIsTheKernelAroundIt) {
   ConvolutionWorkspace workspace(skewed, plainLength(12, skewed.size()));
-  SystemWaveConvolver convolver(workspace, skewed.size());
   Values x(12, 0.0);
   x[5] = 2.0;
   Values out(12);
-  convolver.blur(x, out);
+  convolve(workspace, workspace.psfSpectrum(), centreOf(skewed.size()), x, out);
   expectNear(out, {0, 0, 0.2, 1.8, 2.0, 1.2, 0.7, 0.4, 0.2, 0.1, 0, 0});
 }
 
@@ -206,9 +203,8 @@ TEST(ConvolutionWorkspace, ThreadsPlanAndFreeAtTheSameTime) {
     for (std::uint32_t more = 0; more < 20; ++more) {
       ConvolutionWorkspace workspace(
           skewed, plainLength(50, skewed.size()) + more + 20 * static_cast<std::uint32_t>(number));
-      SystemWaveConvolver convolver(workspace, skewed.size());
       Values out(50);
-      convolver.blur(x, out);
+      convolve(workspace, workspace.psfSpectrum(), centreOf(skewed.size()), x, out);
       expectNear(out, expected);
     }
   });
