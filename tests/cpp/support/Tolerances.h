@@ -63,4 +63,15 @@ inline constexpr double certifiedMinimum = 1e-8;
 /// Derivatives from steps of 1e-5 to both sides: rounding of sums near 1000 counts, over the step.
 inline constexpr double derivative = 1e-6;
 
+/// Position of an echo in a record whose content was shifted by whole samples: two roundings to single
+/// precision below 128 samples.
+inline constexpr double shiftedSamples = 1e-5;
+
+/// The same where Gaussians are refined: the refinement measures its steps against the parameters, positions
+/// among them, and so stops a little nearer to or farther from the minimum. 5 mm of range at 1 ns.
+inline constexpr double shiftedRefinedSamples = 3e-2;
+
+/// Amplitude of such a Gaussian, dB.
+inline constexpr double shiftedRefinedDecibel = 5e-2;
+
 }  // namespace FullWaveform::Testing::Tolerance
