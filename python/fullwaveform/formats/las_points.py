@@ -30,7 +30,8 @@ from fullwaveform.formats.las_waveform_packets import (
 )
 
 WAVEFORM_POINT_FORMATS = (4, 5, 9, 10)
-_FIRST_WITH_WAVEFORMS = 3  # minor version of LAS 1
+_VERSIONS = ((1, 3), (1, 4), (1, 5))
+_COMPRESSED = 0b1000_0000  # bit of the point format
 SCAN_ANGLE_UNIT = 0.006  # degrees per count of the scan angle in point formats 6 to 10
 
 _SMALLEST_HEADER = 227  # bytes, LAS 1.0 to 1.2
@@ -78,6 +79,7 @@ def _check_extent_of_header(path: Path) -> None:
         raise WaveformFileError(f"{path} is not a LAS file: it does not start with LASF")
     if len(start) < _SMALLEST_HEADER:
         raise WaveformFileError(f"{path} is cut off in its header, after {size} bytes")
+    _check_kind(start, path)
     header_size, points_start, records = struct.unpack_from("<HII", start, 94)
     if points_start > size:
         raise WaveformFileError(
@@ -89,6 +91,19 @@ def _check_extent_of_header(path: Path) -> None:
             f"bytes and the points at byte {points_start}"
         )
     _check_extent_of_records(path, header_size, points_start, records)
+
+
+def _check_kind(start: bytes, path: Path) -> None:
+    version, point_format = (start[24], start[25]), start[104] & ~_COMPRESSED
+    if version not in _VERSIONS:
+        raise WaveformFileError(
+            f"{path} is LAS {version[0]}.{version[1]}; versions 1.3, 1.4 and 1.5 have waveforms "
+            "that can be read"
+        )
+    if point_format not in WAVEFORM_POINT_FORMATS:
+        raise WaveformFileError(
+            f"{path}: point format {point_format} has no waveforms; formats 4, 5, 9 and 10 do"
+        )
 
 
 def _check_extent_of_records(path: Path, start: int, end: int, records: int) -> None:
@@ -106,20 +121,11 @@ def _check_extent_of_records(path: Path, start: int, end: int, records: int) -> 
 
 
 def _check_header(header: laspy.LasHeader, path: Path) -> None:
-    point_format = header.point_format
-    if point_format.id not in WAVEFORM_POINT_FORMATS:
-        raise WaveformFileError(
-            f"{path}: point format {point_format.id} has no waveforms; formats 4, 5, 9 and 10 do"
-        )
-    if header.version.minor < _FIRST_WITH_WAVEFORMS:
-        raise WaveformFileError(
-            f"{path} is LAS {header.version}; waveforms are possible from LAS 1.3 on"
-        )
     check_coordinates(header.scales, header.offsets, path)
     if header.are_points_compressed:
         check_compression(header, path)
         return
-    there = (path.stat().st_size - header.offset_to_point_data) // point_format.size
+    there = (path.stat().st_size - header.offset_to_point_data) // header.point_format.size
     if there < header.point_count:
         raise WaveformFileError(
             f"{path} is cut off: the header announces {header.point_count} points, "
@@ -138,12 +144,12 @@ def _read_extended_records(
     position = header.start_of_first_evlr
     with path.open("rb") as stream:
         for number in range(header.number_of_evlrs):
-            stream.seek(position)
             if position + RECORD_HEADER_SIZE > size:
                 raise WaveformFileError(
                     f"{path} is cut off: extended record {number + 1} of {header.number_of_evlrs} "
                     f"should start at byte {position}, the file has {size} bytes"
                 )
+            stream.seek(position)
             user, record_id, length = read_record_header(stream)
             end = position + RECORD_HEADER_SIZE + length
             if user == b"LASF_Spec":
