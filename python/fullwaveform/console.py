@@ -3,10 +3,17 @@
 from __future__ import annotations
 
 import logging
+import re
 
 from fullwaveform import _core
 
 logger = logging.getLogger("fullwaveform")
+_NUMBER = re.compile(r"\d+(\.\d+)?")
+
+
+def message_kind(message: str) -> str:
+    """The message without its numbers: those that differ in them only are of one kind."""
+    return _NUMBER.sub("…", message)
 
 
 def forward_messages() -> list[str]:

@@ -3,9 +3,10 @@
 from __future__ import annotations
 
 import time
+from collections.abc import Mapping
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Annotated
+from typing import TYPE_CHECKING, Annotated
 
 import typer
 from rich.console import Console
@@ -22,15 +23,26 @@ from fullwaveform.formats.opening import WaveformReader, open_waveforms
 from fullwaveform.pipeline import available_workers, extracted_blocks, write_echoes
 from fullwaveform.scanner import AfterPulse, Scanner
 
+if TYPE_CHECKING:
+    from fullwaveform.cli.extract_cluster import ClusterCall
+
 
 def extract(
-    source: Annotated[
-        Path,
-        typer.Argument(metavar="IN", help="LAS, LAZ, PulseWaves .pls, HDF5 scan or .npz."),
+    sources: Annotated[
+        list[Path],
+        typer.Argument(
+            metavar="IN",
+            help="LAS, LAZ, PulseWaves .pls, HDF5 scan or .npz; several with --cluster.",
+        ),
     ],
     output: Annotated[
         Path,
-        typer.Option("-o", "--output", metavar="OUT", help=f"Echoes: {', '.join(ECHO_ENDINGS)}."),
+        typer.Option(
+            "-o",
+            "--output",
+            metavar="OUT",
+            help=f"Echoes: {', '.join(ECHO_ENDINGS)}; a folder with --cluster.",
+        ),
     ],
     mode: Annotated[
         str, typer.Option(help="three-point, decomposition, deconvolution, hybrid, or 0 to 3.")
@@ -56,7 +68,10 @@ def extract(
         bool, typer.Option("--keep-empty", help="A row for each waveform without echoes, too.")
     ] = False,
     workers: Annotated[
-        int | None, typer.Option(min=1, help="Threads that extract; all processors by default.")
+        int | None,
+        typer.Option(
+            min=1, help="Threads, or processes with --cluster local; all processors by default."
+        ),
     ] = None,
     block: Annotated[
         int, typer.Option(min=1, help="Waveforms per block: what is in memory at a time.")
@@ -65,6 +80,23 @@ def extract(
         bool, typer.Option("-v", "--verbose", help="A line for each waveform without echoes.")
     ] = False,
     quiet: Annotated[bool, typer.Option("-q", "--quiet", help="No progress, no summary.")] = False,
+    cluster: Annotated[
+        str | None,
+        typer.Option(
+            metavar="ADDRESS|local",
+            help="Workers of a Dask scheduler, or new processes here; OUT is a folder of parts.",
+        ),
+    ] = None,
+    resume: Annotated[
+        bool, typer.Option("--resume", help="Continue the run whose parts are in the folder OUT.")
+    ] = False,
+    unit_blocks: Annotated[
+        int | None,
+        typer.Option(min=1, help="Blocks of a part, at most; about a minute's work by default."),
+    ] = None,
+    part_format: Annotated[
+        str | None, typer.Option(metavar="ENDING", help="Kind of the parts; parquet by default.")
+    ] = None,
 ) -> None:
     """Extract echoes from the waveforms of a file.
 
@@ -76,12 +108,35 @@ def extract(
 
         fullwaveform extract scan.las -o echoes.csv --channel 2=high --workers 2 --verbose
     """
-    call = _Call(source, output, keep_empty, workers or available_workers(), block, verbose, quiet)
+    call: _Call | ClusterCall
+    if cluster is None:
+        _check_that_no_cluster_is_needed(
+            sources,
+            {"--resume": resume, "--unit-blocks": unit_blocks, "--part-format": part_format},
+        )
+        threads = workers or available_workers()
+        call = _Call(sources[0], output, keep_empty, threads, block, verbose, quiet)
+    else:
+        from fullwaveform.cli.extract_cluster import ClusterCall  # loaded when it is wanted
+
+        call = ClusterCall(
+            sources=sources,
+            folder=output,
+            address=cluster,
+            resume=resume,
+            unit_blocks=unit_blocks,
+            part_format=part_format or "parquet",
+            workers=workers,
+            block=block,
+            keep_empty=keep_empty,
+            verbose=verbose,
+            quiet=quiet,
+        )
     call.check()
     chosen_mode, level = mode_from(mode), noise_from(noise)
     channels = channel_flags_from(channel or [])
     chosen_after_pulse = after_pulse_from(after_pulse)
-    with told_in_a_sentence():
+    with told_in_a_sentence(call.left):
         settings = ExtractionSettings(
             scanner=_scanner(scanner, chosen_after_pulse),
             mode=chosen_mode,
@@ -89,10 +144,19 @@ def extract(
             keep_empty=keep_empty,
         )
         check_system_wave(settings.mode, settings.scanner)
-        with open_waveforms(source, waveforms_per_block=block, channel_flags=channels) as reader:
-            summary = _run(reader, settings, call)
+        summary = call.run(settings, channels)
         if not quiet:
             summary.show(Console())
+
+
+def _check_that_no_cluster_is_needed(sources: list[Path], options: Mapping[str, object]) -> None:
+    if len(sources) > 1:
+        raise typer.BadParameter(
+            f"{len(sources)} files are extracted together with --cluster only", param_hint="IN"
+        )
+    for name, value in options.items():
+        if value:
+            raise typer.BadParameter("is for a run with --cluster", param_hint=name)
 
 
 @dataclass(frozen=True)
@@ -117,6 +181,17 @@ class _Call:
             check_takes_empty(self.output, self.keep_empty)
         except ValueError as error:
             raise typer.BadParameter(str(error), param_hint="-o") from error
+
+    def left(self) -> str:
+        """What there is after a signal."""
+        return "no result was written"
+
+    def run(self, settings: ExtractionSettings, channels: Mapping[int, int]) -> RunSummary:
+        """Extracts the file."""
+        with open_waveforms(
+            self.source, waveforms_per_block=self.block, channel_flags=channels
+        ) as reader:
+            return _run(reader, settings, self)
 
     @property
     def statistics(self) -> Path:
@@ -145,7 +220,7 @@ def _run(reader: WaveformReader, settings: ExtractionSettings, call: _Call) -> R
             each=(lambda sentence: typer.echo(sentence, err=True)) if call.verbose else None,
         )
     return RunSummary(
-        source=reader.path,
+        name=reader.path.name,
         destination=call.output,
         settings=settings,
         read=reader.tally,

@@ -3,14 +3,13 @@
 from __future__ import annotations
 
 import logging
-import re
 from collections import Counter
 from collections.abc import Iterator
 from contextlib import contextmanager
 
 import typer
 
-_NUMBER = re.compile(r"\d+(\.\d+)?")
+from fullwaveform.console import message_kind
 
 
 class _MessageCounter(logging.Handler):
@@ -23,7 +22,7 @@ class _MessageCounter(logging.Handler):
 
     def emit(self, record: logging.LogRecord) -> None:
         text = record.getMessage()
-        self.kinds[_NUMBER.sub("…", text)] += 1
+        self.kinds[message_kind(text)] += 1
         if self._verbose:
             typer.echo(text, err=True)
 

@@ -17,7 +17,7 @@ from fullwaveform.formats.blocks import ReadTally
 class RunSummary:
     """Everything a person wants to know when an extraction is done."""
 
-    source: Path
+    name: str  # of the input
     destination: Path
     settings: ExtractionSettings
     read: ReadTally
@@ -30,7 +30,7 @@ class RunSummary:
 
     def show(self, console: Console) -> None:
         """Prints the summary as a table, notes below it."""
-        table = Table(title=f"{self.source.name}: {self.settings.mode.title}", show_header=False)
+        table = Table(title=f"{self.name}: {self.settings.mode.title}", show_header=False)
         table.add_column(style="bold", no_wrap=True)
         table.add_column(justify="right", no_wrap=True)
         table.add_column()

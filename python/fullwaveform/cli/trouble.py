@@ -24,8 +24,13 @@ class _Terminated(BaseException):
 
 
 @contextmanager
-def told_in_a_sentence() -> Iterator[None]:
-    """Turns errors of files and values into a sentence and exit code 1, signals into theirs."""
+def told_in_a_sentence(
+    left: Callable[[], str] = lambda: "no result was written",
+) -> Iterator[None]:
+    """Turns errors of files and values into a sentence and exit code 1, signals into theirs.
+
+    `left` says, after a signal, what there is of the result.
+    """
     restore = _terminated_by_signal()
     try:
         yield
@@ -37,10 +42,10 @@ def told_in_a_sentence() -> Iterator[None]:
     except MemoryError:
         _stop("not enough memory for one block of waveforms; try a smaller --block")
     except KeyboardInterrupt:
-        typer.echo("interrupted; no result was written", err=True)
+        typer.echo(f"interrupted; {left()}", err=True)
         raise typer.Exit(EXIT_INTERRUPTED) from None
     except _Terminated:
-        typer.echo("terminated; no result was written", err=True)
+        typer.echo(f"terminated; {left()}", err=True)
         raise typer.Exit(EXIT_TERMINATED) from None
     finally:
         restore()

@@ -83,18 +83,7 @@ class LasEchoWriter(EchoWriter):
 
     def notes(self) -> tuple[str, ...]:
         """What could not be written as it is, a sentence each."""
-        notes = []
-        if self.not_representable:
-            notes.append(
-                f"{self.not_representable:,} of {self.count + self.not_representable:,} echoes "
-                "left out: their coordinates do not fit the file's scale and offset"
-            )
-        if self.saturated_return_numbers:
-            notes.append(
-                f"{self.saturated_return_numbers:,} shots have more echoes than a return "
-                "number can say; the numbers stop at the largest"
-            )
-        return tuple(notes)
+        return las_notes(self.count, self.not_representable, self.saturated_return_numbers)
 
     @contextmanager
     def _open(self) -> Iterator[None]:
@@ -129,6 +118,22 @@ class LasEchoWriter(EchoWriter):
             laz_backend=self._compressor,
             closefd=False,
         )
+
+
+def las_notes(written: int, not_representable: int, saturated: int) -> tuple[str, ...]:
+    """What a LAS file, or several together, could not hold as it is, a sentence each."""
+    notes = []
+    if not_representable:
+        notes.append(
+            f"{not_representable:,} of {written + not_representable:,} echoes left out: their "
+            "coordinates do not fit the file's scale and offset"
+        )
+    if saturated:
+        notes.append(
+            f"{saturated:,} shots have more echoes than a return number can say; the numbers stop "
+            "at the largest"
+        )
+    return tuple(notes)
 
 
 def _compressor(path: Path) -> laspy.LazBackend:

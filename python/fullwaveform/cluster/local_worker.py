@@ -1,0 +1,11 @@
+"""Loaded by the workers of a local cluster when they start."""
+
+from __future__ import annotations
+
+import signal
+from typing import Any
+
+
+def dask_setup(worker: Any) -> None:
+    """Leave Ctrl-C, which a terminal sends to all processes, to the one that was started there."""
+    signal.signal(signal.SIGINT, signal.SIG_IGN)

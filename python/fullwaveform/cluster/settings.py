@@ -1,0 +1,111 @@
+"""The settings of a job as plain data, for the manifest and for the workers."""
+
+from __future__ import annotations
+
+from collections import Counter
+from collections.abc import Mapping
+from dataclasses import dataclass
+from typing import Any
+
+from fullwaveform.cluster.plain import to_plain
+from fullwaveform.driver import Mode
+from fullwaveform.extraction import ExtractionSettings
+from fullwaveform.formats.file_ends import flag_table
+from fullwaveform.scanner import AfterPulse, Scanner
+from fullwaveform.scanner_attributes import checked_attributes
+
+_OTHERS = "others"  # the flag of the channels that are not named
+# Waveforms of a unit by mode: a minute or so of one processor.
+_WAVEFORMS_OF_UNIT = {
+    Mode.THREE_POINT: 4_000_000,
+    Mode.DECOMPOSITION: 1_000_000,
+    Mode.DECONVOLUTION: 100_000,
+    Mode.HYBRID: 100_000,
+}
+
+
+@dataclass(frozen=True)
+class JobSettings:
+    """All that decides what a job writes, beside its inputs; plain data throughout.
+
+    Two jobs of equal settings over equal inputs write equal parts.
+    """
+
+    mode: int
+    noise: int  # counts; negative: estimated for every waveform
+    keep_empty: bool
+    scanner_attributes: dict[str, str | float | list[float]]
+    after_pulse: AfterPulse | None
+    deconvolution_offset: float  # samples
+    deconvolution_offset_hybrid: float | None  # samples
+    channel_flags: dict[str, int]  # by the number of the channel, and that of all others
+    sampling_interval: float | None  # s, where it is given; None: the files say it
+    block: int  # waveforms
+    unit_blocks: int  # blocks of a unit, at most
+    part_format: str  # the ending of the parts without its dot
+
+    @classmethod
+    def of(
+        cls,
+        settings: ExtractionSettings,
+        channel_flags: Mapping[int, int] | int,
+        *,
+        block: int,
+        unit_blocks: int | None,
+        part_format: str,
+        sampling_interval: float | None = None,
+    ) -> JobSettings:
+        """The plain form; `unit_blocks` of None stands for units of a minute or so."""
+        scanner = settings.scanner
+        return cls(
+            mode=int(settings.mode),
+            noise=settings.noise,
+            keep_empty=settings.keep_empty,
+            scanner_attributes=to_plain(scanner.attributes),
+            after_pulse=scanner.after_pulse,
+            deconvolution_offset=scanner.deconvolution_offset,
+            deconvolution_offset_hybrid=scanner.deconvolution_offset_hybrid,
+            channel_flags=_shortened(channel_flags),
+            sampling_interval=sampling_interval,
+            block=block,
+            unit_blocks=unit_blocks or max(1, _WAVEFORMS_OF_UNIT[settings.mode] // block),
+            part_format=part_format,
+        )
+
+    def extraction(self) -> ExtractionSettings:
+        """The settings as the extraction takes them; ValueError where they make no sense."""
+        scanner = Scanner(
+            checked_attributes(self.scanner_attributes, "scanner attributes of the job"),
+            self.after_pulse,
+            deconvolution_offset=self.deconvolution_offset,
+            deconvolution_offset_hybrid=self.deconvolution_offset_hybrid,
+        )
+        return ExtractionSettings(scanner, Mode(self.mode), self.noise, self.keep_empty)
+
+    def flags(self) -> dict[int, int]:
+        """Channel flag by the number of the channel, 0 to 255."""
+        named = {int(name): flag for name, flag in self.channel_flags.items() if name != _OTHERS}
+        return dict.fromkeys(range(256), self.channel_flags[_OTHERS]) | named
+
+
+def differences(before: Any, now: Any, where: str = "") -> list[str]:
+    """What differs between two pieces of plain data, a phrase each."""
+    if isinstance(before, dict) and isinstance(now, dict):
+        found = []
+        for key in dict.fromkeys([*before, *now]):
+            found += differences(before.get(key), now.get(key), f"{where}.{key}" if where else key)
+        return found
+    return [] if before == now else [f"{where} was {_in_words(before)} and is {_in_words(now)}"]
+
+
+def _in_words(value: Any) -> str:
+    if isinstance(value, list):
+        return f"a list of {len(value)}, beginning {value[:2]}"
+    return "nothing" if value is None else repr(value)
+
+
+def _shortened(channel_flags: Mapping[int, int] | int) -> dict[str, int]:
+    flags = flag_table(channel_flags).tolist()
+    ((usual, _),) = Counter(flags).most_common(1)
+    named = {str(number): flag for number, flag in enumerate(flags) if flag != usual}
+    return {_OTHERS: usual} | named

@@ -1,0 +1,99 @@
+"""A scheduler and workers of dask.distributed as processes of their own on the loopback."""
+
+from __future__ import annotations
+
+import json
+import os
+import subprocess
+import sys
+import time
+from collections.abc import Callable, Iterator
+from contextlib import ExitStack, contextmanager
+from pathlib import Path
+from typing import Any
+
+import fullwaveform
+
+PATIENCE = 120.0  # s; only ever waited out where something is broken
+PACKAGE = str(Path(fullwaveform.__file__).resolve().parents[1])
+HOLD = Path(__file__).with_name("held_workers.py")
+
+
+def until(what: Callable[[], Any]) -> Any:
+    """What the function gives as soon as it is true."""
+    end = time.monotonic() + PATIENCE
+    while not (found := what()):
+        assert time.monotonic() < end, "waited in vain"
+        time.sleep(0.02)
+    return found
+
+
+def environment(**more: str) -> dict[str, str]:
+    """Of processes that know this package and wait for a test."""
+    path = os.pathsep.join([PACKAGE, *filter(None, [os.environ.get("PYTHONPATH")])])
+    return {**os.environ, "PYTHONPATH": path, "COLUMNS": "200", **more}
+
+
+def hold(folder: Path, block: int, **more: str) -> dict[str, str]:
+    """Variables by which workers hold the range that begins with the block."""
+    return {
+        "HOLD_FOLDER": str(folder),
+        "HOLD_BLOCK": str(block),
+        "DASK_DISTRIBUTED__WORKER__PRELOAD": json.dumps([str(HOLD)]),
+        **more,
+    }
+
+
+def command(*call: str | Path, **variables: str) -> subprocess.Popen[str]:
+    """The command line as a process with a group of its own, as a terminal starts it."""
+    return subprocess.Popen(
+        [sys.executable, "-m", "fullwaveform", *map(str, call)],
+        env=environment(**variables),
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        text=True,
+        start_new_session=True,
+    )
+
+
+@contextmanager
+def dask(*call: str, **variables: str) -> Iterator[subprocess.Popen[bytes]]:
+    """A process of Dask that ends with the block."""
+    process = subprocess.Popen(
+        [sys.executable, "-m", "dask", *call],
+        env=environment(**variables),
+        stdout=subprocess.DEVNULL,
+        stderr=subprocess.DEVNULL,
+    )
+    try:
+        yield process
+    finally:
+        process.kill()
+        process.wait()
+
+
+@contextmanager
+def scheduler(folder: Path, **variables: str) -> Iterator[tuple[str, subprocess.Popen[bytes]]]:
+    """Address and process of a scheduler without workers."""
+    file = folder / "scheduler.json"
+    call = ("scheduler", "--host", "127.0.0.1", "--port", "0", "--scheduler-file", str(file))
+    with dask(*call, "--no-dashboard", "--no-show", **variables) as process:
+        address = until(lambda: file.exists() and _address(file))
+        yield address, process
+
+
+@contextmanager
+def workers(address: str, number: int, **variables: str) -> Iterator[list[subprocess.Popen[bytes]]]:
+    """Processes of one thread each, which nobody starts again when they are lost."""
+    call = ("worker", address, "--nthreads", "1", "--no-nanny", "--no-dashboard")
+    call += ("--host", "127.0.0.1", "--death-timeout", "60")
+    with ExitStack() as stack:
+        yield [stack.enter_context(dask(*call, **variables)) for _ in range(number)]
+
+
+def _address(file: Path) -> str:
+    try:
+        address: str = json.loads(file.read_text(encoding="utf-8"))["address"]
+    except ValueError:  # not yet whole
+        return ""
+    return address

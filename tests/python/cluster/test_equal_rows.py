@@ -1,0 +1,131 @@
+"""Parts of several workers are, one behind the other, what one machine writes."""
+
+from __future__ import annotations
+
+from collections.abc import Callable
+from pathlib import Path
+
+import laspy
+import numpy as np
+import pyarrow as pa
+import pytest
+
+from fullwaveform.cluster import part_paths
+
+from ..command_line import names, run, words
+from ..formats.row_scenes import as_container
+from .scenes import (
+    assert_same_rows,
+    las_scan,
+    manifest_of,
+    parts_table,
+    pulsewaves_scan,
+    single_run,
+    table_lines,
+)
+
+
+def container_scan(path: Path) -> Path:
+    return as_container(las_scan(path.with_name("original.las"), shots=120), path)
+
+
+def on_cluster(address: str, *call: str | Path) -> str:
+    result = run("extract", *call, "--cluster", address)
+    assert result.exit_code == 0, result.output
+    return result.stdout
+
+
+@pytest.mark.parametrize("unit_blocks", [1, 4, 1000])
+@pytest.mark.parametrize(
+    ("make", "name"),
+    [(las_scan, "scan.las"), (pulsewaves_scan, "scan.pls"), (container_scan, "scan.h5")],
+)
+def test_of_any_format_in_units_of_any_size(
+    address: str, tmp_path: Path, make: Callable[[Path], Path], name: str, unit_blocks: int
+) -> None:
+    source, folder = make(tmp_path / name), tmp_path / "parts"
+    options = ["--noise", "20", "--block", "40", "--channel", "2=high"]
+    expected = single_run(source, tmp_path / "single.parquet", *options)
+    shown = on_cluster(address, source, "-o", folder, *options, "--unit-blocks", str(unit_blocks))
+    assert_same_rows(parts_table(folder), expected)
+    manifest = manifest_of(folder)
+    (file,) = manifest["inputs"]
+    assert file["blocks"] > 4
+    assert len(manifest["parts"]) == -(-file["blocks"] // unit_blocks)
+    assert sum(part["outcome"]["rows"] for part in manifest["parts"]) == expected.num_rows
+    assert names(folder) == sorted(["manifest.json", *(p["file"] for p in manifest["parts"])])
+    single = run("extract", source, "-o", tmp_path / "single.parquet", *options)
+    assert table_lines(shown) == table_lines(single.stdout)
+    assert len(table_lines(shown)) > 5
+
+
+def test_several_files_stand_one_behind_the_other(address: str, tmp_path: Path) -> None:
+    sources = [
+        las_scan(tmp_path / "b.las", shots=150, seed=1),
+        pulsewaves_scan(tmp_path / "a.pls", pulses=60),
+        las_scan(tmp_path / "c.las", shots=30, seed=2),
+    ]
+    options = ["--block", "50", "--keep-empty", "--mode", "decomposition"]
+    expected = [single_run(s, s.with_suffix(".parquet"), *options) for s in sources]
+    shown = on_cluster(address, *sources, "-o", tmp_path / "parts", *options, "--unit-blocks", "2")
+    assert_same_rows(parts_table(tmp_path / "parts"), pa.concat_tables(expected))
+    assert "3 files" in shown
+    rows = sum(table.num_rows for table in expected)
+    echoes = sum(np.count_nonzero(table["echo_number"]) for table in expected)
+    assert rows > echoes > 0
+    assert f"| {echoes:,} |" in " ".join(table_lines(shown))
+    assert [part["input"] for part in manifest_of(tmp_path / "parts")["parts"]] == (
+        [0, 0, 0, 1, 1, 2]
+    )
+
+
+def test_points_and_lines_of_text(address: str, tmp_path: Path) -> None:
+    source = las_scan(tmp_path / "scan.las")
+    options = ["--block", "60", "--noise", "20"]
+    for ending in ("las", "csv"):
+        single, folder = tmp_path / f"single.{ending}", tmp_path / ending
+        assert run("extract", source, "-o", single, *options).exit_code == 0
+        options_of_parts = ["--unit-blocks", "3", "--part-format", ending]
+        on_cluster(address, source, "-o", folder, *options, *options_of_parts)
+        paths = part_paths(folder)
+        assert len(paths) == 4
+        if ending == "las":
+            points = np.concatenate([laspy.read(path).points.array for path in paths])
+            assert points.tobytes() == laspy.read(single).points.array.tobytes()
+        else:
+            head, *lines = single.read_text(encoding="ascii").splitlines()
+            parts = [path.read_text(encoding="ascii").splitlines() for path in paths]
+            assert {part[0] for part in parts} == {head}
+            assert [line for part in parts for line in part[1:]] == lines
+
+
+def test_statistics_of_suspicious_blocks_stand_in_order(address: str, tmp_path: Path) -> None:
+    """Far above the signals' height nearly all waveforms are rejected, in every block."""
+    source, folder = las_scan(tmp_path / "scan.las"), tmp_path / "parts"
+    options = ["--noise", "3000", "--block", "45"]
+    single = run("extract", source, "-o", tmp_path / "echoes.csv", *options)
+    assert single.exit_code == 0
+    shown = on_cluster(address, source, "-o", folder, *options, "--unit-blocks", "2")
+    expected = (tmp_path / "scan_Warning.txt").read_bytes()
+    assert expected.count(b"NumberOfWaves: ") > 4
+    assert (folder / "scan_Warning.txt").read_bytes() == expected
+    assert table_lines(shown) == table_lines(single.stdout)
+    assert f"statistics appended to {folder / 'scan_Warning.txt'}" in words(shown)
+
+
+def test_echoes_that_a_las_file_cannot_hold_are_counted_together(
+    address: str, tmp_path: Path
+) -> None:
+    """A grid of nanometres: 32 bits reach 2 m, and echoes lie metres from the anchors."""
+    source = las_scan(tmp_path / "scan.las")
+    content = bytearray(source.read_bytes())
+    content[131:155] = np.full(3, 1e-9).tobytes()  # the scales in the header of a LAS file
+    source.write_bytes(content)
+    options = ["--noise", "20", "--block", "40"]
+    single = run("extract", source, "-o", tmp_path / "single.las", *options)
+    shown = on_cluster(address, source, "-o", tmp_path / "p", *options, "--part-format", "las",
+                       "--unit-blocks", "2")  # fmt: skip
+    note = [line for line in single.stdout.splitlines() if "left out" in line]
+    assert len(note) == 1
+    assert note == [line for line in shown.splitlines() if "left out" in line]
+    assert table_lines(shown) == table_lines(single.stdout)
