@@ -1,0 +1,29 @@
+#include <fullwaveform/driver/PeakDetectionFamily.h>
+
+#include <cstddef>
+
+#include <benchmark/benchmark.h>
+
+#include <bench/support/Allocations.h>
+#include <bench/support/Waveforms.h>
+
+namespace FullWaveform::Bench {
+namespace {
+
+/// Blocks of 64 waveforms, results and their release included; the noise is estimated.
+template <FWFModus modus>
+void apply(benchmark::State& state) {
+  Block const block =
+      blockOf(static_cast<std::size_t>(state.range(0)), static_cast<std::size_t>(state.range(1)));
+  Testing::Driver driver(modus, scanner(), "no such directory", "bench", 0U);
+  block.run(driver, -1);  // working memory grows
+  PerWaveform const counters(state, recordCount);
+  for (auto iteration : state) {
+    benchmark::DoNotOptimize(block.run(driver, -1).size());
+  }
+}
+BENCHMARK(apply<FWFModus::ThreePoint>)->Name("PeakDetectionFamily/apply/mode0")->Apply(samplesAndEchoes);
+BENCHMARK(apply<FWFModus::Decomposition>)->Name("PeakDetectionFamily/apply/mode1")->Apply(samplesAndEchoes);
+
+}  // namespace
+}  // namespace FullWaveform::Bench

@@ -1,0 +1,66 @@
+"""Waveforms for the side-by-side programs, and the C++ driver over the same waveforms."""
+
+from __future__ import annotations
+
+import subprocess
+import tempfile
+import time
+from collections.abc import Callable
+from dataclasses import dataclass
+from pathlib import Path
+
+import numpy as np
+import numpy.typing as npt
+
+Samples = npt.NDArray[np.uint16]
+
+
+def waveforms(rows: int, samples: int, echoes: int, seed: int = 1) -> Samples:
+    """Echoes of 60 to 460 counts spread evenly over records with a floor of 14 counts: (rows, samples)."""
+    chance = np.random.default_rng(seed)
+    x = np.arange(samples)
+    signal = 14.0 + chance.normal(0, 1, (rows, samples))
+    for echo in range(echoes):
+        centre = (echo + 0.5 + 0.3 * chance.uniform(-0.5, 0.5, (rows, 1))) * samples / echoes
+        height, width = chance.uniform(60, 460, (rows, 1)), chance.uniform(2, 3, (rows, 1))
+        signal += height * np.exp(-0.5 * ((x - centre) / width) ** 2)
+    return np.clip(np.rint(signal), 0, 4095).astype(np.uint16)
+
+
+@dataclass(frozen=True)
+class Measured:
+    """Fastest run of C++ `apply`, s; with the release of its result, s; heap the result holds, bytes."""
+
+    apply: float
+    with_release: float
+    memory: float
+
+
+def cpp_apply(
+    program: Path,
+    samples: Samples,
+    mode: int,
+    *,
+    per_shot: int = 1,
+    noise: int = -1,
+    runs: int = 5,
+    threads: int = 1,
+) -> Measured:
+    """The driver of the C++ library over the samples, in a program of its own."""
+    with tempfile.NamedTemporaryFile() as file:
+        samples.tofile(file.name)
+        numbers = (*samples.shape, per_shot, mode, noise, runs, threads)
+        done = subprocess.run(
+            [program, file.name, *map(str, numbers)], check=True, capture_output=True, text=True
+        )
+    return Measured(*map(float, done.stdout.split()))
+
+
+def fastest(work: Callable[[], object], runs: int = 5) -> float:
+    """Seconds of the fastest of some runs."""
+    times = []
+    for _ in range(runs):
+        start = time.perf_counter()
+        work()
+        times.append(time.perf_counter() - start)
+    return min(times)
