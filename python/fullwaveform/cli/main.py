@@ -19,6 +19,7 @@ _VERBS = {
     "system-wave": ("fullwaveform.cli.system_wave", "system_wave"),
     "report": ("fullwaveform.cli.report", "report"),
     "convert": ("fullwaveform.cli.convert", "convert"),
+    "info": ("fullwaveform.cli.info", "info"),
 }
 
 

@@ -1,0 +1,219 @@
+"""``fullwaveform info``: what a file of waveforms holds."""
+
+from __future__ import annotations
+
+import json
+from collections.abc import Mapping
+from itertools import pairwise
+from pathlib import Path
+from typing import Annotated, Any
+
+import typer
+from rich import box
+from rich.console import Console
+from rich.table import Table
+
+from fullwaveform.cli.options import channel_flags_from
+from fullwaveform.cli.progress import progress_of
+from fullwaveform.cli.trouble import told_in_a_sentence
+from fullwaveform.formats.opening import open_waveforms
+from fullwaveform.histograms import Histogram
+from fullwaveform.inspection import FileContents, Level, inspect_waveforms
+
+_NANOSECONDS = 1e9
+_BAR = 40  # characters
+_EIGHTHS = " ▏▎▍▌▋▊▉"
+_CHANNELS = {0: "high", 1: "low"}
+_MOST_LISTED = 6  # entries of a distribution; beyond them only how many there are
+
+
+def info(
+    source: Annotated[
+        Path, typer.Argument(metavar="IN", help="File of waveforms, as for extract.")
+    ],
+    interval: Annotated[
+        float | None,
+        typer.Option(metavar="NS", help="Sampling interval in ns, for an .npz."),
+    ] = None,
+    channel: Annotated[
+        list[str] | None, typer.Option(help="Channel of the packets, as for extract.")
+    ] = None,
+    as_json: Annotated[bool, typer.Option("--json", help="For machines: one JSON object.")] = False,
+    quiet: Annotated[bool, typer.Option("-q", "--quiet", help="No progress.")] = False,
+) -> None:
+    """Show what a file of waveforms holds: counts, times, noise, saturation, sample values.
+
+    Worked examples:
+
+        fullwaveform info scan.las
+
+        fullwaveform info scan.las --channel 2=high --json
+    """
+    if interval is not None and not 0.0 < interval < float("inf"):
+        raise typer.BadParameter(
+            f"{interval} is no number of nanoseconds above 0", param_hint="--interval"
+        )
+    channels = channel_flags_from(channel or [])
+    seconds = None if interval is None else interval / _NANOSECONDS
+    with told_in_a_sentence():
+        with (
+            open_waveforms(source, channel_flags=channels, sampling_interval=seconds) as reader,
+            progress_of(reader, quiet) as blocks,
+        ):
+            contents = inspect_waveforms(reader, blocks)
+        if as_json:
+            typer.echo(json.dumps(_plain(source, contents), indent=2))
+        else:
+            _show(source, contents, Console())
+
+
+def _plain(source: Path, contents: FileContents) -> dict[str, Any]:
+    """Everything as JSON has it; intervals in s, times in s, levels in counts."""
+    return {
+        "file": str(source),
+        "format": contents.format,
+        "points": contents.points,
+        "points_without_waveform": contents.points_without_waveform,
+        "points_sharing_waveform": contents.points_sharing_waveform,
+        "waveforms": contents.waveforms,
+        "shots": contents.shots,
+        "samples": contents.samples,
+        "samples_per_waveform": _pairs(contents.sample_counts, "samples"),
+        "sampling_intervals": _pairs(contents.sampling_intervals, "seconds"),
+        "channels": _pairs(contents.channels, "flag"),
+        "shots_by_waveforms": _pairs(contents.waveforms_per_shot, "waveforms", "shots"),
+        "first_time": contents.first_time,
+        "last_time": contents.last_time,
+        "baseline": _plain_level(contents.baseline),
+        "noise": _plain_level(contents.noise),
+        "smallest_value": contents.smallest,
+        "largest_value": contents.largest,
+        "bits": contents.bits,
+        "saturated_share": contents.saturated,
+        "value_histogram": _plain_histogram(contents.values()),
+        "maximum_histogram": _plain_histogram(contents.maxima()),
+        "rejected": dict(contents.rejected),
+        "notes": list(contents.notes),
+    }
+
+
+def _pairs(
+    counts: Mapping[Any, int], name: str, counted: str = "waveforms"
+) -> list[dict[str, Any]]:
+    return [{name: key, counted: count} for key, count in counts.items()]
+
+
+def _plain_level(level: Level | None) -> dict[str, float] | None:
+    if level is None:
+        return None
+    return {"median": level.median, "low": level.low, "high": level.high}
+
+
+def _plain_histogram(histogram: Histogram) -> dict[str, list[int]]:
+    return {"edges": histogram.edges.tolist(), "counts": histogram.counts.tolist()}
+
+
+def _show(source: Path, contents: FileContents, console: Console) -> None:
+    plain = not console.encoding.startswith("utf")
+    table = Table(
+        title=f"{source.name}: {contents.format}",
+        show_header=False,
+        box=box.ASCII if plain else box.SQUARE,
+    )
+    table.add_column(style="bold", no_wrap=True)
+    table.add_column(overflow="fold")
+    for name, text in _rows(contents):
+        table.add_row(name, text)
+    console.print(table)
+    _show_histogram(console, "samples by value, counts", contents.values(), plain)
+    _show_histogram(console, "waveforms by largest sample, counts", contents.maxima(), plain)
+    for reason, count in contents.rejected.items():
+        console.print(f"{count:,} left out: {reason}", markup=False, highlight=False)
+    for note in contents.notes:
+        console.print(note, markup=False, highlight=False)
+
+
+def _rows(contents: FileContents) -> list[tuple[str, str]]:
+    """What the table says, line by line; without waveforms only that there are none."""
+    rows = [
+        ("points", f"{contents.points:,}"),
+        ("without a waveform", f"{contents.points_without_waveform:,}"),
+        ("sharing a waveform", f"{contents.points_sharing_waveform:,}"),
+        ("waveforms", f"{contents.waveforms:,}"),
+    ]
+    if not contents.waveforms:
+        return rows
+    shown = {_CHANNELS.get(flag, str(flag)): n for flag, n in contents.channels.items()}
+    intervals = {f"{s * _NANOSECONDS:.6g} ns": n for s, n in contents.sampling_intervals.items()}
+    rows += [
+        ("shots", f"{contents.shots:,}"),
+        ("waveforms per shot", _listed(contents.waveforms_per_shot, "shots")),
+        ("channels", _listed(shown, "waveforms")),
+        ("samples", f"{contents.samples:,}"),
+        ("samples per waveform", _sample_counts(contents)),
+        ("sampling interval", _listed(intervals, "waveforms")),
+        ("GPS time", _times(contents)),
+    ]
+    return rows + _levels(contents)
+
+
+def _levels(contents: FileContents) -> list[tuple[str, str]]:
+    rows = []
+    for name, level in (("baseline", contents.baseline), ("noise", contents.noise)):
+        if level is not None:
+            span = f"90 % of the waveforms {level.low:.4g} to {level.high:.4g}"
+            rows.append((name, f"{level.median:.4g} counts ({span})"))
+    if contents.largest is not None:
+        values = f"{contents.smallest:,} to {contents.largest:,} counts, {contents.bits} bits"
+        top = f"{contents.saturated:.2%} of the waveforms have a plateau at {contents.largest:,}"
+        rows += [("sample values", values), ("saturation", top)]
+    return rows
+
+
+def _listed(counts: Mapping[Any, int], counted: str) -> str:
+    """Each with its number; of many only how many there are, and the most frequent."""
+    if len(counts) == 1:
+        return str(next(iter(counts)))
+    if len(counts) <= _MOST_LISTED:
+        return ", ".join(f"{key} ({count:,} {counted})" for key, count in counts.items())
+    most = max(counts, key=lambda key: counts[key])
+    return f"{len(counts):,} different ones, mostly {most} ({counts[most]:,} {counted})"
+
+
+def _sample_counts(contents: FileContents) -> str:
+    counts = contents.sample_counts
+    if len(counts) == 1:
+        return f"{next(iter(counts)):,}"
+    return f"{min(counts):,} to {max(counts):,}, median {contents.median_sample_count:,g}"
+
+
+def _times(contents: FileContents) -> str:
+    if contents.first_time is None or contents.last_time is None:
+        return "none"
+    duration = contents.last_time - contents.first_time
+    return f"{contents.first_time:.6f} to {contents.last_time:.6f} s ({duration:.6g} s)"
+
+
+def _show_histogram(console: Console, title: str, histogram: Histogram, plain: bool) -> None:
+    if not len(histogram):
+        return
+    edges = histogram.edges.tolist()
+    names = [
+        f"{low:,}" if behind == low + 1 else f"{low:,} to {behind - 1:,}"
+        for low, behind in pairwise(edges)
+    ]
+    numbers = [f"{count:,}" for count in histogram.counts.tolist()]
+    left, right = max(map(len, names)), max(map(len, numbers))
+    largest = int(histogram.counts.max())
+    console.print(f"\n{title}", style="bold", markup=False, highlight=False)
+    for name, number, count in zip(names, numbers, histogram.counts.tolist(), strict=True):
+        line = f"{name:>{left}}  {number:>{right}}  {_bar(count / largest, plain)}"
+        console.print(line.rstrip(), markup=False, highlight=False, no_wrap=True)
+
+
+def _bar(share: float, plain: bool) -> str:
+    """A bar as long as the share (0 to 1) of the longest; what is not nothing can be seen."""
+    if plain:
+        return "#" * (max(round(share * _BAR), 1) if share > 0 else 0)
+    eighths = max(round(share * _BAR * 8), 1) if share > 0 else 0
+    return "█" * (eighths // 8) + _EIGHTHS[eighths % 8].strip()

@@ -1,0 +1,236 @@
+"""What a file of waveforms holds, found in one pass over its blocks."""
+
+from __future__ import annotations
+
+from collections import Counter
+from collections.abc import Iterable, Mapping
+from dataclasses import dataclass
+from typing import TypeVar
+
+import numpy as np
+import numpy.typing as npt
+
+from fullwaveform.formats.blocks import ReadTally, WaveformBlock
+from fullwaveform.formats.opening import WaveformReader
+from fullwaveform.histograms import Histogram, count_median, count_quantile, value_histogram
+
+IntArray = npt.NDArray[np.int64]
+_Key = TypeVar("_Key", int, float)
+
+_VALUES = 65_536  # of a sample
+_HALVES, _QUARTERS = 2, 4  # steps per count in which baselines and spreads are counted
+# A normal distribution is 1.4826 times as wide (standard deviation) as the distance from its
+# median to its quartile.
+_DEVIATION_PER_QUARTILE = 1.4826
+_PLATEAU = 2  # samples
+_FEMTOSECONDS = 1e15  # per s; intervals that differ by less are one
+_SHARES = (0.05, 0.95)
+_FORMATS = {
+    "LasWaveformReader": "LAS",
+    "PulseWavesReader": "PulseWaves",
+    "ScanContainerReader": "scan container (HDF5)",
+    "NpzReader": "NumPy archive",
+}
+
+
+@dataclass(frozen=True, slots=True)
+class Level:
+    """A quantity of every waveform in counts: median over the waveforms, and where 90 % lie."""
+
+    median: float
+    low: float  # 5 % lie below
+    high: float  # 5 % lie above
+
+
+@dataclass(frozen=True, slots=True)
+class FileContents:
+    """What a file of waveforms holds.
+
+    Of every waveform, with its samples sorted, the baseline is estimated as their median, and the
+    noise (standard deviation) as 1.4826 times the distance from there down to the median of the
+    lower half of the samples. Echoes, which stand above the baseline, hardly move either as long
+    as they take up less than half of the record. Both are in counts; whole counts make the noise
+    a multiple of 0.37.
+
+    saturated is the share of the waveforms in which at least two neighbouring samples have the
+    largest value of the file: a digitiser that clips makes such plateaus, noise hardly ever.
+    """
+
+    format: str
+    points: int  # points or pulses of the file; its waveforms where it has neither
+    points_without_waveform: int
+    points_sharing_waveform: int  # whose waveform another point had brought already
+    waveforms: int
+    shots: int
+    samples: int
+    sample_counts: Mapping[int, int]  # samples per waveform -> waveforms, ascending
+    sampling_intervals: Mapping[float, int]  # s -> waveforms, ascending
+    channels: Mapping[int, int]  # channel flag -> waveforms, ascending
+    waveforms_per_shot: Mapping[int, int]  # -> shots, ascending
+    first_time: float | None  # s, GPS time; None where no shot has one
+    last_time: float | None  # s
+    baseline: Level | None  # None without waveforms
+    noise: Level | None
+    smallest: int | None  # counts, None without samples
+    largest: int | None
+    bits: int  # that hold the largest value
+    saturated: float  # share of the waveforms, 0 to 1
+    value_counts: IntArray  # (largest + 1,), samples of each value
+    maximum_counts: IntArray  # (largest + 1,), waveforms by their largest sample
+    rejected: Mapping[str, int]  # reason -> waveforms that cannot be used
+    notes: tuple[str, ...]  # what the reader has to say, a sentence each
+
+    @property
+    def median_sample_count(self) -> float | None:
+        """Median of the samples per waveform, None without waveforms."""
+        if not self.waveforms:
+            return None
+        counts = np.zeros(max(self.sample_counts) + 1, np.int64)
+        counts[list(self.sample_counts)] = list(self.sample_counts.values())
+        return count_median(counts)
+
+    def values(self, bins: int = 20) -> Histogram:
+        """Histogram of all samples; bins are about equally wide on a logarithmic scale."""
+        return value_histogram(self.value_counts, bins)
+
+    def maxima(self, bins: int = 20) -> Histogram:
+        """Histogram of the largest sample of each waveform, as `values`."""
+        return value_histogram(self.maximum_counts, bins)
+
+
+def inspect_waveforms(
+    reader: WaveformReader, blocks: Iterable[WaveformBlock] | None = None
+) -> FileContents:
+    """Describe what a reader's file holds, in one pass; memory does not grow with the file.
+
+    Parameters
+    ----------
+    reader
+        Open.
+    blocks
+        All blocks of the reader, where somebody else follows them; its own when left out.
+
+    Raises
+    ------
+    As the blocks of the reader.
+    """
+    sums = _Sums()
+    for block in reader.blocks() if blocks is None else blocks:
+        sums.add(block)
+    return sums.contents(_format_of(reader), reader.point_count, reader.tally)
+
+
+def _format_of(reader: WaveformReader) -> str:
+    name = _FORMATS.get(type(reader).__name__, type(reader).__name__)
+    header = reader.header
+    if name != "LAS" or header is None:
+        return name
+    kind = "LAZ" if header.are_points_compressed else "LAS"
+    return f"{kind} {header.version}, point format {header.point_format.id}"
+
+
+class _Sums:
+    """What is counted from block to block."""
+
+    def __init__(self) -> None:
+        self.waveforms = 0
+        self.sample_counts: Counter[int] = Counter()
+        self.intervals: Counter[float] = Counter()
+        self.channels: Counter[int] = Counter()
+        self.per_shot: Counter[int] = Counter()
+        self.times = (np.inf, -np.inf)
+        self.baseline = np.zeros(_VALUES * _HALVES, np.int64)  # waveforms by halves of a count
+        self.spread = np.zeros(_VALUES * _QUARTERS, np.int64)  # by quarters, before the factor
+        self.values = np.zeros(_VALUES, np.int64)
+        self.maxima = np.zeros(_VALUES, np.int64)
+        self.largest = -1
+        self.with_plateau = 0
+
+    def add(self, block: WaveformBlock) -> None:
+        self.waveforms += len(block)
+        self.sample_counts.update(_counted(block.counts))
+        femtoseconds = _counted(np.rint(block.sampling_intervals * _FEMTOSECONDS))
+        self.intervals.update({key / _FEMTOSECONDS: n for key, n in femtoseconds.items()})
+        self.channels.update(_counted(block.channel_flags))
+        per_shot = np.unique(block.shot_times, return_counts=True)[1]
+        self.per_shot.update(_counted(per_shot))
+        times = block.attributes.gps_time[np.isfinite(block.attributes.gps_time)]
+        self.times = (
+            min(self.times[0], float(times.min(initial=np.inf))),
+            max(self.times[1], float(times.max(initial=-np.inf))),
+        )
+        for count in np.unique(block.counts[block.counts > 0]):
+            self._add_samples(block.samples[block.counts == count, :count])
+
+    def _add_samples(self, samples: npt.NDArray[np.uint16]) -> None:
+        """Samples (n, count) of waveforms of one length, which is not 0."""
+        self._add_plateaus(samples)
+        ordered = np.sort(samples, axis=1).astype(np.int64)
+        self.values += np.bincount(ordered.ravel(), minlength=_VALUES)
+        self.maxima += np.bincount(ordered[:, -1], minlength=_VALUES)
+        half = (ordered.shape[1] + 1) // 2
+        median, lower = _doubled_median(ordered), _doubled_median(ordered[:, :half])
+        self.baseline += np.bincount(median, minlength=len(self.baseline))
+        quarters = (median - lower) * (_QUARTERS // _HALVES)
+        self.spread += np.bincount(quarters, minlength=len(self.spread))
+
+    def _add_plateaus(self, samples: npt.NDArray[np.uint16]) -> None:
+        largest = int(samples.max())
+        if largest > self.largest:
+            self.largest, self.with_plateau = largest, 0
+        at_top = samples == self.largest
+        side_by_side = at_top[:, : 1 - _PLATEAU] & at_top[:, _PLATEAU - 1 :]
+        self.with_plateau += int(np.count_nonzero(side_by_side.any(axis=1)))
+
+    def contents(self, kind: str, points: int, tally: ReadTally) -> FileContents:
+        values = self.values[: self.largest + 1]
+        has_time = bool(np.isfinite(self.times[0]))
+        deviation = _DEVIATION_PER_QUARTILE / _QUARTERS
+        return FileContents(
+            format=kind,
+            points=points,
+            points_without_waveform=tally.points_without_packet,
+            points_sharing_waveform=tally.points_sharing_packet,
+            waveforms=self.waveforms,
+            shots=self.per_shot.total(),
+            samples=int(values.sum()),
+            sample_counts=_ascending(self.sample_counts),
+            sampling_intervals=_ascending(self.intervals),
+            channels=_ascending(self.channels),
+            waveforms_per_shot=_ascending(self.per_shot),
+            first_time=self.times[0] if has_time else None,
+            last_time=self.times[1] if has_time else None,
+            baseline=_level(self.baseline, 1.0 / _HALVES),
+            noise=_level(self.spread, deviation),
+            smallest=int(np.flatnonzero(values)[0]) if self.largest >= 0 else None,
+            largest=self.largest if self.largest >= 0 else None,
+            bits=max(self.largest, 0).bit_length(),
+            saturated=self.with_plateau / max(self.waveforms, 1),
+            value_counts=values.copy(),
+            maximum_counts=self.maxima[: self.largest + 1].copy(),
+            rejected=dict(tally.rejected),
+            notes=tuple(tally.notes),
+        )
+
+
+def _counted(values: npt.NDArray[np.generic]) -> dict[int, int]:
+    distinct, counts = np.unique(values, return_counts=True)
+    return {int(value): int(n) for value, n in zip(distinct, counts, strict=True)}
+
+
+def _ascending(counter: Counter[_Key]) -> dict[_Key, int]:
+    return {key: counter[key] for key in sorted(counter)}
+
+
+def _doubled_median(ordered: IntArray) -> IntArray:
+    """Twice the median of each row of ascending numbers."""
+    last = ordered.shape[1] - 1
+    return np.asarray(ordered[:, last // 2] + ordered[:, (last + 1) // 2])
+
+
+def _level(counts: IntArray, step: float) -> Level | None:
+    """Median and range of what was counted in steps of `step` counts."""
+    if not counts.any():
+        return None
+    low, high = (count_quantile(counts, share) * step for share in _SHARES)
+    return Level(count_median(counts) * step, low, high)
