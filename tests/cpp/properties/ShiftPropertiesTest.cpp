@@ -1,6 +1,7 @@
 // A record whose content stands a few samples later has its echoes that much later, and nothing else changes.
 #include <cmath>
 #include <cstdint>
+#include <ostream>
 #include <vector>
 
 #include <fullwaveform/driver/PeakDetectionFamily.h>
@@ -27,6 +28,10 @@ struct ShiftCase {
   double samples;  // tolerance of positions and widths
   double decibel;
 };
+
+std::ostream& operator<<(std::ostream& stream, ShiftCase const& shiftCase) {
+  return stream << "mode " << shiftCase.modus;
+}
 
 class ShiftProperties : public testing::TestWithParam<ShiftCase> {
  protected:
