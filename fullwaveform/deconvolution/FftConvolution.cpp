@@ -8,6 +8,11 @@ std::ptrdiff_t centreOf(std::size_t kernelLength) {
   return static_cast<std::ptrdiff_t>(kernelLength / 2) - 1;
 }
 
+std::size_t leastTransformLength(std::size_t signalLength, std::size_t kernelLength) {
+  // The kernel reaches this far behind its middle, and one value less before it.
+  return signalLength + (kernelLength - kernelLength / 2);
+}
+
 Stretch reachOf(std::size_t fftLength, std::ptrdiff_t offset, std::size_t signalLength) {
   auto const all = static_cast<std::ptrdiff_t>(signalLength);
   std::ptrdiff_t const first = std::clamp<std::ptrdiff_t>(-offset, 0, all);

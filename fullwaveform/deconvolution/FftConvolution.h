@@ -12,6 +12,10 @@ namespace FullWaveform {
 /// kernel of `kernelLength` values, -1 for a kernel of one.
 FULLWAVEFORM_EXPORT std::ptrdiff_t centreOf(std::size_t kernelLength);
 
+/// Length of the shortest transform that is enough for the values that belong to a signal: the ends of the
+/// full convolution may overlap where nothing is read.
+FULLWAVEFORM_EXPORT std::size_t leastTransformLength(std::size_t signalLength, std::size_t kernelLength);
+
 /// Values of a signal, `count` of them from `first` on.
 struct Stretch {
   std::size_t first;
@@ -28,8 +32,8 @@ FULLWAVEFORM_EXPORT Stretch reachOf(std::size_t fftLength, std::ptrdiff_t offset
 
 /// Convolution by FFT, cut so that out[i] belongs to x[i].
 ///
-/// @param workspace  its transform must hold x and the kernel without overlap (lengths added, less one) for
-///                   the result to be the plain convolution; otherwise the ends overlap
+/// @param workspace  its transform must be as long as `leastTransformLength` for the result to be the plain
+///                   convolution; otherwise the ends overlap in it
 /// @param kernel     spectrum, as many values as the workspace has bins
 /// @param offset     position in the full convolution of out[0], see `centreOf`
 /// @param x          input; what lies behind the transform's length is left out

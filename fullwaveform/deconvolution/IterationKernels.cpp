@@ -34,6 +34,34 @@ auto runOn([[maybe_unused]] InstructionSet set, Arguments... arguments) {
   return Kernel::run(arguments...);
 }
 
+/// As many results side by side as the widest vector has places: in the same order on every machine.
+constexpr std::size_t laneCount = 8;
+
+struct Largest {
+  FULLWAVEFORM_KERNEL double run(double const* values, std::size_t count) {
+    double lanes[laneCount] = {};
+    std::size_t const whole = count / laneCount * laneCount;
+    for (std::size_t i = 0; i < whole; i += laneCount) {
+      for (std::size_t lane = 0; lane < laneCount; ++lane) {
+        lanes[lane] = values[i + lane] > lanes[lane] ? values[i + lane] : lanes[lane];
+      }
+    }
+    for (std::size_t i = whole; i < count; ++i) {
+      lanes[0] = values[i] > lanes[0] ? values[i] : lanes[0];
+    }
+    return *std::max_element(lanes, lanes + laneCount);
+  }
+};
+
+struct SubtractNoise {
+  FULLWAVEFORM_KERNEL void run(double* values, double noise, double unit, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+      double const above = values[i] - noise;
+      values[i] = (above > 0.0 ? above : 0.0) / unit;
+    }
+  }
+};
+
 struct Multiply {
   FULLWAVEFORM_KERNEL void run(double (*__restrict spectrum)[2], double const (*__restrict kernel)[2],
                                std::size_t count) {
@@ -59,12 +87,10 @@ struct Divide {
 struct Correct {
   FULLWAVEFORM_KERNEL double run(double* __restrict estimate, double const* __restrict factors, double scale,
                                  double* __restrict copy, std::size_t count) {
-    // As many sums side by side as the widest vector has places: in this order on every machine.
-    constexpr std::size_t lanes = 8;
-    double sums[lanes] = {};
-    std::size_t const whole = count / lanes * lanes;
-    for (std::size_t i = 0; i < whole; i += lanes) {
-      for (std::size_t lane = 0; lane < lanes; ++lane) {
+    double sums[laneCount] = {};
+    std::size_t const whole = count / laneCount * laneCount;
+    for (std::size_t i = 0; i < whole; i += laneCount) {
+      for (std::size_t lane = 0; lane < laneCount; ++lane) {
         double const factor = factors[i + lane] * scale;
         sums[lane] += factor;
         estimate[i + lane] *= factor;
@@ -94,6 +120,14 @@ struct ToCounts {
 };
 
 }  // namespace
+
+double largest(InstructionSet set, std::span<double const> values) {
+  return runOn<Largest>(set, values.data(), values.size());
+}
+
+void subtractNoise(InstructionSet set, std::span<double> values, double noise, double unit) {
+  runOn<SubtractNoise>(set, values.data(), noise, unit, values.size());
+}
 
 void multiply(InstructionSet set, std::span<double[2]> spectrum, double const (*kernel)[2]) {
   // GCC 12 fuses these products and sums where it has an instruction that alternates signs, against the flag

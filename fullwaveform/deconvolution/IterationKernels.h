@@ -11,6 +11,13 @@
 /// same.
 namespace FullWaveform::IterationKernels {
 
+/// The largest of values that are not below 0; 0 of none.
+FULLWAVEFORM_EXPORT double largest(InstructionSet set, std::span<double const> values);
+
+/// Takes the noise off every value, cuts what lies below it to 0, and divides by `unit`.
+FULLWAVEFORM_EXPORT void subtractNoise(InstructionSet set, std::span<double> values, double noise,
+                                       double unit);
+
 /// Product of two spectra, in place of the first.
 FULLWAVEFORM_EXPORT void multiply(InstructionSet set, std::span<double[2]> spectrum,
                                   double const (*kernel)[2]);

@@ -16,6 +16,8 @@ namespace FullWaveform {
 namespace {
 
 constexpr double leastDifference = 2.0;  // counts
+constexpr std::size_t samplesBetweenPlanes =
+    25;  // of a ladder: a signal is at most that much shorter than planned
 constexpr auto noSystemWave = "RichardsonLucy<T,SimplePeakType>::RichardsonLucy:: Have no SysWave";
 
 Holdex::StrongPtr<Holdex::Chunk<double>> systemWaveOf(ScannerDevice const& device, std::uint32_t length) {
@@ -72,8 +74,27 @@ template <class T, class SimplePeakType>
 void RichardsonLucy<T, SimplePeakType>::planTransforms(std::span<double const> systemWave) {
   fft_length = sys_length + upsampled_length - 1;
   workspace = ConvolutionWorkspace(systemWave, fft_length);
-  paddedWorkspace = ConvolutionWorkspace(systemWave, fastTransformLength(fft_length));
   spectrum_bins = workspace.spectrumBins();
+  if (fft_length < sys_length) {
+    return;  // planned for no samples
+  }
+  std::size_t const longest = fft_length - sys_length + std::size_t{1};
+  std::size_t const shortest = longest - std::min(longest, samplesBetweenPlanes * device.up_sampling);
+  std::size_t const enough = leastTransformLength(longest, sys_length);
+  for (std::size_t length = leastTransformLength(shortest, sys_length); length <= enough; ++length) {
+    length = fastTransformLength(static_cast<std::uint32_t>(length));
+    fastWorkspaces.emplace_back(systemWave, static_cast<std::uint32_t>(length));
+  }
+}
+
+template <class T, class SimplePeakType>
+ConvolutionWorkspace& RichardsonLucy<T, SimplePeakType>::transformsFor(std::size_t length) {
+  if (length + sys_length > fft_length + std::size_t{1}) {
+    return workspace;  // longer than planned for: its ends overlap
+  }
+  std::size_t const least = leastTransformLength(length, sys_length);
+  return *std::find_if(fastWorkspaces.begin(), fastWorkspaces.end(),
+                       [least](ConvolutionWorkspace const& fast) { return fast.fftLength() >= least; });
 }
 
 template <class T, class SimplePeakType>
@@ -92,14 +113,14 @@ int RichardsonLucy<T, SimplePeakType>::apply(T const* samples, Holdex::StrongPtr
   if (length < 2) {
     return 1;
   }
+  ConvolutionWorkspace& transforms = transformsFor(length);
+  InstructionSet const set = transforms.instructionSet;
   observed.resize(length);
-  double const maximum = observe(range, device.up_sampling, wave->noise, observed);
+  double const maximum = observe(range, device.up_sampling, wave->noise, set, observed);
   estimate = observed;
-  // The ends of a signal longer than planned for overlap, which more zeros would change.
-  ConvolutionWorkspace& transforms = length + sys_length <= fft_length + 1 ? paddedWorkspace : workspace;
   deconvolve(observed, transforms, centreOf(sys_length), estimate);
   counts.resize(length);
-  scaleToCounts(maximum, wave->noise, transforms.instructionSet, estimate, counts);
+  scaleToCounts(maximum, wave->noise, set, estimate, counts);
   findRawPeaks(counts, 0, static_cast<int>(length - 1), wave->noise, wave->peaks, peak_finder);
   mapToSamples(*wave);
   wave->testIfAfterPulse();
@@ -110,7 +131,9 @@ int RichardsonLucy<T, SimplePeakType>::apply(T const* samples, Holdex::StrongPtr
 template <class T, class SimplePeakType>
 void RichardsonLucy<T, SimplePeakType>::use(InstructionSet set) {
   workspace.instructionSet = set;
-  paddedWorkspace.instructionSet = set;
+  for (ConvolutionWorkspace& fast : fastWorkspaces) {
+    fast.instructionSet = set;
+  }
 }
 
 template <class T, class SimplePeakType>
@@ -129,7 +152,9 @@ void RichardsonLucy<T, SimplePeakType>::releaseTogether(std::span<RichardsonLucy
   aloneWithFftPlanner([planes] {
     for (RichardsonLucy& plane : planes) {
       plane.workspace.releaseAtPlanner();
-      plane.paddedWorkspace.releaseAtPlanner();
+      for (ConvolutionWorkspace& fast : plane.fastWorkspaces) {
+        fast.releaseAtPlanner();
+      }
     }
   });
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -69,10 +70,11 @@ class FULLWAVEFORM_EXPORT RichardsonLucy {
 
  private:
   void planTransforms(std::span<double const> systemWave);
+  ConvolutionWorkspace& transformsFor(std::size_t length);
   void mapToSamples(WavePoints<T>& wave) const;
 
-  ConvolutionWorkspace workspace;        ///< of `fft_length`
-  ConvolutionWorkspace paddedWorkspace;  ///< of a length near it whose transforms are faster
+  ConvolutionWorkspace workspace;                    ///< of `fft_length`
+  std::vector<ConvolutionWorkspace> fastWorkspaces;  ///< of lengths that are faster, in ascending order
   std::vector<double> observed;
   std::vector<double> estimate;
   std::vector<T> counts;

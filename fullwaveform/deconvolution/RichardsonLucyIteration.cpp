@@ -13,30 +13,14 @@ constexpr int mostIterations = 40;
 constexpr int iterationsBeforeRise = 6;  // the sum of the corrections may rise this often
 constexpr double leastChange = 0.02;     // of that sum
 
-/// Returns the largest interpolated value, counts.
-double interpolate(std::span<unsigned short const> samples, std::uint32_t steps, double noise,
-                   std::span<double> observed) {
+void interpolate(std::span<unsigned short const> samples, std::uint32_t steps, std::span<double> values) {
   double const step = 1.0 / static_cast<double>(steps);
-  double largest = 0.0;
-  for (std::size_t u = 0; u < observed.size(); ++u) {
+  for (std::size_t u = 0; u < values.size(); ++u) {
     double const x = static_cast<double>(u) * step;
-    auto const j = std::min(static_cast<std::size_t>(x), samples.size() - 1);
-    double const difference = j + 1 < samples.size() ? samples[j + 1] - samples[j] : 0.0;
-    double const value = samples[j] + (x - static_cast<double>(j)) * difference;
-    largest = std::max(largest, value);
-    observed[u] = std::max(value - noise, 0.0);
+    auto const j = static_cast<std::size_t>(x);
+    double const difference = samples[j + 1] - samples[j];
+    values[u] = samples[j] + (x - static_cast<double>(j)) * difference;
   }
-  return largest;
-}
-
-/// Returns the largest value above the noise, counts.
-double subtractNoise(std::span<unsigned short const> samples, double noise, std::span<double> observed) {
-  double largest = 0.0;
-  for (std::size_t i = 0; i < observed.size(); ++i) {
-    observed[i] = std::max(samples[i] - noise, 0.0);
-    largest = std::max(largest, observed[i]);
-  }
-  return largest;
 }
 
 void clearOutside(std::span<double> values, Stretch const& stretch) {
@@ -88,15 +72,12 @@ class Iteration {
 }  // namespace
 
 double observe(std::span<unsigned short const> samples, std::uint32_t steps, unsigned short noise,
-               std::span<double> observed) {
-  double const maximum =
-      steps == 1 ? subtractNoise(samples, noise, observed) : interpolate(samples, steps, noise, observed);
-  double const largest = *std::max_element(observed.begin(), observed.end());
-  double const unit = largest > 0.0 ? largest : 1.0;
-  for (double& value : observed) {
-    value /= unit;
-  }
-  return maximum;
+               InstructionSet set, std::span<double> observed) {
+  interpolate(samples, steps, observed);
+  double const maximum = IterationKernels::largest(set, observed);
+  double const aboveNoise = std::max(maximum - noise, 0.0);
+  IterationKernels::subtractNoise(set, observed, noise, aboveNoise > 0.0 ? aboveNoise : 1.0);
+  return steps == 1 ? aboveNoise : maximum;
 }
 
 int deconvolve(std::span<double const> observed, ConvolutionWorkspace& workspace, std::ptrdiff_t offset,
@@ -119,7 +100,7 @@ int deconvolve(std::span<double const> observed, ConvolutionWorkspace& workspace
 
 void scaleToCounts(double maximum, double noise, InstructionSet set, std::span<double const> estimate,
                    std::span<unsigned short> counts) {
-  double const largest = *std::max_element(estimate.begin(), estimate.end() - 1);
+  double const largest = IterationKernels::largest(set, estimate.first(estimate.size() - 1));
   IterationKernels::toCounts(set, estimate, maximum - noise, largest, noise, counts.data());
 }
 

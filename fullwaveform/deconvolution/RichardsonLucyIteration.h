@@ -18,7 +18,7 @@ namespace FullWaveform {
 /// @return largest value in counts: before the noise is subtracted where the signal is interpolated, after it
 ///         where it is not (one step); meant
 FULLWAVEFORM_EXPORT double observe(std::span<unsigned short const> samples, std::uint32_t steps,
-                                   unsigned short noise, std::span<double> observed);
+                                   unsigned short noise, InstructionSet set, std::span<double> observed);
 
 /// Iterative maximum-likelihood deconvolution after Richardson (1972, doi:10.1364/JOSA.62.000055) and Lucy
 /// (1974, doi:10.1086/111605), with the system wave as point-spread function.

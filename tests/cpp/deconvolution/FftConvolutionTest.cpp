@@ -89,6 +89,24 @@ TEST(Convolve, OfAnImpulseIsTheKernelAroundIt) {
   expectNear(out, {0, 0, 0.2, 1.8, 2.0, 1.2, 0.7, 0.4, 0.2, 0.1, 0, 0});
 }
 
+TEST(Convolve, NeedsNoMoreThanTheLeastTransformLength) {
+  for (std::size_t const kernelLength : {1UL, 2UL, 3UL, 7UL, 8UL}) {
+    Values const kernel(skewed.begin(), skewed.begin() + static_cast<std::ptrdiff_t>(kernelLength));
+    for (std::size_t const length : {2UL, 5UL, 21UL}) {
+      Values const x = irregular(length);
+      std::ptrdiff_t const offset = centreOf(kernelLength);
+      auto const least = static_cast<std::uint32_t>(leastTransformLength(length, kernelLength));
+      ConvolutionWorkspace workspace(kernel, least);
+      Values out(length);
+      convolve(workspace, workspace.psfSpectrum(), offset, x, out);
+      expectNear(out, directSum(x, kernel, offset));
+    }
+  }
+  // Half of a system wave of 56 values, instead of all but one of them.
+  EXPECT_EQ(leastTransformLength(120, 56), 148U);
+  EXPECT_EQ(leastTransformLength(120, 7), 124U);
+}
+
 TEST(Convolve, AKernelOfOneValueShiftsByOne) {
   // Its middle lies before the first value, where the convolution is 0.
   ConvolutionWorkspace workspace(Values{3.0}, 4);

@@ -36,6 +36,26 @@ Values mixed(std::size_t count, unsigned int seed) {
   return values;
 }
 
+TEST(IterationKernels, LargestOfValuesAtEveryPlace) {
+  for (InstructionSet const set : availableSets()) {
+    EXPECT_EQ(IterationKernels::largest(set, {}), 0.0);
+    EXPECT_EQ(IterationKernels::largest(set, Values(20, 0.0)), 0.0);
+    for (std::size_t place = 0; place < 20; ++place) {
+      Values values(20, 1.0);
+      values[place] = 1.5;
+      EXPECT_EQ(IterationKernels::largest(set, values), 1.5) << place;
+    }
+  }
+}
+
+TEST(IterationKernels, SubtractNoiseCutsAndScales) {
+  for (InstructionSet const set : availableSets()) {
+    Values values{20, 25, 30, 10, 0, 21, 22, 23, 24};
+    IterationKernels::subtractNoise(set, values, 20.0, 10.0);
+    EXPECT_EQ(values, (Values{0.0, 0.5, 1.0, 0.0, 0.0, 0.1, 0.2, 0.3, 0.4}));
+  }
+}
+
 TEST(IterationKernels, MultiplyComplexNumbers) {
   for (InstructionSet const set : availableSets()) {
     double spectrum[][2] = {{1, 2}, {3, -1}, {0, 1}, {2, 0}, {-1, -1}};

@@ -24,7 +24,7 @@ using Values = std::vector<double>;
 TEST(Observe, InterpolatesAndScales) {
   Values observed(10);
   Samples const samples{20, 70, 45};
-  EXPECT_EQ(observe(samples, 5, 20, observed), 70.0);
+  EXPECT_EQ(observe(samples, 5, 20, widestInstructionSet(), observed), 70.0);
   Values const expected{0.0, 0.2, 0.4, 0.6, 0.8, 1.0, 0.9, 0.8, 0.7, 0.6};
   for (std::size_t i = 0; i < 10; ++i) {
     EXPECT_NEAR(observed[i], expected[i], 1e-15) << i;
@@ -33,27 +33,27 @@ TEST(Observe, InterpolatesAndScales) {
 
 TEST(Observe, LeavesOutTheLastSample) {
   Values observed(5);
-  EXPECT_NEAR(observe(Samples{20, 120}, 5, 20, observed), 100.0, 1e-12);
+  EXPECT_NEAR(observe(Samples{20, 120}, 5, 20, widestInstructionSet(), observed), 100.0, 1e-12);
   EXPECT_NEAR(observed[4], 1.0, 1e-15);
   EXPECT_NEAR(observed[1], 0.25, 1e-15);
 }
 
 TEST(Observe, CutsWhatLiesBelowTheNoise) {
   Values observed(4);
-  EXPECT_EQ(observe(Samples{30, 10, 50}, 2, 25, observed), 30.0);
+  EXPECT_EQ(observe(Samples{30, 10, 50}, 2, 25, widestInstructionSet(), observed), 30.0);
   // 30, 20, 10, 30 less 25.
   EXPECT_EQ(observed, (Values{1.0, 0.0, 0.0, 1.0}));
 }
 
 TEST(Observe, WithoutUpSamplingTheMaximumIsThatAboveTheNoise) {
   Values observed(3);
-  EXPECT_EQ(observe(Samples{10, 70, 45, 500}, 1, 20, observed), 50.0);
+  EXPECT_EQ(observe(Samples{10, 70, 45, 500}, 1, 20, widestInstructionSet(), observed), 50.0);
   EXPECT_EQ(observed, (Values{0.0, 1.0, 0.5}));
 }
 
 TEST(Observe, NothingAboveTheNoiseStaysZero) {
   Values observed(4);
-  EXPECT_EQ(observe(Samples{10, 18, 10}, 2, 20, observed), 18.0);
+  EXPECT_EQ(observe(Samples{10, 18, 10}, 2, 20, widestInstructionSet(), observed), 18.0);
   EXPECT_EQ(observed, Values(4, 0.0));
 }
 
@@ -84,7 +84,7 @@ TEST(Deconvolve, TakesAsManyIterationsAsThePublishedOne) {
     auto const samples =
         std::span(known.samples).subspan(known.globalStart, known.globalEnd - known.globalStart + 1);
     Values observed(length);
-    double const maximum = observe(samples, known.upSampling, known.noise, observed);
+    double const maximum = observe(samples, known.upSampling, known.noise, widestInstructionSet(), observed);
     // The system wave from the pulse itself, scaled to its largest value on the grid.
     Values wave(11 * known.upSampling + 1);
     for (std::size_t i = 0; i < wave.size(); ++i) {
