@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 from collections import Counter
 from dataclasses import dataclass, field
 from typing import Any
@@ -9,6 +10,7 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 
+import fullwaveform
 from fullwaveform.driver import DECONVOLVING_MODES, LONGEST_DECONVOLUTION, Driver, Mode, Result
 from fullwaveform.formats.blocks import EchoTable, FloatArray, WaveformBlock
 from fullwaveform.formats.empty_waveforms import with_empty_waveforms
@@ -33,6 +35,16 @@ class ExtractionSettings:
     mode: Mode = Mode.THREE_POINT
     noise: int = -1  # counts; negative: estimated for every waveform
     keep_empty: bool = False  # whether waveforms without echoes have a row among the echoes
+
+
+def run_metadata(settings: ExtractionSettings) -> dict[str, str]:
+    """How echoes were made, for the files that can carry it."""
+    return {
+        "version": fullwaveform.__version__,
+        "mode": settings.mode.title,
+        "noise": "estimated" if settings.noise < 0 else str(settings.noise),
+        "scanner": json.dumps(dict(settings.scanner.attributes), sort_keys=True),
+    }
 
 
 @dataclass

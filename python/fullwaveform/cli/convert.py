@@ -2,13 +2,12 @@
 
 from __future__ import annotations
 
-import math
 from pathlib import Path
 from typing import Annotated
 
 import typer
 
-from fullwaveform.cli.options import channel_flags_from
+from fullwaveform.cli.options import channel_flags_from, refuse_same_file, seconds_from
 from fullwaveform.cli.progress import progress_of
 from fullwaveform.cli.trouble import told_in_a_sentence
 from fullwaveform.formats.blocks import ReadTally
@@ -17,7 +16,6 @@ from fullwaveform.formats.opening import open_waveforms
 from fullwaveform.scanner import Scanner
 
 _ENDINGS = (".h5", ".hdf5")
-_NANOSECONDS = 1e9
 
 
 def convert(
@@ -58,15 +56,15 @@ def convert(
 
         fullwaveform convert scan.las described.h5 --scanner scanner.toml --block 5000
     """
-    _check(source, output, interval)
-    channels = channel_flags_from(channel or [])
+    _check(source, output)
+    channels, seconds = channel_flags_from(channel or []), seconds_from(interval)
     with told_in_a_sentence():
         description = Scanner.from_toml(scanner) if scanner is not None else None
         with open_waveforms(
             source,
             waveforms_per_block=block,
             channel_flags=channels,
-            sampling_interval=None if interval is None else interval / _NANOSECONDS,
+            sampling_interval=seconds,
             skip_unreadable=skip_unreadable,
         ) as reader:
             writer = ScanContainerWriter(output, reader.header, description or reader.scanner())
@@ -77,17 +75,12 @@ def convert(
             _tell(reader.tally, output)
 
 
-def _check(source: Path, output: Path, interval: float | None) -> None:
+def _check(source: Path, output: Path) -> None:
     if output.suffix.lower() not in _ENDINGS:
         raise typer.BadParameter(
             f"{output} must end in {' or '.join(_ENDINGS)}", param_hint="OUT.h5"
         )
-    if output.exists() and source.exists() and output.samefile(source):
-        raise typer.BadParameter(f"{output} is the input itself", param_hint="OUT.h5")
-    if interval is not None and not (interval > 0 and math.isfinite(interval)):
-        raise typer.BadParameter(
-            f"{interval} is no number of nanoseconds above 0", param_hint="--interval"
-        )
+    refuse_same_file(source, output, "OUT.h5")
 
 
 def _tell(tally: ReadTally, output: Path) -> None:

@@ -12,16 +12,22 @@ import typer
 from rich.console import Console
 
 from fullwaveform.cli.messages import counted_messages
-from fullwaveform.cli.options import after_pulse_from, channel_flags_from, mode_from, noise_from
+from fullwaveform.cli.options import (
+    after_pulse_from,
+    channel_flags_from,
+    mode_from,
+    noise_from,
+    refuse_same_file,
+    seconds_from,
+)
 from fullwaveform.cli.progress import progress_of
 from fullwaveform.cli.summary import RunSummary
 from fullwaveform.cli.trouble import told_in_a_sentence
-from fullwaveform.driver import check_system_wave
-from fullwaveform.extraction import ExtractionSettings
+from fullwaveform.cli.wanted import Wanted
+from fullwaveform.extraction import ExtractionSettings, run_metadata
 from fullwaveform.formats.echo_files import ECHO_ENDINGS, check_takes_empty, open_echo_file
-from fullwaveform.formats.opening import WaveformReader, open_waveforms
+from fullwaveform.formats.opening import WaveformReader
 from fullwaveform.pipeline import available_workers, extracted_blocks, write_echoes
-from fullwaveform.scanner import AfterPulse, Scanner
 
 if TYPE_CHECKING:
     from fullwaveform.cli.extract_cluster import ClusterCall
@@ -64,8 +70,17 @@ def extract(
         str | None,
         typer.Option(metavar="OFFSET,WIDTH", help="After-pulse window in samples, or off."),
     ] = None,
+    interval: Annotated[
+        float | None, typer.Option(metavar="NS", help="Sampling interval in ns, for an .npz.")
+    ] = None,
     keep_empty: Annotated[
         bool, typer.Option("--keep-empty", help="A row for each waveform without echoes, too.")
+    ] = False,
+    skip_unreadable: Annotated[
+        bool,
+        typer.Option(
+            "--skip-unreadable", help="Leave out waveforms that cannot be read, and count them."
+        ),
     ] = False,
     workers: Annotated[
         int | None,
@@ -92,7 +107,7 @@ def extract(
     ] = False,
     unit_blocks: Annotated[
         int | None,
-        typer.Option(min=1, help="Blocks of a part, at most; about a minute's work by default."),
+        typer.Option(min=1, help="Blocks of a part, at most; some minutes of work by default."),
     ] = None,
     part_format: Annotated[
         str | None, typer.Option(metavar="ENDING", help="Kind of the parts; parquet by default.")
@@ -115,7 +130,7 @@ def extract(
             {"--resume": resume, "--unit-blocks": unit_blocks, "--part-format": part_format},
         )
         threads = workers or available_workers()
-        call = _Call(sources[0], output, keep_empty, threads, block, verbose, quiet)
+        call = _Call(sources[0], output, keep_empty, threads, verbose, quiet)
     else:
         from fullwaveform.cli.extract_cluster import ClusterCall  # loaded when it is wanted
 
@@ -127,24 +142,24 @@ def extract(
             unit_blocks=unit_blocks,
             part_format=part_format or "parquet",
             workers=workers,
-            block=block,
             keep_empty=keep_empty,
             verbose=verbose,
             quiet=quiet,
         )
     call.check()
-    chosen_mode, level = mode_from(mode), noise_from(noise)
-    channels = channel_flags_from(channel or [])
-    chosen_after_pulse = after_pulse_from(after_pulse)
+    wanted = Wanted(
+        mode=mode_from(mode),
+        noise=noise_from(noise),
+        scanner=scanner,
+        after_pulse=after_pulse_from(after_pulse),
+        keep_empty=keep_empty,
+        channels=channel_flags_from(channel or []),
+        interval=seconds_from(interval),
+        skip_unreadable=skip_unreadable,
+        block=block,
+    )
     with told_in_a_sentence(call.left):
-        settings = ExtractionSettings(
-            scanner=_scanner(scanner, chosen_after_pulse),
-            mode=chosen_mode,
-            noise=level,
-            keep_empty=keep_empty,
-        )
-        check_system_wave(settings.mode, settings.scanner)
-        summary = call.run(settings, channels)
+        summary = call.run(wanted)
         if not quiet:
             summary.show(Console())
 
@@ -167,14 +182,12 @@ class _Call:
     output: Path
     keep_empty: bool
     workers: int
-    block: int
     verbose: bool
     quiet: bool
 
     def check(self) -> None:
         """Refuses what contradicts itself; the input is never overwritten."""
-        if self.output.exists() and self.source.exists() and self.output.samefile(self.source):
-            raise typer.BadParameter(f"{self.output} is the input itself", param_hint="-o")
+        refuse_same_file(self.source, self.output, "-o")
         if self.quiet and self.verbose:
             raise typer.BadParameter("contradicts --verbose", param_hint="--quiet")
         try:
@@ -186,12 +199,10 @@ class _Call:
         """What there is after a signal."""
         return "no result was written"
 
-    def run(self, settings: ExtractionSettings, channels: Mapping[int, int]) -> RunSummary:
+    def run(self, wanted: Wanted) -> RunSummary:
         """Extracts the file."""
-        with open_waveforms(
-            self.source, waveforms_per_block=self.block, channel_flags=channels
-        ) as reader:
-            return _run(reader, settings, self)
+        with wanted.opened(self.source) as reader:
+            return _run(reader, wanted.settings([reader.scanner()]), self)
 
     @property
     def statistics(self) -> Path:
@@ -199,15 +210,9 @@ class _Call:
         return self.output.absolute().parent / f"{self.source.stem}_Warning.txt"
 
 
-def _scanner(path: Path | None, after_pulse: AfterPulse | None) -> Scanner:
-    if path is None:
-        return Scanner.default(after_pulse=after_pulse)
-    return Scanner.from_toml(path, after_pulse=after_pulse)
-
-
 def _run(reader: WaveformReader, settings: ExtractionSettings, call: _Call) -> RunSummary:
     began = time.perf_counter()
-    writer = open_echo_file(call.output, reader.header)
+    writer = open_echo_file(call.output, reader.header, run_metadata(settings))
     with (
         writer,
         progress_of(reader, call.quiet) as blocks,

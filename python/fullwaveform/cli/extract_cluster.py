@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator, Mapping
+from collections.abc import Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
@@ -12,9 +12,12 @@ from rich.console import Console
 from rich.progress import BarColumn, MofNCompleteColumn, Progress, TextColumn, TimeRemainingColumn
 
 from fullwaveform.cli.summary import RunSummary
+from fullwaveform.cli.wanted import Wanted
 from fullwaveform.cluster.connection import LOCAL, check_address, connected
+from fullwaveform.cluster.inputs import states_of
 from fullwaveform.cluster.job import (
     JobWatch,
+    check_inputs,
     failures,
     job_to_resume,
     plan_job,
@@ -27,6 +30,7 @@ from fullwaveform.extraction import ExtractionSettings
 from fullwaveform.formats.echo_files import ECHO_ENDINGS, check_takes_empty
 from fullwaveform.formats.las_writer import las_notes
 from fullwaveform.pipeline import available_workers
+from fullwaveform.scanner import Scanner
 
 
 @dataclass(frozen=True)
@@ -40,7 +44,6 @@ class ClusterCall:
     unit_blocks: int | None
     part_format: str
     workers: int | None
-    block: int
     keep_empty: bool
     verbose: bool
     quiet: bool
@@ -71,9 +74,9 @@ class ClusterCall:
             return "no result was written"
         return "the finished parts are kept, the same call with --resume continues"
 
-    def run(self, settings: ExtractionSettings, channels: Mapping[int, int]) -> RunSummary:
+    def run(self, wanted: Wanted) -> RunSummary:
         """Extracts the files."""
-        return _run(self, settings, channels)
+        return _run(self, wanted)
 
     def _check_sources(self) -> None:
         resolved = [source.resolve() for source in self.sources]
@@ -114,24 +117,28 @@ class ClusterCall:
             )
 
 
-def _run(
-    call: ClusterCall, settings: ExtractionSettings, channels: Mapping[int, int]
-) -> RunSummary:
+def _run(call: ClusterCall, wanted: Wanted) -> RunSummary:
     """Runs a checked call to its end; ValueError, naming the files, if parts could not be made."""
+    if call.resume:  # before a file is opened that may be gone
+        check_inputs(call.folder, call.sources)
+    settings = wanted.settings([_carried(source, wanted) for source in call.sources])
     plain = JobSettings.of(
         settings,
-        channels,
-        block=call.block,
+        wanted.channels,
+        block=wanted.block,
         unit_blocks=call.unit_blocks,
         part_format=call.part_format,
+        sampling_interval=wanted.interval,
+        skip_unreadable=wanted.skip_unreadable,
     )
-    # What differs from the manifest is said before workers are waited for.
-    resumed = job_to_resume(call.folder, call.sources, plain) if call.resume else None
+    # What is wrong with files and manifest is said before workers are waited for.
+    states = [(source, states_of(source)) for source in call.sources]
+    resumed = job_to_resume(call.folder, plain) if call.resume else None
     with (
         connected(call.address, call.workers or available_workers()) as client,
         _watched(call) as watch,
     ):
-        manifest = resumed or plan_job(client, call.sources, plain, watch)
+        manifest = resumed or plan_job(client, states, plain, watch)
         call.folder.mkdir(exist_ok=True)
         run_job(client, manifest, call.folder, watch)
     if found := failures(manifest):
@@ -141,6 +148,11 @@ def _run(
             "are kept: the same call with --resume tries again"
         )
     return _summary(manifest, settings, call)
+
+
+def _carried(source: Path, wanted: Wanted) -> Scanner | None:
+    with wanted.opened(source) as reader:
+        return reader.scanner()
 
 
 @contextmanager

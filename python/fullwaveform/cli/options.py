@@ -2,7 +2,9 @@
 
 from __future__ import annotations
 
+import math
 from collections.abc import Mapping
+from pathlib import Path
 
 import typer
 
@@ -17,6 +19,7 @@ MODE_NAMES = {
 }
 _CHANNEL_NAMES = {"low": 1, "high": 0}
 _LARGEST_NOISE = 65535
+_NANOSECONDS = 1e9  # of a second
 
 
 def mode_from(text: str) -> Mode:
@@ -64,6 +67,27 @@ def channel_flags_from(texts: list[str]) -> Mapping[int, int]:
         else:
             default = flag
     return dict.fromkeys(range(256), default) | single
+
+
+def seconds_from(nanoseconds: float | None) -> float | None:
+    """A sampling interval of ``--interval`` in s; None when nothing was said."""
+    if nanoseconds is None:
+        return None
+    if not (nanoseconds > 0.0 and math.isfinite(nanoseconds)):
+        raise typer.BadParameter(
+            f"{nanoseconds} is no number of nanoseconds above 0", param_hint="--interval"
+        )
+    return nanoseconds / _NANOSECONDS
+
+
+def refuse_same_file(source: Path, output: Path, hint: str) -> None:
+    """BadParameter when the output is the input, by whatever name: it is never overwritten."""
+    try:
+        same = output.samefile(source)
+    except OSError:  # one of them is not there, or cannot be: what opens it says so
+        return
+    if same:
+        raise typer.BadParameter(f"{output} is the input itself", param_hint=hint)
 
 
 def after_pulse_from(text: str | None) -> AfterPulse | None:

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-from collections.abc import Mapping
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Annotated
@@ -10,8 +9,16 @@ from typing import Annotated
 import numpy as np
 import typer
 
-from fullwaveform.cli.options import after_pulse_from, channel_flags_from, mode_from, noise_from
+from fullwaveform.cli.options import (
+    after_pulse_from,
+    channel_flags_from,
+    mode_from,
+    noise_from,
+    refuse_same_file,
+    seconds_from,
+)
 from fullwaveform.cli.trouble import told_in_a_sentence
+from fullwaveform.cli.wanted import scanner_for
 from fullwaveform.driver import Mode, check_system_wave
 from fullwaveform.formats.atomic import open_when_whole
 from fullwaveform.formats.blocks import WaveformBlock
@@ -53,6 +60,9 @@ def report(
         str | None,
         typer.Option(metavar="OFFSET,WIDTH", help="After-pulse window in samples, or off."),
     ] = None,
+    interval: Annotated[
+        float | None, typer.Option(metavar="NS", help="Sampling interval in ns, for an .npz.")
+    ] = None,
     output: Annotated[
         Path | None, typer.Option("-o", "--output", metavar="FILE", help="Else standard output.")
     ] = None,
@@ -75,20 +85,17 @@ def report(
         raise typer.BadParameter("needs --waveform or --time", param_hint="--extent")
     if time is not None and not np.isfinite(time):
         raise typer.BadParameter(f"{time} is no time in seconds", param_hint="--time")
-    if output is not None and output.exists() and source.exists() and output.samefile(source):
-        raise typer.BadParameter(f"{output} is the input itself", param_hint="-o")
+    if output is not None:
+        refuse_same_file(source, output, "-o")
     chosen = _Method(mode_from(mode), noise_from(noise), extent)
-    channels = channel_flags_from(channel or [])
+    channels, seconds = channel_flags_from(channel or []), seconds_from(interval)
     chosen_after_pulse = after_pulse_from(after_pulse)
     wanted = _Wanted(set(waveform or ()), time, scanner_report)
     with told_in_a_sentence():
-        described = (
-            Scanner.default(after_pulse=chosen_after_pulse)
-            if scanner is None
-            else Scanner.from_toml(scanner, after_pulse=chosen_after_pulse)
-        )
-        check_system_wave(chosen.mode, described)
-        text, notes = _report(source, channels, wanted, described, chosen)
+        with open_waveforms(source, channel_flags=channels, sampling_interval=seconds) as reader:
+            described = scanner_for(scanner, chosen_after_pulse, [reader.scanner()])
+            check_system_wave(chosen.mode, described)
+            text, notes = _report(reader, wanted, described, chosen)
         _deliver(text, output)
     for note in notes:
         typer.echo(f"note: {note}", err=True)
@@ -147,15 +154,11 @@ class _Wanted:
 
 
 def _report(
-    source: Path,
-    channels: Mapping[int, int],
-    wanted: _Wanted,
-    scanner: Scanner,
-    method: _Method,
+    reader: WaveformReader, wanted: _Wanted, scanner: Scanner, method: _Method
 ) -> tuple[str, list[str]]:
     """The text, and a sentence for each waveform that has no report."""
-    with open_waveforms(source, channel_flags=channels) as reader:
-        found, interval = _waveforms(reader, wanted, scanner, method)
+    source = reader.path
+    found, interval = _waveforms(reader, wanted, scanner, method)
     wanted.check(source)
     notes = [f"waveform {number}: {state}" for number, text, state in found if text is None]
     texts = [text for _, text, _ in found if text is not None]

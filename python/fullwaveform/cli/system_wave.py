@@ -10,7 +10,7 @@ import typer
 from rich.console import Console
 from rich.table import Table
 
-from fullwaveform.cli.options import noise_from
+from fullwaveform.cli.options import noise_from, refuse_same_file
 from fullwaveform.cli.trouble import told_in_a_sentence
 from fullwaveform.scanner import Scanner
 from fullwaveform.system_wave.averaging import AveragePulse
@@ -109,8 +109,7 @@ def _check_files(source_file: Path, output: Path, plot: Path | None) -> None:
         raise typer.BadParameter(
             f"{plot} must end in {' or '.join(PICTURE_FORMATS)}", param_hint="--plot"
         )
-    if output.exists() and source_file.exists() and output.samefile(source_file):
-        raise typer.BadParameter(f"{output} is the input itself", param_hint="-o")
+    refuse_same_file(source_file, output, "-o")
 
 
 def _check_options(wanted: Input) -> None:

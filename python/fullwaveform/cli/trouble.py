@@ -68,5 +68,7 @@ def _restore(former: Any) -> None:
 
 
 def _stop(sentence: str) -> None:
-    typer.echo(f"fullwaveform: {sentence}", err=True)
+    # A name may hold line feeds and worse; the sentence stays one line.
+    line = "".join(c if c.isprintable() else repr(c)[1:-1] for c in sentence)
+    typer.echo(f"fullwaveform: {line}", err=True)
     raise typer.Exit(EXIT_DATA)

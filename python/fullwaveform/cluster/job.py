@@ -11,7 +11,7 @@ from typing import Any
 
 import fullwaveform
 from fullwaveform.cluster.dispatch import Dispatcher
-from fullwaveform.cluster.inputs import FileState, InputFile, check_states, states_of
+from fullwaveform.cluster.inputs import FileState, InputFile, check_states
 from fullwaveform.cluster.manifest import MANIFEST_VERSION, Manifest, Part, PartOutcome
 from fullwaveform.cluster.manifest_file import ManifestFile, read_manifest
 from fullwaveform.cluster.plain import from_plain, to_plain
@@ -33,70 +33,101 @@ class JobWatch:
 
 
 def plan_job(
-    client: Any, sources: Sequence[Path], settings: JobSettings, watch: JobWatch
+    client: Any,
+    sources: Sequence[tuple[Path, list[FileState]]],
+    settings: JobSettings,
+    watch: JobWatch,
 ) -> Manifest:
-    """The manifest of a new job; the workers count the blocks of the inputs.
+    """The manifest of a new job over files and their states; the workers count their blocks.
 
     Raises
     ------
     OSError, ValueError
-        An input cannot be opened, here or on a worker.
+        A file cannot be read on a worker.
     """
-    states = [states_of(source) for source in sources]
     blocks = [0] * len(sources)
     units = [
-        (
-            number,
-            partial(_unit, settings, source, states[number], Part(number, number, 0, None, "")),
-        )
-        for number, source in enumerate(sources)
+        (number, partial(_unit, settings, source, states, Part(number, number, 0, None, "")))
+        for number, (source, states) in enumerate(sources)
     ]
-    for number, result in Dispatcher(client, _after_a_while(watch.waiting)).run(
-        count_blocks, units
-    ):
+    dispatcher = Dispatcher(client, _after_a_while(watch.waiting))
+    for number, result in dispatcher.run(count_blocks, units):
         if "trouble" in result:
             raise ValueError(result["trouble"])
         blocks[number] = int(result["blocks"])
     inputs = [
-        InputFile(str(source), state, count)
-        for source, state, count in zip(sources, states, blocks, strict=True)
+        InputFile(str(source), states, count)
+        for (source, states), count in zip(sources, blocks, strict=True)
     ]
     parts = planned_parts(inputs, settings.unit_blocks, f".{settings.part_format}")
     return Manifest(MANIFEST_VERSION, fullwaveform.__version__, settings, inputs, parts)
 
 
-def job_to_resume(folder: Path, sources: Sequence[Path], settings: JobSettings) -> Manifest:
-    """The manifest of a folder, with the parts that are not there as they should be to be done.
+def check_inputs(folder: Path, sources: Sequence[Path]) -> None:
+    """Check that a job in a folder is of these inputs, and that they are as they were.
 
     Raises
     ------
     OSError
         The folder has no manifest, or an input cannot be read.
     ValueError
-        The manifest is none, or it is of another job: the sentence says what differs.
+        The manifest is none, or the inputs differ: the sentence says which.
     """
     manifest = read_manifest(folder)
-    found = differences(
-        {
-            "version of fullwaveform": manifest.package_version,
-            "settings": to_plain(manifest.settings),
-            "inputs": {str(i): entry.path for i, entry in enumerate(manifest.inputs)},
-        },
-        {
-            "version of fullwaveform": fullwaveform.__version__,
-            "settings": to_plain(settings),
-            "inputs": {str(i): str(source) for i, source in enumerate(sources)},
-        },
+    _refuse(
+        folder,
+        {"inputs": {str(i): entry.path for i, entry in enumerate(manifest.inputs)}},
+        {"inputs": {str(i): str(source) for i, source in enumerate(sources)}},
     )
-    if found:
-        raise ValueError(f"{folder} holds another job: {'; '.join(found)}")
     for entry in manifest.inputs:
         check_states(Path(entry.path), entry.files)
+
+
+def earlier_job(folder: Path, sources: Sequence[Path]) -> Manifest:
+    """The manifest of a folder, if it is of the same inputs and version.
+
+    Raises
+    ------
+    OSError
+        The folder has no manifest, or an input cannot be read.
+    ValueError
+        The manifest is none, or it is of other inputs: the sentence says what differs.
+    """
+    manifest = read_manifest(folder)
+    _refuse(
+        folder,
+        differences(
+            {
+                "version of fullwaveform": manifest.package_version,
+                "inputs": {str(i): entry.path for i, entry in enumerate(manifest.inputs)},
+            },
+            {
+                "version of fullwaveform": fullwaveform.__version__,
+                "inputs": {str(i): str(source) for i, source in enumerate(sources)},
+            },
+        ),
+    )
+    for entry in manifest.inputs:
+        check_states(Path(entry.path), entry.files)
+    return manifest
+
+
+def prepare_to_continue(manifest: Manifest, folder: Path, settings: JobSettings) -> None:
+    """Mark the parts that are not in the folder as they should be as ones to be done.
+
+    ValueError, with what differs, if the job has other settings.
+    """
+    before, now = to_plain(manifest.settings), to_plain(settings)
+    _refuse(folder, differences(before, now, "settings"))
     for part in manifest.parts:
         path = folder / part.file
         if part.outcome is None or not _has_size(path, part.outcome.bytes):
             part.forget()
-    return manifest
+
+
+def _refuse(folder: Path, found: list[str]) -> None:
+    if found:
+        raise ValueError(f"{folder} holds another job: {'; '.join(found)}")
 
 
 def run_job(client: Any, manifest: Manifest, folder: Path, watch: JobWatch) -> None:

@@ -15,9 +15,9 @@ from fullwaveform.scanner import AfterPulse, Scanner
 from fullwaveform.scanner_attributes import checked_attributes
 
 _OTHERS = "others"  # the flag of the channels that are not named
-# Waveforms of a unit by mode: a minute or so of one processor.
+# Waveforms of a unit by mode: up to some minutes of one processor, and a part that fits in memory.
 _WAVEFORMS_OF_UNIT = {
-    Mode.THREE_POINT: 4_000_000,
+    Mode.THREE_POINT: 2_000_000,
     Mode.DECOMPOSITION: 1_000_000,
     Mode.DECONVOLUTION: 100_000,
     Mode.HYBRID: 100_000,
@@ -40,6 +40,7 @@ class JobSettings:
     deconvolution_offset_hybrid: float | None  # samples
     channel_flags: dict[str, int]  # by the number of the channel, and that of all others
     sampling_interval: float | None  # s, where it is given; None: the files say it
+    skip_unreadable: bool
     block: int  # waveforms
     unit_blocks: int  # blocks of a unit, at most
     part_format: str  # the ending of the parts without its dot
@@ -54,8 +55,9 @@ class JobSettings:
         unit_blocks: int | None,
         part_format: str,
         sampling_interval: float | None = None,
+        skip_unreadable: bool = False,
     ) -> JobSettings:
-        """The plain form; `unit_blocks` of None stands for units of a minute or so."""
+        """The plain form; `unit_blocks` of None stands for units of some minutes at most."""
         scanner = settings.scanner
         return cls(
             mode=int(settings.mode),
@@ -67,6 +69,7 @@ class JobSettings:
             deconvolution_offset_hybrid=scanner.deconvolution_offset_hybrid,
             channel_flags=_shortened(channel_flags),
             sampling_interval=sampling_interval,
+            skip_unreadable=skip_unreadable,
             block=block,
             unit_blocks=unit_blocks or max(1, _WAVEFORMS_OF_UNIT[settings.mode] // block),
             part_format=part_format,

@@ -17,7 +17,7 @@ from fullwaveform.cluster.manifest import MANIFEST_NAME, PartOutcome
 from fullwaveform.cluster.message_counts import messages_of_this_thread
 from fullwaveform.cluster.plain import from_plain, to_plain
 from fullwaveform.cluster.settings import JobSettings
-from fullwaveform.extraction import ExtractedBlock
+from fullwaveform.extraction import ExtractedBlock, run_metadata
 from fullwaveform.formats.echo_files import open_echo_file
 from fullwaveform.formats.file_ends import EchoWriter
 from fullwaveform.formats.las_writer import LasEchoWriter
@@ -97,6 +97,7 @@ def _opened(unit: Unit) -> WaveformReader:
         waveforms_per_block=unit.settings.block,
         channel_flags=unit.settings.flags(),
         sampling_interval=unit.settings.sampling_interval,
+        skip_unreadable=unit.settings.skip_unreadable,
     )
 
 
@@ -115,9 +116,10 @@ def _extract_unit(unit: Unit) -> Plain:
     outcome = PartOutcome()
     with messages_of_this_thread() as messages, _opened(unit) as reader:
         blocks = reader.blocks(unit.first, unit.stop)
-        writer = open_echo_file(output, reader.header)
+        settings = unit.settings.extraction()
+        writer = open_echo_file(output, reader.header, run_metadata(settings))
         with writer:
-            extracted = extracted_blocks(blocks, unit.settings.extraction())
+            extracted = extracted_blocks(blocks, settings)
             outcome.extracted = write_echoes(_noted(extracted, outcome), writer)
         outcome.read, outcome.messages = reader.tally, messages
     outcome.waveforms = outcome.read.waveforms
