@@ -1,5 +1,6 @@
 #include <fullwaveform/model/NoiseEstimate.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -137,6 +138,25 @@ TEST(NoiseEstimate, NothingOutsideTheRecordIsRead) {
       EXPECT_NE(estimateNoise(std::span(samples, length)), 1U);
     });
   }
+}
+
+// The rank is taken from the values as they are sorted; 41 values, k = 4, rank 2.
+TEST(NoiseEstimate, RankIsThatOfTheSortedValuesWhereverTheyLie) {
+  Samples samples(41, 60000);
+  std::fill(samples.begin(), samples.begin() + 4, 65535);
+  std::fill(samples.end() - 4, samples.end(), 700);
+  samples[20] = 300;
+  samples[11] = 301;
+  // The last values are the flatter end and lie on a line; ranks 0 to 2 are 300, 301, 700; saturated.
+  EXPECT_EQ(levelOf(samples), 1400U);
+}
+
+TEST(NoiseEstimate, RecordsLongerThanSixteenBitsCount) {
+  Samples samples(70000, 9);
+  std::fill(samples.begin(), samples.begin() + 69000, 40);
+  samples.front() = 9;
+  // Of 68999 values the lowest twentieth is 40 as well; k = 10 of the first ones, on a line.
+  EXPECT_EQ(levelOf(samples), 40U);
 }
 
 }  // namespace
