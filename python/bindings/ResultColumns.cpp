@@ -1,14 +1,30 @@
 #include "ResultColumns.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <limits>
+
+namespace {
+
+template <class... Columns>
+void reserve(std::size_t rows, Columns&... columns) {
+  (columns.reserve(rows), ...);
+}
+
+}  // namespace
 
 ResultColumns::ResultColumns(FullWaveform::ShotMap const& shots, FullWaveform::BlockTrace const& trace)
     : amplitudeCounts(trace.amplitudesInCounts),
       mergedAway(trace.mergedAway),
       withoutPlane(trace.withoutPlane),
       statistics(trace.statistics) {
-  for (auto const& [time, shot] : shots) {
+  reserve(trace.rowStates.size(), row, isLowPower, shotTime, sblTime, damping, idxOfMaxAmplitude,
+          maxAmplitude, binShift, length, noise, maxAmplitudeDB, timeOfMaxAmplitude, online, globalStart,
+          globalEnd, lengthCropped, afterPulseFrom, afterPulseTo, segmentCount, peakCount, segmentWaveform,
+          segmentStart, segmentEnd);
+  reserve(trace.amplitudesInCounts.size(), peakWaveform, peakRow, amplitude, idx, time, quality, type, width,
+          classification, reflectance);
+  for (auto const& [key, shot] : shots) {
     for (std::size_t i = 0; i < shot.waves.size(); ++i) {
       appendWave(*shot.waves[i], shot.rows[i]);
     }

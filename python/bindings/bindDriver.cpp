@@ -2,7 +2,6 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <span>
 #include <string>
 #include <utility>
 
@@ -27,8 +26,6 @@ namespace {
 using Driver = FullWaveform::PeakDetectionFamily<unsigned short>;
 using Samples = nb::ndarray<unsigned short const, nb::ndim<2>, nb::device::cpu>;
 using Block = Kestra::MemArray<2, unsigned short>;
-template <class T>
-using Column = nb::ndarray<T const, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
 
 /// A driver and the lock that keeps two Python threads from using it at once.
 struct SharedDriver {
@@ -52,11 +49,6 @@ Holdex::StrongPtr<Block> viewOf(Samples const& samples) {
   return Holdex::makeStrong<Block>(shape, Block::RowAccessor([first, step](std::size_t row) {
                                      return first + static_cast<std::int64_t>(row) * step;
                                    }));
-}
-
-template <class T>
-Kestra::MultiArray<1, T> viewOf(Column<T> const& column) {
-  return Kestra::MultiArray<1, T>(std::span<T const>(column.data(), column.shape(0)));
 }
 
 nb::dict waveformTable(ResultColumns& columns) {
@@ -131,8 +123,9 @@ ResultColumns extract(SharedDriver& shared, Samples const& samples, Column<std::
                       Column<std::uint8_t> const& channelFlags, int noise, std::string const& text) {
   nb::gil_scoped_release const release;
   std::scoped_lock const lock(shared.inUse);
-  auto const shots = shared.driver.apply(viewOf(samples), viewOf<unsigned short>(counts), viewOf(shotTimes),
-                                         viewOf(sblTimes), viewOf<unsigned char>(channelFlags), noise, text);
+  auto const shots =
+      shared.driver.apply(viewOf(samples), columnView<unsigned short>(counts), columnView(shotTimes),
+                          columnView(sblTimes), columnView<unsigned char>(channelFlags), noise, text);
   return {shots, shared.driver.lastBlock()};
 }
 

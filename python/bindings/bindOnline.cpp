@@ -1,5 +1,4 @@
 #include <cstdint>
-#include <span>
 #include <utility>
 #include <vector>
 
@@ -15,13 +14,6 @@ namespace nb = nanobind;
 namespace {
 
 using Evaluation = FullWaveform::OnlineEvaluation<unsigned short>;
-template <class T>
-using Column = nb::ndarray<T const, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
-
-template <class T>
-Kestra::MultiArray<1, T> viewOf(Column<T> const& column) {
-  return Kestra::MultiArray<1, T>(std::span<T const>(column.data(), column.shape(0)));
-}
 
 /// On-board echoes as columns: shots ascending, the echoes of each nearest first.
 struct OnlineColumns {
@@ -38,8 +30,9 @@ OnlineColumns evaluate(FullWaveform::ScannerDevice const& scanner, Column<double
                        Column<std::uint8_t> const& flags, Column<float> const& reflectances) {
   nb::gil_scoped_release const release;
   OnlineColumns columns;
-  auto const shots = Evaluation(scanner).apply(viewOf(shotTimes), viewOf(ranges), viewOf(amplitudes),
-                                               viewOf<unsigned char>(flags), viewOf(reflectances));
+  auto const shots =
+      Evaluation(scanner).apply(columnView(shotTimes), columnView(ranges), columnView(amplitudes),
+                                columnView<unsigned char>(flags), columnView(reflectances));
   for (auto const& [shotTime, wave] : shots) {
     for (FullWaveform::Peak const& peak : wave->peaks) {
       columns.shotTime.push_back(shotTime);
