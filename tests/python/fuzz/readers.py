@@ -1,0 +1,49 @@
+"""Everything that reads a file, each read to its end."""
+
+from __future__ import annotations
+
+from collections.abc import Callable
+from pathlib import Path
+
+from fullwaveform.formats.opening import open_waveforms
+from fullwaveform.scanner import Scanner
+from fullwaveform.simulation import read_truth
+from fullwaveform.system_wave.sources import Input
+
+
+def read_waveforms(path: Path) -> None:
+    """Opens a file of waveforms, and takes what a run takes of it."""
+    for skip in (True, False):
+        with open_waveforms(path, waveforms_per_block=50, skip_unreadable=skip) as reader:
+            assert reader.header is None or reader.header.version
+            assert reader.point_count >= 0
+            scanner = reader.scanner()
+            if scanner is not None:
+                scanner.device()
+            for block in reader.blocks():
+                assert block.counts.size == block.samples.shape[0]
+                assert block.counts.max(initial=0) <= block.samples.shape[1]
+
+
+def read_description(path: Path) -> None:
+    """Reads a scanner, as far as the library's form of it."""
+    scanner = Scanner.from_toml(path)
+    scanner.device()
+    scanner.report()
+
+
+def read_curve(path: Path) -> None:
+    """Reads a system wave's pulse from text."""
+    Input(path, interval=1e-9).averaged_pulse(Scanner.default(sampling_interval=1e-9))
+
+
+READERS: dict[str, Callable[[Path], object]] = {
+    "las": read_waveforms,
+    "laz": read_waveforms,
+    "pls": read_waveforms,
+    "h5": read_waveforms,
+    "npz": read_waveforms,
+    "toml": read_description,
+    "csv": read_curve,
+    "truth": read_truth,
+}

@@ -1,0 +1,111 @@
+"""Every reader on files with changed bytes: a sentence or a result, nothing else.
+
+FULLWAVEFORM_FUZZ_SECONDS runs each reader for that long, FULLWAVEFORM_FUZZ_SEED with other chance.
+"""
+
+from __future__ import annotations
+
+import importlib.util
+import os
+import re
+import subprocess
+import sys
+from pathlib import Path
+
+import laspy
+import numpy as np
+import pytest
+
+from fullwaveform.formats.container_writer import ScanContainerWriter
+from fullwaveform.formats.opening import open_waveforms
+from fullwaveform.scanner import Scanner
+from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
+
+from .readers import READERS
+
+SECONDS = float(os.environ.get("FULLWAVEFORM_FUZZ_SECONDS", "0"))
+SEED = os.environ.get("FULLWAVEFORM_FUZZ_SEED", "1")
+LEAST_INPUTS = 60
+
+DESCRIPTION = """\
+"Scanner Group Velocity" = 299708256.0
+"Scanner Serial Number" = "S2227823"
+"Scanner Build Number" = "B17"
+"Scanner Type" = "VQ-840-GL"
+"Wavelength[nm]" = 532.0
+UnambiguousRange = 1000.0
+reflectance_calculation_delta = 0.25
+reflectance_calculation_table = [0.1, 0.2]
+ampl_unit = 0.01
+WaveformSampleInterval = 1e-9
+t_ref = 0.0
+a_real = [1.0, -0.5, -0.5]
+a_imag = [0.0, 0.0, 0.0]
+b_real = [-2.5e8, -2.5e8, -2.5e8]
+b_imag = [0.0, 5e8, -5e8]
+[after_pulse]
+offset = 60
+width = 40
+[deconvolution]
+position_offset = 1.5
+"""
+
+
+def write_pulses(path: Path) -> None:
+    """Three pulses, by the scenes of the tests of formats, which are a package of their own."""
+    scenes = Path(__file__).parents[1] / "formats" / "pulsewaves_scenes.py"
+    spec = importlib.util.spec_from_file_location("pulsewaves_scenes_for_fuzz", scenes)
+    assert spec is not None
+    assert spec.loader is not None
+    module = importlib.util.module_from_spec(spec)
+    sys.modules[spec.name] = module  # where dataclasses look for their annotations
+    spec.loader.exec_module(module)
+    module.three_pulses().write(path)
+
+
+def write_rows(las: Path, container: Path, archive: Path) -> None:
+    """The waveforms of a LAS file as a scan container and as a NumPy archive."""
+    scanner = Scanner.default(sampling_interval=1e-9)
+    with (
+        open_waveforms(las, channel_flags={1: 1, 2: 0}) as reader,
+        ScanContainerWriter(container, reader.header, scanner) as writer,
+    ):
+        (block,) = reader.blocks()
+        writer.write(block)
+    plain = ("samples", "counts", "shot_times", "sbl_times", "channel_flags")
+    arrays = {name: getattr(block, name) for name in plain}
+    np.savez_compressed(archive, sampling_interval=block.sampling_intervals, **arrays)
+
+
+@pytest.fixture(scope="module")
+def seeds(tmp_path_factory: pytest.TempPathFactory) -> dict[str, Path]:
+    """A small file for each reader, in a folder of its name."""
+    folder = tmp_path_factory.mktemp("seeds")
+    places = {
+        name: folder / name / f"seed.{'csv' if name == 'truth' else name}" for name in READERS
+    }
+    for place in places.values():
+        place.parent.mkdir()
+    scan = simulate_scan(ScanSettings(shots=12, samples=60, seed=3, lead_in=8))
+    files = write_scan(scan, places["las"], point_format=4)
+    laspy.read(files.las).write(places["laz"], do_compress=True)
+    places["laz"].with_suffix(".wdp").write_bytes(files.las.with_suffix(".wdp").read_bytes())
+    write_pulses(places["pls"])
+    write_rows(files.las, places["h5"], places["npz"])
+    places["toml"].write_text(DESCRIPTION)
+    pulse = "".join(f"{i * 0.5},{1000.0 * 2.0 ** (-((i - 12) ** 2) / 9):.3f}\n" for i in range(40))
+    places["csv"].write_text("time_ns,amplitude\n" + pulse)
+    places["truth"].write_bytes(files.truth.read_bytes())
+    return places
+
+
+@pytest.mark.parametrize("name", READERS)
+def test_changed_bytes_give_a_sentence_or_a_result(name: str, seeds: dict[str, Path]) -> None:
+    script = Path(__file__).with_name("fuzz_reader.py")
+    call = [sys.executable, script, name, seeds[name], str(SECONDS), str(LEAST_INPUTS), SEED]
+    ended = subprocess.run(call, capture_output=True, text=True, timeout=SECONDS + 300)
+    assert ended.returncode == 0, ended.stderr[-3000:]
+    print(ended.stdout)
+    inputs, refused = map(int, re.findall(r"\d+(?= inputs| refused)", ended.stdout))
+    assert inputs >= LEAST_INPUTS
+    assert 0 < refused < inputs
