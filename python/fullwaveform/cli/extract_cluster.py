@@ -17,10 +17,10 @@ from fullwaveform.cluster.connection import LOCAL, check_address, connected
 from fullwaveform.cluster.inputs import states_of
 from fullwaveform.cluster.job import (
     JobWatch,
-    check_inputs,
+    earlier_job,
     failures,
-    job_to_resume,
     plan_job,
+    prepare_to_continue,
     run_job,
     statistics_path,
 )
@@ -119,8 +119,10 @@ class ClusterCall:
 
 def _run(call: ClusterCall, wanted: Wanted) -> RunSummary:
     """Runs a checked call to its end; ValueError, naming the files, if parts could not be made."""
-    if call.resume:  # before a file is opened that may be gone
-        check_inputs(call.folder, call.sources)
+    # What is wrong with files and manifest is said before workers are waited for, and that a file
+    # is gone or has changed before it is opened.
+    manifest = earlier_job(call.folder, call.sources) if call.resume else None
+    states = [(source, states_of(source)) for source in call.sources]
     settings = wanted.settings([_carried(source, wanted) for source in call.sources])
     plain = JobSettings.of(
         settings,
@@ -131,14 +133,13 @@ def _run(call: ClusterCall, wanted: Wanted) -> RunSummary:
         sampling_interval=wanted.interval,
         skip_unreadable=wanted.skip_unreadable,
     )
-    # What is wrong with files and manifest is said before workers are waited for.
-    states = [(source, states_of(source)) for source in call.sources]
-    resumed = job_to_resume(call.folder, plain) if call.resume else None
+    if manifest is not None:
+        prepare_to_continue(manifest, call.folder, plain)
     with (
         connected(call.address, call.workers or available_workers()) as client,
         _watched(call) as watch,
     ):
-        manifest = resumed or plan_job(client, states, plain, watch)
+        manifest = manifest or plan_job(client, states, plain, watch)
         call.folder.mkdir(exist_ok=True)
         run_job(client, manifest, call.folder, watch)
     if found := failures(manifest):

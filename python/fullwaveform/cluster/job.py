@@ -63,26 +63,6 @@ def plan_job(
     return Manifest(MANIFEST_VERSION, fullwaveform.__version__, settings, inputs, parts)
 
 
-def check_inputs(folder: Path, sources: Sequence[Path]) -> None:
-    """Check that a job in a folder is of these inputs, and that they are as they were.
-
-    Raises
-    ------
-    OSError
-        The folder has no manifest, or an input cannot be read.
-    ValueError
-        The manifest is none, or the inputs differ: the sentence says which.
-    """
-    manifest = read_manifest(folder)
-    _refuse(
-        folder,
-        {"inputs": {str(i): entry.path for i, entry in enumerate(manifest.inputs)}},
-        {"inputs": {str(i): str(source) for i, source in enumerate(sources)}},
-    )
-    for entry in manifest.inputs:
-        check_states(Path(entry.path), entry.files)
-
-
 def earlier_job(folder: Path, sources: Sequence[Path]) -> Manifest:
     """The manifest of a folder, if it is of the same inputs and version.
 
