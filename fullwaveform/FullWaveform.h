@@ -2,6 +2,7 @@
 
 /// The whole public interface of the library.
 #include <fullwaveform/deconvolution/ConvolutionWorkspace.h>
+#include <fullwaveform/deconvolution/DeconvolvedSignal.h>
 #include <fullwaveform/deconvolution/FftConvolution.h>
 #include <fullwaveform/deconvolution/RL_Planes.h>
 #include <fullwaveform/deconvolution/RichardsonLucy.h>

@@ -6,5 +6,6 @@
 void bindHost(nanobind::module_& module);
 void bindScanner(nanobind::module_& module);
 void bindModel(nanobind::module_& module);
+void bindDeconvolution(nanobind::module_& module);
 void bindOnline(nanobind::module_& module);
 void bindDriver(nanobind::module_& module);

@@ -20,6 +20,9 @@ def ascii_lines(
     widths: npt.NDArray[np.float64],
     values: npt.NDArray[np.float64],
 ) -> bytes: ...
+def deconvolved_signal(
+    samples: npt.NDArray[np.uint16], scanner: ScannerDevice, noise: int
+) -> tuple[npt.NDArray[np.float64], float, float]: ...
 def mode_name(mode: int) -> str: ...
 
 class Grid:

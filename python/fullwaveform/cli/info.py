@@ -13,7 +13,7 @@ from rich import box
 from rich.console import Console
 from rich.table import Table
 
-from fullwaveform.cli.options import channel_flags_from
+from fullwaveform.cli.options import channel_flags_from, seconds_from
 from fullwaveform.cli.progress import progress_of
 from fullwaveform.cli.trouble import told_in_a_sentence
 from fullwaveform.formats.opening import open_waveforms
@@ -49,12 +49,7 @@ def info(
 
         fullwaveform info scan.las --channel 2=high --json
     """
-    if interval is not None and not 0.0 < interval < float("inf"):
-        raise typer.BadParameter(
-            f"{interval} is no number of nanoseconds above 0", param_hint="--interval"
-        )
-    channels = channel_flags_from(channel or [])
-    seconds = None if interval is None else interval / _NANOSECONDS
+    channels, seconds = channel_flags_from(channel or []), seconds_from(interval)
     with told_in_a_sentence():
         with (
             open_waveforms(source, channel_flags=channels, sampling_interval=seconds) as reader,

@@ -20,6 +20,7 @@ _VERBS = {
     "report": ("fullwaveform.cli.report", "report"),
     "convert": ("fullwaveform.cli.convert", "convert"),
     "info": ("fullwaveform.cli.info", "info"),
+    "plot": ("fullwaveform.cli.plot", "plot"),
 }
 
 

@@ -1,0 +1,125 @@
+"""``fullwaveform plot``: a waveform and what the methods make of it, as a picture."""
+
+from __future__ import annotations
+
+import math
+from dataclasses import replace
+from pathlib import Path
+from typing import Annotated
+
+import typer
+
+from fullwaveform.cli.options import (
+    after_pulse_from,
+    channel_flags_from,
+    mode_from,
+    noise_from,
+    refuse_same_file,
+    seconds_from,
+)
+from fullwaveform.cli.trouble import told_in_a_sentence
+from fullwaveform.formats.opening import WaveformReader, open_waveforms
+from fullwaveform.plots import PLOT_ENDINGS
+from fullwaveform.scanner import AfterPulse, Scanner
+from fullwaveform.waveform_choice import By, find_shot
+from fullwaveform.waveform_picture import METHOD_NAMES, draw_waveforms
+from fullwaveform.waveform_views import WaveformView, waveform_views
+
+
+def plot(
+    source: Annotated[
+        Path, typer.Argument(metavar="IN", help="File of waveforms, as for extract.")
+    ],
+    output: Annotated[
+        Path, typer.Option("-o", "--output", metavar="OUT", help="Picture: .png, .pdf or .svg.")
+    ],
+    waveform: Annotated[
+        int | None, typer.Option(min=0, metavar="N", help="Running number in the file, from 0.")
+    ] = None,
+    shot: Annotated[
+        int | None,
+        typer.Option(min=0, metavar="N", help="Number of a shot, from 0: all its waveforms."),
+    ] = None,
+    time: Annotated[
+        float | None,
+        typer.Option(metavar="T", help="The shot at GPS time T, s, to the microsecond."),
+    ] = None,
+    mode: Annotated[
+        list[str] | None,
+        typer.Option(help="As for extract; repeatable, the modes are drawn over one another."),
+    ] = None,
+    noise: Annotated[
+        str, typer.Option(help="Noise level in counts; auto estimates it for every waveform.")
+    ] = "auto",
+    scanner: Annotated[
+        Path | None, typer.Option(help="Scanner description (TOML); else that of IN, if any.")
+    ] = None,
+    channel: Annotated[
+        list[str] | None, typer.Option(help="Channel of the packets, as for extract.")
+    ] = None,
+    after_pulse: Annotated[
+        str | None,
+        typer.Option(metavar="OFFSET,WIDTH", help="After-pulse window in samples, or off."),
+    ] = None,
+    interval: Annotated[
+        float | None,
+        typer.Option(metavar="NS", help="Sampling interval in ns, for an .npz."),
+    ] = None,
+) -> None:
+    """Draw a waveform, or all waveforms of a shot, with the echoes that the methods find.
+
+    Worked examples:
+
+        fullwaveform plot scan.las --waveform 2 -o waveform.png --noise 20
+
+        fullwaveform plot scan.las --shot 12 --channel 2=high --mode 0 --mode 1 -o shot.pdf
+
+        fullwaveform plot scan.las --time 300000000.00012 --mode 2 --scanner scanner.toml -o t.svg
+    """
+    by, wanted = _wanted(waveform, shot, time)
+    if output.suffix.lower() not in PLOT_ENDINGS:
+        raise typer.BadParameter(f"{output} must end in {', '.join(PLOT_ENDINGS)}", param_hint="-o")
+    refuse_same_file(source, output, "-o")
+    seconds = seconds_from(interval)
+    modes = list(dict.fromkeys(mode_from(text) for text in mode or ["three-point"]))
+    level, channels = noise_from(noise), channel_flags_from(channel or [])
+    window = after_pulse_from(after_pulse)
+    with told_in_a_sentence():
+        stated = None if scanner is None else Scanner.from_toml(scanner, after_pulse=window)
+        with open_waveforms(source, channel_flags=channels, sampling_interval=seconds) as reader:
+            described = stated or _described(reader, window)
+            views = waveform_views(find_shot(reader, by, wanted), described, modes, level)
+        draw_waveforms(output, views)
+    for view in views:
+        typer.echo(_summary(view))
+    typer.echo(f"picture: {output}")
+
+
+def _described(reader: WaveformReader, window: AfterPulse | None) -> Scanner:
+    """The scanner that the file describes, or the documented default."""
+    scanner = reader.scanner() or Scanner.default()
+    return scanner if window is None else replace(scanner, after_pulse=window)
+
+
+def _wanted(waveform: int | None, shot: int | None, time: float | None) -> tuple[By, float]:
+    given = [
+        (by, value)
+        for by, value in ((By.WAVEFORM, waveform), (By.SHOT, shot), (By.TIME, time))
+        if value is not None
+    ]
+    if len(given) != 1:
+        said = " and ".join(f"--{by.value}" for by, _ in given) or "none of them"
+        raise typer.BadParameter(f"say one of --waveform, --shot and --time, not {said}")
+    if time is not None and not math.isfinite(time):
+        raise typer.BadParameter(f"{time} is no time in seconds", param_hint="--time")
+    return given[0]
+
+
+def _summary(view: WaveformView) -> str:
+    """Number of echoes by mode, or why there is none."""
+    parts = []
+    for method in view.methods:
+        count = len(method.positions)
+        found = f"{count} echo{'es' if count != 1 else ''}" if count else method.state.phrase
+        parts.append(f"{METHOD_NAMES[method.mode]} {found}")
+    return f"waveform {view.number}: {'; '.join(parts)}"
