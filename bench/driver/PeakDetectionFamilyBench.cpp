@@ -15,7 +15,9 @@ template <FWFModus modus>
 void apply(benchmark::State& state) {
   Block const block =
       blockOf(static_cast<std::size_t>(state.range(0)), static_cast<std::size_t>(state.range(1)));
-  Testing::Driver driver(modus, scanner(), "no such directory", "bench", 0U);
+  constexpr bool deconvolves = modus == FWFModus::Deconvolution || modus == FWFModus::Hybrid;
+  unsigned int const longest = deconvolves ? static_cast<unsigned int>(state.range(0)) : 0U;
+  Testing::Driver driver(modus, scanner(), "no such directory", "bench", longest);
   block.run(driver, -1);  // working memory grows
   PerWaveform const counters(state, recordCount);
   for (auto iteration : state) {
@@ -24,6 +26,8 @@ void apply(benchmark::State& state) {
 }
 BENCHMARK(apply<FWFModus::ThreePoint>)->Name("PeakDetectionFamily/apply/mode0")->Apply(samplesAndEchoes);
 BENCHMARK(apply<FWFModus::Decomposition>)->Name("PeakDetectionFamily/apply/mode1")->Apply(samplesAndEchoes);
+BENCHMARK(apply<FWFModus::Deconvolution>)->Name("PeakDetectionFamily/apply/mode2")->Apply(samplesAndEchoes);
+BENCHMARK(apply<FWFModus::Hybrid>)->Name("PeakDetectionFamily/apply/mode3")->Apply(samplesAndEchoes);
 
 }  // namespace
 }  // namespace FullWaveform::Bench

@@ -108,9 +108,9 @@ ConvolutionWorkspace::~ConvolutionWorkspace() {
 }
 
 void ConvolutionWorkspace::load(std::span<double const> x) noexcept {
-  std::size_t const taken = std::min(x.size(), length);
-  std::copy_n(x.begin(), taken, held.fft_in);
-  std::fill(held.fft_in + taken, held.fft_in + length, 0.0);
+  std::span<double> const values = input();
+  auto const behind = std::copy_n(x.begin(), std::min(x.size(), length), values.begin());
+  std::fill(behind, values.end(), 0.0);
 }
 
 // Not const though it changes no pointer: it overwrites the buffers, which two threads must not do.

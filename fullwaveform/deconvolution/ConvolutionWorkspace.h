@@ -45,6 +45,7 @@ class FULLWAVEFORM_EXPORT ConvolutionWorkspace {
   [[nodiscard]] Complex* psfReversedSpectrum() const noexcept { return held.psf_reversed_spectrum; }
 
   /// What the next convolution takes, `fftLength` values; convolutions leave it as it is.
+  // NOLINTNEXTLINE(readability-make-member-function-const): who may change it may change the workspace
   [[nodiscard]] std::span<double> input() noexcept { return {held.fft_in, length}; }
   /// Sets the input to x followed by zeros; what lies behind `fftLength` values is left out.
   void load(std::span<double const> x) noexcept;

@@ -23,8 +23,8 @@ class FULLWAVEFORM_EXPORT RL_Planes {
   std::string error;  ///< empty when usable; otherwise the reason
 
   /// @param device     copied into every plane; without exponential sums the ladder stays empty
-  /// @param maxLength  longest waveform, samples. The transforms grow with its square: about 100 MB for 2,500
-  ///                   samples, 30 GB for 65,535.
+  /// @param maxLength  longest waveform, samples. The transforms grow with its square: about 60 MB for 2,500
+  ///                   samples, 40 GB for 65,535.
   RL_Planes(ScannerDevice const& device, unsigned int const& maxLength);
 
   RL_Planes(RL_Planes&&) noexcept = default;

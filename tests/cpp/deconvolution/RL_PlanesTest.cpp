@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -10,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "support/ConsoleCapture.h"
+#include "support/HeapCount.h"
 #include "support/Records.h"
 #include "support/SkewedScanner.h"
 #include "support/Threads.h"
@@ -151,6 +153,20 @@ TEST(RL_Planes, FindsWhatASingleDeconvolverFinds) {
     ASSERT_EQ(found->size(), expected->size()) << length;
     EXPECT_EQ(found->peaks.front().idx, expected->peaks.front().idx);
     EXPECT_NEAR(found->peaks.front().amplitude, expected->peaks.front().amplitude, 1.0);
+  }
+}
+
+TEST(RL_Planes, TakesMemoryForItsEchoesOnly) {
+  Ladder ladder(skewedScanner(), 200);
+  std::vector<std::uint32_t> const lengths{14U, 24U, 60U, 199U};
+  for (std::uint32_t const length : lengths) {
+    ladder.apply(samples.data(), waveOfLength(length));  // working memory grows
+  }
+  for (std::uint32_t const length : lengths) {
+    WavePtr const wave = waveOfLength(length);
+    std::size_t const before = Testing::heapAllocations();
+    ladder.apply(samples.data(), wave);
+    EXPECT_EQ(Testing::heapAllocations() - before, wave->size()) << length;
   }
 }
 
