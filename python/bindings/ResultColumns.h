@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -60,7 +61,11 @@ struct ResultColumns {
  private:
   using Wave = FullWaveform::WavePoints<unsigned short>;
 
+  void resizeWaveforms(std::size_t count);
   void appendWave(Wave const& wave, std::uint32_t blockRow);
   void appendSegments(Wave const& wave, std::int64_t waveform);
   void appendPeak(FullWaveform::Peak const& peak, std::int64_t waveform, std::uint32_t blockRow);
+
+  std::size_t waveformCount = 0;  ///< so far; the columns are as long as the block until all are there
+  std::size_t echoCount = 0;      ///< so far
 };

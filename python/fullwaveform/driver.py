@@ -168,14 +168,16 @@ class Driver:
         samples = _checked_samples(samples)
         rows, width = samples.shape
         arguments = (
-            checked_counts(np.full(rows, width) if counts is None else counts, rows, width),
-            checked_times(
-                np.arange(rows) if shot_times is None else shot_times, "shot_times", rows
-            ),
-            checked_times(np.zeros(rows) if sbl_times is None else sbl_times, "sbl_times", rows),
-            checked_flags(
-                np.ones(rows, np.uint8) if channel_flags is None else channel_flags, rows
-            ),
+            np.full(rows, width, np.uint16)
+            if counts is None
+            else checked_counts(counts, rows, width),
+            np.arange(rows, dtype=np.float64)
+            if shot_times is None
+            else checked_times(shot_times, "shot_times", rows),
+            np.zeros(rows) if sbl_times is None else checked_times(sbl_times, "sbl_times", rows),
+            np.ones(rows, np.uint8)
+            if channel_flags is None
+            else checked_flags(channel_flags, rows),
         )
         self._check_lengths(arguments[0])
         result = self._driver.apply(samples, *arguments, checked_noise(noise), text)
