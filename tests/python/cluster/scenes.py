@@ -54,7 +54,7 @@ def parts_table(folder: Path) -> pa.Table:
 
 def assert_same_rows(found: pa.Table, expected: pa.Table) -> None:
     """Equal names, types, order and values, NaN too."""
-    assert found.schema.equals(expected.schema)
+    assert found.schema.equals(expected.schema, check_metadata=True)
     assert found.num_rows == expected.num_rows > 0
     for name in expected.schema.names:
         np.testing.assert_array_equal(found[name].to_numpy(), expected[name].to_numpy(), name)
