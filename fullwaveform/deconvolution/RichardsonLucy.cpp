@@ -16,8 +16,8 @@ namespace FullWaveform {
 namespace {
 
 constexpr double leastDifference = 2.0;  // counts
-constexpr std::size_t samplesBetweenPlanes =
-    25;  // of a ladder: a signal is at most that much shorter than planned
+/// Of a ladder: what one of them is given is at most that much shorter than planned for.
+constexpr std::size_t samplesBetweenPlanes = 25;
 constexpr auto noSystemWave = "RichardsonLucy<T,SimplePeakType>::RichardsonLucy:: Have no SysWave";
 
 Holdex::StrongPtr<Holdex::Chunk<double>> systemWaveOf(ScannerDevice const& device, std::uint32_t length) {
