@@ -35,7 +35,7 @@ class Iteration {
             std::span<double> estimate)
       : workspace(workspace),
         input(workspace.input().first(std::min(observed.size(), workspace.fftLength()))),
-        reach(reachOf(workspace.fftLength(), offset, observed.size())),
+        reach(reachOf(workspace.fftLength(), offset, input.size())),
         begin(static_cast<std::size_t>(offset + static_cast<std::ptrdiff_t>(reach.first))),
         observed(within(observed)),
         estimate(within(estimate)) {
