@@ -10,6 +10,7 @@ from typing import TypeVar
 import numpy as np
 import numpy.typing as npt
 
+from fullwaveform.background import background
 from fullwaveform.formats.blocks import ReadTally, WaveformBlock
 from fullwaveform.formats.opening import WaveformReader
 from fullwaveform.histograms import Histogram, count_median, count_quantile, value_histogram
@@ -18,10 +19,8 @@ IntArray = npt.NDArray[np.int64]
 _Key = TypeVar("_Key", int, float)
 
 _VALUES = 65_536  # of a sample
-_HALVES, _QUARTERS = 2, 4  # steps per count in which baselines and spreads are counted
-# A normal distribution is 1.4826 times as wide (standard deviation) as the distance from its
-# median to its quartile.
-_DEVIATION_PER_QUARTILE = 1.4826
+_STEPS = 16  # per count, in which baselines and noise are counted
+_AT_ONCE = 1 << 20  # samples, which become numbers of eight bytes
 _PLATEAU = 2  # samples
 _FEMTOSECONDS = 1e15  # per s; intervals that differ by less are one
 _SHARES = (0.05, 0.95)
@@ -46,11 +45,8 @@ class Level:
 class FileContents:
     """What a file of waveforms holds.
 
-    Of every waveform, with its samples sorted, the baseline is estimated as their median, and the
-    noise (standard deviation) as 1.4826 times the distance from there down to the median of the
-    lower half of the samples. Echoes, which stand above the baseline, hardly move either as long
-    as they take up less than half of the record. Both are in counts; whole counts make the noise
-    a multiple of 0.37.
+    Baseline and noise of every waveform are estimated as `background` does, and rounded to a
+    sixteenth of a count.
 
     saturated is the share of the waveforms in which at least two neighbouring samples have the
     largest value of the file: a digitiser that clips makes such plateaus, noise hardly ever.
@@ -139,8 +135,8 @@ class _Sums:
         self.channels: Counter[int] = Counter()
         self.per_shot: Counter[int] = Counter()
         self.times = (np.inf, -np.inf)
-        self.baseline = np.zeros(_VALUES * _HALVES, np.int64)  # waveforms by halves of a count
-        self.spread = np.zeros(_VALUES * _QUARTERS, np.int64)  # by quarters, before the factor
+        self.baseline = np.zeros(_VALUES * _STEPS, np.int64)  # waveforms by steps of a count
+        self.noise = np.zeros(_VALUES * _STEPS, np.int64)
         self.values = np.zeros(_VALUES, np.int64)
         self.maxima = np.zeros(_VALUES, np.int64)
         self.largest = -1
@@ -165,14 +161,14 @@ class _Sums:
     def _add_samples(self, samples: npt.NDArray[np.uint16]) -> None:
         """Samples (n, count) of waveforms of one length, which is not 0."""
         self._add_plateaus(samples)
-        ordered = np.sort(samples, axis=1).astype(np.int64)
-        self.values += np.bincount(ordered.ravel(), minlength=_VALUES)
-        self.maxima += np.bincount(ordered[:, -1], minlength=_VALUES)
-        half = (ordered.shape[1] + 1) // 2
-        median, lower = _doubled_median(ordered), _doubled_median(ordered[:, :half])
-        self.baseline += np.bincount(median, minlength=len(self.baseline))
-        quarters = (median - lower) * (_QUARTERS // _HALVES)
-        self.spread += np.bincount(quarters, minlength=len(self.spread))
+        self.maxima += np.bincount(samples.max(axis=1), minlength=_VALUES)
+        rows = max(_AT_ONCE // samples.shape[1], 1)
+        for first in range(0, len(samples), rows):
+            part = samples[first : first + rows]
+            self.values += np.bincount(part.ravel(), minlength=_VALUES)
+            baseline, noise = background(part)
+            _count_steps(self.baseline, baseline)
+            _count_steps(self.noise, noise)
 
     def _add_plateaus(self, samples: npt.NDArray[np.uint16]) -> None:
         largest = int(samples.max())
@@ -185,7 +181,6 @@ class _Sums:
     def contents(self, kind: str, points: int, tally: ReadTally) -> FileContents:
         values = self.values[: self.largest + 1]
         has_time = bool(np.isfinite(self.times[0]))
-        deviation = _DEVIATION_PER_QUARTILE / _QUARTERS
         return FileContents(
             format=kind,
             points=points,
@@ -200,8 +195,8 @@ class _Sums:
             waveforms_per_shot=_ascending(self.per_shot),
             first_time=self.times[0] if has_time else None,
             last_time=self.times[1] if has_time else None,
-            baseline=_level(self.baseline, 1.0 / _HALVES),
-            noise=_level(self.spread, deviation),
+            baseline=_level(self.baseline),
+            noise=_level(self.noise),
             smallest=int(np.flatnonzero(values)[0]) if self.largest >= 0 else None,
             largest=self.largest if self.largest >= 0 else None,
             bits=max(self.largest, 0).bit_length(),
@@ -222,15 +217,14 @@ def _ascending(counter: Counter[_Key]) -> dict[_Key, int]:
     return {key: counter[key] for key in sorted(counter)}
 
 
-def _doubled_median(ordered: IntArray) -> IntArray:
-    """Twice the median of each row of ascending numbers."""
-    last = ordered.shape[1] - 1
-    return np.asarray(ordered[:, last // 2] + ordered[:, (last + 1) // 2])
+def _count_steps(counts: IntArray, levels: npt.NDArray[np.float64]) -> None:
+    steps = np.rint(levels * _STEPS).astype(np.int64)
+    np.add.at(counts, np.minimum(steps, len(counts) - 1), 1)
 
 
-def _level(counts: IntArray, step: float) -> Level | None:
-    """Median and range of what was counted in steps of `step` counts."""
+def _level(counts: IntArray) -> Level | None:
+    """Median and range of what was counted in steps."""
     if not counts.any():
         return None
-    low, high = (count_quantile(counts, share) * step for share in _SHARES)
-    return Level(count_median(counts) * step, low, high)
+    low, high = (count_quantile(counts, share) / _STEPS for share in _SHARES)
+    return Level(count_median(counts) / _STEPS, low, high)

@@ -98,7 +98,7 @@ def _draw_panel(axes: Axes, view: WaveformView) -> None:
     axes.fill_between(index, values, step="mid", color=_FAINT, linewidth=0, zorder=1)
     axes.plot(index, values, ".", color=_INK, markersize=3.2, label="samples", zorder=6)
     axes.axhline(view.noise, color=_GREY, linewidth=0.8, linestyle=(0, (4, 2)), zorder=2)
-    _label(axes, 0.995, view.noise, f"noise level {view.noise}", "right")
+    _name_noise(axes, view)
     first, last = view.segments.T if len(view.segments) else (np.empty(0), np.empty(0))
     axes.hlines(
         np.full(len(first), _SEGMENTS_AT),
@@ -109,7 +109,8 @@ def _draw_panel(axes: Axes, view: WaveformView) -> None:
         transform=axes.get_xaxis_transform(),
         label="segments",
     )
-    _name_segments(axes, view)
+    if len(view.segments):
+        _name_beside(axes, "above the noise", _SEGMENTS_AT)
     # What is drawn first is broader, so that equal curves are all seen.
     for method, width in zip(view.methods, _CURVE_WIDTHS, strict=False):
         _draw_method(axes, method, width)
@@ -159,38 +160,38 @@ def _around_echoes(method: MethodView) -> FloatArray:
     return curve
 
 
-def _label(axes: Axes, x: float, y: float, text: str, side: str) -> None:
-    """A word beside a line, at a share of the panel's width and a height in counts."""
+def _name_noise(axes: Axes, view: WaveformView) -> None:
+    """Says above the line what it is, at the end of the panel where the record is lower."""
+    low, high = axes.get_xlim()
+    shown = view.samples[max(int(low), 0) : int(high) + 1]
+    end = max(len(shown) // 5, 1)
+    right = int(shown[-end:].max(initial=0)) <= int(shown[:end].max(initial=0))
     axes.annotate(
-        text,
-        (x, y),
+        f"noise level {view.noise}",
+        (0.995 if right else 0.005, view.noise),
         xycoords=axes.get_yaxis_transform(),
         xytext=(0, 2),
         textcoords="offset points",
-        ha=side,
+        ha="right" if right else "left",
         fontsize=_SMALL,
         color=_GREY,
         bbox={"color": "white", "alpha": 0.7, "pad": 0.5, "linewidth": 0},
     )
 
 
-def _name_segments(axes: Axes, view: WaveformView) -> None:
-    """Says what the bars are, on the side of them where there is more room."""
-    if not len(view.segments):
-        return
-    first, last = float(view.segments[0, 0]), float(view.segments[-1, 1])
-    low, high = axes.get_xlim()
-    behind = high - last >= first - low
-    axes.annotate(
-        "above the noise",
-        (last if behind else first, _SEGMENTS_AT),
-        xycoords=axes.get_xaxis_transform(),
-        xytext=(5 if behind else -5, -2.5),
+def _name_beside(axes: Axes, text: str, height: float) -> None:
+    """A word to the right of the panel, at a share of its height; it takes no room of its own."""
+    label = axes.annotate(
+        text,
+        (1.0, height),
+        xycoords="axes fraction",
+        xytext=(4, 0),
         textcoords="offset points",
-        ha="left" if behind else "right",
+        va="center",
         fontsize=_SMALL,
         color=_GREY,
     )
+    label.set_in_layout(False)
 
 
 def _highest(view: WaveformView) -> float:
@@ -216,8 +217,10 @@ def _shown_samples(views: Sequence[WaveformView]) -> tuple[float, float]:
     positions = np.concatenate(echoes) if echoes else np.empty(0)
     if not len(positions):
         return -0.5, count - 0.5
-    first = max(float(positions.min()) - _MARGIN, 0.0)
-    last = min(max(float(positions.max()) + _MARGIN, first + _SHORTEST_VIEW), count - 1.0)
+    widths = np.concatenate([method.widths for view in views for method in view.methods])
+    margin = np.maximum(_MARGIN, _REACH * widths)
+    first = max(float((positions - margin).min()), 0.0)
+    last = min(max(float((positions + margin).max()), first + _SHORTEST_VIEW), count - 1.0)
     return min(first, max(last - _SHORTEST_VIEW, 0.0)) - 0.5, last + 0.5
 
 
@@ -232,15 +235,7 @@ def _add_nanoseconds(axes: Axes, interval: float) -> None:
 
     top = axes.secondary_xaxis("top", functions=(time_of, position_at))
     top.tick_params(labelsize=_SMALL, labelcolor=_GREY, color=_GREY, length=2.5)
-    axes.annotate(
-        "ns",
-        (1.0, 1.0),
-        xycoords="axes fraction",
-        xytext=(4, 3),
-        textcoords="offset points",
-        fontsize=_SMALL,
-        color=_GREY,
-    )
+    _name_beside(axes, "ns", 1.02)
 
 
 def _tell_echoes(axes: Axes, view: WaveformView) -> None:
@@ -258,7 +253,7 @@ def _tell_echoes(axes: Axes, view: WaveformView) -> None:
 
 def _rooms(methods: Sequence[MethodView]) -> list[int]:
     """Lines for the echoes of each method: as many as it has, or an equal share of the panel."""
-    free = int(1.0 / _LINE - 1.5 - _LINES_AROUND * len(methods))
+    free = int(1.0 / _LINE - 2.5 - _LINES_AROUND * len(methods))
     wanted = [len(method.positions) for method in methods]
     share = max(free // max(len(methods), 1), 1)
     return wanted if sum(wanted) <= free else [min(count, share) for count in wanted]

@@ -18,8 +18,8 @@ from fullwaveform.inspection import inspect_waveforms
 from .command_line import assert_trouble, assert_usage, run, words
 from .formats.las_scenes import Point, Scene
 
-# Sorted: 10 10 12 12 14 16 100 100, median 13, median of the lower half 11.
-FLAT_TOP = [10, 12, 14, 16, 100, 100, 10, 12]
+# Baseline 11, see test_background.
+FLAT_TOP = [10, 11, 12, 11, 100, 100, 13, 14]
 
 
 @pytest.fixture
@@ -46,18 +46,18 @@ def test_table(scan: Path) -> None:
         "samples per waveform 8",
         "sampling interval 2 ns",
         "GPS time 1.500000 to 2.000000 s (0.5 s)",
-        "baseline 11.5 counts (90 % of the waveforms 10 to 13)",
+        "baseline 10.5 counts (90 % of the waveforms 10 to 11)",
         "sample values 10 to 100 counts, 7 bits",
         "saturation 50.00% of the waveforms have a plateau at 100",
     ):
         assert line in text
 
 
-def lines_of(scan: Path, encoding: str) -> list[str]:
+def lines_of(scan: Path, encoding: str, width: int = 100) -> list[str]:
     """What a terminal of the given encoding shows; fails on what it cannot show."""
     stream = io.TextIOWrapper(io.BytesIO(), encoding=encoding, errors="strict")
     with open_waveforms(scan) as reader:
-        _show(scan, inspect_waveforms(reader), Console(file=stream, width=100))
+        _show(scan, inspect_waveforms(reader), Console(file=stream, width=width))
     stream.flush()
     return stream.buffer.getvalue().decode(encoding).splitlines()  # type: ignore[attr-defined]
 
@@ -67,15 +67,24 @@ def test_bars_are_as_long_as_their_bins_are_full(scan: Path, encoding: str, sign
     lines = lines_of(scan, encoding)
     start = lines.index("samples by value, counts")
     bars = {line.split()[0]: line.count(sign) for line in lines[start + 1 : lines.index("", start)]}
-    # Ten samples of 10 counts, the fullest bin, and two of 11 or 12.
+    # Nine samples of 10 counts, the fullest bin, and three of 11 or 12.
     assert bars["10"] == 40
-    assert bars["11"] == 8
-    assert lines[start + 1].split()[1] == "10"
+    assert bars["11"] == 13
+    assert lines[start + 1].split()[1] == "9"
 
 
 def test_ascii_terminal_gets_ascii_only(scan: Path) -> None:
     assert all(line.isascii() for line in lines_of(scan, "ascii"))
     assert any(line.startswith("+--") for line in lines_of(scan, "ascii"))
+
+
+def test_bars_keep_their_ratio_on_a_narrow_terminal(scan: Path) -> None:
+    lines = lines_of(scan, "ascii", width=30)
+    start = lines.index("samples by value, counts")
+    bars = [line.count("#") for line in lines[start + 1 : lines.index("", start)]]
+    assert max(map(len, lines)) <= 30
+    assert bars[0] == max(bars) > 8
+    assert bars[1] == round(max(bars) * 3 / 9)
 
 
 def test_json(scan: Path) -> None:
@@ -87,7 +96,7 @@ def test_json(scan: Path) -> None:
     assert found["channels"] == [{"flag": 0, "waveforms": 1}, {"flag": 1, "waveforms": 1}]
     assert found["sampling_intervals"] == [{"seconds": 2e-9, "waveforms": 2}]
     assert found["shots_by_waveforms"] == [{"waveforms": 1, "shots": 2}]
-    assert found["baseline"] == {"median": 11.5, "low": 10.0, "high": 13.0}
+    assert found["baseline"] == {"median": 10.5, "low": 10.0, "high": 11.0}
     assert found["saturated_share"] == 0.5
     histogram = found["value_histogram"]
     assert len(histogram["edges"]) == len(histogram["counts"]) + 1

@@ -137,6 +137,7 @@ def test_waveform_without_echoes_is_drawn_whole_and_says_why() -> None:
     axes, beside = figure.axes
     assert axes.get_xlim() == (-0.5, 59.5)
     assert marks(axes)["samples"][20].tolist() == [20.0, 8.0]
+    assert "above the noise" not in texts(axes)
     assert "three-point, no echoes" in texts(beside)
     assert "signal not above the noise" in texts(beside)
 
@@ -146,6 +147,14 @@ def test_long_record_is_shown_around_its_echoes() -> None:
     axes = waveform_figure(views(packet)).axes[0]
     # 15 samples to either side, and half a sample.
     np.testing.assert_allclose(axes.get_xlim(), (184.5, 275.5), atol=1e-4)
+
+
+def test_broad_echoes_are_shown_with_their_flanks() -> None:
+    x = np.arange(200)
+    samples = np.rint(4000.0 * np.exp(-0.5 * ((x - 100.0) / 15.0) ** 2)).astype(np.uint16)
+    axes = waveform_figure(views(Packet(samples))).axes[0]
+    # Four standard deviations to either side, which whole counts make 1 % wrong, and half a sample.
+    np.testing.assert_allclose(axes.get_xlim(), (39.5, 160.5), atol=1.5)
 
 
 def test_echoes_beyond_the_room_are_counted() -> None:

@@ -21,7 +21,7 @@ from fullwaveform.histograms import Histogram
 from fullwaveform.inspection import FileContents, Level, inspect_waveforms
 
 _NANOSECONDS = 1e9
-_BAR = 40  # characters
+_LONGEST_BAR, _SHORTEST_BAR = 40, 8  # characters
 _EIGHTHS = " ▏▎▍▌▋▊▉"
 _CHANNELS = {0: "high", 1: "low"}
 _MOST_LISTED = 6  # entries of a distribution; beyond them only how many there are
@@ -200,15 +200,16 @@ def _show_histogram(console: Console, title: str, histogram: Histogram, plain: b
     numbers = [f"{count:,}" for count in histogram.counts.tolist()]
     left, right = max(map(len, names)), max(map(len, numbers))
     largest = int(histogram.counts.max())
+    length = max(min(console.width - left - right - 5, _LONGEST_BAR), _SHORTEST_BAR)
     console.print(f"\n{title}", style="bold", markup=False, highlight=False)
     for name, number, count in zip(names, numbers, histogram.counts.tolist(), strict=True):
-        line = f"{name:>{left}}  {number:>{right}}  {_bar(count / largest, plain)}"
+        line = f"{name:>{left}}  {number:>{right}}  {_bar(count / largest * length, plain)}"
         console.print(line.rstrip(), markup=False, highlight=False, no_wrap=True)
 
 
-def _bar(share: float, plain: bool) -> str:
-    """A bar as long as the share (0 to 1) of the longest; what is not nothing can be seen."""
+def _bar(length: float, plain: bool) -> str:
+    """A bar of so many characters; what is not nothing can be seen."""
     if plain:
-        return "#" * (max(round(share * _BAR), 1) if share > 0 else 0)
-    eighths = max(round(share * _BAR * 8), 1) if share > 0 else 0
+        return "#" * (max(round(length), 1) if length > 0 else 0)
+    eighths = max(round(length * 8), 1) if length > 0 else 0
     return "█" * (eighths // 8) + _EIGHTHS[eighths % 8].strip()
