@@ -95,6 +95,10 @@ Shot& shotAt(double time, ShotMap& shots) {
 /// order of arrival.
 void mergeShot(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags,
                double samplingInterval) {
+  auto const isLowPower = [&](std::uint32_t row) { return channelFlags[row] != 0; };
+  if (std::none_of(shot.rows.begin(), shot.rows.end(), isLowPower)) {
+    return;
+  }
   for (std::size_t a = 0; a < shot.waves.size(); ++a) {
     if (channelFlags[shot.rows[a]] != 0) {
       continue;
@@ -279,6 +283,7 @@ void PeakDetectionFamily<T>::mergeAndTrace(Shot& shot,
     return;
   }
   std::vector<bool> found;
+  found.reserve(shot.waves.size());
   for (WavePtr const& wave : shot.waves) {
     found.push_back(!wave->peaks.empty());
   }
