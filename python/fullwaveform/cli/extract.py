@@ -122,6 +122,8 @@ def extract(
         fullwaveform extract scan.las -o echoes.parquet --mode decomposition --keep-empty
 
         fullwaveform extract scan.las -o echoes.csv --channel 2=high --workers 2 --verbose
+
+        fullwaveform extract scan.las -o parts --cluster local --workers 2
     """
     call: _Call | ClusterCall
     if cluster is None:
