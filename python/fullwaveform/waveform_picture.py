@@ -154,9 +154,13 @@ def _draw_method(axes: Axes, method: MethodView, width: float) -> None:
 
 def _around_echoes(method: MethodView) -> FloatArray:
     """The fitted sum where a Gaussian still shows; gaps are NaN."""
-    curve = method.fitted.copy()
-    distance = np.abs(curve[:, :1] - method.positions)
-    curve[~(distance <= _REACH * method.widths).any(axis=1), 1] = np.nan
+    curve, reach = method.fitted.copy(), _REACH * method.widths
+    shows = np.zeros(len(curve), dtype=np.bool_)
+    first = np.searchsorted(curve[:, 0], method.positions - reach)
+    behind = np.searchsorted(curve[:, 0], method.positions + reach, side="right")
+    for start, stop in zip(first, behind, strict=True):
+        shows[start:stop] = True
+    curve[~shows, 1] = np.nan
     return curve
 
 

@@ -18,7 +18,7 @@ from fullwaveform.waveform_choice import ChosenShot
 from fullwaveform.waveform_table import WaveformState
 
 _DECOMPOSED, _DECONVOLVED = (3, 4), 5  # types of echoes
-_CURVE_STEP = 0.05  # samples
+_CURVE_STEP, _MOST_STEPS = 0.05, 40_000  # samples; longer records have wider steps
 _HALF_BAR_HEIGHT = float(np.exp(-0.5))  # a Gaussian has this share of its top at one width
 
 
@@ -146,13 +146,15 @@ def fitted_sum(
 ) -> FloatArray:
     """Sum of the Gaussians over a level, (k, 2): position in samples and height in counts.
 
-    It is given at twentieths of a sample and at the positions of the Gaussians themselves, from
-    the first to the last of `count` samples. Without a Gaussian there are no values. Arguments
-    (m,) in samples and counts; widths are standard deviations, above 0.
+    It is given at twentieths of a sample, wider steps in records of more than 2,000, and at the
+    positions of the Gaussians themselves, from the first to the last of `count` samples. Without
+    a Gaussian there are no values. Arguments (m,) in samples and counts; widths are standard
+    deviations, above 0.
     """
     if not len(positions):
         return np.empty((0, 2))
-    x = np.arange(0.0, count - 1.0 + _CURVE_STEP / 2, _CURVE_STEP)
+    step = max(_CURVE_STEP, count / _MOST_STEPS)
+    x = np.arange(0.0, count - 1.0 + step / 2, step)
     x = np.union1d(x, positions[(positions >= 0) & (positions <= count - 1)])
     height = np.full(len(x), foot)
     for position, amplitude, width in zip(positions, amplitudes, widths, strict=True):

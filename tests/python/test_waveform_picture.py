@@ -149,6 +149,17 @@ def test_long_record_is_shown_around_its_echoes() -> None:
     np.testing.assert_allclose(axes.get_xlim(), (184.5, 275.5), atol=1e-4)
 
 
+def test_longest_record_full_of_echoes() -> None:
+    positions = range(20, 65_000, 30)
+    (view,) = views(Packet(record(dict.fromkeys(positions, 100), length=65_535)))
+    axes = waveform_figure([view]).axes[0]
+    echoes, curve = marks(axes)["three-point, echoes"], marks(axes)["three-point, fitted"]
+    assert len(echoes) == len(positions)
+    assert len(curve) < 50_000
+    tops = curve[np.searchsorted(curve[:, 0], echoes[:, 0])]
+    np.testing.assert_allclose(tops, echoes, rtol=1e-6)
+
+
 def test_broad_echoes_are_shown_with_their_flanks() -> None:
     x = np.arange(200)
     samples = np.rint(4000.0 * np.exp(-0.5 * ((x - 100.0) / 15.0) ** 2)).astype(np.uint16)
