@@ -1,5 +1,5 @@
 """``python -m fullwaveform`` is the command line."""
 
-from fullwaveform.cli.main import main
+from fullwaveform.cli.start import main
 
 main()

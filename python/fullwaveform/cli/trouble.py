@@ -3,24 +3,17 @@
 from __future__ import annotations
 
 import signal
-import threading
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
-from types import FrameType
-from typing import Any
 
 import typer
+
+from fullwaveform.cli.signals import Ended, unwinding_on_signals
 
 #: The data or the files are not as they must be.
 EXIT_DATA = 1
 #: The call is not as it must be.
 EXIT_USAGE = 2
-#: Ctrl-C, and a request of the system to end: 128 and the number of the signal.
-EXIT_INTERRUPTED, EXIT_TERMINATED = 130, 143
-
-
-class _Terminated(BaseException):
-    """The system asked the process to end; unwinding removes unfinished files."""
 
 
 @contextmanager
@@ -31,9 +24,9 @@ def told_in_a_sentence(
 
     `left` says, after a signal, what there is of the result.
     """
-    restore = _terminated_by_signal()
     try:
-        yield
+        with unwinding_on_signals():
+            yield
     except OSError as error:
         where = f"{error.filename}: " if error.filename and error.strerror else ""
         _stop(f"{where}{error.strerror or error}")
@@ -41,30 +34,11 @@ def told_in_a_sentence(
         _stop(str(error))
     except MemoryError:
         _stop("not enough memory for one block of waveforms; try a smaller --block")
-    except KeyboardInterrupt:
-        typer.echo(f"interrupted; {left()}", err=True)
-        raise typer.Exit(EXIT_INTERRUPTED) from None
-    except _Terminated:
-        typer.echo(f"terminated; {left()}", err=True)
-        raise typer.Exit(EXIT_TERMINATED) from None
-    finally:
-        restore()
-
-
-def _terminated_by_signal() -> Callable[[], None]:
-    """Turns SIGTERM into an exception; returns what restores the former behaviour."""
-    if threading.current_thread() is not threading.main_thread():
-        return lambda: None
-
-    def end(number: int, frame: FrameType | None) -> None:
-        raise _Terminated
-
-    former = signal.signal(signal.SIGTERM, end)
-    return lambda: _restore(former)
-
-
-def _restore(former: Any) -> None:
-    signal.signal(signal.SIGTERM, former)
+    except KeyboardInterrupt as interruption:
+        # Libraries with handlers of their own make a plain one of Ctrl-C.
+        ended = interruption if isinstance(interruption, Ended) else Ended(signal.SIGINT)
+        typer.echo(f"{ended.participle}; {left()}", err=True)
+        raise typer.Exit(ended.exit_code) from None
 
 
 def _stop(sentence: str) -> None:

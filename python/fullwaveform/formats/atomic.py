@@ -11,6 +11,8 @@ from contextlib import contextmanager
 from pathlib import Path
 from typing import Any
 
+from fullwaveform.interruption import raise_if_requested
+
 # Errors that only writing can bring: disk, quota or largest file size used up.
 _NO_SPACE = (errno.ENOSPC, errno.EDQUOT, errno.EFBIG)
 
@@ -25,7 +27,7 @@ def replace_when_whole(path: str | os.PathLike[str]) -> Iterator[Path]:
 
     The temporary file exists already, empty, and lies in the same folder, so that the final
     renaming cannot fail for want of space. After an error, Ctrl-C included, it is removed and
-    whatever stood under `path` before is untouched.
+    whatever stood under `path` before is untouched; so it is when an end was requested.
 
     Raises
     ------
@@ -38,6 +40,7 @@ def replace_when_whole(path: str | os.PathLike[str]) -> Iterator[Path]:
     temporary = _create_beside(final)
     try:
         yield temporary
+        raise_if_requested()
         temporary.replace(final)
     except OSError as error:
         temporary.unlink(missing_ok=True)

@@ -18,6 +18,7 @@ import numpy.typing as npt
 from fullwaveform.errors import WaveformFileError
 from fullwaveform.formats.blocks import EchoTable, ReadTally, WaveformBlock
 from fullwaveform.formats.passes import Pass, UngatheredBlock
+from fullwaveform.interruption import raise_if_requested
 from fullwaveform.scanner import Scanner
 
 
@@ -121,6 +122,7 @@ class FileReader(ABC):
         current = self._pass = Pass(first, stop, self._notes)
         for block in current.gathered(self._ungathered(current.met)):
             self._check_that_all_were_readable(current.tally)
+            raise_if_requested()
             yield block
         if current.is_whole:
             self._check_that_some_were_readable(current.met)

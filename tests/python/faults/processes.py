@@ -1,0 +1,65 @@
+"""The command line as a process of its own, and what is left of it."""
+
+from __future__ import annotations
+
+import os
+import subprocess
+import sys
+import time
+from collections.abc import Callable
+from pathlib import Path
+from typing import Any
+
+import fullwaveform
+
+PATIENCE = 120.0  # s; only ever waited out where something is broken
+PACKAGE = str(Path(fullwaveform.__file__).resolve().parents[1])
+SLOW = Path(__file__).with_name("slow_command.py")
+
+
+def until(what: Callable[[], Any]) -> Any:
+    """What the function gives as soon as it is true."""
+    end = time.monotonic() + PATIENCE
+    while not (found := what()):
+        assert time.monotonic() < end, "waited in vain"
+        time.sleep(0.005)
+    return found
+
+
+def environment() -> dict[str, str]:
+    path = os.pathsep.join([PACKAGE, *filter(None, [os.environ.get("PYTHONPATH")])])
+    return {**os.environ, "PYTHONPATH": path, "COLUMNS": "200"}
+
+
+def finished(
+    *call: str | Path, before: Callable[[], object] | None = None, stdout: Any = subprocess.PIPE
+) -> subprocess.CompletedProcess[str]:
+    """The command line run to its end; `before` is called in the new process."""
+    return subprocess.run(
+        [sys.executable, "-m", "fullwaveform", *map(str, call)],
+        env=environment(),
+        stdout=stdout,
+        stderr=subprocess.PIPE,
+        text=True,
+        check=False,
+        timeout=PATIENCE,
+        preexec_fn=before,
+    )
+
+
+def slow(slowed: str, *call: str | Path) -> subprocess.Popen[str]:
+    """The command line with one of its steps taking minutes, see `slow_command`."""
+    return subprocess.Popen(
+        [sys.executable, str(SLOW), slowed, *map(str, call)],
+        env=environment(),
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        text=True,
+        start_new_session=True,
+    )
+
+
+def assert_told(done: subprocess.CompletedProcess[str], *sentences: str) -> None:
+    """Exit code 1, one of the sentences and nothing else."""
+    assert done.returncode == 1, done.stderr
+    assert done.stderr in [f"fullwaveform: {sentence}\n" for sentence in sentences]

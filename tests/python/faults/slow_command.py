@@ -1,0 +1,46 @@
+"""The command line with one of its steps slowed down, so that a signal comes while it lasts.
+
+Usage: slow_command.py blocks|renaming|nothing CALL...
+"""
+
+from __future__ import annotations
+
+import sys
+import time
+from typing import Any
+
+from fullwaveform.cli.start import main
+
+SHORT, LONG = 0.1, 300.0  # s
+
+
+def slow_blocks() -> None:
+    """Each block takes a tenth of a second to be extracted, wherever that happens."""
+    from fullwaveform.extraction import Extractor
+
+    extract = Extractor.extract
+
+    def slowly(self: Extractor, block: Any) -> Any:
+        time.sleep(SHORT)
+        return extract(self, block)
+
+    Extractor.extract = slowly  # type: ignore[method-assign]
+
+
+def slow_renaming() -> None:
+    """Minutes pass between the last byte of a file and its name, or less if an end is requested."""
+    from fullwaveform.formats import atomic
+
+    raise_if_requested = atomic.raise_if_requested
+
+    def slowly() -> None:
+        for _ in range(round(LONG / SHORT)):
+            raise_if_requested()
+            time.sleep(SHORT)
+
+    atomic.raise_if_requested = slowly
+
+
+if __name__ == "__main__":
+    {"blocks": slow_blocks, "renaming": slow_renaming, "nothing": lambda: None}[sys.argv.pop(1)]()
+    main()

@@ -1,0 +1,116 @@
+"""Inputs that are cut short and folders that go away while a run is under way."""
+
+from __future__ import annotations
+
+import os
+import shutil
+from collections.abc import Callable
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+import pytest
+
+from fullwaveform.extraction import Extractor
+from fullwaveform.formats.container_writer import ScanContainerWriter
+from fullwaveform.formats.echo_files import ECHO_ENDINGS
+from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
+
+from ..command_line import assert_trouble, names, run
+from ..formats.pulsewaves_scenes import Descriptor, Pulse, Sampling, Scene
+
+EXTRACT_BY_BLOCKS = ("--noise", "20", "--block", "50", "--workers", "1")
+
+
+def after_the_first_block(
+    monkeypatch: pytest.MonkeyPatch, step: type, name: str, happens: Callable[[], object]
+) -> None:
+    """Has something happen when the method has dealt with a block for the first time."""
+    method, left = getattr(step, name), [happens]
+
+    def dealing(self: Any, block: Any) -> Any:
+        result = method(self, block)
+        if left:
+            left.pop()()
+        return result
+
+    monkeypatch.setattr(step, name, dealing)
+
+
+@pytest.fixture
+def own_scan(scan: Path, tmp_path: Path) -> Path:
+    """A copy of the scan in a folder of its own."""
+    (folder := tmp_path / "in").mkdir()
+    for ending in (".las", ".wdp"):
+        shutil.copy(scan.with_suffix(ending), folder)
+    return folder / scan.name
+
+
+def pulsewaves(folder: Path) -> Path:
+    """3000 pulses with a returning waveform of 40 samples each."""
+    echo = np.rint(10 + 200 * np.exp(-0.5 * ((np.arange(40) - 15) / 2.0) ** 2)).astype(int).tolist()
+    pulses = [Pulse([[(0, echo)]], time=number) for number in range(3000)]
+    return Scene([Descriptor(1, [Sampling(samples=40)])], pulses).write(folder / "scan.pls")
+
+
+def container(folder: Path) -> Path:
+    """8000 waveforms: more than HDF5 keeps in memory of what it has read."""
+    long = write_scan(simulate_scan(ScanSettings(shots=4000)), folder / "long.las").las
+    assert run("convert", long, folder / "scan.h5", "--quiet").exit_code == 0
+    return folder / "scan.h5"
+
+
+@pytest.mark.parametrize("cut", ["scan.wdp", "scan.wvs", "scan.h5"])
+def test_samples_that_are_cut_off(
+    own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, cut: str
+) -> None:
+    shortened = own_scan.with_name(cut)
+    source = {
+        "scan.wdp": lambda: own_scan,
+        "scan.wvs": lambda: pulsewaves(own_scan.parent),
+        "scan.h5": lambda: container(own_scan.parent),
+    }[cut]()
+    half = shortened.stat().st_size // 2
+    after_the_first_block(monkeypatch, Extractor, "extract", lambda: os.truncate(shortened, half))
+    (folder := tmp_path / "out").mkdir()
+    result = run("extract", source, "-o", folder / "echoes.csv", *EXTRACT_BY_BLOCKS)
+    assert_trouble(result, str(shortened))
+    assert names(folder) == []
+
+
+@pytest.mark.parametrize("ending", [".las", ".pls"])
+def test_points_that_are_cut_off(
+    own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, ending: str
+) -> None:
+    source = own_scan if ending == ".las" else pulsewaves(own_scan.parent)
+    size = source.stat().st_size
+    after_the_first_block(
+        monkeypatch, Extractor, "extract", lambda: os.truncate(source, size * 3 // 4)
+    )
+    (folder := tmp_path / "out").mkdir()
+    result = run("extract", source, "-o", folder / "echoes.csv", *EXTRACT_BY_BLOCKS)
+    assert_trouble(result, str(source))
+    assert names(folder) == []
+
+
+@pytest.mark.parametrize("ending", ECHO_ENDINGS)
+def test_the_folder_of_the_echoes_is_removed(
+    own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, ending: str
+) -> None:
+    (folder := tmp_path / "out").mkdir()
+    output = folder / f"echoes{ending}"
+    after_the_first_block(monkeypatch, Extractor, "extract", lambda: shutil.rmtree(folder))
+    result = run("extract", own_scan, "-o", output, *EXTRACT_BY_BLOCKS)
+    assert_trouble(result, f"cannot write {output}: No such file or directory")
+    assert not folder.exists()
+
+
+def test_the_folder_of_a_container_is_removed(
+    own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    (folder := tmp_path / "out").mkdir()
+    output = folder / "scan.h5"
+    after_the_first_block(monkeypatch, ScanContainerWriter, "write", lambda: shutil.rmtree(folder))
+    result = run("convert", own_scan, output, "--block", "50")
+    assert_trouble(result, f"cannot write {output}: No such file or directory")
+    assert not folder.exists()
