@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# Python tests with the extension module under the address and undefined-behaviour sanitizers (asan) or the
+# thread sanitizer (tsan): those that hand arrays, scanners and records to the C++ library, under tsan those
+# with threads, or the ones that are named. Leaks are not looked for: the interpreter keeps much until its
+# end. Tests that limit a process's memory cannot run under asan, which reserves terabytes of addresses.
+#
+# Usage: tests/python/run_under_sanitizer.sh asan|tsan BUILD PYTHON [TEST...]
+#        BUILD was configured with that preset, FULLWAVEFORM_PYTHON=ON and BUILD_SHARED_LIBS=OFF.
+set -euo pipefail
+
+sanitizer=${1:?asan or tsan}
+build=$(cd -- "${2:?folder of the build}" && pwd -P)
+python=${3:?interpreter}
+shift 3
+cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.."
+
+tests=("$@")
+run=(env)
+if [[ $sanitizer == tsan ]]; then
+  libraries=(libtsan.so libstdc++.so.6)
+  default=(tests/python/test_{driver,driver_threads}.py)
+  # It wants the addresses where it expects them; not every kernel's random layout obliges.
+  if setarch --addr-no-randomize true 2>/dev/null; then
+    run=(setarch --addr-no-randomize env)
+  fi
+else
+  libraries=(libasan.so libubsan.so libstdc++.so.6)
+  default=(tests/python/test_{driver,driver_arrays,driver_threads,modes,online,reports,scanner}.py)
+fi
+if [[ ${#tests[@]} -eq 0 ]]; then
+  tests=("${default[@]}")
+fi
+
+package=$build/package
+rm -rf -- "$package"
+mkdir -p -- "$package"
+cp -R -- python/fullwaveform "$package/"
+rm -f -- "$package"/fullwaveform/_core*.so
+cp -- "$build"/python/bindings/_core*.so "$package/fullwaveform/"
+
+compiler=$(sed -n 's/^CMAKE_CXX_COMPILER:[A-Z]*=//p' "$build/CMakeCache.txt")
+# The interpreter is built without sanitizers: their libraries must be there before it begins, and the C++
+# library with them, whose exceptions the sanitizer watches.
+preload=
+for library in "${libraries[@]}"; do
+  preload+="$("$compiler" -print-file-name="$library") "
+done
+# Python's own allocator would hide where its objects end.
+"${run[@]}" LD_PRELOAD="$preload" PYTHONMALLOC=malloc PYTHONPATH="$package" TSAN_OPTIONS=halt_on_error=1 \
+  UBSAN_OPTIONS=print_stacktrace=1 ASAN_OPTIONS=detect_leaks=0:strict_string_checks=1 \
+  "$python" -m pytest -q -p no:cacheprovider "${tests[@]}"
