@@ -1,7 +1,9 @@
 #include <atomic>
 #include <cstddef>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fullwaveform/driver/PeakDetectionFamily.h>
@@ -121,6 +123,36 @@ TEST(DriverThreads, MessagesOfAllDriversArriveWhole) {
   for (std::string const& message : messages) {
     EXPECT_EQ(message, messages[0]);
   }
+}
+
+TEST(DriverThreads, ASinkThatThrowsChangesNoResultAndIsCalledAgain) {
+  TemporaryDirectory const directory;
+  ScannerDevice const scanner = scannerOf();
+  Block block = manyShots();
+  block.counts[0] = 300;
+  std::string expected;
+  {
+    ConsoleCapture const capture;
+    Driver alone(FWFModus::ThreePoint, scanner, directory.path(), "scan01.rxp", 200U);
+    expected = textOf(block.run(alone));
+    ASSERT_EQ(capture.messages().size(), 1U);
+  }
+  constexpr int rounds = 5;
+  int calls = 0;  // the console passes one message at a time
+  Holdex::Console::Sink former = Holdex::Console::setSink([&calls](std::string const&) {
+    ++calls;
+    throw std::runtime_error("nobody listens");
+  });
+  std::atomic<int> different{0};
+  onThreads(threads, [&](int) {
+    Driver driver(FWFModus::ThreePoint, scanner, directory.path(), "scan01.rxp", 200U);
+    for (int round = 0; round < rounds; ++round) {
+      different += textOf(block.run(driver)) == expected ? 0 : 1;
+    }
+  });
+  Holdex::Console::setSink(std::move(former));
+  EXPECT_EQ(different, 0);
+  EXPECT_EQ(calls, threads * rounds);
 }
 
 }  // namespace
