@@ -12,7 +12,9 @@ from typer.testing import CliRunner
 
 from fullwaveform import Driver, Mode, Result, RowState, Scanner
 from fullwaveform.cli.main import app
+from fullwaveform.formats.las_reader import LasWaveformReader
 from fullwaveform.scanner import DEFAULT_ATTRIBUTES, NO_AFTER_PULSE
+from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 FloatArray = npt.NDArray[np.float64]
 
@@ -170,10 +172,14 @@ def test_a_ladder_without_end_is_refused() -> None:
         Driver(2, scanner(), longest_waveform=8193)
 
 
-def test_command_line_stops_before_it_reads(tmp_path: Path) -> None:
-    """The input does not even exist: the mode's trouble comes first."""
+def test_command_line_stops_before_it_reads(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """The file, which might carry a description, is opened; none of its waveforms is read."""
+    scan = write_scan(simulate_scan(ScanSettings(shots=20)), tmp_path / "scan.las").las
+    monkeypatch.setattr(LasWaveformReader, "blocks", None)
     output = tmp_path / "echoes.las"
-    call = ["extract", str(tmp_path / "none.las"), "-o", str(output), "--mode", "hybrid"]
+    call = ["extract", str(scan), "-o", str(output), "--mode", "hybrid"]
     done = CliRunner().invoke(app, call)
     assert done.exit_code == 1
     assert "needs the scanner's system wave" in done.output
