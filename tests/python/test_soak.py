@@ -1,0 +1,34 @@
+"""A short form of the soak test; the long one is run by hand, see tests/soak/README.md."""
+
+from __future__ import annotations
+
+import os
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+import fullwaveform
+
+SOAK = Path(__file__).resolve().parents[1] / "soak" / "soak.py"
+PACKAGE = str(Path(fullwaveform.__file__).resolve().parents[1])
+
+
+@pytest.mark.skipif(not Path("/proc/self/status").exists(), reason="memory is read from /proc")
+def test_nothing_is_lost_and_nothing_is_kept(tmp_path: Path) -> None:
+    # CSV is written block by block: Parquet gathers more rows for a group than there are here.
+    call = ["--waveforms", "150000", "--shots", "500", "--block", "500", "--modes", "0", "3"]
+    # In so short a run much of the time goes by before the heap has its size.
+    call += ["--largest-growth", "1.25"]
+    call += ["--ending", ".csv", "--driver-rounds", "6", "--interval", "0.02"]
+    done = subprocess.run(
+        [sys.executable, str(SOAK), *call, "--folder", str(tmp_path)],
+        env={**os.environ, "PYTHONPATH": PACKAGE},
+        capture_output=True,
+        text=True,
+        check=False,
+    )
+    assert done.returncode == 0, done.stdout + done.stderr
+    assert done.stdout.count(" 150,000 waveforms, ") == 2
+    assert done.stdout.endswith("\nnothing lost, nothing kept\n")

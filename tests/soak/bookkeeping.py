@@ -1,0 +1,149 @@
+"""What must be in the echoes of a repeated scan, by its truth: nothing lost, nothing more."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator, Mapping
+from dataclasses import dataclass, field
+from pathlib import Path
+
+import numpy as np
+import numpy.typing as npt
+import pyarrow as pa
+import pyarrow.csv
+import pyarrow.parquet
+from scans import CHANNELS, RepeatedScan
+
+from fullwaveform.matching import match_echoes
+from fullwaveform.simulation import TruthTable
+
+# Samples; nearer to each other than three of an echo's widths two maxima are one. How near the
+# methods come to the truth is measured elsewhere.
+_TOLERANCE = 0.5
+
+Rows = Mapping[str, npt.NDArray[np.generic]]
+
+
+@dataclass
+class Balance:
+    """Counts of a whole file of echoes."""
+
+    rows: int = 0
+    waveforms: int = 0  # that are there with an echo or with a row that says there is none
+    echoes: int = 0
+    certain: int = 0  # true echoes that every method must find
+    certain_found: int = 0
+    empty: int = 0  # waveforms of shots without a true echo
+    empty_with_echoes: int = 0
+    faults: list[str] = field(default_factory=list)
+
+
+def balance(path: Path, scan: RepeatedScan) -> Balance:
+    """Compare every repetition with the first, and the first with the truth.
+
+    The file is Parquet or CSV, with a row for every waveform without echoes.
+    """
+    found = Balance()
+    first: Rows = {}
+    for number, rows in enumerate(_repetitions(path, scan)):
+        _count(found, rows, scan)
+        if number == 0:
+            first = rows
+            _compare_with_truth(found, rows, scan)
+        else:
+            found.faults += _differences(first, rows, number, scan)
+    expected = {
+        "waveforms": scan.waveforms,
+        "certain_found": found.certain,
+        "empty": scan.repetitions * _empty_waveforms(scan),
+        "empty_with_echoes": 0,
+    }
+    for name, count in expected.items():
+        if getattr(found, name) != count:
+            told = name.replace("_", " ")
+            found.faults.append(f"{told}: {getattr(found, name):,}, not {count:,}")
+    return found
+
+
+def _repetitions(path: Path, scan: RepeatedScan) -> Iterator[Rows]:
+    """Rows of each repetition, by waveform and echo, waveforms counted within the repetition."""
+    once = scan.waveforms_once
+    held: list[pa.Table] = []
+    number = 0
+    for batch in _batches(path):
+        held.append(pa.Table.from_batches([batch]))
+        # Blocks come in order and are shorter than a repetition.
+        reached = int(pa.compute.max(batch["waveform_number"]).as_py())
+        while reached >= (number + 2) * once:
+            rows, held = _taken(held, number, once)
+            yield rows
+            number += 1
+    while number < scan.repetitions:
+        rows, held = _taken(held, number, once)
+        yield rows
+        number += 1
+    if sum(map(len, held)):
+        raise ValueError(f"{path} holds waveforms that the scan does not have")
+
+
+def _batches(path: Path) -> Iterator[pa.RecordBatch]:
+    if path.suffix == ".csv":
+        with pyarrow.csv.open_csv(path) as lines:
+            yield from lines
+    else:
+        with pyarrow.parquet.ParquetFile(path) as file:
+            yield from file.iter_batches()
+
+
+def _taken(held: list[pa.Table], number: int, once: int) -> tuple[Rows, list[pa.Table]]:
+    table = pa.concat_tables(held)
+    waveform = table["waveform_number"].to_numpy()
+    mine = waveform // once == number
+    rows = {name: table[name].to_numpy()[mine] for name in table.column_names}
+    rows["waveform_number"] = rows["waveform_number"] - number * once
+    order = np.lexsort((rows["echo_number"], rows["waveform_number"]))
+    return {name: column[order] for name, column in rows.items()}, [table.filter(~mine)]
+
+
+def _count(found: Balance, rows: Rows, scan: RepeatedScan) -> None:
+    waveforms, with_echoes = rows["waveform_number"], rows["echo_number"] > 0
+    found.rows += len(waveforms)
+    found.waveforms += len(np.unique(waveforms))
+    found.echoes += int(np.count_nonzero(with_echoes))
+    empty = ~np.isin(waveforms // CHANNELS, scan.truth.shot)
+    found.empty += int(np.count_nonzero(empty))
+    found.empty_with_echoes += int(np.count_nonzero(empty & with_echoes))
+
+
+def _empty_waveforms(scan: RepeatedScan) -> int:
+    return CHANNELS * (scan.shots - len(np.unique(scan.truth.shot)))
+
+
+def _compare_with_truth(found: Balance, rows: Rows, scan: RepeatedScan) -> None:
+    truth = scan.truth
+    certain = certain_echoes(truth)
+    echoes = rows["echo_number"] > 0
+    matching = match_echoes(
+        rows["gps_time"][echoes],
+        rows["position"][echoes],
+        truth.gps_time[certain],
+        truth.position_samples[certain],
+        _TOLERANCE,
+    )
+    found.certain, found.certain_found = len(certain), len(matching)
+
+
+def certain_echoes(truth: TruthTable) -> npt.NDArray[np.intp]:
+    """Rows of echoes that every method must find: strong, not clipped, far from any other."""
+    alone = truth.neighbour_distance_samples > 6.0 * truth.width_samples
+    strong = truth.amplitude_low_power_counts >= 300.0
+    return np.flatnonzero(alone & strong & ~truth.saturated)
+
+
+def _differences(first: Rows, rows: Rows, number: int, scan: RepeatedScan) -> list[str]:
+    """Columns of a repetition that are not bit for bit those of the first one, later in time."""
+    if len(rows["echo_number"]) != len(first["echo_number"]):
+        counts = f"{len(rows['echo_number']):,} rows, not {len(first['echo_number']):,}"
+        return [f"repetition {number}: {counts}"]
+    later = {**first, "gps_time": first["gps_time"] + number * scan.period}
+    different = [name for name in rows if rows[name].tobytes() != later[name].tobytes()]
+    return [f"repetition {number}: {name} differs" for name in different]
