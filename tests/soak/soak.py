@@ -55,7 +55,7 @@ def parsed() -> argparse.Namespace:
     parser.add_argument("--shots", type=int, default=5000, help="of one repetition")
     parser.add_argument("--block", type=int, default=5000, help="waveforms of a block")
     parser.add_argument("--largest-growth", type=float, default=1.05, help="of the memory")
-    parser.add_argument("--ending", choices=[".parquet", ".csv"], default=".parquet")
+    parser.add_argument("--ending", choices=[".csv", ".parquet"], default=".csv")
     parser.add_argument("--driver-rounds", type=int, default=50, help="at least 3")
     parser.add_argument("--interval", type=float, default=0.1, help="s between two readings")
     parser.add_argument("--folder", type=Path, help="where the files go; a temporary one if none")
