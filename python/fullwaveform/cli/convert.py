@@ -7,12 +7,18 @@ from typing import Annotated
 
 import typer
 
-from fullwaveform.cli.options import channel_flags_from, refuse_same_file, seconds_from
+from fullwaveform.cli.messages import tell_unreadable
+from fullwaveform.cli.options import (
+    channel_flags_from,
+    refuse_quiet_and_verbose,
+    refuse_same_file,
+    seconds_from,
+)
 from fullwaveform.cli.progress import progress_of
 from fullwaveform.cli.trouble import told_in_a_sentence
+from fullwaveform.cli.wanted import open_checked
 from fullwaveform.formats.blocks import ReadTally
 from fullwaveform.formats.container_writer import ScanContainerWriter
-from fullwaveform.formats.opening import open_waveforms
 from fullwaveform.scanner import Scanner
 
 _ENDINGS = (".h5", ".hdf5")
@@ -46,6 +52,9 @@ def convert(
         bool,
         typer.Option("--skip-unreadable", help="Leave out waveforms that cannot be used."),
     ] = False,
+    verbose: Annotated[
+        bool, typer.Option("-v", "--verbose", help="A line for each waveform left out.")
+    ] = False,
     quiet: Annotated[bool, typer.Option("-q", "--quiet", help="No progress, no summary.")] = False,
 ) -> None:
     """Write the waveforms of a file into a scan container, from which the same echoes come.
@@ -57,16 +66,18 @@ def convert(
         fullwaveform convert scan.las described.h5 --scanner scanner.toml --block 5000
     """
     _check(source, output)
+    refuse_quiet_and_verbose(quiet, verbose)
     channels, seconds = channel_flags_from(channel or []), seconds_from(interval)
     with told_in_a_sentence():
         description = Scanner.from_toml(scanner) if scanner is not None else None
-        with open_waveforms(
+        with open_checked(
             source,
+            channels,
+            interval=seconds,
             waveforms_per_block=block,
-            channel_flags=channels,
-            sampling_interval=seconds,
             skip_unreadable=skip_unreadable,
         ) as reader:
+            tell_unreadable(reader, verbose)
             writer = ScanContainerWriter(output, reader.header, description or reader.scanner())
             with writer, progress_of(reader, quiet) as blocks:
                 for waveforms in blocks:

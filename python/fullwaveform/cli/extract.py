@@ -11,12 +11,13 @@ from typing import TYPE_CHECKING, Annotated
 import typer
 from rich.console import Console
 
-from fullwaveform.cli.messages import counted_messages
+from fullwaveform.cli.messages import counted_messages, tell_unreadable, told_to_people
 from fullwaveform.cli.options import (
     after_pulse_from,
     channel_flags_from,
     mode_from,
     noise_from,
+    refuse_quiet_and_verbose,
     refuse_same_file,
     seconds_from,
 )
@@ -92,7 +93,10 @@ def extract(
         int, typer.Option(min=1, help="Waveforms per block: what is in memory at a time.")
     ] = 20_000,
     verbose: Annotated[
-        bool, typer.Option("-v", "--verbose", help="A line for each waveform without echoes.")
+        bool,
+        typer.Option(
+            "-v", "--verbose", help="A line for each waveform left out or without echoes."
+        ),
     ] = False,
     quiet: Annotated[bool, typer.Option("-q", "--quiet", help="No progress, no summary.")] = False,
     cluster: Annotated[
@@ -190,8 +194,7 @@ class _Call:
     def check(self) -> None:
         """Refuses what contradicts itself; the input is never overwritten."""
         refuse_same_file(self.source, self.output, "-o")
-        if self.quiet and self.verbose:
-            raise typer.BadParameter("contradicts --verbose", param_hint="--quiet")
+        refuse_quiet_and_verbose(self.quiet, self.verbose)
         try:
             check_takes_empty(self.output, self.keep_empty)
         except ValueError as error:
@@ -204,6 +207,7 @@ class _Call:
     def run(self, wanted: Wanted) -> RunSummary:
         """Extracts the file."""
         with wanted.opened(self.source) as reader:
+            wanted.channels.check({self.source: reader.channel_numbers})
             return _run(reader, wanted.settings([reader.scanner()]), self)
 
     @property
@@ -215,6 +219,7 @@ class _Call:
 def _run(reader: WaveformReader, settings: ExtractionSettings, call: _Call) -> RunSummary:
     began = time.perf_counter()
     writer = open_echo_file(call.output, reader.header, run_metadata(settings))
+    tell_unreadable(reader, call.verbose)
     with (
         writer,
         progress_of(reader, call.quiet) as blocks,
@@ -224,7 +229,7 @@ def _run(reader: WaveformReader, settings: ExtractionSettings, call: _Call) -> R
             extracted_blocks(blocks, settings, call.workers),
             writer,
             statistics=call.statistics,
-            each=(lambda sentence: typer.echo(sentence, err=True)) if call.verbose else None,
+            each=told_to_people if call.verbose else None,
         )
     return RunSummary(
         name=reader.path.name,

@@ -123,7 +123,7 @@ def _run(call: ClusterCall, wanted: Wanted) -> RunSummary:
     # is gone or has changed before it is opened.
     manifest = earlier_job(call.folder, call.sources) if call.resume else None
     states = [(source, states_of(source)) for source in call.sources]
-    settings = wanted.settings([_carried(source, wanted) for source in call.sources])
+    settings = wanted.settings(_carried(call.sources, wanted))
     plain = JobSettings.of(
         settings,
         wanted.channels,
@@ -151,9 +151,15 @@ def _run(call: ClusterCall, wanted: Wanted) -> RunSummary:
     return _summary(manifest, settings, call)
 
 
-def _carried(source: Path, wanted: Wanted) -> Scanner | None:
-    with wanted.opened(source) as reader:
-        return reader.scanner()
+def _carried(sources: list[Path], wanted: Wanted) -> list[Scanner | None]:
+    """The scanners that the files carry, among which are the channels that are named."""
+    scanners, numbers = [], {}
+    for source in sources:
+        with wanted.opened(source) as reader:
+            scanners.append(reader.scanner())
+            numbers[source] = reader.channel_numbers
+    wanted.channels.check(numbers)
+    return scanners
 
 
 @contextmanager

@@ -13,10 +13,11 @@ from rich import box
 from rich.console import Console
 from rich.table import Table
 
-from fullwaveform.cli.options import channel_flags_from, seconds_from
+from fullwaveform.cli.messages import tell_unreadable
+from fullwaveform.cli.options import channel_flags_from, refuse_quiet_and_verbose, seconds_from
 from fullwaveform.cli.progress import progress_of
 from fullwaveform.cli.trouble import told_in_a_sentence
-from fullwaveform.formats.opening import open_waveforms
+from fullwaveform.cli.wanted import open_checked
 from fullwaveform.histograms import Histogram
 from fullwaveform.inspection import FileContents, Level, inspect_waveforms
 
@@ -39,6 +40,9 @@ def info(
         list[str] | None, typer.Option(help="Channel of the packets, as for extract.")
     ] = None,
     as_json: Annotated[bool, typer.Option("--json", help="For machines: one JSON object.")] = False,
+    verbose: Annotated[
+        bool, typer.Option("-v", "--verbose", help="A line for each waveform left out.")
+    ] = False,
     quiet: Annotated[bool, typer.Option("-q", "--quiet", help="No progress.")] = False,
 ) -> None:
     """Show what a file of waveforms holds: counts, times, noise, saturation, sample values.
@@ -49,12 +53,14 @@ def info(
 
         fullwaveform info scan.las --channel 2=high --json
     """
+    refuse_quiet_and_verbose(quiet, verbose)
     channels, seconds = channel_flags_from(channel or []), seconds_from(interval)
     with told_in_a_sentence():
         with (
-            open_waveforms(source, channel_flags=channels, sampling_interval=seconds) as reader,
+            open_checked(source, channels, interval=seconds) as reader,
             progress_of(reader, quiet) as blocks,
         ):
+            tell_unreadable(reader, verbose)
             contents = inspect_waveforms(reader, blocks)
         if as_json:
             typer.echo(json.dumps(_plain(source, contents), indent=2))

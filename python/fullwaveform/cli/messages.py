@@ -1,4 +1,4 @@
-"""The library's messages during a run: counted by kind, each shown only when asked for."""
+"""What is told during a run: messages counted by kind, each shown only when asked for."""
 
 from __future__ import annotations
 
@@ -10,6 +10,7 @@ from contextlib import contextmanager
 import typer
 
 from fullwaveform.console import message_kind
+from fullwaveform.formats.opening import WaveformReader
 
 
 class _MessageCounter(logging.Handler):
@@ -24,7 +25,17 @@ class _MessageCounter(logging.Handler):
         text = record.getMessage()
         self.kinds[message_kind(text)] += 1
         if self._verbose:
-            typer.echo(text, err=True)
+            told_to_people(text)
+
+
+def told_to_people(sentence: str) -> None:
+    """Write a line of a verbose run."""
+    typer.echo(sentence, err=True)
+
+
+def tell_unreadable(reader: WaveformReader, verbose: bool) -> None:
+    """Have the reader tell each waveform that it leaves out, in a verbose run."""
+    reader.tell_unreadable = told_to_people if verbose else None
 
 
 @contextmanager

@@ -45,7 +45,36 @@ def noise_from(text: str) -> int:
     return int(text)
 
 
-def channel_flags_from(texts: list[str]) -> Mapping[int, int]:
+class ChannelFlags(dict[int, int]):
+    """Channel flags by the number of a descriptor or channel; those not named have the default."""
+
+    def __init__(self, named: Mapping[int, int], default: int) -> None:
+        super().__init__(named)
+        self._default = default
+
+    def __missing__(self, number: int) -> int:
+        return self._default
+
+    def check(self, numbers: Mapping[Path, frozenset[int] | None]) -> None:
+        """BadParameter for a named number that none of the files has.
+
+        `numbers` are the `channel_numbers` of their readers; files without any are not asked.
+        """
+        found = {path: there for path, there in numbers.items() if there is not None}
+        there = frozenset[int]().union(*found.values())
+        if found and (unknown := sorted(set(self) - there)):
+            raise typer.BadParameter(
+                f"{', '.join(map(str, found))} has no packet descriptor or channel "
+                f"{', '.join(map(str, unknown))}; it has {_listed(there)}",
+                param_hint="--channel",
+            )
+
+
+def _listed(numbers: frozenset[int]) -> str:
+    return ", ".join(map(str, sorted(numbers))) or "none"
+
+
+def channel_flags_from(texts: list[str]) -> ChannelFlags:
     """Channel flag of each packet descriptor.
 
     A text is a channel for all descriptors ("low", "high" or a flag from 0 to 255) or one for a
@@ -66,7 +95,7 @@ def channel_flags_from(texts: list[str]) -> Mapping[int, int]:
             single[wanted] = flag
         else:
             default = flag
-    return dict.fromkeys(range(256), default) | single
+    return ChannelFlags(single, default)
 
 
 def seconds_from(nanoseconds: float | None) -> float | None:
@@ -88,6 +117,12 @@ def refuse_same_file(source: Path, output: Path, hint: str) -> None:
         return
     if same:
         raise typer.BadParameter(f"{output} is the input itself", param_hint=hint)
+
+
+def refuse_quiet_and_verbose(quiet: bool, verbose: bool) -> None:
+    """BadParameter when a call wants both."""
+    if quiet and verbose:
+        raise typer.BadParameter("contradicts --verbose", param_hint="--quiet")
 
 
 def after_pulse_from(text: str | None) -> AfterPulse | None:

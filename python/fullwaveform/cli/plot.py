@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import math
-from dataclasses import replace
 from pathlib import Path
 from typing import Annotated
 
@@ -18,9 +17,8 @@ from fullwaveform.cli.options import (
     seconds_from,
 )
 from fullwaveform.cli.trouble import told_in_a_sentence
-from fullwaveform.formats.opening import WaveformReader, open_waveforms
+from fullwaveform.cli.wanted import open_checked, scanner_for
 from fullwaveform.plots import PLOT_ENDINGS
-from fullwaveform.scanner import AfterPulse, Scanner
 from fullwaveform.waveform_choice import By, find_shot
 from fullwaveform.waveform_picture import METHOD_NAMES, draw_waveforms
 from fullwaveform.waveform_views import WaveformView, waveform_views
@@ -85,20 +83,13 @@ def plot(
     level, channels = noise_from(noise), channel_flags_from(channel or [])
     window = after_pulse_from(after_pulse)
     with told_in_a_sentence():
-        stated = None if scanner is None else Scanner.from_toml(scanner, after_pulse=window)
-        with open_waveforms(source, channel_flags=channels, sampling_interval=seconds) as reader:
-            described = stated or _described(reader, window)
+        with open_checked(source, channels, interval=seconds) as reader:
+            described = scanner_for(scanner, window, [reader.scanner()])
             views = waveform_views(find_shot(reader, by, wanted), described, modes, level)
         draw_waveforms(output, views)
     for view in views:
         typer.echo(_summary(view))
     typer.echo(f"picture: {output}")
-
-
-def _described(reader: WaveformReader, window: AfterPulse | None) -> Scanner:
-    """The scanner that the file describes, or the documented default."""
-    scanner = reader.scanner() or Scanner.default()
-    return scanner if window is None else replace(scanner, after_pulse=window)
 
 
 def _wanted(waveform: int | None, shot: int | None, time: float | None) -> tuple[By, float]:

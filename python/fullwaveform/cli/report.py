@@ -18,11 +18,11 @@ from fullwaveform.cli.options import (
     seconds_from,
 )
 from fullwaveform.cli.trouble import told_in_a_sentence
-from fullwaveform.cli.wanted import scanner_for
+from fullwaveform.cli.wanted import open_checked, scanner_for
 from fullwaveform.driver import Mode, check_system_wave
 from fullwaveform.formats.atomic import open_when_whole
 from fullwaveform.formats.blocks import WaveformBlock
-from fullwaveform.formats.opening import WaveformReader, open_waveforms
+from fullwaveform.formats.opening import WaveformReader
 from fullwaveform.reports import block_reports
 from fullwaveform.scanner import Scanner
 
@@ -51,7 +51,7 @@ def report(
         str, typer.Option(help="Noise level in counts; auto estimates it for every waveform.")
     ] = "auto",
     scanner: Annotated[
-        Path | None, typer.Option(help="Scanner description (TOML, attribute names as keys).")
+        Path | None, typer.Option(help="Scanner description (TOML); else that of IN, if any.")
     ] = None,
     channel: Annotated[
         list[str] | None, typer.Option(help="Channel of the packets, as for extract.")
@@ -92,7 +92,7 @@ def report(
     chosen_after_pulse = after_pulse_from(after_pulse)
     wanted = _Wanted(set(waveform or ()), time, scanner_report)
     with told_in_a_sentence():
-        with open_waveforms(source, channel_flags=channels, sampling_interval=seconds) as reader:
+        with open_checked(source, channels, interval=seconds) as reader:
             described = scanner_for(scanner, chosen_after_pulse, [reader.scanner()])
             check_system_wave(chosen.mode, described)
             text, notes = _report(reader, wanted, described, chosen)

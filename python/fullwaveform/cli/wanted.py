@@ -2,10 +2,13 @@
 
 from __future__ import annotations
 
-from collections.abc import Mapping, Sequence
+from collections.abc import Sequence
 from dataclasses import dataclass, replace
 from pathlib import Path
 
+import typer
+
+from fullwaveform.cli.options import ChannelFlags
 from fullwaveform.driver import Mode, check_system_wave
 from fullwaveform.extraction import ExtractionSettings
 from fullwaveform.formats.opening import WaveformReader, open_waveforms
@@ -21,13 +24,13 @@ class Wanted:
     scanner: Path | None
     after_pulse: AfterPulse | None
     keep_empty: bool
-    channels: Mapping[int, int]
+    channels: ChannelFlags
     interval: float | None  # s, for files that do not say theirs
     skip_unreadable: bool
     block: int  # waveforms
 
     def opened(self, source: Path) -> WaveformReader:
-        """A reader of the file; raises as `open_waveforms`."""
+        """A reader of the file; raises as `open_waveforms`, the channels are not compared."""
         return open_waveforms(
             source,
             waveforms_per_block=self.block,
@@ -50,6 +53,33 @@ class Wanted:
         return ExtractionSettings(
             scanner=scanner, mode=self.mode, noise=self.noise, keep_empty=self.keep_empty
         )
+
+
+def open_checked(
+    source: Path,
+    channels: ChannelFlags,
+    *,
+    interval: float | None,
+    waveforms_per_block: int = 20_000,
+    skip_unreadable: bool = True,
+) -> WaveformReader:
+    """A reader of the file, which has the channels that are named.
+
+    Raises as `open_waveforms`, and typer.BadParameter for a channel that the file does not have.
+    """
+    reader = open_waveforms(
+        source,
+        waveforms_per_block=waveforms_per_block,
+        channel_flags=channels,
+        sampling_interval=interval,
+        skip_unreadable=skip_unreadable,
+    )
+    try:
+        channels.check({source: reader.channel_numbers})
+    except typer.BadParameter:
+        reader.close()
+        raise
+    return reader
 
 
 def scanner_for(

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from collections import Counter
+from collections.abc import Callable, Iterable
 from dataclasses import dataclass, field, fields
 
 import numpy as np
@@ -68,6 +69,11 @@ class ReadTally:
     rejected: Counter[str] = field(default_factory=Counter)  # reason as a phrase -> waveforms
     notes: list[str] = field(default_factory=list)  # one sentence each, for the summary
 
+    def reject(self, reason: str, count: int, places: Iterable[str]) -> None:
+        """Count waveforms that are left out; `places` would say where in the file each stands."""
+        if count > 0:
+            self.rejected[reason] += count
+
     def __add__(self, other: ReadTally) -> ReadTally:
         """Both together, as of two ranges of blocks; notes of both stand once."""
         return ReadTally(
@@ -93,6 +99,20 @@ class ReadTally:
             self.rejected - earlier.rejected,
             list(self.notes),
         )
+
+
+class TellingTally(ReadTally):
+    """A tally that tells of each waveform that is left out, when it is met."""
+
+    def __init__(self, each: Callable[[str], None], notes: list[str]) -> None:
+        super().__init__(notes=notes)
+        self._each = each
+
+    def reject(self, reason: str, count: int, places: Iterable[str]) -> None:
+        """Count waveforms that are left out, with a sentence for each of their places."""
+        super().reject(reason, count, places)
+        for place in places:
+            self._each(f"{place}: {reason}")
 
 
 @dataclass(frozen=True, slots=True)

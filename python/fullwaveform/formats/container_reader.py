@@ -68,10 +68,7 @@ class ScanContainerReader(RowReader):
         except BaseException:
             self._file.close()
             raise
-        if (self._flags != 1).any():
-            self._begin_anew(
-                ["The file says the channel of each waveform; the channels given were not used."]
-            )
+        self._begin_anew(self._note_on_unused_flags())
 
     def close(self) -> None:
         """Close the file; may be called twice."""

@@ -6,7 +6,7 @@ import copy
 import json
 import os
 from abc import ABC, abstractmethod
-from collections.abc import Iterator, Mapping
+from collections.abc import Callable, Iterator, Mapping
 from contextlib import AbstractContextManager
 from pathlib import Path
 from types import TracebackType
@@ -42,6 +42,9 @@ class FileReader(ABC):
 
     #: Whether waveforms that cannot be used are left out and counted, or end the pass.
     skip_unreadable: bool = True
+    #: Told a sentence about each waveform that cannot be used when `blocks` visits it, also before
+    #: a range: where in the file it stands, and why.
+    tell_unreadable: Callable[[str], None] | None = None
 
     def __init__(
         self,
@@ -93,6 +96,14 @@ class FileReader(ABC):
         """Points or pulses visited so far in the current pass, those before its range too."""
         return self._pass.met.points
 
+    @property
+    def channel_numbers(self) -> frozenset[int] | None:
+        """Numbers of descriptors or channels in the file, by which `channel_flags` are given.
+
+        None if the file itself says the flag of each waveform.
+        """
+        return None
+
     def scanner_attributes(self) -> dict[str, Any] | None:
         """The scanner's attributes by the names of the host's grids; None if the file has none."""
         return None
@@ -119,7 +130,7 @@ class FileReader(ABC):
             If the file is closed, or the range is none.
         """
         self._check_that_it_is_open()
-        current = self._pass = Pass(first, stop, self._notes)
+        current = self._pass = Pass(first, stop, self._notes, self.tell_unreadable)
         for block in current.gathered(self._ungathered(current.met)):
             self._check_that_all_were_readable(current.tally)
             raise_if_requested()
@@ -144,6 +155,12 @@ class FileReader(ABC):
         """Keep what opening the file had to say for the tally of every pass."""
         self._notes = tuple(notes)
         self._pass = Pass(notes=self._notes)
+
+    def _note_on_unused_flags(self) -> list[str]:
+        """For a file that itself says the flag of each waveform."""
+        if (self._flags == 1).all():
+            return []
+        return ["The file says the channel of each waveform; the channels given were not used."]
 
     def _check_that_it_is_open(self) -> None:
         if self._closed:

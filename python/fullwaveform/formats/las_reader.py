@@ -114,6 +114,11 @@ class LasWaveformReader(FileReader):
         """Points of the file."""
         return int(self.header.point_count)
 
+    @property
+    def channel_numbers(self) -> frozenset[int]:
+        """Indices of its waveform descriptors."""
+        return frozenset(self._descriptors)
+
     def _ungathered(self, met: ReadTally) -> Iterator[UngatheredBlock]:
         run = self._prepare(met)
         limit = run.waveforms_per_block
@@ -207,8 +212,13 @@ class LasWaveformReader(FileReader):
 
 
 def _keep(good: Chosen, points: Points, reason: str, met: ReadTally) -> Points:
-    rejected = len(points) - int(np.count_nonzero(good))
-    if rejected > 0:
-        met.rejected[reason] += rejected
+    rejected: Points = points[~good]
+    met.reject(reason, len(rejected), (_place(point) for point in rejected))
     kept: Points = points[good]
     return kept
+
+
+def _place(point: np.void) -> str:
+    """Where a packet stands; the number of a point would say less, as points share packets."""
+    offset, index = int(point["wavepacket_offset"]), int(point["wavepacket_index"])
+    return f"descriptor {index}, byte {offset}, GPS time {float(point['gps_time'])!r} s"

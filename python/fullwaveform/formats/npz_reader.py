@@ -81,12 +81,20 @@ class NpzReader(RowReader):
         self._size = (0, 0)
         self._size = self._samples().shape[0], self._samples().shape[1]
         self._columns = self._made_columns(sampling_interval, notes)
+        self._channels = self._channel_numbers()
+        if self._channels is None:
+            notes += self._note_on_unused_flags()
         self._begin_anew(notes)
 
     @property
     def header(self) -> None:
         """None: an archive says nothing of reference systems."""
         return None
+
+    @property
+    def channel_numbers(self) -> frozenset[int] | None:
+        """What stands in ``channel``, 0 without it; None beside ``channel_flags``."""
+        return self._channels
 
     @property
     def _shape(self) -> tuple[int, int]:
@@ -158,6 +166,11 @@ class NpzReader(RowReader):
         channels = self._within("channel", self._column("channel", np.int64, 0), 255)
         flags_by_channel: npt.NDArray[np.uint8] = self._flags[channels]
         return flags_by_channel
+
+    def _channel_numbers(self) -> frozenset[int] | None:
+        if "channel_flags" in self._arrays:
+            return None
+        return frozenset(np.unique(self._column("channel", np.int64, 0)).tolist())
 
     def _intervals(self, given: float | None) -> npt.NDArray[np.float64]:
         name = self._name("sampling_interval")

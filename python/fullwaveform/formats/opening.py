@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Iterator, Mapping
+from collections.abc import Callable, Iterator, Mapping
 from importlib import import_module
 from pathlib import Path
 from types import TracebackType
@@ -29,6 +29,7 @@ class WaveformReader(Protocol):
     """What the readers of all formats have in common; to be used in a ``with`` statement."""
 
     skip_unreadable: bool
+    tell_unreadable: Callable[[str], None] | None
 
     @property
     def path(self) -> Path:
@@ -53,6 +54,11 @@ class WaveformReader(Protocol):
     @property
     def points_done(self) -> int:
         """Points or pulses visited so far in the current pass."""
+        ...
+
+    @property
+    def channel_numbers(self) -> frozenset[int] | None:
+        """Numbers of the file by which `channel_flags` are given; None if it says the flags."""
         ...
 
     def scanner_attributes(self) -> dict[str, Any] | None:

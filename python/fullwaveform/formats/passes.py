@@ -8,7 +8,7 @@ from dataclasses import dataclass
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.formats.blocks import ReadTally, WaveformBlock
+from fullwaveform.formats.blocks import ReadTally, TellingTally, WaveformBlock
 
 
 @dataclass(frozen=True, slots=True)
@@ -27,12 +27,17 @@ class Pass:
     without blocks, to the range that begins with 0. So the tallies of ranges that cover a file add
     up to that of a pass over all of it.
 
-    `stop` of None stands for the end of the file. Raises ValueError for a range that makes no
+    `stop` of None stands for the end of the file; `each` is told of every waveform that cannot be
+    used, when it is visited. Raises ValueError for a range that makes no
     sense.
     """
 
     def __init__(
-        self, first: int = 0, stop: int | None = None, notes: tuple[str, ...] = ()
+        self,
+        first: int = 0,
+        stop: int | None = None,
+        notes: tuple[str, ...] = (),
+        each: Callable[[str], None] | None = None,
     ) -> None:
         if first < 0 or (stop is not None and stop < first):
             raise ValueError(
@@ -40,7 +45,8 @@ class Pass:
                 "least first"
             )
         self._first, self._stop = first, stop
-        self.met = ReadTally(notes=list(notes))  # from the beginning of the file on
+        # From the beginning of the file on.
+        self.met = ReadTally(notes=list(notes)) if each is None else TellingTally(each, list(notes))
         self._before = ReadTally()  # what belongs to the blocks before the range
         self._until: ReadTally | None = None  # where the range ended before the file did
 

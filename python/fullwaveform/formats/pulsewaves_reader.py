@@ -114,6 +114,12 @@ class PulseWavesReader(FileReader):
         return len(self._pulses)
 
     @property
+    def channel_numbers(self) -> frozenset[int]:
+        """Channels that its pulse descriptors give returning samplings."""
+        samplings = (one for whole in self._descriptors.values() for one in whole.samplings)
+        return frozenset(one.channel for one in samplings if one.kind == RETURNING)
+
+    @property
     def outgoing_tally(self) -> ReadTally:
         """What the last pass over the outgoing pulses met; complete when it is exhausted."""
         return self._outgoing_tally

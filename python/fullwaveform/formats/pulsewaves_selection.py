@@ -16,6 +16,7 @@ from fullwaveform.formats.pulsewaves_pulses import PulseData, PulseSurvey
 from fullwaveform.formats.pulsewaves_waves import (
     SEGMENT,
     Chosen,
+    IntArray,
     Segments,
     WaveData,
     locate_segments,
@@ -65,22 +66,21 @@ class Selection:
                 self.waves, descriptor, int(code), start + rows, pulses["offset"][rows]
             )
             parts.append(part[self.wanted[part["sampling"]]])
-            _count(tally, OUTSIDE, ~inside)
+            _reject(tally, OUTSIDE, start + rows[~inside])
             with_waveform = len(np.unique(parts[-1]["pulse"]))
             tally.points_without_packet += int(np.count_nonzero(inside)) - with_waveform
         segments = np.concatenate(parts)
         segments = segments[np.argsort(segments["pulse"], kind="stable")]
         aimed = (pulses["target"] != pulses["anchor"]).any(axis=1)[segments["pulse"] - start]
         short = segments["count"] <= MAX_SAMPLES
-        _count(tally, NO_DIRECTION, ~aimed)
-        _count(tally, TOO_LONG, aimed & ~short)
+        _reject(tally, NO_DIRECTION, segments["pulse"][~aimed])
+        _reject(tally, TOO_LONG, segments["pulse"][aimed & ~short])
         chosen: Segments = segments[aimed & short]
         return chosen
 
 
-def _count(tally: ReadTally, reason: str, rejected: Chosen) -> None:
-    if rejected.any():
-        tally.rejected[reason] += int(np.count_nonzero(rejected))
+def _reject(tally: ReadTally, reason: str, pulses: IntArray) -> None:
+    tally.reject(reason, len(pulses), (f"pulse {pulse}" for pulse in pulses))
 
 
 def _last_cut(pending: Segments, limit: int) -> int:

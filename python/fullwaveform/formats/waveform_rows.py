@@ -96,8 +96,8 @@ class RowReader(FileReader):
         timed = np.isfinite(self._read(columns.shot_times, chunk))
         sampled = self._read(columns.counts, chunk) > 0
         for reason, rejected in ((NO_TIME, ~timed), (NO_SAMPLES, timed & ~sampled)):
-            if rejected.any():
-                met.rejected[reason] += int(np.count_nonzero(rejected))
+            rows = chunk.start + np.flatnonzero(rejected)
+            met.reject(reason, len(rows), (f"row {row}" for row in rows))
         chosen: npt.NDArray[np.bool_] = timed & sampled
         return chosen
 

@@ -73,7 +73,9 @@ def test_every_plain_key(tmp_path: Path) -> None:
     )
     with NpzReader(path, channel_flags=7) as reader:
         (block,) = reader.blocks()
-        assert reader.tally.notes == []
+        assert reader.channel_numbers is None
+        (note,) = reader.tally.notes
+    assert note == "The file says the channel of each waveform; the channels given were not used."
     assert rows([block]) == [[1, 2, 3], [4, 5], [7]]
     assert block.samples.tolist() == [[1, 2, 3], [4, 5, 0], [7, 0, 0]]
     assert block.shot_times.tolist() == [5.0, 5.0, 6.0]
