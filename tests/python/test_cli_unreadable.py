@@ -1,4 +1,4 @@
-"""What the command line says of each waveform that cannot be read, and of channels not there."""
+"""Waveforms that cannot be read, channels that are not there, echoes without a place."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ import pytest
 
 from fullwaveform.formats.opening import open_waveforms
 
-from .command_line import assert_usage, run
+from .command_line import assert_trouble, assert_usage, names, run
 from .formats import las_scenes, pulsewaves_scenes
 from .formats.row_scenes import as_container
 
@@ -147,3 +147,16 @@ def test_files_that_say_the_channels_themselves_tell_that_none_is_used(tmp_path:
         note = "The file says the channel of each waveform; the channels given were not used."
         assert note in json.loads(told.stdout)["notes"]
         assert note not in json.loads(run("info", source, "--json").stdout)["notes"]
+
+
+@pytest.mark.parametrize("ending", ["las", "laz"])
+def test_points_without_any_place_are_refused(ending: str, tmp_path: Path) -> None:
+    samples = np.full((2, 60), 5, np.uint16)
+    samples[:, 30:33] = 40, 80, 40
+    source, output = tmp_path / "a.npz", tmp_path / f"e.{ending}"
+    np.savez(source, samples=samples, shot_times=[1.0, 2.0], sampling_interval=1e-9)
+    call = ["extract", source, "--noise", "10", "-o"]
+    sentence = f"{output} would be empty: none of the 2 echoes has a place in space"
+    assert_trouble(run(*call, output), sentence, "a table (.csv, .parquet, .h5)")
+    assert names(tmp_path) == ["a.npz"]
+    assert run(*call, tmp_path / "e.csv").exit_code == 0

@@ -25,8 +25,9 @@ from fullwaveform.cli.progress import progress_of
 from fullwaveform.cli.summary import RunSummary
 from fullwaveform.cli.trouble import told_in_a_sentence
 from fullwaveform.cli.wanted import Wanted
-from fullwaveform.extraction import ExtractionSettings, run_metadata
+from fullwaveform.extraction import ExtractionSettings, ExtractionTally, run_metadata
 from fullwaveform.formats.echo_files import ECHO_ENDINGS, check_takes_empty, open_echo_file
+from fullwaveform.formats.file_ends import EchoWriter
 from fullwaveform.formats.opening import WaveformReader
 from fullwaveform.pipeline import available_workers, extracted_blocks, write_echoes
 
@@ -216,6 +217,14 @@ class _Call:
         return self.output.absolute().parent / f"{self.source.stem}_Warning.txt"
 
 
+def _check_that_some_have_a_place(tally: ExtractionTally, writer: EchoWriter) -> None:
+    if tally.echoes > 0 and writer.count == 0:
+        raise ValueError(
+            f"{writer.path} would be empty: none of the {tally.echoes:,} echoes has a place in "
+            "space that it can hold; a table (.csv, .parquet, .h5) holds echoes without a place"
+        )
+
+
 def _run(reader: WaveformReader, settings: ExtractionSettings, call: _Call) -> RunSummary:
     began = time.perf_counter()
     writer = open_echo_file(call.output, reader.header, run_metadata(settings))
@@ -231,6 +240,7 @@ def _run(reader: WaveformReader, settings: ExtractionSettings, call: _Call) -> R
             statistics=call.statistics,
             each=told_to_people if call.verbose else None,
         )
+        _check_that_some_have_a_place(tally, writer)
     return RunSummary(
         name=reader.path.name,
         destination=call.output,

@@ -11,6 +11,7 @@ import typer
 from rich.console import Console
 from rich.progress import BarColumn, MofNCompleteColumn, Progress, TextColumn, TimeRemainingColumn
 
+from fullwaveform.cli.progress import shortened
 from fullwaveform.cli.summary import RunSummary
 from fullwaveform.cli.wanted import Wanted
 from fullwaveform.cluster.connection import LOCAL, check_address, connected
@@ -175,7 +176,7 @@ def _watched(call: ClusterCall) -> Iterator[JobWatch]:
         console=console,
         disable=call.quiet or not console.is_terminal,
     ) as progress:
-        task = progress.add_task(_name(call.sources), total=None)
+        task = progress.add_task(shortened(_name(call.sources)), total=None)
 
         def waiting() -> None:
             if not call.quiet:

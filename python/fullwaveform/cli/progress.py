@@ -15,10 +15,13 @@ from rich.progress import (
     TextColumn,
     TimeRemainingColumn,
 )
+from rich.table import Column
 from rich.text import Text
 
 from fullwaveform.formats.blocks import WaveformBlock
 from fullwaveform.formats.opening import WaveformReader
+
+_LONGEST_NAME = 20  # characters
 
 
 class _RateColumn(ProgressColumn):
@@ -32,22 +35,33 @@ class _RateColumn(ProgressColumn):
 @contextmanager
 def progress_of(reader: WaveformReader, quiet: bool) -> Iterator[Iterator[WaveformBlock]]:
     """Yield the reader's blocks; a bar with rate and time left follows them on a terminal."""
-    console = Console(stderr=True)
-    with Progress(
+    with progress_bar(Console(stderr=True), quiet) as progress:
+        yield _followed(reader, progress)
+
+
+def progress_bar(console: Console, quiet: bool) -> Progress:
+    """The bar, with points done, points per second and time left; for terminals from 80 columns."""
+    whole = Column(no_wrap=True)  # the bar itself is what becomes shorter
+    return Progress(
         TextColumn("{task.description}"),
         BarColumn(),
         TaskProgressColumn(),
         TextColumn("{task.completed:,.0f} points"),
-        _RateColumn(),
-        TimeRemainingColumn(),
+        _RateColumn(table_column=whole),
+        TimeRemainingColumn(table_column=whole),
         console=console,
         disable=quiet or not console.is_terminal,
-    ) as progress:
-        yield _followed(reader, progress)
+    )
+
+
+def shortened(name: str) -> str:
+    """A name that leaves room for the numbers: its beginning and its end."""
+    half = _LONGEST_NAME // 2
+    return name if len(name) <= _LONGEST_NAME else f"{name[: half - 1]}…{name[-half:]}"
 
 
 def _followed(reader: WaveformReader, progress: Progress) -> Iterator[WaveformBlock]:
-    task = progress.add_task(reader.path.name, total=reader.point_count)
+    task = progress.add_task(shortened(reader.path.name), total=reader.point_count)
     for block in reader.blocks():
         yield block
         progress.update(task, completed=reader.points_done)

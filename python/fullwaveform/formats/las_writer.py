@@ -126,7 +126,7 @@ def las_notes(written: int, not_representable: int, saturated: int) -> tuple[str
     if not_representable:
         notes.append(
             f"{not_representable:,} of {written + not_representable:,} echoes left out: their "
-            "coordinates do not fit the file's scale and offset"
+            "coordinates are not finite, or do not fit the file's scale and offset"
         )
     if saturated:
         notes.append(
