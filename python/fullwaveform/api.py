@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import os
 from collections.abc import Iterable, Mapping
-from dataclasses import fields, is_dataclass
+from dataclasses import fields, is_dataclass, replace
 from pathlib import Path
 from typing import TYPE_CHECKING, Any, TypeVar, cast
 
@@ -14,7 +14,12 @@ import pyarrow as pa
 
 from fullwaveform.columns import Columns
 from fullwaveform.driver import Mode, check_system_wave, checked_mode, checked_noise
-from fullwaveform.extraction import ExtractedBlock, ExtractionSettings, ExtractionTally
+from fullwaveform.extraction import (
+    ExtractedBlock,
+    ExtractionSettings,
+    ExtractionTally,
+    run_metadata,
+)
 from fullwaveform.formats.blocks import EchoTable, ReadTally, WaveformBlock
 from fullwaveform.formats.echo_columns import ECHO_COLUMNS, echo_table_to_arrow
 from fullwaveform.formats.echo_files import open_echo_file
@@ -51,9 +56,11 @@ class Extraction:
         blocks: list[ExtractedBlock],
         header: laspy.LasHeader | None,
         read: ReadTally,
+        settings: ExtractionSettings,
     ) -> None:
         if not blocks:
             raise ValueError("the source holds no waveforms")
+        self._settings = settings
         self._echoes = _joined([block.echoes for block in blocks])
         self._waveforms = _joined([block.waveforms for block in blocks])
         self._header = header
@@ -110,7 +117,7 @@ class Extraction:
         OSError
             The file cannot be written.
         """
-        with open_echo_file(path, self._header) as writer:
+        with open_echo_file(path, self._header, run_metadata(self._settings)) as writer:
             writer.write(self._echoes)
         return writer.count
 
@@ -122,6 +129,7 @@ def extract(
     scanner: Scanner | str | os.PathLike[str] | None = None,
     noise: int = -1,
     channel_flags: Mapping[int, int] | int = 1,
+    sampling_interval: float | None = None,
     workers: int | None = None,
     keep_empty: bool = False,
     skip_unreadable: bool = False,
@@ -139,13 +147,15 @@ def extract(
     mode
         0 three-point Gauss fit, 1 decomposition, 2 deconvolution, 3 hybrid.
     scanner
-        The scanner's description, or the path of its TOML file; the documented default when left
-        out.
+        The scanner's description, or the path of its TOML file; when left out, what the file
+        carries, else the documented default.
     noise
         Noise level in counts, 0 to 65535; negative: estimated for every waveform.
     channel_flags
         Channel of the waveforms of a file (1 low power, 0 the other), one for all or by packet
         descriptor or channel number.
+    sampling_interval
+        s per sample, for the path of a NumPy archive, which may not say it.
     workers
         Threads; all processors when left out. The result does not depend on it.
     keep_empty
@@ -163,25 +173,31 @@ def extract(
     ValueError
         For arguments that make no sense, and for a source without waveforms.
     """
-    settings = ExtractionSettings(
+    wanted = ExtractionSettings(
         scanner=_scanner(scanner),
         mode=checked_mode(mode),
         noise=checked_noise(noise),
         keep_empty=keep_empty,
     )
-    check_system_wave(settings.mode, settings.scanner)
     threads = available_workers() if workers is None else workers
     if isinstance(source, str | os.PathLike):
         with open_waveforms(
-            source, channel_flags=channel_flags, skip_unreadable=skip_unreadable
+            source,
+            channel_flags=channel_flags,
+            sampling_interval=sampling_interval,
+            skip_unreadable=skip_unreadable,
         ) as reader:
-            return _of_reader(reader, settings, threads)
+            return _of_reader(reader, _described(wanted, scanner, reader), threads)
+    if sampling_interval is not None:
+        raise ValueError("sampling_interval is for the path of a file; blocks say their own")
     if hasattr(source, "blocks"):
-        return _of_reader(cast(WaveformReader, source), settings, threads)
+        reader = cast(WaveformReader, source)
+        return _of_reader(reader, _described(wanted, scanner, reader), threads)
     if isinstance(source, np.ndarray):
         raise ValueError("an array has no times and places: give it to Driver, or make blocks")
     blocks = [source] if isinstance(source, WaveformBlock) else cast(Iterable[Any], source)
-    return Extraction(list(extracted_blocks(blocks, settings, threads)), None, ReadTally())
+    check_system_wave(wanted.mode, wanted.scanner)
+    return Extraction(list(extracted_blocks(blocks, wanted, threads)), None, ReadTally(), wanted)
 
 
 def _scanner(scanner: Scanner | str | os.PathLike[str] | None) -> Scanner:
@@ -190,9 +206,19 @@ def _scanner(scanner: Scanner | str | os.PathLike[str] | None) -> Scanner:
     return scanner if isinstance(scanner, Scanner) else Scanner.from_toml(Path(scanner))
 
 
+def _described(
+    wanted: ExtractionSettings, scanner: object, reader: WaveformReader
+) -> ExtractionSettings:
+    """The settings, with the scanner that the file carries where none was named."""
+    carried = reader.scanner() if scanner is None else None
+    settings = wanted if carried is None else replace(wanted, scanner=carried)
+    check_system_wave(settings.mode, settings.scanner)
+    return settings
+
+
 def _of_reader(reader: WaveformReader, settings: ExtractionSettings, workers: int) -> Extraction:
     blocks = list(extracted_blocks(reader.blocks(), settings, workers))
-    return Extraction(blocks, reader.header, reader.tally)
+    return Extraction(blocks, reader.header, reader.tally, settings)
 
 
 def _joined(tables: list[_Table]) -> _Table:

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from collections.abc import Callable
+from dataclasses import replace
 from pathlib import Path
 from typing import Any
 
@@ -16,6 +17,7 @@ from fullwaveform import Extraction, Mode, Scanner, WaveformState
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 from .command_line import run
+from .formats.row_scenes import as_container
 from .test_extraction import Packet, block_of
 from .test_extraction import record as samples_of
 
@@ -124,6 +126,38 @@ def test_scanner_by_its_file(tmp_path: Path, scan: Path) -> None:
     np.testing.assert_allclose(
         described["amplitude_db"] - plain["amplitude_db"], 20.0, rtol=0, atol=1e-4
     )
+
+
+def test_scanner_that_the_file_carries(tmp_path: Path, scan: Path) -> None:
+    described = replace(
+        Scanner.default(), attributes={**Scanner.default().attributes, "ampl_unit": 10.0}
+    )
+    container = as_container(scan, tmp_path / "scan.h5", described)
+    carried = fullwaveform.extract(container, noise=20)
+    named = fullwaveform.extract(scan, scanner=described, noise=20)
+    default = fullwaveform.extract(container, scanner=Scanner.default(), noise=20)
+    assert carried.to_arrow().equals(named.to_arrow())
+    with fullwaveform.open(container) as reader:
+        assert fullwaveform.extract(reader, noise=20).to_arrow().equals(named.to_arrow())
+    # Counts are multiplied by ten: 20 dB more.
+    np.testing.assert_allclose(
+        carried.peaks["amplitude_db"] - default.peaks["amplitude_db"], 20.0, rtol=0, atol=1e-4
+    )
+    call = ["extract", container, "-o", tmp_path / "cli.parquet", "--noise", "20", "-q"]
+    assert run(*call).exit_code == 0
+    carried.write(tmp_path / "api.parquet")
+    assert (tmp_path / "api.parquet").read_bytes() == (tmp_path / "cli.parquet").read_bytes()
+
+
+def test_interval_of_an_archive(tmp_path: Path) -> None:
+    samples = np.full((1, 60), 5, np.uint16)
+    samples[0, 30:33] = 40, 80, 40
+    np.savez(tmp_path / "a.npz", samples=samples)
+    result = fullwaveform.extract(tmp_path / "a.npz", noise=10, sampling_interval=2e-9)
+    assert result.waveforms["sampling_interval"].tolist() == [2e-9]
+    assert result.peaks["time"].tolist() == pytest.approx([62e-9])
+    with pytest.raises(ValueError, match="sampling_interval is for the path of a file"):
+        of_blocks(sampling_interval=2e-9)
 
 
 WRONG: dict[str, tuple[Callable[[Path], object], str]] = {

@@ -178,7 +178,7 @@ class NpzReader(RowReader):
             raise WaveformFileError(
                 f"{self._path} does not say its sampling interval: it holds no array "
                 "sampling_interval, in seconds; give the interval: the argument "
-                "sampling_interval in s, or --interval in ns of the verb convert"
+                "sampling_interval in s, or --interval in ns on the command line"
             )
         if given is None and self._arrays[name].ndim > 0:
             return self._column("sampling_interval", np.float64, 0.0)
