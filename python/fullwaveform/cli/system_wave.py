@@ -10,7 +10,7 @@ import typer
 from rich.console import Console
 from rich.table import Table
 
-from fullwaveform.cli.options import noise_from, refuse_same_file
+from fullwaveform.cli.options import noise_from, refuse_same_file, seconds_from
 from fullwaveform.cli.trouble import told_in_a_sentence
 from fullwaveform.scanner import Scanner
 from fullwaveform.system_wave.averaging import AveragePulse
@@ -25,14 +25,13 @@ from fullwaveform.system_wave.offset import (
 from fullwaveform.system_wave.picture import PICTURE_FORMATS, draw_system_wave
 from fullwaveform.system_wave.sources import Input, Source
 
-_NANOSECONDS = 1e9
-
 
 def system_wave(
     source_file: Annotated[
         Path,
         typer.Argument(
-            metavar="IN", help="PulseWaves .pls, LAS, .npz, or two columns of text (ns, amplitude)."
+            metavar="IN",
+            help="PulseWaves .pls, LAS, LAZ, HDF5 scan, .npz, or two columns of text (ns, amplitude).",
         ),
     ],
     output: Annotated[
@@ -75,8 +74,7 @@ def system_wave(
         fullwaveform system-wave pulse.csv --interval 1 -o scanner.toml --order 4 --plot wave.png
     """
     chosen_order, level = _order_from(order), noise_from(noise)
-    seconds = None if interval is None else interval / _NANOSECONDS
-    wanted = Input(source_file, source, array, seconds, level)
+    wanted = Input(source_file, source, array, seconds_from(interval), level)
     _check_files(source_file, output, plot)
     _check_options(wanted)
     with told_in_a_sentence():
@@ -118,11 +116,7 @@ def _check_options(wanted: Input) -> None:
         raise typer.BadParameter("arrays of pulses are those of an .npz", param_hint="--array")
     if wanted.source is not None and wanted.is_text:
         raise typer.BadParameter("a text holds one pulse, as it is", param_hint="--source")
-    if wanted.interval is None:
-        return
-    if not 0.0 < wanted.interval < float("inf"):
-        raise typer.BadParameter("the interval must be above 0 ns", param_hint="--interval")
-    if not (wanted.is_arrays or wanted.is_text):
+    if wanted.interval is not None and not (wanted.is_arrays or wanted.is_text):
         raise typer.BadParameter("the file has its own", param_hint="--interval")
 
 

@@ -14,6 +14,7 @@ import numpy as np
 import numpy.typing as npt
 
 from fullwaveform.errors import WaveformFileError
+from fullwaveform.formats.npz_reader import ZIP_SIGNATURE
 from fullwaveform.formats.opening import open_waveforms
 from fullwaveform.formats.pulsewaves_reader import PulseWavesReader
 from fullwaveform.scanner import Scanner
@@ -23,8 +24,7 @@ from fullwaveform.system_wave.pulses import LEFT_OUT, FloatArray, Pulses, pulses
 
 _TEXT_ENDINGS = {".txt", ".csv", ".dat", ".xy", ".tsv"}
 _NANOSECONDS = 1e9
-_LARGEST_COUNT = 65535
-_OUTGOING_ARRAY = "out_samples"
+_OUTGOING_ARRAY, _ECHO_ARRAY = "out_samples", "samples"
 # Outgoing pulses read at most; they are taken evenly from the whole file.
 _MOST_OUTGOING = 20_000
 NOT_RECORDED = "pulse without outgoing samples"
@@ -55,13 +55,17 @@ class Input:
 
     @property
     def is_arrays(self) -> bool:
-        """Whether the file is an .npz."""
-        return self.path.suffix.lower() == ".npz"
+        """Whether the file is an .npz, whatever its name."""
+        try:
+            with self.path.open("rb") as stream:
+                return stream.read(len(ZIP_SIGNATURE)) == ZIP_SIGNATURE
+        except OSError:  # what reads the file says so
+            return self.path.suffix.lower() == ".npz"
 
     @property
     def is_text(self) -> bool:
         """Whether the file is two columns of text."""
-        return self.path.suffix.lower() in _TEXT_ENDINGS
+        return self.path.suffix.lower() in _TEXT_ENDINGS and not self.is_arrays
 
     def averaged_pulse(self, scanner: Scanner) -> AveragePulse:
         """The average of the wanted pulses. Raises OSError, and ValueError when there are none."""
@@ -80,10 +84,10 @@ class Input:
         """The waveforms with echoes, in parts of one interval; none from a text."""
         if self.is_text:
             return
-        if self.is_arrays:
-            yield from self._records_of_arrays()
+        may_lack_them = self.is_arrays and self.source is not Source.ECHOES
+        if may_lack_them and _ECHO_ARRAY not in _arrays(self.path):
             return
-        with open_waveforms(self.path) as reader:
+        with open_waveforms(self.path, sampling_interval=self.interval) as reader:
             for block in reader.blocks():
                 for interval in np.unique(block.sampling_intervals):
                     of_interval = block.sampling_intervals == interval
@@ -138,12 +142,12 @@ class Input:
 
     def _means_echoes(self, arrays: dict[str, npt.NDArray[Any]]) -> bool:
         if self.source is None and self.array is None:
-            return _OUTGOING_ARRAY not in arrays and "samples" in arrays
+            return _OUTGOING_ARRAY not in arrays and _ECHO_ARRAY in arrays
         return self.source is Source.ECHOES
 
     def _pulses_of_arrays(self, arrays: dict[str, npt.NDArray[Any]]) -> Pulses:
         name = self.array or _OUTGOING_ARRAY
-        if name not in arrays and self.array is None and "samples" in arrays:
+        if name not in arrays and self.array is None and _ECHO_ARRAY in arrays:
             raise ValueError(f"{self.path} holds no array {name}; take the echoes, --source echoes")
         samples = _array(arrays, name, self.path)
         counts = arrays.get(_name_of_counts(name)) if samples.ndim == 2 else None
@@ -151,31 +155,13 @@ class Input:
             samples, counts, self._interval_of(arrays), f"{name} of {self.path.name}"
         )
 
-    def _records_of_arrays(self) -> Iterator[Records]:
-        arrays = _arrays(self.path)
-        if "samples" not in arrays and self.source is not Source.ECHOES:
-            return
-        samples = _array(arrays, "samples", self.path)
-        whole = np.issubdtype(samples.dtype, np.integer)
-        if samples.ndim != 2 or not whole or samples.min() < 0 or samples.max() > _LARGEST_COUNT:
-            raise ValueError(f"{self.path}: samples must be (n, width) counts from 0 to 65535")
-        width = samples.shape[1]
-        counts = np.asarray(arrays.get("count", np.full(len(samples), width)))
-        if counts.shape != samples.shape[:1] or np.any((counts < 0) | (counts > width)):
-            raise ValueError(f"{self.path}: count must say 0 to {width} for each row of samples")
-        yield Records(
-            np.ascontiguousarray(samples, dtype=np.uint16),
-            counts.astype(np.uint16),
-            self._interval_of(arrays),
-        )
-
     def _interval_of(self, arrays: dict[str, npt.NDArray[Any]]) -> float:
         if self.interval is not None:
             return self.interval
-        stored = arrays.get("sampling_interval_s")
+        stored = arrays.get("sampling_interval", arrays.get("sampling_interval_s"))
         if stored is None or stored.size != 1:
             raise ValueError(
-                f"{self.path} holds no sampling_interval_s, a single number of seconds; "
+                f"{self.path} holds no sampling_interval, a single number of seconds; "
                 "give the interval in ns, --interval"
             )
         return float(stored.reshape(())[()])

@@ -136,7 +136,7 @@ def test_extraction_with_the_description(tmp_path: Path) -> None:
         (["-o", "o.toml", "--plot", "p.jpg"], "must end in .png or .pdf"),
         (["-o", "o.toml", "--order", "0"], "neither auto nor a number of exponentials, 1 to 12"),
         (["-o", "o.toml", "--order", "x"], "neither auto nor a number of exponentials, 1 to 12"),
-        (["-o", "o.toml", "--interval", "0"], "the interval must be above 0 ns"),
+        (["-o", "o.toml", "--interval", "0"], "0.0 is no number of nanoseconds above 0"),
         (["-o", "o.toml", "--source", "both"], "outgoing"),
         (["-o", "o.toml", "--source", "echoes", "--array", "a"], "those of an .npz"),
     ],
