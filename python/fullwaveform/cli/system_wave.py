@@ -31,7 +31,7 @@ def system_wave(
         Path,
         typer.Argument(
             metavar="IN",
-            help="PulseWaves .pls, LAS, LAZ, HDF5 scan, .npz, or two columns of text (ns, amplitude).",
+            help="PulseWaves, LAS, LAZ, HDF5 scan, .npz, or two columns of text (ns, amplitude).",
         ),
     ],
     output: Annotated[
