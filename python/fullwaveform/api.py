@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Iterable, Mapping
+from collections.abc import Iterable, Iterator, Mapping
 from dataclasses import fields, is_dataclass, replace
 from pathlib import Path
 from typing import TYPE_CHECKING, Any, TypeVar, cast
@@ -195,15 +195,34 @@ def extract(
         return _of_reader(reader, _described(wanted, scanner, reader), threads)
     if isinstance(source, np.ndarray):
         raise ValueError("an array has no times and places: give it to Driver, or make blocks")
-    blocks = [source] if isinstance(source, WaveformBlock) else cast(Iterable[Any], source)
     check_system_wave(wanted.mode, wanted.scanner)
-    return Extraction(list(extracted_blocks(blocks, wanted, threads)), None, ReadTally(), wanted)
+    extracted = list(extracted_blocks(_blocks_of(source), wanted, threads))
+    return Extraction(extracted, None, ReadTally(), wanted)
+
+
+def _blocks_of(source: object) -> Iterator[WaveformBlock]:
+    blocks = [source] if isinstance(source, WaveformBlock) else source
+    if not isinstance(blocks, Iterable):
+        raise ValueError(f"{source!r} is neither the path of a file nor a reader nor blocks")
+    for block in blocks:
+        if not isinstance(block, WaveformBlock):
+            raise ValueError(
+                f"{block!r} is no WaveformBlock; several files are extracted one by one"
+            )
+        yield block
 
 
 def _scanner(scanner: Scanner | str | os.PathLike[str] | None) -> Scanner:
     if scanner is None:
         return Scanner.default()
-    return scanner if isinstance(scanner, Scanner) else Scanner.from_toml(Path(scanner))
+    if isinstance(scanner, Scanner):
+        return scanner
+    if not isinstance(scanner, str | os.PathLike):
+        raise ValueError(
+            f"scanner {scanner!r} is neither a Scanner nor the path of a description; attributes "
+            "are for Scanner.from_attributes"
+        )
+    return Scanner.from_toml(Path(scanner))
 
 
 def _described(

@@ -36,8 +36,8 @@ def extracted_blocks(
     ValueError
         For fewer than one worker, and as `Extractor.extract` does.
     """
-    if workers < 1:
-        raise ValueError(f"workers is {workers}; there must be at least 1")
+    if isinstance(workers, bool) or not isinstance(workers, int) or workers < 1:
+        raise ValueError(f"workers is {workers}; it must be a whole number, at least 1")
     if workers == 1:
         extractor = Extractor(settings)
         return (extractor.extract(block) for block in blocks)

@@ -164,12 +164,19 @@ WRONG: dict[str, tuple[Callable[[Path], object], str]] = {
     "mode": (lambda scan: fullwaveform.extract(scan, mode=4), "mode 4 is none of 0, 1, 2, 3"),
     "true": (lambda scan: fullwaveform.extract(scan, mode=True), "mode True is none of"),
     "noise": (lambda scan: fullwaveform.extract(scan, noise=70_000), "noise 70000 is above"),
-    "workers": (lambda scan: fullwaveform.extract(scan, workers=0), "workers is 0"),
+    "workers": (
+        lambda scan: fullwaveform.extract(scan, workers=0),
+        "workers is 0; it must be a whole number",
+    ),
+    "half": (lambda scan: fullwaveform.extract(scan, workers=1.5), "workers is 1.5"),
     "wave": (lambda scan: fullwaveform.extract(scan, mode=2), "needs the scanner's system wave"),
     "array": (
         lambda scan: fullwaveform.extract(np.zeros((3, 80), np.uint16)),
         "an array has no times and places: give it to Driver",
     ),
+    "number": (lambda scan: fullwaveform.extract(3), "3 is neither the path of a file nor"),
+    "paths": (lambda scan: fullwaveform.extract([scan]), "scan.las'\\) is no WaveformBlock"),
+    "attributes": (lambda scan: fullwaveform.extract(scan, scanner={}), "scanner {} is neither"),
     "nothing": (lambda scan: fullwaveform.extract([]), "the source holds no waveforms"),
     "ending": (
         lambda scan: fullwaveform.extract(scan).write(scan.with_suffix(".xls")),

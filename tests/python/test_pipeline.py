@@ -135,5 +135,5 @@ def test_statistics_that_cannot_be_written_are_passed_over(tmp_path: Path) -> No
 
 
 def test_workers_are_at_least_one(scan: Path) -> None:
-    with pytest.raises(ValueError, match="workers is 0; there must be at least 1"):
+    with pytest.raises(ValueError, match="workers is 0; it must be a whole number, at least 1"):
         extracted_blocks(iter(()), SETTINGS, 0)
