@@ -11,7 +11,7 @@ import numpy.typing as npt
 from fullwaveform.formats.blocks import PulseGeometry, WaveformBlock, take_rows
 from fullwaveform.formats.opening import WaveformReader
 
-_SAME_TIME = 1e-6  # s
+SAME_TIME = 1e-6  # s, within which a time names a shot
 
 
 class By(Enum):
@@ -92,7 +92,7 @@ def _nearest(
     here = float(times[row])
     if not abs(nearest - wanted) <= abs(here - wanted):  # true for none so far
         nearest = here
-    return (row if abs(here - wanted) <= _SAME_TIME else None), nearest
+    return (row if abs(here - wanted) <= SAME_TIME else None), nearest
 
 
 def _shot_of(block: WaveformBlock, row: int, *, alone: bool = False) -> ChosenShot:

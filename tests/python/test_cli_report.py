@@ -84,6 +84,9 @@ def test_all_waveforms_of_a_shot_by_its_time(scan: Path) -> None:
     assert [lines[3] for lines in found] == ["MaxAmplitude: 80 [-]", "MaxAmplitude: 60 [-]"]
     assert run("report", scan, "--time", "102.5", "--waveform", "3", *NOISE).stdout == result.stdout
     assert len(reports(run("report", scan, "--time", "102.5", "--waveform", "0").stdout)) == 3
+    # Times are rounded where people read them: a microsecond is enough, two are not.
+    assert run("report", scan, "--time", "102.5000009", *NOISE).stdout == result.stdout
+    assert "has no shot at 102.500002 s" in run("report", scan, "--time", "102.500002").stderr
 
 
 def test_channels_are_merged_as_in_the_extraction(tmp_path: Path) -> None:

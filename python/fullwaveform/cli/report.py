@@ -25,6 +25,7 @@ from fullwaveform.formats.blocks import WaveformBlock
 from fullwaveform.formats.opening import WaveformReader
 from fullwaveform.reports import block_reports
 from fullwaveform.scanner import Scanner
+from fullwaveform.waveform_choice import SAME_TIME
 
 
 def report(
@@ -36,7 +37,8 @@ def report(
         typer.Option(min=0, metavar="N", help="Running number in the file, from 0; repeatable."),
     ] = None,
     time: Annotated[
-        float | None, typer.Option(metavar="T", help="All waveforms of the shot at GPS time T, s.")
+        float | None,
+        typer.Option(metavar="T", help="The shot at GPS time T, s, to the microsecond."),
     ] = None,
     extent: Annotated[
         bool, typer.Option("--extent", help="One line per waveform: how far its echoes reach.")
@@ -125,11 +127,17 @@ class _Wanted:
         chosen = np.isin(block.waveform_numbers, list(self.numbers))
         if self.time is not None:
             times = block.attributes.gps_time
-            chosen |= times == self.time
             known = np.append(times[np.isfinite(times)], self.nearest)
             self.nearest = float(known[np.argmin(np.abs(known - self.time))])
+            if self._has_the_time:
+                chosen |= times == self.nearest
         self.waveforms += len(block)
         return np.flatnonzero(chosen)
+
+    @property
+    def _has_the_time(self) -> bool:
+        """Whether a shot has been met that the time names, which people round."""
+        return self.time is not None and abs(self.nearest - self.time) <= SAME_TIME
 
     @property
     def is_complete(self) -> bool:
@@ -146,7 +154,7 @@ class _Wanted:
                 else "it has none"
             )
             raise ValueError(f"{path} has no waveform {', '.join(map(str, missing))}: {known}")
-        if self.time is not None and self.nearest != self.time:
+        if self.time is not None and not self._has_the_time:
             known = f"; the nearest is at {self.nearest!r} s" if np.isfinite(self.nearest) else ""
             raise ValueError(f"{path} has no shot at {self.time!r} s{known}")
         if self.waveforms == 0:
