@@ -7,6 +7,13 @@ from typing import Annotated
 
 import typer
 
+from fullwaveform.cli.common_options import (
+    BlockSize,
+    ChannelTexts,
+    IntervalNs,
+    LeftOutTold,
+    Quiet,
+)
 from fullwaveform.cli.messages import tell_unreadable
 from fullwaveform.cli.options import (
     channel_flags_from,
@@ -35,27 +42,15 @@ def convert(
         Path | None,
         typer.Option(help="Scanner description (TOML) to store; else that of IN, if it has one."),
     ] = None,
-    interval: Annotated[
-        float | None,
-        typer.Option(metavar="NS", help="Sampling interval in ns, for an .npz."),
-    ] = None,
-    channel: Annotated[
-        list[str] | None,
-        typer.Option(
-            help="Channel of all waveforms (low, high) or of a descriptor (2=high); else low."
-        ),
-    ] = None,
-    block: Annotated[
-        int, typer.Option(min=1, help="Waveforms per block: what is in memory at a time.")
-    ] = 20_000,
+    interval: IntervalNs = None,
+    channel: ChannelTexts = None,
+    block: BlockSize = 20_000,
     skip_unreadable: Annotated[
         bool,
         typer.Option("--skip-unreadable", help="Leave out waveforms that cannot be used."),
     ] = False,
-    verbose: Annotated[
-        bool, typer.Option("-v", "--verbose", help="A line for each waveform left out.")
-    ] = False,
-    quiet: Annotated[bool, typer.Option("-q", "--quiet", help="No progress, no summary.")] = False,
+    verbose: LeftOutTold = False,
+    quiet: Quiet = False,
 ) -> None:
     """Write the waveforms of a file into a scan container, from which the same echoes come.
 

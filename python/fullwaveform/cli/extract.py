@@ -11,6 +11,16 @@ from typing import TYPE_CHECKING, Annotated
 import typer
 from rich.console import Console
 
+from fullwaveform.cli.common_options import (
+    AfterPulseWindow,
+    BlockSize,
+    ChannelTexts,
+    IntervalNs,
+    ModeName,
+    NoiseLevel,
+    Quiet,
+    ScannerFile,
+)
 from fullwaveform.cli.messages import counted_messages, tell_unreadable, told_to_people
 from fullwaveform.cli.options import (
     after_pulse_from,
@@ -52,29 +62,12 @@ def extract(
             help=f"Echoes: {', '.join(ECHO_ENDINGS)}; a folder with --cluster.",
         ),
     ],
-    mode: Annotated[
-        str, typer.Option(help="three-point, decomposition, deconvolution, hybrid, or 0 to 3.")
-    ] = "three-point",
-    noise: Annotated[
-        str, typer.Option(help="Noise level in counts; auto estimates it for every waveform.")
-    ] = "auto",
-    scanner: Annotated[
-        Path | None,
-        typer.Option(help="Scanner description (TOML, attribute names as keys)."),
-    ] = None,
-    channel: Annotated[
-        list[str] | None,
-        typer.Option(
-            help="Channel of all packets (low, high) or of a descriptor (2=high); else low."
-        ),
-    ] = None,
-    after_pulse: Annotated[
-        str | None,
-        typer.Option(metavar="OFFSET,WIDTH", help="After-pulse window in samples, or off."),
-    ] = None,
-    interval: Annotated[
-        float | None, typer.Option(metavar="NS", help="Sampling interval in ns, for an .npz.")
-    ] = None,
+    mode: ModeName = "three-point",
+    noise: NoiseLevel = "auto",
+    scanner: ScannerFile = None,
+    channel: ChannelTexts = None,
+    after_pulse: AfterPulseWindow = None,
+    interval: IntervalNs = None,
     keep_empty: Annotated[
         bool, typer.Option("--keep-empty", help="A row for each waveform without echoes, too.")
     ] = False,
@@ -90,16 +83,14 @@ def extract(
             min=1, help="Threads, or processes with --cluster local; all processors by default."
         ),
     ] = None,
-    block: Annotated[
-        int, typer.Option(min=1, help="Waveforms per block: what is in memory at a time.")
-    ] = 20_000,
+    block: BlockSize = 20_000,
     verbose: Annotated[
         bool,
         typer.Option(
             "-v", "--verbose", help="A line for each waveform left out or without echoes."
         ),
     ] = False,
-    quiet: Annotated[bool, typer.Option("-q", "--quiet", help="No progress, no summary.")] = False,
+    quiet: Quiet = False,
     cluster: Annotated[
         str | None,
         typer.Option(

@@ -13,6 +13,12 @@ from rich import box
 from rich.console import Console
 from rich.table import Table
 
+from fullwaveform.cli.common_options import (
+    ChannelTexts,
+    IntervalNs,
+    LeftOutTold,
+    SourceFile,
+)
 from fullwaveform.cli.messages import tell_unreadable
 from fullwaveform.cli.options import channel_flags_from, refuse_quiet_and_verbose, seconds_from
 from fullwaveform.cli.progress import progress_of
@@ -29,20 +35,11 @@ _MOST_LISTED = 6  # entries of a distribution; beyond them only how many there a
 
 
 def info(
-    source: Annotated[
-        Path, typer.Argument(metavar="IN", help="File of waveforms, as for extract.")
-    ],
-    interval: Annotated[
-        float | None,
-        typer.Option(metavar="NS", help="Sampling interval in ns, for an .npz."),
-    ] = None,
-    channel: Annotated[
-        list[str] | None, typer.Option(help="Channel of the packets, as for extract.")
-    ] = None,
+    source: SourceFile,
+    interval: IntervalNs = None,
+    channel: ChannelTexts = None,
     as_json: Annotated[bool, typer.Option("--json", help="For machines: one JSON object.")] = False,
-    verbose: Annotated[
-        bool, typer.Option("-v", "--verbose", help="A line for each waveform left out.")
-    ] = False,
+    verbose: LeftOutTold = False,
     quiet: Annotated[bool, typer.Option("-q", "--quiet", help="No progress.")] = False,
 ) -> None:
     """Show what a file of waveforms holds: counts, times, noise, saturation, sample values.

@@ -8,6 +8,14 @@ from typing import Annotated
 
 import typer
 
+from fullwaveform.cli.common_options import (
+    AfterPulseWindow,
+    ChannelTexts,
+    IntervalNs,
+    NoiseLevel,
+    ScannerFile,
+    SourceFile,
+)
 from fullwaveform.cli.options import (
     after_pulse_from,
     channel_flags_from,
@@ -25,9 +33,7 @@ from fullwaveform.waveform_views import WaveformView, waveform_views
 
 
 def plot(
-    source: Annotated[
-        Path, typer.Argument(metavar="IN", help="File of waveforms, as for extract.")
-    ],
+    source: SourceFile,
     output: Annotated[
         Path, typer.Option("-o", "--output", metavar="OUT", help="Picture: .png, .pdf or .svg.")
     ],
@@ -46,23 +52,11 @@ def plot(
         list[str] | None,
         typer.Option(help="As for extract; repeatable, the modes are drawn over one another."),
     ] = None,
-    noise: Annotated[
-        str, typer.Option(help="Noise level in counts; auto estimates it for every waveform.")
-    ] = "auto",
-    scanner: Annotated[
-        Path | None, typer.Option(help="Scanner description (TOML); else that of IN, if any.")
-    ] = None,
-    channel: Annotated[
-        list[str] | None, typer.Option(help="Channel of the packets, as for extract.")
-    ] = None,
-    after_pulse: Annotated[
-        str | None,
-        typer.Option(metavar="OFFSET,WIDTH", help="After-pulse window in samples, or off."),
-    ] = None,
-    interval: Annotated[
-        float | None,
-        typer.Option(metavar="NS", help="Sampling interval in ns, for an .npz."),
-    ] = None,
+    noise: NoiseLevel = "auto",
+    scanner: ScannerFile = None,
+    channel: ChannelTexts = None,
+    after_pulse: AfterPulseWindow = None,
+    interval: IntervalNs = None,
 ) -> None:
     """Draw a waveform, or all waveforms of a shot, with the echoes that the methods find.
 

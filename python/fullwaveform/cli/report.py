@@ -9,6 +9,15 @@ from typing import Annotated
 import numpy as np
 import typer
 
+from fullwaveform.cli.common_options import (
+    AfterPulseWindow,
+    ChannelTexts,
+    IntervalNs,
+    ModeName,
+    NoiseLevel,
+    ScannerFile,
+    SourceFile,
+)
 from fullwaveform.cli.options import (
     after_pulse_from,
     channel_flags_from,
@@ -29,9 +38,7 @@ from fullwaveform.waveform_choice import SAME_TIME
 
 
 def report(
-    source: Annotated[
-        Path, typer.Argument(metavar="IN", help="File of waveforms, as for extract.")
-    ],
+    source: SourceFile,
     waveform: Annotated[
         list[int] | None,
         typer.Option(min=0, metavar="N", help="Running number in the file, from 0; repeatable."),
@@ -46,25 +53,12 @@ def report(
     scanner_report: Annotated[
         bool, typer.Option("--scanner-report", help="The scanner's parameters, before the rest.")
     ] = False,
-    mode: Annotated[
-        str, typer.Option(help="three-point, decomposition, deconvolution, hybrid, or 0 to 3.")
-    ] = "three-point",
-    noise: Annotated[
-        str, typer.Option(help="Noise level in counts; auto estimates it for every waveform.")
-    ] = "auto",
-    scanner: Annotated[
-        Path | None, typer.Option(help="Scanner description (TOML); else that of IN, if any.")
-    ] = None,
-    channel: Annotated[
-        list[str] | None, typer.Option(help="Channel of the packets, as for extract.")
-    ] = None,
-    after_pulse: Annotated[
-        str | None,
-        typer.Option(metavar="OFFSET,WIDTH", help="After-pulse window in samples, or off."),
-    ] = None,
-    interval: Annotated[
-        float | None, typer.Option(metavar="NS", help="Sampling interval in ns, for an .npz.")
-    ] = None,
+    mode: ModeName = "three-point",
+    noise: NoiseLevel = "auto",
+    scanner: ScannerFile = None,
+    channel: ChannelTexts = None,
+    after_pulse: AfterPulseWindow = None,
+    interval: IntervalNs = None,
     output: Annotated[
         Path | None, typer.Option("-o", "--output", metavar="FILE", help="Else standard output.")
     ] = None,
