@@ -37,14 +37,23 @@ def on_cluster(address: str, *call: str | Path) -> str:
 
 @pytest.mark.parametrize("unit_blocks", [1, 4, 1000])
 @pytest.mark.parametrize(
-    ("make", "name"),
-    [(las_scan, "scan.las"), (pulsewaves_scan, "scan.pls"), (container_scan, "scan.h5")],
+    ("make", "name", "channel"),
+    [
+        (las_scan, "scan.las", "2=high"),
+        (pulsewaves_scan, "scan.pls", "1=high"),
+        (container_scan, "scan.h5", "2=high"),
+    ],
 )
 def test_of_any_format_in_units_of_any_size(
-    address: str, tmp_path: Path, make: Callable[[Path], Path], name: str, unit_blocks: int
+    address: str,
+    tmp_path: Path,
+    make: Callable[[Path], Path],
+    name: str,
+    channel: str,
+    unit_blocks: int,
 ) -> None:
     source, folder = make(tmp_path / name), tmp_path / "parts"
-    options = ["--noise", "20", "--block", "40", "--channel", "2=high"]
+    options = ["--noise", "20", "--block", "40", "--channel", channel]
     expected = single_run(source, tmp_path / "single.parquet", *options)
     shown = on_cluster(address, source, "-o", folder, *options, "--unit-blocks", str(unit_blocks))
     assert_same_rows(parts_table(folder), expected)

@@ -79,5 +79,5 @@ def test_notes_of_points_that_could_not_be_written_as_they_are(tmp_path: Path) -
     with open_echo_file(tmp_path / "e.las", header) as writer:
         writer.write(echo_table([9], xyz=xyz))
     left_out, saturated = writer.notes()
-    assert left_out.startswith("1 of 9 echoes left out: their coordinates do not fit")
+    assert left_out.startswith("1 of 9 echoes left out: their coordinates are not")
     assert saturated.startswith("1 shots have more echoes than a return number can say")
