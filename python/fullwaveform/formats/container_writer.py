@@ -4,9 +4,8 @@ from __future__ import annotations
 
 import os
 from collections.abc import Iterator
-from contextlib import AbstractContextManager, contextmanager
-from types import TracebackType
-from typing import Any, Self
+from contextlib import contextmanager
+from typing import Any
 
 import h5py
 import laspy
@@ -28,6 +27,7 @@ from fullwaveform.formats.container_layout import (
     Field,
 )
 from fullwaveform.formats.container_values import stored_text
+from fullwaveform.formats.file_ends import FileWriter
 from fullwaveform.scanner import Scanner
 
 _CHUNK_BYTES = 1 << 19  # of a chunk at most, about
@@ -35,7 +35,7 @@ _MOST_CHUNK_ROWS = 1 << 16
 _COMPRESSION_LEVEL = 4
 
 
-class ScanContainerWriter:
+class ScanContainerWriter(FileWriter):
     """Writes blocks of waveforms to a scan container; to be used in a ``with`` statement.
 
     Parameters
@@ -47,7 +47,7 @@ class ScanContainerWriter:
     scanner
         Description of the scanner; None if nothing is known of it.
 
-    Raises OSError if the file cannot be written.
+    `count` is of the waveforms written. Raises OSError if the file cannot be written.
     """
 
     def __init__(
@@ -56,29 +56,12 @@ class ScanContainerWriter:
         header: laspy.LasHeader | None,
         scanner: Scanner | None = None,
     ) -> None:
-        self.path = path
-        self.count = 0  # waveforms written
+        super().__init__(path)
         self._header, self._scanner = header, scanner
         self._intervals: set[float] = set()
         self._last_shot: float | None = None
-        self._context: AbstractContextManager[None] | None = None
         self._stream: OutputFile | None = None
         self._file: h5py.File | None = None
-
-    def __enter__(self) -> Self:
-        self._context = self._open()
-        self._context.__enter__()
-        return self
-
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
-        if self._context is not None:
-            context, self._context = self._context, None
-            context.__exit__(kind, error, trace)
 
     def write(self, block: WaveformBlock) -> None:
         """Append the waveforms of a block.

@@ -208,18 +208,15 @@ def run_metadata_text(metadata: Mapping[str, str]) -> str:
     return json.dumps(dict(metadata), sort_keys=True)
 
 
-class EchoWriter(ABC):
-    """A file of echoes that is written table by table; to be used in a ``with`` statement.
+class FileWriter(ABC):
+    """A file that is written piece by piece; to be used in a ``with`` statement.
 
     The file takes its name when the block ends without an error.
     """
 
-    #: Whether the file has a row for a waveform without echoes, which has no place in space.
-    takes_empty: ClassVar[bool] = True
-
     def __init__(self, path: str | os.PathLike[str]) -> None:
         self.path = Path(path)
-        self.count = 0  # echoes written; rows of waveforms without any do not count
+        self.count = 0  # what was written
         self._context: AbstractContextManager[None] | None = None
 
     def __enter__(self) -> Self:
@@ -238,13 +235,20 @@ class EchoWriter(ABC):
             context.__exit__(kind, error, trace)
 
     @abstractmethod
+    def _open(self) -> AbstractContextManager[None]:
+        """What holds the file open."""
+
+
+class EchoWriter(FileWriter):
+    """A file of echoes; `count` is theirs, rows of waveforms without any do not count."""
+
+    #: Whether the file has a row for a waveform without echoes, which has no place in space.
+    takes_empty: ClassVar[bool] = True
+
+    @abstractmethod
     def write(self, echoes: EchoTable) -> None:
         """Append the echoes; ValueError outside the ``with`` statement."""
 
     def notes(self) -> tuple[str, ...]:
         """What could not be written as it is, a sentence each."""
         return ()
-
-    @abstractmethod
-    def _open(self) -> AbstractContextManager[None]:
-        """What holds the file open."""
