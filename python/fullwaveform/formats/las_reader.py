@@ -1,4 +1,4 @@
-"""Waveforms of LAS 1.3 and 1.4 files, block by block."""
+"""Waveforms of LAS 1.3 to 1.5 files, block by block."""
 
 from __future__ import annotations
 

@@ -54,7 +54,8 @@ def test_one_waveform_with_everything_about_it(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize(
-    ("point_format", "version"), [(4, "1.3"), (5, "1.3"), (4, "1.4"), (9, "1.4"), (10, "1.4")]
+    ("point_format", "version"),
+    [(4, "1.3"), (5, "1.3"), (4, "1.4"), (9, "1.4"), (10, "1.4"), (9, "1.5"), (10, "1.5")],
 )
 def test_every_point_format_with_waveforms(tmp_path: Path, point_format: int, version: str) -> None:
     scene = four_shots(point_format=point_format, version=version)
