@@ -207,5 +207,20 @@ TEST(GaussianSum, CertifiedParametersAreTheLeastSquaresMinimum) {
   }
 }
 
+TEST(GaussianSum, WidthsWithoutAThirdPowerRest) {
+  // An echo that a step threw out of all bounds: 1e110 wide, 2e111 from the samples, where it is exp(-200)
+  // high. The third power of the width is infinite and the derivative 0; the one by the position is finite.
+  std::vector<double> const parameters{1e115, 2e111, -1e110};
+  GaussianSum sum;
+  std::vector<double> const signal(5, 0.0);
+  sum.take(std::span(signal), 0.0, 0, parameters.size());
+  sum.evaluate(parameters);
+  std::vector<double> squares(3);
+  sum.differentiate(parameters, squares);
+  EXPECT_NEAR(sum.column(1)[2] / (-2e6 * std::exp(-200.0)), 1.0, 1e-12);
+  EXPECT_EQ(sum.column(2)[2], 0.0);
+  EXPECT_EQ(squares[2], 0.0);
+}
+
 }  // namespace
 }  // namespace FullWaveform
