@@ -46,13 +46,19 @@ double PivotedQr::reflectRest(GaussianSum& sum, std::size_t step) {
     return pivot;
   }
   double const beta = std::copysign(std::sqrt(pivot * pivot + tail), -pivot);
-  reflector[step - from] = pivot - beta;
+  // Divided to a leading 1: columns that hold the same single sample, of echoes narrower than the sampling
+  // interval, then cancel without a remainder. What rounding would leave of them steers a step nearly
+  // without damping.
+  auto const values = std::span(reflector).first(rows);
+  std::transform(values.begin(), values.end(), values.begin(),
+                 [divisor = pivot - beta](double value) { return value / divisor; });
+  reflector[step - from] = 1.0;
   toReflect.clear();
   for (std::size_t j = step + 1; j < size(); ++j) {
     toReflect.push_back(sum.column(order[j]) + from);
   }
   toReflect.push_back(sum.column(size()) + from);
-  kernels.reflect(reflector.data(), 1.0 / (beta * (beta - pivot)), rows, toReflect.data(), toReflect.size());
+  kernels.reflect(reflector.data(), (beta - pivot) / beta, rows, toReflect.data(), toReflect.size());
   return beta;
 }
 

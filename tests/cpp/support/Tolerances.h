@@ -53,6 +53,9 @@ inline constexpr double repeatedRelative = 1e-7;
 /// grows to in some steps of a problem of moderate condition.
 inline constexpr double sameSteps = 1e-9;
 
+/// The same where the problem is of no condition at all.
+inline constexpr double sameWildSteps = 1e-6;
+
 /// Relative error of a sum of squares that is certified to 11 digits, from parameters of as many digits.
 inline constexpr double certifiedDigits = 1e-9;
 
