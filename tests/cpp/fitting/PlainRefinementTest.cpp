@@ -111,7 +111,8 @@ TEST(PlainRefinement, StrangeStartsEndWhereTheLibraryEnds) {
 }
 
 /// Echoes anywhere in a stretch of whole counts, and a start that has nothing to do with them.
-Scene wildScene(std::mt19937& chance) {
+Scene wildSceneOf(int seed) {
+  std::mt19937 chance(static_cast<unsigned>(seed));
   auto const between = [&chance](double least, double most) {
     return least + (most - least) * static_cast<double>(chance()) / 4294967295.0;
   };
@@ -143,13 +144,12 @@ bool isSame(Values const& found, Values const& expected) {
 
 TEST(PlainRefinement, WildStartsEndElsewhereAsRarelyAsRoundingMakesThem) {
   // Echoes are thrown out of all bounds, and steps are steered by what is left of columns of rank one: the
-  // last digits of a start decide where one in 140 ends. The minimiser of the library does the same when its
-  // start is changed by them.
+  // last digits of a start decide where one in about 150 ends. The minimiser of the library does the same
+  // when its start is changed by them.
   constexpr int scenes = 6000;
-  std::mt19937 chance(11);
   int elsewhere = 0;
-  for (int i = 0; i < scenes; ++i) {
-    Scene const scene = wildScene(chance);
+  for (int seed = 0; seed < scenes; ++seed) {
+    Scene const scene = wildSceneOf(seed);
     Values plain = scene.start;
     Values fast = scene.start;
     Testing::plainRefinement(scene.signal, scene.first, plain);
