@@ -1,21 +1,21 @@
 #include <fullwaveform/host/PointerID.h>
 
-#include <fullwaveform/host/ThreadedCounter.h>
+#include <atomic>
 
 namespace Holdex {
 namespace {
 
-std::atomic<std::uint64_t> drawnIdentifiers{0};
-thread_local ThreadedCounter identifiers;
+// Only the values count, no memory is published through them: relaxed order is enough.
+std::atomic<std::uint64_t> lastIdentifier{0};
 
 }  // namespace
 
 std::uint64_t PointerID::next() noexcept {
-  return identifiers.next(drawnIdentifiers) + 1;
+  return lastIdentifier.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
 std::uint64_t PointerID::last() noexcept {
-  return identifiers.upcoming();
+  return lastIdentifier.load(std::memory_order_relaxed);
 }
 
 }  // namespace Holdex

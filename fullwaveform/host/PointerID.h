@@ -7,12 +7,11 @@
 namespace Holdex {
 
 /// The framework's identity counter: every new or emptied pointer and every reference-counted object takes
-/// the next value. Thread-safe; values are unique within the process and never 0. They go up by one within a
-/// thread, apart from jumps where several threads count.
+/// the next value. Thread-safe; values are unique within the process and never 0.
 class FULLWAVEFORM_EXPORT PointerID {
  public:
   static std::uint64_t next() noexcept;
-  /// The value handed out last to this thread, 0 before the first.
+  /// The value handed out last, 0 before the first.
   static std::uint64_t last() noexcept;
 };
 

@@ -1,13 +1,11 @@
 #include <fullwaveform/host/ReferenceBase.h>
 
 #include <fullwaveform/host/PointerID.h>
-#include <fullwaveform/host/ThreadedCounter.h>
 
 namespace Holdex {
 namespace {
 
-std::atomic<std::uint64_t> drawnSerialNumbers{0};
-thread_local ThreadedCounter serialNumbers;
+std::atomic<std::uint64_t> serialNumbers{0};
 
 }  // namespace
 
@@ -48,7 +46,7 @@ std::uint32_t ReferenceRecord::strongCount() const noexcept {
 
 InterfaceBase::InterfaceBase()
     : objectIdentity(PointerID::next()),
-      serialNumber(serialNumbers.next(drawnSerialNumbers)),
+      serialNumber(serialNumbers.fetch_add(1, std::memory_order_relaxed)),
       referenceRecord(new ReferenceRecord(this)) {}
 
 void InterfaceBase::referenced() {}

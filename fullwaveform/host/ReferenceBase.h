@@ -47,7 +47,7 @@ class FULLWAVEFORM_EXPORT InterfaceBase {
 
   /// Taken from PointerID, one step per object.
   [[nodiscard]] std::uint64_t identity() const noexcept { return objectIdentity; }
-  /// Running number of the object in this process, from 0; threads draw theirs in runs.
+  /// Running number of the object in this process, from 0.
   [[nodiscard]] std::uint64_t serial() const noexcept { return serialNumber; }
   [[nodiscard]] ReferenceRecord& record() const noexcept { return *referenceRecord; }
 
