@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import sys
 
 from fullwaveform.cli.signals import end_at_once_on_signals
@@ -15,7 +16,22 @@ def main() -> None:
     end_at_once_on_signals()
     from fullwaveform.cli.main import main as command_line
 
+    code: str | int | None = None
     try:
         command_line()
+    except SystemExit as end:
+        code = end.code
     except OSError as error:  # of the texts that are shown; files are spoken of where they belong
-        sys.exit(f"fullwaveform: standard output: {error.strerror}")
+        code = _not_shown(error)
+    try:
+        if sys.stdout is not None:
+            sys.stdout.flush()
+    except OSError as error:
+        # What is left of the texts would be tried once more when the interpreter ends.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        code = code or _not_shown(error)
+    sys.exit(code)
+
+
+def _not_shown(error: OSError) -> str:
+    return f"fullwaveform: standard output: {error.strerror}"
