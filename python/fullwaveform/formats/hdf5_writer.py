@@ -7,20 +7,18 @@ from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
 
 import h5py
-import numpy as np
 import pyarrow as pa
 
-from fullwaveform.formats.atomic import OutputFile, open_when_whole
-from fullwaveform.formats.blocks import EchoTable
-from fullwaveform.formats.echo_columns import ECHO_COLUMNS, echo_table_to_arrow
-from fullwaveform.formats.file_ends import RUN_METADATA_KEY, EchoWriter, run_metadata_text
-from fullwaveform.formats.row_groups import RowGroups
+from fullwaveform.formats.atomic import open_when_whole
+from fullwaveform.formats.echo_columns import ECHO_COLUMNS
+from fullwaveform.formats.file_ends import RUN_METADATA_KEY, run_metadata_text
+from fullwaveform.formats.row_groups import GroupedEchoWriter
 
 #: Rows of a chunk of every dataset; 512 kB of doubles.
 ROWS_PER_CHUNK = 2**16
 
 
-class Hdf5EchoWriter(EchoWriter):
+class Hdf5EchoWriter(GroupedEchoWriter):
     """Writes echoes to an HDF5 file, table by table; to be used in a ``with`` statement.
 
     One dataset per column of `echo_columns.ECHO_COLUMNS`, with the attributes ``unit`` and
@@ -33,19 +31,9 @@ class Hdf5EchoWriter(EchoWriter):
     def __init__(
         self, path: str | os.PathLike[str], metadata: Mapping[str, str] | None = None
     ) -> None:
-        super().__init__(path)
+        super().__init__(path, ROWS_PER_CHUNK)
         self._metadata = metadata
-        self._chunks = RowGroups(ROWS_PER_CHUNK)
-        self._stream: OutputFile | None = None
         self._file: h5py.File | None = None
-
-    def write(self, echoes: EchoTable) -> None:
-        """Append the echoes; ValueError outside the ``with`` statement."""
-        if self._stream is None:
-            raise ValueError(f"{self.path} is not open for writing")
-        self._append(self._chunks.add(echo_table_to_arrow(echoes)))
-        self._stream.check()
-        self.count += int(np.count_nonzero(echoes.echo_number))
 
     @contextmanager
     def _open(self) -> Iterator[None]:
@@ -56,18 +44,18 @@ class Hdf5EchoWriter(EchoWriter):
                     if self._metadata is not None:
                         self._file.attrs[RUN_METADATA_KEY] = run_metadata_text(self._metadata)
                     yield
-                    self._append(self._chunks.rest())
+                    self._append(self._groups.rest())
             finally:
                 self._stream = self._file = None
 
-    def _append(self, chunks: Iterator[pa.Table]) -> None:
+    def _append(self, groups: Iterator[pa.Table]) -> None:
         if self._file is not None:
-            for chunk in chunks:
-                for name in chunk.column_names:
+            for group in groups:
+                for name in group.column_names:
                     dataset = self._file[name]
                     first = len(dataset)
-                    dataset.resize(first + len(chunk), axis=0)
-                    dataset[first:] = chunk[name].to_numpy()
+                    dataset.resize(first + len(group), axis=0)
+                    dataset[first:] = group[name].to_numpy()
 
 
 def _create_datasets(file: h5py.File) -> None:

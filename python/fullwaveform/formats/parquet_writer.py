@@ -6,21 +6,19 @@ import os
 from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
 
-import numpy as np
 import pyarrow as pa
 import pyarrow.parquet
 
-from fullwaveform.formats.atomic import OutputFile, open_when_whole
-from fullwaveform.formats.blocks import EchoTable
-from fullwaveform.formats.echo_columns import ECHO_SCHEMA, echo_table_to_arrow
-from fullwaveform.formats.file_ends import RUN_METADATA_KEY, EchoWriter, run_metadata_text
-from fullwaveform.formats.row_groups import RowGroups
+from fullwaveform.formats.atomic import open_when_whole
+from fullwaveform.formats.echo_columns import ECHO_SCHEMA
+from fullwaveform.formats.file_ends import RUN_METADATA_KEY, run_metadata_text
+from fullwaveform.formats.row_groups import GroupedEchoWriter
 
 #: Rows of all row groups but the last, about 10 MB of echoes.
 ROWS_PER_GROUP = 2**17
 
 
-class ParquetEchoWriter(EchoWriter):
+class ParquetEchoWriter(GroupedEchoWriter):
     """Writes echoes to a Parquet file, table by table; to be used in a ``with`` statement.
 
     The columns are those of `echo_columns.ECHO_COLUMNS`, unit and description in the metadata of
@@ -33,23 +31,13 @@ class ParquetEchoWriter(EchoWriter):
     def __init__(
         self, path: str | os.PathLike[str], metadata: Mapping[str, str] | None = None
     ) -> None:
-        super().__init__(path)
+        super().__init__(path, ROWS_PER_GROUP)
         self._schema = ECHO_SCHEMA
         if metadata is not None:
             self._schema = ECHO_SCHEMA.with_metadata(
                 {RUN_METADATA_KEY: run_metadata_text(metadata)}
             )
-        self._groups = RowGroups(ROWS_PER_GROUP)
-        self._stream: OutputFile | None = None
         self._writer: pa.parquet.ParquetWriter | None = None
-
-    def write(self, echoes: EchoTable) -> None:
-        """Append the echoes; ValueError outside the ``with`` statement."""
-        if self._stream is None:
-            raise ValueError(f"{self.path} is not open for writing")
-        self._append(self._groups.add(echo_table_to_arrow(echoes)))
-        self._stream.check()
-        self.count += int(np.count_nonzero(echoes.echo_number))
 
     @contextmanager
     def _open(self) -> Iterator[None]:

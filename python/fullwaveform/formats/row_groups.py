@@ -2,9 +2,17 @@
 
 from __future__ import annotations
 
+import os
+from abc import abstractmethod
 from collections.abc import Iterator
 
+import numpy as np
 import pyarrow as pa
+
+from fullwaveform.formats.atomic import OutputFile
+from fullwaveform.formats.blocks import EchoTable
+from fullwaveform.formats.echo_columns import echo_table_to_arrow
+from fullwaveform.formats.file_ends import EchoWriter
 
 
 class RowGroups:
@@ -35,3 +43,24 @@ class RowGroups:
         if self._waiting:
             yield pa.concat_tables(self._tables).combine_chunks()
         self._tables, self._waiting = [], 0
+
+
+class GroupedEchoWriter(EchoWriter):
+    """Writes echoes in groups of `rows` rows: equal echoes give equal files, however they come."""
+
+    def __init__(self, path: str | os.PathLike[str], rows: int) -> None:
+        super().__init__(path)
+        self._groups = RowGroups(rows)
+        self._stream: OutputFile | None = None  # while the file is open
+
+    def write(self, echoes: EchoTable) -> None:
+        """Append the echoes; ValueError outside the ``with`` statement."""
+        if self._stream is None:
+            raise ValueError(f"{self.path} is not open for writing")
+        self._append(self._groups.add(echo_table_to_arrow(echoes)))
+        self._stream.check()
+        self.count += int(np.count_nonzero(echoes.echo_number))
+
+    @abstractmethod
+    def _append(self, groups: Iterator[pa.Table]) -> None:
+        """Write the groups to the open file."""
