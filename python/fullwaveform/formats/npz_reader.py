@@ -118,7 +118,7 @@ class NpzReader(RowReader):
             shot_times=self._shots(times, notes),
             sbl_times=np.where(np.isfinite(sbl_times), sbl_times, 0.0),
             channel_flags=self._channel_flags(),
-            sampling_intervals=self._intervals(interval),
+            sampling_intervals=self._intervals(interval, notes),
             anchor=self._column("anchor", np.float64, np.nan, (3,)),
             location=self._column("location", np.float64, np.nan),
             direction=self._column("direction", np.float64, np.nan, (3,)),
@@ -172,8 +172,10 @@ class NpzReader(RowReader):
             return None
         return frozenset(np.unique(self._column("channel", np.int64, 0)).tolist())
 
-    def _intervals(self, given: float | None) -> npt.NDArray[np.float64]:
+    def _intervals(self, given: float | None, notes: list[str]) -> npt.NDArray[np.float64]:
         name = self._name("sampling_interval")
+        if given is not None and name in self._arrays:
+            notes.append(f"The interval given, {given * 1e9:g} ns, stands in for the file's own.")
         if given is None and name not in self._arrays:
             raise WaveformFileError(
                 f"{self._path} does not say its sampling interval: it holds no array "

@@ -116,7 +116,12 @@ def test_given_interval_comes_before_that_of_the_file(tmp_path: Path) -> None:
     path = archive(tmp_path, samples=SAMPLES, sampling_interval=1e-9)
     with open_waveforms(path, sampling_interval=3e-9) as reader:
         (block,) = reader.blocks()
+        notes = reader.tally.notes
     assert block.sampling_intervals.tolist() == [3e-9] * 3
+    assert "The interval given, 3 ns, stands in for the file's own." in notes
+    with open_waveforms(path) as reader:
+        list(reader.blocks())
+        assert not any("interval" in note for note in reader.tally.notes)
 
 
 def test_waveforms_without_a_time_among_others_are_counted(tmp_path: Path) -> None:
