@@ -1,7 +1,9 @@
 #include <fullwaveform/fitting/GaussianKernels.h>
 
+#include <cmath>
 #include <cstdint>
-#include <cstring>
+
+#include <fullwaveform/fitting/Norm.h>
 
 // The kernels are compiled several times: only code that follows the choice of an instruction set is made of
 // it, down to the smallest function.
@@ -70,9 +72,9 @@ GaussianKernels const& gaussianKernels([[maybe_unused]] InstructionSet set) noex
   return Baseline::kernels;
 }
 
-double exponentialOf(double x) noexcept {
+double decayOf(double x) noexcept {
   double lanes[laneCount];
-  Baseline::store(lanes, Baseline::exponential(Baseline::filled(x)));
+  Baseline::store(lanes, Baseline::decay(Baseline::filled(x)));
   return lanes[0];
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <cmath>
 #include <cstddef>
 
+#include <fullwaveform/fitting/GaussianSum.h>
 #include <fullwaveform/fitting/InstructionSet.h>
 
 namespace FullWaveform {
@@ -11,20 +11,6 @@ namespace FullWaveform {
 /// order of every sum are fixed, so that all instruction sets give the same digits. Columns are as long as a
 /// multiple of this.
 inline constexpr std::size_t laneCount = 8;
-
-/// The Gaussian that three parameters stand for in the model.
-struct GaussianShape {
-  explicit GaussianShape(double const* parameters)
-      : amplitude(std::abs(parameters[0])),
-        position(std::abs(parameters[1])),
-        width(std::abs(parameters[2])) {}
-
-  [[nodiscard]] double perVariance() const { return 1.0 / (width * width); }
-
-  double amplitude;
-  double position;
-  double width;
-};
 
 /// The columns of a sum of Gaussians as plain memory.
 struct GaussianColumns {
@@ -35,23 +21,31 @@ struct GaussianColumns {
   double end;          ///< sample index behind the last row; what lies beyond is set to 0
 };
 
+/// A column that a Householder reflection turns onto one of its rows, and those that are reflected along.
+struct Reflection {
+  double* pivot;            ///< holds the reflector afterwards
+  std::size_t row;          ///< less than `laneCount`; what lies above is done
+  std::size_t rows;         ///< a multiple of `laneCount`
+  double squares;           ///< sum of the squares of the pivot's column from `row` on, a normal number
+  double* const* columns;   ///< the others
+  std::size_t count;        ///< of the others
+  double* squaresOfOthers;  ///< receives for each the sum of its squares behind `row`
+};
+
 /// What a fit spends its time in, in the form that was compiled for one instruction set.
 struct GaussianKernels {
   /// Sets the columns of the amplitudes, and the residual behind the last column; returns its squares.
-  double (*evaluate)(GaussianColumns const& columns, double const* parameters, std::size_t count);
+  double (*evaluate)(GaussianColumns const& columns, GaussianShape const* shapes, std::size_t count);
   /// Sets the other two columns of the first Gaussian, and the squares of all three.
-  void (*differentiate)(GaussianColumns const& columns, double const* parameters, double* squares);
-  /// Takes factor (u.x) u off each column x.
-  void (*reflect)(double const* u, double factor, std::size_t rows, double* const* columns,
-                  std::size_t count);
-  /// Copies the rows of a column behind `row`, zeros before them; returns the sum of their squares.
-  double (*copyTail)(double const* column, double* tail, std::size_t row, std::size_t rows);
+  void (*differentiate)(GaussianColumns const& columns, GaussianShape const& shape, double* squares);
+  /// Returns what the pivot's column becomes in its row.
+  double (*reflect)(Reflection const& reflection);
 };
 
 /// The kernels for an instruction set that the machine has.
 GaussianKernels const& gaussianKernels(InstructionSet set) noexcept;
 
-/// e^x, one of the lanes of the kernels.
-double exponentialOf(double x) noexcept;
+/// e^x for x that is not positive, one of the lanes of the kernels.
+double decayOf(double x) noexcept;
 
 }  // namespace FullWaveform

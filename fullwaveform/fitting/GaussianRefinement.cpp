@@ -35,7 +35,7 @@ int GaussianRefinement::minimise(std::span<double> parameters) {
   int evaluations = 1;
   search.damping = 0.0;
   for (bool isFirst = true;; isFirst = false) {
-    linearise(parameters);
+    linearise();
     if (isFirst) {
       startScale(parameters);
     }
@@ -49,7 +49,7 @@ int GaussianRefinement::minimise(std::span<double> parameters) {
       Reduction const reduction = tryStep(parameters, isFirst);
       ++evaluations;
       adaptBound(reduction);
-      taken = reduction.ratio() >= leastRatio;
+      taken = reduction.ratio >= leastRatio;
       if (taken) {
         std::copy(trial.begin(), trial.end(), parameters.begin());
         parameterLength = scaledLength(parameters);
@@ -62,8 +62,8 @@ int GaussianRefinement::minimise(std::span<double> parameters) {
   }
 }
 
-void GaussianRefinement::linearise(std::span<double const> parameters) {
-  sum.differentiate(parameters, squares);
+void GaussianRefinement::linearise() {
+  sum.differentiate(squares);
   for (std::size_t p = 0; p < norms.size(); ++p) {
     norms[p] = isTrustworthy(squares[p]) ? std::sqrt(squares[p]) : scaledNorm({sum.column(p), sum.samples()});
   }
@@ -87,7 +87,7 @@ void GaussianRefinement::raiseScale() {
 GaussianRefinement::Reduction GaussianRefinement::tryStep(std::span<double const> parameters, bool isFirst) {
   search.find(qr, scale, bound);
   std::transform(parameters.begin(), parameters.end(), search.step.begin(), trial.begin(), std::minus<>());
-  stepLength = scaledLength(search.step);
+  stepLength = search.length;
   if (isFirst) {
     bound = std::min(bound, stepLength);
   }
@@ -97,18 +97,17 @@ GaussianRefinement::Reduction GaussianRefinement::tryStep(std::span<double const
 }
 
 void GaussianRefinement::adaptBound(Reduction const& reduction) {
-  double const ratio = reduction.ratio();
-  if (ratio <= 0.25) {
+  if (reduction.ratio <= 0.25) {
     double shrink = 0.5;
     if (reduction.actual < 0.0) {
-      shrink = 0.5 * reduction.slope() / (reduction.slope() + 0.5 * reduction.actual);
+      shrink = 0.5 * reduction.slope / (reduction.slope + 0.5 * reduction.actual);
     }
     if (0.1 * trialLength >= length || shrink < 0.1) {
       shrink = 0.1;
     }
     bound = shrink * std::min(bound, stepLength / 0.1);
     search.damping /= shrink;
-  } else if (search.damping == 0.0 || !(ratio < 0.75)) {
+  } else if (search.damping == 0.0 || !(reduction.ratio < 0.75)) {
     bound = stepLength / 0.5;
     search.damping *= 0.5;
   }
@@ -116,7 +115,7 @@ void GaussianRefinement::adaptBound(Reduction const& reduction) {
 
 bool GaussianRefinement::hasConverged(Reduction const& reduction) const {
   bool const isFlat = std::abs(reduction.actual) <= squaresTolerance &&
-                      reduction.predicted() <= squaresTolerance && 0.5 * reduction.ratio() <= 1.0;
+                      reduction.predicted <= squaresTolerance && 0.5 * reduction.ratio <= 1.0;
   return isFlat || bound <= parameterTolerance * parameterLength ||
          gradient <= std::numeric_limits<double>::epsilon();
 }
@@ -131,12 +130,16 @@ double GaussianRefinement::scaledLength(std::span<double const> values) {
   return norm(work);
 }
 
-double GaussianRefinement::scaledGradient() const {
+double GaussianRefinement::scaledGradient() {
+  if (length == 0.0) {
+    return 0.0;
+  }
+  std::transform(qr.qtf.begin(), qr.qtf.end(), work.begin(), [this](double value) { return value / length; });
   double largest = 0.0;
-  for (std::size_t j = 0; j < qr.size() && length != 0.0; ++j) {
+  for (std::size_t j = 0; j < qr.size(); ++j) {
     double along = 0.0;
     for (std::size_t i = 0; i <= j; ++i) {
-      along += qr.r(i, j) * (qr.qtf[i] / length);
+      along += qr.r(i, j) * work[i];
     }
     double const columnNorm = norms[qr.order[j]];
     if (columnNorm != 0.0) {

@@ -42,18 +42,23 @@ class FULLWAVEFORM_EXPORT GaussianRefinement {
  private:
   /// What a trial step did to the sum of squares, relative to what it was.
   struct Reduction {
-    double actual;
-    double linear;  ///< what the linearised sum loses
-    double damped;  ///< damping times the square of the scaled step
+    /// @param linear  what the linearised sum loses
+    /// @param damped  damping times the square of the scaled step
+    Reduction(double actual, double linear, double damped)
+        : actual(actual),
+          predicted(linear + 2.0 * damped),
+          slope(-(linear + damped)),
+          ratio(predicted == 0.0 ? 0.0 : actual / predicted) {}
 
-    [[nodiscard]] double predicted() const { return linear + 2.0 * damped; }
-    [[nodiscard]] double slope() const { return -(linear + damped); }
-    [[nodiscard]] double ratio() const { return predicted() == 0.0 ? 0.0 : actual / predicted(); }
+    double actual;
+    double predicted;
+    double slope;
+    double ratio;  ///< of actual to predicted
   };
 
   static bool isFittable(std::size_t samples, std::span<double const> parameters);
   int minimise(std::span<double> parameters);
-  void linearise(std::span<double const> parameters);
+  void linearise();
   void startScale(std::span<double const> parameters);
   void raiseScale();
   Reduction tryStep(std::span<double const> parameters, bool isFirst);
@@ -61,7 +66,7 @@ class FULLWAVEFORM_EXPORT GaussianRefinement {
   bool hasConverged(Reduction const& reduction) const;
   double residualLength(double squaresOfResidual);
   double scaledLength(std::span<double const> values);
-  double scaledGradient() const;
+  double scaledGradient();
   double linearisedStep();
 
   GaussianSum sum;

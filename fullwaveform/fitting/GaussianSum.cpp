@@ -8,7 +8,7 @@
 namespace FullWaveform {
 
 double gaussianAt(double x, double position, double width) {
-  return exponentialOf(0.5 * (position - x) * (x - position) / (width * width));
+  return decayOf(0.5 * (position - x) * (x - position) / (width * width));
 }
 
 void GaussianSum::resize(std::size_t samples, int firstIndex, std::size_t parameters) {
@@ -31,12 +31,17 @@ GaussianColumns GaussianSum::columnsFrom(std::size_t parameter) {
 }
 
 double GaussianSum::evaluate(std::span<double const> parameters) {
-  return gaussianKernels(instructionSet).evaluate(columnsFrom(0), parameters.data(), parameterCount);
+  shapes.clear();
+  for (std::size_t p = 0; p < parameterCount; p += parametersPerGaussian) {
+    shapes.emplace_back(parameters.data() + p);
+  }
+  return gaussianKernels(instructionSet).evaluate(columnsFrom(0), shapes.data(), shapes.size());
 }
 
-void GaussianSum::differentiate(std::span<double const> parameters, std::span<double> squares) {
-  for (std::size_t p = 0; p < parameterCount; p += parametersPerGaussian) {
-    gaussianKernels(instructionSet).differentiate(columnsFrom(p), parameters.data() + p, squares.data() + p);
+void GaussianSum::differentiate(std::span<double> squares) {
+  for (std::size_t g = 0; g < shapes.size(); ++g) {
+    std::size_t const p = g * parametersPerGaussian;
+    gaussianKernels(instructionSet).differentiate(columnsFrom(p), shapes[g], squares.data() + p);
   }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cmath>
 #include <cstddef>
 #include <span>
 #include <vector>
@@ -14,6 +15,20 @@ struct GaussianColumns;
 /// A sum of Gaussians as a flat run of parameters: amplitude (counts), position and standard deviation
 /// (sample indices) of the first, of the second, and so on.
 inline constexpr std::size_t parametersPerGaussian = 3;
+
+/// The Gaussian that three parameters stand for in the model.
+struct GaussianShape {
+  explicit GaussianShape(double const* parameters)
+      : amplitude(std::abs(parameters[0])),
+        position(std::abs(parameters[1])),
+        width(std::abs(parameters[2])),
+        perVariance(1.0 / (width * width)) {}
+
+  double amplitude;
+  double position;
+  double width;
+  double perVariance;
+};
 
 /// Value at `x` of the Gaussian of height 1, exp(-(x - position)^2 / (2 width^2)).
 FULLWAVEFORM_EXPORT double gaussianAt(double x, double position, double width);
@@ -50,7 +65,7 @@ class FULLWAVEFORM_EXPORT GaussianSum {
   /// column of a position. This is meant; a refinement that has crossed zero is not led back.
   ///
   /// @param squares  receives the sum of the squares of every column
-  void differentiate(std::span<double const> parameters, std::span<double> squares);
+  void differentiate(std::span<double> squares);
 
   [[nodiscard]] std::size_t samples() const { return count; }
   /// Distance of two columns in memory; what lies behind the samples of a column is 0.
@@ -64,6 +79,7 @@ class FULLWAVEFORM_EXPORT GaussianSum {
   double* signal() { return memory.data() + aligned; }
 
   InstructionSet instructionSet;
+  std::vector<GaussianShape> shapes;  ///< of the parameters that were evaluated last
   std::vector<double> memory;
   std::size_t aligned = 0;  ///< where in the memory the signal begins, at a cache line; the columns follow
   std::size_t count = 0;

@@ -11,6 +11,9 @@
 namespace FullWaveform {
 namespace {
 
+constexpr double tolerance = 0.1;  // of the bound
+constexpr double dwarf = std::numeric_limits<double>::min();
+
 /// Cosine and sine of the rotation that turns (a, b) into (hypot, 0).
 struct Rotation {
   Rotation(double a, double b) {
@@ -38,57 +41,66 @@ struct Rotation {
 }  // namespace
 
 void LevenbergMarquardtStep::find(PivotedQr& qr, std::span<double const> scale, double bound) {
-  constexpr double tolerance = 0.1;
-  constexpr int mostCorrections = 10;
-  constexpr double dwarf = std::numeric_limits<double>::min();
-  std::size_t const n = qr.size();
   for (auto* values : {&step, &scaled, &work, &diagonal, &row}) {
-    values->resize(n);
+    values->resize(qr.size());
   }
   std::size_t const rank = qr.rank();
   findUndamped(qr, rank);
-  double length = scaledLength(scale);
-  double excess = length - bound;
-  if (excess <= tolerance * bound) {
+  measure(scale);
+  if (length - bound <= tolerance * bound) {
     damping = 0.0;
     return;
   }
-  // Bounds of the damping: the undamped step gives the lower one, the gradient the upper one.
-  double lowest = 0.0;
-  if (rank == n) {
-    double const fall = fallUndamped(qr, scale, length);
-    lowest = excess / bound / fall / fall;
+  search(qr, scale, bound, startSearch(qr, scale, bound, rank == qr.size()));
+}
+
+/// Bounds of the damping: the undamped step gives the lower one, the gradient the upper one. The damping
+/// starts between them.
+LevenbergMarquardtStep::Range LevenbergMarquardtStep::startSearch(PivotedQr const& qr,
+                                                                  std::span<double const> scale, double bound,
+                                                                  bool isRegular) {
+  Range range{0.0, 0.0};
+  if (isRegular) {
+    double const fall = fallUndamped(qr, scale);
+    range.lowest = (length - bound) / bound / fall / fall;
   }
   double const gradient = gradientLength(qr, scale);
-  double highest = gradient / bound;
-  if (highest == 0.0) {
-    highest = dwarf / std::min(bound, tolerance);
+  range.highest = gradient / bound;
+  if (range.highest == 0.0) {
+    range.highest = dwarf / std::min(bound, tolerance);
   }
-  damping = std::min(std::max(damping, lowest), highest);
+  damping = std::min(std::max(damping, range.lowest), range.highest);
   if (damping == 0.0) {
     damping = gradient / length;
   }
+  return range;
+}
+
+/// Newton's method on the length as a function of the damping.
+void LevenbergMarquardtStep::search(PivotedQr& qr, std::span<double const> scale, double bound, Range range) {
+  constexpr int mostCorrections = 10;
+  double excess = length - bound;
   for (int i = 1;; ++i) {
     if (damping == 0.0) {
-      damping = std::max(dwarf, 0.001 * highest);
+      damping = std::max(dwarf, 0.001 * range.highest);
     }
     findDamped(qr, scale);
-    length = scaledLength(scale);
+    measure(scale);
     double const before = excess;
     excess = length - bound;
-    if (std::abs(excess) <= tolerance * bound || (lowest == 0.0 && excess <= before && before < 0.0) ||
+    if (std::abs(excess) <= tolerance * bound || (range.lowest == 0.0 && excess <= before && before < 0.0) ||
         i == mostCorrections) {
       return;
     }
-    double const fall = fallDamped(qr, scale, length);
+    double const fall = fallDamped(qr, scale);
     double const correction = excess / bound / fall / fall;
     if (excess > 0.0) {
-      lowest = std::max(lowest, damping);
+      range.lowest = std::max(range.lowest, damping);
     }
     if (excess < 0.0) {
-      highest = std::min(highest, damping);
+      range.highest = std::min(range.highest, damping);
     }
-    damping = std::max(lowest, damping + correction);
+    damping = std::max(range.lowest, damping + correction);
   }
 }
 
@@ -148,14 +160,13 @@ void LevenbergMarquardtStep::findDamped(PivotedQr& qr, std::span<double const> s
   }
 }
 
-double LevenbergMarquardtStep::scaledLength(std::span<double const> scale) {
+void LevenbergMarquardtStep::measure(std::span<double const> scale) {
   std::transform(step.begin(), step.end(), scale.begin(), scaled.begin(), std::multiplies<>());
-  return norm(scaled);
+  length = norm(scaled);
 }
 
 /// Length of R^-T P^T D^2 step / length, whose square tells how fast the length falls with the damping.
-double LevenbergMarquardtStep::fallUndamped(PivotedQr const& qr, std::span<double const> scale,
-                                            double length) {
+double LevenbergMarquardtStep::fallUndamped(PivotedQr const& qr, std::span<double const> scale) {
   for (std::size_t j = 0; j < work.size(); ++j) {
     work[j] = scale[qr.order[j]] * scaled[qr.order[j]] / length;
     for (std::size_t i = 0; i < j; ++i) {
@@ -167,7 +178,7 @@ double LevenbergMarquardtStep::fallUndamped(PivotedQr const& qr, std::span<doubl
 }
 
 /// The same with the triangle that the damping made of R.
-double LevenbergMarquardtStep::fallDamped(PivotedQr const& qr, std::span<double const> scale, double length) {
+double LevenbergMarquardtStep::fallDamped(PivotedQr const& qr, std::span<double const> scale) {
   std::size_t const n = work.size();
   for (std::size_t j = 0; j < n; ++j) {
     work[j] = scale[qr.order[j]] * (scaled[qr.order[j]] / length);

@@ -14,6 +14,7 @@ class FULLWAVEFORM_EXPORT LevenbergMarquardtStep {
  public:
   double damping = 0.0;      ///< of the step found last, in the paper lambda; the next search starts there
   std::vector<double> step;  ///< to be taken off the parameters
+  double length = 0.0;       ///< of the step, scaled
 
   /// @param qr     of the derivatives, with the residual; the lower triangle of its R is used up
   /// @param scale  of every parameter
@@ -21,11 +22,19 @@ class FULLWAVEFORM_EXPORT LevenbergMarquardtStep {
   void find(PivotedQr& qr, std::span<double const> scale, double bound);
 
  private:
+  /// Between which the damping is looked for.
+  struct Range {
+    double lowest;
+    double highest;
+  };
+
+  Range startSearch(PivotedQr const& qr, std::span<double const> scale, double bound, bool isRegular);
+  void search(PivotedQr& qr, std::span<double const> scale, double bound, Range range);
   void findUndamped(PivotedQr const& qr, std::size_t rank);
   void findDamped(PivotedQr& qr, std::span<double const> scale);
-  double scaledLength(std::span<double const> scale);
-  double fallUndamped(PivotedQr const& qr, std::span<double const> scale, double length);
-  double fallDamped(PivotedQr const& qr, std::span<double const> scale, double length);
+  void measure(std::span<double const> scale);
+  double fallUndamped(PivotedQr const& qr, std::span<double const> scale);
+  double fallDamped(PivotedQr const& qr, std::span<double const> scale);
   double gradientLength(PivotedQr const& qr, std::span<double const> scale);
 
   std::vector<double> scaled;    ///< the step, scaled

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <limits>
 #include <numeric>
 #include <utility>
@@ -10,17 +11,14 @@
 
 namespace FullWaveform {
 
-void PivotedQr::factorise(GaussianSum& sum, std::span<double const> squares) {
-  std::size_t const n = squares.size();
+void PivotedQr::factorise(GaussianSum& sum, std::span<double const> squaresOfColumns) {
+  std::size_t const n = squaresOfColumns.size();
   order.resize(n);
   std::iota(order.begin(), order.end(), std::size_t{0});
   qtf.resize(n);
   triangle.resize(n * n);
-  norms.resize(n);
-  std::transform(squares.begin(), squares.end(), norms.begin(),
-                 [](double square) { return std::sqrt(square); });
-  norms0 = norms;
-  reflector.resize(sum.stride());
+  squares.resize(n + 1);
+  std::copy(squaresOfColumns.begin(), squaresOfColumns.end(), squares.begin());
   for (std::size_t k = 0; k < n; ++k) {
     choosePivot(k);
     r(k, k) = reflectRest(sum, k);
@@ -28,72 +26,39 @@ void PivotedQr::factorise(GaussianSum& sum, std::span<double const> squares) {
       r(k, j) = sum.column(order[j])[k];
     }
     qtf[k] = sum.column(n)[k];
-    downdateNorms(sum, k);
   }
 }
 
 /// Reflects the pivot's column onto row `step`, and the other columns and the residual along with it; returns
-/// what is left of the pivot's column. A column that is nothing below its row stays.
+/// what is left of the pivot's column. Where nothing is left to reflect, all stays.
 double PivotedQr::reflectRest(GaussianSum& sum, std::size_t step) {
-  GaussianKernels const& kernels = gaussianKernels(instructionSet);
-  // Whole lanes: some of the rows that are done lie before row `step`, and stay.
+  // Whole lanes: some of the rows that are done lie before row `step`, and have been read.
   std::size_t const from = step / laneCount * laneCount;
-  std::size_t const rows = sum.stride() - from;
-  double const* const column = sum.column(order[step]);
-  double const pivot = column[step];
-  double const tail = kernels.copyTail(column + from, reflector.data(), step - from, rows);
-  if (!(tail > std::numeric_limits<double>::min())) {
-    return pivot;
+  double* const column = sum.column(order[step]) + from;
+  if (!(squares[step] > std::numeric_limits<double>::min())) {
+    return column[step - from];
   }
-  double const beta = std::copysign(std::sqrt(pivot * pivot + tail), -pivot);
-  // Divided to a leading 1: columns that hold the same single sample, of echoes narrower than the sampling
-  // interval, then cancel without a remainder. What rounding would leave of them steers a step nearly
-  // without damping.
-  auto const values = std::span(reflector).first(rows);
-  std::transform(values.begin(), values.end(), values.begin(),
-                 [divisor = pivot - beta](double value) { return value / divisor; });
-  reflector[step - from] = 1.0;
-  toReflect.clear();
+  columns.clear();
   for (std::size_t j = step + 1; j < size(); ++j) {
-    toReflect.push_back(sum.column(order[j]) + from);
+    columns.push_back(sum.column(order[j]) + from);
   }
-  toReflect.push_back(sum.column(size()) + from);
-  kernels.reflect(reflector.data(), (beta - pivot) / beta, rows, toReflect.data(), toReflect.size());
-  return beta;
+  columns.push_back(sum.column(size()) + from);
+  return gaussianKernels(instructionSet)
+      .reflect({column, step - from, sum.stride() - from, squares[step], columns.data(), columns.size(),
+                squares.data() + step + 1});
 }
 
 /// The column with the largest norm comes next; rows that are done move along with their column.
 void PivotedQr::choosePivot(std::size_t step) {
-  auto const begin = norms.begin() + static_cast<std::ptrdiff_t>(step);
-  auto const chosen = static_cast<std::size_t>(std::max_element(begin, norms.end()) - norms.begin());
+  auto const begin = squares.begin() + static_cast<std::ptrdiff_t>(step);
+  auto const chosen = static_cast<std::size_t>(std::max_element(begin, squares.end() - 1) - squares.begin());
   if (chosen == step) {
     return;
   }
   std::swap(order[step], order[chosen]);
-  std::swap(norms[step], norms[chosen]);
-  std::swap(norms0[step], norms0[chosen]);
+  std::swap(squares[step], squares[chosen]);
   for (std::size_t row = 0; row < step; ++row) {
     std::swap(r(row, step), r(row, chosen));
-  }
-}
-
-void PivotedQr::downdateNorms(GaussianSum& sum, std::size_t step) {
-  constexpr double tooMuchLost = 0x1p-26;  // the root of the resolution of doubles
-  for (std::size_t j = step + 1; j < size(); ++j) {
-    if (norms[j] == 0.0) {
-      continue;
-    }
-    double const share = std::abs(r(step, j)) / norms[j];
-    double const left = std::max((1.0 + share) * (1.0 - share), 0.0);
-    double const sinceComputed = norms[j] / norms0[j];
-    if (left * sinceComputed * sinceComputed <= tooMuchLost) {
-      double const* const column = sum.column(order[j]);
-      norms[j] =
-          std::sqrt(gaussianKernels(instructionSet).copyTail(column, reflector.data(), step, sum.stride()));
-      norms0[j] = norms[j];
-    } else {
-      norms[j] *= std::sqrt(left);
-    }
   }
 }
 

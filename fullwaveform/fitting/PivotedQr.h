@@ -11,15 +11,15 @@
 namespace FullWaveform {
 
 /// Factorises the derivatives of a sum of Gaussians, J P = Q R, by Householder reflections with column
-/// pivoting (Golub and Van Loan, Matrix Computations, 5.4; column norms are downdated as in LAPACK Working
-/// Note 176), and takes the residual along to Q^T f.
+/// pivoting (Golub and Van Loan, Matrix Computations, 5.4), and takes the residual along to Q^T f. What is
+/// left of the columns' norms is summed anew by each reflection, not downdated.
 class FULLWAVEFORM_EXPORT PivotedQr {
  public:
   explicit PivotedQr(InstructionSet set = widestInstructionSet()) : instructionSet(set) {}
 
   /// Uses up the columns of the sum.
-  /// @param squares  the sum of the squares of each column
-  void factorise(GaussianSum& sum, std::span<double const> squares);
+  /// @param squaresOfColumns  the sum of the squares of each
+  void factorise(GaussianSum& sum, std::span<double const> squaresOfColumns);
 
   /// Number of columns.
   [[nodiscard]] std::size_t size() const { return qtf.size(); }
@@ -37,14 +37,11 @@ class FULLWAVEFORM_EXPORT PivotedQr {
  private:
   void choosePivot(std::size_t step);
   double reflectRest(GaussianSum& sum, std::size_t step);
-  void downdateNorms(GaussianSum& sum, std::size_t step);
 
   InstructionSet instructionSet;
-  std::vector<double> triangle;    ///< R, column by column
-  std::vector<double> norms;       ///< of the part of each column below the rows that are done
-  std::vector<double> norms0;      ///< the same when it was computed last, not downdated
-  std::vector<double> reflector;   ///< a value per row, 0 in the rows that are done
-  std::vector<double*> toReflect;  ///< columns
+  std::vector<double> triangle;  ///< R, column by column
+  std::vector<double> squares;   ///< of what each column, and behind them f, has below the rows that are done
+  std::vector<double*> columns;  ///< that are reflected along
 };
 
 }  // namespace FullWaveform

@@ -15,7 +15,7 @@ PivotedQr factorised(std::vector<double> const& parameters, std::vector<double> 
   sum.take(std::span(signal), 0.0, 0, parameters.size());
   sum.evaluate(parameters);
   std::vector<double> squares(parameters.size());
-  sum.differentiate(parameters, squares);
+  sum.differentiate(squares);
   PivotedQr qr;
   qr.factorise(sum, squares);
   return qr;
@@ -40,7 +40,7 @@ TEST(PivotedQr, KeepsLengthsAndAngles) {
   sum.take(std::span(signal), 0.0, 0, parameters.size());
   sum.evaluate(parameters);
   std::array<double, 6> squares{};
-  sum.differentiate(parameters, squares);
+  sum.differentiate(squares);
   PivotedQr const qr = factorised(parameters, signal);
   for (std::size_t a = 0; a < 6; ++a) {
     for (std::size_t b = 0; b <= a; ++b) {
