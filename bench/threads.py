@@ -1,15 +1,16 @@
-"""Two workers against one: C++ threads and Python threads, a driver each, as ratios.
+"""Two workers against one: C++ threads, processes and Python threads, as ratios.
 
 Usage: threads.py MEASURE    (MEASURE: the program fullwaveform_measure of the bench build)
 The ratio is the work done in a time with two workers over that with one; 2 is the best there is.
-By the clock on the wall it means something on a machine with two idle cores only; what threads cost
-each other shows in their own time as well (C++ thread ratio), whatever else runs.
+Two processes share nothing but the machine: what they lose, its two cores do not have. What threads
+lose beyond that, and in their own time (thread ratio), they cost each other.
 """
 
 from __future__ import annotations
 
 import sys
 import time
+from collections.abc import Callable
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
@@ -18,40 +19,52 @@ from scenes import Samples, cpp_apply, waveforms
 from fullwaveform import Driver, Scanner
 
 ROWS = 4000
-ROUNDS = 12
-RUNS = 10
+ROUNDS = 30
+RUNS = {0: 40, 1: 12}
+Work = Callable[[int], float]
 
 
 def python_apply(mode: int, samples: Samples, threads: int) -> float:
-    """Seconds until every thread has been through the samples several times."""
+    """Seconds a run until every thread has been through the samples several times."""
     drivers = [Driver(mode, Scanner.default(1e-9)) for _ in range(threads)]
 
     def work(driver: Driver) -> None:
-        for _ in range(RUNS):
+        for _ in range(RUNS[mode]):
             driver.apply(samples)
 
     with ThreadPoolExecutor(threads) as pool:
         start = time.perf_counter()
         list(pool.map(work, drivers))
-        return (time.perf_counter() - start) / RUNS
+        return (time.perf_counter() - start) / RUNS[mode]
+
+
+def ratios(program: Path, mode: int) -> dict[str, float]:
+    """Two workers against one, each the fastest of some rounds in turn."""
+    samples = waveforms(ROWS, 80, 2)
+    runs = RUNS[mode]
+    works: dict[str, Work] = {
+        "threads": lambda n: cpp_apply(program, samples, mode, runs=runs, threads=n).wall,
+        "thread time": lambda n: cpp_apply(program, samples, mode, threads=n).with_release,
+        "processes": lambda n: cpp_apply(program, samples, mode, runs=runs, processes=n).wall,
+        "Python": lambda n: python_apply(mode, samples, n),
+    }
+    times = {(name, n): float("inf") for name in works for n in (1, 2)}
+    for _ in range(ROUNDS):
+        for name, n in times:
+            times[name, n] = min(times[name, n], works[name](n))
+    return {name: 2 * times[name, 1] / times[name, 2] for name in works}
 
 
 def main(program: Path) -> None:
     """Prints the ratios."""
-    print("mode  C++ ratio  C++ thread ratio  Python ratio")
-    for mode in (0, 1):
-        samples = waveforms(ROWS, 80, 2)
-        wall, own, python = ([float("inf")] * 2 for _ in range(3))
-        for _ in range(ROUNDS):
-            for worker in (0, 1):
-                measured = cpp_apply(program, samples, mode, runs=RUNS, threads=worker + 1)
-                wall[worker] = min(wall[worker], measured.wall)
-                own[worker] = min(own[worker], measured.with_release)
-                python[worker] = min(python[worker], python_apply(mode, samples, worker + 1))
-        cpp_ratio, own_ratio, python_ratio = (
-            2 * times[0] / times[1] for times in (wall, own, python)
+    print("mode  C++ threads  threads' own time  C++ processes  threads/processes  Python threads")
+    for mode in RUNS:
+        found = ratios(program, mode)
+        print(
+            f"{mode:4}  {found['threads']:11.2f}  {found['thread time']:17.2f}"
+            f"  {found['processes']:13.2f}  {found['threads'] / found['processes']:17.2f}"
+            f"  {found['Python']:14.2f}"
         )
-        print(f"{mode:4}  {cpp_ratio:9.2f}  {own_ratio:16.2f}  {python_ratio:12.2f}")
 
 
 if __name__ == "__main__":

@@ -1,6 +1,7 @@
 // Runs the driver over a block that another program wrote, and prints one line: seconds of the fastest run,
-// seconds with the release of its result, bytes of the heap that the result holds, and seconds of both by the
-// clock on the wall; the others are the thread's own, which other programs do not lengthen.
+// seconds with the release of its result, bytes of the heap that the result holds, and seconds of a run by
+// the clock on the wall, all runs of all threads taken together; the others are the thread's own, which other
+// programs do not lengthen.
 //
 // measure SAMPLES ROWS COLUMNS WAVEFORMS_PER_SHOT MODE NOISE RUNS THREADS
 // SAMPLES is a file of ROWS x COLUMNS unsigned 16-bit counts in the machine's own byte order. With several
@@ -31,7 +32,7 @@ struct Times {
   double apply = std::numeric_limits<double>::infinity();    // s
   double release = std::numeric_limits<double>::infinity();  // s, the run included
   double bytes = 0.0;
-  double wall = std::numeric_limits<double>::infinity();  // s, release included
+  double wall = 0.0;  // s, release included
 };
 
 double secondsSince(Clock::time_point start) {
@@ -62,24 +63,30 @@ Block readBlock(char const* path, std::size_t rows, std::size_t columns, std::si
   return block;
 }
 
+/// Bytes of the heap that the result of one run holds.
+double bytesOfResult(Block const& block, Testing::Driver& driver, int noise) {
+  auto const before = mallinfo2().uordblks;
+  ShotMap const shots = block.run(driver, noise);
+  return static_cast<double>(mallinfo2().uordblks) - static_cast<double>(before);
+}
+
 Times measure(Block const& block, FWFModus modus, int noise, int runs, std::barrier<>& together) {
   Testing::Driver driver(modus, scanner(), "no such directory", "measure",
                          static_cast<unsigned>(block.waveforms->columns()));
   Times times;
+  times.bytes = bytesOfResult(block, driver, noise);
+  together.arrive_and_wait();
+  auto const startOnWall = Clock::now();
   for (int run = 0; run < runs; ++run) {
-    together.arrive_and_wait();
-    auto const before = mallinfo2().uordblks;
-    auto const startOnWall = Clock::now();
     double const start = threadSeconds();
     {
       ShotMap const shots = block.run(driver, noise);
       times.apply = std::min(times.apply, threadSeconds() - start);
-      times.bytes = static_cast<double>(mallinfo2().uordblks) - static_cast<double>(before);
     }
     times.release = std::min(times.release, threadSeconds() - start);
-    together.arrive_and_wait();
-    times.wall = std::min(times.wall, secondsSince(startOnWall));
   }
+  together.arrive_and_wait();
+  times.wall = secondsSince(startOnWall) / runs;
   return times;
 }
 
