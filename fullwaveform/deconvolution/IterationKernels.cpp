@@ -20,14 +20,17 @@ template <class Kernel, class... Arguments>
 }
 #endif
 
-/// Runs a kernel in the form that the compiler made of it for an instruction set.
-template <class Kernel, class... Arguments>
+/// Runs a kernel in the form that the compiler made of it for an instruction set, or for the widest one that
+/// there is a form for.
+template <class Kernel, InstructionSet Widest = InstructionSet::Avx512, class... Arguments>
 auto runOn([[maybe_unused]] InstructionSet set, Arguments... arguments) {
 #if defined(__x86_64__)
-  if (set == InstructionSet::Avx512) {
-    return runOnAvx512<Kernel>(arguments...);
+  if constexpr (Widest == InstructionSet::Avx512) {
+    if (set == InstructionSet::Avx512) {
+      return runOnAvx512<Kernel>(arguments...);
+    }
   }
-  if (set == InstructionSet::Avx2) {
+  if (set != InstructionSet::Baseline) {
     return runOnAvx2<Kernel>(arguments...);
   }
 #endif
@@ -131,8 +134,8 @@ void subtractNoise(InstructionSet set, std::span<double> values, double noise, d
 
 void multiply(InstructionSet set, std::span<double[2]> spectrum, double const (*kernel)[2]) {
   // GCC 12 fuses these products and sums where it has an instruction that alternates signs, against the flag
-  // that forbids it: not in the form for AVX-512, then.
-  runOn<Multiply>(std::min(set, InstructionSet::Avx2), spectrum.data(), kernel, spectrum.size());
+  // that forbids it: no form for AVX-512, then.
+  runOn<Multiply, InstructionSet::Avx2>(set, spectrum.data(), kernel, spectrum.size());
 }
 
 void divide(InstructionSet set, std::span<double const> observed, double const* blurred, double scale,

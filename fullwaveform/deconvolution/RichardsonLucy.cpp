@@ -5,12 +5,12 @@
 #include <stdexcept>
 #include <string>
 
+#include <fullwaveform/deconvolution/DeconvolutionInput.h>
 #include <fullwaveform/deconvolution/FftConvolution.h>
 #include <fullwaveform/deconvolution/FftPlanner.h>
 #include <fullwaveform/deconvolution/RichardsonLucyIteration.h>
 #include <fullwaveform/deconvolution/TransformLength.h>
 #include <fullwaveform/model/MarkBadPeaks.h>
-#include <fullwaveform/scanner/SystemWave.h>
 
 namespace FullWaveform {
 namespace {
@@ -19,15 +19,6 @@ constexpr double leastDifference = 2.0;  // counts
 /// Of a ladder: what one of them is given is at most that much shorter than planned for.
 constexpr std::size_t samplesBetweenPlanes = 25;
 constexpr auto noSystemWave = "RichardsonLucy<T,SimplePeakType>::RichardsonLucy:: Have no SysWave";
-
-Holdex::StrongPtr<Holdex::Chunk<double>> systemWaveOf(ScannerDevice const& device, std::uint32_t length) {
-  // A system wave of no samples, or steps of no length, is none.
-  if (device.size_sys == 0 || device.up_sampling == 0) {
-    return {};
-  }
-  double const step = device.sampling_time / device.up_sampling;
-  return createNormalizedSysWave(device.expsum_a, device.expsum_b, step, length, {});
-}
 
 /// Values of `count` samples with `steps` of them to each next sample; for no sample the step before the
 /// first.
@@ -41,16 +32,6 @@ std::uint32_t upsampledLength(std::uint32_t count, std::uint32_t steps) {
     throw std::length_error("RichardsonLucy: no transform for " + std::to_string(count) + " samples");
   }
   return static_cast<std::uint32_t>(length);
-}
-
-/// The samples of a waveform's range, both ends included; empty when there is no such range in the record.
-template <class T>
-std::span<T const> rangeOf(T const* samples, WavePoints<T> const& wave) {
-  // Records of one or two samples have a range that ends before it starts.
-  if (samples == nullptr || wave.globalEnd <= wave.globalStart || wave.globalEnd >= wave.length) {
-    return {};
-  }
-  return {samples + wave.globalStart, wave.globalEnd - wave.globalStart + std::size_t{1}};
 }
 
 }  // namespace
@@ -108,7 +89,8 @@ int RichardsonLucy<T, SimplePeakType>::apply(T const* samples, Holdex::StrongPtr
   if (!wave || !workspace) {
     return 1;
   }
-  std::span<T const> const range = rangeOf(samples, *wave);
+  std::span<T const> const record(samples, samples == nullptr ? 0 : wave->length);
+  std::span<T const> const range = rangeOf(record, *wave);
   std::size_t const length = range.empty() ? 0 : (range.size() - 1) * device.up_sampling;
   if (length < 2) {
     return 1;

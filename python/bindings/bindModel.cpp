@@ -13,6 +13,7 @@
 #include <fullwaveform/model/WavePoints.h>
 
 #include "Bindings.h"
+#include "NumpyColumn.h"
 
 namespace nb = nanobind;
 using FullWaveform::Peak;
@@ -21,8 +22,6 @@ using Samples = nb::ndarray<unsigned short const, nb::ndim<1>, nb::c_contig, nb:
 namespace {
 
 using Wave = FullWaveform::WavePoints<unsigned short>;
-template <class T>
-using Column = nb::ndarray<T const, nb::ndim<1>, nb::c_contig, nb::device::cpu>;
 
 Peak peakOf(double amplitude, double idx, double time, std::uint32_t type, std::uint32_t quality,
             double width, unsigned char classification, float reflectance) {
