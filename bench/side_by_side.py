@@ -1,16 +1,22 @@
 """The methods beside general tools on the same waveforms, in one run, as ratios of time.
 
-Usage: side_by_side.py
-Modes 0, 1 and 2 through Python `apply` against SciPy, lmfit and scikit-image, which are in the
-dependency group bench.
+Usage: side_by_side.py MEASURE_FITS  (the program fullwaveform_measure_fits of the bench build)
+SciPy, lmfit and scikit-image are in the dependency group bench. Fits are compared one by one, the
+same signal from the same start, and with the whole of Python `apply`, which finds its starts itself.
 """
 
 from __future__ import annotations
 
+import subprocess
+import sys
+import tempfile
+from collections.abc import Callable
+from pathlib import Path
+
 import numpy as np
 import numpy.typing as npt
 from lmfit import Model
-from scenes import fastest, waveforms
+from scenes import Samples, fastest, waveforms
 from scipy.optimize import curve_fit, least_squares, leastsq
 from scipy.signal import find_peaks
 from skimage.restoration import richardson_lucy
@@ -20,6 +26,8 @@ from fullwaveform import Driver, Scanner
 ROWS, SAMPLES, ECHOES = 400, 40, 2
 NOISE = 20
 ITERATIONS = 20
+TOLERANCE = 1e-3  # relative, of squares and parameters
+ROUNDS = 3
 Values = npt.NDArray[np.float64]
 X = np.arange(SAMPLES, dtype=float)
 
@@ -69,72 +77,124 @@ def lmfit_model() -> Model:
     return Model(two)
 
 
-def main() -> None:
-    """Prints the ratios."""
-    samples = waveforms(ROWS, SAMPLES, ECHOES)
-    signals = samples.astype(float) - NOISE
-    starts = [start_of(signal) for signal in signals]
-    tolerances = {"ftol": 1e-3, "xtol": 1e-3, "gtol": 0.0}
+def fits_in_cpp(program: Path, signals: Values, starts: Values) -> tuple[float, Values]:
+    """Microseconds of one fit without anything around it, and the fitted parameters."""
+    with tempfile.NamedTemporaryFile() as file:
+        signals.tofile(file)
+        starts.tofile(file)
+        file.flush()
+        numbers = map(str, (*signals.shape, starts.shape[1] // 3, 50))
+        done = subprocess.run(
+            [program, file.name, *numbers], check=True, capture_output=True, text=True
+        )
+    first, *rows = done.stdout.splitlines()
+    return float(first), np.array([row.split() for row in rows], dtype=float)
+
+
+def fits(signals: Values, starts: Values) -> dict[str, Callable[[], list[Values]]]:
+    """The general tools, each as a run through all signals that returns the parameters."""
     pairs = list(zip(signals, starts, strict=True))
     named = lmfit_model()
     names = ("a1", "m1", "s1", "a2", "m2", "s2")
-    pulse = np.exp(-0.5 * ((np.arange(12) - 4) / 1.8) ** 2)
-    pulse /= pulse.sum()
-    finer = np.repeat(
-        np.maximum(signals, 0.01), 5, axis=1
-    )  # as many samples as the method works on
+
+    def with_leastsq(signal: Values, start: Values) -> Values:
+        return leastsq(
+            lambda p: model(X, *p) - signal,
+            start,
+            Dfun=lambda p: jacobian(X, *p),
+            maxfev=20,
+            ftol=TOLERANCE,
+            xtol=TOLERANCE,
+            gtol=0.0,
+        )[0]
+
+    def with_least_squares(signal: Values, start: Values) -> Values:
+        return least_squares(
+            lambda p: model(X, *p) - signal,
+            start,
+            lambda p: jacobian(X, *p),
+            method="lm",
+            ftol=TOLERANCE,
+            xtol=TOLERANCE,
+        ).x
+
+    def with_curve_fit(signal: Values, start: Values) -> Values:
+        return curve_fit(model, X, signal, start, jac=jacobian, ftol=TOLERANCE, xtol=TOLERANCE)[0]
+
+    def with_lmfit(signal: Values, start: Values) -> Values:
+        found = named.fit(signal, x=X, **dict(zip(names, start, strict=True)))
+        return np.array([found.best_values[name] for name in names])
 
     tools = {
-        0: {"SciPy find_peaks + parabola": lambda: parabolas(samples.astype(float))},
-        1: {
-            "SciPy leastsq": lambda: [
-                leastsq(
-                    lambda p, y=y: model(X, *p) - y,
-                    start,
-                    Dfun=lambda p, y=y: jacobian(X, *p),
-                    maxfev=20,
-                    **tolerances,
-                )
-                for y, start in pairs
-            ],
-            "SciPy least_squares": lambda: [
-                least_squares(
-                    lambda p, y=y: model(X, *p) - y,
-                    start,
-                    lambda p: jacobian(X, *p),
-                    method="lm",
-                    ftol=1e-3,
-                    xtol=1e-3,
-                )
-                for y, start in pairs
-            ],
-            "SciPy curve_fit": lambda: [
-                curve_fit(model, X, y, start, jac=jacobian, ftol=1e-3, xtol=1e-3)
-                for y, start in pairs
-            ],
-            "lmfit": lambda: [
-                named.fit(y, x=X, **dict(zip(names, start, strict=True))) for y, start in pairs
-            ],
-        },
-        2: {
-            "scikit-image richardson_lucy": lambda: [
-                richardson_lucy(row / 4096.0, pulse, num_iter=ITERATIONS) for row in finer
-            ]
-        },
+        "SciPy leastsq": with_leastsq,
+        "SciPy least_squares": with_least_squares,
+        "SciPy curve_fit": with_curve_fit,
+        "lmfit": with_lmfit,
     }
-    print("mode  tool                          ours us  tool us   ratio")
-    for mode, alternatives in tools.items():
-        scanner = scanner_of() if mode == 2 else Scanner.default(1e-9)
-        driver = Driver(mode, scanner)
-        for name, work in alternatives.items():
-            ours = theirs = float("inf")
-            for _ in range(3):
-                ours = min(
-                    ours, fastest(lambda d=driver: d.apply(samples, noise=NOISE), 20) / ROWS * 1e6
-                )
-                with np.errstate(all="ignore"):
-                    theirs = min(theirs, fastest(work, 1) / ROWS * 1e6)
-            print(f"{mode:4}  {name:28}  {ours:7.2f}  {theirs:7.1f}  {theirs / ours:6.1f}")
+    return {
+        name: lambda fit=fit: [fit(signal, start) for signal, start in pairs]
+        for name, fit in tools.items()
+    }
+
+
+def compare_fits(program: Path, samples: Samples) -> None:
+    """One fit beside one on the same signal from the same start, and the whole of `apply`."""
+    signals = samples.astype(float) - NOISE
+    starts = np.array([start_of(signal) for signal in signals])
+    driver = Driver(1, Scanner.default(1e-9))
+    print(
+        "tool                  one fit us  apply us  tool us  tool/fit  tool/apply  apart, samples"
+    )
+    for name, work in fits(signals, starts).items():
+        fit = whole = theirs = float("inf")
+        for _ in range(ROUNDS):
+            taken, ours = fits_in_cpp(program, signals, starts)
+            fit = min(fit, taken)
+            whole = min(whole, microseconds(lambda: driver.apply(samples, noise=NOISE), 20))
+            theirs = min(theirs, microseconds(work, 1))
+        apart = np.max(np.abs(np.array(work()) - ours)[:, 1::3])
+        print(
+            f"{name:20}  {fit:10.2f}  {whole:8.2f}  {theirs:7.1f}  {theirs / fit:8.1f}"
+            f"  {theirs / whole:10.1f}  {apart:22.1e}"
+        )
+
+
+def compare_methods(samples: Samples) -> None:
+    """Modes 0 and 2 beside what comes near to them."""
+    pulse = np.exp(-0.5 * ((np.arange(12) - 4) / 1.8) ** 2)
+    pulse /= pulse.sum()
+    # As many samples as the method works on.
+    finer = np.repeat(np.maximum(samples.astype(float) - NOISE, 0.01), 5, axis=1)
+    tools: dict[str, tuple[Driver, Callable[[], object]]] = {
+        "SciPy find_peaks + parabola": (
+            Driver(0, Scanner.default(1e-9)),
+            lambda: parabolas(samples.astype(float)),
+        ),
+        "scikit-image richardson_lucy": (
+            Driver(2, scanner_of()),
+            lambda: [richardson_lucy(row / 4096.0, pulse, num_iter=ITERATIONS) for row in finer],
+        ),
+    }
+    print("tool                          apply us  tool us   ratio")
+    for name, (driver, work) in tools.items():
+        ours = theirs = float("inf")
+        for _ in range(ROUNDS):
+            ours = min(ours, microseconds(lambda d=driver: d.apply(samples, noise=NOISE), 20))
+            theirs = min(theirs, microseconds(work, 1))
+        print(f"{name:28}  {ours:8.2f}  {theirs:7.1f}  {theirs / ours:6.1f}")
+
+
+def microseconds(work: Callable[[], object], runs: int) -> float:
+    """Of one waveform in the fastest of some runs through all of them."""
+    with np.errstate(all="ignore"):
+        return fastest(work, runs) / ROWS * 1e6
+
+
+def main(program: Path) -> None:
+    """Prints the ratios."""
+    samples = waveforms(ROWS, SAMPLES, ECHOES)
+    compare_methods(samples)
+    compare_fits(program, samples)
 
 
 def scanner_of() -> Scanner:
@@ -150,4 +210,4 @@ def scanner_of() -> Scanner:
 
 
 if __name__ == "__main__":
-    main()
+    main(Path(sys.argv[1]))
