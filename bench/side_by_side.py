@@ -2,7 +2,7 @@
 
 Usage: side_by_side.py MEASURE_FITS  (the program fullwaveform_measure_fits of the bench build)
 SciPy, lmfit and scikit-image are in the dependency group bench. Fits are compared one by one, the
-same signal from the same start, and with the whole of Python `apply`, which finds its starts itself.
+same signal from the same start, and with the whole of Python `apply`, which finds its own starts.
 """
 
 from __future__ import annotations
