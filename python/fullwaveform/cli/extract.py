@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import time
-from collections.abc import Mapping
+from collections.abc import Callable, Mapping
 from dataclasses import dataclass
 from pathlib import Path
 from typing import TYPE_CHECKING, Annotated
@@ -122,6 +122,7 @@ def extract(
         fullwaveform extract scan.las -o parts --cluster local --workers 2
     """
     call: _Call | ClusterCall
+    left: Callable[[], str] | None = None
     if cluster is None:
         _check_that_no_cluster_is_needed(
             sources,
@@ -144,6 +145,7 @@ def extract(
             verbose=verbose,
             quiet=quiet,
         )
+        left = call.left
     call.check()
     wanted = Wanted(
         mode=mode_from(mode),
@@ -156,7 +158,7 @@ def extract(
         skip_unreadable=skip_unreadable,
         block=block,
     )
-    with told_in_a_sentence(call.left):
+    with told_in_a_sentence(left):
         summary = call.run(wanted)
         if not quiet:
             summary.show(Console())
@@ -191,10 +193,6 @@ class _Call:
             check_takes_empty(self.output, self.keep_empty)
         except ValueError as error:
             raise typer.BadParameter(str(error), param_hint="-o") from error
-
-    def left(self) -> str:
-        """What there is after a signal."""
-        return "no result was written"
 
     def run(self, wanted: Wanted) -> RunSummary:
         """Extracts the file."""

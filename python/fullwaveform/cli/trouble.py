@@ -5,10 +5,12 @@ from __future__ import annotations
 import signal
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
+from pathlib import Path
 
 import typer
 
 from fullwaveform.cli.signals import Ended, unwinding_on_signals
+from fullwaveform.formats.atomic import noting_files
 
 #: The data or the files are not as they must be.
 EXIT_DATA = 1
@@ -17,28 +19,34 @@ EXIT_USAGE = 2
 
 
 @contextmanager
-def told_in_a_sentence(
-    left: Callable[[], str] = lambda: "no result was written",
-) -> Iterator[None]:
+def told_in_a_sentence(left: Callable[[], str] | None = None) -> Iterator[None]:
     """Turns errors of files and values into a sentence and exit code 1, signals into theirs.
 
-    `left` says, after a signal, what there is of the result.
+    `left` says, after a signal, what there is of the result; without it, that is told by the files
+    that got their names.
     """
-    try:
-        with unwinding_on_signals():
-            yield
-    except OSError as error:
-        where = f"{error.filename}: " if error.filename and error.strerror else ""
-        _stop(f"{where}{error.strerror or error}")
-    except ValueError as error:
-        _stop(str(error))
-    except MemoryError:
-        _stop("not enough memory for one block of waveforms; try a smaller --block")
-    except KeyboardInterrupt as interruption:
-        # Libraries with handlers of their own make a plain one of Ctrl-C.
-        ended = interruption if isinstance(interruption, Ended) else Ended(signal.SIGINT)
-        typer.echo(f"{ended.participle}; {left()}", err=True)
-        raise typer.Exit(ended.exit_code) from None
+    with noting_files() as files:
+        try:
+            with unwinding_on_signals():
+                yield
+        except OSError as error:
+            where = f"{error.filename}: " if error.filename and error.strerror else ""
+            _stop(f"{where}{error.strerror or error}")
+        except ValueError as error:
+            _stop(str(error))
+        except MemoryError:
+            _stop("not enough memory for one block of waveforms; try a smaller --block")
+        except KeyboardInterrupt as interruption:
+            # Libraries with handlers of their own make a plain one of Ctrl-C.
+            ended = interruption if isinstance(interruption, Ended) else Ended(signal.SIGINT)
+            typer.echo(f"{ended.participle}; {left() if left else _told_of(files)}", err=True)
+            raise typer.Exit(ended.exit_code) from None
+
+
+def _told_of(files: list[Path]) -> str:
+    if not files:
+        return "no result was written"
+    return f"written before that: {', '.join(map(str, files))}"
 
 
 def _stop(sentence: str) -> None:

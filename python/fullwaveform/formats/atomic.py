@@ -15,10 +15,22 @@ from fullwaveform.interruption import raise_if_requested
 
 # Errors that only writing can bring: disk, quota or largest file size used up.
 _NO_SPACE = (errno.ENOSPC, errno.EDQUOT, errno.EFBIG)
+_noted: list[Path] | None = None
 
 
 class OutputError(OSError):
     """An output cannot be written any further; the message names it and says why."""
+
+
+@contextmanager
+def noting_files() -> Iterator[list[Path]]:
+    """Yield a list that receives the outputs that get their name in the block."""
+    global _noted
+    former, _noted = _noted, []
+    try:
+        yield _noted
+    finally:
+        _noted = former
 
 
 @contextmanager
@@ -42,6 +54,8 @@ def replace_when_whole(path: str | os.PathLike[str]) -> Iterator[Path]:
         yield temporary
         raise_if_requested()
         temporary.replace(final)
+        if _noted is not None:
+            _noted.append(final)
     except OSError as error:
         temporary.unlink(missing_ok=True)
         told = _told_of(error, temporary, final)

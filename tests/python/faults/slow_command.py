@@ -1,6 +1,6 @@
 """The command line with one of its steps slowed down, so that a signal comes while it lasts.
 
-Usage: slow_command.py blocks|renaming|nothing CALL...
+Usage: slow_command.py blocks|renaming|summary|nothing CALL...
 """
 
 from __future__ import annotations
@@ -41,6 +41,21 @@ def slow_renaming() -> None:
     atomic.raise_if_requested = slowly
 
 
+def slow_summary() -> None:
+    """Minutes pass between the name of the output and what is said about it."""
+    from fullwaveform.cli.summary import RunSummary
+
+    def slowly(self: RunSummary, console: Any) -> None:
+        time.sleep(LONG)
+
+    RunSummary.show = slowly  # type: ignore[method-assign]
+
+
 if __name__ == "__main__":
-    {"blocks": slow_blocks, "renaming": slow_renaming, "nothing": lambda: None}[sys.argv.pop(1)]()
+    {
+        "blocks": slow_blocks,
+        "renaming": slow_renaming,
+        "summary": slow_summary,
+        "nothing": lambda: None,
+    }[sys.argv.pop(1)]()
     main()

@@ -83,6 +83,15 @@ def test_when_the_output_is_whole_but_has_no_name_yet(
     assert names(tmp_path) == []
 
 
+def test_an_output_that_has_its_name_stays_and_is_told(scan: Path, tmp_path: Path) -> None:
+    output = tmp_path / "echoes.csv"
+    process = slow("summary", "extract", scan, "-o", output)
+    until(output.exists)
+    process.send_signal(signal.SIGTERM)
+    assert_ended(process, signal.SIGTERM, left=f"; written before that: {output}")
+    assert without_log(tmp_path) == [output.name]
+
+
 @pytest.mark.parametrize("second", [signal.SIGINT, signal.SIGTERM])
 def test_of_many_signals_one_is_heeded(scan: Path, tmp_path: Path, second: signal.Signals) -> None:
     """Which of two different ones that come together is for the system to say."""
