@@ -8,6 +8,7 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
+import laspy
 import numpy as np
 import pytest
 
@@ -60,6 +61,14 @@ def container(folder: Path) -> Path:
     return folder / "scan.h5"
 
 
+def compressed(folder: Path) -> Path:
+    """70,000 points: more than the 50,000 that are compressed, and read, at a time."""
+    settings = ScanSettings(shots=30_000, samples=40, lead_in=8)
+    plain = write_scan(simulate_scan(settings), folder / "many.las", point_format=4).las
+    laspy.read(plain).write(folder / "many.laz", do_compress=True)
+    return folder / "many.laz"
+
+
 @pytest.mark.parametrize("cut", ["scan.wdp", "scan.wvs", "scan.h5"])
 def test_samples_that_are_cut_off(
     own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, cut: str
@@ -78,15 +87,17 @@ def test_samples_that_are_cut_off(
     assert names(folder) == []
 
 
-@pytest.mark.parametrize("ending", [".las", ".pls"])
+@pytest.mark.parametrize(("ending", "left"), [(".las", 3 / 4), (".laz", 1 / 2), (".pls", 3 / 4)])
 def test_points_that_are_cut_off(
-    own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, ending: str
+    own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, ending: str, left: float
 ) -> None:
-    source = own_scan if ending == ".las" else pulsewaves(own_scan.parent)
-    size = source.stat().st_size
-    after_the_first_block(
-        monkeypatch, Extractor, "extract", lambda: os.truncate(source, size * 3 // 4)
-    )
+    source = {
+        ".las": lambda: own_scan,
+        ".laz": lambda: compressed(own_scan.parent),
+        ".pls": lambda: pulsewaves(own_scan.parent),
+    }[ending]()
+    size = int(source.stat().st_size * left)
+    after_the_first_block(monkeypatch, Extractor, "extract", lambda: os.truncate(source, size))
     (folder := tmp_path / "out").mkdir()
     result = run("extract", source, "-o", folder / "echoes.csv", *EXTRACT_BY_BLOCKS)
     assert_trouble(result, str(source))

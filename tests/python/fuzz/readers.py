@@ -5,6 +5,7 @@ from __future__ import annotations
 from collections.abc import Callable
 from pathlib import Path
 
+from fullwaveform.cluster.manifest_file import read_manifest
 from fullwaveform.formats.opening import open_waveforms
 from fullwaveform.scanner import Scanner
 from fullwaveform.simulation import read_truth
@@ -37,6 +38,11 @@ def read_curve(path: Path) -> None:
     Input(path, interval=1e-9).averaged_pulse(Scanner.default(sampling_interval=1e-9))
 
 
+def read_job(path: Path) -> None:
+    """Reads the manifest of a job, and the sums of what its parts hold."""
+    read_manifest(path.parent).total()
+
+
 READERS: dict[str, Callable[[Path], object]] = {
     "las": read_waveforms,
     "laz": read_waveforms,
@@ -46,4 +52,5 @@ READERS: dict[str, Callable[[Path], object]] = {
     "toml": read_description,
     "csv": read_curve,
     "truth": read_truth,
+    "manifest": read_job,
 }

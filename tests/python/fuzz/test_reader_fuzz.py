@@ -16,6 +16,12 @@ import laspy
 import numpy as np
 import pytest
 
+from fullwaveform.cluster.inputs import FileState, InputFile
+from fullwaveform.cluster.manifest import Manifest
+from fullwaveform.cluster.manifest_file import ManifestFile
+from fullwaveform.cluster.settings import JobSettings
+from fullwaveform.cluster.units import planned_parts
+from fullwaveform.extraction import ExtractionSettings
 from fullwaveform.formats.container_writer import ScanContainerWriter
 from fullwaveform.formats.opening import open_waveforms
 from fullwaveform.scanner import Scanner
@@ -77,6 +83,23 @@ def write_rows(las: Path, container: Path, archive: Path) -> None:
     np.savez_compressed(archive, sampling_interval=block.sampling_intervals, **arrays)
 
 
+def write_manifest(folder: Path) -> None:
+    """A job of two files, of which nothing is done yet."""
+    settings = JobSettings.of(
+        ExtractionSettings(Scanner.default(), noise=20),
+        {2: 0, 7: 3},
+        block=50,
+        unit_blocks=2,
+        part_format="parquet",
+    )
+    inputs = [
+        InputFile(name, [FileState(name, 1000, 5)], blocks)
+        for name, blocks in (("a.las", 3), ("b.las", 1))
+    ]
+    parts = planned_parts(inputs, 2, ".parquet")
+    ManifestFile(Manifest(1, "0.1.0", settings, inputs, parts), folder).save()
+
+
 @pytest.fixture(scope="module")
 def seeds(tmp_path_factory: pytest.TempPathFactory) -> dict[str, Path]:
     """A small file for each reader, in a folder of its name."""
@@ -84,6 +107,7 @@ def seeds(tmp_path_factory: pytest.TempPathFactory) -> dict[str, Path]:
     places = {
         name: folder / name / f"seed.{'csv' if name == 'truth' else name}" for name in READERS
     }
+    places["manifest"] = folder / "manifest" / "manifest.json"
     for place in places.values():
         place.parent.mkdir()
     scan = simulate_scan(ScanSettings(shots=12, samples=60, seed=3, lead_in=8))
@@ -96,6 +120,7 @@ def seeds(tmp_path_factory: pytest.TempPathFactory) -> dict[str, Path]:
     pulse = "".join(f"{i * 0.5},{1000.0 * 2.0 ** (-((i - 12) ** 2) / 9):.3f}\n" for i in range(40))
     places["csv"].write_text("time_ns,amplitude\n" + pulse)
     places["truth"].write_bytes(files.truth.read_bytes())
+    write_manifest(places["manifest"].parent)
     return places
 
 

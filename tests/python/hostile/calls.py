@@ -10,6 +10,25 @@ from ..formats.las_scenes import four_shots
 
 Case = Callable[[Path], list[str]]
 
+PULSE = [f"{0.5 * i},{1000.0 * 2.0 ** (-((i - 12) ** 2) / 9):.3f}" for i in range(40)]
+#: Texts of time and amplitude with one fault each.
+WAVES = {
+    "empty file": "",
+    "a line of names only": "time_ns,amplitude\n",
+    "one line": PULSE[0],
+    "a line of one column": "\n".join([*PULSE[:20], "10.0", *PULSE[20:]]),
+    "a line of three columns": "\n".join([*PULSE[:20], "10.0,1,2", *PULSE[20:]]),
+    "a word among the numbers": "\n".join([*PULSE[:20], "10.0,much", *PULSE[21:]]),
+    "an amplitude that is not a number": "\n".join([*PULSE[:20], "10.0,nan", *PULSE[21:]]),
+    "an infinite amplitude": "\n".join([*PULSE[:20], "10.0,inf", *PULSE[21:]]),
+    "a time that is not a number": "\n".join([*PULSE[:20], "nan,1.0", *PULSE[21:]]),
+    "a time twice": "\n".join([*PULSE[:20], PULSE[19], *PULSE[20:]]),
+    "times close together": "\n".join(f"{1e-300 * i},{i % 7}" for i in range(40)),
+    "times that fall": "\n".join(reversed(PULSE)),
+    "no pulse": "\n".join(f"{0.5 * i},0.0" for i in range(40)),
+    "amplitudes below 0": "\n".join(f"{0.5 * i},-1.0" for i in range(40)),
+}
+
 
 def call(*words: str) -> Case:
     """A call on a good scan; {} stands for the folder."""
@@ -49,6 +68,25 @@ def pipe(folder: Path) -> list[str]:
     """A pipe that nobody writes to would be waited for without end."""
     os.mkfifo(folder / "scan.las")
     return ["extract", str(folder / "scan.las"), "-o", str(folder / "out.csv")]
+
+
+def wave_of(text: str) -> Case:
+    """A system wave from two columns of text."""
+
+    def case(folder: Path) -> list[str]:
+        (folder / "pulse.csv").write_text(text, encoding="utf-8")
+        output = str(folder / "out.toml")
+        return ["system-wave", str(folder / "pulse.csv"), "-o", output, "--interval", "1"]
+
+    return case
+
+
+def compare_cut(folder: Path) -> list[str]:
+    """The second file of echoes lacks its last bytes."""
+    scan = four_shots().write(folder / "scan.las")
+    echoes = four_shots().write(folder / "echoes.las")
+    os.truncate(echoes, echoes.stat().st_size - 60)
+    return ["compare", str(scan), str(echoes)]
 
 
 def output_links_to_the_input(folder: Path) -> list[str]:
@@ -135,6 +173,9 @@ def cases() -> Iterator[tuple[str, Case]]:
         "system wave of a text that is none",
         call("system-wave", "{}/taken/file.txt", "-o", "{}/out.toml"),
     )
+    for what, content_of in WAVES.items():
+        yield f"system wave, {what}", wave_of(content_of)
+    yield "compare with a file that is cut off", compare_cut
     yield (
         "system wave of order 99",
         call("system-wave", "{}/scan.las", "-o", "{}/out.toml", "--order", "99"),

@@ -15,6 +15,14 @@ POINT = 57  # bytes of point format 4
 HEADER_SIZE, POINTS_START, RECORDS = 94, 96, 100
 FORMAT, POINT_SIZE, COUNT_13 = 104, 105, 107
 SCALES, OFFSETS = 131, 155
+NAMES = {
+    "dots and blanks": "a. b..c ",
+    "letters with accents": "Größe-é-数",
+    "a line feed": "a\nb",
+    "bytes that are no letters": os.fsdecode(b"\xff\xfe"),
+    "the signs of an option": "-o",
+    "the signs of a colour": "\x1b[31m[red]x",
+}
 PACKETS_START, EXTENDED_START, EXTENDED_COUNT, COUNT_14 = 227, 235, 243, 247
 
 
@@ -26,11 +34,11 @@ def good(folder: Path, **options: object) -> Path:
     return four_shots(**options).write(folder / "scan.las")
 
 
-def cut(to: int, *, packets: bool = False, inside: bool = False) -> Case:
+def cut(to: int, *, packets: bool = False, **options: object) -> Case:
     """The file, or its packets, end after so many bytes; negative: so many are missing."""
 
     def case(folder: Path) -> list[str]:
-        path = good(folder, inside=inside)
+        path = good(folder, **options)
         victim = path.with_suffix(".wdp") if packets else path
         size = victim.stat().st_size
         os.truncate(victim, to if to >= 0 else size + to)
@@ -78,6 +86,20 @@ def descriptor_patched(field: int, layout: str, value: float) -> Case:
 
 def scene(made: Callable[[], Scene]) -> Case:
     return lambda folder: extract(made().write(folder / "scan.las"))
+
+
+def named(stem: str, *, packets: bool) -> Case:
+    """A file of an unusual name that is cut off, or whose packets are missing."""
+
+    def case(folder: Path) -> list[str]:
+        path = good(folder)
+        if not packets:
+            path.with_suffix(".wdp").unlink()
+        else:
+            os.truncate(path, 100)
+        return extract(path.rename(folder / f"{stem}.las"))
+
+    return case
 
 
 def missing_packets(folder: Path) -> list[str]:
@@ -141,9 +163,21 @@ def cases() -> Iterator[tuple[str, Case]]:
             f"{-missing} bytes missing, packets inside",
             cut(missing, inside=True),
         )
+    new = {"version": "1.4", "point_format": 9}
+    for size in (227, 235, 243, 247, 255, 374, 375, 376, 428, 429, 455):
+        yield f"version 1.4, cut after byte {size}", cut(size, **new)
+    for missing in (-16, -17, -56, -76, -77, -135):
+        yield (
+            f"version 1.4, {-missing} bytes missing, packets inside",
+            cut(missing, inside=True, **new),
+        )
     yield "no packets", missing_packets
     yield "packets are a folder", packets_are_a_folder
     yield "packets link to themselves", packets_link_to_themselves
+
+    for what, stem in NAMES.items():
+        yield f"cut off, {what} in its name", named(stem, packets=True)
+        yield f"no packets, {what} in its name", named(stem, packets=False)
 
     for version in (1, 2, 5, 9):
         yield f"says to be version 1.{version}", patched(25, "<B", version)

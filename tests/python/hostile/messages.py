@@ -34,6 +34,8 @@ def outcomes(folder: Path) -> list[dict[str, Any]]:
     if done.returncode != 0:
         last = found[-1]["name"] if found else "nothing"
         raise RuntimeError(f"the program ended after {last}: {done.returncode} {done.stderr}")
+    if done.stderr:  # past Python, by a library
+        raise RuntimeError(f"something was said beside the sentences: {done.stderr}")
     return found
 
 
