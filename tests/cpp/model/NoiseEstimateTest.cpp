@@ -1,7 +1,9 @@
 #include <fullwaveform/model/NoiseEstimate.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <random>
 #include <span>
 #include <vector>
 
@@ -137,6 +139,67 @@ TEST(NoiseEstimate, NothingOutsideTheRecordIsRead) {
     Testing::inGuardedPlaces(Samples(length, 50), [length](unsigned short const* samples) {
       EXPECT_NE(estimateNoise(std::span(samples, length)), 1U);
     });
+  }
+}
+
+/// The estimate as it is written in a book: collect, sort, and a straight line.
+std::uint32_t plainLevel(std::span<unsigned short const> samples) {
+  std::vector<double> collected;
+  for (unsigned short const sample : samples) {
+    if (sample > 10) {
+      collected.push_back(sample);
+    }
+  }
+  if (collected.size() < 2) {
+    return 180;
+  }
+  std::size_t const k = std::clamp<std::size_t>(collected.size() / 10, 1, 10);
+  std::vector<double> line(collected.begin(), collected.begin() + static_cast<std::ptrdiff_t>(k));
+  if (samples.back() < samples.front()) {
+    line.assign(collected.end() - static_cast<std::ptrdiff_t>(k), collected.end());
+  }
+  double sums[4] = {};  // of x, y, x x and x y
+  for (std::size_t i = 0; i < k; ++i) {
+    auto const x = static_cast<double>(i);
+    sums[0] += x;
+    sums[1] += line[i];
+    sums[2] += x * x;
+    sums[3] += x * line[i];
+  }
+  auto const n = static_cast<double>(k);
+  double const slope = (n * sums[3] - sums[0] * sums[1]) / (n * sums[2] - sums[0] * sums[0]);
+  double const intercept = (sums[1] - slope * sums[0]) / n;
+  std::vector<double> residuals;
+  for (std::size_t i = 0; i < k; ++i) {
+    residuals.push_back(line[i] - intercept - slope * static_cast<double>(i));
+  }
+  auto const [least, most] = std::minmax_element(residuals.begin(), residuals.end());
+  std::sort(collected.begin(), collected.end());
+  double const lowest = collected[static_cast<std::size_t>(0.05 * static_cast<double>(collected.size()))];
+  double level = (*most - *least) * 5.0 + lowest;
+  if (collected.back() > 1800.0) {
+    level *= 2.0;
+  }
+  return std::isnan(level) ? 0x80000000U : static_cast<std::uint32_t>(level);
+}
+
+TEST(NoiseEstimate, RandomRecordsAtEveryAddressGiveWhatSortingGives) {
+  std::mt19937 chance(9);
+  auto const between = [&chance](int least, int most) {
+    return std::uniform_int_distribution<int>(least, most)(chance);
+  };
+  for (int number = 0; number < 20000; ++number) {
+    std::size_t const length = static_cast<std::size_t>(between(0, number % 100 == 0 ? 3000 : 200));
+    std::size_t const shift = static_cast<std::size_t>(number % 32);
+    // Few values close together, a wide floor, or anything that sixteen bits hold, some of it not signal.
+    int const lowest = between(0, 2) == 0 ? between(0, 12) : between(11, 4000);
+    int const highest = std::min(65535, lowest + (1 << between(0, 16)));
+    Samples memory(shift + length);
+    for (unsigned short& sample : memory) {
+      sample = static_cast<unsigned short>(between(lowest, highest));
+    }
+    std::span<unsigned short const> const record = std::span(memory).subspan(shift);
+    EXPECT_EQ(estimateNoise(record), plainLevel(record)) << number;
   }
 }
 
