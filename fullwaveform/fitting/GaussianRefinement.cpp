@@ -65,14 +65,14 @@ int GaussianRefinement::minimise(std::span<double> parameters) {
 void GaussianRefinement::linearise() {
   sum.differentiate(squares);
   for (std::size_t p = 0; p < norms.size(); ++p) {
-    norms[p] = isTrustworthy(squares[p]) ? std::sqrt(squares[p]) : scaledNorm({sum.column(p), sum.samples()});
+    norms[p] = norm({sum.column(p), sum.samples()}, squares[p]);
   }
   qr.factorise(sum, squares);
 }
 
 void GaussianRefinement::startScale(std::span<double const> parameters) {
   std::transform(norms.begin(), norms.end(), scale.begin(),
-                 [](double norm) { return norm == 0.0 ? 1.0 : norm; });
+                 [](double length) { return length == 0.0 ? 1.0 : length; });
   parameterLength = scaledLength(parameters);
   bound = parameterLength == 0.0 ? firstBound : firstBound * parameterLength;
 }
@@ -121,8 +121,7 @@ bool GaussianRefinement::hasConverged(Reduction const& reduction) const {
 }
 
 double GaussianRefinement::residualLength(double squaresOfResidual) {
-  return isTrustworthy(squaresOfResidual) ? std::sqrt(squaresOfResidual)
-                                          : scaledNorm({sum.column(trial.size()), sum.samples()});
+  return norm({sum.column(trial.size()), sum.samples()}, squaresOfResidual);
 }
 
 double GaussianRefinement::scaledLength(std::span<double const> values) {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <limits>
 #include <span>
 #include <vector>
 
@@ -22,12 +24,19 @@ struct GaussianShape {
       : amplitude(std::abs(parameters[0])),
         position(std::abs(parameters[1])),
         width(std::abs(parameters[2])),
-        perVariance(1.0 / (width * width)) {}
+        perVariance(reciprocal(width * width)),
+        perCube(reciprocal(width * (width * width))) {}
+
+  /// Finite for the least widths too: nothing times it stays nothing.
+  static double reciprocal(double x) {
+    return x > 0.0 ? std::min(1.0 / x, std::numeric_limits<double>::max()) : 1.0 / x;
+  }
 
   double amplitude;
   double position;
   double width;
   double perVariance;
+  double perCube;
 };
 
 /// Value at `x` of the Gaussian of height 1, exp(-(x - position)^2 / (2 width^2)).

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <cmath>
 #include <span>
 
@@ -13,21 +12,20 @@ inline bool isTrustworthy(double squares) {
   return squares > least && squares < most;
 }
 
-/// Euclidean norm, from squares relative to the largest value: nothing overflows or is lost.
-inline double scaledNorm(std::span<double const> values) {
-  double largest = 0.0;
+/// Euclidean norm of values whose squares overflow or are lost: powers of two move them to where they do not
+/// (Blue 1978, doi:10.1145/355769.355771). Norms below 3e-316 are 0; what is not a number is kept.
+inline double scaledNorm(std::span<double const> values, double squares) {
+  double const power = squares < 1.0 ? 0x1p511 : 0x1p-538;
+  double moved = 0.0;
   for (double const value : values) {
-    // Written so that what is not a number is kept.
-    largest = std::abs(value) <= largest ? largest : std::abs(value);
+    moved += (value * power) * (value * power);
   }
-  if (!(largest > 0.0) || !std::isfinite(largest)) {
-    return largest;
-  }
-  double squares = 0.0;
-  for (double const value : values) {
-    squares += (value / largest) * (value / largest);
-  }
-  return largest * std::sqrt(squares);
+  return std::sqrt(moved) / power;
+}
+
+/// Euclidean norm from the sum of the squares; the values are read only where that is not enough.
+inline double norm(std::span<double const> values, double squares) {
+  return isTrustworthy(squares) ? std::sqrt(squares) : scaledNorm(values, squares);
 }
 
 /// Euclidean norm of a few values.
@@ -36,7 +34,7 @@ inline double norm(std::span<double const> values) {
   for (double const value : values) {
     squares += value * value;
   }
-  return isTrustworthy(squares) ? std::sqrt(squares) : scaledNorm(values);
+  return norm(values, squares);
 }
 
 }  // namespace FullWaveform

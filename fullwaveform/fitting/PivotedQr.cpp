@@ -35,7 +35,7 @@ double PivotedQr::reflectRest(GaussianSum& sum, std::size_t step) {
   // Whole lanes: some of the rows that are done lie before row `step`, and have been read.
   std::size_t const from = step / laneCount * laneCount;
   double* const column = sum.column(order[step]) + from;
-  if (!(squares[step] > std::numeric_limits<double>::min())) {
+  if (squares[step] <= std::numeric_limits<double>::min()) {
     return column[step - from];
   }
   columns.clear();

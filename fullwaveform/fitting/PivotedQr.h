@@ -17,7 +17,7 @@ class FULLWAVEFORM_EXPORT PivotedQr {
  public:
   explicit PivotedQr(InstructionSet set = widestInstructionSet()) : instructionSet(set) {}
 
-  /// Uses up the columns of the sum.
+  /// Uses up the columns of the sum, which has at least as many samples as columns.
   /// @param squaresOfColumns  the sum of the squares of each
   void factorise(GaussianSum& sum, std::span<double const> squaresOfColumns);
 

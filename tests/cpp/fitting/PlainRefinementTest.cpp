@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -159,6 +160,27 @@ TEST(PlainRefinement, WildStartsEndElsewhereAsRarelyAsRoundingMakesThem) {
   EXPECT_LT(elsewhere, scenes / 100);
 }
 
+TEST(PlainRefinement, AnEchoOutOfReachDoesNotStopTheOthers) {
+  // 38.5 widths from the nearest sample the derivatives are the least numbers there are: columns of nothing,
+  // or scales of nothing that no step can be measured with.
+  constexpr int scenes = 400;
+  int elsewhere = 0;
+  for (int seed = 0; seed < scenes; ++seed) {
+    Scene scene = wildSceneOf(seed);
+    double const width = 0.5 + 0.01 * seed;
+    scene.start.insert(
+        scene.start.end(),
+        {300.0, scene.first + static_cast<double>(scene.signal.size()) - 1.0 + 38.5 * width, width});
+
+    Values plain = scene.start;
+    Values fast = scene.start;
+    Testing::plainRefinement(scene.signal, scene.first, plain);
+    refineGaussians(scene.signal, scene.first, fast);
+    elsewhere += isSame(fast, plain) ? 0 : 1;
+  }
+  EXPECT_LT(elsewhere, scenes / 50);
+}
+
 TEST(PlainRefinement, EveryInstructionSetGivesTheSameDigits) {
   std::vector<GaussianRefinement> refinements;
   for (InstructionSet const set : instructionSets()) {
@@ -172,6 +194,24 @@ TEST(PlainRefinement, EveryInstructionSetGivesTheSameDigits) {
       Values parameters = scene.start;
       refine(refinement, scene, parameters);
       EXPECT_EQ(parameters, expected) << seed;
+    }
+  }
+}
+
+TEST(PlainRefinement, EveryInstructionSetGivesTheSameDigitsFromWildStarts) {
+  // Where the last digits of a step decide, they must be the same ones.
+  std::vector<GaussianRefinement> refinements;
+  for (InstructionSet const set : instructionSets()) {
+    refinements.emplace_back(set);
+  }
+  for (int seed = 0; seed < 2000; ++seed) {
+    Scene const scene = wildSceneOf(seed);
+    Values expected = scene.start;
+    int const evaluations = refine(refinements.front(), scene, expected);
+    for (GaussianRefinement& refinement : refinements) {
+      Values parameters = scene.start;
+      EXPECT_EQ(refine(refinement, scene, parameters), evaluations) << seed;
+      EXPECT_EQ(std::memcmp(parameters.data(), expected.data(), 8 * expected.size()), 0) << seed;
     }
   }
 }
