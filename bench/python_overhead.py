@@ -1,7 +1,9 @@
 """Python `apply` against C++ `apply` on the same waveforms, in turn, as ratios.
 
-Usage: python_overhead.py MEASURE    (MEASURE: the program fullwaveform_measure of the bench build)
-Both times hold the whole way from samples to released results.
+Usage: python_overhead.py MEASURE [FILE...]
+MEASURE is the program fullwaveform_measure of the bench build; FILE is any file of waveforms, of
+which those of the most frequent length are taken. Without one, constructed waveforms are.
+Both times hold the whole way from samples to released results; every mode extracts all waveforms.
 """
 
 from __future__ import annotations
@@ -11,30 +13,54 @@ from functools import partial
 from pathlib import Path
 
 import numpy as np
-from scenes import cpp_apply, fastest, waveforms
+from scenes import Samples, cpp_apply, fastest, scanner, waveforms
 
-from fullwaveform import Driver, Scanner
+from fullwaveform import Driver
+from fullwaveform.formats.opening import open_waveforms
 
 ROWS = 4000
+NOISE = {"constructed": 20, "file": 8}  # counts
 
 
-def main(program: Path) -> None:
+def of_file(path: Path) -> Samples:
+    """Waveforms of one length, the most frequent one, no more than `ROWS`."""
+    with open_waveforms(path) as reader:
+        blocks = list(reader.blocks())
+    counts = np.concatenate([block.counts for block in blocks])
+    length = int(np.bincount(counts).argmax())
+    rows = [block.samples[block.counts == length, :length] for block in blocks]
+    return np.ascontiguousarray(np.concatenate(rows)[:ROWS])
+
+
+def compare(program: Path, name: str, samples: Samples, noise: int) -> None:
+    """Prints a line for every mode."""
+    rows, width = samples.shape
+    flags = (np.arange(rows) % 2).astype(np.uint8)
+    for mode in range(4):
+        driver = Driver(mode, scanner(), longest_waveform=width)
+        cpp = python = float("inf")
+        for _ in range(8):
+            measured = cpp_apply(program, samples, mode, noise=noise, runs=3)
+            cpp = min(cpp, measured.with_release)
+            work = partial(driver.apply, samples, channel_flags=flags, noise=noise)
+            python = min(python, fastest(work))
+        print(
+            f"{name:24}  {mode:4}  {cpp / rows * 1e6:6.3f}  {python / rows * 1e6:9.3f}  "
+            f"{python / cpp:5.2f}  {1e-3 * rows / python:21.1f}"
+        )
+
+
+def main(program: Path, files: list[Path]) -> None:
     """Prints the ratios."""
-    print("mode  samples  echoes  C++ us  Python us  ratio")
-    for mode in (0, 1):
+    print("waveforms                 mode  C++ us  Python us  ratio  thousand/s with Python")
+    for path in files:
+        compare(program, path.name, of_file(path), NOISE["file"])
+    if not files:
         for width, echoes in ((80, 2), (400, 6)):
             samples = waveforms(ROWS, width, echoes)
-            driver = Driver(mode, Scanner.default(1e-9))
-            flags = (np.arange(ROWS) % 2).astype(np.uint8)
-            cpp = python = float("inf")
-            for _ in range(8):
-                cpp = min(cpp, cpp_apply(program, samples, mode, runs=3).with_release)
-                python = min(python, fastest(partial(driver.apply, samples, channel_flags=flags)))
-            print(
-                f"{mode:4}  {width:7}  {echoes:6}  {cpp / ROWS * 1e6:6.3f}  "
-                f"{python / ROWS * 1e6:9.3f}  {python / cpp:5.2f}"
-            )
+            name = f"{width} samples, {echoes} echoes"
+            compare(program, name, samples, NOISE["constructed"])
 
 
 if __name__ == "__main__":
-    main(Path(sys.argv[1]))
+    main(Path(sys.argv[1]), [Path(name) for name in sys.argv[2:]])

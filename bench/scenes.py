@@ -12,6 +12,8 @@ from pathlib import Path
 import numpy as np
 import numpy.typing as npt
 
+from fullwaveform import Scanner
+
 Samples = npt.NDArray[np.uint16]
 
 
@@ -25,6 +27,18 @@ def waveforms(rows: int, samples: int, echoes: int, seed: int = 1) -> Samples:
         height, width = chance.uniform(60, 460, (rows, 1)), chance.uniform(2, 3, (rows, 1))
         signal += height * np.exp(-0.5 * ((x - centre) / width) ** 2)
     return np.clip(np.rint(signal), 0, 4095).astype(np.uint16)
+
+
+def scanner() -> Scanner:
+    """The scanner of the C++ programs: its pulse is exp(-t/4) (1 - cos(t/2)), t in ns."""
+    attributes = {
+        **Scanner.default(1e-9).attributes,
+        "a_real": [1.0, -0.5, -0.5],
+        "a_imag": [0.0, 0.0, 0.0],
+        "b_real": [-0.25e9] * 3,
+        "b_imag": [0.0, 0.5e9, -0.5e9],
+    }
+    return Scanner(attributes)
 
 
 @dataclass(frozen=True)
