@@ -1,5 +1,6 @@
 #include <fullwaveform/deconvolution/IterationKernels.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -8,6 +9,7 @@
 #include <span>
 #include <vector>
 
+#include <fullwaveform/fitting/ZeroCrossing.h>
 #include <gtest/gtest.h>
 
 namespace FullWaveform {
@@ -146,6 +148,35 @@ TEST(IterationKernels, EveryInstructionSetGivesTheSameDigitsAtEveryLengthAndAddr
         ASSERT_EQ(ratios, expectedRatios) << count << " values";
         ASSERT_EQ(estimate, expectedEstimate) << count << " values";
         ASSERT_EQ(sum, expectedSum) << count << " values";
+      }
+    }
+  }
+}
+
+TEST(IterationKernels, PassesOverTheSignalAreThePlainLoopsAtEveryLengthAndAddress) {
+  for (std::size_t count = 0; count < 70; ++count) {
+    for (std::size_t shift = 0; shift < 4; ++shift) {
+      Values signal = mixed(shift + count, 3);
+      std::span<double> const part = std::span(signal).subspan(shift);
+      Values aboveNoise;
+      std::vector<std::uint16_t> expectedCounts;
+      double most = 0.0;
+      for (double const value : part) {
+        most = std::max(most, value);
+        aboveNoise.push_back(std::max(value - 0.5, 0.0) / 0.7);
+        expectedCounts.push_back(static_cast<std::uint16_t>(toSixteenBits(value * 300.0 / 1.7 + 20.0)));
+      }
+      for (InstructionSet const set : availableSets()) {
+        EXPECT_EQ(IterationKernels::largest(set, part), most) << count << " values";
+        std::vector<std::uint16_t> counts(shift + count);
+        IterationKernels::toCounts(set, part, 300.0, 1.7, 20.0, counts.data() + shift);
+        counts.erase(counts.begin(), counts.begin() + static_cast<std::ptrdiff_t>(shift));
+        EXPECT_EQ(counts, expectedCounts) << count << " values";
+        Values cut = signal;
+        IterationKernels::subtractNoise(set, std::span(cut).subspan(shift), 0.5, 0.7);
+        EXPECT_TRUE(std::equal(aboveNoise.begin(), aboveNoise.end(),
+                               cut.begin() + static_cast<std::ptrdiff_t>(shift)))
+            << count << " values";
       }
     }
   }

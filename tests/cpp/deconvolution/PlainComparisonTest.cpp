@@ -24,14 +24,15 @@ using Ladder = RL_Planes<unsigned short, ZeroCrossing>;
 using Echoes = std::vector<PlainRichardsonLucy::Echo>;
 
 constexpr std::size_t longest = 160;     // samples
+constexpr std::size_t longRecord = 400;  // samples
 constexpr double lastPlace = 0x1p-51;    // of a convolution's largest value: two orders of the same sums
 constexpr double samePosition = 1e-9;    // samples
 constexpr double truncatedCounts = 1.0;  // what is scaled to a whole count may be truncated to the one below
 
 /// One to six echoes of random height anywhere in a record of random length, and noise.
-Samples randomRecord(std::minstd_rand& chance) {
+Samples randomRecord(std::minstd_rand& chance, std::size_t most = longest) {
   std::uniform_real_distribution<double> uniform(0.0, 1.0);
-  auto const length = static_cast<std::size_t>(20.0 + uniform(chance) * (longest - 20));
+  auto const length = static_cast<std::size_t>(20.0 + uniform(chance) * static_cast<double>(most - 20));
   std::vector<std::pair<double, double>> echoes(1 + chance() % 6);
   for (auto& [start, counts] : echoes) {
     start = uniform(chance) * static_cast<double>(length) - 5.0;
@@ -65,8 +66,8 @@ bool agree(Echoes const& a, Echoes const& b, double position, double amplitude) 
 /// Plain deconvolvers by the number of the plane they stand beside.
 class PlainLadder {
  public:
-  explicit PlainLadder(ScannerDevice const& scanner) {
-    for (std::size_t count = 25; count <= longest + 25; count += 25) {
+  PlainLadder(ScannerDevice const& scanner, std::size_t most) {
+    for (std::size_t count = 25; count <= most + 25; count += 25) {
       planes.emplace_back(scanner, count);
     }
   }
@@ -91,15 +92,15 @@ bool decidedByRounding(PlainRichardsonLucy& plain, Samples const& record,
   return false;
 }
 
-void expectPlainEchoes(std::uint32_t upSampling, int records) {
+void expectPlainEchoes(std::uint32_t upSampling, int records, std::size_t most = longest) {
   ScannerDevice const scanner = skewedScanner(upSampling);
-  Ladder ladder(scanner, longest);
-  PlainLadder plainLadder(scanner);
+  Ladder ladder(scanner, static_cast<unsigned int>(most));
+  PlainLadder plainLadder(scanner, most);
   std::minstd_rand chance(7);
   std::size_t echoes = 0;
   int flipped = 0;
   for (int number = 0; number < records; ++number) {
-    Samples const record = randomRecord(chance);
+    Samples const record = randomRecord(chance, most);
     WavePtr const wave = waveOf(record, scanner);
     if (wave->globalEnd <= wave->globalStart) {
       continue;
@@ -124,6 +125,10 @@ TEST(PlainComparison, ManyRecordsGiveTheSameEchoes) {
 
 TEST(PlainComparison, ManyRecordsGiveTheSameEchoesWithoutUpSampling) {
   expectPlainEchoes(1, 2000);
+}
+
+TEST(PlainComparison, LongRecordsGiveTheSameEchoes) {
+  expectPlainEchoes(5, 400, longRecord);
 }
 
 TEST(PlainComparison, EveryInstructionSetGivesTheSameDigits) {

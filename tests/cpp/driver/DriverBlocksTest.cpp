@@ -76,7 +76,8 @@ TEST_P(DriverBlocks, OrderOfTheShotsDoesNotMatter) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, DriverBlocks,
-                         testing::Values(FWFModus::ThreePoint, FWFModus::Decomposition, FWFModus::Hybrid));
+                         testing::Values(FWFModus::ThreePoint, FWFModus::Decomposition,
+                                         FWFModus::Deconvolution, FWFModus::Hybrid));
 
 }  // namespace
 }  // namespace FullWaveform

@@ -1,8 +1,10 @@
 #include <fullwaveform/fitting/ZeroCrossing.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <list>
+#include <random>
 #include <set>
 #include <span>
 #include <utility>
@@ -227,6 +229,51 @@ TEST(ZeroCrossing, ValuesWithoutConversionStandAsTheyAre) {
 TEST(ZeroCrossing, ValuesOfNoUseReadAsZero) {
   double const notANumber = std::numeric_limits<double>::quiet_NaN();
   EXPECT_EQ(scanValues({notANumber, 9.0, 1e300, 8.0, notANumber}, {1, 3}), (Found{{1, 9}, {3, 8}}));
+}
+
+/// The rule in its own words, without any speed.
+Found plainMaxima(Samples const& samples, Scan const& scan) {
+  int const end = static_cast<int>(samples.size()) - 1;
+  auto const at = [&](int i) -> int { return samples[static_cast<std::size_t>(std::clamp(i, 0, end))]; };
+  Found found;
+  Found largest;
+  for (int i = std::max(scan.first, 0); i <= std::min(scan.last, end); ++i) {
+    bool const isMaximum = at(i) > at(i - 1) && at(i) >= at(i + 1);
+    bool const standsOut =
+        at(i) - at(i - 1) >= scan.minimumDifference || at(i) - at(i + 1) >= scan.minimumDifference;
+    if (at(i) > scan.noise && isMaximum && standsOut) {
+      found.emplace_back(i, at(i));
+    }
+    if (at(i) > scan.noise && (largest.empty() || at(i) > largest[0].second)) {
+      largest = {{i, at(i)}};
+    }
+  }
+  return found.empty() ? largest : found;
+}
+
+TEST(ZeroCrossing, RandomRecordsGiveWhatTheRuleSays) {
+  std::mt19937 chance(5);
+  auto const between = [&chance](int least, int most) {
+    return std::uniform_int_distribution<int>(least, most)(chance);
+  };
+  std::size_t maxima = 0;
+  for (int number = 0; number < 20000; ++number) {
+    // Few different values make plateaus and equal maxima; some of them lie at the end of the scale.
+    int const floor = between(0, 4) == 0 ? 65527 : 0;
+    int const highest = number % 3 == 0 ? 300 : 8;
+    Samples samples(static_cast<std::size_t>(between(1, 24)));
+    for (unsigned short& sample : samples) {
+      sample = static_cast<unsigned short>(std::min(floor + between(0, highest), 65535));
+    }
+    int const end = static_cast<int>(samples.size());
+    Scan const settings{between(-2, end), between(-2, end + 1),
+                        static_cast<unsigned short>(floor + between(0, 4)),
+                        static_cast<double>(between(0, 3))};
+    Found const found = scan(samples, settings);
+    EXPECT_EQ(found, plainMaxima(samples, settings)) << number;
+    maxima += found.size();
+  }
+  EXPECT_GT(maxima, 15000U);
 }
 
 TEST(ToSixteenBits, TruncatesTowardZeroAndKeepsTheLowBits) {

@@ -1,9 +1,12 @@
 #include <fullwaveform/online/OnlineEvaluation.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <limits>
 #include <map>
+#include <random>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -231,6 +234,58 @@ TEST(OnlineEvaluation, ShortestArrayCutsAll) {
     EXPECT_EQ(numbers(shots.at(5.0)), (Values{0.0}));
     EXPECT_EQ(console.messages(), (Messages{"OnlineEvaluation::apply: 2 echoes left out (no shot time, or no "
                                             "value in one of the arrays)"}));
+  }
+}
+
+/// The evaluation without any speed: for each time, all echoes again.
+struct PlainShots {
+  explicit PlainShots(Echoes const& echoes) {
+    for (double const time : std::set<double>(echoes.shotTimes.begin(), echoes.shotTimes.end())) {
+      std::vector<std::size_t> own;
+      for (std::size_t i = 0; i < echoes.shotTimes.size(); ++i) {
+        if (echoes.shotTimes[i] == time) {
+          own.push_back(i);
+        }
+      }
+      std::stable_sort(own.begin(), own.end(),
+                       [&](std::size_t a, std::size_t b) { return echoes.ranges[a] < echoes.ranges[b]; });
+      for (std::size_t k = 0; k < own.size(); ++k) {
+        shots[time].push_back(static_cast<double>(own[k]));
+        wideGaps += k > 0 && echoes.ranges[own[k]] - echoes.ranges[own[k - 1]] >= 8.0 ? 1U : 0U;
+      }
+      flags[time] = echoes.flags[own[0]];
+    }
+  }
+
+  std::map<double, Values> shots;  // numbers of the echoes
+  std::map<double, int> flags;
+  std::size_t wideGaps = 0;
+};
+
+TEST(OnlineEvaluation, RandomEchoesGiveThePlainShots) {
+  std::mt19937 chance(3);
+  auto const below = [&chance](int count) {
+    return std::uniform_int_distribution<int>(0, count - 1)(chance);
+  };
+  Evaluation evaluation(slowScanner());  // one for all: nothing of a call stays behind
+  for (int number = 0; number < 300; ++number) {
+    int const shotCount = 1 + below(20);
+    Echoes echoes;
+    for (int i = below(200); i >= 0; --i) {
+      echoes.shotTimes.push_back(100.0 + below(shotCount));
+      echoes.ranges.push_back(0.25 * below(100));  // equal ones occur
+      echoes.amplitudes.push_back(static_cast<float>(echoes.amplitudes.size()));
+      echoes.flags.push_back(static_cast<unsigned char>(below(3)));
+      echoes.reflectances.push_back(0.0F);
+    }
+    PlainShots const expected(echoes);
+    Shots const shots = apply(evaluation, echoes);
+    ASSERT_EQ(shots.size(), expected.shots.size());
+    for (auto const& [time, wave] : shots) {
+      EXPECT_EQ(numbers(wave), expected.shots.at(time)) << number;
+      EXPECT_EQ(wave->isLowPower, expected.flags.at(time) == 1) << number;
+    }
+    EXPECT_EQ(evaluation.wideGaps(), expected.wideGaps) << number;
   }
 }
 

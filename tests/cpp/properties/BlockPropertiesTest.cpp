@@ -1,4 +1,6 @@
 // What must hold for every block, whatever is in it: tried on random scans in every mode.
+#include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <limits>
 #include <map>
@@ -12,6 +14,7 @@
 #include "properties/RandomScans.h"
 #include "support/ConsoleCapture.h"
 #include "support/TemporaryDirectory.h"
+#include "support/Threads.h"
 
 namespace FullWaveform {
 namespace {
@@ -145,6 +148,61 @@ TEST_P(BlockProperties, ABlockCutBetweenShotsGivesTheSameShots) {
     parts.merge(bytesOf(blockOf({middle, rows.end()}).run(both, scanNoise)));
     EXPECT_EQ(parts, whole) << "cut before row " << cut;
   }
+}
+
+TEST_P(BlockProperties, ShotsWhoseRowsLieApartAreTheSameShots) {
+  std::vector<Row> rows = randomScan(17, shotsOfScan);
+  Texts const together = bytesOf(run(rows));
+  std::stable_sort(rows.begin(), rows.end(),
+                   [](Row const& a, Row const& b) { return a.shotTime < b.shotTime; });
+  EXPECT_EQ(bytesOf(run(rows)), together) << "in the order of time";
+  // The first rows of all shots, then the second ones, then the third ones.
+  std::map<double, std::vector<Row>> shots;
+  for (Row const& row : rows) {
+    shots[row.shotTime].push_back(row);
+  }
+  std::vector<Row> apart;
+  for (std::size_t place = 0; apart.size() < rows.size(); ++place) {
+    for (auto const& [time, own] : shots) {
+      if (place < own.size()) {
+        apart.push_back(own[place]);
+      }
+    }
+  }
+  EXPECT_EQ(bytesOf(run(apart)), together) << "apart";
+}
+
+TEST_P(BlockProperties, RowsMayBeginAtAnyAddress) {
+  constexpr std::size_t places = 32;  // samples to a cache line
+  std::vector<Row> const rows = randomScan(18, shotsOfScan);
+  Texts const expected = bytesOf(run(rows));
+  for (std::size_t shift = 0; shift < places; ++shift) {
+    std::vector<Samples> memories;
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+      Samples& memory = memories.emplace_back((shift + row) % places, 65535);
+      memory.insert(memory.end(), rows[row].samples.begin(), rows[row].samples.end());
+    }
+    Block block = blockOf(rows);
+    block.waveforms = Driver::Waveforms(new Array({rows.size(), longestRecord}, [&](std::size_t row) {
+      return memories[row].data() + (shift + row) % places;
+    }));
+    Driver fresh = driver();
+    EXPECT_EQ(bytesOf(block.run(fresh, scanNoise)), expected) << "moved by " << shift;
+  }
+}
+
+TEST_P(BlockProperties, EveryThreadFindsWhatOneFinds) {
+  Block const block = blockOf(randomScan(19, shotsOfScan));
+  Driver alone = driver();
+  Texts const expected = bytesOf(block.run(alone, scanNoise));
+  std::atomic<int> different{0};
+  onThreads(4, [&](int) {
+    Driver own = driver();
+    for (int round = 0; round < 3; ++round) {
+      different += bytesOf(block.run(own, scanNoise)) == expected ? 0 : 1;
+    }
+  });
+  EXPECT_EQ(different, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, BlockProperties, testing::Values(0U, 1U, 2U, 3U));
