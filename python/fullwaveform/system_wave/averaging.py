@@ -40,6 +40,7 @@ _HUBER = 2.0  # standard deviations from which a sample loses weight
 _UNLIKE_DEVIATIONS = 6.0
 _LARGEST_MOVE = 0.5  # samples per turn
 _LEAST_SAMPLES = 8  # of a curve
+_LARGEST_AMPLITUDE = 1e100  # of a curve; its third power is still a number
 _LEAST_INTERVALS = 12.0  # that a curve spans: the deconvolution looks at twelve samples
 
 
@@ -120,13 +121,17 @@ def pulse_of_curve(
     sampling_interval : s, of the records that the pulse is for
 
     Raises ValueError when the times do not ascend or span fewer than 12 sampling intervals, values
-    are not finite, or there is no pulse.
+    are not finite or beyond 1e100, or there is no pulse.
     """
     t, y = np.asarray(time, dtype=np.float64), np.asarray(amplitude, dtype=np.float64)
     if t.ndim != 1 or t.shape != y.shape or len(t) < _LEAST_SAMPLES:
         raise ValueError(f"{origin}: a pulse needs at least {_LEAST_SAMPLES} times with amplitudes")
     if not (np.isfinite(t).all() and np.isfinite(y).all() and np.all(np.diff(t) > 0.0)):
         raise ValueError(f"{origin}: times must ascend, and all values be finite")
+    if np.abs(y).max() > _LARGEST_AMPLITUDE:
+        raise ValueError(
+            f"{origin}: an amplitude of {np.abs(y).max():.4g} is beyond {_LARGEST_AMPLITUDE:.0e}"
+        )
     x = t / sampling_interval
     if x[-1] - x[0] < _LEAST_INTERVALS:
         raise ValueError(

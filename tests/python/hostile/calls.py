@@ -21,6 +21,8 @@ WAVES = {
     "a word among the numbers": "\n".join([*PULSE[:20], "10.0,much", *PULSE[21:]]),
     "an amplitude that is not a number": "\n".join([*PULSE[:20], "10.0,nan", *PULSE[21:]]),
     "an infinite amplitude": "\n".join([*PULSE[:20], "10.0,inf", *PULSE[21:]]),
+    "an amplitude without a square": "\n".join([*PULSE[:20], "10.0,1e308", *PULSE[21:]]),
+    "amplitudes of another world": "\n".join(f"{0.5 * i},{i}e300" for i in range(40)),
     "a time that is not a number": "\n".join([*PULSE[:20], "nan,1.0", *PULSE[21:]]),
     "a time twice": "\n".join([*PULSE[:20], PULSE[19], *PULSE[20:]]),
     "times close together": "\n".join(f"{1e-300 * i},{i % 7}" for i in range(40)),
