@@ -19,8 +19,8 @@ from scenes import Samples, cpp_apply, waveforms
 from fullwaveform import Driver, Scanner
 
 ROWS = 4000
-ROUNDS = 30
-RUNS = {0: 40, 1: 12}
+ROUNDS = 12
+RUNS = {0: 60, 1: 30}
 Work = Callable[[int], float]
 
 
