@@ -6,8 +6,8 @@
 #
 # Not among them, under asan:
 # - test_cli_scans.py compares the memory of whole runs, of which the sanitizer needs more with every block;
-# - test_plain_road.py, test_waveform_picture.py and most of system_wave/ are good, long, and call the library
-#   as others here do; fuzz/, simulation/ and most of formats/ are good and hardly call it, if at all.
+# - test_plain_road.py, test_waveform_picture.py and test_{command,offset}.py of system_wave/ are good, long, and
+#   call the library as others here do; fuzz/, simulation/ and most of formats/ are good and hardly call it.
 # Under tsan, those that read or write LAZ: lazrs has threads of its own and was built without the sanitizer,
 # which cannot see how they wait for each other and reports a race inside lazrs.
 #
