@@ -8,6 +8,7 @@ from concurrent.futures import CancelledError
 from typing import Any
 
 from fullwaveform.cluster.work import Plain
+from fullwaveform.interruption import raise_if_requested
 
 _PER_THREAD = 2  # units with the scheduler per thread of the workers: one runs, one is next
 _TICK = 0.5  # s
@@ -78,6 +79,7 @@ class Dispatcher:
 
     def _next(self, done: queue.SimpleQueue[Any]) -> Any:
         while True:
+            raise_if_requested()  # a signal that came while the manifest was written
             try:
                 future = done.get(timeout=_TICK)
             except queue.Empty:

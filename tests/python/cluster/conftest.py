@@ -6,7 +6,15 @@ from collections.abc import Iterator
 
 import pytest
 
+from ..child_processes import end_what_was_left
 from .processes import scheduler, workers
+
+
+@pytest.fixture(autouse=True)
+def nothing_runs_on() -> Iterator[None]:
+    """Whatever becomes of a test, its processes end with it."""
+    yield
+    end_what_was_left()
 
 
 @pytest.fixture(scope="session")

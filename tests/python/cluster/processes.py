@@ -3,35 +3,15 @@
 from __future__ import annotations
 
 import json
-import os
 import subprocess
 import sys
-import time
-from collections.abc import Callable, Iterator
+from collections.abc import Iterator
 from contextlib import ExitStack, contextmanager
 from pathlib import Path
-from typing import Any
 
-import fullwaveform
+from ..child_processes import environment, started, until
 
-PATIENCE = 120.0  # s; only ever waited out where something is broken
-PACKAGE = str(Path(fullwaveform.__file__).resolve().parents[1])
 HOLD = Path(__file__).with_name("held_workers.py")
-
-
-def until(what: Callable[[], Any]) -> Any:
-    """What the function gives as soon as it is true."""
-    end = time.monotonic() + PATIENCE
-    while not (found := what()):
-        assert time.monotonic() < end, "waited in vain"
-        time.sleep(0.02)
-    return found
-
-
-def environment(**more: str) -> dict[str, str]:
-    """Of processes that know this package and wait for a test."""
-    path = os.pathsep.join([PACKAGE, *filter(None, [os.environ.get("PYTHONPATH")])])
-    return {**os.environ, "PYTHONPATH": path, "COLUMNS": "200", **more}
 
 
 def hold(folder: Path, block: int, **more: str) -> dict[str, str]:
@@ -46,13 +26,15 @@ def hold(folder: Path, block: int, **more: str) -> dict[str, str]:
 
 def command(*call: str | Path, **variables: str) -> subprocess.Popen[str]:
     """The command line as a process with a group of its own, as a terminal starts it."""
-    return subprocess.Popen(
-        [sys.executable, "-m", "fullwaveform", *map(str, call)],
-        env=environment(**variables),
-        stdout=subprocess.PIPE,
-        stderr=subprocess.PIPE,
-        text=True,
-        start_new_session=True,
+    return started(
+        subprocess.Popen(
+            [sys.executable, "-m", "fullwaveform", *map(str, call)],
+            env=environment(**variables),
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+            start_new_session=True,
+        )
     )
 
 

@@ -14,8 +14,9 @@ import pytest
 
 from fullwaveform.cluster import part_paths, read_parts
 
+from ..child_processes import PATIENCE, until
 from ..command_line import assert_trouble, names, run
-from .processes import PATIENCE, command, hold, until
+from .processes import command, hold
 from .scenes import (
     assert_same_rows,
     las_scan,

@@ -2,11 +2,21 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
+
+from ..child_processes import end_what_was_left
+
+
+@pytest.fixture(autouse=True)
+def nothing_runs_on() -> Iterator[None]:
+    """Whatever becomes of a test, its processes end with it."""
+    yield
+    end_what_was_left()
 
 
 @pytest.fixture(scope="session")

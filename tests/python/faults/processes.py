@@ -2,33 +2,15 @@
 
 from __future__ import annotations
 
-import os
 import subprocess
 import sys
-import time
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
-import fullwaveform
+from ..child_processes import PATIENCE, environment, started
 
-PATIENCE = 120.0  # s; only ever waited out where something is broken
-PACKAGE = str(Path(fullwaveform.__file__).resolve().parents[1])
 SLOW = Path(__file__).with_name("slow_command.py")
-
-
-def until(what: Callable[[], Any]) -> Any:
-    """What the function gives as soon as it is true."""
-    end = time.monotonic() + PATIENCE
-    while not (found := what()):
-        assert time.monotonic() < end, "waited in vain"
-        time.sleep(0.005)
-    return found
-
-
-def environment() -> dict[str, str]:
-    path = os.pathsep.join([PACKAGE, *filter(None, [os.environ.get("PYTHONPATH")])])
-    return {**os.environ, "PYTHONPATH": path, "COLUMNS": "200"}
 
 
 def finished(
@@ -49,13 +31,15 @@ def finished(
 
 def slow(slowed: str, *call: str | Path) -> subprocess.Popen[str]:
     """The command line with one of its steps taking minutes, see `slow_command`."""
-    return subprocess.Popen(
-        [sys.executable, str(SLOW), slowed, *map(str, call)],
-        env=environment(),
-        stdout=subprocess.PIPE,
-        stderr=subprocess.PIPE,
-        text=True,
-        start_new_session=True,
+    return started(
+        subprocess.Popen(
+            [sys.executable, str(SLOW), slowed, *map(str, call)],
+            env=environment(),
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+            start_new_session=True,
+        )
     )
 
 

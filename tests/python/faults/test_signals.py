@@ -15,8 +15,9 @@ from fullwaveform.cli.signals import Ended, unwinding_on_signals
 from fullwaveform.formats.atomic import OutputFile, replace_when_whole
 from fullwaveform.formats.echo_files import ECHO_ENDINGS
 
+from ..child_processes import PATIENCE, environment, until
 from ..command_line import names
-from .processes import PATIENCE, environment, slow, until
+from .processes import slow
 
 CODES = {signal.SIGINT: 130, signal.SIGTERM: 143, signal.SIGHUP: 129}
 PARTICIPLES = {signal.SIGINT: "interrupted", signal.SIGTERM: "terminated", signal.SIGHUP: "hung up"}
