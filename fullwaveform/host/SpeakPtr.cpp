@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <string>
 
 #include <fullwaveform/host/Console.h>
 
@@ -14,8 +15,7 @@ std::atomic<std::uint64_t> reports{0};
 
 void SpeakPtr::report(std::string_view misuse) {
   reports.fetch_add(1, std::memory_order_relaxed);
-  Console console;
-  console << "SpeakPtr: " << misuse;
+  Console() << "SpeakPtr: " + std::string(misuse);
 }
 
 void SpeakPtr::abort(std::string_view misuse) {

@@ -67,8 +67,7 @@ VectorToPDF::VectorToPDF(std::string file, bool flag, std::string title,
 void VectorToPDF::addVector(std::vector<double> const& x, std::vector<double> const& y,
                             std::string const& name) {
   if (x.empty() || x.size() != y.size()) {
-    Holdex::Console console;
-    console << "VectorToPDF::addVector: broken data";
+    Holdex::Console() << "VectorToPDF::addVector: broken data";
     return;
   }
   series.push_back({x, y, name});

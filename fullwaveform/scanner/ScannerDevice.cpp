@@ -1,7 +1,7 @@
 #include <fullwaveform/scanner/ScannerDevice.h>
 
-#include <fullwaveform/host/Console.h>
 #include <fullwaveform/scanner/AttributeReader.h>
+#include <fullwaveform/scanner/LogMessage.h>
 
 namespace FullWaveform {
 namespace {
@@ -9,8 +9,7 @@ namespace {
 /// One console message when an attribute was not found; hands the finding on.
 bool reported(bool found, std::string const& name) {
   if (!found) {
-    Holdex::Console console;
-    console << "ScannerDevice::ScannerDevice: NO " << name;
+    logMessage("ScannerDevice::ScannerDevice: NO " + name);
   }
   return found;
 }

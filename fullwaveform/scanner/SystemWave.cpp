@@ -4,14 +4,13 @@
 #include <cmath>
 #include <cstddef>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
-#include <fullwaveform/host/Console.h>
 #include <fullwaveform/host/DataRange.h>
 #include <fullwaveform/host/ReferenceBase.h>
 #include <fullwaveform/host/VectorToPDF.h>
+#include <fullwaveform/scanner/LogMessage.h>
 
 namespace FullWaveform {
 namespace {
@@ -23,14 +22,9 @@ using Range = Holdex::StrongPtr<Kestra::DataRange<double>, Holdex::InterfaceBase
 constexpr double nanosecondsPerSecond = 1e9;
 constexpr std::pair<unsigned int, unsigned int> mostTicks{10, 5};
 
-void say(std::string_view text) {
-  Holdex::Console console;
-  console << text;
-}
-
-/// What stands against a synthesis; empty when nothing does.
-std::string obstacle(ComplexTable const& a, ComplexTable const& b, double dt, unsigned int length) {
-  if (!(dt > 0.0)) {  // a step that is not a number is none either
+/// Why the input cannot be synthesised; empty if it can.
+std::string inputError(ComplexTable const& a, ComplexTable const& b, double dt, unsigned int length) {
+  if (!(dt > 0.0)) {  // Negated so that NaN is rejected too.
     return "dt <= 0";
   }
   if (!a || !b) {
@@ -47,9 +41,9 @@ std::string obstacle(ComplexTable const& a, ComplexTable const& b, double dt, un
 }
 
 Wave buildSystemWave(ComplexTable const& a, ComplexTable const& b, double dt, unsigned int length) {
-  std::string const trouble = obstacle(a, b, dt, length);
-  if (!trouble.empty()) {
-    say(trouble);
+  std::string const error = inputError(a, b, dt, length);
+  if (!error.empty()) {
+    logMessage(error);
     return {};
   }
   auto wave = Holdex::makeStrong<Holdex::Chunk<double>>(length);
@@ -72,7 +66,7 @@ void plot(Holdex::Chunk<double> const& wave, double dt, std::filesystem::path co
   plotter.addVector(x, y, "Wave");
   std::string const trouble = plotter.write2Pdf(false);
   if (!trouble.empty()) {
-    say("createNormalizedSysWave: " + trouble);
+    logMessage("createNormalizedSysWave: " + trouble);
   }
 }
 
@@ -110,7 +104,7 @@ Holdex::StrongPtr<Holdex::Chunk<double>> createNormalizedSysWave(
     unsigned int const& length, std::filesystem::path const& plotDir) {
   Wave wave = buildSystemWave(a, b, dt, length);
   if (!wave) {
-    say("Could not create system wave!");
+    logMessage("Could not create system wave!");
     return {};
   }
   normaliseToMaximum({wave->data(), wave->size()});
