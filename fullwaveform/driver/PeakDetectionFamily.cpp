@@ -58,12 +58,12 @@ void speak(Misfits const& misfits, std::size_t columns) {
   }
 }
 
-void speakOfPlanes(std::uint32_t withoutPlane) {
-  if (withoutPlane == 0) {
+void speakOfPlanes(std::uint32_t tooLongToDeconvolve) {
+  if (tooLongToDeconvolve == 0) {
     return;
   }
   Holdex::Console console;
-  console << "PeakDetectionFamily::apply: " << std::to_string(withoutPlane)
+  console << "PeakDetectionFamily::apply: " << std::to_string(tooLongToDeconvolve)
           << " waveforms without echoes (no system wave, or longer than the deconvolution was built for)";
 }
 
@@ -158,7 +158,7 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
   trace.statistics.outputDirectory = outputDirectory;
   trace.statistics.inputFile = inputFile;
   trace.statistics.numberOfWaves = static_cast<std::int64_t>(rows);
-  trace.rowStates.assign(rows, RowState::NotPlaced);
+  trace.rowStates.assign(rows, RowState::InvalidRow);
 
   ShotMap shots;
   Misfits misfits;
@@ -175,9 +175,9 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
     trace.rowStates[i] = processRow(row, noise, shots);
   }
   misfits.unplaced = static_cast<std::size_t>(
-      std::count(trace.rowStates.begin(), trace.rowStates.end(), RowState::NotPlaced));
+      std::count(trace.rowStates.begin(), trace.rowStates.end(), RowState::InvalidRow));
   speak(misfits, columns);
-  speakOfPlanes(trace.withoutPlane);
+  speakOfPlanes(trace.tooLongToDeconvolve);
 
   for (auto& [time, shot] : shots) {
     finishShot(shot, channelFlags);
@@ -238,8 +238,8 @@ RowState PeakDetectionFamily<T>::deconvolve(Row const& row, WavePtr const& wave)
   if (rlPlanes.apply(row.samples, wave) != 0) {
     return RowState::Kept;
   }
-  ++trace.withoutPlane;
-  return RowState::WithoutPlane;
+  ++trace.tooLongToDeconvolve;
+  return RowState::TooLongToDeconvolve;
 }
 
 template <class T>
@@ -290,8 +290,8 @@ void PeakDetectionFamily<T>::mergeAndTrace(Shot& shot,
   mergeShot(shot, channelFlags, onlineEvaluation.scanner.sampling_time);
   for (std::size_t i = 0; i < shot.waves.size(); ++i) {
     if (found[i] && shot.waves[i]->peaks.empty()) {
-      trace.rowStates[shot.rows[i]] = RowState::MergedAway;
-      ++trace.mergedAway;
+      trace.rowStates[shot.rows[i]] = RowState::MergedIntoOtherChannel;
+      ++trace.mergedIntoOtherChannel;
     }
   }
 }

@@ -23,20 +23,20 @@ namespace FullWaveform {
 
 /// What became of one row of a block.
 enum class RowState : std::uint8_t {
-  Kept = 0,          ///< its waveform is in the shot map, with the echoes that were found
-  SignalTooLow = 1,  ///< its strongest sample is not above the noise
-  Duplicate = 2,     ///< its shot held a waveform of the same signature already
-  NotPlaced = 3,     ///< no samples, no shot time, or no value in one of the arrays: not looked at
-  WithoutPlane = 4,  ///< in the shot map without echoes: no deconvolution could take it
-  MergedAway = 5     ///< in the shot map without echoes: all of them stand in the other channel
+  Kept = 0,                   ///< its waveform is in the shot map, with the echoes that were found
+  SignalTooLow = 1,           ///< its strongest sample is not above the noise
+  Duplicate = 2,              ///< its shot held a waveform of the same signature already
+  InvalidRow = 3,             ///< no samples, no shot time, or no value in one of the arrays: not looked at
+  TooLongToDeconvolve = 4,    ///< in the shot map without echoes: no deconvolution could take it
+  MergedIntoOtherChannel = 5  ///< in the shot map without echoes: all of them stand in the other channel
 };
 
 /// What the driver remembers of its last block, beside the shot map.
-struct BlockTrace {
+struct BlockReport {
   RunStatistics statistics;
-  std::uint32_t mergedAway = 0;     ///< waveforms whose echoes all stand in the other channel
-  std::uint32_t withoutPlane = 0;   ///< waveforms that no deconvolution could take
-  std::vector<RowState> rowStates;  ///< one per row of the block
+  std::uint32_t mergedIntoOtherChannel = 0;  ///< waveforms whose echoes all stand in the other channel
+  std::uint32_t tooLongToDeconvolve = 0;     ///< waveforms that no deconvolution could take
+  std::vector<RowState> rowStates;           ///< one per row of the block
   std::chrono::system_clock::time_point started;
   std::chrono::system_clock::time_point finished;
   std::vector<float> amplitudesInCounts;  ///< every echo of the map before decibels, in the map's order
@@ -91,7 +91,7 @@ class FULLWAVEFORM_EXPORT PeakDetectionFamily {
                 std::string const& hostText);
 
   /// The block that `apply` worked on last.
-  [[nodiscard]] BlockTrace const& lastBlock() const { return trace; }
+  [[nodiscard]] BlockReport const& lastBlock() const { return trace; }
 
  private:
   struct Row;
@@ -104,7 +104,7 @@ class FULLWAVEFORM_EXPORT PeakDetectionFamily {
   void finishShot(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags);
   void mergeAndTrace(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags);
 
-  BlockTrace trace;
+  BlockReport trace;
 };
 
 extern template class PeakDetectionFamily<unsigned short>;

@@ -13,10 +13,10 @@ void resizeAll(std::size_t rows, Columns&... columns) {
 
 }  // namespace
 
-ResultColumns::ResultColumns(FullWaveform::ShotMap const& shots, FullWaveform::BlockTrace const& trace)
+ResultColumns::ResultColumns(FullWaveform::ShotMap const& shots, FullWaveform::BlockReport const& trace)
     : amplitudeCounts(trace.amplitudesInCounts),
-      mergedAway(trace.mergedAway),
-      withoutPlane(trace.withoutPlane),
+      mergedIntoOtherChannel(trace.mergedIntoOtherChannel),
+      tooLongToDeconvolve(trace.tooLongToDeconvolve),
       statistics(trace.statistics) {
   resizeWaveforms(trace.rowStates.size());
   resizeAll(trace.amplitudesInCounts.size(), peakWaveform, peakRow, amplitude, idx, time, quality, type,

@@ -9,7 +9,7 @@
 
 /// A shot map laid out as columns: shots ascending, waveforms in order of arrival, echoes in list order.
 struct ResultColumns {
-  ResultColumns(FullWaveform::ShotMap const& shots, FullWaveform::BlockTrace const& trace);
+  ResultColumns(FullWaveform::ShotMap const& shots, FullWaveform::BlockReport const& trace);
 
   // one entry per waveform
   std::vector<std::int64_t> row;
@@ -54,8 +54,8 @@ struct ResultColumns {
   // one entry per row of the block
   std::vector<std::uint8_t> rowState;
 
-  std::uint32_t mergedAway;
-  std::uint32_t withoutPlane;
+  std::uint32_t mergedIntoOtherChannel;
+  std::uint32_t tooLongToDeconvolve;
   FullWaveform::RunStatistics statistics;
 
  private:

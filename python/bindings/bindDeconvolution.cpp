@@ -31,6 +31,9 @@ nb::tuple deconvolvedSignal(Samples const& samples, ScannerDevice const& device,
 }  // namespace
 
 void bindDeconvolution(nb::module_& module) {
+  ScannerDevice const device;
+  module.attr("SYSTEM_WAVE_SAMPLES") = device.size_sys;
+  module.attr("UP_SAMPLING") = device.up_sampling;
   module.def("deconvolved_signal", &deconvolvedSignal, nb::arg("samples").noconvert(), nb::arg("scanner"),
              nb::arg("noise"),
              "The signal whose maxima are the echoes of a deconvolution: its values in counts, the position "

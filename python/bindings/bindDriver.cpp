@@ -103,8 +103,8 @@ nb::dict peakTable(ResultColumns& columns) {
 nb::dict statisticsTable(ResultColumns const& columns) {
   FullWaveform::RunStatistics const& statistics = columns.statistics;
   nb::dict table;
-  table["mergedAway"] = columns.mergedAway;
-  table["withoutPlane"] = columns.withoutPlane;
+  table["mergedIntoOtherChannel"] = columns.mergedIntoOtherChannel;
+  table["tooLongToDeconvolve"] = columns.tooLongToDeconvolve;
   table["numberOfWaves"] = statistics.numberOfWaves;
   table["signalTooLow"] = statistics.signalTooLow;
   table["duplicates"] = statistics.duplicates;
@@ -143,13 +143,34 @@ nb::dict apply(SharedDriver& shared, Samples const& samples, Column<std::uint16_
   return result;
 }
 
+void bindMode(nb::module_& module) {
+  nb::enum_<FWFModus>(module, "Mode", nb::is_arithmetic(), "Extraction method of a driver.")
+      .value("THREE_POINT", FWFModus::ThreePoint)
+      .value("DECOMPOSITION", FWFModus::Decomposition)
+      .value("DECONVOLUTION", FWFModus::Deconvolution)
+      .value("HYBRID", FWFModus::Hybrid)
+      .def_prop_ro(
+          "title",
+          // The library's name starts with a blank, to be appended to a label.
+          [](FWFModus mode) { return FullWaveform::getNameOfModus(mode).substr(1); }, "Display name.");
+}
+
+void bindRowState(nb::module_& module) {
+  using FullWaveform::RowState;
+  nb::enum_<RowState>(module, "RowState", nb::is_arithmetic(), "Outcome of one row of a block.")
+      .value("KEPT", RowState::Kept)
+      .value("SIGNAL_TOO_LOW", RowState::SignalTooLow)
+      .value("DUPLICATE", RowState::Duplicate)
+      .value("INVALID_ROW", RowState::InvalidRow)
+      .value("TOO_LONG_TO_DECONVOLVE", RowState::TooLongToDeconvolve)
+      .value("MERGED_INTO_OTHER_CHANNEL", RowState::MergedIntoOtherChannel);
+}
+
 }  // namespace
 
 void bindDriver(nb::module_& module) {
-  module.def(
-      "mode_name", [](std::uint32_t mode) { return FullWaveform::getNameOfModus(FWFModus{mode}); },
-      nb::arg("mode"), "Display name of a mode, with its leading blank.");
-
+  bindMode(module);
+  bindRowState(module);
   nb::class_<SharedDriver>(module, "PeakDetectionFamily", "The driver; arrays are read where they are.")
       .def(nb::init<std::uint32_t, ScannerDevice const&, std::string const&, std::string const&,
                     unsigned int>(),

@@ -1,5 +1,6 @@
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -11,6 +12,7 @@
 #include <fullwaveform/model/NoiseEstimate.h>
 #include <fullwaveform/model/Peak.h>
 #include <fullwaveform/model/WavePoints.h>
+#include <fullwaveform/scanner/ExtraAttributes.h>
 
 #include "Bindings.h"
 #include "NumpyColumn.h"
@@ -88,12 +90,38 @@ void bindWavePoints(nb::module_& module) {
       .def("printLengthAtMaxAmplitude", &Wave::printLengthAtMaxAmplitude, nb::arg("speed"));
 }
 
+void bindEnumerations(nb::module_& module) {
+  using FullWaveform::QUALITY;
+  using FullWaveform::TYPE;
+  nb::enum_<TYPE>(module, "EchoType", nb::is_arithmetic(), "How an echo was found.")
+      .value("UNBORN", TYPE::UNBORN)
+      .value("RAW", TYPE::RAW)
+      .value("GAUSS_3POINTS", TYPE::GAUSS_3POINTS)
+      .value("GAUSS_DECOMPOSITION_1", TYPE::GAUSS_DECOMPOSITION_1)
+      .value("GAUSS_DECOMPOSITION_2", TYPE::GAUSS_DECOMPOSITION_2)
+      .value("RICHARDSON_LUCY", TYPE::RICHARDSON_LUCY)
+      .value("ONLINE_OWP", TYPE::ONLINE_OWP)
+      .value("FLAW", TYPE::FLAW)
+      .def_prop_ro("description", &FullWaveform::convertType, "The type in words.");
+  nb::enum_<QUALITY>(module, "Quality", nb::is_arithmetic(), "Whether an echo can be trusted.")
+      .value("GOOD", QUALITY::GOOD)
+      .value("AFTERPULS", QUALITY::AFTERPULS)
+      .value("EXCEEDS_RANGE", QUALITY::EXCEEDS_RANGE);
+}
+
+bool hasKnownAfterPulse(std::string const& scannerType) {
+  FullWaveform::ExtraAttributes attributes{};
+  attributes.setExtraAttributes(scannerType);
+  return attributes.afterpulse_width != 0;
+}
+
 }  // namespace
 
 void bindModel(nb::module_& module) {
-  module.def(
-      "type_text", [](std::uint32_t type) { return FullWaveform::convertType(FullWaveform::TYPE{type}); },
-      nb::arg("type"), "Description of an echo type.");
+  bindEnumerations(module);
+  module.attr("MAX_COUNT") = std::numeric_limits<unsigned short>::max();
+  module.def("has_known_after_pulse", &hasKnownAfterPulse, nb::arg("scanner_type"),
+             "Whether the library knows the after-pulse offset and width of this scanner type.");
   module.def(
       "estimate_noise",
       [](Samples const& samples) {

@@ -1,17 +1,54 @@
 """Types of the compiled module; the arrays it takes must have exactly the types given here."""
 
 from collections.abc import Sequence
+from enum import IntEnum
 from typing import Any
 
 import numpy as np
 import numpy.typing as npt
 
 SPEED_OF_LIGHT_IN_AIR: float
+MAX_COUNT: int  # largest sample in counts, and largest number of samples of a waveform
+SYSTEM_WAVE_SAMPLES: int
+UP_SAMPLING: int  # steps per sample in the deconvolution
+
+class Mode(IntEnum):
+    THREE_POINT = 0
+    DECOMPOSITION = 1
+    DECONVOLUTION = 2
+    HYBRID = 3
+    @property
+    def title(self) -> str: ...
+
+class RowState(IntEnum):
+    KEPT = 0  # in the result, with the echoes that were found
+    SIGNAL_TOO_LOW = 1  # largest sample not above the threshold
+    DUPLICATE = 2  # same signature as an earlier waveform of its shot
+    INVALID_ROW = 3  # no samples, no shot time, or a value missing in one of the arrays
+    TOO_LONG_TO_DECONVOLVE = 4  # in the result, without echoes
+    MERGED_INTO_OTHER_CHANNEL = 5  # in the result; its echoes are in the other channel of the shot
+
+class EchoType(IntEnum):
+    UNBORN = 0
+    RAW = 1
+    GAUSS_3POINTS = 2
+    GAUSS_DECOMPOSITION_1 = 3
+    GAUSS_DECOMPOSITION_2 = 4
+    RICHARDSON_LUCY = 5
+    ONLINE_OWP = 6
+    FLAW = 7
+    @property
+    def description(self) -> str: ...
+
+class Quality(IntEnum):
+    GOOD = 0
+    AFTERPULS = 1
+    EXCEEDS_RANGE = 2
 
 def take_messages() -> list[str]: ...
 def chunk_memory_total() -> int: ...
 def after_pulse_class() -> int: ...
-def type_text(type: int) -> str: ...
+def has_known_after_pulse(scanner_type: str) -> bool: ...
 def estimate_noise(samples: npt.NDArray[np.uint16]) -> int: ...
 def ascii_lines(
     labels: npt.NDArray[np.int64],
@@ -23,7 +60,6 @@ def ascii_lines(
 def deconvolved_signal(
     samples: npt.NDArray[np.uint16], scanner: ScannerDevice, noise: int
 ) -> tuple[npt.NDArray[np.float64], float, float]: ...
-def mode_name(mode: int) -> str: ...
 
 class Grid:
     def __init__(self) -> None: ...

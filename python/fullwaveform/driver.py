@@ -18,22 +18,7 @@ from fullwaveform.scanner import Scanner
 
 # A directory that cannot exist: the library skips a report that it cannot open.
 _NO_DIRECTORY = "/dev/null"
-_LARGEST_COUNT = 65535
-
-
-class Mode(IntEnum):
-    """Extraction method of a driver."""
-
-    THREE_POINT = 0
-    DECOMPOSITION = 1
-    DECONVOLUTION = 2
-    HYBRID = 3
-
-    @property
-    def title(self) -> str:
-        """Display name."""
-        return _core.mode_name(int(self)).strip()
-
+Mode = _core.Mode
 
 #: Modes that deconvolve, and so need the scanner's system wave.
 DECONVOLVING_MODES = (Mode.DECONVOLUTION, Mode.HYBRID)
@@ -257,8 +242,8 @@ def _checked_samples(samples: npt.NDArray[np.uint16]) -> npt.NDArray[np.uint16]:
     if array.dtype != np.uint16:
         raise ValueError(f"samples must be uint16 in native byte order, not {array.dtype.str}")
     rows, width = array.shape
-    if width > _LARGEST_COUNT:
-        raise ValueError(f"samples have {width} columns, at most {_LARGEST_COUNT} are allowed")
+    if width > _core.MAX_COUNT:
+        raise ValueError(f"samples have {width} columns, at most {_core.MAX_COUNT} are allowed")
     side_by_side = array.strides[1] == 2 or rows == 0 or width <= 1
     if not (side_by_side and array.flags.aligned):
         raise ValueError(
@@ -271,7 +256,7 @@ def _checked_samples(samples: npt.NDArray[np.uint16]) -> npt.NDArray[np.uint16]:
 def _checked_longest(longest: int, deconvolves: bool) -> int:
     if isinstance(longest, bool) or not isinstance(longest, int | np.integer):
         raise ValueError(f"longest_waveform must be an integer in samples, not {longest!r}")
-    limit = LONGEST_DECONVOLUTION if deconvolves else _LARGEST_COUNT
+    limit = LONGEST_DECONVOLUTION if deconvolves else _core.MAX_COUNT
     if not 0 <= longest <= limit:
         raise ValueError(f"longest_waveform {longest} is not between 0 and {limit}")
     return int(longest)
@@ -281,6 +266,6 @@ def checked_noise(noise: int) -> int:
     """Noise level in counts, -1 for an estimate; ValueError when it is neither."""
     if isinstance(noise, bool) or not isinstance(noise, int | np.integer):
         raise ValueError(f"noise must be an integer in counts, not {noise!r}")
-    if noise > _LARGEST_COUNT:
-        raise ValueError(f"noise {noise} is above {_LARGEST_COUNT} counts")
+    if noise > _core.MAX_COUNT:
+        raise ValueError(f"noise {noise} is above {_core.MAX_COUNT} counts")
     return max(int(noise), -1)

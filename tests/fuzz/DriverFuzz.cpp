@@ -76,7 +76,7 @@ Block blockFrom(Bytes& bytes) {
   return block;
 }
 
-void expectSound(ShotMap const& shots, BlockTrace const& trace) {
+void expectSound(ShotMap const& shots, BlockReport const& trace) {
   std::size_t waves = 0;
   for (auto const& [time, shot] : shots) {
     require(!std::isnan(time), "a shot has a time");
@@ -95,8 +95,10 @@ void expectSound(ShotMap const& shots, BlockTrace const& trace) {
   }
   std::size_t kept = 0;
   for (RowState const state : trace.rowStates) {
-    kept +=
-        state == RowState::Kept || state == RowState::WithoutPlane || state == RowState::MergedAway ? 1 : 0;
+    kept += state == RowState::Kept || state == RowState::TooLongToDeconvolve ||
+                    state == RowState::MergedIntoOtherChannel
+                ? 1
+                : 0;
   }
   require(kept == waves, "rows that are kept stand in the map");
 }

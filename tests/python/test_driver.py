@@ -153,8 +153,8 @@ def test_what_became_of_each_row() -> None:
     ]
     assert result.waveforms["row"].tolist() == [0, 2]
     assert result.statistics == {
-        "mergedAway": 0,
-        "withoutPlane": 0,
+        "mergedIntoOtherChannel": 0,
+        "tooLongToDeconvolve": 0,
         "numberOfWaves": 5,
         "signalTooLow": 2,
         "duplicates": 1,
@@ -190,7 +190,7 @@ def test_channels_of_a_shot_are_merged() -> None:
         result.peaks["amplitudeCounts"], [250, 500, 60, 640, 2000, 3200], rtol=1e-5
     )
     np.testing.assert_allclose(result.peaks["amplitude"][0], 47.9588, atol=1e-3)  # 20 log10(250)
-    assert result.statistics["mergedAway"] == 0
+    assert result.statistics["mergedIntoOtherChannel"] == 0
 
 
 def test_flags_other_than_zero_are_one_group() -> None:
@@ -199,7 +199,7 @@ def test_flags_other_than_zero_are_one_group() -> None:
     merged = driver().apply(samples, shot_times=times, channel_flags=[0, 7], noise=10)
     assert merged.peaks["row"].tolist() == [1]
     assert merged.waveforms["peakCount"].tolist() == [0, 1]
-    assert merged.statistics["mergedAway"] == 1
+    assert merged.statistics["mergedIntoOtherChannel"] == 1
     assert merged.row_states.tolist() == [RowState.MERGED_AWAY, RowState.KEPT]
     assert merged.waveforms["isLowPower"].tolist() == [False, False]  # 7 is not 1
     alike = driver().apply(samples, shot_times=times, channel_flags=[1, 7], noise=10)

@@ -163,7 +163,7 @@ def test_beyond_the_limit_waveforms_stay_without_echoes() -> None:
     result = driver.apply(samples, noise=BASELINE + 1)
     assert result.waveforms["peakCount"].tolist()[0] == 0
     assert result.waveforms["peakCount"].tolist()[1] > 0
-    assert result.statistics["withoutPlane"] == 1
+    assert result.statistics["tooLongToDeconvolve"] == 1
     assert result.row_states.tolist() == [RowState.WITHOUT_PLANE, RowState.KEPT]
 
 

@@ -116,7 +116,7 @@ TEST_F(DriverModes, WithoutPlanesTheWaveformsStayEmptyAndOneMessageCountsThem) {
   for (auto const& [time, shot] : shots) {
     EXPECT_TRUE(shot.waves.at(0)->peaks.empty()) << time;
   }
-  EXPECT_EQ(driver.lastBlock().withoutPlane, 2U);
+  EXPECT_EQ(driver.lastBlock().tooLongToDeconvolve, 2U);
   ASSERT_EQ(console.messages().size(), 1U);
   EXPECT_NE(console.messages().front().find(" 2 waveforms"), std::string::npos);
 }
@@ -124,7 +124,7 @@ TEST_F(DriverModes, WithoutPlanesTheWaveformsStayEmptyAndOneMessageCountsThem) {
 TEST_F(DriverModes, HybridDecomposesWithoutPlanes) {
   Driver driver = driverOf(3, ScannerDevice());
   EXPECT_FALSE(echoesOf(driver, 300, 0).empty());
-  EXPECT_EQ(driver.lastBlock().withoutPlane, 0U);
+  EXPECT_EQ(driver.lastBlock().tooLongToDeconvolve, 0U);
 }
 
 TEST_F(DriverModes, AWaveformBeyondTheLadderStaysEmpty) {
@@ -137,7 +137,7 @@ TEST_F(DriverModes, AWaveformBeyondTheLadderStaysEmpty) {
     ShotMap const shots = blockOf({{wide, 1.0, 1}}).run(driver, noise);
     EXPECT_EQ(shots.at(1.0).waves.at(0)->lengthCropped, 58U);
     EXPECT_EQ(shots.at(1.0).waves.at(0)->peaks.empty(), longest == 49);
-    EXPECT_EQ(driver.lastBlock().withoutPlane, longest == 49 ? 1U : 0U);
+    EXPECT_EQ(driver.lastBlock().tooLongToDeconvolve, longest == 49 ? 1U : 0U);
   }
 }
 
@@ -147,7 +147,7 @@ TEST_F(DriverModes, WithoutASamplingIntervalEveryPlaneIsUnusable) {
   ConsoleCapture console;
   Driver driver = driverOf(2, scanner);
   EXPECT_TRUE(echoesOf(driver, 300, 1).empty());
-  EXPECT_EQ(driver.lastBlock().withoutPlane, 1U);
+  EXPECT_EQ(driver.lastBlock().tooLongToDeconvolve, 1U);
 }
 
 }  // namespace
