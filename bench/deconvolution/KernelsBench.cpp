@@ -146,10 +146,10 @@ BENCHMARK(convolveInput)
 void observeRecords(benchmark::State& state) {
   Waveforms const waveforms(static_cast<std::size_t>(state.range(0)),
                             static_cast<std::size_t>(state.range(1)));
-  Values observed((waveforms.records[0].size() - 1) * steps);
-  PerWaveform const counters(state, waveforms.records.size());
+  Values observed((waveforms.samples[0].size() - 1) * steps);
+  PerWaveform const counters(state, waveforms.samples.size());
   for (auto iteration : state) {
-    for (Samples const& record : waveforms.records) {
+    for (Samples const& record : waveforms.samples) {
       benchmark::DoNotOptimize(observe(record, steps, noise, widestInstructionSet(), observed));
     }
   }
@@ -160,7 +160,7 @@ void iterate(benchmark::State& state) {
   Waveforms const waveforms(static_cast<std::size_t>(state.range(0)),
                             static_cast<std::size_t>(state.range(1)));
   std::vector<Values> signals;
-  for (Samples const& record : waveforms.records) {
+  for (Samples const& record : waveforms.samples) {
     observe(record, steps, noise, widestInstructionSet(), signals.emplace_back((record.size() - 1) * steps));
   }
   ConvolutionWorkspace workspace = workspaceFor(signals[0].size());

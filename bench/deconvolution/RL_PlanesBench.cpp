@@ -23,7 +23,7 @@ void applyPlanes(benchmark::State& state) {
   Waveforms const waveforms(samples, static_cast<std::size_t>(state.range(1)));
   Planes planes(scanner(), static_cast<unsigned int>(samples));
   applyToEach(planes, waveforms);  // working memory grows
-  PerWaveform const counters(state, waveforms.records.size());
+  PerWaveform const counters(state, waveforms.samples.size());
   for (auto iteration : state) {
     applyToEach(planes, waveforms);
   }
@@ -42,7 +42,7 @@ void applyOnInstructionSet(benchmark::State& state) {
   for (auto& plane : planes.planes) {
     plane.use(set);
   }
-  PerWaveform const counters(state, waveforms.records.size());
+  PerWaveform const counters(state, waveforms.samples.size());
   for (auto iteration : state) {
     applyToEach(planes, waveforms);
   }
@@ -75,7 +75,7 @@ void compareWithTransforms(benchmark::State& state) {
   for (std::size_t i = 0; i < waveforms.waves.size(); ++i) {
     auto const& wave = *waveforms.waves[i];
     iterations.push_back(plain[planes.getIdx(static_cast<int>(wave.lengthCropped))]
-                             .echoes(waveforms.records[i].data(), wave)
+                             .echoes(waveforms.samples[i].data(), wave)
                              .iterations);
   }
   Stopwatch ours;
@@ -92,7 +92,7 @@ void compareWithTransforms(benchmark::State& state) {
     plainly.time([&] {
       for (std::size_t i = 0; i < waveforms.waves.size(); ++i) {
         auto const& wave = *waveforms.waves[i];
-        plain[planes.getIdx(static_cast<int>(wave.lengthCropped))].echoes(waveforms.records[i].data(), wave);
+        plain[planes.getIdx(static_cast<int>(wave.lengthCropped))].echoes(waveforms.samples[i].data(), wave);
       }
     });
   }

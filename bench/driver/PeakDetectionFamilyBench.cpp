@@ -19,7 +19,7 @@ void apply(benchmark::State& state) {
   unsigned int const longest = deconvolves ? static_cast<unsigned int>(state.range(0)) : 0U;
   Testing::Driver driver(modus, scanner(), "no such directory", "bench", longest);
   block.run(driver, -1);  // working memory grows
-  PerWaveform const counters(state, recordCount);
+  PerWaveform const counters(state, waveformCount);
   for (auto iteration : state) {
     benchmark::DoNotOptimize(block.run(driver, -1).size());
   }

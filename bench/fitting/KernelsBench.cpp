@@ -35,7 +35,7 @@ struct Fit {
       parameters.insert(parameters.end(), {300.0 + 100.0 * number, distance * (number + 0.46), 2.4});
     }
     squares.resize(parameters.size());
-    Samples const record = recordOf(samples, echoes, 1);
+    Samples const record = makeWaveform(samples, echoes, 1);
     sum.take(std::span<unsigned short const>(record), noise, 0, parameters.size());
   }
 
@@ -86,9 +86,9 @@ void findMaxima(benchmark::State& state) {
   ZeroCrossing finder;
   finder.minimumDifference = 2.0;
   std::list<Peak> peaks;
-  PerWaveform const counters(state, waveforms.records.size());
+  PerWaveform const counters(state, waveforms.samples.size());
   for (auto iteration : state) {
-    for (Samples const& record : waveforms.records) {
+    for (Samples const& record : waveforms.samples) {
       findRawPeaks(std::span<unsigned short const>(record), 0, static_cast<int>(record.size()) - 1, noise,
                    peaks, finder);
       benchmark::DoNotOptimize(peaks.size());
@@ -103,11 +103,11 @@ void fitTriples(benchmark::State& state) {
   Waveforms const waveforms(80, 2);
   ThreePointGaussFitter fitter;
   Peak peak(0.0, 0.0, 0.0, RAW, GOOD, 0.0, 0, 0.0F);
-  PerWaveform const counters(state, waveforms.records.size());
+  PerWaveform const counters(state, waveforms.samples.size());
   for (auto iteration : state) {
-    for (std::size_t i = 0; i < waveforms.records.size(); ++i) {
+    for (std::size_t i = 0; i < waveforms.samples.size(); ++i) {
       peak.idx = waveforms.waves[i]->idxOfMaxAmplitude;
-      fitter.fitPeak(waveforms.records[i], {}, peak);
+      fitter.fitPeak(waveforms.samples[i], {}, peak);
       benchmark::DoNotOptimize(peak.amplitude);
     }
   }

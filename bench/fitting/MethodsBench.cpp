@@ -17,7 +17,7 @@ void apply(benchmark::State& state) {
                             static_cast<std::size_t>(state.range(1)));
   Method method;
   applyToEach(method, waveforms);  // working memory grows
-  PerWaveform const counters(state, waveforms.records.size());
+  PerWaveform const counters(state, waveforms.samples.size());
   for (auto iteration : state) {
     applyToEach(method, waveforms);
   }

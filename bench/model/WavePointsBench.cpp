@@ -18,9 +18,9 @@ template <class Work>
 void onRecords(benchmark::State& state, Work const& work) {
   Waveforms const waveforms(static_cast<std::size_t>(state.range(0)),
                             static_cast<std::size_t>(state.range(1)));
-  PerWaveform const counters(state, waveforms.records.size());
+  PerWaveform const counters(state, waveforms.samples.size());
   for (auto iteration : state) {
-    for (Samples const& record : waveforms.records) {
+    for (Samples const& record : waveforms.samples) {
       work(record);
     }
   }

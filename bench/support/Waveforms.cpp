@@ -19,43 +19,43 @@ ScannerDevice scanner() {
   return Testing::skewedScanner();
 }
 
-Samples recordOf(std::size_t samples, std::size_t echoes, std::uint32_t number) {
-  constexpr double margin = 14.0;  // a pulse and the samples around it
-  std::minstd_rand chance(number + 1);
-  // The generator's own numbers: distributions differ between standard libraries.
-  auto const uniform = [&chance] { return static_cast<double>(chance()) / 2147483647.0; };
-  double const room = (static_cast<double>(samples) - margin) / static_cast<double>(echoes);
+Samples makeWaveform(std::size_t samples, std::size_t echoes, std::uint32_t number) {
+  constexpr double margin = 14.0;  // length of a pulse, samples
+  std::minstd_rand rng(number + 1);
+  // Not a standard distribution: those differ between standard libraries.
+  auto const uniform = [&rng] { return static_cast<double>(rng()) / 2147483647.0; };
+  double const spacing = (static_cast<double>(samples) - margin) / static_cast<double>(echoes);
   std::vector<double> values(samples);
   for (double& value : values) {
     value = 10.0 + 4.0 * (uniform() - 0.5);
   }
   for (std::size_t echo = 0; echo < echoes; ++echo) {
-    double const start = 1.0 + room * (static_cast<double>(echo) + uniform());
+    double const start = 1.0 + spacing * (static_cast<double>(echo) + uniform());
     double const height = 40.0 * std::pow(37.5, uniform());
     for (std::size_t i = 0; i < samples; ++i) {
       values[i] += height * pulse(static_cast<double>(i) - start);
     }
   }
-  Samples record(samples);
+  Samples waveform(samples);
   for (std::size_t i = 0; i < samples; ++i) {
-    record[i] = static_cast<unsigned short>(std::lround(values[i]));
+    waveform[i] = static_cast<unsigned short>(std::lround(values[i]));
   }
-  return record;
+  return waveform;
 }
 
-Waveforms::Waveforms(std::size_t samples, std::size_t echoes) {
-  for (std::uint32_t number = 0; number < recordCount; ++number) {
-    Samples const& record = records.emplace_back(recordOf(samples, echoes, number));
-    waves.emplace_back(new WavePoints<unsigned short>(record.data(), 1, 0.0, 0.0, static_cast<int>(samples),
-                                                      noise, scanner()));
+Waveforms::Waveforms(std::size_t length, std::size_t echoes) {
+  for (std::uint32_t number = 0; number < waveformCount; ++number) {
+    Samples const& own = samples.emplace_back(makeWaveform(length, echoes, number));
+    waves.emplace_back(
+        new WavePoints<unsigned short>(own.data(), 1, 0.0, 0.0, static_cast<int>(length), noise, scanner()));
   }
 }
 
 Block blockOf(std::size_t samples, std::size_t echoes) {
   std::vector<Testing::Row> rows;
-  for (std::uint32_t number = 0; number < recordCount; ++number) {
-    rows.push_back(
-        {recordOf(samples, echoes, number), number / 2 * 1e-5, static_cast<unsigned char>(number % 2), 0.0});
+  for (std::uint32_t number = 0; number < waveformCount; ++number) {
+    rows.push_back({makeWaveform(samples, echoes, number), number / 2 * 1e-5,
+                    static_cast<unsigned char>(number % 2), 0.0});
   }
   return Testing::blockOf(rows);
 }

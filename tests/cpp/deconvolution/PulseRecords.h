@@ -8,7 +8,7 @@
 #include <fullwaveform/model/WavePoints.h>
 #include <fullwaveform/scanner/ScannerDevice.h>
 
-#include "support/Records.h"
+#include "support/TestWaveforms.h"
 
 namespace FullWaveform::Testing {
 

@@ -12,8 +12,8 @@
 
 #include "support/ConsoleCapture.h"
 #include "support/HeapCount.h"
-#include "support/Records.h"
 #include "support/SkewedScanner.h"
+#include "support/TestWaveforms.h"
 #include "support/Threads.h"
 
 namespace FullWaveform {
@@ -26,7 +26,7 @@ using Testing::skewedScanner;
 static_assert(!std::is_copy_constructible_v<Ladder>);
 
 /// A triangular echo of 500 counts at sample 12 on a floor of 10.
-Samples const samples = Testing::recordOf(400, 10, {{8, {60, 150, 300, 450, 510, 400, 280, 170, 90, 40}}});
+Samples const samples = Testing::waveformOf(400, 10, {{8, {60, 150, 300, 450, 510, 400, 280, 170, 90, 40}}});
 
 /// A wave whose range has a given length.
 WavePtr waveOfLength(std::uint32_t length) {

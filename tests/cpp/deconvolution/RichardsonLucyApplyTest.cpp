@@ -106,7 +106,7 @@ TEST(RichardsonLucy, ReadsNothingOutsideTheRecord) {
   Samples const samples = recordWithEchoes(40, {{1.0, 300.0}, {30.0, 800.0}});
   ScannerDevice const scanner = skewedScanner();
   Deconvolver deconvolver(scanner, 60);
-  Testing::inGuardedPlaces(samples, [&](unsigned short const* record) {
+  Testing::withGuardedCopies(samples, [&](unsigned short const* record) {
     WavePtr const wave = waveOf(samples, scanner);
     ASSERT_EQ(wave->globalEnd, 38U);
     EXPECT_EQ(deconvolver.apply(record, wave), 1);

@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "support/Blocks.h"
-#include "support/Records.h"
+#include "support/TestWaveforms.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TestScanner.h"
 

@@ -187,7 +187,7 @@ TEST_F(DriverMisfits, NothingOutsideTheBlockIsRead) {
   for (std::size_t length = 1; length <= 8; ++length) {
     for (int const noise : {-1, 0, 20}) {
       for (unsigned short const count : Samples{0, static_cast<unsigned short>(length), 9}) {
-        inGuardedPlaces(Samples(length, 50), [&](unsigned short const* samples) {
+        withGuardedCopies(Samples(length, 50), [&](unsigned short const* samples) {
           Block block = blockOf({{Samples(length, 50), 1.0}});
           block.waveforms = Driver::Waveforms(new Array({1, length}, samples));
           block.counts = {count};

@@ -106,7 +106,7 @@ TEST_F(DriverPipeline, EchoesBelowOneUnitAreZeroDecibels) {
 
 TEST_F(DriverPipeline, EchoesOfOneWaveformAreInOrder) {
   Samples const samples =
-      recordOf(50, 5, {{4, {100, 200, 100}}, {20, {100, 200, 200, 100}}, {40, {60, 120, 60}}});
+      waveformOf(50, 5, {{4, {100, 200, 100}}, {20, {100, 200, 200, 100}}, {40, {60, 120, 60}}});
   WavePtr const wave = single({samples});
   EXPECT_EQ(positions(wave), (Positions{5.0, 21.5, 41.0}));
   auto const times = wave->peaks;
@@ -114,17 +114,19 @@ TEST_F(DriverPipeline, EchoesOfOneWaveformAreInOrder) {
 }
 
 TEST_F(DriverPipeline, AfterPulsesLeaveTheList) {
-  Samples const samples = recordOf(40, 5, {{3, {60, 120, 60}}, {9, {500, 1000, 500}}, {20, {100, 200, 100}}});
+  Samples const samples =
+      waveformOf(40, 5, {{3, {60, 120, 60}}, {9, {500, 1000, 500}}, {20, {100, 200, 100}}});
   EXPECT_EQ(positions(single({samples})), (Positions{4.0, 10.0}));
 }
 
 TEST_F(DriverPipeline, StrongReturnBelow800HasNoAfterPulse) {
-  Samples const samples = recordOf(40, 5, {{9, {400, 799, 400}}, {20, {100, 200, 100}}});
+  Samples const samples = waveformOf(40, 5, {{9, {400, 799, 400}}, {20, {100, 200, 100}}});
   EXPECT_EQ(positions(single({samples})), (Positions{10.0, 21.0}));
 }
 
 TEST_F(DriverPipeline, UnknownScannerLosesTheStrongestEchoAndAllBehind) {
-  Samples const samples = recordOf(40, 5, {{3, {60, 120, 60}}, {9, {400, 800, 400}}, {20, {100, 200, 100}}});
+  Samples const samples =
+      waveformOf(40, 5, {{3, {60, 120, 60}}, {9, {400, 800, 400}}, {20, {100, 200, 100}}});
   EXPECT_EQ(positions(single({samples}, {.type = "VQ-1560"})), (Positions{4.0}));
 }
 
@@ -132,13 +134,13 @@ TEST_F(DriverPipeline, WidthBeyondEveryIndexKeepsAllEchoes) {
   ScannerDevice scanner = scannerOf({.type = "VQ-1560"});
   scanner.afterpulse_width = 2147483647U;
   Driver driver(FWFModus::ThreePoint, scanner, directory.path(), "scan01.rxp", 200U);
-  Samples const samples = recordOf(40, 5, {{9, {400, 800, 400}}, {20, {100, 200, 100}}});
+  Samples const samples = waveformOf(40, 5, {{9, {400, 800, 400}}, {20, {100, 200, 100}}});
   ShotMap const shots = blockOf({{samples}}).run(driver);
   EXPECT_EQ(positions(shots.at(0.0).waves.at(0)), (Positions{10.0, 21.0}));
 }
 
 TEST_F(DriverPipeline, EchoesBeyondFullScaleLeaveTheListButNotTheWaveform) {
-  WavePtr const wave = single({recordOf(20, 5, {{9, {2000, 4000, 4000, 2000}}})});
+  WavePtr const wave = single({waveformOf(20, 5, {{9, {2000, 4000, 4000, 2000}}})});
   EXPECT_EQ(wave->size(), 0U);
   EXPECT_EQ(wave->maxAmplitude, 4000);
 }
@@ -154,14 +156,14 @@ TEST_F(DriverPipeline, EchoWithoutWidthStays) {
 
 // The echo lies one sample long above the noise: too short to be fitted, but not too low.
 TEST_F(DriverPipeline, SignalTooShortForAFitKeepsAnEmptyList) {
-  WavePtr const wave = single({recordOf(20, 5, {{9, {200}}})});
+  WavePtr const wave = single({waveformOf(20, 5, {{9, {200}}})});
   EXPECT_EQ(wave->size(), 0U);
   EXPECT_FLOAT_EQ(wave->maxAmplitudeDB, 6.0205999F);
 }
 
 TEST_F(DriverPipeline, NegativeNoiseIsEstimatedForEveryWaveform) {
-  Samples const high = recordOf(60, 50, {{9, {300, 600, 300}}});
-  Samples const higher = recordOf(60, 80, {{9, {300, 600, 300}}});
+  Samples const high = waveformOf(60, 50, {{9, {300, 600, 300}}});
+  Samples const higher = waveformOf(60, 80, {{9, {300, 600, 300}}});
   Driver driver = driverOf();
   ShotMap const shots = blockOf({{high, 1.0}, {higher, 2.0}}).run(driver, -1);
   EXPECT_EQ(shots.at(1.0).waves.at(0)->noise, 50);

@@ -49,7 +49,7 @@ using EchoCounts = std::vector<std::uint64_t>;
 /// An echo of `top` counts at `index`; differs in its signature for every top and index below 30.
 Samples echoAt(std::size_t index, unsigned short top) {
   auto const half = static_cast<unsigned short>(top / 2);
-  Samples samples = recordOf(40, 5, {{index - 1, {half, top, half}}});
+  Samples samples = waveformOf(40, 5, {{index - 1, {half, top, half}}});
   return samples;
 }
 
@@ -76,9 +76,9 @@ TEST_F(DriverShots, SignatureIsTheSumOfEveryThirdSample) {
 }
 
 TEST_F(DriverShots, SignatureStopsAtTheSampleCount) {
-  Samples const nineteen = recordOf(19, 5, {{9, {100, 200, 100}}});
-  Samples const twentyOne = recordOf(21, 5, {{9, {100, 200, 100}}});
-  ShotMap const shots = run({{nineteen, 1.0}, {twentyOne, 2.0}, {recordOf(22, 5, {{9, {100, 200}}}), 3.0}});
+  Samples const nineteen = waveformOf(19, 5, {{9, {100, 200, 100}}});
+  Samples const twentyOne = waveformOf(21, 5, {{9, {100, 200, 100}}});
+  ShotMap const shots = run({{nineteen, 1.0}, {twentyOne, 2.0}, {waveformOf(22, 5, {{9, {100, 200}}}), 3.0}});
   EXPECT_EQ(shots.at(1.0).signatures, (std::set<std::uint32_t>{130}));
   EXPECT_EQ(shots.at(2.0).signatures, (std::set<std::uint32_t>{130}));
   EXPECT_EQ(shots.at(3.0).signatures, (std::set<std::uint32_t>{135}));
@@ -197,7 +197,7 @@ TEST_F(DriverShots, PairsAreMergedInTheOrderOfArrival) {
 TEST_F(DriverShots, EveryNormalWaveformMeetsEveryLowPowerOne) {
   ShotMap const shots = run({{echoAt(10, 600), 1.0, 0},
                              {echoAt(20, 500), 1.0, 0},
-                             {recordOf(40, 5, {{10, {100, 200, 100}}, {19, {150, 300, 150}}}), 1.0, 1}});
+                             {waveformOf(40, 5, {{10, {100, 200, 100}}, {19, {150, 300, 150}}}), 1.0, 1}});
   EXPECT_EQ(echoCounts(shots.at(1.0)), (EchoCounts{0, 0, 2}));
 }
 

@@ -7,15 +7,15 @@
 
 #include <gtest/gtest.h>
 
-#include "support/Records.h"
 #include "support/TestScanner.h"
+#include "support/TestWaveforms.h"
 #include "support/Tolerances.h"
 
 namespace FullWaveform {
 namespace {
 
-using Testing::recordOf;
 using Testing::Samples;
+using Testing::waveformOf;
 using Fitting = FittingGaussVia3Points<unsigned short, ZeroCrossing>;
 namespace Tolerance = Testing::Tolerance;
 
@@ -54,7 +54,7 @@ std::vector<double> positions(Outcome const& outcome) {
 using Positions = std::vector<double>;
 
 TEST(FittingGaussVia3Points, OneEchoIsFitted) {
-  Outcome const outcome = fit(recordOf(20, 5, {{9, {100, 200, 100}}}), 20);
+  Outcome const outcome = fit(waveformOf(20, 5, {{9, {100, 200, 100}}}), 20);
   EXPECT_TRUE(outcome.ran);
   ASSERT_EQ(outcome.peaks.size(), 1U);
   Peak const& peak = outcome.peaks[0];
@@ -68,7 +68,7 @@ TEST(FittingGaussVia3Points, OneEchoIsFitted) {
 
 TEST(FittingGaussVia3Points, EchoesOfAllSegmentsComeInOrder) {
   Samples const samples =
-      recordOf(40, 5, {{5, {100, 200, 100}}, {15, {100, 200, 200, 100}}, {30, {60, 120, 60}}});
+      waveformOf(40, 5, {{5, {100, 200, 100}}, {15, {100, 200, 200, 100}}, {30, {60, 120, 60}}});
   EXPECT_EQ(positions(fit(samples, 20)), (Positions{6.0, 16.5, 31.0}));
 }
 
@@ -93,12 +93,12 @@ TEST(FittingGaussVia3Points, RoundedGaussianIsRecovered) {
 // {8 -> 10} is two long, {8 -> 11} is three.
 TEST(FittingGaussVia3Points, RangeOfTwoIsTooShortOfThreeIsEnough) {
   Peak const former(1.0, 2.0, 0.0, FLAW, EXCEEDS_RANGE, -1.0, 0, 0.0F);
-  Outcome const tooShort = fit(recordOf(20, 5, {{9, {200}}}), 20, {former});
+  Outcome const tooShort = fit(waveformOf(20, 5, {{9, {200}}}), 20, {former});
   EXPECT_FALSE(tooShort.ran);
   ASSERT_EQ(tooShort.peaks.size(), 1U);
   EXPECT_EQ(tooShort.peaks[0].type, FLAW);
   EXPECT_EQ(tooShort.peaks[0].quality, EXCEEDS_RANGE);
-  Outcome const enough = fit(recordOf(20, 5, {{9, {200, 190}}}), 20);
+  Outcome const enough = fit(waveformOf(20, 5, {{9, {200, 190}}}), 20);
   EXPECT_TRUE(enough.ran);
   EXPECT_EQ(enough.peaks.size(), 1U);
 }
@@ -124,7 +124,8 @@ TEST(FittingGaussVia3Points, ZeroNeighbourIsReadAsOne) {
 
 TEST(FittingGaussVia3Points, AfterPulsesAreMarkedButStay) {
   // Strongest 1000 at 10; window from 13 on.
-  Samples const samples = recordOf(40, 5, {{9, {500, 1000, 500}}, {20, {100, 200, 100}}, {3, {60, 120, 60}}});
+  Samples const samples =
+      waveformOf(40, 5, {{9, {500, 1000, 500}}, {20, {100, 200, 100}}, {3, {60, 120, 60}}});
   Outcome const outcome = fit(samples, 20);
   ASSERT_EQ(positions(outcome), (Positions{4.0, 10.0, 21.0}));
   EXPECT_EQ(outcome.peaks[0].quality, GOOD);
@@ -136,7 +137,7 @@ TEST(FittingGaussVia3Points, AfterPulsesAreMarkedButStay) {
 
 TEST(FittingGaussVia3Points, AfterPulseTestSeesTheRawPosition) {
   // Raw at 13, the first index of the window; fitted at 12.5, in front of it.
-  Samples const samples = recordOf(40, 5, {{9, {500, 1000, 500, 50, 100, 50}}});
+  Samples const samples = waveformOf(40, 5, {{9, {500, 1000, 500, 50, 100, 50}}});
   Samples slanted = samples;
   slanted[12] = 99;
   Outcome const outcome = fit(slanted, 20);
@@ -147,12 +148,12 @@ TEST(FittingGaussVia3Points, AfterPulseTestSeesTheRawPosition) {
 
 TEST(FittingGaussVia3Points, EchoesOutsideTheBoundsAreRemoved) {
   // 2000 x 2^1.125 = 4362 counts are beyond full scale.
-  Samples const samples = recordOf(40, 5, {{9, {100, 200, 100}}, {20, {2000, 4000, 4000, 2000}}});
+  Samples const samples = waveformOf(40, 5, {{9, {100, 200, 100}}, {20, {2000, 4000, 4000, 2000}}});
   EXPECT_EQ(positions(fit(samples, 20)), (Positions{10.0}));
 }
 
 TEST(FittingGaussVia3Points, FormerEchoesAreFittedTooUnlessTheyAreBad) {
-  Samples const samples = recordOf(40, 5, {{9, {100, 200, 100}}, {20, {100, 200, 200, 100}}});
+  Samples const samples = waveformOf(40, 5, {{9, {100, 200, 100}}, {20, {100, 200, 200, 100}}});
   Peak const bad(1.0, 10.0, 0.0, RAW, EXCEEDS_RANGE, 0.0, 0, 0.0F);
   Peak const worse(1.0, 10.0, 0.0, RAW, static_cast<QUALITY>(3), 0.0, 0, 0.0F);
   Peak const former(1.0, 21.9, 0.0, RAW, GOOD, 0.0, 33, 0.0F);
@@ -184,7 +185,7 @@ TEST(FittingGaussVia3Points, HollowTripleGivesAnEchoWithoutWidth) {
 TEST(FittingGaussVia3Points, RangeThatStartsAtZeroReadsNoSampleBeforeIt) {
   Samples const samples{5, 100, 200, 100, 5};
   EXPECT_EQ(positions(fit(samples, 20)), (Positions{2.0}));
-  Testing::inGuardedPlaces(samples, [&](unsigned short const* record) {
+  Testing::withGuardedCopies(samples, [&](unsigned short const* record) {
     WavePtr const wave = waveOf(samples, 20);
     EXPECT_EQ(wave->globalStart, 0U);
     EXPECT_TRUE(Fitting().apply(record, wave));
@@ -197,7 +198,7 @@ TEST(FittingGaussVia3Points, ShortRecordsAreNeverReadOutside) {
     for (int const noise : {-1, 0, 20}) {
       for (unsigned short const level : Samples{0, 20, 50, 4000}) {
         Samples const samples(length, level);
-        Testing::inGuardedPlaces(samples, [&](unsigned short const* record) {
+        Testing::withGuardedCopies(samples, [&](unsigned short const* record) {
           WavePtr const wave = waveOf(samples, noise);
           bool const ran = Fitting().apply(record, wave);
           EXPECT_TRUE(length > 4 || !ran || wave->size() == 0) << length;
@@ -214,7 +215,7 @@ TEST(FittingGaussVia3Points, EverySmallRecordStaysInside) {
     for (int rest = code, i = 0; i < 6; ++i, rest /= 3) {
       samples.push_back(levels[rest % 3]);
     }
-    Testing::inGuardedPlaces(samples, [&](unsigned short const* record) {
+    Testing::withGuardedCopies(samples, [&](unsigned short const* record) {
       WavePtr const wave = waveOf(samples, 20);
       Fitting().apply(record, wave);
       for (Peak const& peak : wave->peaks) {
@@ -228,7 +229,7 @@ TEST(FittingGaussVia3Points, EverySmallRecordStaysInside) {
 TEST(FittingGaussVia3Points, OneFitterServesManyWaveforms) {
   Fitting fitting;
   for (int round = 0; round < 3; ++round) {
-    Samples const samples = recordOf(20, 5, {{9, {100, 200, 100}}});
+    Samples const samples = waveformOf(20, 5, {{9, {100, 200, 100}}});
     WavePtr const wave = waveOf(samples, 20);
     EXPECT_TRUE(fitting.apply(samples.data(), wave));
     EXPECT_EQ(wave->peaks.front().idx, 10.0);

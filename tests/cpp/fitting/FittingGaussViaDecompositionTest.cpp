@@ -10,14 +10,14 @@
 #include <gtest/gtest.h>
 
 #include "DecompositionRecords.h"
-#include "support/Records.h"
+#include "support/TestWaveforms.h"
 #include "support/Tolerances.h"
 
 namespace FullWaveform {
 namespace {
 
-using Testing::recordOf;
 using Testing::Samples;
+using Testing::waveformOf;
 using Decomposition = FittingGaussViaDecomposition<unsigned short, ZeroCrossing>;
 using Peaks = std::vector<Peak>;
 using Types = std::vector<unsigned>;
@@ -203,14 +203,14 @@ TEST(FittingGaussViaDecomposition, RemovalOfTheOnlyEchoLeavesNone) {
 }
 
 TEST(FittingGaussViaDecomposition, OnlyTwiceTheNoiseStartsAnEcho) {
-  EXPECT_TRUE(decompose(recordOf(20, 50, {{9, {75, 100, 75}}}), Normal, 50).empty());
-  EXPECT_EQ(decompose(recordOf(20, 50, {{9, {75, 101, 75}}}), Normal, 50).size(), 1U);
+  EXPECT_TRUE(decompose(waveformOf(20, 50, {{9, {75, 100, 75}}}), Normal, 50).empty());
+  EXPECT_EQ(decompose(waveformOf(20, 50, {{9, {75, 101, 75}}}), Normal, 50).size(), 1U);
 }
 
 TEST(FittingGaussViaDecomposition, OneCountMakesNoMaximum) {
-  Samples const ripple = recordOf(40, 15, {{9, {100, 400, 900, 400, 100, 100, 101, 100, 100, 100}}});
+  Samples const ripple = waveformOf(40, 15, {{9, {100, 400, 900, 400, 100, 100, 101, 100, 100, 100}}});
   EXPECT_EQ(decompose(ripple).size(), 1U);
-  Samples const rise = recordOf(40, 15, {{9, {100, 400, 900, 400, 100, 100, 102, 100, 100, 100}}});
+  Samples const rise = waveformOf(40, 15, {{9, {100, 400, 900, 400, 100, 100, 102, 100, 100, 100}}});
   EXPECT_EQ(decompose(rise).size(), 2U);
 }
 
@@ -228,7 +228,7 @@ TEST(FittingGaussViaDecomposition, SegmentsUnderFourSamplesArePassedOver) {
 TEST(FittingGaussViaDecomposition, MoreParametersThanSamplesKeepTheStarts) {
   // Less the noise 32, 128, 64, 128, 32: six parameters, four samples. In powers of two the logarithms are
   // 5, 7, 6: vertex 1/6 sample behind the middle, height 2^(7 + 1/24), width 1/sqrt(3 ln 2).
-  Samples const samples = recordOf(20, 4, {{9, {36, 132, 68, 132, 36}}});
+  Samples const samples = waveformOf(20, 4, {{9, {36, 132, 68, 132, 36}}});
   WavePtr const wave = waveOf(samples, Normal, 4);
   wave->startEnd = {{9, 12}};
   EXPECT_TRUE(Decomposition().apply(samples.data(), wave));
@@ -302,7 +302,7 @@ TEST(FittingGaussViaDecomposition, ShortestRecordsAreReadNowhereElse) {
   Samples const rising{60, 170, 420, 900, 500, 250};
   for (std::size_t length = 1; length <= rising.size(); ++length) {
     Samples const record(rising.begin(), rising.begin() + static_cast<std::ptrdiff_t>(length));
-    Testing::inGuardedPlaces(record, [&](unsigned short const* samples) {
+    Testing::withGuardedCopies(record, [&](unsigned short const* samples) {
       WavePtr const wave(new WavePoints<unsigned short>(samples, Low, 0.0, 0.0, static_cast<int>(length),
                                                         noise, ScannerDevice()));
       EXPECT_TRUE(Decomposition().apply(samples, wave));
@@ -315,7 +315,7 @@ TEST(FittingGaussViaDecomposition, ShortestRecordsAreReadNowhereElse) {
 TEST(FittingGaussViaDecomposition, RecordsThatAreCutAreReadNowhereElse) {
   for (Samples const& scene : {sceneOf(24, {{1500.0, -1.0, 3.0}, {900.0, 11.0, 2.0}, {1500.0, 24.0, 3.0}}),
                                sceneOf(24, {{1500.0, 1.0, 2.0}, {1500.0, 22.0, 2.0}})}) {
-    Testing::inGuardedPlaces(scene, [&](unsigned short const* samples) {
+    Testing::withGuardedCopies(scene, [&](unsigned short const* samples) {
       WavePtr const wave(new WavePoints<unsigned short>(
           samples, Low, 0.0, 0.0, static_cast<int>(scene.size()), noise, ScannerDevice()));
       EXPECT_TRUE(Decomposition().apply(samples, wave));
@@ -337,7 +337,7 @@ TEST(FittingGaussViaDecomposition, MissingSamplesGiveNoEchoes) {
 
 TEST(FittingGaussViaDecomposition, SegmentsBeyondTheRecordArePassedOver) {
   Samples const samples = sceneOf(60, {{1000.0, 20.3, 2.2}});
-  Testing::inGuardedPlaces({samples.begin(), samples.begin() + 22}, [&](unsigned short const* cut) {
+  Testing::withGuardedCopies({samples.begin(), samples.begin() + 22}, [&](unsigned short const* cut) {
     WavePtr const wave = waveOf(samples);
     wave->length = 22;
     EXPECT_TRUE(Decomposition().apply(cut, wave));

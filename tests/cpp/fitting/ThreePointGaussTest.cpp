@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/Records.h"
+#include "support/TestWaveforms.h"
 #include "support/Tolerances.h"
 
 namespace FullWaveform {
@@ -144,7 +144,7 @@ TEST(ThreePointGaussPeak, NothingOutsideTheRecordIsRead) {
   Samples const samples{100, 90, 120};
   double const notANumber = std::numeric_limits<double>::quiet_NaN();
   for (double const idx : {-1e300, -5.0, 0.0, 2.0, 3.0, 1e300, notANumber}) {
-    Testing::inGuardedPlaces(samples, [&](unsigned short const* record) {
+    Testing::withGuardedCopies(samples, [&](unsigned short const* record) {
       Peak peak = rawAt(idx);
       ThreePointGaussFitter().fitPeak(std::span(record, samples.size()), {}, peak);
       EXPECT_EQ(peak.type, GAUSS_3POINTS);

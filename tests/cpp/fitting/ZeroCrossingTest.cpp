@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/Records.h"
+#include "support/TestWaveforms.h"
 
 namespace FullWaveform {
 namespace {
@@ -39,7 +39,7 @@ struct Scan {
 Found scanSamples(Samples const& samples, Scan const& scan, std::list<Peak> peaks = {}) {
   ZeroCrossing settings;
   settings.minimumDifference = scan.minimumDifference;
-  Testing::inGuardedPlaces(samples, [&](unsigned short const* record) {
+  Testing::withGuardedCopies(samples, [&](unsigned short const* record) {
     std::list<Peak> own = peaks;
     EXPECT_TRUE(
         findRawPeaks(std::span(record, samples.size()), scan.first, scan.last, scan.noise, own, settings));

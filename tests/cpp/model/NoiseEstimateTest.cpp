@@ -11,7 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "NoiseRecords.h"
-#include "support/Records.h"
+#include "support/TestWaveforms.h"
 
 namespace FullWaveform {
 namespace {
@@ -136,7 +136,7 @@ INSTANTIATE_TEST_SUITE_P(NoiseEstimate, NoiseRecords,
 
 TEST(NoiseEstimate, NothingOutsideTheRecordIsRead) {
   for (std::size_t const length : {1U, 2U, 19U, 20U, 35U}) {
-    Testing::inGuardedPlaces(Samples(length, 50), [length](unsigned short const* samples) {
+    Testing::withGuardedCopies(Samples(length, 50), [length](unsigned short const* samples) {
       EXPECT_NE(estimateNoise(std::span(samples, length)), 1U);
     });
   }

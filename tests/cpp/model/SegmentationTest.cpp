@@ -9,7 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "SegmentRecords.h"
-#include "support/Records.h"
+#include "support/TestWaveforms.h"
 
 namespace FullWaveform {
 namespace {
@@ -112,7 +112,7 @@ TEST(Segmentation, EveryShortRecord) {
       samples.push_back(letter == 'b' ? 5 : letter == 'e' ? 10 : 50);
     }
     std::size_t const length = samples.size();
-    Testing::inGuardedPlaces(samples, [&](unsigned short const* first) {
+    Testing::withGuardedCopies(samples, [&](unsigned short const* first) {
       Segmentation const found = segmentSignal(std::span(first, length), 10);
       std::ostringstream text;
       char const* separator = "|";

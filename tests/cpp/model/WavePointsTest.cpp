@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/Records.h"
+#include "support/TestWaveforms.h"
 #include "support/TestScanner.h"
 
 namespace FullWaveform {
@@ -254,7 +254,7 @@ TEST(WavePoints, NoiseOfANegativeLengthIsALengthError) {
 TEST(WavePoints, NothingOutsideTheRecordIsRead) {
   for (std::size_t length = 0; length < 25; ++length) {
     for (int const noise : {-1, 10, 100}) {
-      Testing::inGuardedPlaces(Samples(length, 50), [&](unsigned short const* samples) {
+      Testing::withGuardedCopies(Samples(length, 50), [&](unsigned short const* samples) {
         Wave const wave(samples, 0, 0.0, 0.0, static_cast<int>(length), noise, scannerWith(5, 2));
         EXPECT_EQ(wave.length, length);
       });

@@ -28,8 +28,8 @@ constexpr int shotsOfScan = 40;
 class BlockProperties : public testing::TestWithParam<std::uint32_t> {
  protected:
   [[nodiscard]] Driver driver() const {
-    return {static_cast<FWFModus>(GetParam()), scanningScanner(), directory.path(), "scan.las",
-            longestRecord};
+    return {static_cast<FWFModus>(GetParam()), scannerWithSystemWave(), directory.path(), "scan.las",
+            maxWaveformLength};
   }
   [[nodiscard]] ShotMap run(std::vector<Row> const& rows, int noise = scanNoise) const {
     Driver fresh = driver();
@@ -42,16 +42,16 @@ class BlockProperties : public testing::TestWithParam<std::uint32_t> {
 
 /// Rows that each stand alone, at the edge of a page that cannot be read; handed out by an accessor.
 struct LonelyRows {
-  std::vector<std::unique_ptr<GuardedRecord>> records;
+  std::vector<std::unique_ptr<GuardedSamples>> records;
   std::vector<int> readings;
   Block block;
 
-  LonelyRows(std::vector<Row> const& rows, GuardedRecord::Guard guard)
+  LonelyRows(std::vector<Row> const& rows, GuardedSamples::Guard guard)
       : readings(rows.size()), block(blockOf(rows)) {
     for (Row const& row : rows) {
-      records.push_back(std::make_unique<GuardedRecord>(row.samples, guard));
+      records.push_back(std::make_unique<GuardedSamples>(row.samples, guard));
     }
-    block.waveforms = Driver::Waveforms(new Array({rows.size(), longestRecord}, [this](std::size_t row) {
+    block.waveforms = Driver::Waveforms(new Array({rows.size(), maxWaveformLength}, [this](std::size_t row) {
       ++readings[row];
       return records[row]->data();
     }));
@@ -61,7 +61,7 @@ struct LonelyRows {
 TEST_P(BlockProperties, NothingOutsideARecordIsReadAndEachIsFetchedOnce) {
   std::vector<Row> const rows = randomScan(11, shotsOfScan);
   Texts const expected = bytesOf(run(rows));
-  for (auto const guard : {GuardedRecord::Guard::Before, GuardedRecord::Guard::Behind}) {
+  for (auto const guard : {GuardedSamples::Guard::Before, GuardedSamples::Guard::After}) {
     LonelyRows lonely(rows, guard);
     Driver fresh = driver();
     EXPECT_EQ(bytesOf(lonely.block.run(fresh, scanNoise)), expected);
@@ -183,7 +183,7 @@ TEST_P(BlockProperties, RowsMayBeginAtAnyAddress) {
       memory.insert(memory.end(), rows[row].samples.begin(), rows[row].samples.end());
     }
     Block block = blockOf(rows);
-    block.waveforms = Driver::Waveforms(new Array({rows.size(), longestRecord}, [&](std::size_t row) {
+    block.waveforms = Driver::Waveforms(new Array({rows.size(), maxWaveformLength}, [&](std::size_t row) {
       return memories[row].data() + (shift + row) % places;
     }));
     Driver fresh = driver();

@@ -16,7 +16,7 @@ namespace {
 using namespace Testing;
 
 Driver driverOf(int modus, std::filesystem::path const& directory) {
-  return {static_cast<FWFModus>(modus), scanningScanner(), directory, "scan.las", longestRecord};
+  return {static_cast<FWFModus>(modus), scannerWithSystemWave(), directory, "scan.las", maxWaveformLength};
 }
 
 TEST(DriverLifetimes, DriversAreBuiltAndGoWhileOthersWork) {

@@ -36,13 +36,13 @@ TEST_P(DriverLocks, OnlyPlansAreMadeOneAfterTheOther) {
   TemporaryDirectory const directory;
   std::vector<Row> rows;
   for (int i = 0; i < 50; ++i) {
-    Chance chance(static_cast<std::uint32_t>(i));
-    rows.push_back({gaussians(chance, 90, 40.0, 30.0), 1.0 + i / 2, static_cast<unsigned char>(i % 2)});
+    Rng rng(static_cast<std::uint32_t>(i));
+    rows.push_back({gaussians(rng, 90, 40.0, 30.0), 1.0 + i / 2, static_cast<unsigned char>(i % 2)});
   }
   Block const block = blockOf(rows);
   std::size_t const before = locksTaken;
-  Driver driver(static_cast<FWFModus>(GetParam()), scanningScanner(), directory.path(), "scan.las",
-                longestRecord);
+  Driver driver(static_cast<FWFModus>(GetParam()), scannerWithSystemWave(), directory.path(), "scan.las",
+                maxWaveformLength);
   std::size_t const ready = locksTaken;
   EXPECT_GT(ready, before);  // the planner; it also shows that locks are seen
   for (int round = 0; round < 2; ++round) {

@@ -19,32 +19,32 @@ namespace {
 using namespace Testing;
 
 /// Nothing, noise of any strength, echoes clipped or not, single strong samples.
-std::vector<double> anySignal(Chance& chance, std::size_t length) {
+std::vector<double> anySignal(Rng& rng, std::size_t length) {
   std::vector<double> values(length);
-  double const strength = chance.oneIn(4) ? 0.0 : chance.real(0.0, 65535.0);
+  double const strength = rng.oneIn(4) ? 0.0 : rng.real(0.0, 65535.0);
   for (double& value : values) {
-    value = chance.real(0.0, strength);
+    value = rng.real(0.0, strength);
   }
-  if (chance.oneIn(2)) {
-    Samples const echoes = gaussians(chance, length, 0.5 * static_cast<double>(length), 8.0);
+  if (rng.oneIn(2)) {
+    Samples const echoes = gaussians(rng, length, 0.5 * static_cast<double>(length), 8.0);
     std::transform(values.begin(), values.end(), echoes.begin(), values.begin(), std::plus<>());
   }
-  if (chance.oneIn(4)) {
-    values[static_cast<std::size_t>(chance.between(0, static_cast<int>(length) - 1))] = 65535.0;
+  if (rng.oneIn(4)) {
+    values[static_cast<std::size_t>(rng.between(0, static_cast<int>(length) - 1))] = 65535.0;
   }
   return values;
 }
 
 TEST(FiniteWork, AFitEndsAfterTwentyEvaluations) {
-  Chance chance(11);
+  Rng rng(11);
   GaussianRefinement refinement;
   int most = 0;
   for (int scene = 0; scene < 2000; ++scene) {
-    std::vector<double> const signal = anySignal(chance, static_cast<std::size_t>(chance.between(4, 120)));
+    std::vector<double> const signal = anySignal(rng, static_cast<std::size_t>(rng.between(4, 120)));
     std::vector<double> parameters;
-    for (int echo = chance.between(1, 5); echo > 0; --echo) {
+    for (int echo = rng.between(1, 5); echo > 0; --echo) {
       parameters.insert(parameters.end(),
-                        {chance.real(-1e5, 1e5), chance.real(-200.0, 300.0), chance.real(-9.0, 9.0)});
+                        {rng.real(-1e5, 1e5), rng.real(-200.0, 300.0), rng.real(-9.0, 9.0)});
     }
     int const evaluations = refinement.refine(std::span<double const>(signal), 20.0, 0, parameters);
     ASSERT_LE(evaluations, 20) << scene;
@@ -54,11 +54,11 @@ TEST(FiniteWork, AFitEndsAfterTwentyEvaluations) {
 }
 
 TEST(FiniteWork, ADeconvolutionEndsAfterFortyIterations) {
-  Chance chance(12);
+  Rng rng(12);
   std::vector<double> const wave{0.05, 0.2, 0.4, 0.2, 0.1, 0.05};
   int most = 0;
   for (int scene = 0; scene < 300; ++scene) {
-    std::vector<double> const signal = anySignal(chance, static_cast<std::size_t>(chance.between(2, 300)));
+    std::vector<double> const signal = anySignal(rng, static_cast<std::size_t>(rng.between(2, 300)));
     ConvolutionWorkspace workspace(wave, static_cast<std::uint32_t>(signal.size() + wave.size() - 1));
     std::vector<double> estimate = signal;
     int const iterations = deconvolve(signal, workspace, centreOf(wave.size()), estimate);

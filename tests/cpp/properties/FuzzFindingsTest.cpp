@@ -5,8 +5,8 @@
 #include <fullwaveform/fitting/ZeroCrossing.h>
 #include <gtest/gtest.h>
 
-#include "support/Records.h"
 #include "support/SkewedScanner.h"
+#include "support/TestWaveforms.h"
 
 namespace FullWaveform {
 namespace {

@@ -18,20 +18,20 @@ namespace FullWaveform::Testing {
 
 inline constexpr int scanNoise = 20;  // counts
 inline constexpr unsigned short scanBaseline = 8;
-inline constexpr unsigned int longestRecord = 120;  // samples
+inline constexpr unsigned int maxWaveformLength = 120;  // samples
 
 /// A scanner with a system wave, whose after-pulse lies beyond every record.
-inline ScannerDevice scanningScanner() {
+inline ScannerDevice scannerWithSystemWave() {
   ScannerDevice scanner = skewedScanner();
   scanner.afterpulse_width = 1U << 31U;
   scanner.ampl_unit = 1.0;
   return scanner;
 }
 
-/// Chance with a fixed beginning: equal seeds give equal scans.
-class Chance {
+/// Random numbers; equal seeds give equal scans.
+class Rng {
  public:
-  explicit Chance(std::uint32_t seed) : engine(seed) {}
+  explicit Rng(std::uint32_t seed) : engine(seed) {}
   int between(int low, int high) { return std::uniform_int_distribution<int>(low, high)(engine); }
   double real(double low, double high) { return std::uniform_real_distribution<double>(low, high)(engine); }
   bool oneIn(int count) { return between(1, count) == 1; }
@@ -46,14 +46,12 @@ class Chance {
 
 /// Up to four Gaussians on the baseline, about `centre` samples into the record, clipped at 4000 counts where
 /// the highest of them may reach beyond.
-inline Samples gaussians(Chance& chance, std::size_t length, double centre, double reach,
-                         double highest = 9000.0) {
+inline Samples gaussians(Rng& rng, std::size_t length, double centre, double reach, double highest = 9000.0) {
   std::vector<double> values(length, scanBaseline);
-  for (int echo = chance.between(1, 4); echo > 0; --echo) {
-    double const position = chance.real(centre - reach, centre + reach);
-    double const width = chance.real(1.0, 3.0);
-    double const height =
-        chance.oneIn(5) ? chance.real(0.3 * highest, highest) : chance.real(30.0, 0.2 * highest);
+  for (int echo = rng.between(1, 4); echo > 0; --echo) {
+    double const position = rng.real(centre - reach, centre + reach);
+    double const width = rng.real(1.0, 3.0);
+    double const height = rng.oneIn(5) ? rng.real(0.3 * highest, highest) : rng.real(30.0, 0.2 * highest);
     for (std::size_t i = 0; i < length; ++i) {
       double const distance = (static_cast<double>(i) - position) / width;
       values[i] += height * std::exp(-0.5 * distance * distance);
@@ -67,22 +65,22 @@ inline Samples gaussians(Chance& chance, std::size_t length, double centre, doub
 }
 
 /// A record of echoes, of nothing, of full scale, of single spikes or of arbitrary values.
-inline Samples randomRecord(Chance& chance) {
-  auto const length = static_cast<std::size_t>(chance.between(0, static_cast<int>(longestRecord) - 25));
-  int const kind = chance.between(0, 9);
+inline Samples randomWaveform(Rng& rng) {
+  auto const length = static_cast<std::size_t>(rng.between(0, static_cast<int>(maxWaveformLength) - 25));
+  int const kind = rng.between(0, 9);
   if (kind < 6) {
     auto const middle = static_cast<double>(length) / 2.0;
-    Samples samples = gaussians(chance, length, middle, middle);
+    Samples samples = gaussians(rng, length, middle, middle);
     for (unsigned short& sample : samples) {
-      sample = static_cast<unsigned short>(sample + chance.between(-2, 2));
+      sample = static_cast<unsigned short>(sample + rng.between(-2, 2));
     }
     return samples;
   }
   Samples samples(length, kind == 6 ? 65535 : scanBaseline);
   int const highest = kind == 9 ? 65535 : 100;
   for (unsigned short& sample : samples) {
-    if (kind > 7 || (kind == 7 && chance.oneIn(6))) {
-      sample = static_cast<unsigned short>(chance.between(0, highest));
+    if (kind > 7 || (kind == 7 && rng.oneIn(6))) {
+      sample = static_cast<unsigned short>(rng.between(0, highest));
     }
   }
   return samples;
@@ -90,20 +88,20 @@ inline Samples randomRecord(Chance& chance) {
 
 /// Rows of `shots` shots, one behind the other, up to three rows each, in no order of time.
 inline std::vector<Row> randomScan(std::uint32_t seed, int shots) {
-  Chance chance(seed);
+  Rng rng(seed);
   std::vector<double> times;
   for (int shot = 0; shot < shots; ++shot) {
     times.push_back(1000.0 + shot * 1e-5);
   }
-  chance.shuffle(times);
+  rng.shuffle(times);
   std::vector<Row> rows;
   for (double const time : times) {
     Samples former;
-    for (int row = chance.between(1, 3); row > 0; --row) {
-      Samples samples = !former.empty() && chance.oneIn(8) ? former : randomRecord(chance);
+    for (int row = rng.between(1, 3); row > 0; --row) {
+      Samples samples = !former.empty() && rng.oneIn(8) ? former : randomWaveform(rng);
       former = samples;
-      auto const flag = static_cast<unsigned char>(chance.between(0, 2));
-      rows.push_back({std::move(samples), time, flag, chance.real(0.0, 1e-6)});
+      auto const flag = static_cast<unsigned char>(rng.between(0, 2));
+      rows.push_back({std::move(samples), time, flag, rng.real(0.0, 1e-6)});
     }
   }
   return rows;

@@ -42,8 +42,8 @@ class ShiftProperties : public testing::TestWithParam<ShiftCase> {
   }
 
   TemporaryDirectory directory;
-  Driver driver{static_cast<FWFModus>(GetParam().modus), scanningScanner(), directory.path(), "scan.las",
-                longestRecord};
+  Driver driver{static_cast<FWFModus>(GetParam().modus), scannerWithSystemWave(), directory.path(),
+                "scan.las", maxWaveformLength};
 };
 
 void expectShifted(std::list<Peak> const& echoes, std::list<Peak> const& later, double shift,
@@ -58,12 +58,12 @@ void expectShifted(std::list<Peak> const& echoes, std::list<Peak> const& later, 
 }
 
 TEST_P(ShiftProperties, EchoesMoveWithTheContentOfTheRecord) {
-  Chance chance(21);
+  Rng rng(21);
   std::size_t echoes = 0;
   for (int i = 0; i < 60; ++i) {
-    Samples const samples = gaussians(chance, 100, 40.0, 12.0, 900.0);
+    Samples const samples = gaussians(rng, 100, 40.0, 12.0, 900.0);
     auto const flag = static_cast<unsigned char>(i % 2);
-    auto const shift = static_cast<std::size_t>(chance.between(1, 30));
+    auto const shift = static_cast<std::size_t>(rng.between(1, 30));
     std::list<Peak> const found = echoesOf(samples, flag);
     echoes += found.size();
     SCOPED_TRACE(i);

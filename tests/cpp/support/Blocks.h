@@ -10,7 +10,7 @@
 #include <fullwaveform/host/MemArray.h>
 #include <fullwaveform/host/MultiArray.h>
 
-#include "support/Records.h"
+#include "support/TestWaveforms.h"
 
 namespace FullWaveform::Testing {
 
@@ -64,7 +64,7 @@ inline Block blockOf(std::vector<Row> const& rows) {
 /// A record of 20 samples at 5 counts with an echo of `top` counts at index 10, half as high beside it.
 inline Samples echoOf(unsigned short top) {
   auto const half = static_cast<unsigned short>(top / 2);
-  return recordOf(20, 5, {{9, {half, top, half}}});
+  return waveformOf(20, 5, {{9, {half, top, half}}});
 }
 
 /// A record of 20 samples below the usual noise of 20 counts.

@@ -11,7 +11,7 @@
 #include <fullwaveform/scanner/ScannerDevice.h>
 
 #include "support/Bytes.h"
-#include "support/Records.h"
+#include "support/TestWaveforms.h"
 #include "support/Require.h"
 #include "support/SkewedScanner.h"
 
