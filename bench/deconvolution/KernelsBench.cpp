@@ -54,7 +54,7 @@ void pass(benchmark::State& state, Kernel const& kernel) {
 }
 
 void setsAndSamples(benchmark::internal::Benchmark* benchmark) {
-  benchmark->ArgNames({"set", "samples"})->ArgsProduct({{0, 1, 2}, {40, 80, 160, 400}});
+  benchmark->ArgNames({"set", "samples"})->ArgsProduct({{0, 1}, {40, 80, 160, 400}});
 }
 
 void largest(benchmark::State& state) {

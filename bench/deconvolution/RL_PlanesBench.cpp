@@ -47,7 +47,7 @@ void applyOnInstructionSet(benchmark::State& state) {
     applyToEach(planes, waveforms);
   }
 }
-BENCHMARK(applyOnInstructionSet)->Name("RL_Planes/apply/instructionSet")->DenseRange(0, 2);
+BENCHMARK(applyOnInstructionSet)->Name("RL_Planes/apply/instructionSet")->DenseRange(0, 1);
 
 /// A ladder for the longest waveform of a scan.
 void buildPlanes(benchmark::State& state) {

@@ -132,9 +132,9 @@ void compare(benchmark::State& state) {
   constexpr double infinity = std::numeric_limits<double>::infinity();
   double plain = infinity;
   [[maybe_unused]] double cminpack = infinity;
-  double fast[3] = {infinity, infinity, infinity};
+  double fast[2] = {infinity, infinity};
   std::vector<GaussianRefinement> refinements;
-  for (int set = 0; set < 3 && isAvailable(static_cast<InstructionSet>(set)); ++set) {
+  for (int set = 0; set < 2 && isAvailable(static_cast<InstructionSet>(set)); ++set) {
     refinements.emplace_back(static_cast<InstructionSet>(set));
   }
   int evaluations = 0;

@@ -20,8 +20,7 @@ namespace {
 using Values = std::vector<double>;
 
 void setsSamplesAndEchoes(benchmark::internal::Benchmark* benchmark) {
-  benchmark->ArgNames({"set", "samples", "echoes"})
-      ->ArgsProduct({{0, 1, 2}, {40, 80, 160, 400}, {1, 2, 3, 6}});
+  benchmark->ArgNames({"set", "samples", "echoes"})->ArgsProduct({{0, 1}, {40, 80, 160, 400}, {1, 2, 3, 6}});
 }
 
 /// A record and Gaussians spread evenly over it.

@@ -19,7 +19,7 @@ using Values = std::vector<double>;
 
 std::vector<InstructionSet> availableSets() {
   std::vector<InstructionSet> sets;
-  for (InstructionSet const set : {InstructionSet::Baseline, InstructionSet::Avx2, InstructionSet::Avx512}) {
+  for (InstructionSet const set : {InstructionSet::Baseline, InstructionSet::Avx2}) {
     if (isAvailable(set)) {
       sets.push_back(set);
     }

@@ -63,7 +63,7 @@ void expectEqual(Values const& found, Values const& expected, double relative, s
 
 std::vector<InstructionSet> instructionSets() {
   std::vector<InstructionSet> sets;
-  for (InstructionSet const set : {InstructionSet::Baseline, InstructionSet::Avx2, InstructionSet::Avx512}) {
+  for (InstructionSet const set : {InstructionSet::Baseline, InstructionSet::Avx2}) {
     if (isAvailable(set)) {
       sets.push_back(set);
     }
