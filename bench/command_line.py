@@ -23,11 +23,11 @@ from pathlib import Path
 from typing import TypeVar
 
 from fullwaveform import Scanner
-from fullwaveform.driver import Mode
-from fullwaveform.extraction import ExtractedBlock, ExtractionSettings, Extractor
-from fullwaveform.formats.blocks import WaveformBlock
-from fullwaveform.formats.echo_files import ECHO_ENDINGS, open_echo_file
-from fullwaveform.formats.opening import open_waveforms
+from fullwaveform.core.driver import Mode
+from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.extraction.extractor import ExtractedBlock, ExtractionSettings, Extractor
+from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, open_echo_file
+from fullwaveform.io.opening import open_waveforms
 
 Result = TypeVar("Result")
 

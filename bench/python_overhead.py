@@ -16,7 +16,7 @@ import numpy as np
 from scenes import Samples, cpp_apply, fastest, scanner, waveforms
 
 from fullwaveform import Driver
-from fullwaveform.formats.opening import open_waveforms
+from fullwaveform.io.opening import open_waveforms
 
 ROWS = 4000
 NOISE = {"constructed": 20, "file": 8}  # counts

@@ -14,8 +14,8 @@ from pathlib import Path
 import laspy
 import numpy as np
 
-from fullwaveform.formats.las_reader import LasWaveformReader
-from fullwaveform.matching import match_echoes, summarise
+from fullwaveform.analysis.matching import match_echoes, summarise
+from fullwaveform.io.las.reader import LasWaveformReader
 
 TOLERANCE = 3.0  # samples
 

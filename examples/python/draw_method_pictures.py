@@ -16,7 +16,7 @@ from matplotlib.figure import Figure
 from method_scenes import INTERVAL, Echoes, FloatArray, clean, extracted, recorded, scanner
 
 from fullwaveform import Driver, Mode
-from fullwaveform.online import evaluate_online
+from fullwaveform.core.online import evaluate_online
 
 INK, GREY, SIGNAL, ECHO, OTHER = "#1f2a36", "#7b8794", "#2f6690", "#c8501e", "#5b9279"
 STEPS, WINDOW = 5, 12  # of the deconvolution: steps per sample, samples of its system wave

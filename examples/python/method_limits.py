@@ -18,7 +18,7 @@ import numpy.typing as npt
 from method_scenes import PULSE_WIDTH, Echoes, FloatArray, clean, extracted, recorded, scanner
 
 from fullwaveform import Driver, Mode
-from fullwaveform.matching import match_echoes
+from fullwaveform.analysis.matching import match_echoes
 from fullwaveform.simulation import ScanSettings, SimulatedScan, simulate_scan
 
 NOISE_RMS, LEVEL = 4.0, 28  # counts

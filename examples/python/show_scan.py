@@ -14,10 +14,10 @@ import numpy.typing as npt
 from rich.console import Console
 from rich.table import Table
 
-from fullwaveform.formats.blocks import WaveformBlock
-from fullwaveform.formats.las_reader import LasWaveformReader
-from fullwaveform.matching import match_echoes, summarise
-from fullwaveform.plots import WaveformPicture, draw_overview
+from fullwaveform.analysis.matching import match_echoes, summarise
+from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.io.las.reader import LasWaveformReader
+from fullwaveform.plotting.plots import WaveformPicture, draw_overview
 from fullwaveform.simulation import TruthTable, read_truth
 
 TOLERANCE = 2.0  # samples between an echo and the truth it is counted for

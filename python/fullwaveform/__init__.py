@@ -7,12 +7,12 @@ from typing import TYPE_CHECKING, Any
 
 if TYPE_CHECKING:
     from fullwaveform.api import Extraction, extract
-    from fullwaveform.columns import Columns
-    from fullwaveform.driver import Driver, Mode, Result, RowState
-    from fullwaveform.errors import WaveformFileError
-    from fullwaveform.formats.opening import open_waveforms as open
-    from fullwaveform.scanner import Scanner
-    from fullwaveform.waveform_table import WaveformState
+    from fullwaveform.core.driver import Driver, Mode, Result, RowState
+    from fullwaveform.core.scanner import Scanner
+    from fullwaveform.data.columns import Columns
+    from fullwaveform.data.errors import WaveformFileError
+    from fullwaveform.extraction.waveform_table import WaveformState
+    from fullwaveform.io.opening import open_waveforms as open
 
 __all__ = [
     "Columns",
@@ -32,17 +32,17 @@ __version__ = "0.1.0"
 # Name -> module and name there. Loaded when it is first asked for: NumPy, Arrow and laspy take
 # most of a second, and the command line says what went wrong before they are there.
 _HOMES = {
-    "Columns": ("columns", "Columns"),
-    "Driver": ("driver", "Driver"),
+    "Columns": ("data.columns", "Columns"),
+    "Driver": ("core.driver", "Driver"),
     "Extraction": ("api", "Extraction"),
-    "Mode": ("driver", "Mode"),
-    "Result": ("driver", "Result"),
-    "RowState": ("driver", "RowState"),
-    "Scanner": ("scanner", "Scanner"),
-    "WaveformFileError": ("errors", "WaveformFileError"),
-    "WaveformState": ("waveform_table", "WaveformState"),
+    "Mode": ("core.driver", "Mode"),
+    "Result": ("core.driver", "Result"),
+    "RowState": ("core.driver", "RowState"),
+    "Scanner": ("core.scanner", "Scanner"),
+    "WaveformFileError": ("data.errors", "WaveformFileError"),
+    "WaveformState": ("extraction.waveform_table", "WaveformState"),
     "extract": ("api", "extract"),
-    "open": ("formats.opening", "open_waveforms"),
+    "open": ("io.opening", "open_waveforms"),
 }
 
 

@@ -12,21 +12,21 @@ import laspy
 import numpy as np
 import pyarrow as pa
 
-from fullwaveform.columns import Columns
-from fullwaveform.driver import Mode, check_system_wave, checked_mode, checked_noise
-from fullwaveform.extraction import (
+from fullwaveform.core.driver import Mode, check_system_wave, checked_mode, checked_noise
+from fullwaveform.core.scanner import Scanner
+from fullwaveform.data.blocks import EchoTable, ReadTally, WaveformBlock
+from fullwaveform.data.columns import Columns
+from fullwaveform.data.echo_columns import ECHO_COLUMNS, echo_table_to_arrow
+from fullwaveform.extraction.extractor import (
     ExtractedBlock,
     ExtractionSettings,
     ExtractionTally,
     run_metadata,
 )
-from fullwaveform.formats.blocks import EchoTable, ReadTally, WaveformBlock
-from fullwaveform.formats.echo_columns import ECHO_COLUMNS, echo_table_to_arrow
-from fullwaveform.formats.echo_files import open_echo_file
-from fullwaveform.formats.opening import WaveformReader, open_waveforms
-from fullwaveform.pipeline import available_workers, extracted_blocks
-from fullwaveform.scanner import Scanner
-from fullwaveform.waveform_table import WAVEFORM_SCHEMA, WaveformTable
+from fullwaveform.extraction.pipeline import available_workers, extracted_blocks
+from fullwaveform.extraction.waveform_table import WAVEFORM_SCHEMA, WaveformTable
+from fullwaveform.io.echo_writers.opening import open_echo_file
+from fullwaveform.io.opening import WaveformReader, open_waveforms
 
 if TYPE_CHECKING:
     import pandas as pd

@@ -5,9 +5,9 @@
 # Programs that tests start inherit the environment, and with it the sanitizer.
 #
 # Not among them, under asan:
-# - test_cli_scans.py compares the memory of whole runs, of which the sanitizer needs more with every block;
-# - test_plain_road.py, test_waveform_picture.py and test_{command,offset}.py of system_wave/ are good, long, and
-#   call the library as others here do; fuzz/, simulation/ and most of formats/ are good and hardly call it.
+# - cli/test_extract_scans.py compares the memory of whole runs, of which the sanitizer needs more with every block;
+# - test_reference_three_point.py, test_waveform_picture.py and test_{command,offset}.py of system_wave/ are good, long, and
+#   call the library as others here do; fuzz/, simulation/ and most of io/ are good and hardly call it.
 # Under tsan, those that read or write LAZ: lazrs has threads of its own and was built without the sanitizer,
 # which cannot see how they wait for each other and reports a race inside lazrs.
 #
@@ -25,7 +25,7 @@ tests=("$@")
 run=(env)
 if [[ $sanitizer == tsan ]]; then
   libraries=(libtsan.so libstdc++.so.6)
-  default=(tests/python/test_{driver,driver_threads,pipeline}.py)
+  default=(tests/python/core/test_{driver,driver_threads}.py tests/python/extraction/test_pipeline.py)
   # It wants the addresses where it expects them; not every kernel's random layout obliges.
   if setarch --addr-no-randomize true 2>/dev/null; then
     run=(setarch --addr-no-randomize env)
@@ -34,18 +34,19 @@ else
   libraries=(libasan.so libubsan.so libstdc++.so.6)
   default=(
     # arrays, scanners and records, one call at a time
-    tests/python/test_{driver,driver_arrays,driver_threads,modes,online,reports,scanner}.py
-    tests/python/test_{deconvolved_signal,plain_deconvolution,waveform_views}.py
+    tests/python/core/test_{driver,driver_arrays,driver_threads,modes,online,scanner}.py
+    tests/python/core/test_{deconvolved_signal,reference_deconvolution}.py
+    tests/python/analysis/test_{reports,waveform_views}.py
     # blocks as files and callers bring them: views, gaps, empty and long blocks, workers with a driver each
-    tests/python/test_{api,extraction,pipeline,real_data}.py
-    tests/python/formats/test_pulsewaves_records.py
+    tests/python/test_{api,real_data}.py tests/python/extraction
+    tests/python/io/pulsewaves/test_records.py
     tests/python/system_wave/test_description.py
     # the command: texts of reports, files cut off in the middle, by way of a scan container
-    tests/python/test_cli{,_convert,_report,_unreadable}.py
+    tests/python/cli/test_{extract,convert,report,unreadable}.py
     # broken files, arrays and descriptions of scanners
     tests/python/hostile/test_hostile.py
     # lines of text out of columns
-    tests/python/formats/test_echo_table_writers.py
+    tests/python/io/echo_writers/test_tables.py
   )
 fi
 if [[ ${#tests[@]} -eq 0 ]]; then

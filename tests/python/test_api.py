@@ -16,10 +16,10 @@ import fullwaveform
 from fullwaveform import Extraction, Mode, Scanner, WaveformState
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
-from .command_line import run
-from .formats.row_scenes import as_container
-from .test_extraction import Packet, block_of
-from .test_extraction import record as samples_of
+from .extraction.test_extraction import Packet, block_of
+from .extraction.test_extraction import record as samples_of
+from .support.command_line import run
+from .support.row_scenes import as_container
 
 
 @pytest.fixture(scope="module")

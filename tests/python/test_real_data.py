@@ -13,9 +13,9 @@ import pytest
 from typer.testing import CliRunner
 
 from fullwaveform import Driver, Scanner
+from fullwaveform.analysis.matching import match_echoes
 from fullwaveform.cli.main import app
-from fullwaveform.matching import match_echoes
-from fullwaveform.scanner import DEFAULT_ATTRIBUTES, NO_AFTER_PULSE
+from fullwaveform.core.scanner import DEFAULT_ATTRIBUTES, NO_AFTER_PULSE
 
 BESIDE = Path(__file__).resolve().parents[2] / ".." / "shared" / "data"
 FOLDER = Path(os.environ.get("FULLWAVEFORM_DATA", BESIDE))

@@ -13,7 +13,7 @@ import pyarrow.csv
 import pyarrow.parquet
 from scans import CHANNELS, RepeatedScan
 
-from fullwaveform.matching import match_echoes
+from fullwaveform.analysis.matching import match_echoes
 from fullwaveform.simulation import TruthTable
 
 # Samples; nearer to each other than three of an echo's widths two maxima are one. How near the

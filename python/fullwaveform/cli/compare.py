@@ -10,9 +10,9 @@ import typer
 from rich.console import Console
 from rich.table import Table
 
-from fullwaveform.cli.trouble import told_in_a_sentence
-from fullwaveform.comparison import Comparison, compare_with_returns
-from fullwaveform.plots import PLOT_ENDINGS, draw_histogram
+from fullwaveform.analysis.comparison import Comparison, compare_with_returns
+from fullwaveform.cli.errors import told_in_a_sentence
+from fullwaveform.plotting.plots import PLOT_ENDINGS, draw_histogram
 
 _SHARES = (50, 90, 95, 99)  # percent
 

@@ -14,6 +14,8 @@ from fullwaveform.cli.common_options import (
     LeftOutTold,
     Quiet,
 )
+from fullwaveform.cli.errors import told_in_a_sentence
+from fullwaveform.cli.extract_options import open_checked
 from fullwaveform.cli.messages import tell_unreadable
 from fullwaveform.cli.options import (
     channel_flags_from,
@@ -22,11 +24,9 @@ from fullwaveform.cli.options import (
     seconds_from,
 )
 from fullwaveform.cli.progress import progress_of
-from fullwaveform.cli.trouble import told_in_a_sentence
-from fullwaveform.cli.wanted import open_checked
-from fullwaveform.formats.blocks import ReadTally
-from fullwaveform.formats.container_writer import ScanContainerWriter
-from fullwaveform.scanner import Scanner
+from fullwaveform.core.scanner import Scanner
+from fullwaveform.data.blocks import ReadTally
+from fullwaveform.io.container.writer import ScanContainerWriter
 
 _ENDINGS = (".h5", ".hdf5")
 

@@ -21,6 +21,8 @@ from fullwaveform.cli.common_options import (
     Quiet,
     ScannerFile,
 )
+from fullwaveform.cli.errors import told_in_a_sentence
+from fullwaveform.cli.extract_options import Wanted
 from fullwaveform.cli.messages import counted_messages, tell_unreadable, told_to_people
 from fullwaveform.cli.options import (
     after_pulse_from,
@@ -33,16 +35,14 @@ from fullwaveform.cli.options import (
 )
 from fullwaveform.cli.progress import progress_of
 from fullwaveform.cli.summary import RunSummary
-from fullwaveform.cli.trouble import told_in_a_sentence
-from fullwaveform.cli.wanted import Wanted
-from fullwaveform.extraction import ExtractionSettings, ExtractionTally, run_metadata
-from fullwaveform.formats.echo_files import ECHO_ENDINGS, check_takes_empty, open_echo_file
-from fullwaveform.formats.file_ends import EchoWriter
-from fullwaveform.formats.opening import WaveformReader
-from fullwaveform.pipeline import available_workers, extracted_blocks, write_echoes
+from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTally, run_metadata
+from fullwaveform.extraction.pipeline import available_workers, extracted_blocks, write_echoes
+from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, check_takes_empty, open_echo_file
+from fullwaveform.io.opening import WaveformReader
 
 if TYPE_CHECKING:
-    from fullwaveform.cli.extract_cluster import ClusterCall
+    from fullwaveform.cli.cluster import ClusterCall
 
 
 def extract(
@@ -131,7 +131,7 @@ def extract(
         threads = workers or available_workers()
         call = _Call(sources[0], output, keep_empty, threads, verbose, quiet)
     else:
-        from fullwaveform.cli.extract_cluster import ClusterCall  # loaded when it is wanted
+        from fullwaveform.cli.cluster import ClusterCall  # loaded when it is wanted
 
         call = ClusterCall(
             sources=sources,

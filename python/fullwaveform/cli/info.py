@@ -13,19 +13,19 @@ from rich import box
 from rich.console import Console
 from rich.table import Table
 
+from fullwaveform.analysis.histograms import Histogram
+from fullwaveform.analysis.inspection import FileContents, Level, inspect_waveforms
 from fullwaveform.cli.common_options import (
     ChannelTexts,
     IntervalNs,
     LeftOutTold,
     SourceFile,
 )
+from fullwaveform.cli.errors import told_in_a_sentence
+from fullwaveform.cli.extract_options import open_checked
 from fullwaveform.cli.messages import tell_unreadable
 from fullwaveform.cli.options import channel_flags_from, refuse_quiet_and_verbose, seconds_from
 from fullwaveform.cli.progress import progress_of
-from fullwaveform.cli.trouble import told_in_a_sentence
-from fullwaveform.cli.wanted import open_checked
-from fullwaveform.histograms import Histogram
-from fullwaveform.inspection import FileContents, Level, inspect_waveforms
 
 _NANOSECONDS = 1e9
 _LONGEST_BAR, _SHORTEST_BAR = 40, 8  # characters

@@ -9,8 +9,8 @@ from contextlib import contextmanager
 
 import typer
 
-from fullwaveform.console import message_kind
-from fullwaveform.formats.opening import WaveformReader
+from fullwaveform.core.messages import message_kind
+from fullwaveform.io.opening import WaveformReader
 
 
 class _MessageCounter(logging.Handler):

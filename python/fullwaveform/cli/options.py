@@ -8,8 +8,8 @@ from pathlib import Path
 
 import typer
 
-from fullwaveform.driver import Mode
-from fullwaveform.scanner import NO_AFTER_PULSE, AfterPulse
+from fullwaveform.core.driver import Mode
+from fullwaveform.core.scanner import NO_AFTER_PULSE, AfterPulse
 
 MODE_NAMES = {
     "three-point": Mode.THREE_POINT,

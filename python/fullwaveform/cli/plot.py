@@ -8,6 +8,8 @@ from typing import Annotated
 
 import typer
 
+from fullwaveform.analysis.waveform_selection import By, find_shot
+from fullwaveform.analysis.waveform_views import WaveformView, waveform_views
 from fullwaveform.cli.common_options import (
     AfterPulseWindow,
     ChannelTexts,
@@ -16,6 +18,8 @@ from fullwaveform.cli.common_options import (
     ScannerFile,
     SourceFile,
 )
+from fullwaveform.cli.errors import told_in_a_sentence
+from fullwaveform.cli.extract_options import open_checked, scanner_for
 from fullwaveform.cli.options import (
     after_pulse_from,
     channel_flags_from,
@@ -24,12 +28,8 @@ from fullwaveform.cli.options import (
     refuse_same_file,
     seconds_from,
 )
-from fullwaveform.cli.trouble import told_in_a_sentence
-from fullwaveform.cli.wanted import open_checked, scanner_for
-from fullwaveform.plots import PLOT_ENDINGS
-from fullwaveform.waveform_choice import By, find_shot
-from fullwaveform.waveform_picture import METHOD_NAMES, draw_waveforms
-from fullwaveform.waveform_views import WaveformView, waveform_views
+from fullwaveform.plotting.plots import PLOT_ENDINGS
+from fullwaveform.plotting.waveform import METHOD_NAMES, draw_waveforms
 
 
 def plot(

@@ -18,8 +18,8 @@ from rich.progress import (
 from rich.table import Column
 from rich.text import Text
 
-from fullwaveform.formats.blocks import WaveformBlock
-from fullwaveform.formats.opening import WaveformReader
+from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.io.opening import WaveformReader
 
 _LONGEST_NAME = 20  # characters
 

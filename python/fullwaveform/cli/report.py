@@ -9,6 +9,8 @@ from typing import Annotated
 import numpy as np
 import typer
 
+from fullwaveform.analysis.reports import block_reports
+from fullwaveform.analysis.waveform_selection import SAME_TIME
 from fullwaveform.cli.common_options import (
     AfterPulseWindow,
     ChannelTexts,
@@ -18,6 +20,8 @@ from fullwaveform.cli.common_options import (
     ScannerFile,
     SourceFile,
 )
+from fullwaveform.cli.errors import told_in_a_sentence
+from fullwaveform.cli.extract_options import open_checked, scanner_for
 from fullwaveform.cli.options import (
     after_pulse_from,
     channel_flags_from,
@@ -26,15 +30,11 @@ from fullwaveform.cli.options import (
     refuse_same_file,
     seconds_from,
 )
-from fullwaveform.cli.trouble import told_in_a_sentence
-from fullwaveform.cli.wanted import open_checked, scanner_for
-from fullwaveform.driver import Mode, check_system_wave
-from fullwaveform.formats.atomic import open_when_whole
-from fullwaveform.formats.blocks import WaveformBlock
-from fullwaveform.formats.opening import WaveformReader
-from fullwaveform.reports import block_reports
-from fullwaveform.scanner import Scanner
-from fullwaveform.waveform_choice import SAME_TIME
+from fullwaveform.core.driver import Mode, check_system_wave
+from fullwaveform.core.scanner import Scanner
+from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.io.atomic import open_when_whole
+from fullwaveform.io.opening import WaveformReader
 
 
 def report(

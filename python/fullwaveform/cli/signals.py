@@ -14,7 +14,7 @@ from contextlib import contextmanager
 from types import FrameType
 from typing import Any
 
-from fullwaveform.interruption import may_be_raised_in, request_end
+from fullwaveform.io.interruption import may_be_raised_in, request_end
 
 #: Ctrl-C, a request of the system to end, and a terminal that is closed: what they did to the run.
 PARTICIPLES = {

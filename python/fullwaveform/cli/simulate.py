@@ -7,7 +7,7 @@ from typing import Annotated
 
 import typer
 
-from fullwaveform.cli.trouble import told_in_a_sentence
+from fullwaveform.cli.errors import told_in_a_sentence
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 _DEFAULTS = ScanSettings()

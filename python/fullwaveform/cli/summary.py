@@ -9,8 +9,8 @@ from pathlib import Path
 from rich.console import Console
 from rich.table import Table
 
-from fullwaveform.extraction import ExtractionSettings, ExtractionTally
-from fullwaveform.formats.blocks import ReadTally
+from fullwaveform.data.blocks import ReadTally
+from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTally
 
 
 @dataclass(frozen=True)

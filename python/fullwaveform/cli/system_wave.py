@@ -10,9 +10,10 @@ import typer
 from rich.console import Console
 from rich.table import Table
 
+from fullwaveform.cli.errors import told_in_a_sentence
 from fullwaveform.cli.options import noise_from, refuse_same_file, seconds_from
-from fullwaveform.cli.trouble import told_in_a_sentence
-from fullwaveform.scanner import Scanner
+from fullwaveform.core.scanner import Scanner
+from fullwaveform.plotting.system_wave import PICTURE_FORMATS, draw_system_wave
 from fullwaveform.system_wave.averaging import AveragePulse
 from fullwaveform.system_wave.description import with_system_wave, write_description
 from fullwaveform.system_wave.exponentials import LARGEST_ORDER
@@ -22,7 +23,6 @@ from fullwaveform.system_wave.offset import (
     measure_offset,
     offset_of_made_echoes,
 )
-from fullwaveform.system_wave.picture import PICTURE_FORMATS, draw_system_wave
 from fullwaveform.system_wave.sources import Input, Source
 
 

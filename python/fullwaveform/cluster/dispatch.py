@@ -8,7 +8,7 @@ from concurrent.futures import CancelledError
 from typing import Any
 
 from fullwaveform.cluster.work import Plain
-from fullwaveform.interruption import raise_if_requested
+from fullwaveform.io.interruption import raise_if_requested
 
 _PER_THREAD = 2  # units with the scheduler per thread of the workers: one runs, one is next
 _TICK = 0.5  # s

@@ -18,7 +18,7 @@ from fullwaveform.cluster.plain import from_plain, to_plain
 from fullwaveform.cluster.settings import JobSettings, differences
 from fullwaveform.cluster.units import planned_parts
 from fullwaveform.cluster.work import Plain, Unit, count_blocks, extract_unit
-from fullwaveform.formats.atomic import replace_when_whole
+from fullwaveform.io.atomic import replace_when_whole
 
 _A_WHILE = 15.0  # s; lost workers that are started again are back sooner
 _LEFT_BEHIND = ".part-*.part"  # of workers that were killed while they wrote

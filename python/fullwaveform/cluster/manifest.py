@@ -8,8 +8,8 @@ from typing import ClassVar
 
 from fullwaveform.cluster.inputs import InputFile
 from fullwaveform.cluster.settings import JobSettings
-from fullwaveform.extraction import ExtractionTally
-from fullwaveform.formats.blocks import ReadTally
+from fullwaveform.data.blocks import ReadTally
+from fullwaveform.extraction.extractor import ExtractionTally
 
 #: Version of the manifest's form.
 MANIFEST_VERSION = 1

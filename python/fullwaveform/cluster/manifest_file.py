@@ -8,7 +8,7 @@ from pathlib import Path
 
 from fullwaveform.cluster.manifest import MANIFEST_NAME, MANIFEST_VERSION, Manifest, Part
 from fullwaveform.cluster.plain import from_plain, to_plain
-from fullwaveform.formats.atomic import replace_when_whole
+from fullwaveform.io.atomic import replace_when_whole
 
 _SHORTEST_PAUSE = 2.0  # s between two versions of the file
 _SHARE = 20  # the pause is at least so many times what writing took

@@ -8,7 +8,7 @@ from collections import Counter
 from collections.abc import Iterator
 from contextlib import contextmanager
 
-from fullwaveform.console import logger, message_kind
+from fullwaveform.core.messages import logger, message_kind
 
 _own = threading.local()
 

@@ -8,11 +8,11 @@ from dataclasses import dataclass
 from typing import Any
 
 from fullwaveform.cluster.plain import to_plain
-from fullwaveform.driver import Mode
-from fullwaveform.extraction import ExtractionSettings
-from fullwaveform.formats.file_ends import flag_table
-from fullwaveform.scanner import AfterPulse, Scanner
-from fullwaveform.scanner_attributes import checked_attributes
+from fullwaveform.core.driver import Mode
+from fullwaveform.core.scanner import AfterPulse, Scanner
+from fullwaveform.core.scanner_attributes import checked_attributes
+from fullwaveform.extraction.extractor import ExtractionSettings
+from fullwaveform.io.base import flag_table
 
 _OTHERS = "others"  # the flag of the channels that are not named
 # Waveforms of a unit by mode: up to some minutes of one processor, and a part that fits in memory.

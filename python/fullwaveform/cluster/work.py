@@ -17,12 +17,12 @@ from fullwaveform.cluster.manifest import MANIFEST_NAME, PartOutcome
 from fullwaveform.cluster.message_counts import messages_of_this_thread
 from fullwaveform.cluster.plain import from_plain, to_plain
 from fullwaveform.cluster.settings import JobSettings
-from fullwaveform.extraction import ExtractedBlock, run_metadata
-from fullwaveform.formats.echo_files import open_echo_file
-from fullwaveform.formats.file_ends import EchoWriter
-from fullwaveform.formats.las_writer import LasEchoWriter
-from fullwaveform.formats.opening import WaveformReader, open_waveforms
-from fullwaveform.pipeline import extracted_blocks, write_echoes
+from fullwaveform.extraction.extractor import ExtractedBlock, run_metadata
+from fullwaveform.extraction.pipeline import extracted_blocks, write_echoes
+from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.echo_writers.las import LasEchoWriter
+from fullwaveform.io.echo_writers.opening import open_echo_file
+from fullwaveform.io.opening import WaveformReader, open_waveforms
 
 Plain = dict[str, Any]
 

@@ -14,7 +14,7 @@ import numpy as np
 import numpy.typing as npt
 from laspy.vlrs.known import WktCoordinateSystemVlr
 
-from fullwaveform.formats.atomic import replace_when_whole
+from fullwaveform.io.atomic import replace_when_whole
 from fullwaveform.simulation.points import NO_PACKET, DiscretePoints, discrete_points
 from fullwaveform.simulation.settings import ScanSettings
 from fullwaveform.simulation.truth import write_truth

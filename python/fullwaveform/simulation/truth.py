@@ -10,7 +10,7 @@ import numpy.typing as npt
 import pyarrow as pa
 from pyarrow import csv
 
-from fullwaveform.errors import WaveformFileError
+from fullwaveform.data.errors import WaveformFileError
 
 FloatArray = npt.NDArray[np.float64]
 

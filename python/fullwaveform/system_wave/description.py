@@ -8,8 +8,8 @@ from typing import Any
 
 import tomli_w
 
-from fullwaveform.formats.atomic import replace_when_whole
-from fullwaveform.scanner import NO_AFTER_PULSE, Scanner
+from fullwaveform.core.scanner import NO_AFTER_PULSE, Scanner
+from fullwaveform.io.atomic import replace_when_whole
 from fullwaveform.system_wave.exponentials import ExponentialSum
 from fullwaveform.system_wave.offset import DeconvolutionOffset
 

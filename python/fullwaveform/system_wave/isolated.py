@@ -10,8 +10,8 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.driver import Driver, Mode
-from fullwaveform.scanner import Scanner
+from fullwaveform.core.driver import Driver, Mode
+from fullwaveform.core.scanner import Scanner
 from fullwaveform.system_wave.pulses import FloatArray, Pulses, baseline_of
 
 IndexArray = npt.NDArray[np.int64]

@@ -14,8 +14,8 @@ from typing import Any
 
 import numpy as np
 
-from fullwaveform.driver import Mode
-from fullwaveform.scanner import Scanner
+from fullwaveform.core.driver import Mode
+from fullwaveform.core.scanner import Scanner
 from fullwaveform.system_wave.averaging import AveragePulse
 from fullwaveform.system_wave.curve import FloatArray
 from fullwaveform.system_wave.isolated import Records, StrongEchoes, echoes_of, strongest_echoes

@@ -13,11 +13,11 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.errors import WaveformFileError
-from fullwaveform.formats.npz_reader import ZIP_SIGNATURE
-from fullwaveform.formats.opening import open_waveforms
-from fullwaveform.formats.pulsewaves_reader import PulseWavesReader
-from fullwaveform.scanner import Scanner
+from fullwaveform.core.scanner import Scanner
+from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.npz.reader import ZIP_SIGNATURE
+from fullwaveform.io.opening import open_waveforms
+from fullwaveform.io.pulsewaves.reader import PulseWavesReader
 from fullwaveform.system_wave.averaging import AveragePulse, average, pulse_of_curve
 from fullwaveform.system_wave.isolated import OTHER_INTERVAL, Records, isolated_echoes
 from fullwaveform.system_wave.pulses import LEFT_OUT, FloatArray, Pulses, pulses_of_rows

@@ -6,7 +6,7 @@ from collections.abc import Iterator
 
 import pytest
 
-from ..child_processes import end_what_was_left
+from ..support.child_processes import end_what_was_left
 from .processes import scheduler, workers
 
 

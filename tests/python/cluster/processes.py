@@ -9,7 +9,7 @@ from collections.abc import Iterator
 from contextlib import ExitStack, contextmanager
 from pathlib import Path
 
-from ..child_processes import environment, started, until
+from ..support.child_processes import environment, started, until
 
 HOLD = Path(__file__).with_name("held_workers.py")
 

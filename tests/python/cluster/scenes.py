@@ -13,8 +13,8 @@ import pyarrow.parquet
 from fullwaveform.cluster import read_parts
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
-from ..command_line import run
-from ..formats.pulsewaves_scenes import Descriptor, Pulse, Sampling, Scene
+from ..support.command_line import run
+from ..support.pulsewaves_scenes import Descriptor, Pulse, Sampling, Scene
 
 
 def las_scan(path: Path, shots: int = 300, seed: int = 5) -> Path:

@@ -16,11 +16,11 @@ from fullwaveform.cluster.message_counts import messages_of_this_thread
 from fullwaveform.cluster.plain import to_plain
 from fullwaveform.cluster.settings import JobSettings
 from fullwaveform.cluster.work import Plain, Unit, count_blocks, extract_unit
-from fullwaveform.console import logger
-from fullwaveform.extraction import ExtractionSettings
-from fullwaveform.scanner import Scanner
+from fullwaveform.core.messages import logger
+from fullwaveform.core.scanner import Scanner
+from fullwaveform.extraction.extractor import ExtractionSettings
 
-from ..command_line import assert_trouble, assert_usage, names, run
+from ..support.command_line import assert_trouble, assert_usage, names, run
 from .processes import scheduler
 from .scenes import las_scan, states
 
@@ -87,7 +87,7 @@ def test_the_library_is_not_loaded_without_need(
 ) -> None:
     monkeypatch.setitem(sys.modules, "distributed", None)
     monkeypatch.setitem(sys.modules, "dask", None)
-    monkeypatch.delitem(sys.modules, "fullwaveform.cli.extract_cluster", raising=False)
+    monkeypatch.delitem(sys.modules, "fullwaveform.cli.cluster", raising=False)
     assert run("extract", scan, "-o", scan.with_name("e.csv"), "--noise", "20").exit_code == 0
 
 

@@ -10,7 +10,7 @@ import pytest
 
 from fullwaveform.cli.signals import Ended
 from fullwaveform.cluster.dispatch import Dispatcher
-from fullwaveform.interruption import request_end
+from fullwaveform.io.interruption import request_end
 
 
 class _BusyWorker:

@@ -12,8 +12,8 @@ import pytest
 
 from fullwaveform.cluster import part_paths
 
-from ..command_line import names, run, words
-from ..formats.row_scenes import as_container
+from ..support.command_line import names, run, words
+from ..support.row_scenes import as_container
 from .scenes import (
     assert_same_rows,
     las_scan,

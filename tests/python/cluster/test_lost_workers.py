@@ -8,8 +8,8 @@ from pathlib import Path
 
 from fullwaveform.cluster import part_paths
 
-from ..child_processes import PATIENCE, until
-from ..command_line import names, run
+from ..support.child_processes import PATIENCE, until
+from ..support.command_line import names, run
 from .processes import command, hold, scheduler, workers
 from .scenes import (
     assert_same_rows,

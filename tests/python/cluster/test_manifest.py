@@ -15,7 +15,7 @@ from fullwaveform.cluster.manifest import Manifest
 from fullwaveform.cluster.manifest_file import ManifestFile, read_manifest
 from fullwaveform.cluster.settings import JobSettings
 from fullwaveform.cluster.units import planned_parts
-from fullwaveform.extraction import ExtractionSettings
+from fullwaveform.extraction.extractor import ExtractionSettings
 
 OUTCOME = {
     "rows": 3,

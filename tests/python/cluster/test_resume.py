@@ -14,8 +14,8 @@ import pytest
 
 from fullwaveform.cluster import part_paths, read_parts
 
-from ..child_processes import PATIENCE, until
-from ..command_line import assert_trouble, names, run
+from ..support.child_processes import PATIENCE, until
+from ..support.command_line import assert_trouble, names, run
 from .processes import command, hold
 from .scenes import (
     assert_same_rows,

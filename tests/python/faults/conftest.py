@@ -9,7 +9,7 @@ import pytest
 
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
-from ..child_processes import end_what_was_left
+from ..support.child_processes import end_what_was_left
 
 
 @pytest.fixture(autouse=True)

@@ -8,7 +8,7 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
-from ..child_processes import PATIENCE, environment, started
+from ..support.child_processes import PATIENCE, environment, started
 
 SLOW = Path(__file__).with_name("slow_command.py")
 

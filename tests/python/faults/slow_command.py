@@ -16,7 +16,7 @@ SHORT, LONG = 0.1, 300.0  # s
 
 def slow_blocks() -> None:
     """Each block takes a tenth of a second to be extracted, wherever that happens."""
-    from fullwaveform.extraction import Extractor
+    from fullwaveform.extraction.extractor import Extractor
 
     extract = Extractor.extract
 
@@ -29,7 +29,7 @@ def slow_blocks() -> None:
 
 def slow_renaming() -> None:
     """Minutes pass between the last byte of a file and its name, or less if an end is requested."""
-    from fullwaveform.formats import atomic
+    from fullwaveform.io import atomic
 
     raise_if_requested = atomic.raise_if_requested
 

@@ -10,9 +10,9 @@ from pathlib import Path
 
 import pytest
 
-from fullwaveform.formats.echo_files import ECHO_ENDINGS
+from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS
 
-from ..command_line import names
+from ..support.command_line import names
 from .processes import assert_told, finished
 
 Call = tuple[str | Path, ...]

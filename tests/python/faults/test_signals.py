@@ -12,11 +12,11 @@ from typing import Any
 import pytest
 
 from fullwaveform.cli.signals import Ended, unwinding_on_signals
-from fullwaveform.formats.atomic import OutputFile, replace_when_whole
-from fullwaveform.formats.echo_files import ECHO_ENDINGS
+from fullwaveform.io.atomic import OutputFile, replace_when_whole
+from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS
 
-from ..child_processes import PATIENCE, environment, until
-from ..command_line import names
+from ..support.child_processes import PATIENCE, environment, until
+from ..support.command_line import names
 from .processes import slow
 
 CODES = {signal.SIGINT: 130, signal.SIGTERM: 143, signal.SIGHUP: 129}

@@ -12,13 +12,13 @@ import laspy
 import numpy as np
 import pytest
 
-from fullwaveform.extraction import Extractor
-from fullwaveform.formats.container_writer import ScanContainerWriter
-from fullwaveform.formats.echo_files import ECHO_ENDINGS
+from fullwaveform.extraction.extractor import Extractor
+from fullwaveform.io.container.writer import ScanContainerWriter
+from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
-from ..command_line import assert_trouble, names, run
-from ..formats.pulsewaves_scenes import Descriptor, Pulse, Sampling, Scene
+from ..support.command_line import assert_trouble, names, run
+from ..support.pulsewaves_scenes import Descriptor, Pulse, Sampling, Scene
 
 EXTRACT_BY_BLOCKS = ("--noise", "20", "--block", "50", "--workers", "1")
 

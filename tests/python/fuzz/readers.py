@@ -6,8 +6,8 @@ from collections.abc import Callable
 from pathlib import Path
 
 from fullwaveform.cluster.manifest_file import read_manifest
-from fullwaveform.formats.opening import open_waveforms
-from fullwaveform.scanner import Scanner
+from fullwaveform.core.scanner import Scanner
+from fullwaveform.io.opening import open_waveforms
 from fullwaveform.simulation import read_truth
 from fullwaveform.system_wave.sources import Input
 

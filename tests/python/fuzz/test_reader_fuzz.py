@@ -21,10 +21,10 @@ from fullwaveform.cluster.manifest import Manifest
 from fullwaveform.cluster.manifest_file import ManifestFile
 from fullwaveform.cluster.settings import JobSettings
 from fullwaveform.cluster.units import planned_parts
-from fullwaveform.extraction import ExtractionSettings
-from fullwaveform.formats.container_writer import ScanContainerWriter
-from fullwaveform.formats.opening import open_waveforms
-from fullwaveform.scanner import Scanner
+from fullwaveform.core.scanner import Scanner
+from fullwaveform.extraction.extractor import ExtractionSettings
+from fullwaveform.io.container.writer import ScanContainerWriter
+from fullwaveform.io.opening import open_waveforms
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 from .readers import READERS
@@ -59,7 +59,7 @@ position_offset = 1.5
 
 def write_pulses(path: Path) -> None:
     """Three pulses, by the scenes of the tests of formats, which are a package of their own."""
-    scenes = Path(__file__).parents[1] / "formats" / "pulsewaves_scenes.py"
+    scenes = Path(__file__).parents[1] / "support" / "pulsewaves_scenes.py"
     spec = importlib.util.spec_from_file_location("pulsewaves_scenes_for_fuzz", scenes)
     assert spec is not None
     assert spec.loader is not None

@@ -13,8 +13,8 @@ from typing import Any
 import h5py
 import numpy as np
 
-from ..command_line import run
-from ..formats.las_scenes import four_shots, patch
+from ..support.command_line import run
+from ..support.las_scenes import four_shots, patch
 from . import scanners
 
 Case = Callable[[Path], list[str]]

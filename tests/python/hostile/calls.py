@@ -6,7 +6,7 @@ import os
 from collections.abc import Callable, Iterator
 from pathlib import Path
 
-from ..formats.las_scenes import four_shots
+from ..support.las_scenes import four_shots
 
 Case = Callable[[Path], list[str]]
 

@@ -7,7 +7,7 @@ import struct
 from collections.abc import Callable, Iterator
 from pathlib import Path
 
-from ..formats.las_scenes import Point, Scene, compressed, four_shots, patch
+from ..support.las_scenes import Point, Scene, compressed, four_shots, patch
 
 Case = Callable[[Path], list[str]]
 

@@ -7,9 +7,9 @@ import struct
 from collections.abc import Callable, Iterator
 from pathlib import Path
 
-from ..formats import pulsewaves_scenes as made
-from ..formats.las_scenes import patch
-from ..formats.pulsewaves_scenes import Descriptor, Pulse, Sampling, Scene, three_pulses
+from ..support import pulsewaves_scenes as made
+from ..support.las_scenes import patch
+from ..support.pulsewaves_scenes import Descriptor, Pulse, Sampling, Scene, three_pulses
 
 Case = Callable[[Path], list[str]]
 

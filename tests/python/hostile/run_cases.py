@@ -16,7 +16,7 @@ from typer.testing import CliRunner
 
 from fullwaveform.cli.main import app
 
-from ..formats.las_scenes import four_shots
+from ..support.las_scenes import four_shots
 from .corpus import Case, cases
 
 MEMORY = 1 << 30  # bytes of address space beyond what the libraries and their threads have

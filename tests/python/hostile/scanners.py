@@ -5,7 +5,7 @@ from __future__ import annotations
 from collections.abc import Callable, Iterator
 from pathlib import Path
 
-from ..formats.las_scenes import four_shots
+from ..support.las_scenes import four_shots
 
 Case = Callable[[Path], list[str]]
 

@@ -10,7 +10,7 @@ import laspy
 import numpy as np
 import pytest
 
-from fullwaveform.errors import WaveformFileError
+from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.simulation import (
     ScanSettings,
     SimulatedScan,

@@ -9,9 +9,9 @@ import numpy as np
 import pytest
 
 from fullwaveform import Mode, Scanner
-from fullwaveform.extraction import ExtractionSettings, Extractor
-from fullwaveform.formats.blocks import FloatArray, PulseGeometry, ShotAttributes, WaveformBlock
-from fullwaveform.scanner import AfterPulse
+from fullwaveform.core.scanner import AfterPulse
+from fullwaveform.data.blocks import FloatArray, PulseGeometry, ShotAttributes, WaveformBlock
+from fullwaveform.extraction.extractor import ExtractionSettings, Extractor
 from fullwaveform.system_wave import (
     DeconvolutionOffset,
     ExponentialSum,

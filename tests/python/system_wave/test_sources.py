@@ -11,7 +11,7 @@ import numpy as np
 import pytest
 
 from fullwaveform import Scanner
-from fullwaveform.errors import WaveformFileError
+from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 from fullwaveform.system_wave import AveragePulse
 from fullwaveform.system_wave.sources import NOT_RECORDED, Input, Source
@@ -202,7 +202,7 @@ def pulsewaves_file(path: Path, outgoing: bool) -> Path:
 
 def pulsewaves_scenes() -> ModuleType:
     """The writer of small PulseWaves files, from the tests of their reader."""
-    path = Path(__file__).resolve().parents[1] / "formats" / "pulsewaves_scenes.py"
+    path = Path(__file__).resolve().parents[1] / "support" / "pulsewaves_scenes.py"
     spec = importlib.util.spec_from_file_location("pulsewaves_scenes_for_pulses", path)
     assert spec is not None
     assert spec.loader is not None

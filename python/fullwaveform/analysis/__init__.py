@@ -1,0 +1,1 @@
+"""Inspection, matching, comparison, reports and selection of waveforms."""

@@ -1,0 +1,235 @@
+"""What a file of waveforms holds, found in one pass over its blocks."""
+
+from __future__ import annotations
+
+from collections import Counter
+from collections.abc import Iterable, Mapping
+from dataclasses import dataclass
+from typing import TypeVar
+
+import numpy as np
+import numpy.typing as npt
+
+from fullwaveform.analysis.baseline import background
+from fullwaveform.analysis.histograms import (
+    Histogram,
+    count_median,
+    count_quantile,
+    value_histogram,
+)
+from fullwaveform.data.blocks import ReadTally, WaveformBlock
+from fullwaveform.io.opening import WaveformReader
+
+IntArray = npt.NDArray[np.int64]
+_Key = TypeVar("_Key", int, float)
+
+_VALUES = 65_536  # of a sample
+_STEPS = 16  # per count, in which baselines and noise are counted
+_AT_ONCE = 1 << 20  # samples, which become numbers of eight bytes
+_PLATEAU = 2  # samples
+_FEMTOSECONDS = 1e15  # per s; intervals that differ by less are one
+_SHARES = (0.05, 0.95)
+_FORMATS = {
+    "LasWaveformReader": "LAS",
+    "PulseWavesReader": "PulseWaves",
+    "ScanContainerReader": "scan container (HDF5)",
+    "NpzReader": "NumPy archive",
+}
+
+
+@dataclass(frozen=True, slots=True)
+class Level:
+    """A quantity of every waveform in counts: median over the waveforms, and where 90 % lie."""
+
+    median: float
+    low: float  # 5 % lie below
+    high: float  # 5 % lie above
+
+
+@dataclass(frozen=True, slots=True)
+class FileContents:
+    """What a file of waveforms holds.
+
+    Baseline and noise of every waveform are estimated as `background` does, and rounded to a
+    sixteenth of a count.
+
+    saturated is the share of the waveforms in which at least two neighbouring samples have the
+    largest value of the file: a digitiser that clips makes such plateaus, noise hardly ever.
+    """
+
+    format: str
+    points: int  # points or pulses of the file; its waveforms where it has neither
+    points_without_waveform: int
+    points_sharing_waveform: int  # whose waveform another point had brought already
+    waveforms: int
+    shots: int
+    samples: int
+    sample_counts: Mapping[int, int]  # samples per waveform -> waveforms, ascending
+    sampling_intervals: Mapping[float, int]  # s -> waveforms, ascending
+    channels: Mapping[int, int]  # channel flag -> waveforms, ascending
+    waveforms_per_shot: Mapping[int, int]  # -> shots, ascending
+    first_time: float | None  # s, GPS time; None where no shot has one
+    last_time: float | None  # s
+    baseline: Level | None  # None without waveforms
+    noise: Level | None
+    smallest: int | None  # counts, None without samples
+    largest: int | None
+    bits: int  # that hold the largest value
+    saturated: float  # share of the waveforms, 0 to 1
+    value_counts: IntArray  # (largest + 1,), samples of each value
+    maximum_counts: IntArray  # (largest + 1,), waveforms by their largest sample
+    rejected: Mapping[str, int]  # reason -> waveforms that cannot be used
+    notes: tuple[str, ...]  # what the reader has to say, a sentence each
+
+    @property
+    def median_sample_count(self) -> float | None:
+        """Median of the samples per waveform, None without waveforms."""
+        if not self.waveforms:
+            return None
+        counts = np.zeros(max(self.sample_counts) + 1, np.int64)
+        counts[list(self.sample_counts)] = list(self.sample_counts.values())
+        return count_median(counts)
+
+    def values(self, bins: int = 20) -> Histogram:
+        """Histogram of all samples; bins are about equally wide on a logarithmic scale."""
+        return value_histogram(self.value_counts, bins)
+
+    def maxima(self, bins: int = 20) -> Histogram:
+        """Histogram of the largest sample of each waveform, as `values`."""
+        return value_histogram(self.maximum_counts, bins)
+
+
+def inspect_waveforms(
+    reader: WaveformReader, blocks: Iterable[WaveformBlock] | None = None
+) -> FileContents:
+    """Describe what a reader's file holds, in one pass; memory does not grow with the file.
+
+    Parameters
+    ----------
+    reader
+        Open.
+    blocks
+        All blocks of the reader, where somebody else follows them; its own when left out.
+
+    Raises
+    ------
+    As the blocks of the reader.
+    """
+    sums = _Sums()
+    for block in reader.blocks() if blocks is None else blocks:
+        sums.add(block)
+    return sums.contents(_format_of(reader), reader.point_count, reader.tally)
+
+
+def _format_of(reader: WaveformReader) -> str:
+    name = _FORMATS.get(type(reader).__name__, type(reader).__name__)
+    header = reader.header
+    if name != "LAS" or header is None:
+        return name
+    kind = "LAZ" if header.are_points_compressed else "LAS"
+    return f"{kind} {header.version}, point format {header.point_format.id}"
+
+
+class _Sums:
+    """What is counted from block to block."""
+
+    def __init__(self) -> None:
+        self.waveforms = 0
+        self.sample_counts: Counter[int] = Counter()
+        self.intervals: Counter[float] = Counter()
+        self.channels: Counter[int] = Counter()
+        self.per_shot: Counter[int] = Counter()
+        self.times = (np.inf, -np.inf)
+        self.baseline = np.zeros(_VALUES * _STEPS, np.int64)  # waveforms by steps of a count
+        self.noise = np.zeros(_VALUES * _STEPS, np.int64)
+        self.values = np.zeros(_VALUES, np.int64)
+        self.maxima = np.zeros(_VALUES, np.int64)
+        self.largest = -1
+        self.with_plateau = 0
+
+    def add(self, block: WaveformBlock) -> None:
+        self.waveforms += len(block)
+        self.sample_counts.update(_counted(block.counts))
+        femtoseconds = _counted(np.rint(block.sampling_intervals * _FEMTOSECONDS))
+        self.intervals.update({key / _FEMTOSECONDS: n for key, n in femtoseconds.items()})
+        self.channels.update(_counted(block.channel_flags))
+        per_shot = np.unique(block.shot_times, return_counts=True)[1]
+        self.per_shot.update(_counted(per_shot))
+        times = block.attributes.gps_time[np.isfinite(block.attributes.gps_time)]
+        self.times = (
+            min(self.times[0], float(times.min(initial=np.inf))),
+            max(self.times[1], float(times.max(initial=-np.inf))),
+        )
+        for count in np.unique(block.counts[block.counts > 0]):
+            self._add_samples(block.samples[block.counts == count, :count])
+
+    def _add_samples(self, samples: npt.NDArray[np.uint16]) -> None:
+        """Samples (n, count) of waveforms of one length, which is not 0."""
+        self._add_plateaus(samples)
+        self.maxima += np.bincount(samples.max(axis=1), minlength=_VALUES)
+        rows = max(_AT_ONCE // samples.shape[1], 1)
+        for first in range(0, len(samples), rows):
+            part = samples[first : first + rows]
+            self.values += np.bincount(part.ravel(), minlength=_VALUES)
+            baseline, noise = background(part)
+            _count_steps(self.baseline, baseline)
+            _count_steps(self.noise, noise)
+
+    def _add_plateaus(self, samples: npt.NDArray[np.uint16]) -> None:
+        largest = int(samples.max())
+        if largest > self.largest:
+            self.largest, self.with_plateau = largest, 0
+        at_top = samples == self.largest
+        side_by_side = at_top[:, : 1 - _PLATEAU] & at_top[:, _PLATEAU - 1 :]
+        self.with_plateau += int(np.count_nonzero(side_by_side.any(axis=1)))
+
+    def contents(self, kind: str, points: int, tally: ReadTally) -> FileContents:
+        values = self.values[: self.largest + 1]
+        has_time = bool(np.isfinite(self.times[0]))
+        return FileContents(
+            format=kind,
+            points=points,
+            points_without_waveform=tally.points_without_packet,
+            points_sharing_waveform=tally.points_sharing_packet,
+            waveforms=self.waveforms,
+            shots=self.per_shot.total(),
+            samples=int(values.sum()),
+            sample_counts=_ascending(self.sample_counts),
+            sampling_intervals=_ascending(self.intervals),
+            channels=_ascending(self.channels),
+            waveforms_per_shot=_ascending(self.per_shot),
+            first_time=self.times[0] if has_time else None,
+            last_time=self.times[1] if has_time else None,
+            baseline=_level(self.baseline),
+            noise=_level(self.noise),
+            smallest=int(np.flatnonzero(values)[0]) if self.largest >= 0 else None,
+            largest=self.largest if self.largest >= 0 else None,
+            bits=max(self.largest, 0).bit_length(),
+            saturated=self.with_plateau / max(self.waveforms, 1),
+            value_counts=values.copy(),
+            maximum_counts=self.maxima[: self.largest + 1].copy(),
+            rejected=dict(tally.rejected),
+            notes=tuple(tally.notes),
+        )
+
+
+def _counted(values: npt.NDArray[np.generic]) -> dict[int, int]:
+    distinct, counts = np.unique(values, return_counts=True)
+    return {int(value): int(n) for value, n in zip(distinct, counts, strict=True)}
+
+
+def _ascending(counter: Counter[_Key]) -> dict[_Key, int]:
+    return {key: counter[key] for key in sorted(counter)}
+
+
+def _count_steps(counts: IntArray, levels: npt.NDArray[np.float64]) -> None:
+    steps = np.rint(levels * _STEPS).astype(np.int64)
+    np.add.at(counts, np.minimum(steps, len(counts) - 1), 1)
+
+
+def _level(counts: IntArray) -> Level | None:
+    """Median and range of what was counted in steps."""
+    if not counts.any():
+        return None
+    low, high = (count_quantile(counts, share) / _STEPS for share in _SHARES)
+    return Level(count_median(counts) / _STEPS, low, high)

@@ -1,0 +1,1 @@
+"""The compiled library: driver, scanner description, on-board echoes, console messages."""

@@ -1,0 +1,1 @@
+"""What all folders exchange: waveform blocks, echo tables, column descriptions, tallies."""

@@ -1,0 +1,1 @@
+"""From blocks of waveforms to georeferenced echoes."""

@@ -1,0 +1,1 @@
+"""Readers that yield blocks of waveforms, and writers of echo tables."""

@@ -1,0 +1,1 @@
+"""Writers of echo tables: CSV, Parquet, HDF5, LAS, text."""

@@ -1,0 +1,75 @@
+"""Echoes as an HDF5 file."""
+
+from __future__ import annotations
+
+import os
+from collections.abc import Iterator, Mapping
+from contextlib import contextmanager
+
+import h5py
+import pyarrow as pa
+
+from fullwaveform.data.echo_columns import ECHO_COLUMNS
+from fullwaveform.io.atomic import open_when_whole
+from fullwaveform.io.base import RUN_METADATA_KEY, run_metadata_text
+from fullwaveform.io.echo_writers.row_groups import GroupedEchoWriter
+
+#: Rows of a chunk of every dataset; 512 kB of doubles.
+ROWS_PER_CHUNK = 2**16
+
+
+class Hdf5EchoWriter(GroupedEchoWriter):
+    """Writes echoes to an HDF5 file, table by table; to be used in a ``with`` statement.
+
+    One dataset per column of `echo_columns.ECHO_COLUMNS`, with the attributes ``unit`` and
+    ``description``; chunked and compressed. `metadata` says how the echoes were made and stands
+    as JSON in the attribute ``fullwaveform`` of the file. Equal echoes give equal bytes, in
+    however many tables they come. The file takes its name when the block ends without an error.
+    Raises OSError if it cannot be written.
+    """
+
+    def __init__(
+        self, path: str | os.PathLike[str], metadata: Mapping[str, str] | None = None
+    ) -> None:
+        super().__init__(path, ROWS_PER_CHUNK)
+        self._metadata = metadata
+        self._file: h5py.File | None = None
+
+    @contextmanager
+    def _open(self) -> Iterator[None]:
+        with open_when_whole(self.path) as self._stream:
+            try:
+                with h5py.File(self._stream, "w") as self._file:
+                    _create_datasets(self._file)
+                    if self._metadata is not None:
+                        self._file.attrs[RUN_METADATA_KEY] = run_metadata_text(self._metadata)
+                    yield
+                    self._append(self._groups.rest())
+            finally:
+                self._stream = self._file = None
+
+    def _append(self, groups: Iterator[pa.Table]) -> None:
+        if self._file is not None:
+            for group in groups:
+                for name in group.column_names:
+                    dataset = self._file[name]
+                    first = len(dataset)
+                    dataset.resize(first + len(group), axis=0)
+                    dataset[first:] = group[name].to_numpy()
+
+
+def _create_datasets(file: h5py.File) -> None:
+    for column in ECHO_COLUMNS:
+        dataset = file.create_dataset(
+            column.name,
+            shape=(0,),
+            maxshape=(None,),
+            dtype=column.type.to_pandas_dtype(),
+            chunks=(ROWS_PER_CHUNK,),
+            compression="gzip",
+            compression_opts=4,
+            shuffle=True,
+            track_times=False,
+        )
+        dataset.attrs["unit"] = column.unit
+        dataset.attrs["description"] = column.description

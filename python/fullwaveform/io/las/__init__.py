@@ -1,0 +1,1 @@
+"""LAS and LAZ files with waveform packets."""

@@ -1,0 +1,298 @@
+"""Points of LAS files with waveforms: opening, a first pass, and whole shots in order of time."""
+
+from __future__ import annotations
+
+import struct
+from collections.abc import Iterator
+from dataclasses import dataclass
+from pathlib import Path
+
+import laspy
+import numpy as np
+import numpy.typing as npt
+from laspy.vlrs.vlrlist import VLRList
+
+from fullwaveform.data.blocks import FloatArray, PulseGeometry, ShotAttributes
+from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.coordinates import check_coordinates
+from fullwaveform.io.file_bytes import FileBytes
+from fullwaveform.io.las.compression import (
+    check_compression,
+    check_scanner_channels,
+    decoder_trouble_told,
+    decompressors,
+    scanner_channels,
+)
+from fullwaveform.io.las.waveform_packets import (
+    PACKET_RECORD_ID,
+    RECORD_HEADER_SIZE,
+    read_record_header,
+)
+
+WAVEFORM_POINT_FORMATS = (4, 5, 9, 10)
+_VERSIONS = ((1, 3), (1, 4), (1, 5))
+_COMPRESSED = 0b1000_0000  # bit of the point format
+SCAN_ANGLE_UNIT = 0.006  # degrees per count of the scan angle in point formats 6 to 10
+
+_SMALLEST_HEADER = 227  # bytes, LAS 1.0 to 1.2
+_RECORD_HEADER_SIZE = 54  # bytes of an ordinary variable record's header
+_LENGTH_IN_RECORD_HEADER = 20  # byte
+_SURVEY_CHUNK = 1 << 17  # points
+
+Points = npt.NDArray[np.void]  # structured, fields as laspy names them
+
+
+def open_las(path: Path) -> tuple[laspy.LasReader, dict[int, int]]:
+    """Open a LAS file with waveform points.
+
+    Returns
+    -------
+    laspy's reader, its header with the extended records (all but the packets themselves, which may
+    be larger than memory), and where each extended record starts, by record id.
+
+    Raises
+    ------
+    OSError
+        If the file cannot be opened.
+    WaveformFileError
+        If it is not a whole LAS file with waveform points.
+    """
+    _check_extent_of_header(path)
+    with decoder_trouble_told(f"{path} is not a readable LAS file"):
+        reader = laspy.open(path, read_evlrs=False, laz_backend=decompressors())
+    try:
+        _check_header(reader.header, path)
+        records, starts = _read_extended_records(reader.header, path)
+        reader.header.evlrs = records
+    except BaseException:
+        reader.close()
+        raise
+    return reader, starts
+
+
+def _check_extent_of_header(path: Path) -> None:
+    """Keep headers that are cut off from laspy, which would read zeros in place of the rest."""
+    size = path.stat().st_size
+    with path.open("rb") as stream:
+        start = stream.read(_SMALLEST_HEADER)
+    if start[:4] != b"LASF":
+        raise WaveformFileError(f"{path} is not a LAS file: it does not start with LASF")
+    if len(start) < _SMALLEST_HEADER:
+        raise WaveformFileError(f"{path} is cut off in its header, after {size} bytes")
+    _check_kind(start, path)
+    header_size, points_start, records = struct.unpack_from("<HII", start, 94)
+    if points_start > size:
+        raise WaveformFileError(
+            f"{path} is cut off: its points should start at byte {points_start}, it has {size}"
+        )
+    if header_size + records * _RECORD_HEADER_SIZE > points_start:
+        raise WaveformFileError(
+            f"{path}: {records} variable records do not fit between the header of {header_size} "
+            f"bytes and the points at byte {points_start}"
+        )
+    _check_extent_of_records(path, header_size, points_start, records)
+
+
+def _check_kind(start: bytes, path: Path) -> None:
+    version, point_format = (start[24], start[25]), start[104] & ~_COMPRESSED
+    if version not in _VERSIONS:
+        raise WaveformFileError(
+            f"{path} is LAS {version[0]}.{version[1]}; versions 1.3, 1.4 and 1.5 have waveforms "
+            "that can be read"
+        )
+    if point_format not in WAVEFORM_POINT_FORMATS:
+        raise WaveformFileError(
+            f"{path}: point format {point_format} has no waveforms; formats 4, 5, 9 and 10 do"
+        )
+
+
+def _check_extent_of_records(path: Path, start: int, end: int, records: int) -> None:
+    """Keep records that reach into the points from laspy, which would read them shorter."""
+    with path.open("rb") as stream:
+        for number in range(1, records + 1):
+            stream.seek(start + _LENGTH_IN_RECORD_HEADER)
+            (length,) = struct.unpack("<H", stream.read(2))
+            start += _RECORD_HEADER_SIZE + length
+            if start > end:
+                raise WaveformFileError(
+                    f"{path}: variable record {number} of {records} has {length} bytes and reaches "
+                    f"beyond byte {end}, where the points start"
+                )
+
+
+def _check_header(header: laspy.LasHeader, path: Path) -> None:
+    check_coordinates(header.scales, header.offsets, path)
+    if header.are_points_compressed:
+        check_compression(header, path)
+        return
+    there = (path.stat().st_size - header.offset_to_point_data) // header.point_format.size
+    if there < header.point_count:
+        raise WaveformFileError(
+            f"{path} is cut off: the header announces {header.point_count} points, "
+            f"{there} are there"
+        )
+
+
+def _read_extended_records(
+    header: laspy.LasHeader, path: Path
+) -> tuple[VLRList | None, dict[int, int]]:
+    if header.version.minor < 4:
+        return None, {}
+    size = path.stat().st_size
+    records = VLRList()
+    starts: dict[int, int] = {}
+    position = header.start_of_first_evlr
+    with path.open("rb") as stream:
+        for number in range(header.number_of_evlrs):
+            if position + RECORD_HEADER_SIZE > size:
+                raise WaveformFileError(
+                    f"{path} is cut off: extended record {number + 1} of {header.number_of_evlrs} "
+                    f"should start at byte {position}, the file has {size} bytes"
+                )
+            stream.seek(position)
+            user, record_id, length = read_record_header(stream)
+            end = position + RECORD_HEADER_SIZE + length
+            if user == b"LASF_Spec":
+                starts.setdefault(record_id, position)
+            if (user, record_id) != (b"LASF_Spec", PACKET_RECORD_ID):
+                if end > size:
+                    raise WaveformFileError(
+                        f"{path} is cut off: its extended record {record_id} ends at byte {end}, "
+                        f"the file has {size} bytes"
+                    )
+                stream.seek(position)
+                records.extend(VLRList.read_from(stream, 1, extended=True))
+            position = end
+    return records, starts
+
+
+@dataclass(frozen=True, slots=True)
+class Survey:
+    """What a first pass over all points found."""
+
+    ascending: bool  # GPS times never fall and are all numbers
+    without_times: bool  # one GPS time for all, although they have several packets
+    descriptors: tuple[int, ...]  # that points name, without 0
+
+
+def survey(reader: laspy.LasReader, path: Path) -> Survey:
+    """Read all points once, chunk by chunk, for what has to be known before the first block."""
+    used = np.zeros(256, dtype=bool)
+    channels: set[int] = set()
+    ascending, last_time = True, -np.inf
+    times: tuple[float, float] = (np.inf, -np.inf)
+    offsets: tuple[int, int] = (2**64, -1)
+    for points in _in_file_order(reader, path, _SURVEY_CHUNK):
+        gps_time, index = points["gps_time"], points["wavepacket_index"]
+        used[index] = True
+        if reader.header.are_points_compressed:
+            check_scanner_channels(channels := channels | scanner_channels(points), path)
+        # Written so that a NaN anywhere makes it false.
+        ascending = ascending and bool(gps_time[0] >= last_time and (np.diff(gps_time) >= 0).all())
+        last_time = gps_time[-1]
+        times = min(times[0], float(gps_time.min())), max(times[1], float(gps_time.max()))
+        packets = points["wavepacket_offset"][index > 0]
+        if len(packets) > 0:
+            offsets = min(offsets[0], int(packets.min())), max(offsets[1], int(packets.max()))
+    without_times = ascending and times[0] == times[1] and offsets[0] < offsets[1]
+    return Survey(ascending, without_times, tuple(int(i) for i in np.flatnonzero(used) if i > 0))
+
+
+def whole_shots(reader: laspy.LasReader, path: Path, found: Survey, chunk: int) -> Iterator[Points]:
+    """Yield all points in order of time, cut between shots, in pieces of about `chunk` points.
+
+    Points of one GPS time are one shot; within it they keep the order of the file. Without times
+    every point may end a piece.
+
+    Raises
+    ------
+    WaveformFileError
+        If the points are cut off, or compressed and not in order of time.
+    """
+    if found.without_times:
+        yield from _in_file_order(reader, path, chunk)
+        return
+    chunks = _in_file_order if found.ascending else _in_order_of_time
+    carried: list[Points] = []  # points of the last shot, which the next chunk may continue
+    for points in chunks(reader, path, chunk):
+        if carried and points["gps_time"][0] != carried[0]["gps_time"][0]:
+            yield np.concatenate(carried)
+            carried = []
+        # Chunks are in order, except for NaN at their end, which equals nothing.
+        start = int(np.argmax(points["gps_time"] == points["gps_time"][-1]))
+        if start > 0:
+            yield np.concatenate([*carried, points[:start]])
+            carried = []
+        carried.append(points[start:])
+    if carried:
+        yield np.concatenate(carried)
+
+
+def _in_file_order(reader: laspy.LasReader, path: Path, chunk: int) -> Iterator[Points]:
+    total = reader.header.point_count
+    for start in range(0, total, chunk):
+        expected = min(chunk, total - start)
+        with decoder_trouble_told(f"{path}: cannot read the points from {start} on"):
+            if start == 0 or reader.points_read != start:  # another pass may be under way
+                reader.seek(start)
+            points: Points = reader.read_points(expected).array
+        if len(points) != expected:
+            raise WaveformFileError(
+                f"{path} is cut off: the header announces {total} points, {start + len(points)} "
+                "are there"
+            )
+        yield points
+
+
+def _in_order_of_time(reader: laspy.LasReader, path: Path, chunk: int) -> Iterator[Points]:
+    header = reader.header
+    if header.are_points_compressed:
+        raise WaveformFileError(
+            f"{path}: the points are compressed and not in order of GPS time; sort or decompress "
+            "them first"
+        )
+    # An index of 8 bytes per point, and as much for the times while it is made; NaN comes last.
+    times = [points["gps_time"].copy() for points in _in_file_order(reader, path, _SURVEY_CHUNK)]
+    order = np.argsort(np.concatenate(times), kind="stable")
+    layout = header.point_format.dtype()
+    data = FileBytes(path, header.offset_to_point_data)
+    try:
+        for start in range(0, len(order), chunk):
+            places = order[start : start + chunk] * layout.itemsize
+            yield data.rows(places, layout.itemsize).view(layout)[:, 0]
+    finally:
+        data.close()
+
+
+def has_place(points: Points) -> npt.NDArray[np.bool_]:
+    """Tell whether direction and return location of each point are finite."""
+    place: npt.NDArray[np.bool_] = np.isfinite(points["return_point_wave_location"])
+    for axis in ("x_t", "y_t", "z_t"):
+        place &= np.isfinite(points[axis])
+    return place
+
+
+def pulse_geometry(record: laspy.ScaleAwarePointRecord) -> PulseGeometry:
+    """Give the place in space of the waveforms of these points lie."""
+    direction: FloatArray = np.column_stack([record["x_t"], record["y_t"], record["z_t"]])
+    return PulseGeometry(
+        anchor=np.column_stack([record["x"], record["y"], record["z"]]).astype(np.float64),
+        location=record["return_point_wave_location"].astype(np.float64),
+        direction=direction.astype(np.float64),
+    )
+
+
+def shot_attributes(record: laspy.ScaleAwarePointRecord) -> ShotAttributes:
+    """Give what echoes inherit from these points; the scan angle of any format in degrees."""
+    if record.point_format.id < 6:
+        angle = record["scan_angle_rank"].astype(np.float32)
+    else:
+        angle = (record["scan_angle"] * SCAN_ANGLE_UNIT).astype(np.float32)
+    return ShotAttributes(
+        gps_time=record["gps_time"].astype(np.float64),
+        scan_angle=angle,
+        scan_direction_flag=np.array(record["scan_direction_flag"], dtype=np.uint8),
+        edge_of_flight_line=np.array(record["edge_of_flight_line"], dtype=np.uint8),
+        user_data=np.array(record["user_data"]),
+        point_source_id=np.array(record["point_source_id"]),
+    )

@@ -1,0 +1,1 @@
+"""PulseWaves files."""

@@ -1,0 +1,163 @@
+"""Pulses of PulseWaves files: their fields, their times, and their place in space."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+from dataclasses import dataclass, replace
+from pathlib import Path
+
+import numpy as np
+import numpy.typing as npt
+
+from fullwaveform.data.blocks import FloatArray, PulseGeometry, ShotAttributes
+from fullwaveform.io.file_bytes import FileBytes
+from fullwaveform.io.pulsewaves.header import PulseWavesHeader
+
+TARGET_UNITS = 1000.0  # sampling units that light needs from the anchor to the target
+
+_FIRST_SHOT_KEY = -(2.0**52)  # from here on 2**52 whole numbers are doubles
+_SURVEY_CHUNK = 1 << 17  # pulses
+_FIELDS: dict[str, tuple[str, int]] = {  # type, byte of the pulse
+    "time": ("<i8", 0),
+    "offset": ("<i8", 8),
+    "anchor": ("<3i4", 16),
+    "target": ("<3i4", 28),
+    "first_returning": ("<i2", 40),
+    "last_returning": ("<i2", 42),
+    "descriptor": ("u1", 44),
+    "flags": ("u1", 45),
+    "intensity": ("u1", 46),
+    "classification": ("u1", 47),
+}
+
+Pulses = npt.NDArray[np.void]  # structured, fields as above
+
+
+class PulseData:
+    """The pulses of a file, never loaded as a whole; to be closed."""
+
+    def __init__(self, header: PulseWavesHeader, path: Path) -> None:
+        self.header = header
+        self._layout = np.dtype(
+            {
+                "names": list(_FIELDS),
+                "formats": [kind for kind, _ in _FIELDS.values()],
+                "offsets": [position for _, position in _FIELDS.values()],
+                "itemsize": header.pulse_size,
+            }
+        )
+        self._bytes = FileBytes(path, header.pulses_start)
+        if len(self) > 0 and not any(header.time_range):  # not set
+            ends = self.take(np.array([0, len(self) - 1]))["time"]
+            self.header = replace(header, time_range=(int(ends.min()), int(ends.max())))
+
+    def close(self) -> None:
+        """Close the file; may be called twice."""
+        self._bytes.close()
+
+    def __len__(self) -> int:
+        return self.header.pulse_count
+
+    def __getitem__(self, wanted: slice) -> Pulses:
+        return self.take(np.arange(*wanted.indices(len(self))))
+
+    def take(self, numbers: npt.NDArray[np.int64]) -> Pulses:
+        """The pulses of the given running numbers, in their order."""
+        raw = self._bytes.rows(numbers * self.header.pulse_size, self.header.pulse_size)
+        pulses: Pulses = raw.view(self._layout)[:, 0]
+        return pulses
+
+    def chunks(self, size: int) -> Iterator[Pulses]:
+        """Yield all pulses in the order of the file, so many at a time."""
+        for start in range(0, len(self), size):
+            yield self[start : start + size]
+
+    def times(self, pulses: Pulses) -> FloatArray:
+        """When each of these pulses left, s; standard GPS times adjusted as in LAS, minus 1e9."""
+        # Taken off the offset, which loses nothing: at 1e9 s doubles are 0.1 us apart.
+        offset = self.header.time_offset - self.header.time_adjustment
+        with np.errstate(over="ignore"):  # a senseless scale gives infinite times, never NaN
+            times: FloatArray = pulses["time"] * np.float64(self.header.time_scale)
+            times += offset
+        return times
+
+
+@dataclass(frozen=True, slots=True)
+class PulseSurvey:
+    """What a first pass over all pulses found."""
+
+    times_differ: bool  # no two pulses have the same time
+    descriptors: tuple[int, ...]  # that pulses name
+
+
+def survey(pulses: PulseData) -> PulseSurvey:
+    """Read all pulses once, chunk by chunk, for what has to be known before the first block."""
+    used = np.zeros(256, dtype=bool)
+    rising, last_time = True, -np.inf
+    for chunk in pulses.chunks(_SURVEY_CHUNK):
+        used[chunk["descriptor"]] = True
+        times = pulses.times(chunk)
+        rising = rising and bool(times[0] > last_time and (times[1:] > times[:-1]).all())
+        last_time = times[-1]
+    differ = rising or _all_differ(pulses)
+    return PulseSurvey(differ, tuple(int(index) for index in np.flatnonzero(used)))
+
+
+def shot_keys(
+    rows: Pulses, numbers: npt.NDArray[np.int64], pulses: PulseData, found: PulseSurvey
+) -> FloatArray:
+    """Give each pulse a number of its own: its time, or, where times repeat, its running number."""
+    if found.times_differ:
+        return pulses.times(rows)
+    keys: FloatArray = numbers.astype(np.float64) + _FIRST_SHOT_KEY
+    return keys
+
+
+def segment_geometry(
+    rows: Pulses, durations: FloatArray, units_ns: FloatArray, header: PulseWavesHeader
+) -> PulseGeometry:
+    """Give the place in space of segments.
+
+    Parameters
+    ----------
+    rows
+        (n,), the pulse of each segment.
+    durations
+        (n,), from the pulse's anchor to the segment's first sample, sampling units.
+    units_ns
+        (n,), sampling unit, ns.
+    header
+        Of their file.
+
+    Returns
+    -------
+    Geometry whose anchors are the places of the first samples, all at location 0.
+    """
+    scales, offsets = np.array(header.scales), np.array(header.offsets)
+    # Senseless scales may lead beyond the largest double; writers leave such places out.
+    with np.errstate(over="ignore", invalid="ignore"):
+        # Subtracted as whole numbers: nothing is lost beside offsets of thousands of kilometres.
+        step = (rows["target"].astype(np.int64) - rows["anchor"]) * scales / TARGET_UNITS
+        first_samples = rows["anchor"] * scales + offsets + durations[:, np.newaxis] * step
+        direction = -step / (1000.0 * units_ns)[:, np.newaxis]
+    return PulseGeometry(anchor=first_samples, location=np.zeros(len(rows)), direction=direction)
+
+
+def shot_attributes(rows: Pulses, pulses: PulseData) -> ShotAttributes:
+    """Give what echoes inherit from pulses: time and source; the rest is 0, pulses do not say."""
+    source = pulses.header.source_id
+    return ShotAttributes(
+        gps_time=pulses.times(rows),
+        scan_angle=np.zeros(len(rows), dtype=np.float32),
+        scan_direction_flag=np.zeros(len(rows), dtype=np.uint8),
+        edge_of_flight_line=np.zeros(len(rows), dtype=np.uint8),
+        user_data=np.zeros(len(rows), dtype=np.uint8),
+        point_source_id=np.full(len(rows), source if source <= 0xFFFF else 0, dtype=np.uint16),
+    )
+
+
+def _all_differ(pulses: PulseData) -> bool:
+    # Eight bytes per pulse, only for files whose times do not rise.
+    times = np.concatenate([pulses.times(chunk) for chunk in pulses.chunks(_SURVEY_CHUNK)])
+    times.sort()
+    return bool((times[1:] > times[:-1]).all())

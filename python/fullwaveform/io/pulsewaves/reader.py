@@ -1,0 +1,213 @@
+"""Waveforms of PulseWaves files, block by block."""
+
+from __future__ import annotations
+
+import os
+from collections.abc import Iterator, Mapping
+from contextlib import ExitStack
+from dataclasses import dataclass
+from functools import partial
+
+import laspy
+import numpy as np
+import numpy.typing as npt
+
+from fullwaveform.data.blocks import FloatArray, ReadTally, WaveformBlock
+from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.base import FileReader
+from fullwaveform.io.block_range import UngatheredBlock
+from fullwaveform.io.pulsewaves.descriptors import (
+    OUTGOING,
+    RETURNING,
+    PulseDescriptor,
+    SamplingDescriptor,
+    SamplingTable,
+    check_usable,
+    read_descriptors,
+)
+from fullwaveform.io.pulsewaves.header import las_header, read_header, read_records
+from fullwaveform.io.pulsewaves.pulses import (
+    PulseData,
+    segment_geometry,
+    shot_attributes,
+    shot_keys,
+    survey,
+)
+from fullwaveform.io.pulsewaves.samples import IntArray, Segments, WaveData, find_waves
+from fullwaveform.io.pulsewaves.selection import Selection
+
+
+@dataclass(frozen=True, slots=True)
+class OutgoingPulses:
+    """Samples of outgoing pulses, one row per segment, in the order of the file."""
+
+    samples: npt.NDArray[np.uint16]  # (n, width), counts; rows are zero behind their own count
+    counts: npt.NDArray[np.uint16]  # (n,), valid samples of each row
+    sampling_intervals: FloatArray  # (n,), s per sample
+    shot_times: FloatArray  # (n,), as in the blocks of returning waveforms
+    pulse_numbers: IntArray  # (n,), running number of the pulse in the file
+
+    def __len__(self) -> int:
+        return len(self.counts)
+
+
+class PulseWavesReader(FileReader):
+    """Reads the waveforms of a PulseWaves file of version 0.x that is not compressed.
+
+    Each segment of a returning sampling is a waveform, each pulse a shot. Pulses are visited in the
+    order of the file. Values are counts as stored; lookup tables to other units are not applied.
+
+    `sbl_times` of a block are the times that light needs from the anchor to a segment's first
+    sample (its duration), so that times of echoes from several segments of a shot compare.
+
+    Parameters
+    ----------
+    path
+        The file of pulses, ``.pls``. The samples lie in the file of the same name ending ``.wvs``.
+    waveforms_per_block, channel_flags
+        As in `FileReader`, flags by the channel number that the pulse descriptor gives a sampling.
+
+    Of a pulse whose waves do not lie wholly inside the file of samples, one waveform is counted as
+    rejected. Raises as `FileReader`; in a pass also if a descriptor that pulses name is missing or
+    cannot be read.
+    """
+
+    def __init__(
+        self,
+        path: str | os.PathLike[str],
+        *,
+        waveforms_per_block: int = 20_000,
+        channel_flags: Mapping[int, int] | int = 1,
+    ) -> None:
+        super().__init__(path, waveforms_per_block, channel_flags)
+        file_header = read_header(self._path)
+        records = read_records(file_header, self._path)
+        self._descriptors = read_descriptors(records, self._path)
+        waves = find_waves(self._path)
+        with ExitStack() as opened:
+            self._pulses = PulseData(file_header, self._path)
+            opened.callback(self._pulses.close)
+            self._header = las_header(self._pulses.header, records)
+            self._waves = WaveData(waves)
+            opened.pop_all()
+        self._outgoing_tally = ReadTally()
+
+    def close(self) -> None:
+        """Close the file; may be called twice. Nothing can be read any more."""
+        super().close()
+        self._pulses.close()
+        self._waves.close()
+
+    @property
+    def header(self) -> laspy.LasHeader:
+        """A LAS header with the scales, offsets and reference system of this file."""
+        return self._header
+
+    @property
+    def descriptors(self) -> dict[int, PulseDescriptor]:
+        """The pulse descriptors of the file by index, the unused ones too."""
+        return self._descriptors
+
+    @property
+    def point_count(self) -> int:
+        """Pulses of the file."""
+        return len(self._pulses)
+
+    @property
+    def channel_numbers(self) -> frozenset[int]:
+        """Channels that its pulse descriptors give returning samplings."""
+        samplings = (one for whole in self._descriptors.values() for one in whole.samplings)
+        return frozenset(one.channel for one in samplings if one.kind == RETURNING)
+
+    @property
+    def outgoing_tally(self) -> ReadTally:
+        """What the last pass over the outgoing pulses met; complete when it is exhausted."""
+        return self._outgoing_tally
+
+    def _ungathered(self, met: ReadTally) -> Iterator[UngatheredBlock]:
+        run = self._prepare(RETURNING)
+        met.notes += self._notes_on(run)
+        for segments in run.blocks(self._waveforms_per_block, met):
+            yield UngatheredBlock(len(segments), partial(self._block, segments, run))
+
+    def outgoing_pulses(self) -> Iterator[OutgoingPulses]:
+        """Yield the samples of the outgoing pulses in blocks; `tally` does not change.
+
+        Those that cannot be used are counted in `outgoing_tally`, which starts anew with each call,
+        for the same reasons as in `blocks`.
+
+        Raises
+        ------
+        WaveformFileError
+            If a descriptor that pulses name is missing or cannot be read.
+        """
+        self._outgoing_tally = tally = ReadTally()
+        run = self._prepare(OUTGOING)
+        for segments in run.blocks(self._waveforms_per_block, tally):
+            tally.waveforms += len(segments)
+            code, pulses = segments["sampling"], self._pulses.take(segments["pulse"])
+            yield OutgoingPulses(
+                samples=self._samples(segments, run),
+                counts=segments["count"].astype(np.uint16),
+                sampling_intervals=run.table.units_ns[code] / 1e9,
+                shot_times=shot_keys(pulses, segments["pulse"], self._pulses, run.found),
+                pulse_numbers=segments["pulse"].copy(),
+            )
+
+    def _prepare(self, kind: int) -> Selection:
+        self._check_that_it_is_open()
+        found = survey(self._pulses)
+        for index in found.descriptors:
+            if index not in self._descriptors:
+                raise WaveformFileError(
+                    f"{self._path}: pulses name pulse descriptor {index}; the file has "
+                    f"{sorted(self._descriptors) or 'none'}"
+                )
+            check_usable(self._descriptors[index], self._path)
+        table = SamplingTable(self._descriptors[index] for index in found.descriptors)
+        wanted = np.array([one.kind == kind for one in table.samplings], dtype=bool)
+        return Selection(self._pulses, self._waves, found, table, wanted)
+
+    def _notes_on(self, run: Selection) -> list[str]:
+        notes = []
+        if not run.found.times_differ:
+            notes.append("Several pulses have the same time; each counts as a shot of its own.")
+        if self._pulses.header.attributes != 0:
+            notes.append("The pulses carry attributes beyond their standard fields; not read.")
+        returning = [one for one in run.table.samplings if one.kind == RETURNING]
+        if any(one.lookup_table != 0 for one in returning):
+            notes.append("Lookup tables of the samples were not applied; values are counts.")
+        notes += _note_on_kinds(run.table.samplings)
+        channels = sorted({one.channel for one in returning})
+        flags = {int(self._flags[channel]) for channel in channels}
+        if len(channels) > 1 and len(flags) == 1:
+            numbers = " and ".join(map(str, channels))
+            notes.append(f"The file's channels {numbers} all count as channel {flags.pop()}.")
+        return notes
+
+    def _block(self, segments: Segments, run: Selection, numbers: IntArray) -> WaveformBlock:
+        code, pulses = segments["sampling"], self._pulses.take(segments["pulse"])
+        unit = run.table.units_ns[code]
+        return WaveformBlock(
+            samples=self._samples(segments, run),
+            counts=segments["count"].astype(np.uint16),
+            shot_times=shot_keys(pulses, segments["pulse"], self._pulses, run.found),
+            sbl_times=segments["duration"] * unit / 1e9,
+            channel_flags=self._flags[run.table.channels[code]],
+            sampling_intervals=unit / 1e9,
+            geometry=segment_geometry(pulses, segments["duration"], unit, self._pulses.header),
+            attributes=shot_attributes(pulses, self._pulses),
+            waveform_numbers=numbers,
+        )
+
+    def _samples(self, segments: Segments, run: Selection) -> npt.NDArray[np.uint16]:
+        sample_bytes = run.table.sample_bytes[segments["sampling"]]
+        return self._waves.gather(segments["start"], segments["count"], sample_bytes)
+
+
+def _note_on_kinds(samplings: tuple[SamplingDescriptor, ...]) -> list[str]:
+    others = sorted({one.kind for one in samplings} - {OUTGOING, RETURNING})
+    if not others:
+        return []
+    kinds = ", ".join(map(str, others))
+    return [f"Samplings of type {kinds}, neither outgoing nor returning, were passed over."]

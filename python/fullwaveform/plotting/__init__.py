@@ -1,0 +1,1 @@
+"""Pictures of waveforms, system waves and comparisons."""

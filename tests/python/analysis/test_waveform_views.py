@@ -1,0 +1,167 @@
+"""What the methods make of one waveform, against echoes worked out by hand."""
+
+from __future__ import annotations
+
+from collections.abc import Sequence
+
+import numpy as np
+import pytest
+
+from fullwaveform import Mode, Scanner, WaveformState
+from fullwaveform.analysis.waveform_selection import ChosenShot
+from fullwaveform.analysis.waveform_views import WaveformView, fitted_sum, waveform_views
+
+from ..core import test_modes
+from ..extraction.test_extraction import Packet, block_of
+from ..support import reference_three_point as reference_three_point
+from ..support.records import TRIPLE_STD, record
+from ..system_wave import richardson_lucy as plain
+
+HALF = np.exp(-0.5)
+
+
+def views(
+    *packets: Packet,
+    modes: Sequence[Mode] = (Mode.THREE_POINT,),
+    noise: int = 10,
+    scanner: Scanner | None = None,
+) -> list[WaveformView]:
+    shot = ChosenShot(block_of(packets), np.arange(len(packets)))
+    return waveform_views(shot, scanner or Scanner.default(), modes, noise)
+
+
+def height_at(curve: np.ndarray, position: float) -> float:
+    """Height of a curve where it has a value; fails where it has none."""
+    (row,) = np.flatnonzero(np.abs(curve[:, 0] - position) < 1e-9)
+    return float(curve[row, 1])
+
+
+def test_sum_of_one_gaussian() -> None:
+    curve = fitted_sum(np.array([10.0]), np.array([100.0]), np.array([2.0]), 5.0, 40)
+    assert height_at(curve, 10.0) == 105.0
+    assert height_at(curve, 12.0) == pytest.approx(5.0 + 100.0 * 0.60653066)
+    assert curve[[0, -1], 0].tolist() == pytest.approx([0.0, 39.0])
+
+
+def test_sum_of_two_gaussians_at_their_own_positions() -> None:
+    echoes = np.array([10.013, 14.013]), np.array([100.0, 50.0]), np.array([2.0, 2.0])
+    curve = fitted_sum(*echoes, 0.0, 40)
+    # Two standard deviations apart: exp(-2) of the other one's amplitude is added.
+    assert height_at(curve, 10.013) == pytest.approx(100.0 + 50.0 * 0.13533528)
+    assert height_at(curve, 14.013) == pytest.approx(50.0 + 100.0 * 0.13533528)
+
+
+def test_sum_of_none_is_empty() -> None:
+    assert fitted_sum(np.empty(0), np.empty(0), np.empty(0), 5.0, 40).shape == (0, 2)
+
+
+def test_three_points() -> None:
+    (view,) = views(Packet(record({20: 100, 40: 60})))
+    assert (view.number, view.channel_flag, view.gps_time, view.interval) == (70, 1, 1000.0, 1e-9)
+    assert view.noise == 10
+    # From the last sample that is not above the noise to the first one below it.
+    assert view.segments.tolist() == [[18, 22], [38, 42]]
+    (method,) = view.methods
+    assert method.state is WaveformState.WITH_ECHOES
+    np.testing.assert_allclose(method.positions, [20.0, 40.0], atol=1e-6)
+    np.testing.assert_allclose(method.tops, [100.0, 60.0], rtol=1e-6)
+    np.testing.assert_allclose(method.widths, [TRIPLE_STD, TRIPLE_STD], rtol=1e-6)
+    np.testing.assert_allclose(method.bar_heights, [100.0 * HALF, 60.0 * HALF], rtol=1e-6)
+    # The Gaussian goes through its three samples, 50, 100, 50.
+    assert height_at(method.fitted, 21.0) == pytest.approx(50.0, rel=1e-5)
+    assert method.deconvolved.shape == (0, 2)
+
+
+def test_gaussians_of_a_decomposition_stand_on_the_noise() -> None:
+    x = np.arange(60)
+    samples = np.rint(20.0 + 400.0 * np.exp(-0.5 * ((x - 30.4) / 2.5) ** 2)).astype(np.uint16)
+    (view,) = views(Packet(samples, flag=0), modes=[Mode.DECOMPOSITION], noise=20)
+    (method,) = view.methods
+    np.testing.assert_allclose(method.positions, [30.4], atol=0.02)
+    np.testing.assert_allclose(method.widths, [2.5], atol=0.02)
+    assert method.feet.tolist() == [20.0]
+    np.testing.assert_allclose(method.tops, [420.0], rtol=0.005)
+    # Counts are rounded; the least squares add little to that.
+    for sample in (26, 30, 33):
+        assert height_at(method.fitted, float(sample)) == pytest.approx(samples[sample], abs=1.5)
+
+
+def test_deconvolved_signal_lies_where_its_echoes_are_reported() -> None:
+    samples = test_modes.scene(np.array([[20.3, 28.0]]), np.array([[500.0, 300.0]]))
+    offset = 0.75  # samples
+    scanner = Scanner.from_attributes(test_modes.scanner().attributes)
+    moved = Scanner(scanner.attributes, deconvolution_offset=offset)
+    found = {}
+    for name, described in (("as it is", scanner), ("moved", moved)):
+        (view,) = views(Packet(samples[0]), modes=[Mode.DECONVOLUTION], noise=25, scanner=described)
+        (found[name],) = view.methods
+    for method in found.values():
+        assert len(method.positions) >= 2
+        assert not np.any(method.widths)
+        for position, amplitude in zip(method.positions, method.tops, strict=True):
+            nearest = np.argmin(np.abs(method.deconvolved[:, 0] - position))
+            assert method.deconvolved[nearest, 0] == pytest.approx(position, abs=1e-9)
+            assert method.deconvolved[nearest, 1] == pytest.approx(amplitude + 0.5, abs=0.501)
+    np.testing.assert_allclose(
+        found["moved"].deconvolved[:, 0], found["as it is"].deconvolved[:, 0] - offset
+    )
+    # Against the iteration written down plainly.
+    kernel = plain.system_wave(
+        np.array(test_modes.SYSTEM_WAVE["a_real"]),
+        np.array(test_modes.SYSTEM_WAVE["b_real"])
+        + 1j * np.array(test_modes.SYSTEM_WAVE["b_imag"]),
+        1e-9,
+    )
+    row = samples[0].astype(np.float64)
+    stretch = plain.signal_range(row, 25)
+    assert stretch is not None
+    np.testing.assert_allclose(
+        found["as it is"].deconvolved[:, 1], plain.deconvolved(row, 25, kernel, *stretch), rtol=1e-6
+    )
+
+
+def test_hybrid_shows_the_signal_that_it_took_its_echoes_from() -> None:
+    samples = test_modes.scene(np.array([[30.0]]), np.array([[600.0]]))
+    scanner = test_modes.scanner()
+    for flag, deconvolves in ((1, True), (0, False)):
+        (view,) = views(
+            Packet(samples[0], flag=flag), modes=[Mode.HYBRID], noise=25, scanner=scanner
+        )
+        (method,) = view.methods
+        assert (len(method.deconvolved) > 0) is deconvolves
+        assert (len(method.fitted) > 0) is not deconvolves
+
+
+def test_modes_keep_their_order() -> None:
+    modes = [Mode.DECOMPOSITION, Mode.THREE_POINT]
+    (view,) = views(Packet(record({20: 100})), modes=modes)
+    assert [method.mode for method in view.methods] == modes
+
+
+def test_channels_are_merged_before_one_of_them_is_shown() -> None:
+    packets = [Packet(record({20: 100}), flag=1), Packet(record({20: 80}), flag=0)]
+    shot = ChosenShot(block_of(packets), np.array([1]))
+    (view,) = waveform_views(shot, Scanner.default(), [Mode.THREE_POINT], 10)
+    assert view.number == 71
+    assert view.methods[0].state is WaveformState.MERGED_AWAY
+    assert len(view.methods[0].positions) == 0
+
+
+def test_waveform_below_its_noise_has_a_state_and_no_echoes() -> None:
+    (view,) = views(Packet(record({20: 8})))
+    assert view.segments.shape == (0, 2)
+    assert view.methods[0].state is WaveformState.SIGNAL_TOO_LOW
+    assert view.methods[0].fitted.shape == (0, 2)
+
+
+def test_noise_is_estimated_for_every_waveform() -> None:
+    chance = np.random.default_rng(2)
+    samples = chance.integers(15, 25, 80).astype(np.uint16)
+    samples[40:43] = 300, 600, 300
+    (view,) = views(Packet(samples), noise=-1)
+    assert view.noise == reference_three_point.estimate(samples.tolist())
+
+
+def test_mode_that_needs_a_system_wave() -> None:
+    with pytest.raises(ValueError, match="needs the scanner's system wave"):
+        views(Packet(record({20: 100})), modes=[Mode.DECONVOLUTION])

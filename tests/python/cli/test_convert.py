@@ -1,0 +1,157 @@
+"""The verb convert: scan containers from which the same echoes come."""
+
+from __future__ import annotations
+
+import re
+from pathlib import Path
+
+import h5py
+import numpy as np
+import pytest
+
+from fullwaveform.io.opening import open_waveforms
+from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
+
+from ..support.command_line import assert_trouble, assert_usage, names, run
+from ..support.las_scenes import data_folder
+
+ROOT = Path(__file__).resolve().parents[3]
+DESCRIPTION = """
+"Scanner Group Velocity" = 299708256.0
+"Scanner Serial Number" = "S 17"
+"Scanner Type" = "tester"
+"Wavelength[nm]" = 1064.0
+"UnambiguousRange" = 1000.0
+reflectance_calculation_delta = 0.125
+ampl_unit = 0.5
+reflectance_calculation_table = []
+t_ref = 1e-9
+
+[after_pulse]
+offset = 3
+width = 1
+"""
+
+
+@pytest.fixture(scope="module")
+def scan(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    path = tmp_path_factory.mktemp("scan") / "scan.las"
+    write_scan(simulate_scan(ScanSettings(shots=150, seed=5)), path)
+    return path
+
+
+def test_echoes_of_the_container_are_those_of_the_original(scan: Path, tmp_path: Path) -> None:
+    converted = tmp_path / "scan.h5"
+    done = run("convert", scan, converted, "--channel", "2=high", "--block", "40")
+    assert done.exit_code == 0, done.output
+    with open_waveforms(scan) as reader:
+        waveforms = sum(map(len, reader.blocks()))
+    assert done.stdout.splitlines()[0] == f"{waveforms:,} waveforms: {converted}"
+    for ending in ("csv", "las"):
+        one, other = tmp_path / f"one.{ending}", tmp_path / f"other.{ending}"
+        call = ("--mode", "decomposition", "--noise", "20", "-q")
+        assert run("extract", scan, "-o", one, "--channel", "2=high", *call).exit_code == 0
+        assert run("extract", converted, "-o", other, *call).exit_code == 0
+        assert one.stat().st_size > 5_000
+        assert one.read_bytes() == other.read_bytes()
+
+
+@pytest.mark.parametrize(
+    "name", ["las/topo_2ns.las", "pulsewaves/topo_1ns.pls", "pulsewaves/saturated_1ns.pls"]
+)
+def test_echoes_of_real_records_stay_the_same(name: str, tmp_path: Path) -> None:
+    source = data_folder() / name
+    if not source.exists():
+        pytest.skip(f"no {name} in the folder of real waveforms")
+    assert run("convert", source, tmp_path / "scan.h5", "-q").exit_code == 0
+    one, other = tmp_path / "one.las", tmp_path / "other.las"
+    for scan, echoes in ((source, one), (tmp_path / "scan.h5", other)):
+        done = run("extract", scan, "-o", echoes, "--noise", "8", "-q")
+        assert done.exit_code == 0, done.output
+    assert one.stat().st_size > 5_000
+    assert one.read_bytes() == other.read_bytes()
+
+
+def test_scanner_goes_along(scan: Path, tmp_path: Path) -> None:
+    toml, first, second = tmp_path / "s.toml", tmp_path / "first.h5", tmp_path / "second.hdf5"
+    toml.write_text(DESCRIPTION, encoding="utf-8")
+    assert run("convert", scan, first, "--scanner", toml, "-q").exit_code == 0
+    assert run("convert", first, second, "-q").exit_code == 0
+    for path in (first, second):
+        with open_waveforms(path) as reader:
+            scanner = reader.scanner()
+        assert scanner is not None
+        assert scanner.attributes["ampl_unit"] == 0.5
+        assert scanner.attributes["t_ref"] == 1e-9
+        assert scanner.after_pulse is not None
+        assert (scanner.after_pulse.offset, scanner.after_pulse.width) == (3, 1)
+    with open_waveforms(scan) as reader:
+        assert (reader.scanner(), reader.scanner_attributes()) == (None, None)
+
+
+def test_archives_and_what_was_left_out(tmp_path: Path) -> None:
+    samples = np.arange(6, dtype=np.uint16).reshape(2, 3)
+    np.savez(tmp_path / "a.npz", samples=samples, shot_times=[1.0, np.nan])
+    source, target = tmp_path / "a.npz", tmp_path / "a.h5"
+    assert_trouble(run("convert", source, target), "sampling interval", "--interval")
+    call = ["convert", source, target, "--interval", "0.5"]
+    reason = "1 times: GPS time is not a finite number"
+    assert_trouble(run(*call), "not every waveform is readable", reason, "--skip-unreadable")
+    assert not target.exists()
+    done = run(*call, "--skip-unreadable")
+    assert done.stdout.splitlines() == [
+        f"1 waveforms: {target}",
+        "1 left out: GPS time is not a finite number",
+    ]
+    with h5py.File(target) as file:
+        fields = file["waveforms/StandardCartesianChart3D"]
+        assert fields["Waveforms"][:].tolist() == [[0, 1, 2]]
+        assert fields["SampleInterval"][:].tolist() == [0.5e-9]
+        assert "las" not in file
+    assert run("convert", source, target, "--interval", "0.5", "-q").stdout == ""
+
+
+def test_calls_that_make_no_sense(scan: Path, tmp_path: Path) -> None:
+    assert_usage(run("convert", scan, tmp_path / "a.las"), "must end in .h5 or .hdf5")
+    container = tmp_path / "a.h5"
+    assert run("convert", scan, container, "-q").exit_code == 0
+    assert_usage(run("convert", container, container), "is the input itself")
+    for interval in ("0", "-1", "nan", "inf"):
+        call = ("convert", scan, container, "--interval", interval)
+        assert_usage(run(*call), "no number of nanoseconds above 0")
+    assert_usage(run("convert", scan, container, "--channel", "up"), "is not a channel")
+    assert_trouble(run("convert", scan, container, "--interval", "1"), "says its sampling interval")
+
+
+def test_nothing_is_left_of_a_failed_run(scan: Path, tmp_path: Path) -> None:
+    (tmp_path / "a.txt").write_text("x", encoding="utf-8")
+    assert_trouble(run("convert", tmp_path / "a.txt", tmp_path / "a.h5"), "no file of waveforms")
+    assert_trouble(run("convert", tmp_path / "none", tmp_path / "a.h5"), "No such file")
+    lonely = tmp_path / "lonely.las"
+    lonely.write_bytes(scan.read_bytes())
+    assert_trouble(run("convert", lonely, tmp_path / "a.h5"), "lonely.wdp does not exist")
+    lonely.with_suffix(".wdp").write_bytes(scan.with_suffix(".wdp").read_bytes()[:60])
+    assert_trouble(run("convert", lonely, tmp_path / "a.h5"), "no waveform is readable")
+    assert names(tmp_path) == ["a.txt", "lonely.las", "lonely.wdp"]
+
+
+def test_ten_lines_of_the_document_read_a_container(
+    scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    document = (ROOT / "docs" / "file-formats.md").read_text(encoding="utf-8")
+    (code,) = re.findall(r"```python\n(import h5py\n.*?)```", document, flags=re.DOTALL)
+    assert len(list(filter(None, code.splitlines()))) == 10
+    assert run("convert", scan, tmp_path / "scan.h5", "-q").exit_code == 0
+    monkeypatch.chdir(tmp_path)
+    found: dict[str, np.ndarray] = {}
+    exec(compile(code, "file-formats.md", "exec"), found)
+    with open_waveforms(scan) as reader:
+        (block,) = reader.blocks()
+    assert np.array_equal(found["samples"], block.samples)
+    assert np.array_equal(found["counts"], block.counts)
+    assert np.array_equal(found["anchor"], block.geometry.anchor)
+    row = 7
+    peak = int(np.argmax(block.samples[row]))
+    lead = block.geometry.location[row] - peak * block.sampling_intervals[row] * 1e12
+    place = block.geometry.anchor[row] + lead * block.geometry.direction[row]
+    np.testing.assert_allclose(found["place"][row], place, rtol=0, atol=1e-9)

@@ -1,0 +1,296 @@
+"""The command line: files and options in, files, exit codes and sentences out."""
+
+from __future__ import annotations
+
+import csv
+import os
+import shutil
+from pathlib import Path
+
+import laspy
+import numpy as np
+import pytest
+from typer.testing import Result
+
+import fullwaveform
+from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
+
+from ..support.command_line import assert_trouble, assert_usage, names, run
+
+SHOTS = 300
+EXTRA = ["amplitude_db", "width_ns", "position", "echo_type", "quality", "reflectance"]
+TOML = """
+"Scanner Group Velocity" = 299708256.0
+"Scanner Serial Number" = "1"
+"Scanner Type" = "none that is known"
+"Wavelength[nm]" = 1064
+UnambiguousRange = 1000.0
+reflectance_calculation_delta = 0.1
+ampl_unit = 0.1
+reflectance_calculation_table = []
+"""
+
+
+@pytest.fixture(scope="module")
+def original(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    path = tmp_path_factory.mktemp("original") / "scan.las"
+    return write_scan(simulate_scan(ScanSettings(shots=SHOTS)), path).las
+
+
+@pytest.fixture
+def scan(original: Path, tmp_path: Path) -> Path:
+    """A scan in a folder of its own, without its truth."""
+    for suffix in (".las", ".wdp"):
+        shutil.copy(original.with_suffix(suffix), tmp_path)
+    return tmp_path / original.name
+
+
+def extract(scan: Path, output: Path, *options: str | Path) -> Result:
+    """A run that must end well."""
+    result = run("extract", scan, "-o", output, *options)
+    assert result.exit_code == 0, result.output
+    return result
+
+
+def table(result: Result) -> dict[str, list[tuple[str, str]]]:
+    """The summary: label -> values with their remarks."""
+    lines = [line.split("│") for line in result.stdout.splitlines() if line.count("│") == 4]
+    rows: dict[str, list[tuple[str, str]]] = {}
+    for _, label, value, remark, _ in lines:
+        rows.setdefault(label.strip(), []).append((value.strip(), remark.strip()))
+    return rows
+
+
+def csv_columns(path: Path) -> dict[str, np.ndarray]:
+    with path.open(encoding="ascii", newline="") as stream:
+        rows = list(csv.reader(stream))
+    return dict(zip(rows[0], np.array(rows[1:], float).T, strict=True))
+
+
+def test_las_to_las_and_csv_hold_the_same_echoes(scan: Path) -> None:
+    las_path, csv_path = scan.with_name("echoes.las"), scan.with_name("echoes.csv")
+    extract(scan, las_path, "--noise", "20")
+    extract(scan, csv_path, "--noise", "20")
+    las, text = laspy.read(las_path), csv_columns(csv_path)
+    assert str(las.header.version) == "1.4"
+    assert las.header.point_format.id == 6
+    assert list(las.header.point_format.extra_dimension_names) == EXTRA
+    assert len(las) == len(text["x"]) > SHOTS
+    for axis in "xyz":
+        # Millimetres, rounded: at most half of one.
+        np.testing.assert_allclose(las[axis], text[axis], rtol=0, atol=0.000501)
+    np.testing.assert_array_equal(las["gps_time"], text["gps_time"])
+    np.testing.assert_array_equal(las["position"], text["position"])
+    np.testing.assert_array_equal(las["return_number"], text["echo_number"])
+    np.testing.assert_array_equal(las["number_of_returns"], text["echo_count"])
+    np.testing.assert_array_equal(las["intensity"], np.rint(text["amplitude_counts"]))
+    np.testing.assert_array_equal(las["echo_type"], text["echo_type"])
+    np.testing.assert_allclose(las["amplitude_db"], text["amplitude_db"], rtol=1e-6)
+    np.testing.assert_allclose(las["width_ns"], text["width_ns"], rtol=1e-6)
+    assert names(scan.parent) == ["echoes.csv", "echoes.las", "scan.las", "scan.wdp"]
+
+
+def test_input_stays_as_it_is(scan: Path, original: Path) -> None:
+    extract(scan, scan.with_name("echoes.las"))
+    for suffix in (".las", ".wdp"):
+        assert scan.with_suffix(suffix).read_bytes() == original.with_suffix(suffix).read_bytes()
+
+
+def test_summary_tells_the_numbers_of_the_files(scan: Path) -> None:
+    output = scan.with_name("echoes.las")
+    result = extract(scan, output, "--noise", "20", "--channel", "2=high")
+    summary, source, echoes = table(result), laspy.read(scan), laspy.read(output)
+    index = np.asarray(source["wavepacket_index"])
+    packets = len(np.unique(np.asarray(source["wavepacket_offset"])[index > 0]))
+    assert packets == 2 * SHOTS
+    assert summary["points read"] == [(f"{len(source):,}", "")]
+    assert summary["without a packet"] == [(str(np.count_nonzero(index == 0)), "passed over")]
+    (sharing, _) = summary["sharing a packet"][0]
+    assert int(sharing) == np.count_nonzero(index > 0) - packets
+    assert summary["waveforms"] == [(str(packets), "")]
+    assert summary["echoes written"] == [(str(len(echoes)), "")]
+    (with_echoes, share) = summary["with echoes"][0]
+    assert share == f"{int(with_echoes) / packets:.1%} of the waveforms"
+    assert "unreadable" not in summary
+    without = [int(count) for count, _ in summary["without echoes"]]
+    assert int(with_echoes) + sum(without) == packets
+    # The empty shots are one in twenty, in both channels.
+    low = {remark: int(count) for count, remark in summary["without echoes"]}
+    assert low["signal not above the noise"] == 2 * SHOTS // 20
+    assert f"result: {output}" in result.stdout
+    assert "after-pulse test switched off" in result.stdout
+
+
+def test_quiet_says_nothing(scan: Path) -> None:
+    for option in ("-q", "--quiet"):
+        assert extract(scan, scan.with_name("e.csv"), option).output == ""
+
+
+def test_existing_output_is_replaced(scan: Path) -> None:
+    output = scan.with_name("echoes.csv")
+    output.write_text("old", encoding="ascii")
+    extract(scan, output)
+    assert output.read_text(encoding="ascii").startswith("x,y,z,gps_time,")
+
+
+def test_noise(scan: Path) -> None:
+    counts = {}
+    for noise in ("20", "200", "auto"):
+        extract(scan, scan.with_name("e.csv"), "--noise", noise)
+        counts[noise] = csv_columns(scan.with_name("e.csv"))["amplitude_counts"]
+    assert counts["20"].min() >= 20
+    assert counts["200"].min() >= 200
+    assert len(counts["20"]) > len(counts["200"]) > 0
+    extract(scan, scan.with_name("default.csv"))
+    default = csv_columns(scan.with_name("default.csv"))["amplitude_counts"]
+    np.testing.assert_array_equal(default, counts["auto"])
+
+
+@pytest.mark.parametrize("mode", ["0", "three-point"])
+def test_mode_by_number_and_name(scan: Path, mode: str) -> None:
+    extract(scan, scan.with_name("e.csv"), "--mode", mode)
+    extract(scan, scan.with_name("default.csv"))
+    assert scan.with_name("e.csv").read_bytes() == scan.with_name("default.csv").read_bytes()
+    assert set(csv_columns(scan.with_name("e.csv"))["echo_type"]) == {2}
+
+
+def test_channels(scan: Path) -> None:
+    def flags(*options: str) -> dict[int, set[int]]:
+        extract(scan, scan.with_name("e.csv"), "--noise", "20", *options)
+        text = csv_columns(scan.with_name("e.csv"))
+        # The packets lie shot by shot, descriptor 1 first.
+        odd = text["waveform_number"].astype(int) % 2 == 1
+        return {1: set(text["channel_flag"][~odd]), 2: set(text["channel_flag"][odd])}
+
+    assert flags() == {1: {1}, 2: {1}}
+    assert flags("--channel", "high") == {1: {0}, 2: {0}}
+    assert flags("--channel", "2=high") == {1: {1}, 2: {0}}
+    assert flags("--channel", "high", "--channel", "1=low") == {1: {1}, 2: {0}}
+    assert flags("--channel", "1=7", "--channel", "2=0") == {1: {7}, 2: {0}}
+
+
+def test_scanner_description(scan: Path) -> None:
+    description = scan.with_name("scanner.toml")
+    description.write_text(TOML, encoding="utf-8")
+    extract(scan, scan.with_name("e.csv"), "--noise", "20")
+    one = csv_columns(scan.with_name("e.csv"))
+    result = extract(scan, scan.with_name("e.csv"), "--noise", "20", "--scanner", description)
+    assert "after-pulse test switched off" in result.stdout
+    ten = csv_columns(scan.with_name("e.csv"))
+    np.testing.assert_array_equal(ten["position"], one["position"])
+    # An amplitude unit ten times smaller is 20 dB less.
+    np.testing.assert_allclose(ten["amplitude_db"], one["amplitude_db"] - 20.0, atol=1e-4)
+
+
+def test_after_pulse(scan: Path) -> None:
+    def echoes(*options: str) -> int:
+        result = extract(scan, scan.with_name("e.csv"), "--noise", "20", *options)
+        said = "after-pulse test switched off" in result.stdout
+        assert said == (not options)
+        return len(csv_columns(scan.with_name("e.csv"))["x"])
+
+    everything = echoes()
+    assert echoes("--after-pulse", "off") == everything
+    assert echoes("--after-pulse", "0,0") < echoes("--after-pulse", "20,2") < everything
+
+
+@pytest.mark.parametrize(
+    ("options", "sentence"),
+    [
+        (["--mode", "4"], "'4' is none of three-point, decomposition, deconvolution, hybrid or"),
+        (["--mode", "best"], "'best' is none of three-point"),
+        (["--noise", "-1"], "'-1' is neither auto nor a number of counts, 0 to 65535"),
+        (["--noise", "65536"], "'65536' is neither auto nor a number of counts"),
+        (["--noise", "2.5"], "'2.5' is neither auto nor a number of counts"),
+        (["--channel", "middle"], "'middle' is not a channel: say low, high or 0 to 255"),
+        (["--channel", "256"], "'256' is not a channel"),
+        (["--channel", "256=high"], "'256=high' is not a channel"),
+        (["--channel", "2="], "'2=' is not a channel"),
+        (["--after-pulse", "5"], "'5' is neither off nor OFFSET,WIDTH in samples"),
+        (["--after-pulse", "5,-2"], "'5,-2' is neither off nor OFFSET,WIDTH"),
+        (["--after-pulse", "4294967296,2"], "after-pulse offset 4294967296 must be a whole number"),
+        (["--block", "0"], "greater than or equal to 1"),
+        (["--block", "many"], "--block"),
+        (["--colour", "red"], "No such option: --colour"),
+    ],
+)
+def test_bad_option(scan: Path, options: list[str], sentence: str) -> None:
+    assert_usage(run("extract", scan, "-o", scan.with_name("echoes.las"), *options), sentence)
+    assert names(scan.parent) == ["scan.las", "scan.wdp"]
+
+
+def test_output_must_be_named_and_of_a_known_kind(scan: Path) -> None:
+    assert_usage(run("extract", scan), "Missing option '-o'")
+    assert_usage(run("extract", scan, "-o", scan.with_name("e.dat")), "must end in .las,")
+
+
+def test_input_is_never_the_output(scan: Path, original: Path) -> None:
+    link, twin = scan.with_name("link.las"), scan.with_name("twin.las")
+    link.symlink_to(scan)
+    os.link(scan, twin)
+    for output in (scan, link, twin, scan.parent / "." / "x" / ".." / "scan.las"):
+        (scan.parent / "x").mkdir(exist_ok=True)
+        assert_usage(run("extract", scan, "-o", output), "is the input itself")
+    assert_usage(run("extract", link, "-o", scan), "is the input itself")
+    assert scan.read_bytes() == original.read_bytes()
+    assert link.is_symlink()
+
+
+@pytest.mark.parametrize("output", ["echoes.las", "echoes.csv"])
+def test_trouble_with_the_data_leaves_nothing_behind(scan: Path, output: str) -> None:
+    target = scan.with_name(output)
+    target.write_text("from yesterday", encoding="ascii")
+    scan.with_suffix(".wdp").unlink()
+    assert_trouble(run("extract", scan, "-o", target), "scan.wdp")
+    assert names(scan.parent) == sorted([output, "scan.las"])
+    assert target.read_text(encoding="ascii") == "from yesterday"
+
+
+def test_trouble_in_the_middle_of_the_run_leaves_nothing_behind(
+    scan: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    blocks = 0
+
+    def fill_the_disk(*_: object) -> None:
+        nonlocal blocks
+        blocks += 1
+        if blocks == 3:
+            raise OSError(28, "No space left on device", "echoes.las")
+
+    monkeypatch.setattr("fullwaveform.io.echo_writers.las._fill_standard_fields", fill_the_disk)
+    result = run("extract", scan, "-o", scan.with_name("echoes.las"), "--block", "50")
+    assert blocks == 3
+    assert_trouble(result, "echoes.las: No space left on device")
+    assert names(scan.parent) == ["scan.las", "scan.wdp"]
+
+
+def test_files_that_are_not_as_they_must_be(scan: Path) -> None:
+    folder, output = scan.parent, scan.with_name("echoes.las")
+    assert_trouble(run("extract", folder / "no.las", "-o", output), "no.las", "No such file")
+    assert_trouble(run("extract", folder, "-o", output), str(folder))
+    text = folder / "text.las"
+    text.write_text("no points", encoding="ascii")
+    assert_trouble(run("extract", text, "-o", output), "text.las")
+    short = folder / "short.las"
+    short.write_bytes(scan.read_bytes()[:-100])
+    assert_trouble(run("extract", short, "-o", output), "short.las", "cut off")
+    assert_trouble(run("extract", scan, "-o", folder / "no" / "e.las"), "the folder", "not exist")
+    assert_trouble(run("extract", scan, "-o", output, "--scanner", folder / "no.toml"), "no.toml")
+    assert_trouble(run("extract", scan, "-o", output, "--scanner", text), "is not a TOML file")
+    assert names(folder) == ["scan.las", "scan.wdp", "short.las", "text.las"]
+
+
+def test_mostly_empty_scan_is_told_and_reported(tmp_path: Path) -> None:
+    settings = ScanSettings(shots=60, empty_fraction=0.6)
+    scan = write_scan(simulate_scan(settings), tmp_path / "dim.las").las
+    result = extract(scan, tmp_path / "e.las", "--noise", "20")
+    report = tmp_path / "dim_Warning.txt"
+    assert f"statistics appended to {report}" in result.stdout
+    lines = report.read_text(encoding="ascii").splitlines()
+    assert lines[0].startswith("NumberOfWaves: 120Splitted FWFs: 0 count: ")
+    assert lines[-3] == "SignalTooLow: 72 -> 60[%] "
+
+
+def test_version_and_unknown_verbs() -> None:
+    assert run("--version").stdout == f"fullwaveform {fullwaveform.__version__}\n"
+    assert_usage(run("extrude"), "No such command 'extrude'")

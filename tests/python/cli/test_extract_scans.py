@@ -1,0 +1,199 @@
+"""Whole simulated scans through the command line: against their truth, in blocks, in memory."""
+
+from __future__ import annotations
+
+import shutil
+import subprocess
+import sys
+from pathlib import Path
+
+import laspy
+import numpy as np
+import pytest
+from typer.testing import CliRunner
+
+from fullwaveform.analysis.matching import match_echoes
+from fullwaveform.cli.main import app
+from fullwaveform.simulation import (
+    ScanSettings,
+    TruthTable,
+    read_truth,
+    simulate_scan,
+    write_scan,
+)
+
+METRES_PER_SAMPLE = 0.149854128  # of range; 1 ns there and back in air
+GRID = 0.001  # m, of the coordinates of both files
+# The mark is of the program itself; getrusage would include what the calling process had.
+PEAK_MEMORY = """
+import sys
+from pathlib import Path
+from fullwaveform.cli.main import app
+
+app(sys.argv[1:], standalone_mode=False)
+status = Path("/proc/self/status").read_text(encoding="ascii").splitlines()
+print(*(line.split()[1] for line in status if line.startswith("VmHWM")))
+"""
+
+
+def extract(scan: Path, output: Path, *options: str) -> laspy.LasData:
+    call = ["extract", str(scan), "-o", str(output), "--noise", "20", "--quiet", *options]
+    result = CliRunner().invoke(app, call)
+    assert result.exit_code == 0, result.output
+    return laspy.read(output)
+
+
+def certain(truth: TruthTable, settings: ScanSettings) -> np.ndarray:
+    """Rows of echoes that must be found and must lie where they are, to a tenth of a sample.
+
+    Six widths from any other one nothing else bends the top. The three samples there have noise of
+    1.5 counts rms, 1.53 with their rounding. The position is the difference of the outer logarithms
+    over twice their curvature: its error is sqrt(2) * 1.53 / amplitude over 2 / width**2, for
+    amplitudes from 300 counts and widths to 2 samples 0.014 samples rms. The baseline of 12 counts
+    is below a 25th of the amplitude and bends a top by less than 0.003 samples, nothing where it
+    stands on a sample or half-way. In all 0.1 is more than six times the error.
+    """
+    alone = truth.neighbour_distance_samples > 6.0 * truth.width_samples
+    strong = truth.amplitude_low_power_counts >= 300.0
+    assert truth.width_samples.max() <= 2.0
+    assert settings.noise_rms <= 1.5
+    assert settings.baseline <= 12.0
+    rows: np.ndarray = np.flatnonzero(alone & strong & ~truth.saturated)
+    return rows
+
+
+@pytest.fixture(scope="module", params=[0.0, 1.5], ids=["noise-free", "noisy"])
+def scene(
+    request: pytest.FixtureRequest, tmp_path_factory: pytest.TempPathFactory
+) -> tuple[laspy.LasData, TruthTable, ScanSettings]:
+    """Echoes of a scan of 2000 shots with both channels, and the truth."""
+    folder = tmp_path_factory.mktemp("scan")
+    settings = ScanSettings(noise_rms=request.param, seed=11)
+    files = write_scan(simulate_scan(settings), folder / "scan.las")
+    echoes = extract(files.las, folder / "echoes.las", "--channel", "2=high")
+    return echoes, read_truth(files.truth), settings
+
+
+def test_every_certain_echo_is_found_where_it_is(
+    scene: tuple[laspy.LasData, TruthTable, ScanSettings],
+) -> None:
+    echoes, truth, settings = scene
+    rows = certain(truth, settings)
+    assert len(rows) > 700
+    position = truth.position_samples[rows]
+    found = match_echoes(
+        echoes["gps_time"], echoes["position"], truth.gps_time[rows], position, 0.1
+    )
+    assert len(found.unmatched_ref) == 0
+    true_place = np.column_stack([truth.x, truth.y, truth.z])[rows][found.ref_index]
+    off = np.linalg.norm(echoes.xyz[found.found_index] - true_place, axis=1)
+    # The anchors and the echoes are rounded, each by half a step of the grid in three directions.
+    assert off.max() < 0.1 * METRES_PER_SAMPLE + 2 * np.sqrt(3) * GRID / 2
+
+
+def test_without_noise_only_rounding_and_baseline_are_left(tmp_path: Path) -> None:
+    """Rounded to whole counts the error is sqrt(2) * 0.29 / 300 over 2 / 2**2, and at worst three
+    times that: 0.009 samples; and below 0.003 from the baseline.
+    """
+    settings = ScanSettings(noise_rms=0.0, seed=12, shots=1000)
+    files = write_scan(simulate_scan(settings), tmp_path / "scan.las")
+    echoes, truth = extract(files.las, tmp_path / "e.las"), read_truth(files.truth)
+    rows = certain(truth, settings)
+    # Without a word on channels all are low power: the copy of the weak channel stays beside it.
+    found = match_echoes(
+        echoes["gps_time"],
+        echoes["position"],
+        truth.gps_time[rows],
+        truth.position_samples[rows],
+        0.012,
+    )
+    assert len(rows) > 300
+    assert len(found.unmatched_ref) == 0
+
+
+def test_echoes_of_a_shot_are_numbered_and_timed(
+    scene: tuple[laspy.LasData, TruthTable, ScanSettings],
+) -> None:
+    echoes, truth, _ = scene
+    time, number = np.asarray(echoes["gps_time"]), np.asarray(echoes["return_number"])
+    assert np.isin(time, truth.gps_time).all()
+    shots, shot, count = np.unique(time, return_inverse=True, return_counts=True)
+    assert len(shots) > 1800
+    np.testing.assert_array_equal(np.asarray(echoes["number_of_returns"]), count[shot])
+    first = np.concatenate(([0], np.cumsum(count)[:-1]))
+    order = np.lexsort((number, time))
+    np.testing.assert_array_equal(order, np.arange(len(time)))
+    np.testing.assert_array_equal(number, np.arange(len(time)) - first[shot] + 1)
+    # Along the flight of light: downwards, as all shots of this scan go.
+    same_shot = np.diff(shot) == 0
+    assert np.count_nonzero(same_shot) > 200
+    assert (np.diff(np.asarray(echoes.z))[same_shot] < 0).all()
+    assert (np.diff(np.asarray(echoes["position"]))[same_shot] > 0).all()
+
+
+def test_coordinate_system_and_grid_are_those_of_the_scan(
+    scene: tuple[laspy.LasData, TruthTable, ScanSettings],
+) -> None:
+    header = scene[0].header
+    assert header.scales.tolist() == [GRID] * 3
+    assert header.offsets.tolist() == [500_000.0, 5_300_000.0, 0.0]
+    wkt = [record for record in header.vlrs if record.record_id == 2112]
+    assert len(wkt) == 1
+    assert '"EPSG","25833"' in wkt[0].string
+    assert header.global_encoding.gps_time_type == laspy.header.GpsTimeType.STANDARD
+
+
+def test_size_of_the_blocks_changes_nothing(tmp_path: Path) -> None:
+    scan = write_scan(simulate_scan(ScanSettings(shots=400)), tmp_path / "scan.las").las
+    whole = extract(scan, tmp_path / "whole.las", "--channel", "2=high")
+    assert len(whole) > 300
+    for block in ("1", "7", "400"):
+        parts = extract(scan, tmp_path / "parts.las", "--channel", "2=high", "--block", block)
+        assert parts.points.array.tobytes() == whole.points.array.tobytes()
+
+
+def repeated(scan: Path, times: int, target: Path) -> Path:
+    """The scan several times in a row: points and packets, with rising times and offsets."""
+    with laspy.open(scan) as reader:
+        header, points = reader.header, reader.read_points(-1).array
+    packets = scan.with_suffix(".wdp").read_bytes()
+    duration = points["gps_time"][-1] - points["gps_time"][0] + 1.0
+    with laspy.open(target, mode="w", header=header) as writer:
+        for part in range(times):
+            copy = points.copy()
+            copy["gps_time"] += part * duration
+            copy["wavepacket_offset"][copy["wavepacket_index"] > 0] += part * (len(packets) - 60)
+            writer.write_points(laspy.PackedPointRecord(copy, header.point_format))
+    with target.with_suffix(".wdp").open("wb") as stream:
+        stream.write(packets[:60])
+        for _ in range(times):
+            stream.write(packets[60:])
+    return target
+
+
+def peak_memory(scan: Path, block: int, ending: str) -> float:
+    """Most megabytes of the whole run, the program itself included."""
+    call = ["extract", str(scan), "-o", str(scan.with_suffix(ending)), "--noise", "20", "-q"]
+    call += ["--workers", "2"]
+    done = subprocess.run(
+        [sys.executable, "-c", PEAK_MEMORY, *call, "--block", str(block)],
+        check=True,
+        capture_output=True,
+        text=True,
+        timeout=300,
+    )
+    return int(done.stdout) / 1024
+
+
+@pytest.mark.skipif(not Path("/proc/self/status").exists(), reason="memory is read from /proc")
+def test_memory_does_not_grow_with_the_file(tmp_path: Path) -> None:
+    settings = ScanSettings(shots=1000, samples=1200)
+    short = write_scan(simulate_scan(settings), tmp_path / "short.las").las  # 5 MB of packets
+    long = repeated(short, 10, tmp_path / "long.las")  # 48 MB
+    for ending in (".csv", ".laz", ".parquet", ".h5"):
+        small = peak_memory(short, 200, ending)
+        assert peak_memory(long, 200, ending) < 1.10 * small
+    # The same bound is exceeded where all waveforms are one block.
+    assert peak_memory(long, 100_000, ".csv") > 1.10 * peak_memory(short, 200, ".csv")
+    assert long.with_suffix(".csv").read_bytes().count(b"\n") > 10_000
+    shutil.rmtree(tmp_path)

@@ -1,0 +1,64 @@
+"""The examples of every verb's help, run as they stand."""
+
+from __future__ import annotations
+
+import inspect
+import re
+import shlex
+import textwrap
+from importlib import import_module
+from itertools import pairwise
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+from fullwaveform.cli.main import _VERBS
+
+from ..support.command_line import run, words
+
+
+def examples(verb: str) -> list[str]:
+    module, function = _VERBS[verb]
+    text = textwrap.dedent(inspect.getdoc(getattr(import_module(module), function)) or "")
+    return re.findall(r"^\s*(fullwaveform .+)$", text, flags=re.MULTILINE)
+
+
+@pytest.fixture(scope="module")
+def files(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """The files that the examples start from."""
+    folder = tmp_path_factory.mktemp("files")
+    scan = folder / "scan.las"
+    assert run("simulate", scan, "--shots", "1500").exit_code == 0
+    assert run("extract", scan, "-o", folder / "echoes.las", "--noise", "20").exit_code == 0
+    time = np.arange(0.0, 40.0)  # ns
+    pulse = np.round(5000.0 * np.exp(-0.5 * ((time - 12.0) / 1.6) ** 2), 1)
+    lines = [f"{t:g}, {a:g}" for t, a in zip(time, pulse, strict=True)]
+    (folder / "pulse.csv").write_text("\n".join(lines), encoding="ascii")
+    wave = folder / "scanner.toml"
+    call = ["system-wave", folder / "pulse.csv", "-o", wave, "--interval", "1", "-q"]
+    assert run(*call).exit_code == 0
+    return folder
+
+
+@pytest.mark.parametrize("verb", _VERBS)
+def test_there_are_examples_and_the_help_shows_them(verb: str) -> None:
+    found = examples(verb)
+    assert len(found) >= 2
+    text = words(run(verb, "--help").stdout)
+    for example in found:
+        assert example in text
+
+
+@pytest.mark.parametrize("example", [line for verb in _VERBS for line in examples(verb)])
+def test_example(example: str, files: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.chdir(files)
+    before = {path: path.stat().st_mtime_ns for path in files.iterdir()}
+    call = shlex.split(example)[1:]
+    result = run(*call)
+    assert result.exit_code == 0, result.output
+    for name in (word for option, word in pairwise(call) if option == "-o"):
+        path = Path(name)
+        assert before.get(files / path) != path.stat().st_mtime_ns
+        assert path.stat().st_size > 0 if path.is_file() else any(path.iterdir())
+    assert result.stdout != ""

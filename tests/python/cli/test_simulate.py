@@ -1,0 +1,49 @@
+"""``fullwaveform simulate``: files, and bad calls."""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+import laspy
+import pytest
+
+from fullwaveform.simulation import read_truth
+
+from ..support.command_line import assert_trouble, assert_usage, names, run
+
+
+def test_simulate_writes_scan_and_truth(tmp_path: Path) -> None:
+    result = run("simulate", tmp_path / "s.las", "--shots", 50, "--samples", 120, "--seed", 5)
+    assert result.exit_code == 0
+    truth = read_truth(tmp_path / "s_truth.csv")
+    assert result.stdout.startswith(f"50 shots, {len(truth)} echoes: ")
+    assert names(tmp_path) == ["s.las", "s.wdp", "s_truth.csv"]
+    assert (tmp_path / "s.wdp").stat().st_size == 60 + 50 * 2 * 120 * 2
+    for point_format, version in (("4", "1.3"), ("9", "1.4")):
+        run("simulate", tmp_path / "s.las", "--point-format", point_format, "--shots", 50)
+        assert str(laspy.read(tmp_path / "s.las").header.version) == version
+
+
+@pytest.mark.parametrize(
+    ("call", "sentence"),
+    [
+        (["s.las", "--shots", "0"], "shots is 0, but must be at least 1"),
+        (["s.las", "--noise", "-1"], "noise_rms is -1.0, but must be not negative"),
+        (["s.las", "--samples", "10"], "samples is 10, but must be enough for the lead-in"),
+        (["s.las", "--seed", "-1"], "seed is -1"),
+        (["s.las", "--point-format", "6"], "6 is neither 4 nor 9"),
+        (["s.laz"], "must end in .las"),
+        ([], "Missing argument"),
+    ],
+)
+def test_simulate_with_bad_options(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch, call: list[str], sentence: str
+) -> None:
+    monkeypatch.chdir(tmp_path)
+    assert_usage(run("simulate", *call), sentence)
+    assert names(tmp_path) == []
+
+
+def test_simulate_into_a_folder_that_is_not_there(tmp_path: Path) -> None:
+    result = run("simulate", tmp_path / "no" / "s.las", "--shots", "10")
+    assert_trouble(result, f"s.las: the folder {tmp_path / 'no'} does not exist")

@@ -1,0 +1,258 @@
+"""Arrays as they come: views, strides, borders of size, and what is refused in a sentence."""
+
+from __future__ import annotations
+
+import mmap
+import tracemalloc
+from typing import Any
+
+import numpy as np
+import pytest
+
+from fullwaveform import Driver, Result, RowState
+
+from ..support.records import INTERVAL, Samples, driver, record, scanner
+
+HUGE = (1_000_000, 65_535)  # 131 GB of samples
+MAP_NORESERVE = 0x4000  # Linux; not in Python 3.11
+
+
+def block() -> Samples:
+    """Six different records."""
+    return np.array([record({10 + 3 * row: 80 + 4 * row, 45: 40}) for row in range(6)])
+
+
+def assert_equal(one: Result, other: Result) -> None:
+    for table in ("waveforms", "segments", "peaks"):
+        columns, expected = getattr(one, table), getattr(other, table)
+        assert list(columns) == list(expected)
+        for name in columns:
+            np.testing.assert_array_equal(columns[name], expected[name], err_msg=name)
+    np.testing.assert_array_equal(one.row_states, other.row_states)
+    assert one.statistics == other.statistics
+
+
+def wider(samples: Samples) -> Samples:
+    """The same records as a slice of a wider array full of other values."""
+    array = np.full((len(samples), samples.shape[1] + 17), 999, np.uint16)
+    array[:, 5 : 5 + samples.shape[1]] = samples
+    return array[:, 5 : 5 + samples.shape[1]]
+
+
+def every_third_row(samples: Samples) -> Samples:
+    array = np.full((3 * len(samples), samples.shape[1]), 999, np.uint16)
+    array[::3] = samples
+    return array[::3]
+
+
+def backwards(samples: Samples) -> Samples:
+    return samples[::-1].copy()[::-1]
+
+
+def backwards_in_a_wider_one(samples: Samples) -> Samples:
+    return wider(samples[::-1])[::-1]
+
+
+def read_only(samples: Samples) -> Samples:
+    samples.flags.writeable = False
+    return samples
+
+
+def of_bytes(samples: Samples) -> Samples:
+    return np.frombuffer(samples.tobytes(), np.uint16).reshape(samples.shape)
+
+
+@pytest.mark.parametrize(
+    "view",
+    [wider, every_third_row, backwards, backwards_in_a_wider_one, read_only, of_bytes],
+)
+def test_view_gives_what_a_copy_gives(view: Any) -> None:
+    samples = view(block())
+    copy = np.array(samples, order="C", copy=True)
+    options: dict[str, Any] = {
+        "counts": [60, 40, 60, 60, 20, 60],
+        "shot_times": [2.0, 1.0, 2.0, 1.0, 3.0, 3.0],
+        "channel_flags": [0, 1, 1, 0, 1, 0],
+    }
+    expected = driver().apply(copy, noise=10, **options)
+    assert expected.peaks.rows > 6
+    assert_equal(driver().apply(samples, noise=10, **options), expected)
+
+
+def test_one_record_for_many_rows() -> None:
+    result = driver().apply(np.broadcast_to(record({10: 80}), (5, 60)), noise=10)
+    assert result.peaks["idx"].tolist() == [10.0] * 5
+
+
+def test_one_record_with_any_stride() -> None:
+    row = np.lib.stride_tricks.as_strided(record({10: 80}), (1, 60), (10_001 * 2, 2))
+    assert driver().apply(row, noise=10).peaks["idx"].tolist() == [10.0]
+
+
+def test_columns_of_a_wider_table_serve_as_arguments() -> None:
+    table = np.zeros(6, [("count", np.int32), ("time", np.float32), ("flag", np.bool_)])
+    table["count"], table["time"], table["flag"] = 60, [2, 1, 2, 1, 3, 3], True
+    got = driver().apply(block(), table["count"], table["time"], None, table["flag"], noise=10)
+    same = driver().apply(block(), [60] * 6, [2.0, 1, 2, 1, 3, 3], None, [1] * 6, noise=10)
+    assert_equal(got, same)
+
+
+def test_rows_that_do_not_follow_each_other_are_not_copied() -> None:
+    """A copy of so many rows would not fit into memory; almost all of them are said to be empty."""
+    counts = np.zeros(HUGE[0], np.uint16)
+    counts[-1] = 60
+    row = np.zeros(HUGE[1], np.uint16)
+    row[:60] = record({10: 80})
+    peaks = driver().apply(np.broadcast_to(row, HUGE), counts, noise=10).peaks
+    assert peaks["row"].tolist() == [HUGE[0] - 1]
+
+
+def test_rows_that_follow_each_other_are_not_copied() -> None:
+    """Address space without memory behind it, but for the last row; a copy would not fit."""
+    flags = mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS | MAP_NORESERVE
+    memory = mmap.mmap(-1, 2 * HUGE[0] * HUGE[1], flags=flags)
+    samples = np.frombuffer(memory, np.uint16).reshape(HUGE)
+    samples[-1, :60] = record({10: 80})
+    counts = np.zeros(HUGE[0], np.uint16)
+    counts[-1] = 60
+    peaks = driver().apply(samples, counts, noise=10).peaks
+    assert peaks["row"].tolist() == [HUGE[0] - 1]
+
+
+def test_python_allocates_no_second_block() -> None:
+    samples = np.zeros((2_000, 4_000), np.uint16)  # 16 MB, nothing above the noise
+    made = driver()
+    made.apply(samples[:1], noise=10)
+    tracemalloc.start()
+    try:
+        made.apply(samples, noise=10)
+        peak = tracemalloc.get_traced_memory()[1]
+    finally:
+        tracemalloc.stop()
+    assert peak < 1_000_000
+
+
+@pytest.mark.parametrize("shape", [(0, 0), (0, 60)])
+def test_block_without_rows(shape: tuple[int, int]) -> None:
+    result = driver().apply(np.zeros(shape, np.uint16), [], [], [], [])
+    assert (result.waveforms.rows, result.segments.rows, result.peaks.rows) == (0, 0, 0)
+    assert result.row_states.tolist() == []
+    assert result.peaks["idx"].dtype == np.float64
+    assert_equal(driver().apply(np.zeros(shape, np.uint16)), result)
+
+
+def test_block_without_columns() -> None:
+    result = driver().apply(np.zeros((3, 0), np.uint16))
+    assert result.row_states.tolist() == [RowState.SIGNAL_TOO_LOW] * 3
+    assert result.peaks.rows == 0
+
+
+@pytest.mark.parametrize("noise", [10, 0, -1])
+def test_records_of_no_one_and_two_samples(noise: int) -> None:
+    # The first and the last sample are never the strongest: nothing is above the noise.
+    samples = np.full((3, 60), 500, np.uint16)
+    result = driver().apply(samples, [0, 1, 2], noise=noise)
+    assert result.row_states.tolist() == [RowState.SIGNAL_TOO_LOW] * 3
+
+
+def test_samples_behind_the_count_are_not_met() -> None:
+    samples = np.array([record({10: 80, 30: 90})])
+    result = driver().apply(samples, [20], noise=10)
+    assert result.peaks["idx"].tolist() == [10.0]
+    assert result.waveforms["length"].tolist() == [20]
+    assert result.waveforms["maxAmplitude"].tolist() == [80]
+
+
+def test_largest_samples_and_longest_rows() -> None:
+    samples = np.zeros((1, 65_535), np.uint16)
+    samples[0, 65_530:65_533] = 2_000, 4_000, 2_000
+    samples[0, 100] = 65_535
+    result = driver().apply(samples, noise=10)
+    assert result.waveforms["maxAmplitude"].tolist() == [65_535]
+    # The lone 65535 is an echo beyond 4096 counts, which none can be.
+    assert result.peaks["idx"].tolist() == [65_531.0]
+
+
+NAN = float("nan")
+ROWS = block()
+REFUSED: dict[str, tuple[dict[str, Any], str]] = {
+    "one dimension": (
+        {"samples": ROWS[0]},
+        "samples must have 2 dimensions (waveform, sample), not 1",
+    ),
+    "three": (
+        {"samples": ROWS[np.newaxis]},
+        "samples must have 2 dimensions (waveform, sample), not 3",
+    ),
+    "floats": (
+        {"samples": ROWS.astype(float)},
+        "samples must be uint16 in native byte order, not <f8",
+    ),
+    "signed": (
+        {"samples": ROWS.astype(np.int16)},
+        "samples must be uint16 in native byte order, not <i2",
+    ),
+    "foreign bytes": (
+        {"samples": ROWS.astype(">u2")},
+        "samples must be uint16 in native byte order, not >u2",
+    ),
+    "too wide": (
+        {"samples": np.zeros((1, 65_536), np.uint16)},
+        "samples have 65536 columns, at most 65535 are allowed",
+    ),
+    "every second sample": ({"samples": ROWS[:, ::2]}, "must lie side by side in memory"),
+    "columns first": ({"samples": np.asfortranarray(ROWS)}, "must lie side by side in memory"),
+    "reversed": ({"samples": ROWS[:, ::-1]}, "must lie side by side in memory"),
+    "odd address": (
+        {"samples": np.frombuffer(b"\0" * 721, np.uint16, 360, offset=1).reshape(6, 60)},
+        "at even addresses",
+    ),
+    "count too large": (
+        {"counts": [60, 60, 61, 60, 60, 60]},
+        "counts: 61 of waveform 2 is not between 0 and the row length 60",
+    ),
+    "negative count": ({"counts": [60, -1, 60, 60, 60, 60]}, "counts: -1 of waveform 1 is not"),
+    "count that would wrap": ({"counts": [65_536 + 9] * 6}, "counts: 65545 of waveform 0 is not"),
+    "broken counts": ({"counts": [60.0] * 6}, "counts must be integers, not float64"),
+    "few counts": ({"counts": [60] * 5}, "counts has 5 values, but "),
+    "counts as a table": ({"counts": [[60] * 6]}, "counts must have 1 dimension, not 2"),
+    "NaN shot": (
+        {"shot_times": [1, 2, 3, NAN, 5, NAN]},
+        "shot_times: the time of waveform 3 is not a number",
+    ),
+    "NaN sbl": ({"sbl_times": [NAN] * 6}, "sbl_times: the time of waveform 0 is not a number"),
+    "many shots": ({"shot_times": np.zeros(7)}, "shot_times has 7 values, but "),
+    "one sbl": ({"sbl_times": 0.0}, "sbl_times must have 1 dimension, not 0"),
+    "text": ({"shot_times": ["a"] * 6}, "shot_times must be numbers, not <U1"),
+    "complex": ({"shot_times": [1j] * 6}, "shot_times must be numbers, not complex128"),
+    "nanoseconds": (
+        {"shot_times": 1_700_000_000_000_000_000 + np.arange(6)},
+        "shot_times: integers beyond 2**53 would fall together",
+    ),
+    "flag": (
+        {"channel_flags": [1, 1, 1, 1, 256, 1]},
+        "channel_flags: 256 of waveform 4 is not between 0 and 255",
+    ),
+    "broken flag": ({"channel_flags": [1.0] * 6}, "channel_flags must be integers, not float64"),
+    "few flags": ({"channel_flags": []}, "channel_flags has 0 values, but "),
+    "noise": ({"noise": 65_536}, "noise 65536 is above 65535 counts"),
+    "broken noise": ({"noise": 10.5}, "noise must be an integer in counts, not 10.5"),
+    "true noise": ({"noise": True}, "noise must be an integer in counts, not True"),
+}
+
+
+@pytest.mark.parametrize("name", REFUSED)
+def test_what_does_not_fit_is_refused_in_a_sentence(name: str) -> None:
+    options, sentence = REFUSED[name]
+    made = driver()
+    with pytest.raises(ValueError, match=r"\w") as caught:
+        made.apply(**{"samples": ROWS, "noise": 10, **options})
+    assert sentence in str(caught.value)
+    assert made.apply(ROWS, noise=10).peaks.rows == 12
+
+
+def test_infinite_times_and_equal_zeros_are_times() -> None:
+    made = Driver(0, scanner())
+    result = made.apply(ROWS[:4], shot_times=[np.inf, 0.0, -0.0, -np.inf], noise=10)
+    assert result.waveforms["row"].tolist() == [3, 1, 2, 0]
+    assert result.peaks["time"][0] == 19 * INTERVAL

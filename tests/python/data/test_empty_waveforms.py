@@ -1,0 +1,119 @@
+"""Rows for waveforms without echoes, between those of the echoes."""
+
+from __future__ import annotations
+
+from dataclasses import fields
+
+import numpy as np
+import pytest
+
+from fullwaveform.data.blocks import (
+    EchoTable,
+    PulseGeometry,
+    ShotAttributes,
+    WaveformBlock,
+)
+from fullwaveform.data.empty_waveforms import with_empty_waveforms, without_empty_waveforms
+
+from ..support.echo_tables import echo_table, shot_attributes
+
+# Waveforms 40 to 45 in four shots: 40 and 43 in the one at 7 s, 41 at 9 s, 42 and 44 at 5 s, 45 at
+# 6 s.
+SHOT_TIMES = np.array([7.0, 9.0, 5.0, 7.0, 5.0, 6.0])
+
+
+def block() -> WaveformBlock:
+    rows = len(SHOT_TIMES)
+    zeros, places = np.zeros(rows), np.zeros((rows, 3))
+    attributes = shot_attributes(
+        rows,
+        gps_time=SHOT_TIMES + 1000.0,
+        scan_angle=np.arange(rows, dtype=np.float32),
+        user_data=np.arange(rows, dtype=np.uint8) + 10,
+    )
+    return WaveformBlock(
+        samples=np.zeros((rows, 4), np.uint16),
+        counts=np.full(rows, 4, np.uint16),
+        shot_times=SHOT_TIMES,
+        sbl_times=zeros,
+        channel_flags=np.array([1, 1, 1, 0, 0, 1], np.uint8),
+        sampling_intervals=np.full(rows, 1e-9),
+        geometry=PulseGeometry(places, zeros, places),
+        attributes=attributes,
+        waveform_numbers=40 + np.arange(rows),
+    )
+
+
+def echoes_of(waveforms: list[int], shots: list[int]) -> EchoTable:
+    times = {40 + row: time + 1000.0 for row, time in enumerate(SHOT_TIMES)}
+    return echo_table(
+        shots,
+        waveform_number=np.array(waveforms, np.int64),
+        gps_time=np.array([times[number] for number in waveforms]),
+    )
+
+
+def test_rows_stand_behind_the_echoes_of_their_shot_or_where_its_time_belongs() -> None:
+    # The shot at 5 s has two echoes in waveform 44, that at 7 s one in 43 and one in 40.
+    table = with_empty_waveforms(echoes_of([44, 44, 43, 40], [2, 2]), block())
+    assert table.waveform_number.tolist() == [44, 44, 42, 45, 43, 40, 41]
+    assert table.gps_time.tolist() == [1005, 1005, 1005, 1006, 1007, 1007, 1009]
+    assert table.echo_number.tolist() == [1, 2, 0, 0, 1, 2, 0]
+    assert table.echo_count.tolist() == [2, 2, 2, 0, 2, 2, 0]
+    assert table.amplitude_counts[[0, 1, 4, 5]].tolist() == [10, 11, 12, 13]
+
+
+def test_a_row_has_what_is_known_without_an_echo() -> None:
+    table = with_empty_waveforms(echoes_of([44, 44, 43, 40], [2, 2]), block())
+    empty = np.flatnonzero(table.echo_number == 0)
+    for name in ("xyz", "amplitude_counts", "amplitude_db", "width_ns", "width_samples"):
+        assert np.isnan(getattr(table, name)[empty]).all(), name
+        assert np.isfinite(np.delete(getattr(table, name), empty, axis=0)).all(), name
+    for name in ("position", "reflectance", "time"):
+        assert np.isnan(getattr(table, name)[empty]).all(), name
+    assert table.type[empty].tolist() == table.quality[empty].tolist() == [0, 0, 0]
+    assert table.type[0] == 3
+    assert table.channel_flag[empty].tolist() == [1, 1, 1]  # waveforms 42, 45, 41
+    assert table.attributes.scan_angle[empty].tolist() == [2, 5, 1]
+    assert table.attributes.user_data[empty].tolist() == [12, 15, 11]
+    assert table.attributes.user_data[0] == 0  # of the echo, untouched
+
+
+def test_all_waveforms_are_empty() -> None:
+    table = with_empty_waveforms(echo_table([]), block())
+    assert table.waveform_number.tolist() == [42, 44, 45, 40, 43, 41]
+    assert table.echo_count.tolist() == [0] * 6
+    assert table.channel_flag.tolist() == [1, 0, 1, 1, 0, 1]
+
+
+def test_types_stay_and_nothing_is_added_where_all_have_echoes() -> None:
+    echoes = echoes_of([42, 44, 45, 43, 40, 41], [2, 1, 2, 1])
+    for before, after in (
+        (echoes, with_empty_waveforms(echoes, block())),
+        (echoes_of([], []), with_empty_waveforms(echo_table([]), block())),
+    ):
+        for column in fields(EchoTable):
+            if column.name != "attributes":
+                values = getattr(after, column.name)
+                assert values.dtype == getattr(before, column.name).dtype, column.name
+        for column in fields(ShotAttributes):
+            values = getattr(after.attributes, column.name)
+            assert values.dtype == getattr(before.attributes, column.name).dtype, column.name
+    same = with_empty_waveforms(echoes, block())
+    assert same.waveform_number.tolist() == [42, 44, 45, 43, 40, 41]
+    assert same.echo_number.tolist() == [1, 2, 1, 1, 2, 1]
+
+
+def test_taking_the_rows_away_gives_the_echoes_back() -> None:
+    echoes = echoes_of([44, 44, 43, 40], [2, 2])
+    back = without_empty_waveforms(with_empty_waveforms(echoes, block()))
+    assert back.waveform_number.tolist() == [44, 44, 43, 40]
+    assert back.amplitude_counts.tolist() == [10, 11, 12, 13]
+    assert without_empty_waveforms(echoes) is echoes
+
+
+def test_an_echo_of_another_block_is_refused() -> None:
+    for waveform in (39, 46):
+        table = echo_table([1], waveform_number=np.array([waveform]))
+        with pytest.raises(ValueError, match=f"of waveform {waveform}, which the block"):
+            with_empty_waveforms(table, block())

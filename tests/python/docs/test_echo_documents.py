@@ -1,0 +1,55 @@
+"""What the document on file formats says of echoes is what the tables have."""
+
+from __future__ import annotations
+
+import re
+from pathlib import Path
+
+import laspy
+
+from fullwaveform.data.echo_columns import ECHO_COLUMNS
+from fullwaveform.io.echo_writers.las import echo_header
+from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, open_echo_file
+
+DOCUMENT = Path(__file__).resolve().parents[3] / "docs" / "file-formats.md"
+
+
+def section(title: str) -> str:
+    """The text under a heading, up to the next one of any level."""
+    text = DOCUMENT.read_text(encoding="utf-8")
+    _, _, rest = text.partition(f"\n{title}\n")
+    assert rest, f"{DOCUMENT} has no heading {title!r}"
+    return re.split(r"^#+ ", rest, maxsplit=1, flags=re.MULTILINE)[0]
+
+
+def rows(text: str) -> list[list[str]]:
+    """Cells of the first table, without its two lines of heading."""
+    lines = [line for line in text.splitlines() if line.startswith("|")]
+    return [[cell.strip() for cell in line.strip("|").split("|")] for line in lines[2:]]
+
+
+def test_columns_are_those_of_the_tables() -> None:
+    described = [tuple(row) for row in rows(section("### Columns of the tables"))]
+    assert described == [
+        (f"`{column.name}`", str(column.type), column.unit, column.description)
+        for column in ECHO_COLUMNS
+    ]
+
+
+def test_endings_are_those_that_can_be_written(tmp_path: Path) -> None:
+    table = rows(section("## Echoes"))
+    endings = [ending for row in table for ending in re.findall(r"`(\.\w+)`", row[0])]
+    assert sorted(endings) == sorted(ECHO_ENDINGS)
+    for row in table:
+        for ending in re.findall(r"`(\.\w+)`", row[0]):
+            takes_empty = open_echo_file(tmp_path / f"e{ending}", None).takes_empty
+            assert takes_empty == (row[3] == "`--keep-empty`"), ending
+
+
+def test_dimensions_are_those_of_the_points() -> None:
+    described = re.findall(r"`(\w+)`", " ".join(row[0] for row in rows(section(
+        "### Points of LAS and LAZ"))))  # fmt: skip
+    header = echo_header(laspy.LasHeader(version="1.4", point_format=9))
+    names = set(header.point_format.dimension_names)
+    assert set(described) <= names
+    assert set(header.point_format.extra_dimension_names) <= set(described)

@@ -1,0 +1,66 @@
+"""The picture of the README is what its commands make, and shows what its words say."""
+
+from __future__ import annotations
+
+import re
+import shlex
+from pathlib import Path
+
+import numpy as np
+import pytest
+from matplotlib import image
+
+import fullwaveform as fw
+from fullwaveform.simulation import read_truth
+
+from ..support.command_line import run
+
+ROOT = Path(__file__).resolve().parents[3]
+README = (ROOT / "README.md").read_text(encoding="utf-8")
+SECTION = README[README.index("## One waveform") : README.index("## On a file")]
+
+
+def commands() -> list[list[str]]:
+    (block,) = re.findall(r"```sh\n(.*?)```", SECTION, flags=re.DOTALL)
+    lines = block.replace("\\\n", " ").splitlines()
+    return [shlex.split(line)[1:] for line in lines]
+
+
+@pytest.fixture(scope="module")
+def folder(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """Where the commands were run."""
+    folder = tmp_path_factory.mktemp("readme")
+    with pytest.MonkeyPatch.context() as patch:
+        patch.chdir(folder)
+        results = [run(*call) for call in commands()]
+    assert [result.exit_code for result in results] == [0, 0, 0]
+    assert results[-1].stdout.startswith(
+        "waveform 2448: three-point 2 echoes; decomposition 4 echoes; deconvolution 3 echoes\n"
+    )
+    return folder
+
+
+def test_commands_make_the_picture(folder: Path) -> None:
+    made, shown = image.imread(folder / "waveform.png"), image.imread(ROOT / "docs/waveform.png")
+    assert made.shape == shown.shape
+    # Text may be drawn a little differently by another version of its library.
+    assert np.mean(np.abs(made - shown) > 0.1) < 0.01
+
+
+def test_truth_is_what_the_words_say(folder: Path) -> None:
+    truth = read_truth(folder / "scan_truth.csv")
+    of_shot = truth.shot == 2448 // 2  # two channels per shot
+    words = re.search(r"from ([\d.]+), ([\d.]+) and ([\d.]+) samples", SECTION)
+    assert words is not None
+    said = [float(number) for number in words.groups()]
+    np.testing.assert_allclose(truth.position_samples[of_shot], said, atol=0.05)
+
+
+def test_only_deconvolution_finds_each_surface_once(folder: Path) -> None:
+    truth = read_truth(folder / "scan_truth.csv")
+    positions = truth.position_samples[truth.shot == 2448 // 2]
+    found = fw.extract(
+        folder / "scan.las", mode=fw.Mode.DECONVOLUTION, noise=20, scanner=folder / "scanner.toml"
+    ).peaks
+    mine = np.sort(found["position"][found["waveform_number"] == 2448])
+    np.testing.assert_allclose(mine, positions, atol=0.2)

@@ -1,0 +1,97 @@
+"""Echoes written as comma-separated values, and the file that appears only when it is whole."""
+
+from __future__ import annotations
+
+import csv
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+from fullwaveform.io.atomic import replace_when_whole
+from fullwaveform.io.echo_writers.csv import CsvEchoWriter
+
+from ...support.echo_tables import echo_table
+
+HEADER = (
+    "x,y,z,gps_time,echo_number,echo_count,amplitude_counts,amplitude_db,width_ns,position,"
+    "echo_type,quality,reflectance,time,waveform_number,channel_flag\n"
+)
+
+
+def test_two_echoes_as_text(tmp_path: Path) -> None:
+    table = echo_table(
+        [2],
+        xyz=np.array([[433978.209, 0.1, -1e-9], [1.0, 2.0, 3.0]]),
+        gps_time=np.full(2, 383661.97316074),
+        amplitude_counts=np.array([0.1, 200.0], np.float32),
+        reflectance=np.array([np.nan, -2.5], np.float32),
+        time=np.array([1.25e-07, 2.0]),
+    )
+    with CsvEchoWriter(tmp_path / "e.csv") as writer:
+        writer.write(table)
+        assert writer.count == 2
+    assert (tmp_path / "e.csv").read_text() == HEADER + (
+        "433978.209,0.1,-1e-9,383661.97316074,1,2,0.1,12.5,1.75,0.25,3,4,nan,1.25e-7,0,1\n"
+        "1,2,3,383661.97316074,2,2,200,12.5,1.75,1.25,3,4,-2.5,2,1,1\n"
+    )
+
+
+def test_numbers_read_back_to_the_same_bits(tmp_path: Path) -> None:
+    random = np.random.default_rng(3)
+    xyz = random.normal(size=(500, 3)) * 10.0 ** random.integers(-12, 12, size=(500, 3))
+    db = (random.normal(size=500) * 40).astype(np.float32)
+    with CsvEchoWriter(tmp_path / "e.csv") as writer:
+        writer.write(echo_table([1] * 300, xyz=xyz[:300], amplitude_db=db[:300]))
+        writer.write(echo_table([1] * 200, xyz=xyz[300:], amplitude_db=db[300:]))
+    with (tmp_path / "e.csv").open(newline="") as stream:
+        rows = list(csv.DictReader(stream))
+    assert [[float(row[axis]) for axis in "xyz"] for row in rows] == xyz.tolist()
+    assert [np.float32(row["amplitude_db"]) for row in rows] == db.tolist()
+    assert [int(row["waveform_number"]) for row in rows] == [*range(300), *range(200)]
+
+
+def test_no_echo_still_has_the_header_line(tmp_path: Path) -> None:
+    with CsvEchoWriter(tmp_path / "e.csv"):
+        pass
+    assert (tmp_path / "e.csv").read_text() == HEADER
+    with CsvEchoWriter(tmp_path / "e.csv") as writer:
+        writer.write(echo_table([]))
+    assert (tmp_path / "e.csv").read_text() == HEADER
+
+
+def write_and_stop(writer: CsvEchoWriter) -> None:
+    writer.write(echo_table([3]))
+    raise KeyboardInterrupt
+
+
+def test_a_failed_run_leaves_nothing(tmp_path: Path) -> None:
+    writer = CsvEchoWriter(tmp_path / "e.csv")
+    with pytest.raises(KeyboardInterrupt), writer:
+        write_and_stop(writer)
+    assert list(tmp_path.iterdir()) == []
+    with pytest.raises(ValueError, match="not open"):
+        writer.write(echo_table([1]))
+
+
+def test_the_name_appears_when_the_file_is_whole(tmp_path: Path) -> None:
+    path = tmp_path / "result.bin"
+    with replace_when_whole(path) as temporary:
+        assert temporary.parent == tmp_path
+        temporary.write_bytes(b"whole")
+        assert not path.exists()
+    assert path.read_bytes() == b"whole"
+    assert list(tmp_path.iterdir()) == [path]
+    plain = tmp_path / "plain"
+    plain.touch()
+    assert path.stat().st_mode == plain.stat().st_mode
+
+
+def test_places_that_cannot_be_written(tmp_path: Path) -> None:
+    with pytest.raises(FileNotFoundError, match="nowhere does not exist"):
+        replace_when_whole(tmp_path / "nowhere" / "a").__enter__()
+    with pytest.raises(IsADirectoryError, match="it is a folder"):
+        replace_when_whole(tmp_path).__enter__()
+    (tmp_path / "file").touch()
+    with pytest.raises(NotADirectoryError, match=r"cannot write .*Not a directory"):
+        replace_when_whole(tmp_path / "file" / "a").__enter__()

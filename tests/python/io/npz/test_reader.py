@@ -1,0 +1,252 @@
+"""NumPy archives of waveforms: plain keys, keys found in circulation, and what is refused."""
+
+from __future__ import annotations
+
+import io
+import struct
+import zipfile
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+import pytest
+
+from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.npz.reader import NpzReader
+from fullwaveform.io.opening import open_waveforms
+
+from ...support.las_scenes import data_folder, rows
+
+SAMPLES = np.array([[1, 2, 3], [4, 5, 6], [7, 8, 9]], dtype=np.uint16)
+
+
+def archive(folder: Path, **arrays: Any) -> Path:
+    np.savez(folder / "a.npz", **arrays)
+    return folder / "a.npz"
+
+
+def message_of(path: Path, **options: Any) -> str:
+    with pytest.raises(WaveformFileError) as caught, NpzReader(path, **options) as reader:
+        list(reader.blocks())
+    assert str(path) in str(caught.value)
+    return str(caught.value)
+
+
+def test_samples_and_an_interval_are_enough(tmp_path: Path) -> None:
+    path = archive(tmp_path, samples=SAMPLES)
+    with NpzReader(path, sampling_interval=2e-9, channel_flags={0: 5}) as reader:
+        (block,) = reader.blocks()
+        assert reader.header is None
+        assert (reader.point_count, reader.points_done) == (3, 3)
+        (note,) = reader.tally.notes
+    assert "each waveform counts as a shot of its own" in note
+    assert block.samples.tolist() == SAMPLES.tolist()
+    assert block.counts.tolist() == [3, 3, 3]
+    assert (block.samples.dtype, block.counts.dtype) == (np.uint16, np.uint16)
+    assert len(set(block.shot_times.tolist())) == 3
+    assert block.sbl_times.tolist() == [0, 0, 0]
+    assert block.channel_flags.tolist() == [5, 5, 5]
+    assert block.sampling_intervals.tolist() == [2e-9] * 3
+    assert np.isnan(block.geometry.anchor).all()
+    assert block.geometry.anchor.shape == block.geometry.direction.shape == (3, 3)
+    assert np.isnan(block.geometry.location).all()
+    assert np.isnan(block.attributes.gps_time).all()
+    assert block.attributes.scan_angle.tolist() == [0, 0, 0]
+
+
+def test_every_plain_key(tmp_path: Path) -> None:
+    path = archive(
+        tmp_path,
+        samples=SAMPLES.astype(np.int64),
+        counts=[3, 2, 1],
+        shot_times=[5.0, 5.0, 6.0],
+        sbl_times=[0.0, 1e-7, 0.0],
+        channel_flags=[0, 1, 0],
+        sampling_interval=[1e-9, 2e-9, 1e-9],
+        anchor=[[1, 2, 3], [4, 5, 6], [7, 8, 9]],
+        location=[10.0, 20.0, 30.0],
+        direction=[[0, 0, 1e-4]] * 3,
+        gps_time=[100.0, 100.0, 101.0],
+        user_data=[1, 2, 3],
+        scan_angle=[-1.5, 0, 2],
+        unknown=["of", "no", "interest"],
+    )
+    with NpzReader(path, channel_flags=7) as reader:
+        (block,) = reader.blocks()
+        assert reader.channel_numbers is None
+        (note,) = reader.tally.notes
+    assert note == "The file says the channel of each waveform; the channels given were not used."
+    assert rows([block]) == [[1, 2, 3], [4, 5], [7]]
+    assert block.samples.tolist() == [[1, 2, 3], [4, 5, 0], [7, 0, 0]]
+    assert block.shot_times.tolist() == [5.0, 5.0, 6.0]
+    assert block.sbl_times.tolist() == [0.0, 1e-7, 0.0]
+    assert block.channel_flags.tolist() == [0, 1, 0]
+    assert block.sampling_intervals.tolist() == [1e-9, 2e-9, 1e-9]
+    assert block.geometry.anchor.tolist() == [[1, 2, 3], [4, 5, 6], [7, 8, 9]]
+    assert block.geometry.location.tolist() == [10.0, 20.0, 30.0]
+    assert block.geometry.direction.tolist() == [[0, 0, 1e-4]] * 3
+    assert block.attributes.gps_time.tolist() == [100.0, 100.0, 101.0]
+    assert block.attributes.user_data.tolist() == [1, 2, 3]
+    assert block.attributes.scan_angle.tolist() == [-1.5, 0, 2]
+
+
+def test_keys_found_in_circulation(tmp_path: Path) -> None:
+    path = archive(
+        tmp_path,
+        samples=SAMPLES,
+        count=[3, 2, 1],
+        shot_time=[np.nan] * 3,
+        shot_id=[4, 4, 9],
+        channel=[0, 1, 0],
+        t0_s=[0.0, 1e-8, np.nan],
+        sampling_interval_s=1e-9,
+    )
+    with NpzReader(path, waveforms_per_block=1, channel_flags={1: 0}) as reader:
+        blocks = list(reader.blocks())
+        assert reader.tally.notes == [
+            "Not all waveforms have a shot time; shots are told apart by shot_id."
+        ]
+    assert [rows([block]) for block in blocks] == [[[1, 2, 3], [4, 5]], [[7]]]
+    assert blocks[0].channel_flags.tolist() == [1, 0]
+    assert blocks[0].sbl_times.tolist() == [0.0, 1e-8]
+    assert blocks[1].sbl_times.tolist() == [0.0]
+
+
+def test_given_interval_comes_before_that_of_the_file(tmp_path: Path) -> None:
+    path = archive(tmp_path, samples=SAMPLES, sampling_interval=1e-9)
+    with open_waveforms(path, sampling_interval=3e-9) as reader:
+        (block,) = reader.blocks()
+        notes = reader.tally.notes
+    assert block.sampling_intervals.tolist() == [3e-9] * 3
+    assert "The interval given, 3 ns, stands in for the file's own." in notes
+    with open_waveforms(path) as reader:
+        list(reader.blocks())
+        assert not any("interval" in note for note in reader.tally.notes)
+
+
+def test_waveforms_without_a_time_among_others_are_counted(tmp_path: Path) -> None:
+    path = archive(tmp_path, samples=SAMPLES, shot_times=[1.0, np.nan, 2.0], sampling_interval=1e-9)
+    with NpzReader(path) as reader:
+        assert rows(list(reader.blocks())) == [[1, 2, 3], [7, 8, 9]]
+        assert dict(reader.tally.rejected) == {"GPS time is not a finite number": 1}
+
+
+@pytest.mark.parametrize(
+    ("arrays", "words"),
+    [
+        ({"samples": None}, "holds no array samples"),
+        ({"samples": SAMPLES.astype(float)}, "samples are float64 of shape (3, 3)"),
+        ({"samples": SAMPLES[0]}, "samples are uint16 of shape (3,)"),
+        ({"samples": SAMPLES.astype(np.int32) - 2}, "samples holds -1 to 7, must hold 0 to 65535"),
+        ({"samples": SAMPLES.astype(np.int32) << 14}, "samples holds 16384 to 147456"),
+        ({"samples": np.zeros((1, 65536), np.uint8)}, "width of 65535 at most"),
+        ({"counts": [3, 3]}, "counts has the shape (2,), must have (3,)"),
+        ({"counts": [3, 4, 3]}, "count 4 of waveform 1 exceeds the row length 3"),
+        ({"counts": [3, -1, 3]}, "counts holds -1 to 3"),
+        ({"counts": [3.0, 3.0, 3.0]}, "counts holds float64, must hold whole numbers"),
+        ({"count": [[3, 3, 3]]}, "count has the shape (1, 3)"),
+        ({"shot_times": [1.0, 2.0, 1.0]}, "shot at 1.0 s do not stand together"),
+        ({"channel_flags": [0, 1, 256]}, "channel_flags holds 0 to 256"),
+        ({"channel": [0, 1, 256]}, "channel holds 0 to 256"),
+        ({"anchor": np.zeros((3, 2))}, "anchor has the shape (3, 2), must have (3, 3)"),
+        ({"location": ["a", "b", "c"]}, "array location holds <U1, must hold numbers"),
+        ({"gps_time": np.array([{}, 1, 2])}, "array gps_time holds Python objects"),
+        ({"user_data": [1, 2, 300]}, "user_data holds 1 to 300, must hold 0 to 255"),
+        ({"sampling_interval": None}, "does not say its sampling interval"),
+        ({"sampling_interval": 0.0}, "sampling interval 0.0 of waveform 0"),
+        ({"sampling_interval": [1e-9, np.nan, 1e-9]}, "sampling interval nan of waveform 1"),
+        ({"sampling_interval": [1e-9, 1e-9]}, "sampling_interval has the shape (2,)"),
+        ({"shot_times": [1.0, 2.0, 3.0], "counts": [0, 0, 0]}, "no waveform is readable (3 times"),
+    ],
+)
+def test_archives_that_cannot_be_used(tmp_path: Path, arrays: dict[str, Any], words: str) -> None:
+    given = {"samples": SAMPLES, "sampling_interval": 1e-9} | arrays
+    path = archive(tmp_path, **{key: value for key, value in given.items() if value is not None})
+    assert words in message_of(path)
+
+
+def test_arrays_beyond_the_limit(tmp_path: Path) -> None:
+    np.savez_compressed(
+        tmp_path / "a.npz", samples=np.zeros((1000, 1000), np.uint16), sampling_interval=1e-9
+    )
+    path = tmp_path / "a.npz"
+    assert path.stat().st_size < 10_000  # 2 MB of zeros
+    assert "take 0.002 GB, at most 1e-05 GB are read whole" in message_of(path, memory_limit=10_000)
+    with NpzReader(path, memory_limit=2_000_008) as reader:
+        assert reader.point_count == 1000
+
+
+def member(folder: Path, content: bytes) -> Path:
+    with zipfile.ZipFile(folder / "a.npz", "w") as made:
+        made.writestr("samples.npy", content)
+    return folder / "a.npz"
+
+
+def test_headers_that_announce_more_than_there_is(tmp_path: Path) -> None:
+    for shape in ("(1000000000, 65535)", "(4294967296, 4294967296)", "(3, 4)"):
+        text = f"{{'descr': '<u2', 'fortran_order': False, 'shape': {shape}, }}\n".encode()
+        head = b"\x93NUMPY\x01\x00" + struct.pack("<H", len(text)) + text
+        path = member(tmp_path, head + SAMPLES.tobytes())
+        assert "the archive holds 18" in message_of(path)
+
+
+@pytest.mark.parametrize("content", [b"", b"\x93NUM", b"no array at all", b"\x93NUMPY\x01\x00\xff"])
+def test_members_that_are_no_arrays(tmp_path: Path, content: bytes) -> None:
+    assert "not a whole .npz with plain arrays" in message_of(member(tmp_path, content))
+
+
+def test_every_cut_is_told(tmp_path: Path) -> None:
+    content = archive(tmp_path, samples=SAMPLES, sampling_interval=1e-9).read_bytes()
+    path = tmp_path / "cut.npz"
+    for size in range(len(content)):
+        path.write_bytes(content[:size])
+        message_of(path)
+
+
+def test_damaged_content(tmp_path: Path) -> None:
+    stream = io.BytesIO()
+    np.savez_compressed(stream, samples=np.arange(600, dtype=np.uint16).reshape(20, 30))
+    content = bytearray(stream.getvalue())
+    content[len(content) // 2] ^= 0xFF
+    path = tmp_path / "a.npz"
+    path.write_bytes(content)
+    assert "not a whole .npz" in message_of(path)
+
+
+def test_missing_file_and_folder(tmp_path: Path) -> None:
+    with pytest.raises(FileNotFoundError):
+        NpzReader(tmp_path / "none.npz")
+    with pytest.raises(IsADirectoryError):
+        NpzReader(tmp_path)
+
+
+@pytest.mark.parametrize(
+    ("name", "waveforms", "shots", "interval"),
+    [("forest_12bit.npz", 508, 500, 1e-9), ("topo_2ns.npz", 1778, 1778, 2e-9)],
+)
+def test_arrays_of_real_scanners(name: str, waveforms: int, shots: int, interval: float) -> None:
+    path = data_folder() / "arrays" / name
+    if not path.exists():
+        pytest.skip(f"no {name} in the folder of real waveforms")
+    with np.load(path) as arrays:
+        samples, counts = arrays["samples"], arrays["count"]
+    with open_waveforms(path, waveforms_per_block=100) as reader:
+        blocks = list(reader.blocks())
+    assert sum(map(len, blocks)) == waveforms
+    assert len({time for block in blocks for time in block.shot_times.tolist()}) == shots
+    assert {value for block in blocks for value in block.sampling_intervals.tolist()} == {interval}
+    found = rows(blocks)
+    expected = [row[:count].tolist() for row, count in zip(samples, counts, strict=True)]
+    assert found == expected
+
+
+def test_rejected_rows_between_others(tmp_path: Path) -> None:
+    times = np.full(60, np.nan)
+    times[[0, 5, 6, 40, 59]] = [1.0, 2.0, 2.0, 3.0, 4.0]
+    samples = np.arange(120, dtype=np.uint16).reshape(60, 2)
+    path = archive(tmp_path, samples=samples, shot_times=times, sampling_interval=1e-9)
+    for size in (1, 2, 3, 100):
+        with NpzReader(path, waveforms_per_block=size) as reader:
+            blocks = list(reader.blocks())
+            assert rows(blocks) == [[0, 1], [10, 11], [12, 13], [80, 81], [118, 119]]
+            assert reader.tally.rejected.total() == 55

@@ -1,0 +1,293 @@
+"""PulseWaves files, read block by block."""
+
+from __future__ import annotations
+
+import struct
+from collections import defaultdict
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+from fullwaveform.extraction.georeference import positions_in_space
+from fullwaveform.io.pulsewaves import selection
+from fullwaveform.io.pulsewaves.reader import PulseWavesReader
+
+from ...support.las_scenes import rows
+from ...support.pulsewaves_scenes import (
+    MIN_TIME,
+    Descriptor,
+    Pulse,
+    Sampling,
+    Scene,
+    read,
+    three_pulses,
+    two_channels,
+)
+
+
+def test_one_waveform_with_everything_about_it(tmp_path: Path) -> None:
+    pulse = Pulse(
+        [[(500, [1, 2, 3, 4])]], time=2_500_000, anchor=(100, 200, 300), target=(1100, -300, -29700)
+    )
+    sampling = Sampling(duration_bits=16, unit=2.0)
+    scene = Scene(
+        [Descriptor(1, [sampling], unit=2.0)],
+        [pulse],
+        time_offset=100.0,
+        offsets=(1000.0, 2000.0, 50.0),
+        patches={20: ("<I", 403)},
+    )
+    (block,), tally = read(scene.write(tmp_path / "one.pls"))
+    assert block.samples.tolist() == [[1, 2, 3, 4]]
+    assert block.samples.dtype == np.uint16
+    assert block.counts.tolist() == [4]
+    assert block.counts.dtype == np.uint16
+    assert block.shot_times.tolist() == [102.5]
+    assert block.sbl_times[0] == pytest.approx(1e-6, rel=1e-12)  # 500 units of 2 ns
+    assert block.channel_flags.tolist() == [1]
+    assert block.sampling_intervals.tolist() == [2e-9]
+    # The anchor is at (1001, 2002, 53), a unit is (0.01, -0.005, -0.3) m long.
+    assert block.geometry.anchor[0] == pytest.approx([1006.0, 1999.5, -97.0], abs=1e-9)
+    assert block.geometry.location.tolist() == [0.0]
+    assert block.geometry.direction[0] == pytest.approx([-5e-6, 2.5e-6, 1.5e-4], rel=1e-12)
+    assert block.attributes.gps_time.tolist() == [102.5]
+    assert block.attributes.point_source_id.tolist() == [403]
+    assert block.attributes.scan_angle.tolist() == [0.0]
+    assert block.waveform_numbers.tolist() == [0]
+    assert (tally.points, tally.waveforms, tally.points_without_packet) == (1, 1, 0)
+    assert (tally.notes, dict(tally.rejected)) == ([], {})
+
+
+def test_place_of_a_sample(tmp_path: Path) -> None:
+    pulse = Pulse([[(1000, [1, 2, 3, 4])]], anchor=(0, 0, 50000), target=(300, 0, 35000))
+    scene = Scene([Descriptor(1, [Sampling(duration_bits=16)])], [pulse])
+    (block,), _ = read(scene.write(tmp_path / "place.pls"))
+    # 1000 units lead to the target (3, 0, 350) m; three samples more by (0.003, 0, -0.15) m each.
+    (place,) = positions_in_space(block.geometry, np.array([0]), np.array([3000.0]))
+    assert place == pytest.approx([3.009, 0.0, 349.55], abs=1e-9)
+
+
+def test_segments_and_channels_of_a_pulse(tmp_path: Path) -> None:
+    path = two_channels().write(tmp_path / "two.pls")
+    (block,), tally = read(path, channel_flags={0: 0, 3: 9})
+    assert rows([block]) == [[1, 2, 3], [4], [5, 6], [7, 8], [9, 10, 11, 12]]
+    assert block.counts.tolist() == [3, 1, 2, 2, 4]
+    assert block.samples[1].tolist() == [4, 0, 0, 0]
+    assert block.shot_times == pytest.approx([1e-5, 1e-5, 1e-5, 3e-5, 3e-5], rel=1e-12)
+    assert len(np.unique(block.shot_times)) == 2
+    assert block.sbl_times == pytest.approx([1e-7, 2e-7, 1.1e-7, -3e-9, 1.2e-7], rel=1e-12)
+    assert block.channel_flags.tolist() == [1, 1, 0, 1, 0]
+    assert block.waveform_numbers.tolist() == [0, 1, 2, 3, 4]
+    assert (tally.points, tally.points_without_packet, tally.waveforms) == (3, 1, 5)
+    assert tally.notes == []
+
+
+def test_channels_of_one_flag_are_remarked_on(tmp_path: Path) -> None:
+    path = two_channels().write(tmp_path / "two.pls")
+    assert read(path)[1].notes == ["The file's channels 0 and 1 all count as channel 1."]
+
+
+def test_channel_flags(tmp_path: Path) -> None:
+    path = two_channels().write(tmp_path / "two.pls")
+
+    def flags(channel_flags: object) -> list[int]:
+        ((block,), _) = read(path, channel_flags=channel_flags)
+        return block.channel_flags.tolist()
+
+    assert flags(0) == [0, 0, 0, 0, 0]
+    assert flags({1: 5}) == [5, 5, 1, 5, 1]
+    assert flags(defaultdict(int, {1: 1})) == [1, 1, 0, 1, 0]
+    with pytest.raises(ValueError, match="flag 256 of channel 1; both must be 0 to 255"):
+        flags({1: 256})
+
+
+def test_outgoing_pulses(tmp_path: Path) -> None:
+    path = two_channels().write(tmp_path / "out.pls")
+    with PulseWavesReader(path, waveforms_per_block=2) as reader:
+        first, second = reader.outgoing_pulses()
+        assert reader.tally.points == 0
+    assert first.samples.tolist() == [[50, 51, 0], [52, 53, 54]]
+    assert first.counts.tolist() == [2, 3]
+    assert first.sampling_intervals.tolist() == [1e-9, 1e-9]
+    assert first.shot_times == pytest.approx([1e-5, 2e-5], rel=1e-12)
+    assert second.samples.tolist() == [[55]]
+    assert np.concatenate([first.pulse_numbers, second.pulse_numbers]).tolist() == [0, 1, 2]
+    assert (len(first), len(second)) == (2, 1)
+
+
+def test_outgoing_pulses_that_are_cut_off_are_counted(tmp_path: Path) -> None:
+    # Bytes of the waves: 60 of header, then 24, 6 and 23 of the three pulses.
+    path = two_channels().write(tmp_path / "out.pls")
+    waves = path.with_suffix(".wvs")
+    waves.write_bytes(waves.read_bytes()[:-1])
+    with PulseWavesReader(path) as reader:
+        (block,) = reader.outgoing_pulses()
+        assert (reader.tally.points, reader.tally.rejected.total()) == (0, 0)
+        tally = reader.outgoing_tally
+        assert block.pulse_numbers.tolist() == [0, 1]
+        assert (tally.points, tally.waveforms, tally.points_without_packet) == (3, 2, 0)
+        assert list(tally.rejected.values()) == [1]
+        list(reader.outgoing_pulses())
+        assert reader.outgoing_tally.rejected.total() == 1  # not added up
+
+
+def test_outgoing_pulse_with_a_sampling_unit_of_its_own(tmp_path: Path) -> None:
+    descriptor = Descriptor(1, [Sampling(kind=1, unit=0.1), Sampling()])
+    scene = Scene([descriptor], [Pulse([[(0, [1, 2, 3, 4])], [(0, [5, 6, 7, 8])]])])
+    with PulseWavesReader(scene.write(tmp_path / "fine.pls")) as reader:
+        (outgoing,), (block,) = reader.outgoing_pulses(), reader.blocks()
+    assert outgoing.sampling_intervals.tolist() == [1e-10]
+    assert block.sampling_intervals.tolist() == [1e-9]
+
+
+@pytest.mark.parametrize(
+    ("limit", "sizes"), [(1, [3, 2]), (2, [3, 2]), (3, [3, 2]), (4, [3, 2]), (5, [5])]
+)
+def test_pulses_are_not_split_between_blocks(tmp_path: Path, limit: int, sizes: list[int]) -> None:
+    blocks, tally = read(two_channels().write(tmp_path / "cut.pls"), waveforms_per_block=limit)
+    assert [len(block) for block in blocks] == sizes
+    assert rows(blocks) == [[1, 2, 3], [4], [5, 6], [7, 8], [9, 10, 11, 12]]
+    assert np.concatenate([block.waveform_numbers for block in blocks]).tolist() == [0, 1, 2, 3, 4]
+    assert (tally.points, tally.waveforms) == (3, 5)
+
+
+def test_blocks_of_long_waveforms_hold_fewer(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setattr(selection, "_BLOCK_SAMPLES", 8)
+    blocks, _ = read(three_pulses().write(tmp_path / "a.pls"))
+    assert [block.samples.shape for block in blocks] == [(2, 4), (1, 4)]
+
+
+def test_progress_and_a_second_pass(tmp_path: Path) -> None:
+    with PulseWavesReader(three_pulses().write(tmp_path / "a.pls"), waveforms_per_block=1) as one:
+        assert (one.point_count, one.points_done) == (3, 0)
+        blocks = one.blocks()
+        next(blocks)
+        assert 1 <= one.points_done <= 2
+        rest = list(blocks)
+        assert (len(rest), one.points_done) == (2, 3)
+        assert rows(list(one.blocks())) == [[1, 2, 3, 4], [5, 6, 7, 8], [9, 10, 11, 12]]
+        assert (one.tally.points, one.tally.waveforms) == (3, 3)
+
+
+def test_closed_reader(tmp_path: Path) -> None:
+    with PulseWavesReader(three_pulses().write(tmp_path / "a.pls")) as reader:
+        pass
+    reader.close()
+    for what in (reader.blocks, reader.outgoing_pulses):
+        with pytest.raises(ValueError, match=r"a\.pls is closed"):
+            list(what())
+
+
+@pytest.mark.parametrize("times", [(0, 0, 0), (5, 5, 6), (6, 5, 6)])
+def test_repeated_times_do_not_join_pulses(tmp_path: Path, times: tuple[int, int, int]) -> None:
+    scene = three_pulses()
+    for pulse, time in zip(scene.pulses, times, strict=True):
+        pulse.time = time
+    blocks, tally = read(scene.write(tmp_path / "same.pls"), waveforms_per_block=2)
+    keys = np.concatenate([block.shot_times for block in blocks])
+    assert len(np.unique(keys)) == 3
+    stored = np.concatenate([block.attributes.gps_time for block in blocks])
+    assert stored == pytest.approx(np.array(times) * 1e-6, rel=1e-12)
+    assert tally.notes == ["Several pulses have the same time; each counts as a shot of its own."]
+
+
+def test_segments_of_a_pulse_stay_together_without_times(tmp_path: Path) -> None:
+    scene = two_channels()
+    for pulse in scene.pulses:
+        pulse.time = 0
+    (block,), _ = read(scene.write(tmp_path / "same.pls"))
+    assert np.unique(block.shot_times, return_inverse=True)[1].tolist() == [0, 0, 0, 1, 1]
+
+
+def test_times_that_fall_are_times(tmp_path: Path) -> None:
+    scene = three_pulses()
+    for pulse, time in zip(scene.pulses, (3_000_000, 1_000_000, 2_000_000), strict=True):
+        pulse.time = time
+    (block,), tally = read(scene.write(tmp_path / "falling.pls"))
+    assert block.shot_times.tolist() == [3.0, 1.0, 2.0]
+    assert rows([block])[0] == [1, 2, 3, 4]  # the order of the file
+    assert tally.notes == []
+
+
+def test_pulses_without_anything_that_returns(tmp_path: Path) -> None:
+    scene = Scene([Descriptor(1, [Sampling(kind=1)])], [Pulse([[(0, [1, 2, 3, 4])]])])
+    blocks, tally = read(scene.write(tmp_path / "out.pls"))
+    assert (blocks, tally.points, tally.points_without_packet) == ([], 1, 1)
+
+
+def test_file_without_pulses(tmp_path: Path) -> None:
+    blocks, tally = read(Scene([], []).write(tmp_path / "none.pls"))
+    assert (blocks, tally.points, tally.notes) == ([], 0, [])
+
+
+def test_waves_in_upper_case(tmp_path: Path) -> None:
+    path = three_pulses().write(tmp_path / "a.pls")
+    path.with_suffix(".wvs").rename(tmp_path / "a.WVS")
+    assert len(read(path)[0][0]) == 3
+
+
+def test_header_for_echoes(tmp_path: Path) -> None:
+    guid = bytes(range(16))
+    scene = three_pulses(
+        scales=(0.001, 0.002, 0.004),
+        offsets=(5.0, 6.0, 7.0),
+        records=[(b"PulseWaves_Proj", 34735, struct.pack("<4H", 1, 1, 0, 0))],
+        patches={20: ("<I", 77), 24: ("16s", guid)},  # type: ignore[dict-item]
+    )
+    with PulseWavesReader(scene.write(tmp_path / "a.pls")) as reader:
+        header = reader.header
+        assert reader.path == tmp_path / "a.pls"
+    assert (str(header.version), header.point_format.id) == ("1.4", 9)
+    assert header.scales.tolist() == [0.001, 0.002, 0.004]
+    assert header.offsets.tolist() == [5.0, 6.0, 7.0]
+    assert (header.file_source_id, header.uuid.bytes_le) == (77, guid)
+    (record,) = header.vlrs
+    assert (record.user_id, record.record_id) == ("LASF_Projection", 34735)
+    assert not header.global_encoding.wkt
+
+
+@pytest.mark.parametrize(("offset", "standard"), [(0.0, 0), (604_801.0, 1)])
+def test_meaning_of_times(tmp_path: Path, offset: float, standard: int) -> None:
+    path = three_pulses(time_offset=offset).write(tmp_path / "a.pls")
+    with PulseWavesReader(path) as reader:
+        assert int(reader.header.global_encoding.gps_time_type) == standard
+        assert reader.header.global_encoding.wkt
+
+
+# Standard GPS time: 1000061757.959336 s less 1e9 is 61757.959336 s.
+@pytest.mark.parametrize(
+    ("scale", "offset", "count", "span", "standard", "expected"),
+    [
+        (1e-6, 1e9, 61_757_959_336, (61_757_959_336, 61_759_700_210), 1, 61_757.959336),
+        (1e-6, 1e9, 61_757_959_336, (0, 0), 1, 61_757.959336),
+        (1e-6, 0.0, 1_000_061_757_500_000, (0, 0), 1, 61_757.5),
+        (1e-6, 1e9, 0, (0, 0), 1, 0.0),
+        (1e-6, 0.0, 61_757_959_336, (61_757_959_336, 61_759_700_210), 0, 61_757.959336),
+        (1.0, 999_999_000.0, 990, (990, 1010), 1, 999_999_990.0),
+    ],
+)
+def test_standard_times_are_adjusted(
+    tmp_path: Path,
+    scale: float,
+    offset: float,
+    count: int,
+    span: tuple[int, int],
+    standard: int,
+    expected: float,
+) -> None:
+    scene = three_pulses(
+        time_scale=scale,
+        time_offset=offset,
+        patches={MIN_TIME: ("<q", span[0]), MIN_TIME + 8: ("<q", span[1])},
+    )
+    for number, pulse in enumerate(scene.pulses):
+        pulse.time = count + number
+    with PulseWavesReader(scene.write(tmp_path / "a.pls")) as reader:
+        assert int(reader.header.global_encoding.gps_time_type) == standard
+        (block,) = reader.blocks()
+    times = block.attributes.gps_time
+    assert times == pytest.approx(expected + np.arange(3) * scale, rel=0.0, abs=2e-7)
+    assert block.shot_times.tolist() == times.tolist()

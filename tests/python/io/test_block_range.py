@@ -1,0 +1,196 @@
+"""Passes over ranges of blocks: the same blocks, and tallies that add up."""
+
+from __future__ import annotations
+
+from collections import Counter
+from collections.abc import Callable, Iterator
+from itertools import pairwise
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+from fullwaveform.data.blocks import ReadTally, WaveformBlock
+from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.block_range import Pass, UngatheredBlock, last_cut
+from fullwaveform.io.opening import WaveformReader, open_waveforms
+
+from ..support.las_scenes import FOUR, Point, Scene, four_shots, rows
+from ..support.pulsewaves_scenes import two_channels
+from ..support.row_scenes import as_container, same
+
+
+def las_file(folder: Path) -> Path:
+    """Six usable waveforms of four shots, between points of every kind that is counted.
+
+    The packet of number 3 has no place, that of number 7 is cut off; three points share number 2.
+    """
+    points = [
+        Point(None, 1.0),
+        Point(None, 1.5),
+        Point(0, 2.0),
+        Point(1, 2.0),
+        Point(2, 3.0),
+        Point(2, 3.0),
+        Point(2, 3.0),
+        Point(3, 4.0, location=float("nan")),
+        Point(4, 5.0),
+        Point(5, 5.0),
+        Point(7, 6.0),
+        Point(6, 7.0),
+        Point(None, 8.0),
+    ]
+    packets = [(1, [number, 1, 2, 3]) for number in range(8)]
+    path = Scene([(1, 8, 4, 1000)], packets, points).write(folder / "a.las")
+    companion = path.with_suffix(".wdp")
+    companion.write_bytes(companion.read_bytes()[:-4])  # the packet of number 7
+    return path
+
+
+def pulsewaves_file(folder: Path) -> Path:
+    return two_channels().write(folder / "a.pls")
+
+
+def container_file(folder: Path) -> Path:
+    return as_container(pulsewaves_file(folder), folder / "a.h5")
+
+
+def npz_file(folder: Path) -> Path:
+    """Two shots of two waveforms, one without a time, one without samples, one at the end."""
+    times = [1.0, 1.0, np.nan, 2.0, 2.0, 2.0, 3.0, np.nan]
+    np.savez(
+        folder / "a.npz",
+        samples=np.arange(24, dtype=np.uint16).reshape(8, 3),
+        counts=[3, 2, 3, 3, 0, 1, 3, 3],
+        shot_times=times,
+        sampling_interval=1e-9,
+    )
+    return folder / "a.npz"
+
+
+FILES: list[Callable[[Path], Path]] = [las_file, pulsewaves_file, container_file, npz_file]
+
+
+def test_the_blocks_of_the_scene_and_what_belongs_to_each(tmp_path: Path) -> None:
+    with open_waveforms(las_file(tmp_path), waveforms_per_block=2) as reader:
+        blocks = list(reader.blocks())
+        assert [[row[0] for row in rows([block])] for block in blocks] == [[0, 1], [2], [4, 5], [6]]
+        rejected = Counter(
+            {
+                "packet outside the waveform data": 1,
+                "direction or return location is not finite": 1,
+            }
+        )
+        assert reader.tally == ReadTally(13, 3, 2, 6, rejected, [])
+        (last,) = reader.blocks(3)
+        assert last.waveform_numbers.tolist() == [5]
+        assert reader.tally.waveforms == 1
+
+
+@pytest.mark.parametrize("make", FILES)
+@pytest.mark.parametrize("size", [1, 2, 3, 100])
+@pytest.mark.parametrize("step", [1, 2])
+def test_ranges_give_the_blocks_of_a_whole_pass_and_their_tallies_add_up(
+    tmp_path: Path, make: Callable[[Path], Path], size: int, step: int
+) -> None:
+    with open_waveforms(make(tmp_path), waveforms_per_block=size) as reader:
+        whole = list(reader.blocks())
+        tally = reader.tally
+        assert reader.block_count() == len(whole) > 0
+        for last_stop in (len(whole), None, len(whole) + 5):
+            stops = [*range(0, len(whole), step), last_stop]
+            found: list[WaveformBlock] = []
+            summed = ReadTally()
+            for first, stop in pairwise(stops):
+                part = list(reader.blocks(first, stop))
+                assert reader.tally.waveforms == sum(map(len, part))
+                found += part
+                summed += reader.tally
+            assert len(found) == len(whole)
+            assert all(map(same, found, whole))
+            assert summed == tally
+
+
+@pytest.mark.parametrize("make", FILES)
+def test_ranges_without_blocks(tmp_path: Path, make: Callable[[Path], Path]) -> None:
+    with open_waveforms(make(tmp_path), waveforms_per_block=2) as reader:
+        count = reader.block_count()
+        for first, stop in [(0, 0), (1, 1), (count, None), (count, count + 3), (count + 7, None)]:
+            assert list(reader.blocks(first, stop)) == []
+            assert reader.tally == ReadTally(notes=reader.tally.notes)
+        for first, stop in [(-1, None), (2, 1), (0, -1)]:
+            with pytest.raises(ValueError, match=f"from {first} to {stop} are no range"):
+                next(reader.blocks(first, stop))
+    for ask in (reader.block_count, lambda: next(reader.blocks())):
+        with pytest.raises(ValueError, match="closed"):
+            ask()
+
+
+@pytest.mark.parametrize("make", FILES)
+def test_counting_blocks_and_a_second_pass_leave_a_pass_under_way_alone(
+    tmp_path: Path, make: Callable[[Path], Path]
+) -> None:
+    with open_waveforms(make(tmp_path), waveforms_per_block=1) as reader:
+        whole = list(reader.blocks())
+        under_way = reader.blocks()
+        first = next(under_way)
+        done = reader.points_done
+        assert reader.block_count() == len(whole)
+        assert reader.points_done == done
+        again = list(reader.blocks())
+        assert all(map(same, [first, *under_way], whole))
+        assert all(map(same, again, whole))
+
+
+def test_only_a_pass_over_all_blocks_misses_readable_waveforms(tmp_path: Path) -> None:
+    path = four_shots().write(tmp_path / "a.las")
+    companion = path.with_suffix(".wdp")
+    companion.write_bytes(companion.read_bytes()[:60])
+    with open_waveforms(path) as reader:
+        assert list(reader.blocks(0, 9)) == []
+        assert reader.tally.rejected.total() == 4  # no block: all belongs to the first range
+        assert list(reader.blocks(1)) == []
+        assert reader.tally.rejected.total() == 0
+        with pytest.raises(WaveformFileError, match="no waveform is readable"):
+            list(reader.blocks())
+
+
+def test_points_without_times_are_cut_anywhere(tmp_path: Path) -> None:
+    points = [Point(number, gps_time=0.0) for number in range(4)]
+    path = Scene([(1, 8, 4, 1000)], FOUR, points).write(tmp_path / "a.las")
+    reader: WaveformReader
+    with open_waveforms(path, waveforms_per_block=3) as reader:
+        assert reader.block_count() == 2
+        (last,) = reader.blocks(1, 2)
+    assert last.waveform_numbers.tolist() == [3]
+    assert len(np.unique(last.shot_times)) == 1
+
+
+def test_samples_of_skipped_blocks_are_not_gathered() -> None:
+    gathered: list[list[int]] = []
+
+    def gather(numbers: np.ndarray) -> WaveformBlock:
+        gathered.append(numbers.tolist())
+        return None  # type: ignore[return-value]
+
+    def three(run: Pass) -> Iterator[UngatheredBlock]:
+        for waveforms in (2, 3, 1):
+            run.met.points += 10
+            yield UngatheredBlock(waveforms, gather)
+        run.met.points += 4
+
+    run = Pass(1, 2)
+    assert len(list(run.gathered(three(run)))) == 1
+    assert gathered == [[2, 3, 4]]
+    assert (run.tally.points, run.tally.waveforms) == (10, 3)
+    run = Pass(2, 3)
+    assert len(list(run.gathered(three(run)))) == 1
+    assert (run.tally.points, run.tally.waveforms) == (14, 1)
+
+
+@pytest.mark.parametrize(
+    ("shots", "fitting", "rows_of_block"),
+    [([], 3, 0), ([1, 1], 3, 2), ([1, 1, 2, 2], 3, 2), ([1, 1, 1, 1, 2], 3, 4), ([1, 1, 1], 1, 3)],
+)
+def test_blocks_are_cut_between_shots(shots: list[int], fitting: int, rows_of_block: int) -> None:
+    assert last_cut(np.array(shots, dtype=np.int64), fitting) == rows_of_block

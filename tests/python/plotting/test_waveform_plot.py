@@ -1,0 +1,212 @@
+"""What the picture of a waveform shows, by its marks and its text."""
+
+from __future__ import annotations
+
+import re
+from collections.abc import Sequence
+from pathlib import Path
+
+import numpy as np
+import pytest
+from matplotlib.axes import Axes
+from matplotlib.figure import Figure
+from matplotlib.text import Text
+
+from fullwaveform import Mode, Scanner
+from fullwaveform.analysis.waveform_selection import ChosenShot
+from fullwaveform.analysis.waveform_views import WaveformView, waveform_views
+from fullwaveform.plotting.waveform import METHOD_COLOURS, draw_waveforms, waveform_figure
+
+from ..core import test_modes
+from ..extraction.test_extraction import Packet, block_of
+from ..support.records import TRIPLE_STD, record
+
+TWO_ECHOES = Packet(record({20: 100, 40: 60}), interval=2e-9)
+
+
+def views(
+    *packets: Packet, modes: Sequence[Mode] = (Mode.THREE_POINT,), scanner: Scanner | None = None
+) -> list[WaveformView]:
+    shot = ChosenShot(block_of(packets), np.arange(len(packets)))
+    return waveform_views(shot, scanner or Scanner.default(), modes, 10)
+
+
+def marks(axes: Axes) -> dict[str, np.ndarray]:
+    return {str(line.get_label()): np.asarray(line.get_xydata()) for line in axes.get_lines()}
+
+
+def bars(axes: Axes, label: str) -> list[list[list[float]]]:
+    """Ends of the bars of one name."""
+    (found,) = [lines for lines in axes.collections if lines.get_label() == label]
+    return [np.asarray(bar).tolist() for bar in found.get_segments()]  # type: ignore[attr-defined]
+
+
+def texts(part: Axes | Figure) -> list[str]:
+    found = part.findobj(Text)
+    return [str(text.get_text()) for text in found if isinstance(text, Text)]
+
+
+def test_samples_noise_and_segments() -> None:
+    axes = waveform_figure(views(TWO_ECHOES)).axes[0]
+    drawn = marks(axes)["samples"]
+    assert drawn[:, 0].tolist() == list(range(60))
+    assert drawn[[19, 20, 21, 30], 1].tolist() == [50, 100, 50, 0]
+    (noise,) = [line for line in axes.get_lines() if set(np.ravel(line.get_ydata())) == {10}]
+    assert noise.get_linestyle() == "--"
+    assert "noise level 10" in texts(axes)
+    spans = [[end[0] for end in bar] for bar in bars(axes, "segments")]
+    assert spans == [[18.0, 22.0], [38.0, 42.0]]
+    assert "above the noise" in texts(axes)
+
+
+def test_echoes_have_position_amplitude_and_width() -> None:
+    axes = waveform_figure(views(TWO_ECHOES)).axes[0]
+    np.testing.assert_allclose(
+        marks(axes)["three-point, echoes"], [[20.0, 100.0], [40.0, 60.0]], rtol=1e-5
+    )
+    height = 100.0 * 0.60653066  # of a Gaussian at one standard deviation
+    np.testing.assert_allclose(
+        bars(axes, "three-point, widths")[0],
+        [[20.0 - TRIPLE_STD, height], [20.0 + TRIPLE_STD, height]],
+        rtol=1e-5,
+    )
+
+
+def test_fitted_sum_goes_through_the_samples_that_it_was_made_of() -> None:
+    axes = waveform_figure(views(TWO_ECHOES)).axes[0]
+    curve = marks(axes)["three-point, fitted"]
+    for sample, counts in ((19, 50.0), (20, 100.0), (21, 50.0), (40, 60.0)):
+        nearest = np.argmin(np.abs(curve[:, 0] - sample))
+        assert curve[nearest, 1] == pytest.approx(counts, rel=1e-4)
+    between = curve[np.abs(curve[:, 0] - 30.0) < 3.0, 1]
+    assert np.isnan(between).all()  # no Gaussian reaches there
+
+
+def test_numbers_stand_beside_the_panel() -> None:
+    beside = waveform_figure(views(TWO_ECHOES)).axes[1]
+    assert texts(beside)[:3] == ["sample", "counts", "width [ns]"]
+    width = f"{2.0 * TRIPLE_STD:.2f}"  # ns
+    assert [text for text in texts(beside) if text][3:] == [
+        "three-point, 2 echoes", "20.00", "100", width, "40.00", "60", width,
+    ]  # fmt: skip
+
+
+def test_second_axis_is_in_nanoseconds() -> None:
+    figure = waveform_figure(views(TWO_ECHOES))
+    figure.draw_without_rendering()
+    axes = figure.axes[0]
+    (top,) = axes.child_axes
+    low, high = axes.get_xlim()
+    assert top.get_xlim() == pytest.approx((2.0 * low, 2.0 * high))
+    assert "ns" in texts(axes)
+
+
+def test_modes_have_colours_of_their_own() -> None:
+    scanner = test_modes.scanner()
+    samples = test_modes.scene(np.array([[30.0]]), np.array([[600.0]]))[0]
+    axes = waveform_figure(views(Packet(samples), modes=list(Mode), scanner=scanner)).axes[0]
+    names = ("three-point", "decomposition", "deconvolution", "hybrid")
+    colours = {
+        mode: {
+            line.get_color()
+            for line in axes.get_lines()
+            if str(line.get_label()).startswith(f"{name},")
+        }
+        for mode, name in zip(Mode, names, strict=True)
+    }
+    assert colours == {mode: {METHOD_COLOURS[mode]} for mode in Mode}
+    assert len(set(METHOD_COLOURS.values())) == 4
+    drawn = marks(axes)
+    assert len(drawn["deconvolution, deconvolved"]) > 0
+    assert len(drawn["deconvolution, fitted"]) == 0
+    assert len(drawn["decomposition, deconvolved"]) == 0
+    assert bars(axes, "deconvolution, widths") == []
+
+
+def test_channels_of_a_shot_have_a_panel_each() -> None:
+    packets = [Packet(record({20: 100}), flag=1), Packet(record({40: 80}), flag=0)]
+    figure = waveform_figure(views(*packets))
+    assert len(figure.axes) == 4
+    assert figure.axes[0].get_title(loc="left").startswith("waveform 70, low-power channel, GPS")
+    assert figure.axes[2].get_title(loc="left").startswith("waveform 71, high-power channel, GPS")
+    assert figure.axes[0].get_xlim() == figure.axes[2].get_xlim()
+
+
+def test_waveform_without_echoes_is_drawn_whole_and_says_why() -> None:
+    figure = waveform_figure(views(Packet(record({20: 8}))))
+    axes, beside = figure.axes
+    assert axes.get_xlim() == (-0.5, 59.5)
+    assert marks(axes)["samples"][20].tolist() == [20.0, 8.0]
+    assert "above the noise" not in texts(axes)
+    assert "three-point, no echoes" in texts(beside)
+    assert "signal not above the noise" in texts(beside)
+
+
+def test_long_record_is_shown_around_its_echoes() -> None:
+    packet = Packet(record({200: 100, 260: 100}, length=400))
+    axes = waveform_figure(views(packet)).axes[0]
+    # 15 samples to either side, and half a sample.
+    np.testing.assert_allclose(axes.get_xlim(), (184.5, 275.5), atol=1e-4)
+
+
+def test_longest_record_full_of_echoes() -> None:
+    positions = range(20, 65_000, 30)
+    (view,) = views(Packet(record(dict.fromkeys(positions, 100), length=65_535)))
+    axes = waveform_figure([view]).axes[0]
+    echoes, curve = marks(axes)["three-point, echoes"], marks(axes)["three-point, fitted"]
+    assert len(echoes) == len(positions)
+    assert len(curve) < 50_000
+    tops = curve[np.searchsorted(curve[:, 0], echoes[:, 0])]
+    np.testing.assert_allclose(tops, echoes, rtol=1e-6)
+
+
+def test_broad_echoes_are_shown_with_their_flanks() -> None:
+    x = np.arange(200)
+    samples = np.rint(4000.0 * np.exp(-0.5 * ((x - 100.0) / 15.0) ** 2)).astype(np.uint16)
+    axes = waveform_figure(views(Packet(samples))).axes[0]
+    # Four standard deviations to either side, which whole counts make 1 % wrong, and half a sample.
+    np.testing.assert_allclose(axes.get_xlim(), (39.5, 160.5), atol=1.5)
+
+
+def test_echoes_beyond_the_room_are_counted() -> None:
+    peaks = dict.fromkeys(range(5, 155, 5), 100)
+    beside = waveform_figure(views(Packet(record(peaks, length=160)))).axes[1]
+    shown = texts(beside)
+    assert "three-point, 30 echoes" in shown
+    listed = sum(bool(re.fullmatch(r"\d+\.00", text)) for text in shown)
+    assert 10 <= listed < 30
+    assert f"and {30 - listed} more" in shown
+
+
+@pytest.mark.parametrize(("name", "start"), [("a.png", b"\x89PNG"), ("a.PDF", b"%PDF")])
+def test_ending_chooses_the_format(tmp_path: Path, name: str, start: bytes) -> None:
+    draw_waveforms(tmp_path / name, views(TWO_ECHOES))
+    assert (tmp_path / name).read_bytes().startswith(start)
+    assert [entry.name for entry in tmp_path.iterdir()] == [name]
+
+
+def test_text_of_an_svg_is_text(tmp_path: Path) -> None:
+    path = tmp_path / "a.svg"
+    draw_waveforms(path, views(TWO_ECHOES))
+    content = path.read_text(encoding="utf-8")
+    for text in ("three-point, 2 echoes", "noise level 10", "digitiser counts"):
+        assert f">{text}</text>" in content
+    assert METHOD_COLOURS[Mode.THREE_POINT] in content
+
+
+@pytest.mark.parametrize("ending", [".png", ".pdf", ".svg"])
+def test_equal_waveforms_make_equal_files(tmp_path: Path, ending: str) -> None:
+    for name in ("a", "b"):
+        draw_waveforms(tmp_path / f"{name}{ending}", views(TWO_ECHOES))
+    first, second = ((tmp_path / f"{name}{ending}").read_bytes() for name in ("a", "b"))
+    assert first == second
+
+
+def test_what_cannot_be_drawn_is_refused(tmp_path: Path) -> None:
+    with pytest.raises(ValueError, match=r"'a\.bmp' does not end in one of \.png, \.pdf, \.svg"):
+        draw_waveforms(tmp_path / "a.bmp", views(TWO_ECHOES))
+    with pytest.raises(ValueError, match="no waveform"):
+        draw_waveforms(tmp_path / "a.png", [])
+    with pytest.raises(OSError, match="does not exist"):
+        draw_waveforms(tmp_path / "no" / "a.png", views(TWO_ECHOES))
+    assert list(tmp_path.iterdir()) == []

@@ -1,0 +1,73 @@
+"""Small tables of echoes for the tests of the writers."""
+
+from __future__ import annotations
+
+from collections.abc import Sequence
+from dataclasses import fields
+from pathlib import Path
+
+import numpy as np
+
+from fullwaveform.data.blocks import EchoTable, ShotAttributes, take_rows
+from fullwaveform.io.echo_writers.opening import open_echo_file
+
+
+def echo_table(shots: Sequence[int], **columns: object) -> EchoTable:
+    """Shots of the given numbers of echoes, one second apart, with other columns as named.
+
+    Echo k of the table (from 0) lies at (k, 2 k, -k) and has an amplitude of 10 + k counts.
+    """
+    count = sum(shots)
+    rows = np.arange(count)
+    numbers = np.concatenate([np.arange(1, n + 1) for n in shots] or [rows])
+    values: dict[str, object] = {
+        "xyz": np.column_stack([rows, 2 * rows, -rows]).astype(np.float64),
+        "gps_time": np.repeat(100.0 + np.arange(len(shots)), shots),
+        "echo_number": numbers.astype(np.int64),
+        "echo_count": np.repeat(np.asarray(shots, dtype=np.int64), shots),
+        "amplitude_counts": (10 + rows).astype(np.float32),
+        "amplitude_db": np.full(count, 12.5, np.float32),
+        "width_ns": np.full(count, 1.75),
+        "width_samples": np.full(count, 0.875),
+        "position": rows + 0.25,
+        "type": np.full(count, 3, np.uint8),
+        "quality": np.full(count, 4, np.uint8),
+        "reflectance": np.full(count, -2.5, np.float32),
+        "time": rows * 1e-9,
+        "waveform_number": rows.astype(np.int64),
+        "channel_flag": np.ones(count, np.uint8),
+        "attributes": shot_attributes(count),
+    }
+    return EchoTable(**{**values, **columns})  # type: ignore[arg-type]
+
+
+def shot_attributes(count: int, **columns: object) -> ShotAttributes:
+    """Attributes of `count` echoes, zero except for the columns named."""
+    values: dict[str, object] = {
+        "gps_time": np.zeros(count),
+        "scan_angle": np.zeros(count, np.float32),
+        "scan_direction_flag": np.zeros(count, np.uint8),
+        "edge_of_flight_line": np.zeros(count, np.uint8),
+        "user_data": np.zeros(count, np.uint8),
+        "point_source_id": np.zeros(count, np.uint16),
+    }
+    return ShotAttributes(**{**values, **columns})  # type: ignore[arg-type]
+
+
+def rows(table: EchoTable, begin: int, end: int) -> EchoTable:
+    """The rows begin to end - 1."""
+    picked = np.arange(begin, end)
+    names = [column.name for column in fields(table) if column.name != "attributes"]
+    columns = {name: getattr(table, name)[picked] for name in names}
+    return EchoTable(**columns, attributes=take_rows(table.attributes, picked))
+
+
+def written(path: Path, *tables: EchoTable, metadata: dict[str, str] | None = None) -> Path:
+    """The path, in a folder of its own, to which the tables were written."""
+    with open_echo_file(path, None, metadata) as writer:
+        for table in tables:
+            writer.write(table)
+        assert writer.count == sum(np.count_nonzero(table.echo_number) for table in tables)
+        assert not path.exists()
+    assert [file.name for file in path.parent.iterdir()] == [path.name]
+    return path
