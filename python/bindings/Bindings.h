@@ -2,7 +2,7 @@
 
 #include <nanobind/nanobind.h>
 
-/// One function per room of the library; each adds its part to the module `fullwaveform._core`.
+/// One function per module of the library; each adds its part to `fullwaveform._core`.
 void bindHost(nanobind::module_& module);
 void bindScanner(nanobind::module_& module);
 void bindModel(nanobind::module_& module);

@@ -7,23 +7,50 @@
 
 #include <nanobind/nanobind.h>
 #include <nanobind/ndarray.h>
+#include <nanobind/stl/string.h>
 
 #include <fullwaveform/host/MultiArray.h>
 
-/// Hands a column to NumPy without copying it: the array owns the vector from now on.
-template <class T>
-nanobind::object numpyColumn(std::vector<T>&& values) {
-  auto* owned = new std::vector<T>(std::move(values));
-  nanobind::capsule owner(owned, [](void* memory) noexcept { delete static_cast<std::vector<T>*>(memory); });
-  return nanobind::cast(nanobind::ndarray<nanobind::numpy, T>(owned->data(), {owned->size()}, owner));
+#include "ColumnTable.h"
+
+/// Hands a column to NumPy without a copy: the array owns the vector.
+///
+/// @tparam Value  type of the elements in NumPy, as large as those of the vector
+template <class Value, class Stored = Value>
+nanobind::object numpyColumn(std::vector<Stored>&& values) {
+  static_assert(sizeof(Value) == sizeof(Stored));
+  auto* owned = new std::vector<Stored>(std::move(values));
+  nanobind::capsule owner(owned,
+                          [](void* memory) noexcept { delete static_cast<std::vector<Stored>*>(memory); });
+  return nanobind::cast(nanobind::ndarray<nanobind::numpy, Value>(owned->data(), {owned->size()}, owner));
+}
+
+/// All columns of a table by name; the table is empty afterwards.
+template <class Record, auto const& columns>
+nanobind::dict numpyColumns(ColumnTable<Record, columns>& table) {
+  nanobind::dict dict;
+  table.forEach([&]<class Column>(Column const& column, auto& values) {
+    dict[column.name] = numpyColumn<ColumnValue<Column, Record>>(std::move(values));
+  });
+  return dict;
+}
+
+/// NumPy's name for the type of every column of a table, by the name of the column.
+template <class Record, auto const& columns>
+nanobind::dict columnTypes(ColumnTable<Record, columns> table) {
+  nanobind::dict dict;
+  table.forEach([&]<class Column>(Column const& column, auto const& /*values*/) {
+    dict[column.name] = numpyTypeName<ColumnValue<Column, Record>>();
+  });
+  return dict;
 }
 
 /// A column that Python hands in, read where it is.
 template <class T>
-using Column = nanobind::ndarray<T const, nanobind::ndim<1>, nanobind::c_contig, nanobind::device::cpu>;
+using InputColumn = nanobind::ndarray<T const, nanobind::ndim<1>, nanobind::c_contig, nanobind::device::cpu>;
 
 /// The same for the library; the column must outlive it.
 template <class T>
-Kestra::MultiArray<1, T> columnView(Column<T> const& column) {
+Kestra::MultiArray<1, T> columnView(InputColumn<T> const& column) {
   return Kestra::MultiArray<1, T>(std::span<T const>(column.data(), column.shape(0)));
 }

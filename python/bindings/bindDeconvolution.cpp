@@ -25,7 +25,7 @@ FullWaveform::DeconvolvedSignal deconvolved(Samples const& samples, ScannerDevic
 
 nb::tuple deconvolvedSignal(Samples const& samples, ScannerDevice const& device, int noise) {
   FullWaveform::DeconvolvedSignal signal = deconvolved(samples, device, noise);
-  return nb::make_tuple(numpyColumn(std::move(signal.values)), signal.first, signal.step);
+  return nb::make_tuple(numpyColumn<double>(std::move(signal.values)), signal.first, signal.step);
 }
 
 }  // namespace
@@ -34,9 +34,10 @@ void bindDeconvolution(nb::module_& module) {
   ScannerDevice const device;
   module.attr("SYSTEM_WAVE_SAMPLES") = device.size_sys;
   module.attr("UP_SAMPLING") = device.up_sampling;
-  module.def("deconvolved_signal", &deconvolvedSignal, nb::arg("samples").noconvert(), nb::arg("scanner"),
-             nb::arg("noise"),
-             "The signal whose maxima are the echoes of a deconvolution: its values in counts, the position "
-             "in samples that an echo at the first value gets, the step in samples from value to value. No "
-             "values where the record is not above its noise; a negative noise is estimated.");
+  module.def(
+      "deconvolved_signal", &deconvolvedSignal, nb::arg("samples").noconvert(), nb::arg("scanner"),
+      nb::arg("noise"),
+      "Signal whose maxima are the echoes of a deconvolution: its values in counts, the position of the "
+      "first value in samples, and the step between values in samples. Empty if the waveform is not above "
+      "the threshold `noise`, which is estimated if negative.");
 }

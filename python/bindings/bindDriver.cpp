@@ -2,11 +2,15 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <nanobind/ndarray.h>
+#include <nanobind/stl/optional.h>
 #include <nanobind/stl/string.h>
+#include <nanobind/stl/vector.h>
 
 #include <fullwaveform/driver/FWFModus.h>
 #include <fullwaveform/driver/PeakDetectionFamily.h>
@@ -37,8 +41,7 @@ struct SharedDriver {
   std::mutex inUse;
 };
 
-/// Looks at the samples where they are. Rows that do not follow each other in memory (a slice of a wider
-/// array) are read through an accessor.
+/// The samples without a copy; non-contiguous rows (a slice of a wider array) are read through an accessor.
 Holdex::StrongPtr<Block> viewOf(Samples const& samples) {
   Block::Shape const shape{samples.shape(0), samples.shape(1)};
   unsigned short const* const first = samples.data();
@@ -51,56 +54,7 @@ Holdex::StrongPtr<Block> viewOf(Samples const& samples) {
                                    }));
 }
 
-nb::dict waveformTable(ResultColumns& columns) {
-  nb::dict table;
-  table["row"] = numpyColumn(std::move(columns.row));
-  table["isLowPower"] = numpyColumn(std::move(columns.isLowPower));
-  table["shotTime"] = numpyColumn(std::move(columns.shotTime));
-  table["sblTime"] = numpyColumn(std::move(columns.sblTime));
-  table["damping"] = numpyColumn(std::move(columns.damping));
-  table["idxOfMaxAmplitude"] = numpyColumn(std::move(columns.idxOfMaxAmplitude));
-  table["maxAmplitude"] = numpyColumn(std::move(columns.maxAmplitude));
-  table["binShift"] = numpyColumn(std::move(columns.binShift));
-  table["length"] = numpyColumn(std::move(columns.length));
-  table["noise"] = numpyColumn(std::move(columns.noise));
-  table["maxAmplitudeDB"] = numpyColumn(std::move(columns.maxAmplitudeDB));
-  table["timeOfMaxAmplitude"] = numpyColumn(std::move(columns.timeOfMaxAmplitude));
-  table["online"] = numpyColumn(std::move(columns.online));
-  table["globalStart"] = numpyColumn(std::move(columns.globalStart));
-  table["globalEnd"] = numpyColumn(std::move(columns.globalEnd));
-  table["lengthCropped"] = numpyColumn(std::move(columns.lengthCropped));
-  table["afterPulseFrom"] = numpyColumn(std::move(columns.afterPulseFrom));
-  table["afterPulseTo"] = numpyColumn(std::move(columns.afterPulseTo));
-  table["segmentCount"] = numpyColumn(std::move(columns.segmentCount));
-  table["peakCount"] = numpyColumn(std::move(columns.peakCount));
-  return table;
-}
-
-nb::dict segmentTable(ResultColumns& columns) {
-  nb::dict table;
-  table["waveform"] = numpyColumn(std::move(columns.segmentWaveform));
-  table["start"] = numpyColumn(std::move(columns.segmentStart));
-  table["end"] = numpyColumn(std::move(columns.segmentEnd));
-  return table;
-}
-
-nb::dict peakTable(ResultColumns& columns) {
-  nb::dict table;
-  table["waveform"] = numpyColumn(std::move(columns.peakWaveform));
-  table["row"] = numpyColumn(std::move(columns.peakRow));
-  table["amplitude"] = numpyColumn(std::move(columns.amplitude));
-  table["amplitudeCounts"] = numpyColumn(std::move(columns.amplitudeCounts));
-  table["idx"] = numpyColumn(std::move(columns.idx));
-  table["time"] = numpyColumn(std::move(columns.time));
-  table["quality"] = numpyColumn(std::move(columns.quality));
-  table["type"] = numpyColumn(std::move(columns.type));
-  table["std"] = numpyColumn(std::move(columns.width));
-  table["classification"] = numpyColumn(std::move(columns.classification));
-  table["reflectance"] = numpyColumn(std::move(columns.reflectance));
-  return table;
-}
-
-nb::dict statisticsTable(ResultColumns const& columns) {
+nb::dict statisticsTable(Results::ResultColumns const& columns) {
   FullWaveform::RunStatistics const& statistics = columns.statistics;
   nb::dict table;
   table["mergedIntoOtherChannel"] = columns.mergedIntoOtherChannel;
@@ -118,29 +72,79 @@ nb::dict statisticsTable(ResultColumns const& columns) {
   return table;
 }
 
-ResultColumns extract(SharedDriver& shared, Samples const& samples, Column<std::uint16_t> const& counts,
-                      Column<double> const& shotTimes, Column<double> const& sblTimes,
-                      Column<std::uint8_t> const& channelFlags, int noise, std::string const& text) {
+/// The arrays of one block; all but the samples have one value per row.
+struct BlockArrays {
+  Samples samples;
+  InputColumn<std::uint16_t> counts;
+  InputColumn<double> shotTimes;
+  InputColumn<double> sblTimes;
+  InputColumn<std::uint8_t> channelFlags;
+
+  FullWaveform::ShotMap extract(Driver& driver, int noise, std::string const& text) const {
+    return driver.apply(viewOf(samples), columnView<unsigned short>(counts), columnView(shotTimes),
+                        columnView(sblTimes), columnView<unsigned char>(channelFlags), noise, text);
+  }
+};
+
+Results::ResultColumns extract(SharedDriver& shared, BlockArrays const& block, int noise,
+                               std::string const& text) {
   nb::gil_scoped_release const release;
   std::scoped_lock const lock(shared.inUse);
-  auto const shots =
-      shared.driver.apply(viewOf(samples), columnView<unsigned short>(counts), columnView(shotTimes),
-                          columnView(sblTimes), columnView<unsigned char>(channelFlags), noise, text);
+  auto const shots = block.extract(shared.driver, noise, text);
   return {shots, shared.driver.lastBlock()};
 }
 
-nb::dict apply(SharedDriver& shared, Samples const& samples, Column<std::uint16_t> const& counts,
-               Column<double> const& shotTimes, Column<double> const& sblTimes,
-               Column<std::uint8_t> const& channelFlags, int noise, std::string const& text) {
-  ResultColumns columns = extract(shared, samples, counts, shotTimes, sblTimes, channelFlags, noise, text);
+nb::dict apply(SharedDriver& shared, Samples const& samples, InputColumn<std::uint16_t> const& counts,
+               InputColumn<double> const& shotTimes, InputColumn<double> const& sblTimes,
+               InputColumn<std::uint8_t> const& channelFlags, int noise, std::string const& text) {
+  Results::ResultColumns columns =
+      extract(shared, {samples, counts, shotTimes, sblTimes, channelFlags}, noise, text);
   nb::dict result;
   result["statistics"] = statisticsTable(columns);
   result["record"] = columns.statistics.isSuspicious() ? columns.statistics.record() : std::string();
-  result["row_states"] = numpyColumn(std::move(columns.rowState));
-  result["waveforms"] = waveformTable(columns);
-  result["segments"] = segmentTable(columns);
-  result["peaks"] = peakTable(columns);
+  result["row_states"] = numpyColumn<std::uint8_t>(std::move(columns.rowStates));
+  result["waveforms"] = numpyColumns(columns.waveforms);
+  result["segments"] = numpyColumns(columns.segments);
+  result["peaks"] = numpyColumns(columns.echoes);
   return result;
+}
+
+/// State of every row of a block, and the text report of its waveform where the shot map has one.
+struct RowReports {
+  std::vector<std::uint8_t> states;
+  std::vector<std::optional<std::string>> texts;
+};
+
+RowReports reportRows(SharedDriver& shared, BlockArrays const& block, int noise, bool extent) {
+  nb::gil_scoped_release const release;
+  std::scoped_lock const lock(shared.inUse);
+  auto const shots = block.extract(shared.driver, noise, "");
+  RowReports reports{Results::rowStatesOf(shared.driver.lastBlock()), {}};
+  reports.texts.resize(reports.states.size());
+  double const speed = shared.driver.onlineEvaluation.scanner.group_velocity;
+  for (auto const& [shotTime, shot] : shots) {
+    for (std::size_t i = 0; i < shot.waves.size(); ++i) {
+      reports.texts[shot.rows[i]] =
+          extent ? shot.waves[i]->printLengthAtMaxAmplitude(speed) : shot.waves[i]->print();
+    }
+  }
+  return reports;
+}
+
+nb::tuple reports(SharedDriver& shared, Samples const& samples, InputColumn<std::uint16_t> const& counts,
+                  InputColumn<double> const& shotTimes, InputColumn<double> const& sblTimes,
+                  InputColumn<std::uint8_t> const& channelFlags, int noise, bool extent) {
+  RowReports rows = reportRows(shared, {samples, counts, shotTimes, sblTimes, channelFlags}, noise, extent);
+  return nb::make_tuple(numpyColumn<std::uint8_t>(std::move(rows.states)), std::move(rows.texts));
+}
+
+nb::dict resultColumns() {
+  nb::dict tables;
+  tables["waveforms"] = columnTypes(Results::WaveformTable());
+  tables["segments"] = columnTypes(Results::SegmentTable());
+  tables["peaks"] = columnTypes(Results::EchoTable());
+  tables["on_board"] = columnTypes(Results::OnBoardTable());
+  return tables;
 }
 
 void bindMode(nb::module_& module) {
@@ -169,6 +173,7 @@ void bindRowState(nb::module_& module) {
 }  // namespace
 
 void bindDriver(nb::module_& module) {
+  module.attr("RESULT_COLUMNS") = resultColumns();
   bindMode(module);
   bindRowState(module);
   nb::class_<SharedDriver>(module, "PeakDetectionFamily", "The driver; arrays are read where they are.")
@@ -179,5 +184,10 @@ void bindDriver(nb::module_& module) {
       .def_prop_ro("message", [](SharedDriver const& self) { return self.driver.message; })
       .def("apply", &apply, nb::arg("samples").noconvert(), nb::arg("counts").noconvert(),
            nb::arg("shot_times").noconvert(), nb::arg("sbl_times").noconvert(),
-           nb::arg("channel_flags").noconvert(), nb::arg("noise"), nb::arg("text"));
+           nb::arg("channel_flags").noconvert(), nb::arg("noise"), nb::arg("text"))
+      .def("reports", &reports, nb::arg("samples").noconvert(), nb::arg("counts").noconvert(),
+           nb::arg("shot_times").noconvert(), nb::arg("sbl_times").noconvert(),
+           nb::arg("channel_flags").noconvert(), nb::arg("noise"), nb::arg("extent"),
+           "Extracts a block; state of every row and text report of its waveform, None without one. With "
+           "`extent` the report is one line on the extent of the echoes.");
 }

@@ -11,7 +11,6 @@
 #include <fullwaveform/model/AsciiExport.h>
 #include <fullwaveform/model/NoiseEstimate.h>
 #include <fullwaveform/model/Peak.h>
-#include <fullwaveform/model/WavePoints.h>
 #include <fullwaveform/scanner/ExtraAttributes.h>
 
 #include "Bindings.h"
@@ -23,71 +22,25 @@ using Samples = nb::ndarray<unsigned short const, nb::ndim<1>, nb::c_contig, nb:
 
 namespace {
 
-using Wave = FullWaveform::WavePoints<unsigned short>;
-
-Peak peakOf(double amplitude, double idx, double time, std::uint32_t type, std::uint32_t quality,
-            double width, unsigned char classification, float reflectance) {
-  return {amplitude,      idx,        time, FullWaveform::TYPE{type}, FullWaveform::QUALITY{quality}, width,
-          classification, reflectance};
-}
-
-/// The ASCII export of echoes, each with the number of its waveform as label.
-nb::bytes asciiLines(Column<std::int64_t> const& labels, Column<float> const& amplitudes,
-                     Column<double> const& positions, Column<double> const& widths,
-                     Column<double> const& values) {
+/// ASCII export of echoes; the label of each is the number of its waveform.
+nb::bytes asciiLines(InputColumn<std::int64_t> const& labels, InputColumn<float> const& amplitudes,
+                     InputColumn<double> const& positions, InputColumn<double> const& widths,
+                     InputColumn<double> const& values) {
   std::size_t const rows = labels.shape(0);
   for (std::size_t const length :
        {amplitudes.shape(0), positions.shape(0), widths.shape(0), values.shape(0)}) {
     if (length != rows) {
-      throw std::invalid_argument("a column has " + std::to_string(length) + " values, but there are " +
-                                  std::to_string(rows) + " rows");
+      throw std::invalid_argument("column of " + std::to_string(length) + " values; expected " +
+                                  std::to_string(rows) + ", one per label");
     }
   }
   std::string text;
   for (std::size_t i = 0; i < rows; ++i) {
-    Peak const peak = peakOf(amplitudes.data()[i], positions.data()[i], 0.0, FullWaveform::UNBORN,
-                             FullWaveform::GOOD, widths.data()[i], 0, 0.0F);
+    Peak const peak(amplitudes.data()[i], positions.data()[i], 0.0, FullWaveform::UNBORN, FullWaveform::GOOD,
+                    widths.data()[i], 0, 0.0F);
     text += FullWaveform::asciiLine(peak, std::to_string(labels.data()[i]), values.data()[i]);
   }
   return nb::bytes(text.data(), text.size());
-}
-
-void bindWavePoints(nb::module_& module) {
-  nb::class_<Wave>(module, "WavePoints", "What the analysis of one waveform found, to be reported.")
-      .def(nb::init<>())
-      .def_rw("isLowPower", &Wave::isLowPower)
-      .def_rw("shotTime", &Wave::shotTime)
-      .def_rw("sblTime", &Wave::sblTime)
-      .def_rw("damping", &Wave::damping)
-      .def_rw("idxOfMaxAmplitude", &Wave::idxOfMaxAmplitude)
-      .def_rw("maxAmplitude", &Wave::maxAmplitude)
-      .def_rw("binShift", &Wave::binShift)
-      .def_rw("length", &Wave::length)
-      .def_rw("noise", &Wave::noise)
-      .def_rw("maxAmplitudeDB", &Wave::maxAmplitudeDB)
-      .def_rw("timeOfMaxAmplitude", &Wave::timeOfMaxAmplitude)
-      .def_rw("online", &Wave::online)
-      .def_rw("globalStart", &Wave::globalStart)
-      .def_rw("globalEnd", &Wave::globalEnd)
-      .def_rw("lengthCropped", &Wave::lengthCropped)
-      .def(
-          "add_after_pulse",
-          [](Wave& self, double from, double to) { self.afterPulse.emplace_back(from, to); },
-          nb::arg("start"), nb::arg("end"))
-      .def(
-          "add_segment",
-          [](Wave& self, std::uint32_t start, std::uint32_t end) { self.startEnd[start] = end; },
-          nb::arg("start"), nb::arg("end"))
-      .def(
-          "add_peak",
-          [](Wave& self, double amplitude, double idx, double time, std::uint32_t type, std::uint32_t quality,
-             double width, unsigned char classification, float reflectance) {
-            self.push_back(peakOf(amplitude, idx, time, type, quality, width, classification, reflectance));
-          },
-          nb::arg("amplitude"), nb::arg("idx"), nb::arg("time"), nb::arg("type"), nb::arg("quality"),
-          nb::arg("std"), nb::arg("classification"), nb::arg("reflectance"))
-      .def("print", &Wave::print)
-      .def("printLengthAtMaxAmplitude", &Wave::printLengthAtMaxAmplitude, nb::arg("speed"));
 }
 
 void bindEnumerations(nb::module_& module) {
@@ -127,9 +80,8 @@ void bindModel(nb::module_& module) {
       [](Samples const& samples) {
         return static_cast<unsigned short>(FullWaveform::estimateNoise({samples.data(), samples.shape(0)}));
       },
-      nb::arg("samples"), "Noise level of one record in counts.");
+      nb::arg("samples"), "Estimated threshold of one waveform, in counts.");
   module.def("ascii_lines", &asciiLines, nb::arg("labels").noconvert(), nb::arg("amplitudes").noconvert(),
              nb::arg("positions").noconvert(), nb::arg("widths").noconvert(), nb::arg("values").noconvert(),
-             "A line of the ASCII export per echo.");
-  bindWavePoints(module);
+             "ASCII export, one line per echo.");
 }

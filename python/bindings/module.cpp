@@ -1,7 +1,7 @@
 #include "Bindings.h"
 
 NB_MODULE(_core, module) {
-  module.doc() = "The extraction library as it stands; the package around it checks arguments.";
+  module.doc() = "The extraction library. It does not check its arguments; use the package fullwaveform.";
   bindHost(module);
   bindScanner(module);
   bindModel(module);

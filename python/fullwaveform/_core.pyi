@@ -1,8 +1,8 @@
-"""Types of the compiled module; the arrays it takes must have exactly the types given here."""
+"""Types of the compiled module; arrays must have exactly the element types given here."""
 
 from collections.abc import Sequence
 from enum import IntEnum
-from typing import Any
+from typing import Any, TypedDict
 
 import numpy as np
 import numpy.typing as npt
@@ -11,6 +11,9 @@ SPEED_OF_LIGHT_IN_AIR: float
 MAX_COUNT: int  # largest sample in counts, and largest number of samples of a waveform
 SYSTEM_WAVE_SAMPLES: int
 UP_SAMPLING: int  # steps per sample in the deconvolution
+
+# Columns of every table of a result and the names of their NumPy types.
+RESULT_COLUMNS: dict[str, dict[str, str]]
 
 class Mode(IntEnum):
     THREE_POINT = 0
@@ -89,38 +92,61 @@ class ScannerDevice:
     afterpulse_offset: int
     afterpulse_width: int
 
-class WavePoints:
-    def __init__(self) -> None: ...
-    isLowPower: bool
-    shotTime: float
-    sblTime: float
-    damping: float
-    idxOfMaxAmplitude: int
-    maxAmplitude: int
-    binShift: float
-    length: int
-    noise: int
-    maxAmplitudeDB: float
-    timeOfMaxAmplitude: float
-    online: bool
-    globalStart: int
-    globalEnd: int
-    lengthCropped: int
-    def add_after_pulse(self, start: float, end: float) -> None: ...
-    def add_segment(self, start: int, end: int) -> None: ...
-    def add_peak(
-        self,
-        amplitude: float,
-        idx: float,
-        time: float,
-        type: int,
-        quality: int,
-        std: float,
-        classification: int,
-        reflectance: float,
-    ) -> None: ...
-    def print(self) -> str: ...
-    def printLengthAtMaxAmplitude(self, speed: float) -> str: ...
+class _WaveformColumns(TypedDict):
+    row: npt.NDArray[np.int64]
+    isLowPower: npt.NDArray[np.bool_]
+    shotTime: npt.NDArray[np.float64]
+    sblTime: npt.NDArray[np.float64]
+    damping: npt.NDArray[np.float32]
+    idxOfMaxAmplitude: npt.NDArray[np.uint32]
+    maxAmplitude: npt.NDArray[np.uint16]
+    binShift: npt.NDArray[np.float64]
+    length: npt.NDArray[np.uint32]
+    noise: npt.NDArray[np.uint16]
+    maxAmplitudeDB: npt.NDArray[np.float32]
+    timeOfMaxAmplitude: npt.NDArray[np.float64]
+    online: npt.NDArray[np.bool_]
+    globalStart: npt.NDArray[np.uint32]
+    globalEnd: npt.NDArray[np.uint32]
+    lengthCropped: npt.NDArray[np.uint32]
+    afterPulseFrom: npt.NDArray[np.float64]
+    afterPulseTo: npt.NDArray[np.float64]
+    segmentCount: npt.NDArray[np.int64]
+    peakCount: npt.NDArray[np.int64]
+
+class _SegmentColumns(TypedDict):
+    waveform: npt.NDArray[np.int64]
+    start: npt.NDArray[np.uint32]
+    end: npt.NDArray[np.uint32]
+
+class _EchoColumns(TypedDict):
+    waveform: npt.NDArray[np.int64]
+    row: npt.NDArray[np.int64]
+    amplitude: npt.NDArray[np.float32]
+    amplitudeCounts: npt.NDArray[np.float32]
+    idx: npt.NDArray[np.float64]
+    time: npt.NDArray[np.float64]
+    quality: npt.NDArray[np.uint8]
+    type: npt.NDArray[np.uint8]
+    std: npt.NDArray[np.float64]
+    classification: npt.NDArray[np.uint8]
+    reflectance: npt.NDArray[np.float32]
+
+class _OnBoardColumns(TypedDict):
+    shotTime: npt.NDArray[np.float64]
+    isLowPower: npt.NDArray[np.bool_]
+    amplitude: npt.NDArray[np.float32]
+    time: npt.NDArray[np.float64]
+    type: npt.NDArray[np.uint8]
+    reflectance: npt.NDArray[np.float32]
+
+class _BlockResult(TypedDict):
+    statistics: dict[str, Any]
+    record: str
+    row_states: npt.NDArray[np.uint8]
+    waveforms: _WaveformColumns
+    segments: _SegmentColumns
+    peaks: _EchoColumns
 
 class PeakDetectionFamily:
     def __init__(
@@ -141,7 +167,17 @@ class PeakDetectionFamily:
         channel_flags: npt.NDArray[np.uint8],
         noise: int,
         text: str,
-    ) -> dict[str, Any]: ...
+    ) -> _BlockResult: ...
+    def reports(
+        self,
+        samples: npt.NDArray[np.uint16],
+        counts: npt.NDArray[np.uint16],
+        shot_times: npt.NDArray[np.float64],
+        sbl_times: npt.NDArray[np.float64],
+        channel_flags: npt.NDArray[np.uint8],
+        noise: int,
+        extent: bool,
+    ) -> tuple[npt.NDArray[np.uint8], list[str | None]]: ...
 
 def evaluate_online(
     scanner: ScannerDevice,
@@ -150,4 +186,4 @@ def evaluate_online(
     amplitudes: npt.NDArray[np.float32],
     flags: npt.NDArray[np.uint8],
     reflectances: npt.NDArray[np.float32],
-) -> dict[str, Any]: ...
+) -> _OnBoardColumns: ...

@@ -39,6 +39,15 @@ class RowState(IntEnum):
     MERGED_AWAY = 5  # its echoes stand in the other channel of the shot
 
 
+_BlockArrays = tuple[
+    npt.NDArray[np.uint16],
+    npt.NDArray[np.uint16],
+    npt.NDArray[np.float64],
+    npt.NDArray[np.float64],
+    npt.NDArray[np.uint8],
+]
+
+
 @dataclass(frozen=True)
 class Result:
     """What one block gave; shots stand in ascending order of their time.
@@ -150,12 +159,66 @@ class Driver:
         ValueError
             A shape, type, count or time does not fit; the sentence names it.
         """
+        arrays = self._checked(samples, counts, shot_times, sbl_times, channel_flags)
+        raw = self._driver.apply(*arrays, checked_noise(noise), text)
+        forward_messages()
+        return Result(
+            Columns(raw["waveforms"]),
+            Columns(raw["segments"]),
+            Columns(raw["peaks"]),
+            raw["row_states"],
+            raw["statistics"],
+            raw["record"],
+        )
+
+    def reports(
+        self,
+        samples: npt.NDArray[np.uint16],
+        counts: npt.ArrayLike | None = None,
+        shot_times: npt.ArrayLike | None = None,
+        sbl_times: npt.ArrayLike | None = None,
+        channel_flags: npt.ArrayLike | None = None,
+        *,
+        noise: int = -1,
+        extent: bool = False,
+    ) -> tuple[npt.NDArray[np.uint8], list[str | None]]:
+        """Extract a block as `apply` does, and report its waveforms as text.
+
+        Parameters
+        ----------
+        extent
+            One line on the number and extent of the echoes (one-way distances) in place of a line
+            per value and per echo.
+
+        Returns
+        -------
+        One `RowState` per row, and the report of its waveform without a final newline; None for
+        rows that have no waveform in the result.
+        """
+        arrays = self._checked(samples, counts, shot_times, sbl_times, channel_flags)
+        states, texts = self._driver.reports(*arrays, checked_noise(noise), extent)
+        forward_messages()
+        return states, texts
+
+    def _checked(
+        self,
+        samples: npt.NDArray[np.uint16],
+        counts: npt.ArrayLike | None,
+        shot_times: npt.ArrayLike | None,
+        sbl_times: npt.ArrayLike | None,
+        channel_flags: npt.ArrayLike | None,
+    ) -> _BlockArrays:
+        """The arrays of a block as the library takes them, with defaults for missing ones."""
         samples = _checked_samples(samples)
         rows, width = samples.shape
-        arguments = (
-            np.full(rows, width, np.uint16)
-            if counts is None
-            else checked_counts(counts, rows, width),
+        if counts is None:
+            counts = np.full(rows, width, np.uint16)
+        else:
+            counts = checked_counts(counts, rows, width)
+        self._check_lengths(counts)
+        return (
+            samples,
+            counts,
             np.arange(rows, dtype=np.float64)
             if shot_times is None
             else checked_times(shot_times, "shot_times", rows),
@@ -164,10 +227,6 @@ class Driver:
             if channel_flags is None
             else checked_flags(channel_flags, rows),
         )
-        self._check_lengths(arguments[0])
-        result = self._driver.apply(samples, *arguments, checked_noise(noise), text)
-        forward_messages()
-        return _result(result)
 
     def _check_lengths(self, counts: npt.NDArray[np.uint16]) -> None:
         if self.mode not in DECONVOLVING_MODES or not counts.size:
@@ -219,20 +278,6 @@ def _largest_of_system_wave(scanner: Scanner, interval: float) -> float:
     time = np.arange(56) * (interval / 5)
     with np.errstate(all="ignore"):
         return float(np.max((np.exp(np.outer(time, b)) @ a).real))
-
-
-def _result(raw: dict[str, Any]) -> Result:
-    waveforms = raw["waveforms"]
-    for name in ("isLowPower", "online"):
-        waveforms[name] = waveforms[name].view(np.bool_)
-    return Result(
-        Columns(waveforms),
-        Columns(raw["segments"]),
-        Columns(raw["peaks"]),
-        raw["row_states"],
-        raw["statistics"],
-        raw["record"],
-    )
 
 
 def _checked_samples(samples: npt.NDArray[np.uint16]) -> npt.NDArray[np.uint16]:

@@ -50,7 +50,6 @@ def evaluate_online(
         _single(reflectances, "reflectances", rows),
     )
     forward_messages()
-    raw["isLowPower"] = raw["isLowPower"].view(np.bool_)
     return Columns(raw)
 
 

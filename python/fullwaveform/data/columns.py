@@ -13,8 +13,8 @@ import pyarrow as pa
 class Columns(Mapping[str, npt.NDArray[Any]]):
     """A table as NumPy columns of equal length, by name."""
 
-    def __init__(self, columns: Mapping[str, npt.NDArray[Any]]) -> None:
-        self._columns = dict(columns)
+    def __init__(self, columns: Mapping[str, Any]) -> None:
+        self._columns: dict[str, npt.NDArray[Any]] = dict(columns)
 
     def __getitem__(self, name: str) -> npt.NDArray[Any]:
         return self._columns[name]

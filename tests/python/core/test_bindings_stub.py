@@ -1,4 +1,4 @@
-"""The type stub names what the compiled module has, no more and no less."""
+"""The type stub agrees with the compiled module: names, enumerations, result columns."""
 
 from __future__ import annotations
 
@@ -6,12 +6,13 @@ import ast
 from enum import IntEnum
 from pathlib import Path
 
+import numpy as np
 import pytest
 
 import fullwaveform
-from fullwaveform import _core
+from fullwaveform import Scanner, _core
 
-# Beside the package's source: the module itself may be built elsewhere.
+# In the source folder of the package; the module itself may be built elsewhere.
 STUB = Path(fullwaveform.__file__).with_name("_core.pyi")
 
 
@@ -40,8 +41,31 @@ def values(body: list[ast.stmt]) -> dict[str, object]:
     }
 
 
+# Tables of a result and their types in the stub.
+TABLES = {
+    "waveforms": "_WaveformColumns",
+    "segments": "_SegmentColumns",
+    "peaks": "_EchoColumns",
+    "on_board": "_OnBoardColumns",
+}
+
+
+def columns_stub(table: str) -> str:
+    """The part of the stub that declares the columns of a table."""
+    types = {"bool": "bool_"}
+    lines = [
+        f"    {name}: npt.NDArray[np.{types.get(kind, kind)}]"
+        for name, kind in _core.RESULT_COLUMNS[table].items()
+    ]
+    return "\n".join([f"class {TABLES[table]}(TypedDict):", *lines, "", ""])
+
+
 BODY = ast.parse(STUB.read_text(encoding="utf-8")).body
-CLASSES = {node.name: node for node in BODY if isinstance(node, ast.ClassDef)}
+CLASSES = {
+    node.name: node
+    for node in BODY
+    if isinstance(node, ast.ClassDef) and not node.name.startswith("_")
+}
 
 
 def test_stub_and_module_have_the_same_names() -> None:
@@ -58,3 +82,27 @@ def test_stub_and_class_have_the_same_members(name: str) -> None:
         assert stated(node.body) == {n for n in vars(thing) if isinstance(vars(thing)[n], property)}
     else:
         assert stated(node.body) == public(thing)
+
+
+@pytest.mark.parametrize("table", TABLES)
+def test_stub_declares_the_columns_of_the_library(table: str) -> None:
+    assert columns_stub(table) in STUB.read_text(encoding="utf-8")
+
+
+def test_results_have_the_declared_columns() -> None:
+    one = np.zeros(1)
+    device = Scanner.default(1e-9).device()
+    driver = _core.PeakDetectionFamily(0, device, "/dev/null", "waveforms", 0)
+    samples = np.array([[5, 50, 60, 5, 5]], np.uint16)
+    block = driver.apply(samples, np.array([5], np.uint16), one, one, np.ones(1, np.uint8), 10, "")
+    single = np.zeros(1, np.float32)
+    on_board = _core.evaluate_online(device, one, one, single, np.ones(1, np.uint8), single)
+    results = {
+        "waveforms": block["waveforms"],
+        "segments": block["segments"],
+        "peaks": block["peaks"],
+        "on_board": on_board,
+    }
+    for table, columns in results.items():
+        found = [(name, values.dtype.name, len(values)) for name, values in columns.items()]
+        assert found == [(name, kind, 1) for name, kind in _core.RESULT_COLUMNS[table].items()]
