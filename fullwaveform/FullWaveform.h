@@ -27,8 +27,6 @@
 #include <fullwaveform/host/Grid.h>
 #include <fullwaveform/host/MemArray.h>
 #include <fullwaveform/host/MultiArray.h>
-#include <fullwaveform/host/PlotCurve.h>
-#include <fullwaveform/host/PlotTicks.h>
 #include <fullwaveform/host/PointerID.h>
 #include <fullwaveform/host/ReferenceBase.h>
 #include <fullwaveform/host/SpeakPtr.h>

@@ -53,9 +53,8 @@ struct Colour {
   unsigned char red, green, blue;
 };
 
-/// Of the first curves of a plot.
+/// Of the curve of a plot.
 inline constexpr Colour firstCurve{0, 114, 178};
-inline constexpr Colour secondCurve{213, 94, 0};
 
 /// A page drawn at 144 dots per inch, without smoothed edges.
 class DrawnPage {
