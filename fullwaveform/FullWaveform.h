@@ -1,12 +1,9 @@
 #pragma once
 
 /// The whole public interface of the library.
-#include <fullwaveform/deconvolution/ConvolutionWorkspace.h>
 #include <fullwaveform/deconvolution/DeconvolvedSignal.h>
-#include <fullwaveform/deconvolution/FftConvolution.h>
 #include <fullwaveform/deconvolution/RL_Planes.h>
 #include <fullwaveform/deconvolution/RichardsonLucy.h>
-#include <fullwaveform/deconvolution/RichardsonLucyIteration.h>
 #include <fullwaveform/driver/ChannelMerge.h>
 #include <fullwaveform/driver/Decibel.h>
 #include <fullwaveform/driver/FWFModus.h>
@@ -39,7 +36,6 @@
 #include <fullwaveform/model/NoiseEstimate.h>
 #include <fullwaveform/model/Peak.h>
 #include <fullwaveform/model/PrintWave.h>
-#include <fullwaveform/model/Segmentation.h>
 #include <fullwaveform/model/WavePoints.h>
 #include <fullwaveform/online/OnlineEvaluation.h>
 #include <fullwaveform/scanner/ExtraAttributes.h>

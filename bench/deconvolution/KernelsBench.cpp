@@ -59,7 +59,7 @@ void setsAndSamples(benchmark::internal::Benchmark* benchmark) {
 
 void largest(benchmark::State& state) {
   pass(state, [](InstructionSet set, Signal const& signal) {
-    benchmark::DoNotOptimize(IterationKernels::largest(set, signal.values));
+    benchmark::DoNotOptimize(IterationKernels::maximum(set, signal.values));
   });
 }
 BENCHMARK(largest)->Name("IterationKernels/largest")->Apply(setsAndSamples);
@@ -117,7 +117,7 @@ ConvolutionWorkspace workspaceFor(std::size_t values) {
     double const t = pulsePerStep * static_cast<double>(i);
     pulse[i] = std::exp(-0.25 * t) * (1.0 - std::cos(0.5 * t));
   }
-  auto const least = static_cast<std::uint32_t>(leastTransformLength(values, systemWaveLength));
+  auto const least = static_cast<std::uint32_t>(minTransformLength(values, systemWaveLength));
   std::uint32_t length = 64;
   while (length < least) {
     length *= 2;
@@ -150,18 +150,19 @@ void observeRecords(benchmark::State& state) {
   PerWaveform const counters(state, waveforms.samples.size());
   for (auto iteration : state) {
     for (Samples const& record : waveforms.samples) {
-      benchmark::DoNotOptimize(observe(record, steps, noise, widestInstructionSet(), observed));
+      benchmark::DoNotOptimize(prepareObserved(record, steps, noise, widestInstructionSet(), observed));
     }
   }
 }
-BENCHMARK(observeRecords)->Name("RichardsonLucyIteration/observe")->Apply(samplesAndEchoes);
+BENCHMARK(observeRecords)->Name("RichardsonLucyIteration/prepareObserved")->Apply(samplesAndEchoes);
 
 void iterate(benchmark::State& state) {
   Waveforms const waveforms(static_cast<std::size_t>(state.range(0)),
                             static_cast<std::size_t>(state.range(1)));
   std::vector<Values> signals;
   for (Samples const& record : waveforms.samples) {
-    observe(record, steps, noise, widestInstructionSet(), signals.emplace_back((record.size() - 1) * steps));
+    prepareObserved(record, steps, noise, widestInstructionSet(),
+                    signals.emplace_back((record.size() - 1) * steps));
   }
   ConvolutionWorkspace workspace = workspaceFor(signals[0].size());
   Values estimate(signals[0].size());
@@ -171,7 +172,7 @@ void iterate(benchmark::State& state) {
     for (auto iteration : state) {
       for (Values const& signal : signals) {
         estimate.assign(signal.begin(), signal.end());
-        iterations += deconvolve(signal, workspace, centreOf(systemWaveLength), estimate);
+        iterations += deconvolve(signal, workspace, kernelCentre(systemWaveLength), estimate);
       }
     }
   }

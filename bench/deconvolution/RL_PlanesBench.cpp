@@ -30,25 +30,6 @@ void applyPlanes(benchmark::State& state) {
 }
 BENCHMARK(applyPlanes)->Name("RL_Planes/apply")->Apply(samplesAndEchoes);
 
-/// `apply` with each form of the kernels; those that the machine has not are passed over.
-void applyOnInstructionSet(benchmark::State& state) {
-  auto const set = static_cast<InstructionSet>(state.range(0));
-  if (!isAvailable(set)) {
-    state.SkipWithError("not on this machine");
-    return;
-  }
-  Waveforms const waveforms(80, 3);
-  Planes planes(scanner(), 80);
-  for (auto& plane : planes.planes) {
-    plane.use(set);
-  }
-  PerWaveform const counters(state, waveforms.samples.size());
-  for (auto iteration : state) {
-    applyToEach(planes, waveforms);
-  }
-}
-BENCHMARK(applyOnInstructionSet)->Name("RL_Planes/apply/instructionSet")->DenseRange(0, 1);
-
 /// A ladder for the longest waveform of a scan.
 void buildPlanes(benchmark::State& state) {
   for (auto iteration : state) {

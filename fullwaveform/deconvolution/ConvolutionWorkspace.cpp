@@ -58,30 +58,31 @@ void destroyPlan(fftw_plan& plan) noexcept {
 
 std::uint32_t checkedLength(std::uint32_t length) {
   if (length == 0 || length > static_cast<std::uint32_t>(std::numeric_limits<int>::max())) {
-    throw std::length_error("ConvolutionWorkspace: no transform of length " + std::to_string(length));
+    throw std::length_error("ConvolutionWorkspace: invalid transform length " + std::to_string(length) +
+                            "; expected 1 to 2147483647");
   }
   return length;
 }
 
-/// Spectrum of a kernel that stands at the front of `length` values, zero behind it.
+/// Spectrum of a kernel that is padded with zeros to `length` values.
 void spectrumOf(std::span<double const> kernel, std::size_t length, Complex* spectrum) {
   RealBuffer const padded(allocate<double>(length));
   fftw_plan const plan =
       checked(fftw_plan_dft_r2c_1d(static_cast<int>(length), padded.get(), spectrum, FFTW_ESTIMATE));
-  std::size_t const kept = std::min(kernel.size(), length);
-  std::copy_n(kernel.begin(), kept, padded.get());
-  std::fill(padded.get() + kept, padded.get() + length, 0.0);
+  std::size_t const used = std::min(kernel.size(), length);
+  std::copy_n(kernel.begin(), used, padded.get());
+  std::fill(padded.get() + used, padded.get() + length, 0.0);
   fftw_execute(plan);
   fftw_destroy_plan(plan);
 }
 
 }  // namespace
 
-// Delegates: once the empty workspace stands, its destructor frees what an exception leaves behind.
+// Delegates, so that the destructor releases the buffers when an exception leaves this constructor.
 ConvolutionWorkspace::ConvolutionWorkspace(std::span<double const> systemWave, std::uint32_t fftLength)
     : ConvolutionWorkspace() {
   length = checkedLength(fftLength);
-  aloneWithFftPlanner([&] {
+  withFftPlannerLock([&] {
     allocateAndPlan();
     setKernels(systemWave);
   });
@@ -90,63 +91,64 @@ ConvolutionWorkspace::ConvolutionWorkspace(std::span<double const> systemWave, s
 ConvolutionWorkspace::ConvolutionWorkspace(ConvolutionWorkspace&& other) noexcept
     : instructionSet(other.instructionSet),
       length(std::exchange(other.length, 0)),
-      held(std::exchange(other.held, {})) {}
+      buffers(std::exchange(other.buffers, {})) {}
 
 ConvolutionWorkspace& ConvolutionWorkspace::operator=(ConvolutionWorkspace&& other) noexcept {
-  // What stood here goes with the temporary.
-  ConvolutionWorkspace taken(std::move(other));
-  std::swap(instructionSet, taken.instructionSet);
-  std::swap(length, taken.length);
-  std::swap(held, taken.held);
+  ConvolutionWorkspace moved(std::move(other));
+  std::swap(instructionSet, moved.instructionSet);
+  std::swap(length, moved.length);
+  std::swap(buffers, moved.buffers);
   return *this;
 }
 
 ConvolutionWorkspace::~ConvolutionWorkspace() {
   if (length != 0) {
-    aloneWithFftPlanner([this] { releaseAtPlanner(); });
+    withFftPlannerLock([this] { release(); });
   }
 }
 
 void ConvolutionWorkspace::load(std::span<double const> x) noexcept {
   std::span<double> const values = input();
-  auto const behind = std::copy_n(x.begin(), std::min(x.size(), length), values.begin());
-  std::fill(behind, values.end(), 0.0);
+  auto const end = std::copy_n(x.begin(), std::min(x.size(), length), values.begin());
+  std::fill(end, values.end(), 0.0);
 }
 
-// Not const though it changes no pointer: it overwrites the buffers, which two threads must not do.
+// Not const although it changes no member: it overwrites the buffers.
 // NOLINTNEXTLINE(readability-make-member-function-const)
 std::span<double const> ConvolutionWorkspace::convolveInput(Complex const* kernel) {
-  fftw_execute(held.forward_plan);
-  IterationKernels::multiply(instructionSet, {held.fft_spectrum, spectrumBins()}, kernel);
-  fftw_execute(held.inverse_plan);
-  return {held.fft_out, length};
+  fftw_execute(buffers.forward_plan);
+  IterationKernels::multiply(instructionSet, {buffers.fft_spectrum, spectrumBins()}, kernel);
+  fftw_execute(buffers.inverse_plan);
+  return {buffers.fft_out, length};
 }
 
 void ConvolutionWorkspace::allocateAndPlan() {
   int const n = static_cast<int>(length);
-  held.fft_in = allocate<double>(length);
-  held.fft_spectrum = allocate<Complex>(length);
-  held.forward_plan = checked(fftw_plan_dft_r2c_1d(n, held.fft_in, held.fft_spectrum, FFTW_ESTIMATE));
-  held.fft_out = allocate<double>(length);
-  held.inverse_plan = checked(fftw_plan_dft_c2r_1d(n, held.fft_spectrum, held.fft_out, FFTW_ESTIMATE));
+  buffers.fft_in = allocate<double>(length);
+  buffers.fft_spectrum = allocate<Complex>(length);
+  buffers.forward_plan =
+      checked(fftw_plan_dft_r2c_1d(n, buffers.fft_in, buffers.fft_spectrum, FFTW_ESTIMATE));
+  buffers.fft_out = allocate<double>(length);
+  buffers.inverse_plan =
+      checked(fftw_plan_dft_c2r_1d(n, buffers.fft_spectrum, buffers.fft_out, FFTW_ESTIMATE));
 }
 
 void ConvolutionWorkspace::setKernels(std::span<double const> systemWave) {
   std::vector<double> const reversed(systemWave.rbegin(), systemWave.rend());
-  held.psf_spectrum = allocate<Complex>(length);
-  held.psf_reversed_spectrum = allocate<Complex>(length);
-  spectrumOf(systemWave, length, held.psf_spectrum);
-  spectrumOf(reversed, length, held.psf_reversed_spectrum);
+  buffers.psf_spectrum = allocate<Complex>(length);
+  buffers.psf_reversed_spectrum = allocate<Complex>(length);
+  spectrumOf(systemWave, length, buffers.psf_spectrum);
+  spectrumOf(reversed, length, buffers.psf_reversed_spectrum);
 }
 
-void ConvolutionWorkspace::releaseAtPlanner() noexcept {
-  freeBuffer(held.psf_spectrum);
-  freeBuffer(held.psf_reversed_spectrum);
-  freeBuffer(held.fft_in);
-  destroyPlan(held.forward_plan);
-  freeBuffer(held.fft_spectrum);
-  destroyPlan(held.inverse_plan);
-  freeBuffer(held.fft_out);
+void ConvolutionWorkspace::release() noexcept {
+  freeBuffer(buffers.psf_spectrum);
+  freeBuffer(buffers.psf_reversed_spectrum);
+  freeBuffer(buffers.fft_in);
+  destroyPlan(buffers.forward_plan);
+  freeBuffer(buffers.fft_spectrum);
+  destroyPlan(buffers.inverse_plan);
+  freeBuffer(buffers.fft_out);
   length = 0;
 }
 

@@ -8,31 +8,32 @@
 #include <fullwaveform/host/StrongPtr.h>
 #include <fullwaveform/model/WavePoints.h>
 #include <fullwaveform/scanner/ScannerDevice.h>
-#include <fullwaveform/scanner/SystemWave.h>
 
+/// What every deconvolution derives from the waveform and the scanner.
 namespace FullWaveform {
 
-/// The samples of a waveform's range, both ends included; empty when there is no such range in the record.
-template <class T>
-std::span<T const> rangeOf(std::span<T const> samples, WavePoints<T> const& wave) {
-  // Records of one or two samples have a range that ends before it starts.
-  if (wave.globalEnd <= wave.globalStart || wave.globalEnd >= samples.size()) {
-    return {};
-  }
-  return samples.subspan(wave.globalStart, wave.globalEnd - wave.globalStart + std::size_t{1});
-}
+/// Samples from the start of the first segment to the end of the last, both included; empty when the waveform
+/// has no such range.
+std::span<unsigned short const> signalSamples(std::span<unsigned short const> samples,
+                                              WavePoints<unsigned short> const& wave);
 
-/// The system wave at the step of an up-sampled signal; null when the scanner has none.
+/// Number of values of those samples after up-sampling with `steps` values per sampling interval; 0 when
+/// there are too few to deconvolve, that is fewer than two.
+std::size_t signalLength(std::span<unsigned short const> signal, std::uint32_t steps);
+
+/// Position of a deconvolved signal's first value in the waveform, samples.
 ///
-/// @param length  values
-inline Holdex::StrongPtr<Holdex::Chunk<double>> systemWaveOf(ScannerDevice const& device,
-                                                             std::uint32_t length) {
-  // A system wave of no samples, or steps of no length, is none.
-  if (device.size_sys == 0 || device.up_sampling == 0) {
-    return {};
-  }
-  double const step = device.sampling_time / device.up_sampling;
-  return createNormalizedSysWave(device.expsum_a, device.expsum_b, step, length, {});
-}
+/// With up-sampling it is shifted by half the factor, in samples and not in steps: positions have this
+/// constant offset, which the estimation of a system wave measures.
+double firstPosition(WavePoints<unsigned short> const& wave, std::uint32_t steps);
+
+/// Number of values of `count` up-sampled samples: (count - 1) * steps + 1.
+///
+/// For no samples this wraps to 1 - steps, so that sums of lengths stay correct.
+/// @throws std::length_error when no transform is long enough
+std::uint32_t upsampledLength(std::uint32_t count, std::uint32_t steps);
+
+/// System wave of `upsampledLength(size_sys, up_sampling)` values; null when the scanner has none.
+Holdex::StrongPtr<Holdex::Chunk<double>> upsampledSystemWave(ScannerDevice const& device);
 
 }  // namespace FullWaveform

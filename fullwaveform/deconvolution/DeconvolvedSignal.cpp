@@ -1,6 +1,5 @@
 #include <fullwaveform/deconvolution/DeconvolvedSignal.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
@@ -11,40 +10,31 @@
 #include <fullwaveform/deconvolution/RichardsonLucyIteration.h>
 
 namespace FullWaveform {
-namespace {
-
-/// What `scaleToCounts` does, before the values become whole: the last one does not count for the largest.
-void scale(std::span<double> values, double maximum, double noise) {
-  auto const end = values.size() > 1 ? values.end() - 1 : values.end();
-  double const factor = (maximum - noise) / *std::max_element(values.begin(), end);
-  for (double& value : values) {
-    value = value * factor + noise;
-  }
-}
-
-}  // namespace
 
 DeconvolvedSignal deconvolvedSignal(std::span<unsigned short const> samples,
                                     WavePoints<unsigned short> const& wave, ScannerDevice const& device) {
-  auto const systemWave = systemWaveOf(device, (device.size_sys - 1) * device.up_sampling + 1);
+  auto const systemWave = upsampledSystemWave(device);
   if (!systemWave) {
-    throw std::invalid_argument("the scanner has no system wave to deconvolve with");
+    throw std::invalid_argument("the scanner has no system wave; deconvolution needs its exponential sums");
   }
   std::uint32_t const steps = device.up_sampling;
-  // Half the up-sampling factor, in samples, as the echoes have it.
-  DeconvolvedSignal signal{{}, wave.globalStart - (steps == 1 ? 0.0 : steps * 0.5), 1.0 / steps};
-  auto const range = rangeOf(samples, wave);
-  if (!wave.signalIsAboveNoise() || range.empty()) {
+  DeconvolvedSignal signal{{}, firstPosition(wave, steps), 1.0 / steps};
+  auto const range = signalSamples(samples, wave);
+  std::size_t const length = signalLength(range, steps);
+  if (!wave.signalIsAboveNoise() || length == 0) {
     return signal;
   }
-  std::vector<double> observed((range.size() - 1) * steps);
-  // Long enough for the signal and the system wave without overlap.
-  auto const fftLength = static_cast<std::uint32_t>(observed.size() + systemWave->size() - 1);
-  ConvolutionWorkspace workspace({systemWave->data(), systemWave->size()}, fftLength);
-  double const maximum = observe(range, steps, wave.noise, workspace.instructionSet, observed);
+  ConvolutionWorkspace workspace({systemWave->data(), systemWave->size()},
+                                 static_cast<std::uint32_t>(length + systemWave->size() - 1));
+  InstructionSet const set = workspace.instructionSet;
+  std::vector<double> observed(length);
+  double const maximum = prepareObserved(range, steps, wave.noise, set, observed);
   signal.values = observed;
-  deconvolve(observed, workspace, centreOf(systemWave->size()), signal.values);
-  scale(signal.values, maximum, wave.noise);
+  deconvolve(observed, workspace, kernelCentre(systemWave->size()), signal.values);
+  double const factor = (maximum - wave.noise) / scalingMaximum(set, signal.values);
+  for (double& value : signal.values) {
+    value = value * factor + wave.noise;
+  }
   return signal;
 }
 

@@ -9,19 +9,19 @@
 
 namespace FullWaveform {
 
-/// The signal whose maxima `RL_Planes` takes for the echoes of a waveform.
+/// The signal whose maxima `RL_Planes` returns as the echoes of a waveform.
 struct DeconvolvedSignal {
-  std::vector<double> values;  ///< counts, not yet whole
-  double first = 0.0;          ///< position that an echo at the first value gets, samples
-  double step = 1.0;           ///< from value to value, samples
+  std::vector<double> values;  ///< counts, before they are truncated to integers
+  double first = 0.0;          ///< position of the first value, samples
+  double step = 1.0;           ///< distance of two values, samples
 };
 
-/// Deconvolves one waveform to be looked at; everything is planned anew, which is slow.
+/// Deconvolves one waveform for display. Slow: plans its transforms in every call.
 ///
-/// @param samples  the record that the waveform was built from, `wave.length` values in counts
-/// @param wave     its range and noise count, its echoes do not
+/// @param samples  the samples of the waveform, `wave.length` values in counts
+/// @param wave     only its range and noise are used
 /// @param device   the scanner with its exponential sums
-/// @return without values when the waveform has no signal of at least two samples
+/// @return without values when the waveform has no signal of at least two values
 /// @throws std::invalid_argument when the scanner has no system wave
 FULLWAVEFORM_EXPORT DeconvolvedSignal deconvolvedSignal(std::span<unsigned short const> samples,
                                                         WavePoints<unsigned short> const& wave,

@@ -4,20 +4,20 @@
 
 namespace FullWaveform {
 
-std::ptrdiff_t centreOf(std::size_t kernelLength) {
+std::ptrdiff_t kernelCentre(std::size_t kernelLength) {
   return static_cast<std::ptrdiff_t>(kernelLength / 2) - 1;
 }
 
-std::size_t leastTransformLength(std::size_t signalLength, std::size_t kernelLength) {
-  // The kernel reaches this far behind its middle, and one value less before it.
+std::size_t minTransformLength(std::size_t signalLength, std::size_t kernelLength) {
+  // The kernel extends this far after its centre, and one value less before it.
   return signalLength + (kernelLength - kernelLength / 2);
 }
 
-Stretch reachOf(std::size_t fftLength, std::ptrdiff_t offset, std::size_t signalLength) {
-  auto const all = static_cast<std::ptrdiff_t>(signalLength);
-  std::ptrdiff_t const first = std::clamp<std::ptrdiff_t>(-offset, 0, all);
-  std::ptrdiff_t const behind = std::clamp(static_cast<std::ptrdiff_t>(fftLength) - offset, first, all);
-  return {static_cast<std::size_t>(first), static_cast<std::size_t>(behind - first)};
+IndexRange validRange(std::size_t fftLength, std::ptrdiff_t offset, std::size_t signalLength) {
+  auto const length = static_cast<std::ptrdiff_t>(signalLength);
+  std::ptrdiff_t const first = std::clamp<std::ptrdiff_t>(-offset, 0, length);
+  std::ptrdiff_t const end = std::clamp(static_cast<std::ptrdiff_t>(fftLength) - offset, first, length);
+  return {static_cast<std::size_t>(first), static_cast<std::size_t>(end - first)};
 }
 
 void convolve(ConvolutionWorkspace& workspace, ConvolutionWorkspace::Complex const* kernel,
@@ -26,9 +26,9 @@ void convolve(ConvolutionWorkspace& workspace, ConvolutionWorkspace::Complex con
     std::fill(out.begin(), out.end(), 0.0);
     return;
   }
+  // Copies x, so that out may overwrite it.
   workspace.load(x);
-  // x has been read by now: out may stand in its place.
-  auto const [first, count] = reachOf(workspace.fftLength(), offset, std::min(x.size(), out.size()));
+  auto const [first, count] = validRange(workspace.fftLength(), offset, std::min(x.size(), out.size()));
   std::fill(out.begin(), out.end(), 0.0);
   std::span<double const> const result = workspace.convolveInput(kernel);
   double const scale = 1.0 / static_cast<double>(result.size());

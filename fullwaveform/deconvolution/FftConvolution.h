@@ -3,45 +3,40 @@
 #include <cstddef>
 #include <span>
 
-#include <fullwaveform/Export.h>
 #include <fullwaveform/deconvolution/ConvolutionWorkspace.h>
 
 namespace FullWaveform {
 
-/// Position in the full convolution of the value that belongs to the first input value: the middle of a
-/// kernel of `kernelLength` values, -1 for a kernel of one.
-FULLWAVEFORM_EXPORT std::ptrdiff_t centreOf(std::size_t kernelLength);
+/// Index in the full convolution of the value that belongs to the first input value: the middle of a kernel
+/// of `kernelLength` values, -1 for a kernel of one value.
+std::ptrdiff_t kernelCentre(std::size_t kernelLength);
 
-/// Length of the shortest transform that is enough for the values that belong to a signal: the ends of the
-/// full convolution may overlap where nothing is read.
-FULLWAVEFORM_EXPORT std::size_t leastTransformLength(std::size_t signalLength, std::size_t kernelLength);
+/// Shortest transform length for which the values that belong to a signal are free of wrap-around; the ends
+/// of the full convolution, which are not read, may overlap.
+std::size_t minTransformLength(std::size_t signalLength, std::size_t kernelLength);
 
-/// Values of a signal, `count` of them from `first` on.
-struct Stretch {
+/// `count` consecutive indices from `first` on.
+struct IndexRange {
   std::size_t first;
   std::size_t count;
 };
 
-/// The values of a signal that a transform has results for, all of them when it was planned for such a
-/// signal.
+/// Indices of a signal for which a transform holds results: all of them when it was planned for a signal of
+/// that length.
 ///
-/// @param fftLength     length of the transform
-/// @param offset        position in the full convolution of the first result, see `centreOf`
-/// @param signalLength  values of the signal
-FULLWAVEFORM_EXPORT Stretch reachOf(std::size_t fftLength, std::ptrdiff_t offset, std::size_t signalLength);
+/// @param offset  index in the full convolution of the first result, see `kernelCentre`
+IndexRange validRange(std::size_t fftLength, std::ptrdiff_t offset, std::size_t signalLength);
 
-/// Convolution by FFT, cut so that out[i] belongs to x[i].
+/// Convolution by FFT, cropped so that out[i] belongs to x[i].
 ///
-/// @param workspace  its transform must be as long as `leastTransformLength` for the result to be the plain
-///                   convolution; otherwise the ends overlap in it
-/// @param kernel     spectrum, as many values as the workspace has bins
-/// @param offset     position in the full convolution of out[0], see `centreOf`
-/// @param x          input; what lies behind the transform's length is left out
-/// @param out        result; 0 where the transform holds no value
+/// @param workspace  with transforms of at least `minTransformLength`; shorter ones wrap around
+/// @param kernel     spectrum of `workspace.spectrumBins()` values
+/// @param offset     index in the full convolution of out[0], see `kernelCentre`
+/// @param x          input; values after the transform length are ignored
+/// @param out        result, 0 where the transform holds no value; may be the same memory as x
 ///
-/// An empty workspace or a null kernel gives zeros. x and out may be the same.
-FULLWAVEFORM_EXPORT void convolve(ConvolutionWorkspace& workspace,
-                                  ConvolutionWorkspace::Complex const* kernel, std::ptrdiff_t offset,
-                                  std::span<double const> x, std::span<double> out);
+/// An empty workspace or a null kernel gives zeros.
+void convolve(ConvolutionWorkspace& workspace, ConvolutionWorkspace::Complex const* kernel,
+              std::ptrdiff_t offset, std::span<double const> x, std::span<double> out);
 
 }  // namespace FullWaveform

@@ -10,13 +10,13 @@ std::mutex plannerMutex;
 
 }  // namespace
 
-void aloneWithFftPlanner(std::function<void()> const& work) {
-  // Without OpenMP the pragma below is nothing, and threads would meet in the planner: the mutex holds then.
+void withFftPlannerLock(std::function<void()> const& work) {
+  // The critical section has no effect without OpenMP; the mutex then protects the planner.
   std::scoped_lock const lock(plannerMutex);
   std::exception_ptr failure;
 #pragma omp critical(FullWaveformFftw)
   {
-    // No exception may leave a critical section: it would stay locked.
+    // An exception that leaves a critical section would keep it locked.
     try {
       work();
     } catch (...) {

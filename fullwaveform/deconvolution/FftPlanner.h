@@ -4,8 +4,8 @@
 
 namespace FullWaveform {
 
-/// Runs `work` while no other thread of the process makes or destroys FFT plans here: the planner of FFTW is
-/// not thread-safe. What `work` throws is passed on. Not to be nested.
-void aloneWithFftPlanner(std::function<void()> const& work);
+/// Runs `work` under the process-wide lock for creating and destroying FFT plans, because the planner of FFTW
+/// is not thread-safe. Exceptions of `work` are rethrown. Must not be nested.
+void withFftPlannerLock(std::function<void()> const& work);
 
 }  // namespace FullWaveform

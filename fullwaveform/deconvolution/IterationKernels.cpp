@@ -9,41 +9,40 @@ namespace {
 #define FULLWAVEFORM_KERNELS <fullwaveform/deconvolution/IterationKernels.inc>
 #include <fullwaveform/fitting/ForEachInstructionSet.inc>
 
-/// The form of a kernel for an instruction set.
+/// The version of a kernel for an instruction set.
 template <class Kernel>
-Kernel* formFor(InstructionSet set, Kernel* baseline, Kernel* avx2) {
+Kernel* select(InstructionSet set, Kernel* baseline, Kernel* avx2) {
   return set == InstructionSet::Avx2 ? avx2 : baseline;
 }
 
 }  // namespace
 
-double largest(InstructionSet set, std::span<double const> values) {
-  return formFor(set, Baseline::largest, Avx2::largest)(values.data(), values.size());
+double maximum(InstructionSet set, std::span<double const> values) {
+  return select(set, Baseline::maximum, Avx2::maximum)(values.data(), values.size());
 }
 
 void subtractNoise(InstructionSet set, std::span<double> values, double noise, double unit) {
-  formFor(set, Baseline::subtractNoise, Avx2::subtractNoise)(values.data(), noise, unit, values.size());
+  select(set, Baseline::subtractNoise, Avx2::subtractNoise)(values.data(), noise, unit, values.size());
 }
 
 void multiply(InstructionSet set, std::span<double[2]> spectrum, double const (*kernel)[2]) {
-  formFor(set, Baseline::multiply, Avx2::multiply)(spectrum.data(), kernel, spectrum.size());
+  select(set, Baseline::multiply, Avx2::multiply)(spectrum.data(), kernel, spectrum.size());
 }
 
 void divide(InstructionSet set, std::span<double const> observed, double const* blurred, double scale,
             double* ratios) {
-  formFor(set, Baseline::divide, Avx2::divide)(observed.data(), blurred, scale, ratios, observed.size());
+  select(set, Baseline::divide, Avx2::divide)(observed.data(), blurred, scale, ratios, observed.size());
 }
 
 double correct(InstructionSet set, std::span<double> estimate, double const* factors, double scale,
                double* copy) {
-  return formFor(set, Baseline::correct, Avx2::correct)(estimate.data(), factors, scale, copy,
-                                                        estimate.size());
+  return select(set, Baseline::correct, Avx2::correct)(estimate.data(), factors, scale, copy,
+                                                       estimate.size());
 }
 
-void toCounts(InstructionSet set, std::span<double const> values, double range, double largest, double noise,
+void toCounts(InstructionSet set, std::span<double const> values, double range, double unit, double noise,
               std::uint16_t* counts) {
-  formFor(set, Baseline::toCounts, Avx2::toCounts)(values.data(), range, largest, noise, counts,
-                                                   values.size());
+  select(set, Baseline::toCounts, Avx2::toCounts)(values.data(), range, unit, noise, counts, values.size());
 }
 
 }  // namespace FullWaveform::IterationKernels

@@ -18,18 +18,13 @@ RL_Planes<T, SimplePeakType>::RL_Planes(ScannerDevice const& device, unsigned in
 }
 
 template <class T, class SimplePeakType>
-RL_Planes<T, SimplePeakType>::~RL_Planes() {
-  RichardsonLucy<T, SimplePeakType>::releaseTogether(planes);
-}
-
-template <class T, class SimplePeakType>
 unsigned int RL_Planes<T, SimplePeakType>::getIdx(int length) const {
   return static_cast<unsigned int>(length) / plane_step;
 }
 
 template <class T, class SimplePeakType>
 int RL_Planes<T, SimplePeakType>::apply(T const* samples, Holdex::StrongPtr<WavePoints<T>> const& wave) {
-  // Signed: records of one or two samples have a range that ends before it starts.
+  // Signed, because waveforms of one or two samples have a range that ends before it starts.
   if (!wave || static_cast<std::int32_t>(wave->globalEnd) < static_cast<std::int32_t>(wave->globalStart)) {
     return 1;
   }

@@ -9,9 +9,9 @@
 namespace FullWaveform {
 namespace {
 
-constexpr int mostIterations = 40;
-constexpr int iterationsBeforeRise = 6;  // the sum of the corrections may rise this often
-constexpr double leastChange = 0.02;     // of that sum
+constexpr int maxIterations = 40;
+constexpr int iterationsBeforeRise = 6;  // in which the sum of the correction factors may rise
+constexpr double minChange = 0.02;       // of that sum
 
 void interpolate(std::span<unsigned short const> samples, std::uint32_t steps, std::span<double> values) {
   double const step = 1.0 / static_cast<double>(steps);
@@ -23,58 +23,53 @@ void interpolate(std::span<unsigned short const> samples, std::uint32_t steps, s
   }
 }
 
-void clearOutside(std::span<double> values, Stretch const& stretch) {
-  std::fill_n(values.begin(), stretch.first, 0.0);
-  std::fill(values.begin() + static_cast<std::ptrdiff_t>(stretch.first + stretch.count), values.end(), 0.0);
+void clearOutside(std::span<double> values, IndexRange const& range) {
+  std::fill_n(values.begin(), range.first, 0.0);
+  std::fill(values.begin() + static_cast<std::ptrdiff_t>(range.first + range.count), values.end(), 0.0);
 }
 
-/// A signal in the transforms of a workspace, whose input holds the estimate between two corrections.
+/// A deconvolution in progress. Between two corrections the workspace's input holds the estimate.
 class Iteration {
  public:
   Iteration(std::span<double const> observed, ConvolutionWorkspace& workspace, std::ptrdiff_t offset,
             std::span<double> estimate)
       : workspace(workspace),
         input(workspace.input().first(std::min(observed.size(), workspace.fftLength()))),
-        reach(reachOf(workspace.fftLength(), offset, input.size())),
-        begin(static_cast<std::size_t>(offset + static_cast<std::ptrdiff_t>(reach.first))),
-        observed(within(observed)),
-        estimate(within(estimate)) {
+        valid(validRange(workspace.fftLength(), offset, input.size())),
+        begin(static_cast<std::size_t>(offset + static_cast<std::ptrdiff_t>(valid.first))),
+        observed(observed.subspan(valid.first, valid.count)),
+        estimate(estimate.subspan(valid.first, valid.count)) {
     workspace.load(estimate);
-    clearOutside(estimate, reach);
+    clearOutside(estimate, valid);
   }
 
-  /// One correction of the estimate; returns the sum of the correction factors.
+  /// Corrects the estimate once; returns the sum of the correction factors.
   double correct() {
     InstructionSet const set = workspace.instructionSet;
     double const scale = 1.0 / static_cast<double>(workspace.fftLength());
     auto const blurred = workspace.convolveInput(workspace.psfSpectrum());
-    IterationKernels::divide(set, observed, blurred.data() + begin, scale, input.data() + reach.first);
-    clearOutside(input, reach);
+    IterationKernels::divide(set, observed, blurred.data() + begin, scale, input.data() + valid.first);
+    clearOutside(input, valid);
     auto const factors = workspace.convolveInput(workspace.psfReversedSpectrum());
     return IterationKernels::correct(set, estimate, factors.data() + begin, scale,
-                                     input.data() + reach.first);
+                                     input.data() + valid.first);
   }
 
  private:
-  template <class Value>
-  [[nodiscard]] std::span<Value> within(std::span<Value> values) const {
-    return values.subspan(reach.first, reach.count);
-  }
-
   ConvolutionWorkspace& workspace;
   std::span<double> input;
-  Stretch reach;
-  std::size_t begin;  ///< of the results that belong to the stretch
+  IndexRange valid;
+  std::size_t begin;  ///< index in a convolution of the first valid value
   std::span<double const> observed;
   std::span<double> estimate;
 };
 
 }  // namespace
 
-double observe(std::span<unsigned short const> samples, std::uint32_t steps, unsigned short noise,
-               InstructionSet set, std::span<double> observed) {
+double prepareObserved(std::span<unsigned short const> samples, std::uint32_t steps, unsigned short noise,
+                       InstructionSet set, std::span<double> observed) {
   interpolate(samples, steps, observed);
-  double const maximum = IterationKernels::largest(set, observed);
+  double const maximum = IterationKernels::maximum(set, observed);
   double const aboveNoise = std::max(maximum - noise, 0.0);
   IterationKernels::subtractNoise(set, observed, noise, aboveNoise > 0.0 ? aboveNoise : 1.0);
   return steps == 1 ? aboveNoise : maximum;
@@ -85,12 +80,12 @@ int deconvolve(std::span<double const> observed, ConvolutionWorkspace& workspace
   Iteration iteration(observed, workspace, offset, estimate);
   double previous = 0.0;
   int k = 0;
-  while (k < mostIterations) {
+  while (k < maxIterations) {
     double const sum = iteration.correct();
-    bool const mayGoOn = sum <= previous || k < iterationsBeforeRise;
+    bool const mayContinue = sum <= previous || k < iterationsBeforeRise;
     ++k;
-    // A sum that is not a number ends the loop too.
-    if (!mayGoOn || !(std::abs(previous - sum) >= leastChange)) {
+    // Negated so that a NaN sum ends the loop.
+    if (!mayContinue || !(std::abs(previous - sum) >= minChange)) {
       break;
     }
     previous = sum;
@@ -98,10 +93,14 @@ int deconvolve(std::span<double const> observed, ConvolutionWorkspace& workspace
   return k;
 }
 
+double scalingMaximum(InstructionSet set, std::span<double const> estimate) {
+  return IterationKernels::maximum(set, estimate.first(estimate.size() - 1));
+}
+
 void scaleToCounts(double maximum, double noise, InstructionSet set, std::span<double const> estimate,
                    std::span<unsigned short> counts) {
-  double const largest = IterationKernels::largest(set, estimate.first(estimate.size() - 1));
-  IterationKernels::toCounts(set, estimate, maximum - noise, largest, noise, counts.data());
+  IterationKernels::toCounts(set, estimate, maximum - noise, scalingMaximum(set, estimate), noise,
+                             counts.data());
 }
 
 }  // namespace FullWaveform

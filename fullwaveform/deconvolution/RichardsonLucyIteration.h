@@ -4,42 +4,47 @@
 #include <cstdint>
 #include <span>
 
-#include <fullwaveform/Export.h>
-#include <fullwaveform/deconvolution/FftConvolution.h>
+#include <fullwaveform/deconvolution/ConvolutionWorkspace.h>
 
 namespace FullWaveform {
 
-/// The part of a record between two samples, interpolated linearly, without its noise and scaled to 1.
+/// Interpolates samples linearly, subtracts the noise and scales the signal to a maximum of 1.
 ///
 /// @param samples   first to last sample of the range in counts, both included; at least two
-/// @param steps     values per sample, at least 1
-/// @param noise     counts, subtracted; what lies below is cut to 0
-/// @param observed  (samples - 1) * steps values; a signal that is nowhere above the noise stays 0
-/// @return largest value in counts: before the noise is subtracted where the signal is interpolated, after it
-///         where it is not (one step); meant
-FULLWAVEFORM_EXPORT double observe(std::span<unsigned short const> samples, std::uint32_t steps,
-                                   unsigned short noise, InstructionSet set, std::span<double> observed);
+/// @param steps     values per sampling interval, at least 1
+/// @param noise     counts; values below it become 0
+/// @param observed  (samples.size() - 1) * steps values; all 0 when none is above the noise
+/// @return maximum in counts: of the interpolated values before the noise is subtracted; with one step, where
+///         nothing is interpolated, of the values after it
+double prepareObserved(std::span<unsigned short const> samples, std::uint32_t steps, unsigned short noise,
+                       InstructionSet set, std::span<double> observed);
 
-/// Iterative maximum-likelihood deconvolution after Richardson (1972, doi:10.1364/JOSA.62.000055) and Lucy
+/// Iterative maximum-likelihood deconvolution of Richardson (1972, doi:10.1364/JOSA.62.000055) and Lucy
 /// (1974, doi:10.1086/111605), with the system wave as point-spread function.
 ///
-/// Ends when the sum of the correction factors changes by less than 0.02, when it rises after the sixth
-/// iteration, or after 40 iterations.
-/// @param observed   not negative
-/// @param workspace  holds the system wave; not empty. Overwritten.
-/// @param offset     position in the full convolution of the value that belongs to the first one, see
-/// `centreOf`
-/// @param estimate   start on entry, result on return; as long as `observed`
+/// Stops when the sum of the correction factors changes by less than 0.02, when it rises after the sixth
+/// iteration, or after 40 iterations; these limits are this library's.
+/// @param observed   values >= 0
+/// @param workspace  of the system wave, not empty; its buffers are overwritten
+/// @param offset     index in the full convolution of the value that belongs to observed[0], see
+///                   `kernelCentre`
+/// @param estimate   start values, replaced by the result; as long as `observed`
 /// @return number of iterations
-FULLWAVEFORM_EXPORT int deconvolve(std::span<double const> observed, ConvolutionWorkspace& workspace,
-                                   std::ptrdiff_t offset, std::span<double> estimate);
+int deconvolve(std::span<double const> observed, ConvolutionWorkspace& workspace, std::ptrdiff_t offset,
+               std::span<double> estimate);
 
-/// Scales a deconvolved signal back to whole counts: its largest value becomes `maximum`, 0 becomes `noise`.
-/// The last value does not count for the largest; meant.
+/// Maximum of a deconvolved signal, by which it is scaled to counts.
 ///
-/// @param estimate  at least two values; one that is nowhere above 0 gives counts of 0
-/// @param counts    as long as `estimate`: the low 16 bits of the whole part, 0 for what does not fit 32 bits
-FULLWAVEFORM_EXPORT void scaleToCounts(double maximum, double noise, InstructionSet set,
-                                       std::span<double const> estimate, std::span<unsigned short> counts);
+/// The last value is intentionally left out: light of an echo after the end of the signal accumulates there.
+/// @param estimate  at least two values
+double scalingMaximum(InstructionSet set, std::span<double const> estimate);
+
+/// Scales a deconvolved signal to whole counts: the value `scalingMaximum` becomes `maximum`, 0 becomes
+/// `noise`.
+///
+/// @param estimate  at least two values; without a positive one all counts are 0
+/// @param counts    as long as `estimate`: the low 16 bits of the integer part, 0 if that exceeds 32 bits
+void scaleToCounts(double maximum, double noise, InstructionSet set, std::span<double const> estimate,
+                   std::span<unsigned short> counts);
 
 }  // namespace FullWaveform

@@ -2,15 +2,13 @@
 
 #include <cstdint>
 
-#include <fullwaveform/Export.h>
-
 namespace FullWaveform {
 
-/// The length to plan a transform with that must hold `least` values: that many or somewhat more. Zeros
-/// behind a signal leave its convolution the same to rounding, and lengths of small factors are several times
-/// faster.
+/// A fast transform length of at least `minLength`.
 ///
-/// @return `least` itself when it is 0 or more than 2^30
-FULLWAVEFORM_EXPORT std::uint32_t fastTransformLength(std::uint32_t least);
+/// Zeros appended to a signal change its convolution by rounding only, and lengths with small prime factors
+/// are several times faster.
+/// @return `minLength` itself when it is 0 or greater than 2^30
+std::uint32_t fastTransformLength(std::uint32_t minLength);
 
 }  // namespace FullWaveform

@@ -4,8 +4,6 @@
 #include <map>
 #include <span>
 
-#include <fullwaveform/Export.h>
-
 namespace FullWaveform {
 
 /// What one pass over a record finds.
@@ -20,6 +18,6 @@ struct Segmentation {
 /// A segment starts at the last sample that is not above the noise and ends at the first one below it. The
 /// first and the last sample are never examined; a record that begins above the noise has a segment that
 /// starts at 1, one that ends above it a segment that ends at N - 2 (also for N < 3, where that end wraps).
-FULLWAVEFORM_EXPORT Segmentation segmentSignal(std::span<unsigned short const> samples, unsigned short noise);
+Segmentation segmentSignal(std::span<unsigned short const> samples, unsigned short noise);
 
 }  // namespace FullWaveform

@@ -51,12 +51,12 @@ std::uint32_t plainLength(std::size_t x, std::size_t kernel) {
   return static_cast<std::uint32_t>(x + kernel - 1);
 }
 
-TEST(CentreOf, IsTheSampleBeforeTheMiddle) {
-  EXPECT_EQ(centreOf(56), 27);
-  EXPECT_EQ(centreOf(12), 5);
-  EXPECT_EQ(centreOf(7), 2);
-  EXPECT_EQ(centreOf(2), 0);
-  EXPECT_EQ(centreOf(1), -1);
+TEST(KernelCentre, IsTheSampleBeforeTheMiddle) {
+  EXPECT_EQ(kernelCentre(56), 27);
+  EXPECT_EQ(kernelCentre(12), 5);
+  EXPECT_EQ(kernelCentre(7), 2);
+  EXPECT_EQ(kernelCentre(2), 0);
+  EXPECT_EQ(kernelCentre(1), -1);
 }
 
 TEST(Convolve, IsTheDirectSumWithASkewedKernel) {
@@ -65,7 +65,7 @@ TEST(Convolve, IsTheDirectSumWithASkewedKernel) {
     for (std::uint32_t const more : {0U, 1U, 13U}) {
       ConvolutionWorkspace workspace(skewed, plainLength(length, skewed.size()) + more);
       Values out(length);
-      convolve(workspace, workspace.psfSpectrum(), centreOf(skewed.size()), x, out);
+      convolve(workspace, workspace.psfSpectrum(), kernelCentre(skewed.size()), x, out);
       expectNear(out, directSum(x, skewed, 3));
     }
   }
@@ -76,7 +76,7 @@ TEST(Convolve, TurnsTheKernelRoundForTheCorrection) {
   Values const turned(skewed.rbegin(), skewed.rend());
   ConvolutionWorkspace workspace(skewed, plainLength(40, skewed.size()));
   Values out(40);
-  convolve(workspace, workspace.psfReversedSpectrum(), centreOf(skewed.size()), x, out);
+  convolve(workspace, workspace.psfReversedSpectrum(), kernelCentre(skewed.size()), x, out);
   expectNear(out, directSum(x, turned, 3));
 }
 
@@ -85,7 +85,7 @@ TEST(Convolve, OfAnImpulseIsTheKernelAroundIt) {
   Values x(12, 0.0);
   x[5] = 2.0;
   Values out(12);
-  convolve(workspace, workspace.psfSpectrum(), centreOf(skewed.size()), x, out);
+  convolve(workspace, workspace.psfSpectrum(), kernelCentre(skewed.size()), x, out);
   expectNear(out, {0, 0, 0.2, 1.8, 2.0, 1.2, 0.7, 0.4, 0.2, 0.1, 0, 0});
 }
 
@@ -94,8 +94,8 @@ TEST(Convolve, NeedsNoMoreThanTheLeastTransformLength) {
     Values const kernel(skewed.begin(), skewed.begin() + static_cast<std::ptrdiff_t>(kernelLength));
     for (std::size_t const length : {2UL, 5UL, 21UL}) {
       Values const x = irregular(length);
-      std::ptrdiff_t const offset = centreOf(kernelLength);
-      auto const least = static_cast<std::uint32_t>(leastTransformLength(length, kernelLength));
+      std::ptrdiff_t const offset = kernelCentre(kernelLength);
+      auto const least = static_cast<std::uint32_t>(minTransformLength(length, kernelLength));
       ConvolutionWorkspace workspace(kernel, least);
       Values out(length);
       convolve(workspace, workspace.psfSpectrum(), offset, x, out);
@@ -103,15 +103,15 @@ TEST(Convolve, NeedsNoMoreThanTheLeastTransformLength) {
     }
   }
   // Half of a system wave of 56 values, instead of all but one of them.
-  EXPECT_EQ(leastTransformLength(120, 56), 148U);
-  EXPECT_EQ(leastTransformLength(120, 7), 124U);
+  EXPECT_EQ(minTransformLength(120, 56), 148U);
+  EXPECT_EQ(minTransformLength(120, 7), 124U);
 }
 
 TEST(Convolve, AKernelOfOneValueShiftsByOne) {
   // Its middle lies before the first value, where the convolution is 0.
   ConvolutionWorkspace workspace(Values{3.0}, 4);
   Values out(4, 9.0);
-  convolve(workspace, workspace.psfSpectrum(), centreOf(1), Values{1.0, 2.0, 4.0, 8.0}, out);
+  convolve(workspace, workspace.psfSpectrum(), kernelCentre(1), Values{1.0, 2.0, 4.0, 8.0}, out);
   expectNear(out, {0.0, 3.0, 6.0, 12.0});
 }
 
@@ -153,8 +153,8 @@ TEST(Convolve, NothingIsLeftOfTheCallBefore) {
 TEST(Convolve, TheResultMayTakeThePlaceOfTheInput) {
   ConvolutionWorkspace workspace(skewed, 32);
   Values values = irregular(25);
-  Values const expected = directSum(values, skewed, centreOf(skewed.size()));
-  convolve(workspace, workspace.psfSpectrum(), centreOf(skewed.size()), values, values);
+  Values const expected = directSum(values, skewed, kernelCentre(skewed.size()));
+  convolve(workspace, workspace.psfSpectrum(), kernelCentre(skewed.size()), values, values);
   for (std::size_t i = 0; i < expected.size(); ++i) {
     EXPECT_NEAR(values[i], expected[i], 1e-12) << i;
   }
@@ -222,7 +222,7 @@ TEST(ConvolutionWorkspace, ThreadsPlanAndFreeAtTheSameTime) {
       ConvolutionWorkspace workspace(
           skewed, plainLength(50, skewed.size()) + more + 20 * static_cast<std::uint32_t>(number));
       Values out(50);
-      convolve(workspace, workspace.psfSpectrum(), centreOf(skewed.size()), x, out);
+      convolve(workspace, workspace.psfSpectrum(), kernelCentre(skewed.size()), x, out);
       expectNear(out, expected);
     }
   });

@@ -40,12 +40,12 @@ Values mixed(std::size_t count, unsigned int seed) {
 
 TEST(IterationKernels, LargestOfValuesAtEveryPlace) {
   for (InstructionSet const set : availableSets()) {
-    EXPECT_EQ(IterationKernels::largest(set, {}), 0.0);
-    EXPECT_EQ(IterationKernels::largest(set, Values(20, 0.0)), 0.0);
+    EXPECT_EQ(IterationKernels::maximum(set, {}), 0.0);
+    EXPECT_EQ(IterationKernels::maximum(set, Values(20, 0.0)), 0.0);
     for (std::size_t place = 0; place < 20; ++place) {
       Values values(20, 1.0);
       values[place] = 1.5;
-      EXPECT_EQ(IterationKernels::largest(set, values), 1.5) << place;
+      EXPECT_EQ(IterationKernels::maximum(set, values), 1.5) << place;
     }
   }
 }
@@ -167,7 +167,7 @@ TEST(IterationKernels, PassesOverTheSignalAreThePlainLoopsAtEveryLengthAndAddres
         expectedCounts.push_back(static_cast<std::uint16_t>(toSixteenBits(value * 300.0 / 1.7 + 20.0)));
       }
       for (InstructionSet const set : availableSets()) {
-        EXPECT_EQ(IterationKernels::largest(set, part), most) << count << " values";
+        EXPECT_EQ(IterationKernels::maximum(set, part), most) << count << " values";
         std::vector<std::uint16_t> counts(shift + count);
         IterationKernels::toCounts(set, part, 300.0, 1.7, 20.0, counts.data() + shift);
         counts.erase(counts.begin(), counts.begin() + static_cast<std::ptrdiff_t>(shift));

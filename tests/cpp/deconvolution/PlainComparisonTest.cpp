@@ -131,30 +131,6 @@ TEST(PlainComparison, LongRecordsGiveTheSameEchoes) {
   expectPlainEchoes(5, 400, longRecord);
 }
 
-TEST(PlainComparison, EveryInstructionSetGivesTheSameDigits) {
-  ScannerDevice const scanner = skewedScanner();
-  Ladder ladder(scanner, longest);
-  std::minstd_rand chance(11);
-  for (int number = 0; number < 500; ++number) {
-    Samples const record = randomRecord(chance);
-    Echoes expected;
-    for (InstructionSet const set : {InstructionSet::Baseline, InstructionSet::Avx2}) {
-      if (!isAvailable(set)) {
-        continue;
-      }
-      for (auto& plane : ladder.planes) {
-        plane.use(set);
-      }
-      WavePtr const wave = waveOf(record, scanner);
-      ladder.apply(record.data(), wave);
-      if (set == InstructionSet::Baseline) {
-        expected = echoesOf(*wave);
-      }
-      EXPECT_TRUE(agree(echoesOf(*wave), expected, 0.0, 0.0)) << "record " << number;
-    }
-  }
-}
-
 TEST(PlainComparison, RecordsMayBeginAtAnyAddress) {
   ScannerDevice const scanner = skewedScanner();
   Ladder ladder(scanner, longest);

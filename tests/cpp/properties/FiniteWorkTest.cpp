@@ -61,7 +61,7 @@ TEST(FiniteWork, ADeconvolutionEndsAfterFortyIterations) {
     std::vector<double> const signal = anySignal(rng, static_cast<std::size_t>(rng.between(2, 300)));
     ConvolutionWorkspace workspace(wave, static_cast<std::uint32_t>(signal.size() + wave.size() - 1));
     std::vector<double> estimate = signal;
-    int const iterations = deconvolve(signal, workspace, centreOf(wave.size()), estimate);
+    int const iterations = deconvolve(signal, workspace, kernelCentre(wave.size()), estimate);
     ASSERT_LE(iterations, 40) << scene;
     ASSERT_GE(iterations, 1) << scene;
     most = std::max(most, iterations);
