@@ -161,9 +161,12 @@ def test_interval_of_an_archive(tmp_path: Path) -> None:
 
 
 WRONG: dict[str, tuple[Callable[[Path], object], str]] = {
-    "mode": (lambda scan: fullwaveform.extract(scan, mode=4), "mode 4 is none of 0, 1, 2, 3"),
-    "true": (lambda scan: fullwaveform.extract(scan, mode=True), "mode True is none of"),
-    "noise": (lambda scan: fullwaveform.extract(scan, noise=70_000), "noise 70000 is above"),
+    "mode": (
+        lambda scan: fullwaveform.extract(scan, mode=4),
+        "invalid mode 4; expected 0, 1, 2 or 3",
+    ),
+    "true": (lambda scan: fullwaveform.extract(scan, mode=True), "invalid mode True"),
+    "noise": (lambda scan: fullwaveform.extract(scan, noise=70_000), "noise 70000 exceeds"),
     "workers": (
         lambda scan: fullwaveform.extract(scan, workers=0),
         "workers is 0; it must be a whole number",

@@ -134,7 +134,7 @@ def _method_view(
         positions[fits], amplitudes[fits], widths[fits], float(feet.max(initial=0.0)), count
     )
     deconvolves = mode is Mode.DECONVOLUTION or (mode is Mode.HYBRID and bool(np.any(~fits)))
-    if deconvolves and state is not WaveformState.WITHOUT_PLANE:
+    if deconvolves and state is not WaveformState.TOO_LONG_TO_DECONVOLVE:
         signal = _deconvolved_signal(extractor, block, row)
     else:
         signal = np.empty((0, 2))

@@ -4,7 +4,6 @@ from __future__ import annotations
 
 from collections.abc import Mapping
 from dataclasses import dataclass
-from enum import IntEnum
 from pathlib import Path
 from typing import Any
 
@@ -16,27 +15,18 @@ from fullwaveform.core.messages import forward_messages
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.columns import Columns, checked_counts, checked_flags, checked_times
 
-# A directory that cannot exist: the library skips a report that it cannot open.
+# Not a directory: the library skips a report that it cannot open.
 _NO_DIRECTORY = "/dev/null"
-Mode = _core.Mode
 
-#: Modes that deconvolve, and so need the scanner's system wave.
+Mode = _core.Mode
+RowState = _core.RowState
+
+#: Modes that deconvolve, for which the scanner needs a system wave.
 DECONVOLVING_MODES = (Mode.DECONVOLUTION, Mode.HYBRID)
 
-# Transforms are planned for every 25 samples up to the longest waveform: at 8192 samples this is
-# about 1 GB, and no scanner records a pulse's return for longer.
+# Transforms are planned for every 25 samples up to the longest waveform; up to 8192 samples they
+# take about 1 GB. No scanner records a waveform that long.
 LONGEST_DECONVOLUTION = 8192
-
-
-class RowState(IntEnum):
-    """What became of one row of a block."""
-
-    KEPT = 0
-    SIGNAL_TOO_LOW = 1
-    DUPLICATE = 2
-    NOT_PLACED = 3
-    WITHOUT_PLANE = 4  # too long to be deconvolved
-    MERGED_AWAY = 5  # its echoes stand in the other channel of the shot
 
 
 _BlockArrays = tuple[
@@ -50,19 +40,20 @@ _BlockArrays = tuple[
 
 @dataclass(frozen=True)
 class Result:
-    """What one block gave; shots stand in ascending order of their time.
+    """Waveforms and echoes of one block, in ascending order of shot time.
 
-    waveforms : one row per waveform above its noise: ``row`` (of the samples), every value of the
-        analysis under its own name (times in s, ``maxAmplitudeDB`` in dB, positions in samples),
-        ``afterPulseFrom`` and ``afterPulseTo`` (NaN without a window), ``segmentCount``,
-        ``peakCount``
-    segments : stretches above the noise: ``waveform`` (row in `waveforms`), ``start``, ``end``
+    waveforms : one row per waveform above the threshold: ``row`` (of the samples), every value of
+        the analysis (times in s, ``maxAmplitudeDB`` in dB, positions in samples, the threshold
+        ``noise`` in counts), ``afterPulseFrom`` and ``afterPulseTo`` (NaN without a window),
+        ``segmentCount``, ``peakCount``
+    segments : runs of samples above the threshold: ``waveform`` (row in `waveforms`), ``start``,
+        ``end``
     peaks : one row per echo: ``waveform`` (row in `waveforms`), ``row`` (of the samples),
         ``amplitude`` (dB), ``amplitudeCounts``, ``idx`` (samples), ``time`` (s), ``quality``,
         ``type``, ``std`` (samples), ``classification``, ``reflectance``
     row_states : (n,) uint8, one `RowState` per row of the samples
     statistics : counters of the block
-    record : the counters as the file of suspicious blocks holds them; empty for other blocks
+    record : the counters as written to the statistics file; empty unless the block is suspicious
     """
 
     waveforms: Columns
@@ -83,19 +74,19 @@ class Driver:
     scanner : Scanner
         Must know its sampling interval.
     report_directory : path, optional
-        Where the statistics of suspicious blocks are appended; None writes none.
+        Directory of the statistics file, to which suspicious blocks are appended. Default: none.
     input_file : str
-        Names the file of the statistics, by its stem.
+        Its stem names the statistics file.
     longest_waveform : int
-        Samples of the longest waveform that a deconvolution will meet.
+        Longest waveform that will be deconvolved, in samples.
 
     Raises
     ------
     ValueError
-        The mode is none or not available, the scanner is not complete, or the longest waveform is
-        no number of samples.
+        Invalid mode or longest waveform, incomplete scanner, or no usable system wave for a mode
+        that deconvolves.
 
-    A driver serves one call at a time; a second thread waits. Use one driver per thread.
+    Calls from several threads run one after the other; use one driver per thread.
     """
 
     def __init__(
@@ -123,7 +114,7 @@ class Driver:
 
     @property
     def message(self) -> str:
-        """What the operator should know about this driver; empty when there is nothing."""
+        """Why the deconvolution cannot run; empty if it can or is not used."""
         return self._driver.message
 
     def apply(
@@ -137,27 +128,27 @@ class Driver:
         noise: int = -1,
         text: str = "",
     ) -> Result:
-        """Extracts the echoes of a block.
+        """Extract the echoes of a block.
 
         Parameters
         ----------
         samples : (n, width) uint16
-            Counts; read where they are, without a copy. Samples of a row must lie side by side.
+            Counts; read without a copy. Rows must be contiguous and aligned.
         counts : (n,) integers, optional
-            Valid samples of each row, at most `width`; all of them when left out.
+            Valid samples of each row, at most `width`. Default: `width`.
         shot_times : (n,) float, optional
-            Seconds; equal times make one shot. Left out: every row is a shot of its own.
+            Seconds; rows of equal time are one shot. Default: every row is its own shot.
         sbl_times : (n,) float, optional
-            Seconds; 0 when left out.
+            Seconds. Default: 0.
         channel_flags : (n,) integers, optional
-            0 normal, 1 low power (the default when left out).
+            0 high power, 1 low power. Default: 1.
         noise : int
-            Noise level in counts, 0 to 65535; negative: estimated for every waveform.
+            Threshold in counts, 0 to 65535; negative: estimated for every waveform.
 
         Raises
         ------
         ValueError
-            A shape, type, count or time does not fit; the sentence names it.
+            Wrong shape or type, or a count, time or flag out of range.
         """
         arrays = self._checked(samples, counts, shot_times, sbl_times, channel_flags)
         raw = self._driver.apply(*arrays, checked_noise(noise), text)
@@ -232,50 +223,53 @@ class Driver:
         if self.mode not in DECONVOLVING_MODES or not counts.size:
             return
         row = int(np.argmax(counts))
-        # At the limit nothing longer can be planned: the library leaves those without echoes.
+        # A driver at the limit accepts longer waveforms: they get no echoes and are counted.
         if counts[row] > self._longest and self._longest < LONGEST_DECONVOLUTION:
             raise ValueError(
-                f"counts: {counts[row]} of waveform {row} is above longest_waveform "
-                f"{self._longest}, for which this driver's deconvolution was planned"
+                f"counts: {counts[row]} of waveform {row} exceeds longest_waveform {self._longest} "
+                "of this driver"
             )
 
 
 def checked_mode(mode: Mode | int) -> Mode:
-    """The mode; ValueError when there is none of that number."""
-    try:
-        if isinstance(mode, bool):
-            raise ValueError
-        return Mode(mode)
-    except ValueError:
-        raise ValueError(f"mode {mode!r} is none of 0, 1, 2, 3") from None
+    """The mode of a number; ValueError if it is invalid."""
+    if isinstance(mode, bool) or mode not in list(Mode):
+        *others, last = (str(int(valid)) for valid in Mode)
+        raise ValueError(f"invalid mode {mode!r}; expected {', '.join(others)} or {last}")
+    return Mode(mode)
 
 
 def check_system_wave(mode: Mode, scanner: Scanner) -> None:
-    """ValueError when the mode deconvolves and the scanner has no system wave to do it with."""
-    if mode in DECONVOLVING_MODES and not scanner.has_system_wave:
+    """ValueError if the mode deconvolves and the scanner has no usable system wave."""
+    if mode not in DECONVOLVING_MODES:
+        return
+    if not scanner.has_system_wave:
         raise ValueError(
-            f"mode {int(mode)} ({mode.title}) needs the scanner's system wave, the attributes "
-            "a_real, a_imag, b_real and b_imag: give a scanner description that has them (the "
-            "command fullwaveform system-wave estimates one), or use mode 0 or 1"
+            f"mode {int(mode)} ({mode.title}) needs the scanner's system wave: add a_real, a_imag, "
+            "b_real and b_imag to the scanner description (fullwaveform system-wave estimates "
+            "them), or use mode 0 or 1"
         )
     interval = scanner.sampling_interval
-    if mode in DECONVOLVING_MODES and interval is not None:
-        largest = _largest_of_system_wave(scanner, interval)
-        if not (np.isfinite(largest) and largest > 0.0):
-            raise ValueError(
-                f"the system wave of a_real, a_imag, b_real and b_imag is no pulse: over its 12 "
-                f"samples of {interval * 1e9:g} ns its largest value is {largest}"
-            )
+    if interval is None:
+        return
+    maximum = _max_of_system_wave(scanner, interval)
+    if not (np.isfinite(maximum) and maximum > 0.0):
+        raise ValueError(
+            f"invalid system wave: the maximum of its {_core.SYSTEM_WAVE_SAMPLES} samples at "
+            f"{interval * 1e9:g} ns is {maximum}; it must be finite and above 0 (check a_real, "
+            "a_imag, b_real and b_imag)"
+        )
 
 
-def _largest_of_system_wave(scanner: Scanner, interval: float) -> float:
-    """Largest value of the exponential sum where the deconvolution evaluates it."""
+def _max_of_system_wave(scanner: Scanner, interval: float) -> float:
+    """Maximum of the exponential sum where the deconvolution evaluates it."""
     a, b = (
         np.asarray(scanner.attributes[f"{table}_real"], dtype=np.float64)
         + 1j * np.asarray(scanner.attributes[f"{table}_imag"], dtype=np.float64)
         for table in "ab"
     )
-    time = np.arange(56) * (interval / 5)
+    steps = (_core.SYSTEM_WAVE_SAMPLES - 1) * _core.UP_SAMPLING + 1
+    time = np.arange(steps) * (interval / _core.UP_SAMPLING)
     with np.errstate(all="ignore"):
         return float(np.max((np.exp(np.outer(time, b)) @ a).real))
 
@@ -288,29 +282,28 @@ def _checked_samples(samples: npt.NDArray[np.uint16]) -> npt.NDArray[np.uint16]:
         raise ValueError(f"samples must be uint16 in native byte order, not {array.dtype.str}")
     rows, width = array.shape
     if width > _core.MAX_COUNT:
-        raise ValueError(f"samples have {width} columns, at most {_core.MAX_COUNT} are allowed")
-    side_by_side = array.strides[1] == 2 or rows == 0 or width <= 1
-    if not (side_by_side and array.flags.aligned):
+        raise ValueError(f"samples have {width} columns; at most {_core.MAX_COUNT} are allowed")
+    contiguous = array.strides[1] == array.itemsize or rows == 0 or width <= 1
+    if not (contiguous and array.flags.aligned):
         raise ValueError(
-            "the samples of a row must lie side by side in memory, at even addresses; "
-            "use numpy.array(samples, order='C')"
+            "rows of samples must be contiguous and aligned; use numpy.array(samples, order='C')"
         )
     return array
 
 
 def _checked_longest(longest: int, deconvolves: bool) -> int:
     if isinstance(longest, bool) or not isinstance(longest, int | np.integer):
-        raise ValueError(f"longest_waveform must be an integer in samples, not {longest!r}")
+        raise ValueError(f"longest_waveform must be an integer (samples), not {longest!r}")
     limit = LONGEST_DECONVOLUTION if deconvolves else _core.MAX_COUNT
     if not 0 <= longest <= limit:
-        raise ValueError(f"longest_waveform {longest} is not between 0 and {limit}")
+        raise ValueError(f"invalid longest_waveform {longest}; expected 0 to {limit}")
     return int(longest)
 
 
 def checked_noise(noise: int) -> int:
-    """Noise level in counts, -1 for an estimate; ValueError when it is neither."""
+    """Threshold in counts, -1 for an estimate; ValueError if it is invalid."""
     if isinstance(noise, bool) or not isinstance(noise, int | np.integer):
-        raise ValueError(f"noise must be an integer in counts, not {noise!r}")
+        raise ValueError(f"noise must be an integer (counts), not {noise!r}")
     if noise > _core.MAX_COUNT:
-        raise ValueError(f"noise {noise} is above {_core.MAX_COUNT} counts")
+        raise ValueError(f"noise {noise} exceeds the maximum of {_core.MAX_COUNT} counts")
     return max(int(noise), -1)

@@ -20,9 +20,9 @@ class WaveformState(IntEnum):
     WITH_ECHOES = RowState.KEPT
     SIGNAL_TOO_LOW = RowState.SIGNAL_TOO_LOW
     DUPLICATE = RowState.DUPLICATE
-    NOT_PLACED = RowState.NOT_PLACED
-    WITHOUT_PLANE = RowState.WITHOUT_PLANE
-    MERGED_AWAY = RowState.MERGED_AWAY
+    INVALID_ROW = RowState.INVALID_ROW
+    TOO_LONG_TO_DECONVOLVE = RowState.TOO_LONG_TO_DECONVOLVE
+    MERGED_INTO_OTHER_CHANNEL = RowState.MERGED_INTO_OTHER_CHANNEL
     NO_ECHO = 6
     NOT_FINITE = 7
 
@@ -36,11 +36,11 @@ _PHRASES = {
     WaveformState.WITH_ECHOES: "with echoes",
     WaveformState.SIGNAL_TOO_LOW: "signal not above the noise",
     WaveformState.DUPLICATE: "repeats a waveform of its shot",
-    WaveformState.NOT_PLACED: "no shot time",
-    WaveformState.WITHOUT_PLANE: (
+    WaveformState.INVALID_ROW: "no shot time",
+    WaveformState.TOO_LONG_TO_DECONVOLVE: (
         f"longer than the {LONGEST_DECONVOLUTION:,} samples that can be deconvolved"
     ),
-    WaveformState.MERGED_AWAY: "echoes stand in the other channel of the shot",
+    WaveformState.MERGED_INTO_OTHER_CHANNEL: "echoes stand in the other channel of the shot",
     WaveformState.NO_ECHO: "no echo found, or none that can be real",
     WaveformState.NOT_FINITE: "no echo that is finite",
 }
@@ -102,7 +102,7 @@ def waveform_table(block: WaveformBlock) -> WaveformTable:
         max_position=np.full(rows, np.nan),
         segment_count=np.zeros(rows, np.int64),
         echo_count=np.zeros(rows, np.int64),
-        state=np.full(rows, WaveformState.NOT_PLACED, np.uint8),
+        state=np.full(rows, WaveformState.INVALID_ROW, np.uint8),
     )
 
 

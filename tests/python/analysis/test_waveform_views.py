@@ -143,7 +143,7 @@ def test_channels_are_merged_before_one_of_them_is_shown() -> None:
     shot = ChosenShot(block_of(packets), np.array([1]))
     (view,) = waveform_views(shot, Scanner.default(), [Mode.THREE_POINT], 10)
     assert view.number == 71
-    assert view.methods[0].state is WaveformState.MERGED_AWAY
+    assert view.methods[0].state is WaveformState.MERGED_INTO_OTHER_CHANNEL
     assert len(view.methods[0].positions) == 0
 
 

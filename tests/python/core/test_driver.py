@@ -200,7 +200,7 @@ def test_flags_other_than_zero_are_one_group() -> None:
     assert merged.peaks["row"].tolist() == [1]
     assert merged.waveforms["peakCount"].tolist() == [0, 1]
     assert merged.statistics["mergedIntoOtherChannel"] == 1
-    assert merged.row_states.tolist() == [RowState.MERGED_AWAY, RowState.KEPT]
+    assert merged.row_states.tolist() == [RowState.MERGED_INTO_OTHER_CHANNEL, RowState.KEPT]
     assert merged.waveforms["isLowPower"].tolist() == [False, False]  # 7 is not 1
     alike = driver().apply(samples, shot_times=times, channel_flags=[1, 7], noise=10)
     assert alike.peaks["row"].tolist() == [0, 1]
@@ -243,8 +243,8 @@ def test_modes() -> None:
     assert Mode.THREE_POINT.title == "Fitting gauss curve (linear)"
     assert Mode.HYBRID.title == "FWF_Hybrid"
     assert Driver(0, scanner()).message == ""
-    for mode in (4, -1):
-        with pytest.raises(ValueError, match=f"^mode {mode} is none of 0, 1, 2, 3$"):
+    for mode in (4, -1, True):
+        with pytest.raises(ValueError, match=f"^invalid mode {mode}; expected 0, 1, 2 or 3$"):
             Driver(mode, scanner())
 
 

@@ -198,14 +198,14 @@ REFUSED: dict[str, tuple[dict[str, Any], str]] = {
     ),
     "too wide": (
         {"samples": np.zeros((1, 65_536), np.uint16)},
-        "samples have 65536 columns, at most 65535 are allowed",
+        "samples have 65536 columns; at most 65535 are allowed",
     ),
-    "every second sample": ({"samples": ROWS[:, ::2]}, "must lie side by side in memory"),
-    "columns first": ({"samples": np.asfortranarray(ROWS)}, "must lie side by side in memory"),
-    "reversed": ({"samples": ROWS[:, ::-1]}, "must lie side by side in memory"),
+    "every second sample": ({"samples": ROWS[:, ::2]}, "must be contiguous and aligned"),
+    "columns first": ({"samples": np.asfortranarray(ROWS)}, "must be contiguous and aligned"),
+    "reversed": ({"samples": ROWS[:, ::-1]}, "must be contiguous and aligned"),
     "odd address": (
         {"samples": np.frombuffer(b"\0" * 721, np.uint16, 360, offset=1).reshape(6, 60)},
-        "at even addresses",
+        "must be contiguous and aligned",
     ),
     "count too large": (
         {"counts": [60, 60, 61, 60, 60, 60]},
@@ -235,9 +235,9 @@ REFUSED: dict[str, tuple[dict[str, Any], str]] = {
     ),
     "broken flag": ({"channel_flags": [1.0] * 6}, "channel_flags must be integers, not float64"),
     "few flags": ({"channel_flags": []}, "channel_flags has 0 values, but "),
-    "noise": ({"noise": 65_536}, "noise 65536 is above 65535 counts"),
-    "broken noise": ({"noise": 10.5}, "noise must be an integer in counts, not 10.5"),
-    "true noise": ({"noise": True}, "noise must be an integer in counts, not True"),
+    "noise": ({"noise": 65_536}, "noise 65536 exceeds the maximum of 65535 counts"),
+    "broken noise": ({"noise": 10.5}, "noise must be an integer (counts), not 10.5"),
+    "true noise": ({"noise": True}, "noise must be an integer (counts), not True"),
 }
 
 

@@ -129,13 +129,13 @@ def test_drivers_in_threads_give_what_one_driver_gives(mode: Mode) -> None:
 
 @pytest.mark.parametrize("mode", [2, 3])
 def test_deconvolving_modes_name_what_is_missing(mode: int) -> None:
-    with pytest.raises(ValueError, match="needs the scanner's system wave, the attributes a_real"):
+    with pytest.raises(ValueError, match="needs the scanner's system wave: add a_real"):
         Driver(mode, Scanner.default(INTERVAL))
 
 
 def test_a_waveform_longer_than_planned_is_refused() -> None:
     driver = Driver(2, scanner(), longest_waveform=50)
-    with pytest.raises(ValueError, match="51 of waveform 1 is above longest_waveform 50"):
+    with pytest.raises(ValueError, match="51 of waveform 1 exceeds longest_waveform 50"):
         driver.apply(np.zeros((2, 60), np.uint16), counts=[50, 51])
     assert driver.apply(np.zeros((1, 60), np.uint16), counts=[50]).peaks.rows == 0
 
@@ -150,7 +150,7 @@ def test_a_waveform_longer_than_planned_is_refused() -> None:
 )
 def test_a_system_wave_that_is_no_pulse_is_refused(wave: dict[str, list[float]]) -> None:
     attributes = {**DEFAULT_ATTRIBUTES, **wave, "WaveformSampleInterval": INTERVAL}
-    with pytest.raises(ValueError, match="is no pulse: over its 12 samples of 1 ns"):
+    with pytest.raises(ValueError, match="maximum of its 12 samples at 1 ns is"):
         Driver(2, Scanner.from_attributes(attributes))
 
 
@@ -164,11 +164,11 @@ def test_beyond_the_limit_waveforms_stay_without_echoes() -> None:
     assert result.waveforms["peakCount"].tolist()[0] == 0
     assert result.waveforms["peakCount"].tolist()[1] > 0
     assert result.statistics["tooLongToDeconvolve"] == 1
-    assert result.row_states.tolist() == [RowState.WITHOUT_PLANE, RowState.KEPT]
+    assert result.row_states.tolist() == [RowState.TOO_LONG_TO_DECONVOLVE, RowState.KEPT]
 
 
 def test_a_ladder_without_end_is_refused() -> None:
-    with pytest.raises(ValueError, match="longest_waveform 8193 is not between 0 and 8192"):
+    with pytest.raises(ValueError, match="invalid longest_waveform 8193; expected 0 to 8192"):
         Driver(2, scanner(), longest_waveform=8193)
 
 

@@ -213,7 +213,7 @@ def test_every_waveform_is_counted_once() -> None:
         states.WITH_ECHOES,
         states.SIGNAL_TOO_LOW,
         states.DUPLICATE,
-        states.MERGED_AWAY,
+        states.MERGED_INTO_OTHER_CHANNEL,
         states.NO_ECHO,
         states.NOT_FINITE,
         states.WITH_ECHOES,
