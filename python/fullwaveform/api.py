@@ -25,8 +25,9 @@ from fullwaveform.extraction.extractor import (
 )
 from fullwaveform.extraction.pipeline import available_workers, extracted_blocks
 from fullwaveform.extraction.waveform_table import WAVEFORM_SCHEMA, WaveformTable
+from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.echo_writers.opening import open_echo_file
-from fullwaveform.io.opening import WaveformReader, open_waveforms
+from fullwaveform.io.opening import open_waveforms
 
 if TYPE_CHECKING:
     import pandas as pd

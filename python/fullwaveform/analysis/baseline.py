@@ -5,7 +5,7 @@ from __future__ import annotations
 import numpy as np
 import numpy.typing as npt
 
-FloatArray = npt.NDArray[np.float64]
+from fullwaveform.data.arrays import FloatArray
 
 # Standard deviation of a normal distribution over its mean distance from the middle.
 _DEVIATION_PER_DISTANCE = float(np.sqrt(np.pi / 2.0))

@@ -12,7 +12,7 @@ import numpy.typing as npt
 from fullwaveform.analysis.matching import Matching, match_echoes
 from fullwaveform.core.online import evaluate_online
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.blocks import FloatArray
+from fullwaveform.data.arrays import FloatArray
 from fullwaveform.data.columns import Columns
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.las.points import open_las
@@ -43,7 +43,7 @@ class Comparison:
     """Extracted against on-board echoes of the same pulses."""
 
     on_board: Columns  # as `evaluate_online` gives them; times from each pulse's first echo
-    seen_twice: int  # returns left out because another channel of the shot had them too
+    duplicate_returns: int  # returns left out because another channel of the shot had them too
     extracted_ranges: FloatArray  # m along the pulse, in the order of the file
     matching: Matching  # found: extracted, ref: on board; differences in m of range
 

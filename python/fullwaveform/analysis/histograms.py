@@ -5,9 +5,8 @@ from __future__ import annotations
 from dataclasses import dataclass
 
 import numpy as np
-import numpy.typing as npt
 
-IntArray = npt.NDArray[np.int64]
+from fullwaveform.data.arrays import IntArray
 
 
 @dataclass(frozen=True, slots=True)

@@ -17,10 +17,10 @@ from fullwaveform.analysis.histograms import (
     count_quantile,
     value_histogram,
 )
+from fullwaveform.data.arrays import IntArray
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
-from fullwaveform.io.opening import WaveformReader
+from fullwaveform.io.base import WaveformReader
 
-IntArray = npt.NDArray[np.int64]
 _Key = TypeVar("_Key", int, float)
 
 _VALUES = 65_536  # of a sample
@@ -189,8 +189,8 @@ class _Sums:
         return FileContents(
             format=kind,
             points=points,
-            points_without_waveform=tally.points_without_packet,
-            points_sharing_waveform=tally.points_sharing_packet,
+            points_without_waveform=tally.points_without_waveform,
+            points_sharing_waveform=tally.points_sharing_waveform,
             waveforms=self.waveforms,
             shots=self.per_shot.total(),
             samples=int(values.sum()),

@@ -7,20 +7,18 @@ from dataclasses import dataclass
 import numpy as np
 import numpy.typing as npt
 
-FloatArray = npt.NDArray[np.float64]
-IndexArray = npt.NDArray[np.int64]
-BoolArray = npt.NDArray[np.bool_]
+from fullwaveform.data.arrays import BoolArray, FloatArray, IntArray
 
 
 @dataclass(frozen=True, slots=True)
 class Matching:
     """One-to-one pairs, ascending by found echo, and what was left over, ascending."""
 
-    found_index: IndexArray  # rows of the found echoes
-    ref_index: IndexArray  # rows of their partners, same length
+    found_index: IntArray  # rows of the found echoes
+    ref_index: IntArray  # rows of their partners, same length
     difference: FloatArray  # found less reference position, in the unit of the positions
-    unmatched_found: IndexArray
-    unmatched_ref: IndexArray
+    unmatched_found: IntArray
+    unmatched_ref: IntArray
 
     def __len__(self) -> int:
         return len(self.found_index)
@@ -128,7 +126,7 @@ def _joined_keys(
     return joined
 
 
-def _sorted_rows(key: npt.NDArray[np.generic], position: FloatArray) -> IndexArray:
+def _sorted_rows(key: npt.NDArray[np.generic], position: FloatArray) -> IntArray:
     """Rows that can match, by group and position."""
     known = ~np.isnan(key) if key.dtype.kind == "f" else np.ones(len(key), dtype=np.bool_)
     usable = np.flatnonzero(np.isfinite(position) & known)
@@ -136,12 +134,12 @@ def _sorted_rows(key: npt.NDArray[np.generic], position: FloatArray) -> IndexArr
 
 
 def _pair_rows(
-    rows: IndexArray,
+    rows: IntArray,
     key: npt.NDArray[np.generic],
     position: FloatArray,
     found_count: int,
     tolerance: float,
-) -> tuple[IndexArray, IndexArray]:
+) -> tuple[IntArray, IntArray]:
     """Rows of found and of reference echoes that belong together.
 
     Each round takes the pairs that are nearest to each other, on either side, among all that are
@@ -160,7 +158,7 @@ def _pair_rows(
 
 def _mutually_nearest(
     key: npt.NDArray[np.generic], position: FloatArray, is_found: BoolArray, tolerance: float
-) -> IndexArray:
+) -> IntArray:
     """Places i in the sorted row where i and i + 1 are each other's nearest of the other kind.
 
     Such a pair has nothing between it. "Less than" to the left only: of two pairs equally close
@@ -185,7 +183,7 @@ def _distance_to_other_kind(
     return np.where(same, np.abs(position - position[other]), np.inf)
 
 
-def _others(rows: IndexArray, count: int) -> IndexArray:
+def _others(rows: IntArray, count: int) -> IntArray:
     """The row numbers below `count` that are not among `rows`."""
     left: BoolArray = np.ones(count, dtype=np.bool_)
     left[rows] = False

@@ -9,7 +9,7 @@ import numpy as np
 import numpy.typing as npt
 
 from fullwaveform.data.blocks import PulseGeometry, WaveformBlock, take_rows
-from fullwaveform.io.opening import WaveformReader
+from fullwaveform.io.base import WaveformReader
 
 SAME_TIME = 1e-6  # s, within which a time names a shot
 

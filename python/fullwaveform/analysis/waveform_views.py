@@ -13,7 +13,8 @@ from fullwaveform.analysis.waveform_selection import ChosenShot
 from fullwaveform.core.driver import Driver, Mode, check_system_wave
 from fullwaveform.core.messages import forward_messages
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.blocks import FloatArray, WaveformBlock
+from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.extraction.extractor import ExtractedBlock, ExtractionSettings, Extractor
 from fullwaveform.extraction.waveform_table import WaveformState
 

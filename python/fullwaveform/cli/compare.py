@@ -64,8 +64,10 @@ def _show(comparison: Comparison, tolerance: float, console: Console) -> None:
     table.add_column(justify="right", no_wrap=True)
     table.add_column()
     table.add_row("on board", f"{on_board:,}", "")
-    if comparison.seen_twice:
-        table.add_row("seen twice", f"{comparison.seen_twice:,}", "by another channel, left out")
+    if comparison.duplicate_returns:
+        table.add_row(
+            "duplicates", f"{comparison.duplicate_returns:,}", "of another channel, left out"
+        )
     table.add_row("extracted", f"{len(comparison.extracted_ranges):,}", "")
     share = len(matching) / on_board if on_board else 0.0
     table.add_row("matched", f"{len(matching):,}", f"{share:.1%} of those on board")

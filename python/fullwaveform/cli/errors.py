@@ -10,7 +10,7 @@ from pathlib import Path
 import typer
 
 from fullwaveform.cli.signals import Ended, unwinding_on_signals
-from fullwaveform.io.atomic import noting_files
+from fullwaveform.io.atomic import collect_outputs
 
 #: The data or the files are not as they must be.
 EXIT_DATA = 1
@@ -25,7 +25,7 @@ def told_in_a_sentence(left: Callable[[], str] | None = None) -> Iterator[None]:
     `left` says, after a signal, what there is of the result; without it, that is told by the files
     that got their names.
     """
-    with noting_files() as files:
+    with collect_outputs() as files:
         try:
             with unwinding_on_signals():
                 yield

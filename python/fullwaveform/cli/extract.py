@@ -37,9 +37,8 @@ from fullwaveform.cli.progress import progress_of
 from fullwaveform.cli.summary import RunSummary
 from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTally, run_metadata
 from fullwaveform.extraction.pipeline import available_workers, extracted_blocks, write_echoes
-from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.base import EchoWriter, WaveformReader
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, check_takes_empty, open_echo_file
-from fullwaveform.io.opening import WaveformReader
 
 if TYPE_CHECKING:
     from fullwaveform.cli.cluster import ClusterCall

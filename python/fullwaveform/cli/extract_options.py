@@ -12,7 +12,8 @@ from fullwaveform.cli.options import ChannelFlags
 from fullwaveform.core.driver import Mode, check_system_wave
 from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.extraction.extractor import ExtractionSettings
-from fullwaveform.io.opening import WaveformReader, open_waveforms
+from fullwaveform.io.base import WaveformReader
+from fullwaveform.io.opening import open_waveforms
 
 
 @dataclass(frozen=True)

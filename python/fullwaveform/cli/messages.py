@@ -10,7 +10,7 @@ from contextlib import contextmanager
 import typer
 
 from fullwaveform.core.messages import message_kind
-from fullwaveform.io.opening import WaveformReader
+from fullwaveform.io.base import WaveformReader
 
 
 class _MessageCounter(logging.Handler):
@@ -35,7 +35,7 @@ def told_to_people(sentence: str) -> None:
 
 def tell_unreadable(reader: WaveformReader, verbose: bool) -> None:
     """Have the reader tell each waveform that it leaves out, in a verbose run."""
-    reader.tell_unreadable = told_to_people if verbose else None
+    reader.on_unreadable = told_to_people if verbose else None
 
 
 @contextmanager

@@ -19,7 +19,7 @@ from rich.table import Column
 from rich.text import Text
 
 from fullwaveform.data.blocks import WaveformBlock
-from fullwaveform.io.opening import WaveformReader
+from fullwaveform.io.base import WaveformReader
 
 _LONGEST_NAME = 20  # characters
 

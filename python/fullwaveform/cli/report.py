@@ -33,8 +33,8 @@ from fullwaveform.cli.options import (
 from fullwaveform.core.driver import Mode, check_system_wave
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import WaveformBlock
-from fullwaveform.io.atomic import open_when_whole
-from fullwaveform.io.opening import WaveformReader
+from fullwaveform.io.atomic import atomic_open
+from fullwaveform.io.base import WaveformReader
 
 
 def report(
@@ -193,6 +193,6 @@ def _deliver(text: str, output: Path | None) -> None:
     if output is None:
         typer.echo(text, nl=False)
         return
-    with open_when_whole(output) as stream:
+    with atomic_open(output) as stream:
         stream.write(text.encode("utf-8"))
     typer.echo(f"result: {output}")

@@ -46,8 +46,8 @@ class RunSummary:
         share = found.waveforms_with_echoes / read.waveforms if read.waveforms else 0.0
         rows = [
             ("points read", f"{read.points:,}", ""),
-            ("without a packet", f"{read.points_without_packet:,}", "passed over"),
-            ("sharing a packet", f"{read.points_sharing_packet:,}", "their waveform counts once"),
+            ("without a packet", f"{read.points_without_waveform:,}", "passed over"),
+            ("sharing a packet", f"{read.points_sharing_waveform:,}", "their waveform counts once"),
             ("waveforms", f"{read.waveforms:,}", ""),
             ("with echoes", f"{found.waveforms_with_echoes:,}", f"{share:.1%} of the waveforms"),
         ]

@@ -18,7 +18,7 @@ from fullwaveform.cluster.plain import from_plain, to_plain
 from fullwaveform.cluster.settings import JobSettings, differences
 from fullwaveform.cluster.units import planned_parts
 from fullwaveform.cluster.work import Plain, Unit, count_blocks, extract_unit
-from fullwaveform.io.atomic import replace_when_whole
+from fullwaveform.io.atomic import atomic_path
 
 _A_WHILE = 15.0  # s; lost workers that are started again are back sooner
 _LEFT_BEHIND = ".part-*.part"  # of workers that were killed while they wrote
@@ -252,7 +252,7 @@ def _write_statistics(manifest: Manifest, folder: Path) -> None:
             texts[path] = texts.get(path, "") + part.outcome.record
     for path, text in texts.items():
         try:
-            with replace_when_whole(path) as temporary:
+            with atomic_path(path) as temporary:
                 temporary.write_bytes(text.encode("ascii"))
         except OSError:
             continue

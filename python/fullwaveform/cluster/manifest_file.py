@@ -8,7 +8,7 @@ from pathlib import Path
 
 from fullwaveform.cluster.manifest import MANIFEST_NAME, MANIFEST_VERSION, Manifest, Part
 from fullwaveform.cluster.plain import from_plain, to_plain
-from fullwaveform.io.atomic import replace_when_whole
+from fullwaveform.io.atomic import atomic_path
 
 _SHORTEST_PAUSE = 2.0  # s between two versions of the file
 _SHARE = 20  # the pause is at least so many times what writing took
@@ -99,7 +99,7 @@ class ManifestFile:
         begin = time.monotonic()
         self._manifest.seconds = self._seconds_before + begin - self._began
         text = json.dumps(to_plain(self._manifest), indent=1, allow_nan=False)
-        with replace_when_whole(self._path) as temporary:
+        with atomic_path(self._path) as temporary:
             temporary.write_text(text + "\n", encoding="utf-8")
         end = time.monotonic()
         self._next = end + max(_SHORTEST_PAUSE, _SHARE * (end - begin))

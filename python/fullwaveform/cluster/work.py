@@ -19,10 +19,10 @@ from fullwaveform.cluster.plain import from_plain, to_plain
 from fullwaveform.cluster.settings import JobSettings
 from fullwaveform.extraction.extractor import ExtractedBlock, run_metadata
 from fullwaveform.extraction.pipeline import extracted_blocks, write_echoes
-from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.base import EchoWriter, WaveformReader
 from fullwaveform.io.echo_writers.las import LasEchoWriter
 from fullwaveform.io.echo_writers.opening import open_echo_file
-from fullwaveform.io.opening import WaveformReader, open_waveforms
+from fullwaveform.io.opening import open_waveforms
 
 Plain = dict[str, Any]
 

@@ -9,7 +9,7 @@ from dataclasses import dataclass, field, fields
 import numpy as np
 import numpy.typing as npt
 
-FloatArray = npt.NDArray[np.float64]
+from fullwaveform.data.arrays import FloatArray
 
 
 @dataclass(frozen=True, slots=True)
@@ -63,8 +63,8 @@ class ReadTally:
     """What a reader met so far; complete when its blocks are exhausted."""
 
     points: int = 0
-    points_without_packet: int = 0
-    points_sharing_packet: int = 0  # points whose packet another point had brought already
+    points_without_waveform: int = 0
+    points_sharing_waveform: int = 0  # points whose packet another point had brought already
     waveforms: int = 0
     rejected: Counter[str] = field(default_factory=Counter)  # reason as a phrase -> waveforms
     notes: list[str] = field(default_factory=list)  # one sentence each, for the summary
@@ -78,8 +78,8 @@ class ReadTally:
         """Both together, as of two ranges of blocks; notes of both stand once."""
         return ReadTally(
             self.points + other.points,
-            self.points_without_packet + other.points_without_packet,
-            self.points_sharing_packet + other.points_sharing_packet,
+            self.points_without_waveform + other.points_without_waveform,
+            self.points_sharing_waveform + other.points_sharing_waveform,
             self.waveforms + other.waveforms,
             self.rejected + other.rejected,
             list(dict.fromkeys(self.notes + other.notes)),
@@ -93,15 +93,15 @@ class ReadTally:
         """What was met since `earlier`, a copy of this tally; the notes are all kept."""
         return ReadTally(
             self.points - earlier.points,
-            self.points_without_packet - earlier.points_without_packet,
-            self.points_sharing_packet - earlier.points_sharing_packet,
+            self.points_without_waveform - earlier.points_without_waveform,
+            self.points_sharing_waveform - earlier.points_sharing_waveform,
             self.waveforms - earlier.waveforms,
             self.rejected - earlier.rejected,
             list(self.notes),
         )
 
 
-class TellingTally(ReadTally):
+class ReportingTally(ReadTally):
     """A tally that tells of each waveform that is left out, when it is met."""
 
     def __init__(self, each: Callable[[str], None], notes: list[str]) -> None:

@@ -1,15 +1,13 @@
-"""Rows for waveforms without echoes."""
+"""IntArray for waveforms without echoes."""
 
 from __future__ import annotations
 
 from dataclasses import fields
 
 import numpy as np
-import numpy.typing as npt
 
+from fullwaveform.data.arrays import IntArray
 from fullwaveform.data.blocks import EchoTable, ShotAttributes, WaveformBlock, take_rows
-
-Rows = npt.NDArray[np.int64]
 
 
 def with_empty_waveforms(echoes: EchoTable, block: WaveformBlock) -> EchoTable:
@@ -40,10 +38,10 @@ def without_empty_waveforms(echoes: EchoTable) -> EchoTable:
     return echoes if len(kept) == len(echoes) else _taken(echoes, kept)
 
 
-def _rows_of(numbers: Rows, numbers_of_block: Rows) -> Rows:
+def _rows_of(numbers: IntArray, numbers_of_block: IntArray) -> IntArray:
     by_number = np.argsort(numbers_of_block, kind="stable")
     place = np.searchsorted(numbers_of_block, numbers, sorter=by_number)
-    rows: Rows = by_number[np.minimum(place, len(by_number) - 1)] if len(by_number) else place
+    rows: IntArray = by_number[np.minimum(place, len(by_number) - 1)] if len(by_number) else place
     known = numbers_of_block[rows] == numbers if len(by_number) else np.zeros(len(numbers), bool)
     if not known.all():
         raise ValueError(
@@ -52,7 +50,7 @@ def _rows_of(numbers: Rows, numbers_of_block: Rows) -> Rows:
     return rows
 
 
-def _empty_rows(block: WaveformBlock, rows: Rows, echo_count: Rows) -> EchoTable:
+def _empty_rows(block: WaveformBlock, rows: IntArray, echo_count: IntArray) -> EchoTable:
     count = len(rows)
     none, none_single = np.full(count, np.nan), np.full(count, np.nan, np.float32)
     zero = np.zeros(count, np.uint8)
@@ -91,7 +89,7 @@ def _joined(first: EchoTable, second: EchoTable) -> EchoTable:
     return EchoTable(**columns, attributes=attributes)
 
 
-def _taken(echoes: EchoTable, order: Rows) -> EchoTable:
+def _taken(echoes: EchoTable, order: IntArray) -> EchoTable:
     columns = {
         column.name: getattr(echoes, column.name)[order]
         for column in fields(EchoTable)

@@ -13,7 +13,8 @@ import numpy.typing as npt
 import fullwaveform
 from fullwaveform.core.driver import DECONVOLVING_MODES, LONGEST_DECONVOLUTION, Driver, Mode, Result
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.blocks import EchoTable, FloatArray, WaveformBlock
+from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.blocks import EchoTable, WaveformBlock
 from fullwaveform.data.empty_waveforms import with_empty_waveforms
 from fullwaveform.extraction.georeference import placed
 from fullwaveform.extraction.waveform_table import (

@@ -8,13 +8,8 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.data.blocks import (
-    EchoTable,
-    FloatArray,
-    PulseGeometry,
-    WaveformBlock,
-    take_rows,
-)
+from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.blocks import EchoTable, PulseGeometry, WaveformBlock, take_rows
 
 _PICOSECONDS = 1e12
 _NANOSECONDS = 1e9

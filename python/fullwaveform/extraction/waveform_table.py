@@ -11,7 +11,8 @@ import numpy.typing as npt
 import pyarrow as pa
 
 from fullwaveform.core.driver import LONGEST_DECONVOLUTION, Result, RowState
-from fullwaveform.data.blocks import FloatArray, WaveformBlock
+from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.blocks import WaveformBlock
 
 
 class WaveformState(IntEnum):

@@ -23,7 +23,7 @@ class OutputError(OSError):
 
 
 @contextmanager
-def noting_files() -> Iterator[list[Path]]:
+def collect_outputs() -> Iterator[list[Path]]:
     """Yield a list that receives the outputs that get their name in the block."""
     global _noted
     former, _noted = _noted, []
@@ -34,7 +34,7 @@ def noting_files() -> Iterator[list[Path]]:
 
 
 @contextmanager
-def replace_when_whole(path: str | os.PathLike[str]) -> Iterator[Path]:
+def atomic_path(path: str | os.PathLike[str]) -> Iterator[Path]:
     """Yield a temporary path beside `path` that takes its name when the block ends well.
 
     The temporary file exists already, empty, and lies in the same folder, so that the final
@@ -68,15 +68,15 @@ def replace_when_whole(path: str | os.PathLike[str]) -> Iterator[Path]:
 
 
 @contextmanager
-def open_when_whole(path: str | os.PathLike[str]) -> Iterator[OutputFile]:
+def atomic_open(path: str | os.PathLike[str]) -> Iterator[OutputFile]:
     """Yield a stream into a file that takes its name when the block ends well.
 
-    As `replace_when_whole`, for libraries that write to a stream and make errors of their own, or
+    As `atomic_path`, for libraries that write to a stream and make errors of their own, or
     worse, of an error in it. An error of writing is raised at the end of the block, in place of
     any other, or before that by the stream's `check`.
     """
     final = Path(path)
-    with replace_when_whole(final) as temporary, OutputFile(temporary, final) as stream:
+    with atomic_path(final) as temporary, OutputFile(temporary, final) as stream:
         try:
             yield stream
         except Exception:

@@ -12,17 +12,18 @@ from pathlib import Path
 from types import TracebackType
 from typing import Any, ClassVar, Self
 
+import laspy
 import numpy as np
 import numpy.typing as npt
 
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import EchoTable, ReadTally, WaveformBlock
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.block_range import Pass, UngatheredBlock
+from fullwaveform.io.block_range import BlockRange, PendingBlock
 from fullwaveform.io.interruption import raise_if_requested
 
 
-class FileReader(ABC):
+class WaveformReader(ABC):
     """A file of waveforms that is read in passes; to be used in a ``with`` statement.
 
     Parameters that the readers of all formats take:
@@ -44,7 +45,7 @@ class FileReader(ABC):
     skip_unreadable: bool = True
     #: Told a sentence about each waveform that cannot be used when `blocks` visits it, also before
     #: a range: where in the file it stands, and why.
-    tell_unreadable: Callable[[str], None] | None = None
+    on_unreadable: Callable[[str], None] | None = None
 
     def __init__(
         self,
@@ -58,7 +59,7 @@ class FileReader(ABC):
         self._waveforms_per_block = waveforms_per_block
         self._flags = flag_table(channel_flags)
         self._notes: tuple[str, ...] = ()  # of the file, for the tally of every pass
-        self._pass = Pass()
+        self._pass = BlockRange()
         self._closed = False
 
     def __enter__(self) -> Self:
@@ -80,6 +81,11 @@ class FileReader(ABC):
     def path(self) -> Path:
         """The file."""
         return self._path
+
+    @property
+    @abstractmethod
+    def header(self) -> laspy.LasHeader | None:
+        """LAS header for files of its echoes; None if the waveforms are not georeferenced."""
 
     @property
     def tally(self) -> ReadTally:
@@ -130,8 +136,8 @@ class FileReader(ABC):
             If the file is closed, or the range is none.
         """
         self._check_that_it_is_open()
-        current = self._pass = Pass(first, stop, self._notes, self.tell_unreadable)
-        for block in current.gathered(self._ungathered(current.met)):
+        current = self._pass = BlockRange(first, stop, self._notes, self.on_unreadable)
+        for block in current.gathered(self._pending_blocks(current.met)):
             self._check_that_all_were_readable(current.tally)
             raise_if_requested()
             yield block
@@ -145,16 +151,16 @@ class FileReader(ABC):
         Neither a pass under way nor its tally changes. Raises as `blocks`.
         """
         self._check_that_it_is_open()
-        return sum(1 for _ in self._ungathered(ReadTally()))
+        return sum(1 for _ in self._pending_blocks(ReadTally()))
 
     @abstractmethod
-    def _ungathered(self, met: ReadTally) -> Iterator[UngatheredBlock]:
+    def _pending_blocks(self, met: ReadTally) -> Iterator[PendingBlock]:
         """Visit all points, count what is met in `met`, except waveforms, and cut the blocks."""
 
     def _begin_anew(self, notes: list[str]) -> None:
         """Keep what opening the file had to say for the tally of every pass."""
         self._notes = tuple(notes)
-        self._pass = Pass(notes=self._notes)
+        self._pass = BlockRange(notes=self._notes)
 
     def _note_on_unused_flags(self) -> list[str]:
         """For a file that itself says the flag of each waveform."""

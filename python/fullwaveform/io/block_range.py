@@ -8,18 +8,18 @@ from dataclasses import dataclass
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.data.blocks import ReadTally, TellingTally, WaveformBlock
+from fullwaveform.data.blocks import ReadTally, ReportingTally, WaveformBlock
 
 
 @dataclass(frozen=True, slots=True)
-class UngatheredBlock:
+class PendingBlock:
     """A block of whole shots whose samples have not been gathered yet."""
 
     waveforms: int
     gather: Callable[[npt.NDArray[np.int64]], WaveformBlock]  # takes the waveforms' numbers
 
 
-class Pass:
+class BlockRange:
     """A pass that gathers the blocks `first` <= number < `stop` and counts what belongs to them.
 
     A block's share is what was met between the end of the block before it and its own end. What is
@@ -46,7 +46,9 @@ class Pass:
             )
         self._first, self._stop = first, stop
         # From the beginning of the file on.
-        self.met = ReadTally(notes=list(notes)) if each is None else TellingTally(each, list(notes))
+        self.met = (
+            ReadTally(notes=list(notes)) if each is None else ReportingTally(each, list(notes))
+        )
         self._before = ReadTally()  # what belongs to the blocks before the range
         self._until: ReadTally | None = None  # where the range ended before the file did
 
@@ -60,7 +62,7 @@ class Pass:
         """Whether all blocks of the file belong to it, whatever their number."""
         return self._first == 0 and self._stop is None
 
-    def gathered(self, blocks: Iterator[UngatheredBlock]) -> Iterator[WaveformBlock]:
+    def gathered(self, blocks: Iterator[PendingBlock]) -> Iterator[WaveformBlock]:
         """Yield the blocks of the range, whose iteration counts into `met`."""
         if self._stop == self._first:
             return

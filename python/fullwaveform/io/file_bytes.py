@@ -13,12 +13,11 @@ import numpy as np
 import numpy.typing as npt
 from numpy.lib.stride_tricks import sliding_window_view
 
+from fullwaveform.data.arrays import IntArray
 from fullwaveform.data.errors import WaveformFileError
 
 _AT_A_TIME = 1 << 24  # bytes read at once, unless a single piece is longer
 _GAP = 1 << 14  # bytes; what lies so close together is read in one step
-
-IntArray = npt.NDArray[np.int64]
 
 
 class FileBytes:

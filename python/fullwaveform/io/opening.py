@@ -3,17 +3,13 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Callable, Iterator, Mapping
+from collections.abc import Mapping
 from importlib import import_module
 from pathlib import Path
-from types import TracebackType
-from typing import Any, Protocol, Self
+from typing import Any
 
-import laspy
-
-from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.container.layout import HDF5_SIGNATURE
 from fullwaveform.io.las.reader import LasWaveformReader
 from fullwaveform.io.npz.reader import ZIP_SIGNATURE, NpzReader
@@ -23,82 +19,6 @@ from fullwaveform.io.pulsewaves.samples import WAVES_SIGNATURE
 
 _LAS_SIGNATURE = b"LASF"
 _LONGEST_SIGNATURE = 16  # bytes
-
-
-class WaveformReader(Protocol):
-    """What the readers of all formats have in common; to be used in a ``with`` statement."""
-
-    skip_unreadable: bool
-    tell_unreadable: Callable[[str], None] | None
-
-    @property
-    def path(self) -> Path:
-        """The file."""
-        ...
-
-    @property
-    def header(self) -> laspy.LasHeader | None:
-        """The LAS header that files made of its echoes follow; None without a place in space."""
-        ...
-
-    @property
-    def tally(self) -> ReadTally:
-        """What was met so far in the current pass."""
-        ...
-
-    @property
-    def point_count(self) -> int:
-        """Points or pulses of the file."""
-        ...
-
-    @property
-    def points_done(self) -> int:
-        """Points or pulses visited so far in the current pass."""
-        ...
-
-    @property
-    def channel_numbers(self) -> frozenset[int] | None:
-        """Numbers of the file by which `channel_flags` are given; None if it says the flags."""
-        ...
-
-    def scanner_attributes(self) -> dict[str, Any] | None:
-        """The scanner's attributes by the names of the host's grids; None if the file has none."""
-        ...
-
-    def scanner(self) -> Scanner | None:
-        """The description of the scanner that the file carries; None if it carries none."""
-        ...
-
-    def blocks(self, first: int = 0, stop: int | None = None) -> Iterator[WaveformBlock]:
-        """Yield the waveforms in blocks of whole shots, all or those of a range of numbers."""
-        ...
-
-    def block_count(self) -> int:
-        """Blocks of a pass."""
-        ...
-
-    def close(self) -> None:
-        """Close the file; may be called twice."""
-        ...
-
-    def __enter__(self) -> Self: ...
-
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None: ...
-
-
-class _Reader(WaveformReader, Protocol):
-    def __init__(
-        self,
-        path: str | os.PathLike[str],
-        *,
-        waveforms_per_block: int,
-        channel_flags: Mapping[int, int] | int,
-    ) -> None: ...
 
 
 def open_waveforms(
@@ -158,17 +78,20 @@ def _opened(
     reader = _reader_for(start, Path(path))
     if sampling_interval is not None:
         raise ValueError(f"{path} says its sampling interval itself; only an .npz is given one")
-    return reader(path, waveforms_per_block=waveforms_per_block, channel_flags=channel_flags)
+    opened: WaveformReader = reader(
+        path, waveforms_per_block=waveforms_per_block, channel_flags=channel_flags
+    )
+    return opened
 
 
-def _reader_for(start: bytes, path: Path) -> type[_Reader]:
+def _reader_for(start: bytes, path: Path) -> Any:
     if start.startswith(_LAS_SIGNATURE):
         return LasWaveformReader
     if start.startswith(PULSE_SIGNATURE):
         return PulseWavesReader
     if start.startswith(HDF5_SIGNATURE):
         # Loaded when it is wanted: h5py takes longer to load than many a file to read.
-        return import_module("fullwaveform.io.container.reader").ScanContainerReader  # type: ignore[no-any-return]
+        return import_module("fullwaveform.io.container.reader").ScanContainerReader
     if start.startswith(WAVES_SIGNATURE):
         raise WaveformFileError(
             f"{path} holds the samples of a PulseWaves file; open the file of pulses beside it, "

@@ -11,10 +11,11 @@ from typing import Any, Protocol
 import numpy as np
 import numpy.typing as npt
 
+from fullwaveform.data.arrays import IntArray
 from fullwaveform.data.blocks import PulseGeometry, ReadTally, ShotAttributes, WaveformBlock
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.base import FileReader
-from fullwaveform.io.block_range import UngatheredBlock, last_cut
+from fullwaveform.io.base import WaveformReader
+from fullwaveform.io.block_range import PendingBlock, last_cut
 from fullwaveform.io.las.reader import NO_TIME
 
 NO_SAMPLES = "waveform without samples"
@@ -22,8 +23,6 @@ NO_SAMPLES = "waveform without samples"
 _BLOCK_SAMPLES = 1 << 26  # samples of a block, padding included: 128 MiB
 _SURVEY_CHUNK = 1 << 17  # rows
 _LONGEST_GAP = 8  # rows that are read without being wanted, between two that are
-
-IntArray = npt.NDArray[np.int64]
 
 
 class Rows(Protocol):
@@ -53,7 +52,7 @@ class WaveformRows:
     point_source_id: Rows
 
 
-class RowReader(FileReader):
+class RowReader(WaveformReader):
     """Reads a file whose waveforms are rows; those of one shot stand together.
 
     Rows without a shot time or without samples are counted as rejected. In a pass
@@ -75,7 +74,7 @@ class RowReader(FileReader):
         """Waveforms of the file."""
         return self._shape[0]
 
-    def _ungathered(self, met: ReadTally) -> Iterator[UngatheredBlock]:
+    def _pending_blocks(self, met: ReadTally) -> Iterator[PendingBlock]:
         columns, (total, width) = self._rows(), self._shape
         self._check(columns)
         limit = max(1, min(self._waveforms_per_block, _BLOCK_SAMPLES // max(width, 1)))
@@ -86,10 +85,10 @@ class RowReader(FileReader):
             rows = np.concatenate([rows, start + np.flatnonzero(chosen)])
             times = np.concatenate([times, self._read(columns.shot_times, chunk)[chosen]])
             while (cut := last_cut(times, limit)) < len(rows):
-                yield UngatheredBlock(cut, partial(self._block, columns, rows[:cut]))
+                yield PendingBlock(cut, partial(self._block, columns, rows[:cut]))
                 rows, times = rows[cut:], times[cut:]
         if len(rows) > 0:
-            yield UngatheredBlock(len(rows), partial(self._block, columns, rows))
+            yield PendingBlock(len(rows), partial(self._block, columns, rows))
 
     def _choose(self, columns: WaveformRows, chunk: slice, met: ReadTally) -> npt.NDArray[np.bool_]:
         met.points += chunk.stop - chunk.start

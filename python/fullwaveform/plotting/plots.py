@@ -15,9 +15,8 @@ from matplotlib.colors import ListedColormap
 from matplotlib.figure import Figure, SubFigure
 from matplotlib.ticker import MaxNLocator
 
-from fullwaveform.io.atomic import open_when_whole
-
-FloatArray = npt.NDArray[np.float64]
+from fullwaveform.data.arrays import FloatArray
+from fullwaveform.io.atomic import atomic_open
 
 SIZE_INCHES = (10.0, 4.375)
 HISTOGRAM_INCHES = (6.4, 4.0)
@@ -260,5 +259,5 @@ def _style(axes: Axes) -> None:
 
 
 def _save(figure: Figure, path: Path) -> None:
-    with open_when_whole(path) as stream:
+    with atomic_open(path) as stream:
         figure.savefig(stream, format=_FORMATS[path.suffix.lower()])

@@ -10,8 +10,8 @@ from matplotlib.axes import Axes
 from matplotlib.backends.backend_agg import FigureCanvasAgg
 from matplotlib.figure import Figure
 
-from fullwaveform.io.atomic import open_when_whole
-from fullwaveform.system_wave.curve import FloatArray
+from fullwaveform.data.arrays import FloatArray
+from fullwaveform.io.atomic import atomic_open
 from fullwaveform.system_wave.fitting import WINDOW_SAMPLES, SystemWave
 
 #: Endings of the name and the formats they choose.
@@ -38,7 +38,7 @@ def draw_system_wave(path: str | os.PathLike[str], wave: SystemWave) -> None:
     position = _shown(wave)
     _draw_curves(upper, wave, position)
     _draw_difference(lower, wave, position)
-    with open_when_whole(final) as stream:
+    with atomic_open(final) as stream:
         figure.savefig(stream, format=kind)
 
 

@@ -18,9 +18,9 @@ from matplotlib.ticker import MaxNLocator
 
 from fullwaveform.analysis.waveform_views import MethodView, WaveformView
 from fullwaveform.core.driver import Mode
-from fullwaveform.data.blocks import FloatArray
+from fullwaveform.data.arrays import FloatArray
 from fullwaveform.extraction.waveform_table import WaveformState
-from fullwaveform.io.atomic import open_when_whole
+from fullwaveform.io.atomic import atomic_open
 from fullwaveform.plotting.plots import PLOT_ENDINGS
 
 #: Colours of the methods; told apart with every kind of colour vision (Okabe and Ito 2008).
@@ -62,7 +62,7 @@ def draw_waveforms(path: str | os.PathLike[str], views: Sequence[WaveformView]) 
         raise ValueError(f"{final.name!r} does not end in one of {', '.join(PLOT_ENDINGS)}")
     figure = waveform_figure(views)
     dates = {".pdf": {"CreationDate": None}, ".svg": {"Date": None}}
-    with mpl.rc_context(_SETTINGS), open_when_whole(final) as stream:
+    with mpl.rc_context(_SETTINGS), atomic_open(final) as stream:
         figure.savefig(stream, format=kind[1:], metadata=dates.get(kind, {}))
 
 

@@ -11,16 +11,14 @@ from typing import NamedTuple
 
 import laspy
 import numpy as np
-import numpy.typing as npt
 from laspy.vlrs.known import WktCoordinateSystemVlr
 
-from fullwaveform.io.atomic import replace_when_whole
+from fullwaveform.data.arrays import FloatArray
+from fullwaveform.io.atomic import atomic_path
 from fullwaveform.simulation.points import NO_PACKET, DiscretePoints, discrete_points
 from fullwaveform.simulation.settings import ScanSettings
 from fullwaveform.simulation.truth import write_truth
 from fullwaveform.simulation.waveforms import SimulatedScan
-
-FloatArray = npt.NDArray[np.float64]
 
 RECORD_HEADER = struct.Struct("<H16sHQ32s")  # of an extended record; 60 bytes
 _PACKET_RECORD = 65_535
@@ -88,7 +86,7 @@ def _write_all_or_nothing(writers: dict[Path, Callable[[Path], None]]) -> None:
     """Writes every file under a temporary name in its folder, then renames them in their order."""
     with ExitStack() as stack:
         # A stack ends in reverse order: the file entered first is renamed last.
-        parts = {path: stack.enter_context(replace_when_whole(path)) for path in reversed(writers)}
+        parts = {path: stack.enter_context(atomic_path(path)) for path in reversed(writers)}
         for path, write in writers.items():
             write(parts[path])
 

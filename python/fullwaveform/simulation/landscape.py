@@ -7,8 +7,7 @@ from typing import NamedTuple
 import numpy as np
 import numpy.typing as npt
 
-FloatArray = npt.NDArray[np.float64]
-BoolArray = npt.NDArray[np.bool_]
+from fullwaveform.data.arrays import BoolArray, FloatArray
 
 GROUND, LOW_VEGETATION, HIGH_VEGETATION, BUILDING = 2, 3, 5, 6  # ASPRS classes
 

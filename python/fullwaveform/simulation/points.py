@@ -7,11 +7,9 @@ from dataclasses import dataclass, fields
 import numpy as np
 import numpy.typing as npt
 
+from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.simulation.scene import position_in_space
 from fullwaveform.simulation.waveforms import SimulatedScan
-
-FloatArray = npt.NDArray[np.float64]
-IndexArray = npt.NDArray[np.int64]
 
 NO_PACKET = -1
 LOW_POWER, HIGH = 0, 1  # second index of the samples
@@ -22,9 +20,9 @@ _UNCLASSIFIED = 1
 class DiscretePoints:
     """Points as they stand in the file, in the order of time."""
 
-    shot: IndexArray  # row of the shot that gives direction and scan angle
+    shot: IntArray  # row of the shot that gives direction and scan angle
     gps_time: FloatArray  # s
-    channel: IndexArray  # 0 low-power, 1 the other; -1 = the point has no packet
+    channel: IntArray  # 0 low-power, 1 the other; -1 = the point has no packet
     position: FloatArray  # samples after the record's first sample at which it was triggered
     xyz: FloatArray  # (n, 3), m, exact
     intensity: npt.NDArray[np.uint16]  # counts above the baseline, of the point's channel
@@ -63,14 +61,14 @@ def discrete_points(scan: SimulatedScan, most_returns: int) -> DiscretePoints:
     return DiscretePoints(**{name: values[order] for name, values in together.items()})
 
 
-def _strongest_of_each_shot(scan: SimulatedScan) -> IndexArray:
+def _strongest_of_each_shot(scan: SimulatedScan) -> IntArray:
     """Row of the strongest echo of each shot that has one."""
     order = np.lexsort((-scan.truth.amplitude_low_power_counts, scan.truth.shot))
     first = np.diff(scan.truth.shot[order], prepend=-1) > 0
     return np.asarray(order[first])
 
 
-def _listed_echoes(scan: SimulatedScan, strongest: IndexArray, most_returns: int) -> IndexArray:
+def _listed_echoes(scan: SimulatedScan, strongest: IntArray, most_returns: int) -> IntArray:
     """Rows of the echoes that become returns of the low-power channel."""
     listed = scan.truth.amplitude_low_power_counts >= scan.settings.return_threshold
     listed[strongest] = True
@@ -78,13 +76,13 @@ def _listed_echoes(scan: SimulatedScan, strongest: IndexArray, most_returns: int
     return rows[_number_in_shot(scan.truth.shot[rows]) <= most_returns]
 
 
-def _number_in_shot(shot: IndexArray) -> IndexArray:
+def _number_in_shot(shot: IntArray) -> IntArray:
     """Running number from 1 within runs of equal shots; the shots ascend."""
     return np.arange(len(shot)) - np.searchsorted(shot, shot, side="left") + 1
 
 
 def _returns(
-    scan: SimulatedScan, rows: IndexArray, channel: int, chance: np.random.Generator
+    scan: SimulatedScan, rows: IntArray, channel: int, chance: np.random.Generator
 ) -> DiscretePoints:
     """Returns of a channel, triggered on the leading edge of the given echoes."""
     settings, truth = scan.settings, scan.truth
@@ -130,7 +128,7 @@ def _place_holders(scan: SimulatedScan, channel: int) -> DiscretePoints:
 
 
 def _without_packet(
-    scan: SimulatedScan, strongest: IndexArray, chance: np.random.Generator
+    scan: SimulatedScan, strongest: IntArray, chance: np.random.Generator
 ) -> DiscretePoints:
     """Returns of pulses halfway between two shots, close to an echo of the earlier shot."""
     count = min(scan.settings.points_without_packet, len(strongest))

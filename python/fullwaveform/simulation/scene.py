@@ -7,6 +7,7 @@ from dataclasses import dataclass
 import numpy as np
 import numpy.typing as npt
 
+from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.simulation.landscape import (
     BUILDING,
     GROUND,
@@ -17,9 +18,6 @@ from fullwaveform.simulation.landscape import (
     reflect,
 )
 from fullwaveform.simulation.settings import ScanSettings
-
-FloatArray = npt.NDArray[np.float64]
-IndexArray = npt.NDArray[np.int64]
 
 
 @dataclass(frozen=True, slots=True)
@@ -42,7 +40,7 @@ class Shots:
 class Echoes:
     """Reflections, one entry each; those of a shot stand together, nearest first."""
 
-    shot: IndexArray  # row of the shot
+    shot: IntArray  # row of the shot
     position: FloatArray  # samples after the record's first sample
     amplitude: FloatArray  # counts of the low-power channel above its baseline, unclipped
     width: FloatArray  # samples, standard deviation
@@ -82,7 +80,7 @@ def build_scene(settings: ScanSettings, chance: np.random.Generator) -> tuple[Sh
 
 
 def position_in_space(
-    shots: Shots, shot: IndexArray, position: FloatArray, step: float
+    shots: Shots, shot: IntArray, position: FloatArray, step: float
 ) -> FloatArray:
     """Points (m, 3) at fractional sample positions of the given shots; `step` is m per sample."""
     distance = shots.record_start[shot] + position * step
@@ -115,7 +113,7 @@ def _in_map_frame(beams: Beams, settings: ScanSettings) -> tuple[FloatArray, Flo
 
 def _special_shots(
     settings: ScanSettings, chance: np.random.Generator
-) -> tuple[IndexArray, IndexArray, IndexArray]:
+) -> tuple[IntArray, IntArray, IntArray]:
     """Rows of the empty shots, of those with a saturated echo and of those with a close pair."""
     order = chance.permutation(settings.shots)
     shares = (settings.empty_fraction, settings.saturated_fraction, settings.close_pair_fraction)
@@ -125,7 +123,7 @@ def _special_shots(
 
 
 def _with_close_pairs(
-    targets: Targets, paired: IndexArray, settings: ScanSettings, chance: np.random.Generator
+    targets: Targets, paired: IntArray, settings: ScanSettings, chance: np.random.Generator
 ) -> Targets:
     """The targets with a second one closely above the first of the given shots.
 
@@ -152,8 +150,8 @@ def _with_close_pairs(
 def _echoes(
     targets: Targets,
     record_start: FloatArray,
-    empty: IndexArray,
-    saturated: IndexArray,
+    empty: IntArray,
+    saturated: IntArray,
     settings: ScanSettings,
     chance: np.random.Generator,
 ) -> Echoes:

@@ -10,9 +10,8 @@ import numpy.typing as npt
 import pyarrow as pa
 from pyarrow import csv
 
+from fullwaveform.data.arrays import FloatArray
 from fullwaveform.data.errors import WaveformFileError
-
-FloatArray = npt.NDArray[np.float64]
 
 
 @dataclass(frozen=True, slots=True)

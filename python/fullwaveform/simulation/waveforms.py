@@ -7,6 +7,7 @@ from dataclasses import dataclass
 import numpy as np
 import numpy.typing as npt
 
+from fullwaveform.data.arrays import BoolArray, FloatArray, IntArray
 from fullwaveform.simulation.scene import (
     Echoes,
     Shots,
@@ -15,10 +16,6 @@ from fullwaveform.simulation.scene import (
 )
 from fullwaveform.simulation.settings import ScanSettings
 from fullwaveform.simulation.truth import TruthTable
-
-FloatArray = npt.NDArray[np.float64]
-IndexArray = npt.NDArray[np.int64]
-BoolArray = npt.NDArray[np.bool_]
 
 OVERLAP_WIDTHS = 4.0  # standard deviations; two echoes further apart leave each other's top alone
 _REACH_WIDTHS = 9.0  # standard deviations; exp(-9**2 / 2) is 3e-18 of the top
@@ -75,7 +72,7 @@ def sum_of_gaussians(echoes: Echoes, shape: tuple[int, int]) -> FloatArray:
     return np.asarray(total.reshape(shape))
 
 
-def neighbour_distance(shot: IndexArray, position: FloatArray) -> FloatArray:
+def neighbour_distance(shot: IntArray, position: FloatArray) -> FloatArray:
     """Samples to the nearest other echo of the shot, infinite where it is alone.
 
     The echoes are ordered by shot and position.

@@ -19,14 +19,9 @@ import numpy as np
 import numpy.typing as npt
 from scipy.interpolate import BSpline, CubicSpline
 
+from fullwaveform.data.arrays import FloatArray
 from fullwaveform.system_wave.curve import Curve, quiet_level, vertex
-from fullwaveform.system_wave.pulses import (
-    UNLIKE,
-    FloatArray,
-    Pulses,
-    baseline_of,
-    screened,
-)
+from fullwaveform.system_wave.pulses import UNLIKE, Pulses, baseline_of, screened
 
 #: Values of the averaged pulse per sample.
 STEPS_PER_SAMPLE = 10

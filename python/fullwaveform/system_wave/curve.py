@@ -5,11 +5,10 @@ from __future__ import annotations
 from dataclasses import dataclass
 
 import numpy as np
-import numpy.typing as npt
 from scipy.interpolate import BSpline
 from scipy.linalg import solveh_banded
 
-FloatArray = npt.NDArray[np.float64]
+from fullwaveform.data.arrays import FloatArray
 
 # Third differences of the spline's coefficients weigh next to nothing beside data, but decide where
 # no pulse was sampled: there the curve is as smooth as it can be.

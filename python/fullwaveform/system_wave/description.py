@@ -9,7 +9,7 @@ from typing import Any
 import tomli_w
 
 from fullwaveform.core.scanner import NO_AFTER_PULSE, Scanner
-from fullwaveform.io.atomic import replace_when_whole
+from fullwaveform.io.atomic import atomic_path
 from fullwaveform.system_wave.exponentials import ExponentialSum
 from fullwaveform.system_wave.offset import DeconvolutionOffset
 
@@ -55,5 +55,5 @@ def write_description(
 ) -> None:
     """Writes the TOML of a scanner; the file appears when it is whole. Raises OSError."""
     text = description_text(scanner, offset, remarks)
-    with replace_when_whole(path) as temporary:
+    with atomic_path(path) as temporary:
         temporary.write_text(text, encoding="utf-8")

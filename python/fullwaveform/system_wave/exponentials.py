@@ -14,8 +14,7 @@ import numpy as np
 import numpy.typing as npt
 from scipy.optimize import least_squares
 
-FloatArray = npt.NDArray[np.float64]
-ComplexArray = npt.NDArray[np.complex128]
+from fullwaveform.data.arrays import ComplexArray, FloatArray
 
 #: Orders that are tried when none is asked for; more only describe the noise of the average.
 LARGEST_ORDER = 12

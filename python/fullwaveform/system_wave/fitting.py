@@ -7,8 +7,8 @@ from dataclasses import dataclass
 import numpy as np
 import numpy.typing as npt
 
+from fullwaveform.data.arrays import FloatArray
 from fullwaveform.system_wave.averaging import AveragePulse
-from fullwaveform.system_wave.curve import FloatArray
 from fullwaveform.system_wave.exponentials import (
     ExponentialFit,
     ExponentialSum,

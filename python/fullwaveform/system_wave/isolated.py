@@ -12,9 +12,8 @@ import numpy.typing as npt
 
 from fullwaveform.core.driver import Driver, Mode
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.system_wave.pulses import FloatArray, Pulses, baseline_of
-
-IndexArray = npt.NDArray[np.int64]
+from fullwaveform.data.arrays import FloatArray, IntArray
+from fullwaveform.system_wave.pulses import Pulses, baseline_of
 
 #: No other echo within so many samples to either side.
 CLEARANCE = 24.0
@@ -64,7 +63,7 @@ class StrongEchoes:
     alone : whether no other echo stands nearby
     """
 
-    row: IndexArray
+    row: IntArray
     position: FloatArray
     height: FloatArray
     alone: npt.NDArray[np.bool_]
@@ -133,7 +132,7 @@ def isolated_echoes(parts: Iterable[Records], scanner: Scanner, noise: int, orig
     return pulses.without(height < np.median(height), WEAKER_HALF)
 
 
-def _cut(values: FloatArray, row: IndexArray, position: FloatArray) -> FloatArray:
+def _cut(values: FloatArray, row: IntArray, position: FloatArray) -> FloatArray:
     """Samples about each position, (m, 37); NaN outside the record."""
     column = np.rint(position).astype(np.int64)[:, np.newaxis] + np.arange(-_BEFORE, _AFTER + 1)
     inside = (column >= 0) & (column < values.shape[1])

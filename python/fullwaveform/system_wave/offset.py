@@ -16,8 +16,8 @@ import numpy as np
 
 from fullwaveform.core.driver import Mode
 from fullwaveform.core.scanner import Scanner
+from fullwaveform.data.arrays import FloatArray
 from fullwaveform.system_wave.averaging import AveragePulse
-from fullwaveform.system_wave.curve import FloatArray
 from fullwaveform.system_wave.isolated import Records, StrongEchoes, echoes_of, strongest_echoes
 
 #: Fewer echoes than this say little about a median.

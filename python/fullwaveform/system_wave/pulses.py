@@ -8,7 +8,7 @@ from dataclasses import dataclass, field
 import numpy as np
 import numpy.typing as npt
 
-FloatArray = npt.NDArray[np.float64]
+from fullwaveform.data.arrays import FloatArray
 
 FLAT_TOP = "flat top, the digitiser's limit"
 AT_THE_EDGE = "strongest sample at the edge of the record"

@@ -14,13 +14,14 @@ import numpy as np
 import numpy.typing as npt
 
 from fullwaveform.core.scanner import Scanner
+from fullwaveform.data.arrays import FloatArray
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.npz.reader import ZIP_SIGNATURE
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.io.pulsewaves.reader import PulseWavesReader
 from fullwaveform.system_wave.averaging import AveragePulse, average, pulse_of_curve
 from fullwaveform.system_wave.isolated import OTHER_INTERVAL, Records, isolated_echoes
-from fullwaveform.system_wave.pulses import LEFT_OUT, FloatArray, Pulses, pulses_of_rows
+from fullwaveform.system_wave.pulses import LEFT_OUT, Pulses, pulses_of_rows
 
 _TEXT_ENDINGS = {".txt", ".csv", ".dat", ".xy", ".tsv"}
 _NANOSECONDS = 1e9
@@ -125,7 +126,7 @@ class Input:
                 rows.append(records.as_float())
             tally = reader.outgoing_tally
         rejected += tally.rejected
-        rejected[NOT_RECORDED] += tally.points_without_packet
+        rejected[NOT_RECORDED] += tally.points_without_waveform
         if interval is None:
             raise ValueError(_why_none(self.path, tally.rejected))
         return Pulses(_stacked(rows), interval, origin, +rejected)

@@ -68,11 +68,11 @@ def test_a_return_of_both_channels_counts_once(tmp_path: Path) -> None:
     )
     echoes = write_points(tmp_path / "echoes.las", 6, [1.0, 1.0, 2.0], [30.0, 20.0, 10.0])
     comparison = compare_with_returns(scan, echoes, tolerance=1.0)
-    assert comparison.seen_twice == 1
+    assert comparison.duplicate_returns == 1
     assert comparison.on_board.rows == 3
     assert len(comparison.matching) == 3
     done = CliRunner().invoke(app, ["compare", str(scan), str(echoes)])
-    assert "│ seen twice  │" in done.output
+    assert "│ duplicates  │" in done.output
 
 
 def test_tolerance_decides_what_is_the_same(scan: Path, tmp_path: Path) -> None:

@@ -79,12 +79,12 @@ def test_info_names_them_too(tmp_path: Path) -> None:
 def test_sentences_come_block_by_block_and_not_for_counting_blocks(tmp_path: Path) -> None:
     met: list[str] = []
     with open_waveforms(cut_las(tmp_path), waveforms_per_block=1) as reader:
-        reader.tell_unreadable = met.append
+        reader.on_unreadable = met.append
         assert reader.block_count() == 2
         assert met == []
         assert len(list(reader.blocks())) == 2
         assert met == CASES[0][1]
-        reader.tell_unreadable = None
+        reader.on_unreadable = None
         assert len(list(reader.blocks())) == 2
         assert reader.tally.rejected == {"packet outside the waveform data": 2}
     assert met == CASES[0][1]

@@ -26,8 +26,8 @@ OUTCOME = {
     "bytes": 100,
     "read": {
         "points": 4,
-        "points_without_packet": 1,
-        "points_sharing_packet": 0,
+        "points_without_waveform": 1,
+        "points_sharing_waveform": 0,
         "waveforms": 2,
         "rejected": {"packet overlaps another one": 1},
         "notes": ["A note."],

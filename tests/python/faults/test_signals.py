@@ -12,7 +12,7 @@ from typing import Any
 import pytest
 
 from fullwaveform.cli.signals import Ended, unwinding_on_signals
-from fullwaveform.io.atomic import OutputFile, replace_when_whole
+from fullwaveform.io.atomic import OutputFile, atomic_path
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS
 
 from ..support.child_processes import PATIENCE, environment, until
@@ -170,13 +170,13 @@ def test_a_signal_that_is_dropped_by_python_still_ends_the_run(tmp_path: Path) -
     with (
         pytest.raises(Ended) as ended,
         unwinding_on_signals(),
-        replace_when_whole(output) as temporary,
+        atomic_path(output) as temporary,
     ):
         _Finalized()
         temporary.write_bytes(b"whole")
     assert ended.value.exit_code == 143
     assert names(tmp_path) == []
-    with replace_when_whole(output) as temporary:
+    with atomic_path(output) as temporary:
         temporary.write_bytes(b"whole")
     assert output.read_bytes() == b"whole"
 
@@ -197,7 +197,7 @@ def test_a_piece_is_written_to_its_end(tmp_path: Path) -> None:
     with (
         pytest.raises(Ended),
         unwinding_on_signals(),
-        replace_when_whole(output) as temporary,
+        atomic_path(output) as temporary,
         _SignalledFile(temporary, output) as stream,
     ):
         assert stream.write(b"piece") == 5
@@ -212,7 +212,7 @@ def test_outputs_of_the_unwinding_get_their_names(tmp_path: Path) -> None:
         try:
             signal.raise_signal(signal.SIGTERM)
         finally:
-            with replace_when_whole(note) as temporary:
+            with atomic_path(note) as temporary:
                 temporary.write_bytes(b"half the way")
     assert note.read_bytes() == b"half the way"
 

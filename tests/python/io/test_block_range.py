@@ -12,8 +12,9 @@ import pytest
 
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.block_range import Pass, UngatheredBlock, last_cut
-from fullwaveform.io.opening import WaveformReader, open_waveforms
+from fullwaveform.io.base import WaveformReader
+from fullwaveform.io.block_range import BlockRange, PendingBlock, last_cut
+from fullwaveform.io.opening import open_waveforms
 
 from ..support.las_scenes import FOUR, Point, Scene, four_shots, rows
 from ..support.pulsewaves_scenes import two_channels
@@ -173,17 +174,17 @@ def test_samples_of_skipped_blocks_are_not_gathered() -> None:
         gathered.append(numbers.tolist())
         return None  # type: ignore[return-value]
 
-    def three(run: Pass) -> Iterator[UngatheredBlock]:
+    def three(run: BlockRange) -> Iterator[PendingBlock]:
         for waveforms in (2, 3, 1):
             run.met.points += 10
-            yield UngatheredBlock(waveforms, gather)
+            yield PendingBlock(waveforms, gather)
         run.met.points += 4
 
-    run = Pass(1, 2)
+    run = BlockRange(1, 2)
     assert len(list(run.gathered(three(run)))) == 1
     assert gathered == [[2, 3, 4]]
     assert (run.tally.points, run.tally.waveforms) == (10, 3)
-    run = Pass(2, 3)
+    run = BlockRange(2, 3)
     assert len(list(run.gathered(three(run)))) == 1
     assert (run.tally.points, run.tally.waveforms) == (14, 1)
 

@@ -8,7 +8,8 @@ import numpy as np
 import pytest
 
 from fullwaveform.data.blocks import WaveformBlock
-from fullwaveform.io.opening import WaveformReader, open_waveforms
+from fullwaveform.io.base import WaveformReader
+from fullwaveform.io.opening import open_waveforms
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 from ..support.las_scenes import compressed

@@ -9,10 +9,11 @@ import h5py
 import pytest
 
 from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.container.reader import ScanContainerReader
 from fullwaveform.io.las.reader import LasWaveformReader
 from fullwaveform.io.npz.reader import NpzReader
-from fullwaveform.io.opening import WaveformReader, open_waveforms
+from fullwaveform.io.opening import open_waveforms
 from fullwaveform.io.pulsewaves.reader import PulseWavesReader
 
 from ..support.las_scenes import FOUR, compressed, four_shots, rows

@@ -41,9 +41,9 @@ class ScanContainerReader(RowReader):
     path
         The file.
     waveforms_per_block
-        As in `FileReader`.
+        As in `WaveformReader`.
     channel_flags
-        Taken as in `FileReader`, but the file itself says the flag of every waveform; a note in
+        Taken as in `WaveformReader`, but the file itself says the flag of every waveform; a note in
         the tally says so if flags other than 1 are given.
 
     Raises as `RowReader`.

@@ -15,7 +15,7 @@ import numpy.typing as npt
 import fullwaveform
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import WaveformBlock
-from fullwaveform.io.atomic import OutputFile, open_when_whole
+from fullwaveform.io.atomic import OutputFile, atomic_open
 from fullwaveform.io.base import FileWriter
 from fullwaveform.io.container.attributes import write_las_header, write_scanner
 from fullwaveform.io.container.layout import (
@@ -90,7 +90,7 @@ class ScanContainerWriter(FileWriter):
 
     @contextmanager
     def _open(self) -> Iterator[None]:
-        with open_when_whole(self.path) as self._stream:
+        with atomic_open(self.path) as self._stream:
             try:
                 with h5py.File(self._stream, "w") as self._file:
                     yield

@@ -9,7 +9,7 @@ from contextlib import contextmanager
 from fullwaveform import _core
 from fullwaveform.data.blocks import EchoTable
 from fullwaveform.data.empty_waveforms import without_empty_waveforms
-from fullwaveform.io.atomic import OutputFile, open_when_whole
+from fullwaveform.io.atomic import OutputFile, atomic_open
 from fullwaveform.io.base import EchoWriter
 
 
@@ -46,7 +46,7 @@ class AsciiEchoWriter(EchoWriter):
 
     @contextmanager
     def _open(self) -> Iterator[None]:
-        with open_when_whole(self.path) as self._stream:
+        with atomic_open(self.path) as self._stream:
             try:
                 yield
             finally:

@@ -12,7 +12,7 @@ import pyarrow.csv
 
 from fullwaveform.data.blocks import EchoTable
 from fullwaveform.data.echo_columns import ECHO_SCHEMA, echo_table_to_arrow
-from fullwaveform.io.atomic import OutputFile, open_when_whole
+from fullwaveform.io.atomic import OutputFile, atomic_open
 from fullwaveform.io.base import EchoWriter
 
 
@@ -41,7 +41,7 @@ class CsvEchoWriter(EchoWriter):
     def _open(self) -> Iterator[None]:
         # The header line is written here because pyarrow would put its names in quotes.
         options = pa.csv.WriteOptions(include_header=False)
-        with open_when_whole(self.path) as self._stream:
+        with atomic_open(self.path) as self._stream:
             self._stream.write((",".join(ECHO_SCHEMA.names) + "\n").encode("ascii"))
             try:
                 with pa.csv.CSVWriter(

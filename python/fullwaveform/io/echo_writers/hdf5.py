@@ -10,7 +10,7 @@ import h5py
 import pyarrow as pa
 
 from fullwaveform.data.echo_columns import ECHO_COLUMNS
-from fullwaveform.io.atomic import open_when_whole
+from fullwaveform.io.atomic import atomic_open
 from fullwaveform.io.base import RUN_METADATA_KEY, run_metadata_text
 from fullwaveform.io.echo_writers.row_groups import GroupedEchoWriter
 
@@ -37,7 +37,7 @@ class Hdf5EchoWriter(GroupedEchoWriter):
 
     @contextmanager
     def _open(self) -> Iterator[None]:
-        with open_when_whole(self.path) as self._stream:
+        with atomic_open(self.path) as self._stream:
             try:
                 with h5py.File(self._stream, "w") as self._file:
                     _create_datasets(self._file)

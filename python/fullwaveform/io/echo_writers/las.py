@@ -11,9 +11,10 @@ import laspy
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.data.blocks import EchoTable, FloatArray
+from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.blocks import EchoTable
 from fullwaveform.data.empty_waveforms import without_empty_waveforms
-from fullwaveform.io.atomic import OutputFile, open_when_whole
+from fullwaveform.io.atomic import OutputFile, atomic_open
 from fullwaveform.io.base import EchoWriter
 from fullwaveform.io.las.points import SCAN_ANGLE_UNIT
 
@@ -87,7 +88,7 @@ class LasEchoWriter(EchoWriter):
 
     @contextmanager
     def _open(self) -> Iterator[None]:
-        with open_when_whole(self.path) as self._stream:
+        with atomic_open(self.path) as self._stream:
             try:
                 yield
                 writer = self._writer or self._start()

@@ -10,7 +10,7 @@ import pyarrow as pa
 import pyarrow.parquet
 
 from fullwaveform.data.echo_columns import ECHO_SCHEMA
-from fullwaveform.io.atomic import open_when_whole
+from fullwaveform.io.atomic import atomic_open
 from fullwaveform.io.base import RUN_METADATA_KEY, run_metadata_text
 from fullwaveform.io.echo_writers.row_groups import GroupedEchoWriter
 
@@ -41,7 +41,7 @@ class ParquetEchoWriter(GroupedEchoWriter):
 
     @contextmanager
     def _open(self) -> Iterator[None]:
-        with open_when_whole(self.path) as self._stream:
+        with atomic_open(self.path) as self._stream:
             try:
                 with pa.parquet.ParquetWriter(
                     self._stream, self._schema, compression="zstd"

@@ -12,7 +12,8 @@ import numpy as np
 import numpy.typing as npt
 from laspy.vlrs.vlrlist import VLRList
 
-from fullwaveform.data.blocks import FloatArray, PulseGeometry, ShotAttributes
+from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.blocks import PulseGeometry, ShotAttributes
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.coordinates import check_coordinates
 from fullwaveform.io.file_bytes import FileBytes

@@ -11,14 +11,11 @@ import laspy
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.data.blocks import (
-    FloatArray,
-    ReadTally,
-    WaveformBlock,
-)
+from fullwaveform.data.arrays import BoolArray, FloatArray
+from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.base import FileReader
-from fullwaveform.io.block_range import UngatheredBlock, last_cut
+from fullwaveform.io.base import WaveformReader
+from fullwaveform.io.block_range import PendingBlock, last_cut
 from fullwaveform.io.las.points import (
     Points,
     Survey,
@@ -47,8 +44,6 @@ NO_PLACE = "direction or return location is not finite"
 _FIRST_SHOT_KEY = -(2.0**52)  # from here on 2**52 whole numbers are doubles
 _BLOCK_SAMPLES = 1 << 26  # samples of a block, padding included: 128 MiB
 
-Chosen = npt.NDArray[np.bool_]
-
 
 @dataclass(frozen=True, slots=True)
 class _Pass:
@@ -61,7 +56,7 @@ class _Pass:
     waveforms_per_block: int
 
 
-class LasWaveformReader(FileReader):
+class LasWaveformReader(WaveformReader):
     """Reads the waveforms of a LAS file of point format 4, 5, 9 or 10.
 
     Parameters
@@ -69,10 +64,10 @@ class LasWaveformReader(FileReader):
     path
         The LAS file. Packets may lie in it or in the file of the same name ending ``.wdp``.
     waveforms_per_block, channel_flags
-        As in `FileReader`, flags by waveform descriptor.
+        As in `WaveformReader`, flags by waveform descriptor.
 
     Points that are not in order of GPS time are visited in that order; a waveform that several
-    points share belongs to the first of them. Raises as `FileReader`; in a pass also if a
+    points share belongs to the first of them. Raises as `WaveformReader`; in a pass also if a
     descriptor that points name is missing or cannot be read.
     """
 
@@ -119,7 +114,7 @@ class LasWaveformReader(FileReader):
         """Indices of its waveform descriptors."""
         return frozenset(self._descriptors)
 
-    def _ungathered(self, met: ReadTally) -> Iterator[UngatheredBlock]:
+    def _pending_blocks(self, met: ReadTally) -> Iterator[PendingBlock]:
         run = self._prepare(met)
         limit = run.waveforms_per_block
         pending = np.empty(0, dtype=self.header.point_format.dtype())
@@ -132,8 +127,8 @@ class LasWaveformReader(FileReader):
         if len(pending) > 0:
             yield self._to_gather(pending, run)
 
-    def _to_gather(self, rows: Points, run: _Pass) -> UngatheredBlock:
-        return UngatheredBlock(len(rows), partial(self._block, rows, run))
+    def _to_gather(self, rows: Points, run: _Pass) -> PendingBlock:
+        return PendingBlock(len(rows), partial(self._block, rows, run))
 
     def _prepare(self, met: ReadTally) -> _Pass:
         found = survey(self._reader, self._path)
@@ -163,9 +158,9 @@ class LasWaveformReader(FileReader):
         tally = run.met
         tally.points += len(points)
         with_packet = points[points["wavepacket_index"] > 0]
-        tally.points_without_packet += len(points) - len(with_packet)
+        tally.points_without_waveform += len(points) - len(with_packet)
         _, first = np.unique(with_packet["wavepacket_offset"], return_index=True)
-        tally.points_sharing_packet += len(with_packet) - len(first)
+        tally.points_sharing_waveform += len(with_packet) - len(first)
         left = with_packet[np.sort(first)]
         sizes = run.table.packet_sizes[left["wavepacket_index"]]
         inside = self._packets.holds(left["wavepacket_offset"], sizes)
@@ -183,7 +178,7 @@ class LasWaveformReader(FileReader):
         alone[first] = True
         left, cells = _keep(alone, points, OVERLAPPING, run.met), cells[alone]
         new = ~run.seen.test_and_set(cells)
-        run.met.points_sharing_packet += len(new) - int(np.count_nonzero(new))
+        run.met.points_sharing_waveform += len(new) - int(np.count_nonzero(new))
         unseen: Points = left[new]
         return unseen
 
@@ -211,7 +206,7 @@ class LasWaveformReader(FileReader):
         )
 
 
-def _keep(good: Chosen, points: Points, reason: str, met: ReadTally) -> Points:
+def _keep(good: BoolArray, points: Points, reason: str, met: ReadTally) -> Points:
     rejected: Points = points[~good]
     met.reject(reason, len(rejected), (_place(point) for point in rejected))
     kept: Points = points[good]

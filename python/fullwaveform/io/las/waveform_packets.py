@@ -16,6 +16,7 @@ import laspy
 import numpy as np
 import numpy.typing as npt
 
+from fullwaveform.data.arrays import IntArray
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.file_bytes import FileBytes
 
@@ -27,8 +28,6 @@ _FIRST_DESCRIPTOR_ID = 100  # of descriptor 1
 _LAST_DESCRIPTOR_ID = 354  # of descriptor 255
 _DESCRIPTOR = struct.Struct("<BBIIdd")
 _RECORD_HEADER = struct.Struct("<2x16sHQ32x")
-
-IntArray = npt.NDArray[np.int64]
 
 
 @dataclass(frozen=True, slots=True)

@@ -54,7 +54,7 @@ class NpzReader(RowReader):
         ``channel``, ``sampling_interval`` (``sampling_interval_s``) in s, one or one per waveform,
         ``anchor`` (n, 3), ``location`` in ps, ``direction`` (n, 3) and ``gps_time``.
     waveforms_per_block, channel_flags
-        As in `FileReader`, flags by the numbers in ``channel``, 0 where there is none;
+        As in `WaveformReader`, flags by the numbers in ``channel``, 0 where there is none;
         ``channel_flags`` in the file come first.
     sampling_interval
         s per sample; comes before what the file says.

@@ -9,7 +9,8 @@ from pathlib import Path
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.data.blocks import FloatArray, PulseGeometry, ShotAttributes
+from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.blocks import PulseGeometry, ShotAttributes
 from fullwaveform.io.file_bytes import FileBytes
 from fullwaveform.io.pulsewaves.header import PulseWavesHeader
 

@@ -12,10 +12,11 @@ import laspy
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.data.blocks import FloatArray, ReadTally, WaveformBlock
+from fullwaveform.data.arrays import FloatArray, IntArray
+from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.base import FileReader
-from fullwaveform.io.block_range import UngatheredBlock
+from fullwaveform.io.base import WaveformReader
+from fullwaveform.io.block_range import PendingBlock
 from fullwaveform.io.pulsewaves.descriptors import (
     OUTGOING,
     RETURNING,
@@ -33,7 +34,7 @@ from fullwaveform.io.pulsewaves.pulses import (
     shot_keys,
     survey,
 )
-from fullwaveform.io.pulsewaves.samples import IntArray, Segments, WaveData, find_waves
+from fullwaveform.io.pulsewaves.samples import Segments, WaveData, find_waves
 from fullwaveform.io.pulsewaves.selection import Selection
 
 
@@ -51,7 +52,7 @@ class OutgoingPulses:
         return len(self.counts)
 
 
-class PulseWavesReader(FileReader):
+class PulseWavesReader(WaveformReader):
     """Reads the waveforms of a PulseWaves file of version 0.x that is not compressed.
 
     Each segment of a returning sampling is a waveform, each pulse a shot. Pulses are visited in the
@@ -65,11 +66,11 @@ class PulseWavesReader(FileReader):
     path
         The file of pulses, ``.pls``. The samples lie in the file of the same name ending ``.wvs``.
     waveforms_per_block, channel_flags
-        As in `FileReader`, flags by the channel number that the pulse descriptor gives a sampling.
+        As in `WaveformReader`; flags by the channel number of a sampling in the pulse descriptor.
 
-    Of a pulse whose waves do not lie wholly inside the file of samples, one waveform is counted as
-    rejected. Raises as `FileReader`; in a pass also if a descriptor that pulses name is missing or
-    cannot be read.
+    A pulse whose samples are not all inside the ``.wvs`` file counts as one rejected waveform.
+    Raises as `WaveformReader`, and while reading if a descriptor that pulses refer to is missing or
+    not supported.
     """
 
     def __init__(
@@ -124,11 +125,11 @@ class PulseWavesReader(FileReader):
         """What the last pass over the outgoing pulses met; complete when it is exhausted."""
         return self._outgoing_tally
 
-    def _ungathered(self, met: ReadTally) -> Iterator[UngatheredBlock]:
+    def _pending_blocks(self, met: ReadTally) -> Iterator[PendingBlock]:
         run = self._prepare(RETURNING)
         met.notes += self._notes_on(run)
         for segments in run.blocks(self._waveforms_per_block, met):
-            yield UngatheredBlock(len(segments), partial(self._block, segments, run))
+            yield PendingBlock(len(segments), partial(self._block, segments, run))
 
     def outgoing_pulses(self) -> Iterator[OutgoingPulses]:
         """Yield the samples of the outgoing pulses in blocks; `tally` does not change.

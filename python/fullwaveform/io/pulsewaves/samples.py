@@ -13,6 +13,7 @@ from pathlib import Path
 import numpy as np
 import numpy.typing as npt
 
+from fullwaveform.data.arrays import BoolArray, IntArray
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.file_bytes import FileBytes
 from fullwaveform.io.pulsewaves.descriptors import PulseDescriptor, SamplingDescriptor
@@ -22,8 +23,6 @@ WAVES_HEADER_SIZE = 60  # bytes; offsets of pulses count from the start of this 
 
 _HEADER = struct.Struct("<16sI")
 
-IntArray = npt.NDArray[np.int64]
-Chosen = npt.NDArray[np.bool_]
 Segments = npt.NDArray[np.void]  # of type SEGMENT
 
 SEGMENT = np.dtype(
@@ -139,7 +138,7 @@ def locate_segments(
     first_code: int,
     numbers: IntArray,
     offsets: IntArray,
-) -> tuple[Segments, Chosen]:
+) -> tuple[Segments, BoolArray]:
     """Find the segments of pulses that share a descriptor.
 
     Parameters
@@ -174,7 +173,7 @@ class _Walk:
 
     def __init__(self, waves: WaveData, offsets: IntArray) -> None:
         self._waves = waves
-        self.inside: Chosen = (offsets >= WAVES_HEADER_SIZE) & (offsets <= waves.size)
+        self.inside: BoolArray = (offsets >= WAVES_HEADER_SIZE) & (offsets <= waves.size)
         self._places = np.where(self.inside, offsets, 0)
 
     def skip(self, sizes: IntArray) -> None:
@@ -192,7 +191,7 @@ class _Walk:
             number += 1
         return found
 
-    def _segment(self, sampling: SamplingDescriptor, code: int, active: Chosen) -> Segments:
+    def _segment(self, sampling: SamplingDescriptor, code: int, active: BoolArray) -> Segments:
         durations = self._numbers(sampling.duration_bits, active, 0, signed=True)
         counts = self._numbers(sampling.count_bits, active, sampling.samples)
         rows = np.flatnonzero(active & (counts > 0))
@@ -203,7 +202,9 @@ class _Walk:
         self.skip(np.where(active, counts * sampling.sample_bytes, 0))
         return part
 
-    def _numbers(self, bits: int, active: Chosen, fixed: int, *, signed: bool = False) -> IntArray:
+    def _numbers(
+        self, bits: int, active: BoolArray, fixed: int, *, signed: bool = False
+    ) -> IntArray:
         """Read a number of the active pulses; without bits it is the fixed one."""
         if bits == 0:
             return np.full(len(active), fixed, dtype=np.int64)

@@ -7,20 +7,14 @@ from dataclasses import dataclass
 
 import numpy as np
 
+from fullwaveform.data.arrays import BoolArray, IntArray
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.io.block_range import last_cut
 from fullwaveform.io.las.reader import OUTSIDE
 from fullwaveform.io.las.waveform_packets import MAX_SAMPLES
 from fullwaveform.io.pulsewaves.descriptors import SamplingTable
 from fullwaveform.io.pulsewaves.pulses import PulseData, PulseSurvey
-from fullwaveform.io.pulsewaves.samples import (
-    SEGMENT,
-    Chosen,
-    IntArray,
-    Segments,
-    WaveData,
-    locate_segments,
-)
+from fullwaveform.io.pulsewaves.samples import SEGMENT, Segments, WaveData, locate_segments
 
 TOO_LONG = f"waveform of more than {MAX_SAMPLES} samples"
 NO_DIRECTION = "anchor and target of the pulse are the same"
@@ -36,7 +30,7 @@ class Selection:
     waves: WaveData
     found: PulseSurvey
     table: SamplingTable  # of the descriptors that pulses name
-    wanted: Chosen  # by code of the sampling
+    wanted: BoolArray  # by code of the sampling
 
     def blocks(self, limit: int, tally: ReadTally) -> Iterator[Segments]:
         """Yield the usable segments in the order of the file, cut into blocks of whole pulses.
@@ -68,7 +62,7 @@ class Selection:
             parts.append(part[self.wanted[part["sampling"]]])
             _reject(tally, OUTSIDE, start + rows[~inside])
             with_waveform = len(np.unique(parts[-1]["pulse"]))
-            tally.points_without_packet += int(np.count_nonzero(inside)) - with_waveform
+            tally.points_without_waveform += int(np.count_nonzero(inside)) - with_waveform
         segments = np.concatenate(parts)
         segments = segments[np.argsort(segments["pulse"], kind="stable")]
         aimed = (pulses["target"] != pulses["anchor"]).any(axis=1)[segments["pulse"] - start]

@@ -8,7 +8,7 @@ from pathlib import Path
 import numpy as np
 import pytest
 
-from fullwaveform.io.atomic import replace_when_whole
+from fullwaveform.io.atomic import atomic_path
 from fullwaveform.io.echo_writers.csv import CsvEchoWriter
 
 from ...support.echo_tables import echo_table
@@ -76,7 +76,7 @@ def test_a_failed_run_leaves_nothing(tmp_path: Path) -> None:
 
 def test_the_name_appears_when_the_file_is_whole(tmp_path: Path) -> None:
     path = tmp_path / "result.bin"
-    with replace_when_whole(path) as temporary:
+    with atomic_path(path) as temporary:
         assert temporary.parent == tmp_path
         temporary.write_bytes(b"whole")
         assert not path.exists()
@@ -89,9 +89,9 @@ def test_the_name_appears_when_the_file_is_whole(tmp_path: Path) -> None:
 
 def test_places_that_cannot_be_written(tmp_path: Path) -> None:
     with pytest.raises(FileNotFoundError, match="nowhere does not exist"):
-        replace_when_whole(tmp_path / "nowhere" / "a").__enter__()
+        atomic_path(tmp_path / "nowhere" / "a").__enter__()
     with pytest.raises(IsADirectoryError, match="it is a folder"):
-        replace_when_whole(tmp_path).__enter__()
+        atomic_path(tmp_path).__enter__()
     (tmp_path / "file").touch()
     with pytest.raises(NotADirectoryError, match=r"cannot write .*Not a directory"):
-        replace_when_whole(tmp_path / "file" / "a").__enter__()
+        atomic_path(tmp_path / "file" / "a").__enter__()

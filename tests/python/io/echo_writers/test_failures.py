@@ -16,7 +16,7 @@ import pyarrow as pa
 import pyarrow.csv
 import pytest
 
-from fullwaveform.io.atomic import OutputError, open_when_whole, replace_when_whole
+from fullwaveform.io.atomic import OutputError, atomic_open, atomic_path
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, open_echo_file
 from fullwaveform.plotting.plots import draw_histogram
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
@@ -146,7 +146,7 @@ def test_an_error_of_the_run_leaves_what_was_there(tmp_path: Path, ending: str) 
 def test_errors_of_other_files_stay_as_they_are(tmp_path: Path) -> None:
     path = tmp_path / "result"
     for error in (FileNotFoundError(errno.ENOENT, "gone", "input"), OSError(errno.EIO, "bad disk")):
-        with pytest.raises(OSError, match=error.strerror) as caught, replace_when_whole(path):
+        with pytest.raises(OSError, match=error.strerror) as caught, atomic_path(path):
             raise error
         assert caught.value is error
 
@@ -155,7 +155,7 @@ def test_a_vanished_folder_is_told_of_the_output(tmp_path: Path) -> None:
     (folder := tmp_path / "folder").mkdir()
     with (
         pytest.raises(FileNotFoundError) as caught,
-        replace_when_whole(folder / "result") as temporary,
+        atomic_path(folder / "result") as temporary,
     ):
         temporary.unlink()
         folder.rmdir()
@@ -168,8 +168,8 @@ def test_nested_outputs_name_the_one_without_space(tmp_path: Path) -> None:
     inner, outer = tmp_path / "inner", tmp_path / "outer"
     with (
         pytest.raises(OutputError) as caught,
-        replace_when_whole(outer),
-        replace_when_whole(inner),
+        atomic_path(outer),
+        atomic_path(inner),
     ):
         raise OSError(errno.ENOSPC, os.strerror(errno.ENOSPC))
     assert caught.value.strerror == f"cannot write {inner}: No space left on device"
@@ -181,7 +181,7 @@ def test_a_library_that_hides_the_error_of_writing_is_not_believed(tmp_path: Pat
     with (
         files_end_at(10),
         pytest.raises(OutputError, match="result: File too large"),
-        open_when_whole(path) as stream,
+        atomic_open(path) as stream,
     ):
         assert stream.write(b"x" * 25) == 25  # cut at 10 bytes; nothing is said
         assert stream.truncate(50) == 50
@@ -225,7 +225,7 @@ def test_libraries_that_open_the_file_themselves_name_the_output(tmp_path: Path)
     with (
         files_end_at(10),
         pytest.raises(OutputError) as caught,
-        replace_when_whole(path) as temporary,
+        atomic_path(path) as temporary,
     ):
         pa.csv.write_csv(pa.table({"a": range(1000)}), temporary)
     assert caught.value.strerror == f"cannot write {path}: File too large"

@@ -95,7 +95,7 @@ def test_many_compressed_chunks(tmp_path: Path) -> None:
     assert np.array_equal(np.concatenate([block.samples for block in blocks]), samples)
     location = np.concatenate([block.geometry.location for block in blocks])
     assert np.array_equal(location, numbers[::2] % 1000)
-    assert tally.points_sharing_packet == points // 2
+    assert tally.points_sharing_waveform == points // 2
 
 
 def test_several_scanner_channels_are_refused_where_packets_would_be_mixed_up(

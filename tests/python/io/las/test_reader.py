@@ -108,8 +108,8 @@ def test_points_that_share_a_packet_are_one_waveform(tmp_path: Path) -> None:
         assert rows(blocks) == [[1, 2, 3, 4], [5, 6, 7, 8]]
         assert blocks[0].geometry.anchor[0].tolist() == [0.0, 0.0, 5.0]
         assert tally.points == 6
-        assert tally.points_without_packet == 1
-        assert tally.points_sharing_packet == 3
+        assert tally.points_without_waveform == 1
+        assert tally.points_sharing_waveform == 3
         assert tally.waveforms == 2
         assert not tally.rejected
 
@@ -119,7 +119,7 @@ def test_a_packet_shared_far_apart_in_the_file_is_read_once(tmp_path: Path) -> N
     path = Scene([(1, 8, 4, 1000)], FOUR[:3], points).write(tmp_path / "a.las")
     blocks, tally = read(path, waveforms_per_block=1)
     assert rows(blocks) == [list(samples) for _, samples in FOUR[:3]]
-    assert tally.points_sharing_packet == 1
+    assert tally.points_sharing_waveform == 1
 
 
 def test_shots_are_never_split_between_blocks(tmp_path: Path) -> None:
@@ -181,7 +181,7 @@ def test_a_file_without_times_makes_each_waveform_a_shot(tmp_path: Path) -> None
     assert times.tolist() == [-4503599627370496.0 + number for number in range(4)]
     assert np.all(np.diff(times) == 1.0)
     assert all((block.attributes.gps_time == 0).all() for block in blocks)
-    assert tally.points_sharing_packet == 1
+    assert tally.points_sharing_waveform == 1
     assert "same GPS time" in tally.notes[0]
 
 
@@ -224,7 +224,7 @@ def test_points_without_packets_give_no_block_and_no_error(tmp_path: Path) -> No
     path = Scene([(1, 8, 4, 1000)], [], [Point(None), Point(None)]).write(tmp_path / "a.las")
     blocks, tally = read(path)
     assert blocks == []
-    assert tally.points_without_packet == 2
+    assert tally.points_without_waveform == 2
 
 
 def test_a_second_pass_starts_anew_and_progress_is_told(tmp_path: Path) -> None:
@@ -251,8 +251,8 @@ def test_real_strip_of_a_topographic_scanner(tmp_path: Path) -> None:
     if not path.exists():
         pytest.skip(f"no {path.name} in the folder of real waveforms")
     blocks, tally = read(path, waveforms_per_block=500)
-    assert (tally.points, tally.waveforms, tally.points_sharing_packet) == (2250, 1778, 472)
-    assert (tally.points_without_packet, dict(tally.rejected), tally.notes) == (0, {}, [])
+    assert (tally.points, tally.waveforms, tally.points_sharing_waveform) == (2250, 1778, 472)
+    assert (tally.points_without_waveform, dict(tally.rejected), tally.notes) == (0, {}, [])
     arrays = np.load(data_folder() / "arrays" / "topo_2ns.npz")
     samples = np.concatenate([block.samples for block in blocks])
     np.testing.assert_array_equal(samples, arrays["samples"])
@@ -271,4 +271,4 @@ def test_real_strip_of_a_topographic_scanner(tmp_path: Path) -> None:
     order = np.random.default_rng(7).permutation(2250)
     mixed, mixed_tally = read(shuffled(path, tmp_path / "mixed.las", order.tolist()))
     np.testing.assert_array_equal(np.concatenate([block.samples for block in mixed]), samples)
-    assert mixed_tally.points_sharing_packet == 472
+    assert mixed_tally.points_sharing_waveform == 472

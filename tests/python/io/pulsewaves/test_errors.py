@@ -201,7 +201,7 @@ def test_waves_outside_the_file(tmp_path: Path, offset: int) -> None:
     (block,), tally = read(scene.write(tmp_path / "a.pls"))  # its samples are bytes 60 to 72
     assert rows([block]) == [[1, 2, 3, 4], [9, 10, 11, 12]]
     assert dict(tally.rejected) == {OUTSIDE: 1}
-    assert (tally.points, tally.points_without_packet) == (3, 0)
+    assert (tally.points, tally.points_without_waveform) == (3, 0)
 
 
 @pytest.mark.parametrize("missing", [1, 2, 5, 6, 7, 8, 9, 10])

@@ -61,7 +61,7 @@ def test_numbers_of_every_size(
     assert rows([block]) == [[1, 2], [3], [4, 5, 6]]
     durations = [1e-9, 2e-9, 4e-9] if duration_bits else [0, 0, 0]
     assert block.sbl_times == pytest.approx(durations, rel=1e-12)
-    assert tally.points_without_packet == 1
+    assert tally.points_without_waveform == 1
 
 
 def test_fixed_number_of_segments(tmp_path: Path) -> None:

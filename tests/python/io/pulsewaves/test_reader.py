@@ -55,7 +55,7 @@ def test_one_waveform_with_everything_about_it(tmp_path: Path) -> None:
     assert block.attributes.point_source_id.tolist() == [403]
     assert block.attributes.scan_angle.tolist() == [0.0]
     assert block.waveform_numbers.tolist() == [0]
-    assert (tally.points, tally.waveforms, tally.points_without_packet) == (1, 1, 0)
+    assert (tally.points, tally.waveforms, tally.points_without_waveform) == (1, 1, 0)
     assert (tally.notes, dict(tally.rejected)) == ([], {})
 
 
@@ -79,7 +79,7 @@ def test_segments_and_channels_of_a_pulse(tmp_path: Path) -> None:
     assert block.sbl_times == pytest.approx([1e-7, 2e-7, 1.1e-7, -3e-9, 1.2e-7], rel=1e-12)
     assert block.channel_flags.tolist() == [1, 1, 0, 1, 0]
     assert block.waveform_numbers.tolist() == [0, 1, 2, 3, 4]
-    assert (tally.points, tally.points_without_packet, tally.waveforms) == (3, 1, 5)
+    assert (tally.points, tally.points_without_waveform, tally.waveforms) == (3, 1, 5)
     assert tally.notes == []
 
 
@@ -126,7 +126,7 @@ def test_outgoing_pulses_that_are_cut_off_are_counted(tmp_path: Path) -> None:
         assert (reader.tally.points, reader.tally.rejected.total()) == (0, 0)
         tally = reader.outgoing_tally
         assert block.pulse_numbers.tolist() == [0, 1]
-        assert (tally.points, tally.waveforms, tally.points_without_packet) == (3, 2, 0)
+        assert (tally.points, tally.waveforms, tally.points_without_waveform) == (3, 2, 0)
         assert list(tally.rejected.values()) == [1]
         list(reader.outgoing_pulses())
         assert reader.outgoing_tally.rejected.total() == 1  # not added up
@@ -215,7 +215,7 @@ def test_times_that_fall_are_times(tmp_path: Path) -> None:
 def test_pulses_without_anything_that_returns(tmp_path: Path) -> None:
     scene = Scene([Descriptor(1, [Sampling(kind=1)])], [Pulse([[(0, [1, 2, 3, 4])]])])
     blocks, tally = read(scene.write(tmp_path / "out.pls"))
-    assert (blocks, tally.points, tally.points_without_packet) == ([], 1, 1)
+    assert (blocks, tally.points, tally.points_without_waveform) == ([], 1, 1)
 
 
 def test_file_without_pulses(tmp_path: Path) -> None:
