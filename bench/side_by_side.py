@@ -150,7 +150,7 @@ def compare_fits(program: Path, samples: Samples) -> None:
         for _ in range(ROUNDS):
             taken, ours = fits_in_cpp(program, signals, starts)
             fit = min(fit, taken)
-            whole = min(whole, microseconds(lambda: driver.apply(samples, noise=NOISE), 20))
+            whole = min(whole, microseconds(lambda: driver.apply(samples, threshold=NOISE), 20))
             theirs = min(theirs, microseconds(work, 1))
         apart = np.max(np.abs(np.array(work()) - ours)[:, 1::3])
         print(
@@ -179,7 +179,7 @@ def compare_methods(samples: Samples) -> None:
     for name, (driver, work) in tools.items():
         ours = theirs = float("inf")
         for _ in range(ROUNDS):
-            ours = min(ours, microseconds(lambda d=driver: d.apply(samples, noise=NOISE), 20))
+            ours = min(ours, microseconds(lambda d=driver: d.apply(samples, threshold=NOISE), 20))
             theirs = min(theirs, microseconds(work, 1))
         print(f"{name:28}  {ours:8.2f}  {theirs:7.1f}  {theirs / ours:6.1f}")
 

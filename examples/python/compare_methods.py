@@ -35,7 +35,9 @@ def main() -> None:
     samples = np.rint(12 + np.array([250, 120, 480]) @ pulse_at(true) + noise[0])
     print(f"true positions: {true}")
     for mode in Mode:
-        peaks = Driver(mode, scanner).apply(samples[np.newaxis].astype(np.uint16), noise=20).peaks
+        peaks = (
+            Driver(mode, scanner).apply(samples[np.newaxis].astype(np.uint16), threshold=20).peaks
+        )
         print(f"\n{mode.title}")
         print("  position ", np.round(peaks["idx"] - offset * (peaks["type"] == 5), 2))
         print("  amplitude", np.round(peaks["amplitudeCounts"]))

@@ -48,7 +48,7 @@ def three_point(figure: Figure) -> None:
     left.hlines(top * np.exp(-0.5), centre, centre + width, color=ECHO, linewidth=2)
     label(left, (centre + width + 0.4, top * np.exp(-0.5)), f"σ = {width:.2f} samples", ECHO)
     label(left, (centre + 0.9, 1.05 * top), f"μ = {centre:.2f}, A = {top:.0f} counts", ECHO)
-    label(left, (12.2, 27), "noise level", INK)
+    label(left, (12.2, 27), "threshold", INK)
     finish(left, "the Gaussian through the maximum and its neighbours", (12, 29), (0, 1.2 * top))
     shown = np.abs(x - centre) < 3.2
     right.plot(x[shown], np.log(gauss[shown]), color=ECHO, linewidth=1.4)
@@ -75,10 +75,10 @@ def decomposition(figure: Figure) -> None:
         upper.plot(x, level + part, color=ECHO, linewidth=0.9, linestyle=(0, (3, 2)))
         label(upper, (centre, level + top + 12), f"μ = {centre:.2f}", ECHO, "center")
     upper.plot(x, level + parts.sum(axis=0), color=INK, linewidth=1.2)
-    label(upper, (8.3, level + 6), "noise level", INK)
+    label(upper, (8.3, level + 6), "threshold", INK)
     label(upper, (36.2, 108), "sum, fitted to the segment as a whole", INK)
-    label(upper, (36.2, 82), "its Gaussians, each above the noise level", ECHO)
-    finish(upper, "decomposition of a segment above the noise", (8, 47), (0, 235))
+    label(upper, (36.2, 82), "its Gaussians, each above the threshold", ECHO)
+    finish(upper, "decomposition of a segment above the threshold", (8, 47), (0, 235))
     upper.set_xlabel("")
     index = np.arange(60)
     inside = samples[0] > level
@@ -182,7 +182,9 @@ def sharpened(
 ) -> tuple[FloatArray, list[FloatArray]]:
     """Sample positions, and the estimate after every correction until the sum stands still."""
     description, offset = scanner()
-    found = Driver(Mode.THREE_POINT, description).apply(samples[np.newaxis], noise=level).waveforms
+    found = (
+        Driver(Mode.THREE_POINT, description).apply(samples[np.newaxis], threshold=level).waveforms
+    )
     first, last = int(found["globalStart"][0]), int(found["globalEnd"][0])
     grid = first + np.arange((last - first) * STEPS) / STEPS
     observed = np.maximum(np.interp(grid, np.arange(len(samples)), samples) - level, 0.0)
@@ -203,7 +205,7 @@ def sharpened(
 
 
 def steps(axes: Axes, samples: npt.NDArray[np.uint16], level: int | None) -> None:
-    """Samples as steps, and the noise level where there is one."""
+    """Samples as steps, and the threshold where there is one."""
     index = np.arange(len(samples))
     axes.fill_between(index, samples, step="mid", color=SIGNAL, alpha=0.16, linewidth=0)
     axes.step(index, samples, where="mid", color=SIGNAL, linewidth=0.9)

@@ -13,7 +13,7 @@ import fullwaveform as fw
 
 def main(scan: str, picture: str) -> None:
     """Prints the table by echo number and draws amplitude over height."""
-    result = fw.extract(scan, noise=20, channel_flags={1: 1, 2: 0})
+    result = fw.extract(scan, threshold=20, channel_flags={1: 1, 2: 0})
     echoes = result.to_pandas()
     print(result)
     columns = ["amplitude_db", "width_ns", "z"]

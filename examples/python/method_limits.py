@@ -2,7 +2,7 @@
 
 python examples/python/method_limits.py
 
-SNR is the height of an echo over the noise's standard deviation of 4 counts; the noise level given
+SNR is the height of an echo over the noise's standard deviation of 4 counts; the threshold given
 to the extraction is 28 counts, four of them above the baseline. An echo is found when an extracted
 one lies within a sample of it.
 """
@@ -102,7 +102,7 @@ def of_a_scan(mode: Mode) -> tuple[int, int]:
     shots, offset = np.repeat(np.arange(len(scan.samples)), 2), scanner()[1]
     driver = Driver(mode, scanner()[0], longest_waveform=waveforms.shape[1])
     flags = np.tile(np.array([1, 0], np.uint8), len(scan.samples))
-    peaks = driver.apply(waveforms, shot_times=shots, channel_flags=flags, noise=20).peaks
+    peaks = driver.apply(waveforms, shot_times=shots, channel_flags=flags, threshold=20).peaks
     position = peaks["idx"] - np.where(peaks["type"] == 5, offset, 0.0)
     found, truth = shots[peaks["row"]], scan.truth
     matching = match_echoes(found, position, truth.shot, truth.position_samples, 2.0)

@@ -67,11 +67,11 @@ def scanner() -> tuple[Scanner, float]:
 
 
 def extracted(mode: Mode, samples: npt.NDArray[np.uint16], level: int, channel: int = 1) -> Echoes:
-    """The finite echoes of waveforms (n, length) above a noise level in counts."""
+    """The finite echoes of waveforms (n, length) above a threshold in counts."""
     description, offset = scanner()
     driver = Driver(mode, description, longest_waveform=samples.shape[1])
     flags = np.full(len(samples), channel, np.uint8)
-    peaks = driver.apply(samples, channel_flags=flags, noise=level).peaks
+    peaks = driver.apply(samples, channel_flags=flags, threshold=level).peaks
     # Deconvolved echoes are moved as `extract` moves them.
     position = peaks["idx"] - np.where(peaks["type"] == 5, offset, 0.0)
     finite = np.isfinite(position) & np.isfinite(peaks["std"])

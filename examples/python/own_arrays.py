@@ -22,7 +22,7 @@ def main() -> None:
         counts=[100, 100, 100, 100, 80],  # valid samples of each row
         shot_times=[0.0, 1e-5, 0.0, 2e-5, 3e-5],  # s; rows 0 and 2 are channels of one shot
         channel_flags=[1, 1, 0, 1, 1],  # 1 low power, 0 the other
-        noise=20,
+        threshold=20,
     )
     print("row  position  amplitude  width")
     names = ("row", "idx", "amplitudeCounts", "std")

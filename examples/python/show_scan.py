@@ -21,7 +21,7 @@ from fullwaveform.plotting.plots import WaveformPicture, draw_overview
 from fullwaveform.simulation import TruthTable, read_truth
 
 TOLERANCE = 2.0  # samples between an echo and the truth it is counted for
-BASELINE_AND_NOISE = 20.0  # counts; what the picture shows as the noise level of the scan
+THRESHOLD = 20.0  # counts; threshold that the picture shows
 SHOWN = 3  # waveforms in the picture
 
 
@@ -97,7 +97,7 @@ def _waveform(block: WaveformBlock, row: int, echoes: laspy.LasData) -> Waveform
     return WaveformPicture(
         samples=block.samples[row],
         count=int(block.counts[row]),
-        noise=BASELINE_AND_NOISE,
+        threshold=THRESHOLD,
         positions=np.asarray(echoes["position"])[of_shot],
         amplitudes_counts=np.asarray(echoes.intensity, dtype=np.float64)[of_shot],
         widths_samples=np.asarray(echoes["width_ns"], dtype=np.float64)[of_shot] / interval_ns,

@@ -12,7 +12,13 @@ import laspy
 import numpy as np
 import pyarrow as pa
 
-from fullwaveform.core.driver import Mode, check_system_wave, checked_mode, checked_noise
+from fullwaveform.core.driver import (
+    Mode,
+    Threshold,
+    check_system_wave,
+    checked_mode,
+    checked_threshold,
+)
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import EchoTable, ReadTally, WaveformBlock
 from fullwaveform.data.columns import Columns
@@ -46,7 +52,7 @@ class Extraction:
         ``waveform_number``, ``channel_flag``
     waveforms : one row per waveform in the order of the file: ``waveform_number``, ``shot_time``
         (s), ``gps_time`` (s), ``channel_flag``, ``sample_count``, ``sampling_interval`` (s),
-        ``noise`` and ``max_amplitude`` (counts), ``max_position`` (samples), ``segment_count``,
+        ``threshold`` and ``max_amplitude`` (counts), ``max_position`` (samples), ``segment_count``,
         ``echo_count``, ``state`` (a `WaveformState`)
     tally : the extraction in numbers
     read : what the reader met; empty for a source of blocks
@@ -128,7 +134,7 @@ def extract(
     *,
     mode: Mode | int = Mode.THREE_POINT,
     scanner: Scanner | str | os.PathLike[str] | None = None,
-    noise: int = -1,
+    threshold: Threshold = "estimate",
     channel_flags: Mapping[int, int] | int = 1,
     sampling_interval: float | None = None,
     workers: int | None = None,
@@ -150,8 +156,9 @@ def extract(
     scanner
         The scanner's description, or the path of its TOML file; when left out, what the file
         carries, else the documented default.
-    noise
-        Noise level in counts, 0 to 65535; negative: estimated for every waveform.
+    threshold
+        Counts, 0 to 65535: samples at or below it are not searched for echoes. "estimate"
+        estimates it for every waveform from its samples.
     channel_flags
         Channel of the waveforms of a file (1 low power, 0 the other), one for all or by packet
         descriptor or channel number.
@@ -177,7 +184,7 @@ def extract(
     wanted = ExtractionSettings(
         scanner=_scanner(scanner),
         mode=checked_mode(mode),
-        noise=checked_noise(noise),
+        threshold=checked_threshold(threshold),
         keep_empty=keep_empty,
     )
     threads = available_workers() if workers is None else workers

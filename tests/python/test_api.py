@@ -34,7 +34,7 @@ def of_blocks(**options: Any) -> Extraction:
         [Packet(samples_of({10: 80, 30: 90}), shot=1.0), Packet(samples_of({}), shot=2.0)]
     )
     second = block_of([Packet(samples_of({20: 70}), shot=3.0)])
-    return fullwaveform.extract([first, second], noise=10, **options)
+    return fullwaveform.extract([first, second], threshold=10, **options)
 
 
 def test_tables_of_constructed_blocks() -> None:
@@ -54,7 +54,7 @@ def test_tables_of_constructed_blocks() -> None:
     assert waveforms["max_amplitude"].tolist()[::2] == [90.0, 70.0]
     assert waveforms["max_position"].tolist()[::2] == [30.0, 20.0]
     assert np.isnan(waveforms["max_amplitude"][1])
-    assert waveforms["noise"].tolist()[::2] == [10.0, 10.0]
+    assert waveforms["threshold"].tolist()[::2] == [10.0, 10.0]
     assert (result.tally.waveforms, result.tally.echoes) == (3, 3)
 
 
@@ -85,7 +85,7 @@ def test_pandas() -> None:
 
 
 def test_file_gives_what_the_command_line_writes(scan: Path, tmp_path: Path) -> None:
-    result = fullwaveform.extract(scan, mode=Mode.DECOMPOSITION, noise=20, channel_flags={2: 0})
+    result = fullwaveform.extract(scan, mode=Mode.DECOMPOSITION, threshold=20, channel_flags={2: 0})
     assert result.to_las(tmp_path / "api.las") == result.peaks.rows > 300
     call = ["extract", scan, "-o", tmp_path / "cli.las", "--mode", "1", "--noise", "20"]
     assert run(*call, "--channel", "2=high", "-q").exit_code == 0
@@ -94,12 +94,12 @@ def test_file_gives_what_the_command_line_writes(scan: Path, tmp_path: Path) -> 
 
 
 def test_reader_and_its_blocks(scan: Path) -> None:
-    whole = fullwaveform.extract(scan, noise=20).to_arrow()
+    whole = fullwaveform.extract(scan, threshold=20).to_arrow()
     with fullwaveform.open(scan, waveforms_per_block=64) as reader:
-        assert fullwaveform.extract(reader, noise=20, workers=2).to_arrow().equals(whole)
-        assert fullwaveform.extract(reader.blocks(), noise=20).to_arrow().equals(whole)
+        assert fullwaveform.extract(reader, threshold=20, workers=2).to_arrow().equals(whole)
+        assert fullwaveform.extract(reader.blocks(), threshold=20).to_arrow().equals(whole)
         first = next(iter(reader.blocks()))
-    part = fullwaveform.extract(first, noise=20).to_arrow()
+    part = fullwaveform.extract(first, threshold=20).to_arrow()
     assert part.equals(whole.slice(0, part.num_rows))
     assert 0 < part.num_rows < whole.num_rows
 
@@ -120,8 +120,8 @@ def test_scanner_by_its_file(tmp_path: Path, scan: Path) -> None:
     lines += ["reflectance_calculation_table = []"]
     path = tmp_path / "scanner.toml"
     path.write_text("\n".join(lines), encoding="utf-8")
-    described = fullwaveform.extract(scan, scanner=path, noise=20).peaks
-    plain = fullwaveform.extract(scan, noise=20).peaks
+    described = fullwaveform.extract(scan, scanner=path, threshold=20).peaks
+    plain = fullwaveform.extract(scan, threshold=20).peaks
     # Counts are multiplied by ten: 20 dB more.
     np.testing.assert_allclose(
         described["amplitude_db"] - plain["amplitude_db"], 20.0, rtol=0, atol=1e-4
@@ -133,12 +133,12 @@ def test_scanner_that_the_file_carries(tmp_path: Path, scan: Path) -> None:
         Scanner.default(), attributes={**Scanner.default().attributes, "ampl_unit": 10.0}
     )
     container = as_container(scan, tmp_path / "scan.h5", described)
-    carried = fullwaveform.extract(container, noise=20)
-    named = fullwaveform.extract(scan, scanner=described, noise=20)
-    default = fullwaveform.extract(container, scanner=Scanner.default(), noise=20)
+    carried = fullwaveform.extract(container, threshold=20)
+    named = fullwaveform.extract(scan, scanner=described, threshold=20)
+    default = fullwaveform.extract(container, scanner=Scanner.default(), threshold=20)
     assert carried.to_arrow().equals(named.to_arrow())
     with fullwaveform.open(container) as reader:
-        assert fullwaveform.extract(reader, noise=20).to_arrow().equals(named.to_arrow())
+        assert fullwaveform.extract(reader, threshold=20).to_arrow().equals(named.to_arrow())
     # Counts are multiplied by ten: 20 dB more.
     np.testing.assert_allclose(
         carried.peaks["amplitude_db"] - default.peaks["amplitude_db"], 20.0, rtol=0, atol=1e-4
@@ -153,7 +153,7 @@ def test_interval_of_an_archive(tmp_path: Path) -> None:
     samples = np.full((1, 60), 5, np.uint16)
     samples[0, 30:33] = 40, 80, 40
     np.savez(tmp_path / "a.npz", samples=samples)
-    result = fullwaveform.extract(tmp_path / "a.npz", noise=10, sampling_interval=2e-9)
+    result = fullwaveform.extract(tmp_path / "a.npz", threshold=10, sampling_interval=2e-9)
     assert result.waveforms["sampling_interval"].tolist() == [2e-9]
     assert result.peaks["time"].tolist() == pytest.approx([62e-9])
     with pytest.raises(ValueError, match="sampling_interval is for the path of a file"):
@@ -166,7 +166,10 @@ WRONG: dict[str, tuple[Callable[[Path], object], str]] = {
         "invalid mode 4; expected 0, 1, 2 or 3",
     ),
     "true": (lambda scan: fullwaveform.extract(scan, mode=True), "invalid mode True"),
-    "noise": (lambda scan: fullwaveform.extract(scan, noise=70_000), "noise 70000 exceeds"),
+    "threshold": (
+        lambda scan: fullwaveform.extract(scan, threshold=70_000),
+        "threshold 70000 must be 'estimate' or an integer from 0 to 65535",
+    ),
     "workers": (
         lambda scan: fullwaveform.extract(scan, workers=0),
         "workers is 0; it must be a whole number",

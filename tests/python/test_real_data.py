@@ -140,7 +140,7 @@ def test_unknown_type_costs_the_strongest_echoes_of_the_forest() -> None:
     attributes = {**DEFAULT_ATTRIBUTES, "WaveformSampleInterval": interval}
 
     def peaks(scanner: Scanner) -> list[tuple[int, float]]:
-        found = Driver(0, scanner).apply(samples, counts, noise=230).peaks
+        found = Driver(0, scanner).apply(samples, counts, threshold=230).peaks
         return list(zip(found["row"].tolist(), found["idx"].tolist(), strict=True))
 
     everything = peaks(Scanner.from_attributes(attributes, after_pulse=NO_AFTER_PULSE))

@@ -64,7 +64,7 @@ def use_drivers(described: Scanner) -> None:
     for length in LENGTHS:
         for mode in Mode:
             driver = Driver(mode, described, longest_waveform=length)
-            driver.apply(records(length), noise=20)
+            driver.apply(records(length), threshold=20)
 
 
 def main(rounds: int) -> None:

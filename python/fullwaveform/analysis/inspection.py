@@ -71,7 +71,7 @@ class FileContents:
     first_time: float | None  # s, GPS time; None where no shot has one
     last_time: float | None  # s
     baseline: Level | None  # None without waveforms
-    noise: Level | None
+    noise_rms: Level | None
     smallest: int | None  # counts, None without samples
     largest: int | None
     bits: int  # that hold the largest value
@@ -141,7 +141,7 @@ class _Sums:
         self.per_shot: Counter[int] = Counter()
         self.times = (np.inf, -np.inf)
         self.baseline = np.zeros(_VALUES * _STEPS, np.int64)  # waveforms by steps of a count
-        self.noise = np.zeros(_VALUES * _STEPS, np.int64)
+        self.noise_rms = np.zeros(_VALUES * _STEPS, np.int64)
         self.values = np.zeros(_VALUES, np.int64)
         self.maxima = np.zeros(_VALUES, np.int64)
         self.largest = -1
@@ -171,9 +171,9 @@ class _Sums:
         for first in range(0, len(samples), rows):
             part = samples[first : first + rows]
             self.values += np.bincount(part.ravel(), minlength=_VALUES)
-            baseline, noise = background(part)
+            baseline, noise_rms = background(part)
             _count_steps(self.baseline, baseline)
-            _count_steps(self.noise, noise)
+            _count_steps(self.noise_rms, noise_rms)
 
     def _add_plateaus(self, samples: npt.NDArray[np.uint16]) -> None:
         largest = int(samples.max())
@@ -201,7 +201,7 @@ class _Sums:
             first_time=self.times[0] if has_time else None,
             last_time=self.times[1] if has_time else None,
             baseline=_level(self.baseline),
-            noise=_level(self.noise),
+            noise_rms=_level(self.noise_rms),
             smallest=int(np.flatnonzero(values)[0]) if self.largest >= 0 else None,
             largest=self.largest if self.largest >= 0 else None,
             bits=max(self.largest, 0).bit_length(),

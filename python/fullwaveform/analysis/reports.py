@@ -7,7 +7,7 @@ from typing import Any
 
 import numpy as np
 
-from fullwaveform.core.driver import LONGEST_DECONVOLUTION, Driver, Mode
+from fullwaveform.core.driver import LONGEST_DECONVOLUTION, Driver, Mode, Threshold
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.extraction.waveform_table import WaveformState
@@ -18,7 +18,7 @@ def block_reports(
     rows: Any,
     scanner: Scanner,
     mode: Mode,
-    noise: int,
+    threshold: Threshold,
     *,
     extent: bool = False,
 ) -> Iterator[tuple[int, str | None, str]]:
@@ -32,7 +32,7 @@ def block_reports(
         The waveforms, whole shots of them.
     rows
         (k,) rows of the block, ascending.
-    scanner, mode, noise
+    scanner, mode, threshold
         As for `Driver`; the sampling interval is that of the block.
     extent
         One line on the extent of the echoes in place of the full report.
@@ -54,7 +54,7 @@ def block_reports(
             block.shot_times[taken],
             block.sbl_times[taken],
             block.channel_flags[taken],
-            noise=noise,
+            threshold=threshold,
             extent=extent,
         )
         for row in np.flatnonzero(np.isin(taken, rows)):

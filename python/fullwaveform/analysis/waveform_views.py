@@ -10,7 +10,7 @@ import numpy.typing as npt
 
 from fullwaveform import _core
 from fullwaveform.analysis.waveform_selection import ChosenShot
-from fullwaveform.core.driver import Driver, Mode, check_system_wave
+from fullwaveform.core.driver import Driver, Mode, Threshold, check_system_wave
 from fullwaveform.core.messages import forward_messages
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import FloatArray
@@ -49,30 +49,30 @@ class MethodView:
 
 @dataclass(frozen=True, slots=True)
 class WaveformView:
-    """A waveform, its level of noise, and what the methods made of it."""
+    """A waveform, its threshold, and what the methods made of it."""
 
     number: int  # running number in the file
     channel_flag: int  # 1 low power, 0 the other
     gps_time: float  # s; NaN where it is not known
     interval: float  # s per sample
     samples: npt.NDArray[np.uint16]  # (n,), valid ones only
-    noise: int  # counts
+    threshold: int  # counts
     segments: npt.NDArray[np.int64]  # (s, 2), first and last sample of the stretches above it
     methods: tuple[MethodView, ...]
 
 
 def waveform_views(
-    shot: ChosenShot, scanner: Scanner, modes: Sequence[Mode], noise: int = -1
+    shot: ChosenShot, scanner: Scanner, modes: Sequence[Mode], threshold: Threshold = "estimate"
 ) -> list[WaveformView]:
     """The meant waveforms of a shot, each seen by every mode; channels are merged as in a run.
 
-    A Gaussian through three samples stands on 0, one of a decomposition on the level of the noise,
-    which the decomposition takes off first. Deconvolved signals lie where the echoes that stand on
+    A Gaussian through three samples stands on 0, one of a decomposition on the threshold,
+    which the decomposition subtracts first. Deconvolved signals lie where the echoes that stand on
     their maxima are reported, the offset of the scanner's description included.
 
     Parameters
     ----------
-    scanner, noise
+    scanner, threshold
         As for `ExtractionSettings`; the sampling interval is that of the waveforms.
 
     Raises
@@ -83,12 +83,12 @@ def waveform_views(
     for mode in modes:
         check_system_wave(mode, scanner)
     block = shot.block
-    extractors = [Extractor(ExtractionSettings(scanner, mode, noise)) for mode in modes]
+    extractors = [Extractor(ExtractionSettings(scanner, mode, threshold)) for mode in modes]
     extracted = [extractor.extract(block) for extractor in extractors]
     views = []
     for row in shot.rows.tolist():
         samples = block.samples[row, : block.counts[row]]
-        level, segments = _levels(block, row, scanner, noise)
+        level, segments = _levels(block, row, scanner, threshold)
         views.append(
             WaveformView(
                 number=int(block.waveform_numbers[row]),
@@ -96,7 +96,7 @@ def waveform_views(
                 gps_time=float(block.attributes.gps_time[row]),
                 interval=float(block.sampling_intervals[row]),
                 samples=samples,
-                noise=level,
+                threshold=level,
                 segments=segments,
                 methods=tuple(
                     _method_view(extractor, found, block, row, level)
@@ -108,18 +108,18 @@ def waveform_views(
 
 
 def _levels(
-    block: WaveformBlock, row: int, scanner: Scanner, noise: int
+    block: WaveformBlock, row: int, scanner: Scanner, threshold: Threshold
 ) -> tuple[int, npt.NDArray[np.int64]]:
-    """Level of the noise, and the stretches above it, which do not depend on the mode."""
+    """Threshold and the segments above it, which do not depend on the mode."""
     samples = np.ascontiguousarray(block.samples[row, : block.counts[row]])
-    level = _core.estimate_noise(samples) if noise < 0 else noise
+    level = _core.estimate_noise(samples) if threshold == "estimate" else threshold
     scanner = scanner.at_interval(float(block.sampling_intervals[row]))
-    found = Driver(Mode.THREE_POINT, scanner).apply(samples[np.newaxis], noise=level).segments
+    found = Driver(Mode.THREE_POINT, scanner).apply(samples[np.newaxis], threshold=level).segments
     return level, np.column_stack([found["start"], found["end"]]).astype(np.int64)
 
 
 def _method_view(
-    extractor: Extractor, extracted: ExtractedBlock, block: WaveformBlock, row: int, noise: int
+    extractor: Extractor, extracted: ExtractedBlock, block: WaveformBlock, row: int, threshold: int
 ) -> MethodView:
     echoes, mode = extracted.echoes, extractor.settings.mode
     mine = np.flatnonzero(echoes.waveform_number == block.waveform_numbers[row])
@@ -128,7 +128,7 @@ def _method_view(
     positions, widths = echoes.position[mine], echoes.width_samples[mine]
     amplitudes = echoes.amplitude_counts[mine].astype(np.float64)
     state = WaveformState(int(extracted.waveforms.state[row]))
-    feet = np.where(np.isin(types, _DECOMPOSED), float(noise), 0.0)
+    feet = np.where(np.isin(types, _DECOMPOSED), float(threshold), 0.0)
     fits = types != _DECONVOLVED
     count = int(block.counts[row])
     fitted = fitted_sum(
@@ -168,7 +168,8 @@ def _deconvolved_signal(extractor: Extractor, block: WaveformBlock, row: int) ->
     settings = extractor.settings
     samples = np.ascontiguousarray(block.samples[row, : block.counts[row]])
     scanner = settings.scanner.at_interval(float(block.sampling_intervals[row]))
-    values, first, step = _core.deconvolved_signal(samples, scanner.device(), settings.noise)
+    threshold = -1 if settings.threshold == "estimate" else settings.threshold
+    values, first, step = _core.deconvolved_signal(samples, scanner.device(), threshold)
     forward_messages()
     position = first + np.arange(len(values)) * step - _offset(settings)
     return np.column_stack([position, values])[np.isfinite(values)]

@@ -28,10 +28,10 @@ from fullwaveform.cli.options import (
     after_pulse_from,
     channel_flags_from,
     mode_from,
-    noise_from,
     refuse_quiet_and_verbose,
     refuse_same_file,
     seconds_from,
+    threshold_from,
 )
 from fullwaveform.cli.progress import progress_of
 from fullwaveform.cli.summary import RunSummary
@@ -148,7 +148,7 @@ def extract(
     call.check()
     wanted = Wanted(
         mode=mode_from(mode),
-        noise=noise_from(noise),
+        threshold=threshold_from(noise),
         scanner=scanner,
         after_pulse=after_pulse_from(after_pulse),
         keep_empty=keep_empty,

@@ -9,7 +9,7 @@ from pathlib import Path
 import typer
 
 from fullwaveform.cli.options import ChannelFlags
-from fullwaveform.core.driver import Mode, check_system_wave
+from fullwaveform.core.driver import Mode, Threshold, check_system_wave
 from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.io.base import WaveformReader
@@ -21,7 +21,7 @@ class Wanted:
     """The options about echoes and input, read and checked."""
 
     mode: Mode
-    noise: int  # counts; negative: estimated for every waveform
+    threshold: Threshold
     scanner: Path | None
     after_pulse: AfterPulse | None
     keep_empty: bool
@@ -52,7 +52,7 @@ class Wanted:
         scanner = scanner_for(self.scanner, self.after_pulse, carried)
         check_system_wave(self.mode, scanner)
         return ExtractionSettings(
-            scanner=scanner, mode=self.mode, noise=self.noise, keep_empty=self.keep_empty
+            scanner=scanner, mode=self.mode, threshold=self.threshold, keep_empty=self.keep_empty
         )
 
 

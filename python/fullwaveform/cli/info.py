@@ -42,7 +42,7 @@ def info(
     verbose: LeftOutTold = False,
     quiet: Annotated[bool, typer.Option("-q", "--quiet", help="No progress.")] = False,
 ) -> None:
-    """Show what a file of waveforms holds: counts, times, noise, saturation, sample values.
+    """Show what a file of waveforms holds: counts, times, levels, saturation, sample values.
 
     Worked examples:
 
@@ -83,7 +83,7 @@ def _plain(source: Path, contents: FileContents) -> dict[str, Any]:
         "first_time": contents.first_time,
         "last_time": contents.last_time,
         "baseline": _plain_level(contents.baseline),
-        "noise": _plain_level(contents.noise),
+        "noise_rms": _plain_level(contents.noise_rms),
         "smallest_value": contents.smallest,
         "largest_value": contents.largest,
         "bits": contents.bits,
@@ -157,7 +157,7 @@ def _rows(contents: FileContents) -> list[tuple[str, str]]:
 
 def _levels(contents: FileContents) -> list[tuple[str, str]]:
     rows = []
-    for name, level in (("baseline", contents.baseline), ("noise", contents.noise)):
+    for name, level in (("baseline", contents.baseline), ("noise rms", contents.noise_rms)):
         if level is not None:
             span = f"90 % of the waveforms {level.low:.4g} to {level.high:.4g}"
             rows.append((name, f"{level.median:.4g} counts ({span})"))

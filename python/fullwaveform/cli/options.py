@@ -8,7 +8,7 @@ from pathlib import Path
 
 import typer
 
-from fullwaveform.core.driver import Mode
+from fullwaveform.core.driver import Mode, Threshold
 from fullwaveform.core.scanner import NO_AFTER_PULSE, AfterPulse
 
 MODE_NAMES = {
@@ -18,7 +18,7 @@ MODE_NAMES = {
     "hybrid": Mode.HYBRID,
 }
 _CHANNEL_NAMES = {"low": 1, "high": 0}
-_LARGEST_NOISE = 65535
+_MAX_THRESHOLD = 65535
 _NANOSECONDS = 1e9  # of a second
 
 
@@ -33,12 +33,12 @@ def mode_from(text: str) -> Mode:
     return mode
 
 
-def noise_from(text: str) -> int:
-    """Noise level in counts, -1 for an estimate per waveform."""
+def threshold_from(text: str) -> Threshold:
+    """Threshold in counts, or "estimate" for an estimate per waveform."""
     if text == "auto":
-        return -1
-    digits = text.isascii() and text.isdigit() and len(text) <= len(str(_LARGEST_NOISE))
-    if not digits or int(text) > _LARGEST_NOISE:
+        return "estimate"
+    digits = text.isascii() and text.isdigit() and len(text) <= len(str(_MAX_THRESHOLD))
+    if not digits or int(text) > _MAX_THRESHOLD:
         raise typer.BadParameter(
             f"{text!r} is neither auto nor a number of counts, 0 to 65535", param_hint="--noise"
         )

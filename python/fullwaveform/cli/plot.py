@@ -24,9 +24,9 @@ from fullwaveform.cli.options import (
     after_pulse_from,
     channel_flags_from,
     mode_from,
-    noise_from,
     refuse_same_file,
     seconds_from,
+    threshold_from,
 )
 from fullwaveform.plotting.plots import PLOT_ENDINGS
 from fullwaveform.plotting.waveform import METHOD_NAMES, draw_waveforms
@@ -74,7 +74,7 @@ def plot(
     refuse_same_file(source, output, "-o")
     seconds = seconds_from(interval)
     modes = list(dict.fromkeys(mode_from(text) for text in mode or ["three-point"]))
-    level, channels = noise_from(noise), channel_flags_from(channel or [])
+    level, channels = threshold_from(noise), channel_flags_from(channel or [])
     window = after_pulse_from(after_pulse)
     with told_in_a_sentence():
         with open_checked(source, channels, interval=seconds) as reader:

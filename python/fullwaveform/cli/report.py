@@ -26,11 +26,11 @@ from fullwaveform.cli.options import (
     after_pulse_from,
     channel_flags_from,
     mode_from,
-    noise_from,
     refuse_same_file,
     seconds_from,
+    threshold_from,
 )
-from fullwaveform.core.driver import Mode, check_system_wave
+from fullwaveform.core.driver import Mode, Threshold, check_system_wave
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.io.atomic import atomic_open
@@ -83,7 +83,7 @@ def report(
         raise typer.BadParameter(f"{time} is no time in seconds", param_hint="--time")
     if output is not None:
         refuse_same_file(source, output, "-o")
-    chosen = _Method(mode_from(mode), noise_from(noise), extent)
+    chosen = _Method(mode_from(mode), threshold_from(noise), extent)
     channels, seconds = channel_flags_from(channel or []), seconds_from(interval)
     chosen_after_pulse = after_pulse_from(after_pulse)
     wanted = _Wanted(set(waveform or ()), time, scanner_report)
@@ -102,7 +102,7 @@ class _Method:
     """How waveforms are analysed and shown."""
 
     mode: Mode
-    noise: int
+    threshold: Threshold
     extent: bool
 
 
@@ -182,7 +182,7 @@ def _waveforms(
         if np.isnan(interval) and len(block):
             interval = float(block.sampling_intervals[rows[0] if len(rows) else 0])
         found += block_reports(
-            block, rows, scanner, method.mode, method.noise, extent=method.extent
+            block, rows, scanner, method.mode, method.threshold, extent=method.extent
         )
         if wanted.is_complete:
             break

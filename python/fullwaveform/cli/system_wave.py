@@ -11,7 +11,7 @@ from rich.console import Console
 from rich.table import Table
 
 from fullwaveform.cli.errors import told_in_a_sentence
-from fullwaveform.cli.options import noise_from, refuse_same_file, seconds_from
+from fullwaveform.cli.options import refuse_same_file, seconds_from, threshold_from
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.plotting.system_wave import PICTURE_FORMATS, draw_system_wave
 from fullwaveform.system_wave.averaging import AveragePulse
@@ -73,7 +73,7 @@ def system_wave(
 
         fullwaveform system-wave pulse.csv --interval 1 -o scanner.toml --order 4 --plot wave.png
     """
-    chosen_order, level = _order_from(order), noise_from(noise)
+    chosen_order, level = _order_from(order), threshold_from(noise)
     wanted = Input(source_file, source, array, seconds_from(interval), level)
     _check_files(source_file, output, plot)
     _check_options(wanted)
@@ -123,7 +123,7 @@ def _check_options(wanted: Input) -> None:
 def _offset(scanner: Scanner, wanted: Input, pulse: AveragePulse) -> DeconvolutionOffset:
     """Measured on the file's own echoes where it has enough of them, else on the pulse."""
     parts = (part for part in wanted.records() if part.sampling_interval == pulse.sampling_interval)
-    return measure_offset(scanner, parts, wanted.noise) or offset_of_made_echoes(scanner, pulse)
+    return measure_offset(scanner, parts, wanted.threshold) or offset_of_made_echoes(scanner, pulse)
 
 
 def _remarks(wave: SystemWave, offset: DeconvolutionOffset) -> tuple[str, ...]:

@@ -7,7 +7,7 @@ from collections import Counter
 from collections.abc import Mapping
 from dataclasses import MISSING, fields, is_dataclass
 from types import NoneType, UnionType
-from typing import Any, TypeVar, cast, get_args, get_origin, get_type_hints
+from typing import Any, Literal, TypeVar, Union, cast, get_args, get_origin, get_type_hints
 
 _T = TypeVar("_T")
 _IN_WORDS = {
@@ -48,8 +48,10 @@ def _checked(kind: Any, value: Any, where: str) -> Any:
     if is_dataclass(kind):
         return _dataclass(kind, value, where)
     origin, arguments = get_origin(kind), get_args(kind)
-    if origin is UnionType:
+    if origin in (UnionType, Union):
         return _one_of(arguments, value, where)
+    if origin is Literal and value in arguments:
+        return value
     if origin is list and isinstance(value, list):
         return [_checked(arguments[0], v, f"{where}[{i}]") for i, v in enumerate(value)]
     if origin in (dict, Counter) and isinstance(value, dict):
@@ -100,6 +102,8 @@ def _is_a(kind: Any, value: Any) -> bool:
 def _in_words(kind: Any) -> str:
     if get_origin(kind) is list:
         return "a list"
+    if get_origin(kind) is Literal:
+        return " or ".join(map(repr, get_args(kind)))
     return _IN_WORDS.get(kind, "an object of JSON")
 
 

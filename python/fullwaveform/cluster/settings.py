@@ -8,7 +8,7 @@ from dataclasses import dataclass
 from typing import Any
 
 from fullwaveform.cluster.plain import to_plain
-from fullwaveform.core.driver import Mode
+from fullwaveform.core.driver import Mode, Threshold
 from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.core.scanner_attributes import checked_attributes
 from fullwaveform.extraction.extractor import ExtractionSettings
@@ -32,7 +32,7 @@ class JobSettings:
     """
 
     mode: int
-    noise: int  # counts; negative: estimated for every waveform
+    threshold: Threshold  # counts, or an estimate for every waveform
     keep_empty: bool
     scanner_attributes: dict[str, str | float | list[float]]
     after_pulse: AfterPulse | None
@@ -61,7 +61,7 @@ class JobSettings:
         scanner = settings.scanner
         return cls(
             mode=int(settings.mode),
-            noise=settings.noise,
+            threshold=settings.threshold,
             keep_empty=settings.keep_empty,
             scanner_attributes=to_plain(scanner.attributes),
             after_pulse=scanner.after_pulse,
@@ -83,7 +83,7 @@ class JobSettings:
             deconvolution_offset=self.deconvolution_offset,
             deconvolution_offset_hybrid=self.deconvolution_offset_hybrid,
         )
-        return ExtractionSettings(scanner, Mode(self.mode), self.noise, self.keep_empty)
+        return ExtractionSettings(scanner, Mode(self.mode), self.threshold, self.keep_empty)
 
     def flags(self) -> dict[int, int]:
         """Channel flag by the number of the channel, 0 to 255."""

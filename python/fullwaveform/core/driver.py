@@ -5,7 +5,7 @@ from __future__ import annotations
 from collections.abc import Mapping
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any
+from typing import Any, Literal
 
 import numpy as np
 import numpy.typing as npt
@@ -20,6 +20,8 @@ _NO_DIRECTORY = "/dev/null"
 
 Mode = _core.Mode
 RowState = _core.RowState
+#: Counts, or an estimate for every waveform.
+Threshold = int | Literal["estimate"]
 
 #: Modes that deconvolve, for which the scanner needs a system wave.
 DECONVOLVING_MODES = (Mode.DECONVOLUTION, Mode.HYBRID)
@@ -125,7 +127,7 @@ class Driver:
         sbl_times: npt.ArrayLike | None = None,
         channel_flags: npt.ArrayLike | None = None,
         *,
-        noise: int = -1,
+        threshold: Threshold = "estimate",
         text: str = "",
     ) -> Result:
         """Extract the echoes of a block.
@@ -142,8 +144,9 @@ class Driver:
             Seconds. Default: 0.
         channel_flags : (n,) integers, optional
             0 high power, 1 low power. Default: 1.
-        noise : int
-            Threshold in counts, 0 to 65535; negative: estimated for every waveform.
+        threshold : int or "estimate"
+            Counts, 0 to 65535: samples at or below it are not searched for echoes. "estimate"
+            estimates it for every waveform from its samples.
 
         Raises
         ------
@@ -151,7 +154,7 @@ class Driver:
             Wrong shape or type, or a count, time or flag out of range.
         """
         arrays = self._checked(samples, counts, shot_times, sbl_times, channel_flags)
-        raw = self._driver.apply(*arrays, checked_noise(noise), text)
+        raw = self._driver.apply(*arrays, noise_argument(threshold), text)
         forward_messages()
         return Result(
             Columns(raw["waveforms"]),
@@ -170,7 +173,7 @@ class Driver:
         sbl_times: npt.ArrayLike | None = None,
         channel_flags: npt.ArrayLike | None = None,
         *,
-        noise: int = -1,
+        threshold: Threshold = "estimate",
         extent: bool = False,
     ) -> tuple[npt.NDArray[np.uint8], list[str | None]]:
         """Extract a block as `apply` does, and report its waveforms as text.
@@ -187,7 +190,7 @@ class Driver:
         rows that have no waveform in the result.
         """
         arrays = self._checked(samples, counts, shot_times, sbl_times, channel_flags)
-        states, texts = self._driver.reports(*arrays, checked_noise(noise), extent)
+        states, texts = self._driver.reports(*arrays, noise_argument(threshold), extent)
         forward_messages()
         return states, texts
 
@@ -300,10 +303,19 @@ def _checked_longest(longest: int, deconvolves: bool) -> int:
     return int(longest)
 
 
-def checked_noise(noise: int) -> int:
-    """Threshold in counts, -1 for an estimate; ValueError if it is invalid."""
-    if isinstance(noise, bool) or not isinstance(noise, int | np.integer):
-        raise ValueError(f"noise must be an integer (counts), not {noise!r}")
-    if noise > _core.MAX_COUNT:
-        raise ValueError(f"noise {noise} exceeds the maximum of {_core.MAX_COUNT} counts")
-    return max(int(noise), -1)
+def checked_threshold(threshold: Threshold) -> Threshold:
+    """The threshold in plain Python types; ValueError if it is invalid."""
+    if isinstance(threshold, str) and threshold == "estimate":
+        return "estimate"
+    is_integer = isinstance(threshold, int | np.integer) and not isinstance(threshold, bool)
+    if not is_integer or not 0 <= threshold <= _core.MAX_COUNT:
+        raise ValueError(
+            f"threshold {threshold!r} must be 'estimate' or an integer from 0 to {_core.MAX_COUNT}"
+        )
+    return int(threshold)
+
+
+def noise_argument(threshold: Threshold) -> int:
+    """The threshold as the compiled module takes it: -1 for an estimate."""
+    threshold = checked_threshold(threshold)
+    return -1 if threshold == "estimate" else threshold

@@ -11,7 +11,14 @@ import numpy as np
 import numpy.typing as npt
 
 import fullwaveform
-from fullwaveform.core.driver import DECONVOLVING_MODES, LONGEST_DECONVOLUTION, Driver, Mode, Result
+from fullwaveform.core.driver import (
+    DECONVOLVING_MODES,
+    LONGEST_DECONVOLUTION,
+    Driver,
+    Mode,
+    Result,
+    Threshold,
+)
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import FloatArray
 from fullwaveform.data.blocks import EchoTable, WaveformBlock
@@ -34,7 +41,7 @@ class ExtractionSettings:
 
     scanner: Scanner
     mode: Mode = Mode.THREE_POINT
-    noise: int = -1  # counts; negative: estimated for every waveform
+    threshold: Threshold = "estimate"  # counts, or an estimate for every waveform
     keep_empty: bool = False  # whether waveforms without echoes have a row among the echoes
 
 
@@ -43,7 +50,7 @@ def run_metadata(settings: ExtractionSettings) -> dict[str, str]:
     return {
         "version": fullwaveform.__version__,
         "mode": settings.mode.title,
-        "noise": "estimated" if settings.noise < 0 else str(settings.noise),
+        "threshold": str(settings.threshold),
         "scanner": json.dumps(dict(settings.scanner.attributes), sort_keys=True),
     }
 
@@ -135,7 +142,7 @@ class Extractor:
             block.shot_times[pick],
             block.sbl_times[pick],
             block.channel_flags[pick],
-            noise=self.settings.noise,
+            threshold=self.settings.threshold,
         )
 
     def _where_a_fit_sees_them(

@@ -35,7 +35,7 @@ class WaveformState(IntEnum):
 
 _PHRASES = {
     WaveformState.WITH_ECHOES: "with echoes",
-    WaveformState.SIGNAL_TOO_LOW: "signal not above the noise",
+    WaveformState.SIGNAL_TOO_LOW: "signal not above the threshold",
     WaveformState.DUPLICATE: "repeats a waveform of its shot",
     WaveformState.INVALID_ROW: "no shot time",
     WaveformState.TOO_LONG_TO_DECONVOLVE: (
@@ -57,10 +57,10 @@ class WaveformTable:
     channel_flag: npt.NDArray[np.uint8]  # 1 for the low-power channel, 0 for the other
     sample_count: npt.NDArray[np.uint16]
     sampling_interval: FloatArray  # s
-    noise: FloatArray  # counts, NaN where the waveform was not kept
+    threshold: FloatArray  # counts, NaN where the waveform was not kept
     max_amplitude: FloatArray  # counts, NaN where the waveform was not kept
     max_position: FloatArray  # samples, of the largest sample; NaN where it was not kept
-    segment_count: npt.NDArray[np.int64]  # stretches above the noise
+    segment_count: npt.NDArray[np.int64]  # runs of samples above the threshold
     echo_count: npt.NDArray[np.int64]  # echoes of this waveform
     state: npt.NDArray[np.uint8]  # a WaveformState
 
@@ -75,7 +75,7 @@ _UNITS = {
     "channel_flag": (pa.uint8(), "1"),
     "sample_count": (pa.uint16(), "samples"),
     "sampling_interval": (pa.float64(), "s"),
-    "noise": (pa.float64(), "counts"),
+    "threshold": (pa.float64(), "counts"),
     "max_amplitude": (pa.float64(), "counts"),
     "max_position": (pa.float64(), "samples"),
     "segment_count": (pa.int64(), "1"),
@@ -98,7 +98,7 @@ def waveform_table(block: WaveformBlock) -> WaveformTable:
         channel_flag=block.channel_flags,
         sample_count=block.counts,
         sampling_interval=block.sampling_intervals,
-        noise=np.full(rows, np.nan),
+        threshold=np.full(rows, np.nan),
         max_amplitude=np.full(rows, np.nan),
         max_position=np.full(rows, np.nan),
         segment_count=np.zeros(rows, np.int64),
@@ -111,7 +111,7 @@ def enter_result(table: WaveformTable, rows: npt.NDArray[np.int64], result: Resu
     """Enter what the driver says of the given rows (of the block) into the table."""
     table.state[rows] = result.row_states
     kept = rows[result.waveforms["row"]]
-    table.noise[kept] = result.waveforms["noise"]
+    table.threshold[kept] = result.waveforms["noise"]
     table.max_amplitude[kept] = result.waveforms["maxAmplitude"]
     table.max_position[kept] = result.waveforms["idxOfMaxAmplitude"]
     table.segment_count[kept] = result.waveforms["segmentCount"]

@@ -38,7 +38,7 @@ class WaveformPicture:
 
     samples: npt.NDArray[np.uint16]  # (width,), counts
     count: int  # valid samples; what lies behind them is not drawn
-    noise: float  # counts, noise level
+    threshold: float  # counts
     positions: FloatArray  # (m,), samples
     amplitudes_counts: FloatArray  # (m,), from 0, as the extraction gives them
     widths_samples: FloatArray  # (m,), standard deviations
@@ -120,7 +120,7 @@ def _bins(numbers: FloatArray) -> FloatArray:
 
 
 def draw_waveform(axes: Axes, waveform: WaveformPicture) -> None:
-    """Samples as steps, the noise level, and for each echo a stem with a bar of its width.
+    """Samples as steps, the threshold, and for each echo a stem with a bar of its width.
 
     The bar reaches one standard deviation to either side, at the height where a Gaussian is that
     wide. Of a long record only the part around its echoes is shown. Raises ValueError when the
@@ -132,7 +132,7 @@ def draw_waveform(axes: Axes, waveform: WaveformPicture) -> None:
     axes.fill_between(index, values, step="mid", color=_SIGNAL, alpha=0.16, linewidth=0)
     axes.step(index, values, where="mid", color=_SIGNAL, linewidth=0.9, label="samples")
     axes.axhline(
-        waveform.noise, color=_INK, linewidth=0.8, linestyle=(0, (4, 2)), label="noise level"
+        waveform.threshold, color=_INK, linewidth=0.8, linestyle=(0, (4, 2)), label="threshold"
     )
     position, top = np.asarray(waveform.positions), np.asarray(waveform.amplitudes_counts)
     width = np.asarray(waveform.widths_samples)
@@ -140,7 +140,7 @@ def draw_waveform(axes: Axes, waveform: WaveformPicture) -> None:
     axes.vlines(position, 0.0, top, color=_ECHO, linewidth=0.9)
     axes.hlines(height, position - width, position + width, color=_ECHO, linewidth=1.6)
     axes.plot(position, top, "o", color=_ECHO, markersize=3.6, label="echo, amplitude and width")
-    highest = max([float(values.max(initial=1.0)), waveform.noise, *top.tolist()])
+    highest = max([float(values.max(initial=1.0)), waveform.threshold, *top.tolist()])
     axes.set_ylim(0.0, 1.22 * highest)
     axes.set_xlim(_shown_samples(len(values), position))
     axes.yaxis.set_major_locator(MaxNLocator(3, integer=True))

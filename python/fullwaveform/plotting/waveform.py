@@ -1,4 +1,4 @@
-"""The picture of a waveform: samples, noise, segments, and what the methods made of them."""
+"""The picture of a waveform: samples, threshold, segments, and what the methods made of them."""
 
 from __future__ import annotations
 
@@ -69,7 +69,7 @@ def draw_waveforms(path: str | os.PathLike[str], views: Sequence[WaveformView]) 
 def waveform_figure(views: Sequence[WaveformView]) -> Figure:
     """A panel per waveform, beside it the echoes of each method in numbers.
 
-    Drawn are the samples, the level of the noise, the stretches above it as a bar on the axis,
+    Drawn are the samples, the threshold, the segments above it as a bar on the axis,
     and, in the colour of each method, its fitted or deconvolved signal and its echoes: a stem as
     high as the amplitude, with a bar that reaches one standard deviation to either side where a
     Gaussian is that wide. Long records are shown around their echoes.
@@ -97,8 +97,8 @@ def _draw_panel(axes: Axes, view: WaveformView) -> None:
     index = np.arange(len(values))
     axes.fill_between(index, values, step="mid", color=_FAINT, linewidth=0, zorder=1)
     axes.plot(index, values, ".", color=_INK, markersize=3.2, label="samples", zorder=6)
-    axes.axhline(view.noise, color=_GREY, linewidth=0.8, linestyle=(0, (4, 2)), zorder=2)
-    _name_noise(axes, view)
+    axes.axhline(view.threshold, color=_GREY, linewidth=0.8, linestyle=(0, (4, 2)), zorder=2)
+    _name_threshold(axes, view)
     first, last = view.segments.T if len(view.segments) else (np.empty(0), np.empty(0))
     axes.hlines(
         np.full(len(first), _SEGMENTS_AT),
@@ -110,7 +110,7 @@ def _draw_panel(axes: Axes, view: WaveformView) -> None:
         label="segments",
     )
     if len(view.segments):
-        _name_beside(axes, "above the noise", _SEGMENTS_AT)
+        _name_beside(axes, "above the threshold", _SEGMENTS_AT)
     # What is drawn first is broader, so that equal curves are all seen.
     for method, width in zip(view.methods, _CURVE_WIDTHS, strict=False):
         _draw_method(axes, method, width)
@@ -164,15 +164,15 @@ def _around_echoes(method: MethodView) -> FloatArray:
     return curve
 
 
-def _name_noise(axes: Axes, view: WaveformView) -> None:
+def _name_threshold(axes: Axes, view: WaveformView) -> None:
     """Says above the line what it is, at the end of the panel where the record is lower."""
     low, high = axes.get_xlim()
     shown = view.samples[max(int(low), 0) : int(high) + 1]
     end = max(len(shown) // 5, 1)
     right = int(shown[-end:].max(initial=0)) <= int(shown[:end].max(initial=0))
     axes.annotate(
-        f"noise level {view.noise}",
-        (0.995 if right else 0.005, view.noise),
+        f"threshold {view.threshold}",
+        (0.995 if right else 0.005, view.threshold),
         xycoords=axes.get_yaxis_transform(),
         xytext=(0, 2),
         textcoords="offset points",
@@ -205,7 +205,7 @@ def _highest(view: WaveformView) -> float:
         for method in view.methods
         for curve in (method.fitted, method.deconvolved)
     ]
-    return max([float(view.samples.max(initial=1)), 1.5 * view.noise, *tops, *curves])
+    return max([float(view.samples.max(initial=1)), 1.5 * view.threshold, *tops, *curves])
 
 
 def _title(view: WaveformView) -> str:

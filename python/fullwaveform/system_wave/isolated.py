@@ -10,7 +10,7 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.core.driver import Driver, Mode
+from fullwaveform.core.driver import Driver, Mode, Threshold
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.system_wave.pulses import Pulses, baseline_of
@@ -87,23 +87,27 @@ def strongest_echoes(peaks: Mapping[str, npt.NDArray[Any]], baseline: FloatArray
 
 
 def echoes_of(
-    records: Records, scanner: Scanner, noise: int, mode: Mode, channel_flag: int = 1
+    records: Records, scanner: Scanner, threshold: Threshold, mode: Mode, channel_flag: int = 1
 ) -> Mapping[str, Any]:
-    """The table of echoes of a mode; `noise` in counts, negative: estimated for each waveform."""
+    """The table of echoes of a mode; `threshold` in counts or "estimate"."""
     driver = Driver(
         mode,
         scanner.at_interval(records.sampling_interval),
         longest_waveform=records.samples.shape[1],
     )
     flags = np.full(len(records.counts), channel_flag, dtype=np.uint8)
-    return driver.apply(records.samples, records.counts, channel_flags=flags, noise=noise).peaks
+    return driver.apply(
+        records.samples, records.counts, channel_flags=flags, threshold=threshold
+    ).peaks
 
 
-def isolated_echoes(parts: Iterable[Records], scanner: Scanner, noise: int, origin: str) -> Pulses:
+def isolated_echoes(
+    parts: Iterable[Records], scanner: Scanner, threshold: Threshold, origin: str
+) -> Pulses:
     """Pulses cut out about the strongest echoes of waveforms, one row each.
 
     Used are echoes that stand alone, rise 8 counts above the baseline, and belong to the stronger
-    half of those. `noise` in counts; negative: estimated for each waveform.
+    half of those. `threshold` in counts or "estimate".
 
     Raises ValueError when the records hold none.
     """
@@ -115,7 +119,7 @@ def isolated_echoes(parts: Iterable[Records], scanner: Scanner, noise: int, orig
             rejected[OTHER_INTERVAL] += len(records.samples)
             continue
         echoes = strongest_echoes(
-            echoes_of(records, scanner, noise, Mode.THREE_POINT), records.baseline()
+            echoes_of(records, scanner, threshold, Mode.THREE_POINT), records.baseline()
         )
         strong = echoes.height >= _LEAST_HEIGHT
         rejected[NOT_ALONE] += int(np.count_nonzero(strong & ~echoes.alone))

@@ -14,7 +14,7 @@ from typing import Any
 
 import numpy as np
 
-from fullwaveform.core.driver import Mode
+from fullwaveform.core.driver import Mode, Threshold
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import FloatArray
 from fullwaveform.system_wave.averaging import AveragePulse
@@ -27,7 +27,7 @@ _REACH = 10.0  # samples; the window of the system wave is 11 samples long
 
 # Echoes made of the pulse itself, where a file has none: positions over ten phases of a step.
 _MADE_ECHOES, _MADE_BASELINE, _MADE_HEIGHT = 500, 20.0, 2000.0
-_MADE_NOISE = 30  # counts
+_MADE_THRESHOLD = 30  # counts
 
 
 @dataclass(frozen=True)
@@ -49,23 +49,23 @@ class DeconvolutionOffset:
 
 
 def measure_offset(
-    scanner: Scanner, parts: Iterable[Records], noise: int
+    scanner: Scanner, parts: Iterable[Records], threshold: Threshold
 ) -> DeconvolutionOffset | None:
     """The offset on the echoes of records; None when fewer than 20 of them stand alone.
 
-    `scanner` must hold a system wave; `noise` in counts, negative: estimated for each waveform.
+    `scanner` must hold a system wave; `threshold` in counts or "estimate".
     Raises ValueError when the scanner is not complete.
     """
     differences: list[FloatArray] = []
     decomposed: list[FloatArray] = []
     for records in parts:
         reference = strongest_echoes(
-            echoes_of(records, scanner, noise, Mode.THREE_POINT), records.baseline()
+            echoes_of(records, scanner, threshold, Mode.THREE_POINT), records.baseline()
         )
-        sharpened = echoes_of(records, scanner, noise, Mode.DECONVOLUTION)
+        sharpened = echoes_of(records, scanner, threshold, Mode.DECONVOLUTION)
         differences.append(position_differences(reference, sharpened))
         # The hybrid decomposes the normal channel, in one loop.
-        fitted = echoes_of(records, scanner, noise, Mode.DECOMPOSITION, channel_flag=0)
+        fitted = echoes_of(records, scanner, threshold, Mode.DECOMPOSITION, channel_flag=0)
         decomposed.append(position_differences(reference, fitted))
         if sum(map(len, differences)) >= _ENOUGH:
             break
@@ -78,7 +78,7 @@ def measure_offset(
 
 def offset_of_made_echoes(scanner: Scanner, pulse: AveragePulse) -> DeconvolutionOffset:
     """The offset on echoes computed from the pulse, at evenly spread phases and without noise."""
-    found = measure_offset(scanner, [made_records(pulse)], _MADE_NOISE)
+    found = measure_offset(scanner, [made_records(pulse)], _MADE_THRESHOLD)
     if found is None:
         raise ValueError(
             f"{pulse.origin}: the pulse cannot be found again after deconvolution; the part of it "

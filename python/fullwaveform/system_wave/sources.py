@@ -13,6 +13,7 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 
+from fullwaveform.core.driver import Threshold
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import FloatArray
 from fullwaveform.data.errors import WaveformFileError
@@ -45,14 +46,14 @@ class Input:
     source : None: outgoing pulses where the format, or the .npz, holds them, else echoes
     array : name of an array with pulses in an .npz
     interval : s per sample, for files that do not say
-    noise : counts, for finding echoes; negative: estimated for each waveform
+    threshold : counts, for finding echoes, or "estimate"
     """
 
     path: Path
     source: Source | None = None
     array: str | None = None
     interval: float | None = None
-    noise: int = -1
+    threshold: Threshold = "estimate"
 
     @property
     def is_arrays(self) -> bool:
@@ -79,7 +80,7 @@ class Input:
         elif self.source is not Source.ECHOES and self._holds_outgoing():
             return average(self._outgoing())
         origin = f"isolated echoes of {self.path.name}"
-        return average(isolated_echoes(self.records(), scanner, self.noise, origin))
+        return average(isolated_echoes(self.records(), scanner, self.threshold, origin))
 
     def records(self) -> Iterator[Records]:
         """The waveforms with echoes, in parts of one interval; none from a text."""

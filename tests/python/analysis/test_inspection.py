@@ -63,7 +63,7 @@ def test_counts(three: FileContents) -> None:
 
 def test_baseline_and_noise(three: FileContents) -> None:
     assert three.baseline == Level(median=11.0, low=5.0, high=20.0)
-    assert three.noise == Level(median=10 / 16, low=0.0, high=27 / 16)  # in sixteenths
+    assert three.noise_rms == Level(median=10 / 16, low=0.0, high=27 / 16)  # in sixteenths
 
 
 def test_values_and_saturation(three: FileContents) -> None:
@@ -86,7 +86,7 @@ def test_a_higher_value_later_ends_what_looked_like_plateaus(tmp_path: Path) -> 
 def test_waveforms_of_one_sample_have_levels_and_no_plateau(tmp_path: Path) -> None:
     found = contents(archive(tmp_path / "a.npz", [[30], [30]]))
     assert found.baseline == Level(30.0, 30.0, 30.0)
-    assert found.noise == Level(0.0, 0.0, 0.0)
+    assert found.noise_rms == Level(0.0, 0.0, 0.0)
     assert found.saturated == 0.0
 
 

@@ -10,6 +10,7 @@ import pytest
 from fullwaveform import Mode, Scanner, WaveformState
 from fullwaveform.analysis.waveform_selection import ChosenShot
 from fullwaveform.analysis.waveform_views import WaveformView, fitted_sum, waveform_views
+from fullwaveform.core.driver import Threshold
 
 from ..core import test_modes
 from ..extraction.test_extraction import Packet, block_of
@@ -23,11 +24,11 @@ HALF = np.exp(-0.5)
 def views(
     *packets: Packet,
     modes: Sequence[Mode] = (Mode.THREE_POINT,),
-    noise: int = 10,
+    threshold: Threshold = 10,
     scanner: Scanner | None = None,
 ) -> list[WaveformView]:
     shot = ChosenShot(block_of(packets), np.arange(len(packets)))
-    return waveform_views(shot, scanner or Scanner.default(), modes, noise)
+    return waveform_views(shot, scanner or Scanner.default(), modes, threshold)
 
 
 def height_at(curve: np.ndarray, position: float) -> float:
@@ -58,8 +59,8 @@ def test_sum_of_none_is_empty() -> None:
 def test_three_points() -> None:
     (view,) = views(Packet(record({20: 100, 40: 60})))
     assert (view.number, view.channel_flag, view.gps_time, view.interval) == (70, 1, 1000.0, 1e-9)
-    assert view.noise == 10
-    # From the last sample that is not above the noise to the first one below it.
+    assert view.threshold == 10
+    # From the last sample that is not above the threshold to the first one below it.
     assert view.segments.tolist() == [[18, 22], [38, 42]]
     (method,) = view.methods
     assert method.state is WaveformState.WITH_ECHOES
@@ -75,7 +76,7 @@ def test_three_points() -> None:
 def test_gaussians_of_a_decomposition_stand_on_the_noise() -> None:
     x = np.arange(60)
     samples = np.rint(20.0 + 400.0 * np.exp(-0.5 * ((x - 30.4) / 2.5) ** 2)).astype(np.uint16)
-    (view,) = views(Packet(samples, flag=0), modes=[Mode.DECOMPOSITION], noise=20)
+    (view,) = views(Packet(samples, flag=0), modes=[Mode.DECOMPOSITION], threshold=20)
     (method,) = view.methods
     np.testing.assert_allclose(method.positions, [30.4], atol=0.02)
     np.testing.assert_allclose(method.widths, [2.5], atol=0.02)
@@ -93,7 +94,9 @@ def test_deconvolved_signal_lies_where_its_echoes_are_reported() -> None:
     moved = Scanner(scanner.attributes, deconvolution_offset=offset)
     found = {}
     for name, described in (("as it is", scanner), ("moved", moved)):
-        (view,) = views(Packet(samples[0]), modes=[Mode.DECONVOLUTION], noise=25, scanner=described)
+        (view,) = views(
+            Packet(samples[0]), modes=[Mode.DECONVOLUTION], threshold=25, scanner=described
+        )
         (found[name],) = view.methods
     for method in found.values():
         assert len(method.positions) >= 2
@@ -125,7 +128,7 @@ def test_hybrid_shows_the_signal_that_it_took_its_echoes_from() -> None:
     scanner = test_modes.scanner()
     for flag, deconvolves in ((1, True), (0, False)):
         (view,) = views(
-            Packet(samples[0], flag=flag), modes=[Mode.HYBRID], noise=25, scanner=scanner
+            Packet(samples[0], flag=flag), modes=[Mode.HYBRID], threshold=25, scanner=scanner
         )
         (method,) = view.methods
         assert (len(method.deconvolved) > 0) is deconvolves
@@ -158,8 +161,8 @@ def test_noise_is_estimated_for_every_waveform() -> None:
     chance = np.random.default_rng(2)
     samples = chance.integers(15, 25, 80).astype(np.uint16)
     samples[40:43] = 300, 600, 300
-    (view,) = views(Packet(samples), noise=-1)
-    assert view.noise == reference_three_point.estimate(samples.tolist())
+    (view,) = views(Packet(samples), threshold="estimate")
+    assert view.threshold == reference_three_point.estimate(samples.tolist())
 
 
 def test_mode_that_needs_a_system_wave() -> None:

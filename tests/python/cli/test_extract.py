@@ -116,7 +116,7 @@ def test_summary_tells_the_numbers_of_the_files(scan: Path) -> None:
     assert int(with_echoes) + sum(without) == packets
     # The empty shots are one in twenty, in both channels.
     low = {remark: int(count) for count, remark in summary["without echoes"]}
-    assert low["signal not above the noise"] == 2 * SHOTS // 20
+    assert low["signal not above the threshold"] == 2 * SHOTS // 20
     assert f"result: {output}" in result.stdout
     assert "after-pulse test switched off" in result.stdout
 

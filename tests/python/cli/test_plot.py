@@ -49,7 +49,7 @@ def test_all_channels_of_a_shot(scan: Path) -> None:
     assert "waveform 1, low-power channel" in picture
     assert "waveform 2, high-power channel" in picture
     assert "three-point, no echoes" in picture
-    assert "signal not above the noise" in picture
+    assert "signal not above the threshold" in picture
 
 
 def test_shot_by_its_time(scan: Path) -> None:
@@ -68,7 +68,7 @@ def test_summary_says_what_was_found(scan: Path) -> None:
     result = run("plot", scan, "-o", scan.with_name("a.png"), "--shot", "1", "--noise", "10")
     assert result.stdout.splitlines()[:2] == [
         "waveform 1: three-point 1 echo",
-        "waveform 2: three-point signal not above the noise",
+        "waveform 2: three-point signal not above the threshold",
     ]
 
 

@@ -148,11 +148,11 @@ def test_a_waveform_that_the_driver_did_not_keep(scan: Path) -> None:
     result = run("report", scan, "--waveform", "1", "--waveform", "0", *NOISE)
     assert result.exit_code == 0
     assert len(reports(result.stdout)) == 1
-    assert result.stderr == "note: waveform 1: signal not above the noise\n"
+    assert result.stderr == "note: waveform 1: signal not above the threshold\n"
     target = scan.with_name("report.txt")
     assert_trouble(
         run("report", scan, "--waveform", "1", *NOISE, "-o", target),
-        "scan.las: nothing to report, waveform 1: signal not above the noise",
+        "scan.las: nothing to report, waveform 1: signal not above the threshold",
     )
     assert not target.exists()
 

@@ -135,7 +135,7 @@ def test_a_file_without_a_readable_waveform_costs_its_own_part_only(
 
 def unit(scan: Path, folder: Path, version: str = fullwaveform.__version__) -> Plain:
     settings = JobSettings.of(
-        ExtractionSettings(Scanner.default(), noise=20),
+        ExtractionSettings(Scanner.default(), threshold=20),
         1,
         block=20,
         unit_blocks=2,

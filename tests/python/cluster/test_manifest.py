@@ -75,7 +75,7 @@ def test_names_of_parts_are_in_the_order_of_the_alphabet() -> None:
 @pytest.fixture
 def manifest(tmp_path: Path) -> Manifest:
     settings = JobSettings.of(
-        ExtractionSettings(Scanner.default(), noise=20),
+        ExtractionSettings(Scanner.default(), threshold=20),
         {2: 0, 7: 3},
         block=50,
         unit_blocks=2,
@@ -135,8 +135,14 @@ def test_default_units_are_smaller_for_slower_methods() -> None:
         (lambda m: m.update(more=1), "manifest has unknown entries: more"),
         (lambda m: m.update(inputs={}), r"manifest.inputs is \{\}, must be a list"),
         (lambda m: m.update(seconds="1"), "manifest.seconds is '1', must be a finite number"),
-        (lambda m: m["settings"].update(noise=1.5), "settings.noise is 1.5, must be a whole"),
-        (lambda m: m["settings"].update(noise=True), "settings.noise is True, must be a whole"),
+        (
+            lambda m: m["settings"].update(threshold=1.5),
+            "settings.threshold is 1.5, must be a whole",
+        ),
+        (
+            lambda m: m["settings"].update(threshold=True),
+            "settings.threshold is True, must be a whole",
+        ),
         (lambda m: m["settings"].update(after_pulse=3), "settings.after_pulse is 3, must be"),
         (
             lambda m: m["settings"].update(after_pulse={"offset": "a", "width": 1}),

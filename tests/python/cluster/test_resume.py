@@ -129,7 +129,7 @@ def test_a_part_that_is_missing_or_cut_is_made_again(
 @pytest.mark.parametrize(
     ("options", "phrase"),
     [
-        (["--noise", "21"], "settings.noise was 20 and is 21"),
+        (["--noise", "21"], "settings.threshold was 20 and is 21"),
         (["--mode", "1"], "settings.mode was 0 and is 1"),
         (["--keep-empty"], "settings.keep_empty was False and is True"),
         (["--channel", "2=high"], "settings.channel_flags.2 was nothing and is 0"),

@@ -37,7 +37,7 @@ def test_echoes_stand_on_the_maxima_of_the_signal() -> None:
     samples = scene(np.array([[20.3, 28.0]]), np.array([[500.0, 300.0]]))
     values, first, step = _core.deconvolved_signal(samples[0], scanner().device(), NOISE)
     result = Driver(Mode.DECONVOLUTION, scanner(), longest_waveform=WIDTH).apply(
-        samples, noise=NOISE
+        samples, threshold=NOISE
     )
     assert result.peaks.rows >= 2
     for position, amplitude in zip(

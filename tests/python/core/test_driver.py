@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import logging
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import pytest
@@ -18,7 +19,7 @@ WORKED = np.array([[5, 50, 60, 5, 5]], np.uint16)
 
 
 def test_triples_give_their_gaussians() -> None:
-    result = driver().apply(np.array([record({10: 80, 30: 40})]), noise=10)
+    result = driver().apply(np.array([record({10: 80, 30: 40})]), threshold=10)
     peaks = result.peaks
     assert peaks["idx"].tolist() == [10.0, 30.0]
     np.testing.assert_allclose(peaks["amplitudeCounts"], [80.0, 40.0], rtol=1e-6)
@@ -39,7 +40,7 @@ def test_top_between_two_equal_samples() -> None:
     # first one and is 40 * 2**(9/8) high.
     samples = np.zeros((1, 30), np.uint16)
     samples[0, 14:18] = 40, 80, 80, 40
-    peaks = driver().apply(samples, noise=10).peaks
+    peaks = driver().apply(samples, threshold=10).peaks
     np.testing.assert_allclose(peaks["idx"], [15.5], rtol=1e-6)
     np.testing.assert_allclose(peaks["amplitudeCounts"], [87.24062], rtol=1e-6)
     np.testing.assert_allclose(peaks["std"], [1.2011224], rtol=1e-6)  # sqrt(1 / ln 2)
@@ -49,7 +50,7 @@ def test_every_value_of_the_analysis() -> None:
     """Record 5, 50, 60, 5, 5 above a noise of 10."""
     made = driver(after_pulse=AfterPulse(offset=5, width=2), t_ref=INTERVAL * 8)
     result = made.apply(
-        WORKED, shot_times=[7.5], sbl_times=[INTERVAL * 40], channel_flags=[0], noise=10
+        WORKED, shot_times=[7.5], sbl_times=[INTERVAL * 40], channel_flags=[0], threshold=10
     )
     waveform = {name: column.tolist() for name, column in result.waveforms.items()}
     assert waveform.pop("maxAmplitudeDB") == [pytest.approx(35.5630, abs=1e-4)]  # 20 log10(60)
@@ -89,7 +90,7 @@ def test_every_value_of_the_analysis() -> None:
 
 
 def test_kinds_of_the_columns() -> None:
-    result = driver().apply(WORKED, noise=10)
+    result = driver().apply(WORKED, threshold=10)
     assert result.waveforms["isLowPower"].dtype == np.bool_
     assert result.waveforms["online"].dtype == np.bool_
     assert result.waveforms["noise"].dtype == np.uint16
@@ -101,7 +102,7 @@ def test_kinds_of_the_columns() -> None:
 
 
 def test_window_of_the_after_pulse_that_wraps() -> None:
-    switched_off = driver().apply(WORKED, noise=10).waveforms
+    switched_off = driver().apply(WORKED, threshold=10).waveforms
     # 2 - 2**31 as an unsigned 32-bit number
     assert switched_off["afterPulseFrom"].tolist() == [2147483650.0]
     assert switched_off["afterPulseTo"].tolist() == [2147583650.0]  # 2 + 2**31 + 100000
@@ -118,14 +119,14 @@ def test_window_of_the_after_pulse_that_wraps() -> None:
     ],
 )
 def test_decibels_of_echo_and_waveform(unit: float, decibel: float) -> None:
-    result = driver(ampl_unit=unit).apply(np.array([record({10: 8})]), noise=2)
+    result = driver(ampl_unit=unit).apply(np.array([record({10: 8})]), threshold=2)
     np.testing.assert_allclose(result.peaks["amplitude"], [decibel], rtol=1e-3, atol=1e-7)
     np.testing.assert_allclose(result.waveforms["maxAmplitudeDB"], [decibel], rtol=1e-3, atol=1e-7)
 
 
 def test_shots_ascend_and_keep_their_order_of_arrival() -> None:
     samples = np.array([record({10 + row: 40 + 2 * row}) for row in range(5)])
-    result = driver().apply(samples, shot_times=[9.0, -1.0, 4.0, 9.0, 4.0], noise=10)
+    result = driver().apply(samples, shot_times=[9.0, -1.0, 4.0, 9.0, 4.0], threshold=10)
     assert result.waveforms["row"].tolist() == [1, 2, 4, 0, 3]
     assert result.waveforms["shotTime"].tolist() == [-1.0, 4.0, 4.0, 9.0, 9.0]
     assert result.peaks["row"].tolist() == [1, 2, 4, 0, 3]
@@ -140,10 +141,10 @@ def test_what_became_of_each_row() -> None:
             record({}),
             record({10: 80}),  # the first one again, at another shot
             record({10: 80}),  # the first one again
-            record({20: 10}),  # not above the noise
+            record({20: 10}),  # not above the threshold
         ]
     )
-    result = driver().apply(samples, shot_times=[1.0, 1.0, 2.0, 1.0, 1.0], noise=10)
+    result = driver().apply(samples, shot_times=[1.0, 1.0, 2.0, 1.0, 1.0], threshold=10)
     assert result.row_states.tolist() == [
         RowState.KEPT,
         RowState.SIGNAL_TOO_LOW,
@@ -167,11 +168,14 @@ def test_what_became_of_each_row() -> None:
 def test_only_every_third_sample_tells_a_duplicate() -> None:
     # The triples stand on 9 to 11 and 12 to 14: indices 9 and 12 hold equal values.
     samples = np.array([record({10: 80}), record({13: 80}), record({14: 80})])
-    result = driver().apply(samples, shot_times=[1.0, 1.0, 1.0], noise=10)
+    result = driver().apply(samples, shot_times=[1.0, 1.0, 1.0], threshold=10)
     # Sums 40, 40 and 40: index 15 is the last sample of the third triple.
     assert result.row_states.tolist() == [0, RowState.DUPLICATE, RowState.DUPLICATE]
     shifted = np.array([record({10: 80}), record({12: 80})])  # 40 and 80
-    assert driver().apply(shifted, shot_times=[1.0, 1.0], noise=10).row_states.tolist() == [0, 0]
+    assert driver().apply(shifted, shot_times=[1.0, 1.0], threshold=10).row_states.tolist() == [
+        0,
+        0,
+    ]
 
 
 def test_channels_of_a_shot_are_merged() -> None:
@@ -180,7 +184,7 @@ def test_channels_of_a_shot_are_merged() -> None:
     low = record({10: 640, 23: 2000, 31: 4000, 40: 3200})
     made = Driver(0, scanner())
     result = made.apply(
-        np.array([high, low]), shot_times=[1.0, 1.0], channel_flags=[0, 1], noise=10
+        np.array([high, low]), shot_times=[1.0, 1.0], channel_flags=[0, 1], threshold=10
     )
     kept = list(zip(result.peaks["row"].tolist(), result.peaks["idx"].tolist(), strict=True))
     # 8 gives way to 10; 20 and 23 are three intervals apart, not less; 31 is above 3000 counts and
@@ -196,45 +200,45 @@ def test_channels_of_a_shot_are_merged() -> None:
 def test_flags_other_than_zero_are_one_group() -> None:
     samples = np.array([record({10: 80}), record({11: 90})])
     times = [1.0, 1.0]
-    merged = driver().apply(samples, shot_times=times, channel_flags=[0, 7], noise=10)
+    merged = driver().apply(samples, shot_times=times, channel_flags=[0, 7], threshold=10)
     assert merged.peaks["row"].tolist() == [1]
     assert merged.waveforms["peakCount"].tolist() == [0, 1]
     assert merged.statistics["mergedIntoOtherChannel"] == 1
     assert merged.row_states.tolist() == [RowState.MERGED_INTO_OTHER_CHANNEL, RowState.KEPT]
     assert merged.waveforms["isLowPower"].tolist() == [False, False]  # 7 is not 1
-    alike = driver().apply(samples, shot_times=times, channel_flags=[1, 7], noise=10)
+    alike = driver().apply(samples, shot_times=times, channel_flags=[1, 7], threshold=10)
     assert alike.peaks["row"].tolist() == [0, 1]
-    other_shots = driver().apply(samples, channel_flags=[0, 7], noise=10)
+    other_shots = driver().apply(samples, channel_flags=[0, 7], threshold=10)
     assert other_shots.peaks["row"].tolist() == [0, 1]
 
 
 def test_defaults_are_full_rows_own_shots_and_low_power() -> None:
     samples = np.array([record({10: 80}), record({10: 80})])
-    waveforms = driver().apply(samples, noise=10).waveforms
+    waveforms = driver().apply(samples, threshold=10).waveforms
     assert waveforms["length"].tolist() == [60, 60]
     assert waveforms["shotTime"].tolist() == [0.0, 1.0]
     assert waveforms["sblTime"].tolist() == [0.0, 0.0]
     assert waveforms["isLowPower"].tolist() == [True, True]
 
 
-@pytest.mark.parametrize("noise", [-1, -5, np.int64(-1)])
-def test_negative_noise_is_estimated(noise: int) -> None:
-    # 38 samples of 20 and a triple on 20: 40 collected, the first four on a line, so the noise is
-    # the value of rank 2, 20.
+@pytest.mark.parametrize("options", [{}, {"threshold": "estimate"}], ids=["default", "estimate"])
+def test_threshold_is_estimated(options: dict[str, Any]) -> None:
+    # 38 samples of 20 and a triple on 20: 40 collected, the first four on a line, so the estimate
+    # is the value of rank 2, 20.
     samples = np.full((1, 40), 20, np.uint16)
     samples[0, 20:23] = 40, 80, 40
-    waveforms = driver().apply(samples, noise=noise).waveforms
+    waveforms = driver().apply(samples, **options).waveforms
     assert waveforms["noise"].tolist() == [20]
     assert _core.estimate_noise(samples[0]) == 20
 
 
 def test_record_above_800_counts_loses_its_echoes_to_an_unknown_type() -> None:
     samples = np.array([record({10: 60, 20: 800, 30: 90}), record({10: 60, 20: 798, 30: 90})])
-    untouched = Driver(0, scanner(after_pulse=None)).apply(samples, noise=10)
+    untouched = Driver(0, scanner(after_pulse=None)).apply(samples, threshold=10)
     # 20 and all behind it are marked where the strongest sample reaches 800.
     assert untouched.peaks["row"].tolist() == [0, 1, 1, 1]
     assert untouched.peaks["idx"].tolist() == [10.0, 10.0, 20.0, 30.0]
-    switched_off = Driver(0, scanner(after_pulse=NO_AFTER_PULSE)).apply(samples, noise=10)
+    switched_off = Driver(0, scanner(after_pulse=NO_AFTER_PULSE)).apply(samples, threshold=10)
     assert switched_off.peaks["row"].tolist() == [0, 0, 0, 1, 1, 1]
 
 
@@ -286,11 +290,11 @@ RECORD = (
 def test_suspicious_blocks_are_appended_to_a_report(tmp_path: Path) -> None:
     samples = np.array([record({10: 80}), record({}), record({}), record({})])
     made = Driver(0, scanner(), report_directory=tmp_path, input_file="flights/line.07.las")
-    assert made.apply(samples, noise=10).statistics["suspicious"]
+    assert made.apply(samples, threshold=10).statistics["suspicious"]
     (report,) = tmp_path.iterdir()
     assert report.name == "line.07_Warning.txt"
     assert report.read_text(encoding="utf-8") == RECORD
-    made.apply(samples, noise=10)
+    made.apply(samples, threshold=10)
     assert report.read_text(encoding="utf-8") == RECORD + RECORD
 
 
@@ -299,10 +303,10 @@ def test_no_report_of_a_good_block_nor_without_a_directory(
 ) -> None:
     monkeypatch.chdir(tmp_path)
     low = np.array([record({}), record({})])
-    assert Driver(0, scanner()).apply(low, noise=10).statistics["suspicious"]
+    assert Driver(0, scanner()).apply(low, threshold=10).statistics["suspicious"]
     good = Driver(0, scanner(), report_directory=tmp_path)
     # One of three is below a half.
-    good.apply(np.array([record({10: 80}), record({12: 80}), record({})]), noise=10)
+    good.apply(np.array([record({10: 80}), record({12: 80}), record({})]), threshold=10)
     assert list(tmp_path.iterdir()) == []
-    good.apply(low, noise=10)
+    good.apply(low, threshold=10)
     assert [path.name for path in tmp_path.iterdir()] == ["waveforms_Warning.txt"]

@@ -10,6 +10,7 @@ import numpy as np
 import pytest
 
 from fullwaveform import Driver, Result, RowState
+from fullwaveform.core.driver import Threshold
 
 from ..support.records import INTERVAL, Samples, driver, record, scanner
 
@@ -74,26 +75,26 @@ def test_view_gives_what_a_copy_gives(view: Any) -> None:
         "shot_times": [2.0, 1.0, 2.0, 1.0, 3.0, 3.0],
         "channel_flags": [0, 1, 1, 0, 1, 0],
     }
-    expected = driver().apply(copy, noise=10, **options)
+    expected = driver().apply(copy, threshold=10, **options)
     assert expected.peaks.rows > 6
-    assert_equal(driver().apply(samples, noise=10, **options), expected)
+    assert_equal(driver().apply(samples, threshold=10, **options), expected)
 
 
 def test_one_record_for_many_rows() -> None:
-    result = driver().apply(np.broadcast_to(record({10: 80}), (5, 60)), noise=10)
+    result = driver().apply(np.broadcast_to(record({10: 80}), (5, 60)), threshold=10)
     assert result.peaks["idx"].tolist() == [10.0] * 5
 
 
 def test_one_record_with_any_stride() -> None:
     row = np.lib.stride_tricks.as_strided(record({10: 80}), (1, 60), (10_001 * 2, 2))
-    assert driver().apply(row, noise=10).peaks["idx"].tolist() == [10.0]
+    assert driver().apply(row, threshold=10).peaks["idx"].tolist() == [10.0]
 
 
 def test_columns_of_a_wider_table_serve_as_arguments() -> None:
     table = np.zeros(6, [("count", np.int32), ("time", np.float32), ("flag", np.bool_)])
     table["count"], table["time"], table["flag"] = 60, [2, 1, 2, 1, 3, 3], True
-    got = driver().apply(block(), table["count"], table["time"], None, table["flag"], noise=10)
-    same = driver().apply(block(), [60] * 6, [2.0, 1, 2, 1, 3, 3], None, [1] * 6, noise=10)
+    got = driver().apply(block(), table["count"], table["time"], None, table["flag"], threshold=10)
+    same = driver().apply(block(), [60] * 6, [2.0, 1, 2, 1, 3, 3], None, [1] * 6, threshold=10)
     assert_equal(got, same)
 
 
@@ -103,7 +104,7 @@ def test_rows_that_do_not_follow_each_other_are_not_copied() -> None:
     counts[-1] = 60
     row = np.zeros(HUGE[1], np.uint16)
     row[:60] = record({10: 80})
-    peaks = driver().apply(np.broadcast_to(row, HUGE), counts, noise=10).peaks
+    peaks = driver().apply(np.broadcast_to(row, HUGE), counts, threshold=10).peaks
     assert peaks["row"].tolist() == [HUGE[0] - 1]
 
 
@@ -115,17 +116,17 @@ def test_rows_that_follow_each_other_are_not_copied() -> None:
     samples[-1, :60] = record({10: 80})
     counts = np.zeros(HUGE[0], np.uint16)
     counts[-1] = 60
-    peaks = driver().apply(samples, counts, noise=10).peaks
+    peaks = driver().apply(samples, counts, threshold=10).peaks
     assert peaks["row"].tolist() == [HUGE[0] - 1]
 
 
 def test_python_allocates_no_second_block() -> None:
-    samples = np.zeros((2_000, 4_000), np.uint16)  # 16 MB, nothing above the noise
+    samples = np.zeros((2_000, 4_000), np.uint16)  # 16 MB, nothing above the threshold
     made = driver()
-    made.apply(samples[:1], noise=10)
+    made.apply(samples[:1], threshold=10)
     tracemalloc.start()
     try:
-        made.apply(samples, noise=10)
+        made.apply(samples, threshold=10)
         peak = tracemalloc.get_traced_memory()[1]
     finally:
         tracemalloc.stop()
@@ -147,17 +148,17 @@ def test_block_without_columns() -> None:
     assert result.peaks.rows == 0
 
 
-@pytest.mark.parametrize("noise", [10, 0, -1])
-def test_records_of_no_one_and_two_samples(noise: int) -> None:
-    # The first and the last sample are never the strongest: nothing is above the noise.
+@pytest.mark.parametrize("threshold", [10, 0, "estimate"])
+def test_records_of_no_one_and_two_samples(threshold: Threshold) -> None:
+    # The first and the last sample are never the strongest: nothing is above the threshold.
     samples = np.full((3, 60), 500, np.uint16)
-    result = driver().apply(samples, [0, 1, 2], noise=noise)
+    result = driver().apply(samples, [0, 1, 2], threshold=threshold)
     assert result.row_states.tolist() == [RowState.SIGNAL_TOO_LOW] * 3
 
 
 def test_samples_behind_the_count_are_not_met() -> None:
     samples = np.array([record({10: 80, 30: 90})])
-    result = driver().apply(samples, [20], noise=10)
+    result = driver().apply(samples, [20], threshold=10)
     assert result.peaks["idx"].tolist() == [10.0]
     assert result.waveforms["length"].tolist() == [20]
     assert result.waveforms["maxAmplitude"].tolist() == [80]
@@ -167,7 +168,7 @@ def test_largest_samples_and_longest_rows() -> None:
     samples = np.zeros((1, 65_535), np.uint16)
     samples[0, 65_530:65_533] = 2_000, 4_000, 2_000
     samples[0, 100] = 65_535
-    result = driver().apply(samples, noise=10)
+    result = driver().apply(samples, threshold=10)
     assert result.waveforms["maxAmplitude"].tolist() == [65_535]
     # The lone 65535 is an echo beyond 4096 counts, which none can be.
     assert result.peaks["idx"].tolist() == [65_531.0]
@@ -235,9 +236,14 @@ REFUSED: dict[str, tuple[dict[str, Any], str]] = {
     ),
     "broken flag": ({"channel_flags": [1.0] * 6}, "channel_flags must be integers, not float64"),
     "few flags": ({"channel_flags": []}, "channel_flags has 0 values, but "),
-    "noise": ({"noise": 65_536}, "noise 65536 exceeds the maximum of 65535 counts"),
-    "broken noise": ({"noise": 10.5}, "noise must be an integer (counts), not 10.5"),
-    "true noise": ({"noise": True}, "noise must be an integer (counts), not True"),
+    "threshold above the limit": ({"threshold": 65_536}, "threshold 65536 must be 'estimate' or"),
+    "negative threshold": (
+        {"threshold": -3},
+        "threshold -3 must be 'estimate' or an integer from 0 to 65535",
+    ),
+    "fractional threshold": ({"threshold": 10.5}, "threshold 10.5 must be"),
+    "boolean threshold": ({"threshold": True}, "threshold True must be"),
+    "unknown word for the threshold": ({"threshold": "auto"}, "threshold 'auto' must be"),
 }
 
 
@@ -246,13 +252,13 @@ def test_what_does_not_fit_is_refused_in_a_sentence(name: str) -> None:
     options, sentence = REFUSED[name]
     made = driver()
     with pytest.raises(ValueError, match=r"\w") as caught:
-        made.apply(**{"samples": ROWS, "noise": 10, **options})
+        made.apply(**{"samples": ROWS, "threshold": 10, **options})
     assert sentence in str(caught.value)
-    assert made.apply(ROWS, noise=10).peaks.rows == 12
+    assert made.apply(ROWS, threshold=10).peaks.rows == 12
 
 
 def test_infinite_times_and_equal_zeros_are_times() -> None:
     made = Driver(0, scanner())
-    result = made.apply(ROWS[:4], shot_times=[np.inf, 0.0, -0.0, -np.inf], noise=10)
+    result = made.apply(ROWS[:4], shot_times=[np.inf, 0.0, -0.0, -np.inf], threshold=10)
     assert result.waveforms["row"].tolist() == [3, 1, 2, 0]
     assert result.peaks["time"][0] == 19 * INTERVAL

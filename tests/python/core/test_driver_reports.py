@@ -29,7 +29,7 @@ def driver() -> Driver:
 
 def reports(*, extent: bool = False) -> tuple[list[int], list[str | None]]:
     states, texts = driver().reports(
-        SAMPLES, shot_times=[7.5, 7.5], sbl_times=[-2.5, 0.0], noise=10, extent=extent
+        SAMPLES, shot_times=[7.5, 7.5], sbl_times=[-2.5, 0.0], threshold=10, extent=extent
     )
     return states.tolist(), texts
 

@@ -26,7 +26,7 @@ driver = Driver(0, Scanner.default(1e-9), report_directory=folder)
 done = []
 
 def extract(name, samples):
-    driver.apply(samples, noise=10)
+    driver.apply(samples, threshold=10)
     done.append(name)
 
 low = np.zeros((4, 50), np.uint16)
@@ -108,13 +108,13 @@ def test_second_thread_waits_for_the_first() -> None:
 
 def test_threads_may_share_a_driver() -> None:
     work = blocks(8)
-    alone = [columns(Driver(0, scanner()).apply(block, noise=10)) for block in work]
+    alone = [columns(Driver(0, scanner()).apply(block, threshold=10)) for block in work]
     shared = Driver(0, scanner())
     together = Barrier(4)
 
     def extract_all(_: int) -> list[dict[str, list[float]]]:
         together.wait(timeout=60)
-        return [columns(shared.apply(block, noise=10)) for block in work]
+        return [columns(shared.apply(block, threshold=10)) for block in work]
 
     with ThreadPoolExecutor(4) as pool:
         for results in pool.map(extract_all, range(4)):
@@ -123,10 +123,10 @@ def test_threads_may_share_a_driver() -> None:
 
 def test_a_driver_per_thread() -> None:
     work = blocks(8)
-    alone = [columns(Driver(0, scanner()).apply(block, noise=10)) for block in work]
+    alone = [columns(Driver(0, scanner()).apply(block, threshold=10)) for block in work]
     with ThreadPoolExecutor(4) as pool:
         parallel = list(
-            pool.map(lambda block: columns(Driver(0, scanner()).apply(block, noise=10)), work)
+            pool.map(lambda block: columns(Driver(0, scanner()).apply(block, threshold=10)), work)
         )
     assert parallel == alone
     assert len({tuple(peaks["idx"]) for peaks in parallel}) == 8

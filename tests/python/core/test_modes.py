@@ -83,7 +83,7 @@ def test_single_echoes_are_placed_evenly_at_every_phase(mode: Mode, channel: int
     samples = scene(begins, np.full_like(begins, 900.0))
     driver = Driver(mode, scanner(), longest_waveform=WIDTH)
     flags = np.full(len(begins), channel)
-    result = driver.apply(samples, channel_flags=flags, noise=BASELINE)
+    result = driver.apply(samples, channel_flags=flags, threshold=BASELINE)
     offset = strongest(result, len(begins)) - begins[:, 0]
     assert np.std(offset) < 0.12
     # Between the pulse's beginning and the end of its steep part, less the 2.5 samples of mode 2.
@@ -96,7 +96,7 @@ def test_deconvolution_parts_echoes_that_the_record_merges() -> None:
 
     def extract(mode: Mode, pulses: int) -> Result:
         samples = scene(begins[:, :pulses], np.full((len(begins), pulses), 800.0))
-        return Driver(mode, scanner(), longest_waveform=WIDTH).apply(samples, noise=BASELINE)
+        return Driver(mode, scanner(), longest_waveform=WIDTH).apply(samples, threshold=BASELINE)
 
     merged = extract(Mode.THREE_POINT, 2).peaks
     strong = merged["row"][merged["amplitudeCounts"] > 200]  # not the bump behind the pulses
@@ -117,7 +117,7 @@ def test_drivers_in_threads_give_what_one_driver_gives(mode: Mode) -> None:
 
     def extract(rows: slice) -> Result:
         driver = Driver(mode, scanner(), longest_waveform=WIDTH)
-        return driver.apply(samples[rows], noise=BASELINE)
+        return driver.apply(samples[rows], threshold=BASELINE)
 
     whole = extract(slice(None))
     with ThreadPoolExecutor(4) as threads:
@@ -160,7 +160,7 @@ def test_beyond_the_limit_waveforms_stay_without_echoes() -> None:
     samples = np.full((2, 8400), BASELINE, np.uint16)
     samples[0, 50:8350] = 500
     samples[1, :WIDTH] = scene(np.array([[30.0]]), np.array([[900.0]]))[0]
-    result = driver.apply(samples, noise=BASELINE + 1)
+    result = driver.apply(samples, threshold=BASELINE + 1)
     assert result.waveforms["peakCount"].tolist()[0] == 0
     assert result.waveforms["peakCount"].tolist()[1] > 0
     assert result.statistics["tooLongToDeconvolve"] == 1

@@ -51,7 +51,7 @@ def test_deconvolution_agrees_with_the_plain_iteration() -> None:
         INTERVAL,
     )
     driver = Driver(2, scanner(), longest_waveform=WIDTH)
-    peaks = driver.apply(samples, counts, noise=NOISE).peaks
+    peaks = driver.apply(samples, counts, threshold=NOISE).peaks
     different = 0
     for row in range(RECORDS):
         mine = peaks["row"] == row

@@ -7,6 +7,7 @@ import numpy.typing as npt
 import pytest
 
 from fullwaveform import Driver, Scanner
+from fullwaveform.core.driver import Threshold
 from fullwaveform.core.scanner import AfterPulse
 
 from ..support.reference_three_point import Wave, three_point_road
@@ -45,16 +46,18 @@ def records(kind: str, seed: int) -> tuple[npt.NDArray[np.uint16], npt.NDArray[n
 
 
 @pytest.mark.parametrize("kind", ["weak", "eight bits", "strong", "decaying"])
-@pytest.mark.parametrize("noise", [-1, 20])
-def test_driver_agrees_with_the_reference_three_point(kind: str, noise: int) -> None:
-    samples, counts = records(kind, seed=7 if noise < 0 else 8)
+@pytest.mark.parametrize("threshold", ["estimate", 20])
+def test_driver_agrees_with_the_reference_three_point(kind: str, threshold: Threshold) -> None:
+    samples, counts = records(kind, seed=7 if threshold == "estimate" else 8)
     scanner = Scanner.default(1e-9, after_pulse=AfterPulse(offset=5, width=2))
-    result = Driver(0, scanner).apply(samples, counts, noise=noise)
+    result = Driver(0, scanner).apply(samples, counts, threshold=threshold)
     rows = {int(row): waveform for waveform, row in enumerate(result.waveforms["row"])}
     first_peak = np.concatenate(([0], np.cumsum(result.waveforms["peakCount"])))
     echoes = 0
     for row in range(RECORDS):
-        plain = three_point_road(samples[row, : counts[row]].tolist(), noise, after_pulse=(5, 2))
+        plain = three_point_road(
+            samples[row, : counts[row]].tolist(), threshold, after_pulse=(5, 2)
+        )
         assert (row in rows) == (plain.max_amplitude > plain.noise)
         if row in rows:
             waveform = rows[row]

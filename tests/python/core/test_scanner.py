@@ -303,7 +303,7 @@ def test_default_scanner() -> None:
     assert device.sampling_time == 2e-9
     # No record reaches 0 dB below one count, and none loses echoes to an after-pulse.
     samples = np.array([[0, 0, 1000, 2000, 1000, 0, 0]], np.uint16)
-    assert Driver(0, Scanner.default(2e-9)).apply(samples, noise=10).peaks.rows == 1
+    assert Driver(0, Scanner.default(2e-9)).apply(samples, threshold=10).peaks.rows == 1
 
 
 def test_report_is_every_parameter_with_its_unit() -> None:

@@ -60,7 +60,10 @@ def test_only_deconvolution_finds_each_surface_once(folder: Path) -> None:
     truth = read_truth(folder / "scan_truth.csv")
     positions = truth.position_samples[truth.shot == 2448 // 2]
     found = fw.extract(
-        folder / "scan.las", mode=fw.Mode.DECONVOLUTION, noise=20, scanner=folder / "scanner.toml"
+        folder / "scan.las",
+        mode=fw.Mode.DECONVOLUTION,
+        threshold=20,
+        scanner=folder / "scanner.toml",
     ).peaks
     mine = np.sort(found["position"][found["waveform_number"] == 2448])
     np.testing.assert_allclose(mine, positions, atol=0.2)

@@ -64,8 +64,8 @@ def block_of(packets: Sequence[Packet]) -> WaveformBlock:
     )
 
 
-def extractor(noise: int = 10) -> Extractor:
-    return Extractor(ExtractionSettings(scanner=Scanner.default(), noise=noise))
+def extractor(threshold: int = 10) -> Extractor:
+    return Extractor(ExtractionSettings(scanner=Scanner.default(), threshold=threshold))
 
 
 def extracted(*packets: Packet) -> EchoTable:
@@ -200,7 +200,7 @@ def test_every_waveform_is_counted_once() -> None:
     assert made.echoes.waveform_number.tolist() == [70, 70, 76]
     tally = made.tally
     assert tally.rejected == {
-        "signal not above the noise": 1,
+        "signal not above the threshold": 1,
         "repeats a waveform of its shot": 1,
         "no echo found, or none that can be real": 1,
         "echoes stand in the other channel of the shot": 1,
@@ -243,7 +243,7 @@ def test_block_of_which_nothing_is_left() -> None:
     assert echoes.attributes.scan_angle.shape == (0,)
 
 
-@pytest.mark.parametrize("noise", [10, 65, 100])
-def test_noise_of_the_settings_reaches_the_driver(noise: int) -> None:
-    made = extractor(noise).extract(block_of([Packet(record({10: 60, 20: 80, 30: 90}))]))
-    assert made.tally.echoes == {10: 3, 65: 2, 100: 0}[noise]
+@pytest.mark.parametrize("threshold", [10, 65, 100])
+def test_threshold_of_the_settings_reaches_the_driver(threshold: int) -> None:
+    made = extractor(threshold).extract(block_of([Packet(record({10: 60, 20: 80, 30: 90}))]))
+    assert made.tally.echoes == {10: 3, 65: 2, 100: 0}[threshold]

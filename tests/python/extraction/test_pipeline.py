@@ -19,7 +19,7 @@ from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 from ..support.command_line import names, run
 
-SETTINGS = ExtractionSettings(scanner=Scanner.default(), noise=20)
+SETTINGS = ExtractionSettings(scanner=Scanner.default(), threshold=20)
 
 
 @pytest.fixture(scope="module")
@@ -90,7 +90,7 @@ def test_the_first_trouble_ends_the_run(scan: Path, tmp_path: Path, workers: int
     wave = {"a_real": [1.0], "a_imag": [0.0], "b_real": [-1e9], "b_imag": [0.0]}
     plain = Scanner.default(1e-9)
     scanner = Scanner({**plain.attributes, **wave}, plain.after_pulse, deconvolution_offset=1.0)
-    settings = ExtractionSettings(scanner, Mode.DECONVOLUTION, noise=20)
+    settings = ExtractionSettings(scanner, Mode.DECONVOLUTION, threshold=20)
 
     def blocks() -> Iterator[WaveformBlock]:
         for number, block in enumerate(waiting_blocks(scan, [])):
@@ -114,7 +114,7 @@ def test_each_waveform_without_echoes_is_told(scan: Path, tmp_path: Path) -> Non
     told = [line for line in long.stderr.splitlines() if line.startswith("waveform ")]
     numbers = np.array([int(line.split()[1].rstrip(":")) for line in told])
     assert (np.diff(numbers) > 0).all()
-    weak = sum(line.endswith(": signal not above the noise") for line in told)
+    weak = sum(line.endswith(": signal not above the threshold") for line in told)
     assert weak > 0
     (row,) = [line for line in short.stdout.splitlines() if "signal not above" in line]
     assert f" {weak} " in row

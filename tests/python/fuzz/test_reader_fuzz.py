@@ -86,7 +86,7 @@ def write_rows(las: Path, container: Path, archive: Path) -> None:
 def write_manifest(folder: Path) -> None:
     """A job of two files, of which nothing is done yet."""
     settings = JobSettings.of(
-        ExtractionSettings(Scanner.default(), noise=20),
+        ExtractionSettings(Scanner.default(), threshold=20),
         {2: 0, 7: 3},
         block=50,
         unit_blocks=2,

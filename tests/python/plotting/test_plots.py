@@ -20,7 +20,7 @@ from fullwaveform.plotting.plots import (
 WAVEFORM = WaveformPicture(
     samples=np.array([10] * 20 + [20, 100, 20] + [10] * 17 + [999] * 40, dtype=np.uint16),
     count=40,
-    noise=14.0,
+    threshold=14.0,
     positions=np.array([21.0, 30.0]),
     amplitudes_counts=np.array([100.0, 50.0]),
     widths_samples=np.array([0.7, 2.0]),
@@ -61,7 +61,7 @@ def test_echo_marks_stand_where_they_should() -> None:
     lines = {line.get_label(): np.asarray(line.get_xydata()) for line in axes.get_lines()}
     assert len(lines["samples"]) == 40  # nothing behind the count
     assert lines["samples"][:, 1].max() == 100.0
-    assert lines["noise level"][:, 1].tolist() == [14.0, 14.0]
+    assert lines["threshold"][:, 1].tolist() == [14.0, 14.0]
     assert lines["echo, amplitude and width"].tolist() == [[21.0, 100.0], [30.0, 50.0]]
     bars = [segment for part in axes.collections if hasattr(part, "get_segments")
             for segment in part.get_segments()]  # fmt: skip

@@ -46,17 +46,17 @@ def texts(part: Axes | Figure) -> list[str]:
     return [str(text.get_text()) for text in found if isinstance(text, Text)]
 
 
-def test_samples_noise_and_segments() -> None:
+def test_samples_threshold_and_segments() -> None:
     axes = waveform_figure(views(TWO_ECHOES)).axes[0]
     drawn = marks(axes)["samples"]
     assert drawn[:, 0].tolist() == list(range(60))
     assert drawn[[19, 20, 21, 30], 1].tolist() == [50, 100, 50, 0]
-    (noise,) = [line for line in axes.get_lines() if set(np.ravel(line.get_ydata())) == {10}]
-    assert noise.get_linestyle() == "--"
-    assert "noise level 10" in texts(axes)
+    (threshold,) = [line for line in axes.get_lines() if set(np.ravel(line.get_ydata())) == {10}]
+    assert threshold.get_linestyle() == "--"
+    assert "threshold 10" in texts(axes)
     spans = [[end[0] for end in bar] for bar in bars(axes, "segments")]
     assert spans == [[18.0, 22.0], [38.0, 42.0]]
-    assert "above the noise" in texts(axes)
+    assert "above the threshold" in texts(axes)
 
 
 def test_echoes_have_position_amplitude_and_width() -> None:
@@ -137,9 +137,9 @@ def test_waveform_without_echoes_is_drawn_whole_and_says_why() -> None:
     axes, beside = figure.axes
     assert axes.get_xlim() == (-0.5, 59.5)
     assert marks(axes)["samples"][20].tolist() == [20.0, 8.0]
-    assert "above the noise" not in texts(axes)
+    assert "above the threshold" not in texts(axes)
     assert "three-point, no echoes" in texts(beside)
-    assert "signal not above the noise" in texts(beside)
+    assert "signal not above the threshold" in texts(beside)
 
 
 def test_long_record_is_shown_around_its_echoes() -> None:
@@ -189,7 +189,7 @@ def test_text_of_an_svg_is_text(tmp_path: Path) -> None:
     path = tmp_path / "a.svg"
     draw_waveforms(path, views(TWO_ECHOES))
     content = path.read_text(encoding="utf-8")
-    for text in ("three-point, 2 echoes", "noise level 10", "digitiser counts"):
+    for text in ("three-point, 2 echoes", "threshold 10", "digitiser counts"):
         assert f">{text}</text>" in content
     assert METHOD_COLOURS[Mode.THREE_POINT] in content
 

@@ -10,6 +10,8 @@ from dataclasses import dataclass, field
 
 import numpy as np
 
+from fullwaveform.core.driver import Threshold
+
 SYSTEM = np.array([[1, 0, 0], [1, 1, 1], [1, 2, 4]], dtype=np.float32)
 
 
@@ -63,9 +65,9 @@ def estimate(samples: list[int]) -> int:
     return int(noise) & 0xFFFF
 
 
-def analyse(samples: list[int], noise: int) -> Wave:
-    """Strongest inner sample and the segments above the noise."""
-    wave = Wave(estimate(samples) if noise < 0 else noise)
+def analyse(samples: list[int], threshold: Threshold) -> Wave:
+    """Strongest inner sample and the segments above the threshold."""
+    wave = Wave(estimate(samples) if threshold == "estimate" else threshold)
     inside, start = samples[0] > wave.noise, 1
     for i in range(1, len(samples) - 1):
         if samples[i] > wave.max_amplitude:
@@ -119,10 +121,10 @@ def is_bad(echo: Echo, wave: Wave) -> bool:
 
 
 def three_point_road(
-    samples: list[int], noise: int, after_pulse: tuple[int, int] = (0, 2**31)
+    samples: list[int], threshold: Threshold, after_pulse: tuple[int, int] = (0, 2**31)
 ) -> Wave:
     """Everything that becomes of one record in mode 0; echoes in counts, none for a weak signal."""
-    wave = analyse(samples, noise)
+    wave = analyse(samples, threshold)
     if wave.max_amplitude <= wave.noise or wave.end - wave.start < 3:
         return wave
     offset, width = after_pulse

@@ -32,7 +32,7 @@ def convolved(values: FloatArray, kernel: FloatArray) -> FloatArray:
 
 
 def signal_range(samples: FloatArray, noise: float) -> tuple[int, int] | None:
-    """First sample of the first stretch above the noise, end of the last; None without one."""
+    """First sample of the first stretch above the threshold, end of the last; None without one."""
     last = len(samples) - 2
     inside, start, ranges = bool(samples[0] > noise), 1, []
     for i in range(1, last + 1):
@@ -69,7 +69,7 @@ def deconvolved(
 
 
 def maxima(values: FloatArray, noise: float) -> list[int]:
-    """Maxima above the noise that rise or fall by 2 counts from step to step, or the largest value.
+    """Maxima above the threshold with a step of 2 counts beside them, or the largest value.
 
     A neighbour beyond the ends is taken to be as high as the end itself.
     """

@@ -107,8 +107,8 @@ def test_offset_of_the_hybrid(
     path.write_text(f"{text}[deconvolution]\nposition_offset = -1.5\n{more}", encoding="utf-8")
     plain = Scanner(described.attributes, described.after_pulse)
     for mode, expected in ((Mode.DECONVOLUTION, -1.5), (Mode.HYBRID, in_hybrid)):
-        moved = Extractor(ExtractionSettings(Scanner.from_toml(path), mode, noise=12))
-        unmoved = Extractor(ExtractionSettings(plain, mode, noise=12))
+        moved = Extractor(ExtractionSettings(Scanner.from_toml(path), mode, threshold=12))
+        unmoved = Extractor(ExtractionSettings(plain, mode, threshold=12))
         difference = position(unmoved, block(20)) - position(moved, block(20))
         np.testing.assert_allclose(difference, expected, atol=1e-12)
 
@@ -157,7 +157,7 @@ def first_echoes(
 ) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
     """Position, time and x of the strongest echo of each waveform."""
     waveforms = replace(block(200), channel_flags=np.full(200, channel_flag, np.uint8))
-    table = Extractor(ExtractionSettings(scanner, mode, noise=12)).extract(waveforms).echoes
+    table = Extractor(ExtractionSettings(scanner, mode, threshold=12)).extract(waveforms).echoes
     order = np.lexsort((-table.amplitude_counts, table.waveform_number))
     rows, first = np.unique(table.waveform_number[order], return_index=True)
     assert len(rows) == 200
@@ -192,7 +192,7 @@ def test_only_deconvolved_echoes_are_moved(described: Scanner) -> None:
 
 
 def test_another_sampling_interval_is_refused(described: Scanner) -> None:
-    extractor = Extractor(ExtractionSettings(described, Mode.DECONVOLUTION, noise=12))
+    extractor = Extractor(ExtractionSettings(described, Mode.DECONVOLUTION, threshold=12))
     with pytest.raises(ValueError, match=r"estimated for samples 1 ns apart, .* are 2 ns apart"):
         extractor.extract(block(5, 2 * INTERVAL))
-    Extractor(ExtractionSettings(described, noise=12)).extract(block(5, 2 * INTERVAL))
+    Extractor(ExtractionSettings(described, threshold=12)).extract(block(5, 2 * INTERVAL))

@@ -37,8 +37,8 @@ needs_forest = pytest.mark.skipif(
 
 
 @cache
-def averaged(path: Path, source: Source | None, array: str | None, noise: int) -> AveragePulse:
-    return Input(path, source, array, noise=noise).averaged_pulse(Scanner.default())
+def averaged(path: Path, source: Source | None, array: str | None, threshold: int) -> AveragePulse:
+    return Input(path, source, array, threshold=threshold).averaged_pulse(Scanner.default())
 
 
 def strip_wave() -> SystemWave:

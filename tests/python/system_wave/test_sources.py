@@ -54,7 +54,7 @@ def test_outgoing_pulses_of_arrays(arrays: Path) -> None:
 
 
 def test_echoes_of_arrays(arrays: Path) -> None:
-    found = averaged(Input(arrays, Source.ECHOES, noise=12))
+    found = averaged(Input(arrays, Source.ECHOES, threshold=12))
     assert found.used > 90
     assert is_the_pulse(found, 2e-2)
 
@@ -170,7 +170,7 @@ def scan(tmp_path_factory: pytest.TempPathFactory) -> Path:
 
 
 def test_echoes_of_a_las_file(scan: Path) -> None:
-    found = averaged(Input(scan, noise=25))
+    found = averaged(Input(scan, threshold=25))
     assert found.origin == "isolated echoes of scan.las"
     assert found.used > 100
     # Echoes of the simulation are Gaussians, half of them 1.63 to 1.76 samples wide (deviation).
@@ -224,7 +224,7 @@ def test_outgoing_pulses_of_a_pulsewaves_file(tmp_path: Path) -> None:
 
 def test_echoes_of_a_pulsewaves_file(tmp_path: Path) -> None:
     path = pulsewaves_file(tmp_path / "scan.pls", outgoing=True)
-    found = averaged(Input(path, Source.ECHOES, noise=12))
+    found = averaged(Input(path, Source.ECHOES, threshold=12))
     assert found.origin == "isolated echoes of scan.pls"
     assert is_the_pulse(found, 2e-2)
 
@@ -266,7 +266,7 @@ def test_pulses_without_outgoing_samples_are_counted(tmp_path: Path) -> None:
 def test_arrays_with_nothing_but_echoes(tmp_path: Path) -> None:
     path = tmp_path / "a.npz"
     np.savez(path, samples=echo_samples(200), sampling_interval_s=INTERVAL)
-    found = averaged(Input(path, noise=12))
+    found = averaged(Input(path, threshold=12))
     assert found.origin == "isolated echoes of a.npz"
     assert is_the_pulse(found, 2e-2)
     assert len(list(Input(path).records())) == 1
@@ -282,7 +282,10 @@ def test_echoes_of_an_archive_under_its_documented_keys(tmp_path: Path, arrays: 
     with path.open("wb") as stream:
         np.savez(stream, samples=samples, counts=np.full(200, 60), sampling_interval=INTERVAL,
                  shot_times=times)  # fmt: skip
-    found, known = averaged(Input(path, noise=12)), averaged(Input(arrays, Source.ECHOES, noise=12))
+    found, known = (
+        averaged(Input(path, threshold=12)),
+        averaged(Input(arrays, Source.ECHOES, threshold=12)),
+    )
     assert (found.used, found.sampling_interval) == (known.used, INTERVAL)
     np.testing.assert_array_equal(found.value, known.value)
 

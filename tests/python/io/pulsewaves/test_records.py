@@ -37,8 +37,8 @@ def outgoing(name: str) -> OutgoingPulses:
     return pulses
 
 
-def echoes_of(reader: PulseWavesReader, noise: int) -> EchoTable:
-    extractor = Extractor(ExtractionSettings(scanner=Scanner.default(), noise=noise))
+def echoes_of(reader: PulseWavesReader, threshold: int) -> EchoTable:
+    extractor = Extractor(ExtractionSettings(scanner=Scanner.default(), threshold=threshold))
     (block,) = reader.blocks()
     return extractor.extract(block).echoes
 
@@ -120,7 +120,7 @@ def test_outgoing_pulses() -> None:
 @needs_records
 def test_echoes_of_the_topographic_record(tmp_path: Path) -> None:
     with PulseWavesReader(FOLDER / "topo_1ns.pls") as reader:
-        echoes = echoes_of(reader, noise=8)
+        echoes = echoes_of(reader, threshold=8)
         with LasEchoWriter(tmp_path / "echoes.las", reader.header) as writer:
             writer.write(echoes)
     # Coordinates count from the centre of the earth; up is away from it.
@@ -154,7 +154,7 @@ def test_constructed_echoes_get_to_their_places(tmp_path: Path) -> None:
         tmp_path / "two.pls"
     )
     with PulseWavesReader(path) as reader:
-        echoes = echoes_of(reader, noise=20)
+        echoes = echoes_of(reader, threshold=20)
     # 500 m up, 0.15 m per unit downwards: 2030 and 2120 units.
     assert echoes.xyz[:, 2] == pytest.approx([195.5, 182.0], abs=0.01)
     assert echoes.echo_number.tolist() == [1, 2]
