@@ -42,4 +42,3 @@
 #include <fullwaveform/scanner/ScannerDevice.h>
 #include <fullwaveform/scanner/SpeedOfLight.h>
 #include <fullwaveform/scanner/SystemWave.h>
-#include <fullwaveform/text/Number.h>

@@ -21,9 +21,4 @@ std::size_t ChunkBase::memoryTotal() noexcept {
   return totalBytes.load(std::memory_order_relaxed);
 }
 
-template class Chunk<double>;
-template class Chunk<float>;
-template class Chunk<std::string>;
-template class Chunk<std::complex<double>>;
-
 }  // namespace Holdex

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <complex>
 #include <cstddef>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -11,12 +9,12 @@
 
 namespace Holdex {
 
-/// A run of values of some type in shared memory. The bytes of all living chunks are counted.
+/// A shared array of values of some type. The bytes of all existing chunks are counted.
 class FULLWAVEFORM_EXPORT ChunkBase : public ReferenceBase<ChunkBase> {
  public:
   ~ChunkBase() override;
 
-  /// Bytes held by the elements of all living chunks of the process. Thread-safe.
+  /// Bytes held by the elements of all chunks of the process. Thread-safe.
   static std::size_t memoryTotal() noexcept;
 
  protected:
@@ -26,12 +24,11 @@ class FULLWAVEFORM_EXPORT ChunkBase : public ReferenceBase<ChunkBase> {
   std::size_t bytes;
 };
 
-/// A chunk of a fixed number of elements of type T; used for double, float, std::string,
-/// std::complex<double>.
+/// A chunk with a fixed number of elements of type T: double, float, std::string or std::complex<double>.
 template <class T>
 class FULLWAVEFORM_EXPORT Chunk : public ChunkBase {
  public:
-  /// Elements are value-initialised: zero, or the empty text.
+  /// Elements are value-initialised: zero or an empty string.
   explicit Chunk(std::size_t count) : ChunkBase(count * sizeof(T)), elements(count) {}
   explicit Chunk(std::vector<T> values) : ChunkBase(values.size() * sizeof(T)), elements(std::move(values)) {}
 
@@ -49,10 +46,5 @@ class FULLWAVEFORM_EXPORT Chunk : public ChunkBase {
  private:
   std::vector<T> elements;
 };
-
-extern template class Chunk<double>;
-extern template class Chunk<float>;
-extern template class Chunk<std::string>;
-extern template class Chunk<std::complex<double>>;
 
 }  // namespace Holdex

@@ -17,7 +17,7 @@ DataRange<T>::DataRange(std::span<T const> values)
 #pragma omp for nowait
     for (std::ptrdiff_t i = 0; i < count; ++i) {
       T const value = values[static_cast<std::size_t>(i)];
-      // A comparison with not-a-number is false and leaves the range as it is.
+      // A comparison with NaN is false and leaves the range unchanged.
       threadLow = value < threadLow ? value : threadLow;
       threadHigh = value > threadHigh ? value : threadHigh;
     }
@@ -33,6 +33,6 @@ DataRange<T>::DataRange(std::span<T const> values)
   }
 }
 
-template class DataRange<double>;
+template DataRange<double>::DataRange(std::span<double const> values);
 
 }  // namespace Kestra

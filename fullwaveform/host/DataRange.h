@@ -7,13 +7,12 @@
 
 namespace Kestra {
 
-/// Smallest and largest value of a series, the range of a plot's axis.
+/// Smallest and largest value of a series, for the axis of a plot.
 template <class T>
 class FULLWAVEFORM_EXPORT DataRange : public Holdex::ReferenceBase<DataRange<T>> {
  public:
   DataRange(T smallest, T largest) noexcept : low(smallest), high(largest) {}
-  /// Searches the values on several threads. Values that are not a number do not count; without any other
-  /// value the range is [0, 0].
+  /// Searches the values on several threads. NaN is ignored; without any other value the range is [0, 0].
   explicit DataRange(std::span<T const> values);
 
   [[nodiscard]] T minimum() const noexcept { return low; }
@@ -24,6 +23,6 @@ class FULLWAVEFORM_EXPORT DataRange : public Holdex::ReferenceBase<DataRange<T>>
   T high;
 };
 
-extern template class DataRange<double>;
+extern template DataRange<double>::DataRange(std::span<double const> values);
 
 }  // namespace Kestra

@@ -7,12 +7,10 @@
 namespace Holdex {
 
 /// The framework's identity counter: every new or emptied pointer and every reference-counted object takes
-/// the next value. Thread-safe; values are unique within the process and never 0.
+/// the next value, starting at 1. Thread-safe.
 class FULLWAVEFORM_EXPORT PointerID {
  public:
   static std::uint64_t next() noexcept;
-  /// The value handed out last, 0 before the first.
-  static std::uint64_t last() noexcept;
 };
 
 }  // namespace Holdex

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <string_view>
 
 #include <fullwaveform/Export.h>
@@ -8,15 +7,13 @@
 namespace Holdex {
 
 /// Pointer diagnostics: the one place where misuse of the framework's pointers is reported.
-/// Each report is one message on the Console; the number of reports is kept for supervision.
+/// Each report is one message on the Console.
 class FULLWAVEFORM_EXPORT SpeakPtr {
  public:
-  /// Reports a misuse from which the caller goes on.
+  /// Reports a misuse after which the caller continues.
   static void report(std::string_view misuse);
   /// Reports a programming error and aborts the process.
   [[noreturn]] static void abort(std::string_view misuse);
-  /// Reports since the start of the process.
-  static std::uint64_t count() noexcept;
 };
 
 }  // namespace Holdex

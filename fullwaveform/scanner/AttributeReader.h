@@ -9,10 +9,10 @@
 
 namespace FullWaveform {
 
-/// Chart of the grids whose fields carry attributes.
+/// Chart whose fields have the attributes.
 inline constexpr auto fieldChart = "StandardCartesianChart3D";
 
-/// The attribute of a grid (empty field name) or of one of its fields; empty when it is not there.
+/// The attribute of a grid (empty field name) or of one of its fields; empty if there is none.
 Holdex::StrongPtr<Holdex::ChunkBase> findAttribute(std::string const& name, std::string const& fieldName,
                                                    Kestra::Grid const& grid);
 
@@ -30,7 +30,7 @@ bool readAttribute(std::string const& name, std::string const& fieldName, Kestra
 }
 
 /// The exponential sum of that name: element i is (name_real[i], name_imag[i]) of the field "Waveforms".
-/// Empty when one of the two is missing or without elements, or when their lengths differ.
+/// Empty if one of the two is missing or empty, or if their lengths differ.
 ScannerDevice::ComplexTable readExponentialSum(std::string const& name, Kestra::Grid const& grid);
 
 }  // namespace FullWaveform

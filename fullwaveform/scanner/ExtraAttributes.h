@@ -7,15 +7,15 @@
 
 namespace FullWaveform {
 
-/// What is known per scanner model instead of being read from the data. The deriving class sets start values.
+/// Constants per scanner model that are not in the data. The derived class sets the initial values.
 class FULLWAVEFORM_EXPORT ExtraAttributes {
  public:
   double bin_shift;                 ///< shift of the sample bins, samples
-  std::uint32_t scan_kind;          ///< 1 = radial scan pattern, 2 = line by line
+  std::uint32_t scan_kind;          ///< 1 = radial scan pattern, 2 = line-wise
   std::uint32_t afterpulse_offset;  ///< samples from the strongest sample to the expected after-pulse
   std::uint32_t afterpulse_width;   ///< half-width of the after-pulse window, samples
 
-  /// Sets all four for a known model ("VQ-880-G", "VQ-840-GL", the whole text); others change nothing.
+  /// Sets all four for a known model (exactly "VQ-880-G" or "VQ-840-GL"); does nothing for another.
   void setExtraAttributes(std::string const& scannerType);
 
   [[nodiscard]] bool isRadial() const { return scan_kind == 1; }

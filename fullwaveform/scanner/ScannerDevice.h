@@ -14,8 +14,8 @@ namespace FullWaveform {
 
 /// The laser scanner that recorded a block of waveforms; every extraction method is built from one.
 ///
-/// Filled once, from attributes of two grids. A missing attribute is reported on the console, ends the
-/// reading and leaves the rest at the values given here; `operator()()` tells whether all were there.
+/// Filled once, from attributes of two grids. A missing attribute is reported on the console, stops reading
+/// and leaves the other members at the defaults given here; see `operator()()`.
 class FULLWAVEFORM_EXPORT ScannerDevice : public ExtraAttributes {
  public:
   using ComplexTable = Holdex::StrongPtr<Holdex::Chunk<std::complex<double>>>;
@@ -38,31 +38,28 @@ class FULLWAVEFORM_EXPORT ScannerDevice : public ExtraAttributes {
   ComplexTable expsum_b;  ///< exponents of the system wave, 1/s
   double refl_delta = 0.1373470495519926;
   ReflectanceTable refl_tableC;
-  double ampl_unit = 0.009999999776482582;  ///< single-precision 0.01, widened; meant
-  bool complete = false;                    ///< construction found all it needs
+  double ampl_unit = 0.009999999776482582;  ///< single-precision 0.01, intentionally widened to double
+  bool complete = false;                    ///< all required attributes were found
 
-  /// A scanner of which nothing is known yet.
+  /// A scanner with default values, not complete.
   ScannerDevice();
 
   /// Reads the scanner.
   ///
-  /// @param scannerGrid   carries the scanner's own attributes
-  /// @param waveformGrid  carries the fields "Waveforms" and "SBL_Time" in "StandardCartesianChart3D"; may be
-  ///                      empty, then the sampling interval, t_ref and the system wave are left out
+  /// @param scannerGrid   with the scanner's own attributes
+  /// @param waveformGrid  with the fields "Waveforms" and "SBL_Time" in "StandardCartesianChart3D"; if empty,
+  /// the
+  ///                      sampling interval, t_ref and the exponential sums keep their defaults
   ScannerDevice(Kestra::Grid const& scannerGrid, Holdex::StrongPtr<Kestra::Grid> const& waveformGrid);
 
-  /// True when the scanner was read to its end.
+  /// Whether all required attributes were found.
   bool operator()() const { return complete; }
 
   /// Travel time over the unambiguous range, s; not finite for a group velocity of 0.
   [[nodiscard]] double getMTALengthAsTime() const;
 
-  /// Report of every parameter with its unit, a line each.
+  /// Report of every parameter with its unit, one line each.
   [[nodiscard]] std::string speak() const;
-
- private:
-  [[nodiscard]] bool readWaveformGrid(Kestra::Grid const& grid);
-  [[nodiscard]] bool readScannerGrid(Kestra::Grid const& grid);
 };
 
 }  // namespace FullWaveform

@@ -26,7 +26,7 @@ std::string reflectanceText(ScannerDevice::ReflectanceTable const& table) {
 }  // namespace
 
 std::string ScannerDevice::speak() const {
-  // Half the bin length is in metres although its label says centimetres: readers of the report rely on it.
+  // Half the bin length is in metres although its label says centimetres: the report's format is fixed.
   return "t_ref: " + nanoseconds(t_ref) + " [ns]\n" +                      //
          "group_velocity: " + shortestText(group_velocity) + " [m/s]\n" +  //
          "sampling_time: " + nanoseconds(sampling_time) +                  //

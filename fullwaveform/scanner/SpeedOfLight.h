@@ -2,7 +2,7 @@
 
 namespace FullWaveform {
 
-/// Speed of light in air in m/s, for light that travels one way.
+/// Speed of light in air, m/s.
 inline constexpr double speedOfLightInAir = 299708256.0;
 
 /// Metres of range per second of two-way travel time.

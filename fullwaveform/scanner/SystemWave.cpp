@@ -1,7 +1,5 @@
 #include <fullwaveform/scanner/SystemWave.h>
 
-#include <algorithm>
-#include <cmath>
 #include <cstddef>
 #include <string>
 #include <utility>
@@ -10,6 +8,7 @@
 #include <fullwaveform/host/DataRange.h>
 #include <fullwaveform/host/ReferenceBase.h>
 #include <fullwaveform/host/VectorToPDF.h>
+#include <fullwaveform/scanner/ExponentialSum.h>
 #include <fullwaveform/scanner/LogMessage.h>
 
 namespace FullWaveform {
@@ -20,7 +19,7 @@ using Wave = Holdex::StrongPtr<Holdex::Chunk<double>>;
 using Range = Holdex::StrongPtr<Kestra::DataRange<double>, Holdex::InterfaceBase>;
 
 constexpr double nanosecondsPerSecond = 1e9;
-constexpr std::pair<unsigned int, unsigned int> mostTicks{10, 5};
+constexpr std::pair<unsigned int, unsigned int> maxIntervals{10, 5};
 
 /// Why the input cannot be synthesised; empty if it can.
 std::string inputError(ComplexTable const& a, ComplexTable const& b, double dt, unsigned int length) {
@@ -60,43 +59,17 @@ void plot(Holdex::Chunk<double> const& wave, double dt, std::filesystem::path co
   for (std::size_t i = 0; i < x.size(); ++i) {
     x[i] = static_cast<double>(i) * (nanosecondsPerSecond * dt);
   }
-  std::vector<double> const y(wave.begin(), wave.end());
+  std::vector<double> const y(wave.data(), wave.data() + wave.size());
   OrvikPDF::VectorToPDF plotter(file.string(), false, "System wave", {"time [ns]", "Normalized Amplitude"},
-                                {rangeOf(x), rangeOf(y)}, mostTicks);
+                                {rangeOf(x), rangeOf(y)}, maxIntervals);
   plotter.addVector(x, y, "Wave");
-  std::string const trouble = plotter.write2Pdf(false);
-  if (!trouble.empty()) {
-    logMessage("createNormalizedSysWave: " + trouble);
+  std::string const error = plotter.write2Pdf(false);
+  if (!error.empty()) {
+    logMessage("createNormalizedSysWave: " + error);
   }
 }
 
 }  // namespace
-
-void synthesiseSystemWave(std::span<std::complex<double> const> a, std::span<std::complex<double> const> b,
-                          double dt, std::span<double> wave) {
-  std::size_t const terms = std::min(a.size(), b.size());
-  for (std::size_t i = 0; i < wave.size(); ++i) {
-    double const t = static_cast<double>(i) * dt;
-    double sum = 0.0;
-    for (std::size_t k = 0; k < terms; ++k) {
-      double const decay = std::exp(b[k].real() * t);
-      double const phase = b[k].imag() * t;
-      // Only the real part of the product is kept.
-      sum += a[k].real() * (decay * std::cos(phase)) - a[k].imag() * (decay * std::sin(phase));
-    }
-    wave[i] = sum;
-  }
-}
-
-void normaliseToMaximum(std::span<double> wave) {
-  if (wave.empty()) {
-    return;
-  }
-  double const scale = 1.0 / *std::max_element(wave.begin(), wave.end());
-  for (double& value : wave) {
-    value *= scale;
-  }
-}
 
 Holdex::StrongPtr<Holdex::Chunk<double>> createNormalizedSysWave(
     Holdex::StrongPtr<Holdex::Chunk<std::complex<double>>> const& a,

@@ -7,11 +7,11 @@ namespace FullWaveform {
 namespace {
 
 // The longest shortest-form double has 24 characters ("-2.2250738585072014e-308").
-constexpr std::size_t longestNumber = 32;
+constexpr std::size_t maxNumberLength = 32;
 
 template <class Number>
 std::string convert(Number value) {
-  std::array<char, longestNumber> buffer{};
+  std::array<char, maxNumberLength> buffer{};
   auto const [end, status] = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
   return {buffer.data(), end};
 }

@@ -1,7 +1,7 @@
 #include <fullwaveform/host/SpeakPtr.h>
 
-#include <cstdint>
 #include <string>
+#include <vector>
 
 #include <fullwaveform/host/Chunk.h>
 #include <fullwaveform/host/StrongPtr.h>
@@ -14,13 +14,10 @@ namespace {
 
 using FullWaveform::Testing::ConsoleCapture;
 
-TEST(SpeakPtr, ReportIsCountedAndIsOneMessage) {
+TEST(SpeakPtr, ReportIsOneMessage) {
   ConsoleCapture const capture;
-  std::uint64_t const before = SpeakPtr::count();
   SpeakPtr::report("an invalid weak pointer");
-  EXPECT_EQ(SpeakPtr::count(), before + 1);
-  ASSERT_EQ(capture.messages().size(), 1U);
-  EXPECT_NE(capture.messages()[0].find("an invalid weak pointer"), std::string::npos);
+  EXPECT_EQ(capture.messages(), std::vector<std::string>{"SpeakPtr: an invalid weak pointer"});
 }
 
 class SpeakPtrDeathTest : public testing::Test {
@@ -28,8 +25,8 @@ class SpeakPtrDeathTest : public testing::Test {
   void SetUp() override { testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
 };
 
-TEST_F(SpeakPtrDeathTest, AbortSaysWhyAndEndsTheProcess) {
-  EXPECT_DEATH(SpeakPtr::abort("nothing behind the pointer"), "nothing behind the pointer");
+TEST_F(SpeakPtrDeathTest, AbortReportsAndEndsTheProcess) {
+  EXPECT_DEATH(SpeakPtr::abort("access through an empty pointer"), "access through an empty pointer");
 }
 
 TEST_F(SpeakPtrDeathTest, AccessThroughAnEmptyStrongPointerAborts) {

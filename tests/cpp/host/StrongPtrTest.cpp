@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -98,7 +99,7 @@ TEST(StrongPtr, EveryPointerHasItsOwnIdentifier) {
 }
 
 TEST(StrongPtr, NewEmptyPointerTakesTheNextIdentifier) {
-  std::uint64_t const before = PointerID::last();
+  std::uint64_t const before = PointerID::next();
   StrongPtr<Counted> const empty;
   EXPECT_EQ(empty.identifier(), before + 1);
 }
@@ -106,7 +107,7 @@ TEST(StrongPtr, NewEmptyPointerTakesTheNextIdentifier) {
 TEST(StrongPtr, EmptiedPointerTakesAFreshIdentifier) {
   int living = 0;
   StrongPtr<Counted> pointer = makeStrong<Counted>(living);
-  std::uint64_t const before = PointerID::last();
+  std::uint64_t const before = PointerID::next();
   pointer.reset();
   EXPECT_EQ(pointer.identifier(), before + 1);
 }
@@ -147,10 +148,8 @@ TEST(WeakPtr, LockOfADeadObjectIsReportedAndEmpty) {
   ConsoleCapture const capture;
   int living = 0;
   WeakPtr<Counted> const weak = makeStrong<Counted>(living);
-  std::uint64_t const before = SpeakPtr::count();
   EXPECT_FALSE(weak.lock().isValid());
-  EXPECT_EQ(SpeakPtr::count(), before + 1);
-  EXPECT_EQ(capture.messages().size(), 1U);
+  EXPECT_EQ(capture.messages(), std::vector<std::string>{"SpeakPtr: an invalid weak pointer was used"});
 }
 
 TEST(WeakPtr, LockOfAnEmptyPointerIsReportedToo) {

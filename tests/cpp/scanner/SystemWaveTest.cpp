@@ -32,52 +32,6 @@ void expectNear(std::vector<double> const& values, std::vector<double> const& ex
   }
 }
 
-std::vector<double> synthesised(std::vector<Complex> const& a, std::vector<Complex> const& b, double dt,
-                                std::size_t length) {
-  std::vector<double> wave(length);
-  synthesiseSystemWave(a, b, dt, wave);
-  return wave;
-}
-
-TEST(SynthesiseSystemWave, RealExponentDecays) {
-  expectNear(synthesised({8.0}, {halving / 1e-9}, 1e-9, 4), {8.0, 4.0, 2.0, 1.0});
-}
-
-TEST(SynthesiseSystemWave, ImaginaryExponentOscillates) {
-  expectNear(synthesised({2.0}, {Complex(0.0, quarterTurn / 1e-9)}, 1e-9, 5), {2.0, 0.0, -2.0, 0.0, 2.0});
-}
-
-TEST(SynthesiseSystemWave, ImaginaryCoefficientTurnsThePhase) {
-  // Re(j exp(j x)) = -sin x
-  expectNear(synthesised({Complex(0.0, 1.0)}, {Complex(0.0, quarterTurn / 1e-9)}, 1e-9, 4),
-             {0.0, -1.0, 0.0, 1.0});
-}
-
-TEST(SynthesiseSystemWave, TermsAdd) {
-  // 4 (1/2)^i and cos and -sin of quarter turns.
-  expectNear(
-      synthesised({4.0, Complex(1.0, 1.0)}, {halving / 1e-9, Complex(0.0, quarterTurn / 1e-9)}, 1e-9, 4),
-      {5.0, 1.0, 0.0, 1.5});
-}
-
-TEST(NormaliseToMaximum, LargestBecomesOne) {
-  std::vector<double> wave{2.0, -4.0, 8.0, 1.0};
-  normaliseToMaximum(wave);
-  EXPECT_EQ(wave, (std::vector<double>{0.25, -0.5, 1.0, 0.125}));
-}
-
-TEST(NormaliseToMaximum, WithoutPositiveValuesIsNotGuarded) {
-  std::vector<double> wave{-2.0, -4.0};
-  normaliseToMaximum(wave);
-  EXPECT_EQ(wave, (std::vector<double>{1.0, 2.0}));
-  std::vector<double> zeros{0.0};
-  normaliseToMaximum(zeros);
-  EXPECT_TRUE(std::isnan(zeros[0]));
-  std::vector<double> none;
-  normaliseToMaximum(none);
-  EXPECT_TRUE(none.empty());
-}
-
 TEST(CreateNormalizedSysWave, HasTheLargestValueOne) {
   Testing::ConsoleCapture const console;
   std::size_t const before = Holdex::ChunkBase::memoryTotal();
