@@ -20,9 +20,9 @@ from fullwaveform.core.driver import (
     checked_threshold,
 )
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.blocks import EchoTable, ReadTally, WaveformBlock
+from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.data.columns import Columns
-from fullwaveform.data.echo_columns import ECHO_COLUMNS, echo_table_to_arrow
+from fullwaveform.data.echo_columns import EchoTable, echo_table_to_arrow, table_columns
 from fullwaveform.extraction.extractor import (
     ExtractedBlock,
     ExtractionSettings,
@@ -68,7 +68,7 @@ class Extraction:
         if not blocks:
             raise ValueError("the source holds no waveforms")
         self._settings = settings
-        self._echoes = _joined([block.echoes for block in blocks])
+        self._echoes = EchoTable.join([block.echoes for block in blocks])
         self._waveforms = _joined([block.waveforms for block in blocks])
         self._header = header
         self.read = read
@@ -82,7 +82,7 @@ class Extraction:
     @property
     def peaks(self) -> Columns:
         """The echoes as NumPy columns of length m."""
-        return Columns({column.name: column.values(self._echoes) for column in ECHO_COLUMNS})
+        return Columns({column.name: self._echoes[column.name] for column in table_columns()})
 
     @property
     def waveforms(self) -> Columns:

@@ -2,13 +2,14 @@
 
 from __future__ import annotations
 
-from dataclasses import dataclass, fields
+from dataclasses import dataclass
 from enum import Enum
 
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.data.blocks import PulseGeometry, WaveformBlock, take_rows
+from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.data.columns import take_rows
 from fullwaveform.io.base import WaveformReader
 
 SAME_TIME = 1e-6  # s, within which a time names a shot
@@ -98,17 +99,4 @@ def _nearest(
 def _shot_of(block: WaveformBlock, row: int, *, alone: bool = False) -> ChosenShot:
     rows = np.flatnonzero(block.shot_times == block.shot_times[row])
     meant = np.flatnonzero(rows == row) if alone else np.arange(len(rows))
-    return ChosenShot(_rows_of(block, rows), meant)
-
-
-def _rows_of(block: WaveformBlock, rows: npt.NDArray[np.int64]) -> WaveformBlock:
-    """The given rows of a block, in their order."""
-    geometry = PulseGeometry(
-        *(getattr(block.geometry, column.name)[rows] for column in fields(PulseGeometry))
-    )
-    taken = {
-        column.name: getattr(block, column.name)[rows]
-        for column in fields(WaveformBlock)
-        if column.name not in ("geometry", "attributes")
-    }
-    return WaveformBlock(**taken, geometry=geometry, attributes=take_rows(block.attributes, rows))
+    return ChosenShot(take_rows(block, rows), meant)

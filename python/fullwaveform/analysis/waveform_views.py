@@ -124,7 +124,7 @@ def _method_view(
     echoes, mode = extracted.echoes, extractor.settings.mode
     mine = np.flatnonzero(echoes.waveform_number == block.waveform_numbers[row])
     mine = mine[np.argsort(echoes.position[mine], kind="stable")]
-    types = echoes.type[mine]
+    types = echoes.echo_type[mine]
     positions, widths = echoes.position[mine], echoes.width_samples[mine]
     amplitudes = echoes.amplitude_counts[mine].astype(np.float64)
     state = WaveformState(int(extracted.waveforms.state[row]))

@@ -13,7 +13,8 @@ import numpy.typing as npt
 from fullwaveform import _core
 from fullwaveform.core.messages import forward_messages
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.columns import Columns, checked_counts, checked_flags, checked_times
+from fullwaveform.data.checks import checked_counts, checked_flags, checked_times
+from fullwaveform.data.columns import Columns
 
 # Not a directory: the library skips a report that it cannot open.
 _NO_DIRECTORY = "/dev/null"

@@ -8,7 +8,8 @@ import numpy.typing as npt
 from fullwaveform import _core
 from fullwaveform.core.messages import forward_messages
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.columns import Columns, checked_column, checked_flags, checked_times
+from fullwaveform.data.checks import checked_column, checked_flags, checked_times
+from fullwaveform.data.columns import Columns
 
 
 def evaluate_online(

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from collections import Counter
 from collections.abc import Callable, Iterable
-from dataclasses import dataclass, field, fields
+from dataclasses import dataclass, field
 
 import numpy as np
 import numpy.typing as npt
@@ -113,38 +113,3 @@ class ReportingTally(ReadTally):
         super().reject(reason, count, places)
         for place in places:
             self._each(f"{place}: {reason}")
-
-
-@dataclass(frozen=True, slots=True)
-class EchoTable:
-    """Extracted echoes with their place in space; all columns have the same length.
-
-    The echoes of one shot stand together, ordered along the flight of light.
-    """
-
-    xyz: FloatArray  # (m, 3), coordinate units of the file
-    gps_time: FloatArray  # s, of the shot
-    echo_number: npt.NDArray[np.int64]  # 1 = nearest to the scanner within the shot
-    echo_count: npt.NDArray[np.int64]  # echoes of the shot
-    amplitude_counts: npt.NDArray[np.float32]  # digitiser counts
-    amplitude_db: npt.NDArray[np.float32]  # dB
-    width_ns: FloatArray  # standard deviation of the echo, ns
-    width_samples: FloatArray  # the same in samples
-    position: FloatArray  # fractional sample index in the waveform
-    type: npt.NDArray[np.uint8]  # how the echo was found
-    quality: npt.NDArray[np.uint8]
-    reflectance: npt.NDArray[np.float32]
-    time: FloatArray  # s, as the extraction gave it
-    waveform_number: npt.NDArray[np.int64]  # running number of the waveform in the file
-    channel_flag: npt.NDArray[np.uint8]
-    attributes: ShotAttributes
-
-    def __len__(self) -> int:
-        return len(self.gps_time)
-
-
-def take_rows(attributes: ShotAttributes, rows: npt.NDArray[np.int64]) -> ShotAttributes:
-    """The attributes of the given rows, in their order."""
-    return ShotAttributes(
-        *(getattr(attributes, column.name)[rows] for column in fields(attributes))
-    )

@@ -1,29 +1,33 @@
-"""Tables as NumPy columns, and the checks of the columns that come in."""
+"""Tables of columns of equal length, and the description of a column."""
 
 from __future__ import annotations
 
-from collections.abc import Iterator, Mapping
-from typing import Any
+from collections.abc import Iterator, Mapping, Sequence
+from dataclasses import dataclass, fields
+from typing import Any, Self, TypeVar, cast
 
 import numpy as np
-import numpy.typing as npt
 import pyarrow as pa
 
+from fullwaveform.data.arrays import AnyArray, IntArray
 
-class Columns(Mapping[str, npt.NDArray[Any]]):
+_Rows = TypeVar("_Rows")
+
+
+class Columns(Mapping[str, AnyArray]):
     """A table as NumPy columns of equal length, by name."""
 
     def __init__(self, columns: Mapping[str, Any]) -> None:
-        self._columns: dict[str, npt.NDArray[Any]] = dict(columns)
+        self._columns: dict[str, AnyArray] = dict(columns)
 
-    def __getitem__(self, name: str) -> npt.NDArray[Any]:
+    def __getitem__(self, name: str) -> AnyArray:
         return self._columns[name]
 
     def __iter__(self) -> Iterator[str]:
         return iter(self._columns)
 
     def __len__(self) -> int:
-        """Number of columns, as of any mapping; `rows` tells the length of the table."""
+        """Number of columns, as for any mapping; `rows` is the length of the table."""
         return len(self._columns)
 
     def __repr__(self) -> str:
@@ -39,61 +43,71 @@ class Columns(Mapping[str, npt.NDArray[Any]]):
         return pa.table(self._columns)
 
 
-def checked_column(values: npt.ArrayLike, name: str, rows: int) -> npt.NDArray[Any]:
-    """One value per row, as an array; ValueError otherwise."""
-    array = np.asarray(values)
-    if array.ndim != 1:
-        raise ValueError(f"{name} must have 1 dimension, not {array.ndim}")
-    if len(array) != rows:
-        raise ValueError(f"{name} has {len(array)} values, but there are {rows} rows")
-    return array
+@dataclass(frozen=True, slots=True)
+class Column:
+    """Description of a column of a table."""
+
+    name: str
+    dtype: type[np.generic]
+    unit: str  # "1" for a dimensionless quantity
+    description: str
 
 
-def checked_integers(
-    values: npt.ArrayLike, name: str, rows: int, largest: int, rule: str
-) -> npt.NDArray[Any]:
-    """Integers from 0 to the largest, one per row; ValueError with the rule otherwise."""
-    array = checked_column(values, name, rows)
-    if not (np.issubdtype(array.dtype, np.integer) or (rows == 0 and array.size == 0)):
-        raise ValueError(f"{name} must be integers, not {array.dtype}")
-    wrong = np.flatnonzero((array < 0) | (array > largest))
-    if wrong.size:
-        row = int(wrong[0])
-        raise ValueError(f"{name}: {array[row]} of waveform {row} {rule}")
-    return array
+class Table:
+    """Columns of equal length, each also an attribute: ``table["x"]`` is ``table.x``."""
 
+    def __init__(self, columns: Mapping[str, AnyArray]) -> None:
+        self.columns = Columns(columns)
 
-def checked_counts(values: npt.ArrayLike, rows: int, width: int) -> npt.NDArray[np.uint16]:
-    """Valid samples of rows of the given width."""
-    rule = f"is not between 0 and the row length {width}"
-    counts = checked_integers(values, "counts", rows, width, rule)
-    return np.ascontiguousarray(counts, dtype=np.uint16)
+    def __getitem__(self, name: str) -> AnyArray:
+        return self.columns[name]
 
+    def __getattr__(self, name: str) -> AnyArray:
+        if name == "columns" or name not in self.columns:  # no columns yet: being unpickled
+            raise AttributeError(f"{type(self).__name__} has no column {name!r}")
+        return self.columns[name]
 
-def checked_flags(values: npt.ArrayLike, rows: int) -> npt.NDArray[np.uint8]:
-    """Channel flags, 0 to 255 or Boolean."""
-    rule = "is not between 0 and 255"
-    flags = np.asarray(values)
-    flags = flags.view(np.uint8) if flags.dtype == np.bool_ else flags
-    flags = checked_integers(flags, "channel_flags", rows, 255, rule)
-    return np.ascontiguousarray(flags, dtype=np.uint8)
+    def __len__(self) -> int:
+        return self.columns.rows
 
+    def take(self, rows: IntArray) -> Self:
+        """The given rows, in their order."""
+        return type(self)({name: column[rows] for name, column in self.columns.items()})
 
-def checked_times(values: npt.ArrayLike, name: str, rows: int) -> npt.NDArray[np.float64]:
-    """Times in seconds, none of them NaN, integers only where a double holds each of them."""
-    array = checked_column(values, name, rows)
-    if not (np.issubdtype(array.dtype, np.floating) or np.issubdtype(array.dtype, np.integer)):
-        raise ValueError(f"{name} must be numbers, not {array.dtype}")
-    if np.issubdtype(array.dtype, np.integer) and not _fits_a_double(array):
-        raise ValueError(
-            f"{name}: integers beyond 2**53 would fall together; give seconds as float"
+    @classmethod
+    def join(cls, tables: Sequence[Self]) -> Self:
+        """The rows of all tables, in their order; at least one table."""
+        if len(tables) == 1:
+            return tables[0]
+        return cls(
+            {name: np.concatenate([table[name] for table in tables]) for name in tables[0].columns}
         )
-    times = np.ascontiguousarray(array, dtype=np.float64)
-    if (nan := np.flatnonzero(np.isnan(times))).size:
-        raise ValueError(f"{name}: the time of waveform {int(nan[0])} is not a number")
-    return times
+
+    def to_arrow(self, columns: Sequence[Column]) -> pa.Table:
+        """The described columns as a table of pyarrow, with `arrow_schema` as its schema."""
+        schema = arrow_schema(columns)
+        arrays = [pa.array(self[field.name], field.type) for field in schema]
+        return pa.Table.from_arrays(arrays, schema=schema)
 
 
-def _fits_a_double(integers: npt.NDArray[Any]) -> bool:
-    exact = 2**53
-    return not integers.size or (-exact <= int(integers.min()) and int(integers.max()) <= exact)
+def arrow_schema(columns: Sequence[Column]) -> pa.Schema:
+    """Names and types of the columns, with unit and description in the metadata of each field."""
+    return pa.schema(
+        [
+            pa.field(
+                column.name,
+                pa.from_numpy_dtype(column.dtype),
+                metadata={"unit": column.unit, "description": column.description},
+            )
+            for column in columns
+        ]
+    )
+
+
+def take_rows(columns: _Rows, rows: IntArray) -> _Rows:
+    """The given rows of a dataclass of columns; its fields may be such dataclasses, too."""
+    part: Any = columns
+    if isinstance(part, np.ndarray):
+        return cast(_Rows, part[rows])
+    taken = (take_rows(getattr(part, field.name), rows) for field in fields(part))
+    return cast(_Rows, type(part)(*taken))

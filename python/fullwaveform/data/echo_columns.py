@@ -1,127 +1,268 @@
-"""The columns that echoes have in every kind of table: names, types, units, meaning."""
+"""The columns of echo tables: each is described here and nowhere else."""
 
 from __future__ import annotations
 
-from collections.abc import Callable
+from collections.abc import Callable, Mapping
 from dataclasses import dataclass
-from typing import Any
 
-import numpy.typing as npt
+import numpy as np
 import pyarrow as pa
 
-from fullwaveform.data.blocks import EchoTable
+from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
+from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.data.columns import Column, Table, arrow_schema
+
+_NANOSECONDS = 1e9
+_COORDINATE = "coordinate unit of the input"
 
 
 @dataclass(frozen=True, slots=True)
-class EchoColumn:
-    """One column of a table of echoes."""
+class FoundEchoes:
+    """Echoes of a block in the order of their table, from which the columns are computed."""
 
-    name: str
-    type: pa.DataType
-    unit: str  # "1" for what has none
-    description: str
-    values: Callable[[EchoTable], npt.NDArray[Any]]  # (m,)
+    block: WaveformBlock
+    rows: IntArray  # (m,), row of the block in which each echo was found
+    peaks: Mapping[str, AnyArray]  # columns (m,) as in `Result.peaks`
+    xyz: FloatArray  # (m, 3), coordinate units of the file
+    number: IntArray  # (m,), 1 = nearest to the scanner within the shot
+    count: IntArray  # (m,), echoes of the shot
 
 
-_COORDINATE = "coordinate unit of the input"
+@dataclass(frozen=True, slots=True)
+class LasDimension:
+    """An extra dimension of LAS points."""
 
-ECHO_COLUMNS = (
-    EchoColumn("x", pa.float64(), _COORDINATE, "Easting of the echo", lambda e: e.xyz[:, 0]),
-    EchoColumn("y", pa.float64(), _COORDINATE, "Northing of the echo", lambda e: e.xyz[:, 1]),
-    EchoColumn("z", pa.float64(), _COORDINATE, "Height of the echo", lambda e: e.xyz[:, 2]),
+    dtype: type[np.generic]
+    description: str  # 32 characters at most
+
+
+@dataclass(frozen=True, slots=True)
+class EchoColumn(Column):
+    """A column of an echo table and where its values come from."""
+
+    values: Callable[[FoundEchoes], AnyArray]  # (m,)
+    of_waveform: bool = False  # also known of waveforms without echoes; else NaN or 0 there
+    in_tables: bool = True  # False: only for files of a fixed layout (LAS, ASCII)
+    las: LasDimension | None = None
+
+
+ECHO_COLUMNS: tuple[EchoColumn, ...] = (
+    EchoColumn("x", np.float64, _COORDINATE, "Easting of the echo", lambda e: e.xyz[:, 0]),
+    EchoColumn("y", np.float64, _COORDINATE, "Northing of the echo", lambda e: e.xyz[:, 1]),
+    EchoColumn("z", np.float64, _COORDINATE, "Height of the echo", lambda e: e.xyz[:, 2]),
     EchoColumn(
-        "gps_time", pa.float64(), "s", "Time of the shot, as the input has it", lambda e: e.gps_time
+        "gps_time",
+        np.float64,
+        "s",
+        "Time of the shot, as in the input",
+        lambda e: e.block.attributes.gps_time[e.rows],
+        of_waveform=True,
     ),
     EchoColumn(
         "echo_number",
-        pa.int64(),
+        np.int64,
         "1",
         "Number of the echo within its shot, 1 nearest to the scanner; 0 in the row of a waveform "
         "without echoes",
-        lambda e: e.echo_number,
+        lambda e: e.number,
     ),
-    EchoColumn("echo_count", pa.int64(), "1", "Echoes of the shot", lambda e: e.echo_count),
+    EchoColumn(
+        "echo_count", np.int64, "1", "Echoes of the shot", lambda e: e.count, of_waveform=True
+    ),
     EchoColumn(
         "amplitude_counts",
-        pa.float32(),
+        np.float32,
         "counts",
-        "Amplitude in digitiser counts",
-        lambda e: e.amplitude_counts,
+        "Amplitude of the echo, counted from 0",
+        lambda e: e.peaks["amplitudeCounts"],
     ),
     EchoColumn(
         "amplitude_db",
-        pa.float32(),
+        np.float32,
         "dB",
-        "Amplitude above the scanner's amplitude unit",
-        lambda e: e.amplitude_db,
+        "Amplitude relative to the amplitude unit of the scanner",
+        lambda e: e.peaks["amplitude"],
+        las=LasDimension(np.float32, "Echo amplitude, dB"),
     ),
     EchoColumn(
-        "width_ns", pa.float64(), "ns", "Standard deviation of the echo", lambda e: e.width_ns
+        "width_ns",
+        np.float64,
+        "ns",
+        "Standard deviation of the echo",
+        lambda e: e.peaks["std"] * e.block.sampling_intervals[e.rows] * _NANOSECONDS,
+        las=LasDimension(np.float32, "Echo standard deviation, ns"),
+    ),
+    EchoColumn(
+        "width_samples",
+        np.float64,
+        "samples",
+        "Standard deviation of the echo",
+        lambda e: e.peaks["std"],
+        in_tables=False,
     ),
     EchoColumn(
         "position",
-        pa.float64(),
+        np.float64,
         "samples",
         "Fractional sample index in the waveform, 0 at its first sample",
-        lambda e: e.position,
+        lambda e: e.peaks["idx"],
+        las=LasDimension(np.float64, "Fractional sample index"),
     ),
     EchoColumn(
         "echo_type",
-        pa.uint8(),
+        np.uint8,
         "1",
         "How the echo was found: 2 three-point fit, 3 and 4 first and second loop of the "
         "decomposition, 5 deconvolution, 6 on board; 0 no echo",
-        lambda e: e.type,
+        lambda e: e.peaks["type"],
+        las=LasDimension(np.uint8, "How the echo was found"),
     ),
     EchoColumn(
         "quality",
-        pa.uint8(),
+        np.uint8,
         "1",
-        "0 good; after-pulses (1) and echoes out of range (2) are left out",
-        lambda e: e.quality,
+        "0 good; after-pulses (1) and echoes out of range (2) are removed before",
+        lambda e: e.peaks["quality"],
+        las=LasDimension(np.uint8, "Quality of the echo"),
     ),
-    EchoColumn("reflectance", pa.float32(), "dB", "Relative reflectance", lambda e: e.reflectance),
+    EchoColumn(
+        "reflectance",
+        np.float32,
+        "dB",
+        "Relative reflectance",
+        lambda e: e.peaks["reflectance"],
+        las=LasDimension(np.float32, "Reflectance"),
+    ),
     EchoColumn(
         "time",
-        pa.float64(),
+        np.float64,
         "s",
-        "Time of the echo, from the first sample of the record or, where the file has one, from "
-        "the pulse's own reference",
-        lambda e: e.time,
+        "Time of the echo since the first sample of its waveform or, where the input has one, "
+        "since the reference time of the pulse",
+        lambda e: e.peaks["time"],
     ),
     EchoColumn(
         "waveform_number",
-        pa.int64(),
+        np.int64,
         "1",
         "Running number of the waveform in the input, from 0",
-        lambda e: e.waveform_number,
+        lambda e: e.block.waveform_numbers[e.rows],
+        of_waveform=True,
     ),
     EchoColumn(
         "channel_flag",
-        pa.uint8(),
+        np.uint8,
         "1",
-        "Channel of the waveform: 1 low power, 0 the other",
-        lambda e: e.channel_flag,
+        "Channel of the waveform: 1 low power, 0 high power",
+        lambda e: e.block.channel_flags[e.rows],
+        of_waveform=True,
+    ),
+    EchoColumn(
+        "scan_angle",
+        np.float32,
+        "degrees",
+        "Scan angle of the shot",
+        lambda e: e.block.attributes.scan_angle[e.rows],
+        of_waveform=True,
+        in_tables=False,
+    ),
+    EchoColumn(
+        "scan_direction_flag",
+        np.uint8,
+        "1",
+        "Scan direction of the shot, 0 or 1",
+        lambda e: e.block.attributes.scan_direction_flag[e.rows],
+        of_waveform=True,
+        in_tables=False,
+    ),
+    EchoColumn(
+        "edge_of_flight_line",
+        np.uint8,
+        "1",
+        "1 for a shot at the edge of the scan, else 0",
+        lambda e: e.block.attributes.edge_of_flight_line[e.rows],
+        of_waveform=True,
+        in_tables=False,
+    ),
+    EchoColumn(
+        "user_data",
+        np.uint8,
+        "1",
+        "User data of the shot",
+        lambda e: e.block.attributes.user_data[e.rows],
+        of_waveform=True,
+        in_tables=False,
+    ),
+    EchoColumn(
+        "point_source_id",
+        np.uint16,
+        "1",
+        "Point source ID of the shot",
+        lambda e: e.block.attributes.point_source_id[e.rows],
+        of_waveform=True,
+        in_tables=False,
     ),
 )
 
-#: Names and types of the columns, with unit and description in the metadata of each.
-ECHO_SCHEMA = pa.schema(
-    [
-        pa.field(
-            column.name,
-            column.type,
-            metadata={"unit": column.unit, "description": column.description},
+
+class EchoTable(Table):
+    """Echoes with the columns of `ECHO_COLUMNS`.
+
+    The echoes of a shot are consecutive, ordered along the flight of light.
+    """
+
+    @classmethod
+    def of(cls, found: FoundEchoes) -> EchoTable:
+        """The table of the echoes, in their order."""
+        return cls({column.name: _computed(column, found) for column in ECHO_COLUMNS})
+
+    @classmethod
+    def of_empty_waveforms(cls, block: WaveformBlock, rows: IntArray, count: IntArray) -> EchoTable:
+        """A row without an echo for each of the given rows (k,) of the block.
+
+        `count` (k,) is the number of echoes of the shot. Columns that describe an echo are NaN or,
+        where they hold integers, 0.
+        """
+        none = np.zeros(len(rows), np.int64)
+        found = FoundEchoes(block, rows, {}, np.full((len(rows), 3), np.nan), none, count)
+        return cls(
+            {
+                column.name: _computed(column, found)
+                if column.of_waveform
+                else np.full(len(rows), _value_without_echo(column), column.dtype)
+                for column in ECHO_COLUMNS
+            }
         )
-        for column in ECHO_COLUMNS
-    ]
-)
+
+    @property
+    def xyz(self) -> FloatArray:
+        """Coordinates (m, 3)."""
+        return np.column_stack([self["x"], self["y"], self["z"]])
+
+
+def _computed(column: EchoColumn, found: FoundEchoes) -> AnyArray:
+    return column.values(found).astype(column.dtype, copy=False)
+
+
+def _value_without_echo(column: EchoColumn) -> float:
+    return np.nan if np.issubdtype(column.dtype, np.floating) else 0
+
+
+def table_columns() -> tuple[EchoColumn, ...]:
+    """The columns of CSV, Parquet and HDF5 files and of Arrow tables."""
+    return tuple(column for column in ECHO_COLUMNS if column.in_tables)
+
+
+def las_dimensions() -> dict[str, LasDimension]:
+    """The extra dimensions of LAS files of echoes, by name of the column."""
+    return {column.name: column.las for column in ECHO_COLUMNS if column.las is not None}
+
+
+def echo_schema() -> pa.Schema:
+    """Schema of Arrow tables of echoes."""
+    return arrow_schema(table_columns())
 
 
 def echo_table_to_arrow(echoes: EchoTable) -> pa.Table:
-    """The echoes as a table of pyarrow, a row each, NaN where a value is none.
-
-    Every field carries its ``unit`` and ``description`` as metadata.
-    """
-    arrays = [pa.array(column.values(echoes), column.type) for column in ECHO_COLUMNS]
-    return pa.Table.from_arrays(arrays, schema=ECHO_SCHEMA)
+    """The echoes as a table of pyarrow with `echo_schema`, one row each, NaN where undefined."""
+    return echoes.to_arrow(table_columns())

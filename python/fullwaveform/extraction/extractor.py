@@ -21,9 +21,10 @@ from fullwaveform.core.driver import (
 )
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import FloatArray
-from fullwaveform.data.blocks import EchoTable, WaveformBlock
+from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.data.empty_waveforms import with_empty_waveforms
-from fullwaveform.extraction.georeference import placed
+from fullwaveform.extraction.georeference import to_echo_table
 from fullwaveform.extraction.waveform_table import (
     WaveformTable,
     enter_echoes,
@@ -124,7 +125,7 @@ class Extractor:
         left_out = int(np.count_nonzero(~finite))
         rows, peaks = rows[finite], {name: column[finite] for name, column in peaks.items()}
         enter_echoes(waveforms, rows)
-        echoes = placed(block, rows, peaks)
+        echoes = to_echo_table(block, rows, peaks)
         if self.settings.keep_empty:
             echoes = with_empty_waveforms(echoes, block)
         tally = _tally(waveforms, left_out, records)

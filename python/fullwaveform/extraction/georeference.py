@@ -1,24 +1,20 @@
-"""Where echoes lie in space, and which number each has within its shot."""
+"""Where echoes lie in space, and the number of each within its shot."""
 
 from __future__ import annotations
 
 from collections.abc import Mapping
-from typing import Any
 
 import numpy as np
-import numpy.typing as npt
 
-from fullwaveform.data.arrays import FloatArray
-from fullwaveform.data.blocks import EchoTable, PulseGeometry, WaveformBlock, take_rows
+from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
+from fullwaveform.data.blocks import PulseGeometry, WaveformBlock
+from fullwaveform.data.echo_columns import EchoTable, FoundEchoes
 
 _PICOSECONDS = 1e12
-_NANOSECONDS = 1e9
 
 
-def positions_in_space(
-    geometry: PulseGeometry, rows: npt.NDArray[np.int64], time_ps: FloatArray
-) -> FloatArray:
-    """Where the samples of the given rows at the given times lie.
+def positions_in_space(geometry: PulseGeometry, rows: IntArray, time_ps: FloatArray) -> FloatArray:
+    """Coordinates of samples.
 
     Parameters
     ----------
@@ -31,13 +27,11 @@ def positions_in_space(
     (m, 3) coordinates in the units of the file
     """
     lead = geometry.location[rows] - time_ps
-    placed: FloatArray = geometry.anchor[rows] + lead[:, np.newaxis] * geometry.direction[rows]
-    return placed
+    xyz: FloatArray = geometry.anchor[rows] + lead[:, np.newaxis] * geometry.direction[rows]
+    return xyz
 
 
-def placed(
-    block: WaveformBlock, rows: npt.NDArray[np.int64], peaks: Mapping[str, npt.NDArray[Any]]
-) -> EchoTable:
+def to_echo_table(block: WaveformBlock, rows: IntArray, peaks: Mapping[str, AnyArray]) -> EchoTable:
     """The echoes of a block as a table, shot by shot along the flight of light.
 
     Parameters
@@ -46,39 +40,22 @@ def placed(
     rows : (m,) row of the block in which each echo was found
     peaks : columns of length m, named as those of `Result.peaks`
     """
-    interval = block.sampling_intervals[rows]
-    xyz = positions_in_space(block.geometry, rows, peaks["idx"] * interval * _PICOSECONDS)
-    order, number, count = _numbered_along_flight(block, rows, xyz, peaks["idx"] * interval)
-    rows, xyz, interval = rows[order], xyz[order], interval[order]
-    peaks = {name: column[order] for name, column in peaks.items()}
-    return EchoTable(
-        xyz=xyz,
-        gps_time=block.attributes.gps_time[rows],
-        echo_number=number,
-        echo_count=count,
-        amplitude_counts=peaks["amplitudeCounts"],
-        amplitude_db=peaks["amplitude"],
-        width_ns=peaks["std"] * interval * _NANOSECONDS,
-        width_samples=peaks["std"],
-        position=peaks["idx"],
-        type=peaks["type"],
-        quality=peaks["quality"],
-        reflectance=peaks["reflectance"],
-        time=peaks["time"],
-        waveform_number=block.waveform_numbers[rows],
-        channel_flag=block.channel_flags[rows],
-        attributes=take_rows(block.attributes, rows),
-    )
+    time = peaks["idx"] * block.sampling_intervals[rows]
+    xyz = positions_in_space(block.geometry, rows, time * _PICOSECONDS)
+    order, number, count = _numbered_along_flight(block, rows, xyz, time)
+    if (np.diff(order) != 1).any():
+        rows, xyz = rows[order], xyz[order]
+        peaks = {name: column[order] for name, column in peaks.items()}
+    return EchoTable.of(FoundEchoes(block, rows, peaks, xyz, number, count))
 
 
 def _numbered_along_flight(
-    block: WaveformBlock, rows: npt.NDArray[np.int64], xyz: FloatArray, time: FloatArray
-) -> tuple[npt.NDArray[np.int64], npt.NDArray[np.int64], npt.NDArray[np.int64]]:
+    block: WaveformBlock, rows: IntArray, xyz: FloatArray, time: FloatArray
+) -> tuple[IntArray, IntArray, IntArray]:
     """Order of the echoes by shot and distance; in that order each one's number, its shot's count.
 
-    The packets of a shot may begin at different ranges, so echoes are compared by their place
-    along the pulse; its direction vector points back to the scanner. Equal places fall back on
-    the time.
+    The waveforms of a shot may begin at different ranges, so echoes are compared by their distance
+    along the pulse, whose direction vector points back to the scanner; then by their time.
     """
     shots, first_row, shot_of_row = np.unique(
         block.shot_times, return_index=True, return_inverse=True

@@ -7,7 +7,7 @@ import json
 import os
 from abc import ABC, abstractmethod
 from collections.abc import Callable, Iterator, Mapping
-from contextlib import AbstractContextManager
+from contextlib import AbstractContextManager, contextmanager
 from pathlib import Path
 from types import TracebackType
 from typing import Any, ClassVar, Self
@@ -17,8 +17,10 @@ import numpy as np
 import numpy.typing as npt
 
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.blocks import EchoTable, ReadTally, WaveformBlock
+from fullwaveform.data.blocks import ReadTally, WaveformBlock
+from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.atomic import OutputFile, atomic_open
 from fullwaveform.io.block_range import BlockRange, PendingBlock
 from fullwaveform.io.interruption import raise_if_requested
 
@@ -217,12 +219,14 @@ def run_metadata_text(metadata: Mapping[str, str]) -> str:
 class FileWriter(ABC):
     """A file that is written piece by piece; to be used in a ``with`` statement.
 
-    The file takes its name when the block ends without an error.
+    The file gets its name when the statement ends without an error. Raises OSError if it cannot be
+    written.
     """
 
     def __init__(self, path: str | os.PathLike[str]) -> None:
         self.path = Path(path)
         self.count = 0  # what was written
+        self._stream: OutputFile | None = None  # None while the file is not open
         self._context: AbstractContextManager[None] | None = None
 
     def __enter__(self) -> Self:
@@ -240,21 +244,42 @@ class FileWriter(ABC):
             context, self._context = self._context, None
             context.__exit__(kind, error, trace)
 
+    @contextmanager
+    def _open(self) -> Iterator[None]:
+        with atomic_open(self.path) as self._stream:
+            try:
+                with self._content(self._stream):
+                    yield
+            finally:
+                self._stream = None
+
     @abstractmethod
-    def _open(self) -> AbstractContextManager[None]:
-        """What holds the file open."""
+    def _content(self, stream: OutputFile) -> AbstractContextManager[None]:
+        """Write what precedes the pieces on entry, what follows them on exit."""
+
+    def _open_stream(self) -> OutputFile:
+        """The open file; ValueError outside the ``with`` statement."""
+        if self._stream is None:
+            raise ValueError(f"{self.path} is not open for writing")
+        return self._stream
 
 
 class EchoWriter(FileWriter):
-    """A file of echoes; `count` is theirs, rows of waveforms without any do not count."""
+    """A file of echoes; `count` does not include rows of waveforms without echoes."""
 
-    #: Whether the file has a row for a waveform without echoes, which has no place in space.
+    #: Whether the file can have rows of waveforms without echoes.
     takes_empty: ClassVar[bool] = True
 
-    @abstractmethod
     def write(self, echoes: EchoTable) -> None:
         """Append the echoes; ValueError outside the ``with`` statement."""
+        stream = self._open_stream()
+        self._append(echoes, stream)
+        stream.check()
+
+    @abstractmethod
+    def _append(self, echoes: EchoTable, stream: OutputFile) -> None:
+        """Write the echoes to the open file and count them."""
 
     def notes(self) -> tuple[str, ...]:
-        """What could not be written as it is, a sentence each."""
+        """What the file does not hold exactly, one message each."""
         return ()

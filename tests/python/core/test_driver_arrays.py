@@ -219,16 +219,16 @@ REFUSED: dict[str, tuple[dict[str, Any], str]] = {
     "counts as a table": ({"counts": [[60] * 6]}, "counts must have 1 dimension, not 2"),
     "NaN shot": (
         {"shot_times": [1, 2, 3, NAN, 5, NAN]},
-        "shot_times: the time of waveform 3 is not a number",
+        "shot_times: the time of waveform 3 is NaN",
     ),
-    "NaN sbl": ({"sbl_times": [NAN] * 6}, "sbl_times: the time of waveform 0 is not a number"),
+    "NaN sbl": ({"sbl_times": [NAN] * 6}, "sbl_times: the time of waveform 0 is NaN"),
     "many shots": ({"shot_times": np.zeros(7)}, "shot_times has 7 values, but "),
     "one sbl": ({"sbl_times": 0.0}, "sbl_times must have 1 dimension, not 0"),
     "text": ({"shot_times": ["a"] * 6}, "shot_times must be numbers, not <U1"),
     "complex": ({"shot_times": [1j] * 6}, "shot_times must be numbers, not complex128"),
     "nanoseconds": (
         {"shot_times": 1_700_000_000_000_000_000 + np.arange(6)},
-        "shot_times: integers beyond 2**53 would fall together",
+        "shot_times: integers beyond 2**53 are not exact as float64",
     ),
     "flag": (
         {"channel_flags": [1, 1, 1, 1, 256, 1]},

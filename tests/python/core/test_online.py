@@ -43,8 +43,8 @@ def test_no_echoes_give_an_empty_table() -> None:
 @pytest.mark.parametrize(
     ("arguments", "words"),
     [
-        ({"ranges": [1.0]}, "ranges has 1 values, but there are 2 rows"),
-        ({"shot_times": [1.0, np.nan]}, "shot_times: the time of waveform 1 is not a number"),
+        ({"ranges": [1.0]}, "ranges has 1 values; expected 2"),
+        ({"shot_times": [1.0, np.nan]}, "shot_times: the time of waveform 1 is NaN"),
         ({"amplitudes": ["a", "b"]}, "amplitudes must be numbers"),
         ({"channel_flags": [0, 256]}, "channel_flags: 256 of waveform 1"),
     ],

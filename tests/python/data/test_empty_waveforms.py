@@ -2,17 +2,11 @@
 
 from __future__ import annotations
 
-from dataclasses import fields
-
 import numpy as np
 import pytest
 
-from fullwaveform.data.blocks import (
-    EchoTable,
-    PulseGeometry,
-    ShotAttributes,
-    WaveformBlock,
-)
+from fullwaveform.data.blocks import PulseGeometry, WaveformBlock
+from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.data.empty_waveforms import with_empty_waveforms, without_empty_waveforms
 
 from ..support.echo_tables import echo_table, shot_attributes
@@ -66,17 +60,17 @@ def test_rows_stand_behind_the_echoes_of_their_shot_or_where_its_time_belongs() 
 def test_a_row_has_what_is_known_without_an_echo() -> None:
     table = with_empty_waveforms(echoes_of([44, 44, 43, 40], [2, 2]), block())
     empty = np.flatnonzero(table.echo_number == 0)
-    for name in ("xyz", "amplitude_counts", "amplitude_db", "width_ns", "width_samples"):
+    for name in ("x", "y", "z", "amplitude_counts", "amplitude_db", "width_ns", "width_samples"):
         assert np.isnan(getattr(table, name)[empty]).all(), name
         assert np.isfinite(np.delete(getattr(table, name), empty, axis=0)).all(), name
     for name in ("position", "reflectance", "time"):
         assert np.isnan(getattr(table, name)[empty]).all(), name
-    assert table.type[empty].tolist() == table.quality[empty].tolist() == [0, 0, 0]
-    assert table.type[0] == 3
+    assert table.echo_type[empty].tolist() == table.quality[empty].tolist() == [0, 0, 0]
+    assert table.echo_type[0] == 3
     assert table.channel_flag[empty].tolist() == [1, 1, 1]  # waveforms 42, 45, 41
-    assert table.attributes.scan_angle[empty].tolist() == [2, 5, 1]
-    assert table.attributes.user_data[empty].tolist() == [12, 15, 11]
-    assert table.attributes.user_data[0] == 0  # of the echo, untouched
+    assert table.scan_angle[empty].tolist() == [2, 5, 1]
+    assert table.user_data[empty].tolist() == [12, 15, 11]
+    assert table.user_data[0] == 0  # of the echo, untouched
 
 
 def test_all_waveforms_are_empty() -> None:
@@ -92,13 +86,9 @@ def test_types_stay_and_nothing_is_added_where_all_have_echoes() -> None:
         (echoes, with_empty_waveforms(echoes, block())),
         (echoes_of([], []), with_empty_waveforms(echo_table([]), block())),
     ):
-        for column in fields(EchoTable):
-            if column.name != "attributes":
-                values = getattr(after, column.name)
-                assert values.dtype == getattr(before, column.name).dtype, column.name
-        for column in fields(ShotAttributes):
-            values = getattr(after.attributes, column.name)
-            assert values.dtype == getattr(before.attributes, column.name).dtype, column.name
+        assert list(after.columns) == list(before.columns)
+        for name, values in before.columns.items():
+            assert after[name].dtype == values.dtype, name
     same = with_empty_waveforms(echoes, block())
     assert same.waveform_number.tolist() == [42, 44, 45, 43, 40, 41]
     assert same.echo_number.tolist() == [1, 2, 1, 1, 2, 1]
@@ -115,5 +105,7 @@ def test_taking_the_rows_away_gives_the_echoes_back() -> None:
 def test_an_echo_of_another_block_is_refused() -> None:
     for waveform in (39, 46):
         table = echo_table([1], waveform_number=np.array([waveform]))
-        with pytest.raises(ValueError, match=f"of waveform {waveform}, which the block"):
+        with pytest.raises(
+            ValueError, match=f"echo of waveform {waveform}, which is not in the block"
+        ):
             with_empty_waveforms(table, block())

@@ -7,10 +7,11 @@ from pathlib import Path
 
 import laspy
 
-from fullwaveform.data.echo_columns import ECHO_COLUMNS
+from fullwaveform.data.echo_columns import echo_schema
 from fullwaveform.io.echo_writers.las import echo_header
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, open_echo_file
 
+KEYS = (b"unit", b"description")
 DOCUMENT = Path(__file__).resolve().parents[3] / "docs" / "file-formats.md"
 
 
@@ -31,8 +32,8 @@ def rows(text: str) -> list[list[str]]:
 def test_columns_are_those_of_the_tables() -> None:
     described = [tuple(row) for row in rows(section("### Columns of the tables"))]
     assert described == [
-        (f"`{column.name}`", str(column.type), column.unit, column.description)
-        for column in ECHO_COLUMNS
+        (f"`{field.name}`", str(field.type), *(field.metadata[key].decode() for key in KEYS))
+        for field in echo_schema()
     ]
 
 

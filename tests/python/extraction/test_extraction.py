@@ -9,12 +9,8 @@ import numpy as np
 import pytest
 
 from fullwaveform import Scanner
-from fullwaveform.data.blocks import (
-    EchoTable,
-    PulseGeometry,
-    ShotAttributes,
-    WaveformBlock,
-)
+from fullwaveform.data.blocks import PulseGeometry, ShotAttributes, WaveformBlock
+from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTally, Extractor
 from fullwaveform.extraction.georeference import positions_in_space
 from fullwaveform.extraction.waveform_table import WaveformState
@@ -98,19 +94,17 @@ def test_echo_with_everything_about_it() -> None:
     np.testing.assert_allclose(echoes.time, [20e-9], rtol=1e-6)
     assert echoes.position.tolist() == [10.0]
     assert (echoes.echo_number.tolist(), echoes.echo_count.tolist()) == ([1], [1])
-    assert (echoes.type.tolist(), echoes.quality.tolist()) == ([2], [0])
+    assert (echoes.echo_type.tolist(), echoes.quality.tolist()) == ([2], [0])
     assert echoes.reflectance.tolist() == [0.0]
     assert echoes.waveform_number.tolist() == [71]
     assert echoes.channel_flag.tolist() == [0]
     # The time of the file, not the key of the shot.
     assert echoes.gps_time.tolist() == [1001.0]
-    attributes = echoes.attributes
-    assert attributes.gps_time.tolist() == [1001.0]
-    assert attributes.scan_angle.tolist() == [0.5]
-    assert attributes.scan_direction_flag.tolist() == [1]
-    assert attributes.edge_of_flight_line.tolist() == [1]
-    assert attributes.user_data.tolist() == [11]
-    assert attributes.point_source_id.tolist() == [401]
+    assert echoes.scan_angle.tolist() == [0.5]
+    assert echoes.scan_direction_flag.tolist() == [1]
+    assert echoes.edge_of_flight_line.tolist() == [1]
+    assert echoes.user_data.tolist() == [11]
+    assert echoes.point_source_id.tolist() == [401]
 
 
 def test_every_waveform_has_its_own_interval() -> None:
@@ -240,7 +234,7 @@ def test_block_of_which_nothing_is_left() -> None:
     echoes = extracted(Packet(record({})), Packet(record({}), interval=2e-9))
     assert len(echoes) == 0
     assert echoes.xyz.shape == (0, 3)
-    assert echoes.attributes.scan_angle.shape == (0,)
+    assert echoes.scan_angle.shape == (0,)
 
 
 @pytest.mark.parametrize("threshold", [10, 65, 100])

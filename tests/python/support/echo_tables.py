@@ -8,20 +8,29 @@ from pathlib import Path
 
 import numpy as np
 
-from fullwaveform.data.blocks import EchoTable, ShotAttributes, take_rows
+from fullwaveform.data.blocks import ShotAttributes
+from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.io.echo_writers.opening import open_echo_file
 
 
-def echo_table(shots: Sequence[int], **columns: object) -> EchoTable:
-    """Shots of the given numbers of echoes, one second apart, with other columns as named.
+def echo_table(
+    shots: Sequence[int],
+    *,
+    xyz: np.ndarray | None = None,
+    attributes: ShotAttributes | None = None,
+    **columns: np.ndarray,
+) -> EchoTable:
+    """Shots with the given numbers of echoes, one second apart, with other columns as named.
 
     Echo k of the table (from 0) lies at (k, 2 k, -k) and has an amplitude of 10 + k counts.
     """
     count = sum(shots)
     rows = np.arange(count)
     numbers = np.concatenate([np.arange(1, n + 1) for n in shots] or [rows])
-    values: dict[str, object] = {
-        "xyz": np.column_stack([rows, 2 * rows, -rows]).astype(np.float64),
+    if xyz is None:
+        xyz = np.column_stack([rows, 2 * rows, -rows]).astype(np.float64)
+    values = {
+        **dict(zip("xyz", xyz.T, strict=True)),
         "gps_time": np.repeat(100.0 + np.arange(len(shots)), shots),
         "echo_number": numbers.astype(np.int64),
         "echo_count": np.repeat(np.asarray(shots, dtype=np.int64), shots),
@@ -30,15 +39,16 @@ def echo_table(shots: Sequence[int], **columns: object) -> EchoTable:
         "width_ns": np.full(count, 1.75),
         "width_samples": np.full(count, 0.875),
         "position": rows + 0.25,
-        "type": np.full(count, 3, np.uint8),
+        "echo_type": np.full(count, 3, np.uint8),
         "quality": np.full(count, 4, np.uint8),
         "reflectance": np.full(count, -2.5, np.float32),
         "time": rows * 1e-9,
         "waveform_number": rows.astype(np.int64),
         "channel_flag": np.ones(count, np.uint8),
-        "attributes": shot_attributes(count),
     }
-    return EchoTable(**{**values, **columns})  # type: ignore[arg-type]
+    shot = attributes or shot_attributes(count)
+    values |= {f.name: getattr(shot, f.name) for f in fields(shot) if f.name != "gps_time"}
+    return EchoTable({**values, **columns})
 
 
 def shot_attributes(count: int, **columns: object) -> ShotAttributes:
@@ -56,10 +66,7 @@ def shot_attributes(count: int, **columns: object) -> ShotAttributes:
 
 def rows(table: EchoTable, begin: int, end: int) -> EchoTable:
     """The rows begin to end - 1."""
-    picked = np.arange(begin, end)
-    names = [column.name for column in fields(table) if column.name != "attributes"]
-    columns = {name: getattr(table, name)[picked] for name in names}
-    return EchoTable(**columns, attributes=take_rows(table.attributes, picked))
+    return table.take(np.arange(begin, end))
 
 
 def written(path: Path, *tables: EchoTable, metadata: dict[str, str] | None = None) -> Path:
@@ -67,7 +74,7 @@ def written(path: Path, *tables: EchoTable, metadata: dict[str, str] | None = No
     with open_echo_file(path, None, metadata) as writer:
         for table in tables:
             writer.write(table)
-        assert writer.count == sum(np.count_nonzero(table.echo_number) for table in tables)
+        assert writer.count == sum(np.count_nonzero(table["echo_number"]) for table in tables)
         assert not path.exists()
     assert [file.name for file in path.parent.iterdir()] == [path.name]
     return path

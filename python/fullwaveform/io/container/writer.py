@@ -5,17 +5,16 @@ from __future__ import annotations
 import os
 from collections.abc import Iterator
 from contextlib import contextmanager
-from typing import Any
 
 import h5py
 import laspy
 import numpy as np
-import numpy.typing as npt
 
 import fullwaveform
 from fullwaveform.core.scanner import Scanner
+from fullwaveform.data.arrays import AnyArray
 from fullwaveform.data.blocks import WaveformBlock
-from fullwaveform.io.atomic import OutputFile, atomic_open
+from fullwaveform.io.atomic import OutputFile
 from fullwaveform.io.base import FileWriter
 from fullwaveform.io.container.attributes import write_las_header, write_scanner
 from fullwaveform.io.container.layout import (
@@ -30,25 +29,27 @@ from fullwaveform.io.container.layout import (
 )
 from fullwaveform.io.container.values import stored_text
 
-_CHUNK_BYTES = 1 << 19  # of a chunk at most, about
-_MOST_CHUNK_ROWS = 1 << 16
+_CHUNK_BYTES = 1 << 19  # approximate limit of a chunk
+_MAX_CHUNK_ROWS = 1 << 16
 _COMPRESSION_LEVEL = 4
 
 
 class ScanContainerWriter(FileWriter):
-    """Writes blocks of waveforms to a scan container; to be used in a ``with`` statement.
+    """Writes blocks of waveforms to a scan container.
 
     Parameters
     ----------
     path
-        The file; it takes its name when the block of the ``with`` statement ends without an error.
+        The file.
     header
-        LAS header that files of echoes should follow; None if the waveforms have no place in space.
+        LAS header for files of echoes; None if the waveforms are not georeferenced.
     scanner
-        Description of the scanner; None if nothing is known of it.
+        Description of the scanner; None if unknown.
 
-    `count` is of the waveforms written. Raises OSError if the file cannot be written.
+    `count` is the number of waveforms written.
     """
+
+    _file: h5py.File
 
     def __init__(
         self,
@@ -60,8 +61,6 @@ class ScanContainerWriter(FileWriter):
         self._header, self._scanner = header, scanner
         self._intervals: set[float] = set()
         self._last_shot: float | None = None
-        self._stream: OutputFile | None = None
-        self._file: h5py.File | None = None
 
     def write(self, block: WaveformBlock) -> None:
         """Append the waveforms of a block.
@@ -69,36 +68,31 @@ class ScanContainerWriter(FileWriter):
         Raises
         ------
         ValueError
-            Outside the ``with`` statement, or if the block goes on with the last shot of the block
-            before it.
+            Outside the ``with`` statement, or if the block continues the last shot of the previous
+            block.
         """
-        if self._stream is None or self._file is None:
-            raise ValueError(f"{self.path} is not open for writing")
+        stream = self._open_stream()
         if len(block) == 0:
             return
         if block.shot_times[0] == self._last_shot:
             raise ValueError(
-                f"the shot at {self._last_shot} s is spread over two blocks; blocks must be cut "
-                "between shots"
+                f"the shot at {self._last_shot} s is in two blocks; a block must hold whole shots"
             )
         for field in FIELDS:
-            self._append(self._file, field, _column(block, field.column))
+            self._append(field, _column(block, field.column))
         self.count += len(block)
         self._last_shot = float(block.shot_times[-1])
         self._intervals.update(np.unique(block.sampling_intervals).tolist())
-        self._stream.check()
+        stream.check()
 
     @contextmanager
-    def _open(self) -> Iterator[None]:
-        with atomic_open(self.path) as self._stream:
-            try:
-                with h5py.File(self._stream, "w") as self._file:
-                    yield
-                    self._finish(self._file)
-            finally:
-                self._stream = self._file = None
+    def _content(self, stream: OutputFile) -> Iterator[None]:
+        with h5py.File(stream, "w") as self._file:
+            yield
+            self._finish(self._file)
 
-    def _append(self, file: h5py.File, field: Field, values: npt.NDArray[Any]) -> None:
+    def _append(self, field: Field, values: AnyArray) -> None:
+        file = self._file
         if field.path not in file:
             _create(file, field, values.shape[1] if field.column == "samples" else 0)
         dataset = file[field.path]
@@ -111,7 +105,7 @@ class ScanContainerWriter(FileWriter):
 
     def _finish(self, file: h5py.File) -> None:
         for field in FIELDS:
-            if field.path not in file:  # no waveforms at all
+            if field.path not in file:  # no block was written
                 _create(file, field, 0)
         file.attrs["format"] = stored_text(FORMAT)
         file.attrs["format_version"] = np.int32(VERSION)
@@ -128,7 +122,7 @@ class ScanContainerWriter(FileWriter):
 def _create(file: h5py.File, field: Field, width: int) -> None:
     row = (width,) if field.column == "samples" else field.shape
     row_bytes = max(int(np.prod(row, dtype=np.int64)), 1) * np.dtype(field.dtype).itemsize
-    rows = min(max(_CHUNK_BYTES // row_bytes, 1), _MOST_CHUNK_ROWS)
+    rows = min(max(_CHUNK_BYTES // row_bytes, 1), _MAX_CHUNK_ROWS)
     dataset = file.create_dataset(
         field.path,
         shape=(0, *row),
@@ -143,9 +137,7 @@ def _create(file: h5py.File, field: Field, width: int) -> None:
     dataset.attrs["unit"] = stored_text(field.unit)
 
 
-def _column(block: WaveformBlock, name: str) -> npt.NDArray[Any]:
-    for part in (block, block.geometry, block.attributes):
-        if hasattr(part, name):
-            column: npt.NDArray[Any] = getattr(part, name)
-            return column
-    raise AttributeError(name)
+def _column(block: WaveformBlock, name: str) -> AnyArray:
+    parts = (block, block.geometry, block.attributes)
+    column: AnyArray = next(getattr(part, name) for part in parts if hasattr(part, name))
+    return column

@@ -9,8 +9,8 @@ from contextlib import contextmanager
 import h5py
 import pyarrow as pa
 
-from fullwaveform.data.echo_columns import ECHO_COLUMNS
-from fullwaveform.io.atomic import atomic_open
+from fullwaveform.data.echo_columns import table_columns
+from fullwaveform.io.atomic import OutputFile
 from fullwaveform.io.base import RUN_METADATA_KEY, run_metadata_text
 from fullwaveform.io.echo_writers.row_groups import GroupedEchoWriter
 
@@ -19,52 +19,46 @@ ROWS_PER_CHUNK = 2**16
 
 
 class Hdf5EchoWriter(GroupedEchoWriter):
-    """Writes echoes to an HDF5 file, table by table; to be used in a ``with`` statement.
+    """Writes echoes to an HDF5 file.
 
-    One dataset per column of `echo_columns.ECHO_COLUMNS`, with the attributes ``unit`` and
-    ``description``; chunked and compressed. `metadata` says how the echoes were made and stands
-    as JSON in the attribute ``fullwaveform`` of the file. Equal echoes give equal bytes, in
-    however many tables they come. The file takes its name when the block ends without an error.
-    Raises OSError if it cannot be written.
+    One dataset per column with the attributes ``unit`` and ``description``, chunked and compressed.
+    `metadata` says how the echoes were made; it is stored as JSON in the attribute ``fullwaveform``
+    of the file. Equal echoes give equal bytes, however they are divided into tables.
     """
+
+    _file: h5py.File
 
     def __init__(
         self, path: str | os.PathLike[str], metadata: Mapping[str, str] | None = None
     ) -> None:
         super().__init__(path, ROWS_PER_CHUNK)
         self._metadata = metadata
-        self._file: h5py.File | None = None
 
     @contextmanager
-    def _open(self) -> Iterator[None]:
-        with atomic_open(self.path) as self._stream:
-            try:
-                with h5py.File(self._stream, "w") as self._file:
-                    _create_datasets(self._file)
-                    if self._metadata is not None:
-                        self._file.attrs[RUN_METADATA_KEY] = run_metadata_text(self._metadata)
-                    yield
-                    self._append(self._groups.rest())
-            finally:
-                self._stream = self._file = None
+    def _content(self, stream: OutputFile) -> Iterator[None]:
+        with h5py.File(stream, "w") as self._file:
+            _create_datasets(self._file)
+            if self._metadata is not None:
+                self._file.attrs[RUN_METADATA_KEY] = run_metadata_text(self._metadata)
+            yield
+            self._write_groups(self._groups.rest())
 
-    def _append(self, groups: Iterator[pa.Table]) -> None:
-        if self._file is not None:
-            for group in groups:
-                for name in group.column_names:
-                    dataset = self._file[name]
-                    first = len(dataset)
-                    dataset.resize(first + len(group), axis=0)
-                    dataset[first:] = group[name].to_numpy()
+    def _write_groups(self, groups: Iterator[pa.Table]) -> None:
+        for group in groups:
+            for name in group.column_names:
+                dataset = self._file[name]
+                first = len(dataset)
+                dataset.resize(first + len(group), axis=0)
+                dataset[first:] = group[name].to_numpy()
 
 
 def _create_datasets(file: h5py.File) -> None:
-    for column in ECHO_COLUMNS:
+    for column in table_columns():
         dataset = file.create_dataset(
             column.name,
             shape=(0,),
             maxshape=(None,),
-            dtype=column.type.to_pandas_dtype(),
+            dtype=column.dtype,
             chunks=(ROWS_PER_CHUNK,),
             compression="gzip",
             compression_opts=4,

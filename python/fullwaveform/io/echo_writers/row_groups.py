@@ -1,4 +1,4 @@
-"""Rows in portions of one size, however they come."""
+"""Rows in groups of a fixed size, independent of the tables in which they arrive."""
 
 from __future__ import annotations
 
@@ -9,16 +9,15 @@ from collections.abc import Iterator
 import numpy as np
 import pyarrow as pa
 
-from fullwaveform.data.blocks import EchoTable
-from fullwaveform.data.echo_columns import echo_table_to_arrow
+from fullwaveform.data.echo_columns import EchoTable, echo_table_to_arrow
 from fullwaveform.io.atomic import OutputFile
 from fullwaveform.io.base import EchoWriter
 
 
 class RowGroups:
-    """Gathers tables and hands their rows on in groups of a fixed number.
+    """Collects tables and returns their rows in groups of a fixed number.
 
-    What is handed on depends on the rows and their order, not on the tables they come in.
+    The groups depend on the rows and their order, not on how they were divided into tables.
     """
 
     def __init__(self, rows: int) -> None:
@@ -32,35 +31,30 @@ class RowGroups:
         self._waiting += table.num_rows
         if self._waiting < self._size:
             return
-        gathered = pa.concat_tables(self._tables)
+        collected = pa.concat_tables(self._tables)
         full = self._waiting // self._size * self._size
-        self._tables, self._waiting = [gathered.slice(full)], self._waiting - full
+        self._tables, self._waiting = [collected.slice(full)], self._waiting - full
         for first in range(0, full, self._size):
-            yield gathered.slice(first, self._size).combine_chunks()
+            yield collected.slice(first, self._size).combine_chunks()
 
     def rest(self) -> Iterator[pa.Table]:
-        """Yield the rows that did not fill a group, if there are any."""
+        """Yield the rows that did not fill a group, if any."""
         if self._waiting:
             yield pa.concat_tables(self._tables).combine_chunks()
         self._tables, self._waiting = [], 0
 
 
 class GroupedEchoWriter(EchoWriter):
-    """Writes echoes in groups of `rows` rows: equal echoes give equal files, however they come."""
+    """Writes echoes in groups of `rows` rows, so that equal echoes give equal files."""
 
     def __init__(self, path: str | os.PathLike[str], rows: int) -> None:
         super().__init__(path)
         self._groups = RowGroups(rows)
-        self._stream: OutputFile | None = None  # while the file is open
 
-    def write(self, echoes: EchoTable) -> None:
-        """Append the echoes; ValueError outside the ``with`` statement."""
-        if self._stream is None:
-            raise ValueError(f"{self.path} is not open for writing")
-        self._append(self._groups.add(echo_table_to_arrow(echoes)))
-        self._stream.check()
-        self.count += int(np.count_nonzero(echoes.echo_number))
+    def _append(self, echoes: EchoTable, stream: OutputFile) -> None:
+        self._write_groups(self._groups.add(echo_table_to_arrow(echoes)))
+        self.count += int(np.count_nonzero(echoes["echo_number"]))
 
     @abstractmethod
-    def _append(self, groups: Iterator[pa.Table]) -> None:
+    def _write_groups(self, groups: Iterator[pa.Table]) -> None:
         """Write the groups to the open file."""

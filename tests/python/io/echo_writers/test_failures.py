@@ -83,21 +83,15 @@ def test_a_program_that_had_no_space_for_hdf5_ends_as_usual(tmp_path: Path, size
 
 HDF5_OF_MANY = """
 import numpy as np
-from fullwaveform.data.blocks import EchoTable, ShotAttributes
+from fullwaveform.data.echo_columns import ECHO_COLUMNS, EchoTable
 from fullwaveform.io.echo_writers.hdf5 import Hdf5EchoWriter
 
 def write_many(path):
     n = 70_000
-    real = np.random.default_rng(1).normal(size=n)
-    whole, byte, single = np.arange(n), np.zeros(n, np.uint8), real.astype(np.float32)
-    shots = ShotAttributes(real, single, byte, byte, byte, byte.astype(np.uint16))
+    real = np.random.default_rng(1).random(n)
+    columns = {column.name: (1000 * real).astype(column.dtype) for column in ECHO_COLUMNS}
     with Hdf5EchoWriter(path) as writer:
-        writer.write(
-            EchoTable(
-                np.column_stack([real] * 3), real, whole, whole, single, single, real, real, real,
-                byte, byte, single, real, whole, byte, shots,
-            )
-        )
+        writer.write(EchoTable(columns))
 """
 
 

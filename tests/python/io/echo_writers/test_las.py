@@ -10,7 +10,7 @@ import numpy as np
 import pytest
 from laspy.vlrs.vlrlist import VLRList
 
-from fullwaveform.data.blocks import EchoTable
+from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.io.echo_writers.las import LasEchoWriter
 from fullwaveform.io.las.reader import LasWaveformReader
 

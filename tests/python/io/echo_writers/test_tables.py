@@ -15,8 +15,7 @@ import pyarrow as pa
 import pyarrow.parquet as pq
 import pytest
 
-from fullwaveform.data.blocks import EchoTable
-from fullwaveform.data.echo_columns import ECHO_COLUMNS, echo_table_to_arrow
+from fullwaveform.data.echo_columns import EchoTable, echo_table_to_arrow, table_columns
 from fullwaveform.io.echo_writers import hdf5 as hdf5_writer
 from fullwaveform.io.echo_writers import parquet as parquet_writer
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, open_echo_file
@@ -55,7 +54,6 @@ METADATA = {"version": "0.1.0", "mode": "three-point"}
 def by_hand() -> EchoTable:
     columns = {name: np.array(values, TYPES[name]) for name, values in EXPECTED.items()}
     xyz = np.column_stack([columns.pop(axis) for axis in "xyz"])
-    columns["type"] = columns.pop("echo_type")
     return echo_table([2, 1], xyz=xyz, **columns)
 
 
@@ -107,7 +105,7 @@ def test_units_and_descriptions_travel_with_the_columns(tmp_path: Path) -> None:
     (tmp_path / "e.parquet").unlink()
     with h5py.File(written(tmp_path / "e.h5", by_hand())) as file:
         attributes = {name: dict(file[name].attrs) for name in file}
-    for column in ECHO_COLUMNS:
+    for column in table_columns():
         told = {"unit": column.unit, "description": column.description}
         assert attributes[column.name] == told
         for schema in (table.schema, arrow.schema):

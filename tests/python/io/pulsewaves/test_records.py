@@ -9,7 +9,8 @@ import numpy as np
 import pytest
 
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.blocks import EchoTable, WaveformBlock
+from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.extraction.extractor import ExtractionSettings, Extractor
 from fullwaveform.io.echo_writers.las import LasEchoWriter
 from fullwaveform.io.pulsewaves.reader import OutgoingPulses, PulseWavesReader
