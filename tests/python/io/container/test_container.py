@@ -171,7 +171,7 @@ def test_blocks_are_written_whole_or_not_at_all(tmp_path: Path) -> None:
     writer = ScanContainerWriter(tmp_path / "b.h5", None)
     with pytest.raises(ValueError, match="not open for writing"):
         writer.write(block)
-    with pytest.raises(ValueError, match=r"shot at 103\.0 s is spread over two"), writer:
+    with pytest.raises(ValueError, match=r"shot at 103\.0 s is in two blocks"), writer:
         writer.write(block)
         writer.write(replace(block, shot_times=block.shot_times + 3))
     assert not (tmp_path / "b.h5").exists()
