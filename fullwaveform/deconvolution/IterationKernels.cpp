@@ -6,6 +6,7 @@
 namespace FullWaveform::IterationKernels {
 namespace {
 
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a file name
 #define FULLWAVEFORM_KERNELS <fullwaveform/deconvolution/IterationKernels.inc>
 #include <fullwaveform/fitting/ForEachInstructionSet.inc>
 

@@ -2,10 +2,10 @@
 
 namespace FullWaveform {
 
-/// What the caller knows about the shot of a waveform.
+/// Attributes of the shot that a waveform belongs to, as given by the caller.
 class AdditionalAttributesPerWave {
  public:
-  bool isLowPower = false;  ///< the shot was fired in low-power mode
+  bool isLowPower = false;  ///< low-power channel
   double shotTime = 0.0;    ///< s
   double sblTime = 0.0;     ///< s
   float damping = 0.0F;     ///< of the receiver channel

@@ -8,9 +8,10 @@
 
 namespace FullWaveform {
 
-/// One line of the ASCII export: label, amplitude, idx, std and value, a blank between each two, a newline.
+/// One line of the ASCII export: label, amplitude, idx, std and value, separated by single blanks, and a
+/// newline.
 ///
-/// Numbers are the shortest text that reads back to the same value; label and value are the caller's.
+/// Numbers are written with the fewest digits that read back to the same value.
 FULLWAVEFORM_EXPORT std::string asciiLine(Peak const& peak, std::string_view label, double value);
 
 }  // namespace FullWaveform

@@ -3,8 +3,8 @@
 namespace FullWaveform {
 namespace {
 
-constexpr float largestAmplitude = 4096.0F;  // counts, full scale of the digitisers
-constexpr double largestWidth = 50.0;        // samples
+constexpr float maxAmplitude = 4096.0F;  // counts, digitiser limit
+constexpr double maxWidth = 50.0;        // samples
 
 }  // namespace
 
@@ -13,12 +13,12 @@ bool markBadPeaks(std::list<Peak>& peaks, int const& firstIndex, int const& last
                   T const& minimumAmplitude) {
   bool allGood = true;
   for (Peak& peak : peaks) {
-    bool const misplaced =
+    bool const outOfRange =
         peak.idx < static_cast<double>(firstIndex) || peak.idx > static_cast<double>(lastIndex);
-    bool const implausible =
-        peak.amplitude > largestAmplitude || peak.amplitude < static_cast<float>(minimumAmplitude);
-    bool const misshapen = peak.std > largestWidth || peak.std < 0.0;
-    if (misplaced || implausible || misshapen) {
+    bool const wrongAmplitude =
+        peak.amplitude > maxAmplitude || peak.amplitude < static_cast<float>(minimumAmplitude);
+    bool const wrongWidth = peak.std > maxWidth || peak.std < 0.0;
+    if (outOfRange || wrongAmplitude || wrongWidth) {
       peak.quality = EXCEEDS_RANGE;
       allGood = false;
     }

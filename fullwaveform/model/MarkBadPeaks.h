@@ -7,12 +7,12 @@
 
 namespace FullWaveform {
 
-/// Marks the echoes that cannot be real with `EXCEEDS_RANGE`; they stay in the list.
+/// Sets the quality of implausible echoes to `EXCEEDS_RANGE`; they stay in the list.
 ///
-/// An echo is marked when its position lies outside [firstIndex, lastIndex], its amplitude outside
-/// [minimumAmplitude, 4096] counts or its width outside [0, 50] samples. All bounds are admissible, and what
-/// is not a number passes. Marks are only set, never taken back.
-/// @return true when nothing was marked
+/// An echo is implausible when its position is outside [firstIndex, lastIndex], its amplitude outside
+/// [minimumAmplitude, 4096] counts or its width outside [0, 50] samples. NaN values pass. Existing marks are
+/// not removed.
+/// @return true when no echo was marked
 template <class T>
 FULLWAVEFORM_EXPORT bool markBadPeaks(std::list<Peak>& peaks, int const& firstIndex, int const& lastIndex,
                                       T const& minimumAmplitude);
@@ -21,6 +21,6 @@ extern template bool markBadPeaks<unsigned short>(std::list<Peak>&, int const&, 
                                                   unsigned short const&);
 
 /// Removes every echo of quality `EXCEEDS_RANGE` or worse.
-FULLWAVEFORM_EXPORT void removeBadPeaks(std::list<Peak>& peaks);
+void removeBadPeaks(std::list<Peak>& peaks);
 
 }  // namespace FullWaveform

@@ -9,10 +9,10 @@ namespace FullWaveform {
 namespace {
 
 constexpr std::uint32_t defaultNoise = 180;
-constexpr unsigned short lowestSignal = 10;
+constexpr unsigned short minSignal = 11;  // counts
 constexpr double saturationLevel = 1800.0;
 
-/// Largest minus smallest residual of the values about their least-squares line.
+/// Maximum minus minimum of the residuals about the least-squares line.
 double spreadAboutLine(std::span<double const> values) {
   double sumX = 0.0;
   double sumY = 0.0;
@@ -28,61 +28,61 @@ double spreadAboutLine(std::span<double const> values) {
   auto const count = static_cast<double>(values.size());
   double const slope = (count * sumXY - sumX * sumY) / (count * sumXX - sumX * sumX);
   double const intercept = (sumY - slope * sumX) / count;
-  double largest = -10000.0;
-  double smallest = 10000.0;
+  double max = -10000.0;
+  double min = 10000.0;
   for (std::size_t i = 0; i < values.size(); ++i) {
     double const residual = values[i] - intercept - slope * static_cast<double>(i);
-    // Written so that a residual that is not a number takes both places.
-    largest = largest > residual ? largest : residual;
-    smallest = smallest < residual ? smallest : residual;
+    // The order of the comparisons lets a NaN residual replace both.
+    max = max > residual ? max : residual;
+    min = min < residual ? min : residual;
   }
-  return largest - smallest;
+  return max - min;
 }
 
-/// Truncation to 32 bits; what does not fit becomes the integer-indefinite value of x86.
+/// Truncates to 32 bits; NaN and values out of range become the integer-indefinite value of x86.
 std::uint32_t truncate(double value) {
-  constexpr double lowest = std::numeric_limits<std::int32_t>::min();
-  constexpr double beyond = -lowest;
-  if (!(value > lowest - 1.0 && value < beyond)) {
+  constexpr double min = std::numeric_limits<std::int32_t>::min();
+  constexpr double limit = -min;
+  if (!(value > min - 1.0 && value < limit)) {
     return 0x80000000U;
   }
   return static_cast<std::uint32_t>(static_cast<std::int32_t>(value));
 }
 
-constexpr std::size_t mostForLine = 10;
+constexpr std::size_t maxForLine = 10;
 
 std::size_t valuesForLine(std::size_t collected) {
   auto const tenth = static_cast<std::size_t>(static_cast<double>(collected) * 0.1);
-  return std::clamp<std::size_t>(tenth, 1, mostForLine);
+  return std::clamp<std::size_t>(tenth, 1, maxForLine);
 }
 
 bool isSignal(unsigned short sample) {
-  return sample > lowestSignal;
+  return sample >= minSignal;
 }
 
-/// How many samples are signal and at most `highest`.
-std::size_t countUpTo(std::span<unsigned short const> samples, unsigned short highest) {
-  // Sixteen bits throughout, and one comparison: what is no signal becomes large. So a vector holds many.
+/// Number of signal samples that are at most `max`.
+std::size_t countUpTo(std::span<unsigned short const> samples, unsigned short max) {
+  // 16-bit arithmetic and one comparison, so that the loop is vectorised: samples below the signal wrap to
+  // large values.
   constexpr std::size_t countable = std::numeric_limits<unsigned short>::max();
-  constexpr unsigned short least = lowestSignal + 1;
-  auto const range = static_cast<unsigned short>(highest - least);
+  auto const range = static_cast<unsigned short>(max - minSignal);
   std::size_t count = 0;
   while (!samples.empty()) {
-    unsigned short some = 0;
+    unsigned short partial = 0;
     for (unsigned short const sample : samples.first(std::min(samples.size(), countable))) {
-      some =
-          static_cast<unsigned short>(some + (static_cast<unsigned short>(sample - least) <= range ? 1 : 0));
+      partial = static_cast<unsigned short>(
+          partial + (static_cast<unsigned short>(sample - minSignal) <= range ? 1 : 0));
     }
-    count += some;
+    count += partial;
     samples = samples.subspan(std::min(samples.size(), countable));
   }
   return count;
 }
 
-/// The signal's value of a rank, counted from 0, in ascending order: sought from the lowest value in steps
-/// that double, since the noise floor is near, then halved.
+/// Signal sample of a rank, counted from 0 in ascending order. Searches upwards from the minimum in doubling
+/// steps, because the baseline is near, and then bisects.
 unsigned short valueOfRank(std::span<unsigned short const> samples, std::size_t rank) {
-  unsigned low = lowestSignal + 1;
+  unsigned low = minSignal;
   unsigned high = low;
   for (unsigned step = 1; countUpTo(samples, static_cast<unsigned short>(high)) <= rank; step *= 2) {
     low = high + 1;
@@ -99,10 +99,10 @@ unsigned short valueOfRank(std::span<unsigned short const> samples, std::size_t 
   return static_cast<unsigned short>(low);
 }
 
-/// The first `count` values of the signal; from the end of the record, when it is given backwards.
+/// The first `count` signal samples in the direction of the iterator.
 template <class Iterator>
-std::array<double, mostForLine> firstOfSignal(Iterator sample, std::size_t count) {
-  std::array<double, mostForLine> values{};
+std::array<double, maxForLine> firstSignalSamples(Iterator sample, std::size_t count) {
+  std::array<double, maxForLine> values{};
   for (std::size_t found = 0; found < count; ++sample) {
     if (isSignal(*sample)) {
       values[found++] = *sample;
@@ -120,11 +120,11 @@ std::uint32_t estimateNoise(std::span<unsigned short const> samples) {
   }
   unsigned short const peakRaw = *std::max_element(samples.begin(), samples.end());
 
-  // The flatter end of the record: an echo decays slowly, so the lower end is the quieter one.
+  // The flatter end of the waveform: an echo decays slowly, so that the lower end has less signal.
   std::size_t const k = valuesForLine(collected);
   bool const beginIsFlatter = samples.back() >= samples.front();
-  std::array<double, mostForLine> line =
-      beginIsFlatter ? firstOfSignal(samples.begin(), k) : firstOfSignal(samples.rbegin(), k);
+  std::array<double, maxForLine> line =
+      beginIsFlatter ? firstSignalSamples(samples.begin(), k) : firstSignalSamples(samples.rbegin(), k);
   std::span<double> const values(line.data(), k);
   if (!beginIsFlatter) {
     std::reverse(values.begin(), values.end());

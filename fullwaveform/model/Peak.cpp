@@ -44,7 +44,7 @@ std::string convertType(TYPE type) {
     case FLAW:
       return "Flaw echo/noise";
   }
-  return "Unknown ";  // the trailing blank is part of the text
+  return "Unknown ";  // with a trailing blank
 }
 
 Peak::Peak(double const& amplitude, double const& idx, double const& time, TYPE const& type,

@@ -22,32 +22,32 @@ enum TYPE : std::uint32_t {
 /// Whether an echo can be trusted.
 enum QUALITY : std::uint32_t { GOOD = 0, AFTERPULS = 1, EXCEEDS_RANGE = 2 };
 
-/// One-line description of a type; "Unknown " (with its blank) for a value that is none.
+/// One-line description of a type; "Unknown ", with a trailing blank, for any other value.
 FULLWAVEFORM_EXPORT std::string convertType(TYPE type);
 
-/// One echo of one waveform: a plain record, copied bytewise.
+/// One echo of one waveform; trivially copyable.
 ///
-/// The fields hold quality before type while the constructor takes type before quality; both orders are
-/// fixed. The field `std` hides the namespace of that name inside this class, hence `::std`.
+/// The constructor takes type before quality, as a method knows them, although the fields are stored in the
+/// other order. The field `std` hides the namespace of that name inside this class, hence `::std`.
 class FULLWAVEFORM_EXPORT Peak {
  public:
-  float amplitude;               ///< digitiser counts; dB once the driver is done
-  double idx;                    ///< fractional sample index in the buffer the method worked on
+  float amplitude;               ///< counts; dB in the result of the driver
+  double idx;                    ///< position, samples
   double time;                   ///< s
-  QUALITY quality;               ///< trust mark
+  QUALITY quality;               ///< whether it can be trusted
   TYPE type;                     ///< how the echo was found
   double std;                    ///< standard deviation of the echo, samples
-  unsigned char classification;  ///< class code of the host's echo classification
+  unsigned char classification;  ///< class code, defined by the host
   float reflectance;
 
   Peak(double const& amplitude, double const& idx, double const& time, TYPE const& type,
        QUALITY const& quality, double const& std, unsigned char const& classification,
        float const& reflectance);
 
-  /// Index in the full waveform, for a buffer that begins `offset` samples into it.
+  /// Position in the full waveform if `idx` counts from its sample `offset`.
   [[nodiscard]] double getIdx(double const& offset) const;
 
-  /// Time since the full waveform's first sample, s, with `samplingTime` in s per sample.
+  /// Time since the first sample of the full waveform, s; `samplingTime` in s per sample.
   [[nodiscard]] double getIdxAsTime(double const& samplingTime, double const& offset) const;
 
   /// One line: three tabs, every field with its label (the time as one-way range in metres), a newline.

@@ -5,11 +5,11 @@
 #include <type_traits>
 #include <vector>
 
-#include <fullwaveform/host/Console.h>
 #include <fullwaveform/host/DataRange.h>
 #include <fullwaveform/host/ReferenceBase.h>
 #include <fullwaveform/host/StrongPtr.h>
 #include <fullwaveform/host/VectorToPDF.h>
+#include <fullwaveform/scanner/LogMessage.h>
 
 namespace FullWaveform {
 namespace {
@@ -32,12 +32,11 @@ void addSeries(std::span<T const> data, OrvikPDF::VectorToPDF& plotter) {
 template <class T>
 void printWave(T const* data, unsigned int const& count, std::filesystem::path const& file,
                bool const& flag) {
-  // The label says seconds though x counts samples: meant, readers of the plots know it so.
+  // The x label says seconds although x is the sample index: the caption is a fixed text.
   OrvikPDF::VectorToPDF plotter(file.string(), flag, "Wave", {"time [s]", "Amplitude dB"}, {Range(), Range()},
                                 {10, 5});
   if (data == nullptr || count == 0) {
-    Holdex::Console console;
-    console << "VectorToPDF::addVector: broken data";
+    logMessage("VectorToPDF::addVector: broken data");
   } else {
     addSeries(std::span<T const>(data, count), plotter);
   }

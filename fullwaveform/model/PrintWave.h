@@ -6,13 +6,12 @@
 
 namespace FullWaveform {
 
-/// Plots one series of values as a line into a PDF file; x is the index of the value.
-///
-/// @param data   `count` values; null or none: a page without a line, and a message on the console
-/// @param file   written anew; one that cannot be written is left alone, silently
-/// @param flag   passed on to the plotter
+/// Plots values against their index as a line in a PDF file.
 ///
 /// Instantiated for `unsigned short` (samples in counts) and `double` (computed series).
+/// @param data  `count` values; for null or none the page has no line and the console receives a message
+/// @param file  overwritten; errors of writing are ignored
+/// @param flag  passed to the plotter
 template <class T>
 FULLWAVEFORM_EXPORT void printWave(T const* data, unsigned int const& count,
                                    std::filesystem::path const& file, bool const& flag);

@@ -9,7 +9,7 @@ Segmentation segmentSignal(std::span<unsigned short const> samples, unsigned sho
   }
   auto const count = static_cast<std::uint32_t>(samples.size());
   bool inside = samples.front() > noise;
-  std::uint32_t start = 1;  // the first sample is never the start of a segment
+  std::uint32_t start = 1;  // start of a segment that begins before the scan
   for (std::uint32_t i = 1; i + 1 < count; ++i) {
     unsigned short const sample = samples[i];
     if (found.max < sample) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <string>
 
 #include <fullwaveform/host/TarnClass.h>
 #include <fullwaveform/model/NoiseEstimate.h>
@@ -10,13 +11,14 @@
 namespace FullWaveform {
 namespace {
 
-/// Returns below this many counts have no visible after-pulse.
-constexpr unsigned short strongReturn = 800;
+/// Echoes below this amplitude have no visible after-pulse, counts.
+constexpr unsigned short minAfterPulseSource = 800;
 
-/// Every echo behind the expected after-pulse counts as one: the window ends far behind any record.
+/// Extends the after-pulse window beyond the end of any waveform: all later echoes are taken for
+/// after-pulses.
 constexpr double windowExtension = 100000.0;
 
-std::span<unsigned short const> record(unsigned short const* samples, int length) {
+std::span<unsigned short const> waveform(unsigned short const* samples, int length) {
   return samples == nullptr || length <= 0 ? std::span<unsigned short const>()
                                            : std::span(samples, static_cast<std::size_t>(length));
 }
@@ -27,18 +29,29 @@ T noiseLevel(std::span<T const> samples, int length, int noise) {
     return static_cast<T>(noise);
   }
   if (length < 0) {
-    throw std::length_error("WavePoints: noise estimate of a negative number of samples");
+    throw std::length_error("WavePoints: invalid length " + std::to_string(length) +
+                            "; the noise estimate needs 0 samples or more");
   }
   return static_cast<T>(estimateNoise(samples));
 }
 
-/// Echoes are mostly found in order, and the sort of a list costs as much as the search for them.
+/// Sorts only if necessary: methods mostly find echoes in order, and sorting a list takes as long as finding
+/// them.
 void sortBy(double Peak::* key, std::list<Peak>& peaks) {
-  // Written so that what is not a number is left to the sort.
+  // Negated so that NaN falls through to the full sort.
   auto const isMisplaced = [key](Peak const& left, Peak const& right) { return !(left.*key <= right.*key); };
   if (std::adjacent_find(peaks.begin(), peaks.end(), isMisplaced) != peaks.end()) {
     peaks.sort([key](Peak const& left, Peak const& right) { return left.*key < right.*key; });
   }
+}
+
+std::pair<double, double> afterPulseWindow(std::uint32_t idxOfMaxAmplitude, ScannerDevice const& scanner) {
+  // Unsigned intentionally: a half-width larger than the centre wraps the lower bound to about 4.29e9, so
+  // that no echo is inside the window.
+  std::uint32_t const centre = idxOfMaxAmplitude + scanner.afterpulse_offset;
+  std::uint32_t const from = centre - scanner.afterpulse_width;
+  std::uint32_t const to = centre + scanner.afterpulse_width;
+  return {static_cast<double>(from), static_cast<double>(to) + windowExtension};
 }
 
 }  // namespace
@@ -54,8 +67,8 @@ WavePoints<T>::WavePoints(T const* samples, unsigned char const& lowPower, doubl
     : AdditionalAttributesPerWave{lowPower == 1, shotTime, sblTime},
       binShift(scanner.bin_shift),
       length(static_cast<std::uint32_t>(length)),
-      noise(noiseLevel<T>(record(samples, length), length, noise)) {
-  Segmentation found = segmentSignal(record(samples, length), this->noise);
+      noise(noiseLevel<T>(waveform(samples, length), length, noise)) {
+  Segmentation found = segmentSignal(waveform(samples, length), this->noise);
   idxOfMaxAmplitude = found.idxOfMax;
   maxAmplitude = found.max;
   startEnd.swap(found.startEnd);
@@ -65,17 +78,7 @@ WavePoints<T>::WavePoints(T const* samples, unsigned char const& lowPower, doubl
   globalStart = startEnd.begin()->first;
   globalEnd = startEnd.rbegin()->second;
   lengthCropped = globalEnd - globalStart;
-  setAfterPulseWindow(scanner);
-}
-
-template <class T>
-void WavePoints<T>::setAfterPulseWindow(ScannerDevice const& scanner) {
-  // Unsigned on purpose: a half-width beyond the position wraps the lower bound to about 4.29e9, a window
-  // that no echo can lie in.
-  std::uint32_t const centre = idxOfMaxAmplitude + scanner.afterpulse_offset;
-  std::uint32_t const from = centre - scanner.afterpulse_width;
-  std::uint32_t const to = centre + scanner.afterpulse_width;
-  afterPulse.assign(1, {static_cast<double>(from), static_cast<double>(to) + windowExtension});
+  afterPulse.assign(1, afterPulseWindow(idxOfMaxAmplitude, scanner));
 }
 
 template <class T>
@@ -90,7 +93,7 @@ void WavePoints<T>::sort_idx() {
 
 template <class T>
 void WavePoints<T>::testIfAfterPulse() {
-  if (maxAmplitude < strongReturn || peaks.empty()) {
+  if (maxAmplitude < minAfterPulseSource || peaks.empty()) {
     return;
   }
   unsigned char const afterPulseClass = Quorvane::TarnClass::afterpulse;

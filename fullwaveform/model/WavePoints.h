@@ -16,9 +16,9 @@
 
 namespace FullWaveform {
 
-/// One waveform: what the analysis of its signal found, and the echoes that a method put in.
+/// Results of one waveform: the analysis of its signal, and its echoes.
 ///
-/// Only results are kept, never the samples. Shared as `StrongPtr<WavePoints<unsigned short>>`.
+/// Does not keep the samples. Shared as `StrongPtr<WavePoints<unsigned short>>`.
 template <class T>
 class FULLWAVEFORM_EXPORT WavePoints : public AdditionalAttributesPerWave,
                                        public Holdex::ReferenceBase<WavePoints<T>> {
@@ -32,32 +32,32 @@ class FULLWAVEFORM_EXPORT WavePoints : public AdditionalAttributesPerWave,
   float maxAmplitudeDB = 0.0F;                        ///< dB, set by the driver
   double timeOfMaxAmplitude = 0.0;                    ///< s, set by the driver
   bool online = true;                                 ///< reported as "Online", otherwise as "FWF"
-  std::uint32_t globalStart = 0;                      ///< start of the first segment above the noise
-  std::uint32_t globalEnd = 0;                        ///< end of the last segment above the noise
-  std::map<std::uint32_t, std::uint32_t> startEnd;    ///< segments above the noise: start to end
+  std::uint32_t globalStart = 0;                      ///< start of the first segment
+  std::uint32_t globalEnd = 0;                        ///< end of the last segment
+  std::map<std::uint32_t, std::uint32_t> startEnd;    ///< segments: start to end
   std::uint32_t lengthCropped = 0;                    ///< globalEnd - globalStart
-  std::vector<std::pair<double, double>> afterPulse;  ///< closed windows of sample indices
+  std::vector<std::pair<double, double>> afterPulse;  ///< closed intervals of positions, samples
 
   WavePoints() = default;
 
-  /// A record that carries echoes of the scanner only, and no samples.
+  /// A waveform without samples, for on-board echoes.
   WavePoints(unsigned char const& lowPower, double const& shotTime, double const& sblTime);
 
-  /// Analyses a record.
+  /// Analyses the samples of a waveform.
   ///
-  /// @param samples   `length` values in counts; not kept. Nothing is read when null or when length <= 0.
+  /// @param samples   `length` values in counts; not kept. Not read when null or when length <= 0.
   /// @param lowPower  1 marks the low-power channel
   /// @param shotTime, sblTime  s
   /// @param length    number of samples
-  /// @param noise     noise level in counts, its low 16 bits are kept; negative: estimate it
-  /// @param scanner   supplies the bin shift and where the after-pulse is expected
-  /// @throws std::length_error when the noise of a negative number of samples is to be estimated
+  /// @param noise     threshold in counts, of which the low 16 bits are used; estimated when negative
+  /// @param scanner   supplies bin shift and after-pulse window
+  /// @throws std::length_error when length and noise are negative
   WavePoints(T const* samples, unsigned char const& lowPower, double const& shotTime, double const& sblTime,
              int const& length, int const& noise, ScannerDevice const& scanner);
 
   void push_back(Peak const& p) { peaks.push_back(p); }
   [[nodiscard]] std::uint64_t size() const { return peaks.size(); }
-  /// Both sorts are stable and ascending.
+  /// Stable, ascending sorts.
   void sort_time();
   void sort_idx();
   void clearPeaks() { peaks.clear(); }
@@ -66,30 +66,28 @@ class FULLWAVEFORM_EXPORT WavePoints : public AdditionalAttributesPerWave,
   T& getMaxAmplitude() { return maxAmplitude; }
   [[nodiscard]] bool signalIsAboveNoise() const { return noise < maxAmplitude; }
 
-  /// Marks the echoes inside the after-pulse windows of a strong return: quality `AFTERPULS`, class code of
-  /// the host. A return below 800 counts has no visible after-pulse and is left alone.
+  /// Sets quality `AFTERPULS` and the host's class code for the echoes inside the after-pulse windows.
+  /// Waveforms with a maximum below 800 counts have no visible after-pulse and are unchanged.
   void testIfAfterPulse();
 
-  /// Always false: samples are integers, and times are the driver's business.
+  /// Always false: samples are integers, and the driver checks the times.
   [[nodiscard]] bool isNaN() const { return false; }
-  /// True when the first echo comes from the scanner; the field `online` is something else.
+  /// True when the first echo is an on-board echo; independent of the field `online`.
   [[nodiscard]] bool isOnline() const;
-  /// Always 0.0; callers rely on it.
+  /// Always 0.0: the extent of the echoes is not measured.
   [[nodiscard]] double rangeFromFirstToLastPeak(double const& samplingTime) const;
+  /// Sets the class code of all echoes.
   void setClassification(unsigned char c);
 
-  /// Every value with its label and unit, a line each; closed by a rule without a newline.
+  /// Report with label, value and unit per line; ends with a rule, without a newline.
   [[nodiscard]] std::string print() const;
 
-  /// Extent of the echoes in one line, times turned into one-way distances by `speed` (m/s).
+  /// Extent of the echoes in one line; `speed` in m/s converts times to one-way distances.
   [[nodiscard]] std::string printLengthAtMaxAmplitude(double const& speed) const;
 
-  /// Appends a line per echo to a file: label, amplitude, idx, std, value. A file that cannot be opened is
-  /// left alone, silently.
+  /// Appends one line per echo to a file: label, amplitude, idx, std, value. Errors of opening or writing the
+  /// file are ignored.
   void exportToAscii(std::string path, std::string label, double value) const;
-
- private:
-  void setAfterPulseWindow(ScannerDevice const& scanner);
 };
 
 extern template class WavePoints<unsigned short>;

@@ -16,8 +16,8 @@ std::string signedText16(unsigned short value) {
 
 template <class T>
 std::string analysisLines(WavePoints<T> const& wave) {
-  // The noise is in counts although its label says dB, and the strongest sample's time is turned into metres
-  // with the full speed of light although peaks use the half: readers of the report rely on both.
+  // The labels are fixed texts: the noise is in counts although its label says dB. The time of the maximum is
+  // multiplied by the full speed of light, so it is a path length; peaks print the one-way range.
   return "bin_shift: " + shortestText(wave.binShift) + " [-]\n" +                                         //
          "Length: " + signedText(wave.length) + " [-]\n" +                                                //
          "Noise: " + signedText16(wave.noise) + " [db]\n" +                                               //
@@ -69,7 +69,8 @@ std::string WavePoints<T>::printLengthAtMaxAmplitude(double const& speed) const 
   }
   double const first = peaks.front().time;
   double const last = peaks.back().time;
-  // The order of the factors decides the last printed digit.
+  // S-E subtracts the times, not the distances: the rounded difference of two distances can print other
+  // digits.
   return "#" + std::to_string(peaks.size()) +                                  //
          " E:" + shortestText(last * speed * 0.5) +                            //
          " S:" + shortestText(speed * 0.5 * first) +                           //

@@ -1,4 +1,5 @@
-// The ladder of deconvolutions and a deconvolution of its own on any record, system wave and size.
+// The deconvolution of arbitrary waveforms with arbitrary system waves and lengths, by a ladder or by one
+// plane.
 #include <stdexcept>
 
 #include <fullwaveform/deconvolution/RL_Planes.h>
@@ -11,22 +12,22 @@ namespace {
 
 using namespace Fuzz;
 
-void convolveAnything(RichardsonLucy<unsigned short, ZeroCrossing>& method, Bytes bytes) {
+void convolveArbitraryValues(RichardsonLucy<unsigned short, ZeroCrossing>& method, Bytes bytes) {
   std::vector<double> const x = bytes.numbers(bytes.byte());
   std::vector<double> out(bytes.flag() ? x.size() : bytes.byte());
   std::size_t const length = out.size();
   method.convolution(x, bytes.upTo(7) == 0 ? nullptr : method.psf_spectrum(), out);
-  require(out.size() == length, "a convolution fills what it was given");
+  require(out.size() == length, "a convolution keeps the length of its result");
 }
 
-void useAlone(ScannerDevice const& scanner, unsigned int longest, Record const& record,
-              Bytes const& forConvolution) {
+void useOnePlane(ScannerDevice const& scanner, unsigned int longest, Waveform const& waveform,
+                 Bytes const& forConvolution) {
   try {
     RichardsonLucy<unsigned short, ZeroCrossing> method(scanner, longest);
-    expectSameTwice(method, record);
-    convolveAnything(method, forConvolution);
+    requireSameTwice(method, waveform);
+    convolveArbitraryValues(method, forConvolution);
   } catch (std::length_error const&) {
-    require(longest == 0, "only a transform for no sample is refused at these sizes");
+    require(longest == 0, "only a length of 0 throws for these sizes");
   }
 }
 
@@ -38,14 +39,14 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   Fuzz::Bytes bytes(data, size);
   ScannerDevice const scanner = Fuzz::scannerFrom(bytes);
   unsigned int const longest = bytes.upTo(120);
-  bool const alone = bytes.flag();
+  bool const onePlane = bytes.flag();
   Fuzz::Bytes const forConvolution = bytes;
-  Fuzz::Record const record = Fuzz::recordFrom(bytes, scanner);
-  if (alone) {
-    useAlone(scanner, longest, record, forConvolution);
+  Fuzz::Waveform const waveform = Fuzz::waveformFrom(bytes, scanner);
+  if (onePlane) {
+    useOnePlane(scanner, longest, waveform, forConvolution);
   } else {
     RL_Planes<unsigned short, ZeroCrossing> method(scanner, longest);
-    Fuzz::expectSameTwice(method, record);
+    Fuzz::requireSameTwice(method, waveform);
   }
   return 0;
 }

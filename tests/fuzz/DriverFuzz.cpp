@@ -1,4 +1,4 @@
-// The driver in every mode, on blocks whose arrays need not fit together.
+// The driver in every mode, with blocks whose arrays may have different lengths.
 #include <cmath>
 #include <filesystem>
 
@@ -12,8 +12,8 @@ namespace {
 using namespace Fuzz;
 using Driver = PeakDetectionFamily<unsigned short>;
 
-/// The arguments of `apply`. The rows stand one behind the other in a heap block of exactly their size, or
-/// are handed out by an accessor that has none for some of them.
+/// The arguments of `apply`. The rows are contiguous in a heap block of exactly their size, or come from an
+/// accessor that returns null for some of them.
 struct Block {
   Testing::Samples storage;
   std::unique_ptr<unsigned short[]> memory;
@@ -31,14 +31,14 @@ struct Block {
   }
 };
 
-/// Few different times, so that rows meet in shots, and some that are none.
+/// Few different times, so that several rows belong to one shot, and some invalid ones.
 double timeFrom(Bytes& bytes) {
   unsigned int const choice = bytes.upTo(7);
   return choice < 6 ? static_cast<double>(choice) : bytes.number();
 }
 
-/// Layout: noise (two bytes), rows, columns, how the rows are had, then per array how many values it has
-/// more than rows (from -2 to 3) and its values; the rest are samples.
+/// Layout: noise (two bytes), rows, columns, access to the rows, then per array its length minus the number
+/// of rows (from -2 to 3) and its values; the rest are samples.
 Block blockFrom(Bytes& bytes) {
   Block block;
   block.noise = bytes.raw<std::int16_t>();
@@ -76,20 +76,20 @@ Block blockFrom(Bytes& bytes) {
   return block;
 }
 
-void expectSound(ShotMap const& shots, BlockReport const& trace) {
+void requireValid(ShotMap const& shots, BlockReport const& trace) {
   std::size_t waves = 0;
   for (auto const& [time, shot] : shots) {
     require(!std::isnan(time), "a shot has a time");
-    require(shot.waves.size() == shot.rows.size(), "a row for every waveform");
+    require(shot.waves.size() == shot.rows.size(), "every waveform has a row");
     require(!shot.waves.empty(), "a shot has a waveform");
     for (WavePtr const& wave : shot.waves) {
       ++waves;
-      double former = wave->globalStart;
+      double previous = wave->globalStart;
       for (Peak const& peak : wave->peaks) {
-        require(std::isnan(peak.idx) || (peak.idx >= former && peak.idx <= wave->globalEnd),
+        require(std::isnan(peak.idx) || (peak.idx >= previous && peak.idx <= wave->globalEnd),
                 "echoes are sorted and inside the signal");
-        former = std::isnan(peak.idx) ? former : peak.idx;
-        require(peak.quality == GOOD, "only good echoes are left");
+        previous = std::isnan(peak.idx) ? previous : peak.idx;
+        require(peak.quality == GOOD, "all echoes are good");
       }
     }
   }
@@ -100,7 +100,7 @@ void expectSound(ShotMap const& shots, BlockReport const& trace) {
                 ? 1
                 : 0;
   }
-  require(kept == waves, "rows that are kept stand in the map");
+  require(kept == waves, "the map holds the waveforms of all rows that are kept");
 }
 
 std::string textOf(ShotMap const& shots) {
@@ -120,12 +120,12 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   using namespace FullWaveform;
   Fuzz::Bytes bytes(data, size);
   auto const modus = static_cast<FWFModus>(bytes.upTo(4));
-  unsigned int const longest = bytes.upTo(120);
+  unsigned int const maxLength = bytes.upTo(120);
   ScannerDevice const scanner = Fuzz::scannerFrom(bytes);
   Block const block = blockFrom(bytes);
-  Driver driver(modus, scanner, "/dev/null", "scan.las", longest);
+  Driver driver(modus, scanner, "/dev/null", "scan.las", maxLength);
   ShotMap const shots = block.run(driver);
-  expectSound(shots, driver.lastBlock());
-  Fuzz::require(textOf(block.run(driver)) == textOf(shots), "the same block twice gives the same echoes");
+  requireValid(shots, driver.lastBlock());
+  Fuzz::require(textOf(block.run(driver)) == textOf(shots), "repeating a block gives the same echoes");
   return 0;
 }

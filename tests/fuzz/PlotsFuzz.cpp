@@ -11,7 +11,7 @@ namespace {
 
 using namespace Fuzz;
 
-void expectDrawable(double low, double high, unsigned int maxIntervals) {
+void requireDrawable(double low, double high, unsigned int maxIntervals) {
   OrvikPDF::AxisRange const range = OrvikPDF::drawableRange(low, high);
   require(range.low < range.high && std::isfinite(range.high - range.low), "a range that can be drawn");
   std::vector<double> const ticks = OrvikPDF::findTicks(range, maxIntervals);
@@ -29,9 +29,9 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   Fuzz::Bytes bytes(data, size);
   double const low = bytes.number();
   double const high = bytes.number();
-  expectDrawable(low, high, bytes.byte());
+  requireDrawable(low, high, bytes.byte());
   if (bytes.upTo(7) != 0) {
-    return 0;  // pages take longer than ticks
+    return 0;  // drawing a page is slow
   }
   bool const marks = bytes.flag();
   bool const counts = bytes.flag();

@@ -1,4 +1,4 @@
-// Everything that becomes text: numbers, echoes, lines of the ASCII export, run statistics, names of modes.
+// All text output: numbers, echoes, lines of the ASCII export, run statistics, names of modes.
 #include <charconv>
 #include <cmath>
 
@@ -15,12 +15,14 @@ namespace {
 using namespace Fuzz;
 
 template <class T>
-void expectReadsBack(T value) {
+void requireReadsBack(T value) {
   std::string const text = shortestText(value);
   T back{};
   auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), back);
-  require(error == std::errc() && end == text.data() + text.size(), "a number's text is read to its end");
-  require(back == value || (std::isnan(back) && std::isnan(value)), "a number's text gives the number");
+  require(error == std::errc() && end == text.data() + text.size(),
+          "the text of a number is parsed completely");
+  require(back == value || (std::isnan(back) && std::isnan(value)),
+          "the text of a number reads back to its value");
 }
 
 void reportRun(Bytes& bytes) {
@@ -35,8 +37,8 @@ void reportRun(Bytes& bytes) {
   statistics.countNaNs = bytes.raw<std::uint32_t>();
   statistics.inputFile = bytes.text(16);
   static_cast<void>(statistics.isSuspicious());
-  require(statistics.record().ends_with("[%] \n"), "a record ends with its last percentage");
-  require(statistics.reportPath().string().ends_with("_Warning.txt"), "the name of the record's file");
+  require(statistics.record().ends_with("[%] \n"), "the statistics end with a percentage");
+  require(statistics.reportPath().string().ends_with("_Warning.txt"), "a warning file has its name");
 }
 
 }  // namespace
@@ -45,8 +47,8 @@ void reportRun(Bytes& bytes) {
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   using namespace FullWaveform;
   Fuzz::Bytes bytes(data, size);
-  expectReadsBack(bytes.number());
-  expectReadsBack(bytes.raw<float>());
+  requireReadsBack(bytes.number());
+  requireReadsBack(bytes.raw<float>());
   static_cast<void>(signedText(bytes.raw<std::uint32_t>()));
   static_cast<void>(getNameOfModus(static_cast<FWFModus>(bytes.raw<std::uint32_t>())));
   std::vector<double> const values = bytes.numbers(4);
@@ -54,9 +56,9 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   auto const quality = static_cast<QUALITY>(bytes.upTo(3));
   Peak const peak(values[0], values[1], values[2], type, quality, values[3], bytes.byte(),
                   bytes.raw<float>());
-  Fuzz::require(peak.print().ends_with("\n"), "an echo's report is a line");
+  Fuzz::require(peak.print().ends_with("\n"), "the report of an echo is one line");
   std::string const line = asciiLine(peak, bytes.text(12), bytes.number());
-  Fuzz::require(line.ends_with("\n"), "an exported echo is a line");
+  Fuzz::require(line.ends_with("\n"), "an exported echo is one line");
   static_cast<void>(peak.getIdxAsTime(bytes.number(), bytes.number()));
   reportRun(bytes);
   return 0;

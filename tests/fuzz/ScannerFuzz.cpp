@@ -1,4 +1,4 @@
-// The scanner's description from grids with any attributes of any type, and what is built from it.
+// The scanner description from grids with arbitrary attributes, and the driver built from it.
 #include <array>
 
 #include <fullwaveform/driver/PeakDetectionFamily.h>
@@ -63,7 +63,7 @@ Value valueFrom(Bytes& bytes) {
   return {};
 }
 
-/// Layout: how the grids look; then name, place and value of each attribute.
+/// Layout: kind of the grids; then name, owner and value of each attribute.
 struct Grids {
   Holdex::StrongPtr<Kestra::Grid> own = Holdex::makeStrong<Kestra::Grid>();
   Holdex::StrongPtr<Kestra::Grid> fields;
@@ -76,12 +76,12 @@ struct Grids {
     char const* const chart = kind == 2 ? "another chart" : "StandardCartesianChart3D";
     for (int i = 0; i < 40 && bytes.remaining() > 0; ++i) {
       char const* const name = names[bytes.upTo(names.size() - 1)];
-      unsigned int const place = bytes.upTo(2);
-      if (place == 0 || !fields) {
+      unsigned int const owner = bytes.upTo(2);
+      if (owner == 0 || !fields) {
         own->attributes().setAttribute(name, valueFrom(bytes));
       } else {
         Kestra::Representation& representation = fields->addCartesianRepresentation(chart);
-        representation.addField(place == 1 ? "Waveforms" : "SBL_Time")
+        representation.addField(owner == 1 ? "Waveforms" : "SBL_Time")
             .attributes()
             .setAttribute(name, valueFrom(bytes));
       }
@@ -95,14 +95,14 @@ struct Grids {
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   using namespace FullWaveform;
   Fuzz::Bytes bytes(data, size);
-  unsigned int const longest = bytes.upTo(60);
+  unsigned int const maxLength = bytes.upTo(60);
   Grids const grids(bytes);
   ScannerDevice const scanner(*grids.own, grids.fields);
   std::string const report = scanner.speak();
   Fuzz::require(!report.empty(), "a scanner has a report");
   static_cast<void>(scanner.getMTALengthAsTime());
   static_cast<void>(scanner.isRadial() || scanner.isLineWise() || scanner());
-  PeakDetectionFamily<unsigned short> const driver(FWFModus::Deconvolution, scanner, "", "", longest);
-  Fuzz::require(driver.onlineEvaluation.scanner.speak() == report, "the driver's copy is the scanner");
+  PeakDetectionFamily<unsigned short> const driver(FWFModus::Deconvolution, scanner, "", "", maxLength);
+  Fuzz::require(driver.onlineEvaluation.scanner.speak() == report, "the driver has a copy of the scanner");
   return 0;
 }

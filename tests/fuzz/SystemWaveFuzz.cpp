@@ -1,4 +1,4 @@
-// The system wave from any exponential sums.
+// The system wave of arbitrary exponential sums.
 #include <fullwaveform/scanner/SystemWave.h>
 
 #include "support/Inputs.h"
@@ -30,8 +30,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   auto const a = tableFrom(bytes);
   auto const b = tableFrom(bytes);
   auto const wave = createNormalizedSysWave(a, b, step, length, {});
-  bool const possible = step > 0.0 && length > 0 && a && b && !a->empty() && a->size() == b->size();
-  Fuzz::require(static_cast<bool>(wave) == possible, "a wave exactly where one can be made");
-  Fuzz::require(!wave || wave->size() == length, "a wave of the length that was asked for");
+  bool const valid = step > 0.0 && length > 0 && a && b && !a->empty() && a->size() == b->size();
+  Fuzz::require(static_cast<bool>(wave) == valid, "a system wave exactly for valid arguments");
+  Fuzz::require(!wave || wave->size() == length, "the system wave has the requested length");
   return 0;
 }

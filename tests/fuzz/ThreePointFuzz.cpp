@@ -1,4 +1,4 @@
-// The three-point Gauss fit on any record.
+// The three-point fit of arbitrary waveforms.
 #include <fullwaveform/fitting/FittingGaussVia3Points.h>
 #include <fullwaveform/fitting/ZeroCrossing.h>
 
@@ -8,8 +8,8 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   using namespace FullWaveform;
   Fuzz::Bytes bytes(data, size);
   ScannerDevice const scanner = Fuzz::scannerFrom(bytes);
-  Fuzz::Record const record = Fuzz::recordFrom(bytes, scanner);
+  Fuzz::Waveform const waveform = Fuzz::waveformFrom(bytes, scanner);
   FittingGaussVia3Points<unsigned short, ZeroCrossing> method(scanner);
-  Fuzz::expectSameTwice(method, record);
+  Fuzz::requireSameTwice(method, waveform);
   return 0;
 }

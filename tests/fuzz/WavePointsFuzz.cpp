@@ -1,4 +1,4 @@
-// The waveform object: its construction from any record and everything that can be asked of it.
+// The waveform object: construction from arbitrary samples, and all its operations.
 #include <algorithm>
 #include <limits>
 
@@ -12,17 +12,17 @@ namespace {
 using namespace Fuzz;
 using Wave = WavePoints<unsigned short>;
 
-void expectSoundAnalysis(Wave const& wave, Testing::Samples const& samples) {
-  unsigned short strongest = 0;
+void requireValidAnalysis(Wave const& wave, Testing::Samples const& samples) {
+  unsigned short maximum = 0;
   for (std::size_t i = 1; i + 1 < samples.size(); ++i) {
-    strongest = std::max(strongest, samples[i]);
+    maximum = std::max(maximum, samples[i]);
   }
-  require(wave.maxAmplitude == strongest, "the strongest inner sample");
-  require(wave.length == samples.size(), "the length of the record");
+  require(wave.maxAmplitude == maximum, "the maximum of the inner samples");
+  require(wave.length == samples.size(), "the length of the waveform");
   std::uint32_t last = 0;
   for (auto const& [start, end] : wave.startEnd) {
     require(samples.size() < 4 || (start >= last && end < samples.size()),
-            "segments ascend inside the record");
+            "segments ascend inside the waveform");
     last = end;
   }
 }
@@ -51,20 +51,22 @@ void useList(Wave& wave, Bytes& bytes, unsigned int count) {
   markBadPeaks<unsigned short>(wave.peaks, static_cast<int>(wave.globalStart),
                                static_cast<int>(wave.globalEnd), wave.noise);
   removeBadPeaks(wave.peaks);
-  require(wave.size() <= count, "cleaning adds nothing");
+  require(wave.size() <= count, "removing bad peaks adds none");
   wave.clearPeaks();
   require(wave.size() == 0, "a cleared list is empty");
 }
 
-/// A count or a pointer that is not that of a record: nothing may be read.
-void buildWithoutRecord(Bytes& bytes, unsigned short const* samples, ScannerDevice const& scanner) {
+/// Invalid lengths and pointers: no sample may be read.
+void buildWithInvalidArguments(Bytes& bytes, unsigned short const* samples, ScannerDevice const& scanner) {
   int const noise = bytes.raw<std::int32_t>() & std::numeric_limits<std::int32_t>::max();
-  int const below = -static_cast<int>(bytes.byte());
-  require(Wave(samples, 1, 0.0, 0.0, below, noise, scanner).startEnd.empty(), "no samples, no signal");
-  require(Wave(nullptr, 0, 0.0, 0.0, 1 + bytes.byte(), -1, scanner).startEnd.empty(), "no record, no signal");
+  int const notPositive = -static_cast<int>(bytes.byte());
+  require(Wave(samples, 1, 0.0, 0.0, notPositive, noise, scanner).startEnd.empty(),
+          "no segments without samples");
+  require(Wave(nullptr, 0, 0.0, 0.0, 1 + bytes.byte(), -1, scanner).startEnd.empty(),
+          "no segments for a null pointer");
   try {
-    Wave const refused(samples, 0, 0.0, 0.0, below - 1, -1, scanner);
-    require(false, "noise of a negative number of samples is refused");
+    Wave const invalid(samples, 0, 0.0, 0.0, notPositive - 1, -1, scanner);
+    require(false, "the noise estimate throws for a negative length");
   } catch (std::length_error const&) {
   }
 }
@@ -78,9 +80,9 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   ScannerDevice const scanner = Fuzz::scannerFrom(bytes);
   unsigned int const echoes = bytes.upTo(4);
   Fuzz::Bytes forEchoes = bytes;
-  Fuzz::Record const record = Fuzz::recordFrom(bytes, scanner);
-  expectSoundAnalysis(*record.wave, record.samples);
-  buildWithoutRecord(forEchoes, record.block.get(), scanner);
-  useList(*record.wave, forEchoes, echoes);
+  Fuzz::Waveform const waveform = Fuzz::waveformFrom(bytes, scanner);
+  requireValidAnalysis(*waveform.wave, waveform.samples);
+  buildWithInvalidArguments(forEchoes, waveform.block.get(), scanner);
+  useList(*waveform.wave, forEchoes, echoes);
   return 0;
 }

@@ -1,8 +1,8 @@
-"""Writes the fuzz targets' seeds: a few simulated waveforms in the form that each target reads.
+"""Writes the seeds of the fuzz targets: a few simulated waveforms in the layout of each target.
 
-Usage: make_seeds.py FOLDER    (one folder per target in it; what is there of an earlier run stays)
+Usage: make_seeds.py FOLDER    (one folder per target in it; existing seeds stay)
 
-The forms are those of tests/fuzz/*.cpp: numbers little-endian, a double behind a tag byte.
+The layouts are those of tests/fuzz/*.cpp: numbers little-endian, a double after a tag byte.
 """
 
 from __future__ import annotations
@@ -24,7 +24,7 @@ LIGHT_SPEED_IN_AIR = 299_708_256.0  # m/s
 
 
 def number(value: float) -> bytes:
-    """A double as it stands."""
+    """A double that is not a special value."""
     return b"\xff" + struct.pack("<d", value)
 
 
@@ -34,55 +34,55 @@ def byte(value: int) -> bytes:
 
 
 def narrow(value: float) -> bytes:
-    """A single-precision number as it stands."""
+    """A single-precision number."""
     return b"\x01" + struct.pack("<f", value)
 
 
 def scanner(after_pulse_offset: int = 0, after_pulse_width: int = 2**31) -> bytes:
-    """A scanner with the system wave of the tests; nothing of it is unusual."""
+    """An ordinary scanner with the system wave of the tests."""
     values = [0.0, SAMPLING_INTERVAL, 0.0, LIGHT_SPEED_IN_AIR, 1000.0, 1.0]
     numbers = b"".join(number(value) for value in values)
     return byte(0) + struct.pack("<II", after_pulse_offset, after_pulse_width) + numbers
 
 
-def record(samples: Samples, noise: int, channel: int) -> bytes:
-    """A noise level, a channel flag and a record."""
+def waveform(samples: Samples, noise: int, channel: int) -> bytes:
+    """Noise, channel flag and samples."""
     return struct.pack("<hB", noise, channel) + samples.astype("<u2").tobytes()
 
 
 def block(rows: Samples, shot_times: Sequence[int], flags: Sequence[int], noise: int) -> bytes:
-    """Rows with all their values; every array is as long as there are rows."""
+    """A block with one value per row in every array."""
     count, columns = rows.shape
-    fitting = byte(2)  # as many values as rows
+    same_length = byte(2)  # as many values as rows
     return (
         struct.pack("<hBBB", noise, count, columns, 0)
-        + (fitting + bytes([columns] * count))
-        + (fitting + bytes(shot_times))
-        + (fitting + bytes(shot_times))
-        + (fitting + bytes(flags))
+        + (same_length + bytes([columns] * count))
+        + (same_length + bytes(shot_times))
+        + (same_length + bytes(shot_times))
+        + (same_length + bytes(flags))
         + rows.astype("<u2").tobytes()
     )
 
 
-def records(scan: SimulatedScan) -> Iterator[tuple[Samples, int, int]]:
-    """Some records with their noise level (-1: to be estimated) and channel flag."""
+def waveforms(scan: SimulatedScan) -> Iterator[tuple[Samples, int, int]]:
+    """Some waveforms with their noise (-1: estimate) and channel flag."""
     for shot in range(0, len(scan.samples), 3):
         for channel in (0, 1):
             yield scan.samples[shot, channel], 20 if shot % 2 == 0 else -1, 1 - channel
 
 
-def strongest_part(samples: Samples, length: int) -> Samples:
-    """A stretch of a record about its strongest sample."""
+def around_maximum(samples: Samples, length: int) -> Samples:
+    """Samples around the maximum of a waveform."""
     first = int(np.clip(int(samples.argmax()) - length // 2, 0, len(samples) - length))
     return samples[first : first + length]
 
 
 def wave_seeds(scan: SimulatedScan) -> Iterator[tuple[str, bytes]]:
-    """For the targets that take one record."""
-    for samples, noise, channel in records(scan):
-        yield "wave_points", scanner(60, 40) + byte(2) + record(samples, noise, channel)
-        yield "three_point", scanner() + record(samples, noise, channel)
-        short = record(strongest_part(samples, 40), noise, channel)
+    """For the targets that read one waveform."""
+    for samples, noise, channel in waveforms(scan):
+        yield "wave_points", scanner(60, 40) + byte(2) + waveform(samples, noise, channel)
+        yield "three_point", scanner() + waveform(samples, noise, channel)
+        short = waveform(around_maximum(samples, 40), noise, channel)
         yield "decomposition", scanner() + short
         yield "deconvolution", scanner() + byte(75) + byte(channel) + short
 
@@ -92,22 +92,22 @@ def block_seeds(scan: SimulatedScan) -> Iterator[tuple[str, bytes]]:
     shots = range(0, len(scan.samples) - 1, 4)
     for modus, first in ((modus, first) for modus in range(4) for first in shots):
         rows = np.stack(
-            [strongest_part(row, 40) for row in scan.samples[first : first + 2].reshape(4, -1)]
+            [around_maximum(row, 40) for row in scan.samples[first : first + 2].reshape(4, -1)]
         )
         values = block(rows, [0, 0, 1, 1], [1, 0, 1, 0], 20 if first % 8 == 0 else -1)
         yield "driver", byte(modus) + byte(75) + scanner() + values
 
 
-def attribute(name: int, place: int, values: Sequence[float] | str) -> bytes:
-    """A scanner attribute: number of its name, place (0: own, 1: waveforms, 2: SBL), values."""
-    head = byte(name) + byte(place)
+def attribute(name: int, owner: int, values: Sequence[float] | str) -> bytes:
+    """A scanner attribute: index of its name, owner (0: scanner, 1: waveforms, 2: SBL), values."""
+    head = byte(name) + byte(owner)
     if isinstance(values, str):
         return head + byte(2) + byte(1) + byte(3) + byte(len(values)) + values.encode()
     return head + byte(0) + byte(len(values)) + b"".join(number(value) for value in values)
 
 
 def scanner_seeds() -> Iterator[tuple[str, bytes]]:
-    """Complete descriptions, and one that breaks off."""
+    """Complete descriptions, and a truncated one."""
     texts = [attribute(1, 0, "S2227823"), attribute(2, 0, "B17"), attribute(3, 0, "VQ-840-GL")]
     single = [LIGHT_SPEED_IN_AIR, 1000.0, 0.25, 0.01]
     numbers = [
@@ -130,7 +130,7 @@ def scanner_seeds() -> Iterator[tuple[str, bytes]]:
 
 
 def number_seeds() -> Iterator[tuple[str, bytes]]:
-    """For the targets that take numbers instead of records."""
+    """For the targets that read numbers instead of waveforms."""
     terms = [(1.0, 0.0), (-0.5, 0.0), (-0.5, 0.0)]
     exponents = [(-2.5e8, 0.0), (-2.5e8, 5e8), (-2.5e8, -5e8)]
     tables = b"".join(
@@ -152,14 +152,14 @@ def number_seeds() -> Iterator[tuple[str, bytes]]:
 
 
 def main() -> None:
-    """Writes every seed into the folder of its target."""
+    """Write every seed to the folder of its target."""
     folder = Path(sys.argv[1])
     scan = simulate_scan(ScanSettings(shots=12, samples=160, seed=7, saturated_fraction=0.2))
     seeds = [*wave_seeds(scan), *block_seeds(scan), *scanner_seeds(), *number_seeds()]
     for index, (target, content) in enumerate(seeds):
-        place = folder / target
-        place.mkdir(parents=True, exist_ok=True)
-        (place / f"seed_{index:03}").write_bytes(content)
+        target_folder = folder / target
+        target_folder.mkdir(parents=True, exist_ok=True)
+        (target_folder / f"seed_{index:03}").write_bytes(content)
     print(f"{len(seeds)} seeds in {folder}")
 
 

@@ -7,7 +7,7 @@
 #include <fullwaveform/deconvolution/DeconvolvedSignal.h>
 #include <fullwaveform/deconvolution/RL_Planes.h>
 
-#include "deconvolution/PulseRecords.h"
+#include "deconvolution/PulseWaveforms.h"
 #include "support/SkewedScanner.h"
 
 namespace FullWaveform {
@@ -15,11 +15,11 @@ namespace {
 
 using namespace Testing;
 
-TEST(DeconvolvedSignal, HasTheEchoesOfTheExtractionWhereItSaysSo) {
+TEST(DeconvolvedSignal, HasTheEchoesOfRlPlanesAtTheirPositions) {
   for (unsigned int const upSampling : {5U, 1U}) {
     SCOPED_TRACE(upSampling);
     ScannerDevice const scanner = skewedScanner(upSampling);
-    Samples const samples = recordWithEchoes(70, {{15.0, 800.0}, {26.0, 350.0}});
+    Samples const samples = waveformWithEchoes(70, {{15.0, 800.0}, {26.0, 350.0}});
     WavePtr const wave = waveOf(samples, scanner);
     DeconvolvedSignal const signal = deconvolvedSignal(samples, *wave, scanner);
     EXPECT_DOUBLE_EQ(signal.step * upSampling, 1.0);
@@ -30,21 +30,21 @@ TEST(DeconvolvedSignal, HasTheEchoesOfTheExtractionWhereItSaysSo) {
       auto const index = static_cast<std::size_t>(std::lround((peak.idx - signal.first) / signal.step));
       ASSERT_LT(index, signal.values.size());
       EXPECT_NEAR(signal.first + static_cast<double>(index) * signal.step, peak.idx, 1e-9);
-      // Whole counts are cut off, and a sum in another order may fall below one.
+      // The amplitude is truncated, and transforms of another length may round to below an integer.
       EXPECT_NEAR(signal.values[index], peak.amplitude + 0.5, 0.501);
     }
   }
 }
 
-TEST(DeconvolvedSignal, OfARecordBelowItsNoiseIsEmpty) {
+TEST(DeconvolvedSignal, IsEmptyForAWaveformBelowTheNoise) {
   ScannerDevice const scanner = skewedScanner();
   Samples const samples(70, 12);
   WavePoints<unsigned short> const wave(samples.data(), 1, 0.0, 0.0, 70, 20, scanner);
   EXPECT_TRUE(deconvolvedSignal(samples, wave, scanner).values.empty());
 }
 
-TEST(DeconvolvedSignal, WithoutASystemWaveIsRefused) {
-  Samples const samples = recordWithEchoes(70, {{15.0, 800.0}});
+TEST(DeconvolvedSignal, WithoutASystemWaveThrows) {
+  Samples const samples = waveformWithEchoes(70, {{15.0, 800.0}});
   ScannerDevice const scanner = skewedScanner();
   WavePtr const wave = waveOf(samples, scanner);
   EXPECT_THROW(deconvolvedSignal(samples, *wave, ScannerDevice()), std::invalid_argument);

@@ -27,30 +27,30 @@ std::vector<InstructionSet> availableSets() {
   return sets;
 }
 
-/// Values of many sizes, some of them 0.
+/// Values of many magnitudes, some of them 0.
 Values mixed(std::size_t count, unsigned int seed) {
-  std::minstd_rand chance(seed);
+  std::minstd_rand rng(seed);
   std::uniform_real_distribution<double> uniform(-3.0, 3.0);
   Values values(count);
   for (double& value : values) {
-    value = chance() % 7 == 0 ? 0.0 : uniform(chance) * std::pow(10.0, uniform(chance));
+    value = rng() % 7 == 0 ? 0.0 : uniform(rng) * std::pow(10.0, uniform(rng));
   }
   return values;
 }
 
-TEST(IterationKernels, LargestOfValuesAtEveryPlace) {
+TEST(IterationKernels, MaximumAtEveryIndex) {
   for (InstructionSet const set : availableSets()) {
     EXPECT_EQ(IterationKernels::maximum(set, {}), 0.0);
     EXPECT_EQ(IterationKernels::maximum(set, Values(20, 0.0)), 0.0);
-    for (std::size_t place = 0; place < 20; ++place) {
+    for (std::size_t index = 0; index < 20; ++index) {
       Values values(20, 1.0);
-      values[place] = 1.5;
-      EXPECT_EQ(IterationKernels::maximum(set, values), 1.5) << place;
+      values[index] = 1.5;
+      EXPECT_EQ(IterationKernels::maximum(set, values), 1.5) << index;
     }
   }
 }
 
-TEST(IterationKernels, SubtractNoiseCutsAndScales) {
+TEST(IterationKernels, SubtractNoiseClipsAndScales) {
   for (InstructionSet const set : availableSets()) {
     Values values{20, 25, 30, 10, 0, 21, 22, 23, 24};
     IterationKernels::subtractNoise(set, values, 20.0, 10.0);
@@ -58,7 +58,7 @@ TEST(IterationKernels, SubtractNoiseCutsAndScales) {
   }
 }
 
-TEST(IterationKernels, MultiplyComplexNumbers) {
+TEST(IterationKernels, MultipliesComplexNumbers) {
   for (InstructionSet const set : availableSets()) {
     double spectrum[][2] = {{1, 2}, {3, -1}, {0, 1}, {2, 0}, {-1, -1}};
     double const kernel[][2] = {{5, 1}, {2, 2}, {0, 1}, {7, 3}, {-1, 1}};
@@ -72,12 +72,25 @@ TEST(IterationKernels, MultiplyComplexNumbers) {
   }
 }
 
-TEST(IterationKernels, DivideGivesZeroWhereNothingIsBlurred) {
+TEST(IterationKernels, DivideGivesZeroForADivisorOfZero) {
+  for (InstructionSet const set : availableSets()) {
+    Values ratios(5, 9.0);
+    IterationKernels::divide(set, Values{6.0, 5.0, 0.0, 3.0, 7.0}, Values{4.0, 0.0, 8.0, -2.0, -0.0}.data(),
+                             0.5, ratios.data());
+    EXPECT_EQ(ratios, (Values{3.0, 0.0, 0.0, -3.0, 0.0}));
+  }
+}
+
+TEST(IterationKernels, DivideTreatsOnlyExactZerosAsZero) {
+  double const smallest = std::numeric_limits<double>::denorm_min();
   for (InstructionSet const set : availableSets()) {
     Values ratios(4, 9.0);
-    IterationKernels::divide(set, Values{6.0, 5.0, 0.0, 3.0}, Values{4.0, 0.0, 8.0, -2.0}.data(), 0.5,
-                             ratios.data());
-    EXPECT_EQ(ratios, (Values{3.0, 0.0, 0.0, -3.0}));
+    IterationKernels::divide(set, Values{3.0 * smallest, 1e-300, -1e-20, 2.0 * smallest},
+                             Values{smallest, 2e-300, 4e-20, -smallest}.data(), 1.0, ratios.data());
+    EXPECT_EQ(ratios, (Values{3.0, 0.5, -0.25, -2.0}));
+    // A quarter of the smallest number is rounded to 0.
+    IterationKernels::divide(set, Values(4, 1.0), Values(4, smallest).data(), 0.25, ratios.data());
+    EXPECT_EQ(ratios, Values(4, 0.0));
   }
 }
 
@@ -93,7 +106,7 @@ TEST(IterationKernels, CorrectSumsTheFactors) {
   }
 }
 
-TEST(IterationKernels, ToCountsWhatThePeakFinderCompares) {
+TEST(IterationKernels, ToCountsKeepsTheLow16Bits) {
   double const inf = std::numeric_limits<double>::infinity();
   double const nan = std::numeric_limits<double>::quiet_NaN();
   Values const values{0.0,          1.0,           2.99, -1.5, 65537.0, 2147483647.0,
@@ -124,7 +137,7 @@ TEST(IterationKernels, EveryInstructionSetGivesTheSameProducts) {
   }
 }
 
-TEST(IterationKernels, EveryInstructionSetGivesTheSameDigitsAtEveryLengthAndAddress) {
+TEST(IterationKernels, EveryInstructionSetGivesTheSameBitsForAllLengthsAndAlignments) {
   for (std::size_t count = 0; count < 70; ++count) {
     for (std::size_t shift = 0; shift < 4; ++shift) {
       Values const observed = mixed(shift + count, 1);
@@ -153,21 +166,21 @@ TEST(IterationKernels, EveryInstructionSetGivesTheSameDigitsAtEveryLengthAndAddr
   }
 }
 
-TEST(IterationKernels, PassesOverTheSignalAreThePlainLoopsAtEveryLengthAndAddress) {
+TEST(IterationKernels, EqualPlainLoopsForAllLengthsAndAlignments) {
   for (std::size_t count = 0; count < 70; ++count) {
     for (std::size_t shift = 0; shift < 4; ++shift) {
       Values signal = mixed(shift + count, 3);
       std::span<double> const part = std::span(signal).subspan(shift);
       Values aboveNoise;
       std::vector<std::uint16_t> expectedCounts;
-      double most = 0.0;
+      double maximum = 0.0;
       for (double const value : part) {
-        most = std::max(most, value);
+        maximum = std::max(maximum, value);
         aboveNoise.push_back(std::max(value - 0.5, 0.0) / 0.7);
         expectedCounts.push_back(static_cast<std::uint16_t>(toSixteenBits(value * 300.0 / 1.7 + 20.0)));
       }
       for (InstructionSet const set : availableSets()) {
-        EXPECT_EQ(IterationKernels::maximum(set, part), most) << count << " values";
+        EXPECT_EQ(IterationKernels::maximum(set, part), maximum) << count << " values";
         std::vector<std::uint16_t> counts(shift + count);
         IterationKernels::toCounts(set, part, 300.0, 1.7, 20.0, counts.data() + shift);
         counts.erase(counts.begin(), counts.begin() + static_cast<std::ptrdiff_t>(shift));

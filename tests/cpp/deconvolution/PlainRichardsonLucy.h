@@ -18,9 +18,8 @@
 
 namespace FullWaveform::Testing {
 
-/// Deconvolution of one waveform, written down plainly: transforms of the lengths added less one, one loop
-/// for every step. The other side of comparisons; the transforms are planned in the constructor, alone with
-/// the planner.
+/// Plain implementation of the deconvolution to compare with: transforms as long as the full convolution, one
+/// loop per step. Not for use by several threads at once, because it does not lock the planner.
 class PlainRichardsonLucy {
  public:
   struct Echo {
@@ -32,7 +31,7 @@ class PlainRichardsonLucy {
     int iterations = 0;
   };
 
-  /// @param count  longest waveform, samples
+  /// @param count  maximum waveform length, samples
   PlainRichardsonLucy(ScannerDevice const& device, std::size_t count)
       : up(device.up_sampling), systemLength((device.size_sys - 1) * up + 1) {
     std::size_t const n = systemLength + (count - 1) * up;
@@ -51,15 +50,14 @@ class PlainRichardsonLucy {
     reversedPsf = transformed(kernel);
   }
 
-  /// @param disturbance  every value of a convolution is off by at most this part of the largest, by chance:
-  /// with
-  ///                     a unit of the last place, what transforms of another length could have given
+  /// @param disturbance  random error added to every value of a convolution, relative to its maximum; of the
+  ///                     order of the rounding it gives what transforms of another length may give
   Result echoes(unsigned short const* samples, WavePoints<unsigned short> const& wave,
                 double disturbance = 0.0, std::uint32_t seed = 1) {
     relativeDisturbance = disturbance;
-    chance.seed(seed);
+    rng.seed(seed);
     std::vector<double> y = upSampled(samples, wave);
-    double const most = largestBeforeNoise;
+    double const maximum = maximumBeforeNoise;
     double const unit = *std::max_element(y.begin(), y.end());
     for (double& value : y) {
       value /= unit > 0.0 ? unit : 1.0;
@@ -67,9 +65,9 @@ class PlainRichardsonLucy {
     Result result;
     std::vector<double> estimate = y;
     result.iterations = iterate(y, estimate);
-    double const largest = *std::max_element(estimate.begin(), estimate.end() - 1);
+    double const estimateMaximum = *std::max_element(estimate.begin(), estimate.end() - 1);
     for (double& value : estimate) {
-      value = truncated(value * (most - wave.noise) / largest + wave.noise);
+      value = truncated(value * (maximum - wave.noise) / estimateMaximum + wave.noise);
     }
     result.echoes = maxima(estimate, wave);
     return result;
@@ -83,7 +81,7 @@ class PlainRichardsonLucy {
   };
   using Plan = std::unique_ptr<std::remove_pointer_t<fftw_plan>, DestroyPlan>;
 
-  /// In the member's own memory, which the plans work on.
+  /// Result is in the member that the plans use.
   Spectrum const& transformed(std::vector<double> const& x) {
     std::fill(real.begin(), real.end(), 0.0);
     std::copy_n(x.begin(), std::min(x.size(), real.size()), real.begin());
@@ -110,21 +108,21 @@ class PlainRichardsonLucy {
   void disturb(std::vector<double>& values) {
     double const unit = relativeDisturbance * *std::max_element(values.begin(), values.end());
     for (double& value : values) {
-      value += std::uniform_real_distribution<double>(-unit, unit)(chance);
+      value += std::uniform_real_distribution<double>(-unit, unit)(rng);
     }
   }
 
   std::vector<double> upSampled(unsigned short const* samples, WavePoints<unsigned short> const& wave) {
     std::vector<double> y((wave.globalEnd - wave.globalStart) * up);
-    largestBeforeNoise = 0.0;
+    maximumBeforeNoise = 0.0;
     for (std::size_t u = 0; u < y.size(); ++u) {
       double const x = static_cast<double>(u) * (1.0 / static_cast<double>(up));
       auto const j = static_cast<std::size_t>(x);
-      double const here = samples[wave.globalStart + j];
-      double const next = samples[wave.globalStart + j + 1];
-      double const value = up == 1 ? here : here + (x - static_cast<double>(j)) * (next - here);
+      double const left = samples[wave.globalStart + j];
+      double const right = samples[wave.globalStart + j + 1];
+      double const value = up == 1 ? left : left + (x - static_cast<double>(j)) * (right - left);
       y[u] = std::max(value - wave.noise, 0.0);
-      largestBeforeNoise = std::max(largestBeforeNoise, up == 1 ? y[u] : value);
+      maximumBeforeNoise = std::max(maximumBeforeNoise, up == 1 ? y[u] : value);
     }
     return y;
   }
@@ -188,9 +186,9 @@ class PlainRichardsonLucy {
   Plan inverse;
   Spectrum psf;
   Spectrum reversedPsf;
-  double largestBeforeNoise = 0.0;
+  double maximumBeforeNoise = 0.0;
   double relativeDisturbance = 0.0;
-  std::minstd_rand chance;
+  std::minstd_rand rng;
 };
 
 }  // namespace FullWaveform::Testing

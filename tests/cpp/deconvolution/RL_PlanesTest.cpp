@@ -25,10 +25,10 @@ using Testing::skewedScanner;
 
 static_assert(!std::is_copy_constructible_v<Ladder>);
 
-/// A triangular echo of 500 counts at sample 12 on a floor of 10.
+/// A triangular echo of 500 counts at sample 12, baseline 10 counts.
 Samples const samples = Testing::waveformOf(400, 10, {{8, {60, 150, 300, 450, 510, 400, 280, 170, 90, 40}}});
 
-/// A wave whose range has a given length.
+/// A waveform whose range has a given length.
 WavePtr waveOfLength(std::uint32_t length) {
   WavePtr wave(new WavePoints<unsigned short>());
   wave->length = static_cast<std::uint32_t>(samples.size());
@@ -39,7 +39,7 @@ WavePtr waveOfLength(std::uint32_t length) {
   return wave;
 }
 
-TEST(RL_Planes, HasAPlaneForEvery25Samples) {
+TEST(RL_Planes, HasAPlanePer25Samples) {
   struct Expected {
     unsigned int maxLength;
     std::size_t planes;
@@ -57,7 +57,7 @@ TEST(RL_Planes, HasAPlaneForEvery25Samples) {
 TEST(RL_Planes, PlanesArePlannedForMultiplesOf25) {
   Ladder const ladder(skewedScanner(), 74);
   ASSERT_EQ(ladder.planes.size(), 3U);
-  // System wave of 56 values and (25 (i + 1) - 1) 5 values more.
+  // System wave of 56 values, signal of (25 (i + 1) - 1) 5 + 1, one less than their sum.
   EXPECT_EQ(ladder.planes[0].fft_length, 176U);
   EXPECT_EQ(ladder.planes[1].fft_length, 301U);
   EXPECT_EQ(ladder.planes[2].fft_length, 426U);
@@ -74,7 +74,7 @@ TEST(RL_Planes, IndexIsTheLengthDividedByTheStep) {
   EXPECT_GT(ladder.getIdx(-1), 100000U);
 }
 
-TEST(RL_Planes, WithoutExponentialSumsThereAreNoPlanes) {
+TEST(RL_Planes, WithoutExponentialSumsHasNoPlanes) {
   Testing::ConsoleCapture const console;
   for (bool const first : {true, false}) {
     ScannerDevice scanner = skewedScanner();
@@ -105,21 +105,33 @@ TEST(RL_Planes, WithoutSamplingIntervalEveryPlaneIsUnusable) {
   EXPECT_EQ(console.messages().size(), 4U);
 }
 
-TEST(RL_Planes, TakesTheSmallestPlaneThatIsLongEnough) {
+TEST(RL_Planes, UsesTheSmallestPlaneThatIsLongEnough) {
   Ladder ladder(skewedScanner(), 49);
-  // A plane that must not be used would show.
-  ladder.planes[1].error = "not this one";
+  // A plane with an error returns 0.
+  ladder.planes[1].error = "unusable";
   EXPECT_EQ(ladder.apply(samples.data(), waveOfLength(24)), 1);
   EXPECT_EQ(ladder.apply(samples.data(), waveOfLength(25)), 0);
   EXPECT_EQ(ladder.apply(samples.data(), waveOfLength(49)), 0);
   ladder.planes[1].error.clear();
-  ladder.planes[0].error = "not this one";
+  ladder.planes[0].error = "unusable";
   EXPECT_EQ(ladder.apply(samples.data(), waveOfLength(24)), 0);
   EXPECT_EQ(ladder.apply(samples.data(), waveOfLength(25)), 1);
   EXPECT_EQ(ladder.apply(samples.data(), waveOfLength(49)), 1);
 }
 
-TEST(RL_Planes, AWavePastTheLastPlaneStaysWithoutPeaks) {
+TEST(RL_Planes, CroppedLengthSelectsThePlaneNotTheRange) {
+  Ladder ladder(skewedScanner(), 49);
+  ladder.planes[1].error = "unusable";
+  WavePtr const shortRange = waveOfLength(20);
+  shortRange->lengthCropped = 30;
+  EXPECT_EQ(ladder.apply(samples.data(), shortRange), 0);
+  WavePtr const longRange = waveOfLength(30);
+  longRange->lengthCropped = 20;
+  EXPECT_EQ(ladder.apply(samples.data(), longRange), 1);
+  EXPECT_FALSE(longRange->peaks.empty());
+}
+
+TEST(RL_Planes, AWaveformTooLongForTheLastPlaneGetsNoPeaks) {
   Ladder ladder(skewedScanner(), 49);
   for (std::uint32_t const length : {50U, 51U, 300U}) {
     WavePtr const wave = waveOfLength(length);
@@ -128,7 +140,7 @@ TEST(RL_Planes, AWavePastTheLastPlaneStaysWithoutPeaks) {
   }
 }
 
-TEST(RL_Planes, NoWaveAndNoSignalAreNoFailure) {
+TEST(RL_Planes, AnEmptyPointerOrNoSignalReturnsOne) {
   Ladder ladder(skewedScanner(), 49);
   EXPECT_EQ(ladder.apply(samples.data(), WavePtr()), 1);
   EXPECT_EQ(ladder.apply(samples.data(), waveOfLength(0)), 1);
@@ -141,7 +153,7 @@ TEST(RL_Planes, NoWaveAndNoSignalAreNoFailure) {
   }
 }
 
-TEST(RL_Planes, FindsWhatASingleDeconvolverFinds) {
+TEST(RL_Planes, FindsTheSameEchoesAsASingleDeconvolver) {
   Ladder ladder(skewedScanner(), 200);
   RichardsonLucy<unsigned short, ZeroCrossing> single(skewedScanner(), 225);
   for (std::uint32_t const length : {14U, 24U, 25U, 60U, 199U}) {
@@ -156,11 +168,11 @@ TEST(RL_Planes, FindsWhatASingleDeconvolverFinds) {
   }
 }
 
-TEST(RL_Planes, TakesMemoryForItsEchoesOnly) {
+TEST(RL_Planes, AllocatesMemoryForTheEchoesOnly) {
   Ladder ladder(skewedScanner(), 200);
   std::vector<std::uint32_t> const lengths{14U, 24U, 60U, 199U};
   for (std::uint32_t const length : lengths) {
-    ladder.apply(samples.data(), waveOfLength(length));  // working memory grows
+    ladder.apply(samples.data(), waveOfLength(length));  // grows the working memory
   }
   for (std::uint32_t const length : lengths) {
     WavePtr const wave = waveOfLength(length);
@@ -170,10 +182,11 @@ TEST(RL_Planes, TakesMemoryForItsEchoesOnly) {
   }
 }
 
-TEST(RL_Planes, ItMovesAndWorksOn) {
+TEST(RL_Planes, CanBeMoved) {
   Ladder first(skewedScanner(), 49);
   Ladder second(std::move(first));
-  EXPECT_EQ(first.apply(samples.data(), waveOfLength(20)), 0);  // NOLINT(bugprone-use-after-move): meant
+  EXPECT_EQ(first.apply(samples.data(), waveOfLength(20)),
+            0);  // NOLINT(bugprone-use-after-move): tests the moved-from state
   Ladder third(skewedScanner(), 100);
   third = std::move(second);
   EXPECT_EQ(third.planes.size(), 2U);
@@ -182,7 +195,7 @@ TEST(RL_Planes, ItMovesAndWorksOn) {
   EXPECT_FALSE(wave->peaks.empty());
 }
 
-TEST(RL_Planes, ThreadsBuildUseAndFreeLaddersAtTheSameTime) {
+TEST(RL_Planes, ThreadsBuildUseAndDestroyLaddersConcurrently) {
   WavePtr const expected = waveOfLength(30);
   Ladder(skewedScanner(), 49).apply(samples.data(), expected);
   ASSERT_FALSE(expected->peaks.empty());

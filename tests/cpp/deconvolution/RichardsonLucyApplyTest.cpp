@@ -8,7 +8,7 @@
 #include <fullwaveform/host/TarnClass.h>
 #include <richardson_lucy/RichardsonLucyCases.h>
 
-#include "deconvolution/PulseRecords.h"
+#include "deconvolution/PulseWaveforms.h"
 #include "support/SkewedScanner.h"
 
 namespace FullWaveform {
@@ -18,7 +18,7 @@ using namespace Testing;
 
 using Deconvolver = RichardsonLucy<unsigned short, ZeroCrossing>;
 
-/// A wave whose range is set by hand.
+/// A waveform with the range of a case.
 WavePtr waveWithRangeOf(RichardsonLucyCase const& known) {
   WavePtr wave(new WavePoints<unsigned short>());
   wave->length = static_cast<std::uint32_t>(known.samples.size());
@@ -32,7 +32,7 @@ Peak rawPeak(double idx, QUALITY quality = GOOD) {
   return {100.0, idx, 0.0, RAW, quality, 0.0, 0, 0.0F};
 }
 
-TEST(RichardsonLucy, DeconvolvesLikeThePublishedIteration) {
+TEST(RichardsonLucy, EchoesAgreeWithNumPy) {
   for (RichardsonLucyCase const& known : Testing::richardsonLucyCases()) {
     SCOPED_TRACE(known.kind);
     Deconvolver deconvolver(skewedScanner(known.upSampling), 60);
@@ -42,7 +42,7 @@ TEST(RichardsonLucy, DeconvolvesLikeThePublishedIteration) {
     std::size_t i = 0;
     for (Peak const& peak : wave->peaks) {
       EXPECT_NEAR(peak.idx, known.peaks[i].idx, 1e-6);
-      // A value that is scaled to a whole count may be truncated to the one below it.
+      // A value scaled to an integer may be truncated to the one below.
       EXPECT_NEAR(peak.amplitude, known.peaks[i].amplitude, 1.0);
       EXPECT_EQ(peak.type, RICHARDSON_LUCY);
       EXPECT_EQ(peak.quality, GOOD);
@@ -51,8 +51,8 @@ TEST(RichardsonLucy, DeconvolvesLikeThePublishedIteration) {
   }
 }
 
-TEST(RichardsonLucy, FindsKnownEchoesWhereTheirPulsesStart) {
-  Samples const samples = recordWithEchoes(70, {{15.0, 800.0}, {26.0, 350.0}});
+TEST(RichardsonLucy, FindsConstructedEchoesAtTheirPositions) {
+  Samples const samples = waveformWithEchoes(70, {{15.0, 800.0}, {26.0, 350.0}});
   ScannerDevice const scanner = skewedScanner();
   Deconvolver deconvolver(scanner, 70);
   WavePtr const wave = waveOf(samples, scanner);
@@ -60,12 +60,12 @@ TEST(RichardsonLucy, FindsKnownEchoesWhereTheirPulsesStart) {
   ASSERT_GE(wave->peaks.size(), 2U);
   EXPECT_NEAR(wave->peaks.front().idx, positionOf(15.0), gridSamples);
   EXPECT_NEAR(std::next(wave->peaks.begin())->idx, positionOf(26.0), gridSamples);
-  // The largest value of the deconvolved signal is that of the record.
+  // The deconvolved signal is scaled to the maximum of the waveform.
   EXPECT_NEAR(wave->peaks.front().amplitude, wave->maxAmplitude, 1.0);
 }
 
-TEST(RichardsonLucy, APlannedLengthBeyondTheSignalChangesNothing) {
-  Samples const samples = recordWithEchoes(70, {{15.0, 800.0}, {24.0, 350.0}});
+TEST(RichardsonLucy, ALongerPlannedLengthGivesTheSameEchoes) {
+  Samples const samples = waveformWithEchoes(70, {{15.0, 800.0}, {24.0, 350.0}});
   ScannerDevice const scanner = skewedScanner();
   WavePtr const close = waveOf(samples, scanner);
   WavePtr const wide = waveOf(samples, scanner);
@@ -78,16 +78,16 @@ TEST(RichardsonLucy, APlannedLengthBeyondTheSignalChangesNothing) {
   }
 }
 
-TEST(RichardsonLucy, AWaveLongerThanPlannedForIsSafe) {
-  Samples const samples = recordWithEchoes(200, {{15.0, 800.0}, {150.0, 350.0}});
+TEST(RichardsonLucy, AWaveformLongerThanPlannedForIsSafe) {
+  Samples const samples = waveformWithEchoes(200, {{15.0, 800.0}, {150.0, 350.0}});
   ScannerDevice const scanner = skewedScanner();
   Deconvolver deconvolver(scanner, 25);
   EXPECT_EQ(deconvolver.apply(samples.data(), waveOf(samples, scanner)), 1);
 }
 
-TEST(RichardsonLucy, WorkingMemoryKeepsNothingOfTheWaveBefore) {
-  Samples const longer = recordWithEchoes(90, {{15.0, 2000.0}, {50.0, 900.0}});
-  Samples const shorter = recordWithEchoes(60, {{20.0, 300.0}});
+TEST(RichardsonLucy, APreviousWaveformHasNoEffect) {
+  Samples const longer = waveformWithEchoes(90, {{15.0, 2000.0}, {50.0, 900.0}});
+  Samples const shorter = waveformWithEchoes(60, {{20.0, 300.0}});
   ScannerDevice const scanner = skewedScanner();
   Deconvolver fresh(scanner, 90);
   Deconvolver used(scanner, 90);
@@ -101,21 +101,21 @@ TEST(RichardsonLucy, WorkingMemoryKeepsNothingOfTheWaveBefore) {
   EXPECT_EQ(found->peaks.front().amplitude, expected->peaks.front().amplitude);
 }
 
-TEST(RichardsonLucy, ReadsNothingOutsideTheRecord) {
-  // The range ends at the last but one sample, the latest that a record can give.
-  Samples const samples = recordWithEchoes(40, {{1.0, 300.0}, {30.0, 800.0}});
+TEST(RichardsonLucy, DoesNotReadOutsideTheWaveform) {
+  // The range ends at the second to last sample, the latest possible end.
+  Samples const samples = waveformWithEchoes(40, {{1.0, 300.0}, {30.0, 800.0}});
   ScannerDevice const scanner = skewedScanner();
   Deconvolver deconvolver(scanner, 60);
-  Testing::withGuardedCopies(samples, [&](unsigned short const* record) {
+  Testing::withGuardedCopies(samples, [&](unsigned short const* copy) {
     WavePtr const wave = waveOf(samples, scanner);
     ASSERT_EQ(wave->globalEnd, 38U);
-    EXPECT_EQ(deconvolver.apply(record, wave), 1);
+    EXPECT_EQ(deconvolver.apply(copy, wave), 1);
     EXPECT_GE(wave->size(), 2U);
   });
 }
 
-TEST(RichardsonLucy, EveryPeakOfTheListBecomesOneOfThisMethod) {
-  Samples const samples = recordWithEchoes(60, {{20.0, 500.0}});
+TEST(RichardsonLucy, SetsTypeAndPositionOfAllPeaksInTheList) {
+  Samples const samples = waveformWithEchoes(60, {{20.0, 500.0}});
   ScannerDevice const scanner = skewedScanner();
   Deconvolver deconvolver(scanner, 60);
   WavePtr const wave = waveOf(samples, scanner);
@@ -129,8 +129,8 @@ TEST(RichardsonLucy, EveryPeakOfTheListBecomesOneOfThisMethod) {
   EXPECT_NEAR(std::next(wave->peaks.begin())->idx, positionOf(20.0), gridSamples);
 }
 
-TEST(RichardsonLucy, WithoutUpSamplingPositionsAreShiftedByTheStart) {
-  Samples const samples = recordWithEchoes(60, {{20.0, 500.0}});
+TEST(RichardsonLucy, WithoutUpSamplingPositionsAreShiftedByGlobalStart) {
+  Samples const samples = waveformWithEchoes(60, {{20.0, 500.0}});
   ScannerDevice const scanner = skewedScanner(1);
   Deconvolver deconvolver(scanner, 60);
   WavePtr const wave = waveOf(samples, scanner);
@@ -138,14 +138,14 @@ TEST(RichardsonLucy, WithoutUpSamplingPositionsAreShiftedByTheStart) {
   deconvolver.apply(samples.data(), wave);
   ASSERT_GE(wave->size(), 2U);
   EXPECT_EQ(wave->peaks.front().idx, 7.25 + wave->globalStart);
-  // The kernel's middle is place 5 of 12.
+  // The centre of the kernel is value 5 of 12.
   EXPECT_EQ(std::next(wave->peaks.begin())->idx, 25.0);
 }
 
-TEST(RichardsonLucy, TheLastValueOfTheSignalMayBeAPeak) {
-  // The range ends in the rise of the pulse: its echo belongs behind it, and the deconvolved signal rises to
-  // its last value, that of sample 23.
-  Samples const samples = recordWithEchoes(60, {{20.0, 500.0}});
+TEST(RichardsonLucy, TheLastValueMayBeAPeak) {
+  // The range ends in the rise of the pulse. Its echo would be after the end, so the deconvolved signal rises
+  // to its last value, that of sample 23.
+  Samples const samples = waveformWithEchoes(60, {{20.0, 500.0}});
   ScannerDevice const scanner = skewedScanner(1);
   Deconvolver deconvolver(scanner, 60);
   WavePtr const wave = waveOf(samples, scanner);
@@ -156,8 +156,8 @@ TEST(RichardsonLucy, TheLastValueOfTheSignalMayBeAPeak) {
   EXPECT_EQ(wave->peaks.back().idx, 23.0);
 }
 
-TEST(RichardsonLucy, AStartAtZeroMapsBelowZero) {
-  Samples const samples = recordWithEchoes(60, {{0.5, 500.0}});
+TEST(RichardsonLucy, AnIndexOfZeroMapsToBeforeGlobalStart) {
+  Samples const samples = waveformWithEchoes(60, {{0.5, 500.0}});
   ScannerDevice const scanner = skewedScanner();
   Deconvolver deconvolver(scanner, 60);
   WavePtr const wave = waveOf(samples, scanner);
@@ -166,11 +166,11 @@ TEST(RichardsonLucy, AStartAtZeroMapsBelowZero) {
   EXPECT_EQ(wave->peaks.front().idx, wave->globalStart - 2.5);
 }
 
-TEST(RichardsonLucy, MarksAfterPulsesOfStrongReturns) {
+TEST(RichardsonLucy, MarksAfterPulsesOfStrongEchoes) {
   ScannerDevice scanner = skewedScanner();
   scanner.afterpulse_offset = 5;
   scanner.afterpulse_width = 2;
-  Samples const samples = recordWithEchoes(80, {{15.0, 1500.0}, {40.0, 200.0}});
+  Samples const samples = waveformWithEchoes(80, {{15.0, 1500.0}, {40.0, 200.0}});
   Deconvolver deconvolver(scanner, 80);
   WavePtr const wave = waveOf(samples, scanner);
   deconvolver.apply(samples.data(), wave);
@@ -181,14 +181,14 @@ TEST(RichardsonLucy, MarksAfterPulsesOfStrongReturns) {
 }
 
 TEST(RichardsonLucy, NoSignalGivesNoPeaks) {
-  Samples const samples = recordWithEchoes(30, {{10.0, 300.0}});
+  Samples const samples = waveformWithEchoes(30, {{10.0, 300.0}});
   Deconvolver deconvolver(skewedScanner(), 30);
   EXPECT_EQ(deconvolver.apply(samples.data(), WavePtr()), 1);
   EXPECT_EQ(deconvolver.apply(nullptr, waveOf(samples, skewedScanner())), 1);
   struct Range {
     std::uint32_t start, end;
   };
-  // Empty, turned round (as in records of one or two samples), and beyond the record.
+  // Empty, reversed (as in waveforms of one or two samples), and beyond the end of the waveform.
   for (Range const range : {Range{0, 0}, Range{7, 7}, Range{8, 7}, Range{1, 0}, Range{1, 4294967295U},
                             Range{4294967295U, 0}, Range{5, 30}}) {
     WavePtr const wave = waveOf(samples, skewedScanner());
@@ -202,20 +202,20 @@ TEST(RichardsonLucy, NoSignalGivesNoPeaks) {
   }
 }
 
-TEST(RichardsonLucy, OneValueIsNoSignal) {
-  Samples const samples = recordWithEchoes(30, {{10.0, 300.0}});
+TEST(RichardsonLucy, ASignalOfOneValueGivesNoPeaks) {
+  Samples const samples = waveformWithEchoes(30, {{10.0, 300.0}});
   Deconvolver deconvolver(skewedScanner(1), 30);
   WavePtr const wave = waveOf(samples, skewedScanner(1));
   wave->globalStart = 12;
   wave->globalEnd = 13;
   EXPECT_EQ(deconvolver.apply(samples.data(), wave), 1);
   EXPECT_TRUE(wave->peaks.empty());
-  wave->globalEnd = 14;  // two values are
+  wave->globalEnd = 14;  // two values
   EXPECT_EQ(deconvolver.apply(samples.data(), wave), 1);
   EXPECT_FALSE(wave->peaks.empty());
 }
 
-TEST(RichardsonLucy, ARangeWithoutAnythingAboveTheNoiseGivesNoPeaks) {
+TEST(RichardsonLucy, ARangeBelowTheNoiseGivesNoPeaks) {
   Samples const samples(30, 10);
   for (std::uint32_t const up : {1U, 5U}) {
     Deconvolver deconvolver(skewedScanner(up), 30);
@@ -227,7 +227,7 @@ TEST(RichardsonLucy, ARangeWithoutAnythingAboveTheNoiseGivesNoPeaks) {
   }
 }
 
-TEST(RichardsonLucy, RecordsOfOneAndTwoSamplesAreLeftAlone) {
+TEST(RichardsonLucy, WaveformsOfOneOrTwoSamplesGiveNoPeaks) {
   Deconvolver deconvolver(skewedScanner(), 30);
   for (std::size_t const length : {1UL, 2UL}) {
     Samples const samples(length, 500);

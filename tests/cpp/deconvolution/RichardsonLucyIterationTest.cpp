@@ -12,7 +12,7 @@
 #include <fullwaveform/deconvolution/FftConvolution.h>
 #include <richardson_lucy/RichardsonLucyCases.h>
 
-#include "deconvolution/PulseRecords.h"
+#include "deconvolution/PulseWaveforms.h"
 
 namespace FullWaveform {
 namespace {
@@ -21,7 +21,7 @@ using namespace Testing;
 
 using Values = std::vector<double>;
 
-TEST(Observe, InterpolatesAndScales) {
+TEST(PrepareObserved, InterpolatesAndScales) {
   Values observed(10);
   Samples const samples{20, 70, 45};
   EXPECT_EQ(prepareObserved(samples, 5, 20, widestInstructionSet(), observed), 70.0);
@@ -31,47 +31,47 @@ TEST(Observe, InterpolatesAndScales) {
   }
 }
 
-TEST(Observe, LeavesOutTheLastSample) {
+TEST(PrepareObserved, EndsBeforeTheLastSample) {
   Values observed(5);
   EXPECT_NEAR(prepareObserved(Samples{20, 120}, 5, 20, widestInstructionSet(), observed), 100.0, 1e-12);
   EXPECT_NEAR(observed[4], 1.0, 1e-15);
   EXPECT_NEAR(observed[1], 0.25, 1e-15);
 }
 
-TEST(Observe, CutsWhatLiesBelowTheNoise) {
+TEST(PrepareObserved, ClipsAtTheNoise) {
   Values observed(4);
   EXPECT_EQ(prepareObserved(Samples{30, 10, 50}, 2, 25, widestInstructionSet(), observed), 30.0);
   // 30, 20, 10, 30 less 25.
   EXPECT_EQ(observed, (Values{1.0, 0.0, 0.0, 1.0}));
 }
 
-TEST(Observe, WithoutUpSamplingTheMaximumIsThatAboveTheNoise) {
+TEST(PrepareObserved, WithoutUpSamplingReturnsTheMaximumAboveTheNoise) {
   Values observed(3);
   EXPECT_EQ(prepareObserved(Samples{10, 70, 45, 500}, 1, 20, widestInstructionSet(), observed), 50.0);
   EXPECT_EQ(observed, (Values{0.0, 1.0, 0.5}));
 }
 
-TEST(Observe, NothingAboveTheNoiseStaysZero) {
+TEST(PrepareObserved, IsZeroWithoutValuesAboveTheNoise) {
   Values observed(4);
   EXPECT_EQ(prepareObserved(Samples{10, 18, 10}, 2, 20, widestInstructionSet(), observed), 18.0);
   EXPECT_EQ(observed, Values(4, 0.0));
 }
 
-TEST(ScaleToCounts, LastValueDoesNotCountForTheLargest) {
+TEST(ScaleToCounts, TheMaximumExcludesTheLastValue) {
   Samples counts(4);
   scaleToCounts(120.0, 20.0, InstructionSet::Baseline, Values{0.5, 2.0, 1.0, 4.0}, counts);
   EXPECT_EQ(counts, (Samples{45, 120, 70, 220}));
 }
 
-TEST(ScaleToCounts, KeepsTheLowSixteenBitsOfWholeCounts) {
-  // The second value is 1 count; whole counts lose their fraction towards 0, and wrap at 65536.
+TEST(ScaleToCounts, KeepsTheLow16Bits) {
+  // One count per unit; counts are truncated towards 0 and wrap at 65536.
   Samples counts(7);
   Values const estimate{1e10, 1.0, 2.9, -2.9, 65536.0 * 3 + 7.5, -1e10, 0.0};
   scaleToCounts(1e10, 0.0, InstructionSet::Baseline, estimate, counts);
   EXPECT_EQ(counts, (Samples{0, 1, 2, 65534, 7, 0, 0}));
 }
 
-TEST(ScaleToCounts, NothingAboveZeroGivesNoCounts) {
+TEST(ScaleToCounts, IsZeroWithoutPositiveValues) {
   Samples counts(3, 9);
   scaleToCounts(120.0, 20.0, InstructionSet::Baseline, Values(3, 0.0), counts);
   EXPECT_EQ(counts, Samples(3, 0));
@@ -113,7 +113,7 @@ TEST(Deconvolve, AgreesWithNumPyInValuesAndIterations) {
 }
 
 TEST(Deconvolve, ZeroConvolutionGivesZeroRatio) {
-  // Nothing comes through a kernel of zeros: ratios and corrections are 0, and so is the change of their sum.
+  // A kernel of zeros makes ratios, corrections and the change of their sum 0.
   ConvolutionWorkspace workspace(Values{0.0, 0.0}, 5);
   Values const observed(4, 1.0);
   Values estimate = observed;
@@ -121,8 +121,8 @@ TEST(Deconvolve, ZeroConvolutionGivesZeroRatio) {
   EXPECT_EQ(estimate, Values(4, 0.0));
 }
 
-TEST(Deconvolve, EndsAtTheFirstIterationThatChangesNothing) {
-  // One value through the kernel {0.5, 0.5}: blurred 0.5, ratio 2, correction 1. The first sum, 1, differs
+TEST(Deconvolve, EndsAtTheFirstIterationWithoutChange) {
+  // One value and the kernel {0.5, 0.5}: blurred 0.5, ratio 2, correction 1. The first sum, 1, differs
   // from 0; the second does not differ from the first.
   ConvolutionWorkspace workspace(Values{0.5, 0.5}, 2);
   Values const observed{1.0};
@@ -131,9 +131,9 @@ TEST(Deconvolve, EndsAtTheFirstIterationThatChangesNothing) {
   EXPECT_EQ(estimate, Values{1.0});
 }
 
-TEST(Deconvolve, GoesOnWhileTheSumChangesByAFiftieth) {
-  // One value y through the kernel {1, w}: the first correction is w, which makes the estimate w y; every
-  // later correction is 1. The sums are w, 1, 1, after a 0.
+TEST(Deconvolve, ContinuesWhileTheSumChangesByAtLeast0p02) {
+  // For one value y and the kernel {1, w} the first correction is w, which makes the estimate w y; all later
+  // corrections are 1. The sums are w, 1, 1, starting from 0.
   auto const iterations = [](double w) {
     ConvolutionWorkspace workspace(Values{1.0, w}, 2);
     Values estimate{1.0};
@@ -164,7 +164,7 @@ TEST(Deconvolve, EveryInstructionSetGivesTheSameBits) {
   }
 }
 
-TEST(Deconvolve, NotANumberEndsAtOnce) {
+TEST(Deconvolve, NaNEndsAfterOneIteration) {
   ConvolutionWorkspace workspace(Values{1.0, 0.0}, 5);
   Values const observed(4, std::numeric_limits<double>::quiet_NaN());
   Values estimate = observed;

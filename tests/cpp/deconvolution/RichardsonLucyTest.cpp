@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "deconvolution/PulseRecords.h"
+#include "deconvolution/PulseWaveforms.h"
 #include "support/ConsoleCapture.h"
 #include "support/SkewedScanner.h"
 
@@ -24,7 +24,7 @@ using Values = std::vector<double>;
 static_assert(!std::is_copy_constructible_v<Deconvolver>);
 static_assert(std::is_nothrow_move_constructible_v<Deconvolver>);
 
-TEST(RichardsonLucy, SizesFollowFromTheCount) {
+TEST(RichardsonLucy, SizesOf25Samples) {
   Deconvolver const deconvolver(skewedScanner(), 25);
   EXPECT_TRUE(deconvolver);
   EXPECT_EQ(deconvolver.error, "");
@@ -37,7 +37,7 @@ TEST(RichardsonLucy, SizesFollowFromTheCount) {
   EXPECT_NE(deconvolver.psf_reversed_spectrum(), nullptr);
 }
 
-TEST(RichardsonLucy, WithoutUpSamplingTheSizesAreThoseOfTheSamples) {
+TEST(RichardsonLucy, SizesWithoutUpSampling) {
   Deconvolver const deconvolver(skewedScanner(1), 25);
   EXPECT_EQ(deconvolver.upsampled_length, 25U);
   EXPECT_EQ(deconvolver.sys_length, 12U);
@@ -45,7 +45,7 @@ TEST(RichardsonLucy, WithoutUpSamplingTheSizesAreThoseOfTheSamples) {
   EXPECT_EQ(deconvolver.spectrum_bins, 19U);
 }
 
-TEST(RichardsonLucy, WithoutExponentialSumsItIsUnusable) {
+TEST(RichardsonLucy, IsUnusableWithoutExponentialSums) {
   Testing::ConsoleCapture const console;
   Deconvolver deconvolver(ScannerDevice(), 25);
   EXPECT_FALSE(deconvolver);
@@ -57,7 +57,7 @@ TEST(RichardsonLucy, WithoutExponentialSumsItIsUnusable) {
   EXPECT_EQ(out, Values(3, 0.0));
 }
 
-TEST(RichardsonLucy, WithoutSamplingIntervalOrSystemSamplesItIsUnusable) {
+TEST(RichardsonLucy, IsUnusableWithoutSamplingIntervalOrSystemWaveLength) {
   Testing::ConsoleCapture const console;
   ScannerDevice scanner = skewedScanner();
   scanner.sampling_time = 0.0;
@@ -70,10 +70,10 @@ TEST(RichardsonLucy, WithoutSamplingIntervalOrSystemSamplesItIsUnusable) {
   EXPECT_FALSE(Deconvolver(scanner, 25));
 }
 
-TEST(RichardsonLucy, UnusableItLeavesTheWaveAlone) {
+TEST(RichardsonLucy, AnUnusableObjectAddsNoPeaks) {
   Testing::ConsoleCapture const console;
   Deconvolver deconvolver(ScannerDevice(), 60);
-  Samples const samples = recordWithEchoes(60, {{20.0, 500.0}});
+  Samples const samples = waveformWithEchoes(60, {{20.0, 500.0}});
   WavePtr const wave = waveOf(samples, skewedScanner());
   EXPECT_EQ(deconvolver.apply(samples.data(), wave), 1);
   EXPECT_TRUE(wave->peaks.empty());
@@ -88,7 +88,7 @@ TEST(RichardsonLucy, CountZeroHasATransformShorterThanTheSystemWave) {
   EXPECT_EQ(out[79], 0.0);
 }
 
-TEST(RichardsonLucy, ACountThatNoTransformFitsIsALengthError) {
+TEST(RichardsonLucy, ACountBeyondTheMaximumTransformThrows) {
   // Five times this many values wrap to 0 in 32 bits.
   EXPECT_THROW((RichardsonLucy<unsigned short, ZeroCrossing>(skewedScanner(), 858993460U)),
                std::length_error);
@@ -96,22 +96,37 @@ TEST(RichardsonLucy, ACountThatNoTransformFitsIsALengthError) {
 
 TEST(RichardsonLucy, ConvolutionIsCentredAndStaysInsideItsTransform) {
   Deconvolver deconvolver(skewedScanner(1), 25);
-  // System wave of 12 samples, its middle at 5: value i of the result is value 5 + i - k of the wave.
+  // System wave of 12 samples with centre 5; the impulse at 2 gives value 3 + i of the system wave at i.
   for (std::size_t const length : {25UL, 31UL, 36UL, 40UL}) {
     Values x(length, 0.0);
     x[2] = 1.0;
     Values out(length, 9.0);
     deconvolver.convolution(x, deconvolver.psf_spectrum(), out);
-    double const largest = pulse(4.0);  // of the wave at whole samples
+    double const maximum = pulse(4.0);  // of the system wave at whole samples
     for (std::size_t i = 0; i < length; ++i) {
-      double const place = 3.0 + static_cast<double>(i);
-      double const expected = place < 12.0 ? pulse(place) / largest : 0.0;
+      double const t = 3.0 + static_cast<double>(i);
+      double const expected = t < 12.0 ? pulse(t) / maximum : 0.0;
       EXPECT_NEAR(out[i], expected, 1e-12) << length << " values, value " << i;
     }
   }
 }
 
-TEST(RichardsonLucy, ConvolutionIntoAShorterVectorStaysInsideIt) {
+TEST(RichardsonLucy, ConvolutionWrapsAroundAtTheTransformLength) {
+  Deconvolver deconvolver(skewedScanner(1), 25);
+  // 12 + 25 - 1 = 36 values. The impulse at 35 gives value k of the system wave at 35 + k of the full
+  // convolution; from 1 on these wrap to k - 1, which is out[k - 6].
+  ASSERT_EQ(deconvolver.fft_length, 36U);
+  Values x(36, 0.0);
+  x[35] = 1.0;
+  Values out(36, 9.0);
+  deconvolver.convolution(x, deconvolver.psf_spectrum(), out);
+  double const maximum = pulse(4.0);
+  for (std::size_t i = 0; i < 6; ++i) {
+    EXPECT_NEAR(out[i], pulse(6.0 + static_cast<double>(i)) / maximum, 1e-12) << "value " << i;
+  }
+}
+
+TEST(RichardsonLucy, ConvolutionIntoAnEmptyVectorWritesNothing) {
   Deconvolver deconvolver(skewedScanner(1), 25);
   Values out;
   deconvolver.convolution(Values(25, 1.0), deconvolver.psf_spectrum(), out);
@@ -120,13 +135,13 @@ TEST(RichardsonLucy, ConvolutionIntoAShorterVectorStaysInsideIt) {
   EXPECT_TRUE(out.empty());
 }
 
-TEST(RichardsonLucy, ItMovesAndWorksOn) {
+TEST(RichardsonLucy, CanBeMoved) {
   ScannerDevice const scanner = skewedScanner();
   Deconvolver first(scanner, 60);
   Deconvolver second(std::move(first));
   Deconvolver third(scanner, 10);
   third = std::move(second);
-  Samples const samples = recordWithEchoes(60, {{20.0, 500.0}});
+  Samples const samples = waveformWithEchoes(60, {{20.0, 500.0}});
   WavePtr const wave = waveOf(samples, scanner);
   third.apply(samples.data(), wave);
   ASSERT_FALSE(wave->peaks.empty());

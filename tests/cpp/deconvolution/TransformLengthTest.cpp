@@ -16,23 +16,23 @@ bool hasSmallFactors(std::uint32_t length) {
   return length == 1;
 }
 
-TEST(FastTransformLength, IsAtLeastWhatIsAskedForAndOfSmallFactors) {
-  for (std::uint32_t least = 1; least < 20000; ++least) {
-    std::uint32_t const length = fastTransformLength(least);
-    ASSERT_GE(length, least);
+TEST(FastTransformLength, IsEvenLongEnoughAndHasSmallFactors) {
+  for (std::uint32_t minLength = 1; minLength < 20000; ++minLength) {
+    std::uint32_t const length = fastTransformLength(minLength);
+    ASSERT_GE(length, minLength);
     EXPECT_TRUE(hasSmallFactors(length)) << length;
     EXPECT_EQ(length % 2, 0U) << length;
-    EXPECT_LE(length, least <= 32 ? 32 : least + least / 3) << least;
+    EXPECT_LE(length, minLength <= 32 ? 32 : minLength + minLength / 3) << minLength;
   }
 }
 
-TEST(FastTransformLength, AFastLengthIsItsOwn) {
+TEST(FastTransformLength, KeepsAFastLength) {
   for (std::uint32_t const length : {32U, 180U, 320U, 576U, 2048U, 2560U, 4096U, 1U << 30U}) {
     EXPECT_EQ(fastTransformLength(length), length);
   }
 }
 
-TEST(FastTransformLength, OfTheLadderSteps) {
+TEST(FastTransformLength, OfThePlanes) {
   EXPECT_EQ(fastTransformLength(176), 180U);
   EXPECT_EQ(fastTransformLength(301), 320U);
   EXPECT_EQ(fastTransformLength(426), 448U);
@@ -40,7 +40,7 @@ TEST(FastTransformLength, OfTheLadderSteps) {
   EXPECT_EQ(fastTransformLength(2049), 2560U);
 }
 
-TEST(FastTransformLength, WhatNoTransformCanHaveIsHandedBack) {
+TEST(FastTransformLength, ReturnsInvalidLengthsUnchanged) {
   EXPECT_EQ(fastTransformLength(0), 0U);
   EXPECT_EQ(fastTransformLength((1U << 30U) + 1U), (1U << 30U) + 1U);
   EXPECT_EQ(fastTransformLength(4294967295U), 4294967295U);

@@ -9,7 +9,7 @@
 namespace FullWaveform {
 namespace {
 
-constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
 struct Case {
@@ -18,7 +18,8 @@ struct Case {
   double std = 2.0;
 };
 
-/// Marks one echo against positions 10 to 30 and 50 counts; true when it was marked, and nothing else.
+/// Whether an echo is marked for positions 10 to 30 and a minimum of 50 counts; checks that only its quality
+/// changes.
 bool isMarked(Case const& values) {
   std::list<Peak> peaks{{values.amplitude, values.idx, 7.0, RAW, GOOD, values.std, 9, 1.5F}};
   unsigned short const minimum = 50;
@@ -39,26 +40,26 @@ TEST(MarkBadPeaks, EmptyListIsGood) {
   EXPECT_TRUE(peaks.empty());
 }
 
-TEST(MarkBadPeaks, PositionsUpToBothEndsAreGood) {
+TEST(MarkBadPeaks, PositionsAtTheBoundsAreGood) {
   EXPECT_FALSE(isMarked({.idx = 10.0}));
   EXPECT_FALSE(isMarked({.idx = 30.0}));
   EXPECT_TRUE(isMarked({.idx = std::nextafter(10.0, 0.0)}));
   EXPECT_TRUE(isMarked({.idx = std::nextafter(30.0, 40.0)}));
 }
 
-TEST(MarkBadPeaks, AmplitudesUpToFullScaleAreGood) {
+TEST(MarkBadPeaks, AmplitudesUpTo4096AreGood) {
   EXPECT_FALSE(isMarked({.amplitude = 4096.0}));
   EXPECT_TRUE(isMarked({.amplitude = 4096.5}));
   EXPECT_TRUE(isMarked({.amplitude = static_cast<double>(std::nextafter(4096.0F, 5000.0F))}));
 }
 
-TEST(MarkBadPeaks, AmplitudesDownToTheMinimumAreGood) {
+TEST(MarkBadPeaks, AmplitudesFromTheMinimumAreGood) {
   EXPECT_FALSE(isMarked({.amplitude = 50.0}));
   EXPECT_TRUE(isMarked({.amplitude = static_cast<double>(std::nextafter(50.0F, 0.0F))}));
 }
 
 TEST(MarkBadPeaks, AmplitudeIsComparedInSinglePrecision) {
-  // Rounds to 50 and to 4096 when it enters the record.
+  // Peak rounds these to 50 and 4096.
   EXPECT_FALSE(isMarked({.amplitude = 49.9999999}));
   EXPECT_FALSE(isMarked({.amplitude = 4096.0000001}));
 }
@@ -70,18 +71,18 @@ TEST(MarkBadPeaks, WidthsFromZeroToFiftyAreGood) {
   EXPECT_TRUE(isMarked({.std = std::nextafter(50.0, 60.0)}));
 }
 
-TEST(MarkBadPeaks, AllBoundsAtOnceAreGood) {
+TEST(MarkBadPeaks, SeveralBoundsAtOnceAreGood) {
   EXPECT_FALSE(isMarked({.amplitude = 4096.0, .idx = 10.0, .std = 50.0}));
 }
 
-TEST(MarkBadPeaks, NotANumberPasses) {
-  EXPECT_FALSE(isMarked({.amplitude = notANumber, .idx = notANumber, .std = notANumber}));
+TEST(MarkBadPeaks, NaNPasses) {
+  EXPECT_FALSE(isMarked({.amplitude = nan, .idx = nan, .std = nan}));
 }
 
-TEST(MarkBadPeaks, OneBadValueBesideNotANumberIsEnough) {
-  EXPECT_TRUE(isMarked({.amplitude = 5000.0, .idx = notANumber, .std = notANumber}));
-  EXPECT_TRUE(isMarked({.amplitude = notANumber, .idx = 31.0, .std = notANumber}));
-  EXPECT_TRUE(isMarked({.amplitude = notANumber, .idx = notANumber, .std = -1.0}));
+TEST(MarkBadPeaks, OneBadValueAmongNaNsIsEnough) {
+  EXPECT_TRUE(isMarked({.amplitude = 5000.0, .idx = nan, .std = nan}));
+  EXPECT_TRUE(isMarked({.amplitude = nan, .idx = 31.0, .std = nan}));
+  EXPECT_TRUE(isMarked({.amplitude = nan, .idx = nan, .std = -1.0}));
 }
 
 TEST(MarkBadPeaks, InfinitiesAreBad) {
@@ -97,7 +98,7 @@ TEST(MarkBadPeaks, RangeMayBeNegativeOrReversed) {
   EXPECT_FALSE(markBadPeaks(peaks, 1, -1, minimum));
 }
 
-TEST(MarkBadPeaks, FormerMarksStay) {
+TEST(MarkBadPeaks, ExistingMarksStay) {
   std::list<Peak> peaks{{100.0, 20.0, 0.0, RAW, EXCEEDS_RANGE, 2.0, 0, 0.0F},
                         {100.0, 20.0, 0.0, RAW, AFTERPULS, 2.0, 0, 0.0F}};
   unsigned short const minimum = 50;
@@ -106,14 +107,14 @@ TEST(MarkBadPeaks, FormerMarksStay) {
   EXPECT_EQ(peaks.back().quality, AFTERPULS);
 }
 
-TEST(MarkBadPeaks, AfterPulseOutOfRangeBecomesBad) {
+TEST(MarkBadPeaks, AnAfterPulseOutOfRangeIsMarked) {
   std::list<Peak> peaks{{100.0, 31.0, 0.0, RAW, AFTERPULS, 2.0, 0, 0.0F}};
   unsigned short const minimum = 50;
   EXPECT_FALSE(markBadPeaks(peaks, 10, 30, minimum));
   EXPECT_EQ(peaks.front().quality, EXCEEDS_RANGE);
 }
 
-TEST(MarkBadPeaks, OneBadEchoMakesTheResultFalseAndLeavesTheOthers) {
+TEST(MarkBadPeaks, OneBadEchoReturnsFalseAndLeavesTheOthersGood) {
   std::list<Peak> peaks{{5000.0, 20.0, 0.0, RAW, GOOD, 2.0, 0, 0.0F},
                         {100.0, 20.0, 0.0, RAW, GOOD, 2.0, 0, 0.0F}};
   unsigned short const minimum = 50;

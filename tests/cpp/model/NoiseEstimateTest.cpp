@@ -10,7 +10,7 @@
 #include <fullwaveform/model/WavePoints.h>
 #include <gtest/gtest.h>
 
-#include "NoiseRecords.h"
+#include "NoiseWaveforms.h"
 #include "support/TestWaveforms.h"
 
 namespace FullWaveform {
@@ -18,7 +18,7 @@ namespace {
 
 using Testing::Samples;
 
-std::uint32_t levelOf(Samples const& samples) {
+std::uint32_t estimateOf(Samples const& samples) {
   return estimateNoise(std::span<unsigned short const>(samples));
 }
 
@@ -27,114 +27,114 @@ Samples operator+(Samples left, Samples const& right) {
   return left;
 }
 
-TEST(NoiseEstimate, EmptyRecordGivesTheDefault) {
-  EXPECT_EQ(levelOf({}), 180U);
+TEST(NoiseEstimate, AnEmptyWaveformGives180) {
+  EXPECT_EQ(estimateOf({}), 180U);
 }
 
-TEST(NoiseEstimate, FewerThanTwoSamplesAboveTenGiveTheDefault) {
-  EXPECT_EQ(levelOf({0}), 180U);
-  EXPECT_EQ(levelOf({4000}), 180U);
-  EXPECT_EQ(levelOf(Samples(50, 10)), 180U);
-  EXPECT_EQ(levelOf({10, 10, 11, 10, 10}), 180U);
+TEST(NoiseEstimate, FewerThanTwoSamplesAbove10Give180) {
+  EXPECT_EQ(estimateOf({0}), 180U);
+  EXPECT_EQ(estimateOf({4000}), 180U);
+  EXPECT_EQ(estimateOf(Samples(50, 10)), 180U);
+  EXPECT_EQ(estimateOf({10, 10, 11, 10, 10}), 180U);
 }
 
-TEST(NoiseEstimate, DefaultIsNotDoubledForASaturatedSample) {
-  EXPECT_EQ(levelOf({3, 3000, 3}), 180U);
+TEST(NoiseEstimate, TheDefaultIsNotDoubled) {
+  EXPECT_EQ(estimateOf({3, 3000, 3}), 180U);
 }
 
-TEST(NoiseEstimate, TwoToNineteenSamplesAboveTenGiveTheIndefiniteValue) {
-  EXPECT_EQ(levelOf({11, 11}), 0x80000000U);
+TEST(NoiseEstimate, TwoTo19SamplesAbove10GiveTheIndefiniteValue) {
+  EXPECT_EQ(estimateOf({11, 11}), 0x80000000U);
   for (std::size_t above = 2; above <= 19; ++above) {
-    EXPECT_EQ(levelOf(Samples(above, 50)), 0x80000000U) << above;
-    EXPECT_EQ(levelOf(Samples(above, 50) + Samples(30, 10)), 0x80000000U) << above;
+    EXPECT_EQ(estimateOf(Samples(above, 50)), 0x80000000U) << above;
+    EXPECT_EQ(estimateOf(Samples(above, 50) + Samples(30, 10)), 0x80000000U) << above;
   }
 }
 
-TEST(NoiseEstimate, IndefiniteValueIsStoredAsNoiseZero) {
+TEST(NoiseEstimate, TheIndefiniteValueIsStoredAsNoiseZero) {
   Samples const samples(19, 50);
   WavePoints<unsigned short> const wave(samples.data(), 0, 0.0, 0.0, 19, -1, ScannerDevice());
   EXPECT_EQ(wave.noise, 0);
 }
 
-TEST(NoiseEstimate, TwentyEqualSamplesGiveTheirOwnLevel) {
-  EXPECT_EQ(levelOf(Samples(20, 50)), 50U);
+TEST(NoiseEstimate, TwentyEqualSamplesGiveTheirValue) {
+  EXPECT_EQ(estimateOf(Samples(20, 50)), 50U);
 }
 
 // k = 2 of 20: a line through two values leaves no residual. Rank 1 of 20 is the second smallest value.
-TEST(NoiseEstimate, LevelIsTheValueOfRankFivePercent) {
+TEST(NoiseEstimate, IsTheSampleOfRankFivePercent) {
   Samples samples(20, 50);
   samples[7] = 20;
   samples[12] = 30;
-  EXPECT_EQ(levelOf(samples), 30U);
+  EXPECT_EQ(estimateOf(samples), 30U);
 }
 
 TEST(NoiseEstimate, RankIsTruncated) {
-  Samples samples(39, 50);  // 0.05 x 39 = 1.95; three values at the front stay on a line
+  Samples samples(39, 50);  // 0.05 x 39 = 1.95; the first three values are on a line
   samples[7] = 20;
   samples[12] = 30;
   samples[20] = 40;
-  EXPECT_EQ(levelOf(samples), 30U);
+  EXPECT_EQ(estimateOf(samples), 30U);
 }
 
 // Values 50, 53, 50 over 0, 1, 2: slope 0, intercept 51, residuals -1, 2, -1; five times 3, plus 50.
-TEST(NoiseEstimate, SpreadOfTheEndCountsFiveTimes) {
+TEST(NoiseEstimate, AddsFiveTimesTheSpread) {
   Samples const bumpy{50, 53, 50};
-  EXPECT_EQ(levelOf(bumpy + Samples(27, 50)), 65U);
+  EXPECT_EQ(estimateOf(bumpy + Samples(27, 50)), 65U);
 }
 
-// The last sample is below the first: the bump at the end is measured, the one in front is not.
-TEST(NoiseEstimate, DescendingRecordIsMeasuredAtItsEnd) {
-  EXPECT_EQ(levelOf(Samples{51, 59, 51} + Samples(24, 50) + Samples{50, 53, 50}), 65U);
+// The last sample is below the first: the spread is measured at the end, not at the beginning.
+TEST(NoiseEstimate, ADescendingWaveformIsMeasuredAtItsEnd) {
+  EXPECT_EQ(estimateOf(Samples{51, 59, 51} + Samples(24, 50) + Samples{50, 53, 50}), 65U);
 }
 
-TEST(NoiseEstimate, EqualEndsAreMeasuredInFront) {
-  EXPECT_EQ(levelOf(Samples{50, 53, 50} + Samples(24, 50) + Samples{50, 59, 50}), 65U);
+TEST(NoiseEstimate, EqualEndsAreMeasuredAtTheBeginning) {
+  EXPECT_EQ(estimateOf(Samples{50, 53, 50} + Samples(24, 50) + Samples{50, 59, 50}), 65U);
 }
 
-TEST(NoiseEstimate, RawEndSamplesDecideEvenBelowTen) {
+TEST(NoiseEstimate, TheEndSamplesAreComparedEvenBelow10) {
   // First 5, last 3: descending, so the last three collected values (50, 53, 50) are taken.
-  EXPECT_EQ(levelOf(Samples{5, 50, 59, 50} + Samples(24, 50) + Samples{50, 53, 50, 3}), 65U);
-  EXPECT_EQ(levelOf(Samples{3, 50, 53, 50} + Samples(24, 50) + Samples{50, 59, 50, 5}), 65U);
+  EXPECT_EQ(estimateOf(Samples{5, 50, 59, 50} + Samples(24, 50) + Samples{50, 53, 50, 3}), 65U);
+  EXPECT_EQ(estimateOf(Samples{3, 50, 53, 50} + Samples(24, 50) + Samples{50, 59, 50, 5}), 65U);
 }
 
-// 200 values: ten, not twenty, make the line; the bump at the eleventh place does not count.
-TEST(NoiseEstimate, AtMostTenValuesMakeTheLine) {
+// 200 values: the line is fitted to ten, not twenty, so the eleventh has no effect.
+TEST(NoiseEstimate, TheLineIsFittedToAtMostTenValues) {
   Samples samples(200, 50);
   samples[10] = 80;
-  EXPECT_EQ(levelOf(samples), 50U);
+  EXPECT_EQ(estimateOf(samples), 50U);
 }
 
-TEST(NoiseEstimate, OnlySamplesAboveTenAreCollected) {
-  EXPECT_EQ(levelOf(Samples(40, 10) + Samples(20, 11)), 11U);
+TEST(NoiseEstimate, OnlySamplesAbove10AreUsed) {
+  EXPECT_EQ(estimateOf(Samples(40, 10) + Samples(20, 11)), 11U);
 }
 
-TEST(NoiseEstimate, StrongestAbove1800Doubles) {
+TEST(NoiseEstimate, AMaximumAbove1800Doubles) {
   Samples samples(30, 50);
   samples[15] = 1800;
-  EXPECT_EQ(levelOf(samples), 50U);
+  EXPECT_EQ(estimateOf(samples), 50U);
   samples[15] = 1801;
-  EXPECT_EQ(levelOf(samples), 100U);
+  EXPECT_EQ(estimateOf(samples), 100U);
 }
 
-TEST(NoiseEstimate, FirstAndLastSampleCanSaturateToo) {
+TEST(NoiseEstimate, FirstAndLastSampleCountForTheMaximum) {
   // The first three are 2000, 50, 50: slope -975, intercept 1675; residuals 325, -650, 325.
-  EXPECT_EQ(levelOf(Samples{2000} + Samples(28, 50) + Samples{2000}), 2U * (5U * 975U + 50U));
+  EXPECT_EQ(estimateOf(Samples{2000} + Samples(28, 50) + Samples{2000}), 2U * (5U * 975U + 50U));
 }
 
-class NoiseRecords : public testing::TestWithParam<std::size_t> {};
+class NoiseWaveforms : public testing::TestWithParam<std::size_t> {};
 
-TEST_P(NoiseRecords, AgreeWithPlainArithmetic) {
-  Testing::NoiseRecord const record = Testing::noiseRecords.at(GetParam());
-  EXPECT_EQ(estimateNoise(record.samples), record.level) << record.kind;
-  WavePoints<unsigned short> const wave(record.samples.data(), 0, 0.0, 0.0,
-                                        static_cast<int>(record.samples.size()), -1, ScannerDevice());
-  EXPECT_EQ(wave.noise, record.level & 0xFFFFU) << record.kind;
+TEST_P(NoiseWaveforms, AgreeWithPython) {
+  Testing::NoiseWaveform const known = Testing::noiseWaveforms.at(GetParam());
+  EXPECT_EQ(estimateNoise(known.samples), known.level) << known.kind;
+  WavePoints<unsigned short> const wave(known.samples.data(), 0, 0.0, 0.0,
+                                        static_cast<int>(known.samples.size()), -1, ScannerDevice());
+  EXPECT_EQ(wave.noise, known.level & 0xFFFFU) << known.kind;
 }
 
-INSTANTIATE_TEST_SUITE_P(NoiseEstimate, NoiseRecords,
-                         testing::Range<std::size_t>(0, Testing::noiseRecords.size()));
+INSTANTIATE_TEST_SUITE_P(NoiseEstimate, NoiseWaveforms,
+                         testing::Range<std::size_t>(0, Testing::noiseWaveforms.size()));
 
-TEST(NoiseEstimate, NothingOutsideTheRecordIsRead) {
+TEST(NoiseEstimate, DoesNotReadOutsideTheWaveform) {
   for (std::size_t const length : {1U, 2U, 19U, 20U, 35U}) {
     Testing::withGuardedCopies(Samples(length, 50), [length](unsigned short const* samples) {
       EXPECT_NE(estimateNoise(std::span(samples, length)), 1U);
@@ -142,8 +142,8 @@ TEST(NoiseEstimate, NothingOutsideTheRecordIsRead) {
   }
 }
 
-/// The estimate as it is written in a book: collect, sort, and a straight line.
-std::uint32_t plainLevel(std::span<unsigned short const> samples) {
+/// The estimate implemented plainly: collect, sort and fit a line.
+std::uint32_t plainEstimate(std::span<unsigned short const> samples) {
   std::vector<double> collected;
   for (unsigned short const sample : samples) {
     if (sample > 10) {
@@ -173,53 +173,53 @@ std::uint32_t plainLevel(std::span<unsigned short const> samples) {
   for (std::size_t i = 0; i < k; ++i) {
     residuals.push_back(line[i] - intercept - slope * static_cast<double>(i));
   }
-  auto const [least, most] = std::minmax_element(residuals.begin(), residuals.end());
+  auto const [min, max] = std::minmax_element(residuals.begin(), residuals.end());
   std::sort(collected.begin(), collected.end());
-  double const lowest = collected[static_cast<std::size_t>(0.05 * static_cast<double>(collected.size()))];
-  double level = (*most - *least) * 5.0 + lowest;
+  double const percentile = collected[static_cast<std::size_t>(0.05 * static_cast<double>(collected.size()))];
+  double level = (*max - *min) * 5.0 + percentile;
   if (collected.back() > 1800.0) {
     level *= 2.0;
   }
   return std::isnan(level) ? 0x80000000U : static_cast<std::uint32_t>(level);
 }
 
-TEST(NoiseEstimate, RandomRecordsAtEveryAddressGiveWhatSortingGives) {
-  std::mt19937 chance(9);
-  auto const between = [&chance](int least, int most) {
-    return std::uniform_int_distribution<int>(least, most)(chance);
+TEST(NoiseEstimate, AgreesWithSortingForRandomWaveformsOfAnyAlignment) {
+  std::mt19937 rng(9);
+  auto const between = [&rng](int low, int high) {
+    return std::uniform_int_distribution<int>(low, high)(rng);
   };
   for (int number = 0; number < 20000; ++number) {
     std::size_t const length = static_cast<std::size_t>(between(0, number % 100 == 0 ? 3000 : 200));
     std::size_t const shift = static_cast<std::size_t>(number % 32);
-    // Few values close together, a wide floor, or anything that sixteen bits hold, some of it not signal.
-    int const lowest = between(0, 2) == 0 ? between(0, 12) : between(11, 4000);
-    int const highest = std::min(65535, lowest + (1 << between(0, 16)));
+    // Few close values, a wide baseline, or any 16-bit values, some of them not above 10.
+    int const min = between(0, 2) == 0 ? between(0, 12) : between(11, 4000);
+    int const max = std::min(65535, min + (1 << between(0, 16)));
     Samples memory(shift + length);
     for (unsigned short& sample : memory) {
-      sample = static_cast<unsigned short>(between(lowest, highest));
+      sample = static_cast<unsigned short>(between(min, max));
     }
-    std::span<unsigned short const> const record = std::span(memory).subspan(shift);
-    EXPECT_EQ(estimateNoise(record), plainLevel(record)) << number;
+    std::span<unsigned short const> const waveform = std::span(memory).subspan(shift);
+    EXPECT_EQ(estimateNoise(waveform), plainEstimate(waveform)) << number;
   }
 }
 
-// The rank is taken from the values as they are sorted; 41 values, k = 4, rank 2.
-TEST(NoiseEstimate, RankIsThatOfTheSortedValuesWhereverTheyLie) {
+// 41 values: k = 4, rank 2.
+TEST(NoiseEstimate, RankIsThatOfTheSortedSamples) {
   Samples samples(41, 60000);
   std::fill(samples.begin(), samples.begin() + 4, 65535);
   std::fill(samples.end() - 4, samples.end(), 700);
   samples[20] = 300;
   samples[11] = 301;
-  // The last values are the flatter end and lie on a line; ranks 0 to 2 are 300, 301, 700; saturated.
-  EXPECT_EQ(levelOf(samples), 1400U);
+  // The last values are on a line; ranks 0 to 2 are 300, 301, 700; doubled because of the maximum.
+  EXPECT_EQ(estimateOf(samples), 1400U);
 }
 
-TEST(NoiseEstimate, RecordsLongerThanSixteenBitsCount) {
+TEST(NoiseEstimate, MoreThan65535SamplesAreCounted) {
   Samples samples(70000, 9);
   std::fill(samples.begin(), samples.begin() + 69000, 40);
   samples.front() = 9;
-  // Of 68999 values the lowest twentieth is 40 as well; k = 10 of the first ones, on a line.
-  EXPECT_EQ(levelOf(samples), 40U);
+  // All 68999 values above 10 are 40.
+  EXPECT_EQ(estimateOf(samples), 40U);
 }
 
 }  // namespace

@@ -13,7 +13,7 @@ namespace {
 
 using Wave = WavePoints<unsigned short>;
 
-constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 
 Peak peakAt(double idx, double time = 0.0, unsigned char classification = 0) {
   return {100.0, idx, time, RAW, GOOD, 1.0, classification, 0.0F};
@@ -38,7 +38,7 @@ std::vector<unsigned> qualities(Wave const& wave) {
 using Classes = std::vector<int>;
 using Qualities = std::vector<unsigned>;
 
-TEST(PeakList, GrowsAtItsEndAndIsCleared) {
+TEST(PeakList, PushBackAppendsAndClearEmpties) {
   Wave wave;
   EXPECT_EQ(wave.size(), 0U);
   wave.push_back(peakAt(3.0));
@@ -73,7 +73,7 @@ TEST(PeakList, SortByIndexIsAscendingAndStable) {
   EXPECT_EQ(classes(wave), (Classes{4, 2, 5, 1, 3}));
 }
 
-TEST(PeakList, StrongestSampleCanBeWritten) {
+TEST(PeakList, MaximumIsWritable) {
   Wave wave;
   wave.getMaxAmplitude() = 900;
   wave.getIdxOfMaxAmplitude() = 12;
@@ -97,14 +97,14 @@ TEST(PeakList, SignalIsAboveNoiseOnlyWhenStrictlyAbove) {
   EXPECT_TRUE(wave.signalIsAboveNoise());
 }
 
-TEST(PeakList, WaveformIsNeverInvalid) {
+TEST(PeakList, IsNaNIsAlwaysFalse) {
   Wave wave;
   EXPECT_FALSE(wave.isNaN());
-  wave.push_back(peakAt(notANumber, notANumber));
+  wave.push_back(peakAt(nan, nan));
   EXPECT_FALSE(wave.isNaN());
 }
 
-TEST(PeakList, OnlineIsDecidedByTheFirstEchoAlone) {
+TEST(PeakList, IsOnlineDependsOnTheFirstEchoOnly) {
   Wave wave;
   EXPECT_FALSE(wave.isOnline());
   EXPECT_TRUE(wave.online);
@@ -116,14 +116,14 @@ TEST(PeakList, OnlineIsDecidedByTheFirstEchoAlone) {
   EXPECT_TRUE(wave.isOnline());
 }
 
-TEST(PeakList, RangeFromFirstToLastIsAlwaysZero) {
+TEST(PeakList, RangeFromFirstToLastPeakIsAlwaysZero) {
   Wave wave;
   wave.peaks = {peakAt(1.0, 1.0), peakAt(90.0, 2.0)};
   EXPECT_EQ(wave.rangeFromFirstToLastPeak(1e-9), 0.0);
-  EXPECT_EQ(wave.rangeFromFirstToLastPeak(notANumber), 0.0);
+  EXPECT_EQ(wave.rangeFromFirstToLastPeak(nan), 0.0);
 }
 
-TEST(PeakList, ClassificationIsSetForAll) {
+TEST(PeakList, SetClassificationChangesAllEchoes) {
   Wave wave;
   wave.setClassification(5);
   EXPECT_EQ(wave.size(), 0U);
@@ -141,14 +141,14 @@ class AfterPulse : public testing::Test {
   Wave wave;
 };
 
-TEST_F(AfterPulse, BothEndsOfTheWindowAreInside) {
+TEST_F(AfterPulse, BoundsOfTheWindowAreInside) {
   wave.peaks = {peakAt(12.999999), peakAt(13.0), peakAt(16.0), peakAt(20.0), peakAt(20.000001)};
   wave.testIfAfterPulse();
   EXPECT_EQ(qualities(wave), (Qualities{0, 1, 1, 1, 0}));
   EXPECT_EQ(classes(wave), (Classes{0, 7, 7, 7, 0}));
 }
 
-TEST_F(AfterPulse, WeakReturnHasNone) {
+TEST_F(AfterPulse, NeedsAMaximumOf800) {
   wave.maxAmplitude = 799;
   wave.peaks = {peakAt(15.0)};
   wave.testIfAfterPulse();
@@ -158,34 +158,34 @@ TEST_F(AfterPulse, WeakReturnHasNone) {
   EXPECT_EQ(qualities(wave), Qualities{1});
 }
 
-TEST_F(AfterPulse, WithoutWindowNothingIsMarked) {
+TEST_F(AfterPulse, WithoutAWindowNoEchoIsMarked) {
   wave.afterPulse.clear();
   wave.peaks = {peakAt(15.0)};
   wave.testIfAfterPulse();
   EXPECT_EQ(qualities(wave), Qualities{0});
 }
 
-TEST_F(AfterPulse, WithoutEchoesNothingHappens) {
+TEST_F(AfterPulse, WithoutEchoesHasNoEffect) {
   wave.testIfAfterPulse();
   EXPECT_EQ(wave.size(), 0U);
 }
 
-TEST_F(AfterPulse, EveryWindowCounts) {
+TEST_F(AfterPulse, AllWindowsApply) {
   wave.afterPulse = {{1.0, 2.0}, {10.0, 11.0}};
   wave.peaks = {peakAt(1.5), peakAt(5.0), peakAt(10.5)};
   wave.testIfAfterPulse();
   EXPECT_EQ(qualities(wave), (Qualities{1, 0, 1}));
 }
 
-TEST_F(AfterPulse, NotANumberLiesInNoWindow) {
+TEST_F(AfterPulse, NaNIsInNoWindow) {
   wave.afterPulse = {{-std::numeric_limits<double>::infinity(), std::numeric_limits<double>::infinity()}};
-  wave.peaks = {peakAt(notANumber)};
+  wave.peaks = {peakAt(nan)};
   wave.testIfAfterPulse();
   EXPECT_EQ(qualities(wave), Qualities{0});
 }
 
-TEST_F(AfterPulse, ClassCodeOfTheHostIsReadAtEachCall) {
-  unsigned char const former = Quorvane::TarnClass::afterpulse;
+TEST_F(AfterPulse, TheClassCodeIsReadAtEachCall) {
+  unsigned char const original = Quorvane::TarnClass::afterpulse;
   wave.peaks = {peakAt(15.0)};
   Quorvane::TarnClass::afterpulse = 21;
   wave.testIfAfterPulse();
@@ -193,17 +193,17 @@ TEST_F(AfterPulse, ClassCodeOfTheHostIsReadAtEachCall) {
   Quorvane::TarnClass::afterpulse = 22;
   wave.testIfAfterPulse();
   EXPECT_EQ(classes(wave), Classes{22});
-  Quorvane::TarnClass::afterpulse = former;
+  Quorvane::TarnClass::afterpulse = original;
 }
 
-TEST_F(AfterPulse, MarkReplacesAFormerQuality) {
+TEST_F(AfterPulse, ReplacesAnExistingQuality) {
   wave.peaks = {peakAt(15.0)};
   wave.peaks.front().quality = EXCEEDS_RANGE;
   wave.testIfAfterPulse();
   EXPECT_EQ(qualities(wave), Qualities{1});
 }
 
-TEST_F(AfterPulse, ClassificationOverwritesTheClassButNotTheQuality) {
+TEST_F(AfterPulse, SetClassificationKeepsTheQuality) {
   wave.peaks = {peakAt(15.0)};
   wave.testIfAfterPulse();
   wave.setClassification(3);

@@ -74,19 +74,19 @@ TEST(ConvertType, EveryTypeHasItsText) {
   EXPECT_EQ(convertType(FLAW), "Flaw echo/noise");
 }
 
-TEST(ConvertType, UnknownTypeKeepsItsBlank) {
+TEST(ConvertType, AnUnknownTypeHasATrailingBlank) {
   for (std::uint32_t const value : {8U, 9U, 1000U, 4294967295U}) {
     EXPECT_EQ(convertType(static_cast<TYPE>(value)), "Unknown ");
   }
 }
 
-TEST(Peak, IndexInTheFullWaveformAddsTheOffset) {
+TEST(Peak, GetIdxAddsTheOffset) {
   Peak const peak = peakOf(1.0, 57.25);
   EXPECT_EQ(peak.getIdx(0.0), 57.25);
   EXPECT_EQ(peak.getIdx(100.5), 157.75);
 }
 
-TEST(Peak, IndexAsTimeMultipliesAfterTheOffset) {
+TEST(Peak, GetIdxAsTimeMultipliesAfterAddingTheOffset) {
   Peak const peak = peakOf(1.0, 57.3);
   for (double const offset : {0.0, 0.1, 12.7}) {
     EXPECT_EQ(peak.getIdxAsTime(1e-9, offset), peak.getIdx(offset) * 1e-9);
@@ -111,7 +111,7 @@ TEST(PeakPrint, TimeIsShownAsOneWayRange) {
   EXPECT_NE(peakOf(1.0, 2.0, -1.0).print().find(" time=-149854128[m] std="), std::string::npos);
 }
 
-TEST(PeakPrint, SinglePrecisionFieldsKeepTheirShortForm) {
+TEST(PeakPrint, SinglePrecisionFieldsHaveTheirShortestForm) {
   Peak peak = peakOf(0.1, 0.1);
   peak.reflectance = 0.3F;
   EXPECT_EQ(peak.print(),
@@ -131,13 +131,13 @@ TEST(PeakPrint, EveryQualityHasItsText) {
   EXPECT_TRUE(shows(4294967295U, "Unknown"));
 }
 
-TEST(PeakPrint, UnknownTypeLeavesTwoBlanks) {
+TEST(PeakPrint, AnUnknownTypeIsFollowedByTwoBlanks) {
   Peak peak = peakOf(1.0, 1.0);
   peak.type = static_cast<TYPE>(8);
   EXPECT_NE(peak.print().find(" type=Unknown  Qual=GOOD"), std::string::npos);
 }
 
-TEST(PeakPrint, NotFiniteFieldsHaveTheirWords) {
+TEST(PeakPrint, NonFiniteFieldsArePrinted) {
   Peak peak = peakOf(1.0, std::numeric_limits<double>::infinity());
   peak.std = std::numeric_limits<double>::quiet_NaN();
   std::string const text = peak.print();

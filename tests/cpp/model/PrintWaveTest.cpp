@@ -26,7 +26,7 @@ class PrintWave : public ::testing::Test {
   Testing::ConsoleCapture console;
 };
 
-TEST_F(PrintWave, PlotsSamplesOverTheirIndex) {
+TEST_F(PrintWave, PlotsSamplesAgainstTheirIndex) {
   std::vector<unsigned short> const samples{5, 900, 20, 1500, 10, 5, 5, 5, 5, 5, 5,
                                             5, 5,   5,  5,    5,  5, 5, 5, 5, 5};
   printWave(samples.data(), 21U, file, false);
@@ -66,7 +66,7 @@ TEST_F(PrintWave, WithoutValuesThePageHasNoLine) {
   EXPECT_EQ(DrawnPage(file).boxOf(firstCurve).count, 0);
 }
 
-TEST_F(PrintWave, NullIsLikeNoValues) {
+TEST_F(PrintWave, NullIsTreatedAsNoValues) {
   printWave<double>(nullptr, 5U, file, true);
   printWave<unsigned short>(nullptr, 5U, file, true);
   EXPECT_EQ(console.messages(),
@@ -78,7 +78,7 @@ TEST_F(PrintWave, OneSampleIsADot) {
   unsigned short const sample = 180;
   printWave(&sample, 1U, file, false);
   PdfPage const page(file);
-  // A tenth of 180 to both sides.
+  // The axis extends by a tenth of 180 to both sides.
   EXPECT_TRUE(page.shows("170"));
   EXPECT_TRUE(page.shows("180"));
   EXPECT_TRUE(page.shows("190"));
@@ -95,21 +95,21 @@ TEST_F(PrintWave, FlagMarksEveryValue) {
   EXPECT_GT(DrawnPage(file).boxOf(firstCurve).count, plain + 30 * 10);
 }
 
-TEST_F(PrintWave, IsAFigureNotAPage) {
+TEST_F(PrintWave, HasTheSizeOfAFigure) {
   unsigned short const sample = 7;
   printWave(&sample, 1U, file, true);
   // 180 mm by 110 mm in points.
   EXPECT_TRUE(PdfPage(file).information().find("510.236 x 311.811 pts") != std::string::npos);
 }
 
-TEST_F(PrintWave, ValuesThatAreNotFiniteAreLeftOut) {
+TEST_F(PrintWave, NonFiniteValuesLeaveAGap) {
   double const infinity = std::numeric_limits<double>::infinity();
   std::vector<double> const values{1.0, 2.0, infinity, std::numeric_limits<double>::quiet_NaN(), 3.0, 4.0};
   printWave(values.data(), 6U, file, false);
   EXPECT_GT(DrawnPage(file).gapsOf(firstCurve), 300);
 }
 
-TEST_F(PrintWave, AFileThatCannotBeWrittenIsLeftAlone) {
+TEST_F(PrintWave, WriteErrorsAreIgnored) {
   unsigned short const sample = 7;
   EXPECT_NO_THROW(printWave(&sample, 1U, directory.path() / "missing" / "wave.pdf", false));
   EXPECT_TRUE(console.messages().empty());

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "SegmentRecords.h"
+#include "SegmentWaveforms.h"
 #include "support/TestWaveforms.h"
 
 namespace FullWaveform {
@@ -32,30 +32,30 @@ TEST(Segmentation, WorkedExample) {
   EXPECT_EQ(found.idxOfMax, 2U);
 }
 
-TEST(Segmentation, RecordThatNeverFallsIsOneSegmentFromOne) {
+TEST(Segmentation, AWaveformAboveTheNoiseIsOneSegmentFromOne) {
   EXPECT_EQ(startEndOf({50, 50, 50, 50, 50, 50}), (StartEnd{{1, 4}}));
 }
 
-TEST(Segmentation, RecordAllBelowHasNone) {
+TEST(Segmentation, AWaveformNotAboveTheNoiseHasNone) {
   EXPECT_EQ(startEndOf(Samples(20, 9)), StartEnd{});
   EXPECT_EQ(startEndOf(Samples(20, 10)), StartEnd{});
 }
 
-TEST(Segmentation, EveryRunAboveIsASegment) {
+TEST(Segmentation, EveryRunAboveTheNoiseIsASegment) {
   EXPECT_EQ(startEndOf({5, 5, 50, 5, 5, 50, 50, 5, 5}), (StartEnd{{1, 3}, {4, 7}}));
 }
 
-TEST(Segmentation, SampleEqualToTheNoiseNeitherOpensNorCloses) {
+TEST(Segmentation, ASampleEqualToTheNoiseNeitherStartsNorEndsASegment) {
   EXPECT_EQ(startEndOf({5, 10, 10, 50, 10, 10, 5, 5}), (StartEnd{{2, 6}}));
   EXPECT_EQ(startEndOf({5, 50, 10, 50, 10, 5, 5}), (StartEnd{{0, 5}}));
 }
 
-TEST(Segmentation, FirstSampleEqualToTheNoiseIsNotInside) {
+TEST(Segmentation, AFirstSampleEqualToTheNoiseIsNotInASegment) {
   EXPECT_EQ(startEndOf({10, 10, 5, 5, 5}), StartEnd{});
   EXPECT_EQ(startEndOf({11, 10, 5, 5, 5}), (StartEnd{{1, 2}}));
 }
 
-TEST(Segmentation, RecordThatEndsAboveEndsTwoBeforeItsCount) {
+TEST(Segmentation, AnOpenSegmentEndsAtTheSecondToLastSample) {
   EXPECT_EQ(startEndOf({5, 5, 50, 50, 50}), (StartEnd{{1, 3}}));
   EXPECT_EQ(startEndOf({5, 5, 5, 50, 50}), (StartEnd{{2, 3}}));
 }
@@ -66,11 +66,11 @@ TEST(Segmentation, LastSampleIsNeverExamined) {
 }
 
 // The first segment is 1 to 1; a second one, opened by the sample at 2, starts at 1 too.
-TEST(Segmentation, SegmentOfTheSameStartOverwritesTheEnd) {
+TEST(Segmentation, ASegmentWithTheSameStartReplacesTheEnd) {
   EXPECT_EQ(startEndOf({50, 5, 50, 5, 5}), (StartEnd{{1, 3}}));
 }
 
-TEST(Segmentation, RecordsOfOneAndTwoSamplesEndBeforeTheyStart) {
+TEST(Segmentation, SegmentsOfOneOrTwoSamplesWrap) {
   EXPECT_EQ(startEndOf({}), StartEnd{});
   EXPECT_EQ(startEndOf({5}), StartEnd{});
   EXPECT_EQ(startEndOf({50}), (StartEnd{{1, 4294967295U}}));
@@ -78,34 +78,34 @@ TEST(Segmentation, RecordsOfOneAndTwoSamplesEndBeforeTheyStart) {
   EXPECT_EQ(startEndOf({50, 5}), (StartEnd{{1, 0}}));
 }
 
-TEST(Segmentation, FirstOfEqualMaximaWins) {
+TEST(Segmentation, ReturnsTheFirstOfEqualMaxima) {
   Segmentation const found = segment({5, 5, 60, 5, 60, 60, 5});
   EXPECT_EQ(found.max, 60);
   EXPECT_EQ(found.idxOfMax, 2U);
 }
 
-TEST(Segmentation, StrongestSampleAtEitherEndIsNotSeen) {
+TEST(Segmentation, TheMaximumExcludesFirstAndLastSample) {
   Segmentation const found = segment({90, 5, 60, 5, 95});
   EXPECT_EQ(found.max, 60);
   EXPECT_EQ(found.idxOfMax, 2U);
 }
 
-TEST(Segmentation, RecordOfZerosHasNoStrongestSample) {
+TEST(Segmentation, AWaveformOfZerosHasNoMaximum) {
   Segmentation const found = segment(Samples(10, 0), 0);
   EXPECT_EQ(found.max, 0);
   EXPECT_EQ(found.idxOfMax, 0U);
   EXPECT_EQ(found.startEnd, StartEnd{});
 }
 
-TEST(Segmentation, FullScaleIsCompared) {
+TEST(Segmentation, FullScaleSamplesAreCompared) {
   EXPECT_EQ(startEndOf({0, 65535, 0, 0}, 65534), (StartEnd{{0, 2}}));
   EXPECT_EQ(startEndOf({0, 65535, 0, 0}, 65535), StartEnd{});
 }
 
-TEST(Segmentation, EveryShortRecord) {
-  std::istringstream words(Testing::segmentRecords);
-  int records = 0;
-  for (std::string line; words >> line; ++records) {
+TEST(Segmentation, AgreesWithPythonForAllShortWaveforms) {
+  std::istringstream words(Testing::segmentWaveforms);
+  int waveforms = 0;
+  for (std::string line; words >> line; ++waveforms) {
     auto const bar = line.find('|');
     Samples samples;
     for (char const letter : line.substr(0, bar)) {
@@ -125,7 +125,7 @@ TEST(Segmentation, EveryShortRecord) {
       EXPECT_EQ(found.max, length < 3 ? 0 : samples[found.idxOfMax]) << line;
     });
   }
-  EXPECT_EQ(records, 1 + 3 + 9 + 27 + 81 + 243);
+  EXPECT_EQ(waveforms, 1 + 3 + 9 + 27 + 81 + 243);
 }
 
 }  // namespace

@@ -23,7 +23,7 @@ bool contains(std::string const& text, std::string const& part) {
   return text.find(part) != std::string::npos;
 }
 
-TEST(WavePointsPrint, OfADefaultRecord) {
+TEST(WavePointsPrint, DefaultObject) {
   EXPECT_EQ(Wave().print(),
             "bin_shift: 0 [-]\n"
             "Length: 0 [-]\n"
@@ -43,7 +43,7 @@ TEST(WavePointsPrint, OfADefaultRecord) {
             "#######################");
 }
 
-TEST(WavePointsPrint, OfAFilledRecord) {
+TEST(WavePointsPrint, AllFields) {
   Wave wave(1, 12345.5, 1.5e-6);
   wave.binShift = 0.65;
   wave.length = 120;
@@ -85,7 +85,7 @@ TEST(WavePointsPrint, OfAFilledRecord) {
             "#######################");
 }
 
-TEST(WavePointsPrint, UnsignedFieldsFromTwoToThe31PrintNegative) {
+TEST(WavePointsPrint, UnsignedFieldsFrom2To31PrintNegative) {
   Wave wave;
   wave.length = 2147483648U;
   wave.globalEnd = 4294967295U;
@@ -100,7 +100,7 @@ TEST(WavePointsPrint, UnsignedFieldsFromTwoToThe31PrintNegative) {
   EXPECT_TRUE(contains(text, "StartEnd: 0 from: 1 to: -1\n"));
 }
 
-TEST(WavePointsPrint, OnlineFollowsTheFieldNotTheEchoes) {
+TEST(WavePointsPrint, OnlineDependsOnTheFieldNotOnTheEchoes) {
   Wave wave;
   wave.online = false;
   wave.peaks = {peakOf(1.0, 1.0, 0.0, 0.0)};
@@ -108,20 +108,20 @@ TEST(WavePointsPrint, OnlineFollowsTheFieldNotTheEchoes) {
   EXPECT_TRUE(contains(wave.print(), "IsOnline: FWF\n"));
 }
 
-TEST(WavePointsExtent, WithoutEchoesIsEmptyWhateverTheSpeed) {
+TEST(WavePointsExtent, WithoutEchoesIsEmptyForAnySpeed) {
   EXPECT_EQ(Wave().printLengthAtMaxAmplitude(0.0), "empty");
   EXPECT_EQ(Wave().printLengthAtMaxAmplitude(3e8), "empty");
 }
 
-TEST(WavePointsExtent, OfOneEchoStartsWhereItEnds) {
+TEST(WavePointsExtent, OneEchoHasEqualStartAndEnd) {
   Wave wave;
   wave.peaks = {peakOf(1.0, 1.0, 3.0, 0.0)};
   EXPECT_EQ(wave.printLengthAtMaxAmplitude(10.0), "#1 E:15 S:15 S-E:0 LengthMaxPos: 0 T:Online");
 }
 
-// In double precision 2e-6 s x 299708256 m/s / 2 has a last digit that the difference of the two distances
-// has not.
-TEST(WavePointsExtent, DifferenceIsTakenInTime) {
+// In double precision 2e-6 s x 299708256 m/s / 2 is one unit in the last place above the difference of the
+// two distances.
+TEST(WavePointsExtent, SubtractsTimesNotDistances) {
   Wave wave;
   wave.peaks = {peakOf(1.0, 1.0, 1e-6, 0.0), peakOf(1.0, 2.0, 9e-6, 0.0), peakOf(1.0, 3.0, 3e-6, 0.0)};
   wave.timeOfMaxAmplitude = 2e-6;
@@ -130,7 +130,7 @@ TEST(WavePointsExtent, DifferenceIsTakenInTime) {
             "#3 E:449.562384 S:149.854128 S-E:299.70825600000006 LengthMaxPos: 299.708256 T:FWF");
 }
 
-TEST(WavePointsExtent, TakesTheListAsItStands) {
+TEST(WavePointsExtent, DoesNotSortTheList) {
   Wave wave;
   wave.peaks = {peakOf(1.0, 9.0, 4.0, 0.0), peakOf(1.0, 1.0, 1.0, 0.0)};
   EXPECT_EQ(wave.printLengthAtMaxAmplitude(2.0), "#2 E:1 S:4 S-E:-3 LengthMaxPos: 0 T:Online");
@@ -145,7 +145,7 @@ TEST(WavePointsExport, WorkedExample) {
   EXPECT_EQ(contentOf(file), "A 812 57.25 1.9 0.5\n");
 }
 
-TEST(WavePointsExport, AppendsEveryEchoInListOrder) {
+TEST(WavePointsExport, AppendsAllEchoesInListOrder) {
   TemporaryDirectory const directory;
   std::string const file = directory.path() / "peaks.txt";
   std::ofstream(file) << "kept\n";
@@ -157,7 +157,7 @@ TEST(WavePointsExport, AppendsEveryEchoInListOrder) {
   EXPECT_EQ(contentOf(file), "kept\n" + once + once);
 }
 
-TEST(WavePointsExport, WithoutEchoesOnlyMakesTheFile) {
+TEST(WavePointsExport, WithoutEchoesOnlyCreatesTheFile) {
   TemporaryDirectory const directory;
   std::string const file = directory.path() / "empty.txt";
   Wave().exportToAscii(file, "A", 0.5);
@@ -168,7 +168,7 @@ TEST(WavePointsExport, WithoutEchoesOnlyMakesTheFile) {
   EXPECT_EQ(contentOf(file), "kept");
 }
 
-TEST(WavePointsExport, FileThatCannotBeOpenedIsLeftAlone) {
+TEST(WavePointsExport, ErrorsOfOpeningAreIgnored) {
   TemporaryDirectory const directory;
   Wave wave;
   wave.peaks = {peakOf(812.0, 57.25, 0.0, 1.9)};

@@ -9,8 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#include "support/TestWaveforms.h"
 #include "support/TestScanner.h"
+#include "support/TestWaveforms.h"
 
 namespace FullWaveform {
 namespace {
@@ -43,7 +43,7 @@ Wave waveOf(Samples const& samples, int noise, ScannerDevice const& scanner = sc
   return {samples.data(), 0, 0.0, 0.0, static_cast<int>(samples.size()), noise, scanner};
 }
 
-void expectNothingFound(Wave const& wave) {
+void expectNoSegments(Wave const& wave) {
   EXPECT_EQ(wave.startEnd, StartEnd{});
   EXPECT_EQ(wave.afterPulse, Windows{});
   EXPECT_EQ(wave.globalStart, 0U);
@@ -51,9 +51,9 @@ void expectNothingFound(Wave const& wave) {
   EXPECT_EQ(wave.lengthCropped, 0U);
 }
 
-TEST(WavePoints, DefaultIsZeroEmptyAndOnline) {
+TEST(WavePoints, DefaultConstructed) {
   Wave const wave;
-  expectNothingFound(wave);
+  expectNoSegments(wave);
   EXPECT_FALSE(wave.isLowPower);
   EXPECT_TRUE(wave.online);
   EXPECT_EQ(wave.shotTime, 0.0);
@@ -90,16 +90,16 @@ TEST(WavePoints, OnlyChannelFlagOneIsLowPower) {
   EXPECT_FALSE(Wave(255, 1.0, 2.0).isLowPower);
 }
 
-TEST(WavePoints, OnlineRecordKeepsItsTimes) {
+TEST(WavePoints, OnBoardWaveformHasItsTimes) {
   Wave const wave(1, 123.5, 4e-6);
   EXPECT_EQ(wave.shotTime, 123.5);
   EXPECT_EQ(wave.sblTime, 4e-6);
   EXPECT_TRUE(wave.online);
   EXPECT_EQ(wave.length, 0U);
-  expectNothingFound(wave);
+  expectNoSegments(wave);
 }
 
-TEST(WavePoints, ObjectTakesIdentityAndSerial) {
+TEST(WavePoints, EveryObjectHasANewIdentityAndSerial) {
   Wave const first;
   Wave const second(0, 0.0, 0.0);
   EXPECT_EQ(second.identity(), first.identity() + 1);
@@ -131,7 +131,7 @@ TEST(WavePoints, WorkedExample) {
   EXPECT_TRUE(wave.peaks.empty());
 }
 
-TEST(WavePoints, GlobalRangeGoesFromTheFirstSegmentToTheLast) {
+TEST(WavePoints, GlobalRangeSpansAllSegments) {
   Wave const wave = waveOf({5, 5, 50, 5, 5, 5, 50, 70, 5, 5}, 10);
   EXPECT_EQ(wave.startEnd, (StartEnd{{1, 3}, {5, 8}}));
   EXPECT_EQ(wave.globalStart, 1U);
@@ -139,20 +139,20 @@ TEST(WavePoints, GlobalRangeGoesFromTheFirstSegmentToTheLast) {
   EXPECT_EQ(wave.lengthCropped, 7U);
 }
 
-TEST(WavePoints, RecordAboveTheNoiseThroughout) {
+TEST(WavePoints, AllSamplesAboveTheNoise) {
   Wave const wave = waveOf(Samples(8, 50), 10);
   EXPECT_EQ(wave.startEnd, (StartEnd{{1, 6}}));
   EXPECT_EQ(wave.lengthCropped, 5U);
 }
 
-TEST(WavePoints, RecordOfNoiseHasNeitherSegmentsNorWindow) {
+TEST(WavePoints, WithoutSegmentsThereIsNoAfterPulseWindow) {
   Wave const wave = waveOf({5, 9, 10, 9, 5}, 10);
-  expectNothingFound(wave);
+  expectNoSegments(wave);
   EXPECT_EQ(wave.maxAmplitude, 10);
   EXPECT_EQ(wave.idxOfMaxAmplitude, 2U);
 }
 
-TEST(WavePoints, NoiseKeepsItsLowSixteenBitsBeforeAnyComparison) {
+TEST(WavePoints, ComparesWithTheLow16BitsOfTheNoise) {
   Samples const samples{5, 5, 50, 5, 5};
   EXPECT_EQ(waveOf(samples, 65536 + 60).noise, 60);
   EXPECT_EQ(waveOf(samples, 65536 + 60).startEnd, StartEnd{});
@@ -160,28 +160,28 @@ TEST(WavePoints, NoiseKeepsItsLowSixteenBitsBeforeAnyComparison) {
   EXPECT_EQ(waveOf(samples, 65536 + 40).startEnd, (StartEnd{{1, 3}}));
 }
 
-TEST(WavePoints, NoiseZeroIsTakenAndNegativeIsEstimated) {
+TEST(WavePoints, NoiseZeroIsUsedAndNegativeNoiseEstimated) {
   Samples const samples(40, 50);
   EXPECT_EQ(waveOf(samples, 0).noise, 0);
   EXPECT_EQ(waveOf(samples, -1).noise, 50);
   EXPECT_EQ(waveOf(samples, -2147483647).noise, 50);
 }
 
-TEST(WavePoints, EstimateAboveSixteenBitsIsCut) {
+TEST(WavePoints, KeepsTheLow16BitsOfTheEstimate) {
   // 40 samples of 50000, doubled: 100000 = 65536 + 34464.
   EXPECT_EQ(waveOf(Samples(40, 50000), -1).noise, 34464);
 }
 
-TEST(WavePoints, AfterPulseWindowFollowsTheStrongestSample) {
+TEST(WavePoints, AfterPulseWindowIsRelativeToTheMaximum) {
   EXPECT_EQ(waveOf({5, 50, 60, 70, 60, 5, 5}, 10, scannerWith(10, 3)).afterPulse,
             (Windows{{10.0, 100016.0}}));
 }
 
-TEST(WavePoints, UnknownModelHasItsWindowAtTheStrongestSample) {
+TEST(WavePoints, WithoutOffsetTheWindowStartsAtTheMaximum) {
   EXPECT_EQ(waveOf({5, 50, 60, 5, 5}, 10, scannerWith(0, 0)).afterPulse, (Windows{{2.0, 100002.0}}));
 }
 
-TEST(WavePoints, WindowWiderThanItsPositionWrapsAndMarksNothing) {
+TEST(WavePoints, AWindowWiderThanItsCentreWrapsAndMarksNoEcho) {
   Wave wave = waveOf({5, 900, 1000, 5, 5}, 10, scannerWith(5, 8));
   EXPECT_EQ(wave.afterPulse, (Windows{{4294967295.0, 100015.0}}));
   wave.push_back({1000.0, 2.0, 0.0, RAW, GOOD, 0.0, 0, 0.0F});
@@ -191,14 +191,14 @@ TEST(WavePoints, WindowWiderThanItsPositionWrapsAndMarksNothing) {
   EXPECT_EQ(wave.peaks.back().quality, GOOD);
 }
 
-TEST(WavePoints, UpperBoundWrapsBeforeItIsWidened) {
+TEST(WavePoints, TheUpperBoundWrapsBeforeItIsExtended) {
   EXPECT_EQ(waveOf({5, 50, 60, 5, 5}, 10, scannerWith(4294967295U, 1)).afterPulse,
             (Windows{{0.0, 100002.0}}));
   EXPECT_EQ(waveOf({5, 50, 60, 5, 5}, 10, scannerWith(4294967293U, 2)).afterPulse,
             (Windows{{4294967293.0, 100001.0}}));
 }
 
-TEST(WavePoints, WidthBeyondEveryIndexSwitchesTheAfterPulseOff) {
+TEST(WavePoints, ALargeWidthDisablesTheAfterPulseTest) {
   Wave wave = waveOf({5, 900, 1000, 5, 5}, 10, scannerWith(0, 2147483647U));
   wave.push_back({1000.0, 2.0, 0.0, RAW, GOOD, 0.0, 0, 0.0F});
   wave.testIfAfterPulse();
@@ -224,34 +224,34 @@ TEST(WavePoints, TwoSamplesTheFirstAboveTheNoise) {
   EXPECT_EQ(wave.maxAmplitude, 0);
 }
 
-TEST(WavePoints, ShortRecordsBelowTheNoiseHaveNothing) {
-  expectNothingFound(waveOf({5}, 10));
-  expectNothingFound(waveOf({10, 60}, 10));
+TEST(WavePoints, ShortWaveformsBelowTheNoise) {
+  expectNoSegments(waveOf({5}, 10));
+  expectNoSegments(waveOf({10, 60}, 10));
 }
 
-TEST(WavePoints, WithoutSamplesNothingIsRead) {
+TEST(WavePoints, NullSamplesAreNotRead) {
   Wave const given(nullptr, 1, 1.0, 2.0, 0, 25, scannerWith(5, 2));
-  expectNothingFound(given);
+  expectNoSegments(given);
   EXPECT_EQ(given.noise, 25);
   EXPECT_TRUE(given.isLowPower);
   Wave const estimated(nullptr, 0, 1.0, 2.0, 0, -1, scannerWith(5, 2));
-  expectNothingFound(estimated);
+  expectNoSegments(estimated);
   EXPECT_EQ(estimated.noise, 180);
 }
 
-TEST(WavePoints, NegativeLengthWithGivenNoiseReadsNothing) {
+TEST(WavePoints, NegativeLengthWithGivenNoise) {
   unsigned short const sample = 5000;
   Wave const wave(&sample, 0, 0.0, 0.0, -1, 10, scannerWith(5, 2));
-  expectNothingFound(wave);
+  expectNoSegments(wave);
   EXPECT_EQ(wave.length, 4294967295U);
 }
 
-TEST(WavePoints, NoiseOfANegativeLengthIsALengthError) {
+TEST(WavePoints, EstimateForANegativeLengthThrows) {
   unsigned short const sample = 5000;
   EXPECT_THROW(Wave(&sample, 0, 0.0, 0.0, -1, -1, scannerWith(5, 2)), std::length_error);
 }
 
-TEST(WavePoints, NothingOutsideTheRecordIsRead) {
+TEST(WavePoints, DoesNotReadOutsideTheWaveform) {
   for (std::size_t length = 0; length < 25; ++length) {
     for (int const noise : {-1, 10, 100}) {
       Testing::withGuardedCopies(Samples(length, 50), [&](unsigned short const* samples) {

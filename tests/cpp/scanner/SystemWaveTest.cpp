@@ -2,12 +2,14 @@
 
 #include <cmath>
 #include <complex>
+#include <cstdint>
 #include <filesystem>
 #include <limits>
 #include <numbers>
 #include <string>
 #include <vector>
 
+#include <fullwaveform/host/PointerID.h>
 #include <gtest/gtest.h>
 
 #include "support/ConsoleCapture.h"
@@ -86,6 +88,18 @@ TEST(CreateNormalizedSysWave, TablesThatDoNotFitAreRefused) {
 
 TEST(CreateNormalizedSysWave, LengthZeroIsRefused) {
   expectRefused(complexTable({1.0}), complexTable({-1e8}), 1e-9, 0, "System wave of length 0");
+}
+
+TEST(CreateNormalizedSysWave, EveryPointerReturnedHasANewIdentifier) {
+  auto const a = complexTable({1.0});
+  auto const b = complexTable({-1e8});
+  std::uint64_t const before = Holdex::PointerID::next();
+  auto const first = createNormalizedSysWave(a, b, 1e-9, 12, {});
+  auto const second = createNormalizedSysWave(a, b, 1e-9, 12, {});
+  EXPECT_GT(first.identifier(), before);
+  EXPECT_GT(second.identifier(), first.identifier());
+  EXPECT_LT(second.identifier(), Holdex::PointerID::next());
+  EXPECT_NE(first->identity(), second->identity());
 }
 
 TEST(CreateNormalizedSysWave, PlotsTheWave) {

@@ -12,9 +12,9 @@
 
 namespace FullWaveform::Fuzz {
 
-/// Takes values off the front of a fuzzer's input; behind its end everything is 0 and empty.
+/// Reads values from a fuzzer's input; after its end all values are 0 or empty.
 ///
-/// Numbers are little-endian, so that a seed can be written with the tools of any language.
+/// Numbers are little-endian, so that seeds can be written in any language.
 class Bytes {
  public:
   Bytes(std::uint8_t const* data, std::size_t size) : next(data), left(size) {}
@@ -24,18 +24,18 @@ class Bytes {
   template <class T>
   T raw() {
     T value{};
-    std::size_t const taken = std::min(left, sizeof(T));
-    std::memcpy(&value, next, taken);
-    next += taken;
-    left -= taken;
+    std::size_t const count = std::min(left, sizeof(T));
+    std::memcpy(&value, next, count);
+    next += count;
+    left -= count;
     return value;
   }
   std::uint8_t byte() { return raw<std::uint8_t>(); }
   bool flag() { return (byte() & 1U) != 0; }
-  /// A whole number from 0 to `most`, which is at most 255.
-  unsigned int upTo(unsigned int most) { return byte() % (most + 1U); }
+  /// An integer from 0 to `max`; `max` is at most 255.
+  unsigned int upTo(unsigned int max) { return byte() % (max + 1U); }
 
-  /// A double; a tag byte chooses one that breaks arithmetic, or any that eight bytes make.
+  /// A double; a tag byte selects a special value or eight arbitrary bytes.
   double number() {
     static constexpr std::array<double, 12> special{0.0,
                                                     -0.0,
@@ -67,10 +67,10 @@ class Bytes {
     std::generate(all.begin(), all.end(), [this] { return number(); });
     return all;
   }
-  /// What is left, as samples.
+  /// The remaining bytes as samples.
   std::vector<unsigned short> samples() { return values<unsigned short>(left / sizeof(unsigned short)); }
-  std::string text(std::size_t most) {
-    std::vector<char> const letters = values<char>(most);
+  std::string text(std::size_t maxLength) {
+    std::vector<char> const letters = values<char>(maxLength);
     return {letters.begin(), letters.end()};
   }
 

@@ -11,15 +11,15 @@
 #include <fullwaveform/scanner/ScannerDevice.h>
 
 #include "support/Bytes.h"
-#include "support/TestWaveforms.h"
 #include "support/Require.h"
 #include "support/SkewedScanner.h"
+#include "support/TestWaveforms.h"
 
 namespace FullWaveform::Fuzz {
 
-/// A scanner as its attributes might describe it: every number is arbitrary, sizes are kept small enough for
-/// many inputs a second. Layout: kind of system wave; offset and half-width of the after-pulse (four bytes
-/// each); bin shift, sampling interval, t_ref, group velocity, unambiguous range, unit of the amplitudes.
+/// A scanner with arbitrary numbers, but sizes small enough for many inputs per second. Layout: kind of
+/// system wave; offset and half-width of the after-pulse window (four bytes each); bin shift, sampling
+/// interval, t_ref, group velocity, unambiguous range, amplitude unit.
 inline ScannerDevice scannerFrom(Bytes& bytes) {
   std::uint8_t const kind = bytes.byte();
   ScannerDevice scanner = Testing::skewedScanner();
@@ -46,31 +46,31 @@ inline ScannerDevice scannerFrom(Bytes& bytes) {
   return scanner;
 }
 
-/// A record and its waveform. The record stands in a heap block of exactly its size, so that the address
-/// sanitizer sees a read on either side of it.
-struct Record {
+/// A waveform with its samples. These are in a heap block of exactly their size, so that the address
+/// sanitizer detects a read on either side.
+struct Waveform {
   Testing::Samples samples;
   std::unique_ptr<unsigned short[]> block;
   WavePtr wave;
 };
 
-/// Layout: noise (two bytes, below 0: estimate it), channel flag, the samples.
-inline Record recordFrom(Bytes& bytes, ScannerDevice const& scanner) {
+/// Layout: noise (two bytes, estimated when negative), channel flag, the samples.
+inline Waveform waveformFrom(Bytes& bytes, ScannerDevice const& scanner) {
   int const noise = bytes.raw<std::int16_t>();
   unsigned char const channel = bytes.byte();
-  Record record;
-  record.samples = bytes.samples();
-  record.block = Testing::onHeap(record.samples);
-  record.wave = WavePtr(new WavePoints<unsigned short>(
-      record.block.get(), channel, 0.0, 0.0, static_cast<int>(record.samples.size()), noise, scanner));
-  return record;
+  Waveform waveform;
+  waveform.samples = bytes.samples();
+  waveform.block = Testing::onHeap(waveform.samples);
+  waveform.wave = WavePtr(new WavePoints<unsigned short>(
+      waveform.block.get(), channel, 0.0, 0.0, static_cast<int>(waveform.samples.size()), noise, scanner));
+  return waveform;
 }
 
 inline bool sameBits(double left, double right) {
   return std::memcmp(&left, &right, sizeof(double)) == 0;
 }
 
-/// Echoes bit for bit; every NaN is like every other only with the same bits.
+/// Whether echoes are bit-identical, NaN included.
 inline bool sameEchoes(std::list<Peak> const& left, std::list<Peak> const& right) {
   return std::equal(left.begin(), left.end(), right.begin(), right.end(), [](Peak const& a, Peak const& b) {
     return sameBits(a.amplitude, b.amplitude) && sameBits(a.idx, b.idx) && sameBits(a.std, b.std) &&
@@ -78,15 +78,15 @@ inline bool sameEchoes(std::list<Peak> const& left, std::list<Peak> const& right
   });
 }
 
-/// Runs a method twice on the record, the second time with a working memory that is no longer fresh.
+/// Applies a method twice, the second time with working memory that has been used; requires equal echoes.
 template <class Method>
-void expectSameTwice(Method& method, Record const& record) {
-  method.apply(record.block.get(), record.wave);
-  std::list<Peak> const first = record.wave->peaks;
-  require(first.size() <= 2 * record.samples.size(), "no more echoes than two per sample");
-  record.wave->clearPeaks();
-  method.apply(record.block.get(), record.wave);
-  require(sameEchoes(first, record.wave->peaks), "the same record twice gives the same echoes");
+void requireSameTwice(Method& method, Waveform const& waveform) {
+  method.apply(waveform.block.get(), waveform.wave);
+  std::list<Peak> const first = waveform.wave->peaks;
+  require(first.size() <= 2 * waveform.samples.size(), "at most two echoes per sample");
+  waveform.wave->clearPeaks();
+  method.apply(waveform.block.get(), waveform.wave);
+  require(sameEchoes(first, waveform.wave->peaks), "repeating a waveform gives the same echoes");
 }
 
 }  // namespace FullWaveform::Fuzz

@@ -5,10 +5,10 @@
 
 namespace FullWaveform::Fuzz {
 
-/// Ends the process, which the fuzzer takes for a crash, when something that must always hold does not.
-inline void require(bool holds, char const* rule) {
+/// Aborts, which the fuzzer reports as a crash, when an invariant does not hold.
+inline void require(bool holds, char const* invariant) {
   if (!holds) {
-    std::fprintf(stderr, "broken rule: %s\n", rule);
+    std::fprintf(stderr, "invariant violated: %s\n", invariant);
     std::abort();
   }
 }

@@ -1,9 +1,10 @@
-"""Deconvolved waveforms, worked out without the library.
+"""Deconvolved waveforms, calculated without the library.
 
-Writes `RichardsonLucyCases.h`: constructed records with known echoes, their deconvolved signal
-and its peaks. The iteration is that of Richardson (1972) and Lucy (1974) with NumPy's FFT; its
-kernel is skewed, so that a kernel that is not mirrored in the second convolution shows. Scenes are
-drawn until every way in which the iteration ends has its records.
+Writes `RichardsonLucyCases.h`: constructed waveforms with known echoes, their deconvolved signal
+and its peaks. The correction step is that of Richardson (1972) and Lucy (1974), with NumPy's FFT;
+the end of the iteration, the scaling and the peak rule are those of the library. The kernel is
+skewed, so that a missing mirror in the second convolution is detected. Scenes are drawn until every
+way in which the iteration ends has waveforms.
 
 Run: python3 richardson_lucy.py, with NumPy
 """
@@ -17,7 +18,7 @@ import numpy as np
 
 SAMPLING_TIME = 1e-9  # s
 SIZE_SYS = 12  # samples
-# exp(-t / 4 ns) (1 - cos(t / 2 ns)), a pulse that is not symmetric; exponents in 1/s.
+# Asymmetric pulse exp(-t / 4 ns) (1 - cos(t / 2 ns)); exponents in 1/s.
 COEFFICIENTS = np.array([1.0 + 0.0j, -0.5 + 0.0j, -0.5 + 0.0j])
 EXPONENTS = np.array([-2.5e8 + 0.0j, -2.5e8 + 5e8j, -2.5e8 - 5e8j])
 
@@ -28,19 +29,19 @@ def shape(t: np.ndarray) -> np.ndarray:
 
 
 def system_wave(up: int) -> np.ndarray:
-    """The pulse at the up-sampled step, largest value 1; shape [(SIZE_SYS - 1) * up + 1]."""
+    """The pulse at the up-sampled step, maximum 1; shape [(SIZE_SYS - 1) * up + 1]."""
     wave = shape(np.arange((SIZE_SYS - 1) * up + 1) * (SAMPLING_TIME / up))
     return wave / wave.max()
 
 
 def pulse(t: np.ndarray) -> np.ndarray:
-    """The pulse at times t in samples after its start, 0 before it; the largest value is 1."""
-    largest = shape(np.linspace(0, 12e-9, 100_001)).max()
-    return np.where(t >= 0, shape(np.maximum(t, 0) * SAMPLING_TIME), 0.0) / largest
+    """The pulse at times t in samples after its start, 0 before it; maximum 1."""
+    maximum = shape(np.linspace(0, 12e-9, 100_001)).max()
+    return np.where(t >= 0, shape(np.maximum(t, 0) * SAMPLING_TIME), 0.0) / maximum
 
 
 def convolved(x: np.ndarray, kernel: np.ndarray) -> np.ndarray:
-    """Plain convolution, cut so that x[i] meets the kernel's index len // 2 - 1 at value i."""
+    """Full convolution, cropped so that index len(kernel) // 2 - 1 of the kernel is its centre."""
     length = len(x) + len(kernel) - 1
     full = np.fft.irfft(np.fft.rfft(x, length) * np.fft.rfft(kernel, length), length)
     middle = len(kernel) // 2 - 1
@@ -54,11 +55,11 @@ class Deconvolution:
     estimate: np.ndarray
     iterations: int
     ending: str
-    margin: float  # distance of the sums from where the iteration would have ended otherwise
+    margin: float  # difference of the sums that would have changed the end of the iteration
 
 
 def deconvolved(observed: np.ndarray, kernel: np.ndarray) -> Deconvolution:
-    """At most 40 corrections; ends when their sum is settled or, after the sixth, rises."""
+    """At most 40 corrections; ends when their sum settles or, after the sixth, rises."""
     estimate = observed.copy()
     previous = 0.0
     margin = np.inf
@@ -80,7 +81,7 @@ def deconvolved(observed: np.ndarray, kernel: np.ndarray) -> Deconvolution:
 
 @dataclass
 class Case:
-    """A record, what is known of its signal, and the expected result."""
+    """A waveform, its range, and the expected result."""
 
     kind: str
     samples: list[int]
@@ -95,7 +96,7 @@ class Case:
 
 
 def signal_range(samples: list[int], noise: int) -> tuple[int, int]:
-    """The last sample not above the noise before the signal, and the first below it behind."""
+    """The last sample not above the noise before the signal, and the first below it after."""
     s = np.array(samples)
     above = np.flatnonzero(s > noise)
     first = int(above[0]) - 1
@@ -106,41 +107,41 @@ def signal_range(samples: list[int], noise: int) -> tuple[int, int]:
 
 
 def peaks_of(counts: np.ndarray, noise: int, first: int, up: int) -> list[tuple[float, int]]:
-    """Positions in samples and amplitudes of the local maxima of the deconvolved signal."""
-    whole = np.trunc(counts).astype(np.int64) & 0xFFFF
-    padded = np.concatenate([whole[:1], whole, whole[-1:]])
-    rise = whole - padded[:-2]
-    fall = whole - padded[2:]
-    found = (rise > 0) & (fall >= 0) & (whole > noise) & ((rise >= 2) | (fall >= 2))
-    where = np.flatnonzero(found)
-    if len(where) == 0 and whole.max() > noise:
-        where = np.array([whole.argmax()])
-    place = where / up + (first - up * 0.5) if up > 1 else where + float(first)
-    return [(float(p), int(a)) for p, a in zip(place, whole[where], strict=True)]
+    """Positions (samples) and amplitudes (counts) of the maxima of the deconvolved signal."""
+    integers = np.trunc(counts).astype(np.int64) & 0xFFFF
+    padded = np.concatenate([integers[:1], integers, integers[-1:]])
+    rise = integers - padded[:-2]
+    fall = integers - padded[2:]
+    found = (rise > 0) & (fall >= 0) & (integers > noise) & ((rise >= 2) | (fall >= 2))
+    indices = np.flatnonzero(found)
+    if len(indices) == 0 and integers.max() > noise:
+        indices = np.array([integers.argmax()])
+    position = indices / up + (first - up * 0.5) if up > 1 else indices + float(first)
+    return [(float(p), int(a)) for p, a in zip(position, integers[indices], strict=True)]
 
 
-def work_out(case: Case) -> float:
-    """Fills in the expected result; returns how far the iteration was from another ending."""
+def calculate(case: Case) -> float:
+    """Fill in the expected result; return the margin of the iteration's end."""
     s = np.array(case.samples, dtype=float)
     span = s[case.first : case.last + 1]
     count = (case.last - case.first) * case.up
     if case.up == 1:
         signal = np.maximum(span[:count] - case.noise, 0.0)
-        largest = signal.max()
+        maximum = signal.max()
     else:
         raw = np.interp(np.arange(count) / case.up, np.arange(len(span)), span)
         signal = np.maximum(raw - case.noise, 0.0)
-        largest = raw.max()
+        maximum = raw.max()
     result = deconvolved(signal / signal.max(), system_wave(case.up))
     estimate = result.estimate
-    case.estimate = estimate * (largest - case.noise) / estimate[:-1].max() + case.noise
+    case.estimate = estimate * (maximum - case.noise) / estimate[:-1].max() + case.noise
     case.iterations, case.ending = result.iterations, result.ending
     case.peaks = peaks_of(case.estimate, case.noise, case.first, case.up)
     return result.margin
 
 
 def scene(rng: np.random.Generator, kind: str, echoes: int, up: int) -> Case:
-    """A record of some echoes on a floor below the noise level of 20 counts."""
+    """A waveform of some echoes on a baseline below the threshold of 20 counts."""
     length = int(rng.integers(55, 65))
     t = np.arange(length, dtype=float)
     signal = rng.uniform(2, 14, length)
@@ -153,22 +154,22 @@ def scene(rng: np.random.Generator, kind: str, echoes: int, up: int) -> Case:
     return Case(kind, samples, 20, first, last, up)
 
 
-def drawn(rng: np.random.Generator) -> list[Case]:
-    """Two records of every number of echoes, ending and up-sampling that comes up, far from doubt.
+def draw_cases(rng: np.random.Generator) -> list[Case]:
+    """Two waveforms of every number of echoes, ending and up-sampling that occurs.
 
-    A largest value that is scaled to a whole count may be truncated to the one below it.
+    Waveforms for which rounding may decide the end are discarded.
     """
-    wanted: dict[tuple[int, str, int], int] = {}
+    counts: dict[tuple[int, str, int], int] = {}
     cases: list[Case] = []
     for attempt in range(600):
         echoes = 1 + attempt % 3
         up = 1 if attempt % 4 == 0 else 5
         case = scene(rng, f"{echoes} echoes", echoes, up)
-        if work_out(case) < 1e-4:
+        if calculate(case) < 1e-4:
             continue
         key = (0 if case.ending != "limit" else echoes, case.ending, up)
-        if wanted.get(key, 0) < 2:
-            wanted[key] = wanted.get(key, 0) + 1
+        if counts.get(key, 0) < 2:
+            counts[key] = counts.get(key, 0) + 1
             cases.append(case)
     return cases
 
@@ -179,7 +180,11 @@ def numbers(values: np.ndarray) -> str:
 
 def literal(case: Case) -> str:
     samples = "{" + ", ".join(map(str, case.samples)) + "}"
-    peaks = "{" + ", ".join(f"{{{place!r}, {amplitude}}}" for place, amplitude in case.peaks) + "}"
+    peaks = (
+        "{"
+        + ", ".join(f"{{{position!r}, {amplitude}}}" for position, amplitude in case.peaks)
+        + "}"
+    )
     return (
         f'      {{"{case.kind}, {case.ending}", {samples}, {case.noise}, {case.first}, {case.last},'
         f" {case.up}, {case.iterations}, {numbers(case.estimate)}, {peaks}}},"
@@ -187,7 +192,7 @@ def literal(case: Case) -> str:
 
 
 def main() -> None:
-    cases = drawn(np.random.default_rng(20240817))
+    cases = draw_cases(np.random.default_rng(20240817))
     for case in cases:
         print(case.kind, case.ending, case.up, case.iterations, len(case.estimate), case.peaks)
     head = """#pragma once

@@ -1,6 +1,6 @@
 #pragma once
 
-// Made by noise_records.py; not edited by hand.
+// Made by noise_waveforms.py; not edited by hand.
 
 #include <array>
 #include <cstdint>
@@ -8,7 +8,7 @@
 
 namespace FullWaveform::Testing {
 
-struct NoiseRecord {
+struct NoiseWaveform {
   char const* kind;
   std::span<unsigned short const> samples;
   std::uint32_t level;
@@ -181,12 +181,12 @@ inline constexpr unsigned short noiseSamples49[] = {
     50, 21, 53, 44, 56, 44, 51, 41, 27, 13, 43, 28, 33, 23, 45, 31, 21, 26, 56, 24, 22, 12,
     45, 24, 26, 42, 34, 53, 50, 49, 24, 25, 26, 42, 46, 60, 19, 49, 12, 12, 20, 34, 48, 38};
 
-inline constexpr std::array<NoiseRecord, 50> noiseRecords = {{
-    {"noise floor", noiseSamples0, 40U},
-    {"noise floor", noiseSamples1, 67U},
-    {"noise floor", noiseSamples2, 104U},
-    {"noise floor", noiseSamples3, 73U},
-    {"noise floor", noiseSamples4, 32U},
+inline constexpr std::array<NoiseWaveform, 50> noiseWaveforms = {{
+    {"baseline with noise", noiseSamples0, 40U},
+    {"baseline with noise", noiseSamples1, 67U},
+    {"baseline with noise", noiseSamples2, 104U},
+    {"baseline with noise", noiseSamples3, 73U},
+    {"baseline with noise", noiseSamples4, 32U},
     {"one echo", noiseSamples5, 274U},
     {"one echo", noiseSamples6, 330U},
     {"one echo", noiseSamples7, 311U},
@@ -219,19 +219,19 @@ inline constexpr std::array<NoiseRecord, 50> noiseRecords = {{
     {"29 above ten", noiseSamples34, 35U},
     {"30 above ten", noiseSamples35, 830U},
     {"hundreds above ten", noiseSamples36, 363U},
-    {"strongest at the limit", noiseSamples37, 130U},
-    {"strongest above the limit", noiseSamples38, 260U},
-    {"first sample strongest", noiseSamples39, 260U},
+    {"maximum at the limit", noiseSamples37, 130U},
+    {"maximum above the limit", noiseSamples38, 260U},
+    {"first sample is the maximum", noiseSamples39, 260U},
     {"last sample equals the first", noiseSamples40, 92U},
     {"saturated with few above ten", noiseSamples41, 2147483648U},
     {"level beyond 16 bits", noiseSamples42, 720040U},
-    {"order of the residual counts", noiseSamples43, 254U},
-    {"order of the residual counts", noiseSamples44, 125U},
-    {"order of the residual counts", noiseSamples45, 200U},
-    {"order of the residual counts", noiseSamples46, 164U},
-    {"fused multiply-add counts", noiseSamples47, 122U},
-    {"fused multiply-add counts", noiseSamples48, 93U},
-    {"fused multiply-add counts", noiseSamples49, 95U},
+    {"depends on the order of the residual", noiseSamples43, 254U},
+    {"depends on the order of the residual", noiseSamples44, 125U},
+    {"depends on the order of the residual", noiseSamples45, 200U},
+    {"depends on the order of the residual", noiseSamples46, 164U},
+    {"depends on fused multiply-add", noiseSamples47, 122U},
+    {"depends on fused multiply-add", noiseSamples48, 93U},
+    {"depends on fused multiply-add", noiseSamples49, 95U},
 }};
 
 }  // namespace FullWaveform::Testing

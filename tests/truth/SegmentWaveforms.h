@@ -1,12 +1,12 @@
 #pragma once
 
-// Made by segment_records.py; not edited by hand.
+// Made by segment_waveforms.py; not edited by hand.
 
 namespace FullWaveform::Testing {
 
-/// A word per record: samples below (b), at (e), above (a) the noise | segments |
-/// index of the strongest inner sample.
-inline constexpr auto segmentRecords = R"(
+/// One word per waveform: samples below (b), equal to (e), above (a) the noise |
+/// segments | index of the maximum of the inner samples.
+inline constexpr auto segmentWaveforms = R"(
 ||0 b||0 e||0 a|1>4294967295|0 bb||0 be||0 ba||0 eb||0 ee||0 ea||0 ab|1>0|0 ae|1>0|0 aa|1>0|0 bbb||1
 bbe||1 bba||1 beb||1 bee||1 bea||1 bab|0>1|1 bae|0>1|1 baa|0>1|1 ebb||1 ebe||1 eba||1 eeb||1 eee||1
 eea||1 eab|0>1|1 eae|0>1|1 eaa|0>1|1 abb|1>1|1 abe|1>1|1 aba|1>1|1 aeb|1>1|1 aee|1>1|1 aea|1>1|1
