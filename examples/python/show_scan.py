@@ -1,4 +1,4 @@
-"""Compares the echoes of a simulated scan with its truth, and draws both.
+"""Compare the echoes of a simulated scan with its truth, and plot both.
 
 python examples/python/show_scan.py SCAN.las ECHOES.las PICTURE.png
 """
@@ -13,20 +13,20 @@ import numpy as np
 import numpy.typing as npt
 from rich.console import Console
 from rich.table import Table
+from scan_overview import Waveform, draw_overview
 
-from fullwaveform.analysis.matching import match_echoes, summarise
+from fullwaveform.analysis.matching import match_echoes
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.io.las.reader import LasWaveformReader
-from fullwaveform.plotting.plots import WaveformPicture, draw_overview
 from fullwaveform.simulation import TruthTable, read_truth
 
-TOLERANCE = 2.0  # samples between an echo and the truth it is counted for
-THRESHOLD = 20.0  # counts; threshold that the picture shows
-SHOWN = 3  # waveforms in the picture
+TOLERANCE = 2.0  # samples between an echo and its true echo
+THRESHOLD = 20.0  # counts; shown in the plot
+SHOWN = 3  # waveforms in the plot
 
 
 def main(scan: Path, echoes_path: Path, picture: Path) -> None:
-    """Prints the comparison and writes the picture."""
+    """Print the comparison and write the plot."""
     truth = read_truth(scan.with_name(f"{scan.stem}_truth.csv"))
     echoes = laspy.read(echoes_path)
     compare(truth, echoes, Console())
@@ -35,7 +35,7 @@ def main(scan: Path, echoes_path: Path, picture: Path) -> None:
 
 
 def compare(truth: TruthTable, echoes: laspy.LasData, console: Console) -> None:
-    """Prints how many echoes of each kind were found, and how far off they lie."""
+    """Print how many echoes of each kind were found, and their position errors."""
     gps_time, position = np.asarray(echoes.gps_time), np.asarray(echoes["position"])
     matching = match_echoes(gps_time, position, truth.gps_time, truth.position_samples, TOLERANCE)
     found = np.zeros(len(truth), dtype=bool)
@@ -48,15 +48,13 @@ def compare(truth: TruthTable, echoes: laspy.LasData, console: Console) -> None:
         "saturated": truth.saturated,
     }
     table = Table(title="Echoes against the truth of the simulation")
-    for heading in ("kind", "true", "found", "share", "median off", "90 % within"):
+    for heading in ("kind", "true", "found", "share", "median error", "90 % within"):
         table.add_column(heading, justify="left" if heading == "kind" else "right")
     for kind, chosen in kinds.items():
         table.add_row(kind, *_row(found[chosen], difference[chosen]))
     console.print(table)
-    wrong = len(summarise(matching).absolute_percentiles) and len(matching.unmatched_found)
-    console.print(
-        f"echoes without a true one within {TOLERANCE:g} samples: {wrong:,} of {len(gps_time):,}"
-    )
+    wrong = f"{len(matching.unmatched_found):,} of {len(gps_time):,}"
+    console.print(f"false positives (no true echo within {TOLERANCE:g} samples): {wrong}")
 
 
 def _row(found: npt.NDArray[np.bool_], difference: npt.NDArray[np.float64]) -> list[str]:
@@ -73,7 +71,7 @@ def _row(found: npt.NDArray[np.bool_], difference: npt.NDArray[np.float64]) -> l
 
 
 def draw(scan: Path, truth: TruthTable, echoes: laspy.LasData, picture: Path) -> None:
-    """Draws waveforms with overlapping echoes beside the points of the whole scan."""
+    """Plot waveforms with overlapping echoes, and the points of the whole scan."""
     with LasWaveformReader(scan) as reader:
         block = next(reader.blocks())
     waveforms = [_waveform(block, row, echoes) for row in _crowded_rows(block, truth)]
@@ -90,17 +88,16 @@ def _crowded_rows(block: WaveformBlock, truth: TruthTable) -> list[int]:
     return [first_row[t] for t in chosen if t in first_row]
 
 
-def _waveform(block: WaveformBlock, row: int, echoes: laspy.LasData) -> WaveformPicture:
+def _waveform(block: WaveformBlock, row: int, echoes: laspy.LasData) -> Waveform:
     of_shot = np.asarray(echoes.gps_time) == block.shot_times[row]
     interval_ns = block.sampling_intervals[row] * 1e9
     number = int(block.waveform_numbers[row])
-    return WaveformPicture(
-        samples=block.samples[row],
-        count=int(block.counts[row]),
+    return Waveform(
+        samples=block.samples[row, : block.counts[row]],
         threshold=THRESHOLD,
         positions=np.asarray(echoes["position"])[of_shot],
-        amplitudes_counts=np.asarray(echoes.intensity, dtype=np.float64)[of_shot],
-        widths_samples=np.asarray(echoes["width_ns"], dtype=np.float64)[of_shot] / interval_ns,
+        amplitudes=np.asarray(echoes.intensity, dtype=np.float64)[of_shot],
+        widths=np.asarray(echoes["width_ns"], dtype=np.float64)[of_shot] / interval_ns,
         title=f"waveform {number}",
     )
 

@@ -1,4 +1,4 @@
-"""One waveform as the methods see it: levels, segments, echoes, fitted and deconvolved signal."""
+"""One waveform with its threshold and segments, and the echoes and signals of the methods."""
 
 from __future__ import annotations
 
@@ -8,33 +8,43 @@ from dataclasses import dataclass
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform import _core
 from fullwaveform.analysis.waveform_selection import ChosenShot
-from fullwaveform.core.driver import Driver, Mode, Threshold, check_system_wave
-from fullwaveform.core.messages import forward_messages
+from fullwaveform.core.constants import DECOMPOSED_TYPES, EchoType
+from fullwaveform.core.driver import MODE_NAMES, Driver, Mode, Threshold, check_system_wave
 from fullwaveform.core.scanner import Scanner
+from fullwaveform.core.signal import deconvolved_signal, estimated_threshold
 from fullwaveform.data.arrays import FloatArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.extraction.extractor import ExtractedBlock, ExtractionSettings, Extractor
 from fullwaveform.extraction.waveform_table import WaveformState
 
-_DECOMPOSED, _DECONVOLVED = (3, 4), 5  # types of echoes
-_CURVE_STEP, _MOST_STEPS = 0.05, 40_000  # samples; longer records have wider steps
-_HALF_BAR_HEIGHT = float(np.exp(-0.5))  # a Gaussian has this share of its top at one width
+_CURVE_STEP = 0.05  # samples
+_MAX_CURVE_POINTS = 40_000  # of long waveforms; their steps are wider
+_HEIGHT_AT_ONE_WIDTH = float(np.exp(-0.5))  # of a Gaussian, share of its maximum
 
 
 @dataclass(frozen=True, slots=True)
 class MethodView:
-    """What one method made of a waveform; positions in samples, heights in counts."""
+    """Echoes and signals of one method; positions in samples, heights in counts."""
 
     mode: Mode
     state: WaveformState
     positions: FloatArray  # (m,), samples, ascending
-    amplitudes: FloatArray  # (m,), counts as the extraction gives them
-    widths: FloatArray  # (m,), samples, standard deviations; 0 where the method measures none
-    feet: FloatArray  # (m,), counts over which the amplitudes stand
-    fitted: FloatArray  # (k, 2), position and height of the sum of Gaussians; (0, 2) without
-    deconvolved: FloatArray  # (k, 2), the same of the deconvolved signal
+    amplitudes: FloatArray  # (m,), counts
+    widths: FloatArray  # (m,), samples, standard deviations; 0 for deconvolved echoes
+    feet: FloatArray  # (m,), counts at which the amplitudes start: 0 or the threshold
+    fitted: FloatArray  # (k, 2), position and height of the sum of Gaussians; (0, 2) if none
+    deconvolved: FloatArray  # (k, 2), position and height of the deconvolved signal
+
+    @property
+    def name(self) -> str:
+        """Name of the mode."""
+        return MODE_NAMES[self.mode]
+
+    @property
+    def note(self) -> str:
+        """Why there are no echoes; empty if there are."""
+        return "" if self.state is WaveformState.WITH_ECHOES else self.state.phrase
 
     @property
     def tops(self) -> FloatArray:
@@ -43,32 +53,32 @@ class MethodView:
 
     @property
     def bar_heights(self) -> FloatArray:
-        """(m,) heights at which the Gaussian is one standard deviation wide to either side."""
-        return self.feet + self.amplitudes * _HALF_BAR_HEIGHT
+        """(m,) heights at one standard deviation from the maximum."""
+        return self.feet + self.amplitudes * _HEIGHT_AT_ONE_WIDTH
 
 
 @dataclass(frozen=True, slots=True)
 class WaveformView:
-    """A waveform, its threshold, and what the methods made of it."""
+    """A waveform, its threshold, and the results of the methods."""
 
-    number: int  # running number in the file
-    channel_flag: int  # 1 low power, 0 the other
-    gps_time: float  # s; NaN where it is not known
+    number: int  # in the file
+    channel_flag: int  # 1 low power, 0 high power
+    gps_time: float  # s; NaN if unknown
     interval: float  # s per sample
-    samples: npt.NDArray[np.uint16]  # (n,), valid ones only
+    samples: npt.NDArray[np.uint16]  # (n,), counts
     threshold: int  # counts
-    segments: npt.NDArray[np.int64]  # (s, 2), first and last sample of the stretches above it
+    segments: npt.NDArray[np.int64]  # (s, 2), first and last sample
     methods: tuple[MethodView, ...]
 
 
 def waveform_views(
     shot: ChosenShot, scanner: Scanner, modes: Sequence[Mode], threshold: Threshold = "estimate"
 ) -> list[WaveformView]:
-    """The meant waveforms of a shot, each seen by every mode; channels are merged as in a run.
+    """The selected waveforms of a shot with the results of every mode.
 
-    A Gaussian through three samples stands on 0, one of a decomposition on the threshold,
-    which the decomposition subtracts first. Deconvolved signals lie where the echoes that stand on
-    their maxima are reported, the offset of the scanner's description included.
+    Echoes are merged between the channels as in an extraction. Gaussians of the three-point fit
+    start at 0, those of the decomposition at the threshold, which it subtracts. The position offset
+    of the scanner description is subtracted from deconvolved signals as from deconvolved echoes.
 
     Parameters
     ----------
@@ -78,7 +88,7 @@ def waveform_views(
     Raises
     ------
     ValueError
-        A mode deconvolves and the scanner has no system wave for it.
+        A mode deconvolves and the scanner has no system wave.
     """
     for mode in modes:
         check_system_wave(mode, scanner)
@@ -111,8 +121,8 @@ def _levels(
     block: WaveformBlock, row: int, scanner: Scanner, threshold: Threshold
 ) -> tuple[int, npt.NDArray[np.int64]]:
     """Threshold and the segments above it, which do not depend on the mode."""
-    samples = np.ascontiguousarray(block.samples[row, : block.counts[row]])
-    level = _core.estimate_noise(samples) if threshold == "estimate" else threshold
+    samples = block.samples[row, : block.counts[row]]
+    level = estimated_threshold(samples) if threshold == "estimate" else threshold
     scanner = scanner.at_interval(float(block.sampling_intervals[row]))
     found = Driver(Mode.THREE_POINT, scanner).apply(samples[np.newaxis], threshold=level).segments
     return level, np.column_stack([found["start"], found["end"]]).astype(np.int64)
@@ -122,21 +132,21 @@ def _method_view(
     extractor: Extractor, extracted: ExtractedBlock, block: WaveformBlock, row: int, threshold: int
 ) -> MethodView:
     echoes, mode = extracted.echoes, extractor.settings.mode
-    mine = np.flatnonzero(echoes.waveform_number == block.waveform_numbers[row])
-    mine = mine[np.argsort(echoes.position[mine], kind="stable")]
-    types = echoes.echo_type[mine]
-    positions, widths = echoes.position[mine], echoes.width_samples[mine]
-    amplitudes = echoes.amplitude_counts[mine].astype(np.float64)
+    chosen = np.flatnonzero(echoes.waveform_number == block.waveform_numbers[row])
+    chosen = chosen[np.argsort(echoes.position[chosen], kind="stable")]
+    types = echoes.echo_type[chosen]
+    positions, widths = echoes.position[chosen], echoes.width_samples[chosen]
+    amplitudes = echoes.amplitude_counts[chosen].astype(np.float64)
     state = WaveformState(int(extracted.waveforms.state[row]))
-    feet = np.where(np.isin(types, _DECOMPOSED), float(threshold), 0.0)
-    fits = types != _DECONVOLVED
+    feet = np.where(np.isin(types, DECOMPOSED_TYPES), float(threshold), 0.0)
+    fits = types != EchoType.RICHARDSON_LUCY
     count = int(block.counts[row])
     fitted = fitted_sum(
         positions[fits], amplitudes[fits], widths[fits], float(feet.max(initial=0.0)), count
     )
     deconvolves = mode is Mode.DECONVOLUTION or (mode is Mode.HYBRID and bool(np.any(~fits)))
     if deconvolves and state is not WaveformState.TOO_LONG_TO_DECONVOLVE:
-        signal = _deconvolved_signal(extractor, block, row)
+        signal = _reported_signal(extractor.settings, block, row)
     else:
         signal = np.empty((0, 2))
     return MethodView(mode, state, positions, amplitudes, widths, feet, fitted, signal)
@@ -145,16 +155,15 @@ def _method_view(
 def fitted_sum(
     positions: FloatArray, amplitudes: FloatArray, widths: FloatArray, foot: float, count: int
 ) -> FloatArray:
-    """Sum of the Gaussians over a level, (k, 2): position in samples and height in counts.
+    """Sum of Gaussians on a level, (k, 2): position in samples and height in counts.
 
-    It is given at twentieths of a sample, wider steps in records of more than 2,000, and at the
-    positions of the Gaussians themselves, from the first to the last of `count` samples. Without
-    a Gaussian there are no values. Arguments (m,) in samples and counts; widths are standard
-    deviations, above 0.
+    Evaluated from the first to the last of `count` samples, in steps of a twentieth of a sample
+    (wider in waveforms of more than 2,000 samples) and at the maxima. Empty without Gaussians.
+    Arguments (m,) in samples and counts; widths are standard deviations, above 0.
     """
     if not len(positions):
         return np.empty((0, 2))
-    step = max(_CURVE_STEP, count / _MOST_STEPS)
+    step = max(_CURVE_STEP, count / _MAX_CURVE_POINTS)
     x = np.arange(0.0, count - 1.0 + step / 2, step)
     x = np.union1d(x, positions[(positions >= 0) & (positions <= count - 1)])
     height = np.full(len(x), foot)
@@ -163,21 +172,10 @@ def fitted_sum(
     return np.column_stack([x, height])
 
 
-def _deconvolved_signal(extractor: Extractor, block: WaveformBlock, row: int) -> FloatArray:
-    """Position and height of the signal whose maxima are the echoes, (k, 2)."""
-    settings = extractor.settings
-    samples = np.ascontiguousarray(block.samples[row, : block.counts[row]])
+def _reported_signal(settings: ExtractionSettings, block: WaveformBlock, row: int) -> FloatArray:
+    """The deconvolved signal at the positions at which its echoes are reported, (k, 2)."""
+    samples = block.samples[row, : block.counts[row]]
     scanner = settings.scanner.at_interval(float(block.sampling_intervals[row]))
-    threshold = -1 if settings.threshold == "estimate" else settings.threshold
-    values, first, step = _core.deconvolved_signal(samples, scanner.device(), threshold)
-    forward_messages()
-    position = first + np.arange(len(values)) * step - _offset(settings)
-    return np.column_stack([position, values])[np.isfinite(values)]
-
-
-def _offset(settings: ExtractionSettings) -> float:
-    """Samples by which deconvolved echoes are moved back, as the extraction does."""
-    scanner = settings.scanner
-    if settings.mode is Mode.HYBRID and scanner.deconvolution_offset_hybrid is not None:
-        return scanner.deconvolution_offset_hybrid
-    return scanner.deconvolution_offset
+    signal = deconvolved_signal(samples, scanner, settings.threshold)
+    signal[:, 0] -= settings.position_offset
+    return signal

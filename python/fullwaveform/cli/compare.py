@@ -12,7 +12,8 @@ from rich.table import Table
 
 from fullwaveform.analysis.comparison import Comparison, compare_with_returns
 from fullwaveform.cli.errors import told_in_a_sentence
-from fullwaveform.plotting.plots import PLOT_ENDINGS, draw_histogram
+from fullwaveform.plotting.histogram import draw_histogram
+from fullwaveform.plotting.style import PLOT_ENDINGS
 
 _SHARES = (50, 90, 95, 99)  # percent
 

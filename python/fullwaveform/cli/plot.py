@@ -28,8 +28,8 @@ from fullwaveform.cli.options import (
     seconds_from,
     threshold_from,
 )
-from fullwaveform.plotting.plots import PLOT_ENDINGS
-from fullwaveform.plotting.waveform import METHOD_NAMES, draw_waveforms
+from fullwaveform.plotting.style import PLOT_ENDINGS
+from fullwaveform.plotting.waveform import draw_waveforms
 
 
 def plot(
@@ -105,6 +105,6 @@ def _summary(view: WaveformView) -> str:
     parts = []
     for method in view.methods:
         count = len(method.positions)
-        found = f"{count} echo{'es' if count != 1 else ''}" if count else method.state.phrase
-        parts.append(f"{METHOD_NAMES[method.mode]} {found}")
+        found = f"{count} echo{'es' if count != 1 else ''}" if count else method.note
+        parts.append(f"{method.name} {found}")
     return f"waveform {view.number}: {'; '.join(parts)}"

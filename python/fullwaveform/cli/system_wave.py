@@ -13,11 +13,12 @@ from rich.table import Table
 from fullwaveform.cli.errors import told_in_a_sentence
 from fullwaveform.cli.options import refuse_same_file, seconds_from, threshold_from
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.plotting.system_wave import PICTURE_FORMATS, draw_system_wave
+from fullwaveform.plotting.style import PLOT_ENDINGS
+from fullwaveform.plotting.system_wave import SystemWaveCurves, draw_system_wave
 from fullwaveform.system_wave.averaging import AveragePulse
 from fullwaveform.system_wave.description import with_system_wave, write_description
 from fullwaveform.system_wave.exponentials import LARGEST_ORDER
-from fullwaveform.system_wave.fitting import SystemWave, fit_system_wave
+from fullwaveform.system_wave.fitting import WINDOW_SAMPLES, SystemWave, fit_system_wave
 from fullwaveform.system_wave.offset import (
     DeconvolutionOffset,
     measure_offset,
@@ -52,7 +53,7 @@ def system_wave(
         Path | None, typer.Option(help="Description to put the system wave into (TOML).")
     ] = None,
     plot: Annotated[
-        Path | None, typer.Option(help="Picture of pulse and system wave, .png or .pdf.")
+        Path | None, typer.Option(help="Plot of pulse and system wave (.png, .pdf, .svg).")
     ] = None,
     interval: Annotated[
         float | None, typer.Option(metavar="NS", help="Sampling interval, for .npz and text.")
@@ -83,7 +84,7 @@ def system_wave(
         described = with_system_wave(base, wave.in_seconds(), wave.pulse.sampling_interval)
         offset = _offset(described, wanted, wave.pulse)
         if plot is not None:
-            draw_system_wave(plot, wave)
+            draw_system_wave(plot, _curves(wave))
         write_description(output, described, offset, _remarks(wave, offset))
     if not quiet:
         _Summary(source_file, output, plot, wave, offset).show(Console())
@@ -103,9 +104,9 @@ def _order_from(text: str) -> int | None:
 def _check_files(source_file: Path, output: Path, plot: Path | None) -> None:
     if output.suffix.lower() != ".toml":
         raise typer.BadParameter(f"{output} must end in .toml", param_hint="-o")
-    if plot is not None and plot.suffix.lower() not in PICTURE_FORMATS:
+    if plot is not None and plot.suffix.lower() not in PLOT_ENDINGS:
         raise typer.BadParameter(
-            f"{plot} must end in {' or '.join(PICTURE_FORMATS)}", param_hint="--plot"
+            f"{plot} must end in {', '.join(PLOT_ENDINGS)}", param_hint="--plot"
         )
     refuse_same_file(source_file, output, "-o")
 
@@ -124,6 +125,23 @@ def _offset(scanner: Scanner, wanted: Input, pulse: AveragePulse) -> Deconvoluti
     """Measured on the file's own echoes where it has enough of them, else on the pulse."""
     parts = (part for part in wanted.records() if part.sampling_interval == pulse.sampling_interval)
     return measure_offset(scanner, parts, wanted.threshold) or offset_of_made_echoes(scanner, pulse)
+
+
+def _curves(wave: SystemWave) -> SystemWaveCurves:
+    """Pulse and system wave as they are plotted."""
+    pulse, fit = wave.pulse, wave.fit
+    position = wave.plotted_positions()
+    nanoseconds = pulse.sampling_interval * 1e9
+    return SystemWaveCurves(
+        time_ns=(position - wave.begin) * nanoseconds,
+        pulse=pulse.at(position),
+        wave=wave.at(position),
+        window_ns=WINDOW_SAMPLES * nanoseconds,
+        pulse_label=f"average of {pulse.used:,} pulses",
+        wave_label=f"sum of {fit.sum.order} exponentials",
+        title=f"System wave from {pulse.origin}: misfit {fit.misfit.rms:.2%} rms, "
+        f"maximum {fit.misfit.largest:.2%}",
+    )
 
 
 def _remarks(wave: SystemWave, offset: DeconvolutionOffset) -> tuple[str, ...]:

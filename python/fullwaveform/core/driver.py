@@ -20,6 +20,7 @@ from fullwaveform.data.columns import Columns
 _NO_DIRECTORY = "/dev/null"
 
 Mode = _core.Mode
+MODE_NAMES = {mode: mode.name.lower().replace("_", "-") for mode in Mode}
 RowState = _core.RowState
 #: Counts, or an estimate for every waveform.
 Threshold = int | Literal["estimate"]

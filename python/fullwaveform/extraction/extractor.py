@@ -11,6 +11,7 @@ import numpy as np
 import numpy.typing as npt
 
 import fullwaveform
+from fullwaveform.core.constants import EchoType
 from fullwaveform.core.driver import (
     DECONVOLVING_MODES,
     LONGEST_DECONVOLUTION,
@@ -33,8 +34,6 @@ from fullwaveform.extraction.waveform_table import (
     without_echoes,
 )
 
-_DECONVOLVED = 5  # type of the echoes that a deconvolution finds
-
 
 @dataclass(frozen=True)
 class ExtractionSettings:
@@ -44,6 +43,17 @@ class ExtractionSettings:
     mode: Mode = Mode.THREE_POINT
     threshold: Threshold = "estimate"  # counts, or an estimate for every waveform
     keep_empty: bool = False  # whether waveforms without echoes have a row among the echoes
+
+    @property
+    def position_offset(self) -> float:
+        """Samples to subtract from positions of deconvolved echoes; 0 if the mode has none."""
+        if self.mode not in DECONVOLVING_MODES:
+            return 0.0
+        offset, hybrid = (
+            self.scanner.deconvolution_offset,
+            self.scanner.deconvolution_offset_hybrid,
+        )
+        return hybrid if self.mode is Mode.HYBRID and hybrid is not None else offset
 
 
 def run_metadata(settings: ExtractionSettings) -> dict[str, str]:
@@ -120,7 +130,7 @@ class Extractor:
             parts.append((rows[result.peaks["row"]], dict(result.peaks)))
             records.append(result.record)
         rows, peaks = _joined(parts)
-        peaks = self._where_a_fit_sees_them(peaks, block.sampling_intervals[rows])
+        peaks = self._apply_position_offset(peaks, block.sampling_intervals[rows])
         finite = _finite(peaks)
         left_out = int(np.count_nonzero(~finite))
         rows, peaks = rows[finite], {name: column[finite] for name, column in peaks.items()}
@@ -146,20 +156,16 @@ class Extractor:
             threshold=self.settings.threshold,
         )
 
-    def _where_a_fit_sees_them(
+    def _apply_position_offset(
         self, peaks: dict[str, npt.NDArray[Any]], interval: FloatArray
     ) -> dict[str, npt.NDArray[Any]]:
-        """The peaks, deconvolved ones moved by the offset that the scanner's description states."""
-        offset = np.where(peaks["type"] == _DECONVOLVED, self._stated_offset(), 0.0)
+        """The peaks with the position offset subtracted from the deconvolved ones."""
+        if self.settings.position_offset == 0.0:
+            return peaks
+        deconvolved = peaks["type"] == EchoType.RICHARDSON_LUCY
+        offset = np.where(deconvolved, self.settings.position_offset, 0.0)
         moved = {"idx": peaks["idx"] - offset, "time": peaks["time"] - offset * interval}
         return {**peaks, **moved}
-
-    def _stated_offset(self) -> float:
-        """Samples; the hybrid's deconvolved echoes stand among decomposed ones."""
-        scanner, mode = self.settings.scanner, self.settings.mode
-        if mode == Mode.HYBRID and scanner.deconvolution_offset_hybrid is not None:
-            return scanner.deconvolution_offset_hybrid
-        return scanner.deconvolution_offset if mode in DECONVOLVING_MODES else 0.0
 
     def _driver(self, interval: float, longest: int) -> Driver:
         planned, driver = self._drivers.get(interval, (-1, None))
@@ -177,7 +183,7 @@ class Extractor:
         """An offset in samples holds for the interval at which it was measured."""
         known = self.settings.scanner.sampling_interval
         if (
-            self._stated_offset() != 0.0
+            self.settings.position_offset != 0.0
             and known is not None
             and abs(interval - known) > 1e-3 * known
         ):

@@ -1,131 +1,111 @@
-"""The picture of a waveform: samples, threshold, segments, and what the methods made of them."""
+"""Plot of waveforms: samples, threshold, segments, and the echoes and signals of the methods."""
 
 from __future__ import annotations
 
 import os
 import textwrap
 from collections.abc import Sequence
-from pathlib import Path
-from typing import Any
 
-import matplotlib as mpl
 import numpy as np
 import numpy.typing as npt
 from matplotlib.axes import Axes
-from matplotlib.backends.backend_agg import FigureCanvasAgg
 from matplotlib.figure import Figure
 from matplotlib.ticker import MaxNLocator
 
 from fullwaveform.analysis.waveform_views import MethodView, WaveformView
-from fullwaveform.core.driver import Mode
 from fullwaveform.data.arrays import FloatArray
-from fullwaveform.extraction.waveform_table import WaveformState
-from fullwaveform.io.atomic import atomic_open
-from fullwaveform.plotting.plots import PLOT_ENDINGS
+from fullwaveform.plotting.style import (
+    DASHED,
+    FAINT,
+    GREY,
+    INK,
+    SMALL_TEXT_SIZE,
+    TEXT_SIZE,
+    label_axes,
+    new_figure,
+    plot_format,
+    save_figure,
+)
 
-#: Colours of the methods; told apart with every kind of colour vision (Okabe and Ito 2008).
-METHOD_COLOURS = {
-    Mode.THREE_POINT: "#0072b2",
-    Mode.DECOMPOSITION: "#d55e00",
-    Mode.DECONVOLUTION: "#009e73",
-    Mode.HYBRID: "#aa4499",
-}
-METHOD_NAMES = {mode: mode.name.lower().replace("_", "-") for mode in Mode}
+#: Colours by mode, distinguishable with colour vision deficiencies (Okabe and Ito 2008).
+METHOD_COLOURS = ("#0072b2", "#d55e00", "#009e73", "#aa4499")
 _CHANNELS = {0: "high-power channel", 1: "low-power channel"}
-_INK, _GREY, _FAINT = "#1f2a36", "#7b8794", "#dfe4e8"
 _WIDTH_INCHES, _PANEL_INCHES, _EDGE_INCHES = 10.0, 3.6, 0.75
-_DOTS_PER_INCH = 160
-_MARGIN, _SHORTEST_VIEW = 15.0, 50.0  # samples
-_TEXT, _SMALL = 8.5, 7.5  # points
+_MARGIN, _MIN_VIEW = 15.0, 50.0  # samples
 _CURVE_WIDTHS = (2.6, 2.0, 1.4, 0.9)  # points, in the order of drawing
 _REACH = 4.0  # standard deviations from an echo to which its curve is drawn
 _SEGMENTS_AT = 0.02  # share of the panel's height
-_LINE = 1.0 / 22.0  # height of a line of text beside a panel, share of the panel
-_LINES_AROUND = 2.0  # heading of a method and the gap behind it
-_COLUMNS = (0.22, 0.50, 0.86)  # right ends of the columns of numbers, share of the room
+_LINE = 1.0 / 22.0  # height of a line of text, share of the panel
+_LINES_PER_METHOD = 2.0  # heading and gap
+_COLUMNS = (0.22, 0.50, 0.86)  # right ends of the columns of numbers, share of the width
 _NANOSECONDS = 1e9
-_SETTINGS: dict[Any, str] = {"svg.fonttype": "none", "svg.hashsalt": "fullwaveform"}
 
 
 def draw_waveforms(path: str | os.PathLike[str], views: Sequence[WaveformView]) -> None:
-    """Draw waveforms under each other; see `waveform_figure`.
+    """Draw waveforms one below the other; see `waveform_figure`.
 
-    The ending of the name, `.png`, `.pdf` or `.svg`, chooses the format. Equal waveforms make
-    equal files; a file appears when it is whole.
-
-    Raises ValueError for another ending or without a waveform, OSError when the file cannot be
-    written.
+    Raises ValueError for an unknown file ending or without waveforms, OSError if the file cannot
+    be written.
     """
-    final = Path(path)
-    kind = final.suffix.lower()
-    if kind not in PLOT_ENDINGS:
-        raise ValueError(f"{final.name!r} does not end in one of {', '.join(PLOT_ENDINGS)}")
-    figure = waveform_figure(views)
-    dates = {".pdf": {"CreationDate": None}, ".svg": {"Date": None}}
-    with mpl.rc_context(_SETTINGS), atomic_open(final) as stream:
-        figure.savefig(stream, format=kind[1:], metadata=dates.get(kind, {}))
+    plot_format(path)
+    save_figure(waveform_figure(views), path)
 
 
 def waveform_figure(views: Sequence[WaveformView]) -> Figure:
-    """A panel per waveform, beside it the echoes of each method in numbers.
+    """One panel per waveform, and to its right the list of echoes of each method.
 
-    Drawn are the samples, the threshold, the segments above it as a bar on the axis,
-    and, in the colour of each method, its fitted or deconvolved signal and its echoes: a stem as
-    high as the amplitude, with a bar that reaches one standard deviation to either side where a
-    Gaussian is that wide. Long records are shown around their echoes.
+    A panel shows the samples, the threshold, the segments as bars on the axis and, in the colour of
+    each method, its fitted or deconvolved signal and its echoes: a stem as high as the amplitude,
+    and a bar of one standard deviation to either side at the height where the Gaussian has this
+    width. Long waveforms are cropped to their echoes.
 
-    Raises ValueError without a waveform.
+    Raises ValueError without waveforms.
     """
     if not views:
-        raise ValueError("there is no waveform to draw")
+        raise ValueError("no waveforms to draw")
     height = _PANEL_INCHES * len(views) + _EDGE_INCHES
-    figure = Figure(figsize=(_WIDTH_INCHES, height), dpi=_DOTS_PER_INCH, layout="constrained")
-    FigureCanvasAgg(figure)
+    figure = new_figure(_WIDTH_INCHES, height)
     grid = figure.subplots(len(views), 2, squeeze=False, width_ratios=(1.0, 0.34))
     first, last = _shown_samples(views)
-    for view, (panel, beside) in zip(views, grid, strict=True):
+    for view, (panel, list_axes) in zip(views, grid, strict=True):
         panel.set_xlim(first, last)
         _draw_panel(panel, view)
         _add_nanoseconds(panel, view.interval)
-        _tell_echoes(beside, view)
-    grid[-1][0].set_xlabel("sample", fontsize=_TEXT, color=_INK)
+        _list_echoes(list_axes, view)
+    grid[-1][0].set_xlabel("sample", fontsize=TEXT_SIZE, color=INK)
     return figure
 
 
 def _draw_panel(axes: Axes, view: WaveformView) -> None:
     values = view.samples.astype(np.float64)
     index = np.arange(len(values))
-    axes.fill_between(index, values, step="mid", color=_FAINT, linewidth=0, zorder=1)
-    axes.plot(index, values, ".", color=_INK, markersize=3.2, label="samples", zorder=6)
-    axes.axhline(view.threshold, color=_GREY, linewidth=0.8, linestyle=(0, (4, 2)), zorder=2)
-    _name_threshold(axes, view)
+    axes.fill_between(index, values, step="mid", color=FAINT, linewidth=0, zorder=1)
+    axes.plot(index, values, ".", color=INK, markersize=3.2, label="samples", zorder=6)
+    axes.axhline(view.threshold, color=GREY, linewidth=0.8, linestyle=DASHED, zorder=2)
+    _label_threshold(axes, view)
     first, last = view.segments.T if len(view.segments) else (np.empty(0), np.empty(0))
     axes.hlines(
         np.full(len(first), _SEGMENTS_AT),
         first,
         last,
-        color=_GREY,
+        color=GREY,
         linewidth=3.0,
         transform=axes.get_xaxis_transform(),
         label="segments",
     )
     if len(view.segments):
-        _name_beside(axes, "above the threshold", _SEGMENTS_AT)
-    # What is drawn first is broader, so that equal curves are all seen.
+        _label_right(axes, "above the threshold", _SEGMENTS_AT)
+    # Curves drawn first are wider, so that equal curves are all visible.
     for method, width in zip(view.methods, _CURVE_WIDTHS, strict=False):
         _draw_method(axes, method, width)
-    highest = _highest(view)
-    axes.set_ylim(-0.06 * highest, 1.08 * highest)
+    height = _max_height(view)
+    axes.set_ylim(-0.06 * height, 1.08 * height)
     axes.yaxis.set_major_locator(MaxNLocator(6, integer=True, steps=[1, 2, 5, 10]))
-    axes.set_ylabel("digitiser counts", fontsize=_TEXT, color=_INK)
-    axes.set_title(_title(view), loc="left", fontsize=_TEXT, color=_INK, pad=6)
-    axes.spines["right"].set_visible(False)
-    axes.spines[["left", "bottom", "top"]].set_color(_GREY)
-    axes.tick_params(labelsize=_SMALL, labelcolor=_INK, color=_GREY, length=2.5)
+    label_axes(axes, "", "digitiser counts", _title(view))
 
 
 def _draw_method(axes: Axes, method: MethodView, width: float) -> None:
-    name, colour = METHOD_NAMES[method.mode], METHOD_COLOURS[method.mode]
+    name, colour = method.name, METHOD_COLOURS[method.mode]
     for curve, kind in ((_around_echoes(method), "fitted"), (method.deconvolved, "deconvolved")):
         axes.plot(*curve.T, color=colour, linewidth=width, label=f"{name}, {kind}", zorder=5)
     axes.vlines(method.positions, method.feet, method.tops, color=colour, linewidth=0.8, zorder=3)
@@ -153,19 +133,19 @@ def _draw_method(axes: Axes, method: MethodView, width: float) -> None:
 
 
 def _around_echoes(method: MethodView) -> FloatArray:
-    """The fitted sum where a Gaussian still shows; gaps are NaN."""
+    """The fitted sum near echoes, NaN elsewhere."""
     curve, reach = method.fitted.copy(), _REACH * method.widths
-    shows = np.zeros(len(curve), dtype=np.bool_)
+    near = np.zeros(len(curve), dtype=np.bool_)
     first = np.searchsorted(curve[:, 0], method.positions - reach)
-    behind = np.searchsorted(curve[:, 0], method.positions + reach, side="right")
-    for start, stop in zip(first, behind, strict=True):
-        shows[start:stop] = True
-    curve[~shows, 1] = np.nan
+    end = np.searchsorted(curve[:, 0], method.positions + reach, side="right")
+    for start, stop in zip(first, end, strict=True):
+        near[start:stop] = True
+    curve[~near, 1] = np.nan
     return curve
 
 
-def _name_threshold(axes: Axes, view: WaveformView) -> None:
-    """Says above the line what it is, at the end of the panel where the record is lower."""
+def _label_threshold(axes: Axes, view: WaveformView) -> None:
+    """Label the line at the end of the panel where the waveform is lower."""
     low, high = axes.get_xlim()
     shown = view.samples[max(int(low), 0) : int(high) + 1]
     end = max(len(shown) // 5, 1)
@@ -177,14 +157,14 @@ def _name_threshold(axes: Axes, view: WaveformView) -> None:
         xytext=(0, 2),
         textcoords="offset points",
         ha="right" if right else "left",
-        fontsize=_SMALL,
-        color=_GREY,
+        fontsize=SMALL_TEXT_SIZE,
+        color=GREY,
         bbox={"color": "white", "alpha": 0.7, "pad": 0.5, "linewidth": 0},
     )
 
 
-def _name_beside(axes: Axes, text: str, height: float) -> None:
-    """A word to the right of the panel, at a share of its height; it takes no room of its own."""
+def _label_right(axes: Axes, text: str, height: float) -> None:
+    """Text to the right of the panel, at a share of its height, ignored by the layout."""
     label = axes.annotate(
         text,
         (1.0, height),
@@ -192,13 +172,13 @@ def _name_beside(axes: Axes, text: str, height: float) -> None:
         xytext=(4, 0),
         textcoords="offset points",
         va="center",
-        fontsize=_SMALL,
-        color=_GREY,
+        fontsize=SMALL_TEXT_SIZE,
+        color=GREY,
     )
     label.set_in_layout(False)
 
 
-def _highest(view: WaveformView) -> float:
+def _max_height(view: WaveformView) -> float:
     tops = [float(top) for method in view.methods for top in method.tops]
     curves = [
         float(curve[:, 1].max(initial=0.0))
@@ -215,7 +195,7 @@ def _title(view: WaveformView) -> str:
 
 
 def _shown_samples(views: Sequence[WaveformView]) -> tuple[float, float]:
-    """The echoes of all with some samples to either side, all samples without an echo."""
+    """Range of samples around all echoes; all samples without echoes."""
     count = max(max(len(view.samples) for view in views), 1)
     echoes: list[FloatArray] = [method.positions for view in views for method in view.methods]
     positions = np.concatenate(echoes) if echoes else np.empty(0)
@@ -224,8 +204,8 @@ def _shown_samples(views: Sequence[WaveformView]) -> tuple[float, float]:
     widths = np.concatenate([method.widths for view in views for method in view.methods])
     margin = np.maximum(_MARGIN, _REACH * widths)
     first = max(float((positions - margin).min()), 0.0)
-    last = min(max(float((positions + margin).max()), first + _SHORTEST_VIEW), count - 1.0)
-    return min(first, max(last - _SHORTEST_VIEW, 0.0)) - 0.5, last + 0.5
+    last = min(max(float((positions + margin).max()), first + _MIN_VIEW), count - 1.0)
+    return min(first, max(last - _MIN_VIEW, 0.0)) - 0.5, last + 0.5
 
 
 def _add_nanoseconds(axes: Axes, interval: float) -> None:
@@ -238,50 +218,48 @@ def _add_nanoseconds(axes: Axes, interval: float) -> None:
         return np.asarray(time, dtype=np.float64) / step
 
     top = axes.secondary_xaxis("top", functions=(time_of, position_at))
-    top.tick_params(labelsize=_SMALL, labelcolor=_GREY, color=_GREY, length=2.5)
-    _name_beside(axes, "ns", 1.02)
+    top.tick_params(labelsize=SMALL_TEXT_SIZE, labelcolor=GREY, color=GREY, length=2.5)
+    top.spines["top"].set_color(GREY)
+    _label_right(axes, "ns", 1.02)
 
 
-def _tell_echoes(axes: Axes, view: WaveformView) -> None:
-    """The echoes of each method as numbers, in its colour; as many as there is room for."""
+def _list_echoes(axes: Axes, view: WaveformView) -> None:
+    """List the echoes of each method in its colour, as many as fit."""
     axes.set_axis_off()
     axes.set_xlim(0.0, 1.0)
     axes.set_ylim(0.0, 1.0)
     y = 1.0
     for heading, right in zip(("sample", "counts", "width [ns]"), _COLUMNS, strict=True):
-        axes.text(right, y, heading, ha="right", va="top", fontsize=_SMALL, color=_GREY)
+        axes.text(right, y, heading, ha="right", va="top", fontsize=SMALL_TEXT_SIZE, color=GREY)
     y -= 1.5 * _LINE
-    for method, room in zip(view.methods, _rooms(view.methods), strict=True):
-        y = _tell_method(axes, method, view.interval * _NANOSECONDS, y, room)
+    for method, lines in zip(view.methods, _lines_per_method(view.methods), strict=True):
+        y = _list_method(axes, method, view.interval * _NANOSECONDS, y, lines)
 
 
-def _rooms(methods: Sequence[MethodView]) -> list[int]:
-    """Lines for the echoes of each method: as many as it has, or an equal share of the panel."""
-    free = int(1.0 / _LINE - 2.5 - _LINES_AROUND * len(methods))
-    wanted = [len(method.positions) for method in methods]
+def _lines_per_method(methods: Sequence[MethodView]) -> list[int]:
+    """Lines for the echoes of each method: all of them, or an equal share of the panel."""
+    free = int(1.0 / _LINE - 2.5 - _LINES_PER_METHOD * len(methods))
+    needed = [len(method.positions) for method in methods]
     share = max(free // max(len(methods), 1), 1)
-    return wanted if sum(wanted) <= free else [min(count, share) for count in wanted]
+    return needed if sum(needed) <= free else [min(count, share) for count in needed]
 
 
-def _tell_method(axes: Axes, method: MethodView, step: float, y: float, room: int) -> float:
-    """Writes from the height y downwards; returns the height of the next line."""
+def _list_method(axes: Axes, method: MethodView, step: float, y: float, lines: int) -> float:
+    """List the echoes from height y downwards; return the height of the next line."""
     colour, count = METHOD_COLOURS[method.mode], len(method.positions)
-    heading = (
-        f"{METHOD_NAMES[method.mode]}, {count if count else 'no'} echo{'es'[: 2 * (count != 1)]}"
-    )
-    axes.text(0.0, y, heading, va="top", fontsize=_TEXT, color=colour, weight="bold")
+    heading = f"{method.name}, {count or 'no'} echo{'' if count == 1 else 'es'}"
+    axes.text(0.0, y, heading, va="top", fontsize=TEXT_SIZE, color=colour, weight="bold")
     y -= 1.15 * _LINE
-    shown = count if count <= room else room - 1
+    shown = count if count <= lines else lines - 1
     echoes = (method.positions, method.amplitudes, method.widths * step)
     for position, amplitude, width in zip(*(column[:shown] for column in echoes), strict=True):
         texts = (f"{position:.2f}", f"{amplitude:.0f}", f"{width:.2f}" if width > 0 else "–")
         for text, right in zip(texts, _COLUMNS, strict=True):
-            axes.text(right, y, text, ha="right", va="top", fontsize=_TEXT, color=_INK)
+            axes.text(right, y, text, ha="right", va="top", fontsize=TEXT_SIZE, color=INK)
         y -= _LINE
     rest = [f"and {count - shown} more"] if count > shown else []
-    if method.state is not WaveformState.WITH_ECHOES:
-        rest += textwrap.wrap(method.state.phrase, 36)
+    rest += textwrap.wrap(method.note, 36)
     for line in rest:
-        axes.text(0.0, y, line, va="top", fontsize=_SMALL, color=_GREY)
+        axes.text(0.0, y, line, va="top", fontsize=SMALL_TEXT_SIZE, color=GREY)
         y -= _LINE
     return y - 0.8 * _LINE

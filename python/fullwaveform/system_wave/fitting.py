@@ -18,6 +18,7 @@ from fullwaveform.system_wave.exponentials import (
 #: The deconvolution evaluates the wave from its first sample to its twelfth.
 WINDOW_SAMPLES = 11.0
 _STEPS_PER_SAMPLE = 10
+_PLOT_MARGIN, _PLOTTED_PER_SAMPLE = 6.0, 50  # samples around the window; points
 #: The window begins where the pulse has risen to this share of its maximum ...
 RISE_SHARE = 0.01
 #: ... unless it then holds less than this share of the pulse's energy.
@@ -52,6 +53,12 @@ class SystemWave:
         since = np.asarray(position, dtype=np.float64) - self.begin
         inside = (since >= -1e-9) & (since <= WINDOW_SAMPLES + 1e-9)
         return np.where(inside, self.fit.sum(np.where(inside, since, 0.0)), np.nan)
+
+    def plotted_positions(self) -> FloatArray:
+        """Positions for a plot: the window and some samples around it, where the pulse is known."""
+        first = max(self.begin - _PLOT_MARGIN, self.pulse.position[0])
+        last = min(self.begin + WINDOW_SAMPLES + _PLOT_MARGIN, self.pulse.position[-1])
+        return np.linspace(first, last, int((last - first) * _PLOTTED_PER_SAMPLE) + 1)
 
 
 def fit_system_wave(

@@ -184,7 +184,7 @@ def test_show_scan_compares_with_the_truth_and_draws(
     picture = tmp_path / "overview.png"
     printed = run_example("show_scan.py", scan, echoes, picture)
     assert "100.0%" in next(line for line in printed.splitlines() if "alone" in line)
-    assert "echoes without a true one within 2 samples: 0 of" in printed
+    assert "false positives (no true echo within 2 samples): 0 of" in printed
     assert picture.read_bytes().startswith(b"\x89PNG")
 
 
@@ -227,7 +227,7 @@ def test_own_arrays_finds_the_echoes_that_it_makes() -> None:
     assert lines[4:] == [
         "row 0: kept",
         "row 1: kept",
-        "row 2: merged away",
+        "row 2: merged into other channel",
         "row 3: signal too low",
         "row 4: kept",
     ]

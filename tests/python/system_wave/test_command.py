@@ -133,7 +133,7 @@ def test_extraction_with_the_description(tmp_path: Path) -> None:
     ("options", "sentence"),
     [
         (["-o", "out.txt"], "must end in .toml"),
-        (["-o", "o.toml", "--plot", "p.jpg"], "must end in .png or .pdf"),
+        (["-o", "o.toml", "--plot", "p.jpg"], "must end in .png, .pdf, .svg"),
         (["-o", "o.toml", "--order", "0"], "neither auto nor a number of exponentials, 1 to 12"),
         (["-o", "o.toml", "--order", "x"], "neither auto nor a number of exponentials, 1 to 12"),
         (["-o", "o.toml", "--interval", "0"], "0.0 is no number of nanoseconds above 0"),

@@ -18,7 +18,7 @@ import pytest
 
 from fullwaveform.io.atomic import OutputError, atomic_open, atomic_path
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, open_echo_file
-from fullwaveform.plotting.plots import draw_histogram
+from fullwaveform.plotting.histogram import draw_histogram
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 from ...support.echo_tables import echo_table
