@@ -4,8 +4,7 @@
 #include <fullwaveform/deconvolution/DeconvolvedSignal.h>
 #include <fullwaveform/deconvolution/RL_Planes.h>
 #include <fullwaveform/deconvolution/RichardsonLucy.h>
-#include <fullwaveform/driver/ChannelMerge.h>
-#include <fullwaveform/driver/Decibel.h>
+#include <fullwaveform/driver/BlockReport.h>
 #include <fullwaveform/driver/FWFModus.h>
 #include <fullwaveform/driver/PeakDetectionFamily.h>
 #include <fullwaveform/driver/RunStatistics.h>

@@ -11,17 +11,19 @@ constexpr double sameEchoIntervals = 3.0;  // sampling intervals
 
 }  // namespace
 
-void mergeChannels(std::list<Peak>& normal, std::list<Peak>& lowPower, double samplingInterval) {
-  double const reach = sameEchoIntervals * samplingInterval;
-  auto const same = [reach](Peak const& p, Peak const& q) { return std::abs(q.time - p.time) < reach; };
+void mergeChannels(std::list<Peak>& highPower, std::list<Peak>& lowPower, double samplingInterval) {
+  double const maxDistance = sameEchoIntervals * samplingInterval;
+  auto const same = [maxDistance](Peak const& p, Peak const& q) {
+    return std::abs(q.time - p.time) < maxDistance;
+  };
 
   lowPower.remove_if([&](Peak const& q) {
     return q.amplitude > saturated &&
-           std::any_of(normal.begin(), normal.end(), [&](Peak const& p) { return same(p, q); });
+           std::any_of(highPower.begin(), highPower.end(), [&](Peak const& p) { return same(p, q); });
   });
   for (Peak const& q : lowPower) {
     if (q.amplitude <= saturated) {
-      normal.remove_if([&](Peak const& p) { return same(p, q); });
+      highPower.remove_if([&](Peak const& p) { return same(p, q); });
     }
   }
 }

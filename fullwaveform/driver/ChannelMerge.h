@@ -2,20 +2,18 @@
 
 #include <list>
 
-#include <fullwaveform/Export.h>
 #include <fullwaveform/model/Peak.h>
 
 namespace FullWaveform {
 
-/// Keeps one copy of every echo that both receiver channels of a shot saw.
+/// Removes one copy of every echo that is in both receiver channels of a shot.
 ///
-/// Echoes less than three sampling intervals apart are the same. The copy in the low-power channel stays
-/// unless it is saturated (above 3000 counts); then the one in the other channel stays.
+/// Echoes less than three sampling intervals apart are the same echo. The low-power copy is kept unless it is
+/// saturated (above 3000 counts); then the high-power copy is kept.
 ///
-/// @param normal            echoes of a waveform of the normal channel, times in s, amplitudes in counts
-/// @param lowPower          echoes of a waveform of the low-power channel
+/// @param highPower         echoes of a high-power waveform, times in s, amplitudes in counts
+/// @param lowPower          echoes of a low-power waveform of the same shot
 /// @param samplingInterval  s
-FULLWAVEFORM_EXPORT void mergeChannels(std::list<Peak>& normal, std::list<Peak>& lowPower,
-                                       double samplingInterval);
+void mergeChannels(std::list<Peak>& highPower, std::list<Peak>& lowPower, double samplingInterval);
 
 }  // namespace FullWaveform

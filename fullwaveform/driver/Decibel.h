@@ -1,10 +1,8 @@
 #pragma once
 
-#include <fullwaveform/Export.h>
-
 namespace FullWaveform {
 
-/// 20 log10(counts * unit) in dB; exactly 0 where counts * unit is below 1.0001.
-FULLWAVEFORM_EXPORT float toDecibel(double counts, double unit);
+/// 20 log10(counts * unit) in dB; exactly 0 if counts * unit is below 1.0001.
+float toDecibel(double counts, double unit);
 
 }  // namespace FullWaveform

@@ -7,7 +7,7 @@
 
 namespace FullWaveform {
 
-/// Which extraction method the driver runs. Any other value runs none.
+/// Extraction method of the driver. With any other value, no method runs and waveforms get no echoes.
 enum class FWFModus : std::uint32_t {
   ThreePoint = 0,     ///< Gauss curve through three samples
   Decomposition = 1,  ///< Gaussian decomposition
@@ -15,7 +15,7 @@ enum class FWFModus : std::uint32_t {
   Hybrid = 3          ///< decomposition or deconvolution, chosen per waveform
 };
 
-/// Display name of a mode, with a leading blank: callers append it behind a label. Empty for other values.
+/// Display name of a mode, with a leading blank so that it can follow a label. Empty for other values.
 FULLWAVEFORM_EXPORT std::string getNameOfModus(FWFModus modus);
 
 }  // namespace FullWaveform

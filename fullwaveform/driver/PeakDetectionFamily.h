@@ -1,15 +1,14 @@
 #pragma once
 
-#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <string>
-#include <vector>
 
 #include <fullwaveform/Export.h>
 #include <fullwaveform/deconvolution/RL_Planes.h>
+#include <fullwaveform/driver/BlockReport.h>
 #include <fullwaveform/driver/FWFModus.h>
-#include <fullwaveform/driver/RunStatistics.h>
 #include <fullwaveform/driver/ShotMap.h>
 #include <fullwaveform/fitting/FittingGaussVia3Points.h>
 #include <fullwaveform/fitting/FittingGaussViaDecomposition.h>
@@ -21,28 +20,7 @@
 
 namespace FullWaveform {
 
-/// What became of one row of a block.
-enum class RowState : std::uint8_t {
-  Kept = 0,                   ///< its waveform is in the shot map, with the echoes that were found
-  SignalTooLow = 1,           ///< its strongest sample is not above the noise
-  Duplicate = 2,              ///< its shot held a waveform of the same signature already
-  InvalidRow = 3,             ///< no samples, no shot time, or no value in one of the arrays: not looked at
-  TooLongToDeconvolve = 4,    ///< in the shot map without echoes: no deconvolution could take it
-  MergedIntoOtherChannel = 5  ///< in the shot map without echoes: all of them stand in the other channel
-};
-
-/// What the driver remembers of its last block, beside the shot map.
-struct BlockReport {
-  RunStatistics statistics;
-  std::uint32_t mergedIntoOtherChannel = 0;  ///< waveforms whose echoes all stand in the other channel
-  std::uint32_t tooLongToDeconvolve = 0;     ///< waveforms that no deconvolution could take
-  std::vector<RowState> rowStates;           ///< one per row of the block
-  std::chrono::system_clock::time_point started;
-  std::chrono::system_clock::time_point finished;
-  std::vector<float> amplitudesInCounts;  ///< every echo of the map before decibels, in the map's order
-};
-
-/// The entry of the library: runs one extraction method over blocks of waveforms.
+/// The driver: runs one extraction method over blocks of waveforms.
 ///
 /// Built once per scan. Its methods keep working memory, so one driver serves one thread at a time.
 template <class T>
@@ -52,7 +30,7 @@ class FULLWAVEFORM_EXPORT PeakDetectionFamily {
   OnlineEvaluation<T> onlineEvaluation;  ///< holds the scanner that every waveform is built with
   std::filesystem::path outputDirectory;
   std::filesystem::path inputFile;
-  std::string message;  ///< for the operator; empty when there is nothing to say
+  std::string message;  ///< why the deconvolution cannot run, in modes 2 and 3; otherwise empty
   FittingGaussVia3Points<T, ZeroCrossing> gaussVia3Points;
   FittingGaussViaDecomposition<T, ZeroCrossing> gaussDecomposition;
   RL_Planes<T, ZeroCrossing> rlPlanes;
@@ -61,50 +39,51 @@ class FULLWAVEFORM_EXPORT PeakDetectionFamily {
 
   /// @param modus            the method
   /// @param scanner          copied
-  /// @param outputDirectory  where the run statistics of suspicious blocks are appended
-  /// @param inputFile        names the file of the run statistics
-  /// @param rlParameter      longest waveform for the deconvolution, samples. With exponential sums in the
-  ///                         scanner its transforms are planned here, in every mode; see `RL_Planes`.
+  /// @param outputDirectory  directory of the statistics file, to which suspicious blocks are appended
+  /// @param inputFile        its stem names the statistics file
+  /// @param rlParameter      longest waveform that will be deconvolved, in samples. If the scanner has
+  ///                         exponential sums, the transforms are planned here, in every mode; see
+  ///                         `RL_Planes`.
   ///
-  /// All methods are built in every mode. `message` says in modes 2 and 3 why the deconvolution cannot run;
-  /// a block that is given all the same gets waveforms without echoes where it would have been needed.
+  /// All methods are built in every mode. Where a deconvolution would be needed but cannot run, the waveform
+  /// gets no echoes.
   PeakDetectionFamily(FWFModus const& modus, ScannerDevice const& scanner,
                       std::filesystem::path const& outputDirectory, std::filesystem::path const& inputFile,
                       unsigned int const& rlParameter);
 
-  /// Extracts the echoes of a block; all per-waveform arrays run along the rows of the block.
+  /// Extracts the echoes of a block. The per-waveform arrays have one value per row of the block.
   ///
-  /// @param waveforms     samples in counts, a row per waveform
-  /// @param counts        valid samples of each row; cut to the row's width
+  /// @param waveforms     samples in counts, one row per waveform
+  /// @param counts        valid samples of each row; clipped to the row length
   /// @param shotTimes     s; waveforms of equal time are one shot
   /// @param sblTimes      s
-  /// @param channelFlags  0: normal channel, otherwise low power (1 is also kept as `isLowPower`)
-  /// @param noise         counts; negative: estimate it for every waveform
-  /// @param hostText      the host's note on the block; changes nothing
+  /// @param channelFlags  0: high power, otherwise low power (only 1 sets `isLowPower`)
+  /// @param noise         threshold in counts; negative: estimated for every waveform
+  /// @param hostText      ignored
   /// @return the shots with their waveforms and final echoes: times in s, amplitudes in dB
   ///
-  /// Rows that cannot be placed (an array too short, a shot time that is not a number) are left out; one
-  /// console message per block says how many, how many counts were cut, and how many values have no row.
+  /// Rows with a NaN shot time or without a value in one of the arrays are skipped; one console message per
+  /// block counts them, the clipped counts and the values without a row.
   ShotMap apply(Waveforms const& waveforms, Kestra::MultiArray<1, unsigned short> const& counts,
                 Kestra::MultiArray<1, double> const& shotTimes, Kestra::MultiArray<1, double> const& sblTimes,
                 Kestra::MultiArray<1, unsigned char> const& channelFlags, int const& noise,
                 std::string const& hostText);
 
-  /// The block that `apply` worked on last.
-  [[nodiscard]] BlockReport const& lastBlock() const { return trace; }
+  /// Report of the last block given to `apply`.
+  [[nodiscard]] BlockReport const& lastBlock() const { return report; }
 
  private:
   struct Row;
 
+  void startReport(std::size_t rows);
   RowState processRow(Row const& row, int noise, ShotMap& shots);
   RowState extract(Row const& row, WavePtr const& wave);
   RowState deconvolve(Row const& row, WavePtr const& wave);
-  void keepGoodPeaks(WavePoints<T>& wave) const;
   void setTimes(WavePoints<T>& wave) const;
-  void finishShot(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags);
-  void mergeAndTrace(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags);
+  void mergeChannelsOf(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags);
+  void convertToDecibels(Shot& shot);
 
-  BlockReport trace;
+  BlockReport report;
 };
 
 extern template class PeakDetectionFamily<unsigned short>;

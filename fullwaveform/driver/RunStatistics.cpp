@@ -27,7 +27,7 @@ void RunStatistics::countSegments(std::size_t segments) {
 }
 
 bool RunStatistics::isSuspicious() const {
-  // An empty block gives 0/0, which is not below the limit.
+  // In an empty block the ratio is NaN, which is not below the limit.
   auto const isLow = [this](std::uint32_t count) {
     return static_cast<double>(count) / static_cast<double>(numberOfWaves) < warningRatio;
   };
@@ -35,7 +35,7 @@ bool RunStatistics::isSuspicious() const {
 }
 
 std::string RunStatistics::record() const {
-  // No line feed behind the number of waveforms: the first split entry follows on the same line.
+  // The format has no line feed after the number of waveforms.
   std::string text = "NumberOfWaves: " + std::to_string(numberOfWaves);
   for (std::size_t i = 0; i < splitCounts.size(); ++i) {
     text += "Splitted FWFs: " + std::to_string(i) + " count: " + std::to_string(splitCounts[i]) + "\n";
@@ -49,7 +49,7 @@ std::filesystem::path RunStatistics::reportPath() const {
   return outputDirectory / (inputFile.filename().stem().string() + "_Warning.txt");
 }
 
-void RunStatistics::writeWhenSuspicious() const {
+void RunStatistics::writeIfSuspicious() const {
   if (!isSuspicious()) {
     return;
   }

@@ -9,9 +9,9 @@
 
 namespace FullWaveform {
 
-/// The waveforms of one shot, in their order of arrival.
+/// The waveforms of one shot, in order of arrival.
 struct Shot {
-  std::set<std::uint32_t> signatures;  ///< sample signatures seen, to find repeated waveforms
+  std::set<std::uint32_t> signatures;  ///< of its waveforms, to detect duplicates
   std::vector<WavePtr> waves;
   std::vector<std::uint32_t> rows;  ///< row of each waveform in the block
 };

@@ -7,9 +7,9 @@
 #include <gtest/gtest.h>
 
 #include "support/Blocks.h"
-#include "support/TestWaveforms.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TestScanner.h"
+#include "support/TestWaveforms.h"
 
 namespace FullWaveform {
 namespace {

@@ -44,7 +44,7 @@ std::vector<double> positions(WavePtr const& wave) {
 
 using Positions = std::vector<double>;
 
-TEST_F(DriverPipeline, ConstructionKeepsItsArguments) {
+TEST_F(DriverPipeline, ConstructorStoresItsArguments) {
   Driver const driver(FWFModus::Decomposition, scannerOf(), "out/put", "in/scan01.rxp", 200U);
   EXPECT_EQ(driver.modus, FWFModus::Decomposition);
   EXPECT_EQ(driver.outputDirectory, std::filesystem::path("out/put"));
@@ -72,7 +72,7 @@ TEST_F(DriverPipeline, EchoHasItsPositionTimeAndDecibels) {
   EXPECT_EQ(peak.quality, GOOD);
 }
 
-TEST_F(DriverPipeline, WaveformKeepsWhatWasHandedIn) {
+TEST_F(DriverPipeline, WaveformHasItsInputsAndAnalysis) {
   WavePtr const wave = single({echoOf(200), 77.5, 1, 5e-6});
   EXPECT_EQ(wave->shotTime, 77.5);
   EXPECT_EQ(wave->sblTime, 5e-6);
@@ -85,7 +85,7 @@ TEST_F(DriverPipeline, WaveformKeepsWhatWasHandedIn) {
   EXPECT_TRUE(wave->online);
 }
 
-TEST_F(DriverPipeline, StrongestSampleGetsDecibelsAndTime) {
+TEST_F(DriverPipeline, LargestSampleHasDecibelsAndTime) {
   WavePtr const wave = single({echoOf(200), 0.0, 0, 5e-6}, {.samplingTime = 1e-9, .tRef = 2e-6});
   EXPECT_EQ(wave->maxAmplitude, 200);
   EXPECT_EQ(wave->idxOfMaxAmplitude, 10U);
@@ -93,7 +93,7 @@ TEST_F(DriverPipeline, StrongestSampleGetsDecibelsAndTime) {
   EXPECT_EQ(wave->timeOfMaxAmplitude, 10.0 * 1e-9 + (5e-6 - 2e-6));
 }
 
-TEST_F(DriverPipeline, StrongestSampleFollowsTheLimitOfTheDecibels) {
+TEST_F(DriverPipeline, LargestSampleBelowOneUnitIsZeroDecibels) {
   EXPECT_EQ(single({echoOf(200)}, {.amplUnit = 0.005})->maxAmplitudeDB, 0.0F);
   EXPECT_GT(single({echoOf(202)}, {.amplUnit = 0.005})->maxAmplitudeDB, 0.0F);
 }
@@ -104,7 +104,7 @@ TEST_F(DriverPipeline, EchoesBelowOneUnitAreZeroDecibels) {
   EXPECT_EQ(wave->peaks.front().amplitude, 0.0F);
 }
 
-TEST_F(DriverPipeline, EchoesOfOneWaveformAreInOrder) {
+TEST_F(DriverPipeline, EchoesAreInAscendingPosition) {
   Samples const samples =
       waveformOf(50, 5, {{4, {100, 200, 100}}, {20, {100, 200, 200, 100}}, {40, {60, 120, 60}}});
   WavePtr const wave = single({samples});
@@ -113,24 +113,24 @@ TEST_F(DriverPipeline, EchoesOfOneWaveformAreInOrder) {
   EXPECT_NEAR(std::next(times.begin())->time / 1e-9, 21.5, Tolerance::timeIntervals);
 }
 
-TEST_F(DriverPipeline, AfterPulsesLeaveTheList) {
+TEST_F(DriverPipeline, AfterPulsesAreRemoved) {
   Samples const samples =
       waveformOf(40, 5, {{3, {60, 120, 60}}, {9, {500, 1000, 500}}, {20, {100, 200, 100}}});
   EXPECT_EQ(positions(single({samples})), (Positions{4.0, 10.0}));
 }
 
-TEST_F(DriverPipeline, StrongReturnBelow800HasNoAfterPulse) {
+TEST_F(DriverPipeline, LargestSampleBelow800HasNoAfterPulse) {
   Samples const samples = waveformOf(40, 5, {{9, {400, 799, 400}}, {20, {100, 200, 100}}});
   EXPECT_EQ(positions(single({samples})), (Positions{10.0, 21.0}));
 }
 
-TEST_F(DriverPipeline, UnknownScannerLosesTheStrongestEchoAndAllBehind) {
+TEST_F(DriverPipeline, UnknownScannerLosesItsStrongestEchoAndAllLaterOnes) {
   Samples const samples =
       waveformOf(40, 5, {{3, {60, 120, 60}}, {9, {400, 800, 400}}, {20, {100, 200, 100}}});
   EXPECT_EQ(positions(single({samples}, {.type = "VQ-1560"})), (Positions{4.0}));
 }
 
-TEST_F(DriverPipeline, WidthBeyondEveryIndexKeepsAllEchoes) {
+TEST_F(DriverPipeline, AfterPulseWidthThatWrapsKeepsAllEchoes) {
   ScannerDevice scanner = scannerOf({.type = "VQ-1560"});
   scanner.afterpulse_width = 2147483647U;
   Driver driver(FWFModus::ThreePoint, scanner, directory.path(), "scan01.rxp", 200U);
@@ -139,14 +139,14 @@ TEST_F(DriverPipeline, WidthBeyondEveryIndexKeepsAllEchoes) {
   EXPECT_EQ(positions(shots.at(0.0).waves.at(0)), (Positions{10.0, 21.0}));
 }
 
-TEST_F(DriverPipeline, EchoesBeyondFullScaleLeaveTheListButNotTheWaveform) {
+TEST_F(DriverPipeline, EchoesAbove4096CountsAreRemovedButNotTheWaveform) {
   WavePtr const wave = single({waveformOf(20, 5, {{9, {2000, 4000, 4000, 2000}}})});
   EXPECT_EQ(wave->size(), 0U);
   EXPECT_EQ(wave->maxAmplitude, 4000);
 }
 
-// 60, 50, 50: a hollow triple. Its lowest point lies at 1.5; it has no width, and stays.
-TEST_F(DriverPipeline, EchoWithoutWidthStays) {
+// 60, 50, 50: a convex triple with its vertex at 1.5. A NaN width passes the marking.
+TEST_F(DriverPipeline, EchoWithNaNWidthIsKept) {
   WavePtr const wave = single({{60, 50, 50, 50, 50, 5, 5}});
   ASSERT_EQ(wave->size(), 1U);
   EXPECT_NEAR(wave->peaks.front().idx, 1.5, Tolerance::fitSamples);
@@ -154,11 +154,22 @@ TEST_F(DriverPipeline, EchoWithoutWidthStays) {
   EXPECT_NEAR(wave->peaks.front().time / 1e-9, 1.5, Tolerance::timeIntervals);
 }
 
-// The echo lies one sample long above the noise: too short to be fitted, but not too low.
-TEST_F(DriverPipeline, SignalTooShortForAFitKeepsAnEmptyList) {
-  WavePtr const wave = single({waveformOf(20, 5, {{9, {200}}})});
+// One sample above the threshold: too short to be fitted, but not too low.
+TEST_F(DriverPipeline, WaveformWithoutEchoesHasDecibelsAndTimeOfItsLargestSample) {
+  WavePtr const wave =
+      single({waveformOf(20, 5, {{9, {200}}}), 0.0, 0, 8.0}, {.samplingTime = 0.5, .tRef = 2.0});
   EXPECT_EQ(wave->size(), 0U);
   EXPECT_FLOAT_EQ(wave->maxAmplitudeDB, 6.0205999F);
+  EXPECT_EQ(wave->timeOfMaxAmplitude, 10.5);  // 9 * 0.5 + (8 - 2)
+}
+
+// Counted from the reference time first: 2^60 + 2.5 has no digits left for the 2.5.
+TEST_F(DriverPipeline, LargeSblAndReferenceTimesDoNotRoundTheTimeInTheWaveform) {
+  double const large = 1152921504606846976.0;
+  WavePtr const wave = single({echoOf(200), 0.0, 0, large}, {.samplingTime = 0.25, .tRef = large});
+  ASSERT_EQ(wave->size(), 1U);
+  EXPECT_EQ(wave->peaks.front().time, 2.5);
+  EXPECT_EQ(wave->timeOfMaxAmplitude, 2.5);
 }
 
 TEST_F(DriverPipeline, NegativeNoiseIsEstimatedForEveryWaveform) {
@@ -185,7 +196,7 @@ TEST_F(DriverPipeline, UnknownModeCollectsWaveformsWithoutEchoes) {
   EXPECT_EQ(driver.lastBlock().statistics.signalTooLow, 1U);
 }
 
-TEST_F(DriverPipeline, HostTextChangesNothing) {
+TEST_F(DriverPipeline, HostTextIsIgnored) {
   Driver driver = driverOf();
   Block const block = blockOf({{echoOf(200)}});
   ShotMap const shots = driver.apply(

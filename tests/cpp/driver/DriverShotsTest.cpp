@@ -46,14 +46,13 @@ std::vector<std::uint64_t> echoCounts(Shot const& shot) {
 using Strongest = std::vector<unsigned short>;
 using EchoCounts = std::vector<std::uint64_t>;
 
-/// An echo of `top` counts at `index`; differs in its signature for every top and index below 30.
+/// A waveform with an echo of `top` counts at `index`.
 Samples echoAt(std::size_t index, unsigned short top) {
   auto const half = static_cast<unsigned short>(top / 2);
-  Samples samples = waveformOf(40, 5, {{index - 1, {half, top, half}}});
-  return samples;
+  return waveformOf(40, 5, {{index - 1, {half, top, half}}});
 }
 
-TEST_F(DriverShots, ComeInAscendingTimeWhateverTheOrderOfRows) {
+TEST_F(DriverShots, AreInAscendingTimeForAnyOrderOfRows) {
   ShotMap const shots = run({{echoOf(200), 3.0}, {echoOf(300), 1.0}, {echoOf(400), 2.0}});
   std::vector<double> times;
   for (auto const& [time, shot] : shots) {
@@ -63,7 +62,7 @@ TEST_F(DriverShots, ComeInAscendingTimeWhateverTheOrderOfRows) {
   EXPECT_EQ(strongest(shots.at(1.0)), Strongest{300});
 }
 
-TEST_F(DriverShots, WaveformsOfOneTimeAreOneShotInTheirOrder) {
+TEST_F(DriverShots, WaveformsOfEqualTimeAreOneShotInOrderOfArrival) {
   ShotMap const shots = run({{echoOf(400), 1.0}, {echoOf(200), 1.0}, {echoOf(300), 1.0}});
   ASSERT_EQ(shots.size(), 1U);
   EXPECT_EQ(strongest(shots.at(1.0)), (Strongest{400, 200, 300}));
@@ -84,13 +83,13 @@ TEST_F(DriverShots, SignatureStopsAtTheSampleCount) {
   EXPECT_EQ(shots.at(3.0).signatures, (std::set<std::uint32_t>{135}));
 }
 
-TEST_F(DriverShots, RepeatedWaveformIsDropped) {
+TEST_F(DriverShots, DuplicateIsDropped) {
   ShotMap const shots = run({{echoOf(200), 1.0}, {echoOf(200), 1.0}, {echoOf(200), 1.0}});
   EXPECT_EQ(shots.at(1.0).waves.size(), 1U);
   EXPECT_EQ(duplicates(), 2U);
 }
 
-TEST_F(DriverShots, SameSignatureWithOtherSamplesIsDroppedToo) {
+TEST_F(DriverShots, EqualSignatureOfOtherSamplesIsDropped) {
   Samples other = echoOf(200);
   other[10] = 220;
   other[11] = 110;
@@ -99,30 +98,30 @@ TEST_F(DriverShots, SameSignatureWithOtherSamplesIsDroppedToo) {
   EXPECT_EQ(duplicates(), 1U);
 }
 
-TEST_F(DriverShots, RepetitionInTheOtherChannelIsDroppedToo) {
+TEST_F(DriverShots, DuplicateInTheOtherChannelIsDropped) {
   EXPECT_EQ(run({{echoOf(200), 1.0, 0}, {echoOf(200), 1.0, 1}}).at(1.0).waves.size(), 1U);
   EXPECT_EQ(duplicates(), 1U);
 }
 
-TEST_F(DriverShots, DifferenceInAThirdSampleIsAnotherWaveform) {
+TEST_F(DriverShots, DifferenceInEveryThirdSampleIsNoDuplicate) {
   Samples other = echoOf(200);
   other[18] = 6;
   EXPECT_EQ(run({{echoOf(200), 1.0}, {other, 1.0}}).at(1.0).waves.size(), 2U);
   EXPECT_EQ(duplicates(), 0U);
 }
 
-TEST_F(DriverShots, RepetitionInAnotherShotIsKept) {
+TEST_F(DriverShots, EqualWaveformInAnotherShotIsKept) {
   EXPECT_EQ(run({{echoOf(200), 1.0}, {echoOf(200), 2.0}}).size(), 2U);
   EXPECT_EQ(duplicates(), 0U);
 }
 
-TEST_F(DriverShots, RepetitionInAnotherBlockIsKept) {
+TEST_F(DriverShots, EqualWaveformInAnotherBlockIsKept) {
   run({{echoOf(200), 1.0}});
   EXPECT_EQ(run({{echoOf(200), 1.0}}).size(), 1U);
   EXPECT_EQ(duplicates(), 0U);
 }
 
-TEST_F(DriverShots, WaveformTooLowLeavesNoSignature) {
+TEST_F(DriverShots, WaveformBelowTheThresholdLeavesNoSignature) {
   ShotMap const shots = run({{noSignal(), 1.0}, {noSignal(), 1.0}, {echoOf(200), 2.0}});
   EXPECT_EQ(shots.size(), 1U);
   EXPECT_EQ(duplicates(), 0U);
@@ -139,7 +138,7 @@ TEST_F(DriverShots, OrderOfTheChannelsDoesNotMatter) {
   EXPECT_EQ(echoCounts(shots.at(1.0)), (EchoCounts{1, 0}));
 }
 
-TEST_F(DriverShots, SaturatedLowPowerEchoGivesWay) {
+TEST_F(DriverShots, SaturatedLowPowerEchoIsRemoved) {
   ShotMap const shots = run({{echoOf(600), 1.0, 0}, {echoOf(3400), 1.0, 1}});
   EXPECT_EQ(echoCounts(shots.at(1.0)), (EchoCounts{1, 0}));
 }
@@ -150,12 +149,12 @@ TEST_F(DriverShots, AmplitudesAreComparedInCountsNotDecibels) {
   EXPECT_EQ(echoCounts(shots.at(1.0)), (EchoCounts{0, 1}));
 }
 
-TEST_F(DriverShots, OneChannelAloneIsLeftAlone) {
+TEST_F(DriverShots, OneChannelIsNotMerged) {
   EXPECT_EQ(echoCounts(run({{echoOf(600), 1.0, 0}, {echoOf(200), 1.0, 0}}).at(1.0)), (EchoCounts{1, 1}));
   EXPECT_EQ(echoCounts(run({{echoOf(600), 1.0, 1}, {echoOf(200), 1.0, 1}}).at(1.0)), (EchoCounts{1, 1}));
 }
 
-TEST_F(DriverShots, ChannelsOfDifferentShotsAreLeftAlone) {
+TEST_F(DriverShots, DifferentShotsAreNotMerged) {
   ShotMap const shots = run({{echoOf(600), 1.0, 0}, {echoOf(200), 2.0, 1}});
   EXPECT_EQ(echoCounts(shots.at(1.0)), EchoCounts{1});
   EXPECT_EQ(echoCounts(shots.at(2.0)), EchoCounts{1});
@@ -168,7 +167,7 @@ TEST_F(DriverShots, FlagsOtherThanOneBelongToTheLowPowerGroup) {
   EXPECT_EQ(echoCounts(run({{echoOf(600), 1.0, 1}, {echoOf(200), 1.0, 255}}).at(1.0)), (EchoCounts{1, 1}));
 }
 
-TEST_F(DriverShots, EchoesThreeIntervalsApartAreBothKept) {
+TEST_F(DriverShots, EchoesThreeIntervalsApartAreNotMerged) {
   EXPECT_EQ(echoCounts(run({{echoAt(10, 600), 1.0, 0}, {echoAt(13, 200), 1.0, 1}}).at(1.0)),
             (EchoCounts{1, 1}));
   EXPECT_EQ(echoCounts(run({{echoAt(10, 600), 1.0, 0}, {echoAt(12, 200), 1.0, 1}}).at(1.0)),
@@ -176,25 +175,26 @@ TEST_F(DriverShots, EchoesThreeIntervalsApartAreBothKept) {
 }
 
 TEST_F(DriverShots, TimesNotPositionsAreCompared) {
-  // Index 10 in a record that starts five intervals later is index 15 in the other.
+  // Position 10 in a waveform that starts five intervals later is position 15 in the other.
   Row const late{echoAt(10, 200), 1.0, 1, 5.0 * interval};
   EXPECT_EQ(echoCounts(run({{echoAt(10, 600), 1.0, 0}, late}).at(1.0)), (EchoCounts{1, 1}));
   EXPECT_EQ(echoCounts(run({{echoAt(15, 600), 1.0, 0}, late}).at(1.0)), (EchoCounts{0, 1}));
 }
 
-// A meets the unsaturated echo first and loses its own; the saturated one then has no counterpart.
-TEST_F(DriverShots, PairsAreMergedOneAfterTheOther) {
+// The high-power echo is removed in favour of the first low-power one; the saturated one has no counterpart
+// left.
+TEST_F(DriverShots, UnsaturatedPairFirstKeepsTheSaturatedEcho) {
   ShotMap const shots = run({{echoOf(600), 1.0, 0}, {echoOf(200), 1.0, 1}, {echoOf(3400), 1.0, 1}});
   EXPECT_EQ(echoCounts(shots.at(1.0)), (EchoCounts{0, 1, 1}));
 }
 
-// The other way round the saturated echo meets A's and goes, before A loses it to the second.
-TEST_F(DriverShots, PairsAreMergedInTheOrderOfArrival) {
+// The saturated echo is removed first; the high-power echo is then removed in favour of the second one.
+TEST_F(DriverShots, SaturatedPairFirstRemovesTheSaturatedEcho) {
   ShotMap const shots = run({{echoOf(600), 1.0, 0}, {echoOf(3400), 1.0, 1}, {echoOf(200), 1.0, 1}});
   EXPECT_EQ(echoCounts(shots.at(1.0)), (EchoCounts{0, 0, 1}));
 }
 
-TEST_F(DriverShots, EveryNormalWaveformMeetsEveryLowPowerOne) {
+TEST_F(DriverShots, EveryHighPowerWaveformIsMergedWithEveryLowPowerOne) {
   ShotMap const shots = run({{echoAt(10, 600), 1.0, 0},
                              {echoAt(20, 500), 1.0, 0},
                              {waveformOf(40, 5, {{10, {100, 200, 100}}, {19, {150, 300, 150}}}), 1.0, 1}});

@@ -25,7 +25,7 @@ class DriverStatistics : public testing::Test {
   Driver driver{FWFModus::ThreePoint, scannerOf(), directory.path(), "flight/scan01.rxp", 200U};
 };
 
-/// A record with that many samples above the noise, each alone.
+/// A waveform with so many separate samples above the threshold.
 Samples splitInto(std::size_t segments) {
   Samples samples(64, 5);
   for (std::size_t i = 0; i < segments; ++i) {
@@ -34,7 +34,7 @@ Samples splitInto(std::size_t segments) {
   return samples;
 }
 
-/// `low` rows without signal among ten.
+/// Ten rows, the first `low` of them without signal.
 std::vector<Row> tenRows(int low) {
   std::vector<Row> rows;
   for (int i = 0; i < 10; ++i) {
@@ -53,7 +53,7 @@ std::string recordOfTen(std::string const& none, std::string const& one, std::st
          "[%] \nCountNaNs: 0 -> 0[%] \n";
 }
 
-TEST_F(DriverStatistics, SegmentsAreCountedFromNineOnTogether) {
+TEST_F(DriverStatistics, NineOrMoreSegmentsAreCountedTogether) {
   std::vector<Row> rows;
   for (std::size_t const segments : {0U, 1U, 2U, 8U, 9U, 10U, 15U}) {
     rows.push_back({splitInto(segments), static_cast<double>(segments)});
@@ -62,8 +62,8 @@ TEST_F(DriverStatistics, SegmentsAreCountedFromNineOnTogether) {
   EXPECT_EQ(driver.lastBlock().statistics.splitCounts, (Splits{1, 1, 1, 0, 0, 0, 0, 0, 1, 3}));
 }
 
-TEST_F(DriverStatistics, DroppedWaveformsAreSplitToo) {
-  // Two samples, the first above the noise: one segment, but no inner sample to rise above it.
+TEST_F(DriverStatistics, SegmentsOfDroppedWaveformsAreCounted) {
+  // Two samples, the first above the threshold: one segment, but no inner sample above it.
   blockOf({{Samples{50, 60}, 1.0}, {echoOf(200), 2.0}, {echoOf(200), 2.0}}).run(driver);
   RunStatistics const& statistics = driver.lastBlock().statistics;
   EXPECT_EQ(statistics.splitCounts, (Splits{0, 3, 0, 0, 0, 0, 0, 0, 0, 0}));
@@ -71,7 +71,7 @@ TEST_F(DriverStatistics, DroppedWaveformsAreSplitToo) {
   EXPECT_EQ(statistics.duplicates, 1U);
 }
 
-TEST_F(DriverStatistics, FiveOfTenBelowNoiseWriteARecord) {
+TEST_F(DriverStatistics, HalfOfTheBlockBelowTheThresholdWritesARecord) {
   blockOf(tenRows(5)).run(driver);
   EXPECT_EQ(warning(), recordOfTen("5", "5", "5 -> 50", "0 -> 0"));
 }
@@ -81,7 +81,7 @@ TEST_F(DriverStatistics, FourOfTenBelowNoiseWriteNone) {
   EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
 }
 
-TEST_F(DriverStatistics, FiveOfTenDuplicatesWriteARecord) {
+TEST_F(DriverStatistics, HalfOfTheBlockDuplicatesWritesARecord) {
   std::vector<Row> rows;
   for (int i = 0; i < 10; ++i) {
     rows.push_back({echoOf(200), static_cast<double>(i / 2)});
@@ -90,14 +90,14 @@ TEST_F(DriverStatistics, FiveOfTenDuplicatesWriteARecord) {
   EXPECT_EQ(warning(), recordOfTen("0", "10", "0 -> 0", "5 -> 50"));
 }
 
-TEST_F(DriverStatistics, SignalEqualToTheNoiseIsTooLow) {
+TEST_F(DriverStatistics, SignalEqualToTheThresholdIsTooLow) {
   Samples samples(20, 20);
   samples[10] = 21;
   blockOf({{Samples(20, 20), 1.0}, {samples, 2.0}, {echoOf(200), 3.0}}).run(driver);
   EXPECT_EQ(driver.lastBlock().statistics.signalTooLow, 1U);
 }
 
-TEST_F(DriverStatistics, BlockBelowNoiseGivesAnEmptyMap) {
+TEST_F(DriverStatistics, BlockBelowTheThresholdGivesAnEmptyMap) {
   ShotMap const shots = blockOf(tenRows(10)).run(driver);
   EXPECT_TRUE(shots.empty());
   EXPECT_EQ(driver.lastBlock().statistics.signalTooLow, 10U);
@@ -112,6 +112,18 @@ TEST_F(DriverStatistics, CountersStartAtZeroForEveryBlock) {
   EXPECT_EQ(warning(), first + recordOfTen("5", "5", "5 -> 50", "0 -> 0"));
 }
 
+TEST_F(DriverStatistics, RowsWithoutAllValuesCountAsWaveforms) {
+  std::vector<Row> const rows = tenRows(5);
+  for (auto const shorten : std::vector<void (*)(Block&)>{
+           [](Block& b) { b.counts.resize(7); }, [](Block& b) { b.shotTimes.resize(7); },
+           [](Block& b) { b.sblTimes.resize(7); }, [](Block& b) { b.channelFlags.resize(7); }}) {
+    Block block = blockOf(rows);
+    shorten(block);
+    block.run(driver);
+    EXPECT_EQ(driver.lastBlock().statistics.numberOfWaves, 10);
+  }
+}
+
 TEST_F(DriverStatistics, BlockWithoutWaveformsWritesARecord) {
   ShotMap const shots = blockOf({}).run(driver);
   EXPECT_TRUE(shots.empty());
@@ -120,7 +132,7 @@ TEST_F(DriverStatistics, BlockWithoutWaveformsWritesARecord) {
             std::string::npos);
 }
 
-TEST_F(DriverStatistics, DirectoryThatIsNotThereChangesNoResult) {
+TEST_F(DriverStatistics, MissingDirectoryDoesNotChangeTheResult) {
   Driver other(FWFModus::ThreePoint, scannerOf(), directory.path() / "missing", "scan01.rxp", 200U);
   ShotMap const shots = blockOf(tenRows(6)).run(other);
   EXPECT_EQ(shots.size(), 4U);

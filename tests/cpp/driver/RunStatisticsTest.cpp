@@ -152,9 +152,9 @@ TEST(RunStatistics, SuspiciousBlocksAreAppended) {
   RunStatistics second = statisticsOf(4, 0, 3);
   second.outputDirectory = directory.path();
   second.inputFile = "elsewhere/scan01";
-  first.writeWhenSuspicious();
+  first.writeIfSuspicious();
   EXPECT_EQ(contentOf(directory.path() / "scan01_Warning.txt"), first.record());
-  second.writeWhenSuspicious();
+  second.writeIfSuspicious();
   EXPECT_EQ(contentOf(directory.path() / "scan01_Warning.txt"), first.record() + second.record());
 }
 
@@ -163,7 +163,7 @@ TEST(RunStatistics, OtherBlocksWriteNothing) {
   RunStatistics statistics = statisticsOf(10, 4, 4);
   statistics.outputDirectory = directory.path();
   statistics.inputFile = "scan01.rxp";
-  statistics.writeWhenSuspicious();
+  statistics.writeIfSuspicious();
   EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
 }
 
@@ -173,7 +173,7 @@ TEST(RunStatistics, FileThatCannotBeOpenedIsSkippedSilently) {
   RunStatistics statistics = statisticsOf(10, 10, 0);
   statistics.outputDirectory = directory.path() / "missing";
   statistics.inputFile = "scan01.rxp";
-  EXPECT_NO_THROW(statistics.writeWhenSuspicious());
+  EXPECT_NO_THROW(statistics.writeIfSuspicious());
   EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
   EXPECT_TRUE(capture.messages().empty());
 }

@@ -270,11 +270,11 @@ def test_messages_of_the_library_reach_logging(caplog: pytest.LogCaptureFixture)
     with caplog.at_level(logging.WARNING, logger="fullwaveform"):
         library.apply(WORKED, np.array([9], np.uint16), one, one, flag, 10, "")
         assert forward_messages() == [
-            "PeakDetectionFamily::apply: 1 sample counts cut to the row length 5"
+            "PeakDetectionFamily::apply: clipped sample counts: 1 (row length 5)"
         ]
         assert forward_messages() == []
     (message,) = [record.getMessage() for record in caplog.records]
-    assert message == "PeakDetectionFamily::apply: 1 sample counts cut to the row length 5"
+    assert message == "PeakDetectionFamily::apply: clipped sample counts: 1 (row length 5)"
 
 
 RECORD = (

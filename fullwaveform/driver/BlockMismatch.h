@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace FullWaveform {
+
+/// Disagreements between the samples of a block and its per-waveform arrays.
+struct BlockMismatch {
+  std::size_t invalidRows = 0;    ///< rows in the state `RowState::InvalidRow`
+  std::size_t clippedCounts = 0;  ///< sample counts above the row length
+  std::size_t surplusValues = 0;  ///< values of the longest array after the last row
+};
+
+/// Sends one console message if there is a mismatch.
+void reportMismatches(BlockMismatch const& mismatch, std::size_t rowLength);
+
+/// Sends one console message if waveforms could not be deconvolved.
+void reportSkipped(std::uint32_t tooLongToDeconvolve);
+
+}  // namespace FullWaveform
