@@ -11,9 +11,9 @@ if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
 endif()
 
 add_library(fullwaveform_settings INTERFACE)
-# No fused multiply-add: the noise estimate's residuals and the fits give the same digits on every machine.
-# Nobody reads the processor's floating-point flags: a division may run before it is known to be wanted, so that
-# many run at a time. It changes no digit.
+# No fused multiply-add: noise estimate and fits give the same digits on every machine.
+# The floating-point exception flags are not used, so the compiler may execute divisions speculatively and vectorise
+# them. This changes no digit.
 target_compile_options(
   fullwaveform_settings INTERFACE -ffp-contract=off -fno-trapping-math -Wall -Wextra -Wpedantic -Wconversion
                                   -Wnon-virtual-dtor -Woverloaded-virtual)

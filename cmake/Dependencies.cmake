@@ -1,4 +1,4 @@
-# Every C++ dependency and the version it must have, named once.
+# Every C++ dependency and its minimum version.
 find_package(Eigen3 3.4 REQUIRED NO_MODULE)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(CAIRO REQUIRED IMPORTED_TARGET GLOBAL cairo-pdf>=1.16)

@@ -18,7 +18,7 @@ write_basic_package_version_file(fullwaveformConfigVersion.cmake COMPATIBILITY S
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/fullwaveformConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/fullwaveformConfigVersion.cmake DESTINATION ${packageDirectory})
 
-# A relocatable file where the directories lie below the prefix, as they usually do.
+# Relocatable if the directories are below the prefix, as usual.
 set(pcPrefix "\${pcfiledir}/../${libToPrefix}")
 foreach(directory IN ITEMS LIBDIR INCLUDEDIR)
   cmake_path(IS_ABSOLUTE CMAKE_INSTALL_${directory} isAbsolute)

@@ -1,4 +1,4 @@
-"""Fails when Python code could run what a file says: pickles, eval and their like.
+"""Checks that Python code cannot execute file content: no pickle, eval and similar.
 
 Usage: code_from_data.py [ROOT]    (ROOT: top of a git checkout, default: the one of this file)
 """
@@ -11,23 +11,23 @@ import sys
 from collections.abc import Iterator
 from pathlib import Path
 
-# Modules whose formats hold code or calls, by their first name.
+# Top-level names of modules whose formats can hold code or calls.
 MODULES = frozenset(
     {"cloudpickle", "code", "dill", "joblib", "marshal", "pickle", "shelve", "_pickle"}
 )
 CALLS = frozenset({"eval", "exec", "compile", "__import__"})
-# Methods that run what they read, whatever object they belong to.
+# Methods that can execute what they read, on any object.
 METHODS = frozenset({"read_pickle", "to_pickle", "load_module", "unsafe_load", "full_load"})
-# Of these modules only these names read plain data.
+# The only safe names of these modules.
 ONLY = {"yaml": frozenset({"safe_load", "safe_dump", "YAMLError"})}
-FLAGS = frozenset({"allow_pickle", "shell"})  # must not be given, unless as False
+FLAGS = frozenset({"allow_pickle", "shell"})  # allowed only as False
 
-# Tests run the code of the documents, and make pickles that must be refused.
+# Tests run the code of the documents, and create pickles that must be rejected.
 EXEMPT = "tests/python/"
 
 
 def python_files(root: Path) -> list[Path]:
-    """Python files of the checkout, whether added to git already or not."""
+    """Python files of the checkout, added to git or not."""
     listing = subprocess.run(
         ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard", "--", "*.py"],
         cwd=root,
@@ -40,7 +40,7 @@ def python_files(root: Path) -> list[Path]:
 
 
 def faults_of(tree: ast.AST) -> Iterator[tuple[int, str]]:
-    """Line and what stands there."""
+    """Line and the unsafe expression."""
     for node in ast.walk(tree):
         if isinstance(node, ast.Import):
             for one in node.names:
@@ -78,15 +78,15 @@ def _faults_of_call(node: ast.Call) -> Iterator[tuple[int, str]]:
 
 
 def check(root: Path) -> Iterator[str]:
-    """Faults of a checkout, one sentence each."""
+    """Faults of a checkout, one line each."""
     for path in python_files(root):
         tree = ast.parse(path.read_bytes(), str(path))
         for line, what in sorted(faults_of(tree)):
-            yield f"{path.relative_to(root)}:{line}: {what}: data must not become code"
+            yield f"{path.relative_to(root)}:{line}: {what}: could execute data as code"
 
 
 def main(arguments: list[str]) -> int:
-    """Prints every fault; returns 1 when there is one."""
+    """Prints every fault; returns 1 if there is one."""
     root = Path(arguments[0]) if arguments else Path(__file__).resolve().parents[2]
     faults = list(check(root))
     for fault in faults:

@@ -1,4 +1,6 @@
-"""Fails when a room of the library includes what it must not know.
+"""Checks that the modules of the library include each other in the allowed directions only.
+
+The directions are those of the C++ table in docs/architecture.md.
 
 Usage: include_direction.py [ROOT]    (ROOT: top of the checkout, default: the one of this file)
 """
@@ -11,21 +13,11 @@ from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
 
-LIBRARY = "fullwaveform"
-UMBRELLA = "FullWaveform.h"  # at the top: may include every room, and no room includes it
-FOR_ALL = frozenset({"Export.h"})  # at the top: every room may include it
+from architecture import allowed_dependencies
 
-# Who may know whom; every room knows itself. Arrows point one way.
-MAY_KNOW: dict[str, frozenset[str]] = {
-    "text": frozenset(),
-    "host": frozenset({"text"}),
-    "scanner": frozenset({"host", "text"}),
-    "model": frozenset({"scanner", "host", "text"}),
-    "fitting": frozenset({"model"}),
-    "deconvolution": frozenset({"fitting", "model", "scanner", "host"}),
-    "online": frozenset({"model", "scanner", "host"}),
-    "driver": frozenset({"text", "host", "scanner", "model", "fitting", "deconvolution", "online"}),
-}
+LIBRARY = "fullwaveform"
+UMBRELLA = "FullWaveform.h"  # at the top: may include every module, and no module includes it
+FOR_ALL = frozenset({"Export.h"})  # at the top: every module may include it
 
 # Users of the library must not need these to compile against it.
 NOT_IN_PUBLIC_HEADERS = re.compile(r"fftw3|cairo|(unsupported/)?Eigen/", re.IGNORECASE)
@@ -33,6 +25,9 @@ NOT_IN_LIBRARY = re.compile(r"python|nanobind", re.IGNORECASE)
 
 INCLUDE = re.compile(r"""^\s*#\s*include\s*(?P<open>[<"])(?P<name>[^>"]+)[>"]""")
 PRAGMA_ONCE = re.compile(r"^#pragma once$", re.MULTILINE)
+
+
+Table = dict[str, frozenset[str]]
 
 
 @dataclass(frozen=True)
@@ -66,75 +61,82 @@ def public_headers(library: Path) -> frozenset[str]:
     )
 
 
-def room_of(name: str) -> str:
-    """The room in a path below the library's folder; empty for files at its top."""
+def module_of(name: str) -> str:
+    """The module in a path below the library's folder; empty for files at its top."""
     return name.partition("/")[0] if "/" in name else ""
 
 
-def fault_of_arrow(room: str, name: str) -> str | None:
-    """What is wrong with a file of `room` ('' at the top) that includes <fullwaveform/`name`>."""
-    target = room_of(name)
+def fault_of_direction(module: str, name: str, table: Table) -> str | None:
+    """The rule broken by <fullwaveform/`name`> in a file of `module` ('' at the top)."""
+    target = module_of(name)
     if target == "":
-        if name in FOR_ALL or room == "":
+        if name in FOR_ALL or module == "":
             return None
-        return f"a room must not include <{LIBRARY}/{name}>"
-    if target not in MAY_KNOW:
-        return f"{target}/ is not a room of the library"
-    if room in ("", target) or target in MAY_KNOW.get(room, frozenset()):
+        return f"a module must not include <{LIBRARY}/{name}>"
+    if target not in table:
+        return f"unknown module {target}/"
+    if module == target:
         return None
-    known = ", ".join(sorted(MAY_KNOW[room])) or "nothing"
-    return f"{room}/ must not know {target}/ (it may know: {known})"
+    if name.count("/") > 1:
+        return f"{name.rpartition('/')[0]}/ is private to {target}/"
+    if module == "" or target in table.get(module, frozenset()):
+        return None
+    allowed = ", ".join(sorted(table[module])) or "none"
+    return f"{module}/ must not include {target}/ (allowed: {allowed})"
 
 
-def fault_of_include(include: Include, library: Path, public: frozenset[str]) -> str | None:
-    """What is wrong with an #include inside the library; None when nothing is."""
+def fault_of_include(
+    include: Include, library: Path, public: frozenset[str], table: Table
+) -> str | None:
+    """The rule that an #include inside the library breaks; None if allowed."""
     if include.quoted:
-        return f"write the full name in angle brackets: <{LIBRARY}/room/File.h>"
+        return f"write the full name in angle brackets: <{LIBRARY}/module/File.h>"
     if NOT_IN_LIBRARY.search(include.name):
-        return "nothing in the library knows Python"
+        return "the library must not depend on Python"
     own = include.file.relative_to(library).as_posix()
     if own in public and NOT_IN_PUBLIC_HEADERS.match(include.name):
-        return "a public header must not need this library"
+        return "a public header must not include this library"
     prefix, _, name = include.name.partition("/")
     if prefix != LIBRARY:
         return None
     if own in public and name not in public:
         return f"a public header must not include {name}, which is not installed"
-    return fault_of_arrow(room_of(own), name)
+    return fault_of_direction(module_of(own), name, table)
 
 
-def check_library(root: Path) -> Iterator[str]:
-    """Faults of the library itself, one sentence each."""
+def check_library(root: Path, table: Table) -> Iterator[str]:
+    """Faults of the library, one line each."""
     library = root / LIBRARY
     public = public_headers(library)
     for file in sources(library):
         shown = file.relative_to(root)
-        room = room_of(file.relative_to(library).as_posix())
-        if room and room not in MAY_KNOW:
-            yield f"{shown}: {room}/ is not in the table of rooms"
+        module = module_of(file.relative_to(library).as_posix())
+        if module and module not in table:
+            yield f"{shown}: {module}/ is not in the C++ table of docs/architecture.md"
             continue
         if file.suffix == ".h" and not PRAGMA_ONCE.match(file.read_text(encoding="utf-8")):
             yield f"{shown}:1: a header starts with #pragma once"
         for include in includes_of(file):
-            if fault := fault_of_include(include, library, public):
+            if fault := fault_of_include(include, library, public, table):
                 yield f"{shown}:{include.line}: {include.name}: {fault}"
 
 
 def check_bindings(root: Path) -> Iterator[str]:
-    """Faults of the bindings, which stand outside and see the public headers only."""
+    """Faults of the bindings, one line each."""
     public = public_headers(root / LIBRARY)
     for file in sources(root / "python" / "bindings"):
         for include in includes_of(file):
             prefix, _, name = include.name.partition("/")
             if prefix == LIBRARY and name not in public:
                 place = f"{file.relative_to(root)}:{include.line}"
-                yield f"{place}: {include.name}: bindings see the public headers only"
+                yield f"{place}: {include.name}: bindings may include public headers only"
 
 
 def main(arguments: list[str]) -> int:
-    """Prints every fault; returns 1 when there is one."""
+    """Prints every fault; returns 1 if there is one."""
     root = Path(arguments[0]) if arguments else Path(__file__).resolve().parents[2]
-    faults = [*check_library(root), *check_bindings(root)]
+    table = allowed_dependencies("C++")
+    faults = [*check_library(root, table), *check_bindings(root)]
     for fault in faults:
         print(fault)
     return 1 if faults else 0

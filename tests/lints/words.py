@@ -1,4 +1,4 @@
-"""Fails when a file of the repository holds words that a reader should not meet.
+"""Checks the files of the repository for paths of one machine, unfinished work and unclear phrases.
 
 Usage: words.py [ROOT]    (ROOT: top of a git checkout, default: the one of this file)
 """
@@ -11,24 +11,47 @@ import sys
 from collections.abc import Iterator
 from pathlib import Path
 
-# Pattern and what is wrong with it. Word boundaries keep mktemp's long rows of X out of it.
-UNWANTED: list[tuple[re.Pattern[str], str]] = [
+# Pattern and advice. The word boundaries exempt the long rows of X of mktemp.
+PATTERNS: list[tuple[re.Pattern[str], str]] = [
     (
         re.compile(r"(?<![\w.:/~$}-])/(?:home|root|work|Users)/(?=\w)"),
         "a path of one machine",
     ),
     (
         re.compile(r"\b(?:TO" + r"DO|FIX" + r"ME|XX" + r"X)\b"),
-        "finish it, or describe the gap where users look for it",
+        "finish it, or document the gap for users",
     ),
 ]
 
-# Files that may hold them, as patterns below the root.
-EXEMPT: tuple[str, ...] = ()
+# Phrases without a legitimate use, and what to write instead.
+PHRASES = {
+    "standing beside": "next to",
+    "side by side in memory": "contiguous",
+    "the house's": "the project's",
+    "least and most": "minimum and maximum",
+    "may know whom": "may include which",
+    "all is well": "all checks passed",
+    "there is no verb": "unknown command",
+    "gives a sentence": "gives a message",
+    "plain road": "reference implementation",
+    "of its own accord": "by itself",
+    "are none of": "are not",
+    "wait for some to come": "wait for workers",
+    "a room's": "a module's",
+    "room of the library": "module of the library",
+    "table of rooms": "table of modules",
+    "no end of": "many",
+    "cut off in the middle": "truncated",
+    "lies beside": "is next to",
+    "comes to nothing": "fails",
+}
+PHRASE = re.compile(r"\b(?:" + "|".join(map(re.escape, PHRASES)) + r")\b", re.IGNORECASE)
+# This list, and the tests of this check.
+MAY_HOLD_PHRASES = ("tests/lints/words.py", "tests/python/lints/test_words.py")
 
 
 def tracked_files(root: Path) -> list[Path]:
-    """Files of the checkout, whether added to git already or not, without the ignored ones."""
+    """Files of the checkout, added to git or not, without the ignored ones."""
     listing = subprocess.run(
         ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
         cwd=root,
@@ -47,25 +70,27 @@ def text_of(path: Path) -> str | None:
     return content.decode("utf-8", errors="replace")
 
 
-def faults_of(text: str) -> Iterator[tuple[int, str, str]]:
-    """Line number, words found and what is wrong with them."""
+def faults_of(text: str, *, phrases: bool) -> Iterator[tuple[int, str, str]]:
+    """Line number, words found and the advice; with or without the search for phrases."""
     for number, line in enumerate(text.splitlines(), start=1):
-        for pattern, reason in UNWANTED:
+        for pattern, advice in PATTERNS:
             if found := pattern.search(line):
-                yield number, found.group().strip(), reason
+                yield number, found.group().strip(), advice
+        if phrases and (found := PHRASE.search(line)):
+            yield number, found.group(), f"unclear; for example: {PHRASES[found.group().lower()]}"
 
 
 def check(root: Path) -> Iterator[str]:
-    """Faults of a checkout, one sentence each."""
+    """Faults of a checkout, one line each."""
     for path in tracked_files(root):
         shown = path.relative_to(root)
-        text = None if any(shown.match(pattern) for pattern in EXEMPT) else text_of(path)
-        for number, words, reason in faults_of(text or ""):
-            yield f"{shown}:{number}: {words}: {reason}"
+        phrases = shown.as_posix() not in MAY_HOLD_PHRASES
+        for number, words, advice in faults_of(text_of(path) or "", phrases=phrases):
+            yield f"{shown}:{number}: {words}: {advice}"
 
 
 def main(arguments: list[str]) -> int:
-    """Prints every fault; returns 1 when there is one."""
+    """Prints every fault; returns 1 if there is one."""
     root = Path(arguments[0]) if arguments else Path(__file__).resolve().parents[2]
     faults = list(check(root))
     for fault in faults:

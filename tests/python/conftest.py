@@ -1,4 +1,4 @@
-"""What all tests find when they begin."""
+"""Set-up of all tests."""
 
 from __future__ import annotations
 
@@ -6,12 +6,12 @@ import signal
 
 
 def pytest_configure() -> None:
-    """Signals have their usual effect here and in the processes that tests start.
+    """Restore the default effect of signals, here and in the processes that tests start.
 
-    A shell starts what runs in the background with the signals of the terminal ignored, and
-    processes hand that on.
+    A shell starts background processes with the signals of the terminal ignored, and child
+    processes inherit that.
     """
     for number in (signal.SIGINT, signal.SIGHUP, signal.SIGTERM):
         if signal.getsignal(number) is signal.SIG_IGN:
-            usual = signal.default_int_handler if number is signal.SIGINT else signal.SIG_DFL
-            signal.signal(number, usual)
+            default = signal.default_int_handler if number is signal.SIGINT else signal.SIG_DFL
+            signal.signal(number, default)

@@ -12,6 +12,8 @@ from pathlib import Path
 
 import pytest
 
+pytestmark = pytest.mark.slow
+
 ROOT = Path(__file__).resolve().parents[2]
 COMPILER = shutil.which("clang++-14") or shutil.which("clang++")
 TARGET = "aarch64-linux-gnu"

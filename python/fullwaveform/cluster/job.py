@@ -9,7 +9,7 @@ from functools import partial
 from pathlib import Path
 from typing import Any
 
-import fullwaveform
+from fullwaveform import __version__
 from fullwaveform.cluster.dispatch import Dispatcher
 from fullwaveform.cluster.inputs import FileState, InputFile, check_states
 from fullwaveform.cluster.manifest import MANIFEST_VERSION, Manifest, Part, PartOutcome
@@ -60,7 +60,7 @@ def plan_job(
         for (source, states), count in zip(sources, blocks, strict=True)
     ]
     parts = planned_parts(inputs, settings.unit_blocks, f".{settings.part_format}")
-    return Manifest(MANIFEST_VERSION, fullwaveform.__version__, settings, inputs, parts)
+    return Manifest(MANIFEST_VERSION, __version__, settings, inputs, parts)
 
 
 def earlier_job(folder: Path, sources: Sequence[Path]) -> Manifest:
@@ -82,7 +82,7 @@ def earlier_job(folder: Path, sources: Sequence[Path]) -> Manifest:
                 "inputs": {str(i): entry.path for i, entry in enumerate(manifest.inputs)},
             },
             {
-                "version of fullwaveform": fullwaveform.__version__,
+                "version of fullwaveform": __version__,
                 "inputs": {str(i): str(source) for i, source in enumerate(sources)},
             },
         ),
@@ -200,7 +200,7 @@ def _unit(
     output: Path | None = None,
 ) -> Plain:
     unit = Unit(
-        package_version=fullwaveform.__version__,
+        package_version=__version__,
         settings=settings,
         path=str(source.absolute()),
         files=states,

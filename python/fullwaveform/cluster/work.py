@@ -11,7 +11,7 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
-import fullwaveform
+from fullwaveform import __version__
 from fullwaveform.cluster.inputs import FileState, check_states
 from fullwaveform.cluster.manifest import MANIFEST_NAME, PartOutcome
 from fullwaveform.cluster.message_counts import messages_of_this_thread
@@ -84,9 +84,9 @@ def _trouble(path: str, sentence: str, *, ends_the_job: bool) -> Plain:
 
 
 def _check_version(unit: Unit) -> None:
-    if unit.package_version != fullwaveform.__version__:
+    if unit.package_version != __version__:
         raise _UnfitWorkerError(
-            f"a worker has version {fullwaveform.__version__} of fullwaveform, the job is of "
+            f"a worker has version {__version__} of fullwaveform, the job is of "
             f"version {unit.package_version}; all machines must have the same"
         )
 

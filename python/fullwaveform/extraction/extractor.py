@@ -10,7 +10,7 @@ from typing import Any
 import numpy as np
 import numpy.typing as npt
 
-import fullwaveform
+from fullwaveform import __version__
 from fullwaveform.core.constants import EchoType
 from fullwaveform.core.driver import (
     DECONVOLVING_MODES,
@@ -59,7 +59,7 @@ class ExtractionSettings:
 def run_metadata(settings: ExtractionSettings) -> dict[str, str]:
     """How echoes were made, for the files that can carry it."""
     return {
-        "version": fullwaveform.__version__,
+        "version": __version__,
         "mode": settings.mode.title,
         "threshold": str(settings.threshold),
         "scanner": json.dumps(dict(settings.scanner.attributes), sort_keys=True),

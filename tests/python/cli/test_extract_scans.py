@@ -185,6 +185,7 @@ def peak_memory(scan: Path, block: int, ending: str) -> float:
     return int(done.stdout) / 1024
 
 
+@pytest.mark.slow
 @pytest.mark.skipif(not Path("/proc/self/status").exists(), reason="memory is read from /proc")
 def test_memory_does_not_grow_with_the_file(tmp_path: Path) -> None:
     settings = ScanSettings(shots=1000, samples=1200)

@@ -18,7 +18,7 @@ def write(root: Path, files: dict[str, str]) -> Path:
 
 
 def faults(lint: str, root: Path) -> list[str]:
-    """Lines that a lint prints; its exit code must agree with them."""
+    """Lines that a lint prints; its exit code must be 1 exactly if there are any."""
     done = subprocess.run(
         [sys.executable, LINTS / lint, root], capture_output=True, text=True, check=False
     )

@@ -1,4 +1,4 @@
-"""The lint for data that could become code."""
+"""The lint for code that could execute data."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ def of_code(root: Path, code: str, name: str = "package/a.py") -> list[str]:
         "code = compile(text, 'a', 'exec')",
         "import builtins\nbuiltins.eval(text)",
         "np.load(path, allow_pickle=True)",
-        "np.load(path, allow_pickle=wanted)",
+        "np.load(path, allow_pickle=flag)",
         "subprocess.run(text, shell=True)",
         "frame = pandas.read_pickle(path)",
         "yaml.load(text)",
@@ -53,11 +53,11 @@ def test_code_from_data(tmp_path: Path, code: str) -> None:
         "# import pickle\n'eval(text)'",
     ],
 )
-def test_what_is_fine(tmp_path: Path, code: str) -> None:
+def test_accepted_code(tmp_path: Path, code: str) -> None:
     assert of_code(tmp_path, code) == []
 
 
-def test_tests_may(tmp_path: Path) -> None:
+def test_tests_may_execute_documents(tmp_path: Path) -> None:
     assert of_code(tmp_path, "exec(document)", name="tests/python/test_a.py") == []
     assert len(of_code(tmp_path, "exec(document)", name="tests/soak/a.py")) == 1
 

@@ -10,7 +10,7 @@ import h5py
 import laspy
 import numpy as np
 
-import fullwaveform
+from fullwaveform import __version__
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import AnyArray
 from fullwaveform.data.blocks import WaveformBlock
@@ -109,7 +109,7 @@ class ScanContainerWriter(FileWriter):
                 _create(file, field, 0)
         file.attrs["format"] = stored_text(FORMAT)
         file.attrs["format_version"] = np.int32(VERSION)
-        file.attrs["software"] = stored_text(f"fullwaveform {fullwaveform.__version__}")
+        file.attrs["software"] = stored_text(f"fullwaveform {__version__}")
         file[SBL_TIME].attrs[REFERENCE_TIME_ATTRIBUTE] = 0.0
         if len(self._intervals) == 1:
             file[WAVEFORMS].attrs[INTERVAL_ATTRIBUTE] = self._intervals.pop()
