@@ -24,7 +24,7 @@ namespace FullWaveform {
 ///
 /// Built once per scan. Its methods keep working memory, so one driver serves one thread at a time.
 template <class T>
-class FULLWAVEFORM_EXPORT PeakDetectionFamily {
+class PeakDetectionFamily {
  public:
   FWFModus modus;
   OnlineEvaluation<T> onlineEvaluation;  ///< holds the scanner that every waveform is built with
@@ -47,9 +47,10 @@ class FULLWAVEFORM_EXPORT PeakDetectionFamily {
   ///
   /// All methods are built in every mode. Where a deconvolution would be needed but cannot run, the waveform
   /// gets no echoes.
-  PeakDetectionFamily(FWFModus const& modus, ScannerDevice const& scanner,
-                      std::filesystem::path const& outputDirectory, std::filesystem::path const& inputFile,
-                      unsigned int const& rlParameter);
+  FULLWAVEFORM_EXPORT PeakDetectionFamily(FWFModus const& modus, ScannerDevice const& scanner,
+                                          std::filesystem::path const& outputDirectory,
+                                          std::filesystem::path const& inputFile,
+                                          unsigned int const& rlParameter);
 
   /// Extracts the echoes of a block. The per-waveform arrays have one value per row of the block.
   ///
@@ -64,10 +65,12 @@ class FULLWAVEFORM_EXPORT PeakDetectionFamily {
   ///
   /// Rows with a NaN shot time or without a value in one of the arrays are skipped; one console message per
   /// block counts them, the clipped counts and the values without a row.
-  ShotMap apply(Waveforms const& waveforms, Kestra::MultiArray<1, unsigned short> const& counts,
-                Kestra::MultiArray<1, double> const& shotTimes, Kestra::MultiArray<1, double> const& sblTimes,
-                Kestra::MultiArray<1, unsigned char> const& channelFlags, int const& noise,
-                std::string const& hostText);
+  FULLWAVEFORM_EXPORT ShotMap apply(Waveforms const& waveforms,
+                                    Kestra::MultiArray<1, unsigned short> const& counts,
+                                    Kestra::MultiArray<1, double> const& shotTimes,
+                                    Kestra::MultiArray<1, double> const& sblTimes,
+                                    Kestra::MultiArray<1, unsigned char> const& channelFlags,
+                                    int const& noise, std::string const& hostText);
 
   /// Report of the last block given to `apply`.
   [[nodiscard]] BlockReport const& lastBlock() const { return report; }

@@ -15,12 +15,12 @@ namespace FullWaveform {
 ///
 /// Remembers the gaps of its last call: one object serves one thread at a time.
 template <class T>
-class FULLWAVEFORM_EXPORT OnlineEvaluation {
+class OnlineEvaluation {
  public:
   ScannerDevice scanner;  ///< supplies group velocity and unambiguous range
 
   /// @param scanner  copied
-  explicit OnlineEvaluation(ScannerDevice const& scanner);
+  FULLWAVEFORM_EXPORT explicit OnlineEvaluation(ScannerDevice const& scanner);
 
   /// Groups echoes by shot; all arrays run along the echoes.
   ///
@@ -34,11 +34,10 @@ class FULLWAVEFORM_EXPORT OnlineEvaluation {
   ///
   /// Echoes without a shot time or without a value in one of the arrays are left out; one console message
   /// says how many. A group velocity of 0 makes every time infinite, and nothing guards against it.
-  std::map<double, Holdex::StrongPtr<WavePoints<T>>> apply(Kestra::MultiArray<1, double> const& shotTimes,
-                                                           Kestra::MultiArray<1, double> const& ranges,
-                                                           Kestra::MultiArray<1, float> const& amplitudes,
-                                                           Kestra::MultiArray<1, unsigned char> const& flags,
-                                                           Kestra::MultiArray<1, float> const& reflectances);
+  FULLWAVEFORM_EXPORT std::map<double, Holdex::StrongPtr<WavePoints<T>>> apply(
+      Kestra::MultiArray<1, double> const& shotTimes, Kestra::MultiArray<1, double> const& ranges,
+      Kestra::MultiArray<1, float> const& amplitudes, Kestra::MultiArray<1, unsigned char> const& flags,
+      Kestra::MultiArray<1, float> const& reflectances);
 
   /// Echoes of the last call that came half the unambiguous range or more behind their predecessor in the
   /// shot. One pulse hardly lights targets that far apart: they are likely to have been ranged in different
