@@ -1,4 +1,4 @@
-"""Echoes from full-waveform laser scanner records: files or NumPy in, tables out."""
+"""Echoes from full-waveform laser scanner data: files or NumPy arrays in, tables out."""
 
 from __future__ import annotations
 
@@ -29,9 +29,9 @@ __all__ = [
 ]
 __version__ = "0.1.0"
 
-# Name -> module and name there. Loaded when it is first asked for: NumPy, Arrow and laspy take
-# most of a second, and the command line says what went wrong before they are there.
-_HOMES = {
+# Name -> module and name there, imported on first access: NumPy, Arrow and laspy take most of a
+# second to load, which would delay every command.
+_EXPORTS = {
     "Columns": ("data.columns", "Columns"),
     "Driver": ("core.driver", "Driver"),
     "Extraction": ("api", "Extraction"),
@@ -47,10 +47,10 @@ _HOMES = {
 
 
 def __getattr__(name: str) -> Any:
-    if name not in _HOMES:
+    if name not in _EXPORTS:
         raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
-    module, there = _HOMES[name]
-    value = getattr(import_module(f"{__name__}.{module}"), there)
+    module, attribute = _EXPORTS[name]
+    value = getattr(import_module(f"{__name__}.{module}"), attribute)
     globals()[name] = value
     return value
 

@@ -1,4 +1,4 @@
-"""``python -m fullwaveform`` is the command line."""
+"""Run the command line with ``python -m fullwaveform``."""
 
 from fullwaveform.cli.start import main
 

@@ -1,12 +1,12 @@
-"""The short way: a file in, tables of echoes and waveforms out."""
+"""Extract a whole file or source of blocks into tables of echoes and waveforms."""
 
 from __future__ import annotations
 
 import os
 from collections.abc import Iterable, Iterator, Mapping
-from dataclasses import fields, is_dataclass, replace
+from dataclasses import replace
 from pathlib import Path
-from typing import TYPE_CHECKING, Any, TypeVar, cast
+from typing import TYPE_CHECKING, cast
 
 import laspy
 import numpy as np
@@ -30,7 +30,7 @@ from fullwaveform.extraction.extractor import (
     run_metadata,
 )
 from fullwaveform.extraction.pipeline import available_workers, extracted_blocks
-from fullwaveform.extraction.waveform_table import WAVEFORM_SCHEMA, WaveformTable
+from fullwaveform.extraction.waveform_table import WAVEFORM_COLUMNS, WaveformTable
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.echo_writers.opening import open_echo_file
 from fullwaveform.io.opening import open_waveforms
@@ -39,11 +39,10 @@ if TYPE_CHECKING:
     import pandas as pd
 
 Source = str | os.PathLike[str] | WaveformReader | WaveformBlock | Iterable[WaveformBlock]
-_Table = TypeVar("_Table", EchoTable, WaveformTable)
 
 
 class Extraction:
-    """Echoes of a whole source, and what became of each of its waveforms.
+    """Echoes and waveforms of a whole source.
 
     peaks : one row per echo, shot by shot along the flight of light: ``x``, ``y``, ``z``
         (coordinate units of the file; NaN where it has none), ``gps_time`` (s), ``echo_number``,
@@ -54,8 +53,8 @@ class Extraction:
         (s), ``gps_time`` (s), ``channel_flag``, ``sample_count``, ``sampling_interval`` (s),
         ``threshold`` and ``max_amplitude`` (counts), ``max_position`` (samples), ``segment_count``,
         ``echo_count``, ``state`` (a `WaveformState`)
-    tally : the extraction in numbers
-    read : what the reader met; empty for a source of blocks
+    tally : counts of the extraction
+    read : counts of the reader; zero for a source of blocks
     """
 
     def __init__(
@@ -66,10 +65,10 @@ class Extraction:
         settings: ExtractionSettings,
     ) -> None:
         if not blocks:
-            raise ValueError("the source holds no waveforms")
+            raise ValueError("the source has no waveforms")
         self._settings = settings
         self._echoes = EchoTable.join([block.echoes for block in blocks])
-        self._waveforms = _joined([block.waveforms for block in blocks])
+        self._waveforms = WaveformTable.join([block.waveforms for block in blocks])
         self._header = header
         self.read = read
         self.tally = ExtractionTally()
@@ -87,40 +86,35 @@ class Extraction:
     @property
     def waveforms(self) -> Columns:
         """The waveforms as NumPy columns of length n."""
-        return Columns({name: getattr(self._waveforms, name) for name in WAVEFORM_SCHEMA.names})
+        return self._waveforms.columns
 
     def to_arrow(self, table: str = "peaks") -> pa.Table:
-        """One of the tables, "peaks" or "waveforms", with units in the metadata of its fields."""
+        """The table "peaks" or "waveforms"; units and descriptions are metadata of its fields."""
         if table == "peaks":
             return echo_table_to_arrow(self._echoes)
         if table == "waveforms":
-            return pa.table(dict(self.waveforms), schema=WAVEFORM_SCHEMA)
-        raise ValueError(f"table {table!r} is neither 'peaks' nor 'waveforms'")
+            return self._waveforms.to_arrow(WAVEFORM_COLUMNS)
+        raise ValueError(f"unknown table {table!r}; expected 'peaks' or 'waveforms'")
 
     def to_pandas(self, table: str = "peaks") -> pd.DataFrame:
-        """One of the tables, "peaks" or "waveforms"; ImportError where pandas is missing."""
+        """The table "peaks" or "waveforms" for pandas; ImportError if pandas is not installed."""
         return cast("pd.DataFrame", self.to_arrow(table).to_pandas())
 
     def to_las(self, path: str | os.PathLike[str]) -> int:
-        """Write the echoes as points of a LAS or LAZ file; see `write`.
-
-        Raises ValueError also when the path ends otherwise.
-        """
+        """Write the echoes as points of a LAS or LAZ file; see `write`."""
         if Path(path).suffix.lower() not in (".las", ".laz"):
             raise ValueError(f"{path} must end in .las or .laz")
         return self.write(path)
 
     def write(self, path: str | os.PathLike[str]) -> int:
-        """Write the echoes to a file of the kind that its ending says.
+        """Write the echoes to a file; its ending chooses the format. Return the number written.
 
-        Returns
-        -------
-        Echoes written. Those whose coordinates a LAS file cannot hold are left out.
+        LAS files skip echoes whose coordinates they cannot represent.
 
         Raises
         ------
         ValueError
-            No kind of file has the ending.
+            Unknown ending.
         OSError
             The file cannot be written.
         """
@@ -143,45 +137,45 @@ def extract(
 ) -> Extraction:
     """Extract the echoes of a file, an open reader, or blocks of waveforms.
 
-    All echoes are held in memory; for files that are larger, go through `fullwaveform.open` block
-    by block or use the command line.
+    All echoes are held in memory. For larger files, read blocks with `fullwaveform.open` or use the
+    command line.
 
     Parameters
     ----------
     source
         The path of a file in any format that `fullwaveform.open` knows, an open reader, a
-        `WaveformBlock` or several of them. Arrays are for `Driver`.
+        `WaveformBlock` or an iterable of them. For arrays use `Driver`.
     mode
         0 three-point Gauss fit, 1 decomposition, 2 deconvolution, 3 hybrid.
     scanner
-        The scanner's description, or the path of its TOML file; when left out, what the file
-        carries, else the documented default.
+        Scanner description or path of its TOML file. Default: that of the source if it has one,
+        else `Scanner.default`.
     threshold
         Counts, 0 to 65535: samples at or below it are not searched for echoes. "estimate"
         estimates it for every waveform from its samples.
     channel_flags
-        Channel of the waveforms of a file (1 low power, 0 the other), one for all or by packet
+        Channel of the waveforms of a file (1 low power, 0 high power), one for all or by packet
         descriptor or channel number.
     sampling_interval
-        s per sample, for the path of a NumPy archive, which may not say it.
+        s, for the path of a NumPy archive without a sampling interval.
     workers
-        Threads; all processors when left out. The result does not depend on it.
+        Number of threads. Default: all processors. The result does not depend on it.
     keep_empty
-        Whether waveforms without echoes have a row in `peaks`, too, with ``echo_number`` 0 and NaN.
+        Whether waveforms without echoes have a row in `peaks`, with ``echo_number`` 0 and NaN.
     skip_unreadable
-        Whether waveforms of a file that cannot be used are left out and counted, or refused. An
-        open reader has been told already.
+        Skip and count unreadable waveforms of a file, instead of raising an error. An open reader
+        has its own setting.
 
     Raises
     ------
     OSError
         A file cannot be opened.
     WaveformFileError
-        A file does not hold what its format promises.
+        A file is not valid.
     ValueError
-        For arguments that make no sense, and for a source without waveforms.
+        Invalid argument, or a source without waveforms.
     """
-    wanted = ExtractionSettings(
+    settings = ExtractionSettings(
         scanner=_scanner(scanner),
         mode=checked_mode(mode),
         threshold=checked_threshold(threshold),
@@ -195,27 +189,27 @@ def extract(
             sampling_interval=sampling_interval,
             skip_unreadable=skip_unreadable,
         ) as reader:
-            return _of_reader(reader, _described(wanted, scanner, reader), threads)
+            return _of_reader(reader, _with_carried_scanner(settings, scanner, reader), threads)
     if sampling_interval is not None:
-        raise ValueError("sampling_interval is for the path of a file; blocks say their own")
+        raise ValueError("sampling_interval is only for paths; readers and blocks have their own")
     if hasattr(source, "blocks"):
         reader = cast(WaveformReader, source)
-        return _of_reader(reader, _described(wanted, scanner, reader), threads)
+        return _of_reader(reader, _with_carried_scanner(settings, scanner, reader), threads)
     if isinstance(source, np.ndarray):
-        raise ValueError("an array has no times and places: give it to Driver, or make blocks")
-    check_system_wave(wanted.mode, wanted.scanner)
-    extracted = list(extracted_blocks(_blocks_of(source), wanted, threads))
-    return Extraction(extracted, None, ReadTally(), wanted)
+        raise ValueError("the source is an array; use Driver for arrays, or make a WaveformBlock")
+    check_system_wave(settings.mode, settings.scanner)
+    extracted = list(extracted_blocks(_blocks_of(source), settings, threads))
+    return Extraction(extracted, None, ReadTally(), settings)
 
 
 def _blocks_of(source: object) -> Iterator[WaveformBlock]:
     blocks = [source] if isinstance(source, WaveformBlock) else source
     if not isinstance(blocks, Iterable):
-        raise ValueError(f"{source!r} is neither the path of a file nor a reader nor blocks")
+        raise ValueError(f"invalid source {source!r}; expected a path, a reader or blocks")
     for block in blocks:
         if not isinstance(block, WaveformBlock):
             raise ValueError(
-                f"{block!r} is no WaveformBlock; several files are extracted one by one"
+                f"invalid block {block!r}; expected a WaveformBlock (extract files one by one)"
             )
         yield block
 
@@ -227,18 +221,19 @@ def _scanner(scanner: Scanner | str | os.PathLike[str] | None) -> Scanner:
         return scanner
     if not isinstance(scanner, str | os.PathLike):
         raise ValueError(
-            f"scanner {scanner!r} is neither a Scanner nor the path of a description; attributes "
-            "are for Scanner.from_attributes"
+            f"invalid scanner {scanner!r}; expected a Scanner or the path of a description (for "
+            "attributes use Scanner.from_attributes)"
         )
     return Scanner.from_toml(Path(scanner))
 
 
-def _described(
-    wanted: ExtractionSettings, scanner: object, reader: WaveformReader
+def _with_carried_scanner(
+    settings: ExtractionSettings, scanner: object, reader: WaveformReader
 ) -> ExtractionSettings:
-    """The settings, with the scanner that the file carries where none was named."""
+    """The settings with the scanner of the file, unless a scanner was given."""
     carried = reader.scanner() if scanner is None else None
-    settings = wanted if carried is None else replace(wanted, scanner=carried)
+    if carried is not None:
+        settings = replace(settings, scanner=carried)
     check_system_wave(settings.mode, settings.scanner)
     return settings
 
@@ -246,18 +241,3 @@ def _described(
 def _of_reader(reader: WaveformReader, settings: ExtractionSettings, workers: int) -> Extraction:
     blocks = list(extracted_blocks(reader.blocks(), settings, workers))
     return Extraction(blocks, reader.header, reader.tally, settings)
-
-
-def _joined(tables: list[_Table]) -> _Table:
-    """One table of the rows of all, column by column."""
-    return cast(_Table, _joined_dataclasses(tables))
-
-
-def _joined_dataclasses(tables: list[Any]) -> Any:
-    columns = []
-    for column in fields(tables[0]):
-        parts = [getattr(table, column.name) for table in tables]
-        columns.append(
-            _joined_dataclasses(parts) if is_dataclass(parts[0]) else np.concatenate(parts)
-        )
-    return type(tables[0])(*columns)

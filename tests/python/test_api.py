@@ -72,7 +72,7 @@ def test_units_travel_with_the_tables() -> None:
     assert peaks.schema.field("width_ns").metadata[b"unit"] == b"ns"
     assert waveforms.schema.field("sampling_interval").metadata[b"unit"] == b"s"
     assert waveforms.column("sampling_interval").to_pylist() == [1e-9] * 3
-    with pytest.raises(ValueError, match="table 'shots' is neither 'peaks' nor 'waveforms'"):
+    with pytest.raises(ValueError, match="unknown table 'shots'; expected 'peaks' or 'waveforms'"):
         result.to_arrow("shots")
 
 
@@ -156,7 +156,7 @@ def test_interval_of_an_archive(tmp_path: Path) -> None:
     result = fullwaveform.extract(tmp_path / "a.npz", threshold=10, sampling_interval=2e-9)
     assert result.waveforms["sampling_interval"].tolist() == [2e-9]
     assert result.peaks["time"].tolist() == pytest.approx([62e-9])
-    with pytest.raises(ValueError, match="sampling_interval is for the path of a file"):
+    with pytest.raises(ValueError, match="sampling_interval is only for paths"):
         of_blocks(sampling_interval=2e-9)
 
 
@@ -172,18 +172,21 @@ WRONG: dict[str, tuple[Callable[[Path], object], str]] = {
     ),
     "workers": (
         lambda scan: fullwaveform.extract(scan, workers=0),
-        "workers is 0; it must be a whole number",
+        "invalid workers 0; expected an integer",
     ),
-    "half": (lambda scan: fullwaveform.extract(scan, workers=1.5), "workers is 1.5"),
+    "half": (lambda scan: fullwaveform.extract(scan, workers=1.5), "invalid workers 1.5"),
     "wave": (lambda scan: fullwaveform.extract(scan, mode=2), "needs the scanner's system wave"),
     "array": (
         lambda scan: fullwaveform.extract(np.zeros((3, 80), np.uint16)),
-        "an array has no times and places: give it to Driver",
+        "the source is an array; use Driver",
     ),
-    "number": (lambda scan: fullwaveform.extract(3), "3 is neither the path of a file nor"),
-    "paths": (lambda scan: fullwaveform.extract([scan]), "scan.las'\\) is no WaveformBlock"),
-    "attributes": (lambda scan: fullwaveform.extract(scan, scanner={}), "scanner {} is neither"),
-    "nothing": (lambda scan: fullwaveform.extract([]), "the source holds no waveforms"),
+    "number": (lambda scan: fullwaveform.extract(3), "invalid source 3; expected a path"),
+    "paths": (lambda scan: fullwaveform.extract([scan]), "scan.las'\\); expected a WaveformBlock"),
+    "attributes": (
+        lambda scan: fullwaveform.extract(scan, scanner={}),
+        "invalid scanner {}; expected",
+    ),
+    "nothing": (lambda scan: fullwaveform.extract([]), "the source has no waveforms"),
     "ending": (
         lambda scan: fullwaveform.extract(scan).write(scan.with_suffix(".xls")),
         "scan.xls must end in .las",

@@ -1,4 +1,4 @@
-"""What a file of waveforms holds, found in one pass over its blocks."""
+"""Statistics of a file of waveforms, from one pass over its blocks."""
 
 from __future__ import annotations
 
@@ -8,27 +8,27 @@ from dataclasses import dataclass
 from typing import TypeVar
 
 import numpy as np
-import numpy.typing as npt
 
-from fullwaveform.analysis.baseline import background
+from fullwaveform.analysis.baseline import baseline_and_noise_rms
 from fullwaveform.analysis.histograms import (
     Histogram,
     count_median,
     count_quantile,
     value_histogram,
 )
-from fullwaveform.data.arrays import IntArray
+from fullwaveform.core.constants import MAX_COUNT
+from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray, UInt16Array
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.io.base import WaveformReader
 
 _Key = TypeVar("_Key", int, float)
 
-_VALUES = 65_536  # of a sample
-_STEPS = 16  # per count, in which baselines and noise are counted
-_AT_ONCE = 1 << 20  # samples, which become numbers of eight bytes
+_VALUES = MAX_COUNT + 1  # of a sample
+_STEPS = 16  # per count, of baseline and noise rms
+_SAMPLES_AT_ONCE = 1 << 20  # they are converted to eight bytes each
 _PLATEAU = 2  # samples
-_FEMTOSECONDS = 1e15  # per s; intervals that differ by less are one
-_SHARES = (0.05, 0.95)
+_FEMTOSECONDS = 1e15  # per s; sampling intervals are rounded to them
+_QUANTILES = (0.05, 0.95)
 _FORMATS = {
     "LasWaveformReader": "LAS",
     "PulseWavesReader": "PulseWaves",
@@ -39,28 +39,28 @@ _FORMATS = {
 
 @dataclass(frozen=True, slots=True)
 class Level:
-    """A quantity of every waveform in counts: median over the waveforms, and where 90 % lie."""
+    """Median over the waveforms, and range of 90 % of them, counts."""
 
     median: float
-    low: float  # 5 % lie below
-    high: float  # 5 % lie above
+    low: float  # 5 % quantile
+    high: float  # 95 % quantile
 
 
 @dataclass(frozen=True, slots=True)
 class FileContents:
-    """What a file of waveforms holds.
+    """Statistics of a file of waveforms.
 
-    Baseline and noise of every waveform are estimated as `background` does, and rounded to a
+    Baseline and noise rms of every waveform are those of `baseline_and_noise_rms`, rounded to a
     sixteenth of a count.
 
-    saturated is the share of the waveforms in which at least two neighbouring samples have the
-    largest value of the file: a digitiser that clips makes such plateaus, noise hardly ever.
+    saturated : share of the waveforms with two consecutive samples of the largest value of the
+        file, which clipping produces and noise rarely does
     """
 
     format: str
-    points: int  # points or pulses of the file; its waveforms where it has neither
+    points: int  # points or pulses of the file; waveforms if it has neither
     points_without_waveform: int
-    points_sharing_waveform: int  # whose waveform another point had brought already
+    points_sharing_waveform: int  # whose waveform another point has, too
     waveforms: int
     shots: int
     samples: int
@@ -68,18 +68,18 @@ class FileContents:
     sampling_intervals: Mapping[float, int]  # s -> waveforms, ascending
     channels: Mapping[int, int]  # channel flag -> waveforms, ascending
     waveforms_per_shot: Mapping[int, int]  # -> shots, ascending
-    first_time: float | None  # s, GPS time; None where no shot has one
+    first_time: float | None  # s, GPS time; None if no shot has one
     last_time: float | None  # s
     baseline: Level | None  # None without waveforms
     noise_rms: Level | None
     smallest: int | None  # counts, None without samples
     largest: int | None
-    bits: int  # that hold the largest value
+    bits: int  # needed for the largest value
     saturated: float  # share of the waveforms, 0 to 1
     value_counts: IntArray  # (largest + 1,), samples of each value
     maximum_counts: IntArray  # (largest + 1,), waveforms by their largest sample
-    rejected: Mapping[str, int]  # reason -> waveforms that cannot be used
-    notes: tuple[str, ...]  # what the reader has to say, a sentence each
+    rejected: Mapping[str, int]  # reason -> unreadable waveforms
+    notes: tuple[str, ...]  # of the reader
 
     @property
     def median_sample_count(self) -> float | None:
@@ -91,29 +91,21 @@ class FileContents:
         return count_median(counts)
 
     def values(self, bins: int = 20) -> Histogram:
-        """Histogram of all samples; bins are about equally wide on a logarithmic scale."""
+        """Histogram of all samples, see `value_histogram`."""
         return value_histogram(self.value_counts, bins)
 
     def maxima(self, bins: int = 20) -> Histogram:
-        """Histogram of the largest sample of each waveform, as `values`."""
+        """Histogram of the largest sample of each waveform."""
         return value_histogram(self.maximum_counts, bins)
 
 
 def inspect_waveforms(
     reader: WaveformReader, blocks: Iterable[WaveformBlock] | None = None
 ) -> FileContents:
-    """Describe what a reader's file holds, in one pass; memory does not grow with the file.
+    """Statistics of the file of an open reader, in one pass with bounded memory.
 
-    Parameters
-    ----------
-    reader
-        Open.
-    blocks
-        All blocks of the reader, where somebody else follows them; its own when left out.
-
-    Raises
-    ------
-    As the blocks of the reader.
+    `blocks` are those of the reader, for a caller that shows the progress. Raises what the reader
+    raises.
     """
     sums = _Sums()
     for block in reader.blocks() if blocks is None else blocks:
@@ -131,7 +123,7 @@ def _format_of(reader: WaveformReader) -> str:
 
 
 class _Sums:
-    """What is counted from block to block."""
+    """Sums over blocks."""
 
     def __init__(self) -> None:
         self.waveforms = 0
@@ -163,25 +155,25 @@ class _Sums:
         for count in np.unique(block.counts[block.counts > 0]):
             self._add_samples(block.samples[block.counts == count, :count])
 
-    def _add_samples(self, samples: npt.NDArray[np.uint16]) -> None:
-        """Samples (n, count) of waveforms of one length, which is not 0."""
+    def _add_samples(self, samples: UInt16Array) -> None:
+        """Add the samples (n, count) of waveforms of equal length, at least 1."""
         self._add_plateaus(samples)
         self.maxima += np.bincount(samples.max(axis=1), minlength=_VALUES)
-        rows = max(_AT_ONCE // samples.shape[1], 1)
+        rows = max(_SAMPLES_AT_ONCE // samples.shape[1], 1)
         for first in range(0, len(samples), rows):
             part = samples[first : first + rows]
             self.values += np.bincount(part.ravel(), minlength=_VALUES)
-            baseline, noise_rms = background(part)
+            baseline, noise_rms = baseline_and_noise_rms(part)
             _count_steps(self.baseline, baseline)
             _count_steps(self.noise_rms, noise_rms)
 
-    def _add_plateaus(self, samples: npt.NDArray[np.uint16]) -> None:
+    def _add_plateaus(self, samples: UInt16Array) -> None:
         largest = int(samples.max())
         if largest > self.largest:
             self.largest, self.with_plateau = largest, 0
         at_top = samples == self.largest
-        side_by_side = at_top[:, : 1 - _PLATEAU] & at_top[:, _PLATEAU - 1 :]
-        self.with_plateau += int(np.count_nonzero(side_by_side.any(axis=1)))
+        is_plateau = at_top[:, : 1 - _PLATEAU] & at_top[:, _PLATEAU - 1 :]
+        self.with_plateau += int(np.count_nonzero(is_plateau.any(axis=1)))
 
     def contents(self, kind: str, points: int, tally: ReadTally) -> FileContents:
         values = self.values[: self.largest + 1]
@@ -213,7 +205,7 @@ class _Sums:
         )
 
 
-def _counted(values: npt.NDArray[np.generic]) -> dict[int, int]:
+def _counted(values: AnyArray) -> dict[int, int]:
     distinct, counts = np.unique(values, return_counts=True)
     return {int(value): int(n) for value, n in zip(distinct, counts, strict=True)}
 
@@ -222,14 +214,14 @@ def _ascending(counter: Counter[_Key]) -> dict[_Key, int]:
     return {key: counter[key] for key in sorted(counter)}
 
 
-def _count_steps(counts: IntArray, levels: npt.NDArray[np.float64]) -> None:
+def _count_steps(counts: IntArray, levels: FloatArray) -> None:
     steps = np.rint(levels * _STEPS).astype(np.int64)
     np.add.at(counts, np.minimum(steps, len(counts) - 1), 1)
 
 
 def _level(counts: IntArray) -> Level | None:
-    """Median and range of what was counted in steps."""
+    """Median and range, from counts by steps; None without counts."""
     if not counts.any():
         return None
-    low, high = (count_quantile(counts, share) / _STEPS for share in _SHARES)
+    low, high = (count_quantile(counts, share) / _STEPS for share in _QUANTILES)
     return Level(count_median(counts) / _STEPS, low, high)

@@ -1,4 +1,4 @@
-"""Pairs of echoes that are the same one, found twice: by two methods, or found and true."""
+"""Match echoes with reference echoes: of another method, or true ones."""
 
 from __future__ import annotations
 
@@ -12,11 +12,11 @@ from fullwaveform.data.arrays import BoolArray, FloatArray, IntArray
 
 @dataclass(frozen=True, slots=True)
 class Matching:
-    """One-to-one pairs, ascending by found echo, and what was left over, ascending."""
+    """One-to-one pairs, ascending by found echo, and the unmatched echoes, ascending."""
 
     found_index: IntArray  # rows of the found echoes
     ref_index: IntArray  # rows of their partners, same length
-    difference: FloatArray  # found less reference position, in the unit of the positions
+    difference: FloatArray  # found minus reference position, in the unit of the positions
     unmatched_found: IntArray
     unmatched_ref: IntArray
 
@@ -26,7 +26,7 @@ class Matching:
 
 @dataclass(frozen=True, slots=True)
 class MatchStatistics:
-    """Counts and differences of a matching; the differences are NaN when there is no pair."""
+    """Counts and differences of a matching; the differences are NaN without pairs."""
 
     matched: int
     unmatched_found: int
@@ -44,18 +44,18 @@ def match_echoes(
     ref_pos: npt.ArrayLike,
     tolerance: float,
 ) -> Matching:
-    """Pairs each echo with at most one reference of its group, nearest pairs first.
+    """Pair each echo with at most one reference echo of its group, nearest pairs first.
 
-    Groups (shot numbers, or shot times equal to the last bit) and positions are one-dimensional,
-    group and position of one side of equal length. A pair's positions differ by `tolerance` or
-    less. Of two pairs equally close that want the same echo, the one at smaller positions is
-    taken. An echo whose position is not finite, or whose group is NaN, matches nothing.
+    Groups (shot numbers, or exactly equal shot times) and positions are one-dimensional, and of
+    equal length on each side. The positions of a pair differ by at most `tolerance`. Of two equally
+    close pairs that share an echo, the one at smaller positions is chosen. Echoes with a position
+    that is not finite, or a NaN group, are not matched.
 
-    Raises ValueError when lengths differ, when one side's groups are integers and the other's
-    are not, or when the tolerance is negative or NaN.
+    Raises ValueError if lengths differ, if the groups are integers on one side only, or if the
+    tolerance is negative or NaN.
     """
     if not tolerance >= 0:
-        raise ValueError(f"the tolerance is {tolerance}, but must be 0 or more")
+        raise ValueError(f"invalid tolerance {tolerance}; it must be 0 or more")
     found_key, found_at = _columns(found_group, found_pos, "found")
     ref_key, ref_at = _columns(ref_group, ref_pos, "reference")
     key = _joined_keys(found_key, ref_key)
@@ -105,7 +105,7 @@ def _columns(
     if key.ndim != 1 or key.shape != at.shape:
         raise ValueError(
             f"groups {key.shape} and positions {at.shape} of the {side} echoes "
-            "must be one-dimensional and equally long"
+            "must be one-dimensional and of equal length"
         )
     return key, at
 
@@ -113,21 +113,21 @@ def _columns(
 def _joined_keys(
     found: npt.NDArray[np.generic], ref: npt.NDArray[np.generic]
 ) -> npt.NDArray[np.generic]:
-    """Both sides' groups in one type that keeps every value apart."""
+    """Groups of both sides in one type that represents them exactly."""
     sides = [side for side in (found, ref) if len(side)]
     if not sides:
         return found
     joined = np.concatenate(sides)
     whole = [side.dtype.kind in "iu" for side in sides]
     real = [side.dtype.kind in "iuf" for side in sides]
-    # 64-bit integers lose digits as float64, and so would two shots become one.
+    # 64-bit integers lose digits as float64, which would join different shots.
     if not all(real) or any(whole) != all(whole) or (all(whole) and joined.dtype.kind == "f"):
         raise ValueError(f"groups of type {found.dtype} and {ref.dtype} cannot be compared exactly")
     return joined
 
 
 def _sorted_rows(key: npt.NDArray[np.generic], position: FloatArray) -> IntArray:
-    """Rows that can match, by group and position."""
+    """Rows that can be matched, sorted by group and position."""
     known = ~np.isnan(key) if key.dtype.kind == "f" else np.ones(len(key), dtype=np.bool_)
     usable = np.flatnonzero(np.isfinite(position) & known)
     return np.asarray(usable[np.lexsort((position[usable], key[usable]))])
@@ -140,10 +140,10 @@ def _pair_rows(
     found_count: int,
     tolerance: float,
 ) -> tuple[IntArray, IntArray]:
-    """Rows of found and of reference echoes that belong together.
+    """Rows of the found and of the reference echoes of all pairs.
 
-    Each round takes the pairs that are nearest to each other, on either side, among all that are
-    left: nothing can claim one of them later. The closest pair of a group is always among them.
+    Each round takes the pairs that are nearest to each other on both sides among all remaining
+    echoes, since no later pair can include them. The closest pair of a group is always one.
     """
     pairs = [np.empty((0, 2), dtype=np.int64)]
     while True:
@@ -152,39 +152,39 @@ def _pair_rows(
             break
         pairs.append(np.sort(np.column_stack([rows[taken], rows[taken + 1]]), axis=1))
         rows = np.delete(rows, np.concatenate([taken, taken + 1]))
-    together = np.concatenate(pairs)
-    return together[:, 0], together[:, 1]
+    found, reference = np.concatenate(pairs).T
+    return found, reference
 
 
 def _mutually_nearest(
     key: npt.NDArray[np.generic], position: FloatArray, is_found: BoolArray, tolerance: float
 ) -> IntArray:
-    """Places i in the sorted row where i and i + 1 are each other's nearest of the other kind.
+    """Indices i for which entries i and i + 1 are each other's nearest of the other side.
 
-    Such a pair has nothing between it. "Less than" to the left only: of two pairs equally close
-    the left one is taken.
+    No entry is between such a pair. Of two equally close pairs the left one is chosen, hence
+    "less than" on the left side only.
     """
     gap = np.diff(position)
     facing = (key[1:] == key[:-1]) & (is_found[1:] != is_found[:-1]) & (gap <= tolerance)
-    to_left = _distance_to_other_kind(key, position, is_found)
-    to_right = _distance_to_other_kind(key[::-1], position[::-1], is_found[::-1])[::-1]
+    to_left = _distance_to_other_side(key, position, is_found)
+    to_right = _distance_to_other_side(key[::-1], position[::-1], is_found[::-1])[::-1]
     return np.flatnonzero(facing & (gap < to_left[:-1]) & (gap <= to_right[1:]))
 
 
-def _distance_to_other_kind(
+def _distance_to_other_side(
     key: npt.NDArray[np.generic], position: FloatArray, is_found: BoolArray
 ) -> FloatArray:
-    """Distance of each entry to the last one of the other kind before it, infinite without one."""
-    place = np.arange(len(position))
-    last_found = np.maximum.accumulate(np.where(is_found, place, -1))
-    last_ref = np.maximum.accumulate(np.where(is_found, -1, place))
+    """Distance of each entry to the previous one of the other side; infinite without one."""
+    index = np.arange(len(position))
+    last_found = np.maximum.accumulate(np.where(is_found, index, -1))
+    last_ref = np.maximum.accumulate(np.where(is_found, -1, index))
     other = np.where(is_found, last_ref, last_found)
     same = (other >= 0) & (key[other] == key)
     return np.where(same, np.abs(position - position[other]), np.inf)
 
 
 def _others(rows: IntArray, count: int) -> IntArray:
-    """The row numbers below `count` that are not among `rows`."""
-    left: BoolArray = np.ones(count, dtype=np.bool_)
-    left[rows] = False
-    return np.flatnonzero(left)
+    """The indices below `count` that are not in `rows`."""
+    other: BoolArray = np.ones(count, dtype=np.bool_)
+    other[rows] = False
+    return np.flatnonzero(other)

@@ -1,4 +1,4 @@
-"""One shot out of a file: found by the number of a waveform, its own number, or its time."""
+"""Select one shot of a file by the number of a waveform, the number of the shot, or its time."""
 
 from __future__ import annotations
 
@@ -6,97 +6,86 @@ from dataclasses import dataclass
 from enum import Enum
 
 import numpy as np
-import numpy.typing as npt
 
+from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.columns import take_rows
 from fullwaveform.io.base import WaveformReader
 
-SAME_TIME = 1e-6  # s, within which a time names a shot
+TIME_TOLERANCE = 1e-6  # s
 
 
-class By(Enum):
-    """What a shot is found by; the value completes a sentence."""
+class Selector(Enum):
+    """Quantity by which a shot is selected."""
 
-    WAVEFORM = "waveform"  # its running number in the file, from 0
-    SHOT = "shot"  # its running number in the file, from 0
+    WAVEFORM = "waveform"  # number of a waveform in the file, from 0
+    SHOT = "shot"  # number of the shot in the file, from 0
     TIME = "time"  # GPS time of the shot, s
 
 
 @dataclass(frozen=True, slots=True)
-class ChosenShot:
-    """A shot of a file, and which of its waveforms were meant."""
+class SelectedShot:
+    """A shot, and which of its waveforms are selected."""
 
     block: WaveformBlock  # all waveforms of the shot, in their order
-    rows: npt.NDArray[np.int64]  # (k,), rows of the block that were meant, ascending
+    rows: IntArray  # (k,), rows of the block that are selected, ascending
 
 
-def find_shot(reader: WaveformReader, by: By, wanted: float) -> ChosenShot:
-    """Go through the blocks up to the shot; one block is in memory at a time.
+def find_shot(reader: WaveformReader, selector: Selector, value: float) -> SelectedShot:
+    """Read blocks up to the shot; one block is in memory at a time.
 
     Parameters
     ----------
-    reader
-        Open.
-    by
-        `WAVEFORM`: the shot of that waveform, of which it alone is meant. `SHOT`: the waveforms of
-        the shot with that number; shots are counted in the order of their first waveform. `TIME`:
-        the same for the shot whose GPS time lies within a microsecond, the nearest one if several
-        do in its block.
-    wanted
+    selector
+        `WAVEFORM` selects one waveform. `SHOT` selects all waveforms of a shot; shots are numbered
+        in the order of their first waveform. `TIME` selects all waveforms of the shot whose GPS
+        time is within a microsecond, the nearest one in a block.
+    value
         The number, or the time in s.
 
-    Raises
-    ------
-    ValueError
-        The file has no such shot; the sentence says what there is.
+    Raises ValueError if there is no such shot, with the range of numbers or the nearest time.
     """
     waveforms = shots = 0
     nearest = np.nan
     for block in reader.blocks():
         first = _first_rows(block)
-        if by is By.WAVEFORM:
-            found = np.flatnonzero(block.waveform_numbers == wanted)
+        if selector is Selector.WAVEFORM:
+            found = np.flatnonzero(block.waveform_numbers == value)
             if len(found):
-                return _shot_of(block, int(found[0]), alone=True)
-        elif by is By.SHOT and shots <= wanted < shots + len(first):
-            return _shot_of(block, int(first[int(wanted) - shots]))
-        elif by is By.TIME:
-            row, nearest = _nearest(block.attributes.gps_time, wanted, nearest)
+                return _shot_of(block, int(found[0]), only_row=True)
+        elif selector is Selector.SHOT and shots <= value < shots + len(first):
+            return _shot_of(block, int(first[int(value) - shots]))
+        elif selector is Selector.TIME:
+            row, nearest = _nearest(block.attributes.gps_time, value, nearest)
             if row is not None:
                 return _shot_of(block, row)
         waveforms += len(block)
         shots += len(first)
-    if by is By.TIME:
-        known = f"the nearest is at {nearest!r} s" if np.isfinite(nearest) else "no shot has a time"
-        raise ValueError(f"{reader.path} has no shot at {wanted!r} s; {known}")
-    count = waveforms if by is By.WAVEFORM else shots
-    raise ValueError(f"{reader.path} has no {by.value} {wanted:g}; {_known(by.value, count)}")
+    if selector is Selector.TIME:
+        known = f"nearest shot: {nearest!r} s" if np.isfinite(nearest) else "no shot has a time"
+        raise ValueError(f"{reader.path}: no shot at {value!r} s; {known}")
+    kind, count = selector.value, waveforms if selector is Selector.WAVEFORM else shots
+    known = f"{kind}s are numbered 0 to {count - 1}" if count else f"the file has no {kind}s"
+    raise ValueError(f"{reader.path}: no {kind} {value:g}; {known}")
 
 
-def _known(kind: str, count: int) -> str:
-    return f"its {count:,} {kind}s are numbered 0 to {count - 1}" if count else "it has none"
-
-
-def _first_rows(block: WaveformBlock) -> npt.NDArray[np.int64]:
+def _first_rows(block: WaveformBlock) -> IntArray:
     """First row of each shot of the block, ascending."""
     return np.sort(np.unique(block.shot_times, return_index=True)[1])
 
 
-def _nearest(
-    times: npt.NDArray[np.float64], wanted: float, nearest: float
-) -> tuple[int | None, float]:
-    """Row of the shot at the wanted time, if there is one, and the nearest time so far, s."""
+def _nearest(times: FloatArray, wanted: float, nearest: float) -> tuple[int | None, float]:
+    """Row of the shot at the wanted time, if any, and the nearest time so far, s."""
     if not np.isfinite(times).any():
         return None, nearest
     row = int(np.nanargmin(np.where(np.isfinite(times), np.abs(times - wanted), np.nan)))
-    here = float(times[row])
-    if not abs(nearest - wanted) <= abs(here - wanted):  # true for none so far
-        nearest = here
-    return (row if abs(here - wanted) <= SAME_TIME else None), nearest
+    time = float(times[row])
+    if not abs(nearest - wanted) <= abs(time - wanted):  # also true while `nearest` is NaN
+        nearest = time
+    return (row if abs(time - wanted) <= TIME_TOLERANCE else None), nearest
 
 
-def _shot_of(block: WaveformBlock, row: int, *, alone: bool = False) -> ChosenShot:
+def _shot_of(block: WaveformBlock, row: int, *, only_row: bool = False) -> SelectedShot:
     rows = np.flatnonzero(block.shot_times == block.shot_times[row])
-    meant = np.flatnonzero(rows == row) if alone else np.arange(len(rows))
-    return ChosenShot(take_rows(block, rows), meant)
+    selected = np.flatnonzero(rows == row) if only_row else np.arange(len(rows))
+    return SelectedShot(take_rows(block, rows), selected)

@@ -8,7 +8,7 @@ from dataclasses import dataclass
 import numpy as np
 import numpy.typing as npt
 
-from fullwaveform.analysis.waveform_selection import ChosenShot
+from fullwaveform.analysis.waveform_selection import SelectedShot
 from fullwaveform.core.constants import DECOMPOSED_TYPES, EchoType
 from fullwaveform.core.driver import MODE_NAMES, Driver, Mode, Threshold, check_system_wave
 from fullwaveform.core.scanner import Scanner
@@ -72,7 +72,7 @@ class WaveformView:
 
 
 def waveform_views(
-    shot: ChosenShot, scanner: Scanner, modes: Sequence[Mode], threshold: Threshold = "estimate"
+    shot: SelectedShot, scanner: Scanner, modes: Sequence[Mode], threshold: Threshold = "estimate"
 ) -> list[WaveformView]:
     """The selected waveforms of a shot with the results of every mode.
 

@@ -59,20 +59,20 @@ def compare(
 
 
 def _show(comparison: Comparison, tolerance: float, console: Console) -> None:
-    matching, on_board = comparison.matching, comparison.on_board.rows
+    matching, returns = comparison.matching, comparison.returns.rows
     table = Table(title=f"Echoes within {tolerance:g} m of range", show_header=False)
     table.add_column(style="bold", no_wrap=True)
     table.add_column(justify="right", no_wrap=True)
     table.add_column()
-    table.add_row("on board", f"{on_board:,}", "")
+    table.add_row("returns", f"{returns:,}", "")
     if comparison.duplicate_returns:
         table.add_row(
             "duplicates", f"{comparison.duplicate_returns:,}", "of another channel, left out"
         )
     table.add_row("extracted", f"{len(comparison.extracted_ranges):,}", "")
-    share = len(matching) / on_board if on_board else 0.0
-    table.add_row("matched", f"{len(matching):,}", f"{share:.1%} of those on board")
-    table.add_row("missed", f"{len(matching.unmatched_ref):,}", "on board only")
+    share = len(matching) / returns if returns else 0.0
+    table.add_row("matched", f"{len(matching):,}", f"{share:.1%} of the returns")
+    table.add_row("missed", f"{len(matching.unmatched_ref):,}", "returns only")
     table.add_row("extra", f"{len(matching.unmatched_found):,}", "extracted only")
     if len(matching):
         _add_differences(matching.difference, table)
@@ -83,7 +83,7 @@ def _add_differences(
     difference: np.ndarray[tuple[int], np.dtype[np.float64]], table: Table
 ) -> None:
     median = float(np.median(difference))
-    table.add_row("median", f"{median:+.3f} m", "extracted minus on board")
+    table.add_row("median", f"{median:+.3f} m", "extracted minus return")
     for share in _SHARES:
         distance = np.percentile(np.abs(difference - median), share)
         table.add_row(f"{share} % within", f"{distance:.3f} m", "of that median")

@@ -226,7 +226,7 @@ def _run(reader: WaveformReader, settings: ExtractionSettings, call: _Call) -> R
             extracted_blocks(blocks, settings, call.workers),
             writer,
             statistics=call.statistics,
-            each=told_to_people if call.verbose else None,
+            on_rejected=told_to_people if call.verbose else None,
         )
         _check_that_some_have_a_place(tally, writer)
     return RunSummary(

@@ -8,7 +8,7 @@ from typing import Annotated
 
 import typer
 
-from fullwaveform.analysis.waveform_selection import By, find_shot
+from fullwaveform.analysis.waveform_selection import Selector, find_shot
 from fullwaveform.analysis.waveform_views import WaveformView, waveform_views
 from fullwaveform.cli.common_options import (
     AfterPulseWindow,
@@ -68,7 +68,7 @@ def plot(
 
         fullwaveform plot scan.las --time 300000000.00012 --mode 2 --scanner scanner.toml -o t.svg
     """
-    by, wanted = _wanted(waveform, shot, time)
+    selector, wanted = _wanted(waveform, shot, time)
     if output.suffix.lower() not in PLOT_ENDINGS:
         raise typer.BadParameter(f"{output} must end in {', '.join(PLOT_ENDINGS)}", param_hint="-o")
     refuse_same_file(source, output, "-o")
@@ -79,21 +79,25 @@ def plot(
     with told_in_a_sentence():
         with open_checked(source, channels, interval=seconds) as reader:
             described = scanner_for(scanner, window, [reader.scanner()])
-            views = waveform_views(find_shot(reader, by, wanted), described, modes, level)
+            views = waveform_views(find_shot(reader, selector, wanted), described, modes, level)
         draw_waveforms(output, views)
     for view in views:
         typer.echo(_summary(view))
     typer.echo(f"picture: {output}")
 
 
-def _wanted(waveform: int | None, shot: int | None, time: float | None) -> tuple[By, float]:
+def _wanted(waveform: int | None, shot: int | None, time: float | None) -> tuple[Selector, float]:
     given = [
-        (by, value)
-        for by, value in ((By.WAVEFORM, waveform), (By.SHOT, shot), (By.TIME, time))
+        (selector, value)
+        for selector, value in (
+            (Selector.WAVEFORM, waveform),
+            (Selector.SHOT, shot),
+            (Selector.TIME, time),
+        )
         if value is not None
     ]
     if len(given) != 1:
-        said = " and ".join(f"--{by.value}" for by, _ in given) or "none of them"
+        said = " and ".join(f"--{selector.value}" for selector, _ in given) or "none of them"
         raise typer.BadParameter(f"say one of --waveform, --shot and --time, not {said}")
     if time is not None and not math.isfinite(time):
         raise typer.BadParameter(f"{time} is no time in seconds", param_hint="--time")

@@ -10,7 +10,7 @@ import numpy as np
 import typer
 
 from fullwaveform.analysis.reports import block_reports
-from fullwaveform.analysis.waveform_selection import SAME_TIME
+from fullwaveform.analysis.waveform_selection import TIME_TOLERANCE
 from fullwaveform.cli.common_options import (
     AfterPulseWindow,
     ChannelTexts,
@@ -131,7 +131,7 @@ class _Wanted:
     @property
     def _has_the_time(self) -> bool:
         """Whether a shot has been met that the time names, which people round."""
-        return self.time is not None and abs(self.nearest - self.time) <= SAME_TIME
+        return self.time is not None and abs(self.nearest - self.time) <= TIME_TOLERANCE
 
     @property
     def is_complete(self) -> bool:

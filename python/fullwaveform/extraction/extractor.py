@@ -1,14 +1,12 @@
-"""From blocks of waveforms to tables of echoes in space: one road for every file format."""
+"""From blocks of waveforms to tables of echoes in space."""
 
 from __future__ import annotations
 
 import json
 from collections import Counter
 from dataclasses import dataclass, field
-from typing import Any
 
 import numpy as np
-import numpy.typing as npt
 
 from fullwaveform import __version__
 from fullwaveform.core.constants import EchoType
@@ -21,28 +19,24 @@ from fullwaveform.core.driver import (
     Threshold,
 )
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.data.empty_waveforms import with_empty_waveforms
 from fullwaveform.extraction.georeference import to_echo_table
-from fullwaveform.extraction.waveform_table import (
-    WaveformTable,
-    enter_echoes,
-    enter_result,
-    waveform_table,
-    without_echoes,
-)
+from fullwaveform.extraction.waveform_table import WaveformTable
+
+_MUST_BE_FINITE = ("idx", "amplitudeCounts", "std")
 
 
 @dataclass(frozen=True)
 class ExtractionSettings:
-    """How echoes are extracted from every block."""
+    """Settings of an extraction."""
 
     scanner: Scanner
     mode: Mode = Mode.THREE_POINT
     threshold: Threshold = "estimate"  # counts, or an estimate for every waveform
-    keep_empty: bool = False  # whether waveforms without echoes have a row among the echoes
+    keep_empty: bool = False  # whether waveforms without echoes have a row in the echo table
 
     @property
     def position_offset(self) -> float:
@@ -57,7 +51,7 @@ class ExtractionSettings:
 
 
 def run_metadata(settings: ExtractionSettings) -> dict[str, str]:
-    """How echoes were made, for the files that can carry it."""
+    """Version and settings, for the files that can hold metadata."""
     return {
         "version": __version__,
         "mode": settings.mode.title,
@@ -68,17 +62,17 @@ def run_metadata(settings: ExtractionSettings) -> dict[str, str]:
 
 @dataclass
 class ExtractionTally:
-    """What the extraction met."""
+    """Counts of an extraction."""
 
     waveforms: int = 0
     waveforms_with_echoes: int = 0
     echoes: int = 0
-    rejected: Counter[str] = field(default_factory=Counter)  # reason as a phrase -> waveforms
-    echoes_left_out: int = 0  # not finite, from flat or hollow triples of samples
+    rejected: Counter[str] = field(default_factory=Counter)  # reason -> waveforms without echoes
+    echoes_left_out: int = 0  # not finite: three samples without a maximum
     suspicious_blocks: int = 0
 
     def add(self, other: ExtractionTally) -> None:
-        """Count what the other one counted as well."""
+        """Add the counts of another tally."""
         self.waveforms += other.waveforms
         self.waveforms_with_echoes += other.waveforms_with_echoes
         self.echoes += other.echoes
@@ -89,12 +83,12 @@ class ExtractionTally:
 
 @dataclass(frozen=True)
 class ExtractedBlock:
-    """What was extracted from one block.
+    """Result of one block.
 
     echoes : shot by shot along the flight of light
-    waveforms : what became of each waveform
-    tally : the same in numbers
-    record : statistics, where so many waveforms were rejected that an operator should look
+    waveforms : state of each waveform
+    tally : counts
+    record : statistics, if half or more of the waveforms were rejected; else empty
     """
 
     echoes: EchoTable
@@ -104,47 +98,51 @@ class ExtractedBlock:
 
 
 class Extractor:
-    """Runs the driver over blocks; one driver per sampling interval, made when it is first met.
+    """Runs the driver over blocks, with one driver per sampling interval.
 
-    What a block gives depends on the block and the settings only, not on the blocks before it.
+    The result of a block depends on the block and the settings only.
     """
 
     def __init__(self, settings: ExtractionSettings) -> None:
         self.settings = settings
-        self._drivers: dict[float, tuple[int, Driver]] = {}  # with the longest waveform of each
+        self._drivers: dict[float, tuple[int, Driver]] = {}  # and their longest waveform
 
     def extract(self, block: WaveformBlock) -> ExtractedBlock:
-        """The echoes of a block; those that are not finite are counted and left out.
+        """The echoes of a block; echoes that are not finite are skipped and counted.
 
-        Raises
-        ------
-        ValueError
-            The scanner's system wave was estimated for another sampling interval.
+        Raises ValueError if the position offset of the scanner was measured at another sampling
+        interval.
         """
-        waveforms = waveform_table(block)
+        waveforms = WaveformTable.of(block)
         parts, records = [], []
         for interval in np.unique(block.sampling_intervals):
             rows = np.flatnonzero(block.sampling_intervals == interval)
-            result = self._of_interval(block, float(interval), rows)
-            enter_result(waveforms, rows, result)
+            result = self._apply_driver(block, float(interval), rows)
+            waveforms.enter_result(rows, result)
             parts.append((rows[result.peaks["row"]], dict(result.peaks)))
             records.append(result.record)
         rows, peaks = _joined(parts)
         peaks = self._apply_position_offset(peaks, block.sampling_intervals[rows])
-        finite = _finite(peaks)
-        left_out = int(np.count_nonzero(~finite))
-        rows, peaks = rows[finite], {name: column[finite] for name, column in peaks.items()}
-        enter_echoes(waveforms, rows)
+        finite = np.logical_and.reduce([np.isfinite(peaks[name]) for name in _MUST_BE_FINITE])
+        skipped = len(rows) - int(np.count_nonzero(finite))
+        if skipped:
+            rows, peaks = rows[finite], {name: column[finite] for name, column in peaks.items()}
+        waveforms.enter_echoes(rows)
         echoes = to_echo_table(block, rows, peaks)
         if self.settings.keep_empty:
             echoes = with_empty_waveforms(echoes, block)
-        tally = _tally(waveforms, left_out, records)
+        tally = ExtractionTally(
+            waveforms=len(waveforms),
+            waveforms_with_echoes=int(np.count_nonzero(waveforms.echo_count)),
+            echoes=len(rows),
+            rejected=waveforms.rejected(),
+            echoes_left_out=skipped,
+            suspicious_blocks=sum(bool(record) for record in records),
+        )
         return ExtractedBlock(echoes, waveforms, tally, "".join(records))
 
-    def _of_interval(
-        self, block: WaveformBlock, interval: float, rows: npt.NDArray[np.int64]
-    ) -> Result:
-        # A boolean index copies; the usual block has one interval and is handed over as it is.
+    def _apply_driver(self, block: WaveformBlock, interval: float, rows: IntArray) -> Result:
+        # Indices copy the samples; blocks with one sampling interval are passed on as they are.
         pick = slice(None) if len(rows) == len(block) else rows
         longest = int(block.counts[pick].max(initial=0))
         return self._driver(interval, longest).apply(
@@ -157,8 +155,8 @@ class Extractor:
         )
 
     def _apply_position_offset(
-        self, peaks: dict[str, npt.NDArray[Any]], interval: FloatArray
-    ) -> dict[str, npt.NDArray[Any]]:
+        self, peaks: dict[str, AnyArray], interval: FloatArray
+    ) -> dict[str, AnyArray]:
         """The peaks with the position offset subtracted from the deconvolved ones."""
         if self.settings.position_offset == 0.0:
             return peaks
@@ -180,7 +178,7 @@ class Extractor:
         return driver
 
     def _check_interval(self, interval: float) -> None:
-        """An offset in samples holds for the interval at which it was measured."""
+        """ValueError if there is an offset in samples, measured at another interval."""
         known = self.settings.scanner.sampling_interval
         if (
             self.settings.position_offset != 0.0
@@ -188,34 +186,17 @@ class Extractor:
             and abs(interval - known) > 1e-3 * known
         ):
             raise ValueError(
-                f"the system wave was estimated for samples {known * 1e9:g} ns apart, those of the "
-                f"file are {interval * 1e9:g} ns apart; estimate it for them"
+                "the position offset of the scanner description was measured at a sampling "
+                f"interval of {known * 1e9:g} ns, but the waveforms have {interval * 1e9:g} ns; "
+                "estimate the system wave for this interval"
             )
 
 
 def _joined(
-    parts: list[tuple[npt.NDArray[np.int64], dict[str, npt.NDArray[Any]]]],
-) -> tuple[npt.NDArray[np.int64], dict[str, npt.NDArray[Any]]]:
+    parts: list[tuple[IntArray, dict[str, AnyArray]]],
+) -> tuple[IntArray, dict[str, AnyArray]]:
+    """Rows and columns of all parts; at least one."""
+    if len(parts) == 1:
+        return parts[0]
     rows = np.concatenate([part[0] for part in parts])
-    names = parts[0][1]
-    return rows, {name: np.concatenate([part[1][name] for part in parts]) for name in names}
-
-
-def _finite(peaks: dict[str, npt.NDArray[Any]]) -> npt.NDArray[np.bool_]:
-    finite: npt.NDArray[np.bool_] = (
-        np.isfinite(peaks["idx"])
-        & np.isfinite(peaks["amplitudeCounts"])
-        & np.isfinite(peaks["std"])
-    )
-    return finite
-
-
-def _tally(waveforms: WaveformTable, left_out: int, records: list[str]) -> ExtractionTally:
-    return ExtractionTally(
-        waveforms=len(waveforms),
-        waveforms_with_echoes=int(np.count_nonzero(waveforms.echo_count)),
-        echoes=int(waveforms.echo_count.sum()),
-        rejected=without_echoes(waveforms),
-        echoes_left_out=left_out,
-        suspicious_blocks=sum(bool(record) for record in records),
-    )
+    return rows, {name: np.concatenate([part[1][name] for part in parts]) for name in parts[0][1]}

@@ -1,4 +1,4 @@
-"""Blocks through one or several workers, their echoes in the order of the file."""
+"""Extraction of many blocks in one or several threads, in the order of the file."""
 
 from __future__ import annotations
 
@@ -23,26 +23,22 @@ from fullwaveform.io.base import EchoWriter
 
 
 def available_workers() -> int:
-    """Processors that this process may use."""
+    """Number of processors that this process may use."""
     return len(os.sched_getaffinity(0)) if hasattr(os, "sched_getaffinity") else os.cpu_count() or 1
 
 
 def extracted_blocks(
     blocks: Iterable[WaveformBlock], settings: ExtractionSettings, workers: int = 1
 ) -> Iterator[ExtractedBlock]:
-    """Yield what is extracted from each block, in the order of the blocks.
+    """Extract blocks in `workers` threads; yields the results in the order of the blocks.
 
-    Every worker is a thread with drivers of its own; the extraction itself runs without Python's
-    lock. At most ``workers + 1`` blocks are in memory, and the result does not depend on how many
-    workers there are.
+    Each thread has its own drivers and runs them without Python's global lock. At most
+    ``workers + 1`` blocks are in memory. The result does not depend on the number of workers.
 
-    Raises
-    ------
-    ValueError
-        For fewer than one worker, and as `Extractor.extract` does.
+    Raises ValueError for fewer than one worker, and as `Extractor.extract` does.
     """
     if isinstance(workers, bool) or not isinstance(workers, int) or workers < 1:
-        raise ValueError(f"workers is {workers}; it must be a whole number, at least 1")
+        raise ValueError(f"invalid workers {workers!r}; expected an integer of at least 1")
     if workers == 1:
         extractor = Extractor(settings)
         return (extractor.extract(block) for block in blocks)
@@ -52,12 +48,12 @@ def extracted_blocks(
 def _in_threads(
     blocks: Iterable[WaveformBlock], settings: ExtractionSettings, workers: int
 ) -> Iterator[ExtractedBlock]:
-    own = threading.local()
+    thread = threading.local()
 
     def extract(block: WaveformBlock) -> ExtractedBlock:
-        if not hasattr(own, "extractor"):
-            own.extractor = Extractor(settings)
-        extracted: ExtractedBlock = own.extractor.extract(block)
+        if not hasattr(thread, "extractor"):
+            thread.extractor = Extractor(settings)
+        extracted: ExtractedBlock = thread.extractor.extract(block)
         return extracted
 
     pool = ThreadPoolExecutor(workers, thread_name_prefix="extraction")
@@ -78,21 +74,17 @@ def write_echoes(
     writer: EchoWriter,
     *,
     statistics: Path | None = None,
-    each: Callable[[str], None] | None = None,
+    on_rejected: Callable[[str], None] | None = None,
 ) -> ExtractionTally:
-    """Write the echoes of all blocks, and sum up what was met.
+    """Write the echoes of all blocks and return the sum of their counts.
 
     Parameters
     ----------
-    extracted
-        The blocks, in their order.
-    writer
-        Open for writing.
     statistics
-        File to which the statistics of suspicious blocks are appended; one that cannot be opened
-        is passed over in silence.
-    each
-        Told a sentence about each waveform without echoes.
+        File to which the statistics of suspicious blocks are appended; ignored if it cannot be
+        opened, as the library does.
+    on_rejected
+        Called with number and state of each waveform without echoes.
     """
     tally = ExtractionTally()
     for block in extracted:
@@ -100,8 +92,8 @@ def write_echoes(
         tally.add(block.tally)
         if block.record and statistics is not None:
             _append(statistics, block.record)
-        if each is not None:
-            _tell(block.waveforms, each)
+        if on_rejected is not None:
+            _report_rejected(block.waveforms, on_rejected)
     return tally
 
 
@@ -113,7 +105,7 @@ def _append(path: Path, text: str) -> None:
         return
 
 
-def _tell(waveforms: WaveformTable, each: Callable[[str], None]) -> None:
+def _report_rejected(waveforms: WaveformTable, report: Callable[[str], None]) -> None:
     for row in np.flatnonzero(waveforms.state != WaveformState.WITH_ECHOES):
         state = WaveformState(waveforms.state[row])
-        each(f"waveform {waveforms.waveform_number[row]}: {state.phrase}")
+        report(f"waveform {waveforms.waveform_number[row]}: {state.phrase}")

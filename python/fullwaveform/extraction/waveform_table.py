@@ -1,22 +1,20 @@
-"""What became of every waveform: one row each, whether it gave echoes or not."""
+"""State and measured values of every waveform, with or without echoes."""
 
 from __future__ import annotations
 
 from collections import Counter
-from dataclasses import dataclass
 from enum import IntEnum
 
 import numpy as np
-import numpy.typing as npt
-import pyarrow as pa
 
 from fullwaveform.core.driver import LONGEST_DECONVOLUTION, Result, RowState
-from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.arrays import IntArray
 from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.data.columns import Column, Table
 
 
 class WaveformState(IntEnum):
-    """What became of a waveform; the driver's states of a row, and what was found behind them."""
+    """Whether a waveform has echoes, and why not: the driver's row states, divided further."""
 
     WITH_ECHOES = RowState.KEPT
     SIGNAL_TOO_LOW = RowState.SIGNAL_TOO_LOW
@@ -36,104 +34,76 @@ class WaveformState(IntEnum):
 _PHRASES = {
     WaveformState.WITH_ECHOES: "with echoes",
     WaveformState.SIGNAL_TOO_LOW: "signal not above the threshold",
-    WaveformState.DUPLICATE: "repeats a waveform of its shot",
-    WaveformState.INVALID_ROW: "no shot time",
+    WaveformState.DUPLICATE: "duplicate of a waveform of the same shot",
+    WaveformState.INVALID_ROW: "no samples or no shot time",
     WaveformState.TOO_LONG_TO_DECONVOLVE: (
-        f"longer than the {LONGEST_DECONVOLUTION:,} samples that can be deconvolved"
+        f"too long to deconvolve (more than {LONGEST_DECONVOLUTION:,} samples)"
     ),
-    WaveformState.MERGED_INTO_OTHER_CHANNEL: "echoes stand in the other channel of the shot",
-    WaveformState.NO_ECHO: "no echo found, or none that can be real",
-    WaveformState.NOT_FINITE: "no echo that is finite",
+    WaveformState.MERGED_INTO_OTHER_CHANNEL: "echoes merged into the other channel",
+    WaveformState.NO_ECHO: "no plausible echo found",
+    WaveformState.NOT_FINITE: "no echo with finite values",
 }
 
-
-@dataclass(frozen=True, slots=True)
-class WaveformTable:
-    """One row per waveform of a block, in its order; all columns have the same length."""
-
-    waveform_number: npt.NDArray[np.int64]  # running number of the waveform in the file
-    shot_time: FloatArray  # s, what the waveforms of a shot share
-    gps_time: FloatArray  # s, of the shot
-    channel_flag: npt.NDArray[np.uint8]  # 1 for the low-power channel, 0 for the other
-    sample_count: npt.NDArray[np.uint16]
-    sampling_interval: FloatArray  # s
-    threshold: FloatArray  # counts, NaN where the waveform was not kept
-    max_amplitude: FloatArray  # counts, NaN where the waveform was not kept
-    max_position: FloatArray  # samples, of the largest sample; NaN where it was not kept
-    segment_count: npt.NDArray[np.int64]  # runs of samples above the threshold
-    echo_count: npt.NDArray[np.int64]  # echoes of this waveform
-    state: npt.NDArray[np.uint8]  # a WaveformState
-
-    def __len__(self) -> int:
-        return len(self.state)
-
-
-_UNITS = {
-    "waveform_number": (pa.int64(), "1"),
-    "shot_time": (pa.float64(), "s"),
-    "gps_time": (pa.float64(), "s"),
-    "channel_flag": (pa.uint8(), "1"),
-    "sample_count": (pa.uint16(), "samples"),
-    "sampling_interval": (pa.float64(), "s"),
-    "threshold": (pa.float64(), "counts"),
-    "max_amplitude": (pa.float64(), "counts"),
-    "max_position": (pa.float64(), "samples"),
-    "segment_count": (pa.int64(), "1"),
-    "echo_count": (pa.int64(), "1"),
-    "state": (pa.uint8(), "1"),
-}
-#: Names, types and, in the metadata of each field, units of the columns.
-WAVEFORM_SCHEMA = pa.schema(
-    [pa.field(name, kind, metadata={"unit": unit}) for name, (kind, unit) in _UNITS.items()]
+WAVEFORM_COLUMNS = (
+    Column("waveform_number", np.int64, "1", "Running number of the waveform in the input, from 0"),
+    Column("shot_time", np.float64, "s", "Time of the shot, equal for all waveforms of the shot"),
+    Column("gps_time", np.float64, "s", "Time of the shot, as in the input"),
+    Column("channel_flag", np.uint8, "1", "Channel of the waveform: 1 low power, 0 high power"),
+    Column("sample_count", np.uint16, "samples", "Number of samples"),
+    Column("sampling_interval", np.float64, "s", "Time between two samples"),
+    Column("threshold", np.float64, "counts", "Threshold; NaN if the waveform was rejected"),
+    Column("max_amplitude", np.float64, "counts", "Largest sample; NaN if rejected"),
+    Column("max_position", np.float64, "samples", "Index of the largest sample; NaN if rejected"),
+    Column("segment_count", np.int64, "1", "Segments above the threshold"),
+    Column("echo_count", np.int64, "1", "Echoes of the waveform"),
+    Column("state", np.uint8, "1", "A WaveformState: 0 with echoes, else why there are none"),
 )
 
 
-def waveform_table(block: WaveformBlock) -> WaveformTable:
-    """The table of a block of which nothing has been extracted yet."""
-    rows = len(block)
-    return WaveformTable(
-        waveform_number=block.waveform_numbers,
-        shot_time=block.shot_times,
-        gps_time=block.attributes.gps_time,
-        channel_flag=block.channel_flags,
-        sample_count=block.counts,
-        sampling_interval=block.sampling_intervals,
-        threshold=np.full(rows, np.nan),
-        max_amplitude=np.full(rows, np.nan),
-        max_position=np.full(rows, np.nan),
-        segment_count=np.zeros(rows, np.int64),
-        echo_count=np.zeros(rows, np.int64),
-        state=np.full(rows, WaveformState.INVALID_ROW, np.uint8),
-    )
+class WaveformTable(Table):
+    """One row per waveform with the columns of `WAVEFORM_COLUMNS`, in the order of the block."""
 
+    @classmethod
+    def of(cls, block: WaveformBlock) -> WaveformTable:
+        """The table of a block before its extraction."""
+        rows = len(block)
+        return cls(
+            {
+                "waveform_number": block.waveform_numbers,
+                "shot_time": block.shot_times,
+                "gps_time": block.attributes.gps_time,
+                "channel_flag": block.channel_flags,
+                "sample_count": block.counts,
+                "sampling_interval": block.sampling_intervals,
+                "threshold": np.full(rows, np.nan),
+                "max_amplitude": np.full(rows, np.nan),
+                "max_position": np.full(rows, np.nan),
+                "segment_count": np.zeros(rows, np.int64),
+                "echo_count": np.zeros(rows, np.int64),
+                "state": np.full(rows, WaveformState.INVALID_ROW, np.uint8),
+            }
+        )
 
-def enter_result(table: WaveformTable, rows: npt.NDArray[np.int64], result: Result) -> None:
-    """Enter what the driver says of the given rows (of the block) into the table."""
-    table.state[rows] = result.row_states
-    kept = rows[result.waveforms["row"]]
-    table.threshold[kept] = result.waveforms["noise"]
-    table.max_amplitude[kept] = result.waveforms["maxAmplitude"]
-    table.max_position[kept] = result.waveforms["idxOfMaxAmplitude"]
-    table.segment_count[kept] = result.waveforms["segmentCount"]
-    without = kept[result.waveforms["peakCount"] == 0]
-    found_nothing = without[table.state[without] == WaveformState.WITH_ECHOES]
-    table.state[found_nothing] = WaveformState.NO_ECHO
+    def enter_result(self, rows: IntArray, result: Result) -> None:
+        """Enter the driver's result for the given rows of the block."""
+        state = self["state"]
+        state[rows] = result.row_states
+        kept = rows[result.waveforms["row"]]
+        self["threshold"][kept] = result.waveforms["noise"]
+        self["max_amplitude"][kept] = result.waveforms["maxAmplitude"]
+        self["max_position"][kept] = result.waveforms["idxOfMaxAmplitude"]
+        self["segment_count"][kept] = result.waveforms["segmentCount"]
+        without_peaks = kept[result.waveforms["peakCount"] == 0]
+        is_kept = state[without_peaks] == WaveformState.WITH_ECHOES
+        state[without_peaks[is_kept]] = WaveformState.NO_ECHO
 
+    def enter_echoes(self, rows: IntArray) -> None:
+        """Enter the finite echoes, by their rows of the block."""
+        state, count = self["state"], self["echo_count"]
+        count[:] = np.bincount(rows, minlength=len(self))
+        state[(state == WaveformState.WITH_ECHOES) & (count == 0)] = WaveformState.NOT_FINITE
 
-def enter_echoes(table: WaveformTable, rows: npt.NDArray[np.int64]) -> None:
-    """Enter the echoes that were kept, by their rows of the block."""
-    table.echo_count[:] = np.bincount(rows, minlength=len(table))
-    lost = (table.state == WaveformState.WITH_ECHOES) & (table.echo_count == 0)
-    table.state[lost] = WaveformState.NOT_FINITE
-
-
-def without_echoes(table: WaveformTable) -> Counter[str]:
-    """Waveforms without echoes by the reason, in words."""
-    counts = np.bincount(table.state, minlength=len(WaveformState))
-    return Counter(
-        {
-            state.phrase: int(counts[state])
-            for state in WaveformState
-            if state is not WaveformState.WITH_ECHOES and counts[state] > 0
-        }
-    )
+    def rejected(self) -> Counter[str]:
+        """Number of waveforms without echoes, by the phrase of their state."""
+        counts = np.bincount(self["state"], minlength=len(WaveformState)).tolist()
+        return +Counter({state.phrase: counts[state] for state in list(WaveformState)[1:]})

@@ -5,13 +5,13 @@ from __future__ import annotations
 import numpy as np
 import pytest
 
-from fullwaveform.analysis.baseline import background
+from fullwaveform.analysis.baseline import baseline_and_noise_rms
 
 PER_DISTANCE = 1.2533141  # root of pi / 2
 
 
 def of(record: list[int]) -> tuple[float, float]:
-    baseline, noise = background([record])
+    baseline, noise = baseline_and_noise_rms([record])
     return float(baseline[0]), float(noise[0])
 
 
@@ -44,7 +44,7 @@ def test_neighbouring_count_belongs_to_a_record_without_spread() -> None:
 
 def test_rows_do_not_know_each_other() -> None:
     rows = np.array([[20] * 5, [5, 9, 7, 100, 3]], np.uint16)
-    baseline, noise = background(rows)
+    baseline, noise = baseline_and_noise_rms(rows)
     assert [tuple(pair) for pair in zip(baseline, noise, strict=True)] == [
         of(row.tolist()) for row in rows
     ]
@@ -58,7 +58,7 @@ def test_noise_of_known_width_under_echoes(filled: float, deviation: float) -> N
     samples = chance.normal(200.0, deviation, (400, 300))
     end = 10 + round(300 * filled)
     samples[:, 10:end] += chance.uniform(300.0, 3000.0, (400, end - 10))
-    baseline, noise = background(np.rint(samples).astype(np.uint16))
+    baseline, noise = baseline_and_noise_rms(np.rint(samples).astype(np.uint16))
     assert np.median(baseline) == pytest.approx(200.0, abs=0.15 * deviation)
     assert np.median(noise) == pytest.approx(deviation, rel=0.1)
     assert np.std(baseline) < 0.3 * deviation

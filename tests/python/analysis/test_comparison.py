@@ -51,7 +51,7 @@ def test_pairs_lie_as_far_apart_as_they_were_put(scan: Path, tmp_path: Path) -> 
     # 0.2 m further (lower) than the first return, 0.1 m nearer than the second, one far from any.
     echoes = write_points(tmp_path / "echoes.las", 6, [1.0, 1.0, 2.0], [29.8, 20.1, 4.0])
     comparison = compare_with_returns(scan, echoes, tolerance=1.0)
-    assert comparison.on_board["amplitude"].tolist() == [7.0, 8.0, 9.0]
+    assert comparison.returns["amplitude"].tolist() == [7.0, 8.0, 9.0]
     np.testing.assert_allclose(comparison.matching.difference, [0.2, -0.1], atol=1e-6)
     assert comparison.matching.unmatched_found.tolist() == [2]
     assert comparison.matching.unmatched_ref.tolist() == [2]
@@ -69,7 +69,7 @@ def test_a_return_of_both_channels_counts_once(tmp_path: Path) -> None:
     echoes = write_points(tmp_path / "echoes.las", 6, [1.0, 1.0, 2.0], [30.0, 20.0, 10.0])
     comparison = compare_with_returns(scan, echoes, tolerance=1.0)
     assert comparison.duplicate_returns == 1
-    assert comparison.on_board.rows == 3
+    assert comparison.returns.rows == 3
     assert len(comparison.matching) == 3
     done = CliRunner().invoke(app, ["compare", str(scan), str(echoes)])
     assert "│ duplicates  │" in done.output
@@ -82,7 +82,7 @@ def test_tolerance_decides_what_is_the_same(scan: Path, tmp_path: Path) -> None:
 
 def test_echoes_of_another_scan_are_refused(scan: Path, tmp_path: Path) -> None:
     echoes = write_points(tmp_path / "echoes.las", 6, [7.0], [29.8])
-    with pytest.raises(WaveformFileError, match=r"no GPS time of .*echoes\.las is one of"):
+    with pytest.raises(WaveformFileError, match=r"echoes\.las and .* have no GPS time in common"):
         compare_with_returns(scan, echoes, tolerance=1.0)
 
 
@@ -101,7 +101,7 @@ def test_a_scan_without_times_is_refused(tmp_path: Path) -> None:
 
 def test_a_pulse_without_direction_is_refused(tmp_path: Path) -> None:
     scan = write_points(tmp_path / "scan.las", 9, [0.0, 1.0], [1.0, 2.0], wavepacket_index=[1, 1])
-    with pytest.raises(WaveformFileError, match="without a direction"):
+    with pytest.raises(WaveformFileError, match="a pulse has no direction"):
         compare_with_returns(scan, scan, tolerance=1.0)
 
 
@@ -110,7 +110,7 @@ def test_command_prints_the_counts_and_draws(scan: Path, tmp_path: Path) -> None
     plot = tmp_path / "differences.pdf"
     done = CliRunner().invoke(app, ["compare", str(scan), str(echoes), "--plot", str(plot)])
     assert done.exit_code == 0, done.output
-    for label, count in (("on board", 3), ("extracted", 3), ("matched", 2), ("missed", 1)):
+    for label, count in (("returns", 3), ("extracted", 3), ("matched", 2), ("missed", 1)):
         (line,) = [row for row in done.output.splitlines() if row.startswith(f"│ {label} ")]
         assert f" {count} " in line
     assert "+0.050 m" in done.output  # the median of 0.2 and -0.1

@@ -1,4 +1,4 @@
-"""One shot out of a file of several blocks, by number and by time."""
+"""Selection of one shot of a file with several blocks, by number and by time."""
 
 from __future__ import annotations
 
@@ -7,7 +7,7 @@ from pathlib import Path
 import numpy as np
 import pytest
 
-from fullwaveform.analysis.waveform_selection import By, ChosenShot, find_shot
+from fullwaveform.analysis.waveform_selection import SelectedShot, Selector, find_shot
 from fullwaveform.io.opening import open_waveforms
 
 from ..support.las_scenes import Point, Scene
@@ -23,68 +23,70 @@ def scan(tmp_path: Path) -> Path:
     return Scene([(1, 8, 4, 1000)], packets, points).write(tmp_path / "scan.las")
 
 
-def find(path: Path, by: By, wanted: float, waveforms_per_block: int = 2) -> ChosenShot:
+def find(
+    path: Path, selector: Selector, value: float, waveforms_per_block: int = 2
+) -> SelectedShot:
     with open_waveforms(path, waveforms_per_block=waveforms_per_block) as reader:
-        return find_shot(reader, by, wanted)
+        return find_shot(reader, selector, value)
 
 
-def first_samples(shot: ChosenShot) -> tuple[list[int], list[int]]:
-    """First sample of all waveforms of the shot, and of those that were meant."""
+def first_samples(shot: SelectedShot) -> tuple[list[int], list[int]]:
+    """First sample of all waveforms of the shot, and of the selected ones."""
     column = shot.block.samples[:, 0]
     return column.tolist(), column[shot.rows].tolist()
 
 
 @pytest.mark.parametrize("size", [1, 2, 100])
-def test_by_waveform_brings_its_shot_and_means_it_alone(scan: Path, size: int) -> None:
-    assert first_samples(find(scan, By.WAVEFORM, 2, size)) == ([1, 2], [2])
-    assert first_samples(find(scan, By.WAVEFORM, 4, size)) == ([4], [4])
+def test_waveform_number_selects_one_waveform_of_its_shot(scan: Path, size: int) -> None:
+    assert first_samples(find(scan, Selector.WAVEFORM, 2, size)) == ([1, 2], [2])
+    assert first_samples(find(scan, Selector.WAVEFORM, 4, size)) == ([4], [4])
 
 
 @pytest.mark.parametrize("size", [1, 2, 100])
-def test_by_shot_means_all_its_waveforms(scan: Path, size: int) -> None:
-    shots = [first_samples(find(scan, By.SHOT, number, size)) for number in range(4)]
+def test_shot_number_selects_all_its_waveforms(scan: Path, size: int) -> None:
+    shots = [first_samples(find(scan, Selector.SHOT, number, size)) for number in range(4)]
     assert shots == [([0], [0]), ([1, 2], [1, 2]), ([3], [3]), ([4], [4])]
 
 
-def test_by_time_is_exact_to_the_microsecond(scan: Path) -> None:
-    assert first_samples(find(scan, By.TIME, 200.0)) == ([1, 2], [1, 2])
-    assert first_samples(find(scan, By.TIME, 299.9999995)) == ([3], [3])
-    assert first_samples(find(scan, By.TIME, 300.000002)) == ([4], [4])
+def test_time_is_matched_to_the_microsecond(scan: Path) -> None:
+    assert first_samples(find(scan, Selector.TIME, 200.0)) == ([1, 2], [1, 2])
+    assert first_samples(find(scan, Selector.TIME, 299.9999995)) == ([3], [3])
+    assert first_samples(find(scan, Selector.TIME, 300.000002)) == ([4], [4])
     for size in (1, 100):
-        with pytest.raises(ValueError, match=r"no shot at 300\.0000015 s; the nearest is at 300\."):
-            find(scan, By.TIME, 300.0000015, size)
+        with pytest.raises(ValueError, match=r"no shot at 300\.0000015 s; nearest shot: 300\."):
+            find(scan, Selector.TIME, 300.0000015, size)
 
 
-def test_nearest_time_is_told(scan: Path) -> None:
-    with pytest.raises(ValueError, match=r"scan\.las has no shot at 140\.0 s; .* at 100\.0 s"):
-        find(scan, By.TIME, 140.0)
-    with pytest.raises(ValueError, match=r"the nearest is at 300\.000003 s"):
-        find(scan, By.TIME, 1e6)
+def test_error_has_the_nearest_time(scan: Path) -> None:
+    with pytest.raises(ValueError, match=r"scan\.las: no shot at 140\.0 s; nearest shot: 100\.0 s"):
+        find(scan, Selector.TIME, 140.0)
+    with pytest.raises(ValueError, match=r"nearest shot: 300\.000003 s"):
+        find(scan, Selector.TIME, 1e6)
 
 
 def test_numbers_beyond_the_last(scan: Path) -> None:
-    with pytest.raises(ValueError, match="no waveform 5; its 5 waveforms are numbered 0 to 4"):
-        find(scan, By.WAVEFORM, 5)
-    with pytest.raises(ValueError, match="no shot 4; its 4 shots are numbered 0 to 3"):
-        find(scan, By.SHOT, 4)
+    with pytest.raises(ValueError, match="no waveform 5; waveforms are numbered 0 to 4"):
+        find(scan, Selector.WAVEFORM, 5)
+    with pytest.raises(ValueError, match="no shot 4; shots are numbered 0 to 3"):
+        find(scan, Selector.SHOT, 4)
 
 
 def test_file_without_waveforms(tmp_path: Path) -> None:
     path = Scene([(1, 8, 4, 1000)], [], [Point(None)]).write(tmp_path / "empty.las")
-    with pytest.raises(ValueError, match="no shot 0; it has none"):
-        find(path, By.SHOT, 0)
+    with pytest.raises(ValueError, match="no shot 0; the file has no shots"):
+        find(path, Selector.SHOT, 0)
     with pytest.raises(ValueError, match="no shot has a time"):
-        find(path, By.TIME, 1.0)
+        find(path, Selector.TIME, 1.0)
 
 
-def test_no_block_is_read_behind_the_one_with_the_shot(scan: Path) -> None:
+def test_no_block_is_read_after_the_one_with_the_shot(scan: Path) -> None:
     with open_waveforms(scan, waveforms_per_block=1) as reader:
-        find_shot(reader, By.WAVEFORM, 0)
+        find_shot(reader, Selector.WAVEFORM, 0)
         assert reader.tally.waveforms == 1
 
 
-def test_everything_of_the_shot_comes_along(scan: Path) -> None:
-    block = find(scan, By.SHOT, 1).block
+def test_all_columns_of_the_shot_are_selected(scan: Path) -> None:
+    block = find(scan, Selector.SHOT, 1).block
     assert block.waveform_numbers.tolist() == [1, 2]
     assert block.attributes.gps_time.tolist() == [200.0, 200.0]
     assert block.geometry.anchor.shape == (2, 3)

@@ -8,7 +8,7 @@ import numpy as np
 import pytest
 
 from fullwaveform import Mode, Scanner, WaveformState
-from fullwaveform.analysis.waveform_selection import ChosenShot
+from fullwaveform.analysis.waveform_selection import SelectedShot
 from fullwaveform.analysis.waveform_views import WaveformView, fitted_sum, waveform_views
 from fullwaveform.core.driver import Threshold
 
@@ -27,7 +27,7 @@ def views(
     threshold: Threshold = 10,
     scanner: Scanner | None = None,
 ) -> list[WaveformView]:
-    shot = ChosenShot(block_of(packets), np.arange(len(packets)))
+    shot = SelectedShot(block_of(packets), np.arange(len(packets)))
     return waveform_views(shot, scanner or Scanner.default(), modes, threshold)
 
 
@@ -143,7 +143,7 @@ def test_modes_keep_their_order() -> None:
 
 def test_channels_are_merged_before_one_of_them_is_shown() -> None:
     packets = [Packet(record({20: 100}), flag=1), Packet(record({20: 80}), flag=0)]
-    shot = ChosenShot(block_of(packets), np.array([1]))
+    shot = SelectedShot(block_of(packets), np.array([1]))
     (view,) = waveform_views(shot, Scanner.default(), [Mode.THREE_POINT], 10)
     assert view.number == 71
     assert view.methods[0].state is WaveformState.MERGED_INTO_OTHER_CHANNEL

@@ -55,7 +55,7 @@ def test_all_channels_of_a_shot(scan: Path) -> None:
 def test_shot_by_its_time(scan: Path) -> None:
     assert "waveform 0, low-power" in svg(scan, "--time", "1.5000005")
     result = run("plot", scan, "-o", scan.with_name("a.svg"), "--time", "1.6")
-    assert_trouble(result, "no shot at 1.6 s; the nearest is at 1.5 s")
+    assert_trouble(result, "no shot at 1.6 s; nearest shot: 1.5 s")
 
 
 def test_modes_over_one_another(scan: Path) -> None:

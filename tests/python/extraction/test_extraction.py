@@ -175,7 +175,7 @@ def test_echoes_that_are_not_finite_are_left_out_and_counted() -> None:
     tally = made.tally
     assert (tally.waveforms, tally.waveforms_with_echoes, tally.echoes) == (2, 1, 1)
     assert tally.echoes_left_out == 1
-    assert tally.rejected == {"no echo that is finite": 1}
+    assert tally.rejected == {"no echo with finite values": 1}
 
 
 def test_every_waveform_is_counted_once() -> None:
@@ -195,10 +195,10 @@ def test_every_waveform_is_counted_once() -> None:
     tally = made.tally
     assert tally.rejected == {
         "signal not above the threshold": 1,
-        "repeats a waveform of its shot": 1,
-        "no echo found, or none that can be real": 1,
-        "echoes stand in the other channel of the shot": 1,
-        "no echo that is finite": 1,
+        "duplicate of a waveform of the same shot": 1,
+        "no plausible echo found": 1,
+        "echoes merged into the other channel": 1,
+        "no echo with finite values": 1,
     }
     assert tally.waveforms == tally.waveforms_with_echoes + tally.rejected.total() == 7
     assert tally.echoes == 3
@@ -218,7 +218,7 @@ def test_every_waveform_is_counted_once() -> None:
     total.add(tally)
     assert (total.waveforms, total.echoes, total.rejected.total()) == (14, 6, 10)
     assert total.waveforms_with_echoes == 4
-    assert total.rejected["no echo that is finite"] == 2
+    assert total.rejected["no echo with finite values"] == 2
 
 
 def test_record_of_a_suspicious_block() -> None:

@@ -100,7 +100,7 @@ def test_the_first_trouble_ends_the_run(scan: Path, tmp_path: Path, workers: int
 
     output = tmp_path / "echoes.csv"
     with (
-        pytest.raises(ValueError, match="those of the file are 3 ns apart"),
+        pytest.raises(ValueError, match="but the waveforms have 3 ns"),
         CsvEchoWriter(output) as writer,
     ):
         write_echoes(extracted_blocks(blocks(), settings, workers), writer)
@@ -135,5 +135,5 @@ def test_statistics_that_cannot_be_written_are_passed_over(tmp_path: Path) -> No
 
 
 def test_workers_are_at_least_one(scan: Path) -> None:
-    with pytest.raises(ValueError, match="workers is 0; it must be a whole number, at least 1"):
+    with pytest.raises(ValueError, match="invalid workers 0; expected an integer of at least 1"):
         extracted_blocks(iter(()), SETTINGS, 0)

@@ -13,7 +13,7 @@ from matplotlib.figure import Figure
 from matplotlib.text import Text
 
 from fullwaveform import Mode, Scanner
-from fullwaveform.analysis.waveform_selection import ChosenShot
+from fullwaveform.analysis.waveform_selection import SelectedShot
 from fullwaveform.analysis.waveform_views import WaveformView, waveform_views
 from fullwaveform.plotting.waveform import METHOD_COLOURS, draw_waveforms, waveform_figure
 
@@ -27,7 +27,7 @@ TWO_ECHOES = Packet(record({20: 100, 40: 60}), interval=2e-9)
 def views(
     *packets: Packet, modes: Sequence[Mode] = (Mode.THREE_POINT,), scanner: Scanner | None = None
 ) -> list[WaveformView]:
-    shot = ChosenShot(block_of(packets), np.arange(len(packets)))
+    shot = SelectedShot(block_of(packets), np.arange(len(packets)))
     return waveform_views(shot, scanner or Scanner.default(), modes, 10)
 
 
