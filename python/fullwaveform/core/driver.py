@@ -21,6 +21,8 @@ _NO_DIRECTORY = "/dev/null"
 
 Mode = _core.Mode
 MODE_NAMES = {mode: mode.name.lower().replace("_", "-") for mode in Mode}
+#: Largest sample in counts, and largest number of samples of a waveform.
+MAX_COUNT = _core.MAX_COUNT
 RowState = _core.RowState
 #: Counts, or an estimate for every waveform.
 Threshold = int | Literal["estimate"]

@@ -1,4 +1,4 @@
-"""What readers, extraction and writers exchange: blocks of waveforms, tables of echoes."""
+"""What readers and extraction exchange: blocks of waveforms, and counts of what was read."""
 
 from __future__ import annotations
 
@@ -6,10 +6,7 @@ from collections import Counter
 from collections.abc import Callable, Iterable
 from dataclasses import dataclass, field
 
-import numpy as np
-import numpy.typing as npt
-
-from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.arrays import Float32Array, FloatArray, IntArray, UInt8Array, UInt16Array
 
 
 @dataclass(frozen=True, slots=True)
@@ -17,11 +14,11 @@ class ShotAttributes:
     """What an echo inherits from its shot, one entry per waveform (of one of its points)."""
 
     gps_time: FloatArray  # s, as LAS stores it: standard GPS times of other formats minus 1e9
-    scan_angle: npt.NDArray[np.float32]  # degrees
-    scan_direction_flag: npt.NDArray[np.uint8]  # 0 or 1
-    edge_of_flight_line: npt.NDArray[np.uint8]  # 0 or 1
-    user_data: npt.NDArray[np.uint8]
-    point_source_id: npt.NDArray[np.uint16]
+    scan_angle: Float32Array  # degrees
+    scan_direction_flag: UInt8Array  # 0 or 1
+    edge_of_flight_line: UInt8Array  # 0 or 1
+    user_data: UInt8Array
+    point_source_id: UInt16Array
 
 
 @dataclass(frozen=True, slots=True)
@@ -44,15 +41,15 @@ class WaveformBlock:
     A shot is never split between two blocks.
     """
 
-    samples: npt.NDArray[np.uint16]  # (n, width), counts; rows are zero behind their own count
-    counts: npt.NDArray[np.uint16]  # (n,), valid samples of each row
-    shot_times: FloatArray  # (n,), s; equal exactly for the waveforms of one shot, never NaN
+    samples: UInt16Array  # (n, width), counts; zero after the last valid sample of a row
+    counts: UInt16Array  # (n,), valid samples of each row
+    shot_times: FloatArray  # (n,), s; exactly equal for the waveforms of one shot, never NaN
     sbl_times: FloatArray  # (n,), s; 0 where the file has none
-    channel_flags: npt.NDArray[np.uint8]  # (n,), 1 for the low-power channel, 0 for the other
+    channel_flags: UInt8Array  # (n,), 1 for the low-power channel, 0 for the high-power channel
     sampling_intervals: FloatArray  # (n,), s per sample
     geometry: PulseGeometry
     attributes: ShotAttributes
-    waveform_numbers: npt.NDArray[np.int64]  # (n,), running number of the waveform in the file
+    waveform_numbers: IntArray  # (n,), running number of the waveform in the file
 
     def __len__(self) -> int:
         return len(self.counts)
@@ -60,22 +57,22 @@ class WaveformBlock:
 
 @dataclass(slots=True)
 class ReadTally:
-    """What a reader met so far; complete when its blocks are exhausted."""
+    """What a reader has read so far; complete when its blocks are exhausted."""
 
     points: int = 0
     points_without_waveform: int = 0
-    points_sharing_waveform: int = 0  # points whose packet another point had brought already
+    points_sharing_waveform: int = 0  # points whose waveform belongs to an earlier point
     waveforms: int = 0
-    rejected: Counter[str] = field(default_factory=Counter)  # reason as a phrase -> waveforms
-    notes: list[str] = field(default_factory=list)  # one sentence each, for the summary
+    rejected: Counter[str] = field(default_factory=Counter)  # reason -> waveforms
+    notes: list[str] = field(default_factory=list)  # messages for the summary
 
     def reject(self, reason: str, count: int, places: Iterable[str]) -> None:
-        """Count waveforms that are left out; `places` would say where in the file each stands."""
+        """Count skipped waveforms; `places` (lazily) says where in the file each is."""
         if count > 0:
             self.rejected[reason] += count
 
     def __add__(self, other: ReadTally) -> ReadTally:
-        """Both together, as of two ranges of blocks; notes of both stand once."""
+        """The sum, as for two ranges of blocks; notes of both are listed once."""
         return ReadTally(
             self.points + other.points,
             self.points_without_waveform + other.points_without_waveform,
@@ -86,11 +83,11 @@ class ReadTally:
         )
 
     def copy(self) -> ReadTally:
-        """The same counts, which do not change with this tally."""
+        """The same counts, independent of this tally."""
         return self + ReadTally()
 
     def since(self, earlier: ReadTally) -> ReadTally:
-        """What was met since `earlier`, a copy of this tally; the notes are all kept."""
+        """The counts since `earlier`, a copy of this tally; with all notes."""
         return ReadTally(
             self.points - earlier.points,
             self.points_without_waveform - earlier.points_without_waveform,
@@ -102,14 +99,14 @@ class ReadTally:
 
 
 class ReportingTally(ReadTally):
-    """A tally that tells of each waveform that is left out, when it is met."""
+    """A tally that reports each skipped waveform when it is counted."""
 
-    def __init__(self, each: Callable[[str], None], notes: list[str]) -> None:
+    def __init__(self, report: Callable[[str], None], notes: list[str]) -> None:
         super().__init__(notes=notes)
-        self._each = each
+        self._report = report
 
     def reject(self, reason: str, count: int, places: Iterable[str]) -> None:
-        """Count waveforms that are left out, with a sentence for each of their places."""
+        """Count skipped waveforms and report the place of each."""
         super().reject(reason, count, places)
         for place in places:
-            self._each(f"{place}: {reason}")
+            self._report(f"{place}: {reason}")

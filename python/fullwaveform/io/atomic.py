@@ -1,4 +1,4 @@
-"""Files that appear under their name only when they are whole."""
+"""Output files that appear under their name only when they are complete."""
 
 from __future__ import annotations
 
@@ -13,55 +13,54 @@ from typing import Any
 
 from fullwaveform.io.interruption import raise_if_requested
 
-# Errors that only writing can bring: disk, quota or largest file size used up.
+# Errors that only writing can cause: disk, quota or maximum file size exceeded.
 _NO_SPACE = (errno.ENOSPC, errno.EDQUOT, errno.EFBIG)
-_noted: list[Path] | None = None
+_collected: list[Path] | None = None
 
 
 class OutputError(OSError):
-    """An output cannot be written any further; the message names it and says why."""
+    """An output cannot be written; the message names it and the reason."""
 
 
 @contextmanager
 def collect_outputs() -> Iterator[list[Path]]:
-    """Yield a list that receives the outputs that get their name in the block."""
-    global _noted
-    former, _noted = _noted, []
+    """Yield a list that receives the outputs completed inside the ``with`` statement."""
+    global _collected
+    former, _collected = _collected, []
     try:
-        yield _noted
+        yield _collected
     finally:
-        _noted = former
+        _collected = former
 
 
 @contextmanager
 def atomic_path(path: str | os.PathLike[str]) -> Iterator[Path]:
-    """Yield a temporary path beside `path` that takes its name when the block ends well.
+    """Yield a temporary path that is renamed to `path` when the ``with`` statement succeeds.
 
-    The temporary file exists already, empty, and lies in the same folder, so that the final
-    renaming cannot fail for want of space. After an error, Ctrl-C included, it is removed and
-    whatever stood under `path` before is untouched; so it is when an end was requested.
+    The temporary file exists already, empty, in the same folder, so that renaming cannot fail for
+    lack of space. After an error, Ctrl-C included, or when an end was requested, it is removed and
+    an existing file under `path` is unchanged.
 
     Raises
     ------
     OSError
-        Its subclass by cause, if the folder is missing or cannot be written to, or if `path` is a
-        folder itself. Errors inside the block that speak of the temporary file, or that there is
-        no space left, name `path` instead.
+        If the folder is missing or not writable, or if `path` is a folder. Errors inside the
+        statement that name the temporary file or report a lack of space name `path` instead.
     """
     final = Path(path)
-    temporary = _create_beside(final)
+    temporary = _create_temporary(final)
     try:
         yield temporary
         raise_if_requested()
         temporary.replace(final)
-        if _noted is not None:
-            _noted.append(final)
+        if _collected is not None:
+            _collected.append(final)
     except OSError as error:
         temporary.unlink(missing_ok=True)
-        told = _told_of(error, temporary, final)
-        if told is error:
+        renamed = _naming_final(error, temporary, final)
+        if renamed is error:
             raise
-        raise told from error
+        raise renamed from error
     except BaseException:
         temporary.unlink(missing_ok=True)
         raise
@@ -69,11 +68,11 @@ def atomic_path(path: str | os.PathLike[str]) -> Iterator[Path]:
 
 @contextmanager
 def atomic_open(path: str | os.PathLike[str]) -> Iterator[OutputFile]:
-    """Yield a stream into a file that takes its name when the block ends well.
+    """Yield a stream into a file that gets its name when the ``with`` statement succeeds.
 
-    As `atomic_path`, for libraries that write to a stream and make errors of their own, or
-    worse, of an error in it. An error of writing is raised at the end of the block, in place of
-    any other, or before that by the stream's `check`.
+    As `atomic_path`, for libraries that write to a stream and replace its errors by their own or
+    crash. A write error is raised at the end of the statement in place of any other error, or
+    earlier by the stream's `check`.
     """
     final = Path(path)
     with atomic_path(final) as temporary, OutputFile(temporary, final) as stream:
@@ -86,10 +85,10 @@ def atomic_open(path: str | os.PathLike[str]) -> Iterator[OutputFile]:
 
 
 class OutputFile(io.FileIO):
-    """A file that keeps its first error of writing to itself and drops what comes after it.
+    """A file that stores its first write error for `check` and ignores what is written after it.
 
-    Libraries that close files of their own at the end of the program must not find one that
-    refuses to be closed: HDF5 crashes on it.
+    Libraries that close their files at the end of the program must not meet an error then: HDF5
+    crashes on it.
     """
 
     def __init__(self, path: Path, final: Path) -> None:
@@ -98,12 +97,12 @@ class OutputFile(io.FileIO):
         self._failure: OSError | None = None
 
     def check(self) -> None:
-        """Raise OutputError if something could not be written."""
+        """Raise OutputError if a write has failed."""
         if self._failure is not None:
             raise _output_error(self._failure, self._final) from self._failure
 
     def write(self, data: Any) -> int:
-        """Write all of the bytes, or none from the first error on."""
+        """Write all bytes; nothing after the first error."""
         left = memoryview(data).cast("B")
         size = len(left)
         while self._failure is None and len(left) > 0:
@@ -114,7 +113,7 @@ class OutputFile(io.FileIO):
         return size
 
     def truncate(self, size: int | None = None) -> int:
-        """Set the length of the file, but not after an error."""
+        """Set the length of the file; nothing after an error."""
         if self._failure is None:
             try:
                 return super().truncate(size)
@@ -124,13 +123,13 @@ class OutputFile(io.FileIO):
 
 
 def _output_error(cause: OSError, final: Path) -> OutputError:
-    # Libraries put words of their own around the system's.
+    # Libraries add their own text to the message of the system.
     why = cause.strerror if cause.errno is None else os.strerror(cause.errno)
     return OutputError(cause.errno, f"cannot write {final}: {why}")
 
 
-def _told_of(error: OSError, temporary: Path, final: Path) -> OSError:
-    """The error in terms of the file that was asked for; itself when it speaks of another."""
+def _naming_final(error: OSError, temporary: Path, final: Path) -> OSError:
+    """The error with the final file in place of the temporary one; other errors unchanged."""
     if isinstance(error, OutputError):
         return error
     if error.errno in _NO_SPACE:
@@ -140,7 +139,7 @@ def _told_of(error: OSError, temporary: Path, final: Path) -> OSError:
     return error
 
 
-def _create_beside(final: Path) -> Path:
+def _create_temporary(final: Path) -> Path:
     if final.is_dir():
         raise OSError(errno.EISDIR, f"cannot write {final}: it is a folder")
     temporary = final.with_name(f".{final.name}.{secrets.token_hex(4)}.part")

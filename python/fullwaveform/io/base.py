@@ -1,4 +1,4 @@
-"""What readers of all formats share, and writers: arguments, counts, opening and closing."""
+"""Base classes of the readers and writers of all formats."""
 
 from __future__ import annotations
 
@@ -14,9 +14,9 @@ from typing import Any, ClassVar, Self
 
 import laspy
 import numpy as np
-import numpy.typing as npt
 
 from fullwaveform.core.scanner import Scanner
+from fullwaveform.data.arrays import UInt8Array
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.data.errors import WaveformFileError
@@ -26,27 +26,26 @@ from fullwaveform.io.interruption import raise_if_requested
 
 
 class WaveformReader(ABC):
-    """A file of waveforms that is read in passes; to be used in a ``with`` statement.
+    """A file of waveforms; to be used in a ``with`` statement.
 
-    Parameters that the readers of all formats take:
+    Parameters of the readers of all formats:
 
     path
         The file.
     waveforms_per_block
-        Most waveforms of a block, unless a single shot has more. Blocks of very long waveforms
-        hold fewer, so that their samples take 128 MiB at most.
+        Maximum number of waveforms in a block, unless a single shot has more. Blocks of very long
+        waveforms hold fewer, so that their samples take 128 MiB at most.
     channel_flags
-        Flag of the channel (1 low power, 0 the other), one for all waveforms or by the number of
-        what a format tells channels apart by; numbers that are not named have 1.
+        Channel flag (1 low power, 0 high power), one for all waveforms or by the number with which
+        the format identifies channels; numbers that are not listed have 1.
 
-    All readers raise OSError if a file cannot be opened, WaveformFileError if a file does not hold
-    what its format promises, and ValueError for arguments that make no sense.
+    All readers raise OSError if a file cannot be opened, WaveformFileError if it is not valid in
+    its format, and ValueError for invalid arguments.
     """
 
-    #: Whether waveforms that cannot be used are left out and counted, or end the pass.
+    #: Whether unreadable waveforms are skipped and counted, or raise WaveformFileError.
     skip_unreadable: bool = True
-    #: Told a sentence about each waveform that cannot be used when `blocks` visits it, also before
-    #: a range: where in the file it stands, and why.
+    #: Called with place and reason of each unreadable waveform, also before a range of blocks.
     on_unreadable: Callable[[str], None] | None = None
 
     def __init__(
@@ -56,12 +55,12 @@ class WaveformReader(ABC):
         channel_flags: Mapping[int, int] | int,
     ) -> None:
         if waveforms_per_block < 1:
-            raise ValueError(f"waveforms_per_block is {waveforms_per_block}; it must be at least 1")
+            raise ValueError(f"waveforms_per_block {waveforms_per_block} must be at least 1")
         self._path = Path(path)
         self._waveforms_per_block = waveforms_per_block
         self._flags = flag_table(channel_flags)
-        self._notes: tuple[str, ...] = ()  # of the file, for the tally of every pass
-        self._pass = BlockRange()
+        self._notes: tuple[str, ...] = ()  # on the file, for every tally
+        self._range = BlockRange()
         self._closed = False
 
     def __enter__(self) -> Self:
@@ -76,7 +75,7 @@ class WaveformReader(ABC):
         self.close()
 
     def close(self) -> None:
-        """Close the file; may be called twice. Nothing can be read any more."""
+        """Close the file; may be called twice."""
         self._closed = True
 
     @property
@@ -91,128 +90,130 @@ class WaveformReader(ABC):
 
     @property
     def tally(self) -> ReadTally:
-        """What was met so far in the current pass."""
-        return self._pass.tally
+        """What the current iteration has read so far."""
+        return self._range.tally
 
     @property
     @abstractmethod
     def point_count(self) -> int:
-        """Points or pulses of the file; its waveforms where it has neither."""
+        """Points or pulses of the file; waveforms where it has neither."""
 
     @property
     def points_done(self) -> int:
-        """Points or pulses visited so far in the current pass, those before its range too."""
-        return self._pass.met.points
+        """Points or pulses visited so far in the current iteration, also before its range."""
+        return self._range.total.points
 
     @property
     def channel_numbers(self) -> frozenset[int] | None:
-        """Numbers of descriptors or channels in the file, by which `channel_flags` are given.
+        """Numbers of descriptors or channels to which `channel_flags` refer.
 
-        None if the file itself says the flag of each waveform.
+        None if the file stores the flag of each waveform.
         """
         return None
 
     def scanner_attributes(self) -> dict[str, Any] | None:
-        """The scanner's attributes by the names of the host's grids; None if the file has none."""
+        """Attributes of the scanner as named in the host's grids; None if the file has none."""
         return None
 
     def scanner(self) -> Scanner | None:
-        """The description of the scanner that the file carries; None if it carries none."""
+        """The scanner description in the file; None if it has none."""
         return None
 
     def blocks(self, first: int = 0, stop: int | None = None) -> Iterator[WaveformBlock]:
         """Yield the waveforms in blocks of whole shots, each waveform once.
 
-        With a range only the blocks of the running numbers `first` <= number < `stop`, the same as
-        in a pass over all; what lies before them is visited but not gathered. Waveforms that cannot
-        be used are counted in `tally`, which starts anew with each call and counts what belongs to
-        the range: the tallies of ranges that cover the file add up to that of a pass over all.
+        `first` and `stop` select the blocks `first` <= number < `stop`; the points before them are
+        visited without reading samples. Each call starts a new `tally`, which counts what belongs
+        to the range: the tallies of ranges that cover the file add up to that of the whole file.
 
         Raises
         ------
         WaveformFileError
-            If the file turns out not to hold what it promises; at the end of a pass over all
-            blocks, if there are waveforms but none of them is readable; and, unless
-            `skip_unreadable` is set, at the first block before which one was not.
+            If the file is not valid; at the end of the whole file, if it has waveforms but none is
+            readable; and, unless `skip_unreadable` is set, at the first block that follows an
+            unreadable waveform.
         ValueError
-            If the file is closed, or the range is none.
+            If the file is closed or the range invalid.
         """
-        self._check_that_it_is_open()
-        current = self._pass = BlockRange(first, stop, self._notes, self.on_unreadable)
-        for block in current.gathered(self._pending_blocks(current.met)):
-            self._check_that_all_were_readable(current.tally)
+        self._check_open()
+        current = self._range = BlockRange(first, stop, self._notes, self.on_unreadable)
+        for block in current.read(self._pending_blocks(current.total)):
+            self._check_all_readable(current.tally)
             raise_if_requested()
             yield block
         if current.is_whole:
-            self._check_that_some_were_readable(current.met)
-        self._check_that_all_were_readable(current.tally)
+            self._check_some_readable(current.total)
+        self._check_all_readable(current.tally)
 
     def block_count(self) -> int:
-        """Blocks of a pass, found by visiting all points; no samples are gathered.
+        """Number of blocks, found by visiting all points without reading samples.
 
-        Neither a pass under way nor its tally changes. Raises as `blocks`.
+        An iteration in progress and its tally are not affected. Raises as `blocks`.
         """
-        self._check_that_it_is_open()
+        self._check_open()
         return sum(1 for _ in self._pending_blocks(ReadTally()))
 
     @abstractmethod
-    def _pending_blocks(self, met: ReadTally) -> Iterator[PendingBlock]:
-        """Visit all points, count what is met in `met`, except waveforms, and cut the blocks."""
+    def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:
+        """Visit all points, count everything except waveforms in `tally`, and cut the blocks."""
 
-    def _begin_anew(self, notes: list[str]) -> None:
-        """Keep what opening the file had to say for the tally of every pass."""
+    def _set_notes(self, notes: list[str]) -> None:
+        """Notes on the file that every tally starts with."""
         self._notes = tuple(notes)
-        self._pass = BlockRange(notes=self._notes)
+        self._range = BlockRange(notes=self._notes)
 
     def _note_on_unused_flags(self) -> list[str]:
-        """For a file that itself says the flag of each waveform."""
+        """For a file that stores the flag of each waveform."""
         if (self._flags == 1).all():
             return []
-        return ["The file says the channel of each waveform; the channels given were not used."]
+        return ["The file stores the channel of each waveform; the given channels were ignored."]
 
-    def _check_that_it_is_open(self) -> None:
+    def _check_open(self) -> None:
         if self._closed:
             raise ValueError(f"{self._path} is closed")
 
-    def _check_that_some_were_readable(self, met: ReadTally) -> None:
-        if met.waveforms == 0 and met.rejected:
-            raise WaveformFileError(f"{self._path}: no waveform is readable ({_reasons(met)})")
+    def _check_some_readable(self, tally: ReadTally) -> None:
+        if tally.waveforms == 0 and tally.rejected:
+            raise WaveformFileError(f"{self._path}: no readable waveform ({_reasons(tally)})")
 
-    def _check_that_all_were_readable(self, met: ReadTally) -> None:
-        if met.rejected and not self.skip_unreadable:
+    def _check_all_readable(self, tally: ReadTally) -> None:
+        if tally.rejected and not self.skip_unreadable:
+            count = tally.rejected.total()
             raise WaveformFileError(
-                f"{self._path}: not every waveform is readable ({_reasons(met)}); skip_unreadable "
-                "(--skip-unreadable) leaves such waveforms out and counts them"
+                f"{self._path}: {count} unreadable waveform{'s' if count > 1 else ''} "
+                f"({_reasons(tally)}); use --skip-unreadable (skip_unreadable=True) to skip"
             )
 
 
-def _reasons(met: ReadTally) -> str:
-    return ", ".join(f"{count} times: {why}" for why, count in met.rejected.items())
+def _reasons(tally: ReadTally) -> str:
+    return ", ".join(f"{count} x {reason}" for reason, count in tally.rejected.items())
 
 
-def flag_table(channel_flags: Mapping[int, int] | int) -> npt.NDArray[np.uint8]:
-    """Channel flag by the number of a descriptor or channel, 0 to 255; 1 for those not named."""
+def flag_table(channel_flags: Mapping[int, int] | int) -> UInt8Array:
+    """Channel flag by the number of a descriptor or channel, 0 to 255; 1 for those not listed."""
     table = np.ones(256, dtype=np.uint8)
     if isinstance(channel_flags, int):
         named = dict.fromkeys(range(256), channel_flags)
     else:
         named = dict(channel_flags)
-        if hasattr(channel_flags, "__missing__"):  # a default for those that are not named
+        if hasattr(channel_flags, "__missing__"):  # a default for numbers not listed
             defaults = copy.copy(channel_flags)
             named |= {number: defaults[number] for number in range(256)}
     for number, flag in named.items():
         if not 0 <= flag <= 255 or not 0 <= number <= 255:
-            raise ValueError(f"channel flag {flag} of channel {number}; both must be 0 to 255")
+            raise ValueError(
+                f"invalid channel flag {flag} of channel {number}; both must be 0 to 255"
+            )
         table[number] = flag
     return table
 
 
-#: Where the files that can carry it say how their echoes were made.
+#: Key of the metadata of echo files that says how the echoes were made.
 RUN_METADATA_KEY = "fullwaveform"
 
 
 def run_metadata_text(metadata: Mapping[str, str]) -> str:
-    """Say in JSON how echoes were made; equal entries give equal text."""
+    """How echoes were made, as JSON; equal entries give equal text."""
     return json.dumps(dict(metadata), sort_keys=True)
 
 

@@ -1,4 +1,4 @@
-"""Coordinates stored as 32-bit numbers of steps from an offset."""
+"""Coordinates stored as 32-bit multiples of a scale, relative to an offset."""
 
 from __future__ import annotations
 
@@ -9,16 +9,16 @@ import numpy.typing as npt
 
 from fullwaveform.data.errors import WaveformFileError
 
-_MOST_STEPS = 2.0**31
+_MAX_MULTIPLE = 2.0**31
 
 
 def check_coordinates(scales: npt.ArrayLike, offsets: npt.ArrayLike, path: Path) -> None:
-    """WaveformFileError if a scale is 0 or not all coordinates, three axes each, are finite."""
+    """WaveformFileError unless scales are not 0 and every coordinate of the three axes finite."""
     scale, offset = np.asarray(scales, np.float64), np.asarray(offsets, np.float64)
     with np.errstate(over="ignore", invalid="ignore"):
-        farthest = np.abs(scale) * _MOST_STEPS + np.abs(offset)
+        farthest = np.abs(scale) * _MAX_MULTIPLE + np.abs(offset)
     if not (np.isfinite(farthest) & (scale != 0)).all():
         raise WaveformFileError(
-            f"{path}: scales {scale} and offsets {offset} of the coordinates must be finite, "
-            "scales not 0, and so must be what they make of 32-bit numbers"
+            f"{path}: invalid scales {scale} and offsets {offset} of the coordinates; scales must "
+            "not be 0, and scale x 2^31 + offset must be finite"
         )

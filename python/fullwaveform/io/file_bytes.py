@@ -1,7 +1,6 @@
-"""Pieces of a file of any size, read in few large steps and never mapped.
+"""Parts of a file of any size, read in few large steps without memory mapping.
 
-A mapped file that another process cuts short ends the program at the next access; one that is read
-says so.
+If another process truncates a mapped file, the next access ends the program; a read reports it.
 """
 
 from __future__ import annotations
@@ -10,20 +9,19 @@ import os
 from pathlib import Path
 
 import numpy as np
-import numpy.typing as npt
 from numpy.lib.stride_tricks import sliding_window_view
 
-from fullwaveform.data.arrays import IntArray
+from fullwaveform.data.arrays import IntArray, UInt8Array
 from fullwaveform.data.errors import WaveformFileError
 
-_AT_A_TIME = 1 << 24  # bytes read at once, unless a single piece is longer
-_GAP = 1 << 14  # bytes; what lies so close together is read in one step
+_READ_SIZE = 1 << 24  # bytes read at once, unless a single item is longer
+_MAX_GAP = 1 << 14  # bytes between two items that are still read in one step
 
 
 class FileBytes:
-    """The bytes `start` to `end` of a file, the whole file by default; places count from `start`.
+    """The bytes `start` to `end` of a file, by default the whole file; offsets count from `start`.
 
-    Raises OSError if the file cannot be opened. To be closed.
+    Raises OSError if the file cannot be opened. Must be closed.
     """
 
     def __init__(self, path: Path, start: int = 0, end: int | None = None) -> None:
@@ -36,8 +34,8 @@ class FileBytes:
         """Close the file; may be called twice."""
         self._file.close()
 
-    def rows(self, places: IntArray, width: int) -> npt.NDArray[np.uint8]:
-        """Read `width` bytes at each of the places (n,), which lie inside; in any order.
+    def rows(self, offsets: IntArray, width: int) -> UInt8Array:
+        """Read `width` bytes at each of the offsets (n,), inside the range and in any order.
 
         Returns
         -------
@@ -46,34 +44,34 @@ class FileBytes:
         Raises
         ------
         WaveformFileError
-            If the file has become shorter since it was opened.
+            If the file has been truncated since it was opened.
         """
-        rows = np.empty((len(places), width), dtype=np.uint8)
-        order = np.argsort(places, kind="stable")
-        sorted_places = places[order]
-        gaps = np.flatnonzero(np.diff(sorted_places) > width + _GAP) + 1
+        rows = np.empty((len(offsets), width), dtype=np.uint8)
+        order = np.argsort(offsets, kind="stable")
+        ascending = offsets[order]
+        gaps = np.flatnonzero(np.diff(ascending) > width + _MAX_GAP) + 1
         first = 0
         while first < len(order) and width > 0:
-            begin = int(sorted_places[first])
+            begin = int(ascending[first])
             next_gap = np.searchsorted(gaps, first, side="right")
             stop = int(gaps[next_gap]) if next_gap < len(gaps) else len(order)
-            reach = begin + max(_AT_A_TIME, width) - width
-            stop = min(stop, int(np.searchsorted(sorted_places, reach, side="right")))
-            piece = self._read(begin, int(sorted_places[stop - 1]) + width)
-            inside = sorted_places[first:stop] - begin
-            rows[order[first:stop]] = sliding_window_view(piece, width)[inside]
+            last_begin = begin + max(_READ_SIZE, width) - width
+            stop = min(stop, int(np.searchsorted(ascending, last_begin, side="right")))
+            part = self._read(begin, int(ascending[stop - 1]) + width)
+            inside = ascending[first:stop] - begin
+            rows[order[first:stop]] = sliding_window_view(part, width)[inside]
             first = stop
         return rows
 
-    def _read(self, begin: int, end: int) -> npt.NDArray[np.uint8]:
-        piece = np.empty(end - begin, dtype=np.uint8)
+    def _read(self, begin: int, end: int) -> UInt8Array:
+        part = np.empty(end - begin, dtype=np.uint8)
         done = 0
-        while done < len(piece):
-            place = self._start + begin + done
-            count = os.preadv(self._file.fileno(), [piece[done:].data], place)
+        while done < len(part):
+            position = self._start + begin + done
+            count = os.preadv(self._file.fileno(), [part[done:].data], position)
             if count == 0:
                 raise WaveformFileError(
-                    f"{self.path} became shorter while it was read: nothing is left at byte {place}"
+                    f"{self.path} was truncated while it was read: no data at byte {position}"
                 )
             done += count
-        return piece
+        return part

@@ -1,7 +1,7 @@
-"""A request to end that must not get lost.
+"""A request to end that survives being raised in the wrong place.
 
-What a handler of signals raises is dropped when it happens to be in a finalizer, a callback of a
-weak reference or of a library. So the request is also kept, and looked for where a run can stop.
+An exception that a signal handler raises inside a finalizer, a weak-reference callback or a library
+callback is discarded. So the request is stored as well, and checked where a run can stop.
 """
 
 from __future__ import annotations
@@ -9,22 +9,22 @@ from __future__ import annotations
 import sys
 from types import FrameType
 
-# Files of HDF5 that are open or closed by halves are told of on standard error, or end the program.
+# Interrupting HDF5 while it opens or closes a file prints to standard error or ends the program.
 _UNINTERRUPTED = ("h5py", "fullwaveform.io.atomic")
 _requested: BaseException | None = None
 
 
 def request_end(interruption: BaseException | None) -> None:
-    """Have `raise_if_requested` raise this from now on; None takes the request back."""
+    """Have `raise_if_requested` raise this from now on; None withdraws the request."""
     global _requested
     _requested = interruption
 
 
 def may_be_raised_in(frame: FrameType | None) -> bool:
-    """Whether neither the frame nor one that led to it must be left in the middle.
+    """Whether an exception may be raised in the frame and its callers.
 
-    That is h5py, and the writing of outputs, which libraries call and of whose exceptions they make
-    errors of their own.
+    It must not in h5py, nor in the writing of outputs, which libraries call and whose exceptions
+    they replace by their own.
     """
     while frame is not None:
         module = str(frame.f_globals.get("__name__"))
@@ -35,7 +35,7 @@ def may_be_raised_in(frame: FrameType | None) -> bool:
 
 
 def raise_if_requested() -> None:
-    """Raise what was requested, if anything was, unless it was raised and is being handled."""
+    """Raise a stored request, unless it is already being handled."""
     if _requested is not None and not _is_handled(_requested):
         raise _requested
 

@@ -1,4 +1,4 @@
-"""Opening a file of waveforms, whatever its format."""
+"""Opening a file of waveforms of any format."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ from fullwaveform.io.pulsewaves.reader import PulseWavesReader
 from fullwaveform.io.pulsewaves.samples import WAVES_SIGNATURE
 
 _LAS_SIGNATURE = b"LASF"
-_LONGEST_SIGNATURE = 16  # bytes
+_MAX_SIGNATURE = 16  # bytes
 
 
 def open_waveforms(
@@ -29,29 +29,29 @@ def open_waveforms(
     sampling_interval: float | None = None,
     skip_unreadable: bool = True,
 ) -> WaveformReader:
-    """Open a file of waveforms by what its first bytes say; its name does not matter.
+    """Open a file of waveforms, whose format follows from its first bytes, not from its name.
 
     Parameters
     ----------
     path
-        A LAS or LAZ file with waveforms, the file of pulses (``.pls``) of PulseWaves, a scan
-        container or a NumPy archive (``.npz``).
+        A LAS or LAZ file with waveforms, the pulse file (``.pls``) of PulseWaves, a scan container
+        or a NumPy archive (``.npz``).
     waveforms_per_block, channel_flags
-        As the readers take them.
+        As in `WaveformReader`.
     sampling_interval
-        s per sample, for a NumPy archive, which may not say it.
+        s per sample, for a NumPy archive that does not store it.
     skip_unreadable
-        Whether waveforms that cannot be used are left out and counted in the reader's tally; else
-        the first one ends the pass with a WaveformFileError.
+        Whether unreadable waveforms are skipped and counted in the reader's tally; else the first
+        one raises WaveformFileError while the blocks are read.
 
     Raises
     ------
     OSError
         If a file cannot be opened.
     WaveformFileError
-        If it is of none of these formats, or does not hold what its format promises.
+        If it has none of these formats or is not valid in its format.
     ValueError
-        For arguments that make no sense, as a sampling interval for a file that says its own.
+        For invalid arguments, such as a sampling interval for a file that stores its own.
     """
     reader = _opened(path, waveforms_per_block, channel_flags, sampling_interval)
     reader.skip_unreadable = skip_unreadable
@@ -65,9 +65,9 @@ def _opened(
     sampling_interval: float | None,
 ) -> WaveformReader:
     if not Path(path).is_file() and Path(path).exists() and not Path(path).is_dir():
-        raise WaveformFileError(f"{path} is a device or a pipe, not a file that can be read twice")
+        raise WaveformFileError(f"{path} is a device or a pipe; expected a regular file")
     with Path(path).open("rb") as stream:
-        start = stream.read(_LONGEST_SIGNATURE)
+        start = stream.read(_MAX_SIGNATURE)
     if start.startswith(ZIP_SIGNATURE):
         return NpzReader(
             path,
@@ -75,30 +75,32 @@ def _opened(
             channel_flags=channel_flags,
             sampling_interval=sampling_interval,
         )
-    reader = _reader_for(start, Path(path))
+    reader = _reader_class(start, Path(path))
     if sampling_interval is not None:
-        raise ValueError(f"{path} says its sampling interval itself; only an .npz is given one")
+        raise ValueError(
+            f"{path} stores its sampling interval; sampling_interval is only for an .npz without it"
+        )
     opened: WaveformReader = reader(
         path, waveforms_per_block=waveforms_per_block, channel_flags=channel_flags
     )
     return opened
 
 
-def _reader_for(start: bytes, path: Path) -> Any:
+def _reader_class(start: bytes, path: Path) -> Any:
     if start.startswith(_LAS_SIGNATURE):
         return LasWaveformReader
     if start.startswith(PULSE_SIGNATURE):
         return PulseWavesReader
     if start.startswith(HDF5_SIGNATURE):
-        # Loaded when it is wanted: h5py takes longer to load than many a file to read.
+        # Imported on demand: loading h5py takes longer than reading many a file.
         return import_module("fullwaveform.io.container.reader").ScanContainerReader
     if start.startswith(WAVES_SIGNATURE):
         raise WaveformFileError(
-            f"{path} holds the samples of a PulseWaves file; open the file of pulses beside it, "
-            f"{path.with_suffix('.pls').name}"
+            f"{path} holds the samples of a PulseWaves file; open its pulse file "
+            f"{path.with_suffix('.pls').name} instead"
         )
-    found = f"starts with {start!r}" if start else "is empty"
+    found = f"starts with {start!r}" if start else "empty"
     raise WaveformFileError(
-        f"{path} is no file of waveforms: it {found}; formats that can be read are LAS and LAZ, "
-        "PulseWaves (.pls), scan containers (HDF5) and NumPy archives (.npz)"
+        f"{path} is not a waveform file ({found}); supported formats: LAS and LAZ, PulseWaves "
+        "(.pls), scan containers (HDF5), NumPy archives (.npz)"
     )

@@ -95,13 +95,13 @@ def test_archives_and_what_was_left_out(tmp_path: Path) -> None:
     source, target = tmp_path / "a.npz", tmp_path / "a.h5"
     assert_trouble(run("convert", source, target), "sampling interval", "--interval")
     call = ["convert", source, target, "--interval", "0.5"]
-    reason = "1 times: GPS time is not a finite number"
+    reason = "1 times: GPS time not finite"
     assert_trouble(run(*call), "not every waveform is readable", reason, "--skip-unreadable")
     assert not target.exists()
     done = run(*call, "--skip-unreadable")
     assert done.stdout.splitlines() == [
         f"1 waveforms: {target}",
-        "1 left out: GPS time is not a finite number",
+        "1 left out: GPS time not finite",
     ]
     with h5py.File(target) as file:
         fields = file["waveforms/StandardCartesianChart3D"]
@@ -125,13 +125,13 @@ def test_calls_that_make_no_sense(scan: Path, tmp_path: Path) -> None:
 
 def test_nothing_is_left_of_a_failed_run(scan: Path, tmp_path: Path) -> None:
     (tmp_path / "a.txt").write_text("x", encoding="utf-8")
-    assert_trouble(run("convert", tmp_path / "a.txt", tmp_path / "a.h5"), "no file of waveforms")
+    assert_trouble(run("convert", tmp_path / "a.txt", tmp_path / "a.h5"), "not a waveform file")
     assert_trouble(run("convert", tmp_path / "none", tmp_path / "a.h5"), "No such file")
     lonely = tmp_path / "lonely.las"
     lonely.write_bytes(scan.read_bytes())
     assert_trouble(run("convert", lonely, tmp_path / "a.h5"), "lonely.wdp does not exist")
     lonely.with_suffix(".wdp").write_bytes(scan.with_suffix(".wdp").read_bytes()[:60])
-    assert_trouble(run("convert", lonely, tmp_path / "a.h5"), "no waveform is readable")
+    assert_trouble(run("convert", lonely, tmp_path / "a.h5"), "no readable waveform")
     assert names(tmp_path) == ["a.txt", "lonely.las", "lonely.wdp"]
 
 

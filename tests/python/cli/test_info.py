@@ -136,4 +136,4 @@ def test_archive_that_does_not_say_its_interval(tmp_path: Path) -> None:
 def test_files_that_are_none(tmp_path: Path) -> None:
     assert_trouble(run("info", tmp_path / "no.las"), "no.las", "No such file")
     (tmp_path / "text.las").write_text("hello", encoding="ascii")
-    assert_trouble(run("info", tmp_path / "text.las"), "is no file of waveforms")
+    assert_trouble(run("info", tmp_path / "text.las"), "is not a waveform file")

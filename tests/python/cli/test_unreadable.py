@@ -44,12 +44,12 @@ CASES: list[tuple[Callable[[Path], Path], list[str]]] = [
     (
         cut_las,
         [
-            "descriptor 1, byte 68, GPS time 102.0 s: packet outside the waveform data",
-            "descriptor 1, byte 72, GPS time 103.0 s: packet outside the waveform data",
+            "descriptor 1, byte 68, GPS time 102.0 s: samples outside the file",
+            "descriptor 1, byte 72, GPS time 103.0 s: samples outside the file",
         ],
     ),
-    (cut_pulses, ["pulse 2: packet outside the waveform data"]),
-    (archive, ["row 1: GPS time is not a finite number", "row 2: waveform without samples"]),
+    (cut_pulses, ["pulse 2: samples outside the file"]),
+    (archive, ["row 1: GPS time not finite", "row 2: waveform without samples"]),
 ]
 
 
@@ -73,7 +73,7 @@ def test_verbose_names_each_waveform_that_cannot_be_read(
 def test_info_names_them_too(tmp_path: Path) -> None:
     told = run("info", cut_las(tmp_path), "--verbose", "--json")
     assert told.stderr.splitlines() == CASES[0][1]
-    assert json.loads(told.stdout)["rejected"] == {"packet outside the waveform data": 2}
+    assert json.loads(told.stdout)["rejected"] == {"samples outside the file": 2}
 
 
 def test_sentences_come_block_by_block_and_not_for_counting_blocks(tmp_path: Path) -> None:
@@ -86,7 +86,7 @@ def test_sentences_come_block_by_block_and_not_for_counting_blocks(tmp_path: Pat
         assert met == CASES[0][1]
         reader.on_unreadable = None
         assert len(list(reader.blocks())) == 2
-        assert reader.tally.rejected == {"packet outside the waveform data": 2}
+        assert reader.tally.rejected == {"samples outside the file": 2}
     assert met == CASES[0][1]
 
 
@@ -144,7 +144,7 @@ def test_files_that_say_the_channels_themselves_tell_that_none_is_used(tmp_path:
     for source in (as_container(las, tmp_path / "scan.h5"), tmp_path / "flags.npz"):
         told = run("info", source, "--channel", "3=high", "--json")
         assert told.exit_code == 0, told.output
-        note = "The file says the channel of each waveform; the channels given were not used."
+        note = "The file stores the channel of each waveform; the given channels were ignored."
         assert note in json.loads(told.stdout)["notes"]
         assert note not in json.loads(run("info", source, "--json").stdout)["notes"]
 

@@ -128,7 +128,7 @@ def test_a_file_without_a_readable_waveform_costs_its_own_part_only(
     bad.with_suffix(".wdp").write_bytes(bad.with_suffix(".wdp").read_bytes()[:60])
     folder = tmp_path / "parts"
     result = run("extract", bad, scan, "-o", folder, "--cluster", address, "--noise", "20")
-    assert_trouble(result, f"{bad}: no waveform is readable", "1 of 2 parts are missing")
+    assert_trouble(result, f"{bad}: no readable waveform", "1 of 2 parts are missing")
     assert states(folder) == {"part-00000.parquet": "failed", "part-00001.parquet": "done"}
     assert names(folder) == ["manifest.json", "part-00001.parquet"]
 

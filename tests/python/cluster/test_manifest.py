@@ -29,7 +29,7 @@ OUTCOME = {
         "points_without_waveform": 1,
         "points_sharing_waveform": 0,
         "waveforms": 2,
-        "rejected": {"packet overlaps another one": 1},
+        "rejected": {"packet overlaps another packet": 1},
         "notes": ["A note."],
     },
     "extracted": {
@@ -109,7 +109,7 @@ def test_outcomes_are_read_and_added(manifest: Manifest, tmp_path: Path) -> None
     total = read_manifest(tmp_path).total()
     assert (total.rows, total.waveforms, total.bytes) == (9, 6, 300)
     assert total.read.points == 12
-    assert total.read.rejected == {"packet overlaps another one": 3}
+    assert total.read.rejected == {"packet overlaps another packet": 3}
     assert total.read.notes == ["A note."]
     assert total.extracted.rejected == {"no echo found": 3}
     assert total.messages == {"… echoes": 6}

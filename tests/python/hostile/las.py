@@ -216,7 +216,7 @@ def cases() -> Iterator[tuple[str, Case]]:
         yield f"packets of compression type {kind}", descriptor_patched(55, "<B", kind)
     for count in (0, 5, 65536, 2**32 - 1):
         yield f"packets of {count} samples", descriptor_patched(56, "<I", count)
-    yield "spacing of 0 ps", descriptor_patched(60, "<I", 0)
+    yield "spacing 0 ps", descriptor_patched(60, "<I", 0)
     for size in (0, 25, 65535):
         yield f"descriptor of {size} bytes", descriptor_patched(20, "<H", size)
     yield "descriptor of another user", descriptor_patched(2, "<B", ord("X"))

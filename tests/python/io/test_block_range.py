@@ -78,8 +78,8 @@ def test_the_blocks_of_the_scene_and_what_belongs_to_each(tmp_path: Path) -> Non
         assert [[row[0] for row in rows([block])] for block in blocks] == [[0, 1], [2], [4, 5], [6]]
         rejected = Counter(
             {
-                "packet outside the waveform data": 1,
-                "direction or return location is not finite": 1,
+                "samples outside the file": 1,
+                "direction or return location not finite": 1,
             }
         )
         assert reader.tally == ReadTally(13, 3, 2, 6, rejected, [])
@@ -120,7 +120,7 @@ def test_ranges_without_blocks(tmp_path: Path, make: Callable[[Path], Path]) -> 
             assert list(reader.blocks(first, stop)) == []
             assert reader.tally == ReadTally(notes=reader.tally.notes)
         for first, stop in [(-1, None), (2, 1), (0, -1)]:
-            with pytest.raises(ValueError, match=f"from {first} to {stop} are no range"):
+            with pytest.raises(ValueError, match=f"invalid block range {first} to {stop}"):
                 next(reader.blocks(first, stop))
     for ask in (reader.block_count, lambda: next(reader.blocks())):
         with pytest.raises(ValueError, match="closed"):
@@ -152,7 +152,7 @@ def test_only_a_pass_over_all_blocks_misses_readable_waveforms(tmp_path: Path) -
         assert reader.tally.rejected.total() == 4  # no block: all belongs to the first range
         assert list(reader.blocks(1)) == []
         assert reader.tally.rejected.total() == 0
-        with pytest.raises(WaveformFileError, match="no waveform is readable"):
+        with pytest.raises(WaveformFileError, match="no readable waveform"):
             list(reader.blocks())
 
 
@@ -167,25 +167,25 @@ def test_points_without_times_are_cut_anywhere(tmp_path: Path) -> None:
     assert len(np.unique(last.shot_times)) == 1
 
 
-def test_samples_of_skipped_blocks_are_not_gathered() -> None:
-    gathered: list[list[int]] = []
+def test_samples_of_skipped_blocks_are_not_read() -> None:
+    read_numbers: list[list[int]] = []
 
     def gather(numbers: np.ndarray) -> WaveformBlock:
-        gathered.append(numbers.tolist())
+        read_numbers.append(numbers.tolist())
         return None  # type: ignore[return-value]
 
     def three(run: BlockRange) -> Iterator[PendingBlock]:
         for waveforms in (2, 3, 1):
-            run.met.points += 10
+            run.total.points += 10
             yield PendingBlock(waveforms, gather)
-        run.met.points += 4
+        run.total.points += 4
 
     run = BlockRange(1, 2)
-    assert len(list(run.gathered(three(run)))) == 1
-    assert gathered == [[2, 3, 4]]
+    assert len(list(run.read(three(run)))) == 1
+    assert read_numbers == [[2, 3, 4]]
     assert (run.tally.points, run.tally.waveforms) == (10, 3)
     run = BlockRange(2, 3)
-    assert len(list(run.gathered(three(run)))) == 1
+    assert len(list(run.read(three(run)))) == 1
     assert (run.tally.points, run.tally.waveforms) == (14, 1)
 
 

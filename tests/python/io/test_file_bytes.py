@@ -26,7 +26,7 @@ def test_rows_in_any_order(
     noise: tuple[Path, bytes], width: int, at_a_time: int, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     """Places near each other and far apart, some twice, some overlapping, the last byte too."""
-    monkeypatch.setattr(file_bytes, "_AT_A_TIME", at_a_time)
+    monkeypatch.setattr(file_bytes, "_READ_SIZE", at_a_time)
     path, content = noise
     places = np.random.default_rng(6).integers(0, len(content) - 50 - width, 60)
     places = np.concatenate([places, places[:9] + 3, places[:4], [len(content) - 50 - width, 0]])
@@ -55,6 +55,6 @@ def test_file_that_becomes_shorter(noise: tuple[Path, bytes]) -> None:
     with path.open("r+b") as stream:
         stream.truncate(1000)
     assert bytes(data.rows(np.array([990]), 10)[0]) == content[990:1000]
-    with pytest.raises(WaveformFileError, match=r"noise\.bin became shorter while it was read"):
+    with pytest.raises(WaveformFileError, match=r"noise\.bin was truncated while it was read"):
         data.rows(np.array([990]), 11)
     data.close()

@@ -62,7 +62,7 @@ def test_container_and_archive_under_any_name(tmp_path: Path) -> None:
 @pytest.mark.parametrize(
     ("content", "found"),
     [
-        (b"", "is empty"),
+        (b"", "empty"),
         (b"LAS", "starts with b'LAS'"),
         (b"x,y,z\n1,2,3\n", r"starts with b'x,y,z\n1,2,3\n'"),
     ],
@@ -72,7 +72,7 @@ def test_something_else(tmp_path: Path, content: bytes, found: str) -> None:
     path.write_bytes(content)
     with pytest.raises(WaveformFileError) as caught:
         open_waveforms(path)
-    assert f"other.las is no file of waveforms: it {found};" in str(caught.value)
+    assert f"other.las is not a waveform file ({found});" in str(caught.value)
     for known in ("LAS and LAZ", "PulseWaves", "HDF5", ".npz"):
         assert known in str(caught.value)
 
@@ -80,18 +80,18 @@ def test_something_else(tmp_path: Path, content: bytes, found: str) -> None:
 def test_hdf5_and_zip_files_of_another_kind(tmp_path: Path) -> None:
     with h5py.File(tmp_path / "a.h5", "w") as file:
         file["amplitude"] = [1.0]
-    with pytest.raises(WaveformFileError, match=r"a\.h5 is an HDF5 file but no scan container"):
+    with pytest.raises(WaveformFileError, match=r"a\.h5 is an HDF5 file but not a scan container"):
         open_waveforms(tmp_path / "a.h5")
     with zipfile.ZipFile(tmp_path / "a.zip", "w") as made:
         made.writestr("letter.txt", "Dear")
-    with pytest.raises(WaveformFileError, match=r"a\.zip holds no array samples"):
+    with pytest.raises(WaveformFileError, match=r"a\.zip has no array samples"):
         open_waveforms(tmp_path / "a.zip")
 
 
 def test_interval_is_for_files_that_do_not_say_it(tmp_path: Path) -> None:
     las = four_shots().write(tmp_path / "scan.las")
     for path in (las, as_container(las, tmp_path / "a.h5")):
-        with pytest.raises(ValueError, match="says its sampling interval itself"):
+        with pytest.raises(ValueError, match="stores its sampling interval"):
             open_waveforms(path, sampling_interval=1e-9)
 
 

@@ -1,4 +1,4 @@
-"""What stands beside the waveforms of a scan container: the scanner, the reference system."""
+"""Scanner description and LAS header in a scan container."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ from fullwaveform.io.container.layout import (
     SCANNER,
     WAVEFORMS,
 )
-from fullwaveform.io.container.values import damage_told, plain_value, stored_text
+from fullwaveform.io.container.values import damaged_file_errors, plain_value, stored_text
 from fullwaveform.io.las.points import WAVEFORM_POINT_FORMATS
 
 _SUMS = ("a_real", "a_imag", "b_real", "b_imag")
@@ -33,7 +33,7 @@ _PROJECTION = "LASF_Projection"
 
 
 def write_scanner(file: h5py.File, scanner: Scanner) -> None:
-    """Store the attributes where the host's grids have them; the interval is the waveforms' own."""
+    """Store the attributes where the host's grids have them, except the sampling interval."""
     group = file.create_group(SCANNER)
     for name, value in scanner.attributes.items():
         if name in _SUMS:
@@ -57,10 +57,10 @@ def write_scanner(file: h5py.File, scanner: Scanner) -> None:
 
 
 def read_scanner_attributes(file: h5py.File, path: Path) -> dict[str, Any] | None:
-    """The attributes of both grids in plain types, None if the file describes no scanner."""
+    """The attributes of both grids as Python types; None if the file describes no scanner."""
     if SCANNER not in file:
         return None
-    with damage_told(path, "the scanner's description"):
+    with damaged_file_errors(path, "scanner description"):
         found = _plain_attributes(file[SCANNER].attrs)
         waveforms, times = (_plain_attributes(file[name].attrs) for name in (WAVEFORMS, SBL_TIME))
     found |= {
@@ -72,7 +72,7 @@ def read_scanner_attributes(file: h5py.File, path: Path) -> dict[str, Any] | Non
 
 
 def write_las_header(file: h5py.File, header: laspy.LasHeader) -> None:
-    """Store what files of echoes take over: version, scales, offsets, kind of time, projection."""
+    """Store what files of echoes need: version, scales, offsets, type of time, projection."""
     group = file.create_group(LAS)
     group.attrs["version"] = stored_text(str(header.version))
     group.attrs["point_format"] = np.uint8(header.point_format.id)
@@ -93,16 +93,16 @@ def write_las_header(file: h5py.File, header: laspy.LasHeader) -> None:
 
 
 def read_las_header(file: h5py.File, path: Path) -> laspy.LasHeader | None:
-    """The header that echoes follow, None if the file has none.
+    """The LAS header for files of echoes; None if the file has none.
 
     Raises
     ------
     WaveformFileError
-        If an attribute is missing or has no meaning.
+        If an attribute is missing or invalid.
     """
     if LAS not in file:
         return None
-    with damage_told(path, f"the group {LAS}"):
+    with damaged_file_errors(path, f"group {LAS}"):
         group = file[LAS]
         values = _plain_attributes(group.attrs)
         header = laspy.LasHeader(
@@ -117,28 +117,28 @@ def read_las_header(file: h5py.File, path: Path) -> laspy.LasHeader | None:
         header.vlrs.extend(_records(group, "records"))
         if extended := _records(group, "extended_records"):
             header.evlrs = laspy.vlrs.vlrlist.VLRList(extended)
-    _check_placement(header, path)
+    _check_header(header, path)
     return header
 
 
 def _triple(values: Any) -> np.ndarray[Any, np.dtype[np.float64]]:
     triple = np.asarray(values, dtype=np.float64)
     if triple.shape != (3,):
-        raise ValueError(f"scales and offsets must be three numbers each, not {values!r}")
+        raise ValueError(f"invalid scales or offsets {values!r}; must be three numbers")
     return triple
 
 
-def _check_placement(header: laspy.LasHeader, path: Path) -> None:
+def _check_header(header: laspy.LasHeader, path: Path) -> None:
     if header.point_format.id not in WAVEFORM_POINT_FORMATS:
         raise WaveformFileError(
-            f"{path}: point_format {header.point_format.id} of the group {LAS} has no waveforms; "
-            "formats 4, 5, 9 and 10 do"
+            f"{path}: invalid point_format {header.point_format.id} in group {LAS}; must be "
+            "4, 5, 9 or 10"
         )
-    placed = np.isfinite(header.scales) & np.isfinite(header.offsets) & (header.scales != 0)
-    if not placed.all():
+    valid = np.isfinite(header.scales) & np.isfinite(header.offsets) & (header.scales != 0)
+    if not valid.all():
         raise WaveformFileError(
-            f"{path}: scales {header.scales} and offsets {header.offsets} of the coordinates must "
-            "be finite, scales not 0"
+            f"{path}: invalid scales {header.scales} and offsets {header.offsets} of the "
+            "coordinates; must be finite, scales not 0"
         )
 
 
@@ -159,5 +159,5 @@ def _records(group: h5py.Group, kind: str) -> list[laspy.VLR]:
 
 
 def _plain_attributes(attributes: Mapping[str, Any]) -> dict[str, Any]:
-    """Texts, numbers and lists of numbers, as Python has them."""
+    """Texts, numbers and lists of numbers as Python types."""
     return {name: plain_value(value) for name, value in attributes.items()}

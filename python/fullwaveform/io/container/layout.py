@@ -1,7 +1,4 @@
-"""The scan container: an HDF5 file that mirrors the grids of waveforms and of their scanner.
-
-docs/file-formats.md describes it for those who read or write such files with other tools.
-"""
+"""Layout of the scan container, an HDF5 file; docs/file-formats.md describes it."""
 
 from __future__ import annotations
 
@@ -30,7 +27,7 @@ REFERENCE_TIME_ATTRIBUTE = "t_ref"
 class Field:
     """A dataset with one row per waveform."""
 
-    column: str  # of `WaveformRows`
+    column: str  # of `WaveformArrays`
     path: str
     dtype: type[np.generic]
     unit: str

@@ -15,6 +15,7 @@ import numpy.typing as npt
 
 from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.array_reader import ArrayReader, SliceableArray, WaveformArrays
 from fullwaveform.io.container.attributes import read_las_header, read_scanner_attributes
 from fullwaveform.io.container.layout import (
     AFTER_PULSE,
@@ -25,16 +26,15 @@ from fullwaveform.io.container.layout import (
     WAVEFORMS,
     Field,
 )
-from fullwaveform.io.container.values import damage_told, plain_value
-from fullwaveform.io.las.waveform_packets import MAX_SAMPLES
-from fullwaveform.io.waveform_rows import RowReader, Rows, WaveformRows
+from fullwaveform.io.container.values import damaged_file_errors, plain_value
+from fullwaveform.io.limits import MAX_SAMPLES
 
-_MOST_ROWS_PER_BYTE = 100  # gzip makes a thousandth of equal values; a row has fifteen columns
-_LARGEST_CHUNK = 1 << 28  # bytes; HDF5 holds whole chunks in memory
+_MAX_ROWS_PER_BYTE = 100  # gzip shrinks equal values a thousandfold; a row has fifteen columns
+_MAX_CHUNK = 1 << 28  # bytes; HDF5 holds whole chunks in memory
 
 
-class ScanContainerReader(RowReader):
-    """Reads the waveforms of a scan container, an HDF5 file as docs/file-formats.md describes it.
+class ScanContainerReader(ArrayReader):
+    """Reads the waveforms of a scan container, the HDF5 layout in docs/file-formats.md.
 
     Parameters
     ----------
@@ -43,10 +43,10 @@ class ScanContainerReader(RowReader):
     waveforms_per_block
         As in `WaveformReader`.
     channel_flags
-        Taken as in `WaveformReader`, but the file itself says the flag of every waveform; a note in
-        the tally says so if flags other than 1 are given.
+        Ignored: the file stores the flag of every waveform. A note in the tally says so if flags
+        other than 1 are given.
 
-    Raises as `RowReader`.
+    Raises as `ArrayReader`.
     """
 
     def __init__(
@@ -59,16 +59,16 @@ class ScanContainerReader(RowReader):
         super().__init__(path, waveforms_per_block, channel_flags)
         self._file = _open(self._path)
         try:
-            with damage_told(self._path, "the structure of the file"):
+            with damaged_file_errors(self._path, "file structure"):
                 _check_format(self._file, self._path)
                 self._columns = _columns(self._file, self._path)
                 rows, width = self._file[WAVEFORMS].shape
-                self._size = int(rows), int(width)
+                self._shape = int(rows), int(width)
                 self._header = read_las_header(self._file, self._path)
         except BaseException:
             self._file.close()
             raise
-        self._begin_anew(self._note_on_unused_flags())
+        self._set_notes(self._note_on_unused_flags())
 
     def close(self) -> None:
         """Close the file; may be called twice."""
@@ -77,30 +77,30 @@ class ScanContainerReader(RowReader):
 
     @property
     def header(self) -> laspy.LasHeader | None:
-        """The LAS header that files of its echoes follow; None without a place in space."""
+        """LAS header for files of its echoes; None if the waveforms are not georeferenced."""
         return self._header
 
     def scanner_attributes(self) -> dict[str, Any] | None:
-        """The scanner's attributes by the names of the host's grids; None if the file has none.
+        """Attributes of the scanner as named in the host's grids; None if the file has none.
 
-        `Scanner.from_attributes` takes them. Raises WaveformFileError for an attribute that cannot
-        be read.
+        They are arguments of `Scanner.from_attributes`. Raises WaveformFileError for an unreadable
+        attribute.
         """
-        self._check_that_it_is_open()
+        self._check_open()
         return read_scanner_attributes(self._file, self._path)
 
     def scanner(self) -> Scanner | None:
-        """The scanner's description with its after-pulse and offsets; None if the file has none.
+        """The scanner description with after-pulse and offsets; None if the file has none.
 
         Raises
         ------
         ValueError
-            If attributes are missing or of a wrong type.
+            If attributes are missing or have the wrong type.
         """
         attributes = self.scanner_attributes()
         if attributes is None:
             return None
-        with damage_told(self._path, "the scanner's description"):
+        with damaged_file_errors(self._path, "scanner description"):
             scanner = Scanner.from_attributes(attributes)
             if AFTER_PULSE in self._file:
                 values = {name: int(value) for name, value in self._file[AFTER_PULSE].attrs.items()}
@@ -115,23 +115,16 @@ class ScanContainerReader(RowReader):
                 )
         return scanner
 
-    @property
-    def _shape(self) -> tuple[int, int]:
-        return self._size
-
-    def _rows(self) -> WaveformRows:
-        return self._columns
-
-    def _read(self, column: Rows, rows: slice) -> npt.NDArray[Any]:
-        with damage_told(self._path, f"a dataset from row {rows.start} to {rows.stop}"):
+    def _read(self, column: SliceableArray, rows: slice) -> npt.NDArray[Any]:
+        with damaged_file_errors(self._path, f"rows {rows.start} to {rows.stop} of a dataset"):
             values = column[rows]
         return values.astype(values.dtype.newbyteorder("="), copy=False)
 
 
 def _open(path: Path) -> h5py.File:
-    with path.open("rb"):  # a missing file or a folder has its own error
+    with path.open("rb"):  # a clear error for a missing file or a folder
         pass
-    with damage_told(path, "its HDF5 structure"):
+    with damaged_file_errors(path, "HDF5 structure"):
         return h5py.File(path, "r")
 
 
@@ -139,56 +132,57 @@ def _check_format(file: h5py.File, path: Path) -> None:
     found = plain_value(file.attrs.get("format"))
     if not isinstance(found, str) or found != FORMAT:
         raise WaveformFileError(
-            f"{path} is an HDF5 file but no scan container: its attribute format is {found!r}, "
+            f"{path} is an HDF5 file but not a scan container: attribute format is {found!r}; "
             f"must be {FORMAT!r}"
         )
     version = plain_value(file.attrs.get("format_version"))
     if not isinstance(version, int) or version != VERSION:
         raise WaveformFileError(
-            f"{path} has format_version {version!r}; version {VERSION} can be read"
+            f"{path}: unsupported format_version {version!r}; must be {VERSION}"
         )
 
 
-def _columns(file: h5py.File, path: Path) -> WaveformRows:
+def _columns(file: h5py.File, path: Path) -> WaveformArrays:
     datasets: dict[str, h5py.Dataset] = {}
     for field in FIELDS:
         dataset = _dataset(file, field, path)
         if field.column == "samples":
             rows, width = dataset.shape
-            if rows > _MOST_ROWS_PER_BYTE * path.stat().st_size:
+            if rows > _MAX_ROWS_PER_BYTE * path.stat().st_size:
                 raise WaveformFileError(
-                    f"{path} announces {rows} waveforms, more than a file of "
-                    f"{path.stat().st_size} bytes can hold"
+                    f"{path} declares {rows} waveforms, more than fit into a file of "
+                    f"{path.stat().st_size} bytes"
                 )
             if width > MAX_SAMPLES:
                 raise WaveformFileError(
-                    f"{path}: rows of {width} samples; at most {MAX_SAMPLES} can be read"
+                    f"{path}: rows of {width} samples; at most {MAX_SAMPLES} are allowed"
                 )
         elif dataset.shape != (rows, *field.shape):
             raise WaveformFileError(
-                f"{path}: dataset {field.path} has the shape {dataset.shape}, must have "
-                f"{(rows, *field.shape)} like the {rows} rows of {WAVEFORMS}"
+                f"{path}: dataset {field.path} has shape {dataset.shape}; expected "
+                f"{(rows, *field.shape)} for the {rows} rows of {WAVEFORMS}"
             )
         datasets[field.column] = dataset
-    return WaveformRows(**datasets)
+    return WaveformArrays(**datasets)
 
 
 def _dataset(file: h5py.File, field: Field, path: Path) -> h5py.Dataset:
     dataset = file.get(field.path)
     if not isinstance(dataset, h5py.Dataset):
-        raise WaveformFileError(f"{path}: the dataset {field.path} is missing")
+        raise WaveformFileError(f"{path}: missing dataset {field.path}")
     if dataset.dtype.newbyteorder("=") != np.dtype(field.dtype):
         raise WaveformFileError(
-            f"{path}: dataset {field.path} holds {dataset.dtype}, must hold {np.dtype(field.dtype)}"
+            f"{path}: dataset {field.path} has type {dataset.dtype}; must be "
+            f"{np.dtype(field.dtype)}"
         )
     if field.column == "samples" and dataset.ndim != 2:
         raise WaveformFileError(
-            f"{path}: dataset {field.path} has the shape {dataset.shape}, must have the "
-            "dimensions waveforms and samples"
+            f"{path}: dataset {field.path} has shape {dataset.shape}; must have 2 dimensions, "
+            "waveforms and samples"
         )
-    if dataset.chunks and int(np.prod(dataset.chunks)) * dataset.dtype.itemsize > _LARGEST_CHUNK:
+    if dataset.chunks and int(np.prod(dataset.chunks)) * dataset.dtype.itemsize > _MAX_CHUNK:
         raise WaveformFileError(
-            f"{path}: chunks of dataset {field.path} have the shape {dataset.chunks}; a chunk may "
-            f"take {_LARGEST_CHUNK >> 20} MiB at most"
+            f"{path}: chunks of dataset {field.path} have shape {dataset.chunks}; a chunk must not "
+            f"exceed {_MAX_CHUNK >> 20} MiB"
         )
     return dataset

@@ -1,4 +1,4 @@
-"""Attributes of scan containers, and what h5py raises at damaged files."""
+"""Attribute values of scan containers, and errors of h5py for damaged files."""
 
 from __future__ import annotations
 
@@ -9,15 +9,15 @@ from typing import Any
 
 import h5py
 import numpy as np
-import numpy.typing as npt
 
+from fullwaveform.data.arrays import AnyArray
 from fullwaveform.data.errors import WaveformFileError
 
 
-def stored_text(text: str) -> npt.NDArray[Any]:
+def stored_text(text: str) -> AnyArray:
     """A text of fixed length, for an attribute.
 
-    Texts of variable length stand on a heap, on whose damages the HDF5 library can hang.
+    HDF5 stores texts of variable length on a heap, and can hang if the heap is damaged.
     """
     content = text.encode()
     return np.array(content, dtype=h5py.string_dtype("utf-8", max(len(content), 1)))
@@ -31,14 +31,14 @@ def plain_value(value: Any) -> Any:
 
 
 @contextmanager
-def damage_told(path: Path, what: str) -> Iterator[None]:
-    """Turn whatever h5py raises at damaged files, or a value at its use, into a sentence."""
+def damaged_file_errors(path: Path, part: str) -> Iterator[None]:
+    """Replace any error of h5py or of an unusable value by a WaveformFileError."""
     try:
         yield
     except (WaveformFileError, MemoryError):
         raise
-    except Exception as error:  # h5py has OSError, KeyError, RuntimeError, TypeError, ...
+    except Exception as error:  # h5py raises OSError, KeyError, RuntimeError, TypeError, ...
         raise WaveformFileError(
-            f"{path}: {what} cannot be used, the file may be cut off or damaged "
+            f"{path}: unreadable {part}; the file may be truncated or corrupt "
             f"({type(error).__name__}: {error})"
         ) from error

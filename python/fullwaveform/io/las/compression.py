@@ -1,4 +1,4 @@
-"""Compressed LAS files (LAZ): what is checked before the points of a file are trusted."""
+"""Compressed LAS files (LAZ): checks before the points are decompressed."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ import numpy.typing as npt
 
 from fullwaveform.data.errors import WaveformFileError
 
-_PLACE = struct.Struct("<q")
+_POSITION = struct.Struct("<q")
 _CHUNK_TABLE = struct.Struct("<II")  # version, number of chunks
 _SCANNER_CHANNEL_BITS = 0b11_0000  # of the classification flags, formats 6 to 10
 
@@ -22,7 +22,7 @@ _SCANNER_CHANNEL_BITS = 0b11_0000  # of the classification flags, formats 6 to 1
 def decompressors() -> list[laspy.LazBackend]:
     """The installed decompressors, the preferred one first.
 
-    The parallel one is left out: it reserves as much memory as a damaged table of chunks asks for,
+    The parallel one is excluded: it allocates as much memory as a corrupt chunk table declares,
     which ends the process.
     """
     available = laspy.LazBackend.detect_available()
@@ -30,53 +30,51 @@ def decompressors() -> list[laspy.LazBackend]:
 
 
 def check_compression(header: laspy.LasHeader, path: Path) -> None:
-    """Make sure that there is a decompressor, and a table of chunks that it may be given.
+    """Check that a decompressor is installed and that the chunk table is plausible.
 
     Raises
     ------
     WaveformFileError
-        If there is none, or the table lies outside the file or lists more chunks than points.
+        If not: no decompressor, table outside the file, or more chunks than points.
     """
     if not decompressors():
         raise WaveformFileError(
-            f"{path} is compressed (LAZ) and no decompressor is installed; install one with: "
-            "pip install lazrs"
+            f"{path} is compressed (LAZ) and no decompressor is installed; run pip install lazrs"
         )
     size, start = path.stat().st_size, header.offset_to_point_data
     with path.open("rb") as stream:
-        place = _place_at(stream, start)
-        if place == -1:  # written in one go: the place stands at the very end
-            place = _place_at(stream, max(size - _PLACE.size, 0))
-        if place is None or not start < place <= size - _CHUNK_TABLE.size:
+        position = _position_at(stream, start)
+        if position == -1:  # written as a stream: the position is at the end of the file
+            position = _position_at(stream, max(size - _POSITION.size, 0))
+        if position is None or not start < position <= size - _CHUNK_TABLE.size:
             raise WaveformFileError(
-                f"{path} is cut off or damaged: the table of its compressed chunks should stand "
-                f"at byte {place if place is not None else start}, the file has {size} bytes"
+                f"{path}: truncated or corrupt: chunk table expected at byte "
+                f"{start if position is None else position}, file has {size} bytes"
             )
-        stream.seek(place)
+        stream.seek(position)
         _, chunks = _CHUNK_TABLE.unpack(stream.read(_CHUNK_TABLE.size))
-    if chunks > header.point_count:  # decompressors reserve memory for as many
+    if chunks > header.point_count:  # decompressors allocate memory for each
         raise WaveformFileError(
-            f"{path} is damaged: it lists {chunks} compressed chunks for {header.point_count} "
-            "points"
+            f"{path}: corrupt: {chunks} compressed chunks for {header.point_count} points"
         )
 
 
 def check_scanner_channels(channels: set[int], path: Path) -> None:
     """Refuse compressed points of several scanner channels.
 
-    The decompressors at hand (lazrs up to 0.8.2) take the packet fields of formats 9 and 10 from
-    the wrong point wherever the channel changes, and say nothing.
+    lazrs up to 0.8.2 silently takes the packet fields of formats 9 and 10 from the wrong point
+    where the channel changes.
     """
     if len(channels) > 1:
         raise WaveformFileError(
-            f"{path}: the points are compressed and of scanner channels "
-            f"{', '.join(map(str, sorted(channels)))}; waveform fields of more than one channel "
-            "cannot be decompressed reliably, decompress the file with the program that wrote it"
+            f"{path}: compressed points of scanner channels "
+            f"{', '.join(map(str, sorted(channels)))}; waveform fields of several channels "
+            "cannot be decompressed reliably; decompress the file with the program that wrote it"
         )
 
 
 def scanner_channels(points: npt.NDArray[np.void]) -> set[int]:
-    """The scanner channels of points of formats 6 to 10; formats below have none."""
+    """The scanner channels of points; formats below 6 have none."""
     if "classification_flags" not in (points.dtype.names or ()):
         return set()
     bits = np.unique(points["classification_flags"] & _SCANNER_CHANNEL_BITS)
@@ -84,21 +82,21 @@ def scanner_channels(points: npt.NDArray[np.void]) -> set[int]:
 
 
 @contextmanager
-def decoder_trouble_told(beginning: str) -> Iterator[None]:
-    """Turn whatever laspy and the decompressors behind it raise into a `WaveformFileError`."""
+def decoder_errors(context: str) -> Iterator[None]:
+    """Replace any error of laspy and its decompressors by a WaveformFileError."""
     try:
         yield
     except OSError:
         raise
     except Exception as error:
-        raise WaveformFileError(f"{beginning}: {error}") from error
+        raise WaveformFileError(f"{context}: {error}") from error
     except BaseException as error:
-        if type(error).__name__ != "PanicException":  # of decompressors written in Rust
+        if type(error).__name__ != "PanicException":  # raised by decompressors written in Rust
             raise
-        raise WaveformFileError(f"{beginning}: {error}") from error
+        raise WaveformFileError(f"{context}: {error}") from error
 
 
-def _place_at(stream: BinaryIO, position: int) -> int | None:
-    stream.seek(position)
-    content = stream.read(_PLACE.size)
-    return int(_PLACE.unpack(content)[0]) if len(content) == _PLACE.size else None
+def _position_at(stream: BinaryIO, offset: int) -> int | None:
+    stream.seek(offset)
+    content = stream.read(_POSITION.size)
+    return int(_POSITION.unpack(content)[0]) if len(content) == _POSITION.size else None

@@ -1,4 +1,4 @@
-"""Points of LAS files with waveforms: opening, a first pass, and whole shots in order of time."""
+"""Points of LAS files with waveforms: opening, survey, and whole shots in order of time."""
 
 from __future__ import annotations
 
@@ -9,10 +9,9 @@ from pathlib import Path
 
 import laspy
 import numpy as np
-import numpy.typing as npt
 from laspy.vlrs.vlrlist import VLRList
 
-from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.arrays import BoolArray, FloatArray, RecordArray
 from fullwaveform.data.blocks import PulseGeometry, ShotAttributes
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.coordinates import check_coordinates
@@ -20,7 +19,7 @@ from fullwaveform.io.file_bytes import FileBytes
 from fullwaveform.io.las.compression import (
     check_compression,
     check_scanner_channels,
-    decoder_trouble_told,
+    decoder_errors,
     decompressors,
     scanner_channels,
 )
@@ -29,18 +28,18 @@ from fullwaveform.io.las.waveform_packets import (
     RECORD_HEADER_SIZE,
     read_record_header,
 )
+from fullwaveform.io.limits import SURVEY_CHUNK
 
 WAVEFORM_POINT_FORMATS = (4, 5, 9, 10)
 _VERSIONS = ((1, 3), (1, 4), (1, 5))
 _COMPRESSED = 0b1000_0000  # bit of the point format
 SCAN_ANGLE_UNIT = 0.006  # degrees per count of the scan angle in point formats 6 to 10
 
-_SMALLEST_HEADER = 227  # bytes, LAS 1.0 to 1.2
+_MIN_HEADER = 227  # bytes, LAS 1.0 to 1.2
 _RECORD_HEADER_SIZE = 54  # bytes of an ordinary variable record's header
 _LENGTH_IN_RECORD_HEADER = 20  # byte
-_SURVEY_CHUNK = 1 << 17  # points
 
-Points = npt.NDArray[np.void]  # structured, fields as laspy names them
+Points = RecordArray  # fields as named by laspy
 
 
 def open_las(path: Path) -> tuple[laspy.LasReader, dict[int, int]]:
@@ -48,18 +47,18 @@ def open_las(path: Path) -> tuple[laspy.LasReader, dict[int, int]]:
 
     Returns
     -------
-    laspy's reader, its header with the extended records (all but the packets themselves, which may
-    be larger than memory), and where each extended record starts, by record id.
+    laspy's reader, whose header has the extended records except the packets (which may exceed
+    memory), and the start of each extended record by record id.
 
     Raises
     ------
     OSError
         If the file cannot be opened.
     WaveformFileError
-        If it is not a whole LAS file with waveform points.
+        If it is not a complete LAS file with waveform points.
     """
-    _check_extent_of_header(path)
-    with decoder_trouble_told(f"{path} is not a readable LAS file"):
+    _check_header_extent(path)
+    with decoder_errors(f"{path} is not a valid LAS file"):
         reader = laspy.open(path, read_evlrs=False, laz_backend=decompressors())
     try:
         _check_header(reader.header, path)
@@ -71,44 +70,43 @@ def open_las(path: Path) -> tuple[laspy.LasReader, dict[int, int]]:
     return reader, starts
 
 
-def _check_extent_of_header(path: Path) -> None:
-    """Keep headers that are cut off from laspy, which would read zeros in place of the rest."""
+def _check_header_extent(path: Path) -> None:
+    """Reject truncated headers, which laspy would complete with zeros."""
     size = path.stat().st_size
     with path.open("rb") as stream:
-        start = stream.read(_SMALLEST_HEADER)
+        start = stream.read(_MIN_HEADER)
     if start[:4] != b"LASF":
-        raise WaveformFileError(f"{path} is not a LAS file: it does not start with LASF")
-    if len(start) < _SMALLEST_HEADER:
-        raise WaveformFileError(f"{path} is cut off in its header, after {size} bytes")
+        raise WaveformFileError(f"{path} is not a LAS file; it must start with LASF")
+    if len(start) < _MIN_HEADER:
+        raise WaveformFileError(f"{path}: truncated in the header after {size} bytes")
     _check_kind(start, path)
     header_size, points_start, records = struct.unpack_from("<HII", start, 94)
     if points_start > size:
         raise WaveformFileError(
-            f"{path} is cut off: its points should start at byte {points_start}, it has {size}"
+            f"{path}: truncated: points start at byte {points_start}, file has {size} bytes"
         )
     if header_size + records * _RECORD_HEADER_SIZE > points_start:
         raise WaveformFileError(
             f"{path}: {records} variable records do not fit between the header of {header_size} "
             f"bytes and the points at byte {points_start}"
         )
-    _check_extent_of_records(path, header_size, points_start, records)
+    _check_record_extent(path, header_size, points_start, records)
 
 
 def _check_kind(start: bytes, path: Path) -> None:
     version, point_format = (start[24], start[25]), start[104] & ~_COMPRESSED
     if version not in _VERSIONS:
         raise WaveformFileError(
-            f"{path} is LAS {version[0]}.{version[1]}; versions 1.3, 1.4 and 1.5 have waveforms "
-            "that can be read"
+            f"{path}: unsupported LAS version {version[0]}.{version[1]}; must be 1.3, 1.4 or 1.5"
         )
     if point_format not in WAVEFORM_POINT_FORMATS:
         raise WaveformFileError(
-            f"{path}: point format {point_format} has no waveforms; formats 4, 5, 9 and 10 do"
+            f"{path}: point format {point_format} has no waveforms; must be 4, 5, 9 or 10"
         )
 
 
-def _check_extent_of_records(path: Path, start: int, end: int, records: int) -> None:
-    """Keep records that reach into the points from laspy, which would read them shorter."""
+def _check_record_extent(path: Path, start: int, end: int, records: int) -> None:
+    """Reject records that extend into the points, which laspy would shorten."""
     with path.open("rb") as stream:
         for number in range(1, records + 1):
             stream.seek(start + _LENGTH_IN_RECORD_HEADER)
@@ -116,7 +114,7 @@ def _check_extent_of_records(path: Path, start: int, end: int, records: int) -> 
             start += _RECORD_HEADER_SIZE + length
             if start > end:
                 raise WaveformFileError(
-                    f"{path}: variable record {number} of {records} has {length} bytes and reaches "
+                    f"{path}: variable record {number} of {records} has {length} bytes and extends "
                     f"beyond byte {end}, where the points start"
                 )
 
@@ -126,11 +124,10 @@ def _check_header(header: laspy.LasHeader, path: Path) -> None:
     if header.are_points_compressed:
         check_compression(header, path)
         return
-    there = (path.stat().st_size - header.offset_to_point_data) // header.point_format.size
-    if there < header.point_count:
+    found = (path.stat().st_size - header.offset_to_point_data) // header.point_format.size
+    if found < header.point_count:
         raise WaveformFileError(
-            f"{path} is cut off: the header announces {header.point_count} points, "
-            f"{there} are there"
+            f"{path}: truncated: header declares {header.point_count} points, found {found}"
         )
 
 
@@ -147,8 +144,8 @@ def _read_extended_records(
         for number in range(header.number_of_evlrs):
             if position + RECORD_HEADER_SIZE > size:
                 raise WaveformFileError(
-                    f"{path} is cut off: extended record {number + 1} of {header.number_of_evlrs} "
-                    f"should start at byte {position}, the file has {size} bytes"
+                    f"{path}: truncated: extended record {number + 1} of "
+                    f"{header.number_of_evlrs} starts at byte {position}, file has {size} bytes"
                 )
             stream.seek(position)
             user, record_id, length = read_record_header(stream)
@@ -158,8 +155,8 @@ def _read_extended_records(
             if (user, record_id) != (b"LASF_Spec", PACKET_RECORD_ID):
                 if end > size:
                     raise WaveformFileError(
-                        f"{path} is cut off: its extended record {record_id} ends at byte {end}, "
-                        f"the file has {size} bytes"
+                        f"{path}: truncated: extended record {record_id} ends at byte {end}, "
+                        f"file has {size} bytes"
                     )
                 stream.seek(position)
                 records.extend(VLRList.read_from(stream, 1, extended=True))
@@ -169,26 +166,26 @@ def _read_extended_records(
 
 @dataclass(frozen=True, slots=True)
 class Survey:
-    """What a first pass over all points found."""
+    """What is known of the points before the first block."""
 
-    ascending: bool  # GPS times never fall and are all numbers
-    without_times: bool  # one GPS time for all, although they have several packets
-    descriptors: tuple[int, ...]  # that points name, without 0
+    ascending: bool  # GPS times never decrease and none is NaN
+    without_times: bool  # all points have the same GPS time but several packets
+    descriptors: tuple[int, ...]  # that points refer to, without 0
 
 
 def survey(reader: laspy.LasReader, path: Path) -> Survey:
-    """Read all points once, chunk by chunk, for what has to be known before the first block."""
+    """Read all points once, chunk by chunk."""
     used = np.zeros(256, dtype=bool)
     channels: set[int] = set()
     ascending, last_time = True, -np.inf
     times: tuple[float, float] = (np.inf, -np.inf)
     offsets: tuple[int, int] = (2**64, -1)
-    for points in _in_file_order(reader, path, _SURVEY_CHUNK):
+    for points in _in_file_order(reader, path, SURVEY_CHUNK):
         gps_time, index = points["gps_time"], points["wavepacket_index"]
         used[index] = True
         if reader.header.are_points_compressed:
             check_scanner_channels(channels := channels | scanner_channels(points), path)
-        # Written so that a NaN anywhere makes it false.
+        # Written so that any NaN makes it false.
         ascending = ascending and bool(gps_time[0] >= last_time and (np.diff(gps_time) >= 0).all())
         last_time = gps_time[-1]
         times = min(times[0], float(gps_time.min())), max(times[1], float(gps_time.max()))
@@ -199,27 +196,29 @@ def survey(reader: laspy.LasReader, path: Path) -> Survey:
     return Survey(ascending, without_times, tuple(int(i) for i in np.flatnonzero(used) if i > 0))
 
 
-def whole_shots(reader: laspy.LasReader, path: Path, found: Survey, chunk: int) -> Iterator[Points]:
-    """Yield all points in order of time, cut between shots, in pieces of about `chunk` points.
+def whole_shots(
+    reader: laspy.LasReader, path: Path, surveyed: Survey, chunk: int
+) -> Iterator[Points]:
+    """Yield all points in order of time, cut between shots, in parts of about `chunk` points.
 
-    Points of one GPS time are one shot; within it they keep the order of the file. Without times
-    every point may end a piece.
+    Points with the same GPS time are one shot and keep their order. Without times a part may end
+    at any point.
 
     Raises
     ------
     WaveformFileError
-        If the points are cut off, or compressed and not in order of time.
+        If the points are truncated, or compressed and not in order of time.
     """
-    if found.without_times:
+    if surveyed.without_times:
         yield from _in_file_order(reader, path, chunk)
         return
-    chunks = _in_file_order if found.ascending else _in_order_of_time
-    carried: list[Points] = []  # points of the last shot, which the next chunk may continue
+    chunks = _in_file_order if surveyed.ascending else _in_order_of_time
+    carried: list[Points] = []  # of the last shot, which may continue in the next chunk
     for points in chunks(reader, path, chunk):
         if carried and points["gps_time"][0] != carried[0]["gps_time"][0]:
             yield np.concatenate(carried)
             carried = []
-        # Chunks are in order, except for NaN at their end, which equals nothing.
+        # Chunks are in order except for NaN at their end, which is unequal to itself.
         start = int(np.argmax(points["gps_time"] == points["gps_time"][-1]))
         if start > 0:
             yield np.concatenate([*carried, points[:start]])
@@ -233,14 +232,13 @@ def _in_file_order(reader: laspy.LasReader, path: Path, chunk: int) -> Iterator[
     total = reader.header.point_count
     for start in range(0, total, chunk):
         expected = min(chunk, total - start)
-        with decoder_trouble_told(f"{path}: cannot read the points from {start} on"):
-            if start == 0 or reader.points_read != start:  # another pass may be under way
+        with decoder_errors(f"{path}: cannot read points from number {start}"):
+            if start == 0 or reader.points_read != start:  # another iteration may be in progress
                 reader.seek(start)
             points: Points = reader.read_points(expected).array
         if len(points) != expected:
             raise WaveformFileError(
-                f"{path} is cut off: the header announces {total} points, {start + len(points)} "
-                "are there"
+                f"{path}: truncated: header declares {total} points, found {start + len(points)}"
             )
         yield points
 
@@ -249,32 +247,31 @@ def _in_order_of_time(reader: laspy.LasReader, path: Path, chunk: int) -> Iterat
     header = reader.header
     if header.are_points_compressed:
         raise WaveformFileError(
-            f"{path}: the points are compressed and not in order of GPS time; sort or decompress "
-            "them first"
+            f"{path}: compressed points are not in order of GPS time; sort or decompress them first"
         )
-    # An index of 8 bytes per point, and as much for the times while it is made; NaN comes last.
-    times = [points["gps_time"].copy() for points in _in_file_order(reader, path, _SURVEY_CHUNK)]
+    # 8 bytes per point for the index, as much for the times while it is built; NaN is last.
+    times = [points["gps_time"].copy() for points in _in_file_order(reader, path, SURVEY_CHUNK)]
     order = np.argsort(np.concatenate(times), kind="stable")
     layout = header.point_format.dtype()
     data = FileBytes(path, header.offset_to_point_data)
     try:
         for start in range(0, len(order), chunk):
-            places = order[start : start + chunk] * layout.itemsize
-            yield data.rows(places, layout.itemsize).view(layout)[:, 0]
+            offsets = order[start : start + chunk] * layout.itemsize
+            yield data.rows(offsets, layout.itemsize).view(layout)[:, 0]
     finally:
         data.close()
 
 
-def has_place(points: Points) -> npt.NDArray[np.bool_]:
-    """Tell whether direction and return location of each point are finite."""
-    place: npt.NDArray[np.bool_] = np.isfinite(points["return_point_wave_location"])
+def is_georeferenced(points: Points) -> BoolArray:
+    """Whether direction and return location of each point (n,) are finite."""
+    finite: BoolArray = np.isfinite(points["return_point_wave_location"])
     for axis in ("x_t", "y_t", "z_t"):
-        place &= np.isfinite(points[axis])
-    return place
+        finite &= np.isfinite(points[axis])
+    return finite
 
 
 def pulse_geometry(record: laspy.ScaleAwarePointRecord) -> PulseGeometry:
-    """Give the place in space of the waveforms of these points lie."""
+    """Geometry of the waveforms of the points."""
     direction: FloatArray = np.column_stack([record["x_t"], record["y_t"], record["z_t"]])
     return PulseGeometry(
         anchor=np.column_stack([record["x"], record["y"], record["z"]]).astype(np.float64),
@@ -284,7 +281,7 @@ def pulse_geometry(record: laspy.ScaleAwarePointRecord) -> PulseGeometry:
 
 
 def shot_attributes(record: laspy.ScaleAwarePointRecord) -> ShotAttributes:
-    """Give what echoes inherit from these points; the scan angle of any format in degrees."""
+    """What echoes inherit from the points; scan angle in degrees for every format."""
     if record.point_format.id < 6:
         angle = record["scan_angle_rank"].astype(np.float32)
     else:

@@ -9,48 +9,42 @@ from functools import partial
 
 import laspy
 import numpy as np
-import numpy.typing as npt
 
-from fullwaveform.data.arrays import BoolArray, FloatArray
+from fullwaveform.data.arrays import BoolArray, FloatArray, IntArray
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.block_range import PendingBlock, last_cut
+from fullwaveform.io.las.descriptors import (
+    DescriptorTable,
+    WaveformDescriptor,
+    check_supported,
+    read_descriptors,
+)
 from fullwaveform.io.las.points import (
     Points,
     Survey,
-    has_place,
+    is_georeferenced,
     open_las,
     pulse_geometry,
     shot_attributes,
     survey,
     whole_shots,
 )
-from fullwaveform.io.las.waveform_packets import (
-    DescriptorTable,
-    SeenPackets,
-    WaveformDescriptor,
-    check_usable,
-    open_packets,
-    read_descriptors,
-)
+from fullwaveform.io.las.waveform_packets import SeenPackets, open_packets
+from fullwaveform.io.limits import BLOCK_SAMPLES, NO_TIME, OUTSIDE, numbered_shots
 
-OUTSIDE = "packet outside the waveform data"
-WRONG_SIZE = "packet size differs from that of its descriptor"
-OVERLAPPING = "packet overlaps another one"
-NO_TIME = "GPS time is not a finite number"
-NO_PLACE = "direction or return location is not finite"
-
-_FIRST_SHOT_KEY = -(2.0**52)  # from here on 2**52 whole numbers are doubles
-_BLOCK_SAMPLES = 1 << 26  # samples of a block, padding included: 128 MiB
+WRONG_SIZE = "packet size differs from descriptor"
+OVERLAPPING = "packet overlaps another packet"
+NOT_GEOREFERENCED = "direction or return location not finite"
 
 
 @dataclass(frozen=True, slots=True)
-class _Pass:
-    """What one pass over the file works with."""
+class _Iteration:
+    """State of one iteration over the points."""
 
-    met: ReadTally
-    found: Survey
+    tally: ReadTally
+    surveyed: Survey
     table: DescriptorTable
     seen: SeenPackets
     waveforms_per_block: int
@@ -62,13 +56,13 @@ class LasWaveformReader(WaveformReader):
     Parameters
     ----------
     path
-        The LAS file. Packets may lie in it or in the file of the same name ending ``.wdp``.
+        The LAS file. Packets may be in it or in the file of the same name ending ``.wdp``.
     waveforms_per_block, channel_flags
-        As in `WaveformReader`, flags by waveform descriptor.
+        As in `WaveformReader`; flags by waveform descriptor.
 
-    Points that are not in order of GPS time are visited in that order; a waveform that several
-    points share belongs to the first of them. Raises as `WaveformReader`; in a pass also if a
-    descriptor that points name is missing or cannot be read.
+    Points are visited in order of GPS time; a waveform that several points share belongs to the
+    first of them. Raises as `WaveformReader`, and while reading if a descriptor that points refer
+    to is missing or not supported.
     """
 
     def __init__(
@@ -86,7 +80,7 @@ class LasWaveformReader(WaveformReader):
         except BaseException:
             self._reader.close()
             raise
-        self._begin_anew(notes)
+        self._set_notes(notes)
 
     def close(self) -> None:
         """Close the file; may be called twice."""
@@ -96,12 +90,12 @@ class LasWaveformReader(WaveformReader):
 
     @property
     def header(self) -> laspy.LasHeader:
-        """Its header; the extended records in it are without the waveform packets."""
+        """Header of the file; its extended records do not include the waveform packets."""
         return self._reader.header
 
     @property
     def descriptors(self) -> dict[int, WaveformDescriptor]:
-        """The waveform descriptors of the file by index, the unused ones too."""
+        """All waveform descriptors of the file by index."""
         return self._descriptors
 
     @property
@@ -111,51 +105,51 @@ class LasWaveformReader(WaveformReader):
 
     @property
     def channel_numbers(self) -> frozenset[int]:
-        """Indices of its waveform descriptors."""
+        """Indices of the waveform descriptors."""
         return frozenset(self._descriptors)
 
-    def _pending_blocks(self, met: ReadTally) -> Iterator[PendingBlock]:
-        run = self._prepare(met)
+    def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:
+        run = self._prepare(tally)
         limit = run.waveforms_per_block
         pending = np.empty(0, dtype=self.header.point_format.dtype())
-        for points in whole_shots(self._reader, self._path, run.found, limit):
-            pending = np.concatenate([pending, self._choose(points, run)])
+        for points in whole_shots(self._reader, self._path, run.surveyed, limit):
+            pending = np.concatenate([pending, self._readable(points, run)])
             while len(pending) >= limit:
-                end = limit if run.found.without_times else last_cut(pending["gps_time"], limit)
-                yield self._to_gather(pending[:end], run)
+                end = limit if run.surveyed.without_times else last_cut(pending["gps_time"], limit)
+                yield self._pending(pending[:end], run)
                 pending = pending[end:]
         if len(pending) > 0:
-            yield self._to_gather(pending, run)
+            yield self._pending(pending, run)
 
-    def _to_gather(self, rows: Points, run: _Pass) -> PendingBlock:
-        return PendingBlock(len(rows), partial(self._block, rows, run))
+    def _pending(self, points: Points, run: _Iteration) -> PendingBlock:
+        return PendingBlock(len(points), partial(self._block, points, run))
 
-    def _prepare(self, met: ReadTally) -> _Pass:
-        found = survey(self._reader, self._path)
-        for index in found.descriptors:
+    def _prepare(self, tally: ReadTally) -> _Iteration:
+        surveyed = survey(self._reader, self._path)
+        for index in surveyed.descriptors:
             if index not in self._descriptors:
                 raise WaveformFileError(
-                    f"{self._path}: points name waveform descriptor {index}; the file has "
-                    f"{sorted(self._descriptors) or 'none'}"
+                    f"{self._path}: missing waveform descriptor {index}; the file has "
+                    f"{', '.join(map(str, sorted(self._descriptors))) or 'none'}"
                 )
-            check_usable(self._descriptors[index], self._path)
-        table = DescriptorTable(self._descriptors[index] for index in found.descriptors)
-        if found.without_times:
-            met.notes.append(
-                "All points have the same GPS time; each waveform counts as a shot of its own."
+            check_supported(self._descriptors[index], self._path)
+        table = DescriptorTable(self._descriptors[index] for index in surveyed.descriptors)
+        if surveyed.without_times:
+            tally.notes.append(
+                "All points have the same GPS time; each waveform is treated as a separate shot."
             )
-        if not found.ascending:
-            met.notes.append(
-                "The points are not in order of GPS time; they were visited in that order."
+        if not surveyed.ascending:
+            tally.notes.append(
+                "The points are not in order of GPS time; they are read in that order."
             )
         widest = max(int(table.sample_counts.max()), 1)
-        limit = max(1, min(self._waveforms_per_block, _BLOCK_SAMPLES // widest))
-        seen = SeenPackets(self._packets.size, table.smallest_packet)
-        return _Pass(met, found, table, seen, limit)
+        limit = max(1, min(self._waveforms_per_block, BLOCK_SAMPLES // widest))
+        seen = SeenPackets(self._packets.size, table.min_packet_size)
+        return _Iteration(tally, surveyed, table, seen, limit)
 
-    def _choose(self, points: Points, run: _Pass) -> Points:
-        """Choose the points that bring a new and usable waveform, with everything else counted."""
-        tally = run.met
+    def _readable(self, points: Points, run: _Iteration) -> Points:
+        """The points with a new and readable waveform; all others are counted."""
+        tally = run.tally
         tally.points += len(points)
         with_packet = points[points["wavepacket_index"] > 0]
         tally.points_without_waveform += len(points) - len(with_packet)
@@ -163,41 +157,41 @@ class LasWaveformReader(WaveformReader):
         tally.points_sharing_waveform += len(with_packet) - len(first)
         left = with_packet[np.sort(first)]
         sizes = run.table.packet_sizes[left["wavepacket_index"]]
-        inside = self._packets.holds(left["wavepacket_offset"], sizes)
+        inside = self._packets.contains(left["wavepacket_offset"], sizes)
         left = _keep(inside, left, OUTSIDE, tally)
         left = self._unseen(left, run)
         sizes = run.table.packet_sizes[left["wavepacket_index"]]
         left = _keep(left["wavepacket_size"] == sizes, left, WRONG_SIZE, tally)
         left = _keep(np.isfinite(left["gps_time"]), left, NO_TIME, tally)
-        return _keep(has_place(left), left, NO_PLACE, tally)
+        return _keep(is_georeferenced(left), left, NOT_GEOREFERENCED, tally)
 
-    def _unseen(self, points: Points, run: _Pass) -> Points:
+    def _unseen(self, points: Points, run: _Iteration) -> Points:
         cells = run.seen.cells(points["wavepacket_offset"].astype(np.int64))
         _, first = np.unique(cells, return_index=True)
         alone = np.zeros(len(cells), dtype=bool)
         alone[first] = True
-        left, cells = _keep(alone, points, OVERLAPPING, run.met), cells[alone]
+        left, cells = _keep(alone, points, OVERLAPPING, run.tally), cells[alone]
         new = ~run.seen.test_and_set(cells)
-        run.met.points_sharing_waveform += len(new) - int(np.count_nonzero(new))
+        run.tally.points_sharing_waveform += len(new) - int(np.count_nonzero(new))
         unseen: Points = left[new]
         return unseen
 
-    def _block(self, rows: Points, run: _Pass, numbers: npt.NDArray[np.int64]) -> WaveformBlock:
-        header, index = self.header, rows["wavepacket_index"]
+    def _block(self, points: Points, run: _Iteration, numbers: IntArray) -> WaveformBlock:
+        header, index = self.header, points["wavepacket_index"]
         record = laspy.ScaleAwarePointRecord(
-            rows, header.point_format, header.scales, header.offsets
+            points, header.point_format, header.scales, header.offsets
         )
-        samples, counts = self._packets.gather(
-            rows["wavepacket_offset"].astype(np.int64), index, run.table
+        samples, counts = self._packets.read(
+            points["wavepacket_offset"].astype(np.int64), index, run.table
         )
-        times: FloatArray = rows["gps_time"].astype(np.float64)
-        if run.found.without_times:
-            times = numbers.astype(np.float64) + _FIRST_SHOT_KEY
+        times: FloatArray = points["gps_time"].astype(np.float64)
+        if run.surveyed.without_times:
+            times = numbered_shots(numbers)
         return WaveformBlock(
             samples=samples,
             counts=counts,
             shot_times=times,
-            sbl_times=np.zeros(len(rows)),
+            sbl_times=np.zeros(len(points)),
             channel_flags=self._flags[index],
             sampling_intervals=run.table.intervals[index],
             geometry=pulse_geometry(record),
@@ -206,14 +200,16 @@ class LasWaveformReader(WaveformReader):
         )
 
 
-def _keep(good: BoolArray, points: Points, reason: str, met: ReadTally) -> Points:
+def _keep(good: BoolArray, points: Points, reason: str, tally: ReadTally) -> Points:
+    if good.all():
+        return points
     rejected: Points = points[~good]
-    met.reject(reason, len(rejected), (_place(point) for point in rejected))
+    tally.reject(reason, len(rejected), (_place(point) for point in rejected))
     kept: Points = points[good]
     return kept
 
 
 def _place(point: np.void) -> str:
-    """Where a packet stands; the number of a point would say less, as points share packets."""
+    """Place of a packet; not the number of a point, because points share packets."""
     offset, index = int(point["wavepacket_offset"]), int(point["wavepacket_index"])
     return f"descriptor {index}, byte {offset}, GPS time {float(point['gps_time'])!r} s"

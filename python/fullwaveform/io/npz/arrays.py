@@ -1,28 +1,28 @@
-"""Arrays of NumPy archives, checked before memory is taken for them."""
+"""Arrays of NumPy archives, checked before memory is allocated for them."""
 
 from __future__ import annotations
 
 import zipfile
 from pathlib import Path
-from typing import IO, Any
+from typing import IO
 
-import numpy.typing as npt
 from numpy.lib import format as npy
 
+from fullwaveform.data.arrays import AnyArray
 from fullwaveform.data.errors import WaveformFileError
 
-Arrays = dict[str, npt.NDArray[Any]]
+Arrays = dict[str, AnyArray]
 
 
-def load_arrays(path: Path, wanted: frozenset[str], memory_limit: int) -> Arrays:
-    """The wanted arrays of an archive, those that are there, whole.
+def load_arrays(path: Path, keys: frozenset[str], memory_limit: int) -> Arrays:
+    """Load those of the arrays with the given keys that an archive has.
 
     Raises
     ------
     OSError
         If the file cannot be opened.
     WaveformFileError
-        If it is no archive of plain arrays, or the arrays take more than `memory_limit` bytes.
+        If it is not a valid archive of numbers, or the arrays take more than `memory_limit` bytes.
     """
     with path.open("rb") as stream:
         try:
@@ -30,55 +30,54 @@ def load_arrays(path: Path, wanted: frozenset[str], memory_limit: int) -> Arrays
                 members = {
                     name.removesuffix(".npy"): name
                     for name in archive.namelist()
-                    if name.endswith(".npy") and name.removesuffix(".npy") in wanted
+                    if name.endswith(".npy") and name.removesuffix(".npy") in keys
                 }
                 _check_sizes(archive, members, path, memory_limit)
                 return {key: _array(archive, name, key, path) for key, name in members.items()}
         except WaveformFileError:
             raise
-        except Exception as error:  # zipfile, zlib and NumPy's parser have errors of their own
+        except Exception as error:  # zipfile, zlib and NumPy's parser raise many types
             raise WaveformFileError(
-                f"{path} is not a whole .npz with plain arrays: {error}"
+                f"{path}: corrupt .npz or unsupported array type: {error}"
             ) from error
 
 
 def _check_sizes(
     archive: zipfile.ZipFile, members: dict[str, str], path: Path, memory_limit: int
 ) -> None:
-    """Compare what each header announces with what the archive holds, and all with the limit."""
+    """Compare the declared size of each array with the archive, and the sum with the limit."""
     total = 0
     for key, name in members.items():
         with archive.open(name) as stream:
-            announced = _announced_bytes(stream, key, path)
-            held = archive.getinfo(name).file_size - stream.tell()
-        if announced != held:
+            declared = _declared_bytes(stream, key, path)
+            stored = archive.getinfo(name).file_size - stream.tell()
+        if declared != stored:
             raise WaveformFileError(
-                f"{path}: array {key} should have {announced} bytes, the archive holds {held}"
+                f"{path}: truncated: array {key} declares {declared} bytes, found {stored}"
             )
-        total += announced
+        total += declared
     if total > memory_limit:
         raise WaveformFileError(
-            f"{path}: its arrays take {total / 1e9:.3g} GB, at most {memory_limit / 1e9:.3g} GB "
-            "are read whole; divide the file, or make it a scan container, which is read block "
-            "by block"
+            f"{path}: arrays of {total / 1e9:.3g} GB exceed the limit of {memory_limit / 1e9:.3g} "
+            "GB; split the file, or write a scan container, which is read block by block"
         )
 
 
-def _announced_bytes(stream: IO[bytes], key: str, path: Path) -> int:
+def _declared_bytes(stream: IO[bytes], key: str, path: Path) -> int:
     version = npy.read_magic(stream)
     read_header = npy.read_array_header_1_0 if version == (1, 0) else npy.read_array_header_2_0
     shape, _, dtype = read_header(stream)
     if dtype.hasobject:
-        raise WaveformFileError(f"{path}: array {key} holds Python objects, must hold numbers")
+        raise WaveformFileError(f"{path}: array {key} has Python objects; must be numbers")
     size = dtype.itemsize
-    for extent in shape:  # plain numbers: a product of 64 bits may wrap
+    for extent in shape:  # Python integers, because a 64-bit product could overflow
         size *= int(extent)
     return size
 
 
-def _array(archive: zipfile.ZipFile, name: str, key: str, path: Path) -> npt.NDArray[Any]:
+def _array(archive: zipfile.ZipFile, name: str, key: str, path: Path) -> AnyArray:
     with archive.open(name) as stream:
-        array: npt.NDArray[Any] = npy.read_array(stream, allow_pickle=False)
+        array: AnyArray = npy.read_array(stream, allow_pickle=False)
     if array.dtype.kind not in "biuf":
-        raise WaveformFileError(f"{path}: array {key} holds {array.dtype}, must hold numbers")
+        raise WaveformFileError(f"{path}: array {key} has type {array.dtype}; must be numbers")
     return array

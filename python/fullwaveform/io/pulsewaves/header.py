@@ -1,7 +1,7 @@
-"""Header and variable records of PulseWaves files, and the LAS header that echoes of them follow.
+"""Header and variable records of PulseWaves files, and the LAS header for their echoes.
 
-The records stand behind the header; appended ones stand at the end of the file, each header behind
-its data, so that they are read backwards.
+The records follow the header; appended records are at the end of the file, each with its header
+after its data, so they are read backwards.
 """
 
 from __future__ import annotations
@@ -22,15 +22,15 @@ from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.coordinates import check_coordinates
 
 PULSE_SIGNATURE = b"PulseWavesPulse"
-SMALLEST_PULSE = 48  # bytes; what follows in larger ones are attributes of their own
-SPECIFICATION_USER = "PulseWaves_Spec"
-PROJECTION_USER = "PulseWaves_Proj"
+MIN_PULSE_SIZE = 48  # bytes; larger pulses have additional attributes
+PULSEWAVES_USER_ID = "PulseWaves_Spec"
+PROJECTION_USER_ID = "PulseWaves_Proj"
 
 _HEADER = struct.Struct("<16sII16s64s64sHHBBHqqIIIIqIidd2q3d3d6d")
 _RECORD = struct.Struct("<16sIIq64s")
-_END_OF_APPENDED = 0xFFFFFFFF  # record id; the first in the file, the last that is met backwards
+_END_OF_APPENDED = 0xFFFFFFFF  # record id; the first in the file, the last when read backwards
 _SECONDS_OF_WEEK = 604_800
-_ADJUSTMENT = 1e9  # s, from standard GPS time to what LAS calls adjusted standard
+_ADJUSTMENT = 1e9  # s, from standard to adjusted standard GPS time of LAS
 _WKT_RECORD = 2112
 
 Triple = tuple[float, float, float]
@@ -38,7 +38,7 @@ Triple = tuple[float, float, float]
 
 @dataclass(frozen=True, slots=True)
 class PulseWavesHeader:
-    """What the header of a ``.pls`` file says; every value has been checked against the file."""
+    """Header of a ``.pls`` file; every value has been checked against the file."""
 
     source_id: int
     guid: bytes
@@ -46,10 +46,10 @@ class PulseWavesHeader:
     header_size: int  # bytes
     pulses_start: int  # byte of the file
     pulse_count: int
-    attributes: int  # not 0: pulses carry more than their standard fields
+    attributes: int  # not 0: pulses have more than the standard fields
     pulse_size: int  # bytes
     record_count: int
-    appended_count: int  # negative: as many as there are
+    appended_count: int  # negative: unknown
     time_scale: float  # s per count
     time_offset: float  # s
     time_range: tuple[int, int]  # counts; not always set
@@ -58,7 +58,7 @@ class PulseWavesHeader:
 
     @property
     def pulses_end(self) -> int:
-        """The byte behind the last pulse."""
+        """End of the last pulse, byte of the file."""
         return self.pulses_start + self.pulse_count * self.pulse_size
 
     @property
@@ -68,7 +68,7 @@ class PulseWavesHeader:
 
     @property
     def time_adjustment(self) -> float:
-        """What LAS takes off the times, s: times from 1e9 s on are standard GPS time."""
+        """What LAS subtracts from the times, s: from 1e9 s on they are standard GPS time."""
         return _ADJUSTMENT if min(self.seconds) >= _ADJUSTMENT else 0.0
 
 
@@ -90,17 +90,17 @@ def read_header(path: Path) -> PulseWavesHeader:
     OSError
         If the file cannot be read.
     WaveformFileError
-        If it is not a whole, uncompressed PulseWaves file of version 0.
+        If it is not a complete, uncompressed PulseWaves file of version 0.
     """
     with path.open("rb") as stream:
         start = stream.read(_HEADER.size)
     if not start.startswith(PULSE_SIGNATURE):
         raise WaveformFileError(
-            f"{path} is not a file of pulses: it does not start with {PULSE_SIGNATURE.decode()}"
+            f"{path} is not a PulseWaves pulse file; must start with {PULSE_SIGNATURE.decode()}"
         )
     if len(start) < _HEADER.size:
         raise WaveformFileError(
-            f"{path} is cut off in its header: it has {len(start)} bytes, the header {_HEADER.size}"
+            f"{path}: truncated in the header: {len(start)} bytes, the header has {_HEADER.size}"
         )
     fields = _HEADER.unpack(start)
     _check_kind(fields, path)
@@ -127,24 +127,24 @@ def read_header(path: Path) -> PulseWavesHeader:
 
 
 def read_records(header: PulseWavesHeader, path: Path) -> list[VariableRecord]:
-    """Read the variable records behind the header, then the appended ones, the last one first.
+    """Read the variable records after the header, then the appended ones, the last one first.
 
     Raises
     ------
     WaveformFileError
-        If a record is cut short or does not fit the place where records are.
+        If a record is truncated or outside the part of the file that holds records.
     """
     with path.open("rb") as stream:
-        records = _records_behind_header(header, stream, path)
+        records = _records_after_header(header, stream, path)
         return records + _appended_records(header, stream, path)
 
 
 def las_header(header: PulseWavesHeader, records: Sequence[VariableRecord]) -> laspy.LasHeader:
-    """Make a LAS 1.4 header of point format 9 with the scales, offsets and reference system.
+    """LAS 1.4 header of point format 9 with the scales, offsets and reference system.
 
-    The file does not say from when its times count. Times within one week are announced as GPS
-    week time, all others as the time that LAS calls adjusted standard; standard
-    GPS times are adjusted when pulses are read.
+    The file does not define the origin of its times. Times within one week are declared as GPS week
+    time, all others as adjusted standard GPS time; standard GPS times are adjusted when pulses are
+    read.
     """
     las = laspy.LasHeader(version="1.4", point_format=9)
     las.scales, las.offsets = np.array(header.scales), np.array(header.offsets)
@@ -152,12 +152,12 @@ def las_header(header: PulseWavesHeader, records: Sequence[VariableRecord]) -> l
     las.file_source_id = header.source_id if header.source_id <= 0xFFFF else 0
     in_week = all(0 <= second <= _SECONDS_OF_WEEK for second in header.seconds)
     las.global_encoding.gps_time_type = GpsTimeType.WEEK_TIME if in_week else GpsTimeType.STANDARD
-    projections = [record for record in records if record.user == PROJECTION_USER]
+    projections = [record for record in records if record.user == PROJECTION_USER_ID]
     las.vlrs.extend(
         laspy.VLR("LASF_Projection", record.record_id, record.description, record.data)
         for record in projections
     )
-    # Keys of GeoTIFF are of no use to a reader who was told to look for well-known text.
+    # With the WKT flag a reader would ignore GeoTIFF keys.
     las.global_encoding.wkt = not projections or any(
         record.record_id == _WKT_RECORD for record in projections
     )
@@ -168,20 +168,20 @@ def _check_kind(fields: tuple[int, ...], path: Path) -> None:
     major, minor, header_size = fields[8:11]
     pulse_format, pulse_size, compression = fields[13], fields[15], fields[16]
     if major != 0:
-        raise WaveformFileError(f"{path} has version {major}.{minor}; versions 0.x can be read")
+        raise WaveformFileError(f"{path}: unsupported version {major}.{minor}; must be 0.x")
     if header_size < _HEADER.size:
         raise WaveformFileError(
-            f"{path}: the header says it has {header_size} bytes; {_HEADER.size} are the least"
+            f"{path}: invalid header size {header_size} bytes; must be at least {_HEADER.size}"
         )
     if compression != 0:
         raise WaveformFileError(
-            f"{path}: the pulses are compressed, type {compression}; only type 0, none, can be read"
+            f"{path}: unsupported compression type {compression} of the pulses; must be 0 (none)"
         )
     if pulse_format != 0:
-        raise WaveformFileError(f"{path} has pulse format {pulse_format}; format 0 can be read")
-    if pulse_size < SMALLEST_PULSE:
+        raise WaveformFileError(f"{path}: unsupported pulse format {pulse_format}; must be 0")
+    if pulse_size < MIN_PULSE_SIZE:
         raise WaveformFileError(
-            f"{path}: a pulse has {pulse_size} bytes; {SMALLEST_PULSE} are the least"
+            f"{path}: invalid pulse size {pulse_size} bytes; must be at least {MIN_PULSE_SIZE}"
         )
 
 
@@ -189,8 +189,8 @@ def _check_extent(header: PulseWavesHeader, path: Path) -> None:
     size = path.stat().st_size
     if not header.header_size <= header.pulses_start <= size:
         raise WaveformFileError(
-            f"{path}: the pulses should start at byte {header.pulses_start}; that is not between "
-            f"the header of {header.header_size} bytes and the end of the file at byte {size}"
+            f"{path}: invalid start of the pulses at byte {header.pulses_start}; must be "
+            f"from the end of the header at byte {header.header_size} to that of the file at {size}"
         )
     if header.header_size + header.record_count * _RECORD.size > header.pulses_start:
         raise WaveformFileError(
@@ -199,13 +199,12 @@ def _check_extent(header: PulseWavesHeader, path: Path) -> None:
         )
     if header.pulse_count < 0:
         raise WaveformFileError(
-            f"{path}: the header announces {header.pulse_count} pulses; fewer than 0 cannot be"
+            f"{path}: invalid number of pulses {header.pulse_count}; must not be negative"
         )
     if header.pulses_end > size:
-        there = (size - header.pulses_start) // header.pulse_size
+        found = (size - header.pulses_start) // header.pulse_size
         raise WaveformFileError(
-            f"{path} is cut off: the header announces {header.pulse_count} pulses, {there} are "
-            "there"
+            f"{path}: truncated: header declares {header.pulse_count} pulses, found {found}"
         )
 
 
@@ -213,12 +212,12 @@ def _check_scales(header: PulseWavesHeader, path: Path) -> None:
     check_coordinates(header.scales, header.offsets, path)
     if not math.isfinite(header.time_scale) or not math.isfinite(header.time_offset):
         raise WaveformFileError(
-            f"{path}: scale {header.time_scale} and offset {header.time_offset} of the times must "
-            "be finite"
+            f"{path}: invalid scale {header.time_scale} or offset {header.time_offset} of the "
+            "times; must be finite"
         )
 
 
-def _records_behind_header(
+def _records_after_header(
     header: PulseWavesHeader, stream: BinaryIO, path: Path
 ) -> list[VariableRecord]:
     records = []
@@ -227,8 +226,8 @@ def _records_behind_header(
         name = f"{path}: variable record {number} of {header.record_count}"
         if position + _RECORD.size > header.pulses_start:
             raise WaveformFileError(
-                f"{name} starts at byte {position} and is cut short by the pulses, which start at "
-                f"byte {header.pulses_start}"
+                f"{name}: truncated: starts at byte {position}, pulses start at byte "
+                f"{header.pulses_start}"
             )
         stream.seek(position)
         head = stream.read(_RECORD.size)
@@ -236,8 +235,8 @@ def _records_behind_header(
         end = position + _RECORD.size + length
         if length < 0 or end > header.pulses_start:
             raise WaveformFileError(
-                f"{name} has a length of {length} bytes; it must end before the pulses, which "
-                f"start at byte {header.pulses_start}"
+                f"{name}: invalid length {length} bytes; must end before the pulses at byte "
+                f"{header.pulses_start}"
             )
         records.append(_record(head, stream.read(length)))
         position = end
@@ -253,8 +252,8 @@ def _appended_records(
         name = f"{path}: appended record {len(records) + 1} from the end"
         if position - _RECORD.size < header.pulses_end:
             raise WaveformFileError(
-                f"{name} is cut short by the pulses, which end at byte {header.pulses_end}; the "
-                f"header announces {header.appended_count} records"
+                f"{name}: truncated: pulses end at byte {header.pulses_end}; header declares "
+                f"{header.appended_count} records"
             )
         stream.seek(position - _RECORD.size)
         head = stream.read(_RECORD.size)
@@ -262,14 +261,14 @@ def _appended_records(
             if header.appended_count < 0:
                 break
             raise WaveformFileError(
-                f"{name} is the end of the list; the header announces {header.appended_count}"
+                f"{name} ends the list; header declares {header.appended_count} records"
             )
         length = _length_of(head)
         start = position - _RECORD.size - length
         if length < 0 or start < header.pulses_end:
             raise WaveformFileError(
-                f"{name} has a length of {length} bytes; it must start behind the pulses, which "
-                f"end at byte {header.pulses_end}"
+                f"{name}: invalid length {length} bytes; must start after the pulses at byte "
+                f"{header.pulses_end}"
             )
         stream.seek(start)
         records.append(_record(head, stream.read(length)))

@@ -1,4 +1,4 @@
-"""Pulses of PulseWaves files: their fields, their times, and their place in space."""
+"""Pulses of PulseWaves files: fields, times and geometry."""
 
 from __future__ import annotations
 
@@ -7,17 +7,15 @@ from dataclasses import dataclass, replace
 from pathlib import Path
 
 import numpy as np
-import numpy.typing as npt
 
-from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.arrays import FloatArray, IntArray, RecordArray
 from fullwaveform.data.blocks import PulseGeometry, ShotAttributes
 from fullwaveform.io.file_bytes import FileBytes
+from fullwaveform.io.limits import SURVEY_CHUNK, numbered_shots
 from fullwaveform.io.pulsewaves.header import PulseWavesHeader
 
-TARGET_UNITS = 1000.0  # sampling units that light needs from the anchor to the target
+TARGET_UNITS = 1000.0  # sampling units from the anchor to the target
 
-_FIRST_SHOT_KEY = -(2.0**52)  # from here on 2**52 whole numbers are doubles
-_SURVEY_CHUNK = 1 << 17  # pulses
 _FIELDS: dict[str, tuple[str, int]] = {  # type, byte of the pulse
     "time": ("<i8", 0),
     "offset": ("<i8", 8),
@@ -31,11 +29,11 @@ _FIELDS: dict[str, tuple[str, int]] = {  # type, byte of the pulse
     "classification": ("u1", 47),
 }
 
-Pulses = npt.NDArray[np.void]  # structured, fields as above
+Pulses = RecordArray  # structured, fields as above
 
 
 class PulseData:
-    """The pulses of a file, never loaded as a whole; to be closed."""
+    """The pulses of a file; must be closed."""
 
     def __init__(self, header: PulseWavesHeader, path: Path) -> None:
         self.header = header
@@ -59,25 +57,25 @@ class PulseData:
     def __len__(self) -> int:
         return self.header.pulse_count
 
-    def __getitem__(self, wanted: slice) -> Pulses:
-        return self.take(np.arange(*wanted.indices(len(self))))
+    def __getitem__(self, rows: slice) -> Pulses:
+        return self.take(np.arange(*rows.indices(len(self))))
 
-    def take(self, numbers: npt.NDArray[np.int64]) -> Pulses:
+    def take(self, numbers: IntArray) -> Pulses:
         """The pulses of the given running numbers, in their order."""
         raw = self._bytes.rows(numbers * self.header.pulse_size, self.header.pulse_size)
         pulses: Pulses = raw.view(self._layout)[:, 0]
         return pulses
 
     def chunks(self, size: int) -> Iterator[Pulses]:
-        """Yield all pulses in the order of the file, so many at a time."""
+        """Yield all pulses in the order of the file, `size` at a time."""
         for start in range(0, len(self), size):
             yield self[start : start + size]
 
     def times(self, pulses: Pulses) -> FloatArray:
-        """When each of these pulses left, s; standard GPS times adjusted as in LAS, minus 1e9."""
-        # Taken off the offset, which loses nothing: at 1e9 s doubles are 0.1 us apart.
+        """Time of each pulse, s; standard GPS times are adjusted as in LAS, minus 1e9."""
+        # Subtracted from the offset, because at 1e9 s doubles are 0.1 us apart.
         offset = self.header.time_offset - self.header.time_adjustment
-        with np.errstate(over="ignore"):  # a senseless scale gives infinite times, never NaN
+        with np.errstate(over="ignore"):  # an extreme scale gives infinite times, never NaN
             times: FloatArray = pulses["time"] * np.float64(self.header.time_scale)
             times += offset
         return times
@@ -85,17 +83,17 @@ class PulseData:
 
 @dataclass(frozen=True, slots=True)
 class PulseSurvey:
-    """What a first pass over all pulses found."""
+    """What is known of the pulses before the first block."""
 
     times_differ: bool  # no two pulses have the same time
-    descriptors: tuple[int, ...]  # that pulses name
+    descriptors: tuple[int, ...]  # that pulses refer to
 
 
 def survey(pulses: PulseData) -> PulseSurvey:
-    """Read all pulses once, chunk by chunk, for what has to be known before the first block."""
+    """Read all pulses once, chunk by chunk."""
     used = np.zeros(256, dtype=bool)
     rising, last_time = True, -np.inf
-    for chunk in pulses.chunks(_SURVEY_CHUNK):
+    for chunk in pulses.chunks(SURVEY_CHUNK):
         used[chunk["descriptor"]] = True
         times = pulses.times(chunk)
         rising = rising and bool(times[0] > last_time and (times[1:] > times[:-1]).all())
@@ -104,20 +102,17 @@ def survey(pulses: PulseData) -> PulseSurvey:
     return PulseSurvey(differ, tuple(int(index) for index in np.flatnonzero(used)))
 
 
-def shot_keys(
-    rows: Pulses, numbers: npt.NDArray[np.int64], pulses: PulseData, found: PulseSurvey
+def shot_times(
+    rows: Pulses, numbers: IntArray, pulses: PulseData, surveyed: PulseSurvey
 ) -> FloatArray:
-    """Give each pulse a number of its own: its time, or, where times repeat, its running number."""
-    if found.times_differ:
-        return pulses.times(rows)
-    keys: FloatArray = numbers.astype(np.float64) + _FIRST_SHOT_KEY
-    return keys
+    """Shot times of the pulses: their times, or their running numbers if times repeat."""
+    return pulses.times(rows) if surveyed.times_differ else numbered_shots(numbers)
 
 
 def segment_geometry(
     rows: Pulses, durations: FloatArray, units_ns: FloatArray, header: PulseWavesHeader
 ) -> PulseGeometry:
-    """Give the place in space of segments.
+    """Geometry of segments.
 
     Parameters
     ----------
@@ -132,12 +127,12 @@ def segment_geometry(
 
     Returns
     -------
-    Geometry whose anchors are the places of the first samples, all at location 0.
+    Geometry whose anchors are the positions of the first samples, all at location 0.
     """
     scales, offsets = np.array(header.scales), np.array(header.offsets)
-    # Senseless scales may lead beyond the largest double; writers leave such places out.
+    # Extreme scales can overflow; writers skip coordinates that are not finite.
     with np.errstate(over="ignore", invalid="ignore"):
-        # Subtracted as whole numbers: nothing is lost beside offsets of thousands of kilometres.
+        # Subtracted as integers, so that large offsets cost no precision.
         step = (rows["target"].astype(np.int64) - rows["anchor"]) * scales / TARGET_UNITS
         first_samples = rows["anchor"] * scales + offsets + durations[:, np.newaxis] * step
         direction = -step / (1000.0 * units_ns)[:, np.newaxis]
@@ -145,7 +140,7 @@ def segment_geometry(
 
 
 def shot_attributes(rows: Pulses, pulses: PulseData) -> ShotAttributes:
-    """Give what echoes inherit from pulses: time and source; the rest is 0, pulses do not say."""
+    """What echoes inherit from pulses: time and source; pulses have no other attributes."""
     source = pulses.header.source_id
     return ShotAttributes(
         gps_time=pulses.times(rows),
@@ -158,7 +153,7 @@ def shot_attributes(rows: Pulses, pulses: PulseData) -> ShotAttributes:
 
 
 def _all_differ(pulses: PulseData) -> bool:
-    # Eight bytes per pulse, only for files whose times do not rise.
-    times = np.concatenate([pulses.times(chunk) for chunk in pulses.chunks(_SURVEY_CHUNK)])
+    # Eight bytes per pulse, only for files whose times do not increase.
+    times = np.concatenate([pulses.times(chunk) for chunk in pulses.chunks(SURVEY_CHUNK)])
     times.sort()
     return bool((times[1:] > times[:-1]).all())

@@ -10,9 +10,8 @@ from functools import partial
 
 import laspy
 import numpy as np
-import numpy.typing as npt
 
-from fullwaveform.data.arrays import FloatArray, IntArray
+from fullwaveform.data.arrays import FloatArray, IntArray, UInt16Array
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
@@ -23,7 +22,7 @@ from fullwaveform.io.pulsewaves.descriptors import (
     PulseDescriptor,
     SamplingDescriptor,
     SamplingTable,
-    check_usable,
+    check_supported,
     read_descriptors,
 )
 from fullwaveform.io.pulsewaves.header import las_header, read_header, read_records
@@ -31,7 +30,7 @@ from fullwaveform.io.pulsewaves.pulses import (
     PulseData,
     segment_geometry,
     shot_attributes,
-    shot_keys,
+    shot_times,
     survey,
 )
 from fullwaveform.io.pulsewaves.samples import Segments, WaveData, find_waves
@@ -42,8 +41,8 @@ from fullwaveform.io.pulsewaves.selection import Selection
 class OutgoingPulses:
     """Samples of outgoing pulses, one row per segment, in the order of the file."""
 
-    samples: npt.NDArray[np.uint16]  # (n, width), counts; rows are zero behind their own count
-    counts: npt.NDArray[np.uint16]  # (n,), valid samples of each row
+    samples: UInt16Array  # (n, width), counts; zero after the last valid sample of a row
+    counts: UInt16Array  # (n,), valid samples of each row
     sampling_intervals: FloatArray  # (n,), s per sample
     shot_times: FloatArray  # (n,), as in the blocks of returning waveforms
     pulse_numbers: IntArray  # (n,), running number of the pulse in the file
@@ -53,18 +52,18 @@ class OutgoingPulses:
 
 
 class PulseWavesReader(WaveformReader):
-    """Reads the waveforms of a PulseWaves file of version 0.x that is not compressed.
+    """Reads the waveforms of an uncompressed PulseWaves file of version 0.x.
 
-    Each segment of a returning sampling is a waveform, each pulse a shot. Pulses are visited in the
-    order of the file. Values are counts as stored; lookup tables to other units are not applied.
+    Each segment of a returning sampling is a waveform, each pulse a shot. Pulses are read in the
+    order of the file. Values are counts as stored; lookup tables are not applied.
 
-    `sbl_times` of a block are the times that light needs from the anchor to a segment's first
-    sample (its duration), so that times of echoes from several segments of a shot compare.
+    `sbl_times` of a block are the times from the anchor to the first sample of a segment (its
+    duration), so that the times of echoes in several segments of a shot are comparable.
 
     Parameters
     ----------
     path
-        The file of pulses, ``.pls``. The samples lie in the file of the same name ending ``.wvs``.
+        The pulse file, ``.pls``. The samples are in the file of the same name ending ``.wvs``.
     waveforms_per_block, channel_flags
         As in `WaveformReader`; flags by the channel number of a sampling in the pulse descriptor.
 
@@ -94,19 +93,19 @@ class PulseWavesReader(WaveformReader):
         self._outgoing_tally = ReadTally()
 
     def close(self) -> None:
-        """Close the file; may be called twice. Nothing can be read any more."""
+        """Close the file; may be called twice."""
         super().close()
         self._pulses.close()
         self._waves.close()
 
     @property
     def header(self) -> laspy.LasHeader:
-        """A LAS header with the scales, offsets and reference system of this file."""
+        """LAS header with the scales, offsets and reference system of the file."""
         return self._header
 
     @property
     def descriptors(self) -> dict[int, PulseDescriptor]:
-        """The pulse descriptors of the file by index, the unused ones too."""
+        """All pulse descriptors of the file by index."""
         return self._descriptors
 
     @property
@@ -116,31 +115,31 @@ class PulseWavesReader(WaveformReader):
 
     @property
     def channel_numbers(self) -> frozenset[int]:
-        """Channels that its pulse descriptors give returning samplings."""
+        """Channels of the returning samplings in the pulse descriptors."""
         samplings = (one for whole in self._descriptors.values() for one in whole.samplings)
         return frozenset(one.channel for one in samplings if one.kind == RETURNING)
 
     @property
     def outgoing_tally(self) -> ReadTally:
-        """What the last pass over the outgoing pulses met; complete when it is exhausted."""
+        """Counts of the last `outgoing_pulses`; complete when that is exhausted."""
         return self._outgoing_tally
 
-    def _pending_blocks(self, met: ReadTally) -> Iterator[PendingBlock]:
+    def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:
         run = self._prepare(RETURNING)
-        met.notes += self._notes_on(run)
-        for segments in run.blocks(self._waveforms_per_block, met):
+        tally.notes += self._notes_on(run)
+        for segments in run.blocks(self._waveforms_per_block, tally):
             yield PendingBlock(len(segments), partial(self._block, segments, run))
 
     def outgoing_pulses(self) -> Iterator[OutgoingPulses]:
         """Yield the samples of the outgoing pulses in blocks; `tally` does not change.
 
-        Those that cannot be used are counted in `outgoing_tally`, which starts anew with each call,
-        for the same reasons as in `blocks`.
+        Unreadable ones are counted in `outgoing_tally`, for the same reasons as in `blocks`; each
+        call starts a new tally.
 
         Raises
         ------
         WaveformFileError
-            If a descriptor that pulses name is missing or cannot be read.
+            If a descriptor that pulses refer to is missing or not supported.
         """
         self._outgoing_tally = tally = ReadTally()
         run = self._prepare(OUTGOING)
@@ -151,39 +150,39 @@ class PulseWavesReader(WaveformReader):
                 samples=self._samples(segments, run),
                 counts=segments["count"].astype(np.uint16),
                 sampling_intervals=run.table.units_ns[code] / 1e9,
-                shot_times=shot_keys(pulses, segments["pulse"], self._pulses, run.found),
+                shot_times=shot_times(pulses, segments["pulse"], self._pulses, run.surveyed),
                 pulse_numbers=segments["pulse"].copy(),
             )
 
     def _prepare(self, kind: int) -> Selection:
-        self._check_that_it_is_open()
-        found = survey(self._pulses)
-        for index in found.descriptors:
+        self._check_open()
+        surveyed = survey(self._pulses)
+        for index in surveyed.descriptors:
             if index not in self._descriptors:
                 raise WaveformFileError(
-                    f"{self._path}: pulses name pulse descriptor {index}; the file has "
-                    f"{sorted(self._descriptors) or 'none'}"
+                    f"{self._path}: missing pulse descriptor {index}; the file has "
+                    f"{', '.join(map(str, sorted(self._descriptors))) or 'none'}"
                 )
-            check_usable(self._descriptors[index], self._path)
-        table = SamplingTable(self._descriptors[index] for index in found.descriptors)
-        wanted = np.array([one.kind == kind for one in table.samplings], dtype=bool)
-        return Selection(self._pulses, self._waves, found, table, wanted)
+            check_supported(self._descriptors[index], self._path)
+        table = SamplingTable(self._descriptors[index] for index in surveyed.descriptors)
+        selected = np.array([one.kind == kind for one in table.samplings], dtype=bool)
+        return Selection(self._pulses, self._waves, surveyed, table, selected)
 
     def _notes_on(self, run: Selection) -> list[str]:
         notes = []
-        if not run.found.times_differ:
-            notes.append("Several pulses have the same time; each counts as a shot of its own.")
+        if not run.surveyed.times_differ:
+            notes.append("Several pulses have the same time; each is treated as a separate shot.")
         if self._pulses.header.attributes != 0:
-            notes.append("The pulses carry attributes beyond their standard fields; not read.")
+            notes.append("The pulses have additional attributes; they were ignored.")
         returning = [one for one in run.table.samplings if one.kind == RETURNING]
         if any(one.lookup_table != 0 for one in returning):
-            notes.append("Lookup tables of the samples were not applied; values are counts.")
+            notes.append("Lookup tables of the samples were ignored; values are counts.")
         notes += _note_on_kinds(run.table.samplings)
         channels = sorted({one.channel for one in returning})
         flags = {int(self._flags[channel]) for channel in channels}
         if len(channels) > 1 and len(flags) == 1:
             numbers = " and ".join(map(str, channels))
-            notes.append(f"The file's channels {numbers} all count as channel {flags.pop()}.")
+            notes.append(f"Channels {numbers} of the file all have channel flag {flags.pop()}.")
         return notes
 
     def _block(self, segments: Segments, run: Selection, numbers: IntArray) -> WaveformBlock:
@@ -192,7 +191,7 @@ class PulseWavesReader(WaveformReader):
         return WaveformBlock(
             samples=self._samples(segments, run),
             counts=segments["count"].astype(np.uint16),
-            shot_times=shot_keys(pulses, segments["pulse"], self._pulses, run.found),
+            shot_times=shot_times(pulses, segments["pulse"], self._pulses, run.surveyed),
             sbl_times=segments["duration"] * unit / 1e9,
             channel_flags=self._flags[run.table.channels[code]],
             sampling_intervals=unit / 1e9,
@@ -201,9 +200,9 @@ class PulseWavesReader(WaveformReader):
             waveform_numbers=numbers,
         )
 
-    def _samples(self, segments: Segments, run: Selection) -> npt.NDArray[np.uint16]:
+    def _samples(self, segments: Segments, run: Selection) -> UInt16Array:
         sample_bytes = run.table.sample_bytes[segments["sampling"]]
-        return self._waves.gather(segments["start"], segments["count"], sample_bytes)
+        return self._waves.read(segments["start"], segments["count"], sample_bytes)
 
 
 def _note_on_kinds(samplings: tuple[SamplingDescriptor, ...]) -> list[str]:
@@ -211,4 +210,4 @@ def _note_on_kinds(samplings: tuple[SamplingDescriptor, ...]) -> list[str]:
     if not others:
         return []
     kinds = ", ".join(map(str, others))
-    return [f"Samplings of type {kinds}, neither outgoing nor returning, were passed over."]
+    return [f"Samplings of type {kinds}, neither outgoing nor returning, were skipped."]

@@ -1,8 +1,7 @@
-"""Samples of PulseWaves files: where the segments of each pulse lie, and what is in them.
+"""Samples of PulseWaves files: where the segments of each pulse are, and their values.
 
-The waves of a pulse have no fixed size: numbers of segments and of samples may stand between the
-samples. So the place of each number follows from those before it; all pulses of a descriptor take
-each such step together.
+The numbers of segments and of samples may be stored between the samples, so the position of each
+number follows from the numbers before it. All pulses of a descriptor take each step together.
 """
 
 from __future__ import annotations
@@ -11,9 +10,8 @@ import struct
 from pathlib import Path
 
 import numpy as np
-import numpy.typing as npt
 
-from fullwaveform.data.arrays import BoolArray, IntArray
+from fullwaveform.data.arrays import BoolArray, IntArray, RecordArray, UInt16Array
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.file_bytes import FileBytes
 from fullwaveform.io.pulsewaves.descriptors import PulseDescriptor, SamplingDescriptor
@@ -23,7 +21,7 @@ WAVES_HEADER_SIZE = 60  # bytes; offsets of pulses count from the start of this 
 
 _HEADER = struct.Struct("<16sI")
 
-Segments = npt.NDArray[np.void]  # of type SEGMENT
+Segments = RecordArray  # of type SEGMENT
 
 SEGMENT = np.dtype(
     [
@@ -37,14 +35,14 @@ SEGMENT = np.dtype(
 
 
 class WaveData:
-    """The bytes of a ``.wvs`` file, never loaded as a whole; to be closed.
+    """The ``.wvs`` file with the samples; must be closed.
 
     Raises
     ------
     FileNotFoundError
-        If there is no such file.
+        If the file does not exist.
     WaveformFileError
-        If it is not a file of uncompressed samples.
+        If it does not hold uncompressed samples.
     """
 
     def __init__(self, path: Path) -> None:
@@ -53,18 +51,18 @@ class WaveData:
             start = stream.read(WAVES_HEADER_SIZE)
         if not start.startswith(WAVES_SIGNATURE):
             raise WaveformFileError(
-                f"{path} is not a file of samples: it does not start with "
+                f"{path} is not a PulseWaves sample file; must start with "
                 f"{WAVES_SIGNATURE.decode()}"
             )
         if len(start) < WAVES_HEADER_SIZE:
             raise WaveformFileError(
-                f"{path} has {len(start)} bytes; its header alone takes {WAVES_HEADER_SIZE}"
+                f"{path}: truncated: {len(start)} bytes, the header has {WAVES_HEADER_SIZE}"
             )
         compression = _HEADER.unpack_from(start)[1]
         if compression != 0:
             raise WaveformFileError(
-                f"{path}: the samples are compressed, type {compression}; only type 0, none, can "
-                "be read"
+                f"{path}: unsupported compression type {compression} of the samples; must be 0 "
+                "(none)"
             )
         self._bytes = FileBytes(path)
 
@@ -78,21 +76,19 @@ class WaveData:
         return self._bytes.size
 
     def numbers(self, starts: IntArray, bits: int, *, signed: bool = False) -> IntArray:
-        """Read a number of `bits` bits at each of the places (n,), which lie inside the file."""
+        """Read a number of `bits` bits at each of the offsets (n,), which are inside the file."""
         size = bits // 8
         raw = self._bytes.rows(starts, size)
         values: IntArray = raw.view(f"<{'i' if signed else 'u'}{size}")[:, 0].astype(np.int64)
         return values
 
-    def gather(
-        self, starts: IntArray, counts: IntArray, sample_bytes: IntArray
-    ) -> npt.NDArray[np.uint16]:
-        """Gather samples.
+    def read(self, starts: IntArray, counts: IntArray, sample_bytes: IntArray) -> UInt16Array:
+        """Read samples.
 
         Parameters
         ----------
         starts
-            (n,), byte of the first sample of each row; all samples lie inside the file.
+            (n,), byte of the first sample of each row; all samples are inside the file.
         counts
             (n,), samples of each row.
         sample_bytes
@@ -100,10 +96,10 @@ class WaveData:
 
         Returns
         -------
-        Samples (n, longest row), zero behind the end of shorter rows.
+        Samples (n, longest row), zero after the end of shorter rows.
         """
         samples = np.zeros((len(starts), int(counts.max(initial=0))), dtype=np.uint16)
-        # Rows of equal layout are copied as a whole; few layouts are usual, many are possible.
+        # Rows of equal layout are copied together; files usually have few layouts.
         layout = 2 * counts + (sample_bytes == 2)
         order = np.argsort(layout, kind="stable")
         for rows in np.split(order, np.flatnonzero(np.diff(layout[order])) + 1):
@@ -117,7 +113,7 @@ class WaveData:
 
 
 def find_waves(path: Path) -> Path:
-    """Find the file of samples of a ``.pls`` file: same name, ending .wvs or .WVS.
+    """The sample file of a ``.pls`` file: same name, ending .wvs or .WVS.
 
     Raises
     ------
@@ -128,7 +124,7 @@ def find_waves(path: Path) -> Path:
         if candidate.is_file():
             return candidate
     raise FileNotFoundError(
-        f"{path.with_suffix('.wvs')} does not exist; it should hold the samples of {path.name}"
+        f"{path.with_suffix('.wvs')} does not exist; it must hold the samples of {path.name}"
     )
 
 
@@ -150,39 +146,39 @@ def locate_segments(
     numbers
         (n,), running number of each pulse.
     offsets
-        (n,), where its waves should start, bytes; any value.
+        (n,), byte at which its samples start; any value.
 
     Returns
     -------
-    The segments of the pulses whose waves lie wholly inside the file, those without samples left
-    out, sampling by sampling and segment by segment; and which pulses these are (n,).
+    The non-empty segments of the pulses whose samples are all inside the file, sampling by sampling
+    and segment by segment; and which pulses these are (n,).
     """
-    walk = _Walk(waves, offsets)
-    walk.skip(np.full(len(offsets), descriptor.extra_bytes))
+    cursor = _Cursors(waves, offsets)
+    cursor.skip(np.full(len(offsets), descriptor.extra_bytes))
     found = [np.empty(0, dtype=SEGMENT)]
     for code, sampling in enumerate(descriptor.samplings, start=first_code):
-        found += walk.sampling(sampling, code)
+        found += cursor.sampling(sampling, code)
     segments = np.concatenate(found)
-    segments = segments[walk.inside[segments["pulse"]]]
+    segments = segments[cursor.inside[segments["pulse"]]]
     segments["pulse"] = numbers[segments["pulse"]]
-    return segments, walk.inside
+    return segments, cursor.inside
 
 
-class _Walk:
-    """Goes through the waves of many pulses at once; each has its own place in the file."""
+class _Cursors:
+    """Read positions in the samples of many pulses, which advance together."""
 
     def __init__(self, waves: WaveData, offsets: IntArray) -> None:
         self._waves = waves
         self.inside: BoolArray = (offsets >= WAVES_HEADER_SIZE) & (offsets <= waves.size)
-        self._places = np.where(self.inside, offsets, 0)
+        self._offsets = np.where(self.inside, offsets, 0)
 
     def skip(self, sizes: IntArray) -> None:
-        """Go on by so many bytes (n,); pulses that would leave the file are outside from now on."""
-        self._places = self._places + sizes
-        self.inside &= self._places <= self._waves.size
+        """Advance by the sizes (n,) in bytes; pulses that leave the file are no longer inside."""
+        self._offsets = self._offsets + sizes
+        self.inside &= self._offsets <= self._waves.size
 
     def sampling(self, sampling: SamplingDescriptor, code: int) -> list[Segments]:
-        """Go through a sampling: the segments by their number; `pulse` is a row here."""
+        """Read the segments of a sampling, by number; `pulse` is a row of this object."""
         segments = self._numbers(sampling.segment_bits, self.inside, sampling.segments)
         found = []
         number = 0
@@ -195,20 +191,20 @@ class _Walk:
         durations = self._numbers(sampling.duration_bits, active, 0, signed=True)
         counts = self._numbers(sampling.count_bits, active, sampling.samples)
         rows = np.flatnonzero(active & (counts > 0))
-        part = np.zeros(len(rows), dtype=SEGMENT)
-        part["pulse"], part["sampling"] = rows, code
-        part["start"], part["count"] = self._places[rows], counts[rows]
-        part["duration"] = durations[rows] * sampling.duration_scale + sampling.duration_offset
+        found = np.zeros(len(rows), dtype=SEGMENT)
+        found["pulse"], found["sampling"] = rows, code
+        found["start"], found["count"] = self._offsets[rows], counts[rows]
+        found["duration"] = durations[rows] * sampling.duration_scale + sampling.duration_offset
         self.skip(np.where(active, counts * sampling.sample_bytes, 0))
-        return part
+        return found
 
     def _numbers(
         self, bits: int, active: BoolArray, fixed: int, *, signed: bool = False
     ) -> IntArray:
-        """Read a number of the active pulses; without bits it is the fixed one."""
+        """Read a number for the active pulses; `fixed` if it has no bits."""
         if bits == 0:
             return np.full(len(active), fixed, dtype=np.int64)
-        starts = self._places
+        starts = self._offsets
         self.skip(np.where(active, bits // 8, 0))
         rows = np.flatnonzero(active & self.inside)
         values = np.zeros(len(active), dtype=np.int64)

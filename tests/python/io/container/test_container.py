@@ -159,7 +159,7 @@ def test_flags_are_those_of_the_file(tmp_path: Path) -> None:
         (block,) = reader.blocks()
         assert block.channel_flags.tolist() == [1, 1, 1, 1]
         assert reader.tally.notes == [
-            "The file says the channel of each waveform; the channels given were not used."
+            "The file stores the channel of each waveform; the given channels were ignored."
         ]
     with ScanContainerReader(path, channel_flags=dict.fromkeys(range(256), 1)) as reader:
         assert reader.tally.notes == []
@@ -204,32 +204,32 @@ def say(where: str, name: str, value: Any) -> Callable[[h5py.File], object]:
     ("change", "words"),
     [
         (say("/", "format", "echoes"), "attribute format is 'echoes'"),
-        (say("/", "format", 3), "no scan container"),
+        (say("/", "format", 3), "not a scan container"),
         (say("/", "format_version", 2), "format_version"),
         (say("/", "format_version", "1"), "format_version '1'"),
-        (drop(f"{FIELDS}/Waveforms"), f"dataset {FIELDS}/Waveforms is missing"),
-        (drop("waveforms"), f"dataset {FIELDS}/Waveforms is missing"),
-        (drop("space/anchor"), "dataset space/anchor is missing"),
-        (put(f"{FIELDS}/Waveforms", np.zeros((4, 4))), "holds float64, must hold uint16"),
-        (put(f"{FIELDS}/Waveforms", np.zeros(4, np.uint16)), "must have the dimensions"),
-        (put(f"{FIELDS}/Waveforms", np.zeros((4, 65536), np.uint16)), "65536 samples"),
-        (put(f"{FIELDS}/ShotTime", np.zeros(4, np.int64)), "ShotTime holds int64"),
-        (put(f"{FIELDS}/ShotTime", np.zeros(3)), r"has the shape (3,), must have (4,)"),
-        (put("space/direction", np.zeros((4, 2))), r"has the shape (4, 2), must have (4, 3)"),
+        (drop(f"{FIELDS}/Waveforms"), f"missing dataset {FIELDS}/Waveforms"),
+        (drop("waveforms"), f"missing dataset {FIELDS}/Waveforms"),
+        (drop("space/anchor"), "missing dataset space/anchor"),
+        (put(f"{FIELDS}/Waveforms", np.zeros((4, 4))), "has type float64; must be uint16"),
+        (put(f"{FIELDS}/Waveforms", np.zeros(4, np.uint16)), "must have 2 dimensions"),
+        (put(f"{FIELDS}/Waveforms", np.zeros((4, 65536), np.uint16)), "number of samples 65536;"),
+        (put(f"{FIELDS}/ShotTime", np.zeros(4, np.int64)), "ShotTime has type int64"),
+        (put(f"{FIELDS}/ShotTime", np.zeros(3)), r"has shape (3,); expected (4,)"),
+        (put("space/direction", np.zeros((4, 2))), r"has shape (4, 2); expected (4, 3)"),
         (
             put(f"{FIELDS}/SampleCount", np.array([4, 4, 5, 4], np.uint16)),
             "count 5 of waveform 2 exceeds the row length 4",
         ),
-        (put(f"{FIELDS}/SampleInterval", np.array([1, 1, 1, 0.0])), "interval 0.0 of waveform 3"),
-        (put(f"{FIELDS}/SampleInterval", np.array([1, np.nan, 1, 1])), "interval nan of"),
-        (put(f"{FIELDS}/ShotTime", np.array([1.0, 2, 1, 3])), "shot at 1.0 s do not stand"),
-        (put(f"{FIELDS}/ShotTime", np.full(4, np.nan)), "no waveform is readable (4 times: GPS"),
-        (put(f"{FIELDS}/SampleCount", np.zeros(4, np.uint16)), "(4 times: waveform without sam"),
+        (put(f"{FIELDS}/SampleInterval", np.array([1, 1, 1, 0.0])), "interval 0.0 s of waveform 3"),
+        (put(f"{FIELDS}/SampleInterval", np.array([1, np.nan, 1, 1])), "interval nan s of"),
+        (put(f"{FIELDS}/ShotTime", np.array([1.0, 2, 1, 3])), "shot at 1.0 s are not"),
+        (put(f"{FIELDS}/ShotTime", np.full(4, np.nan)), "no readable waveform (4 x GPS"),
+        (put(f"{FIELDS}/SampleCount", np.zeros(4, np.uint16)), "(4 x waveform without sam"),
         (say("las", "scales", [0.0, 1.0, 1.0]), "scales not 0"),
         (say("las", "scales", [1.0, 1.0]), "three numbers"),
-        (say("las", "version", "9.9"), "group las cannot be used"),
-        (say("las", "point_format", 1), "point_format 1 of the group las has no waveforms"),
-        (say("las", "guid", "x"), "group las cannot be used"),
+        (say("las", "version", "9.9"), "unreadable group las"),
+        (say("las", "point_format", 1), "invalid point_format 1 in group las"),
+        (say("las", "guid", "x"), "unreadable group las"),
         (say("scanner", "Wavelength[nm]", "red"), "wrong type: Wavelength[nm]"),
         (say("scanner", "colour", 3.0), "unknown: colour"),
     ],
@@ -253,7 +253,7 @@ def test_chunks_beyond_reason(tmp_path: Path) -> None:
         del file["space/gps_time"]
         file.create_dataset("space/gps_time", (4,), np.float64, chunks=(2**26,), maxshape=(None,))
 
-    assert "chunk may take 256 MiB at most" in message_of(changed(four(tmp_path), change))
+    assert "chunk must not exceed 256 MiB" in message_of(changed(four(tmp_path), change))
 
 
 def test_waveforms_without_time_or_samples_are_counted(tmp_path: Path) -> None:
@@ -265,7 +265,7 @@ def test_waveforms_without_time_or_samples_are_counted(tmp_path: Path) -> None:
         assert rows(blocks) == [[1, 2, 3]]
         assert blocks[0].samples.shape == (1, 3)
         assert dict(reader.tally.rejected) == {
-            "GPS time is not a finite number": 2,
+            "GPS time not finite": 2,
             "waveform without samples": 1,
         }
 
@@ -305,7 +305,7 @@ def test_damaged_samples(tmp_path: Path) -> None:
     content = bytearray(path.read_bytes())
     content[chunk.byte_offset : chunk.byte_offset + chunk.size] = bytes(chunk.size)
     path.write_bytes(content)
-    assert "a dataset from row 0 to 4 cannot be used" in message_of(path)
+    assert "unreadable rows 0 to 4 of a dataset" in message_of(path)
 
 
 def test_missing_file_and_folder(tmp_path: Path) -> None:
@@ -319,7 +319,7 @@ def test_more_waveforms_than_the_file_can_hold(tmp_path: Path) -> None:
     def change(file: h5py.File) -> None:
         file[f"{FIELDS}/Waveforms"].resize(10**12, axis=0)
 
-    assert "announces 1000000000000 waveforms" in message_of(changed(four(tmp_path), change))
+    assert "declares 1000000000000 waveforms" in message_of(changed(four(tmp_path), change))
 
 
 def test_texts_of_variable_length_are_read(tmp_path: Path) -> None:

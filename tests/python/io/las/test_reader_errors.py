@@ -37,10 +37,10 @@ def message_of(path: Path) -> str:
     [
         ((1, 8, 4, 1000), 1, "compression type 1"),
         ((1, 12, 4, 1000), 0, "12 bits per sample"),
-        ((1, 8, 0, 1000), 0, "0 samples"),
-        ((1, 8, 65536, 1000), 0, "65536 samples"),
-        ((1, 8, 4, 0), 0, "spacing of 0 ps"),
-        ((2, 8, 4, 1000), 0, "name waveform descriptor 1; the file has [2]"),
+        ((1, 8, 0, 1000), 0, "number of samples 0;"),
+        ((1, 8, 65536, 1000), 0, "number of samples 65536;"),
+        ((1, 8, 4, 0), 0, "spacing 0 ps"),
+        ((2, 8, 4, 1000), 0, "missing waveform descriptor 1; the file has 2"),
     ],
 )
 def test_descriptors_that_cannot_be_read(
@@ -64,14 +64,14 @@ def point_start(path: Path, row: int) -> int:
 @pytest.mark.parametrize(
     ("place", "layout", "value", "reason"),
     [
-        (29, "<Q", 59, "packet outside the waveform data"),
-        (29, "<Q", 60 + 13, "packet outside the waveform data"),
-        (29, "<Q", 2**64 - 1, "packet outside the waveform data"),
-        (29, "<Q", 60 + 1, "packet overlaps another one"),
-        (37, "<I", 5, "packet size differs from that of its descriptor"),
-        (20, "<d", float("nan"), "GPS time is not a finite number"),
-        (41, "<f", float("inf"), "direction or return location is not finite"),
-        (45, "<f", float("nan"), "direction or return location is not finite"),
+        (29, "<Q", 59, "samples outside the file"),
+        (29, "<Q", 60 + 13, "samples outside the file"),
+        (29, "<Q", 2**64 - 1, "samples outside the file"),
+        (29, "<Q", 60 + 1, "packet overlaps another packet"),
+        (37, "<I", 5, "packet size differs from descriptor"),
+        (20, "<d", float("nan"), "GPS time not finite"),
+        (41, "<f", float("inf"), "direction or return location not finite"),
+        (45, "<f", float("nan"), "direction or return location not finite"),
     ],
 )
 def test_waveforms_that_cannot_be_used_are_counted(
@@ -93,7 +93,7 @@ def test_a_packet_cut_off_at_the_end_is_rejected(tmp_path: Path) -> None:
         place.write_bytes(place.read_bytes()[:-1])
         blocks, tally = read(path)
         assert rows(blocks) == [list(samples) for _, samples in FOUR[:3]]
-        assert dict(tally.rejected) == {"packet outside the waveform data": 1}
+        assert dict(tally.rejected) == {"samples outside the file": 1}
 
 
 def test_bytes_behind_the_packet_record_are_no_packets(tmp_path: Path) -> None:
@@ -102,7 +102,7 @@ def test_bytes_behind_the_packet_record_are_no_packets(tmp_path: Path) -> None:
     patch(path, start + 20, "<Q", 12)  # the record's length: three packets of four bytes
     blocks, tally = read(path)
     assert rows(blocks) == [list(samples) for _, samples in FOUR[:3]]
-    assert dict(tally.rejected) == {"packet outside the waveform data": 1}
+    assert dict(tally.rejected) == {"samples outside the file": 1}
 
 
 def test_no_readable_packet_at_all_is_an_error_at_the_end(tmp_path: Path) -> None:
@@ -110,7 +110,7 @@ def test_no_readable_packet_at_all_is_an_error_at_the_end(tmp_path: Path) -> Non
     companion = path.with_suffix(".wdp")
     companion.write_bytes(companion.read_bytes()[:60])
     message = message_of(path)
-    assert "no waveform is readable (4 times: packet outside the waveform data)" in message
+    assert "no readable waveform (4 x samples outside the file)" in message
 
 
 def test_arguments_that_make_no_sense(tmp_path: Path) -> None:
@@ -132,7 +132,7 @@ def test_where_the_packets_are_when_the_header_does_not_say(tmp_path: Path) -> N
     assert len(rows(blocks)) == 4
     assert "two places" in tally.notes[0]
     path.with_suffix(".wdp").unlink()
-    assert "in the file and beside it" in message_of(path)
+    assert "in the file and in a .wdp file" in message_of(path)
     patch(path, GLOBAL_ENCODING, "<H", 0)
     assert "says neither" in message_of(path)
 
@@ -141,7 +141,7 @@ def test_the_file_of_packets_is_missing_or_cut_off(tmp_path: Path) -> None:
     path = four_shots().write(tmp_path / "a.las")
     companion = path.with_suffix(".wdp")
     companion.write_bytes(companion.read_bytes()[:59])
-    assert "a.wdp has 59 bytes" in message_of(path)
+    assert "a.wdp: truncated: 59 bytes" in message_of(path)
     companion.unlink()
     with pytest.raises(FileNotFoundError, match=r"a\.wdp does not exist"):
         LasWaveformReader(path)
@@ -150,9 +150,9 @@ def test_the_file_of_packets_is_missing_or_cut_off(tmp_path: Path) -> None:
 def test_the_packet_record_inside_is_not_where_the_header_says(tmp_path: Path) -> None:
     path = four_shots(inside=True).write(tmp_path / "a.las")
     patch(path, START_OF_PACKETS, "<Q", path.stat().st_size - 59)
-    assert "should start at byte" in message_of(path)
+    assert "record starts at byte" in message_of(path)
     patch(path, START_OF_PACKETS, "<Q", 100)
-    assert "should start the waveform packet record" in message_of(path)
+    assert "expected the waveform packet record" in message_of(path)
     patch(path, START_OF_PACKETS, "<Q", 0)
     assert "does not say where" in message_of(path)
 
@@ -164,9 +164,9 @@ def test_files_that_are_no_whole_las_files(tmp_path: Path) -> None:
     for content, words in [
         (b"", "not a LAS file"),
         (b"PK\x03\x04" + whole[4:], "not a LAS file"),
-        (whole[:100], "cut off in its header"),
-        (whole[:240], "points should start at byte"),
-        (whole[:-1], "announces 4 points, 3 are there"),
+        (whole[:100], "truncated in the header"),
+        (whole[:240], "points start at byte"),
+        (whole[:-1], "declares 4 points, found 3"),
         (whole[:100] + struct.pack("<I", 4_000_000_000) + whole[104:], "variable records"),
         (whole[:131] + struct.pack("<d", 0.0) + whole[139:], "scales"),
         (whole[:104] + b"\x84" + whole[105:], "table of its compressed chunks"),
@@ -182,7 +182,7 @@ def test_extended_records_that_reach_beyond_the_file(tmp_path: Path) -> None:
     assert "extended record 2 of 2" in message_of(path)
     patch(path, START_OF_RECORDS + 8, "<I", 1)
     path.write_bytes(path.read_bytes()[:-1])
-    assert "its extended record 100 ends" in message_of(path)
+    assert "extended record 100 ends" in message_of(path)
 
 
 def test_a_point_format_without_waveforms_is_named(tmp_path: Path) -> None:

@@ -11,15 +11,13 @@ import pytest
 from laspy.vlrs.vlrlist import VLRList
 
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.las.waveform_packets import (
+from fullwaveform.io.las.descriptors import (
     DescriptorTable,
-    PacketData,
-    SeenPackets,
     WaveformDescriptor,
-    check_usable,
-    find_companion,
+    check_supported,
     read_descriptors,
 )
+from fullwaveform.io.las.waveform_packets import PacketData, SeenPackets, find_companion
 
 PATH = Path("strip.las")
 
@@ -56,7 +54,7 @@ def test_a_descriptor_given_twice_must_say_the_same() -> None:
     header.vlrs.extend([descriptor_record(100, 8, 0, 4, 1000, nan, 0.0)] * 2)
     assert list(read_descriptors(header, PATH)) == [1]
     header.vlrs.append(descriptor_record(100, 8, 0, 5, 1000, nan, 0.0))
-    with pytest.raises(WaveformFileError, match="contradict"):
+    with pytest.raises(WaveformFileError, match="two different records"):
         read_descriptors(header, PATH)
 
 
@@ -70,7 +68,7 @@ def test_a_descriptor_record_that_is_too_short() -> None:
 def test_the_longest_and_the_shortest_packets_are_usable() -> None:
     for bits in (8, 16):
         for count in (1, 65535):
-            check_usable(descriptor(7, bits, count), PATH)
+            check_supported(descriptor(7, bits, count), PATH)
 
 
 def test_samples_of_packets_of_both_depths(tmp_path: Path) -> None:
@@ -80,13 +78,13 @@ def test_samples_of_packets_of_both_depths(tmp_path: Path) -> None:
     offsets = np.array([66, 62, 60, 62])
     indices = np.array([1, 3, 1, 3], dtype=np.uint8)
     # 16-bit packets of odd offsets occur too: 8-bit ones stand between them.
-    samples, counts = data.gather(offsets, indices, table)
+    samples, counts = data.read(offsets, indices, table)
     assert samples.tolist() == [[7, 0, 0], [256, 65535, 7], [10, 11, 0], [256, 65535, 7]]
     assert samples.dtype == np.uint16
     assert counts.tolist() == [2, 3, 2, 3]
-    assert data.gather(np.array([67]), indices[:1], table)[0].tolist() == [[0, 12]]
+    assert data.read(np.array([67]), indices[:1], table)[0].tolist() == [[0, 12]]
     data.close()
-    assert data.gather(offsets[:0], indices[:0], table)[0].shape == (0, 0)
+    assert data.read(offsets[:0], indices[:0], table)[0].shape == (0, 0)
 
 
 def test_a_packet_has_to_lie_wholly_inside_the_data(tmp_path: Path) -> None:
@@ -94,13 +92,16 @@ def test_a_packet_has_to_lie_wholly_inside_the_data(tmp_path: Path) -> None:
     offsets = np.array([59, 60, 66, 67, 2**63, 2**64 - 1, 60], dtype=np.uint64)
     sizes = np.array([4, 4, 4, 4, 4, 4, 11])
     inside = [False, True, True, False, False, False, False]
-    assert data.holds(offsets, sizes).tolist() == inside
-    assert data.holds(np.array([60, 60], np.uint64), np.array([10, 200])).tolist() == [True, False]
+    assert data.contains(offsets, sizes).tolist() == inside
+    assert data.contains(np.array([60, 60], np.uint64), np.array([10, 200])).tolist() == [
+        True,
+        False,
+    ]
     data.close()
 
 
 def test_packets_are_remembered(tmp_path: Path) -> None:
-    seen = SeenPackets(data_size=1000, smallest_packet=10)
+    seen = SeenPackets(data_size=1000, min_packet_size=10)
     first = seen.cells(np.array([60, 75, 133, 990]))
     assert first.tolist() == [6, 7, 13, 99]
     assert seen.test_and_set(first).tolist() == [False] * 4

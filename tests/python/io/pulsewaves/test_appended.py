@@ -63,12 +63,10 @@ def test_appended_records_that_are_not_there(tmp_path: Path) -> None:
     scene = with_appended_descriptor(counted=True, ended=True)
     scene.patches[APPENDED] = ("<i", 3)
     path = write_with_waves(scene, tmp_path / "a.pls")
-    assert "record 3 from the end is the end of the list; the header announces 3" in message_of(
-        path
-    )
+    assert "record 3 from the end ends the list; header declares 3" in message_of(path)
     scene = with_appended_descriptor(counted=False, ended=False)
     path = write_with_waves(scene, tmp_path / "b.pls")
-    assert "appended record 3 from the end is cut short by the pulses" in message_of(path)
+    assert "appended record 3 from the end: truncated: pulses end" in message_of(path)
 
 
 @pytest.mark.parametrize("length", [-1, 197 + 196 + 96])
@@ -76,4 +74,4 @@ def test_appended_record_with_an_impossible_length(tmp_path: Path, length: int) 
     scene = with_appended_descriptor(counted=True, ended=False)
     path = write_with_waves(scene, tmp_path / "a.pls")
     patch(path, path.stat().st_size - 96 + 24, "<q", length)
-    assert f"has a length of {length} bytes; it must start behind the pulses" in message_of(path)
+    assert f"invalid length {length} bytes; must start after the pulses" in message_of(path)

@@ -9,7 +9,7 @@ import numpy as np
 import pytest
 
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.las.reader import OUTSIDE
+from fullwaveform.io.limits import OUTSIDE
 from fullwaveform.io.pulsewaves.reader import PulseWavesReader
 from fullwaveform.io.pulsewaves.selection import NO_DIRECTION, TOO_LONG
 
@@ -53,31 +53,36 @@ def message_of(path: Path) -> str:
 @pytest.mark.parametrize(
     ("position", "layout", "value", "words"),
     [
-        (0, "<B", 0, "is not a file of pulses: it does not start with PulseWavesPulse"),
-        (MAJOR, "<B", 1, "version 1.3; versions 0.x can be read"),
-        (HEADER_SIZE, "<H", 351, "says it has 351 bytes; 352 are the least"),
-        (COMPRESSION, "<I", 1, "the pulses are compressed, type 1; only type 0"),
-        (PULSE_FORMAT, "<I", 2, "pulse format 2; format 0 can be read"),
-        (PULSE_SIZE, "<I", 47, "a pulse has 47 bytes; 48 are the least"),
-        (PULSES_START, "<q", 10**15, "should start at byte 1000000000000000; that is not between"),
-        (PULSES_START, "<q", 351, "should start at byte 351; that is not between"),
-        (PULSE_COUNT, "<q", -1, "announces -1 pulses; fewer than 0 cannot be"),
-        (PULSE_COUNT, "<q", 4, "cut off: the header announces 4 pulses, 3 are there"),
-        (PULSE_COUNT, "<q", 2**62, "cut off: the header announces 4611686018427387904 pulses, 3"),
-        (SCALES, "<d", 0.0, "must be finite, scales not 0"),
-        (SCALES, "<d", NAN, "must be finite, scales not 0"),
-        (OFFSETS, "<d", INFINITY, "must be finite, scales not 0"),
-        (TIME_SCALE, "<d", NAN, "of the times must be finite"),
+        (0, "<B", 0, "is not a PulseWaves pulse file; must start with PulseWavesPulse"),
+        (MAJOR, "<B", 1, "version 1.3; must be 0.x"),
+        (HEADER_SIZE, "<H", 351, "invalid header size 351 bytes; must be at least 352"),
+        (COMPRESSION, "<I", 1, "unsupported compression type 1 of the pulses; must be 0"),
+        (PULSE_FORMAT, "<I", 2, "pulse format 2; must be 0"),
+        (PULSE_SIZE, "<I", 47, "invalid pulse size 47 bytes; must be at least 48"),
+        (PULSES_START, "<q", 10**15, "start of the pulses at byte 1000000000000000; must be"),
+        (PULSES_START, "<q", 351, "start of the pulses at byte 351; must be"),
+        (PULSE_COUNT, "<q", -1, "invalid number of pulses -1; must not be negative"),
+        (PULSE_COUNT, "<q", 4, "truncated: header declares 4 pulses, found 3"),
+        (
+            PULSE_COUNT,
+            "<q",
+            2**62,
+            "truncated: header declares 4611686018427387904 pulses, found 3",
+        ),
+        (SCALES, "<d", 0.0, "scales must not be 0"),
+        (SCALES, "<d", NAN, "scales must not be 0"),
+        (OFFSETS, "<d", INFINITY, "scales must not be 0"),
+        (TIME_SCALE, "<d", NAN, "of the times; must be finite"),
         (RECORDS, "<I", 1000, "1000 variable records do not fit between the header"),
-        (RECORDS, "<I", 2, "variable record 2 of 2 starts at byte 644 and is cut short"),
-        (LENGTH_OF_FIRST_RECORD, "<q", 197, "has a length of 197 bytes; it must end before"),
-        (LENGTH_OF_FIRST_RECORD, "<q", -1, "has a length of -1 bytes; it must end before"),
+        (RECORDS, "<I", 2, "variable record 2 of 2: truncated: starts at byte 644"),
+        (LENGTH_OF_FIRST_RECORD, "<q", 197, "invalid length 197 bytes; must end before"),
+        (LENGTH_OF_FIRST_RECORD, "<q", -1, "invalid length -1 bytes; must end before"),
         (APPENDED, "<i", 1, "appended record 1 from the end"),
-        (LENGTH_OF_FIRST_RECORD, "<q", 91, "descriptor 1 is cut short: 91 bytes are left, 92"),
-        (LENGTH_OF_FIRST_RECORD, "<q", 195, "sampling 1 of 1 is cut short: 103 bytes are left"),
-        (FIRST_COMPOSITION, "<I", 91, "says it has 91 bytes; 92 to 196 are possible"),
-        (FIRST_COMPOSITION + 14, "<H", 2, "sampling 2 of 2 is cut short: 0 bytes are left"),
-        (FIRST_SAMPLING, "<I", 105, "says it has 105 bytes; 104 to 104 are possible"),
+        (LENGTH_OF_FIRST_RECORD, "<q", 91, "descriptor 1: truncated: 91 bytes left, 92"),
+        (LENGTH_OF_FIRST_RECORD, "<q", 195, "sampling 1 of 1: truncated: 103 bytes left"),
+        (FIRST_COMPOSITION, "<I", 91, "invalid size 91 bytes; must be 92 to 196"),
+        (FIRST_COMPOSITION + 14, "<H", 2, "sampling 2 of 2: truncated: 0 bytes left"),
+        (FIRST_SAMPLING, "<I", 105, "invalid size 105 bytes; must be 104 to 104"),
     ],
 )
 def test_header_and_records(
@@ -91,17 +96,17 @@ def test_header_and_records(
 @pytest.mark.parametrize(
     ("change", "words"),
     [
-        ({"compression": 1}, "sampling 1 of pulse descriptor 1 has compression type 1"),
-        ({"bits": 12}, "has bits per sample: 12; 8, 16 can be read"),
-        ({"duration_bits": 24}, "has bits for the duration: 24; 0, 8, 16, 32 can be read"),
-        ({"segment_bits": 32}, "has bits for the number of segments: 32; 0, 8, 16 can be read"),
-        ({"count_bits": 4}, "has bits for the number of samples: 4; 0, 8, 16, 32 can be read"),
-        ({"samples": 0}, "has 0 samples; 1 to 65535 can be read"),
-        ({"samples": 65536}, "has 65536 samples; 1 to 65535 can be read"),
-        ({"unit": 0.0}, "has a sampling unit of 0.0 ns; it must be positive"),
-        ({"unit": NAN}, "has a sampling unit of nan ns; it must be positive"),
-        ({"unit": 2.0}, "has a sampling unit of 2.0 ns, its pulses one of 1.0 ns"),
-        ({"scale": NAN}, "scale nan and offset 0.0 of the duration; they must be finite"),
+        ({"compression": 1}, "sampling 1 of pulse descriptor 1: unsupported compression type 1"),
+        ({"bits": 12}, "unsupported bits per sample 12; must be 8, 16"),
+        ({"duration_bits": 24}, "unsupported bits for the duration 24; must be 0, 8, 16, 32"),
+        ({"segment_bits": 32}, "unsupported bits for the number of segments 32; must be 0, 8, 16"),
+        ({"count_bits": 4}, "unsupported bits for the number of samples 4; must be 0, 8, 16, 32"),
+        ({"samples": 0}, "invalid number of samples 0; must be 1 to 65535"),
+        ({"samples": 65536}, "invalid number of samples 65536; must be 1 to 65535"),
+        ({"unit": 0.0}, "invalid sampling unit 0.0 ns; must be positive"),
+        ({"unit": NAN}, "invalid sampling unit nan ns; must be positive"),
+        ({"unit": 2.0}, "sampling unit 2.0 ns differs from that of the pulses, 1.0 ns"),
+        ({"scale": NAN}, "scale nan or offset 0.0 of the duration; must be finite"),
     ],
 )
 def test_samplings_that_cannot_be_read(
@@ -122,9 +127,9 @@ def test_samplings_that_cannot_be_read(
 @pytest.mark.parametrize(
     ("change", "words"),
     [
-        ({"compression": 3}, "pulse descriptor 1 has compression type 3; only type 0"),
-        ({"unit": -1.0}, "pulse descriptor 1 has a sampling unit of -1.0 ns"),
-        ({"unit": INFINITY}, "pulse descriptor 1 has a sampling unit of inf ns"),
+        ({"compression": 3}, "pulse descriptor 1: unsupported compression type 3; must be 0"),
+        ({"unit": -1.0}, "pulse descriptor 1: invalid sampling unit -1.0 ns"),
+        ({"unit": INFINITY}, "pulse descriptor 1: invalid sampling unit inf ns"),
     ],
 )
 def test_descriptors_that_cannot_be_read(
@@ -146,26 +151,26 @@ def test_unused_descriptors_may_be_anything(tmp_path: Path) -> None:
 def test_missing_descriptor(tmp_path: Path) -> None:
     scene = three_pulses()
     scene.pulses[1].descriptor = 4
-    words = "pulses name pulse descriptor 4; the file has [1]"
+    words = "missing pulse descriptor 4; the file has 1"
     assert words in message_of(scene.write(tmp_path / "a.pls"))
 
 
 def test_records_that_contradict_each_other(tmp_path: Path) -> None:
     scene = three_pulses()
     scene.descriptors = [*scene.descriptors, Descriptor(1, [Sampling(samples=3)])]
-    words = "two records contradict each other on pulse descriptor 1"
+    words = "two different records for pulse descriptor 1"
     assert words in message_of(scene.write(tmp_path / "a.pls"))
 
 
 @pytest.mark.parametrize(
     ("change", "words"),
     [
-        (lambda content: content[:30], "has 30 bytes; its header alone takes 60"),
-        (lambda content: b"", "is not a file of samples: it does not start with PulseWavesWaves"),
-        (lambda content: b"X" + content[1:], "is not a file of samples"),
+        (lambda content: content[:30], "truncated: 30 bytes, the header has 60"),
+        (lambda content: b"", "is not a PulseWaves sample file; must start with PulseWavesWaves"),
+        (lambda content: b"X" + content[1:], "is not a PulseWaves sample file"),
         (
             lambda content: content[:WAVES_COMPRESSION] + b"\1" + content[WAVES_COMPRESSION + 1 :],
-            "the samples are compressed, type 1; only type 0",
+            "unsupported compression type 1 of the samples; must be 0",
         ),
     ],
 )
@@ -180,7 +185,7 @@ def test_file_of_samples(tmp_path: Path, change: Callable[[bytes], bytes], words
 def test_missing_files(tmp_path: Path) -> None:
     path = three_pulses().write(tmp_path / "a.pls")
     path.with_suffix(".wvs").unlink()
-    with pytest.raises(FileNotFoundError, match=r"a\.wvs does not exist; it should hold"):
+    with pytest.raises(FileNotFoundError, match=r"a\.wvs does not exist; it must hold"):
         read(path)
     with pytest.raises(FileNotFoundError):
         read(tmp_path / "b.pls")
@@ -190,7 +195,7 @@ def test_missing_files(tmp_path: Path) -> None:
 def test_file_cut_off_in_its_header(tmp_path: Path, size: int) -> None:
     path = three_pulses().write(tmp_path / "a.pls")
     path.write_bytes(path.read_bytes()[:size])
-    words = "is not a file of pulses" if size < 15 else f"cut off in its header: it has {size}"
+    words = "is not a PulseWaves pulse file" if size < 15 else f"truncated in the header: {size}"
     assert words in message_of(path)
 
 
@@ -224,7 +229,7 @@ def test_nothing_readable(tmp_path: Path) -> None:
     scene = three_pulses()
     for pulse in scene.pulses:
         pulse.offset = 1000
-    words = f"no waveform is readable (3 times: {OUTSIDE})"
+    words = f"no readable waveform (3 x {OUTSIDE})"
     assert words in message_of(scene.write(tmp_path / "a.pls"))
 
 
@@ -247,7 +252,7 @@ def test_waveform_that_is_too_long(tmp_path: Path) -> None:
 @pytest.mark.parametrize("waveforms_per_block", [0, -1])
 def test_senseless_block_size(tmp_path: Path, waveforms_per_block: int) -> None:
     path = three_pulses().write(tmp_path / "a.pls")
-    with pytest.raises(ValueError, match="it must be at least 1"):
+    with pytest.raises(ValueError, match="must be at least 1"):
         PulseWavesReader(path, waveforms_per_block=waveforms_per_block)
 
 

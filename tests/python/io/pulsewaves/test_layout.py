@@ -91,7 +91,7 @@ def test_attributes_behind_the_standard_fields(tmp_path: Path) -> None:
     (block,), tally = read(scene.write(tmp_path / "more.pls"))
     assert rows([block]) == [[1, 2, 3, 4], [5, 6, 7, 8], [9, 10, 11, 12]]
     assert block.shot_times.tolist() == [1.0, 2.0, 3.0]
-    assert tally.notes == ["The pulses carry attributes beyond their standard fields; not read."]
+    assert tally.notes == ["The pulses have additional attributes; they were ignored."]
 
 
 def test_samplings_of_unknown_type_and_lookup_tables(tmp_path: Path) -> None:
@@ -100,8 +100,8 @@ def test_samplings_of_unknown_type_and_lookup_tables(tmp_path: Path) -> None:
     (block,), tally = read(scene.write(tmp_path / "odd.pls"))
     assert rows([block]) == [[1, 2, 3, 4]]
     assert tally.notes == [
-        "Lookup tables of the samples were not applied; values are counts.",
-        "Samplings of type 5, neither outgoing nor returning, were passed over.",
+        "Lookup tables of the samples were ignored; values are counts.",
+        "Samplings of type 5, neither outgoing nor returning, were skipped.",
     ]
 
 

@@ -85,7 +85,7 @@ def test_segments_and_channels_of_a_pulse(tmp_path: Path) -> None:
 
 def test_channels_of_one_flag_are_remarked_on(tmp_path: Path) -> None:
     path = two_channels().write(tmp_path / "two.pls")
-    assert read(path)[1].notes == ["The file's channels 0 and 1 all count as channel 1."]
+    assert read(path)[1].notes == ["Channels 0 and 1 of the file all have channel flag 1."]
 
 
 def test_channel_flags(tmp_path: Path) -> None:
@@ -155,7 +155,7 @@ def test_pulses_are_not_split_between_blocks(tmp_path: Path, limit: int, sizes: 
 def test_blocks_of_long_waveforms_hold_fewer(
     tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    monkeypatch.setattr(selection, "_BLOCK_SAMPLES", 8)
+    monkeypatch.setattr(selection, "BLOCK_SAMPLES", 8)
     blocks, _ = read(three_pulses().write(tmp_path / "a.pls"))
     assert [block.samples.shape for block in blocks] == [(2, 4), (1, 4)]
 
@@ -191,7 +191,7 @@ def test_repeated_times_do_not_join_pulses(tmp_path: Path, times: tuple[int, int
     assert len(np.unique(keys)) == 3
     stored = np.concatenate([block.attributes.gps_time for block in blocks])
     assert stored == pytest.approx(np.array(times) * 1e-6, rel=1e-12)
-    assert tally.notes == ["Several pulses have the same time; each counts as a shot of its own."]
+    assert tally.notes == ["Several pulses have the same time; each is treated as a separate shot."]
 
 
 def test_segments_of_a_pulse_stay_together_without_times(tmp_path: Path) -> None:

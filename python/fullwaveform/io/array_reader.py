@@ -1,0 +1,177 @@
+"""Files that store waveforms as arrays with one row per waveform."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+from dataclasses import dataclass, fields
+from functools import partial
+from typing import Protocol
+
+import numpy as np
+
+from fullwaveform.data.arrays import AnyArray, BoolArray, IntArray, UInt16Array
+from fullwaveform.data.blocks import PulseGeometry, ReadTally, ShotAttributes, WaveformBlock
+from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.base import WaveformReader
+from fullwaveform.io.block_range import PendingBlock, last_cut
+from fullwaveform.io.limits import BLOCK_SAMPLES, NO_SAMPLES, NO_TIME, SURVEY_CHUNK
+
+_MAX_GAP = 8  # rejected rows that are read along with those around them
+
+
+class SliceableArray(Protocol):
+    """An array in memory or in a file of which slices can be read."""
+
+    def __getitem__(self, rows: slice) -> AnyArray: ...
+
+
+@dataclass(frozen=True, slots=True)
+class WaveformArrays:
+    """The arrays of a file; units and shapes as in `WaveformBlock`, n rows each."""
+
+    samples: SliceableArray  # (n, width)
+    counts: SliceableArray
+    shot_times: SliceableArray
+    sbl_times: SliceableArray
+    channel_flags: SliceableArray
+    sampling_intervals: SliceableArray
+    anchor: SliceableArray  # (n, 3)
+    location: SliceableArray
+    direction: SliceableArray  # (n, 3)
+    gps_time: SliceableArray
+    scan_angle: SliceableArray
+    scan_direction_flag: SliceableArray
+    edge_of_flight_line: SliceableArray
+    user_data: SliceableArray
+    point_source_id: SliceableArray
+
+
+class ArrayReader(WaveformReader):
+    """Reads a file of arrays in which the waveforms of a shot are consecutive.
+
+    Waveforms without shot time or samples are counted as rejected. `blocks` raises
+    WaveformFileError if a count exceeds the row length, a sampling interval is not positive, or the
+    waveforms of a shot are not consecutive.
+    """
+
+    # Set by the constructors of the formats.
+    _shape: tuple[int, int]  # waveforms, samples per row
+    _columns: WaveformArrays
+
+    @property
+    def point_count(self) -> int:
+        """Waveforms of the file."""
+        return self._shape[0]
+
+    def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:
+        total, width = self._shape
+        self._check()
+        limit = max(1, min(self._waveforms_per_block, BLOCK_SAMPLES // max(width, 1)))
+        rows, times = np.empty(0, dtype=np.int64), np.empty(0)
+        for start in range(0, total, limit):
+            chunk = slice(start, min(start + limit, total))
+            usable = self._usable(chunk, tally)
+            rows = np.concatenate([rows, start + np.flatnonzero(usable)])
+            times = np.concatenate([times, self._read(self._columns.shot_times, chunk)[usable]])
+            while (cut := last_cut(times, limit)) < len(rows):
+                yield PendingBlock(cut, partial(self._block, rows[:cut]))
+                rows, times = rows[cut:], times[cut:]
+        if len(rows) > 0:
+            yield PendingBlock(len(rows), partial(self._block, rows))
+
+    def _usable(self, chunk: slice, tally: ReadTally) -> BoolArray:
+        tally.points += chunk.stop - chunk.start
+        timed = np.isfinite(self._read(self._columns.shot_times, chunk))
+        sampled = self._read(self._columns.counts, chunk) > 0
+        for reason, rejected in ((NO_TIME, ~timed), (NO_SAMPLES, timed & ~sampled)):
+            rows = chunk.start + np.flatnonzero(rejected)
+            tally.reject(reason, len(rows), (f"row {row}" for row in rows))
+        usable: BoolArray = timed & sampled
+        return usable
+
+    def _block(self, rows: IntArray, numbers: IntArray) -> WaveformBlock:
+        # Many rejected rows may lie between two others; they are not read.
+        parts = np.split(rows, np.flatnonzero(np.diff(rows) > _MAX_GAP) + 1)
+
+        def column(name: str) -> AnyArray:
+            array = getattr(self._columns, name)
+            read = [self._rows_of(array, part) for part in parts]
+            return read[0] if len(read) == 1 else np.concatenate(read)
+
+        counts = column("counts").astype(np.uint16)
+        return WaveformBlock(
+            samples=_trimmed(column("samples"), counts),
+            counts=counts,
+            shot_times=column("shot_times"),
+            sbl_times=column("sbl_times"),
+            channel_flags=column("channel_flags"),
+            sampling_intervals=column("sampling_intervals"),
+            geometry=PulseGeometry(*(column(field.name) for field in fields(PulseGeometry))),
+            attributes=ShotAttributes(*(column(field.name) for field in fields(ShotAttributes))),
+            waveform_numbers=numbers,
+        )
+
+    def _check(self) -> None:
+        ascending, last = True, -np.inf
+        for start in range(0, self._shape[0], SURVEY_CHUNK):
+            chunk = slice(start, min(start + SURVEY_CHUNK, self._shape[0]))
+            self._check_values(chunk)
+            times = self._read(self._columns.shot_times, chunk)
+            times = times[np.isfinite(times)]
+            if len(times) > 0:
+                ascending = ascending and bool(times[0] >= last and (np.diff(times) >= 0).all())
+                last = times[-1]
+        if not ascending:
+            self._check_shots_consecutive()
+
+    def _check_values(self, chunk: slice) -> None:
+        counts, width = self._read(self._columns.counts, chunk), self._shape[1]
+        if len(wrong := np.flatnonzero(counts > width)) > 0:
+            raise WaveformFileError(
+                f"{self._path}: count {counts[wrong[0]]} of waveform {chunk.start + wrong[0]} "
+                f"exceeds the row length {width}"
+            )
+        intervals = self._read(self._columns.sampling_intervals, chunk)
+        if len(wrong := np.flatnonzero(~(np.isfinite(intervals) & (intervals > 0)))) > 0:
+            raise WaveformFileError(
+                f"{self._path}: invalid sampling interval {intervals[wrong[0]]} s of waveform "
+                f"{chunk.start + wrong[0]}; must be positive"
+            )
+
+    def _check_shots_consecutive(self) -> None:
+        # Eight bytes per waveform, and as much again while they are sorted.
+        times = self._read(self._columns.shot_times, slice(0, self._shape[0]))
+        times = times[np.isfinite(times)]
+        firsts = times[np.concatenate([[True], times[1:] != times[:-1]])]
+        shots, runs = np.unique(firsts, return_counts=True)
+        if len(shots) < len(firsts):
+            raise WaveformFileError(
+                f"{self._path}: the waveforms of the shot at {shots[np.argmax(runs > 1)]} s are "
+                "not consecutive; sort the waveforms by shot"
+            )
+
+    def _rows_of(self, array: SliceableArray, rows: IntArray) -> AnyArray:
+        """The given rows of an array, which lie close together."""
+        values = self._read(array, slice(int(rows[0]), int(rows[-1]) + 1))
+        if len(values) == len(rows):
+            return values
+        selected: AnyArray = values[rows - rows[0]]
+        return selected
+
+    def _read(self, array: SliceableArray, rows: slice) -> AnyArray:
+        """A slice of an array."""
+        return array[rows]
+
+
+def _trimmed(samples: UInt16Array, counts: UInt16Array) -> UInt16Array:
+    """The samples up to the longest waveform, zero after the end of shorter ones."""
+    longest = int(counts.max(initial=0))
+    is_padded = counts.min(initial=longest) < longest
+    if longest == samples.shape[1] and not is_padded:
+        return samples
+    trimmed = np.ascontiguousarray(samples[:, :longest])
+    if is_padded:
+        if np.shares_memory(trimmed, samples):
+            trimmed = trimmed.copy()
+        trimmed[np.arange(longest) >= counts[:, np.newaxis]] = 0
+    return trimmed

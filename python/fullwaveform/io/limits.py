@@ -1,0 +1,24 @@
+"""Limits and reasons of rejection that the readers of all formats share."""
+
+from __future__ import annotations
+
+import numpy as np
+
+from fullwaveform.core.driver import MAX_COUNT
+from fullwaveform.data.arrays import FloatArray, IntArray
+
+MAX_SAMPLES = MAX_COUNT  # of a waveform
+BLOCK_SAMPLES = 1 << 26  # of a block, padding included: 128 MiB
+SURVEY_CHUNK = 1 << 17  # points, pulses or rows that are read at a time before the first block
+
+NO_SAMPLES = "waveform without samples"
+NO_TIME = "GPS time not finite"
+OUTSIDE = "samples outside the file"
+
+_FIRST_SHOT_KEY = -(2.0**52)  # far below any time; the 2**52 integers from it on are doubles
+
+
+def numbered_shots(numbers: IntArray) -> FloatArray:
+    """Shot times that identify shots by their numbers (n,), where times do not."""
+    keys: FloatArray = numbers.astype(np.float64) + _FIRST_SHOT_KEY
+    return keys
