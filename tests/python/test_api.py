@@ -228,7 +228,7 @@ def test_waveforms_that_cannot_be_read_are_refused_unless_skipped(
     cut.write_bytes(scan.read_bytes())
     packets = scan.with_suffix(".wdp").read_bytes()
     cut.with_suffix(".wdp").write_bytes(packets[:-1])
-    sentence = r"not every waveform is readable \(1 times: samples outside the file\)"
+    sentence = r"1 unreadable waveform \(1 x samples outside the file\)"
     with pytest.raises(fullwaveform.WaveformFileError, match=sentence):
         fullwaveform.extract(cut)
     part = fullwaveform.extract(cut, skip_unreadable=True)

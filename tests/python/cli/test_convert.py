@@ -93,10 +93,10 @@ def test_archives_and_what_was_left_out(tmp_path: Path) -> None:
     samples = np.arange(6, dtype=np.uint16).reshape(2, 3)
     np.savez(tmp_path / "a.npz", samples=samples, shot_times=[1.0, np.nan])
     source, target = tmp_path / "a.npz", tmp_path / "a.h5"
-    assert_trouble(run("convert", source, target), "sampling interval", "--interval")
+    assert_trouble(run("convert", source, target), "sampling_interval", "--interval")
     call = ["convert", source, target, "--interval", "0.5"]
-    reason = "1 times: GPS time not finite"
-    assert_trouble(run(*call), "not every waveform is readable", reason, "--skip-unreadable")
+    reason = "(1 x GPS time not finite)"
+    assert_trouble(run(*call), "1 unreadable waveform", reason, "--skip-unreadable")
     assert not target.exists()
     done = run(*call, "--skip-unreadable")
     assert done.stdout.splitlines() == [
@@ -120,7 +120,7 @@ def test_calls_that_make_no_sense(scan: Path, tmp_path: Path) -> None:
         call = ("convert", scan, container, "--interval", interval)
         assert_usage(run(*call), "no number of nanoseconds above 0")
     assert_usage(run("convert", scan, container, "--channel", "up"), "is not a channel")
-    assert_trouble(run("convert", scan, container, "--interval", "1"), "says its sampling interval")
+    assert_trouble(run("convert", scan, container, "--interval", "1"), "stores its sampling interval")
 
 
 def test_nothing_is_left_of_a_failed_run(scan: Path, tmp_path: Path) -> None:

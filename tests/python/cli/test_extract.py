@@ -273,7 +273,7 @@ def test_files_that_are_not_as_they_must_be(scan: Path) -> None:
     assert_trouble(run("extract", text, "-o", output), "text.las")
     short = folder / "short.las"
     short.write_bytes(scan.read_bytes()[:-100])
-    assert_trouble(run("extract", short, "-o", output), "short.las", "cut off")
+    assert_trouble(run("extract", short, "-o", output), "short.las", "truncated")
     assert_trouble(run("extract", scan, "-o", folder / "no" / "e.las"), "the folder", "not exist")
     assert_trouble(run("extract", scan, "-o", output, "--scanner", folder / "no.toml"), "no.toml")
     assert_trouble(run("extract", scan, "-o", output, "--scanner", text), "is not a TOML file")

@@ -212,7 +212,7 @@ def say(where: str, name: str, value: Any) -> Callable[[h5py.File], object]:
         (drop("space/anchor"), "missing dataset space/anchor"),
         (put(f"{FIELDS}/Waveforms", np.zeros((4, 4))), "has type float64; must be uint16"),
         (put(f"{FIELDS}/Waveforms", np.zeros(4, np.uint16)), "must have 2 dimensions"),
-        (put(f"{FIELDS}/Waveforms", np.zeros((4, 65536), np.uint16)), "number of samples 65536;"),
+        (put(f"{FIELDS}/Waveforms", np.zeros((4, 65536), np.uint16)), "65536 samples; at most"),
         (put(f"{FIELDS}/ShotTime", np.zeros(4, np.int64)), "ShotTime has type int64"),
         (put(f"{FIELDS}/ShotTime", np.zeros(3)), r"has shape (3,); expected (4,)"),
         (put("space/direction", np.zeros((4, 2))), r"has shape (4, 2); expected (4, 3)"),
