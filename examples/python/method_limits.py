@@ -157,14 +157,14 @@ def rows(mode: Mode) -> dict[str, str]:
     share, far = saturated(mode)
     matched, extra = of_a_scan(mode)
     return {
-        "weakest lone echo found in 90 %, SNR": f"{weakest(mode):g}",
+        "weakest single echo found in 90 %, SNR": f"{weakest(mode):g}",
         **{
             f"position, 90 % within, SNR {snr}, samples": f"{position_error(mode, snr):.2f}"
             for snr in (20, 50, 200)
         },
-        "amplitude less the true one, SNR 50, counts": f"{off:+.1f}",
-        "width over the true one, SNR 50": f"{width:.2f}",
-        "lone echoes that become several, SNR 20": f"{split_share(mode, 20):.1%}",
+        "amplitude error, SNR 50, counts": f"{off:+.1f}",
+        "width / true width, SNR 50": f"{width:.2f}",
+        "single echoes split in two or more, SNR 20": f"{split_share(mode, 20):.1%}",
         **{
             f"two echoes of SNR {snr}, smallest separation, samples": (
                 f"{separation(mode, snr, snr):.2f}"
@@ -173,10 +173,10 @@ def rows(mode: Mode) -> dict[str, str]:
         },
         "SNR 200 before SNR 50, smallest separation, samples": f"{separation(mode, 200, 50):.2f}",
         "SNR 50 before SNR 200, smallest separation, samples": f"{separation(mode, 50, 200):.2f}",
-        "two echoes of SNR 200, 3 samples apart, become": f"{merged(mode, 3.0)[0]:g}",
-        "two echoes of SNR 200, 3.25 samples apart, nothing in": f"{merged(mode, 3.25)[1]:.0%}",
+        "two echoes of SNR 200, 3 samples apart, echoes found": f"{merged(mode, 3.0)[0]:g}",
+        "two echoes of SNR 200, 3.25 samples apart, none found in": f"{merged(mode, 3.25)[1]:.0%}",
         f"simulated scan, found of {len(simulated().truth):,} echoes": f"{matched:,}",
-        "simulated scan, echoes that are none": f"{extra:,}",
+        "simulated scan, false positives": f"{extra:,}",
         "twice the digitiser's limit, echoes found in": f"{share:.0%}",
         "twice the digitiser's limit, 90 % within, samples": f"{far:.2f}" if share else "–",
     }
@@ -191,7 +191,7 @@ def main() -> None:
         print(f"| {name} | " + " | ".join(column[name] for column in columns) + " |")
     times = [seconds(mode) for mode in Mode]
     print(
-        "| time, in times of the first | " + " | ".join(f"{t / times[0]:.0f}" for t in times) + " |"
+        "| time relative to three-point | " + " | ".join(f"{t / times[0]:.0f}" for t in times) + " |"
     )
 
 

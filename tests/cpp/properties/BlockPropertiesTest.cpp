@@ -1,4 +1,4 @@
-// What must hold for every block, whatever is in it: tried on random scans in every mode.
+// Invariants of every block, tested with random scans in all modes.
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
@@ -40,32 +40,32 @@ class BlockProperties : public testing::TestWithParam<std::uint32_t> {
   ConsoleCapture console;
 };
 
-/// Rows that each stand alone, at the edge of a page that cannot be read; handed out by an accessor.
-struct LonelyRows {
-  std::vector<std::unique_ptr<GuardedSamples>> records;
-  std::vector<int> readings;
+/// Rows in separate memory, each next to an unreadable page; returned by an accessor.
+struct GuardedRows {
+  std::vector<std::unique_ptr<GuardedSamples>> waveforms;
+  std::vector<int> accesses;
   Block block;
 
-  LonelyRows(std::vector<Row> const& rows, GuardedSamples::Guard guard)
-      : readings(rows.size()), block(blockOf(rows)) {
+  GuardedRows(std::vector<Row> const& rows, GuardedSamples::Guard guard)
+      : accesses(rows.size()), block(blockOf(rows)) {
     for (Row const& row : rows) {
-      records.push_back(std::make_unique<GuardedSamples>(row.samples, guard));
+      waveforms.push_back(std::make_unique<GuardedSamples>(row.samples, guard));
     }
     block.waveforms = Driver::Waveforms(new Array({rows.size(), maxWaveformLength}, [this](std::size_t row) {
-      ++readings[row];
-      return records[row]->data();
+      ++accesses[row];
+      return waveforms[row]->data();
     }));
   }
 };
 
-TEST_P(BlockProperties, NothingOutsideARecordIsReadAndEachIsFetchedOnce) {
+TEST_P(BlockProperties, ReadsOnlyTheSamplesAndAccessesEachRowOnce) {
   std::vector<Row> const rows = randomScan(11, shotsOfScan);
   Texts const expected = bytesOf(run(rows));
   for (auto const guard : {GuardedSamples::Guard::Before, GuardedSamples::Guard::After}) {
-    LonelyRows lonely(rows, guard);
+    GuardedRows guarded(rows, guard);
     Driver fresh = driver();
-    EXPECT_EQ(bytesOf(lonely.block.run(fresh, scanNoise)), expected);
-    EXPECT_EQ(lonely.readings, std::vector<int>(rows.size(), 1));
+    EXPECT_EQ(bytesOf(guarded.block.run(fresh, scanNoise)), expected);
+    EXPECT_EQ(guarded.accesses, std::vector<int>(rows.size(), 1));
   }
 }
 
@@ -77,12 +77,12 @@ TEST_P(BlockProperties, EchoesAreSortedGoodAndInsideTheSignal) {
     for (std::size_t i = 0; i < shot.waves.size(); ++i) {
       WavePoints<unsigned short> const& wave = *shot.waves[i];
       EXPECT_LE(wave.peaks.size(), rows[shot.rows[i]].samples.size());
-      double former = wave.globalStart;
+      double previous = wave.globalStart;
       for (Peak const& echo : wave.peaks) {
         EXPECT_EQ(echo.quality, GOOD);
-        EXPECT_GE(echo.idx, former);
+        EXPECT_GE(echo.idx, previous);
         EXPECT_LE(echo.idx, wave.globalEnd);
-        former = echo.idx;
+        previous = echo.idx;
         ++echoes;
       }
     }
@@ -95,12 +95,12 @@ TEST_P(BlockProperties, EchoesAreSortedGoodAndInsideTheSignal) {
   }
 }
 
-TEST_P(BlockProperties, ShotsAscendAndHoldTheirRowsInOrder) {
+TEST_P(BlockProperties, ShotsAndTheirRowsAreSorted) {
   std::vector<Row> const rows = randomScan(13, shotsOfScan);
-  double former = -std::numeric_limits<double>::infinity();
+  double previous = -std::numeric_limits<double>::infinity();
   for (auto const& [time, shot] : run(rows)) {
-    EXPECT_LT(former, time);
-    former = time;
+    EXPECT_LT(previous, time);
+    previous = time;
     ASSERT_FALSE(shot.rows.empty());
     EXPECT_TRUE(std::is_sorted(shot.rows.begin(), shot.rows.end()));
     for (std::size_t i = 0; i < shot.rows.size(); ++i) {
@@ -110,21 +110,21 @@ TEST_P(BlockProperties, ShotsAscendAndHoldTheirRowsInOrder) {
   }
 }
 
-TEST_P(BlockProperties, NothingDependsOnTheNeighboursInTheBlock) {
+TEST_P(BlockProperties, ShotsDoNotDependOnEachOther) {
   std::vector<Row> const rows = randomScan(14, shotsOfScan);
   Texts const together = bytesOf(run(rows));
   std::map<double, std::vector<Row>> shots;
   for (Row const& row : rows) {
     shots[row.shotTime].push_back(row);
   }
-  Texts alone;
+  Texts separate;
   for (auto const& [time, own] : shots) {
-    alone.merge(bytesOf(run(own)));
+    separate.merge(bytesOf(run(own)));
   }
-  EXPECT_EQ(together, alone);
+  EXPECT_EQ(together, separate);
 }
 
-TEST_P(BlockProperties, TheSameBlockTwiceGivesTheSameBytes) {
+TEST_P(BlockProperties, RepeatingABlockGivesTheSameBytes) {
   Block const block = blockOf(randomScan(15, shotsOfScan));
   for (int const noise : {scanNoise, -1}) {
     Driver used = driver();
@@ -135,7 +135,7 @@ TEST_P(BlockProperties, TheSameBlockTwiceGivesTheSameBytes) {
   }
 }
 
-TEST_P(BlockProperties, ABlockCutBetweenShotsGivesTheSameShots) {
+TEST_P(BlockProperties, SplittingABlockBetweenShotsGivesTheSameShots) {
   std::vector<Row> const rows = randomScan(16, shotsOfScan);
   Texts const whole = bytesOf(run(rows));
   for (std::size_t cut = 1; cut < rows.size(); cut += 7) {
@@ -146,55 +146,55 @@ TEST_P(BlockProperties, ABlockCutBetweenShotsGivesTheSameShots) {
     Driver both = driver();
     Texts parts = bytesOf(blockOf({rows.begin(), middle}).run(both, scanNoise));
     parts.merge(bytesOf(blockOf({middle, rows.end()}).run(both, scanNoise)));
-    EXPECT_EQ(parts, whole) << "cut before row " << cut;
+    EXPECT_EQ(parts, whole) << "split before row " << cut;
   }
 }
 
-TEST_P(BlockProperties, ShotsWhoseRowsLieApartAreTheSameShots) {
+TEST_P(BlockProperties, RowsOfAShotNeedNotBeConsecutive) {
   std::vector<Row> rows = randomScan(17, shotsOfScan);
   Texts const together = bytesOf(run(rows));
   std::stable_sort(rows.begin(), rows.end(),
                    [](Row const& a, Row const& b) { return a.shotTime < b.shotTime; });
-  EXPECT_EQ(bytesOf(run(rows)), together) << "in the order of time";
-  // The first rows of all shots, then the second ones, then the third ones.
+  EXPECT_EQ(bytesOf(run(rows)), together) << "sorted by time";
+  // First rows of all shots, then second rows, then third rows.
   std::map<double, std::vector<Row>> shots;
   for (Row const& row : rows) {
     shots[row.shotTime].push_back(row);
   }
-  std::vector<Row> apart;
-  for (std::size_t place = 0; apart.size() < rows.size(); ++place) {
+  std::vector<Row> interleaved;
+  for (std::size_t index = 0; interleaved.size() < rows.size(); ++index) {
     for (auto const& [time, own] : shots) {
-      if (place < own.size()) {
-        apart.push_back(own[place]);
+      if (index < own.size()) {
+        interleaved.push_back(own[index]);
       }
     }
   }
-  EXPECT_EQ(bytesOf(run(apart)), together) << "apart";
+  EXPECT_EQ(bytesOf(run(interleaved)), together) << "interleaved";
 }
 
-TEST_P(BlockProperties, RowsMayBeginAtAnyAddress) {
-  constexpr std::size_t places = 32;  // samples to a cache line
+TEST_P(BlockProperties, RowsMayHaveAnyAlignment) {
+  constexpr std::size_t alignments = 32;  // samples per cache line
   std::vector<Row> const rows = randomScan(18, shotsOfScan);
   Texts const expected = bytesOf(run(rows));
-  for (std::size_t shift = 0; shift < places; ++shift) {
+  for (std::size_t shift = 0; shift < alignments; ++shift) {
     std::vector<Samples> memories;
     for (std::size_t row = 0; row < rows.size(); ++row) {
-      Samples& memory = memories.emplace_back((shift + row) % places, 65535);
+      Samples& memory = memories.emplace_back((shift + row) % alignments, 65535);
       memory.insert(memory.end(), rows[row].samples.begin(), rows[row].samples.end());
     }
     Block block = blockOf(rows);
     block.waveforms = Driver::Waveforms(new Array({rows.size(), maxWaveformLength}, [&](std::size_t row) {
-      return memories[row].data() + (shift + row) % places;
+      return memories[row].data() + (shift + row) % alignments;
     }));
     Driver fresh = driver();
-    EXPECT_EQ(bytesOf(block.run(fresh, scanNoise)), expected) << "moved by " << shift;
+    EXPECT_EQ(bytesOf(block.run(fresh, scanNoise)), expected) << "shifted by " << shift;
   }
 }
 
-TEST_P(BlockProperties, EveryThreadFindsWhatOneFinds) {
+TEST_P(BlockProperties, ThreadsFindTheSameEchoes) {
   Block const block = blockOf(randomScan(19, shotsOfScan));
-  Driver alone = driver();
-  Texts const expected = bytesOf(block.run(alone, scanNoise));
+  Driver single = driver();
+  Texts const expected = bytesOf(block.run(single, scanNoise));
   std::atomic<int> different{0};
   onThreads(4, [&](int) {
     Driver own = driver();

@@ -1,4 +1,5 @@
-// Drivers come and go while others work: planning and freeing transforms disturbs nobody.
+// Drivers are created and destroyed while others work: planning and releasing transforms does not affect
+// them.
 #include <atomic>
 #include <string>
 
@@ -19,25 +20,25 @@ Driver driverOf(int modus, std::filesystem::path const& directory) {
   return {static_cast<FWFModus>(modus), scannerWithSystemWave(), directory, "scan.las", maxWaveformLength};
 }
 
-TEST(DriverLifetimes, DriversAreBuiltAndGoWhileOthersWork) {
+TEST(DriverLifetimes, CreatingAndDestroyingDriversDoesNotAffectOthers) {
   constexpr int modes = 4;
   ConsoleCapture const console;
   TemporaryDirectory const directory;
   Block const block = blockOf(randomScan(31, 10));
   std::vector<std::map<double, std::string>> expected;
   for (int modus = 0; modus < modes; ++modus) {
-    Driver alone = driverOf(modus, directory.path());
-    expected.push_back(bytesOf(block.run(alone)));
+    Driver single = driverOf(modus, directory.path());
+    expected.push_back(bytesOf(block.run(single)));
   }
   std::size_t const before = Holdex::ChunkBase::memoryTotal();
   std::atomic<int> different{0};
   std::atomic<int> working{modes};
-  // Threads 0 to 3 work with one driver each; 4 and 5 build and destroy others until they are done.
+  // Threads 0 to 3 use one driver each; threads 4 and 5 create and destroy drivers until they have finished.
   onThreads(modes + 2, [&](int number) {
     if (number >= modes) {
       for (int round = 0; round < 3 || working > 0; ++round) {
-        Driver const passing = driverOf(round % modes, directory.path());
-        different += passing.message.empty() ? 0 : 1;
+        Driver const temporary = driverOf(round % modes, directory.path());
+        different += temporary.message.empty() ? 0 : 1;
       }
       return;
     }

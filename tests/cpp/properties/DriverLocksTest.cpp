@@ -1,4 +1,4 @@
-// Drivers on several threads share nothing that one waits for while another works on its block.
+// Drivers take no lock while they process a block, so that threads do not wait for each other.
 #include <dlfcn.h>
 #include <pthread.h>
 
@@ -17,7 +17,7 @@ thread_local std::size_t locksTaken = 0;
 
 }  // namespace
 
-/// Stands before the system's own and counts; std::mutex ends here too.
+/// Replaces the system's function, which std::mutex calls too, and counts the calls.
 extern "C" [[gnu::visibility("default")]] int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   using Lock = int (*)(pthread_mutex_t*);
   static Lock const lock = reinterpret_cast<Lock>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
@@ -32,7 +32,7 @@ using namespace Testing;
 
 class DriverLocks : public testing::TestWithParam<std::uint32_t> {};
 
-TEST_P(DriverLocks, OnlyPlansAreMadeOneAfterTheOther) {
+TEST_P(DriverLocks, OnlyPlanningTakesLocks) {
   TemporaryDirectory const directory;
   std::vector<Row> rows;
   for (int i = 0; i < 50; ++i) {
@@ -44,7 +44,7 @@ TEST_P(DriverLocks, OnlyPlansAreMadeOneAfterTheOther) {
   Driver driver(static_cast<FWFModus>(GetParam()), scannerWithSystemWave(), directory.path(), "scan.las",
                 maxWaveformLength);
   std::size_t const ready = locksTaken;
-  EXPECT_GT(ready, before);  // the planner; it also shows that locks are seen
+  EXPECT_GT(ready, before);  // by the planner; shows that the count works
   for (int round = 0; round < 2; ++round) {
     EXPECT_EQ(block.run(driver, scanNoise).size(), 25U);
     EXPECT_EQ(block.run(driver, -1).size(), 25U);

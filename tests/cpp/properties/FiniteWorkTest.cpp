@@ -1,4 +1,4 @@
-// However strange a record is, its echoes come after a bounded number of steps.
+// The number of iterations is bounded for arbitrary signals.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -18,12 +18,12 @@ namespace {
 
 using namespace Testing;
 
-/// Nothing, noise of any strength, echoes clipped or not, single strong samples.
-std::vector<double> anySignal(Rng& rng, std::size_t length) {
+/// Zeros, noise of any rms, echoes clipped or not, single large samples.
+std::vector<double> randomSignal(Rng& rng, std::size_t length) {
   std::vector<double> values(length);
-  double const strength = rng.oneIn(4) ? 0.0 : rng.real(0.0, 65535.0);
+  double const amplitude = rng.oneIn(4) ? 0.0 : rng.real(0.0, 65535.0);
   for (double& value : values) {
-    value = rng.real(0.0, strength);
+    value = rng.real(0.0, amplitude);
   }
   if (rng.oneIn(2)) {
     Samples const echoes = gaussians(rng, length, 0.5 * static_cast<double>(length), 8.0);
@@ -35,12 +35,12 @@ std::vector<double> anySignal(Rng& rng, std::size_t length) {
   return values;
 }
 
-TEST(FiniteWork, AFitEndsAfterTwentyEvaluations) {
+TEST(FiniteWork, AFitNeedsAtMost20Evaluations) {
   Rng rng(11);
   GaussianRefinement refinement;
-  int most = 0;
+  int max = 0;
   for (int scene = 0; scene < 2000; ++scene) {
-    std::vector<double> const signal = anySignal(rng, static_cast<std::size_t>(rng.between(4, 120)));
+    std::vector<double> const signal = randomSignal(rng, static_cast<std::size_t>(rng.between(4, 120)));
     std::vector<double> parameters;
     for (int echo = rng.between(1, 5); echo > 0; --echo) {
       parameters.insert(parameters.end(),
@@ -48,25 +48,25 @@ TEST(FiniteWork, AFitEndsAfterTwentyEvaluations) {
     }
     int const evaluations = refinement.refine(std::span<double const>(signal), 20.0, 0, parameters);
     ASSERT_LE(evaluations, 20) << scene;
-    most = std::max(most, evaluations);
+    max = std::max(max, evaluations);
   }
-  EXPECT_EQ(most, 20);  // the bound was met, so it is one
+  EXPECT_EQ(max, 20);  // the bound is reached
 }
 
-TEST(FiniteWork, ADeconvolutionEndsAfterFortyIterations) {
+TEST(FiniteWork, ADeconvolutionNeedsAtMost40Iterations) {
   Rng rng(12);
   std::vector<double> const wave{0.05, 0.2, 0.4, 0.2, 0.1, 0.05};
-  int most = 0;
+  int max = 0;
   for (int scene = 0; scene < 300; ++scene) {
-    std::vector<double> const signal = anySignal(rng, static_cast<std::size_t>(rng.between(2, 300)));
+    std::vector<double> const signal = randomSignal(rng, static_cast<std::size_t>(rng.between(2, 300)));
     ConvolutionWorkspace workspace(wave, static_cast<std::uint32_t>(signal.size() + wave.size() - 1));
     std::vector<double> estimate = signal;
     int const iterations = deconvolve(signal, workspace, kernelCentre(wave.size()), estimate);
     ASSERT_LE(iterations, 40) << scene;
     ASSERT_GE(iterations, 1) << scene;
-    most = std::max(most, iterations);
+    max = std::max(max, iterations);
   }
-  EXPECT_GT(most, 10);
+  EXPECT_GT(max, 10);
 }
 
 }  // namespace

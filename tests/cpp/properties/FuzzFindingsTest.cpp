@@ -1,4 +1,4 @@
-// What the fuzz targets ended with, each as a test of its own.
+// Inputs on which fuzz targets failed.
 #include <stdexcept>
 
 #include <fullwaveform/deconvolution/RichardsonLucy.h>
@@ -13,13 +13,13 @@ namespace {
 
 using namespace Testing;
 
-TEST(FuzzFindings, ASystemWaveOfOneSampleHasNoTransformForNoSample) {
+TEST(FuzzFindings, ASystemWaveOfOneSampleAndLengthZeroThrow) {
   ScannerDevice scanner = skewedScanner(1);
   scanner.size_sys = 1;
   EXPECT_THROW((RichardsonLucy<unsigned short, ZeroCrossing>(scanner, 0U)), std::length_error);
 }
 
-TEST(FuzzFindings, BesideASystemWaveOfOneSampleALongWaveStaysInsideTheTransforms) {
+TEST(FuzzFindings, ALongWaveformWithASystemWaveOfOneSample) {
   ScannerDevice scanner = skewedScanner(3);
   scanner.size_sys = 1;
   scanner.afterpulse_width = 1U << 31U;
@@ -29,7 +29,7 @@ TEST(FuzzFindings, BesideASystemWaveOfOneSampleALongWaveStaysInsideTheTransforms
   WavePtr const wave(new WavePoints<unsigned short>(samples.data(), 1, 0.0, 0.0,
                                                     static_cast<int>(samples.size()), 20, scanner));
   EXPECT_EQ(method.apply(samples.data(), wave), 1);
-  EXPECT_EQ(wave->size(), 0U);  // the wave is 0 at its only time and has no scale
+  EXPECT_EQ(wave->size(), 0U);  // the system wave is 0 at its only time and cannot be normalised
 }
 
 }  // namespace

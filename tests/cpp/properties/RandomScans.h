@@ -20,7 +20,7 @@ inline constexpr int scanNoise = 20;  // counts
 inline constexpr unsigned short scanBaseline = 8;
 inline constexpr unsigned int maxWaveformLength = 120;  // samples
 
-/// A scanner with a system wave, whose after-pulse lies beyond every record.
+/// A scanner with a system wave and a disabled after-pulse test.
 inline ScannerDevice scannerWithSystemWave() {
   ScannerDevice scanner = skewedScanner();
   scanner.afterpulse_width = 1U << 31U;
@@ -44,14 +44,16 @@ class Rng {
   std::mt19937 engine;
 };
 
-/// Up to four Gaussians on the baseline, about `centre` samples into the record, clipped at 4000 counts where
-/// the highest of them may reach beyond.
-inline Samples gaussians(Rng& rng, std::size_t length, double centre, double reach, double highest = 9000.0) {
+/// One to four Gaussians on the baseline at positions centre - spread to centre + spread, clipped at 4000
+/// counts.
+inline Samples gaussians(Rng& rng, std::size_t length, double centre, double spread,
+                         double maxHeight = 9000.0) {
   std::vector<double> values(length, scanBaseline);
   for (int echo = rng.between(1, 4); echo > 0; --echo) {
-    double const position = rng.real(centre - reach, centre + reach);
+    double const position = rng.real(centre - spread, centre + spread);
     double const width = rng.real(1.0, 3.0);
-    double const height = rng.oneIn(5) ? rng.real(0.3 * highest, highest) : rng.real(30.0, 0.2 * highest);
+    double const height =
+        rng.oneIn(5) ? rng.real(0.3 * maxHeight, maxHeight) : rng.real(30.0, 0.2 * maxHeight);
     for (std::size_t i = 0; i < length; ++i) {
       double const distance = (static_cast<double>(i) - position) / width;
       values[i] += height * std::exp(-0.5 * distance * distance);
@@ -64,7 +66,7 @@ inline Samples gaussians(Rng& rng, std::size_t length, double centre, double rea
   return samples;
 }
 
-/// A record of echoes, of nothing, of full scale, of single spikes or of arbitrary values.
+/// A waveform of echoes, of the baseline only, of full scale, of single spikes or of arbitrary values.
 inline Samples randomWaveform(Rng& rng) {
   auto const length = static_cast<std::size_t>(rng.between(0, static_cast<int>(maxWaveformLength) - 25));
   int const kind = rng.between(0, 9);
@@ -77,16 +79,16 @@ inline Samples randomWaveform(Rng& rng) {
     return samples;
   }
   Samples samples(length, kind == 6 ? 65535 : scanBaseline);
-  int const highest = kind == 9 ? 65535 : 100;
+  int const maximum = kind == 9 ? 65535 : 100;
   for (unsigned short& sample : samples) {
     if (kind > 7 || (kind == 7 && rng.oneIn(6))) {
-      sample = static_cast<unsigned short>(rng.between(0, highest));
+      sample = static_cast<unsigned short>(rng.between(0, maximum));
     }
   }
   return samples;
 }
 
-/// Rows of `shots` shots, one behind the other, up to three rows each, in no order of time.
+/// Rows of `shots` shots in random order of time; one to three consecutive rows per shot.
 inline std::vector<Row> randomScan(std::uint32_t seed, int shots) {
   Rng rng(seed);
   std::vector<double> times;
@@ -96,10 +98,10 @@ inline std::vector<Row> randomScan(std::uint32_t seed, int shots) {
   rng.shuffle(times);
   std::vector<Row> rows;
   for (double const time : times) {
-    Samples former;
+    Samples previous;
     for (int row = rng.between(1, 3); row > 0; --row) {
-      Samples samples = !former.empty() && rng.oneIn(8) ? former : randomWaveform(rng);
-      former = samples;
+      Samples samples = !previous.empty() && rng.oneIn(8) ? previous : randomWaveform(rng);
+      previous = samples;
       auto const flag = static_cast<unsigned char>(rng.between(0, 2));
       rows.push_back({std::move(samples), time, flag, rng.real(0.0, 1e-6)});
     }
@@ -107,7 +109,7 @@ inline std::vector<Row> randomScan(std::uint32_t seed, int shots) {
   return rows;
 }
 
-/// The bytes of a value, so that what is not a number can be compared too.
+/// Appends the bytes of a value, so that NaN can be compared too.
 template <class T>
 void appendBytes(std::string& text, T const& value) {
   char bytes[sizeof(T)];
@@ -115,7 +117,7 @@ void appendBytes(std::string& text, T const& value) {
   text.append(bytes, sizeof(T));
 }
 
-/// Everything that the driver says of a shot, byte by byte.
+/// All results of a shot as bytes.
 inline std::string bytesOf(Shot const& shot) {
   std::string text;
   for (WavePtr const& wave : shot.waves) {
@@ -135,7 +137,7 @@ inline std::string bytesOf(Shot const& shot) {
   return text;
 }
 
-/// Every shot's bytes behind its time.
+/// The bytes of all shots by their time.
 inline std::map<double, std::string> bytesOf(ShotMap const& shots) {
   std::map<double, std::string> texts;
   for (auto const& [time, shot] : shots) {

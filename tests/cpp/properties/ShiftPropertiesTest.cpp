@@ -1,4 +1,4 @@
-// A record whose content stands a few samples later has its echoes that much later, and nothing else changes.
+// Shifting the samples of a waveform shifts its echoes and changes nothing else.
 #include <cmath>
 #include <cstdint>
 #include <ostream>
@@ -16,7 +16,7 @@ namespace {
 
 using namespace Testing;
 
-/// Echoes in the first half of a record of 100 samples, and the same later by `shift`.
+/// Samples shifted later by `shift`; the last ones, without echoes, are dropped.
 Samples shifted(Samples const& samples, std::size_t shift) {
   Samples later(shift, scanBaseline);
   later.insert(later.end(), samples.begin(), samples.end() - static_cast<std::ptrdiff_t>(shift));
@@ -57,7 +57,7 @@ void expectShifted(std::list<Peak> const& echoes, std::list<Peak> const& later, 
   }
 }
 
-TEST_P(ShiftProperties, EchoesMoveWithTheContentOfTheRecord) {
+TEST_P(ShiftProperties, EchoesMoveWithTheSamples) {
   Rng rng(21);
   std::size_t echoes = 0;
   for (int i = 0; i < 60; ++i) {

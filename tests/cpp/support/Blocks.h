@@ -17,7 +17,7 @@ namespace FullWaveform::Testing {
 using Driver = PeakDetectionFamily<unsigned short>;
 using Array = Kestra::MemArray<2, unsigned short>;
 
-/// One row of a block with its values.
+/// One waveform of a block with its attributes.
 struct Row {
   Samples samples;
   double shotTime = 0.0;
@@ -25,7 +25,7 @@ struct Row {
   double sblTime = 0.0;
 };
 
-/// The arguments of a driver's `apply`.
+/// The arguments of `apply` of a driver.
 struct Block {
   Driver::Waveforms waveforms;
   std::vector<unsigned short> counts;
@@ -40,8 +40,8 @@ struct Block {
   }
 };
 
-/// Rows as wide as the longest; what lies behind a row's own samples is full scale, so that nothing goes
-/// unnoticed that reads it.
+/// Rows as wide as the longest waveform. Samples after the end of a waveform are full scale, so that reading
+/// them changes the result.
 inline Block blockOf(std::vector<Row> const& rows) {
   Block block;
   std::size_t width = 0;
@@ -61,13 +61,13 @@ inline Block blockOf(std::vector<Row> const& rows) {
   return block;
 }
 
-/// A record of 20 samples at 5 counts with an echo of `top` counts at index 10, half as high beside it.
+/// 20 samples of 5 counts with an echo of `top` counts at index 10 and half of it at 9 and 11.
 inline Samples echoOf(unsigned short top) {
   auto const half = static_cast<unsigned short>(top / 2);
   return waveformOf(20, 5, {{9, {half, top, half}}});
 }
 
-/// A record of 20 samples below the usual noise of 20 counts.
+/// 20 samples below the default noise of 20 counts.
 inline Samples noSignal() {
   return Samples(20, 5);
 }

@@ -9,17 +9,17 @@
 
 namespace FullWaveform::Testing {
 
-/// Collects every console message of the process while it lives; puts the former sink back at its end.
+/// Collects all console messages of the process; the destructor restores the previous sink.
 class ConsoleCapture {
  public:
   ConsoleCapture()
-      : former(Holdex::Console::setSink([this](std::string const& message) {
+      : previous(Holdex::Console::setSink([this](std::string const& message) {
           std::scoped_lock const lock(mutex);
           collected.push_back(message);
         })) {}
   ConsoleCapture(ConsoleCapture const&) = delete;
   ConsoleCapture& operator=(ConsoleCapture const&) = delete;
-  ~ConsoleCapture() { Holdex::Console::setSink(std::move(former)); }
+  ~ConsoleCapture() { Holdex::Console::setSink(std::move(previous)); }
 
   [[nodiscard]] std::vector<std::string> messages() const {
     std::scoped_lock const lock(mutex);
@@ -29,7 +29,7 @@ class ConsoleCapture {
  private:
   mutable std::mutex mutex;
   std::vector<std::string> collected;
-  Holdex::Console::Sink former;
+  Holdex::Console::Sink previous;
 };
 
 }  // namespace FullWaveform::Testing

@@ -8,7 +8,7 @@ namespace {
 
 std::atomic<std::size_t> allocations{0};
 
-void* taken(std::size_t size) {
+void* allocate(std::size_t size) {
   allocations.fetch_add(1, std::memory_order_relaxed);
   if (void* const memory = std::malloc(size == 0 ? 1 : size)) {
     return memory;
@@ -19,11 +19,11 @@ void* taken(std::size_t size) {
 }  // namespace
 
 void* operator new(std::size_t size) {
-  return taken(size);
+  return allocate(size);
 }
 
 void* operator new[](std::size_t size) {
-  return taken(size);
+  return allocate(size);
 }
 
 void operator delete(void* memory) noexcept {

@@ -4,7 +4,7 @@
 
 namespace FullWaveform::Testing {
 
-/// How often this program has taken memory with `new` so far; in all its threads, and in the library.
+/// Number of allocations with `new` in this process so far, in all threads and including the library.
 std::size_t heapAllocations() noexcept;
 
 }  // namespace FullWaveform::Testing

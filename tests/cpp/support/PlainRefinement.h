@@ -9,8 +9,7 @@
 
 namespace FullWaveform::Testing {
 
-/// The sum of Gaussians as it is written in the books, for Eigen's minimiser: the refinement without any
-/// speed, to compare with.
+/// The sum of Gaussians for Eigen's minimiser: a plain implementation of the refinement to compare with.
 class PlainGaussianSum {
  public:
   PlainGaussianSum(std::span<double const> signal, int first) : signal(signal), first(first) {}

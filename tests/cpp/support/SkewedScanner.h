@@ -15,7 +15,7 @@ inline ScannerDevice::ComplexTable complexTable(std::vector<std::complex<double>
 }
 
 /// Scanner of 1 ns samples whose system wave is exp(-t / 4 ns) (1 - cos(t / 2 ns)): it rises faster than it
-/// falls, so that a kernel that is turned round shows.
+/// falls, so that a mirrored kernel is detected.
 inline ScannerDevice skewedScanner(std::uint32_t upSampling = 5) {
   ScannerDevice scanner;
   scanner.sampling_time = 1e-9;

@@ -10,7 +10,7 @@
 
 namespace FullWaveform::Testing {
 
-/// A directory of its own, gone with everything in it when the test ends.
+/// A new directory, removed with its contents by the destructor.
 class TemporaryDirectory {
  public:
   TemporaryDirectory() {
@@ -33,7 +33,7 @@ class TemporaryDirectory {
   std::filesystem::path own;
 };
 
-/// The bytes of a file, "" when it is not there.
+/// The bytes of a file; "" if it does not exist.
 inline std::string contentOf(std::filesystem::path const& file) {
   std::ifstream stream(file, std::ios::binary);
   return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};

@@ -22,7 +22,7 @@ void set(Holdex::Attributes& attributes, std::string const& name, T value) {
   attributes.setAttribute(name, chunkOf<T>({std::move(value)}));
 }
 
-/// The values of the grids below; a test changes what it looks at.
+/// The values of the grids below that tests change.
 struct ScannerValues {
   std::string type = "VQ-840-GL";
   double samplingTime = 1e-9;  // s
@@ -30,7 +30,7 @@ struct ScannerValues {
   double amplUnit = 0.01;
 };
 
-/// Grid with every attribute of the scanner itself.
+/// Grid with all attributes of the scanner itself.
 inline Holdex::StrongPtr<Kestra::Grid> scannerGrid(ScannerValues const& values = {}) {
   auto grid = Holdex::makeStrong<Kestra::Grid>();
   Holdex::Attributes& attributes = grid->attributes();

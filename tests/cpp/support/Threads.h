@@ -6,7 +6,7 @@
 
 namespace FullWaveform::Testing {
 
-/// Runs `work(number)` on several threads that start at the same moment, and waits for all.
+/// Runs `work(number)` on `count` threads that start at the same time, and waits for all of them.
 template <class Work>
 void onThreads(int count, Work const& work) {
   std::atomic<bool> go{false};

@@ -10,12 +10,12 @@ inline constexpr double fitSamples = 1e-4;
 /// Relative error of the same Gaussian's amplitude: 0.0005 dB.
 inline constexpr double fitAmplitudeRelative = 5e-5;
 
-/// Position when the samples were rounded to whole counts, in samples. Half a count of 2000 shifts a
-/// logarithm by 2.5e-4; the vertex of a pulse of up to 2.5 samples width moves by up to its square (6) times
-/// that, and the half of its neighbours'.
+/// Position when the samples were rounded to whole counts, in samples. Half a count of 2000 changes a
+/// logarithm by 2.5e-4, and the vertex of a pulse of up to 2.5 samples width by up to its square (6) times
+/// that, plus half of that for each neighbour.
 inline constexpr double roundedSamples = 2.5e-3;
 
-/// Width of such a pulse, in samples: the same shifts change the curvature by up to 4e-4, and the width by
+/// Width of such a pulse, in samples: the same errors change the curvature by up to 4e-4, and the width by
 /// its cube (16) times that.
 inline constexpr double roundedWidthSamples = 6e-3;
 
@@ -36,42 +36,42 @@ inline constexpr double refinedSamples = 1e-3;
 /// Relative error of the amplitude of such a Gaussian: 0.01 dB.
 inline constexpr double refinedAmplitudeRelative = 1.15e-3;
 
-/// Position and width of refined Gaussians that leave a large misfit, in samples: there the steps before the
-/// refinement stops shrink by a factor only, and it stops a few thousandths short of the minimum.
-inline constexpr double misfittedSamples = 1e-2;
+/// Position and width of refined Gaussians with a large residual, in samples: convergence is linear there,
+/// and the refinement stops a few thousandths short of the minimum.
+inline constexpr double largeResidualSamples = 1e-2;
 
 /// Relative error of the amplitude of such a Gaussian.
-inline constexpr double misfittedAmplitudeRelative = 3e-3;
+inline constexpr double largeResidualAmplitudeRelative = 3e-3;
 
 /// Distance of a refinement from the minimum in noisy data, in standard deviations of the parameter.
 inline constexpr double refinedStandardDeviations = 0.1;
 
-/// Relative distance from the minimum after many refinements, each from the result of the one before.
+/// Relative distance from the minimum after many refinements, each started from the previous result.
 inline constexpr double repeatedRelative = 1e-7;
 
-/// Two minimisers that take the same steps, relative: what the rounding of exponentials and factorisations
-/// grows to in some steps of a problem of moderate condition.
+/// Relative difference of two minimisers that take the same steps: rounding of exponentials and
+/// factorisations after several steps of a problem of moderate condition.
 inline constexpr double sameSteps = 1e-9;
 
-/// The same where the problem is of no condition at all.
+/// The same for ill-conditioned problems.
 inline constexpr double sameWildSteps = 1e-6;
 
 /// Relative error of a sum of squares that is certified to 11 digits, from parameters of as many digits.
 inline constexpr double certifiedDigits = 1e-9;
 
-/// Cosine between the residual and a column of the Jacobian at certified parameters: their last digit, times
-/// how steeply the sum depends on them.
+/// Cosine between the residual and a column of the Jacobian at certified parameters: the last digit of the
+/// parameters times the sensitivity to them.
 inline constexpr double certifiedMinimum = 1e-8;
 
-/// Derivatives from steps of 1e-5 to both sides: rounding of sums near 1000 counts, over the step.
+/// Central differences with steps of 1e-5: rounding of sums near 1000 counts, divided by the step.
 inline constexpr double derivative = 1e-6;
 
 /// Position of an echo in a record whose content was shifted by whole samples: two roundings to single
 /// precision below 128 samples.
 inline constexpr double shiftedSamples = 1e-5;
 
-/// The same where Gaussians are refined: the refinement measures its steps against the parameters, positions
-/// among them, and so stops a little nearer to or farther from the minimum. 5 mm of range at 1 ns.
+/// The same for refined Gaussians: the refinement ends when a step is small relative to the parameters, which
+/// include the positions, so that it ends at another distance from the minimum. 5 mm of range at 1 ns.
 inline constexpr double shiftedRefinedSamples = 3e-2;
 
 /// Amplitude of such a Gaussian, dB.
