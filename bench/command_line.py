@@ -1,13 +1,12 @@
-"""What of the command line's time goes into reading, extracting and writing.
+"""Time of the command line for reading, extracting and writing.
 
-    python bench/command_line.py [FILE...] [--noise COUNTS] [--mode N] [--turns N]
+    python bench/command_line.py [FILE...] [--noise COUNTS] [--mode N] [--runs N]
 
-Without files a scan is simulated. Each file is read, its echoes extracted by one worker, and the
-echoes written as every kind of file, in turns; the shortest of each counts, in processor time of
-the thread. The last column is reading and writing together over extracting: below 1 the files cost
-less than the method. A second table holds the whole command, `fullwaveform extract`, from its start
-to its end, with one worker and two, by the clock and in processor time, and what of it passes
-before a command does anything.
+Without files a scan is simulated. The first table has the processor time of the thread for reading
+each file, extracting with one worker, and writing every kind of file; the minimum of several runs.
+Its last column is reading plus writing over extracting: below 1 the files take less time than the
+method. The second table has the wall time and processor time of the whole command `fullwaveform
+extract` with one and two workers, and of its start-up alone.
 """
 
 from __future__ import annotations
@@ -32,13 +31,13 @@ from fullwaveform.io.opening import open_waveforms
 Result = TypeVar("Result")
 
 
-def shortest(turns: int, work: Callable[[], Result]) -> tuple[float, Result]:
-    """Processor seconds of the fastest turn, and what the last one gave."""
+def fastest(runs: int, work: Callable[[], Result]) -> tuple[float, Result]:
+    """Minimum processor time in seconds, and the last result."""
     times = []
-    for _ in range(turns):
-        began = time.thread_time()
+    for _ in range(runs):
+        started = time.thread_time()
         result = work()
-        times.append(time.thread_time() - began)
+        times.append(time.thread_time() - started)
     return min(times), result
 
 
@@ -56,55 +55,55 @@ def write(path: Path, source: Path, blocks: list[ExtractedBlock]) -> None:
 
 
 def command(*arguments: str) -> tuple[float, float]:
-    """Seconds of a command by the clock, and of the processors in it and its workers."""
+    """Wall time of a command in seconds, and processor time including its workers."""
 
     def processors() -> float:
         used = resource.getrusage(resource.RUSAGE_CHILDREN)
         return used.ru_utime + used.ru_stime
 
     call = [sys.executable, "-c", "from fullwaveform.cli.start import main; main()", *arguments]
-    began, used = time.perf_counter(), processors()
+    started, used = time.perf_counter(), processors()
     subprocess.run(call, check=True, capture_output=True)
-    return time.perf_counter() - began, processors() - used
+    return time.perf_counter() - started, processors() - used
 
 
-def shortest_command(turns: int, *arguments: str) -> str:
-    """The fastest turn by the clock and the one of the least processor time, in ms."""
-    clock, used = zip(*(command(*arguments) for _ in range(turns)), strict=True)
+def fastest_command(runs: int, *arguments: str) -> str:
+    """Minimum wall time and minimum processor time, in ms."""
+    clock, used = zip(*(command(*arguments) for _ in range(runs)), strict=True)
     return f"{min(clock) * 1e3:.0f} | {min(used) * 1e3:.0f}"
 
 
-def stages(source: Path, settings: ExtractionSettings, turns: int) -> None:
-    """Print a file's lines of the first table."""
-    reading, blocks = shortest(turns, lambda: read(source))
+def stages(source: Path, settings: ExtractionSettings, runs: int) -> None:
+    """Print the rows of a file in the first table."""
+    reading, blocks = fastest(runs, lambda: read(source))
     extractor = Extractor(settings)
-    extracting, extracted = shortest(turns, lambda: [extractor.extract(block) for block in blocks])
+    extracting, extracted = fastest(runs, lambda: [extractor.extract(block) for block in blocks])
     for ending in ECHO_ENDINGS:
         with tempfile.TemporaryDirectory() as folder:
             output = Path(folder) / f"echoes{ending}"
-            writing, _ = shortest(turns, lambda to=output: write(to, source, extracted))
+            writing, _ = fastest(runs, lambda to=output: write(to, source, extracted))
         times = f"{reading * 1e3:.1f} | {extracting * 1e3:.1f} | {writing * 1e3:.1f}"
         print(f"| {source.name} | {ending} | {times} | {(reading + writing) / extracting:.2f} |")
 
 
-def end_to_end(source: Path, mode: int, noise: int, turns: int) -> None:
-    """Print a file's lines of the second table."""
+def end_to_end(source: Path, mode: int, noise: int, runs: int) -> None:
+    """Print the rows of a file in the second table."""
     for workers in (1, 2):
         with tempfile.TemporaryDirectory() as folder:
             options = {"-o": f"{folder}/echoes.las", "--mode": mode, "--noise": noise}
             options["--workers"] = workers
             words = [str(word) for option in options.items() for word in option]
-            taken = shortest_command(turns, "extract", str(source), *words)
+            taken = fastest_command(runs, "extract", str(source), *words)
         print(f"| {source.name} | {workers} | {taken} |")
 
 
 def main() -> None:
-    """Print the tables."""
+    """Print both tables."""
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("files", nargs="*", type=Path)
     parser.add_argument("--noise", type=int, default=8)
     parser.add_argument("--mode", type=int, default=1)
-    parser.add_argument("--turns", type=int, default=7)
+    parser.add_argument("--runs", type=int, default=7)
     options = parser.parse_args()
     settings = ExtractionSettings(Scanner.default(), Mode(options.mode), options.noise)
     with tempfile.TemporaryDirectory() as folder:
@@ -115,12 +114,12 @@ def main() -> None:
         print("| file | written as | reading, ms | extracting, ms | writing, ms | files / method |")
         print("|---|---|---:|---:|---:|---:|")
         for source in files:
-            stages(source, settings, options.turns)
-        print("\n| command | workers | by the clock, ms | processor time, ms |")
+            stages(source, settings, options.runs)
+        print("\n| command | workers | wall time, ms | processor time, ms |")
         print("|---|---:|---:|---:|")
-        print(f"| nothing (--help) | | {shortest_command(options.turns, '--help')} |")
+        print(f"| start-up (--help) | | {fastest_command(options.runs, '--help')} |")
         for source in files:
-            end_to_end(source, options.mode, options.noise, options.turns)
+            end_to_end(source, options.mode, options.noise, options.runs)
 
 
 if __name__ == "__main__":

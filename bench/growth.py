@@ -1,7 +1,7 @@
 """Time and memory of C++ `apply` against waveforms, samples, echoes and shots per block.
 
 Usage: growth.py MEASURE    (MEASURE: the program fullwaveform_measure of the bench build)
-Prints a table and writes growth.png beside this file.
+Prints a table and writes growth.png next to this file.
 """
 
 from __future__ import annotations
@@ -26,7 +26,7 @@ GROWTH = {
 
 
 def scene(quantity: str, value: int) -> tuple[int, int, int, int]:
-    """Rows, samples, echoes and waveforms per shot when one of them is varied."""
+    """Rows, samples, echoes and waveforms per shot, with one quantity varied."""
     if quantity == "waveforms":
         return value, SAMPLES, ECHOES, 1
     if quantity == "samples":
@@ -37,7 +37,7 @@ def scene(quantity: str, value: int) -> tuple[int, int, int, int]:
 
 
 def main(program: Path) -> None:
-    """Measures, prints and draws."""
+    """Measure, print and plot."""
     figure, panels = plt.subplots(2, len(GROWTH), figsize=(13, 6), layout="constrained")
     print("quantity         value  mode 0 ms  mode 1 ms  result MB")
     for column, (quantity, values) in enumerate(GROWTH.items()):

@@ -1,9 +1,9 @@
-"""Python `apply` against C++ `apply` on the same waveforms, in turn, as ratios.
+"""Time of Python `apply` relative to C++ `apply` on the same waveforms.
 
 Usage: python_overhead.py MEASURE [FILE...]
 MEASURE is the program fullwaveform_measure of the bench build; FILE is any file of waveforms, of
-which those of the most frequent length are taken. Without one, constructed waveforms are.
-Both times hold the whole way from samples to released results; every mode extracts all waveforms.
+which those of the most frequent length are used. Without files, waveforms are constructed. Both
+times include all steps from the samples to the release of the results.
 """
 
 from __future__ import annotations
@@ -19,11 +19,11 @@ from fullwaveform import Driver
 from fullwaveform.io.opening import open_waveforms
 
 ROWS = 4000
-NOISE = {"constructed": 20, "file": 8}  # counts
+THRESHOLD = {"constructed": 20, "file": 8}  # counts
 
 
-def of_file(path: Path) -> Samples:
-    """Waveforms of one length, the most frequent one, no more than `ROWS`."""
+def read_waveforms(path: Path) -> Samples:
+    """At most `ROWS` waveforms of the most frequent length."""
     with open_waveforms(path) as reader:
         blocks = list(reader.blocks())
     counts = np.concatenate([block.counts for block in blocks])
@@ -33,7 +33,7 @@ def of_file(path: Path) -> Samples:
 
 
 def compare(program: Path, name: str, samples: Samples, noise: int) -> None:
-    """Prints a line for every mode."""
+    """Print a line per mode."""
     rows, width = samples.shape
     flags = (np.arange(rows) % 2).astype(np.uint8)
     for mode in range(4):
@@ -42,7 +42,7 @@ def compare(program: Path, name: str, samples: Samples, noise: int) -> None:
         for _ in range(8):
             measured = cpp_apply(program, samples, mode, noise=noise, runs=3)
             cpp = min(cpp, measured.with_release)
-            work = partial(driver.apply, samples, channel_flags=flags, noise=noise)
+            work = partial(driver.apply, samples, channel_flags=flags, threshold=noise)
             python = min(python, fastest(work))
         print(
             f"{name:24}  {mode:4}  {cpp / rows * 1e6:6.3f}  {python / rows * 1e6:9.3f}  "
@@ -51,15 +51,15 @@ def compare(program: Path, name: str, samples: Samples, noise: int) -> None:
 
 
 def main(program: Path, files: list[Path]) -> None:
-    """Prints the ratios."""
+    """Print the ratios."""
     print("waveforms                 mode  C++ us  Python us  ratio  thousand/s with Python")
     for path in files:
-        compare(program, path.name, of_file(path), NOISE["file"])
+        compare(program, path.name, read_waveforms(path), THRESHOLD["file"])
     if not files:
         for width, echoes in ((80, 2), (400, 6)):
             samples = waveforms(ROWS, width, echoes)
             name = f"{width} samples, {echoes} echoes"
-            compare(program, name, samples, NOISE["constructed"])
+            compare(program, name, samples, THRESHOLD["constructed"])
 
 
 if __name__ == "__main__":

@@ -1,4 +1,4 @@
-"""Waveforms for the side-by-side programs, and the C++ driver over the same waveforms."""
+"""Waveforms for the Python benchmarks, and the C++ driver on the same waveforms."""
 
 from __future__ import annotations
 
@@ -18,14 +18,14 @@ Samples = npt.NDArray[np.uint16]
 
 
 def waveforms(rows: int, samples: int, echoes: int, seed: int = 1) -> Samples:
-    """Echoes of 60 to 460 counts spread evenly over a floor of 14 counts: (rows, samples)."""
-    chance = np.random.default_rng(seed)
+    """Evenly spread echoes of 60 to 460 counts on a baseline of 14 counts: (rows, samples)."""
+    rng = np.random.default_rng(seed)
     x = np.arange(samples)
-    signal = 14.0 + chance.normal(0, 1, (rows, samples))
+    signal = 14.0 + rng.normal(0, 1, (rows, samples))
     for echo in range(echoes):
-        centre = (echo + 0.5 + 0.3 * chance.uniform(-0.5, 0.5, (rows, 1))) * samples / echoes
-        height, width = chance.uniform(60, 460, (rows, 1)), chance.uniform(2, 3, (rows, 1))
-        signal += height * np.exp(-0.5 * ((x - centre) / width) ** 2)
+        centre = (echo + 0.5 + 0.3 * rng.uniform(-0.5, 0.5, (rows, 1))) * samples / echoes
+        amplitude, width = rng.uniform(60, 460, (rows, 1)), rng.uniform(2, 3, (rows, 1))
+        signal += amplitude * np.exp(-0.5 * ((x - centre) / width) ** 2)
     return np.clip(np.rint(signal), 0, 4095).astype(np.uint16)
 
 
@@ -43,11 +43,11 @@ def scanner() -> Scanner:
 
 @dataclass(frozen=True)
 class Measured:
-    """C++ `apply`: seconds of the thread in the fastest run; of a run on the wall; bytes."""
+    """C++ `apply`: minimum thread time in s, mean wall time in s, memory in bytes."""
 
     apply: float
     with_release: float
-    memory: float  # of the heap that the result holds
+    memory: float  # heap memory of the result
     wall: float  # with release
 
 
@@ -62,9 +62,9 @@ def cpp_apply(
     threads: int = 1,
     processes: int = 1,
 ) -> Measured:
-    """The driver of the C++ library over the samples, in programs of its own.
+    """Run the C++ driver on the samples, in separate processes.
 
-    Several processes run at the same time; the slowest by the clock on the wall is told.
+    Processes run concurrently; returns the one with the longest wall time.
     """
     with tempfile.NamedTemporaryFile() as file:
         samples.tofile(file.name)
@@ -73,17 +73,18 @@ def cpp_apply(
         running = [
             subprocess.Popen(command, stdout=subprocess.PIPE, text=True) for _ in range(processes)
         ]
-        said = [process.communicate()[0] for process in running]
+        outputs = [process.communicate()[0] for process in running]
     for process in running:
         if process.returncode != 0:
             raise subprocess.CalledProcessError(process.returncode, command)
     return max(
-        (Measured(*map(float, text.split())) for text in said), key=lambda measured: measured.wall
+        (Measured(*map(float, text.split())) for text in outputs),
+        key=lambda measured: measured.wall,
     )
 
 
 def fastest(work: Callable[[], object], runs: int = 5) -> float:
-    """Seconds of the thread in the fastest of some runs; other programs do not lengthen them."""
+    """Minimum thread time in seconds; other programs do not affect it."""
     times = []
     for _ in range(runs):
         start = time.thread_time()

@@ -1,8 +1,8 @@
-"""The methods beside general tools on the same waveforms, in one run, as ratios of time.
+"""Times of the methods and of general tools on the same waveforms, as ratios.
 
 Usage: side_by_side.py MEASURE_FITS  (the program fullwaveform_measure_fits of the bench build)
-SciPy, lmfit and scikit-image are in the dependency group bench. Fits are compared one by one, the
-same signal from the same start, and with the whole of Python `apply`, which finds its own starts.
+SciPy, lmfit and scikit-image are in the dependency group bench. Single fits are compared with the
+same signal and start, and with the whole of Python `apply`, which finds its own start values.
 """
 
 from __future__ import annotations
@@ -33,7 +33,7 @@ X = np.arange(SAMPLES, dtype=float)
 
 
 def model(x: Values, *parameters: float) -> Values:
-    """Sum of Gaussians: height, position, standard deviation of each."""
+    """Sum of Gaussians: amplitude, position, standard deviation of each."""
     a, m, s = np.reshape(parameters, (-1, 3, 1)).transpose(1, 0, 2)
     return (a * np.exp(-0.5 * ((x - m) / s) ** 2)).sum(0)
 
@@ -48,7 +48,7 @@ def jacobian(x: Values, *parameters: float) -> Values:
 
 
 def start_of(signal: Values) -> list[float]:
-    """Heights and positions of the two largest maxima."""
+    """Amplitudes and positions of the two largest maxima."""
     found = find_peaks(signal, height=20, distance=4)
     order = np.argsort(found[1]["peak_heights"])[-ECHOES:]
     return [
@@ -59,7 +59,7 @@ def start_of(signal: Values) -> list[float]:
 
 
 def parabolas(samples: Values) -> None:
-    """Maxima and the Gauss curve through three samples at each, waveform by waveform."""
+    """Maxima and the Gaussian through three samples at each, per waveform."""
     for row in samples:
         peaks, _ = find_peaks(row, height=NOISE)
         left, centre, right = (np.log(np.maximum(row[peaks + step], 1.0)) for step in (-1, 0, 1))
@@ -69,7 +69,7 @@ def parabolas(samples: Values) -> None:
 
 
 def lmfit_model() -> Model:
-    """The two-echo model with names."""
+    """The two-echo model with named parameters."""
 
     def two(x: Values, a1: float, m1: float, s1: float, a2: float, m2: float, s2: float) -> Values:
         return model(x, a1, m1, s1, a2, m2, s2)
@@ -78,7 +78,7 @@ def lmfit_model() -> Model:
 
 
 def fits_in_cpp(program: Path, signals: Values, starts: Values) -> tuple[float, Values]:
-    """Microseconds of one fit without anything around it, and the fitted parameters."""
+    """Microseconds per fit, without any other step, and the fitted parameters."""
     with tempfile.NamedTemporaryFile() as file:
         signals.tofile(file)
         starts.tofile(file)
@@ -92,9 +92,9 @@ def fits_in_cpp(program: Path, signals: Values, starts: Values) -> tuple[float, 
 
 
 def fits(signals: Values, starts: Values) -> dict[str, Callable[[], list[Values]]]:
-    """The general tools, each as a run through all signals that returns the parameters."""
+    """Per tool a function that fits all signals and returns the parameters."""
     pairs = list(zip(signals, starts, strict=True))
-    named = lmfit_model()
+    named_model = lmfit_model()
     names = ("a1", "m1", "s1", "a2", "m2", "s2")
 
     def with_leastsq(signal: Values, start: Values) -> Values:
@@ -122,7 +122,7 @@ def fits(signals: Values, starts: Values) -> dict[str, Callable[[], list[Values]
         return curve_fit(model, X, signal, start, jac=jacobian, ftol=TOLERANCE, xtol=TOLERANCE)[0]
 
     def with_lmfit(signal: Values, start: Values) -> Values:
-        found = named.fit(signal, x=X, **dict(zip(names, start, strict=True)))
+        found = named_model.fit(signal, x=X, **dict(zip(names, start, strict=True)))
         return np.array([found.best_values[name] for name in names])
 
     tools = {
@@ -138,12 +138,12 @@ def fits(signals: Values, starts: Values) -> dict[str, Callable[[], list[Values]
 
 
 def compare_fits(program: Path, samples: Samples) -> None:
-    """One fit beside one on the same signal from the same start, and the whole of `apply`."""
+    """Compare single fits of the same signal and start, and the whole of `apply`."""
     signals = samples.astype(float) - NOISE
     starts = np.array([start_of(signal) for signal in signals])
     driver = Driver(1, Scanner.default(1e-9))
     print(
-        "tool                  one fit us  apply us  tool us  tool/fit  tool/apply  apart, samples"
+        "tool                  one fit us  apply us  tool us  tool/fit  tool/apply  max difference"
     )
     for name, work in fits(signals, starts).items():
         fit = whole = theirs = float("inf")
@@ -152,18 +152,18 @@ def compare_fits(program: Path, samples: Samples) -> None:
             fit = min(fit, taken)
             whole = min(whole, microseconds(lambda: driver.apply(samples, threshold=NOISE), 20))
             theirs = min(theirs, microseconds(work, 1))
-        apart = np.max(np.abs(np.array(work()) - ours)[:, 1::3])
+        difference = np.max(np.abs(np.array(work()) - ours)[:, 1::3])
         print(
             f"{name:20}  {fit:10.2f}  {whole:8.2f}  {theirs:7.1f}  {theirs / fit:8.1f}"
-            f"  {theirs / whole:10.1f}  {apart:22.1e}"
+            f"  {theirs / whole:10.1f}  {difference:14.1e}"
         )
 
 
 def compare_methods(samples: Samples) -> None:
-    """Modes 0 and 2 beside what comes near to them."""
+    """Compare modes 0 and 2 with similar methods."""
     pulse = np.exp(-0.5 * ((np.arange(12) - 4) / 1.8) ** 2)
     pulse /= pulse.sum()
-    # As many samples as the method works on.
+    # Up-sampled as in the method.
     finer = np.repeat(np.maximum(samples.astype(float) - NOISE, 0.01), 5, axis=1)
     tools: dict[str, tuple[Driver, Callable[[], object]]] = {
         "SciPy find_peaks + parabola": (
@@ -171,7 +171,7 @@ def compare_methods(samples: Samples) -> None:
             lambda: parabolas(samples.astype(float)),
         ),
         "scikit-image richardson_lucy": (
-            Driver(2, scanner_of()),
+            Driver(2, scanner()),
             lambda: [richardson_lucy(row / 4096.0, pulse, num_iter=ITERATIONS) for row in finer],
         ),
     }
@@ -185,19 +185,19 @@ def compare_methods(samples: Samples) -> None:
 
 
 def microseconds(work: Callable[[], object], runs: int) -> float:
-    """Of one waveform in the fastest of some runs through all of them."""
+    """Minimum time per waveform."""
     with np.errstate(all="ignore"):
         return fastest(work, runs) / ROWS * 1e6
 
 
 def main(program: Path) -> None:
-    """Prints the ratios."""
+    """Print the ratios."""
     samples = waveforms(ROWS, SAMPLES, ECHOES)
     compare_methods(samples)
     compare_fits(program, samples)
 
 
-def scanner_of() -> Scanner:
+def scanner() -> Scanner:
     """A scanner whose pulse is 1.9 exp(-t/4) (1 - cos(t/2)), t in ns."""
     attributes = {
         **Scanner.default(1e-9).attributes,

@@ -1,9 +1,9 @@
-"""Two workers against one: C++ threads, processes and Python threads, as ratios.
+"""Speed-up by a second worker: C++ threads, processes and Python threads.
 
 Usage: threads.py MEASURE    (MEASURE: the program fullwaveform_measure of the bench build)
-The ratio is the work done in a time with two workers over that with one; 2 is the best there is.
-Two processes share nothing but the machine: what they lose, its two cores do not have. What threads
-lose beyond that, and in their own time (thread ratio), they cost each other.
+The ratio is the throughput of two workers over that of one; 2 is ideal. Two processes share only
+the machine, so that their loss is due to its cores. Any further loss of threads, and any in their
+own processor time, is due to the threads themselves.
 """
 
 from __future__ import annotations
@@ -25,7 +25,7 @@ Work = Callable[[int], float]
 
 
 def python_apply(mode: int, samples: Samples, threads: int) -> float:
-    """Seconds a run until every thread has been through the samples several times."""
+    """Wall time per run in seconds, for threads that process the samples several times."""
     drivers = [Driver(mode, Scanner.default(1e-9)) for _ in range(threads)]
 
     def work(driver: Driver) -> None:
@@ -39,7 +39,7 @@ def python_apply(mode: int, samples: Samples, threads: int) -> float:
 
 
 def ratios(program: Path, mode: int) -> dict[str, float]:
-    """Two workers against one, each the fastest of some rounds in turn."""
+    """Speed-up of two workers; minimum times of alternating rounds."""
     samples = waveforms(ROWS, 80, 2)
     runs = RUNS[mode]
     works: dict[str, Work] = {
@@ -56,7 +56,7 @@ def ratios(program: Path, mode: int) -> dict[str, float]:
 
 
 def main(program: Path) -> None:
-    """Prints the ratios."""
+    """Print the ratios."""
     print("mode  C++ threads  threads' own time  C++ processes  threads/processes  Python threads")
     for mode in RUNS:
         found = ratios(program, mode)

@@ -21,10 +21,9 @@ using Values = std::vector<double>;
 
 constexpr std::uint32_t steps = 5;            // values per sample
 constexpr std::size_t systemWaveLength = 56;  // values
-constexpr double pulsePerStep = 1.0 / steps;  // of the phase of the pulse below
 constexpr double range = 900.0;               // counts
 
-/// What a kernel works on: a signal of as many samples, up-sampled, and factors near 1.
+/// Arguments of a kernel: the values of an up-sampled signal, and factors near 1.
 struct Signal {
   explicit Signal(benchmark::State const& state)
       : values(static_cast<std::size_t>(state.range(1)) * steps),
@@ -41,7 +40,7 @@ struct Signal {
   Values result;
 };
 
-/// One pass over a signal with one form of the kernels.
+/// Runs a kernel with the instruction set and signal length of the benchmark.
 template <class Kernel>
 void pass(benchmark::State& state, Kernel const& kernel) {
   InstructionSet const set = instructionSetOf(state);
@@ -57,15 +56,15 @@ void setsAndSamples(benchmark::internal::Benchmark* benchmark) {
   benchmark->ArgNames({"set", "samples"})->ArgsProduct({{0, 1}, {40, 80, 160, 400}});
 }
 
-void largest(benchmark::State& state) {
+void maximum(benchmark::State& state) {
   pass(state, [](InstructionSet set, Signal const& signal) {
     benchmark::DoNotOptimize(IterationKernels::maximum(set, signal.values));
   });
 }
-BENCHMARK(largest)->Name("IterationKernels/largest")->Apply(setsAndSamples);
+BENCHMARK(maximum)->Name("IterationKernels/maximum")->Apply(setsAndSamples);
 
 void subtractNoise(benchmark::State& state) {
-  // Nothing is taken off, so that every pass meets the same values.
+  // Subtracts 0, so that the values stay the same.
   pass(state, [](InstructionSet set, Signal& signal) {
     IterationKernels::subtractNoise(set, signal.values, 0.0, 1.0);
   });
@@ -75,7 +74,7 @@ BENCHMARK(subtractNoise)->Name("IterationKernels/subtractNoise")->Apply(setsAndS
 void multiply(benchmark::State& state) {
   pass(state, [](InstructionSet set, Signal& signal) {
     std::size_t const bins = signal.values.size() / 2;
-    // i times itself over and over: always of the same size.
+    // Multiplies by i, so that the magnitude stays the same.
     for (std::size_t k = 0; k < bins; ++k) {
       signal.factors[2 * k] = 0.0;
       signal.factors[2 * k + 1] = 1.0;
@@ -95,7 +94,7 @@ BENCHMARK(divide)->Name("IterationKernels/divide")->Apply(setsAndSamples);
 
 void correct(benchmark::State& state) {
   pass(state, [](InstructionSet set, Signal& signal) {
-    signal.values.assign(signal.values.size(), 1.0);  // or they would grow for ever
+    signal.values.assign(signal.values.size(), 1.0);  // the product would grow with every iteration
     benchmark::DoNotOptimize(
         IterationKernels::correct(set, signal.values, signal.factors.data(), 1.0, signal.result.data()));
   });
@@ -110,22 +109,22 @@ void toCounts(benchmark::State& state) {
 }
 BENCHMARK(toCounts)->Name("IterationKernels/toCounts")->Apply(setsAndSamples);
 
-/// Transforms of a scanner's pulse, long enough for a signal of so many samples.
+/// Transforms of a pulse, long enough for a signal of `values` values.
 ConvolutionWorkspace workspaceFor(std::size_t values) {
   Values pulse(systemWaveLength);
   for (std::size_t i = 0; i < pulse.size(); ++i) {
-    double const t = pulsePerStep * static_cast<double>(i);
+    double const t = static_cast<double>(i) / steps;
     pulse[i] = std::exp(-0.25 * t) * (1.0 - std::cos(0.5 * t));
   }
-  auto const least = static_cast<std::uint32_t>(minTransformLength(values, systemWaveLength));
+  auto const minLength = static_cast<std::uint32_t>(minTransformLength(values, systemWaveLength));
   std::uint32_t length = 64;
-  while (length < least) {
+  while (length < minLength) {
     length *= 2;
   }
   return {pulse, length};
 }
 
-/// A transform, the product of spectra and the transform back, of the next power of two.
+/// Forward transform, product of spectra and backward transform, with the next power of two as length.
 void convolveInput(benchmark::State& state) {
   ConvolutionWorkspace workspace = workspaceFor(static_cast<std::size_t>(state.range(0)) * steps);
   workspace.load(Values(workspace.fftLength(), 1.0));
@@ -142,27 +141,26 @@ BENCHMARK(convolveInput)
     ->Arg(160)
     ->Arg(400);
 
-/// The three parts of a deconvolution: the signal, the iterations, the counts for the peak finder.
-void observeRecords(benchmark::State& state) {
+void prepareSignals(benchmark::State& state) {
   Waveforms const waveforms(static_cast<std::size_t>(state.range(0)),
                             static_cast<std::size_t>(state.range(1)));
   Values observed((waveforms.samples[0].size() - 1) * steps);
   PerWaveform const counters(state, waveforms.samples.size());
   for (auto iteration : state) {
-    for (Samples const& record : waveforms.samples) {
-      benchmark::DoNotOptimize(prepareObserved(record, steps, noise, widestInstructionSet(), observed));
+    for (Samples const& samples : waveforms.samples) {
+      benchmark::DoNotOptimize(prepareObserved(samples, steps, noise, widestInstructionSet(), observed));
     }
   }
 }
-BENCHMARK(observeRecords)->Name("RichardsonLucyIteration/prepareObserved")->Apply(samplesAndEchoes);
+BENCHMARK(prepareSignals)->Name("RichardsonLucyIteration/prepareObserved")->Apply(samplesAndEchoes);
 
 void iterate(benchmark::State& state) {
   Waveforms const waveforms(static_cast<std::size_t>(state.range(0)),
                             static_cast<std::size_t>(state.range(1)));
   std::vector<Values> signals;
-  for (Samples const& record : waveforms.samples) {
-    prepareObserved(record, steps, noise, widestInstructionSet(),
-                    signals.emplace_back((record.size() - 1) * steps));
+  for (Samples const& samples : waveforms.samples) {
+    prepareObserved(samples, steps, noise, widestInstructionSet(),
+                    signals.emplace_back((samples.size() - 1) * steps));
   }
   ConvolutionWorkspace workspace = workspaceFor(signals[0].size());
   Values estimate(signals[0].size());
@@ -180,6 +178,30 @@ void iterate(benchmark::State& state) {
       iterations / (static_cast<double>(state.iterations()) * static_cast<double>(signals.size()));
 }
 BENCHMARK(iterate)->Name("RichardsonLucyIteration/deconvolve")->Apply(samplesAndEchoes);
+
+/// All steps between samples and counts, with one instruction set.
+void deconvolveWithInstructionSet(benchmark::State& state) {
+  InstructionSet const set = instructionSetOf(state);
+  Waveforms const waveforms(80, 3);
+  Values observed((waveforms.samples[0].size() - 1) * steps);
+  Values estimate(observed.size());
+  Samples counts(observed.size());
+  ConvolutionWorkspace workspace = workspaceFor(observed.size());
+  workspace.instructionSet = set;
+  PerWaveform const counters(state, waveforms.samples.size());
+  for (auto iteration : state) {
+    for (Samples const& samples : waveforms.samples) {
+      double const maximum = prepareObserved(samples, steps, noise, set, observed);
+      estimate = observed;
+      deconvolve(observed, workspace, kernelCentre(systemWaveLength), estimate);
+      scaleToCounts(maximum, noise, set, estimate, counts);
+    }
+  }
+}
+BENCHMARK(deconvolveWithInstructionSet)
+    ->Name("RichardsonLucyIteration/instructionSet")
+    ->ArgName("set")
+    ->DenseRange(0, 1);
 
 }  // namespace
 }  // namespace FullWaveform::Bench

@@ -22,7 +22,7 @@ void applyPlanes(benchmark::State& state) {
   auto const samples = static_cast<std::size_t>(state.range(0));
   Waveforms const waveforms(samples, static_cast<std::size_t>(state.range(1)));
   Planes planes(scanner(), static_cast<unsigned int>(samples));
-  applyToEach(planes, waveforms);  // working memory grows
+  applyToEach(planes, waveforms);  // grows the working memory
   PerWaveform const counters(state, waveforms.samples.size());
   for (auto iteration : state) {
     applyToEach(planes, waveforms);
@@ -30,7 +30,7 @@ void applyPlanes(benchmark::State& state) {
 }
 BENCHMARK(applyPlanes)->Name("RL_Planes/apply")->Apply(samplesAndEchoes);
 
-/// A ladder for the longest waveform of a scan.
+/// A ladder for a maximum waveform length.
 void buildPlanes(benchmark::State& state) {
   for (auto iteration : state) {
     Planes const planes(scanner(), static_cast<unsigned int>(state.range(0)));
@@ -39,8 +39,8 @@ void buildPlanes(benchmark::State& state) {
 }
 BENCHMARK(buildPlanes)->Name("RL_Planes/build")->Arg(100)->Arg(400)->Arg(2500)->Unit(benchmark::kMillisecond);
 
-/// Waveforms whose range is nearly the whole record, as one plane takes them, and what they cost in three
-/// ways. The three are timed in turn, so that whatever else the machine does meets them alike.
+/// The method, its bare transforms and the plain implementation, for waveforms whose range is nearly their
+/// whole length. The three are measured alternately, so that other load affects them equally.
 void compareWithTransforms(benchmark::State& state) {
   auto const samples = static_cast<std::size_t>(state.range(0));
   ScannerDevice const device = scanner();
@@ -59,18 +59,18 @@ void compareWithTransforms(benchmark::State& state) {
                              .echoes(waveforms.samples[i].data(), wave)
                              .iterations);
   }
-  Stopwatch ours;
+  Stopwatch method;
   Stopwatch transforms;
-  Stopwatch plainly;
+  Stopwatch reference;
   for (auto iteration : state) {
-    ours.time([&] { applyToEach(planes, waveforms); });
+    method.time([&] { applyToEach(planes, waveforms); });
     transforms.time([&] {
       for (std::size_t i = 0; i < waveforms.waves.size(); ++i) {
-        // Two convolutions to an iteration, each a transform there and one back.
+        // Two convolutions per iteration, each with a forward and a backward transform.
         bare[planes.getIdx(static_cast<int>(waveforms.waves[i]->lengthCropped))].execute(2 * iterations[i]);
       }
     });
-    plainly.time([&] {
+    reference.time([&] {
       for (std::size_t i = 0; i < waveforms.waves.size(); ++i) {
         auto const& wave = *waveforms.waves[i];
         plain[planes.getIdx(static_cast<int>(wave.lengthCropped))].echoes(waveforms.samples[i].data(), wave);
@@ -78,10 +78,10 @@ void compareWithTransforms(benchmark::State& state) {
     });
   }
   double const each = 1e6 / static_cast<double>(waveforms.waves.size());
-  state.counters["us/waveform"] = ours.fastest() * each;
+  state.counters["us/waveform"] = method.fastest() * each;
   state.counters["bare_us"] = transforms.fastest() * each;
-  state.counters["apply/bare"] = ours.fastest() / transforms.fastest();
-  state.counters["plain/apply"] = plainly.fastest() / ours.fastest();
+  state.counters["apply/bare"] = method.fastest() / transforms.fastest();
+  state.counters["plain/apply"] = reference.fastest() / method.fastest();
 }
 BENCHMARK(compareWithTransforms)
     ->Name("RL_Planes/compared")

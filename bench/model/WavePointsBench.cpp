@@ -13,23 +13,23 @@
 namespace FullWaveform::Bench {
 namespace {
 
-/// Runs something on every record of a kind.
+/// Runs `work` for every waveform of the given length and number of echoes.
 template <class Work>
-void onRecords(benchmark::State& state, Work const& work) {
+void forEachWaveform(benchmark::State& state, Work const& work) {
   Waveforms const waveforms(static_cast<std::size_t>(state.range(0)),
                             static_cast<std::size_t>(state.range(1)));
   PerWaveform const counters(state, waveforms.samples.size());
   for (auto iteration : state) {
-    for (Samples const& record : waveforms.samples) {
-      work(record);
+    for (Samples const& samples : waveforms.samples) {
+      work(samples);
     }
   }
 }
 
 void analyse(benchmark::State& state) {
   ScannerDevice const device = scanner();
-  onRecords(state, [&](Samples const& record) {
-    WavePoints<unsigned short> const wave(record.data(), 1, 0.0, 0.0, static_cast<int>(record.size()), -1,
+  forEachWaveform(state, [&](Samples const& samples) {
+    WavePoints<unsigned short> const wave(samples.data(), 1, 0.0, 0.0, static_cast<int>(samples.size()), -1,
                                           device);
     benchmark::DoNotOptimize(wave.maxAmplitude);
   });
@@ -37,15 +37,15 @@ void analyse(benchmark::State& state) {
 BENCHMARK(analyse)->Name("WavePoints/construct")->Apply(samplesAndEchoes);
 
 void estimate(benchmark::State& state) {
-  onRecords(state, [](Samples const& record) {
-    benchmark::DoNotOptimize(estimateNoise(std::span<unsigned short const>(record)));
+  forEachWaveform(state, [](Samples const& samples) {
+    benchmark::DoNotOptimize(estimateNoise(std::span<unsigned short const>(samples)));
   });
 }
 BENCHMARK(estimate)->Name("NoiseEstimate")->Apply(samplesAndEchoes);
 
 void segment(benchmark::State& state) {
-  onRecords(state, [](Samples const& record) {
-    benchmark::DoNotOptimize(segmentSignal(std::span<unsigned short const>(record), noise).max);
+  forEachWaveform(state, [](Samples const& samples) {
+    benchmark::DoNotOptimize(segmentSignal(std::span<unsigned short const>(samples), noise).max);
   });
 }
 BENCHMARK(segment)->Name("Segmentation")->Apply(samplesAndEchoes);

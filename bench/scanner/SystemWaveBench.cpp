@@ -8,7 +8,7 @@
 namespace FullWaveform::Bench {
 namespace {
 
-/// Synthesis and scaling of as many values, once for every plane of a ladder.
+/// Synthesis and normalisation, done once per plane of a ladder.
 void synthesise(benchmark::State& state) {
   ScannerDevice const device = scanner();
   PerWaveform const counters(state, 1);

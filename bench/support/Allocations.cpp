@@ -20,7 +20,7 @@ void* counted(void* memory, std::size_t size) {
 
 }  // namespace
 
-// The other forms of new and delete end in these.
+// All other forms of new and delete call these.
 void* operator new(std::size_t size) {
   return counted(std::malloc(size == 0 ? 1 : size), size);
 }

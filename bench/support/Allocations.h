@@ -7,8 +7,7 @@
 
 namespace FullWaveform::Bench {
 
-/// What this program has taken from the heap with operator new so far; the buffers of FFTW, which are made
-/// with the plans, are not among it.
+/// Heap allocations of this program with operator new; the buffers of FFTW are not included.
 struct Allocations {
   std::size_t count = 0;
   std::size_t bytes = 0;
@@ -16,11 +15,11 @@ struct Allocations {
   static Allocations soFar() noexcept;
 };
 
-/// Counters of a benchmark over waveforms: waveforms per second, allocations and bytes per waveform. Made
-/// just before the timed loop; tells when the benchmark function ends.
+/// Counters of a benchmark: waveforms per second, allocations and bytes per waveform. Create it just before
+/// the timed loop; its destructor sets the counters.
 class PerWaveform {
  public:
-  /// @param waveforms  in each iteration
+  /// @param waveforms  per iteration
   PerWaveform(benchmark::State& state, std::size_t waveforms);
   PerWaveform(PerWaveform const&) = delete;
   PerWaveform& operator=(PerWaveform const&) = delete;

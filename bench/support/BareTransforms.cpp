@@ -29,10 +29,10 @@ BareTransforms::BareTransforms(std::uint32_t length)
   }
 }
 
-BareTransforms BareTransforms::fastestOfAtLeast(std::uint32_t least) {
+BareTransforms BareTransforms::fastestOfAtLeast(std::uint32_t minLength) {
   std::optional<BareTransforms> best;
   double bestTime = std::numeric_limits<double>::infinity();
-  for (std::uint32_t length = least; length <= 2 * least; ++length) {
+  for (std::uint32_t length = minLength; length <= 2 * minLength; ++length) {
     if (!hasSmallFactors(length)) {
       continue;
     }

@@ -12,17 +12,16 @@
 
 namespace FullWaveform::Bench {
 
-/// The fastest of several runs of the same work, in seconds of this thread: what it costs when nothing
-/// disturbs it.
+/// Minimum thread time of several runs of the same work, in seconds.
 class Stopwatch {
  public:
   template <class Work>
   void time(Work const& work) {
     double const start = now();
     work();
-    least = std::min(least, now() - start);
+    minimum = std::min(minimum, now() - start);
   }
-  [[nodiscard]] double fastest() const { return least; }
+  [[nodiscard]] double fastest() const { return minimum; }
 
  private:
   static double now() {
@@ -31,17 +30,16 @@ class Stopwatch {
     return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
   }
 
-  double least = std::numeric_limits<double>::infinity();
+  double minimum = std::numeric_limits<double>::infinity();
 };
 
-/// A transform of real values and the one back, and nothing else.
+/// A transform of real values and its inverse.
 class BareTransforms {
  public:
   explicit BareTransforms(std::uint32_t length);
 
-  /// Those of the length from `least` on that are the fastest on this machine, by trial of all lengths of the
-  /// factors 2, 3, 5 and 7 up to twice of it.
-  static BareTransforms fastestOfAtLeast(std::uint32_t least);
+  /// The fastest of all lengths from `minLength` to twice that with prime factors 2, 3, 5 and 7, by trial.
+  static BareTransforms fastestOfAtLeast(std::uint32_t minLength);
 
   void execute(int pairs) const;
   [[nodiscard]] std::uint32_t fftLength() const { return length; }

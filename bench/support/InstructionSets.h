@@ -6,12 +6,12 @@
 
 namespace FullWaveform::Bench {
 
-/// The instruction set that the first argument of a benchmark names; the benchmark is passed over where the
-/// machine has not got it.
+/// The instruction set given by the first argument of a benchmark; skips the benchmark if the machine lacks
+/// it.
 inline InstructionSet instructionSetOf(benchmark::State& state) {
   auto const set = static_cast<InstructionSet>(state.range(0));
   if (!isAvailable(set)) {
-    state.SkipWithError("not on this machine");
+    state.SkipWithError("not available on this machine");
     return InstructionSet::Baseline;
   }
   return set;

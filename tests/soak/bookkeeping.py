@@ -1,4 +1,4 @@
-"""What must be in the echoes of a repeated scan, by its truth: nothing lost, nothing more."""
+"""Comparison of the echoes of a repeated scan with its truth and between its repetitions."""
 
 from __future__ import annotations
 
@@ -16,8 +16,7 @@ from scans import CHANNELS, RepeatedScan
 from fullwaveform.analysis.matching import match_echoes
 from fullwaveform.simulation import TruthTable
 
-# Samples; nearer to each other than three of an echo's widths two maxima are one. How near the
-# methods come to the truth is measured elsewhere.
+# Samples; a coarse tolerance, because other tests measure the accuracy of the methods.
 _TOLERANCE = 0.5
 
 Rows = Mapping[str, npt.NDArray[np.generic]]
@@ -28,13 +27,13 @@ class Balance:
     """Counts of a whole file of echoes."""
 
     rows: int = 0
-    waveforms: int = 0  # that are there with an echo or with a row that says there is none
+    waveforms: int = 0  # with an echo or with a row without echo
     echoes: int = 0
-    certain: int = 0  # true echoes that every method must find
+    certain: int = 0  # true echoes that all methods must find
     certain_found: int = 0
     empty: int = 0  # waveforms of shots without a true echo
     empty_with_echoes: int = 0
-    faults: list[str] = field(default_factory=list)
+    failures: list[str] = field(default_factory=list)
 
 
 def balance(path: Path, scan: RepeatedScan) -> Balance:
@@ -50,7 +49,7 @@ def balance(path: Path, scan: RepeatedScan) -> Balance:
             first = rows
             _compare_with_truth(found, rows, scan)
         else:
-            found.faults += _differences(first, rows, number, scan)
+            found.failures += _differences(first, rows, number, scan)
     expected = {
         "waveforms": scan.waveforms,
         "certain_found": found.certain,
@@ -59,30 +58,30 @@ def balance(path: Path, scan: RepeatedScan) -> Balance:
     }
     for name, count in expected.items():
         if getattr(found, name) != count:
-            told = name.replace("_", " ")
-            found.faults.append(f"{told}: {getattr(found, name):,}, not {count:,}")
+            label = name.replace("_", " ")
+            found.failures.append(f"{label}: {getattr(found, name):,}; expected {count:,}")
     return found
 
 
 def _repetitions(path: Path, scan: RepeatedScan) -> Iterator[Rows]:
-    """Rows of each repetition, by waveform and echo, waveforms counted within the repetition."""
+    """Rows of each repetition by waveform and echo; waveforms are numbered from its start."""
     once = scan.waveforms_once
-    held: list[pa.Table] = []
+    pending: list[pa.Table] = []
     number = 0
     for batch in _batches(path):
-        held.append(pa.Table.from_batches([batch]))
-        # Blocks come in order and are shorter than a repetition.
-        reached = int(pa.compute.max(batch["waveform_number"]).as_py())
-        while reached >= (number + 2) * once:
-            rows, held = _taken(held, number, once)
+        pending.append(pa.Table.from_batches([batch]))
+        # Blocks are in order and shorter than a repetition.
+        last = int(pa.compute.max(batch["waveform_number"]).as_py())
+        while last >= (number + 2) * once:
+            rows, pending = _split_off(pending, number, once)
             yield rows
             number += 1
     while number < scan.repetitions:
-        rows, held = _taken(held, number, once)
+        rows, pending = _split_off(pending, number, once)
         yield rows
         number += 1
-    if sum(map(len, held)):
-        raise ValueError(f"{path} holds waveforms that the scan does not have")
+    if sum(map(len, pending)):
+        raise ValueError(f"{path} contains waveforms that are not in the scan")
 
 
 def _batches(path: Path) -> Iterator[pa.RecordBatch]:
@@ -94,14 +93,14 @@ def _batches(path: Path) -> Iterator[pa.RecordBatch]:
             yield from file.iter_batches()
 
 
-def _taken(held: list[pa.Table], number: int, once: int) -> tuple[Rows, list[pa.Table]]:
-    table = pa.concat_tables(held)
+def _split_off(pending: list[pa.Table], number: int, once: int) -> tuple[Rows, list[pa.Table]]:
+    table = pa.concat_tables(pending)
     waveform = table["waveform_number"].to_numpy()
-    mine = waveform // once == number
-    rows = {name: table[name].to_numpy()[mine] for name in table.column_names}
+    selected = waveform // once == number
+    rows = {name: table[name].to_numpy()[selected] for name in table.column_names}
     rows["waveform_number"] = rows["waveform_number"] - number * once
     order = np.lexsort((rows["echo_number"], rows["waveform_number"]))
-    return {name: column[order] for name, column in rows.items()}, [table.filter(~mine)]
+    return {name: column[order] for name, column in rows.items()}, [table.filter(~selected)]
 
 
 def _count(found: Balance, rows: Rows, scan: RepeatedScan) -> None:
@@ -133,16 +132,16 @@ def _compare_with_truth(found: Balance, rows: Rows, scan: RepeatedScan) -> None:
 
 
 def certain_echoes(truth: TruthTable) -> npt.NDArray[np.intp]:
-    """Rows of echoes that every method must find: strong, not clipped, far from any other."""
-    alone = truth.neighbour_distance_samples > 6.0 * truth.width_samples
+    """Rows of echoes that all methods must find: strong, not clipped, far from other echoes."""
+    isolated = truth.neighbour_distance_samples > 6.0 * truth.width_samples
     strong = truth.amplitude_low_power_counts >= 300.0
-    return np.flatnonzero(alone & strong & ~truth.saturated)
+    return np.flatnonzero(isolated & strong & ~truth.saturated)
 
 
 def _differences(first: Rows, rows: Rows, number: int, scan: RepeatedScan) -> list[str]:
-    """Columns of a repetition that are not bit for bit those of the first one, later in time."""
+    """Columns of a repetition that differ in any bit from the first one, shifted in time."""
     if len(rows["echo_number"]) != len(first["echo_number"]):
-        counts = f"{len(rows['echo_number']):,} rows, not {len(first['echo_number']):,}"
+        counts = f"{len(rows['echo_number']):,} rows; expected {len(first['echo_number']):,}"
         return [f"repetition {number}: {counts}"]
     later = {**first, "gps_time": first["gps_time"] + number * scan.period}
     different = [name for name in rows if rows[name].tobytes() != later[name].tobytes()]

@@ -1,4 +1,4 @@
-"""A simulated scan, and the same scan many times in a row as one large file."""
+"""A simulated scan, repeated in one large file."""
 
 from __future__ import annotations
 
@@ -11,12 +11,12 @@ import numpy as np
 from fullwaveform.simulation import TruthTable, read_truth
 from fullwaveform.simulation.files import RECORD_HEADER
 
-CHANNELS = 2  # waveforms of a shot
+CHANNELS = 2  # waveforms per shot
 
 
 @dataclass(frozen=True)
 class RepeatedScan:
-    """A file that holds one scan `repetitions` times, later by `period` seconds each time."""
+    """A file with `repetitions` copies of a scan, each `period` seconds after the previous one."""
 
     path: Path
     truth: TruthTable  # of one repetition
@@ -36,7 +36,7 @@ class RepeatedScan:
 
 
 def repeat(scan: Path, shots: int, repetitions: int, target: Path) -> RepeatedScan:
-    """Write points and packets of the scan again and again, with rising times and offsets."""
+    """Write points and packets of the scan repeatedly, with increasing times and offsets."""
     with laspy.open(scan) as reader:
         header, points = reader.header, reader.read_points(-1).array
     packets = scan.with_suffix(".wdp").read_bytes()

@@ -1,14 +1,13 @@
-"""Millions of simulated waveforms through the command line in every mode: is anything lost or kept?
+"""Extract millions of simulated waveforms in every mode; check results, memory and descriptors.
 
-A scan is simulated and repeated until it has the wanted number of waveforms; `fullwaveform extract`
-takes its echoes in each mode with several workers. Printed are memory, open files and threads over
-time and the counts of the echoes, compared with the truth and between the repetitions. The exit
-code is 1 when memory or descriptors grow, when a count is not what it must be, or when drivers that
-are built and go leave memory behind.
+A scan is simulated and repeated up to the given number of waveforms; `fullwaveform extract` runs in
+each mode with several workers. Prints memory, open files and threads over time, and the counts of
+echoes, compared with the truth and between the repetitions. The exit code is 1 when memory or
+descriptors grow, when a count is wrong, or when drivers leave memory behind.
 
     python tests/soak/soak.py --waveforms 5000000
 
-The installed package `fullwaveform` is what runs.
+Uses the installed package `fullwaveform`.
 """
 
 from __future__ import annotations
@@ -20,72 +19,72 @@ import tempfile
 from pathlib import Path
 
 from bookkeeping import balance
-from driver_lifetimes import DRIVERS_OF_A_ROUND
+from driver_lifetimes import DRIVERS_PER_ROUND
 from scans import CHANNELS, RepeatedScan, repeat
-from watching import Watched, watch
+from watching import WatchedProcess, watch
 
 COMMAND = [sys.executable, "-m", "fullwaveform"]
-NOISE = "20"  # counts; 8 above the baseline, five times the noise
-COLUMNS = 8  # moments of a run that are shown
-# Bytes of the heap that a driver may leave on average: a plan of the transforms takes thousands.
-LARGEST_REMAINDER = 64
+THRESHOLD = "20"  # counts; 8 above the baseline, five times the noise rms
+COLUMNS = 8  # readings of a run that are printed
+# Bytes of heap that a driver may leave on average; one transform plan takes thousands.
+MAX_LEAK = 64
 
 
 def main() -> int:
-    """Run everything; 1 when there is a fault."""
-    options = parsed()
+    """Run all checks; return 1 if any failed."""
+    options = parse_options()
     if options.folder is not None:
-        faults = soaked(options, options.folder)
+        failures = soak(options, options.folder)
     else:
         with tempfile.TemporaryDirectory(prefix="soak-") as folder:
-            faults = soaked(options, Path(folder))
-    faults += driver_faults(options.driver_rounds)
-    for fault in faults:
-        print(f"FAULT: {fault}")
-    print(f"{len(faults)} faults" if faults else "nothing lost, nothing kept")
-    return 1 if faults else 0
+            failures = soak(options, Path(folder))
+    failures += driver_failures(options.driver_rounds)
+    for failure in failures:
+        print(f"FAILED: {failure}")
+    print(f"{len(failures)} checks failed" if failures else "all checks passed")
+    return 1 if failures else 0
 
 
-def parsed() -> argparse.Namespace:
-    """The options of the call."""
+def parse_options() -> argparse.Namespace:
+    """Options of the command line."""
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0] if __doc__ else None)
-    parser.add_argument("--waveforms", type=int, default=5_000_000, help="of each mode, at least")
+    parser.add_argument("--waveforms", type=int, default=5_000_000, help="per mode, at least")
     parser.add_argument("--modes", type=int, nargs="+", default=[0, 1, 2, 3], choices=range(4))
     parser.add_argument("--workers", type=int, default=2)
-    parser.add_argument("--shots", type=int, default=5000, help="of one repetition")
-    parser.add_argument("--block", type=int, default=5000, help="waveforms of a block")
-    parser.add_argument("--largest-growth", type=float, default=1.05, help="of the memory")
+    parser.add_argument("--shots", type=int, default=5000, help="per repetition")
+    parser.add_argument("--block", type=int, default=5000, help="waveforms per block")
+    parser.add_argument("--max-growth", type=float, default=1.05, help="of the memory, as a ratio")
     parser.add_argument("--ending", choices=[".csv", ".parquet"], default=".csv")
     parser.add_argument("--driver-rounds", type=int, default=50, help="at least 3")
-    parser.add_argument("--interval", type=float, default=0.1, help="s between two readings")
-    parser.add_argument("--folder", type=Path, help="where the files go; a temporary one if none")
+    parser.add_argument("--interval", type=float, default=0.1, help="between two readings, s")
+    parser.add_argument("--folder", type=Path, help="for the files; default: temporary")
     options = parser.parse_args()
     if options.block > CHANNELS * options.shots:
-        parser.error("a block is longer than a repetition")
+        parser.error("--block must not exceed the waveforms of a repetition")
     if options.driver_rounds < 3:
         parser.error("--driver-rounds must be at least 3")
     return options
 
 
-def soaked(options: argparse.Namespace, folder: Path) -> list[str]:
-    """Faults of the extraction in every mode."""
+def soak(options: argparse.Namespace, folder: Path) -> list[str]:
+    """Failures of the extraction in every mode."""
     scan = scan_of(options, folder)
     print(
         f"{scan.waveforms:,} waveforms: {scan.repetitions:,} times a scan of {scan.shots:,} shots "
         f"with {len(scan.truth):,} true echoes; {options.workers} workers, blocks of "
         f"{options.block:,}"
     )
-    faults = []
+    failures = []
     for mode in options.modes:
-        faults += [f"mode {mode}: {fault}" for fault in run(mode, scan, options, folder)]
-    return faults
+        failures += [f"mode {mode}: {failure}" for failure in run(mode, scan, options, folder)]
+    return failures
 
 
 def scan_of(options: argparse.Namespace, folder: Path) -> RepeatedScan:
     """The simulated scan, repeated, and the description of its scanner."""
     once = folder / "once.las"
     call(["simulate", once, "--shots", options.shots])
-    call(["system-wave", once, "-o", folder / "scanner.toml", "--noise", NOISE, "--quiet"])
+    call(["system-wave", once, "-o", folder / "scanner.toml", "--noise", THRESHOLD, "--quiet"])
     repetitions = -(-options.waveforms // (CHANNELS * options.shots))
     return repeat(once, options.shots, repetitions, folder / "scan.las")
 
@@ -96,17 +95,17 @@ def call(words: list[object]) -> None:
 
 
 def run(mode: int, scan: RepeatedScan, options: argparse.Namespace, folder: Path) -> list[str]:
-    """Faults of the extraction in one mode; its echoes are removed afterwards."""
+    """Failures of the extraction in one mode; removes its echoes."""
     working = folder / f"mode-{mode}"
     working.mkdir()
     output = working / f"echoes{options.ending}"
-    words: list[object] = ["extract", scan.path, "-o", output, "--mode", mode, "--noise", NOISE]
+    words: list[object] = ["extract", scan.path, "-o", output, "--mode", mode, "--noise", THRESHOLD]
     words += ["--scanner", folder / "scanner.toml", "--channel", "2=high", "--keep-empty"]
     words += ["--workers", options.workers, "--block", options.block, "--quiet"]
-    watched = watch([*COMMAND, *map(str, words)], working, options.interval)
-    faults = watched.faults(options.largest_growth)
-    show(mode, scan, watched)
-    if watched.exit_code == 0:
+    process = watch([*COMMAND, *map(str, words)], working, options.interval)
+    failures = process.failures(options.max_growth)
+    show(mode, scan, process)
+    if process.exit_code == 0:
         counts = balance(output, scan)
         print(
             f"  {counts.waveforms:,} waveforms, {counts.echoes:,} echoes, {counts.rows:,} rows; "
@@ -114,47 +113,47 @@ def run(mode: int, scan: RepeatedScan, options: argparse.Namespace, folder: Path
             f"{counts.empty:,} waveforms without a true echo, {counts.empty_with_echoes} of them "
             f"with one"
         )
-        faults += counts.faults
+        failures += counts.failures
         output.unlink()
     if left := sorted(path.name for path in working.iterdir()):
-        faults.append(f"left behind: {', '.join(left)}")
-    return faults
+        failures.append(f"files left behind: {', '.join(left)}")
+    return failures
 
 
-def show(mode: int, scan: RepeatedScan, watched: Watched) -> None:
-    """Print the readings at some moments of the run."""
-    rate = scan.waveforms / watched.seconds
-    print(f"\nmode {mode}: {watched.seconds:.1f} s, {rate:,.0f} waveforms per second")
-    if len(watched.readings) < COLUMNS:
+def show(mode: int, scan: RepeatedScan, process: WatchedProcess) -> None:
+    """Print some readings of the run."""
+    rate = scan.waveforms / process.seconds
+    print(f"\nmode {mode}: {process.seconds:.1f} s, {rate:,.0f} waveforms per second")
+    if len(process.readings) < COLUMNS:
         return
-    last = len(watched.readings) - 1
-    moments = [watched.readings[k * last // (COLUMNS - 1)] for k in range(COLUMNS)]
+    last = len(process.readings) - 1
+    selected = [process.readings[k * last // (COLUMNS - 1)] for k in range(COLUMNS)]
     for label, values in (
-        ("time, s", [f"{one.seconds:.1f}" for one in moments]),
-        ("memory, MB", [f"{one.memory:.1f}" for one in moments]),
-        ("open files", [str(one.descriptors) for one in moments]),
-        ("threads", [str(one.threads) for one in moments]),
+        ("time, s", [f"{reading.seconds:.1f}" for reading in selected]),
+        ("memory, MB", [f"{reading.memory:.1f}" for reading in selected]),
+        ("open files", [str(reading.descriptors) for reading in selected]),
+        ("threads", [str(reading.threads) for reading in selected]),
     ):
         print(f"  {label:<12}" + "".join(f"{value:>9}" for value in values))
-    print(f"  memory of the last quarter over the second: {watched.memory_growth:.3f}", flush=True)
+    print(f"  memory, last quarter / second: {process.memory_growth:.3f}", flush=True)
 
 
-def driver_faults(rounds: int) -> list[str]:
-    """What drivers leave on the heap after the rounds in which everything was met once."""
+def driver_failures(rounds: int) -> list[str]:
+    """Heap left by drivers, not counting the first third of the rounds, which fills caches."""
     script = Path(__file__).with_name("driver_lifetimes.py")
     done = subprocess.run(
         [sys.executable, script, str(rounds)], check=True, stdout=subprocess.PIPE, text=True
     )
     heap = [int(line) for line in done.stdout.split()]
     begin = rounds // 3
-    drivers = (rounds - 1 - begin) * DRIVERS_OF_A_ROUND
-    remainder = (heap[-1] - heap[begin]) / drivers
+    drivers = (rounds - 1 - begin) * DRIVERS_PER_ROUND
+    leak = (heap[-1] - heap[begin]) / drivers
     print(
-        f"\n{drivers:,} drivers built, used and gone: heap {heap[begin]:,} bytes before, "
-        f"{heap[-1]:,} after, {remainder:.1f} bytes per driver"
+        f"\n{drivers:,} drivers created, used and destroyed: heap {heap[begin]:,} bytes before, "
+        f"{heap[-1]:,} after, {leak:.1f} bytes per driver"
     )
-    if remainder > LARGEST_REMAINDER:
-        return [f"a driver leaves {remainder:.0f} bytes behind"]
+    if leak > MAX_LEAK:
+        return [f"a driver leaves {leak:.0f} bytes of heap"]
     return []
 
 

@@ -1,4 +1,4 @@
-"""Memory and descriptors of a running process over time, as /proc shows them."""
+"""Memory and descriptors of a running process over time, from /proc."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ from statistics import median
 
 @dataclass(frozen=True)
 class Reading:
-    """The state of a process at one moment."""
+    """State of a process at one time."""
 
     seconds: float  # since the first reading
     memory: float  # MB, resident
@@ -21,12 +21,12 @@ class Reading:
 
 
 @dataclass(frozen=True)
-class Watched:
-    """How a process went."""
+class WatchedProcess:
+    """Exit code and readings of a process."""
 
     exit_code: int
     seconds: float
-    readings: Sequence[Reading]  # from the first byte of work on, at least four
+    readings: Sequence[Reading]  # from the first output file on
 
     def quarter(self, number: int) -> Sequence[Reading]:
         """The readings of quarter 0 to 3 of the run."""
@@ -35,36 +35,36 @@ class Watched:
 
     @property
     def memory_growth(self) -> float:
-        """Median memory of the last quarter over that of the second one."""
-        second, last = (median(one.memory for one in self.quarter(k)) for k in (1, 3))
+        """Median memory in the last quarter over that in the second quarter."""
+        second, last = (median(reading.memory for reading in self.quarter(k)) for k in (1, 3))
         return last / second
 
     @property
     def descriptor_growth(self) -> int:
-        """Most open files in the last quarter less the most in the second one."""
-        second, last = (max(one.descriptors for one in self.quarter(k)) for k in (1, 3))
+        """Maximum of open files in the last quarter minus that in the second quarter."""
+        second, last = (max(reading.descriptors for reading in self.quarter(k)) for k in (1, 3))
         return last - second
 
-    def faults(self, largest_growth: float) -> list[str]:
-        """What ought not to be, a sentence each; the limit is one for `memory_growth`."""
+    def failures(self, max_growth: float) -> list[str]:
+        """Messages about a failed run or growth; `max_growth` limits `memory_growth`."""
         found = []
         if self.exit_code != 0:
             found.append(f"exit code {self.exit_code}")
         if len(self.readings) < 4:
-            return [*found, f"{len(self.readings)} readings: the run is too short to be judged"]
-        if self.memory_growth >= largest_growth:
+            return [*found, f"{len(self.readings)} readings; the run is too short"]
+        if self.memory_growth >= max_growth:
             found.append(f"memory grew by a factor of {self.memory_growth:.3f}")
         if self.descriptor_growth > 0:
-            found.append(f"{self.descriptor_growth} more files are open at the end")
+            found.append(f"{self.descriptor_growth} more open files in the last quarter")
         return found
 
 
-def watch(call: Sequence[str], working: Path, interval: float) -> Watched:
-    """Run the call, with a reading every `interval` seconds from when there is a file in `working`.
+def watch(call: Sequence[str], working: Path, interval: float) -> WatchedProcess:
+    """Run the call and read its state every `interval` seconds once there is a file in `working`.
 
-    What comes before, the loading of libraries, is no work.
+    The time before, while libraries are loaded, is not representative.
     """
-    began = time.monotonic()
+    started = time.monotonic()
     first = 0.0
     readings: list[Reading] = []
     with subprocess.Popen(call) as process:
@@ -75,11 +75,11 @@ def watch(call: Sequence[str], working: Path, interval: float) -> Watched:
                 reading = read(process.pid, now - first)
                 readings += [] if reading is None else [reading]
             time.sleep(interval)
-    return Watched(process.returncode, time.monotonic() - began, readings)
+    return WatchedProcess(process.returncode, time.monotonic() - started, readings)
 
 
 def read(process: int, seconds: float) -> Reading | None:
-    """A reading of the process; None if it just ended."""
+    """A reading of the process; None if it has ended."""
     folder = Path("/proc") / str(process)
     try:
         lines = (folder / "status").read_text(encoding="ascii", errors="replace").splitlines()
