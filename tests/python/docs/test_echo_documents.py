@@ -1,4 +1,4 @@
-"""What the document on file formats says of echoes is what the tables have."""
+"""The documents describe the columns and formats of echo files as they are."""
 
 from __future__ import annotations
 
@@ -7,12 +7,13 @@ from pathlib import Path
 
 import laspy
 
-from fullwaveform.data.echo_columns import echo_schema
+from fullwaveform.data.echo_columns import echo_schema, las_dimensions
 from fullwaveform.io.echo_writers.las import echo_header
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, open_echo_file
 
 KEYS = (b"unit", b"description")
-DOCUMENT = Path(__file__).resolve().parents[3] / "docs" / "file-formats.md"
+DOCS = Path(__file__).resolve().parents[3] / "docs"
+DOCUMENT = DOCS / "file-formats.md"
 
 
 def section(title: str) -> str:
@@ -54,3 +55,13 @@ def test_dimensions_are_those_of_the_points() -> None:
     names = set(header.point_format.dimension_names)
     assert set(described) <= names
     assert set(header.point_format.extra_dimension_names) <= set(described)
+
+
+def test_command_line_lists_columns_and_dimensions() -> None:
+    text = (DOCS / "command-line.md").read_text(encoding="utf-8")
+    for title, names in (
+        ("Extra dimensions of points", list(las_dimensions())),
+        ("Columns of tables", echo_schema().names),
+    ):
+        (listed,) = re.findall(rf"^- {title}: ([^.]*)\.$", text, flags=re.MULTILINE)
+        assert re.findall(r"`(\w+)`", listed) == names

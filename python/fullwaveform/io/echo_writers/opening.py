@@ -1,4 +1,4 @@
-"""Files of echoes, their kind by the ending of their name."""
+"""Opening a file of echoes, whose format follows from its ending."""
 
 from __future__ import annotations
 
@@ -12,9 +12,8 @@ import laspy
 
 from fullwaveform.io.base import EchoWriter
 
-# Ending -> module and class. A writer is imported when it is wanted: each brings a library of its
-# own.
-_KINDS = {
+# Ending -> module and class. Writers are imported on demand, because each loads another library.
+_WRITERS = {
     ".las": ("las", "LasEchoWriter"),
     ".laz": ("las", "LasEchoWriter"),
     ".csv": ("csv", "CsvEchoWriter"),
@@ -26,7 +25,7 @@ _KINDS = {
 _WITH_HEADER = (".las", ".laz")
 _WITH_METADATA = (".parquet", ".h5", ".hdf5")
 #: Endings of the files of echoes that can be written.
-ECHO_ENDINGS = tuple(_KINDS)
+ECHO_ENDINGS = tuple(_WRITERS)
 
 
 def open_echo_file(
@@ -34,45 +33,47 @@ def open_echo_file(
     header: laspy.LasHeader | None,
     metadata: Mapping[str, str] | None = None,
 ) -> EchoWriter:
-    """A writer for the path, by its ending; to be used in a ``with`` statement.
+    """A writer for the path, selected by its ending; to be used in a ``with`` statement.
 
     Parameters
     ----------
     path
-        Ends in one of `ECHO_ENDINGS`, in small or capital letters.
+        Ends in one of `ECHO_ENDINGS`, in lower or upper case.
     header
-        Of the file the echoes come from: LAS files of echoes follow it. None where there is none.
+        LAS header of the input, if it has one; used for LAS files of echoes.
     metadata
-        How the echoes were made, for the files that can carry it (Parquet and HDF5).
+        How the echoes were made, for formats that store it (Parquet and HDF5).
 
     Raises
     ------
     ValueError
-        If no kind of file has the ending, or what it takes to write it is not installed.
+        If no format has the ending, or a library for it is not installed.
     """
     ending = Path(path).suffix.lower()
-    kind = _kind(Path(path))
+    writer_class = _writer_class(Path(path))
     if ending in _WITH_HEADER:
-        writer: EchoWriter = kind(path, header)
+        writer: EchoWriter = writer_class(path, header)
     else:
-        writer = kind(path, metadata) if ending in _WITH_METADATA else kind(path)
+        writer = writer_class(path, metadata) if ending in _WITH_METADATA else writer_class(path)
     return writer
 
 
 def check_takes_empty(path: Path, keep_empty: bool) -> None:
-    """ValueError if the ending is of no known kind, or of one without waveforms without echoes."""
-    if not _kind(path).takes_empty and keep_empty:
-        tables = ", ".join(ending for ending in _KINDS if _kind(Path(f"_{ending}")).takes_empty)
+    """ValueError for an unknown ending, or if the format has no rows for empty waveforms."""
+    if not _writer_class(path).takes_empty and keep_empty:
+        tables = ", ".join(
+            ending for ending in _WRITERS if _writer_class(Path(f"_{ending}")).takes_empty
+        )
         raise ValueError(
-            f"{path} cannot hold waveforms without echoes: each of its entries is an echo; use a "
-            f"table ({tables}) with --keep-empty"
+            f"{path} cannot hold waveforms without echoes; write a table ({tables}) with "
+            "--keep-empty"
         )
 
 
-def _kind(path: Path) -> Any:
-    """Class of the writer, whose arguments depend on it."""
+def _writer_class(path: Path) -> Any:
+    """Class of the writer; its arguments depend on the format."""
     ending = path.suffix.lower()
-    if ending not in _KINDS:
+    if ending not in _WRITERS:
         raise ValueError(f"{path} must end in {', '.join(ECHO_ENDINGS[:-1])} or {ECHO_ENDINGS[-1]}")
-    module, name = _KINDS[ending]
+    module, name = _WRITERS[ending]
     return getattr(import_module(f"fullwaveform.io.echo_writers.{module}"), name)
