@@ -191,7 +191,9 @@ def main() -> None:
         print(f"| {name} | " + " | ".join(column[name] for column in columns) + " |")
     times = [seconds(mode) for mode in Mode]
     print(
-        "| time relative to three-point | " + " | ".join(f"{t / times[0]:.0f}" for t in times) + " |"
+        "| time relative to three-point | "
+        + " | ".join(f"{t / times[0]:.0f}" for t in times)
+        + " |"
     )
 
 

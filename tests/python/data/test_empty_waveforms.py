@@ -1,4 +1,4 @@
-"""Rows for waveforms without echoes, between those of the echoes."""
+"""Rows for waveforms without echoes in a table of echoes."""
 
 from __future__ import annotations
 
@@ -47,7 +47,7 @@ def echoes_of(waveforms: list[int], shots: list[int]) -> EchoTable:
     )
 
 
-def test_rows_stand_behind_the_echoes_of_their_shot_or_where_its_time_belongs() -> None:
+def test_rows_follow_the_echoes_of_their_shot_or_are_inserted_by_time() -> None:
     # The shot at 5 s has two echoes in waveform 44, that at 7 s one in 43 and one in 40.
     table = with_empty_waveforms(echoes_of([44, 44, 43, 40], [2, 2]), block())
     assert table.waveform_number.tolist() == [44, 44, 42, 45, 43, 40, 41]
@@ -57,7 +57,7 @@ def test_rows_stand_behind_the_echoes_of_their_shot_or_where_its_time_belongs() 
     assert table.amplitude_counts[[0, 1, 4, 5]].tolist() == [10, 11, 12, 13]
 
 
-def test_a_row_has_what_is_known_without_an_echo() -> None:
+def test_values_of_a_row_without_echo() -> None:
     table = with_empty_waveforms(echoes_of([44, 44, 43, 40], [2, 2]), block())
     empty = np.flatnonzero(table.echo_number == 0)
     for name in ("x", "y", "z", "amplitude_counts", "amplitude_db", "width_ns", "width_samples"):
@@ -80,7 +80,7 @@ def test_all_waveforms_are_empty() -> None:
     assert table.channel_flag.tolist() == [1, 0, 1, 1, 0, 1]
 
 
-def test_types_stay_and_nothing_is_added_where_all_have_echoes() -> None:
+def test_types_are_kept_and_no_rows_added_if_all_have_echoes() -> None:
     echoes = echoes_of([42, 44, 45, 43, 40, 41], [2, 1, 2, 1])
     for before, after in (
         (echoes, with_empty_waveforms(echoes, block())),
@@ -94,7 +94,7 @@ def test_types_stay_and_nothing_is_added_where_all_have_echoes() -> None:
     assert same.echo_number.tolist() == [1, 2, 1, 1, 2, 1]
 
 
-def test_taking_the_rows_away_gives_the_echoes_back() -> None:
+def test_removing_the_rows_restores_the_echoes() -> None:
     echoes = echoes_of([44, 44, 43, 40], [2, 2])
     back = without_empty_waveforms(with_empty_waveforms(echoes, block()))
     assert back.waveform_number.tolist() == [44, 44, 43, 40]
@@ -102,7 +102,7 @@ def test_taking_the_rows_away_gives_the_echoes_back() -> None:
     assert without_empty_waveforms(echoes) is echoes
 
 
-def test_an_echo_of_another_block_is_refused() -> None:
+def test_echo_of_another_block_is_an_error() -> None:
     for waveform in (39, 46):
         table = echo_table([1], waveform_number=np.array([waveform]))
         with pytest.raises(

@@ -44,7 +44,7 @@ def _limit_memory() -> None:
 
 
 def _change(seed: Path, chance: random.Random) -> Path:
-    """Writes the next input into a folder of its own."""
+    """Writes the next input into a separate folder."""
     target = seed.parent / "input" / seed.name
     files = [
         seed,
@@ -59,7 +59,7 @@ def _change(seed: Path, chance: random.Random) -> Path:
 
 
 def main() -> int:
-    """Runs until the time is over and the least number of inputs was read."""
+    """Runs for the given time and at least the given number of inputs."""
     name, seed, seconds, least, number = sys.argv[1], Path(sys.argv[2]), *map(float, sys.argv[3:])
     read, chance = READERS[name], random.Random(int(number))
     read(seed)

@@ -26,7 +26,7 @@ _WORDS = (
     b"\xff",
 )
 _WRITTEN = (b"nan", b"inf", b"-inf", b"0", b"-1", b"1e308", b"1e-320", b"99999999999999999999")
-_HEAD = 700  # bytes; what is said about the rest stands there in most formats
+_HEAD = 700  # bytes; in most formats the header
 
 
 def mutated(content: bytes, chance: random.Random) -> bytes:

@@ -39,7 +39,7 @@ def read_curve(path: Path) -> None:
 
 
 def read_job(path: Path) -> None:
-    """Reads the manifest of a job, and the sums of what its parts hold."""
+    """Reads the manifest of a job and sums its parts."""
     read_manifest(path.parent).total()
 
 

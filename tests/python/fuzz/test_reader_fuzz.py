@@ -1,4 +1,4 @@
-"""Every reader on files with changed bytes: a sentence or a result, nothing else.
+"""Every reader on files with changed bytes gives a result or an error message.
 
 FULLWAVEFORM_FUZZ_SECONDS runs each reader for that long, FULLWAVEFORM_FUZZ_SEED with other chance.
 """
@@ -84,7 +84,7 @@ def write_rows(las: Path, container: Path, archive: Path) -> None:
 
 
 def write_manifest(folder: Path) -> None:
-    """A job of two files, of which nothing is done yet."""
+    """A job of two files before its first unit."""
     settings = JobSettings.of(
         ExtractionSettings(Scanner.default(), threshold=20),
         {2: 0, 7: 3},
@@ -125,7 +125,7 @@ def seeds(tmp_path_factory: pytest.TempPathFactory) -> dict[str, Path]:
 
 
 @pytest.mark.parametrize("name", READERS)
-def test_changed_bytes_give_a_sentence_or_a_result(name: str, seeds: dict[str, Path]) -> None:
+def test_changed_bytes_give_an_error_or_a_result(name: str, seeds: dict[str, Path]) -> None:
     script = Path(__file__).with_name("fuzz_reader.py")
     call = [sys.executable, script, name, seeds[name], str(SECONDS), str(LEAST_INPUTS), SEED]
     ended = subprocess.run(call, capture_output=True, text=True, timeout=SECONDS + 300)

@@ -72,7 +72,7 @@ def npz_file(folder: Path) -> Path:
 FILES: list[Callable[[Path], Path]] = [las_file, pulsewaves_file, container_file, npz_file]
 
 
-def test_the_blocks_of_the_scene_and_what_belongs_to_each(tmp_path: Path) -> None:
+def test_blocks_of_the_scene_and_their_counts(tmp_path: Path) -> None:
     with open_waveforms(las_file(tmp_path), waveforms_per_block=2) as reader:
         blocks = list(reader.blocks())
         assert [[row[0] for row in rows([block])] for block in blocks] == [[0, 1], [2], [4, 5], [6]]
@@ -143,7 +143,7 @@ def test_counting_blocks_and_a_second_pass_leave_a_pass_under_way_alone(
         assert all(map(same, again, whole))
 
 
-def test_only_a_pass_over_all_blocks_misses_readable_waveforms(tmp_path: Path) -> None:
+def test_only_a_full_read_requires_a_readable_waveform(tmp_path: Path) -> None:
     path = four_shots().write(tmp_path / "a.las")
     companion = path.with_suffix(".wdp")
     companion.write_bytes(companion.read_bytes()[:60])
@@ -156,7 +156,7 @@ def test_only_a_pass_over_all_blocks_misses_readable_waveforms(tmp_path: Path) -
             list(reader.blocks())
 
 
-def test_points_without_times_are_cut_anywhere(tmp_path: Path) -> None:
+def test_points_without_times_can_be_cut_anywhere(tmp_path: Path) -> None:
     points = [Point(number, gps_time=0.0) for number in range(4)]
     path = Scene([(1, 8, 4, 1000)], FOUR, points).write(tmp_path / "a.las")
     reader: WaveformReader

@@ -25,7 +25,7 @@ def noise(tmp_path: Path) -> tuple[Path, bytes]:
 def test_rows_in_any_order(
     noise: tuple[Path, bytes], width: int, at_a_time: int, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    """Places near each other and far apart, some twice, some overlapping, the last byte too."""
+    """Close and distant offsets, some repeated or overlapping, with the last byte."""
     monkeypatch.setattr(file_bytes, "_READ_SIZE", at_a_time)
     path, content = noise
     places = np.random.default_rng(6).integers(0, len(content) - 50 - width, 60)
@@ -40,7 +40,7 @@ def test_rows_in_any_order(
     data.close()
 
 
-def test_nothing_to_read(noise: tuple[Path, bytes]) -> None:
+def test_empty_read(noise: tuple[Path, bytes]) -> None:
     data = FileBytes(noise[0], 10, 20)
     assert data.size == 10
     assert data.rows(np.zeros(0, np.int64), 5).shape == (0, 5)
@@ -48,7 +48,7 @@ def test_nothing_to_read(noise: tuple[Path, bytes]) -> None:
     data.close()
 
 
-def test_file_that_becomes_shorter(noise: tuple[Path, bytes]) -> None:
+def test_file_truncated_while_open(noise: tuple[Path, bytes]) -> None:
     path, content = noise
     data = FileBytes(path)
     assert data.size == len(content)

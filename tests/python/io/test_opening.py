@@ -41,7 +41,7 @@ def test_pulsewaves_under_any_name(tmp_path: Path) -> None:
     assert blocks[0].channel_flags.tolist() == [4, 4]
 
 
-def test_file_of_samples(tmp_path: Path) -> None:
+def test_sample_file(tmp_path: Path) -> None:
     path = three_pulses().write(tmp_path / "scan.pls").with_suffix(".wvs")
     with pytest.raises(WaveformFileError, match=r"scan\.wvs holds the samples.*scan\.pls"):
         open_waveforms(path)
@@ -67,7 +67,7 @@ def test_container_and_archive_under_any_name(tmp_path: Path) -> None:
         (b"x,y,z\n1,2,3\n", r"starts with b'x,y,z\n1,2,3\n'"),
     ],
 )
-def test_something_else(tmp_path: Path, content: bytes, found: str) -> None:
+def test_other_files(tmp_path: Path, content: bytes, found: str) -> None:
     path = tmp_path / "other.las"
     path.write_bytes(content)
     with pytest.raises(WaveformFileError) as caught:
@@ -77,7 +77,7 @@ def test_something_else(tmp_path: Path, content: bytes, found: str) -> None:
         assert known in str(caught.value)
 
 
-def test_hdf5_and_zip_files_of_another_kind(tmp_path: Path) -> None:
+def test_other_hdf5_and_zip_files(tmp_path: Path) -> None:
     with h5py.File(tmp_path / "a.h5", "w") as file:
         file["amplitude"] = [1.0]
     with pytest.raises(WaveformFileError, match=r"a\.h5 is an HDF5 file but not a scan container"):
@@ -88,7 +88,7 @@ def test_hdf5_and_zip_files_of_another_kind(tmp_path: Path) -> None:
         open_waveforms(tmp_path / "a.zip")
 
 
-def test_interval_is_for_files_that_do_not_say_it(tmp_path: Path) -> None:
+def test_interval_is_rejected_for_files_that_store_it(tmp_path: Path) -> None:
     las = four_shots().write(tmp_path / "scan.las")
     for path in (las, as_container(las, tmp_path / "a.h5")):
         with pytest.raises(ValueError, match="stores its sampling interval"):

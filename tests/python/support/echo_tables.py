@@ -70,7 +70,7 @@ def rows(table: EchoTable, begin: int, end: int) -> EchoTable:
 
 
 def written(path: Path, *tables: EchoTable, metadata: dict[str, str] | None = None) -> Path:
-    """The path, in a folder of its own, to which the tables were written."""
+    """The path, in an empty folder, to which the tables were written."""
     with open_echo_file(path, None, metadata) as writer:
         for table in tables:
             writer.write(table)

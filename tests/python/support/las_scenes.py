@@ -23,7 +23,7 @@ START_OF_RECORDS = 235  # byte of the header, LAS 1.4; the number of records fol
 
 @dataclass
 class Point:
-    """A point of a scene; `packet` is the running number of its packet, None for none."""
+    """A point of a scene; `packet` is the running number of its packet, or None."""
 
     packet: int | None
     gps_time: float = 1.0
@@ -44,7 +44,7 @@ class Scene:
     version: str = "1.3"
     compression: int = 0
     inside: bool = False
-    descriptors_behind: bool = False  # as extended records, LAS 1.4
+    extended_descriptors: bool = False  # as extended records, LAS 1.4
 
     def bits_of(self, index: int) -> int:
         return next((bits for i, bits, _, _ in self.descriptors if i == index), 8)
@@ -68,7 +68,7 @@ class Scene:
 
 
 def read(path: Path, **options: object) -> tuple[list[WaveformBlock], ReadTally]:
-    """All blocks of a file and what was met on the way."""
+    """All blocks of a file and its tally."""
     with LasWaveformReader(path, **options) as reader:  # type: ignore[arg-type]
         return list(reader.blocks()), reader.tally
 
@@ -96,7 +96,7 @@ def patch(path: Path, position: int, layout: str, *values: float) -> None:
 
 
 def shuffled(path: Path, target: Path, order: Sequence[int]) -> Path:
-    """The same file with its points in another order, with its packets beside it."""
+    """The same file with its points in another order, with its packets in a companion file."""
     with laspy.open(path) as reader:
         points = reader.read_points(-1)
         start, size = reader.header.offset_to_point_data, points.array.dtype.itemsize
@@ -109,7 +109,7 @@ def shuffled(path: Path, target: Path, order: Sequence[int]) -> Path:
 
 
 def compressed(path: Path, target: Path) -> Path:
-    """The same file with compressed points, with its packets beside it."""
+    """The same file with compressed points, with its packets in a companion file."""
     laspy.read(path).write(target, do_compress=True)
     if path.with_suffix(".wdp").exists() and path.stem != target.stem:
         target.with_suffix(".wdp").write_bytes(path.with_suffix(".wdp").read_bytes())
@@ -117,7 +117,7 @@ def compressed(path: Path, target: Path) -> Path:
 
 
 def data_folder() -> Path:
-    """Where the records of real scanners are, if they are there at all."""
+    """Folder with files of real scanners, if it exists."""
     beside = Path(__file__).resolve().parents[3] / ".." / "shared" / "data"
     return Path(os.environ.get("FULLWAVEFORM_DATA", beside))
 
@@ -134,13 +134,13 @@ def _write_points(scene: Scene, path: Path) -> None:
     header.global_encoding.waveform_data_packets_internal = scene.inside
     header.global_encoding.waveform_data_packets_external = not scene.inside
     records = [_descriptor_record(scene, *values) for values in scene.descriptors]
-    if not scene.descriptors_behind:
+    if not scene.extended_descriptors:
         header.vlrs.extend(records)
     record = laspy.ScaleAwarePointRecord.zeros(len(scene.points), header=header)
     _fill(record, scene)
     with laspy.open(path, mode="w", header=header) as writer:
         writer.write_points(record)
-        if scene.descriptors_behind:
+        if scene.extended_descriptors:
             writer.write_evlrs(laspy.vlrs.vlrlist.VLRList(records))
 
 

@@ -25,7 +25,7 @@ Segment = tuple[int, Sequence[int]]  # duration as stored, samples
 
 @dataclass
 class Sampling:
-    """A sampling of a descriptor; without bits a number stands here and not with the pulses."""
+    """A sampling of a descriptor; a number without bits is stored here, not with the pulses."""
 
     kind: int = 2
     channel: int = 1
@@ -87,7 +87,7 @@ class Pulse:
     descriptor: int = 1
     anchor: tuple[int, int, int] = (0, 0, 0)
     target: tuple[int, int, int] = (0, 0, -15000)
-    offset: int | None = None  # of the waves, where they truly start unless given
+    offset: int | None = None  # of the samples; by default the actual one
 
 
 @dataclass
@@ -102,7 +102,7 @@ class Scene:
     time_offset: float = 0.0
     scales: tuple[float, float, float] = (0.01, 0.01, 0.01)
     offsets: tuple[float, float, float] = (0.0, 0.0, 0.0)
-    behind_pulse: bytes = b""  # attributes beyond the standard fields of each pulse
+    pulse_extra: bytes = b""  # attributes beyond the standard fields of each pulse
     patches: dict[int, tuple[str, float]] = field(default_factory=dict)  # byte -> layout, value
 
     def write(self, path: Path) -> Path:
@@ -126,7 +126,7 @@ class Scene:
         for pulse in self.pulses:
             offset = len(waves) if pulse.offset is None else pulse.offset
             fields = (pulse.time, offset, *pulse.anchor, *pulse.target, 0, 0, pulse.descriptor)
-            pulses += struct.pack("<qq3i3ihhBBBB", *fields, 0, 0, 0) + self.behind_pulse
+            pulses += struct.pack("<qq3i3ihhBBBB", *fields, 0, 0, 0) + self.pulse_extra
             descriptor = by_index.get(pulse.descriptor)
             if descriptor is not None:
                 waves += descriptor.extra
@@ -138,7 +138,7 @@ class Scene:
         start = HEADER_END + size_of_records
         header = struct.pack("<16sII16s64s64s", b"PulseWavesPulse", 0, 0, b"", b"", b"")
         header += struct.pack("<HHBBH", 0, 0, 0, 3, HEADER_END)
-        header += struct.pack("<qqIII", start, len(self.pulses), 0, 0, 48 + len(self.behind_pulse))
+        header += struct.pack("<qqIII", start, len(self.pulses), 0, 0, 48 + len(self.pulse_extra))
         header += struct.pack("<IqIi", 0, 0, records, len(self.appended))
         header += struct.pack("<dd2q", self.time_scale, self.time_offset, 0, 0)
         return header + struct.pack("<3d3d6d", *self.scales, *self.offsets, *[0.0] * 6)
@@ -184,7 +184,7 @@ def two_channels() -> Scene:
 
 
 def read(path: Path, **options: object) -> tuple[list[WaveformBlock], ReadTally]:
-    """All blocks of a file and what was met on the way."""
+    """All blocks of a file and its tally."""
     with PulseWavesReader(path, **options) as reader:  # type: ignore[arg-type]
         return list(reader.blocks()), reader.tally
 

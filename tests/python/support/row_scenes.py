@@ -67,7 +67,7 @@ def as_npz(source: Path, target: Path, **options: Any) -> Path:
 
 
 def changed(path: Path, change: Callable[[h5py.File], object]) -> Path:
-    """The container after something was done to it."""
+    """The container after `change` was applied."""
     with h5py.File(path, "r+") as file:
         change(file)
     return path

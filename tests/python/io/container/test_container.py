@@ -53,7 +53,7 @@ def message_of(path: Path) -> str:
     return str(caught.value)
 
 
-def test_what_h5py_finds_in_a_container(tmp_path: Path) -> None:
+def test_layout_seen_by_h5py(tmp_path: Path) -> None:
     point = Point(0, 12.5, (1.5, -2.25, 300.125), 1500.0, (0.25, -0.5, 0.125), {"user_data": 9})
     scene = Scene([(1, 8, 4, 2000)], FOUR[:2], [point, Point(1, 13.5)])
     scanner = Scanner.from_attributes(DESCRIPTION)
@@ -86,7 +86,7 @@ def test_what_h5py_finds_in_a_container(tmp_path: Path) -> None:
         assert file["las"].attrs["scales"].tolist() == [0.001, 0.001, 0.001]
 
 
-def test_scanner_comes_back_as_it_was(tmp_path: Path) -> None:
+def test_scanner_round_trip(tmp_path: Path) -> None:
     scanner = replace(
         Scanner.from_attributes(DESCRIPTION),
         after_pulse=AfterPulse(3, 4),
@@ -107,7 +107,7 @@ def test_scanner_comes_back_as_it_was(tmp_path: Path) -> None:
         assert reader.scanner() is None
 
 
-def test_rows_of_several_lengths_and_segments(tmp_path: Path) -> None:
+def test_waveforms_of_several_lengths_and_segments(tmp_path: Path) -> None:
     scene = two_channels()
     path = as_container(scene.write(tmp_path / "a.pls"), tmp_path / "a.h5", waveforms_per_block=1)
     with h5py.File(path) as file:
@@ -120,7 +120,7 @@ def test_rows_of_several_lengths_and_segments(tmp_path: Path) -> None:
     assert block.samples[1].tolist() == [4, 0, 0, 0]
 
 
-def test_echo_files_follow_the_same_header(tmp_path: Path) -> None:
+def test_echo_files_have_the_same_header(tmp_path: Path) -> None:
     scan = write_scan(simulate_scan(ScanSettings(shots=3, seed=1)), tmp_path / "a.las")
     with LasWaveformReader(scan.las) as las:
         path = as_container(scan.las, tmp_path / "a.h5")
@@ -153,7 +153,7 @@ def test_reference_system_in_an_extended_record(tmp_path: Path) -> None:
     assert (record.record_id, record.record_data_bytes()[:4]) == (2112, b"PROJ")
 
 
-def test_flags_are_those_of_the_file(tmp_path: Path) -> None:
+def test_flags_are_read_from_the_file(tmp_path: Path) -> None:
     path = four(tmp_path)
     with ScanContainerReader(path, channel_flags={2: 0}) as reader:
         (block,) = reader.blocks()
@@ -165,7 +165,7 @@ def test_flags_are_those_of_the_file(tmp_path: Path) -> None:
         assert reader.tally.notes == []
 
 
-def test_blocks_are_written_whole_or_not_at_all(tmp_path: Path) -> None:
+def test_shot_in_two_blocks_is_an_error(tmp_path: Path) -> None:
     with LasWaveformReader(four_shots().write(tmp_path / "a.las")) as reader:
         (block,) = reader.blocks()
     writer = ScanContainerWriter(tmp_path / "b.h5", None)
@@ -234,7 +234,7 @@ def say(where: str, name: str, value: Any) -> Callable[[h5py.File], object]:
         (say("scanner", "colour", 3.0), "unknown: colour"),
     ],
 )
-def test_containers_that_do_not_hold_what_they_promise(
+def test_invalid_containers(
     tmp_path: Path, change: Callable[[h5py.File], object], words: str
 ) -> None:
     path = changed(four(tmp_path, Scanner.from_attributes(DESCRIPTION)), change)
@@ -248,7 +248,7 @@ def test_missing_attribute_of_the_las_group(tmp_path: Path) -> None:
     assert "'offsets'" in message_of(changed(four(tmp_path), change))
 
 
-def test_chunks_beyond_reason(tmp_path: Path) -> None:
+def test_chunks_above_the_limit(tmp_path: Path) -> None:
     def change(file: h5py.File) -> None:
         del file["space/gps_time"]
         file.create_dataset("space/gps_time", (4,), np.float64, chunks=(2**26,), maxshape=(None,))
@@ -290,7 +290,7 @@ def test_big_endian_and_unchunked_datasets_are_read(tmp_path: Path) -> None:
     assert same(before, after)
 
 
-def test_every_cut_is_told(tmp_path: Path) -> None:
+def test_any_truncation_is_an_error(tmp_path: Path) -> None:
     path = four(tmp_path)
     content = path.read_bytes()
     for size in range(0, len(content), 97):
@@ -298,7 +298,7 @@ def test_every_cut_is_told(tmp_path: Path) -> None:
         message_of(path)
 
 
-def test_damaged_samples(tmp_path: Path) -> None:
+def test_corrupt_samples(tmp_path: Path) -> None:
     path = four(tmp_path)
     with h5py.File(path) as file:
         chunk = file[f"{FIELDS}/Waveforms"].id.get_chunk_info(0)
@@ -315,7 +315,7 @@ def test_missing_file_and_folder(tmp_path: Path) -> None:
         ScanContainerReader(tmp_path)
 
 
-def test_more_waveforms_than_the_file_can_hold(tmp_path: Path) -> None:
+def test_declared_waveforms_exceed_the_file_size(tmp_path: Path) -> None:
     def change(file: h5py.File) -> None:
         file[f"{FIELDS}/Waveforms"].resize(10**12, axis=0)
 

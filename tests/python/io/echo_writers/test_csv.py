@@ -37,7 +37,7 @@ def test_two_echoes_as_text(tmp_path: Path) -> None:
     )
 
 
-def test_numbers_read_back_to_the_same_bits(tmp_path: Path) -> None:
+def test_numbers_round_trip_bit_by_bit(tmp_path: Path) -> None:
     random = np.random.default_rng(3)
     xyz = random.normal(size=(500, 3)) * 10.0 ** random.integers(-12, 12, size=(500, 3))
     db = (random.normal(size=500) * 40).astype(np.float32)
@@ -51,7 +51,7 @@ def test_numbers_read_back_to_the_same_bits(tmp_path: Path) -> None:
     assert [int(row["waveform_number"]) for row in rows] == [*range(300), *range(200)]
 
 
-def test_no_echo_still_has_the_header_line(tmp_path: Path) -> None:
+def test_header_line_without_echoes(tmp_path: Path) -> None:
     with CsvEchoWriter(tmp_path / "e.csv"):
         pass
     assert (tmp_path / "e.csv").read_text() == HEADER
@@ -65,7 +65,7 @@ def write_and_stop(writer: CsvEchoWriter) -> None:
     raise KeyboardInterrupt
 
 
-def test_a_failed_run_leaves_nothing(tmp_path: Path) -> None:
+def test_a_failed_run_leaves_no_file(tmp_path: Path) -> None:
     writer = CsvEchoWriter(tmp_path / "e.csv")
     with pytest.raises(KeyboardInterrupt), writer:
         write_and_stop(writer)
@@ -74,7 +74,7 @@ def test_a_failed_run_leaves_nothing(tmp_path: Path) -> None:
         writer.write(echo_table([1]))
 
 
-def test_the_name_appears_when_the_file_is_whole(tmp_path: Path) -> None:
+def test_file_appears_when_it_is_complete(tmp_path: Path) -> None:
     path = tmp_path / "result.bin"
     with atomic_path(path) as temporary:
         assert temporary.parent == tmp_path
@@ -87,7 +87,7 @@ def test_the_name_appears_when_the_file_is_whole(tmp_path: Path) -> None:
     assert path.stat().st_mode == plain.stat().st_mode
 
 
-def test_places_that_cannot_be_written(tmp_path: Path) -> None:
+def test_paths_that_cannot_be_written(tmp_path: Path) -> None:
     with pytest.raises(FileNotFoundError, match="nowhere does not exist"):
         atomic_path(tmp_path / "nowhere" / "a").__enter__()
     with pytest.raises(IsADirectoryError, match="it is a folder"):

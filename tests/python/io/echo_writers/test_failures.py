@@ -1,4 +1,4 @@
-"""Outputs that cannot be written: one sentence with their name, and nothing left behind."""
+"""Outputs that cannot be written: one message with their name, and no file left."""
 
 from __future__ import annotations
 
@@ -56,8 +56,8 @@ def test_no_space_left_names_the_output(tmp_path: Path, ending: str, tables: int
 
 
 @pytest.mark.parametrize("size", [0, 1_000, 100_000])
-def test_a_program_that_had_no_space_for_hdf5_ends_as_usual(tmp_path: Path, size: int) -> None:
-    # HDF5 closes what is open when the program ends, and must not fail again there.
+def test_program_exits_normally_after_hdf5_without_space(tmp_path: Path, size: int) -> None:
+    # HDF5 closes open files when the program ends and must not fail again.
     code = (
         "import resource\n"
         "from tests_in_trouble import write_many\n"
@@ -96,7 +96,7 @@ def write_many(path):
 
 
 @pytest.mark.parametrize("ending", ECHO_ENDINGS)
-def test_a_missing_folder_and_a_folder_in_the_way(tmp_path: Path, ending: str) -> None:
+def test_missing_folder_and_folder_of_the_same_name(tmp_path: Path, ending: str) -> None:
     path = tmp_path / "nowhere" / f"e{ending}"
     with pytest.raises(FileNotFoundError) as caught:
         write_many(path)
@@ -109,7 +109,7 @@ def test_a_missing_folder_and_a_folder_in_the_way(tmp_path: Path, ending: str) -
 
 
 @pytest.mark.parametrize("ending", ECHO_ENDINGS)
-def test_a_folder_that_cannot_be_written(
+def test_folder_without_write_permission(
     tmp_path: Path, ending: str, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     # The administrator may write anywhere, so the refusal is the system call's.
@@ -126,7 +126,7 @@ def test_a_folder_that_cannot_be_written(
 
 
 @pytest.mark.parametrize("ending", ECHO_ENDINGS)
-def test_an_error_of_the_run_leaves_what_was_there(tmp_path: Path, ending: str) -> None:
+def test_an_error_keeps_the_existing_file(tmp_path: Path, ending: str) -> None:
     path = tmp_path / f"e{ending}"
     path.write_bytes(b"older result")
     writer = open_echo_file(path, None)
@@ -137,7 +137,7 @@ def test_an_error_of_the_run_leaves_what_was_there(tmp_path: Path, ending: str) 
     assert list(tmp_path.iterdir()) == [path]
 
 
-def test_errors_of_other_files_stay_as_they_are(tmp_path: Path) -> None:
+def test_errors_of_other_files_are_unchanged(tmp_path: Path) -> None:
     path = tmp_path / "result"
     for error in (FileNotFoundError(errno.ENOENT, "gone", "input"), OSError(errno.EIO, "bad disk")):
         with pytest.raises(OSError, match=error.strerror) as caught, atomic_path(path):
@@ -145,7 +145,7 @@ def test_errors_of_other_files_stay_as_they_are(tmp_path: Path) -> None:
         assert caught.value is error
 
 
-def test_a_vanished_folder_is_told_of_the_output(tmp_path: Path) -> None:
+def test_error_for_a_deleted_folder_names_the_output(tmp_path: Path) -> None:
     (folder := tmp_path / "folder").mkdir()
     with (
         pytest.raises(FileNotFoundError) as caught,
@@ -170,14 +170,14 @@ def test_nested_outputs_name_the_one_without_space(tmp_path: Path) -> None:
     assert list(tmp_path.iterdir()) == []
 
 
-def test_a_library_that_hides_the_error_of_writing_is_not_believed(tmp_path: Path) -> None:
+def test_write_error_hidden_by_a_library_is_raised(tmp_path: Path) -> None:
     path = tmp_path / "result"
     with (
         files_end_at(10),
         pytest.raises(OutputError, match="result: File too large"),
         atomic_open(path) as stream,
     ):
-        assert stream.write(b"x" * 25) == 25  # cut at 10 bytes; nothing is said
+        assert stream.write(b"x" * 25) == 25  # truncated to 10 bytes without an error
         assert stream.truncate(50) == 50
         with pytest.raises(OutputError, match="result: File too large"):
             stream.check()
@@ -185,7 +185,7 @@ def test_a_library_that_hides_the_error_of_writing_is_not_believed(tmp_path: Pat
     assert list(tmp_path.iterdir()) == []
 
 
-def test_pictures_name_the_output(tmp_path: Path) -> None:
+def test_errors_of_pictures_name_the_output(tmp_path: Path) -> None:
     for ending in (".png", ".pdf", ".svg"):
         path = tmp_path / "nowhere" / f"p{ending}"
         with pytest.raises(FileNotFoundError) as caught:
@@ -200,7 +200,7 @@ def test_pictures_name_the_output(tmp_path: Path) -> None:
     assert list(tmp_path.iterdir()) == []
 
 
-def test_simulated_scans_name_the_output(tmp_path: Path) -> None:
+def test_errors_of_simulated_scans_name_the_output(tmp_path: Path) -> None:
     scan = simulate_scan(ScanSettings(shots=200))
     path = tmp_path / "nowhere" / "scan.las"
     with pytest.raises(FileNotFoundError) as caught:
@@ -214,7 +214,7 @@ def test_simulated_scans_name_the_output(tmp_path: Path) -> None:
     assert list(tmp_path.iterdir()) == []
 
 
-def test_libraries_that_open_the_file_themselves_name_the_output(tmp_path: Path) -> None:
+def test_errors_of_libraries_that_open_the_file_name_the_output(tmp_path: Path) -> None:
     path = tmp_path / "truth.csv"
     with (
         files_end_at(10),

@@ -104,7 +104,7 @@ def test_the_extra_bytes_of_an_echo(tmp_path: Path) -> None:
     assert not expected
 
 
-def test_values_that_are_no_numbers_do_not_become_random_ones(tmp_path: Path) -> None:
+def test_nan_is_written_as_zero(tmp_path: Path) -> None:
     nan = np.float32("nan")
     table = echo_table(
         [2],
@@ -131,14 +131,14 @@ def test_return_numbers_saturate(
     assert np.array(las.number_of_returns).max() == limit
 
 
-def test_shots_of_equal_time_are_told_apart_by_their_numbers(tmp_path: Path) -> None:
+def test_shots_of_equal_time_are_separated_by_echo_numbers(tmp_path: Path) -> None:
     table = echo_table([9, 8, 2, 8], gps_time=np.zeros(27))
     with LasEchoWriter(tmp_path / "e.las", source_header("1.3", 4)) as writer:
         writer.write(table)
         assert writer.saturated_return_numbers == 3
 
 
-def test_coordinates_that_do_not_fit_are_dropped_and_counted(tmp_path: Path) -> None:
+def test_coordinates_out_of_range_are_skipped_and_counted(tmp_path: Path) -> None:
     edge = 2147483647 * 0.01  # the largest step of 32 bits, offsets aside
     xyz = np.array(
         [
@@ -161,7 +161,7 @@ def test_coordinates_that_do_not_fit_are_dropped_and_counted(tmp_path: Path) -> 
     assert las.intensity.tolist() == [10, 12, 17]
 
 
-def test_reference_system_and_meaning_of_time_are_carried(tmp_path: Path) -> None:
+def test_reference_system_and_time_type_are_copied(tmp_path: Path) -> None:
     header = source_header("1.4", 9)
     header.global_encoding.value = 0b10111  # standard GPS time, packets (both bits), WKT
     header.vlrs.append(laspy.VLR("LASF_Projection", 34735, "keys", GEO_KEYS))
@@ -184,9 +184,9 @@ def test_reference_system_and_meaning_of_time_are_carried(tmp_path: Path) -> Non
     assert len(las.points) == 1
 
 
-def test_records_read_from_a_file_are_carried_too(tmp_path: Path) -> None:
+def test_records_read_from_a_file_are_copied(tmp_path: Path) -> None:
     scene = Scene(
-        [(1, 8, 1, 1000)], [(1, [5])], [Point(0)], 9, "1.4", inside=True, descriptors_behind=True
+        [(1, 8, 1, 1000)], [(1, [5])], [Point(0)], 9, "1.4", inside=True, extended_descriptors=True
     )
     path = scene.write(tmp_path / "source.las")
     with LasWaveformReader(path) as reader:
@@ -198,7 +198,7 @@ def test_records_read_from_a_file_are_carried_too(tmp_path: Path) -> None:
 
 
 def test_without_a_source_the_offsets_come_from_the_first_echoes(tmp_path: Path) -> None:
-    # A northing that 32 bits of millimetres cannot reach from zero.
+    # A northing that exceeds 32 bits of millimetres from zero.
     xyz = np.array([[433978.2095, 5103979.436, 30.273], [np.nan, 0.0, 0.0]])
     las = written(tmp_path / "e.las", None, echo_table([]), echo_table([2], xyz=xyz))
     assert (str(las.header.version), las.header.point_format.id) == ("1.4", 6)
@@ -208,7 +208,7 @@ def test_without_a_source_the_offsets_come_from_the_first_echoes(tmp_path: Path)
     np.testing.assert_allclose(las.xyz, xyz[:1], atol=0.00051)
 
 
-def test_tables_follow_each_other(tmp_path: Path) -> None:
+def test_several_tables(tmp_path: Path) -> None:
     tables = [echo_table([2]), echo_table([]), echo_table([1, 1])]
     with LasEchoWriter(tmp_path / "e.las", source_header("1.3", 4)) as writer:
         for table in tables:
@@ -218,7 +218,7 @@ def test_tables_follow_each_other(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("source", [None, source_header("1.3", 5)])
-def test_no_echo_at_all_gives_a_valid_file(tmp_path: Path, source: laspy.LasHeader | None) -> None:
+def test_file_without_echoes_is_valid(tmp_path: Path, source: laspy.LasHeader | None) -> None:
     las = written(tmp_path / "e.las", source)
     assert len(las.points) == 0
     assert len(list(las.point_format.extra_dimensions)) == 6
@@ -229,7 +229,7 @@ def write_and_fail(writer: LasEchoWriter) -> None:
     raise RuntimeError("halfway")
 
 
-def test_a_failed_run_leaves_what_was_there(tmp_path: Path) -> None:
+def test_a_failed_run_keeps_the_existing_file(tmp_path: Path) -> None:
     path = tmp_path / "e.las"
     path.write_bytes(b"older result")
     writer = LasEchoWriter(path, None)

@@ -29,16 +29,14 @@ def test_laz_is_compressed_and_holds_what_las_holds(tmp_path: Path) -> None:
     np.testing.assert_allclose(laz.x, np.arange(12000.0), atol=1e-9)
 
 
-def test_laz_without_a_compressor_says_what_to_install(
-    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
-) -> None:
+def test_laz_without_a_compressor(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setattr(laspy.LazBackend, "detect_available", lambda: ())
     with pytest.raises(ValueError, match=r"cannot write .*e\.laz: .*; run pip install lazrs"):
         open_echo_file(tmp_path / "e.laz", None)
     written(tmp_path / "e.las", echo_table([1]))
 
 
-def test_laz_keeps_records_behind_the_points(tmp_path: Path) -> None:
+def test_laz_keeps_records_after_the_points(tmp_path: Path) -> None:
     header = laspy.LasHeader(version="1.4", point_format=9)
     wkt = b'LOCAL_CS["somewhere",UNIT["metre",1]]\0'
     header.evlrs = laspy.vlrs.vlrlist.VLRList([laspy.VLR("LASF_Projection", 2112, "", wkt)])
@@ -65,14 +63,14 @@ def test_bytes_of_points_do_not_depend_on_it_either(
     assert contents[0] == contents[1]
 
 
-def test_no_wrong_ranges_of_extra_dimensions_are_stated(tmp_path: Path) -> None:
+def test_ranges_of_extra_dimensions_are_not_stored(tmp_path: Path) -> None:
     las = laspy.read(written(tmp_path / "e.las", echo_table([3])))
     (record,) = las.header.vlrs.get("ExtraBytesVlr")
     stated = [(one.min, one.max) for one in record.extra_bytes_structs]
     assert stated == [(None, None)] * 6
 
 
-def test_notes_of_points_that_could_not_be_written_as_they_are(tmp_path: Path) -> None:
+def test_notes_on_skipped_points_and_limited_numbers(tmp_path: Path) -> None:
     xyz = np.zeros((9, 3))
     xyz[4] = np.nan
     header = laspy.LasHeader(version="1.3", point_format=4)

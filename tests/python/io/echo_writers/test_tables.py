@@ -1,4 +1,4 @@
-"""Echoes written to files of every kind, read back by libraries that know nothing of writers."""
+"""Echoes written to files of every kind, read back by independent libraries."""
 
 from __future__ import annotations
 
@@ -99,7 +99,7 @@ def test_ascii_export_has_a_line_per_echo(tmp_path: Path) -> None:
     assert path.read_bytes() == b"17 812 57.25 1.9 0.5\n18 0.1 1e-09 nan 383661.97316074\n"
 
 
-def test_units_and_descriptions_travel_with_the_columns(tmp_path: Path) -> None:
+def test_units_and_descriptions_are_stored(tmp_path: Path) -> None:
     table = pq.read_table(written(tmp_path / "e.parquet", by_hand()))
     arrow = echo_table_to_arrow(by_hand())
     (tmp_path / "e.parquet").unlink()
@@ -116,7 +116,7 @@ def test_units_and_descriptions_travel_with_the_columns(tmp_path: Path) -> None:
     assert attributes["time"]["unit"] == "s"
 
 
-def test_the_run_is_described_where_the_caller_says_so(tmp_path: Path) -> None:
+def test_run_metadata_is_stored_if_given(tmp_path: Path) -> None:
     path = written(tmp_path / "e.parquet", by_hand(), metadata=METADATA)
     assert json.loads(pq.read_schema(path).metadata[b"fullwaveform"]) == METADATA
     path.unlink()
@@ -171,7 +171,7 @@ def test_many_small_tables_make_groups_of_one_size(tmp_path: Path, small_groups:
 
 
 @pytest.mark.parametrize("tables", [[], [echo_table([])]])
-def test_no_echo_still_gives_all_columns(tmp_path: Path, tables: list[EchoTable]) -> None:
+def test_all_columns_without_echoes(tmp_path: Path, tables: list[EchoTable]) -> None:
     table = pq.read_table(written(tmp_path / "e.parquet", *tables))
     assert (table.num_rows, table.column_names) == (0, list(EXPECTED))
     (tmp_path / "e.parquet").unlink()
@@ -181,7 +181,7 @@ def test_no_echo_still_gives_all_columns(tmp_path: Path, tables: list[EchoTable]
     assert written(tmp_path / "e.txt", *tables).read_bytes() == b""
 
 
-def test_the_ending_chooses_the_kind(tmp_path: Path) -> None:
+def test_the_ending_selects_the_format(tmp_path: Path) -> None:
     assert set(ECHO_ENDINGS) == {".las", ".laz", ".csv", ".parquet", ".h5", ".hdf5", ".txt"}
     for name in ("e.dat", "e", ".las", "las"):
         with pytest.raises(ValueError, match=r"must end in \.las, .* or \.txt"):

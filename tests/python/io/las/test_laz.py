@@ -1,4 +1,4 @@
-"""Compressed LAS files: the same waveforms as from the uncompressed ones, or a sentence."""
+"""Compressed LAS files: the same waveforms as from the uncompressed ones, or an error."""
 
 from __future__ import annotations
 
@@ -121,7 +121,7 @@ def test_no_decompressor_installed(tmp_path: Path, monkeypatch: pytest.MonkeyPat
     assert len(rows(read(tmp_path / "a.las")[0])) == 4
 
 
-def test_missing_file_of_packets(tmp_path: Path) -> None:
+def test_missing_packet_file(tmp_path: Path) -> None:
     path = compressed(four_shots().write(tmp_path / "a.las"), tmp_path / "b.laz")
     path.with_suffix(".wdp").unlink()
     with pytest.raises(FileNotFoundError, match=r"b\.wdp does not exist"):
@@ -135,7 +135,7 @@ def test_compressed_points_out_of_order(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize(("point_format", "version"), [(4, "1.3"), (9, "1.4")])
-def test_every_cut_is_told(tmp_path: Path, point_format: int, version: str) -> None:
+def test_any_truncation_is_an_error(tmp_path: Path, point_format: int, version: str) -> None:
     plain = four_shots(point_format=point_format, version=version).write(tmp_path / "a.las")
     path = compressed(plain, tmp_path / "b.laz")
     content = path.read_bytes()
@@ -144,7 +144,7 @@ def test_every_cut_is_told(tmp_path: Path, point_format: int, version: str) -> N
         message_of(path)
 
 
-def test_damaged_table_of_chunks(tmp_path: Path) -> None:
+def test_corrupt_chunk_table(tmp_path: Path) -> None:
     path = compressed(four_shots().write(tmp_path / "a.las"), tmp_path / "b.laz")
     start = point_start(path)
     table = struct.unpack("<q", path.read_bytes()[start : start + 8])[0]

@@ -21,7 +21,7 @@ from ...support.las_scenes import (
 )
 
 
-def test_one_waveform_with_everything_about_it(tmp_path: Path) -> None:
+def test_all_values_of_one_waveform(tmp_path: Path) -> None:
     fields: dict[str, float] = {
         "scan_angle_rank": -7,
         "scan_direction_flag": 1,
@@ -68,7 +68,7 @@ def test_every_point_format_with_waveforms(tmp_path: Path, point_format: int, ve
 
 
 @pytest.mark.parametrize(("point_format", "version"), [(4, "1.3"), (9, "1.4")])
-def test_packets_inside_the_file_read_like_those_beside_it(
+def test_packets_in_the_file_and_in_a_companion_are_equal(
     tmp_path: Path, point_format: int, version: str
 ) -> None:
     options = {"point_format": point_format, "version": version}
@@ -78,8 +78,8 @@ def test_packets_inside_the_file_read_like_those_beside_it(
     assert rows(read(inside)[0]) == rows(read(beside)[0]) == [list(samples) for _, samples in FOUR]
 
 
-def test_extended_records_come_with_the_header_but_not_the_packets(tmp_path: Path) -> None:
-    scene = four_shots(point_format=9, version="1.4", inside=True, descriptors_behind=True)
+def test_header_has_extended_records_except_the_packets(tmp_path: Path) -> None:
+    scene = four_shots(point_format=9, version="1.4", inside=True, extended_descriptors=True)
     with LasWaveformReader(scene.write(tmp_path / "a.las")) as reader:
         assert [record.record_id for record in reader.header.evlrs] == [100]
         assert reader.descriptors[1].gain == 0.5
@@ -93,7 +93,7 @@ def test_packets_in_a_file_with_capital_ending_and_a_dotted_name(tmp_path: Path)
     assert len(rows(read(path)[0])) == 4
 
 
-def test_points_that_share_a_packet_are_one_waveform(tmp_path: Path) -> None:
+def test_points_that_share_a_packet_count_as_one_waveform(tmp_path: Path) -> None:
     points = [
         Point(0, 1.0, (0.0, 0.0, 5.0)),
         Point(None, 1.0),
@@ -114,7 +114,7 @@ def test_points_that_share_a_packet_are_one_waveform(tmp_path: Path) -> None:
         assert not tally.rejected
 
 
-def test_a_packet_shared_far_apart_in_the_file_is_read_once(tmp_path: Path) -> None:
+def test_packet_shared_by_distant_points_is_read_once(tmp_path: Path) -> None:
     points = [Point(0, 1.0), Point(1, 2.0), Point(2, 3.0), Point(0, 4.0)]
     path = Scene([(1, 8, 4, 1000)], FOUR[:3], points).write(tmp_path / "a.las")
     blocks, tally = read(path, waveforms_per_block=1)
@@ -144,9 +144,9 @@ def test_shots_are_never_split_between_blocks(tmp_path: Path) -> None:
         assert numbers.tolist() == list(range(12))
 
 
-def test_a_block_is_filled_up_to_its_limit_across_pieces_of_the_file(tmp_path: Path) -> None:
+def test_block_is_filled_across_chunks_of_the_file(tmp_path: Path) -> None:
     packets = [(1, [number, 0]) for number in range(7)]
-    # Two points on the first packet: pieces of four points hold fewer than four waveforms.
+    # Two points share the first packet: chunks of four points have fewer than four waveforms.
     held = [(0, 1.0), (0, 1.0), (1, 2.0), (2, 3.0), (3, 3.0), (4, 4.0), (5, 5.0), (6, 6.0)]
     points = [Point(packet, time) for packet, time in held]
     path = Scene([(1, 8, 2, 1000)], packets, points).write(tmp_path / "a.las")
@@ -227,7 +227,7 @@ def test_points_without_packets_give_no_block_and_no_error(tmp_path: Path) -> No
     assert tally.points_without_waveform == 2
 
 
-def test_a_second_pass_starts_anew_and_progress_is_told(tmp_path: Path) -> None:
+def test_second_read_and_progress(tmp_path: Path) -> None:
     path = four_shots().write(tmp_path / "a.las")
     with LasWaveformReader(path, waveforms_per_block=2) as reader:
         assert reader.path == path
@@ -240,7 +240,7 @@ def test_a_second_pass_starts_anew_and_progress_is_told(tmp_path: Path) -> None:
         list(reader.blocks())
 
 
-def test_legacy_counts_of_zero_do_not_matter(tmp_path: Path) -> None:
+def test_legacy_counts_of_zero_are_ignored(tmp_path: Path) -> None:
     path = four_shots(version="1.4").write(tmp_path / "a.las")
     assert path.read_bytes()[107:111] == b"\0\0\0\0"
     assert len(rows(read(path)[0])) == 4

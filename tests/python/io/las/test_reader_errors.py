@@ -1,4 +1,4 @@
-"""LAS files that do not hold what they promise: what is counted and what is refused."""
+"""Invalid LAS files: what is counted and what is an error."""
 
 from __future__ import annotations
 
@@ -43,7 +43,7 @@ def message_of(path: Path) -> str:
         ((2, 8, 4, 1000), 0, "missing waveform descriptor 1; the file has 2"),
     ],
 )
-def test_descriptors_that_cannot_be_read(
+def test_unsupported_descriptors(
     tmp_path: Path, descriptor: tuple[int, int, int, int], compression: int, words: str
 ) -> None:
     scene = four_shots()
@@ -86,7 +86,7 @@ def test_waveforms_that_cannot_be_used_are_counted(
     assert blocks[0].waveform_numbers.tolist() == [0, 1, 2]
 
 
-def test_a_packet_cut_off_at_the_end_is_rejected(tmp_path: Path) -> None:
+def test_truncated_packet_is_rejected(tmp_path: Path) -> None:
     for inside in (False, True):
         path = four_shots(inside=inside).write(tmp_path / f"{inside}.las")
         place = path if inside else path.with_suffix(".wdp")
@@ -96,7 +96,7 @@ def test_a_packet_cut_off_at_the_end_is_rejected(tmp_path: Path) -> None:
         assert dict(tally.rejected) == {"samples outside the file": 1}
 
 
-def test_bytes_behind_the_packet_record_are_no_packets(tmp_path: Path) -> None:
+def test_bytes_after_the_packet_record_are_not_packets(tmp_path: Path) -> None:
     path = four_shots(inside=True).write(tmp_path / "a.las")
     start = struct.unpack("<Q", path.read_bytes()[START_OF_PACKETS : START_OF_PACKETS + 8])[0]
     patch(path, start + 20, "<Q", 12)  # the record's length: three packets of four bytes
@@ -105,7 +105,7 @@ def test_bytes_behind_the_packet_record_are_no_packets(tmp_path: Path) -> None:
     assert dict(tally.rejected) == {"samples outside the file": 1}
 
 
-def test_no_readable_packet_at_all_is_an_error_at_the_end(tmp_path: Path) -> None:
+def test_no_readable_packet_is_an_error_at_the_end(tmp_path: Path) -> None:
     path = four_shots().write(tmp_path / "a.las")
     companion = path.with_suffix(".wdp")
     companion.write_bytes(companion.read_bytes()[:60])
@@ -113,7 +113,7 @@ def test_no_readable_packet_at_all_is_an_error_at_the_end(tmp_path: Path) -> Non
     assert "no readable waveform (4 x samples outside the file)" in message
 
 
-def test_arguments_that_make_no_sense(tmp_path: Path) -> None:
+def test_invalid_arguments(tmp_path: Path) -> None:
     path = four_shots().write(tmp_path / "a.las")
     with pytest.raises(ValueError, match="at least 1"):
         LasWaveformReader(path, waveforms_per_block=0)
@@ -121,7 +121,7 @@ def test_arguments_that_make_no_sense(tmp_path: Path) -> None:
         LasWaveformReader(path, channel_flags=256)
 
 
-def test_where_the_packets_are_when_the_header_does_not_say(tmp_path: Path) -> None:
+def test_packet_location_missing_in_the_header(tmp_path: Path) -> None:
     path = four_shots().write(tmp_path / "a.las")
     patch(path, GLOBAL_ENCODING, "<H", 0)
     blocks, tally = read(path)
@@ -137,7 +137,7 @@ def test_where_the_packets_are_when_the_header_does_not_say(tmp_path: Path) -> N
     assert "no waveform packets" in message_of(path)
 
 
-def test_the_file_of_packets_is_missing_or_cut_off(tmp_path: Path) -> None:
+def test_packet_file_missing_or_truncated(tmp_path: Path) -> None:
     path = four_shots().write(tmp_path / "a.las")
     companion = path.with_suffix(".wdp")
     companion.write_bytes(companion.read_bytes()[:59])
@@ -147,7 +147,7 @@ def test_the_file_of_packets_is_missing_or_cut_off(tmp_path: Path) -> None:
         LasWaveformReader(path)
 
 
-def test_the_packet_record_inside_is_not_where_the_header_says(tmp_path: Path) -> None:
+def test_packet_record_not_at_the_declared_byte(tmp_path: Path) -> None:
     path = four_shots(inside=True).write(tmp_path / "a.las")
     patch(path, START_OF_PACKETS, "<Q", path.stat().st_size - 59)
     assert "record starts at byte" in message_of(path)
@@ -157,7 +157,7 @@ def test_the_packet_record_inside_is_not_where_the_header_says(tmp_path: Path) -
     assert "does not say where" in message_of(path)
 
 
-def test_files_that_are_no_whole_las_files(tmp_path: Path) -> None:
+def test_incomplete_las_files(tmp_path: Path) -> None:
     whole = four_shots().write(tmp_path / "whole.las").read_bytes()
     path = tmp_path / "a.las"
     (tmp_path / "whole.wdp").rename(tmp_path / "a.wdp")
@@ -175,8 +175,8 @@ def test_files_that_are_no_whole_las_files(tmp_path: Path) -> None:
         assert words in message_of(path)
 
 
-def test_extended_records_that_reach_beyond_the_file(tmp_path: Path) -> None:
-    scene = four_shots(point_format=9, version="1.4", descriptors_behind=True)
+def test_extended_records_beyond_the_end_of_the_file(tmp_path: Path) -> None:
+    scene = four_shots(point_format=9, version="1.4", extended_descriptors=True)
     path = scene.write(tmp_path / "a.las")
     patch(path, START_OF_RECORDS + 8, "<I", 2)
     assert "extended record 2 of 2" in message_of(path)

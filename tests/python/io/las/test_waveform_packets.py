@@ -48,7 +48,7 @@ def test_descriptors_from_ordinary_and_extended_records() -> None:
     }
 
 
-def test_a_descriptor_given_twice_must_say_the_same() -> None:
+def test_two_records_of_a_descriptor_must_be_equal() -> None:
     header = laspy.LasHeader(version="1.4", point_format=9)
     nan = float("nan")
     header.vlrs.extend([descriptor_record(100, 8, 0, 4, 1000, nan, 0.0)] * 2)
@@ -65,7 +65,7 @@ def test_a_descriptor_record_that_is_too_short() -> None:
         read_descriptors(header, PATH)
 
 
-def test_the_longest_and_the_shortest_packets_are_usable() -> None:
+def test_longest_and_shortest_packets_are_supported() -> None:
     for bits in (8, 16):
         for count in (1, 65535):
             check_supported(descriptor(7, bits, count), PATH)
@@ -77,7 +77,7 @@ def test_samples_of_packets_of_both_depths(tmp_path: Path) -> None:
     data = packet_file(tmp_path, content, before=5)
     offsets = np.array([66, 62, 60, 62])
     indices = np.array([1, 3, 1, 3], dtype=np.uint8)
-    # 16-bit packets of odd offsets occur too: 8-bit ones stand between them.
+    # 16-bit packets can have odd offsets, with 8-bit packets between them.
     samples, counts = data.read(offsets, indices, table)
     assert samples.tolist() == [[7, 0, 0], [256, 65535, 7], [10, 11, 0], [256, 65535, 7]]
     assert samples.dtype == np.uint16
@@ -87,7 +87,7 @@ def test_samples_of_packets_of_both_depths(tmp_path: Path) -> None:
     assert data.read(offsets[:0], indices[:0], table)[0].shape == (0, 0)
 
 
-def test_a_packet_has_to_lie_wholly_inside_the_data(tmp_path: Path) -> None:
+def test_packet_must_be_completely_inside_the_data(tmp_path: Path) -> None:
     data = packet_file(tmp_path, bytes(10))
     offsets = np.array([59, 60, 66, 67, 2**63, 2**64 - 1, 60], dtype=np.uint64)
     sizes = np.array([4, 4, 4, 4, 4, 4, 11])

@@ -90,7 +90,7 @@ def test_every_plain_key(tmp_path: Path) -> None:
     assert block.attributes.scan_angle.tolist() == [-1.5, 0, 2]
 
 
-def test_keys_found_in_circulation(tmp_path: Path) -> None:
+def test_alternative_keys(tmp_path: Path) -> None:
     path = archive(
         tmp_path,
         samples=SAMPLES,
@@ -112,7 +112,7 @@ def test_keys_found_in_circulation(tmp_path: Path) -> None:
     assert blocks[1].sbl_times.tolist() == [0.0]
 
 
-def test_given_interval_comes_before_that_of_the_file(tmp_path: Path) -> None:
+def test_given_interval_overrides_that_of_the_file(tmp_path: Path) -> None:
     path = archive(tmp_path, samples=SAMPLES, sampling_interval=1e-9)
     with open_waveforms(path, sampling_interval=3e-9) as reader:
         (block,) = reader.blocks()
@@ -162,13 +162,13 @@ def test_waveforms_without_a_time_among_others_are_counted(tmp_path: Path) -> No
         ({"shot_times": [1.0, 2.0, 3.0], "counts": [0, 0, 0]}, "no readable waveform (3 x"),
     ],
 )
-def test_archives_that_cannot_be_used(tmp_path: Path, arrays: dict[str, Any], words: str) -> None:
+def test_invalid_archives(tmp_path: Path, arrays: dict[str, Any], words: str) -> None:
     given = {"samples": SAMPLES, "sampling_interval": 1e-9} | arrays
     path = archive(tmp_path, **{key: value for key, value in given.items() if value is not None})
     assert words in message_of(path)
 
 
-def test_arrays_beyond_the_limit(tmp_path: Path) -> None:
+def test_arrays_above_the_memory_limit(tmp_path: Path) -> None:
     np.savez_compressed(
         tmp_path / "a.npz", samples=np.zeros((1000, 1000), np.uint16), sampling_interval=1e-9
     )
@@ -185,7 +185,7 @@ def member(folder: Path, content: bytes) -> Path:
     return folder / "a.npz"
 
 
-def test_headers_that_announce_more_than_there_is(tmp_path: Path) -> None:
+def test_headers_that_declare_more_than_the_archive_has(tmp_path: Path) -> None:
     for shape in ("(1000000000, 65535)", "(4294967296, 4294967296)", "(3, 4)"):
         text = f"{{'descr': '<u2', 'fortran_order': False, 'shape': {shape}, }}\n".encode()
         head = b"\x93NUMPY\x01\x00" + struct.pack("<H", len(text)) + text
@@ -194,11 +194,11 @@ def test_headers_that_announce_more_than_there_is(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("content", [b"", b"\x93NUM", b"no array at all", b"\x93NUMPY\x01\x00\xff"])
-def test_members_that_are_no_arrays(tmp_path: Path, content: bytes) -> None:
+def test_members_that_are_not_arrays(tmp_path: Path, content: bytes) -> None:
     assert "corrupt .npz or unsupported array type" in message_of(member(tmp_path, content))
 
 
-def test_every_cut_is_told(tmp_path: Path) -> None:
+def test_any_truncation_is_an_error(tmp_path: Path) -> None:
     content = archive(tmp_path, samples=SAMPLES, sampling_interval=1e-9).read_bytes()
     path = tmp_path / "cut.npz"
     for size in range(len(content)):
@@ -206,7 +206,7 @@ def test_every_cut_is_told(tmp_path: Path) -> None:
         message_of(path)
 
 
-def test_damaged_content(tmp_path: Path) -> None:
+def test_corrupt_content(tmp_path: Path) -> None:
     stream = io.BytesIO()
     np.savez_compressed(stream, samples=np.arange(600, dtype=np.uint16).reshape(20, 30))
     content = bytearray(stream.getvalue())
@@ -243,7 +243,7 @@ def test_arrays_of_real_scanners(name: str, waveforms: int, shots: int, interval
     assert found == expected
 
 
-def test_rejected_rows_between_others(tmp_path: Path) -> None:
+def test_rejected_rows_between_readable_rows(tmp_path: Path) -> None:
     times = np.full(60, np.nan)
     times[[0, 5, 6, 40, 59]] = [1.0, 2.0, 2.0, 3.0, 4.0]
     samples = np.arange(120, dtype=np.uint16).reshape(60, 2)

@@ -1,4 +1,4 @@
-"""Variable records that stand behind the pulses of PulseWaves files."""
+"""Variable records after the pulses of PulseWaves files."""
 
 from __future__ import annotations
 
@@ -28,7 +28,7 @@ def message_of(path: Path) -> str:
 
 
 def with_appended_descriptor(*, counted: bool, ended: bool) -> Scene:
-    """The pulses' descriptor stands behind them, after one for nothing."""
+    """Pulses whose descriptor is an appended record, after an unused one."""
     descriptor = Descriptor(1, [Sampling()])
     appended = [
         (b"PulseWaves_Spec", 200002, Descriptor(2, [Sampling()]).record()),
@@ -59,7 +59,7 @@ def test_appended_records(tmp_path: Path, counted: bool, ended: bool) -> None:
         assert rows(list(reader.blocks())) == [[1, 2, 3, 4], [5, 6, 7, 8], [9, 10, 11, 12]]
 
 
-def test_appended_records_that_are_not_there(tmp_path: Path) -> None:
+def test_missing_appended_records(tmp_path: Path) -> None:
     scene = with_appended_descriptor(counted=True, ended=True)
     scene.patches[APPENDED] = ("<i", 3)
     path = write_with_waves(scene, tmp_path / "a.pls")
@@ -70,7 +70,7 @@ def test_appended_records_that_are_not_there(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("length", [-1, 197 + 196 + 96])
-def test_appended_record_with_an_impossible_length(tmp_path: Path, length: int) -> None:
+def test_appended_record_with_an_invalid_length(tmp_path: Path, length: int) -> None:
     scene = with_appended_descriptor(counted=True, ended=False)
     path = write_with_waves(scene, tmp_path / "a.pls")
     patch(path, path.stat().st_size - 96 + 24, "<q", length)

@@ -1,4 +1,4 @@
-"""PulseWaves files that do not hold what they promise: what is counted and what is refused."""
+"""Invalid PulseWaves files: what is counted and what is an error."""
 
 from __future__ import annotations
 
@@ -109,9 +109,7 @@ def test_header_and_records(
         ({"scale": NAN}, "scale nan or offset 0.0 of the duration; must be finite"),
     ],
 )
-def test_samplings_that_cannot_be_read(
-    tmp_path: Path, change: dict[str, float], words: str
-) -> None:
+def test_unsupported_samplings(tmp_path: Path, change: dict[str, float], words: str) -> None:
     scene = three_pulses()
     path = scene.write(tmp_path / "a.pls")
     with_waves = path.with_suffix(".wvs").read_bytes()
@@ -132,9 +130,7 @@ def test_samplings_that_cannot_be_read(
         ({"unit": INFINITY}, "pulse descriptor 1: invalid sampling unit inf ns"),
     ],
 )
-def test_descriptors_that_cannot_be_read(
-    tmp_path: Path, change: dict[str, float], words: str
-) -> None:
+def test_unsupported_descriptors(tmp_path: Path, change: dict[str, float], words: str) -> None:
     scene = three_pulses()
     scene.descriptors = [Descriptor(1, [Sampling()], **change)]  # type: ignore[arg-type]
     assert words in message_of(scene.write(tmp_path / "a.pls"))
@@ -174,7 +170,7 @@ def test_records_that_contradict_each_other(tmp_path: Path) -> None:
         ),
     ],
 )
-def test_file_of_samples(tmp_path: Path, change: Callable[[bytes], bytes], words: str) -> None:
+def test_sample_file(tmp_path: Path, change: Callable[[bytes], bytes], words: str) -> None:
     path = three_pulses().write(tmp_path / "a.pls")
     waves = path.with_suffix(".wvs")
     waves.write_bytes(change(waves.read_bytes()))
@@ -192,7 +188,7 @@ def test_missing_files(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("size", [0, 14, 15, 351])
-def test_file_cut_off_in_its_header(tmp_path: Path, size: int) -> None:
+def test_truncated_header(tmp_path: Path, size: int) -> None:
     path = three_pulses().write(tmp_path / "a.pls")
     path.write_bytes(path.read_bytes()[:size])
     words = "is not a PulseWaves pulse file" if size < 15 else f"truncated in the header: {size}"
@@ -200,7 +196,7 @@ def test_file_cut_off_in_its_header(tmp_path: Path, size: int) -> None:
 
 
 @pytest.mark.parametrize("offset", [-(2**63), -1, 0, 59, 69, 73, 10**12, 2**63 - 1])
-def test_waves_outside_the_file(tmp_path: Path, offset: int) -> None:
+def test_samples_outside_the_file(tmp_path: Path, offset: int) -> None:
     scene = three_pulses()
     scene.pulses[1].offset = offset
     (block,), tally = read(scene.write(tmp_path / "a.pls"))  # its samples are bytes 60 to 72
@@ -210,7 +206,7 @@ def test_waves_outside_the_file(tmp_path: Path, offset: int) -> None:
 
 
 @pytest.mark.parametrize("missing", [1, 2, 5, 6, 7, 8, 9, 10])
-def test_pulse_whose_waves_are_cut_short_brings_nothing(tmp_path: Path, missing: int) -> None:
+def test_pulse_with_truncated_samples_has_no_waveform(tmp_path: Path, missing: int) -> None:
     sampling = Sampling(duration_bits=16, segment_bits=8, count_bits=8)
     pulses = [
         Pulse([[(1, [1, 2])]], time=1),
@@ -225,7 +221,7 @@ def test_pulse_whose_waves_are_cut_short_brings_nothing(tmp_path: Path, missing:
     assert dict(tally.rejected) == {OUTSIDE: 1}
 
 
-def test_nothing_readable(tmp_path: Path) -> None:
+def test_no_readable_waveform(tmp_path: Path) -> None:
     scene = three_pulses()
     for pulse in scene.pulses:
         pulse.offset = 1000
@@ -250,13 +246,13 @@ def test_waveform_that_is_too_long(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("waveforms_per_block", [0, -1])
-def test_senseless_block_size(tmp_path: Path, waveforms_per_block: int) -> None:
+def test_invalid_block_size(tmp_path: Path, waveforms_per_block: int) -> None:
     path = three_pulses().write(tmp_path / "a.pls")
     with pytest.raises(ValueError, match="must be at least 1"):
         PulseWavesReader(path, waveforms_per_block=waveforms_per_block)
 
 
-def test_scales_beyond_all_numbers(tmp_path: Path) -> None:
+def test_scales_that_overflow(tmp_path: Path) -> None:
     scales = (1e300, 1e300, 1e308)
     assert "must be finite" in message_of(three_pulses(scales=scales).write(tmp_path / "a.pls"))
     (block,), _ = read(

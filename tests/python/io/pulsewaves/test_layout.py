@@ -1,4 +1,4 @@
-"""How the waves of PulseWaves pulses are stored: sizes of numbers, places, what is passed over."""
+"""Storage of PulseWaves samples: sizes of numbers, offsets, what is skipped."""
 
 from __future__ import annotations
 
@@ -72,7 +72,7 @@ def test_fixed_number_of_segments(tmp_path: Path) -> None:
     assert block.sbl_times == pytest.approx([1e-9, 5e-9, 9e-9], rel=1e-12)
 
 
-def test_sixteen_bits_beside_eight_at_odd_places(tmp_path: Path) -> None:
+def test_sixteen_and_eight_bits_at_odd_offsets(tmp_path: Path) -> None:
     descriptors = [
         Descriptor(1, [Sampling(bits=16, samples=3)], extra=b"\xff"),
         Descriptor(2, [Sampling(bits=8, samples=5)], extra=b"\xff\xfe"),
@@ -86,8 +86,8 @@ def test_sixteen_bits_beside_eight_at_odd_places(tmp_path: Path) -> None:
     assert rows([block]) == [[1, 65535, 258], [1, 2, 3, 4, 255], [256, 512, 4095]]
 
 
-def test_attributes_behind_the_standard_fields(tmp_path: Path) -> None:
-    scene = three_pulses(behind_pulse=b"\xff" * 5, patches={ATTRIBUTES: ("<I", 1)})
+def test_additional_attributes_of_pulses(tmp_path: Path) -> None:
+    scene = three_pulses(pulse_extra=b"\xff" * 5, patches={ATTRIBUTES: ("<I", 1)})
     (block,), tally = read(scene.write(tmp_path / "more.pls"))
     assert rows([block]) == [[1, 2, 3, 4], [5, 6, 7, 8], [9, 10, 11, 12]]
     assert block.shot_times.tolist() == [1.0, 2.0, 3.0]

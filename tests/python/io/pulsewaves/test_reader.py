@@ -26,7 +26,7 @@ from ...support.pulsewaves_scenes import (
 )
 
 
-def test_one_waveform_with_everything_about_it(tmp_path: Path) -> None:
+def test_all_values_of_one_waveform(tmp_path: Path) -> None:
     pulse = Pulse(
         [[(500, [1, 2, 3, 4])]], time=2_500_000, anchor=(100, 200, 300), target=(1100, -300, -29700)
     )
@@ -59,7 +59,7 @@ def test_one_waveform_with_everything_about_it(tmp_path: Path) -> None:
     assert (tally.notes, dict(tally.rejected)) == ([], {})
 
 
-def test_place_of_a_sample(tmp_path: Path) -> None:
+def test_coordinates_of_a_sample(tmp_path: Path) -> None:
     pulse = Pulse([[(1000, [1, 2, 3, 4])]], anchor=(0, 0, 50000), target=(300, 0, 35000))
     scene = Scene([Descriptor(1, [Sampling(duration_bits=16)])], [pulse])
     (block,), _ = read(scene.write(tmp_path / "place.pls"))
@@ -83,7 +83,7 @@ def test_segments_and_channels_of_a_pulse(tmp_path: Path) -> None:
     assert tally.notes == []
 
 
-def test_channels_of_one_flag_are_remarked_on(tmp_path: Path) -> None:
+def test_note_on_channels_with_the_same_flag(tmp_path: Path) -> None:
     path = two_channels().write(tmp_path / "two.pls")
     assert read(path)[1].notes == ["Channels 0 and 1 of the file all have channel flag 1."]
 
@@ -116,7 +116,7 @@ def test_outgoing_pulses(tmp_path: Path) -> None:
     assert (len(first), len(second)) == (2, 1)
 
 
-def test_outgoing_pulses_that_are_cut_off_are_counted(tmp_path: Path) -> None:
+def test_truncated_outgoing_pulses_are_counted(tmp_path: Path) -> None:
     # Bytes of the waves: 60 of header, then 24, 6 and 23 of the three pulses.
     path = two_channels().write(tmp_path / "out.pls")
     waves = path.with_suffix(".wvs")
@@ -132,7 +132,7 @@ def test_outgoing_pulses_that_are_cut_off_are_counted(tmp_path: Path) -> None:
         assert reader.outgoing_tally.rejected.total() == 1  # not added up
 
 
-def test_outgoing_pulse_with_a_sampling_unit_of_its_own(tmp_path: Path) -> None:
+def test_outgoing_pulse_with_a_different_sampling_unit(tmp_path: Path) -> None:
     descriptor = Descriptor(1, [Sampling(kind=1, unit=0.1), Sampling()])
     scene = Scene([descriptor], [Pulse([[(0, [1, 2, 3, 4])], [(0, [5, 6, 7, 8])]])])
     with PulseWavesReader(scene.write(tmp_path / "fine.pls")) as reader:
@@ -152,15 +152,13 @@ def test_pulses_are_not_split_between_blocks(tmp_path: Path, limit: int, sizes: 
     assert (tally.points, tally.waveforms) == (3, 5)
 
 
-def test_blocks_of_long_waveforms_hold_fewer(
-    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
-) -> None:
+def test_blocks_have_fewer_long_waveforms(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setattr(selection, "BLOCK_SAMPLES", 8)
     blocks, _ = read(three_pulses().write(tmp_path / "a.pls"))
     assert [block.samples.shape for block in blocks] == [(2, 4), (1, 4)]
 
 
-def test_progress_and_a_second_pass(tmp_path: Path) -> None:
+def test_progress_and_second_read(tmp_path: Path) -> None:
     with PulseWavesReader(three_pulses().write(tmp_path / "a.pls"), waveforms_per_block=1) as one:
         assert (one.point_count, one.points_done) == (3, 0)
         blocks = one.blocks()
@@ -194,7 +192,7 @@ def test_repeated_times_do_not_join_pulses(tmp_path: Path, times: tuple[int, int
     assert tally.notes == ["Several pulses have the same time; each is treated as a separate shot."]
 
 
-def test_segments_of_a_pulse_stay_together_without_times(tmp_path: Path) -> None:
+def test_segments_of_a_pulse_are_consecutive_without_times(tmp_path: Path) -> None:
     scene = two_channels()
     for pulse in scene.pulses:
         pulse.time = 0
@@ -202,7 +200,7 @@ def test_segments_of_a_pulse_stay_together_without_times(tmp_path: Path) -> None
     assert np.unique(block.shot_times, return_inverse=True)[1].tolist() == [0, 0, 0, 1, 1]
 
 
-def test_times_that_fall_are_times(tmp_path: Path) -> None:
+def test_decreasing_times_are_valid(tmp_path: Path) -> None:
     scene = three_pulses()
     for pulse, time in zip(scene.pulses, (3_000_000, 1_000_000, 2_000_000), strict=True):
         pulse.time = time
@@ -212,7 +210,7 @@ def test_times_that_fall_are_times(tmp_path: Path) -> None:
     assert tally.notes == []
 
 
-def test_pulses_without_anything_that_returns(tmp_path: Path) -> None:
+def test_pulses_without_returning_sampling(tmp_path: Path) -> None:
     scene = Scene([Descriptor(1, [Sampling(kind=1)])], [Pulse([[(0, [1, 2, 3, 4])]])])
     blocks, tally = read(scene.write(tmp_path / "out.pls"))
     assert (blocks, tally.points, tally.points_without_waveform) == ([], 1, 1)
@@ -223,7 +221,7 @@ def test_file_without_pulses(tmp_path: Path) -> None:
     assert (blocks, tally.points, tally.notes) == ([], 0, [])
 
 
-def test_waves_in_upper_case(tmp_path: Path) -> None:
+def test_sample_file_in_upper_case(tmp_path: Path) -> None:
     path = three_pulses().write(tmp_path / "a.pls")
     path.with_suffix(".wvs").rename(tmp_path / "a.WVS")
     assert len(read(path)[0][0]) == 3
@@ -250,7 +248,7 @@ def test_header_for_echoes(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize(("offset", "standard"), [(0.0, 0), (604_801.0, 1)])
-def test_meaning_of_times(tmp_path: Path, offset: float, standard: int) -> None:
+def test_type_of_gps_time(tmp_path: Path, offset: float, standard: int) -> None:
     path = three_pulses(time_offset=offset).write(tmp_path / "a.pls")
     with PulseWavesReader(path) as reader:
         assert int(reader.header.global_encoding.gps_time_type) == standard

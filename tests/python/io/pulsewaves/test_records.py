@@ -1,4 +1,4 @@
-"""PulseWaves records of real scanners, and a constructed echo on the road to its place."""
+"""PulseWaves files of real scanners, and the coordinates of constructed echoes."""
 
 from __future__ import annotations
 
@@ -73,7 +73,7 @@ def test_topographic_record() -> None:
 
 @needs_records
 @pytest.mark.parametrize("name", ["topo_1ns.pls", "saturated_1ns.pls"])
-def test_segments_lie_where_the_pulses_say(name: str) -> None:
+def test_segments_are_on_the_pulse_axis(name: str) -> None:
     """Pulses repeat, in whole units, where their returning samples begin and end."""
     block, reader = only_block(name)
     content = (FOLDER / name).read_bytes()
@@ -85,7 +85,7 @@ def test_segments_lie_where_the_pulses_say(name: str) -> None:
     end = begin + block.counts
     assert begin[first_row] == pytest.approx(pulses["f1"], abs=0.05)
     assert np.maximum.reduceat(end, first_row) == pytest.approx(pulses["f2"], abs=0.05)
-    # Half the speed of light in m per ps, for the light goes there and back.
+    # Half the speed of light in m per ps, because light travels both ways.
     length = np.linalg.norm(block.geometry.direction, axis=1)
     assert length == pytest.approx(np.full(len(block), 0.00014985), rel=2e-3)
 
@@ -113,7 +113,7 @@ def test_outgoing_pulses() -> None:
     mean = pulses.samples.mean(axis=0)
     peak = int(mean.argmax())
     assert mean[peak] > 150
-    # The receiver rings: a bump 10 or 11 ns behind the pulse.
+    # The receiver rings: a second maximum 10 or 11 ns after the pulse.
     assert 8 + int(mean[peak + 8 : peak + 16].argmax()) in (9, 10, 11, 12)
     assert outgoing("saturated_1ns.pls").samples.shape == (998, 40)
 
@@ -140,7 +140,7 @@ def test_echoes_of_the_topographic_record(tmp_path: Path) -> None:
     assert [record.record_id for record in written.header.vlrs][:2] == [34735, 34737]
 
 
-def test_constructed_echoes_get_to_their_places(tmp_path: Path) -> None:
+def test_constructed_echoes_have_the_expected_coordinates(tmp_path: Path) -> None:
     time = np.arange(60)
 
     def segment(duration: int, centre: float) -> tuple[int, list[int]]:
