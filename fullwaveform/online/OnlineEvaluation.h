@@ -1,8 +1,6 @@
 #pragma once
 
-#include <cstddef>
 #include <map>
-#include <vector>
 
 #include <fullwaveform/Export.h>
 #include <fullwaveform/host/MultiArray.h>
@@ -11,46 +9,33 @@
 
 namespace FullWaveform {
 
-/// Turns the echoes that the scanner extracted on board into waveform objects, one per shot.
-///
-/// Remembers the gaps of its last call: one object serves one thread at a time.
+/// Converts the echoes that the scanner computed on board to waveform objects, one per shot.
 template <class T>
 class OnlineEvaluation {
  public:
-  ScannerDevice scanner;  ///< supplies group velocity and unambiguous range
+  ScannerDevice scanner;  ///< supplies the group velocity
 
   /// @param scanner  copied
   FULLWAVEFORM_EXPORT explicit OnlineEvaluation(ScannerDevice const& scanner);
 
-  /// Groups echoes by shot; all arrays run along the echoes.
+  /// Groups echoes by shot. Each array has one value per echo.
   ///
   /// @param shotTimes     s; echoes of equal time are one shot
   /// @param ranges        m, one way
-  /// @param amplitudes    kept as they stand
-  /// @param flags         1: low-power channel; of a shot the flag of its nearest echo counts
-  /// @param reflectances  kept as they stand
-  /// @return shots by their time in seconds; in each one waveform without samples, whose echoes have the type
-  ///         `ONLINE_OWP` and their two-way travel time in seconds, nearest first
+  /// @param amplitudes    stored unchanged
+  /// @param flags         1: low-power channel; the shot gets the flag of its nearest echo
+  /// @param reflectances  stored unchanged
+  /// @return shots by their time in s; each is one waveform without samples, whose echoes have the type
+  ///         `ONLINE_OWP` and their two-way travel time in s, nearest first
   ///
-  /// Echoes without a shot time or without a value in one of the arrays are left out; one console message
-  /// says how many. A group velocity of 0 makes every time infinite, and nothing guards against it.
+  /// Echoes with a NaN shot time or without a value in one of the arrays are skipped; one console message
+  /// counts them. All echoes of a shot time stay in one shot, even if they are so far apart that they were
+  /// probably ranged in different zones: the shot time is what relates them to waveforms. A group velocity of
+  /// 0 is not checked; every time is then infinite or NaN.
   FULLWAVEFORM_EXPORT std::map<double, Holdex::StrongPtr<WavePoints<T>>> apply(
       Kestra::MultiArray<1, double> const& shotTimes, Kestra::MultiArray<1, double> const& ranges,
       Kestra::MultiArray<1, float> const& amplitudes, Kestra::MultiArray<1, unsigned char> const& flags,
-      Kestra::MultiArray<1, float> const& reflectances);
-
-  /// Echoes of the last call that came half the unambiguous range or more behind their predecessor in the
-  /// shot. One pulse hardly lights targets that far apart: they are likely to have been ranged in different
-  /// zones. They stay in their shot all the same, since its time is what ties echoes and waveforms together.
-  [[nodiscard]] std::size_t wideGaps() const { return gaps; }
-
- private:
-  void orderByTravelTime(std::vector<std::size_t>& echoes, Kestra::MultiArray<1, double> const& ranges) const;
-  [[nodiscard]] std::size_t countWideGaps(std::vector<std::size_t> const& echoes,
-                                          Kestra::MultiArray<1, double> const& ranges) const;
-  [[nodiscard]] double travelTime(double range) const { return range / scanner.group_velocity; }
-
-  std::size_t gaps = 0;
+      Kestra::MultiArray<1, float> const& reflectances) const;
 };
 
 extern template class OnlineEvaluation<unsigned short>;

@@ -1,4 +1,4 @@
-"""Echoes that the scanner extracted on board, in the library's own form."""
+"""Echoes that the scanner extracted on board, grouped by shot."""
 
 from __future__ import annotations
 
@@ -20,15 +20,15 @@ def evaluate_online(
     channel_flags: npt.ArrayLike | None = None,
     reflectances: npt.ArrayLike | None = None,
 ) -> Columns:
-    """On-board echoes, shot by shot in ascending time, the echoes of a shot nearest first.
+    """Group on-board echoes by shot, in ascending shot time and nearest first.
 
     Parameters
     ----------
-    scanner : supplies group velocity and unambiguous range
+    scanner : supplies the group velocity
     shot_times : (n,) s; equal times make one shot
     ranges : (n,) m, one way
-    amplitudes, reflectances : (n,), optional, narrowed to single precision and kept as they are
-    channel_flags : (n,) 0 or 1, optional; of a shot the flag of its nearest echo counts
+    amplitudes, reflectances : (n,), optional, rounded to single precision, otherwise unchanged
+    channel_flags : (n,) 0 or 1, optional; a shot has the flag of its nearest echo. Default: 1
 
     Returns
     -------
@@ -38,7 +38,7 @@ def evaluate_online(
     Raises
     ------
     ValueError
-        An array has another length or type, or a time is not a number.
+        Wrong length or type, or a NaN time.
     """
     times = np.asarray(shot_times)
     rows = len(times) if times.ndim == 1 else 0

@@ -103,10 +103,10 @@ TEST(ChannelMerge, EveryEchoIsJudgedByItself) {
 }
 
 TEST(ChannelMerge, NotANumberMatchesNothing) {
-  double const notANumber = std::numeric_limits<double>::quiet_NaN();
-  EXPECT_EQ(merged({{notANumber, 500.0}}, {{10.0, 300.0}}).first.size(), 1U);
-  EXPECT_EQ(merged({{10.0, 500.0}}, {{10.0, notANumber}}).first.size(), 1U);
-  EXPECT_EQ(merged({{10.0, 500.0}}, {{10.0, notANumber}}).second.size(), 1U);
+  double const nan = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_EQ(merged({{nan, 500.0}}, {{10.0, 300.0}}).first.size(), 1U);
+  EXPECT_EQ(merged({{10.0, 500.0}}, {{10.0, nan}}).first.size(), 1U);
+  EXPECT_EQ(merged({{10.0, 500.0}}, {{10.0, nan}}).second.size(), 1U);
 }
 
 TEST(ChannelMerge, ReachFollowsTheSamplingInterval) {

@@ -18,7 +18,7 @@ namespace {
 
 using namespace Testing;
 
-constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 
 class DriverMismatch : public testing::Test {
  protected:
@@ -89,7 +89,7 @@ TEST_F(DriverMismatch, CountAboveTheRowLengthIsClipped) {
 
 TEST_F(DriverMismatch, NaNShotTimeSkipsTheWaveform) {
   Block block = threeShots();
-  block.shotTimes[1] = notANumber;
+  block.shotTimes[1] = nan;
   EXPECT_EQ(shotTimesOf(block), (Times{1.0, 3.0}));
   EXPECT_EQ(messages(), 1U);
 }
@@ -120,7 +120,7 @@ TEST_F(DriverMismatch, EmptyArraySkipsAllWaveforms) {
 TEST_F(DriverMismatch, EachBlockGivesOneMessageForAllMismatches) {
   Block block = threeShots();
   block.counts[0] = 500;
-  block.shotTimes[1] = notANumber;
+  block.shotTimes[1] = nan;
   block.channelFlags.pop_back();
   EXPECT_EQ(shotTimesOf(block), (Times{1.0}));
   Messages const expected{
@@ -133,13 +133,13 @@ TEST_F(DriverMismatch, EachBlockGivesOneMessageForAllMismatches) {
 
 TEST_F(DriverMismatch, NaNSblTimeKeepsTheWaveform) {
   Block block = threeShots();
-  block.sblTimes[1] = notANumber;
+  block.sblTimes[1] = nan;
   EXPECT_EQ(shotTimesOf(block), (Times{1.0, 2.0, 3.0}));
 }
 
 TEST_F(DriverMismatch, SkippedRowsDoNotShiftTheChannelFlags) {
   Block block = blockOf({{echoOf(500), 1.0, 1}, {echoOf(600), 2.0, 0}, {echoOf(200), 2.0, 1}});
-  block.shotTimes[0] = notANumber;
+  block.shotTimes[0] = nan;
   ShotMap const shots = block.run(driver);
   EXPECT_EQ(shots.at(2.0).waves.at(0)->size(), 0U);
   EXPECT_EQ(shots.at(2.0).waves.at(1)->size(), 1U);
