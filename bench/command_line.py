@@ -61,7 +61,7 @@ def command(*arguments: str) -> tuple[float, float]:
         used = resource.getrusage(resource.RUSAGE_CHILDREN)
         return used.ru_utime + used.ru_stime
 
-    call = [sys.executable, "-c", "from fullwaveform.cli.start import main; main()", *arguments]
+    call = [sys.executable, "-c", "from fullwaveform.cli.main import main; main()", *arguments]
     started, used = time.perf_counter(), processors()
     subprocess.run(call, check=True, capture_output=True)
     return time.perf_counter() - started, processors() - used

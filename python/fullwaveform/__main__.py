@@ -1,5 +1,5 @@
 """Run the command line with ``python -m fullwaveform``."""
 
-from fullwaveform.cli.start import main
+from fullwaveform.cli.main import main
 
 main()

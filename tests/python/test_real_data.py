@@ -14,7 +14,7 @@ from typer.testing import CliRunner
 
 from fullwaveform import Driver, Scanner
 from fullwaveform.analysis.matching import match_echoes
-from fullwaveform.cli.main import app
+from fullwaveform.cli.app import app
 from fullwaveform.core.scanner import DEFAULT_ATTRIBUTES, NO_AFTER_PULSE
 
 BESIDE = Path(__file__).resolve().parents[2] / ".." / "shared" / "data"

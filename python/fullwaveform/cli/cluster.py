@@ -1,171 +1,221 @@
-"""``fullwaveform extract --cluster``: files in, a folder of parts and their manifest out."""
+"""``fullwaveform cluster``: echoes of many files, extracted by several processes or machines."""
 
 from __future__ import annotations
 
 from collections.abc import Iterator
 from contextlib import contextmanager
-from dataclasses import dataclass
 from pathlib import Path
+from typing import Annotated
 
 import typer
 from rich.console import Console
 from rich.progress import BarColumn, MofNCompleteColumn, Progress, TextColumn, TimeRemainingColumn
 
-from fullwaveform.cli.extract_options import Wanted
-from fullwaveform.cli.progress import shortened
+from fullwaveform.cli.errors import report_errors
+from fullwaveform.cli.extract_options import ExtractOptions
+from fullwaveform.cli.options import (
+    AfterPulseOption,
+    BlockOption,
+    ChannelOption,
+    IntervalOption,
+    KeepEmpty,
+    ModeOption,
+    QuietOption,
+    ScannerFile,
+    SkipUnreadable,
+    ThresholdOption,
+    channel_flags_from,
+)
+from fullwaveform.cli.progress import print_line, shortened
 from fullwaveform.cli.summary import RunSummary
 from fullwaveform.cluster.connection import LOCAL, check_address, connected
 from fullwaveform.cluster.inputs import states_of
 from fullwaveform.cluster.job import (
-    JobWatch,
+    JobProgress,
     earlier_job,
     failures,
     plan_job,
-    prepare_to_continue,
+    prepare_resume,
     run_job,
-    statistics_path,
 )
 from fullwaveform.cluster.manifest import MANIFEST_NAME, Manifest
 from fullwaveform.cluster.settings import JobSettings
+from fullwaveform.core.driver import Mode
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.extraction.pipeline import available_workers
+from fullwaveform.extraction.warning_file import warning_path
 from fullwaveform.io.echo_writers.las import las_notes
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, check_takes_empty
+from fullwaveform.io.opening import open_waveforms
+
+_FORMATS = [ending.lstrip(".") for ending in ECHO_ENDINGS]
 
 
-@dataclass(frozen=True)
-class ClusterCall:
-    """What of a call is about the run on a cluster, not about the echoes."""
+def cluster(
+    sources: Annotated[
+        list[Path], typer.Argument(metavar="IN", help="Waveform files, as in extract")
+    ],
+    folder: Annotated[
+        Path,
+        typer.Option("-o", "--output", metavar="FOLDER", help="New or empty folder for the parts"),
+    ],
+    scheduler: Annotated[
+        str,
+        typer.Option(
+            metavar="ADDRESS|local",
+            help="Dask scheduler (tcp://HOST:PORT), or local: new processes on this machine",
+        ),
+    ],
+    mode: ModeOption = Mode.THREE_POINT,
+    threshold: ThresholdOption = "estimate",
+    scanner: ScannerFile = None,
+    channel: ChannelOption = None,
+    after_pulse: AfterPulseOption = None,
+    interval: IntervalOption = None,
+    keep_empty: KeepEmpty = False,
+    skip_unreadable: SkipUnreadable = False,
+    workers: Annotated[
+        int | None,
+        typer.Option(min=1, metavar="N", help="Processes of a local run. Default: all processors"),
+    ] = None,
+    block: BlockOption = 20_000,
+    part_format: Annotated[
+        str, typer.Option("--format", metavar="FORMAT", help=f"Of the parts: {', '.join(_FORMATS)}")
+    ] = "parquet",
+    blocks_per_part: Annotated[
+        int | None,
+        typer.Option(min=1, metavar="N", help="Blocks per part. Default: a few minutes of work"),
+    ] = None,
+    resume: Annotated[bool, typer.Option("--resume", help="Continue the run in FOLDER")] = False,
+    quiet: QuietOption = False,
+) -> None:
+    """Extract the echoes of files on several processors or machines.
 
-    sources: list[Path]
-    folder: Path
-    address: str
-    resume: bool
-    unit_blocks: int | None
-    part_format: str
-    workers: int | None
-    keep_empty: bool
-    verbose: bool
-    quiet: bool
+    The output is a folder of part files and a manifest that lists them.
 
-    def check(self) -> None:
-        """Refuses what contradicts itself; a folder with files in it is not written to."""
-        try:
-            check_address(self.address)
-        except ValueError as error:
-            raise typer.BadParameter(str(error), param_hint="--cluster") from error
-        if self.verbose:
-            raise typer.BadParameter(
-                "waveforms are not told one by one with --cluster", param_hint="--verbose"
-            )
-        if self.workers is not None and self.address != LOCAL:
-            raise typer.BadParameter(
-                f"the workers are those of the scheduler at {self.address}; a number of them is "
-                "for --cluster local",
-                param_hint="--workers",
-            )
-        self._check_sources()
-        self._check_format()
-        self._check_folder()
+    Examples:
 
-    def left(self) -> str:
-        """What there is after a signal."""
-        if not (self.folder / MANIFEST_NAME).exists():
-            return "no result was written"
-        return "the finished parts are kept, the same call with --resume continues"
+        fullwaveform cluster scan.las -o parts --scheduler local --workers 2
 
-    def run(self, wanted: Wanted) -> RunSummary:
-        """Extracts the files."""
-        return _run(self, wanted)
-
-    def _check_sources(self) -> None:
-        resolved = [source.resolve() for source in self.sources]
-        for place, source in enumerate(resolved):
-            if source in resolved[:place]:
-                raise typer.BadParameter(f"{self.sources[place]} is named twice", param_hint="IN")
-
-    def _check_format(self) -> None:
-        names = [ending.lstrip(".") for ending in ECHO_ENDINGS]
-        if self.part_format not in names:
-            raise typer.BadParameter(
-                f"{self.part_format!r} is none of {', '.join(names)}", param_hint="--part-format"
-            )
-        try:
-            check_takes_empty(Path(f"part.{self.part_format}"), self.keep_empty)
-        except ValueError as error:
-            raise typer.BadParameter(str(error), param_hint="--part-format") from error
-
-    def _check_folder(self) -> None:
-        folder = self.folder
-        is_folder = folder.is_dir()
-        if not is_folder and (folder.exists() or folder.suffix.lower() in ECHO_ENDINGS):
-            raise typer.BadParameter(
-                f"{folder} is a single file; with --cluster name a folder for the parts, and their "
-                "kind with --part-format",
-                param_hint="-o",
-            )
-        if self.resume or not is_folder:
-            return
-        if (folder / MANIFEST_NAME).exists():
-            raise typer.BadParameter(
-                f"{folder} holds a run already: continue it with --resume, or name another folder",
-                param_hint="-o",
-            )
-        if any(folder.iterdir()):
-            raise typer.BadParameter(
-                f"{folder} holds files already; name a new or an empty folder", param_hint="-o"
-            )
-
-
-def _run(call: ClusterCall, wanted: Wanted) -> RunSummary:
-    """Runs a checked call to its end; ValueError, naming the files, if parts could not be made."""
-    # What is wrong with files and manifest is said before workers are waited for, and that a file
-    # is gone or has changed before it is opened.
-    manifest = earlier_job(call.folder, call.sources) if call.resume else None
-    states = [(source, states_of(source)) for source in call.sources]
-    settings = wanted.settings(_carried(call.sources, wanted))
-    plain = JobSettings.of(
-        settings,
-        wanted.channels,
-        block=wanted.block,
-        unit_blocks=call.unit_blocks,
-        part_format=call.part_format,
-        sampling_interval=wanted.interval,
-        skip_unreadable=wanted.skip_unreadable,
+        fullwaveform cluster scan.las -o las_parts --scheduler local --threshold 20 --format las
+    """
+    _check_scheduler(scheduler, workers)
+    _check_sources(sources)
+    _check_format(part_format, keep_empty)
+    _check_folder(folder, resume)
+    options = ExtractOptions(
+        mode=mode,
+        threshold=threshold,
+        scanner=scanner,
+        after_pulse=after_pulse,
+        keep_empty=keep_empty,
+        channels=channel_flags_from(channel),
+        interval=interval,
+        skip_unreadable=skip_unreadable,
+        block=block,
     )
-    if manifest is not None:
-        prepare_to_continue(manifest, call.folder, plain)
-    with (
-        connected(call.address, call.workers or available_workers()) as client,
-        _watched(call) as watch,
-    ):
-        manifest = manifest or plan_job(client, states, plain, watch)
-        call.folder.mkdir(exist_ok=True)
-        run_job(client, manifest, call.folder, watch)
-    if found := failures(manifest):
-        missing = len(manifest.unfinished())
-        raise ValueError(
-            f"{'; '.join(found)}; {missing} of {len(manifest.parts)} parts are missing, the others "
-            "are kept: the same call with --resume tries again"
+
+    def remaining_result() -> str:
+        if not (folder / MANIFEST_NAME).exists():
+            return "no result was written"
+        return "finished parts are kept; continue with --resume"
+
+    with report_errors(remaining_result):
+        # Errors in files and manifest are reported before workers are waited for, and missing or
+        # changed files before any is opened.
+        manifest = earlier_job(folder, sources) if resume else None
+        states = [(source, states_of(source)) for source in sources]
+        settings = options.settings(_file_scanners(sources, options))
+        job_settings = JobSettings.of(
+            settings,
+            options.channels,
+            block=block,
+            blocks_per_part=blocks_per_part,
+            part_format=part_format,
+            sampling_interval=interval,
+            skip_unreadable=skip_unreadable,
         )
-    return _summary(manifest, settings, call)
+        if manifest is not None:
+            prepare_resume(manifest, folder, job_settings)
+        with (
+            connected(scheduler, workers or available_workers()) as client,
+            _progress(_name(sources), quiet) as progress,
+        ):
+            manifest = manifest or plan_job(client, states, job_settings, progress)
+            folder.mkdir(exist_ok=True)
+            run_job(client, manifest, folder, progress)
+        _check_complete(manifest)
+        if not quiet:
+            _summary(manifest, settings, sources, folder).show(Console())
 
 
-def _carried(sources: list[Path], wanted: Wanted) -> list[Scanner | None]:
-    """The scanners that the files carry, among which are the channels that are named."""
+def _check_scheduler(scheduler: str, workers: int | None) -> None:
+    try:
+        check_address(scheduler)
+    except ValueError as error:
+        raise typer.BadParameter(str(error), param_hint="--scheduler") from error
+    if workers is not None and scheduler != LOCAL:
+        raise typer.BadParameter(
+            f"applies only to --scheduler local; the scheduler at {scheduler} has its own workers",
+            param_hint="--workers",
+        )
+
+
+def _check_sources(sources: list[Path]) -> None:
+    resolved = [source.resolve() for source in sources]
+    for index, source in enumerate(resolved):
+        if source in resolved[:index]:
+            raise typer.BadParameter(f"{sources[index]} is given twice", param_hint="IN")
+
+
+def _check_format(part_format: str, keep_empty: bool) -> None:
+    if part_format not in _FORMATS:
+        raise typer.BadParameter(
+            f"{part_format!r} must be one of {', '.join(_FORMATS)}", param_hint="--format"
+        )
+    try:
+        check_takes_empty(Path(f"part.{part_format}"), keep_empty)
+    except ValueError as error:
+        raise typer.BadParameter(str(error), param_hint="--format") from error
+
+
+def _check_folder(folder: Path, resume: bool) -> None:
+    is_folder = folder.is_dir()
+    if not is_folder and (folder.exists() or folder.suffix.lower() in ECHO_ENDINGS):
+        raise typer.BadParameter(
+            f"{folder} must be a folder; the format of the parts is given by --format",
+            param_hint="-o",
+        )
+    if resume or not is_folder:
+        return
+    if (folder / MANIFEST_NAME).exists():
+        raise typer.BadParameter(
+            f"{folder} already contains a run; continue it with --resume or choose another folder",
+            param_hint="-o",
+        )
+    if any(folder.iterdir()):
+        raise typer.BadParameter(
+            f"{folder} is not empty; choose a new or empty folder", param_hint="-o"
+        )
+
+
+def _file_scanners(sources: list[Path], options: ExtractOptions) -> list[Scanner | None]:
+    """The scanner descriptions in the files; BadParameter for channels that none of them has."""
     scanners, numbers = [], {}
     for source in sources:
-        with wanted.opened(source) as reader:
+        with open_waveforms(
+            source, channel_flags=options.channels, sampling_interval=options.interval
+        ) as reader:
             scanners.append(reader.scanner())
             numbers[source] = reader.channel_numbers
-    wanted.channels.check(numbers)
+    options.channels.check(numbers)
     return scanners
 
 
 @contextmanager
-def _watched(call: ClusterCall) -> Iterator[JobWatch]:
-    """A bar of finished parts on a terminal, and a word when workers are missing."""
+def _progress(name: str, quiet: bool) -> Iterator[JobProgress]:
+    """A bar of finished parts on a terminal, and a line when there are no workers."""
     console = Console(stderr=True)
     with Progress(
         TextColumn("{task.description}"),
@@ -174,17 +224,26 @@ def _watched(call: ClusterCall) -> Iterator[JobWatch]:
         TextColumn("parts"),
         TimeRemainingColumn(),
         console=console,
-        disable=call.quiet or not console.is_terminal,
-    ) as progress:
-        task = progress.add_task(shortened(_name(call.sources)), total=None)
+        disable=quiet or not console.is_terminal,
+    ) as bar:
+        task = bar.add_task(shortened(name), total=None)
 
         def waiting() -> None:
-            if not call.quiet:
-                typer.echo("there are no workers; waiting for some to come", err=True)
+            if not quiet:
+                print_line("waiting for workers")
 
-        yield JobWatch(
-            parts=lambda done, of: progress.update(task, completed=done, total=of),
+        yield JobProgress(
+            parts=lambda done, total: bar.update(task, completed=done, total=total),
             waiting=waiting,
+        )
+
+
+def _check_complete(manifest: Manifest) -> None:
+    if found := failures(manifest):
+        missing = len(manifest.unfinished())
+        raise ValueError(
+            f"{'; '.join(found)}; {missing} of {len(manifest.parts)} parts are missing, the others "
+            "are kept; retry with --resume"
         )
 
 
@@ -192,24 +251,25 @@ def _name(sources: list[Path]) -> str:
     return sources[0].name if len(sources) == 1 else f"{len(sources)} files"
 
 
-def _summary(manifest: Manifest, settings: ExtractionSettings, call: ClusterCall) -> RunSummary:
+def _summary(
+    manifest: Manifest, settings: ExtractionSettings, sources: list[Path], folder: Path
+) -> RunSummary:
     total = manifest.total()
-    alone = len(call.sources) == 1
-    if not alone:
+    if len(sources) > 1:
         total.read.notes = _notes_by_file(manifest)
     notes = las_notes(total.written, total.not_representable, total.saturated_return_numbers)
-    parts = f"{len(manifest.parts)} parts, which {MANIFEST_NAME} names in their order"
-    statistics = statistics_path(call.folder, call.sources[0])
+    parts = f"{len(manifest.parts)} parts, listed in {MANIFEST_NAME}"
+    statistics = warning_path(folder, sources[0] if len(sources) == 1 else Path("*"))
     return RunSummary(
-        name=_name(call.sources),
-        destination=call.folder,
+        name=_name(sources),
+        destination=folder,
         settings=settings,
         read=total.read,
         extracted=total.extracted,
         written=total.written,
         notes=(*notes, parts),
         messages=total.messages,
-        statistics=statistics if alone else call.folder / "*_Warning.txt",
+        statistics=statistics,
         seconds=manifest.seconds,
     )
 

@@ -1,4 +1,4 @@
-"""Trouble becomes one sentence on standard error and an exit code."""
+"""Turns exceptions into one line on standard error and an exit code."""
 
 from __future__ import annotations
 
@@ -9,48 +9,47 @@ from pathlib import Path
 
 import typer
 
-from fullwaveform.cli.signals import Ended, unwinding_on_signals
+from fullwaveform.cli.signals import SignalExit, raise_on_signals
 from fullwaveform.io.atomic import collect_outputs
 
-#: The data or the files are not as they must be.
+#: Exit code after a data or file error; typer exits with 2 after a usage error.
 EXIT_DATA = 1
-#: The call is not as it must be.
-EXIT_USAGE = 2
 
 
 @contextmanager
-def told_in_a_sentence(left: Callable[[], str] | None = None) -> Iterator[None]:
-    """Turns errors of files and values into a sentence and exit code 1, signals into theirs.
+def report_errors(describe_result: Callable[[], str] | None = None) -> Iterator[None]:
+    """Report file, data and memory errors of the block with exit code 1, signals with theirs.
 
-    `left` says, after a signal, what there is of the result; without it, that is told by the files
-    that got their names.
+    `describe_result` says what exists of the result after a signal; by default the files that were
+    completed are listed.
     """
     with collect_outputs() as files:
         try:
-            with unwinding_on_signals():
+            with raise_on_signals():
                 yield
         except OSError as error:
             where = f"{error.filename}: " if error.filename and error.strerror else ""
-            _stop(f"{where}{error.strerror or error}")
+            _fail(f"{where}{error.strerror or error}")
         except ValueError as error:
-            _stop(str(error))
+            _fail(str(error))
         except MemoryError:
-            _stop("not enough memory for one block of waveforms; try a smaller --block")
-        except KeyboardInterrupt as interruption:
-            # Libraries with handlers of their own make a plain one of Ctrl-C.
-            ended = interruption if isinstance(interruption, Ended) else Ended(signal.SIGINT)
-            typer.echo(f"{ended.participle}; {left() if left else _told_of(files)}", err=True)
+            _fail("not enough memory for one block of waveforms; reduce --block")
+        except KeyboardInterrupt as interrupt:
+            # Libraries with their own SIGINT handler raise a plain KeyboardInterrupt.
+            ended = interrupt if isinstance(interrupt, SignalExit) else SignalExit(signal.SIGINT)
+            result = describe_result() if describe_result else _completed(files)
+            typer.echo(f"{ended.description}; {result}", err=True)
             raise typer.Exit(ended.exit_code) from None
 
 
-def _told_of(files: list[Path]) -> str:
+def _completed(files: list[Path]) -> str:
     if not files:
         return "no result was written"
-    return f"written before that: {', '.join(map(str, files))}"
+    return f"already written: {', '.join(map(str, files))}"
 
 
-def _stop(sentence: str) -> None:
-    # A name may hold line feeds and worse; the sentence stays one line.
-    line = "".join(c if c.isprintable() else repr(c)[1:-1] for c in sentence)
+def _fail(message: str) -> None:
+    # File names may contain line feeds and other control characters; the message stays one line.
+    line = "".join(c if c.isprintable() else repr(c)[1:-1] for c in message)
     typer.echo(f"fullwaveform: {line}", err=True)
     raise typer.Exit(EXIT_DATA)

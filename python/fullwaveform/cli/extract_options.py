@@ -1,4 +1,4 @@
-"""What a call wants extracted, and how it wants the files read."""
+"""Options of an extraction, and the reader and settings that follow from them."""
 
 from __future__ import annotations
 
@@ -17,8 +17,8 @@ from fullwaveform.io.opening import open_waveforms
 
 
 @dataclass(frozen=True)
-class Wanted:
-    """The options about echoes and input, read and checked."""
+class ExtractOptions:
+    """Parsed options on echoes and input."""
 
     mode: Mode
     threshold: Threshold
@@ -26,30 +26,20 @@ class Wanted:
     after_pulse: AfterPulse | None
     keep_empty: bool
     channels: ChannelFlags
-    interval: float | None  # s, for files that do not say theirs
+    interval: float | None  # s, for files without one
     skip_unreadable: bool
     block: int  # waveforms
 
-    def opened(self, source: Path) -> WaveformReader:
-        """A reader of the file; raises as `open_waveforms`, the channels are not compared."""
-        return open_waveforms(
-            source,
-            waveforms_per_block=self.block,
-            channel_flags=self.channels,
-            sampling_interval=self.interval,
-            skip_unreadable=self.skip_unreadable,
-        )
-
-    def settings(self, carried: Sequence[Scanner | None]) -> ExtractionSettings:
-        """The settings for files that carry these descriptions of their scanners, or none.
+    def settings(self, file_scanners: Sequence[Scanner | None]) -> ExtractionSettings:
+        """The settings for files that contain these scanner descriptions, or None.
 
         Raises
         ------
         OSError, ValueError
-            The named description cannot be read or lacks what the mode needs, or the files carry
-            different ones and none is named.
+            The scanner description cannot be read or lacks what the mode needs, or the files
+            contain different ones and --scanner is missing.
         """
-        scanner = scanner_for(self.scanner, self.after_pulse, carried)
+        scanner = scanner_for(self.scanner, self.after_pulse, file_scanners)
         check_system_wave(self.mode, scanner)
         return ExtractionSettings(
             scanner=scanner, mode=self.mode, threshold=self.threshold, keep_empty=self.keep_empty
@@ -61,16 +51,16 @@ def open_checked(
     channels: ChannelFlags,
     *,
     interval: float | None,
-    waveforms_per_block: int = 20_000,
+    block: int = 20_000,
     skip_unreadable: bool = True,
 ) -> WaveformReader:
-    """A reader of the file, which has the channels that are named.
+    """A reader of the file.
 
     Raises as `open_waveforms`, and typer.BadParameter for a channel that the file does not have.
     """
     reader = open_waveforms(
         source,
-        waveforms_per_block=waveforms_per_block,
+        waveforms_per_block=block,
         channel_flags=channels,
         sampling_interval=interval,
         skip_unreadable=skip_unreadable,
@@ -84,16 +74,16 @@ def open_checked(
 
 
 def scanner_for(
-    path: Path | None, after_pulse: AfterPulse | None, carried: Sequence[Scanner | None]
+    path: Path | None, after_pulse: AfterPulse | None, file_scanners: Sequence[Scanner | None]
 ) -> Scanner:
-    """The scanner of the named description, else the one the files carry, else the default."""
+    """The scanner of the description at `path`, else that of the files, else the default."""
     if path is not None:
         return Scanner.from_toml(path, after_pulse=after_pulse)
-    first = carried[0] if carried else None
-    if any(other != first for other in carried[1:]):
+    first = file_scanners[0] if file_scanners else None
+    if any(other != first for other in file_scanners[1:]):
         raise ValueError(
-            "the files carry different descriptions of their scanners; name one with --scanner, or "
-            "extract them apart"
+            "the files contain different scanner descriptions; give one with --scanner, or process "
+            "the files separately"
         )
     if first is None:
         return Scanner.default(after_pulse=after_pulse)

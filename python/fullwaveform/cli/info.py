@@ -1,4 +1,4 @@
-"""``fullwaveform info``: what a file of waveforms holds."""
+"""``fullwaveform info``: contents of a waveform file."""
 
 from __future__ import annotations
 
@@ -15,58 +15,58 @@ from rich.table import Table
 
 from fullwaveform.analysis.histograms import Histogram
 from fullwaveform.analysis.inspection import FileContents, Level, inspect_waveforms
-from fullwaveform.cli.common_options import (
-    ChannelTexts,
-    IntervalNs,
-    LeftOutTold,
-    SourceFile,
-)
-from fullwaveform.cli.errors import told_in_a_sentence
+from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_options import open_checked
-from fullwaveform.cli.messages import tell_unreadable
-from fullwaveform.cli.options import channel_flags_from, refuse_quiet_and_verbose, seconds_from
-from fullwaveform.cli.progress import progress_of
+from fullwaveform.cli.options import (
+    ChannelOption,
+    IntervalOption,
+    SourceFile,
+    VerboseOption,
+    channel_flags_from,
+    refuse_quiet_and_verbose,
+)
+from fullwaveform.cli.progress import blocks_with_progress, print_line
 
 _NANOSECONDS = 1e9
-_LONGEST_BAR, _SHORTEST_BAR = 40, 8  # characters
+_MAX_BAR, _MIN_BAR = 40, 8  # characters
 _EIGHTHS = " ▏▎▍▌▋▊▉"
 _CHANNELS = {0: "high", 1: "low"}
-_MOST_LISTED = 6  # entries of a distribution; beyond them only how many there are
+_MAX_LISTED = 6  # entries of a distribution that are printed one by one
 
 
 def info(
     source: SourceFile,
-    interval: IntervalNs = None,
-    channel: ChannelTexts = None,
-    as_json: Annotated[bool, typer.Option("--json", help="For machines: one JSON object.")] = False,
-    verbose: LeftOutTold = False,
-    quiet: Annotated[bool, typer.Option("-q", "--quiet", help="No progress.")] = False,
+    interval: IntervalOption = None,
+    channel: ChannelOption = None,
+    as_json: Annotated[bool, typer.Option("--json", help="Print machine-readable JSON")] = False,
+    verbose: VerboseOption = False,
+    quiet: Annotated[bool, typer.Option("-q", "--quiet", help="Print no progress")] = False,
 ) -> None:
-    """Show what a file of waveforms holds: counts, times, levels, saturation, sample values.
+    """Show the contents of a waveform file: counts, times, levels.
 
-    Worked examples:
+    Examples:
 
         fullwaveform info scan.las
 
         fullwaveform info scan.las --channel 2=high --json
     """
     refuse_quiet_and_verbose(quiet, verbose)
-    channels, seconds = channel_flags_from(channel or []), seconds_from(interval)
-    with told_in_a_sentence():
+    channels = channel_flags_from(channel)
+    with report_errors():
         with (
-            open_checked(source, channels, interval=seconds) as reader,
-            progress_of(reader, quiet) as blocks,
+            open_checked(source, channels, interval=interval) as reader,
+            blocks_with_progress(reader, quiet) as blocks,
         ):
-            tell_unreadable(reader, verbose)
+            reader.on_unreadable = print_line if verbose else None
             contents = inspect_waveforms(reader, blocks)
         if as_json:
-            typer.echo(json.dumps(_plain(source, contents), indent=2))
+            typer.echo(json.dumps(_json(source, contents), indent=2))
         else:
             _show(source, contents, Console())
 
 
-def _plain(source: Path, contents: FileContents) -> dict[str, Any]:
-    """Everything as JSON has it; intervals in s, times in s, levels in counts."""
+def _json(source: Path, contents: FileContents) -> dict[str, Any]:
+    """All contents; intervals and times in s, levels in counts."""
     return {
         "file": str(source),
         "format": contents.format,
@@ -82,14 +82,14 @@ def _plain(source: Path, contents: FileContents) -> dict[str, Any]:
         "shots_by_waveforms": _pairs(contents.waveforms_per_shot, "waveforms", "shots"),
         "first_time": contents.first_time,
         "last_time": contents.last_time,
-        "baseline": _plain_level(contents.baseline),
-        "noise_rms": _plain_level(contents.noise_rms),
+        "baseline": _json_level(contents.baseline),
+        "noise_rms": _json_level(contents.noise_rms),
         "smallest_value": contents.smallest,
         "largest_value": contents.largest,
         "bits": contents.bits,
         "saturated_share": contents.saturated,
-        "value_histogram": _plain_histogram(contents.values()),
-        "maximum_histogram": _plain_histogram(contents.maxima()),
+        "value_histogram": _json_histogram(contents.values()),
+        "maximum_histogram": _json_histogram(contents.maxima()),
         "rejected": dict(contents.rejected),
         "notes": list(contents.notes),
     }
@@ -101,13 +101,13 @@ def _pairs(
     return [{name: key, counted: count} for key, count in counts.items()]
 
 
-def _plain_level(level: Level | None) -> dict[str, float] | None:
+def _json_level(level: Level | None) -> dict[str, float] | None:
     if level is None:
         return None
     return {"median": level.median, "low": level.low, "high": level.high}
 
 
-def _plain_histogram(histogram: Histogram) -> dict[str, list[int]]:
+def _json_histogram(histogram: Histogram) -> dict[str, list[int]]:
     return {"edges": histogram.edges.tolist(), "counts": histogram.counts.tolist()}
 
 
@@ -126,17 +126,17 @@ def _show(source: Path, contents: FileContents, console: Console) -> None:
     _show_histogram(console, "samples by value, counts", contents.values(), plain)
     _show_histogram(console, "waveforms by largest sample, counts", contents.maxima(), plain)
     for reason, count in contents.rejected.items():
-        console.print(f"{count:,} left out: {reason}", markup=False, highlight=False)
+        console.print(f"{count:,} skipped: {reason}", markup=False, highlight=False)
     for note in contents.notes:
-        console.print(note, markup=False, highlight=False)
+        console.print(f"note: {note}", markup=False, highlight=False)
 
 
 def _rows(contents: FileContents) -> list[tuple[str, str]]:
-    """What the table says, line by line; without waveforms only that there are none."""
+    """Names and values; without waveforms only the counts."""
     rows = [
         ("points", f"{contents.points:,}"),
-        ("without a waveform", f"{contents.points_without_waveform:,}"),
-        ("sharing a waveform", f"{contents.points_sharing_waveform:,}"),
+        ("points without waveform", f"{contents.points_without_waveform:,}"),
+        ("points sharing a waveform", f"{contents.points_sharing_waveform:,}"),
         ("waveforms", f"{contents.waveforms:,}"),
     ]
     if not contents.waveforms:
@@ -169,13 +169,13 @@ def _levels(contents: FileContents) -> list[tuple[str, str]]:
 
 
 def _listed(counts: Mapping[Any, int], counted: str) -> str:
-    """Each with its number; of many only how many there are, and the most frequent."""
+    """Each value with its count; of many values only their number and the most frequent one."""
     if len(counts) == 1:
         return str(next(iter(counts)))
-    if len(counts) <= _MOST_LISTED:
+    if len(counts) <= _MAX_LISTED:
         return ", ".join(f"{key} ({count:,} {counted})" for key, count in counts.items())
     most = max(counts, key=lambda key: counts[key])
-    return f"{len(counts):,} different ones, mostly {most} ({counts[most]:,} {counted})"
+    return f"{len(counts):,} different values, mostly {most} ({counts[most]:,} {counted})"
 
 
 def _sample_counts(contents: FileContents) -> str:
@@ -197,13 +197,12 @@ def _show_histogram(console: Console, title: str, histogram: Histogram, plain: b
         return
     edges = histogram.edges.tolist()
     names = [
-        f"{low:,}" if behind == low + 1 else f"{low:,} to {behind - 1:,}"
-        for low, behind in pairwise(edges)
+        f"{low:,}" if end == low + 1 else f"{low:,} to {end - 1:,}" for low, end in pairwise(edges)
     ]
     numbers = [f"{count:,}" for count in histogram.counts.tolist()]
     left, right = max(map(len, names)), max(map(len, numbers))
     largest = int(histogram.counts.max())
-    length = max(min(console.width - left - right - 5, _LONGEST_BAR), _SHORTEST_BAR)
+    length = max(min(console.width - left - right - 5, _MAX_BAR), _MIN_BAR)
     console.print(f"\n{title}", style="bold", markup=False, highlight=False)
     for name, number, count in zip(names, numbers, histogram.counts.tolist(), strict=True):
         line = f"{name:>{left}}  {number:>{right}}  {_bar(count / largest * length, plain)}"
@@ -211,7 +210,7 @@ def _show_histogram(console: Console, title: str, histogram: Histogram, plain: b
 
 
 def _bar(length: float, plain: bool) -> str:
-    """A bar of so many characters; what is not nothing can be seen."""
+    """A bar of this many characters; a count above 0 always shows."""
     if plain:
         return "#" * (max(round(length), 1) if length > 0 else 0)
     eighths = max(round(length * 8), 1) if length > 0 else 0

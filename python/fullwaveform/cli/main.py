@@ -1,69 +1,38 @@
-"""Entry of the command line: one verb per module, loaded when it is called."""
+"""Entry point of the program: handles signals first, then loads the command line."""
 
 from __future__ import annotations
 
-from importlib import import_module
-from typing import Any
+import os
+import sys
 
-import typer
-from typer.core import TyperGroup
-
-import fullwaveform
-
-# Verb -> module and function. Modules are imported when their verb is called: plots, tables and
-# statistics take longer to load than many a command runs.
-_VERBS = {
-    "extract": ("fullwaveform.cli.extract", "extract"),
-    "simulate": ("fullwaveform.cli.simulate", "simulate"),
-    "compare": ("fullwaveform.cli.compare", "compare"),
-    "system-wave": ("fullwaveform.cli.system_wave", "system_wave"),
-    "report": ("fullwaveform.cli.report", "report"),
-    "convert": ("fullwaveform.cli.convert", "convert"),
-    "info": ("fullwaveform.cli.info", "info"),
-    "plot": ("fullwaveform.cli.plot", "plot"),
-}
-
-
-class _Verbs(TyperGroup):
-    """The verbs in the order of their table."""
-
-    def list_commands(self, ctx: Any) -> list[str]:
-        return list(_VERBS)
-
-    def get_command(self, ctx: Any, cmd_name: str) -> Any:
-        if cmd_name not in _VERBS:
-            return None
-        module, function = _VERBS[cmd_name]
-        single = typer.Typer(add_completion=False, pretty_exceptions_enable=False)
-        single.command(cmd_name)(getattr(import_module(module), function))
-        return typer.main.get_command(single)
-
-
-app = typer.Typer(
-    cls=_Verbs,
-    name="fullwaveform",
-    help="Echoes from full-waveform laser scanner records.",
-    no_args_is_help=True,
-    add_completion=False,
-    pretty_exceptions_enable=False,
-)
-
-
-def _show_version(wanted: bool) -> None:
-    if wanted:
-        typer.echo(f"fullwaveform {fullwaveform.__version__}")
-        raise typer.Exit
-
-
-@app.callback()
-def _options(
-    version: bool = typer.Option(
-        False, "--version", help="Show the version.", callback=_show_version, is_eager=True
-    ),
-) -> None:
-    """Echoes from full-waveform laser scanner records."""
+from fullwaveform.cli.signals import exit_on_signals
 
 
 def main() -> None:
-    """Runs the command line; exit code 0 done, 1 trouble with the data, 2 with the call."""
-    app(prog_name="fullwaveform")
+    """Run the command line and exit.
+
+    Exit codes: 0 success, 1 data or file error, 2 usage error, 130, 143 and 129 after SIGINT,
+    SIGTERM and SIGHUP.
+    """
+    exit_on_signals()
+    from fullwaveform.cli.app import app
+
+    code: str | int | None = None
+    try:
+        app(prog_name="fullwaveform")
+    except SystemExit as end:
+        code = end.code
+    except OSError as error:  # from printing; file errors are reported by the commands
+        code = _stdout_error(error)
+    try:
+        if sys.stdout is not None:
+            sys.stdout.flush()
+    except OSError as error:
+        # Otherwise the interpreter flushes the buffered text once more at its end, and fails again.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        code = code or _stdout_error(error)
+    sys.exit(code)
+
+
+def _stdout_error(error: OSError) -> str:
+    return f"fullwaveform: standard output: {error.strerror}"

@@ -1,142 +1,223 @@
-"""Option values that need reading: modes, channels, the after-pulse."""
+"""Arguments and options that several commands share, and the parsers of their values."""
 
 from __future__ import annotations
 
 import math
 from collections.abc import Mapping
 from pathlib import Path
+from typing import Annotated, Any
 
 import typer
 
+from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.core.driver import Mode, Threshold
 from fullwaveform.core.scanner import NO_AFTER_PULSE, AfterPulse
 
-MODE_NAMES = {
-    "three-point": Mode.THREE_POINT,
-    "decomposition": Mode.DECOMPOSITION,
-    "deconvolution": Mode.DECONVOLUTION,
-    "hybrid": Mode.HYBRID,
-}
+#: Modes by their names on the command line.
+MODE_NAMES = {mode.name.lower().replace("_", "-"): mode for mode in Mode}
 _CHANNEL_NAMES = {"low": 1, "high": 0}
-_MAX_THRESHOLD = 65535
-_NANOSECONDS = 1e9  # of a second
+_NANOSECONDS = 1e9  # per second
 
 
-def mode_from(text: str) -> Mode:
-    """A mode by its name or number."""
+def _mode(text: str | Mode) -> Mode:
+    if isinstance(text, Mode):  # the default
+        return text
     numbers = {str(int(mode)): mode for mode in Mode}
     mode = MODE_NAMES.get(text, numbers.get(text))
     if mode is None:
-        raise typer.BadParameter(
-            f"{text!r} is none of {', '.join(MODE_NAMES)} or 0 to 3", param_hint="--mode"
-        )
+        raise typer.BadParameter(f"{text!r} must be {', '.join(MODE_NAMES)} or 0 to 3")
     return mode
 
 
-def threshold_from(text: str) -> Threshold:
-    """Threshold in counts, or "estimate" for an estimate per waveform."""
-    if text == "auto":
+def _threshold(text: str) -> Threshold:
+    if text in ("estimate", "auto"):  # auto: former name
         return "estimate"
-    digits = text.isascii() and text.isdigit() and len(text) <= len(str(_MAX_THRESHOLD))
-    if not digits or int(text) > _MAX_THRESHOLD:
-        raise typer.BadParameter(
-            f"{text!r} is neither auto nor a number of counts, 0 to 65535", param_hint="--noise"
-        )
+    digits = text.isascii() and text.isdigit() and len(text) <= len(str(MAX_COUNT))
+    if not digits or int(text) > MAX_COUNT:
+        raise typer.BadParameter(f"{text!r} must be 'estimate' or an integer from 0 to {MAX_COUNT}")
     return int(text)
 
 
-class ChannelFlags(dict[int, int]):
-    """Channel flags by the number of a descriptor or channel; those not named have the default."""
+def parse_interval(text: str) -> float:
+    """Sampling interval in s, from ns."""
+    nanoseconds = _number(text)
+    if not (nanoseconds > 0.0 and math.isfinite(nanoseconds)):
+        raise typer.BadParameter(f"{text!r} must be a finite number above 0, in ns")
+    return nanoseconds / _NANOSECONDS
 
-    def __init__(self, named: Mapping[int, int], default: int) -> None:
-        super().__init__(named)
+
+def _time(text: str) -> float:
+    seconds = _number(text)
+    if not math.isfinite(seconds):
+        raise typer.BadParameter(f"{text!r} must be a finite number, in s")
+    return seconds
+
+
+def _number(text: str) -> float:
+    try:
+        return float(text)
+    except ValueError:
+        return math.nan
+
+
+def _after_pulse(text: str) -> AfterPulse:
+    if text == "off":
+        return NO_AFTER_PULSE
+    parts = text.split(",")
+    if len(parts) != 2 or not all(part.isascii() and part.isdigit() for part in parts):
+        raise typer.BadParameter(f"{text!r} must be 'off' or OFFSET,WIDTH, integers in samples")
+    try:
+        return AfterPulse(offset=int(parts[0]), width=int(parts[1]))
+    except ValueError as error:
+        raise typer.BadParameter(str(error)) from error
+
+
+SourceFile = Annotated[
+    Path,
+    typer.Argument(
+        metavar="IN", help="Waveform file: LAS, LAZ, PulseWaves (.pls), scan container (.h5), .npz"
+    ),
+]
+ModeOption = Annotated[
+    Mode,
+    typer.Option(
+        parser=_mode,
+        metavar="MODE",
+        show_default=False,
+        help=f"{', '.join(MODE_NAMES)}, or 0 to 3. Default: three-point",
+    ),
+]
+RepeatedModeOption = Annotated[
+    list[Mode] | None,
+    typer.Option(
+        "--mode",
+        parser=_mode,
+        metavar="MODE",
+        help="Mode as in extract; repeat to draw several. Default: three-point",
+    ),
+]
+ThresholdOption = Annotated[
+    Any,  # Threshold; typer does not accept a union
+    typer.Option(
+        parser=_threshold,
+        metavar="N|estimate",
+        show_default=False,
+        help="Detection threshold in counts, or estimated per waveform. Default: estimate",
+    ),
+]
+ScannerFile = Annotated[
+    Path | None,
+    typer.Option(metavar="FILE", help="Scanner description (TOML). Default: that of IN, if any"),
+]
+ChannelOption = Annotated[
+    list[str] | None,
+    typer.Option(
+        metavar="[N=]CHANNEL",
+        help="Channel (low or high) of all packets, or per descriptor (2=high). Default: low",
+    ),
+]
+AfterPulseOption = Annotated[
+    AfterPulse | None,
+    typer.Option(
+        parser=_after_pulse,
+        metavar="OFFSET,WIDTH",
+        help="After-pulse window in samples, or 'off'. Default: from the scanner description",
+    ),
+]
+IntervalOption = Annotated[
+    float | None,
+    typer.Option(
+        parser=parse_interval,
+        metavar="NS",
+        help="Sampling interval in ns, if the file has none (.npz)",
+    ),
+]
+BlockOption = Annotated[
+    int, typer.Option(min=1, metavar="N", help="Waveforms per block; bounds memory use")
+]
+SkipUnreadable = Annotated[
+    bool, typer.Option("--skip-unreadable", help="Skip and count unreadable waveforms")
+]
+KeepEmpty = Annotated[
+    bool, typer.Option("--keep-empty", help="Write a row for each waveform without echoes")
+]
+TimeOption = Annotated[
+    float | None,
+    typer.Option(parser=_time, metavar="T", help="GPS time of the shot in s, within 1 microsecond"),
+]
+QuietOption = Annotated[bool, typer.Option("-q", "--quiet", help="Print no progress or summary")]
+VerboseOption = Annotated[
+    bool, typer.Option("-v", "--verbose", help="Print a line for each skipped waveform")
+]
+
+
+class ChannelFlags(dict[int, int]):
+    """Channel flag by number of a packet descriptor or channel; other numbers have the default."""
+
+    def __init__(self, given: Mapping[int, int], default: int) -> None:
+        super().__init__(given)
         self._default = default
 
     def __missing__(self, number: int) -> int:
         return self._default
 
     def check(self, numbers: Mapping[Path, frozenset[int] | None]) -> None:
-        """BadParameter for a named number that none of the files has.
+        """BadParameter for a given number that none of the files has.
 
-        `numbers` are the `channel_numbers` of their readers; files without any are not asked.
+        `numbers` are the `channel_numbers` of the files' readers; None is not checked.
         """
-        found = {path: there for path, there in numbers.items() if there is not None}
-        there = frozenset[int]().union(*found.values())
-        if found and (unknown := sorted(set(self) - there)):
+        known = {path: found for path, found in numbers.items() if found is not None}
+        available = frozenset[int]().union(*known.values())
+        if known and (unknown := sorted(set(self) - available)):
+            listed = ", ".join(map(str, sorted(available))) or "none"
             raise typer.BadParameter(
-                f"{', '.join(map(str, found))} has no packet descriptor or channel "
-                f"{', '.join(map(str, unknown))}; it has {_listed(there)}",
+                f"no packet descriptor or channel {', '.join(map(str, unknown))} in "
+                f"{', '.join(map(str, known))}; available: {listed}",
                 param_hint="--channel",
             )
 
 
-def _listed(numbers: frozenset[int]) -> str:
-    return ", ".join(map(str, sorted(numbers))) or "none"
+def channel_flags_from(texts: list[str] | None) -> ChannelFlags:
+    """Channel flags from the values of ``--channel``.
 
-
-def channel_flags_from(texts: list[str]) -> ChannelFlags:
-    """Channel flag of each packet descriptor.
-
-    A text is a channel for all descriptors ("low", "high" or a flag from 0 to 255) or one for a
-    single descriptor ("2=high"). Without any, all are low power.
+    A value is a channel for all descriptors ("low", "high" or a flag from 0 to 255) or for a
+    single one ("2=high"). Default: low power.
     """
     default, single = 1, {}
-    for text in texts:
+    for text in texts or []:
         index, equals, name = text.rpartition("=")
         flag = _CHANNEL_NAMES.get(name, int(name) if name.isascii() and name.isdigit() else -1)
-        wanted = int(index) if index.isascii() and index.isdigit() else -1
-        if not 0 <= flag <= 255 or (equals and not 0 <= wanted <= 255):
+        number = int(index) if index.isascii() and index.isdigit() else -1
+        if not 0 <= flag <= 255 or (equals and not 0 <= number <= 255):
             raise typer.BadParameter(
-                f"{text!r} is not a channel: say low, high or 0 to 255, or INDEX=... with the "
-                "index (0 to 255) of a packet descriptor or channel",
+                f"invalid channel {text!r}; expected low, high or 0 to 255, or N=CHANNEL with the "
+                "number N (0 to 255) of a packet descriptor or channel",
                 param_hint="--channel",
             )
         if equals:
-            single[wanted] = flag
+            single[number] = flag
         else:
             default = flag
     return ChannelFlags(single, default)
 
 
-def seconds_from(nanoseconds: float | None) -> float | None:
-    """A sampling interval of ``--interval`` in s; None when nothing was said."""
-    if nanoseconds is None:
-        return None
-    if not (nanoseconds > 0.0 and math.isfinite(nanoseconds)):
-        raise typer.BadParameter(
-            f"{nanoseconds} is no number of nanoseconds above 0", param_hint="--interval"
-        )
-    return nanoseconds / _NANOSECONDS
-
-
 def refuse_same_file(source: Path, output: Path, hint: str) -> None:
-    """BadParameter when the output is the input, by whatever name: it is never overwritten."""
+    """BadParameter if output and input are the same file, also through links."""
     try:
         same = output.samefile(source)
-    except OSError:  # one of them is not there, or cannot be: what opens it says so
+    except OSError:  # a missing file is reported where it is opened
         return
     if same:
-        raise typer.BadParameter(f"{output} is the input itself", param_hint=hint)
+        raise typer.BadParameter(f"output {output} is the input file", param_hint=hint)
 
 
 def refuse_quiet_and_verbose(quiet: bool, verbose: bool) -> None:
-    """BadParameter when a call wants both."""
+    """BadParameter if both options are given."""
     if quiet and verbose:
-        raise typer.BadParameter("contradicts --verbose", param_hint="--quiet")
+        raise typer.BadParameter("cannot be combined with --verbose", param_hint="--quiet")
 
 
-def after_pulse_from(text: str | None) -> AfterPulse | None:
-    """After-pulse of ``OFFSET,WIDTH`` in samples or ``off``; None when nothing was said."""
-    if text is None:
-        return None
-    if text == "off":
-        return NO_AFTER_PULSE
-    parts = text.split(",")
-    if len(parts) != 2 or not all(part.isascii() and part.isdigit() for part in parts):
-        raise typer.BadParameter(
-            f"{text!r} is neither off nor OFFSET,WIDTH in samples", param_hint="--after-pulse"
-        )
-    try:
-        return AfterPulse(offset=int(parts[0]), width=int(parts[1]))
-    except ValueError as error:
-        raise typer.BadParameter(str(error), param_hint="--after-pulse") from error
+def require_suffix(path: Path, suffixes: tuple[str, ...], hint: str) -> None:
+    """BadParameter if the file name does not end in one of the suffixes."""
+    if path.suffix.lower() not in suffixes:
+        raise typer.BadParameter(f"{path} must end in {' or '.join(suffixes)}", param_hint=hint)

@@ -1,10 +1,11 @@
-"""Progress of a pass over a file, for people: nothing is drawn where no terminal is."""
+"""What a run prints on standard error while it goes on: a progress bar, and single lines."""
 
 from __future__ import annotations
 
 from collections.abc import Iterator
 from contextlib import contextmanager
 
+import typer
 from rich.console import Console
 from rich.progress import (
     BarColumn,
@@ -21,7 +22,7 @@ from rich.text import Text
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.io.base import WaveformReader
 
-_LONGEST_NAME = 20  # characters
+_MAX_NAME = 20  # characters
 
 
 class _RateColumn(ProgressColumn):
@@ -32,32 +33,37 @@ class _RateColumn(ProgressColumn):
         return Text("" if speed is None else f"{speed:,.0f} points/s")
 
 
+def print_line(text: str) -> None:
+    """Print a line of a verbose run."""
+    typer.echo(text, err=True)
+
+
 @contextmanager
-def progress_of(reader: WaveformReader, quiet: bool) -> Iterator[Iterator[WaveformBlock]]:
-    """Yield the reader's blocks; a bar with rate and time left follows them on a terminal."""
+def blocks_with_progress(reader: WaveformReader, quiet: bool) -> Iterator[Iterator[WaveformBlock]]:
+    """Yield the reader's blocks, with a progress bar if standard error is a terminal."""
     with progress_bar(Console(stderr=True), quiet) as progress:
         yield _followed(reader, progress)
 
 
 def progress_bar(console: Console, quiet: bool) -> Progress:
-    """The bar, with points done, points per second and time left; for terminals from 80 columns."""
-    whole = Column(no_wrap=True)  # the bar itself is what becomes shorter
+    """A bar with points done, points per second and time left; fits 80 columns."""
+    fixed = Column(no_wrap=True)  # only the bar itself shrinks
     return Progress(
         TextColumn("{task.description}"),
         BarColumn(),
         TaskProgressColumn(),
         TextColumn("{task.completed:,.0f} points"),
-        _RateColumn(table_column=whole),
-        TimeRemainingColumn(table_column=whole),
+        _RateColumn(table_column=fixed),
+        TimeRemainingColumn(table_column=fixed),
         console=console,
         disable=quiet or not console.is_terminal,
     )
 
 
 def shortened(name: str) -> str:
-    """A name that leaves room for the numbers: its beginning and its end."""
-    half = _LONGEST_NAME // 2
-    return name if len(name) <= _LONGEST_NAME else f"{name[: half - 1]}…{name[-half:]}"
+    """Beginning and end of a long name, to leave room for the numbers."""
+    half = _MAX_NAME // 2
+    return name if len(name) <= _MAX_NAME else f"{name[: half - 1]}…{name[-half:]}"
 
 
 def _followed(reader: WaveformReader, progress: Progress) -> Iterator[WaveformBlock]:

@@ -1,6 +1,6 @@
-"""Signals that ask the program to end: one sentence, no traceback, nothing half-written.
+"""Ends the program on signals: one line, an exit code, no unfinished output.
 
-Light on purpose: this is loaded before the libraries whose loading takes most of a short run.
+Imported before the heavy libraries, so it must not import any of them.
 """
 
 from __future__ import annotations
@@ -16,100 +16,101 @@ from typing import Any
 
 from fullwaveform.io.interruption import may_be_raised_in, request_end
 
-#: Ctrl-C, a request of the system to end, and a terminal that is closed: what they did to the run.
-PARTICIPLES = {
+#: Handled signals, and what is printed after them.
+DESCRIPTIONS = {
     signal.SIGINT: "interrupted",
     signal.SIGTERM: "terminated",
     signal.SIGHUP: "hung up",
 }
-_OFFSET = 128  # of the exit codes, as shells have them: 130, 143 and 129
+_EXIT_CODE_OFFSET = 128  # the shells' convention: 130, 143 and 129
 
 
-class Ended(KeyboardInterrupt):
-    """A signal asked the program to end; unwinding removes unfinished files.
+class SignalExit(KeyboardInterrupt):
+    """A signal ended the program; unwinding removes unfinished files.
 
-    To libraries, which know KeyboardInterrupt, each of the signals is one.
+    Derived from KeyboardInterrupt because libraries pass that on.
     """
 
     def __init__(self, number: int) -> None:
         super().__init__(number)
-        self.participle = PARTICIPLES[signal.Signals(number)]
-        self.exit_code = _OFFSET + number
+        self.description = DESCRIPTIONS[signal.Signals(number)]
+        self.exit_code = _EXIT_CODE_OFFSET + number
 
 
-def end_at_once_on_signals() -> None:
-    """From now on a signal ends the program where it is: for times when nothing is written.
+def exit_on_signals() -> None:
+    """Exit at once on a signal from now on, for times when no output is being written.
 
-    Libraries that are being loaded make errors of their own of an exception in the middle.
+    An exception in the middle of an import would be replaced by the library's own error.
     """
-    for number in _heeded():
-        signal.signal(number, _end_at_once)
+    for number in _handled_signals():
+        signal.signal(number, _exit_at_once)
 
 
 @contextmanager
-def unwinding_on_signals() -> Iterator[None]:
-    """Raise `Ended` in the block for the first signal; those after it are ignored meanwhile.
+def raise_on_signals() -> Iterator[None]:
+    """Raise `SignalExit` in the block for the first signal; ignore later ones.
 
-    So a second Ctrl-C does not disturb the removal of unfinished files. Where raising it would do
-    harm or no good it is raised at the next block, or instead of giving an output its name.
+    So a second Ctrl-C does not disturb the removal of unfinished files. Where the exception would
+    get lost or do harm, it is raised at the next block of waveforms, or before an output is renamed
+    to its final name.
 
-    Afterwards the former handlers are back, unless they would end the program at once: that is what
-    it is doing already, and the signals stay ignored. In another thread than the main one, which
-    signals do not reach, nothing is changed.
+    Restores the former handlers at the end, except `exit_on_signals` after a signal: the program is
+    ending already, and signals stay ignored. Does nothing outside the main thread, which signals do
+    not reach.
     """
     if threading.current_thread() is not threading.main_thread():
         yield
         return
-    former = {number: signal.getsignal(number) for number in _heeded()}
-    told = sys.unraisablehook
-    came: Ended | None = None
+    former = {number: signal.getsignal(number) for number in _handled_signals()}
+    former_hook = sys.unraisablehook
+    received: SignalExit | None = None
 
     def unwind(number: int, frame: FrameType | None) -> None:
-        nonlocal came
-        came = Ended(number)
-        for heeded in former:
-            signal.signal(heeded, _pass_over)
-        request_end(came)
-        sys.unraisablehook = _silent_about_ends(told)
+        nonlocal received
+        received = SignalExit(number)
+        for handled in former:
+            signal.signal(handled, _ignore)
+        request_end(received)
+        sys.unraisablehook = _without_signal_exits(former_hook)
         if may_be_raised_in(frame):
-            raise came
+            raise received
 
     for number in former:
         signal.signal(number, unwind)
     try:
         yield
     except Exception as error:
-        if came is not None:  # and a library made an error of its own of it
-            raise came from error
+        if received is not None:  # a library replaced it by its own error
+            raise received from error
         raise
     finally:
         request_end(None)
-        sys.unraisablehook = told
+        sys.unraisablehook = former_hook
         for number, handler in former.items():
-            ending = came is not None and handler is _end_at_once
+            ending = received is not None and handler is _exit_at_once
             signal.signal(number, signal.SIG_IGN if ending else handler)
 
 
-def _heeded() -> list[signal.Signals]:
-    """The signals without those that whoever started the program has it ignore, as nohup does."""
-    return [number for number in PARTICIPLES if signal.getsignal(number) is not signal.SIG_IGN]
+def _handled_signals() -> list[signal.Signals]:
+    """Signals to handle; those ignored from outside, as by nohup, stay ignored."""
+    return [number for number in DESCRIPTIONS if signal.getsignal(number) is not signal.SIG_IGN]
 
 
-def _silent_about_ends(tell: Callable[[Any], Any]) -> Callable[[Any], Any]:
-    """As `tell`, which shows what Python drops, but for `Ended`, which is not lost with that."""
+def _without_signal_exits(hook: Callable[[Any], Any]) -> Callable[[Any], Any]:
+    """The hook, but silent about `SignalExit`, which `request_end` keeps."""
 
-    def hook(dropped: Any) -> None:
-        if not isinstance(dropped.exc_value, Ended):
-            tell(dropped)
+    def filtered(dropped: Any) -> None:
+        if not isinstance(dropped.exc_value, SignalExit):
+            hook(dropped)
 
-    return hook
-
-
-def _pass_over(number: int, frame: FrameType | None) -> None:
-    """Unlike SIG_IGN fit for a signal that came together with another one."""
+    return filtered
 
 
-def _end_at_once(number: int, frame: FrameType | None) -> None:
-    ended = Ended(number)
-    os.write(2, f"{ended.participle}\n".encode("ascii"))
+def _ignore(number: int, frame: FrameType | None) -> None:
+    """Unlike SIG_IGN also takes a signal that arrived together with the first one."""
+
+
+def _exit_at_once(number: int, frame: FrameType | None) -> None:
+    ended = SignalExit(number)
+    os.write(2, f"{ended.description}\n".encode("ascii"))
     os._exit(ended.exit_code)

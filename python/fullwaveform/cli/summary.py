@@ -1,4 +1,4 @@
-"""What a run says at its end."""
+"""The summary that extract and cluster print at the end."""
 
 from __future__ import annotations
 
@@ -12,10 +12,13 @@ from rich.table import Table
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTally
 
+#: Label, value, remark.
+Row = tuple[str, str, str]
+
 
 @dataclass(frozen=True)
 class RunSummary:
-    """Everything a person wants to know when an extraction is done."""
+    """Counts and notes of an extraction."""
 
     name: str  # of the input
     destination: Path
@@ -29,25 +32,17 @@ class RunSummary:
     seconds: float
 
     def show(self, console: Console) -> None:
-        """Prints the summary as a table, notes below it."""
-        table = Table(title=f"{self.name}: {self.settings.mode.title}", show_header=False)
-        table.add_column(style="bold", no_wrap=True)
-        table.add_column(justify="right", no_wrap=True)
-        table.add_column()
-        for label, value, remark in self._rows():
-            table.add_row(label, value, remark)
-        console.print(table)
-        for note in self._notes():
-            console.print(f"note: {note}", soft_wrap=True, markup=False, highlight=False)
-        console.print(f"result: {self.destination}", soft_wrap=True, markup=False, highlight=False)
+        """Print the summary as a table, with notes below."""
+        title = f"{self.name}: {self.settings.mode.title}"
+        print_table(console, title, self._rows(), self._notes(), [self.destination])
 
-    def _rows(self) -> list[tuple[str, str, str]]:
+    def _rows(self) -> list[Row]:
         read, found = self.read, self.extracted
         share = found.waveforms_with_echoes / read.waveforms if read.waveforms else 0.0
         rows = [
             ("points read", f"{read.points:,}", ""),
-            ("without a packet", f"{read.points_without_waveform:,}", "passed over"),
-            ("sharing a packet", f"{read.points_sharing_waveform:,}", "their waveform counts once"),
+            ("points without waveform", f"{read.points_without_waveform:,}", "skipped"),
+            ("points sharing a waveform", f"{read.points_sharing_waveform:,}", "counted once"),
             ("waveforms", f"{read.waveforms:,}", ""),
             ("with echoes", f"{found.waveforms_with_echoes:,}", f"{share:.1%} of the waveforms"),
         ]
@@ -56,10 +51,10 @@ class RunSummary:
             ("without echoes", f"{count:,}", reason) for reason, count in found.rejected.items()
         ]
         if found.echoes_left_out:
-            rows.append(("echoes left out", f"{found.echoes_left_out:,}", "not finite"))
+            rows.append(("echoes skipped", f"{found.echoes_left_out:,}", "not finite"))
         rows += [("messages", f"{count:,}", kind) for kind, count in self.messages.items()]
         rate = read.waveforms / self.seconds if self.seconds > 0 else 0.0
-        label, remark = ("rows written", "echoes, and waveforms without them")
+        label, remark = ("rows written", "echoes, and waveforms without echoes")
         if not self.settings.keep_empty:
             label, remark = ("echoes written", "")
         rows.append((label, f"{self.written:,}", remark))
@@ -70,7 +65,22 @@ class RunSummary:
         notes = [*self.settings.scanner.notes, *self.read.notes, *self.notes]
         if self.extracted.suspicious_blocks:
             notes.append(
-                f"half or more of the waveforms of {self.extracted.suspicious_blocks} blocks were "
-                f"rejected, statistics appended to {self.statistics}"
+                f"half or more of the waveforms rejected in {self.extracted.suspicious_blocks} "
+                f"blocks; statistics appended to {self.statistics}"
             )
         return notes
+
+
+def print_table(
+    console: Console, title: str, rows: list[Row], notes: list[str], results: list[Path]
+) -> None:
+    """Print rows as a table, then a line for each note and each file written."""
+    table = Table(title=title, show_header=False)
+    table.add_column(style="bold", no_wrap=True)
+    table.add_column(justify="right", no_wrap=True)
+    table.add_column()
+    for row in rows:
+        table.add_row(*row)
+    console.print(table)
+    for line in [*(f"note: {note}" for note in notes), *(f"result: {path}" for path in results)]:
+        console.print(line, soft_wrap=True, markup=False, highlight=False)

@@ -1,17 +1,21 @@
-"""``fullwaveform system-wave``: recorded pulses in, a scanner description for deconvolution out."""
+"""``fullwaveform system-wave``: scanner description for deconvolution from recorded pulses."""
 
 from __future__ import annotations
 
-from dataclasses import dataclass
 from pathlib import Path
 from typing import Annotated
 
 import typer
 from rich.console import Console
-from rich.table import Table
 
-from fullwaveform.cli.errors import told_in_a_sentence
-from fullwaveform.cli.options import refuse_same_file, seconds_from, threshold_from
+from fullwaveform.cli.errors import report_errors
+from fullwaveform.cli.options import (
+    ThresholdOption,
+    parse_interval,
+    refuse_same_file,
+    require_suffix,
+)
+from fullwaveform.cli.summary import Row, print_table
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.plotting.style import PLOT_ENDINGS
 from fullwaveform.plotting.system_wave import SystemWaveCurves, draw_system_wave
@@ -27,104 +31,113 @@ from fullwaveform.system_wave.offset import (
 from fullwaveform.system_wave.sources import Input, Source
 
 
+def _order(text: str) -> int | None:
+    if text == "auto":
+        return None
+    if not (text.isascii() and text.isdigit() and 1 <= int(text) <= LARGEST_ORDER):
+        raise typer.BadParameter(f"{text!r} must be 'auto' or an integer from 1 to {LARGEST_ORDER}")
+    return int(text)
+
+
 def system_wave(
     source_file: Annotated[
         Path,
         typer.Argument(
             metavar="IN",
-            help="PulseWaves, LAS, LAZ, HDF5 scan, .npz, or two columns of text (ns, amplitude).",
+            help="Waveform file as in extract, or text with two columns (ns, amplitude)",
         ),
     ],
     output: Annotated[
-        Path, typer.Option("-o", "--output", metavar="OUT.toml", help="Scanner description.")
+        Path, typer.Option("-o", "--output", metavar="OUT.toml", help="Scanner description")
     ],
     source: Annotated[
         Source | None,
-        typer.Option(help="Pulses to average; by default outgoing ones where the file has them."),
+        typer.Option(help="Pulses to average. Default: outgoing if the file has them"),
     ] = None,
     order: Annotated[
-        str, typer.Option(help="Number of exponentials; auto chooses by the misfit.")
-    ] = "auto",
+        int | None,
+        typer.Option(
+            parser=_order,
+            metavar="N|auto",
+            help=f"Number of exponentials, 1 to {LARGEST_ORDER}, or chosen by the misfit. "
+            "Default: auto",
+        ),
+    ] = None,
     begin: Annotated[
         float | None,
-        typer.Option(help="Where the 12-sample window begins, samples from the pulse's maximum."),
+        typer.Option(
+            metavar="X",
+            help=f"Start of the {WINDOW_SAMPLES}-sample window, in samples from the pulse maximum",
+        ),
     ] = None,
     scanner: Annotated[
-        Path | None, typer.Option(help="Description to put the system wave into (TOML).")
+        Path | None,
+        typer.Option(metavar="FILE", help="Scanner description (TOML) to add the system wave to"),
     ] = None,
     plot: Annotated[
-        Path | None, typer.Option(help="Plot of pulse and system wave (.png, .pdf, .svg).")
+        Path | None,
+        typer.Option(metavar="FILE", help="Plot of pulse and system wave: .png, .pdf or .svg"),
     ] = None,
     interval: Annotated[
-        float | None, typer.Option(metavar="NS", help="Sampling interval, for .npz and text.")
+        float | None,
+        typer.Option(
+            parser=parse_interval, metavar="NS", help="Sampling interval in ns, for .npz and text"
+        ),
     ] = None,
     array: Annotated[
-        str | None, typer.Option(help="Array of an .npz with the pulses; else out_samples.")
+        str | None,
+        typer.Option(metavar="NAME", help="Array of an .npz with the pulses. Default: out_samples"),
     ] = None,
-    noise: Annotated[
-        str, typer.Option(help="Noise level in counts for finding echoes; auto estimates it.")
-    ] = "auto",
-    quiet: Annotated[bool, typer.Option("-q", "--quiet", help="No summary.")] = False,
+    threshold: ThresholdOption = "estimate",
+    quiet: Annotated[bool, typer.Option("-q", "--quiet", help="Print no summary")] = False,
 ) -> None:
-    """Estimate the system wave that deconvolution needs, from the pulses of a file.
+    """Estimate the system wave, needed for deconvolution, from pulses.
 
-    Worked examples:
+    Examples:
 
-        fullwaveform system-wave scan.las -o scanner.toml --source echoes --noise 20
+        fullwaveform system-wave scan.las -o scanner.toml --source echoes --threshold 20
 
         fullwaveform system-wave pulse.csv --interval 1 -o scanner.toml --order 4 --plot wave.png
     """
-    chosen_order, level = _order_from(order), threshold_from(noise)
-    wanted = Input(source_file, source, array, seconds_from(interval), level)
-    _check_files(source_file, output, plot)
-    _check_options(wanted)
-    with told_in_a_sentence():
+    pulses = Input(source_file, source, array, interval, threshold)
+    require_suffix(output, (".toml",), "-o")
+    if plot is not None:
+        require_suffix(plot, PLOT_ENDINGS, "--plot")
+    refuse_same_file(source_file, output, "-o")
+    _refuse_unused_options(pulses)
+    with report_errors():
         base = Scanner.default() if scanner is None else Scanner.from_toml(scanner)
-        wave = fit_system_wave(wanted.averaged_pulse(base), order=chosen_order, begin=begin)
+        wave = fit_system_wave(pulses.averaged_pulse(base), order=order, begin=begin)
         described = with_system_wave(base, wave.in_seconds(), wave.pulse.sampling_interval)
-        offset = _offset(described, wanted, wave.pulse)
+        offset = _offset(described, pulses, wave.pulse)
         if plot is not None:
             draw_system_wave(plot, _curves(wave))
         write_description(output, described, offset, _remarks(wave, offset))
     if not quiet:
-        _Summary(source_file, output, plot, wave, offset).show(Console())
+        results = [output] if plot is None else [output, plot]
+        rows = [*_pulse_rows(wave), *_fit_rows(wave), *_offset_rows(offset)]
+        print_table(Console(), f"{source_file.name}: system wave", rows, _notes(wave), results)
 
 
-def _order_from(text: str) -> int | None:
-    if text == "auto":
-        return None
-    if not (text.isascii() and text.isdigit() and 1 <= int(text) <= LARGEST_ORDER):
+def _refuse_unused_options(pulses: Input) -> None:
+    """BadParameter for options without effect on this input."""
+    if pulses.array is not None and (not pulses.is_arrays or pulses.source is Source.ECHOES):
+        raise typer.BadParameter("applies only to pulses of an .npz", param_hint="--array")
+    if pulses.source is not None and pulses.is_text:
         raise typer.BadParameter(
-            f"{text!r} is neither auto nor a number of exponentials, 1 to {LARGEST_ORDER}",
-            param_hint="--order",
+            "does not apply to text, which is one pulse", param_hint="--source"
         )
-    return int(text)
-
-
-def _check_files(source_file: Path, output: Path, plot: Path | None) -> None:
-    if output.suffix.lower() != ".toml":
-        raise typer.BadParameter(f"{output} must end in .toml", param_hint="-o")
-    if plot is not None and plot.suffix.lower() not in PLOT_ENDINGS:
+    if pulses.interval is not None and not (pulses.is_arrays or pulses.is_text):
         raise typer.BadParameter(
-            f"{plot} must end in {', '.join(PLOT_ENDINGS)}", param_hint="--plot"
+            "applies only to .npz and text; the file contains its interval",
+            param_hint="--interval",
         )
-    refuse_same_file(source_file, output, "-o")
 
 
-def _check_options(wanted: Input) -> None:
-    """Refuses options that would be without effect."""
-    if wanted.array is not None and (not wanted.is_arrays or wanted.source is Source.ECHOES):
-        raise typer.BadParameter("arrays of pulses are those of an .npz", param_hint="--array")
-    if wanted.source is not None and wanted.is_text:
-        raise typer.BadParameter("a text holds one pulse, as it is", param_hint="--source")
-    if wanted.interval is not None and not (wanted.is_arrays or wanted.is_text):
-        raise typer.BadParameter("the file has its own", param_hint="--interval")
-
-
-def _offset(scanner: Scanner, wanted: Input, pulse: AveragePulse) -> DeconvolutionOffset:
-    """Measured on the file's own echoes where it has enough of them, else on the pulse."""
-    parts = (part for part in wanted.records() if part.sampling_interval == pulse.sampling_interval)
-    return measure_offset(scanner, parts, wanted.threshold) or offset_of_made_echoes(scanner, pulse)
+def _offset(scanner: Scanner, pulses: Input, pulse: AveragePulse) -> DeconvolutionOffset:
+    """Measured on isolated echoes of the file, or, if too few, on echoes made of the pulse."""
+    parts = (part for part in pulses.records() if part.sampling_interval == pulse.sampling_interval)
+    return measure_offset(scanner, parts, pulses.threshold) or offset_of_made_echoes(scanner, pulse)
 
 
 def _curves(wave: SystemWave) -> SystemWaveCurves:
@@ -145,77 +158,51 @@ def _curves(wave: SystemWave) -> SystemWaveCurves:
 
 
 def _remarks(wave: SystemWave, offset: DeconvolutionOffset) -> tuple[str, ...]:
-    """What the description says about its own making."""
+    """Comments of the description on how it was estimated."""
     pulse, misfit = wave.pulse, wave.fit.misfit
     which = "echoes computed from the pulse" if offset.made else "isolated echoes of the file"
     return (
         f"System wave: {pulse.origin}, average of {pulse.used}; {misfit.order} exponentials, "
-        f"misfit {misfit.rms:.2g} rms, {misfit.largest:.2g} at most, of the maximum.",
-        f"The window begins {-wave.begin:.2f} samples before the pulse's maximum.",
+        f"misfit {misfit.rms:.2g} rms, {misfit.largest:.2g} largest, relative to the maximum.",
+        f"The window starts {-wave.begin:.2f} samples before the pulse maximum.",
         f"Offset of deconvolved echoes measured on {which}.",
     )
 
 
-@dataclass(frozen=True)
-class _Summary:
-    """What a person wants to know when a system wave is estimated."""
+def _pulse_rows(wave: SystemWave) -> list[Row]:
+    pulse = wave.pulse
+    rows = [("pulses used", f"{pulse.used:,}", pulse.origin)]
+    rows += [("skipped", f"{count:,}", reason) for reason, count in pulse.rejected.items()]
+    if pulse.used > 1:
+        rows.append(("scatter", f"{pulse.scatter:.2%}", "of single samples about the average"))
+    return rows
 
-    source: Path
-    output: Path
-    plot: Path | None
-    wave: SystemWave
-    offset: DeconvolutionOffset
 
-    def show(self, console: Console) -> None:
-        table = Table(title=f"{self.source.name}: system wave", show_header=False)
-        table.add_column(style="bold", no_wrap=True)
-        table.add_column(justify="right", no_wrap=True)
-        table.add_column()
-        for label, value, remark in [*self._pulse_rows(), *self._fit_rows(), *self._offset_rows()]:
-            table.add_row(label, value, remark)
-        console.print(table)
-        for note in self._notes():
-            console.print(f"note: {note}", soft_wrap=True, markup=False, highlight=False)
-        for path in (self.output, self.plot):
-            if path is not None:
-                console.print(f"result: {path}", soft_wrap=True, markup=False, highlight=False)
+def _fit_rows(wave: SystemWave) -> list[Row]:
+    misfit = wave.fit.misfit
+    return [
+        ("start of window", f"{wave.begin:+.2f}", "samples from the pulse maximum"),
+        ("pulse inside", f"{wave.contained:.1%}", "of its energy"),
+        ("exponentials", f"{misfit.order}", ""),
+        ("misfit, rms", f"{misfit.rms:.3%}", "of the maximum"),
+        ("misfit, largest", f"{misfit.largest:.3%}", "of the maximum"),
+    ]
 
-    def _pulse_rows(self) -> list[tuple[str, str, str]]:
-        pulse = self.wave.pulse
-        rows = [("pulses used", f"{pulse.used:,}", pulse.origin)]
-        rows += [("left out", f"{count:,}", why) for why, count in pulse.rejected.items()]
-        if pulse.used > 1:
-            rows.append(("scatter", f"{pulse.scatter:.2%}", "of single samples about the average"))
-        return rows
 
-    def _fit_rows(self) -> list[tuple[str, str, str]]:
-        wave, misfit = self.wave, self.wave.fit.misfit
-        return [
-            ("window begins", f"{wave.begin:+.2f}", "samples from the pulse's maximum"),
-            ("pulse inside", f"{wave.contained:.1%}", "of its energy"),
-            ("exponentials", f"{misfit.order}", ""),
-            ("misfit, rms", f"{misfit.rms:.3%}", "of the maximum"),
-            ("misfit, largest", f"{misfit.largest:.3%}", "of the maximum"),
-        ]
+def _offset_rows(offset: DeconvolutionOffset) -> list[Row]:
+    echoes = "computed from the pulse" if offset.made else "isolated echoes of the file"
+    return [
+        ("offset", f"{offset.position:+.3f}", "samples, deconvolution minus three-point fit"),
+        ("offset, hybrid", f"{offset.hybrid:+.3f}", "samples, deconvolution minus decomposition"),
+        ("spread", f"{offset.spread:.3f}", "samples"),
+        ("echoes", f"{offset.echoes:,}", echoes),
+    ]
 
-    def _offset_rows(self) -> list[tuple[str, str, str]]:
-        echoes = "computed from the pulse" if self.offset.made else "isolated ones of the file"
-        return [
-            ("offset", f"{self.offset.position:+.3f}", "samples, deconvolved less Gauss-fitted"),
-            (
-                "offset, hybrid",
-                f"{self.offset.hybrid:+.3f}",
-                "samples, deconvolved less decomposed",
-            ),
-            ("its spread", f"{self.offset.spread:.3f}", "samples"),
-            ("echoes", f"{self.offset.echoes:,}", echoes),
-        ]
 
-    def _notes(self) -> list[str]:
-        notes = []
-        if not self.wave.is_contained:
-            notes.append(
-                "the pulse is longer than the 12 samples of the system wave; a deconvolution with "
-                "the part inside sharpens less and may split strong echoes"
-            )
-        return notes
+def _notes(wave: SystemWave) -> list[str]:
+    if wave.is_contained:
+        return []
+    return [
+        f"pulse longer than the {WINDOW_SAMPLES} samples of the system wave; deconvolution with a "
+        "truncated pulse sharpens less and may split strong echoes"
+    ]

@@ -1,4 +1,4 @@
-"""One extraction over many machines: part files, a manifest that names them, and reading them."""
+"""One extraction on several machines: part files, the manifest that lists them, reading them."""
 
 from fullwaveform.cluster.parts import part_paths, read_parts
 

@@ -1,4 +1,4 @@
-"""Handing units to the workers, a bounded number at a time, and taking what comes back."""
+"""Submits units to the workers, a bounded number at a time, and collects the results."""
 
 from __future__ import annotations
 
@@ -7,19 +7,22 @@ from collections.abc import Callable, Iterator, Sequence
 from concurrent.futures import CancelledError
 from typing import Any
 
-from fullwaveform.cluster.work import Plain
+from fullwaveform.cluster.work import UnitResult, read_result
 from fullwaveform.io.interruption import raise_if_requested
 
-_PER_THREAD = 2  # units with the scheduler per thread of the workers: one runs, one is next
-_TICK = 0.5  # s
+_UNITS_PER_THREAD = 2  # submitted per worker thread: one runs, one is next
+_TICK_S = 0.5
+
+#: A unit: its number, and what makes its JSON text when it is submitted.
+NumberedUnit = tuple[int, Callable[[], str]]
 
 
 class Dispatcher:
-    """Runs a function of plain data over many units with the workers of a client.
+    """Runs a function of JSON text over many units with the workers of a client.
 
-    A unit whose worker is lost is done again by another one; that is the scheduler's work. When it
-    has lost several its result says so, under ``lost_workers``; units that were only waiting with
-    the same workers may be among these.
+    The scheduler repeats a unit whose worker is lost on another worker. After several losses the
+    result has `lost_workers` set; units that were only queued on the same workers may be among
+    these.
 
     Parameters
     ----------
@@ -34,54 +37,53 @@ class Dispatcher:
         self._tick = tick
 
     def run(
-        self, function: Callable[[Plain], Plain], units: Sequence[tuple[int, Callable[[], Plain]]]
-    ) -> Iterator[tuple[int, Plain]]:
-        """Yield number and result of each unit as it is done.
+        self, function: Callable[[str], str], units: Sequence[NumberedUnit]
+    ) -> Iterator[tuple[int, UnitResult]]:
+        """Yield number and result of each unit as it finishes.
 
-        A unit is a number and what makes its data, called when it is handed over. When the caller
-        stops, units that have not begun are withdrawn.
+        When the caller stops, units that have not started are cancelled.
 
         Raises
         ------
         OSError
-            The scheduler is gone, or the workers cannot run the function at all.
+            The connection to the scheduler is lost, or the workers cannot run the function at all.
         """
         done: queue.SimpleQueue[Any] = queue.SimpleQueue()
         numbers: dict[Any, int] = {}
         waiting = iter(units)
-        left = len(units)
+        remaining = len(units)
         try:
-            while left > 0:
-                self._hand_over(function, waiting, numbers, done)
+            while remaining > 0:
+                self._submit(function, waiting, numbers, done)
                 future = self._next(done)
                 number = numbers.pop(future)
-                left -= 1
+                remaining -= 1
                 yield number, _result(future)
         finally:
             if numbers:
-                self._withdraw(list(numbers))
+                self._cancel(list(numbers))
 
-    def _hand_over(
+    def _submit(
         self,
-        function: Callable[[Plain], Plain],
-        waiting: Iterator[tuple[int, Callable[[], Plain]]],
+        function: Callable[[str], str],
+        waiting: Iterator[NumberedUnit],
         numbers: dict[Any, int],
         done: queue.SimpleQueue[Any],
     ) -> None:
-        room = _PER_THREAD * max(self._threads(), 1) - len(numbers)
-        for _ in range(room):
-            number, plain = next(waiting, (None, None))
-            if number is None or plain is None:
+        free = _UNITS_PER_THREAD * max(self._threads(), 1) - len(numbers)
+        for _ in range(free):
+            number, text = next(waiting, (None, None))
+            if number is None or text is None:
                 return
-            future = self._client.submit(function, plain(), pure=False)
+            future = self._client.submit(function, text(), pure=False)
             numbers[future] = number
             future.add_done_callback(done.put)
 
     def _next(self, done: queue.SimpleQueue[Any]) -> Any:
         while True:
-            raise_if_requested()  # a signal that came while the manifest was written
+            raise_if_requested()  # a signal that arrived while the manifest was written
             try:
-                future = done.get(timeout=_TICK)
+                future = done.get(timeout=_TICK_S)
             except queue.Empty:
                 self._tick(self._threads() > 0)
             else:
@@ -92,39 +94,39 @@ class Dispatcher:
         try:
             return sum(self._client.ncores().values())
         except (OSError, TimeoutError) as error:
-            raise OSError(_GONE) from error
+            raise OSError(_CONNECTION_LOST) from error
 
-    def _withdraw(self, futures: list[Any]) -> None:
+    def _cancel(self, futures: list[Any]) -> None:
         try:
             self._client.cancel(futures, force=True)
-        except (OSError, TimeoutError):  # with the scheduler the units are gone as well
+        except (OSError, TimeoutError):  # the units are gone with the scheduler
             return
 
 
-_GONE = "the connection to the scheduler is lost; start it again and continue with --resume"
+_CONNECTION_LOST = (
+    "connection to the scheduler lost; restart the scheduler and continue with --resume"
+)
 
 
-def _result(future: Any) -> Plain:
+def _result(future: Any) -> UnitResult:
     try:
-        result: Plain = future.result()
+        text = future.result()
     except CancelledError as error:
-        raise OSError(_GONE) from error
+        raise OSError(_CONNECTION_LOST) from error
     except Exception as error:
-        return _of_exception(error)
-    return result
+        return _failure(error)
+    return read_result(text)
 
 
-def _of_exception(error: Exception) -> Plain:
-    """What became of a unit that did not come back with data."""
+def _failure(error: Exception) -> UnitResult:
+    """The result of a unit whose worker returned an exception."""
     if type(error).__name__ == "KilledWorker":
-        times = error.allowed_failures + 1  # type: ignore[attr-defined]
-        return {
-            "trouble": f"{times} workers died one after the other while they worked on it; "
-            "their memory may be too small for --block",
-            "ends_the_job": False,
-            "lost_workers": True,
-        }
+        workers = error.allowed_failures + 1  # type: ignore[attr-defined]
+        return UnitResult(
+            error=f"unit failed on {workers} workers (out of memory?); reduce --block",
+            lost_workers=True,
+        )
     raise OSError(
-        f"a worker cannot run the extraction ({type(error).__name__}: {error}); all machines must "
-        "have the same fullwaveform installed"
+        f"a worker cannot run the extraction ({type(error).__name__}: {error}); install the same "
+        "version of fullwaveform on all machines"
     ) from error

@@ -1,4 +1,4 @@
-"""The input files of a job, and whether they are still what they were."""
+"""The input files of a run, and checks that they have not changed."""
 
 from __future__ import annotations
 
@@ -6,37 +6,37 @@ from collections.abc import Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
-# The samples of some formats lie in a file beside.
-_COMPANIONS = (".wdp", ".WDP", ".wvs", ".WVS")
+# Some formats keep the samples in a second file.
+_COMPANION_SUFFIXES = (".wdp", ".WDP", ".wvs", ".WVS")
 
 
 @dataclass(frozen=True)
 class FileState:
-    """What tells without reading whether a file has changed."""
+    """Reveals a change of a file without reading it."""
 
     name: str
     size: int  # bytes
-    mtime_ns: int  # time of its last change
+    mtime_ns: int  # time of the last modification
 
 
 @dataclass(frozen=True)
 class InputFile:
-    """A file of waveforms, with that of its samples where they lie beside it."""
+    """A waveform file, with its companion file if it has one."""
 
-    path: str  # as it was given
+    path: str  # as given
     files: list[FileState]
     blocks: int
 
 
 def states_of(path: Path) -> list[FileState]:
-    """The state of the file and of its companions; OSError where there is no such file."""
-    beside = [path.with_suffix(suffix) for suffix in _COMPANIONS]
-    found = [path, *(other for other in beside if other != path and other.is_file())]
+    """The state of the file and of its companions; OSError if the file does not exist."""
+    companions = [path.with_suffix(suffix) for suffix in _COMPANION_SUFFIXES]
+    found = [path, *(other for other in companions if other != path and other.is_file())]
     return [FileState(p.name, p.stat().st_size, p.stat().st_mtime_ns) for p in found]
 
 
 def check_states(path: Path, before: Sequence[FileState]) -> None:
-    """ValueError, with what differs, if the file or a companion is not as it was."""
+    """ValueError with the difference if the file or a companion has changed."""
     now = {state.name: state for state in states_of(path)}
     for state in before:
         found = now.pop(state.name, None)
@@ -44,12 +44,11 @@ def check_states(path: Path, before: Sequence[FileState]) -> None:
             raise ValueError(f"{path} has changed: {state.name} is missing")
         if found.size != state.size:
             raise ValueError(
-                f"{path} has changed: {state.name} had {state.size} bytes and has {found.size}"
+                f"{path} has changed: {state.name} had {state.size} bytes, now {found.size}"
             )
         if found.mtime_ns != state.mtime_ns:
             raise ValueError(
-                f"{path} has changed: {state.name} was written at another time than when the job "
-                "was planned"
+                f"{path} has changed: {state.name} was modified after the run was planned"
             )
     if now:
-        raise ValueError(f"{path} has changed: {', '.join(now)} was not there before")
+        raise ValueError(f"{path} has changed: {', '.join(now)} is new")

@@ -1,10 +1,10 @@
-"""A job from its plan to its parts."""
+"""A run on a cluster, from its plan to its parts."""
 
 from __future__ import annotations
 
 import time
 from collections.abc import Callable, Sequence
-from dataclasses import dataclass, field
+from dataclasses import asdict, dataclass, field
 from functools import partial
 from pathlib import Path
 from typing import Any
@@ -12,33 +12,32 @@ from typing import Any
 from fullwaveform import __version__
 from fullwaveform.cluster.dispatch import Dispatcher
 from fullwaveform.cluster.inputs import FileState, InputFile, check_states
-from fullwaveform.cluster.manifest import MANIFEST_VERSION, Manifest, Part, PartOutcome
+from fullwaveform.cluster.manifest import MANIFEST_VERSION, Manifest, Part
 from fullwaveform.cluster.manifest_file import ManifestFile, read_manifest
-from fullwaveform.cluster.plain import from_plain, to_plain
 from fullwaveform.cluster.settings import JobSettings, differences
 from fullwaveform.cluster.units import planned_parts
-from fullwaveform.cluster.work import Plain, Unit, count_blocks, extract_unit
-from fullwaveform.io.atomic import atomic_path
+from fullwaveform.cluster.work import Unit, UnitResult, count_blocks, extract_unit, unit_text
+from fullwaveform.extraction.warning_file import append_statistics, warning_path
 
-_A_WHILE = 15.0  # s; lost workers that are started again are back sooner
-_LEFT_BEHIND = ".part-*.part"  # of workers that were killed while they wrote
+_WAITING_NOTICE_S = 15.0  # workers that restart after a loss are back sooner
+_UNFINISHED_PARTS = ".part-*.part"  # of workers that were killed while writing
 
 
 @dataclass(frozen=True)
-class JobWatch:
-    """Who is told how a job goes on."""
+class JobProgress:
+    """Callbacks on the progress of a run."""
 
-    parts: Callable[[int, int], None] = field(default=lambda done, of: None)  # parts finished
-    waiting: Callable[[], None] = field(default=lambda: None)  # workers are missing for a while
+    parts: Callable[[int, int], None] = field(default=lambda done, total: None)
+    waiting: Callable[[], None] = field(default=lambda: None)  # no workers for a while
 
 
 def plan_job(
     client: Any,
     sources: Sequence[tuple[Path, list[FileState]]],
     settings: JobSettings,
-    watch: JobWatch,
+    progress: JobProgress,
 ) -> Manifest:
-    """The manifest of a new job over files and their states; the workers count their blocks.
+    """The manifest of a new run over files and their states; the workers count their blocks.
 
     Raises
     ------
@@ -50,16 +49,16 @@ def plan_job(
         (number, partial(_unit, settings, source, states, Part(number, number, 0, None, "")))
         for number, (source, states) in enumerate(sources)
     ]
-    dispatcher = Dispatcher(client, _after_a_while(watch.waiting))
+    dispatcher = Dispatcher(client, _delayed(progress.waiting))
     for number, result in dispatcher.run(count_blocks, units):
-        if "trouble" in result:
-            raise ValueError(result["trouble"])
-        blocks[number] = int(result["blocks"])
+        if result.blocks is None:
+            raise ValueError(result.error)
+        blocks[number] = result.blocks
     inputs = [
         InputFile(str(source), states, count)
         for (source, states), count in zip(sources, blocks, strict=True)
     ]
-    parts = planned_parts(inputs, settings.unit_blocks, f".{settings.part_format}")
+    parts = planned_parts(inputs, settings.blocks_per_part, f".{settings.part_format}")
     return Manifest(MANIFEST_VERSION, __version__, settings, inputs, parts)
 
 
@@ -71,7 +70,7 @@ def earlier_job(folder: Path, sources: Sequence[Path]) -> Manifest:
     OSError
         The folder has no manifest, or an input cannot be read.
     ValueError
-        The manifest is none, or it is of other inputs: the sentence says what differs.
+        The manifest is invalid, or of other inputs; the message lists the differences.
     """
     manifest = read_manifest(folder)
     _refuse(
@@ -92,104 +91,97 @@ def earlier_job(folder: Path, sources: Sequence[Path]) -> Manifest:
     return manifest
 
 
-def prepare_to_continue(manifest: Manifest, folder: Path, settings: JobSettings) -> None:
-    """Mark the parts that are not in the folder as they should be as ones to be done.
+def prepare_resume(manifest: Manifest, folder: Path, settings: JobSettings) -> None:
+    """Reset the parts whose files are missing or have another size.
 
-    ValueError, with what differs, if the job has other settings.
+    ValueError with the differences if the run has other settings.
     """
-    before, now = to_plain(manifest.settings), to_plain(settings)
-    _refuse(folder, differences(before, now, "settings"))
+    _refuse(folder, differences(asdict(manifest.settings), asdict(settings), "settings"))
     for part in manifest.parts:
         path = folder / part.file
         if part.outcome is None or not _has_size(path, part.outcome.bytes):
-            part.forget()
+            part.reset()
 
 
 def _refuse(folder: Path, found: list[str]) -> None:
     if found:
-        raise ValueError(f"{folder} holds another job: {'; '.join(found)}")
+        raise ValueError(f"{folder} contains a different run: {'; '.join(found)}")
 
 
-def run_job(client: Any, manifest: Manifest, folder: Path, watch: JobWatch) -> None:
-    """Write the parts that are not done; the manifest in the folder follows.
+def run_job(client: Any, manifest: Manifest, folder: Path, progress: JobProgress) -> None:
+    """Write the unfinished parts, and keep the manifest in the folder up to date.
 
-    However the run ends, by an error or Ctrl-C too, the manifest says which parts are finished.
-    What is wrong with the content of a file costs its own parts only.
+    However the run ends, also by an error or Ctrl-C, the manifest says which parts are finished.
+    Invalid content of a file affects only its own parts.
 
     Raises
     ------
     OSError
-        Disks, folders or workers are not as they must be; parts that had begun are given up.
+        A disk, folder or worker fails; parts in progress are abandoned.
     """
     folder = folder.absolute()
     file = ManifestFile(manifest, folder)
     file.save()
     try:
-        _run_parts(client, manifest, folder, watch, file)
+        _run_parts(client, manifest, folder, progress, file)
     finally:
         file.save()
-    _remove_what_was_left_behind(folder)
+    for path in folder.glob(_UNFINISHED_PARTS):
+        path.unlink(missing_ok=True)
     _write_statistics(manifest, folder)
 
 
 def failures(manifest: Manifest) -> list[str]:
-    """A sentence for each part that failed, equal ones once."""
-    return list(dict.fromkeys(part.trouble for part in manifest.parts if part.trouble))
-
-
-def statistics_path(folder: Path, source: Path) -> Path:
-    """Where the statistics of the suspicious blocks of a file stand."""
-    return folder / f"{source.stem}_Warning.txt"
+    """The different error messages of failed parts."""
+    return list(dict.fromkeys(part.error for part in manifest.parts if part.error))
 
 
 def _run_parts(
-    client: Any, manifest: Manifest, folder: Path, watch: JobWatch, file: ManifestFile
+    client: Any, manifest: Manifest, folder: Path, progress: JobProgress, file: ManifestFile
 ) -> None:
     unfinished = manifest.unfinished()
     done = len(manifest.parts) - len(unfinished)
-    watch.parts(done, len(manifest.parts))
-    say_waiting = _after_a_while(watch.waiting)
+    progress.parts(done, len(manifest.parts))
+    report_waiting = _delayed(progress.waiting)
 
-    def tick(are_there_workers: bool) -> None:
-        file.save_when_due()
-        say_waiting(are_there_workers)
+    def tick(has_workers: bool) -> None:
+        file.save_if_due()
+        report_waiting(has_workers)
 
-    def enter(number: int, result: Plain) -> None:
+    def store(number: int, result: UnitResult) -> None:
         nonlocal done
         done += 1
-        _enter(manifest.parts[number], result, manifest)
-        file.change()
-        watch.parts(done, len(manifest.parts))
+        _store(manifest.parts[number], result, manifest)
+        file.mark_changed()
+        progress.parts(done, len(manifest.parts))
 
     dispatcher = Dispatcher(client, tick)
     units = {part.number: partial(_unit_of, manifest, part, folder) for part in unfinished}
     suspects = []
     for number, result in dispatcher.run(extract_unit, list(units.items())):
-        if result.get("lost_workers"):
+        if result.lost_workers:
             suspects.append(number)
         else:
-            enter(number, result)
-    # One by one it shows which of them the workers die of, and which were only near.
+            store(number, result)
+    # Run alone, a unit cannot fail because of another one on the same worker.
     for suspect in suspects:
         for number, result in dispatcher.run(extract_unit, [(suspect, units[suspect])]):
-            enter(number, result)
+            store(number, result)
 
 
-def _enter(part: Part, result: Plain, manifest: Manifest) -> None:
-    if "trouble" not in result:
-        part.finish(from_plain(PartOutcome, result.get("outcome"), f"outcome of {part.file}"))
+def _store(part: Part, result: UnitResult, manifest: Manifest) -> None:
+    if result.ends_run:
+        raise OSError(result.error)
+    if result.outcome is not None:
+        part.finish(result.outcome)
         return
     path = manifest.inputs[part.input].path
-    sentence = str(result["trouble"])
-    if result["ends_the_job"]:
-        raise OSError(sentence)
-    part.fail(sentence if path in sentence else f"{path}: {sentence}")
+    part.fail(result.error if path in result.error else f"{path}: {result.error}")
 
 
-def _unit_of(manifest: Manifest, part: Part, folder: Path) -> Plain:
+def _unit_of(manifest: Manifest, part: Part, folder: Path) -> str:
     source = manifest.inputs[part.input]
-    output = folder / part.file
-    return _unit(manifest.settings, Path(source.path), source.files, part, output)
+    return _unit(manifest.settings, Path(source.path), source.files, part, folder / part.file)
 
 
 def _unit(
@@ -198,35 +190,35 @@ def _unit(
     states: list[FileState],
     part: Part,
     output: Path | None = None,
-) -> Plain:
-    unit = Unit(
-        package_version=__version__,
-        settings=settings,
-        path=str(source.absolute()),
-        files=states,
-        first=part.first,
-        stop=part.stop,
-        output=str(output or ""),
+) -> str:
+    return unit_text(
+        Unit(
+            package_version=__version__,
+            settings=settings,
+            path=str(source.absolute()),
+            files=states,
+            first=part.first,
+            stop=part.stop,
+            output=str(output or ""),
+        )
     )
-    plain: Plain = to_plain(unit)
-    return plain
 
 
-def _after_a_while(say: Callable[[], None]) -> Callable[[bool], None]:
-    """Says it, once each time, when workers have been missing for a while."""
+def _delayed(report: Callable[[], None]) -> Callable[[bool], None]:
+    """Calls `report` once each time when there have been no workers for a while."""
     missing_since: float | None = None
-    is_said = False
+    is_reported = False
 
-    def tick(are_there: bool) -> None:
-        nonlocal missing_since, is_said
-        if are_there:
-            missing_since, is_said = None, False
+    def tick(has_workers: bool) -> None:
+        nonlocal missing_since, is_reported
+        if has_workers:
+            missing_since, is_reported = None, False
             return
         now = time.monotonic()
         missing_since = now if missing_since is None else missing_since
-        if not is_said and now - missing_since > _A_WHILE:
-            say()
-            is_said = True
+        if not is_reported and now - missing_since > _WAITING_NOTICE_S:
+            report()
+            is_reported = True
 
     return tick
 
@@ -235,24 +227,11 @@ def _has_size(path: Path, size: int) -> bool:
     return path.is_file() and path.stat().st_size == size
 
 
-def _remove_what_was_left_behind(folder: Path) -> None:
-    for path in folder.glob(_LEFT_BEHIND):
-        path.unlink(missing_ok=True)
-
-
 def _write_statistics(manifest: Manifest, folder: Path) -> None:
-    """The statistics of suspicious blocks in the order of the parts; silent where they cannot be.
-
-    The files are written anew, so that a job that is continued has each block once.
-    """
-    texts: dict[Path, str] = {}
+    """Write the statistics of suspicious blocks anew, in the order of the parts."""
+    paths = [warning_path(folder, Path(entry.path)) for entry in manifest.inputs]
+    for path in paths:
+        path.unlink(missing_ok=True)
     for part in manifest.parts:
-        if part.outcome is not None and part.outcome.record:
-            path = statistics_path(folder, Path(manifest.inputs[part.input].path))
-            texts[path] = texts.get(path, "") + part.outcome.record
-    for path, text in texts.items():
-        try:
-            with atomic_path(path) as temporary:
-                temporary.write_bytes(text.encode("ascii"))
-        except OSError:
-            continue
+        if part.outcome is not None and part.outcome.statistics:
+            append_statistics(paths[part.input], part.outcome.statistics)

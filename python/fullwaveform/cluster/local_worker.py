@@ -7,5 +7,5 @@ from typing import Any
 
 
 def dask_setup(worker: Any) -> None:
-    """Leave Ctrl-C, which a terminal sends to all processes, to the one that was started there."""
+    """Ignore Ctrl-C, which a terminal sends to all its processes; the main process handles it."""
     signal.signal(signal.SIGINT, signal.SIG_IGN)

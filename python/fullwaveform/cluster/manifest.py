@@ -1,4 +1,4 @@
-"""What a job is made of: its settings, its inputs, its parts and what became of them."""
+"""A run: its settings, inputs, parts and their outcomes."""
 
 from __future__ import annotations
 
@@ -7,32 +7,33 @@ from dataclasses import dataclass, field
 from typing import ClassVar
 
 from fullwaveform.cluster.inputs import InputFile
+from fullwaveform.cluster.json_data import STRICT
 from fullwaveform.cluster.settings import JobSettings
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.extraction.extractor import ExtractionTally
 
-#: Version of the manifest's form.
-MANIFEST_VERSION = 1
+#: Version of the manifest's layout.
+MANIFEST_VERSION = 2
 MANIFEST_NAME = "manifest.json"
 
 
 @dataclass
 class PartOutcome:
-    """What was met and written in a part, or in several together."""
+    """Counts of a part, or of several together."""
 
     rows: int = 0  # of the part file
     waveforms: int = 0
-    written: int = 0  # what the summary calls written
+    written: int = 0  # rows that the summary counts as written
     not_representable: int = 0  # echoes that a LAS file could not hold
-    saturated_return_numbers: int = 0  # shots with more echoes than a return number can say
+    saturated_return_numbers: int = 0  # shots with more echoes than a return number can count
     bytes: int = 0  # of the part file
     read: ReadTally = field(default_factory=ReadTally)
     extracted: ExtractionTally = field(default_factory=ExtractionTally)
     messages: Counter[str] = field(default_factory=Counter)  # of the library, by kind
-    record: str = ""  # statistics of suspicious blocks
+    statistics: str = ""  # of suspicious blocks
 
     def add(self, other: PartOutcome) -> None:
-        """Count what the other one counted as well."""
+        """Add the counts of another part."""
         self.rows += other.rows
         self.waveforms += other.waveforms
         self.written += other.written
@@ -42,12 +43,12 @@ class PartOutcome:
         self.read += other.read
         self.extracted.add(other.extracted)
         self.messages.update(other.messages)
-        self.record += other.record
+        self.statistics += other.statistics
 
 
 @dataclass
 class Part:
-    """A file or a range of its blocks, and the part file with its echoes."""
+    """A range of blocks of a file, and the part file with its echoes."""
 
     WAITING: ClassVar[str] = "waiting"
     DONE: ClassVar[str] = "done"
@@ -56,42 +57,44 @@ class Part:
     number: int
     input: int  # index of the file among the inputs
     first: int  # block
-    stop: int | None  # the block behind the last one; None: to the end of the file
-    file: str  # name of the part in the folder of the manifest
+    stop: int | None  # block after the last one; None: to the end of the file
+    file: str  # name in the folder of the manifest
     state: str = WAITING
-    trouble: str = ""  # why it failed, a sentence
-    outcome: PartOutcome | None = None  # where it is done
+    error: str = ""  # of a failed part
+    outcome: PartOutcome | None = None  # of a finished part
 
     def finish(self, outcome: PartOutcome) -> None:
         """Mark the part as written."""
-        self.state, self.trouble, self.outcome = self.DONE, "", outcome
+        self.state, self.error, self.outcome = self.DONE, "", outcome
 
-    def fail(self, sentence: str) -> None:
-        """Mark the part as one that could not be written."""
-        self.state, self.trouble, self.outcome = self.FAILED, sentence, None
+    def fail(self, error: str) -> None:
+        """Mark the part as failed."""
+        self.state, self.error, self.outcome = self.FAILED, error, None
 
-    def forget(self) -> None:
-        """Mark the part as one to be done."""
-        self.state, self.trouble, self.outcome = self.WAITING, "", None
+    def reset(self) -> None:
+        """Mark the part as not yet written."""
+        self.state, self.error, self.outcome = self.WAITING, "", None
 
 
 @dataclass
 class Manifest:
-    """A job: what it is to do, and how far it is."""
+    """A run and its progress."""
+
+    __pydantic_config__ = STRICT
 
     manifest_version: int
     package_version: str
     settings: JobSettings
     inputs: list[InputFile]
     parts: list[Part]
-    seconds: float = 0.0  # that its runs took together
+    seconds: float = 0.0  # duration of its runs together
 
     def unfinished(self) -> list[Part]:
-        """The parts that are still to be written, in their order."""
+        """The parts that are not written yet, in order."""
         return [part for part in self.parts if part.state != Part.DONE]
 
     def total(self) -> PartOutcome:
-        """What the finished parts met and wrote together, in their order."""
+        """The counts of all finished parts, notes and statistics in order."""
         total = PartOutcome()
         for part in self.parts:
             if part.outcome is not None:

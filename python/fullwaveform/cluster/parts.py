@@ -1,4 +1,4 @@
-"""Reading the parts of a job."""
+"""Reading the parts of a run."""
 
 from __future__ import annotations
 
@@ -13,14 +13,14 @@ from fullwaveform.cluster.manifest_file import read_manifest
 
 
 def part_paths(folder: str | os.PathLike[str]) -> list[Path]:
-    """The parts of a finished job, in the order of its inputs and their blocks.
+    """The parts of a finished run, in the order of its inputs and their blocks.
 
     Raises
     ------
     OSError
         The folder has no manifest, or a part is missing.
     ValueError
-        The manifest is none, or the job is not finished.
+        The manifest is invalid, or the run is not finished.
     """
     folder = Path(folder)
     manifest = read_manifest(folder)
@@ -32,24 +32,27 @@ def part_paths(folder: str | os.PathLike[str]) -> list[Path]:
     paths = [folder / part.file for part in manifest.parts]
     for path in paths:
         if not path.is_file():
-            raise FileNotFoundError(f"{path}, a part that the manifest names, is missing")
+            raise FileNotFoundError(f"part {path} of the manifest is missing")
     return paths
 
 
 def read_parts(folder: str | os.PathLike[str]) -> Iterator[pa.Table]:
-    """Yield the echoes of a finished job, a table for each part, in order.
+    """Yield the echoes of a finished run, one table per part, in order.
 
-    One behind the other they are the table that a single machine writes, row for row.
+    Concatenated they equal the table that ``fullwaveform extract`` writes, row for row.
 
     Raises
     ------
     OSError
         The folder has no manifest, or a part is missing.
     ValueError
-        The manifest is none, the job is not finished, or its parts are no Parquet files.
+        The manifest is invalid, the run is not finished, or its parts are not Parquet files.
     """
     for path in part_paths(folder):
         if path.suffix != ".parquet":
-            raise ValueError(f"{path} is no Parquet file; read such parts with their own library")
-        # A file, not the folder of a data set: names must not be taken for columns.
+            raise ValueError(
+                f"{path} is not a Parquet file; list the parts with part_paths and read them with "
+                "a library for their format"
+            )
+        # As a file, not as a data set, which would take columns from its name.
         yield pyarrow.parquet.ParquetFile(path).read()

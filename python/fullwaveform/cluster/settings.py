@@ -1,4 +1,4 @@
-"""The settings of a job as plain data, for the manifest and for the workers."""
+"""The settings of a run, for the manifest and for the workers."""
 
 from __future__ import annotations
 
@@ -7,16 +7,16 @@ from collections.abc import Mapping
 from dataclasses import dataclass
 from typing import Any
 
-from fullwaveform.cluster.plain import to_plain
 from fullwaveform.core.driver import Mode, Threshold
 from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.core.scanner_attributes import checked_attributes
 from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.io.base import flag_table
 
-_OTHERS = "others"  # the flag of the channels that are not named
-# Waveforms of a unit by mode: up to some minutes of one processor, and a part that fits in memory.
-_WAVEFORMS_OF_UNIT = {
+_OTHERS = "others"  # key of the flag of all channels that are not listed
+# Waveforms of a part by mode: at most a few minutes of one processor, and a part that fits in
+# memory.
+_WAVEFORMS_PER_PART = {
     Mode.THREE_POINT: 2_000_000,
     Mode.DECOMPOSITION: 1_000_000,
     Mode.DECONVOLUTION: 100_000,
@@ -26,24 +26,24 @@ _WAVEFORMS_OF_UNIT = {
 
 @dataclass(frozen=True)
 class JobSettings:
-    """All that decides what a job writes, beside its inputs; plain data throughout.
+    """All that determines the output of a run besides its inputs.
 
-    Two jobs of equal settings over equal inputs write equal parts.
+    Equal settings and inputs give equal parts.
     """
 
     mode: int
-    threshold: Threshold  # counts, or an estimate for every waveform
+    threshold: Threshold
     keep_empty: bool
     scanner_attributes: dict[str, str | float | list[float]]
     after_pulse: AfterPulse | None
     deconvolution_offset: float  # samples
     deconvolution_offset_hybrid: float | None  # samples
-    channel_flags: dict[str, int]  # by the number of the channel, and that of all others
-    sampling_interval: float | None  # s, where it is given; None: the files say it
+    channel_flags: dict[str, int]  # by channel number, and one for all others
+    sampling_interval: float | None  # s; None: from the files
     skip_unreadable: bool
     block: int  # waveforms
-    unit_blocks: int  # blocks of a unit, at most
-    part_format: str  # the ending of the parts without its dot
+    blocks_per_part: int
+    part_format: str  # file suffix of the parts, without the dot
 
     @classmethod
     def of(
@@ -52,33 +52,33 @@ class JobSettings:
         channel_flags: Mapping[int, int] | int,
         *,
         block: int,
-        unit_blocks: int | None,
+        blocks_per_part: int | None,
         part_format: str,
         sampling_interval: float | None = None,
         skip_unreadable: bool = False,
     ) -> JobSettings:
-        """The plain form; `unit_blocks` of None stands for units of some minutes at most."""
+        """The settings of a run; None for `blocks_per_part` gives parts of a few minutes."""
         scanner = settings.scanner
         return cls(
             mode=int(settings.mode),
             threshold=settings.threshold,
             keep_empty=settings.keep_empty,
-            scanner_attributes=to_plain(scanner.attributes),
+            scanner_attributes=dict(scanner.attributes),
             after_pulse=scanner.after_pulse,
             deconvolution_offset=scanner.deconvolution_offset,
             deconvolution_offset_hybrid=scanner.deconvolution_offset_hybrid,
-            channel_flags=_shortened(channel_flags),
+            channel_flags=_compact(channel_flags),
             sampling_interval=sampling_interval,
             skip_unreadable=skip_unreadable,
             block=block,
-            unit_blocks=unit_blocks or max(1, _WAVEFORMS_OF_UNIT[settings.mode] // block),
+            blocks_per_part=blocks_per_part or max(1, _WAVEFORMS_PER_PART[settings.mode] // block),
             part_format=part_format,
         )
 
     def extraction(self) -> ExtractionSettings:
-        """The settings as the extraction takes them; ValueError where they make no sense."""
+        """The settings for the extraction; ValueError if they are invalid."""
         scanner = Scanner(
-            checked_attributes(self.scanner_attributes, "scanner attributes of the job"),
+            checked_attributes(self.scanner_attributes, "scanner attributes of the run"),
             self.after_pulse,
             deconvolution_offset=self.deconvolution_offset,
             deconvolution_offset_hybrid=self.deconvolution_offset_hybrid,
@@ -86,29 +86,29 @@ class JobSettings:
         return ExtractionSettings(scanner, Mode(self.mode), self.threshold, self.keep_empty)
 
     def flags(self) -> dict[int, int]:
-        """Channel flag by the number of the channel, 0 to 255."""
-        named = {int(name): flag for name, flag in self.channel_flags.items() if name != _OTHERS}
-        return dict.fromkeys(range(256), self.channel_flags[_OTHERS]) | named
+        """Channel flag by channel number, 0 to 255."""
+        listed = {int(name): flag for name, flag in self.channel_flags.items() if name != _OTHERS}
+        return dict.fromkeys(range(256), self.channel_flags[_OTHERS]) | listed
 
 
-def differences(before: Any, now: Any, where: str = "") -> list[str]:
-    """What differs between two pieces of plain data, a phrase each."""
+def differences(before: Any, now: Any, name: str = "") -> list[str]:
+    """One phrase for each entry that differs between two nested dictionaries."""
     if isinstance(before, dict) and isinstance(now, dict):
         found = []
         for key in dict.fromkeys([*before, *now]):
-            found += differences(before.get(key), now.get(key), f"{where}.{key}" if where else key)
+            found += differences(before.get(key), now.get(key), f"{name}.{key}" if name else key)
         return found
-    return [] if before == now else [f"{where} was {_in_words(before)} and is {_in_words(now)}"]
+    return [] if before == now else [f"{name} was {_shown(before)}, is {_shown(now)}"]
 
 
-def _in_words(value: Any) -> str:
+def _shown(value: Any) -> str:
     if isinstance(value, list):
-        return f"a list of {len(value)}, beginning {value[:2]}"
-    return "nothing" if value is None else repr(value)
+        return f"a list of {len(value)} starting with {value[:2]}"
+    return "unset" if value is None else repr(value)
 
 
-def _shortened(channel_flags: Mapping[int, int] | int) -> dict[str, int]:
+def _compact(channel_flags: Mapping[int, int] | int) -> dict[str, int]:
     flags = flag_table(channel_flags).tolist()
     ((usual, _),) = Counter(flags).most_common(1)
-    named = {str(number): flag for number, flag in enumerate(flags) if flag != usual}
-    return {_OTHERS: usual} | named
+    listed = {str(number): flag for number, flag in enumerate(flags) if flag != usual}
+    return {_OTHERS: usual} | listed

@@ -1,7 +1,7 @@
-"""What a worker runs: plain data in, a part file and plain data out.
+"""What a worker runs: JSON text in, a part file and JSON text out.
 
-Nothing is kept from one unit to the next, and a unit done again writes the same bytes, so that it
-does not matter how often or where it is done.
+A unit leaves no state behind, and repeating it writes the same bytes, so it does not matter how
+often or where it runs.
 """
 
 from __future__ import annotations
@@ -9,14 +9,15 @@ from __future__ import annotations
 from collections.abc import Callable, Iterable, Iterator
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any
+
+from pydantic import TypeAdapter
 
 from fullwaveform import __version__
 from fullwaveform.cluster.inputs import FileState, check_states
+from fullwaveform.cluster.json_data import STRICT, from_json
 from fullwaveform.cluster.manifest import MANIFEST_NAME, PartOutcome
-from fullwaveform.cluster.message_counts import messages_of_this_thread
-from fullwaveform.cluster.plain import from_plain, to_plain
 from fullwaveform.cluster.settings import JobSettings
+from fullwaveform.core.messages import counted_messages
 from fullwaveform.extraction.extractor import ExtractedBlock, run_metadata
 from fullwaveform.extraction.pipeline import extracted_blocks, write_echoes
 from fullwaveform.io.base import EchoWriter, WaveformReader
@@ -24,16 +25,16 @@ from fullwaveform.io.echo_writers.las import LasEchoWriter
 from fullwaveform.io.echo_writers.opening import open_echo_file
 from fullwaveform.io.opening import open_waveforms
 
-Plain = dict[str, Any]
 
-
-class _UnfitWorkerError(Exception):
-    """This worker cannot work on the job, whatever the unit."""
+class _WorkerError(Exception):
+    """This worker cannot run any unit."""
 
 
 @dataclass(frozen=True)
 class Unit:
-    """A file or a range of its blocks, and where its echoes go; paths are absolute."""
+    """A file or a range of its blocks, and the part to write; paths are absolute."""
+
+    __pydantic_config__ = STRICT
 
     package_version: str
     settings: JobSettings
@@ -44,50 +45,71 @@ class Unit:
     output: str
 
 
-def count_blocks(unit: Plain) -> Plain:
-    """The number of blocks of a file, under ``blocks``, or what `_told` says."""
-    return _told(unit, _count_blocks)
+@dataclass
+class UnitResult:
+    """The result of a unit: its number of blocks, or the outcome of its part, or an error."""
+
+    __pydantic_config__ = STRICT
+
+    blocks: int | None = None
+    outcome: PartOutcome | None = None
+    error: str = ""
+    ends_run: bool = False  # the error is of disk, folder, memory or worker: others would meet it
+    lost_workers: bool = False  # the error may be that of another unit
 
 
-def extract_unit(unit: Plain) -> Plain:
-    """Write the part of a unit; its outcome as plain data, or what `_told` says."""
-    return _told(unit, _extract_unit)
+_UNIT = TypeAdapter(Unit)
+_RESULT = TypeAdapter(UnitResult)
 
 
-def _told(plain: Plain, work: Callable[[Unit], Plain]) -> Plain:
-    """What the work gives, or ``trouble``: a sentence.
+def unit_text(unit: Unit) -> str:
+    """The unit as JSON."""
+    return _UNIT.dump_json(unit).decode()
 
-    Under ``ends_the_job`` stands whether it is one that other units would meet as well: with disks,
-    folders and memory, not with the content of a file.
-    """
-    path = str(plain.get("path"))
+
+def read_result(text: str) -> UnitResult:
+    """The result from JSON; ValueError if it is none."""
+    return from_json(_RESULT, text, "result of a worker")
+
+
+def count_blocks(unit: str) -> str:
+    """The result of a unit with the number of blocks of its file, both as JSON."""
+    return _RESULT.dump_json(_run(unit, _count_blocks)).decode()
+
+
+def extract_unit(unit: str) -> str:
+    """Write the part of a unit; the result with its outcome, both as JSON."""
+    return _RESULT.dump_json(_run(unit, _extract_unit)).decode()
+
+
+def _run(text: str, work: Callable[[Unit], UnitResult]) -> UnitResult:
+    unit = from_json(_UNIT, text, "unit")
     try:
-        unit = from_plain(Unit, plain, "unit")
         _check_version(unit)
         check_states(Path(unit.path), unit.files)
         return work(unit)
     except OSError as error:
         where = f"{error.filename}: " if error.filename and error.strerror else ""
-        return _trouble(path, f"{where}{error.strerror or error}", ends_the_job=True)
-    except _UnfitWorkerError as error:
-        return _trouble(path, str(error), ends_the_job=True)
+        return _failure(unit, f"{where}{error.strerror or error}", ends_run=True)
+    except _WorkerError as error:
+        return _failure(unit, str(error), ends_run=True)
     except MemoryError:
-        sentence = "not enough memory for one block of waveforms; try a smaller --block"
-        return _trouble(path, sentence, ends_the_job=True)
+        message = "not enough memory for one block of waveforms; reduce --block"
+        return _failure(unit, message, ends_run=True)
     except ValueError as error:
-        return _trouble(path, str(error), ends_the_job=False)
+        return _failure(unit, str(error), ends_run=False)
 
 
-def _trouble(path: str, sentence: str, *, ends_the_job: bool) -> Plain:
-    named = sentence if path in sentence else f"{path}: {sentence}"
-    return {"trouble": named, "ends_the_job": ends_the_job}
+def _failure(unit: Unit, message: str, *, ends_run: bool) -> UnitResult:
+    named = message if unit.path in message else f"{unit.path}: {message}"
+    return UnitResult(error=named, ends_run=ends_run)
 
 
 def _check_version(unit: Unit) -> None:
     if unit.package_version != __version__:
-        raise _UnfitWorkerError(
-            f"a worker has version {__version__} of fullwaveform, the job is of "
-            f"version {unit.package_version}; all machines must have the same"
+        raise _WorkerError(
+            f"a worker has fullwaveform {__version__}, the run needs "
+            f"{unit.package_version}; install the same version on all machines"
         )
 
 
@@ -101,41 +123,41 @@ def _opened(unit: Unit) -> WaveformReader:
     )
 
 
-def _count_blocks(unit: Unit) -> Plain:
+def _count_blocks(unit: Unit) -> UnitResult:
     with _opened(unit) as reader:
-        return {"blocks": reader.block_count()}
+        return UnitResult(blocks=reader.block_count())
 
 
-def _extract_unit(unit: Unit) -> Plain:
+def _extract_unit(unit: Unit) -> UnitResult:
     output = Path(unit.output)
     if not (output.parent / MANIFEST_NAME).is_file():
-        raise _UnfitWorkerError(
-            f"{output.parent} on a worker is not the folder of the job: all machines must see the "
-            "same one under this name"
+        raise _WorkerError(
+            f"{output.parent} on a worker is not the folder of the run; all machines must share it "
+            "under the same path"
         )
     outcome = PartOutcome()
-    with messages_of_this_thread() as messages, _opened(unit) as reader:
+    with counted_messages(own_thread=True) as messages, _opened(unit) as reader:
         blocks = reader.blocks(unit.first, unit.stop)
         settings = unit.settings.extraction()
         writer = open_echo_file(output, reader.header, run_metadata(settings))
         with writer:
             extracted = extracted_blocks(blocks, settings)
-            outcome.extracted = write_echoes(_noted(extracted, outcome), writer)
+            outcome.extracted = write_echoes(_counted(extracted, outcome), writer)
         outcome.read, outcome.messages = reader.tally, messages
     outcome.waveforms = outcome.read.waveforms
-    _enter_writer(outcome, writer)
+    _add_writer_counts(outcome, writer)
     outcome.bytes = output.stat().st_size
-    return {"outcome": to_plain(outcome)}
+    return UnitResult(outcome=outcome)
 
 
-def _noted(extracted: Iterable[ExtractedBlock], outcome: PartOutcome) -> Iterator[ExtractedBlock]:
+def _counted(extracted: Iterable[ExtractedBlock], outcome: PartOutcome) -> Iterator[ExtractedBlock]:
     for block in extracted:
         outcome.rows += len(block.echoes)
-        outcome.record += block.record
+        outcome.statistics += block.record
         yield block
 
 
-def _enter_writer(outcome: PartOutcome, writer: EchoWriter) -> None:
+def _add_writer_counts(outcome: PartOutcome, writer: EchoWriter) -> None:
     outcome.written = writer.count
     if not writer.takes_empty:
         outcome.rows = writer.count

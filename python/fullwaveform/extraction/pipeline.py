@@ -18,6 +18,7 @@ from fullwaveform.extraction.extractor import (
     ExtractionTally,
     Extractor,
 )
+from fullwaveform.extraction.warning_file import append_statistics
 from fullwaveform.extraction.waveform_table import WaveformState, WaveformTable
 from fullwaveform.io.base import EchoWriter
 
@@ -91,18 +92,10 @@ def write_echoes(
         writer.write(block.echoes)
         tally.add(block.tally)
         if block.record and statistics is not None:
-            _append(statistics, block.record)
+            append_statistics(statistics, block.record)
         if on_rejected is not None:
             _report_rejected(block.waveforms, on_rejected)
     return tally
-
-
-def _append(path: Path, text: str) -> None:
-    try:
-        with path.open("a", encoding="ascii", newline="") as file:
-            file.write(text)
-    except OSError:
-        return
 
 
 def _report_rejected(waveforms: WaveformTable, report: Callable[[str], None]) -> None:

@@ -11,7 +11,7 @@ from typer.testing import CliRunner
 
 from fullwaveform import WaveformFileError
 from fullwaveform.analysis.comparison import compare_with_returns
-from fullwaveform.cli.main import app
+from fullwaveform.cli.app import app
 from fullwaveform.plotting.histogram import draw_histogram
 
 UP = 0.000149854  # m per ps; the direction vectors point back to the scanner

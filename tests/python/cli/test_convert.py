@@ -1,4 +1,4 @@
-"""The verb convert: scan containers from which the same echoes come."""
+"""``fullwaveform convert``: scan containers that give the same echoes."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ import pytest
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
-from ..support.command_line import assert_trouble, assert_usage, names, run
+from ..support.command_line import assert_error, assert_usage, names, run
 from ..support.las_scenes import data_folder
 
 ROOT = Path(__file__).resolve().parents[3]
@@ -40,7 +40,7 @@ def scan(tmp_path_factory: pytest.TempPathFactory) -> Path:
     return path
 
 
-def test_echoes_of_the_container_are_those_of_the_original(scan: Path, tmp_path: Path) -> None:
+def test_container_gives_the_same_echoes(scan: Path, tmp_path: Path) -> None:
     converted = tmp_path / "scan.h5"
     done = run("convert", scan, converted, "--channel", "2=high", "--block", "40")
     assert done.exit_code == 0, done.output
@@ -49,7 +49,7 @@ def test_echoes_of_the_container_are_those_of_the_original(scan: Path, tmp_path:
     assert done.stdout.splitlines()[0] == f"{waveforms:,} waveforms: {converted}"
     for ending in ("csv", "las"):
         one, other = tmp_path / f"one.{ending}", tmp_path / f"other.{ending}"
-        call = ("--mode", "decomposition", "--noise", "20", "-q")
+        call = ("--mode", "decomposition", "--threshold", "20", "-q")
         assert run("extract", scan, "-o", one, "--channel", "2=high", *call).exit_code == 0
         assert run("extract", converted, "-o", other, *call).exit_code == 0
         assert one.stat().st_size > 5_000
@@ -59,20 +59,20 @@ def test_echoes_of_the_container_are_those_of_the_original(scan: Path, tmp_path:
 @pytest.mark.parametrize(
     "name", ["las/topo_2ns.las", "pulsewaves/topo_1ns.pls", "pulsewaves/saturated_1ns.pls"]
 )
-def test_echoes_of_real_records_stay_the_same(name: str, tmp_path: Path) -> None:
+def test_real_waveforms_give_the_same_echoes(name: str, tmp_path: Path) -> None:
     source = data_folder() / name
     if not source.exists():
         pytest.skip(f"no {name} in the folder of real waveforms")
     assert run("convert", source, tmp_path / "scan.h5", "-q").exit_code == 0
     one, other = tmp_path / "one.las", tmp_path / "other.las"
     for scan, echoes in ((source, one), (tmp_path / "scan.h5", other)):
-        done = run("extract", scan, "-o", echoes, "--noise", "8", "-q")
+        done = run("extract", scan, "-o", echoes, "--threshold", "8", "-q")
         assert done.exit_code == 0, done.output
     assert one.stat().st_size > 5_000
     assert one.read_bytes() == other.read_bytes()
 
 
-def test_scanner_goes_along(scan: Path, tmp_path: Path) -> None:
+def test_scanner_description_is_copied(scan: Path, tmp_path: Path) -> None:
     toml, first, second = tmp_path / "s.toml", tmp_path / "first.h5", tmp_path / "second.hdf5"
     toml.write_text(DESCRIPTION, encoding="utf-8")
     assert run("convert", scan, first, "--scanner", toml, "-q").exit_code == 0
@@ -89,19 +89,19 @@ def test_scanner_goes_along(scan: Path, tmp_path: Path) -> None:
         assert (reader.scanner(), reader.scanner_attributes()) == (None, None)
 
 
-def test_archives_and_what_was_left_out(tmp_path: Path) -> None:
+def test_archive_with_an_unreadable_waveform(tmp_path: Path) -> None:
     samples = np.arange(6, dtype=np.uint16).reshape(2, 3)
     np.savez(tmp_path / "a.npz", samples=samples, shot_times=[1.0, np.nan])
     source, target = tmp_path / "a.npz", tmp_path / "a.h5"
-    assert_trouble(run("convert", source, target), "sampling_interval", "--interval")
+    assert_error(run("convert", source, target), "sampling_interval", "--interval")
     call = ["convert", source, target, "--interval", "0.5"]
     reason = "(1 x GPS time not finite)"
-    assert_trouble(run(*call), "1 unreadable waveform", reason, "--skip-unreadable")
+    assert_error(run(*call), "1 unreadable waveform", reason, "--skip-unreadable")
     assert not target.exists()
     done = run(*call, "--skip-unreadable")
     assert done.stdout.splitlines() == [
         f"1 waveforms: {target}",
-        "1 left out: GPS time not finite",
+        "1 skipped: GPS time not finite",
     ]
     with h5py.File(target) as file:
         fields = file["waveforms/StandardCartesianChart3D"]
@@ -111,32 +111,31 @@ def test_archives_and_what_was_left_out(tmp_path: Path) -> None:
     assert run("convert", source, target, "--interval", "0.5", "-q").stdout == ""
 
 
-def test_calls_that_make_no_sense(scan: Path, tmp_path: Path) -> None:
+def test_invalid_calls(scan: Path, tmp_path: Path) -> None:
     assert_usage(run("convert", scan, tmp_path / "a.las"), "must end in .h5 or .hdf5")
     container = tmp_path / "a.h5"
     assert run("convert", scan, container, "-q").exit_code == 0
-    assert_usage(run("convert", container, container), "is the input itself")
+    assert_usage(run("convert", container, container), "is the input file")
     for interval in ("0", "-1", "nan", "inf"):
         call = ("convert", scan, container, "--interval", interval)
-        assert_usage(run(*call), "no number of nanoseconds above 0")
-    assert_usage(run("convert", scan, container, "--channel", "up"), "is not a channel")
-    refused = run("convert", scan, container, "--interval", "1")
-    assert_trouble(refused, "stores its sampling interval")
+        assert_usage(run(*call), "must be a finite number above 0, in ns")
+    assert_usage(run("convert", scan, container, "--channel", "up"), "invalid channel 'up'")
+    assert_error(run("convert", scan, container, "--interval", "1"), "stores its sampling interval")
 
 
-def test_nothing_is_left_of_a_failed_run(scan: Path, tmp_path: Path) -> None:
+def test_failed_run_leaves_no_file(scan: Path, tmp_path: Path) -> None:
     (tmp_path / "a.txt").write_text("x", encoding="utf-8")
-    assert_trouble(run("convert", tmp_path / "a.txt", tmp_path / "a.h5"), "not a waveform file")
-    assert_trouble(run("convert", tmp_path / "none", tmp_path / "a.h5"), "No such file")
+    assert_error(run("convert", tmp_path / "a.txt", tmp_path / "a.h5"), "not a waveform file")
+    assert_error(run("convert", tmp_path / "none", tmp_path / "a.h5"), "No such file")
     lonely = tmp_path / "lonely.las"
     lonely.write_bytes(scan.read_bytes())
-    assert_trouble(run("convert", lonely, tmp_path / "a.h5"), "lonely.wdp does not exist")
+    assert_error(run("convert", lonely, tmp_path / "a.h5"), "lonely.wdp does not exist")
     lonely.with_suffix(".wdp").write_bytes(scan.with_suffix(".wdp").read_bytes()[:60])
-    assert_trouble(run("convert", lonely, tmp_path / "a.h5"), "no readable waveform")
+    assert_error(run("convert", lonely, tmp_path / "a.h5"), "no readable waveform")
     assert names(tmp_path) == ["a.txt", "lonely.las", "lonely.wdp"]
 
 
-def test_ten_lines_of_the_document_read_a_container(
+def test_code_of_the_document_reads_a_container(
     scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     document = (ROOT / "docs" / "file-formats.md").read_text(encoding="utf-8")

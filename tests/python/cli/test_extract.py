@@ -1,4 +1,4 @@
-"""The command line: files and options in, files, exit codes and sentences out."""
+"""``fullwaveform extract``: outputs, exit codes and messages."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ from typer.testing import Result
 import fullwaveform
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
-from ..support.command_line import assert_trouble, assert_usage, names, run
+from ..support.command_line import assert_error, assert_usage, names, run
 
 SHOTS = 300
 EXTRA = ["amplitude_db", "width_ns", "position", "echo_type", "quality", "reflectance"]
@@ -39,14 +39,14 @@ def original(tmp_path_factory: pytest.TempPathFactory) -> Path:
 
 @pytest.fixture
 def scan(original: Path, tmp_path: Path) -> Path:
-    """A scan in a folder of its own, without its truth."""
+    """A scan in its own folder, without its truth."""
     for suffix in (".las", ".wdp"):
         shutil.copy(original.with_suffix(suffix), tmp_path)
     return tmp_path / original.name
 
 
 def extract(scan: Path, output: Path, *options: str | Path) -> Result:
-    """A run that must end well."""
+    """A run that must succeed."""
     result = run("extract", scan, "-o", output, *options)
     assert result.exit_code == 0, result.output
     return result
@@ -69,8 +69,8 @@ def csv_columns(path: Path) -> dict[str, np.ndarray]:
 
 def test_las_to_las_and_csv_hold_the_same_echoes(scan: Path) -> None:
     las_path, csv_path = scan.with_name("echoes.las"), scan.with_name("echoes.csv")
-    extract(scan, las_path, "--noise", "20")
-    extract(scan, csv_path, "--noise", "20")
+    extract(scan, las_path, "--threshold", "20")
+    extract(scan, csv_path, "--threshold", "20")
     las, text = laspy.read(las_path), csv_columns(csv_path)
     assert str(las.header.version) == "1.4"
     assert las.header.point_format.id == 6
@@ -96,16 +96,16 @@ def test_input_stays_as_it_is(scan: Path, original: Path) -> None:
         assert scan.with_suffix(suffix).read_bytes() == original.with_suffix(suffix).read_bytes()
 
 
-def test_summary_tells_the_numbers_of_the_files(scan: Path) -> None:
+def test_summary_agrees_with_the_files(scan: Path) -> None:
     output = scan.with_name("echoes.las")
-    result = extract(scan, output, "--noise", "20", "--channel", "2=high")
+    result = extract(scan, output, "--threshold", "20", "--channel", "2=high")
     summary, source, echoes = table(result), laspy.read(scan), laspy.read(output)
     index = np.asarray(source["wavepacket_index"])
     packets = len(np.unique(np.asarray(source["wavepacket_offset"])[index > 0]))
     assert packets == 2 * SHOTS
     assert summary["points read"] == [(f"{len(source):,}", "")]
-    assert summary["without a packet"] == [(str(np.count_nonzero(index == 0)), "passed over")]
-    (sharing, _) = summary["sharing a packet"][0]
+    assert summary["points without waveform"] == [(str(np.count_nonzero(index == 0)), "skipped")]
+    (sharing, _) = summary["points sharing a waveform"][0]
     assert int(sharing) == np.count_nonzero(index > 0) - packets
     assert summary["waveforms"] == [(str(packets), "")]
     assert summary["echoes written"] == [(str(len(echoes)), "")]
@@ -121,7 +121,7 @@ def test_summary_tells_the_numbers_of_the_files(scan: Path) -> None:
     assert "after-pulse test switched off" in result.stdout
 
 
-def test_quiet_says_nothing(scan: Path) -> None:
+def test_quiet_prints_nothing(scan: Path) -> None:
     for option in ("-q", "--quiet"):
         assert extract(scan, scan.with_name("e.csv"), option).output == ""
 
@@ -133,17 +133,26 @@ def test_existing_output_is_replaced(scan: Path) -> None:
     assert output.read_text(encoding="ascii").startswith("x,y,z,gps_time,")
 
 
-def test_noise(scan: Path) -> None:
+def test_threshold(scan: Path) -> None:
     counts = {}
-    for noise in ("20", "200", "auto"):
-        extract(scan, scan.with_name("e.csv"), "--noise", noise)
-        counts[noise] = csv_columns(scan.with_name("e.csv"))["amplitude_counts"]
+    for threshold in ("20", "200", "estimate"):
+        extract(scan, scan.with_name("e.csv"), "--threshold", threshold)
+        counts[threshold] = csv_columns(scan.with_name("e.csv"))["amplitude_counts"]
     assert counts["20"].min() >= 20
     assert counts["200"].min() >= 200
     assert len(counts["20"]) > len(counts["200"]) > 0
     extract(scan, scan.with_name("default.csv"))
     default = csv_columns(scan.with_name("default.csv"))["amplitude_counts"]
-    np.testing.assert_array_equal(default, counts["auto"])
+    np.testing.assert_array_equal(default, counts["estimate"])
+
+
+@pytest.mark.parametrize(("former", "today"), [("auto", "estimate"), ("20", "20")])
+def test_former_name_of_the_threshold(scan: Path, former: str, today: str) -> None:
+    one, other = scan.with_name("one.csv"), scan.with_name("other.csv")
+    extract(scan, one, "--noise", former)
+    extract(scan, other, "--threshold", today)
+    assert one.read_bytes() == other.read_bytes()
+    assert "--noise" not in run("extract", "--help").stdout
 
 
 @pytest.mark.parametrize("mode", ["0", "three-point"])
@@ -156,7 +165,7 @@ def test_mode_by_number_and_name(scan: Path, mode: str) -> None:
 
 def test_channels(scan: Path) -> None:
     def flags(*options: str) -> dict[int, set[int]]:
-        extract(scan, scan.with_name("e.csv"), "--noise", "20", *options)
+        extract(scan, scan.with_name("e.csv"), "--threshold", "20", *options)
         text = csv_columns(scan.with_name("e.csv"))
         # The packets lie shot by shot, descriptor 1 first.
         odd = text["waveform_number"].astype(int) % 2 == 1
@@ -172,9 +181,9 @@ def test_channels(scan: Path) -> None:
 def test_scanner_description(scan: Path) -> None:
     description = scan.with_name("scanner.toml")
     description.write_text(TOML, encoding="utf-8")
-    extract(scan, scan.with_name("e.csv"), "--noise", "20")
+    extract(scan, scan.with_name("e.csv"), "--threshold", "20")
     one = csv_columns(scan.with_name("e.csv"))
-    result = extract(scan, scan.with_name("e.csv"), "--noise", "20", "--scanner", description)
+    result = extract(scan, scan.with_name("e.csv"), "--threshold", "20", "--scanner", description)
     assert "after-pulse test switched off" in result.stdout
     ten = csv_columns(scan.with_name("e.csv"))
     np.testing.assert_array_equal(ten["position"], one["position"])
@@ -184,7 +193,7 @@ def test_scanner_description(scan: Path) -> None:
 
 def test_after_pulse(scan: Path) -> None:
     def echoes(*options: str) -> int:
-        result = extract(scan, scan.with_name("e.csv"), "--noise", "20", *options)
+        result = extract(scan, scan.with_name("e.csv"), "--threshold", "20", *options)
         said = "after-pulse test switched off" in result.stdout
         assert said == (not options)
         return len(csv_columns(scan.with_name("e.csv"))["x"])
@@ -195,31 +204,34 @@ def test_after_pulse(scan: Path) -> None:
 
 
 @pytest.mark.parametrize(
-    ("options", "sentence"),
+    ("options", "message"),
     [
-        (["--mode", "4"], "'4' is none of three-point, decomposition, deconvolution, hybrid or"),
-        (["--mode", "best"], "'best' is none of three-point"),
-        (["--noise", "-1"], "'-1' is neither auto nor a number of counts, 0 to 65535"),
-        (["--noise", "65536"], "'65536' is neither auto nor a number of counts"),
-        (["--noise", "2.5"], "'2.5' is neither auto nor a number of counts"),
-        (["--channel", "middle"], "'middle' is not a channel: say low, high or 0 to 255"),
-        (["--channel", "256"], "'256' is not a channel"),
-        (["--channel", "256=high"], "'256=high' is not a channel"),
-        (["--channel", "2="], "'2=' is not a channel"),
-        (["--after-pulse", "5"], "'5' is neither off nor OFFSET,WIDTH in samples"),
-        (["--after-pulse", "5,-2"], "'5,-2' is neither off nor OFFSET,WIDTH"),
+        (
+            ["--mode", "4"],
+            "'4' must be three-point, decomposition, deconvolution, hybrid or 0",
+        ),
+        (["--mode", "best"], "'best' must be three-point"),
+        (["--threshold", "-1"], "'-1' must be 'estimate' or an integer from 0 to 65535"),
+        (["--threshold", "65536"], "'65536' must be 'estimate' or an integer"),
+        (["--threshold", "2.5"], "'2.5' must be 'estimate' or an integer"),
+        (["--channel", "middle"], "invalid channel 'middle'; expected low, high or 0 to 255"),
+        (["--channel", "256"], "invalid channel '256'"),
+        (["--channel", "256=high"], "invalid channel '256=high'"),
+        (["--channel", "2="], "invalid channel '2='"),
+        (["--after-pulse", "5"], "'5' must be 'off' or OFFSET,WIDTH, integers in samples"),
+        (["--after-pulse", "5,-2"], "'5,-2' must be 'off' or OFFSET,WIDTH"),
         (["--after-pulse", "4294967296,2"], "after-pulse offset 4294967296 must be a whole number"),
         (["--block", "0"], "greater than or equal to 1"),
         (["--block", "many"], "--block"),
         (["--colour", "red"], "No such option: --colour"),
     ],
 )
-def test_bad_option(scan: Path, options: list[str], sentence: str) -> None:
-    assert_usage(run("extract", scan, "-o", scan.with_name("echoes.las"), *options), sentence)
+def test_invalid_option(scan: Path, options: list[str], message: str) -> None:
+    assert_usage(run("extract", scan, "-o", scan.with_name("echoes.las"), *options), message)
     assert names(scan.parent) == ["scan.las", "scan.wdp"]
 
 
-def test_output_must_be_named_and_of_a_known_kind(scan: Path) -> None:
+def test_output_is_required_and_has_a_known_suffix(scan: Path) -> None:
     assert_usage(run("extract", scan), "Missing option '-o'")
     assert_usage(run("extract", scan, "-o", scan.with_name("e.dat")), "must end in .las,")
 
@@ -230,25 +242,23 @@ def test_input_is_never_the_output(scan: Path, original: Path) -> None:
     os.link(scan, twin)
     for output in (scan, link, twin, scan.parent / "." / "x" / ".." / "scan.las"):
         (scan.parent / "x").mkdir(exist_ok=True)
-        assert_usage(run("extract", scan, "-o", output), "is the input itself")
-    assert_usage(run("extract", link, "-o", scan), "is the input itself")
+        assert_usage(run("extract", scan, "-o", output), "is the input file")
+    assert_usage(run("extract", link, "-o", scan), "is the input file")
     assert scan.read_bytes() == original.read_bytes()
     assert link.is_symlink()
 
 
 @pytest.mark.parametrize("output", ["echoes.las", "echoes.csv"])
-def test_trouble_with_the_data_leaves_nothing_behind(scan: Path, output: str) -> None:
+def test_missing_samples_leave_the_old_output(scan: Path, output: str) -> None:
     target = scan.with_name(output)
     target.write_text("from yesterday", encoding="ascii")
     scan.with_suffix(".wdp").unlink()
-    assert_trouble(run("extract", scan, "-o", target), "scan.wdp")
+    assert_error(run("extract", scan, "-o", target), "scan.wdp")
     assert names(scan.parent) == sorted([output, "scan.las"])
     assert target.read_text(encoding="ascii") == "from yesterday"
 
 
-def test_trouble_in_the_middle_of_the_run_leaves_nothing_behind(
-    scan: Path, monkeypatch: pytest.MonkeyPatch
-) -> None:
+def test_error_during_the_run_leaves_no_file(scan: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     blocks = 0
 
     def fill_the_disk(*_: object) -> None:
@@ -260,30 +270,30 @@ def test_trouble_in_the_middle_of_the_run_leaves_nothing_behind(
     monkeypatch.setattr("fullwaveform.io.echo_writers.las._fill_standard_fields", fill_the_disk)
     result = run("extract", scan, "-o", scan.with_name("echoes.las"), "--block", "50")
     assert blocks == 3
-    assert_trouble(result, "echoes.las: No space left on device")
+    assert_error(result, "echoes.las: No space left on device")
     assert names(scan.parent) == ["scan.las", "scan.wdp"]
 
 
-def test_files_that_are_not_as_they_must_be(scan: Path) -> None:
+def test_invalid_files(scan: Path) -> None:
     folder, output = scan.parent, scan.with_name("echoes.las")
-    assert_trouble(run("extract", folder / "no.las", "-o", output), "no.las", "No such file")
-    assert_trouble(run("extract", folder, "-o", output), str(folder))
+    assert_error(run("extract", folder / "no.las", "-o", output), "no.las", "No such file")
+    assert_error(run("extract", folder, "-o", output), str(folder))
     text = folder / "text.las"
     text.write_text("no points", encoding="ascii")
-    assert_trouble(run("extract", text, "-o", output), "text.las")
+    assert_error(run("extract", text, "-o", output), "text.las")
     short = folder / "short.las"
     short.write_bytes(scan.read_bytes()[:-100])
-    assert_trouble(run("extract", short, "-o", output), "short.las", "truncated")
-    assert_trouble(run("extract", scan, "-o", folder / "no" / "e.las"), "the folder", "not exist")
-    assert_trouble(run("extract", scan, "-o", output, "--scanner", folder / "no.toml"), "no.toml")
-    assert_trouble(run("extract", scan, "-o", output, "--scanner", text), "is not a TOML file")
+    assert_error(run("extract", short, "-o", output), "short.las", "truncated")
+    assert_error(run("extract", scan, "-o", folder / "no" / "e.las"), "the folder", "not exist")
+    assert_error(run("extract", scan, "-o", output, "--scanner", folder / "no.toml"), "no.toml")
+    assert_error(run("extract", scan, "-o", output, "--scanner", text), "is not a TOML file")
     assert names(folder) == ["scan.las", "scan.wdp", "short.las", "text.las"]
 
 
-def test_mostly_empty_scan_is_told_and_reported(tmp_path: Path) -> None:
+def test_statistics_of_a_mostly_empty_scan(tmp_path: Path) -> None:
     settings = ScanSettings(shots=60, empty_fraction=0.6)
     scan = write_scan(simulate_scan(settings), tmp_path / "dim.las").las
-    result = extract(scan, tmp_path / "e.las", "--noise", "20")
+    result = extract(scan, tmp_path / "e.las", "--threshold", "20")
     report = tmp_path / "dim_Warning.txt"
     assert f"statistics appended to {report}" in result.stdout
     lines = report.read_text(encoding="ascii").splitlines()
@@ -291,6 +301,6 @@ def test_mostly_empty_scan_is_told_and_reported(tmp_path: Path) -> None:
     assert lines[-3] == "SignalTooLow: 72 -> 60[%] "
 
 
-def test_version_and_unknown_verbs() -> None:
+def test_version_and_unknown_command() -> None:
     assert run("--version").stdout == f"fullwaveform {fullwaveform.__version__}\n"
     assert_usage(run("extrude"), "No such command 'extrude'")

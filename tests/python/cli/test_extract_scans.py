@@ -13,7 +13,7 @@ import pytest
 from typer.testing import CliRunner
 
 from fullwaveform.analysis.matching import match_echoes
-from fullwaveform.cli.main import app
+from fullwaveform.cli.app import app
 from fullwaveform.simulation import (
     ScanSettings,
     TruthTable,
@@ -28,7 +28,7 @@ GRID = 0.001  # m, of the coordinates of both files
 PEAK_MEMORY = """
 import sys
 from pathlib import Path
-from fullwaveform.cli.main import app
+from fullwaveform.cli.app import app
 
 app(sys.argv[1:], standalone_mode=False)
 status = Path("/proc/self/status").read_text(encoding="ascii").splitlines()
@@ -37,7 +37,7 @@ print(*(line.split()[1] for line in status if line.startswith("VmHWM")))
 
 
 def extract(scan: Path, output: Path, *options: str) -> laspy.LasData:
-    call = ["extract", str(scan), "-o", str(output), "--noise", "20", "--quiet", *options]
+    call = ["extract", str(scan), "-o", str(output), "--threshold", "20", "--quiet", *options]
     result = CliRunner().invoke(app, call)
     assert result.exit_code == 0, result.output
     return laspy.read(output)
@@ -173,7 +173,7 @@ def repeated(scan: Path, times: int, target: Path) -> Path:
 
 def peak_memory(scan: Path, block: int, ending: str) -> float:
     """Most megabytes of the whole run, the program itself included."""
-    call = ["extract", str(scan), "-o", str(scan.with_suffix(ending)), "--noise", "20", "-q"]
+    call = ["extract", str(scan), "-o", str(scan.with_suffix(ending)), "--threshold", "20", "-q"]
     call += ["--workers", "2"]
     done = subprocess.run(
         [sys.executable, "-c", PEAK_MEMORY, *call, "--block", str(block)],

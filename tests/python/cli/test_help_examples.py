@@ -1,4 +1,4 @@
-"""The examples of every verb's help, run as they stand."""
+"""The examples in the help of every command, run unchanged."""
 
 from __future__ import annotations
 
@@ -13,13 +13,13 @@ from pathlib import Path
 import numpy as np
 import pytest
 
-from fullwaveform.cli.main import _VERBS
+from fullwaveform.cli.app import COMMANDS
 
 from ..support.command_line import run, words
 
 
-def examples(verb: str) -> list[str]:
-    module, function = _VERBS[verb]
+def examples(command: str) -> list[str]:
+    module, function = COMMANDS[command]
     text = textwrap.dedent(inspect.getdoc(getattr(import_module(module), function)) or "")
     return re.findall(r"^\s*(fullwaveform .+)$", text, flags=re.MULTILINE)
 
@@ -30,7 +30,7 @@ def files(tmp_path_factory: pytest.TempPathFactory) -> Path:
     folder = tmp_path_factory.mktemp("files")
     scan = folder / "scan.las"
     assert run("simulate", scan, "--shots", "1500").exit_code == 0
-    assert run("extract", scan, "-o", folder / "echoes.las", "--noise", "20").exit_code == 0
+    assert run("extract", scan, "-o", folder / "echoes.las", "--threshold", "20").exit_code == 0
     time = np.arange(0.0, 40.0)  # ns
     pulse = np.round(5000.0 * np.exp(-0.5 * ((time - 12.0) / 1.6) ** 2), 1)
     lines = [f"{t:g}, {a:g}" for t, a in zip(time, pulse, strict=True)]
@@ -41,16 +41,16 @@ def files(tmp_path_factory: pytest.TempPathFactory) -> Path:
     return folder
 
 
-@pytest.mark.parametrize("verb", _VERBS)
-def test_there_are_examples_and_the_help_shows_them(verb: str) -> None:
-    found = examples(verb)
+@pytest.mark.parametrize("command", COMMANDS)
+def test_help_shows_the_examples(command: str) -> None:
+    found = examples(command)
     assert len(found) >= 2
-    text = words(run(verb, "--help").stdout)
+    text = words(run(command, "--help").stdout)
     for example in found:
         assert example in text
 
 
-@pytest.mark.parametrize("example", [line for verb in _VERBS for line in examples(verb)])
+@pytest.mark.parametrize("example", [line for command in COMMANDS for line in examples(command)])
 def test_example(example: str, files: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.chdir(files)
     before = {path: path.stat().st_mtime_ns for path in files.iterdir()}

@@ -15,7 +15,7 @@ from fullwaveform.analysis.inspection import inspect_waveforms
 from fullwaveform.cli.info import _show
 from fullwaveform.io.opening import open_waveforms
 
-from ..support.command_line import assert_trouble, assert_usage, run, words
+from ..support.command_line import assert_error, assert_usage, run, words
 from ..support.las_scenes import Point, Scene
 
 # Baseline 11, see test_background.
@@ -24,7 +24,7 @@ FLAT_TOP = [10, 11, 12, 11, 100, 100, 13, 14]
 
 @pytest.fixture
 def scan(tmp_path: Path) -> Path:
-    """Two shots: one waveform seen by two points, one of another channel without an echo."""
+    """Two shots: one waveform of two points, one of the other channel without an echo."""
     packets = [(1, FLAT_TOP), (2, [10] * 8)]
     points = [Point(0, gps_time=1.5), Point(0, gps_time=1.5), Point(1, gps_time=2.0), Point(None)]
     scene = Scene([(1, 8, 8, 2000), (2, 8, 8, 2000)], packets, points)
@@ -38,8 +38,8 @@ def test_table(scan: Path) -> None:
     for line in (
         "scan.las: LAS 1.3, point format 4",
         "points 4",
-        "without a waveform 1",
-        "sharing a waveform 1",
+        "points without waveform 1",
+        "points sharing a waveform 1",
         "waveforms 2",
         "shots 2",
         "channels high (1 waveforms), low (1 waveforms)",
@@ -54,7 +54,7 @@ def test_table(scan: Path) -> None:
 
 
 def lines_of(scan: Path, encoding: str, width: int = 100) -> list[str]:
-    """What a terminal of the given encoding shows; fails on what it cannot show."""
+    """Output on a terminal of the given encoding; fails on characters outside of it."""
     stream = io.TextIOWrapper(io.BytesIO(), encoding=encoding, errors="strict")
     with open_waveforms(scan) as reader:
         _show(scan, inspect_waveforms(reader), Console(file=stream, width=width))
@@ -63,7 +63,7 @@ def lines_of(scan: Path, encoding: str, width: int = 100) -> list[str]:
 
 
 @pytest.mark.parametrize(("encoding", "sign"), [("utf-8", "█"), ("ascii", "#")])
-def test_bars_are_as_long_as_their_bins_are_full(scan: Path, encoding: str, sign: str) -> None:
+def test_bar_lengths_are_proportional_to_counts(scan: Path, encoding: str, sign: str) -> None:
     lines = lines_of(scan, encoding)
     start = lines.index("samples by value, counts")
     bars = {line.split()[0]: line.count(sign) for line in lines[start + 1 : lines.index("", start)]}
@@ -78,7 +78,7 @@ def test_ascii_terminal_gets_ascii_only(scan: Path) -> None:
     assert any(line.startswith("+--") for line in lines_of(scan, "ascii"))
 
 
-def test_bars_keep_their_ratio_on_a_narrow_terminal(scan: Path) -> None:
+def test_bar_lengths_stay_proportional_on_a_narrow_terminal(scan: Path) -> None:
     lines = lines_of(scan, "ascii", width=30)
     start = lines.index("samples by value, counts")
     bars = [line.count("#") for line in lines[start + 1 : lines.index("", start)]]
@@ -97,6 +97,8 @@ def test_json(scan: Path) -> None:
     assert found["sampling_intervals"] == [{"seconds": 2e-9, "waveforms": 2}]
     assert found["shots_by_waveforms"] == [{"waveforms": 1, "shots": 2}]
     assert found["baseline"] == {"median": 10.5, "low": 10.0, "high": 11.0}
+    assert set(found["noise_rms"]) == {"median", "low", "high"}
+    assert "noise" not in found
     assert found["saturated_share"] == 0.5
     histogram = found["value_histogram"]
     assert len(histogram["edges"]) == len(histogram["counts"]) + 1
@@ -116,24 +118,24 @@ def test_file_without_waveforms(tmp_path: Path) -> None:
     assert (found["waveforms"], found["baseline"], found["largest_value"]) == (0, None, None)
 
 
-def test_waveforms_left_out_are_told_with_their_reason(tmp_path: Path) -> None:
+def test_skipped_waveforms_are_listed_with_the_reason(tmp_path: Path) -> None:
     packets = [(1, FLAT_TOP), (1, FLAT_TOP)]
     scene = Scene([(1, 8, 8, 2000)], packets, [Point(0), Point(1, gps_time=2.0)])
     path = scene.write(tmp_path / "scan.las")
     os.truncate(path.with_suffix(".wdp"), 60 + 8 + 3)
     text = run("info", path).stdout
-    assert "\n1 left out: " in text
+    assert "\n1 skipped: " in text
 
 
-def test_archive_that_does_not_say_its_interval(tmp_path: Path) -> None:
+def test_archive_without_sampling_interval(tmp_path: Path) -> None:
     path = tmp_path / "plain.npz"
     np.savez(path, samples=np.full((2, 9), 5, np.uint16))
     text = words(run("info", path, "--interval", "0.5").stdout)
     assert "sampling interval 0.5 ns" in text
-    assert_usage(run("info", path, "--interval", "0"), "0.0 is no number of nanoseconds above 0")
+    assert_usage(run("info", path, "--interval", "0"), "'0' must be a finite number above 0, in ns")
 
 
-def test_files_that_are_none(tmp_path: Path) -> None:
-    assert_trouble(run("info", tmp_path / "no.las"), "no.las", "No such file")
+def test_invalid_files(tmp_path: Path) -> None:
+    assert_error(run("info", tmp_path / "no.las"), "no.las", "No such file")
     (tmp_path / "text.las").write_text("hello", encoding="ascii")
-    assert_trouble(run("info", tmp_path / "text.las"), "is not a waveform file")
+    assert_error(run("info", tmp_path / "text.las"), "is not a waveform file")

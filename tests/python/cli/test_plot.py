@@ -1,4 +1,4 @@
-"""``fullwaveform plot``: what is drawn, by which name, and bad calls."""
+"""``fullwaveform plot``: selection, content of the plot, invalid calls."""
 
 from __future__ import annotations
 
@@ -11,10 +11,10 @@ from fullwaveform.io.container.writer import ScanContainerWriter
 from fullwaveform.io.opening import open_waveforms
 
 from ..core import test_modes
-from ..support.command_line import assert_trouble, assert_usage, names, run
+from ..support.command_line import assert_error, assert_usage, names, run
 from ..support.las_scenes import Point, Scene
 
-# Through 50, 100, 50 goes a Gaussian 100 high; the other record stays below 10.
+# The Gaussian through 50, 100, 50 is 100 high; the other waveform stays below 10.
 ECHO = [0] * 20 + [50, 100, 50] + [0] * 17
 FLAT = [3] * 40
 
@@ -29,11 +29,11 @@ def scan(tmp_path: Path) -> Path:
 
 
 def svg(scan: Path, *options: str) -> str:
-    """Text of the picture of the scan, with the noise at 10 counts."""
+    """SVG text of the plot of the scan at a threshold of 10 counts."""
     path = scan.with_name("picture.svg")
-    result = run("plot", scan, "-o", path, "--noise", "10", *options)
+    result = run("plot", scan, "-o", path, "--threshold", "10", *options)
     assert result.exit_code == 0, result.output
-    assert f"picture: {path}" in result.stdout
+    assert f"result: {path}" in result.stdout
     return path.read_text(encoding="utf-8")
 
 
@@ -55,20 +55,20 @@ def test_all_channels_of_a_shot(scan: Path) -> None:
 def test_shot_by_its_time(scan: Path) -> None:
     assert "waveform 0, low-power" in svg(scan, "--time", "1.5000005")
     result = run("plot", scan, "-o", scan.with_name("a.svg"), "--time", "1.6")
-    assert_trouble(result, "no shot at 1.6 s; nearest shot: 1.5 s")
+    assert_error(result, "no shot at 1.6 s; nearest shot: 1.5 s")
 
 
-def test_modes_over_one_another(scan: Path) -> None:
+def test_several_modes_in_one_plot(scan: Path) -> None:
     picture = svg(scan, "--waveform", "0", "--mode", "0", "--mode", "decomposition", "--mode", "0")
     assert picture.count("three-point, 1 echo<") == 1
     assert picture.count("decomposition, ") == 1
 
 
-def test_summary_says_what_was_found(scan: Path) -> None:
-    result = run("plot", scan, "-o", scan.with_name("a.png"), "--shot", "1", "--noise", "10")
+def test_summary_lists_echoes_per_waveform(scan: Path) -> None:
+    result = run("plot", scan, "-o", scan.with_name("a.png"), "--shot", "1", "--threshold", "10")
     assert result.stdout.splitlines()[:2] == [
-        "waveform 1: three-point 1 echo",
-        "waveform 2: three-point signal not above the threshold",
+        "waveform 1, three-point: 1 echo",
+        "waveform 2, three-point: signal not above the threshold",
     ]
 
 
@@ -84,50 +84,50 @@ def test_description_in_the_file_is_used(tmp_path: Path) -> None:
     call = ["-o", tmp_path / "a.png", "--waveform", "0", "--mode", "deconvolution"]
     assert run("plot", tmp_path / "a.h5", *call, "--after-pulse", "off").exit_code == 0
     result = run("plot", path, *call, "--interval", "1")
-    assert_trouble(result, "needs the scanner's system wave")
+    assert_error(result, "needs the scanner's system wave")
 
 
 @pytest.mark.parametrize(
-    ("options", "sentence"),
+    ("options", "message"),
     [
-        (["--waveform", "1", "--shot", "0"], "not --waveform and --shot"),
-        (["--shot", "1", "--time", "1.5"], "not --shot and --time"),
-        (["--waveform", "1", "--shot", "0", "--time", "1"], "not --waveform and --shot and --time"),
-        ([], "say one of --waveform, --shot and --time, not none of them"),
+        (["--waveform", "1", "--shot", "0"], "got --waveform and --shot"),
+        (["--shot", "1", "--time", "1.5"], "got --shot and --time"),
+        (["--waveform", "1", "--shot", "0", "--time", "1"], "got --waveform and --shot and --time"),
+        ([], "expected one of --waveform, --shot and --time, got none"),
         (["--waveform", "-1"], "Invalid value for '--waveform'"),
-        (["--time", "nan"], "nan is no time in seconds"),
-        (["--waveform", "0", "--mode", "5"], "'5' is none of three-point"),
-        (["--waveform", "0", "--noise", "much"], "'much' is neither auto nor"),
-        (["--waveform", "0", "--interval", "0"], "0.0 is no number of nanoseconds above 0"),
+        (["--time", "nan"], "'nan' must be a finite number, in s"),
+        (["--waveform", "0", "--mode", "5"], "'5' must be three-point"),
+        (["--waveform", "0", "--threshold", "much"], "'much' must be 'estimate' or"),
+        (["--waveform", "0", "--interval", "0"], "'0' must be a finite number above 0, in ns"),
     ],
 )
-def test_bad_options(scan: Path, options: list[str], sentence: str) -> None:
+def test_invalid_options(scan: Path, options: list[str], message: str) -> None:
     before = names(scan.parent)
-    assert_usage(run("plot", scan, "-o", scan.with_name("a.png"), *options), sentence)
+    assert_usage(run("plot", scan, "-o", scan.with_name("a.png"), *options), message)
     assert names(scan.parent) == before
 
 
-def test_bad_outputs(scan: Path) -> None:
+def test_invalid_outputs(scan: Path) -> None:
     assert_usage(run("plot", scan, "--waveform", "0"), "Missing option")
     call = ["plot", scan, "--waveform", "0", "-o"]
-    assert_usage(run(*call, scan.with_name("a.txt")), "must end in .png, .pdf, .svg")
+    assert_usage(run(*call, scan.with_name("a.txt")), "must end in .png or .pdf or .svg")
     same = scan.with_name("scan.png")
     same.symlink_to(scan)
-    assert_usage(run(*call, same), "is the input itself")
-    assert_trouble(run(*call, scan.parent / "no" / "a.png"), "does not exist")
+    assert_usage(run(*call, same), "is the input file")
+    assert_error(run(*call, scan.parent / "no" / "a.png"), "does not exist")
 
 
-def test_trouble_with_the_file_leaves_no_picture(scan: Path) -> None:
+def test_error_leaves_no_plot(scan: Path) -> None:
     before = names(scan.parent)
     out = scan.with_name("a.png")
-    assert_trouble(run("plot", scan, "-o", out, "--waveform", "3"), "numbered 0 to 2")
-    assert_trouble(run("plot", scan, "-o", out, "--shot", "2"), "numbered 0 to 1")
-    assert_trouble(run("plot", scan.with_name("no.las"), "-o", out, "--shot", "2"), "No such file")
+    assert_error(run("plot", scan, "-o", out, "--waveform", "3"), "numbered 0 to 2")
+    assert_error(run("plot", scan, "-o", out, "--shot", "2"), "numbered 0 to 1")
+    assert_error(run("plot", scan.with_name("no.las"), "-o", out, "--shot", "2"), "No such file")
     assert names(scan.parent) == before
 
 
-def test_scanner_that_is_described_badly(scan: Path) -> None:
+def test_invalid_scanner_description(scan: Path) -> None:
     path = scan.with_name("scanner.toml")
     path.write_text("a = [", encoding="ascii")
     call = ["--waveform", "0", "--scanner", path]
-    assert_trouble(run("plot", scan, "-o", scan.with_name("a.png"), *call), "is not a TOML file")
+    assert_error(run("plot", scan, "-o", scan.with_name("a.png"), *call), "is not a TOML file")

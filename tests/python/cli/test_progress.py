@@ -1,4 +1,4 @@
-"""The bar that follows a pass on a terminal."""
+"""The progress bar on a terminal."""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ NAME = "flight_line_2026-11-21_north_strip_17.pls"
 
 
 def last_line(total: float, done: float, seconds: float) -> str:
-    """The bar of a long name on 80 columns, `seconds` after the beginning of the pass."""
+    """The bar of a long name on 80 columns, `seconds` after the start."""
     console = Console(file=io.StringIO(), force_terminal=True, width=80, color_system=None)
     progress = progress_bar(console, quiet=False)
     now = 0.0
@@ -27,7 +27,7 @@ def last_line(total: float, done: float, seconds: float) -> str:
     return line
 
 
-def test_rate_and_time_left_fit_beside_a_long_name() -> None:
+def test_rate_and_remaining_time_fit_next_to_a_long_name() -> None:
     # A quarter in 20 s, so 500,000 points per second and three times as long to go.
     line = last_line(4e7, 1e7, 20.0)
     assert line.startswith("flight_li…rip_17.pls ")
@@ -35,7 +35,7 @@ def test_rate_and_time_left_fit_beside_a_long_name() -> None:
     assert len(line) <= 80
 
 
-def test_short_names_stay_whole() -> None:
+def test_only_long_names_are_shortened() -> None:
     assert shortened("a" * 20) == "a" * 20
     assert shortened("b" + "a" * 20) == "b" + "a" * 8 + "…" + "a" * 10
     assert len(shortened(NAME)) == 20

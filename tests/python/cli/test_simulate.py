@@ -1,4 +1,4 @@
-"""``fullwaveform simulate``: files, and bad calls."""
+"""``fullwaveform simulate``: files, and invalid calls."""
 
 from __future__ import annotations
 
@@ -9,7 +9,7 @@ import pytest
 
 from fullwaveform.simulation import read_truth
 
-from ..support.command_line import assert_trouble, assert_usage, names, run
+from ..support.command_line import assert_error, assert_usage, names, run
 
 
 def test_simulate_writes_scan_and_truth(tmp_path: Path) -> None:
@@ -25,25 +25,25 @@ def test_simulate_writes_scan_and_truth(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize(
-    ("call", "sentence"),
+    ("call", "message"),
     [
         (["s.las", "--shots", "0"], "shots is 0, but must be at least 1"),
-        (["s.las", "--noise", "-1"], "noise_rms is -1.0, but must be not negative"),
+        (["s.las", "--noise-rms", "-1"], "noise_rms is -1.0, but must be not negative"),
         (["s.las", "--samples", "10"], "samples is 10, but must be enough for the lead-in"),
         (["s.las", "--seed", "-1"], "seed is -1"),
-        (["s.las", "--point-format", "6"], "6 is neither 4 nor 9"),
+        (["s.las", "--point-format", "6"], "6 must be 4 or 9"),
         (["s.laz"], "must end in .las"),
         ([], "Missing argument"),
     ],
 )
-def test_simulate_with_bad_options(
-    tmp_path: Path, monkeypatch: pytest.MonkeyPatch, call: list[str], sentence: str
+def test_invalid_options(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch, call: list[str], message: str
 ) -> None:
     monkeypatch.chdir(tmp_path)
-    assert_usage(run("simulate", *call), sentence)
+    assert_usage(run("simulate", *call), message)
     assert names(tmp_path) == []
 
 
-def test_simulate_into_a_folder_that_is_not_there(tmp_path: Path) -> None:
+def test_missing_folder(tmp_path: Path) -> None:
     result = run("simulate", tmp_path / "no" / "s.las", "--shots", "10")
-    assert_trouble(result, f"s.las: the folder {tmp_path / 'no'} does not exist")
+    assert_error(result, f"s.las: the folder {tmp_path / 'no'} does not exist")

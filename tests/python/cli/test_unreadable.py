@@ -1,4 +1,4 @@
-"""Waveforms that cannot be read, channels that are not there, echoes without a place."""
+"""Unreadable waveforms, channels that a file does not have, echoes without coordinates."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ import pytest
 from fullwaveform.io.opening import open_waveforms
 
 from ..support import las_scenes, pulsewaves_scenes
-from ..support.command_line import assert_trouble, assert_usage, names, run
+from ..support.command_line import assert_error, assert_usage, names, run
 from ..support.row_scenes import as_container
 
 
@@ -53,9 +53,9 @@ CASES: list[tuple[Callable[[Path], Path], list[str]]] = [
 ]
 
 
-@pytest.mark.parametrize(("make", "sentences"), CASES)
-def test_verbose_names_each_waveform_that_cannot_be_read(
-    make: Callable[[Path], Path], sentences: list[str], tmp_path: Path
+@pytest.mark.parametrize(("make", "messages"), CASES)
+def test_verbose_lists_each_unreadable_waveform(
+    make: Callable[[Path], Path], messages: list[str], tmp_path: Path
 ) -> None:
     source = make(tmp_path)
     options = ["--skip-unreadable", "--verbose"]
@@ -63,20 +63,20 @@ def test_verbose_names_each_waveform_that_cannot_be_read(
         ["extract", source, "-o", tmp_path / "e.csv"],
         ["convert", source, tmp_path / "e.h5"],
     ):
-        told = run(*call, *options)
-        assert told.exit_code == 0, told.output
-        assert [line for line in told.stderr.splitlines() if line in sentences] == sentences
+        listed = run(*call, *options)
+        assert listed.exit_code == 0, listed.output
+        assert [line for line in listed.stderr.splitlines() if line in messages] == messages
         silent = run(*call, "--skip-unreadable")
-        assert not set(silent.stderr.splitlines()) & set(sentences)
+        assert not set(silent.stderr.splitlines()) & set(messages)
 
 
-def test_info_names_them_too(tmp_path: Path) -> None:
-    told = run("info", cut_las(tmp_path), "--verbose", "--json")
-    assert told.stderr.splitlines() == CASES[0][1]
-    assert json.loads(told.stdout)["rejected"] == {"samples outside the file": 2}
+def test_info_lists_unreadable_waveforms(tmp_path: Path) -> None:
+    listed = run("info", cut_las(tmp_path), "--verbose", "--json")
+    assert listed.stderr.splitlines() == CASES[0][1]
+    assert json.loads(listed.stdout)["rejected"] == {"samples outside the file": 2}
 
 
-def test_sentences_come_block_by_block_and_not_for_counting_blocks(tmp_path: Path) -> None:
+def test_messages_come_block_by_block_and_not_while_counting_blocks(tmp_path: Path) -> None:
     met: list[str] = []
     with open_waveforms(cut_las(tmp_path), waveforms_per_block=1) as reader:
         reader.on_unreadable = met.append
@@ -90,73 +90,73 @@ def test_sentences_come_block_by_block_and_not_for_counting_blocks(tmp_path: Pat
     assert met == CASES[0][1]
 
 
-def test_quiet_and_verbose_contradict_each_other(tmp_path: Path) -> None:
+def test_quiet_and_verbose_are_exclusive(tmp_path: Path) -> None:
     source = cut_las(tmp_path)
     for call in (["convert", source, tmp_path / "e.h5"], ["info", source]):
-        assert_usage(run(*call, "-q", "-v"), "contradicts --verbose")
+        assert_usage(run(*call, "-q", "-v"), "cannot be combined with --verbose")
     assert not (tmp_path / "e.h5").exists()
 
 
 def calls(source: Path, target: Path) -> list[list[str | Path]]:
-    """Every verb that is told channels."""
+    """Every command with the option --channel."""
     return [
         ["extract", source, "-o", target / "e.csv"],
         ["info", source],
         ["plot", source, "--waveform", "0", "-o", target / "p.png"],
         ["report", source, "--waveform", "0"],
         ["convert", source, target / "c.h5"],
-        ["extract", source, "-o", target / "parts", "--cluster", "local"],
+        ["cluster", source, "-o", target / "parts", "--scheduler", "local"],
     ]
 
 
-@pytest.mark.parametrize("verb", range(6))
-def test_channels_that_the_file_does_not_have_are_refused(verb: int, tmp_path: Path) -> None:
+@pytest.mark.parametrize("index", range(6))
+def test_unknown_channels_are_refused(index: int, tmp_path: Path) -> None:
     source, target = las_scenes.four_shots().write(tmp_path / "scan.las"), tmp_path / "out"
     target.mkdir()
-    call = calls(source, target)[verb]
+    call = calls(source, target)[index]
     refused = run(*call, "--channel", "7=high", "--channel", "1=low", "--channel", "9=0")
-    assert_usage(refused, f"{source} has no packet descriptor or channel 7, 9; it has 1")
+    assert_usage(refused, f"no packet descriptor or channel 7, 9 in {source}; available: 1")
     assert list(target.iterdir()) == []
 
 
 @pytest.mark.parametrize(
-    ("make", "there"),
+    ("make", "available"),
     [
         (lambda folder: pulsewaves_scenes.two_channels().write(folder / "scan.pls"), "0, 1"),
         (archive, "0"),
     ],
 )
 def test_channels_of_other_formats(
-    make: Callable[[Path], Path], there: str, tmp_path: Path
+    make: Callable[[Path], Path], available: str, tmp_path: Path
 ) -> None:
     source = make(tmp_path)
     refused = run("info", source, "--channel", "3=high")
-    assert_usage(refused, f"{source} has no packet descriptor or channel 3; it has {there}")
+    assert_usage(refused, f"no packet descriptor or channel 3 in {source}; available: {available}")
     known = run("info", source, "--channel", "0=high", "--json")
     assert 0 in [entry["flag"] for entry in json.loads(known.stdout)["channels"]]
 
 
-def test_files_that_say_the_channels_themselves_tell_that_none_is_used(tmp_path: Path) -> None:
+def test_note_on_ignored_channels_of_files_with_their_own(tmp_path: Path) -> None:
     las = las_scenes.four_shots().write(tmp_path / "scan.las")
     archive(tmp_path)
     with np.load(tmp_path / "a.npz") as arrays:
         np.savez(tmp_path / "flags.npz", **arrays, channel_flags=[0, 1, 1])
     for source in (as_container(las, tmp_path / "scan.h5"), tmp_path / "flags.npz"):
-        told = run("info", source, "--channel", "3=high", "--json")
-        assert told.exit_code == 0, told.output
+        listed = run("info", source, "--channel", "3=high", "--json")
+        assert listed.exit_code == 0, listed.output
         note = "The file stores the channel of each waveform; the given channels were ignored."
-        assert note in json.loads(told.stdout)["notes"]
+        assert note in json.loads(listed.stdout)["notes"]
         assert note not in json.loads(run("info", source, "--json").stdout)["notes"]
 
 
 @pytest.mark.parametrize("ending", ["las", "laz"])
-def test_points_without_any_place_are_refused(ending: str, tmp_path: Path) -> None:
+def test_las_without_any_coordinates_is_refused(ending: str, tmp_path: Path) -> None:
     samples = np.full((2, 60), 5, np.uint16)
     samples[:, 30:33] = 40, 80, 40
     source, output = tmp_path / "a.npz", tmp_path / f"e.{ending}"
     np.savez(source, samples=samples, shot_times=[1.0, 2.0], sampling_interval=1e-9)
-    call = ["extract", source, "--noise", "10", "-o"]
-    sentence = f"{output} would be empty: none of the 2 echoes has a place in space"
-    assert_trouble(run(*call, output), sentence, "a table (.csv, .parquet, .h5)")
+    call = ["extract", source, "--threshold", "10", "-o"]
+    message = f"{output} would be empty: none of the 2 echoes has coordinates"
+    assert_error(run(*call, output), message, "write a table (.csv, .parquet, .h5)")
     assert names(tmp_path) == ["a.npz"]
     assert run(*call, tmp_path / "e.csv").exit_code == 0

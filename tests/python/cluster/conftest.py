@@ -1,4 +1,4 @@
-"""Two workers for all tests that need no more than workers."""
+"""Two workers that tests share."""
 
 from __future__ import annotations
 
@@ -6,15 +6,15 @@ from collections.abc import Iterator
 
 import pytest
 
-from ..support.child_processes import end_what_was_left
+from ..support.child_processes import kill_started
 from .processes import scheduler, workers
 
 
 @pytest.fixture(autouse=True)
-def nothing_runs_on() -> Iterator[None]:
-    """Whatever becomes of a test, its processes end with it."""
+def no_process_left() -> Iterator[None]:
+    """Processes end with their test, also after a failure."""
     yield
-    end_what_was_left()
+    kill_started()
 
 
 @pytest.fixture(scope="session")

@@ -1,9 +1,8 @@
-"""Loaded by the workers of a test at their start: a chosen range of blocks does not go on.
+"""Loaded by the workers of a test at their start: stops a chosen part half-way.
 
-The worker that gets it in the middle of its part says its number in a file ``held`` of the folder
-HOLD_FOLDER and waits there; HOLD_BLOCK is the first block of the range. Once the file ``go`` stands
-there as well, the range is worked on as any other. With HOLD_KILLS every worker that meets the
-range kills itself.
+HOLD_BLOCK is the first block of the part. Its worker writes its process number to the file ``held``
+in the folder HOLD_FOLDER and waits until the file ``go`` exists there. With HOLD_KILLS every worker
+that gets the part kills itself.
 """
 
 from __future__ import annotations
@@ -17,17 +16,17 @@ from typing import Any
 
 from fullwaveform.cluster import work
 
-_noted, _extract_unit = work._noted, work._extract_unit
+_counted, _extract_unit = work._counted, work._extract_unit
 _current: dict[str, int] = {}
 
 
-def _remembering(unit: work.Unit) -> work.Plain:
+def _recording(unit: work.Unit) -> work.UnitResult:
     _current["first"] = unit.first
     return _extract_unit(unit)
 
 
 def _held(extracted: Any, outcome: Any) -> Iterator[Any]:
-    for number, block in enumerate(_noted(extracted, outcome)):
+    for number, block in enumerate(_counted(extracted, outcome)):
         if number == 1 and _current["first"] == int(os.environ["HOLD_BLOCK"]):
             _hold()
         yield block
@@ -47,4 +46,4 @@ def _hold() -> None:
 
 def dask_setup(worker: Any) -> None:
     if "HOLD_BLOCK" in os.environ:
-        work._extract_unit, work._noted = _remembering, _held
+        work._extract_unit, work._counted = _recording, _held

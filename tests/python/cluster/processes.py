@@ -1,4 +1,4 @@
-"""A scheduler and workers of dask.distributed as processes of their own on the loopback."""
+"""A scheduler and workers of dask.distributed as processes on the loopback interface."""
 
 from __future__ import annotations
 
@@ -9,13 +9,13 @@ from collections.abc import Iterator
 from contextlib import ExitStack, contextmanager
 from pathlib import Path
 
-from ..support.child_processes import environment, started, until
+from ..support.child_processes import environment, started, wait_until
 
 HOLD = Path(__file__).with_name("held_workers.py")
 
 
 def hold(folder: Path, block: int, **more: str) -> dict[str, str]:
-    """Variables by which workers hold the range that begins with the block."""
+    """Environment variables by which workers hold the part that starts at the block."""
     return {
         "HOLD_FOLDER": str(folder),
         "HOLD_BLOCK": str(block),
@@ -25,7 +25,7 @@ def hold(folder: Path, block: int, **more: str) -> dict[str, str]:
 
 
 def command(*call: str | Path, **variables: str) -> subprocess.Popen[str]:
-    """The command line as a process with a group of its own, as a terminal starts it."""
+    """The command line in its own process group, as a terminal starts it."""
     return started(
         subprocess.Popen(
             [sys.executable, "-m", "fullwaveform", *map(str, call)],
@@ -40,7 +40,7 @@ def command(*call: str | Path, **variables: str) -> subprocess.Popen[str]:
 
 @contextmanager
 def dask(*call: str, **variables: str) -> Iterator[subprocess.Popen[bytes]]:
-    """A process of Dask that ends with the block."""
+    """A Dask process that ends with the block."""
     process = subprocess.Popen(
         [sys.executable, "-m", "dask", *call],
         env=environment(**variables),
@@ -60,13 +60,13 @@ def scheduler(folder: Path, **variables: str) -> Iterator[tuple[str, subprocess.
     file = folder / "scheduler.json"
     call = ("scheduler", "--host", "127.0.0.1", "--port", "0", "--scheduler-file", str(file))
     with dask(*call, "--no-dashboard", "--no-show", **variables) as process:
-        address = until(lambda: file.exists() and _address(file))
+        address = wait_until(lambda: file.exists() and _address(file))
         yield address, process
 
 
 @contextmanager
 def workers(address: str, number: int, **variables: str) -> Iterator[list[subprocess.Popen[bytes]]]:
-    """Processes of one thread each, which nobody starts again when they are lost."""
+    """Worker processes of one thread each, without a nanny to restart them."""
     call = ("worker", address, "--nthreads", "1", "--no-nanny", "--no-dashboard")
     call += ("--host", "127.0.0.1", "--death-timeout", "60")
     with ExitStack() as stack:
@@ -76,6 +76,6 @@ def workers(address: str, number: int, **variables: str) -> Iterator[list[subpro
 def _address(file: Path) -> str:
     try:
         address: str = json.loads(file.read_text(encoding="utf-8"))["address"]
-    except ValueError:  # not yet whole
+    except ValueError:  # not completely written yet
         return ""
     return address

@@ -18,42 +18,42 @@ from ..support.pulsewaves_scenes import Descriptor, Pulse, Sampling, Scene
 
 
 def las_scan(path: Path, shots: int = 300, seed: int = 5) -> Path:
-    """Two channels, empty shots, points without packets."""
+    """Two channels, empty shots, points without waveform."""
     return write_scan(simulate_scan(ScanSettings(shots=shots, seed=seed)), path).las
 
 
 def pulsewaves_scan(path: Path, pulses: int = 150) -> Path:
     """Pulses of one to three segments with one echo each, every tenth flat."""
-    random = np.random.default_rng(3)
+    rng = np.random.default_rng(3)
     sampling = Sampling(duration_bits=32, segment_bits=8, count_bits=8)
     time = np.arange(40)
     found = []
     for number in range(pulses):
         height = 0.0 if number % 10 == 0 else 150.0
         segments = []
-        for segment in range(random.integers(1, 4)):
-            centre, width = random.uniform(10.0, 30.0), random.uniform(1.5, 3.0)
+        for segment in range(rng.integers(1, 4)):
+            centre, width = rng.uniform(10.0, 30.0), rng.uniform(1.5, 3.0)
             pulse = 5.0 + height * np.exp(-0.5 * ((time - centre) / width) ** 2)
-            noisy = np.rint(pulse + random.uniform(-1.0, 1.0, len(time)))
+            noisy = np.rint(pulse + rng.uniform(-1.0, 1.0, len(time)))
             segments.append((100 * segment, noisy.astype(int).tolist()))
         found.append(Pulse([segments], time=1_000 * number, anchor=(number, 2 * number, 0)))
     return Scene([Descriptor(1, [sampling])], found).write(path)
 
 
 def single_run(source: Path, output: Path, *options: str) -> pa.Table:
-    """The table of one machine."""
+    """The table that extract writes."""
     result = run("extract", source, "-o", output, "-q", *options)
     assert result.exit_code == 0, result.output
     return pyarrow.parquet.read_table(output)
 
 
 def parts_table(folder: Path) -> pa.Table:
-    """The parts one behind the other."""
+    """The parts, concatenated."""
     return pa.concat_tables(read_parts(folder))
 
 
 def assert_same_rows(found: pa.Table, expected: pa.Table) -> None:
-    """Equal names, types, order and values, NaN too."""
+    """Equal names, types, order and values, including NaN."""
     assert found.schema.equals(expected.schema, check_metadata=True)
     assert found.num_rows == expected.num_rows > 0
     for name in expected.schema.names:
@@ -61,7 +61,7 @@ def assert_same_rows(found: pa.Table, expected: pa.Table) -> None:
 
 
 def manifest_of(folder: Path) -> dict[str, Any]:
-    """The manifest as anybody reads it."""
+    """The manifest as plain JSON."""
     content: dict[str, Any] = json.loads((folder / "manifest.json").read_text(encoding="utf-8"))
     return content
 
@@ -71,14 +71,19 @@ def states(folder: Path) -> dict[str, str]:
     return {part["file"]: part["state"] for part in manifest_of(folder)["parts"]}
 
 
+def done_parts(folder: Path) -> int:
+    """Number of finished parts."""
+    return list(states(folder).values()).count("done")
+
+
 def times(folder: Path) -> dict[str, int]:
-    """When each part was written."""
+    """Modification time of each part."""
     found = folder.glob("part-*")
     return {path.name: path.stat().st_mtime_ns for path in found}
 
 
 def table_lines(stdout: str) -> list[str]:
-    """The rows of a summary but that of the time, without their frame."""
+    """The rows of a summary without the time and without frames."""
     rows = [line.split("│") for line in stdout.splitlines() if line.count("│") == 4]
     cells = [[cell.strip() for cell in row[1:4]] for row in rows]
     return [" | ".join(row) for row in cells if row[0] != "time"]

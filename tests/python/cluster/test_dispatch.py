@@ -1,4 +1,4 @@
-"""Handing units over: a bounded number at a time, and what comes back in place of data."""
+"""Submission of units: a bounded number at a time, and results of failed units."""
 
 from __future__ import annotations
 
@@ -9,14 +9,13 @@ from typing import Any
 
 import pytest
 
-from fullwaveform.cluster.dispatch import Dispatcher
-from fullwaveform.cluster.work import Plain
+from fullwaveform.cluster.dispatch import Dispatcher, NumberedUnit
 
 
 class Done:
-    """A unit that is done at once."""
+    """A future that is done at once."""
 
-    def __init__(self, work: Callable[[], Plain]) -> None:
+    def __init__(self, work: Callable[[], str]) -> None:
         self.result = work
 
     def add_done_callback(self, call: Callable[[Any], None]) -> None:
@@ -24,68 +23,84 @@ class Done:
 
 
 class Scheduler:
-    """Two workers of one thread each; what the dispatcher asks of a client."""
+    """Two workers of one thread each; the part of a client that the dispatcher uses."""
 
     def __init__(self) -> None:
-        self.handed_over = 0
-        self.withdrawn = 0
+        self.submitted = 0
+        self.cancelled = 0
 
     def ncores(self) -> dict[str, int]:
         return {"one": 1, "other": 1}
 
-    def submit(self, function: Callable[[Plain], Plain], plain: Plain, *, pure: bool) -> Done:
+    def submit(self, function: Callable[[str], str], text: str, *, pure: bool) -> Done:
         assert not pure
-        self.handed_over += 1
-        return Done(partial(function, plain))
+        self.submitted += 1
+        return Done(partial(function, text))
 
     def cancel(self, futures: list[Done], *, force: bool) -> None:
-        self.withdrawn += len(futures)
+        self.cancelled += len(futures)
 
 
-def units(count: int) -> list[tuple[int, Callable[[], Plain]]]:
-    return [(number, partial(dict, value=number)) for number in range(count)]
+class KilledWorker(Exception):  # noqa: N818, the name of Dask's exception
+    """As Dask's: the number of allowed failures is one less than the number of lost workers."""
+
+    allowed_failures = 3
 
 
-def doubled(plain: Plain) -> Plain:
-    return {"value": 2 * plain["value"]}
+def units(count: int) -> list[NumberedUnit]:
+    return [(number, partial(str, number)) for number in range(count)]
 
 
-def test_two_units_per_thread_are_handed_over() -> None:
+def doubled(text: str) -> str:
+    return f'{{"blocks": {2 * int(text)}}}'
+
+
+def test_two_units_per_thread_are_submitted() -> None:
     scheduler, results = Scheduler(), {}
     for number, result in Dispatcher(scheduler, lambda _: None).run(doubled, units(50)):
-        results[number] = result["value"]
-        assert scheduler.handed_over <= len(results) + 3
+        results[number] = result.blocks
+        assert scheduler.submitted <= len(results) + 3
     assert results == {number: 2 * number for number in range(50)}
-    assert (scheduler.handed_over, scheduler.withdrawn) == (50, 0)
+    assert (scheduler.submitted, scheduler.cancelled) == (50, 0)
 
 
-def test_units_that_are_not_wanted_any_more_are_withdrawn() -> None:
+def test_remaining_units_are_cancelled() -> None:
     scheduler = Scheduler()
     run = Dispatcher(scheduler, lambda _: None).run(doubled, units(50))
     next(run)
     run.close()  # type: ignore[attr-defined]
-    assert (scheduler.handed_over, scheduler.withdrawn) == (4, 3)
+    assert (scheduler.submitted, scheduler.cancelled) == (4, 3)
 
 
 @pytest.mark.parametrize(
-    ("error", "sentence"),
+    ("error", "message"),
     [
-        (ModuleNotFoundError("No module named 'fullwaveform'"), "all machines must have the same"),
-        (CancelledError(), "the connection to the scheduler is lost"),
+        (ModuleNotFoundError("No module named 'fullwaveform'"), "install the same version"),
+        (CancelledError(), "connection to the scheduler lost; restart the scheduler"),
     ],
 )
-def test_what_comes_back_in_place_of_data(error: BaseException, sentence: str) -> None:
-    def failing(plain: Plain) -> Plain:
+def test_errors_that_end_the_run(error: BaseException, message: str) -> None:
+    def failing(text: str) -> str:
         raise error
 
-    with pytest.raises(OSError, match=sentence):
+    with pytest.raises(OSError, match=message):
         next(Dispatcher(Scheduler(), lambda _: None).run(failing, units(1)))
 
 
-def test_the_scheduler_does_not_answer(monkeypatch: pytest.MonkeyPatch) -> None:
+def test_unit_that_loses_its_workers_is_marked() -> None:
+    def killing(text: str) -> str:
+        raise KilledWorker
+
+    ((_, result),) = Dispatcher(Scheduler(), lambda _: None).run(killing, units(1))
+    assert result.lost_workers
+    assert not result.ends_run
+    assert result.error == "unit failed on 4 workers (out of memory?); reduce --block"
+
+
+def test_scheduler_does_not_answer(monkeypatch: pytest.MonkeyPatch) -> None:
     def silent(self: Scheduler) -> dict[str, int]:
         raise OSError("closed")
 
     monkeypatch.setattr(Scheduler, "ncores", silent)
-    with pytest.raises(OSError, match="the connection to the scheduler is lost"):
+    with pytest.raises(OSError, match="connection to the scheduler lost"):
         next(Dispatcher(Scheduler(), lambda _: None).run(doubled, units(1)))

@@ -1,4 +1,4 @@
-"""A wait for the workers ends when it is asked to."""
+"""Waiting for the workers ends after a signal."""
 
 from __future__ import annotations
 
@@ -8,16 +8,16 @@ from typing import Any
 
 import pytest
 
-from fullwaveform.cli.signals import Ended
+from fullwaveform.cli.signals import SignalExit
 from fullwaveform.cluster.dispatch import Dispatcher
 from fullwaveform.io.interruption import request_end
 
 
 class _BusyWorker:
-    """Takes units and is never done with one."""
+    """Accepts units and never finishes one."""
 
     def __init__(self) -> None:
-        self.withdrawn = 0
+        self.cancelled = 0
 
     def ncores(self) -> dict[str, int]:
         return {"worker": 1}
@@ -26,17 +26,17 @@ class _BusyWorker:
         return Future()
 
     def cancel(self, futures: list[Any], force: bool) -> None:
-        self.withdrawn += len(futures)
+        self.cancelled += len(futures)
 
 
-def test_a_signal_that_came_while_the_manifest_was_written_ends_the_wait() -> None:
-    """There it is not raised; the next output may be hours away."""
+def test_signal_during_writing_of_the_manifest_ends_the_wait() -> None:
+    """Writing is not interrupted, and the next output may be hours away."""
     client = _BusyWorker()
-    units = Dispatcher(client, lambda _: None).run(lambda unit: unit, [(0, dict), (1, dict)])
-    request_end(Ended(signal.SIGTERM))
+    units = Dispatcher(client, lambda _: None).run(lambda unit: unit, [(0, str), (1, str)])
+    request_end(SignalExit(signal.SIGTERM))
     try:
-        with pytest.raises(Ended):
+        with pytest.raises(SignalExit):
             next(units)
     finally:
         request_end(None)
-    assert client.withdrawn == 2
+    assert client.cancelled == 2

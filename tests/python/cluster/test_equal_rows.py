@@ -1,4 +1,4 @@
-"""Parts of several workers are, one behind the other, what one machine writes."""
+"""The concatenated parts of several workers equal the output of extract."""
 
 from __future__ import annotations
 
@@ -30,12 +30,12 @@ def container_scan(path: Path) -> Path:
 
 
 def on_cluster(address: str, *call: str | Path) -> str:
-    result = run("extract", *call, "--cluster", address)
+    result = run("cluster", *call, "--scheduler", address)
     assert result.exit_code == 0, result.output
     return result.stdout
 
 
-@pytest.mark.parametrize("unit_blocks", [1, 4, 1000])
+@pytest.mark.parametrize("blocks", [1, 4, 1000])
 @pytest.mark.parametrize(
     ("make", "name", "channel"),
     [
@@ -44,23 +44,23 @@ def on_cluster(address: str, *call: str | Path) -> str:
         (container_scan, "scan.h5", "2=high"),
     ],
 )
-def test_of_any_format_in_units_of_any_size(
+def test_any_format_in_parts_of_any_size(
     address: str,
     tmp_path: Path,
     make: Callable[[Path], Path],
     name: str,
     channel: str,
-    unit_blocks: int,
+    blocks: int,
 ) -> None:
     source, folder = make(tmp_path / name), tmp_path / "parts"
-    options = ["--noise", "20", "--block", "40", "--channel", channel]
+    options = ["--threshold", "20", "--block", "40", "--channel", channel]
     expected = single_run(source, tmp_path / "single.parquet", *options)
-    shown = on_cluster(address, source, "-o", folder, *options, "--unit-blocks", str(unit_blocks))
+    shown = on_cluster(address, source, "-o", folder, *options, "--blocks-per-part", str(blocks))
     assert_same_rows(parts_table(folder), expected)
     manifest = manifest_of(folder)
     (file,) = manifest["inputs"]
     assert file["blocks"] > 4
-    assert len(manifest["parts"]) == -(-file["blocks"] // unit_blocks)
+    assert len(manifest["parts"]) == -(-file["blocks"] // blocks)
     assert sum(part["outcome"]["rows"] for part in manifest["parts"]) == expected.num_rows
     assert names(folder) == sorted(["manifest.json", *(p["file"] for p in manifest["parts"])])
     single = run("extract", source, "-o", tmp_path / "single.parquet", *options)
@@ -68,7 +68,7 @@ def test_of_any_format_in_units_of_any_size(
     assert len(table_lines(shown)) > 5
 
 
-def test_several_files_stand_one_behind_the_other(address: str, tmp_path: Path) -> None:
+def test_several_files_in_order(address: str, tmp_path: Path) -> None:
     sources = [
         las_scan(tmp_path / "b.las", shots=150, seed=1),
         pulsewaves_scan(tmp_path / "a.pls", pulses=60),
@@ -76,7 +76,9 @@ def test_several_files_stand_one_behind_the_other(address: str, tmp_path: Path) 
     ]
     options = ["--block", "50", "--keep-empty", "--mode", "decomposition"]
     expected = [single_run(s, s.with_suffix(".parquet"), *options) for s in sources]
-    shown = on_cluster(address, *sources, "-o", tmp_path / "parts", *options, "--unit-blocks", "2")
+    shown = on_cluster(
+        address, *sources, "-o", tmp_path / "parts", *options, "--blocks-per-part", "2"
+    )
     assert_same_rows(parts_table(tmp_path / "parts"), pa.concat_tables(expected))
     assert "3 files" in shown
     rows = sum(table.num_rows for table in expected)
@@ -88,13 +90,13 @@ def test_several_files_stand_one_behind_the_other(address: str, tmp_path: Path) 
     )
 
 
-def test_points_and_lines_of_text(address: str, tmp_path: Path) -> None:
+def test_las_and_csv_parts(address: str, tmp_path: Path) -> None:
     source = las_scan(tmp_path / "scan.las")
-    options = ["--block", "60", "--noise", "20"]
+    options = ["--block", "60", "--threshold", "20"]
     for ending in ("las", "csv"):
         single, folder = tmp_path / f"single.{ending}", tmp_path / ending
         assert run("extract", source, "-o", single, *options).exit_code == 0
-        options_of_parts = ["--unit-blocks", "3", "--part-format", ending]
+        options_of_parts = ["--blocks-per-part", "3", "--format", ending]
         on_cluster(address, source, "-o", folder, *options, *options_of_parts)
         paths = part_paths(folder)
         assert len(paths) == 4
@@ -108,13 +110,13 @@ def test_points_and_lines_of_text(address: str, tmp_path: Path) -> None:
             assert [line for part in parts for line in part[1:]] == lines
 
 
-def test_statistics_of_suspicious_blocks_stand_in_order(address: str, tmp_path: Path) -> None:
-    """Far above the signals' height nearly all waveforms are rejected, in every block."""
+def test_statistics_of_suspicious_blocks_are_in_order(address: str, tmp_path: Path) -> None:
+    """At a threshold above nearly all signals every block is suspicious."""
     source, folder = las_scan(tmp_path / "scan.las"), tmp_path / "parts"
-    options = ["--noise", "3000", "--block", "45"]
+    options = ["--threshold", "3000", "--block", "45"]
     single = run("extract", source, "-o", tmp_path / "echoes.csv", *options)
     assert single.exit_code == 0
-    shown = on_cluster(address, source, "-o", folder, *options, "--unit-blocks", "2")
+    shown = on_cluster(address, source, "-o", folder, *options, "--blocks-per-part", "2")
     expected = (tmp_path / "scan_Warning.txt").read_bytes()
     assert expected.count(b"NumberOfWaves: ") > 4
     assert (folder / "scan_Warning.txt").read_bytes() == expected
@@ -122,19 +124,25 @@ def test_statistics_of_suspicious_blocks_stand_in_order(address: str, tmp_path: 
     assert f"statistics appended to {folder / 'scan_Warning.txt'}" in words(shown)
 
 
-def test_echoes_that_a_las_file_cannot_hold_are_counted_together(
-    address: str, tmp_path: Path
-) -> None:
-    """A grid of nanometres: 32 bits reach 2 m, and echoes lie metres from the anchors."""
+def test_echoes_that_las_cannot_represent_are_counted_once(address: str, tmp_path: Path) -> None:
+    """With a scale of 1 nm 32 bits reach 2 m, and echoes are metres from the anchors."""
     source = las_scan(tmp_path / "scan.las")
     content = bytearray(source.read_bytes())
     content[131:155] = np.full(3, 1e-9).tobytes()  # the scales in the header of a LAS file
     source.write_bytes(content)
-    options = ["--noise", "20", "--block", "40"]
+    options = ["--threshold", "20", "--block", "40"]
     single = run("extract", source, "-o", tmp_path / "single.las", *options)
-    shown = on_cluster(address, source, "-o", tmp_path / "p", *options, "--part-format", "las",
-                       "--unit-blocks", "2")  # fmt: skip
-    note = [line for line in single.stdout.splitlines() if "left out" in line]
+    shown = on_cluster(address, source, "-o", tmp_path / "p", *options, "--format", "las",
+                       "--blocks-per-part", "2")  # fmt: skip
+    note = [
+        line
+        for line in single.stdout.splitlines()
+        if "echoes skipped: coordinates" in " ".join(line.split())
+    ]
     assert len(note) == 1
-    assert note == [line for line in shown.splitlines() if "left out" in line]
+    assert note == [
+        line
+        for line in shown.splitlines()
+        if "echoes skipped: coordinates" in " ".join(line.split())
+    ]
     assert table_lines(shown) == table_lines(single.stdout)

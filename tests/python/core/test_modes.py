@@ -11,7 +11,7 @@ import pytest
 from typer.testing import CliRunner
 
 from fullwaveform import Driver, Mode, Result, RowState, Scanner
-from fullwaveform.cli.main import app
+from fullwaveform.cli.app import app
 from fullwaveform.core.scanner import DEFAULT_ATTRIBUTES, NO_AFTER_PULSE
 from fullwaveform.io.las.reader import LasWaveformReader
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan

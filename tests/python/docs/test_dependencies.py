@@ -54,7 +54,10 @@ def locked() -> dict[str, str]:
 def test_what_runs() -> None:
     plain, extras = tables("Python, at run time")
     assert expanded(plain) == dict(map(split, project()["project"]["dependencies"]))
-    stated = {extra: [(name, version)] for extra, name, version, why in extras if why}
+    stated: dict[str, list[tuple[str, str]]] = {}
+    for extra, name, version, why in extras:
+        assert why
+        stated.setdefault(extra, []).append((name, version))
     optional = project()["project"]["optional-dependencies"]
     assert stated == {extra: list(map(split, needs)) for extra, needs in optional.items()}
 

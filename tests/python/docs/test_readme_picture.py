@@ -35,7 +35,7 @@ def folder(tmp_path_factory: pytest.TempPathFactory) -> Path:
         results = [run(*call) for call in commands()]
     assert [result.exit_code for result in results] == [0, 0, 0]
     assert results[-1].stdout.startswith(
-        "waveform 2448: three-point 2 echoes; decomposition 4 echoes; deconvolution 3 echoes\n"
+        "waveform 2448, three-point: 2 echoes; decomposition: 4 echoes; deconvolution: 3 echoes\n"
     )
     return folder
 

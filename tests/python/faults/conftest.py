@@ -1,4 +1,4 @@
-"""Scans that the commands work on, never changed by a test."""
+"""A scan that tests read and do not change."""
 
 from __future__ import annotations
 
@@ -9,18 +9,18 @@ import pytest
 
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
-from ..support.child_processes import end_what_was_left
+from ..support.child_processes import kill_started
 
 
 @pytest.fixture(autouse=True)
-def nothing_runs_on() -> Iterator[None]:
-    """Whatever becomes of a test, its processes end with it."""
+def no_process_left() -> Iterator[None]:
+    """Processes end with their test, also after a failure."""
     yield
-    end_what_was_left()
+    kill_started()
 
 
 @pytest.fixture(scope="session")
 def scan(tmp_path_factory: pytest.TempPathFactory) -> Path:
-    """400 shots of two channels with a point each, at least: 800 waveforms."""
+    """400 shots of two channels: 800 waveforms."""
     folder = tmp_path_factory.mktemp("faults")
     return write_scan(simulate_scan(ScanSettings(shots=400)), folder / "scan.las").las

@@ -8,7 +8,7 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
-from ..support.child_processes import PATIENCE, environment, started
+from ..support.child_processes import TIMEOUT_S, environment, started
 
 SLOW = Path(__file__).with_name("slow_command.py")
 
@@ -24,7 +24,7 @@ def finished(
         stderr=subprocess.PIPE,
         text=True,
         check=False,
-        timeout=PATIENCE,
+        timeout=TIMEOUT_S,
         preexec_fn=before,
     )
 

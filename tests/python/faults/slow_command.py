@@ -9,7 +9,7 @@ import sys
 import time
 from typing import Any
 
-from fullwaveform.cli.start import main
+from fullwaveform.cli.main import main
 
 SHORT, LONG = 0.1, 300.0  # s
 

@@ -17,7 +17,7 @@ from .processes import assert_told, finished
 
 Call = tuple[str | Path, ...]
 
-NOISE = ("--noise", "20")
+NOISE = ("--threshold", "20")
 #: What is written and the call that writes it, from the scan, without the output.
 OUTPUTS: dict[str, tuple[str, ...]] = {
     **{f"echoes{ending}": ("extract", *NOISE, "--block", "100") for ending in ECHO_ENDINGS},

@@ -11,11 +11,11 @@ from typing import Any
 
 import pytest
 
-from fullwaveform.cli.signals import Ended, unwinding_on_signals
+from fullwaveform.cli.signals import SignalExit, raise_on_signals
 from fullwaveform.io.atomic import OutputFile, atomic_path
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS
 
-from ..support.child_processes import PATIENCE, environment, until
+from ..support.child_processes import TIMEOUT_S, environment, wait_until
 from ..support.command_line import names
 from .processes import slow
 
@@ -29,7 +29,7 @@ ON_LINUX = pytest.mark.skipif(
 def assert_ended(
     process: subprocess.Popen[str], number: signal.Signals, left: str = "; no result was written"
 ) -> None:
-    shown, told = process.communicate(timeout=PATIENCE)
+    shown, told = process.communicate(timeout=TIMEOUT_S)
     assert (process.returncode, shown) == (CODES[number], ""), told
     assert told == f"{PARTICIPLES[number]}{left}\n"
 
@@ -40,7 +40,7 @@ def without_log(folder: Path) -> list[str]:
 
 
 def wait_for_temporary_file(folder: Path) -> None:
-    until(lambda: any(path.suffix == ".part" for path in folder.iterdir()))
+    wait_until(lambda: any(path.suffix == ".part" for path in folder.iterdir()))
 
 
 @pytest.mark.parametrize(
@@ -69,7 +69,7 @@ def test_in_the_middle_of_an_extraction(
         ("report", ["-o", "report.txt", "--waveform", "2"]),
         ("plot", ["-o", "plot.png", "--waveform", "2"]),
         ("plot", ["-o", "plot.pdf", "--waveform", "2"]),
-        ("system-wave", ["-o", "scanner.toml", "--noise", "20"]),
+        ("system-wave", ["-o", "scanner.toml", "--threshold", "20"]),
     ],
 )
 def test_when_the_output_is_whole_but_has_no_name_yet(
@@ -87,9 +87,9 @@ def test_when_the_output_is_whole_but_has_no_name_yet(
 def test_an_output_that_has_its_name_stays_and_is_told(scan: Path, tmp_path: Path) -> None:
     output = tmp_path / "echoes.csv"
     process = slow("summary", "extract", scan, "-o", output)
-    until(output.exists)
+    wait_until(output.exists)
     process.send_signal(signal.SIGTERM)
-    assert_ended(process, signal.SIGTERM, left=f"; written before that: {output}")
+    assert_ended(process, signal.SIGTERM, left=f"; already written: {output}")
     assert without_log(tmp_path) == [output.name]
 
 
@@ -102,7 +102,7 @@ def test_of_many_signals_one_is_heeded(scan: Path, tmp_path: Path, second: signa
     process.send_signal(signal.SIGINT)
     while without_log(tmp_path):
         process.send_signal(second)
-    shown, told = process.communicate(timeout=PATIENCE)
+    shown, told = process.communicate(timeout=TIMEOUT_S)
     heeded = {CODES[one]: f"{PARTICIPLES[one]}; no result was written\n" for one in CODES}
     assert process.returncode in (CODES[signal.SIGINT], CODES[second])
     assert (shown, told) == ("", heeded[process.returncode])
@@ -121,7 +121,7 @@ def catches(process: int, number: signal.Signals) -> bool:
 def test_while_the_libraries_are_loaded(scan: Path, tmp_path: Path, number: signal.Signals) -> None:
     # Python itself has no handler for SIGTERM: with the program's the loading begins.
     process = slow("nothing", "extract", scan, "-o", tmp_path / "echoes.csv", "--block", "1")
-    until(lambda: catches(process.pid, signal.SIGTERM))
+    wait_until(lambda: catches(process.pid, signal.SIGTERM))
     process.send_signal(number)
     assert_ended(process, number, left="")
     assert names(tmp_path) == []
@@ -129,9 +129,7 @@ def test_while_the_libraries_are_loaded(scan: Path, tmp_path: Path, number: sign
 
 def test_nothing_heavy_is_loaded_before_signals_are_heeded() -> None:
     heavy = {"numpy", "pyarrow", "laspy", "h5py", "typer", "rich", "matplotlib", "scipy"}
-    code = (
-        "import fullwaveform.cli.start, sys; print(*{name.split('.')[0] for name in sys.modules})"
-    )
+    code = "import fullwaveform.cli.main, sys; print(*{name.split('.')[0] for name in sys.modules})"
     done = subprocess.run(
         [sys.executable, "-c", code],
         env=environment(),
@@ -168,8 +166,8 @@ class _Finalized:
 def test_a_signal_that_is_dropped_by_python_still_ends_the_run(tmp_path: Path) -> None:
     output = tmp_path / "output"
     with (
-        pytest.raises(Ended) as ended,
-        unwinding_on_signals(),
+        pytest.raises(SignalExit) as ended,
+        raise_on_signals(),
         atomic_path(output) as temporary,
     ):
         _Finalized()
@@ -195,8 +193,8 @@ def test_a_piece_is_written_to_its_end(tmp_path: Path) -> None:
     """HDF5 calls `write`, and makes of exceptions in there what it likes."""
     output = tmp_path / "output"
     with (
-        pytest.raises(Ended),
-        unwinding_on_signals(),
+        pytest.raises(SignalExit),
+        raise_on_signals(),
         atomic_path(output) as temporary,
         _SignalledFile(temporary, output) as stream,
     ):
@@ -208,7 +206,7 @@ def test_a_piece_is_written_to_its_end(tmp_path: Path) -> None:
 def test_outputs_of_the_unwinding_get_their_names(tmp_path: Path) -> None:
     """A run notes down how far it came."""
     note = tmp_path / "note"
-    with pytest.raises(Ended), unwinding_on_signals():
+    with pytest.raises(SignalExit), raise_on_signals():
         try:
             signal.raise_signal(signal.SIGTERM)
         finally:
@@ -219,13 +217,13 @@ def test_outputs_of_the_unwinding_get_their_names(tmp_path: Path) -> None:
 
 def test_former_handlers_are_back_afterwards() -> None:
     former = {number: signal.getsignal(number) for number in CODES}
-    with pytest.raises(Ended), unwinding_on_signals():
+    with pytest.raises(SignalExit), raise_on_signals():
         signal.raise_signal(signal.SIGINT)
     assert {number: signal.getsignal(number) for number in CODES} == former
 
 
 def test_an_error_that_a_library_makes_of_a_signal_is_the_signal() -> None:
-    with pytest.raises(Ended) as ended, unwinding_on_signals():
+    with pytest.raises(SignalExit) as ended, raise_on_signals():
         try:
             signal.raise_signal(signal.SIGINT)
         except KeyboardInterrupt:

@@ -17,10 +17,10 @@ from fullwaveform.io.container.writer import ScanContainerWriter
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
-from ..support.command_line import assert_trouble, names, run
+from ..support.command_line import assert_error, names, run
 from ..support.pulsewaves_scenes import Descriptor, Pulse, Sampling, Scene
 
-EXTRACT_BY_BLOCKS = ("--noise", "20", "--block", "50", "--workers", "1")
+EXTRACT_BY_BLOCKS = ("--threshold", "20", "--block", "50", "--workers", "1")
 
 
 def after_the_first_block(
@@ -83,7 +83,7 @@ def test_samples_that_are_cut_off(
     after_the_first_block(monkeypatch, Extractor, "extract", lambda: os.truncate(shortened, half))
     (folder := tmp_path / "out").mkdir()
     result = run("extract", source, "-o", folder / "echoes.csv", *EXTRACT_BY_BLOCKS)
-    assert_trouble(result, str(shortened))
+    assert_error(result, str(shortened))
     assert names(folder) == []
 
 
@@ -100,7 +100,7 @@ def test_points_that_are_cut_off(
     after_the_first_block(monkeypatch, Extractor, "extract", lambda: os.truncate(source, size))
     (folder := tmp_path / "out").mkdir()
     result = run("extract", source, "-o", folder / "echoes.csv", *EXTRACT_BY_BLOCKS)
-    assert_trouble(result, str(source))
+    assert_error(result, str(source))
     assert names(folder) == []
 
 
@@ -112,7 +112,7 @@ def test_the_folder_of_the_echoes_is_removed(
     output = folder / f"echoes{ending}"
     after_the_first_block(monkeypatch, Extractor, "extract", lambda: shutil.rmtree(folder))
     result = run("extract", own_scan, "-o", output, *EXTRACT_BY_BLOCKS)
-    assert_trouble(result, f"cannot write {output}: No such file or directory")
+    assert_error(result, f"cannot write {output}: No such file or directory")
     assert not folder.exists()
 
 
@@ -123,5 +123,5 @@ def test_the_folder_of_a_container_is_removed(
     output = folder / "scan.h5"
     after_the_first_block(monkeypatch, ScanContainerWriter, "write", lambda: shutil.rmtree(folder))
     result = run("convert", own_scan, output, "--block", "50")
-    assert_trouble(result, f"cannot write {output}: No such file or directory")
+    assert_error(result, f"cannot write {output}: No such file or directory")
     assert not folder.exists()

@@ -134,7 +134,7 @@ def cases() -> Iterator[tuple[str, Case]]:
     yield "mode 4", extract("--mode", "4")
     yield "mode of another name", extract("--mode", "gauss")
     for noise in ("-1", "65536", "12.5", "nan", "loud"):
-        yield f"noise of {noise}", extract("--noise", noise)
+        yield f"noise of {noise}", extract("--threshold", noise)
     for channel in ("256", "-1", "left", "300=low", "=low", "1=", "1=2=3"):
         yield f"channel {channel}", extract("--channel", channel)
     for window in ("1", "1,2,3", "-1,2", "1.5,2", "on", "1,99999999999"):

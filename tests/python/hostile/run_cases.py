@@ -14,7 +14,7 @@ from types import FrameType
 
 from typer.testing import CliRunner
 
-from fullwaveform.cli.main import app
+from fullwaveform.cli.app import app
 
 from ..support.las_scenes import four_shots
 from .corpus import Case, cases

@@ -1,4 +1,4 @@
-"""Processes that tests start, wait for, and end."""
+"""Processes that tests start, wait for, and kill."""
 
 from __future__ import annotations
 
@@ -12,34 +12,34 @@ from typing import Any
 
 import fullwaveform
 
-PATIENCE = 120.0  # s; only ever waited out where something is broken
+TIMEOUT_S = 120.0  # reached only if something is broken
 PACKAGE = str(Path(fullwaveform.__file__).resolve().parents[1])
 _started: list[subprocess.Popen[str]] = []
 
 
-def until(what: Callable[[], Any]) -> Any:
-    """What the function gives as soon as it is true."""
-    end = time.monotonic() + PATIENCE
-    while not (found := what()):
-        assert time.monotonic() < end, "waited in vain"
+def wait_until(condition: Callable[[], Any]) -> Any:
+    """The first true result of the function."""
+    end = time.monotonic() + TIMEOUT_S
+    while not (found := condition()):
+        assert time.monotonic() < end, f"not true after {TIMEOUT_S} s"
         time.sleep(0.005)
     return found
 
 
 def environment(**more: str) -> dict[str, str]:
-    """Of processes that know this package."""
+    """Environment in which processes find this package."""
     path = os.pathsep.join([PACKAGE, *filter(None, [os.environ.get("PYTHONPATH")])])
     return {**os.environ, "PYTHONPATH": path, "COLUMNS": "200", **more}
 
 
 def started(process: subprocess.Popen[str]) -> subprocess.Popen[str]:
-    """The process, remembered: a test that fails leaves it running, with its children."""
+    """Registers the process for `kill_started`: a failing test leaves it running."""
     _started.append(process)
     return process
 
 
-def end_what_was_left() -> None:
-    """Ends the groups of those that still run."""
+def kill_started() -> None:
+    """Kill the process groups of the registered processes that still run."""
     while _started:
         process = _started.pop()
         if process.poll() is None:

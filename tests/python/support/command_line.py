@@ -1,4 +1,4 @@
-"""Calls of the command line, and what it says when something is wrong."""
+"""Calls of the command line, and checks of its error messages."""
 
 from __future__ import annotations
 
@@ -6,7 +6,7 @@ from pathlib import Path
 
 from typer.testing import CliRunner, Result
 
-from fullwaveform.cli.main import app
+from fullwaveform.cli.app import app
 
 
 def run(*call: str | Path) -> Result:
@@ -18,14 +18,14 @@ def words(text: str) -> str:
     return " ".join(text.replace("│", " ").split())
 
 
-def assert_usage(result: Result, sentence: str) -> None:
+def assert_usage(result: Result, message: str) -> None:
     assert result.exit_code == 2, result.output
-    assert sentence in words(result.stderr)
+    assert message in words(result.stderr)
     assert "Traceback" not in result.stderr
 
 
-def assert_trouble(result: Result, *phrases: str) -> None:
-    """Exit code 1 and one sentence."""
+def assert_error(result: Result, *phrases: str) -> None:
+    """Exit code 1 and a message of one line."""
     assert result.exit_code == 1, result.output
     assert result.stdout == ""
     (line,) = result.stderr.splitlines()

@@ -10,7 +10,7 @@ from matplotlib import image
 from typer.testing import CliRunner, Result
 
 from fullwaveform import Mode, Scanner
-from fullwaveform.cli.main import app
+from fullwaveform.cli.app import app
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 from .scenes import INTERVAL, echo_samples, recorded, shape

@@ -10,7 +10,7 @@ import pytest
 from typer.testing import CliRunner
 
 from fullwaveform import Scanner
-from fullwaveform.cli.main import app
+from fullwaveform.cli.app import app
 
 from .scenes import recorded
 
