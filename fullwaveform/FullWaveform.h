@@ -12,9 +12,6 @@
 #include <fullwaveform/fitting/FittingGaussVia3Points.h>
 #include <fullwaveform/fitting/FittingGaussViaDecomposition.h>
 #include <fullwaveform/fitting/GaussianRefinement.h>
-#include <fullwaveform/fitting/GaussianSum.h>
-#include <fullwaveform/fitting/ResidualAccessor.h>
-#include <fullwaveform/fitting/ThreePointGauss.h>
 #include <fullwaveform/fitting/ZeroCrossing.h>
 #include <fullwaveform/host/Attributes.h>
 #include <fullwaveform/host/Chunk.h>

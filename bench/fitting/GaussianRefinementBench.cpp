@@ -1,4 +1,4 @@
-#include <fullwaveform/fitting/GaussianRefinement.h>
+#include <fullwaveform/fitting/leastsquares/LevenbergMarquardt.h>
 
 #include <algorithm>
 #include <chrono>
@@ -11,7 +11,7 @@
 
 #include <bench/support/Allocations.h>
 
-#include "support/PlainRefinement.h"
+#include "support/EigenRefinement.h"
 
 #if defined(FULLWAVEFORM_CMINPACK)
 #include <cminpack.h>
@@ -22,7 +22,7 @@ namespace {
 
 using Values = std::vector<double>;
 
-/// A stretch of signal, evenly filled with echoes, and a start a little beside them.
+/// A signal evenly filled with echoes, and a start near them.
 struct Fit {
   Fit(std::size_t samples, std::size_t echoes) : signal(samples) {
     double const distance = static_cast<double>(samples) / static_cast<double>(echoes);
@@ -49,14 +49,14 @@ Fit fitOf(benchmark::State const& state) {
 
 void refine(benchmark::State& state) {
   Fit const fit = fitOf(state);
-  GaussianRefinement refinement;
+  LevenbergMarquardt minimiser;
   Values parameters = fit.start;
-  int evaluations = refinement.refine(std::span<double const>(fit.signal), 0.0, 0, parameters);
+  int evaluations = minimiser.minimise(fit.signal, 0, parameters);
   {
     PerWaveform const counters(state, 1);
     for (auto iteration : state) {
       std::copy(fit.start.begin(), fit.start.end(), parameters.begin());
-      evaluations = refinement.refine(std::span<double const>(fit.signal), 0.0, 0, parameters);
+      evaluations = minimiser.minimise(fit.signal, 0, parameters);
     }
   }
   state.counters["evaluations"] = evaluations;
@@ -67,7 +67,7 @@ BENCHMARK(refine)
     ->ArgsProduct({{40, 80, 160, 400}, {1, 2, 3, 6}});
 
 #if defined(FULLWAVEFORM_CMINPACK)
-/// The problem as cminpack calls it: the residual, or the derivatives column by column.
+/// The function that cminpack calls: sets the residual, or the derivatives column by column.
 int plainForCminpack(void* data, int count, int size, double const* parameters, double* residual,
                      double* jacobian, int stride, int what) {
   Values const& signal = *static_cast<Values*>(data);
@@ -113,7 +113,7 @@ int cminpackRefinement(Values& signal, Values& parameters) {
 }
 #endif
 
-/// Shortest time of some runs, in microseconds per call.
+/// Updates the shortest time of several runs, in microseconds per call.
 template <class Work>
 void keepFastest(double& fastest, Work const& work) {
   constexpr int calls = 200;
@@ -125,23 +125,24 @@ void keepFastest(double& fastest, Work const& work) {
   fastest = std::min(fastest, taken.count() / calls);
 }
 
-/// The same fit in several forms, timed in turn, so that whatever else the machine does meets them alike.
+/// The same fit with several minimisers, timed in turn, so that other load of the machine affects them
+/// equally.
 void compare(benchmark::State& state) {
   Fit fit = fitOf(state);
   Values parameters = fit.start;
   constexpr double infinity = std::numeric_limits<double>::infinity();
-  double plain = infinity;
+  double eigen = infinity;
   [[maybe_unused]] double cminpack = infinity;
   double fast[2] = {infinity, infinity};
-  std::vector<GaussianRefinement> refinements;
+  std::vector<LevenbergMarquardt> minimisers;
   for (int set = 0; set < 2 && isAvailable(static_cast<InstructionSet>(set)); ++set) {
-    refinements.emplace_back(static_cast<InstructionSet>(set));
+    minimisers.emplace_back(static_cast<InstructionSet>(set));
   }
   int evaluations = 0;
   for (auto iteration : state) {
-    keepFastest(plain, [&] {
+    keepFastest(eigen, [&] {
       parameters = fit.start;
-      evaluations = Testing::plainRefinement(fit.signal, 0, parameters);
+      evaluations = Testing::eigenRefinement(fit.signal, 0, parameters);
     });
 #if defined(FULLWAVEFORM_CMINPACK)
     keepFastest(cminpack, [&] {
@@ -149,20 +150,19 @@ void compare(benchmark::State& state) {
       benchmark::DoNotOptimize(cminpackRefinement(fit.signal, parameters));
     });
 #endif
-    for (std::size_t i = 0; i < refinements.size(); ++i) {
+    for (std::size_t i = 0; i < minimisers.size(); ++i) {
       keepFastest(fast[i], [&] {
         parameters = fit.start;
-        benchmark::DoNotOptimize(
-            refinements[i].refine(std::span<double const>(fit.signal), 0.0, 0, parameters));
+        benchmark::DoNotOptimize(minimisers[i].minimise(fit.signal, 0, parameters));
       });
     }
   }
-  double const widest = fast[refinements.size() - 1];
+  double const widest = fast[minimisers.size() - 1];
   state.counters["evaluations"] = evaluations;
   state.counters["us"] = widest;
-  state.counters["usEigen"] = plain;
-  state.counters["timesEigen"] = plain / widest;
-  state.counters["timesEigenBaseline"] = plain / fast[0];
+  state.counters["usEigen"] = eigen;
+  state.counters["timesEigen"] = eigen / widest;
+  state.counters["timesEigenBaseline"] = eigen / fast[0];
 #if defined(FULLWAVEFORM_CMINPACK)
   state.counters["usCminpack"] = cminpack;
   state.counters["timesCminpack"] = cminpack / widest;

@@ -9,10 +9,10 @@
 #include <bench/support/InstructionSets.h>
 #include <bench/support/Waveforms.h>
 
-#include <fullwaveform/fitting/GaussianSum.h>
-#include <fullwaveform/fitting/PivotedQr.h>
 #include <fullwaveform/fitting/ThreePointGauss.h>
 #include <fullwaveform/fitting/ZeroCrossing.h>
+#include <fullwaveform/fitting/leastsquares/GaussianSum.h>
+#include <fullwaveform/fitting/leastsquares/PivotedQr.h>
 
 namespace FullWaveform::Bench {
 namespace {
@@ -23,7 +23,7 @@ void setsSamplesAndEchoes(benchmark::internal::Benchmark* benchmark) {
   benchmark->ArgNames({"set", "samples", "echoes"})->ArgsProduct({{0, 1}, {40, 80, 160, 400}, {1, 2, 3, 6}});
 }
 
-/// A record and Gaussians spread evenly over it.
+/// A waveform and Gaussians spread evenly over it.
 struct Fit {
   explicit Fit(benchmark::State& state) : sum(instructionSetOf(state)), qr(instructionSetOf(state)) {
     auto const samples = static_cast<std::size_t>(state.range(1));
@@ -34,8 +34,11 @@ struct Fit {
       parameters.insert(parameters.end(), {300.0 + 100.0 * number, distance * (number + 0.46), 2.4});
     }
     squares.resize(parameters.size());
-    Samples const record = makeWaveform(samples, echoes, 1);
-    sum.take(std::span<unsigned short const>(record), noise, 0, parameters.size());
+    Values signal;
+    for (unsigned short const sample : makeWaveform(samples, echoes, 1)) {
+      signal.push_back(sample - static_cast<double>(noise));
+    }
+    sum.setSignal(signal, 0, parameters.size());
   }
 
   GaussianSum sum;
@@ -68,8 +71,8 @@ void differentiate(benchmark::State& state) {
 }
 BENCHMARK(differentiate)->Name("GaussianSum/differentiate")->Apply(setsSamplesAndEchoes);
 
-/// The reflections use up the columns, which are made anew each time: the time of the reflections is this
-/// less that of the two above.
+/// The reflections overwrite the columns, which are computed again each time: their own time is the
+/// difference to the two above.
 void linearise(benchmark::State& state) {
   onFit(state, [](Fit& fit) {
     fit.sum.evaluate(fit.parameters);
@@ -97,21 +100,20 @@ void findMaxima(benchmark::State& state) {
 }
 BENCHMARK(findMaxima)->Name("ZeroCrossing/findRawPeaks")->Apply(samplesAndEchoes);
 
-/// One echo of each record, at its strongest sample.
+/// One peak of each waveform, at its largest sample.
 void fitTriples(benchmark::State& state) {
   Waveforms const waveforms(80, 2);
-  ThreePointGaussFitter fitter;
   Peak peak(0.0, 0.0, 0.0, RAW, GOOD, 0.0, 0, 0.0F);
   PerWaveform const counters(state, waveforms.samples.size());
   for (auto iteration : state) {
     for (std::size_t i = 0; i < waveforms.samples.size(); ++i) {
       peak.idx = waveforms.waves[i]->idxOfMaxAmplitude;
-      fitter.fitPeak(waveforms.samples[i], {}, peak);
+      fitThreePointGauss(waveforms.samples[i], {}, peak);
       benchmark::DoNotOptimize(peak.amplitude);
     }
   }
 }
-BENCHMARK(fitTriples)->Name("ThreePointGauss/fitPeak");
+BENCHMARK(fitTriples)->Name("ThreePointGauss/fit");
 
 }  // namespace
 }  // namespace FullWaveform::Bench

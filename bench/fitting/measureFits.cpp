@@ -1,9 +1,9 @@
-// Fits sums of Gaussians to signals that another program wrote, and prints the microseconds of a fit in the
-// fastest of some runs through all of them, then the parameters of each, a line a signal.
+// Fits sums of Gaussians to signals from a file. Prints the time of a fit in microseconds, from the fastest
+// of several runs over all signals, then the parameters of each signal, one line each.
 //
 // measureFits FILE ROWS SAMPLES ECHOES RUNS
-// FILE holds ROWS times SAMPLES counts and ROWS times 3 ECHOES parameters of starts, all doubles in the
-// machine's own byte order.
+// FILE contains ROWS times SAMPLES counts, then ROWS times 3 ECHOES start parameters, as doubles in the byte
+// order of the machine.
 
 #include <algorithm>
 #include <cstdlib>
@@ -32,7 +32,7 @@ std::vector<double> readDoubles(std::ifstream& file, std::size_t count) {
   std::vector<double> values(count);
   file.read(reinterpret_cast<char*>(values.data()), static_cast<std::streamsize>(8 * count));
   if (!file) {
-    throw std::runtime_error("the file holds fewer numbers than told");
+    throw std::runtime_error("file too short for the given numbers of rows, samples and echoes");
   }
   return values;
 }
@@ -52,7 +52,7 @@ void run(char** arguments) {
     fitted = starts;
     double const start = threadSeconds();
     for (std::size_t row = 0; row < rows; ++row) {
-      refinement.refine(std::span(signals).subspan(row * samples, samples), 0.0, 0,
+      refinement.refine(std::span(signals).subspan(row * samples, samples), 0,
                         std::span(fitted).subspan(row * parameters, parameters));
     }
     fastest = std::min(fastest, threadSeconds() - start);
@@ -68,7 +68,7 @@ void run(char** arguments) {
 
 int main(int count, char** arguments) {
   if (count != 6) {
-    std::cerr << "measureFits FILE ROWS SAMPLES ECHOES RUNS\n";
+    std::cerr << "usage: measureFits FILE ROWS SAMPLES ECHOES RUNS\n";
     return 2;
   }
   FullWaveform::Bench::run(arguments);

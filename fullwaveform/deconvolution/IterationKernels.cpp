@@ -7,7 +7,7 @@ namespace FullWaveform::IterationKernels {
 namespace {
 
 // NOLINTNEXTLINE(bugprone-macro-parentheses): a file name
-#define FULLWAVEFORM_KERNELS <fullwaveform/deconvolution/IterationKernels.inc>
+#define FULLWAVEFORM_KERNELS "fullwaveform/deconvolution/IterationKernels.inc"
 #include <fullwaveform/fitting/ForEachInstructionSet.inc>
 
 /// The version of a kernel for an instruction set.

@@ -6,18 +6,18 @@
 
 namespace FullWaveform {
 
-/// Last index of a record, -1 for an empty one.
+/// Last index of a waveform, -1 for an empty one.
 template <class T>
-int lastIndex(std::span<T const> record) {
-  constexpr auto most = static_cast<std::size_t>(std::numeric_limits<int>::max());
-  return static_cast<int>(std::min(record.size(), most)) - 1;
+int lastIndex(std::span<T const> samples) {
+  constexpr auto maxSize = static_cast<std::size_t>(std::numeric_limits<int>::max());
+  return static_cast<int>(std::min(samples.size(), maxSize)) - 1;
 }
 
-/// The nearest index that exists in a record, which must not be empty: an echo at the border has its missing
-/// neighbour's value taken from the border itself.
+/// The nearest valid index of a waveform, which must not be empty: the missing neighbour of a sample at the
+/// border is replaced by the sample itself.
 template <class T>
-int clampedIndex(int index, std::span<T const> record) {
-  return std::clamp(index, 0, lastIndex(record));
+int clampedIndex(int index, std::span<T const> samples) {
+  return std::clamp(index, 0, lastIndex(samples));
 }
 
 }  // namespace FullWaveform

@@ -2,39 +2,62 @@
 
 #include <cstdint>
 #include <functional>
+#include <list>
+#include <span>
 #include <utility>
 
 #include <fullwaveform/fitting/ClampedIndex.h>
-#include <fullwaveform/fitting/GaussianSum.h>
+#include <fullwaveform/fitting/ResidualAccessor.h>
+#include <fullwaveform/fitting/ThreePointGauss.h>
 #include <fullwaveform/model/MarkBadPeaks.h>
 
 namespace FullWaveform {
 namespace {
 
-constexpr double leastDifference = 2.0;  // counts
-constexpr int shortestSegment = 3;       // samples from the first to the last
-constexpr int strongSignal = 1800;       // counts; above it one loop explains what is there
+constexpr int strongSignal = 1800;  // counts; a second loop finds nothing in waveforms with a higher maximum
 
 TYPE typeOfLoop(int loop) {
   return loop == 0 ? GAUSS_DECOMPOSITION_1 : GAUSS_DECOMPOSITION_2;
 }
 
+/// Fills the peaks of the waveform with three-point Gaussians of the residual; false when no peak is found.
+template <class SimplePeakType, class T>
+bool findStarts(std::span<T const> samples, int first, int last, ResidualAccessor const& residual,
+                WavePoints<T>& wave) {
+  SimplePeakType simplePeak;
+  simplePeak.minimumDifference = minGaussDifference;
+  simplePeak.sampleAccessor = std::cref(residual);
+  wave.clearPeaks();
+  // Intentional: the noise is subtracted by the accessor, and the finder compares with it once more, so only
+  // samples above twice the noise start an echo.
+  findRawPeaks(samples, first, last, wave.noise, wave.peaks, simplePeak);
+  if (wave.peaks.empty()) {
+    return false;
+  }
+  wave.testIfAfterPulse();
+  for (Peak& peak : wave.peaks) {
+    fitThreePointGauss(samples, simplePeak.sampleAccessor, peak);
+    peak.type = typeOfLoop(residual.loop);
+  }
+  return true;
+}
+
 }  // namespace
 
-/// A stretch above the noise, both ends included, in its record.
+/// A range of samples above the noise, both ends included.
 template <class T, class SimplePeakType>
 struct FittingGaussViaDecomposition<T, SimplePeakType>::Segment {
-  std::span<T const> record;
+  std::span<T const> waveform;
   int first;
   int last;
 
-  /// Signed: records of one or two samples have a segment that ends before it starts.
+  /// Signed: the segment of waveforms of one or two samples ends before it starts.
   [[nodiscard]] bool isFittable() const {
-    return std::int64_t{last} - first >= shortestSegment && first >= 0 && last <= lastIndex(record);
+    return std::int64_t{last} - first >= minGaussRange && first >= 0 && last <= lastIndex(waveform);
   }
 
   [[nodiscard]] std::span<T const> samples() const {
-    return record.subspan(static_cast<std::size_t>(first), static_cast<std::size_t>(last - first) + 1);
+    return waveform.subspan(static_cast<std::size_t>(first), static_cast<std::size_t>(last - first) + 1);
   }
 };
 
@@ -44,11 +67,11 @@ bool FittingGaussViaDecomposition<T, SimplePeakType>::apply(T const* samples,
   if (!wave) {
     return false;
   }
-  std::span<T const> const record(samples, samples == nullptr ? 0 : wave->length);
+  std::span<T const> const waveform(samples, samples == nullptr ? 0 : wave->length);
   int const extraLoops = wave->isLowPower && wave->maxAmplitude <= strongSignal ? 1 : 0;
   std::list<Peak> result;
   for (auto const& [start, end] : wave->startEnd) {
-    Segment const segment{record, static_cast<std::int32_t>(start), static_cast<std::int32_t>(end)};
+    Segment const segment{waveform, static_cast<std::int32_t>(start), static_cast<std::int32_t>(end)};
     if (segment.isFittable()) {
       result.splice(result.end(), decompose(segment, extraLoops, wave));
     }
@@ -63,13 +86,13 @@ std::list<Peak> FittingGaussViaDecomposition<T, SimplePeakType>::decompose(
   std::list<Peak> working;
   for (int loop = 0; loop <= extraLoops; ++loop) {
     ResidualAccessor const residual{working, wave, loop};
-    if (!findStarts(segment, residual, *wave)) {
+    if (!findStarts<SimplePeakType>(segment.waveform, segment.first, segment.last, residual, *wave)) {
       break;
     }
     working.splice(working.end(), wave->peaks);
     refine(segment, wave->noise, working);
     if (!markBadPeaks(working, segment.first, segment.last, wave->noise)) {
-      // The others took the shape that the removed echoes left to them.
+      // The others were fitted next to the Gaussians that are removed.
       removeBadPeaks(working);
       refine(segment, wave->noise, working);
       break;
@@ -78,43 +101,23 @@ std::list<Peak> FittingGaussViaDecomposition<T, SimplePeakType>::decompose(
   return working;
 }
 
-/// Fills the waveform's list with three-point Gaussians of the residual; false when there is no maximum.
-template <class T, class SimplePeakType>
-bool FittingGaussViaDecomposition<T, SimplePeakType>::findStarts(Segment const& segment,
-                                                                 ResidualAccessor const& residual,
-                                                                 WavePoints<T>& wave) {
-  SimplePeakType simplePeak;
-  simplePeak.minimumDifference = leastDifference;
-  simplePeak.sampleAccessor = std::cref(residual);
-  wave.clearPeaks();
-  // The residual is already without the noise and is compared with it again: only samples above twice the
-  // noise start an echo. This is meant.
-  findRawPeaks(segment.record, segment.first, segment.last, wave.noise, wave.peaks, simplePeak);
-  if (wave.peaks.empty()) {
-    return false;
-  }
-  wave.testIfAfterPulse();
-  for (Peak& peak : wave.peaks) {
-    fitter.fitPeak(segment.record, simplePeak.sampleAccessor, peak);
-    peak.type = typeOfLoop(residual.loop);
-  }
-  return true;
-}
-
 template <class T, class SimplePeakType>
 void FittingGaussViaDecomposition<T, SimplePeakType>::refine(Segment const& segment, T noise,
                                                              std::list<Peak>& peaks) {
+  signal.clear();
+  for (T const sample : segment.samples()) {
+    signal.push_back(static_cast<double>(sample) - static_cast<double>(noise));
+  }
   parameters.clear();
   for (Peak const& peak : peaks) {
     parameters.insert(parameters.end(), {static_cast<double>(peak.amplitude), peak.idx, peak.std});
   }
-  refinement.refine(segment.samples(), static_cast<double>(noise), segment.first, parameters);
-  std::span<double const> values(parameters);
+  refinement.refine(signal, segment.first, parameters);
+  auto value = parameters.cbegin();
   for (Peak& peak : peaks) {
-    peak.amplitude = static_cast<float>(values[0]);
-    peak.idx = values[1];
-    peak.std = values[2];
-    values = values.subspan(parametersPerGaussian);
+    peak.amplitude = static_cast<float>(*value++);
+    peak.idx = *value++;
+    peak.std = *value++;
   }
 }
 

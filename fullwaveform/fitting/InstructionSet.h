@@ -2,8 +2,6 @@
 
 #include <cstdint>
 
-#include <fullwaveform/Export.h>
-
 namespace FullWaveform {
 
 /// Vector instructions that kernels are compiled for. All give the same digits.
@@ -13,9 +11,9 @@ enum class InstructionSet : std::uint8_t {
 };
 
 /// Whether this machine has an instruction set.
-FULLWAVEFORM_EXPORT bool isAvailable(InstructionSet set) noexcept;
+bool isAvailable(InstructionSet set) noexcept;
 
 /// The widest one that this machine has.
-FULLWAVEFORM_EXPORT InstructionSet widestInstructionSet() noexcept;
+InstructionSet widestInstructionSet() noexcept;
 
 }  // namespace FullWaveform

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 
-#include <fullwaveform/fitting/GaussianSum.h>
 #include <fullwaveform/fitting/ZeroCrossing.h>
+#include <fullwaveform/fitting/leastsquares/GaussianSum.h>
 
 namespace FullWaveform {
 namespace {
 
-constexpr double leastRest = 1.0;  // counts
+constexpr double minResidual = 1.0;  // counts
 
 }  // namespace
 
@@ -19,9 +19,9 @@ unsigned short ResidualAccessor::operator()(unsigned short const& sample, double
       explained += static_cast<double>(peak.amplitude) * gaussianAt(index, peak.idx, peak.std);
     }
   }
-  double const rest = static_cast<double>(sample) - static_cast<double>(wave->noise) - explained;
-  // What is not a number passes the maximum, hence the conversion that is defined for it.
-  return static_cast<unsigned short>(toSixteenBits(std::max(rest, leastRest)));
+  double const residual = static_cast<double>(sample) - static_cast<double>(wave->noise) - explained;
+  // std::max returns its first argument when that is NaN; the conversion is defined for NaN.
+  return static_cast<unsigned short>(toSixteenBits(std::max(residual, minResidual)));
 }
 
 }  // namespace FullWaveform

@@ -2,20 +2,20 @@
 
 #include <list>
 
-#include <fullwaveform/Export.h>
 #include <fullwaveform/model/Peak.h>
 #include <fullwaveform/model/WavePoints.h>
 
 namespace FullWaveform {
 
-/// Sample accessor of the decomposition: what noise and the echoes found so far leave of a sample.
-class FULLWAVEFORM_EXPORT ResidualAccessor {
+/// Sample accessor of the decomposition: subtracts the noise and the Gaussians found so far from a sample.
+class ResidualAccessor {
  public:
-  std::list<Peak> peaks;  ///< echoes found in earlier loops; those without a positive width do not count
-  WavePtr wave;           ///< supplies the noise level
-  int loop = 0;           ///< the loop that reads through it, from 0
+  std::list<Peak> peaks;  ///< found in earlier loops; those without a positive width are ignored
+  WavePtr wave;           ///< supplies the noise
+  int loop = 0;           ///< loop of the decomposition that uses the accessor, from 0
 
-  /// @return the rest in whole counts, at least 1, so that it has a logarithm; 0 when an echo is not a number
+  /// @return the residual in whole counts, at least 1, so that its logarithm is defined; 0 when amplitude or
+  ///         position of a peak is NaN
   unsigned short operator()(unsigned short const& sample, double index) const;
 };
 

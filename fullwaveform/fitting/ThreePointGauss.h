@@ -1,13 +1,16 @@
 #pragma once
 
-#include <array>
 #include <span>
 
-#include <fullwaveform/Export.h>
 #include <fullwaveform/fitting/ZeroCrossing.h>
 #include <fullwaveform/model/Peak.h>
 
 namespace FullWaveform {
+
+/// Smallest rise or fall next to a maximum that both Gauss methods take for a peak, counts.
+inline constexpr double minGaussDifference = 2.0;
+/// Smallest difference of last and first index of a range in which both Gauss methods search peaks.
+inline constexpr int minGaussRange = 3;
 
 /// The Gaussian through three samples.
 struct ThreePointGauss {
@@ -16,29 +19,21 @@ struct ThreePointGauss {
   float std;        ///< standard deviation, samples
 };
 
-/// Fits Gauss curves through three neighbouring samples: a parabola through their logarithms (Guo 2011,
-/// doi:10.1109/MSP.2011.941846, gives the unweighted form). Single precision throughout, apart from the
-/// logarithms and the exponential.
-class FULLWAVEFORM_EXPORT ThreePointGaussFitter {
- public:
-  ThreePointGaussFitter();
+/// Fits a Gaussian through three neighbouring samples: a parabola through their logarithms (Guo 2011,
+/// doi:10.1109/MSP.2011.941846, gives the unweighted form). Single precision, except for the logarithms and
+/// the exponential.
+///
+/// @param left, centre, right  samples at x = 0, 1, 2, in counts, each > 0
+/// @return the Gaussian. Three equal samples give NaN throughout; a concave-up triple gives a NaN width.
+ThreePointGauss gaussThroughThreeSamples(double left, double centre, double right);
 
-  /// @param left, centre, right  samples at x = 0, 1, 2, in counts, each > 0
-  /// @return the Gaussian; a flat or hollow triple gives non-finite values, and nothing is thrown
-  ThreePointGauss fit(double left, double centre, double right);
-
-  /// Gives an echo the amplitude, position and width of the Gaussian through its sample and the neighbours,
-  /// and the type `GAUSS_3POINTS`.
-  ///
-  /// @param samples   the whole record; neighbours outside it are read as its nearest sample. An empty record
-  ///                  leaves the echo as it is.
-  /// @param accessor  value to use for a sample, empty: as it stands
-  void fitPeak(std::span<unsigned short const> samples, ZeroCrossing::SampleAccessor const& accessor,
-               Peak& peak);
-
- private:
-  std::array<float, 9> design;         ///< rows (1, x, x^2) at x = 0, 1, 2, column by column
-  std::array<float, 3> rightHandSide;  ///< logarithms of the samples
-};
+/// Sets amplitude, position and width of a peak to those of the Gaussian through its sample and the
+/// neighbours, and its type to `GAUSS_3POINTS`.
+///
+/// @param samples   the waveform; neighbours outside it are replaced by its nearest sample. The peak is left
+///                  unchanged when the waveform is empty.
+/// @param accessor  returns the value to use for a sample; if empty, the samples themselves are used
+void fitThreePointGauss(std::span<unsigned short const> samples, ZeroCrossing::SampleAccessor const& accessor,
+                        Peak& peak);
 
 }  // namespace FullWaveform

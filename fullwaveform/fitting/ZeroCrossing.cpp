@@ -12,7 +12,6 @@ Peak rawPeak(double amplitude, int index) {
   return {amplitude, static_cast<double>(index), 0.0, RAW, GOOD, 0.0, 0, 0.0F};
 }
 
-/// The rule for one sample between its neighbours.
 bool isPeak(double previous, double current, double next, double noise, double minimumDifference) {
   if (current == previous || !(current > noise)) {
     return false;
@@ -25,7 +24,7 @@ bool isPeak(double previous, double current, double next, double noise, double m
   return rise >= 0.0 && fall >= 0.0;
 }
 
-/// @param valueAt  value at an index; called with the range's indices and their neighbours
+/// @param valueAt  value at an index; also called for the neighbours of the range
 template <class ValueAt>
 void scan(ValueAt const& valueAt, int first, int last, double noise, double minimumDifference,
           std::list<Peak>& peaks) {
@@ -45,7 +44,7 @@ void scan(ValueAt const& valueAt, int first, int last, double noise, double mini
     previous = current;
     current = next;
   }
-  // A maximum at the edge of the range, or one too flat to be found, must not lose the waveform.
+  // A waveform whose maximum is at the edge of its range or too flat still has an echo.
   if (peaks.empty() && noise < largest) {
     peaks.push_back(rawPeak(largest, indexOfLargest));
   }
@@ -54,8 +53,9 @@ void scan(ValueAt const& valueAt, int first, int last, double noise, double mini
 }  // namespace
 
 double toSixteenBits(double value) {
-  constexpr double beyond = 2147483648.0;
-  if (!(value > -beyond - 1.0 && value < beyond)) {
+  constexpr double limit = 2147483648.0;
+  // Negated so that NaN gives 0.
+  if (!(value > -limit - 1.0 && value < limit)) {
     return 0.0;
   }
   return static_cast<std::uint16_t>(static_cast<std::int32_t>(value));

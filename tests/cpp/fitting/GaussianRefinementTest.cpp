@@ -52,13 +52,13 @@ Values signalOf(NistGauss const& set) {
 
 void refineOften(Values const& signal, int first, Values& parameters) {
   for (int i = 0; i < 30; ++i) {
-    refineGaussians(signal, first, parameters);
+    GaussianRefinement().refine(signal, first, parameters);
   }
 }
 
 TEST(GaussianRefinement, OneEchoIsFoundFromARoughStart) {
   Values parameters{700.0, 13.0, 3.0};
-  int const evaluations = refineGaussians(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters);
+  int const evaluations = GaussianRefinement().refine(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters);
   EXPECT_GT(evaluations, 1);
   EXPECT_NEAR(parameters[0], 1000.0, 1000.0 * Tolerance::refinedAmplitudeRelative);
   EXPECT_NEAR(parameters[1], 14.3, Tolerance::refinedSamples);
@@ -67,7 +67,7 @@ TEST(GaussianRefinement, OneEchoIsFoundFromARoughStart) {
 
 TEST(GaussianRefinement, OverlappingEchoesAreToldApart) {
   Values parameters{800.0, 19.0, 2.5, 400.0, 25.0, 2.0};
-  refineGaussians(signalOf(0, 45, {{1000.0, 19.4, 2.0}, {300.0, 24.2, 1.6}}), 0, parameters);
+  GaussianRefinement().refine(signalOf(0, 45, {{1000.0, 19.4, 2.0}, {300.0, 24.2, 1.6}}), 0, parameters);
   Values const expected{1000.0, 19.4, 2.0, 300.0, 24.2, 1.6};
   for (std::size_t p : {1U, 2U, 4U, 5U}) {
     EXPECT_NEAR(parameters[p], expected[p], Tolerance::refinedSamples);
@@ -79,7 +79,7 @@ TEST(GaussianRefinement, OverlappingEchoesAreToldApart) {
 TEST(GaussianRefinement, ExactStartStays) {
   Values parameters{1000.0, 14.3, 2.2};
   Values const start = parameters;
-  refineGaussians(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters);
+  GaussianRefinement().refine(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters);
   for (std::size_t p = 0; p < start.size(); ++p) {
     EXPECT_NEAR(parameters[p], start[p], 1e-9);
   }
@@ -87,23 +87,23 @@ TEST(GaussianRefinement, ExactStartStays) {
 
 TEST(GaussianRefinement, SignsOfTheMinimiserStay) {
   Values parameters{-1000.0, -14.3, 2.2};
-  refineGaussians(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters);
+  GaussianRefinement().refine(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters);
   EXPECT_NEAR(parameters[0], -1000.0, 1e-9);
   EXPECT_NEAR(parameters[1], -14.3, 1e-9);
 }
 
 TEST(GaussianRefinement, FewerSamplesThanParametersChangeNothing) {
   Values one{7.0, 1.0, 2.0};
-  EXPECT_EQ(refineGaussians(Values{5.0, 9.0}, 0, one), 0);
+  EXPECT_EQ(GaussianRefinement().refine(Values{5.0, 9.0}, 0, one), 0);
   EXPECT_EQ(one, (Values{7.0, 1.0, 2.0}));
   Values two{7.0, 1.0, 2.0, 3.0, 4.0, 2.0};
-  EXPECT_EQ(refineGaussians(Values{5.0, 9.0, 8.0, 7.0, 6.0}, 0, two), 0);
+  EXPECT_EQ(GaussianRefinement().refine(Values{5.0, 9.0, 8.0, 7.0, 6.0}, 0, two), 0);
   EXPECT_EQ(two, (Values{7.0, 1.0, 2.0, 3.0, 4.0, 2.0}));
 }
 
 TEST(GaussianRefinement, AsManySamplesAsParametersAreEnough) {
   Values parameters{7.0, 1.2, 1.0};
-  EXPECT_GT(refineGaussians(Values{4.0, 8.0, 4.0}, 0, parameters), 1);
+  EXPECT_GT(GaussianRefinement().refine(Values{4.0, 8.0, 4.0}, 0, parameters), 1);
   EXPECT_NEAR(parameters[0], 8.0, 8.0 * Tolerance::refinedAmplitudeRelative);
   EXPECT_NEAR(parameters[1], 1.0, Tolerance::refinedSamples);
   EXPECT_NEAR(parameters[2], 0.8493218, Tolerance::refinedSamples);  // 1 / sqrt(2 ln 2)
@@ -116,7 +116,7 @@ TEST(GaussianRefinement, StartThatIsNotFiniteChangesNothing) {
       Values const start{700.0, 13.0, 3.0, 100.0, 17.0, 2.0};
       Values parameters = start;
       parameters[p] = strange;
-      EXPECT_EQ(refineGaussians(signal, 5, parameters), 0);
+      EXPECT_EQ(GaussianRefinement().refine(signal, 5, parameters), 0);
       for (std::size_t q = 0; q < 6; ++q) {
         EXPECT_TRUE(q == p || parameters[q] == start[q]);
       }
@@ -127,23 +127,23 @@ TEST(GaussianRefinement, StartThatIsNotFiniteChangesNothing) {
 
 TEST(GaussianRefinement, NothingToFitIsNoTrouble) {
   Values none;
-  EXPECT_EQ(refineGaussians(Values{1.0, 2.0, 3.0}, 0, none), 0);
-  EXPECT_EQ(refineGaussians(Values(), 0, none), 0);
+  EXPECT_EQ(GaussianRefinement().refine(Values{1.0, 2.0, 3.0}, 0, none), 0);
+  EXPECT_EQ(GaussianRefinement().refine(Values(), 0, none), 0);
   Values one{7.0, 1.0, 2.0};
-  EXPECT_EQ(refineGaussians(Values(), 0, one), 0);
+  EXPECT_EQ(GaussianRefinement().refine(Values(), 0, one), 0);
 }
 
 TEST(GaussianRefinement, WidthOfZeroChangesNothing) {
   // At the position the Gaussian is 0/0: no step is better than the start.
   Values parameters{1000.0, 14.0, 0.0};
-  refineGaussians(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters);
+  GaussianRefinement().refine(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters);
   EXPECT_EQ(parameters, (Values{1000.0, 14.0, 0.0}));
 }
 
 TEST(GaussianRefinement, TwentyEvaluationsAreTheMost) {
   // A constant is a Gaussian of infinite width: every step widens it and none is the last.
   Values parameters{1000.0, 10.0, 2.0};
-  EXPECT_EQ(refineGaussians(Values(20, 1000.0), 0, parameters), 20);
+  EXPECT_EQ(GaussianRefinement().refine(Values(20, 1000.0), 0, parameters), 20);
   EXPECT_GT(parameters[2], 1000.0);
 }
 
@@ -151,7 +151,7 @@ TEST(GaussianRefinement, FirstStepMayBeLong) {
   // Only the height is wrong, by a factor of 100, and the sum is linear in it: one step mends it, if the
   // bound of the first step is wide enough, and a second finds nothing to do.
   Values parameters{10.0, 14.3, 2.2};
-  EXPECT_LE(refineGaussians(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters), 3);
+  EXPECT_LE(GaussianRefinement().refine(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters), 3);
   EXPECT_NEAR(parameters[0], 1000.0, 1000.0 * Tolerance::refinedAmplitudeRelative);
 }
 
@@ -162,7 +162,7 @@ TEST(GaussianRefinement, CertifiedParametersAreReached) {
     Values const deviation = twoGaussians(set.standardDeviation);
     for (auto const& start : {set.start1, set.start2}) {
       Values parameters = twoGaussians(start);
-      EXPECT_LT(refineGaussians(signal, 1, parameters), 20) << set.name;
+      EXPECT_LT(GaussianRefinement().refine(signal, 1, parameters), 20) << set.name;
       for (std::size_t p = 0; p < expected.size(); ++p) {
         EXPECT_NEAR(parameters[p], expected[p], deviation[p] * Tolerance::refinedStandardDeviations)
             << set.name << " parameter " << p;

@@ -22,13 +22,13 @@ Peak rawAt(double idx) {
 
 Peak fitted(Samples const& samples, double idx, ZeroCrossing::SampleAccessor const& accessor = {}) {
   Peak peak = rawAt(idx);
-  ThreePointGaussFitter().fitPeak(std::span<unsigned short const>(samples), accessor, peak);
+  fitThreePointGauss(samples, accessor, peak);
   return peak;
 }
 
 // Logarithms 2 ln 2, 3 ln 2, 2 ln 2: the curvature is -ln 2, the width sqrt(0.5 / ln 2).
 TEST(ThreePointGauss, SymmetricTripleHasItsVertexInTheMiddle) {
-  ThreePointGauss const gauss = ThreePointGaussFitter().fit(4.0, 8.0, 4.0);
+  ThreePointGauss const gauss = gaussThroughThreeSamples(4.0, 8.0, 4.0);
   EXPECT_EQ(gauss.vertex, 1.0F);
   EXPECT_NEAR(gauss.amplitude, 8.0, 8.0 * Tolerance::fitAmplitudeRelative);
   EXPECT_NEAR(gauss.std, 0.8493218, Tolerance::fitSamples);
@@ -36,11 +36,11 @@ TEST(ThreePointGauss, SymmetricTripleHasItsVertexInTheMiddle) {
 
 // Logarithms 2, 3, 3 times ln 2: c1 = 1.5 ln 2, c2 = -0.5 ln 2, so the top is 4 x 2^1.125 = 8.7240619.
 TEST(ThreePointGauss, EqualPairHasItsVertexBetween) {
-  ThreePointGauss const gauss = ThreePointGaussFitter().fit(4.0, 8.0, 8.0);
+  ThreePointGauss const gauss = gaussThroughThreeSamples(4.0, 8.0, 8.0);
   EXPECT_EQ(gauss.vertex, 1.5F);
   EXPECT_NEAR(gauss.amplitude, 8.7240619, 8.7 * Tolerance::fitAmplitudeRelative);
   EXPECT_NEAR(gauss.std, 1.2011224, Tolerance::fitSamples);  // sqrt(1 / ln 2)
-  EXPECT_EQ(ThreePointGaussFitter().fit(8.0, 8.0, 4.0).vertex, 0.5F);
+  EXPECT_EQ(gaussThroughThreeSamples(8.0, 8.0, 4.0).vertex, 0.5F);
 }
 
 TEST(ThreePointGauss, RecoversTheGaussianThatWasSampled) {
@@ -50,7 +50,7 @@ TEST(ThreePointGauss, RecoversTheGaussianThatWasSampled) {
         auto const at = [&](double x) {
           return amplitude * std::exp(-(x - vertex) * (x - vertex) / (2.0 * width * width));
         };
-        ThreePointGauss const gauss = ThreePointGaussFitter().fit(at(0.0), at(1.0), at(2.0));
+        ThreePointGauss const gauss = gaussThroughThreeSamples(at(0.0), at(1.0), at(2.0));
         EXPECT_NEAR(gauss.vertex, vertex, Tolerance::fitSamples);
         EXPECT_NEAR(gauss.std, width, Tolerance::fitSamples);
         EXPECT_NEAR(gauss.amplitude, amplitude, amplitude * Tolerance::fitAmplitudeRelative);
@@ -60,39 +60,31 @@ TEST(ThreePointGauss, RecoversTheGaussianThatWasSampled) {
 }
 
 TEST(ThreePointGauss, ScaleMovesTheAmplitudeOnly) {
-  ThreePointGauss const small = ThreePointGaussFitter().fit(100.0, 300.0, 200.0);
-  ThreePointGauss const large = ThreePointGaussFitter().fit(1000.0, 3000.0, 2000.0);
+  ThreePointGauss const small = gaussThroughThreeSamples(100.0, 300.0, 200.0);
+  ThreePointGauss const large = gaussThroughThreeSamples(1000.0, 3000.0, 2000.0);
   EXPECT_NEAR(large.vertex, small.vertex, Tolerance::fitSamples);
   EXPECT_NEAR(large.std, small.std, Tolerance::fitSamples);
   EXPECT_NEAR(large.amplitude, 10.0F * small.amplitude, large.amplitude * Tolerance::fitAmplitudeRelative);
 }
 
 TEST(ThreePointGauss, MirroredTripleHasTheMirroredVertex) {
-  ThreePointGauss const left = ThreePointGaussFitter().fit(250.0, 300.0, 100.0);
-  ThreePointGauss const right = ThreePointGaussFitter().fit(100.0, 300.0, 250.0);
+  ThreePointGauss const left = gaussThroughThreeSamples(250.0, 300.0, 100.0);
+  ThreePointGauss const right = gaussThroughThreeSamples(100.0, 300.0, 250.0);
   EXPECT_NEAR(left.vertex + right.vertex, 2.0, Tolerance::fitSamples);
   EXPECT_NEAR(left.std, right.std, Tolerance::fitSamples);
 }
 
 TEST(ThreePointGauss, FlatTripleIsNotFinite) {
-  ThreePointGauss const gauss = ThreePointGaussFitter().fit(8.0, 8.0, 8.0);
+  ThreePointGauss const gauss = gaussThroughThreeSamples(8.0, 8.0, 8.0);
   EXPECT_FALSE(std::isfinite(gauss.vertex));
   EXPECT_FALSE(std::isfinite(gauss.std));
 }
 
 TEST(ThreePointGauss, HollowTripleHasNoWidth) {
-  ThreePointGauss const gauss = ThreePointGaussFitter().fit(8.0, 4.0, 8.0);
+  ThreePointGauss const gauss = gaussThroughThreeSamples(8.0, 4.0, 8.0);
   EXPECT_TRUE(std::isnan(gauss.std));
   EXPECT_EQ(gauss.vertex, 1.0F);
   EXPECT_NEAR(gauss.amplitude, 4.0, 4.0 * Tolerance::fitAmplitudeRelative);
-}
-
-TEST(ThreePointGauss, OneFitterServesManyTriples) {
-  ThreePointGaussFitter fitter;
-  fitter.fit(8.0, 8.0, 8.0);
-  EXPECT_EQ(fitter.fit(4.0, 8.0, 4.0).vertex, 1.0F);
-  fitter.fit(1.0, 4000.0, 2.0);
-  EXPECT_EQ(fitter.fit(4.0, 8.0, 8.0).vertex, 1.5F);
 }
 
 TEST(ThreePointGaussPeak, WritesFourFieldsAndKeepsTheOthers) {
@@ -146,7 +138,7 @@ TEST(ThreePointGaussPeak, NothingOutsideTheRecordIsRead) {
   for (double const idx : {-1e300, -5.0, 0.0, 2.0, 3.0, 1e300, notANumber}) {
     Testing::withGuardedCopies(samples, [&](unsigned short const* record) {
       Peak peak = rawAt(idx);
-      ThreePointGaussFitter().fitPeak(std::span(record, samples.size()), {}, peak);
+      fitThreePointGauss(std::span(record, samples.size()), {}, peak);
       EXPECT_EQ(peak.type, GAUSS_3POINTS);
     });
   }

@@ -1,9 +1,9 @@
-#include <fullwaveform/fitting/GaussianSum.h>
+#include <fullwaveform/fitting/leastsquares/GaussianSum.h>
 
 #include <algorithm>
 #include <cstdint>
 
-#include <fullwaveform/fitting/GaussianKernels.h>
+#include <fullwaveform/fitting/leastsquares/GaussianKernels.h>
 
 namespace FullWaveform {
 
@@ -11,19 +11,19 @@ double gaussianAt(double x, double position, double width) {
   return decayOf(0.5 * (position - x) * (x - position) / (width * width));
 }
 
-void GaussianSum::resize(std::size_t samples, int firstIndex, std::size_t parameters) {
+void GaussianSum::setSignal(std::span<double const> values, int first, std::size_t parameters) {
   constexpr std::size_t lineBytes = 64;
-  count = samples;
+  count = values.size();
   parameterCount = parameters;
-  start = static_cast<double>(firstIndex);
-  columnStride = (samples + laneCount - 1) / laneCount * laneCount;
+  start = static_cast<double>(first);
+  columnStride = (count + laneCount - 1) / laneCount * laneCount;
   std::size_t const needed = (parameters + 2) * columnStride + laneCount;
   if (memory.size() < needed) {
     memory.resize(needed);
     auto const misaligned = reinterpret_cast<std::uintptr_t>(memory.data()) % lineBytes;
     aligned = misaligned == 0 ? 0 : (lineBytes - misaligned) / sizeof(double);
   }
-  std::fill(signal() + count, signal() + columnStride, 0.0);
+  std::fill(std::copy(values.begin(), values.end(), signal()), signal() + columnStride, 0.0);
 }
 
 GaussianColumns GaussianSum::columnsFrom(std::size_t parameter) {

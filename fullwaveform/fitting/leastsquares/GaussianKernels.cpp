@@ -1,14 +1,14 @@
-#include <fullwaveform/fitting/GaussianKernels.h>
+#include <fullwaveform/fitting/leastsquares/GaussianKernels.h>
 
 #include <cmath>
 #include <cstdint>
 
-#include <fullwaveform/fitting/Norm.h>
+#include <fullwaveform/fitting/leastsquares/Norm.h>
 
 namespace FullWaveform {
 namespace {
 
-#define FULLWAVEFORM_KERNELS <fullwaveform/fitting/GaussianKernels.inc>
+#define FULLWAVEFORM_KERNELS "fullwaveform/fitting/leastsquares/GaussianKernels.inc"
 #include <fullwaveform/fitting/ForEachInstructionSet.inc>
 
 }  // namespace
@@ -18,9 +18,7 @@ GaussianKernels const& gaussianKernels(InstructionSet set) noexcept {
 }
 
 double decayOf(double x) noexcept {
-  double lanes[laneCount];
-  Baseline::store(lanes, Baseline::decay(Baseline::filled(x)));
-  return lanes[0];
+  return Baseline::decay(Baseline::Vector{} + x)[0];
 }
 
 }  // namespace FullWaveform

@@ -9,7 +9,7 @@
 
 namespace FullWaveform::Testing {
 
-/// The sum of Gaussians for Eigen's minimiser: a plain implementation of the refinement to compare with.
+/// A sum of Gaussians and its derivatives as plain formulas, for Eigen's minimiser.
 class PlainGaussianSum {
  public:
   PlainGaussianSum(std::span<double const> signal, int first) : signal(signal), first(first) {}
@@ -54,8 +54,8 @@ class PlainGaussianSum {
   int first;
 };
 
-/// As `refineGaussians`.
-inline int plainRefinement(std::span<double const> signal, int first, std::span<double> parameters) {
+/// `GaussianRefinement::refine` with the minimiser of Eigen.
+inline int eigenRefinement(std::span<double const> signal, int first, std::span<double> parameters) {
   if (!std::all_of(parameters.begin(), parameters.end(), [](double value) { return std::isfinite(value); })) {
     return 0;
   }

@@ -1,4 +1,4 @@
-#include <fullwaveform/fitting/PivotedQr.h>
+#include <fullwaveform/fitting/leastsquares/PivotedQr.h>
 
 #include <algorithm>
 #include <cmath>
@@ -7,7 +7,7 @@
 #include <numeric>
 #include <utility>
 
-#include <fullwaveform/fitting/GaussianKernels.h>
+#include <fullwaveform/fitting/leastsquares/GaussianKernels.h>
 
 namespace FullWaveform {
 
@@ -21,7 +21,7 @@ void PivotedQr::factorise(GaussianSum& sum, std::span<double const> squaresOfCol
   std::copy(squaresOfColumns.begin(), squaresOfColumns.end(), squares.begin());
   for (std::size_t k = 0; k < n; ++k) {
     choosePivot(k);
-    r(k, k) = reflectRest(sum, k);
+    r(k, k) = applyReflection(sum, k);
     for (std::size_t j = k + 1; j < n; ++j) {
       r(k, j) = sum.column(order[j])[k];
     }
@@ -29,26 +29,26 @@ void PivotedQr::factorise(GaussianSum& sum, std::span<double const> squaresOfCol
   }
 }
 
-/// Reflects the pivot's column onto row `step`, and the other columns and the residual along with it; returns
-/// what is left of the pivot's column. Where nothing is left to reflect, all stays.
-double PivotedQr::reflectRest(GaussianSum& sum, std::size_t step) {
-  // Whole lanes: some of the rows that are done lie before row `step`, and have been read.
-  std::size_t const from = step / laneCount * laneCount;
-  double* const column = sum.column(order[step]) + from;
+/// Reflects the pivot's column onto row `step`, and applies the reflection to the other columns and the
+/// residual; returns the diagonal element of R. No-op for a zero column.
+double PivotedQr::applyReflection(GaussianSum& sum, std::size_t step) {
+  // Kernels process whole lanes, which may begin with rows that are finished and already copied to R.
+  std::size_t const firstRow = step / laneCount * laneCount;
+  double* const column = sum.column(order[step]) + firstRow;
   if (squares[step] <= std::numeric_limits<double>::min()) {
-    return column[step - from];
+    return column[step - firstRow];
   }
   columns.clear();
   for (std::size_t j = step + 1; j < size(); ++j) {
-    columns.push_back(sum.column(order[j]) + from);
+    columns.push_back(sum.column(order[j]) + firstRow);
   }
-  columns.push_back(sum.column(size()) + from);
+  columns.push_back(sum.column(size()) + firstRow);
   return gaussianKernels(instructionSet)
-      .reflect({column, step - from, sum.stride() - from, squares[step], columns.data(), columns.size(),
-                squares.data() + step + 1});
+      .reflect({column, step - firstRow, sum.stride() - firstRow, squares[step], columns.data(),
+                columns.size(), squares.data() + step + 1});
 }
 
-/// The column with the largest norm comes next; rows that are done move along with their column.
+/// Makes the column with the largest remaining norm the next; its finished rows in R move along.
 void PivotedQr::choosePivot(std::size_t step) {
   auto const begin = squares.begin() + static_cast<std::ptrdiff_t>(step);
   auto const chosen = static_cast<std::size_t>(std::max_element(begin, squares.end() - 1) - squares.begin());

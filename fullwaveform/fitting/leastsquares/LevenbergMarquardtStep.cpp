@@ -1,4 +1,4 @@
-#include <fullwaveform/fitting/LevenbergMarquardtStep.h>
+#include <fullwaveform/fitting/leastsquares/LevenbergMarquardtStep.h>
 
 #include <algorithm>
 #include <cmath>
@@ -6,15 +6,15 @@
 #include <functional>
 #include <limits>
 
-#include <fullwaveform/fitting/Norm.h>
+#include <fullwaveform/fitting/leastsquares/Norm.h>
 
 namespace FullWaveform {
 namespace {
 
-constexpr double tolerance = 0.1;  // of the bound
-constexpr double dwarf = std::numeric_limits<double>::min();
+constexpr double tolerance = 0.1;  // of the length, relative to its bound
+constexpr double minNormal = std::numeric_limits<double>::min();
 
-/// Cosine and sine of the rotation that turns (a, b) into (hypot, 0).
+/// The rotation of (a, b) to (hypot(a, b), 0).
 struct Rotation {
   Rotation(double a, double b) {
     if (std::abs(a) > std::abs(b)) {
@@ -28,10 +28,10 @@ struct Rotation {
     }
   }
 
-  void turn(double& x, double& y) const {
-    double const turned = cosine * x + sine * y;
+  void apply(double& x, double& y) const {
+    double const rotated = cosine * x + sine * y;
     y = cosine * y - sine * x;
-    x = turned;
+    x = rotated;
   }
 
   double cosine;
@@ -45,7 +45,7 @@ void LevenbergMarquardtStep::find(PivotedQr& qr, std::span<double const> scale, 
     values->resize(qr.size());
   }
   std::size_t const rank = qr.rank();
-  findUndamped(qr, rank);
+  solveUndamped(qr, rank);
   measure(scale);
   if (length - bound <= tolerance * bound) {
     damping = 0.0;
@@ -54,58 +54,59 @@ void LevenbergMarquardtStep::find(PivotedQr& qr, std::span<double const> scale, 
   search(qr, scale, bound, startSearch(qr, scale, bound, rank == qr.size()));
 }
 
-/// Bounds of the damping: the undamped step gives the lower one, the gradient the upper one. The damping
-/// starts between them.
-LevenbergMarquardtStep::Range LevenbergMarquardtStep::startSearch(PivotedQr const& qr,
-                                                                  std::span<double const> scale, double bound,
-                                                                  bool isRegular) {
-  Range range{0.0, 0.0};
-  if (isRegular) {
-    double const fall = fallUndamped(qr, scale);
-    range.lowest = (length - bound) / bound / fall / fall;
+/// Returns bounds of the damping, the lower one from the undamped step (0 without full rank), the upper one
+/// from the gradient, and moves the damping between them.
+LevenbergMarquardtStep::Interval LevenbergMarquardtStep::startSearch(PivotedQr const& qr,
+                                                                     std::span<double const> scale,
+                                                                     double bound, bool hasFullRank) {
+  Interval interval{0.0, 0.0};
+  if (hasFullRank) {
+    double const slope = slopeUndamped(qr, scale);
+    interval.min = (length - bound) / bound / slope / slope;
   }
   double const gradient = gradientLength(qr, scale);
-  range.highest = gradient / bound;
-  if (range.highest == 0.0) {
-    range.highest = dwarf / std::min(bound, tolerance);
+  interval.max = gradient / bound;
+  if (interval.max == 0.0) {
+    interval.max = minNormal / std::min(bound, tolerance);
   }
-  damping = std::min(std::max(damping, range.lowest), range.highest);
+  damping = std::min(std::max(damping, interval.min), interval.max);
   if (damping == 0.0) {
     damping = gradient / length;
   }
-  return range;
+  return interval;
 }
 
 /// Newton's method on the length as a function of the damping.
-void LevenbergMarquardtStep::search(PivotedQr& qr, std::span<double const> scale, double bound, Range range) {
-  constexpr int mostCorrections = 10;
+void LevenbergMarquardtStep::search(PivotedQr& qr, std::span<double const> scale, double bound,
+                                    Interval interval) {
+  constexpr int maxCorrections = 10;
   double excess = length - bound;
   for (int i = 1;; ++i) {
     if (damping == 0.0) {
-      damping = std::max(dwarf, 0.001 * range.highest);
+      damping = std::max(minNormal, 0.001 * interval.max);
     }
-    findDamped(qr, scale);
+    solveDamped(qr, scale);
     measure(scale);
-    double const before = excess;
+    double const previous = excess;
     excess = length - bound;
-    if (std::abs(excess) <= tolerance * bound || (range.lowest == 0.0 && excess <= before && before < 0.0) ||
-        i == mostCorrections) {
+    if (std::abs(excess) <= tolerance * bound ||
+        (interval.min == 0.0 && excess <= previous && previous < 0.0) || i == maxCorrections) {
       return;
     }
-    double const fall = fallDamped(qr, scale);
-    double const correction = excess / bound / fall / fall;
+    double const slope = slopeDamped(qr, scale);
+    double const correction = excess / bound / slope / slope;
     if (excess > 0.0) {
-      range.lowest = std::max(range.lowest, damping);
+      interval.min = std::max(interval.min, damping);
     }
     if (excess < 0.0) {
-      range.highest = std::min(range.highest, damping);
+      interval.max = std::min(interval.max, damping);
     }
-    damping = std::max(range.lowest, damping + correction);
+    damping = std::max(interval.min, damping + correction);
   }
 }
 
-/// R step = Q^T f, with zeros for the columns that the rank leaves out.
-void LevenbergMarquardtStep::findUndamped(PivotedQr const& qr, std::size_t rank) {
+/// Solves R step = Q^T f, with zeros for the columns beyond the rank.
+void LevenbergMarquardtStep::solveUndamped(PivotedQr const& qr, std::size_t rank) {
   std::fill(std::copy_n(qr.qtf.begin(), rank, work.begin()), work.end(), 0.0);
   for (std::size_t j = rank; j-- > 0;) {
     work[j] /= qr.r(j, j);
@@ -118,9 +119,9 @@ void LevenbergMarquardtStep::findUndamped(PivotedQr const& qr, std::size_t rank)
   }
 }
 
-/// The least-squares solution of R step = Q^T f together with sqrt(damping) scale step = 0: the rows of the
-/// damping are rotated into a copy of R^T in the lower triangle.
-void LevenbergMarquardtStep::findDamped(PivotedQr& qr, std::span<double const> scale) {
+/// Solves R step = Q^T f together with sqrt(damping) scale step = 0 by least squares: the rows of the damping
+/// are rotated into a copy of R^T in the lower triangle.
+void LevenbergMarquardtStep::solveDamped(PivotedQr& qr, std::span<double const> scale) {
   std::size_t const n = qr.size();
   double const root = std::sqrt(damping);
   for (std::size_t j = 0; j < n; ++j) {
@@ -139,18 +140,18 @@ void LevenbergMarquardtStep::findDamped(PivotedQr& qr, std::span<double const> s
         continue;
       }
       Rotation const rotation(diagonal[k], row[k]);
-      rotation.turn(diagonal[k], row[k]);
-      rotation.turn(work[k], rightHandSide);
+      rotation.apply(diagonal[k], row[k]);
+      rotation.apply(work[k], rightHandSide);
       for (std::size_t i = k + 1; i < n; ++i) {
-        rotation.turn(qr.r(i, k), row[i]);
+        rotation.apply(qr.r(i, k), row[i]);
       }
     }
   }
-  auto const regular =
+  auto const firstZero =
       static_cast<std::size_t>(std::find(diagonal.begin(), diagonal.end(), 0.0) - diagonal.begin());
-  std::fill(work.begin() + static_cast<std::ptrdiff_t>(regular), work.end(), 0.0);
-  for (std::size_t j = regular; j-- > 0;) {
-    for (std::size_t i = j + 1; i < regular; ++i) {
+  std::fill(work.begin() + static_cast<std::ptrdiff_t>(firstZero), work.end(), 0.0);
+  for (std::size_t j = firstZero; j-- > 0;) {
+    for (std::size_t i = j + 1; i < firstZero; ++i) {
       work[j] -= qr.r(i, j) * work[i];
     }
     work[j] /= diagonal[j];
@@ -165,8 +166,9 @@ void LevenbergMarquardtStep::measure(std::span<double const> scale) {
   length = norm(scaled);
 }
 
-/// Length of R^-T P^T D^2 step / length, whose square tells how fast the length falls with the damping.
-double LevenbergMarquardtStep::fallUndamped(PivotedQr const& qr, std::span<double const> scale) {
+/// Length of R^-T P^T D^2 step / length; its square, times the length, is the rate at which the length falls
+/// with the damping.
+double LevenbergMarquardtStep::slopeUndamped(PivotedQr const& qr, std::span<double const> scale) {
   for (std::size_t j = 0; j < work.size(); ++j) {
     work[j] = scale[qr.order[j]] * scaled[qr.order[j]] / length;
     for (std::size_t i = 0; i < j; ++i) {
@@ -177,8 +179,8 @@ double LevenbergMarquardtStep::fallUndamped(PivotedQr const& qr, std::span<doubl
   return norm(work);
 }
 
-/// The same with the triangle that the damping made of R.
-double LevenbergMarquardtStep::fallDamped(PivotedQr const& qr, std::span<double const> scale) {
+/// The same with the triangle that results from R and the damping.
+double LevenbergMarquardtStep::slopeDamped(PivotedQr const& qr, std::span<double const> scale) {
   std::size_t const n = work.size();
   for (std::size_t j = 0; j < n; ++j) {
     work[j] = scale[qr.order[j]] * (scaled[qr.order[j]] / length);
@@ -195,11 +197,11 @@ double LevenbergMarquardtStep::fallDamped(PivotedQr const& qr, std::span<double 
 /// Length of the scaled gradient, P^T D^-1 J^T f.
 double LevenbergMarquardtStep::gradientLength(PivotedQr const& qr, std::span<double const> scale) {
   for (std::size_t j = 0; j < work.size(); ++j) {
-    double along = 0.0;
+    double product = 0.0;
     for (std::size_t i = 0; i <= j; ++i) {
-      along += qr.r(i, j) * qr.qtf[i];
+      product += qr.r(i, j) * qr.qtf[i];
     }
-    work[j] = along / scale[qr.order[j]];
+    work[j] = product / scale[qr.order[j]];
   }
   return norm(work);
 }

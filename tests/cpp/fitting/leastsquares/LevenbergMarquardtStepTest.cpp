@@ -1,0 +1,110 @@
+#include <cmath>
+#include <cstddef>
+#include <random>
+#include <vector>
+
+#include <fullwaveform/fitting/leastsquares/LevenbergMarquardtStep.h>
+#include <gtest/gtest.h>
+#include <Eigen/Core>
+#include <unsupported/Eigen/NonLinearOptimization>
+
+#include "support/Tolerances.h"
+
+namespace FullWaveform {
+namespace {
+
+namespace Tolerance = Testing::Tolerance;
+using Values = std::vector<double>;
+
+/// A least-squares problem that was linearised, and a request for a step.
+struct Problem {
+  explicit Problem(int seed) : numbers(static_cast<unsigned>(seed)) {
+    for (int gaussian = 0; gaussian < 2; ++gaussian) {
+      parameters.insert(parameters.end(), {between(50.0, 500.0), between(0.0, 30.0), between(0.8, 4.0)});
+    }
+    if (seed % 2 == 0) {
+      parameters[4] = 1e4;  // all derivatives are 0: the rank is 3 of 6
+    }
+    for (int sample = 0; sample < 30; ++sample) {
+      signal.push_back(between(-100.0, 300.0));
+    }
+    for (std::size_t p = 0; p < parameters.size(); ++p) {
+      scale.push_back(std::exp(between(-8.0, 8.0)));
+    }
+    bound = std::exp(between(-15.0, 5.0));
+    damping = seed % 5 == 0 ? 0.0 : std::exp(between(-15.0, 15.0));
+  }
+
+  double between(double min, double max) {
+    return min + (max - min) * static_cast<double>(numbers()) / 4294967295.0;
+  }
+
+  std::mt19937 numbers;
+  Values parameters;
+  Values signal;
+  Values scale;
+  double bound;
+  double damping;
+};
+
+struct Step {
+  double damping;
+  Values step;
+};
+
+Step found(Problem const& problem) {
+  GaussianSum sum;
+  sum.setSignal(problem.signal, 0, problem.parameters.size());
+  sum.evaluate(problem.parameters);
+  Values squares(problem.parameters.size());
+  sum.differentiate(squares);
+  PivotedQr qr;
+  qr.factorise(sum, squares);
+  LevenbergMarquardtStep search;
+  search.damping = problem.damping;
+  search.find(qr, problem.scale, problem.bound);
+  return {search.damping, search.step};
+}
+
+Step foundByEigen(Problem const& problem) {
+  GaussianSum sum;
+  sum.setSignal(problem.signal, 0, problem.parameters.size());
+  sum.evaluate(problem.parameters);
+  Values squares(problem.parameters.size());
+  sum.differentiate(squares);
+  auto const samples = static_cast<Eigen::Index>(sum.samples());
+  auto const size = static_cast<Eigen::Index>(problem.parameters.size());
+  Eigen::MatrixXd jacobian(samples, size);
+  for (Eigen::Index p = 0; p < size; ++p) {
+    jacobian.col(p) = Eigen::Map<Eigen::VectorXd const>(sum.column(static_cast<std::size_t>(p)), samples);
+  }
+  Eigen::VectorXd residual =
+      Eigen::Map<Eigen::VectorXd const>(sum.column(problem.parameters.size()), samples);
+  Eigen::ColPivHouseholderQR<Eigen::MatrixXd> const qr(jacobian);
+  residual.applyOnTheLeft(qr.householderQ().adjoint());
+  Eigen::VectorXd const qtf = residual.head(size);
+  Eigen::VectorXd const scale = Eigen::Map<Eigen::VectorXd const>(problem.scale.data(), size);
+  Eigen::VectorXd step(size);
+  double damping = problem.damping;
+  Eigen::internal::lmpar2<double>(qr, scale, qtf, problem.bound, damping, step);
+  return {damping, Values(step.begin(), step.end())};
+}
+
+TEST(LevenbergMarquardtStep, IsThatOfEigen) {
+  // Scales, bounds and former dampings of many orders of magnitude: searches that end by the limit of ten
+  // corrections, and with problems of deficient rank searches that reach the lower bound of 0, are among
+  // them.
+  for (int seed = 0; seed < 4000; ++seed) {
+    Problem const problem(seed);
+    Step const step = found(problem);
+    Step const expected = foundByEigen(problem);
+    EXPECT_NEAR(step.damping, expected.damping, Tolerance::sameSteps * expected.damping) << seed;
+    for (std::size_t p = 0; p < expected.step.size(); ++p) {
+      EXPECT_NEAR(step.step[p], expected.step[p], Tolerance::sameWildSteps * std::abs(expected.step[p]))
+          << seed;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace FullWaveform
