@@ -1,6 +1,6 @@
 #pragma once
 
-/// Marks what the shared library shows to its users; everything else stays hidden.
+/// Marks the exported interface of the shared library; everything else is hidden.
 #if defined(FULLWAVEFORM_STATIC)
 #define FULLWAVEFORM_EXPORT
 #else

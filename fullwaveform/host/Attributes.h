@@ -9,10 +9,10 @@
 
 namespace Holdex {
 
-/// Named values of a grid or field; every value is a chunk of one of the framework's types.
+/// Named values of a grid or field; every value is a chunk.
 class FULLWAVEFORM_EXPORT Attributes {
  public:
-  /// The attribute's chunk, an empty pointer when there is none of that name.
+  /// The attribute's chunk; empty if there is none of that name.
   [[nodiscard]] StrongPtr<ChunkBase> getAttribute(std::string const& name) const;
   /// Sets or replaces an attribute.
   void setAttribute(std::string const& name, StrongPtr<ChunkBase> value);

@@ -10,20 +10,20 @@ namespace {
 
 using SharedSink = std::shared_ptr<Console::Sink const>;
 
-// One message at a time; kept apart from the choice of the sink, which a sink may change.
-std::mutex passing;
-std::mutex choosing;
+// Two locks, because a sink that receives a message may replace the sink.
+std::mutex deliveryMutex;
+std::mutex sinkMutex;
 thread_local bool insideSink = false;
 
-SharedSink& chosenSink() {
-  // Never destroyed: consoles may still speak while static objects of other libraries die.
+SharedSink& activeSink() {
+  // Never destroyed: static objects of other libraries may send messages from their destructors.
   static auto* sink = new SharedSink(std::make_shared<Console::Sink const>());
   return *sink;
 }
 
 SharedSink currentSink() {
-  std::scoped_lock const lock(choosing);
-  return chosenSink();
+  std::scoped_lock const lock(sinkMutex);
+  return activeSink();
 }
 
 /// Marks this thread as running a sink.
@@ -34,12 +34,12 @@ struct InsideSink {
   ~InsideSink() { insideSink = false; }
 };
 
-void pass(std::string const& message) {
+void deliver(std::string const& message) {
   if (insideSink) {
     std::cerr << message << '\n';
     return;
   }
-  std::scoped_lock const lock(passing);
+  std::scoped_lock const lock(deliveryMutex);
   InsideSink const mark;
   SharedSink const sink = currentSink();
   if (*sink) {
@@ -56,8 +56,8 @@ Console::~Console() {
     return;
   }
   try {
-    pass(message);
-  } catch (...) {  // NOLINT(bugprone-empty-catch): meant, see the class comment.
+    deliver(message);
+  } catch (...) {  // NOLINT(bugprone-empty-catch): intentional, see the class comment.
   }
 }
 
@@ -67,11 +67,11 @@ Console& Console::operator<<(std::string_view text) {
 }
 
 Console::Sink Console::setSink(Sink sink) {
-  std::unique_lock<std::mutex> const quiet =
-      insideSink ? std::unique_lock<std::mutex>() : std::unique_lock<std::mutex>(passing);
-  auto fresh = std::make_shared<Sink const>(std::move(sink));
-  std::scoped_lock const lock(choosing);
-  return *std::exchange(chosenSink(), std::move(fresh));
+  std::unique_lock<std::mutex> const noDelivery =
+      insideSink ? std::unique_lock<std::mutex>() : std::unique_lock<std::mutex>(deliveryMutex);
+  auto next = std::make_shared<Sink const>(std::move(sink));
+  std::scoped_lock const lock(sinkMutex);
+  return *std::exchange(activeSink(), std::move(next));
 }
 
 }  // namespace Holdex

@@ -8,12 +8,12 @@
 
 namespace Holdex {
 
-/// A message stream: what is written to one Console object leaves as one message when the object dies.
+/// A message stream: everything written to one Console object is sent as one message by its destructor.
 ///
-/// Where messages go is decided by the process-wide sink; without one they are written to standard error, a
-/// line each. The sink may be called from any thread; one message at a time is passed to it. What it throws
-/// is swallowed: a message must never change the result of the computation that wrote it. Messages that a
-/// sink itself writes go to standard error.
+/// The process-wide sink receives the messages; without one they are written to standard error, one per
+/// line. The sink may be called from any thread; it receives one message at a time. Its exceptions are
+/// ignored: a message must never change the result of the computation that wrote it. Messages written by a
+/// sink itself are written to standard error.
 class FULLWAVEFORM_EXPORT Console {
  public:
   using Sink = std::function<void(std::string const& message)>;
@@ -25,8 +25,8 @@ class FULLWAVEFORM_EXPORT Console {
 
   Console& operator<<(std::string_view text);
 
-  /// Replaces the process-wide sink and returns the one before; an empty function restores standard error.
-  /// The former sink is no longer running when this returns, unless it is itself the caller.
+  /// Replaces the process-wide sink and returns the previous one; an empty function restores standard error.
+  /// When this returns, the previous sink is no longer running, unless it is the caller.
   static Sink setSink(Sink sink);
 
  private:

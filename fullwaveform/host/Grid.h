@@ -23,26 +23,26 @@ class FULLWAVEFORM_EXPORT Field {
 /// The fields of a grid in one chart. Pointers to fields stay valid until the next field is added.
 class FULLWAVEFORM_EXPORT Representation {
  public:
-  /// Position of the field in this representation, -1 when there is none of that name.
+  /// Index of the field in this representation; -1 if there is none of that name.
   [[nodiscard]] int findFieldID(std::string const& name) const;
-  /// The field, nullptr when there is none of that name.
+  /// The field; nullptr if there is none of that name.
   [[nodiscard]] Field const* findField(std::string const& name) const;
-  /// The field of that name, made when it is not there.
+  /// The field of that name, created if missing.
   Field& addField(std::string const& name);
 
  private:
   std::vector<std::pair<std::string, Field>> fields;
 };
 
-/// A data set of the framework: attributes of its own, and representations that hold fields.
+/// A data set of the framework: attributes, and representations with fields.
 class FULLWAVEFORM_EXPORT Grid : public Holdex::ReferenceBase<Grid> {
  public:
   [[nodiscard]] Holdex::Attributes& attributes() noexcept { return ownAttributes; }
   [[nodiscard]] Holdex::Attributes const& attributes() const noexcept { return ownAttributes; }
 
-  /// The Cartesian representation of that name, nullptr when there is none.
+  /// The Cartesian representation of that name; nullptr if there is none.
   [[nodiscard]] Representation const* getCartesianRepresentation(std::string const& name) const;
-  /// The representation of that name, made when it is not there.
+  /// The representation of that name, created if missing.
   Representation& addCartesianRepresentation(std::string const& name);
 
  private:

@@ -14,28 +14,28 @@ namespace Kestra {
 template <std::size_t Rank, class T>
 class MemArray;
 
-/// A two-dimensional block in row-major order that owns its elements or looks at foreign memory.
+/// A two-dimensional block in row-major order that owns its elements or refers to memory of the caller.
 ///
-/// Foreign memory must outlive the array. With a row accessor, rows are read through it (rows that lie apart
-/// in memory, or that are made when asked for); each call returns the first of `columns()` elements, valid
-/// until the next call, or nullptr for a row that cannot be had.
+/// Memory of the caller must outlive the array. If there is a row accessor, rows are read through it, so that
+/// they need not be contiguous or may be computed on demand: each call returns the first of `columns()`
+/// elements, valid until the next call, or nullptr for an unavailable row.
 template <class T>
 class MemArray<2, T> : public Holdex::ReferenceBase<MemArray<2, T>> {
  public:
   using Shape = std::array<std::size_t, 2>;
   using RowAccessor = std::function<T const*(std::size_t row)>;
 
-  /// Owns rows x columns elements: `values`, filled up with zeros or cut where they are not as many.
-  /// @throws std::length_error when the product does not fit
+  /// Owns rows x columns elements: `values`, truncated or filled up with zeros to that number.
+  /// @throws std::length_error if the product is too large
   MemArray(Shape rowsAndColumns, std::vector<T> values) : shape(rowsAndColumns), owned(std::move(values)) {
     if (shape[1] != 0 && shape[0] > owned.max_size() / shape[1]) {
-      throw std::length_error("MemArray: rows times columns do not fit");
+      throw std::length_error("MemArray: rows times columns exceed the maximum size");
     }
     owned.resize(shape[0] * shape[1]);
     first = owned.data();
   }
-  /// Looks at rows x columns elements of foreign memory.
-  MemArray(Shape rowsAndColumns, T const* foreign) : shape(rowsAndColumns), first(foreign) {}
+  /// Refers to rows x columns elements of the caller.
+  MemArray(Shape rowsAndColumns, T const* elements) : shape(rowsAndColumns), first(elements) {}
   /// Reads rows only through the accessor.
   MemArray(Shape rowsAndColumns, RowAccessor rowAccessor)
       : shape(rowsAndColumns), accessor(std::move(rowAccessor)) {}
@@ -44,7 +44,7 @@ class MemArray<2, T> : public Holdex::ReferenceBase<MemArray<2, T>> {
   [[nodiscard]] std::size_t columns() const noexcept { return shape[1]; }
   [[nodiscard]] bool hasAccessor() const noexcept { return static_cast<bool>(accessor); }
   [[nodiscard]] RowAccessor const& rowAccessor() const noexcept { return accessor; }
-  /// Direct storage, nullptr when the rows are only had through the accessor.
+  /// Contiguous rows; nullptr if they are available through the accessor only.
   [[nodiscard]] T const* storage() const noexcept { return first; }
 
   void setRowAccessor(RowAccessor rowAccessor) { accessor = std::move(rowAccessor); }

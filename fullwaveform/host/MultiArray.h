@@ -10,17 +10,17 @@ namespace Kestra {
 template <std::size_t Rank, class T>
 class MultiArray;
 
-/// A one-dimensional array that owns its elements or looks at foreign memory, which must outlive it.
+/// A one-dimensional array that owns its elements or refers to memory of the caller, which must outlive it.
 template <class T>
 class MultiArray<1, T> {
  public:
   MultiArray() = default;
   explicit MultiArray(std::vector<T> values) : owned(std::move(values)), elements(owned) {}
-  explicit MultiArray(std::span<T const> foreign) : elements(foreign) {}
+  explicit MultiArray(std::span<T const> referenced) : elements(referenced) {}
   MultiArray(MultiArray const& other)
       : owned(other.owned), elements(other.isOwner() ? owned : other.elements) {}
   MultiArray(MultiArray&& other) noexcept : elements(other.elements) {
-    owned = std::move(other.owned);  // the elements stay where they are: `elements` keeps pointing at them
+    owned = std::move(other.owned);  // moving a vector keeps its elements in place, so `elements` stays valid
     other.elements = {};
   }
   MultiArray& operator=(MultiArray other) noexcept {

@@ -36,7 +36,7 @@ class PdfCanvas {
   void write(std::string const& text, double size, PagePoint baseline, Align align, bool isBold = false,
              double angle = 0.0);
   void finishPage();
-  /// Ends the document, after which nothing may be drawn, and writes it.
+  /// Ends the document and writes it; must be the last call.
   /// @return empty, or why there is no valid file
   [[nodiscard]] std::string save(std::string const& file);
 

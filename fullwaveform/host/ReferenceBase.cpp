@@ -14,9 +14,10 @@ void ReferenceRecord::addStrong() noexcept {
 }
 
 bool ReferenceRecord::tryAddStrong() noexcept {
-  std::uint32_t seen = strong.load(std::memory_order_relaxed);
-  while (seen != 0) {
-    if (strong.compare_exchange_weak(seen, seen + 1, std::memory_order_acquire, std::memory_order_relaxed)) {
+  std::uint32_t current = strong.load(std::memory_order_relaxed);
+  while (current != 0) {
+    if (strong.compare_exchange_weak(current, current + 1, std::memory_order_acquire,
+                                     std::memory_order_relaxed)) {
       return true;
     }
   }
@@ -24,7 +25,7 @@ bool ReferenceRecord::tryAddStrong() noexcept {
 }
 
 void ReferenceRecord::releaseStrong() noexcept {
-  // Release our writes to the object, and acquire those of the others before it is destroyed.
+  // Releases the writes of this thread to the object, and acquires those of others before it is destroyed.
   if (strong.fetch_sub(1, std::memory_order_acq_rel) == 1) {
     delete object;
   }

@@ -9,18 +9,17 @@ namespace Holdex {
 
 class InterfaceBase;
 
-/// Reference counts of one object. Outlives the object as long as weak pointers look at it.
+/// Reference counts of one object. Outlives the object while weak pointers refer to it.
 ///
-/// The strong pointers together hold one weak count, which goes when the object dies. All operations are
-/// thread-safe.
+/// All strong pointers together count as one weak reference, released with the object. Thread-safe.
 class FULLWAVEFORM_EXPORT ReferenceRecord {
  public:
   explicit ReferenceRecord(InterfaceBase* owner) noexcept : object(owner) {}
 
   void addStrong() noexcept;
-  /// Takes a strong reference only when the object is still alive; false otherwise.
+  /// Takes a strong reference if the object still exists; returns whether it did.
   bool tryAddStrong() noexcept;
-  /// Deletes the object when the last strong reference goes.
+  /// Deletes the object with the last strong reference.
   void releaseStrong() noexcept;
   void addWeak() noexcept;
   void releaseWeak() noexcept;
@@ -32,22 +31,22 @@ class FULLWAVEFORM_EXPORT ReferenceRecord {
   std::atomic<std::uint32_t> weak{1};
 };
 
-/// Root of everything the framework's pointers can hold: identity, serial number and reference record.
+/// Base of everything that the framework's pointers refer to: identity, serial number and reference counts.
 ///
-/// Objects are shared, not copied. An object on the stack is allowed as long as no StrongPtr takes it.
+/// Objects are shared, not copied. No StrongPtr may refer to an object on the stack.
 class FULLWAVEFORM_EXPORT InterfaceBase {
  public:
   InterfaceBase();
   InterfaceBase(InterfaceBase const&) = delete;
   InterfaceBase& operator=(InterfaceBase const&) = delete;
 
-  /// First virtual slot of the framework's objects; does nothing.
+  /// First virtual function of the framework's objects; does nothing.
   virtual void referenced();
   virtual ~InterfaceBase();
 
   /// Taken from PointerID, one step per object.
   [[nodiscard]] std::uint64_t identity() const noexcept { return objectIdentity; }
-  /// Running number of the object in this process, from 0.
+  /// Number of objects created before it in this process.
   [[nodiscard]] std::uint64_t serial() const noexcept { return serialNumber; }
   [[nodiscard]] ReferenceRecord& record() const noexcept { return *referenceRecord; }
 

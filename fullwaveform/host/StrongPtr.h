@@ -13,10 +13,10 @@ namespace Holdex {
 
 /// Shared owner of a reference-counted object.
 ///
-/// @tparam T     what the pointer gives access to
-/// @tparam Base  the reference-counted type it is counted through
+/// @tparam T     the type that is accessed
+/// @tparam Base  its reference-counted base
 ///
-/// Every pointer has an identifier of its own, new whenever it is made or emptied. Access through an empty
+/// Every pointer has a unique identifier, new whenever it is created or emptied. Access through an empty
 /// pointer is a programming error: it is reported and aborts. Different pointers to one object may be used
 /// from different threads; one pointer object belongs to one thread at a time.
 template <class T, class Base = T>
@@ -24,7 +24,7 @@ class StrongPtr {
  public:
   StrongPtr() noexcept = default;
   StrongPtr(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor)
-  explicit StrongPtr(T* fresh) noexcept : object(fresh), counted(recordOf(fresh)) { take(); }
+  explicit StrongPtr(T* newObject) noexcept : object(newObject), counted(recordOf(newObject)) { take(); }
   StrongPtr(StrongPtr const& other) noexcept : object(other.object), counted(other.counted) { take(); }
   StrongPtr(StrongPtr&& other) noexcept : object(other.object), counted(other.counted) { other.forget(); }
 
@@ -61,8 +61,8 @@ class StrongPtr {
   }
 
  private:
-  static ReferenceRecord* recordOf(T* fresh) noexcept {
-    return fresh == nullptr ? nullptr : &fresh->record();
+  static ReferenceRecord* recordOf(T* newObject) noexcept {
+    return newObject == nullptr ? nullptr : &newObject->record();
   }
 
   T* checked() const {
@@ -92,13 +92,13 @@ class StrongPtr {
   std::uint64_t id = PointerID::next();
 };
 
-/// Makes an object and its first strong pointer.
+/// Creates an object and its first strong pointer.
 template <class T, class... Arguments>
 StrongPtr<T> makeStrong(Arguments&&... arguments) {
   return StrongPtr<T>(new T(std::forward<Arguments>(arguments)...));
 }
 
-/// Looks at an object without keeping it alive.
+/// Refers to an object without keeping it alive.
 template <class T, class Base = T>
 class WeakPtr {
  public:
@@ -119,7 +119,7 @@ class WeakPtr {
     }
   }
 
-  /// The object when it is still alive; otherwise the misuse is reported and the result is empty.
+  /// The object if it still exists; otherwise empty, and the misuse is reported.
   [[nodiscard]] StrongPtr<T, Base> lock() const {
     if (counted == nullptr || !counted->tryAddStrong()) {
       SpeakPtr::report("an invalid weak pointer was used");
@@ -144,7 +144,7 @@ class WeakPtr {
   std::uint64_t id = PointerID::next();
 };
 
-/// A shared reference to a Base, kept together with a typed pointer that is set when the object is a T.
+/// A shared reference to a Base, and a typed pointer that is set if the object is a T.
 template <class T, class Base>
 class DynamicPtr {
  public:
@@ -161,7 +161,7 @@ class DynamicPtr {
   }
   ~DynamicPtr() = default;
 
-  /// The shared reference, whatever its type.
+  /// The shared reference, also if the object is not a T.
   [[nodiscard]] StrongPtr<Base> const& shared() const noexcept { return reference; }
   [[nodiscard]] T* get() const noexcept { return typed; }
   explicit operator bool() const noexcept { return typed != nullptr; }

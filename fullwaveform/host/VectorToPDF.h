@@ -35,7 +35,7 @@ class FULLWAVEFORM_EXPORT VectorToPDF {
   /// Writes the file, replacing an existing one. Without a series the page shows title and axes only.
   ///
   /// A page measures 180 mm by 110 mm; the flag of the host's class has no effect here.
-  /// @return empty, or why the file could not be written; nothing is thrown
+  /// @return empty, or why the file could not be written; does not throw
   [[nodiscard]] std::string write2Pdf(bool) const;
 
  private:

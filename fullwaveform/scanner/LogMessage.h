@@ -6,8 +6,8 @@
 
 namespace FullWaveform {
 
-/// Sends one message to the host's console: one text, handed over in one call.
-/// Here because every module that sends messages may include this one, and `host/` holds no code of ours.
+/// Sends one message to the host's console, as one text in one call.
+/// In this module because all modules that send messages depend on it, and `host/` is replaceable.
 inline void logMessage(std::string_view message) {
   Holdex::Console() << message;
 }

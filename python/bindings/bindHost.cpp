@@ -19,8 +19,8 @@ namespace nb = nanobind;
 
 namespace {
 
-// Every library call runs on one thread from start to end, so its messages wait here until the call is back
-// in Python; the sink itself never needs the interpreter's lock.
+// A library call runs on one thread, so its messages are collected per thread until the call has returned to
+// Python. The sink itself does not need the interpreter's lock.
 std::vector<std::string>& messagesOfThread() {
   thread_local std::vector<std::string> messages;
   return messages;
@@ -55,6 +55,6 @@ void bindHost(nb::module_& module) {
       .def("set_float", &setAttribute<float>, nb::arg("field"), nb::arg("name"), nb::arg("values"))
       .def("set_text", &setAttribute<std::string>, nb::arg("field"), nb::arg("name"), nb::arg("values"));
 
-  module.def("chunk_memory_total", &Holdex::ChunkBase::memoryTotal, "Bytes held by all living chunks.");
+  module.def("chunk_memory_total", &Holdex::ChunkBase::memoryTotal, "Bytes held by all existing chunks.");
   module.def("after_pulse_class", [] { return Quorvane::TarnClass::afterpulse; });
 }
