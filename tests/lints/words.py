@@ -25,6 +25,11 @@ PATTERNS: list[tuple[re.Pattern[str], str]] = [
 
 # Phrases without a legitimate use, and what to write instead.
 PHRASES = {
+    "told apart": "distinguished",
+    "stands beside": "is next to",
+    "side by side with": "compared with",
+    "set beside": "compared with",
+    "hands on": "passes",
     "standing beside": "next to",
     "side by side in memory": "contiguous",
     "the house's": "the project's",
