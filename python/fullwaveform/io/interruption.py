@@ -1,4 +1,4 @@
-"""A request to end that survives being raised in the wrong place.
+"""A request to end that is not lost when its exception is discarded.
 
 An exception that a signal handler raises inside a finalizer, a weak-reference callback or a library
 callback is discarded. So the request is stored as well, and checked where a run can stop.

@@ -134,8 +134,8 @@ def open_packets(
                 f"{path}: the header declares waveform packets in the file and in a .wdp file; "
                 "must be one of them"
             )
-        found = "in the file" if inside else f"in {companion.name}" if companion else ""
-        notes = [f"The header declares two places of the waveform packets; found {found}."]
+        found = "the LAS file" if inside else "the .wdp file"
+        notes = [f"The header declares waveform packets in two files; found in {found}."]
     elif inside or outside:
         notes = []
     elif companion is not None:

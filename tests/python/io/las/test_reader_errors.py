@@ -130,7 +130,7 @@ def test_packet_location_missing_in_the_header(tmp_path: Path) -> None:
     patch(path, GLOBAL_ENCODING, "<H", 6)
     blocks, tally = read(path)
     assert len(rows(blocks)) == 4
-    assert "two places" in tally.notes[0]
+    assert "in two files" in tally.notes[0]
     path.with_suffix(".wdp").unlink()
     assert "in the file and in a .wdp file" in message_of(path)
     patch(path, GLOBAL_ENCODING, "<H", 0)
