@@ -158,24 +158,32 @@ TEST(FittingGaussVia3Points, FormerEchoesAreFittedTooUnlessTheyAreBad) {
   Peak const worse(1.0, 10.0, 0.0, RAW, static_cast<QUALITY>(3), 0.0, 0, 0.0F);
   Peak const former(1.0, 21.9, 0.0, RAW, GOOD, 0.0, 33, 0.0F);
   Outcome const outcome = fit(samples, 20, {former, bad, worse});
-  // The stable order keeps the former echo in front of the one found at the same place.
+  // The sort is stable: the former echo stays before the one found at the same position.
   ASSERT_EQ(positions(outcome), (Positions{10.0, 21.5, 21.5}));
   EXPECT_EQ(outcome.peaks[1].classification, 33);
   EXPECT_EQ(outcome.peaks[2].classification, 0);
 }
 
 // Without a maximum the largest sample, the first in the range, is fitted: 50, 50, 50.
-TEST(FittingGaussVia3Points, FlatRecordHasNoEchoWithAPosition) {
+TEST(FittingGaussVia3Points, FlatWaveformKeepsAnEchoOfNan) {
   Outcome const outcome = fit(Samples(8, 50), 20);
   EXPECT_TRUE(outcome.ran);
-  for (Peak const& peak : outcome.peaks) {
-    EXPECT_FALSE(std::isfinite(peak.idx));
-    EXPECT_FALSE(std::isfinite(peak.std));
-  }
+  ASSERT_EQ(outcome.peaks.size(), 1U);
+  EXPECT_TRUE(std::isnan(outcome.peaks[0].idx));
+  EXPECT_TRUE(std::isnan(outcome.peaks[0].std));
+  EXPECT_TRUE(std::isnan(outcome.peaks[0].amplitude));
+  EXPECT_EQ(outcome.peaks[0].quality, GOOD);
 }
 
-// A record that only falls: 60, 50, 50 is hollow, its lowest point lies half-way between the 50s.
-TEST(FittingGaussVia3Points, HollowTripleGivesAnEchoWithoutWidth) {
+// 60, 50, 50 is concave up: 60 (5/6)^(9/8) = 48.87 counts in the minimum, between the noises.
+TEST(FittingGaussVia3Points, EchoesLowerThanTheNoiseAreRemoved) {
+  Samples const samples{60, 50, 50, 50, 50, 5, 5};
+  EXPECT_EQ(fit(samples, 48).peaks.size(), 1U);
+  EXPECT_TRUE(fit(samples, 49).peaks.empty());
+}
+
+// A waveform that only falls: 60, 50, 50 is concave up, with the minimum half-way between the 50s.
+TEST(FittingGaussVia3Points, ConcaveUpTripleGivesAnEchoWithoutWidth) {
   Outcome const outcome = fit({60, 50, 50, 50, 50, 5, 5}, 20);
   ASSERT_EQ(outcome.peaks.size(), 1U);
   EXPECT_NEAR(outcome.peaks[0].idx, 1.5, Tolerance::fitSamples);

@@ -65,7 +65,7 @@ TEST(GaussianRefinement, OneEchoIsFoundFromARoughStart) {
   EXPECT_NEAR(parameters[2], 2.2, Tolerance::refinedSamples);
 }
 
-TEST(GaussianRefinement, OverlappingEchoesAreToldApart) {
+TEST(GaussianRefinement, OverlappingEchoesAreSeparated) {
   Values parameters{800.0, 19.0, 2.5, 400.0, 25.0, 2.0};
   GaussianRefinement().refine(signalOf(0, 45, {{1000.0, 19.4, 2.0}, {300.0, 24.2, 1.6}}), 0, parameters);
   Values const expected{1000.0, 19.4, 2.0, 300.0, 24.2, 1.6};
@@ -125,7 +125,7 @@ TEST(GaussianRefinement, StartThatIsNotFiniteChangesNothing) {
   }
 }
 
-TEST(GaussianRefinement, NothingToFitIsNoTrouble) {
+TEST(GaussianRefinement, NoParametersOrNoSamplesAreAccepted) {
   Values none;
   EXPECT_EQ(GaussianRefinement().refine(Values{1.0, 2.0, 3.0}, 0, none), 0);
   EXPECT_EQ(GaussianRefinement().refine(Values(), 0, none), 0);
@@ -140,7 +140,7 @@ TEST(GaussianRefinement, WidthOfZeroChangesNothing) {
   EXPECT_EQ(parameters, (Values{1000.0, 14.0, 0.0}));
 }
 
-TEST(GaussianRefinement, TwentyEvaluationsAreTheMost) {
+TEST(GaussianRefinement, EndsAfterTwentyEvaluations) {
   // A constant is a Gaussian of infinite width: every step widens it and none is the last.
   Values parameters{1000.0, 10.0, 2.0};
   EXPECT_EQ(GaussianRefinement().refine(Values(20, 1000.0), 0, parameters), 20);
@@ -149,7 +149,7 @@ TEST(GaussianRefinement, TwentyEvaluationsAreTheMost) {
 
 TEST(GaussianRefinement, FirstStepMayBeLong) {
   // Only the height is wrong, by a factor of 100, and the sum is linear in it: one step mends it, if the
-  // bound of the first step is wide enough, and a second finds nothing to do.
+  // bound of the first step is wide enough, and the second changes nothing.
   Values parameters{10.0, 14.3, 2.2};
   EXPECT_LE(GaussianRefinement().refine(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters), 3);
   EXPECT_NEAR(parameters[0], 1000.0, 1000.0 * Tolerance::refinedAmplitudeRelative);
@@ -183,7 +183,7 @@ TEST(GaussianRefinement, RepeatedRefinementReachesTheCertifiedDigits) {
   }
 }
 
-TEST(GaussianRefinement, RepeatedRefinementMeetsAnotherMinimiser) {
+TEST(GaussianRefinement, RepeatedRefinementReachesTheMinimumOfSciPy) {
   // Two Gaussians for four echoes, so that a large misfit is left; the minimum is that of SciPy's
   // least_squares (trust region, tolerances of 1e-14).
   Values const signal =

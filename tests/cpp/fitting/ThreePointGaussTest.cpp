@@ -1,11 +1,16 @@
 #include <fullwaveform/fitting/ThreePointGauss.h>
 
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <limits>
+#include <random>
 #include <span>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
+#include <Eigen/LU>
 
 #include "support/TestWaveforms.h"
 #include "support/Tolerances.h"
@@ -74,13 +79,70 @@ TEST(ThreePointGauss, MirroredTripleHasTheMirroredVertex) {
   EXPECT_NEAR(left.std, right.std, Tolerance::fitSamples);
 }
 
-TEST(ThreePointGauss, FlatTripleIsNotFinite) {
+TEST(ThreePointGauss, FlatTripleIsNan) {
   ThreePointGauss const gauss = gaussThroughThreeSamples(8.0, 8.0, 8.0);
-  EXPECT_FALSE(std::isfinite(gauss.vertex));
-  EXPECT_FALSE(std::isfinite(gauss.std));
+  EXPECT_TRUE(std::isnan(gauss.vertex));
+  EXPECT_TRUE(std::isnan(gauss.std));
+  EXPECT_TRUE(std::isnan(gauss.amplitude));
 }
 
-TEST(ThreePointGauss, HollowTripleHasNoWidth) {
+/// The Gaussian from the parabola that Eigen's LU factorisation of a dynamic-size matrix finds.
+ThreePointGauss gaussOfEigen(double left, double centre, double right) {
+  Eigen::MatrixXf design(3, 3);
+  design << 1.0F, 0.0F, 0.0F, 1.0F, 1.0F, 1.0F, 1.0F, 2.0F, 4.0F;
+  Eigen::VectorXf logarithms(3);
+  logarithms << static_cast<float>(std::log(left)), static_cast<float>(std::log(centre)),
+      static_cast<float>(std::log(right));
+  Eigen::VectorXf const c = design.partialPivLu().solve(logarithms);
+  float const top = c[0] - 0.25F * c[1] * c[1] / c[2];
+  return {static_cast<float>(std::exp(static_cast<double>(top))), -0.5F * c[1] / c[2],
+          std::sqrt(-0.5F / c[2])};
+}
+
+bool haveSameBits(float left, float right) {
+  return std::bit_cast<std::uint32_t>(left) == std::bit_cast<std::uint32_t>(right) ||
+         (std::isnan(left) && std::isnan(right));
+}
+
+void expectBitsOfEigen(double left, double centre, double right) {
+  ThreePointGauss const found = gaussThroughThreeSamples(left, centre, right);
+  ThreePointGauss const expected = gaussOfEigen(left, centre, right);
+  EXPECT_TRUE(haveSameBits(found.amplitude, expected.amplitude) &&
+              haveSameBits(found.vertex, expected.vertex) && haveSameBits(found.std, expected.std))
+      << left << ' ' << centre << ' ' << right;
+}
+
+TEST(ThreePointGauss, HasTheBitsOfADynamicFactorisation) {
+  std::vector<double> const levels{1.0,  2.0,   3.0,   4.0,   7.0,   8.0,    9.0,    16.0,   20.0,   50.0,
+                                   64.0, 100.0, 127.0, 254.0, 255.0, 1000.0, 4095.0, 4096.0, 65535.0};
+  for (double const left : levels) {
+    for (double const centre : levels) {
+      for (double const right : levels) {
+        expectBitsOfEigen(left, centre, right);
+      }
+    }
+  }
+  std::mt19937 rng(3);
+  for (int i = 0; i < 50000; ++i) {
+    // Up to 2, 4, ... 65536 counts, so that equal samples are frequent.
+    unsigned const range = 2U << (static_cast<unsigned>(i) % 16U);
+    auto const sample = [&] { return static_cast<double>(1U + rng() % range); };
+    double const left = sample();
+    double const centre = sample();
+    expectBitsOfEigen(left, centre, sample());
+  }
+}
+
+// From NumPy, with logarithms and exponential in double precision, rounded to single precision. In single precision
+// the logarithm of 1579, and the exponential for 22, 60, 13, have another last digit.
+TEST(ThreePointGauss, LogarithmAndExponentialAreOfDoublePrecision) {
+  ThreePointGauss const gauss = gaussThroughThreeSamples(1500.0, 1579.0, 1540.0);
+  EXPECT_EQ(gauss.vertex, 1.172376F);
+  EXPECT_EQ(gauss.std, 3.6193802F);
+  EXPECT_EQ(gaussThroughThreeSamples(22.0, 60.0, 13.0).amplitude, 60.825222F);
+}
+
+TEST(ThreePointGauss, ConcaveUpTripleHasNoWidth) {
   ThreePointGauss const gauss = gaussThroughThreeSamples(8.0, 4.0, 8.0);
   EXPECT_TRUE(std::isnan(gauss.std));
   EXPECT_EQ(gauss.vertex, 1.0F);
@@ -127,7 +189,7 @@ TEST(ThreePointGaussPeak, SamplesAreReadThroughTheAccessor) {
 }
 
 TEST(ThreePointGaussPeak, NeighboursOutsideTheRecordAreItsNearestSample) {
-  // At the front 8, 8, 4: vertex half a sample before; at the end 4, 8, 8: half a sample behind.
+  // At the front 8, 8, 4: vertex half a sample before; at the end 4, 8, 8: half a sample after.
   EXPECT_EQ(fitted({8, 4, 1}, 0.0).idx, -0.5);
   EXPECT_EQ(fitted({1, 4, 8}, 2.0).idx, 2.5);
 }

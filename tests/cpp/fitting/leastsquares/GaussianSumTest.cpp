@@ -19,7 +19,7 @@ using Values = std::vector<double>;
 constexpr double atOneWidth = 0.6065306597126334;   // exp(-1/2)
 constexpr double atTwoWidths = 0.1353352832366127;  // exp(-2)
 
-/// A sum that has taken a stretch and was evaluated.
+/// A sum with a signal, evaluated.
 GaussianSum evaluated(Values const& parameters, int first, Values const& signal) {
   GaussianSum sum;
   sum.setSignal(signal, first, parameters.size());
@@ -106,7 +106,7 @@ TEST(GaussianSum, AmplitudeAndPositionEnterWithoutTheirSigns) {
 }
 
 TEST(GaussianSum, JacobianHoldsColumnsOfOneParameterEach) {
-  // One width behind the position: distance 2, width 2.
+  // One width after the position: distance 2, width 2.
   expectNear(jacobianOf({8.0, 5.0, 2.0}, 5, 3),
              {1.0, 0.8824969025845955, atOneWidth,              //
               0.0, 2.0 * 0.8824969025845955, 4.0 * atOneWidth,  //
@@ -136,7 +136,7 @@ TEST(GaussianSum, OtherColumnsAreThoseOfTheAbsoluteValues) {
   EXPECT_EQ(jacobianOf({-8.0, -5.0, -1.5}, 3, 6), jacobianOf({8.0, 5.0, 1.5}, 3, 6));
 }
 
-TEST(GaussianSum, BehindTheSamplesColumnsAreZero) {
+TEST(GaussianSum, ColumnsArePaddedWithZeros) {
   Values const parameters{8.0, 5.0, 2.0};
   GaussianSum sum = evaluated(parameters, 3, Values(9, 4.0));
   Values squares(3);
@@ -199,9 +199,19 @@ TEST(GaussianSum, CertifiedParametersAreTheLeastSquaresMinimum) {
   }
 }
 
-TEST(GaussianSum, WidthsWithoutAThirdPowerRest) {
-  // An echo that a step threw out of all bounds: 1e110 wide, 2e111 from the samples, where it is exp(-200)
-  // high. The third power of the width is infinite and the derivative 0; the one by the position is finite.
+TEST(GaussianSum, ExtremeGaussiansHaveNoDerivativesOfNan) {
+  // The shape is 0 at every sample, or 1 at the one where the distance is 0: 0 times what overflows.
+  for (Values const& parameters : {Values{300.0, 1e160, 2.0}, Values{300.0, 4.0, 1e-105}}) {
+    GaussianSum sum = evaluated(parameters, 0, Values(9, 4.0));
+    Values squares(3);
+    sum.differentiate(squares);
+    EXPECT_EQ(squares, (Values{parameters[1] == 4.0 ? 1.0 : 0.0, 0.0, 0.0}));
+  }
+}
+
+TEST(GaussianSum, WidthWithInfiniteThirdPowerHasNoDerivative) {
+  // A Gaussian far out of range: 1e110 wide, 2e111 from the samples, where it is exp(-200) high. The third
+  // power of the width is infinite and the derivative 0; the one by the position is finite.
   std::vector<double> const parameters{1e115, 2e111, -1e110};
   GaussianSum sum;
   std::vector<double> const signal(5, 0.0);
