@@ -25,6 +25,12 @@ PATTERNS: list[tuple[re.Pattern[str], str]] = [
 
 # Phrases without a legitimate use, and what to write instead.
 PHRASES = {
+    "what is not a number": "NaN",
+    "the header announces": "header declares",
+    "tell_unreadable": "on_unreadable",
+    "lie beside": "are next to",
+    "led back": "pulled back",
+    "one after the other while": "while",
     "told apart": "distinguished",
     "stands beside": "is next to",
     "side by side with": "compared with",
