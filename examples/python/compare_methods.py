@@ -9,7 +9,7 @@ from fullwaveform import Driver, Mode, Scanner
 from fullwaveform.system_wave import (
     average,
     fit_system_wave,
-    offset_of_made_echoes,
+    offset_of_simulated_echoes,
     pulses_of_rows,
     with_system_wave,
 )
@@ -30,7 +30,7 @@ def main() -> None:
     pulse = average(pulses_of_rows(pulses, None, INTERVAL, "recorded pulses"))
     wave = fit_system_wave(pulse).in_seconds()
     scanner = with_system_wave(Scanner.default(), wave, INTERVAL)
-    offset = offset_of_made_echoes(scanner, pulse).position  # of deconvolved echoes, samples
+    offset = offset_of_simulated_echoes(scanner, pulse).position  # of deconvolved echoes, samples
     true = np.array([20.3, 40.0, 45.2])
     samples = np.rint(12 + np.array([250, 120, 480]) @ pulse_at(true) + noise[0])
     print(f"true positions: {true}")

@@ -16,7 +16,7 @@ from fullwaveform import Driver, Mode, Scanner
 from fullwaveform.system_wave import (
     average,
     fit_system_wave,
-    offset_of_made_echoes,
+    offset_of_simulated_echoes,
     pulses_of_rows,
     with_system_wave,
 )
@@ -63,7 +63,7 @@ def scanner() -> tuple[Scanner, float]:
     pulse = average(pulses_of_rows(rows, None, INTERVAL, "pulses of the pages"))
     wave = fit_system_wave(pulse)
     complete = with_system_wave(Scanner.default(), wave.in_seconds(), INTERVAL)
-    return complete, offset_of_made_echoes(complete, pulse).position
+    return complete, offset_of_simulated_echoes(complete, pulse).position
 
 
 def extracted(mode: Mode, samples: npt.NDArray[np.uint16], level: int, channel: int = 1) -> Echoes:

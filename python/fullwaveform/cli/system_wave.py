@@ -16,17 +16,18 @@ from fullwaveform.cli.options import (
     require_suffix,
 )
 from fullwaveform.cli.summary import Row, print_table
+from fullwaveform.core.constants import SYSTEM_WAVE_SAMPLES
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.plotting.style import PLOT_ENDINGS
 from fullwaveform.plotting.system_wave import SystemWaveCurves, draw_system_wave
 from fullwaveform.system_wave.averaging import AveragePulse
 from fullwaveform.system_wave.description import with_system_wave, write_description
-from fullwaveform.system_wave.exponentials import LARGEST_ORDER
+from fullwaveform.system_wave.exponentials import MAX_ORDER
 from fullwaveform.system_wave.fitting import WINDOW_SAMPLES, SystemWave, fit_system_wave
 from fullwaveform.system_wave.offset import (
     DeconvolutionOffset,
     measure_offset,
-    offset_of_made_echoes,
+    offset_of_simulated_echoes,
 )
 from fullwaveform.system_wave.sources import Input, Source
 
@@ -34,8 +35,8 @@ from fullwaveform.system_wave.sources import Input, Source
 def _order(text: str) -> int | None:
     if text == "auto":
         return None
-    if not (text.isascii() and text.isdigit() and 1 <= int(text) <= LARGEST_ORDER):
-        raise typer.BadParameter(f"{text!r} must be 'auto' or an integer from 1 to {LARGEST_ORDER}")
+    if not (text.isascii() and text.isdigit() and 1 <= int(text) <= MAX_ORDER):
+        raise typer.BadParameter(f"{text!r} must be 'auto' or an integer from 1 to {MAX_ORDER}")
     return int(text)
 
 
@@ -59,7 +60,7 @@ def system_wave(
         typer.Option(
             parser=_order,
             metavar="N|auto",
-            help=f"Number of exponentials, 1 to {LARGEST_ORDER}, or chosen by the misfit. "
+            help=f"Number of exponentials, 1 to {MAX_ORDER}, or chosen by the misfit. "
             "Default: auto",
         ),
     ] = None,
@@ -67,7 +68,7 @@ def system_wave(
         float | None,
         typer.Option(
             metavar="X",
-            help=f"Start of the {WINDOW_SAMPLES}-sample window, in samples from the pulse maximum",
+            help=f"Start of the {SYSTEM_WAVE_SAMPLES}-sample window, in samples from the pulse maximum",
         ),
     ] = None,
     scanner: Annotated[
@@ -136,8 +137,8 @@ def _refuse_unused_options(pulses: Input) -> None:
 
 def _offset(scanner: Scanner, pulses: Input, pulse: AveragePulse) -> DeconvolutionOffset:
     """Measured on isolated echoes of the file, or, if too few, on echoes made of the pulse."""
-    parts = (part for part in pulses.records() if part.sampling_interval == pulse.sampling_interval)
-    return measure_offset(scanner, parts, pulses.threshold) or offset_of_made_echoes(scanner, pulse)
+    parts = (part for part in pulses.waveforms() if part.sampling_interval == pulse.sampling_interval)
+    return measure_offset(scanner, parts, pulses.threshold) or offset_of_simulated_echoes(scanner, pulse)
 
 
 def _curves(wave: SystemWave) -> SystemWaveCurves:
@@ -160,7 +161,7 @@ def _curves(wave: SystemWave) -> SystemWaveCurves:
 def _remarks(wave: SystemWave, offset: DeconvolutionOffset) -> tuple[str, ...]:
     """Comments of the description on how it was estimated."""
     pulse, misfit = wave.pulse, wave.fit.misfit
-    which = "echoes computed from the pulse" if offset.made else "isolated echoes of the file"
+    which = "echoes computed from the pulse" if offset.simulated else "isolated echoes of the file"
     return (
         f"System wave: {pulse.origin}, average of {pulse.used}; {misfit.order} exponentials, "
         f"misfit {misfit.rms:.2g} rms, {misfit.largest:.2g} largest, relative to the maximum.",
@@ -190,7 +191,7 @@ def _fit_rows(wave: SystemWave) -> list[Row]:
 
 
 def _offset_rows(offset: DeconvolutionOffset) -> list[Row]:
-    echoes = "computed from the pulse" if offset.made else "isolated echoes of the file"
+    echoes = "computed from the pulse" if offset.simulated else "isolated echoes of the file"
     return [
         ("offset", f"{offset.position:+.3f}", "samples, deconvolution minus three-point fit"),
         ("offset, hybrid", f"{offset.hybrid:+.3f}", "samples, deconvolution minus decomposition"),
@@ -203,6 +204,6 @@ def _notes(wave: SystemWave) -> list[str]:
     if wave.is_contained:
         return []
     return [
-        f"pulse longer than the {WINDOW_SAMPLES} samples of the system wave; deconvolution with a "
-        "truncated pulse sharpens less and may split strong echoes"
+        f"pulse longer than the {SYSTEM_WAVE_SAMPLES} samples of the system wave; deconvolution with "
+        "a truncated pulse sharpens less and may split strong echoes"
     ]

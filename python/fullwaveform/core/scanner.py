@@ -1,4 +1,4 @@
-"""The scanner description: from attributes, from a TOML file, or a documented default."""
+"""The scanner description, from attributes, from a TOML file, or by default."""
 
 from __future__ import annotations
 
@@ -24,13 +24,11 @@ from fullwaveform.core.scanner_attributes import (
 
 _DECONVOLUTION_KEYS = {"position_offset", "position_offset_hybrid", "position_spread", "echoes"}
 
-# Wider than any record is long: the lower bound of the after-pulse window wraps to a huge index and
-# no echo is ever inside.
-_WIDTH_THAT_MARKS_NOTHING = 2**31
+# Wider than any waveform: the lower bound of the after-pulse window wraps to a huge index, so that
+# no echo is inside.
+_WIDTH_WITHOUT_EFFECT = 2**31
 
-_KNOWN_AFTER_PULSE_TYPES = ("VQ-880-G", "VQ-840-GL")
-
-#: A scanner of which a file says nothing: light in air, amplitudes in dB above one count.
+#: Scanner of files without a description: light in air, amplitudes in dB above one count.
 DEFAULT_ATTRIBUTES: Mapping[str, AttributeValue] = {
     "Scanner Group Velocity": _core.SPEED_OF_LIGHT_IN_AIR,
     "Scanner Serial Number": "",
@@ -46,7 +44,7 @@ DEFAULT_ATTRIBUTES: Mapping[str, AttributeValue] = {
 
 @dataclass(frozen=True)
 class AfterPulse:
-    """Where the after-pulse of the scanner's own pulse is expected behind the strongest sample."""
+    """Window of the after-pulse, relative to the largest sample."""
 
     offset: int  # samples
     width: int  # half-width of the window, samples
@@ -55,59 +53,56 @@ class AfterPulse:
         for name, value in (("offset", self.offset), ("width", self.width)):
             if isinstance(value, bool) or not isinstance(value, int) or not 0 <= value < 2**32:
                 raise ValueError(
-                    f"after-pulse {name} {value!r} must be a whole number from 0 to 4294967295"
+                    f"invalid after-pulse {name} {value!r}; expected an integer from 0 to "
+                    f"{2**32 - 1}"
                 )
 
 
-NO_AFTER_PULSE = AfterPulse(offset=0, width=_WIDTH_THAT_MARKS_NOTHING)
+NO_AFTER_PULSE = AfterPulse(offset=0, width=_WIDTH_WITHOUT_EFFECT)
 
 
 @dataclass(frozen=True)
 class Scanner:
-    """A complete scanner description.
-
-    Made by `from_attributes` (values as the host's grids hold them), `from_toml` or `default`.
-    """
+    """A scanner description; create it with `from_attributes`, `from_toml` or `default`."""
 
     attributes: Mapping[str, AttributeValue]
-    after_pulse: AfterPulse | None = None  # None: what the library knows of the scanner's type
-    notes: tuple[str, ...] = field(default=())  # what was decided for the user, a sentence each
-    deconvolution_offset: float = 0.0  # samples by which deconvolved echoes lie too far behind
-    deconvolution_offset_hybrid: float | None = None  # the same in the hybrid; None: no other
+    after_pulse: AfterPulse | None = None  # None: that of the scanner type, if known
+    notes: tuple[str, ...] = field(default=())  # for the user
+    deconvolution_offset: float = 0.0  # samples, subtracted from deconvolved positions
+    deconvolution_offset_hybrid: float | None = None  # in mode 3; None: the same
 
     @classmethod
     def from_attributes(
         cls, attributes: Mapping[str, Any], *, after_pulse: AfterPulse | None = None
     ) -> Scanner:
-        """A scanner from its attributes, by the names that the host's grids use.
+        """A scanner from its attributes, by their names in the host's grids.
 
-        The after-pulse test is exactly the library's: for types it does not know, offset and width
-        are 0, so that in records of 800 counts and more the strongest echo and all behind it count
-        as after-pulse. Give `after_pulse` to change that.
+        Offset and width of the after-pulse window are those of the scanner type, or 0 for unknown
+        types: then, in waveforms of 800 counts and more, the strongest echo and all after it are
+        after-pulses. Set `after_pulse` to change this.
 
         Raises
         ------
         ValueError
-            Attributes are missing, unknown or of a wrong type; one sentence names all of them.
+            Attributes are missing, unknown or of a wrong type; the message lists all of them.
         """
         return cls(checked_attributes(attributes, "scanner attributes"), after_pulse)
 
     @classmethod
     def from_toml(cls, path: str | Path, *, after_pulse: AfterPulse | None = None) -> Scanner:
-        """A scanner from a TOML file whose keys are the attribute names.
+        """A scanner from a TOML file with one key per attribute.
 
-        Tables ``[deconvolution]`` with ``position_offset`` (and ``position_offset_hybrid``, else
-        the same) in samples of ``WaveformSampleInterval``, and ``[after_pulse]`` with
-        ``offset`` and ``width`` in samples are optional. Without the latter, and for a type that
-        the library does not know, the after-pulse test is switched off: a description from a file
-        must not cost echoes.
+        Optional tables are ``[deconvolution]`` with ``position_offset`` and
+        ``position_offset_hybrid`` (default: the same) in samples of ``WaveformSampleInterval``, and
+        ``[after_pulse]`` with ``offset`` and ``width`` in samples. Without ``[after_pulse]`` the
+        after-pulse filter is disabled for unknown scanner types, so that no echoes are lost.
 
         Raises
         ------
         OSError
             The file cannot be read.
         ValueError
-            It is no TOML, or attributes are missing, unknown or of a wrong type.
+            The file is not valid TOML, or attributes are missing, unknown or of a wrong type.
         """
         try:
             content = tomllib.loads(Path(path).read_text(encoding="utf-8-sig"))
@@ -121,11 +116,11 @@ class Scanner:
         )
         if (offset or hybrid) and "WaveformSampleInterval" not in content:
             raise ValueError(
-                f"scanner description {path}: position_offset is in samples and needs "
-                "WaveformSampleInterval, the interval it was measured at"
+                f"scanner description {path}: position_offset is in samples; add "
+                "WaveformSampleInterval, at which it was measured"
             )
         attributes = checked_attributes(content, f"scanner description {path}")
-        return _without_surprise(
+        return _disable_unknown_after_pulse(
             cls(
                 attributes,
                 after_pulse,
@@ -138,53 +133,53 @@ class Scanner:
     def default(
         cls, sampling_interval: float | None = None, *, after_pulse: AfterPulse | None = None
     ) -> Scanner:
-        """The scanner assumed when a file carries no description.
+        """The scanner of files without a description.
 
-        Light in air (299708256 m/s), an amplitude unit of 1.0 (amplitudes are dB above one count),
-        no after-pulse test unless `after_pulse` is given. `sampling_interval` is in seconds.
+        Speed of light in air (299708256 m/s), amplitude unit 1.0 (amplitudes in dB above one
+        count), no after-pulse filter unless `after_pulse` is given. `sampling_interval` in s.
         """
-        scanner = _without_surprise(cls(dict(DEFAULT_ATTRIBUTES), after_pulse))
+        scanner = _disable_unknown_after_pulse(cls(dict(DEFAULT_ATTRIBUTES), after_pulse))
         return scanner if sampling_interval is None else scanner.at_interval(sampling_interval)
 
     def at_interval(self, sampling_interval: float) -> Scanner:
-        """The same scanner with samples `sampling_interval` seconds apart."""
+        """The same scanner with another sampling interval, in s."""
         return replace(
             self, attributes={**self.attributes, "WaveformSampleInterval": float(sampling_interval)}
         )
 
     @property
     def sampling_interval(self) -> float | None:
-        """Seconds per sample, None when it is not known."""
+        """Sampling interval in s, None if unknown."""
         value = self.attributes.get("WaveformSampleInterval")
         return float(value) if isinstance(value, Real) else None
 
     @property
     def has_system_wave(self) -> bool:
-        """Whether the exponential sums of the system wave are there."""
-        # An attribute without elements counts as missing.
+        """Whether the description has a system wave."""
+        # Attributes without elements count as missing, as in the library.
         return all(self.attributes.get(name) for name in SYSTEM_WAVE)
 
     def device(self) -> _core.ScannerDevice:
-        """The library's own description, read from grids that carry the attributes.
+        """The compiled description, read from grids with the attributes.
 
-        Raises ValueError when the sampling interval is missing or not above 0.
+        Raises ValueError if the sampling interval is missing or not above 0.
         """
         interval = self.sampling_interval
         if interval is None or not (interval > 0.0 and math.isfinite(interval)):
             raise ValueError(
-                f"sampling interval {interval} of the scanner must be a number of seconds above 0 "
+                f"invalid sampling interval {interval} of the scanner; expected seconds above 0 "
                 "(attribute WaveformSampleInterval)"
             )
         device = _core.ScannerDevice(*self._grids())
         messages = forward_messages()
         if not device.complete:
-            raise ValueError(f"the scanner description is not complete: {'; '.join(messages)}")
+            raise ValueError(f"incomplete scanner description: {'; '.join(messages)}")
         if self.after_pulse is not None:
             device.set_after_pulse(self.after_pulse.offset, self.after_pulse.width)
         return device
 
     def report(self) -> str:
-        """Every parameter with its unit, a line each."""
+        """All parameters with their units, one per line."""
         return self.device().speak()
 
     def _grids(self) -> tuple[_core.Grid, _core.Grid]:
@@ -214,8 +209,8 @@ def _store(grid: _core.Grid, field_name: str, name: str, value: AttributeValue) 
 def _after_pulse_from_table(table: Any, path: str | Path) -> AfterPulse:
     if not isinstance(table, dict) or set(table) != {"offset", "width"}:
         raise ValueError(
-            f"scanner description {path}: the table after_pulse must hold offset "
-            "and width, in samples"
+            f"scanner description {path}: table after_pulse must have the keys offset and width "
+            "(samples), and no others"
         )
     try:
         return AfterPulse(**table)
@@ -224,27 +219,25 @@ def _after_pulse_from_table(table: Any, path: str | Path) -> AfterPulse:
 
 
 def _offsets_from_table(table: Any, path: str | Path) -> tuple[float, float | None]:
-    """The offset, and that of the hybrid where it is stated."""
+    """The offset, and that of the hybrid mode if it has its own."""
     known = isinstance(table, dict) and not set(table) - _DECONVOLUTION_KEYS
     offset = plain_value(table.get("position_offset"), "double") if known else None
     hybrid = plain_value(table.get("position_offset_hybrid", 0.0), "double") if known else None
     if not (isinstance(offset, float) and isinstance(hybrid, float)):
         raise ValueError(
-            f"scanner description {path}: the table deconvolution must hold position_offset in "
-            "samples, and nothing beside it but position_offset_hybrid in samples, "
-            "position_spread and echoes"
+            f"scanner description {path}: table deconvolution must have position_offset (samples); "
+            "other allowed keys: position_offset_hybrid (samples), position_spread, echoes"
         )
     return offset, hybrid if "position_offset_hybrid" in table else None
 
 
-def _without_surprise(scanner: Scanner) -> Scanner:
-    """Switches the after-pulse test off for a scanner from a file whose type is not known."""
+def _disable_unknown_after_pulse(scanner: Scanner) -> Scanner:
+    """The scanner without after-pulse filter, if its after-pulse is not known."""
     if scanner.after_pulse is not None:
         return scanner
-    if scanner.attributes["Scanner Type"] in _KNOWN_AFTER_PULSE_TYPES:
+    if _core.has_known_after_pulse(str(scanner.attributes["Scanner Type"])):
         return scanner
     note = (
-        "after-pulse test switched off: the scanner's type is not one whose after-pulse is known; "
-        "set its offset and width to switch it on"
+        "after-pulse filter disabled: unknown scanner type; enable with --after-pulse OFFSET,WIDTH"
     )
     return replace(scanner, after_pulse=NO_AFTER_PULSE, notes=(*scanner.notes, note))

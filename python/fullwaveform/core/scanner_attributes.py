@@ -1,4 +1,4 @@
-"""The attributes of a scanner's description: their names, kinds, and what is wrong with some."""
+"""Names and types of the attributes of a scanner description, and their check."""
 
 from __future__ import annotations
 
@@ -9,7 +9,7 @@ from typing import Any
 
 AttributeValue = float | str | list[float]
 
-# Attribute name -> kind of its values, as the host's grids store them.
+# Attribute name -> type of its values in the host's grids.
 SCANNER_ATTRIBUTES = {
     "Scanner Group Velocity": "double",
     "Scanner Serial Number": "text",
@@ -28,10 +28,10 @@ WAVEFORM_ATTRIBUTES = {
     "WaveformSampleInterval": "double",
     **dict.fromkeys(SYSTEM_WAVE, "double list"),
 }
-_ABOVE_ZERO = ("Scanner Group Velocity", "ampl_unit", "WaveformSampleInterval")
+_MUST_BE_POSITIVE = ("Scanner Group Velocity", "ampl_unit", "WaveformSampleInterval")
 SBL_ATTRIBUTES = {"t_ref": "double"}
 ALL_ATTRIBUTES = SCANNER_ATTRIBUTES | WAVEFORM_ATTRIBUTES | SBL_ATTRIBUTES
-_KIND_IN_WORDS = {
+_KIND_NAMES = {
     "text": "text",
     "double": "finite number",
     "float": "finite number",
@@ -41,7 +41,7 @@ _KIND_IN_WORDS = {
 
 
 def checked_attributes(attributes: Mapping[str, Any], origin: str) -> dict[str, AttributeValue]:
-    """The attributes in plain Python types; one ValueError names everything that is wrong."""
+    """The attributes in plain Python types; one ValueError lists everything that is invalid."""
     required = [name for name in SCANNER_ATTRIBUTES if name not in _OPTIONAL]
     problems = []
     if missing := [name for name in required if name not in attributes]:
@@ -55,7 +55,7 @@ def checked_attributes(attributes: Mapping[str, Any], origin: str) -> dict[str, 
         value = plain_value(attributes[name], kind)
         if value is None:
             problems.append(
-                f"wrong type: {name} is {attributes[name]!r}, must be a {_KIND_IN_WORDS[kind]}"
+                f"wrong type: {name} is {attributes[name]!r}; expected {_KIND_NAMES[kind]}"
             )
         else:
             result[name] = value
@@ -64,14 +64,18 @@ def checked_attributes(attributes: Mapping[str, Any], origin: str) -> dict[str, 
         if (real is None) != (imag is None) or (
             isinstance(real, list) and isinstance(imag, list) and len(real) != len(imag)
         ):
-            problems.append(f"{table}_real and {table}_imag must both be there and of equal length")
+            problems.append(
+                f"{table}_real and {table}_imag must be given together, with equal lengths"
+            )
     a, b = result.get("a_real"), result.get("b_real")
-    # Tables without elements are none, as in the library.
+    # Tables without elements count as missing, as in the library.
     if isinstance(a, list) and isinstance(b, list) and a and b and len(a) != len(b):
-        problems.append(f"a_real has {len(a)} values and b_real {len(b)}, must be equally many")
+        problems.append(
+            f"a_real has {len(a)} values and b_real {len(b)}; the numbers must be equal"
+        )
     problems += [
-        f"{name} is {result[name]}, must be above 0"
-        for name in _ABOVE_ZERO
+        f"{name} is {result[name]}; it must be above 0"
+        for name in _MUST_BE_POSITIVE
         if isinstance(value := result.get(name), float) and not value > 0.0
     ]
     if problems:
@@ -80,7 +84,7 @@ def checked_attributes(attributes: Mapping[str, Any], origin: str) -> dict[str, 
 
 
 def plain_value(value: Any, kind: str) -> AttributeValue | None:
-    """The value as text, number or list of numbers; None when it is of another kind."""
+    """The value as text, number or list of numbers; None if it has another type."""
     if kind == "text":
         return value if isinstance(value, str) else None
     if kind.endswith("list"):
@@ -88,7 +92,7 @@ def plain_value(value: Any, kind: str) -> AttributeValue | None:
             return None
         try:
             numbers = list(value)
-        except TypeError:  # a single number, also as an array without dimensions
+        except TypeError:  # a single number, possibly as a zero-dimensional array
             return None
         return [float(n) for n in numbers] if all(map(_is_number, numbers)) else None
     return float(value) if _is_number(value) else None

@@ -1,4 +1,4 @@
-"""Estimating a scanner's system wave: from recorded pulses to a sum of exponentials."""
+"""Estimation of a scanner's system wave from recorded pulses, as a sum of exponentials."""
 
 from __future__ import annotations
 
@@ -10,11 +10,11 @@ from fullwaveform.system_wave.description import (
 )
 from fullwaveform.system_wave.exponentials import ExponentialSum, fit_exponentials
 from fullwaveform.system_wave.fitting import SystemWave, fit_system_wave
-from fullwaveform.system_wave.isolated import Records
+from fullwaveform.system_wave.isolated import Waveforms
 from fullwaveform.system_wave.offset import (
     DeconvolutionOffset,
     measure_offset,
-    offset_of_made_echoes,
+    offset_of_simulated_echoes,
 )
 from fullwaveform.system_wave.pulses import Pulses, pulses_of_rows
 
@@ -23,14 +23,14 @@ __all__ = [
     "DeconvolutionOffset",
     "ExponentialSum",
     "Pulses",
-    "Records",
     "SystemWave",
+    "Waveforms",
     "average",
     "description_text",
     "fit_exponentials",
     "fit_system_wave",
     "measure_offset",
-    "offset_of_made_echoes",
+    "offset_of_simulated_echoes",
     "pulse_of_curve",
     "pulses_of_rows",
     "with_system_wave",

@@ -1,13 +1,12 @@
-"""One pulse out of many: aligned to a fraction of a sample, averaged on a fine grid.
+"""Average of many pulses, aligned to fractions of a sample, on a fine grid.
 
 Pulses are sampled at different phases, so together they show the pulse between the samples. Every
-pulse is an amplitude times one common curve, shifted, on a baseline of its own; the curve is a
-spline, and curve and shifts are found in turns by least squares.
+pulse is modelled as an amplitude times a common shifted curve plus a baseline. The curve is a
+spline; curve and shifts are fitted in turn by least squares.
 
-While the shifts are sought the spline has one knot per sample. Shifts and curve are otherwise not
-determined: shifts that err by a function of the phase go unnoticed when the curve is bent back by
-the same function, again and again with a period of one sample. A pulse that the digitiser resolves
-has no such waves, and a spline with so few knots cannot have them.
+While shifts are fitted, the spline has one knot per sample. With more knots, shifts and curve are
+not determined: an error of the shifts that depends on the phase could be compensated by a ripple of
+the curve with a period of one sample. A pulse that the digitiser resolves has no such ripple.
 """
 
 from __future__ import annotations
@@ -19,35 +18,36 @@ import numpy as np
 import numpy.typing as npt
 from scipy.interpolate import BSpline, CubicSpline
 
-from fullwaveform.data.arrays import FloatArray
+from fullwaveform.core.constants import SYSTEM_WAVE_SAMPLES
+from fullwaveform.data.arrays import BoolArray, FloatArray
 from fullwaveform.system_wave.curve import Curve, quiet_level, vertex
-from fullwaveform.system_wave.pulses import UNLIKE, Pulses, baseline_of, screened
+from fullwaveform.system_wave.pulses import OUTLIER, Pulses, baseline_of, screened
 
 #: Values of the averaged pulse per sample.
 STEPS_PER_SAMPLE = 10
-#: Pulses beyond this number would only cost time.
-MOST_PULSES = 4000
+#: More pulses do not improve the average.
+MAX_PULSES = 4000
 
-_TURNS = 8
-_MOST_BEFORE, _MOST_AFTER = 24.0, 48.0  # samples about the maximum
-_ALIGNING, _DRAWING = (1, 5), (4, 3)  # knots per sample and degree of the spline
+_ITERATIONS = 8
+_MAX_BEFORE, _MAX_AFTER = 24.0, 48.0  # samples around the maximum
+_ALIGNMENT_SPLINE, _FINAL_SPLINE = (1, 5), (4, 3)  # knots per sample and degree
 _HUBER = 2.0  # standard deviations from which a sample loses weight
-_UNLIKE_DEVIATIONS = 6.0
-_LARGEST_MOVE = 0.5  # samples per turn
-_LEAST_SAMPLES = 8  # of a curve
-_LARGEST_AMPLITUDE = 1e100  # of a curve; its third power is still a number
-_LEAST_INTERVALS = 12.0  # that a curve spans: the deconvolution looks at twelve samples
+_OUTLIER_DEVIATIONS = 6.0
+_MAX_SHIFT = 0.5  # samples per iteration
+_MIN_SAMPLES = 8  # of a curve
+_MAX_AMPLITUDE = 1e100  # of a curve; its third power is still finite
+_MIN_INTERVALS = float(SYSTEM_WAVE_SAMPLES)  # of a curve
 
 
 @dataclass(frozen=True)
 class AveragePulse:
-    """The averaged pulse; its maximum is 1 at position 0, its level ahead of the rise is 0.
+    """The averaged pulse, with maximum 1 at position 0 and level 0 before the rise.
 
     position : (m,) samples from the maximum, in equal steps
     value : (m,)
-    scatter : rms of single samples about the curve, as a share of their pulse's maximum
-    used : pulses it was made of
-    rejected : reason -> pulses left out
+    scatter : rms residual of samples, as a share of the maximum of their pulse
+    used : number of averaged pulses
+    rejected : reason -> number of rejected pulses
     sampling_interval : s
     """
 
@@ -60,14 +60,14 @@ class AveragePulse:
     origin: str
 
     def at(self, position: npt.ArrayLike) -> FloatArray:
-        """The pulse between its values; NaN outside."""
+        """The interpolated pulse; NaN outside."""
         curve = CubicSpline(self.position, self.value, extrapolate=False)
         return np.asarray(curve(position), dtype=np.float64)
 
 
 @dataclass(frozen=True)
 class _Alignment:
-    """Where each pulse has its maximum, how high it is, and its baseline; (n,) each."""
+    """Position and height of the maximum, and baseline, of each pulse; (n,) each."""
 
     position: FloatArray
     amplitude: FloatArray
@@ -78,60 +78,55 @@ class _Alignment:
         x = np.arange(values.shape[1]) - self.position[:, np.newaxis]
         return x, (values - self.baseline[:, np.newaxis]) / self.amplitude[:, np.newaxis]
 
-    def of(self, rows: npt.NDArray[np.bool_]) -> _Alignment:
+    def of(self, rows: BoolArray) -> _Alignment:
         """The alignment of the given rows."""
         return _Alignment(self.position[rows], self.amplitude[rows], self.baseline[rows])
 
 
-def average(pulses: Pulses, *, most: int = MOST_PULSES) -> AveragePulse:
-    """The average of the pulses.
-
-    Raises ValueError when not one of them can be used; the sentence says why.
-    """
-    usable = screened(pulses, most)
+def average(pulses: Pulses, *, max_pulses: int = MAX_PULSES) -> AveragePulse:
+    """The average of the pulses. Raises ValueError with the reasons if no pulse is usable."""
+    usable = screened(pulses, max_pulses)
     if len(usable) == 0:
         reasons = ", ".join(f"{count}: {reason}" for reason, count in usable.rejected.items())
-        raise ValueError(f"{pulses.origin}: no pulse can be used ({reasons or 'there is none'})")
+        raise ValueError(f"{pulses.origin}: no usable pulse ({reasons or 'no pulses'})")
     alignment = _first_alignment(usable.values)
     extent = _extent(usable.values, alignment)
     curve = None
-    for turn in range(_TURNS):
-        alignment, curve = _fitted(usable.values, alignment, curve, extent, _ALIGNING)
+    for iteration in range(_ITERATIONS):
+        alignment, curve = _fitted(usable.values, alignment, curve, extent, _ALIGNMENT_SPLINE)
         alignment = _moved(usable.values, alignment, curve)
-        if turn >= 2:
-            usable, alignment = _without_strangers(usable, alignment, curve)
-    alignment, curve = _fitted(usable.values, alignment, curve, extent, _DRAWING)
+        if iteration >= 2:
+            usable, alignment = _without_outliers(usable, alignment, curve)
+    alignment, curve = _fitted(usable.values, alignment, curve, extent, _FINAL_SPLINE)
     return _result(usable, alignment, curve)
 
 
 def pulse_of_curve(
     time: npt.ArrayLike, amplitude: npt.ArrayLike, sampling_interval: float, origin: str
 ) -> AveragePulse:
-    """A pulse given as a curve, with its level ahead of the rise taken off and its maximum at 0.
+    """A pulse from a curve, shifted and scaled to the level and maximum of `AveragePulse`.
 
     Parameters
     ----------
     time : (n,) s, ascending, any spacing
     amplitude : (n,) any unit
-    sampling_interval : s, of the records that the pulse is for
+    sampling_interval : s, of the waveforms to deconvolve
 
-    Raises ValueError when the times do not ascend or span fewer than 12 sampling intervals, values
-    are not finite or beyond 1e100, or there is no pulse.
+    Raises ValueError if the times do not ascend or span fewer than 12 sampling intervals, if values
+    are not finite or exceed 1e100, or if there is no pulse.
     """
     t, y = np.asarray(time, dtype=np.float64), np.asarray(amplitude, dtype=np.float64)
-    if t.ndim != 1 or t.shape != y.shape or len(t) < _LEAST_SAMPLES:
-        raise ValueError(f"{origin}: a pulse needs at least {_LEAST_SAMPLES} times with amplitudes")
+    if t.ndim != 1 or t.shape != y.shape or len(t) < _MIN_SAMPLES:
+        raise ValueError(f"{origin}: a pulse needs at least {_MIN_SAMPLES} times with amplitudes")
     if not (np.isfinite(t).all() and np.isfinite(y).all() and np.all(np.diff(t) > 0.0)):
-        raise ValueError(f"{origin}: times must ascend, and all values be finite")
-    if np.abs(y).max() > _LARGEST_AMPLITUDE:
-        raise ValueError(
-            f"{origin}: an amplitude of {np.abs(y).max():.4g} is beyond {_LARGEST_AMPLITUDE:.0e}"
-        )
+        raise ValueError(f"{origin}: times must ascend, and all values must be finite")
+    if np.abs(y).max() > _MAX_AMPLITUDE:
+        raise ValueError(f"{origin}: amplitude {np.abs(y).max():.4g} exceeds {_MAX_AMPLITUDE:.0e}")
     x = t / sampling_interval
-    if x[-1] - x[0] < _LEAST_INTERVALS:
+    if x[-1] - x[0] < _MIN_INTERVALS:
         raise ValueError(
             f"{origin}: the curve spans {(t[-1] - t[0]) * 1e9:.4g} ns, less than "
-            f"{_LEAST_INTERVALS:.0f} sampling intervals of {sampling_interval * 1e9:.4g} ns; times "
+            f"{_MIN_INTERVALS:.0f} sampling intervals of {sampling_interval * 1e9:.4g} ns; times "
             "and interval must both be in ns"
         )
     curve = CubicSpline(x, y)
@@ -140,7 +135,7 @@ def pulse_of_curve(
     top, height = vertex(fine, value, int(np.argmax(value)))
     level = quiet_level(fine, value)
     if not height > level:
-        raise ValueError(f"{origin}: the amplitudes do not rise above {level}")
+        raise ValueError(f"{origin}: no pulse; the amplitudes do not rise above {level}")
     steps = np.ceil((x[0] - top) * STEPS_PER_SAMPLE), np.floor((x[-1] - top) * STEPS_PER_SAMPLE)
     position = np.arange(steps[0], steps[1] + 1) / STEPS_PER_SAMPLE
     shape = (np.asarray(curve(position + top)) - level) / (height - level)
@@ -162,27 +157,27 @@ def _first_alignment(values: FloatArray) -> _Alignment:
 
 
 def _extent(values: FloatArray, alignment: _Alignment) -> tuple[float, float]:
-    """Samples before and behind the maximum that at least half of the pulses have."""
-    there = np.isfinite(values)
-    first = np.argmax(there, axis=1)
-    last = values.shape[1] - 1 - np.argmax(there[:, ::-1], axis=1)
+    """Samples before and after the maximum that at least half of the pulses have."""
+    valid = np.isfinite(values)
+    first = np.argmax(valid, axis=1)
+    last = values.shape[1] - 1 - np.argmax(valid[:, ::-1], axis=1)
     before = float(np.median(alignment.position - first))
     after = float(np.median(last - alignment.position))
-    return min(before, _MOST_BEFORE), min(after, _MOST_AFTER)
+    return min(before, _MAX_BEFORE), min(after, _MAX_AFTER)
 
 
 def _moved(values: FloatArray, alignment: _Alignment, curve: Curve) -> _Alignment:
     """One Gauss-Newton step of amplitude, baseline and position of every pulse."""
     x = np.arange(values.shape[1]) - alignment.position[:, np.newaxis]
     shape, slope = curve(x), curve(x, 1)
-    there = np.isfinite(values) & np.isfinite(shape)
+    valid = np.isfinite(values) & np.isfinite(shape)
     columns = np.stack([shape, np.ones_like(shape), -slope], axis=2)
-    columns = np.where(there[:, :, None], columns, 0.0)
-    right = np.einsum("nwk,nw->nk", columns, np.where(there, values, 0.0))
+    columns = np.where(valid[:, :, None], columns, 0.0)
+    right = np.einsum("nwk,nw->nk", columns, np.where(valid, values, 0.0))
     normal = np.einsum("nwk,nwl->nkl", columns, columns)
-    # The pseudo-inverse leaves a row alone whose few samples do not determine all three.
+    # The pseudo-inverse, since few samples of a row may not determine all three.
     solution = np.einsum("nkl,nl->nk", np.linalg.pinv(normal, hermitian=True), right)
-    move = np.clip(solution[:, 2] / alignment.amplitude, -_LARGEST_MOVE, _LARGEST_MOVE)
+    move = np.clip(solution[:, 2] / alignment.amplitude, -_MAX_SHIFT, _MAX_SHIFT)
     return _Alignment(alignment.position + move, solution[:, 0], solution[:, 1])
 
 
@@ -193,7 +188,7 @@ def _fitted(
     extent: tuple[float, float],
     kind: tuple[int, int],
 ) -> tuple[_Alignment, Curve]:
-    """The curve through all pulses, its maximum 1 at position 0, and the alignment to it."""
+    """Curve through all pulses, with maximum 1 at position 0, and the alignment to it."""
     x, y = alignment.applied(values)
     weights = np.ones_like(y) if previous is None else _weights(x, y, alignment, previous)
     return _normalised(alignment, Curve.through(x, y, weights, extent, kind))
@@ -204,12 +199,12 @@ def _residual(x: FloatArray, y: FloatArray, curve: Curve) -> FloatArray:
 
 
 def _deviation(values: FloatArray) -> float:
-    """Robust standard deviation of values about 0."""
+    """Robust standard deviation of values around 0."""
     return float(1.4826 * np.nanmedian(np.abs(values)))
 
 
 def _weights(x: FloatArray, y: FloatArray, alignment: _Alignment, curve: Curve) -> FloatArray:
-    """Weights of the samples: by the noise, which is the same counts everywhere, after Huber."""
+    """Huber weights of the samples; the noise in counts is the same for all pulses."""
     counts = _residual(x, y, curve) * alignment.amplitude[:, np.newaxis]
     deviation = max(_deviation(counts), 1e-12)
     far = np.abs(np.nan_to_num(counts)) / (_HUBER * deviation)
@@ -217,22 +212,22 @@ def _weights(x: FloatArray, y: FloatArray, alignment: _Alignment, curve: Curve) 
     return np.asarray(strength[:, np.newaxis] / np.maximum(far, 1.0))
 
 
-def _without_strangers(
+def _without_outliers(
     pulses: Pulses, alignment: _Alignment, curve: Curve
 ) -> tuple[Pulses, _Alignment]:
-    """Leaves out the pulses whose residuals stand out from those of the others."""
+    """Reject the pulses with much larger residuals than the others."""
     x, y = alignment.applied(pulses.values)
     rms = np.sqrt(np.nanmean(_residual(x, y, curve) ** 2, axis=1))
     middle = np.median(rms)
-    limit = middle + _UNLIKE_DEVIATIONS * _deviation(rms - middle) + 1e-9
-    wrong = ~(rms <= limit) | ~(alignment.amplitude > 0.0)
-    if wrong.all():
+    limit = middle + _OUTLIER_DEVIATIONS * _deviation(rms - middle) + 1e-9
+    outlier = ~(rms <= limit) | ~(alignment.amplitude > 0.0)
+    if outlier.all():
         return pulses, alignment
-    return pulses.without(wrong, UNLIKE), alignment.of(~wrong)
+    return pulses.without(outlier, OUTLIER), alignment.of(~outlier)
 
 
 def _normalised(alignment: _Alignment, curve: Curve) -> tuple[_Alignment, Curve]:
-    """Puts the curve's maximum to 1 at position 0 and its quiet part to 0; the pulses follow."""
+    """Scale and shift the curve to maximum 1 at position 0 and level 0, and adapt the alignment."""
     fine = curve.grid(100)
     value = curve(fine)
     near = np.abs(fine) <= 3.0

@@ -1,4 +1,4 @@
-"""The curve that an averaged pulse follows between its samples."""
+"""Spline through the samples of aligned pulses."""
 
 from __future__ import annotations
 
@@ -10,13 +10,13 @@ from scipy.linalg import solveh_banded
 
 from fullwaveform.data.arrays import FloatArray
 
-# Third differences of the spline's coefficients weigh next to nothing beside data, but decide where
-# no pulse was sampled: there the curve is as smooth as it can be.
+# Weight of the third differences of the coefficients: negligible compared with data, but it makes
+# the curve smooth where there are no samples.
 _SMOOTHNESS = 1e-6
-# The rise is where these shares of the maximum are left for the last time, found one after the
-# other; what lies ahead of it by more than a sample is baseline.
+# The rise starts where the curve was last below these shares of the maximum, in two passes; values
+# more than a sample before it are baseline.
 _RISE_SHARES = (0.1, 0.03)
-_SHORTEST_QUIET = 2.0  # samples
+_MIN_QUIET = 2.0  # samples
 
 
 @dataclass(frozen=True)
@@ -36,7 +36,7 @@ class Curve:
         extent: tuple[float, float],
         kind: tuple[int, int],
     ) -> Curve:
-        """The curve of penalised least squares through samples; NaN and outside are passed over."""
+        """Penalised least-squares fit to samples; NaN and samples outside are ignored."""
         (before, after), (per_sample, degree) = extent, kind
         inside = np.isfinite(y) & (x >= -before) & (x <= after)
         weights = weight[inside]
@@ -58,13 +58,13 @@ class Curve:
         return np.where(inside, self.spline(safe, nu=derivative), np.nan)
 
     def grid(self, steps: int) -> FloatArray:
-        """Whole steps from the maximum that lie on the curve."""
+        """Multiples of a step from the maximum, inside the curve."""
         first, last = np.ceil(-self.before * steps), np.floor(self.after * steps)
         return np.asarray(np.arange(first, last + 1) / steps)
 
 
 def _solved(normal: FloatArray, right: FloatArray, degree: int) -> FloatArray:
-    """Solution of the spline's normal equations: a matrix with `degree` diagonals to a side."""
+    """Solution of the normal equations, whose matrix has `degree` diagonals on each side."""
     size = len(normal)
     banded = np.zeros((degree + 1, size))
     for off in range(degree + 1):
@@ -73,20 +73,20 @@ def _solved(normal: FloatArray, right: FloatArray, degree: int) -> FloatArray:
 
 
 def quiet_level(position: FloatArray, value: FloatArray) -> float:
-    """Median of what lies ahead of the rise; the lowest tenth where the record begins too late."""
+    """Median before the rise; the 10 % quantile if the waveform begins too late."""
     top = int(np.argmax(value))
     level = float(np.percentile(value, 10.0))
     for share in _RISE_SHARES:
         below = np.flatnonzero(value[:top] <= level + share * (value[top] - level))
         rise = position[below[-1]] if len(below) else position[0]
         ahead = position <= rise - 1.0
-        if rise - 1.0 - position[0] >= _SHORTEST_QUIET:
+        if rise - 1.0 - position[0] >= _MIN_QUIET:
             level = float(np.median(value[ahead]))
     return level
 
 
 def vertex(x: FloatArray, y: FloatArray, top: int) -> tuple[float, float]:
-    """Place and height of the parabola through the highest value and its neighbours."""
+    """Position and height of the vertex of the parabola through the largest value."""
     top = min(max(top, 1), len(y) - 2)
     left, middle, right = y[top - 1 : top + 2]
     bend = left - 2.0 * middle + right

@@ -1,4 +1,4 @@
-"""The scanner description with its system wave, as the TOML that an extraction reads."""
+"""The scanner description with its system wave, as a TOML file."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ from fullwaveform.system_wave.offset import DeconvolutionOffset
 
 
 def with_system_wave(scanner: Scanner, wave: ExponentialSum, interval: float) -> Scanner:
-    """The scanner with the exponentials of a wave over seconds, estimated at `interval` seconds."""
+    """The scanner with a system wave over seconds, estimated at sampling interval `interval`, s."""
     tables = {
         "a_real": wave.coefficients.real.tolist(),
         "a_imag": wave.coefficients.imag.tolist(),
@@ -23,7 +23,7 @@ def with_system_wave(scanner: Scanner, wave: ExponentialSum, interval: float) ->
         "b_imag": wave.exponents.imag.tolist(),
     }
     attributes = {**scanner.attributes, **tables}
-    # What was measured with another system wave does not hold for this one.
+    # Offsets measured with another system wave are not valid for this one.
     return replace(
         scanner, attributes=attributes, deconvolution_offset=0.0, deconvolution_offset_hybrid=None
     ).at_interval(interval)
@@ -32,7 +32,7 @@ def with_system_wave(scanner: Scanner, wave: ExponentialSum, interval: float) ->
 def description_text(
     scanner: Scanner, offset: DeconvolutionOffset | None, remarks: tuple[str, ...] = ()
 ) -> str:
-    """The TOML of a scanner; remarks, a line each, stand above it as comments."""
+    """The TOML of a scanner, after remarks as comments, one line each."""
     content: dict[str, Any] = dict(scanner.attributes)
     if scanner.after_pulse not in (None, NO_AFTER_PULSE):
         content["after_pulse"] = asdict(scanner.after_pulse)
@@ -53,7 +53,7 @@ def write_description(
     offset: DeconvolutionOffset | None,
     remarks: tuple[str, ...] = (),
 ) -> None:
-    """Writes the TOML of a scanner; the file appears when it is whole. Raises OSError."""
+    """Write the TOML of a scanner; the file appears when it is complete. Raises OSError."""
     text = description_text(scanner, offset, remarks)
     with atomic_path(path) as temporary:
         temporary.write_text(text, encoding="utf-8")

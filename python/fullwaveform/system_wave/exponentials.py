@@ -1,4 +1,4 @@
-"""Sums of complex exponentials through equidistant values.
+"""Sums of complex exponentials, fitted to equidistant values.
 
 The exponents come from a matrix pencil (Hua and Sarkar, "Matrix pencil method for estimating
 parameters of exponentially damped/undamped sinusoids in noise", IEEE Trans. Acoust., Speech,
@@ -16,21 +16,21 @@ from scipy.optimize import least_squares
 
 from fullwaveform.data.arrays import ComplexArray, FloatArray
 
-#: Orders that are tried when none is asked for; more only describe the noise of the average.
-LARGEST_ORDER = 12
-#: A misfit of this share of the largest value is as good as exact.
+#: Largest order to try; higher ones describe the noise of the average.
+MAX_ORDER = 12
+#: Misfit that is sufficient, as a share of the largest value.
 GOOD_MISFIT = 1e-3
-# An order is worth its exponents when the misfit falls below this share of the previous one.
+# Misfit of a higher order that justifies it, as a share of that of the lower order.
 _WORTHWHILE = 0.8
-# Terms that cancel each other by more than this lose the digits that the sum is about.
-_LARGEST_TERM = 1e6
-# Exponents this close to the real axis, as a share of 1 / step, are meant to be real.
+# Larger terms cancel each other with too much loss of precision.
+_MAX_TERM = 1e6
+# Exponents this close to the real axis, as a share of 1 / step, are taken as real.
 _REAL = 1e-9
 
 
 @dataclass(frozen=True)
 class ExponentialSum:
-    """w(t) = Re(Σ a_k exp(b_k t)); conjugate exponents stand in pairs, so the sum itself is real.
+    """w(t) = Re(Σ a_k exp(b_k t)); exponents come in conjugate pairs, so the sum is real.
 
     coefficients, exponents : (k,) complex, the latter in 1 / unit of t
     """
@@ -50,13 +50,13 @@ class ExponentialSum:
         return np.asarray((terms @ self.coefficients).real, dtype=np.float64)
 
     def scaled_in_time(self, unit: float) -> ExponentialSum:
-        """The same sum over a time in which the old unit is `unit` of the new ones."""
+        """The same sum in another unit of time; the old unit is `unit` new ones."""
         return ExponentialSum(self.coefficients, self.exponents / unit)
 
 
 @dataclass(frozen=True)
 class OrderMisfit:
-    """How well an order describes the values, as shares of the largest of them."""
+    """Misfit of an order, as shares of the largest value."""
 
     order: int
     rms: float
@@ -65,7 +65,7 @@ class OrderMisfit:
 
 @dataclass(frozen=True)
 class ExponentialFit:
-    """A sum, its misfit, and the misfits of all orders that were tried, ascending."""
+    """A sum, its misfit, and the misfits of all tried orders, ascending."""
 
     sum: ExponentialSum
     misfit: OrderMisfit
@@ -79,31 +79,30 @@ def fit_exponentials(
     *,
     good_misfit: float = GOOD_MISFIT,
 ) -> ExponentialFit:
-    """The sum of `order` exponentials through `values` at whole steps from t = 0.
+    """Fit a sum of `order` exponentials to `values` at multiples of a step from t = 0.
 
     Parameters
     ----------
     values : (n,) real and finite, not all 0
     step : time from one value to the next, in the unit of the result
-    order : exponents of the sum, a conjugate pair counts twice; None: the smallest order whose rms
-        misfit is at most `good_misfit`, or beyond which no order brings a fifth less
+    order : number of exponents, a conjugate pair counts twice; None: the smallest order with an
+        rms misfit of at most `good_misfit`, or the last one that reduces it by a fifth
     good_misfit : share of the largest value
 
-    Raises ValueError when the values cannot be described, or not with that order.
+    Raises ValueError if no sum of this order fits.
     """
     y = np.asarray(values, dtype=np.float64)
     if y.ndim != 1 or not np.isfinite(y).all() or not np.any(y):
-        raise ValueError("exponentials are fitted to a row of finite values that are not all 0")
+        raise ValueError("values for exponentials must be one-dimensional, finite, and not all 0")
     most = len(y) // 2 - 1
     if order is not None and not 1 <= order <= most:
-        raise ValueError(f"order {order} is not between 1 and {most}, which {len(y)} values allow")
-    orders = range(1, min(LARGEST_ORDER, most) + 1) if order is None else (order,)
+        raise ValueError(f"invalid order {order}; expected 1 to {most} for {len(y)} values")
+    orders = range(1, min(MAX_ORDER, most) + 1) if order is None else (order,)
     fits = {m: fit for m in orders if (fit := _fit_of_order(y, step, m)) is not None}
     if not fits:
         wanted = "any order" if order is None else f"order {order}"
         raise ValueError(
-            f"no sum of exponentials of {wanted} describes the values: their exponents are not "
-            "apart, or their terms cancel to nothing"
+            f"no sum of exponentials of {wanted} fits: exponents coincide, or terms cancel"
         )
     tried = tuple(_misfit(y, step, fit) for fit in fits.values())
     chosen = _chosen(tried, good_misfit)
@@ -111,11 +110,11 @@ def fit_exponentials(
 
 
 def matrix_pencil(values: FloatArray, step: float, order: int) -> ComplexArray:
-    """The `order` exponents that the values of a sum of exponentials share.
+    """The `order` exponents of a sum of exponentials, from its values.
 
     The signal space of the values' Hankel matrix is shifted by one step; the eigenvalues of that
-    shift are exp(b step). Conjugate pairs come out whole. Noise-free values give exponents to
-    rounding, times the condition of the problem.
+    shift are exp(b step). They come in conjugate pairs. Without noise they are exact up
+    to rounding errors times the condition number.
     """
     rows = len(values) - len(values) // 2
     hankel = np.lib.stride_tricks.sliding_window_view(values, len(values) - rows + 1)
@@ -127,7 +126,7 @@ def matrix_pencil(values: FloatArray, step: float, order: int) -> ComplexArray:
 
 
 def _fit_of_order(values: FloatArray, step: float, order: int) -> ExponentialSum | None:
-    """The refined sum of an order; None when it cannot be had with sound terms."""
+    """The refined sum of an order; None if terms are not valid."""
     exponents = matrix_pencil(values, step, order)
     if not np.isfinite(exponents).all():
         return None
@@ -140,12 +139,12 @@ def _fit_of_order(values: FloatArray, step: float, order: int) -> ExponentialSum
     refined = start.refined(time, values)
     best = min((start, refined), key=lambda each: each.squared_misfit(time, values))
     result = best.sum()
-    return result if result.order == order and _is_sound(result, time[-1]) else None
+    return result if result.order == order and _is_valid(result, time[-1]) else None
 
 
-def _is_sound(found: ExponentialSum, end: float) -> bool:
+def _is_valid(found: ExponentialSum, end: float) -> bool:
     largest = np.abs(found.coefficients) * np.exp(np.maximum(found.exponents.real, 0.0) * end)
-    return bool(np.isfinite(largest).all() and largest.max() <= _LARGEST_TERM)
+    return bool(np.isfinite(largest).all() and largest.max() <= _MAX_TERM)
 
 
 def _misfit(values: FloatArray, step: float, found: ExponentialSum) -> OrderMisfit:
@@ -159,7 +158,7 @@ def _misfit(values: FloatArray, step: float, found: ExponentialSum) -> OrderMisf
 
 
 def _chosen(tried: tuple[OrderMisfit, ...], good_misfit: float) -> OrderMisfit:
-    """The first that is good, or the last one worth its exponents."""
+    """The first one with a sufficient misfit, or the last one that is worthwhile."""
     for misfit in tried:
         if misfit.rms <= good_misfit:
             return misfit
@@ -182,13 +181,13 @@ class _RealBasis:
 
     @classmethod
     def of(cls, exponents: ComplexArray, step: float) -> _RealBasis:
-        """The basis of the exponents, every coefficient 0."""
+        """Basis of the exponents, with coefficients 0."""
         upper = exponents[exponents.imag > _REAL / step]
-        alone = exponents[np.abs(exponents.imag) <= _REAL / step]
-        nothing, alike = np.zeros(len(alone)), np.zeros(len(upper))
+        real = exponents[np.abs(exponents.imag) <= _REAL / step]
+        zeros_real, zeros_pair = np.zeros(len(real)), np.zeros(len(upper))
         return cls(
-            np.column_stack([nothing, alone.real]),
-            np.column_stack([alike, alike, upper.real, upper.imag]),
+            np.column_stack([zeros_real, real.real]),
+            np.column_stack([zeros_pair, zeros_pair, upper.real, upper.imag]),
         )
 
     @classmethod
@@ -212,7 +211,7 @@ class _RealBasis:
         )
 
     def jacobian(self, time: FloatArray) -> FloatArray:
-        """Derivatives of `values` by the parameters, in the order in which they are packed."""
+        """Derivatives of `values` by the parameters, in packed order."""
         single, cosine, sine = self._terms(time)
         t = time[:, np.newaxis]
         p, q = self.pairs[:, 0], self.pairs[:, 1]
@@ -223,16 +222,16 @@ class _RealBasis:
         return np.hstack([of_real.reshape(count, -1), of_pairs.reshape(count, -1)])
 
     def squared_misfit(self, time: FloatArray, values: FloatArray) -> float:
-        """Sum of the squared residuals; infinite when it is not a number."""
+        """Sum of the squared residuals; infinite if it is not finite."""
         with np.errstate(over="ignore", invalid="ignore"):
             squared = float(np.sum((self.values(time) - values) ** 2))
         return squared if np.isfinite(squared) else float("inf")
 
     def solved(self, time: FloatArray, values: FloatArray) -> _RealBasis:
-        """The same exponents with the coefficients of least squares."""
+        """The same exponents with least-squares coefficients."""
         single, cosine, sine = self._terms(time)
         terms = np.hstack([single, cosine, sine])
-        # Columns of equal length: growing terms would hide the decaying ones from the rank test.
+        # Normalised columns, so that growing terms do not hide decaying ones from the rank test.
         length = np.linalg.norm(terms, axis=0)
         found = np.linalg.lstsq(terms / length, values, rcond=None)[0] / length
         c, p, q = np.split(found, [single.shape[1], single.shape[1] + cosine.shape[1]])
@@ -242,7 +241,7 @@ class _RealBasis:
         )
 
     def refined(self, time: FloatArray, values: FloatArray) -> _RealBasis:
-        """Coefficients and exponents of least squares near these; these where that fails."""
+        """Least-squares coefficients and exponents, starting from these; these if that fails."""
         reals = len(self.real)
         if len(values) < self._packed().size:
             return self

@@ -1,4 +1,4 @@
-"""The system wave: the part of an averaged pulse that the deconvolution sees, as exponentials."""
+"""The system wave: the part of an averaged pulse that the deconvolution uses, as exponentials."""
 
 from __future__ import annotations
 
@@ -7,6 +7,7 @@ from dataclasses import dataclass
 import numpy as np
 import numpy.typing as npt
 
+from fullwaveform.core.constants import SYSTEM_WAVE_SAMPLES
 from fullwaveform.data.arrays import FloatArray
 from fullwaveform.system_wave.averaging import AveragePulse
 from fullwaveform.system_wave.exponentials import (
@@ -15,19 +16,19 @@ from fullwaveform.system_wave.exponentials import (
     fit_exponentials,
 )
 
-#: The deconvolution evaluates the wave from its first sample to its twelfth.
-WINDOW_SAMPLES = 11.0
+#: Length of the window, from the first to the last sample that the deconvolution evaluates.
+WINDOW_SAMPLES = float(SYSTEM_WAVE_SAMPLES - 1)
 _STEPS_PER_SAMPLE = 10
 _PLOT_MARGIN, _PLOTTED_PER_SAMPLE = 6.0, 50  # samples around the window; points
-#: The window begins where the pulse has risen to this share of its maximum ...
+#: The window begins where the pulse has risen to this share of its maximum, unless less than
+#: `CONTAINED_SHARE` of the energy of the pulse is then inside.
 RISE_SHARE = 0.01
-#: ... unless it then holds less than this share of the pulse's energy.
 CONTAINED_SHARE = 0.98
 
 
 @dataclass(frozen=True)
 class SystemWave:
-    """A pulse, the window cut out of it, and the exponentials through the window.
+    """A pulse, its window, and the exponentials fitted in the window.
 
     begin : first position of the window, samples from the pulse's maximum
     contained : share of the pulse's energy (sum of squares) inside the window
@@ -41,11 +42,11 @@ class SystemWave:
 
     @property
     def is_contained(self) -> bool:
-        """Whether practically all of the pulse lies in the window."""
+        """Whether nearly all energy of the pulse is in the window."""
         return self.contained >= CONTAINED_SHARE
 
     def in_seconds(self) -> ExponentialSum:
-        """The wave over seconds from the beginning of its window, as a description holds it."""
+        """The wave as a function of seconds from the start of its window."""
         return self.fit.sum.scaled_in_time(self.pulse.sampling_interval)
 
     def at(self, position: npt.ArrayLike) -> FloatArray:
@@ -64,24 +65,24 @@ class SystemWave:
 def fit_system_wave(
     pulse: AveragePulse, *, order: int | None = None, begin: float | None = None
 ) -> SystemWave:
-    """The exponentials through the twelve samples of the pulse that the deconvolution uses.
+    """Fit exponentials to the samples of the pulse that the deconvolution uses.
 
     Parameters
     ----------
-    order : exponents; None chooses by the misfit
-    begin : where the window begins, samples from the maximum, usually negative; None: where the
-        rise has reached a hundredth of the maximum, or, for a pulse that is longer than the
-        window, where the window holds most of its energy
+    order : number of exponents; None: chosen by the misfit
+    begin : start of the window, samples from the maximum, usually negative; None: where the pulse
+        has risen to a hundredth of its maximum or, for a pulse longer than the window, where the
+        window has the most energy
 
-    Raises ValueError when the pulse was not recorded over the whole window, or no sum fits.
+    Raises ValueError if the pulse does not cover the window, or no sum fits.
     """
     chosen = _chosen_begin(pulse) if begin is None else float(begin)
     position = chosen + np.arange(int(WINDOW_SAMPLES * _STEPS_PER_SAMPLE) + 1) / _STEPS_PER_SAMPLE
     value = pulse.at(position)
     if not np.isfinite(value).all():
         raise ValueError(
-            f"{pulse.origin}: the pulse is known from {pulse.position[0]:.1f} to "
-            f"{pulse.position[-1]:.1f} samples about its maximum; the system wave needs it from "
+            f"{pulse.origin}: the pulse was recorded from {pulse.position[0]:.1f} to "
+            f"{pulse.position[-1]:.1f} samples around its maximum; the system wave needs "
             f"{position[0]:.1f} to {position[-1]:.1f}"
         )
     fit = fit_exponentials(value, 1.0 / _STEPS_PER_SAMPLE, order)
@@ -92,14 +93,14 @@ def _chosen_begin(pulse: AveragePulse) -> float:
     low = np.flatnonzero((pulse.position < 0.0) & (pulse.value <= RISE_SHARE))
     if len(low):
         begin = float(pulse.position[low[-1]])
-        whole = begin + WINDOW_SAMPLES <= pulse.position[-1]
-        if whole and _energy_share(pulse, begin) >= CONTAINED_SHARE:
+        is_covered = begin + WINDOW_SAMPLES <= pulse.position[-1]
+        if is_covered and _energy_share(pulse, begin) >= CONTAINED_SHARE:
             return begin
-    return _richest_begin(pulse)
+    return _begin_of_most_energy(pulse)
 
 
-def _richest_begin(pulse: AveragePulse) -> float:
-    """Where a window that lies within the pulse holds most of its energy."""
+def _begin_of_most_energy(pulse: AveragePulse) -> float:
+    """Start of the window inside the pulse that has the most energy."""
     width = round(WINDOW_SAMPLES / (pulse.position[1] - pulse.position[0]))
     energy = np.concatenate([[0.0], np.cumsum(pulse.value**2)])
     inside = energy[width + 1 :] - energy[: -width - 1]

@@ -1,4 +1,4 @@
-"""Strong echoes that stand alone: the pulses that a record's returns show."""
+"""Isolated strong echoes, whose samples show the pulse."""
 
 from __future__ import annotations
 
@@ -8,30 +8,29 @@ from dataclasses import dataclass
 from typing import Any
 
 import numpy as np
-import numpy.typing as npt
 
 from fullwaveform.core.driver import Driver, Mode, Threshold
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.arrays import FloatArray, IntArray
+from fullwaveform.data.arrays import AnyArray, BoolArray, FloatArray, IntArray, UInt16Array
 from fullwaveform.system_wave.pulses import Pulses, baseline_of
 
-#: No other echo within so many samples to either side.
+#: Distance to other echoes, samples.
 CLEARANCE = 24.0
-#: An echo of less than this share does not count as another one: pulses ring.
+#: Weaker echoes, as a share of the strong one, are ignored: pulses ring.
 NEGLIGIBLE_SHARE = 0.1
-#: Echoes are collected until there are so many.
-ENOUGH = 20_000
+#: Number of echoes to collect.
+MAX_ECHOES = 20_000
 
-NOT_ALONE = "another echo nearby"
+NOT_ISOLATED = "another echo nearby"
 WEAKER_HALF = "the weaker half"
-OTHER_INTERVAL = "another sampling interval"
+OTHER_INTERVAL = "different sampling interval"
 
-_BEFORE, _AFTER = 14, 22  # samples cut out about an echo
-_LEAST_HEIGHT = 8.0  # counts above the baseline
+_BEFORE, _AFTER = 14, 22  # samples around an echo
+_MIN_HEIGHT = 8.0  # counts above the baseline
 
 
 @dataclass(frozen=True)
-class Records:
+class Waveforms:
     """Waveforms of one sampling interval.
 
     samples : (n, width) uint16, counts
@@ -39,16 +38,16 @@ class Records:
     sampling_interval : s
     """
 
-    samples: npt.NDArray[np.uint16]
-    counts: npt.NDArray[np.uint16]
+    samples: UInt16Array
+    counts: UInt16Array
     sampling_interval: float
 
     def baseline(self) -> FloatArray:
-        """Level between echoes of each row, counts."""
+        """Baseline of each row, counts."""
         return baseline_of(self.as_float())
 
     def as_float(self) -> FloatArray:
-        """The samples, NaN behind the count of each row."""
+        """The samples, NaN after the last one of each row."""
         valid = np.arange(self.samples.shape[1]) < self.counts[:, np.newaxis]
         return np.where(valid, self.samples.astype(np.float64), np.nan)
 
@@ -57,20 +56,20 @@ class Records:
 class StrongEchoes:
     """The strongest echo of each row that has one, all columns (m,).
 
-    row : of the records
+    row : index of the waveform
     position : samples
     height : counts above the row's baseline
-    alone : whether no other echo stands nearby
+    isolated : whether no other echo is near
     """
 
     row: IntArray
     position: FloatArray
     height: FloatArray
-    alone: npt.NDArray[np.bool_]
+    isolated: BoolArray
 
 
-def strongest_echoes(peaks: Mapping[str, npt.NDArray[Any]], baseline: FloatArray) -> StrongEchoes:
-    """The strongest echo of each row, from a table of echoes (`row`, `idx`, `amplitudeCounts`)."""
+def strongest_echoes(peaks: Mapping[str, AnyArray], baseline: FloatArray) -> StrongEchoes:
+    """The strongest finite echo of each row of `Result.peaks`."""
     finite = np.isfinite(peaks["idx"]) & np.isfinite(peaks["amplitudeCounts"])
     row = peaks["row"][finite].astype(np.int64)
     position = peaks["idx"][finite].astype(np.float64)
@@ -80,64 +79,63 @@ def strongest_echoes(peaks: Mapping[str, npt.NDArray[Any]], baseline: FloatArray
     chosen = by_strength[first]
     of_row = np.searchsorted(rows, row)
     near = np.abs(position - position[chosen][of_row]) <= CLEARANCE
-    disturbs = near & (height > NEGLIGIBLE_SHARE * height[chosen][of_row])
-    disturbs[chosen] = False
-    crowded = np.bincount(of_row[disturbs], minlength=len(rows)) > 0
+    is_other = near & (height > NEGLIGIBLE_SHARE * height[chosen][of_row])
+    is_other[chosen] = False
+    crowded = np.bincount(of_row[is_other], minlength=len(rows)) > 0
     return StrongEchoes(rows, position[chosen], height[chosen], ~crowded)
 
 
 def echoes_of(
-    records: Records, scanner: Scanner, threshold: Threshold, mode: Mode, channel_flag: int = 1
+    waveforms: Waveforms, scanner: Scanner, threshold: Threshold, mode: Mode, channel_flag: int = 1
 ) -> Mapping[str, Any]:
-    """The table of echoes of a mode; `threshold` in counts or "estimate"."""
+    """`Result.peaks` of a mode."""
     driver = Driver(
         mode,
-        scanner.at_interval(records.sampling_interval),
-        longest_waveform=records.samples.shape[1],
+        scanner.at_interval(waveforms.sampling_interval),
+        longest_waveform=waveforms.samples.shape[1],
     )
-    flags = np.full(len(records.counts), channel_flag, dtype=np.uint8)
+    flags = np.full(len(waveforms.counts), channel_flag, dtype=np.uint8)
     return driver.apply(
-        records.samples, records.counts, channel_flags=flags, threshold=threshold
+        waveforms.samples, waveforms.counts, channel_flags=flags, threshold=threshold
     ).peaks
 
 
 def isolated_echoes(
-    parts: Iterable[Records], scanner: Scanner, threshold: Threshold, origin: str
+    parts: Iterable[Waveforms], scanner: Scanner, threshold: Threshold, origin: str
 ) -> Pulses:
-    """Pulses cut out about the strongest echoes of waveforms, one row each.
+    """Samples around the strongest echoes of waveforms, one row per echo.
 
-    Used are echoes that stand alone, rise 8 counts above the baseline, and belong to the stronger
-    half of those. `threshold` in counts or "estimate".
+    Uses isolated echoes of at least 8 counts above the baseline, and of these the stronger half.
 
-    Raises ValueError when the records hold none.
+    Raises ValueError if there are none.
     """
     rejected: Counter[str] = Counter()
     windows, heights, interval, found = [], [], None, 0
-    for records in parts:
-        interval = records.sampling_interval if interval is None else interval
-        if records.sampling_interval != interval:
-            rejected[OTHER_INTERVAL] += len(records.samples)
+    for waveforms in parts:
+        interval = waveforms.sampling_interval if interval is None else interval
+        if waveforms.sampling_interval != interval:
+            rejected[OTHER_INTERVAL] += len(waveforms.samples)
             continue
         echoes = strongest_echoes(
-            echoes_of(records, scanner, threshold, Mode.THREE_POINT), records.baseline()
+            echoes_of(waveforms, scanner, threshold, Mode.THREE_POINT), waveforms.baseline()
         )
-        strong = echoes.height >= _LEAST_HEIGHT
-        rejected[NOT_ALONE] += int(np.count_nonzero(strong & ~echoes.alone))
-        use = strong & echoes.alone
-        windows.append(_cut(records.as_float(), echoes.row[use], echoes.position[use]))
+        strong = echoes.height >= _MIN_HEIGHT
+        rejected[NOT_ISOLATED] += int(np.count_nonzero(strong & ~echoes.isolated))
+        use = strong & echoes.isolated
+        windows.append(_cut(waveforms.as_float(), echoes.row[use], echoes.position[use]))
         heights.append(echoes.height[use])
         found += int(np.count_nonzero(use))
-        if found >= ENOUGH:
+        if found >= MAX_ECHOES:
             break
     if interval is None or found == 0:
-        raise ValueError(f"{origin}: no echo stands alone {CLEARANCE:.0f} samples to either side")
+        raise ValueError(f"{origin}: no echo without others within {CLEARANCE:.0f} samples")
     pulses = Pulses(np.concatenate(windows), interval, origin, +rejected)
     height = np.concatenate(heights)
     return pulses.without(height < np.median(height), WEAKER_HALF)
 
 
 def _cut(values: FloatArray, row: IntArray, position: FloatArray) -> FloatArray:
-    """Samples about each position, (m, 37); NaN outside the record."""
+    """Samples around each position, (m, 37); NaN outside the waveform."""
     column = np.rint(position).astype(np.int64)[:, np.newaxis] + np.arange(-_BEFORE, _AFTER + 1)
     inside = (column >= 0) & (column < values.shape[1])
     window = values[row[:, np.newaxis], np.where(inside, column, 0)]

@@ -1,9 +1,8 @@
-"""How far deconvolved echoes lie from where a Gauss fit sees them.
+"""Offset between positions of deconvolved and of Gauss-fitted echoes.
 
-The deconvolution finds an echo where its kernel would have to begin, so what it calls the position
-depends on where the pulse lies in the window of the system wave. On strong echoes that stand alone
-the difference to the three-point Gauss fit is the same everywhere, up to the step of a fifth of a
-sample in which deconvolved positions come.
+The deconvolution locates an echo at the start of its kernel, so its position depends on where the
+pulse lies in the window of the system wave. For isolated strong echoes the difference to the
+three-point fit is constant, up to the step of deconvolved positions, a fifth of a sample.
 """
 
 from __future__ import annotations
@@ -18,111 +17,113 @@ from fullwaveform.core.driver import Mode, Threshold
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import FloatArray
 from fullwaveform.system_wave.averaging import AveragePulse
-from fullwaveform.system_wave.isolated import Records, StrongEchoes, echoes_of, strongest_echoes
+from fullwaveform.system_wave.isolated import StrongEchoes, Waveforms, echoes_of, strongest_echoes
 
-#: Fewer echoes than this say little about a median.
-LEAST_ECHOES = 20
-_ENOUGH = 20_000
-_REACH = 10.0  # samples; the window of the system wave is 11 samples long
+#: Minimum number of echoes for the median.
+MIN_ECHOES = 20
+_MAX_ECHOES = 20_000
+_MAX_DIFFERENCE = 10.0  # samples; the window of the system wave is 11 samples long
 
-# Echoes made of the pulse itself, where a file has none: positions over ten phases of a step.
-_MADE_ECHOES, _MADE_BASELINE, _MADE_HEIGHT = 500, 20.0, 2000.0
-_MADE_THRESHOLD = 30  # counts
+# Echoes simulated from the averaged pulse, for files without isolated echoes; their positions cover
+# all phases of a sample.
+_SIMULATED_ECHOES, _SIMULATED_BASELINE, _SIMULATED_HEIGHT = 500, 20.0, 2000.0
+_SIMULATED_THRESHOLD = 30  # counts
 
 
 @dataclass(frozen=True)
 class DeconvolutionOffset:
-    """Deconvolved minus Gauss-fitted position of echoes that stand alone.
+    """Deconvolved minus Gauss-fitted position of isolated echoes.
 
     position : median, samples
     spread : robust standard deviation about it, samples
-    echoes : how many
-    hybrid : the same median against the decomposition, the other branch of the hybrid, samples
-    made : whether the echoes were computed from the averaged pulse instead of recorded
+    echoes : number of echoes
+    hybrid : median difference to the decomposition, the other method of the hybrid, samples
+    made : whether the echoes were simulated from the averaged pulse
     """
 
     position: float
     spread: float
     echoes: int
     hybrid: float
-    made: bool = False
+    simulated: bool = False
 
 
 def measure_offset(
-    scanner: Scanner, parts: Iterable[Records], threshold: Threshold
+    scanner: Scanner, parts: Iterable[Waveforms], threshold: Threshold
 ) -> DeconvolutionOffset | None:
-    """The offset on the echoes of records; None when fewer than 20 of them stand alone.
+    """The offset of the isolated echoes of waveforms; None if there are fewer than 20.
 
-    `scanner` must hold a system wave; `threshold` in counts or "estimate".
-    Raises ValueError when the scanner is not complete.
+    `scanner` must have a system wave. Raises ValueError if it is incomplete.
     """
     differences: list[FloatArray] = []
     decomposed: list[FloatArray] = []
-    for records in parts:
+    for waveforms in parts:
         reference = strongest_echoes(
-            echoes_of(records, scanner, threshold, Mode.THREE_POINT), records.baseline()
+            echoes_of(waveforms, scanner, threshold, Mode.THREE_POINT), waveforms.baseline()
         )
-        sharpened = echoes_of(records, scanner, threshold, Mode.DECONVOLUTION)
-        differences.append(position_differences(reference, sharpened))
-        # The hybrid decomposes the normal channel, in one loop.
-        fitted = echoes_of(records, scanner, threshold, Mode.DECOMPOSITION, channel_flag=0)
+        deconvolved = echoes_of(waveforms, scanner, threshold, Mode.DECONVOLUTION)
+        differences.append(position_differences(reference, deconvolved))
+        # As the hybrid decomposes the high-power channel, in one loop.
+        fitted = echoes_of(waveforms, scanner, threshold, Mode.DECOMPOSITION, channel_flag=0)
         decomposed.append(position_differences(reference, fitted))
-        if sum(map(len, differences)) >= _ENOUGH:
+        if sum(map(len, differences)) >= _MAX_ECHOES:
             break
     together = np.concatenate(differences) if differences else np.empty(0)
-    if len(together) < LEAST_ECHOES:
+    if len(together) < MIN_ECHOES:
         return None
     other = np.concatenate(decomposed)
     return summary_of(together, float(np.median(other)) if len(other) else 0.0)
 
 
-def offset_of_made_echoes(scanner: Scanner, pulse: AveragePulse) -> DeconvolutionOffset:
-    """The offset on echoes computed from the pulse, at evenly spread phases and without noise."""
-    found = measure_offset(scanner, [made_records(pulse)], _MADE_THRESHOLD)
+def offset_of_simulated_echoes(scanner: Scanner, pulse: AveragePulse) -> DeconvolutionOffset:
+    """The offset of echoes simulated from the pulse at evenly spread phases, without noise."""
+    found = measure_offset(scanner, [simulated_waveforms(pulse)], _SIMULATED_THRESHOLD)
     if found is None:
         raise ValueError(
-            f"{pulse.origin}: the pulse cannot be found again after deconvolution; the part of it "
-            "inside the window of the system wave is not like a pulse"
+            f"{pulse.origin}: deconvolution does not find the pulse; the part of it in the window "
+            "of the system wave is not a pulse"
         )
-    return replace(found, made=True)
+    return replace(found, simulated=True)
 
 
-def made_records(pulse: AveragePulse) -> Records:
-    """Waveforms of one echo each, the pulse itself at evenly spread phases."""
+def simulated_waveforms(pulse: AveragePulse) -> Waveforms:
+    """Waveforms of one echo each, the pulse at evenly spread phases."""
     lead = int(np.ceil(-pulse.position[0])) + 4
     width = lead + int(np.ceil(pulse.position[-1])) + 6
-    place = lead + np.arange(_MADE_ECHOES) / _MADE_ECHOES
+    place = lead + np.arange(_SIMULATED_ECHOES) / _SIMULATED_ECHOES
     value = np.nan_to_num(pulse.at(np.arange(width) - place[:, np.newaxis]))
-    samples = np.rint(np.maximum(_MADE_BASELINE + _MADE_HEIGHT * value, 0.0)).astype(np.uint16)
-    counts = np.full(_MADE_ECHOES, width, dtype=np.uint16)
-    return Records(samples, counts, pulse.sampling_interval)
+    samples = np.rint(np.maximum(_SIMULATED_BASELINE + _SIMULATED_HEIGHT * value, 0.0)).astype(
+        np.uint16
+    )
+    counts = np.full(_SIMULATED_ECHOES, width, dtype=np.uint16)
+    return Waveforms(samples, counts, pulse.sampling_interval)
 
 
 def position_differences(
-    reference: StrongEchoes, sharpened: Mapping[str, np.ndarray[Any, Any]]
+    reference: StrongEchoes, deconvolved: Mapping[str, np.ndarray[Any, Any]]
 ) -> FloatArray:
-    """Position of the strongest sharpened echo within reach of each lone echo, minus its own.
+    """Position of the strongest deconvolved echo near each isolated echo, minus its position.
 
-    Echoes are matched within their row; those without a counterpart give nothing.
+    Echoes are matched within their row; echoes without a match are skipped.
     """
-    lone = reference.alone
-    rows, position = reference.row[lone], reference.position[lone]
-    row, found = sharpened["row"], sharpened["idx"]
+    isolated = reference.isolated
+    rows, position = reference.row[isolated], reference.position[isolated]
+    row, found = deconvolved["row"], deconvolved["idx"]
     if len(rows) == 0 or len(row) == 0:
         return np.empty(0)
     place = np.minimum(np.searchsorted(rows, row), len(rows) - 1)
     difference = found - position[place]
-    matches = (rows[place] == row) & (np.abs(difference) <= _REACH)
-    order = np.lexsort((-sharpened["amplitudeCounts"], np.where(matches, place, len(rows))))
+    matches = (rows[place] == row) & (np.abs(difference) <= _MAX_DIFFERENCE)
+    order = np.lexsort((-deconvolved["amplitudeCounts"], np.where(matches, place, len(rows))))
     order = order[matches[order]]
     _, first = np.unique(place[order], return_index=True)
     return np.asarray(difference[order][first], dtype=np.float64)
 
 
 def summary_of(differences: FloatArray, decomposed: float = 0.0) -> DeconvolutionOffset:
-    """Median and robust spread of differences in samples; not empty.
+    """Median and robust spread of differences in samples, at least one.
 
-    `decomposed` is the median by which the decomposition differs from the Gauss fit.
+    `decomposed` is the median difference of the decomposition to the three-point fit.
     """
     middle = float(np.median(differences))
     spread = float(1.4826 * np.median(np.abs(differences - middle)))

@@ -1,4 +1,4 @@
-"""Where pulses and echoes come from: waveform files, arrays, two columns of text."""
+"""Sources of pulses and echoes: waveform files, NumPy archives, two columns of text."""
 
 from __future__ import annotations
 
@@ -8,32 +8,30 @@ from collections.abc import Iterator
 from dataclasses import dataclass
 from enum import StrEnum
 from pathlib import Path
-from typing import Any
 
 import numpy as np
-import numpy.typing as npt
 
 from fullwaveform.core.driver import Threshold
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.arrays import AnyArray, FloatArray
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.npz.reader import ZIP_SIGNATURE
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.io.pulsewaves.reader import PulseWavesReader
 from fullwaveform.system_wave.averaging import AveragePulse, average, pulse_of_curve
-from fullwaveform.system_wave.isolated import OTHER_INTERVAL, Records, isolated_echoes
-from fullwaveform.system_wave.pulses import LEFT_OUT, Pulses, pulses_of_rows
+from fullwaveform.system_wave.isolated import OTHER_INTERVAL, Waveforms, isolated_echoes
+from fullwaveform.system_wave.pulses import SUBSAMPLED, Pulses, pulses_of_rows
 
 _TEXT_ENDINGS = {".txt", ".csv", ".dat", ".xy", ".tsv"}
 _NANOSECONDS = 1e9
 _OUTGOING_ARRAY, _ECHO_ARRAY = "out_samples", "samples"
-# Outgoing pulses read at most; they are taken evenly from the whole file.
-_MOST_OUTGOING = 20_000
-NOT_RECORDED = "pulse without outgoing samples"
+# Maximum number of outgoing pulses, taken evenly from the file.
+_MAX_OUTGOING = 20_000
+NOT_RECORDED = "no outgoing samples"
 
 
 class Source(StrEnum):
-    """Which pulses of a file are averaged."""
+    """Pulses of a file to average."""
 
     OUTGOING = "outgoing"
     ECHOES = "echoes"
@@ -41,12 +39,12 @@ class Source(StrEnum):
 
 @dataclass(frozen=True)
 class Input:
-    """A file and what is wanted of it.
+    """A file and how to read it.
 
-    source : None: outgoing pulses where the format, or the .npz, holds them, else echoes
-    array : name of an array with pulses in an .npz
-    interval : s per sample, for files that do not say
-    threshold : counts, for finding echoes, or "estimate"
+    source : None: outgoing pulses if the file has them, else echoes
+    array : name of the array with pulses in an .npz
+    interval : sampling interval in s, for files without one
+    threshold : counts, or "estimate", for the extraction of echoes
     """
 
     path: Path
@@ -57,11 +55,11 @@ class Input:
 
     @property
     def is_arrays(self) -> bool:
-        """Whether the file is an .npz, whatever its name."""
+        """Whether the file is an .npz, by its content."""
         try:
             with self.path.open("rb") as stream:
                 return stream.read(len(ZIP_SIGNATURE)) == ZIP_SIGNATURE
-        except OSError:  # what reads the file says so
+        except OSError:  # reported when the file is read
             return self.path.suffix.lower() == ".npz"
 
     @property
@@ -70,42 +68,42 @@ class Input:
         return self.path.suffix.lower() in _TEXT_ENDINGS and not self.is_arrays
 
     def averaged_pulse(self, scanner: Scanner) -> AveragePulse:
-        """The average of the wanted pulses. Raises OSError, and ValueError when there are none."""
+        """The average of the pulses. Raises OSError, and ValueError if there are none."""
         if self.is_text:
             return self._pulse_of_text()
         if self.is_arrays:
             arrays = _arrays(self.path)
-            if not self._means_echoes(arrays):
+            if not self._uses_echoes(arrays):
                 return average(self._pulses_of_arrays(arrays))
-        elif self.source is not Source.ECHOES and self._holds_outgoing():
+        elif self.source is not Source.ECHOES and self._has_outgoing():
             return average(self._outgoing())
         origin = f"isolated echoes of {self.path.name}"
-        return average(isolated_echoes(self.records(), scanner, self.threshold, origin))
+        return average(isolated_echoes(self.waveforms(), scanner, self.threshold, origin))
 
-    def records(self) -> Iterator[Records]:
-        """The waveforms with echoes, in parts of one interval; none from a text."""
+    def waveforms(self) -> Iterator[Waveforms]:
+        """The waveforms with echoes, in parts of one sampling interval; none for text files."""
         if self.is_text:
             return
-        may_lack_them = self.is_arrays and self.source is not Source.ECHOES
-        if may_lack_them and _ECHO_ARRAY not in _arrays(self.path):
+        may_be_missing = self.is_arrays and self.source is not Source.ECHOES
+        if may_be_missing and _ECHO_ARRAY not in _arrays(self.path):
             return
         with open_waveforms(self.path, sampling_interval=self.interval) as reader:
             for block in reader.blocks():
                 for interval in np.unique(block.sampling_intervals):
                     of_interval = block.sampling_intervals == interval
-                    yield Records(
+                    yield Waveforms(
                         block.samples[of_interval], block.counts[of_interval], float(interval)
                     )
 
-    def _holds_outgoing(self) -> bool:
+    def _has_outgoing(self) -> bool:
         with open_waveforms(self.path) as reader:
-            holds = isinstance(reader, PulseWavesReader)
-        if self.source is Source.OUTGOING and not holds:
+            has_outgoing = isinstance(reader, PulseWavesReader)
+        if self.source is Source.OUTGOING and not has_outgoing:
             raise ValueError(
-                f"{self.path} holds no outgoing pulses, as no LAS file does; take the echoes, "
+                f"{self.path} has no outgoing pulses (only PulseWaves files have them); use "
                 "--source echoes"
             )
-        return holds
+        return has_outgoing
 
     def _outgoing(self) -> Pulses:
         origin = f"outgoing pulses of {self.path.name}"
@@ -114,22 +112,22 @@ class Input:
         interval = None
         with open_waveforms(self.path) as reader:
             assert isinstance(reader, PulseWavesReader)
-            every = max(reader.point_count // _MOST_OUTGOING, 1)
+            every = max(reader.point_count // _MAX_OUTGOING, 1)
             for block in reader.outgoing_pulses():
                 if interval is None and len(block):
                     interval = float(block.sampling_intervals[0])
                 chosen = block.pulse_numbers % every == 0
-                rejected[LEFT_OUT] += int(np.count_nonzero(~chosen))
-                alike = block.sampling_intervals == interval
-                rejected[OTHER_INTERVAL] += int(np.count_nonzero(chosen & ~alike))
-                use = chosen & alike
-                records = Records(block.samples[use], block.counts[use], 0.0)
-                rows.append(records.as_float())
+                rejected[SUBSAMPLED] += int(np.count_nonzero(~chosen))
+                is_equal = block.sampling_intervals == interval
+                rejected[OTHER_INTERVAL] += int(np.count_nonzero(chosen & ~is_equal))
+                use = chosen & is_equal
+                waveforms = Waveforms(block.samples[use], block.counts[use], 0.0)
+                rows.append(waveforms.as_float())
             tally = reader.outgoing_tally
         rejected += tally.rejected
         rejected[NOT_RECORDED] += tally.points_without_waveform
         if interval is None:
-            raise ValueError(_why_none(self.path, tally.rejected))
+            raise ValueError(_no_outgoing_message(self.path, tally.rejected))
         return Pulses(_stacked(rows), interval, origin, +rejected)
 
     def _pulse_of_text(self) -> AveragePulse:
@@ -137,48 +135,48 @@ class Input:
         time = table[:, 0] / _NANOSECONDS
         if self.interval is None:
             raise ValueError(
-                f"{self.path}: a text does not say how far apart the scanner's samples are; "
-                "give the interval in ns, --interval"
+                f"{self.path}: a text file has no sampling interval; give that of the scanner in "
+                "ns with --interval"
             )
         return pulse_of_curve(time, table[:, 1], self.interval, self.path.name)
 
-    def _means_echoes(self, arrays: dict[str, npt.NDArray[Any]]) -> bool:
+    def _uses_echoes(self, arrays: dict[str, AnyArray]) -> bool:
         if self.source is None and self.array is None:
             return _OUTGOING_ARRAY not in arrays and _ECHO_ARRAY in arrays
         return self.source is Source.ECHOES
 
-    def _pulses_of_arrays(self, arrays: dict[str, npt.NDArray[Any]]) -> Pulses:
+    def _pulses_of_arrays(self, arrays: dict[str, AnyArray]) -> Pulses:
         name = self.array or _OUTGOING_ARRAY
         if name not in arrays and self.array is None and _ECHO_ARRAY in arrays:
-            raise ValueError(f"{self.path} holds no array {name}; take the echoes, --source echoes")
+            raise ValueError(f"{self.path} has no array {name}; use --source echoes")
         samples = _array(arrays, name, self.path)
         counts = arrays.get(_name_of_counts(name)) if samples.ndim == 2 else None
         return pulses_of_rows(
             samples, counts, self._interval_of(arrays), f"{name} of {self.path.name}"
         )
 
-    def _interval_of(self, arrays: dict[str, npt.NDArray[Any]]) -> float:
+    def _interval_of(self, arrays: dict[str, AnyArray]) -> float:
         if self.interval is not None:
             return self.interval
         stored = arrays.get("sampling_interval", arrays.get("sampling_interval_s"))
         if stored is None or stored.size != 1:
             raise ValueError(
-                f"{self.path} holds no sampling_interval, a single number of seconds; "
-                "give the interval in ns, --interval"
+                f"{self.path} has no sampling_interval (one number, s); give it in ns with "
+                "--interval"
             )
         return float(stored.reshape(())[()])
 
 
 def _name_of_counts(name: str) -> str:
-    """Counts stand beside samples: count, out_count beside samples, out_samples."""
+    """Name of the counts of an array of samples: count for samples, out_count for out_samples."""
     return f"{name.removesuffix('samples')}count" if name.endswith("samples") else ""
 
 
-def _why_none(path: Path, rejected: Counter[str]) -> str:
+def _no_outgoing_message(path: Path, rejected: Counter[str]) -> str:
     if not rejected:
-        return f"{path} holds no outgoing pulses; take the echoes, --source echoes"
-    reasons = ", ".join(f"{count} times: {why}" for why, count in rejected.items())
-    return f"{path}: no outgoing pulse is readable ({reasons}); take the echoes, --source echoes"
+        return f"{path} has no outgoing pulses; use --source echoes"
+    reasons = ", ".join(f"{reason}: {count}" for reason, count in rejected.items())
+    return f"{path}: no readable outgoing pulse ({reasons}); use --source echoes"
 
 
 def _stacked(rows: list[FloatArray]) -> FloatArray:
@@ -189,18 +187,18 @@ def _stacked(rows: list[FloatArray]) -> FloatArray:
     return np.concatenate(padded)
 
 
-def _arrays(path: Path) -> dict[str, npt.NDArray[Any]]:
+def _arrays(path: Path) -> dict[str, AnyArray]:
     try:
-        # Opened here: numpy leaves a file open that turns out to be no archive.
+        # Opened here, since numpy does not close files that are not archives.
         with path.open("rb") as stream, np.load(stream, allow_pickle=False) as content:
             return {name: content[name] for name in content}
     except (zipfile.BadZipFile, ValueError, EOFError) as error:
-        raise ValueError(f"{path} is not an .npz with plain arrays: {error}") from error
+        raise ValueError(f"{path}: corrupt .npz or unsupported array type: {error}") from error
 
 
-def _array(arrays: dict[str, npt.NDArray[Any]], name: str, path: Path) -> npt.NDArray[Any]:
+def _array(arrays: dict[str, AnyArray], name: str, path: Path) -> AnyArray:
     if name not in arrays:
-        raise ValueError(f"{path} holds no array {name}; it holds {', '.join(sorted(arrays))}")
+        raise ValueError(f"{path} has no array {name}; it has {', '.join(sorted(arrays))}")
     array = arrays[name]
     if array.ndim not in (1, 2) or array.size == 0 or not np.issubdtype(array.dtype, np.number):
         raise ValueError(f"{path}: {name} must be numbers, (samples,) or (pulses, samples)")
@@ -208,23 +206,23 @@ def _array(arrays: dict[str, npt.NDArray[Any]], name: str, path: Path) -> npt.ND
 
 
 def _columns(path: Path) -> FloatArray:
-    """Two columns of numbers, divided by blanks, commas or semicolons; # begins a comment."""
+    """Two columns of numbers, separated by blanks, commas or semicolons; # begins a comment."""
     try:
         text = path.read_text(encoding="utf-8-sig")
     except UnicodeDecodeError as error:
-        raise WaveformFileError(f"{path} is not a text in UTF-8: {error}") from error
+        raise WaveformFileError(f"{path}: not UTF-8 text: {error}") from error
     lines = (
         line.partition("#")[0].replace(",", " ").replace(";", " ") for line in text.splitlines()
     )
     fields = [line.split() for line in lines if line.strip()]
     if fields and not any(map(_is_number, fields[0])):
-        fields = fields[1:]  # the names of the columns
+        fields = fields[1:]  # column names
     try:
         table = np.array(fields, dtype=np.float64)
     except ValueError as error:
         raise ValueError(f"{path}: not a table of numbers: {error}") from error
     if table.ndim != 2 or table.shape[1] != 2:
-        raise ValueError(f"{path}: two columns are needed, time in ns and amplitude")
+        raise ValueError(f"{path}: expected two columns, time in ns and amplitude")
     return table
 
 

@@ -118,7 +118,7 @@ def test_summary_agrees_with_the_files(scan: Path) -> None:
     low = {remark: int(count) for count, remark in summary["without echoes"]}
     assert low["signal not above the threshold"] == 2 * SHOTS // 20
     assert f"result: {output}" in result.stdout
-    assert "after-pulse test switched off" in result.stdout
+    assert "after-pulse filter disabled" in result.stdout
 
 
 def test_quiet_prints_nothing(scan: Path) -> None:
@@ -184,7 +184,7 @@ def test_scanner_description(scan: Path) -> None:
     extract(scan, scan.with_name("e.csv"), "--threshold", "20")
     one = csv_columns(scan.with_name("e.csv"))
     result = extract(scan, scan.with_name("e.csv"), "--threshold", "20", "--scanner", description)
-    assert "after-pulse test switched off" in result.stdout
+    assert "after-pulse filter disabled" in result.stdout
     ten = csv_columns(scan.with_name("e.csv"))
     np.testing.assert_array_equal(ten["position"], one["position"])
     # An amplitude unit ten times smaller is 20 dB less.
@@ -194,7 +194,7 @@ def test_scanner_description(scan: Path) -> None:
 def test_after_pulse(scan: Path) -> None:
     def echoes(*options: str) -> int:
         result = extract(scan, scan.with_name("e.csv"), "--threshold", "20", *options)
-        said = "after-pulse test switched off" in result.stdout
+        said = "after-pulse filter disabled" in result.stdout
         assert said == (not options)
         return len(csv_columns(scan.with_name("e.csv"))["x"])
 
@@ -220,7 +220,7 @@ def test_after_pulse(scan: Path) -> None:
         (["--channel", "2="], "invalid channel '2='"),
         (["--after-pulse", "5"], "'5' must be 'off' or OFFSET,WIDTH, integers in samples"),
         (["--after-pulse", "5,-2"], "'5,-2' must be 'off' or OFFSET,WIDTH"),
-        (["--after-pulse", "4294967296,2"], "after-pulse offset 4294967296 must be a whole number"),
+        (["--after-pulse", "4294967296,2"], "invalid after-pulse offset 4294967296"),
         (["--block", "0"], "greater than or equal to 1"),
         (["--block", "many"], "--block"),
         (["--colour", "red"], "No such option: --colour"),

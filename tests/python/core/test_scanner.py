@@ -94,7 +94,7 @@ def test_missing_unknown_and_wrong_ones_stand_in_the_same_error() -> None:
         Scanner.from_attributes(attributes)
     assert str(caught.value) == (
         "scanner attributes: missing: Scanner Type, ampl_unit; unknown: Colour; "
-        "wrong type: UnambiguousRange is 'x', must be a finite number"
+        "wrong type: UnambiguousRange is 'x'; expected finite number"
     )
 
 
@@ -119,7 +119,7 @@ def test_missing_unknown_and_wrong_ones_stand_in_the_same_error() -> None:
 def test_value_of_a_wrong_kind_is_named(name: str, value: object) -> None:
     with pytest.raises(ValueError, match="wrong type: ") as caught:
         Scanner.from_attributes({**COMPLETE, **WAVE, name: value})
-    assert f"wrong type: {name} is {value!r}, must be a " in str(caught.value)
+    assert f"wrong type: {name} is {value!r}; expected " in str(caught.value)
 
 
 def test_several_wrong_ones_are_named_in_a_fixed_order() -> None:
@@ -157,7 +157,7 @@ def test_exponential_sum_needs_parts_of_equal_length(table: str, imaginary: obje
         del attributes[f"{table}_imag"]
     else:
         attributes[f"{table}_imag"] = imaginary
-    with pytest.raises(ValueError, match=f"{table}_real and {table}_imag must both be there"):
+    with pytest.raises(ValueError, match=f"{table}_real and {table}_imag must be given together"):
         Scanner.from_attributes(attributes)
 
 
@@ -172,7 +172,7 @@ def test_device_needs_a_sampling_interval() -> None:
     with pytest.raises(ValueError, match="sampling interval None"):
         scanner.device()
     for interval in (0.0, -1e-9, float("nan"), float("inf")):
-        with pytest.raises(ValueError, match="must be a number of seconds above 0"):
+        with pytest.raises(ValueError, match="expected seconds above 0"):
             scanner.at_interval(interval).device()
     assert scanner.at_interval(4e-9).device().sampling_time == 4e-9
 
@@ -182,7 +182,7 @@ def test_what_the_library_misses_is_said_and_logged(caplog: pytest.LogCaptureFix
     unchecked = Scanner(without("Scanner Type"))
     with (
         caplog.at_level(logging.WARNING, logger="fullwaveform"),
-        pytest.raises(ValueError, match=f"the scanner description is not complete: {sentence}$"),
+        pytest.raises(ValueError, match=f"incomplete scanner description: {sentence}$"),
     ):
         unchecked.device()
     assert [record.getMessage() for record in caplog.records] == [sentence]
@@ -214,7 +214,7 @@ def test_unknown_type_keeps_the_after_pulse_test_only_when_given_as_attributes(
     for scanner in (Scanner.from_toml(toml_file(tmp_path)), Scanner.default()):
         assert scanner.after_pulse == NO_AFTER_PULSE
         (note,) = scanner.notes
-        assert note.startswith("after-pulse test switched off: ")
+        assert note.startswith("after-pulse filter disabled: ")
         # Wider than any record has samples: the window's lower bound wraps.
         assert scanner.at_interval(1e-9).device().afterpulse_width > 65535
 
@@ -235,9 +235,9 @@ def test_after_pulse_of_the_caller_wins(tmp_path: Path) -> None:
 
 @pytest.mark.parametrize("value", [-1, 2**32, 1.5, True, "5"])
 def test_after_pulse_must_be_whole_samples(value: Any) -> None:
-    with pytest.raises(ValueError, match=r"after-pulse offset .* must be a whole number"):
+    with pytest.raises(ValueError, match=r"after-pulse offset .*; expected an integer"):
         AfterPulse(offset=value, width=2)
-    with pytest.raises(ValueError, match=r"after-pulse width .* must be a whole number"):
+    with pytest.raises(ValueError, match=r"after-pulse width .*; expected an integer"):
         AfterPulse(offset=5, width=value)
 
 
@@ -258,10 +258,16 @@ def test_toml_file_with_after_pulse(tmp_path: Path) -> None:
 @pytest.mark.parametrize(
     ("table", "sentence"),
     [
-        ("[after_pulse]\noffset = 9\n", "must hold offset and width, in samples"),
-        ("[after_pulse]\noffset = 9\nwidth = 4\nlength = 1\n", "must hold offset and width"),
-        ("after_pulse = 5\n", "must hold offset and width, in samples"),
-        ("[after_pulse]\noffset = 9\nwidth = -4\n", "after-pulse width -4 must be a whole number"),
+        ("[after_pulse]\noffset = 9\n", "must have the keys offset and width"),
+        (
+            "[after_pulse]\noffset = 9\nwidth = 4\nlength = 1\n",
+            "must have the keys offset and width",
+        ),
+        ("after_pulse = 5\n", "must have the keys offset and width"),
+        (
+            "[after_pulse]\noffset = 9\nwidth = -4\n",
+            "invalid after-pulse width -4; expected an integer",
+        ),
     ],
 )
 def test_toml_file_with_a_broken_after_pulse(tmp_path: Path, table: str, sentence: str) -> None:
@@ -334,12 +340,14 @@ def test_report_is_every_parameter_with_its_unit() -> None:
 
 def test_exponential_tables_must_be_equally_long() -> None:
     wave = {"a_real": [1.0], "a_imag": [0.0], "b_real": [-1e9, -2e9], "b_imag": [0.0, 0.0]}
-    with pytest.raises(ValueError, match="a_real has 1 values and b_real 2, must be equally many"):
+    with pytest.raises(
+        ValueError, match="a_real has 1 values and b_real 2; the numbers must be equal"
+    ):
         Scanner.from_attributes({**COMPLETE, **wave})
 
 
 @pytest.mark.parametrize("name", ["Scanner Group Velocity", "ampl_unit", "WaveformSampleInterval"])
 @pytest.mark.parametrize("value", [0.0, -1.0])
 def test_numbers_that_must_be_above_zero(name: str, value: float) -> None:
-    with pytest.raises(ValueError, match=rf"{name} is {value}, must be above 0"):
+    with pytest.raises(ValueError, match=rf"{name} is {value}; it must be above 0"):
         Scanner.from_attributes({**COMPLETE, name: value})

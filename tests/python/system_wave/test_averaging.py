@@ -9,9 +9,9 @@ from fullwaveform.system_wave import average, pulse_of_curve, pulses_of_rows
 from fullwaveform.system_wave.pulses import (
     AT_THE_EDGE,
     FLAT_TOP,
-    LEFT_OUT,
+    OUTLIER,
+    SUBSAMPLED,
     TOO_WEAK,
-    UNLIKE,
     screened,
 )
 
@@ -53,7 +53,7 @@ def test_pulses_of_other_shapes_are_left_out() -> None:
     rows[7] += sampled(np.array([27.0]), 90.0, 0.0)[0]
     rows[11, 5:50] += np.linspace(0.0, 60.0, 45)
     found = average(pulses(rows))
-    assert found.rejected == {UNLIKE: 2}
+    assert found.rejected == {OUTLIER: 2}
     assert found.used == 198
     assert np.abs(found.value - shape(found.position)).max() < NOISY_LARGEST * np.sqrt(2)
 
@@ -106,19 +106,19 @@ def test_equal_samples_below_the_limit_are_no_flat_top() -> None:
 def test_more_than_needed_are_left_out_evenly() -> None:
     positions = np.linspace(19.5, 20.5, 100)
     left = screened(pulses(sampled(positions)), 25)
-    assert (len(left), left.rejected) == (25, {LEFT_OUT: 75})
+    assert (len(left), left.rejected) == (25, {SUBSAMPLED: 75})
     assert np.array_equal(left.values[[0, -1]], sampled(positions)[[0, -1]])
 
 
 def test_nothing_to_average() -> None:
-    with pytest.raises(ValueError, match=r"constructed pulses: no pulse can be used \(2: no pulse"):
+    with pytest.raises(ValueError, match=r"constructed pulses: no usable pulse \(2: no pulse"):
         average(pulses(np.full((2, 40), 3.0)))
 
 
 def test_counts_that_do_not_fit() -> None:
-    with pytest.raises(ValueError, match="3 counts do not fit the 2 rows"):
+    with pytest.raises(ValueError, match="3 counts for 2 rows"):
         pulses_of_rows(np.ones((2, 9)), [1, 2, 3], 1e-9, "rows")
-    with pytest.raises(ValueError, match="not between 0 and the row length 9"):
+    with pytest.raises(ValueError, match="invalid count; expected 0 to the row length 9"):
         pulses_of_rows(np.ones((2, 9)), [1, 10], 1e-9, "rows")
 
 

@@ -21,7 +21,7 @@ from fullwaveform.system_wave import (
     write_description,
 )
 from fullwaveform.system_wave.description import description_text, with_system_wave
-from fullwaveform.system_wave.isolated import Records
+from fullwaveform.system_wave.isolated import Waveforms
 
 from .scenes import INTERVAL, echo_samples, pulses, recorded
 
@@ -81,7 +81,7 @@ def test_old_offset_does_not_survive_a_new_wave(tmp_path: Path) -> None:
 def test_tables_of_the_offset_that_are_none(tmp_path: Path, table: str) -> None:
     path = tmp_path / "scanner.toml"
     path.write_text(description_text(Scanner.default(), None) + table, encoding="utf-8")
-    with pytest.raises(ValueError, match="the table deconvolution must hold position_offset"):
+    with pytest.raises(ValueError, match="table deconvolution must have position_offset"):
         Scanner.from_toml(path)
 
 
@@ -92,7 +92,7 @@ def test_offset_without_its_interval_is_refused(tmp_path: Path, table: str) -> N
     path = tmp_path / "scanner.toml"
     text = description_text(Scanner.default(), None) + "[deconvolution]\n"
     path.write_text(text + table, encoding="utf-8")
-    with pytest.raises(ValueError, match="position_offset is in samples and needs Waveform"):
+    with pytest.raises(ValueError, match="position_offset is in samples; add Waveform"):
         Scanner.from_toml(path)
     path.write_text(text + "position_offset = 0", encoding="utf-8")
     assert Scanner.from_toml(path).deconvolution_offset == 0.0
@@ -147,7 +147,7 @@ def described(tmp_path_factory: pytest.TempPathFactory) -> Scanner:
     wave = fit_system_wave(average(pulses(recorded(400, 0.3)[0])))
     scanner = with_system_wave(Scanner.default(), wave.in_seconds(), INTERVAL)
     samples = echo_samples(300, seed=11)
-    echoes = Records(samples, np.full(300, samples.shape[1], np.uint16), INTERVAL)
+    echoes = Waveforms(samples, np.full(300, samples.shape[1], np.uint16), INTERVAL)
     write_description(path, scanner, measure_offset(scanner, [echoes], 12))
     return Scanner.from_toml(path)
 

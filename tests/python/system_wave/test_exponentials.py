@@ -104,13 +104,13 @@ def test_scaled_in_time() -> None:
 
 @pytest.mark.parametrize("values", [[], np.zeros(9), [1.0, np.nan, 2.0, 3.0], np.ones((3, 3))])
 def test_values_that_cannot_be_fitted(values: np.ndarray) -> None:
-    with pytest.raises(ValueError, match="finite values that are not all 0"):
+    with pytest.raises(ValueError, match="finite, and not all 0"):
         fit_exponentials(values, 0.1)
 
 
 @pytest.mark.parametrize("order", [0, 12])
 def test_order_that_the_values_do_not_allow(order: int) -> None:
-    with pytest.raises(ValueError, match=f"order {order} is not between 1 and 11"):
+    with pytest.raises(ValueError, match=f"invalid order {order}; expected 1 to 11"):
         fit_exponentials(np.exp(-np.arange(24.0)), 1.0, order)
 
 

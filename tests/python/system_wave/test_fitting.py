@@ -61,5 +61,7 @@ def test_pulse_longer_than_the_window() -> None:
 
 
 def test_pulse_that_ends_inside_the_window() -> None:
-    with pytest.raises(ValueError, match=r"known from -30.0 to 4.[89] samples .* from -3.0 to 8.0"):
+    with pytest.raises(
+        ValueError, match=r"recorded from -30.0 to 4.[89] samples .* needs -3.0 to 8.0"
+    ):
         fit_system_wave(pulse(until=5.0), begin=-3.0)

@@ -17,13 +17,13 @@ from fullwaveform.system_wave import (
 )
 from fullwaveform.system_wave.description import with_system_wave
 from fullwaveform.system_wave.isolated import (
-    Records,
+    Waveforms,
     echoes_of,
     isolated_echoes,
     strongest_echoes,
 )
 from fullwaveform.system_wave.offset import (
-    offset_of_made_echoes,
+    offset_of_simulated_echoes,
     position_differences,
     summary_of,
 )
@@ -47,9 +47,9 @@ def scanner(wave: SystemWave) -> Scanner:
     return with_system_wave(Scanner.default(), wave.in_seconds(), INTERVAL)
 
 
-def records(count: int = 200) -> Records:
+def waveforms(count: int = 200) -> Waveforms:
     samples = echo_samples(count)
-    return Records(samples, np.full(count, samples.shape[1], np.uint16), INTERVAL)
+    return Waveforms(samples, np.full(count, samples.shape[1], np.uint16), INTERVAL)
 
 
 def independent_positions(wave: SystemWave, rows: np.ndarray) -> np.ndarray:
@@ -61,16 +61,16 @@ def independent_positions(wave: SystemWave, rows: np.ndarray) -> np.ndarray:
 
 
 def test_offset_is_that_of_an_independent_deconvolution(wave: SystemWave, scanner: Scanner) -> None:
-    found = measure_offset(scanner, [records()], NOISE)
+    found = measure_offset(scanner, [waveforms()], NOISE)
     _, truth = recorded(200, 0.5, 2)
-    expected = np.median(independent_positions(wave, records().samples) - truth)
+    expected = np.median(independent_positions(wave, waveforms().samples) - truth)
     assert found is not None
     assert found.echoes >= 190
     # The Gauss fit errs on a skewed pulse, by less than this in the median over all phases.
     assert found.position == pytest.approx(expected, abs=0.1)
-    reference = echoes_of(records(), scanner, NOISE, Mode.THREE_POINT)
-    fitted = strongest_echoes(reference, records().baseline()).position
-    exact = np.median(independent_positions(wave, records().samples) - fitted)
+    reference = echoes_of(waveforms(), scanner, NOISE, Mode.THREE_POINT)
+    fitted = strongest_echoes(reference, waveforms().baseline()).position
+    exact = np.median(independent_positions(wave, waveforms().samples) - fitted)
     assert found.position == pytest.approx(exact, abs=MEDIAN_TOLERANCE)
     assert 0.03 < found.spread < 0.2
 
@@ -81,22 +81,22 @@ def test_offset_follows_the_window(wave: SystemWave) -> None:
     for begin in (wave.begin - 1.0, wave.begin):
         moved = fit_system_wave(wave.pulse, begin=begin)
         described = with_system_wave(Scanner.default(), moved.in_seconds(), INTERVAL)
-        found = measure_offset(described, [records()], NOISE)
+        found = measure_offset(described, [waveforms()], NOISE)
         assert found is not None
         offsets.append(found.position)
     assert offsets[1] - offsets[0] == pytest.approx(1.0, abs=0.1)
 
 
 def test_made_echoes_agree_with_recorded_ones(wave: SystemWave, scanner: Scanner) -> None:
-    made = offset_of_made_echoes(scanner, wave.pulse)
-    recorded_ones = measure_offset(scanner, [records()], NOISE)
+    made = offset_of_simulated_echoes(scanner, wave.pulse)
+    recorded_ones = measure_offset(scanner, [waveforms()], NOISE)
     assert recorded_ones is not None
-    assert (made.made, recorded_ones.made) == (True, False)
+    assert (made.simulated, recorded_ones.simulated) == (True, False)
     assert made.position == pytest.approx(recorded_ones.position, abs=0.1)
 
 
 def test_too_few_echoes_give_no_offset(scanner: Scanner) -> None:
-    assert measure_offset(scanner, [records(19)], NOISE) is None
+    assert measure_offset(scanner, [waveforms(19)], NOISE) is None
     assert measure_offset(scanner, [], NOISE) is None
 
 
@@ -114,7 +114,7 @@ def test_strongest_echo_of_each_row() -> None:
     np.testing.assert_array_equal(found.position, [41.0, 20.0])
     np.testing.assert_array_equal(found.height, [80.0, 70.0])
     # 40 of 80 counts disturb; 7 of 70 are a tenth, as ringing is.
-    np.testing.assert_array_equal(found.alone, [False, True])
+    np.testing.assert_array_equal(found.isolated, [False, True])
 
 
 def test_echo_far_away_leaves_another_alone() -> None:
@@ -122,7 +122,7 @@ def test_echo_far_away_leaves_another_alone() -> None:
         found = strongest_echoes(
             table((0, 20.0, 90.0), (0, 20.0 + distance, 60.0)), np.full(1, 10.0)
         )
-        assert found.alone.tolist() == [alone]
+        assert found.isolated.tolist() == [alone]
 
 
 def test_differences_are_taken_within_the_row() -> None:
@@ -149,7 +149,7 @@ def test_median_and_robust_spread() -> None:
 
 
 def test_isolated_echoes_show_the_pulse() -> None:
-    found = average(isolated_echoes([records(300)], Scanner.default(), NOISE, "echoes"))
+    found = average(isolated_echoes([waveforms(300)], Scanner.default(), NOISE, "echoes"))
     assert found.used > 140
     assert found.rejected["the weaker half"] == 150
     near = np.abs(found.position) < 12.0
@@ -163,17 +163,19 @@ def test_crowded_echoes_and_other_intervals_are_left_out() -> None:
     ).astype(np.uint16)
     counts = np.full(40, 60, np.uint16)
 
-    def parts() -> Iterator[Records]:
-        yield Records(rows, counts, INTERVAL)
-        yield Records(rows, counts, 2 * INTERVAL)
+    def parts() -> Iterator[Waveforms]:
+        yield Waveforms(rows, counts, INTERVAL)
+        yield Waveforms(rows, counts, 2 * INTERVAL)
 
     found = isolated_echoes(parts(), Scanner.default(), NOISE, "echoes")
     assert found.sampling_interval == INTERVAL
     assert found.rejected["another echo nearby"] == 10
-    assert found.rejected["another sampling interval"] == 40
+    assert found.rejected["different sampling interval"] == 40
 
 
 def test_no_isolated_echo() -> None:
-    flat = Records(np.full((5, 40), 3, np.uint16), np.full(5, 40, np.uint16), INTERVAL)
-    with pytest.raises(ValueError, match="flat records: no echo stands alone"):
-        isolated_echoes([flat], Scanner.default(), NOISE, "flat records")
+    flat = Waveforms(np.full((5, 40), 3, np.uint16), np.full(5, 40, np.uint16), INTERVAL)
+    with pytest.raises(
+        ValueError, match="flat waveforms: no echo without others within 24 samples"
+    ):
+        isolated_echoes([flat], Scanner.default(), NOISE, "flat waveforms")

@@ -1,4 +1,4 @@
-"""System waves of real scanners, where their records are at hand."""
+"""System waves of real scanners, where their waveforms are at hand."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ import pytest
 from fullwaveform import Mode, Scanner
 from fullwaveform.system_wave import AveragePulse, SystemWave, fit_system_wave, measure_offset
 from fullwaveform.system_wave.description import with_system_wave
-from fullwaveform.system_wave.isolated import Records, StrongEchoes, echoes_of, strongest_echoes
+from fullwaveform.system_wave.isolated import StrongEchoes, Waveforms, echoes_of, strongest_echoes
 from fullwaveform.system_wave.offset import position_differences
 from fullwaveform.system_wave.sources import Input, Source
 
@@ -85,7 +85,7 @@ def test_modes_agree_after_the_offset() -> None:
     """Measured on every other waveform, applied to those between."""
     wave = strip_wave()
     scanner = with_system_wave(Scanner.default(), wave.in_seconds(), 1e-9)
-    parts = [part for part in Input(STRIP).records() if len(part.samples) > 1000]
+    parts = [part for part in Input(STRIP).waveforms() if len(part.samples) > 1000]
     even, odd = ([of_rows(part, first) for part in parts] for first in (0, 1))
     offset = measure_offset(scanner, even, 8)
     assert offset is not None
@@ -108,7 +108,7 @@ def test_hybrid_agrees_where_fit_and_decomposition_do_not() -> None:
     pulse = averaged(COARSE, Source.ECHOES, None, 8)
     wave = fit_system_wave(pulse).in_seconds()
     scanner = with_system_wave(Scanner.default(), wave, pulse.sampling_interval)
-    parts = list(Input(COARSE).records())
+    parts = list(Input(COARSE).waveforms())
     offset = measure_offset(scanner, parts, 8)
     assert offset is not None
     assert abs(offset.hybrid - offset.position) > 0.1
@@ -131,12 +131,12 @@ def median_from(fitted: StrongEchoes, peaks: Mapping[str, Any]) -> float:
     return float(np.median(position_differences(fitted, peaks)))
 
 
-def of_rows(records: Records, first: int) -> Records:
+def of_rows(waveforms: Waveforms, first: int) -> Waveforms:
     """Every other row."""
-    return Records(
-        np.ascontiguousarray(records.samples[first::2]),
-        records.counts[first::2],
-        records.sampling_interval,
+    return Waveforms(
+        np.ascontiguousarray(waveforms.samples[first::2]),
+        waveforms.counts[first::2],
+        waveforms.sampling_interval,
     )
 
 
@@ -150,7 +150,7 @@ def test_pulse_longer_than_the_window(array: str) -> None:
     assert 0.7 < wave.contained < 0.8
     assert wave.fit.misfit.rms < 1e-3
     scanner = with_system_wave(Scanner.default(), wave.in_seconds(), 1e-9)
-    offset = measure_offset(scanner, Input(FOREST).records(), 240)
+    offset = measure_offset(scanner, Input(FOREST).waveforms(), 240)
     assert offset is not None
     assert offset.echoes > 300
     # Tops of 15 samples are flat: fitted positions scatter by the better part of a sample.
