@@ -137,8 +137,12 @@ def _refuse_unused_options(pulses: Input) -> None:
 
 def _offset(scanner: Scanner, pulses: Input, pulse: AveragePulse) -> DeconvolutionOffset:
     """Measured on isolated echoes of the file, or, if too few, on echoes made of the pulse."""
-    parts = (part for part in pulses.waveforms() if part.sampling_interval == pulse.sampling_interval)
-    return measure_offset(scanner, parts, pulses.threshold) or offset_of_simulated_echoes(scanner, pulse)
+    parts = (
+        part for part in pulses.waveforms() if part.sampling_interval == pulse.sampling_interval
+    )
+    return measure_offset(scanner, parts, pulses.threshold) or offset_of_simulated_echoes(
+        scanner, pulse
+    )
 
 
 def _curves(wave: SystemWave) -> SystemWaveCurves:

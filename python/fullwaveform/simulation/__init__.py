@@ -1,4 +1,4 @@
-"""Simulated scans with known echoes: a flight line, its waveforms, its files and its truth."""
+"""Simulated scans with known echoes: flight line, waveforms, files and true echoes."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""A simulated scan as files: LAS points, waveform packets beside them, table of true echoes."""
+"""Files of a simulated scan: LAS points, waveform packets, and true echoes."""
 
 from __future__ import annotations
 
@@ -21,7 +21,7 @@ from fullwaveform.simulation.truth import write_truth
 from fullwaveform.simulation.waveforms import SimulatedScan
 
 RECORD_HEADER = struct.Struct("<H16sHQ32s")  # of an extended record; 60 bytes
-_PACKET_RECORD = 65_535
+_PACKET_RECORD = 65_535  # record ID of waveform packets
 _DESCRIPTOR = struct.Struct("<BBIIdd")
 _FIRST_DESCRIPTOR = 100  # record of descriptor index 1
 _VOLTS_PER_COUNT = 1e-3  # of the less sensitive channel
@@ -44,14 +44,14 @@ _WKT = (
 
 class _Kind(NamedTuple):
     version: str
-    most_returns: int
+    max_returns: int
 
 
 _KINDS = {9: _Kind("1.4", 15), 4: _Kind("1.3", 5)}
 
 
 class ScanFiles(NamedTuple):
-    """Where a scan was written."""
+    """Paths of the files of a scan."""
 
     las: Path
     wdp: Path
@@ -59,19 +59,19 @@ class ScanFiles(NamedTuple):
 
 
 def write_scan(scan: SimulatedScan, path_las: Path | str, *, point_format: int = 9) -> ScanFiles:
-    """Writes `<stem>.las`, `<stem>.wdp` and `<stem>_truth.csv`; files of these names are replaced.
+    """Write `<stem>.las`, `<stem>.wdp` and `<stem>_truth.csv`; existing files are replaced.
 
-    Point format 9 makes LAS 1.4, point format 4 LAS 1.3. Descriptor 1 is the low-power channel,
-    descriptor 2 the other. Each file gets its name only when all are whole, the points last.
+    Point format 9 writes LAS 1.4, point format 4 LAS 1.3. Descriptor 1 is the low-power channel,
+    descriptor 2 the high-power channel. The files appear when all are complete, the points last.
 
-    Raises ValueError for another point format or a name that does not end in `.las`, OSError when
-    the folder cannot be written to.
+    Raises ValueError for another point format or a name that does not end in `.las`, OSError if a
+    file cannot be written.
     """
     las = Path(path_las)
     if las.suffix.lower() != ".las":
-        raise ValueError(f"the scan is written as .las, not as {las.name!r}")
+        raise ValueError(f"invalid name {las.name!r}; it must end in .las")
     if point_format not in _KINDS:
-        raise ValueError(f"point format {point_format} is not one of {sorted(_KINDS)}")
+        raise ValueError(f"invalid point format {point_format}; expected 4 or 9")
     files = ScanFiles(las, las.with_suffix(".wdp"), las.with_name(f"{las.stem}_truth.csv"))
     writers: dict[Path, Callable[[Path], None]] = {
         files.wdp: lambda part: _write_packets(scan, part),
@@ -83,16 +83,16 @@ def write_scan(scan: SimulatedScan, path_las: Path | str, *, point_format: int =
 
 
 def _write_all_or_nothing(writers: dict[Path, Callable[[Path], None]]) -> None:
-    """Writes every file under a temporary name in its folder, then renames them in their order."""
+    """Write all files under temporary names, then rename them in their order."""
     with ExitStack() as stack:
-        # A stack ends in reverse order: the file entered first is renamed last.
+        # A stack unwinds in reverse order: the file entered first is renamed last.
         parts = {path: stack.enter_context(atomic_path(path)) for path in reversed(writers)}
         for path, write in writers.items():
             write(parts[path])
 
 
 def _write_packets(scan: SimulatedScan, path: Path) -> None:
-    """The packets, shot by shot, the low-power channel first, behind the header of their record."""
+    """Header of the packet record, then the packets by shot, the low-power channel first."""
     samples = scan.samples.astype(f"<u{scan.settings.bits // 8}")
     description = b"Simulated waveforms"
     with path.open("wb") as file:
@@ -102,7 +102,7 @@ def _write_packets(scan: SimulatedScan, path: Path) -> None:
 
 def _write_points(scan: SimulatedScan, path: Path, point_format: int) -> None:
     kind = _KINDS[point_format]
-    points = discrete_points(scan, kind.most_returns)
+    points = discrete_points(scan, kind.max_returns)
     las = laspy.LasData(_header(scan.settings, kind, point_format))
     las.points = laspy.ScaleAwarePointRecord.zeros(len(points), header=las.header)
     las.x, las.y, las.z = points.xyz.T
@@ -125,7 +125,7 @@ def _write_points(scan: SimulatedScan, path: Path, point_format: int) -> None:
 
 
 def _refer_to_packets(las: laspy.LasData, points: DiscretePoints, scan: SimulatedScan) -> None:
-    """Descriptor, place and line in space of each point's packet; zeros where it has none."""
+    """Descriptor, offset and line in space of each point's packet; zeros if it has none."""
     settings = scan.settings
     has = points.channel != NO_PACKET
     size = settings.samples * settings.bits // 8
@@ -134,20 +134,20 @@ def _refer_to_packets(las: laspy.LasData, points: DiscretePoints, scan: Simulate
     las.wavepacket_offset = np.where(has, RECORD_HEADER.size + packet * size, 0)
     las.wavepacket_size = np.where(has, size, 0)
     las.return_point_wave_location = np.where(has, points.position * settings.interval_ps, 0.0)
-    # Later light comes from further away: the stored vector points back to the scanner.
+    # Later light comes from a larger range, and the stored vector points to the scanner.
     metres_per_ps = settings.range_per_sample / settings.interval_ps
     towards_scanner = -metres_per_ps * scan.shots.direction[points.shot]
     las.x_t, las.y_t, las.z_t = np.where(has[:, np.newaxis], towards_scanner, 0.0).T
 
 
 def _header(settings: ScanSettings, kind: _Kind, point_format: int) -> laspy.LasHeader:
-    """Header with the coordinate system and the descriptors of both channels."""
+    """LAS header with the coordinate system and the descriptors of both channels."""
     header = laspy.LasHeader(version=kind.version, point_format=point_format)
     header.scales = np.full(3, _SCALE)
     header.offsets = _whole_kilometres(settings)
     header.system_identifier = "SIMULATION"
     header.generating_software = "fullwaveform"
-    # The day of the flight, so that equal scans are equal files on any day.
+    # Date of the flight, so that equal scans are equal files.
     seconds = settings.start_time + 1e9
     header.creation_date = (datetime(1980, 1, 6, tzinfo=UTC) + timedelta(seconds=seconds)).date()
     header.global_encoding.gps_time_type = laspy.header.GpsTimeType.STANDARD
@@ -163,14 +163,14 @@ def _header(settings: ScanSettings, kind: _Kind, point_format: int) -> laspy.Las
 
 
 def _whole_kilometres(settings: ScanSettings) -> FloatArray:
-    """Offsets that keep the 32-bit coordinates small."""
+    """Coordinate offsets in whole kilometres, which keep 32-bit coordinates small."""
     return np.array(
         [1000.0 * np.floor(v / 1000.0) for v in (settings.easting, settings.northing)] + [0.0]
     )
 
 
 def _descriptor(settings: ScanSettings, channel: int, volts_per_count: float) -> laspy.VLR:
-    """Descriptor of a channel; the baseline lies at 0 volts."""
+    """Descriptor of a channel; the baseline is 0 volts."""
     data = _DESCRIPTOR.pack(
         settings.bits,
         0,
@@ -184,7 +184,7 @@ def _descriptor(settings: ScanSettings, channel: int, volts_per_count: float) ->
 
 
 def _geo_keys() -> laspy.VLR:
-    """Coordinate system of the versions before 1.4: projected, by its EPSG number, metres."""
+    """Coordinate system in LAS versions before 1.4: projected, EPSG code, metres."""
     keys = ((1, 1, 0, 3), (1024, 0, 1, 1), (3072, 0, 1, _EPSG), (3076, 0, 1, 9001))
     data = np.array(keys, dtype="<u2").tobytes()
     return laspy.VLR("LASF_Projection", 34_735, "GeoTIFF GeoKeyDirectoryTag", data)

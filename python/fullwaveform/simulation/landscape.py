@@ -1,22 +1,21 @@
-"""The ground of a simulated scan, its houses and trees, and what a beam meets there."""
+"""Ground, houses and trees of a simulated scan, and the reflections of beams on them."""
 
 from __future__ import annotations
 
 from typing import NamedTuple
 
 import numpy as np
-import numpy.typing as npt
 
-from fullwaveform.data.arrays import BoolArray, FloatArray
+from fullwaveform.data.arrays import BoolArray, FloatArray, UInt8Array
 
 GROUND, LOW_VEGETATION, HIGH_VEGETATION, BUILDING = 2, 3, 5, 6  # ASPRS classes
 
 _WOODS = ((-88.0, -14.0), (78.0, 172.0))  # m to the right of the flight line
 _TREE_SPACING = 8.0  # m
-_TREE_TABLE = 32  # trees along a side of the pattern, which repeats
+_TREE_TABLE = 32  # trees per side of the repeated pattern
 _TALLEST_TREE = 16.5  # m
-_LAYER = 0.6  # m of height; one chance of a reflection for each layer of a crown
-_CROWN_ECHOES = 4  # at most, above the ground's
+_LAYER = 0.6  # m, height of a layer of a crown, which reflects or not
+_MAX_CROWN_ECHOES = 4
 _HOUSE_PERIOD, _HOUSE_HALF_LENGTH = 60.0, 15.0  # m along the flight line, one house at 0
 
 
@@ -29,28 +28,28 @@ class Beams(NamedTuple):
 
 
 class Targets(NamedTuple):
-    """Reflections as a table of shots by candidates, NaN range where there is none."""
+    """Reflections, (shots, candidates); the range is NaN if there is none."""
 
     range: FloatArray  # m from the scanner
     share: FloatArray  # of the light
-    classification: npt.NDArray[np.uint8]
+    classification: UInt8Array
 
 
-def reflect(beams: Beams, angle: FloatArray, chance: np.random.Generator) -> Targets:
+def reflect(beams: Beams, angle: FloatArray, rng: np.random.Generator) -> Targets:
     """Up to four reflections in a crown and one on the ground or a roof.
 
-    Each leaf layer takes 10 to 45 % of the light that is left, the ground gets the rest; one in
-    eight shots that met a crown does not come through to the ground.
+    Each reflection in a crown takes 10 to 45 % of the remaining light, and ground or roof the rest;
+    one in eight shots that hit a crown does not reach the ground.
     """
-    ground = _meet_surface(beams, with_roofs=False)
-    surface = _meet_surface(beams, with_roofs=True)
+    ground = _surface_height(beams, with_roofs=False)
+    surface = _surface_height(beams, with_roofs=True)
     on_roof = surface > ground + 2.0
-    crown = _crown_heights(beams, ground, chance)
+    crown = _crown_heights(beams, ground, rng)
     crown[on_roof] = np.nan
-    taken = np.where(np.isnan(crown), 0.0, chance.uniform(0.10, 0.45, crown.shape))
+    taken = np.where(np.isnan(crown), 0.0, rng.uniform(0.10, 0.45, crown.shape))
     left = np.cumprod(1.0 - taken, axis=1)
     before = np.column_stack([np.ones(len(ground)), left[:, :-1]])
-    lost = ~np.isnan(crown[:, 0]) & (chance.random(len(ground)) < 0.125)
+    lost = ~np.isnan(crown[:, 0]) & (rng.random(len(ground)) < 0.125)
     surface = np.where(lost, np.nan, np.where(on_roof, surface, ground))
     heights = np.column_stack([crown, surface])
     classes = np.full(heights.shape, HIGH_VEGETATION, dtype=np.uint8)
@@ -66,7 +65,7 @@ def _terrain(along: FloatArray, right: FloatArray) -> FloatArray:
 
 
 def _roof(along: FloatArray, right: FloatArray) -> FloatArray:
-    """Height of a roof above the ground, 0 beside the houses: one gable, one flat."""
+    """Height of a roof above the ground, 0 outside houses: one gable roof, one flat roof."""
     along_house = np.remainder(along + _HOUSE_PERIOD / 2, _HOUSE_PERIOD) - _HOUSE_PERIOD / 2
     within = np.abs(along_house) < _HOUSE_HALF_LENGTH
     gable = np.where(np.abs(right + 112.0) < 9.0, 11.0 - 0.5 * np.abs(right + 112.0), 0.0)
@@ -79,10 +78,10 @@ def _down_to(beams: Beams, height: FloatArray) -> FloatArray:
     return np.asarray(beams.slope * (beams.height - height))
 
 
-def _meet_surface(beams: Beams, with_roofs: bool) -> FloatArray:
-    """Height at which the beams meet ground or roofs; each step brings it a slope's factor closer.
+def _surface_height(beams: Beams, with_roofs: bool) -> FloatArray:
+    """Height at which the beams hit ground or roofs, by fixed-point iteration.
 
-    Beside a roof's edge the step may jump between roof and ground; either is a fair answer.
+    At the edge of a roof the iteration may alternate between roof and ground; either is acceptable.
     """
     height = np.zeros_like(beams.slope)
     for _ in range(12):
@@ -94,13 +93,13 @@ def _meet_surface(beams: Beams, with_roofs: bool) -> FloatArray:
 
 
 def _in_crown(
-    along: FloatArray, right: FloatArray, above_ground: FloatArray, chance: np.random.Generator
+    along: FloatArray, right: FloatArray, above_ground: FloatArray, rng: np.random.Generator
 ) -> BoolArray:
-    """Whether points lie in the crown of a tree; trees stand on a jittered grid in the woods."""
+    """Whether points are in the crown of a tree; trees are on a jittered grid in the woods."""
     table = (_TREE_TABLE, _TREE_TABLE)
-    tall = chance.uniform(9.0, _TALLEST_TREE, table)
-    radius = chance.uniform(3.0, 4.4, table)
-    jitter = chance.uniform(-1.0, 1.0, (2, *table))
+    tall = rng.uniform(9.0, _TALLEST_TREE, table)
+    radius = rng.uniform(3.0, 4.4, table)
+    jitter = rng.uniform(-1.0, 1.0, (2, *table))
     row, column = np.rint(along / _TREE_SPACING), np.rint(right / _TREE_SPACING)
     tree = (row.astype(np.int64) % _TREE_TABLE, column.astype(np.int64) % _TREE_TABLE)
     off_along = along - row * _TREE_SPACING - jitter[0][tree]
@@ -115,16 +114,16 @@ def _in_crown(
     )
 
 
-def _crown_heights(beams: Beams, ground: FloatArray, chance: np.random.Generator) -> FloatArray:
-    """Heights of reflections in crowns, (shots, 4), topmost first, NaN where there are fewer."""
+def _crown_heights(beams: Beams, ground: FloatArray, rng: np.random.Generator) -> FloatArray:
+    """Heights of reflections in crowns, (shots, 4), from the top; NaN if there are fewer."""
     layers = np.arange(_TALLEST_TREE, 0.0, -_LAYER) - _LAYER / 2
     shape = (len(ground), len(layers))
-    above_ground = layers + chance.uniform(-_LAYER / 2, _LAYER / 2, shape)
+    above_ground = layers + rng.uniform(-_LAYER / 2, _LAYER / 2, shape)
     height = ground[:, np.newaxis] + above_ground
     right = beams.slope[:, np.newaxis] * (beams.height - height)
     along = np.broadcast_to(beams.along[:, np.newaxis], shape)
-    hit = _in_crown(along, right, above_ground, chance) & (chance.random(shape) < 0.28)
-    # A stable sort of the misses moves the hits to the front and keeps their order.
-    topmost = np.argsort(~hit, axis=1, kind="stable")[:, :_CROWN_ECHOES]
+    hit = _in_crown(along, right, above_ground, rng) & (rng.random(shape) < 0.28)
+    # The stable sort moves hits to the front in their order.
+    topmost = np.argsort(~hit, axis=1, kind="stable")[:, :_MAX_CROWN_ECHOES]
     chosen = np.take_along_axis(np.where(hit, height, np.nan), topmost, axis=1)
     return np.asarray(chosen)

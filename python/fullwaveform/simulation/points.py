@@ -1,13 +1,12 @@
-"""Discrete returns of a simulated scan: what the scanner's own electronics would have listed."""
+"""Discrete returns of a simulated scan."""
 
 from __future__ import annotations
 
 from dataclasses import dataclass, fields
 
 import numpy as np
-import numpy.typing as npt
 
-from fullwaveform.data.arrays import FloatArray, IntArray
+from fullwaveform.data.arrays import FloatArray, IntArray, UInt8Array, UInt16Array
 from fullwaveform.simulation.scene import position_in_space
 from fullwaveform.simulation.waveforms import SimulatedScan
 
@@ -18,40 +17,40 @@ _UNCLASSIFIED = 1
 
 @dataclass(frozen=True, slots=True)
 class DiscretePoints:
-    """Points as they stand in the file, in the order of time."""
+    """Points of the LAS file, ascending by time."""
 
-    shot: IntArray  # row of the shot that gives direction and scan angle
+    shot: IntArray  # shot with the direction and scan angle of the point
     gps_time: FloatArray  # s
-    channel: IntArray  # 0 low-power, 1 the other; -1 = the point has no packet
-    position: FloatArray  # samples after the record's first sample at which it was triggered
+    channel: IntArray  # 0 low-power, 1 high-power, -1 without a packet
+    position: FloatArray  # samples, of the trigger
     xyz: FloatArray  # (n, 3), m, exact
-    intensity: npt.NDArray[np.uint16]  # counts above the baseline, of the point's channel
-    return_number: npt.NDArray[np.uint8]
-    number_of_returns: npt.NDArray[np.uint8]
-    classification: npt.NDArray[np.uint8]
-    withheld: npt.NDArray[np.uint8]  # 1 for the place holders of empty shots
+    intensity: UInt16Array  # counts above the baseline
+    return_number: UInt8Array
+    number_of_returns: UInt8Array
+    classification: UInt8Array
+    withheld: UInt8Array  # 1 for points of shots without echoes
 
     def __len__(self) -> int:
         return len(self.shot)
 
 
-def discrete_points(scan: SimulatedScan, most_returns: int) -> DiscretePoints:
-    """The points that stand for a scan in a file with at most so many returns per shot.
+def discrete_points(scan: SimulatedScan, max_returns: int) -> DiscretePoints:
+    """The points of a scan, with at most `max_returns` returns per shot.
 
-    - Each echo above the threshold is a return of the low-power channel, up to `most_returns` of
-      a shot, the first ones. A shot without one gives its strongest echo.
-    - The other channel lists the strongest echo of each shot, as return 1 of 1.
-    - An empty shot has one withheld point for each channel at the record's first sample.
-    - Some points come from pulses between two shots whose waveforms were not stored.
+    - The first echoes above the return threshold, up to `max_returns`, are returns of the low-power
+      channel; if there are none, the strongest echo is.
+    - The strongest echo of each shot is return 1 of 1 of the high-power channel.
+    - A shot without echoes has one withheld point per channel at its first sample.
+    - Some points are from pulses between two shots, without stored waveforms.
     """
-    chance = np.random.default_rng([scan.settings.seed, 2])
+    rng = np.random.default_rng([scan.settings.seed, 2])
     strongest = _strongest_of_each_shot(scan)
     parts = [
-        _returns(scan, _listed_echoes(scan, strongest, most_returns), LOW_POWER, chance),
-        _returns(scan, strongest, HIGH, chance),
-        _place_holders(scan, LOW_POWER),
-        _place_holders(scan, HIGH),
-        _without_packet(scan, strongest, chance),
+        _returns(scan, _listed_echoes(scan, strongest, max_returns), LOW_POWER, rng),
+        _returns(scan, strongest, HIGH, rng),
+        _withheld_points(scan, LOW_POWER),
+        _withheld_points(scan, HIGH),
+        _without_packet(scan, strongest, rng),
     ]
     together = {
         column.name: np.concatenate([getattr(part, column.name) for part in parts])
@@ -62,32 +61,32 @@ def discrete_points(scan: SimulatedScan, most_returns: int) -> DiscretePoints:
 
 
 def _strongest_of_each_shot(scan: SimulatedScan) -> IntArray:
-    """Row of the strongest echo of each shot that has one."""
+    """Index of the strongest echo of each shot with echoes."""
     order = np.lexsort((-scan.truth.amplitude_low_power_counts, scan.truth.shot))
     first = np.diff(scan.truth.shot[order], prepend=-1) > 0
     return np.asarray(order[first])
 
 
-def _listed_echoes(scan: SimulatedScan, strongest: IntArray, most_returns: int) -> IntArray:
-    """Rows of the echoes that become returns of the low-power channel."""
+def _listed_echoes(scan: SimulatedScan, strongest: IntArray, max_returns: int) -> IntArray:
+    """Indices of the echoes that are returns of the low-power channel."""
     listed = scan.truth.amplitude_low_power_counts >= scan.settings.return_threshold
     listed[strongest] = True
     rows = np.flatnonzero(listed)
-    return rows[_number_in_shot(scan.truth.shot[rows]) <= most_returns]
+    return rows[_number_in_shot(scan.truth.shot[rows]) <= max_returns]
 
 
 def _number_in_shot(shot: IntArray) -> IntArray:
-    """Running number from 1 within runs of equal shots; the shots ascend."""
+    """Number from 1 within each shot; the shots must ascend."""
     return np.arange(len(shot)) - np.searchsorted(shot, shot, side="left") + 1
 
 
 def _returns(
-    scan: SimulatedScan, rows: IntArray, channel: int, chance: np.random.Generator
+    scan: SimulatedScan, rows: IntArray, channel: int, rng: np.random.Generator
 ) -> DiscretePoints:
     """Returns of a channel, triggered on the leading edge of the given echoes."""
     settings, truth = scan.settings, scan.truth
     shot = truth.shot[rows]
-    jitter = chance.normal(0.0, settings.return_jitter, len(rows))
+    jitter = rng.normal(0.0, settings.return_jitter, len(rows))
     lead = settings.return_lead * truth.width_samples[rows]
     position = np.clip(truth.position_samples[rows] - lead + jitter, 0.0, settings.samples - 1)
     both = (truth.amplitude_low_power_counts, truth.amplitude_high_counts)
@@ -107,8 +106,8 @@ def _returns(
     )
 
 
-def _place_holders(scan: SimulatedScan, channel: int) -> DiscretePoints:
-    """One point at the first sample of each shot without an echo, so that its packet is found."""
+def _withheld_points(scan: SimulatedScan, channel: int) -> DiscretePoints:
+    """One point per shot without echoes, which refers to its packet."""
     echoes = np.bincount(scan.truth.shot, minlength=len(scan.shots))
     shot = np.flatnonzero(echoes == 0)
     position = np.zeros(len(shot))
@@ -128,12 +127,12 @@ def _place_holders(scan: SimulatedScan, channel: int) -> DiscretePoints:
 
 
 def _without_packet(
-    scan: SimulatedScan, strongest: IntArray, chance: np.random.Generator
+    scan: SimulatedScan, strongest: IntArray, rng: np.random.Generator
 ) -> DiscretePoints:
     """Returns of pulses halfway between two shots, close to an echo of the earlier shot."""
     count = min(scan.settings.points_without_packet, len(strongest))
-    rows = np.sort(chance.choice(strongest, count, replace=False))
-    near = _returns(scan, rows, LOW_POWER, chance)
+    rows = np.sort(rng.choice(strongest, count, replace=False))
+    near = _returns(scan, rows, LOW_POWER, rng)
     ones = np.ones(count, dtype=np.uint8)
     return DiscretePoints(
         shot=near.shot,

@@ -1,4 +1,4 @@
-"""The echoes a simulated scan was made of, as a table and as a CSV file."""
+"""The true echoes of a simulated scan, as a table and as a CSV file."""
 
 from __future__ import annotations
 
@@ -6,36 +6,35 @@ from dataclasses import dataclass, fields
 from pathlib import Path
 
 import numpy as np
-import numpy.typing as npt
 import pyarrow as pa
 from pyarrow import csv
 
-from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.arrays import BoolArray, FloatArray, IntArray, UInt8Array
 from fullwaveform.data.errors import WaveformFileError
 
 
 @dataclass(frozen=True, slots=True)
 class TruthTable:
-    """True echoes, one entry each, by shot and then along the flight of light.
+    """True echoes by shot, and along the flight of light within a shot.
 
     The names are the columns of the CSV file.
     """
 
-    shot: npt.NDArray[np.int64]  # running number of the shot, from 0
-    gps_time: FloatArray  # s, of the shot, as in the points
-    echo_number: npt.NDArray[np.int64]  # 1 = nearest to the scanner within the shot
-    time_in_record_ns: FloatArray  # ns after the record's first sample
-    position_samples: FloatArray  # the same in samples
+    shot: IntArray  # number of the shot, from 0
+    gps_time: FloatArray  # s, of the shot
+    echo_number: IntArray  # 1 = nearest to the scanner within the shot
+    time_in_record_ns: FloatArray  # ns after the first sample
+    position_samples: FloatArray  # samples
     x: FloatArray  # m
     y: FloatArray  # m
     z: FloatArray  # m
     amplitude_low_power_counts: FloatArray  # above the baseline, before clipping
-    amplitude_high_counts: FloatArray  # the same in the less sensitive channel
+    amplitude_high_counts: FloatArray  # the same in the high-power channel
     width_samples: FloatArray  # standard deviation
-    neighbour_distance_samples: FloatArray  # to the shot's nearest other echo, infinite if alone
-    overlapping: npt.NDArray[np.bool_]  # neighbour closer than 4 of the echo's standard deviations
-    saturated: npt.NDArray[np.bool_]  # low-power channel clips within one width of the position
-    classification: npt.NDArray[np.uint8]  # ASPRS class of what reflected
+    neighbour_distance_samples: FloatArray  # to the next echo of the shot; infinite if none
+    overlapping: BoolArray  # nearest other echo closer than 4 standard deviations
+    saturated: BoolArray  # low-power channel clipped within one width of the position
+    classification: UInt8Array  # ASPRS class of the reflecting surface
 
     def __len__(self) -> int:
         return len(self.shot)
@@ -56,16 +55,16 @@ _TYPES = {
 
 
 def write_truth(truth: TruthTable, path: Path) -> None:
-    """The table as CSV with one line of names; numbers in the shortest form that reads back."""
+    """Write the table as CSV with a header line."""
     names = [column.name for column in fields(TruthTable)]
     csv.write_csv(pa.table({name: getattr(truth, name) for name in names}), path)
 
 
 def read_truth(path: Path | str) -> TruthTable:
-    """The table that `write_scan` put beside a scan.
+    """Read the table that `write_scan` wrote.
 
-    Raises OSError when there is no such file, WaveformFileError when a column is missing or a
-    value is not of its kind.
+    Raises OSError if the file cannot be read, WaveformFileError if a column is missing or a value
+    has a wrong type.
     """
     names = [column.name for column in fields(TruthTable)]
     types = {name: _TYPES.get(name, pa.float64()) for name in names}
@@ -73,6 +72,6 @@ def read_truth(path: Path | str) -> TruthTable:
     try:
         table = csv.read_csv(path, convert_options=options)
     except (pa.ArrowInvalid, pa.ArrowKeyError) as error:
-        raise WaveformFileError(f"{path} is not a table of true echoes: {error}") from error
+        raise WaveformFileError(f"{path}: not a table of true echoes: {error}") from error
     columns = {name: table[name].to_numpy().copy() for name in names}
     return TruthTable(**columns)

@@ -1,13 +1,12 @@
-"""From echoes to digitised samples, in both channels, together with the truth about them."""
+"""Digitised samples of simulated echoes in both channels, and the true echoes."""
 
 from __future__ import annotations
 
 from dataclasses import dataclass
 
 import numpy as np
-import numpy.typing as npt
 
-from fullwaveform.data.arrays import BoolArray, FloatArray, IntArray
+from fullwaveform.data.arrays import BoolArray, FloatArray, IntArray, UInt16Array
 from fullwaveform.simulation.scene import (
     Echoes,
     Shots,
@@ -17,22 +16,22 @@ from fullwaveform.simulation.scene import (
 from fullwaveform.simulation.settings import ScanSettings
 from fullwaveform.simulation.truth import TruthTable
 
-OVERLAP_WIDTHS = 4.0  # standard deviations; two echoes further apart leave each other's top alone
-_REACH_WIDTHS = 9.0  # standard deviations; exp(-9**2 / 2) is 3e-18 of the top
+OVERLAP_WIDTHS = 4.0  # standard deviations; more distant echoes do not change each other's maximum
+_MAX_DISTANCE_WIDTHS = 9.0  # standard deviations; exp(-9**2 / 2) is 3e-18 of the maximum
 
 
 @dataclass(frozen=True, slots=True)
 class SimulatedScan:
-    """Waveforms of a simulated flight line and the echoes they were made of."""
+    """Waveforms of a simulated flight line and their true echoes."""
 
     settings: ScanSettings
     shots: Shots
-    samples: npt.NDArray[np.uint16]  # (shots, 2, samples), counts; [:, 0] is the low-power channel
+    samples: UInt16Array  # (shots, 2, samples), counts; [:, 0] is the low-power channel
     truth: TruthTable
 
 
 def simulate_scan(settings: ScanSettings) -> SimulatedScan:
-    """A flight line as the scanner would record it; equal settings give equal scans."""
+    """Simulate a flight line; equal settings give equal scans."""
     for_scene, for_noise = np.random.SeedSequence(settings.seed).spawn(2)
     shots, echoes = build_scene(settings, np.random.default_rng(for_scene))
     signal = receive(echoes, len(shots), settings)
@@ -41,29 +40,27 @@ def simulate_scan(settings: ScanSettings) -> SimulatedScan:
 
 
 def receive(echoes: Echoes, shots: int, settings: ScanSettings) -> FloatArray:
-    """Signal without noise and limit, (shots, 2, samples) in counts, baseline included."""
+    """Signal with baseline, without noise and clipping, (shots, 2, samples) in counts."""
     low_power = sum_of_gaussians(echoes, (shots, settings.samples))
     return settings.baseline + np.stack([low_power, low_power / settings.gain_ratio], axis=1)
 
 
-def digitise(
-    signal: FloatArray, settings: ScanSettings, chance: np.random.Generator
-) -> npt.NDArray[np.uint16]:
-    """Samples of a signal: with white noise, rounded to counts, clipped at 0 and the maximum."""
-    noisy = signal + chance.normal(0.0, settings.noise_rms, signal.shape)
+def digitise(signal: FloatArray, settings: ScanSettings, rng: np.random.Generator) -> UInt16Array:
+    """Samples of a signal: with white noise, rounded, clipped at 0 and the maximum."""
+    noisy = signal + rng.normal(0.0, settings.noise_rms, signal.shape)
     return np.clip(np.rint(noisy), 0, settings.maximum).astype(np.uint16)
 
 
 def sum_of_gaussians(echoes: Echoes, shape: tuple[int, int]) -> FloatArray:
     """Sum of the echoes as Gaussians, (shots, samples) in counts of the low-power channel.
 
-    Each echo is evaluated within nine of its standard deviations and inside its record.
+    Each echo is evaluated within nine of its standard deviations, inside the waveform.
     """
     if len(echoes) == 0:
         return np.zeros(shape)
-    reach = int(np.ceil(_REACH_WIDTHS * echoes.width.max()))
+    distance = int(np.ceil(_MAX_DISTANCE_WIDTHS * echoes.width.max()))
     nearest = np.rint(echoes.position).astype(np.int64)
-    sample = nearest[:, np.newaxis] + np.arange(-reach, reach + 1)
+    sample = nearest[:, np.newaxis] + np.arange(-distance, distance + 1)
     off = (sample - echoes.position[:, np.newaxis]) / echoes.width[:, np.newaxis]
     value = echoes.amplitude[:, np.newaxis] * np.exp(-0.5 * off**2)
     inside = (sample >= 0) & (sample < shape[1])
@@ -73,9 +70,9 @@ def sum_of_gaussians(echoes: Echoes, shape: tuple[int, int]) -> FloatArray:
 
 
 def neighbour_distance(shot: IntArray, position: FloatArray) -> FloatArray:
-    """Samples to the nearest other echo of the shot, infinite where it is alone.
+    """Samples to the nearest other echo of the shot, infinite if there is none.
 
-    The echoes are ordered by shot and position.
+    The echoes must be sorted by shot and position.
     """
     gap = np.where(np.diff(shot) == 0, np.diff(position), np.inf)
     padded = np.concatenate([[np.inf], gap, [np.inf]])
@@ -84,7 +81,7 @@ def neighbour_distance(shot: IntArray, position: FloatArray) -> FloatArray:
 
 
 def is_saturated(echoes: Echoes, signal: FloatArray, settings: ScanSettings) -> BoolArray:
-    """Whether the low-power channel reaches its limit within one width of the echo's position."""
+    """Whether the low-power channel is clipped within one width of the echo."""
     clipped = signal[:, 0, :] >= settings.maximum
     before = np.pad(np.cumsum(clipped, axis=1), ((0, 0), (1, 0)))  # clipped samples before each
     first = np.ceil(echoes.position - echoes.width).astype(np.int64)
@@ -94,7 +91,7 @@ def is_saturated(echoes: Echoes, signal: FloatArray, settings: ScanSettings) -> 
 
 
 def _truth(shots: Shots, echoes: Echoes, signal: FloatArray, settings: ScanSettings) -> TruthTable:
-    """The table of truth; echoes are numbered from 1 along the flight of light."""
+    """The true echoes, numbered from 1 along the flight of light."""
     first_of_shot = np.searchsorted(echoes.shot, echoes.shot, side="left")
     distance = neighbour_distance(echoes.shot, echoes.position)
     points = position_in_space(shots, echoes.shot, echoes.position, settings.range_per_sample)

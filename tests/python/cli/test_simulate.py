@@ -27,10 +27,10 @@ def test_simulate_writes_scan_and_truth(tmp_path: Path) -> None:
 @pytest.mark.parametrize(
     ("call", "message"),
     [
-        (["s.las", "--shots", "0"], "shots is 0, but must be at least 1"),
-        (["s.las", "--noise-rms", "-1"], "noise_rms is -1.0, but must be not negative"),
-        (["s.las", "--samples", "10"], "samples is 10, but must be enough for the lead-in"),
-        (["s.las", "--seed", "-1"], "seed is -1"),
+        (["s.las", "--shots", "0"], "invalid shots 0; it must be at least 1"),
+        (["s.las", "--noise-rms", "-1"], "invalid noise_rms -1.0; it must be 0 or more"),
+        (["s.las", "--samples", "10"], "invalid samples 10; it must be enough for the lead-in"),
+        (["s.las", "--seed", "-1"], "invalid seed -1"),
         (["s.las", "--point-format", "6"], "6 must be 4 or 9"),
         (["s.laz"], "must end in .las"),
         ([], "Missing argument"),

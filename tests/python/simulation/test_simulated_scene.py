@@ -31,7 +31,7 @@ def test_first_sample_lies_the_lead_before_the_first_echo() -> None:
     lead = scan.truth.position_samples[0]
     assert 20.0 <= lead < 21.0
     # One ns of two-way travel is 0.149854128 m of range.
-    assert scan.shots.record_start[0] == pytest.approx(600.0 - lead * 0.149854128, abs=1e-6)
+    assert scan.shots.waveform_start[0] == pytest.approx(600.0 - lead * 0.149854128, abs=1e-6)
 
 
 def test_sweep_starts_on_the_left_and_turns_back() -> None:
@@ -63,7 +63,7 @@ def test_echoes_lie_on_their_beams() -> None:
     np.testing.assert_allclose(
         away / distance[:, np.newaxis], shots.direction[truth.shot], atol=1e-9
     )
-    two_way = 2.0 * (distance - shots.record_start[truth.shot]) / 299_708_256.0
+    two_way = 2.0 * (distance - shots.waveform_start[truth.shot]) / 299_708_256.0
     np.testing.assert_allclose(two_way * 1e9, truth.time_in_record_ns, atol=1e-5)
     np.testing.assert_allclose(np.linalg.norm(shots.direction, axis=1), 1.0, atol=1e-12)
 

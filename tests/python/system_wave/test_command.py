@@ -158,7 +158,7 @@ def test_trouble_with_the_data(arrays: Path, tmp_path: Path) -> None:
     for call, sentence in (
         ([tmp_path / "missing.las"], "missing.las"),
         ([arrays, "--array", "other"], "has no array other"),
-        ([arrays, "--begin", "50"], "the system wave needs it from 50.0 to 61.0"),
+        ([arrays, "--begin", "50"], "the system wave needs 50.0 to 61.0"),
         ([arrays, "--scanner", arrays], "is not a TOML file"),
     ):
         result = run("system-wave", *call, "-o", toml)
