@@ -68,7 +68,7 @@ def system_wave(
         float | None,
         typer.Option(
             metavar="X",
-            help=f"Start of the {SYSTEM_WAVE_SAMPLES}-sample window, in samples from the pulse maximum",
+            help=f"Start of the {SYSTEM_WAVE_SAMPLES}-sample window, samples from the pulse maximum",
         ),
     ] = None,
     scanner: Annotated[
@@ -137,12 +137,10 @@ def _refuse_unused_options(pulses: Input) -> None:
 
 def _offset(scanner: Scanner, pulses: Input, pulse: AveragePulse) -> DeconvolutionOffset:
     """Measured on isolated echoes of the file, or, if too few, on echoes made of the pulse."""
-    parts = (
-        part for part in pulses.waveforms() if part.sampling_interval == pulse.sampling_interval
-    )
-    return measure_offset(scanner, parts, pulses.threshold) or offset_of_simulated_echoes(
-        scanner, pulse
-    )
+    interval = pulse.sampling_interval
+    parts = (part for part in pulses.waveforms() if part.sampling_interval == interval)
+    measured = measure_offset(scanner, parts, pulses.threshold)
+    return measured or offset_of_simulated_echoes(scanner, pulse)
 
 
 def _curves(wave: SystemWave) -> SystemWaveCurves:
@@ -208,6 +206,6 @@ def _notes(wave: SystemWave) -> list[str]:
     if wave.is_contained:
         return []
     return [
-        f"pulse longer than the {SYSTEM_WAVE_SAMPLES} samples of the system wave; deconvolution with "
-        "a truncated pulse sharpens less and may split strong echoes"
+        f"pulse longer than the {SYSTEM_WAVE_SAMPLES} samples of the system wave; deconvolution "
+        "with a truncated pulse sharpens less and may split strong echoes"
     ]

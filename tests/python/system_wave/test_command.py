@@ -1,4 +1,4 @@
-"""The verb: pulses in, a description and a picture out, trouble in a sentence."""
+"""The verb: pulses in, a description and a picture out, trouble in a message."""
 
 from __future__ import annotations
 
@@ -44,13 +44,13 @@ def test_description_and_picture(arrays: Path, tmp_path: Path) -> None:
     toml, picture = tmp_path / "scanner.toml", tmp_path / "wave.png"
     result = run("system-wave", arrays, "-o", toml, "--noise", "12", "--plot", picture)
     assert result.exit_code == 0, result.output
-    said = words(result.stdout)
-    assert "pulses used 299 out_samples of arrays.npz" in said
-    assert "left out 1 no pulse above the noise" in said
-    assert "samples, deconvolved less Gauss-fitted" in said
-    assert "offset, hybrid" in said
-    assert "echoes 200 isolated ones of the file" in said
-    assert "note:" not in said
+    output = words(result.stdout)
+    assert "pulses used 299 out_samples of arrays.npz" in output
+    assert "skipped 1 no pulse above the noise" in output
+    assert "samples, deconvolution minus three-point fit" in output
+    assert "offset, hybrid" in output
+    assert "echoes 200 isolated echoes of the file" in output
+    assert "note:" not in output
     scanner = Scanner.from_toml(toml)
     assert scanner.has_system_wave
     assert scanner.sampling_interval == INTERVAL
@@ -101,12 +101,12 @@ def test_text_and_pdf(tmp_path: Path) -> None:
     assert Scanner.from_toml(toml).has_system_wave
 
 
-def test_long_pulse_is_told(tmp_path: Path) -> None:
+def test_note_on_a_long_pulse(tmp_path: Path) -> None:
     text = tmp_path / "p.txt"
     time = np.arange(0.0, 120.0, 0.5)
     np.savetxt(text, np.column_stack([time, shape((time - 40.0) / 3.0)]))
     result = run("system-wave", text, "-o", tmp_path / "p.toml", "--interval", "1")
-    assert "note: the pulse is longer than the 12 samples of the system wave" in result.stdout
+    assert "note: pulse longer than the 12 samples of the system wave" in result.stdout
 
 
 def test_extraction_with_the_description(tmp_path: Path) -> None:
@@ -130,21 +130,24 @@ def test_extraction_with_the_description(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize(
-    ("options", "sentence"),
+    ("options", "message"),
     [
         (["-o", "out.txt"], "must end in .toml"),
-        (["-o", "o.toml", "--plot", "p.jpg"], "must end in .png, .pdf, .svg"),
-        (["-o", "o.toml", "--order", "0"], "neither auto nor a number of exponentials, 1 to 12"),
-        (["-o", "o.toml", "--order", "x"], "neither auto nor a number of exponentials, 1 to 12"),
-        (["-o", "o.toml", "--interval", "0"], "0.0 is no number of nanoseconds above 0"),
+        (["-o", "o.toml", "--plot", "p.jpg"], "must end in .png or .pdf or .svg"),
+        (["-o", "o.toml", "--order", "0"], "must be 'auto' or an integer from 1 to 12"),
+        (["-o", "o.toml", "--order", "x"], "must be 'auto' or an integer from 1 to 12"),
+        (["-o", "o.toml", "--interval", "0"], "'0' must be a finite number above 0, in ns"),
         (["-o", "o.toml", "--source", "both"], "outgoing"),
-        (["-o", "o.toml", "--source", "echoes", "--array", "a"], "those of an .npz"),
+        (
+            ["-o", "o.toml", "--source", "echoes", "--array", "a"],
+            "applies only to pulses of an .npz",
+        ),
     ],
 )
-def test_wrong_calls(arrays: Path, options: list[str], sentence: str) -> None:
+def test_wrong_calls(arrays: Path, options: list[str], message: str) -> None:
     result = run("system-wave", arrays, *options)
     assert result.exit_code == 2
-    assert sentence in words(result.stderr)
+    assert message in words(result.stderr)
 
 
 def test_options_without_effect(tmp_path: Path) -> None:
@@ -155,7 +158,7 @@ def test_options_without_effect(tmp_path: Path) -> None:
 
 def test_trouble_with_the_data(arrays: Path, tmp_path: Path) -> None:
     toml = tmp_path / "o.toml"
-    for call, sentence in (
+    for call, message in (
         ([tmp_path / "missing.las"], "missing.las"),
         ([arrays, "--array", "other"], "has no array other"),
         ([arrays, "--begin", "50"], "the system wave needs 50.0 to 61.0"),
@@ -163,6 +166,6 @@ def test_trouble_with_the_data(arrays: Path, tmp_path: Path) -> None:
     ):
         result = run("system-wave", *call, "-o", toml)
         assert result.exit_code == 1, call
-        assert sentence in result.stderr
+        assert message in result.stderr
         assert len(result.stderr.strip().splitlines()) == 1
     assert not toml.exists()
