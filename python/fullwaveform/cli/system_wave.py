@@ -68,7 +68,7 @@ def system_wave(
         float | None,
         typer.Option(
             metavar="X",
-            help=f"Start of the {SYSTEM_WAVE_SAMPLES}-sample window, samples from the pulse maximum",
+            help=f"Start of the {SYSTEM_WAVE_SAMPLES}-sample window, samples from the maximum",
         ),
     ] = None,
     scanner: Annotated[
