@@ -10,7 +10,7 @@
 namespace FullWaveform::Bench {
 namespace {
 
-/// Blocks of 64 waveforms, results and their release included; the noise is estimated.
+/// Blocks of 64 waveforms, including the release of the results; the threshold is estimated.
 template <FWFModus modus>
 void apply(benchmark::State& state) {
   Block const block =

@@ -1,11 +1,10 @@
-// Runs the driver over a block that another program wrote, and prints one line: seconds of the fastest run,
-// seconds with the release of its result, bytes of the heap that the result holds, and seconds of a run by
-// the clock on the wall, all runs of all threads taken together; the others are the thread's own, which other
-// programs do not lengthen.
+// Runs the driver over a block that another program wrote, and prints one line: thread time of the fastest
+// run (s), thread time including the release of its result (s), heap size of the result (bytes), and wall
+// time of a run over all threads (s). Thread times are not affected by other programs.
 //
 // measure SAMPLES ROWS COLUMNS WAVEFORMS_PER_SHOT MODE NOISE RUNS THREADS
-// SAMPLES is a file of ROWS x COLUMNS unsigned 16-bit counts in the machine's own byte order. With several
-// threads each runs all rows with a driver of its own, and the time is that of the last one.
+// SAMPLES is a file of ROWS x COLUMNS unsigned 16-bit counts in native byte order. With several threads, each
+// runs all rows with its own driver; the wall time is that of the last one.
 
 #include <algorithm>
 #include <barrier>
@@ -52,7 +51,7 @@ Block readBlock(char const* path, std::size_t rows, std::size_t columns, std::si
   std::ifstream file(path, std::ios::binary);
   file.read(reinterpret_cast<char*>(samples.data()), static_cast<std::streamsize>(2 * samples.size()));
   if (!file) {
-    throw std::runtime_error(std::string(path) + " holds fewer samples than told");
+    throw std::runtime_error(std::string(path) + " is truncated: fewer than ROWS x COLUMNS samples");
   }
   Block block;
   block.counts.assign(rows, static_cast<unsigned short>(columns));
@@ -65,7 +64,7 @@ Block readBlock(char const* path, std::size_t rows, std::size_t columns, std::si
   return block;
 }
 
-/// Bytes of the heap that the result of one run holds.
+/// Heap size of the result of one run, bytes.
 double bytesOfResult(Block const& block, Testing::Driver& driver, int noise) {
   auto const before = mallinfo2().uordblks;
   ShotMap const shots = block.run(driver, noise);

@@ -11,7 +11,7 @@
 namespace FullWaveform::Bench {
 namespace {
 
-/// Shots of as many echoes each, in the order of their shots, the farthest echo first; a waveform is a shot.
+/// Shots in ascending time with the given number of echoes each, farthest first. Counted per shot.
 void evaluate(benchmark::State& state) {
   constexpr std::size_t shots = 1000;
   auto const echoes = static_cast<std::size_t>(state.range(0));

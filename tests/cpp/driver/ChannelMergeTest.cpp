@@ -29,23 +29,23 @@ Echoes echoesOf(std::list<Peak> const& peaks) {
   return echoes;
 }
 
-/// What is left of both channels, with a sampling interval of 1 s.
-std::pair<Echoes, Echoes> merged(Echoes const& normal, Echoes const& lowPower) {
-  std::list<Peak> a = listOf(normal);
+/// Both channels after merging, with a sampling interval of 1 s.
+std::pair<Echoes, Echoes> merged(Echoes const& highPower, Echoes const& lowPower) {
+  std::list<Peak> a = listOf(highPower);
   std::list<Peak> b = listOf(lowPower);
   mergeChannels(a, b, 1.0);
   return {echoesOf(a), echoesOf(b)};
 }
 
-TEST(ChannelMerge, LowPowerCopyStays) {
-  auto const [normal, lowPower] = merged({{10.0, 500.0}}, {{11.0, 300.0}});
-  EXPECT_EQ(normal, Echoes{});
+TEST(ChannelMerge, LowPowerCopyIsKept) {
+  auto const [highPower, lowPower] = merged({{10.0, 500.0}}, {{11.0, 300.0}});
+  EXPECT_EQ(highPower, Echoes{});
   EXPECT_EQ(lowPower, (Echoes{{11.0, 300.0}}));
 }
 
-TEST(ChannelMerge, SaturatedLowPowerCopyGoes) {
-  auto const [normal, lowPower] = merged({{10.0, 500.0}}, {{11.0, 3500.0}});
-  EXPECT_EQ(normal, (Echoes{{10.0, 500.0}}));
+TEST(ChannelMerge, SaturatedLowPowerCopyIsRemoved) {
+  auto const [highPower, lowPower] = merged({{10.0, 500.0}}, {{11.0, 3500.0}});
+  EXPECT_EQ(highPower, (Echoes{{10.0, 500.0}}));
   EXPECT_EQ(lowPower, Echoes{});
 }
 
@@ -58,71 +58,71 @@ TEST(ChannelMerge, ThreeThousandCountsAreNotSaturated) {
   EXPECT_EQ(above.second, Echoes{});
 }
 
-TEST(ChannelMerge, OwnAmplitudeOfTheNormalCopyDoesNotMatter) {
-  auto const [normal, lowPower] = merged({{10.0, 4000.0}}, {{10.0, 300.0}});
-  EXPECT_EQ(normal, Echoes{});
+TEST(ChannelMerge, AmplitudeOfTheHighPowerCopyIsNotUsed) {
+  auto const [highPower, lowPower] = merged({{10.0, 4000.0}}, {{10.0, 300.0}});
+  EXPECT_EQ(highPower, Echoes{});
   EXPECT_EQ(lowPower.size(), 1U);
 }
 
-TEST(ChannelMerge, ThreeIntervalsApartAreTwoEchoes) {
+TEST(ChannelMerge, EchoesThreeIntervalsApartAreKept) {
   for (double const distance : {3.0, -3.0}) {
-    auto const [normal, lowPower] = merged({{10.0, 500.0}}, {{10.0 + distance, 300.0}});
-    EXPECT_EQ(normal.size(), 1U);
+    auto const [highPower, lowPower] = merged({{10.0, 500.0}}, {{10.0 + distance, 300.0}});
+    EXPECT_EQ(highPower.size(), 1U);
     EXPECT_EQ(lowPower.size(), 1U);
   }
 }
 
-TEST(ChannelMerge, JustBelowThreeIntervalsApartIsOneEcho) {
+TEST(ChannelMerge, EchoesLessThanThreeIntervalsApartAreOne) {
   EXPECT_EQ(merged({{0.0, 500.0}}, {{std::nextafter(3.0, 0.0), 300.0}}).first, Echoes{});
   EXPECT_EQ(merged({{0.0, 500.0}}, {{std::nextafter(-3.0, 0.0), 300.0}}).first, Echoes{});
 }
 
-TEST(ChannelMerge, SaturatedEchoWithoutCounterpartStays) {
-  auto const [normal, lowPower] = merged({{10.0, 500.0}}, {{20.0, 3500.0}});
-  EXPECT_EQ(normal.size(), 1U);
+TEST(ChannelMerge, SaturatedEchoWithoutCounterpartIsKept) {
+  auto const [highPower, lowPower] = merged({{10.0, 500.0}}, {{20.0, 3500.0}});
+  EXPECT_EQ(highPower.size(), 1U);
   EXPECT_EQ(lowPower.size(), 1U);
 }
 
-TEST(ChannelMerge, ChannelWithoutEchoesChangesNothing) {
+TEST(ChannelMerge, EmptyChannelLeavesTheOtherUnchanged) {
   EXPECT_EQ(merged({}, {{10.0, 3500.0}}).second.size(), 1U);
   EXPECT_EQ(merged({{10.0, 500.0}}, {}).first.size(), 1U);
 }
 
-// The saturated echo at 10 goes first; the one at 12 then removes both of the normal channel.
-TEST(ChannelMerge, SaturatedEchoesGoBeforeTheNormalChannelIsCleaned) {
-  auto const [normal, lowPower] = merged({{10.0, 500.0}, {14.0, 600.0}}, {{12.0, 300.0}, {10.0, 3500.0}});
-  EXPECT_EQ(normal, Echoes{});
+// The saturated echo at 10 is removed first; the one at 12 then removes both high-power echoes.
+TEST(ChannelMerge, SaturatedEchoesAreRemovedFirst) {
+  auto const [highPower, lowPower] = merged({{10.0, 500.0}, {14.0, 600.0}}, {{12.0, 300.0}, {10.0, 3500.0}});
+  EXPECT_EQ(highPower, Echoes{});
   EXPECT_EQ(lowPower, (Echoes{{12.0, 300.0}}));
 }
 
-TEST(ChannelMerge, EveryEchoIsJudgedByItself) {
-  auto const [normal, lowPower] = merged({{0.0, 1.0}, {10.0, 2.0}, {20.0, 3.0}, {30.0, 4.0}},
-                                         {{1.0, 100.0}, {11.0, 3001.0}, {22.9, 200.0}, {40.0, 300.0}});
-  EXPECT_EQ(normal, (Echoes{{10.0, 2.0}, {30.0, 4.0}}));
+TEST(ChannelMerge, EveryPairIsComparedSeparately) {
+  auto const [highPower, lowPower] = merged({{0.0, 1.0}, {10.0, 2.0}, {20.0, 3.0}, {30.0, 4.0}},
+                                            {{1.0, 100.0}, {11.0, 3001.0}, {22.9, 200.0}, {40.0, 300.0}});
+  EXPECT_EQ(highPower, (Echoes{{10.0, 2.0}, {30.0, 4.0}}));
   EXPECT_EQ(lowPower, (Echoes{{1.0, 100.0}, {22.9, 200.0}, {40.0, 300.0}}));
 }
 
-TEST(ChannelMerge, NotANumberMatchesNothing) {
+TEST(ChannelMerge, NaNMatchesNoEcho) {
   double const nan = std::numeric_limits<double>::quiet_NaN();
   EXPECT_EQ(merged({{nan, 500.0}}, {{10.0, 300.0}}).first.size(), 1U);
   EXPECT_EQ(merged({{10.0, 500.0}}, {{10.0, nan}}).first.size(), 1U);
   EXPECT_EQ(merged({{10.0, 500.0}}, {{10.0, nan}}).second.size(), 1U);
 }
 
-TEST(ChannelMerge, ReachFollowsTheSamplingInterval) {
-  std::list<Peak> normal = listOf({{0.0, 500.0}});
+TEST(ChannelMerge, DistanceIsInSamplingIntervals) {
+  std::list<Peak> highPower = listOf({{0.0, 500.0}});
   std::list<Peak> lowPower = listOf({{1.5, 300.0}});
-  mergeChannels(normal, lowPower, 0.5);
-  EXPECT_EQ(normal.size(), 1U);
-  mergeChannels(normal, lowPower, 0.51);
-  EXPECT_EQ(normal.size(), 0U);
+  mergeChannels(highPower, lowPower, 0.5);
+  EXPECT_EQ(highPower.size(), 1U);
+  mergeChannels(highPower, lowPower, 0.51);
+  EXPECT_EQ(highPower.size(), 0U);
 }
 
-TEST(ChannelMerge, WithoutIntervalNothingIsTheSame) {
-  std::list<Peak> normal = listOf({{1.0, 500.0}});
+TEST(ChannelMerge, SamplingIntervalOfZeroMergesNoEchoes) {
+  std::list<Peak> highPower = listOf({{1.0, 500.0}});
   std::list<Peak> lowPower = listOf({{1.0, 300.0}});
-  mergeChannels(normal, lowPower, 0.0);
-  EXPECT_EQ(normal.size(), 1U);
+  mergeChannels(highPower, lowPower, 0.0);
+  EXPECT_EQ(highPower.size(), 1U);
   EXPECT_EQ(lowPower.size(), 1U);
 }
 

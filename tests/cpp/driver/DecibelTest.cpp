@@ -28,12 +28,12 @@ TEST(Decibel, BelowTheLimitIsExactlyZero) {
   EXPECT_EQ(toDecibel(-10.0, 1.0), 0.0F);
 }
 
-TEST(Decibel, DefaultUnitTakesAHundredCountsToZero) {
+TEST(Decibel, HundredCountsAreZeroInTheDefaultUnit) {
   EXPECT_EQ(toDecibel(100.0, 0.009999999776482582), 0.0F);
   EXPECT_GT(toDecibel(101.0, 0.009999999776482582), 0.0F);
 }
 
-TEST(Decibel, NotANumberStays) {
+TEST(Decibel, NaNGivesNaN) {
   EXPECT_TRUE(std::isnan(toDecibel(std::numeric_limits<double>::quiet_NaN(), 1.0)));
 }
 

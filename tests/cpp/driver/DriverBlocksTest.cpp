@@ -16,7 +16,7 @@ namespace {
 
 using namespace Testing;
 
-/// Sixty shots of two channels, with one to three echoes of changing height, width and place.
+/// Sixty shots of two channels, with one to three echoes of different amplitude, width and position.
 std::vector<Row> manyRows() {
   std::vector<Row> rows;
   for (int i = 0; i < 120; ++i) {
@@ -37,7 +37,7 @@ std::vector<Row> manyRows() {
 
 class DriverBlocks : public testing::TestWithParam<FWFModus> {};
 
-/// Every echo of the rows in blocks of some rows each, as one text.
+/// Reports of all waveforms, extracted in blocks of `rowsPerBlock` rows.
 std::string textOf(FWFModus modus, std::vector<Row> const& rows, std::size_t rowsPerBlock) {
   TemporaryDirectory const directory;
   Driver driver(modus, scannerOf(), directory.path(), "scan01.rxp", 100U);
@@ -54,7 +54,7 @@ std::string textOf(FWFModus modus, std::vector<Row> const& rows, std::size_t row
   return text;
 }
 
-TEST_P(DriverBlocks, SizeOfTheBlocksDoesNotMatter) {
+TEST_P(DriverBlocks, ResultIsEqualForAllBlockSizes) {
   std::vector<Row> const rows = manyRows();
   std::string const whole = textOf(GetParam(), rows, rows.size());
   EXPECT_GT(whole.size(), 10000U);
@@ -63,10 +63,10 @@ TEST_P(DriverBlocks, SizeOfTheBlocksDoesNotMatter) {
   }
 }
 
-TEST_P(DriverBlocks, OrderOfTheShotsDoesNotMatter) {
+TEST_P(DriverBlocks, ResultIsEqualForAnyOrderOfShots) {
   std::vector<Row> rows = manyRows();
   std::string const ascending = textOf(GetParam(), rows, rows.size());
-  // Whole shots change places; within one the rows stay in their order.
+  // Reverses the shots; the rows of a shot keep their order.
   for (std::size_t i = 0; i + 2 < rows.size() - i - 2; i += 2) {
     std::swap_ranges(rows.begin() + static_cast<std::ptrdiff_t>(i),
                      rows.begin() + static_cast<std::ptrdiff_t>(i + 2),

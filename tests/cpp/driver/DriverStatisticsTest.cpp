@@ -43,9 +43,10 @@ std::vector<Row> tenRows(int low) {
   return rows;
 }
 
-std::string recordOfTen(std::string const& none, std::string const& one, std::string const& low,
-                        std::string const& duplicates) {
-  std::string text = "NumberOfWaves: 10Splitted FWFs: 0 count: " + none + "\nSplitted FWFs: 1 count: " + one;
+std::string recordOfTen(std::string const& zeroSegments, std::string const& oneSegment,
+                        std::string const& low, std::string const& duplicates) {
+  std::string text =
+      "NumberOfWaves: 10Splitted FWFs: 0 count: " + zeroSegments + "\nSplitted FWFs: 1 count: " + oneSegment;
   for (char index = '2'; index <= '9'; ++index) {
     text += std::string("\nSplitted FWFs: ") + index + " count: 0";
   }
@@ -76,7 +77,7 @@ TEST_F(DriverStatistics, HalfOfTheBlockBelowTheThresholdWritesARecord) {
   EXPECT_EQ(warning(), recordOfTen("5", "5", "5 -> 50", "0 -> 0"));
 }
 
-TEST_F(DriverStatistics, FourOfTenBelowNoiseWriteNone) {
+TEST_F(DriverStatistics, LessThanHalfBelowTheThresholdWritesNoRecord) {
   blockOf(tenRows(4)).run(driver);
   EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
 }

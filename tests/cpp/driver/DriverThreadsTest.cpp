@@ -22,7 +22,7 @@ using namespace Testing;
 
 constexpr int threads = 4;
 
-/// Fifty shots with two channels each; the second channel is below the noise in every fifth.
+/// Fifty shots with two channels each; the second channel of every fifth is below the threshold.
 Block manyShots() {
   std::vector<Row> rows;
   for (int i = 0; i < 50; ++i) {
@@ -34,7 +34,7 @@ Block manyShots() {
   return blockOf(rows);
 }
 
-/// Every echo of a map with its shot, as one text.
+/// Report of every waveform of a map with its shot time.
 std::string textOf(ShotMap const& shots) {
   std::string text;
   for (auto const& [time, shot] : shots) {
@@ -45,7 +45,7 @@ std::string textOf(ShotMap const& shots) {
   return text;
 }
 
-TEST(DriverThreads, EveryThreadWithItsDriverGetsTheSameResult) {
+TEST(DriverThreads, OneDriverPerThreadGivesEqualResults) {
   TemporaryDirectory const directory;
   ScannerDevice const scanner = scannerOf();
   Block const block = manyShots();
@@ -62,7 +62,7 @@ TEST(DriverThreads, EveryThreadWithItsDriverGetsTheSameResult) {
   EXPECT_EQ(different, 0);
 }
 
-TEST(DriverThreads, DriversAreBuiltAndGoOnManyThreads) {
+TEST(DriverThreads, DriversAreBuiltAndDestroyedOnManyThreads) {
   ScannerDevice const scanner = scannerOf();
   std::size_t const before = Holdex::ChunkBase::memoryTotal();
   onThreads(threads, [&](int number) {
@@ -108,7 +108,7 @@ TEST(DriverThreads, WaveformsAreSharedAndReleasedAcrossThreads) {
   EXPECT_EQ(first->record().strongCount(), 1U);
 }
 
-TEST(DriverThreads, MessagesOfAllDriversArriveWhole) {
+TEST(DriverThreads, MessagesOfDriversAreNotInterleaved) {
   ConsoleCapture const capture;
   TemporaryDirectory const directory;
   ScannerDevice const scanner = scannerOf();
@@ -125,7 +125,7 @@ TEST(DriverThreads, MessagesOfAllDriversArriveWhole) {
   }
 }
 
-TEST(DriverThreads, ASinkThatThrowsChangesNoResultAndIsCalledAgain) {
+TEST(DriverThreads, ThrowingSinkDoesNotChangeTheResult) {
   TemporaryDirectory const directory;
   ScannerDevice const scanner = scannerOf();
   Block block = manyShots();
@@ -141,7 +141,7 @@ TEST(DriverThreads, ASinkThatThrowsChangesNoResultAndIsCalledAgain) {
   int calls = 0;  // the console passes one message at a time
   Holdex::Console::Sink former = Holdex::Console::setSink([&calls](std::string const&) {
     ++calls;
-    throw std::runtime_error("nobody listens");
+    throw std::runtime_error("no listener");
   });
   std::atomic<int> different{0};
   onThreads(threads, [&](int) {

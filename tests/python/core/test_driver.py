@@ -1,4 +1,4 @@
-"""Echoes, analysis values, shots and channels of records worked out by hand."""
+"""Echoes, analysis values, shots and channels of waveforms worked out by hand."""
 
 from __future__ import annotations
 
@@ -35,8 +35,8 @@ def test_triples_give_their_gaussians() -> None:
     assert result.segments["end"].tolist() == [12, 32]
 
 
-def test_top_between_two_equal_samples() -> None:
-    # ln 40, ln 80, ln 80: c1 = 3/2 ln 2, c2 = -1/2 ln 2, so the top lies 1.5 samples behind the
+def test_maximum_between_two_equal_samples() -> None:
+    # ln 40, ln 80, ln 80: c1 = 3/2 ln 2, c2 = -1/2 ln 2, so the maximum is 1.5 samples after the
     # first one and is 40 * 2**(9/8) high.
     samples = np.zeros((1, 30), np.uint16)
     samples[0, 14:18] = 40, 80, 80, 40
@@ -47,7 +47,7 @@ def test_top_between_two_equal_samples() -> None:
 
 
 def test_every_value_of_the_analysis() -> None:
-    """Record 5, 50, 60, 5, 5 above a noise of 10."""
+    """Waveform 5, 50, 60, 5, 5 with a threshold of 10."""
     made = driver(after_pulse=AfterPulse(offset=5, width=2), t_ref=INTERVAL * 8)
     result = made.apply(
         WORKED, shot_times=[7.5], sbl_times=[INTERVAL * 40], channel_flags=[0], threshold=10
@@ -71,7 +71,7 @@ def test_every_value_of_the_analysis() -> None:
         "globalEnd": [3],
         "lengthCropped": [3],
         "afterPulseFrom": [5.0],  # 2 + 5 - 2
-        "afterPulseTo": [100009.0],  # 2 + 5 + 2, and all behind it
+        "afterPulseTo": [100009.0],  # 2 + 5 + 2, and everything later
         "segmentCount": [1],
         "peakCount": [1],
     }
@@ -89,7 +89,7 @@ def test_every_value_of_the_analysis() -> None:
     assert (peaks["row"].tolist(), peaks["waveform"].tolist()) == ([0], [0])
 
 
-def test_kinds_of_the_columns() -> None:
+def test_types_of_the_columns() -> None:
     result = driver().apply(WORKED, threshold=10)
     assert result.waveforms["isLowPower"].dtype == np.bool_
     assert result.waveforms["online"].dtype == np.bool_
@@ -101,7 +101,7 @@ def test_kinds_of_the_columns() -> None:
     assert (result.peaks.rows, len(result.peaks)) == (1, 11)
 
 
-def test_window_of_the_after_pulse_that_wraps() -> None:
+def test_after_pulse_window_that_wraps() -> None:
     switched_off = driver().apply(WORKED, threshold=10).waveforms
     # 2 - 2**31 as an unsigned 32-bit number
     assert switched_off["afterPulseFrom"].tolist() == [2147483650.0]
@@ -124,7 +124,7 @@ def test_decibels_of_echo_and_waveform(unit: float, decibel: float) -> None:
     np.testing.assert_allclose(result.waveforms["maxAmplitudeDB"], [decibel], rtol=1e-3, atol=1e-7)
 
 
-def test_shots_ascend_and_keep_their_order_of_arrival() -> None:
+def test_shots_ascend_and_waveforms_keep_their_order_of_arrival() -> None:
     samples = np.array([record({10 + row: 40 + 2 * row}) for row in range(5)])
     result = driver().apply(samples, shot_times=[9.0, -1.0, 4.0, 9.0, 4.0], threshold=10)
     assert result.waveforms["row"].tolist() == [1, 2, 4, 0, 3]
@@ -134,7 +134,7 @@ def test_shots_ascend_and_keep_their_order_of_arrival() -> None:
     assert result.peaks["idx"].tolist() == [11.0, 12.0, 14.0, 10.0, 13.0]
 
 
-def test_what_became_of_each_row() -> None:
+def test_state_of_each_row() -> None:
     samples = np.array(
         [
             record({10: 80}),
@@ -165,8 +165,8 @@ def test_what_became_of_each_row() -> None:
     }
 
 
-def test_only_every_third_sample_tells_a_duplicate() -> None:
-    # The triples stand on 9 to 11 and 12 to 14: indices 9 and 12 hold equal values.
+def test_duplicates_are_found_by_every_third_sample() -> None:
+    # The triples are at 9 to 11 and 12 to 14: indices 9 and 12 hold equal values.
     samples = np.array([record({10: 80}), record({13: 80}), record({14: 80})])
     result = driver().apply(samples, shot_times=[1.0, 1.0, 1.0], threshold=10)
     # Sums 40, 40 and 40: index 15 is the last sample of the third triple.
@@ -179,7 +179,7 @@ def test_only_every_third_sample_tells_a_duplicate() -> None:
 
 
 def test_channels_of_a_shot_are_merged() -> None:
-    """Of one echo in both channels the low-power copy stays, unless it is saturated there."""
+    """Of an echo in both channels the low-power copy is kept unless it is saturated."""
     high = record({8: 80, 20: 250, 30: 500, 50: 60})
     low = record({10: 640, 23: 2000, 31: 4000, 40: 3200})
     made = Driver(0, scanner())
@@ -187,8 +187,8 @@ def test_channels_of_a_shot_are_merged() -> None:
         np.array([high, low]), shot_times=[1.0, 1.0], channel_flags=[0, 1], threshold=10
     )
     kept = list(zip(result.peaks["row"].tolist(), result.peaks["idx"].tolist(), strict=True))
-    # 8 gives way to 10; 20 and 23 are three intervals apart, not less; 31 is above 3000 counts and
-    # gives way to 30; 40 has no partner.
+    # 8 is removed in favour of 10; 20 and 23 are three intervals apart, not less; 31 is above 3000
+    # counts and removed in favour of 30; 40 has no counterpart.
     assert kept == [(0, 20.0), (0, 30.0), (0, 50.0), (1, 10.0), (1, 23.0), (1, 40.0)]
     np.testing.assert_allclose(
         result.peaks["amplitudeCounts"], [250, 500, 60, 640, 2000, 3200], rtol=1e-5
@@ -212,7 +212,7 @@ def test_flags_other_than_zero_are_one_group() -> None:
     assert other_shots.peaks["row"].tolist() == [0, 1]
 
 
-def test_defaults_are_full_rows_own_shots_and_low_power() -> None:
+def test_default_is_full_rows_one_shot_per_row_and_low_power() -> None:
     samples = np.array([record({10: 80}), record({10: 80})])
     waveforms = driver().apply(samples, threshold=10).waveforms
     assert waveforms["length"].tolist() == [60, 60]
@@ -232,10 +232,10 @@ def test_threshold_is_estimated(options: dict[str, Any]) -> None:
     assert _core.estimate_noise(samples[0]) == 20
 
 
-def test_record_above_800_counts_loses_its_echoes_to_an_unknown_type() -> None:
+def test_unknown_scanner_type_marks_echoes_of_strong_waveforms() -> None:
     samples = np.array([record({10: 60, 20: 800, 30: 90}), record({10: 60, 20: 798, 30: 90})])
     untouched = Driver(0, scanner(after_pulse=None)).apply(samples, threshold=10)
-    # 20 and all behind it are marked where the strongest sample reaches 800.
+    # 20 and all later echoes are marked if the strongest sample reaches 800.
     assert untouched.peaks["row"].tolist() == [0, 1, 1, 1]
     assert untouched.peaks["idx"].tolist() == [10.0, 10.0, 20.0, 30.0]
     switched_off = Driver(0, scanner(after_pulse=NO_AFTER_PULSE)).apply(samples, threshold=10)

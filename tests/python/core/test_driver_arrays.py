@@ -99,7 +99,7 @@ def test_columns_of_a_wider_table_serve_as_arguments() -> None:
 
 
 def test_rows_that_do_not_follow_each_other_are_not_copied() -> None:
-    """A copy of so many rows would not fit into memory; almost all of them are said to be empty."""
+    """A copy of so many rows would not fit into memory; almost all have a count of 0."""
     counts = np.zeros(HUGE[0], np.uint16)
     counts[-1] = 60
     row = np.zeros(HUGE[1], np.uint16)
@@ -109,7 +109,7 @@ def test_rows_that_do_not_follow_each_other_are_not_copied() -> None:
 
 
 def test_rows_that_follow_each_other_are_not_copied() -> None:
-    """Address space without memory behind it, but for the last row; a copy would not fit."""
+    """Address space without memory except for the last row; a copy would not fit."""
     flags = mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS | MAP_NORESERVE
     memory = mmap.mmap(-1, 2 * HUGE[0] * HUGE[1], flags=flags)
     samples = np.frombuffer(memory, np.uint16).reshape(HUGE)
@@ -150,13 +150,13 @@ def test_block_without_columns() -> None:
 
 @pytest.mark.parametrize("threshold", [10, 0, "estimate"])
 def test_records_of_no_one_and_two_samples(threshold: Threshold) -> None:
-    # The first and the last sample are never the strongest: nothing is above the threshold.
+    # The first and last samples do not count as maximum: the signal is too low.
     samples = np.full((3, 60), 500, np.uint16)
     result = driver().apply(samples, [0, 1, 2], threshold=threshold)
     assert result.row_states.tolist() == [RowState.SIGNAL_TOO_LOW] * 3
 
 
-def test_samples_behind_the_count_are_not_met() -> None:
+def test_samples_after_the_count_are_not_used() -> None:
     samples = np.array([record({10: 80, 30: 90})])
     result = driver().apply(samples, [20], threshold=10)
     assert result.peaks["idx"].tolist() == [10.0]
@@ -170,7 +170,7 @@ def test_largest_samples_and_longest_rows() -> None:
     samples[0, 100] = 65_535
     result = driver().apply(samples, threshold=10)
     assert result.waveforms["maxAmplitude"].tolist() == [65_535]
-    # The lone 65535 is an echo beyond 4096 counts, which none can be.
+    # The single 65535 would be an echo above 4096 counts, which is removed.
     assert result.peaks["idx"].tolist() == [65_531.0]
 
 
@@ -248,12 +248,12 @@ REFUSED: dict[str, tuple[dict[str, Any], str]] = {
 
 
 @pytest.mark.parametrize("name", REFUSED)
-def test_what_does_not_fit_is_refused_in_a_sentence(name: str) -> None:
-    options, sentence = REFUSED[name]
+def test_invalid_argument_is_named_in_the_error(name: str) -> None:
+    options, message = REFUSED[name]
     made = driver()
     with pytest.raises(ValueError, match=r"\w") as caught:
         made.apply(**{"samples": ROWS, "threshold": 10, **options})
-    assert sentence in str(caught.value)
+    assert message in str(caught.value)
     assert made.apply(ROWS, threshold=10).peaks.rows == 12
 
 

@@ -1,4 +1,4 @@
-"""Drivers and Python threads: the interpreter goes on, one driver serves one call at a time."""
+"""Drivers and Python threads: the interpreter is released, calls of one driver are serialised."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ from fullwaveform import Driver, Result
 
 from ..support.records import Samples, record, scanner
 
-# A named pipe in place of the report keeps the library inside `apply` for as long as is wanted.
+# A named pipe in place of the report file keeps the library inside `apply` until it is read.
 PIPE = """
 import contextlib, os, tempfile, threading, time
 import numpy as np
@@ -35,7 +35,7 @@ good[0, 10:13] = 40, 80, 40
 first = threading.Thread(target=extract, args=("first", low))
 second = threading.Thread(target=extract, args=("second", good))
 """
-INTERPRETER_GOES_ON = """
+INTERPRETER_IS_RELEASED = """
 first.start()  # its report can be opened only when somebody reads it
 with open(pipe) as report:
     print(report.read().startswith("NumberOfWaves: 4"))
@@ -52,7 +52,7 @@ def users_of_the_pipe():
     return sum(os.path.exists(handle) and os.path.samefile(handle, pipe) for handle in handles)
 
 first.start()
-while users_of_the_pipe() < 2:  # the library has opened its report and waits for room in the pipe
+while users_of_the_pipe() < 2:  # the library has opened its report and blocks on the full pipe
     time.sleep(0.01)
 second.start()
 time.sleep(0.5)
@@ -71,7 +71,7 @@ os.rmdir(folder)
 
 
 def run(script: str) -> str:
-    """Output of a program; a program that hangs fails the test."""
+    """Output of a program; a timeout fails the test."""
     done = subprocess.run(
         [sys.executable, "-c", script], check=True, capture_output=True, text=True, timeout=60
     )
@@ -79,14 +79,14 @@ def run(script: str) -> str:
 
 
 def blocks(count: int) -> list[Samples]:
-    """Blocks of 500 records with two echoes each, all different."""
-    chance = np.random.default_rng(4)
+    """Blocks of 500 different waveforms with two echoes each."""
+    rng = np.random.default_rng(4)
     return [
         np.array(
             [
                 record({int(first): int(height), 45: 60})
                 for first, height in zip(
-                    chance.integers(5, 38, 500), 2 * chance.integers(20, 300, 500), strict=True
+                    rng.integers(5, 38, 500), 2 * rng.integers(20, 300, 500), strict=True
                 )
             ]
         )
@@ -99,7 +99,7 @@ def columns(result: Result) -> dict[str, list[float]]:
 
 
 def test_other_threads_run_while_the_library_works() -> None:
-    assert run(PIPE + INTERPRETER_GOES_ON + TIDY) == "True\n"
+    assert run(PIPE + INTERPRETER_IS_RELEASED + TIDY) == "True\n"
 
 
 def test_second_thread_waits_for_the_first() -> None:

@@ -65,7 +65,7 @@ def strongest(result: Result, rows: int) -> FloatArray:
 
 
 # Scatter over the sub-sample phases, standard deviation in samples. Three samples see a skewed
-# pulse at different places of its flanks; a deconvolved echo stands on a grid of a fifth of a
+# pulse at different places of its flanks; a deconvolved position is on a grid of a fifth of a
 # sample. In the normal channel the decomposition makes one Gaussian of it, in the other it adds a
 # second.
 @pytest.mark.parametrize(
@@ -91,7 +91,7 @@ def test_single_echoes_are_placed_evenly_at_every_phase(mode: Mode, channel: int
 
 
 def test_deconvolution_parts_echoes_that_the_record_merges() -> None:
-    """Two pulses 3.2 samples apart make one maximum in the record; deconvolved there are both."""
+    """Two pulses 3.2 samples apart are one maximum; the deconvolution separates them."""
     begins = np.linspace(20, 50, 31)[:, np.newaxis] + np.array([0.0, 3.2])
 
     def extract(mode: Mode, pulses: int) -> Result:
@@ -99,7 +99,7 @@ def test_deconvolution_parts_echoes_that_the_record_merges() -> None:
         return Driver(mode, scanner(), longest_waveform=WIDTH).apply(samples, threshold=BASELINE)
 
     merged = extract(Mode.THREE_POINT, 2).peaks
-    strong = merged["row"][merged["amplitudeCounts"] > 200]  # not the bump behind the pulses
+    strong = merged["row"][merged["amplitudeCounts"] > 200]  # not the bump after the pulses
     assert strong.tolist() == list(range(len(begins)))
     single = extract(Mode.DECONVOLUTION, 1)
     offset = np.median(strongest(single, len(begins)) - begins[:, 0])
@@ -111,9 +111,9 @@ def test_deconvolution_parts_echoes_that_the_record_merges() -> None:
 
 @pytest.mark.parametrize("mode", list(Mode))
 def test_drivers_in_threads_give_what_one_driver_gives(mode: Mode) -> None:
-    chance = np.random.default_rng(5)
-    begins = chance.uniform(5, 70, (400, 3))
-    samples = scene(begins, chance.uniform(50, 900, (400, 3)))
+    rng = np.random.default_rng(5)
+    begins = rng.uniform(5, 70, (400, 3))
+    samples = scene(begins, rng.uniform(50, 900, (400, 3)))
 
     def extract(rows: slice) -> Result:
         driver = Driver(mode, scanner(), longest_waveform=WIDTH)
@@ -148,7 +148,7 @@ def test_a_waveform_longer_than_planned_is_refused() -> None:
         {"a_real": [1.0], "a_imag": [0.0], "b_real": [5e20], "b_imag": [0.0]},
     ],
 )
-def test_a_system_wave_that_is_no_pulse_is_refused(wave: dict[str, list[float]]) -> None:
+def test_unusable_system_wave_is_refused(wave: dict[str, list[float]]) -> None:
     attributes = {**DEFAULT_ATTRIBUTES, **wave, "WaveformSampleInterval": INTERVAL}
     with pytest.raises(ValueError, match="maximum of its 12 samples at 1 ns is"):
         Driver(2, Scanner.from_attributes(attributes))

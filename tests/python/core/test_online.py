@@ -30,13 +30,13 @@ def test_echoes_are_ordered_by_shot_and_travel_time() -> None:
     assert table["isLowPower"].tolist() == [True, True, True]
 
 
-def test_amplitudes_and_flags_may_be_left_out() -> None:
+def test_amplitudes_and_flags_are_optional() -> None:
     table = evaluate_online(SCANNER, [1.0], [10.0])
     assert table["amplitude"].tolist() == [0.0]
     assert table["isLowPower"].tolist() == [True]
 
 
-def test_no_echoes_give_an_empty_table() -> None:
+def test_empty_arrays_give_an_empty_table() -> None:
     assert evaluate_online(SCANNER, np.zeros(0), np.zeros(0)).rows == 0
 
 
@@ -49,7 +49,7 @@ def test_no_echoes_give_an_empty_table() -> None:
         ({"channel_flags": [0, 256]}, "channel_flags: 256 of waveform 1"),
     ],
 )
-def test_what_does_not_fit_is_named(arguments: dict[str, object], words: str) -> None:
+def test_invalid_argument_is_named_in_the_error(arguments: dict[str, object], words: str) -> None:
     given = {"shot_times": [1.0, 2.0], "ranges": [1.0, 2.0]} | arguments
     with pytest.raises(ValueError, match=words):
         evaluate_online(SCANNER, **given)  # type: ignore[arg-type]
