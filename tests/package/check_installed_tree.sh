@@ -47,7 +47,7 @@ use_pkg_config() {
   check_program "pkg-config" "$scratch/three_point"
 
   "$here/write_code_blocks.sh" "$here/../../docs/embedding.md" "$scratch"
-  g++ -std=c++20 -Wall -Wextra -Werror "$scratch/application.cpp" "${flags[@]}" -Wl,-rpath,"$libraries" \
+  g++ -std=c++20 -Wall -Wextra -Wshadow -Werror "$scratch/application.cpp" "${flags[@]}" -Wl,-rpath,"$libraries" \
     -o "$scratch/application"
   local printed
   printed=$(cd -- "$scratch" && ./application)
@@ -71,7 +71,7 @@ check_symbols() {
   printf '%d exported names: passed\n' "$(wc -l <<<"$exported")"
 }
 
-# Every header must compile alone, also with, and FullWaveform.h must include all of them.
+# Every header must compile alone, also with -Wshadow, and FullWaveform.h must include all of them.
 check_headers() {
   local -a headers
   local reached header
@@ -81,7 +81,7 @@ check_headers() {
     printf '#include <%s>\n' "$header" >"$scratch/alone/${header//\//_}.cpp"
   done
   find "$scratch/alone" -name '*.cpp' -print0 | xargs -0 -n 8 -P "$(nproc)" \
-    g++ -std=c++20 -fsyntax-only -Wall -Wextra -Werror -I"$prefix/include" || fail "a header does not compile alone"
+    g++ -std=c++20 -fsyntax-only -Wall -Wextra -Wshadow -Werror -I"$prefix/include" || fail "a header does not compile alone"
   reached=$(g++ -std=c++20 -M -I"$prefix/include" "$scratch/alone/fullwaveform_FullWaveform.h.cpp")
   for header in "${headers[@]}"; do
     grep -qF "$header" <<<"$reached" || fail "FullWaveform.h does not include $header"
@@ -95,4 +95,4 @@ use_cmake_package
 use_pkg_config
 check_symbols
 check_headers
-#"$here/check_host_interface.sh"
+"$here/check_host_interface.sh"

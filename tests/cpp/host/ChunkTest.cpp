@@ -23,7 +23,7 @@ TEST(Chunk, ElementsStartAtZeroOrEmpty) {
   EXPECT_EQ(table[0], std::complex<double>(0.0, 0.0));
 }
 
-TEST(Chunk, TakesTheValuesGiven) {
+TEST(Chunk, KeepsTheGivenValues) {
   Chunk<float> chunk(std::vector<float>{1.5F, 2.5F});
   EXPECT_FALSE(chunk.empty());
   EXPECT_EQ(chunk.data()[1], 2.5F);
@@ -37,7 +37,7 @@ TEST(Chunk, WithoutElementsIsEmpty) {
   EXPECT_TRUE(Chunk<double>(std::vector<double>{}).empty());
 }
 
-TEST(Chunk, MemoryTotalCountsTheBytesOfLivingChunks) {
+TEST(Chunk, MemoryTotalCountsTheBytesOfExistingChunks) {
   std::size_t const before = ChunkBase::memoryTotal();
   {
     Chunk<double> const ten(std::size_t{10});
@@ -50,7 +50,7 @@ TEST(Chunk, MemoryTotalCountsTheBytesOfLivingChunks) {
   EXPECT_EQ(ChunkBase::memoryTotal(), before);
 }
 
-TEST(Chunk, MemoryTotalGoesBackWithTheLastPointer) {
+TEST(Chunk, LastPointerReleasesItsPartOfTheMemoryTotal) {
   std::size_t const before = ChunkBase::memoryTotal();
   StrongPtr<ChunkBase> first = makeStrong<Chunk<double>>(std::size_t{4});
   StrongPtr<ChunkBase> second = first;

@@ -32,7 +32,7 @@ TEST(Console, MessagesKeepTheirOrder) {
   EXPECT_EQ(capture.messages(), (Messages{"first", "second"}));
 }
 
-TEST(Console, NothingWrittenIsNoMessage) {
+TEST(Console, EmptyTextSendsNoMessage) {
   ConsoleCapture const capture;
   {
     Console const silent;
@@ -40,7 +40,7 @@ TEST(Console, NothingWrittenIsNoMessage) {
   EXPECT_EQ(capture.messages(), Messages{});
 }
 
-TEST(Console, WithoutSinkAMessageIsALineOnStandardError) {
+TEST(Console, WithoutSinkAMessageIsWrittenToStandardError) {
   Console::Sink former = Console::setSink({});
   testing::internal::CaptureStderr();
   Console() << "to the operator";
@@ -48,7 +48,7 @@ TEST(Console, WithoutSinkAMessageIsALineOnStandardError) {
   Console::setSink(std::move(former));
 }
 
-TEST(Console, WhatASinkWritesGoesToStandardError) {
+TEST(Console, MessageOfASinkIsWrittenToStandardError) {
   Console::Sink former = Console::setSink([](std::string const& message) { Console() << "of " << message; });
   testing::internal::CaptureStderr();
   Console() << "one";
@@ -68,7 +68,7 @@ TEST(Console, ASinkMayReplaceItself) {
   Console::setSink(std::move(former));
 }
 
-TEST(Console, SetSinkReturnsTheOneBefore) {
+TEST(Console, SetSinkReturnsThePreviousSink) {
   std::string heard;
   Console::Sink outer = Console::setSink([&](std::string const& message) { heard = "one " + message; });
   Console::Sink const first = Console::setSink([&](std::string const& message) { heard = "two " + message; });
@@ -80,7 +80,7 @@ TEST(Console, SetSinkReturnsTheOneBefore) {
   Console::setSink(std::move(outer));
 }
 
-TEST(Console, SinkThatThrowsDoesNotDisturbTheSpeaker) {
+TEST(Console, ExceptionOfTheSinkIsIgnored) {
   Console::Sink former = Console::setSink([](std::string const&) { throw std::runtime_error("disk full"); });
   EXPECT_NO_THROW(Console() << "lost");
   Console::setSink(std::move(former));

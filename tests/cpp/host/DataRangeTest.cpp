@@ -12,7 +12,7 @@ namespace {
 
 using Range = DataRange<double>;
 
-constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
+constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
 void expectRange(std::vector<double> const& values, double minimum, double maximum) {
@@ -21,7 +21,7 @@ void expectRange(std::vector<double> const& values, double minimum, double maxim
   EXPECT_EQ(range.maximum(), maximum);
 }
 
-TEST(DataRange, HoldsTheBoundsGiven) {
+TEST(DataRange, KeepsTheGivenBounds) {
   Range const range(-2.0, 7.5);
   EXPECT_EQ(range.minimum(), -2.0);
   EXPECT_EQ(range.maximum(), 7.5);
@@ -40,18 +40,18 @@ TEST(DataRange, WithoutValuesIsZeroToZero) {
   expectRange({}, 0.0, 0.0);
 }
 
-TEST(DataRange, NotANumberDoesNotCount) {
-  expectRange({notANumber, 2.0, notANumber, 1.0, notANumber}, 1.0, 2.0);
-  expectRange({notANumber, notANumber}, 0.0, 0.0);
+TEST(DataRange, NaNIsIgnored) {
+  expectRange({NaN, 2.0, NaN, 1.0, NaN}, 1.0, 2.0);
+  expectRange({NaN, NaN}, 0.0, 0.0);
 }
 
-TEST(DataRange, InfinitiesCount) {
+TEST(DataRange, InfinitiesAreIncluded) {
   expectRange({1.0, infinity}, 1.0, infinity);
   expectRange({-infinity, 1.0}, -infinity, 1.0);
   expectRange({infinity}, infinity, infinity);
 }
 
-TEST(DataRange, ExtremesOfALongSeriesAreFoundWhereverTheyLie) {
+TEST(DataRange, ExtremesOfALongSeriesAreFoundAtAnyPosition) {
   constexpr std::size_t count = 10007;
   for (std::size_t const position : {std::size_t{0}, std::size_t{1}, count / 2, count - 1}) {
     std::vector<double> values(count, 5.0);

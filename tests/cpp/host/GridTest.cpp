@@ -7,7 +7,7 @@
 namespace Kestra {
 namespace {
 
-TEST(Grid, UnknownRepresentationIsNotThere) {
+TEST(Grid, UnknownRepresentationIsNull) {
   Grid grid;
   EXPECT_EQ(grid.getCartesianRepresentation("StandardCartesianChart3D"), nullptr);
   grid.addCartesianRepresentation("Other");
@@ -15,7 +15,7 @@ TEST(Grid, UnknownRepresentationIsNotThere) {
   EXPECT_NE(grid.getCartesianRepresentation("Other"), nullptr);
 }
 
-TEST(Grid, AddedRepresentationIsTheOneFound) {
+TEST(Grid, AddedRepresentationIsFound) {
   Grid grid;
   grid.addCartesianRepresentation("chart").addField("Waveforms");
   grid.addCartesianRepresentation("chart").addField("SBL_Time");
@@ -25,7 +25,7 @@ TEST(Grid, AddedRepresentationIsTheOneFound) {
   EXPECT_EQ(chart->findFieldID("SBL_Time"), 1);
 }
 
-TEST(Representation, UnknownFieldIsNotThere) {
+TEST(Representation, UnknownFieldIsNull) {
   Representation const representation;
   EXPECT_EQ(representation.findFieldID("Waveforms"), -1);
   EXPECT_EQ(representation.findField("Waveforms"), nullptr);

@@ -38,7 +38,7 @@ TEST(HostThreads, IdentifiersAreUniqueAcrossThreads) {
   EXPECT_EQ(all.size(), static_cast<std::size_t>(threads * rounds));
 }
 
-TEST(HostThreads, CopiesOfOneStrongPointerCountRight) {
+TEST(HostThreads, CopiesOfOneStrongPointerAreCounted) {
   auto const shared = makeStrong<Chunk<double>>(std::vector<double>{3.0});
   std::atomic<int> wrong{0};
   onThreads(threads, [&](int) {
@@ -52,7 +52,7 @@ TEST(HostThreads, CopiesOfOneStrongPointerCountRight) {
   EXPECT_EQ(shared->record().strongCount(), 1U);
 }
 
-TEST(HostThreads, WriterSeesItsChunkDieWhereverTheLastPointerGoes) {
+TEST(HostThreads, LastPointerReleasesTheChunkOnAnyThread) {
   std::size_t const before = ChunkBase::memoryTotal();
   for (int round = 0; round < rounds / 10; ++round) {
     auto const chunk = makeStrong<Chunk<double>>(std::size_t{8});
@@ -66,7 +66,7 @@ TEST(HostThreads, WriterSeesItsChunkDieWhereverTheLastPointerGoes) {
   EXPECT_EQ(ChunkBase::memoryTotal(), before);
 }
 
-TEST(HostThreads, WeakPointersLockOrMissWhileTheObjectDies) {
+TEST(HostThreads, WeakPointersLockOrFailWhileTheObjectIsDestroyed) {
   ConsoleCapture const capture;
   for (int round = 0; round < 200; ++round) {
     auto strong = makeStrong<Chunk<double>>(std::vector<double>{7.0});
@@ -88,7 +88,7 @@ TEST(HostThreads, WeakPointersLockOrMissWhileTheObjectDies) {
   }
 }
 
-TEST(HostThreads, ChunkTotalReturnsToItsStart) {
+TEST(HostThreads, ChunkTotalReturnsToItsInitialValue) {
   std::size_t const before = ChunkBase::memoryTotal();
   onThreads(threads, [&](int number) {
     for (int i = 0; i < rounds; ++i) {
@@ -98,7 +98,7 @@ TEST(HostThreads, ChunkTotalReturnsToItsStart) {
   EXPECT_EQ(ChunkBase::memoryTotal(), before);
 }
 
-TEST(HostThreads, MessagesArriveWholeAndOnce) {
+TEST(HostThreads, MessagesArriveCompleteAndOnce) {
   ConsoleCapture const capture;
   onThreads(threads, [&](int number) {
     for (int i = 0; i < 100; ++i) {

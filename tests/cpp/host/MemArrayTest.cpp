@@ -27,7 +27,7 @@ TEST(MemArray, OwnerFillsMissingElementsWithZero) {
   EXPECT_EQ(Values(block.storage(), block.storage() + 4), (Values{7, 8, 9, 0}));
 }
 
-TEST(MemArray, ViewLooksAtForeignMemory) {
+TEST(MemArray, ViewRefersToMemoryOfTheCaller) {
   Values foreign{1, 2, 3, 4};
   Block const block({2, 2}, foreign.data());
   EXPECT_EQ(block.storage(), foreign.data());
@@ -35,7 +35,7 @@ TEST(MemArray, ViewLooksAtForeignMemory) {
   EXPECT_EQ(block.storage()[3], 44);
 }
 
-TEST(MemArray, AccessorGivesRowsWithoutStorage) {
+TEST(MemArray, AccessorProvidesRowsWithoutStorage) {
   std::vector<Values> const rows{{1, 2}, {3, 4}};
   Block const block({2, 2}, Block::RowAccessor([&](std::size_t row) { return rows[row].data(); }));
   EXPECT_TRUE(block.hasAccessor());

@@ -34,7 +34,7 @@ TEST(MultiArray, OwnerOutlivesItsSource) {
   EXPECT_EQ(valuesOf(array), oneTwoThree);
 }
 
-TEST(MultiArray, ViewLooksAtForeignMemory) {
+TEST(MultiArray, ViewRefersToMemoryOfTheCaller) {
   std::vector<double> foreign = oneTwoThree;
   Array const array{std::span<double const>(foreign)};
   foreign[1] = 22.0;
@@ -50,7 +50,7 @@ TEST(MultiArray, CopyOfAnOwnerOwnsItsOwnElements) {
   EXPECT_EQ(valuesOf(copy), oneTwoThree);
 }
 
-TEST(MultiArray, CopyOfAViewLooksAtTheSameMemory) {
+TEST(MultiArray, CopyOfAViewRefersToTheSameMemory) {
   std::vector<double> const foreign = oneTwoThree;
   auto original = std::make_unique<Array>(std::span<double const>(foreign));
   Array const copy = *original;

@@ -53,7 +53,7 @@ TEST(StrongPtr, LastPointerDeletesTheObject) {
   EXPECT_EQ(living, 0);
 }
 
-TEST(StrongPtr, MoveHandsTheReferenceOver) {
+TEST(StrongPtr, MoveTransfersTheReference) {
   int living = 0;
   StrongPtr<Counted> source = makeStrong<Counted>(living);
   StrongPtr<Counted> const target = std::move(source);
@@ -61,7 +61,7 @@ TEST(StrongPtr, MoveHandsTheReferenceOver) {
   EXPECT_EQ(target->record().strongCount(), 1U);
 }
 
-TEST(StrongPtr, AssignmentReleasesTheFormerObject) {
+TEST(StrongPtr, AssignmentReleasesThePreviousObject) {
   int livingA = 0;
   int livingB = 0;
   StrongPtr<Counted> pointer = makeStrong<Counted>(livingA);
@@ -87,7 +87,7 @@ TEST(StrongPtr, DerivedPointerConvertsToItsBase) {
   EXPECT_EQ(living, 0);
 }
 
-TEST(StrongPtr, EveryPointerHasItsOwnIdentifier) {
+TEST(StrongPtr, EveryPointerHasAUniqueIdentifier) {
   int living = 0;
   StrongPtr<Counted> const empty;
   StrongPtr<Counted> const otherEmpty;
@@ -104,7 +104,7 @@ TEST(StrongPtr, NewEmptyPointerTakesTheNextIdentifier) {
   EXPECT_EQ(empty.identifier(), before + 1);
 }
 
-TEST(StrongPtr, EmptiedPointerTakesAFreshIdentifier) {
+TEST(StrongPtr, EmptiedPointerTakesANewIdentifier) {
   int living = 0;
   StrongPtr<Counted> pointer = makeStrong<Counted>(living);
   std::uint64_t const before = PointerID::next();
@@ -112,7 +112,7 @@ TEST(StrongPtr, EmptiedPointerTakesAFreshIdentifier) {
   EXPECT_EQ(pointer.identifier(), before + 1);
 }
 
-TEST(StrongPtr, ObjectThatFailsToBuildLeavesNothingBehind) {
+TEST(StrongPtr, ExceptionOfTheConstructorIsPassedOnWithoutLeak) {
   class Failing : public ReferenceBase<Failing> {
    public:
     Failing() { throw std::length_error("no"); }
@@ -131,7 +131,7 @@ TEST(WeakPtr, DoesNotKeepTheObjectAlive) {
   EXPECT_FALSE(weak.isValid());
 }
 
-TEST(WeakPtr, LockSharesALivingObject) {
+TEST(WeakPtr, LockSharesAnExistingObject) {
   int living = 0;
   StrongPtr<Counted> strong = makeStrong<Counted>(living);
   WeakPtr<Counted> const weak = strong;
@@ -144,7 +144,7 @@ TEST(WeakPtr, LockSharesALivingObject) {
   EXPECT_EQ(living, 0);
 }
 
-TEST(WeakPtr, LockOfADeadObjectIsReportedAndEmpty) {
+TEST(WeakPtr, LockOfADestroyedObjectIsReportedAndEmpty) {
   ConsoleCapture const capture;
   int living = 0;
   WeakPtr<Counted> const weak = makeStrong<Counted>(living);
@@ -158,7 +158,7 @@ TEST(WeakPtr, LockOfAnEmptyPointerIsReportedToo) {
   EXPECT_EQ(capture.messages().size(), 1U);
 }
 
-TEST(WeakPtr, CopiesAndAssignmentsLookAtTheSameObject) {
+TEST(WeakPtr, CopiesAndAssignmentsReferToTheSameObject) {
   int living = 0;
   StrongPtr<Counted> strong = makeStrong<Counted>(living);
   WeakPtr<Counted> const weak = strong;
@@ -171,7 +171,7 @@ TEST(WeakPtr, CopiesAndAssignmentsLookAtTheSameObject) {
   EXPECT_FALSE(weak.isValid() || copy.isValid() || assigned.isValid());
 }
 
-TEST(StrongPtr, EmptiedByAssignmentItHasANewIdentifier) {
+TEST(StrongPtr, PointerEmptiedByAssignmentHasANewIdentifier) {
   StrongPtr<ChunkBase> pointer = makeStrong<Chunk<double>>(std::size_t{1});
   std::uint64_t const before = pointer.identifier();
   pointer = nullptr;
@@ -202,15 +202,15 @@ TEST(DynamicPtr, EmptyReferenceIsEmpty) {
   EXPECT_FALSE((DynamicPtr<Chunk<float>, ChunkBase>(StrongPtr<ChunkBase>())));
 }
 
-TEST(DynamicPtr, MovedFromItIsEmpty) {
+TEST(DynamicPtr, MovedFromPointerIsEmpty) {
   DynamicPtr<Chunk<float>, ChunkBase> first(makeStrong<Chunk<float>>(std::vector<float>{1.5F}));
   DynamicPtr<Chunk<float>, ChunkBase> const second = std::move(first);
-  EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): meant
+  EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): intentional
   EXPECT_FALSE(first.shared());
   EXPECT_EQ((*second)[0], 1.5F);
 }
 
-TEST(DynamicPtr, AssignedAndCopiedItSharesTheChunk) {
+TEST(DynamicPtr, CopiesAndAssignmentsShareTheChunk) {
   DynamicPtr<Chunk<float>, ChunkBase> const first(makeStrong<Chunk<float>>(std::vector<float>{1.5F}));
   DynamicPtr<Chunk<float>, ChunkBase> second;
   second = first;

@@ -49,7 +49,7 @@ TEST(ExtraAttributes, OnlyTheWholeExactTextIsKnown) {
   }
 }
 
-TEST(ExtraAttributes, TextThatGoesOnBehindAZeroByteIsUnknown) {
+TEST(ExtraAttributes, TextThatContinuesAfterAZeroByteIsUnknown) {
   ExtraAttributes attributes = strange;
   attributes.setExtraAttributes(std::string("VQ-880-G\0x", 10));
   expectValues(attributes, 1.25, 9, 77, 33);

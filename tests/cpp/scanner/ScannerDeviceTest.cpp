@@ -215,7 +215,7 @@ TEST(ScannerDevice, WithoutSampleIntervalKeepsAllDefaultsSilently) {
   EXPECT_EQ(capture.messages(), Messages{});
 }
 
-TEST(ScannerDevice, WithoutReferenceTimeStopsSilentlyBehindTheInterval) {
+TEST(ScannerDevice, WithoutReferenceTimeStopsSilentlyAfterTheInterval) {
   ConsoleCapture const capture;
   GridPtr const grid = waveformGrid();
   unset(grid->addCartesianRepresentation(Testing::chart).addField("SBL_Time").attributes(), "t_ref");
@@ -227,7 +227,7 @@ TEST(ScannerDevice, WithoutReferenceTimeStopsSilentlyBehindTheInterval) {
   EXPECT_EQ(capture.messages(), Messages{});
 }
 
-TEST(ScannerDevice, FieldAttributesAreLookedForInTheNamedChartOnly) {
+TEST(ScannerDevice, FieldAttributesAreReadFromTheNamedChartOnly) {
   auto const grid = Holdex::makeStrong<Kestra::Grid>();
   set(grid->attributes(), "WaveformSampleInterval", 1e-9);
   Kestra::Representation& other = grid->addCartesianRepresentation("StandardCartesianChart2D");
@@ -242,7 +242,7 @@ struct Missing {
 
 class MissingAttribute : public testing::TestWithParam<Missing> {};
 
-TEST_P(MissingAttribute, IsSaidOnceAndEndsTheReading) {
+TEST_P(MissingAttribute, IsReportedOnceAndStopsReading) {
   auto const& [name, step] = GetParam();
   ConsoleCapture const capture;
   GridPtr const grid = scannerGrid();
@@ -270,7 +270,7 @@ INSTANTIATE_TEST_SUITE_P(ScannerDevice, MissingAttribute,
                                          Missing{"reflectance_calculation_delta", 7}, Missing{"ampl_unit", 8},
                                          Missing{"reflectance_calculation_table", 9}));
 
-TEST(ScannerDevice, MissingBuildNumberIsSaidButCompletes) {
+TEST(ScannerDevice, MissingBuildNumberIsReportedButCompletes) {
   ConsoleCapture const capture;
   GridPtr const grid = scannerGrid();
   unset(grid->attributes(), "Scanner Build Number");
@@ -281,7 +281,7 @@ TEST(ScannerDevice, MissingBuildNumberIsSaidButCompletes) {
   EXPECT_EQ(capture.messages(), Messages{missing("Scanner Build Number")});
 }
 
-TEST(ScannerDevice, WithoutAnyAttributeOnlyTheFirstIsMissed) {
+TEST(ScannerDevice, WithoutAnyAttributeOnlyTheFirstIsReported) {
   ConsoleCapture const capture;
   ScannerDevice const scanner(*Holdex::makeStrong<Kestra::Grid>(), {});
   EXPECT_FALSE(scanner());
@@ -321,7 +321,7 @@ TEST(ScannerDevice, ChunkWithoutElementsCountsAsMissing) {
   expectMissingWith<float>("Wavelength[nm]", {});
 }
 
-TEST(ScannerDevice, FirstElementIsTaken) {
+TEST(ScannerDevice, FirstElementIsUsed) {
   GridPtr const grid = scannerGrid();
   grid->attributes().setAttribute("UnambiguousRange", chunkOf<double>({100.0, 200.0}));
   EXPECT_EQ(ScannerDevice(*grid, {}).unambiguous_range, 100.0);
@@ -335,7 +335,7 @@ TEST(ScannerDevice, EmptyReflectanceTableCompletes) {
   EXPECT_EQ(capture.messages(), Messages{});
 }
 
-TEST(ScannerDevice, LengthOfAmbiguityIsRangeOverGroupVelocity) {
+TEST(ScannerDevice, MTALengthIsRangeOverGroupVelocity) {
   ScannerDevice scanner;
   EXPECT_TRUE(std::isnan(scanner.getMTALengthAsTime()));
   scanner.unambiguous_range = 600.0;
@@ -344,7 +344,7 @@ TEST(ScannerDevice, LengthOfAmbiguityIsRangeOverGroupVelocity) {
   EXPECT_EQ(scanner.getMTALengthAsTime(), 2e-6);
 }
 
-TEST(ScannerDevice, EmptyPointersTakeFreshIdentifiers) {
+TEST(ScannerDevice, EmptyPointersTakeNewIdentifiers) {
   ScannerDevice const first;
   ScannerDevice const second;
   EXPECT_NE(first.expsum_a.identifier(), first.expsum_b.identifier());

@@ -13,7 +13,7 @@ bool contains(std::string const& text, std::string const& part) {
   return text.find(part) != std::string::npos;
 }
 
-std::string defaultReport(std::string const& notANumber) {
+std::string defaultReport(std::string const& NaN) {
   return "t_ref: 0 [ns]\n"
          "group_velocity: 0 [m/s]\n"
          "sampling_time: 0 [ns] or as bin-length / 2.0: 0[cm]\n"
@@ -26,7 +26,7 @@ std::string defaultReport(std::string const& notANumber) {
          "NoiseLevelForMTACalculation: 8.6 [dB]\n"
          "WindowEchoRange: 1 [m]\n"
          "getMTALengthAsTime: " +
-         notANumber +
+         NaN +
          "[m]\n"
          "bin_shift: 0 [-]\n"
          "AfterPulse: offset: 0 width: 0 [-]\n"
@@ -38,7 +38,7 @@ std::string defaultReport(std::string const& notANumber) {
          "no refl_tableC\n";
 }
 
-TEST(ScannerReport, OfAScannerNothingIsKnownOf) {
+TEST(ScannerReport, OfADefaultScanner) {
   std::string const report = ScannerDevice().speak();
   EXPECT_TRUE(report == defaultReport("nan") || report == defaultReport("-nan")) << report;
 }
@@ -92,13 +92,13 @@ TEST(ScannerReport, SystemWaveDependsOnTheCoefficientsOnly) {
   EXPECT_TRUE(contains(scanner.speak(), "\nNo system-wave! (Richardson&Lucy and Hybrid not possible) [-]\n"));
 }
 
-TEST(ScannerReport, EmptyReflectanceTableIsNone) {
+TEST(ScannerReport, EmptyReflectanceTableIsReportedAsMissing) {
   auto const grid = Testing::scannerGrid();
   grid->attributes().setAttribute("reflectance_calculation_table", Testing::chunkOf<float>({}));
   EXPECT_TRUE(contains(ScannerDevice(*grid, {}).speak(), "no refl_tableC\n"));
 }
 
-TEST(ScannerReport, NothingIsWrittenToTheConsole) {
+TEST(ScannerReport, DoesNotWriteToTheConsole) {
   Testing::ConsoleCapture const capture;
   EXPECT_FALSE(ScannerDevice().speak().empty());
   EXPECT_TRUE(capture.messages().empty());

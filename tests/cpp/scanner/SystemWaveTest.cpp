@@ -34,7 +34,7 @@ void expectNear(std::vector<double> const& values, std::vector<double> const& ex
   }
 }
 
-TEST(CreateNormalizedSysWave, HasTheLargestValueOne) {
+TEST(CreateNormalizedSysWave, MaximumIsOne) {
   Testing::ConsoleCapture const console;
   std::size_t const before = Holdex::ChunkBase::memoryTotal();
   auto const a = complexTable({4.0, Complex(1.0, 1.0)});
@@ -56,38 +56,38 @@ TEST(CreateNormalizedSysWave, LengthOneIsTheSumOfTheCoefficients) {
   EXPECT_EQ((*wave)[0], 1.0);
 }
 
-void expectRefused(ScannerDevice::ComplexTable const& a, ScannerDevice::ComplexTable const& b, double dt,
-                   unsigned int length, std::string const& message) {
+void expectRejected(ScannerDevice::ComplexTable const& a, ScannerDevice::ComplexTable const& b, double dt,
+                    unsigned int length, std::string const& message) {
   Testing::ConsoleCapture const console;
   EXPECT_FALSE(createNormalizedSysWave(a, b, dt, length, {}));
   EXPECT_EQ(console.messages(), (Messages{message, "Could not create system wave!"}));
 }
 
-TEST(CreateNormalizedSysWave, AStepThatIsNotAboveZeroIsRefused) {
+TEST(CreateNormalizedSysWave, NonPositiveOrNaNStepIsRejected) {
   auto const table = complexTable({1.0});
-  expectRefused(table, table, 0.0, 12, "dt <= 0");
-  expectRefused(table, table, -1e-9, 12, "dt <= 0");
-  expectRefused(table, table, std::numeric_limits<double>::quiet_NaN(), 12, "dt <= 0");
-  // The step is looked at first.
-  expectRefused({}, {}, 0.0, 12, "dt <= 0");
+  expectRejected(table, table, 0.0, 12, "dt <= 0");
+  expectRejected(table, table, -1e-9, 12, "dt <= 0");
+  expectRejected(table, table, std::numeric_limits<double>::quiet_NaN(), 12, "dt <= 0");
+  // The step is checked first.
+  expectRejected({}, {}, 0.0, 12, "dt <= 0");
 }
 
-TEST(CreateNormalizedSysWave, MissingTablesAreRefused) {
+TEST(CreateNormalizedSysWave, MissingTablesAreRejected) {
   auto const table = complexTable({1.0});
-  expectRefused({}, table, 1e-9, 12, "No expsum chunk");
-  expectRefused(table, {}, 1e-9, 12, "No expsum chunk");
+  expectRejected({}, table, 1e-9, 12, "No expsum chunk");
+  expectRejected(table, {}, 1e-9, 12, "No expsum chunk");
 }
 
-TEST(CreateNormalizedSysWave, TablesThatDoNotFitAreRefused) {
-  expectRefused(complexTable({1.0, 2.0}), complexTable({1.0}), 1e-9, 12,
-                "Expsum chunks of different lengths: 2 coefficients, 1 exponents");
-  expectRefused(complexTable({}), complexTable({1.0}), 1e-9, 12,
-                "Expsum chunks of different lengths: 0 coefficients, 1 exponents");
-  expectRefused(complexTable({}), complexTable({}), 1e-9, 12, "Expsum chunks without values");
+TEST(CreateNormalizedSysWave, EmptyTablesOrDifferentLengthsAreRejected) {
+  expectRejected(complexTable({1.0, 2.0}), complexTable({1.0}), 1e-9, 12,
+                 "Expsum chunks of different lengths: 2 coefficients, 1 exponents");
+  expectRejected(complexTable({}), complexTable({1.0}), 1e-9, 12,
+                 "Expsum chunks of different lengths: 0 coefficients, 1 exponents");
+  expectRejected(complexTable({}), complexTable({}), 1e-9, 12, "Expsum chunks without values");
 }
 
-TEST(CreateNormalizedSysWave, LengthZeroIsRefused) {
-  expectRefused(complexTable({1.0}), complexTable({-1e8}), 1e-9, 0, "System wave of length 0");
+TEST(CreateNormalizedSysWave, LengthZeroIsRejected) {
+  expectRejected(complexTable({1.0}), complexTable({-1e8}), 1e-9, 0, "System wave of length 0");
 }
 
 TEST(CreateNormalizedSysWave, EveryPointerReturnedHasANewIdentifier) {
@@ -118,7 +118,7 @@ TEST(CreateNormalizedSysWave, PlotsTheWave) {
   EXPECT_GT(Testing::DrawnPage(file).boxOf(Testing::firstCurve).count, 500);
 }
 
-TEST(CreateNormalizedSysWave, WithoutDirectoryNothingIsPlotted) {
+TEST(CreateNormalizedSysWave, WithoutDirectoryThereIsNoPlot) {
   Testing::TemporaryDirectory const directory;
   std::filesystem::path const former = std::filesystem::current_path();
   std::filesystem::current_path(directory.path());
@@ -127,7 +127,7 @@ TEST(CreateNormalizedSysWave, WithoutDirectoryNothingIsPlotted) {
   EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
 }
 
-TEST(CreateNormalizedSysWave, APlotThatCannotBeWrittenIsSaid) {
+TEST(CreateNormalizedSysWave, PlotThatCannotBeWrittenIsReported) {
   Testing::TemporaryDirectory const directory;
   Testing::ConsoleCapture const console;
   EXPECT_TRUE(createNormalizedSysWave(complexTable({1.0}), complexTable({-1e8}), 1e-9, 12U,

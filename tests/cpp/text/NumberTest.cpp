@@ -17,7 +17,7 @@ TEST(Number, WholeValuesHaveNoDecimalPoint) {
   EXPECT_EQ(shortestText(-0.0), "-0");
 }
 
-TEST(Number, DoubleTakesTheShortestDigitsThatReadBack) {
+TEST(Number, DoubleHasTheShortestDigitsThatReadBack) {
   EXPECT_EQ(shortestText(8.6), "8.6");
   EXPECT_EQ(shortestText(0.1), "0.1");
   EXPECT_EQ(shortestText(0.1 + 0.2), "0.30000000000000004");
@@ -31,7 +31,7 @@ TEST(Number, FloatIsNotWidened) {
   EXPECT_EQ(shortestText(16777216.0F), "16777216");
 }
 
-TEST(Number, ShorterNotationWinsAndFixedAtEqualLength) {
+TEST(Number, ShorterNotationIsUsedAndFixedAtEqualLength) {
   EXPECT_EQ(shortestText(10000.0), "10000");
   EXPECT_EQ(shortestText(100000.0), "1e+05");
   EXPECT_EQ(shortestText(0.001), "0.001");
@@ -47,17 +47,17 @@ TEST(Number, ExtremesFit) {
   EXPECT_EQ(shortestText(std::numeric_limits<float>::max()), "3.4028235e+38");
 }
 
-TEST(Number, NotFiniteValuesHaveTheirWords) {
-  double const notANumber = std::numeric_limits<double>::quiet_NaN();
-  EXPECT_TRUE(shortestText(notANumber) == "nan" || shortestText(notANumber) == "-nan");
+TEST(Number, NonFiniteValuesAreNanAndInf) {
+  double const NaN = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_TRUE(shortestText(NaN) == "nan" || shortestText(NaN) == "-nan");
   EXPECT_EQ(shortestText(std::numeric_limits<double>::infinity()), "inf");
   EXPECT_EQ(shortestText(-std::numeric_limits<float>::infinity()), "-inf");
 }
 
-TEST(Number, LocaleDoesNotMatter) {
+TEST(Number, LocaleIsIgnored) {
   std::string const former = std::setlocale(LC_ALL, nullptr);
   for (char const* locale : {"de_AT.UTF-8", "de_DE.UTF-8", "C.UTF-8"}) {
-    std::setlocale(LC_ALL, locale);  // those not installed change nothing
+    std::setlocale(LC_ALL, locale);  // no effect if not installed
     EXPECT_EQ(shortestText(1234567.5), "1234567.5");
   }
   std::setlocale(LC_ALL, former.c_str());

@@ -38,7 +38,7 @@ class VectorToPDF {
   }
 
   VectorToPDF(std::string file, bool flag, std::string title, std::pair<std::string, std::string> axisLabels,
-              std::pair<Range, Range> ranges, std::pair<unsigned int, unsigned int> integers) {
+              std::pair<Range, Range> const& ranges, std::pair<unsigned int, unsigned int> integers) {
     calls() = {std::move(file),
                flag,
                std::move(title),
