@@ -6,8 +6,12 @@ import re
 from pathlib import Path
 
 import laspy
+import pyarrow as pa
+import pytest
 
+from fullwaveform.data.columns import arrow_schema
 from fullwaveform.data.echo_columns import echo_schema, las_dimensions
+from fullwaveform.extraction.waveform_table import WAVEFORM_COLUMNS
 from fullwaveform.io.echo_writers.las import echo_header
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, open_echo_file
 
@@ -30,11 +34,18 @@ def rows(text: str) -> list[list[str]]:
     return [[cell.strip() for cell in line.strip("|").split("|")] for line in lines[2:]]
 
 
-def test_columns_are_those_of_the_tables() -> None:
-    described = [tuple(row) for row in rows(section("### Columns of the tables"))]
+@pytest.mark.parametrize(
+    ("title", "schema"),
+    [
+        ("### Columns of the tables", echo_schema()),
+        ("### Columns of the waveform table", arrow_schema(WAVEFORM_COLUMNS)),
+    ],
+)
+def test_columns_are_those_of_the_tables(title: str, schema: pa.Schema) -> None:
+    described = [tuple(row) for row in rows(section(title))]
     assert described == [
         (f"`{field.name}`", str(field.type), *(field.metadata[key].decode() for key in KEYS))
-        for field in echo_schema()
+        for field in schema
     ]
 
 
