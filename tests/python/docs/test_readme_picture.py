@@ -50,7 +50,7 @@ def test_commands_make_the_picture(folder: Path) -> None:
 def test_truth_is_what_the_words_say(folder: Path) -> None:
     truth = read_truth(folder / "scan_truth.csv")
     of_shot = truth.shot == 2448 // 2  # two channels per shot
-    words = re.search(r"from ([\d.]+), ([\d.]+) and ([\d.]+) samples", SECTION)
+    words = re.search(r"echoes at ([\d.]+), ([\d.]+) and ([\d.]+) samples", SECTION)
     assert words is not None
     said = [float(number) for number in words.groups()]
     np.testing.assert_allclose(truth.position_samples[of_shot], said, atol=0.05)
