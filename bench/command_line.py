@@ -1,6 +1,6 @@
 """Time of the command line for reading, extracting and writing.
 
-    python bench/command_line.py [FILE...] [--noise COUNTS] [--mode N] [--runs N]
+    python bench/command_line.py [FILE...] [--threshold COUNTS] [--mode N] [--runs N]
 
 Without files a scan is simulated. The first table has the processor time of the thread for reading
 each file, extracting with one worker, and writing every kind of file; the minimum of several runs.
@@ -86,11 +86,11 @@ def stages(source: Path, settings: ExtractionSettings, runs: int) -> None:
         print(f"| {source.name} | {ending} | {times} | {(reading + writing) / extracting:.2f} |")
 
 
-def end_to_end(source: Path, mode: int, noise: int, runs: int) -> None:
+def end_to_end(source: Path, mode: int, threshold: int, runs: int) -> None:
     """Print the rows of a file in the second table."""
     for workers in (1, 2):
         with tempfile.TemporaryDirectory() as folder:
-            options = {"-o": f"{folder}/echoes.las", "--mode": mode, "--noise": noise}
+            options = {"-o": f"{folder}/echoes.las", "--mode": mode, "--threshold": threshold}
             options["--workers"] = workers
             words = [str(word) for option in options.items() for word in option]
             taken = fastest_command(runs, "extract", str(source), *words)
@@ -101,11 +101,11 @@ def main() -> None:
     """Print both tables."""
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("files", nargs="*", type=Path)
-    parser.add_argument("--noise", type=int, default=8)
+    parser.add_argument("--threshold", type=int, default=8)
     parser.add_argument("--mode", type=int, default=1)
     parser.add_argument("--runs", type=int, default=7)
     options = parser.parse_args()
-    settings = ExtractionSettings(Scanner.default(), Mode(options.mode), options.noise)
+    settings = ExtractionSettings(Scanner.default(), Mode(options.mode), options.threshold)
     with tempfile.TemporaryDirectory() as folder:
         files = options.files
         if not files:
@@ -119,7 +119,7 @@ def main() -> None:
         print("|---|---:|---:|---:|")
         print(f"| start-up (--help) | | {fastest_command(options.runs, '--help')} |")
         for source in files:
-            end_to_end(source, options.mode, options.noise, options.runs)
+            end_to_end(source, options.mode, options.threshold, options.runs)
 
 
 if __name__ == "__main__":

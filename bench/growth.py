@@ -47,7 +47,7 @@ def main(program: Path) -> None:
             rows, samples, echoes, per_shot = scene(quantity, value)
             block = waveforms(rows, samples, echoes)
             for mode, series in times.items():
-                measured = cpp_apply(program, block, mode, per_shot=per_shot, noise=20, runs=12)
+                measured = cpp_apply(program, block, mode, per_shot=per_shot, threshold=20, runs=12)
                 series.append(measured.apply * 1e3)
             memory.append(measured.memory / 1e6)
             print(

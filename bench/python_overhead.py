@@ -32,7 +32,7 @@ def read_waveforms(path: Path) -> Samples:
     return np.ascontiguousarray(np.concatenate(rows)[:ROWS])
 
 
-def compare(program: Path, name: str, samples: Samples, noise: int) -> None:
+def compare(program: Path, name: str, samples: Samples, threshold: int) -> None:
     """Print a line per mode."""
     rows, width = samples.shape
     flags = (np.arange(rows) % 2).astype(np.uint8)
@@ -40,9 +40,9 @@ def compare(program: Path, name: str, samples: Samples, noise: int) -> None:
         driver = Driver(mode, scanner(), longest_waveform=width)
         cpp = python = float("inf")
         for _ in range(8):
-            measured = cpp_apply(program, samples, mode, noise=noise, runs=3)
+            measured = cpp_apply(program, samples, mode, threshold=threshold, runs=3)
             cpp = min(cpp, measured.with_release)
-            work = partial(driver.apply, samples, channel_flags=flags, threshold=noise)
+            work = partial(driver.apply, samples, channel_flags=flags, threshold=threshold)
             python = min(python, fastest(work))
         print(
             f"{name:24}  {mode:4}  {cpp / rows * 1e6:6.3f}  {python / rows * 1e6:9.3f}  "

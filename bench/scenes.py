@@ -57,7 +57,7 @@ def cpp_apply(
     mode: int,
     *,
     per_shot: int = 1,
-    noise: int = -1,
+    threshold: int = -1,
     runs: int = 5,
     threads: int = 1,
     processes: int = 1,
@@ -68,7 +68,7 @@ def cpp_apply(
     """
     with tempfile.NamedTemporaryFile() as file:
         samples.tofile(file.name)
-        numbers = (*samples.shape, per_shot, mode, noise, runs, threads)
+        numbers = (*samples.shape, per_shot, mode, threshold, runs, threads)
         command = [program, file.name, *map(str, numbers)]
         running = [
             subprocess.Popen(command, stdout=subprocess.PIPE, text=True) for _ in range(processes)

@@ -24,7 +24,7 @@ from skimage.restoration import richardson_lucy
 from fullwaveform import Driver, Scanner
 
 ROWS, SAMPLES, ECHOES = 400, 40, 2
-NOISE = 20
+THRESHOLD = 20
 ITERATIONS = 20
 TOLERANCE = 1e-3  # relative, of squares and parameters
 ROUNDS = 3
@@ -61,7 +61,7 @@ def start_of(signal: Values) -> list[float]:
 def parabolas(samples: Values) -> None:
     """Maxima and the Gaussian through three samples at each, per waveform."""
     for row in samples:
-        peaks, _ = find_peaks(row, height=NOISE)
+        peaks, _ = find_peaks(row, height=THRESHOLD)
         left, centre, right = (np.log(np.maximum(row[peaks + step], 1.0)) for step in (-1, 0, 1))
         curve = left - 2 * centre + right
         with np.errstate(all="ignore"):
@@ -139,7 +139,7 @@ def fits(signals: Values, starts: Values) -> dict[str, Callable[[], list[Values]
 
 def compare_fits(program: Path, samples: Samples) -> None:
     """Compare single fits of the same signal and start, and the whole of `apply`."""
-    signals = samples.astype(float) - NOISE
+    signals = samples.astype(float) - THRESHOLD
     starts = np.array([start_of(signal) for signal in signals])
     driver = Driver(1, Scanner.default(1e-9))
     print(
@@ -150,7 +150,7 @@ def compare_fits(program: Path, samples: Samples) -> None:
         for _ in range(ROUNDS):
             taken, ours = fits_in_cpp(program, signals, starts)
             fit = min(fit, taken)
-            whole = min(whole, microseconds(lambda: driver.apply(samples, threshold=NOISE), 20))
+            whole = min(whole, microseconds(lambda: driver.apply(samples, threshold=THRESHOLD), 20))
             theirs = min(theirs, microseconds(work, 1))
         difference = np.max(np.abs(np.array(work()) - ours)[:, 1::3])
         print(
@@ -164,7 +164,7 @@ def compare_methods(samples: Samples) -> None:
     pulse = np.exp(-0.5 * ((np.arange(12) - 4) / 1.8) ** 2)
     pulse /= pulse.sum()
     # Up-sampled as in the method.
-    finer = np.repeat(np.maximum(samples.astype(float) - NOISE, 0.01), 5, axis=1)
+    finer = np.repeat(np.maximum(samples.astype(float) - THRESHOLD, 0.01), 5, axis=1)
     tools: dict[str, tuple[Driver, Callable[[], object]]] = {
         "SciPy find_peaks + parabola": (
             Driver(0, Scanner.default(1e-9)),
@@ -179,7 +179,9 @@ def compare_methods(samples: Samples) -> None:
     for name, (driver, work) in tools.items():
         ours = theirs = float("inf")
         for _ in range(ROUNDS):
-            ours = min(ours, microseconds(lambda d=driver: d.apply(samples, threshold=NOISE), 20))
+            ours = min(
+                ours, microseconds(lambda d=driver: d.apply(samples, threshold=THRESHOLD), 20)
+            )
             theirs = min(theirs, microseconds(work, 1))
         print(f"{name:28}  {ours:8.2f}  {theirs:7.1f}  {theirs / ours:6.1f}")
 

@@ -84,7 +84,7 @@ def scan_of(options: argparse.Namespace, folder: Path) -> RepeatedScan:
     """The simulated scan, repeated, and the description of its scanner."""
     once = folder / "once.las"
     call(["simulate", once, "--shots", options.shots])
-    call(["system-wave", once, "-o", folder / "scanner.toml", "--noise", THRESHOLD, "--quiet"])
+    call(["system-wave", once, "-o", folder / "scanner.toml", "--threshold", THRESHOLD, "--quiet"])
     repetitions = -(-options.waveforms // (CHANNELS * options.shots))
     return repeat(once, options.shots, repetitions, folder / "scan.las")
 
@@ -99,7 +99,16 @@ def run(mode: int, scan: RepeatedScan, options: argparse.Namespace, folder: Path
     working = folder / f"mode-{mode}"
     working.mkdir()
     output = working / f"echoes{options.ending}"
-    words: list[object] = ["extract", scan.path, "-o", output, "--mode", mode, "--noise", THRESHOLD]
+    words: list[object] = [
+        "extract",
+        scan.path,
+        "-o",
+        output,
+        "--mode",
+        mode,
+        "--threshold",
+        THRESHOLD,
+    ]
     words += ["--scanner", folder / "scanner.toml", "--channel", "2=high", "--keep-empty"]
     words += ["--workers", options.workers, "--block", options.block, "--quiet"]
     process = watch([*COMMAND, *map(str, words)], working, options.interval)
