@@ -71,3 +71,31 @@ def changed(path: Path, change: Callable[[h5py.File], object]) -> Path:
     with h5py.File(path, "r+") as file:
         change(file)
     return path
+
+
+def without(name: str) -> Callable[[h5py.File], object]:
+    """Deletes a dataset or group."""
+
+    def change(file: h5py.File) -> None:
+        del file[name]
+
+    return change
+
+
+def new_dataset(name: str, values: Any, **options: Any) -> Callable[[h5py.File], object]:
+    """Replaces a dataset."""
+
+    def change(file: h5py.File) -> None:
+        del file[name]
+        file.create_dataset(name, data=values, **options)
+
+    return change
+
+
+def new_attribute(where: str, name: str, value: Any) -> Callable[[h5py.File], object]:
+    """Sets an attribute."""
+
+    def change(file: h5py.File) -> None:
+        file[where].attrs[name] = value
+
+    return change

@@ -2,10 +2,8 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
 from dataclasses import replace
 from pathlib import Path
-from typing import Any
 
 import h5py
 import laspy
@@ -13,7 +11,6 @@ import numpy as np
 import pytest
 
 from fullwaveform.core.scanner import DEFAULT_ATTRIBUTES, AfterPulse, Scanner
-from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.container.reader import ScanContainerReader
 from fullwaveform.io.container.writer import ScanContainerWriter
 from fullwaveform.io.echo_writers.las import echo_header
@@ -22,7 +19,7 @@ from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 from ...support.las_scenes import FOUR, Point, Scene, four_shots, rows
 from ...support.pulsewaves_scenes import two_channels
-from ...support.row_scenes import as_container, changed, same
+from ...support.row_scenes import as_container, changed, new_attribute, new_dataset, same
 
 FIELDS = "waveforms/StandardCartesianChart3D"
 DESCRIPTION = {
@@ -43,14 +40,6 @@ DESCRIPTION = {
 def four(folder: Path, scanner: Scanner | None = None) -> Path:
     """A container of four waveforms of four samples, a shot each."""
     return as_container(four_shots().write(folder / "a.las"), folder / "a.h5", scanner)
-
-
-def message_of(path: Path) -> str:
-    with pytest.raises(WaveformFileError) as caught, ScanContainerReader(path) as reader:
-        list(reader.blocks())
-        reader.scanner()
-    assert str(path) in str(caught.value)
-    return str(caught.value)
 
 
 def test_layout_seen_by_h5py(tmp_path: Path) -> None:
@@ -178,88 +167,10 @@ def test_shot_in_two_blocks_is_an_error(tmp_path: Path) -> None:
     assert len(list(tmp_path.iterdir())) == 2
 
 
-def drop(name: str) -> Callable[[h5py.File], object]:
-    def change(file: h5py.File) -> None:
-        del file[name]
-
-    return change
-
-
-def put(name: str, values: Any, **options: Any) -> Callable[[h5py.File], object]:
-    def change(file: h5py.File) -> None:
-        del file[name]
-        file.create_dataset(name, data=values, **options)
-
-    return change
-
-
-def say(where: str, name: str, value: Any) -> Callable[[h5py.File], object]:
-    def change(file: h5py.File) -> None:
-        file[where].attrs[name] = value
-
-    return change
-
-
-@pytest.mark.parametrize(
-    ("change", "words"),
-    [
-        (say("/", "format", "echoes"), "attribute format is 'echoes'"),
-        (say("/", "format", 3), "not a scan container"),
-        (say("/", "format_version", 2), "format_version"),
-        (say("/", "format_version", "1"), "format_version '1'"),
-        (drop(f"{FIELDS}/Waveforms"), f"missing dataset {FIELDS}/Waveforms"),
-        (drop("waveforms"), f"missing dataset {FIELDS}/Waveforms"),
-        (drop("space/anchor"), "missing dataset space/anchor"),
-        (put(f"{FIELDS}/Waveforms", np.zeros((4, 4))), "has type float64; must be uint16"),
-        (put(f"{FIELDS}/Waveforms", np.zeros(4, np.uint16)), "must have 2 dimensions"),
-        (put(f"{FIELDS}/Waveforms", np.zeros((4, 65536), np.uint16)), "65536 samples; at most"),
-        (put(f"{FIELDS}/ShotTime", np.zeros(4, np.int64)), "ShotTime has type int64"),
-        (put(f"{FIELDS}/ShotTime", np.zeros(3)), r"has shape (3,); expected (4,)"),
-        (put("space/direction", np.zeros((4, 2))), r"has shape (4, 2); expected (4, 3)"),
-        (
-            put(f"{FIELDS}/SampleCount", np.array([4, 4, 5, 4], np.uint16)),
-            "count 5 of waveform 2 exceeds the row length 4",
-        ),
-        (put(f"{FIELDS}/SampleInterval", np.array([1, 1, 1, 0.0])), "interval 0.0 s of waveform 3"),
-        (put(f"{FIELDS}/SampleInterval", np.array([1, np.nan, 1, 1])), "interval nan s of"),
-        (put(f"{FIELDS}/ShotTime", np.array([1.0, 2, 1, 3])), "shot at 1.0 s are not"),
-        (put(f"{FIELDS}/ShotTime", np.full(4, np.nan)), "no readable waveform (4 x GPS"),
-        (put(f"{FIELDS}/SampleCount", np.zeros(4, np.uint16)), "(4 x waveform without sam"),
-        (say("las", "scales", [0.0, 1.0, 1.0]), "scales not 0"),
-        (say("las", "scales", [1.0, 1.0]), "three numbers"),
-        (say("las", "version", "9.9"), "unreadable group las"),
-        (say("las", "point_format", 1), "invalid point_format 1 in group las"),
-        (say("las", "guid", "x"), "unreadable group las"),
-        (say("scanner", "Wavelength[nm]", "red"), "wrong type: Wavelength[nm]"),
-        (say("scanner", "colour", 3.0), "unknown: colour"),
-    ],
-)
-def test_invalid_containers(
-    tmp_path: Path, change: Callable[[h5py.File], object], words: str
-) -> None:
-    path = changed(four(tmp_path, Scanner.from_attributes(DESCRIPTION)), change)
-    assert words in message_of(path)
-
-
-def test_missing_attribute_of_the_las_group(tmp_path: Path) -> None:
-    def change(file: h5py.File) -> None:
-        del file["las"].attrs["offsets"]
-
-    assert "'offsets'" in message_of(changed(four(tmp_path), change))
-
-
-def test_chunks_above_the_limit(tmp_path: Path) -> None:
-    def change(file: h5py.File) -> None:
-        del file["space/gps_time"]
-        file.create_dataset("space/gps_time", (4,), np.float64, chunks=(2**26,), maxshape=(None,))
-
-    assert "chunk must not exceed 256 MiB" in message_of(changed(four(tmp_path), change))
-
-
 def test_waveforms_without_time_or_samples_are_counted(tmp_path: Path) -> None:
     path = four(tmp_path)
-    changed(path, put(f"{FIELDS}/ShotTime", np.array([1.0, np.nan, np.inf, 2.0])))
-    changed(path, put(f"{FIELDS}/SampleCount", np.array([3, 4, 4, 0], np.uint16)))
+    changed(path, new_dataset(f"{FIELDS}/ShotTime", np.array([1.0, np.nan, np.inf, 2.0])))
+    changed(path, new_dataset(f"{FIELDS}/SampleCount", np.array([3, 4, 4, 0], np.uint16)))
     with ScanContainerReader(path) as reader:
         blocks = list(reader.blocks())
         assert rows(blocks) == [[1, 2, 3]]
@@ -271,7 +182,9 @@ def test_waveforms_without_time_or_samples_are_counted(tmp_path: Path) -> None:
 
 
 def test_padding_reads_as_zero(tmp_path: Path) -> None:
-    path = changed(four(tmp_path), put(f"{FIELDS}/SampleCount", np.array([4, 2, 1, 3], np.uint16)))
+    path = changed(
+        four(tmp_path), new_dataset(f"{FIELDS}/SampleCount", np.array([4, 2, 1, 3], np.uint16))
+    )
     with ScanContainerReader(path) as reader:
         (block,) = reader.blocks()
     assert block.samples.tolist() == [[1, 2, 3, 4], [5, 6, 0, 0], [9, 0, 0, 0], [13, 14, 15, 0]]
@@ -283,49 +196,17 @@ def test_big_endian_and_unchunked_datasets_are_read(tmp_path: Path) -> None:
         (before,) = reader.blocks()
     with h5py.File(path) as file:
         samples, times = file[f"{FIELDS}/Waveforms"][:], file[f"{FIELDS}/ShotTime"][:]
-    changed(path, put(f"{FIELDS}/Waveforms", samples.astype(">u2")))
-    changed(path, put(f"{FIELDS}/ShotTime", times.astype(">f8")))
+    changed(path, new_dataset(f"{FIELDS}/Waveforms", samples.astype(">u2")))
+    changed(path, new_dataset(f"{FIELDS}/ShotTime", times.astype(">f8")))
     with ScanContainerReader(path) as reader:
         (after,) = reader.blocks()
     assert same(before, after)
 
 
-def test_any_truncation_is_an_error(tmp_path: Path) -> None:
-    path = four(tmp_path)
-    content = path.read_bytes()
-    for size in range(0, len(content), 97):
-        path.write_bytes(content[:size])
-        message_of(path)
-
-
-def test_corrupt_samples(tmp_path: Path) -> None:
-    path = four(tmp_path)
-    with h5py.File(path) as file:
-        chunk = file[f"{FIELDS}/Waveforms"].id.get_chunk_info(0)
-    content = bytearray(path.read_bytes())
-    content[chunk.byte_offset : chunk.byte_offset + chunk.size] = bytes(chunk.size)
-    path.write_bytes(content)
-    assert "unreadable rows 0 to 4 of a dataset" in message_of(path)
-
-
-def test_missing_file_and_folder(tmp_path: Path) -> None:
-    with pytest.raises(FileNotFoundError):
-        ScanContainerReader(tmp_path / "none.h5")
-    with pytest.raises(IsADirectoryError):
-        ScanContainerReader(tmp_path)
-
-
-def test_declared_waveforms_exceed_the_file_size(tmp_path: Path) -> None:
-    def change(file: h5py.File) -> None:
-        file[f"{FIELDS}/Waveforms"].resize(10**12, axis=0)
-
-    assert "declares 1000000000000 waveforms" in message_of(changed(four(tmp_path), change))
-
-
 def test_texts_of_variable_length_are_read(tmp_path: Path) -> None:
     path = four(tmp_path, Scanner.from_attributes(DESCRIPTION))
-    changed(path, say("/", "format", "fullwaveform scan"))
-    changed(path, say("scanner", "Scanner Serial Number", "Nº 5"))
+    changed(path, new_attribute("/", "format", "fullwaveform scan"))
+    changed(path, new_attribute("scanner", "Scanner Serial Number", "Nº 5"))
     with ScanContainerReader(path) as reader:
         assert len(list(reader.blocks())) == 1
         attributes = reader.scanner_attributes()
