@@ -91,9 +91,8 @@ Step foundByEigen(Problem const& problem) {
 }
 
 TEST(LevenbergMarquardtStep, IsThatOfEigen) {
-  // Scales, bounds and former dampings of many orders of magnitude: searches that end by the limit of ten
-  // corrections, and with problems of deficient rank searches that reach the lower bound of 0, are among
-  // them.
+  // Scales, bounds and former dampings of many orders of magnitude. With problems of deficient rank, searches
+  // that reach the lower bound of 0 are among them.
   for (int seed = 0; seed < 4000; ++seed) {
     Problem const problem(seed);
     Step const step = found(problem);
