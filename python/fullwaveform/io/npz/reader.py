@@ -44,6 +44,8 @@ _KEYS = frozenset(
 class NpzReader(ArrayReader):
     """Reads the waveforms of a NumPy archive; its arrays are loaded when it is opened.
 
+    Blocks may share memory with the loaded arrays; copy them before changing them.
+
     Parameters
     ----------
     path
