@@ -25,6 +25,7 @@ from fullwaveform.cli.options import (
     SkipUnreadable,
     ThresholdOption,
     channel_flags_from,
+    integer_from,
 )
 from fullwaveform.cli.progress import print_line, shortened
 from fullwaveform.cli.summary import RunSummary
@@ -77,7 +78,11 @@ def cluster(
     skip_unreadable: SkipUnreadable = False,
     workers: Annotated[
         int | None,
-        typer.Option(min=1, metavar="N", help="Processes of a local run. Default: all processors"),
+        typer.Option(
+            parser=integer_from(1),
+            metavar="N",
+            help="Processes of a local run. Default: all processors",
+        ),
     ] = None,
     block: BlockOption = 20_000,
     part_format: Annotated[
@@ -85,7 +90,11 @@ def cluster(
     ] = "parquet",
     blocks_per_part: Annotated[
         int | None,
-        typer.Option(min=1, metavar="N", help="Blocks per part. Default: a few minutes of work"),
+        typer.Option(
+            parser=integer_from(1),
+            metavar="N",
+            help="Blocks per part. Default: a few minutes of work",
+        ),
     ] = None,
     resume: Annotated[bool, typer.Option("--resume", help="Continue the run in FOLDER")] = False,
     quiet: QuietOption = False,

@@ -24,6 +24,7 @@ from fullwaveform.cli.options import (
     SourceFile,
     ThresholdOption,
     channel_flags_from,
+    integer_from,
     refuse_quiet_and_verbose,
     refuse_same_file,
 )
@@ -54,7 +55,9 @@ def extract(
     skip_unreadable: SkipUnreadable = False,
     workers: Annotated[
         int | None,
-        typer.Option(min=1, metavar="N", help="Number of threads. Default: all processors"),
+        typer.Option(
+            parser=integer_from(1), metavar="N", help="Number of threads. Default: all processors"
+        ),
     ] = None,
     block: BlockOption = 20_000,
     verbose: Annotated[

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import math
-from collections.abc import Mapping
+from collections.abc import Callable, Mapping
 from pathlib import Path
 from typing import Annotated, Any
 
@@ -17,6 +17,7 @@ from fullwaveform.core.scanner import NO_AFTER_PULSE, AfterPulse
 MODE_NAMES = {mode.name.lower().replace("_", "-"): mode for mode in Mode}
 _CHANNEL_NAMES = {"low": 1, "high": 0}
 _NANOSECONDS = 1e9  # per second
+_MAX_DIGITS = 18  # of an integer; more exceed 64 bits
 
 
 def _mode(text: str | Mode) -> Mode:
@@ -36,6 +37,20 @@ def _threshold(text: str) -> Threshold:
     if not digits or int(text) > MAX_COUNT:
         raise typer.BadParameter(f"{text!r} must be 'estimate' or an integer from 0 to {MAX_COUNT}")
     return int(text)
+
+
+def integer_from(minimum: int) -> Callable[[str | int], int]:
+    """A parser of integers of at least `minimum`."""
+
+    def parse(text: str | int) -> int:
+        if isinstance(text, int):  # the default
+            return text
+        is_integer = text.isascii() and text.isdigit() and len(text) <= _MAX_DIGITS
+        if not is_integer or int(text) < minimum:
+            raise typer.BadParameter(f"{text!r} must be an integer of at least {minimum}")
+        return int(text)
+
+    return parse
 
 
 def parse_interval(text: str) -> float:
@@ -133,7 +148,10 @@ IntervalOption = Annotated[
     ),
 ]
 BlockOption = Annotated[
-    int, typer.Option(min=1, metavar="N", help="Waveforms per block; bounds memory use")
+    int,
+    typer.Option(
+        parser=integer_from(1), metavar="N", help="Waveforms per block; bounds memory use"
+    ),
 ]
 SkipUnreadable = Annotated[
     bool, typer.Option("--skip-unreadable", help="Skip and count unreadable waveforms")
@@ -190,8 +208,8 @@ def channel_flags_from(texts: list[str] | None) -> ChannelFlags:
         number = int(index) if index.isascii() and index.isdigit() else -1
         if not 0 <= flag <= 255 or (equals and not 0 <= number <= 255):
             raise typer.BadParameter(
-                f"invalid channel {text!r}; expected low, high or 0 to 255, or N=CHANNEL with the "
-                "number N (0 to 255) of a packet descriptor or channel",
+                f"{text!r} must be low, high or 0 to 255, or N=CHANNEL with the number N (0 to "
+                "255) of a packet descriptor or channel",
                 param_hint="--channel",
             )
         if equals:

@@ -21,6 +21,7 @@ from fullwaveform.cli.options import (
     ThresholdOption,
     TimeOption,
     channel_flags_from,
+    integer_from,
     refuse_same_file,
     require_suffix,
 )
@@ -35,11 +36,16 @@ def plot(
         Path, typer.Option("-o", "--output", metavar="OUT", help="Plot: .png, .pdf or .svg")
     ],
     waveform: Annotated[
-        int | None, typer.Option(min=0, metavar="N", help="Number of the waveform, from 0")
+        int | None,
+        typer.Option(parser=integer_from(0), metavar="N", help="Number of the waveform, from 0"),
     ] = None,
     shot: Annotated[
         int | None,
-        typer.Option(min=0, metavar="N", help="Number of the shot, from 0; draws all channels"),
+        typer.Option(
+            parser=integer_from(0),
+            metavar="N",
+            help="Number of the shot, from 0; draws all channels",
+        ),
     ] = None,
     time: TimeOption = None,
     mode: RepeatedModeOption = None,

@@ -21,6 +21,7 @@ from fullwaveform.cli.options import (
     ThresholdOption,
     TimeOption,
     channel_flags_from,
+    integer_from,
     refuse_same_file,
 )
 from fullwaveform.core.driver import Mode, check_system_wave
@@ -31,7 +32,9 @@ def report(
     source: SourceFile,
     waveform: Annotated[
         list[int] | None,
-        typer.Option(min=0, metavar="N", help="Number of a waveform, from 0; repeatable"),
+        typer.Option(
+            parser=integer_from(0), metavar="N", help="Number of a waveform, from 0; repeatable"
+        ),
     ] = None,
     time: TimeOption = None,
     extent: Annotated[

@@ -78,7 +78,8 @@ def _opened(
     reader = _reader_class(start, Path(path))
     if sampling_interval is not None:
         raise ValueError(
-            f"{path} stores its sampling interval; sampling_interval is only for an .npz without it"
+            f"{path} stores its sampling interval; --interval (sampling_interval) is only for an "
+            ".npz without it"
         )
     opened: WaveformReader = reader(
         path, waveforms_per_block=waveforms_per_block, channel_flags=channel_flags

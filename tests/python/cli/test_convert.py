@@ -119,7 +119,7 @@ def test_invalid_calls(scan: Path, tmp_path: Path) -> None:
     for interval in ("0", "-1", "nan", "inf"):
         call = ("convert", scan, container, "--interval", interval)
         assert_usage(run(*call), "must be a finite number above 0, in ns")
-    assert_usage(run("convert", scan, container, "--channel", "up"), "invalid channel 'up'")
+    assert_usage(run("convert", scan, container, "--channel", "up"), "'up' must be low, high")
     assert_error(run("convert", scan, container, "--interval", "1"), "stores its sampling interval")
 
 

@@ -194,8 +194,8 @@ def test_scanner_description(scan: Path) -> None:
 def test_after_pulse(scan: Path) -> None:
     def echoes(*options: str) -> int:
         result = extract(scan, scan.with_name("e.csv"), "--threshold", "20", *options)
-        said = "after-pulse filter disabled" in result.stdout
-        assert said == (not options)
+        is_reported = "after-pulse filter disabled" in result.stdout
+        assert is_reported == (not options)
         return len(csv_columns(scan.with_name("e.csv"))["x"])
 
     everything = echoes()
@@ -214,15 +214,15 @@ def test_after_pulse(scan: Path) -> None:
         (["--threshold", "-1"], "'-1' must be 'estimate' or an integer from 0 to 65535"),
         (["--threshold", "65536"], "'65536' must be 'estimate' or an integer"),
         (["--threshold", "2.5"], "'2.5' must be 'estimate' or an integer"),
-        (["--channel", "middle"], "invalid channel 'middle'; expected low, high or 0 to 255"),
-        (["--channel", "256"], "invalid channel '256'"),
-        (["--channel", "256=high"], "invalid channel '256=high'"),
-        (["--channel", "2="], "invalid channel '2='"),
+        (["--channel", "middle"], "'middle' must be low, high or 0 to 255"),
+        (["--channel", "256"], "'256' must be low, high"),
+        (["--channel", "256=high"], "'256=high' must be low"),
+        (["--channel", "2="], "'2=' must be low"),
         (["--after-pulse", "5"], "'5' must be 'off' or OFFSET,WIDTH, integers in samples"),
         (["--after-pulse", "5,-2"], "'5,-2' must be 'off' or OFFSET,WIDTH"),
         (["--after-pulse", "4294967296,2"], "invalid after-pulse offset 4294967296"),
-        (["--block", "0"], "greater than or equal to 1"),
-        (["--block", "many"], "--block"),
+        (["--block", "0"], "'0' must be an integer of at least 1"),
+        (["--block", "many"], "'many' must be an integer of at least 1"),
         (["--colour", "red"], "No such option: --colour"),
     ],
 )

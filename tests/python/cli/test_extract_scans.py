@@ -1,4 +1,4 @@
-"""Whole simulated scans through the command line: against their truth, in blocks, in memory."""
+"""Extraction of whole simulated scans: comparison with the truth, blocks, memory."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ from fullwaveform.simulation import (
 
 METRES_PER_SAMPLE = 0.149854128  # of range; 1 ns there and back in air
 GRID = 0.001  # m, of the coordinates of both files
-# The mark is of the program itself; getrusage would include what the calling process had.
+# VmHWM is that of the program itself; getrusage would include the calling process.
 PEAK_MEMORY = """
 import sys
 from pathlib import Path
@@ -44,14 +44,14 @@ def extract(scan: Path, output: Path, *options: str) -> laspy.LasData:
 
 
 def certain(truth: TruthTable, settings: ScanSettings) -> np.ndarray:
-    """Rows of echoes that must be found and must lie where they are, to a tenth of a sample.
+    """Rows of echoes that must be found within a tenth of a sample of their true position.
 
-    Six widths from any other one nothing else bends the top. The three samples there have noise of
-    1.5 counts rms, 1.53 with their rounding. The position is the difference of the outer logarithms
-    over twice their curvature: its error is sqrt(2) * 1.53 / amplitude over 2 / width**2, for
-    amplitudes from 300 counts and widths to 2 samples 0.014 samples rms. The baseline of 12 counts
-    is below a 25th of the amplitude and bends a top by less than 0.003 samples, nothing where it
-    stands on a sample or half-way. In all 0.1 is more than six times the error.
+    An echo that is six widths or more from any other one is not deformed by it. The noise of the
+    three samples at its top is 1.5 counts rms, 1.53 with rounding. The position is the difference
+    of the outer logarithms divided by twice their curvature: its error is sqrt(2) * 1.53 /
+    amplitude divided by 2 / width**2, which is 0.014 samples rms for amplitudes from 300 counts and
+    widths to 2 samples. The baseline of 12 counts is below a 25th of the amplitude and shifts the
+    position by less than 0.003 samples. So 0.1 is more than six times the error.
     """
     alone = truth.neighbour_distance_samples > 6.0 * truth.width_samples
     strong = truth.amplitude_low_power_counts >= 300.0
@@ -66,7 +66,7 @@ def certain(truth: TruthTable, settings: ScanSettings) -> np.ndarray:
 def scene(
     request: pytest.FixtureRequest, tmp_path_factory: pytest.TempPathFactory
 ) -> tuple[laspy.LasData, TruthTable, ScanSettings]:
-    """Echoes of a scan of 2000 shots with both channels, and the truth."""
+    """Echoes of a two-channel scan of 2000 shots, and the truth."""
     folder = tmp_path_factory.mktemp("scan")
     settings = ScanSettings(noise_rms=request.param, seed=11)
     files = write_scan(simulate_scan(settings), folder / "scan.las")
@@ -74,7 +74,7 @@ def scene(
     return echoes, read_truth(files.truth), settings
 
 
-def test_every_certain_echo_is_found_where_it_is(
+def test_every_certain_echo_is_found_at_its_position(
     scene: tuple[laspy.LasData, TruthTable, ScanSettings],
 ) -> None:
     echoes, truth, settings = scene
@@ -87,11 +87,11 @@ def test_every_certain_echo_is_found_where_it_is(
     assert len(found.unmatched_ref) == 0
     true_place = np.column_stack([truth.x, truth.y, truth.z])[rows][found.ref_index]
     off = np.linalg.norm(echoes.xyz[found.found_index] - true_place, axis=1)
-    # The anchors and the echoes are rounded, each by half a step of the grid in three directions.
+    # Anchors and echoes are each rounded by half a grid step in three directions.
     assert off.max() < 0.1 * METRES_PER_SAMPLE + 2 * np.sqrt(3) * GRID / 2
 
 
-def test_without_noise_only_rounding_and_baseline_are_left(tmp_path: Path) -> None:
+def test_noise_free_echoes_are_accurate_to_rounding_and_baseline(tmp_path: Path) -> None:
     """Rounded to whole counts the error is sqrt(2) * 0.29 / 300 over 2 / 2**2, and at worst three
     times that: 0.009 samples; and below 0.003 from the baseline.
     """
@@ -99,7 +99,7 @@ def test_without_noise_only_rounding_and_baseline_are_left(tmp_path: Path) -> No
     files = write_scan(simulate_scan(settings), tmp_path / "scan.las")
     echoes, truth = extract(files.las, tmp_path / "e.las"), read_truth(files.truth)
     rows = certain(truth, settings)
-    # Without a word on channels all are low power: the copy of the weak channel stays beside it.
+    # By default all channels are low power: the copy of the other channel is kept as well.
     found = match_echoes(
         echoes["gps_time"],
         echoes["position"],

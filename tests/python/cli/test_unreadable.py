@@ -18,14 +18,14 @@ from ..support.row_scenes import as_container
 
 
 def cut_las(folder: Path) -> Path:
-    """Four packets of four bytes behind a header of 60, of which the third lost its last byte."""
+    """Four packets of four bytes after a header of 60; the third is truncated by a byte."""
     path = las_scenes.four_shots().write(folder / "scan.las")
     os.truncate(path.with_suffix(".wdp"), 60 + 11)
     return path
 
 
 def cut_pulses(folder: Path) -> Path:
-    """Three pulses of four bytes each behind a header of 60; the last one lost two bytes."""
+    """Three waveforms of four bytes after a header of 60; the last is truncated by two bytes."""
     path = pulsewaves_scenes.three_pulses().write(folder / "scan.pls")
     waves = path.with_suffix(".wvs")
     os.truncate(waves, waves.stat().st_size - 2)

@@ -123,7 +123,7 @@ def test_invalid_input_is_reported_before_anything_is_written(
     address: str, scan: Path, tmp_path: Path
 ) -> None:
     bad = tmp_path / "bad.las"
-    bad.write_bytes(b"LASF and nothing else")
+    bad.write_bytes(b"LASF")
     call = ("cluster", scan, bad, "-o", tmp_path / "parts", "--scheduler", address)
     assert_error(run(*call), str(bad))
     assert not (tmp_path / "parts").exists()

@@ -42,8 +42,8 @@ def test_worker_killed_while_writing(tmp_path: Path) -> None:
         assert any(path.name.startswith(".part-00002") for path in folder.iterdir())
         (test / "go").touch()  # for the worker that gets it next
         os.kill(pid, signal.SIGKILL)
-        shown, told = first.communicate(timeout=TIMEOUT_S)
-        assert first.returncode == 0, told
+        stdout, stderr = first.communicate(timeout=TIMEOUT_S)
+        assert first.returncode == 0, stderr
         # One worker was killed, the other one runs to the end.
         assert sorted(worker.poll() is None for worker in both) == [False, True]
         wait_until(lambda: -signal.SIGKILL in [worker.poll() for worker in both])
@@ -51,7 +51,7 @@ def test_worker_killed_while_writing(tmp_path: Path) -> None:
     assert_same_rows(parts_table(folder), expected)
     assert len(part_paths(folder)) == 5
     assert names(folder) == ["manifest.json", *(path.name for path in part_paths(folder))]
-    (row,) = [line for line in table_lines(shown) if line.startswith("echoes written")]
+    (row,) = [line for line in table_lines(stdout) if line.startswith("echoes written")]
     assert f"| {expected.num_rows:,} |" in row
 
 
@@ -64,10 +64,10 @@ def test_part_that_kills_every_worker(address: str, tmp_path: Path) -> None:
     killing = hold(tmp_path, block=6, HOLD_KILLS="1")
     # The scheduler abandons a unit after two lost workers, to keep the test short.
     first = command(*call, *local, **killing, DASK_DISTRIBUTED__SCHEDULER__ALLOWED_FAILURES="1")
-    shown, told = first.communicate(timeout=TIMEOUT_S)
-    assert (first.returncode, shown) == (1, ""), told
-    assert told.count("\n") == 1, told
-    line = told.rstrip()
+    stdout, stderr = first.communicate(timeout=TIMEOUT_S)
+    assert (first.returncode, stdout) == (1, ""), stderr
+    assert stderr.count("\n") == 1, stderr
+    line = stderr.rstrip()
     assert line.startswith(
         f"fullwaveform: {sources[0]}: unit failed on 2 workers (out of memory?); reduce --block"
     )
@@ -96,9 +96,9 @@ def test_lost_scheduler(tmp_path: Path) -> None:
         first = command(*call, "--scheduler", address, **quick)
         wait_until(lambda: (test / "held").exists() and done_parts(folder) == 4)
         process.kill()
-        shown, told = first.communicate(timeout=TIMEOUT_S)
-        assert (first.returncode, shown) == (1, ""), told
-    assert told.count("\n") == 1, told
-    line = told.rstrip()
+        stdout, stderr = first.communicate(timeout=TIMEOUT_S)
+        assert (first.returncode, stdout) == (1, ""), stderr
+    assert stderr.count("\n") == 1, stderr
+    line = stderr.rstrip()
     assert line.startswith("fullwaveform: connection to the scheduler lost")
     assert done_parts(folder) == 4

@@ -46,10 +46,10 @@ def test_interrupted_run(
     first = command(*call, *local, **hold(tmp_path, block=6))
     wait_until(lambda: (tmp_path / "held").exists() and done_parts(folder) == 4)
     (os.killpg if whole_group else os.kill)(first.pid, number)
-    shown, told = first.communicate(timeout=TIMEOUT_S)
-    assert (first.returncode, shown) == (code, "")
-    assert told.count("\n") == 1, told
-    line = told.rstrip()
+    stdout, stderr = first.communicate(timeout=TIMEOUT_S)
+    assert (first.returncode, stdout) == (code, "")
+    assert stderr.count("\n") == 1, stderr
+    line = stderr.rstrip()
     assert line.endswith("; finished parts are kept; continue with --resume")
     assert set(states(folder).values()) == {"done", "waiting"}
     done = {name for name, state in states(folder).items() if state == "done"}

@@ -1,4 +1,4 @@
-"""The command line as a process of its own, and what is left of it."""
+"""The command line in its own process."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ SLOW = Path(__file__).with_name("slow_command.py")
 def finished(
     *call: str | Path, before: Callable[[], object] | None = None, stdout: Any = subprocess.PIPE
 ) -> subprocess.CompletedProcess[str]:
-    """The command line run to its end; `before` is called in the new process."""
+    """Run the command line; `before` is called in the new process."""
     return subprocess.run(
         [sys.executable, "-m", "fullwaveform", *map(str, call)],
         env=environment(),
@@ -30,7 +30,7 @@ def finished(
 
 
 def slow(slowed: str, *call: str | Path) -> subprocess.Popen[str]:
-    """The command line with one of its steps taking minutes, see `slow_command`."""
+    """The command line with one slow step, see `slow_command`."""
     return started(
         subprocess.Popen(
             [sys.executable, str(SLOW), slowed, *map(str, call)],
@@ -43,7 +43,7 @@ def slow(slowed: str, *call: str | Path) -> subprocess.Popen[str]:
     )
 
 
-def assert_told(done: subprocess.CompletedProcess[str], *sentences: str) -> None:
-    """Exit code 1, one of the sentences and nothing else."""
+def assert_error_line(done: subprocess.CompletedProcess[str], *messages: str) -> None:
+    """Exit code 1, and one of the messages as the only output."""
     assert done.returncode == 1, done.stderr
-    assert done.stderr in [f"fullwaveform: {sentence}\n" for sentence in sentences]
+    assert done.stderr in [f"fullwaveform: {message}\n" for message in messages]

@@ -1,6 +1,6 @@
-"""The command line with one of its steps slowed down, so that a signal comes while it lasts.
+"""The command line with one slow step, so that a signal arrives during it.
 
-Usage: slow_command.py blocks|renaming|summary|nothing CALL...
+Usage: slow_command.py blocks|renaming|summary|none CALL...
 """
 
 from __future__ import annotations
@@ -15,7 +15,7 @@ SHORT, LONG = 0.1, 300.0  # s
 
 
 def slow_blocks() -> None:
-    """Each block takes a tenth of a second to be extracted, wherever that happens."""
+    """The extraction of each block takes a tenth of a second."""
     from fullwaveform.extraction.extractor import Extractor
 
     extract = Extractor.extract
@@ -28,7 +28,7 @@ def slow_blocks() -> None:
 
 
 def slow_renaming() -> None:
-    """Minutes pass between the last byte of a file and its name, or less if an end is requested."""
+    """Minutes pass between the last byte of a file and its renaming, unless a signal arrives."""
     from fullwaveform.io import atomic
 
     raise_if_requested = atomic.raise_if_requested
@@ -42,7 +42,7 @@ def slow_renaming() -> None:
 
 
 def slow_summary() -> None:
-    """Minutes pass between the name of the output and what is said about it."""
+    """Minutes pass between the renaming of the output and the summary."""
     from fullwaveform.cli.summary import RunSummary
 
     def slowly(self: RunSummary, console: Any) -> None:
@@ -56,6 +56,6 @@ if __name__ == "__main__":
         "blocks": slow_blocks,
         "renaming": slow_renaming,
         "summary": slow_summary,
-        "nothing": lambda: None,
+        "none": lambda: None,
     }[sys.argv.pop(1)]()
     main()

@@ -1,4 +1,4 @@
-"""No space left for any output: a sentence with its name, and nothing left behind."""
+"""No space for an output: a message with its name, and no file left."""
 
 from __future__ import annotations
 
@@ -13,17 +13,17 @@ import pytest
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS
 
 from ..support.command_line import names
-from .processes import assert_told, finished
+from .processes import assert_error_line, finished
 
 Call = tuple[str | Path, ...]
 
-NOISE = ("--threshold", "20")
-#: What is written and the call that writes it, from the scan, without the output.
+THRESHOLD = ("--threshold", "20")
+#: Output and the call that writes it from the scan.
 OUTPUTS: dict[str, tuple[str, ...]] = {
-    **{f"echoes{ending}": ("extract", *NOISE, "--block", "100") for ending in ECHO_ENDINGS},
+    **{f"echoes{ending}": ("extract", *THRESHOLD, "--block", "100") for ending in ECHO_ENDINGS},
     "scan.h5": ("convert",),
     "report.txt": ("report", "--waveform", "2"),
-    "scanner.toml": ("system-wave", *NOISE),
+    "scanner.toml": ("system-wave", *THRESHOLD),
     "picture.png": ("plot", "--waveform", "2"),
     "picture.pdf": ("plot", "--waveform", "2"),
     "picture.svg": ("plot", "--waveform", "2"),
@@ -32,13 +32,13 @@ LARGE = [f"echoes{ending}" for ending in ECHO_ENDINGS] + ["scan.h5"]  # 10 kB an
 
 
 def call_of(scan: Path, output: Path) -> Call:
-    verb, *options = OUTPUTS[output.name]
-    placed = (output,) if verb == "convert" else ("-o", output)
-    return (verb, scan, *placed, *options)
+    command, *options = OUTPUTS[output.name]
+    placed = (output,) if command == "convert" else ("-o", output)
+    return (command, scan, *placed, *options)
 
 
 def files_end_at(size: int) -> Callable[[], None]:
-    """Has the system refuse to write files longer than this (bytes)."""
+    """Limits the size of files, in bytes."""
     return lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (size, resource.RLIM_INFINITY))
 
 
@@ -47,15 +47,15 @@ def test_no_byte_can_be_written(scan: Path, tmp_path: Path, name: str) -> None:
     output = tmp_path / name
     output.write_bytes(b"older result")
     done = finished(*call_of(scan, output), before=files_end_at(0))
-    assert_told(done, f"cannot write {output}: File too large")
+    assert_error_line(done, f"cannot write {output}: File too large")
     assert names(tmp_path) == [name]
     assert output.read_bytes() == b"older result"
 
 
 @pytest.mark.parametrize("size", [0, 20_000])
-def test_a_simulated_scan(tmp_path: Path, size: int) -> None:
+def test_simulated_scan(tmp_path: Path, size: int) -> None:
     done = finished("simulate", tmp_path / "new.las", "--shots", "200", before=files_end_at(size))
-    assert_told(done, f"cannot write {tmp_path / 'new.wdp'}: File too large")
+    assert_error_line(done, f"cannot write {tmp_path / 'new.wdp'}: File too large")
     assert names(tmp_path) == []
 
 
@@ -65,11 +65,11 @@ def small_disk(tmp_path: Path) -> Iterator[Path]:
     folder = tmp_path / "disk"
     folder.mkdir()
     if os.geteuid() != 0:
-        pytest.skip("only the administrator mounts file systems")
+        pytest.skip("mounting needs root")
     mount = ["mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", str(folder)]
     done = subprocess.run(mount, capture_output=True, text=True, check=False)
     if done.returncode != 0:
-        pytest.skip(f"no file system can be mounted here: {done.stderr.strip()}")
+        pytest.skip(f"cannot mount a file system: {done.stderr.strip()}")
     try:
         yield folder
     finally:
@@ -86,30 +86,30 @@ def fill(disk: Path) -> None:
 
 
 @pytest.mark.parametrize("name", [name for name in OUTPUTS if name not in LARGE])
-def test_the_disk_is_full(scan: Path, small_disk: Path, name: str) -> None:
+def test_full_disk(scan: Path, small_disk: Path, name: str) -> None:
     fill(small_disk)
     output = small_disk / name
     done = finished(*call_of(scan, output))
-    assert_told(done, f"cannot write {output}: No space left on device")
+    assert_error_line(done, f"cannot write {output}: No space left on device")
     assert names(small_disk) == ["filler"]
 
 
 @pytest.mark.parametrize("name", LARGE)
-def test_the_disk_becomes_full(scan: Path, small_disk: Path, name: str) -> None:
+def test_disk_fills_up(scan: Path, small_disk: Path, name: str) -> None:
     (small_disk / "filler").write_bytes(b"x" * 57_344)
     output = small_disk / name
     done = finished(*call_of(scan, output))
-    assert_told(done, f"cannot write {output}: No space left on device")
+    assert_error_line(done, f"cannot write {output}: No space left on device")
     assert names(small_disk) == ["filler"]
 
 
-def test_the_disk_is_full_of_a_simulated_scan(small_disk: Path) -> None:
+def test_full_disk_for_a_simulated_scan(small_disk: Path) -> None:
     done = finished("simulate", small_disk / "new.las", "--shots", "200")
-    assert_told(done, f"cannot write {small_disk / 'new.wdp'}: No space left on device")
+    assert_error_line(done, f"cannot write {small_disk / 'new.wdp'}: No space left on device")
     assert names(small_disk) == []
 
 
-@pytest.mark.skipif(not Path("/dev/full").exists(), reason="there is no device that is full")
+@pytest.mark.skipif(not Path("/dev/full").exists(), reason="no /dev/full")
 @pytest.mark.parametrize(
     "call",
     [
@@ -122,9 +122,9 @@ def test_the_disk_is_full_of_a_simulated_scan(small_disk: Path) -> None:
         ("--help",),
     ],
 )
-def test_nothing_can_be_shown(scan: Path, tmp_path: Path, call: tuple[str, ...]) -> None:
+def test_full_standard_output(scan: Path, tmp_path: Path, call: tuple[str, ...]) -> None:
     placed = [word.replace("SCAN", str(scan)).replace("OUT", str(tmp_path)) for word in call]
     with Path("/dev/full").open("w", encoding="ascii") as full:
         done = finished(*placed, stdout=full)
     why = "No space left on device"
-    assert_told(done, why, f"standard output: {why}")
+    assert_error_line(done, why, f"standard output: {why}")

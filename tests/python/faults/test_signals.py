@@ -1,4 +1,4 @@
-"""Signals that ask the command line to end: a sentence, an exit code, no file."""
+"""Signals to the command line: a message, an exit code, no file."""
 
 from __future__ import annotations
 
@@ -29,13 +29,13 @@ ON_LINUX = pytest.mark.skipif(
 def assert_ended(
     process: subprocess.Popen[str], number: signal.Signals, left: str = "; no result was written"
 ) -> None:
-    shown, told = process.communicate(timeout=TIMEOUT_S)
-    assert (process.returncode, shown) == (CODES[number], ""), told
-    assert told == f"{PARTICIPLES[number]}{left}\n"
+    stdout, stderr = process.communicate(timeout=TIMEOUT_S)
+    assert (process.returncode, stdout) == (CODES[number], ""), stderr
+    assert stderr == f"{PARTICIPLES[number]}{left}\n"
 
 
-def without_log(folder: Path) -> list[str]:
-    """Files but the log of suspicious blocks, to which is appended as they are met."""
+def without_statistics(folder: Path) -> list[str]:
+    """Files without the statistics of suspicious blocks, which are appended during the run."""
     return [name for name in names(folder) if not name.endswith("_Warning.txt")]
 
 
@@ -47,7 +47,7 @@ def wait_for_temporary_file(folder: Path) -> None:
     ("ending", "number"),
     [*((ending, signal.SIGINT) for ending in ECHO_ENDINGS), *((".csv", one) for one in CODES)],
 )
-def test_in_the_middle_of_an_extraction(
+def test_during_an_extraction(
     scan: Path, tmp_path: Path, ending: str, number: signal.Signals
 ) -> None:
     output = tmp_path / f"echoes{ending}"
@@ -57,12 +57,12 @@ def test_in_the_middle_of_an_extraction(
     wait_for_temporary_file(tmp_path)
     process.send_signal(number)
     assert_ended(process, number)
-    assert without_log(tmp_path) == [output.name]
+    assert without_statistics(tmp_path) == [output.name]
     assert output.read_bytes() == b"older result"
 
 
 @pytest.mark.parametrize(
-    ("verb", "options"),
+    ("command", "options"),
     [
         ("convert", ["out.h5"]),
         ("simulate", ["--shots", "50"]),
@@ -72,41 +72,43 @@ def test_in_the_middle_of_an_extraction(
         ("system-wave", ["-o", "scanner.toml", "--threshold", "20"]),
     ],
 )
-def test_when_the_output_is_whole_but_has_no_name_yet(
-    scan: Path, tmp_path: Path, verb: str, options: list[str]
+def test_before_the_output_is_renamed(
+    scan: Path, tmp_path: Path, command: str, options: list[str]
 ) -> None:
     placed = [str(tmp_path / word) if "." in word else word for word in options]
-    source = tmp_path / "out.las" if verb == "simulate" else scan
-    process = slow("renaming", verb, source, *placed)
+    source = tmp_path / "out.las" if command == "simulate" else scan
+    process = slow("renaming", command, source, *placed)
     wait_for_temporary_file(tmp_path)
     process.send_signal(signal.SIGTERM)
     assert_ended(process, signal.SIGTERM)
     assert names(tmp_path) == []
 
 
-def test_an_output_that_has_its_name_stays_and_is_told(scan: Path, tmp_path: Path) -> None:
+def test_finished_output_stays_and_is_reported(scan: Path, tmp_path: Path) -> None:
     output = tmp_path / "echoes.csv"
     process = slow("summary", "extract", scan, "-o", output)
     wait_until(output.exists)
     process.send_signal(signal.SIGTERM)
     assert_ended(process, signal.SIGTERM, left=f"; already written: {output}")
-    assert without_log(tmp_path) == [output.name]
+    assert without_statistics(tmp_path) == [output.name]
 
 
 @pytest.mark.parametrize("second", [signal.SIGINT, signal.SIGTERM])
-def test_of_many_signals_one_is_heeded(scan: Path, tmp_path: Path, second: signal.Signals) -> None:
-    """Which of two different ones that come together is for the system to say."""
+def test_only_the_first_of_several_signals_counts(
+    scan: Path, tmp_path: Path, second: signal.Signals
+) -> None:
+    """Of two signals that arrive together the system chooses the first."""
     output = tmp_path / "echoes.csv"
     process = slow("blocks", "extract", scan, "-o", output, "--workers", "2", "--block", "1")
     wait_for_temporary_file(tmp_path)
     process.send_signal(signal.SIGINT)
-    while without_log(tmp_path):
+    while without_statistics(tmp_path):
         process.send_signal(second)
-    shown, told = process.communicate(timeout=TIMEOUT_S)
-    heeded = {CODES[one]: f"{PARTICIPLES[one]}; no result was written\n" for one in CODES}
+    stdout, stderr = process.communicate(timeout=TIMEOUT_S)
+    handled = {CODES[one]: f"{PARTICIPLES[one]}; no result was written\n" for one in CODES}
     assert process.returncode in (CODES[signal.SIGINT], CODES[second])
-    assert (shown, told) == ("", heeded[process.returncode])
-    assert without_log(tmp_path) == []
+    assert (stdout, stderr) == ("", handled[process.returncode])
+    assert without_statistics(tmp_path) == []
 
 
 def catches(process: int, number: signal.Signals) -> bool:
@@ -118,16 +120,16 @@ def catches(process: int, number: signal.Signals) -> bool:
 
 @ON_LINUX
 @pytest.mark.parametrize("number", CODES)
-def test_while_the_libraries_are_loaded(scan: Path, tmp_path: Path, number: signal.Signals) -> None:
-    # Python itself has no handler for SIGTERM: with the program's the loading begins.
-    process = slow("nothing", "extract", scan, "-o", tmp_path / "echoes.csv", "--block", "1")
+def test_while_libraries_are_loaded(scan: Path, tmp_path: Path, number: signal.Signals) -> None:
+    # Python itself has no handler for SIGTERM; the program installs one before it loads libraries.
+    process = slow("none", "extract", scan, "-o", tmp_path / "echoes.csv", "--block", "1")
     wait_until(lambda: catches(process.pid, signal.SIGTERM))
     process.send_signal(number)
     assert_ended(process, number, left="")
     assert names(tmp_path) == []
 
 
-def test_nothing_heavy_is_loaded_before_signals_are_heeded() -> None:
+def test_signals_are_handled_before_libraries_are_loaded() -> None:
     heavy = {"numpy", "pyarrow", "laspy", "h5py", "typer", "rich", "matplotlib", "scipy"}
     code = "import fullwaveform.cli.main, sys; print(*{name.split('.')[0] for name in sys.modules})"
     done = subprocess.run(
@@ -142,8 +144,8 @@ def test_nothing_heavy_is_loaded_before_signals_are_heeded() -> None:
 
 
 @ON_LINUX
-def test_a_signal_that_is_ignored_from_outside_stays_so(scan: Path, tmp_path: Path) -> None:
-    """As below nohup, or for a job in the background of a script."""
+def test_signal_ignored_from_outside_stays_ignored(scan: Path, tmp_path: Path) -> None:
+    """As under nohup, or for a background job of a script."""
     former = signal.signal(signal.SIGHUP, signal.SIG_IGN)
     try:
         process = slow("blocks", "extract", scan, "-o", tmp_path / "e.csv", "--block", "1")
@@ -157,13 +159,13 @@ def test_a_signal_that_is_ignored_from_outside_stays_so(scan: Path, tmp_path: Pa
 
 
 class _Finalized:
-    """Python drops what is raised while it is thrown away."""
+    """Python drops exceptions of finalizers."""
 
     def __del__(self) -> None:
         signal.raise_signal(signal.SIGTERM)
 
 
-def test_a_signal_that_is_dropped_by_python_still_ends_the_run(tmp_path: Path) -> None:
+def test_exception_dropped_by_python_still_ends_the_run(tmp_path: Path) -> None:
     output = tmp_path / "output"
     with (
         pytest.raises(SignalExit) as ended,
@@ -186,11 +188,11 @@ class _Raw(io.FileIO):
 
 
 class _SignalledFile(OutputFile, _Raw):
-    """A signal comes while a piece is written."""
+    """A signal arrives during a write."""
 
 
-def test_a_piece_is_written_to_its_end(tmp_path: Path) -> None:
-    """HDF5 calls `write`, and makes of exceptions in there what it likes."""
+def test_write_is_not_interrupted(tmp_path: Path) -> None:
+    """HDF5 calls `write` and replaces exceptions raised in it."""
     output = tmp_path / "output"
     with (
         pytest.raises(SignalExit),
@@ -203,8 +205,8 @@ def test_a_piece_is_written_to_its_end(tmp_path: Path) -> None:
     assert names(tmp_path) == []
 
 
-def test_outputs_of_the_unwinding_get_their_names(tmp_path: Path) -> None:
-    """A run notes down how far it came."""
+def test_outputs_written_after_the_signal_are_renamed(tmp_path: Path) -> None:
+    """A run saves its progress."""
     note = tmp_path / "note"
     with pytest.raises(SignalExit), raise_on_signals():
         try:
@@ -215,14 +217,14 @@ def test_outputs_of_the_unwinding_get_their_names(tmp_path: Path) -> None:
     assert note.read_bytes() == b"half the way"
 
 
-def test_former_handlers_are_back_afterwards() -> None:
+def test_former_handlers_are_restored() -> None:
     former = {number: signal.getsignal(number) for number in CODES}
     with pytest.raises(SignalExit), raise_on_signals():
         signal.raise_signal(signal.SIGINT)
     assert {number: signal.getsignal(number) for number in CODES} == former
 
 
-def test_an_error_that_a_library_makes_of_a_signal_is_the_signal() -> None:
+def test_library_error_caused_by_a_signal_counts_as_the_signal() -> None:
     with pytest.raises(SignalExit) as ended, raise_on_signals():
         try:
             signal.raise_signal(signal.SIGINT)

@@ -1,4 +1,4 @@
-"""Inputs that are cut short and folders that go away while a run is under way."""
+"""Inputs that are truncated and folders that are removed during a run."""
 
 from __future__ import annotations
 
@@ -26,21 +26,21 @@ EXTRACT_BY_BLOCKS = ("--threshold", "20", "--block", "50", "--workers", "1")
 def after_the_first_block(
     monkeypatch: pytest.MonkeyPatch, step: type, name: str, happens: Callable[[], object]
 ) -> None:
-    """Has something happen when the method has dealt with a block for the first time."""
+    """Call a function after the method has processed its first block."""
     method, left = getattr(step, name), [happens]
 
-    def dealing(self: Any, block: Any) -> Any:
+    def processing(self: Any, block: Any) -> Any:
         result = method(self, block)
         if left:
             left.pop()()
         return result
 
-    monkeypatch.setattr(step, name, dealing)
+    monkeypatch.setattr(step, name, processing)
 
 
 @pytest.fixture
 def own_scan(scan: Path, tmp_path: Path) -> Path:
-    """A copy of the scan in a folder of its own."""
+    """A copy of the scan in its own folder."""
     (folder := tmp_path / "in").mkdir()
     for ending in (".las", ".wdp"):
         shutil.copy(scan.with_suffix(ending), folder)
@@ -55,7 +55,7 @@ def pulsewaves(folder: Path) -> Path:
 
 
 def container(folder: Path) -> Path:
-    """8000 waveforms: more than HDF5 keeps in memory of what it has read."""
+    """8000 waveforms: more than HDF5 caches in memory."""
     long = write_scan(simulate_scan(ScanSettings(shots=4000)), folder / "long.las").las
     assert run("convert", long, folder / "scan.h5", "--quiet").exit_code == 0
     return folder / "scan.h5"
@@ -70,7 +70,7 @@ def compressed(folder: Path) -> Path:
 
 
 @pytest.mark.parametrize("cut", ["scan.wdp", "scan.wvs", "scan.h5"])
-def test_samples_that_are_cut_off(
+def test_truncated_samples(
     own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, cut: str
 ) -> None:
     shortened = own_scan.with_name(cut)
@@ -88,7 +88,7 @@ def test_samples_that_are_cut_off(
 
 
 @pytest.mark.parametrize(("ending", "left"), [(".las", 3 / 4), (".laz", 1 / 2), (".pls", 3 / 4)])
-def test_points_that_are_cut_off(
+def test_truncated_points(
     own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, ending: str, left: float
 ) -> None:
     source = {
@@ -105,7 +105,7 @@ def test_points_that_are_cut_off(
 
 
 @pytest.mark.parametrize("ending", ECHO_ENDINGS)
-def test_the_folder_of_the_echoes_is_removed(
+def test_removed_folder_of_the_echoes(
     own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, ending: str
 ) -> None:
     (folder := tmp_path / "out").mkdir()
@@ -116,7 +116,7 @@ def test_the_folder_of_the_echoes_is_removed(
     assert not folder.exists()
 
 
-def test_the_folder_of_a_container_is_removed(
+def test_removed_folder_of_a_container(
     own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     (folder := tmp_path / "out").mkdir()

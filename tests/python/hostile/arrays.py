@@ -1,4 +1,4 @@
-"""Scan containers and NumPy archives that are damaged or hold the wrong things."""
+"""Scan containers and NumPy archives that are corrupt or have invalid content."""
 
 from __future__ import annotations
 
@@ -45,7 +45,7 @@ def changed(change: Callable[[h5py.File], object]) -> Case:
 
 
 def replaced(name: str, values: object) -> Case:
-    """A dataset of the waveforms' grid holds something else."""
+    """A dataset of the waveforms is replaced."""
 
     def change(file: h5py.File) -> None:
         del file[FIELDS][name]
@@ -142,7 +142,7 @@ NAN = float("nan")
 
 def cases() -> Iterator[tuple[str, Case]]:
     for part in (0.0, 0.001, 0.01, 0.1, 0.5, 0.9, 0.999):
-        yield f"container cut to {part:g} of its size", container_cut(part)
+        yield f"container truncated to {part:g} of its size", container_cut(part)
     for name in (FIELDS, "waveforms", "space"):
         yield f"container without {name}", without(name)
     for name in ("Waveforms", "SampleCount", "ShotTime", "SBL_Time", "ChannelFlag"):
@@ -150,32 +150,32 @@ def cases() -> Iterator[tuple[str, Case]]:
     yield "container without anchor", without("space/anchor")
     yield "container of another format", attribute("/", "format", "something else")
     yield "container of version 99", attribute("/", "format_version", 99)
-    yield "container whose version is a text", attribute("/", "format_version", "one")
-    yield "samples as numbers with fractions", replaced("Waveforms", np.zeros((4, 4)))
+    yield "container with text as version", attribute("/", "format_version", "one")
+    yield "samples as floating-point numbers", replaced("Waveforms", np.zeros((4, 4)))
     yield "samples of one dimension", replaced("Waveforms", np.zeros(4, np.uint16))
     yield "samples of three rows", replaced("Waveforms", np.zeros((3, 4), np.uint16))
-    yield "samples that are a text", replaced("Waveforms", "samples")
+    yield "samples as text", replaced("Waveforms", "samples")
     yield "counts above the width", replaced("SampleCount", np.full(4, 5, np.uint16))
     yield "counts of three rows", replaced("SampleCount", np.full(3, 4, np.uint16))
-    yield "counts as a text", replaced("SampleCount", "four")
-    yield "no count of samples", replaced("SampleCount", np.zeros(4, np.uint16))
-    yield "times that are not numbers", replaced("ShotTime", np.full(4, NAN))
-    yield "times as texts", replaced("ShotTime", ["a", "b", "c", "d"])
-    yield "shots that do not stand together", replaced("ShotTime", [1.0, 2.0, 1.0, 2.0])
+    yield "counts as text", replaced("SampleCount", "four")
+    yield "counts of 0", replaced("SampleCount", np.zeros(4, np.uint16))
+    yield "times are NaN", replaced("ShotTime", np.full(4, NAN))
+    yield "times as text", replaced("ShotTime", ["a", "b", "c", "d"])
+    yield "shots that are not consecutive", replaced("ShotTime", [1.0, 2.0, 1.0, 2.0])
     for value in (0.0, -1.0, NAN, float("inf")):
         yield f"interval of {value} s", replaced("SampleInterval", np.full(4, value))
     yield "channel 256", replaced("ChannelFlag", np.full(4, 256))
     yield "a dataset that links to itself", linked_to_itself
-    yield "a dataset in a file that is not there", linked_outside
-    yield "an exponential sum as a text", attribute(f"{FIELDS}/Waveforms", "a_real", "sum")
-    yield "amplitude unit as a text", attribute("scanner", "ampl_unit", "0.01")
+    yield "a dataset in a missing file", linked_outside
+    yield "an exponential sum as text", attribute(f"{FIELDS}/Waveforms", "a_real", "sum")
+    yield "amplitude unit as text", attribute("scanner", "ampl_unit", "0.01")
     yield "amplitude unit of 0", attribute("scanner", "ampl_unit", 0.0)
     yield "scanner without its type", changed(lambda f: f["scanner"].attrs.pop("Scanner Type"))
     yield "after-pulse of -1", attribute("scanner/after_pulse", "offset", -1)
 
     for missing in (1, 10, 22, 100, 500):
         yield f"archive, {missing} bytes missing", archive_cut(missing)
-    yield "archive damaged inside", damaged_inside
+    yield "archive with changed bytes", damaged_inside
     yield "archive without samples", archive(samples=None)
     yield "archive without an interval", archive(sampling_interval=None)
     for interval in (0.0, -1e-9, NAN):
@@ -183,14 +183,14 @@ def cases() -> Iterator[tuple[str, Case]]:
     yield "archive, samples of one dimension", archive(samples=np.zeros(20, np.uint16))
     yield "archive, samples below 0", archive(samples=np.full((3, 20), -1))
     yield "archive, samples above 65535", archive(samples=np.full((3, 20), 65536))
-    yield "archive, samples with fractions", archive(samples=np.full((3, 20), 0.5))
+    yield "archive, samples as floating-point numbers", archive(samples=np.full((3, 20), 0.5))
     yield "archive, complex samples", archive(samples=np.zeros((3, 20), np.complex128))
-    yield "archive, samples as texts", archive(samples=np.full((3, 20), "a"))
+    yield "archive, samples as text", archive(samples=np.full((3, 20), "a"))
     yield "archive, 70000 samples", archive(samples=np.zeros((1, 70_000), np.uint16))
     yield "archive, count above the width", archive(counts=[20, 21, 20])
     yield "archive, count below 0", archive(counts=[20, -1, 20])
     yield "archive, two counts", archive(counts=[20, 20])
-    yield "archive, shots not together", archive(shot_times=[1.0, 2.0, 1.0])
+    yield "archive, shots not consecutive", archive(shot_times=[1.0, 2.0, 1.0])
     yield "archive, flag 300", archive(channel_flags=[1, 300, 1])
     yield (
         "archive, anchors of two coordinates",
@@ -200,10 +200,10 @@ def cases() -> Iterator[tuple[str, Case]]:
     yield "archive, not an array", entry(b"samples")
     yield "archive, empty entry", entry(b"")
     huge = "{'descr': '<u2', 'fortran_order': False, 'shape': (1000000000000, 1000), }\n"
-    yield "archive, 2 PB announced", entry(npy(huge))
+    yield "archive, declares 2 PB", entry(npy(huge))
     negative = "{'descr': '<u2', 'fortran_order': False, 'shape': (-1, 20), }\n"
     yield "archive, negative shape", entry(npy(negative))
     code = "{'descr': '<u2', 'fortran_order': False, 'shape': __import__('os').getpid(), }\n"
     yield "archive, code in the header", entry(npy(code))
     bomb = "{'descr': '<u2', 'fortran_order': False, 'shape': (50000000, 80), }\n"
-    yield "archive, 8 GB announced", entry(npy(bomb, bytes(10_000)))
+    yield "archive, declares 8 GB", entry(npy(bomb, bytes(10_000)))

@@ -1,4 +1,4 @@
-"""Files that are something else, names that are unusual, and calls that contradict themselves."""
+"""Files of other kinds, unusual file names, and invalid calls."""
 
 from __future__ import annotations
 
@@ -11,34 +11,34 @@ from ..support.las_scenes import four_shots
 Case = Callable[[Path], list[str]]
 
 PULSE = [f"{0.5 * i},{1000.0 * 2.0 ** (-((i - 12) ** 2) / 9):.3f}" for i in range(40)]
-#: Texts of time and amplitude with one fault each.
+#: Two-column texts of time and amplitude with one fault each.
 WAVES = {
     "empty file": "",
-    "a line of names only": "time_ns,amplitude\n",
+    "only a header line": "time_ns,amplitude\n",
     "one line": PULSE[0],
     "a line of one column": "\n".join([*PULSE[:20], "10.0", *PULSE[20:]]),
     "a line of three columns": "\n".join([*PULSE[:20], "10.0,1,2", *PULSE[20:]]),
-    "a word among the numbers": "\n".join([*PULSE[:20], "10.0,much", *PULSE[21:]]),
-    "an amplitude that is not a number": "\n".join([*PULSE[:20], "10.0,nan", *PULSE[21:]]),
+    "a word instead of a number": "\n".join([*PULSE[:20], "10.0,much", *PULSE[21:]]),
+    "NaN amplitude": "\n".join([*PULSE[:20], "10.0,nan", *PULSE[21:]]),
     "an infinite amplitude": "\n".join([*PULSE[:20], "10.0,inf", *PULSE[21:]]),
-    "an amplitude without a square": "\n".join([*PULSE[:20], "10.0,1e308", *PULSE[21:]]),
-    "amplitudes of another world": "\n".join(f"{0.5 * i},{i}e300" for i in range(40)),
-    "a time that is not a number": "\n".join([*PULSE[:20], "nan,1.0", *PULSE[21:]]),
+    "an amplitude whose square overflows": "\n".join([*PULSE[:20], "10.0,1e308", *PULSE[21:]]),
+    "huge amplitudes": "\n".join(f"{0.5 * i},{i}e300" for i in range(40)),
+    "NaN time": "\n".join([*PULSE[:20], "nan,1.0", *PULSE[21:]]),
     "a time twice": "\n".join([*PULSE[:20], PULSE[19], *PULSE[20:]]),
     "times close together": "\n".join(f"{1e-300 * i},{i % 7}" for i in range(40)),
-    "times that fall": "\n".join(reversed(PULSE)),
+    "decreasing times": "\n".join(reversed(PULSE)),
     "no pulse": "\n".join(f"{0.5 * i},0.0" for i in range(40)),
-    "amplitudes below 0": "\n".join(f"{0.5 * i},-1.0" for i in range(40)),
+    "negative amplitudes": "\n".join(f"{0.5 * i},-1.0" for i in range(40)),
 }
 
 
 def call(*words: str) -> Case:
-    """A call on a good scan; {} stands for the folder."""
+    """A call on a valid scan; {} is replaced by the folder."""
 
     def case(folder: Path) -> list[str]:
         four_shots().write(folder / "scan.las")
         (folder / "taken").mkdir()
-        (folder / "taken" / "file.txt").write_text("here before", encoding="ascii")
+        (folder / "taken" / "file.txt").write_text("old content", encoding="ascii")
         return [word.replace("{}", str(folder)) for word in words]
 
     return case
@@ -46,6 +46,10 @@ def call(*words: str) -> Case:
 
 def extract(*options: str, source: str = "{}/scan.las", output: str = "{}/out.csv") -> Case:
     return call("extract", source, "-o", output, *options)
+
+
+def cluster(*options: str) -> Case:
+    return call("cluster", "{}/scan.las", "-o", "{}/parts", *options)
 
 
 def content(data: bytes, name: str = "scan.las") -> Case:
@@ -61,13 +65,13 @@ def link_to_itself(folder: Path) -> list[str]:
     return ["extract", str(folder / "scan.las"), "-o", str(folder / "out.csv")]
 
 
-def link_to_nothing(folder: Path) -> list[str]:
+def broken_link(folder: Path) -> list[str]:
     (folder / "scan.las").symlink_to(folder / "gone.las")
     return ["extract", str(folder / "scan.las"), "-o", str(folder / "out.csv")]
 
 
 def pipe(folder: Path) -> list[str]:
-    """A pipe that nobody writes to would be waited for without end."""
+    """Opening a pipe without a writer would block."""
     os.mkfifo(folder / "scan.las")
     return ["extract", str(folder / "scan.las"), "-o", str(folder / "out.csv")]
 
@@ -84,7 +88,7 @@ def wave_of(text: str) -> Case:
 
 
 def compare_cut(folder: Path) -> list[str]:
-    """The second file of echoes lacks its last bytes."""
+    """The file of echoes is truncated."""
     scan = four_shots().write(folder / "scan.las")
     echoes = four_shots().write(folder / "echoes.las")
     os.truncate(echoes, echoes.stat().st_size - 60)
@@ -101,40 +105,52 @@ def cases() -> Iterator[tuple[str, Case]]:
     yield "an empty file", content(b"")
     yield "a text", content(b"x,y,z\n1,2,3\n")
     yield "zeros", content(bytes(1000))
-    yield "LASF and nothing else", content(b"LASF")
+    yield "only LASF", content(b"LASF")
     yield "LASF and bytes", content(b"LASF" + bytes(range(256)) * 4)
-    yield "PulseWavesPulse and nothing else", content(b"PulseWavesPulse\0", "scan.pls")
-    yield "HDF5's signature and nothing else", content(b"\x89HDF\r\n\x1a\n", "scan.h5")
-    yield "an archive's signature and nothing else", content(b"PK\x03\x04", "scan.npz")
+    yield "only PulseWavesPulse", content(b"PulseWavesPulse\0", "scan.pls")
+    yield "only the signature of HDF5", content(b"\x89HDF\r\n\x1a\n", "scan.h5")
+    yield "only the signature of an archive", content(b"PK\x03\x04", "scan.npz")
     yield "an empty archive", content(b"PK\x05\x06" + bytes(18), "scan.npz")
     yield "a link to itself", link_to_itself
-    yield "a link to nothing", link_to_nothing
+    yield "a broken link", broken_link
     yield "a pipe", pipe
-    yield "no file", extract(source="{}/gone.las")
-    yield "no file, dots and blanks in its name", extract(source="{}/a. b..c .las")
-    yield "no file, letters with accents", extract(source="{}/Größe-é-数.las")
-    yield "no file, a line feed in its name", extract(source="{}/a\nb.las")
+    yield "missing file", extract(source="{}/gone.las")
+    yield "missing file, dots and spaces in its name", extract(source="{}/a. b..c .las")
+    yield "missing file, accented letters", extract(source="{}/Größe-é-数.las")
+    yield "missing file, a line feed in its name", extract(source="{}/a\nb.las")
     yield "a name of 300 letters", extract(source="{}/" + "a" * 300 + ".las")
     yield "a folder", extract(source="{}/taken")
-    yield "a file taken for a folder", extract(source="{}/scan.las/scan.las")
+    yield "a file used as a folder", extract(source="{}/scan.las/scan.las")
 
-    yield "output in a folder that is not there", extract(output="{}/gone/out.csv")
+    yield "output in a missing folder", extract(output="{}/gone/out.csv")
     yield "output is a folder", extract(output="{}/taken")
     yield (
-        "output is a folder with an ending",
+        "output in a file used as a folder",
         call("extract", "{}/scan.las", "-o", "{}/taken/../taken/file.txt/out.csv"),
     )
     yield "output is the input", extract(output="{}/scan.las")
     yield "output links to the input", output_links_to_the_input
     yield "output of an unknown kind", extract(output="{}/out.xyz")
-    yield "output without an ending", extract(output="{}/out")
+    yield "output without a suffix", extract(output="{}/out")
     yield "output of 300 letters", extract(output="{}/" + "a" * 300 + ".csv")
     yield "waveforms without echoes in a LAS file", extract("--keep-empty", output="{}/out.las")
 
     yield "mode 4", extract("--mode", "4")
+    for scheduler in ("here", "tcp://here"):
+        yield f"scheduler {scheduler}", cluster("--scheduler", scheduler)
+    yield "workers of a remote scheduler", cluster("--scheduler", "a:1", "--workers", "2")
+    yield "parts of an unknown format", cluster("--scheduler", "a:1", "--format", "pdf")
+    yield (
+        "parts in a folder with files",
+        call("cluster", "{}/scan.las", "-o", "{}/taken", "--scheduler", "a:1"),
+    )
+    yield (
+        "resume without a run",
+        call("cluster", "{}/scan.las", "-o", "{}/parts", "--scheduler", "a:1", "--resume"),
+    )
     yield "mode of another name", extract("--mode", "gauss")
-    for noise in ("-1", "65536", "12.5", "nan", "loud"):
-        yield f"noise of {noise}", extract("--threshold", noise)
+    for threshold in ("-1", "65536", "12.5", "nan", "loud"):
+        yield f"threshold {threshold}", extract("--threshold", threshold)
     for channel in ("256", "-1", "left", "300=low", "=low", "1=", "1=2=3"):
         yield f"channel {channel}", extract("--channel", channel)
     for window in ("1", "1,2,3", "-1,2", "1.5,2", "on", "1,99999999999"):
@@ -143,41 +159,44 @@ def cases() -> Iterator[tuple[str, Case]]:
         for value in ("0", "-1", "1.5", "many"):
             yield f"{option} {value}", extract(option, value)
     yield "quiet and verbose", extract("--quiet", "--verbose")
-    yield "two files for one run", call("extract", "{}/scan.las", "{}/scan.las", "-o", "{}/out.csv")
-    yield "resume without a cluster", extract("--resume")
+    yield (
+        "extract with two files",
+        call("extract", "{}/scan.las", "{}/scan.las", "-o", "{}/out.csv"),
+    )
+    yield "extract with an option of cluster", extract("--resume")
     yield "an unknown option", extract("--colour", "red")
-    yield "an unknown verb", call("extrakt", "{}/scan.las")
+    yield "an unknown command", call("extrakt", "{}/scan.las")
     yield "no output", call("extract", "{}/scan.las")
 
     yield "convert into another kind", call("convert", "{}/scan.las", "{}/out.las")
-    yield "convert without a file", call("convert", "{}/gone.las", "{}/out.h5")
+    yield "convert a missing file", call("convert", "{}/gone.las", "{}/out.h5")
     yield (
         "convert with an interval of 0",
         call("convert", "{}/scan.las", "{}/out.h5", "--interval", "0"),
     )
     yield (
-        "convert with an interval beside the file's own",
+        "convert with an interval, although the file has one",
         call("convert", "{}/scan.las", "{}/out.h5", "--interval", "1"),
     )
     yield "compare with a text", call("compare", "{}/scan.las", "{}/taken/file.txt")
     yield (
-        "compare within nothing",
+        "compare with tolerance 0",
         call("compare", "{}/scan.las", "{}/scan.las", "--tolerance", "0"),
     )
     yield (
-        "compare into a picture of another kind",
+        "compare with a plot of an unknown kind",
         call("compare", "{}/scan.las", "{}/scan.las", "--plot", "{}/out.gif"),
     )
     yield "simulate no shots", call("simulate", "{}/out.las", "--shots", "0")
-    yield "simulate into a folder that is not there", call("simulate", "{}/gone/out.las")
+    yield "simulate into a missing folder", call("simulate", "{}/gone/out.las")
     yield "simulate another kind", call("simulate", "{}/out.csv")
     yield (
-        "system wave of a text that is none",
+        "system wave of text without columns",
         call("system-wave", "{}/taken/file.txt", "-o", "{}/out.toml"),
     )
     for what, content_of in WAVES.items():
         yield f"system wave, {what}", wave_of(content_of)
-    yield "compare with a file that is cut off", compare_cut
+    yield "compare with a truncated file", compare_cut
     yield (
         "system wave of order 99",
         call("system-wave", "{}/scan.las", "-o", "{}/out.toml", "--order", "99"),

@@ -1,7 +1,7 @@
-"""Broken inputs, each made of a good one by one change, and the call that meets it.
+"""Invalid inputs, each made from a valid one by one change, and the calls that read them.
 
-A case is a function that prepares a folder and returns the words of a call. Its output, if it made
-one, would be called ``out.*``.
+A case is a function that prepares a folder and returns the arguments of a call, whose output would
+be called ``out.*``.
 """
 
 from __future__ import annotations

@@ -1,4 +1,4 @@
-"""LAS files cut at their borders, with wrong counts, places and sizes."""
+"""LAS files that are truncated or have invalid counts, offsets and sizes."""
 
 from __future__ import annotations
 
@@ -16,12 +16,12 @@ HEADER_SIZE, POINTS_START, RECORDS = 94, 96, 100
 FORMAT, POINT_SIZE, COUNT_13 = 104, 105, 107
 SCALES, OFFSETS = 131, 155
 NAMES = {
-    "dots and blanks": "a. b..c ",
-    "letters with accents": "Größe-é-数",
+    "dots and spaces": "a. b..c ",
+    "accented letters": "Größe-é-数",
     "a line feed": "a\nb",
-    "bytes that are no letters": os.fsdecode(b"\xff\xfe"),
-    "the signs of an option": "-o",
-    "the signs of a colour": "\x1b[31m[red]x",
+    "bytes that are not UTF-8": os.fsdecode(b"\xff\xfe"),
+    "the form of an option": "-o",
+    "terminal colour codes": "\x1b[31m[red]x",
 }
 PACKETS_START, EXTENDED_START, EXTENDED_COUNT, COUNT_14 = 227, 235, 243, 247
 
@@ -35,7 +35,7 @@ def good(folder: Path, **options: object) -> Path:
 
 
 def cut(to: int, *, packets: bool = False, **options: object) -> Case:
-    """The file, or its packets, end after so many bytes; negative: so many are missing."""
+    """The file or its packets end after `to` bytes; negative: this many bytes are missing."""
 
     def case(folder: Path) -> list[str]:
         path = good(folder, **options)
@@ -48,7 +48,7 @@ def cut(to: int, *, packets: bool = False, **options: object) -> Case:
 
 
 def patched(position: int, layout: str, *values: float, version: str = "1.3") -> Case:
-    """A few bytes of the header, or behind it, are others."""
+    """A few bytes in or after the header are changed."""
 
     def case(folder: Path) -> list[str]:
         options = {} if version == "1.3" else {"version": "1.4", "point_format": 9}
@@ -60,7 +60,7 @@ def patched(position: int, layout: str, *values: float, version: str = "1.3") ->
 
 
 def point_patched(field: int, layout: str, value: float, rows: range = range(4)) -> Case:
-    """A field of the points' records is another."""
+    """A field of the point records is changed."""
 
     def case(folder: Path) -> list[str]:
         path = good(folder)
@@ -73,7 +73,7 @@ def point_patched(field: int, layout: str, value: float, rows: range = range(4))
 
 
 def descriptor_patched(field: int, layout: str, value: float) -> Case:
-    """A field of the only waveform descriptor is another; 54 bytes are the record's header."""
+    """A field of the only waveform descriptor is changed; the record header has 54 bytes."""
 
     def case(folder: Path) -> list[str]:
         path = good(folder)
@@ -89,7 +89,7 @@ def scene(made: Callable[[], Scene]) -> Case:
 
 
 def named(stem: str, *, packets: bool) -> Case:
-    """A file of an unusual name that is cut off, or whose packets are missing."""
+    """A file with an unusual name that is truncated or whose packets are missing."""
 
     def case(folder: Path) -> list[str]:
         path = good(folder)
@@ -123,7 +123,7 @@ def packets_link_to_themselves(folder: Path) -> list[str]:
 
 
 def extended_record_that_is_its_own_successor(folder: Path) -> list[str]:
-    """A length that wraps around leads back to the record itself."""
+    """A length that overflows points back to the record itself."""
     path = good(folder, version="1.4", point_format=9, inside=True)
     (start,) = struct.unpack_from("<Q", path.read_bytes(), EXTENDED_START)
     patch(path, EXTENDED_COUNT, "<I", 2**32 - 1)
@@ -152,11 +152,11 @@ def laz_cut(to: int) -> Case:
 
 def cases() -> Iterator[tuple[str, Case]]:
     for size in (0, 1, 3, 4, 24, 94, 100, 131, 226, 227, 234, 235, 280, 300, 314, 315, 330):
-        yield f"cut after byte {size}", cut(size)
+        yield f"truncated after byte {size}", cut(size)
     for missing in (-1, -POINT, -POINT - 1, -2 * POINT, -4 * POINT + 1, -4 * POINT):
         yield f"{-missing} bytes missing", cut(missing)
     for size in (0, 1, 20, 59, 60, 61, 63):
-        yield f"packets cut after byte {size}", cut(size, packets=True)
+        yield f"packets truncated after byte {size}", cut(size, packets=True)
     for missing in (-1, -4, -5, -12):
         yield f"{-missing} bytes of the packets missing", cut(missing, packets=True)
         yield (
@@ -165,7 +165,7 @@ def cases() -> Iterator[tuple[str, Case]]:
         )
     new = {"version": "1.4", "point_format": 9}
     for size in (227, 235, 243, 247, 255, 374, 375, 376, 428, 429, 455):
-        yield f"version 1.4, cut after byte {size}", cut(size, **new)
+        yield f"version 1.4, truncated after byte {size}", cut(size, **new)
     for missing in (-16, -17, -56, -76, -77, -135):
         yield (
             f"version 1.4, {-missing} bytes missing, packets inside",
@@ -176,25 +176,25 @@ def cases() -> Iterator[tuple[str, Case]]:
     yield "packets link to themselves", packets_link_to_themselves
 
     for what, stem in NAMES.items():
-        yield f"cut off, {what} in its name", named(stem, packets=True)
+        yield f"truncated, {what} in its name", named(stem, packets=True)
         yield f"no packets, {what} in its name", named(stem, packets=False)
 
     for version in (1, 2, 5, 9):
-        yield f"says to be version 1.{version}", patched(25, "<B", version)
+        yield f"declares version 1.{version}", patched(25, "<B", version)
     for kind in (0, 1, 3, 5, 6, 10, 11, 63, 127, 128 + 4, 255):
-        yield f"says point format {kind}", patched(FORMAT, "<B", kind)
+        yield f"declares point format {kind}", patched(FORMAT, "<B", kind)
     for size in (0, 1, 56, 65535):
         yield f"points of {size} bytes", patched(POINT_SIZE, "<H", size)
     for count in (5, 100_000, 2**32 - 1):
-        yield f"says {count} points", patched(COUNT_13, "<I", count)
+        yield f"declares {count} points", patched(COUNT_13, "<I", count)
     for count in (5, 2**40, 2**64 - 1):
-        yield f"says {count} points, version 1.4", patched(COUNT_14, "<Q", count, version="1.4")
+        yield f"declares {count} points, version 1.4", patched(COUNT_14, "<Q", count, version="1.4")
     for size in (0, 100, 65535):
         yield f"header of {size} bytes", patched(HEADER_SIZE, "<H", size)
     for start in (0, 226, 2**31, 2**32 - 1):
         yield f"points start at byte {start}", patched(POINTS_START, "<I", start)
     for records in (0, 2, 1000, 2**32 - 1):
-        yield f"says {records} variable records", patched(RECORDS, "<I", records)
+        yield f"declares {records} variable records", patched(RECORDS, "<I", records)
     for value in (0.0, float("nan"), float("inf"), 1e308):
         yield f"scale {value}", patched(SCALES, "<d", value)
     for value in (float("nan"), float("-inf")):
@@ -206,10 +206,10 @@ def cases() -> Iterator[tuple[str, Case]]:
         )
     yield "extended record follows itself", extended_record_that_is_its_own_successor
     for encoding in (0, 2, 6):
-        yield f"global encoding {encoding} and packets that are not there", _encoding(encoding)
+        yield f"global encoding {encoding} without packets", _encoding(encoding)
 
     yield "no descriptor", no_descriptor
-    yield "descriptor of another number", another_descriptor
+    yield "descriptor with another number", another_descriptor
     for bits in (0, 1, 4, 12, 32, 255):
         yield f"{bits} bits per sample", descriptor_patched(54, "<B", bits)
     for kind in (1, 2, 255):
@@ -228,9 +228,9 @@ def cases() -> Iterator[tuple[str, Case]]:
     yield "packets overlap", point_patched(29, "<Q", 61, range(1, 2))
     for size in (0, 3, 2**32 - 1):
         yield f"packets of {size} bytes", point_patched(37, "<I", size)
-    yield "locations are not numbers", point_patched(41, "<f", float("nan"))
+    yield "locations are NaN", point_patched(41, "<f", float("nan"))
     yield "direction is infinite", point_patched(45, "<f", float("inf"))
-    yield "times are not numbers", point_patched(20, "<d", float("nan"))
+    yield "times are NaN", point_patched(20, "<d", float("nan"))
     yield "one time is infinite", point_patched(20, "<d", float("inf"), range(1))
 
     for missing in (-1, -20, -60):

@@ -1,4 +1,4 @@
-"""PulseWaves files cut at their borders, with wrong counts, places and sizes."""
+"""PulseWaves files that are truncated or have invalid counts, offsets and sizes."""
 
 from __future__ import annotations
 
@@ -56,7 +56,7 @@ def scene(build: Callable[[], Scene]) -> Case:
 
 
 def sampled(**fields: float) -> Case:
-    """A single pulse of four samples whose sampling is described otherwise."""
+    """A single pulse of four samples with another description of its sampling."""
     sampling = Sampling(**fields)  # type: ignore[arg-type]
 
     def build() -> Scene:
@@ -77,7 +77,7 @@ def waves_given(folder: Path) -> list[str]:
 
 
 def composition_that_names_itself(folder: Path) -> list[str]:
-    """The list of appended records never comes to its end."""
+    """The list of appended records never ends."""
     path = three_pulses().write(folder / "scan.pls")
     patch(path, made.APPENDED, "<i", -1)
     return extract(path)
@@ -85,41 +85,41 @@ def composition_that_names_itself(folder: Path) -> list[str]:
 
 def cases() -> Iterator[tuple[str, Case]]:
     for size in (0, 8, 15, 16, 100, 172, 174, 184, 220, 351, 352, 400, 447, 448, 500, 540):
-        yield f"cut after byte {size}", cut(size)
+        yield f"truncated after byte {size}", cut(size)
     for missing in (-1, -48, -49, -143, -144):
         yield f"{-missing} bytes missing", cut(missing)
     for size in (0, 8, 15, 16, 20, 59, 60):
-        yield f"samples cut after byte {size}", cut(size, waves=True)
+        yield f"samples truncated after byte {size}", cut(size, waves=True)
     for missing in (-1, -4, -5):
         yield f"{-missing} bytes of the samples missing", cut(missing, waves=True)
     yield "no samples", without_waves
-    yield "the samples themselves", waves_given
+    yield "the sample file as input", waves_given
 
     for major in (1, 255):
-        yield f"says to be version {major}", patched(made.MAJOR, "<B", major)
+        yield f"declares version {major}", patched(made.MAJOR, "<B", major)
     for size in (0, 351, 353, 65535):
         yield f"header of {size} bytes", patched(made.HEADER_SIZE, "<H", size)
     for start in (-1, 0, 2**40, 2**63 - 1):
         yield f"pulses start at byte {start}", patched(made.PULSES_START, "<q", start)
     for count in (-1, 4, 2**40, 2**63 - 1):
-        yield f"says {count} pulses", patched(made.PULSE_COUNT, "<q", count)
+        yield f"declares {count} pulses", patched(made.PULSE_COUNT, "<q", count)
     for kind in (1, 2**32 - 1):
         yield f"pulse format {kind}", patched(made.PULSE_FORMAT, "<I", kind)
     for size in (0, 47, 2**32 - 1):
         yield f"pulses of {size} bytes", patched(made.PULSE_SIZE, "<I", size)
     yield "compressed pulses", patched(made.COMPRESSION, "<I", 1)
     for count in (0, 2, 2**32 - 1):
-        yield f"says {count} records", patched(made.RECORDS, "<I", count)
+        yield f"declares {count} records", patched(made.RECORDS, "<I", count)
     for count in (2, 2**31 - 1):
-        yield f"says {count} appended records", patched(made.APPENDED, "<i", count)
+        yield f"declares {count} appended records", patched(made.APPENDED, "<i", count)
     yield "appended records without an end", composition_that_names_itself
     for value in (0.0, float("nan"), float("inf")):
         yield f"scale {value}", patched(made.SCALES, "<d", value)
-    yield "offset is not a number", patched(made.OFFSETS, "<d", float("nan"))
+    yield "offset is NaN", patched(made.OFFSETS, "<d", float("nan"))
     for value in (float("nan"), float("inf")):
         yield f"scale of the times {value}", patched(made.TIME_SCALE, "<d", value)
     yield "compressed samples", patched(made.WAVES_COMPRESSION, "<I", 1, waves=True)
-    yield "samples that are none", patched(0, "<B", 0, waves=True)
+    yield "samples without their signature", patched(0, "<B", 0, waves=True)
 
     yield "pulses name descriptor 9", pulse_patched(44, "<B", 9)
     for offset in (-1, 0, 59, 10**6, 2**63 - 1):

@@ -1,4 +1,4 @@
-"""Runs all cases in a process of their own, with bounds on memory and time; a line of JSON each."""
+"""Runs all cases with limits on memory and time, and prints a line of JSON for each."""
 
 from __future__ import annotations
 
@@ -19,12 +19,12 @@ from fullwaveform.cli.app import app
 from ..support.las_scenes import four_shots
 from .corpus import Case, cases
 
-MEMORY = 1 << 30  # bytes of address space beyond what the libraries and their threads have
+MEMORY = 1 << 30  # bytes of address space in addition to that of the libraries and their threads
 SECONDS = 20  # for a single case
 
 
 def contents(folder: Path) -> dict[str, str]:
-    """What there is anywhere below the folder: a digest of each file, the kind of all else."""
+    """Everything below the folder: a digest of each file, the kind of all else."""
     found = {}
     for path in sorted(folder.rglob("*")):
         kind = "link" if path.is_symlink() else "folder" if path.is_dir() else "other"
@@ -55,7 +55,7 @@ def run_case(case: Case, folder: Path) -> dict[str, object]:
 
 
 def load_everything(folder: Path) -> None:
-    """A run that goes well, which has the libraries of every format loaded."""
+    """Valid runs that load the libraries of every format."""
     folder.mkdir(parents=True)
     scan = four_shots().write(folder / "scan.las")
     for words in (
@@ -68,7 +68,7 @@ def load_everything(folder: Path) -> None:
 
 def main(folder: Path) -> None:
     def too_long(number: int, frame: FrameType | None) -> None:
-        raise TimeoutError(f"not done after {SECONDS} s")
+        raise TimeoutError(f"not finished after {SECONDS} s")
 
     signal.signal(signal.SIGALRM, too_long)
     load_everything(folder / "good")

@@ -1,4 +1,4 @@
-"""Scanner descriptions with missing, wrong-typed and senseless attributes."""
+"""Scanner descriptions with missing and invalid attributes."""
 
 from __future__ import annotations
 
@@ -48,14 +48,14 @@ def raw(content: bytes) -> Case:
     return lambda folder: called(folder, content)
 
 
-def not_there(folder: Path) -> list[str]:
+def missing(folder: Path) -> list[str]:
     call = called(folder, b"")
     (folder / "scanner.toml").unlink()
     return call
 
 
 def a_folder(folder: Path) -> list[str]:
-    call = not_there(folder)
+    call = missing(folder)
     (folder / "scanner.toml").mkdir()
     return call
 
@@ -79,11 +79,11 @@ def cases() -> Iterator[tuple[str, Case]]:
         for value in ("0.0", "-1.0"):
             yield f"{name} = {value}", described({name: value})
     yield "an unknown attribute", described({"Colour": '"red"'})
-    yield "nothing in it", raw(b"")
-    yield "no TOML", raw(b"ampl_unit: 3")
+    yield "empty", raw(b"")
+    yield "not TOML", raw(b"ampl_unit: 3")
     yield "bytes", raw(bytes(range(256)))
     yield "UTF-16", raw("ampl_unit = 1".encode("utf-16"))
-    yield "not there", not_there
+    yield "missing", missing
     yield "a folder", a_folder
     yield "deconvolution without a system wave", described({}, "--mode", "2")
     yield "hybrid without a system wave", described({}, "--mode", "hybrid")
@@ -98,5 +98,5 @@ def cases() -> Iterator[tuple[str, Case]]:
         "after-pulse before the pulse",
         described({}, more="[after_pulse]\noffset = -1\nwidth = 2"),
     )
-    yield "offset of a text", described({}, more='[deconvolution]\nposition_offset = "1"')
+    yield "offset as text", described({}, more='[deconvolution]\nposition_offset = "1"')
     yield "offset without an interval", described({}, more="[deconvolution]\nposition_offset = 1.0")

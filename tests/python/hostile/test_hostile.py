@@ -1,4 +1,4 @@
-"""Broken inputs: a sentence and an exit code each, nothing left, bounded time and memory."""
+"""Invalid inputs: one message and an exit code, no output, bounded time and memory."""
 
 from __future__ import annotations
 
@@ -7,9 +7,9 @@ from typing import Any
 import pytest
 
 from .corpus import cases
-from .messages import LIST, as_text, outcomes, sentence
+from .messages import LIST, as_text, message, outcomes
 
-SECONDS = 10.0  # of a machine under load; a case takes a few milliseconds
+SECONDS = 10.0  # on a machine under load; a case takes a few milliseconds
 
 
 @pytest.fixture(scope="module")
@@ -18,7 +18,7 @@ def found(tmp_path_factory: pytest.TempPathFactory) -> dict[str, dict[str, Any]]
     return {outcome["name"]: outcome for outcome in outcomes(folder)}
 
 
-def test_there_are_many() -> None:
+def test_number_of_cases() -> None:
     assert len(cases()) >= 450
 
 
@@ -34,12 +34,12 @@ def test_case(name: str, found: dict[str, dict[str, Any]]) -> None:
         assert len(line) > len("fullwaveform: ") + 10
     else:
         assert "Usage: " in outcome["stderr"]
-        assert len(sentence(outcome)) > len("exit 2: ") + 10
+        assert len(message(outcome)) > len("exit 2: ") + 10
     assert "Traceback" not in outcome["stderr"]
-    assert outcome["changed"] == []  # nothing new, and nothing that was there is other or gone
+    assert outcome["changed"] == []  # no file added, changed or removed
     assert outcome["seconds"] < SECONDS
 
 
-def test_every_sentence_is_the_listed_one(found: dict[str, dict[str, Any]]) -> None:
+def test_messages_are_those_of_the_list(found: dict[str, dict[str, Any]]) -> None:
     listed = LIST.read_text(encoding="utf-8")
     assert as_text(list(found.values())) == listed

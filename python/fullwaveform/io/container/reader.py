@@ -101,18 +101,25 @@ class ScanContainerReader(ArrayReader):
         if attributes is None:
             return None
         with damaged_file_errors(self._path, "scanner description"):
-            scanner = Scanner.from_attributes(attributes)
-            if AFTER_PULSE in self._file:
-                values = {name: int(value) for name, value in self._file[AFTER_PULSE].attrs.items()}
-                scanner = replace(scanner, after_pulse=AfterPulse(**values))
-            if DECONVOLUTION in self._file:
-                offsets = self._file[DECONVOLUTION].attrs
-                hybrid = offsets.get("position_offset_hybrid")
-                scanner = replace(
-                    scanner,
-                    deconvolution_offset=float(offsets["position_offset"]),
-                    deconvolution_offset_hybrid=None if hybrid is None else float(hybrid),
-                )
+            try:
+                return self._described(Scanner.from_attributes(attributes))
+            except ValueError as error:
+                message = f"{self._path}: invalid scanner description: {error}"
+                raise WaveformFileError(message) from error
+
+    def _described(self, scanner: Scanner) -> Scanner:
+        """The scanner with after-pulse and offsets of the file."""
+        if AFTER_PULSE in self._file:
+            values = {name: int(value) for name, value in self._file[AFTER_PULSE].attrs.items()}
+            scanner = replace(scanner, after_pulse=AfterPulse(**values))
+        if DECONVOLUTION in self._file:
+            offsets = self._file[DECONVOLUTION].attrs
+            hybrid = offsets.get("position_offset_hybrid")
+            scanner = replace(
+                scanner,
+                deconvolution_offset=float(offsets["position_offset"]),
+                deconvolution_offset_hybrid=None if hybrid is None else float(hybrid),
+            )
         return scanner
 
     def _read(self, column: SliceableArray, rows: slice) -> npt.NDArray[Any]:

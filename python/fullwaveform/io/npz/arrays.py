@@ -69,6 +69,8 @@ def _declared_bytes(stream: IO[bytes], key: str, path: Path) -> int:
     shape, _, dtype = read_header(stream)
     if dtype.hasobject:
         raise WaveformFileError(f"{path}: array {key} has Python objects; must be numbers")
+    if min(shape, default=0) < 0:
+        raise WaveformFileError(f"{path}: array {key} has invalid shape {shape}")
     size = dtype.itemsize
     for extent in shape:  # Python integers, because a 64-bit product could overflow
         size *= int(extent)
