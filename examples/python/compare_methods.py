@@ -23,7 +23,7 @@ def pulse_at(position: np.ndarray) -> np.ndarray:
 
 
 def main() -> None:
-    """Prints the echoes that each method finds."""
+    """Print the echoes that each method finds."""
     noise = np.random.default_rng(1).normal(0.0, 1.5, (201, 80))
     # The system wave comes from 200 recorded pulses at different places between the samples.
     pulses = np.rint(12 + 2000 * pulse_at(np.linspace(24.5, 25.5, 200)) + noise[1:])

@@ -21,7 +21,7 @@ TOLERANCE = 3.0  # samples
 
 
 def main(scan: Path, echoes_path: Path) -> None:
-    """Prints matched, missed and extra echoes, and their distances in samples and metres."""
+    """Print matched, missed and extra echoes, and their distances in samples and metres."""
     with LasWaveformReader(scan) as reader:
         spacing = {index: descriptor.spacing_ps for index, descriptor in reader.descriptors.items()}
     points, echoes = laspy.read(scan), laspy.read(echoes_path)

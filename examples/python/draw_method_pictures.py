@@ -1,4 +1,4 @@
-"""Draws the pictures of docs/methods: what every method makes of waveforms with known echoes.
+"""Draw the pictures of docs/methods: what every method makes of waveforms with known echoes.
 
 python examples/python/draw_method_pictures.py DIRECTORY
 """
@@ -23,7 +23,7 @@ STEPS, WINDOW = 5, 12  # of the deconvolution: steps per sample, samples of its 
 
 
 def main(directory: Path) -> None:
-    """Writes a PNG per method."""
+    """Write a PNG per method."""
     directory.mkdir(parents=True, exist_ok=True)
     for name, draw in PICTURES.items():
         figure = Figure(figsize=(9.0, 3.5), dpi=130, layout="constrained")
@@ -180,7 +180,7 @@ def system_wave() -> FloatArray:
 def sharpened(
     samples: npt.NDArray[np.uint16], level: int, wave: FloatArray
 ) -> tuple[FloatArray, list[FloatArray]]:
-    """Sample positions, and the estimate after every correction until the sum stands still."""
+    """Sample positions, and the estimate after every correction until the sum converges."""
     description, offset = scanner()
     found = (
         Driver(Mode.THREE_POINT, description).apply(samples[np.newaxis], threshold=level).waveforms
@@ -214,7 +214,7 @@ def steps(axes: Axes, samples: npt.NDArray[np.uint16], level: int | None) -> Non
 
 
 def label(axes: Axes, at: tuple[float, float], words: str, colour: str, side: str = "left") -> None:
-    """Words beside what they name, in its colour."""
+    """Text next to what it names, in its colour."""
     axes.text(*at, words, color=colour, fontsize=8, ha=side)
 
 

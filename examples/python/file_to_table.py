@@ -12,7 +12,7 @@ import fullwaveform as fw
 
 
 def main(scan: str, picture: str) -> None:
-    """Prints the table by echo number and draws amplitude over height."""
+    """Print the table by echo number and draws amplitude over height."""
     result = fw.extract(scan, threshold=20, channel_flags={1: 1, 2: 0})
     echoes = result.to_pandas()
     print(result)

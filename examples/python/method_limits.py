@@ -1,10 +1,9 @@
-"""What each method can do on waveforms with known echoes: the numbers of docs/methods.
+"""Measure the methods on waveforms with known echoes, for the tables of docs/methods.
 
 python examples/python/method_limits.py
 
-SNR is the height of an echo over the noise's standard deviation of 4 counts; the threshold given
-to the extraction is 28 counts, four of them above the baseline. An echo is found when an extracted
-one lies within a sample of it.
+SNR is the height of an echo divided by the noise rms of 4 counts; the threshold of 28 counts is
+four times the noise rms above the baseline. An echo is found if one is extracted within a sample.
 """
 
 from __future__ import annotations
@@ -23,7 +22,7 @@ from fullwaveform.simulation import ScanSettings, SimulatedScan, simulate_scan
 
 NOISE_RMS, LEVEL = 4.0, 28  # counts
 WAVEFORMS = 1000
-REACH = 1.0  # samples
+TOLERANCE = 1.0  # samples
 SEPARATIONS = np.arange(2.0, 10.01, 0.25)  # samples
 
 
@@ -37,7 +36,7 @@ def lone(mode: Mode, amplitude: float) -> tuple[FloatArray, Echoes]:
 def found_share(mode: Mode, snr: float) -> float:
     """Share of lone echoes that are found."""
     true, echoes = lone(mode, snr * NOISE_RMS)
-    near = np.abs(echoes.position - true[echoes.row]) <= REACH
+    near = np.abs(echoes.position - true[echoes.row]) <= TOLERANCE
     return len(np.unique(echoes.row[near])) / WAVEFORMS
 
 
@@ -45,7 +44,7 @@ def position_error(mode: Mode, snr: float) -> float:
     """Distance to the truth, in samples, that 90 % of the lone echoes found keep within."""
     true, echoes = lone(mode, snr * NOISE_RMS)
     off = np.abs(echoes.position - true[echoes.row])
-    return float(np.percentile(off[off <= REACH], 90))
+    return float(np.percentile(off[off <= TOLERANCE], 90))
 
 
 def split_share(mode: Mode, snr: float) -> float:
@@ -132,7 +131,7 @@ def _both(mode: Mode, gap: float, snr_first: float, snr_second: float) -> float:
     two = np.flatnonzero(np.bincount(row, minlength=WAVEFORMS) == 2)
     first = np.searchsorted(row, two)
     seen = np.stack([position[first], position[first + 1]], axis=1)
-    return float(np.sum(np.all(np.abs(seen - true[two]) <= REACH, axis=1)) / WAVEFORMS)
+    return float(np.sum(np.all(np.abs(seen - true[two]) <= TOLERANCE, axis=1)) / WAVEFORMS)
 
 
 def _smallest(values: Iterable[float], share: Callable[[float], float]) -> float:
@@ -174,7 +173,7 @@ def rows(mode: Mode) -> dict[str, str]:
         "SNR 200 before SNR 50, smallest separation, samples": f"{separation(mode, 200, 50):.2f}",
         "SNR 50 before SNR 200, smallest separation, samples": f"{separation(mode, 50, 200):.2f}",
         "two echoes of SNR 200, 3 samples apart, echoes found": f"{merged(mode, 3.0)[0]:g}",
-        "two echoes of SNR 200, 3.25 samples apart, none found in": f"{merged(mode, 3.25)[1]:.0%}",
+        "two echoes of SNR 200, 3.25 samples apart, both missed in": f"{merged(mode, 3.25)[1]:.0%}",
         f"simulated scan, found of {len(simulated().truth):,} echoes": f"{matched:,}",
         "simulated scan, false positives": f"{extra:,}",
         "twice the digitiser's limit, echoes found in": f"{share:.0%}",
@@ -183,7 +182,7 @@ def rows(mode: Mode) -> dict[str, str]:
 
 
 def main() -> None:
-    """Prints one table of all methods, and how long each takes in units of the first."""
+    """Print one table of all methods, and how long each takes in units of the first."""
     columns = [rows(mode) for mode in Mode]
     print("| | " + " | ".join(mode.name.lower().replace("_", "-") for mode in Mode) + " |")
     print("|---" + "|---:" * len(Mode) + "|")

@@ -9,7 +9,7 @@ from fullwaveform import Driver, Mode, RowState, Scanner
 
 
 def main() -> None:
-    """Prints the echoes of five records and what became of each record."""
+    """Print the echoes of five records and what became of each record."""
     index = np.arange(100)
     echo = np.exp(
         -0.5 * ((index - np.array([[30.25], [41.0], [30.25], [30.25], [55.5]])) / 1.6) ** 2

@@ -94,14 +94,14 @@ def test_file_gives_what_the_command_line_writes(scan: Path, tmp_path: Path) -> 
 
 
 def test_reader_and_its_blocks(scan: Path) -> None:
-    whole = fullwaveform.extract(scan, threshold=20).to_arrow()
+    full = fullwaveform.extract(scan, threshold=20).to_arrow()
     with fullwaveform.open(scan, waveforms_per_block=64) as reader:
-        assert fullwaveform.extract(reader, threshold=20, workers=2).to_arrow().equals(whole)
-        assert fullwaveform.extract(reader.blocks(), threshold=20).to_arrow().equals(whole)
+        assert fullwaveform.extract(reader, threshold=20, workers=2).to_arrow().equals(full)
+        assert fullwaveform.extract(reader.blocks(), threshold=20).to_arrow().equals(full)
         first = next(iter(reader.blocks()))
     part = fullwaveform.extract(first, threshold=20).to_arrow()
-    assert part.equals(whole.slice(0, part.num_rows))
-    assert 0 < part.num_rows < whole.num_rows
+    assert part.equals(full.slice(0, part.num_rows))
+    assert 0 < part.num_rows < full.num_rows
 
 
 def test_other_files_by_their_ending(tmp_path: Path) -> None:
@@ -186,7 +186,7 @@ WRONG: dict[str, tuple[Callable[[Path], object], str]] = {
         lambda scan: fullwaveform.extract(scan, scanner={}),
         "invalid scanner {}; expected",
     ),
-    "nothing": (lambda scan: fullwaveform.extract([]), "the source has no waveforms"),
+    "no blocks": (lambda scan: fullwaveform.extract([]), "the source has no waveforms"),
     "ending": (
         lambda scan: fullwaveform.extract(scan).write(scan.with_suffix(".xls")),
         "scan.xls must end in .las",
@@ -198,9 +198,9 @@ WRONG: dict[str, tuple[Callable[[Path], object], str]] = {
 }
 
 
-@pytest.mark.parametrize(("call", "sentence"), WRONG.values(), ids=WRONG)
-def test_wrong_calls(scan: Path, call: Callable[[Path], object], sentence: str) -> None:
-    with pytest.raises(ValueError, match=sentence):
+@pytest.mark.parametrize(("call", "message"), WRONG.values(), ids=WRONG)
+def test_wrong_calls(scan: Path, call: Callable[[Path], object], message: str) -> None:
+    with pytest.raises(ValueError, match=message):
         call(scan)
 
 
@@ -228,8 +228,8 @@ def test_waveforms_that_cannot_be_read_are_refused_unless_skipped(
     cut.write_bytes(scan.read_bytes())
     packets = scan.with_suffix(".wdp").read_bytes()
     cut.with_suffix(".wdp").write_bytes(packets[:-1])
-    sentence = r"1 unreadable waveform \(1 x samples outside the file\)"
-    with pytest.raises(fullwaveform.WaveformFileError, match=sentence):
+    message = r"1 unreadable waveform \(1 x samples outside the file\)"
+    with pytest.raises(fullwaveform.WaveformFileError, match=message):
         fullwaveform.extract(cut)
     part = fullwaveform.extract(cut, skip_unreadable=True)
     assert part.read.rejected == {"samples outside the file": 1}

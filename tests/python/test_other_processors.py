@@ -27,15 +27,15 @@ def include_folders() -> list[str]:
     if COMPILER is None:
         return []
     call = [COMPILER, "-x", "c++", "-E", "-v", "/dev/null"]
-    told = subprocess.run(call, check=True, capture_output=True, text=True).stderr
-    searched = told.split("search starts here:\n")[-1].split("End of search list")[0]
+    output = subprocess.run(call, check=True, capture_output=True, text=True).stderr
+    searched = output.split("search starts here:\n")[-1].split("End of search list")[0]
     return [line.strip() for line in searched.splitlines() if "/lib/clang/" not in line]
 
 
 def flags_of_packages() -> list[str]:
     call = ["pkg-config", "--cflags", "cairo-pdf", "fftw3", "eigen3"]
-    told = subprocess.run(call, check=True, capture_output=True, text=True).stdout
-    return told.replace("-I", "-isystem").split()
+    output = subprocess.run(call, check=True, capture_output=True, text=True).stdout
+    return output.replace("-I", "-isystem").split()
 
 
 @pytest.fixture(scope="module")

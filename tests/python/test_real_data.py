@@ -145,8 +145,8 @@ def test_unknown_type_costs_the_strongest_echoes_of_the_forest() -> None:
 
     everything = peaks(Scanner.from_attributes(attributes, after_pulse=NO_AFTER_PULSE))
     assert {row for row, _ in everything} == set(range(len(samples)))
-    # An echo stands within half a sample of its highest one; the one at the top goes, and all
-    # behind it.
+    # An echo is within half a sample of its largest one; the one at the maximum is removed, and
+    # all after it.
     kept = [(row, idx) for row, idx in everything if not strong[row] or idx < top[row] - 0.5]
     lost = len(everything) - len(kept)
     assert lost >= 20

@@ -39,8 +39,8 @@ def count_median(counts: IntArray) -> float:
 def value_histogram(counts: IntArray, bins: int) -> Histogram:
     """Histogram with at most `bins` bins from the smallest to the largest value.
 
-    One bin per value if there are few enough; otherwise bin edges have equal ratios, at least one
-    value apart. Empty without values.
+    One bin per value if there are few enough; otherwise bin edges have equal ratios, and
+    differ by at least one. Empty without values.
     """
     present = np.flatnonzero(counts)
     if len(present) == 0:

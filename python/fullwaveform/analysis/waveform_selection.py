@@ -74,15 +74,15 @@ def _first_rows(block: WaveformBlock) -> IntArray:
     return np.sort(np.unique(block.shot_times, return_index=True)[1])
 
 
-def _nearest(times: FloatArray, wanted: float, nearest: float) -> tuple[int | None, float]:
-    """Row of the shot at the wanted time, if any, and the nearest time so far, s."""
+def _nearest(times: FloatArray, time: float, nearest: float) -> tuple[int | None, float]:
+    """Row of the shot at this time, if any, and the nearest time so far, s."""
     if not np.isfinite(times).any():
         return None, nearest
-    row = int(np.nanargmin(np.where(np.isfinite(times), np.abs(times - wanted), np.nan)))
-    time = float(times[row])
-    if not abs(nearest - wanted) <= abs(time - wanted):  # also true while `nearest` is NaN
-        nearest = time
-    return (row if abs(time - wanted) <= TIME_TOLERANCE else None), nearest
+    row = int(np.nanargmin(np.where(np.isfinite(times), np.abs(times - time), np.nan)))
+    found = float(times[row])
+    if not abs(nearest - time) <= abs(found - time):  # also true while `nearest` is NaN
+        nearest = found
+    return (row if abs(found - time) <= TIME_TOLERANCE else None), nearest
 
 
 def _shot_of(block: WaveformBlock, row: int, *, only_row: bool = False) -> SelectedShot:

@@ -134,8 +134,8 @@ def _with_close_pairs(
     first = np.take_along_axis(targets.range, nearest[:, np.newaxis], axis=1)[:, 0]
     below = np.take_along_axis(targets.classification, nearest[:, np.newaxis], axis=1)[:, 0]
     above = np.full(rows, np.nan)
-    apart = rng.uniform(1.2, 2.0, len(paired)) * settings.pulse_width
-    above[paired] = first[paired] - apart * settings.range_per_sample
+    separation = rng.uniform(1.2, 2.0, len(paired)) * settings.pulse_width
+    above[paired] = first[paired] - separation * settings.range_per_sample
     share = targets.share.copy()
     share[paired] *= 0.6
     classes = np.where(below == GROUND, LOW_VEGETATION, below).astype(np.uint8)

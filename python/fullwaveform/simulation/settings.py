@@ -35,7 +35,7 @@ class ScanSettings:
     # shares of special shots
     empty_fraction: float = 0.05  # of all shots: no echo
     saturated_fraction: float = 0.04  # of all shots: last echo clipped in the low-power channel
-    close_pair_fraction: float = 0.05  # of all shots: two echoes 1.2 to 2 pulse widths apart
+    close_pair_fraction: float = 0.05  # of all shots: two echoes at 1.2 to 2 pulse widths
     # platform
     start_time: float = 3.0e8  # s, GPS standard time less 1e9
     pulse_rate: float = 100_000.0  # Hz
@@ -94,8 +94,8 @@ class ScanSettings:
         _require(self.gain_ratio > 1, "gain_ratio", self.gain_ratio, "above 1")
         long_lead = self.lead_in >= 5.0 * self.pulse_width
         _require(long_lead, "lead_in", self.lead_in, "at least 5 pulse widths")
-        room = self.last_position - self.lead_in - 1.0 > 2.5 * self.pulse_width
-        _require(room, "samples", self.samples, "enough for the lead-in and 7.5 pulse widths")
+        is_long = self.last_position - self.lead_in - 1.0 > 2.5 * self.pulse_width
+        _require(is_long, "samples", self.samples, "enough for the lead-in and 7.5 pulse widths")
 
     def _check_fractions(self) -> None:
         fractions = ("empty_fraction", "saturated_fraction", "close_pair_fraction")

@@ -100,9 +100,9 @@ def fit_exponentials(
     orders = range(1, min(MAX_ORDER, most) + 1) if order is None else (order,)
     fits = {m: fit for m in orders if (fit := _fit_of_order(y, step, m)) is not None}
     if not fits:
-        wanted = "any order" if order is None else f"order {order}"
+        orders_text = "any order" if order is None else f"order {order}"
         raise ValueError(
-            f"no sum of exponentials of {wanted} fits: exponents coincide, or terms cancel"
+            f"no sum of exponentials of {orders_text} fits: exponents coincide, or terms cancel"
         )
     tried = tuple(_misfit(y, step, fit) for fit in fits.values())
     chosen = _chosen(tried, good_misfit)
@@ -130,7 +130,7 @@ def _fit_of_order(values: FloatArray, step: float, order: int) -> ExponentialSum
     exponents = matrix_pencil(values, step, order)
     if not np.isfinite(exponents).all():
         return None
-    # A root on the negative axis swings from value to value: no pair, and nothing between them.
+    # A root on the negative axis alternates in sign: it has no conjugate and no values in between.
     if np.any(np.abs(exponents.imag) > 0.999 * np.pi / step):
         return None
     time = np.asarray(step * np.arange(len(values)), dtype=np.float64)

@@ -54,10 +54,10 @@ def test_rows_do_not_know_each_other() -> None:
 @pytest.mark.parametrize("filled", [0.0, 0.1, 0.4, 0.65])
 @pytest.mark.parametrize("deviation", [1.5, 6.0])
 def test_noise_of_known_width_under_echoes(filled: float, deviation: float) -> None:
-    chance = np.random.default_rng(4)
-    samples = chance.normal(200.0, deviation, (400, 300))
+    rng = np.random.default_rng(4)
+    samples = rng.normal(200.0, deviation, (400, 300))
     end = 10 + round(300 * filled)
-    samples[:, 10:end] += chance.uniform(300.0, 3000.0, (400, end - 10))
+    samples[:, 10:end] += rng.uniform(300.0, 3000.0, (400, end - 10))
     baseline, noise = baseline_and_noise_rms(np.rint(samples).astype(np.uint16))
     assert np.median(baseline) == pytest.approx(200.0, abs=0.15 * deviation)
     assert np.median(noise) == pytest.approx(deviation, rel=0.1)

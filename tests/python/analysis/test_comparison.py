@@ -1,4 +1,4 @@
-"""Extracted echoes beside on-board returns: two vertical pulses with known places."""
+"""Comparison of extracted echoes and discrete returns of two vertical pulses."""
 
 from __future__ import annotations
 
@@ -47,7 +47,7 @@ def scan(tmp_path: Path) -> Path:
     )
 
 
-def test_pairs_lie_as_far_apart_as_they_were_put(scan: Path, tmp_path: Path) -> None:
+def test_pairs_have_their_true_distance(scan: Path, tmp_path: Path) -> None:
     # 0.2 m further (lower) than the first return, 0.1 m nearer than the second, one far from any.
     echoes = write_points(tmp_path / "echoes.las", 6, [1.0, 1.0, 2.0], [29.8, 20.1, 4.0])
     comparison = compare_with_returns(scan, echoes, tolerance=1.0)
@@ -137,7 +137,7 @@ def test_command_refuses_in_a_sentence(
 
 def test_histogram_without_values_is_a_page(tmp_path: Path) -> None:
     path = tmp_path / "empty.png"
-    draw_histogram(path, [np.nan], title="nothing", label="m")
+    draw_histogram(path, [np.nan], title="no values", label="m")
     assert path.read_bytes().startswith(b"\x89PNG")
 
 

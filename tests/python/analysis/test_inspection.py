@@ -15,7 +15,7 @@ from fullwaveform.io.opening import open_waveforms
 
 from ..support.las_scenes import Point, Scene
 
-# Baseline and noise of these three stand in test_background: 11 and 0.63, 20 and 0, 5 and 1.67.
+# Baseline and noise rms, as derived in test_baseline: 11 and 0.63, 20 and 0, 5 and 1.67.
 FLAT_TOP = [10, 11, 12, 11, 100, 100, 13, 14]
 QUIET = [20, 20, 20, 20, 20]
 SINGLE_TOP = [5, 9, 7, 100, 3]
@@ -76,7 +76,7 @@ def test_values_and_saturation(three: FileContents) -> None:
     assert three.maximum_counts[[20, 100]].tolist() == [1, 2]
 
 
-def test_a_higher_value_later_ends_what_looked_like_plateaus(tmp_path: Path) -> None:
+def test_a_larger_value_later_resets_the_plateaus(tmp_path: Path) -> None:
     path = archive(tmp_path / "a.npz", [[50, 50, 0], [80, 0, 80], [0, 80, 80]])
     found = contents(path)
     assert found.largest == 80

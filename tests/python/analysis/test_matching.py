@@ -70,7 +70,7 @@ def test_tolerance_is_inclusive() -> None:
     assert len(match_echoes([1], [10.0], [1], [12.0], 1.999)) == 0
 
 
-def test_what_is_not_a_number_matches_nothing() -> None:
+def test_nan_is_not_matched() -> None:
     nan, inf = float("nan"), float("inf")
     got = match_echoes([1.0, 1.0, nan, 2.0], [nan, 5.0, 7.0, inf],
                        [1.0, nan, 1.0, 2.0], [nan, 7.0, 5.5, inf], 10.0)  # fmt: skip
@@ -79,13 +79,13 @@ def test_what_is_not_a_number_matches_nothing() -> None:
     assert got.unmatched_ref.tolist() == [0, 1, 3]
 
 
-def test_shot_times_one_digit_apart_are_two_shots() -> None:
+def test_shot_times_that_differ_in_the_last_digit_are_two_shots() -> None:
     time = 300_000_000.00001
     assert len(match_echoes([time], [1.0], [np.nextafter(time, 4e8)], [1.0], 5.0)) == 0
     assert len(match_echoes([time], [1.0], [time], [1.0], 5.0)) == 1
 
 
-def test_large_integer_groups_are_kept_apart() -> None:
+def test_large_integer_groups_are_distinguished() -> None:
     assert len(match_echoes([2**53], [1.0], [2**53 + 1], [1.0], 5.0)) == 0
 
 
@@ -99,9 +99,9 @@ def test_empty_sides(found: list[float], ref: list[float]) -> None:
 
 @pytest.mark.parametrize("seed", range(20))
 def test_agrees_with_a_plain_greedy_search(seed: int) -> None:
-    chance = np.random.default_rng(seed)
-    found_group, ref_group = chance.integers(0, 6, 60), chance.integers(0, 6, 50)
-    found_pos, ref_pos = chance.uniform(0, 40, 60), chance.uniform(0, 40, 50)
+    rng = np.random.default_rng(seed)
+    found_group, ref_group = rng.integers(0, 6, 60), rng.integers(0, 6, 50)
+    found_pos, ref_pos = rng.uniform(0, 40, 60), rng.uniform(0, 40, 50)
     got = match_echoes(found_group, found_pos, ref_group, ref_pos, 3.0)
     expected = greedy(
         list(zip(found_group.tolist(), found_pos.tolist(), strict=True)),
@@ -113,7 +113,7 @@ def test_agrees_with_a_plain_greedy_search(seed: int) -> None:
     assert sorted([*got.ref_index, *got.unmatched_ref]) == list(range(50))
 
 
-def test_far_echo_waits_for_a_nearer_one_behind_a_pair() -> None:
+def test_distant_echo_is_matched_after_a_nearer_pair() -> None:
     # 1.1 takes 1.0; then 1.3 is nearer to 0 than -5 is, although the pair stood between them.
     got = match_echoes([1, 1, 1], [-5.0, 1.1, 1.3], [1, 1], [0.0, 1.0], 10.0)
     assert pairs(got) == [(1, 1), (2, 0)]

@@ -47,12 +47,12 @@ def test_sum_of_one_gaussian() -> None:
 def test_sum_of_two_gaussians_at_their_own_positions() -> None:
     echoes = np.array([10.013, 14.013]), np.array([100.0, 50.0]), np.array([2.0, 2.0])
     curve = fitted_sum(*echoes, 0.0, 40)
-    # Two standard deviations apart: exp(-2) of the other one's amplitude is added.
+    # At a distance of two standard deviations: exp(-2) of the other one's amplitude is added.
     assert height_at(curve, 10.013) == pytest.approx(100.0 + 50.0 * 0.13533528)
     assert height_at(curve, 14.013) == pytest.approx(50.0 + 100.0 * 0.13533528)
 
 
-def test_sum_of_none_is_empty() -> None:
+def test_sum_without_gaussians_is_empty() -> None:
     assert fitted_sum(np.empty(0), np.empty(0), np.empty(0), 5.0, 40).shape == (0, 2)
 
 
@@ -73,7 +73,7 @@ def test_three_points() -> None:
     assert method.deconvolved.shape == (0, 2)
 
 
-def test_gaussians_of_a_decomposition_stand_on_the_noise() -> None:
+def test_gaussians_of_a_decomposition_start_at_the_threshold() -> None:
     x = np.arange(60)
     samples = np.rint(20.0 + 400.0 * np.exp(-0.5 * ((x - 30.4) / 2.5) ** 2)).astype(np.uint16)
     (view,) = views(Packet(samples, flag=0), modes=[Mode.DECOMPOSITION], threshold=20)
@@ -158,8 +158,8 @@ def test_waveform_below_its_noise_has_a_state_and_no_echoes() -> None:
 
 
 def test_noise_is_estimated_for_every_waveform() -> None:
-    chance = np.random.default_rng(2)
-    samples = chance.integers(15, 25, 80).astype(np.uint16)
+    rng = np.random.default_rng(2)
+    samples = rng.integers(15, 25, 80).astype(np.uint16)
     samples[40:43] = 300, 600, 300
     (view,) = views(Packet(samples), threshold="estimate")
     assert view.threshold == reference_three_point.estimate(samples.tolist())

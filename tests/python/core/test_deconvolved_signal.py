@@ -33,7 +33,7 @@ def test_signal_is_that_of_the_plain_iteration(pulses: list[tuple[float, float]]
     np.testing.assert_allclose(values, expected, rtol=1e-9, atol=1e-6)
 
 
-def test_echoes_stand_on_the_maxima_of_the_signal() -> None:
+def test_echoes_are_at_the_maxima_of_the_signal() -> None:
     samples = scene(np.array([[20.3, 28.0]]), np.array([[500.0, 300.0]]))
     values, first, step = _core.deconvolved_signal(samples[0], scanner().device(), NOISE)
     result = Driver(Mode.DECONVOLUTION, scanner(), longest_waveform=WIDTH).apply(
@@ -48,13 +48,13 @@ def test_echoes_stand_on_the_maxima_of_the_signal() -> None:
         assert np.trunc(values[index]) == pytest.approx(amplitude, abs=1.0)
 
 
-def test_noise_is_estimated_when_it_is_negative() -> None:
+def test_negative_noise_is_estimated() -> None:
     (samples,) = scene(np.array([[30.0]]), np.array([[800.0]]))
     estimate = _core.estimate_noise(samples)
-    told = _core.deconvolved_signal(samples, scanner().device(), estimate)
+    expected = _core.deconvolved_signal(samples, scanner().device(), estimate)
     found = _core.deconvolved_signal(samples, scanner().device(), -1)
     assert len(found[0]) > 0
-    np.testing.assert_array_equal(found[0], told[0])
+    np.testing.assert_array_equal(found[0], expected[0])
 
 
 @pytest.mark.parametrize("samples", [[], [9], [9, 9, 9], [9] * 80, [200, 9]])

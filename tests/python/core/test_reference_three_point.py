@@ -1,4 +1,4 @@
-"""Mode 0 against the same road written down plainly, over random records of many kinds."""
+"""Mode 0 compared with a plain reference, for random waveforms of many kinds."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from fullwaveform import Driver, Scanner
 from fullwaveform.core.driver import Threshold
 from fullwaveform.core.scanner import AfterPulse
 
-from ..support.reference_three_point import Wave, three_point_road
+from ..support.reference_three_point import Waveform, three_point_echoes
 
 RECORDS = 3000  # of each kind
 WIDTH = 90
@@ -22,7 +22,7 @@ RELATIVE_AMPLITUDE = 1e-3  # 0.01 dB
 
 def records(kind: str, seed: int) -> tuple[npt.NDArray[np.uint16], npt.NDArray[np.uint16]]:
     """Random pulses over a baseline, cut to random lengths."""
-    chance = np.random.default_rng(seed)
+    rng = np.random.default_rng(seed)
     baseline, noise, top, limit = {
         "weak": (2.0, 1.0, 60.0, 255),
         "eight bits": (14.0, 0.8, 300.0, 255),
@@ -32,15 +32,15 @@ def records(kind: str, seed: int) -> tuple[npt.NDArray[np.uint16], npt.NDArray[n
     x = np.arange(WIDTH)
     signal = np.full((RECORDS, WIDTH), baseline)
     if kind == "decaying":
-        signal = signal * np.exp(-x / chance.uniform(40, 400, (RECORDS, 1)))
+        signal = signal * np.exp(-x / rng.uniform(40, 400, (RECORDS, 1)))
     for _ in range(4):
-        centre = chance.uniform(-3, WIDTH + 3, (RECORDS, 1))
-        height = top * chance.uniform(0, 1, (RECORDS, 1)) ** 3
+        centre = rng.uniform(-3, WIDTH + 3, (RECORDS, 1))
+        height = top * rng.uniform(0, 1, (RECORDS, 1)) ** 3
         signal = signal + height * np.exp(
-            -0.5 * ((x - centre) / chance.uniform(0.8, 4, (RECORDS, 1))) ** 2
+            -0.5 * ((x - centre) / rng.uniform(0.8, 4, (RECORDS, 1))) ** 2
         )
-    noisy = signal + chance.normal(0, noise, signal.shape)
-    counts = chance.integers(3, WIDTH + 1, RECORDS)
+    noisy = signal + rng.normal(0, noise, signal.shape)
+    counts = rng.integers(3, WIDTH + 1, RECORDS)
     counts[: RECORDS // 2] = WIDTH
     return np.clip(np.rint(noisy), 0, limit).astype(np.uint16), counts.astype(np.uint16)
 
@@ -55,42 +55,42 @@ def test_driver_agrees_with_the_reference_three_point(kind: str, threshold: Thre
     first_peak = np.concatenate(([0], np.cumsum(result.waveforms["peakCount"])))
     echoes = 0
     for row in range(RECORDS):
-        plain = three_point_road(
+        expected = three_point_echoes(
             samples[row, : counts[row]].tolist(), threshold, after_pulse=(5, 2)
         )
-        assert (row in rows) == (plain.max_amplitude > plain.noise)
+        assert (row in rows) == (expected.max_amplitude > expected.noise)
         if row in rows:
             waveform = rows[row]
-            check_analysis(result.waveforms, waveform, plain)
+            check_analysis(result.waveforms, waveform, expected)
             mine = slice(first_peak[waveform], first_peak[waveform + 1])
-            check_echoes(result.peaks, mine, plain)
-            echoes += len(plain.echoes)
-    assert echoes > RECORDS / 2  # the comparison is about something
+            check_echoes(result.peaks, mine, expected)
+            echoes += len(expected.echoes)
+    assert echoes > RECORDS / 2  # enough echoes were compared
 
 
-def check_analysis(waveforms: object, waveform: int, plain: Wave) -> None:
+def check_analysis(waveforms: object, waveform: int, expected: Waveform) -> None:
     found = {
         name: int(waveforms[name][waveform])  # type: ignore[index]
         for name in ("noise", "maxAmplitude", "idxOfMaxAmplitude", "globalStart", "globalEnd")
     }
     assert found == {
-        "noise": plain.noise,
-        "maxAmplitude": plain.max_amplitude,
-        "idxOfMaxAmplitude": plain.idx_of_max,
-        "globalStart": plain.start,
-        "globalEnd": plain.end,
+        "noise": expected.noise,
+        "maxAmplitude": expected.max_amplitude,
+        "idxOfMaxAmplitude": expected.idx_of_max,
+        "globalStart": expected.start,
+        "globalEnd": expected.end,
     }
 
 
-def check_echoes(peaks: object, mine: slice, plain: Wave) -> None:
+def check_echoes(peaks: object, mine: slice, expected: Waveform) -> None:
     idx, amplitude, width = (
         peaks[name][mine]  # type: ignore[index]
         for name in ("idx", "amplitudeCounts", "std")
     )
-    assert len(idx) == len(plain.echoes)
-    expected = sorted(plain.echoes, key=lambda echo: echo.idx)
-    np.testing.assert_allclose(idx, [echo.idx for echo in expected], atol=POSITION, rtol=0)
+    assert len(idx) == len(expected.echoes)
+    echoes = sorted(expected.echoes, key=lambda echo: echo.idx)
+    np.testing.assert_allclose(idx, [echo.idx for echo in echoes], atol=POSITION, rtol=0)
     np.testing.assert_allclose(
-        amplitude, [echo.amplitude for echo in expected], rtol=RELATIVE_AMPLITUDE
+        amplitude, [echo.amplitude for echo in echoes], rtol=RELATIVE_AMPLITUDE
     )
-    np.testing.assert_allclose(width, [echo.std for echo in expected], rtol=1e-3)
+    np.testing.assert_allclose(width, [echo.std for echo in echoes], rtol=1e-3)

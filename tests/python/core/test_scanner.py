@@ -81,14 +81,14 @@ def test_numpy_values_count_as_numbers_and_lists() -> None:
     assert scanner.device().unambiguous_range == 500.0
 
 
-def test_all_missing_attributes_stand_in_one_error() -> None:
+def test_one_error_lists_all_missing_attributes() -> None:
     with pytest.raises(ValueError, match="scanner attributes: missing: ") as caught:
         Scanner.from_attributes({})
     missing = str(caught.value).partition("missing: ")[2].split(", ")
     assert sorted(missing) == REQUIRED
 
 
-def test_missing_unknown_and_wrong_ones_stand_in_the_same_error() -> None:
+def test_one_error_lists_missing_unknown_and_invalid_attributes() -> None:
     attributes = {**without("ampl_unit", "Scanner Type"), "Colour": "red", "UnambiguousRange": "x"}
     with pytest.raises(ValueError, match=r"^scanner attributes") as caught:
         Scanner.from_attributes(attributes)
@@ -177,15 +177,17 @@ def test_device_needs_a_sampling_interval() -> None:
     assert scanner.at_interval(4e-9).device().sampling_time == 4e-9
 
 
-def test_what_the_library_misses_is_said_and_logged(caplog: pytest.LogCaptureFixture) -> None:
-    sentence = "ScannerDevice::ScannerDevice: NO Scanner Type"
+def test_messages_of_the_library_are_in_the_error_and_the_log(
+    caplog: pytest.LogCaptureFixture,
+) -> None:
+    message = "ScannerDevice::ScannerDevice: NO Scanner Type"
     unchecked = Scanner(without("Scanner Type"))
     with (
         caplog.at_level(logging.WARNING, logger="fullwaveform"),
-        pytest.raises(ValueError, match=f"incomplete scanner description: {sentence}$"),
+        pytest.raises(ValueError, match=f"incomplete scanner description: {message}$"),
     ):
         unchecked.device()
-    assert [record.getMessage() for record in caplog.records] == [sentence]
+    assert [record.getMessage() for record in caplog.records] == [message]
 
 
 @pytest.mark.parametrize("name", ["VQ-880-G", "VQ-840-GL"])
@@ -234,7 +236,7 @@ def test_after_pulse_of_the_caller_wins(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("value", [-1, 2**32, 1.5, True, "5"])
-def test_after_pulse_must_be_whole_samples(value: Any) -> None:
+def test_after_pulse_must_be_integers(value: Any) -> None:
     with pytest.raises(ValueError, match=r"after-pulse offset .*; expected an integer"):
         AfterPulse(offset=value, width=2)
     with pytest.raises(ValueError, match=r"after-pulse width .*; expected an integer"):
@@ -256,7 +258,7 @@ def test_toml_file_with_after_pulse(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize(
-    ("table", "sentence"),
+    ("table", "message"),
     [
         ("[after_pulse]\noffset = 9\n", "must have the keys offset and width"),
         (
@@ -270,9 +272,9 @@ def test_toml_file_with_after_pulse(tmp_path: Path) -> None:
         ),
     ],
 )
-def test_toml_file_with_a_broken_after_pulse(tmp_path: Path, table: str, sentence: str) -> None:
+def test_toml_file_with_a_broken_after_pulse(tmp_path: Path, table: str, message: str) -> None:
     path = toml_file(tmp_path, more=table)
-    with pytest.raises(ValueError, match=sentence) as caught:
+    with pytest.raises(ValueError, match=message) as caught:
         Scanner.from_toml(path)
     assert str(path) in str(caught.value)
 
@@ -290,9 +292,9 @@ def test_toml_file_with_gaps_names_all_of_them_and_itself(tmp_path: Path) -> Non
     path.write_text('ampl_unit = "1"\nColour = "red"\n', encoding="utf-8")
     with pytest.raises(ValueError, match="missing") as caught:
         Scanner.from_toml(path)
-    sentence = str(caught.value)
-    assert sentence.startswith(f"scanner description {path}: missing: ")
-    assert all(name in sentence for name in [*REQUIRED, "Colour"])
+    message = str(caught.value)
+    assert message.startswith(f"scanner description {path}: missing: ")
+    assert all(name in message for name in [*REQUIRED, "Colour"])
 
 
 def test_toml_file_that_is_not_there(tmp_path: Path) -> None:
@@ -338,7 +340,7 @@ def test_report_is_every_parameter_with_its_unit() -> None:
     )
 
 
-def test_exponential_tables_must_be_equally_long() -> None:
+def test_exponential_tables_must_have_equal_lengths() -> None:
     wave = {"a_real": [1.0], "a_imag": [0.0], "b_real": [-1e9, -2e9], "b_imag": [0.0, 0.0]}
     with pytest.raises(
         ValueError, match="a_real has 1 values and b_real 2; the numbers must be equal"
@@ -348,6 +350,6 @@ def test_exponential_tables_must_be_equally_long() -> None:
 
 @pytest.mark.parametrize("name", ["Scanner Group Velocity", "ampl_unit", "WaveformSampleInterval"])
 @pytest.mark.parametrize("value", [0.0, -1.0])
-def test_numbers_that_must_be_above_zero(name: str, value: float) -> None:
+def test_attributes_that_must_be_positive(name: str, value: float) -> None:
     with pytest.raises(ValueError, match=rf"{name} is {value}; it must be above 0"):
         Scanner.from_attributes({**COMPLETE, name: value})

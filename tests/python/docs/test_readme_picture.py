@@ -52,8 +52,8 @@ def test_truth_is_what_the_words_say(folder: Path) -> None:
     of_shot = truth.shot == 2448 // 2  # two channels per shot
     words = re.search(r"echoes at ([\d.]+), ([\d.]+) and ([\d.]+) samples", SECTION)
     assert words is not None
-    said = [float(number) for number in words.groups()]
-    np.testing.assert_allclose(truth.position_samples[of_shot], said, atol=0.05)
+    printed = [float(number) for number in words.groups()]
+    np.testing.assert_allclose(truth.position_samples[of_shot], printed, atol=0.05)
 
 
 def test_only_deconvolution_finds_each_surface_once(folder: Path) -> None:

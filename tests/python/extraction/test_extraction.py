@@ -76,7 +76,7 @@ def test_place_of_a_sample() -> None:
     )
     rows = np.array([1, 1, 1, 0])
     placed = positions_in_space(geometry, rows, np.array([10_000.0, 30_000.0, 40_000.0, 2.0]))
-    # 20 ns before the anchor, at it, 10 ns behind it
+    # 20 ns before the anchor, at it, 10 ns after it
     expected = [[102, 196, 304], [100, 200, 300], [99, 202, 298], [-2, 0, 0]]
     np.testing.assert_allclose(placed, expected, rtol=0, atol=1e-9)
 
@@ -86,7 +86,7 @@ def test_echo_with_everything_about_it() -> None:
     packet = Packet(record({10: 80}), shot=2.0, interval=2e-9, location=5_000.0, flag=0)
     echoes = extracted(quiet, packet)
     assert len(echoes) == 1
-    # 20 ns after the first sample, 15 ns behind the anchor
+    # 20 ns after the first sample, 15 ns after the anchor
     np.testing.assert_allclose(echoes.xyz, [[100.0, 200.0, 297.75]], rtol=0, atol=1e-6)
     np.testing.assert_allclose(echoes.width_ns, [2 * TRIPLE_STD], rtol=1e-6)
     np.testing.assert_allclose(echoes.amplitude_counts, [80.0], rtol=1e-6)
@@ -138,10 +138,10 @@ def test_echoes_of_a_shot_are_numbered_along_the_flight_of_light() -> None:
 
 
 def test_numbers_follow_a_slanting_pulse() -> None:
-    """Anchors are different returns of one pulse: behind each other along its line."""
+    """Anchors are different returns of one pulse, at different ranges."""
     slant = (-0.0001, 0.0, 0.0001)
     near = Packet(record({10: 80}), anchor=(0.0, 0.0, 50.0), location=0.0, direction=slant)
-    # 30 ns behind the near one's first sample, and its own first sample is 10 ns before that.
+    # 30 ns after the first sample of the near one, and 10 ns after its own first sample.
     far = Packet(record({5: 60}), anchor=(3.0, 0.0, 47.0), location=10_000.0, direction=slant)
     for packets in ((near, far), (far, near)):
         echoes = extracted(*packets)
@@ -157,7 +157,7 @@ def test_without_a_direction_time_decides() -> None:
 
 
 def hollow() -> Samples:
-    """Falls from its first sample: its only echo stands on a triple without a maximum.
+    """Falls from its first sample: its only echo is at a triple without a maximum.
 
     Logarithms of 200, 100, 90 bend upwards; the curve's lowest point is at 1.68 and passes every
     test of position and amplitude, its width is not a number.
@@ -167,7 +167,7 @@ def hollow() -> Samples:
     return samples
 
 
-def test_echoes_that_are_not_finite_are_left_out_and_counted() -> None:
+def test_echoes_that_are_not_finite_are_skipped_and_counted() -> None:
     made = extractor().extract(block_of([Packet(hollow(), shot=1.0), Packet(record({10: 80}))]))
     echoes = made.echoes
     assert echoes.waveform_number.tolist() == [71]
@@ -230,7 +230,7 @@ def test_record_of_a_suspicious_block() -> None:
     assert (good.tally.suspicious_blocks, good.record) == (0, "")
 
 
-def test_block_of_which_nothing_is_left() -> None:
+def test_block_without_echoes() -> None:
     echoes = extracted(Packet(record({})), Packet(record({}), interval=2e-9))
     assert len(echoes) == 0
     assert echoes.xyz.shape == (0, 3)

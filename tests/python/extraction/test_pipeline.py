@@ -85,8 +85,8 @@ def test_every_worker_works_on_its_own(scan: Path, monkeypatch: pytest.MonkeyPat
 
 
 @pytest.mark.parametrize("workers", [1, 3])
-def test_the_first_trouble_ends_the_run(scan: Path, tmp_path: Path, workers: int) -> None:
-    """Blocks 3 and 5 cannot be extracted; it is the third that is told, nothing is left."""
+def test_first_error_ends_the_run(scan: Path, tmp_path: Path, workers: int) -> None:
+    """Blocks 3 and 5 cannot be extracted: the error is that of block 3, and no file is left."""
     wave = {"a_real": [1.0], "a_imag": [0.0], "b_real": [-1e9], "b_imag": [0.0]}
     plain = Scanner.default(1e-9)
     scanner = Scanner({**plain.attributes, **wave}, plain.after_pulse, deconvolution_offset=1.0)
@@ -107,21 +107,21 @@ def test_the_first_trouble_ends_the_run(scan: Path, tmp_path: Path, workers: int
     assert names(tmp_path) == []
 
 
-def test_each_waveform_without_echoes_is_told(scan: Path, tmp_path: Path) -> None:
+def test_each_waveform_without_echoes_is_reported(scan: Path, tmp_path: Path) -> None:
     call = ["extract", scan, "-o", tmp_path / "echoes.csv", "--noise", "20", "--workers", "2"]
     short, long = run(*call), run(*call, "--block", "37", "--verbose")
     assert "waveform " not in short.stderr
-    told = [line for line in long.stderr.splitlines() if line.startswith("waveform ")]
-    numbers = np.array([int(line.split()[1].rstrip(":")) for line in told])
+    reported = [line for line in long.stderr.splitlines() if line.startswith("waveform ")]
+    numbers = np.array([int(line.split()[1].rstrip(":")) for line in reported])
     assert (np.diff(numbers) > 0).all()
-    weak = sum(line.endswith(": signal not above the threshold") for line in told)
+    weak = sum(line.endswith(": signal not above the threshold") for line in reported)
     assert weak > 0
     (row,) = [line for line in short.stdout.splitlines() if "signal not above" in line]
     assert f" {weak} " in row
 
 
-def test_statistics_that_cannot_be_written_are_passed_over(tmp_path: Path) -> None:
-    """A folder stands where the statistics of suspicious blocks would go."""
+def test_statistics_that_cannot_be_written_are_ignored(tmp_path: Path) -> None:
+    """A folder has the name of the statistics file."""
     weak = write_scan(simulate_scan(ScanSettings(shots=50)), tmp_path / "scan.las").las
     call = ["extract", weak, "-o", tmp_path / "echoes.csv", "--noise", "60000"]
     assert run(*call).exit_code == 0
@@ -134,6 +134,6 @@ def test_statistics_that_cannot_be_written_are_passed_over(tmp_path: Path) -> No
     assert run(*call).exit_code == 0
 
 
-def test_workers_are_at_least_one(scan: Path) -> None:
+def test_fewer_than_one_worker_is_refused(scan: Path) -> None:
     with pytest.raises(ValueError, match="invalid workers 0; expected an integer of at least 1"):
         extracted_blocks(iter(()), SETTINGS, 0)

@@ -82,11 +82,11 @@ def test_fitted_sum_goes_through_the_samples_that_it_was_made_of() -> None:
     assert np.isnan(between).all()  # no Gaussian reaches there
 
 
-def test_numbers_stand_beside_the_panel() -> None:
-    beside = waveform_figure(views(TWO_ECHOES)).axes[1]
-    assert texts(beside)[:3] == ["sample", "counts", "width [ns]"]
+def test_echoes_are_listed_next_to_the_panel() -> None:
+    echo_list = waveform_figure(views(TWO_ECHOES)).axes[1]
+    assert texts(echo_list)[:3] == ["sample", "counts", "width [ns]"]
     width = f"{2.0 * TRIPLE_STD:.2f}"  # ns
-    assert [text for text in texts(beside) if text][3:] == [
+    assert [text for text in texts(echo_list) if text][3:] == [
         "three-point, 2 echoes", "20.00", "100", width, "40.00", "60", width,
     ]  # fmt: skip
 
@@ -132,14 +132,14 @@ def test_channels_of_a_shot_have_a_panel_each() -> None:
     assert figure.axes[0].get_xlim() == figure.axes[2].get_xlim()
 
 
-def test_waveform_without_echoes_is_drawn_whole_and_says_why() -> None:
+def test_waveform_without_echoes_is_not_cropped_and_shows_the_reason() -> None:
     figure = waveform_figure(views(Packet(record({20: 8}))))
-    axes, beside = figure.axes
+    axes, echo_list = figure.axes
     assert axes.get_xlim() == (-0.5, 59.5)
     assert marks(axes)["samples"][20].tolist() == [20.0, 8.0]
     assert "above the threshold" not in texts(axes)
-    assert "three-point, no echoes" in texts(beside)
-    assert "signal not above the threshold" in texts(beside)
+    assert "three-point, no echoes" in texts(echo_list)
+    assert "signal not above the threshold" in texts(echo_list)
 
 
 def test_long_record_is_shown_around_its_echoes() -> None:
@@ -160,18 +160,18 @@ def test_longest_record_full_of_echoes() -> None:
     np.testing.assert_allclose(tops, echoes, rtol=1e-6)
 
 
-def test_broad_echoes_are_shown_with_their_flanks() -> None:
+def test_wide_echoes_are_shown_with_their_edges() -> None:
     x = np.arange(200)
     samples = np.rint(4000.0 * np.exp(-0.5 * ((x - 100.0) / 15.0) ** 2)).astype(np.uint16)
     axes = waveform_figure(views(Packet(samples))).axes[0]
-    # Four standard deviations to either side, which whole counts make 1 % wrong, and half a sample.
+    # Four standard deviations to either side, to 1 % because of rounding, and half a sample.
     np.testing.assert_allclose(axes.get_xlim(), (39.5, 160.5), atol=1.5)
 
 
-def test_echoes_beyond_the_room_are_counted() -> None:
+def test_echoes_that_do_not_fit_are_counted() -> None:
     peaks = dict.fromkeys(range(5, 155, 5), 100)
-    beside = waveform_figure(views(Packet(record(peaks, length=160)))).axes[1]
-    shown = texts(beside)
+    echo_list = waveform_figure(views(Packet(record(peaks, length=160)))).axes[1]
+    shown = texts(echo_list)
     assert "three-point, 30 echoes" in shown
     listed = sum(bool(re.fullmatch(r"\d+\.00", text)) for text in shown)
     assert 10 <= listed < 30

@@ -185,7 +185,7 @@ def test_returns_trigger_on_the_leading_edge(tmp_path: Path) -> None:
     np.testing.assert_allclose(early, 500.0 * scan.truth.width_samples[alone], atol=0.02)
 
 
-def test_most_returns_of_the_older_format_is_kept(tmp_path: Path) -> None:
+def test_maximum_number_of_returns_of_the_older_format(tmp_path: Path) -> None:
     scan = simulate_scan(ScanSettings(close_pair_fraction=0.9, return_threshold=0.0))
     assert scan.truth.echo_number.max() == 6
     assert np.asarray(written(scan, tmp_path, 4).number_of_returns).max() == 5
@@ -244,7 +244,7 @@ def test_equal_scans_are_equal_files(
         assert first.read_bytes() == second.read_bytes()
 
 
-def test_failure_leaves_nothing_behind(
+def test_failure_leaves_no_files(
     scan: SimulatedScan, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     def full_disk(_truth: TruthTable, _path: Path) -> None:

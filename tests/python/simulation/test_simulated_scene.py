@@ -73,7 +73,7 @@ def test_time_and_position_follow_the_sampling_interval() -> None:
     np.testing.assert_allclose(truth.time_in_record_ns, 2.0 * truth.position_samples, rtol=1e-12)
 
 
-def test_ground_is_gentle_and_roofs_stand_above_it() -> None:
+def test_ground_is_gentle_and_roofs_are_above_it() -> None:
     truth = simulate_scan(ScanSettings()).truth
     ground, roof = truth.classification == 2, truth.classification == 6
     # The waves of the ground add at most 4.2 m to a slope of 4 % over 200 m on either side.

@@ -114,7 +114,7 @@ def test_clipped_records_are_those_of_saturated_echoes() -> None:
     assert scan.samples[:, 1].max() < 4000
 
 
-def test_isolated_echo_stands_at_its_true_sample() -> None:
+def test_isolated_echo_is_at_its_true_position() -> None:
     scan = simulate_scan(ScanSettings(noise_rms=0.0, saturated_fraction=0.0))
     truth = scan.truth
     alone = np.flatnonzero(np.isinf(truth.neighbour_distance_samples))

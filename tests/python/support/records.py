@@ -1,7 +1,7 @@
-"""Records built of triples whose Gaussian is known, and echoes worked out by hand.
+"""Waveforms of sample triples with known Gaussians, and their scanner and driver.
 
-Through a, 2a, a goes the Gaussian with its top on the middle sample, 2a high and sqrt(0.5 / ln 2)
-samples wide: in logarithms the curvature is -2 ln 2.
+The Gaussian through a, 2a, a has its maximum 2a at the middle sample and a standard deviation of
+sqrt(0.5 / ln 2) samples: in logarithms the curvature is -2 ln 2.
 """
 
 from __future__ import annotations
@@ -22,7 +22,7 @@ TRIPLE_STD = 0.8493218002880191  # samples
 
 
 def record(peaks: Mapping[int, int], length: int = 60) -> Samples:
-    """One record of zeros with a triple of even height at each of the given positions."""
+    """A waveform of zeros with a triple of even height at each of the given positions."""
     samples = np.zeros(length, np.uint16)
     for position, height in peaks.items():
         samples[position - 1 : position + 2] = height // 2, height, height // 2
@@ -30,11 +30,11 @@ def record(peaks: Mapping[int, int], length: int = 60) -> Samples:
 
 
 def scanner(after_pulse: AfterPulse | None = NO_AFTER_PULSE, **attributes: Any) -> Scanner:
-    """A scanner from attributes, of no known type, with samples `INTERVAL` apart."""
+    """A scanner of unknown type with the sampling interval `INTERVAL`."""
     values = {"WaveformSampleInterval": INTERVAL, **DEFAULT_ATTRIBUTES, **attributes}
     return Scanner.from_attributes(values, after_pulse=after_pulse)
 
 
 def driver(**attributes: Any) -> Driver:
-    """A driver of the three-point method for `scanner`."""
+    """A driver of mode 0 for `scanner`."""
     return Driver(0, scanner(**attributes))

@@ -1,7 +1,4 @@
-"""The three-point road of one waveform, written down plainly: no speed, no library of ours.
-
-Serves as the other side of a comparison; every step stands here as a person would compute it.
-"""
+"""Mode 0 for one waveform in plain Python, without the library, as a reference for comparison."""
 
 from __future__ import annotations
 
@@ -26,8 +23,8 @@ class Echo:
 
 
 @dataclass
-class Wave:
-    """Analysis values and echoes of one record."""
+class Waveform:
+    """Analysis values and echoes of a waveform."""
 
     noise: int
     max_amplitude: int = 0
@@ -45,7 +42,7 @@ class Wave:
 
 
 def estimate(samples: list[int]) -> int:
-    """Noise level of a record, its low 16 bits."""
+    """Estimated threshold of a waveform, its low 16 bits."""
     collected = [float(s) for s in samples if s > 10]
     if len(collected) < 2:
         return 180
@@ -65,32 +62,32 @@ def estimate(samples: list[int]) -> int:
     return int(noise) & 0xFFFF
 
 
-def analyse(samples: list[int], threshold: Threshold) -> Wave:
-    """Strongest inner sample and the segments above the threshold."""
-    wave = Wave(estimate(samples) if threshold == "estimate" else threshold)
-    inside, start = samples[0] > wave.noise, 1
+def analyse(samples: list[int], threshold: Threshold) -> Waveform:
+    """Largest inner sample and the segments above the threshold."""
+    waveform = Waveform(estimate(samples) if threshold == "estimate" else threshold)
+    inside, start = samples[0] > waveform.noise, 1
     for i in range(1, len(samples) - 1):
-        if samples[i] > wave.max_amplitude:
-            wave.max_amplitude, wave.idx_of_max = samples[i], i
-        if samples[i] > wave.noise:
+        if samples[i] > waveform.max_amplitude:
+            waveform.max_amplitude, waveform.idx_of_max = samples[i], i
+        if samples[i] > waveform.noise:
             if not inside:
                 inside, start = True, i - 1
-        elif samples[i] < wave.noise and inside:
-            wave.segments[start] = i
+        elif samples[i] < waveform.noise and inside:
+            waveform.segments[start] = i
             inside = False
     if inside:
-        wave.segments[start] = len(samples) - 2
-    return wave
+        waveform.segments[start] = len(samples) - 2
+    return waveform
 
 
 def raw_maxima(samples: list[int], first: int, last: int, noise: int) -> list[int]:
-    """Indices of the local maxima, or of the largest sample when there is none."""
+    """Indices of the local maxima, or of the largest sample if there are none."""
     found, largest, at = [], 0, 0
     for i in range(first, last + 1):
-        before, here, behind = samples[max(i - 1, 0)], samples[i], samples[i + 1]
+        before, here, after = samples[max(i - 1, 0)], samples[i], samples[i + 1]
         if here > largest:
             largest, at = here, i
-        rise, fall = here - before, here - behind
+        rise, fall = here - before, here - after
         if rise == 0 or here <= noise or (rise < 2 and fall < 2) or rise < 0 or fall < 0:
             continue
         found.append(i)
@@ -101,6 +98,7 @@ def fit(samples: list[int], k: int) -> Echo:
     """The Gaussian through a sample and its neighbours, in single precision."""
     triple = [math.log(max(samples[i], 1)) for i in (max(k - 1, 0), k, k + 1)]
     c = np.linalg.solve(SYSTEM, np.array(triple, dtype=np.float32))
+    c[2] += 0.0  # the curvature of equal values is +0, not -0: the width is NaN, not infinite
     with np.errstate(all="ignore"):
         top = c[0] - np.float32(0.25) * c[1] * c[1] / c[2]
         vertex = np.float32(k - 1) - np.float32(0.5) * c[1] / c[2]
@@ -108,30 +106,30 @@ def fit(samples: list[int], k: int) -> Echo:
         return Echo(float(vertex), float(np.float32(np.exp(np.float64(top)))), float(std))
 
 
-def is_bad(echo: Echo, wave: Wave) -> bool:
-    """Outside the range, the amplitudes or the widths that an echo can have."""
+def is_bad(echo: Echo, waveform: Waveform) -> bool:
+    """Whether position, amplitude or width is not possible for an echo."""
     return (
-        echo.idx < wave.start
-        or echo.idx > wave.end
+        echo.idx < waveform.start
+        or echo.idx > waveform.end
         or echo.amplitude > 4096.0
-        or echo.amplitude < wave.noise
+        or echo.amplitude < waveform.noise
         or echo.std > 50.0
         or echo.std < 0.0
     )
 
 
-def three_point_road(
+def three_point_echoes(
     samples: list[int], threshold: Threshold, after_pulse: tuple[int, int] = (0, 2**31)
-) -> Wave:
-    """Everything that becomes of one record in mode 0; echoes in counts, none for a weak signal."""
-    wave = analyse(samples, threshold)
-    if wave.max_amplitude <= wave.noise or wave.end - wave.start < 3:
-        return wave
+) -> Waveform:
+    """Analysis and echoes of a waveform in mode 0."""
+    waveform = analyse(samples, threshold)
+    if waveform.max_amplitude <= waveform.noise or waveform.end - waveform.start < 3:
+        return waveform
     offset, width = after_pulse
-    window_from = (wave.idx_of_max + offset - width) % 2**32
-    for k in raw_maxima(samples, wave.start, wave.end, wave.noise):
-        if wave.max_amplitude >= 800 and k >= window_from:
-            continue  # the window ends far behind any record
-        wave.echoes.append(fit(samples, k))
-    wave.echoes = [echo for echo in wave.echoes if not is_bad(echo, wave)]
-    return wave
+    window_from = (waveform.idx_of_max + offset - width) % 2**32
+    for k in raw_maxima(samples, waveform.start, waveform.end, waveform.noise):
+        if waveform.max_amplitude >= 800 and k >= window_from:
+            continue  # the window ends after any waveform
+        waveform.echoes.append(fit(samples, k))
+    waveform.echoes = [echo for echo in waveform.echoes if not is_bad(echo, waveform)]
+    return waveform

@@ -69,7 +69,7 @@ def deconvolved(
 
 
 def maxima(values: FloatArray, noise: float) -> list[int]:
-    """Maxima above the threshold with a step of 2 counts beside them, or the largest value.
+    """Maxima above the threshold with a step of 2 counts next to them, or the largest value.
 
     A neighbour beyond the ends is taken to be as high as the end itself.
     """

@@ -16,10 +16,10 @@ MAXIMUM_AT = 5.0  # samples from the start of the shape to its maximum
 
 
 def shape(position: npt.ArrayLike) -> FloatArray:
-    """A skewed pulse, maximum 1 at 0, with a bump of 5 % ten samples behind it.
+    """A skewed pulse, maximum 1 at 0, with a bump of 5 % ten samples after it.
 
     (1 + x / 5)^p exp(-p x / 5) has its maximum at 0 for every p; p = 6 makes it 4.9 samples wide
-    at half its height, and steeper in front than behind.
+    at half its height, and steeper before the maximum than after it.
     """
     x = np.asarray(position, dtype=np.float64)
     rising = np.maximum(1.0 + x / MAXIMUM_AT, 0.0)
@@ -40,11 +40,11 @@ def sampled(
 
 
 def recorded(count: int, noise: float, seed: int = 1) -> tuple[FloatArray, FloatArray]:
-    """Rows in whole counts at random phases, heights and baselines, and their positions."""
-    chance = np.random.default_rng(seed)
-    positions = 20.0 + chance.uniform(-0.5, 0.5, count)
-    rows = sampled(positions, chance.uniform(80.0, 200.0, count), chance.uniform(2.0, 4.0, count))
-    return np.rint(rows + chance.normal(0.0, noise, rows.shape)), positions
+    """Rows in integer counts at random phases, heights and baselines, and their positions."""
+    rng = np.random.default_rng(seed)
+    positions = 20.0 + rng.uniform(-0.5, 0.5, count)
+    rows = sampled(positions, rng.uniform(80.0, 200.0, count), rng.uniform(2.0, 4.0, count))
+    return np.rint(rows + rng.normal(0.0, noise, rows.shape)), positions
 
 
 def pulses(rows: FloatArray) -> Pulses:

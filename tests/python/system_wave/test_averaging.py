@@ -29,7 +29,7 @@ def difference(rows: FloatArray) -> FloatArray:
     return found.value - shape(found.position)
 
 
-def test_without_noise_the_shape_comes_back() -> None:
+def test_shape_is_recovered_without_noise() -> None:
     positions = 20.0 + (np.arange(97) * 0.618) % 1.0
     assert np.abs(difference(sampled(positions, np.linspace(50, 250, 97)))).max() < EXACT
 
@@ -42,13 +42,13 @@ def test_with_noise_and_rounding() -> None:
 
 
 def test_phases_bunched_on_half_a_sample() -> None:
-    chance = np.random.default_rng(5)
-    positions = 20.0 + chance.normal(0.3, 0.1, 400)
-    rows = sampled(positions) + chance.normal(0.0, 0.5, (400, 60))
+    rng = np.random.default_rng(5)
+    positions = 20.0 + rng.normal(0.3, 0.1, 400)
+    rows = sampled(positions) + rng.normal(0.0, 0.5, (400, 60))
     assert np.abs(difference(rows)).max() < 2e-2
 
 
-def test_pulses_of_other_shapes_are_left_out() -> None:
+def test_pulses_of_other_shapes_are_rejected() -> None:
     rows, _ = recorded(200, 0.7)
     rows[7] += sampled(np.array([27.0]), 90.0, 0.0)[0]
     rows[11, 5:50] += np.linspace(0.0, 60.0, 45)
@@ -60,8 +60,8 @@ def test_pulses_of_other_shapes_are_left_out() -> None:
 
 def test_single_outlying_samples_do_not_pull() -> None:
     rows, _ = recorded(400, 0.7)
-    chance = np.random.default_rng(8)
-    rows[chance.random(rows.shape) < 0.005] += 12.0
+    rng = np.random.default_rng(8)
+    rows[rng.random(rows.shape) < 0.005] += 12.0
     assert np.abs(difference(rows)).max() < 1.5 * NOISY_LARGEST
 
 
@@ -81,13 +81,13 @@ def test_a_single_pulse_passes_through_its_samples() -> None:
 def test_rows_of_different_lengths() -> None:
     rows, _ = recorded(300, 0.0)
     counts = np.where(np.arange(300) % 3 == 0, 45, 60)
-    rows[np.arange(60) >= counts[:, np.newaxis]] = 9999.0  # behind the count, never read
+    rows[np.arange(60) >= counts[:, np.newaxis]] = 9999.0  # after the count, never read
     found = average(pulses_of_rows(rows, counts, 1e-9, "rows"))
     assert found.used == 300
     assert np.abs(found.value - shape(found.position)).max() < NOISY_LARGEST
 
 
-def test_what_is_left_out_before_averaging() -> None:
+def test_pulses_rejected_before_averaging() -> None:
     rows = sampled(np.array([20.1, 20.3, 20.5, 0.2, 20.2, 20.0]))
     rows[1] = 3.0
     rows[2, 19:22] = 160.0
@@ -103,14 +103,14 @@ def test_equal_samples_below_the_limit_are_no_flat_top() -> None:
     assert len(screened(pulses(rows), 10)) == 2
 
 
-def test_more_than_needed_are_left_out_evenly() -> None:
+def test_surplus_pulses_are_subsampled_evenly() -> None:
     positions = np.linspace(19.5, 20.5, 100)
     left = screened(pulses(sampled(positions)), 25)
     assert (len(left), left.rejected) == (25, {SUBSAMPLED: 75})
     assert np.array_equal(left.values[[0, -1]], sampled(positions)[[0, -1]])
 
 
-def test_nothing_to_average() -> None:
+def test_no_usable_pulse() -> None:
     with pytest.raises(ValueError, match=r"constructed pulses: no usable pulse \(2: no pulse"):
         average(pulses(np.full((2, 40), 3.0)))
 
@@ -123,7 +123,7 @@ def test_counts_that_do_not_fit() -> None:
 
 
 @pytest.mark.parametrize("interval", [0.0, -1e-9, np.nan])
-def test_interval_that_is_none(interval: float) -> None:
+def test_invalid_interval_is_refused(interval: float) -> None:
     with pytest.raises(ValueError, match="must be above 0"):
         pulses_of_rows(np.ones((2, 9)), None, interval, "rows")
 
@@ -132,7 +132,7 @@ def test_curve_in_its_own_steps() -> None:
     time = np.cumsum(np.tile([0.1, 0.3, 0.2], 66))
     found = pulse_of_curve(time * 1e-9, 7.0 + 3.0 * shape(time - 12.34), 1e-9, "curve")
     assert np.abs(found.value - shape(found.position)).max() < 1e-3
-    assert found.position[0] == pytest.approx(-12.2)  # first whole tenth behind 0.1 - 12.34
+    assert found.position[0] == pytest.approx(-12.2)  # first tenth after 0.1 - 12.34
 
 
 @pytest.mark.parametrize(
@@ -144,6 +144,6 @@ def test_curve_in_its_own_steps() -> None:
         (np.arange(14.0), np.ones(14), "do not rise"),
     ],
 )
-def test_curves_that_are_none(time: FloatArray, amplitude: FloatArray, rule: str) -> None:
+def test_invalid_curves(time: FloatArray, amplitude: FloatArray, rule: str) -> None:
     with pytest.raises(ValueError, match=rule):
         pulse_of_curve(time, amplitude, 1.0, "curve")

@@ -156,7 +156,7 @@ def test_options_without_effect(tmp_path: Path) -> None:
         assert run("system-wave", name, "-o", tmp_path / "o.toml", option, value).exit_code == 2
 
 
-def test_trouble_with_the_data(arrays: Path, tmp_path: Path) -> None:
+def test_invalid_data(arrays: Path, tmp_path: Path) -> None:
     toml = tmp_path / "o.toml"
     for call, message in (
         ([tmp_path / "missing.las"], "missing.las"),

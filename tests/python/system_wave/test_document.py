@@ -42,6 +42,6 @@ def test_table_of_the_offset(tmp_path: Path) -> None:
 
 def test_options() -> None:
     shown = CliRunner().invoke(app, ["system-wave", "--help"], env={"COLUMNS": "200"}).stdout
-    named = set(re.findall(r"`(--?[a-z]+)", TEXT.partition("## What it reads")[0]))
+    named = set(re.findall(r"`(--?[a-z]+)", TEXT.partition("## Input")[0]))
     assert named > {"--source", "--order", "--begin", "--plot"}
     assert all(option in shown for option in named)

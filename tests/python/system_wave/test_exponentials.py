@@ -73,7 +73,7 @@ def test_growing_exponentials() -> None:
     np.testing.assert_allclose(found.exponents.real, 0.2, atol=1e-9)
 
 
-def test_conjugates_stand_in_pairs_and_the_sum_is_real() -> None:
+def test_exponents_are_conjugate_pairs_and_the_sum_is_real() -> None:
     found = fit_exponentials(damped(np.arange(111) / 10), 0.1, 4).sum
     for table in (found.coefficients, found.exponents):
         np.testing.assert_array_equal(np.sort_complex(table), np.sort_complex(table.conj()))
@@ -87,10 +87,10 @@ def test_order_is_the_smallest_that_is_good() -> None:
     assert rms[3] > 1e-3 > rms[4]
 
 
-def test_order_stops_where_only_noise_is_left() -> None:
-    chance = np.random.default_rng(3)
+def test_order_is_not_increased_to_fit_noise() -> None:
+    rng = np.random.default_rng(3)
     time = np.arange(111) / 10
-    values = np.exp(-0.3 * time) + chance.normal(0.0, 0.02, 111)
+    values = np.exp(-0.3 * time) + rng.normal(0.0, 0.02, 111)
     fit = fit_exponentials(values, 0.1)
     assert fit.sum.order == 1
     assert fit.sum.exponents[0].real == pytest.approx(-0.3, abs=0.02)

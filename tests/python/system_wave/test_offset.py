@@ -32,8 +32,8 @@ from . import richardson_lucy
 from .scenes import INTERVAL, echo_samples, pulses, recorded, sampled, shape
 
 NOISE = 12
-# Deconvolved positions are whole fifths of a sample; the median of 200 differences that are spread
-# evenly over a fifth has a standard deviation of 0.2 / (2 sqrt(200)) = 0.007.
+# Deconvolved positions are multiples of a fifth of a sample; the median of 200 differences that are
+# spread evenly over a fifth has a standard deviation of 0.2 / (2 sqrt(200)) = 0.007.
 MEDIAN_TOLERANCE = 0.03
 
 
@@ -87,7 +87,7 @@ def test_offset_follows_the_window(wave: SystemWave) -> None:
     assert offsets[1] - offsets[0] == pytest.approx(1.0, abs=0.1)
 
 
-def test_made_echoes_agree_with_recorded_ones(wave: SystemWave, scanner: Scanner) -> None:
+def test_simulated_echoes_agree_with_recorded_ones(wave: SystemWave, scanner: Scanner) -> None:
     made = offset_of_simulated_echoes(scanner, wave.pulse)
     recorded_ones = measure_offset(scanner, [waveforms()], NOISE)
     assert recorded_ones is not None
@@ -137,10 +137,10 @@ def test_differences_are_taken_within_the_row() -> None:
 
 
 def test_no_differences() -> None:
-    nothing = table()
+    empty = table()
     some = table((0, 20.0, 90.0))
-    assert len(position_differences(strongest_echoes(some, np.zeros(1)), nothing)) == 0
-    assert len(position_differences(strongest_echoes(nothing, np.zeros(1)), some)) == 0
+    assert len(position_differences(strongest_echoes(some, np.zeros(1)), empty)) == 0
+    assert len(position_differences(strongest_echoes(empty, np.zeros(1)), some)) == 0
 
 
 def test_median_and_robust_spread() -> None:
@@ -156,7 +156,7 @@ def test_isolated_echoes_show_the_pulse() -> None:
     assert np.abs(found.value - shape(found.position))[near].max() < 1e-2
 
 
-def test_crowded_echoes_and_other_intervals_are_left_out() -> None:
+def test_crowded_echoes_and_other_intervals_are_rejected() -> None:
     rows = np.rint(
         sampled(np.full(40, 20.0) + np.arange(40) / 40)
         + np.where(np.arange(40)[:, None] < 10, sampled(np.full(40, 32.0), 60.0, 0.0), 0.0)

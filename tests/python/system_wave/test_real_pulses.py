@@ -55,10 +55,10 @@ def test_outgoing_pulses_ring() -> None:
     assert pulse.used == 4000
     # Rounding and 0.7 counts of noise on pulses of some 185 counts.
     assert pulse.scatter == pytest.approx(0.76 / 185, rel=0.15)
-    behind = (pulse.position > 7.0) & (pulse.position < 15.0)
-    bump = pulse.position[behind][np.argmax(pulse.value[behind])]
+    after = (pulse.position > 7.0) & (pulse.position < 15.0)
+    bump = pulse.position[after][np.argmax(pulse.value[after])]
     assert 10.0 < bump < 11.5
-    assert 0.03 < pulse.value[behind].max() < 0.06
+    assert 0.03 < pulse.value[after].max() < 0.06
     assert 3.8 < width_at_half(pulse) < 4.6
 
 
