@@ -17,7 +17,7 @@ import numpy as np
 import pytest
 
 from fullwaveform.cluster.inputs import FileState, InputFile
-from fullwaveform.cluster.manifest import Manifest
+from fullwaveform.cluster.manifest import MANIFEST_VERSION, Manifest
 from fullwaveform.cluster.manifest_file import ManifestFile
 from fullwaveform.cluster.settings import JobSettings
 from fullwaveform.cluster.units import planned_parts
@@ -89,7 +89,7 @@ def write_manifest(folder: Path) -> None:
         ExtractionSettings(Scanner.default(), threshold=20),
         {2: 0, 7: 3},
         block=50,
-        unit_blocks=2,
+        blocks_per_part=2,
         part_format="parquet",
     )
     inputs = [
@@ -97,7 +97,7 @@ def write_manifest(folder: Path) -> None:
         for name, blocks in (("a.las", 3), ("b.las", 1))
     ]
     parts = planned_parts(inputs, 2, ".parquet")
-    ManifestFile(Manifest(1, "0.1.0", settings, inputs, parts), folder).save()
+    ManifestFile(Manifest(MANIFEST_VERSION, "0.1.0", settings, inputs, parts), folder).save()
 
 
 @pytest.fixture(scope="module")
