@@ -6,6 +6,7 @@ python examples/python/compare_methods.py
 import numpy as np
 
 from fullwaveform import Driver, Mode, Scanner
+from fullwaveform.core.constants import EchoType
 from fullwaveform.system_wave import (
     average,
     fit_system_wave,
@@ -39,7 +40,10 @@ def main() -> None:
             Driver(mode, scanner).apply(samples[np.newaxis].astype(np.uint16), threshold=20).peaks
         )
         print(f"\n{mode.title}")
-        print("  position ", np.round(peaks["idx"] - offset * (peaks["type"] == 5), 2))
+        print(
+            "  position ",
+            np.round(peaks["idx"] - offset * (peaks["type"] == EchoType.RICHARDSON_LUCY), 2),
+        )
         print("  amplitude", np.round(peaks["amplitudeCounts"]))
         print("  width    ", np.round(peaks["std"], 2))
 

@@ -18,6 +18,7 @@ from method_scenes import PULSE_WIDTH, Echoes, FloatArray, clean, extracted, rec
 
 from fullwaveform import Driver, Mode
 from fullwaveform.analysis.matching import match_echoes
+from fullwaveform.core.constants import EchoType
 from fullwaveform.simulation import ScanSettings, SimulatedScan, simulate_scan
 
 NOISE_RMS, LEVEL = 4.0, 28  # counts
@@ -102,7 +103,7 @@ def of_a_scan(mode: Mode) -> tuple[int, int]:
     driver = Driver(mode, scanner()[0], longest_waveform=waveforms.shape[1])
     flags = np.tile(np.array([1, 0], np.uint8), len(scan.samples))
     peaks = driver.apply(waveforms, shot_times=shots, channel_flags=flags, threshold=20).peaks
-    position = peaks["idx"] - np.where(peaks["type"] == 5, offset, 0.0)
+    position = peaks["idx"] - np.where(peaks["type"] == EchoType.RICHARDSON_LUCY, offset, 0.0)
     found, truth = shots[peaks["row"]], scan.truth
     matching = match_echoes(found, position, truth.shot, truth.position_samples, 2.0)
     return len(matching), int(np.sum(np.isfinite(position[matching.unmatched_found])))

@@ -13,6 +13,7 @@ import numpy as np
 import numpy.typing as npt
 
 from fullwaveform import Driver, Mode, Scanner
+from fullwaveform.core.constants import EchoType
 from fullwaveform.system_wave import (
     average,
     fit_system_wave,
@@ -73,7 +74,7 @@ def extracted(mode: Mode, samples: npt.NDArray[np.uint16], level: int, channel: 
     flags = np.full(len(samples), channel, np.uint8)
     peaks = driver.apply(samples, channel_flags=flags, threshold=level).peaks
     # Deconvolved echoes are moved as `extract` moves them.
-    position = peaks["idx"] - np.where(peaks["type"] == 5, offset, 0.0)
+    position = peaks["idx"] - np.where(peaks["type"] == EchoType.RICHARDSON_LUCY, offset, 0.0)
     finite = np.isfinite(position) & np.isfinite(peaks["std"])
     finite &= np.isfinite(peaks["amplitudeCounts"])
     columns = (peaks["row"], position, peaks["amplitudeCounts"], peaks["std"])
