@@ -133,6 +133,7 @@ def test_default_parts_are_smaller_for_slower_modes() -> None:
         (lambda m: m.pop("manifest_version"), "unsupported manifest_version None"),
         (lambda m: m.pop("settings"), "manifest.settings: missing"),
         (lambda m: m.update(more=1), "manifest.more: unknown entry"),
+        (lambda m: m.update(seconds=float("nan")), "seconds is nan, must be a finite number"),
         (
             lambda m: m.update(inputs={}),
             r"manifest.inputs is \{\}, must be a valid array",
