@@ -35,7 +35,7 @@ _CLUSTER_OPTIONS = ("--cluster", "--resume", "--unit-blocks", "--part-format")
 
 
 def _option_name(command: str) -> Callable[[str], str]:
-    """Today's name of an option: --noise was --threshold, and --noise-rms in simulate."""
+    """Maps the former name --noise to --threshold, in simulate to --noise-rms."""
     noise = "noise-rms" if command == "simulate" else "threshold"
     return lambda option: noise if option == "noise" else option
 
