@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import re
 from pathlib import Path
 
 import pytest
@@ -25,6 +26,7 @@ def test_equal_plots_are_equal_files(tmp_path: Path, ending: str) -> None:
     for path in paths:
         draw_histogram(path, [1.0, 2.0], title="title", label="label")
     assert paths[0].read_bytes() == paths[1].read_bytes()
+    assert not re.search(rb"CreationDate|<dc:date>", paths[0].read_bytes())
 
 
 def test_unknown_ending_is_refused(tmp_path: Path) -> None:
