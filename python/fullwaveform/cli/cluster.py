@@ -267,7 +267,8 @@ def _summary(
     if len(sources) > 1:
         total.read.notes = _notes_by_file(manifest)
     notes = las_notes(total.written, total.not_representable, total.saturated_return_numbers)
-    parts = f"{len(manifest.parts)} parts, listed in {MANIFEST_NAME}"
+    count = len(manifest.parts)
+    parts = f"{count:,} part{'s' if count != 1 else ''}, listed in {MANIFEST_NAME}"
     statistics = warning_path(folder, sources[0] if len(sources) == 1 else Path("*"))
     return RunSummary(
         name=_name(sources),
