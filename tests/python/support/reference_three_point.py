@@ -6,10 +6,13 @@ import math
 from dataclasses import dataclass, field
 
 import numpy as np
+import numpy.typing as npt
 
 from fullwaveform.core.driver import Threshold
 
-SYSTEM = np.array([[1, 0, 0], [1, 1, 1], [1, 2, 4]], dtype=np.float32)
+Matrix = npt.NDArray[np.float32]
+
+SYSTEM: Matrix = np.array([[1, 0, 0], [1, 1, 1], [1, 2, 4]], dtype=np.float32)
 
 
 @dataclass
@@ -94,11 +97,32 @@ def raw_maxima(samples: list[int], first: int, last: int, noise: int) -> list[in
     return found if found or noise >= largest else [at]
 
 
+def solve(system: Matrix, right: Matrix) -> Matrix:
+    """Solution of a linear system in single precision, by LU decomposition with partial pivoting.
+
+    As in the triangular solver of the reference BLAS, components of zero are skipped. The curvature
+    of equal samples thus is +0, not 0 / -1 = -0, and their width is NaN, not infinite.
+    """
+    lu, x = system.copy(), right.copy()
+    n = len(x)
+    for j in range(n):
+        pivot = j + int(np.argmax(np.abs(lu[j:, j])))
+        lu[[j, pivot]], x[[j, pivot]] = lu[[pivot, j]], x[[pivot, j]]
+        for i in range(j + 1, n):
+            factor = lu[i, j] / lu[j, j]
+            lu[i, j:] -= factor * lu[j, j:]
+            x[i] -= factor * x[j]
+    for j in reversed(range(n)):
+        if x[j] != 0:
+            x[j] /= lu[j, j]
+            x[:j] -= lu[:j, j] * x[j]
+    return x
+
+
 def fit(samples: list[int], k: int) -> Echo:
     """The Gaussian through a sample and its neighbours, in single precision."""
     triple = [math.log(max(samples[i], 1)) for i in (max(k - 1, 0), k, k + 1)]
-    c = np.linalg.solve(SYSTEM, np.array(triple, dtype=np.float32))
-    c[2] += 0.0  # the curvature of equal values is +0, not -0: the width is NaN, not infinite
+    c = solve(SYSTEM, np.array(triple, dtype=np.float32))
     with np.errstate(all="ignore"):
         top = c[0] - np.float32(0.25) * c[1] * c[1] / c[2]
         vertex = np.float32(k - 1) - np.float32(0.5) * c[1] / c[2]
