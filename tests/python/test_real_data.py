@@ -75,7 +75,7 @@ def test_nearly_every_waveform_of_the_strip_has_an_echo(strip: tuple[Columns, st
     values = [line.split("│")[1:3] for line in summary.splitlines() if line.count("│") == 4]
     numbers = {label.strip(): value.strip() for label, value in values}
     assert numbers["points read"] == "2,250"
-    assert numbers["sharing a packet"] == "472"
+    assert numbers["points sharing a waveform"] == "472"
     assert numbers["waveforms"] == "1,778"
     assert numbers["with echoes"] == f"{len(with_echoes):,}"
     assert numbers["echoes written"] == f"{len(echoes['x']):,}"
