@@ -105,5 +105,40 @@ TEST(LevenbergMarquardtStep, IsThatOfEigen) {
   }
 }
 
+TEST(LevenbergMarquardtStep, TheSearchEndsAfterTenCorrections) {
+  // A diagonal R of twelve orders of magnitude, with scales of 1: the length sqrt(sum of (R q / (R^2 +
+  // damping))^2) falls so slowly with the damping that Newton's method takes 13 corrections to get within a
+  // tenth of the bound.
+  constexpr std::size_t size = 12;
+  constexpr double bound = 1.36;
+  GaussianSum sum;
+  sum.setSignal(Values(size, 0.0), 0, size);
+  PivotedQr qr;
+  qr.factorise(sum, Values(size, 0.0));
+  Eigen::MatrixXd jacobian = Eigen::MatrixXd::Zero(size, size);
+  Eigen::VectorXd qtf(size);
+  for (std::size_t i = 0; i < size; ++i) {
+    for (std::size_t j = 0; j < size; ++j) {
+      qr.r(i, j) = 0.0;
+    }
+    double const diagonal = std::pow(10.0, -static_cast<double>(i));
+    qr.r(i, i) = diagonal;
+    qr.qtf[i] = diagonal * std::pow(10.0, 0.08 * static_cast<double>(i));
+    auto const k = static_cast<Eigen::Index>(i);
+    jacobian(k, k) = diagonal;
+    qtf[k] = qr.qtf[i];
+  }
+  LevenbergMarquardtStep search;
+  search.find(qr, Values(size, 1.0), bound);
+
+  Eigen::VectorXd step(size);
+  double damping = 0.0;
+  Eigen::internal::lmpar2<double>(Eigen::ColPivHouseholderQR<Eigen::MatrixXd>(jacobian),
+                                  Eigen::VectorXd::Ones(size), qtf, bound, damping, step);
+  EXPECT_NEAR(search.damping, damping, Tolerance::sameSteps * damping);
+  EXPECT_NEAR(search.length, step.norm(), Tolerance::sameSteps * step.norm());
+  EXPECT_GT(step.norm(), 1.4 * bound);  // ended by the limit, not by convergence
+}
+
 }  // namespace
 }  // namespace FullWaveform
