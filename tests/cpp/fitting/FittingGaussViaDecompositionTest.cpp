@@ -1,5 +1,6 @@
 #include <fullwaveform/fitting/FittingGaussViaDecomposition.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <iterator>
@@ -214,6 +215,22 @@ TEST(FittingGaussViaDecomposition, FlatSegmentKeepsAnEchoOfNan) {
     EXPECT_TRUE(std::isnan(peak.std));
     EXPECT_TRUE(std::isnan(peak.amplitude));
   }
+}
+
+TEST(FittingGaussViaDecomposition, NanStartOfTheSecondLoopBlocksItsRefinement) {
+  // The plateau, whose first sample of the segment equals both neighbours, is no maximum: the second loop
+  // takes it as the largest residual. The echo of the first loop keeps its digits; refined once more it would
+  // not.
+  Samples samples = sceneOf(60, {{1000.0, 30.3, 2.2}});
+  std::fill_n(samples.begin(), 6, static_cast<unsigned short>(noise + 25));
+  Peaks const firstLoop = decompose(samples, Normal);
+  Peaks const both = decompose(samples, Low);
+  ASSERT_EQ(typesOf(firstLoop), (Types{first}));
+  ASSERT_EQ(typesOf(both), (Types{first, second}));
+  EXPECT_EQ(both[0].idx, firstLoop[0].idx);
+  EXPECT_EQ(both[0].std, firstLoop[0].std);
+  EXPECT_EQ(both[0].amplitude, firstLoop[0].amplitude);
+  EXPECT_TRUE(std::isnan(both[1].std));
 }
 
 TEST(FittingGaussViaDecomposition, RemovalOfTheOnlyEchoLeavesNone) {
