@@ -106,9 +106,10 @@ Values minimisedByEigen(Scene const& scene) {
   return parameters;
 }
 
-Scene withStartOneUlpAway(Scene scene) {
+/// The scene with every start value one ulp nearer to `limit`.
+Scene withStartOneUlpToward(double limit, Scene scene) {
   for (double& value : scene.start) {
-    value = std::nextafter(value, std::numeric_limits<double>::infinity());
+    value = std::nextafter(value, limit);
   }
   return scene;
 }
@@ -160,16 +161,23 @@ TEST(EigenComparison, DegenerateStartsGiveEqualEnds) {
   }
 }
 
+/// Whether Eigen ends elsewhere than at `expected` when the start is moved up or down by one ulp.
+bool dependsOnRounding(Scene const& scene, Values const& expected) {
+  constexpr double infinity = std::numeric_limits<double>::infinity();
+  return !isSameEnd(minimisedByEigen(withStartOneUlpToward(infinity, scene)), expected) ||
+         !isSameEnd(minimisedByEigen(withStartOneUlpToward(-infinity, scene)), expected);
+}
+
 TEST(EigenComparison, WildStartsGiveDifferentEndsAsRarelyAsRoundingDoes) {
-  // Steps far out of range, with columns of rank one: there the last digits of the start decide the end.
-  constexpr int scenes = 9000;
+  // Steps far out of range, where the columns have rank one: the last digits of the start decide the end.
+  constexpr int scenes = 8000;
   int differing = 0;
   int differingByRounding = 0;
   for (int seed = 0; seed < scenes; ++seed) {
     Scene const scene = wildScene(seed);
     Values const expected = minimisedByEigen(scene);
     differing += isSameEnd(minimised(scene), expected) ? 0 : 1;
-    differingByRounding += isSameEnd(minimisedByEigen(withStartOneUlpAway(scene)), expected) ? 0 : 1;
+    differingByRounding += dependsOnRounding(scene, expected) ? 1 : 0;
   }
   EXPECT_LE(differing, differingByRounding);
 }

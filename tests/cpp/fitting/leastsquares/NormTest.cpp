@@ -27,7 +27,7 @@ TEST(Norm, DenormalValuesHaveANorm) {
 }
 
 TEST(Norm, IsThatOfEigenFromTheSmallestToTheLargestNumbers) {
-  // From 1e-323, over the limit of 3e-316 below which both give 0, to 1e308.
+  // From 1e-323, over the limit of about 2.3e-316 below which both give 0, to 1e308.
   for (int exponent = -323; exponent <= 308; ++exponent) {
     double const value = std::pow(10.0, exponent);
     Eigen::Vector3d const values(0.3 * value, 0.0, -0.4 * value);
