@@ -133,8 +133,8 @@ TEST(ThreePointGauss, HasTheBitsOfADynamicFactorisation) {
   }
 }
 
-// From NumPy, with logarithms and exponential in double precision, rounded to single precision. In single precision
-// the logarithm of 1579, and the exponential for 22, 60, 13, have another last digit.
+// From NumPy, with logarithms and exponential in double precision, rounded to single precision. In single
+// precision the logarithm of 1579, and the exponential for 22, 60, 13, have another last digit.
 TEST(ThreePointGauss, LogarithmAndExponentialAreOfDoublePrecision) {
   ThreePointGauss const gauss = gaussThroughThreeSamples(1500.0, 1579.0, 1540.0);
   EXPECT_EQ(gauss.vertex, 1.172376F);

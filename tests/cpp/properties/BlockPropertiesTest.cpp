@@ -1,6 +1,7 @@
 // Invariants of every block, tested with random scans in all modes.
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <map>
@@ -70,6 +71,7 @@ TEST_P(BlockProperties, ReadsOnlyTheSamplesAndAccessesEachRowOnce) {
 }
 
 TEST_P(BlockProperties, EchoesAreSortedGoodAndInsideTheSignal) {
+  std::size_t undefined = 0;
   std::size_t echoes = 0;
   Driver fresh = driver();
   std::vector<Row> const rows = randomScan(12, 2 * shotsOfScan);
@@ -80,16 +82,25 @@ TEST_P(BlockProperties, EchoesAreSortedGoodAndInsideTheSignal) {
       double previous = wave.globalStart;
       for (Peak const& echo : wave.peaks) {
         EXPECT_EQ(echo.quality, GOOD);
+        ++echoes;
+        if (std::isnan(echo.idx)) {  // three equal samples
+          EXPECT_TRUE(std::isnan(echo.std));
+          ++undefined;
+          continue;
+        }
         EXPECT_GE(echo.idx, previous);
         EXPECT_LE(echo.idx, wave.globalEnd);
         previous = echo.idx;
-        ++echoes;
       }
     }
   }
-  EXPECT_GT(echoes, 50U);
+  EXPECT_GT(echoes - undefined, 50U);
+  EXPECT_LT(undefined, echoes / 10);
   ASSERT_EQ(fresh.lastBlock().amplitudesInCounts.size(), echoes);
   for (float const amplitude : fresh.lastBlock().amplitudesInCounts) {
+    if (std::isnan(amplitude)) {
+      continue;
+    }
     EXPECT_GE(amplitude, static_cast<float>(scanNoise));
     EXPECT_LE(amplitude, 4096.0F);
   }
