@@ -124,7 +124,7 @@ ConvolutionWorkspace workspaceFor(std::size_t values) {
   return {pulse, length};
 }
 
-/// Forward transform, product of spectra and backward transform, with the next power of two as length.
+/// Forward transform, product of spectra and inverse transform, with the next power of two as length.
 void convolveInput(benchmark::State& state) {
   ConvolutionWorkspace workspace = workspaceFor(static_cast<std::size_t>(state.range(0)) * steps);
   workspace.load(Values(workspace.fftLength(), 1.0));

@@ -66,7 +66,7 @@ void compareWithTransforms(benchmark::State& state) {
     method.time([&] { applyToEach(planes, waveforms); });
     transforms.time([&] {
       for (std::size_t i = 0; i < waveforms.waves.size(); ++i) {
-        // Two convolutions per iteration, each with a forward and a backward transform.
+        // Two convolutions per iteration, each with a forward and an inverse transform.
         bare[planes.getIdx(static_cast<int>(waveforms.waves[i]->lengthCropped))].execute(2 * iterations[i]);
       }
     });

@@ -4,7 +4,7 @@
 //
 // measure SAMPLES ROWS COLUMNS WAVEFORMS_PER_SHOT MODE NOISE RUNS THREADS
 // SAMPLES is a file of ROWS x COLUMNS unsigned 16-bit counts in native byte order. With several threads, each
-// runs all rows with its own driver; the wall time is that of the last one.
+// runs all rows with its own driver; the wall time is that of the last thread to finish.
 
 #include <algorithm>
 #include <barrier>
@@ -27,13 +27,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int runsTogether = 5;
+constexpr int runsPerRound = 5;
 
 struct Times {
   double apply = std::numeric_limits<double>::infinity();    // s
-  double release = std::numeric_limits<double>::infinity();  // s, the run included
+  double release = std::numeric_limits<double>::infinity();  // s, including the run
   double bytes = 0.0;
-  double wall = std::numeric_limits<double>::infinity();  // s, release included
+  double wall = std::numeric_limits<double>::infinity();  // s, including the release
 };
 
 double secondsSince(Clock::time_point start) {
@@ -71,15 +71,15 @@ double bytesOfResult(Block const& block, Testing::Driver& driver, int noise) {
   return static_cast<double>(mallinfo2().uordblks) - static_cast<double>(before);
 }
 
-Times measure(Block const& block, FWFModus modus, int noise, int runs, std::barrier<>& together) {
+Times measure(Block const& block, FWFModus modus, int noise, int runs, std::barrier<>& barrier) {
   Testing::Driver driver(modus, scanner(), "no such directory", "measure",
                          static_cast<unsigned>(block.waveforms->columns()));
   Times times;
   times.bytes = bytesOfResult(block, driver, noise);
-  for (int run = 0; run < runs; run += runsTogether) {
-    together.arrive_and_wait();
-    auto const startOnWall = Clock::now();
-    for (int i = 0; i < runsTogether; ++i) {
+  for (int run = 0; run < runs; run += runsPerRound) {
+    barrier.arrive_and_wait();
+    auto const wallStart = Clock::now();
+    for (int i = 0; i < runsPerRound; ++i) {
       double const start = threadSeconds();
       {
         ShotMap const shots = block.run(driver, noise);
@@ -87,8 +87,8 @@ Times measure(Block const& block, FWFModus modus, int noise, int runs, std::barr
       }
       times.release = std::min(times.release, threadSeconds() - start);
     }
-    together.arrive_and_wait();
-    times.wall = std::min(times.wall, secondsSince(startOnWall) / runsTogether);
+    barrier.arrive_and_wait();
+    times.wall = std::min(times.wall, secondsSince(wallStart) / runsPerRound);
   }
   return times;
 }
@@ -98,12 +98,12 @@ void run(char** arguments) {
   Block const block = readBlock(arguments[1], static_cast<std::size_t>(number(2)),
                                 static_cast<std::size_t>(number(3)), static_cast<std::size_t>(number(4)));
   auto const threads = static_cast<std::size_t>(number(8));
-  std::barrier<> together(static_cast<std::ptrdiff_t>(threads));
+  std::barrier<> barrier(static_cast<std::ptrdiff_t>(threads));
   std::vector<Times> times(threads);
   std::vector<std::thread> workers;
   for (std::size_t thread = 0; thread < threads; ++thread) {
     workers.emplace_back([&, thread] {
-      times[thread] = measure(block, static_cast<FWFModus>(number(5)), number(6), number(7), together);
+      times[thread] = measure(block, static_cast<FWFModus>(number(5)), number(6), number(7), barrier);
     });
   }
   for (std::thread& worker : workers) {

@@ -16,9 +16,8 @@ namespace FullWaveform::Bench {
 using Testing::Block;
 using Testing::Samples;
 
-inline constexpr int noise = 20;  // counts, above the baseline of every waveform here
-inline constexpr std::size_t waveformCount =
-    64;  // different waveforms in turn, so that branches stay unpredictable
+inline constexpr int noise = 20;                  // counts, above the baseline of every waveform here
+inline constexpr std::size_t waveformCount = 64;  // different waveforms, so that branches are not predictable
 
 /// Scanner of 1 ns samples with a system wave, the one that the waveforms below were made with.
 ScannerDevice scanner();

@@ -23,7 +23,7 @@ class ConvolutionWorkspace {
 
   /// @param systemWave  the kernel; values after the first `fftLength` are ignored
   /// @param fftLength   length of the transforms
-  /// @throws std::bad_alloc without memory; std::length_error for a length that FFTW cannot plan
+  /// @throws std::bad_alloc when out of memory; std::length_error for a length that FFTW cannot plan
   ConvolutionWorkspace(std::span<double const> systemWave, std::uint32_t fftLength);
 
   ConvolutionWorkspace(ConvolutionWorkspace&& other) noexcept;
@@ -52,7 +52,7 @@ class ConvolutionWorkspace {
   /// @return `fftLength` values, not normalised, valid until the next call
   std::span<double const> convolveInput(Complex const* kernel);
 
-  /// Used between the transforms; the results are bit-identical with all of them.
+  /// Of the loops between the transforms; results are bit-identical with all instruction sets.
   InstructionSet instructionSet = widestInstructionSet();
 
  private:

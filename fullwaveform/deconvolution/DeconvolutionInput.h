@@ -9,7 +9,7 @@
 #include <fullwaveform/model/WavePoints.h>
 #include <fullwaveform/scanner/ScannerDevice.h>
 
-/// What every deconvolution derives from the waveform and the scanner.
+/// Inputs of a deconvolution, derived from the waveform and the scanner.
 namespace FullWaveform {
 
 /// Samples from the start of the first segment to the end of the last, both included; empty when the waveform
@@ -18,7 +18,7 @@ std::span<unsigned short const> signalSamples(std::span<unsigned short const> sa
                                               WavePoints<unsigned short> const& wave);
 
 /// Number of values of those samples after up-sampling with `steps` values per sampling interval; 0 when
-/// there are too few to deconvolve, that is fewer than two.
+/// there are fewer than two, too few to deconvolve.
 std::size_t signalLength(std::span<unsigned short const> signal, std::uint32_t steps);
 
 /// Position of a deconvolved signal's first value in the waveform, samples.

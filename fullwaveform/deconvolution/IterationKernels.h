@@ -7,10 +7,10 @@
 
 /// Loops of a deconvolution between its transforms, vectorised; bit-identical with every instruction set.
 ///
-/// All arrays of a call are as long as its first one; two of them either are the same or do not overlap.
+/// All arrays of a call are as long as the first one; any two are either identical or disjoint.
 namespace FullWaveform::IterationKernels {
 
-/// Maximum of values >= 0; 0 for none.
+/// Maximum of values >= 0; 0 without values.
 double maximum(InstructionSet set, std::span<double const> values);
 
 /// values[i] = max(values[i] - noise, 0) / unit

@@ -10,7 +10,7 @@
 namespace FullWaveform {
 
 /// Deconvolution with transforms sized to the waveform: a ladder of planes, one per 25 samples of length, so
-/// that short waveforms need short transforms only.
+/// that short waveforms use short transforms.
 ///
 /// Keeps working memory: one ladder serves one thread at a time.
 template <class T, class SimplePeakType>
@@ -33,10 +33,10 @@ class RL_Planes {
   RL_Planes& operator=(RL_Planes const&) = delete;
   ~RL_Planes() = default;
 
-  /// Number of the plane for a waveform of `length` samples; beyond any plane for a negative length.
+  /// Index of the plane for a waveform of `length` samples; out of range for a negative length.
   [[nodiscard]] FULLWAVEFORM_EXPORT unsigned int getIdx(int length) const;
 
-  /// Calls the smallest plane that is long enough for the waveform's `lengthCropped`.
+  /// Runs the smallest plane that is long enough for the waveform's `lengthCropped`.
   ///
   /// @param samples  the samples of the waveform, `wave->length` values in counts
   /// @return 0, with the list unchanged, when there is no usable plane of that length; otherwise 1, also when

@@ -50,8 +50,8 @@ struct RichardsonLucy<T, SimplePeakType>::Transforms {
   Transforms(std::span<double const> systemWave, std::uint32_t fftLength, std::uint32_t steps)
       : exact(systemWave, fftLength), fast(fastWorkspaces(systemWave, fftLength, steps)) {}
 
-  /// The shortest transforms for a signal. One that is longer than planned for takes the exact ones, where
-  /// its ends wrap around.
+  /// The shortest transforms for a signal. A signal longer than planned for uses the exact ones, in which its
+  /// ends wrap around.
   ConvolutionWorkspace& workspaceFor(std::size_t length, std::size_t kernelLength) {
     if (length + kernelLength > exact.fftLength() + 1) {
       return exact;

@@ -23,7 +23,7 @@ class RichardsonLucy {
  public:
   ScannerDevice device;
   std::uint32_t upsampled_length;  ///< maximum length of the up-sampled signal
-  std::uint32_t sys_length;        ///< values of the system wave, sampled as the up-sampled signal
+  std::uint32_t sys_length;        ///< length of the up-sampled system wave
   SimplePeakType peak_finder;
   std::uint32_t fft_length = 0;     ///< length of the transforms
   std::uint64_t spectrum_bins = 0;  ///< fft_length / 2 + 1
@@ -34,7 +34,7 @@ class RichardsonLucy {
   /// @param device  copied; without exponential sums or sampling interval there is no system wave, which is
   ///                reported on the console and leaves the object unusable
   /// @param count   maximum waveform length, samples; 0 gives a transform shorter than the system wave
-  /// @throws std::bad_alloc, std::length_error when the transforms do not fit
+  /// @throws std::bad_alloc, std::length_error when memory or the maximum transform length is exceeded
   FULLWAVEFORM_EXPORT RichardsonLucy(ScannerDevice const& device, unsigned int const& count);
 
   FULLWAVEFORM_EXPORT RichardsonLucy(RichardsonLucy&&) noexcept;
@@ -60,9 +60,9 @@ class RichardsonLucy {
   ///
   /// @param samples  the samples of the waveform, `wave->length` values in counts
   /// @param wave     if longer than planned for, its echoes are distorted
-  /// @return 1; the list is unchanged when the pointer is empty, when the signal has fewer than two values,
-  /// or
-  ///         when the object is unusable
+  /// @return 1; the list is unchanged
+  ///         when the pointer is empty, the signal has fewer than two values,
+  ///         or the object is unusable
   FULLWAVEFORM_EXPORT int apply(T const* samples, Holdex::StrongPtr<WavePoints<T>> const& wave);
 
  private:

@@ -14,8 +14,8 @@ namespace FullWaveform {
 /// @param steps     values per sampling interval, at least 1
 /// @param noise     counts; values below it become 0
 /// @param observed  (samples.size() - 1) * steps values; all 0 when none is above the noise
-/// @return maximum in counts: of the interpolated values before the noise is subtracted; with one step, where
-///         nothing is interpolated, of the values after it
+/// @return maximum of the interpolated values in counts, before the noise is subtracted; with one step (no
+///         interpolation) after it is subtracted
 double prepareObserved(std::span<unsigned short const> samples, std::uint32_t steps, unsigned short noise,
                        InstructionSet set, std::span<double> observed);
 

@@ -7,8 +7,8 @@
 namespace FullWaveform {
 namespace {
 
-/// Lengths that no longer length beats, measured with plans of FFTW_ESTIMATE. A fixed list, because lengths
-/// chosen by timing at run time would round differently from run to run.
+/// Lengths that are faster than every greater one, measured with FFTW_ESTIMATE plans. A fixed list, because
+/// with lengths chosen by timing at run time the rounding of results would differ between runs.
 constexpr std::array<std::uint32_t, 24> fastLengths{32,  36,  42,   56,   72,   90,   112,  128,
                                                     144, 180, 200,  240,  320,  384,  448,  576,
                                                     640, 768, 1024, 1152, 1440, 1536, 1600, 2048};

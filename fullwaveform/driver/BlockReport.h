@@ -23,7 +23,7 @@ struct BlockReport {
   std::uint32_t mergedIntoOtherChannel = 0;  ///< waveforms in this state
   std::uint32_t tooLongToDeconvolve = 0;     ///< waveforms in this state
   std::vector<RowState> rowStates;           ///< one per row of the block
-  std::vector<float> amplitudesInCounts;     ///< of every echo before decibels, in the order of the map
+  std::vector<float> amplitudesInCounts;     ///< of every echo, in the order of the map
 };
 
 }  // namespace FullWaveform

@@ -6,7 +6,7 @@
 
 namespace FullWaveform {
 
-/// Removes one copy of every echo that is in both receiver channels of a shot.
+/// Removes one copy of every echo that was recorded in both receiver channels of a shot.
 ///
 /// Echoes less than three sampling intervals apart are the same echo. The low-power copy is kept unless it is
 /// saturated (above 3000 counts); then the high-power copy is kept.

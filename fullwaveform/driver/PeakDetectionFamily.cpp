@@ -18,7 +18,7 @@ namespace {
 
 using ChannelFlags = Kestra::MultiArray<1, unsigned char>;
 
-/// Above this largest sample (counts) the hybrid decomposes, whatever the scanner.
+/// The hybrid decomposes waveforms whose largest sample exceeds this limit in counts, for every scanner.
 constexpr unsigned short strongSignal = 1800;
 
 /// Signature of a waveform: the sum of every third sample.
@@ -54,7 +54,7 @@ void keepGoodPeaks(WavePoints<T>& wave) {
   wave.sort_idx();
 }
 
-/// Merges every high-power waveform (flag 0) with every low-power one, in their order of arrival.
+/// Merges every high-power waveform (flag 0) with every low-power one, in order of arrival.
 void mergePairs(Shot& shot, ChannelFlags const& channelFlags, double samplingInterval) {
   for (std::size_t a = 0; a < shot.waves.size(); ++a) {
     for (std::size_t b = 0; b < shot.waves.size(); ++b) {
@@ -65,7 +65,7 @@ void mergePairs(Shot& shot, ChannelFlags const& channelFlags, double samplingInt
   }
 }
 
-/// Deletes the NaN echoes of a waveform that reports some; true if it does.
+/// Deletes the NaN echoes of a waveform whose `isNaN` is true; returns that value.
 template <class T>
 bool deleteNaNPeaks(WavePoints<T>& wave, std::uint32_t row) {
   if (!wave.isNaN()) {
@@ -201,7 +201,7 @@ RowState PeakDetectionFamily<T>::extract(Row const& row, WavePtr const& wave) {
       gaussDecomposition.apply(row.samples, wave);
       return RowState::Kept;
   }
-  return RowState::Kept;  // any other mode: no method
+  return RowState::Kept;  // no method for any other mode
 }
 
 template <class T>

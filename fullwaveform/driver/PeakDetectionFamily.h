@@ -45,8 +45,8 @@ class PeakDetectionFamily {
   ///                         exponential sums, the transforms are planned here, in every mode; see
   ///                         `RL_Planes`.
   ///
-  /// All methods are built in every mode. Where a deconvolution would be needed but cannot run, the waveform
-  /// gets no echoes.
+  /// All methods are built in every mode. If the deconvolution that a waveform needs
+  /// cannot run, the waveform gets no echoes.
   FULLWAVEFORM_EXPORT PeakDetectionFamily(FWFModus const& modus, ScannerDevice const& scanner,
                                           std::filesystem::path const& outputDirectory,
                                           std::filesystem::path const& inputFile,

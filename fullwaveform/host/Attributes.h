@@ -12,7 +12,7 @@ namespace Holdex {
 /// Named values of a grid or field; every value is a chunk.
 class FULLWAVEFORM_EXPORT Attributes {
  public:
-  /// The attribute's chunk; empty if there is none of that name.
+  /// The attribute's chunk; empty if there is no such attribute.
   [[nodiscard]] StrongPtr<ChunkBase> getAttribute(std::string const& name) const;
   /// Sets or replaces an attribute.
   void setAttribute(std::string const& name, StrongPtr<ChunkBase> value);

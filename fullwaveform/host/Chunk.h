@@ -9,7 +9,7 @@
 
 namespace Holdex {
 
-/// A shared array of values of some type. The bytes of all existing chunks are counted.
+/// A shared array of values of one type. The bytes of all existing chunks are counted.
 class FULLWAVEFORM_EXPORT ChunkBase : public ReferenceBase<ChunkBase> {
  public:
   ~ChunkBase() override;

@@ -23,9 +23,9 @@ class FULLWAVEFORM_EXPORT Field {
 /// The fields of a grid in one chart. Pointers to fields stay valid until the next field is added.
 class FULLWAVEFORM_EXPORT Representation {
  public:
-  /// Index of the field in this representation; -1 if there is none of that name.
+  /// Index of the field in this representation; -1 if there is no such field.
   [[nodiscard]] int findFieldID(std::string const& name) const;
-  /// The field; nullptr if there is none of that name.
+  /// The field; nullptr if there is no such field.
   [[nodiscard]] Field const* findField(std::string const& name) const;
   /// The field of that name, created if missing.
   Field& addField(std::string const& name);

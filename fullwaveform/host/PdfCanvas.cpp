@@ -57,7 +57,7 @@ void PdfCanvas::dot(PagePoint centre, double radius, Pen const& pen) {
 std::string PdfCanvas::drawable(std::string text) const {
   auto const isControl = [](unsigned char c) { return c < 0x20U || c == 0x7FU; };
   std::replace_if(text.begin(), text.end(), isControl, ' ');
-  // A Cairo context that was given invalid UTF-8 cannot be used any more, hence one for the test alone.
+  // Invalid UTF-8 puts a Cairo context into a permanent error state, so it is tested on a separate one.
   cairo_t* const probe = cairo_create(surface);
   cairo_text_extents_t extents{};
   cairo_text_extents(probe, text.c_str(), &extents);

@@ -7,7 +7,7 @@
 
 namespace OrvikPDF {
 
-/// A place on the page in points (1/72 inch), y downwards from the upper left corner.
+/// A position on the page in points (1/72 inch), y downwards from the upper left corner.
 struct PagePoint {
   double x;
   double y;
@@ -18,7 +18,7 @@ struct Pen {
   double width;  ///< points
 };
 
-/// The part of a text that is placed at its point.
+/// Which part of a text is placed at the given point.
 enum class Align { Left, Centre, Right };
 
 /// Draws the pages of a PDF. They are kept in memory until `save`: Cairo does not report a full disk.

@@ -15,9 +15,9 @@ double scaled(double count, int power) {
 }  // namespace
 
 AxisRange drawableRange(double low, double high) {
-  constexpr double maxEnd = 8e307;  // the difference of two such ends, with a margin, is still finite
+  constexpr double maxEnd = 8e307;  // the difference of two such ends plus a margin is finite
   constexpr double minExtent = 1e-290;
-  constexpr double minRelativeExtent = 1e-14;  // about fifty steps of double precision
+  constexpr double minRelativeExtent = 1e-14;  // about fifty units in the last place
   if (std::isnan(low) || std::isnan(high)) {
     return {};
   }

@@ -13,7 +13,7 @@ struct AxisRange {
   [[nodiscard]] double fractionOf(double value) const { return (value - low) / (high - low); }
 };
 
-/// A range that can be drawn. Equal or nearly equal ends are moved apart by a tenth of their magnitude (0
+/// A range that can be drawn. A range of (nearly) equal ends is widened by a tenth of their magnitude (0
 /// becomes [-1, 1]), ends are limited to +-8e307, and a NaN gives [0, 1].
 AxisRange drawableRange(double low, double high);
 

@@ -9,7 +9,7 @@ namespace Holdex {
 
 class InterfaceBase;
 
-/// Reference counts of one object. Outlives the object while weak pointers refer to it.
+/// Reference counts of one object. Outlives the object as long as weak pointers refer to it.
 ///
 /// All strong pointers together count as one weak reference, released with the object. Thread-safe.
 class FULLWAVEFORM_EXPORT ReferenceRecord {

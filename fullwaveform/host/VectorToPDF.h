@@ -27,7 +27,7 @@ class FULLWAVEFORM_EXPORT VectorToPDF {
 
   /// Adds a series with an optional name, shown above the plot. Values that are not finite or outside a
   /// given range interrupt the line.
-  /// An empty series, or x and y of different lengths, are reported on the console and not added.
+  /// An empty series, or one with x and y of different lengths, is reported on the console and not added.
   void addVector(std::vector<double> x, std::vector<double> y, std::string name = "");
 
   void setYRange(Range const& range) { ranges.second = range; }
@@ -35,7 +35,7 @@ class FULLWAVEFORM_EXPORT VectorToPDF {
   /// Writes the file, replacing an existing one. Without a series the page shows title and axes only.
   ///
   /// A page measures 180 mm by 110 mm; the flag of the host's class has no effect here.
-  /// @return empty, or why the file could not be written; does not throw
+  /// @return empty, or the reason why the file could not be written; does not throw
   [[nodiscard]] std::string write2Pdf(bool) const;
 
  private:

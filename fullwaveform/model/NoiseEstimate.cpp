@@ -80,7 +80,7 @@ std::size_t countUpTo(std::span<unsigned short const> samples, unsigned short ma
 }
 
 /// Signal sample of a rank, counted from 0 in ascending order. Searches upwards from the minimum in doubling
-/// steps, because the baseline is near, and then bisects.
+/// steps, because the baseline is close to it, and then bisects.
 unsigned short valueOfRank(std::span<unsigned short const> samples, std::size_t rank) {
   unsigned low = minSignal;
   unsigned high = low;
@@ -99,7 +99,7 @@ unsigned short valueOfRank(std::span<unsigned short const> samples, std::size_t 
   return static_cast<unsigned short>(low);
 }
 
-/// The first `count` signal samples in the direction of the iterator.
+/// The first `count` signal samples from an iterator on.
 template <class Iterator>
 std::array<double, maxForLine> firstSignalSamples(Iterator sample, std::size_t count) {
   std::array<double, maxForLine> values{};

@@ -27,8 +27,8 @@ FULLWAVEFORM_EXPORT std::string convertType(TYPE type);
 
 /// One echo of one waveform; trivially copyable.
 ///
-/// The constructor takes type before quality, as a method knows them, although the fields are stored in the
-/// other order. The field `std` hides the namespace of that name inside this class, hence `::std`.
+/// The constructor takes type before quality, although the fields are stored in the
+/// opposite order. The field `std` hides the namespace of that name inside this class, hence `::std`.
 class FULLWAVEFORM_EXPORT Peak {
  public:
   float amplitude;               ///< counts; dB in the result of the driver

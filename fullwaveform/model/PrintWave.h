@@ -9,8 +9,8 @@ namespace FullWaveform {
 /// Plots values against their index as a line in a PDF file.
 ///
 /// Instantiated for `unsigned short` (samples in counts) and `double` (computed series).
-/// @param data  `count` values; for null or none the page has no line and the console receives a message
-/// @param file  overwritten; errors of writing are ignored
+/// @param data  `count` values; if null or empty, the page has no line and the console receives a message
+/// @param file  overwritten; write errors are ignored
 /// @param flag  passed to the plotter
 template <class T>
 FULLWAVEFORM_EXPORT void printWave(T const* data, unsigned int const& count,

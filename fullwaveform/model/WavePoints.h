@@ -85,8 +85,8 @@ class FULLWAVEFORM_EXPORT WavePoints : public AdditionalAttributesPerWave,
   /// Extent of the echoes in one line; `speed` in m/s converts times to one-way distances.
   [[nodiscard]] std::string printLengthAtMaxAmplitude(double const& speed) const;
 
-  /// Appends one line per echo to a file: label, amplitude, idx, std, value. Errors of opening or writing the
-  /// file are ignored.
+  /// Appends one line per echo to a file: label, amplitude, idx, std, value. Errors when opening or writing
+  /// the file are ignored.
   void exportToAscii(std::string path, std::string label, double value) const;
 };
 

@@ -7,7 +7,7 @@
 namespace FullWaveform {
 
 /// Sends one message to the host's console, as one text in one call.
-/// In this module because all modules that send messages depend on it, and `host/` is replaceable.
+/// Defined in this module because all modules that send messages depend on it, and `host/` is replaceable.
 inline void logMessage(std::string_view message) {
   Holdex::Console() << message;
 }

@@ -27,7 +27,7 @@ bool readReflectanceTable(Kestra::Grid const& grid, ScannerDevice::ReflectanceTa
 }
 
 bool readWaveformGrid(Kestra::Grid const& grid, ScannerDevice& scanner) {
-  // A grid without timing holds no waveforms; reading stops without a message.
+  // A grid without timing holds no waveforms: reading stops, without a message.
   if (!readAttribute("WaveformSampleInterval", "Waveforms", grid, scanner.sampling_time) ||
       !readAttribute("t_ref", "SBL_Time", grid, scanner.t_ref)) {
     return false;

@@ -47,8 +47,8 @@ class FULLWAVEFORM_EXPORT ScannerDevice : public ExtraAttributes {
   /// Reads the scanner.
   ///
   /// @param scannerGrid   with the scanner's own attributes
-  /// @param waveformGrid  with the fields "Waveforms" and "SBL_Time" in "StandardCartesianChart3D"; if empty,
-  /// the
+  /// @param waveformGrid  with the fields "Waveforms" and "SBL_Time" in
+  ///                      "StandardCartesianChart3D"; if empty, the
   ///                      sampling interval, t_ref and the exponential sums keep their defaults
   ScannerDevice(Kestra::Grid const& scannerGrid, Holdex::StrongPtr<Kestra::Grid> const& waveformGrid);
 

@@ -16,8 +16,8 @@ namespace FullWaveform {
 /// @param dt       time step, s
 /// @param length   number of values
 /// @param plotDir  directory for a plot of the wave, "SysWave.pdf"; empty: no plot
-/// @return the wave, or an empty pointer, with the reason on the console, if the step is not positive, a
-/// table
+/// @return the wave, or an empty pointer, with the reason on the console, if
+///         the step is not positive, a table
 ///         is missing or empty, the tables differ in length, or the length is 0
 FULLWAVEFORM_EXPORT Holdex::StrongPtr<Holdex::Chunk<double>> createNormalizedSysWave(
     Holdex::StrongPtr<Holdex::Chunk<std::complex<double>>> const& a,

@@ -20,7 +20,7 @@ struct ResultColumn {
 template <class Column, class Record>
 using ColumnValue = decltype(std::declval<Column const&>().get(std::declval<Record const&>()));
 
-/// How a value is stored: elements of std::vector<bool> cannot be handed to NumPy.
+/// How a value is stored: NumPy cannot refer to the elements of a std::vector<bool>.
 template <class Value>
 using StoredValue = std::conditional_t<std::is_same_v<Value, bool>, std::uint8_t, Value>;
 
@@ -30,7 +30,7 @@ std::tuple<std::vector<StoredValue<ColumnValue<Columns, Record>>>...> emptyColum
 
 /// The values of a list of columns, one per record.
 ///
-/// @tparam Record   what the columns are read from
+/// @tparam Record   type from which the columns are read
 /// @tparam columns  a tuple of `ResultColumn`
 template <class Record, auto const& columns>
 class ColumnTable {

@@ -13,7 +13,7 @@
 
 #include "ColumnTable.h"
 
-/// Hands a column to NumPy without a copy: the array owns the vector.
+/// Passes a column to NumPy without a copy: the array owns the vector.
 ///
 /// @tparam Value  type of the elements in NumPy, as large as those of the vector
 template <class Value, class Stored = Value>
@@ -45,11 +45,11 @@ nanobind::dict columnTypes(ColumnTable<Record, columns> table) {
   return dict;
 }
 
-/// A column that Python hands in, read where it is.
+/// A column passed by Python, read without a copy.
 template <class T>
 using InputColumn = nanobind::ndarray<T const, nanobind::ndim<1>, nanobind::c_contig, nanobind::device::cpu>;
 
-/// The same for the library; the column must outlive it.
+/// View of such a column for the library; the column must outlive it.
 template <class T>
 Kestra::MultiArray<1, T> columnView(InputColumn<T> const& column) {
   return Kestra::MultiArray<1, T>(std::span<T const>(column.data(), column.shape(0)));

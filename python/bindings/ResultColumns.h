@@ -18,21 +18,21 @@
 /// their types in Python follow from it.
 namespace Results {
 
-/// What the columns of a waveform are read from.
+/// Source of the columns of a waveform.
 struct WaveformRecord {
   FullWaveform::WavePoints<unsigned short> const* wave;
   std::int64_t waveform;  ///< row in the table of waveforms
   std::int64_t row;       ///< row in the block of samples
 };
 
-/// What the columns of a segment above the threshold are read from.
+/// Source of the columns of a segment above the threshold.
 struct SegmentRecord {
   std::int64_t waveform;  ///< row in the table of waveforms
   std::uint32_t start;
   std::uint32_t end;
 };
 
-/// What the columns of an echo are read from.
+/// Source of the columns of an echo.
 struct EchoRecord {
   WaveformRecord of;
   FullWaveform::Peak const* peak;

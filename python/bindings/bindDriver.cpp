@@ -109,7 +109,7 @@ nb::dict apply(SharedDriver& shared, Samples const& samples, InputColumn<std::ui
   return result;
 }
 
-/// State of every row of a block, and the text report of its waveform where the shot map has one.
+/// State of every row of a block, and the text report of its waveform if that is in the shot map.
 struct RowReports {
   std::vector<std::uint8_t> states;
   std::vector<std::optional<std::string>> texts;
@@ -176,7 +176,7 @@ void bindDriver(nb::module_& module) {
   module.attr("RESULT_COLUMNS") = resultColumns();
   bindMode(module);
   bindRowState(module);
-  nb::class_<SharedDriver>(module, "PeakDetectionFamily", "The driver; arrays are read where they are.")
+  nb::class_<SharedDriver>(module, "PeakDetectionFamily", "The driver; arrays are read without a copy.")
       .def(nb::init<std::uint32_t, ScannerDevice const&, std::string const&, std::string const&,
                     unsigned int>(),
            nb::arg("mode"), nb::arg("scanner"), nb::arg("output_directory"), nb::arg("input_file"),

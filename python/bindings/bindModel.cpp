@@ -55,7 +55,7 @@ void bindEnumerations(nb::module_& module) {
       .value("RICHARDSON_LUCY", TYPE::RICHARDSON_LUCY)
       .value("ONLINE_OWP", TYPE::ONLINE_OWP)
       .value("FLAW", TYPE::FLAW)
-      .def_prop_ro("description", &FullWaveform::convertType, "The type in words.");
+      .def_prop_ro("description", &FullWaveform::convertType, "Description of the type.");
   nb::enum_<QUALITY>(module, "Quality", nb::is_arithmetic(), "Whether an echo can be trusted.")
       .value("GOOD", QUALITY::GOOD)
       .value("AFTERPULS", QUALITY::AFTERPULS)

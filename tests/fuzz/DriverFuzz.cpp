@@ -76,7 +76,7 @@ Block blockFrom(Bytes& bytes) {
   return block;
 }
 
-void requireValid(ShotMap const& shots, BlockReport const& trace) {
+void requireValid(ShotMap const& shots, BlockReport const& report) {
   std::size_t waves = 0;
   for (auto const& [time, shot] : shots) {
     require(!std::isnan(time), "a shot has a time");
@@ -94,7 +94,7 @@ void requireValid(ShotMap const& shots, BlockReport const& trace) {
     }
   }
   std::size_t kept = 0;
-  for (RowState const state : trace.rowStates) {
+  for (RowState const state : report.rowStates) {
     kept += state == RowState::Kept || state == RowState::TooLongToDeconvolve ||
                     state == RowState::MergedIntoOtherChannel
                 ? 1

@@ -1,6 +1,6 @@
 """Writes the seeds of the fuzz targets: a few simulated waveforms in the layout of each target.
 
-Usage: make_seeds.py FOLDER    (one folder per target in it; existing seeds stay)
+Usage: make_seeds.py FOLDER    (one folder per target in it; existing seeds are kept)
 
 The layouts are those of tests/fuzz/*.cpp: numbers little-endian, a double after a tag byte.
 """
@@ -123,10 +123,10 @@ def scanner_seeds() -> Iterator[tuple[str, bytes]]:
         attribute(10, 2, [0.0]),
         *(attribute(11 + index, 1, values) for index, values in enumerate(sums)),
     ]
-    whole = b"".join(texts + numbers + narrow_numbers + fields)
+    complete = b"".join(texts + numbers + narrow_numbers + fields)
     for kind in range(4):
-        yield "scanner", byte(50) + byte(kind) + whole
-    yield "scanner", byte(50) + byte(3) + whole[: len(whole) // 2]
+        yield "scanner", byte(50) + byte(kind) + complete
+    yield "scanner", byte(50) + byte(3) + complete[: len(complete) // 2]
 
 
 def number_seeds() -> Iterator[tuple[str, bytes]]:

@@ -4,7 +4,7 @@
 #
 # Usage: tests/fuzz/run_long.sh SECONDS [TARGET...]
 # Variables: BUILD (default build/fuzz), JOBS (concurrent targets, default 2). Build the preset `fuzz` and run
-# its test `fuzz.seeds` before: ctest --preset fuzz
+# its test `fuzz.seeds` first: ctest --preset fuzz
 set -euo pipefail
 
 seconds=${1:?seconds for each target}

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Compiles every module except host/ against the headers that docs/embedding.md lists for it: a use of any other
-# member of the host framework fails here, and so does a list that lacks one.
+# member of the host framework fails here, and so does a list without a member that is used.
 set -euo pipefail
 
 root=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.." && pwd -P)
@@ -13,7 +13,7 @@ trap 'rm -rf -- "$scratch"' EXIT
 mapfile -t sources < <(cd -- "$root" && find fullwaveform -name '*.cpp' -not -path 'fullwaveform/host/*' | sort)
 [[ ${#sources[@]} -ge 30 ]] || { echo "found only ${#sources[@]} sources" >&2; exit 1; }
 read -r -a flags < <(pkg-config --cflags eigen3 fftw3)
-# The library's own headers of host/ must not be found: they are left out of the tree that is compiled.
+# The compiled tree omits the library's own headers of host/, so that they cannot be found.
 mkdir "$scratch/tree"
 cp -r -- "$root/fullwaveform" "$scratch/tree/fullwaveform"
 rm -r -- "$scratch/tree/fullwaveform/host"

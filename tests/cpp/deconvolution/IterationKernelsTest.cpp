@@ -166,7 +166,7 @@ TEST(IterationKernels, EveryInstructionSetGivesTheSameBitsForAllLengthsAndAlignm
   }
 }
 
-TEST(IterationKernels, EqualPlainLoopsForAllLengthsAndAlignments) {
+TEST(IterationKernels, AgreeWithPlainLoopsForAllLengthsAndAlignments) {
   for (std::size_t count = 0; count < 70; ++count) {
     for (std::size_t shift = 0; shift < 4; ++shift) {
       Values signal = mixed(shift + count, 3);

@@ -163,7 +163,7 @@ TEST(PlainComparison, ThreadsFindTheSameEchoes) {
     expected.push_back(echoesOf(*wave));
   }
   onThreads(4, [&](int number) {
-    // Each thread starts with another waveform, so that the previous waveform must not matter either.
+    // Each thread starts with another waveform, to detect an effect of the previous waveform.
     Ladder own(scanner, maxLength);
     for (std::size_t i = 0; i < waveforms.size(); ++i) {
       std::size_t const index = (i + 50 * static_cast<std::size_t>(number)) % waveforms.size();

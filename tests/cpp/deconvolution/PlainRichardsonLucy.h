@@ -19,7 +19,7 @@
 namespace FullWaveform::Testing {
 
 /// Plain implementation of the deconvolution to compare with: transforms as long as the full convolution, one
-/// loop per step. Not for use by several threads at once, because it does not lock the planner.
+/// loop per step. Not thread-safe, because it does not lock the planner.
 class PlainRichardsonLucy {
  public:
   struct Echo {
@@ -50,8 +50,8 @@ class PlainRichardsonLucy {
     reversedPsf = transformed(kernel);
   }
 
-  /// @param disturbance  random error added to every value of a convolution, relative to its maximum; of the
-  ///                     order of the rounding it gives what transforms of another length may give
+  /// @param disturbance  random error added to every value of a convolution, relative to its maximum; with
+  ///                     the magnitude of rounding errors it simulates transforms of other lengths
   Result echoes(unsigned short const* samples, WavePoints<unsigned short> const& wave,
                 double disturbance = 0.0, std::uint32_t seed = 1) {
     relativeDisturbance = disturbance;
@@ -81,7 +81,7 @@ class PlainRichardsonLucy {
   };
   using Plan = std::unique_ptr<std::remove_pointer_t<fftw_plan>, DestroyPlan>;
 
-  /// Result is in the member that the plans use.
+  /// The result is in the buffer that the plans use.
   Spectrum const& transformed(std::vector<double> const& x) {
     std::fill(real.begin(), real.end(), 0.0);
     std::copy_n(x.begin(), std::min(x.size(), real.size()), real.begin());

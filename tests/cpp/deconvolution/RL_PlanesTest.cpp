@@ -119,7 +119,7 @@ TEST(RL_Planes, UsesTheSmallestPlaneThatIsLongEnough) {
   EXPECT_EQ(ladder.apply(samples.data(), waveOfLength(49)), 1);
 }
 
-TEST(RL_Planes, CroppedLengthSelectsThePlaneNotTheRange) {
+TEST(RL_Planes, PlaneIsSelectedByTheCroppedLengthNotTheRange) {
   Ladder ladder(skewedScanner(), 49);
   ladder.planes[1].error = "unusable";
   WavePtr const shortRange = waveOfLength(20);
@@ -131,7 +131,7 @@ TEST(RL_Planes, CroppedLengthSelectsThePlaneNotTheRange) {
   EXPECT_FALSE(longRange->peaks.empty());
 }
 
-TEST(RL_Planes, AWaveformTooLongForTheLastPlaneGetsNoPeaks) {
+TEST(RL_Planes, AWaveformTooLongForTheLastPlaneGetsNoEchoes) {
   Ladder ladder(skewedScanner(), 49);
   for (std::uint32_t const length : {50U, 51U, 300U}) {
     WavePtr const wave = waveOfLength(length);

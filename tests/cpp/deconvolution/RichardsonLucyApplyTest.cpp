@@ -114,7 +114,7 @@ TEST(RichardsonLucy, DoesNotReadOutsideTheWaveform) {
   });
 }
 
-TEST(RichardsonLucy, SetsTypeAndPositionOfAllPeaksInTheList) {
+TEST(RichardsonLucy, SetsTypeAndPositionOfAllEchoesInTheList) {
   Samples const samples = waveformWithEchoes(60, {{20.0, 500.0}});
   ScannerDevice const scanner = skewedScanner();
   Deconvolver deconvolver(scanner, 60);
@@ -142,7 +142,7 @@ TEST(RichardsonLucy, WithoutUpSamplingPositionsAreShiftedByGlobalStart) {
   EXPECT_EQ(std::next(wave->peaks.begin())->idx, 25.0);
 }
 
-TEST(RichardsonLucy, TheLastValueMayBeAPeak) {
+TEST(RichardsonLucy, TheLastValueMayBeAnEcho) {
   // The range ends in the rise of the pulse. Its echo would be after the end, so the deconvolved signal rises
   // to its last value, that of sample 23.
   Samples const samples = waveformWithEchoes(60, {{20.0, 500.0}});
@@ -180,7 +180,7 @@ TEST(RichardsonLucy, MarksAfterPulsesOfStrongEchoes) {
   EXPECT_EQ(wave->peaks.back().classification, Quorvane::TarnClass::afterpulse);
 }
 
-TEST(RichardsonLucy, NoSignalGivesNoPeaks) {
+TEST(RichardsonLucy, NoSignalGivesNoEchoes) {
   Samples const samples = waveformWithEchoes(30, {{10.0, 300.0}});
   Deconvolver deconvolver(skewedScanner(), 30);
   EXPECT_EQ(deconvolver.apply(samples.data(), WavePtr()), 1);
@@ -202,7 +202,7 @@ TEST(RichardsonLucy, NoSignalGivesNoPeaks) {
   }
 }
 
-TEST(RichardsonLucy, ASignalOfOneValueGivesNoPeaks) {
+TEST(RichardsonLucy, ASignalOfOneValueGivesNoEchoes) {
   Samples const samples = waveformWithEchoes(30, {{10.0, 300.0}});
   Deconvolver deconvolver(skewedScanner(1), 30);
   WavePtr const wave = waveOf(samples, skewedScanner(1));
@@ -215,7 +215,7 @@ TEST(RichardsonLucy, ASignalOfOneValueGivesNoPeaks) {
   EXPECT_FALSE(wave->peaks.empty());
 }
 
-TEST(RichardsonLucy, ARangeBelowTheNoiseGivesNoPeaks) {
+TEST(RichardsonLucy, ARangeBelowTheNoiseGivesNoEchoes) {
   Samples const samples(30, 10);
   for (std::uint32_t const up : {1U, 5U}) {
     Deconvolver deconvolver(skewedScanner(up), 30);
@@ -227,7 +227,7 @@ TEST(RichardsonLucy, ARangeBelowTheNoiseGivesNoPeaks) {
   }
 }
 
-TEST(RichardsonLucy, WaveformsOfOneOrTwoSamplesGiveNoPeaks) {
+TEST(RichardsonLucy, WaveformsOfOneOrTwoSamplesGiveNoEchoes) {
   Deconvolver deconvolver(skewedScanner(), 30);
   for (std::size_t const length : {1UL, 2UL}) {
     Samples const samples(length, 500);

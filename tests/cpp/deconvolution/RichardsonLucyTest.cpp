@@ -70,7 +70,7 @@ TEST(RichardsonLucy, IsUnusableWithoutSamplingIntervalOrSystemWaveLength) {
   EXPECT_FALSE(Deconvolver(scanner, 25));
 }
 
-TEST(RichardsonLucy, AnUnusableObjectAddsNoPeaks) {
+TEST(RichardsonLucy, AnUnusableObjectAddsNoEchoes) {
   Testing::ConsoleCapture const console;
   Deconvolver deconvolver(ScannerDevice(), 60);
   Samples const samples = waveformWithEchoes(60, {{20.0, 500.0}});
@@ -126,7 +126,7 @@ TEST(RichardsonLucy, ConvolutionWrapsAroundAtTheTransformLength) {
   }
 }
 
-TEST(RichardsonLucy, ConvolutionIntoAnEmptyVectorWritesNothing) {
+TEST(RichardsonLucy, ConvolutionIntoAnEmptyVectorHasNoEffect) {
   Deconvolver deconvolver(skewedScanner(1), 25);
   Values out;
   deconvolver.convolution(Values(25, 1.0), deconvolver.psf_spectrum(), out);

@@ -32,7 +32,7 @@ TEST(FastTransformLength, KeepsAFastLength) {
   }
 }
 
-TEST(FastTransformLength, OfThePlanes) {
+TEST(FastTransformLength, LengthsOfThePlanesAreRoundedUp) {
   EXPECT_EQ(fastTransformLength(176), 180U);
   EXPECT_EQ(fastTransformLength(301), 320U);
   EXPECT_EQ(fastTransformLength(426), 448U);

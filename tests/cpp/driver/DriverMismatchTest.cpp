@@ -54,9 +54,9 @@ TEST_F(DriverMismatch, RowsWithoutSamplesAreSignalTooLow) {
   block.shotTimes = {1.0, 2.0, 3.0};
   block.sblTimes = {0.0, 0.0, 0.0};
   block.channelFlags = {0, 1, 0};
-  unsigned short const foreign[] = {7};
+  unsigned short const arbitrary[] = {7};
   for (auto const& waveforms :
-       {Driver::Waveforms(new Array({3, 0}, Samples())), Driver::Waveforms(new Array({3, 0}, foreign))}) {
+       {Driver::Waveforms(new Array({3, 0}, Samples())), Driver::Waveforms(new Array({3, 0}, arbitrary))}) {
     block.waveforms = waveforms;
     EXPECT_EQ(shotTimesOf(block), Times{});
     EXPECT_EQ(driver.lastBlock().statistics.signalTooLow, 3U);
@@ -161,20 +161,20 @@ TEST_F(DriverMismatch, EmptyWaveformPointerIsReported) {
   EXPECT_EQ(capture.messages().front().rfind("SpeakPtr: ", 0), 0U);
 }
 
-TEST_F(DriverMismatch, RowsAreReadThroughTheAccessorIfThereIsOne) {
+TEST_F(DriverMismatch, RowAccessorTakesPrecedenceOverTheStorage) {
   std::vector<Samples> const rows{echoOf(200), echoOf(300), echoOf(400)};
   auto const accessor = [&](std::size_t row) { return rows[row].data(); };
   Block block = threeShots();
   block.waveforms = Driver::Waveforms(new Array({3, 20}, Array::RowAccessor(accessor)));
   EXPECT_EQ(shotTimesOf(block), (Times{1.0, 2.0, 3.0}));
-  // The storage holds only zeros; the accessor takes precedence.
+  // The storage holds only zeros.
   block.waveforms = Driver::Waveforms(new Array({3, 20}, Samples(60, 0)));
   EXPECT_EQ(shotTimesOf(block), Times{});
   block.waveforms->setRowAccessor(accessor);
   EXPECT_EQ(shotTimesOf(block), (Times{1.0, 2.0, 3.0}));
 }
 
-TEST_F(DriverMismatch, ForeignMemoryIsReadInPlace) {
+TEST_F(DriverMismatch, MemoryOfTheCallerIsReadInPlace) {
   Samples storage = echoOf(200);
   Samples const second = echoOf(300);
   storage.insert(storage.end(), second.begin(), second.end());

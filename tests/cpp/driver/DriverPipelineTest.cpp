@@ -60,7 +60,7 @@ TEST_F(DriverPipeline, WithoutSystemWaveModesZeroAndOneHaveNoMessage) {
   EXPECT_EQ(Driver(FWFModus::Decomposition, scanner, "", "", 200U).message, "");
 }
 
-TEST_F(DriverPipeline, EchoHasItsPositionTimeAndDecibels) {
+TEST_F(DriverPipeline, EchoHasPositionTimeAndDecibels) {
   WavePtr const wave = single({echoOf(200), 77.5, 1, 5e-6}, {.samplingTime = 1e-9, .tRef = 2e-6});
   ASSERT_EQ(wave->size(), 1U);
   Peak const& peak = wave->peaks.front();
@@ -104,7 +104,7 @@ TEST_F(DriverPipeline, EchoesBelowOneUnitAreZeroDecibels) {
   EXPECT_EQ(wave->peaks.front().amplitude, 0.0F);
 }
 
-TEST_F(DriverPipeline, EchoesAreInAscendingPosition) {
+TEST_F(DriverPipeline, EchoesAreSortedByPosition) {
   Samples const samples =
       waveformOf(50, 5, {{4, {100, 200, 100}}, {20, {100, 200, 200, 100}}, {40, {60, 120, 60}}});
   WavePtr const wave = single({samples});
@@ -145,7 +145,7 @@ TEST_F(DriverPipeline, EchoesAbove4096CountsAreRemovedButNotTheWaveform) {
   EXPECT_EQ(wave->maxAmplitude, 4000);
 }
 
-// 60, 50, 50: a convex triple with its vertex at 1.5. A NaN width passes the marking.
+// 60, 50, 50: a convex triple with its vertex at 1.5. A NaN width is not marked as bad.
 TEST_F(DriverPipeline, EchoWithNaNWidthIsKept) {
   WavePtr const wave = single({{60, 50, 50, 50, 50, 5, 5}});
   ASSERT_EQ(wave->size(), 1U);
@@ -163,7 +163,7 @@ TEST_F(DriverPipeline, WaveformWithoutEchoesHasDecibelsAndTimeOfItsLargestSample
   EXPECT_EQ(wave->timeOfMaxAmplitude, 10.5);  // 9 * 0.5 + (8 - 2)
 }
 
-// Counted from the reference time first: 2^60 + 2.5 has no digits left for the 2.5.
+// The reference time must be subtracted first: in double precision 2^60 + 2.5 is 2^60.
 TEST_F(DriverPipeline, LargeSblAndReferenceTimesDoNotRoundTheTimeInTheWaveform) {
   double const large = 1152921504606846976.0;
   WavePtr const wave = single({echoOf(200), 0.0, 0, large}, {.samplingTime = 0.25, .tRef = large});
@@ -206,7 +206,7 @@ TEST_F(DriverPipeline, HostTextIsIgnored) {
   EXPECT_EQ(positions(shots.at(0.0).waves.at(0)), (Positions{10.0}));
 }
 
-TEST_F(DriverPipeline, DriverHasItsOwnCopyOfTheScanner) {
+TEST_F(DriverPipeline, ScannerIsCopied) {
   ScannerDevice scanner = scannerOf();
   Driver driver(FWFModus::ThreePoint, scanner, directory.path(), "scan01.rxp", 200U);
   scanner.sampling_time = 7.0;

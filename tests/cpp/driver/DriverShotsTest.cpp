@@ -52,7 +52,7 @@ Samples echoAt(std::size_t index, unsigned short top) {
   return waveformOf(40, 5, {{index - 1, {half, top, half}}});
 }
 
-TEST_F(DriverShots, AreInAscendingTimeForAnyOrderOfRows) {
+TEST_F(DriverShots, AreSortedByTimeForAnyOrderOfRows) {
   ShotMap const shots = run({{echoOf(200), 3.0}, {echoOf(300), 1.0}, {echoOf(400), 2.0}});
   std::vector<double> times;
   for (auto const& [time, shot] : shots) {
@@ -68,7 +68,7 @@ TEST_F(DriverShots, WaveformsOfEqualTimeAreOneShotInOrderOfArrival) {
   EXPECT_EQ(strongest(shots.at(1.0)), (Strongest{400, 200, 300}));
 }
 
-// Samples 0, 3, 6 ... of 20: seven samples; the echo's half at index 9 is one of them.
+// Samples 0, 3, 6 ... of 20: seven samples; the rising half of the echo at index 9 is one of them.
 TEST_F(DriverShots, SignatureIsTheSumOfEveryThirdSample) {
   ShotMap const shots = run({{echoOf(200), 1.0}});
   EXPECT_EQ(shots.at(1.0).signatures, (std::set<std::uint32_t>{6 * 5 + 100}));
@@ -83,13 +83,13 @@ TEST_F(DriverShots, SignatureStopsAtTheSampleCount) {
   EXPECT_EQ(shots.at(3.0).signatures, (std::set<std::uint32_t>{135}));
 }
 
-TEST_F(DriverShots, DuplicateIsDropped) {
+TEST_F(DriverShots, DuplicateIsSkipped) {
   ShotMap const shots = run({{echoOf(200), 1.0}, {echoOf(200), 1.0}, {echoOf(200), 1.0}});
   EXPECT_EQ(shots.at(1.0).waves.size(), 1U);
   EXPECT_EQ(duplicates(), 2U);
 }
 
-TEST_F(DriverShots, EqualSignatureOfOtherSamplesIsDropped) {
+TEST_F(DriverShots, DifferentSamplesWithEqualSignatureAreSkipped) {
   Samples other = echoOf(200);
   other[10] = 220;
   other[11] = 110;
@@ -98,7 +98,7 @@ TEST_F(DriverShots, EqualSignatureOfOtherSamplesIsDropped) {
   EXPECT_EQ(duplicates(), 1U);
 }
 
-TEST_F(DriverShots, DuplicateInTheOtherChannelIsDropped) {
+TEST_F(DriverShots, DuplicateInTheOtherChannelIsSkipped) {
   EXPECT_EQ(run({{echoOf(200), 1.0, 0}, {echoOf(200), 1.0, 1}}).at(1.0).waves.size(), 1U);
   EXPECT_EQ(duplicates(), 1U);
 }
@@ -121,7 +121,7 @@ TEST_F(DriverShots, EqualWaveformInAnotherBlockIsKept) {
   EXPECT_EQ(duplicates(), 0U);
 }
 
-TEST_F(DriverShots, WaveformBelowTheThresholdLeavesNoSignature) {
+TEST_F(DriverShots, WaveformBelowTheThresholdHasNoSignature) {
   ShotMap const shots = run({{noSignal(), 1.0}, {noSignal(), 1.0}, {echoOf(200), 2.0}});
   EXPECT_EQ(shots.size(), 1U);
   EXPECT_EQ(duplicates(), 0U);
@@ -160,7 +160,7 @@ TEST_F(DriverShots, DifferentShotsAreNotMerged) {
   EXPECT_EQ(echoCounts(shots.at(2.0)), EchoCounts{1});
 }
 
-TEST_F(DriverShots, FlagsOtherThanOneBelongToTheLowPowerGroup) {
+TEST_F(DriverShots, AllFlagsExceptZeroAreMergedAsLowPower) {
   ShotMap const shots = run({{echoOf(600), 1.0, 0}, {echoOf(200), 1.0, 2}});
   EXPECT_EQ(echoCounts(shots.at(1.0)), (EchoCounts{0, 1}));
   EXPECT_FALSE(shots.at(1.0).waves[1]->isLowPower);

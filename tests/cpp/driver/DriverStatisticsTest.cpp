@@ -25,7 +25,7 @@ class DriverStatistics : public testing::Test {
   Driver driver{FWFModus::ThreePoint, scannerOf(), directory.path(), "flight/scan01.rxp", 200U};
 };
 
-/// A waveform with so many separate samples above the threshold.
+/// A waveform with the given number of isolated samples above the threshold.
 Samples splitInto(std::size_t segments) {
   Samples samples(64, 5);
   for (std::size_t i = 0; i < segments; ++i) {
@@ -63,7 +63,7 @@ TEST_F(DriverStatistics, NineOrMoreSegmentsAreCountedTogether) {
   EXPECT_EQ(driver.lastBlock().statistics.splitCounts, (Splits{1, 1, 1, 0, 0, 0, 0, 0, 1, 3}));
 }
 
-TEST_F(DriverStatistics, SegmentsOfDroppedWaveformsAreCounted) {
+TEST_F(DriverStatistics, SegmentsOfWaveformsWithTooLowSignalAreCounted) {
   // Two samples, the first above the threshold: one segment, but no inner sample above it.
   blockOf({{Samples{50, 60}, 1.0}, {echoOf(200), 2.0}, {echoOf(200), 2.0}}).run(driver);
   RunStatistics const& statistics = driver.lastBlock().statistics;

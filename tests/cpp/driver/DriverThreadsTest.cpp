@@ -139,7 +139,7 @@ TEST(DriverThreads, ThrowingSinkDoesNotChangeTheResult) {
   }
   constexpr int rounds = 5;
   int calls = 0;  // the console passes one message at a time
-  Holdex::Console::Sink former = Holdex::Console::setSink([&calls](std::string const&) {
+  Holdex::Console::Sink previous = Holdex::Console::setSink([&calls](std::string const&) {
     ++calls;
     throw std::runtime_error("no listener");
   });
@@ -150,7 +150,7 @@ TEST(DriverThreads, ThrowingSinkDoesNotChangeTheResult) {
       different += textOf(block.run(driver)) == expected ? 0 : 1;
     }
   });
-  Holdex::Console::setSink(std::move(former));
+  Holdex::Console::setSink(std::move(previous));
   EXPECT_EQ(different, 0);
   EXPECT_EQ(calls, threads * rounds);
 }

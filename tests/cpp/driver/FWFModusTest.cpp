@@ -21,7 +21,7 @@ TEST(FWFModus, NamesBeginWithABlank) {
   EXPECT_EQ(nameOf(3), " FWF_Hybrid");
 }
 
-TEST(FWFModus, NamesHaveTheRightLengths) {
+TEST(FWFModus, NamesHaveNoTrailingCharacters) {
   EXPECT_EQ(nameOf(0).size(), 29U);
   EXPECT_EQ(nameOf(1).size(), 36U);
   EXPECT_EQ(nameOf(2).size(), 36U);

@@ -34,7 +34,7 @@ Text textOf(ColumnTable<Record, columns>& table) {
   return text;
 }
 
-// What adding a column means: one definition, here at the end of the list.
+// Adding a column takes one definition, here at the end of the list.
 constexpr auto extendedColumns = std::tuple_cat(
     echoColumns, std::tuple{ResultColumn{"doubled", [](EchoRecord const& r) { return 2.0 * r.peak->idx; }},
                             ResultColumn{"isWide", [](EchoRecord const& r) { return r.peak->std > 3.0; }}});

@@ -32,7 +32,7 @@ std::string const noSplits =
     "Splitted FWFs: 6 count: 0\nSplitted FWFs: 7 count: 0\nSplitted FWFs: 8 count: 0\n"
     "Splitted FWFs: 9 count: 0\n";
 
-TEST(RunStatistics, StartsAtZeroWithALimitOfOneHalf) {
+TEST(RunStatistics, StartsAtZeroWithARatioOfOneHalf) {
   RunStatistics const statistics;
   EXPECT_EQ(statistics.warningRatio, 0.5);
   EXPECT_EQ(statistics.numberOfWaves, 0);
@@ -49,11 +49,11 @@ TEST(RunStatistics, HalfOfTheBlockIsSuspicious) {
   EXPECT_FALSE(statisticsOf(10, 0, 0, 4).isSuspicious());
 }
 
-TEST(RunStatistics, ClassesAreNotAddedUp) {
+TEST(RunStatistics, CountersAreNotAddedUp) {
   EXPECT_FALSE(statisticsOf(10, 4, 4, 4).isSuspicious());
 }
 
-TEST(RunStatistics, RatioIsNotAnInteger) {
+TEST(RunStatistics, HalfOfAnOddBlockIsNotRounded) {
   EXPECT_FALSE(statisticsOf(11, 5, 0).isSuspicious());
   EXPECT_TRUE(statisticsOf(11, 6, 0).isSuspicious());
 }
@@ -70,7 +70,7 @@ TEST(RunStatistics, SegmentsAreCountedUpToNineOrMore) {
   EXPECT_EQ(statistics.splitCounts, (std::array<std::uint32_t, 10>{1, 2, 0, 0, 0, 0, 0, 0, 1, 3}));
 }
 
-TEST(RunStatistics, RecordHasItsExactText) {
+TEST(RunStatistics, RecordHasOneLinePerCounter) {
   RunStatistics statistics = statisticsOf(120, 60, 1, 0);
   statistics.splitCounts = {1, 20, 3, 4, 5, 6, 7, 8, 9, 4294967295U};
   EXPECT_EQ(statistics.record(),
@@ -111,7 +111,7 @@ TEST(RunStatistics, PercentagesComeFromRoundedPerMille) {
   EXPECT_EQ(percent(1, 2), "50");
 }
 
-TEST(RunStatistics, HalvesOfAPerMilleGoUp) {
+TEST(RunStatistics, HalfAPerMilleIsRoundedUp) {
   EXPECT_EQ(percent(199, 400), "49");     // 497.5 per mille
   EXPECT_EQ(percent(1999, 2000), "100");  // 999.5 per mille
   EXPECT_EQ(percent(1998, 2000), "99");   // 999 per mille
@@ -130,7 +130,7 @@ std::filesystem::path pathOf(std::filesystem::path const& input) {
   return statistics.reportPath();
 }
 
-TEST(RunStatistics, FileIsNamedAfterTheInputsStem) {
+TEST(RunStatistics, FileIsNamedAfterTheStemOfTheInput) {
   EXPECT_EQ(pathOf("scan01.rxp"), "out/scan01_Warning.txt");
   EXPECT_EQ(pathOf("scan01"), "out/scan01_Warning.txt");
   EXPECT_EQ(pathOf("/data/flight/scan01.rxp"), "out/scan01_Warning.txt");
@@ -144,7 +144,7 @@ TEST(RunStatistics, FileIsNamedAfterTheInputsStem) {
             "ber_Warning.txt");
 }
 
-TEST(RunStatistics, SuspiciousBlocksAreAppended) {
+TEST(RunStatistics, SuspiciousBlocksAreAppendedToTheFile) {
   TemporaryDirectory const directory;
   RunStatistics first = statisticsOf(10, 5, 0);
   first.outputDirectory = directory.path();
@@ -158,7 +158,7 @@ TEST(RunStatistics, SuspiciousBlocksAreAppended) {
   EXPECT_EQ(contentOf(directory.path() / "scan01_Warning.txt"), first.record() + second.record());
 }
 
-TEST(RunStatistics, OtherBlocksWriteNothing) {
+TEST(RunStatistics, BlocksBelowTheLimitWriteNoFile) {
   TemporaryDirectory const directory;
   RunStatistics statistics = statisticsOf(10, 4, 4);
   statistics.outputDirectory = directory.path();

@@ -50,7 +50,7 @@ TEST(Chunk, MemoryTotalCountsTheBytesOfExistingChunks) {
   EXPECT_EQ(ChunkBase::memoryTotal(), before);
 }
 
-TEST(Chunk, LastPointerReleasesItsPartOfTheMemoryTotal) {
+TEST(Chunk, LastPointerSubtractsTheBytesFromTheMemoryTotal) {
   std::size_t const before = ChunkBase::memoryTotal();
   StrongPtr<ChunkBase> first = makeStrong<Chunk<double>>(std::size_t{4});
   StrongPtr<ChunkBase> second = first;

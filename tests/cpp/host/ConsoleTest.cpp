@@ -41,49 +41,52 @@ TEST(Console, EmptyTextSendsNoMessage) {
 }
 
 TEST(Console, WithoutSinkAMessageIsWrittenToStandardError) {
-  Console::Sink former = Console::setSink({});
+  Console::Sink previous = Console::setSink({});
   testing::internal::CaptureStderr();
   Console() << "to the operator";
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "to the operator\n");
-  Console::setSink(std::move(former));
+  Console::setSink(std::move(previous));
 }
 
 TEST(Console, MessageOfASinkIsWrittenToStandardError) {
-  Console::Sink former = Console::setSink([](std::string const& message) { Console() << "of " << message; });
+  Console::Sink previous =
+      Console::setSink([](std::string const& message) { Console() << "of " << message; });
   testing::internal::CaptureStderr();
   Console() << "one";
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "of one\n");
-  Console::setSink(std::move(former));
+  Console::setSink(std::move(previous));
 }
 
 TEST(Console, ASinkMayReplaceItself) {
-  Messages heard;
-  Console::Sink former = Console::setSink([&heard](std::string const& message) {
-    heard.push_back("first " + message);
-    Console::setSink([&heard](std::string const& next) { heard.push_back("second " + next); });
+  Messages received;
+  Console::Sink previous = Console::setSink([&received](std::string const& message) {
+    received.push_back("first " + message);
+    Console::setSink([&received](std::string const& next) { received.push_back("second " + next); });
   });
   Console() << "x";
   Console() << "y";
-  EXPECT_EQ(heard, (Messages{"first x", "second y"}));
-  Console::setSink(std::move(former));
+  EXPECT_EQ(received, (Messages{"first x", "second y"}));
+  Console::setSink(std::move(previous));
 }
 
 TEST(Console, SetSinkReturnsThePreviousSink) {
-  std::string heard;
-  Console::Sink outer = Console::setSink([&](std::string const& message) { heard = "one " + message; });
-  Console::Sink const first = Console::setSink([&](std::string const& message) { heard = "two " + message; });
+  std::string received;
+  Console::Sink outer = Console::setSink([&](std::string const& message) { received = "one " + message; });
+  Console::Sink const first =
+      Console::setSink([&](std::string const& message) { received = "two " + message; });
   Console() << "x";
-  EXPECT_EQ(heard, "two x");
+  EXPECT_EQ(received, "two x");
   ASSERT_TRUE(first);
   first("y");
-  EXPECT_EQ(heard, "one y");
+  EXPECT_EQ(received, "one y");
   Console::setSink(std::move(outer));
 }
 
 TEST(Console, ExceptionOfTheSinkIsIgnored) {
-  Console::Sink former = Console::setSink([](std::string const&) { throw std::runtime_error("disk full"); });
+  Console::Sink previous =
+      Console::setSink([](std::string const&) { throw std::runtime_error("disk full"); });
   EXPECT_NO_THROW(Console() << "lost");
-  Console::setSink(std::move(former));
+  Console::setSink(std::move(previous));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// In a program with this file, calls of the OpenMP runtime's lock of a named section are counted. Without the
-// section the result of DataRange is wrong too rarely for a test.
+// Counts the locks that the OpenMP runtime takes for named critical sections. Without the section the result
+// of DataRange would be wrong too rarely for a test to notice.
 #include <dlfcn.h>
 
 #include <atomic>

@@ -78,7 +78,7 @@ TEST(MultiArray, AssignmentReplacesOwnerAndView) {
   EXPECT_NE(&array[0], &owner[0]);
 }
 
-TEST(MultiArray, SelfAssignmentChangesNothing) {
+TEST(MultiArray, SelfAssignmentHasNoEffect) {
   Array array(oneTwoThree);
   Array const& itself = array;
   array = itself;

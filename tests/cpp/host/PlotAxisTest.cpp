@@ -25,13 +25,13 @@ TEST(DrawableRange, KeepsAnOrdinaryRange) {
   expectRange(drawableRange(259200.0, 259200.000001), 259200.0, 259200.000001);
 }
 
-TEST(DrawableRange, MovesEqualEndsApart) {
+TEST(DrawableRange, WidensARangeOfEqualEnds) {
   expectRange(drawableRange(0.0, 0.0), -1.0, 1.0);
   expectRange(drawableRange(180.0, 180.0), 162.0, 198.0);
   expectRange(drawableRange(-10.0, -10.0), -11.0, -9.0);
 }
 
-TEST(DrawableRange, MovesNearlyEqualEndsApart) {
+TEST(DrawableRange, WidensARangeOfNearlyEqualEnds) {
   AxisRange const range = drawableRange(1.0, 1.0 + 4e-16);
   EXPECT_NEAR(range.low, 0.9, 1e-12);
   EXPECT_NEAR(range.high, 1.1, 1e-12);
@@ -75,7 +75,7 @@ TEST(FindTicks, AreInsideTheRange) {
   EXPECT_EQ(findTicks({1000000.0, 1000004.0}, 4), (Ticks{1000000, 1000001, 1000002, 1000003, 1000004}));
 }
 
-TEST(FindTicks, AreTheDoublesOfTheirDecimalText) {
+TEST(FindTicks, AreTheDoublesNearestToTheirDecimalText) {
   EXPECT_EQ(findTicks({-0.35, 0.35}, 10), (Ticks{-0.3, -0.2, -0.1, 0.0, 0.1, 0.2, 0.3}));
 }
 
@@ -85,7 +85,7 @@ TEST(FindTicks, ZeroIsNotNegative) {
   EXPECT_FALSE(std::signbit(ticks[0]));
 }
 
-TEST(FindTicks, RoundingAtTheEndsLosesNoTick) {
+TEST(FindTicks, TicksAtTheEndsAreKeptDespiteRounding) {
   // 3 * 0.1 is slightly more than 0.3.
   EXPECT_EQ(findTicks({3 * 0.1, 0.7}, 5), (Ticks{0.3, 0.4, 0.5, 0.6, 0.7}));
 }

@@ -18,20 +18,20 @@ TEST(PointerID, EveryCallGivesTheNextValue) {
   EXPECT_EQ(PointerID::next(), first + 1);
 }
 
-TEST(ReferenceBase, ObjectTakesOneIdentity) {
+TEST(ReferenceBase, EveryObjectTakesTheNextIdentity) {
   std::uint64_t const before = PointerID::next();
   Thing const thing;
   EXPECT_EQ(thing.identity(), before + 1);
   EXPECT_EQ(PointerID::next(), before + 2);
 }
 
-TEST(ReferenceBase, SerialNumbersRunByOne) {
+TEST(ReferenceBase, SerialNumbersIncreaseByOne) {
   Thing const first;
   Thing const second;
   EXPECT_EQ(second.serial(), first.serial() + 1);
 }
 
-TEST(ReferenceBase, SerialNumbersRunAcrossClasses) {
+TEST(ReferenceBase, SerialNumbersAreSharedByAllClasses) {
   class Other : public ReferenceBase<Other> {};
   Thing const first;
   Other const second;
@@ -44,7 +44,7 @@ TEST(ReferenceBase, ObjectsAreNotCopied) {
   EXPECT_TRUE(std::is_polymorphic_v<Thing>);
 }
 
-TEST(ReferenceBase, EmptyFirstOperationDoesNothing) {
+TEST(ReferenceBase, ReferencedHasNoEffect) {
   StrongPtr<Thing> const thing = makeStrong<Thing>();
   std::uint64_t const identity = thing->identity();
   thing->referenced();

@@ -112,7 +112,7 @@ TEST(StrongPtr, EmptiedPointerTakesANewIdentifier) {
   EXPECT_EQ(pointer.identifier(), before + 1);
 }
 
-TEST(StrongPtr, ExceptionOfTheConstructorIsPassedOnWithoutLeak) {
+TEST(StrongPtr, ExceptionOfTheConstructorPropagatesWithoutLeak) {
   class Failing : public ReferenceBase<Failing> {
    public:
     Failing() { throw std::length_error("no"); }

@@ -90,7 +90,7 @@ TEST_F(VectorToPDFTest, GivenRangesSetTheAxes) {
   EXPECT_NEAR(box.right - box.left, 92, 15);
 }
 
-TEST_F(VectorToPDFTest, NameIsShownWithASampleOfTheLine) {
+TEST_F(VectorToPDFTest, NameIsShownWithALegendLine) {
   auto const topOfCurve = [&](std::string const& name) {
     VectorToPDF plot = plotter();
     plot.addVector({0, 1}, {0, 0}, name);
@@ -102,7 +102,7 @@ TEST_F(VectorToPDFTest, NameIsShownWithASampleOfTheLine) {
   EXPECT_TRUE(shows("curve"));
 }
 
-TEST_F(VectorToPDFTest, EverySeriesHasItsPage) {
+TEST_F(VectorToPDFTest, EverySeriesHasAPage) {
   VectorToPDF plot = plotter();
   plot.addVector({0, 1}, {0, 1}, "samples");
   plot.addVector({40, 50}, {300, 400}, "fitted");
@@ -182,7 +182,7 @@ TEST_F(VectorToPDFTest, DegenerateAndHugeRangesGiveAPage) {
   expectWritten(plot);
 }
 
-TEST_F(VectorToPDFTest, DrawsAnyText) {
+TEST_F(VectorToPDFTest, ReplacesControlCharactersAndInvalidUtf8) {
   VectorToPDF plot(file.string(), false, "shot \xc3\xa4 17", {"first\nsecond", "\xed\xa0\x80"}, {}, {10, 5});
   plot.addVector({0, 1}, {0, 1}, "bad \xf5 \xc3\xa4");
   expectWritten(plot);
@@ -204,7 +204,7 @@ TEST_F(VectorToPDFTest, ReplacesAnExistingFile) {
   EXPECT_GT(DrawnPage(file).boxOf(firstCurve).count, 500);
 }
 
-TEST_F(VectorToPDFTest, FileThatCannotBeWrittenIsReturnedWithTheReason) {
+TEST_F(VectorToPDFTest, UnwritableFileReturnsTheReason) {
   std::filesystem::path const missing = directory.path() / "missing" / "plot.pdf";
   VectorToPDF const plot(missing.string(), false, "", {"", ""}, {}, {10, 5});
   EXPECT_EQ(plot.write2Pdf(false),
@@ -214,12 +214,12 @@ TEST_F(VectorToPDFTest, FileThatCannotBeWrittenIsReturnedWithTheReason) {
   EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
 }
 
-TEST_F(VectorToPDFTest, FullDiskIsReturnedAsTheReason) {
+TEST_F(VectorToPDFTest, FullDiskReturnsTheReason) {
   VectorToPDF const plot("/dev/full", false, "", {"", ""}, {}, {10, 5});
   EXPECT_EQ(plot.write2Pdf(false), "VectorToPDF::write2Pdf: cannot write /dev/full: No space left on device");
 }
 
-TEST_F(VectorToPDFTest, ThreadsDrawAtTheSameTime) {
+TEST_F(VectorToPDFTest, ThreadsDrawConcurrently) {
   FullWaveform::Testing::onThreads(4, [&](int number) {
     std::string const name = (directory.path() / (std::to_string(number) + ".pdf")).string();
     VectorToPDF plot(name, true, "thread", {"x", "y"}, {}, {10, 5});

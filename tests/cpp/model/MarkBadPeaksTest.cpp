@@ -71,15 +71,15 @@ TEST(MarkBadPeaks, WidthsFromZeroToFiftyAreGood) {
   EXPECT_TRUE(isMarked({.std = std::nextafter(50.0, 60.0)}));
 }
 
-TEST(MarkBadPeaks, SeveralBoundsAtOnceAreGood) {
+TEST(MarkBadPeaks, AllValuesAtTheirBoundsAreGood) {
   EXPECT_FALSE(isMarked({.amplitude = 4096.0, .idx = 10.0, .std = 50.0}));
 }
 
-TEST(MarkBadPeaks, NaNPasses) {
+TEST(MarkBadPeaks, NaNIsNotMarked) {
   EXPECT_FALSE(isMarked({.amplitude = nan, .idx = nan, .std = nan}));
 }
 
-TEST(MarkBadPeaks, OneBadValueAmongNaNsIsEnough) {
+TEST(MarkBadPeaks, OneBadValueAmongNaNsIsMarked) {
   EXPECT_TRUE(isMarked({.amplitude = 5000.0, .idx = nan, .std = nan}));
   EXPECT_TRUE(isMarked({.amplitude = nan, .idx = 31.0, .std = nan}));
   EXPECT_TRUE(isMarked({.amplitude = nan, .idx = nan, .std = -1.0}));
@@ -98,7 +98,7 @@ TEST(MarkBadPeaks, RangeMayBeNegativeOrReversed) {
   EXPECT_FALSE(markBadPeaks(peaks, 1, -1, minimum));
 }
 
-TEST(MarkBadPeaks, ExistingMarksStay) {
+TEST(MarkBadPeaks, ExistingMarksAreKept) {
   std::list<Peak> peaks{{100.0, 20.0, 0.0, RAW, EXCEEDS_RANGE, 2.0, 0, 0.0F},
                         {100.0, 20.0, 0.0, RAW, AFTERPULS, 2.0, 0, 0.0F}};
   unsigned short const minimum = 50;

@@ -116,7 +116,7 @@ TEST(NoiseEstimate, AMaximumAbove1800Doubles) {
   EXPECT_EQ(estimateOf(samples), 100U);
 }
 
-TEST(NoiseEstimate, FirstAndLastSampleCountForTheMaximum) {
+TEST(NoiseEstimate, TheMaximumIncludesFirstAndLastSample) {
   // The first three are 2000, 50, 50: slope -975, intercept 1675; residuals 325, -650, 325.
   EXPECT_EQ(estimateOf(Samples{2000} + Samples(28, 50) + Samples{2000}), 2U * (5U * 975U + 50U));
 }

@@ -48,7 +48,7 @@ TEST(Peak, ConstructorTakesTypeBeforeQuality) {
   EXPECT_EQ(peak.reflectance, 7.5F);
 }
 
-TEST(Peak, EnumeratorsHaveTheirValues) {
+TEST(Peak, EnumeratorsHaveFixedValues) {
   EXPECT_EQ(UNBORN, 0U);
   EXPECT_EQ(RAW, 1U);
   EXPECT_EQ(GAUSS_3POINTS, 2U);

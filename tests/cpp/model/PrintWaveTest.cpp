@@ -95,7 +95,7 @@ TEST_F(PrintWave, FlagMarksEveryValue) {
   EXPECT_GT(DrawnPage(file).boxOf(firstCurve).count, plain + 30 * 10);
 }
 
-TEST_F(PrintWave, HasTheSizeOfAFigure) {
+TEST_F(PrintWave, PageIs180By110Millimetres) {
   unsigned short const sample = 7;
   printWave(&sample, 1U, file, true);
   // 180 mm by 110 mm in points.

@@ -51,7 +51,7 @@ void expectNoSegments(Wave const& wave) {
   EXPECT_EQ(wave.lengthCropped, 0U);
 }
 
-TEST(WavePoints, DefaultConstructed) {
+TEST(WavePoints, DefaultConstructedHasNoSignal) {
   Wave const wave;
   expectNoSegments(wave);
   EXPECT_FALSE(wave.isLowPower);
@@ -90,7 +90,7 @@ TEST(WavePoints, OnlyChannelFlagOneIsLowPower) {
   EXPECT_FALSE(Wave(255, 1.0, 2.0).isLowPower);
 }
 
-TEST(WavePoints, OnBoardWaveformHasItsTimes) {
+TEST(WavePoints, OnBoardWaveformHasTheGivenTimes) {
   Wave const wave(1, 123.5, 4e-6);
   EXPECT_EQ(wave.shotTime, 123.5);
   EXPECT_EQ(wave.sblTime, 4e-6);
@@ -139,7 +139,7 @@ TEST(WavePoints, GlobalRangeSpansAllSegments) {
   EXPECT_EQ(wave.lengthCropped, 7U);
 }
 
-TEST(WavePoints, AllSamplesAboveTheNoise) {
+TEST(WavePoints, AllSamplesAboveTheNoiseAreOneSegment) {
   Wave const wave = waveOf(Samples(8, 50), 10);
   EXPECT_EQ(wave.startEnd, (StartEnd{{1, 6}}));
   EXPECT_EQ(wave.lengthCropped, 5U);
@@ -205,7 +205,7 @@ TEST(WavePoints, ALargeWidthDisablesTheAfterPulseTest) {
   EXPECT_EQ(wave.peaks.front().quality, GOOD);
 }
 
-TEST(WavePoints, OneSampleAboveTheNoise) {
+TEST(WavePoints, OneSampleAboveTheNoiseWraps) {
   Wave const wave = waveOf({50}, 10);
   EXPECT_EQ(wave.startEnd, (StartEnd{{1, 4294967295U}}));
   EXPECT_EQ(wave.globalStart, 1U);
@@ -215,7 +215,7 @@ TEST(WavePoints, OneSampleAboveTheNoise) {
   EXPECT_EQ(wave.afterPulse, (Windows{{3.0, 100007.0}}));
 }
 
-TEST(WavePoints, TwoSamplesTheFirstAboveTheNoise) {
+TEST(WavePoints, TwoSamplesWithTheFirstAboveTheNoiseWrap) {
   Wave const wave = waveOf({50, 60}, 10);
   EXPECT_EQ(wave.startEnd, (StartEnd{{1, 0}}));
   EXPECT_EQ(wave.globalStart, 1U);
@@ -224,7 +224,7 @@ TEST(WavePoints, TwoSamplesTheFirstAboveTheNoise) {
   EXPECT_EQ(wave.maxAmplitude, 0);
 }
 
-TEST(WavePoints, ShortWaveformsBelowTheNoise) {
+TEST(WavePoints, ShortWaveformsBelowTheNoiseHaveNoSegments) {
   expectNoSegments(waveOf({5}, 10));
   expectNoSegments(waveOf({10, 60}, 10));
 }
@@ -239,7 +239,7 @@ TEST(WavePoints, NullSamplesAreNotRead) {
   EXPECT_EQ(estimated.noise, 180);
 }
 
-TEST(WavePoints, NegativeLengthWithGivenNoise) {
+TEST(WavePoints, NegativeLengthWithGivenNoiseReadsNoSamples) {
   unsigned short const sample = 5000;
   Wave const wave(&sample, 0, 0.0, 0.0, -1, 10, scannerWith(5, 2));
   expectNoSegments(wave);

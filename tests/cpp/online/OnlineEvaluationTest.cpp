@@ -110,7 +110,7 @@ TEST(OnlineEvaluation, EchoHasTheGivenValues) {
   Peak const& peak = wave->peaks.front();
   EXPECT_EQ(peak.amplitude, 12.25F);
   EXPECT_EQ(peak.idx, 0.0);
-  EXPECT_EQ(peak.time, 7.0);  // there and back
+  EXPECT_EQ(peak.time, 7.0);  // two-way
   EXPECT_EQ(peak.type, ONLINE_OWP);
   EXPECT_EQ(peak.quality, GOOD);
   EXPECT_EQ(peak.std, 0.0);
@@ -118,7 +118,7 @@ TEST(OnlineEvaluation, EchoHasTheGivenValues) {
   EXPECT_EQ(peak.reflectance, -4.5F);
 }
 
-TEST(OnlineEvaluation, TimeIsTwiceTheTravelTime) {
+TEST(OnlineEvaluation, TimeIsTheTwoWayTravelTime) {
   ScannerDevice scanner;
   scanner.group_velocity = 3e8;
   scanner.unambiguous_range = 600.0;
@@ -138,7 +138,7 @@ TEST(OnlineEvaluation, TimesThatDifferInTheLastBitAreTwoShots) {
   EXPECT_EQ(shotTimes(apply(echoesOf({next, 5.0}, {1.0, 2.0}))), (Values{5.0, next}));
 }
 
-TEST(OnlineEvaluation, EchoesAreOrderedByTravelTime) {
+TEST(OnlineEvaluation, EchoesAreSortedByTravelTime) {
   Shots const shots = apply(echoesOf({5.0, 5.0, 5.0, 5.0}, {3.0, 1.0, 4.0, 2.0}));
   EXPECT_EQ(numbers(shots.at(5.0)), (Values{1.0, 3.0, 0.0, 2.0}));
   EXPECT_EQ(times(shots.at(5.0)), (Values{1.0, 2.0, 3.0, 4.0}));
@@ -161,7 +161,7 @@ TEST(OnlineEvaluation, ShotHasTheFlagOfItsNearestEcho) {
   Shots const shots = apply(echoes);
   EXPECT_TRUE(shots.at(5.0)->isLowPower);
   EXPECT_FALSE(shots.at(7.0)->isLowPower);
-  EXPECT_FALSE(shots.at(9.0)->isLowPower);  // only 1 marks the channel
+  EXPECT_FALSE(shots.at(9.0)->isLowPower);  // only 1 means low power
 }
 
 TEST(OnlineEvaluation, EchoesHalfAnUnambiguousRangeApartStayInTheirShot) {

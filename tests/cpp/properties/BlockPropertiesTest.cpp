@@ -188,14 +188,14 @@ TEST_P(BlockProperties, RowsMayHaveAnyAlignment) {
   std::vector<Row> const rows = randomScan(18, shotsOfScan);
   Texts const expected = bytesOf(run(rows));
   for (std::size_t shift = 0; shift < alignments; ++shift) {
-    std::vector<Samples> memories;
+    std::vector<Samples> buffers;
     for (std::size_t row = 0; row < rows.size(); ++row) {
-      Samples& memory = memories.emplace_back((shift + row) % alignments, 65535);
-      memory.insert(memory.end(), rows[row].samples.begin(), rows[row].samples.end());
+      Samples& buffer = buffers.emplace_back((shift + row) % alignments, 65535);
+      buffer.insert(buffer.end(), rows[row].samples.begin(), rows[row].samples.end());
     }
     Block block = blockOf(rows);
     block.waveforms = Driver::Waveforms(new Array({rows.size(), maxWaveformLength}, [&](std::size_t row) {
-      return memories[row].data() + (shift + row) % alignments;
+      return buffers[row].data() + (shift + row) % alignments;
     }));
     Driver fresh = driver();
     EXPECT_EQ(bytesOf(block.run(fresh, scanNoise)), expected) << "shifted by " << shift;

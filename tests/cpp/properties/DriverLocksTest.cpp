@@ -44,7 +44,7 @@ TEST_P(DriverLocks, OnlyPlanningTakesLocks) {
   Driver driver(static_cast<FWFModus>(GetParam()), scannerWithSystemWave(), directory.path(), "scan.las",
                 maxWaveformLength);
   std::size_t const ready = locksTaken;
-  EXPECT_GT(ready, before);  // by the planner; shows that the count works
+  EXPECT_GT(ready, before);  // by the planner: the counter works
   for (int round = 0; round < 2; ++round) {
     EXPECT_EQ(block.run(driver, scanNoise).size(), 25U);
     EXPECT_EQ(block.run(driver, -1).size(), 25U);

@@ -19,7 +19,7 @@ TEST(FuzzFindings, ASystemWaveOfOneSampleAndLengthZeroThrow) {
   EXPECT_THROW((RichardsonLucy<unsigned short, ZeroCrossing>(scanner, 0U)), std::length_error);
 }
 
-TEST(FuzzFindings, ALongWaveformWithASystemWaveOfOneSample) {
+TEST(FuzzFindings, ALongWaveformWithASystemWaveOfOneSampleHasNoEchoes) {
   ScannerDevice scanner = skewedScanner(3);
   scanner.size_sys = 1;
   scanner.afterpulse_width = 1U << 31U;

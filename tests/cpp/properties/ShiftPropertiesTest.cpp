@@ -1,4 +1,4 @@
-// Shifting the samples of a waveform shifts its echoes and changes nothing else.
+// Shifting the samples of a waveform shifts its echoes and does not change them otherwise.
 #include <cmath>
 #include <cstdint>
 #include <ostream>

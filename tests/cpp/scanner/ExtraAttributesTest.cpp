@@ -24,7 +24,7 @@ void expectValues(ExtraAttributes const& attributes, double binShift, unsigned s
   EXPECT_EQ(attributes.afterpulse_width, width);
 }
 
-constexpr ExtraAttributes strange{1.25, 9, 77, 33};
+constexpr ExtraAttributes arbitrary{1.25, 9, 77, 33};
 
 TEST(ExtraAttributes, FieldsKeepTheirOrder) {
   EXPECT_LT(offsetof(ExtraAttributes, bin_shift), offsetof(ExtraAttributes, scan_kind));
@@ -32,38 +32,38 @@ TEST(ExtraAttributes, FieldsKeepTheirOrder) {
   EXPECT_LT(offsetof(ExtraAttributes, afterpulse_offset), offsetof(ExtraAttributes, afterpulse_width));
 }
 
-TEST(ExtraAttributes, BothKnownModelsSetAllFour) {
+TEST(ExtraAttributes, BothKnownModelsSetAllFourConstants) {
   for (std::string const type : {"VQ-880-G", "VQ-840-GL"}) {
-    ExtraAttributes attributes = strange;
+    ExtraAttributes attributes = arbitrary;
     attributes.setExtraAttributes(type);
     expectValues(attributes, 0.65, 1, 5, 2);
   }
 }
 
-TEST(ExtraAttributes, OnlyTheWholeExactTextIsKnown) {
+TEST(ExtraAttributes, OnlyTheExactModelNameIsKnown) {
   for (std::string const type : {"", "VQ-840-G", "VQ-840-GL ", " VQ-840-GL", "VQ-840-GLX", "VQ-880-GH",
                                  "VQ-880-", "vq-880-g", "VQ-880-g", "VQ-880"}) {
-    ExtraAttributes attributes = strange;
+    ExtraAttributes attributes = arbitrary;
     attributes.setExtraAttributes(type);
     expectValues(attributes, 1.25, 9, 77, 33);
   }
 }
 
-TEST(ExtraAttributes, TextThatContinuesAfterAZeroByteIsUnknown) {
-  ExtraAttributes attributes = strange;
+TEST(ExtraAttributes, ModelNameThatContinuesAfterAZeroByteIsUnknown) {
+  ExtraAttributes attributes = arbitrary;
   attributes.setExtraAttributes(std::string("VQ-880-G\0x", 10));
   expectValues(attributes, 1.25, 9, 77, 33);
 }
 
 TEST(ExtraAttributes, SecondCallWithAKnownModelGivesTheSame) {
-  ExtraAttributes attributes = strange;
+  ExtraAttributes attributes = arbitrary;
   attributes.setExtraAttributes("VQ-880-G");
   attributes.setExtraAttributes("VQ-840-GL");
   expectValues(attributes, 0.65, 1, 5, 2);
 }
 
 TEST(ExtraAttributes, UnknownModelAfterAKnownOneKeepsTheKnownValues) {
-  ExtraAttributes attributes = strange;
+  ExtraAttributes attributes = arbitrary;
   attributes.setExtraAttributes("VQ-880-G");
   attributes.setExtraAttributes("VQ-1560");
   expectValues(attributes, 0.65, 1, 5, 2);

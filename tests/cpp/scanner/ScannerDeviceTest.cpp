@@ -37,7 +37,7 @@ void unset(Holdex::Attributes& attributes, std::string const& name) {
   attributes.setAttribute(name, {});
 }
 
-TEST(ScannerDevice, StartsWithItsDefaults) {
+TEST(ScannerDevice, StartsWithDefaultValues) {
   ScannerDevice const scanner;
   EXPECT_EQ(scanner.noise_level_for_mta, 8.6);
   EXPECT_EQ(scanner.window_echo_time, 6.673156177586246e-09);
@@ -156,9 +156,9 @@ TEST(ScannerDevice, ReflectanceTableIsSharedWithTheGrid) {
             own->attributes().getAttribute("reflectance_calculation_table").get());
 }
 
-class HalfAnExponentialSum : public testing::TestWithParam<std::string> {};
+class IncompleteExponentialSum : public testing::TestWithParam<std::string> {};
 
-TEST_P(HalfAnExponentialSum, GivesNoTableButCompletes) {
+TEST_P(IncompleteExponentialSum, GivesNoTableButCompletes) {
   ConsoleCapture const capture;
   GridPtr const grid = waveformGrid();
   unset(waveforms(grid), GetParam());
@@ -169,7 +169,7 @@ TEST_P(HalfAnExponentialSum, GivesNoTableButCompletes) {
   EXPECT_EQ(capture.messages(), Messages{});
 }
 
-INSTANTIATE_TEST_SUITE_P(ScannerDevice, HalfAnExponentialSum,
+INSTANTIATE_TEST_SUITE_P(ScannerDevice, IncompleteExponentialSum,
                          testing::Values("a_real", "a_imag", "b_real", "b_imag"));
 
 TEST(ScannerDevice, ExponentialSumOfUnequalLengthsCountsAsMissing) {

@@ -90,7 +90,7 @@ TEST(CreateNormalizedSysWave, LengthZeroIsRejected) {
   expectRejected(complexTable({1.0}), complexTable({-1e8}), 1e-9, 0, "System wave of length 0");
 }
 
-TEST(CreateNormalizedSysWave, EveryPointerReturnedHasANewIdentifier) {
+TEST(CreateNormalizedSysWave, EveryReturnedPointerHasANewIdentifier) {
   auto const a = complexTable({1.0});
   auto const b = complexTable({-1e8});
   std::uint64_t const before = Holdex::PointerID::next();
@@ -120,14 +120,14 @@ TEST(CreateNormalizedSysWave, PlotsTheWave) {
 
 TEST(CreateNormalizedSysWave, WithoutDirectoryThereIsNoPlot) {
   Testing::TemporaryDirectory const directory;
-  std::filesystem::path const former = std::filesystem::current_path();
+  std::filesystem::path const previous = std::filesystem::current_path();
   std::filesystem::current_path(directory.path());
   EXPECT_TRUE(createNormalizedSysWave(complexTable({1.0}), complexTable({-1e8}), 1e-9, 12U, {}));
-  std::filesystem::current_path(former);
+  std::filesystem::current_path(previous);
   EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
 }
 
-TEST(CreateNormalizedSysWave, PlotThatCannotBeWrittenIsReported) {
+TEST(CreateNormalizedSysWave, UnwritablePlotIsReported) {
   Testing::TemporaryDirectory const directory;
   Testing::ConsoleCapture const console;
   EXPECT_TRUE(createNormalizedSysWave(complexTable({1.0}), complexTable({-1e8}), 1e-9, 12U,

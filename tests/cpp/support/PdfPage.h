@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-/// Asked by the leak check. Fontconfig keeps the patterns of the fonts that were used as long as the process
-/// runs and reaches them by offsets instead of addresses, which the check takes for leaks.
+/// Read by the leak sanitizer. Fontconfig keeps its font patterns until the process ends and refers to them
+/// by offsets instead of addresses, which the sanitizer reports as leaks.
 extern "C" __attribute__((used, visibility("default"))) inline char const*
 __lsan_default_suppressions() {  // NOLINT
   return "leak:libfontconfig\n";
@@ -19,7 +19,7 @@ __lsan_default_suppressions() {  // NOLINT
 
 namespace FullWaveform::Testing {
 
-/// What a command writes to its standard output; throws when the command fails.
+/// Standard output of a command; throws when the command fails.
 inline std::string outputOf(std::string const& command) {
   FILE* const pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) {
@@ -36,7 +36,7 @@ inline std::string outputOf(std::string const& command) {
   return output;
 }
 
-/// A PDF as other programs see it: Poppler reads and draws it.
+/// Contents of a PDF, read by Poppler.
 class PdfPage {
  public:
   explicit PdfPage(std::filesystem::path const& file) : quoted("'" + file.string() + "'") {}
@@ -53,7 +53,7 @@ struct Colour {
   unsigned char red, green, blue;
 };
 
-/// Of the curve of a plot.
+/// Colour of the curve of a plot.
 inline constexpr Colour firstCurve{0, 114, 178};
 
 /// A page drawn at 144 dots per inch, without smoothed edges.
@@ -79,7 +79,7 @@ class DrawnPage {
     int count = 0, left = 0, top = 0, right = 0, bottom = 0;
   };
 
-  /// How many pixels are of a colour (to two steps of each component), and the box around them.
+  /// Number of pixels of a colour (each component within 2), and their bounding box.
   [[nodiscard]] Box boxOf(Colour colour) const {
     Box box{0, width, height, -1, -1};
     for (int y = 0; y < height; ++y) {
@@ -93,7 +93,7 @@ class DrawnPage {
     return box;
   }
 
-  /// Columns of the page without any pixel of a colour, between the first and the last that have one.
+  /// Number of columns without a pixel of a colour, between the first and the last column with one.
   [[nodiscard]] int gapsOf(Colour colour) const {
     Box const box = boxOf(colour);
     int gaps = 0;

@@ -153,5 +153,5 @@ def test_code_of_the_document_reads_a_container(
     row = 7
     peak = int(np.argmax(block.samples[row]))
     lead = block.geometry.location[row] - peak * block.sampling_intervals[row] * 1e12
-    place = block.geometry.anchor[row] + lead * block.geometry.direction[row]
-    np.testing.assert_allclose(found["place"][row], place, rtol=0, atol=1e-9)
+    point = block.geometry.anchor[row] + lead * block.geometry.direction[row]
+    np.testing.assert_allclose(found["points"][row], point, rtol=0, atol=1e-9)

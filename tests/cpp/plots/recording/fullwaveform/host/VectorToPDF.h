@@ -11,8 +11,7 @@
 
 namespace OrvikPDF {
 
-/// Takes the place of the plotter: the sources of both plots are compiled with it, and it records their
-/// calls.
+/// Test double of the plotter, with which the sources of both plots are compiled: records their calls.
 class VectorToPDF {
  public:
   using Range = Holdex::StrongPtr<Kestra::DataRange<double>, Holdex::InterfaceBase>;
