@@ -138,7 +138,7 @@ def hybrid(figure: Figure) -> None:
 
 
 def on_board(figure: Figure) -> None:
-    """Records in their order of arrival, and the shots they make."""
+    """Echoes in their order of arrival, and their shots."""
     shot = np.array([2, 1, 2, 3, 1, 2, 3, 4]) * 10e-6  # s
     ranges = np.array([612.4, 618.9, 604.0, 606.2, 611.0, 619.5, 619.8, 619.1])  # m
     amplitudes = np.array([14.0, 22.0, 9.0, 11.0, 7.0, 19.0, 21.0, 24.0])  # dB

@@ -24,7 +24,7 @@ def main(scan: str, picture: str) -> None:
 
 
 def draw(echoes: pd.DataFrame, picture: str) -> None:
-    """Last echoes, which are mostly ground, in another colour than those before."""
+    """Plot last echoes, which are mostly ground, in another colour than earlier ones."""
     last = echoes["echo_number"] == echoes["echo_count"]
     figure = Figure(figsize=(6.4, 4.0), layout="constrained")
     axes = figure.subplots()

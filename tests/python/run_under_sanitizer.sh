@@ -39,7 +39,7 @@ else
     tests/python/analysis/test_{reports,waveform_views}.py
     # blocks from files and callers: views, gaps, empty and long blocks, workers with a driver each
     tests/python/test_{api,real_data}.py tests/python/extraction
-    tests/python/io/pulsewaves/test_records.py
+    tests/python/io/pulsewaves/test_real_files.py
     tests/python/system_wave/test_description.py
     # the command line: reports, truncated files, scan containers
     tests/python/cli/test_{extract,convert,report,unreadable}.py

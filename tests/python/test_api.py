@@ -17,7 +17,7 @@ from fullwaveform import Extraction, Mode, Scanner, WaveformState
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 from .extraction.test_extraction import Packet, block_of
-from .extraction.test_extraction import record as samples_of
+from .extraction.test_extraction import triples as samples_of
 from .support.command_line import run
 from .support.row_scenes import as_container
 
@@ -58,14 +58,14 @@ def test_tables_of_constructed_blocks() -> None:
     assert (result.tally.waveforms, result.tally.echoes) == (3, 3)
 
 
-def test_waveforms_without_echoes_are_kept_when_asked_for() -> None:
+def test_waveforms_without_echoes_are_kept_on_request() -> None:
     peaks = of_blocks(keep_empty=True).peaks
     assert peaks["echo_number"].tolist() == [1, 2, 0, 1]
     assert peaks["waveform_number"].tolist() == [70, 70, 71, 70]
     assert np.isnan(peaks["z"]).tolist() == [False, False, True, False]
 
 
-def test_units_travel_with_the_tables() -> None:
+def test_tables_have_units() -> None:
     result = of_blocks()
     peaks, waveforms = result.to_arrow(), result.to_arrow("waveforms")
     assert (peaks.num_rows, waveforms.num_rows) == (3, 3)
@@ -76,7 +76,7 @@ def test_units_travel_with_the_tables() -> None:
         result.to_arrow("shots")
 
 
-def test_pandas() -> None:
+def test_tables_convert_to_pandas() -> None:
     pandas = pytest.importorskip("pandas")
     frame = of_blocks().to_pandas()
     assert isinstance(frame, pandas.DataFrame)
@@ -84,10 +84,10 @@ def test_pandas() -> None:
     assert len(of_blocks().to_pandas("waveforms")) == 3
 
 
-def test_file_gives_what_the_command_line_writes(scan: Path, tmp_path: Path) -> None:
+def test_extract_gives_the_tables_of_the_command_line(scan: Path, tmp_path: Path) -> None:
     result = fullwaveform.extract(scan, mode=Mode.DECOMPOSITION, threshold=20, channel_flags={2: 0})
     assert result.to_las(tmp_path / "api.las") == result.peaks.rows > 300
-    call = ["extract", scan, "-o", tmp_path / "cli.las", "--mode", "1", "--noise", "20"]
+    call = ["extract", scan, "-o", tmp_path / "cli.las", "--mode", "1", "--threshold", "20"]
     assert run(*call, "--channel", "2=high", "-q").exit_code == 0
     assert (tmp_path / "api.las").read_bytes() == (tmp_path / "cli.las").read_bytes()
     assert result.read.waveforms == result.waveforms.rows == result.tally.waveforms
@@ -104,7 +104,7 @@ def test_reader_and_its_blocks(scan: Path) -> None:
     assert 0 < part.num_rows < full.num_rows
 
 
-def test_other_files_by_their_ending(tmp_path: Path) -> None:
+def test_format_of_other_files_follows_the_ending(tmp_path: Path) -> None:
     result = of_blocks()
     assert result.write(tmp_path / "echoes.parquet") == 3
     table = pa.parquet.read_table(tmp_path / "echoes.parquet")
@@ -113,7 +113,7 @@ def test_other_files_by_their_ending(tmp_path: Path) -> None:
     assert len(laspy.read(tmp_path / "echoes.laz")) == 3
 
 
-def test_scanner_by_its_file(tmp_path: Path, scan: Path) -> None:
+def test_scanner_is_read_from_a_file(tmp_path: Path, scan: Path) -> None:
     lines = ['"Scanner Group Velocity" = 299708256.0', '"Scanner Serial Number" = "S1"']
     lines += ['"Scanner Type" = "T"', '"Wavelength[nm]" = 1064.0', "UnambiguousRange = 1000.0"]
     lines += ["reflectance_calculation_delta = 0.1", "ampl_unit = 10.0"]
@@ -128,7 +128,7 @@ def test_scanner_by_its_file(tmp_path: Path, scan: Path) -> None:
     )
 
 
-def test_scanner_that_the_file_carries(tmp_path: Path, scan: Path) -> None:
+def test_scanner_of_the_file_is_used(tmp_path: Path, scan: Path) -> None:
     described = replace(
         Scanner.default(), attributes={**Scanner.default().attributes, "ampl_unit": 10.0}
     )
@@ -143,13 +143,13 @@ def test_scanner_that_the_file_carries(tmp_path: Path, scan: Path) -> None:
     np.testing.assert_allclose(
         carried.peaks["amplitude_db"] - default.peaks["amplitude_db"], 20.0, rtol=0, atol=1e-4
     )
-    call = ["extract", container, "-o", tmp_path / "cli.parquet", "--noise", "20", "-q"]
+    call = ["extract", container, "-o", tmp_path / "cli.parquet", "--threshold", "20", "-q"]
     assert run(*call).exit_code == 0
     carried.write(tmp_path / "api.parquet")
     assert (tmp_path / "api.parquet").read_bytes() == (tmp_path / "cli.parquet").read_bytes()
 
 
-def test_interval_of_an_archive(tmp_path: Path) -> None:
+def test_interval_of_an_archive_is_used(tmp_path: Path) -> None:
     samples = np.full((1, 60), 5, np.uint16)
     samples[0, 30:33] = 40, 80, 40
     np.savez(tmp_path / "a.npz", samples=samples)
@@ -199,12 +199,14 @@ WRONG: dict[str, tuple[Callable[[Path], object], str]] = {
 
 
 @pytest.mark.parametrize(("call", "message"), WRONG.values(), ids=WRONG)
-def test_wrong_calls(scan: Path, call: Callable[[Path], object], message: str) -> None:
+def test_invalid_calls_are_refused(
+    scan: Path, call: Callable[[Path], object], message: str
+) -> None:
     with pytest.raises(ValueError, match=message):
         call(scan)
 
 
-def test_missing_file(tmp_path: Path) -> None:
+def test_missing_file_is_an_error(tmp_path: Path) -> None:
     with pytest.raises(FileNotFoundError, match="no_such"):
         fullwaveform.extract(tmp_path / "no_such.las")
     with pytest.raises(ValueError, match="table deconvolution must have"):
@@ -220,9 +222,7 @@ def test_default_scanner_is_the_documented_one() -> None:
     )
 
 
-def test_waveforms_that_cannot_be_read_are_refused_unless_skipped(
-    scan: Path, tmp_path: Path
-) -> None:
+def test_unreadable_waveforms_are_refused_unless_skipped(scan: Path, tmp_path: Path) -> None:
     """The file of packets ends within its last packet."""
     cut = tmp_path / "cut.las"
     cut.write_bytes(scan.read_bytes())

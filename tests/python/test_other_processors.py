@@ -53,27 +53,27 @@ def compile_call(tmp_path_factory: pytest.TempPathFactory) -> list[str]:
     return [*call, f"-I{ROOT}"]
 
 
-def complaints(call: list[str]) -> str:
+def compiler_errors(call: list[str]) -> str:
     done = subprocess.run(call, check=False, capture_output=True, text=True, timeout=600)
     return "" if done.returncode == 0 else done.stderr[:4000]
 
 
-def test_every_source_is_understood(compile_call: list[str]) -> None:
+def test_every_source_compiles_for_the_other_processor(compile_call: list[str]) -> None:
     sources = sorted(map(str, ROOT.glob("fullwaveform/*/*.cpp")))
     assert len(sources) > 40
-    assert complaints([*compile_call, "-fsyntax-only", *sources]) == ""
+    assert compiler_errors([*compile_call, "-fsyntax-only", *sources]) == ""
 
 
 @pytest.mark.parametrize("kernel", KERNELS)
 def test_kernels_become_machine_code(compile_call: list[str], kernel: str, tmp_path: Path) -> None:
     made = tmp_path / "kernel.o"
     source = str(ROOT / "fullwaveform" / kernel)
-    assert complaints([*compile_call, "-c", source, "-o", str(made)]) == ""
+    assert compiler_errors([*compile_call, "-c", source, "-o", str(made)]) == ""
     machine = made.read_bytes()[18:20]  # of the ELF header
     assert machine == bytes([183, 0])  # AArch64
 
 
-def test_a_source_for_one_processor_is_seen(compile_call: list[str], tmp_path: Path) -> None:
+def test_processor_specific_source_is_detected(compile_call: list[str], tmp_path: Path) -> None:
     source = tmp_path / "vectors.cpp"
     source.write_text('int wide() { return __builtin_cpu_supports("avx2"); }\n')
-    assert "cpu_supports" in complaints([*compile_call, "-fsyntax-only", str(source)])
+    assert "cpu_supports" in compiler_errors([*compile_call, "-fsyntax-only", str(source)])

@@ -1,9 +1,8 @@
-"""Records of real scanners, where they are at hand: through the command line and as arrays."""
+"""Files of real scanners, if available: with the command line and as arrays."""
 
 from __future__ import annotations
 
 import csv
-import os
 from pathlib import Path
 
 import laspy
@@ -17,8 +16,9 @@ from fullwaveform.analysis.matching import match_echoes
 from fullwaveform.cli.app import app
 from fullwaveform.core.scanner import DEFAULT_ATTRIBUTES, NO_AFTER_PULSE
 
-BESIDE = Path(__file__).resolve().parents[2] / ".." / "shared" / "data"
-FOLDER = Path(os.environ.get("FULLWAVEFORM_DATA", BESIDE))
+from .support.las_scenes import data_folder
+
+FOLDER = data_folder()
 STRIP = FOLDER / "las" / "topo_2ns.las"
 FOREST = FOLDER / "arrays" / "forest_12bit.npz"
 INTERVAL_PS = 2000.0  # of the strip
@@ -26,15 +26,15 @@ INTERVAL_PS = 2000.0  # of the strip
 Columns = dict[str, npt.NDArray[np.float64]]
 
 needs_strip = pytest.mark.skipif(
-    not STRIP.exists(), reason=f"no {STRIP.name} in the folder of real waveforms"
+    not STRIP.exists(), reason=f"no {STRIP.name} in the folder of real data"
 )
 needs_forest = pytest.mark.skipif(
-    not FOREST.exists(), reason=f"no {FOREST.name} in the folder of real waveforms"
+    not FOREST.exists(), reason=f"no {FOREST.name} in the folder of real data"
 )
 
 
 def extract(output: Path) -> str:
-    call = ["extract", str(STRIP), "-o", str(output), "--mode", "0", "--noise", "20"]
+    call = ["extract", str(STRIP), "-o", str(output), "--mode", "0", "--threshold", "20"]
     result = CliRunner().invoke(app, call, env={"COLUMNS": "200"})
     assert result.exit_code == 0, result.output
     return result.stdout
@@ -100,8 +100,8 @@ def test_echoes_lie_on_the_lines_of_their_pulses(strip: tuple[Columns, str]) -> 
 
 
 @needs_strip
-def test_echoes_of_the_strip_meet_the_discrete_returns(strip: tuple[Columns, str]) -> None:
-    """Electronics that never saw the record trigger on the leading edge, half a sample earlier."""
+def test_echoes_of_the_strip_agree_with_the_discrete_returns(strip: tuple[Columns, str]) -> None:
+    """The scanner's electronics trigger on the leading edge, half a sample earlier."""
     echoes, _ = strip
     source = laspy.read(STRIP)
     samples = np.asarray(source["return_point_wave_location"], np.float64) / INTERVAL_PS
@@ -129,7 +129,7 @@ def test_echoes_of_the_strip_as_points(strip: tuple[Columns, str], tmp_path: Pat
 
 
 @needs_forest
-def test_unknown_type_costs_the_strongest_echoes_of_the_forest() -> None:
+def test_unknown_scanner_type_rejects_the_strongest_echoes_of_the_forest() -> None:
     forest = np.load(FOREST)
     samples, counts = forest["samples"], forest["count"]
     inner = (np.arange(samples.shape[1]) > 0) & (np.arange(samples.shape[1]) < counts[:, None] - 1)

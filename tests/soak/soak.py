@@ -3,7 +3,7 @@
 A scan is simulated and repeated up to the given number of waveforms; `fullwaveform extract` runs in
 each mode with several workers. Prints memory, open files and threads over time, and the counts of
 echoes, compared with the truth and between the repetitions. The exit code is 1 when memory or
-descriptors grow, when a count is wrong, or when drivers leave memory behind.
+descriptors grow, when a count is wrong, or when drivers leak memory.
 
     python tests/soak/soak.py --waveforms 5000000
 
@@ -125,7 +125,7 @@ def run(mode: int, scan: RepeatedScan, options: argparse.Namespace, folder: Path
         failures += counts.failures
         output.unlink()
     if left := sorted(path.name for path in working.iterdir()):
-        failures.append(f"files left behind: {', '.join(left)}")
+        failures.append(f"unexpected files remain: {', '.join(left)}")
     return failures
 
 

@@ -14,7 +14,7 @@ struct Gaussian {
   double width;
 };
 
-/// The samples and the Gaussians of the records stand in two tables, one record behind the other.
+/// The samples and the Gaussians of the records are concatenated in two tables.
 struct DecompositionRecord {
   unsigned short noise;
   bool isLowPower;

@@ -1,10 +1,10 @@
-"""Gaussian decompositions of constructed records, worked out without the library.
+"""Gaussian decompositions of constructed waveforms, computed without the library.
 
-Writes `DecompositionRecords.h`: random records with overlapping echoes and the Gaussians that the
-two-loop decomposition finds in them. The steps are written down anew in NumPy, and the minimiser is
-MINPACK's (in SciPy), with the library's tolerances. Left out are records whose result hangs on the
-last bits of single precision, in which the library keeps its starts: the result must stay where
-it is when the start is moved by a relative 1e-6 either way.
+Writes `DecompositionRecords.h`: random waveforms with overlapping echoes and the Gaussians that the
+two-loop decomposition finds in them. The steps are implemented independently in NumPy with the
+minimiser of MINPACK (in SciPy) and the library's tolerances. Waveforms are omitted if their result
+depends on the last bits of single precision, in which the library keeps its start values: a
+relative change of the start by 1e-6 in either direction must not change the result.
 
 Run: python3 decomposition_records.py    (needs NumPy and SciPy)
 """
@@ -37,7 +37,7 @@ struct Gaussian {
   double width;
 };
 
-/// The samples and the Gaussians of the records stand in two tables, one record behind the other.
+/// The samples and the Gaussians of the records are concatenated in two tables.
 struct DecompositionRecord {
   unsigned short noise;
   bool isLowPower;

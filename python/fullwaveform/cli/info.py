@@ -174,8 +174,8 @@ def _listed(counts: Mapping[Any, int], counted: str) -> str:
         return str(next(iter(counts)))
     if len(counts) <= _MAX_LISTED:
         return ", ".join(f"{key} ({count:,} {counted})" for key, count in counts.items())
-    most = max(counts, key=lambda key: counts[key])
-    return f"{len(counts):,} different values, mostly {most} ({counts[most]:,} {counted})"
+    mode = max(counts, key=lambda key: counts[key])
+    return f"{len(counts):,} different values, mostly {mode} ({counts[mode]:,} {counted})"
 
 
 def _sample_counts(contents: FileContents) -> str:

@@ -61,7 +61,7 @@ def progress_bar(console: Console, quiet: bool) -> Progress:
 
 
 def shortened(name: str) -> str:
-    """Beginning and end of a long name, to leave room for the numbers."""
+    """Beginning and end of a long name, so that the numbers fit on the line."""
     half = _MAX_NAME // 2
     return name if len(name) <= _MAX_NAME else f"{name[: half - 1]}…{name[-half:]}"
 

@@ -1,6 +1,6 @@
 """What a worker runs: JSON text in, a part file and JSON text out.
 
-A unit leaves no state behind, and repeating it writes the same bytes, so it does not matter how
+A unit has no persistent state, and repeating it writes the same bytes, so it does not matter how
 often or where it runs.
 """
 

@@ -31,7 +31,7 @@ Threshold = int | Literal["estimate"]
 DECONVOLVING_MODES = (Mode.DECONVOLUTION, Mode.HYBRID)
 
 # Transforms are planned for every 25 samples up to the longest waveform; up to 8192 samples they
-# take about 1 GB. No scanner records a waveform that long.
+# take about 1 GB. Waveforms of scanners are shorter.
 LONGEST_DECONVOLUTION = 8192
 
 

@@ -102,7 +102,7 @@ class OutputFile(io.FileIO):
             raise _output_error(self._failure, self._final) from self._failure
 
     def write(self, data: Any) -> int:
-        """Write all bytes; nothing after the first error."""
+        """Write all bytes; does nothing after an error."""
         left = memoryview(data).cast("B")
         size = len(left)
         while self._failure is None and len(left) > 0:
@@ -113,7 +113,7 @@ class OutputFile(io.FileIO):
         return size
 
     def truncate(self, size: int | None = None) -> int:
-        """Set the length of the file; nothing after an error."""
+        """Set the length of the file; does nothing after an error."""
         if self._failure is None:
             try:
                 return super().truncate(size)

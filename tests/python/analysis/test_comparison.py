@@ -47,8 +47,8 @@ def scan(tmp_path: Path) -> Path:
     )
 
 
-def test_pairs_have_their_true_distance(scan: Path, tmp_path: Path) -> None:
-    # 0.2 m further (lower) than the first return, 0.1 m nearer than the second, one far from any.
+def test_pairs_have_the_constructed_distance(scan: Path, tmp_path: Path) -> None:
+    # 0.2 m further (lower) than the first return, 0.1 m nearer than the second, one far from both.
     echoes = write_points(tmp_path / "echoes.las", 6, [1.0, 1.0, 2.0], [29.8, 20.1, 4.0])
     comparison = compare_with_returns(scan, echoes, tolerance=1.0)
     assert comparison.returns["amplitude"].tolist() == [7.0, 8.0, 9.0]
@@ -57,7 +57,7 @@ def test_pairs_have_their_true_distance(scan: Path, tmp_path: Path) -> None:
     assert comparison.matching.unmatched_ref.tolist() == [2]
 
 
-def test_a_return_of_both_channels_counts_once(tmp_path: Path) -> None:
+def test_return_of_both_channels_counts_once(tmp_path: Path) -> None:
     scan = write_points(
         tmp_path / "scan.las",
         9,
@@ -75,7 +75,7 @@ def test_a_return_of_both_channels_counts_once(tmp_path: Path) -> None:
     assert "│ duplicates  │" in done.output
 
 
-def test_tolerance_decides_what_is_the_same(scan: Path, tmp_path: Path) -> None:
+def test_tolerance_limits_the_matched_distance(scan: Path, tmp_path: Path) -> None:
     echoes = write_points(tmp_path / "echoes.las", 6, [1.0, 1.0], [29.8, 20.1])
     assert len(compare_with_returns(scan, echoes, tolerance=0.15).matching) == 1
 
@@ -86,7 +86,7 @@ def test_echoes_of_another_scan_are_refused(scan: Path, tmp_path: Path) -> None:
         compare_with_returns(scan, echoes, tolerance=1.0)
 
 
-def test_a_scan_without_times_is_refused(tmp_path: Path) -> None:
+def test_scan_without_times_is_refused(tmp_path: Path) -> None:
     scan = write_points(
         tmp_path / "scan.las",
         9,
@@ -99,13 +99,13 @@ def test_a_scan_without_times_is_refused(tmp_path: Path) -> None:
         compare_with_returns(scan, scan, tolerance=1.0)
 
 
-def test_a_pulse_without_direction_is_refused(tmp_path: Path) -> None:
+def test_pulse_without_direction_is_refused(tmp_path: Path) -> None:
     scan = write_points(tmp_path / "scan.las", 9, [0.0, 1.0], [1.0, 2.0], wavepacket_index=[1, 1])
     with pytest.raises(WaveformFileError, match="a pulse has no direction"):
         compare_with_returns(scan, scan, tolerance=1.0)
 
 
-def test_command_prints_the_counts_and_draws(scan: Path, tmp_path: Path) -> None:
+def test_command_prints_counts_and_writes_the_plot(scan: Path, tmp_path: Path) -> None:
     echoes = write_points(tmp_path / "echoes.las", 6, [1.0, 1.0, 2.0], [29.8, 20.1, 4.0])
     plot = tmp_path / "differences.pdf"
     done = CliRunner().invoke(app, ["compare", str(scan), str(echoes), "--plot", str(plot)])
@@ -125,23 +125,23 @@ def test_command_prints_the_counts_and_draws(scan: Path, tmp_path: Path) -> None
         ([], 1, "no-such.las"),
     ],
 )
-def test_command_refuses_in_a_sentence(
+def test_command_reports_invalid_inputs(
     scan: Path, tmp_path: Path, arguments: list[str], code: int, words: str
 ) -> None:
     echoes = tmp_path / "no-such.las"
     done = CliRunner().invoke(app, ["compare", str(scan), str(echoes), *arguments])
     assert done.exit_code == code
-    # Words of a framed message may be broken over lines.
+    # The frame of the message may break its lines.
     assert words in " ".join(done.output.replace("│", " ").split())
 
 
-def test_histogram_without_values_is_a_page(tmp_path: Path) -> None:
+def test_histogram_without_values_is_drawn(tmp_path: Path) -> None:
     path = tmp_path / "empty.png"
     draw_histogram(path, [np.nan], title="no values", label="m")
     assert path.read_bytes().startswith(b"\x89PNG")
 
 
-def test_histogram_of_equal_values_is_a_page(tmp_path: Path) -> None:
+def test_histogram_of_equal_values_is_drawn(tmp_path: Path) -> None:
     path = tmp_path / "equal.svg"
     draw_histogram(path, [1.0, 1.0], title="equal", label="m")
     assert "<svg" in path.read_text(encoding="utf-8")

@@ -1,4 +1,4 @@
-"""What a file holds, against files whose few samples are counted by hand."""
+"""Contents of files, compared with hand-counted samples of small files."""
 
 from __future__ import annotations
 
@@ -76,7 +76,7 @@ def test_values_and_saturation(three: FileContents) -> None:
     assert three.maximum_counts[[20, 100]].tolist() == [1, 2]
 
 
-def test_a_larger_value_later_resets_the_plateaus(tmp_path: Path) -> None:
+def test_larger_value_resets_the_plateaus(tmp_path: Path) -> None:
     path = archive(tmp_path / "a.npz", [[50, 50, 0], [80, 0, 80], [0, 80, 80]])
     found = contents(path)
     assert found.largest == 80

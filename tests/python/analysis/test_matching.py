@@ -1,4 +1,4 @@
-"""Pairs worked out by hand, and a plain greedy search to compare with."""
+"""Matching of echoes, compared with hand-made pairs and a simple greedy search."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ def pairs(matching: Matching) -> list[tuple[int, int]]:
 def greedy(
     found: list[tuple[int, float]], ref: list[tuple[int, float]], tolerance: float
 ) -> set[tuple[int, int]]:
-    """Nearest pair of all first, until none is left."""
+    """Repeatedly match the nearest remaining pair."""
     candidates = sorted(
         (abs(f[1] - r[1]), i, j)
         for i, f in enumerate(found)
@@ -33,7 +33,7 @@ def greedy(
     return chosen
 
 
-def test_each_shot_matches_its_own() -> None:
+def test_echoes_match_only_within_their_shot() -> None:
     got = match_echoes([2, 1, 1], [10.0, 20.5, 30.0], [1, 1, 2, 3], [20.0, 31.0, 10.25, 10.0], 2.0)
     assert pairs(got) == [(0, 2), (1, 0), (2, 1)]
     assert got.difference.tolist() == [-0.25, 0.5, -1.0]
@@ -41,24 +41,24 @@ def test_each_shot_matches_its_own() -> None:
     assert got.unmatched_ref.tolist() == [3]
 
 
-def test_nearest_pair_goes_first_and_leaves_the_rest() -> None:
-    # 10.6 is nearer to 11 than 10 is; 10 then finds only 8 within the tolerance.
+def test_nearest_pair_is_matched_first() -> None:
+    # 11 is matched with 10.6, which is nearer; only 8 remains within the tolerance of 10.
     got = match_echoes([1, 1], [10.0, 10.6], [1, 1], [11.0, 8.0], 2.0)
     assert pairs(got) == [(0, 1), (1, 0)]
 
 
-def test_one_reference_serves_one_echo() -> None:
+def test_reference_matches_at_most_one_echo() -> None:
     got = match_echoes([5, 5, 5], [9.8, 10.1, 10.3], [5], [10.0], 1.0)
     assert pairs(got) == [(1, 0)]
     assert got.unmatched_found.tolist() == [0, 2]
 
 
-def test_tie_goes_to_the_smaller_position() -> None:
+def test_tie_is_resolved_by_the_smaller_position() -> None:
     assert pairs(match_echoes([1, 1], [11.0, 9.0], [1], [10.0], 2.0)) == [(1, 0)]
     assert pairs(match_echoes([1], [10.0], [1, 1], [11.0, 9.0], 2.0)) == [(0, 1)]
 
 
-def test_equal_positions_pair_once_each() -> None:
+def test_equal_positions_are_matched_one_to_one() -> None:
     got = match_echoes([1, 1], [10.0, 10.0], [1, 1, 1], [10.0, 10.0, 10.0], 0.0)
     assert len(got) == 2
     assert len(set(got.ref_index.tolist())) == 2
@@ -90,7 +90,7 @@ def test_large_integer_groups_are_distinguished() -> None:
 
 
 @pytest.mark.parametrize(("found", "ref"), [([], [1.0]), ([1.0], []), ([], [])])
-def test_empty_sides(found: list[float], ref: list[float]) -> None:
+def test_empty_inputs_have_no_matches(found: list[float], ref: list[float]) -> None:
     got = match_echoes([1] * len(found), found, [1] * len(ref), ref, 1.0)
     assert len(got) == 0
     assert got.unmatched_found.tolist() == list(range(len(found)))
@@ -114,24 +114,24 @@ def test_agrees_with_a_plain_greedy_search(seed: int) -> None:
 
 
 def test_distant_echo_is_matched_after_a_nearer_pair() -> None:
-    # 1.1 takes 1.0; then 1.3 is nearer to 0 than -5 is, although the pair stood between them.
+    # 1.1 is matched with 1.0; then 1.3 is the nearest to 0, across the matched pair.
     got = match_echoes([1, 1, 1], [-5.0, 1.1, 1.3], [1, 1], [0.0, 1.0], 10.0)
     assert pairs(got) == [(1, 1), (2, 0)]
 
 
-def test_chain_of_ever_closer_neighbours() -> None:
-    # Gaps 1.0, 0.9, 0.8, 0.7, 0.6: the last pair goes first and the chain unravels backwards.
+def test_chain_of_decreasing_distances_is_matched_greedily() -> None:
+    # Gaps 1.0, 0.9, 0.8, 0.7, 0.6: pairs are matched in reverse order.
     got = match_echoes([1, 1, 1], [0.0, 1.9, 3.4], [1, 1, 1], [1.0, 2.7, 4.0], 2.0)
     assert pairs(got) == [(0, 0), (1, 1), (2, 2)]
 
 
 @pytest.mark.parametrize("tolerance", [-1.0, float("nan")])
-def test_bad_tolerance_is_refused(tolerance: float) -> None:
+def test_invalid_tolerance_is_refused(tolerance: float) -> None:
     with pytest.raises(ValueError, match="tolerance"):
         match_echoes([1], [1.0], [1], [1.0], tolerance)
 
 
-def test_shapes_and_types_that_do_not_fit_are_refused() -> None:
+def test_mismatched_shapes_and_types_are_refused() -> None:
     with pytest.raises(ValueError, match="found"):
         match_echoes([1, 2], [1.0], [1], [1.0], 1.0)
     with pytest.raises(ValueError, match="reference"):

@@ -1,4 +1,4 @@
-"""What the methods make of one waveform, against echoes worked out by hand."""
+"""Results of the methods for one waveform, compared with hand-calculated echoes."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ from fullwaveform.core.driver import Threshold
 from ..core import test_modes
 from ..extraction.test_extraction import Packet, block_of
 from ..support import reference_three_point as reference_three_point
-from ..support.records import TRIPLE_STD, record
+from ..support.sample_triples import TRIPLE_STD, triples
 from ..system_wave import richardson_lucy as plain
 
 HALF = np.exp(-0.5)
@@ -32,7 +32,7 @@ def views(
 
 
 def height_at(curve: np.ndarray, position: float) -> float:
-    """Height of a curve where it has a value; fails where it has none."""
+    """Height of a curve at one of its positions; fails elsewhere."""
     (row,) = np.flatnonzero(np.abs(curve[:, 0] - position) < 1e-9)
     return float(curve[row, 1])
 
@@ -56,11 +56,11 @@ def test_sum_without_gaussians_is_empty() -> None:
     assert fitted_sum(np.empty(0), np.empty(0), np.empty(0), 5.0, 40).shape == (0, 2)
 
 
-def test_three_points() -> None:
-    (view,) = views(Packet(record({20: 100, 40: 60})))
+def test_three_point_view_has_threshold_segments_and_gaussians() -> None:
+    (view,) = views(Packet(triples({20: 100, 40: 60})))
     assert (view.number, view.channel_flag, view.gps_time, view.interval) == (70, 1, 1000.0, 1e-9)
     assert view.threshold == 10
-    # From the last sample that is not above the threshold to the first one below it.
+    # From the last sample at or below the threshold to the first one below it.
     assert view.segments.tolist() == [[18, 22], [38, 42]]
     (method,) = view.methods
     assert method.state is WaveformState.WITH_ECHOES
@@ -82,12 +82,12 @@ def test_gaussians_of_a_decomposition_start_at_the_threshold() -> None:
     np.testing.assert_allclose(method.widths, [2.5], atol=0.02)
     assert method.feet.tolist() == [20.0]
     np.testing.assert_allclose(method.tops, [420.0], rtol=0.005)
-    # Counts are rounded; the least squares add little to that.
+    # The tolerance covers the rounding of the counts.
     for sample in (26, 30, 33):
         assert height_at(method.fitted, float(sample)) == pytest.approx(samples[sample], abs=1.5)
 
 
-def test_deconvolved_signal_lies_where_its_echoes_are_reported() -> None:
+def test_deconvolved_signal_has_the_positions_of_its_echoes() -> None:
     samples = test_modes.scene(np.array([[20.3, 28.0]]), np.array([[500.0, 300.0]]))
     offset = 0.75  # samples
     scanner = Scanner.from_attributes(test_modes.scanner().attributes)
@@ -108,7 +108,7 @@ def test_deconvolved_signal_lies_where_its_echoes_are_reported() -> None:
     np.testing.assert_allclose(
         found["moved"].deconvolved[:, 0], found["as it is"].deconvolved[:, 0] - offset
     )
-    # Against the iteration written down plainly.
+    # Expected: the same iteration in NumPy.
     kernel = plain.system_wave(
         np.array(test_modes.SYSTEM_WAVE["a_real"]),
         np.array(test_modes.SYSTEM_WAVE["b_real"])
@@ -123,7 +123,7 @@ def test_deconvolved_signal_lies_where_its_echoes_are_reported() -> None:
     )
 
 
-def test_hybrid_shows_the_signal_that_it_took_its_echoes_from() -> None:
+def test_hybrid_shows_the_signal_of_its_echoes() -> None:
     samples = test_modes.scene(np.array([[30.0]]), np.array([[600.0]]))
     scanner = test_modes.scanner()
     for flag, deconvolves in ((1, True), (0, False)):
@@ -137,12 +137,12 @@ def test_hybrid_shows_the_signal_that_it_took_its_echoes_from() -> None:
 
 def test_modes_keep_their_order() -> None:
     modes = [Mode.DECOMPOSITION, Mode.THREE_POINT]
-    (view,) = views(Packet(record({20: 100})), modes=modes)
+    (view,) = views(Packet(triples({20: 100})), modes=modes)
     assert [method.mode for method in view.methods] == modes
 
 
-def test_channels_are_merged_before_one_of_them_is_shown() -> None:
-    packets = [Packet(record({20: 100}), flag=1), Packet(record({20: 80}), flag=0)]
+def test_channels_are_merged_before_selection() -> None:
+    packets = [Packet(triples({20: 100}), flag=1), Packet(triples({20: 80}), flag=0)]
     shot = SelectedShot(block_of(packets), np.array([1]))
     (view,) = waveform_views(shot, Scanner.default(), [Mode.THREE_POINT], 10)
     assert view.number == 71
@@ -150,14 +150,14 @@ def test_channels_are_merged_before_one_of_them_is_shown() -> None:
     assert len(view.methods[0].positions) == 0
 
 
-def test_waveform_below_its_noise_has_a_state_and_no_echoes() -> None:
-    (view,) = views(Packet(record({20: 8})))
+def test_waveform_below_the_threshold_has_a_state_and_no_echoes() -> None:
+    (view,) = views(Packet(triples({20: 8})))
     assert view.segments.shape == (0, 2)
     assert view.methods[0].state is WaveformState.SIGNAL_TOO_LOW
     assert view.methods[0].fitted.shape == (0, 2)
 
 
-def test_noise_is_estimated_for_every_waveform() -> None:
+def test_threshold_is_estimated_for_every_waveform() -> None:
     rng = np.random.default_rng(2)
     samples = rng.integers(15, 25, 80).astype(np.uint16)
     samples[40:43] = 300, 600, 300
@@ -165,6 +165,6 @@ def test_noise_is_estimated_for_every_waveform() -> None:
     assert view.threshold == reference_three_point.estimate(samples.tolist())
 
 
-def test_mode_that_needs_a_system_wave() -> None:
+def test_mode_without_its_system_wave_is_refused() -> None:
     with pytest.raises(ValueError, match="needs the scanner's system wave"):
-        views(Packet(record({20: 100})), modes=[Mode.DECONVOLUTION])
+        views(Packet(triples({20: 100})), modes=[Mode.DECONVOLUTION])

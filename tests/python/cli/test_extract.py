@@ -90,7 +90,7 @@ def test_las_to_las_and_csv_hold_the_same_echoes(scan: Path) -> None:
     assert names(scan.parent) == ["echoes.csv", "echoes.las", "scan.las", "scan.wdp"]
 
 
-def test_input_stays_as_it_is(scan: Path, original: Path) -> None:
+def test_input_is_not_changed(scan: Path, original: Path) -> None:
     extract(scan, scan.with_name("echoes.las"))
     for suffix in (".las", ".wdp"):
         assert scan.with_suffix(suffix).read_bytes() == original.with_suffix(suffix).read_bytes()
@@ -167,7 +167,7 @@ def test_channels(scan: Path) -> None:
     def flags(*options: str) -> dict[int, set[int]]:
         extract(scan, scan.with_name("e.csv"), "--threshold", "20", *options)
         text = csv_columns(scan.with_name("e.csv"))
-        # The packets lie shot by shot, descriptor 1 first.
+        # Packets are ordered by shot, descriptor 1 first.
         odd = text["waveform_number"].astype(int) % 2 == 1
         return {1: set(text["channel_flag"][~odd]), 2: set(text["channel_flag"][odd])}
 
@@ -236,7 +236,7 @@ def test_output_is_required_and_has_a_known_suffix(scan: Path) -> None:
     assert_usage(run("extract", scan, "-o", scan.with_name("e.dat")), "must end in .las,")
 
 
-def test_input_is_never_the_output(scan: Path, original: Path) -> None:
+def test_output_equal_to_the_input_is_refused(scan: Path, original: Path) -> None:
     link, twin = scan.with_name("link.las"), scan.with_name("twin.las")
     link.symlink_to(scan)
     os.link(scan, twin)
@@ -249,7 +249,7 @@ def test_input_is_never_the_output(scan: Path, original: Path) -> None:
 
 
 @pytest.mark.parametrize("output", ["echoes.las", "echoes.csv"])
-def test_missing_samples_leave_the_old_output(scan: Path, output: str) -> None:
+def test_missing_samples_keep_the_existing_output(scan: Path, output: str) -> None:
     target = scan.with_name(output)
     target.write_text("from yesterday", encoding="ascii")
     scan.with_suffix(".wdp").unlink()

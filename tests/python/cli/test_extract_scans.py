@@ -22,7 +22,7 @@ from fullwaveform.simulation import (
     write_scan,
 )
 
-METRES_PER_SAMPLE = 0.149854128  # of range; 1 ns there and back in air
+METRES_PER_SAMPLE = 0.149854128  # of range; 1 ns of two-way travel time in air
 GRID = 0.001  # m, of the coordinates of both files
 # VmHWM is that of the program itself; getrusage would include the calling process.
 PEAK_MEMORY = """
@@ -43,7 +43,7 @@ def extract(scan: Path, output: Path, *options: str) -> laspy.LasData:
     return laspy.read(output)
 
 
-def certain(truth: TruthTable, settings: ScanSettings) -> np.ndarray:
+def isolated_echoes(truth: TruthTable, settings: ScanSettings) -> np.ndarray:
     """Rows of echoes that must be found within a tenth of a sample of their true position.
 
     An echo that is six widths or more from any other one is not deformed by it. The noise of the
@@ -74,19 +74,19 @@ def scene(
     return echoes, read_truth(files.truth), settings
 
 
-def test_every_certain_echo_is_found_at_its_position(
+def test_every_isolated_echo_is_found_at_its_position(
     scene: tuple[laspy.LasData, TruthTable, ScanSettings],
 ) -> None:
     echoes, truth, settings = scene
-    rows = certain(truth, settings)
+    rows = isolated_echoes(truth, settings)
     assert len(rows) > 700
     position = truth.position_samples[rows]
     found = match_echoes(
         echoes["gps_time"], echoes["position"], truth.gps_time[rows], position, 0.1
     )
     assert len(found.unmatched_ref) == 0
-    true_place = np.column_stack([truth.x, truth.y, truth.z])[rows][found.ref_index]
-    off = np.linalg.norm(echoes.xyz[found.found_index] - true_place, axis=1)
+    true_position = np.column_stack([truth.x, truth.y, truth.z])[rows][found.ref_index]
+    off = np.linalg.norm(echoes.xyz[found.found_index] - true_position, axis=1)
     # Anchors and echoes are each rounded by half a grid step in three directions.
     assert off.max() < 0.1 * METRES_PER_SAMPLE + 2 * np.sqrt(3) * GRID / 2
 
@@ -98,7 +98,7 @@ def test_noise_free_echoes_are_accurate_to_rounding_and_baseline(tmp_path: Path)
     settings = ScanSettings(noise_rms=0.0, seed=12, shots=1000)
     files = write_scan(simulate_scan(settings), tmp_path / "scan.las")
     echoes, truth = extract(files.las, tmp_path / "e.las"), read_truth(files.truth)
-    rows = certain(truth, settings)
+    rows = isolated_echoes(truth, settings)
     # By default all channels are low power: the copy of the other channel is kept as well.
     found = match_echoes(
         echoes["gps_time"],
@@ -124,7 +124,7 @@ def test_echoes_of_a_shot_are_numbered_and_timed(
     order = np.lexsort((number, time))
     np.testing.assert_array_equal(order, np.arange(len(time)))
     np.testing.assert_array_equal(number, np.arange(len(time)) - first[shot] + 1)
-    # Along the flight of light: downwards, as all shots of this scan go.
+    # Along the flight of light, which is downwards in this scan.
     same_shot = np.diff(shot) == 0
     assert np.count_nonzero(same_shot) > 200
     assert (np.diff(np.asarray(echoes.z))[same_shot] < 0).all()
@@ -143,7 +143,7 @@ def test_coordinate_system_and_grid_are_those_of_the_scan(
     assert header.global_encoding.gps_time_type == laspy.header.GpsTimeType.STANDARD
 
 
-def test_size_of_the_blocks_changes_nothing(tmp_path: Path) -> None:
+def test_block_size_does_not_change_the_output(tmp_path: Path) -> None:
     scan = write_scan(simulate_scan(ScanSettings(shots=400)), tmp_path / "scan.las").las
     whole = extract(scan, tmp_path / "whole.las", "--channel", "2=high")
     assert len(whole) > 300
@@ -153,7 +153,7 @@ def test_size_of_the_blocks_changes_nothing(tmp_path: Path) -> None:
 
 
 def repeated(scan: Path, times: int, target: Path) -> Path:
-    """The scan several times in a row: points and packets, with rising times and offsets."""
+    """The scan repeated: points and packets, with ascending times and offsets."""
     with laspy.open(scan) as reader:
         header, points = reader.header, reader.read_points(-1).array
     packets = scan.with_suffix(".wdp").read_bytes()
@@ -172,7 +172,7 @@ def repeated(scan: Path, times: int, target: Path) -> Path:
 
 
 def peak_memory(scan: Path, block: int, ending: str) -> float:
-    """Most megabytes of the whole run, the program itself included."""
+    """Peak memory of the whole run in MB, including the program itself."""
     call = ["extract", str(scan), "-o", str(scan.with_suffix(ending)), "--threshold", "20", "-q"]
     call += ["--workers", "2"]
     done = subprocess.run(
@@ -194,7 +194,7 @@ def test_memory_does_not_grow_with_the_file(tmp_path: Path) -> None:
     for ending in (".csv", ".laz", ".parquet", ".h5"):
         small = peak_memory(short, 200, ending)
         assert peak_memory(long, 200, ending) < 1.10 * small
-    # The same bound is exceeded where all waveforms are one block.
+    # A run with all waveforms in one block exceeds the same bound.
     assert peak_memory(long, 100_000, ".csv") > 1.10 * peak_memory(short, 200, ".csv")
     assert long.with_suffix(".csv").read_bytes().count(b"\n") > 10_000
     shutil.rmtree(tmp_path)

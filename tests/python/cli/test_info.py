@@ -1,4 +1,4 @@
-"""``fullwaveform info``: table, histograms, JSON, and bad calls."""
+"""``fullwaveform info``: table, histograms, JSON, and invalid calls."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ from fullwaveform.io.opening import open_waveforms
 from ..support.command_line import assert_error, assert_usage, run, words
 from ..support.las_scenes import Point, Scene
 
-# Baseline 11, see test_background.
+# Baseline 11, as derived in analysis/test_baseline.py.
 FLAT_TOP = [10, 11, 12, 11, 100, 100, 13, 14]
 
 

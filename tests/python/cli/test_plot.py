@@ -14,7 +14,7 @@ from ..core import test_modes
 from ..support.command_line import assert_error, assert_usage, names, run
 from ..support.las_scenes import Point, Scene
 
-# The Gaussian through 50, 100, 50 is 100 high; the other waveform stays below 10.
+# The Gaussian through 50, 100, 50 has an amplitude of 100; the other waveform stays below 10.
 ECHO = [0] * 20 + [50, 100, 50] + [0] * 17
 FLAT = [3] * 40
 
@@ -37,14 +37,14 @@ def svg(scan: Path, *options: str) -> str:
     return path.read_text(encoding="utf-8")
 
 
-def test_one_waveform(scan: Path) -> None:
+def test_plot_of_one_waveform(scan: Path) -> None:
     picture = svg(scan, "--waveform", "1")
     assert "waveform 1, low-power channel, GPS time 2.000000 s" in picture
-    assert ">16.00</text>" in picture  # its echo, five samples before that of the other
+    assert ">16.00</text>" in picture  # its echo, five samples before that of the other channel
     assert "waveform 2" not in picture
 
 
-def test_all_channels_of_a_shot(scan: Path) -> None:
+def test_plot_of_all_channels_of_a_shot(scan: Path) -> None:
     picture = svg(scan, "--shot", "1", "--channel", "2=high")
     assert "waveform 1, low-power channel" in picture
     assert "waveform 2, high-power channel" in picture
@@ -52,7 +52,7 @@ def test_all_channels_of_a_shot(scan: Path) -> None:
     assert "signal not above the threshold" in picture
 
 
-def test_shot_by_its_time(scan: Path) -> None:
+def test_shot_is_selected_by_time(scan: Path) -> None:
     assert "waveform 0, low-power" in svg(scan, "--time", "1.5000005")
     result = run("plot", scan, "-o", scan.with_name("a.svg"), "--time", "1.6")
     assert_error(result, "no shot at 1.6 s; nearest shot: 1.5 s")

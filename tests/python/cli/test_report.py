@@ -84,13 +84,13 @@ def test_all_waveforms_of_a_shot_by_its_time(scan: Path) -> None:
     assert [lines[3] for lines in found] == ["MaxAmplitude: 80 [-]", "MaxAmplitude: 60 [-]"]
     assert run("report", scan, "--time", "102.5", "--waveform", "3", *LEVEL).stdout == result.stdout
     assert len(reports(run("report", scan, "--time", "102.5", "--waveform", "0").stdout)) == 3
-    # Times are rounded where people read them: a microsecond is enough, two are not.
+    # Shots are selected by times rounded to a microsecond, not more.
     assert run("report", scan, "--time", "102.5000009", *LEVEL).stdout == result.stdout
     assert "no shot at 102.500002 s" in run("report", scan, "--time", "102.500002").stderr
 
 
 def test_channels_are_merged_as_in_the_extraction(tmp_path: Path) -> None:
-    # The echo at sample 20 is seen in both channels: the copy in the low-power one stays.
+    # The echo at sample 20 is in both channels: that of the low-power channel is kept.
     packets = [(1, waveform(20)), (2, waveform(20, 40, height=60)), (1, waveform(9))]
     points = [Point(0), Point(1), Point(2, gps_time=2.0)]
     descriptors = [(1, 8, SAMPLES, 1000), (2, 8, SAMPLES, 1000)]

@@ -29,7 +29,7 @@ def test_simulate_writes_scan_and_truth(tmp_path: Path) -> None:
     [
         (["s.las", "--shots", "0"], "invalid shots 0; it must be at least 1"),
         (["s.las", "--noise-rms", "-1"], "invalid noise_rms -1.0; it must be 0 or more"),
-        (["s.las", "--noise", "-1"], "invalid noise_rms -1.0; it must be 0 or more"),
+        (["s.las", "--noise", "-1"], "invalid noise_rms -1.0; it must be 0 or more"),  # former name
         (["s.las", "--samples", "10"], "invalid samples 10; it must be enough for the lead-in"),
         (["s.las", "--seed", "-1"], "invalid seed -1"),
         (["s.las", "--point-format", "6"], "6 must be 4 or 9"),

@@ -1,6 +1,6 @@
-"""Loaded by the workers of a test at their start: stops a chosen part half-way.
+"""Preloaded by the workers of a test: stops them in the middle of a selected part.
 
-HOLD_BLOCK is the first block of the part. Its worker writes its process number to the file ``held``
+HOLD_BLOCK is the first block of the part. Its worker writes its process ID to the file ``held``
 in the folder HOLD_FOLDER and waits until the file ``go`` exists there. With HOLD_KILLS every worker
 that gets the part kills itself.
 """

@@ -83,13 +83,15 @@ def test_output_must_be_a_new_or_empty_folder(scan: Path, tmp_path: Path) -> Non
     refused(tmp_path / "parts", "already contains a run; continue it with --resume")
 
 
-def test_input_given_twice(scan: Path, tmp_path: Path) -> None:
+def test_input_given_twice_is_refused(scan: Path, tmp_path: Path) -> None:
     again = tmp_path / ".." / tmp_path.name / scan.name
     call = ("cluster", scan, again, "-o", tmp_path / "parts", "--scheduler", ADDRESS)
     assert_usage(run(*call), "is given twice")
 
 
-def test_dask_is_not_installed(scan: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+def test_missing_dask_is_reported_with_the_install_command(
+    scan: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
     monkeypatch.setitem(sys.modules, "distributed", None)
     result = run("cluster", scan, "-o", scan.with_name("parts"), "--scheduler", "local")
     assert_error(result, "install it with: pip install 'fullwaveform[cluster]'")
@@ -102,7 +104,7 @@ def test_extract_does_not_load_dask(scan: Path, monkeypatch: pytest.MonkeyPatch)
     assert run("extract", scan, "-o", scan.with_name("e.csv"), "--threshold", "20").exit_code == 0
 
 
-def test_no_scheduler() -> None:
+def test_unreachable_scheduler_is_an_error() -> None:
     with (
         pytest.raises(OSError, match=r"cannot connect to the scheduler at 127\.0\.0\.1:9: "),
         connected("127.0.0.1:9", 1, timeout=0.5),
@@ -110,7 +112,7 @@ def test_no_scheduler() -> None:
         raise AssertionError
 
 
-def test_no_workers(tmp_path: Path) -> None:
+def test_scheduler_without_workers_is_an_error(tmp_path: Path) -> None:
     with (
         scheduler(tmp_path) as (address, _),
         pytest.raises(OSError, match="has no workers; start some with: dask worker tcp://"),
@@ -176,7 +178,9 @@ def test_repeated_unit_writes_the_same_file(scan: Path, tmp_path: Path) -> None:
     assert (tmp_path / "part-00000.csv").read_bytes() == content
 
 
-def test_worker_with_another_folder_version_or_file(scan: Path, tmp_path: Path) -> None:
+def test_worker_with_different_folder_version_or_file_is_an_error(
+    scan: Path, tmp_path: Path
+) -> None:
     result = error_of(extract_unit(unit(scan, tmp_path / "elsewhere")))
     assert result.ends_run
     assert "all machines must share it under the same path" in result.error
@@ -189,7 +193,7 @@ def test_worker_with_another_folder_version_or_file(scan: Path, tmp_path: Path) 
     assert (result.error, result.ends_run) == (f"{scan}: No such file or directory", True)
 
 
-def test_file_that_changes_during_the_run(scan: Path, tmp_path: Path) -> None:
+def test_file_changed_during_the_run_is_refused(scan: Path, tmp_path: Path) -> None:
     (tmp_path / "manifest.json").touch()
     text = unit(scan, tmp_path)
     with scan.with_suffix(".wdp").open("ab") as stream:

@@ -97,7 +97,7 @@ def test_unit_that_loses_its_workers_is_marked() -> None:
     assert result.error == "unit failed on 4 workers (out of memory?); reduce --block"
 
 
-def test_scheduler_does_not_answer(monkeypatch: pytest.MonkeyPatch) -> None:
+def test_unresponsive_scheduler_ends_the_run(monkeypatch: pytest.MonkeyPatch) -> None:
     def silent(self: Scheduler) -> dict[str, int]:
         raise OSError("closed")
 

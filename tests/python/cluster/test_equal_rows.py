@@ -44,7 +44,7 @@ def on_cluster(address: str, *call: str | Path) -> str:
         (container_scan, "scan.h5", "2=high"),
     ],
 )
-def test_any_format_in_parts_of_any_size(
+def test_parts_of_any_format_and_size_equal_the_single_run(
     address: str,
     tmp_path: Path,
     make: Callable[[Path], Path],
@@ -68,7 +68,7 @@ def test_any_format_in_parts_of_any_size(
     assert len(table_lines(shown)) > 5
 
 
-def test_several_files_in_order(address: str, tmp_path: Path) -> None:
+def test_several_inputs_keep_their_order(address: str, tmp_path: Path) -> None:
     sources = [
         las_scan(tmp_path / "b.las", shots=150, seed=1),
         pulsewaves_scan(tmp_path / "a.pls", pulses=60),
@@ -90,7 +90,7 @@ def test_several_files_in_order(address: str, tmp_path: Path) -> None:
     )
 
 
-def test_las_and_csv_parts(address: str, tmp_path: Path) -> None:
+def test_las_and_csv_parts_equal_the_single_run(address: str, tmp_path: Path) -> None:
     source = las_scan(tmp_path / "scan.las")
     options = ["--block", "60", "--threshold", "20"]
     for ending in ("las", "csv"):

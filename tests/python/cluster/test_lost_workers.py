@@ -27,7 +27,7 @@ OPTIONS = ("--threshold", "20", "--block", "40", "--blocks-per-part", "3")
 SINGLE = OPTIONS[:4]
 
 
-def test_worker_killed_while_writing(tmp_path: Path) -> None:
+def test_part_of_a_killed_worker_is_repeated(tmp_path: Path) -> None:
     """The remaining worker repeats the half-written part and does all others."""
     scan, folder, test = las_scan(tmp_path / "scan.las"), tmp_path / "parts", tmp_path / "test"
     test.mkdir()
@@ -55,7 +55,7 @@ def test_worker_killed_while_writing(tmp_path: Path) -> None:
     assert f"| {expected.num_rows:,} |" in row
 
 
-def test_part_that_kills_every_worker(address: str, tmp_path: Path) -> None:
+def test_part_that_kills_every_worker_is_marked_as_failed(address: str, tmp_path: Path) -> None:
     """New workers replace the lost ones; the other parts and files are finished."""
     sources = [las_scan(tmp_path / "scan.las"), pulsewaves_scan(tmp_path / "b.pls", pulses=60)]
     folder = tmp_path / "parts"
@@ -84,7 +84,7 @@ def test_part_that_kills_every_worker(address: str, tmp_path: Path) -> None:
     assert_same_rows(parts_table(folder).slice(0, expected.num_rows), expected)
 
 
-def test_lost_scheduler(tmp_path: Path) -> None:
+def test_lost_scheduler_ends_the_run(tmp_path: Path) -> None:
     scan, folder, test = las_scan(tmp_path / "scan.las"), tmp_path / "parts", tmp_path / "test"
     test.mkdir()
     quick = {"DASK_DISTRIBUTED__COMM__TIMEOUTS__CONNECT": "2s"}

@@ -95,7 +95,7 @@ def change(folder: Path, modify: Callable[[dict[str, Any]], object]) -> None:
     path.write_text(json.dumps(content), encoding="utf-8")
 
 
-def test_round_trip(manifest: Manifest, tmp_path: Path) -> None:
+def test_manifest_round_trip(manifest: Manifest, tmp_path: Path) -> None:
     found = read_manifest(tmp_path)
     assert found == manifest
     assert found.settings.extraction().scanner.attributes == Scanner.default().attributes

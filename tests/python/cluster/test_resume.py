@@ -36,7 +36,7 @@ SINGLE = OPTIONS[:4]
 @pytest.mark.parametrize(
     ("number", "whole_group", "code"), [(signal.SIGINT, True, 130), (signal.SIGTERM, False, 143)]
 )
-def test_interrupted_run(
+def test_interrupted_run_is_completed_by_resume(
     address: str, tmp_path: Path, number: signal.Signals, whole_group: bool, code: int
 ) -> None:
     """A terminal interrupts the workers as well, other programs the command alone."""
@@ -105,7 +105,7 @@ def job(original: Path, tmp_path: Path, address: str) -> Job:
     return Job(original, tmp_path, address)
 
 
-def test_finished_parts_are_not_touched(job: Job) -> None:
+def test_finished_parts_are_not_rewritten(job: Job) -> None:
     before = times(job.parts)
     result = job.resume()
     assert result.exit_code == 0, result.output
@@ -160,7 +160,7 @@ def test_other_inputs_are_refused(job: Job) -> None:
 
 
 @pytest.mark.parametrize("name", ["scan.las", "scan.wdp"])
-def test_a_changed_input_is_refused(job: Job, name: str) -> None:
+def test_changed_input_is_refused(job: Job, name: str) -> None:
     path = job.folder / name
     os.utime(path, ns=(0, path.stat().st_mtime_ns + 1))
     assert_error(
@@ -173,14 +173,14 @@ def test_a_changed_input_is_refused(job: Job, name: str) -> None:
     assert_error(job.resume(), message)
 
 
-def test_a_missing_input_is_refused(job: Job) -> None:
+def test_missing_input_is_refused(job: Job) -> None:
     job.scan.with_suffix(".wdp").unlink()
     assert_error(job.resume(), f"{job.scan} has changed: scan.wdp is missing")
     job.scan.unlink()
     assert_error(job.resume(), "scan.las: No such file or directory")
 
 
-def test_a_folder_without_a_run_is_refused(job: Job) -> None:
+def test_folder_without_a_run_is_refused(job: Job) -> None:
     job.manifest_path.unlink()
     assert_error(job.resume(), f"{job.parts} has no manifest.json; no run to continue")
 

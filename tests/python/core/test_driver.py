@@ -1,4 +1,4 @@
-"""Echoes, analysis values, shots and channels of waveforms worked out by hand."""
+"""Echoes, analysis values, shots and channels, with hand-calculated expected values."""
 
 from __future__ import annotations
 
@@ -13,13 +13,13 @@ from fullwaveform import Driver, Mode, RowState, Scanner, _core
 from fullwaveform.core.messages import forward_messages
 from fullwaveform.core.scanner import NO_AFTER_PULSE, AfterPulse
 
-from ..support.records import INTERVAL, TRIPLE_STD, driver, record, scanner
+from ..support.sample_triples import INTERVAL, TRIPLE_STD, driver, scanner, triples
 
 WORKED = np.array([[5, 50, 60, 5, 5]], np.uint16)
 
 
-def test_triples_give_their_gaussians() -> None:
-    result = driver().apply(np.array([record({10: 80, 30: 40})]), threshold=10)
+def test_triples_give_the_gaussians_through_them() -> None:
+    result = driver().apply(np.array([triples({10: 80, 30: 40})]), threshold=10)
     peaks = result.peaks
     assert peaks["idx"].tolist() == [10.0, 30.0]
     np.testing.assert_allclose(peaks["amplitudeCounts"], [80.0, 40.0], rtol=1e-6)
@@ -46,7 +46,7 @@ def test_maximum_between_two_equal_samples() -> None:
     np.testing.assert_allclose(peaks["std"], [1.2011224], rtol=1e-6)  # sqrt(1 / ln 2)
 
 
-def test_every_value_of_the_analysis() -> None:
+def test_analysis_values_of_a_short_waveform() -> None:
     """Waveform 5, 50, 60, 5, 5 with a threshold of 10."""
     made = driver(after_pulse=AfterPulse(offset=5, width=2), t_ref=INTERVAL * 8)
     result = made.apply(
@@ -89,7 +89,7 @@ def test_every_value_of_the_analysis() -> None:
     assert (peaks["row"].tolist(), peaks["waveform"].tolist()) == ([0], [0])
 
 
-def test_types_of_the_columns() -> None:
+def test_columns_have_the_declared_types() -> None:
     result = driver().apply(WORKED, threshold=10)
     assert result.waveforms["isLowPower"].dtype == np.bool_
     assert result.waveforms["online"].dtype == np.bool_
@@ -101,7 +101,7 @@ def test_types_of_the_columns() -> None:
     assert (result.peaks.rows, len(result.peaks)) == (1, 11)
 
 
-def test_after_pulse_window_that_wraps() -> None:
+def test_after_pulse_window_wraps_at_32_bits() -> None:
     switched_off = driver().apply(WORKED, threshold=10).waveforms
     # 2 - 2**31 as an unsigned 32-bit number
     assert switched_off["afterPulseFrom"].tolist() == [2147483650.0]
@@ -119,13 +119,13 @@ def test_after_pulse_window_that_wraps() -> None:
     ],
 )
 def test_decibels_of_echo_and_waveform(unit: float, decibel: float) -> None:
-    result = driver(ampl_unit=unit).apply(np.array([record({10: 8})]), threshold=2)
+    result = driver(ampl_unit=unit).apply(np.array([triples({10: 8})]), threshold=2)
     np.testing.assert_allclose(result.peaks["amplitude"], [decibel], rtol=1e-3, atol=1e-7)
     np.testing.assert_allclose(result.waveforms["maxAmplitudeDB"], [decibel], rtol=1e-3, atol=1e-7)
 
 
-def test_shots_ascend_and_waveforms_keep_their_order_of_arrival() -> None:
-    samples = np.array([record({10 + row: 40 + 2 * row}) for row in range(5)])
+def test_shots_are_sorted_and_their_waveforms_keep_input_order() -> None:
+    samples = np.array([triples({10 + row: 40 + 2 * row}) for row in range(5)])
     result = driver().apply(samples, shot_times=[9.0, -1.0, 4.0, 9.0, 4.0], threshold=10)
     assert result.waveforms["row"].tolist() == [1, 2, 4, 0, 3]
     assert result.waveforms["shotTime"].tolist() == [-1.0, 4.0, 4.0, 9.0, 9.0]
@@ -134,14 +134,14 @@ def test_shots_ascend_and_waveforms_keep_their_order_of_arrival() -> None:
     assert result.peaks["idx"].tolist() == [11.0, 12.0, 14.0, 10.0, 13.0]
 
 
-def test_state_of_each_row() -> None:
+def test_row_states_of_kept_and_rejected_waveforms() -> None:
     samples = np.array(
         [
-            record({10: 80}),
-            record({}),
-            record({10: 80}),  # the first one again, at another shot
-            record({10: 80}),  # the first one again
-            record({20: 10}),  # not above the threshold
+            triples({10: 80}),
+            triples({}),
+            triples({10: 80}),  # the first one again, at another shot
+            triples({10: 80}),  # the first one again
+            triples({20: 10}),  # not above the threshold
         ]
     )
     result = driver().apply(samples, shot_times=[1.0, 1.0, 2.0, 1.0, 1.0], threshold=10)
@@ -165,13 +165,13 @@ def test_state_of_each_row() -> None:
     }
 
 
-def test_duplicates_are_found_by_every_third_sample() -> None:
+def test_duplicates_are_compared_at_every_third_sample() -> None:
     # The triples are at 9 to 11 and 12 to 14: indices 9 and 12 hold equal values.
-    samples = np.array([record({10: 80}), record({13: 80}), record({14: 80})])
+    samples = np.array([triples({10: 80}), triples({13: 80}), triples({14: 80})])
     result = driver().apply(samples, shot_times=[1.0, 1.0, 1.0], threshold=10)
     # Sums 40, 40 and 40: index 15 is the last sample of the third triple.
     assert result.row_states.tolist() == [0, RowState.DUPLICATE, RowState.DUPLICATE]
-    shifted = np.array([record({10: 80}), record({12: 80})])  # 40 and 80
+    shifted = np.array([triples({10: 80}), triples({12: 80})])  # 40 and 80
     assert driver().apply(shifted, shot_times=[1.0, 1.0], threshold=10).row_states.tolist() == [
         0,
         0,
@@ -180,14 +180,14 @@ def test_duplicates_are_found_by_every_third_sample() -> None:
 
 def test_channels_of_a_shot_are_merged() -> None:
     """Of an echo in both channels the low-power copy is kept unless it is saturated."""
-    high = record({8: 80, 20: 250, 30: 500, 50: 60})
-    low = record({10: 640, 23: 2000, 31: 4000, 40: 3200})
+    high = triples({8: 80, 20: 250, 30: 500, 50: 60})
+    low = triples({10: 640, 23: 2000, 31: 4000, 40: 3200})
     made = Driver(0, scanner())
     result = made.apply(
         np.array([high, low]), shot_times=[1.0, 1.0], channel_flags=[0, 1], threshold=10
     )
     kept = list(zip(result.peaks["row"].tolist(), result.peaks["idx"].tolist(), strict=True))
-    # 8 is removed in favour of 10; 20 and 23 are three intervals apart, not less; 31 is above 3000
+    # 8 is removed in favour of 10; 20 and 23 differ by three intervals, not less; 31 is above 3000
     # counts and removed in favour of 30; 40 has no counterpart.
     assert kept == [(0, 20.0), (0, 30.0), (0, 50.0), (1, 10.0), (1, 23.0), (1, 40.0)]
     np.testing.assert_allclose(
@@ -197,8 +197,8 @@ def test_channels_of_a_shot_are_merged() -> None:
     assert result.statistics["mergedIntoOtherChannel"] == 0
 
 
-def test_flags_other_than_zero_are_one_group() -> None:
-    samples = np.array([record({10: 80}), record({11: 90})])
+def test_nonzero_channel_flags_are_one_channel() -> None:
+    samples = np.array([triples({10: 80}), triples({11: 90})])
     times = [1.0, 1.0]
     merged = driver().apply(samples, shot_times=times, channel_flags=[0, 7], threshold=10)
     assert merged.peaks["row"].tolist() == [1]
@@ -212,8 +212,8 @@ def test_flags_other_than_zero_are_one_group() -> None:
     assert other_shots.peaks["row"].tolist() == [0, 1]
 
 
-def test_default_is_full_rows_one_shot_per_row_and_low_power() -> None:
-    samples = np.array([record({10: 80}), record({10: 80})])
+def test_defaults_are_full_rows_one_shot_per_row_and_low_power() -> None:
+    samples = np.array([triples({10: 80}), triples({10: 80})])
     waveforms = driver().apply(samples, threshold=10).waveforms
     assert waveforms["length"].tolist() == [60, 60]
     assert waveforms["shotTime"].tolist() == [0.0, 1.0]
@@ -233,7 +233,7 @@ def test_threshold_is_estimated(options: dict[str, Any]) -> None:
 
 
 def test_unknown_scanner_type_marks_echoes_of_strong_waveforms() -> None:
-    samples = np.array([record({10: 60, 20: 800, 30: 90}), record({10: 60, 20: 798, 30: 90})])
+    samples = np.array([triples({10: 60, 20: 800, 30: 90}), triples({10: 60, 20: 798, 30: 90})])
     untouched = Driver(0, scanner(after_pulse=None)).apply(samples, threshold=10)
     # 20 and all later echoes are marked if the strongest sample reaches 800.
     assert untouched.peaks["row"].tolist() == [0, 1, 1, 1]
@@ -242,7 +242,7 @@ def test_unknown_scanner_type_marks_echoes_of_strong_waveforms() -> None:
     assert switched_off.peaks["row"].tolist() == [0, 0, 0, 1, 1, 1]
 
 
-def test_modes() -> None:
+def test_mode_names_and_invalid_modes() -> None:
     assert Driver(Mode.THREE_POINT, scanner()).mode is Mode.THREE_POINT
     assert Mode.THREE_POINT.title == "Fitting gauss curve (linear)"
     assert Mode.HYBRID.title == "FWF_Hybrid"
@@ -252,18 +252,18 @@ def test_modes() -> None:
             Driver(mode, scanner())
 
 
-def test_driver_needs_a_scanner_with_an_interval() -> None:
+def test_driver_without_sampling_interval_is_refused() -> None:
     with pytest.raises(ValueError, match="sampling interval None"):
         Driver(0, Scanner.default())
 
 
 @pytest.mark.parametrize("longest", [-1, 65536, 1.5, True])
-def test_longest_waveform_must_be_a_number_of_samples(longest: int) -> None:
+def test_invalid_longest_waveform_is_refused(longest: int) -> None:
     with pytest.raises(ValueError, match="longest_waveform"):
         Driver(0, scanner(), longest_waveform=longest)
 
 
-def test_messages_of_the_library_reach_logging(caplog: pytest.LogCaptureFixture) -> None:
+def test_library_messages_are_logged(caplog: pytest.LogCaptureFixture) -> None:
     library = _core.PeakDetectionFamily(0, scanner().device(), "/dev/null", "x", 400)
     one = np.zeros(1)
     flag = np.ones(1, np.uint8)
@@ -288,7 +288,7 @@ RECORD = (
 
 
 def test_suspicious_blocks_are_appended_to_a_report(tmp_path: Path) -> None:
-    samples = np.array([record({10: 80}), record({}), record({}), record({})])
+    samples = np.array([triples({10: 80}), triples({}), triples({}), triples({})])
     made = Driver(0, scanner(), report_directory=tmp_path, input_file="flights/line.07.las")
     assert made.apply(samples, threshold=10).statistics["suspicious"]
     (report,) = tmp_path.iterdir()
@@ -298,15 +298,15 @@ def test_suspicious_blocks_are_appended_to_a_report(tmp_path: Path) -> None:
     assert report.read_text(encoding="utf-8") == RECORD + RECORD
 
 
-def test_no_report_of_a_good_block_nor_without_a_directory(
+def test_good_block_or_missing_directory_writes_no_report(
     tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.chdir(tmp_path)
-    low = np.array([record({}), record({})])
+    low = np.array([triples({}), triples({})])
     assert Driver(0, scanner()).apply(low, threshold=10).statistics["suspicious"]
     good = Driver(0, scanner(), report_directory=tmp_path)
     # One of three is below a half.
-    good.apply(np.array([record({10: 80}), record({12: 80}), record({})]), threshold=10)
+    good.apply(np.array([triples({10: 80}), triples({12: 80}), triples({})]), threshold=10)
     assert list(tmp_path.iterdir()) == []
     good.apply(low, threshold=10)
     assert [path.name for path in tmp_path.iterdir()] == ["waveforms_Warning.txt"]

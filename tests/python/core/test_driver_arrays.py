@@ -1,4 +1,4 @@
-"""Arrays as they come: views, strides, borders of size, and what is refused in a sentence."""
+"""Arrays passed to the driver: views, strides, sizes at the limits, and invalid arguments."""
 
 from __future__ import annotations
 
@@ -12,15 +12,15 @@ import pytest
 from fullwaveform import Driver, Result, RowState
 from fullwaveform.core.driver import Threshold
 
-from ..support.records import INTERVAL, Samples, driver, record, scanner
+from ..support.sample_triples import INTERVAL, Samples, driver, scanner, triples
 
 HUGE = (1_000_000, 65_535)  # 131 GB of samples
 MAP_NORESERVE = 0x4000  # Linux; not in Python 3.11
 
 
 def block() -> Samples:
-    """Six different records."""
-    return np.array([record({10 + 3 * row: 80 + 4 * row, 45: 40}) for row in range(6)])
+    """Six different waveforms."""
+    return np.array([triples({10 + 3 * row: 80 + 4 * row, 45: 40}) for row in range(6)])
 
 
 def assert_equal(one: Result, other: Result) -> None:
@@ -34,7 +34,7 @@ def assert_equal(one: Result, other: Result) -> None:
 
 
 def wider(samples: Samples) -> Samples:
-    """The same records as a slice of a wider array full of other values."""
+    """The same waveforms as a slice of a wider array filled with another value."""
     array = np.full((len(samples), samples.shape[1] + 17), 999, np.uint16)
     array[:, 5 : 5 + samples.shape[1]] = samples
     return array[:, 5 : 5 + samples.shape[1]]
@@ -46,11 +46,11 @@ def every_third_row(samples: Samples) -> Samples:
     return array[::3]
 
 
-def backwards(samples: Samples) -> Samples:
+def reversed_rows(samples: Samples) -> Samples:
     return samples[::-1].copy()[::-1]
 
 
-def backwards_in_a_wider_one(samples: Samples) -> Samples:
+def reversed_slice_of_a_wider_array(samples: Samples) -> Samples:
     return wider(samples[::-1])[::-1]
 
 
@@ -65,9 +65,9 @@ def of_bytes(samples: Samples) -> Samples:
 
 @pytest.mark.parametrize(
     "view",
-    [wider, every_third_row, backwards, backwards_in_a_wider_one, read_only, of_bytes],
+    [wider, every_third_row, reversed_rows, reversed_slice_of_a_wider_array, read_only, of_bytes],
 )
-def test_view_gives_what_a_copy_gives(view: Any) -> None:
+def test_view_and_copy_give_equal_results(view: Any) -> None:
     samples = view(block())
     copy = np.array(samples, order="C", copy=True)
     options: dict[str, Any] = {
@@ -80,17 +80,17 @@ def test_view_gives_what_a_copy_gives(view: Any) -> None:
     assert_equal(driver().apply(samples, threshold=10, **options), expected)
 
 
-def test_one_record_for_many_rows() -> None:
-    result = driver().apply(np.broadcast_to(record({10: 80}), (5, 60)), threshold=10)
+def test_broadcast_row_gives_equal_echoes() -> None:
+    result = driver().apply(np.broadcast_to(triples({10: 80}), (5, 60)), threshold=10)
     assert result.peaks["idx"].tolist() == [10.0] * 5
 
 
-def test_one_record_with_any_stride() -> None:
-    row = np.lib.stride_tricks.as_strided(record({10: 80}), (1, 60), (10_001 * 2, 2))
+def test_single_row_may_have_any_stride() -> None:
+    row = np.lib.stride_tricks.as_strided(triples({10: 80}), (1, 60), (10_001 * 2, 2))
     assert driver().apply(row, threshold=10).peaks["idx"].tolist() == [10.0]
 
 
-def test_columns_of_a_wider_table_serve_as_arguments() -> None:
+def test_columns_of_a_structured_array_are_valid_arguments() -> None:
     table = np.zeros(6, [("count", np.int32), ("time", np.float32), ("flag", np.bool_)])
     table["count"], table["time"], table["flag"] = 60, [2, 1, 2, 1, 3, 3], True
     got = driver().apply(block(), table["count"], table["time"], None, table["flag"], threshold=10)
@@ -98,30 +98,30 @@ def test_columns_of_a_wider_table_serve_as_arguments() -> None:
     assert_equal(got, same)
 
 
-def test_rows_that_do_not_follow_each_other_are_not_copied() -> None:
+def test_broadcast_rows_are_not_copied() -> None:
     """A copy of so many rows would not fit into memory; almost all have a count of 0."""
     counts = np.zeros(HUGE[0], np.uint16)
     counts[-1] = 60
     row = np.zeros(HUGE[1], np.uint16)
-    row[:60] = record({10: 80})
+    row[:60] = triples({10: 80})
     peaks = driver().apply(np.broadcast_to(row, HUGE), counts, threshold=10).peaks
     assert peaks["row"].tolist() == [HUGE[0] - 1]
 
 
-def test_rows_that_follow_each_other_are_not_copied() -> None:
+def test_contiguous_rows_are_not_copied() -> None:
     """Address space without memory except for the last row; a copy would not fit."""
     flags = mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS | MAP_NORESERVE
     memory = mmap.mmap(-1, 2 * HUGE[0] * HUGE[1], flags=flags)
     samples = np.frombuffer(memory, np.uint16).reshape(HUGE)
-    samples[-1, :60] = record({10: 80})
+    samples[-1, :60] = triples({10: 80})
     counts = np.zeros(HUGE[0], np.uint16)
     counts[-1] = 60
     peaks = driver().apply(samples, counts, threshold=10).peaks
     assert peaks["row"].tolist() == [HUGE[0] - 1]
 
 
-def test_python_allocates_no_second_block() -> None:
-    samples = np.zeros((2_000, 4_000), np.uint16)  # 16 MB, nothing above the threshold
+def test_apply_does_not_copy_the_samples() -> None:
+    samples = np.zeros((2_000, 4_000), np.uint16)  # 16 MB, no sample above the threshold
     made = driver()
     made.apply(samples[:1], threshold=10)
     tracemalloc.start()
@@ -134,7 +134,7 @@ def test_python_allocates_no_second_block() -> None:
 
 
 @pytest.mark.parametrize("shape", [(0, 0), (0, 60)])
-def test_block_without_rows(shape: tuple[int, int]) -> None:
+def test_block_without_rows_gives_empty_tables(shape: tuple[int, int]) -> None:
     result = driver().apply(np.zeros(shape, np.uint16), [], [], [], [])
     assert (result.waveforms.rows, result.segments.rows, result.peaks.rows) == (0, 0, 0)
     assert result.row_states.tolist() == []
@@ -142,14 +142,14 @@ def test_block_without_rows(shape: tuple[int, int]) -> None:
     assert_equal(driver().apply(np.zeros(shape, np.uint16)), result)
 
 
-def test_block_without_columns() -> None:
+def test_block_without_columns_has_no_signal() -> None:
     result = driver().apply(np.zeros((3, 0), np.uint16))
     assert result.row_states.tolist() == [RowState.SIGNAL_TOO_LOW] * 3
     assert result.peaks.rows == 0
 
 
 @pytest.mark.parametrize("threshold", [10, 0, "estimate"])
-def test_records_of_no_one_and_two_samples(threshold: Threshold) -> None:
+def test_waveforms_of_up_to_two_samples_have_no_signal(threshold: Threshold) -> None:
     # The first and last samples do not count as maximum: the signal is too low.
     samples = np.full((3, 60), 500, np.uint16)
     result = driver().apply(samples, [0, 1, 2], threshold=threshold)
@@ -157,14 +157,14 @@ def test_records_of_no_one_and_two_samples(threshold: Threshold) -> None:
 
 
 def test_samples_after_the_count_are_not_used() -> None:
-    samples = np.array([record({10: 80, 30: 90})])
+    samples = np.array([triples({10: 80, 30: 90})])
     result = driver().apply(samples, [20], threshold=10)
     assert result.peaks["idx"].tolist() == [10.0]
     assert result.waveforms["length"].tolist() == [20]
     assert result.waveforms["maxAmplitude"].tolist() == [80]
 
 
-def test_largest_samples_and_longest_rows() -> None:
+def test_largest_samples_and_longest_rows_are_accepted() -> None:
     samples = np.zeros((1, 65_535), np.uint16)
     samples[0, 65_530:65_533] = 2_000, 4_000, 2_000
     samples[0, 100] = 65_535
@@ -257,7 +257,7 @@ def test_invalid_argument_is_named_in_the_error(name: str) -> None:
     assert made.apply(ROWS, threshold=10).peaks.rows == 12
 
 
-def test_infinite_times_and_equal_zeros_are_times() -> None:
+def test_infinite_and_signed_zero_times_are_accepted() -> None:
     made = Driver(0, scanner())
     result = made.apply(ROWS[:4], shot_times=[np.inf, 0.0, -0.0, -np.inf], threshold=10)
     assert result.waveforms["row"].tolist() == [3, 1, 2, 0]

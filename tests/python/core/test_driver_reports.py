@@ -1,4 +1,4 @@
-"""Text reports of the waveforms of a block, every line worked out by hand."""
+"""Text reports of the waveforms of a block, compared with hand-calculated lines."""
 
 from __future__ import annotations
 
@@ -10,11 +10,11 @@ import pytest
 from fullwaveform import Driver, RowState
 from fullwaveform.core.scanner import AfterPulse
 
-from ..support.records import TRIPLE_STD, record, scanner
+from ..support.sample_triples import TRIPLE_STD, scanner, triples
 
 # Triples at 10 and 30, and a row without signal. With samples every 0.25 s and an SBL time of
 # -2.5 s, the echoes come at 0 and 5 s; at 8 m/s the second one is 20 m away.
-SAMPLES = np.array([record({10: 80, 30: 40}), record({})])
+SAMPLES = np.array([triples({10: 80, 30: 40}), triples({})])
 
 
 def driver() -> Driver:
@@ -76,5 +76,5 @@ def test_report_has_every_value_of_its_waveform() -> None:
     assert len(text) == len(ANALYSIS) + sum(len(m[0]) for m in ECHO.finditer(text)) + 23
 
 
-def test_extent_in_one_line() -> None:
+def test_extent_report_is_one_line() -> None:
     assert reports(extent=True)[1] == ["#2 E:20 S:0 S-E:20 LengthMaxPos: 0 T:Online", None]

@@ -11,7 +11,7 @@ import numpy as np
 
 from fullwaveform import Driver, Result
 
-from ..support.records import Samples, record, scanner
+from ..support.sample_triples import Samples, scanner, triples
 
 # A named pipe in place of the report file keeps the library inside `apply` until it is read.
 PIPE = """
@@ -84,7 +84,7 @@ def blocks(count: int) -> list[Samples]:
     return [
         np.array(
             [
-                record({int(first): int(height), 45: 60})
+                triples({int(first): int(height), 45: 60})
                 for first, height in zip(
                     rng.integers(5, 38, 500), 2 * rng.integers(20, 300, 500), strict=True
                 )
@@ -98,15 +98,15 @@ def columns(result: Result) -> dict[str, list[float]]:
     return {name: column.tolist() for name, column in result.peaks.items()}
 
 
-def test_other_threads_run_while_the_library_works() -> None:
+def test_apply_releases_the_interpreter() -> None:
     assert run(PIPE + INTERPRETER_IS_RELEASED + TIDY) == "True\n"
 
 
-def test_second_thread_waits_for_the_first() -> None:
+def test_calls_of_one_driver_are_serialised() -> None:
     assert run(PIPE + SECOND_THREAD_WAITS + TIDY) == "[]\n['first', 'second']\n"
 
 
-def test_threads_may_share_a_driver() -> None:
+def test_threads_sharing_a_driver_give_equal_results() -> None:
     work = blocks(8)
     alone = [columns(Driver(0, scanner()).apply(block, threshold=10)) for block in work]
     shared = Driver(0, scanner())
@@ -121,7 +121,7 @@ def test_threads_may_share_a_driver() -> None:
             assert results == alone
 
 
-def test_a_driver_per_thread() -> None:
+def test_one_driver_per_thread_gives_equal_results() -> None:
     work = blocks(8)
     alone = [columns(Driver(0, scanner()).apply(block, threshold=10)) for block in work]
     with ThreadPoolExecutor(4) as pool:

@@ -1,4 +1,4 @@
-"""All modes on scenes with known echoes, and what the deconvolving ones need."""
+"""All modes on constructed waveforms; system wave and waveform length in the deconvolving ones."""
 
 from __future__ import annotations
 
@@ -19,9 +19,9 @@ from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 FloatArray = npt.NDArray[np.float64]
 
 INTERVAL = 1e-9  # s
-BASELINE = 20  # counts, given as the noise level
+BASELINE = 20  # counts, also used as the threshold
 WIDTH = 90  # samples
-# exp(-t / 2 ns) (1 - cos(t / 1.5 ns)): rises faster than it falls, and is over within 12 samples.
+# exp(-t / 2 ns) (1 - cos(t / 1.5 ns)): rises faster than it falls and decays within 12 samples.
 DECAY, TURN = 0.5e9, 1e9 / 1.5  # 1/s
 SYSTEM_WAVE = {
     "a_real": [1.0, -0.5, -0.5],
@@ -39,7 +39,7 @@ def scanner() -> Scanner:
 
 
 def system_wave(samples: FloatArray) -> FloatArray:
-    """The scanner's pulse, with its maximum scaled to 1; 0 before it begins."""
+    """The scanner's pulse, normalised to maximum 1; 0 before it begins."""
     fine = np.linspace(0, 12, 1201) * INTERVAL
     top = np.max(np.exp(-DECAY * fine) * (1 - np.cos(TURN * fine)))
     t = np.maximum(samples, 0) * INTERVAL
@@ -48,7 +48,7 @@ def system_wave(samples: FloatArray) -> FloatArray:
 
 
 def scene(begins: FloatArray, heights: FloatArray) -> npt.NDArray[np.uint16]:
-    """Records with the given pulses (rows, pulses) over the baseline."""
+    """Waveforms with the given pulses (rows, pulses) above the baseline."""
     x = np.arange(WIDTH)
     pulses = heights[..., np.newaxis] * system_wave(x - begins[..., np.newaxis])
     return np.rint(BASELINE + pulses.sum(axis=1)).astype(np.uint16)
@@ -59,15 +59,14 @@ def strongest(result: Result, rows: int) -> FloatArray:
     peaks = result.peaks
     order = np.lexsort((-peaks["amplitudeCounts"], peaks["row"]))
     found, first = np.unique(peaks["row"][order], return_index=True)
-    assert found.tolist() == list(range(rows))  # every record has an echo
+    assert found.tolist() == list(range(rows))  # every waveform has an echo
     positions: FloatArray = peaks["idx"][order][first]
     return positions
 
 
-# Scatter over the sub-sample phases, standard deviation in samples. Three samples see a skewed
-# pulse at different places of its flanks; a deconvolved position is on a grid of a fifth of a
-# sample. In the normal channel the decomposition makes one Gaussian of it, in the other it adds a
-# second.
+# The position error depends on the phase: the three-point fit uses other parts of the flanks of a
+# skewed pulse, and deconvolved positions are multiples of a fifth of a sample. Decomposition is
+# tested in the high-power channel, where it fits one Gaussian; in the other it adds a second one.
 @pytest.mark.parametrize(
     ("mode", "channel"),
     [
@@ -78,7 +77,7 @@ def strongest(result: Result, rows: int) -> FloatArray:
         (Mode.HYBRID, 1),
     ],
 )
-def test_single_echoes_are_placed_evenly_at_every_phase(mode: Mode, channel: int) -> None:
+def test_position_scatter_over_all_phases_is_bounded(mode: Mode, channel: int) -> None:
     begins = np.linspace(20, 50, 301)[:, np.newaxis]
     samples = scene(begins, np.full_like(begins, 900.0))
     driver = Driver(mode, scanner(), longest_waveform=WIDTH)
@@ -86,12 +85,12 @@ def test_single_echoes_are_placed_evenly_at_every_phase(mode: Mode, channel: int
     result = driver.apply(samples, channel_flags=flags, threshold=BASELINE)
     offset = strongest(result, len(begins)) - begins[:, 0]
     assert np.std(offset) < 0.12
-    # Between the pulse's beginning and the end of its steep part, less the 2.5 samples of mode 2.
+    # From the start of the pulse, less the 2.5 samples of mode 2, to the end of its steep part.
     assert -3.0 < np.median(offset) < 5.0
 
 
-def test_deconvolution_parts_echoes_that_the_record_merges() -> None:
-    """Two pulses 3.2 samples apart are one maximum; the deconvolution separates them."""
+def test_deconvolution_resolves_overlapping_echoes() -> None:
+    """Two pulses at a distance of 3.2 samples form one maximum; deconvolution separates them."""
     begins = np.linspace(20, 50, 31)[:, np.newaxis] + np.array([0.0, 3.2])
 
     def extract(mode: Mode, pulses: int) -> Result:
@@ -110,7 +109,7 @@ def test_deconvolution_parts_echoes_that_the_record_merges() -> None:
 
 
 @pytest.mark.parametrize("mode", list(Mode))
-def test_drivers_in_threads_give_what_one_driver_gives(mode: Mode) -> None:
+def test_drivers_in_threads_equal_one_driver(mode: Mode) -> None:
     rng = np.random.default_rng(5)
     begins = rng.uniform(5, 70, (400, 3))
     samples = scene(begins, rng.uniform(50, 900, (400, 3)))
@@ -128,12 +127,12 @@ def test_drivers_in_threads_give_what_one_driver_gives(mode: Mode) -> None:
 
 
 @pytest.mark.parametrize("mode", [2, 3])
-def test_deconvolving_modes_name_what_is_missing(mode: int) -> None:
+def test_missing_system_wave_is_named_in_the_error(mode: int) -> None:
     with pytest.raises(ValueError, match="needs the scanner's system wave: add a_real"):
         Driver(mode, Scanner.default(INTERVAL))
 
 
-def test_a_waveform_longer_than_planned_is_refused() -> None:
+def test_waveform_above_longest_waveform_is_refused() -> None:
     driver = Driver(2, scanner(), longest_waveform=50)
     with pytest.raises(ValueError, match="51 of waveform 1 exceeds longest_waveform 50"):
         driver.apply(np.zeros((2, 60), np.uint16), counts=[50, 51])
@@ -154,8 +153,8 @@ def test_unusable_system_wave_is_refused(wave: dict[str, list[float]]) -> None:
         Driver(2, Scanner.from_attributes(attributes))
 
 
-def test_beyond_the_limit_waveforms_stay_without_echoes() -> None:
-    """A signal of 8300 samples cannot be deconvolved; it is counted, and the rest goes on."""
+def test_segment_too_long_to_deconvolve_is_counted() -> None:
+    """A signal of 8300 samples is too long to deconvolve; the other waveforms are processed."""
     driver = Driver(2, scanner(), longest_waveform=8192)
     samples = np.full((2, 8400), BASELINE, np.uint16)
     samples[0, 50:8350] = 500
@@ -167,15 +166,15 @@ def test_beyond_the_limit_waveforms_stay_without_echoes() -> None:
     assert result.row_states.tolist() == [RowState.TOO_LONG_TO_DECONVOLVE, RowState.KEPT]
 
 
-def test_a_ladder_without_end_is_refused() -> None:
+def test_longest_waveform_above_the_limit_is_refused() -> None:
     with pytest.raises(ValueError, match="invalid longest_waveform 8193; expected 0 to 8192"):
         Driver(2, scanner(), longest_waveform=8193)
 
 
-def test_command_line_stops_before_it_reads(
+def test_missing_system_wave_ends_extract_before_reading(
     tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    """The file, which might carry a description, is opened; none of its waveforms is read."""
+    """The file is opened, since it may have a scanner description, but no waveform is read."""
     scan = write_scan(simulate_scan(ScanSettings(shots=20)), tmp_path / "scan.las").las
     monkeypatch.setattr(LasWaveformReader, "blocks", None)
     output = tmp_path / "echoes.las"

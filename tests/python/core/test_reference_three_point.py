@@ -12,7 +12,7 @@ from fullwaveform.core.scanner import AfterPulse
 
 from ..support.reference_three_point import Waveform, three_point_echoes
 
-RECORDS = 3000  # of each kind
+WAVEFORMS = 3000  # of each kind
 WIDTH = 90
 # Another solver of the same single-precision system rounds the parabola of logarithms differently;
 # near flat triples this moves the vertex by some 1e-4 samples.
@@ -20,7 +20,7 @@ POSITION = 1e-3  # samples
 RELATIVE_AMPLITUDE = 1e-3  # 0.01 dB
 
 
-def records(kind: str, seed: int) -> tuple[npt.NDArray[np.uint16], npt.NDArray[np.uint16]]:
+def random_waveforms(kind: str, seed: int) -> tuple[npt.NDArray[np.uint16], npt.NDArray[np.uint16]]:
     """Random pulses over a baseline, cut to random lengths."""
     rng = np.random.default_rng(seed)
     baseline, noise, top, limit = {
@@ -30,31 +30,31 @@ def records(kind: str, seed: int) -> tuple[npt.NDArray[np.uint16], npt.NDArray[n
         "decaying": (200.0, 2.0, 500.0, 4095),
     }[kind]
     x = np.arange(WIDTH)
-    signal = np.full((RECORDS, WIDTH), baseline)
+    signal = np.full((WAVEFORMS, WIDTH), baseline)
     if kind == "decaying":
-        signal = signal * np.exp(-x / rng.uniform(40, 400, (RECORDS, 1)))
+        signal = signal * np.exp(-x / rng.uniform(40, 400, (WAVEFORMS, 1)))
     for _ in range(4):
-        centre = rng.uniform(-3, WIDTH + 3, (RECORDS, 1))
-        height = top * rng.uniform(0, 1, (RECORDS, 1)) ** 3
+        centre = rng.uniform(-3, WIDTH + 3, (WAVEFORMS, 1))
+        height = top * rng.uniform(0, 1, (WAVEFORMS, 1)) ** 3
         signal = signal + height * np.exp(
-            -0.5 * ((x - centre) / rng.uniform(0.8, 4, (RECORDS, 1))) ** 2
+            -0.5 * ((x - centre) / rng.uniform(0.8, 4, (WAVEFORMS, 1))) ** 2
         )
     noisy = signal + rng.normal(0, noise, signal.shape)
-    counts = rng.integers(3, WIDTH + 1, RECORDS)
-    counts[: RECORDS // 2] = WIDTH
+    counts = rng.integers(3, WIDTH + 1, WAVEFORMS)
+    counts[: WAVEFORMS // 2] = WIDTH
     return np.clip(np.rint(noisy), 0, limit).astype(np.uint16), counts.astype(np.uint16)
 
 
 @pytest.mark.parametrize("kind", ["weak", "eight bits", "strong", "decaying"])
 @pytest.mark.parametrize("threshold", ["estimate", 20])
 def test_driver_agrees_with_the_reference_three_point(kind: str, threshold: Threshold) -> None:
-    samples, counts = records(kind, seed=7 if threshold == "estimate" else 8)
+    samples, counts = random_waveforms(kind, seed=7 if threshold == "estimate" else 8)
     scanner = Scanner.default(1e-9, after_pulse=AfterPulse(offset=5, width=2))
     result = Driver(0, scanner).apply(samples, counts, threshold=threshold)
     rows = {int(row): waveform for waveform, row in enumerate(result.waveforms["row"])}
     first_peak = np.concatenate(([0], np.cumsum(result.waveforms["peakCount"])))
     echoes = 0
-    for row in range(RECORDS):
+    for row in range(WAVEFORMS):
         expected = three_point_echoes(
             samples[row, : counts[row]].tolist(), threshold, after_pulse=(5, 2)
         )
@@ -65,7 +65,7 @@ def test_driver_agrees_with_the_reference_three_point(kind: str, threshold: Thre
             mine = slice(first_peak[waveform], first_peak[waveform + 1])
             check_echoes(result.peaks, mine, expected)
             echoes += len(expected.echoes)
-    assert echoes > RECORDS / 2  # enough echoes were compared
+    assert echoes > WAVEFORMS / 2  # enough echoes were compared
 
 
 def check_analysis(waveforms: object, waveform: int, expected: Waveform) -> None:

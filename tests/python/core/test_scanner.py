@@ -50,7 +50,7 @@ def toml_file(folder: Path, *, type_id: str = "Some scanner", more: str = "") ->
     return path
 
 
-def test_byte_order_mark_is_passed_over(tmp_path: Path) -> None:
+def test_byte_order_mark_is_ignored(tmp_path: Path) -> None:
     path = toml_file(tmp_path)
     plain = Scanner.from_toml(path)
     path.write_text(path.read_text(encoding="utf-8"), encoding="utf-8-sig")
@@ -116,13 +116,13 @@ def test_one_error_lists_missing_unknown_and_invalid_attributes() -> None:
         ("a_real", [1.0, None]),
     ],
 )
-def test_value_of_a_wrong_kind_is_named(name: str, value: object) -> None:
+def test_value_of_a_wrong_type_is_named(name: str, value: object) -> None:
     with pytest.raises(ValueError, match="wrong type: ") as caught:
         Scanner.from_attributes({**COMPLETE, **WAVE, name: value})
     assert f"wrong type: {name} is {value!r}; expected " in str(caught.value)
 
 
-def test_several_wrong_ones_are_named_in_a_fixed_order() -> None:
+def test_several_invalid_attributes_are_named_in_a_fixed_order() -> None:
     wrong = {"ampl_unit": "a", "Scanner Type": 1, "t_ref": "b", "Wavelength[nm]": "c"}
     with pytest.raises(ValueError, match="wrong type") as caught:
         Scanner.from_attributes({**COMPLETE, **wrong})
@@ -161,12 +161,12 @@ def test_exponential_sum_needs_parts_of_equal_length(table: str, imaginary: obje
         Scanner.from_attributes(attributes)
 
 
-def test_exponential_sums_without_elements_are_no_system_wave() -> None:
+def test_empty_exponential_sums_give_no_system_wave() -> None:
     scanner = Scanner.from_attributes({**COMPLETE, **WAVE, "b_real": [], "b_imag": []})
     assert not scanner.has_system_wave
 
 
-def test_device_needs_a_sampling_interval() -> None:
+def test_device_without_sampling_interval_is_refused() -> None:
     scanner = Scanner.from_attributes(without("WaveformSampleInterval"))
     assert scanner.sampling_interval is None
     with pytest.raises(ValueError, match="sampling interval None"):
@@ -177,7 +177,7 @@ def test_device_needs_a_sampling_interval() -> None:
     assert scanner.at_interval(4e-9).device().sampling_time == 4e-9
 
 
-def test_messages_of_the_library_are_in_the_error_and_the_log(
+def test_library_messages_are_in_the_error_and_the_log(
     caplog: pytest.LogCaptureFixture,
 ) -> None:
     message = "ScannerDevice::ScannerDevice: NO Scanner Type"
@@ -191,7 +191,7 @@ def test_messages_of_the_library_are_in_the_error_and_the_log(
 
 
 @pytest.mark.parametrize("name", ["VQ-880-G", "VQ-840-GL"])
-def test_known_types_keep_their_constants_on_every_way_in(name: str, tmp_path: Path) -> None:
+def test_known_types_have_the_same_constants_from_every_source(name: str, tmp_path: Path) -> None:
     from_toml = Scanner.from_toml(toml_file(tmp_path, type_id=name)).at_interval(1e-9)
     for scanner in (Scanner.from_attributes({**COMPLETE, "Scanner Type": name}), from_toml):
         device = scanner.device()
@@ -201,12 +201,12 @@ def test_known_types_keep_their_constants_on_every_way_in(name: str, tmp_path: P
 
 
 @pytest.mark.parametrize("name", ["VQ-840-G", "VQ-840-GL ", "vq-880-g"])
-def test_similar_names_are_no_known_types(name: str) -> None:
+def test_similar_names_are_unknown_types(name: str) -> None:
     device = Scanner.from_attributes({**COMPLETE, "Scanner Type": name}).device()
     assert (device.afterpulse_offset, device.afterpulse_width, device.bin_shift) == (0, 0, 0.0)
 
 
-def test_unknown_type_keeps_the_after_pulse_test_only_when_given_as_attributes(
+def test_unknown_type_keeps_the_after_pulse_filter_only_from_attributes(
     tmp_path: Path,
 ) -> None:
     given = Scanner.from_attributes(COMPLETE)
@@ -217,17 +217,17 @@ def test_unknown_type_keeps_the_after_pulse_test_only_when_given_as_attributes(
         assert scanner.after_pulse == NO_AFTER_PULSE
         (note,) = scanner.notes
         assert note.startswith("after-pulse filter disabled: ")
-        # Wider than any record has samples: the window's lower bound wraps.
+        # Wider than any waveform: the lower bound of the window wraps.
         assert scanner.at_interval(1e-9).device().afterpulse_width > 65535
 
 
-def test_after_pulse_of_the_caller_wins(tmp_path: Path) -> None:
-    wanted = AfterPulse(offset=7, width=3)
+def test_after_pulse_argument_overrides_the_known_type(tmp_path: Path) -> None:
+    expected = AfterPulse(offset=7, width=3)
     path = toml_file(tmp_path, more="[after_pulse]\noffset = 4\nwidth = 1\n")
     scanners = (
-        Scanner.from_attributes({**COMPLETE, "Scanner Type": "VQ-880-G"}, after_pulse=wanted),
-        Scanner.from_toml(path, after_pulse=wanted).at_interval(1e-9),
-        Scanner.default(1e-9, after_pulse=wanted),
+        Scanner.from_attributes({**COMPLETE, "Scanner Type": "VQ-880-G"}, after_pulse=expected),
+        Scanner.from_toml(path, after_pulse=expected).at_interval(1e-9),
+        Scanner.default(1e-9, after_pulse=expected),
     )
     for scanner in scanners:
         device = scanner.device()
@@ -272,7 +272,7 @@ def test_toml_file_with_after_pulse(tmp_path: Path) -> None:
         ),
     ],
 )
-def test_toml_file_with_a_broken_after_pulse(tmp_path: Path, table: str, message: str) -> None:
+def test_toml_file_with_an_invalid_after_pulse(tmp_path: Path, table: str, message: str) -> None:
     path = toml_file(tmp_path, more=table)
     with pytest.raises(ValueError, match=message) as caught:
         Scanner.from_toml(path)
@@ -280,14 +280,14 @@ def test_toml_file_with_a_broken_after_pulse(tmp_path: Path, table: str, message
 
 
 @pytest.mark.parametrize("content", [b"this is = = no TOML", b"\xff\xfe\x00"])
-def test_file_that_is_no_toml(tmp_path: Path, content: bytes) -> None:
+def test_invalid_toml_is_refused(tmp_path: Path, content: bytes) -> None:
     path = tmp_path / "broken.toml"
     path.write_bytes(content)
     with pytest.raises(ValueError, match=r"broken\.toml is not a TOML file"):
         Scanner.from_toml(path)
 
 
-def test_toml_file_with_gaps_names_all_of_them_and_itself(tmp_path: Path) -> None:
+def test_missing_attributes_of_a_toml_file_are_listed(tmp_path: Path) -> None:
     path = tmp_path / "thin.toml"
     path.write_text('ampl_unit = "1"\nColour = "red"\n', encoding="utf-8")
     with pytest.raises(ValueError, match="missing") as caught:
@@ -297,7 +297,7 @@ def test_toml_file_with_gaps_names_all_of_them_and_itself(tmp_path: Path) -> Non
     assert all(name in message for name in [*REQUIRED, "Colour"])
 
 
-def test_toml_file_that_is_not_there(tmp_path: Path) -> None:
+def test_missing_toml_file_is_an_error(tmp_path: Path) -> None:
     with pytest.raises(FileNotFoundError) as caught:
         Scanner.from_toml(tmp_path / "none.toml")
     assert caught.value.filename == str(tmp_path / "none.toml")
@@ -309,12 +309,12 @@ def test_default_scanner() -> None:
     assert device.group_velocity == 299708256.0
     assert device.ampl_unit == 1.0
     assert device.sampling_time == 2e-9
-    # No record reaches 0 dB below one count, and none loses echoes to an after-pulse.
+    # The amplitude unit is one count, and the after-pulse filter is off.
     samples = np.array([[0, 0, 1000, 2000, 1000, 0, 0]], np.uint16)
     assert Driver(0, Scanner.default(2e-9)).apply(samples, threshold=10).peaks.rows == 1
 
 
-def test_report_is_every_parameter_with_its_unit() -> None:
+def test_report_lists_every_parameter_with_its_unit() -> None:
     known = {**COMPLETE, **WAVE, "Scanner Type": "VQ-880-G"}
     assert Scanner.from_attributes(known).report() == (
         "t_ref: 100 [ns]\n"
@@ -350,6 +350,6 @@ def test_exponential_tables_must_have_equal_lengths() -> None:
 
 @pytest.mark.parametrize("name", ["Scanner Group Velocity", "ampl_unit", "WaveformSampleInterval"])
 @pytest.mark.parametrize("value", [0.0, -1.0])
-def test_attributes_that_must_be_positive(name: str, value: float) -> None:
+def test_nonpositive_attributes_are_refused(name: str, value: float) -> None:
     with pytest.raises(ValueError, match=rf"{name} is {value}; it must be above 0"):
         Scanner.from_attributes({**COMPLETE, name: value})

@@ -57,7 +57,7 @@ def test_rows_follow_the_echoes_of_their_shot_or_are_inserted_by_time() -> None:
     assert table.amplitude_counts[[0, 1, 4, 5]].tolist() == [10, 11, 12, 13]
 
 
-def test_values_of_a_row_without_echo() -> None:
+def test_row_without_echo_has_nan_and_zero_values() -> None:
     table = with_empty_waveforms(echoes_of([44, 44, 43, 40], [2, 2]), block())
     empty = np.flatnonzero(table.echo_number == 0)
     for name in ("x", "y", "z", "amplitude_counts", "amplitude_db", "width_ns", "width_samples"):

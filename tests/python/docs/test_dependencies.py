@@ -51,7 +51,7 @@ def locked() -> dict[str, str]:
     return {re.sub("[-_.]+", "-", name).lower(): version for name, version in pins}
 
 
-def test_what_runs() -> None:
+def test_runtime_packages_are_documented() -> None:
     plain, extras = tables("Python, at run time")
     assert expanded(plain) == dict(map(split, project()["project"]["dependencies"]))
     stated: dict[str, list[tuple[str, str]]] = {}
@@ -62,7 +62,7 @@ def test_what_runs() -> None:
     assert stated == {extra: list(map(split, needs)) for extra, needs in optional.items()}
 
 
-def test_what_builds_and_tests() -> None:
+def test_build_and_test_packages_are_documented() -> None:
     (rows,) = tables("Python, to build and to test")
     groups = project()["dependency-groups"]
     build = dict(map(split, project()["build-system"]["requires"]))
@@ -71,7 +71,7 @@ def test_what_builds_and_tests() -> None:
     assert expanded(rows) == {**dev, **bench, **build}
 
 
-def test_everything_is_locked_once() -> None:
+def test_every_package_is_locked_once() -> None:
     versions = locked()
     groups = project()["dependency-groups"]
     needed = [*project()["project"]["dependencies"], *groups["dev"]]
@@ -81,7 +81,7 @@ def test_everything_is_locked_once() -> None:
         assert version == f"=={versions[name]}"
 
 
-def test_debian_packages() -> None:
+def test_debian_packages_are_documented() -> None:
     (rows,) = tables(r"C\+\+")
     lines = (ROOT / "packages.debian").read_text(encoding="utf-8").splitlines()
     stated = [name for names, _, why in rows for name in names.split(", ") if why]

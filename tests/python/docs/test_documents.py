@@ -63,7 +63,7 @@ def scan(tmp_path_factory: pytest.TempPathFactory) -> Path:
 @pytest.fixture(scope="module")
 def echoes(scan: Path) -> Path:
     path = scan.with_name("echoes.las")
-    call = ["extract", str(scan), "-o", str(path), "--noise", "20", "--channel", "2=high"]
+    call = ["extract", str(scan), "-o", str(path), "--threshold", "20", "--channel", "2=high"]
     assert CliRunner().invoke(app, call).exit_code == 0
     return path
 
@@ -91,7 +91,7 @@ def test_python_of_the_readme_finds_the_two_echoes() -> None:
     np.testing.assert_allclose(peaks["time"], [31e-9, 51.5e-9], rtol=1e-12)
 
 
-def test_cpp_of_the_readme_is_the_example_that_is_built() -> None:
+def test_cpp_of_the_readme_is_the_built_example() -> None:
     (code,) = code_blocks("README.md", "cpp")
     example = (ROOT / "examples" / "cpp" / "three_point.cpp").read_text(encoding="utf-8")
     assert code.strip() == example.strip()
@@ -108,7 +108,7 @@ def test_scanner_description_of_the_documents_is_valid(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("document", DOCUMENTS)
-def test_links_and_images_lead_somewhere(document: str) -> None:
+def test_links_and_images_exist(document: str) -> None:
     text = re.sub(r"```.*?```", "", (ROOT / document).read_text(encoding="utf-8"), flags=re.DOTALL)
     for target in re.findall(r"\]\(([^)\s]+)\)", text):
         if re.match(r"https?:", target):
@@ -130,7 +130,7 @@ def test_every_document_can_be_reached_from_the_index() -> None:
 
 
 @pytest.mark.parametrize("line", COMMANDS)
-def test_verb_and_options_of_a_command_exist(line: str) -> None:
+def test_commands_and_options_in_documents_exist(line: str) -> None:
     verb = line.split()[1]
     shown = run(verb, "--help")
     assert shown.exit_code == 0, shown.output
@@ -139,7 +139,7 @@ def test_verb_and_options_of_a_command_exist(line: str) -> None:
 
 
 @pytest.mark.parametrize("document", ["docs/quick-start.md", "docs/command-line.md"])
-def test_commands_of_a_page_run_in_its_order(
+def test_commands_of_a_page_run_in_order(
     document: str, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.chdir(tmp_path)
@@ -155,7 +155,7 @@ def test_commands_of_a_page_run_in_its_order(
                 assert tmp_path / name in set(tmp_path.iterdir()) - before
 
 
-def test_python_of_the_quick_start(
+def test_python_of_the_quick_start_runs(
     scan: Path, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
 ) -> None:
     monkeypatch.chdir(scan.parent)
@@ -166,7 +166,7 @@ def test_python_of_the_quick_start(
     assert written > 400
 
 
-def test_python_of_the_page_on_board() -> None:
+def test_python_of_the_on_board_page_runs() -> None:
     (code,) = code_blocks("docs/methods/on-board.md", "python")
     names: dict[str, Any] = {}
     exec(compile(code, "on-board.md", "exec"), names)
@@ -220,7 +220,7 @@ def test_file_to_table_prints_a_row_per_echo_number(scan: Path, tmp_path: Path) 
     assert picture.read_bytes().startswith(b"\x89PNG")
 
 
-def test_own_arrays_finds_the_echoes_that_it_makes() -> None:
+def test_own_arrays_finds_the_constructed_echoes() -> None:
     lines = run_example("own_arrays.py").splitlines()
     found = {int(line.split()[0]): float(line.split()[1]) for line in lines[1:4]}
     assert found == pytest.approx({0: 30.25, 1: 41.0, 4: 55.5}, abs=0.02)

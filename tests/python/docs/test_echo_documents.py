@@ -41,7 +41,7 @@ def rows(text: str) -> list[list[str]]:
         ("### Columns of the waveform table", arrow_schema(WAVEFORM_COLUMNS)),
     ],
 )
-def test_columns_are_those_of_the_tables(title: str, schema: pa.Schema) -> None:
+def test_documented_columns_are_those_of_the_tables(title: str, schema: pa.Schema) -> None:
     described = [tuple(row) for row in rows(section(title))]
     assert described == [
         (f"`{field.name}`", str(field.type), *(field.metadata[key].decode() for key in KEYS))
@@ -49,7 +49,7 @@ def test_columns_are_those_of_the_tables(title: str, schema: pa.Schema) -> None:
     ]
 
 
-def test_endings_are_those_that_can_be_written(tmp_path: Path) -> None:
+def test_documented_endings_are_those_of_the_writers(tmp_path: Path) -> None:
     table = rows(section("## Echoes"))
     endings = [ending for row in table for ending in re.findall(r"`(\.\w+)`", row[0])]
     assert sorted(endings) == sorted(ECHO_ENDINGS)
@@ -59,7 +59,7 @@ def test_endings_are_those_that_can_be_written(tmp_path: Path) -> None:
             assert takes_empty == (row[3] == "`--keep-empty`"), ending
 
 
-def test_dimensions_are_those_of_the_points() -> None:
+def test_documented_dimensions_are_those_of_the_points() -> None:
     described = re.findall(r"`(\w+)`", " ".join(row[0] for row in rows(section(
         "### Points of LAS and LAZ"))))  # fmt: skip
     header = echo_header(laspy.LasHeader(version="1.4", point_format=9))

@@ -1,4 +1,4 @@
-"""The pages of the methods: their pictures can be drawn again, their numbers are measured."""
+"""The pages of the methods: pictures and numbers can be reproduced."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ def run_script(name: str, *arguments: Path) -> str:
 
 
 def table(text: str) -> Table:
-    """Rows of values by the names in the first column, titles and rules left out."""
+    """Rows of values by the name in the first column, without titles and rules."""
     rows = [
         [cell.strip() for cell in line.strip("|").split("|")]
         for line in text.splitlines()
@@ -53,7 +53,7 @@ def assert_agrees(name: str, stated: str, found: str) -> None:
     assert value == pytest.approx(expected, rel=0.1, abs=step), name
 
 
-def test_the_pictures_of_the_pages_are_those_that_the_script_draws(tmp_path: Path) -> None:
+def test_pictures_of_the_pages_are_drawn_by_the_script(tmp_path: Path) -> None:
     run_script("draw_method_pictures.py", tmp_path)
     drawn = {path.name for path in tmp_path.iterdir()}
     shown = {
@@ -65,7 +65,7 @@ def test_the_pictures_of_the_pages_are_those_that_the_script_draws(tmp_path: Pat
     assert all(path.read_bytes().startswith(b"\x89PNG") for path in tmp_path.iterdir())
 
 
-def test_the_table_of_all_methods_is_measured(measured: Table) -> None:
+def test_table_of_all_methods_agrees_with_the_measurement(measured: Table) -> None:
     stated = table((PAGES / "README.md").read_text(encoding="utf-8"))
     timed = {name for name in measured if name.startswith("time")}
     assert len(timed) == 1
@@ -75,7 +75,7 @@ def test_the_table_of_all_methods_is_measured(measured: Table) -> None:
 
 
 @pytest.mark.parametrize("method", METHODS)
-def test_the_limits_of_a_page_are_measured(method: str, measured: Table) -> None:
+def test_limits_of_a_page_agree_with_the_measurement(method: str, measured: Table) -> None:
     text = (PAGES / f"{method}.md").read_text(encoding="utf-8").partition("## Limits")[2]
     stated = table(text)
     assert stated.keys() == measured.keys()

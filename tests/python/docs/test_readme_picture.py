@@ -40,14 +40,14 @@ def folder(tmp_path_factory: pytest.TempPathFactory) -> Path:
     return folder
 
 
-def test_commands_make_the_picture(folder: Path) -> None:
+def test_documented_commands_write_the_picture(folder: Path) -> None:
     made, shown = image.imread(folder / "waveform.png"), image.imread(ROOT / "docs/waveform.png")
     assert made.shape == shown.shape
     # Text may be drawn a little differently by another version of its library.
     assert np.mean(np.abs(made - shown) > 0.1) < 0.01
 
 
-def test_truth_is_what_the_words_say(folder: Path) -> None:
+def test_truth_agrees_with_the_description(folder: Path) -> None:
     truth = read_truth(folder / "scan_truth.csv")
     of_shot = truth.shot == 2448 // 2  # two channels per shot
     words = re.search(r"echoes at ([\d.]+), ([\d.]+) and ([\d.]+) samples", SECTION)

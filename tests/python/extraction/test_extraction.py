@@ -15,7 +15,7 @@ from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTall
 from fullwaveform.extraction.georeference import positions_in_space
 from fullwaveform.extraction.waveform_table import WaveformState
 
-from ..support.records import TRIPLE_STD, Samples, record
+from ..support.sample_triples import TRIPLE_STD, Samples, triples
 
 BACK_UP = (0.0, 0.0, 0.00015)  # m per ps: the light falls straight down
 
@@ -68,7 +68,7 @@ def extracted(*packets: Packet) -> EchoTable:
     return extractor().extract(block_of(packets)).echoes
 
 
-def test_place_of_a_sample() -> None:
+def test_sample_position_in_space() -> None:
     geometry = PulseGeometry(
         anchor=np.array([[0.0, 0.0, 0.0], [100.0, 200.0, 300.0]]),
         location=np.array([0.0, 30_000.0]),
@@ -81,9 +81,9 @@ def test_place_of_a_sample() -> None:
     np.testing.assert_allclose(placed, expected, rtol=0, atol=1e-9)
 
 
-def test_echo_with_everything_about_it() -> None:
-    quiet = Packet(record({}), shot=1.0)
-    packet = Packet(record({10: 80}), shot=2.0, interval=2e-9, location=5_000.0, flag=0)
+def test_echo_columns_of_one_waveform() -> None:
+    quiet = Packet(triples({}), shot=1.0)
+    packet = Packet(triples({10: 80}), shot=2.0, interval=2e-9, location=5_000.0, flag=0)
     echoes = extracted(quiet, packet)
     assert len(echoes) == 1
     # 20 ns after the first sample, 15 ns after the anchor
@@ -107,8 +107,8 @@ def test_echo_with_everything_about_it() -> None:
     assert echoes.point_source_id.tolist() == [401]
 
 
-def test_every_waveform_has_its_own_interval() -> None:
-    samples = record({10: 80})
+def test_waveforms_may_have_different_intervals() -> None:
+    samples = triples({10: 80})
     echoes = extracted(
         Packet(samples, shot=1.0, interval=2e-9),
         Packet(samples, shot=2.0, interval=1e-9),
@@ -122,10 +122,10 @@ def test_every_waveform_has_its_own_interval() -> None:
 def test_echoes_of_a_shot_are_numbered_along_the_flight_of_light() -> None:
     """Two packets that begin at different ranges and are sampled differently."""
     echoes = extracted(
-        Packet(record({10: 80, 30: 90}), shot=5.0),  # heights 298.5 and 295.5
-        Packet(record({20: 70}), shot=4.0),  # another shot, earlier
+        Packet(triples({10: 80, 30: 90}), shot=5.0),  # heights 298.5 and 295.5
+        Packet(triples({20: 70}), shot=4.0),  # another shot, earlier
         Packet(  # heights 295.8 and 291.0
-            record({4: 60, 20: 50}), shot=5.0, interval=2e-9, anchor=(100.0, 200.0, 297.0)
+            triples({4: 60, 20: 50}), shot=5.0, interval=2e-9, anchor=(100.0, 200.0, 297.0)
         ),
     )
     np.testing.assert_allclose(
@@ -137,12 +137,12 @@ def test_echoes_of_a_shot_are_numbered_along_the_flight_of_light() -> None:
     np.testing.assert_allclose(echoes.amplitude_counts, [70, 80, 60, 90, 50], rtol=1e-5)
 
 
-def test_numbers_follow_a_slanting_pulse() -> None:
+def test_echoes_are_numbered_along_a_slanting_pulse() -> None:
     """Anchors are different returns of one pulse, at different ranges."""
     slant = (-0.0001, 0.0, 0.0001)
-    near = Packet(record({10: 80}), anchor=(0.0, 0.0, 50.0), location=0.0, direction=slant)
+    near = Packet(triples({10: 80}), anchor=(0.0, 0.0, 50.0), location=0.0, direction=slant)
     # 30 ns after the first sample of the near one, and 10 ns after its own first sample.
-    far = Packet(record({5: 60}), anchor=(3.0, 0.0, 47.0), location=10_000.0, direction=slant)
+    far = Packet(triples({5: 60}), anchor=(3.0, 0.0, 47.0), location=10_000.0, direction=slant)
     for packets in ((near, far), (far, near)):
         echoes = extracted(*packets)
         np.testing.assert_allclose(echoes.xyz[:, 0], [1.0, 2.5], rtol=0, atol=1e-6)
@@ -150,8 +150,8 @@ def test_numbers_follow_a_slanting_pulse() -> None:
         assert echoes.echo_number.tolist() == [1, 2]
 
 
-def test_without_a_direction_time_decides() -> None:
-    echoes = extracted(Packet(record({30: 80, 10: 60, 20: 70}), direction=(0.0, 0.0, 0.0)))
+def test_echoes_without_direction_are_numbered_by_time() -> None:
+    echoes = extracted(Packet(triples({30: 80, 10: 60, 20: 70}), direction=(0.0, 0.0, 0.0)))
     assert echoes.position.tolist() == [10.0, 20.0, 30.0]
     assert echoes.echo_number.tolist() == [1, 2, 3]
 
@@ -162,13 +162,13 @@ def hollow() -> Samples:
     Logarithms of 200, 100, 90 bend upwards; the curve's lowest point is at 1.68 and passes every
     test of position and amplitude, its width is not a number.
     """
-    samples = record({})
+    samples = triples({})
     samples[:6] = 200, 100, 90, 80, 60, 5
     return samples
 
 
 def test_echoes_that_are_not_finite_are_skipped_and_counted() -> None:
-    made = extractor().extract(block_of([Packet(hollow(), shot=1.0), Packet(record({10: 80}))]))
+    made = extractor().extract(block_of([Packet(hollow(), shot=1.0), Packet(triples({10: 80}))]))
     echoes = made.echoes
     assert echoes.waveform_number.tolist() == [71]
     assert (echoes.echo_number.tolist(), echoes.echo_count.tolist()) == ([1], [1])
@@ -179,16 +179,16 @@ def test_echoes_that_are_not_finite_are_skipped_and_counted() -> None:
 
 
 def test_every_waveform_is_counted_once() -> None:
-    too_high = record({})
+    too_high = triples({})
     too_high[30] = 60_000  # an echo above 4096 counts, which none can be
     packets = [
-        Packet(record({10: 80, 30: 40}), shot=1.0),
-        Packet(record({}), shot=1.0),
-        Packet(record({10: 80, 30: 40}), shot=1.0),  # again
-        Packet(record({11: 60}), shot=1.0, flag=0),  # in the other channel, too
+        Packet(triples({10: 80, 30: 40}), shot=1.0),
+        Packet(triples({}), shot=1.0),
+        Packet(triples({10: 80, 30: 40}), shot=1.0),  # again
+        Packet(triples({11: 60}), shot=1.0, flag=0),  # in the other channel, too
         Packet(too_high, shot=2.0),
         Packet(hollow(), shot=3.0),
-        Packet(record({15: 70}), shot=4.0, interval=2e-9),
+        Packet(triples({15: 70}), shot=4.0, interval=2e-9),
     ]
     made = extractor().extract(block_of(packets))
     assert made.echoes.waveform_number.tolist() == [70, 70, 76]
@@ -221,17 +221,17 @@ def test_every_waveform_is_counted_once() -> None:
     assert total.rejected["no echo with finite values"] == 2
 
 
-def test_record_of_a_suspicious_block() -> None:
+def test_suspicious_block_has_statistics() -> None:
     made = extractor()
-    half = made.extract(block_of([Packet(record({10: 80})), Packet(record({}), shot=2.0)]))
+    half = made.extract(block_of([Packet(triples({10: 80})), Packet(triples({}), shot=2.0)]))
     assert half.tally.suspicious_blocks == 1
     assert half.record.startswith("NumberOfWaves: 2Splitted FWFs: 0 count: 1\n")
-    good = made.extract(block_of([Packet(record({10: 80}))]))
+    good = made.extract(block_of([Packet(triples({10: 80}))]))
     assert (good.tally.suspicious_blocks, good.record) == (0, "")
 
 
 def test_block_without_echoes() -> None:
-    echoes = extracted(Packet(record({})), Packet(record({}), interval=2e-9))
+    echoes = extracted(Packet(triples({})), Packet(triples({}), interval=2e-9))
     assert len(echoes) == 0
     assert echoes.xyz.shape == (0, 3)
     assert echoes.scan_angle.shape == (0,)
@@ -239,5 +239,5 @@ def test_block_without_echoes() -> None:
 
 @pytest.mark.parametrize("threshold", [10, 65, 100])
 def test_threshold_of_the_settings_reaches_the_driver(threshold: int) -> None:
-    made = extractor(threshold).extract(block_of([Packet(record({10: 60, 20: 80, 30: 90}))]))
+    made = extractor(threshold).extract(block_of([Packet(triples({10: 60, 20: 80, 30: 90}))]))
     assert made.tally.echoes == {10: 3, 65: 2, 100: 0}[threshold]

@@ -29,11 +29,13 @@ def scan(tmp_path_factory: pytest.TempPathFactory) -> Path:
 
 
 @pytest.mark.parametrize("ending", [".las", ".csv"])
-def test_bytes_do_not_depend_on_the_workers(scan: Path, tmp_path: Path, ending: str) -> None:
+def test_output_does_not_depend_on_the_number_of_workers(
+    scan: Path, tmp_path: Path, ending: str
+) -> None:
     written = set()
     for workers in (1, 2, 5):
         output = tmp_path / f"echoes{ending}"
-        call = ["extract", scan, "-o", output, "--noise", "20", "--block", "50", "-q"]
+        call = ["extract", scan, "-o", output, "--threshold", "20", "--block", "50", "-q"]
         result = run(*call, "--mode", "1", "--workers", str(workers))
         assert result.exit_code == 0, result.output
         written.add(output.read_bytes())
@@ -41,9 +43,18 @@ def test_bytes_do_not_depend_on_the_workers(scan: Path, tmp_path: Path, ending: 
     assert len(written.pop()) > 20_000
 
 
-def test_summary_does_not_depend_on_the_workers(scan: Path, tmp_path: Path) -> None:
+def test_summary_does_not_depend_on_the_number_of_workers(scan: Path, tmp_path: Path) -> None:
     def summary(workers: int) -> list[str]:
-        call = ["extract", scan, "-o", tmp_path / "echoes.csv", "--noise", "20", "--block", "50"]
+        call = [
+            "extract",
+            scan,
+            "-o",
+            tmp_path / "echoes.csv",
+            "--threshold",
+            "20",
+            "--block",
+            "50",
+        ]
         lines = run(*call, "--workers", str(workers)).stdout.splitlines()
         return [line for line in lines if "time" not in line]
 
@@ -66,7 +77,7 @@ def test_blocks_in_memory_are_bounded(scan: Path, workers: int) -> None:
     assert len(taken) > 20
 
 
-def test_every_worker_works_on_its_own(scan: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+def test_every_worker_has_its_own_driver(scan: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     """Two blocks are extracted at the same time, by two extractors."""
     both = threading.Barrier(2, timeout=60)
     seen = set()
@@ -108,7 +119,7 @@ def test_first_error_ends_the_run(scan: Path, tmp_path: Path, workers: int) -> N
 
 
 def test_each_waveform_without_echoes_is_reported(scan: Path, tmp_path: Path) -> None:
-    call = ["extract", scan, "-o", tmp_path / "echoes.csv", "--noise", "20", "--workers", "2"]
+    call = ["extract", scan, "-o", tmp_path / "echoes.csv", "--threshold", "20", "--workers", "2"]
     short, long = run(*call), run(*call, "--block", "37", "--verbose")
     assert "waveform " not in short.stderr
     reported = [line for line in long.stderr.splitlines() if line.startswith("waveform ")]
@@ -123,7 +134,7 @@ def test_each_waveform_without_echoes_is_reported(scan: Path, tmp_path: Path) ->
 def test_statistics_that_cannot_be_written_are_ignored(tmp_path: Path) -> None:
     """A folder has the name of the statistics file."""
     weak = write_scan(simulate_scan(ScanSettings(shots=50)), tmp_path / "scan.las").las
-    call = ["extract", weak, "-o", tmp_path / "echoes.csv", "--noise", "60000"]
+    call = ["extract", weak, "-o", tmp_path / "echoes.csv", "--threshold", "60000"]
     assert run(*call).exit_code == 0
     first = (tmp_path / "scan_Warning.txt").read_text(encoding="ascii")
     assert first.startswith("NumberOfWaves: ")

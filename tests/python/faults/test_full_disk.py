@@ -43,7 +43,9 @@ def files_end_at(size: int) -> Callable[[], None]:
 
 
 @pytest.mark.parametrize("name", OUTPUTS)
-def test_no_byte_can_be_written(scan: Path, tmp_path: Path, name: str) -> None:
+def test_output_above_the_file_size_limit_is_reported(
+    scan: Path, tmp_path: Path, name: str
+) -> None:
     output = tmp_path / name
     output.write_bytes(b"older result")
     done = finished(*call_of(scan, output), before=files_end_at(0))
@@ -53,7 +55,7 @@ def test_no_byte_can_be_written(scan: Path, tmp_path: Path, name: str) -> None:
 
 
 @pytest.mark.parametrize("size", [0, 20_000])
-def test_simulated_scan(tmp_path: Path, size: int) -> None:
+def test_simulated_scan_above_the_file_size_limit_is_reported(tmp_path: Path, size: int) -> None:
     done = finished("simulate", tmp_path / "new.las", "--shots", "200", before=files_end_at(size))
     assert_error_line(done, f"cannot write {tmp_path / 'new.wdp'}: File too large")
     assert names(tmp_path) == []
@@ -86,7 +88,9 @@ def fill(disk: Path) -> None:
 
 
 @pytest.mark.parametrize("name", [name for name in OUTPUTS if name not in LARGE])
-def test_full_disk(scan: Path, small_disk: Path, name: str) -> None:
+def test_full_disk_before_the_first_byte_is_reported(
+    scan: Path, small_disk: Path, name: str
+) -> None:
     fill(small_disk)
     output = small_disk / name
     done = finished(*call_of(scan, output))
@@ -95,7 +99,7 @@ def test_full_disk(scan: Path, small_disk: Path, name: str) -> None:
 
 
 @pytest.mark.parametrize("name", LARGE)
-def test_disk_fills_up(scan: Path, small_disk: Path, name: str) -> None:
+def test_disk_full_during_the_run_is_reported(scan: Path, small_disk: Path, name: str) -> None:
     (small_disk / "filler").write_bytes(b"x" * 57_344)
     output = small_disk / name
     done = finished(*call_of(scan, output))
@@ -103,7 +107,7 @@ def test_disk_fills_up(scan: Path, small_disk: Path, name: str) -> None:
     assert names(small_disk) == ["filler"]
 
 
-def test_full_disk_for_a_simulated_scan(small_disk: Path) -> None:
+def test_disk_full_during_a_simulation_is_reported(small_disk: Path) -> None:
     done = finished("simulate", small_disk / "new.las", "--shots", "200")
     assert_error_line(done, f"cannot write {small_disk / 'new.wdp'}: No space left on device")
     assert names(small_disk) == []
@@ -122,7 +126,9 @@ def test_full_disk_for_a_simulated_scan(small_disk: Path) -> None:
         ("--help",),
     ],
 )
-def test_full_standard_output(scan: Path, tmp_path: Path, call: tuple[str, ...]) -> None:
+def test_full_standard_output_is_reported(
+    scan: Path, tmp_path: Path, call: tuple[str, ...]
+) -> None:
     placed = [word.replace("SCAN", str(scan)).replace("OUT", str(tmp_path)) for word in call]
     with Path("/dev/full").open("w", encoding="ascii") as full:
         done = finished(*placed, stdout=full)

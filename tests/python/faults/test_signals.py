@@ -47,7 +47,7 @@ def wait_for_temporary_file(folder: Path) -> None:
     ("ending", "number"),
     [*((ending, signal.SIGINT) for ending in ECHO_ENDINGS), *((".csv", one) for one in CODES)],
 )
-def test_during_an_extraction(
+def test_signal_during_an_extraction_removes_the_output(
     scan: Path, tmp_path: Path, ending: str, number: signal.Signals
 ) -> None:
     output = tmp_path / f"echoes{ending}"
@@ -72,7 +72,7 @@ def test_during_an_extraction(
         ("system-wave", ["-o", "scanner.toml", "--threshold", "20"]),
     ],
 )
-def test_before_the_output_is_renamed(
+def test_signal_before_renaming_removes_the_output(
     scan: Path, tmp_path: Path, command: str, options: list[str]
 ) -> None:
     placed = [str(tmp_path / word) if "." in word else word for word in options]
@@ -94,7 +94,7 @@ def test_finished_output_stays_and_is_reported(scan: Path, tmp_path: Path) -> No
 
 
 @pytest.mark.parametrize("second", [signal.SIGINT, signal.SIGTERM])
-def test_only_the_first_of_several_signals_counts(
+def test_only_the_first_of_several_signals_is_handled(
     scan: Path, tmp_path: Path, second: signal.Signals
 ) -> None:
     """Of two signals that arrive together the system chooses the first."""
@@ -120,7 +120,9 @@ def catches(process: int, number: signal.Signals) -> bool:
 
 @ON_LINUX
 @pytest.mark.parametrize("number", CODES)
-def test_while_libraries_are_loaded(scan: Path, tmp_path: Path, number: signal.Signals) -> None:
+def test_signal_while_libraries_are_loaded(
+    scan: Path, tmp_path: Path, number: signal.Signals
+) -> None:
     # Python itself has no handler for SIGTERM; the program installs one before it loads libraries.
     process = slow("none", "extract", scan, "-o", tmp_path / "echoes.csv", "--block", "1")
     wait_until(lambda: catches(process.pid, signal.SIGTERM))

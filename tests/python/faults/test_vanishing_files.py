@@ -70,7 +70,7 @@ def compressed(folder: Path) -> Path:
 
 
 @pytest.mark.parametrize("cut", ["scan.wdp", "scan.wvs", "scan.h5"])
-def test_truncated_samples(
+def test_samples_truncated_during_the_run(
     own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, cut: str
 ) -> None:
     shortened = own_scan.with_name(cut)
@@ -88,7 +88,7 @@ def test_truncated_samples(
 
 
 @pytest.mark.parametrize(("ending", "left"), [(".las", 3 / 4), (".laz", 1 / 2), (".pls", 3 / 4)])
-def test_truncated_points(
+def test_points_truncated_during_the_run(
     own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, ending: str, left: float
 ) -> None:
     source = {
@@ -105,7 +105,7 @@ def test_truncated_points(
 
 
 @pytest.mark.parametrize("ending", ECHO_ENDINGS)
-def test_removed_folder_of_the_echoes(
+def test_echo_folder_removed_during_the_run(
     own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, ending: str
 ) -> None:
     (folder := tmp_path / "out").mkdir()
@@ -116,7 +116,7 @@ def test_removed_folder_of_the_echoes(
     assert not folder.exists()
 
 
-def test_removed_folder_of_a_container(
+def test_container_folder_removed_during_the_run(
     own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     (folder := tmp_path / "out").mkdir()

@@ -1,11 +1,10 @@
-"""Reads a file again and again, each time with other bytes changed.
+"""Reads a file repeatedly, each time with different bytes changed.
 
-Usage: fuzz_reader.py READER SEED_FILE SECONDS LEAST_INPUTS SEED
+Usage: fuzz_reader.py READER SEED_FILE SECONDS MIN_INPUTS SEED
 
-A reader may refuse a file with an OSError or a ValueError. Whatever else comes out of it, an input
-that takes longer than a quarter of a minute, and one that wants more than a gigabyte end the run
-with 1; the input is then beside the seed file. A second file of the scan (.wdp, .wvs) is changed in
-one of four inputs.
+A reader may reject a file with an OSError or a ValueError. Any other exception, an input that takes
+longer than 15 s, and one that needs more than a gigabyte end the run with exit code 1; the input is
+then stored next to the seed file. A companion file (.wdp, .wvs) is changed in one of four inputs.
 """
 
 from __future__ import annotations

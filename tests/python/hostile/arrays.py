@@ -45,7 +45,7 @@ def changed(change: Callable[[h5py.File], object]) -> Case:
 
 
 def replaced(name: str, values: object) -> Case:
-    """A dataset of the waveforms is replaced."""
+    """Replace a dataset of the waveforms."""
 
     def change(file: h5py.File) -> None:
         del file[FIELDS][name]
@@ -110,7 +110,7 @@ def archive_cut(missing: int) -> Case:
 
 
 def entry(content: bytes) -> Case:
-    """The samples of an archive are these bytes."""
+    """An archive whose samples are these bytes."""
 
     def case(folder: Path) -> list[str]:
         with zipfile.ZipFile(folder / "scan.npz", "w", zipfile.ZIP_DEFLATED) as file:

@@ -18,12 +18,12 @@ def found(tmp_path_factory: pytest.TempPathFactory) -> dict[str, dict[str, Any]]
     return {outcome["name"]: outcome for outcome in outcomes(folder)}
 
 
-def test_number_of_cases() -> None:
+def test_every_format_has_cases() -> None:
     assert len(cases()) >= 450
 
 
 @pytest.mark.parametrize("name", cases())
-def test_case(name: str, found: dict[str, dict[str, Any]]) -> None:
+def test_invalid_input_gives_one_message(name: str, found: dict[str, dict[str, Any]]) -> None:
     outcome = found[name]
     assert outcome["unexpected"] is None
     assert outcome["exit"] in (1, 2)
@@ -40,6 +40,6 @@ def test_case(name: str, found: dict[str, dict[str, Any]]) -> None:
     assert outcome["seconds"] < SECONDS
 
 
-def test_messages_are_those_of_the_list(found: dict[str, dict[str, Any]]) -> None:
+def test_messages_agree_with_the_list(found: dict[str, dict[str, Any]]) -> None:
     listed = LIST.read_text(encoding="utf-8")
     assert as_text(list(found.values())) == listed

@@ -1,4 +1,4 @@
-"""Passes over ranges of blocks: the same blocks, and tallies that add up."""
+"""Reads of block ranges: the same blocks, and tallies that add up."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ from ..support.row_scenes import as_container, same
 
 
 def las_file(folder: Path) -> Path:
-    """Six usable waveforms of four shots, between points of every kind that is counted.
+    """Six usable waveforms of four shots, between points of every rejected kind.
 
     The packet of number 3 has no place, that of number 7 is cut off; three points share number 2.
     """
@@ -91,7 +91,7 @@ def test_blocks_of_the_scene_and_their_counts(tmp_path: Path) -> None:
 @pytest.mark.parametrize("make", FILES)
 @pytest.mark.parametrize("size", [1, 2, 3, 100])
 @pytest.mark.parametrize("step", [1, 2])
-def test_ranges_give_the_blocks_of_a_whole_pass_and_their_tallies_add_up(
+def test_ranges_add_up_to_the_whole_read(
     tmp_path: Path, make: Callable[[Path], Path], size: int, step: int
 ) -> None:
     with open_waveforms(make(tmp_path), waveforms_per_block=size) as reader:
@@ -113,7 +113,9 @@ def test_ranges_give_the_blocks_of_a_whole_pass_and_their_tallies_add_up(
 
 
 @pytest.mark.parametrize("make", FILES)
-def test_ranges_without_blocks(tmp_path: Path, make: Callable[[Path], Path]) -> None:
+def test_empty_ranges_have_no_blocks_and_invalid_ones_are_refused(
+    tmp_path: Path, make: Callable[[Path], Path]
+) -> None:
     with open_waveforms(make(tmp_path), waveforms_per_block=2) as reader:
         count = reader.block_count()
         for first, stop in [(0, 0), (1, 1), (count, None), (count, count + 3), (count + 7, None)]:
@@ -128,7 +130,7 @@ def test_ranges_without_blocks(tmp_path: Path, make: Callable[[Path], Path]) -> 
 
 
 @pytest.mark.parametrize("make", FILES)
-def test_counting_blocks_and_a_second_pass_leave_a_pass_under_way_alone(
+def test_counting_blocks_does_not_affect_an_iteration_in_progress(
     tmp_path: Path, make: Callable[[Path], Path]
 ) -> None:
     with open_waveforms(make(tmp_path), waveforms_per_block=1) as reader:
@@ -156,7 +158,7 @@ def test_only_a_full_read_requires_a_readable_waveform(tmp_path: Path) -> None:
             list(reader.blocks())
 
 
-def test_points_without_times_can_be_cut_anywhere(tmp_path: Path) -> None:
+def test_points_without_times_may_be_cut_anywhere(tmp_path: Path) -> None:
     points = [Point(number, gps_time=0.0) for number in range(4)]
     path = Scene([(1, 8, 4, 1000)], FOUR, points).write(tmp_path / "a.las")
     reader: WaveformReader

@@ -1,4 +1,4 @@
-"""Pieces of files in any order, and files that become shorter meanwhile."""
+"""Reads of parts of a file in any order, and from files truncated meanwhile."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ def noise(tmp_path: Path) -> tuple[Path, bytes]:
 
 @pytest.mark.parametrize("at_a_time", [1 << 24, 1000, 1])
 @pytest.mark.parametrize("width", [1, 7, 160, 5000])
-def test_rows_in_any_order(
+def test_rows_are_read_in_any_order(
     noise: tuple[Path, bytes], width: int, at_a_time: int, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     """Close and distant offsets, some repeated or overlapping, with the last byte."""
@@ -40,7 +40,7 @@ def test_rows_in_any_order(
     data.close()
 
 
-def test_empty_read(noise: tuple[Path, bytes]) -> None:
+def test_read_of_no_rows_is_empty(noise: tuple[Path, bytes]) -> None:
     data = FileBytes(noise[0], 10, 20)
     assert data.size == 10
     assert data.rows(np.zeros(0, np.int64), 5).shape == (0, 5)
@@ -48,7 +48,7 @@ def test_empty_read(noise: tuple[Path, bytes]) -> None:
     data.close()
 
 
-def test_file_truncated_while_open(noise: tuple[Path, bytes]) -> None:
+def test_file_truncated_while_open_is_an_error(noise: tuple[Path, bytes]) -> None:
     path, content = noise
     data = FileBytes(path)
     assert data.size == len(content)

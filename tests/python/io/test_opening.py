@@ -1,4 +1,4 @@
-"""Files of waveforms, opened by their content."""
+"""Waveform files are recognised by their content."""
 
 from __future__ import annotations
 
@@ -21,7 +21,7 @@ from ..support.pulsewaves_scenes import three_pulses
 from ..support.row_scenes import as_container, as_npz
 
 
-def test_las_under_any_name(tmp_path: Path) -> None:
+def test_las_is_recognised_under_any_name(tmp_path: Path) -> None:
     path = four_shots().write(tmp_path / "scan.las").rename(tmp_path / "scan.pls")
     with open_waveforms(path, waveforms_per_block=3, channel_flags=0) as reader:
         assert isinstance(reader, LasWaveformReader)
@@ -30,7 +30,7 @@ def test_las_under_any_name(tmp_path: Path) -> None:
     assert blocks[0].channel_flags.tolist() == [0, 0, 0]
 
 
-def test_pulsewaves_under_any_name(tmp_path: Path) -> None:
+def test_pulsewaves_is_recognised_under_any_name(tmp_path: Path) -> None:
     path = three_pulses().write(tmp_path / "scan.pls").rename(tmp_path / "scan.las")
     reader: WaveformReader
     with open_waveforms(path, waveforms_per_block=2, channel_flags={1: 4}) as reader:
@@ -41,13 +41,13 @@ def test_pulsewaves_under_any_name(tmp_path: Path) -> None:
     assert blocks[0].channel_flags.tolist() == [4, 4]
 
 
-def test_sample_file(tmp_path: Path) -> None:
+def test_sample_file_refers_to_its_pulse_file(tmp_path: Path) -> None:
     path = three_pulses().write(tmp_path / "scan.pls").with_suffix(".wvs")
     with pytest.raises(WaveformFileError, match=r"scan\.wvs holds the samples.*scan\.pls"):
         open_waveforms(path)
 
 
-def test_container_and_archive_under_any_name(tmp_path: Path) -> None:
+def test_container_and_archive_are_recognised_under_any_name(tmp_path: Path) -> None:
     las = four_shots().write(tmp_path / "scan.las")
     container = as_container(las, tmp_path / "a.npz")
     archive = as_npz(las, tmp_path / "b.npz").rename(tmp_path / "b.h5")
@@ -67,7 +67,7 @@ def test_container_and_archive_under_any_name(tmp_path: Path) -> None:
         (b"x,y,z\n1,2,3\n", r"starts with b'x,y,z\n1,2,3\n'"),
     ],
 )
-def test_other_files(tmp_path: Path, content: bytes, found: str) -> None:
+def test_other_files_are_refused(tmp_path: Path, content: bytes, found: str) -> None:
     path = tmp_path / "other.las"
     path.write_bytes(content)
     with pytest.raises(WaveformFileError) as caught:
@@ -77,7 +77,7 @@ def test_other_files(tmp_path: Path, content: bytes, found: str) -> None:
         assert known in str(caught.value)
 
 
-def test_other_hdf5_and_zip_files(tmp_path: Path) -> None:
+def test_other_hdf5_and_zip_files_are_refused(tmp_path: Path) -> None:
     with h5py.File(tmp_path / "a.h5", "w") as file:
         file["amplitude"] = [1.0]
     with pytest.raises(WaveformFileError, match=r"a\.h5 is an HDF5 file but not a scan container"):
@@ -95,11 +95,11 @@ def test_interval_is_rejected_for_files_that_store_it(tmp_path: Path) -> None:
             open_waveforms(path, sampling_interval=1e-9)
 
 
-def test_folder(tmp_path: Path) -> None:
+def test_folder_is_refused(tmp_path: Path) -> None:
     with pytest.raises(IsADirectoryError):
         open_waveforms(tmp_path)
 
 
-def test_missing_file(tmp_path: Path) -> None:
+def test_missing_file_is_an_error(tmp_path: Path) -> None:
     with pytest.raises(FileNotFoundError):
         open_waveforms(tmp_path / "none.las")

@@ -33,7 +33,7 @@ def share_of_colour(pixels: np.ndarray, rgb: tuple[int, int, int]) -> float:
     return float(close.mean())
 
 
-def test_overview_has_its_size_and_marks(tmp_path: Path) -> None:
+def test_overview_has_the_requested_size_and_echo_marks(tmp_path: Path) -> None:
     path = tmp_path / "overview.png"
     draw_overview(path, [WAVEFORM, WAVEFORM, WAVEFORM], XYZ, AMPLITUDE_DB)
     pixels = image.imread(path)

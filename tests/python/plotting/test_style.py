@@ -14,7 +14,7 @@ from fullwaveform.plotting.style import PLOT_ENDINGS
 @pytest.mark.parametrize(
     ("name", "start"), [("a.png", b"\x89PNG"), ("a.pdf", b"%PDF"), ("a.SVG", b"<?xml")]
 )
-def test_ending_chooses_the_format(tmp_path: Path, name: str, start: bytes) -> None:
+def test_ending_selects_the_format(tmp_path: Path, name: str, start: bytes) -> None:
     draw_histogram(tmp_path / name, [1.0, 2.0], title="title", label="label")
     assert (tmp_path / name).read_bytes().startswith(start)
     assert [entry.name for entry in tmp_path.iterdir()] == [name]

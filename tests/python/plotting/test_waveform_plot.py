@@ -19,9 +19,9 @@ from fullwaveform.plotting.waveform import METHOD_COLOURS, draw_waveforms, wavef
 
 from ..core import test_modes
 from ..extraction.test_extraction import Packet, block_of
-from ..support.records import TRIPLE_STD, record
+from ..support.sample_triples import TRIPLE_STD, triples
 
-TWO_ECHOES = Packet(record({20: 100, 40: 60}), interval=2e-9)
+TWO_ECHOES = Packet(triples({20: 100, 40: 60}), interval=2e-9)
 
 
 def views(
@@ -72,7 +72,7 @@ def test_echoes_have_position_amplitude_and_width() -> None:
     )
 
 
-def test_fitted_sum_goes_through_the_samples_that_it_was_made_of() -> None:
+def test_fitted_sum_passes_through_its_samples() -> None:
     axes = waveform_figure(views(TWO_ECHOES)).axes[0]
     curve = marks(axes)["three-point, fitted"]
     for sample, counts in ((19, 50.0), (20, 100.0), (21, 50.0), (40, 60.0)):
@@ -101,7 +101,7 @@ def test_second_axis_is_in_nanoseconds() -> None:
     assert "ns" in texts(axes)
 
 
-def test_modes_have_colours_of_their_own() -> None:
+def test_modes_have_different_colours() -> None:
     scanner = test_modes.scanner()
     samples = test_modes.scene(np.array([[30.0]]), np.array([[600.0]]))[0]
     axes = waveform_figure(views(Packet(samples), modes=list(Mode), scanner=scanner)).axes[0]
@@ -123,8 +123,8 @@ def test_modes_have_colours_of_their_own() -> None:
     assert bars(axes, "deconvolution, widths") == []
 
 
-def test_channels_of_a_shot_have_a_panel_each() -> None:
-    packets = [Packet(record({20: 100}), flag=1), Packet(record({40: 80}), flag=0)]
+def test_each_channel_of_a_shot_has_a_panel() -> None:
+    packets = [Packet(triples({20: 100}), flag=1), Packet(triples({40: 80}), flag=0)]
     figure = waveform_figure(views(*packets))
     assert len(figure.axes) == 4
     assert figure.axes[0].get_title(loc="left").startswith("waveform 70, low-power channel, GPS")
@@ -133,7 +133,7 @@ def test_channels_of_a_shot_have_a_panel_each() -> None:
 
 
 def test_waveform_without_echoes_is_not_cropped_and_shows_the_reason() -> None:
-    figure = waveform_figure(views(Packet(record({20: 8}))))
+    figure = waveform_figure(views(Packet(triples({20: 8}))))
     axes, echo_list = figure.axes
     assert axes.get_xlim() == (-0.5, 59.5)
     assert marks(axes)["samples"][20].tolist() == [20.0, 8.0]
@@ -142,16 +142,16 @@ def test_waveform_without_echoes_is_not_cropped_and_shows_the_reason() -> None:
     assert "signal not above the threshold" in texts(echo_list)
 
 
-def test_long_record_is_shown_around_its_echoes() -> None:
-    packet = Packet(record({200: 100, 260: 100}, length=400))
+def test_long_waveform_is_cropped_to_its_echoes() -> None:
+    packet = Packet(triples({200: 100, 260: 100}, length=400))
     axes = waveform_figure(views(packet)).axes[0]
     # 15 samples to either side, and half a sample.
     np.testing.assert_allclose(axes.get_xlim(), (184.5, 275.5), atol=1e-4)
 
 
-def test_longest_record_full_of_echoes() -> None:
+def test_longest_waveform_full_of_echoes_is_drawn() -> None:
     positions = range(20, 65_000, 30)
-    (view,) = views(Packet(record(dict.fromkeys(positions, 100), length=65_535)))
+    (view,) = views(Packet(triples(dict.fromkeys(positions, 100), length=65_535)))
     axes = waveform_figure([view]).axes[0]
     echoes, curve = marks(axes)["three-point, echoes"], marks(axes)["three-point, fitted"]
     assert len(echoes) == len(positions)
@@ -160,7 +160,7 @@ def test_longest_record_full_of_echoes() -> None:
     np.testing.assert_allclose(tops, echoes, rtol=1e-6)
 
 
-def test_wide_echoes_are_shown_with_their_edges() -> None:
+def test_wide_echoes_are_shown_completely() -> None:
     x = np.arange(200)
     samples = np.rint(4000.0 * np.exp(-0.5 * ((x - 100.0) / 15.0) ** 2)).astype(np.uint16)
     axes = waveform_figure(views(Packet(samples))).axes[0]
@@ -170,7 +170,7 @@ def test_wide_echoes_are_shown_with_their_edges() -> None:
 
 def test_echoes_that_do_not_fit_are_counted() -> None:
     peaks = dict.fromkeys(range(5, 155, 5), 100)
-    echo_list = waveform_figure(views(Packet(record(peaks, length=160)))).axes[1]
+    echo_list = waveform_figure(views(Packet(triples(peaks, length=160)))).axes[1]
     shown = texts(echo_list)
     assert "three-point, 30 echoes" in shown
     listed = sum(bool(re.fullmatch(r"\d+\.00", text)) for text in shown)

@@ -40,7 +40,9 @@ def shot_of(las: laspy.LasData, scan: SimulatedScan) -> np.ndarray:
 
 
 @FORMATS
-def test_header(scan: SimulatedScan, tmp_path: Path, point_format: int) -> None:
+def test_header_has_version_scales_and_date(
+    scan: SimulatedScan, tmp_path: Path, point_format: int
+) -> None:
     header = written(scan, tmp_path, point_format).header
     assert str(header.version) == {9: "1.4", 4: "1.3"}[point_format]
     assert header.point_format.id == point_format
@@ -68,7 +70,9 @@ def test_coordinate_system(scan: SimulatedScan, tmp_path: Path, point_format: in
 
 
 @FORMATS
-def test_descriptors(scan: SimulatedScan, tmp_path: Path, point_format: int) -> None:
+def test_descriptors_describe_both_channels(
+    scan: SimulatedScan, tmp_path: Path, point_format: int
+) -> None:
     las = written(scan, tmp_path, point_format)
     data = {
         vlr.record_id: struct.unpack("<BBIIdd", vlr.record_data_bytes())
@@ -185,7 +189,7 @@ def test_returns_trigger_on_the_leading_edge(tmp_path: Path) -> None:
     np.testing.assert_allclose(early, 500.0 * scan.truth.width_samples[alone], atol=0.02)
 
 
-def test_maximum_number_of_returns_of_the_older_format(tmp_path: Path) -> None:
+def test_older_format_limits_the_number_of_returns(tmp_path: Path) -> None:
     scan = simulate_scan(ScanSettings(close_pair_fraction=0.9, return_threshold=0.0))
     assert scan.truth.echo_number.max() == 6
     assert np.asarray(written(scan, tmp_path, 4).number_of_returns).max() == 5
@@ -197,7 +201,7 @@ def test_scan_angle_in_the_unit_of_the_format(scan: SimulatedScan, tmp_path: Pat
     assert np.asarray(written(scan, tmp_path, 4).scan_angle_rank)[0] == -18
 
 
-def test_eight_bits(tmp_path: Path) -> None:
+def test_samples_of_8_bits_are_written(tmp_path: Path) -> None:
     scan = simulate_scan(ScanSettings(shots=40, bits=8, maximum=255))
     las = written(scan, tmp_path, 4)
     raw = np.fromfile(tmp_path / "line.wdp", dtype=np.uint8)[60:]
@@ -214,7 +218,7 @@ def test_scan_without_any_echo_is_written(tmp_path: Path) -> None:
     assert len(read_truth(tmp_path / "line_truth.csv")) == 0
 
 
-def test_truth_reads_back_equal(scan: SimulatedScan, tmp_path: Path) -> None:
+def test_truth_table_round_trip(scan: SimulatedScan, tmp_path: Path) -> None:
     paths = write_scan(scan, tmp_path / "a.b.las")
     assert [path.name for path in paths] == ["a.b.las", "a.b.wdp", "a.b_truth.csv"]
     back = read_truth(paths.truth)
@@ -262,7 +266,7 @@ def test_success_leaves_only_the_three_files(scan: SimulatedScan, tmp_path: Path
     assert names == ["line.las", "line.wdp", "line_truth.csv"]
 
 
-def test_wrong_name_or_format_is_refused(scan: SimulatedScan, tmp_path: Path) -> None:
+def test_invalid_name_or_format_is_refused(scan: SimulatedScan, tmp_path: Path) -> None:
     with pytest.raises(ValueError, match=r"line\.laz"):
         write_scan(scan, tmp_path / "line.laz")
     with pytest.raises(ValueError, match="point format 6"):

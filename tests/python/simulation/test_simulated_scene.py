@@ -17,7 +17,7 @@ PLAIN: dict[str, Any] = {
 }
 
 
-def test_beam_straight_down_meets_the_ground_below() -> None:
+def test_vertical_beam_hits_the_ground_below() -> None:
     scan = simulate_scan(ScanSettings(**PLAIN, half_scan_angle=0.0, heading=90.0, speed=80.0))
     assert scan.shots.origin[0].tolist() == [500_000.0, 5_300_000.0, 1020.0]
     np.testing.assert_allclose(scan.truth.xyz[0], [500_000.0, 5_300_000.0, 420.0], atol=1e-6)
@@ -26,7 +26,7 @@ def test_beam_straight_down_meets_the_ground_below() -> None:
     np.testing.assert_allclose(scan.truth.y, 5_300_000.0, atol=1e-6)
 
 
-def test_first_sample_lies_the_lead_before_the_first_echo() -> None:
+def test_first_echo_follows_the_lead_in() -> None:
     scan = simulate_scan(ScanSettings(**PLAIN, half_scan_angle=0.0))
     lead = scan.truth.position_samples[0]
     assert 20.0 <= lead < 21.0
@@ -34,7 +34,7 @@ def test_first_sample_lies_the_lead_before_the_first_echo() -> None:
     assert scan.shots.waveform_start[0] == pytest.approx(600.0 - lead * 0.149854128, abs=1e-6)
 
 
-def test_sweep_starts_on_the_left_and_turns_back() -> None:
+def test_sweep_starts_on_the_left_and_reverses() -> None:
     scan = simulate_scan(ScanSettings(shots=2000, heading=0.0))
     angle = scan.shots.scan_angle
     assert angle[0] == -18.0
@@ -118,7 +118,7 @@ def test_numbers_and_order_within_the_shots() -> None:
     )
 
 
-def test_short_record_keeps_only_what_fits() -> None:
+def test_short_waveform_keeps_only_echoes_that_fit() -> None:
     truth = simulate_scan(ScanSettings(samples=48)).truth
     assert truth.position_samples.max() <= 39.0
     assert len(np.unique(truth.shot)) == 1900
@@ -155,11 +155,11 @@ def test_all_shots_may_be_empty() -> None:
         ("points_without_packet", -1),
     ],
 )
-def test_impossible_setting_is_named(name: str, value: Any) -> None:
+def test_invalid_setting_is_named(name: str, value: Any) -> None:
     with pytest.raises(ValueError, match=name):
         ScanSettings(**{name: value})
 
 
-def test_fractions_beyond_all_shots_are_refused() -> None:
+def test_fractions_above_1_in_total_are_refused() -> None:
     with pytest.raises(ValueError, match="sum of the fractions"):
         ScanSettings(empty_fraction=0.6, saturated_fraction=0.5)

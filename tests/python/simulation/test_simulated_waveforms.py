@@ -23,12 +23,12 @@ def echoes(*rows: tuple[int, float, float], width: float = 2.0) -> Echoes:
     )
 
 
-def record(scene: Echoes, shots: int = 1) -> np.ndarray:
+def waveforms(scene: Echoes, shots: int = 1) -> np.ndarray:
     return digitise(receive(scene, shots, QUIET), QUIET, np.random.default_rng(0))
 
 
-def test_single_echo_gives_its_gaussian_in_both_channels() -> None:
-    samples = record(echoes((0, 30.0, 1000.0)))
+def test_single_echo_is_a_gaussian_in_both_channels() -> None:
+    samples = waveforms(echoes((0, 30.0, 1000.0)))
     right_low = [1010, 892, 617, 335, 145, 54, 21, 12, 10]
     right_high = [135, 120, 86, 51, 27, 15, 11, 10, 10]
     assert samples.dtype == np.uint16
@@ -41,30 +41,30 @@ def test_single_echo_gives_its_gaussian_in_both_channels() -> None:
 
 
 def test_overlapping_echoes_add_up() -> None:
-    samples = record(echoes((0, 30.0, 1000.0), (0, 34.0, 1000.0)))
+    samples = waveforms(echoes((0, 30.0, 1000.0), (0, 34.0, 1000.0)))
     # 1000 + 135.3 + 10 at either echo, 2 * 606.5 + 10 halfway between them.
     assert samples[0, 0, [30, 32, 34]].tolist() == [1145, 1223, 1145]
 
 
 def test_strong_echo_has_a_flat_top_in_the_low_power_channel_only() -> None:
-    samples = record(echoes((0, 30.0, 8000.0)))
+    samples = waveforms(echoes((0, 30.0, 8000.0)))
     assert samples[0, 0, 27:34].tolist() == [2607, 4000, 4000, 4000, 4000, 4000, 2607]
     assert samples[0, 1, 30] == 1010
 
 
-def test_echo_at_the_edge_stays_in_its_own_record() -> None:
-    samples = record(echoes((0, 63.0, 1000.0), (2, 0.0, 500.0)), shots=3)
+def test_echo_at_the_edge_stays_in_its_waveform() -> None:
+    samples = waveforms(echoes((0, 63.0, 1000.0), (2, 0.0, 500.0)), shots=3)
     assert samples[0, 0, 61:].tolist() == [617, 892, 1010]
     assert set(samples[1].ravel().tolist()) == {10}
     assert samples[2, 0, :3].tolist() == [510, 451, 313]
     assert samples[0, 0, 0] == 10
 
 
-def test_no_echo_gives_the_baseline() -> None:
+def test_waveform_without_echo_is_the_baseline() -> None:
     none = echoes((0, 1.0, 1.0))
     none = Echoes(none.shot[:0], none.position[:0], none.amplitude[:0], none.width[:0],
                   none.classification[:0])  # fmt: skip
-    assert set(record(none, shots=2).ravel().tolist()) == {10}
+    assert set(waveforms(none, shots=2).ravel().tolist()) == {10}
 
 
 def test_low_baseline_is_clipped_at_zero() -> None:
@@ -74,14 +74,14 @@ def test_low_baseline_is_clipped_at_zero() -> None:
     assert samples.max() < 12
 
 
-def test_noise_has_the_given_strength() -> None:
+def test_noise_has_the_given_rms() -> None:
     samples = digitise(np.full((200, 2, 160), 12.0), ScanSettings(), np.random.default_rng(3))
     # 64 000 samples; rounding adds a twelfth of a count squared to the variance of 2.25.
     assert samples.mean() == pytest.approx(12.0, abs=0.03)
     assert samples.std() == pytest.approx(1.5275, abs=0.02)
 
 
-def test_neighbour_distance_counts_only_the_same_shot() -> None:
+def test_neighbour_distance_is_within_the_shot() -> None:
     shot = np.array([0, 0, 0, 1, 2, 2])
     position = np.array([20.0, 23.0, 30.0, 31.0, 32.0, 40.5])
     expected = [3.0, 3.0, 7.0, np.inf, 8.5, 8.5]
@@ -105,7 +105,7 @@ def test_empty_shots_hold_only_noise() -> None:
     assert noise.mean() == pytest.approx(12.0, abs=0.05)
 
 
-def test_clipped_records_are_those_of_saturated_echoes() -> None:
+def test_clipped_waveforms_are_those_of_saturated_echoes() -> None:
     scan = simulate_scan(ScanSettings(noise_rms=0.0))
     clipped = np.flatnonzero((scan.samples[:, 0] == 4000).any(axis=1))
     assert clipped.tolist() == np.unique(scan.truth.shot[scan.truth.saturated]).tolist()
@@ -137,7 +137,7 @@ def test_equal_settings_give_equal_scans() -> None:
     assert not np.array_equal(one.samples, other.samples)
 
 
-def test_noise_leaves_the_scene_alone() -> None:
+def test_noise_does_not_change_the_scene() -> None:
     loud = simulate_scan(ScanSettings(shots=300, noise_rms=9.0))
     calm = simulate_scan(ScanSettings(shots=300))
     np.testing.assert_array_equal(loud.truth.position_samples, calm.truth.position_samples)

@@ -1,4 +1,4 @@
-"""Small LAS files with waveforms, made of laspy's points and hand-written packet bytes."""
+"""Small LAS files with waveforms: points written by laspy, packets byte by byte."""
 
 from __future__ import annotations
 
@@ -35,7 +35,7 @@ class Point:
 
 @dataclass
 class Scene:
-    """A file to be: descriptors as (index, bits, samples, spacing in ps), packets, points."""
+    """Content of a file: descriptors as (index, bits, samples, spacing in ps), packets, points."""
 
     descriptors: Sequence[tuple[int, int, int, int]]
     packets: Sequence[tuple[int, Sequence[int]]]  # descriptor index, samples
@@ -83,7 +83,7 @@ def rows(blocks: list[WaveformBlock]) -> list[list[int]]:
 
 
 def four_shots(**options: object) -> Scene:
-    """Four shots of one packet each, a second apart."""
+    """Four shots of one packet each, one second between shots."""
     points = [Point(number, gps_time=100.0 + number) for number in range(4)]
     return Scene([(1, 8, 4, 1000)], FOUR, points, **options)  # type: ignore[arg-type]
 
@@ -118,8 +118,8 @@ def compressed(path: Path, target: Path) -> Path:
 
 def data_folder() -> Path:
     """Folder with files of real scanners, if it exists."""
-    beside = Path(__file__).resolve().parents[3] / ".." / "shared" / "data"
-    return Path(os.environ.get("FULLWAVEFORM_DATA", beside))
+    default = Path(__file__).resolve().parents[3] / ".." / "shared" / "data"
+    return Path(os.environ.get("FULLWAVEFORM_DATA", default))
 
 
 def _descriptor_record(scene: Scene, index: int, bits: int, samples: int, ps: int) -> laspy.VLR:
@@ -167,8 +167,8 @@ def _append_record(path: Path, record: bytes) -> None:
         stream.write(record)
     patch(path, START_OF_PACKETS, "<Q", start)
     with laspy.open(path, read_evlrs=False) as reader:
-        minor, behind = reader.header.version.minor, reader.header.number_of_evlrs
+        minor, extended = reader.header.version.minor, reader.header.number_of_evlrs
     if minor >= 4:
         first = path.read_bytes()[START_OF_RECORDS : START_OF_RECORDS + 8]
-        start = struct.unpack("<Q", first)[0] if behind else start
-        patch(path, START_OF_RECORDS, "<QI", start, behind + 1)
+        start = struct.unpack("<Q", first)[0] if extended else start
+        patch(path, START_OF_RECORDS, "<QI", start, extended + 1)

@@ -1,4 +1,4 @@
-"""Small PulseWaves files, written number by number."""
+"""Small PulseWaves files, written field by field."""
 
 from __future__ import annotations
 
@@ -18,7 +18,6 @@ TIME_SCALE, TIME_OFFSET, MIN_TIME, SCALES, OFFSETS = 224, 232, 240, 256, 280
 HEADER_END = 352
 
 WAVES_COMPRESSION = 16  # byte of the header of samples
-WAVES_START = 60
 
 Segment = tuple[int, Sequence[int]]  # duration as stored, samples
 
@@ -92,7 +91,7 @@ class Pulse:
 
 @dataclass
 class Scene:
-    """A file to be; variable records are (user, id, data)."""
+    """Content of a file; variable records are (user, id, data)."""
 
     descriptors: Sequence[Descriptor]
     pulses: Sequence[Pulse]
@@ -106,12 +105,12 @@ class Scene:
     patches: dict[int, tuple[str, float]] = field(default_factory=dict)  # byte -> layout, value
 
     def write(self, path: Path) -> Path:
-        """Writes the pulses and beside them their samples; returns `path`."""
+        """Write the pulses and the companion file with their samples; returns `path`."""
         own = [(b"PulseWaves_Spec", 200000 + d.index, d.record()) for d in self.descriptors]
         records = [*self.records, *own]
-        behind = b"".join(_record_header(*one) + one[2] for one in records)
+        record_bytes = b"".join(_record_header(*one) + one[2] for one in records)
         waves, pulses = self._pulses_and_waves()
-        content = bytearray(self._header(len(records), len(behind)) + behind + pulses)
+        content = bytearray(self._header(len(records), len(record_bytes)) + record_bytes + pulses)
         content += b"".join(one[2] + _record_header(*one) for one in self.appended)
         for position, (layout, value) in self.patches.items():
             struct.pack_into(layout, content, position, value)
@@ -150,7 +149,7 @@ def end_of_appended() -> tuple[bytes, int, bytes]:
 
 
 def three_pulses(**options: object) -> Scene:
-    """Three pulses of one returning waveform of four samples each, a second apart."""
+    """Three pulses of one returning waveform of four samples each, one second between pulses."""
     pulses = [
         Pulse([[(0, [1, 2, 3, 4])]], time=1_000_000),
         Pulse([[(0, [5, 6, 7, 8])]], time=2_000_000),

@@ -32,7 +32,7 @@ def convolved(values: FloatArray, kernel: FloatArray) -> FloatArray:
 
 
 def signal_range(samples: FloatArray, noise: float) -> tuple[int, int] | None:
-    """First sample of the first stretch above the threshold, end of the last; None without one."""
+    """Start of the first segment above the threshold and end of the last; None without one."""
     last = len(samples) - 2
     inside, start, ranges = bool(samples[0] > noise), 1, []
     for i in range(1, last + 1):
@@ -49,7 +49,7 @@ def signal_range(samples: FloatArray, noise: float) -> tuple[int, int] | None:
 def deconvolved(
     samples: FloatArray, noise: float, kernel: FloatArray, start: int, end: int
 ) -> FloatArray:
-    """The sharpened signal at fifths of a sample from `start` on."""
+    """The deconvolved signal at fifths of a sample from `start` on."""
     length = (end - start) * UP_SAMPLING
     at = start + np.arange(length) / UP_SAMPLING
     interpolated = np.interp(at, np.arange(len(samples)), samples)
@@ -91,6 +91,6 @@ def echoes(samples: npt.ArrayLike, noise: float, kernel: FloatArray) -> list[tup
     start, end = found
     if end - start < 2:
         return []
-    sharp = deconvolved(row, noise, kernel, start, end)
+    signal = deconvolved(row, noise, kernel, start, end)
     shift = start - 0.5 * UP_SAMPLING
-    return [(i / UP_SAMPLING + shift, float(np.trunc(sharp[i]))) for i in maxima(sharp, noise)]
+    return [(i / UP_SAMPLING + shift, float(np.trunc(signal[i]))) for i in maxima(signal, noise)]

@@ -33,7 +33,7 @@ def sampled(
     baseline: npt.ArrayLike = 3.0,
     width: int = 60,
 ) -> FloatArray:
-    """A row per pulse, in counts that are not rounded."""
+    """One row per pulse, counts without rounding."""
     x = np.arange(width) - positions[:, np.newaxis]
     height, level = np.atleast_1d(amplitude), np.atleast_1d(baseline)
     return np.asarray(level[:, np.newaxis] + height[:, np.newaxis] * shape(x))
@@ -53,7 +53,7 @@ def pulses(rows: FloatArray) -> Pulses:
 
 
 def echo_samples(count: int, seed: int = 2) -> npt.NDArray[np.uint16]:
-    """Waveforms with an echo each."""
+    """Waveforms with one echo each."""
     rows, _ = recorded(count, 0.5, seed)
     return np.maximum(rows, 0.0).astype(np.uint16)
 

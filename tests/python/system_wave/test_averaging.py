@@ -34,14 +34,14 @@ def test_shape_is_recovered_without_noise() -> None:
     assert np.abs(difference(sampled(positions, np.linspace(50, 250, 97)))).max() < EXACT
 
 
-def test_with_noise_and_rounding() -> None:
+def test_shape_is_recovered_with_noise_and_rounding() -> None:
     rows, _ = recorded(400, 0.7)
     off = difference(rows)
     assert np.sqrt(np.mean(off**2)) < NOISY_RMS
     assert np.abs(off).max() < NOISY_LARGEST
 
 
-def test_phases_bunched_on_half_a_sample() -> None:
+def test_shape_is_recovered_from_clustered_phases() -> None:
     rng = np.random.default_rng(5)
     positions = 20.0 + rng.normal(0.3, 0.1, 400)
     rows = sampled(positions) + rng.normal(0.0, 0.5, (400, 60))
@@ -58,27 +58,27 @@ def test_pulses_of_other_shapes_are_rejected() -> None:
     assert np.abs(found.value - shape(found.position)).max() < NOISY_LARGEST * np.sqrt(2)
 
 
-def test_single_outlying_samples_do_not_pull() -> None:
+def test_single_outlying_samples_have_little_weight() -> None:
     rows, _ = recorded(400, 0.7)
     rng = np.random.default_rng(8)
     rows[rng.random(rows.shape) < 0.005] += 12.0
     assert np.abs(difference(rows)).max() < 1.5 * NOISY_LARGEST
 
 
-def test_scatter_is_the_noise() -> None:
+def test_scatter_is_the_relative_noise_rms() -> None:
     rows, _ = recorded(400, 0.7)
     # 0.7 counts and rounding (1 / sqrt(12)) make 0.757; heights of 80 to 200, median 140.
     assert average(pulses(rows)).scatter == pytest.approx(0.757 / 140.0, rel=0.15)
 
 
-def test_a_single_pulse_passes_through_its_samples() -> None:
+def test_average_of_one_pulse_passes_through_its_samples() -> None:
     found = average(pulses(sampled(np.array([20.0]))))
     at_samples = found.at(np.arange(-10.0, 20.0))
     np.testing.assert_allclose(at_samples, shape(np.arange(-10.0, 20.0)), atol=2e-3)
     assert np.isnan(found.at(60.0))
 
 
-def test_rows_of_different_lengths() -> None:
+def test_rows_of_different_lengths_are_averaged() -> None:
     rows, _ = recorded(300, 0.0)
     counts = np.where(np.arange(300) % 3 == 0, 45, 60)
     rows[np.arange(60) >= counts[:, np.newaxis]] = 9999.0  # after the count, never read
@@ -97,7 +97,7 @@ def test_pulses_rejected_before_averaging() -> None:
     assert left.rejected == {TOO_WEAK: 2, FLAT_TOP: 1, AT_THE_EDGE: 1}
 
 
-def test_equal_samples_below_the_limit_are_no_flat_top() -> None:
+def test_equal_samples_below_the_limit_are_not_clipped() -> None:
     rows = sampled(np.array([20.1, 20.3]), np.array([150.0, 60.0]))
     rows[1, 19:22] = 63.0
     assert len(screened(pulses(rows), 10)) == 2
@@ -110,12 +110,12 @@ def test_surplus_pulses_are_subsampled_evenly() -> None:
     assert np.array_equal(left.values[[0, -1]], sampled(positions)[[0, -1]])
 
 
-def test_no_usable_pulse() -> None:
+def test_pulses_without_a_usable_one_are_refused() -> None:
     with pytest.raises(ValueError, match=r"constructed pulses: no usable pulse \(2: no pulse"):
         average(pulses(np.full((2, 40), 3.0)))
 
 
-def test_counts_that_do_not_fit() -> None:
+def test_invalid_counts_are_refused() -> None:
     with pytest.raises(ValueError, match="3 counts for 2 rows"):
         pulses_of_rows(np.ones((2, 9)), [1, 2, 3], 1e-9, "rows")
     with pytest.raises(ValueError, match="invalid count; expected 0 to the row length 9"):
@@ -128,7 +128,7 @@ def test_invalid_interval_is_refused(interval: float) -> None:
         pulses_of_rows(np.ones((2, 9)), None, interval, "rows")
 
 
-def test_curve_in_its_own_steps() -> None:
+def test_curve_of_any_spacing_gives_the_pulse() -> None:
     time = np.cumsum(np.tile([0.1, 0.3, 0.2], 66))
     found = pulse_of_curve(time * 1e-9, 7.0 + 3.0 * shape(time - 12.34), 1e-9, "curve")
     assert np.abs(found.value - shape(found.position)).max() < 1e-3
@@ -144,6 +144,6 @@ def test_curve_in_its_own_steps() -> None:
         (np.arange(14.0), np.ones(14), "do not rise"),
     ],
 )
-def test_invalid_curves(time: FloatArray, amplitude: FloatArray, rule: str) -> None:
+def test_invalid_curves_are_refused(time: FloatArray, amplitude: FloatArray, rule: str) -> None:
     with pytest.raises(ValueError, match=rule):
         pulse_of_curve(time, amplitude, 1.0, "curve")

@@ -1,4 +1,4 @@
-"""The verb: pulses in, a description and a picture out, trouble in a message."""
+"""``fullwaveform system-wave``: description, picture and error messages."""
 
 from __future__ import annotations
 
@@ -40,9 +40,9 @@ def arrays(tmp_path: Path) -> Path:
     return path
 
 
-def test_description_and_picture(arrays: Path, tmp_path: Path) -> None:
+def test_command_writes_description_and_picture(arrays: Path, tmp_path: Path) -> None:
     toml, picture = tmp_path / "scanner.toml", tmp_path / "wave.png"
-    result = run("system-wave", arrays, "-o", toml, "--noise", "12", "--plot", picture)
+    result = run("system-wave", arrays, "-o", toml, "--threshold", "12", "--plot", picture)
     assert result.exit_code == 0, result.output
     output = words(result.stdout)
     assert "pulses used 299 out_samples of arrays.npz" in output
@@ -64,7 +64,7 @@ def test_description_and_picture(arrays: Path, tmp_path: Path) -> None:
     ]
 
 
-def test_wave_of_the_description_is_the_pulse(arrays: Path, tmp_path: Path) -> None:
+def test_system_wave_of_the_description_follows_the_pulse(arrays: Path, tmp_path: Path) -> None:
     toml = tmp_path / "scanner.toml"
     assert run("system-wave", arrays, "-o", toml, "--begin=-4.5", "-q").stdout == ""
     attributes = Scanner.from_toml(toml).attributes
@@ -75,7 +75,7 @@ def test_wave_of_the_description_is_the_pulse(arrays: Path, tmp_path: Path) -> N
     assert np.abs(wave - shape(-4.5 + np.arange(56) / 5)).max() < 1e-2
 
 
-def test_order_and_base_description(arrays: Path, tmp_path: Path) -> None:
+def test_order_and_base_description_are_used(arrays: Path, tmp_path: Path) -> None:
     first, second = tmp_path / "first.toml", tmp_path / "second.toml"
     run("system-wave", arrays, "-o", first, "--order", "4")
     text = first.read_text(encoding="utf-8").replace("ampl_unit = 1.0", "ampl_unit = 0.125")
@@ -90,7 +90,7 @@ def test_order_and_base_description(arrays: Path, tmp_path: Path) -> None:
     assert (scanner.after_pulse.offset, scanner.after_pulse.width) == (6, 3)
 
 
-def test_text_and_pdf(tmp_path: Path) -> None:
+def test_text_input_and_pdf_output(tmp_path: Path) -> None:
     text, toml, picture = (tmp_path / name for name in ("p.txt", "p.toml", "p.PDF"))
     time = np.arange(0.0, 45.0, 0.2)
     np.savetxt(text, np.column_stack([time, 3.0 + 2.0 * shape(time - 15.0)]))
@@ -101,7 +101,7 @@ def test_text_and_pdf(tmp_path: Path) -> None:
     assert Scanner.from_toml(toml).has_system_wave
 
 
-def test_note_on_a_long_pulse(tmp_path: Path) -> None:
+def test_long_pulse_is_noted(tmp_path: Path) -> None:
     text = tmp_path / "p.txt"
     time = np.arange(0.0, 120.0, 0.5)
     np.savetxt(text, np.column_stack([time, shape((time - 40.0) / 3.0)]))
@@ -109,14 +109,14 @@ def test_note_on_a_long_pulse(tmp_path: Path) -> None:
     assert "note: pulse longer than the 12 samples of the system wave" in result.stdout
 
 
-def test_extraction_with_the_description(tmp_path: Path) -> None:
+def test_extract_uses_the_description(tmp_path: Path) -> None:
     scan = write_scan(simulate_scan(ScanSettings(shots=300)), tmp_path / "scan.las").las
     toml = tmp_path / "scanner.toml"
-    assert run("system-wave", scan, "-o", toml, "--noise", "25").exit_code == 0
+    assert run("system-wave", scan, "-o", toml, "--threshold", "25").exit_code == 0
     positions = {}
     for mode in (Mode.THREE_POINT, Mode.DECONVOLUTION, Mode.HYBRID):
         output = tmp_path / f"{int(mode)}.csv"
-        call = ["extract", scan, "-o", output, "--noise", "25", "--scanner", toml]
+        call = ["extract", scan, "-o", output, "--threshold", "25", "--scanner", toml]
         result = run(*call, "--mode", str(int(mode)), "--channel", "2=high")
         assert result.exit_code == 0, result.output
         table = np.genfromtxt(output, delimiter=",", names=True)
@@ -144,19 +144,19 @@ def test_extraction_with_the_description(tmp_path: Path) -> None:
         ),
     ],
 )
-def test_wrong_calls(arrays: Path, options: list[str], message: str) -> None:
+def test_invalid_options_are_refused(arrays: Path, options: list[str], message: str) -> None:
     result = run("system-wave", arrays, *options)
     assert result.exit_code == 2
     assert message in words(result.stderr)
 
 
-def test_options_without_effect(tmp_path: Path) -> None:
+def test_options_without_effect_are_refused(tmp_path: Path) -> None:
     for name, option in (("a.las", "--interval"), ("a.las", "--array"), ("a.txt", "--source")):
         value = {"--interval": "1", "--array": "x", "--source": "echoes"}[option]
         assert run("system-wave", name, "-o", tmp_path / "o.toml", option, value).exit_code == 2
 
 
-def test_invalid_data(arrays: Path, tmp_path: Path) -> None:
+def test_invalid_data_is_reported(arrays: Path, tmp_path: Path) -> None:
     toml = tmp_path / "o.toml"
     for call, message in (
         ([tmp_path / "missing.las"], "missing.las"),

@@ -1,4 +1,4 @@
-"""The description that is written is the one that is read, and its offset is taken off."""
+"""Scanner descriptions with system wave: round trip, and subtraction of the position offset."""
 
 from __future__ import annotations
 
@@ -31,10 +31,10 @@ WAVE = ExponentialSum(
 OFFSET = DeconvolutionOffset(-1.9 - 1e-15, 0.087, 1234, -1.95)
 
 
-def test_round_trip(tmp_path: Path) -> None:
+def test_description_round_trip(tmp_path: Path) -> None:
     path = tmp_path / "scanner.toml"
     base = with_system_wave(Scanner.default(), WAVE, INTERVAL)
-    write_description(path, base, OFFSET, ("Made by a test\nof two lines.",))
+    write_description(path, base, OFFSET, ("Made by a test\nin two lines.",))
     read = Scanner.from_toml(path)
     assert read.has_system_wave
     assert read.attributes == base.attributes
@@ -42,11 +42,11 @@ def test_round_trip(tmp_path: Path) -> None:
     assert read.attributes["a_imag"] == [1 / 3, -1 / 3]
     assert read.sampling_interval == INTERVAL
     assert read.deconvolution_offset == OFFSET.position
-    assert path.read_text(encoding="utf-8").startswith("# Made by a test of two lines.\n")
+    assert path.read_text(encoding="utf-8").startswith("# Made by a test in two lines.\n")
     assert [entry.name for entry in tmp_path.iterdir()] == ["scanner.toml"]
 
 
-def test_base_is_kept(tmp_path: Path) -> None:
+def test_attributes_of_the_base_are_kept(tmp_path: Path) -> None:
     path = tmp_path / "scanner.toml"
     attributes = {**Scanner.default().attributes, "Scanner Type": "other", "ampl_unit": 0.01}
     base = Scanner.from_attributes(attributes, after_pulse=AfterPulse(5, 2))
@@ -58,11 +58,11 @@ def test_base_is_kept(tmp_path: Path) -> None:
     assert read.deconvolution_offset == 0.0
 
 
-def test_switched_off_after_pulse_is_not_written() -> None:
+def test_disabled_after_pulse_filter_is_not_written() -> None:
     assert "after_pulse" not in description_text(Scanner.default(), None)
 
 
-def test_old_offset_does_not_survive_a_new_wave(tmp_path: Path) -> None:
+def test_new_system_wave_removes_the_old_offset(tmp_path: Path) -> None:
     path = tmp_path / "scanner.toml"
     write_description(path, with_system_wave(Scanner.default(), WAVE, INTERVAL), OFFSET)
     again = with_system_wave(Scanner.from_toml(path), WAVE, INTERVAL)
@@ -78,7 +78,7 @@ def test_old_offset_does_not_survive_a_new_wave(tmp_path: Path) -> None:
         "[deconvolution]\nposition_offset = 1\nother = 2",
     ],
 )
-def test_tables_of_the_offset_that_are_none(tmp_path: Path, table: str) -> None:
+def test_invalid_offset_tables_are_refused(tmp_path: Path, table: str) -> None:
     path = tmp_path / "scanner.toml"
     path.write_text(description_text(Scanner.default(), None) + table, encoding="utf-8")
     with pytest.raises(ValueError, match="table deconvolution must have position_offset"):
@@ -99,7 +99,7 @@ def test_offset_without_its_interval_is_refused(tmp_path: Path, table: str) -> N
 
 
 @pytest.mark.parametrize(("more", "in_hybrid"), [("", -1.5), ("position_offset_hybrid = 0.5", 0.5)])
-def test_offset_of_the_hybrid(
+def test_hybrid_offset_defaults_to_the_deconvolution_offset(
     described: Scanner, tmp_path: Path, more: str, in_hybrid: float
 ) -> None:
     path = tmp_path / "scanner.toml"
@@ -118,7 +118,7 @@ def position(extractor: Extractor, waveforms: WaveformBlock) -> FloatArray:
 
 
 def block(count: int, interval: float = INTERVAL) -> WaveformBlock:
-    """Waveforms whose sample at t ps lies at x = -t."""
+    """Waveforms whose sample at t ps is at x = -t."""
     samples = echo_samples(count)
     zeros, small = np.zeros(count), np.zeros(count, np.uint8)
     return WaveformBlock(

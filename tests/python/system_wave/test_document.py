@@ -1,4 +1,4 @@
-"""What the document about the system wave shows is run here."""
+"""The examples of the document about the system wave."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ def code(language: str) -> str:
     return str(block)
 
 
-def test_python(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+def test_python_of_the_document_runs(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.chdir(tmp_path)
     exec(compile(code("python"), "system-wave.md", "exec"), {"rows": recorded(100, 0.3)[0]})
     scanner = Scanner.from_toml("scanner.toml")
@@ -30,7 +30,7 @@ def test_python(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     assert scanner.deconvolution_offset != 0.0
 
 
-def test_table_of_the_offset(tmp_path: Path) -> None:
+def test_documented_offset_table_is_valid(tmp_path: Path) -> None:
     table = tomllib.loads(code("toml"))["deconvolution"]
     assert set(table) == {
         "position_offset",
@@ -40,7 +40,7 @@ def test_table_of_the_offset(tmp_path: Path) -> None:
     }
 
 
-def test_options() -> None:
+def test_documented_options_exist() -> None:
     shown = CliRunner().invoke(app, ["system-wave", "--help"], env={"COLUMNS": "200"}).stdout
     named = set(re.findall(r"`(--?[a-z]+)", TEXT.partition("## Input")[0]))
     assert named > {"--source", "--order", "--begin", "--plot"}

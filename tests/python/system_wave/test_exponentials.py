@@ -1,4 +1,4 @@
-"""Sums of exponentials: certified sets, damped oscillations, orders, refusals."""
+"""Sums of exponentials: certified data sets, damped oscillations, orders, invalid values."""
 
 from __future__ import annotations
 
@@ -13,13 +13,13 @@ from fullwaveform.system_wave.exponentials import (
 
 from .scenes import nist
 
-# The fit is least squares, as the certified values are; what is left is the rounding of the data's
-# 14 digits times the condition of the problem (Lanczos1), or of the certified values' 11 digits.
+# Fit and certified values are least-squares solutions. They differ by rounding: that of the data to
+# 14 digits times the condition of the problem (Lanczos1), or that of the certified values to 11.
 CERTIFIED = [("Lanczos1", 1e-9), ("Lanczos2", 1e-8), ("Lanczos3", 1e-7)]
 
 
 @pytest.mark.parametrize(("name", "tolerance"), CERTIFIED)
-def test_certified_exponents_and_coefficients(name: str, tolerance: float) -> None:
+def test_fit_has_the_certified_exponents_and_coefficients(name: str, tolerance: float) -> None:
     data, certified = nist(name)
     found = fit_exponentials(data[:, 0], 0.05, 3).sum
     by_decay = np.argsort(-found.exponents.real)
@@ -29,13 +29,13 @@ def test_certified_exponents_and_coefficients(name: str, tolerance: float) -> No
 
 
 @pytest.mark.parametrize(("name", "tolerance"), CERTIFIED)
-def test_certified_residuals(name: str, tolerance: float) -> None:
+def test_fit_has_the_certified_residuals(name: str, tolerance: float) -> None:
     data, certified = nist(name)
     fit = fit_exponentials(data[:, 0], 0.05, 3)
     a, b = certified[::2, 0], certified[1::2, 0]
     of_certified = data[:, 0] - np.exp(-np.outer(data[:, 1], b)) @ a
-    least = np.sqrt(np.mean(of_certified**2)) / 2.5134  # the largest value
-    assert fit.misfit.rms <= least * (1.0 + 1e-3) + 1e-15
+    certified_rms = np.sqrt(np.mean(of_certified**2)) / 2.5134  # the largest value
+    assert fit.misfit.rms <= certified_rms * (1.0 + 1e-3) + 1e-15
 
 
 def test_pencil_alone_is_within_the_certified_deviations_of_rounded_data() -> None:
@@ -46,7 +46,7 @@ def test_pencil_alone_is_within_the_certified_deviations_of_rounded_data() -> No
 
 
 def damped(time: np.ndarray) -> np.ndarray:
-    """A skewed kernel that rings: sin² would be symmetric, the decays make it lean."""
+    """A skewed kernel with ringing: an oscillation with three different decays."""
     return (
         np.exp(-0.4 * time) * np.sin(0.9 * time)
         + 0.3 * np.exp(-0.1 * time)
@@ -54,7 +54,7 @@ def damped(time: np.ndarray) -> np.ndarray:
     )
 
 
-def test_damped_oscillation_with_two_decays() -> None:
+def test_damped_oscillation_with_two_decays_is_recovered() -> None:
     found = fit_exponentials(damped(np.arange(111) / 10), 0.1, 4).sum
     expected = np.array([-0.7, -0.4 - 0.9j, -0.4 + 0.9j, -0.1])
     order = np.lexsort((found.exponents.imag, found.exponents.real))
@@ -66,7 +66,7 @@ def test_damped_oscillation_with_two_decays() -> None:
     np.testing.assert_allclose(found(between), damped(between), atol=1e-9)
 
 
-def test_growing_exponentials() -> None:
+def test_growing_exponentials_are_recovered() -> None:
     time = np.arange(56) / 5
     found = fit_exponentials(np.exp(0.2 * time) * np.cos(1.1 * time), 0.2, 2).sum
     np.testing.assert_allclose(np.sort(found.exponents.imag), [-1.1, 1.1], atol=1e-9)
@@ -80,7 +80,7 @@ def test_exponents_are_conjugate_pairs_and_the_sum_is_real() -> None:
     assert abs(np.imag(np.exp(3.0 * found.exponents) @ found.coefficients)) < 1e-12
 
 
-def test_order_is_the_smallest_that_is_good() -> None:
+def test_smallest_sufficient_order_is_chosen() -> None:
     fit = fit_exponentials(damped(np.arange(111) / 10), 0.1)
     assert fit.sum.order == 4
     rms = {misfit.order: misfit.rms for misfit in fit.tried}
@@ -97,23 +97,23 @@ def test_order_is_not_increased_to_fit_noise() -> None:
     assert len(fit.tried) > 3
 
 
-def test_scaled_in_time() -> None:
+def test_scaled_in_time_has_the_same_values() -> None:
     scaled = ExponentialSum(np.array([2.0 + 0j]), np.array([-0.5 + 0j])).scaled_in_time(1e-9)
     assert scaled(4e-9) == pytest.approx(2.0 * np.exp(-2.0), rel=1e-14)
 
 
 @pytest.mark.parametrize("values", [[], np.zeros(9), [1.0, np.nan, 2.0, 3.0], np.ones((3, 3))])
-def test_values_that_cannot_be_fitted(values: np.ndarray) -> None:
+def test_invalid_values_are_refused(values: np.ndarray) -> None:
     with pytest.raises(ValueError, match="finite, and not all 0"):
         fit_exponentials(values, 0.1)
 
 
 @pytest.mark.parametrize("order", [0, 12])
-def test_order_that_the_values_do_not_allow(order: int) -> None:
+def test_order_above_the_number_of_values_is_refused(order: int) -> None:
     with pytest.raises(ValueError, match=f"invalid order {order}; expected 1 to 11"):
         fit_exponentials(np.exp(-np.arange(24.0)), 1.0, order)
 
 
-def test_alternating_values_have_no_exponents() -> None:
+def test_alternating_values_are_refused() -> None:
     with pytest.raises(ValueError, match="order 1"):
         fit_exponentials((-1.0) ** np.arange(24), 1.0, 1)

@@ -16,7 +16,7 @@ def pulse(stretch: float = 1.0, until: float = 40.0) -> AveragePulse:
     return pulse_of_curve(time * INTERVAL, shape((time - 30.0) / stretch), INTERVAL, "a curve")
 
 
-def test_window_begins_where_the_rise_leaves_a_hundredth() -> None:
+def test_window_begins_at_a_hundredth_of_the_maximum() -> None:
     wave = fit_system_wave(pulse())
     # (1 + x / 5)^6 exp(-6 x / 5) is 0.0078 at -4.0 and 0.0122 at -3.9
     assert wave.begin == pytest.approx(-4.0)
@@ -32,7 +32,7 @@ def test_wave_follows_the_pulse_inside_the_window() -> None:
     assert np.isnan(wave.at([wave.begin - 0.1, wave.begin + 11.1])).all()
 
 
-def test_wave_in_seconds_begins_with_its_window() -> None:
+def test_wave_in_seconds_begins_at_the_window() -> None:
     wave = fit_system_wave(pulse(), begin=-4.25)
     time = np.arange(56) * INTERVAL / 5
     np.testing.assert_allclose(
@@ -42,17 +42,17 @@ def test_wave_in_seconds_begins_with_its_window() -> None:
     )
 
 
-def test_order_that_was_asked_for() -> None:
+def test_requested_order_is_used() -> None:
     coarse, fine = (fit_system_wave(pulse(), order=order).fit for order in (3, 6))
     assert (coarse.sum.order, fine.sum.order) == (3, 6)
     assert coarse.misfit.rms > 10.0 * fine.misfit.rms
 
 
-def test_pulse_longer_than_the_window() -> None:
+def test_window_of_a_long_pulse_has_the_most_energy() -> None:
     wave = fit_system_wave(pulse(stretch=3.0))
     assert not wave.is_contained
     first, last = wave.pulse.at([wave.begin, wave.begin + 11.0])
-    # The richest window ends as high as it begins.
+    # The window of most energy begins and ends at the same height.
     assert first == pytest.approx(last, abs=0.02)
     assert first > 0.3
     energy = np.trapezoid(shape(np.arange(-5, 25, 0.01)) ** 2)
@@ -60,7 +60,7 @@ def test_pulse_longer_than_the_window() -> None:
     assert wave.contained == pytest.approx(np.trapezoid(shape(position) ** 2) / energy, abs=0.01)
 
 
-def test_pulse_that_ends_inside_the_window() -> None:
+def test_pulse_ending_inside_the_window_is_refused() -> None:
     with pytest.raises(
         ValueError, match=r"recorded from -30.0 to 4.[89] samples .* needs -3.0 to 8.0"
     ):

@@ -1,4 +1,4 @@
-"""Where deconvolved echoes lie, also by an independent deconvolution."""
+"""Position offset of deconvolved echoes, compared with an independent deconvolution."""
 
 from __future__ import annotations
 
@@ -60,13 +60,15 @@ def independent_positions(wave: SystemWave, rows: np.ndarray) -> np.ndarray:
     return np.array([max(echoes, key=lambda echo: echo[1])[0] for echoes in found])
 
 
-def test_offset_is_that_of_an_independent_deconvolution(wave: SystemWave, scanner: Scanner) -> None:
+def test_offset_agrees_with_an_independent_deconvolution(
+    wave: SystemWave, scanner: Scanner
+) -> None:
     found = measure_offset(scanner, [waveforms()], NOISE)
     _, truth = recorded(200, 0.5, 2)
     expected = np.median(independent_positions(wave, waveforms().samples) - truth)
     assert found is not None
     assert found.echoes >= 190
-    # The Gauss fit errs on a skewed pulse, by less than this in the median over all phases.
+    # The error of the Gauss fit for a skewed pulse is smaller, in the median over all phases.
     assert found.position == pytest.approx(expected, abs=0.1)
     reference = echoes_of(waveforms(), scanner, NOISE, Mode.THREE_POINT)
     fitted = strongest_echoes(reference, waveforms().baseline()).position
@@ -76,7 +78,7 @@ def test_offset_is_that_of_an_independent_deconvolution(wave: SystemWave, scanne
 
 
 def test_offset_follows_the_window(wave: SystemWave) -> None:
-    """A window that begins a sample earlier lets the echo begin a sample earlier."""
+    """A window that begins a sample earlier moves deconvolved positions a sample earlier."""
     offsets = []
     for begin in (wave.begin - 1.0, wave.begin):
         moved = fit_system_wave(wave.pulse, begin=begin)
@@ -87,7 +89,9 @@ def test_offset_follows_the_window(wave: SystemWave) -> None:
     assert offsets[1] - offsets[0] == pytest.approx(1.0, abs=0.1)
 
 
-def test_simulated_echoes_agree_with_recorded_ones(wave: SystemWave, scanner: Scanner) -> None:
+def test_offset_of_simulated_echoes_agrees_with_recorded_ones(
+    wave: SystemWave, scanner: Scanner
+) -> None:
     made = offset_of_simulated_echoes(scanner, wave.pulse)
     recorded_ones = measure_offset(scanner, [waveforms()], NOISE)
     assert recorded_ones is not None
@@ -105,7 +109,7 @@ def table(*echoes: tuple[int, float, float]) -> dict[str, np.ndarray]:
     return {"row": row.astype(np.int64), "idx": idx, "amplitudeCounts": amplitude}
 
 
-def test_strongest_echo_of_each_row() -> None:
+def test_strongest_echo_of_each_row_is_selected() -> None:
     found = strongest_echoes(
         table((1, 30.0, 50.0), (1, 41.0, 90.0), (3, 20.0, 80.0), (3, 30.0, 17.0), (4, np.nan, 9.0)),
         np.full(5, 10.0),
@@ -113,11 +117,11 @@ def test_strongest_echo_of_each_row() -> None:
     np.testing.assert_array_equal(found.row, [1, 3])
     np.testing.assert_array_equal(found.position, [41.0, 20.0])
     np.testing.assert_array_equal(found.height, [80.0, 70.0])
-    # 40 of 80 counts disturb; 7 of 70 are a tenth, as ringing is.
+    # 40 of 80 counts disturb; 7 of 70 are a tenth and count as ringing.
     np.testing.assert_array_equal(found.isolated, [False, True])
 
 
-def test_echo_far_away_leaves_another_alone() -> None:
+def test_distant_echo_does_not_disturb_isolation() -> None:
     for distance, alone in ((24.0, False), (24.1, True)):
         found = strongest_echoes(
             table((0, 20.0, 90.0), (0, 20.0 + distance, 60.0)), np.full(1, 10.0)
@@ -125,7 +129,7 @@ def test_echo_far_away_leaves_another_alone() -> None:
         assert found.isolated.tolist() == [alone]
 
 
-def test_differences_are_taken_within_the_row() -> None:
+def test_positions_are_compared_within_the_row() -> None:
     reference = strongest_echoes(
         table((0, 20.0, 90.0), (2, 30.0, 90.0), (3, 50.0, 70.0)), np.full(4, 10.0)
     )
@@ -136,14 +140,14 @@ def test_differences_are_taken_within_the_row() -> None:
     np.testing.assert_array_equal(found, [-1.5, -3.0])  # row 2: out of reach
 
 
-def test_no_differences() -> None:
+def test_empty_echoes_have_no_differences() -> None:
     empty = table()
     some = table((0, 20.0, 90.0))
     assert len(position_differences(strongest_echoes(some, np.zeros(1)), empty)) == 0
     assert len(position_differences(strongest_echoes(empty, np.zeros(1)), some)) == 0
 
 
-def test_median_and_robust_spread() -> None:
+def test_summary_has_median_and_robust_spread() -> None:
     found = summary_of(np.array([-1.0, -1.1, -0.9, -1.2, 7.0]))
     assert found == DeconvolutionOffset(-1.0, pytest.approx(1.4826 * 0.1), 5, hybrid=-1.0)
 
@@ -173,7 +177,7 @@ def test_crowded_echoes_and_other_intervals_are_rejected() -> None:
     assert found.rejected["different sampling interval"] == 40
 
 
-def test_no_isolated_echo() -> None:
+def test_waveforms_without_isolated_echo_are_refused() -> None:
     flat = Waveforms(np.full((5, 40), 3, np.uint16), np.full(5, 40, np.uint16), INTERVAL)
     with pytest.raises(
         ValueError, match="flat waveforms: no echo without others within 24 samples"

@@ -1,8 +1,7 @@
-"""System waves of real scanners, where their waveforms are at hand."""
+"""System waves of real scanners, if their waveforms are available."""
 
 from __future__ import annotations
 
-import os
 from collections.abc import Mapping
 from functools import cache
 from pathlib import Path
@@ -18,21 +17,22 @@ from fullwaveform.system_wave.isolated import StrongEchoes, Waveforms, echoes_of
 from fullwaveform.system_wave.offset import position_differences
 from fullwaveform.system_wave.sources import Input, Source
 
-BESIDE = Path(__file__).resolve().parents[3] / ".." / "shared" / "data"
-FOLDER = Path(os.environ.get("FULLWAVEFORM_DATA", BESIDE))
+from ..support.las_scenes import data_folder
+
+FOLDER = data_folder()
 STRIP = FOLDER / "pulsewaves" / "topo_1ns.pls"
 FOREST = FOLDER / "arrays" / "forest_12bit.npz"
 
 needs_strip = pytest.mark.skipif(
-    not STRIP.exists(), reason=f"no {STRIP.name} in the folder of real waveforms"
+    not STRIP.exists(), reason=f"no {STRIP.name} in the folder of real data"
 )
 COARSE = FOLDER / "arrays" / "topo_2ns.npz"
 
 needs_coarse = pytest.mark.skipif(
-    not COARSE.exists(), reason=f"no {COARSE.name} in the folder of real waveforms"
+    not COARSE.exists(), reason=f"no {COARSE.name} in the folder of real data"
 )
 needs_forest = pytest.mark.skipif(
-    not FOREST.exists(), reason=f"no {FOREST.name} in the folder of real waveforms"
+    not FOREST.exists(), reason=f"no {FOREST.name} in the folder of real data"
 )
 
 
@@ -50,10 +50,10 @@ def width_at_half(pulse: AveragePulse) -> float:
 
 
 @needs_strip
-def test_outgoing_pulses_ring() -> None:
+def test_average_of_outgoing_pulses_shows_ringing() -> None:
     pulse = averaged(STRIP, None, None, 8)
     assert pulse.used == 4000
-    # Rounding and 0.7 counts of noise on pulses of some 185 counts.
+    # Rounding and 0.7 counts of noise on pulses of about 185 counts.
     assert pulse.scatter == pytest.approx(0.76 / 185, rel=0.15)
     after = (pulse.position > 7.0) & (pulse.position < 15.0)
     bump = pulse.position[after][np.argmax(pulse.value[after])]
@@ -63,8 +63,8 @@ def test_outgoing_pulses_ring() -> None:
 
 
 @needs_strip
-def test_echoes_show_the_pulse_that_was_sent() -> None:
-    """Hard targets return the pulse as it is, up to the other receiver's bandwidth."""
+def test_average_of_echoes_agrees_with_the_outgoing_pulse() -> None:
+    """Hard targets reflect the pulse unchanged, except for the bandwidth of the other receiver."""
     sent, returned = averaged(STRIP, None, None, 8), averaged(STRIP, Source.ECHOES, None, 8)
     assert width_at_half(returned) == pytest.approx(width_at_half(sent), rel=0.15)
     position = np.arange(-5.0, 6.1, 0.1)
@@ -72,7 +72,7 @@ def test_echoes_show_the_pulse_that_was_sent() -> None:
 
 
 @needs_strip
-def test_exponentials_of_the_outgoing_pulses() -> None:
+def test_exponentials_fit_the_outgoing_pulse() -> None:
     wave = strip_wave()
     assert wave.is_contained
     assert 5 <= wave.fit.sum.order <= 7
@@ -82,7 +82,7 @@ def test_exponentials_of_the_outgoing_pulses() -> None:
 
 @needs_strip
 def test_modes_agree_after_the_offset() -> None:
-    """Measured on every other waveform, applied to those between."""
+    """Measured on every other waveform, applied to the remaining ones."""
     wave = strip_wave()
     scanner = with_system_wave(Scanner.default(), wave.in_seconds(), 1e-9)
     parts = [part for part in Input(STRIP).waveforms() if len(part.samples) > 1000]
@@ -103,7 +103,7 @@ def test_modes_agree_after_the_offset() -> None:
 
 
 @needs_coarse
-def test_hybrid_agrees_where_fit_and_decomposition_do_not() -> None:
+def test_hybrid_agrees_where_fit_and_decomposition_differ() -> None:
     """Every other waveform is of the low-power channel."""
     pulse = averaged(COARSE, Source.ECHOES, None, 8)
     wave = fit_system_wave(pulse).in_seconds()
@@ -142,7 +142,7 @@ def of_rows(waveforms: Waveforms, first: int) -> Waveforms:
 
 @needs_forest
 @pytest.mark.parametrize("array", ["out_samples", "impulse_samples"])
-def test_pulse_longer_than_the_window(array: str) -> None:
+def test_long_pulse_is_not_contained_in_the_window(array: str) -> None:
     pulse = averaged(FOREST, None, array, 240)
     assert 14.0 < width_at_half(pulse) < 16.0
     wave = fit_system_wave(pulse)
@@ -153,5 +153,5 @@ def test_pulse_longer_than_the_window(array: str) -> None:
     offset = measure_offset(scanner, Input(FOREST).waveforms(), 240)
     assert offset is not None
     assert offset.echoes > 300
-    # Tops of 15 samples are flat: fitted positions scatter by the better part of a sample.
+    # A maximum 15 samples wide is flat: fitted positions scatter by most of a sample.
     assert offset.spread < 1.0

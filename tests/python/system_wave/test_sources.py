@@ -1,4 +1,4 @@
-"""Pulses and echoes out of files."""
+"""Pulses and echoes read from files."""
 
 from __future__ import annotations
 
@@ -19,8 +19,8 @@ from fullwaveform.system_wave.sources import NOT_RECORDED, Input, Source
 from .scenes import INTERVAL, echo_samples, recorded, shape
 
 
-def averaged(wanted: Input) -> AveragePulse:
-    return wanted.averaged_pulse(Scanner.default())
+def averaged(source: Input) -> AveragePulse:
+    return source.averaged_pulse(Scanner.default())
 
 
 def is_the_pulse(found: AveragePulse, tolerance: float = 1e-2) -> bool:
@@ -59,7 +59,7 @@ def test_echoes_of_arrays(arrays: Path) -> None:
     assert is_the_pulse(found, 2e-2)
 
 
-def test_named_array(tmp_path: Path) -> None:
+def test_array_is_selected_by_name(tmp_path: Path) -> None:
     path = tmp_path / "one.npz"
     np.savez(path, wave=np.rint(1000 * shape(np.arange(60) - 20.0)), sampling_interval_s=2e-9)
     found = averaged(Input(path, array="wave"))
@@ -73,7 +73,7 @@ def test_given_interval_has_precedence(arrays: Path) -> None:
     assert waveforms.sampling_interval == 3e-9
 
 
-def test_two_columns(tmp_path: Path) -> None:
+def test_text_of_two_columns_is_read(tmp_path: Path) -> None:
     path = tmp_path / "pulse.csv"
     time = np.arange(0.0, 50.0, 0.25)
     lines = [
@@ -85,7 +85,7 @@ def test_two_columns(tmp_path: Path) -> None:
     assert list(Input(path, interval=2e-9).waveforms()) == []
 
 
-def test_names_above_the_columns(tmp_path: Path) -> None:
+def test_header_line_of_a_text_file_is_skipped(tmp_path: Path) -> None:
     """As spreadsheets write them: a byte order mark, names, comma-separated values."""
     path = tmp_path / "pulse.csv"
     time = np.arange(0.0, 50.0, 0.25)
@@ -105,37 +105,37 @@ def test_names_above_the_columns(tmp_path: Path) -> None:
         ("1 2\n2 3\n", "at least 8 times"),
     ],
 )
-def test_invalid_text_files(tmp_path: Path, content: str, rule: str) -> None:
+def test_invalid_text_files_are_refused(tmp_path: Path, content: str, rule: str) -> None:
     path = tmp_path / "pulse.txt"
     path.write_text(content, encoding="utf-8")
     with pytest.raises(ValueError, match=rf"pulse\.txt: .*{rule}"):
         averaged(Input(path, interval=1e-9))
 
 
-def test_text_without_an_interval(tmp_path: Path) -> None:
+def test_text_without_an_interval_is_refused(tmp_path: Path) -> None:
     path = tmp_path / "pulse.txt"
     path.write_text("1 2\n", encoding="utf-8")
     with pytest.raises(ValueError, match="in ns with --interval"):
         averaged(Input(path))
 
 
-def test_array_that_is_missing_or_no_numbers(arrays: Path) -> None:
+def test_missing_or_nonnumeric_array_is_refused(arrays: Path) -> None:
     with pytest.raises(ValueError, match="has no array other; it has count, name, out_count"):
         averaged(Input(arrays, array="other"))
     with pytest.raises(ValueError, match="name must be numbers"):
         averaged(Input(arrays, array="name"))
 
 
-def test_arrays_that_do_not_say_their_interval(tmp_path: Path) -> None:
+def test_arrays_without_an_interval_are_refused(tmp_path: Path) -> None:
     path = tmp_path / "a.npz"
     np.savez(path, out_samples=np.ones((3, 9)))
     with pytest.raises(ValueError, match="has no sampling_interval"):
         averaged(Input(path))
 
 
-def test_what_is_no_npz(tmp_path: Path) -> None:
+def test_invalid_npz_is_refused(tmp_path: Path) -> None:
     path = tmp_path / "a.npz"
-    path.write_bytes(b"PK\x03\x04 and nothing else")
+    path.write_bytes(b"PK\x03\x04 and no archive")
     with pytest.raises(ValueError, match=r"corrupt \.npz"):
         averaged(Input(path))
     with pytest.raises(FileNotFoundError):
@@ -152,7 +152,9 @@ def test_what_is_no_npz(tmp_path: Path) -> None:
         (np.ones((3, 40), np.int64), [40, 40]),
     ],
 )
-def test_invalid_samples(tmp_path: Path, samples: np.ndarray, count: list[int] | None) -> None:
+def test_invalid_samples_are_refused(
+    tmp_path: Path, samples: np.ndarray, count: list[int] | None
+) -> None:
     path = tmp_path / "a.npz"
     more = {} if count is None else {"count": np.array(count)}
     np.savez(path, samples=samples, sampling_interval_s=1e-9, **more)
@@ -207,7 +209,7 @@ def pulsewaves_scenes() -> ModuleType:
     assert spec is not None
     assert spec.loader is not None
     module = importlib.util.module_from_spec(spec)
-    sys.modules[spec.name] = module  # dataclasses look their module up
+    sys.modules[spec.name] = module  # dataclasses look up their module
     spec.loader.exec_module(module)
     return module
 
@@ -229,13 +231,13 @@ def test_echoes_of_a_pulsewaves_file(tmp_path: Path) -> None:
     assert is_the_pulse(found, 2e-2)
 
 
-def test_pulsewaves_file_without_outgoing_pulses(tmp_path: Path) -> None:
+def test_pulsewaves_file_without_outgoing_pulses_is_refused(tmp_path: Path) -> None:
     path = pulsewaves_file(tmp_path / "scan.pls", outgoing=False)
     with pytest.raises(ValueError, match="has no outgoing pulses; use --source echoes"):
         averaged(Input(path))
 
 
-def test_numbers_add_up_to_the_pulses_of_the_file(tmp_path: Path) -> None:
+def test_used_and_rejected_pulses_add_up(tmp_path: Path) -> None:
     path = pulsewaves_file(tmp_path / "scan.pls", outgoing=True)
     waves = path.with_suffix(".wvs")
     # Each pulse has 50 outgoing samples, 4 bytes and 60 returning samples; 60 bytes precede.
@@ -273,7 +275,7 @@ def test_arrays_with_echoes_only(tmp_path: Path) -> None:
 
 
 def test_echoes_of_an_archive_under_its_documented_keys(tmp_path: Path, arrays: Path) -> None:
-    """Rows are longer than what counts of them, and the file is an archive by its content."""
+    """Rows are longer than their counts, and the archive is recognised by its content."""
     path = tmp_path / "scan.txt"
     after = np.full((200, 20), 900, np.uint16)
     samples, times = np.hstack([echo_samples(200), after]), np.arange(200.0)
@@ -288,7 +290,7 @@ def test_echoes_of_an_archive_under_its_documented_keys(tmp_path: Path, arrays: 
     np.testing.assert_array_equal(found.value, known.value)
 
 
-def test_text_of_another_encoding(tmp_path: Path) -> None:
+def test_text_of_another_encoding_is_refused(tmp_path: Path) -> None:
     path = tmp_path / "pulse.txt"
     path.write_bytes("# 5 µs\n1 2\n".encode("latin-1"))
     with pytest.raises(WaveformFileError, match=r"pulse\.txt: not UTF-8 text"):
@@ -296,7 +298,7 @@ def test_text_of_another_encoding(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("interval", [1e-6, 1e-3, 4.2e-9])
-def test_curve_shorter_than_the_window(tmp_path: Path, interval: float) -> None:
+def test_curve_shorter_than_the_window_is_refused(tmp_path: Path, interval: float) -> None:
     path = tmp_path / "pulse.txt"
     time = np.arange(0.0, 50.25, 0.25)
     np.savetxt(path, np.column_stack([time, shape(time / 2 - 10)]))

@@ -73,7 +73,7 @@ class PulseData:
 
     def times(self, pulses: Pulses) -> FloatArray:
         """Time of each pulse, s; standard GPS times are adjusted as in LAS, minus 1e9."""
-        # Subtracted from the offset, because at 1e9 s doubles are 0.1 us apart.
+        # Subtracted from the offset, because the spacing of doubles at 1e9 s is 0.1 us.
         offset = self.header.time_offset - self.header.time_adjustment
         with np.errstate(over="ignore"):  # an extreme scale gives infinite times, never NaN
             times: FloatArray = pulses["time"] * np.float64(self.header.time_scale)

@@ -1,4 +1,4 @@
-"""Scan containers: what is in them, read by h5py alone, and what is refused."""
+"""Scan containers: layout as read with h5py, round trips, and invalid blocks."""
 
 from __future__ import annotations
 
@@ -53,7 +53,7 @@ def test_layout_seen_by_h5py(tmp_path: Path) -> None:
         assert (waveforms.dtype, waveforms.shape) == (np.uint16, (2, 4))
         assert (waveforms.compression, waveforms.shuffle) == ("gzip", True)
         assert waveforms[:].tolist() == [[1, 2, 3, 4], [5, 6, 7, 8]]
-        # The interval is the waveforms' own, not that of the description.
+        # The interval of the waveforms, not of the description.
         assert waveforms.attrs["WaveformSampleInterval"] == 2e-9
         assert waveforms.attrs["a_imag"].tolist() == [0.0, -1.0]
         assert waveforms.attrs["b_real"].tolist() == [-3e8, -4e8]
@@ -96,7 +96,7 @@ def test_scanner_round_trip(tmp_path: Path) -> None:
         assert reader.scanner() is None
 
 
-def test_waveforms_of_several_lengths_and_segments(tmp_path: Path) -> None:
+def test_waveforms_of_several_lengths_and_segments_round_trip(tmp_path: Path) -> None:
     scene = two_channels()
     path = as_container(scene.write(tmp_path / "a.pls"), tmp_path / "a.h5", waveforms_per_block=1)
     with h5py.File(path) as file:
@@ -154,7 +154,7 @@ def test_flags_are_read_from_the_file(tmp_path: Path) -> None:
         assert reader.tally.notes == []
 
 
-def test_shot_in_two_blocks_is_an_error(tmp_path: Path) -> None:
+def test_shot_in_two_blocks_is_refused(tmp_path: Path) -> None:
     with LasWaveformReader(four_shots().write(tmp_path / "a.las")) as reader:
         (block,) = reader.blocks()
     writer = ScanContainerWriter(tmp_path / "b.h5", None)

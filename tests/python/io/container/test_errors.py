@@ -77,21 +77,21 @@ INTERVALS = f"{FIELDS}/SampleInterval"
         (new_attribute("scanner", "colour", 3.0), "unknown: colour"),
     ],
 )
-def test_invalid_containers(
+def test_invalid_containers_are_refused(
     tmp_path: Path, change: Callable[[h5py.File], object], words: str
 ) -> None:
     path = changed(four(tmp_path, Scanner.from_attributes(DESCRIPTION)), change)
     assert words in message_of(path)
 
 
-def test_missing_attribute_of_the_las_group(tmp_path: Path) -> None:
+def test_missing_attribute_of_the_las_group_is_refused(tmp_path: Path) -> None:
     def change(file: h5py.File) -> None:
         del file["las"].attrs["offsets"]
 
     assert "'offsets'" in message_of(changed(four(tmp_path), change))
 
 
-def test_chunks_above_the_limit(tmp_path: Path) -> None:
+def test_chunks_above_the_limit_are_refused(tmp_path: Path) -> None:
     def change(file: h5py.File) -> None:
         del file["space/gps_time"]
         file.create_dataset("space/gps_time", (4,), np.float64, chunks=(2**26,), maxshape=(None,))
@@ -107,7 +107,7 @@ def test_any_truncation_is_an_error(tmp_path: Path) -> None:
         message_of(path)
 
 
-def test_corrupt_samples(tmp_path: Path) -> None:
+def test_corrupt_samples_are_an_error(tmp_path: Path) -> None:
     path = four(tmp_path)
     with h5py.File(path) as file:
         chunk = file[WAVEFORMS].id.get_chunk_info(0)
@@ -117,14 +117,14 @@ def test_corrupt_samples(tmp_path: Path) -> None:
     assert "unreadable rows 0 to 4 of a dataset" in message_of(path)
 
 
-def test_missing_file_and_folder(tmp_path: Path) -> None:
+def test_missing_file_and_folder_are_errors(tmp_path: Path) -> None:
     with pytest.raises(FileNotFoundError):
         ScanContainerReader(tmp_path / "none.h5")
     with pytest.raises(IsADirectoryError):
         ScanContainerReader(tmp_path)
 
 
-def test_declared_waveforms_exceed_the_file_size(tmp_path: Path) -> None:
+def test_more_declared_waveforms_than_fit_are_refused(tmp_path: Path) -> None:
     def change(file: h5py.File) -> None:
         file[WAVEFORMS].resize(10**12, axis=0)
 

@@ -15,7 +15,7 @@ import fullwaveform
 from fullwaveform.data import echo_columns
 from fullwaveform.data.echo_columns import EchoColumn, LasDimension
 
-from ...extraction.test_extraction import Packet, block_of, record
+from ...extraction.test_extraction import Packet, block_of, triples
 
 ADDED = EchoColumn(
     "mirrored",
@@ -30,13 +30,13 @@ EXPECTED = [90.0, 70.0]  # of echoes at samples 10 and 30
 
 @pytest.fixture
 def result(monkeypatch: pytest.MonkeyPatch) -> fullwaveform.Extraction:
-    """Two echoes and a waveform without echoes, extracted with one column more."""
+    """Two echoes and a waveform without echoes, extracted with the added column."""
     monkeypatch.setattr(echo_columns, "ECHO_COLUMNS", (*echo_columns.ECHO_COLUMNS, ADDED))
-    packets = [Packet(record({10: 80, 30: 90}), shot=1.0), Packet(record({}), shot=2.0)]
+    packets = [Packet(triples({10: 80, 30: 90}), shot=1.0), Packet(triples({}), shot=2.0)]
     return fullwaveform.extract(block_of(packets), threshold=10, keep_empty=True)
 
 
-def test_in_memory(result: fullwaveform.Extraction) -> None:
+def test_added_column_is_in_the_table(result: fullwaveform.Extraction) -> None:
     assert list(result.peaks)[-1] == "mirrored"
     np.testing.assert_array_equal(result.peaks["mirrored"], [*EXPECTED, np.nan])
     table = result.to_arrow()
@@ -48,7 +48,9 @@ def test_in_memory(result: fullwaveform.Extraction) -> None:
 
 
 @pytest.mark.parametrize("ending", [".las", ".laz"])
-def test_in_points(result: fullwaveform.Extraction, tmp_path: Path, ending: str) -> None:
+def test_added_column_is_in_the_points(
+    result: fullwaveform.Extraction, tmp_path: Path, ending: str
+) -> None:
     assert result.write(tmp_path / f"e{ending}") == 2
     points = laspy.read(tmp_path / f"e{ending}")
     dimension = points.point_format.dimension_by_name("mirrored")
@@ -56,7 +58,9 @@ def test_in_points(result: fullwaveform.Extraction, tmp_path: Path, ending: str)
     assert points["mirrored"].tolist() == EXPECTED
 
 
-def test_in_tables(result: fullwaveform.Extraction, tmp_path: Path) -> None:
+def test_added_column_is_in_every_table_format(
+    result: fullwaveform.Extraction, tmp_path: Path
+) -> None:
     for ending in (".csv", ".parquet", ".h5"):
         assert result.write(tmp_path / f"e{ending}") == 2
     parquet = pq.read_table(tmp_path / "e.parquet")

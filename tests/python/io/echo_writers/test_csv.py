@@ -1,4 +1,4 @@
-"""Echoes written as comma-separated values, and the file that appears only when it is whole."""
+"""Echoes written as comma-separated values, to a file that appears when it is complete."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ HEADER = (
 )
 
 
-def test_two_echoes_as_text(tmp_path: Path) -> None:
+def test_csv_text_of_two_echoes(tmp_path: Path) -> None:
     table = echo_table(
         [2],
         xyz=np.array([[433978.209, 0.1, -1e-9], [1.0, 2.0, 3.0]]),
@@ -65,7 +65,7 @@ def write_and_stop(writer: CsvEchoWriter) -> None:
     raise KeyboardInterrupt
 
 
-def test_a_failed_run_leaves_no_file(tmp_path: Path) -> None:
+def test_failed_run_leaves_no_file(tmp_path: Path) -> None:
     writer = CsvEchoWriter(tmp_path / "e.csv")
     with pytest.raises(KeyboardInterrupt), writer:
         write_and_stop(writer)
@@ -87,7 +87,7 @@ def test_file_appears_when_it_is_complete(tmp_path: Path) -> None:
     assert path.stat().st_mode == plain.stat().st_mode
 
 
-def test_paths_that_cannot_be_written(tmp_path: Path) -> None:
+def test_unwritable_paths_are_refused(tmp_path: Path) -> None:
     with pytest.raises(FileNotFoundError, match="nowhere does not exist"):
         atomic_path(tmp_path / "nowhere" / "a").__enter__()
     with pytest.raises(IsADirectoryError, match="it is a folder"):

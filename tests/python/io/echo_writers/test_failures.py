@@ -26,7 +26,7 @@ from ...support.echo_tables import echo_table
 
 @contextmanager
 def files_end_at(size: int) -> Iterator[None]:
-    """The system refuses to write files longer than this, as on a disk that is full."""
+    """The system rejects writes beyond this file size, as on a full disk."""
     before = resource.getrlimit(resource.RLIMIT_FSIZE)
     resource.setrlimit(resource.RLIMIT_FSIZE, (size, before[1]))
     try:
@@ -112,7 +112,7 @@ def test_missing_folder_and_folder_of_the_same_name(tmp_path: Path, ending: str)
 def test_folder_without_write_permission(
     tmp_path: Path, ending: str, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    # The administrator may write anywhere, so the refusal is the system call's.
+    # Permissions do not restrict root, so the system call is replaced by one that fails.
     def refuse(*_: object) -> int:
         raise PermissionError(errno.EACCES, os.strerror(errno.EACCES))
 
@@ -126,7 +126,7 @@ def test_folder_without_write_permission(
 
 
 @pytest.mark.parametrize("ending", ECHO_ENDINGS)
-def test_an_error_keeps_the_existing_file(tmp_path: Path, ending: str) -> None:
+def test_error_keeps_the_existing_file(tmp_path: Path, ending: str) -> None:
     path = tmp_path / f"e{ending}"
     path.write_bytes(b"older result")
     writer = open_echo_file(path, None)

@@ -55,7 +55,7 @@ def test_version_and_point_format_follow_the_source(
 
 
 @pytest.mark.parametrize(("version", "source_format"), [("1.3", 4), ("1.4", 9)])
-def test_every_field_of_an_echo(tmp_path: Path, version: str, source_format: int) -> None:
+def test_standard_fields_of_an_echo(tmp_path: Path, version: str, source_format: int) -> None:
     attributes = shot_attributes(
         2,
         scan_angle=np.array([-12.0, 20.4], np.float32),
@@ -86,7 +86,7 @@ def test_every_field_of_an_echo(tmp_path: Path, version: str, source_format: int
     assert las.position.tolist() == [17.125, 1e-9]
 
 
-def test_the_extra_bytes_of_an_echo(tmp_path: Path) -> None:
+def test_extra_bytes_of_an_echo(tmp_path: Path) -> None:
     las = written(tmp_path / "e.las", source_header("1.3", 4), echo_table([2]))
     expected = {
         "amplitude_db": ("float32", [12.5, 12.5]),
@@ -179,8 +179,8 @@ def test_reference_system_and_time_type_are_copied(tmp_path: Path) -> None:
         (34737, b"one|two|\0"),
     ]
     assert [record_id for record_id, _ in records[3:]] == [4]  # the description of the extra bytes
-    behind = las.header.evlrs
-    assert [(record.record_id, record.record_data_bytes()) for record in behind] == [(2112, WKT)]
+    extended = las.header.evlrs
+    assert [(record.record_id, record.record_data_bytes()) for record in extended] == [(2112, WKT)]
     assert len(las.points) == 1
 
 
@@ -197,7 +197,7 @@ def test_records_read_from_a_file_are_copied(tmp_path: Path) -> None:
     assert las.header.start_of_waveform_data_packet_record == 0
 
 
-def test_without_a_source_the_offsets_come_from_the_first_echoes(tmp_path: Path) -> None:
+def test_offsets_without_a_source_are_near_the_first_echoes(tmp_path: Path) -> None:
     # A northing that exceeds 32 bits of millimetres from zero.
     xyz = np.array([[433978.2095, 5103979.436, 30.273], [np.nan, 0.0, 0.0]])
     las = written(tmp_path / "e.las", None, echo_table([]), echo_table([2], xyz=xyz))
@@ -208,7 +208,7 @@ def test_without_a_source_the_offsets_come_from_the_first_echoes(tmp_path: Path)
     np.testing.assert_allclose(las.xyz, xyz[:1], atol=0.00051)
 
 
-def test_several_tables(tmp_path: Path) -> None:
+def test_several_tables_are_appended(tmp_path: Path) -> None:
     tables = [echo_table([2]), echo_table([]), echo_table([1, 1])]
     with LasEchoWriter(tmp_path / "e.las", source_header("1.3", 4)) as writer:
         for table in tables:
@@ -229,7 +229,7 @@ def write_and_fail(writer: LasEchoWriter) -> None:
     raise RuntimeError("halfway")
 
 
-def test_a_failed_run_keeps_the_existing_file(tmp_path: Path) -> None:
+def test_failed_run_keeps_the_existing_file(tmp_path: Path) -> None:
     path = tmp_path / "e.las"
     path.write_bytes(b"older result")
     writer = LasEchoWriter(path, None)
@@ -241,6 +241,6 @@ def test_a_failed_run_keeps_the_existing_file(tmp_path: Path) -> None:
         writer.write(echo_table([1]))
 
 
-def test_a_folder_that_does_not_exist(tmp_path: Path) -> None:
+def test_missing_folder_is_an_error(tmp_path: Path) -> None:
     with pytest.raises(FileNotFoundError, match="nowhere does not exist"):
         LasEchoWriter(tmp_path / "nowhere" / "e.las", None).__enter__()

@@ -1,4 +1,4 @@
-"""Echoes as compressed points, and what all files of points must have."""
+"""Echoes as compressed points, and properties of LAS and LAZ files alike."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ from fullwaveform.io.echo_writers.opening import open_echo_file
 from ...support.echo_tables import echo_table, rows, written
 
 
-def test_laz_is_compressed_and_holds_what_las_holds(tmp_path: Path) -> None:
+def test_laz_is_compressed_and_holds_the_same_points_as_las(tmp_path: Path) -> None:
     table = echo_table([3] * 4000)
     (tmp_path / "las").mkdir()
     (tmp_path / "laz").mkdir()
@@ -29,7 +29,9 @@ def test_laz_is_compressed_and_holds_what_las_holds(tmp_path: Path) -> None:
     np.testing.assert_allclose(laz.x, np.arange(12000.0), atol=1e-9)
 
 
-def test_laz_without_a_compressor(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+def test_laz_without_a_compressor_is_refused(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
     monkeypatch.setattr(laspy.LazBackend, "detect_available", lambda: ())
     with pytest.raises(ValueError, match=r"cannot write .*e\.laz: .*; run pip install lazrs"):
         open_echo_file(tmp_path / "e.laz", None)
@@ -49,11 +51,11 @@ def test_laz_keeps_records_after_the_points(tmp_path: Path) -> None:
 
 @pytest.mark.parametrize("ending", [".las", ".laz"])
 @pytest.mark.parametrize(("version", "point_format"), [("1.3", 4), ("1.4", 9)])
-def test_bytes_of_points_do_not_depend_on_it_either(
+def test_bytes_of_points_do_not_depend_on_the_division_into_tables(
     tmp_path: Path, ending: str, version: str, point_format: int
 ) -> None:
     header = laspy.LasHeader(version=version, point_format=point_format)
-    table = echo_table([1] * 60_000)  # more than a chunk of compressed points
+    table = echo_table([1] * 60_000)  # longer than a chunk of compressed points
     contents = []
     for cut in ([0, 60_000], [0, 1, 7, 7, 49_000, 60_000]):
         with open_echo_file(tmp_path / f"e{ending}", header) as writer:

@@ -1,4 +1,4 @@
-"""Echoes written to files of every kind, read back by independent libraries."""
+"""Echoes written to files of every format, read back by independent libraries."""
 
 from __future__ import annotations
 
@@ -106,11 +106,11 @@ def test_units_and_descriptions_are_stored(tmp_path: Path) -> None:
     with h5py.File(written(tmp_path / "e.h5", by_hand())) as file:
         attributes = {name: dict(file[name].attrs) for name in file}
     for column in table_columns():
-        told = {"unit": column.unit, "description": column.description}
-        assert attributes[column.name] == told
+        expected = {"unit": column.unit, "description": column.description}
+        assert attributes[column.name] == expected
         for schema in (table.schema, arrow.schema):
             stored = schema.field(column.name).metadata
-            assert {key: stored[key.encode()].decode() for key in told} == told
+            assert {key: stored[key.encode()].decode() for key in expected} == expected
     assert attributes["width_ns"]["unit"] == "ns"
     assert attributes["position"]["unit"] == "samples"
     assert attributes["time"]["unit"] == "s"
@@ -127,7 +127,7 @@ def test_run_metadata_is_stored_if_given(tmp_path: Path) -> None:
     with h5py.File(written(tmp_path / "e.h5", by_hand(), metadata=METADATA)) as file:
         assert json.loads(file.attrs["fullwaveform"]) == METADATA
     (tmp_path / "e.h5").unlink()
-    for ending in (".las", ".csv", ".txt"):  # they have no place for it
+    for ending in (".las", ".csv", ".txt"):  # formats without metadata
         written(tmp_path / f"e{ending}", echo_table([2]), metadata=METADATA).unlink()
 
 
@@ -139,7 +139,7 @@ def small_groups(monkeypatch: pytest.MonkeyPatch) -> int:
 
 
 @pytest.mark.parametrize("ending", [".csv", ".parquet", ".h5", ".txt"])
-def test_bytes_do_not_depend_on_how_the_echoes_come(
+def test_bytes_do_not_depend_on_the_division_into_tables(
     tmp_path: Path, ending: str, small_groups: int
 ) -> None:
     random = np.random.default_rng(5)
@@ -171,7 +171,7 @@ def test_many_small_tables_make_groups_of_one_size(tmp_path: Path, small_groups:
 
 
 @pytest.mark.parametrize("tables", [[], [echo_table([])]])
-def test_all_columns_without_echoes(tmp_path: Path, tables: list[EchoTable]) -> None:
+def test_empty_files_have_all_columns(tmp_path: Path, tables: list[EchoTable]) -> None:
     table = pq.read_table(written(tmp_path / "e.parquet", *tables))
     assert (table.num_rows, table.column_names) == (0, list(EXPECTED))
     (tmp_path / "e.parquet").unlink()
@@ -181,7 +181,7 @@ def test_all_columns_without_echoes(tmp_path: Path, tables: list[EchoTable]) -> 
     assert written(tmp_path / "e.txt", *tables).read_bytes() == b""
 
 
-def test_the_ending_selects_the_format(tmp_path: Path) -> None:
+def test_ending_selects_the_format(tmp_path: Path) -> None:
     assert set(ECHO_ENDINGS) == {".las", ".laz", ".csv", ".parquet", ".h5", ".hdf5", ".txt"}
     for name in ("e.dat", "e", ".las", "las"):
         with pytest.raises(ValueError, match=r"must end in \.las, .* or \.txt"):
@@ -191,7 +191,7 @@ def test_the_ending_selects_the_format(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("ending", ECHO_ENDINGS)
-def test_nothing_is_written_outside_the_with_statement(tmp_path: Path, ending: str) -> None:
+def test_write_outside_the_with_statement_is_refused(tmp_path: Path, ending: str) -> None:
     writer = open_echo_file(tmp_path / f"e{ending}", None)
     with pytest.raises(ValueError, match="not open for writing"):
         writer.write(echo_table([1]))
@@ -202,7 +202,7 @@ def test_nothing_is_written_outside_the_with_statement(tmp_path: Path, ending: s
     assert writer.notes() == ()
 
 
-def test_waveforms_without_echoes_are_rows_of_tables_only(tmp_path: Path) -> None:
+def test_only_tables_have_rows_of_waveforms_without_echoes(tmp_path: Path) -> None:
     table = echo_table([3], echo_number=np.array([1, 0, 2]), waveform_number=np.array([7, 8, 9]))
     for ending in ECHO_ENDINGS:
         with open_echo_file(tmp_path / f"e{ending}", None) as writer:

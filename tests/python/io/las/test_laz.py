@@ -41,7 +41,7 @@ def message_of(path: Path) -> str:
 
 
 @pytest.mark.parametrize(("point_format", "version"), FORMATS)
-def test_compressed_points_give_the_blocks_of_the_others(
+def test_compressed_and_uncompressed_points_give_equal_blocks(
     tmp_path: Path, point_format: int, version: str
 ) -> None:
     rng = np.random.default_rng(point_format)
@@ -72,7 +72,7 @@ def test_compressed_points_give_the_blocks_of_the_others(
     assert same(last, expected[2])
 
 
-def test_many_compressed_chunks(tmp_path: Path) -> None:
+def test_points_of_many_compressed_chunks_are_read(tmp_path: Path) -> None:
     points = 120_000  # a chunk has 50,000
     header = laspy.LasHeader(version="1.4", point_format=9)
     header.scales = np.full(3, 0.001)
@@ -98,7 +98,7 @@ def test_many_compressed_chunks(tmp_path: Path) -> None:
     assert tally.points_sharing_waveform == points // 2
 
 
-def test_several_scanner_channels_are_refused_where_packets_would_be_mixed_up(
+def test_ambiguous_scanner_channels_are_refused(
     tmp_path: Path,
 ) -> None:
     scene = four_shots(point_format=9, version="1.4")
@@ -114,21 +114,21 @@ def test_several_scanner_channels_are_refused_where_packets_would_be_mixed_up(
     assert "decompress" in message
 
 
-def test_no_decompressor_installed(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+def test_missing_decompressor_is_reported(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     path = compressed(four_shots().write(tmp_path / "a.las"), tmp_path / "a.laz")
     monkeypatch.setattr(laspy.LazBackend, "detect_available", lambda: ())
     assert "pip install lazrs" in message_of(path)
     assert len(rows(read(tmp_path / "a.las")[0])) == 4
 
 
-def test_missing_packet_file(tmp_path: Path) -> None:
+def test_missing_packet_file_is_an_error(tmp_path: Path) -> None:
     path = compressed(four_shots().write(tmp_path / "a.las"), tmp_path / "b.laz")
     path.with_suffix(".wdp").unlink()
     with pytest.raises(FileNotFoundError, match=r"b\.wdp does not exist"):
         LasWaveformReader(path)
 
 
-def test_compressed_points_out_of_order(tmp_path: Path) -> None:
+def test_compressed_points_may_be_out_of_order(tmp_path: Path) -> None:
     plain = four_shots().write(tmp_path / "a.las")
     path = compressed(shuffled(plain, tmp_path / "b.las", [2, 0, 1, 3]), tmp_path / "b.laz")
     assert "not in order of GPS time; sort or decompress" in message_of(path)
@@ -144,7 +144,7 @@ def test_any_truncation_is_an_error(tmp_path: Path, point_format: int, version: 
         message_of(path)
 
 
-def test_corrupt_chunk_table(tmp_path: Path) -> None:
+def test_corrupt_chunk_table_is_an_error(tmp_path: Path) -> None:
     path = compressed(four_shots().write(tmp_path / "a.las"), tmp_path / "b.laz")
     start = point_start(path)
     table = struct.unpack("<q", path.read_bytes()[start : start + 8])[0]

@@ -57,7 +57,9 @@ def test_all_values_of_one_waveform(tmp_path: Path) -> None:
     ("point_format", "version"),
     [(4, "1.3"), (5, "1.3"), (4, "1.4"), (9, "1.4"), (10, "1.4"), (9, "1.5"), (10, "1.5")],
 )
-def test_every_point_format_with_waveforms(tmp_path: Path, point_format: int, version: str) -> None:
+def test_every_point_format_with_waveforms_is_read(
+    tmp_path: Path, point_format: int, version: str
+) -> None:
     scene = four_shots(point_format=point_format, version=version)
     name, stored = ("scan_angle_rank", 12) if point_format < 6 else ("scan_angle", 2000)
     scene.points[0].fields.update({name: stored, "edge_of_flight_line": 1})
@@ -73,9 +75,11 @@ def test_packets_in_the_file_and_in_a_companion_are_equal(
 ) -> None:
     options = {"point_format": point_format, "version": version}
     inside = four_shots(inside=True, **options).write(tmp_path / "inside.las")
-    beside = four_shots(**options).write(tmp_path / "beside.las")
+    companion = four_shots(**options).write(tmp_path / "companion.las")
     assert not inside.with_suffix(".wdp").exists()
-    assert rows(read(inside)[0]) == rows(read(beside)[0]) == [list(samples) for _, samples in FOUR]
+    assert (
+        rows(read(inside)[0]) == rows(read(companion)[0]) == [list(samples) for _, samples in FOUR]
+    )
 
 
 def test_header_has_extended_records_except_the_packets(tmp_path: Path) -> None:
@@ -87,7 +91,7 @@ def test_header_has_extended_records_except_the_packets(tmp_path: Path) -> None:
         assert rows(list(reader.blocks())) == [list(samples) for _, samples in FOUR]
 
 
-def test_packets_in_a_file_with_capital_ending_and_a_dotted_name(tmp_path: Path) -> None:
+def test_packet_file_may_have_upper_case_ending_and_dots(tmp_path: Path) -> None:
     path = four_shots().write(tmp_path / "strip.07.las")
     path.with_suffix(".wdp").rename(tmp_path / "strip.07.WDP")
     assert len(rows(read(path)[0])) == 4
@@ -172,7 +176,7 @@ def test_shuffled_points_give_the_same_waveforms_in_whole_shots(tmp_path: Path) 
     assert third == [5, 3, 4]
 
 
-def test_a_file_without_times_makes_each_waveform_a_shot(tmp_path: Path) -> None:
+def test_without_times_each_waveform_is_a_shot(tmp_path: Path) -> None:
     points = [Point(0, 0.0), Point(0, 0.0), Point(1, 0.0), Point(2, 0.0), Point(3, 0.0)]
     path = Scene([(1, 8, 4, 1000)], FOUR, points).write(tmp_path / "a.las")
     blocks, tally = read(path, waveforms_per_block=3)
@@ -185,14 +189,14 @@ def test_a_file_without_times_makes_each_waveform_a_shot(tmp_path: Path) -> None
     assert "same GPS time" in tally.notes[0]
 
 
-def test_one_packet_with_several_points_of_one_time_keeps_its_time(tmp_path: Path) -> None:
+def test_points_of_equal_time_sharing_a_packet_keep_the_time(tmp_path: Path) -> None:
     path = Scene([(1, 8, 4, 1000)], FOUR[:1], [Point(0, 7.5)] * 3).write(tmp_path / "a.las")
     (block,), tally = read(path)
     assert block.shot_times.tolist() == [7.5]
     assert tally.notes == []
 
 
-def test_sixteen_bits_per_sample(tmp_path: Path) -> None:
+def test_samples_of_16_bits_are_read(tmp_path: Path) -> None:
     packets = [(1, [0, 258, 65535]), (1, [1, 4095, 256])]
     points = [Point(0, 1.0), Point(1, 2.0)]
     path = Scene([(1, 16, 3, 1000)], packets, points).write(tmp_path / "a.las")
@@ -201,7 +205,7 @@ def test_sixteen_bits_per_sample(tmp_path: Path) -> None:
     assert rows(blocks) == [[0, 258, 65535], [1, 4095, 256]]
 
 
-def test_several_descriptors_in_one_block(tmp_path: Path) -> None:
+def test_descriptors_may_differ_in_one_block(tmp_path: Path) -> None:
     descriptors = [(1, 8, 2, 1000), (2, 16, 3, 2000), (9, 8, 0, 0), (255, 8, 5, 500)]
     packets = [(1, [1, 2]), (2, [300, 301, 302]), (255, [5, 6, 7, 8, 9]), (1, [3, 4])]
     points = [Point(0, 1.0), Point(1, 1.0), Point(2, 2.0), Point(3, 3.0)]
@@ -227,7 +231,7 @@ def test_points_without_packets_give_no_block_and_no_error(tmp_path: Path) -> No
     assert tally.points_without_waveform == 2
 
 
-def test_second_read_and_progress(tmp_path: Path) -> None:
+def test_second_read_and_progress_start_anew(tmp_path: Path) -> None:
     path = four_shots().write(tmp_path / "a.las")
     with LasWaveformReader(path, waveforms_per_block=2) as reader:
         assert reader.path == path
@@ -265,7 +269,7 @@ def test_real_strip_of_a_topographic_scanner(tmp_path: Path) -> None:
     shot, ref_time = arrays["ref_shot"], arrays["ref_time_s"] * 1e12
     place = anchor[shot] + (location[shot] - ref_time)[:, None] * direction[shot]
     several = np.bincount(shot)[shot] > 1
-    assert np.count_nonzero(several) > 800  # 472 returns share the packet of another
+    assert np.count_nonzero(several) > 800  # 472 returns share a packet with another
     assert np.abs(place - arrays["ref_xyz"]).max() < 0.002
 
     order = np.random.default_rng(7).permutation(2250)

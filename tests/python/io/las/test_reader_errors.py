@@ -43,7 +43,7 @@ def message_of(path: Path) -> str:
         ((2, 8, 4, 1000), 0, "missing waveform descriptor 1; the file has 2"),
     ],
 )
-def test_unsupported_descriptors(
+def test_unsupported_descriptors_are_refused(
     tmp_path: Path, descriptor: tuple[int, int, int, int], compression: int, words: str
 ) -> None:
     scene = four_shots()
@@ -74,7 +74,7 @@ def point_start(path: Path, row: int) -> int:
         (45, "<f", float("nan"), "direction or return location not finite"),
     ],
 )
-def test_waveforms_that_cannot_be_used_are_counted(
+def test_unusable_waveforms_are_counted(
     tmp_path: Path, place: int, layout: str, value: float, reason: str
 ) -> None:
     path = four_shots().write(tmp_path / "a.las")
@@ -105,7 +105,7 @@ def test_bytes_after_the_packet_record_are_not_packets(tmp_path: Path) -> None:
     assert dict(tally.rejected) == {"samples outside the file": 1}
 
 
-def test_no_readable_packet_is_an_error_at_the_end(tmp_path: Path) -> None:
+def test_only_unreadable_packets_are_an_error_at_the_end(tmp_path: Path) -> None:
     path = four_shots().write(tmp_path / "a.las")
     companion = path.with_suffix(".wdp")
     companion.write_bytes(companion.read_bytes()[:60])
@@ -113,7 +113,7 @@ def test_no_readable_packet_is_an_error_at_the_end(tmp_path: Path) -> None:
     assert "no readable waveform (4 x samples outside the file)" in message
 
 
-def test_invalid_arguments(tmp_path: Path) -> None:
+def test_invalid_arguments_are_refused(tmp_path: Path) -> None:
     path = four_shots().write(tmp_path / "a.las")
     with pytest.raises(ValueError, match="at least 1"):
         LasWaveformReader(path, waveforms_per_block=0)
@@ -121,7 +121,7 @@ def test_invalid_arguments(tmp_path: Path) -> None:
         LasWaveformReader(path, channel_flags=256)
 
 
-def test_packet_location_missing_in_the_header(tmp_path: Path) -> None:
+def test_missing_packet_location_in_the_header_is_refused(tmp_path: Path) -> None:
     path = four_shots().write(tmp_path / "a.las")
     patch(path, GLOBAL_ENCODING, "<H", 0)
     blocks, tally = read(path)
@@ -137,7 +137,7 @@ def test_packet_location_missing_in_the_header(tmp_path: Path) -> None:
     assert "no waveform packets" in message_of(path)
 
 
-def test_packet_file_missing_or_truncated(tmp_path: Path) -> None:
+def test_missing_or_truncated_packet_file_is_an_error(tmp_path: Path) -> None:
     path = four_shots().write(tmp_path / "a.las")
     companion = path.with_suffix(".wdp")
     companion.write_bytes(companion.read_bytes()[:59])
@@ -147,7 +147,7 @@ def test_packet_file_missing_or_truncated(tmp_path: Path) -> None:
         LasWaveformReader(path)
 
 
-def test_packet_record_not_at_the_declared_byte(tmp_path: Path) -> None:
+def test_packet_record_at_another_byte_is_refused(tmp_path: Path) -> None:
     path = four_shots(inside=True).write(tmp_path / "a.las")
     patch(path, START_OF_PACKETS, "<Q", path.stat().st_size - 59)
     assert "record starts at byte" in message_of(path)
@@ -157,7 +157,7 @@ def test_packet_record_not_at_the_declared_byte(tmp_path: Path) -> None:
     assert "does not say where" in message_of(path)
 
 
-def test_incomplete_las_files(tmp_path: Path) -> None:
+def test_truncated_las_files_are_refused(tmp_path: Path) -> None:
     whole = four_shots().write(tmp_path / "whole.las").read_bytes()
     path = tmp_path / "a.las"
     (tmp_path / "whole.wdp").rename(tmp_path / "a.wdp")
@@ -175,7 +175,7 @@ def test_incomplete_las_files(tmp_path: Path) -> None:
         assert words in message_of(path)
 
 
-def test_extended_records_beyond_the_end_of_the_file(tmp_path: Path) -> None:
+def test_extended_records_beyond_the_end_are_refused(tmp_path: Path) -> None:
     scene = four_shots(point_format=9, version="1.4", extended_descriptors=True)
     path = scene.write(tmp_path / "a.las")
     patch(path, START_OF_RECORDS + 8, "<I", 2)
@@ -185,14 +185,14 @@ def test_extended_records_beyond_the_end_of_the_file(tmp_path: Path) -> None:
     assert "extended record 100 ends" in message_of(path)
 
 
-def test_a_point_format_without_waveforms_is_named(tmp_path: Path) -> None:
+def test_point_format_without_waveforms_is_named(tmp_path: Path) -> None:
     path = tmp_path / "a.las"
     with laspy.open(path, mode="w", header=laspy.LasHeader(version="1.4", point_format=6)):
         pass
     assert "point format 6" in message_of(path)
 
 
-def test_files_that_cannot_be_opened(tmp_path: Path) -> None:
+def test_unopenable_files_are_errors(tmp_path: Path) -> None:
     with pytest.raises(FileNotFoundError):
         LasWaveformReader(tmp_path / "nowhere.las")
     with pytest.raises(IsADirectoryError):

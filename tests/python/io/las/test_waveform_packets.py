@@ -1,4 +1,4 @@
-"""Descriptors of waveforms and the gathering of samples from packets."""
+"""Descriptors of waveforms, and samples read from packets."""
 
 from __future__ import annotations
 
@@ -48,7 +48,7 @@ def test_descriptors_from_ordinary_and_extended_records() -> None:
     }
 
 
-def test_two_records_of_a_descriptor_must_be_equal() -> None:
+def test_contradicting_records_of_a_descriptor_are_refused() -> None:
     header = laspy.LasHeader(version="1.4", point_format=9)
     nan = float("nan")
     header.vlrs.extend([descriptor_record(100, 8, 0, 4, 1000, nan, 0.0)] * 2)
@@ -58,7 +58,7 @@ def test_two_records_of_a_descriptor_must_be_equal() -> None:
         read_descriptors(header, PATH)
 
 
-def test_a_descriptor_record_that_is_too_short() -> None:
+def test_short_descriptor_record_is_refused() -> None:
     header = laspy.LasHeader(version="1.4", point_format=9)
     header.vlrs.append(laspy.VLR("LASF_Spec", 102, "", bytes(25)))
     with pytest.raises(WaveformFileError, match=r"strip\.las.*descriptor 3 has 25 bytes"):
@@ -100,7 +100,7 @@ def test_packet_must_be_completely_inside_the_data(tmp_path: Path) -> None:
     data.close()
 
 
-def test_packets_are_remembered(tmp_path: Path) -> None:
+def test_seen_packets_are_recognised(tmp_path: Path) -> None:
     seen = SeenPackets(data_size=1000, min_packet_size=10)
     first = seen.cells(np.array([60, 75, 133, 990]))
     assert first.tolist() == [6, 7, 13, 99]

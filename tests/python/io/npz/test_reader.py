@@ -1,4 +1,4 @@
-"""NumPy archives of waveforms: plain keys, keys found in circulation, and what is refused."""
+"""NumPy archives of waveforms: documented keys, alternative keys, and invalid archives."""
 
 from __future__ import annotations
 
@@ -32,7 +32,7 @@ def message_of(path: Path, **options: Any) -> str:
     return str(caught.value)
 
 
-def test_samples_and_an_interval_are_enough(tmp_path: Path) -> None:
+def test_samples_and_interval_are_sufficient(tmp_path: Path) -> None:
     path = archive(tmp_path, samples=SAMPLES)
     with NpzReader(path, sampling_interval=2e-9, channel_flags={0: 5}) as reader:
         (block,) = reader.blocks()
@@ -54,7 +54,7 @@ def test_samples_and_an_interval_are_enough(tmp_path: Path) -> None:
     assert block.attributes.scan_angle.tolist() == [0, 0, 0]
 
 
-def test_every_plain_key(tmp_path: Path) -> None:
+def test_all_keys_are_read(tmp_path: Path) -> None:
     path = archive(
         tmp_path,
         samples=SAMPLES.astype(np.int64),
@@ -90,7 +90,7 @@ def test_every_plain_key(tmp_path: Path) -> None:
     assert block.attributes.scan_angle.tolist() == [-1.5, 0, 2]
 
 
-def test_alternative_keys(tmp_path: Path) -> None:
+def test_alternative_keys_are_read(tmp_path: Path) -> None:
     path = archive(
         tmp_path,
         samples=SAMPLES,
@@ -124,7 +124,7 @@ def test_given_interval_overrides_that_of_the_file(tmp_path: Path) -> None:
         assert not any("interval" in note for note in reader.tally.notes)
 
 
-def test_waveforms_without_a_time_among_others_are_counted(tmp_path: Path) -> None:
+def test_waveforms_without_time_are_counted(tmp_path: Path) -> None:
     path = archive(tmp_path, samples=SAMPLES, shot_times=[1.0, np.nan, 2.0], sampling_interval=1e-9)
     with NpzReader(path) as reader:
         assert rows(list(reader.blocks())) == [[1, 2, 3], [7, 8, 9]]
@@ -162,13 +162,13 @@ def test_waveforms_without_a_time_among_others_are_counted(tmp_path: Path) -> No
         ({"shot_times": [1.0, 2.0, 3.0], "counts": [0, 0, 0]}, "no readable waveform (3 x"),
     ],
 )
-def test_invalid_archives(tmp_path: Path, arrays: dict[str, Any], words: str) -> None:
+def test_invalid_archives_are_refused(tmp_path: Path, arrays: dict[str, Any], words: str) -> None:
     given = {"samples": SAMPLES, "sampling_interval": 1e-9} | arrays
     path = archive(tmp_path, **{key: value for key, value in given.items() if value is not None})
     assert words in message_of(path)
 
 
-def test_arrays_above_the_memory_limit(tmp_path: Path) -> None:
+def test_arrays_above_the_memory_limit_are_refused(tmp_path: Path) -> None:
     np.savez_compressed(
         tmp_path / "a.npz", samples=np.zeros((1000, 1000), np.uint16), sampling_interval=1e-9
     )
@@ -185,7 +185,7 @@ def member(folder: Path, content: bytes) -> Path:
     return folder / "a.npz"
 
 
-def test_headers_that_declare_more_than_the_archive_has(tmp_path: Path) -> None:
+def test_oversized_array_headers_are_refused(tmp_path: Path) -> None:
     for shape in ("(1000000000, 65535)", "(4294967296, 4294967296)", "(3, 4)"):
         text = f"{{'descr': '<u2', 'fortran_order': False, 'shape': {shape}, }}\n".encode()
         head = b"\x93NUMPY\x01\x00" + struct.pack("<H", len(text)) + text
@@ -194,7 +194,7 @@ def test_headers_that_declare_more_than_the_archive_has(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("content", [b"", b"\x93NUM", b"no array at all", b"\x93NUMPY\x01\x00\xff"])
-def test_members_that_are_not_arrays(tmp_path: Path, content: bytes) -> None:
+def test_members_that_are_not_arrays_are_refused(tmp_path: Path, content: bytes) -> None:
     assert "corrupt .npz or unsupported array type" in message_of(member(tmp_path, content))
 
 
@@ -206,7 +206,7 @@ def test_any_truncation_is_an_error(tmp_path: Path) -> None:
         message_of(path)
 
 
-def test_corrupt_content(tmp_path: Path) -> None:
+def test_corrupt_content_is_an_error(tmp_path: Path) -> None:
     stream = io.BytesIO()
     np.savez_compressed(stream, samples=np.arange(600, dtype=np.uint16).reshape(20, 30))
     content = bytearray(stream.getvalue())
@@ -216,7 +216,7 @@ def test_corrupt_content(tmp_path: Path) -> None:
     assert "corrupt .npz" in message_of(path)
 
 
-def test_missing_file_and_folder(tmp_path: Path) -> None:
+def test_missing_file_and_folder_are_errors(tmp_path: Path) -> None:
     with pytest.raises(FileNotFoundError):
         NpzReader(tmp_path / "none.npz")
     with pytest.raises(IsADirectoryError):
@@ -227,7 +227,9 @@ def test_missing_file_and_folder(tmp_path: Path) -> None:
     ("name", "waveforms", "shots", "interval"),
     [("forest_12bit.npz", 508, 500, 1e-9), ("topo_2ns.npz", 1778, 1778, 2e-9)],
 )
-def test_arrays_of_real_scanners(name: str, waveforms: int, shots: int, interval: float) -> None:
+def test_arrays_of_real_scanners_are_read(
+    name: str, waveforms: int, shots: int, interval: float
+) -> None:
     path = data_folder() / "arrays" / name
     if not path.exists():
         pytest.skip(f"no {name} in the folder of real waveforms")
@@ -243,7 +245,7 @@ def test_arrays_of_real_scanners(name: str, waveforms: int, shots: int, interval
     assert found == expected
 
 
-def test_rejected_rows_between_readable_rows(tmp_path: Path) -> None:
+def test_rejected_rows_between_readable_rows_are_skipped(tmp_path: Path) -> None:
     times = np.full(60, np.nan)
     times[[0, 5, 6, 40, 59]] = [1.0, 2.0, 2.0, 3.0, 4.0]
     samples = np.arange(120, dtype=np.uint16).reshape(60, 2)

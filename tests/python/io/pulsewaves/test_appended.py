@@ -51,7 +51,7 @@ def write_with_waves(scene: Scene, path: Path) -> Path:
 
 
 @pytest.mark.parametrize(("counted", "ended"), [(True, True), (True, False), (False, True)])
-def test_appended_records(tmp_path: Path, counted: bool, ended: bool) -> None:
+def test_appended_records_are_read(tmp_path: Path, counted: bool, ended: bool) -> None:
     scene = with_appended_descriptor(counted=counted, ended=ended)
     path = write_with_waves(scene, tmp_path / "a.pls")
     with PulseWavesReader(path) as reader:
@@ -59,7 +59,7 @@ def test_appended_records(tmp_path: Path, counted: bool, ended: bool) -> None:
         assert rows(list(reader.blocks())) == [[1, 2, 3, 4], [5, 6, 7, 8], [9, 10, 11, 12]]
 
 
-def test_missing_appended_records(tmp_path: Path) -> None:
+def test_missing_appended_records_are_an_error(tmp_path: Path) -> None:
     scene = with_appended_descriptor(counted=True, ended=True)
     scene.patches[APPENDED] = ("<i", 3)
     path = write_with_waves(scene, tmp_path / "a.pls")
@@ -70,7 +70,7 @@ def test_missing_appended_records(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("length", [-1, 197 + 196 + 96])
-def test_appended_record_with_an_invalid_length(tmp_path: Path, length: int) -> None:
+def test_appended_record_with_an_invalid_length_is_refused(tmp_path: Path, length: int) -> None:
     scene = with_appended_descriptor(counted=True, ended=False)
     path = write_with_waves(scene, tmp_path / "a.pls")
     patch(path, path.stat().st_size - 96 + 24, "<q", length)

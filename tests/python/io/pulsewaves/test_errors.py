@@ -85,7 +85,7 @@ def message_of(path: Path) -> str:
         (FIRST_SAMPLING, "<I", 105, "invalid size 105 bytes; must be 104 to 104"),
     ],
 )
-def test_header_and_records(
+def test_invalid_header_and_records_are_refused(
     tmp_path: Path, position: int, layout: str, value: float, words: str
 ) -> None:
     path = three_pulses().write(tmp_path / "broken.pls")
@@ -109,7 +109,9 @@ def test_header_and_records(
         ({"scale": NAN}, "scale nan or offset 0.0 of the duration; must be finite"),
     ],
 )
-def test_unsupported_samplings(tmp_path: Path, change: dict[str, float], words: str) -> None:
+def test_unsupported_samplings_are_refused(
+    tmp_path: Path, change: dict[str, float], words: str
+) -> None:
     scene = three_pulses()
     path = scene.write(tmp_path / "a.pls")
     with_waves = path.with_suffix(".wvs").read_bytes()
@@ -130,13 +132,15 @@ def test_unsupported_samplings(tmp_path: Path, change: dict[str, float], words: 
         ({"unit": INFINITY}, "pulse descriptor 1: invalid sampling unit inf ns"),
     ],
 )
-def test_unsupported_descriptors(tmp_path: Path, change: dict[str, float], words: str) -> None:
+def test_unsupported_descriptors_are_refused(
+    tmp_path: Path, change: dict[str, float], words: str
+) -> None:
     scene = three_pulses()
     scene.descriptors = [Descriptor(1, [Sampling()], **change)]  # type: ignore[arg-type]
     assert words in message_of(scene.write(tmp_path / "a.pls"))
 
 
-def test_unused_descriptors_may_be_anything(tmp_path: Path) -> None:
+def test_unused_descriptors_are_not_checked(tmp_path: Path) -> None:
     scene = three_pulses()
     scene.descriptors = [*scene.descriptors, Descriptor(2, [Sampling(bits=12)], compression=9)]
     with PulseWavesReader(scene.write(tmp_path / "a.pls")) as reader:
@@ -144,14 +148,14 @@ def test_unused_descriptors_may_be_anything(tmp_path: Path) -> None:
         assert len(next(reader.blocks())) == 3
 
 
-def test_missing_descriptor(tmp_path: Path) -> None:
+def test_missing_descriptor_is_refused(tmp_path: Path) -> None:
     scene = three_pulses()
     scene.pulses[1].descriptor = 4
     words = "missing pulse descriptor 4; the file has 1"
     assert words in message_of(scene.write(tmp_path / "a.pls"))
 
 
-def test_records_that_contradict_each_other(tmp_path: Path) -> None:
+def test_contradicting_records_are_refused(tmp_path: Path) -> None:
     scene = three_pulses()
     scene.descriptors = [*scene.descriptors, Descriptor(1, [Sampling(samples=3)])]
     words = "two different records for pulse descriptor 1"
@@ -170,7 +174,9 @@ def test_records_that_contradict_each_other(tmp_path: Path) -> None:
         ),
     ],
 )
-def test_sample_file(tmp_path: Path, change: Callable[[bytes], bytes], words: str) -> None:
+def test_invalid_sample_file_is_refused(
+    tmp_path: Path, change: Callable[[bytes], bytes], words: str
+) -> None:
     path = three_pulses().write(tmp_path / "a.pls")
     waves = path.with_suffix(".wvs")
     waves.write_bytes(change(waves.read_bytes()))
@@ -178,7 +184,7 @@ def test_sample_file(tmp_path: Path, change: Callable[[bytes], bytes], words: st
     assert words in message_of(path)
 
 
-def test_missing_files(tmp_path: Path) -> None:
+def test_missing_files_are_errors(tmp_path: Path) -> None:
     path = three_pulses().write(tmp_path / "a.pls")
     path.with_suffix(".wvs").unlink()
     with pytest.raises(FileNotFoundError, match=r"a\.wvs does not exist; it must hold"):
@@ -188,7 +194,7 @@ def test_missing_files(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("size", [0, 14, 15, 351])
-def test_truncated_header(tmp_path: Path, size: int) -> None:
+def test_truncated_header_is_refused(tmp_path: Path, size: int) -> None:
     path = three_pulses().write(tmp_path / "a.pls")
     path.write_bytes(path.read_bytes()[:size])
     words = "is not a PulseWaves pulse file" if size < 15 else f"truncated in the header: {size}"
@@ -196,7 +202,7 @@ def test_truncated_header(tmp_path: Path, size: int) -> None:
 
 
 @pytest.mark.parametrize("offset", [-(2**63), -1, 0, 59, 69, 73, 10**12, 2**63 - 1])
-def test_samples_outside_the_file(tmp_path: Path, offset: int) -> None:
+def test_samples_outside_the_file_are_counted(tmp_path: Path, offset: int) -> None:
     scene = three_pulses()
     scene.pulses[1].offset = offset
     (block,), tally = read(scene.write(tmp_path / "a.pls"))  # its samples are bytes 60 to 72
@@ -221,7 +227,7 @@ def test_pulse_with_truncated_samples_has_no_waveform(tmp_path: Path, missing: i
     assert dict(tally.rejected) == {OUTSIDE: 1}
 
 
-def test_no_readable_waveform(tmp_path: Path) -> None:
+def test_file_without_readable_waveform_is_an_error(tmp_path: Path) -> None:
     scene = three_pulses()
     for pulse in scene.pulses:
         pulse.offset = 1000
@@ -237,7 +243,7 @@ def test_pulse_without_direction(tmp_path: Path) -> None:
     assert dict(tally.rejected) == {NO_DIRECTION: 1}
 
 
-def test_waveform_that_is_too_long(tmp_path: Path) -> None:
+def test_overlong_waveform_is_counted(tmp_path: Path) -> None:
     pulses = [Pulse([[(0, [7] * 65536)]], time=1), Pulse([[(0, [8] * 65535)]], time=2)]
     scene = Scene([Descriptor(1, [Sampling(count_bits=32)])], pulses)
     (block,), tally = read(scene.write(tmp_path / "a.pls"))
@@ -246,13 +252,13 @@ def test_waveform_that_is_too_long(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("waveforms_per_block", [0, -1])
-def test_invalid_block_size(tmp_path: Path, waveforms_per_block: int) -> None:
+def test_invalid_block_size_is_refused(tmp_path: Path, waveforms_per_block: int) -> None:
     path = three_pulses().write(tmp_path / "a.pls")
     with pytest.raises(ValueError, match="must be at least 1"):
         PulseWavesReader(path, waveforms_per_block=waveforms_per_block)
 
 
-def test_scales_that_overflow(tmp_path: Path) -> None:
+def test_overflowing_scales_are_refused(tmp_path: Path) -> None:
     scales = (1e300, 1e300, 1e308)
     assert "must be finite" in message_of(three_pulses(scales=scales).write(tmp_path / "a.pls"))
     (block,), _ = read(

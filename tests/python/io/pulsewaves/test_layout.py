@@ -1,4 +1,4 @@
-"""Storage of PulseWaves samples: sizes of numbers, offsets, what is skipped."""
+"""Storage of PulseWaves samples: sizes of numbers, offsets, skipped data."""
 
 from __future__ import annotations
 

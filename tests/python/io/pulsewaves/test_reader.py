@@ -152,13 +152,15 @@ def test_pulses_are_not_split_between_blocks(tmp_path: Path, limit: int, sizes: 
     assert (tally.points, tally.waveforms) == (3, 5)
 
 
-def test_blocks_have_fewer_long_waveforms(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+def test_blocks_of_long_waveforms_are_smaller(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
     monkeypatch.setattr(selection, "BLOCK_SAMPLES", 8)
     blocks, _ = read(three_pulses().write(tmp_path / "a.pls"))
     assert [block.samples.shape for block in blocks] == [(2, 4), (1, 4)]
 
 
-def test_progress_and_second_read(tmp_path: Path) -> None:
+def test_second_read_and_progress_start_anew(tmp_path: Path) -> None:
     with PulseWavesReader(three_pulses().write(tmp_path / "a.pls"), waveforms_per_block=1) as one:
         assert (one.point_count, one.points_done) == (3, 0)
         blocks = one.blocks()
@@ -170,7 +172,7 @@ def test_progress_and_second_read(tmp_path: Path) -> None:
         assert (one.tally.points, one.tally.waveforms) == (3, 3)
 
 
-def test_closed_reader(tmp_path: Path) -> None:
+def test_closed_reader_is_refused(tmp_path: Path) -> None:
     with PulseWavesReader(three_pulses().write(tmp_path / "a.pls")) as reader:
         pass
     reader.close()
@@ -180,7 +182,9 @@ def test_closed_reader(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize("times", [(0, 0, 0), (5, 5, 6), (6, 5, 6)])
-def test_repeated_times_do_not_join_pulses(tmp_path: Path, times: tuple[int, int, int]) -> None:
+def test_pulses_of_equal_time_are_separate_shots(
+    tmp_path: Path, times: tuple[int, int, int]
+) -> None:
     scene = three_pulses()
     for pulse, time in zip(scene.pulses, times, strict=True):
         pulse.time = time
@@ -210,7 +214,7 @@ def test_decreasing_times_are_valid(tmp_path: Path) -> None:
     assert tally.notes == []
 
 
-def test_pulses_without_returning_sampling(tmp_path: Path) -> None:
+def test_pulses_without_returning_samples_have_no_waveform(tmp_path: Path) -> None:
     scene = Scene([Descriptor(1, [Sampling(kind=1)])], [Pulse([[(0, [1, 2, 3, 4])]])])
     blocks, tally = read(scene.write(tmp_path / "out.pls"))
     assert (blocks, tally.points, tally.points_without_waveform) == ([], 1, 1)

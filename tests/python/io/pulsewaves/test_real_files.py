@@ -21,8 +21,8 @@ from ...support.pulsewaves_scenes import Descriptor, Pulse, Sampling, Scene
 FOLDER = data_folder() / "pulsewaves"
 SATURATED = 255  # largest count of 8 bits
 
-needs_records = pytest.mark.skipif(
-    not FOLDER.is_dir(), reason=f"no records of real scanners in {FOLDER}"
+needs_files = pytest.mark.skipif(
+    not FOLDER.is_dir(), reason=f"no files of real scanners in {FOLDER}"
 )
 
 
@@ -44,8 +44,8 @@ def echoes_of(reader: PulseWavesReader, threshold: int) -> EchoTable:
     return extractor.extract(block).echoes
 
 
-@needs_records
-def test_topographic_record() -> None:
+@needs_files
+def test_topographic_file_has_the_recorded_waveforms() -> None:
     block, reader = only_block("topo_1ns.pls")
     assert (reader.point_count, reader.tally.waveforms) == (16_486, 16_487)
     assert not reader.tally.rejected
@@ -71,10 +71,10 @@ def test_topographic_record() -> None:
     assert block.geometry.anchor[0] == pytest.approx(origin + way, abs=1e-3)
 
 
-@needs_records
+@needs_files
 @pytest.mark.parametrize("name", ["topo_1ns.pls", "saturated_1ns.pls"])
 def test_segments_are_on_the_pulse_axis(name: str) -> None:
-    """Pulses repeat, in whole units, where their returning samples begin and end."""
+    """Pulses store the start and end of their returning samples in whole units."""
     block, reader = only_block(name)
     content = (FOLDER / name).read_bytes()
     start = int.from_bytes(content[176:184], "little")
@@ -90,8 +90,8 @@ def test_segments_are_on_the_pulse_axis(name: str) -> None:
     assert length == pytest.approx(np.full(len(block), 0.00014985), rel=2e-3)
 
 
-@needs_records
-def test_saturated_record() -> None:
+@needs_files
+def test_file_of_saturated_waveforms_is_read() -> None:
     block, reader = only_block("saturated_1ns.pls")
     assert (len(block), reader.point_count) == (998, 998)
     assert (block.counts.min(), block.counts.max()) == (72, 128)
@@ -99,12 +99,12 @@ def test_saturated_record() -> None:
     assert flat.mean() == pytest.approx(0.027, abs=0.0005)
     valid = np.arange(block.samples.shape[1]) < block.counts[:, np.newaxis]
     assert (block.samples[valid].min(), block.samples[valid].max()) == (7, SATURATED)
-    # No times in the file: every pulse is a shot nevertheless.
+    # The file has no times: every pulse is a shot of its own.
     assert len(np.unique(block.shot_times)) == 998
     assert len(np.unique(block.attributes.gps_time)) == 1
 
 
-@needs_records
+@needs_files
 def test_outgoing_pulses() -> None:
     pulses = outgoing("topo_1ns.pls")
     assert pulses.samples.shape == (16_486, 80)
@@ -118,18 +118,18 @@ def test_outgoing_pulses() -> None:
     assert outgoing("saturated_1ns.pls").samples.shape == (998, 40)
 
 
-@needs_records
-def test_echoes_of_the_topographic_record(tmp_path: Path) -> None:
+@needs_files
+def test_echoes_of_the_topographic_waveform(tmp_path: Path) -> None:
     with PulseWavesReader(FOLDER / "topo_1ns.pls") as reader:
         echoes = echoes_of(reader, threshold=8)
         with LasEchoWriter(tmp_path / "echoes.las", reader.header) as writer:
             writer.write(echoes)
-    # Coordinates count from the centre of the earth; up is away from it.
+    # Coordinates are geocentric; up is away from the origin.
     up = echoes.xyz[0] / np.linalg.norm(echoes.xyz[0])
     height = echoes.xyz @ up
     assert np.ptp(height) < 15.0
     assert np.ptp(echoes.xyz, axis=0).max() < 100.0
-    # The last echoes of shots that follow each other within microseconds lie on the same ground.
+    # The last echoes of consecutive shots are on the same ground.
     last = np.flatnonzero(echoes.echo_number == echoes.echo_count)
     near = np.diff(echoes.gps_time[last]) < 20e-6
     assert np.count_nonzero(near) > 1000

@@ -21,7 +21,7 @@ INTERVAL = 2.0**-29  # s, about 1.9 ns; multiples and differences of it are exac
 TRIPLE_STD = 0.8493218002880191  # samples
 
 
-def record(peaks: Mapping[int, int], length: int = 60) -> Samples:
+def triples(peaks: Mapping[int, int], length: int = 60) -> Samples:
     """A waveform of zeros with a triple of even height at each of the given positions."""
     samples = np.zeros(length, np.uint16)
     for position, height in peaks.items():
