@@ -9,7 +9,7 @@
 namespace FullWaveform {
 namespace {
 
-/// Reads a sample of 0, whose logarithm does not exist, as 1.
+/// Reads a sample of 0, whose logarithm is undefined, as 1.
 unsigned short atLeastOne(unsigned short const& sample, double /*index*/) {
   return sample == 0 ? static_cast<unsigned short>(1) : sample;
 }

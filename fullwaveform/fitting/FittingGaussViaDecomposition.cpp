@@ -14,7 +14,7 @@
 namespace FullWaveform {
 namespace {
 
-constexpr int strongSignal = 1800;  // counts; a second loop finds nothing in waveforms with a higher maximum
+constexpr int strongSignal = 1800;  // counts; waveforms with a higher maximum get no second loop
 
 TYPE typeOfLoop(int loop) {
   return loop == 0 ? GAUSS_DECOMPOSITION_1 : GAUSS_DECOMPOSITION_2;

@@ -7,9 +7,9 @@
 
 namespace FullWaveform {
 
-/// Smallest rise or fall next to a maximum that both Gauss methods take for a peak, counts.
+/// Smallest rise or fall next to a maximum that makes it a peak in both Gauss methods, counts.
 inline constexpr double minGaussDifference = 2.0;
-/// Smallest difference of last and first index of a range in which both Gauss methods search peaks.
+/// Smallest difference of last and first index of a range in which both Gauss methods search for peaks.
 inline constexpr int minGaussRange = 3;
 
 /// The Gaussian through three samples.

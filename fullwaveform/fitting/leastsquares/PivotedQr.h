@@ -10,8 +10,9 @@
 namespace FullWaveform {
 
 /// QR factorisation of the derivatives of a sum of Gaussians, J P = Q R, by Householder reflections with
-/// column pivoting (Golub and Van Loan, Matrix Computations, 5.4). The residual f is reflected along to Q^T
-/// f. Each reflection computes the remaining norms of the columns anew instead of downdating them.
+/// column pivoting (Golub and Van Loan, Matrix Computations, 5.4). The reflections also turn the
+/// residual f into Q^T f. Each reflection computes the remaining norms of the columns anew instead of
+/// downdating them.
 class PivotedQr {
  public:
   explicit PivotedQr(InstructionSet set = widestInstructionSet()) : instructionSet(set) {}

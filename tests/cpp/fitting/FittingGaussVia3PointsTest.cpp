@@ -36,9 +36,9 @@ struct Outcome {
   std::vector<Peak> peaks;
 };
 
-Outcome fit(Samples const& samples, int noise, std::list<Peak> const& former = {}) {
+Outcome fit(Samples const& samples, int noise, std::list<Peak> const& existing = {}) {
   WavePtr const wave = waveOf(samples, noise);
-  wave->peaks = former;
+  wave->peaks = existing;
   bool const ran = Fitting().apply(samples.data(), wave);
   return {ran, {wave->peaks.begin(), wave->peaks.end()}};
 }
@@ -66,7 +66,7 @@ TEST(FittingGaussVia3Points, OneEchoIsFitted) {
   EXPECT_EQ(peak.time, 0.0);
 }
 
-TEST(FittingGaussVia3Points, EchoesOfAllSegmentsComeInOrder) {
+TEST(FittingGaussVia3Points, EchoesOfAllSegmentsAreSorted) {
   Samples const samples =
       waveformOf(40, 5, {{5, {100, 200, 100}}, {15, {100, 200, 200, 100}}, {30, {60, 120, 60}}});
   EXPECT_EQ(positions(fit(samples, 20)), (Positions{6.0, 16.5, 31.0}));
@@ -91,9 +91,9 @@ TEST(FittingGaussVia3Points, RoundedGaussianIsRecovered) {
 }
 
 // {8 -> 10} is two long, {8 -> 11} is three.
-TEST(FittingGaussVia3Points, RangeOfTwoIsTooShortOfThreeIsEnough) {
-  Peak const former(1.0, 2.0, 0.0, FLAW, EXCEEDS_RANGE, -1.0, 0, 0.0F);
-  Outcome const tooShort = fit(waveformOf(20, 5, {{9, {200}}}), 20, {former});
+TEST(FittingGaussVia3Points, RangeOfTwoIsTooShortAndOfThreeIsEnough) {
+  Peak const existing(1.0, 2.0, 0.0, FLAW, EXCEEDS_RANGE, -1.0, 0, 0.0F);
+  Outcome const tooShort = fit(waveformOf(20, 5, {{9, {200}}}), 20, {existing});
   EXPECT_FALSE(tooShort.ran);
   ASSERT_EQ(tooShort.peaks.size(), 1U);
   EXPECT_EQ(tooShort.peaks[0].type, FLAW);
@@ -103,13 +103,13 @@ TEST(FittingGaussVia3Points, RangeOfTwoIsTooShortOfThreeIsEnough) {
   EXPECT_EQ(enough.peaks.size(), 1U);
 }
 
-// Beside a clear echo at 7, so that the fallback stays out of it.
-TEST(FittingGaussVia3Points, EchoesStandOutByTwoCountsOnOneSide) {
+// Next to a clear echo at 7, so that the fallback is not used.
+TEST(FittingGaussVia3Points, MaximaExceedOneNeighbourByTwoCounts) {
   EXPECT_EQ(fit({5, 5, 100, 102, 101, 101, 150, 300, 150, 5, 5}, 20).peaks.size(), 2U);
   EXPECT_EQ(fit({5, 5, 101, 102, 101, 101, 150, 300, 150, 5, 5}, 20).peaks.size(), 1U);
 }
 
-TEST(FittingGaussVia3Points, RecordWithoutSegmentsIsTooShort) {
+TEST(FittingGaussVia3Points, WaveformWithoutSegmentsIsTooShort) {
   EXPECT_FALSE(fit(Samples(20, 5), 20).ran);
 }
 
@@ -122,7 +122,7 @@ TEST(FittingGaussVia3Points, ZeroNeighbourIsReadAsOne) {
   EXPECT_NEAR(outcome.peaks[0].std, 0.4903562, Tolerance::fitSamples);  // sqrt(0.5 / (3 ln 2))
 }
 
-TEST(FittingGaussVia3Points, AfterPulsesAreMarkedButStay) {
+TEST(FittingGaussVia3Points, AfterPulsesAreMarkedAndKept) {
   // Strongest 1000 at 10; window from 13 on.
   Samples const samples =
       waveformOf(40, 5, {{9, {500, 1000, 500}}, {20, {100, 200, 100}}, {3, {60, 120, 60}}});
@@ -135,8 +135,8 @@ TEST(FittingGaussVia3Points, AfterPulsesAreMarkedButStay) {
   EXPECT_EQ(outcome.peaks[2].type, GAUSS_3POINTS);
 }
 
-TEST(FittingGaussVia3Points, AfterPulseTestSeesTheRawPosition) {
-  // Raw at 13, the first index of the window; fitted at 12.5, in front of it.
+TEST(FittingGaussVia3Points, AfterPulseTestUsesTheRawPosition) {
+  // Raw at 13, the first index of the window; fitted at about 12.5, before the window.
   Samples const samples = waveformOf(40, 5, {{9, {500, 1000, 500, 50, 100, 50}}});
   Samples slanted = samples;
   slanted[12] = 99;
@@ -147,18 +147,18 @@ TEST(FittingGaussVia3Points, AfterPulseTestSeesTheRawPosition) {
 }
 
 TEST(FittingGaussVia3Points, EchoesOutsideTheBoundsAreRemoved) {
-  // 2000 x 2^1.125 = 4362 counts are beyond full scale.
+  // 2000 x 2^1.125 = 4362 counts are above the digitiser limit.
   Samples const samples = waveformOf(40, 5, {{9, {100, 200, 100}}, {20, {2000, 4000, 4000, 2000}}});
   EXPECT_EQ(positions(fit(samples, 20)), (Positions{10.0}));
 }
 
-TEST(FittingGaussVia3Points, FormerEchoesAreFittedTooUnlessTheyAreBad) {
+TEST(FittingGaussVia3Points, ExistingPeaksAreFittedUnlessTheyAreBad) {
   Samples const samples = waveformOf(40, 5, {{9, {100, 200, 100}}, {20, {100, 200, 200, 100}}});
   Peak const bad(1.0, 10.0, 0.0, RAW, EXCEEDS_RANGE, 0.0, 0, 0.0F);
   Peak const worse(1.0, 10.0, 0.0, RAW, static_cast<QUALITY>(3), 0.0, 0, 0.0F);
-  Peak const former(1.0, 21.9, 0.0, RAW, GOOD, 0.0, 33, 0.0F);
-  Outcome const outcome = fit(samples, 20, {former, bad, worse});
-  // The sort is stable: the former echo stays before the one found at the same position.
+  Peak const existing(1.0, 21.9, 0.0, RAW, GOOD, 0.0, 33, 0.0F);
+  Outcome const outcome = fit(samples, 20, {existing, bad, worse});
+  // The sort is stable: the existing peak stays before the one found at the same position.
   ASSERT_EQ(positions(outcome), (Positions{10.0, 21.5, 21.5}));
   EXPECT_EQ(outcome.peaks[1].classification, 33);
   EXPECT_EQ(outcome.peaks[2].classification, 0);
@@ -175,7 +175,7 @@ TEST(FittingGaussVia3Points, FlatWaveformKeepsAnEchoOfNan) {
   EXPECT_EQ(outcome.peaks[0].quality, GOOD);
 }
 
-// 60, 50, 50 is concave up: 60 (5/6)^(9/8) = 48.87 counts in the minimum, between the noises.
+// 60, 50, 50 is concave up: 60 (5/6)^(9/8) = 48.87 counts in the minimum, between the two noises.
 TEST(FittingGaussVia3Points, EchoesLowerThanTheNoiseAreRemoved) {
   Samples const samples{60, 50, 50, 50, 50, 5, 5};
   EXPECT_EQ(fit(samples, 48).peaks.size(), 1U);
@@ -193,22 +193,22 @@ TEST(FittingGaussVia3Points, ConcaveUpTripleGivesAnEchoWithoutWidth) {
 TEST(FittingGaussVia3Points, RangeThatStartsAtZeroReadsNoSampleBeforeIt) {
   Samples const samples{5, 100, 200, 100, 5};
   EXPECT_EQ(positions(fit(samples, 20)), (Positions{2.0}));
-  Testing::withGuardedCopies(samples, [&](unsigned short const* record) {
+  Testing::withGuardedCopies(samples, [&](unsigned short const* guarded) {
     WavePtr const wave = waveOf(samples, 20);
     EXPECT_EQ(wave->globalStart, 0U);
-    EXPECT_TRUE(Fitting().apply(record, wave));
+    EXPECT_TRUE(Fitting().apply(guarded, wave));
     EXPECT_EQ(wave->size(), 1U);
   });
 }
 
-TEST(FittingGaussVia3Points, ShortRecordsAreNeverReadOutside) {
+TEST(FittingGaussVia3Points, ShortWaveformsAreNotReadOutside) {
   for (std::size_t length = 0; length <= 6; ++length) {
     for (int const noise : {-1, 0, 20}) {
       for (unsigned short const level : Samples{0, 20, 50, 4000}) {
         Samples const samples(length, level);
-        Testing::withGuardedCopies(samples, [&](unsigned short const* record) {
+        Testing::withGuardedCopies(samples, [&](unsigned short const* guarded) {
           WavePtr const wave = waveOf(samples, noise);
-          bool const ran = Fitting().apply(record, wave);
+          bool const ran = Fitting().apply(guarded, wave);
           EXPECT_TRUE(length > 4 || !ran || wave->size() == 0) << length;
         });
       }
@@ -216,16 +216,16 @@ TEST(FittingGaussVia3Points, ShortRecordsAreNeverReadOutside) {
   }
 }
 
-TEST(FittingGaussVia3Points, EverySmallRecordStaysInside) {
+TEST(FittingGaussVia3Points, EchoesOfShortWaveformsAreInTheirRange) {
   unsigned short const levels[] = {0, 20, 300};
   for (int code = 0; code < 3 * 3 * 3 * 3 * 3 * 3; ++code) {
     Samples samples;
     for (int rest = code, i = 0; i < 6; ++i, rest /= 3) {
       samples.push_back(levels[rest % 3]);
     }
-    Testing::withGuardedCopies(samples, [&](unsigned short const* record) {
+    Testing::withGuardedCopies(samples, [&](unsigned short const* guarded) {
       WavePtr const wave = waveOf(samples, 20);
-      Fitting().apply(record, wave);
+      Fitting().apply(guarded, wave);
       for (Peak const& peak : wave->peaks) {
         EXPECT_FALSE(peak.idx < wave->globalStart || peak.idx > wave->globalEnd);
         EXPECT_LT(peak.quality, EXCEEDS_RANGE);
@@ -234,7 +234,7 @@ TEST(FittingGaussVia3Points, EverySmallRecordStaysInside) {
   }
 }
 
-TEST(FittingGaussVia3Points, OneFitterServesManyWaveforms) {
+TEST(FittingGaussVia3Points, FitterIsReusable) {
   Fitting fitting;
   for (int round = 0; round < 3; ++round) {
     Samples const samples = waveformOf(20, 5, {{9, {100, 200, 100}}});

@@ -26,7 +26,7 @@ namespace Tolerance = Testing::Tolerance;
 
 constexpr unsigned first = GAUSS_DECOMPOSITION_1;
 constexpr unsigned second = GAUSS_DECOMPOSITION_2;
-constexpr int noise = 20;  // counts, the floor of the scenes
+constexpr int noise = 20;  // counts, the baseline of the scenes
 
 enum Power : unsigned char { Normal = 0, Low = 1 };
 
@@ -36,11 +36,11 @@ struct Echo {
   double width;
 };
 
-/// Whole counts of echoes on a floor.
-Samples sceneOf(std::size_t length, std::vector<Echo> const& echoes, double floor = 20.0) {
+/// Echoes on a baseline, in whole counts.
+Samples sceneOf(std::size_t length, std::vector<Echo> const& echoes, double baseline = 20.0) {
   Samples samples(length);
   for (std::size_t i = 0; i < length; ++i) {
-    double value = floor;
+    double value = baseline;
     for (Echo const& echo : echoes) {
       double const widths = (static_cast<double>(i) - echo.position) / echo.width;
       value += echo.height * std::exp(-0.5 * widths * widths);
@@ -154,15 +154,15 @@ TEST(FittingGaussViaDecomposition, NormalChannelGetsOneLoop) {
   EXPECT_EQ(typesOf(decompose(samples, 2)), (Types{first}));
 }
 
-TEST(FittingGaussViaDecomposition, SecondLoopThatFindsNothingKeepsTheFirst) {
+TEST(FittingGaussViaDecomposition, SecondLoopWithoutPeaksKeepsTheFirst) {
   Echo const echo{1000.0, 20.3, 2.2};
   Peaks const peaks = decompose(sceneOf(60, {echo}), Low);
   ASSERT_EQ(typesOf(peaks), (Types{first}));
   expectEcho(peaks[0], echo);
 }
 
-TEST(FittingGaussViaDecomposition, EchoesComeBySegmentAndLoop) {
-  // The floor lies below the noise and cuts the record into two segments.
+TEST(FittingGaussViaDecomposition, EchoesAreOrderedBySegmentAndLoop) {
+  // The baseline is below the noise and splits the waveform into two segments.
   std::vector<Echo> echoes = shoulder;
   echoes.push_back({900.0, 60.0, 2.0});
   Samples const samples = sceneOf(80, echoes, 15.0);
@@ -174,7 +174,7 @@ TEST(FittingGaussViaDecomposition, EchoesComeBySegmentAndLoop) {
   EXPECT_NEAR(peaks[2].idx, 60.0, 0.1);
 }
 
-/// An echo whose maximum lies before sample 1, where the segment of a record that begins above the noise
+/// An echo whose maximum lies before sample 1, where the segment of a waveform that begins above the noise
 /// starts; then a neighbour, and a third echo with a weak one on its shoulder.
 Samples echoBeforeItsSegment() {
   return sceneOf(40, {{600.0, 0.8, 1.5}, {1500.0, 6.0, 1.8}, {1200.0, 25.0, 2.0}, {200.0, 30.5, 1.5}});
@@ -206,8 +206,8 @@ TEST(FittingGaussViaDecomposition, EchoOutsideItsSegmentIsRemovedInsideTheWavefo
 }
 
 TEST(FittingGaussViaDecomposition, FlatSegmentKeepsAnEchoOfNan) {
-  // The largest sample and its neighbours are equal. NaN is neither refined nor removed, and explains no
-  // signal: the second loop finds the same echo again.
+  // The largest sample and its neighbours are equal. NaN is neither refined nor removed, and is left out
+  // of the residual: the second loop finds the same echo again.
   Peaks const peaks = decompose(Samples(12, 50), Low);
   ASSERT_EQ(typesOf(peaks), (Types{first, second}));
   for (Peak const& peak : peaks) {
@@ -234,7 +234,7 @@ TEST(FittingGaussViaDecomposition, NanStartOfTheSecondLoopBlocksItsRefinement) {
 }
 
 TEST(FittingGaussViaDecomposition, RemovalOfTheOnlyEchoLeavesNone) {
-  // Falls from the first sample on: the Gaussian's maximum lies before the record.
+  // Falls from the first sample on: the Gaussian's maximum is before the waveform.
   Samples const samples = sceneOf(40, {{1500.0, -3.0, 3.0}});
   EXPECT_TRUE(decompose(samples, Normal).empty());
   EXPECT_TRUE(decompose(samples, Low).empty());
@@ -245,7 +245,7 @@ TEST(FittingGaussViaDecomposition, OnlyTwiceTheNoiseStartsAnEcho) {
   EXPECT_EQ(decompose(waveformOf(20, 50, {{9, {75, 101, 75}}}), Normal, 50).size(), 1U);
 }
 
-TEST(FittingGaussViaDecomposition, OneCountMakesNoMaximum) {
+TEST(FittingGaussViaDecomposition, MaximumNeedsADifferenceOfTwoCounts) {
   Samples const ripple = waveformOf(40, 15, {{9, {100, 400, 900, 400, 100, 100, 101, 100, 100, 100}}});
   EXPECT_EQ(decompose(ripple).size(), 1U);
   Samples const rise = waveformOf(40, 15, {{9, {100, 400, 900, 400, 100, 100, 102, 100, 100, 100}}});
@@ -264,7 +264,7 @@ TEST(FittingGaussViaDecomposition, SegmentsUnderFourSamplesAreSkipped) {
 }
 
 TEST(FittingGaussViaDecomposition, MoreParametersThanSamplesKeepTheStarts) {
-  // Less the noise 32, 128, 64, 128, 32: six parameters, four samples. In powers of two the logarithms are
+  // Above the noise 32, 128, 64, 128, 32: six parameters, four samples. In powers of two the logarithms are
   // 5, 7, 6: vertex 1/6 sample after the middle, height 2^(7 + 1/24), width 1/sqrt(3 ln 2).
   Samples const samples = waveformOf(20, 4, {{9, {36, 132, 68, 132, 36}}});
   WavePtr const wave = waveOf(samples, Normal, 4);
@@ -283,7 +283,7 @@ TEST(FittingGaussViaDecomposition, MoreParametersThanSamplesKeepTheStarts) {
 
 TEST(FittingGaussViaDecomposition, StartWithoutAWidthIsNeitherRefinedNorRemoved) {
   // Above the noise 2^12, 2^10, 2^9, then falling: the logarithms are concave up, with a vertex 2.5 samples
-  // on, at 2^8.875 counts, and a NaN width. The marking lets NaN pass, and the Gaussian explains no signal:
+  // on, at 2^8.875 counts, and a NaN width. The marking lets NaN pass, and the residual ignores it:
   // the second loop finds the same again.
   Samples const samples{4116, 1044, 532, 300, 200, 150, 110, 80, 60, 50, 40, 30, 25, 20, 20, 20};
   Peaks const peaks = decompose(samples, Low);
@@ -296,18 +296,18 @@ TEST(FittingGaussViaDecomposition, StartWithoutAWidthIsNeitherRefinedNorRemoved)
   EXPECT_EQ(typesOf(decompose(samples, Normal)), (Types{first}));
 }
 
-TEST(FittingGaussViaDecomposition, FormerEchoesAreReplaced) {
-  Peak const former(1.0, 2.0, 3.0, RAW, GOOD, 4.0, 5, 6.0F);
+TEST(FittingGaussViaDecomposition, ExistingPeaksAreReplaced) {
+  Peak const existing(1.0, 2.0, 3.0, RAW, GOOD, 4.0, 5, 6.0F);
   Samples const samples = sceneOf(60, {{1000.0, 20.3, 2.2}});
   WavePtr const wave = waveOf(samples);
-  wave->peaks = {former, former};
+  wave->peaks = {existing, existing};
   EXPECT_TRUE(Decomposition().apply(samples.data(), wave));
   EXPECT_EQ(typesOf(peaksOf(wave)), (Types{first}));
 
   // Also when there is no segment at all.
   Samples const quiet(60, 10);
   WavePtr const quietWave = waveOf(quiet);
-  quietWave->peaks = {former};
+  quietWave->peaks = {existing};
   EXPECT_TRUE(Decomposition().apply(quiet.data(), quietWave));
   EXPECT_TRUE(quietWave->peaks.empty());
 }
@@ -321,7 +321,7 @@ TEST(FittingGaussViaDecomposition, AfterPulsesAreMarkedAndKept) {
   expectEcho(peaks[1], {900.0, 40.0, 2.0});
 }
 
-TEST(FittingGaussViaDecomposition, WaveformIsNotKept) {
+TEST(FittingGaussViaDecomposition, WaveformIsNotRetained) {
   Samples const samples = sceneOf(80, shoulder);
   WavePtr const wave = waveOf(samples, Low);
   Decomposition decomposition;
@@ -329,14 +329,14 @@ TEST(FittingGaussViaDecomposition, WaveformIsNotKept) {
   EXPECT_EQ(wave->record().strongCount(), 1U);
 }
 
-TEST(FittingGaussViaDecomposition, ScannerChangesNothing) {
+TEST(FittingGaussViaDecomposition, ScannerHasNoEffect) {
   Samples const samples = sceneOf(80, shoulder);
   WavePtr const wave = waveOf(samples, Low);
   EXPECT_TRUE(Decomposition(ScannerDevice()).apply(samples.data(), wave));
   EXPECT_EQ(typesOf(peaksOf(wave)), (Types{first, second}));
 }
 
-TEST(FittingGaussViaDecomposition, ShortestRecordsAreNotReadOutside) {
+TEST(FittingGaussViaDecomposition, ShortestWaveformsAreNotReadOutside) {
   Samples const rising{60, 170, 420, 900, 500, 250};
   for (std::size_t length = 1; length <= rising.size(); ++length) {
     Samples const record(rising.begin(), rising.begin() + static_cast<std::ptrdiff_t>(length));
@@ -344,13 +344,13 @@ TEST(FittingGaussViaDecomposition, ShortestRecordsAreNotReadOutside) {
       WavePtr const wave(new WavePoints<unsigned short>(samples, Low, 0.0, 0.0, static_cast<int>(length),
                                                         noise, ScannerDevice()));
       EXPECT_TRUE(Decomposition().apply(samples, wave));
-      // Four samples from the first to the last of a segment {1, length - 2} take a record of six.
+      // Four samples from the first to the last of a segment {1, length - 2} need a waveform of six.
       EXPECT_EQ(wave->peaks.empty(), length < 6) << length;
     });
   }
 }
 
-TEST(FittingGaussViaDecomposition, RecordsThatAreCutAreNotReadOutside) {
+TEST(FittingGaussViaDecomposition, EchoesAtTheBordersAreNotReadOutside) {
   for (Samples const& scene : {sceneOf(24, {{1500.0, -1.0, 3.0}, {900.0, 11.0, 2.0}, {1500.0, 24.0, 3.0}}),
                                sceneOf(24, {{1500.0, 1.0, 2.0}, {1500.0, 22.0, 2.0}})}) {
     Testing::withGuardedCopies(scene, [&](unsigned short const* samples) {

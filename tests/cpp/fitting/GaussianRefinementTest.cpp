@@ -18,7 +18,7 @@ namespace Tolerance = Testing::Tolerance;
 using Testing::NistGauss;
 using Values = std::vector<double>;
 
-constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
 /// Height, position and width of an echo.
@@ -50,7 +50,7 @@ Values signalOf(NistGauss const& set) {
   return signal;
 }
 
-void refineOften(Values const& signal, int first, Values& parameters) {
+void refineRepeatedly(Values const& signal, int first, Values& parameters) {
   for (int i = 0; i < 30; ++i) {
     GaussianRefinement().refine(signal, first, parameters);
   }
@@ -76,7 +76,7 @@ TEST(GaussianRefinement, OverlappingEchoesAreSeparated) {
   EXPECT_NEAR(parameters[3], 300.0, 300.0 * Tolerance::refinedAmplitudeRelative);
 }
 
-TEST(GaussianRefinement, ExactStartStays) {
+TEST(GaussianRefinement, ExactStartIsKept) {
   Values parameters{1000.0, 14.3, 2.2};
   Values const start = parameters;
   GaussianRefinement().refine(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters);
@@ -85,14 +85,14 @@ TEST(GaussianRefinement, ExactStartStays) {
   }
 }
 
-TEST(GaussianRefinement, SignsOfTheMinimiserStay) {
+TEST(GaussianRefinement, SignsOfTheParametersAreKept) {
   Values parameters{-1000.0, -14.3, 2.2};
   GaussianRefinement().refine(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters);
   EXPECT_NEAR(parameters[0], -1000.0, 1e-9);
   EXPECT_NEAR(parameters[1], -14.3, 1e-9);
 }
 
-TEST(GaussianRefinement, FewerSamplesThanParametersChangeNothing) {
+TEST(GaussianRefinement, FewerSamplesThanParametersLeaveTheStartUnchanged) {
   Values one{7.0, 1.0, 2.0};
   EXPECT_EQ(GaussianRefinement().refine(Values{5.0, 9.0}, 0, one), 0);
   EXPECT_EQ(one, (Values{7.0, 1.0, 2.0}));
@@ -109,18 +109,18 @@ TEST(GaussianRefinement, AsManySamplesAsParametersAreEnough) {
   EXPECT_NEAR(parameters[2], 0.8493218, Tolerance::refinedSamples);  // 1 / sqrt(2 ln 2)
 }
 
-TEST(GaussianRefinement, StartThatIsNotFiniteChangesNothing) {
+TEST(GaussianRefinement, NonFiniteStartIsLeftUnchanged) {
   Values const signal = signalOf(5, 20, {{1000.0, 14.3, 2.2}});
-  for (double const strange : {notANumber, infinity, -infinity}) {
+  for (double const nonFinite : {nan, infinity, -infinity}) {
     for (std::size_t p = 0; p < 6; ++p) {
       Values const start{700.0, 13.0, 3.0, 100.0, 17.0, 2.0};
       Values parameters = start;
-      parameters[p] = strange;
+      parameters[p] = nonFinite;
       EXPECT_EQ(GaussianRefinement().refine(signal, 5, parameters), 0);
       for (std::size_t q = 0; q < 6; ++q) {
         EXPECT_TRUE(q == p || parameters[q] == start[q]);
       }
-      EXPECT_TRUE(parameters[p] == strange || std::isnan(strange));
+      EXPECT_TRUE(parameters[p] == nonFinite || std::isnan(nonFinite));
     }
   }
 }
@@ -133,7 +133,7 @@ TEST(GaussianRefinement, NoParametersOrNoSamplesAreAccepted) {
   EXPECT_EQ(GaussianRefinement().refine(Values(), 0, one), 0);
 }
 
-TEST(GaussianRefinement, WidthOfZeroChangesNothing) {
+TEST(GaussianRefinement, WidthOfZeroIsLeftUnchanged) {
   // At the position the Gaussian is 0/0: no step is better than the start.
   Values parameters{1000.0, 14.0, 0.0};
   GaussianRefinement().refine(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters);
@@ -141,15 +141,15 @@ TEST(GaussianRefinement, WidthOfZeroChangesNothing) {
 }
 
 TEST(GaussianRefinement, EndsAfterTwentyEvaluations) {
-  // A constant is a Gaussian of infinite width: every step widens it and none is the last.
+  // A constant is a Gaussian of infinite width: every step widens it, and the fit never converges.
   Values parameters{1000.0, 10.0, 2.0};
   EXPECT_EQ(GaussianRefinement().refine(Values(20, 1000.0), 0, parameters), 20);
   EXPECT_GT(parameters[2], 1000.0);
 }
 
 TEST(GaussianRefinement, FirstStepMayBeLong) {
-  // Only the height is wrong, by a factor of 100, and the sum is linear in it: one step mends it, if the
-  // bound of the first step is wide enough, and the second changes nothing.
+  // Only the height is wrong, by a factor of 100, and the sum is linear in it: one step corrects it, if the
+  // bound of the first step is large enough, and the second has no effect.
   Values parameters{10.0, 14.3, 2.2};
   EXPECT_LE(GaussianRefinement().refine(signalOf(5, 20, {{1000.0, 14.3, 2.2}}), 5, parameters), 3);
   EXPECT_NEAR(parameters[0], 1000.0, 1000.0 * Tolerance::refinedAmplitudeRelative);
@@ -174,7 +174,7 @@ TEST(GaussianRefinement, CertifiedParametersAreReached) {
 TEST(GaussianRefinement, RepeatedRefinementReachesTheCertifiedDigits) {
   for (NistGauss const& set : Testing::nistGauss) {
     Values parameters = twoGaussians(set.start2);
-    refineOften(signalOf(set), 1, parameters);
+    refineRepeatedly(signalOf(set), 1, parameters);
     Values const expected = twoGaussians(set.certified);
     for (std::size_t p = 0; p < expected.size(); ++p) {
       EXPECT_NEAR(parameters[p] / expected[p], 1.0, Tolerance::repeatedRelative)
@@ -184,12 +184,12 @@ TEST(GaussianRefinement, RepeatedRefinementReachesTheCertifiedDigits) {
 }
 
 TEST(GaussianRefinement, RepeatedRefinementReachesTheMinimumOfSciPy) {
-  // Two Gaussians for four echoes, so that a large misfit is left; the minimum is that of SciPy's
+  // Two Gaussians for four echoes, so that a large residual is left; the minimum is that of SciPy's
   // least_squares (trust region, tolerances of 1e-14).
   Values const signal =
       signalOf(1, 38, {{600.0, 0.8, 1.5}, {1500.0, 6.0, 1.8}, {1200.0, 25.0, 2.0}, {200.0, 30.5, 1.5}});
   Values parameters{1500.0, 6.0, 2.0, 1200.0, 25.0, 2.0};
-  refineOften(signal, 1, parameters);
+  refineRepeatedly(signal, 1, parameters);
   Values const expected{1373.891497942, 5.618461311, 2.351318967, 1160.346262112, 25.122352687, 2.203724796};
   for (std::size_t p = 0; p < expected.size(); ++p) {
     EXPECT_NEAR(parameters[p] / expected[p], 1.0, Tolerance::repeatedRelative) << p;

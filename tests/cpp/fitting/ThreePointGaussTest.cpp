@@ -64,7 +64,7 @@ TEST(ThreePointGauss, RecoversTheGaussianThatWasSampled) {
   }
 }
 
-TEST(ThreePointGauss, ScaleMovesTheAmplitudeOnly) {
+TEST(ThreePointGauss, ScaleChangesTheAmplitudeOnly) {
   ThreePointGauss const small = gaussThroughThreeSamples(100.0, 300.0, 200.0);
   ThreePointGauss const large = gaussThroughThreeSamples(1000.0, 3000.0, 2000.0);
   EXPECT_NEAR(large.vertex, small.vertex, Tolerance::fitSamples);
@@ -112,7 +112,7 @@ void expectBitsOfEigen(double left, double centre, double right) {
       << left << ' ' << centre << ' ' << right;
 }
 
-TEST(ThreePointGauss, HasTheBitsOfADynamicFactorisation) {
+TEST(ThreePointGauss, AgreesBitwiseWithTheDynamicSizeLuOfEigen) {
   std::vector<double> const levels{1.0,  2.0,   3.0,   4.0,   7.0,   8.0,    9.0,    16.0,   20.0,   50.0,
                                    64.0, 100.0, 127.0, 254.0, 255.0, 1000.0, 4095.0, 4096.0, 65535.0};
   for (double const left : levels) {
@@ -134,7 +134,7 @@ TEST(ThreePointGauss, HasTheBitsOfADynamicFactorisation) {
 }
 
 // From NumPy, with logarithms and exponential in double precision, rounded to single precision. In single
-// precision the logarithm of 1579, and the exponential for 22, 60, 13, have another last digit.
+// precision the logarithm of 1579 and the exponential for 22, 60, 13 differ in the last digit.
 TEST(ThreePointGauss, LogarithmAndExponentialAreOfDoublePrecision) {
   ThreePointGauss const gauss = gaussThroughThreeSamples(1500.0, 1579.0, 1540.0);
   EXPECT_EQ(gauss.vertex, 1.172376F);
@@ -188,25 +188,25 @@ TEST(ThreePointGaussPeak, SamplesAreReadThroughTheAccessor) {
   EXPECT_EQ(indices, "123");
 }
 
-TEST(ThreePointGaussPeak, NeighboursOutsideTheRecordAreItsNearestSample) {
-  // At the front 8, 8, 4: vertex half a sample before; at the end 4, 8, 8: half a sample after.
+TEST(ThreePointGaussPeak, NeighboursOutsideTheWaveformAreItsNearestSample) {
+  // First sample, 8, 8, 4: vertex half a sample before it. Last sample, 4, 8, 8: half a sample after it.
   EXPECT_EQ(fitted({8, 4, 1}, 0.0).idx, -0.5);
   EXPECT_EQ(fitted({1, 4, 8}, 2.0).idx, 2.5);
 }
 
-TEST(ThreePointGaussPeak, NothingOutsideTheRecordIsRead) {
+TEST(ThreePointGaussPeak, NoSampleOutsideTheWaveformIsRead) {
   Samples const samples{100, 90, 120};
-  double const notANumber = std::numeric_limits<double>::quiet_NaN();
-  for (double const idx : {-1e300, -5.0, 0.0, 2.0, 3.0, 1e300, notANumber}) {
-    Testing::withGuardedCopies(samples, [&](unsigned short const* record) {
+  double const nan = std::numeric_limits<double>::quiet_NaN();
+  for (double const idx : {-1e300, -5.0, 0.0, 2.0, 3.0, 1e300, nan}) {
+    Testing::withGuardedCopies(samples, [&](unsigned short const* guarded) {
       Peak peak = rawAt(idx);
-      fitThreePointGauss(std::span(record, samples.size()), {}, peak);
+      fitThreePointGauss(std::span(guarded, samples.size()), {}, peak);
       EXPECT_EQ(peak.type, GAUSS_3POINTS);
     });
   }
 }
 
-TEST(ThreePointGaussPeak, EmptyRecordLeavesTheEchoAlone) {
+TEST(ThreePointGaussPeak, EmptyWaveformLeavesThePeakUnchanged) {
   Peak const peak = fitted({}, 1.0);
   EXPECT_EQ(peak.type, RAW);
   EXPECT_EQ(peak.idx, 1.0);

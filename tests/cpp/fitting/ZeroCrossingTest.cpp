@@ -39,10 +39,10 @@ struct Scan {
 Found scanSamples(Samples const& samples, Scan const& scan, std::list<Peak> peaks = {}) {
   ZeroCrossing settings;
   settings.minimumDifference = scan.minimumDifference;
-  Testing::withGuardedCopies(samples, [&](unsigned short const* record) {
-    std::list<Peak> own = peaks;
+  Testing::withGuardedCopies(samples, [&](unsigned short const* guarded) {
+    std::list<Peak> copy = peaks;
     EXPECT_TRUE(
-        findRawPeaks(std::span(record, samples.size()), scan.first, scan.last, scan.noise, own, settings));
+        findRawPeaks(std::span(guarded, samples.size()), scan.first, scan.last, scan.noise, copy, settings));
   });
   EXPECT_TRUE(findRawPeaks(std::span<unsigned short const>(samples), scan.first, scan.last, scan.noise, peaks,
                            settings));
@@ -56,7 +56,7 @@ Found scanValues(std::vector<double> const& values, Scan const& scan, std::list<
   return foundIn(peaks);
 }
 
-/// What both forms find; they must agree.
+/// Peaks that both forms find; they must agree.
 Found scan(Samples const& samples, Scan const& settings, std::list<Peak> const& peaks = {}) {
   Found const found = scanSamples(samples, settings, peaks);
   std::vector<double> const values(samples.begin(), samples.end());
@@ -64,7 +64,7 @@ Found scan(Samples const& samples, Scan const& settings, std::list<Peak> const& 
   return found;
 }
 
-Peak formerPeak() {
+Peak existingPeak() {
   return {1.0, 99.0, 0.0, FLAW, GOOD, 0.0, 0, 0.0F};
 }
 
@@ -72,7 +72,7 @@ TEST(ZeroCrossing, StartsWithoutAccessor) {
   EXPECT_FALSE(ZeroCrossing().sampleAccessor);
 }
 
-TEST(ZeroCrossing, RawEchoHasItsFixedValues) {
+TEST(ZeroCrossing, RawPeakHasDefaultValues) {
   std::list<Peak> peaks;
   Samples const samples{5, 9, 5};
   findRawPeaks(std::span<unsigned short const>(samples), 1, 1, 5, peaks, ZeroCrossing());
@@ -92,7 +92,7 @@ TEST(ZeroCrossing, PlateauGivesItsFirstSample) {
   EXPECT_EQ(scan({5, 9, 9, 9, 5}, {1, 3, 5}), (Found{{1, 9}}));
 }
 
-TEST(ZeroCrossing, MaximaComeInIndexOrder) {
+TEST(ZeroCrossing, MaximaAreInIndexOrder) {
   EXPECT_EQ(scan({0, 20, 0, 50, 0, 30, 0}, {1, 5}), (Found{{1, 20}, {3, 50}, {5, 30}}));
 }
 
@@ -112,7 +112,7 @@ TEST(ZeroCrossing, FlatMaximumIsFoundByTheFallback) {
 }
 
 TEST(ZeroCrossing, OneSideAtTheMinimumDifferenceIsEnough) {
-  // Each beside a clear maximum, so that the fallback stays out of it.
+  // Each next to a clear maximum, so that the fallback is not used.
   EXPECT_EQ(scan({8, 10, 9, 9, 50, 0}, {1, 4}), (Found{{1, 10}, {4, 50}}));
   EXPECT_EQ(scan({9, 10, 8, 8, 50, 0}, {1, 4}), (Found{{1, 10}, {4, 50}}));
   EXPECT_EQ(scan({9, 10, 9, 9, 50, 0}, {1, 4}), (Found{{4, 50}}));
@@ -128,7 +128,7 @@ TEST(ZeroCrossing, SampleMustBeAboveTheNoise) {
   EXPECT_EQ(scan({5, 20, 5, 30, 5}, {1, 3, 20}), (Found{{3, 30}}));
 }
 
-TEST(ZeroCrossing, NothingAboveTheNoiseGivesNothing) {
+TEST(ZeroCrossing, NoPeakWithoutSamplesAboveTheNoise) {
   EXPECT_EQ(scan({5, 20, 5, 30, 5}, {1, 3, 30}), Found{});
   EXPECT_EQ(scan({0, 0, 0, 0}, {1, 2, 0}), Found{});
 }
@@ -137,16 +137,16 @@ TEST(ZeroCrossing, FallbackTakesTheFirstOfEqualMaxima) {
   EXPECT_EQ(scan({10, 11, 10, 11, 10}, {1, 3, 5}), (Found{{1, 11}}));
 }
 
-TEST(ZeroCrossing, FallbackLooksAtTheRangeOnly) {
+TEST(ZeroCrossing, FallbackSearchesTheRangeOnly) {
   EXPECT_EQ(scan({90, 11, 11, 11, 95}, {1, 3, 5}), (Found{{1, 11}}));
 }
 
-TEST(ZeroCrossing, NewEchoesComeBehindTheFormer) {
-  EXPECT_EQ(scan({5, 9, 5}, {1, 1, 5}, {formerPeak()}), (Found{{99, 1}, {1, 9}}));
+TEST(ZeroCrossing, NewPeaksAreAppended) {
+  EXPECT_EQ(scan({5, 9, 5}, {1, 1, 5}, {existingPeak()}), (Found{{99, 1}, {1, 9}}));
 }
 
-TEST(ZeroCrossing, FormerEchoesSuppressTheFallback) {
-  EXPECT_EQ(scan({10, 11, 10}, {1, 1, 5}, {formerPeak()}), (Found{{99, 1}}));
+TEST(ZeroCrossing, ExistingPeaksSuppressTheFallback) {
+  EXPECT_EQ(scan({10, 11, 10}, {1, 1, 5}, {existingPeak()}), (Found{{99, 1}}));
 }
 
 TEST(ZeroCrossing, ReversedRangeAddsNothing) {
@@ -159,7 +159,7 @@ TEST(ZeroCrossing, RangeOfOneIndexIsScanned) {
 }
 
 TEST(ZeroCrossing, RangeFromZeroReadsTheFirstSampleAsItsNeighbour) {
-  // Equal to its predecessor, so the first sample is never an echo of the scan.
+  // Equal to its predecessor, so the first sample is never a peak of the scan.
   EXPECT_EQ(scan({50, 9, 20, 5}, {0, 2}), (Found{{2, 20}}));
   EXPECT_EQ(scan({50, 9, 8, 5}, {0, 2}), (Found{{0, 50}}));
 }
@@ -168,7 +168,7 @@ TEST(ZeroCrossing, RangeToTheLastIndexReadsTheLastSampleAsItsNeighbour) {
   EXPECT_EQ(scan({5, 9, 20}, {1, 2}), (Found{{2, 20}}));
 }
 
-TEST(ZeroCrossing, RecordOfOneSampleIsItsOwnNeighbour) {
+TEST(ZeroCrossing, SingleSampleIsItsOwnNeighbour) {
   EXPECT_EQ(scan({50}, {0, 0, 10}), (Found{{0, 50}}));
   EXPECT_EQ(scan({}, {0, 0}), Found{});
   EXPECT_EQ(scan({}, {0, -1}), Found{});
@@ -210,38 +210,39 @@ TEST(ZeroCrossing, AccessorGetsTheNearestSampleAtTheBorders) {
 }
 
 TEST(ZeroCrossing, ValuesAreComparedAfterTheirConversion) {
-  // 9.9 and 9.2 both become 9: a plateau. 11.9 becomes 11: too flat beside 10, but the largest.
+  // 9.9 and 9.2 both become 9: a plateau. 11.9 becomes 11: too little above 10 for a maximum, but the
+  // largest.
   EXPECT_EQ(scanValues({5.0, 9.2, 9.9, 5.0}, {1, 2}), (Found{{1, 9}}));
   EXPECT_EQ(scanValues({10.0, 11.9, 10.0}, {1, 1}), (Found{{1, 11}}));
   EXPECT_EQ(scanValues({10.0, 12.9, 10.9, 30.0, 1.0}, {1, 3}), (Found{{1, 12}, {3, 30}}));
 }
 
 TEST(ZeroCrossing, ValuesKeepTheirLowSixteenBits) {
-  // 65536 + 7 reads as 7, -1 as 65535.
+  // 65536 + 7 becomes 7, -1 becomes 65535.
   EXPECT_EQ(scanValues({0.0, 65543.0, 0.0}, {1, 1}), (Found{{1, 7}}));
   EXPECT_EQ(scanValues({0.0, -1.0, 0.0}, {1, 1}), (Found{{1, 65535}}));
 }
 
-TEST(ZeroCrossing, ValuesWithoutConversionStandAsTheyAre) {
+TEST(ZeroCrossing, ValuesWithoutConversionAreUnchanged) {
   EXPECT_EQ(scanValues({0.0, 70000.5, 0.0}, {1, 1}, {}, {}), (Found{{1, 70000.5}}));
 }
 
-TEST(ZeroCrossing, ValuesOfNoUseReadAsZero) {
-  double const notANumber = std::numeric_limits<double>::quiet_NaN();
-  EXPECT_EQ(scanValues({notANumber, 9.0, 1e300, 8.0, notANumber}, {1, 3}), (Found{{1, 9}, {3, 8}}));
+TEST(ZeroCrossing, NanAndHugeValuesBecomeZero) {
+  double const nan = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_EQ(scanValues({nan, 9.0, 1e300, 8.0, nan}, {1, 3}), (Found{{1, 9}, {3, 8}}));
 }
 
-/// The rule in its own words, without any speed.
-Found plainMaxima(Samples const& samples, Scan const& scan) {
+/// The definition of a peak, implemented directly.
+Found maximaByDefinition(Samples const& samples, Scan const& scan) {
   int const end = static_cast<int>(samples.size()) - 1;
   auto const at = [&](int i) -> int { return samples[static_cast<std::size_t>(std::clamp(i, 0, end))]; };
   Found found;
   Found largest;
   for (int i = std::max(scan.first, 0); i <= std::min(scan.last, end); ++i) {
     bool const isMaximum = at(i) > at(i - 1) && at(i) >= at(i + 1);
-    bool const standsOut =
+    bool const isProminent =
         at(i) - at(i - 1) >= scan.minimumDifference || at(i) - at(i + 1) >= scan.minimumDifference;
-    if (at(i) > scan.noise && isMaximum && standsOut) {
+    if (at(i) > scan.noise && isMaximum && isProminent) {
       found.emplace_back(i, at(i));
     }
     if (at(i) > scan.noise && (largest.empty() || at(i) > largest[0].second)) {
@@ -251,26 +252,24 @@ Found plainMaxima(Samples const& samples, Scan const& scan) {
   return found.empty() ? largest : found;
 }
 
-TEST(ZeroCrossing, RandomRecordsGiveWhatTheRuleSays) {
-  std::mt19937 chance(5);
-  auto const between = [&chance](int least, int most) {
-    return std::uniform_int_distribution<int>(least, most)(chance);
-  };
+TEST(ZeroCrossing, RandomWaveformsAgreeWithTheDefinition) {
+  std::mt19937 rng(5);
+  auto const between = [&rng](int min, int max) { return std::uniform_int_distribution<int>(min, max)(rng); };
   std::size_t maxima = 0;
   for (int number = 0; number < 20000; ++number) {
-    // Few different values make plateaus and equal maxima; some of them lie at the end of the scale.
-    int const floor = between(0, 4) == 0 ? 65527 : 0;
+    // Few different values make plateaus and equal maxima; some are near the largest sample value.
+    int const lowest = between(0, 4) == 0 ? 65527 : 0;
     int const highest = number % 3 == 0 ? 300 : 8;
     Samples samples(static_cast<std::size_t>(between(1, 24)));
     for (unsigned short& sample : samples) {
-      sample = static_cast<unsigned short>(std::min(floor + between(0, highest), 65535));
+      sample = static_cast<unsigned short>(std::min(lowest + between(0, highest), 65535));
     }
     int const end = static_cast<int>(samples.size());
     Scan const settings{between(-2, end), between(-2, end + 1),
-                        static_cast<unsigned short>(floor + between(0, 4)),
+                        static_cast<unsigned short>(lowest + between(0, 4)),
                         static_cast<double>(between(0, 3))};
     Found const found = scan(samples, settings);
-    EXPECT_EQ(found, plainMaxima(samples, settings)) << number;
+    EXPECT_EQ(found, maximaByDefinition(samples, settings)) << number;
     maxima += found.size();
   }
   EXPECT_GT(maxima, 15000U);
@@ -287,7 +286,7 @@ TEST(ToSixteenBits, TruncatesTowardZeroAndKeepsTheLowBits) {
   EXPECT_EQ(toSixteenBits(-2147483647.0), 1.0);
 }
 
-TEST(ToSixteenBits, BeyondThirtyTwoBitsOrNotANumberIsZero) {
+TEST(ToSixteenBits, ValuesBeyondThirtyTwoBitsAndNanBecomeZero) {
   EXPECT_EQ(toSixteenBits(2147483648.0), 0.0);
   EXPECT_EQ(toSixteenBits(2147483649.0), 0.0);
   EXPECT_EQ(toSixteenBits(-2147483649.0), 0.0);

@@ -1,4 +1,4 @@
-// The library's minimiser takes the steps of Eigen's.
+// Compares the library's minimiser with Eigen's.
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -191,7 +191,7 @@ Scene sceneWithDistantGaussian(int seed, double widths) {
   return scene;
 }
 
-TEST(EigenComparison, AGaussianOutOfReachDoesNotStopTheOthers) {
+TEST(EigenComparison, DistantGaussianDoesNotStopTheOthers) {
   // 38.5 widths from the nearest sample its derivatives are 0 or the smallest denormal numbers.
   int differing = 0;
   for (int seed = 0; seed < 400; ++seed) {
@@ -227,7 +227,7 @@ TEST(LevenbergMarquardt, EveryInstructionSetGivesTheSameDigits) {
   }
 }
 
-TEST(LevenbergMarquardt, DigitsDoNotDependOnFormerFits) {
+TEST(LevenbergMarquardt, DigitsDoNotDependOnPreviousFits) {
   LevenbergMarquardt used;
   for (int seed = 199; seed >= 0; --seed) {
     Scene const scene = ordinaryScene(seed);
@@ -237,7 +237,7 @@ TEST(LevenbergMarquardt, DigitsDoNotDependOnFormerFits) {
   }
 }
 
-TEST(LevenbergMarquardt, AllocatesNothingAfterALargerFit) {
+TEST(LevenbergMarquardt, DoesNotAllocateAfterALargerFit) {
   LevenbergMarquardt minimiser;
   Scene const largest = ordinaryScene(5);
   Values parameters = largest.start;

@@ -51,11 +51,11 @@ Values jacobianOf(Values const& parameters, int first, std::size_t samples) {
 /// Change of the residual with one parameter, from steps to both sides.
 Values centralDifference(Values parameters, std::size_t parameter, int first, std::size_t samples) {
   double const step = 1e-5;
-  Values const none(samples, 0.0);
+  Values const zeros(samples, 0.0);
   parameters[parameter] += step;
-  Values difference = residualOf(parameters, first, none);
+  Values difference = residualOf(parameters, first, zeros);
   parameters[parameter] -= 2.0 * step;
-  Values const below = residualOf(parameters, first, none);
+  Values const below = residualOf(parameters, first, zeros);
   for (std::size_t i = 0; i < samples; ++i) {
     difference[i] = (difference[i] - below[i]) / (2.0 * step);
   }
@@ -76,12 +76,12 @@ TEST(GaussianAt, FallsToTheRootOfEInOneWidth) {
   EXPECT_DOUBLE_EQ(gaussianAt(11.0, 5.0, 3.0), atTwoWidths);
 }
 
-TEST(GaussianAt, WidthOfZeroIsNotANumberAtThePositionOnly) {
+TEST(GaussianAt, WidthOfZeroGivesNanAtThePositionOnly) {
   EXPECT_TRUE(std::isnan(gaussianAt(5.0, 5.0, 0.0)));
   EXPECT_EQ(gaussianAt(5.5, 5.0, 0.0), 0.0);
 }
 
-TEST(GaussianSum, ResidualIsSumLessSignal) {
+TEST(GaussianSum, ResidualIsSumMinusSignal) {
   expectNear(
       residualOf({8.0, 5.0, 1.0}, 3, {0.0, 1.0, 10.0, 3.0, -2.0}),
       {8.0 * atTwoWidths, 8.0 * atOneWidth - 1.0, -2.0, 8.0 * atOneWidth - 3.0, 8.0 * atTwoWidths + 2.0},
@@ -92,12 +92,12 @@ TEST(GaussianSum, GaussiansAdd) {
   expectNear(residualOf({8.0, 5.0, 1.0, 100.0, 8.0, 3.0}, 5, {0.0}), {8.0 + 100.0 * atOneWidth}, 1e-13);
 }
 
-TEST(GaussianSum, WithoutGaussiansTheSignalIsLeft) {
+TEST(GaussianSum, WithoutGaussiansTheResidualIsTheNegativeSignal) {
   EXPECT_EQ(residualOf({}, 3, {4.0, -5.0}), (Values{-4.0, 5.0}));
   EXPECT_EQ(jacobianOf({}, 3, 2), Values());
 }
 
-TEST(GaussianSum, AmplitudeAndPositionEnterWithoutTheirSigns) {
+TEST(GaussianSum, AmplitudeAndPositionEnterWithTheirAbsoluteValues) {
   Values const signal{0.0, 1.0, 2.0, 3.0};
   Values const expected = residualOf({8.0, 5.0, 1.5}, 3, signal);
   EXPECT_EQ(residualOf({-8.0, 5.0, 1.5}, 3, signal), expected);
@@ -114,7 +114,7 @@ TEST(GaussianSum, JacobianHoldsColumnsOfOneParameterEach) {
              1e-14);
 }
 
-TEST(GaussianSum, JacobianIsThatOfCentralDifferences) {
+TEST(GaussianSum, JacobianAgreesWithCentralDifferences) {
   Values const parameters{900.0, 12.3, 1.7, 250.0, 16.9, 2.6, 40.0, 30.0, 4.0};
   std::size_t const samples = 40;
   Values const jacobian = jacobianOf(parameters, 3, samples);
@@ -132,7 +132,7 @@ TEST(GaussianSum, AmplitudeColumnHasNoSignFactor) {
   expectNear(centralDifference({-8.0, 5.0, 1.0}, 0, 4, 2), {-atOneWidth, -1.0}, Tolerance::derivative);
 }
 
-TEST(GaussianSum, OtherColumnsAreThoseOfTheAbsoluteValues) {
+TEST(GaussianSum, OtherColumnsDependOnAbsoluteValuesOnly) {
   EXPECT_EQ(jacobianOf({-8.0, -5.0, -1.5}, 3, 6), jacobianOf({8.0, 5.0, 1.5}, 3, 6));
 }
 
@@ -149,7 +149,7 @@ TEST(GaussianSum, ColumnsArePaddedWithZeros) {
   }
 }
 
-TEST(GaussianSum, SquaresAreThoseOfTheColumns) {
+TEST(GaussianSum, SquaresAreSumsOverTheColumns) {
   Values const parameters{8.0, 5.0, 2.0};
   GaussianSum sum;
   Values const signal{1.0, 2.0, 3.0};
@@ -184,7 +184,7 @@ TEST(GaussianSum, CertifiedParametersAreTheLeastSquaresMinimum) {
     }
     EXPECT_NEAR(squares / set.residualSumOfSquares, 1.0, Tolerance::certifiedDigits) << set.name;
 
-    // There the residual is at right angles to every column of the Jacobian.
+    // There the residual is orthogonal to every column of the Jacobian.
     Values const jacobian = jacobianOf(parameters, 1, residual.size());
     for (std::size_t p = 0; p < parameters.size(); ++p) {
       double along = 0.0;
@@ -199,8 +199,9 @@ TEST(GaussianSum, CertifiedParametersAreTheLeastSquaresMinimum) {
   }
 }
 
-TEST(GaussianSum, ExtremeGaussiansHaveNoDerivativesOfNan) {
-  // The shape is 0 at every sample, or 1 at the one where the distance is 0: 0 times what overflows.
+TEST(GaussianSum, ExtremeGaussiansHaveNoNanDerivatives) {
+  // The shape is 0 at every sample, or 1 at the one where the distance is 0: products of 0 and a factor that
+  // overflows.
   for (Values const& parameters : {Values{300.0, 1e160, 2.0}, Values{300.0, 4.0, 1e-105}}) {
     GaussianSum sum = evaluated(parameters, 0, Values(9, 4.0));
     Values squares(3);

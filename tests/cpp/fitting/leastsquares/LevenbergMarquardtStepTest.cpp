@@ -16,7 +16,7 @@ namespace {
 namespace Tolerance = Testing::Tolerance;
 using Values = std::vector<double>;
 
-/// A least-squares problem that was linearised, and a request for a step.
+/// A linearised least-squares problem and the settings of a step.
 struct Problem {
   explicit Problem(int seed) : numbers(static_cast<unsigned>(seed)) {
     for (int gaussian = 0; gaussian < 2; ++gaussian) {
@@ -90,9 +90,9 @@ Step foundByEigen(Problem const& problem) {
   return {damping, Values(step.begin(), step.end())};
 }
 
-TEST(LevenbergMarquardtStep, IsThatOfEigen) {
-  // Scales, bounds and former dampings of many orders of magnitude. With problems of deficient rank, searches
-  // that reach the lower bound of 0 are among them.
+TEST(LevenbergMarquardtStep, AgreesWithEigen) {
+  // Scales, bounds and previous dampings of many orders of magnitude. With problems of deficient rank,
+  // searches that reach the lower bound of 0 are among them.
   for (int seed = 0; seed < 4000; ++seed) {
     Problem const problem(seed);
     Step const step = found(problem);
@@ -105,7 +105,7 @@ TEST(LevenbergMarquardtStep, IsThatOfEigen) {
   }
 }
 
-TEST(LevenbergMarquardtStep, TheSearchEndsAfterTenCorrections) {
+TEST(LevenbergMarquardtStep, SearchEndsAfterTenCorrections) {
   // A diagonal R of twelve orders of magnitude, with scales of 1: the length sqrt(sum of (R q / (R^2 +
   // damping))^2) falls so slowly with the damping that Newton's method takes 13 corrections to get within a
   // tenth of the bound.

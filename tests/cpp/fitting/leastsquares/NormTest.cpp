@@ -26,7 +26,7 @@ TEST(Norm, DenormalValuesHaveANorm) {
   EXPECT_NEAR(normOf({1e-315}), 1e-315, 1e-317);
 }
 
-TEST(Norm, IsThatOfEigenFromTheSmallestToTheLargestNumbers) {
+TEST(Norm, AgreesWithEigenFromTheSmallestToTheLargestNumbers) {
   // From 1e-323, over the limit of about 2.3e-316 below which both give 0, to 1e308.
   for (int exponent = -323; exponent <= 308; ++exponent) {
     double const value = std::pow(10.0, exponent);

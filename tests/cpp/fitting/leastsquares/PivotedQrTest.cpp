@@ -23,7 +23,7 @@ PivotedQr factorised(std::vector<double> const& parameters, std::vector<double> 
 
 TEST(PivotedQr, ColumnsOfOneSampleLeaveNoRemainder) {
   // Echoes so narrow that all derivatives are in the nearest sample, and exp(-98) times smaller elsewhere:
-  // one direction, whatever the digits of its length.
+  // one direction, whose length depends on the offset.
   for (double const offset : {0.21, 0.23, 0.26, 0.29, 0.3}) {
     PivotedQr const qr = factorised({317.3, 11.0 + offset, 0.05}, std::vector<double>(24, 7.0));
     EXPECT_EQ(qr.rank(), 1U);
