@@ -17,7 +17,7 @@ void requireDrawable(double low, double high, unsigned int maxIntervals) {
   std::vector<double> const ticks = OrvikPDF::findTicks(range, maxIntervals);
   require(ticks.size() <= 52, "a bounded number of ticks");
   for (double const tick : ticks) {
-    require(std::isfinite(range.fractionOf(tick)), "every tick has a place");
+    require(std::isfinite(range.fractionOf(tick)), "every tick has a finite position");
   }
 }
 

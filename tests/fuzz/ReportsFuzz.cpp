@@ -38,7 +38,8 @@ void reportRun(Bytes& bytes) {
   statistics.inputFile = bytes.text(16);
   static_cast<void>(statistics.isSuspicious());
   require(statistics.record().ends_with("[%] \n"), "the statistics end with a percentage");
-  require(statistics.reportPath().string().ends_with("_Warning.txt"), "a warning file has its name");
+  require(statistics.reportPath().string().ends_with("_Warning.txt"),
+          "the name of a warning file ends with _Warning.txt");
 }
 
 }  // namespace

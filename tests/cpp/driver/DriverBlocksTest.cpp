@@ -56,10 +56,10 @@ std::string textOf(FWFModus modus, std::vector<Row> const& rows, std::size_t row
 
 TEST_P(DriverBlocks, ResultIsEqualForAllBlockSizes) {
   std::vector<Row> const rows = manyRows();
-  std::string const whole = textOf(GetParam(), rows, rows.size());
-  EXPECT_GT(whole.size(), 10000U);
+  std::string const expected = textOf(GetParam(), rows, rows.size());
+  EXPECT_GT(expected.size(), 10000U);
   for (std::size_t const rowsPerBlock : {2U, 6U, 50U}) {
-    EXPECT_EQ(textOf(GetParam(), rows, rowsPerBlock), whole) << rowsPerBlock;
+    EXPECT_EQ(textOf(GetParam(), rows, rowsPerBlock), expected) << rowsPerBlock;
   }
 }
 

@@ -98,11 +98,11 @@ TEST(DriverThreads, WaveformsAreSharedAndReleasedAcrossThreads) {
   shots.clear();
   std::atomic<std::size_t> waveforms{0};
   onThreads(threads, [&](int number) {
-    ShotMap& own = copies[static_cast<std::size_t>(number)];
-    for (auto const& [time, shot] : own) {
+    ShotMap& copy = copies[static_cast<std::size_t>(number)];
+    for (auto const& [time, shot] : copy) {
       waveforms += shot.waves.size();
     }
-    own.clear();
+    copy.clear();
   });
   EXPECT_EQ(waveforms, static_cast<std::size_t>(threads * 90));
   EXPECT_EQ(first->record().strongCount(), 1U);

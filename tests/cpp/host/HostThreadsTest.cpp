@@ -32,8 +32,8 @@ TEST(HostThreads, IdentifiersAreUniqueAcrossThreads) {
     }
   });
   std::set<std::uint64_t> all;
-  for (auto const& own : taken) {
-    all.insert(own.begin(), own.end());
+  for (auto const& identifiers : taken) {
+    all.insert(identifiers.begin(), identifiers.end());
   }
   EXPECT_EQ(all.size(), static_cast<std::size_t>(threads * rounds));
 }
@@ -77,9 +77,9 @@ TEST(HostThreads, WeakPointersLockOrFailWhileTheObjectIsDestroyed) {
         strong.reset();
         return;
       }
-      WeakPtr<Chunk<double>> const own = weak;
+      WeakPtr<Chunk<double>> const copy = weak;
       for (int i = 0; i < 5; ++i) {
-        StrongPtr<Chunk<double>> const locked = own.lock();
+        StrongPtr<Chunk<double>> const locked = copy.lock();
         wrong += !locked || (*locked)[0] == 7.0 ? 0 : 1;
       }
     });

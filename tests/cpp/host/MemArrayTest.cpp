@@ -28,10 +28,10 @@ TEST(MemArray, OwnerFillsMissingElementsWithZero) {
 }
 
 TEST(MemArray, ViewRefersToMemoryOfTheCaller) {
-  Values foreign{1, 2, 3, 4};
-  Block const block({2, 2}, foreign.data());
-  EXPECT_EQ(block.storage(), foreign.data());
-  foreign[3] = 44;
+  Values external{1, 2, 3, 4};
+  Block const block({2, 2}, external.data());
+  EXPECT_EQ(block.storage(), external.data());
+  external[3] = 44;
   EXPECT_EQ(block.storage()[3], 44);
 }
 

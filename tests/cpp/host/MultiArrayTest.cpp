@@ -35,10 +35,10 @@ TEST(MultiArray, OwnerOutlivesItsSource) {
 }
 
 TEST(MultiArray, ViewRefersToMemoryOfTheCaller) {
-  std::vector<double> foreign = oneTwoThree;
-  Array const array{std::span<double const>(foreign)};
-  foreign[1] = 22.0;
-  EXPECT_EQ(&array[0], foreign.data());
+  std::vector<double> external = oneTwoThree;
+  Array const array{std::span<double const>(external)};
+  external[1] = 22.0;
+  EXPECT_EQ(&array[0], external.data());
   EXPECT_EQ(array[1], 22.0);
 }
 
@@ -51,11 +51,11 @@ TEST(MultiArray, CopyOfAnOwnerOwnsItsOwnElements) {
 }
 
 TEST(MultiArray, CopyOfAViewRefersToTheSameMemory) {
-  std::vector<double> const foreign = oneTwoThree;
-  auto original = std::make_unique<Array>(std::span<double const>(foreign));
+  std::vector<double> const external = oneTwoThree;
+  auto original = std::make_unique<Array>(std::span<double const>(external));
   Array const copy = *original;
   original.reset();
-  EXPECT_EQ(&copy[0], foreign.data());
+  EXPECT_EQ(&copy[0], external.data());
 }
 
 TEST(MultiArray, MoveKeepsTheElementsAndEmptiesTheSource) {
@@ -68,10 +68,10 @@ TEST(MultiArray, MoveKeepsTheElementsAndEmptiesTheSource) {
 }
 
 TEST(MultiArray, AssignmentReplacesOwnerAndView) {
-  std::vector<double> const foreign{8.0};
+  std::vector<double> const external{8.0};
   Array array(oneTwoThree);
-  array = Array(std::span<double const>(foreign));
-  EXPECT_EQ(&array[0], foreign.data());
+  array = Array(std::span<double const>(external));
+  EXPECT_EQ(&array[0], external.data());
   Array const owner(oneTwoThree);
   array = owner;
   EXPECT_EQ(valuesOf(array), oneTwoThree);

@@ -96,7 +96,7 @@ TEST(FindTicks, HugeAndTinyRangesHaveTicks) {
     Ticks const ticks = findTicks(range, 5);
     ASSERT_FALSE(ticks.empty());
     EXPECT_LE(ticks.size(), 6U);
-    // Up to rounding.
+    // Within rounding errors.
     EXPECT_GE(range.fractionOf(ticks.front()), -1e-8);
     EXPECT_LE(range.fractionOf(ticks.back()), 1.0 + 1e-8);
   }

@@ -18,11 +18,11 @@ using FullWaveform::Testing::ConsoleCapture;
 
 class Counted : public ReferenceBase<Counted> {
  public:
-  explicit Counted(int& living) : living(living) { ++living; }
-  ~Counted() override { --living; }
+  explicit Counted(int& instances) : instances(instances) { ++instances; }
+  ~Counted() override { --instances; }
 
  private:
-  int& living;
+  int& instances;
 };
 
 class CountedMore : public Counted {
@@ -40,58 +40,58 @@ TEST(StrongPtr, EmptyPointerIsNotValid) {
 }
 
 TEST(StrongPtr, LastPointerDeletesTheObject) {
-  int living = 0;
+  int instances = 0;
   {
-    StrongPtr<Counted> const first = makeStrong<Counted>(living);
+    StrongPtr<Counted> const first = makeStrong<Counted>(instances);
     StrongPtr<Counted> second = first;
-    EXPECT_EQ(living, 1);
+    EXPECT_EQ(instances, 1);
     EXPECT_EQ(first->record().strongCount(), 2U);
     second.reset();
-    EXPECT_EQ(living, 1);
+    EXPECT_EQ(instances, 1);
     EXPECT_EQ(first->record().strongCount(), 1U);
   }
-  EXPECT_EQ(living, 0);
+  EXPECT_EQ(instances, 0);
 }
 
 TEST(StrongPtr, MoveTransfersTheReference) {
-  int living = 0;
-  StrongPtr<Counted> source = makeStrong<Counted>(living);
+  int instances = 0;
+  StrongPtr<Counted> source = makeStrong<Counted>(instances);
   StrongPtr<Counted> const target = std::move(source);
-  EXPECT_FALSE(source.isValid());  // NOLINT(bugprone-use-after-move): its state is part of the promise
+  EXPECT_FALSE(source.isValid());  // NOLINT(bugprone-use-after-move): tests the moved-from state
   EXPECT_EQ(target->record().strongCount(), 1U);
 }
 
 TEST(StrongPtr, AssignmentReleasesThePreviousObject) {
-  int livingA = 0;
-  int livingB = 0;
-  StrongPtr<Counted> pointer = makeStrong<Counted>(livingA);
-  pointer = makeStrong<Counted>(livingB);
-  EXPECT_EQ(livingA, 0);
-  EXPECT_EQ(livingB, 1);
+  int instancesA = 0;
+  int instancesB = 0;
+  StrongPtr<Counted> pointer = makeStrong<Counted>(instancesA);
+  pointer = makeStrong<Counted>(instancesB);
+  EXPECT_EQ(instancesA, 0);
+  EXPECT_EQ(instancesB, 1);
   StrongPtr<Counted> const& itself = pointer;
   pointer = itself;
-  EXPECT_EQ(livingB, 1);
+  EXPECT_EQ(instancesB, 1);
   pointer = nullptr;
-  EXPECT_EQ(livingB, 0);
+  EXPECT_EQ(instancesB, 0);
 }
 
 TEST(StrongPtr, DerivedPointerConvertsToItsBase) {
-  int living = 0;
+  int instances = 0;
   StrongPtr<Counted> base;
   {
-    StrongPtr<CountedMore> const derived = makeStrong<CountedMore>(living);
+    StrongPtr<CountedMore> const derived = makeStrong<CountedMore>(instances);
     base = derived;
   }
-  EXPECT_EQ(living, 1);
+  EXPECT_EQ(instances, 1);
   base.reset();
-  EXPECT_EQ(living, 0);
+  EXPECT_EQ(instances, 0);
 }
 
 TEST(StrongPtr, EveryPointerHasAUniqueIdentifier) {
-  int living = 0;
+  int instances = 0;
   StrongPtr<Counted> const empty;
   StrongPtr<Counted> const otherEmpty;
-  StrongPtr<Counted> const first = makeStrong<Counted>(living);
+  StrongPtr<Counted> const first = makeStrong<Counted>(instances);
   StrongPtr<Counted> const copy = first;
   EXPECT_LT(empty.identifier(), otherEmpty.identifier());
   EXPECT_LT(otherEmpty.identifier(), first.identifier());
@@ -105,8 +105,8 @@ TEST(StrongPtr, NewEmptyPointerTakesTheNextIdentifier) {
 }
 
 TEST(StrongPtr, EmptiedPointerTakesANewIdentifier) {
-  int living = 0;
-  StrongPtr<Counted> pointer = makeStrong<Counted>(living);
+  int instances = 0;
+  StrongPtr<Counted> pointer = makeStrong<Counted>(instances);
   std::uint64_t const before = PointerID::next();
   pointer.reset();
   EXPECT_EQ(pointer.identifier(), before + 1);
@@ -121,33 +121,33 @@ TEST(StrongPtr, ExceptionOfTheConstructorPropagatesWithoutLeak) {
 }
 
 TEST(WeakPtr, DoesNotKeepTheObjectAlive) {
-  int living = 0;
-  StrongPtr<Counted> strong = makeStrong<Counted>(living);
+  int instances = 0;
+  StrongPtr<Counted> strong = makeStrong<Counted>(instances);
   WeakPtr<Counted> const weak = strong;
   EXPECT_TRUE(weak.isValid());
   EXPECT_EQ(strong->record().strongCount(), 1U);
   strong.reset();
-  EXPECT_EQ(living, 0);
+  EXPECT_EQ(instances, 0);
   EXPECT_FALSE(weak.isValid());
 }
 
 TEST(WeakPtr, LockSharesAnExistingObject) {
-  int living = 0;
-  StrongPtr<Counted> strong = makeStrong<Counted>(living);
+  int instances = 0;
+  StrongPtr<Counted> strong = makeStrong<Counted>(instances);
   WeakPtr<Counted> const weak = strong;
   StrongPtr<Counted> locked = weak.lock();
   EXPECT_TRUE(locked == strong);
   EXPECT_EQ(strong->record().strongCount(), 2U);
   strong.reset();
-  EXPECT_EQ(living, 1);
+  EXPECT_EQ(instances, 1);
   locked.reset();
-  EXPECT_EQ(living, 0);
+  EXPECT_EQ(instances, 0);
 }
 
 TEST(WeakPtr, LockOfADestroyedObjectIsReportedAndEmpty) {
   ConsoleCapture const capture;
-  int living = 0;
-  WeakPtr<Counted> const weak = makeStrong<Counted>(living);
+  int instances = 0;
+  WeakPtr<Counted> const weak = makeStrong<Counted>(instances);
   EXPECT_FALSE(weak.lock().isValid());
   EXPECT_EQ(capture.messages(), std::vector<std::string>{"SpeakPtr: an invalid weak pointer was used"});
 }
@@ -159,8 +159,8 @@ TEST(WeakPtr, LockOfAnEmptyPointerIsReportedToo) {
 }
 
 TEST(WeakPtr, CopiesAndAssignmentsReferToTheSameObject) {
-  int living = 0;
-  StrongPtr<Counted> strong = makeStrong<Counted>(living);
+  int instances = 0;
+  StrongPtr<Counted> strong = makeStrong<Counted>(instances);
   WeakPtr<Counted> const weak = strong;
   WeakPtr<Counted> const copy = weak;  // NOLINT(performance-unnecessary-copy-initialization)
   WeakPtr<Counted> assigned;
@@ -205,7 +205,7 @@ TEST(DynamicPtr, EmptyReferenceIsEmpty) {
 TEST(DynamicPtr, MovedFromPointerIsEmpty) {
   DynamicPtr<Chunk<float>, ChunkBase> first(makeStrong<Chunk<float>>(std::vector<float>{1.5F}));
   DynamicPtr<Chunk<float>, ChunkBase> const second = std::move(first);
-  EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): intentional
+  EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): tests the moved-from state
   EXPECT_FALSE(first.shared());
   EXPECT_EQ((*second)[0], 1.5F);
 }

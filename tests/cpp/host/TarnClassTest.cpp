@@ -13,10 +13,10 @@ TEST(TarnClass, AfterPulseCodeIsAByteThatStartsAtSeven) {
 }
 
 TEST(TarnClass, HostCanChangeTheCode) {
-  unsigned char const former = TarnClass::afterpulse;
+  unsigned char const previous = TarnClass::afterpulse;
   TarnClass::afterpulse = 200;
   EXPECT_EQ(TarnClass::afterpulse, 200);
-  TarnClass::afterpulse = former;
+  TarnClass::afterpulse = previous;
 }
 
 }  // namespace

@@ -225,18 +225,18 @@ TEST(OnlineEvaluation, EchoesAfterTheEndOfTheShortestArrayAreSkipped) {
 struct ReferenceShots {
   explicit ReferenceShots(Echoes const& echoes) {
     for (double const time : std::set<double>(echoes.shotTimes.begin(), echoes.shotTimes.end())) {
-      std::vector<std::size_t> own;
+      std::vector<std::size_t> echoesOfShot;
       for (std::size_t i = 0; i < echoes.shotTimes.size(); ++i) {
         if (echoes.shotTimes[i] == time) {
-          own.push_back(i);
+          echoesOfShot.push_back(i);
         }
       }
-      std::stable_sort(own.begin(), own.end(),
+      std::stable_sort(echoesOfShot.begin(), echoesOfShot.end(),
                        [&](std::size_t a, std::size_t b) { return echoes.ranges[a] < echoes.ranges[b]; });
-      for (std::size_t const i : own) {
+      for (std::size_t const i : echoesOfShot) {
         shots[time].push_back(static_cast<double>(i));
       }
-      flags[time] = echoes.flags[own[0]];
+      flags[time] = echoes.flags[echoesOfShot[0]];
     }
   }
 

@@ -18,19 +18,19 @@ class TemporaryDirectory {
     if (mkdtemp(name.data()) == nullptr) {
       throw std::filesystem::filesystem_error("no temporary directory", name, std::error_code());
     }
-    own = name;
+    created = name;
   }
   TemporaryDirectory(TemporaryDirectory const&) = delete;
   TemporaryDirectory& operator=(TemporaryDirectory const&) = delete;
   ~TemporaryDirectory() {
     std::error_code ignored;
-    std::filesystem::remove_all(own, ignored);
+    std::filesystem::remove_all(created, ignored);
   }
 
-  [[nodiscard]] std::filesystem::path const& path() const { return own; }
+  [[nodiscard]] std::filesystem::path const& path() const { return created; }
 
  private:
-  std::filesystem::path own;
+  std::filesystem::path created;
 };
 
 /// The bytes of a file; "" if it does not exist.

@@ -66,8 +66,8 @@ inline constexpr double certifiedMinimum = 1e-8;
 /// Central differences with steps of 1e-5: rounding of sums near 1000 counts, divided by the step.
 inline constexpr double derivative = 1e-6;
 
-/// Position of an echo in a record whose content was shifted by whole samples: two roundings to single
-/// precision below 128 samples.
+/// Position of an echo in a waveform that was shifted by whole samples: two roundings to single precision
+/// below 128 samples.
 inline constexpr double shiftedSamples = 1e-5;
 
 /// The same for refined Gaussians: the refinement ends when a step is small relative to the parameters, which
