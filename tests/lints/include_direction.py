@@ -16,7 +16,6 @@ from pathlib import Path
 from architecture import allowed_dependencies
 
 LIBRARY = "fullwaveform"
-UMBRELLA = "FullWaveform.h"  # at the top: may include every module, and no module includes it
 FOR_ALL = frozenset({"Export.h"})  # at the top: every module may include it
 
 # Users of the library must not need these to compile against it.

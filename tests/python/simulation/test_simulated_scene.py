@@ -1,4 +1,4 @@
-"""Geometry of the flight line against values worked out by hand."""
+"""Geometry of the flight line, compared with hand-calculated values."""
 
 from __future__ import annotations
 

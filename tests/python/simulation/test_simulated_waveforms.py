@@ -1,4 +1,4 @@
-"""Samples of echoes whose sum is known by hand: exp(-k**2 / 8) for a width of 2 samples."""
+"""Samples of echoes with hand-calculated sums: exp(-k**2 / 8) for a width of 2 samples."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""Files whose waveforms are rows of arrays, made of files of other formats or by hand."""
+"""Scan containers and NumPy archives, converted from other formats, and changes to them."""
 
 from __future__ import annotations
 

@@ -23,7 +23,7 @@ from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, open_echo_file
 from ...support.echo_tables import echo_table, rows, written
 
 NAN = float("nan")
-# Two echoes of one shot and a row of a waveform without echoes, written down by hand.
+# Two echoes of one shot and a row of a waveform without echoes.
 EXPECTED: dict[str, list[float]] = {
     "x": [433978.209, 1.0, NAN],
     "y": [5103979.436, 2.0, NAN],

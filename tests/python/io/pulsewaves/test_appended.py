@@ -36,7 +36,7 @@ def with_appended_descriptor(*, counted: bool, ended: bool) -> Scene:
     ]
     scene = three_pulses(appended=[end_of_appended(), *appended] if ended else appended)
     scene.patches[APPENDED] = ("<i", 2 if counted else -1)
-    # A file without descriptors in front: the same bytes of waves are written by hand.
+    # Without a descriptor before the pulses, the samples are written by `write_with_waves`.
     scene.descriptors = []
     return scene
 

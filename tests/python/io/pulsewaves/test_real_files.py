@@ -99,7 +99,7 @@ def test_file_of_saturated_waveforms_is_read() -> None:
     assert flat.mean() == pytest.approx(0.027, abs=0.0005)
     valid = np.arange(block.samples.shape[1]) < block.counts[:, np.newaxis]
     assert (block.samples[valid].min(), block.samples[valid].max()) == (7, SATURATED)
-    # The file has no times: every pulse is a shot of its own.
+    # The file has no times: every pulse is a separate shot.
     assert len(np.unique(block.shot_times)) == 998
     assert len(np.unique(block.attributes.gps_time)) == 1
 
