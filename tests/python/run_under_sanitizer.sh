@@ -23,8 +23,11 @@ cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.."
 
 tests=("$@")
 run=(env)
+parallel=(--numprocesses "$(nproc)" --dist loadfile)
 if [[ $sanitizer == tsan ]]; then
   libraries=(libtsan.so libstdc++.so.6)
+  # In the worker processes of pytest-xdist the thread sanitizer fails to allocate its own tables.
+  parallel=()
   default=(tests/python/core/test_{driver,driver_threads}.py tests/python/extraction/test_pipeline.py)
   # The thread sanitizer cannot run with the random address layout of some kernels.
   if setarch --addr-no-randomize true 2>/dev/null; then
@@ -36,7 +39,7 @@ else
     # arrays, scanners and on-board echoes, one call at a time
     tests/python/core/test_{driver,driver_arrays,driver_threads,modes,online,scanner}.py
     tests/python/core/test_{deconvolved_signal,reference_deconvolution}.py
-    tests/python/analysis/test_{reports,waveform_views}.py
+    tests/python/core/test_driver_reports.py tests/python/analysis/test_waveform_views.py
     # blocks from files and callers: views, gaps, empty and long blocks, workers with a driver each
     tests/python/test_{api,real_data}.py tests/python/extraction
     tests/python/io/pulsewaves/test_real_files.py
@@ -70,4 +73,4 @@ done
 # Python's own allocator would hide the bounds of its objects.
 "${run[@]}" LD_PRELOAD="$preload" PYTHONMALLOC=malloc PYTHONPATH="$package" TSAN_OPTIONS=halt_on_error=1 \
   UBSAN_OPTIONS=print_stacktrace=1 ASAN_OPTIONS=detect_leaks=0:strict_string_checks=1 \
-  "$python" -m pytest -q -p no:cacheprovider --numprocesses "$(nproc)" --dist loadfile "${tests[@]}"
+  "$python" -m pytest -q -p no:cacheprovider "${parallel[@]}" "${tests[@]}"
