@@ -7,6 +7,7 @@ from collections.abc import Callable, Iterable
 from dataclasses import dataclass, field
 
 from fullwaveform.data.arrays import Float32Array, FloatArray, IntArray, UInt8Array, UInt16Array
+from fullwaveform.data.returns import DiscreteReturns
 
 
 @dataclass(frozen=True, slots=True)
@@ -50,6 +51,7 @@ class WaveformBlock:
     geometry: PulseGeometry
     attributes: ShotAttributes
     waveform_numbers: IntArray  # (n,), running number of the waveform in the file
+    returns: DiscreteReturns | None = None  # None if the format has none
 
     def __len__(self) -> int:
         return len(self.counts)

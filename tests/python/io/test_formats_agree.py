@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from dataclasses import replace
 from pathlib import Path
 
 import numpy as np
@@ -41,13 +42,18 @@ def blocks_of(path: Path) -> list[WaveformBlock]:
         return list(reader.blocks())
 
 
+def as_stored(block: WaveformBlock, kind: str) -> WaveformBlock:
+    """A block of the LAS file as other formats have it: only LAS has discrete returns."""
+    return block if kind in ("LAS", "LAZ") else replace(block, returns=None)
+
+
 @pytest.mark.parametrize("kind", ["LAZ", "container", "npz"])
 def test_all_formats_give_the_same_blocks(scans: dict[str, Path], kind: str) -> None:
     expected, found = blocks_of(scans["LAS"]), blocks_of(scans[kind])
     assert len(expected) == len(found) > 3
     assert {0, 1} == {flag for block in found for flag in block.channel_flags.tolist()}
     for one, other in zip(expected, found, strict=True):
-        assert same(one, other)
+        assert same(as_stored(one, kind), other)
 
 
 @pytest.mark.parametrize("kind", ["LAS", "LAZ", "container", "npz"])
@@ -66,4 +72,6 @@ def test_ranges_of_all_formats_give_the_same_blocks(scans: dict[str, Path], kind
     ) as reader:
         assert reader.block_count() == len(expected)
         found = [next(reader.blocks(number, number + 1)) for number in range(len(expected))]
-    assert all(map(same, expected, found))
+    assert all(
+        same(as_stored(one, kind), other) for one, other in zip(expected, found, strict=True)
+    )

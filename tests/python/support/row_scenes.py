@@ -31,6 +31,8 @@ def same(one: object, other: object) -> bool:
         assert isinstance(other, np.ndarray)
         nan = one.dtype.kind == "f"
         return one.dtype == other.dtype and np.array_equal(one, other, equal_nan=nan)
+    if one is None or other is None:
+        return one is other
     return all(
         same(getattr(one, part.name), getattr(other, part.name))
         for part in fields(one)  # type: ignore[arg-type]

@@ -201,25 +201,24 @@ def whole_shots(
 ) -> Iterator[Points]:
     """Yield all points in order of time, cut between shots, in parts of about `chunk` points.
 
-    Points with the same GPS time are one shot and keep their order. Without times a part may end
-    at any point.
+    Points with the same GPS time are one shot and keep their order. Without times consecutive
+    points with the same packet are one shot.
 
     Raises
     ------
     WaveformFileError
         If the points are truncated, or compressed and not in order of time.
     """
-    if surveyed.without_times:
-        yield from _in_file_order(reader, path, chunk)
-        return
     chunks = _in_file_order if surveyed.ascending else _in_order_of_time
+    key = "wavepacket_offset" if surveyed.without_times else "gps_time"
     carried: list[Points] = []  # of the last shot, which may continue in the next chunk
     for points in chunks(reader, path, chunk):
-        if carried and points["gps_time"][0] != carried[0]["gps_time"][0]:
+        if carried and points[key][0] != carried[-1][key][-1]:
             yield np.concatenate(carried)
             carried = []
-        # Chunks are in order except for NaN at their end, which is unequal to itself.
-        start = int(np.argmax(points["gps_time"] == points["gps_time"][-1]))
+        # NaN, which is unequal to itself, counts as a shot of its own.
+        changes = np.flatnonzero(points[key] != points[key][-1])
+        start = min(int(changes[-1]) + 1, len(points) - 1) if len(changes) else 0
         if start > 0:
             yield np.concatenate([*carried, points[:start]])
             carried = []
@@ -270,11 +269,17 @@ def is_georeferenced(points: Points) -> BoolArray:
     return finite
 
 
+def coordinates(record: laspy.ScaleAwarePointRecord) -> FloatArray:
+    """Coordinates of the points (n, 3), in the units of the file."""
+    xyz: FloatArray = np.column_stack([record["x"], record["y"], record["z"]]).astype(np.float64)
+    return xyz
+
+
 def pulse_geometry(record: laspy.ScaleAwarePointRecord) -> PulseGeometry:
     """Geometry of the waveforms of the points."""
     direction: FloatArray = np.column_stack([record["x_t"], record["y_t"], record["z_t"]])
     return PulseGeometry(
-        anchor=np.column_stack([record["x"], record["y"], record["z"]]).astype(np.float64),
+        anchor=coordinates(record),
         location=record["return_point_wave_location"].astype(np.float64),
         direction=direction.astype(np.float64),
     )

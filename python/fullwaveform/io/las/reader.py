@@ -31,6 +31,7 @@ from fullwaveform.io.las.points import (
     survey,
     whole_shots,
 )
+from fullwaveform.io.las.returns import PulsePoints, discrete_returns
 from fullwaveform.io.las.waveform_packets import SeenPackets, open_packets
 from fullwaveform.io.limits import BLOCK_SAMPLES, NO_TIME, OUTSIDE, numbered_shots
 
@@ -111,18 +112,24 @@ class LasWaveformReader(WaveformReader):
     def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:
         run = self._prepare(tally)
         limit = run.waveforms_per_block
+        without_times = run.surveyed.without_times
         pending = np.empty(0, dtype=self.header.point_format.dtype())
+        pulses = PulsePoints(pending, np.empty(0, dtype=np.int64))
         for points in whole_shots(self._reader, self._path, run.surveyed, limit):
-            pending = np.concatenate([pending, self._readable(points, run)])
+            kept = self._readable(points, run)
+            of_kept = PulsePoints.of(kept, points, without_times=without_times)
+            pulses = pulses.followed_by(of_kept, len(pending))
+            pending = np.concatenate([pending, kept])
             while len(pending) >= limit:
-                end = limit if run.surveyed.without_times else last_cut(pending["gps_time"], limit)
-                yield self._pending(pending[:end], run)
+                end = limit if without_times else last_cut(pending["gps_time"], limit)
+                of_block, pulses = pulses.split(end)
+                yield self._pending(pending[:end], of_block, run)
                 pending = pending[end:]
         if len(pending) > 0:
-            yield self._pending(pending, run)
+            yield self._pending(pending, pulses, run)
 
-    def _pending(self, points: Points, run: _Iteration) -> PendingBlock:
-        return PendingBlock(len(points), partial(self._block, points, run))
+    def _pending(self, points: Points, pulses: PulsePoints, run: _Iteration) -> PendingBlock:
+        return PendingBlock(len(points), partial(self._block, points, pulses, run))
 
     def _prepare(self, tally: ReadTally) -> _Iteration:
         surveyed = survey(self._reader, self._path)
@@ -176,7 +183,9 @@ class LasWaveformReader(WaveformReader):
         unseen: Points = left[new]
         return unseen
 
-    def _block(self, points: Points, run: _Iteration, numbers: IntArray) -> WaveformBlock:
+    def _block(
+        self, points: Points, pulses: PulsePoints, run: _Iteration, numbers: IntArray
+    ) -> WaveformBlock:
         header, index = self.header, points["wavepacket_index"]
         record = laspy.ScaleAwarePointRecord(
             points, header.point_format, header.scales, header.offsets
@@ -187,16 +196,19 @@ class LasWaveformReader(WaveformReader):
         times: FloatArray = points["gps_time"].astype(np.float64)
         if run.surveyed.without_times:
             times = numbered_shots(numbers)
+        intervals, geometry = run.table.intervals[index], pulse_geometry(record)
+        durations = (counts - 1.0) * intervals
         return WaveformBlock(
             samples=samples,
             counts=counts,
             shot_times=times,
             sbl_times=np.zeros(len(points)),
             channel_flags=self._flags[index],
-            sampling_intervals=run.table.intervals[index],
-            geometry=pulse_geometry(record),
+            sampling_intervals=intervals,
+            geometry=geometry,
             attributes=shot_attributes(record),
             waveform_numbers=numbers,
+            returns=discrete_returns(pulses, header, times, geometry, durations),
         )
 
 
