@@ -12,11 +12,11 @@ import fullwaveform as fw
 
 
 def main(scan: str, picture: str) -> None:
-    """Print the table by echo number and draws amplitude over height."""
+    """Print the table by echo number and draw amplitude over height."""
     result = fw.extract(scan, threshold=20, channel_flags={1: 1, 2: 0})
     echoes = result.to_pandas()
     print(result)
-    columns = ["amplitude_db", "width_ns", "z"]
+    columns = ["amplitude", "fwhm_ns", "z"]
     print(echoes.groupby("echo_number")[columns].median().round(2))
     silent = result.to_pandas("waveforms").query("echo_count == 0")
     print(f"waveforms without echoes: {len(silent)}")
@@ -30,9 +30,9 @@ def draw(echoes: pd.DataFrame, picture: str) -> None:
     axes = figure.subplots()
     for chosen, colour, name in ((last, "#2f6690", "last"), (~last, "#c8501e", "before the last")):
         axes.plot(
-            echoes["z"][chosen], echoes["amplitude_db"][chosen], "o", ms=2, color=colour, label=name
+            echoes["z"][chosen], echoes["amplitude"][chosen], "o", ms=2, color=colour, label=name
         )
-    axes.set(xlabel="height [m]", ylabel="amplitude [dB]")
+    axes.set(xlabel="height [m]", ylabel="amplitude [counts]")
     axes.legend(frameon=False, loc="upper right")
     figure.savefig(picture, dpi=150)
 

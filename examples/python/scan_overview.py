@@ -10,7 +10,7 @@ import numpy as np
 import numpy.typing as npt
 from matplotlib import colormaps
 from matplotlib.axes import Axes
-from matplotlib.colors import ListedColormap
+from matplotlib.colors import ListedColormap, LogNorm
 from matplotlib.figure import SubFigure
 from matplotlib.ticker import MaxNLocator
 
@@ -37,11 +37,11 @@ class Waveform:
 
 
 def draw_overview(
-    path: Path, waveforms: Sequence[Waveform], xyz: FloatArray, amplitude_db: FloatArray
+    path: Path, waveforms: Sequence[Waveform], xyz: FloatArray, amplitude: FloatArray
 ) -> None:
     """Waveforms with their echoes, and a side view of the points: 1600 x 700 pixels.
 
-    Points (n, 3) in m and amplitudes (n,) in dB.
+    Points (n, 3) in m and amplitudes (n,) in counts.
     """
     figure = style.new_figure(10.0, 4.375)
     grid = figure.add_gridspec(1, 2, width_ratios=(1.0, 1.25), wspace=0.02)
@@ -52,7 +52,7 @@ def draw_overview(
     _add_legend(left, panels[0])
     panels[-1].set_xlabel("sample", fontsize=style.TEXT_SIZE, color=style.INK)
     left.supylabel("digitiser counts", fontsize=style.TEXT_SIZE, color=style.INK)
-    draw_side_view(right.subplots(), xyz, amplitude_db)
+    draw_side_view(right.subplots(), xyz, amplitude)
     style.save_figure(figure, path)
 
 
@@ -86,21 +86,20 @@ def draw_waveform(axes: Axes, waveform: Waveform) -> None:
     style.label_axes(axes, title=waveform.title)
 
 
-def draw_side_view(axes: Axes, xyz: FloatArray, amplitude_db: FloatArray) -> None:
-    """Points by height and by distance along their main horizontal direction, coloured by dB.
+def draw_side_view(axes: Axes, xyz: FloatArray, amplitude: FloatArray) -> None:
+    """Points by height and by distance along their main direction, coloured by amplitude.
 
     Weak points are drawn first, so that they do not cover strong ones.
     """
-    order = np.argsort(amplitude_db, kind="stable")
-    low, high = np.percentile(amplitude_db, [2.0, 98.0])
+    order = np.argsort(amplitude, kind="stable")
+    low, high = np.percentile(amplitude, [2.0, 98.0])
     cloud = axes.scatter(
         _distance_along(xyz[:, :2])[order],
         xyz[order, 2],
-        c=amplitude_db[order],
+        c=amplitude[order],
         s=float(np.clip(9000.0 / len(order), 0.6, 9.0)),
         cmap=_COLOURS,
-        vmin=low,
-        vmax=high,
+        norm=LogNorm(low, high),
         linewidths=0,
         rasterized=True,
     )
@@ -114,7 +113,7 @@ def draw_side_view(axes: Axes, xyz: FloatArray, amplitude_db: FloatArray) -> Non
     axes.grid(color=style.FAINT, linewidth=0.6)
     axes.set_axisbelow(True)
     bar = axes.figure.colorbar(cloud, ax=axes, pad=0.02, fraction=0.05, aspect=32, extend="both")
-    bar.set_label("amplitude [dB]", fontsize=style.TEXT_SIZE, color=style.INK)
+    bar.set_label("amplitude [counts]", fontsize=style.TEXT_SIZE, color=style.INK)
     bar.ax.tick_params(labelsize=style.SMALL_TEXT_SIZE, colors=style.INK, length=2)
     bar.outline.set_visible(False)
 

@@ -75,7 +75,7 @@ def draw(scan: Path, truth: TruthTable, echoes: laspy.LasData, picture: Path) ->
     with LasWaveformReader(scan) as reader:
         block = next(reader.blocks())
     waveforms = [_waveform(block, row, echoes) for row in _crowded_rows(block, truth)]
-    draw_overview(picture, waveforms, np.asarray(echoes.xyz), np.asarray(echoes["amplitude_db"]))
+    draw_overview(picture, waveforms, np.asarray(echoes.xyz), np.asarray(echoes["amplitude"]))
 
 
 def _crowded_rows(block: WaveformBlock, truth: TruthTable) -> list[int]:
@@ -97,7 +97,7 @@ def _waveform(block: WaveformBlock, row: int, echoes: laspy.LasData) -> Waveform
         threshold=THRESHOLD,
         positions=np.asarray(echoes["position"])[of_shot],
         amplitudes=np.asarray(echoes.intensity, dtype=np.float64)[of_shot],
-        widths=np.asarray(echoes["width_ns"], dtype=np.float64)[of_shot] / interval_ns,
+        widths=np.asarray(echoes["sigma_ns"], dtype=np.float64)[of_shot] / interval_ns,
         title=f"waveform {number}",
     )
 

@@ -19,6 +19,7 @@ from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 from .extraction.test_extraction import Packet, block_of
 from .extraction.test_extraction import triples as samples_of
 from .support.command_line import run
+from .support.echo_tables import assert_same_rows
 from .support.row_scenes import as_container
 
 
@@ -44,7 +45,7 @@ def test_tables_of_constructed_blocks() -> None:
     assert peaks["position"].tolist() == [10.0, 30.0, 20.0]
     # 0.15 m per ns below the anchor at 300 m
     np.testing.assert_allclose(peaks["z"], [298.5, 295.5, 297.0], rtol=0, atol=1e-9)
-    np.testing.assert_allclose(peaks["amplitude_counts"], [80, 90, 70], rtol=1e-6)
+    np.testing.assert_allclose(peaks["amplitude"], [80, 90, 70], rtol=1e-6)
     assert waveforms["echo_count"].tolist() == [2, 0, 1]
     assert waveforms["state"].tolist() == [
         WaveformState.WITH_ECHOES,
@@ -69,7 +70,7 @@ def test_tables_have_units() -> None:
     result = of_blocks()
     peaks, waveforms = result.to_arrow(), result.to_arrow("waveforms")
     assert (peaks.num_rows, waveforms.num_rows) == (3, 3)
-    assert peaks.schema.field("width_ns").metadata[b"unit"] == b"ns"
+    assert peaks.schema.field("sigma_ns").metadata[b"unit"] == b"ns"
     assert waveforms.schema.field("sampling_interval").metadata[b"unit"] == b"s"
     assert waveforms.column("sampling_interval").to_pylist() == [1e-9] * 3
     with pytest.raises(ValueError, match="unknown table 'shots'; expected 'peaks' or 'waveforms'"):
@@ -96,11 +97,11 @@ def test_extract_gives_the_tables_of_the_command_line(scan: Path, tmp_path: Path
 def test_reader_and_its_blocks(scan: Path) -> None:
     full = fullwaveform.extract(scan, threshold=20).to_arrow()
     with fullwaveform.open(scan, waveforms_per_block=64) as reader:
-        assert fullwaveform.extract(reader, threshold=20, workers=2).to_arrow().equals(full)
-        assert fullwaveform.extract(reader.blocks(), threshold=20).to_arrow().equals(full)
+        assert_same_rows(fullwaveform.extract(reader, threshold=20, workers=2).to_arrow(), full)
+        assert_same_rows(fullwaveform.extract(reader.blocks(), threshold=20).to_arrow(), full)
         first = next(iter(reader.blocks()))
     part = fullwaveform.extract(first, threshold=20).to_arrow()
-    assert part.equals(full.slice(0, part.num_rows))
+    assert_same_rows(part, full.slice(0, part.num_rows))
     assert 0 < part.num_rows < full.num_rows
 
 
@@ -122,9 +123,15 @@ def test_scanner_is_read_from_a_file(tmp_path: Path, scan: Path) -> None:
     path.write_text("\n".join(lines), encoding="utf-8")
     described = fullwaveform.extract(scan, scanner=path, threshold=20).peaks
     plain = fullwaveform.extract(scan, threshold=20).peaks
+    expected = 20.0 * np.log10(10.0 * described["amplitude"])
+    np.testing.assert_allclose(described["amplitude_db"], expected, rtol=0, atol=1e-4)
+    assert np.isnan(plain["amplitude_db"]).all()
     # Counts are multiplied by ten: 20 dB more.
     np.testing.assert_allclose(
-        described["amplitude_db"] - plain["amplitude_db"], 20.0, rtol=0, atol=1e-4
+        described["amplitude_library_db"] - plain["amplitude_library_db"],
+        20.0,
+        rtol=0,
+        atol=1e-4,
     )
 
 
@@ -136,12 +143,15 @@ def test_scanner_of_the_file_is_used(tmp_path: Path, scan: Path) -> None:
     carried = fullwaveform.extract(container, threshold=20)
     named = fullwaveform.extract(scan, scanner=described, threshold=20)
     default = fullwaveform.extract(container, scanner=Scanner.default(), threshold=20)
-    assert carried.to_arrow().equals(named.to_arrow())
+    assert_same_rows(carried.to_arrow(), named.to_arrow())
     with fullwaveform.open(container) as reader:
-        assert fullwaveform.extract(reader, threshold=20).to_arrow().equals(named.to_arrow())
+        assert_same_rows(fullwaveform.extract(reader, threshold=20).to_arrow(), named.to_arrow())
     # Counts are multiplied by ten: 20 dB more.
     np.testing.assert_allclose(
-        carried.peaks["amplitude_db"] - default.peaks["amplitude_db"], 20.0, rtol=0, atol=1e-4
+        carried.peaks["amplitude_library_db"] - default.peaks["amplitude_library_db"],
+        20.0,
+        rtol=0,
+        atol=1e-4,
     )
     call = ["extract", container, "-o", tmp_path / "cli.parquet", "--threshold", "20", "-q"]
     assert run(*call).exit_code == 0
@@ -217,8 +227,8 @@ def test_missing_file_is_an_error(tmp_path: Path) -> None:
 
 def test_default_scanner_is_the_documented_one() -> None:
     np.testing.assert_array_equal(
-        of_blocks().peaks["amplitude_db"],
-        of_blocks(scanner=Scanner.default()).peaks["amplitude_db"],
+        of_blocks().peaks["amplitude_library_db"],
+        of_blocks(scanner=Scanner.default()).peaks["amplitude_library_db"],
     )
 
 

@@ -133,8 +133,8 @@ def _compare_with_truth(found: Balance, rows: Rows, scan: RepeatedScan) -> None:
 
 def certain_echoes(truth: TruthTable) -> npt.NDArray[np.intp]:
     """Rows of echoes that all methods must find: strong, not clipped, far from other echoes."""
-    isolated = truth.neighbour_distance_samples > 6.0 * truth.width_samples
-    strong = truth.amplitude_low_power_counts >= 300.0
+    isolated = truth.neighbour_distance_samples > 6.0 * truth.sigma_samples
+    strong = truth.amplitude_low_power >= 300.0
     return np.flatnonzero(isolated & strong & ~truth.saturated)
 
 

@@ -30,9 +30,10 @@ class MethodView:
     mode: Mode
     state: WaveformState
     positions: FloatArray  # (m,), samples, ascending
-    amplitudes: FloatArray  # (m,), counts
-    widths: FloatArray  # (m,), samples, standard deviations; 0 for deconvolved echoes
-    feet: FloatArray  # (m,), counts at which the amplitudes start: 0 or the threshold
+    amplitudes: FloatArray  # (m,), counts, as in the tables of echoes
+    tops: FloatArray  # (m,), counts of the echoes' maxima
+    widths: FloatArray  # (m,), samples, standard deviations; NaN for deconvolved echoes
+    feet: FloatArray  # (m,), counts at which the drawn curves start: 0 or the threshold
     fitted: FloatArray  # (k, 2), position and height of the sum of Gaussians; (0, 2) if none
     deconvolved: FloatArray  # (k, 2), position and height of the deconvolved signal
 
@@ -47,14 +48,9 @@ class MethodView:
         return "" if self.state is WaveformState.WITH_ECHOES else self.state.phrase
 
     @property
-    def tops(self) -> FloatArray:
-        """(m,) heights of the echoes' maxima."""
-        return self.feet + self.amplitudes
-
-    @property
     def bar_heights(self) -> FloatArray:
         """(m,) heights at one standard deviation from the maximum."""
-        return self.feet + self.amplitudes * _HEIGHT_AT_ONE_WIDTH
+        return self.feet + (self.tops - self.feet) * _HEIGHT_AT_ONE_WIDTH
 
 
 @dataclass(frozen=True, slots=True)
@@ -135,21 +131,22 @@ def _method_view(
     chosen = np.flatnonzero(echoes.waveform_number == block.waveform_numbers[row])
     chosen = chosen[np.argsort(echoes.position[chosen], kind="stable")]
     types = echoes.echo_type[chosen]
-    positions, widths = echoes.position[chosen], echoes.width_samples[chosen]
-    amplitudes = echoes.amplitude_counts[chosen].astype(np.float64)
+    positions, widths = echoes.position[chosen], echoes.sigma_samples[chosen]
+    amplitudes = echoes.amplitude[chosen].astype(np.float64)
     state = WaveformState(int(extracted.waveforms.state[row]))
+    tops = amplitudes
     feet = np.where(np.isin(types, DECOMPOSED_TYPES), float(threshold), 0.0)
     fits = types != EchoType.RICHARDSON_LUCY
     count = int(block.counts[row])
     fitted = fitted_sum(
-        positions[fits], amplitudes[fits], widths[fits], float(feet.max(initial=0.0)), count
+        positions[fits], (tops - feet)[fits], widths[fits], float(feet.max(initial=0.0)), count
     )
     deconvolves = mode is Mode.DECONVOLUTION or (mode is Mode.HYBRID and bool(np.any(~fits)))
     if deconvolves and state is not WaveformState.TOO_LONG_TO_DECONVOLVE:
         signal = _reported_signal(extractor.settings, block, row)
     else:
         signal = np.empty((0, 2))
-    return MethodView(mode, state, positions, amplitudes, widths, feet, fitted, signal)
+    return MethodView(mode, state, positions, amplitudes, tops, widths, feet, fitted, signal)
 
 
 def fitted_sum(

@@ -7,11 +7,11 @@ from fullwaveform.data.echo_columns import EchoTable
 
 
 def ascii_lines(echoes: EchoTable) -> bytes:
-    """One line per echo: waveform number, dB, position and width in samples, GPS time in s."""
+    """Lines of waveform number, library's dB, position and sigma in samples, GPS time in s."""
     return _core.ascii_lines(
         echoes["waveform_number"],
-        echoes["amplitude_db"],
+        echoes["amplitude_library_db"],
         echoes["position"],
-        echoes["width_samples"],
+        echoes["sigma_samples"],
         echoes["gps_time"],
     )

@@ -27,7 +27,8 @@ def evaluate_online(
     scanner : supplies the group velocity
     shot_times : (n,) s; equal times make one shot
     ranges : (n,) m, one way
-    amplitudes, reflectances : (n,), optional, rounded to single precision, otherwise unchanged
+    amplitudes, reflectances : (n,), optional, rounded to single precision, otherwise unchanged.
+        Default: NaN
     channel_flags : (n,) 0 or 1, optional; a shot has the flag of its nearest echo. Default: 1
 
     Returns
@@ -55,7 +56,7 @@ def evaluate_online(
 
 
 def _single(values: npt.ArrayLike | None, name: str, rows: int) -> npt.NDArray[np.float32]:
-    array = checked_column(np.zeros(rows) if values is None else values, name, rows)
+    array = checked_column(np.full(rows, np.nan) if values is None else values, name, rows)
     if array.dtype.kind not in "fiu":
         raise ValueError(f"{name} must be numbers, not {array.dtype}")
     return np.ascontiguousarray(array, dtype=np.float32)

@@ -17,6 +17,7 @@ from fullwaveform.core.scanner_attributes import (
     SBL_ATTRIBUTES,
     SCANNER_ATTRIBUTES,
     SYSTEM_WAVE,
+    VALUES_IF_OMITTED,
     AttributeValue,
     checked_attributes,
     plain_value,
@@ -28,7 +29,7 @@ _DECONVOLUTION_KEYS = {"position_offset", "position_offset_hybrid", "position_sp
 # no echo is inside.
 _WIDTH_WITHOUT_EFFECT = 2**31
 
-#: Scanner of files without a description: light in air, amplitudes in dB above one count.
+#: Scanner of files without a description: light in air, amplitude unit unknown.
 DEFAULT_ATTRIBUTES: Mapping[str, AttributeValue] = {
     "Scanner Group Velocity": _core.SPEED_OF_LIGHT_IN_AIR,
     "Scanner Serial Number": "",
@@ -37,7 +38,6 @@ DEFAULT_ATTRIBUTES: Mapping[str, AttributeValue] = {
     "Wavelength[nm]": 1064.0,
     "UnambiguousRange": 1000.0,
     "reflectance_calculation_delta": 0.1373470495519926,
-    "ampl_unit": 1.0,
     "reflectance_calculation_table": [],
 }
 
@@ -76,6 +76,9 @@ class Scanner:
         cls, attributes: Mapping[str, Any], *, after_pulse: AfterPulse | None = None
     ) -> Scanner:
         """A scanner from its attributes, by their names in the host's grids.
+
+        Without ``ampl_unit`` the library takes one count as 0 dB, and echoes have no amplitude in
+        dB.
 
         Offset and width of the after-pulse window are those of the scanner type, or 0 for unknown
         types: then, in waveforms of 800 counts and more, the strongest echo and all after it are
@@ -135,8 +138,8 @@ class Scanner:
     ) -> Scanner:
         """The scanner of files without a description.
 
-        Speed of light in air (299708256 m/s), amplitude unit 1.0 (amplitudes in dB above one
-        count), no after-pulse filter unless `after_pulse` is given. `sampling_interval` in s.
+        Speed of light in air (299708256 m/s), amplitude unit unknown, no after-pulse filter unless
+        `after_pulse` is given. `sampling_interval` in s.
         """
         scanner = _disable_unknown_after_pulse(cls(dict(DEFAULT_ATTRIBUTES), after_pulse))
         return scanner if sampling_interval is None else scanner.at_interval(sampling_interval)
@@ -151,6 +154,12 @@ class Scanner:
     def sampling_interval(self) -> float | None:
         """Sampling interval in s, None if unknown."""
         value = self.attributes.get("WaveformSampleInterval")
+        return float(value) if isinstance(value, Real) else None
+
+    @property
+    def amplitude_unit(self) -> float | None:
+        """Amplitude of one count, relative to that of 0 dB; None if unknown."""
+        value = self.attributes.get("ampl_unit")
         return float(value) if isinstance(value, Real) else None
 
     @property
@@ -184,7 +193,7 @@ class Scanner:
 
     def _grids(self) -> tuple[_core.Grid, _core.Grid]:
         scanner, waveforms = _core.Grid(), _core.Grid()
-        values = {"Scanner Build Number": "", "t_ref": 0.0, **self.attributes}
+        values = {**VALUES_IF_OMITTED, **self.attributes}
         for name, value in values.items():
             if name in SCANNER_ATTRIBUTES:
                 _store(scanner, "", name, value)

@@ -21,7 +21,12 @@ SCANNER_ATTRIBUTES = {
     "ampl_unit": "double",
     "reflectance_calculation_table": "float list",
 }
-_OPTIONAL = {"Scanner Build Number"}
+#: Values of attributes that a description may omit, for the library, which needs all of them.
+VALUES_IF_OMITTED: Mapping[str, AttributeValue] = {
+    "Scanner Build Number": "",
+    "ampl_unit": 1.0,
+    "t_ref": 0.0,
+}
 #: The exponential sums of the system wave.
 SYSTEM_WAVE = ("a_real", "a_imag", "b_real", "b_imag")
 WAVEFORM_ATTRIBUTES = {
@@ -42,7 +47,7 @@ _KIND_NAMES = {
 
 def checked_attributes(attributes: Mapping[str, Any], origin: str) -> dict[str, AttributeValue]:
     """The attributes in plain Python types; one ValueError lists everything that is invalid."""
-    required = [name for name in SCANNER_ATTRIBUTES if name not in _OPTIONAL]
+    required = [name for name in SCANNER_ATTRIBUTES if name not in VALUES_IF_OMITTED]
     problems = []
     if missing := [name for name in required if name not in attributes]:
         problems.append("missing: " + ", ".join(missing))

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import math
 from collections.abc import Callable, Mapping
 from dataclasses import dataclass
 
@@ -14,6 +15,8 @@ from fullwaveform.data.columns import Column, Table, arrow_schema
 
 _NANOSECONDS = 1e9
 _COORDINATE = "coordinate unit of the input"
+#: Full width at half maximum of a Gaussian of standard deviation 1.
+FWHM_PER_SIGMA = 2.0 * math.sqrt(2.0 * math.log(2.0))
 
 
 @dataclass(frozen=True, slots=True)
@@ -22,10 +25,13 @@ class FoundEchoes:
 
     block: WaveformBlock
     rows: IntArray  # (m,), row of the block in which each echo was found
-    peaks: Mapping[str, AnyArray]  # columns (m,) as in `Result.peaks`
+    #: Columns (m,) as in `Result.peaks` with NaN for unknown values, and ``height``, counts above
+    #: the baseline.
+    peaks: Mapping[str, AnyArray]
     xyz: FloatArray  # (m, 3), coordinate units of the file
     number: IntArray  # (m,), 1 = nearest to the scanner within the shot
     count: IntArray  # (m,), echoes of the shot
+    amplitude_unit: float | None  # of the scanner, per count; None if unknown
 
 
 @dataclass(frozen=True, slots=True)
@@ -44,6 +50,19 @@ class EchoColumn(Column):
     of_waveform: bool = False  # also known of waveforms without echoes; else NaN or 0 there
     in_tables: bool = True  # False: only for files of a fixed layout (LAS, ASCII)
     las: LasDimension | None = None
+
+
+def _decibels(counts: FloatArray, unit: float | None) -> FloatArray:
+    """20 log10(counts * unit); NaN without a unit, and where the amplitude is not above 0."""
+    if unit is None:
+        return np.full(len(counts), np.nan)
+    amplitude = np.where(counts > 0, counts * unit, np.nan)
+    decibels: FloatArray = 20.0 * np.log10(amplitude)
+    return decibels
+
+
+def _interval_ns(echoes: FoundEchoes) -> FloatArray:
+    return echoes.block.sampling_intervals[echoes.rows] * _NANOSECONDS
 
 
 ECHO_COLUMNS: tuple[EchoColumn, ...] = (
@@ -70,33 +89,51 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "echo_count", np.int64, "1", "Echoes of the shot", lambda e: e.count, of_waveform=True
     ),
     EchoColumn(
-        "amplitude_counts",
+        "amplitude",
         np.float32,
         "counts",
-        "Amplitude of the echo, counted from 0",
-        lambda e: e.peaks["amplitudeCounts"],
+        "Height of the echo above the baseline",
+        lambda e: e.peaks["height"],
+        las=LasDimension(np.float32, "Height above baseline, counts"),
     ),
     EchoColumn(
         "amplitude_db",
         np.float32,
         "dB",
-        "Amplitude relative to the amplitude unit of the scanner",
-        lambda e: e.peaks["amplitude"],
+        "Amplitude relative to the amplitude unit of the scanner; NaN if that unit is unknown",
+        lambda e: _decibels(e.peaks["height"], e.amplitude_unit),
         las=LasDimension(np.float32, "Echo amplitude, dB"),
     ),
     EchoColumn(
-        "width_ns",
+        "amplitude_library_db",
+        np.float32,
+        "dB",
+        "The library's own amplitude, of the fitted or deconvolved signal; an unknown amplitude "
+        "unit counts as 1",
+        lambda e: e.peaks["amplitude"],
+        las=LasDimension(np.float32, "Library's own amplitude, dB"),
+    ),
+    EchoColumn(
+        "sigma_ns",
         np.float64,
         "ns",
-        "Standard deviation of the echo",
-        lambda e: e.peaks["std"] * e.block.sampling_intervals[e.rows] * _NANOSECONDS,
+        "Standard deviation of the echo; NaN for deconvolved echoes, which have no width",
+        lambda e: e.peaks["std"] * _interval_ns(e),
         las=LasDimension(np.float32, "Echo standard deviation, ns"),
     ),
     EchoColumn(
-        "width_samples",
+        "fwhm_ns",
+        np.float64,
+        "ns",
+        "Full width at half maximum of the echo, 2 sqrt(2 ln 2) times its standard deviation",
+        lambda e: FWHM_PER_SIGMA * e.peaks["std"] * _interval_ns(e),
+        las=LasDimension(np.float32, "Echo full width at half max, ns"),
+    ),
+    EchoColumn(
+        "sigma_samples",
         np.float64,
         "samples",
-        "Standard deviation of the echo",
+        "Standard deviation of the echo; NaN for deconvolved echoes",
         lambda e: e.peaks["std"],
         in_tables=False,
     ),
@@ -129,7 +166,7 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "reflectance",
         np.float32,
         "dB",
-        "Relative reflectance",
+        "Relative reflectance; NaN except for on-board echoes",
         lambda e: e.peaks["reflectance"],
         las=LasDimension(np.float32, "Reflectance"),
     ),
@@ -224,7 +261,7 @@ class EchoTable(Table):
         where they hold integers, 0.
         """
         none = np.zeros(len(rows), np.int64)
-        found = FoundEchoes(block, rows, {}, np.full((len(rows), 3), np.nan), none, count)
+        found = FoundEchoes(block, rows, {}, np.full((len(rows), 3), np.nan), none, count, None)
         return cls(
             {
                 column.name: _computed(column, found)

@@ -23,6 +23,7 @@ from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.data.empty_waveforms import with_empty_waveforms
+from fullwaveform.extraction.amplitudes import heights, with_unknown_values
 from fullwaveform.extraction.georeference import to_echo_table
 from fullwaveform.extraction.waveform_table import WaveformTable
 
@@ -128,7 +129,9 @@ class Extractor:
         if skipped:
             rows, peaks = rows[finite], {name: column[finite] for name, column in peaks.items()}
         waveforms.enter_echoes(rows)
-        echoes = to_echo_table(block, rows, peaks)
+        threshold = waveforms["threshold"][rows]
+        peaks = with_unknown_values({**peaks, "height": heights(peaks, threshold)})
+        echoes = to_echo_table(block, rows, peaks, self.settings.scanner.amplitude_unit)
         if self.settings.keep_empty:
             echoes = with_empty_waveforms(echoes, block)
         tally = ExtractionTally(

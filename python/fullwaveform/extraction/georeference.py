@@ -31,14 +31,20 @@ def positions_in_space(geometry: PulseGeometry, rows: IntArray, time_ps: FloatAr
     return xyz
 
 
-def to_echo_table(block: WaveformBlock, rows: IntArray, peaks: Mapping[str, AnyArray]) -> EchoTable:
+def to_echo_table(
+    block: WaveformBlock,
+    rows: IntArray,
+    peaks: Mapping[str, AnyArray],
+    amplitude_unit: float | None,
+) -> EchoTable:
     """The echoes of a block as a table, shot by shot along the flight of light.
 
     Parameters
     ----------
     block : the waveforms
     rows : (m,) row of the block in which each echo was found
-    peaks : columns of length m, named as those of `Result.peaks`
+    peaks : columns of length m, as in `FoundEchoes`
+    amplitude_unit : of the scanner, per count; None if unknown
     """
     time = peaks["idx"] * block.sampling_intervals[rows]
     xyz = positions_in_space(block.geometry, rows, time * _PICOSECONDS)
@@ -46,7 +52,7 @@ def to_echo_table(block: WaveformBlock, rows: IntArray, peaks: Mapping[str, AnyA
     if (np.diff(order) != 1).any():
         rows, xyz = rows[order], xyz[order]
         peaks = {name: column[order] for name, column in peaks.items()}
-    return EchoTable.of(FoundEchoes(block, rows, peaks, xyz, number, count))
+    return EchoTable.of(FoundEchoes(block, rows, peaks, xyz, number, count, amplitude_unit))
 
 
 def _numbered_along_flight(

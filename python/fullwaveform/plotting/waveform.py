@@ -202,7 +202,7 @@ def _shown_samples(views: Sequence[WaveformView]) -> tuple[float, float]:
     if not len(positions):
         return -0.5, count - 0.5
     widths = np.concatenate([method.widths for view in views for method in view.methods])
-    margin = np.maximum(_MARGIN, _REACH * widths)
+    margin = np.fmax(_MARGIN, _REACH * widths)  # also where the width is NaN
     first = max(float((positions - margin).min()), 0.0)
     last = min(max(float((positions + margin).max()), first + _MIN_VIEW), count - 1.0)
     return min(first, max(last - _MIN_VIEW, 0.0)) - 0.5, last + 0.5

@@ -62,14 +62,14 @@ def discrete_points(scan: SimulatedScan, max_returns: int) -> DiscretePoints:
 
 def _strongest_of_each_shot(scan: SimulatedScan) -> IntArray:
     """Index of the strongest echo of each shot with echoes."""
-    order = np.lexsort((-scan.truth.amplitude_low_power_counts, scan.truth.shot))
+    order = np.lexsort((-scan.truth.amplitude_low_power, scan.truth.shot))
     first = np.diff(scan.truth.shot[order], prepend=-1) > 0
     return np.asarray(order[first])
 
 
 def _listed_echoes(scan: SimulatedScan, strongest: IntArray, max_returns: int) -> IntArray:
     """Indices of the echoes that are returns of the low-power channel."""
-    listed = scan.truth.amplitude_low_power_counts >= scan.settings.return_threshold
+    listed = scan.truth.amplitude_low_power >= scan.settings.return_threshold
     listed[strongest] = True
     rows = np.flatnonzero(listed)
     return rows[_number_in_shot(scan.truth.shot[rows]) <= max_returns]
@@ -87,9 +87,9 @@ def _returns(
     settings, truth = scan.settings, scan.truth
     shot = truth.shot[rows]
     jitter = rng.normal(0.0, settings.return_jitter, len(rows))
-    lead = settings.return_lead * truth.width_samples[rows]
+    lead = settings.return_lead * truth.sigma_samples[rows]
     position = np.clip(truth.position_samples[rows] - lead + jitter, 0.0, settings.samples - 1)
-    both = (truth.amplitude_low_power_counts, truth.amplitude_high_counts)
+    both = (truth.amplitude_low_power, truth.amplitude_high_power)
     counts = np.minimum(both[channel][rows], settings.maximum - settings.baseline)
     of_shot = np.bincount(shot, minlength=len(scan.shots))
     return DiscretePoints(

@@ -28,9 +28,9 @@ class TruthTable:
     x: FloatArray  # m
     y: FloatArray  # m
     z: FloatArray  # m
-    amplitude_low_power_counts: FloatArray  # above the baseline, before clipping
-    amplitude_high_counts: FloatArray  # the same in the high-power channel
-    width_samples: FloatArray  # standard deviation
+    amplitude_low_power: FloatArray  # above the baseline, before clipping
+    amplitude_high_power: FloatArray  # the same in the high-power channel
+    sigma_samples: FloatArray  # standard deviation
     neighbour_distance_samples: FloatArray  # to the next echo of the shot; infinite if none
     overlapping: BoolArray  # nearest other echo closer than 4 standard deviations
     saturated: BoolArray  # low-power channel clipped within one width of the position

@@ -18,7 +18,8 @@ from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 from ..support.command_line import assert_error, assert_usage, names, run
 
 SHOTS = 300
-EXTRA = ["amplitude_db", "width_ns", "position", "echo_type", "quality", "reflectance"]
+EXTRA = ["amplitude", "amplitude_db", "amplitude_library_db", "sigma_ns", "fwhm_ns", "position"]
+EXTRA += ["echo_type", "quality", "reflectance"]
 TOML = """
 "Scanner Group Velocity" = 299708256.0
 "Scanner Serial Number" = "1"
@@ -83,10 +84,10 @@ def test_las_to_las_and_csv_hold_the_same_echoes(scan: Path) -> None:
     np.testing.assert_array_equal(las["position"], text["position"])
     np.testing.assert_array_equal(las["return_number"], text["echo_number"])
     np.testing.assert_array_equal(las["number_of_returns"], text["echo_count"])
-    np.testing.assert_array_equal(las["intensity"], np.rint(text["amplitude_counts"]))
+    np.testing.assert_array_equal(las["intensity"], np.rint(text["amplitude"]))
     np.testing.assert_array_equal(las["echo_type"], text["echo_type"])
-    np.testing.assert_allclose(las["amplitude_db"], text["amplitude_db"], rtol=1e-6)
-    np.testing.assert_allclose(las["width_ns"], text["width_ns"], rtol=1e-6)
+    for name in ("amplitude", "amplitude_db", "amplitude_library_db", "sigma_ns", "fwhm_ns"):
+        np.testing.assert_allclose(las[name], text[name], rtol=1e-6)
     assert names(scan.parent) == ["echoes.csv", "echoes.las", "scan.las", "scan.wdp"]
 
 
@@ -137,12 +138,12 @@ def test_threshold(scan: Path) -> None:
     counts = {}
     for threshold in ("20", "200", "estimate"):
         extract(scan, scan.with_name("e.csv"), "--threshold", threshold)
-        counts[threshold] = csv_columns(scan.with_name("e.csv"))["amplitude_counts"]
+        counts[threshold] = csv_columns(scan.with_name("e.csv"))["amplitude"]
     assert counts["20"].min() >= 20
     assert counts["200"].min() >= 200
     assert len(counts["20"]) > len(counts["200"]) > 0
     extract(scan, scan.with_name("default.csv"))
-    default = csv_columns(scan.with_name("default.csv"))["amplitude_counts"]
+    default = csv_columns(scan.with_name("default.csv"))["amplitude"]
     np.testing.assert_array_equal(default, counts["estimate"])
 
 
@@ -188,7 +189,13 @@ def test_scanner_description(scan: Path) -> None:
     ten = csv_columns(scan.with_name("e.csv"))
     np.testing.assert_array_equal(ten["position"], one["position"])
     # An amplitude unit ten times smaller is 20 dB less.
-    np.testing.assert_allclose(ten["amplitude_db"], one["amplitude_db"] - 20.0, atol=1e-4)
+    library = "amplitude_library_db"
+    np.testing.assert_allclose(ten[library], one[library] - 20.0, atol=1e-4)
+    # Without a description the unit is unknown.
+    assert np.isnan(one["amplitude_db"]).all()
+    np.testing.assert_array_equal(ten["amplitude"], one["amplitude"])
+    expected = 20.0 * np.log10(0.1 * ten["amplitude"])
+    np.testing.assert_allclose(ten["amplitude_db"], expected, atol=1e-4)
 
 
 def test_after_pulse(scan: Path) -> None:

@@ -53,9 +53,9 @@ def isolated_echoes(truth: TruthTable, settings: ScanSettings) -> np.ndarray:
     widths to 2 samples. The baseline of 12 counts is below a 25th of the amplitude and shifts the
     position by less than 0.003 samples. So 0.1 is more than six times the error.
     """
-    alone = truth.neighbour_distance_samples > 6.0 * truth.width_samples
-    strong = truth.amplitude_low_power_counts >= 300.0
-    assert truth.width_samples.max() <= 2.0
+    alone = truth.neighbour_distance_samples > 6.0 * truth.sigma_samples
+    strong = truth.amplitude_low_power >= 300.0
+    assert truth.sigma_samples.max() <= 2.0
     assert settings.noise_rms <= 1.5
     assert settings.baseline <= 12.0
     rows: np.ndarray = np.flatnonzero(alone & strong & ~truth.saturated)

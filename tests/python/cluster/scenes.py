@@ -52,14 +52,6 @@ def parts_table(folder: Path) -> pa.Table:
     return pa.concat_tables(read_parts(folder))
 
 
-def assert_same_rows(found: pa.Table, expected: pa.Table) -> None:
-    """Equal names, types, order and values, including NaN."""
-    assert found.schema.equals(expected.schema, check_metadata=True)
-    assert found.num_rows == expected.num_rows > 0
-    for name in expected.schema.names:
-        np.testing.assert_array_equal(found[name].to_numpy(), expected[name].to_numpy(), name)
-
-
 def manifest_of(folder: Path) -> dict[str, Any]:
     """The manifest as plain JSON."""
     content: dict[str, Any] = json.loads((folder / "manifest.json").read_text(encoding="utf-8"))

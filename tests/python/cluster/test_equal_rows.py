@@ -13,9 +13,9 @@ import pytest
 from fullwaveform.cluster import part_paths
 
 from ..support.command_line import names, run, words
+from ..support.echo_tables import assert_same_rows
 from ..support.row_scenes import as_container
 from .scenes import (
-    assert_same_rows,
     las_scan,
     manifest_of,
     parts_table,

@@ -10,9 +10,9 @@ from fullwaveform.cluster import part_paths
 
 from ..support.child_processes import TIMEOUT_S, wait_until
 from ..support.command_line import names, run
+from ..support.echo_tables import assert_same_rows
 from .processes import command, hold, scheduler, workers
 from .scenes import (
-    assert_same_rows,
     done_parts,
     las_scan,
     manifest_of,

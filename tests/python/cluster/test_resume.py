@@ -16,9 +16,9 @@ from fullwaveform.cluster import part_paths, read_parts
 
 from ..support.child_processes import TIMEOUT_S, wait_until
 from ..support.command_line import assert_error, names, run
+from ..support.echo_tables import assert_same_rows
 from .processes import command, hold
 from .scenes import (
-    assert_same_rows,
     done_parts,
     las_scan,
     manifest_of,
@@ -146,7 +146,7 @@ def test_other_settings_are_refused(job: Job, options: list[str], difference: st
 
 def test_another_scanner_is_refused(job: Job) -> None:
     job.change(lambda m: m["settings"]["scanner_attributes"].update(ampl_unit=0.5))
-    assert_error(job.resume(), "settings.scanner_attributes.ampl_unit was 0.5, is 1.0")
+    assert_error(job.resume(), "settings.scanner_attributes.ampl_unit was 0.5, is unset")
 
 
 def test_other_version_is_refused(job: Job) -> None:

@@ -25,7 +25,8 @@ COMPLETE: dict[str, Any] = {
     "WaveformSampleInterval": 2e-9,
     "t_ref": 1e-7,
 }
-REQUIRED = sorted(COMPLETE.keys() - {"Scanner Build Number", "WaveformSampleInterval", "t_ref"})
+OPTIONAL = {"Scanner Build Number", "ampl_unit", "WaveformSampleInterval", "t_ref"}
+REQUIRED = sorted(COMPLETE.keys() - OPTIONAL)
 WAVE = {"a_real": [1.0, 2.0], "a_imag": [0.5, 0.25], "b_real": [3.0, 4.0], "b_imag": [4.0, 5.0]}
 
 TOML = """
@@ -89,11 +90,15 @@ def test_one_error_lists_all_missing_attributes() -> None:
 
 
 def test_one_error_lists_missing_unknown_and_invalid_attributes() -> None:
-    attributes = {**without("ampl_unit", "Scanner Type"), "Colour": "red", "UnambiguousRange": "x"}
+    attributes = {
+        **without("Wavelength[nm]", "Scanner Type"),
+        "Colour": "red",
+        "UnambiguousRange": "x",
+    }
     with pytest.raises(ValueError, match=r"^scanner attributes") as caught:
         Scanner.from_attributes(attributes)
     assert str(caught.value) == (
-        "scanner attributes: missing: Scanner Type, ampl_unit; unknown: Colour; "
+        "scanner attributes: missing: Scanner Type, Wavelength[nm]; unknown: Colour; "
         "wrong type: UnambiguousRange is 'x'; expected finite number"
     )
 
@@ -128,6 +133,13 @@ def test_several_invalid_attributes_are_named_in_a_fixed_order() -> None:
         Scanner.from_attributes({**COMPLETE, **wrong})
     named = [part.partition(" is ")[0] for part in str(caught.value).split("wrong type: ")[1:]]
     assert named == ["Scanner Type", "Wavelength[nm]", "ampl_unit", "t_ref"]
+
+
+def test_amplitude_unit_may_be_missing() -> None:
+    scanner = Scanner.from_attributes(without("ampl_unit"))
+    assert scanner.amplitude_unit is None
+    assert scanner.device().ampl_unit == 1.0
+    assert Scanner.from_attributes(COMPLETE).amplitude_unit == 0.5
 
 
 def test_build_number_may_be_missing() -> None:
@@ -305,6 +317,7 @@ def test_missing_toml_file_is_an_error(tmp_path: Path) -> None:
 
 def test_default_scanner() -> None:
     assert Scanner.default().sampling_interval is None
+    assert Scanner.default().amplitude_unit is None
     device = Scanner.default(2e-9).device()
     assert device.group_velocity == 299708256.0
     assert device.ampl_unit == 1.0

@@ -54,13 +54,13 @@ def test_rows_follow_the_echoes_of_their_shot_or_are_inserted_by_time() -> None:
     assert table.gps_time.tolist() == [1005, 1005, 1005, 1006, 1007, 1007, 1009]
     assert table.echo_number.tolist() == [1, 2, 0, 0, 1, 2, 0]
     assert table.echo_count.tolist() == [2, 2, 2, 0, 2, 2, 0]
-    assert table.amplitude_counts[[0, 1, 4, 5]].tolist() == [10, 11, 12, 13]
+    assert table.amplitude[[0, 1, 4, 5]].tolist() == [10, 11, 12, 13]
 
 
 def test_row_without_echo_has_nan_and_zero_values() -> None:
     table = with_empty_waveforms(echoes_of([44, 44, 43, 40], [2, 2]), block())
     empty = np.flatnonzero(table.echo_number == 0)
-    for name in ("x", "y", "z", "amplitude_counts", "amplitude_db", "width_ns", "width_samples"):
+    for name in ("x", "y", "z", "amplitude", "amplitude_db", "sigma_ns", "sigma_samples"):
         assert np.isnan(getattr(table, name)[empty]).all(), name
         assert np.isfinite(np.delete(getattr(table, name), empty, axis=0)).all(), name
     for name in ("position", "reflectance", "time"):
@@ -98,7 +98,7 @@ def test_removing_the_rows_restores_the_echoes() -> None:
     echoes = echoes_of([44, 44, 43, 40], [2, 2])
     back = without_empty_waveforms(with_empty_waveforms(echoes, block()))
     assert back.waveform_number.tolist() == [44, 44, 43, 40]
-    assert back.amplitude_counts.tolist() == [10, 11, 12, 13]
+    assert back.amplitude.tolist() == [10, 11, 12, 13]
     assert without_empty_waveforms(echoes) is echoes
 
 

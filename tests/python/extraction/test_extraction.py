@@ -88,14 +88,18 @@ def test_echo_columns_of_one_waveform() -> None:
     assert len(echoes) == 1
     # 20 ns after the first sample, 15 ns after the anchor
     np.testing.assert_allclose(echoes.xyz, [[100.0, 200.0, 297.75]], rtol=0, atol=1e-6)
-    np.testing.assert_allclose(echoes.width_ns, [2 * TRIPLE_STD], rtol=1e-6)
-    np.testing.assert_allclose(echoes.amplitude_counts, [80.0], rtol=1e-6)
-    np.testing.assert_allclose(echoes.amplitude_db, [38.0618], atol=1e-4)
+    np.testing.assert_allclose(echoes.sigma_ns, [2 * TRIPLE_STD], rtol=1e-6)
+    np.testing.assert_allclose(echoes.amplitude, [80.0], rtol=1e-6)
+    # 2 sqrt(2 ln 2) = 2.3548200
+    np.testing.assert_allclose(echoes.fwhm_ns, [2.3548200 * 2 * TRIPLE_STD], rtol=1e-6)
+    # 20 log10(80); the scanner has no known unit.
+    np.testing.assert_allclose(echoes.amplitude_library_db, [38.0618], atol=1e-4)
+    assert np.isnan(echoes.amplitude_db).tolist() == [True]
     np.testing.assert_allclose(echoes.time, [20e-9], rtol=1e-6)
     assert echoes.position.tolist() == [10.0]
     assert (echoes.echo_number.tolist(), echoes.echo_count.tolist()) == ([1], [1])
     assert (echoes.echo_type.tolist(), echoes.quality.tolist()) == ([2], [0])
-    assert echoes.reflectance.tolist() == [0.0]
+    assert np.isnan(echoes.reflectance).tolist() == [True]
     assert echoes.waveform_number.tolist() == [71]
     assert echoes.channel_flag.tolist() == [0]
     # The time of the file, not the key of the shot.
@@ -134,7 +138,7 @@ def test_echoes_of_a_shot_are_numbered_along_the_flight_of_light() -> None:
     assert echoes.echo_number.tolist() == [1, 1, 2, 3, 4]
     assert echoes.echo_count.tolist() == [1, 4, 4, 4, 4]
     assert echoes.waveform_number.tolist() == [71, 70, 72, 70, 72]
-    np.testing.assert_allclose(echoes.amplitude_counts, [70, 80, 60, 90, 50], rtol=1e-5)
+    np.testing.assert_allclose(echoes.amplitude, [70, 80, 60, 90, 50], rtol=1e-5)
 
 
 def test_echoes_are_numbered_along_a_slanting_pulse() -> None:

@@ -24,7 +24,7 @@ WAVEFORM = Waveform(
     title="Two echoes",
 )
 XYZ = np.array([[0.0, 0.0, 5.0], [3.0, 4.0, 6.0], [30.0, 40.0, 7.0]])
-AMPLITUDE_DB = np.array([10.0, 30.0, 20.0])
+AMPLITUDE = np.array([10.0, 30.0, 20.0])
 
 
 def share_of_colour(pixels: np.ndarray, rgb: tuple[int, int, int]) -> float:
@@ -35,7 +35,7 @@ def share_of_colour(pixels: np.ndarray, rgb: tuple[int, int, int]) -> float:
 
 def test_overview_has_the_requested_size_and_echo_marks(tmp_path: Path) -> None:
     path = tmp_path / "overview.png"
-    draw_overview(path, [WAVEFORM, WAVEFORM, WAVEFORM], XYZ, AMPLITUDE_DB)
+    draw_overview(path, [WAVEFORM, WAVEFORM, WAVEFORM], XYZ, AMPLITUDE)
     pixels = image.imread(path)
     assert pixels.shape == (700, 1600, 4)
     left, right = pixels[:, :700], pixels[:, 760:]
@@ -78,7 +78,7 @@ def test_waveform_without_echoes_is_not_cropped() -> None:
 
 def test_side_view_measures_along_the_profile() -> None:
     axes = Figure().subplots()
-    draw_side_view(axes, XYZ, AMPLITUDE_DB)
+    draw_side_view(axes, XYZ, AMPLITUDE)
     cloud = axes.collections[0]
     # All on one line: 0, 5 and 50 m from its start; the strongest is drawn last.
     np.testing.assert_allclose(

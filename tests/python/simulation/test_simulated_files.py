@@ -186,7 +186,7 @@ def test_returns_trigger_on_the_leading_edge(tmp_path: Path) -> None:
         scan.truth.time_in_record_ns[alone] * 1000.0
         - np.asarray(las.return_point_wave_location)[high][rows]
     )
-    np.testing.assert_allclose(early, 500.0 * scan.truth.width_samples[alone], atol=0.02)
+    np.testing.assert_allclose(early, 500.0 * scan.truth.sigma_samples[alone], atol=0.02)
 
 
 def test_older_format_limits_the_number_of_returns(tmp_path: Path) -> None:

@@ -87,7 +87,7 @@ def test_shares_of_special_shots_are_exact() -> None:
     settings = ScanSettings(empty_fraction=0.1, saturated_fraction=0.03, close_pair_fraction=0.2)
     truth = simulate_scan(settings).truth
     assert len(np.unique(truth.shot)) == 1800
-    assert len(np.unique(truth.shot[truth.amplitude_low_power_counts > 4000.0])) == 60
+    assert len(np.unique(truth.shot[truth.amplitude_low_power > 4000.0])) == 60
     near = (truth.neighbour_distance_samples >= 1.2 * 1.6 - 1e-9) & (
         truth.neighbour_distance_samples <= 2.0 * 1.6 + 1e-9
     )
@@ -114,7 +114,7 @@ def test_numbers_and_order_within_the_shots() -> None:
     assert (truth.echo_number[1:][~same] == 1).all()
     assert truth.position_samples.max() <= 151.0
     np.testing.assert_allclose(
-        truth.amplitude_low_power_counts / truth.amplitude_high_counts, 8.0, rtol=1e-12
+        truth.amplitude_low_power / truth.amplitude_high_power, 8.0, rtol=1e-12
     )
 
 

@@ -7,6 +7,7 @@ from dataclasses import fields
 from pathlib import Path
 
 import numpy as np
+import pyarrow as pa
 
 from fullwaveform.data.blocks import ShotAttributes
 from fullwaveform.data.echo_columns import EchoTable
@@ -34,10 +35,12 @@ def echo_table(
         "gps_time": np.repeat(100.0 + np.arange(len(shots)), shots),
         "echo_number": numbers.astype(np.int64),
         "echo_count": np.repeat(np.asarray(shots, dtype=np.int64), shots),
-        "amplitude_counts": (10 + rows).astype(np.float32),
+        "amplitude": (10 + rows).astype(np.float32),
         "amplitude_db": np.full(count, 12.5, np.float32),
-        "width_ns": np.full(count, 1.75),
-        "width_samples": np.full(count, 0.875),
+        "amplitude_library_db": np.full(count, 13.5, np.float32),
+        "sigma_ns": np.full(count, 1.75),
+        "fwhm_ns": np.full(count, 4.125),
+        "sigma_samples": np.full(count, 0.875),
         "position": rows + 0.25,
         "echo_type": np.full(count, 3, np.uint8),
         "quality": np.full(count, 4, np.uint8),
@@ -78,3 +81,11 @@ def written(path: Path, *tables: EchoTable, metadata: dict[str, str] | None = No
         assert not path.exists()
     assert [file.name for file in path.parent.iterdir()] == [path.name]
     return path
+
+
+def assert_same_rows(found: pa.Table, expected: pa.Table) -> None:
+    """Equal names, types, order and values, including NaN."""
+    assert found.schema.equals(expected.schema, check_metadata=True)
+    assert found.num_rows == expected.num_rows > 0
+    for name in expected.schema.names:
+        np.testing.assert_array_equal(found[name].to_numpy(), expected[name].to_numpy(), name)

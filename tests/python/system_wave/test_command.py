@@ -78,7 +78,7 @@ def test_system_wave_of_the_description_follows_the_pulse(arrays: Path, tmp_path
 def test_order_and_base_description_are_used(arrays: Path, tmp_path: Path) -> None:
     first, second = tmp_path / "first.toml", tmp_path / "second.toml"
     run("system-wave", arrays, "-o", first, "--order", "4")
-    text = first.read_text(encoding="utf-8").replace("ampl_unit = 1.0", "ampl_unit = 0.125")
+    text = "ampl_unit = 0.125\n" + first.read_text(encoding="utf-8")
     first.write_text(text + "\n[after_pulse]\noffset = 6\nwidth = 3\n", encoding="utf-8")
     result = run("system-wave", arrays, "-o", second, "--order", "5", "--scanner", first)
     assert result.exit_code == 0, result.output

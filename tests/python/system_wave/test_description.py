@@ -158,7 +158,7 @@ def first_echoes(
     """Position, time and x of the strongest echo of each waveform."""
     waveforms = replace(block(200), channel_flags=np.full(200, channel_flag, np.uint8))
     table = Extractor(ExtractionSettings(scanner, mode, threshold=12)).extract(waveforms).echoes
-    order = np.lexsort((-table.amplitude_counts, table.waveform_number))
+    order = np.lexsort((-table.amplitude, table.waveform_number))
     rows, first = np.unique(table.waveform_number[order], return_index=True)
     assert len(rows) == 200
     chosen = order[first]

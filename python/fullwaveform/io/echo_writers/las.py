@@ -220,7 +220,7 @@ def _fill_standard_fields(
     echoes: EchoTable,
     return_limit: int,
 ) -> None:
-    record["intensity"] = _rounded(echoes["amplitude_counts"], 0, _UINT16.max)
+    record["intensity"] = _rounded(echoes["amplitude"], 0, _UINT16.max)
     record["gps_time"] = echoes["gps_time"]
     record["return_number"] = np.minimum(echoes["echo_number"], return_limit)
     record["number_of_returns"] = np.minimum(echoes["echo_count"], return_limit)

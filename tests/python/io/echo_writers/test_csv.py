@@ -14,8 +14,8 @@ from fullwaveform.io.echo_writers.csv import CsvEchoWriter
 from ...support.echo_tables import echo_table
 
 HEADER = (
-    "x,y,z,gps_time,echo_number,echo_count,amplitude_counts,amplitude_db,width_ns,position,"
-    "echo_type,quality,reflectance,time,waveform_number,channel_flag\n"
+    "x,y,z,gps_time,echo_number,echo_count,amplitude,amplitude_db,amplitude_library_db,sigma_ns,"
+    "fwhm_ns,position,echo_type,quality,reflectance,time,waveform_number,channel_flag\n"
 )
 
 
@@ -24,7 +24,7 @@ def test_csv_text_of_two_echoes(tmp_path: Path) -> None:
         [2],
         xyz=np.array([[433978.209, 0.1, -1e-9], [1.0, 2.0, 3.0]]),
         gps_time=np.full(2, 383661.97316074),
-        amplitude_counts=np.array([0.1, 200.0], np.float32),
+        amplitude=np.array([0.1, 200.0], np.float32),
         reflectance=np.array([np.nan, -2.5], np.float32),
         time=np.array([1.25e-07, 2.0]),
     )
@@ -32,8 +32,8 @@ def test_csv_text_of_two_echoes(tmp_path: Path) -> None:
         writer.write(table)
         assert writer.count == 2
     assert (tmp_path / "e.csv").read_text() == HEADER + (
-        "433978.209,0.1,-1e-9,383661.97316074,1,2,0.1,12.5,1.75,0.25,3,4,nan,1.25e-7,0,1\n"
-        "1,2,3,383661.97316074,2,2,200,12.5,1.75,1.25,3,4,-2.5,2,1,1\n"
+        "433978.209,0.1,-1e-9,383661.97316074,1,2,0.1,12.5,13.5,1.75,4.125,0.25,3,4,nan,1.25e-7,0,1\n"
+        "1,2,3,383661.97316074,2,2,200,12.5,13.5,1.75,4.125,1.25,3,4,-2.5,2,1,1\n"
     )
 
 

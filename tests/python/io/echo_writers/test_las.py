@@ -66,7 +66,7 @@ def test_standard_fields_of_an_echo(tmp_path: Path, version: str, source_format:
     )
     table = echo_table(
         [2],
-        amplitude_counts=np.array([10.6, 70000.0], np.float32),
+        amplitude=np.array([10.6, 70000.0], np.float32),
         position=np.array([17.125, 1e-9]),
         attributes=attributes,
     )
@@ -89,8 +89,11 @@ def test_standard_fields_of_an_echo(tmp_path: Path, version: str, source_format:
 def test_extra_bytes_of_an_echo(tmp_path: Path) -> None:
     las = written(tmp_path / "e.las", source_header("1.3", 4), echo_table([2]))
     expected = {
+        "amplitude": ("float32", [10.0, 11.0]),
         "amplitude_db": ("float32", [12.5, 12.5]),
-        "width_ns": ("float32", [1.75, 1.75]),
+        "amplitude_library_db": ("float32", [13.5, 13.5]),
+        "sigma_ns": ("float32", [1.75, 1.75]),
+        "fwhm_ns": ("float32", [4.125, 4.125]),
         "position": ("float64", [0.25, 1.25]),
         "echo_type": ("uint8", [3, 3]),
         "quality": ("uint8", [4, 4]),
@@ -108,7 +111,7 @@ def test_nan_is_written_as_zero(tmp_path: Path) -> None:
     nan = np.float32("nan")
     table = echo_table(
         [2],
-        amplitude_counts=np.array([nan, -3.0], np.float32),
+        amplitude=np.array([nan, -3.0], np.float32),
         attributes=shot_attributes(2, scan_angle=np.array([nan, 500.0], np.float32)),
     )
     las = written(tmp_path / "e.las", source_header("1.3", 4), table)
@@ -221,7 +224,7 @@ def test_several_tables_are_appended(tmp_path: Path) -> None:
 def test_file_without_echoes_is_valid(tmp_path: Path, source: laspy.LasHeader | None) -> None:
     las = written(tmp_path / "e.las", source)
     assert len(las.points) == 0
-    assert len(list(las.point_format.extra_dimensions)) == 6
+    assert len(list(las.point_format.extra_dimensions)) == 9
 
 
 def write_and_fail(writer: LasEchoWriter) -> None:

@@ -31,9 +31,11 @@ EXPECTED: dict[str, list[float]] = {
     "gps_time": [383661.97316074, 383661.97316074, 383662.5],
     "echo_number": [1, 2, 0],
     "echo_count": [2, 2, 0],
-    "amplitude_counts": [10.5, 200.0, NAN],
+    "amplitude": [10.5, 200.0, NAN],
     "amplitude_db": [12.5, 0.25, NAN],
-    "width_ns": [1.75, 0.1, NAN],
+    "amplitude_library_db": [13.5, 0.5, NAN],
+    "sigma_ns": [1.75, 0.1, NAN],
+    "fwhm_ns": [4.125, 0.25, NAN],
     "position": [17.125, 52.3, NAN],
     "echo_type": [2, 5, 0],
     "quality": [0, 1, 0],
@@ -45,7 +47,9 @@ EXPECTED: dict[str, list[float]] = {
 TYPES = {
     **dict.fromkeys(EXPECTED, "float64"),
     **dict.fromkeys(("echo_number", "echo_count", "waveform_number"), "int64"),
-    **dict.fromkeys(("amplitude_counts", "amplitude_db", "reflectance"), "float32"),
+    **dict.fromkeys(
+        ("amplitude", "amplitude_db", "amplitude_library_db", "reflectance"), "float32"
+    ),
     **dict.fromkeys(("echo_type", "quality", "channel_flag"), "uint8"),
 }
 METADATA = {"version": "0.1.0", "mode": "three-point"}
@@ -90,9 +94,9 @@ def test_ascii_export_has_a_line_per_echo(tmp_path: Path) -> None:
     table = echo_table(
         [2],
         waveform_number=np.array([17, 18]),
-        amplitude_db=np.array([812.0, 0.1], np.float32),
+        amplitude_library_db=np.array([812.0, 0.1], np.float32),
         position=np.array([57.25, 1e-9]),
-        width_samples=np.array([1.9, NAN]),
+        sigma_samples=np.array([1.9, NAN]),
         gps_time=np.array([0.5, 383661.97316074]),
     )
     path = written(tmp_path / "e.txt", table, echo_table([]))
@@ -111,7 +115,7 @@ def test_units_and_descriptions_are_stored(tmp_path: Path) -> None:
         for schema in (table.schema, arrow.schema):
             stored = schema.field(column.name).metadata
             assert {key: stored[key.encode()].decode() for key in expected} == expected
-    assert attributes["width_ns"]["unit"] == "ns"
+    assert attributes["sigma_ns"]["unit"] == "ns"
     assert attributes["position"]["unit"] == "samples"
     assert attributes["time"]["unit"] == "s"
 
