@@ -6,6 +6,8 @@ from collections import Counter
 from collections.abc import Callable, Iterable
 from dataclasses import dataclass, field
 
+import numpy as np
+
 from fullwaveform.data.arrays import Float32Array, FloatArray, IntArray, UInt8Array, UInt16Array
 from fullwaveform.data.returns import DiscreteReturns
 
@@ -52,6 +54,13 @@ class WaveformBlock:
     attributes: ShotAttributes
     waveform_numbers: IntArray  # (n,), running number of the waveform in the file
     returns: DiscreteReturns | None = None  # None if the format has none
+    # (n,), number of the packet descriptor or channel that identifies the receiver in the format;
+    # 0 where the format has none.
+    descriptors: UInt8Array = field(default_factory=lambda: np.empty(0, np.uint8))
+
+    def __post_init__(self) -> None:
+        if len(self.descriptors) == 0:  # not given
+            object.__setattr__(self, "descriptors", np.zeros(len(self), np.uint8))
 
     def __len__(self) -> int:
         return len(self.counts)

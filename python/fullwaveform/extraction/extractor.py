@@ -9,6 +9,7 @@ from dataclasses import dataclass, field
 import numpy as np
 
 from fullwaveform import __version__
+from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.core.constants import EchoType
 from fullwaveform.core.driver import (
     DECONVOLVING_MODES,
@@ -38,6 +39,8 @@ class ExtractionSettings:
     mode: Mode = Mode.THREE_POINT
     threshold: Threshold = "estimate"  # counts, or an estimate for every waveform
     keep_empty: bool = False  # whether waveforms without echoes have a row in the echo table
+    # Of the file; empty: nothing was measured.
+    calibration: Calibration = field(default_factory=Calibration)
 
     @property
     def position_offset(self) -> float:

@@ -44,6 +44,7 @@ class WaveformArrays:
     edge_of_flight_line: SliceableArray
     user_data: SliceableArray
     point_source_id: SliceableArray
+    descriptors: SliceableArray
 
 
 class ArrayReader(WaveformReader):
@@ -79,6 +80,11 @@ class ArrayReader(WaveformReader):
         if len(rows) > 0:
             yield PendingBlock(len(rows), partial(self._block, rows))
 
+    def _window(self, points: slice) -> WaveformBlock | None:
+        self._check_values(points)
+        rows = points.start + np.flatnonzero(self._usable(points, ReadTally()))
+        return self._block(rows, rows) if len(rows) > 0 else None
+
     def _usable(self, chunk: slice, tally: ReadTally) -> BoolArray:
         tally.points += chunk.stop - chunk.start
         timed = np.isfinite(self._read(self._columns.shot_times, chunk))
@@ -109,6 +115,7 @@ class ArrayReader(WaveformReader):
             geometry=PulseGeometry(*(column(field.name) for field in fields(PulseGeometry))),
             attributes=ShotAttributes(*(column(field.name) for field in fields(ShotAttributes))),
             waveform_numbers=numbers,
+            descriptors=column("descriptors"),
         )
 
     def _check(self) -> None:

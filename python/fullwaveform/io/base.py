@@ -23,6 +23,7 @@ from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.atomic import OutputFile, atomic_open
 from fullwaveform.io.block_range import BlockRange, PendingBlock
 from fullwaveform.io.interruption import raise_if_requested
+from fullwaveform.io.spread import spread_windows
 
 
 class WaveformReader(ABC):
@@ -152,6 +153,31 @@ class WaveformReader(ABC):
         """
         self._check_open()
         return sum(1 for _ in self._pending_blocks(ReadTally()))
+
+    def spread_blocks(self) -> Iterator[WaveformBlock]:
+        """Yield waveforms spread over the file, to measure what holds for all of it.
+
+        The blocks are runs of consecutive points or pulses, see `spread_windows`. They are the same
+        for any `waveforms_per_block`, and reading them takes a bounded time. A run may begin or end
+        inside a shot. Unreadable waveforms are left out and not counted; `waveform_numbers` count
+        from the number of the first point. An iteration in progress and its tally are not affected.
+
+        Raises
+        ------
+        WaveformFileError
+            If the file is not valid.
+        ValueError
+            If the file is closed.
+        """
+        self._check_open()
+        for window in spread_windows(self.point_count):
+            block = self._window(window)
+            if block is not None:
+                yield block
+
+    @abstractmethod
+    def _window(self, points: slice) -> WaveformBlock | None:
+        """The readable waveforms of a run of points or pulses; None without any."""
 
     @abstractmethod
     def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:

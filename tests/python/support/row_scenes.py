@@ -22,6 +22,7 @@ PLAIN_KEYS = {
     "sbl_times": "sbl_times",
     "channel_flags": "channel_flags",
     "sampling_interval": "sampling_intervals",
+    "channel": "descriptors",
 }
 
 

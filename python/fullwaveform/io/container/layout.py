@@ -32,6 +32,7 @@ class Field:
     dtype: type[np.generic]
     unit: str
     shape: tuple[int, ...] = ()  # of a row; samples have the width of the file instead
+    is_optional: bool = False  # 0 in every row of a file without the dataset
 
 
 FIELDS = (
@@ -40,6 +41,7 @@ FIELDS = (
     Field("shot_times", f"{REPRESENTATION}/ShotTime", np.float64, "s"),
     Field("sbl_times", SBL_TIME, np.float64, "s"),
     Field("channel_flags", f"{REPRESENTATION}/ChannelFlag", np.uint8, "1 low power, 0 other"),
+    Field("descriptors", f"{REPRESENTATION}/Descriptor", np.uint8, "number", is_optional=True),
     Field("sampling_intervals", f"{REPRESENTATION}/SampleInterval", np.float64, "s"),
     Field("anchor", f"{SPACE}/anchor", np.float64, "coordinate units", (3,)),
     Field("location", f"{SPACE}/location", np.float64, "ps"),

@@ -150,8 +150,12 @@ def _check_format(file: h5py.File, path: Path) -> None:
 
 
 def _columns(file: h5py.File, path: Path) -> WaveformArrays:
-    datasets: dict[str, h5py.Dataset] = {}
+    rows = 0  # of the samples, which are the first field
+    datasets: dict[str, SliceableArray] = {}
     for field in FIELDS:
+        if field.is_optional and field.path not in file:
+            datasets[field.column] = np.broadcast_to(field.dtype(0), (rows, *field.shape))
+            continue
         dataset = _dataset(file, field, path)
         if field.column == "samples":
             rows, width = dataset.shape

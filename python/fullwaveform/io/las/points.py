@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import struct
-from collections.abc import Iterator
+from collections.abc import Iterable, Iterator
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -175,16 +175,30 @@ class Survey:
 
 def survey(reader: laspy.LasReader, path: Path) -> Survey:
     """Read all points once, chunk by chunk."""
-    used = np.zeros(256, dtype=bool)
+    chunks = _in_file_order(reader, path, SURVEY_CHUNK)
+    return survey_of(_of_one_scanner_channel(chunks, reader, path))
+
+
+def _of_one_scanner_channel(
+    chunks: Iterable[Points], reader: laspy.LasReader, path: Path
+) -> Iterator[Points]:
+    """The chunks; an error if compressed points have several scanner channels."""
     channels: set[int] = set()
+    for points in chunks:
+        if reader.header.are_points_compressed:
+            check_scanner_channels(channels := channels | scanner_channels(points), path)
+        yield points
+
+
+def survey_of(chunks: Iterable[Points]) -> Survey:
+    """The survey of chunks of points in the order of the file."""
+    used = np.zeros(256, dtype=bool)
     ascending, last_time = True, -np.inf
     times: tuple[float, float] = (np.inf, -np.inf)
     offsets: tuple[int, int] = (2**64, -1)
-    for points in _in_file_order(reader, path, SURVEY_CHUNK):
+    for points in chunks:
         gps_time, index = points["gps_time"], points["wavepacket_index"]
         used[index] = True
-        if reader.header.are_points_compressed:
-            check_scanner_channels(channels := channels | scanner_channels(points), path)
         # Written so that any NaN makes it false.
         ascending = ascending and bool(gps_time[0] >= last_time and (np.diff(gps_time) >= 0).all())
         last_time = gps_time[-1]
@@ -230,16 +244,21 @@ def whole_shots(
 def _in_file_order(reader: laspy.LasReader, path: Path, chunk: int) -> Iterator[Points]:
     total = reader.header.point_count
     for start in range(0, total, chunk):
-        expected = min(chunk, total - start)
-        with decoder_errors(f"{path}: cannot read points from number {start}"):
-            if start == 0 or reader.points_read != start:  # another iteration may be in progress
-                reader.seek(start)
-            points: Points = reader.read_points(expected).array
-        if len(points) != expected:
-            raise WaveformFileError(
-                f"{path}: truncated: header declares {total} points, found {start + len(points)}"
-            )
-        yield points
+        yield points_in_range(reader, path, start, min(start + chunk, total))
+
+
+def points_in_range(reader: laspy.LasReader, path: Path, start: int, stop: int) -> Points:
+    """The points `start` <= number < `stop`; WaveformFileError if they are truncated."""
+    with decoder_errors(f"{path}: cannot read points from number {start}"):
+        if start == 0 or reader.points_read != start:  # another iteration may be in progress
+            reader.seek(start)
+        points: Points = reader.read_points(stop - start).array
+    if len(points) != stop - start:
+        raise WaveformFileError(
+            f"{path}: truncated: header declares {reader.header.point_count} points, found "
+            f"{start + len(points)}"
+        )
+    return points
 
 
 def _in_order_of_time(reader: laspy.LasReader, path: Path, chunk: int) -> Iterator[Points]:

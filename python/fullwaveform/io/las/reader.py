@@ -26,9 +26,11 @@ from fullwaveform.io.las.points import (
     Survey,
     is_georeferenced,
     open_las,
+    points_in_range,
     pulse_geometry,
     shot_attributes,
     survey,
+    survey_of,
     whole_shots,
 )
 from fullwaveform.io.las.returns import PulsePoints, discrete_returns
@@ -110,7 +112,8 @@ class LasWaveformReader(WaveformReader):
         return frozenset(self._descriptors)
 
     def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:
-        run = self._prepare(tally)
+        run = self._prepare(survey(self._reader, self._path), tally)
+        tally.notes += _notes_on(run.surveyed)
         limit = run.waveforms_per_block
         without_times = run.surveyed.without_times
         pending = np.empty(0, dtype=self.header.point_format.dtype())
@@ -128,11 +131,18 @@ class LasWaveformReader(WaveformReader):
         if len(pending) > 0:
             yield self._pending(pending, pulses, run)
 
+    def _window(self, points: slice) -> WaveformBlock | None:
+        found = points_in_range(self._reader, self._path, points.start, points.stop)
+        run = self._prepare(survey_of([found]), ReadTally())
+        kept = self._readable(found, run)
+        pulses = PulsePoints.of(kept, found, without_times=run.surveyed.without_times)
+        numbers = points.start + np.arange(len(kept), dtype=np.int64)
+        return self._block(kept, pulses, run, numbers) if len(kept) > 0 else None
+
     def _pending(self, points: Points, pulses: PulsePoints, run: _Iteration) -> PendingBlock:
         return PendingBlock(len(points), partial(self._block, points, pulses, run))
 
-    def _prepare(self, tally: ReadTally) -> _Iteration:
-        surveyed = survey(self._reader, self._path)
+    def _prepare(self, surveyed: Survey, tally: ReadTally) -> _Iteration:
         for index in surveyed.descriptors:
             if index not in self._descriptors:
                 raise WaveformFileError(
@@ -141,14 +151,6 @@ class LasWaveformReader(WaveformReader):
                 )
             check_supported(self._descriptors[index], self._path)
         table = DescriptorTable(self._descriptors[index] for index in surveyed.descriptors)
-        if surveyed.without_times:
-            tally.notes.append(
-                "All points have the same GPS time; each waveform is treated as a separate shot."
-            )
-        if not surveyed.ascending:
-            tally.notes.append(
-                "The points are not in order of GPS time; they are read in that order."
-            )
         widest = max(int(table.sample_counts.max()), 1)
         limit = max(1, min(self._waveforms_per_block, BLOCK_SAMPLES // widest))
         seen = SeenPackets(self._packets.size, table.min_packet_size)
@@ -209,7 +211,19 @@ class LasWaveformReader(WaveformReader):
             attributes=shot_attributes(record),
             waveform_numbers=numbers,
             returns=discrete_returns(pulses, header, times, geometry, durations),
+            descriptors=index,
         )
+
+
+def _notes_on(surveyed: Survey) -> list[str]:
+    notes = []
+    if surveyed.without_times:
+        notes.append(
+            "All points have the same GPS time; each waveform is treated as a separate shot."
+        )
+    if not surveyed.ascending:
+        notes.append("The points are not in order of GPS time; they are read in that order.")
+    return notes
 
 
 def _keep(good: BoolArray, points: Points, reason: str, tally: ReadTally) -> Points:

@@ -117,6 +117,7 @@ class NpzReader(ArrayReader):
             location=self._column("location", np.float64, np.nan),
             direction=self._column("direction", np.float64, np.nan, (3,)),
             gps_time=self._column("gps_time", np.float64, times),
+            descriptors=self._descriptors(),
             **{name: self._column(name, kind, 0) for name, kind in _ATTRIBUTES.items()},
         )
 
@@ -155,9 +156,12 @@ class NpzReader(ArrayReader):
         if "channel_flags" in self._arrays:
             flags = self._column("channel_flags", np.int64, 1)
             return self._within("channel_flags", flags, 255).astype(np.uint8)
-        channels = self._within("channel", self._column("channel", np.int64, 0), 255)
-        flags_by_channel: UInt8Array = self._flags[channels]
+        flags_by_channel: UInt8Array = self._flags[self._descriptors()]
         return flags_by_channel
+
+    def _descriptors(self) -> UInt8Array:
+        channels = self._column("channel", np.int64, 0)
+        return self._within("channel", channels, 255).astype(np.uint8)
 
     def _channel_numbers(self) -> frozenset[int] | None:
         if "channel_flags" in self._arrays:

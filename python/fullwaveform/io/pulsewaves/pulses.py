@@ -102,6 +102,13 @@ def survey(pulses: PulseData) -> PulseSurvey:
     return PulseSurvey(differ, tuple(int(index) for index in np.flatnonzero(used)))
 
 
+def survey_of(rows: Pulses, pulses: PulseData) -> PulseSurvey:
+    """The survey of a few pulses, as if the file had no others."""
+    times = np.sort(pulses.times(rows))
+    differ = bool((times[1:] > times[:-1]).all())
+    return PulseSurvey(differ, tuple(int(index) for index in np.unique(rows["descriptor"])))
+
+
 def shot_times(
     rows: Pulses, numbers: IntArray, pulses: PulseData, surveyed: PulseSurvey
 ) -> FloatArray:

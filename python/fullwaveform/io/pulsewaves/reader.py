@@ -28,10 +28,12 @@ from fullwaveform.io.pulsewaves.descriptors import (
 from fullwaveform.io.pulsewaves.header import las_header, read_header, read_records
 from fullwaveform.io.pulsewaves.pulses import (
     PulseData,
+    PulseSurvey,
     segment_geometry,
     shot_attributes,
     shot_times,
     survey,
+    survey_of,
 )
 from fullwaveform.io.pulsewaves.samples import Segments, WaveData, find_waves
 from fullwaveform.io.pulsewaves.selection import Selection
@@ -125,7 +127,7 @@ class PulseWavesReader(WaveformReader):
         return self._outgoing_tally
 
     def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:
-        run = self._prepare(RETURNING)
+        run = self._prepare(survey(self._pulses), RETURNING)
         tally.notes += self._notes_on(run)
         for segments in run.blocks(self._waveforms_per_block, tally):
             yield PendingBlock(len(segments), partial(self._block, segments, run))
@@ -141,8 +143,9 @@ class PulseWavesReader(WaveformReader):
         WaveformFileError
             If a descriptor that pulses refer to is missing or not supported.
         """
+        self._check_open()
         self._outgoing_tally = tally = ReadTally()
-        run = self._prepare(OUTGOING)
+        run = self._prepare(survey(self._pulses), OUTGOING)
         for segments in run.blocks(self._waveforms_per_block, tally):
             tally.waveforms += len(segments)
             code, pulses = segments["sampling"], self._pulses.take(segments["pulse"])
@@ -154,9 +157,13 @@ class PulseWavesReader(WaveformReader):
                 pulse_numbers=segments["pulse"].copy(),
             )
 
-    def _prepare(self, kind: int) -> Selection:
-        self._check_open()
-        surveyed = survey(self._pulses)
+    def _window(self, points: slice) -> WaveformBlock | None:
+        run = self._prepare(survey_of(self._pulses[points], self._pulses), RETURNING)
+        segments = run.readable(points.start, points.stop, ReadTally())
+        numbers = points.start + np.arange(len(segments), dtype=np.int64)
+        return self._block(segments, run, numbers) if len(segments) > 0 else None
+
+    def _prepare(self, surveyed: PulseSurvey, kind: int) -> Selection:
         for index in surveyed.descriptors:
             if index not in self._descriptors:
                 raise WaveformFileError(
@@ -198,6 +205,7 @@ class PulseWavesReader(WaveformReader):
             geometry=segment_geometry(pulses, segments["duration"], unit, self._pulses.header),
             attributes=shot_attributes(pulses, self._pulses),
             waveform_numbers=numbers,
+            descriptors=run.table.channels[code],
         )
 
     def _samples(self, segments: Segments, run: Selection) -> UInt16Array:

@@ -38,14 +38,14 @@ class Selection:
         for start in range(0, len(self.pulses), limit):
             end = min(start + limit, len(self.pulses))
             tally.points += end - start
-            pending = np.concatenate([pending, self._readable(start, end, tally)])
+            pending = np.concatenate([pending, self.readable(start, end, tally)])
             while (cut := _last_cut(pending, limit)) < len(pending):
                 yield pending[:cut]
                 pending = pending[cut:]
         if len(pending) > 0:
             yield pending
 
-    def _readable(self, start: int, end: int, tally: ReadTally) -> Segments:
+    def readable(self, start: int, end: int, tally: ReadTally) -> Segments:
         """The readable segments of some pulses; all others are counted."""
         pulses = self.pulses[start:end]
         parts = [np.empty(0, dtype=SEGMENT)]

@@ -19,7 +19,7 @@ from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 from ...support.las_scenes import FOUR, Point, Scene, four_shots, rows
 from ...support.pulsewaves_scenes import two_channels
-from ...support.row_scenes import as_container, changed, new_attribute, new_dataset, same
+from ...support.row_scenes import as_container, changed, new_attribute, new_dataset, same, without
 
 FIELDS = "waveforms/StandardCartesianChart3D"
 DESCRIPTION = {
@@ -42,6 +42,13 @@ def four(folder: Path, scanner: Scanner | None = None) -> Path:
     return as_container(four_shots().write(folder / "a.las"), folder / "a.h5", scanner)
 
 
+def test_descriptors_may_be_missing(tmp_path: Path) -> None:
+    path = changed(four(tmp_path), without(f"{FIELDS}/Descriptor"))
+    with ScanContainerReader(path) as reader:
+        (block,) = reader.blocks()
+    assert block.descriptors.tolist() == [0, 0, 0, 0]
+
+
 def test_layout_seen_by_h5py(tmp_path: Path) -> None:
     point = Point(0, 12.5, (1.5, -2.25, 300.125), 1500.0, (0.25, -0.5, 0.125), {"user_data": 9})
     scene = Scene([(1, 8, 4, 2000)], FOUR[:2], [point, Point(1, 13.5)])
@@ -62,6 +69,7 @@ def test_layout_seen_by_h5py(tmp_path: Path) -> None:
         assert file[f"{FIELDS}/SampleCount"][:].tolist() == [4, 4]
         assert file[f"{FIELDS}/ShotTime"][:].tolist() == [12.5, 13.5]
         assert file[f"{FIELDS}/ChannelFlag"][:].tolist() == [3, 3]
+        assert file[f"{FIELDS}/Descriptor"][:].tolist() == [1, 1]
         assert file[f"{FIELDS}/SampleInterval"][:].tolist() == [2e-9, 2e-9]
         assert file["space/location"][:].tolist() == [1500.0, 0.0]
         assert file["space/direction"][0].tolist() == [0.25, -0.5, 0.125]

@@ -1,0 +1,1 @@
+"""What is measured once per file before its extraction."""
