@@ -16,7 +16,7 @@ from fullwaveform.system_wave.offset import (
     measure_offset,
     offset_of_simulated_echoes,
 )
-from fullwaveform.system_wave.pulses import Pulses, pulses_of_rows
+from fullwaveform.calibration.pulses import Pulses, pulses_of_rows
 
 __all__ = [
     "AveragePulse",

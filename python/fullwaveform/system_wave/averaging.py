@@ -20,8 +20,8 @@ from scipy.interpolate import BSpline, CubicSpline
 
 from fullwaveform.core.constants import SYSTEM_WAVE_SAMPLES
 from fullwaveform.data.arrays import BoolArray, FloatArray
-from fullwaveform.system_wave.curve import Curve, quiet_level, vertex
-from fullwaveform.system_wave.pulses import OUTLIER, Pulses, baseline_of, screened
+from fullwaveform.calibration.curve import Curve, quiet_level, vertex
+from fullwaveform.calibration.pulses import OUTLIER, Pulses, baseline_of, screened
 
 #: Values of the averaged pulse per sample.
 STEPS_PER_SAMPLE = 10

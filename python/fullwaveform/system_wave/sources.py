@@ -20,7 +20,7 @@ from fullwaveform.io.opening import open_waveforms
 from fullwaveform.io.pulsewaves.reader import PulseWavesReader
 from fullwaveform.system_wave.averaging import AveragePulse, average, pulse_of_curve
 from fullwaveform.system_wave.isolated import OTHER_INTERVAL, Waveforms, isolated_echoes
-from fullwaveform.system_wave.pulses import SUBSAMPLED, Pulses, pulses_of_rows
+from fullwaveform.calibration.pulses import SUBSAMPLED, Pulses, pulses_of_rows
 
 _TEXT_ENDINGS = {".txt", ".csv", ".dat", ".xy", ".tsv"}
 _NANOSECONDS = 1e9

@@ -6,7 +6,7 @@ import numpy as np
 import pytest
 
 from fullwaveform.system_wave import average, pulse_of_curve, pulses_of_rows
-from fullwaveform.system_wave.pulses import (
+from fullwaveform.calibration.pulses import (
     AT_THE_EDGE,
     FLAT_TOP,
     OUTLIER,
