@@ -58,6 +58,7 @@ def convert(
             source, channels, interval=interval, block=block, skip_unreadable=skip_unreadable
         ) as reader:
             reader.on_unreadable = print_line if verbose else None
+            reader.with_outgoing = True
             writer = ScanContainerWriter(output, reader.header, description or reader.scanner())
             with writer, blocks_with_progress(reader, quiet) as blocks:
                 for waveforms in blocks:

@@ -8,7 +8,14 @@ from dataclasses import dataclass, field
 
 import numpy as np
 
-from fullwaveform.data.arrays import Float32Array, FloatArray, IntArray, UInt8Array, UInt16Array
+from fullwaveform.data.arrays import (
+    BoolArray,
+    Float32Array,
+    FloatArray,
+    IntArray,
+    UInt8Array,
+    UInt16Array,
+)
 from fullwaveform.data.returns import DiscreteReturns
 
 
@@ -38,6 +45,28 @@ class PulseGeometry:
 
 
 @dataclass(frozen=True, slots=True)
+class OutgoingPulses:
+    """The recorded outgoing pulse of each waveform, one row per waveform, equal within a shot."""
+
+    samples: UInt16Array  # (n, width), counts; zero after the last valid sample of a row
+    counts: UInt16Array  # (n,), valid samples of each row; 0 if no pulse was recorded
+    sampling_intervals: FloatArray  # (n,), s per sample
+    durations: FloatArray  # (n,), s from the reference time of the shot to the first sample
+
+    def __len__(self) -> int:
+        return len(self.counts)
+
+    def of(self, rows: IntArray | BoolArray) -> OutgoingPulses:
+        """The given rows."""
+        return OutgoingPulses(
+            self.samples[rows],
+            self.counts[rows],
+            self.sampling_intervals[rows],
+            self.durations[rows],
+        )
+
+
+@dataclass(frozen=True, slots=True)
 class WaveformBlock:
     """Waveforms of whole shots, in the order of the file.
 
@@ -54,6 +83,7 @@ class WaveformBlock:
     attributes: ShotAttributes
     waveform_numbers: IntArray  # (n,), running number of the waveform in the file
     returns: DiscreteReturns | None = None  # None if the format has none
+    outgoing: OutgoingPulses | None = None  # None unless `WaveformReader.with_outgoing` is set
     # (n,), number of the packet descriptor or channel that identifies the receiver in the format;
     # 0 where the format has none.
     descriptors: UInt8Array = field(default_factory=lambda: np.empty(0, np.uint8))

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from abc import abstractmethod
 from collections.abc import Iterator
 from dataclasses import dataclass, fields
 from functools import partial
@@ -10,7 +11,13 @@ from typing import Protocol
 import numpy as np
 
 from fullwaveform.data.arrays import AnyArray, BoolArray, IntArray, UInt16Array
-from fullwaveform.data.blocks import PulseGeometry, ReadTally, ShotAttributes, WaveformBlock
+from fullwaveform.data.blocks import (
+    OutgoingPulses,
+    PulseGeometry,
+    ReadTally,
+    ShotAttributes,
+    WaveformBlock,
+)
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.block_range import PendingBlock, last_cut
@@ -45,6 +52,16 @@ class WaveformArrays:
     user_data: SliceableArray
     point_source_id: SliceableArray
     descriptors: SliceableArray
+
+
+@dataclass(frozen=True, slots=True)
+class OutgoingArrays:
+    """The outgoing pulses of a file; units and shapes as in `OutgoingPulses`, n rows each."""
+
+    samples: SliceableArray  # (n, width)
+    counts: SliceableArray
+    sampling_intervals: SliceableArray
+    durations: SliceableArray
 
 
 class ArrayReader(WaveformReader):
@@ -96,13 +113,8 @@ class ArrayReader(WaveformReader):
         return usable
 
     def _block(self, rows: IntArray, numbers: IntArray) -> WaveformBlock:
-        # Many rejected rows may lie between two others; they are not read.
-        parts = np.split(rows, np.flatnonzero(np.diff(rows) > _MAX_GAP) + 1)
-
         def column(name: str) -> AnyArray:
-            array = getattr(self._columns, name)
-            read = [self._rows_of(array, part) for part in parts]
-            return read[0] if len(read) == 1 else np.concatenate(read)
+            return self._rows_in_parts(getattr(self._columns, name), rows)
 
         counts = column("counts").astype(np.uint16)
         return WaveformBlock(
@@ -116,7 +128,31 @@ class ArrayReader(WaveformReader):
             attributes=ShotAttributes(*(column(field.name) for field in fields(ShotAttributes))),
             waveform_numbers=numbers,
             descriptors=column("descriptors"),
+            outgoing=self._outgoing(rows) if self.with_outgoing and self.has_outgoing else None,
         )
+
+    @abstractmethod
+    def _outgoing_arrays(self) -> OutgoingArrays:
+        """The outgoing pulses, of a file with `has_outgoing`."""
+
+    def _outgoing(self, rows: IntArray) -> OutgoingPulses:
+        arrays = self._outgoing_arrays()
+        columns = (getattr(arrays, field.name) for field in fields(OutgoingPulses))
+        samples, counts, intervals, durations = (self._rows_in_parts(one, rows) for one in columns)
+        if len(wrong := np.flatnonzero(counts > samples.shape[1])) > 0:
+            raise WaveformFileError(
+                f"{self._path}: count {counts[wrong[0]]} of the outgoing pulse of waveform "
+                f"{rows[wrong[0]]} exceeds the row length {samples.shape[1]}"
+            )
+        usable = np.isfinite(intervals) & (intervals > 0.0)
+        if len(wrong := np.flatnonzero(~usable & (counts > 0))) > 0:
+            raise WaveformFileError(
+                f"{self._path}: invalid sampling interval {intervals[wrong[0]]} s of the outgoing "
+                f"pulse of waveform {rows[wrong[0]]}; must be positive"
+            )
+        counts = counts.astype(np.uint16)
+        durations = np.where(np.isfinite(durations), durations, 0.0)
+        return OutgoingPulses(_trimmed(samples, counts), counts, intervals, durations)
 
     def _check(self) -> None:
         ascending, last = True, -np.inf
@@ -156,6 +192,13 @@ class ArrayReader(WaveformReader):
                 f"{self._path}: the waveforms of the shot at {shots[np.argmax(runs > 1)]} s are "
                 "not consecutive; sort the waveforms by shot"
             )
+
+    def _rows_in_parts(self, array: SliceableArray, rows: IntArray) -> AnyArray:
+        """The given ascending rows of an array."""
+        # Many rejected rows may lie between two others; they are not read.
+        parts = np.split(rows, np.flatnonzero(np.diff(rows) > _MAX_GAP) + 1)
+        read = [self._rows_of(array, part) for part in parts]
+        return read[0] if len(read) == 1 else np.concatenate(read)
 
     def _rows_of(self, array: SliceableArray, rows: IntArray) -> AnyArray:
         """The given rows of an array, which lie close together."""

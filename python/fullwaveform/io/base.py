@@ -46,6 +46,8 @@ class WaveformReader(ABC):
 
     #: Whether unreadable waveforms are skipped and counted, or raise WaveformFileError.
     skip_unreadable: bool = True
+    #: Whether blocks have the outgoing pulses, in a file with `has_outgoing`.
+    with_outgoing: bool = False
     #: Called with place and reason of each unreadable waveform, also before a range of blocks.
     on_unreadable: Callable[[str], None] | None = None
 
@@ -111,6 +113,11 @@ class WaveformReader(ABC):
         None if the file stores the flag of each waveform.
         """
         return None
+
+    @property
+    def has_outgoing(self) -> bool:
+        """Whether the file has a place for the outgoing pulse of each shot."""
+        return False
 
     def scanner_attributes(self) -> dict[str, Any] | None:
         """Attributes of the scanner as named in the host's grids; None if the file has none."""

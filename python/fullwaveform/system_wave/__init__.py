@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from fullwaveform.calibration.pulses import Pulses, pulses_of_rows
 from fullwaveform.system_wave.averaging import AveragePulse, average, pulse_of_curve
 from fullwaveform.system_wave.description import (
     description_text,
@@ -16,7 +17,6 @@ from fullwaveform.system_wave.offset import (
     measure_offset,
     offset_of_simulated_echoes,
 )
-from fullwaveform.calibration.pulses import Pulses, pulses_of_rows
 
 __all__ = [
     "AveragePulse",

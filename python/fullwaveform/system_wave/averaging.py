@@ -18,10 +18,10 @@ import numpy as np
 import numpy.typing as npt
 from scipy.interpolate import BSpline, CubicSpline
 
-from fullwaveform.core.constants import SYSTEM_WAVE_SAMPLES
-from fullwaveform.data.arrays import BoolArray, FloatArray
 from fullwaveform.calibration.curve import Curve, quiet_level, vertex
 from fullwaveform.calibration.pulses import OUTLIER, Pulses, baseline_of, screened
+from fullwaveform.core.constants import SYSTEM_WAVE_SAMPLES
+from fullwaveform.data.arrays import BoolArray, FloatArray
 
 #: Values of the averaged pulse per sample.
 STEPS_PER_SAMPLE = 10

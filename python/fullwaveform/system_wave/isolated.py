@@ -9,10 +9,10 @@ from typing import Any
 
 import numpy as np
 
+from fullwaveform.calibration.pulses import Pulses, baseline_of
 from fullwaveform.core.driver import Driver, Mode, Threshold
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import AnyArray, BoolArray, FloatArray, IntArray, UInt16Array
-from fullwaveform.calibration.pulses import Pulses, baseline_of
 
 #: Distance to other echoes, samples.
 CLEARANCE = 24.0

@@ -11,16 +11,15 @@ from pathlib import Path
 
 import numpy as np
 
+from fullwaveform.calibration.pulses import SUBSAMPLED, Pulses, pulses_of_rows
 from fullwaveform.core.driver import Threshold
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import AnyArray, FloatArray
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.npz.reader import ZIP_SIGNATURE
 from fullwaveform.io.opening import open_waveforms
-from fullwaveform.io.pulsewaves.reader import PulseWavesReader
 from fullwaveform.system_wave.averaging import AveragePulse, average, pulse_of_curve
 from fullwaveform.system_wave.isolated import OTHER_INTERVAL, Waveforms, isolated_echoes
-from fullwaveform.calibration.pulses import SUBSAMPLED, Pulses, pulses_of_rows
 
 _TEXT_ENDINGS = {".txt", ".csv", ".dat", ".xy", ".tsv"}
 _NANOSECONDS = 1e9
@@ -97,12 +96,9 @@ class Input:
 
     def _has_outgoing(self) -> bool:
         with open_waveforms(self.path) as reader:
-            has_outgoing = isinstance(reader, PulseWavesReader)
+            has_outgoing = reader.has_outgoing
         if self.source is Source.OUTGOING and not has_outgoing:
-            raise ValueError(
-                f"{self.path} has no outgoing pulses (only PulseWaves files have them); use "
-                "--source echoes"
-            )
+            raise ValueError(f"{self.path} has no outgoing pulses; use --source echoes")
         return has_outgoing
 
     def _outgoing(self) -> Pulses:
@@ -110,24 +106,32 @@ class Input:
         rows: list[FloatArray] = []
         rejected: Counter[str] = Counter()
         interval = None
+        shots = 0
         with open_waveforms(self.path) as reader:
-            assert isinstance(reader, PulseWavesReader)
+            reader.with_outgoing = True
             every = max(reader.point_count // _MAX_OUTGOING, 1)
-            for block in reader.outgoing_pulses():
-                if interval is None and len(block):
-                    interval = float(block.sampling_intervals[0])
-                chosen = block.pulse_numbers % every == 0
-                rejected[SUBSAMPLED] += int(np.count_nonzero(~chosen))
-                is_equal = block.sampling_intervals == interval
-                rejected[OTHER_INTERVAL] += int(np.count_nonzero(chosen & ~is_equal))
-                use = chosen & is_equal
-                waveforms = Waveforms(block.samples[use], block.counts[use], 0.0)
-                rows.append(waveforms.as_float())
-            tally = reader.outgoing_tally
-        rejected += tally.rejected
-        rejected[NOT_RECORDED] += tally.points_without_waveform
+            for block in reader.blocks():
+                assert block.outgoing is not None
+                firsts = np.flatnonzero(np.diff(block.shot_times, prepend=np.nan) != 0.0)
+                chosen = firsts[(shots + np.arange(len(firsts))) % every == 0]
+                shots += len(firsts)
+                pulses = block.outgoing.of(chosen)
+                recorded = pulses.counts > 0
+                if interval is None and recorded.any():
+                    interval = float(pulses.sampling_intervals[recorded][0])
+                is_equal = pulses.sampling_intervals == interval
+                rejected[SUBSAMPLED] += len(firsts) - len(chosen)
+                rejected[NOT_RECORDED] += int(np.count_nonzero(~recorded))
+                rejected[OTHER_INTERVAL] += int(np.count_nonzero(recorded & ~is_equal))
+                used = pulses.of(recorded & is_equal)
+                rows.append(Waveforms(used.samples, used.counts, 0.0).as_float())
+            rejected += reader.tally.rejected
         if interval is None:
-            raise ValueError(_no_outgoing_message(self.path, tally.rejected))
+            reasons = ", ".join(f"{reason}: {count}" for reason, count in rejected.items() if count)
+            raise ValueError(
+                f"{self.path}: no readable outgoing pulse ({reasons or 'no waveforms'}); use "
+                "--source echoes"
+            )
         return Pulses(_stacked(rows), interval, origin, +rejected)
 
     def _pulse_of_text(self) -> AveragePulse:
@@ -170,13 +174,6 @@ class Input:
 def _name_of_counts(name: str) -> str:
     """Name of the counts of an array of samples: count for samples, out_count for out_samples."""
     return f"{name.removesuffix('samples')}count" if name.endswith("samples") else ""
-
-
-def _no_outgoing_message(path: Path, rejected: Counter[str]) -> str:
-    if not rejected:
-        return f"{path} has no outgoing pulses; use --source echoes"
-    reasons = ", ".join(f"{reason}: {count}" for reason, count in rejected.items())
-    return f"{path}: no readable outgoing pulse ({reasons}); use --source echoes"
 
 
 def _stacked(rows: list[FloatArray]) -> FloatArray:

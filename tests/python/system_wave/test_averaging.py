@@ -5,7 +5,6 @@ from __future__ import annotations
 import numpy as np
 import pytest
 
-from fullwaveform.system_wave import average, pulse_of_curve, pulses_of_rows
 from fullwaveform.calibration.pulses import (
     AT_THE_EDGE,
     FLAT_TOP,
@@ -14,6 +13,7 @@ from fullwaveform.calibration.pulses import (
     TOO_WEAK,
     screened,
 )
+from fullwaveform.system_wave import average, pulse_of_curve, pulses_of_rows
 
 from .scenes import FloatArray, pulses, recorded, sampled, shape
 

@@ -183,7 +183,7 @@ def test_echoes_of_a_las_file(scan: Path) -> None:
 
 
 def test_las_file_has_no_outgoing_pulses(scan: Path) -> None:
-    with pytest.raises(ValueError, match="has no outgoing pulses \\(only PulseWaves"):
+    with pytest.raises(ValueError, match="has no outgoing pulses; use --source echoes"):
         averaged(Input(scan, Source.OUTGOING))
 
 
@@ -231,10 +231,11 @@ def test_echoes_of_a_pulsewaves_file(tmp_path: Path) -> None:
     assert is_the_pulse(found, 2e-2)
 
 
-def test_pulsewaves_file_without_outgoing_pulses_is_refused(tmp_path: Path) -> None:
+def test_pulsewaves_file_without_outgoing_pulses(tmp_path: Path) -> None:
     path = pulsewaves_file(tmp_path / "scan.pls", outgoing=False)
+    assert averaged(Input(path, threshold=12)).origin == "isolated echoes of scan.pls"
     with pytest.raises(ValueError, match="has no outgoing pulses; use --source echoes"):
-        averaged(Input(path))
+        averaged(Input(path, Source.OUTGOING))
 
 
 def test_used_and_rejected_pulses_add_up(tmp_path: Path) -> None:
@@ -246,7 +247,9 @@ def test_used_and_rejected_pulses_add_up(tmp_path: Path) -> None:
     assert found.used == 120
     assert list(found.rejected.values()) == [30]
     waves.write_bytes(waves.read_bytes()[:60])
-    with pytest.raises(ValueError, match=r"no readable outgoing pulse \(.*: 150\).*echoes"):
+    with pytest.raises(
+        ValueError, match=r"no readable waveform \(150 x samples outside the file\)"
+    ):
         averaged(Input(path))
 
 

@@ -17,6 +17,7 @@ REPRESENTATION = "waveforms/StandardCartesianChart3D"  # of the waveforms' grid:
 WAVEFORMS = f"{REPRESENTATION}/Waveforms"
 SBL_TIME = f"{REPRESENTATION}/SBL_Time"
 SPACE = "space"
+OUTGOING = "outgoing"  # optional
 LAS = "las"
 
 INTERVAL_ATTRIBUTE = "WaveformSampleInterval"
@@ -27,7 +28,7 @@ REFERENCE_TIME_ATTRIBUTE = "t_ref"
 class Field:
     """A dataset with one row per waveform."""
 
-    column: str  # of `WaveformArrays`
+    column: str  # of `WaveformArrays` or `OutgoingPulses`
     path: str
     dtype: type[np.generic]
     unit: str
@@ -52,4 +53,12 @@ FIELDS = (
     Field("edge_of_flight_line", f"{SPACE}/edge_of_flight_line", np.uint8, "0 or 1"),
     Field("user_data", f"{SPACE}/user_data", np.uint8, "as in LAS"),
     Field("point_source_id", f"{SPACE}/point_source_id", np.uint16, "as in LAS"),
+)
+
+# The outgoing pulse of each waveform; columns of `OutgoingPulses`.
+OUTGOING_FIELDS = (
+    Field("samples", f"{OUTGOING}/samples", np.uint16, "counts"),
+    Field("counts", f"{OUTGOING}/sample_count", np.uint16, "samples"),
+    Field("sampling_intervals", f"{OUTGOING}/sampling_interval", np.float64, "s"),
+    Field("durations", f"{OUTGOING}/duration", np.float64, "s"),
 )

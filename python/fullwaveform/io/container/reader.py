@@ -15,13 +15,15 @@ import numpy.typing as npt
 
 from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.array_reader import ArrayReader, SliceableArray, WaveformArrays
+from fullwaveform.io.array_reader import ArrayReader, OutgoingArrays, SliceableArray, WaveformArrays
 from fullwaveform.io.container.attributes import read_las_header, read_scanner_attributes
 from fullwaveform.io.container.layout import (
     AFTER_PULSE,
     DECONVOLUTION,
     FIELDS,
     FORMAT,
+    OUTGOING,
+    OUTGOING_FIELDS,
     VERSION,
     WAVEFORMS,
     Field,
@@ -64,6 +66,7 @@ class ScanContainerReader(ArrayReader):
                 self._columns = _columns(self._file, self._path)
                 rows, width = self._file[WAVEFORMS].shape
                 self._shape = int(rows), int(width)
+                self._sent = _outgoing_columns(self._file, int(rows), self._path)
                 self._header = read_las_header(self._file, self._path)
         except BaseException:
             self._file.close()
@@ -79,6 +82,15 @@ class ScanContainerReader(ArrayReader):
     def header(self) -> laspy.LasHeader | None:
         """LAS header for files of its echoes; None if the waveforms are not georeferenced."""
         return self._header
+
+    @property
+    def has_outgoing(self) -> bool:
+        """Whether the file has the group of outgoing pulses."""
+        return self._sent is not None
+
+    def _outgoing_arrays(self) -> OutgoingArrays:
+        assert self._sent is not None  # has_outgoing
+        return self._sent
 
     def scanner_attributes(self) -> dict[str, Any] | None:
         """Attributes of the scanner as named in the host's grids; None if the file has none.
@@ -150,31 +162,42 @@ def _check_format(file: h5py.File, path: Path) -> None:
 
 
 def _columns(file: h5py.File, path: Path) -> WaveformArrays:
-    rows = 0  # of the samples, which are the first field
+    rows = _dataset(file, FIELDS[0], path).shape[0]
+    if rows > _MAX_ROWS_PER_BYTE * path.stat().st_size:
+        raise WaveformFileError(
+            f"{path} declares {rows} waveforms, more than fit into a file of "
+            f"{path.stat().st_size} bytes"
+        )
+    return WaveformArrays(**_datasets(file, FIELDS, rows, path))
+
+
+def _outgoing_columns(file: h5py.File, rows: int, path: Path) -> OutgoingArrays | None:
+    if OUTGOING not in file:
+        return None
+    return OutgoingArrays(**_datasets(file, OUTGOING_FIELDS, rows, path))
+
+
+def _datasets(
+    file: h5py.File, fields: tuple[Field, ...], rows: int, path: Path
+) -> dict[str, SliceableArray]:
     datasets: dict[str, SliceableArray] = {}
-    for field in FIELDS:
+    for field in fields:
         if field.is_optional and field.path not in file:
             datasets[field.column] = np.broadcast_to(field.dtype(0), (rows, *field.shape))
             continue
         dataset = _dataset(file, field, path)
-        if field.column == "samples":
-            rows, width = dataset.shape
-            if rows > _MAX_ROWS_PER_BYTE * path.stat().st_size:
-                raise WaveformFileError(
-                    f"{path} declares {rows} waveforms, more than fit into a file of "
-                    f"{path.stat().st_size} bytes"
-                )
-            if width > MAX_SAMPLES:
-                raise WaveformFileError(
-                    f"{path}: rows of {width} samples; at most {MAX_SAMPLES} are allowed"
-                )
-        elif dataset.shape != (rows, *field.shape):
+        width = dataset.shape[1:2] if field.column == "samples" else field.shape
+        if dataset.shape != (rows, *width):
             raise WaveformFileError(
                 f"{path}: dataset {field.path} has shape {dataset.shape}; expected "
-                f"{(rows, *field.shape)} for the {rows} rows of {WAVEFORMS}"
+                f"{(rows, *width)} for the {rows} rows of {WAVEFORMS}"
+            )
+        if field.column == "samples" and width > (MAX_SAMPLES,):
+            raise WaveformFileError(
+                f"{path}: rows of {width[0]} samples; at most {MAX_SAMPLES} are allowed"
             )
         datasets[field.column] = dataset
-    return WaveformArrays(**datasets)
+    return datasets
 
 
 def _dataset(file: h5py.File, field: Field, path: Path) -> h5py.Dataset:

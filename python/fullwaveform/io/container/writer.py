@@ -21,6 +21,7 @@ from fullwaveform.io.container.layout import (
     FIELDS,
     FORMAT,
     INTERVAL_ATTRIBUTE,
+    OUTGOING_FIELDS,
     REFERENCE_TIME_ATTRIBUTE,
     SBL_TIME,
     VERSION,
@@ -61,6 +62,7 @@ class ScanContainerWriter(FileWriter):
         self._header, self._scanner = header, scanner
         self._intervals: set[float] = set()
         self._last_shot: float | None = None
+        self._has_outgoing: bool | None = None  # None before the first block
 
     def write(self, block: WaveformBlock) -> None:
         """Append the waveforms of a block.
@@ -68,8 +70,8 @@ class ScanContainerWriter(FileWriter):
         Raises
         ------
         ValueError
-            Outside the ``with`` statement, or if the block continues the last shot of the previous
-            block.
+            Outside the ``with`` statement, if the block continues the last shot of the previous
+            block, or if only some blocks have outgoing pulses.
         """
         stream = self._open_stream()
         if len(block) == 0:
@@ -78,8 +80,14 @@ class ScanContainerWriter(FileWriter):
             raise ValueError(
                 f"the shot at {self._last_shot} s is in two blocks; a block must hold whole shots"
             )
+        if self._has_outgoing is None:
+            self._has_outgoing = block.outgoing is not None
+        if self._has_outgoing != (block.outgoing is not None):
+            raise ValueError("either all blocks or none must have outgoing pulses")
         for field in FIELDS:
             self._append(field, _column(block, field.column))
+        for field in OUTGOING_FIELDS if block.outgoing is not None else ():
+            self._append(field, getattr(block.outgoing, field.column))
         self.count += len(block)
         self._last_shot = float(block.shot_times[-1])
         self._intervals.update(np.unique(block.sampling_intervals).tolist())

@@ -42,6 +42,12 @@ def load_arrays(path: Path, keys: frozenset[str], memory_limit: int) -> Arrays:
             ) from error
 
 
+def has_array(path: Path, key: str) -> bool:
+    """Whether an archive that was loaded before has an array of this key."""
+    with path.open("rb") as stream, zipfile.ZipFile(stream) as archive:
+        return f"{key}.npy" in archive.namelist()
+
+
 def _check_sizes(
     archive: zipfile.ZipFile, members: dict[str, str], path: Path, memory_limit: int
 ) -> None:

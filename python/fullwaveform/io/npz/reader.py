@@ -11,9 +11,10 @@ import numpy as np
 from fullwaveform.core.driver import MAX_COUNT
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray, UInt8Array, UInt16Array
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.array_reader import ArrayReader, WaveformArrays
+from fullwaveform.io.array_reader import ArrayReader, OutgoingArrays, WaveformArrays
 from fullwaveform.io.limits import MAX_SAMPLES, numbered_shots
-from fullwaveform.io.npz.arrays import load_arrays
+from fullwaveform.io.npz.arrays import has_array, load_arrays
+from fullwaveform.io.npz.outgoing import OUTGOING_SAMPLES, load_outgoing
 
 ZIP_SIGNATURE = b"PK"
 
@@ -79,6 +80,9 @@ class NpzReader(ArrayReader):
         super().__init__(path, waveforms_per_block, channel_flags)
         notes: list[str] = []
         self._arrays = load_arrays(self._path, _KEYS, memory_limit)
+        self._has_outgoing = has_array(self._path, OUTGOING_SAMPLES)
+        self._sent: OutgoingArrays | None = None  # loaded when it is needed
+        self._memory_limit = memory_limit
         self._shape = (0, 0)
         self._shape = self._samples().shape[0], self._samples().shape[1]
         self._columns = self._make_columns(sampling_interval, notes)
@@ -97,10 +101,22 @@ class NpzReader(ArrayReader):
         """Numbers in ``channel``, 0 without it; None if the file has ``channel_flags``."""
         return self._channels
 
+    @property
+    def has_outgoing(self) -> bool:
+        """Whether the file has ``out_samples``."""
+        return self._has_outgoing
+
+    def _outgoing_arrays(self) -> OutgoingArrays:
+        if self._sent is None:
+            numbers = self._column("shot_id", np.int64, 0) if "shot_id" in self._arrays else None
+            intervals = np.asarray(self._columns.sampling_intervals[0 : self._shape[0]])
+            self._sent = load_outgoing(self._path, numbers, intervals, self._memory_limit)
+        return self._sent
+
     def close(self) -> None:
         """Release the arrays; may be called twice."""
         super().close()
-        self._arrays = {}
+        self._arrays, self._sent = {}, None
 
     def _make_columns(self, interval: float | None, notes: list[str]) -> WaveformArrays:
         width = self._shape[1]

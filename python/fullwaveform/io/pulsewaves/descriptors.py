@@ -68,6 +68,7 @@ class SamplingTable:
     def __init__(self, descriptors: Iterable[PulseDescriptor]) -> None:
         self.descriptors = tuple(descriptors)
         self.samplings = tuple(one for whole in self.descriptors for one in whole.samplings)
+        self.kinds = np.array([one.kind for one in self.samplings], dtype=np.uint8)
         self.channels = np.array([one.channel for one in self.samplings], dtype=np.uint8)
         self.sample_bytes = np.array([one.sample_bytes for one in self.samplings], dtype=np.int64)
         # Single precision in the file: unrounded, 0.1 ns would be 0.1000000015 ns.

@@ -5,14 +5,13 @@ from __future__ import annotations
 import os
 from collections.abc import Iterator, Mapping
 from contextlib import ExitStack
-from dataclasses import dataclass
 from functools import partial
 
 import laspy
 import numpy as np
 
-from fullwaveform.data.arrays import FloatArray, IntArray, UInt16Array
-from fullwaveform.data.blocks import ReadTally, WaveformBlock
+from fullwaveform.data.arrays import IntArray, UInt16Array
+from fullwaveform.data.blocks import OutgoingPulses, ReadTally, WaveformBlock
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.block_range import PendingBlock
@@ -37,20 +36,6 @@ from fullwaveform.io.pulsewaves.pulses import (
 )
 from fullwaveform.io.pulsewaves.samples import Segments, WaveData, find_waves
 from fullwaveform.io.pulsewaves.selection import Selection
-
-
-@dataclass(frozen=True, slots=True)
-class OutgoingPulses:
-    """Samples of outgoing pulses, one row per segment, in the order of the file."""
-
-    samples: UInt16Array  # (n, width), counts; zero after the last valid sample of a row
-    counts: UInt16Array  # (n,), valid samples of each row
-    sampling_intervals: FloatArray  # (n,), s per sample
-    shot_times: FloatArray  # (n,), as in the blocks of returning waveforms
-    pulse_numbers: IntArray  # (n,), running number of the pulse in the file
-
-    def __len__(self) -> int:
-        return len(self.counts)
 
 
 class PulseWavesReader(WaveformReader):
@@ -92,7 +77,6 @@ class PulseWavesReader(WaveformReader):
             self._header = las_header(self._pulses.header, records)
             self._waves = WaveData(waves)
             opened.pop_all()
-        self._outgoing_tally = ReadTally()
 
     def close(self) -> None:
         """Close the file; may be called twice."""
@@ -122,48 +106,24 @@ class PulseWavesReader(WaveformReader):
         return frozenset(one.channel for one in samplings if one.kind == RETURNING)
 
     @property
-    def outgoing_tally(self) -> ReadTally:
-        """Counts of the last `outgoing_pulses`; complete when that is exhausted."""
-        return self._outgoing_tally
+    def has_outgoing(self) -> bool:
+        """Whether a pulse descriptor has an outgoing sampling."""
+        samplings = (one for whole in self._descriptors.values() for one in whole.samplings)
+        return any(one.kind == OUTGOING for one in samplings)
 
     def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:
-        run = self._prepare(survey(self._pulses), RETURNING)
+        run = self._prepare(survey(self._pulses))
         tally.notes += self._notes_on(run)
         for segments in run.blocks(self._waveforms_per_block, tally):
             yield PendingBlock(len(segments), partial(self._block, segments, run))
 
-    def outgoing_pulses(self) -> Iterator[OutgoingPulses]:
-        """Yield the samples of the outgoing pulses in blocks; `tally` does not change.
-
-        Unreadable ones are counted in `outgoing_tally`, for the same reasons as in `blocks`; each
-        call starts a new tally.
-
-        Raises
-        ------
-        WaveformFileError
-            If a descriptor that pulses refer to is missing or not supported.
-        """
-        self._check_open()
-        self._outgoing_tally = tally = ReadTally()
-        run = self._prepare(survey(self._pulses), OUTGOING)
-        for segments in run.blocks(self._waveforms_per_block, tally):
-            tally.waveforms += len(segments)
-            code, pulses = segments["sampling"], self._pulses.take(segments["pulse"])
-            yield OutgoingPulses(
-                samples=self._samples(segments, run),
-                counts=segments["count"].astype(np.uint16),
-                sampling_intervals=run.table.units_ns[code] / 1e9,
-                shot_times=shot_times(pulses, segments["pulse"], self._pulses, run.surveyed),
-                pulse_numbers=segments["pulse"].copy(),
-            )
-
     def _window(self, points: slice) -> WaveformBlock | None:
-        run = self._prepare(survey_of(self._pulses[points], self._pulses), RETURNING)
+        run = self._prepare(survey_of(self._pulses[points], self._pulses))
         segments = run.readable(points.start, points.stop, ReadTally())
         numbers = points.start + np.arange(len(segments), dtype=np.int64)
         return self._block(segments, run, numbers) if len(segments) > 0 else None
 
-    def _prepare(self, surveyed: PulseSurvey, kind: int) -> Selection:
+    def _prepare(self, surveyed: PulseSurvey) -> Selection:
         for index in surveyed.descriptors:
             if index not in self._descriptors:
                 raise WaveformFileError(
@@ -172,8 +132,7 @@ class PulseWavesReader(WaveformReader):
                 )
             check_supported(self._descriptors[index], self._path)
         table = SamplingTable(self._descriptors[index] for index in surveyed.descriptors)
-        selected = np.array([one.kind == kind for one in table.samplings], dtype=bool)
-        return Selection(self._pulses, self._waves, surveyed, table, selected)
+        return Selection(self._pulses, self._waves, surveyed, table)
 
     def _notes_on(self, run: Selection) -> list[str]:
         notes = []
@@ -206,7 +165,22 @@ class PulseWavesReader(WaveformReader):
             attributes=shot_attributes(pulses, self._pulses),
             waveform_numbers=numbers,
             descriptors=run.table.channels[code],
+            outgoing=self._outgoing(segments, run)
+            if self.with_outgoing and self.has_outgoing
+            else None,
         )
+
+    def _outgoing(self, segments: Segments, run: Selection) -> OutgoingPulses:
+        """The first outgoing segment of the pulse of each segment."""
+        pulses, row = np.unique(segments["pulse"], return_inverse=True)
+        sent = run.outgoing(pulses)
+        unit = run.table.units_ns[sent["sampling"]]
+        return OutgoingPulses(
+            samples=self._samples(sent, run),
+            counts=sent["count"].astype(np.uint16),
+            sampling_intervals=unit / 1e9,
+            durations=sent["duration"] * unit / 1e9,
+        ).of(row)
 
     def _samples(self, segments: Segments, run: Selection) -> UInt16Array:
         sample_bytes = run.table.sample_bytes[segments["sampling"]]

@@ -7,11 +7,11 @@ from dataclasses import dataclass
 
 import numpy as np
 
-from fullwaveform.data.arrays import BoolArray, IntArray
+from fullwaveform.data.arrays import IntArray
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.io.block_range import last_cut
 from fullwaveform.io.limits import BLOCK_SAMPLES, MAX_SAMPLES, OUTSIDE
-from fullwaveform.io.pulsewaves.descriptors import SamplingTable
+from fullwaveform.io.pulsewaves.descriptors import OUTGOING, RETURNING, SamplingTable
 from fullwaveform.io.pulsewaves.pulses import PulseData, PulseSurvey
 from fullwaveform.io.pulsewaves.samples import SEGMENT, Segments, WaveData, locate_segments
 
@@ -21,16 +21,15 @@ NO_DIRECTION = "anchor and target of the pulse are the same"
 
 @dataclass(frozen=True, slots=True)
 class Selection:
-    """The segments of one kind of sampling."""
+    """The segments of the pulses of a file."""
 
     pulses: PulseData
     waves: WaveData
     surveyed: PulseSurvey
     table: SamplingTable  # of the descriptors that pulses refer to
-    selected: BoolArray  # by code of the sampling
 
     def blocks(self, limit: int, tally: ReadTally) -> Iterator[Segments]:
-        """Yield the readable segments in the order of the file, in blocks of whole pulses.
+        """Yield the readable returning segments in the order of the file, in whole pulses.
 
         A block has at most `limit` segments, unless a single pulse has more.
         """
@@ -56,7 +55,7 @@ class Selection:
             part, inside = locate_segments(
                 self.waves, descriptor, int(code), start + rows, pulses["offset"][rows]
             )
-            parts.append(part[self.selected[part["sampling"]]])
+            parts.append(part[self.table.kinds[part["sampling"]] == RETURNING])
             _reject(tally, OUTSIDE, start + rows[~inside])
             with_waveform = len(np.unique(parts[-1]["pulse"]))
             tally.points_without_waveform += int(np.count_nonzero(inside)) - with_waveform
@@ -68,6 +67,26 @@ class Selection:
         _reject(tally, TOO_LONG, segments["pulse"][aimed & ~short])
         readable: Segments = segments[aimed & short]
         return readable
+
+    def outgoing(self, numbers: IntArray) -> Segments:
+        """The first outgoing segment of each pulse; without samples if it has none.
+
+        The running numbers (n,) of the pulses ascend.
+        """
+        pulses = self.pulses.take(numbers)
+        first_segments = np.zeros(len(numbers), dtype=SEGMENT)
+        for descriptor, code in zip(
+            self.table.descriptors, self.table.first_codes[:-1], strict=True
+        ):
+            rows = np.flatnonzero(pulses["descriptor"] == descriptor.index)
+            part, _ = locate_segments(
+                self.waves, descriptor, int(code), numbers[rows], pulses["offset"][rows]
+            )
+            is_outgoing = self.table.kinds[part["sampling"]] == OUTGOING
+            part = part[is_outgoing & (part["count"] <= MAX_SAMPLES)]
+            pulse, first = np.unique(part["pulse"], return_index=True)
+            first_segments[np.searchsorted(numbers, pulse)] = part[first]
+        return first_segments
 
 
 def _reject(tally: ReadTally, reason: str, pulses: IntArray) -> None:

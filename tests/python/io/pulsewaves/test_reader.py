@@ -9,6 +9,7 @@ from pathlib import Path
 import numpy as np
 import pytest
 
+from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.extraction.georeference import positions_in_space
 from fullwaveform.io.pulsewaves import selection
 from fullwaveform.io.pulsewaves.reader import PulseWavesReader
@@ -102,42 +103,61 @@ def test_channel_flags(tmp_path: Path) -> None:
         flags({1: 256})
 
 
+def with_outgoing(path: Path, **options: int) -> list[WaveformBlock]:
+    with PulseWavesReader(path, **options) as reader:
+        assert reader.has_outgoing
+        reader.with_outgoing = True
+        return list(reader.blocks())
+
+
 def test_outgoing_pulses(tmp_path: Path) -> None:
     path = two_channels().write(tmp_path / "out.pls")
-    with PulseWavesReader(path, waveforms_per_block=2) as reader:
-        first, second = reader.outgoing_pulses()
-        assert reader.tally.points == 0
-    assert first.samples.tolist() == [[50, 51, 0], [52, 53, 54]]
-    assert first.counts.tolist() == [2, 3]
-    assert first.sampling_intervals.tolist() == [1e-9, 1e-9]
-    assert first.shot_times == pytest.approx([1e-5, 2e-5], rel=1e-12)
-    assert second.samples.tolist() == [[55]]
-    assert np.concatenate([first.pulse_numbers, second.pulse_numbers]).tolist() == [0, 1, 2]
-    assert (len(first), len(second)) == (2, 1)
+    # The second pulse has no returning samples; the first has three waveforms, the third two.
+    first, second = with_outgoing(path, waveforms_per_block=2)
+    assert first.outgoing is not None
+    assert second.outgoing is not None
+    assert first.outgoing.samples.tolist() == [[50, 51]] * 3
+    assert first.outgoing.counts.tolist() == [2, 2, 2]
+    assert first.outgoing.sampling_intervals.tolist() == [1e-9] * 3
+    assert first.outgoing.durations.tolist() == [0.0] * 3
+    assert second.outgoing.samples.tolist() == [[55], [55]]
+    assert (len(first.outgoing), len(second.outgoing)) == (3, 2)
 
 
-def test_truncated_outgoing_pulses_are_counted(tmp_path: Path) -> None:
-    # Bytes of the waves: 60 of header, then 24, 6 and 23 of the three pulses.
-    path = two_channels().write(tmp_path / "out.pls")
-    waves = path.with_suffix(".wvs")
-    waves.write_bytes(waves.read_bytes()[:-1])
-    with PulseWavesReader(path) as reader:
-        (block,) = reader.outgoing_pulses()
-        assert (reader.tally.points, reader.tally.rejected.total()) == (0, 0)
-        tally = reader.outgoing_tally
-        assert block.pulse_numbers.tolist() == [0, 1]
-        assert (tally.points, tally.waveforms, tally.points_without_waveform) == (3, 2, 0)
-        assert list(tally.rejected.values()) == [1]
-        list(reader.outgoing_pulses())
-        assert reader.outgoing_tally.rejected.total() == 1  # not added up
+def test_outgoing_pulses_are_read_on_request(tmp_path: Path) -> None:
+    (block,), _ = read(two_channels().write(tmp_path / "out.pls"))
+    assert block.outgoing is None
+    with PulseWavesReader(three_pulses().write(tmp_path / "none.pls")) as reader:
+        assert not reader.has_outgoing
+
+
+def test_first_outgoing_segment_and_its_duration(tmp_path: Path) -> None:
+    sent = Sampling(kind=1, duration_bits=16, scale=0.5, offset=-7.0, segments=2, samples=2)
+    returned = Sampling(samples=2)
+    pulses = [Pulse([[(3, [9, 8]), (4, [7, 6])], [(0, [1, 2])]])]
+    scene = Scene([Descriptor(1, [sent, returned])], pulses)
+    (block,) = with_outgoing(scene.write(tmp_path / "twice.pls"))
+    assert block.outgoing is not None
+    assert block.outgoing.samples.tolist() == [[9, 8]]
+    assert block.outgoing.durations == pytest.approx([-5.5e-9], rel=1e-12)
+
+
+def test_pulses_without_an_outgoing_sampling(tmp_path: Path) -> None:
+    both = Descriptor(1, [Sampling(kind=1, samples=2), Sampling(samples=2)])
+    only_returning = Descriptor(2, [Sampling(samples=2)])
+    pulses = [Pulse([[(0, [3, 4])]], descriptor=2), Pulse([[(0, [9, 8])], [(0, [1, 2])]])]
+    (block,) = with_outgoing(Scene([both, only_returning], pulses).write(tmp_path / "some.pls"))
+    assert block.outgoing is not None
+    assert block.outgoing.counts.tolist() == [0, 2]
+    assert block.outgoing.samples.tolist() == [[0, 0], [9, 8]]
 
 
 def test_outgoing_pulse_with_a_different_sampling_unit(tmp_path: Path) -> None:
     descriptor = Descriptor(1, [Sampling(kind=1, unit=0.1), Sampling()])
     scene = Scene([descriptor], [Pulse([[(0, [1, 2, 3, 4])], [(0, [5, 6, 7, 8])]])])
-    with PulseWavesReader(scene.write(tmp_path / "fine.pls")) as reader:
-        (outgoing,), (block,) = reader.outgoing_pulses(), reader.blocks()
-    assert outgoing.sampling_intervals.tolist() == [1e-10]
+    (block,) = with_outgoing(scene.write(tmp_path / "fine.pls"))
+    assert block.outgoing is not None
+    assert block.outgoing.sampling_intervals.tolist() == [1e-10]
     assert block.sampling_intervals.tolist() == [1e-9]
 
 
@@ -176,9 +196,8 @@ def test_closed_reader_is_refused(tmp_path: Path) -> None:
     with PulseWavesReader(three_pulses().write(tmp_path / "a.pls")) as reader:
         pass
     reader.close()
-    for what in (reader.blocks, reader.outgoing_pulses):
-        with pytest.raises(ValueError, match=r"a\.pls is closed"):
-            list(what())
+    with pytest.raises(ValueError, match=r"a\.pls is closed"):
+        list(reader.blocks())
 
 
 @pytest.mark.parametrize("times", [(0, 0, 0), (5, 5, 6), (6, 5, 6)])
