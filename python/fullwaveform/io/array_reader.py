@@ -128,7 +128,7 @@ class ArrayReader(WaveformReader):
             attributes=ShotAttributes(*(column(field.name) for field in fields(ShotAttributes))),
             waveform_numbers=numbers,
             descriptors=column("descriptors"),
-            outgoing=self._outgoing(rows) if self.with_outgoing and self.has_outgoing else None,
+            outgoing=self._outgoing(rows) if self._reads_outgoing else None,
         )
 
     @abstractmethod

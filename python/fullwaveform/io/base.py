@@ -119,6 +119,10 @@ class WaveformReader(ABC):
         """Whether the file has a place for the outgoing pulse of each shot."""
         return False
 
+    @property
+    def _reads_outgoing(self) -> bool:
+        return self.with_outgoing and self.has_outgoing
+
     def scanner_attributes(self) -> dict[str, Any] | None:
         """Attributes of the scanner as named in the host's grids; None if the file has none."""
         return None

@@ -48,6 +48,7 @@ def as_container(
         open_waveforms(source, **options) as reader,
         ScanContainerWriter(target, reader.header, scanner) as writer,
     ):
+        reader.with_outgoing = True
         for block in reader.blocks():
             writer.write(block)
     return target

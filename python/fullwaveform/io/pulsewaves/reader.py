@@ -165,9 +165,7 @@ class PulseWavesReader(WaveformReader):
             attributes=shot_attributes(pulses, self._pulses),
             waveform_numbers=numbers,
             descriptors=run.table.channels[code],
-            outgoing=self._outgoing(segments, run)
-            if self.with_outgoing and self.has_outgoing
-            else None,
+            outgoing=self._outgoing(segments, run) if self._reads_outgoing else None,
         )
 
     def _outgoing(self, segments: Segments, run: Selection) -> OutgoingPulses:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from dataclasses import replace
 from pathlib import Path
+from typing import Any
 
 import h5py
 import laspy
@@ -11,10 +12,12 @@ import numpy as np
 import pytest
 
 from fullwaveform.core.scanner import DEFAULT_ATTRIBUTES, AfterPulse, Scanner
+from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.container.reader import ScanContainerReader
 from fullwaveform.io.container.writer import ScanContainerWriter
 from fullwaveform.io.echo_writers.las import echo_header
 from fullwaveform.io.las.reader import LasWaveformReader
+from fullwaveform.io.pulsewaves.reader import PulseWavesReader
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 from ...support.las_scenes import FOUR, Point, Scene, four_shots, rows
@@ -221,3 +224,61 @@ def test_texts_of_variable_length_are_read(tmp_path: Path) -> None:
     assert attributes is not None
     assert attributes["Scanner Serial Number"] == "Nº 5"
     assert attributes["Scanner Build Number"] == ""
+
+
+def test_outgoing_pulses_round_trip(tmp_path: Path) -> None:
+    path = as_container(
+        two_channels().write(tmp_path / "a.pls"), tmp_path / "a.h5", waveforms_per_block=1
+    )
+    with ScanContainerReader(path) as reader:
+        assert reader.has_outgoing
+        (block,) = reader.blocks()
+        assert block.outgoing is None
+        reader.with_outgoing = True
+        (block,) = reader.blocks()
+    assert block.outgoing is not None
+    assert block.outgoing.samples.tolist() == [[50, 51]] * 3 + [[55, 0]] * 2
+    assert block.outgoing.counts.tolist() == [2, 2, 2, 1, 1]
+    assert block.outgoing.sampling_intervals.tolist() == [1e-9] * 5
+    assert block.outgoing.durations.tolist() == [0.0] * 5
+
+
+def test_a_container_without_outgoing_pulses(tmp_path: Path) -> None:
+    with ScanContainerReader(four(tmp_path)) as reader:
+        assert not reader.has_outgoing
+        reader.with_outgoing = True
+        (block,) = reader.blocks()
+    assert block.outgoing is None
+
+
+@pytest.mark.parametrize(
+    ("change", "message"),
+    [
+        (without("outgoing/duration"), "missing dataset outgoing/duration"),
+        (new_dataset("outgoing/duration", np.zeros(3)), r"has shape \(3,\); expected \(5,\)"),
+        (new_dataset("outgoing/sample_count", np.full(5, 3, np.uint16)), "count 3 of the outgoing"),
+        (new_dataset("outgoing/sampling_interval", np.zeros(5)), "invalid sampling interval 0.0 s"),
+    ],
+)
+def test_damaged_outgoing_pulses(tmp_path: Path, change: Any, message: str) -> None:
+    path = as_container(two_channels().write(tmp_path / "a.pls"), tmp_path / "a.h5")
+    with (
+        pytest.raises(WaveformFileError, match=message),
+        ScanContainerReader(changed(path, change)) as reader,
+    ):
+        reader.with_outgoing = True
+        list(reader.blocks())
+
+
+def test_outgoing_pulses_in_some_blocks_only_are_refused(tmp_path: Path) -> None:
+    with PulseWavesReader(
+        two_channels().write(tmp_path / "a.pls"), waveforms_per_block=2
+    ) as reader:
+        reader.with_outgoing = True
+        first, second = reader.blocks()
+    with (
+        pytest.raises(ValueError, match="either all blocks or none must have outgoing pulses"),
+        ScanContainerWriter(tmp_path / "a.h5", None) as writer,
+    ):
+        writer.write(first)
+        writer.write(replace(second, outgoing=None))
