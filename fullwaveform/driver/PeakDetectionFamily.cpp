@@ -114,6 +114,19 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
                                       Kestra::MultiArray<1, double> const& shotTimes,
                                       Kestra::MultiArray<1, double> const& sblTimes,
                                       ChannelFlags const& channelFlags, int const& noise,
+                                      std::string const& hostText) {
+  std::vector<int> noises(waveforms ? waveforms->rows() : 0, noise);
+  return apply(waveforms, counts, shotTimes, sblTimes, channelFlags,
+               Kestra::MultiArray<1, int>(std::move(noises)), hostText);
+}
+
+template <class T>
+ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
+                                      Kestra::MultiArray<1, unsigned short> const& counts,
+                                      Kestra::MultiArray<1, double> const& shotTimes,
+                                      Kestra::MultiArray<1, double> const& sblTimes,
+                                      ChannelFlags const& channelFlags,
+                                      Kestra::MultiArray<1, int> const& noises,
                                       std::string const& /*hostText*/) {
   if (!waveforms) {
     Holdex::SpeakPtr::report("PeakDetectionFamily::apply: empty pointer to the waveforms");
@@ -121,7 +134,7 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
   std::size_t const rows = waveforms ? waveforms->rows() : 0;
   std::size_t const rowLength = waveforms ? waveforms->columns() : 0;
   auto const [shortest, longest] =
-      std::minmax({counts.size(), shotTimes.size(), sblTimes.size(), channelFlags.size()});
+      std::minmax({counts.size(), shotTimes.size(), sblTimes.size(), channelFlags.size(), noises.size()});
   startReport(rows);
 
   ShotMap shots;
@@ -137,7 +150,7 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
     if (row.isValid()) {
       --mismatch.invalidRows;
       mismatch.clippedCounts += counts[i] > rowLength ? 1U : 0U;
-      report.rowStates[i] = processRow(row, noise, shots);
+      report.rowStates[i] = processRow(row, noises[i], shots);
     }
   }
   for (auto& [shotTime, shot] : shots) {

@@ -72,6 +72,19 @@ class PeakDetectionFamily {
                                     Kestra::MultiArray<1, unsigned char> const& channelFlags,
                                     int const& noise, std::string const& hostText);
 
+  /// Extracts the echoes of a block, each row with its own threshold.
+  ///
+  /// @param noises  thresholds in counts, one per row; negative: estimated for this waveform
+  ///
+  /// Waveforms of a shot may differ in their thresholds, as receivers of different gain do. All else is as
+  /// for one threshold.
+  FULLWAVEFORM_EXPORT ShotMap apply(Waveforms const& waveforms,
+                                    Kestra::MultiArray<1, unsigned short> const& counts,
+                                    Kestra::MultiArray<1, double> const& shotTimes,
+                                    Kestra::MultiArray<1, double> const& sblTimes,
+                                    Kestra::MultiArray<1, unsigned char> const& channelFlags,
+                                    Kestra::MultiArray<1, int> const& noises, std::string const& hostText);
+
   /// Report of the last block given to `apply`.
   [[nodiscard]] BlockReport const& lastBlock() const { return report; }
 

@@ -79,26 +79,28 @@ struct BlockArrays {
   InputColumn<double> shotTimes;
   InputColumn<double> sblTimes;
   InputColumn<std::uint8_t> channelFlags;
+  InputColumn<std::int32_t> noises;
 
-  FullWaveform::ShotMap extract(Driver& driver, int noise, std::string const& text) const {
+  FullWaveform::ShotMap extract(Driver& driver, std::string const& text) const {
     return driver.apply(viewOf(samples), columnView<unsigned short>(counts), columnView(shotTimes),
-                        columnView(sblTimes), columnView<unsigned char>(channelFlags), noise, text);
+                        columnView(sblTimes), columnView<unsigned char>(channelFlags),
+                        columnView<int>(noises), text);
   }
 };
 
-Results::ResultColumns extract(SharedDriver& shared, BlockArrays const& block, int noise,
-                               std::string const& text) {
+Results::ResultColumns extract(SharedDriver& shared, BlockArrays const& block, std::string const& text) {
   nb::gil_scoped_release const release;
   std::scoped_lock const lock(shared.inUse);
-  auto const shots = block.extract(shared.driver, noise, text);
+  auto const shots = block.extract(shared.driver, text);
   return {shots, shared.driver.lastBlock()};
 }
 
 nb::dict apply(SharedDriver& shared, Samples const& samples, InputColumn<std::uint16_t> const& counts,
                InputColumn<double> const& shotTimes, InputColumn<double> const& sblTimes,
-               InputColumn<std::uint8_t> const& channelFlags, int noise, std::string const& text) {
+               InputColumn<std::uint8_t> const& channelFlags, InputColumn<std::int32_t> const& noises,
+               std::string const& text) {
   Results::ResultColumns columns =
-      extract(shared, {samples, counts, shotTimes, sblTimes, channelFlags}, noise, text);
+      extract(shared, {samples, counts, shotTimes, sblTimes, channelFlags, noises}, text);
   nb::dict result;
   result["statistics"] = statisticsTable(columns);
   result["record"] = columns.statistics.isSuspicious() ? columns.statistics.record() : std::string();
@@ -115,10 +117,10 @@ struct RowReports {
   std::vector<std::optional<std::string>> texts;
 };
 
-RowReports reportRows(SharedDriver& shared, BlockArrays const& block, int noise, bool extent) {
+RowReports reportRows(SharedDriver& shared, BlockArrays const& block, bool extent) {
   nb::gil_scoped_release const release;
   std::scoped_lock const lock(shared.inUse);
-  auto const shots = block.extract(shared.driver, noise, "");
+  auto const shots = block.extract(shared.driver, "");
   RowReports reports{Results::rowStatesOf(shared.driver.lastBlock()), {}};
   reports.texts.resize(reports.states.size());
   double const speed = shared.driver.onlineEvaluation.scanner.group_velocity;
@@ -133,8 +135,9 @@ RowReports reportRows(SharedDriver& shared, BlockArrays const& block, int noise,
 
 nb::tuple reports(SharedDriver& shared, Samples const& samples, InputColumn<std::uint16_t> const& counts,
                   InputColumn<double> const& shotTimes, InputColumn<double> const& sblTimes,
-                  InputColumn<std::uint8_t> const& channelFlags, int noise, bool extent) {
-  RowReports rows = reportRows(shared, {samples, counts, shotTimes, sblTimes, channelFlags}, noise, extent);
+                  InputColumn<std::uint8_t> const& channelFlags, InputColumn<std::int32_t> const& noises,
+                  bool extent) {
+  RowReports rows = reportRows(shared, {samples, counts, shotTimes, sblTimes, channelFlags, noises}, extent);
   return nb::make_tuple(numpyColumn<std::uint8_t>(std::move(rows.states)), std::move(rows.texts));
 }
 
@@ -184,10 +187,10 @@ void bindDriver(nb::module_& module) {
       .def_prop_ro("message", [](SharedDriver const& self) { return self.driver.message; })
       .def("apply", &apply, nb::arg("samples").noconvert(), nb::arg("counts").noconvert(),
            nb::arg("shot_times").noconvert(), nb::arg("sbl_times").noconvert(),
-           nb::arg("channel_flags").noconvert(), nb::arg("noise"), nb::arg("text"))
+           nb::arg("channel_flags").noconvert(), nb::arg("noise").noconvert(), nb::arg("text"))
       .def("reports", &reports, nb::arg("samples").noconvert(), nb::arg("counts").noconvert(),
            nb::arg("shot_times").noconvert(), nb::arg("sbl_times").noconvert(),
-           nb::arg("channel_flags").noconvert(), nb::arg("noise"), nb::arg("extent"),
+           nb::arg("channel_flags").noconvert(), nb::arg("noise").noconvert(), nb::arg("extent"),
            "Extracts a block; state of every row and text report of its waveform, None without one. With "
            "`extent` the report is one line on the extent of the echoes.");
 }

@@ -165,7 +165,7 @@ class PeakDetectionFamily:
         shot_times: npt.NDArray[np.float64],
         sbl_times: npt.NDArray[np.float64],
         channel_flags: npt.NDArray[np.uint8],
-        noise: int,
+        noise: npt.NDArray[np.int32],
         text: str,
     ) -> _BlockResult: ...
     def reports(
@@ -175,7 +175,7 @@ class PeakDetectionFamily:
         shot_times: npt.NDArray[np.float64],
         sbl_times: npt.NDArray[np.float64],
         channel_flags: npt.NDArray[np.uint8],
-        noise: int,
+        noise: npt.NDArray[np.int32],
         extent: bool,
     ) -> tuple[npt.NDArray[np.uint8], list[str | None]]: ...
 

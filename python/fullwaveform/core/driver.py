@@ -5,7 +5,7 @@ from __future__ import annotations
 from collections.abc import Mapping
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any, Literal
+from typing import Any, Literal, cast
 
 import numpy as np
 import numpy.typing as npt
@@ -13,7 +13,7 @@ import numpy.typing as npt
 from fullwaveform import _core
 from fullwaveform.core.messages import forward_messages
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.checks import checked_counts, checked_flags, checked_times
+from fullwaveform.data.checks import checked_counts, checked_flags, checked_integers, checked_times
 from fullwaveform.data.columns import Columns
 
 # Not a directory: the library skips a report that it cannot open.
@@ -26,6 +26,8 @@ MAX_COUNT = _core.MAX_COUNT
 RowState = _core.RowState
 #: Counts, or an estimate for every waveform.
 Threshold = int | Literal["estimate"]
+#: Also one value per waveform, -1 for an estimate.
+Thresholds = Threshold | npt.NDArray[np.integer[Any]]
 
 #: Modes that deconvolve, for which the scanner needs a system wave.
 DECONVOLVING_MODES = (Mode.DECONVOLUTION, Mode.HYBRID)
@@ -41,6 +43,7 @@ _BlockArrays = tuple[
     npt.NDArray[np.float64],
     npt.NDArray[np.float64],
     npt.NDArray[np.uint8],
+    npt.NDArray[np.int32],
 ]
 
 
@@ -131,7 +134,7 @@ class Driver:
         sbl_times: npt.ArrayLike | None = None,
         channel_flags: npt.ArrayLike | None = None,
         *,
-        threshold: Threshold = "estimate",
+        threshold: Thresholds = "estimate",
         text: str = "",
     ) -> Result:
         """Extract the echoes of a block.
@@ -148,17 +151,17 @@ class Driver:
             Seconds. Default: 0.
         channel_flags : (n,) integers, optional
             0 high power, 1 low power. Default: 1.
-        threshold : int or "estimate"
+        threshold : int, (n,) integers or "estimate"
             Counts, 0 to 65535: samples at or below it are not searched for echoes. "estimate"
-            estimates it for every waveform from its samples.
+            estimates it for every waveform from its samples, -1 in an array for that waveform.
 
         Raises
         ------
         ValueError
             Wrong shape or type, or a count, time or flag out of range.
         """
-        arrays = self._checked(samples, counts, shot_times, sbl_times, channel_flags)
-        raw = self._driver.apply(*arrays, noise_argument(threshold), text)
+        block = self._checked(samples, counts, shot_times, sbl_times, channel_flags, threshold)
+        raw = self._driver.apply(*block, text)
         forward_messages()
         return Result(
             Columns(raw["waveforms"]),
@@ -177,7 +180,7 @@ class Driver:
         sbl_times: npt.ArrayLike | None = None,
         channel_flags: npt.ArrayLike | None = None,
         *,
-        threshold: Threshold = "estimate",
+        threshold: Thresholds = "estimate",
         extent: bool = False,
     ) -> tuple[npt.NDArray[np.uint8], list[str | None]]:
         """Extract a block as `apply` does, and report its waveforms as text.
@@ -193,8 +196,8 @@ class Driver:
         One `RowState` per row, and the report of its waveform without a final newline; None for
         rows that have no waveform in the result.
         """
-        arrays = self._checked(samples, counts, shot_times, sbl_times, channel_flags)
-        states, texts = self._driver.reports(*arrays, noise_argument(threshold), extent)
+        block = self._checked(samples, counts, shot_times, sbl_times, channel_flags, threshold)
+        states, texts = self._driver.reports(*block, extent)
         forward_messages()
         return states, texts
 
@@ -205,6 +208,7 @@ class Driver:
         shot_times: npt.ArrayLike | None,
         sbl_times: npt.ArrayLike | None,
         channel_flags: npt.ArrayLike | None,
+        threshold: Thresholds,
     ) -> _BlockArrays:
         """The arrays of a block as the library takes them, with defaults for missing ones."""
         samples = _checked_samples(samples)
@@ -224,6 +228,7 @@ class Driver:
             np.ones(rows, np.uint8)
             if channel_flags is None
             else checked_flags(channel_flags, rows),
+            _noises(threshold, rows),
         )
 
     def _check_lengths(self, counts: npt.NDArray[np.uint16]) -> None:
@@ -317,6 +322,15 @@ def checked_threshold(threshold: Threshold) -> Threshold:
             f"threshold {threshold!r} must be 'estimate' or an integer from 0 to {_core.MAX_COUNT}"
         )
     return int(threshold)
+
+
+def _noises(threshold: Thresholds, rows: int) -> npt.NDArray[np.int32]:
+    """Thresholds of a block as the compiled module takes them: -1 for an estimate."""
+    if isinstance(threshold, str) or np.ndim(threshold) == 0:
+        return np.full(rows, noise_argument(cast(Threshold, threshold)), np.int32)
+    rule = f"is neither -1 (estimate) nor from 0 to {_core.MAX_COUNT}"
+    noises = checked_integers(threshold, "threshold", rows, _core.MAX_COUNT, rule, smallest=-1)
+    return np.ascontiguousarray(noises, dtype=np.int32)
 
 
 def noise_argument(threshold: Threshold) -> int:

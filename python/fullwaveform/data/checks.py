@@ -21,13 +21,13 @@ def checked_column(values: npt.ArrayLike, name: str, rows: int) -> AnyArray:
 
 
 def checked_integers(
-    values: npt.ArrayLike, name: str, rows: int, largest: int, rule: str
+    values: npt.ArrayLike, name: str, rows: int, largest: int, rule: str, *, smallest: int = 0
 ) -> AnyArray:
-    """Integers from 0 to the largest, one per row; ValueError with the rule otherwise."""
+    """Integers within the limits, one per row; ValueError with the rule otherwise."""
     array = checked_column(values, name, rows)
     if not (np.issubdtype(array.dtype, np.integer) or (rows == 0 and array.size == 0)):
         raise ValueError(f"{name} must be integers, not {array.dtype}")
-    wrong = np.flatnonzero((array < 0) | (array > largest))
+    wrong = np.flatnonzero((array < smallest) | (array > largest))
     if wrong.size:
         row = int(wrong[0])
         raise ValueError(f"{name}: {array[row]} of waveform {row} {rule}")

@@ -108,6 +108,9 @@ TEST_F(DriverMismatch, EveryArrayCanBeTooShort) {
   block.channelFlags.pop_back();
   EXPECT_EQ(shotTimesOf(block), (Times{1.0, 2.0}));
   EXPECT_EQ(messages(), 4U);
+  EXPECT_EQ(threeShots().run(driver, std::vector<int>{20, 20}).size(), 2U);
+  EXPECT_EQ(driver.lastBlock().rowStates.at(2), RowState::InvalidRow);
+  EXPECT_EQ(messages(), 5U);
 }
 
 TEST_F(DriverMismatch, EmptyArraySkipsAllWaveforms) {

@@ -38,6 +38,12 @@ struct Block {
                         Kestra::MultiArray<1, double>(shotTimes), Kestra::MultiArray<1, double>(sblTimes),
                         Kestra::MultiArray<1, unsigned char>(channelFlags), noise, "block");
   }
+  ShotMap run(Driver& driver, std::vector<int> const& noises) const {
+    return driver.apply(waveforms, Kestra::MultiArray<1, unsigned short>(counts),
+                        Kestra::MultiArray<1, double>(shotTimes), Kestra::MultiArray<1, double>(sblTimes),
+                        Kestra::MultiArray<1, unsigned char>(channelFlags),
+                        Kestra::MultiArray<1, int>(noises), "block");
+  }
 };
 
 /// Rows as wide as the longest waveform. Samples after the end of a waveform are full scale, so that reading

@@ -94,7 +94,8 @@ def test_results_have_the_declared_columns() -> None:
     device = Scanner.default(1e-9).device()
     driver = _core.PeakDetectionFamily(0, device, "/dev/null", "waveforms", 0)
     samples = np.array([[5, 50, 60, 5, 5]], np.uint16)
-    block = driver.apply(samples, np.array([5], np.uint16), one, one, np.ones(1, np.uint8), 10, "")
+    count, flag, noise = np.array([5], np.uint16), np.ones(1, np.uint8), np.array([10], np.int32)
+    block = driver.apply(samples, count, one, one, flag, noise, "")
     single = np.zeros(1, np.float32)
     on_board = _core.evaluate_online(device, one, one, single, np.ones(1, np.uint8), single)
     results = {

@@ -268,7 +268,9 @@ def test_library_messages_are_logged(caplog: pytest.LogCaptureFixture) -> None:
     one = np.zeros(1)
     flag = np.ones(1, np.uint8)
     with caplog.at_level(logging.WARNING, logger="fullwaveform"):
-        library.apply(WORKED, np.array([9], np.uint16), one, one, flag, 10, "")
+        library.apply(
+            WORKED, np.array([9], np.uint16), one, one, flag, np.full(1, 10, np.int32), ""
+        )
         assert forward_messages() == [
             "PeakDetectionFamily::apply: clipped sample counts: 1 (row length 5)"
         ]

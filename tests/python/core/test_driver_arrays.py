@@ -262,3 +262,46 @@ def test_infinite_and_signed_zero_times_are_accepted() -> None:
     result = made.apply(ROWS[:4], shot_times=[np.inf, 0.0, -0.0, -np.inf], threshold=10)
     assert result.waveforms["row"].tolist() == [3, 1, 2, 0]
     assert result.peaks["time"][0] == 19 * INTERVAL
+
+
+def test_thresholds_of_both_channels_of_a_shot() -> None:
+    # A shot at 1 s: 80 counts in both channels, where the second one has a baseline of 50.
+    samples = np.array([triples({20: 80}), triples({20: 80, 40: 200})])
+    samples[1] = np.maximum(samples[1], 50)
+    options: dict[str, Any] = {"shot_times": [1.0, 1.0], "channel_flags": [1, 0]}
+    one_for_all = driver().apply(samples, threshold=10, **options)
+    each = driver().apply(samples, threshold=np.array([10, 60]), **options)
+    assert one_for_all.waveforms["noise"].tolist() == [10, 10]
+    assert each.waveforms["noise"].tolist() == [10, 60]
+    assert each.waveforms["segmentCount"].tolist() == [1, 2]
+    assert len(set(each.peaks["row"][each.peaks["amplitudeCounts"] > 100].tolist())) == 1
+
+
+def test_equal_thresholds_are_one_for_all() -> None:
+    for one in (0, 10, "estimate"):
+        each = np.full(6, -1 if one == "estimate" else one)
+        assert_equal(
+            driver().apply(block(), threshold=each), driver().apply(block(), threshold=one)
+        )
+
+
+def test_thresholds_of_single_waveforms_may_be_estimated() -> None:
+    found = driver().apply(block(), threshold=[10, -1, 10, 10, 10, 10]).waveforms["noise"]
+    estimated = driver().apply(block(), threshold="estimate").waveforms["noise"]
+    assert found.tolist() == [10, estimated[1], 10, 10, 10, 10]
+    assert estimated[1] != 10
+
+
+@pytest.mark.parametrize(
+    ("thresholds", "message"),
+    [
+        ([10] * 5, "threshold has 5 values; expected 6"),
+        ([10.5] * 6, "threshold must be integers, not float64"),
+        ([10, 10, -2, 10, 10, 10], "threshold: -2 of waveform 2 is neither -1 .estimate. nor from"),
+        ([10, 65_536, 1, 1, 1, 1], "threshold: 65536 of waveform 1 is neither"),
+        ([[10] * 6], "threshold must have 1 dimension, not 2"),
+    ],
+)
+def test_invalid_thresholds_of_waveforms(thresholds: Any, message: str) -> None:
+    with pytest.raises(ValueError, match=message):
+        driver().apply(block(), threshold=thresholds)
