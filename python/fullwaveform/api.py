@@ -64,10 +64,12 @@ class Extraction:
         header: laspy.LasHeader | None,
         read: ReadTally,
         settings: ExtractionSettings,
+        source: Path | None = None,
     ) -> None:
         if not blocks:
             raise ValueError("the source has no waveforms")
         self._settings = settings
+        self._source = source
         self._echoes = EchoTable.join([block.echoes for block in blocks])
         self._waveforms = WaveformTable.join([block.waveforms for block in blocks])
         self._header = header
@@ -119,7 +121,8 @@ class Extraction:
         OSError
             The file cannot be written.
         """
-        with open_echo_file(path, self._header, run_metadata(self._settings)) as writer:
+        run = run_metadata(self._settings, self._source)
+        with open_echo_file(path, self._header, run, carry=self._settings.carry) as writer:
             writer.write(self._echoes)
         return writer.count
 
@@ -134,6 +137,7 @@ def extract(
     sampling_interval: float | None = None,
     workers: int | None = None,
     keep_empty: bool = False,
+    carry: bool = True,
     skip_unreadable: bool = False,
 ) -> Extraction:
     """Extract the echoes of a file, an open reader, or blocks of waveforms.
@@ -163,6 +167,9 @@ def extract(
         Number of threads. Default: all processors. The result does not depend on it.
     keep_empty
         Whether waveforms without echoes have a row in `peaks`, with ``echo_number`` 0 and NaN.
+    carry
+        Whether echoes take class, return number and extra bytes of the nearest discrete return of
+        their shot, if it lies within half the width of the echo.
     skip_unreadable
         Skip and count unreadable waveforms of a file, instead of raising an error. An open reader
         has its own setting.
@@ -181,6 +188,7 @@ def extract(
         mode=checked_mode(mode),
         threshold=checked_threshold(threshold),
         keep_empty=keep_empty,
+        carry=carry,
     )
     threads = available_workers() if workers is None else workers
     if isinstance(source, str | os.PathLike):
@@ -241,4 +249,4 @@ def _with_carried_scanner(
 
 def _of_reader(reader: WaveformReader, settings: ExtractionSettings, workers: int) -> Extraction:
     blocks = list(extracted_blocks(reader.blocks(), settings, workers))
-    return Extraction(blocks, reader.header, reader.tally, settings)
+    return Extraction(blocks, reader.header, reader.tally, settings, reader.path)

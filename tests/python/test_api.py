@@ -141,7 +141,8 @@ def test_scanner_of_the_file_is_used(tmp_path: Path, scan: Path) -> None:
     )
     container = as_container(scan, tmp_path / "scan.h5", described)
     carried = fullwaveform.extract(container, threshold=20)
-    named = fullwaveform.extract(scan, scanner=described, threshold=20)
+    # A container has no discrete returns whose class echoes could take over.
+    named = fullwaveform.extract(scan, scanner=described, threshold=20, carry=False)
     default = fullwaveform.extract(container, scanner=Scanner.default(), threshold=20)
     assert_same_rows(carried.to_arrow(), named.to_arrow())
     with fullwaveform.open(container) as reader:

@@ -16,6 +16,7 @@ from fullwaveform.cli.extract_options import ExtractOptions
 from fullwaveform.cli.options import (
     AfterPulseOption,
     BlockOption,
+    Carry,
     ChannelOption,
     IntervalOption,
     KeepEmpty,
@@ -75,6 +76,7 @@ def cluster(
     after_pulse: AfterPulseOption = None,
     interval: IntervalOption = None,
     keep_empty: KeepEmpty = False,
+    carry: Carry = True,
     skip_unreadable: SkipUnreadable = False,
     workers: Annotated[
         int | None,
@@ -119,6 +121,7 @@ def cluster(
         scanner=scanner,
         after_pulse=after_pulse,
         keep_empty=keep_empty,
+        carry=carry,
         channels=channel_flags_from(channel),
         interval=interval,
         skip_unreadable=skip_unreadable,

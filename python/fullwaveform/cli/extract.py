@@ -14,6 +14,7 @@ from fullwaveform.cli.extract_options import ExtractOptions, open_checked
 from fullwaveform.cli.options import (
     AfterPulseOption,
     BlockOption,
+    Carry,
     ChannelOption,
     IntervalOption,
     KeepEmpty,
@@ -52,6 +53,7 @@ def extract(
     after_pulse: AfterPulseOption = None,
     interval: IntervalOption = None,
     keep_empty: KeepEmpty = False,
+    carry: Carry = True,
     skip_unreadable: SkipUnreadable = False,
     workers: Annotated[
         int | None,
@@ -90,6 +92,7 @@ def extract(
         scanner=scanner,
         after_pulse=after_pulse,
         keep_empty=keep_empty,
+        carry=carry,
         channels=channel_flags_from(channel),
         interval=interval,
         skip_unreadable=skip_unreadable,
@@ -120,7 +123,9 @@ def _extract(
     quiet: bool,
 ) -> RunSummary:
     start = time.perf_counter()
-    writer = open_echo_file(output, reader.header, run_metadata(settings))
+    writer = open_echo_file(
+        output, reader.header, run_metadata(settings, reader.path), carry=settings.carry
+    )
     each = print_line if verbose else None
     reader.on_unreadable = each
     statistics = warning_path(output.absolute().parent, reader.path)

@@ -25,6 +25,7 @@ class ExtractOptions:
     scanner: Path | None
     after_pulse: AfterPulse | None
     keep_empty: bool
+    carry: bool
     channels: ChannelFlags
     interval: float | None  # s, for files without one
     skip_unreadable: bool
@@ -42,7 +43,11 @@ class ExtractOptions:
         scanner = scanner_for(self.scanner, self.after_pulse, file_scanners)
         check_system_wave(self.mode, scanner)
         return ExtractionSettings(
-            scanner=scanner, mode=self.mode, threshold=self.threshold, keep_empty=self.keep_empty
+            scanner=scanner,
+            mode=self.mode,
+            threshold=self.threshold,
+            keep_empty=self.keep_empty,
+            carry=self.carry,
         )
 
 

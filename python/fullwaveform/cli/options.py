@@ -159,6 +159,14 @@ SkipUnreadable = Annotated[
 KeepEmpty = Annotated[
     bool, typer.Option("--keep-empty", help="Write a row for each waveform without echoes")
 ]
+Carry = Annotated[
+    bool,
+    typer.Option(
+        "--carry/--no-carry",
+        show_default=False,
+        help="Take over class and extra bytes of a discrete return nearby. Default: carry",
+    ),
+]
 TimeOption = Annotated[
     float | None,
     typer.Option(parser=_time, metavar="T", help="GPS time of the shot in s, within 1 microsecond"),

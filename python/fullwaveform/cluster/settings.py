@@ -34,6 +34,7 @@ class JobSettings:
     mode: int
     threshold: Threshold
     keep_empty: bool
+    carry: bool
     scanner_attributes: dict[str, str | float | list[float]]
     after_pulse: AfterPulse | None
     deconvolution_offset: float  # samples
@@ -63,6 +64,7 @@ class JobSettings:
             mode=int(settings.mode),
             threshold=settings.threshold,
             keep_empty=settings.keep_empty,
+            carry=settings.carry,
             scanner_attributes=dict(scanner.attributes),
             after_pulse=scanner.after_pulse,
             deconvolution_offset=scanner.deconvolution_offset,
@@ -83,7 +85,13 @@ class JobSettings:
             deconvolution_offset=self.deconvolution_offset,
             deconvolution_offset_hybrid=self.deconvolution_offset_hybrid,
         )
-        return ExtractionSettings(scanner, Mode(self.mode), self.threshold, self.keep_empty)
+        return ExtractionSettings(
+            scanner,
+            Mode(self.mode),
+            self.threshold,
+            keep_empty=self.keep_empty,
+            carry=self.carry,
+        )
 
     def flags(self) -> dict[int, int]:
         """Channel flag by channel number, 0 to 255."""

@@ -139,7 +139,9 @@ def _extract_unit(unit: Unit) -> UnitResult:
     with counted_messages(own_thread=True) as messages, _opened(unit) as reader:
         blocks = reader.blocks(unit.first, unit.stop)
         settings = unit.settings.extraction()
-        writer = open_echo_file(output, reader.header, run_metadata(settings))
+        writer = open_echo_file(
+            output, reader.header, run_metadata(settings, reader.path), carry=settings.carry
+        )
         with writer:
             extracted = extracted_blocks(blocks, settings)
             outcome.extracted = write_echoes(_counted(extracted, outcome), writer)

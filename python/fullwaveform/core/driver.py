@@ -264,7 +264,7 @@ def check_system_wave(mode: Mode, scanner: Scanner) -> None:
     interval = scanner.sampling_interval
     if interval is None:
         return
-    maximum = _max_of_system_wave(scanner, interval)
+    maximum = float(np.max(system_wave(scanner, interval)[1]))
     if not (np.isfinite(maximum) and maximum > 0.0):
         raise ValueError(
             f"invalid system wave: the maximum of its {_core.SYSTEM_WAVE_SAMPLES} samples at "
@@ -273,17 +273,19 @@ def check_system_wave(mode: Mode, scanner: Scanner) -> None:
         )
 
 
-def _max_of_system_wave(scanner: Scanner, interval: float) -> float:
-    """Maximum of the exponential sum where the deconvolution evaluates it."""
+def system_wave(
+    scanner: Scanner, interval: float
+) -> tuple[npt.NDArray[np.float64], npt.NDArray[np.float64]]:
+    """Times, s, at which the deconvolution evaluates the exponential sum, and its values there."""
     a, b = (
         np.asarray(scanner.attributes[f"{table}_real"], dtype=np.float64)
         + 1j * np.asarray(scanner.attributes[f"{table}_imag"], dtype=np.float64)
         for table in "ab"
     )
     steps = (_core.SYSTEM_WAVE_SAMPLES - 1) * _core.UP_SAMPLING + 1
-    time = np.arange(steps) * (interval / _core.UP_SAMPLING)
+    time = np.arange(steps, dtype=np.float64) * (interval / _core.UP_SAMPLING)
     with np.errstate(all="ignore"):
-        return float(np.max((np.exp(np.outer(time, b)) @ a).real))
+        return time, np.asarray((np.exp(np.outer(time, b)) @ a).real, dtype=np.float64)
 
 
 def _checked_samples(samples: npt.NDArray[np.uint16]) -> npt.NDArray[np.uint16]:

@@ -13,6 +13,10 @@ from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.columns import Column, Table, arrow_schema
 
+#: Index (m,) of the discrete return of the block to which each echo corresponds, -1 for none.
+RETURN_INDEX = "returnIndex"
+#: Column of extra bytes of these returns, structured by name; only if the input has extra bytes.
+EXTRA_BYTES = "extra_bytes"
 _NANOSECONDS = 1e9
 _COORDINATE = "coordinate unit of the input"
 #: Full width at half maximum of a Gaussian of standard deviation 1.
@@ -26,7 +30,7 @@ class FoundEchoes:
     block: WaveformBlock
     rows: IntArray  # (m,), row of the block in which each echo was found
     #: Columns (m,) as in `Result.peaks` with NaN for unknown values, and ``height``, counts above
-    #: the baseline.
+    #: the baseline; with RETURN_INDEX if they were compared with discrete returns.
     peaks: Mapping[str, AnyArray]
     xyz: FloatArray  # (m, 3), coordinate units of the file
     number: IntArray  # (m,), 1 = nearest to the scanner within the shot
@@ -185,6 +189,7 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "Running number of the waveform in the input, from 0",
         lambda e: e.block.waveform_numbers[e.rows],
         of_waveform=True,
+        las=LasDimension(np.uint64, "Number of the waveform, from 0"),
     ),
     EchoColumn(
         "channel_flag",
@@ -193,6 +198,33 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "Channel of the waveform: 1 low power, 0 high power",
         lambda e: e.block.channel_flags[e.rows],
         of_waveform=True,
+        las=LasDimension(np.uint8, "Channel, 1 low and 0 high power"),
+    ),
+    EchoColumn(
+        "descriptor",
+        np.uint8,
+        "1",
+        "Number of the packet descriptor or channel of the waveform in the input; 0 where it has "
+        "none",
+        lambda e: e.block.descriptors[e.rows],
+        of_waveform=True,
+        las=LasDimension(np.uint8, "Descriptor in the input, 0 none"),
+    ),
+    EchoColumn(
+        "classification",
+        np.uint8,
+        "1",
+        "Class of the discrete return of the scanner within half the width of the echo; 0 without "
+        "one",
+        lambda e: _of_return(e, "classification"),
+    ),
+    EchoColumn(
+        "original_return_number",
+        np.uint8,
+        "1",
+        "Return number of that discrete return; 0 without one",
+        lambda e: _of_return(e, "return_number"),
+        las=LasDimension(np.uint8, "Return number in the input"),
     ),
     EchoColumn(
         "scan_angle",
@@ -245,31 +277,43 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
 class EchoTable(Table):
     """Echoes with the columns of `ECHO_COLUMNS`.
 
-    The echoes of a shot are consecutive, ordered along the flight of light.
+    The echoes of a shot are consecutive, ordered along the flight of light. The column EXTRA_BYTES
+    is there if the input has extra bytes and echoes take them over.
     """
 
     @classmethod
     def of(cls, found: FoundEchoes) -> EchoTable:
         """The table of the echoes, in their order."""
-        return cls({column.name: _computed(column, found) for column in ECHO_COLUMNS})
+        columns = {column.name: _computed(column, found) for column in ECHO_COLUMNS}
+        returns, index = found.block.returns, found.peaks.get(RETURN_INDEX)
+        if returns is not None and returns.extra is not None and index is not None:
+            columns[EXTRA_BYTES] = _taken(returns.extra, index)
+        return cls(columns)
 
     @classmethod
-    def of_empty_waveforms(cls, block: WaveformBlock, rows: IntArray, count: IntArray) -> EchoTable:
+    def of_empty_waveforms(
+        cls,
+        block: WaveformBlock,
+        rows: IntArray,
+        count: IntArray,
+        extra: np.dtype[np.void] | None = None,
+    ) -> EchoTable:
         """A row without an echo for each of the given rows (k,) of the block.
 
         `count` (k,) is the number of echoes of the shot. Columns that describe an echo are NaN or,
-        where they hold integers, 0.
+        where they hold integers, 0; so are the extra bytes, if their type is given.
         """
         none = np.zeros(len(rows), np.int64)
         found = FoundEchoes(block, rows, {}, np.full((len(rows), 3), np.nan), none, count, None)
-        return cls(
-            {
-                column.name: _computed(column, found)
-                if column.of_waveform
-                else np.full(len(rows), _value_without_echo(column), column.dtype)
-                for column in ECHO_COLUMNS
-            }
-        )
+        columns = {
+            column.name: _computed(column, found)
+            if column.of_waveform
+            else np.full(len(rows), _value_without_echo(column), column.dtype)
+            for column in ECHO_COLUMNS
+        }
+        if extra is not None:
+            columns[EXTRA_BYTES] = np.zeros(len(rows), extra)
+        return cls(columns)
 
     @property
     def xyz(self) -> FloatArray:
@@ -279,6 +323,21 @@ class EchoTable(Table):
 
 def _computed(column: EchoColumn, found: FoundEchoes) -> AnyArray:
     return column.values(found).astype(column.dtype, copy=False)
+
+
+def _of_return(found: FoundEchoes, name: str) -> AnyArray:
+    """A value of the discrete return of each echo, 0 without one."""
+    returns = found.block.returns
+    if returns is None or RETURN_INDEX not in found.peaks:
+        return np.zeros(len(found.rows))
+    return _taken(getattr(returns, name), found.peaks[RETURN_INDEX])
+
+
+def _taken(values: AnyArray, index: IntArray) -> AnyArray:
+    """The values at the index; zero at -1."""
+    taken = np.zeros(len(index), values.dtype)
+    taken[index >= 0] = values[index[index >= 0]]
+    return taken
 
 
 def _value_without_echo(column: EchoColumn) -> float:

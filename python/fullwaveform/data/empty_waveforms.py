@@ -6,7 +6,7 @@ import numpy as np
 
 from fullwaveform.data.arrays import IntArray
 from fullwaveform.data.blocks import WaveformBlock
-from fullwaveform.data.echo_columns import EchoTable
+from fullwaveform.data.echo_columns import EXTRA_BYTES, EchoTable
 
 
 def with_empty_waveforms(echoes: EchoTable, block: WaveformBlock) -> EchoTable:
@@ -27,7 +27,8 @@ def with_empty_waveforms(echoes: EchoTable, block: WaveformBlock) -> EchoTable:
         return echoes
     _, shot = np.unique(block.shot_times, return_inverse=True)
     per_shot = np.bincount(shot[row_of_echo], minlength=len(block))
-    empty_rows = EchoTable.of_empty_waveforms(block, empty, per_shot[shot[empty]])
+    extra = echoes[EXTRA_BYTES].dtype if EXTRA_BYTES in echoes.columns else None
+    empty_rows = EchoTable.of_empty_waveforms(block, empty, per_shot[shot[empty]], extra)
     # A stable sort: of equal shots the echoes come first, in the order they have.
     order = np.argsort(np.concatenate([shot[row_of_echo], shot[empty]]), kind="stable")
     return EchoTable.join([echoes, empty_rows]).take(order)

@@ -5,6 +5,7 @@ from __future__ import annotations
 import json
 from collections import Counter
 from dataclasses import dataclass, field
+from pathlib import Path
 
 import numpy as np
 
@@ -25,6 +26,7 @@ from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.data.empty_waveforms import with_empty_waveforms
 from fullwaveform.extraction.amplitudes import heights, with_unknown_values
+from fullwaveform.extraction.carry import with_returns
 from fullwaveform.extraction.georeference import to_echo_table
 from fullwaveform.extraction.waveform_table import WaveformTable
 
@@ -39,6 +41,7 @@ class ExtractionSettings:
     mode: Mode = Mode.THREE_POINT
     threshold: Threshold = "estimate"  # counts, or an estimate for every waveform
     keep_empty: bool = False  # whether waveforms without echoes have a row in the echo table
+    carry: bool = True  # whether echoes take class and extra bytes of a discrete return nearby
     # Of the file; empty: nothing was measured.
     calibration: Calibration = field(default_factory=Calibration)
 
@@ -54,9 +57,10 @@ class ExtractionSettings:
         return hybrid if self.mode is Mode.HYBRID and hybrid is not None else offset
 
 
-def run_metadata(settings: ExtractionSettings) -> dict[str, str]:
-    """Version and settings, for the files that can hold metadata."""
+def run_metadata(settings: ExtractionSettings, source: Path | None) -> dict[str, str]:
+    """Version, settings and name of the input, for the files that can hold metadata."""
     return {
+        **({} if source is None else {"input": source.name}),
         "version": __version__,
         "mode": settings.mode.title,
         "threshold": str(settings.threshold),
@@ -134,6 +138,8 @@ class Extractor:
         waveforms.enter_echoes(rows)
         threshold = waveforms["threshold"][rows]
         peaks = with_unknown_values({**peaks, "height": heights(peaks, threshold)})
+        if self.settings.carry:
+            peaks = with_returns(block, rows, peaks, self.settings.scanner)
         echoes = to_echo_table(block, rows, peaks, self.settings.scanner.amplitude_unit)
         if self.settings.keep_empty:
             echoes = with_empty_waveforms(echoes, block)

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import copy
-import json
 import os
 from abc import ABC, abstractmethod
 from collections.abc import Callable, Iterator, Mapping
@@ -243,15 +242,6 @@ def flag_table(channel_flags: Mapping[int, int] | int) -> UInt8Array:
             )
         table[number] = flag
     return table
-
-
-#: Key of the metadata of echo files that says how the echoes were made.
-RUN_METADATA_KEY = "fullwaveform"
-
-
-def run_metadata_text(metadata: Mapping[str, str]) -> str:
-    """How echoes were made, as JSON; equal entries give equal text."""
-    return json.dumps(dict(metadata), sort_keys=True)
 
 
 class FileWriter(ABC):

@@ -12,7 +12,7 @@ import pytest
 from fullwaveform.data.columns import arrow_schema
 from fullwaveform.data.echo_columns import echo_schema, las_dimensions
 from fullwaveform.extraction.waveform_table import WAVEFORM_COLUMNS
-from fullwaveform.io.echo_writers.las import echo_header
+from fullwaveform.io.echo_writers.las_header import echo_header
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, open_echo_file
 
 KEYS = (b"unit", b"description")

@@ -48,6 +48,9 @@ def echo_table(
         "time": rows * 1e-9,
         "waveform_number": rows.astype(np.int64),
         "channel_flag": np.ones(count, np.uint8),
+        "descriptor": np.full(count, 2, np.uint8),
+        "classification": np.full(count, 5, np.uint8),
+        "original_return_number": np.full(count, 3, np.uint8),
     }
     shot = attributes or shot_attributes(count)
     values |= {f.name: getattr(shot, f.name) for f in fields(shot) if f.name != "gps_time"}

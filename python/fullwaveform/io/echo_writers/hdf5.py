@@ -11,8 +11,8 @@ import pyarrow as pa
 
 from fullwaveform.data.echo_columns import table_columns
 from fullwaveform.io.atomic import OutputFile
-from fullwaveform.io.base import RUN_METADATA_KEY, run_metadata_text
 from fullwaveform.io.echo_writers.row_groups import GroupedEchoWriter
+from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text
 
 #: Rows of a chunk of every dataset; 512 kB of doubles.
 ROWS_PER_CHUNK = 2**16

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Iterator
+from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
 from pathlib import Path
 
@@ -12,25 +12,39 @@ import numpy as np
 import numpy.typing as npt
 
 from fullwaveform.data.arrays import FloatArray
-from fullwaveform.data.echo_columns import EchoTable, las_dimensions
+from fullwaveform.data.echo_columns import EXTRA_BYTES, EchoTable, las_dimensions
 from fullwaveform.data.empty_waveforms import without_empty_waveforms
 from fullwaveform.io.atomic import OutputFile
 from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.echo_writers.las_header import (
+    carried_names,
+    echo_header,
+    extended_records,
+)
 from fullwaveform.io.las.points import SCAN_ANGLE_UNIT
 
-_CRS_RECORDS = (34735, 34736, 34737, 2111, 2112)  # GeoTIFF keys, doubles, strings; WKT
-_GPS_TIME_OFFSET_BIT = 0b100_0000  # from LAS 1.5 on
 _INT32, _UINT16 = np.iinfo(np.int32), np.iinfo(np.uint16)
 
 
 class LasEchoWriter(EchoWriter):
     """Writes echoes to a LAS file.
 
-    `source` is the header of the file from which the echoes were extracted: version, scales,
-    offsets, meaning of the GPS time and coordinate reference system are taken from it. Point
-    formats below 6 become format 1, the others format 6, with the extra dimensions that
-    `las_dimensions` describes. Without a source: LAS 1.4, format 6, millimetres, offsets near the
-    first echoes. A name ending in ``.laz`` is compressed; ValueError if no compressor is installed.
+    Point formats below 6 become format 1, the others format 6, with the extra dimensions that
+    `las_dimensions` describes. A name ending in ``.laz`` is compressed; ValueError if no compressor
+    is installed.
+
+    Parameters
+    ----------
+    path
+        The file.
+    source
+        Header of the file from which the echoes were extracted: version, scales, offsets, meaning
+        of the GPS time and coordinate reference system are taken from it. None: LAS 1.4, format 6,
+        millimetres, offsets near the first echoes.
+    run
+        How the echoes were made, stored as a variable record.
+    carry
+        Whether the points have class and extra dimensions of the discrete returns of the source.
 
     A shot must be written in one call. Echoes whose coordinates cannot be stored are omitted and
     counted, rows of waveforms without echoes omitted.
@@ -38,13 +52,21 @@ class LasEchoWriter(EchoWriter):
 
     takes_empty = False
 
-    def __init__(self, path: str | os.PathLike[str], source: laspy.LasHeader | None) -> None:
+    def __init__(
+        self,
+        path: str | os.PathLike[str],
+        source: laspy.LasHeader | None,
+        run: Mapping[str, str] | None = None,
+        *,
+        carry: bool = True,
+    ) -> None:
         super().__init__(path)
         self._compressor = _compressor(self.path) if self._is_compressed else None
         self.not_representable = 0  # echoes omitted: coordinate not finite, or beyond 32 bits
         self.saturated_return_numbers = 0  # shots with more echoes than a return number can count
         self._source = source
-        self._header = echo_header(source)
+        self._header = echo_header(source, run, carry=carry)
+        self._carried = carried_names(source) if carry else {}
         self._return_limit = 7 if self._header.point_format.id < 6 else 15
         self._writer: laspy.LasWriter | None = None
 
@@ -63,6 +85,9 @@ class LasEchoWriter(EchoWriter):
         _fill_standard_fields(record, echoes, self._return_limit)
         for name, dimension in las_dimensions().items():
             record[name] = echoes[name].astype(dimension.dtype)
+        if EXTRA_BYTES in echoes.columns:
+            for name, carried in self._carried.items():
+                record.array[carried] = echoes[EXTRA_BYTES][name]
         writer.write_points(record)
         self.count += len(echoes)
 
@@ -75,8 +100,7 @@ class LasEchoWriter(EchoWriter):
         try:
             yield
             writer = self._writer or self._start(stream)
-            records = _crs_records(self._source.evlrs if self._source is not None else None)
-            if records and self._header.version.minor >= 4:
+            if records := extended_records(self._header, self._source):
                 writer.write_evlrs(laspy.vlrs.vlrlist.VLRList(records))
             writer.close()
         finally:
@@ -129,45 +153,6 @@ def _compressor(path: Path) -> laspy.LazBackend:
     return available[0]
 
 
-def echo_header(source: laspy.LasHeader | None) -> laspy.LasHeader:
-    """Header for echoes extracted from a file with the given header.
-
-    Waveform descriptors and the flags that declare waveforms are omitted: the points have none.
-    """
-    if source is None:
-        header = laspy.LasHeader(version="1.4", point_format=6)
-        header.scales = np.full(3, 0.001)
-        header.global_encoding.wkt = True  # required in formats 6 to 10
-    else:
-        header = laspy.LasHeader(
-            version=source.version, point_format=1 if source.point_format.id < 6 else 6
-        )
-        header.scales, header.offsets = np.array(source.scales), np.array(source.offsets)
-        header.file_source_id, header.uuid = source.file_source_id, source.uuid
-        header.global_encoding.gps_time_type = source.global_encoding.gps_time_type
-        header.global_encoding.wkt = source.global_encoding.wkt
-        if header.version.minor >= 5:
-            header.global_encoding.value |= source.global_encoding.value & _GPS_TIME_OFFSET_BIT
-            header.gps_time_offset = source.gps_time_offset
-        header.vlrs.extend(_crs_records(source.vlrs))
-    header.system_identifier = "EXTRACTION"
-    header.generating_software = "fullwaveform"
-    header.add_extra_dims(
-        [
-            laspy.ExtraBytesParams(name, dimension.dtype, dimension.description)
-            for name, dimension in las_dimensions().items()
-        ]
-    )
-    _clear_extra_byte_ranges(header)
-    return header
-
-
-def _clear_extra_byte_ranges(header: laspy.LasHeader) -> None:
-    # laspy would derive the ranges from the first point of each write only.
-    for dimension in header.vlrs.get("ExtraBytesVlr")[0].extra_bytes_structs:
-        dimension.options &= ~(dimension.MIN_BIT_MASK | dimension.MAX_BIT_MASK)
-
-
 def grid_coordinates(
     xyz: FloatArray, header: laspy.LasHeader
 ) -> tuple[npt.NDArray[np.int32], npt.NDArray[np.int64]]:
@@ -180,14 +165,6 @@ def grid_coordinates(
     fits = ((steps >= _INT32.min) & (steps <= _INT32.max)).all(axis=1)
     kept = np.flatnonzero(fits)
     return steps[kept].astype(np.int32), kept
-
-
-def _crs_records(records: list[laspy.VLR] | None) -> list[laspy.VLR]:
-    return [
-        record
-        for record in records or []
-        if record.user_id == "LASF_Projection" and record.record_id in _CRS_RECORDS
-    ]
 
 
 def _offsets_near(xyz: FloatArray) -> FloatArray:
@@ -222,6 +199,7 @@ def _fill_standard_fields(
 ) -> None:
     record["intensity"] = _rounded(echoes["amplitude"], 0, _UINT16.max)
     record["gps_time"] = echoes["gps_time"]
+    record["classification"] = echoes["classification"]
     record["return_number"] = np.minimum(echoes["echo_number"], return_limit)
     record["number_of_returns"] = np.minimum(echoes["echo_count"], return_limit)
     record["scan_direction_flag"] = echoes["scan_direction_flag"]

@@ -32,6 +32,8 @@ def open_echo_file(
     path: str | os.PathLike[str],
     header: laspy.LasHeader | None,
     metadata: Mapping[str, str] | None = None,
+    *,
+    carry: bool = True,
 ) -> EchoWriter:
     """A writer for the path, selected by its ending; to be used in a ``with`` statement.
 
@@ -42,7 +44,9 @@ def open_echo_file(
     header
         LAS header of the input, if it has one; used for LAS files of echoes.
     metadata
-        How the echoes were made, for formats that store it (Parquet and HDF5).
+        How the echoes were made, for formats that store it (LAS, Parquet and HDF5).
+    carry
+        Whether LAS points have class and extra dimensions of the discrete returns of the input.
 
     Raises
     ------
@@ -52,7 +56,7 @@ def open_echo_file(
     ending = Path(path).suffix.lower()
     writer_class = _writer_class(Path(path))
     if ending in _WITH_HEADER:
-        writer: EchoWriter = writer_class(path, header)
+        writer: EchoWriter = writer_class(path, header, metadata, carry=carry)
     else:
         writer = writer_class(path, metadata) if ending in _WITH_METADATA else writer_class(path)
     return writer

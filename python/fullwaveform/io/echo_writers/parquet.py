@@ -11,8 +11,8 @@ import pyarrow.parquet
 
 from fullwaveform.data.echo_columns import echo_schema
 from fullwaveform.io.atomic import OutputFile
-from fullwaveform.io.base import RUN_METADATA_KEY, run_metadata_text
 from fullwaveform.io.echo_writers.row_groups import GroupedEchoWriter
+from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text
 
 #: Rows of all row groups but the last, about 10 MB of echoes.
 ROWS_PER_GROUP = 2**17

@@ -20,6 +20,7 @@ from laspy.header import GpsTimeType
 
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.coordinates import check_coordinates
+from fullwaveform.io.reference_system import PROJECTION_USER, WKT_RECORD
 
 PULSE_SIGNATURE = b"PulseWavesPulse"
 MIN_PULSE_SIZE = 48  # bytes; larger pulses have additional attributes
@@ -31,7 +32,6 @@ _RECORD = struct.Struct("<16sIIq64s")
 _END_OF_APPENDED = 0xFFFFFFFF  # record id; the first in the file, the last when read backwards
 _SECONDS_OF_WEEK = 604_800
 _ADJUSTMENT = 1e9  # s, from standard to adjusted standard GPS time of LAS
-_WKT_RECORD = 2112
 
 Triple = tuple[float, float, float]
 
@@ -154,12 +154,12 @@ def las_header(header: PulseWavesHeader, records: Sequence[VariableRecord]) -> l
     las.global_encoding.gps_time_type = GpsTimeType.WEEK_TIME if in_week else GpsTimeType.STANDARD
     projections = [record for record in records if record.user == PROJECTION_USER_ID]
     las.vlrs.extend(
-        laspy.VLR("LASF_Projection", record.record_id, record.description, record.data)
+        laspy.VLR(PROJECTION_USER, record.record_id, record.description, record.data)
         for record in projections
     )
     # With the WKT flag a reader would ignore GeoTIFF keys.
     las.global_encoding.wkt = not projections or any(
-        record.record_id == _WKT_RECORD for record in projections
+        record.record_id == WKT_RECORD for record in projections
     )
     return las
 

@@ -15,7 +15,7 @@ from fullwaveform.core.scanner import DEFAULT_ATTRIBUTES, AfterPulse, Scanner
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.container.reader import ScanContainerReader
 from fullwaveform.io.container.writer import ScanContainerWriter
-from fullwaveform.io.echo_writers.las import echo_header
+from fullwaveform.io.echo_writers.las_header import echo_header
 from fullwaveform.io.las.reader import LasWaveformReader
 from fullwaveform.io.pulsewaves.reader import PulseWavesReader
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import struct
 from pathlib import Path
 
@@ -13,6 +14,7 @@ from laspy.vlrs.vlrlist import VLRList
 from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.io.echo_writers.las import LasEchoWriter
 from fullwaveform.io.las.reader import LasWaveformReader
+from fullwaveform.io.run_record import read_run_records
 
 from ...support.echo_tables import echo_table, shot_attributes
 from ...support.las_scenes import Point, Scene
@@ -72,6 +74,7 @@ def test_standard_fields_of_an_echo(tmp_path: Path, version: str, source_format:
     )
     las = written(tmp_path / "e.las", source_header(version, source_format), table)
     assert las.intensity.tolist() == [11, 65535]
+    assert np.array(las.classification).tolist() == [5, 5]
     assert las.gps_time.tolist() == [100.0, 100.0]
     assert np.array(las.return_number).tolist() == [1, 2]
     assert np.array(las.number_of_returns).tolist() == [2, 2]
@@ -98,6 +101,10 @@ def test_extra_bytes_of_an_echo(tmp_path: Path) -> None:
         "echo_type": ("uint8", [3, 3]),
         "quality": ("uint8", [4, 4]),
         "reflectance": ("float32", [-2.5, -2.5]),
+        "waveform_number": ("uint64", [0, 1]),
+        "channel_flag": ("uint8", [1, 1]),
+        "descriptor": ("uint8", [2, 2]),
+        "original_return_number": ("uint8", [3, 3]),
     }
     for dimension in las.point_format.extra_dimensions:
         kind, values = expected.pop(dimension.name)
@@ -187,6 +194,80 @@ def test_reference_system_and_time_type_are_copied(tmp_path: Path) -> None:
     assert len(las.points) == 1
 
 
+@pytest.mark.parametrize("bit", [False, True])
+def test_geotiff_keys_become_wkt_in_format_6(tmp_path: Path, bit: bool) -> None:
+    header = source_header("1.4", 9)
+    header.global_encoding.wkt = bit
+    header.vlrs.append(laspy.VLR("LASF_Projection", 34735, "keys", GEO_KEYS))
+    las = written(tmp_path / "e.las", header, echo_table([1]))
+    assert las.header.global_encoding.wkt
+    assert not las.header.vlrs.get("GeoKeyDirectoryVlr")
+    (record,) = las.header.vlrs.get("WktCoordinateSystemVlr")
+    assert record.string.startswith('PROJCS["WGS 84 / UTM zone 32N"')
+    assert las.header.parse_crs().to_epsg() == 32632
+
+
+def test_geotiff_keys_that_are_not_understood_stay_without_the_flag(tmp_path: Path) -> None:
+    header = source_header("1.4", 9)
+    header.global_encoding.wkt = True
+    keys = struct.pack("<8H", 1, 1, 0, 1, 3072, 0, 1, 32767)  # user-defined
+    header.vlrs.append(laspy.VLR("LASF_Projection", 34735, "keys", keys))
+    las = written(tmp_path / "e.las", header, echo_table([1]))
+    assert not las.header.global_encoding.wkt
+    assert las.header.vlrs.get("GeoKeyDirectoryVlr")[0].record_data_bytes() == keys
+
+
+@pytest.mark.parametrize(
+    ("version", "source_format", "records", "bit", "expected"),
+    [
+        ("1.4", 9, [], False, True),  # required in format 6
+        ("1.4", 9, [2112], False, True),
+        ("1.4", 4, [34735], True, False),  # a reader would ignore the keys
+        ("1.4", 4, [34735, 2112], False, False),
+        ("1.4", 4, [34735, 2112], True, True),
+        ("1.4", 4, [2112], False, True),
+        ("1.3", 4, [34735], True, False),  # not defined before 1.4
+        ("1.4", 4, [], True, False),
+    ],
+)
+def test_flag_of_wkt_follows_the_records(
+    tmp_path: Path,
+    version: str,
+    source_format: int,
+    records: list[int],
+    bit: bool,
+    expected: bool,
+) -> None:
+    header = source_header(version, source_format)
+    header.global_encoding.wkt = bit
+    content = {34735: GEO_KEYS, 2112: WKT}
+    header.vlrs.extend(laspy.VLR("LASF_Projection", one, "", content[one]) for one in records)
+    las = written(tmp_path / "e.las", header, echo_table([1]))
+    assert las.header.global_encoding.wkt == expected
+    kept = [one.record_id for one in las.header.vlrs if one.user_id == "LASF_Projection"]
+    assert kept == records
+
+
+@pytest.mark.parametrize("version", ["1.3", "1.4"])
+@pytest.mark.parametrize("length", [10, 70_000])
+def test_settings_of_the_run_are_in_a_record(tmp_path: Path, version: str, length: int) -> None:
+    run = {"input": "s" * length, "mode": "three-point fit"}
+    with LasEchoWriter(tmp_path / "e.las", source_header(version, 4), run) as writer:
+        writer.write(echo_table([1]))
+    las = laspy.read(tmp_path / "e.las")
+    records = [one for one in las.header.vlrs if one.user_id == "fullwaveform"]
+    assert [one.record_id for one in records] == [1, 2][: 1 if length == 10 else 2]
+    text = b"".join(one.record_data_bytes() for one in records)
+    assert json.loads(text) == run
+    assert read_run_records(las.header.vlrs) == run
+
+
+def test_file_of_another_program_has_no_settings_of_a_run() -> None:
+    assert read_run_records([]) is None
+    assert read_run_records([laspy.VLR("fullwaveform", 1, "", b"\xff{")]) is None
+    assert read_run_records([laspy.VLR("fullwaveform", 1, "", b"[1]")]) is None
+
+
 def test_records_read_from_a_file_are_copied(tmp_path: Path) -> None:
     scene = Scene(
         [(1, 8, 1, 1000)], [(1, [5])], [Point(0)], 9, "1.4", inside=True, extended_descriptors=True
@@ -224,7 +305,7 @@ def test_several_tables_are_appended(tmp_path: Path) -> None:
 def test_file_without_echoes_is_valid(tmp_path: Path, source: laspy.LasHeader | None) -> None:
     las = written(tmp_path / "e.las", source)
     assert len(las.points) == 0
-    assert len(list(las.point_format.extra_dimensions)) == 9
+    assert len(list(las.point_format.extra_dimensions)) == 13
 
 
 def write_and_fail(writer: LasEchoWriter) -> None:

@@ -43,6 +43,9 @@ EXPECTED: dict[str, list[float]] = {
     "time": [1.25e-07, 2.0, NAN],
     "waveform_number": [7, 2**40, 9],
     "channel_flag": [1, 0, 255],
+    "descriptor": [0, 2, 255],
+    "classification": [2, 0, 0],
+    "original_return_number": [1, 0, 0],
 }
 TYPES = {
     **dict.fromkeys(EXPECTED, "float64"),
@@ -50,7 +53,8 @@ TYPES = {
     **dict.fromkeys(
         ("amplitude", "amplitude_db", "amplitude_library_db", "reflectance"), "float32"
     ),
-    **dict.fromkeys(("echo_type", "quality", "channel_flag"), "uint8"),
+    **dict.fromkeys(("echo_type", "quality", "channel_flag", "descriptor"), "uint8"),
+    **dict.fromkeys(("classification", "original_return_number"), "uint8"),
 }
 METADATA = {"version": "0.1.0", "mode": "three-point"}
 
