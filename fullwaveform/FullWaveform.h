@@ -34,6 +34,8 @@
 #include <fullwaveform/model/PrintWave.h>
 #include <fullwaveform/model/WavePoints.h>
 #include <fullwaveform/online/OnlineEvaluation.h>
+#include <fullwaveform/pulsefit/PulseFit.h>
+#include <fullwaveform/pulsefit/PulseModel.h>
 #include <fullwaveform/scanner/ExtraAttributes.h>
 #include <fullwaveform/scanner/ScannerDevice.h>
 #include <fullwaveform/scanner/SpeedOfLight.h>

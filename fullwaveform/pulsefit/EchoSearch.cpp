@@ -1,0 +1,210 @@
+#include <fullwaveform/pulsefit/EchoSearch.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+namespace FullWaveform {
+namespace {
+
+constexpr int coreBegin = -5;  // samples from the maximum of the pulse
+constexpr int coreEnd = 7;
+constexpr double searchScatter = 4.0;  // factor on the scatter while echoes are looked for
+constexpr double minScore = 3.0;       // standard deviations
+constexpr double widthCost = 8.0;
+constexpr double isolation = 8.0;      // samples beyond which an echo does not change the others
+constexpr double clearGain = 200.0;    // of the cost: there is more to find before details are looked at
+constexpr double neighbourhood = 6.0;  // samples
+
+/// Sum of the squares of the residual around an echo, and the number of samples in it.
+struct LocalFit {
+  double chiSquare = 0.0;
+  double samples = 0.0;
+
+  [[nodiscard]] bool exceeds(double deviations) const {
+    return chiSquare > samples + deviations * std::sqrt(2.0 * samples);
+  }
+};
+
+LocalFit localFit(EchoFit const& fit, double position) {
+  constexpr double before = 5.0;
+  constexpr double after = 6.0;
+  auto const first = static_cast<std::size_t>(std::max(std::ceil(position - before), 0.0));
+  double const last = std::floor(position + after);
+  LocalFit local;
+  for (std::size_t i = first; i < fit.samples() && static_cast<double>(i) <= last; ++i) {
+    if (fit.weights()[i] > 0.0) {
+      local.chiSquare += fit.weights()[i] * fit.residual()[i] * fit.residual()[i];
+      local.samples += 1.0;
+    }
+  }
+  return local;
+}
+
+bool keepBetter(Hypothesis const& candidate, Hypothesis& best) {
+  if (candidate.cost < best.cost) {
+    best = candidate;
+    return true;
+  }
+  return false;
+}
+
+/// Two echoes in place of one, around it, with a share of its amplitude for the first.
+Hypothesis split(Hypothesis const& from, std::size_t index, double share, double variance) {
+  double const spread = std::sqrt(std::clamp(variance, 0.3, 6.0));
+  double const distance = (share == 0.5 ? 2.0 : 2.3) * spread;
+  EchoState const& echo = from.echoes[index];
+  Hypothesis result = from;
+  result.echoes[index] = {echo.position - (1.0 - share) * distance, share * echo.amplitude};
+  result.add({echo.position + share * distance, (1.0 - share) * echo.amplitude});
+  return result;
+}
+
+}  // namespace
+
+MatchedFilter::MatchedFilter(PulseTable const& table, InstructionSet set) : kernels(&pulseKernels(set)) {
+  for (int half = 0; half < 2; ++half) {
+    taps[half].values = table.samplesAt(-0.5 * half, coreBegin, coreEnd);
+    for (double const value : taps[half].values) {
+      taps[half].squares.push_back(value * value);
+    }
+  }
+}
+
+Candidate MatchedFilter::best(EchoFit const& fit) {
+  std::size_t const size = fit.samples();
+  constexpr std::size_t margin = static_cast<std::size_t>(-coreBegin);
+  std::size_t const padded = size + margin + static_cast<std::size_t>(coreEnd) + 2 * laneCount;
+  weighted.assign(padded, 0.0);
+  weights.assign(padded, 0.0);
+  numerator.resize(padded);
+  denominator.resize(padded);
+  for (std::size_t i = 0; i < size; ++i) {
+    weights[margin + i] = fit.weights()[i];
+    weighted[margin + i] = fit.weights()[i] * fit.residual()[i];
+  }
+  Candidate best;
+  for (int half = 0; half < 2; ++half) {
+    Taps const& pulse = taps[half];
+    kernels->correlate(weighted.data(), pulse.values.data(), pulse.values.size(), size, numerator.data());
+    kernels->correlate(weights.data(), pulse.squares.data(), pulse.squares.size(), size, denominator.data());
+    for (std::size_t i = 1; i + 2 < size + static_cast<std::size_t>(1 - half); ++i) {
+      if (numerator[i] > 0.0 && numerator[i] * numerator[i] > best.square * denominator[i]) {
+        best = {static_cast<double>(i) + 0.5 * half, numerator[i] / denominator[i],
+                numerator[i] * numerator[i] / denominator[i]};
+      }
+    }
+  }
+  return best;
+}
+
+EchoSearch::EchoSearch(PulseTable const& table, double echoCost, InstructionSet set)
+    : filter(table, set), echoCost(echoCost) {}
+
+Hypothesis EchoSearch::run(EchoFit& fit, double baseline) {
+  constexpr std::size_t maxRounds = 3 * maxFittedEchoes;
+  fit.setCosts(echoCost, widthCost);
+  fit.setScatterFactor(searchScatter);
+  Hypothesis hypothesis;
+  hypothesis.baseline = baseline;
+  fit.refine(hypothesis);
+  for (std::size_t round = 0; round < maxRounds; ++round) {
+    Hypothesis best = hypothesis;
+    if (!addEcho(fit, hypothesis, best)) {
+      reshape(fit, hypothesis, best);
+    }
+    if (!(best.cost < hypothesis.cost - 1e-6)) {
+      break;
+    }
+    hypothesis = best;
+    prune(fit, hypothesis);
+  }
+  fit.setScatterFactor(1.0);
+  fit.refine(hypothesis);
+  return hypothesis;
+}
+
+/// Adds the best candidate, if that lowers the cost.
+/// @return whether the new echo is so clear and so far from the others that they need no look in this round
+bool EchoSearch::addEcho(EchoFit& fit, Hypothesis const& from, Hypothesis& best) {
+  Hypothesis at = from;
+  fit.evaluate(at);
+  Candidate const candidate = filter.best(fit);
+  if (from.count == maxFittedEchoes || candidate.square <= std::max(minScore * minScore, 0.5 * echoCost)) {
+    return false;
+  }
+  Hypothesis next = from;
+  next.add({candidate.position, std::max(candidate.amplitude, 0.1)});
+  fit.refine(next);
+  bool const isBetter = keepBetter(next, best);
+  bool const isFar = std::none_of(
+      from.echoes.begin(), from.echoes.begin() + static_cast<std::ptrdiff_t>(from.count),
+      [&](EchoState const& echo) { return std::abs(echo.position - candidate.position) < isolation; });
+  return isBetter && isFar && from.cost - best.cost > clearGain;
+}
+
+/// Frees the width of echoes that do not fit, or splits them in two.
+void EchoSearch::reshape(EchoFit& fit, Hypothesis const& from, Hypothesis& best) const {
+  constexpr double unusualWidth = 2.5 * 2.5;  // energy of 2.5 standard deviations
+  std::array<bool, maxFittedEchoes> isSuspicious{};
+  Hypothesis at = from;
+  fit.evaluate(at);
+  for (std::size_t k = 0; k < from.count; ++k) {
+    EchoState const& echo = from.echoes[k];
+    bool const isUnusual = !echo.hasFreeWidth && fit.widthPrior().at(echo.variance).value > unusualWidth;
+    isSuspicious[k] = isUnusual || localFit(fit, echo.position).exceeds(2.0);
+  }
+  for (std::size_t k = 0; k < from.count; ++k) {
+    if (!isSuspicious[k]) {
+      continue;
+    }
+    Hypothesis wider = from;
+    if (!from.echoes[k].hasFreeWidth) {
+      wider.echoes[k].hasFreeWidth = true;
+      fit.refine(wider);
+      keepBetter(wider, best);
+      if (!localFit(fit, wider.echoes[k].position).exceeds(1.5)) {
+        continue;
+      }
+    }
+    for (double const share : {0.5, 0.75, 0.25}) {
+      if (from.count < maxFittedEchoes) {
+        Hypothesis two = split(from, k, share, wider.echoes[k].variance);
+        fit.refine(two);
+        keepBetter(two, best);
+      }
+    }
+  }
+}
+
+/// Removes echoes and ties widths again where that lowers the cost.
+void EchoSearch::prune(EchoFit& fit, Hypothesis& hypothesis) const {
+  constexpr double templateGain = 1.7;  // root of the sum of squares of a pulse of about four samples
+  bool hasChanged = true;
+  while (hasChanged) {
+    hasChanged = false;
+    for (std::size_t k = 0; k < hypothesis.count && !hasChanged; ++k) {
+      EchoState const& echo = hypothesis.echoes[k];
+      bool hasNeighbour = false;
+      for (std::size_t l = 0; l < hypothesis.count; ++l) {
+        hasNeighbour = hasNeighbour ||
+                       (l != k && std::abs(hypothesis.echoes[l].position - echo.position) < neighbourhood);
+      }
+      double const score = templateGain * echo.amplitude / fit.noise();
+      if (hasNeighbour || score * score < 3.0 * echoCost) {
+        Hypothesis without = hypothesis;
+        without.remove(k);
+        fit.refine(without);
+        hasChanged = keepBetter(without, hypothesis);
+      }
+      if (!hasChanged && echo.hasFreeWidth) {
+        Hypothesis tied = hypothesis;
+        tied.echoes[k].hasFreeWidth = false;
+        fit.refine(tied);
+        hasChanged = keepBetter(tied, hypothesis);
+      }
+    }
+  }
+}
+
+}  // namespace FullWaveform

@@ -1,0 +1,229 @@
+#include <fullwaveform/pulsefit/PulseTable.h>
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+#include <numbers>
+
+#include <fullwaveform/fitting/leastsquares/GaussianKernels.h>
+
+namespace FullWaveform {
+namespace {
+
+constexpr int phases = 16;
+constexpr double negligible = 1e-7;  // of the maximum; values beyond the last larger one are taken as 0
+// Above this frequency (cycles per sample) nothing of a pulse is in the samples, and a spline through them is
+// arbitrary. The steep filter keeps narrowing, which amplifies high frequencies, from amplifying that.
+constexpr double bandLimit = 0.9;
+constexpr int maxFrequency = 1;  // cycles per sample
+
+using Spectrum = std::vector<std::complex<double>>;
+
+/// Nodes are closer where a pulse is narrow: the series converges with the variance of the whole pulse.
+std::vector<double> varianceNodes(double pulseVariance) {
+  std::vector<double> nodes;
+  constexpr double step = 0.05;  // relative to the variance of the pulse
+  for (double v = PulseTable::minVariance; v < PulseTable::maxVariance;
+       v += std::max(step * std::max(pulseVariance + v, 0.3), 0.02)) {
+    nodes.push_back(v);
+  }
+  nodes.push_back(PulseTable::maxVariance);
+  return nodes;
+}
+
+/// Fourier series of the pulse with the given period in samples.
+Spectrum spectrumOf(PulseModel const& model, int period) {
+  double const maximum = *std::max_element(model.pulse.begin(), model.pulse.end());
+  std::size_t const count = model.pulse.size();
+  auto const taper = static_cast<std::size_t>(std::ceil(1.0 / model.lagStep));  // one sample at each end
+  Spectrum spectrum(static_cast<std::size_t>(period * maxFrequency) + 1);
+  for (std::size_t k = 0; k < spectrum.size(); ++k) {
+    double const frequency = static_cast<double>(k) / period;
+    std::complex<double> sum;
+    for (std::size_t i = 0; i < count; ++i) {
+      std::size_t const fromEnd = std::min(i, count - 1 - i);
+      double const weight = fromEnd >= taper
+                                ? 1.0
+                                : 0.5 - 0.5 * std::cos(std::numbers::pi * static_cast<double>(fromEnd) /
+                                                       static_cast<double>(taper));
+      double const lag = model.firstLag + model.lagStep * static_cast<double>(i);
+      sum += std::polar(weight * model.pulse[i] / maximum, -2.0 * std::numbers::pi * frequency * lag);
+    }
+    double const filter = std::exp(-std::pow(frequency / bandLimit, 16.0));
+    spectrum[k] = sum * (filter * model.lagStep / period * (k == 0 ? 1.0 : 2.0));
+  }
+  return spectrum;
+}
+
+/// The pulse and its derivatives at all phases: values[order][index], index / phases being the lag from
+/// `firstLag` on.
+std::array<std::vector<double>, PulseTable::derivatives> widened(Spectrum const& spectrum, double variance,
+                                                                 int firstLag, int lags, int period) {
+  std::array<std::vector<double>, PulseTable::derivatives> result;
+  result.fill(std::vector<double>(static_cast<std::size_t>(lags * phases)));
+  // All lags are multiples of 1/phases, so that one table of roots of unity serves all.
+  int const roots = period * phases;
+  std::vector<std::complex<double>> root(static_cast<std::size_t>(roots));
+  for (int i = 0; i < roots; ++i) {
+    root[static_cast<std::size_t>(i)] = std::polar(1.0, 2.0 * std::numbers::pi * i / roots);
+  }
+  for (std::size_t k = 0; k < spectrum.size(); ++k) {
+    double const angular = 2.0 * std::numbers::pi * static_cast<double>(k) / period;
+    std::complex<double> const term = spectrum[k] * std::exp(-0.5 * variance * angular * angular);
+    if (std::abs(term) * std::pow(std::max(angular, 1.0), 4.0) < 1e-16) {
+      continue;
+    }
+    std::int64_t turn = std::int64_t{firstLag} * phases * static_cast<std::int64_t>(k);
+    for (int i = 0; i < lags * phases; ++i, turn += static_cast<std::int64_t>(k)) {
+      std::int64_t const at = ((turn % roots) + roots) % roots;
+      std::complex<double> value = term * root[static_cast<std::size_t>(at)];
+      for (std::vector<double>& order : result) {
+        order[static_cast<std::size_t>(i)] += value.real();
+        value *= std::complex<double>(0.0, angular);
+      }
+    }
+  }
+  return result;
+}
+
+/// Lag (in steps) at which a curve falls through half of its peak, in one direction from it.
+double crossing(std::vector<double> const& curve, std::size_t peak, int direction, double half) {
+  auto i = static_cast<std::ptrdiff_t>(peak);
+  auto const size = static_cast<std::ptrdiff_t>(curve.size());
+  while (i + direction >= 0 && i + direction < size &&
+         curve[static_cast<std::size_t>(i + direction)] > half) {
+    i += direction;
+  }
+  if (i + direction < 0 || i + direction >= size) {
+    return static_cast<double>(i);
+  }
+  double const inside = curve[static_cast<std::size_t>(i)];
+  double const outside = curve[static_cast<std::size_t>(i + direction)];
+  return static_cast<double>(i) + direction * (inside - half) / (inside - outside);
+}
+
+PulseTable::Shape shapeOf(std::array<std::vector<double>, PulseTable::derivatives> const& curves) {
+  std::vector<double> const& curve = curves[0];
+  auto const peak = static_cast<std::size_t>(std::max_element(curve.begin(), curve.end()) - curve.begin());
+  // The maximum lies between two phases; its distance follows from the slope.
+  double const shift = curves[2][peak] < 0.0 ? -curves[1][peak] / curves[2][peak] : 0.0;
+  double const height = curve[peak] + 0.5 * shift * curves[1][peak];
+  double const width = crossing(curve, peak, 1, 0.5 * height) - crossing(curve, peak, -1, 0.5 * height);
+  return {height, width / phases, 0.5 * curves[2][peak], 0.0};
+}
+
+/// Second moment around the mean of the part of a pulse above a tenth of its maximum.
+double varianceOf(PulseModel const& model) {
+  double const limit = 0.1 * *std::max_element(model.pulse.begin(), model.pulse.end());
+  double area = 0.0;
+  double mean = 0.0;
+  double square = 0.0;
+  for (std::size_t i = 0; i < model.pulse.size(); ++i) {
+    if (model.pulse[i] > limit) {
+      double const lag = model.firstLag + model.lagStep * static_cast<double>(i);
+      area += model.pulse[i];
+      mean += model.pulse[i] * lag;
+      square += model.pulse[i] * lag * lag;
+    }
+  }
+  return square / area - (mean / area) * (mean / area);
+}
+
+}  // namespace
+
+PulseTable::PulseTable(PulseModel const& model) {
+  double const lastLag = model.firstLag + model.lagStep * static_cast<double>(model.pulse.size() - 1);
+  auto const widest = static_cast<int>(std::ceil(6.0 * std::sqrt(maxVariance)));
+  int const firstLag = static_cast<int>(std::floor(model.firstLag)) - widest;
+  int const lags = static_cast<int>(std::ceil(lastLag)) + widest - firstLag + 1;
+  Spectrum const spectrum = spectrumOf(model, lags);
+  for (double const variance : varianceNodes(varianceOf(model))) {
+    auto const curves = widened(spectrum, variance, firstLag, lags, lags);
+    Shape const shape = shapeOf(curves);
+    auto const matters = [&](double value) { return std::abs(value) > negligible * shape.peak; };
+    auto const begin = std::find_if(curves[0].begin(), curves[0].end(), matters) - curves[0].begin();
+    auto const end = curves[0].rend() - std::find_if(curves[0].rbegin(), curves[0].rend(), matters);
+    int const first = firstLag + static_cast<int>(begin) / phases;
+    int const last = std::min(firstLag + static_cast<int>(end) / phases + 1, firstLag + lags - 2);
+    nodes.push_back({variance, first, last - first + 1, values.size(), shape});
+    for (int phase = 0; phase < phases; ++phase) {
+      for (std::vector<double> const& order : curves) {
+        std::size_t const row = values.size();
+        values.resize(row + rowLength(nodes.back()), 0.0);
+        for (int i = 0; i < nodes.back().count; ++i) {
+          int const index = (first + i - firstLag) * phases - phase;
+          if (index >= 0) {
+            values[row + static_cast<std::size_t>(i)] = order[static_cast<std::size_t>(index)];
+          }
+        }
+      }
+    }
+  }
+  for (std::size_t j = 0; j < nodes.size(); ++j) {
+    Node const& before = nodes[j == 0 ? 0 : j - 1];
+    Node const& after = nodes[std::min(j + 1, nodes.size() - 1)];
+    nodes[j].shape.fwhmSlope = (after.shape.fwhm - before.shape.fwhm) / (after.variance - before.variance);
+  }
+}
+
+std::size_t PulseTable::rowLength(Node const& node) const {
+  return (static_cast<std::size_t>(node.count) + laneCount - 1) / laneCount * laneCount + laneCount;
+}
+
+std::size_t PulseTable::nodeNear(double variance) const {
+  auto const above = std::lower_bound(nodes.begin(), nodes.end(), variance,
+                                      [](Node const& node, double v) { return node.variance < v; });
+  if (above == nodes.begin()) {
+    return 0;
+  }
+  if (above == nodes.end()) {
+    return nodes.size() - 1;
+  }
+  bool const isNearerBelow = variance - (above - 1)->variance < above->variance - variance;
+  return static_cast<std::size_t>(above - nodes.begin()) - (isNearerBelow ? 1 : 0);
+}
+
+PulseTable::Place PulseTable::placeAt(double position, double variance) const {
+  Node const& node = nodes[nodeNear(variance)];
+  double const before = std::floor(position);
+  double const steps = std::round((position - before) * phases);
+  int const isNext = steps == phases ? 1 : 0;
+  int const phase = isNext == 1 ? 0 : static_cast<int>(steps);
+  double const d = steps / phases - (position - before);  // lag of the samples minus that of the table
+  double const w = 0.5 * (variance - node.variance);
+  Place place{static_cast<int>(before) + isNext + node.firstSample, node.count, {}, {}};
+  place.coefficients = {1.0, d, 0.5 * d * d + w, d * d * d / 6.0 + d * w,
+                        d * d * d * d / 24.0 + 0.5 * d * d * w + 0.5 * w * w};
+  double const* const first =
+      values.data() + node.offset + static_cast<std::size_t>(phase) * derivatives * rowLength(node);
+  for (std::size_t order = 0; order < derivatives; ++order) {
+    place.rows[order] = first + order * rowLength(node);
+  }
+  return place;
+}
+
+PulseTable::Shape PulseTable::shapeAt(double variance) const {
+  Node const& node = nodes[nodeNear(variance)];
+  double const rest = variance - node.variance;
+  Shape shape = node.shape;
+  shape.peak += rest * shape.peakSlope;
+  shape.fwhm += rest * shape.fwhmSlope;
+  return shape;
+}
+
+std::vector<double> PulseTable::samplesAt(double shift, int first, int last) const {
+  Place const place = placeAt(-shift, 0.0);
+  std::vector<double> samples;
+  for (int i = first; i <= last; ++i) {
+    double value = 0.0;
+    if (i >= place.first && i < place.first + place.count) {
+      for (std::size_t order = 0; order < derivatives; ++order) {
+        value += place.coefficients[order] * place.rows[order][i - place.first];
+      }
+    }
+    samples.push_back(value);
+  }
+  return samples;
+}
+
+}  // namespace FullWaveform

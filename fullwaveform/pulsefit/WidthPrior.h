@@ -1,0 +1,31 @@
+#pragma once
+
+namespace FullWaveform {
+
+/// How the variance v that is added to a pulse is distributed: a normal scatter plus an exponential widening,
+/// because sloping surfaces widen an echo and nothing narrows it.
+///
+/// Energies are -2 ln of the density (the exponentially modified Gaussian), 0 at v = 0.
+class WidthPrior {
+ public:
+  struct Energy {
+    double value;
+    double slope;
+    double curvature;  ///< never negative: the density is log-concave
+  };
+
+  /// @param spread    standard deviation of the scatter, > 0
+  /// @param widening  mean of the exponential distribution, >= 0
+  WidthPrior(double spread, double widening);
+
+  [[nodiscard]] Energy at(double variance) const;
+
+ private:
+  [[nodiscard]] Energy unnormalised(double variance) const;
+
+  double spread;
+  double widening;
+  double atZero = 0.0;
+};
+
+}  // namespace FullWaveform

@@ -1,0 +1,137 @@
+#include <fullwaveform/pulsefit/PulseKernels.h>
+
+#include <array>
+#include <cstddef>
+#include <random>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace FullWaveform {
+namespace {
+
+using Values = std::vector<double>;
+
+constexpr std::size_t count = 24;
+
+Values randomValues(unsigned int seed, std::size_t size = count + 16) {
+  std::mt19937 random(seed);
+  std::uniform_real_distribution<double> uniform(-1.0, 1.0);
+  Values values(size);
+  for (double& value : values) {
+    value = uniform(random);
+  }
+  return values;
+}
+
+class PulseKernelsTest : public testing::TestWithParam<InstructionSet> {
+ protected:
+  void SetUp() override {
+    if (!isAvailable(GetParam())) {
+      GTEST_SKIP() << "this machine does not have the instruction set";
+    }
+  }
+
+  [[nodiscard]] PulseKernels const& kernels() const { return pulseKernels(GetParam()); }
+};
+
+INSTANTIATE_TEST_SUITE_P(InstructionSets, PulseKernelsTest,
+                         testing::Values(InstructionSet::Baseline, InstructionSet::Avx2));
+
+struct Columns {
+  Values value = Values(count + 16);
+  Values byLag = Values(count + 16);
+  Values byVariance = Values(count + 16);
+
+  PulseColumns pointers() { return {value.data(), byLag.data(), byVariance.data()}; }
+};
+
+Columns randomColumns(unsigned int seed) {
+  return {randomValues(seed), randomValues(seed + 1), randomValues(seed + 2)};
+}
+
+TEST_P(PulseKernelsTest, InterpolateSumsTheSeries) {
+  std::array<Values, 5> const rows{randomValues(1), randomValues(2), randomValues(3), randomValues(4),
+                                   randomValues(5)};
+  PulseTable::Place const place{
+      0,
+      count,
+      {rows[0].data(), rows[1].data(), rows[2].data(), rows[3].data(), rows[4].data()},
+      {1.0, 0.5, -0.25, 0.125, 2.0}};
+  Columns columns;
+  kernels().interpolate(place, 3, count, columns.pointers());
+  for (std::size_t i = 0; i < count; ++i) {
+    auto const row = [&](std::size_t order) { return rows[order][i + 3]; };
+    EXPECT_NEAR(columns.value[i], row(0) + 0.5 * row(1) - 0.25 * row(2) + 0.125 * row(3) + 2.0 * row(4),
+                1e-15);
+    EXPECT_NEAR(columns.byLag[i], row(1) + 0.5 * row(2) - 0.25 * row(3) + 0.125 * row(4), 1e-15);
+    EXPECT_NEAR(columns.byVariance[i], 0.5 * (row(2) + 0.5 * row(3) - 0.25 * row(4)), 1e-15);
+  }
+}
+
+TEST_P(PulseKernelsTest, AddAndSubtract) {
+  Values model(count, 1.0);
+  Values const pulse = randomValues(7);
+  kernels().add(3.0, pulse.data(), count, model.data());
+  Values const signal = randomValues(8);
+  Values const weights = randomValues(9);
+  Values residual(count);
+  double expected = 0.0;
+  double const squares =
+      kernels().subtract(signal.data(), model.data(), weights.data(), count, residual.data());
+  for (std::size_t i = 0; i < count; ++i) {
+    EXPECT_DOUBLE_EQ(model[i], 1.0 + 3.0 * pulse[i]);
+    EXPECT_DOUBLE_EQ(residual[i], signal[i] - model[i]);
+    expected += weights[i] * residual[i] * residual[i];
+  }
+  EXPECT_NEAR(squares, expected, 1e-12);
+}
+
+TEST_P(PulseKernelsTest, WeighAndMultiply) {
+  Columns plain = randomColumns(11);
+  Columns other = randomColumns(21);
+  Columns weighted;
+  Values const weights = randomValues(31);
+  Values const residual = randomValues(32);
+  EchoProducts const products =
+      kernels().weigh(plain.pointers(), weights.data(), residual.data(), count, weighted.pointers());
+  double sums[9];
+  kernels().multiply(weighted.pointers(), other.pointers(), count, sums);
+  Values const* const plainColumns[3] = {&plain.byLag, &plain.value, &plain.byVariance};
+  Values const* const otherColumns[3] = {&other.byLag, &other.value, &other.byVariance};
+  for (std::size_t a = 0; a < 3; ++a) {
+    double sum = 0.0;
+    double withResidual = 0.0;
+    double withOther[3] = {};
+    for (std::size_t i = 0; i < count; ++i) {
+      double const value = weights[i] * (*plainColumns[a])[i];
+      sum += value;
+      withResidual += value * residual[i];
+      for (std::size_t b = 0; b < 3; ++b) {
+        withOther[b] += value * (*otherColumns[b])[i];
+      }
+    }
+    EXPECT_NEAR(products.sums[a], sum, 1e-13);
+    EXPECT_NEAR(products.residuals[a], withResidual, 1e-13);
+    for (std::size_t b = 0; b < 3; ++b) {
+      EXPECT_NEAR(sums[3 * a + b], withOther[b], 1e-13);
+    }
+  }
+}
+
+TEST_P(PulseKernelsTest, Correlate) {
+  Values const values = randomValues(41, count + 5 + 8);
+  Values const taps = randomValues(42, 5);
+  Values scores(count);
+  kernels().correlate(values.data(), taps.data(), taps.size(), count, scores.data());
+  for (std::size_t i = 0; i < count; ++i) {
+    double expected = 0.0;
+    for (std::size_t j = 0; j < taps.size(); ++j) {
+      expected += taps[j] * values[i + j];
+    }
+    EXPECT_NEAR(scores[i], expected, 1e-14);
+  }
+}
+
+}  // namespace
+}  // namespace FullWaveform
