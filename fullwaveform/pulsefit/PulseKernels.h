@@ -3,7 +3,7 @@
 #include <cstddef>
 
 #include <fullwaveform/fitting/InstructionSet.h>
-#include <fullwaveform/fitting/leastsquares/GaussianKernels.h>
+#include <fullwaveform/fitting/LaneCount.h>
 #include <fullwaveform/pulsefit/PulseTable.h>
 
 namespace FullWaveform {

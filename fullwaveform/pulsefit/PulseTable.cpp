@@ -5,7 +5,7 @@
 #include <complex>
 #include <numbers>
 
-#include <fullwaveform/fitting/leastsquares/GaussianKernels.h>
+#include <fullwaveform/fitting/LaneCount.h>
 
 namespace FullWaveform {
 namespace {

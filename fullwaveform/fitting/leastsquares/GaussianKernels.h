@@ -3,15 +3,12 @@
 #include <cstddef>
 
 #include <fullwaveform/fitting/InstructionSet.h>
+#include <fullwaveform/fitting/LaneCount.h>
 #include <fullwaveform/fitting/leastsquares/GaussianSum.h>
 
 namespace FullWaveform {
 
-/// Kernels process eight doubles at a time on every machine: with the number of lanes and the order of every
-/// sum fixed, all instruction sets give the same digits. The length of columns is a multiple of it.
-inline constexpr std::size_t laneCount = 8;
-
-/// The columns of a sum of Gaussians in memory.
+/// The columns of a sum of Gaussians in memory. Their length is a multiple of `laneCount`.
 struct GaussianColumns {
   double const* signal;
   double* first;

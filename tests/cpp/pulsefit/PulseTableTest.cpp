@@ -54,8 +54,8 @@ TEST(PulseTable, WidensAGaussianAsTheClosedForm) {
       Values const expected = widenedGaussian(place.first + i - position, variance);
       Values const found = valuesAt(place, i);
       ASSERT_NEAR(found.value, expected.value, 2e-5) << position << " " << variance;
-      // The omitted term is the fifth derivative, 6 / width^5 at most, times half the square of half the variance
-      // to the next node, 0.025 (width^2): 3e-4 at a width of 1.7 samples.
+      // The omitted term is the fifth derivative, 6 / width^5 at most, times half the square of half the
+      // variance to the next node, 0.025 (width^2): 3e-4 at a width of 1.7 samples.
       ASSERT_NEAR(found.byLag, expected.byLag, 3e-4) << position << " " << variance;
       ASSERT_NEAR(found.byVariance, expected.byVariance, 5e-4) << position << " " << variance;
     }
