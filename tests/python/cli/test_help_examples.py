@@ -30,7 +30,8 @@ def files(tmp_path_factory: pytest.TempPathFactory) -> Path:
     folder = tmp_path_factory.mktemp("files")
     scan = folder / "scan.las"
     assert run("simulate", scan, "--shots", "1500").exit_code == 0
-    assert run("extract", scan, "-o", folder / "echoes.las", "--threshold", "20").exit_code == 0
+    for name in ("echoes.las", "echoes.csv"):
+        assert run("extract", scan, "-o", folder / name, "--threshold", "20").exit_code == 0
     time = np.arange(0.0, 40.0)  # ns
     pulse = np.round(5000.0 * np.exp(-0.5 * ((time - 12.0) / 1.6) ** 2), 1)
     lines = [f"{t:g}, {a:g}" for t, a in zip(time, pulse, strict=True)]

@@ -1,0 +1,1 @@
+"""Reading echoes and discrete returns from files of any format, block by block."""
