@@ -21,6 +21,7 @@ from fullwaveform.io.las.compression import (
 )
 from fullwaveform.io.las.points import WAVEFORM_POINT_FORMATS, open_las
 from fullwaveform.io.limits import SURVEY_CHUNK
+from fullwaveform.io.run_record import read_run_records
 
 _ECHO_DIMENSION = "echo_type"  # of extracted echoes, which may have packets as well
 _SOFTWARE = "fullwaveform"  # that writes the amplitude in counts as the intensity
@@ -36,8 +37,10 @@ def las_echo_file(path: Path) -> EchoFile:
     with _opened(path) as reader:
         names = set(reader.header.point_format.extra_dimension_names)
         has_packets = reader.header.point_format.id in WAVEFORM_POINT_FORMATS
+        recorded = read_run_records(reader.header.vlrs) or {}
     has_returns = has_packets and _ECHO_DIMENSION not in names
-    return EchoFile(path, has_returns, partial(_blocks, path, has_packets, has_returns))
+    settings = {key: str(value) for key, value in recorded.items()}
+    return EchoFile(path, has_returns, partial(_blocks, path, has_packets, has_returns), settings)
 
 
 def _opened(path: Path) -> laspy.LasReader:

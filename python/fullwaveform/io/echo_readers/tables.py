@@ -21,9 +21,9 @@ from numpy.lib import format as npy
 from fullwaveform.data.arrays import AnyArray, RecordArray
 from fullwaveform.data.echo_records import EchoFile, unknown_records
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.base import RUN_METADATA_KEY
 from fullwaveform.io.echo_readers.quantities import QUANTITY_COLUMNS, fill_quantities
 from fullwaveform.io.limits import SURVEY_CHUNK
+from fullwaveform.io.run_record import RUN_METADATA_KEY
 
 _COLUMNS = frozenset({"x", "y", "z", "gps_time", "echo_number"}) | QUANTITY_COLUMNS
 _CSV_BYTES = 1 << 24  # per block; a line has 100 to 400 bytes
