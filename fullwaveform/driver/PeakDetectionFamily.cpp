@@ -115,9 +115,8 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
                                       Kestra::MultiArray<1, double> const& sblTimes,
                                       ChannelFlags const& channelFlags, int const& noise,
                                       std::string const& hostText) {
-  std::vector<int> noises(waveforms ? waveforms->rows() : 0, noise);
-  return apply(waveforms, counts, shotTimes, sblTimes, channelFlags,
-               Kestra::MultiArray<1, int>(std::move(noises)), hostText);
+  std::vector<int> const noises(waveforms ? waveforms->rows() : 0, noise);
+  return apply(waveforms, counts, shotTimes, sblTimes, channelFlags, std::span(noises), hostText);
 }
 
 template <class T>
@@ -125,8 +124,7 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
                                       Kestra::MultiArray<1, unsigned short> const& counts,
                                       Kestra::MultiArray<1, double> const& shotTimes,
                                       Kestra::MultiArray<1, double> const& sblTimes,
-                                      ChannelFlags const& channelFlags,
-                                      Kestra::MultiArray<1, int> const& noises,
+                                      ChannelFlags const& channelFlags, std::span<int const> noises,
                                       std::string const& /*hostText*/) {
   if (!waveforms) {
     Holdex::SpeakPtr::report("PeakDetectionFamily::apply: empty pointer to the waveforms");

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <span>
 #include <string>
 
 #include <fullwaveform/Export.h>
@@ -83,7 +84,7 @@ class PeakDetectionFamily {
                                     Kestra::MultiArray<1, double> const& shotTimes,
                                     Kestra::MultiArray<1, double> const& sblTimes,
                                     Kestra::MultiArray<1, unsigned char> const& channelFlags,
-                                    Kestra::MultiArray<1, int> const& noises, std::string const& hostText);
+                                    std::span<int const> noises, std::string const& hostText);
 
   /// Report of the last block given to `apply`.
   [[nodiscard]] BlockReport const& lastBlock() const { return report; }

@@ -3,6 +3,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -84,7 +85,7 @@ struct BlockArrays {
   FullWaveform::ShotMap extract(Driver& driver, std::string const& text) const {
     return driver.apply(viewOf(samples), columnView<unsigned short>(counts), columnView(shotTimes),
                         columnView(sblTimes), columnView<unsigned char>(channelFlags),
-                        columnView<int>(noises), text);
+                        std::span<int const>(noises.data(), noises.shape(0)), text);
   }
 };
 

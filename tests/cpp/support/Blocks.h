@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -41,8 +42,7 @@ struct Block {
   ShotMap run(Driver& driver, std::vector<int> const& noises) const {
     return driver.apply(waveforms, Kestra::MultiArray<1, unsigned short>(counts),
                         Kestra::MultiArray<1, double>(shotTimes), Kestra::MultiArray<1, double>(sblTimes),
-                        Kestra::MultiArray<1, unsigned char>(channelFlags),
-                        Kestra::MultiArray<1, int>(noises), "block");
+                        Kestra::MultiArray<1, unsigned char>(channelFlags), std::span(noises), "block");
   }
 };
 
