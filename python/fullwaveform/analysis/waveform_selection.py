@@ -9,8 +9,8 @@ import numpy as np
 
 from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
-from fullwaveform.data.columns import take_rows
 from fullwaveform.io.base import WaveformReader
+from fullwaveform.io.block_range import PendingBlock
 
 TIME_TOLERANCE = 1e-6  # s
 
@@ -32,7 +32,7 @@ class SelectedShot:
 
 
 def find_shot(reader: WaveformReader, selector: Selector, value: float) -> SelectedShot:
-    """Read blocks up to the shot; one block is in memory at a time.
+    """Read the samples of one shot; of the others only what identifies them.
 
     Parameters
     ----------
@@ -47,20 +47,20 @@ def find_shot(reader: WaveformReader, selector: Selector, value: float) -> Selec
     """
     waveforms = shots = 0
     nearest = np.nan
-    for block in reader.blocks():
-        first = _first_rows(block)
+    for numbers, block in reader.unread_blocks():
         if selector is Selector.WAVEFORM:
-            found = np.flatnonzero(block.waveform_numbers == value)
-            if len(found):
-                return _shot_of(block, int(found[0]), only_row=True)
-        elif selector is Selector.SHOT and shots <= value < shots + len(first):
-            return _shot_of(block, int(first[int(value) - shots]))
-        elif selector is Selector.TIME:
-            row, nearest = _nearest(block.attributes.gps_time, value, nearest)
+            if waveforms <= value < waveforms + block.waveforms:
+                return _shot_of(numbers, block, int(value) - waveforms, only_row=True)
+        elif selector is Selector.SHOT:
+            first = _first_rows(block.shots()[0])
+            if shots <= value < shots + len(first):
+                return _shot_of(numbers, block, int(first[int(value) - shots]))
+            shots += len(first)
+        else:
+            row, nearest = _nearest(block.shots()[1], value, nearest)
             if row is not None:
-                return _shot_of(block, row)
-        waveforms += len(block)
-        shots += len(first)
+                return _shot_of(numbers, block, row)
+        waveforms += block.waveforms
     if selector is Selector.TIME:
         known = f"nearest shot: {nearest!r} s" if np.isfinite(nearest) else "no shot has a time"
         raise ValueError(f"{reader.path}: no shot at {value!r} s; {known}")
@@ -69,9 +69,9 @@ def find_shot(reader: WaveformReader, selector: Selector, value: float) -> Selec
     raise ValueError(f"{reader.path}: no {kind} {value:g}; {known}")
 
 
-def _first_rows(block: WaveformBlock) -> IntArray:
+def _first_rows(shots: FloatArray) -> IntArray:
     """First row of each shot of the block, ascending."""
-    return np.sort(np.unique(block.shot_times, return_index=True)[1])
+    return np.sort(np.unique(shots, return_index=True)[1])
 
 
 def _nearest(times: FloatArray, time: float, nearest: float) -> tuple[int | None, float]:
@@ -85,7 +85,11 @@ def _nearest(times: FloatArray, time: float, nearest: float) -> tuple[int | None
     return (row if abs(found - time) <= TIME_TOLERANCE else None), nearest
 
 
-def _shot_of(block: WaveformBlock, row: int, *, only_row: bool = False) -> SelectedShot:
-    rows = np.flatnonzero(block.shot_times == block.shot_times[row])
+def _shot_of(
+    numbers: IntArray, block: PendingBlock, row: int, *, only_row: bool = False
+) -> SelectedShot:
+    shots, _ = block.shots()
+    rows = np.flatnonzero(shots == shots[row])  # consecutive
+    part = slice(int(rows[0]), int(rows[-1]) + 1)
     selected = np.flatnonzero(rows == row) if only_row else np.arange(len(rows))
-    return SelectedShot(take_rows(block, rows), selected)
+    return SelectedShot(block.read(part, numbers[part]), selected)

@@ -5,12 +5,11 @@ from __future__ import annotations
 from abc import abstractmethod
 from collections.abc import Iterator
 from dataclasses import dataclass, fields
-from functools import partial
 from typing import Protocol
 
 import numpy as np
 
-from fullwaveform.data.arrays import AnyArray, BoolArray, IntArray, UInt16Array
+from fullwaveform.data.arrays import AnyArray, BoolArray, FloatArray, IntArray, UInt16Array
 from fullwaveform.data.blocks import (
     OutgoingPulses,
     PulseGeometry,
@@ -92,10 +91,19 @@ class ArrayReader(WaveformReader):
             rows = np.concatenate([rows, start + np.flatnonzero(usable)])
             times = np.concatenate([times, self._read(self._columns.shot_times, chunk)[usable]])
             while (cut := last_cut(times, limit)) < len(rows):
-                yield PendingBlock(cut, partial(self._block, rows[:cut]))
+                yield self._pending(rows[:cut], times[:cut])
                 rows, times = rows[cut:], times[cut:]
         if len(rows) > 0:
-            yield PendingBlock(len(rows), partial(self._block, rows))
+            yield self._pending(rows, times)
+
+    def _pending(self, rows: IntArray, times: FloatArray) -> PendingBlock:
+        def read(part: slice, numbers: IntArray) -> WaveformBlock:
+            return self._block(rows[part], numbers)
+
+        def shots() -> tuple[FloatArray, FloatArray]:
+            return times, self._rows_in_parts(self._columns.gps_time, rows)
+
+        return PendingBlock(len(rows), read, shots)
 
     def _window(self, points: slice) -> WaveformBlock | None:
         self._check_values(points)

@@ -15,7 +15,7 @@ import laspy
 import numpy as np
 
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.arrays import UInt8Array
+from fullwaveform.data.arrays import IntArray, UInt8Array
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.data.errors import WaveformFileError
@@ -163,6 +163,19 @@ class WaveformReader(ABC):
         """
         self._check_open()
         return sum(1 for _ in self._pending_blocks(ReadTally()))
+
+    def unread_blocks(self) -> Iterator[tuple[IntArray, PendingBlock]]:
+        """Yield the blocks before their samples are read, with the numbers of their waveforms.
+
+        An iteration in progress and its tally are not affected. Raises as `blocks`, but does not
+        check whether waveforms were unreadable.
+        """
+        self._check_open()
+        first = 0
+        for block in self._pending_blocks(ReadTally()):
+            raise_if_requested()
+            yield first + np.arange(block.waveforms, dtype=np.int64), block
+            first += block.waveforms
 
     def spread_blocks(self) -> Iterator[WaveformBlock]:
         """Yield waveforms spread over the file, to measure what holds for all of it.

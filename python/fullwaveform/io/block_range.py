@@ -16,7 +16,10 @@ class PendingBlock:
     """A block of whole shots whose samples have not been read yet."""
 
     waveforms: int
-    read: Callable[[IntArray], WaveformBlock]  # takes the running numbers of the waveforms
+    #: Reads some of its rows, whole shots; takes the running numbers of their waveforms.
+    read: Callable[[slice, IntArray], WaveformBlock]
+    #: Identifier of the shot of each waveform, and its GPS time.
+    shots: Callable[[], tuple[FloatArray, FloatArray]]
 
 
 class BlockRange:
@@ -70,7 +73,7 @@ class BlockRange:
             if not inside:
                 self._before = self.total.copy()
                 continue
-            yield block.read(numbers)
+            yield block.read(slice(0, block.waveforms), numbers)
             if self._stop is not None and number + 1 == self._stop:
                 self._end = self.total.copy()
         self._end = None

@@ -3,11 +3,14 @@
 from __future__ import annotations
 
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import pytest
 
 from fullwaveform.analysis.waveform_selection import SelectedShot, Selector, find_shot
+from fullwaveform.io.container.writer import ScanContainerWriter
+from fullwaveform.io.las.waveform_packets import PacketData
 from fullwaveform.io.opening import open_waveforms
 
 from ..support.las_scenes import Point, Scene
@@ -79,10 +82,43 @@ def test_file_without_waveforms(tmp_path: Path) -> None:
         find(path, Selector.TIME, 1.0)
 
 
-def test_no_block_is_read_after_the_one_with_the_shot(scan: Path) -> None:
-    with open_waveforms(scan, waveforms_per_block=1) as reader:
-        find_shot(reader, Selector.WAVEFORM, 0)
-        assert reader.tally.waveforms == 1
+def test_only_the_packets_of_the_shot_are_read(scan: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    read: list[int] = []
+    original = PacketData.read
+
+    def counting(packets: PacketData, offsets: np.ndarray, *rest: Any) -> Any:
+        read.extend(offsets.tolist())
+        return original(packets, offsets, *rest)
+
+    monkeypatch.setattr(PacketData, "read", counting)
+    find(scan, Selector.WAVEFORM, 3, 100)
+    find(scan, Selector.SHOT, 1, 100)
+    find(scan, Selector.TIME, 100.0, 100)
+    # PacketData of four bytes follow a header of 60 bytes.
+    assert read == [60 + 4 * number for number in (3, 1, 2, 0)]
+
+
+@pytest.mark.parametrize("suffix", ["h5", "npz", "las"])
+@pytest.mark.parametrize("size", [2, 100])
+def test_the_shot_is_that_of_its_block(scan: Path, tmp_path: Path, suffix: str, size: int) -> None:
+    path = scan
+    if suffix == "h5":
+        path = tmp_path / "scan.h5"
+        with open_waveforms(scan) as reader, ScanContainerWriter(path, reader.header) as writer:
+            for block in reader.blocks():
+                writer.write(block)
+    elif suffix == "npz":
+        path = tmp_path / "scan.npz"
+        with open_waveforms(scan) as reader:
+            (block,) = reader.blocks()
+        np.savez(
+            path,
+            samples=block.samples,
+            sampling_interval=1e-9,
+            shot_time=block.shot_times,
+        )
+    for number, first in ((1, [1, 2]), (3, [4])):
+        assert first_samples(find(path, Selector.SHOT, number, size)) == (first, first)
 
 
 def test_all_columns_of_the_shot_are_selected(scan: Path) -> None:

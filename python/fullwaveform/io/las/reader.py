@@ -5,7 +5,6 @@ from __future__ import annotations
 import os
 from collections.abc import Iterator, Mapping
 from dataclasses import dataclass
-from functools import partial
 
 import laspy
 import numpy as np
@@ -140,7 +139,17 @@ class LasWaveformReader(WaveformReader):
         return self._block(kept, pulses, run, numbers) if len(kept) > 0 else None
 
     def _pending(self, points: Points, pulses: PulsePoints, run: _Iteration) -> PendingBlock:
-        return PendingBlock(len(points), partial(self._block, points, pulses, run))
+        def read(part: slice, numbers: IntArray) -> WaveformBlock:
+            _, following = pulses.split(part.start)
+            of_part, _ = following.split(part.stop - part.start)
+            return self._block(points[part], of_part, run, numbers)
+
+        def shots() -> tuple[FloatArray, FloatArray]:
+            times: FloatArray = points["gps_time"].astype(np.float64)
+            alone = np.arange(len(points), dtype=np.float64)
+            return alone if run.surveyed.without_times else times, times
+
+        return PendingBlock(len(points), read, shots)
 
     def _prepare(self, surveyed: Survey, tally: ReadTally) -> _Iteration:
         for index in surveyed.descriptors:

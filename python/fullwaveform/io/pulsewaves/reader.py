@@ -5,12 +5,11 @@ from __future__ import annotations
 import os
 from collections.abc import Iterator, Mapping
 from contextlib import ExitStack
-from functools import partial
 
 import laspy
 import numpy as np
 
-from fullwaveform.data.arrays import IntArray, UInt16Array
+from fullwaveform.data.arrays import FloatArray, IntArray, UInt16Array
 from fullwaveform.data.blocks import OutgoingPulses, ReadTally, WaveformBlock
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
@@ -115,7 +114,18 @@ class PulseWavesReader(WaveformReader):
         run = self._prepare(survey(self._pulses))
         tally.notes += self._notes_on(run)
         for segments in run.blocks(self._waveforms_per_block, tally):
-            yield PendingBlock(len(segments), partial(self._block, segments, run))
+            yield self._pending(segments, run)
+
+    def _pending(self, segments: Segments, run: Selection) -> PendingBlock:
+        def read(part: slice, numbers: IntArray) -> WaveformBlock:
+            return self._block(segments[part], run, numbers)
+
+        def shots() -> tuple[FloatArray, FloatArray]:
+            pulses = self._pulses.take(segments["pulse"])
+            identifiers = shot_times(pulses, segments["pulse"], self._pulses, run.surveyed)
+            return identifiers, self._pulses.times(pulses)
+
+        return PendingBlock(len(segments), read, shots)
 
     def _window(self, points: slice) -> WaveformBlock | None:
         run = self._prepare(survey_of(self._pulses[points], self._pulses))
