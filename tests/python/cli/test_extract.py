@@ -85,10 +85,17 @@ def test_las_to_las_and_csv_hold_the_same_echoes(scan: Path) -> None:
     np.testing.assert_array_equal(las["return_number"], text["echo_number"])
     np.testing.assert_array_equal(las["number_of_returns"], text["echo_count"])
     np.testing.assert_array_equal(las["intensity"], np.rint(text["amplitude"]))
-    np.testing.assert_array_equal(las["echo_type"], text["echo_type"])
+    for name in ("echo_type", "classification", *EXTRA[-4:]):
+        np.testing.assert_array_equal(las[name], text[name])
     for name in ("amplitude", "amplitude_db", "amplitude_library_db", "sigma_ns", "fwhm_ns"):
         np.testing.assert_allclose(las[name], text[name], rtol=1e-6)
-    assert names(scan.parent) == ["echoes.csv", "echoes.las", "scan.las", "scan.wdp"]
+    assert names(scan.parent) == [
+        "echoes.csv",
+        "echoes.csv-metadata.json",
+        "echoes.las",
+        "scan.las",
+        "scan.wdp",
+    ]
 
 
 def test_input_is_not_changed(scan: Path, original: Path) -> None:

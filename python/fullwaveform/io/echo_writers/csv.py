@@ -2,7 +2,8 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+import os
+from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
 
 import numpy as np
@@ -10,18 +11,26 @@ import pyarrow as pa
 import pyarrow.csv
 
 from fullwaveform.data.echo_columns import EchoTable, echo_schema, echo_table_to_arrow
-from fullwaveform.io.atomic import OutputFile
+from fullwaveform.io.atomic import OutputFile, atomic_open
 from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.echo_writers.csv_metadata import metadata_path, metadata_text
 
 
 class CsvEchoWriter(EchoWriter):
     """Writes echoes to a CSV file.
 
     One header line, one line per echo; numbers as the shortest text that reads back to the same
-    value, ``nan`` for NaN.
+    value, ``nan`` for NaN. With `metadata`, which says how the echoes were made, they are written
+    with unit and meaning of the columns to a second file, whose name ends in ``-metadata.json``.
     """
 
     _writer: pa.csv.CSVWriter
+
+    def __init__(
+        self, path: str | os.PathLike[str], metadata: Mapping[str, str] | None = None
+    ) -> None:
+        super().__init__(path)
+        self._metadata = metadata
 
     def _append(self, echoes: EchoTable, stream: OutputFile) -> None:
         self._writer.write_table(echo_table_to_arrow(echoes))
@@ -29,6 +38,18 @@ class CsvEchoWriter(EchoWriter):
 
     @contextmanager
     def _content(self, stream: OutputFile) -> Iterator[None]:
+        if self._metadata is None:
+            with self._table(stream):
+                yield
+            return
+        with atomic_open(metadata_path(self.path)) as description:
+            description.write(metadata_text(self.path, self._metadata).encode())
+            with self._table(stream):
+                yield
+            stream.check()  # no metadata without their table
+
+    @contextmanager
+    def _table(self, stream: OutputFile) -> Iterator[None]:
         schema = echo_schema()
         # The header line is written here because pyarrow would put its names in quotes.
         stream.write((",".join(schema.names) + "\n").encode("ascii"))

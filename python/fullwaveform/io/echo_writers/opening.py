@@ -11,6 +11,7 @@ from typing import Any
 import laspy
 
 from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.reference_system import reference_system
 
 # Ending -> module and class. Writers are imported on demand, because each loads another library.
 _WRITERS = {
@@ -23,7 +24,8 @@ _WRITERS = {
     ".txt": ("ascii", "AsciiEchoWriter"),
 }
 _WITH_HEADER = (".las", ".laz")
-_WITH_METADATA = (".parquet", ".h5", ".hdf5")
+_LAYERS = (".parquet",)  # which mapping programs read
+_WITH_METADATA = (*_LAYERS, ".csv", ".h5", ".hdf5")
 #: Endings of the files of echoes that can be written.
 ECHO_ENDINGS = tuple(_WRITERS)
 
@@ -44,7 +46,8 @@ def open_echo_file(
     header
         LAS header of the input, if it has one; used for LAS files of echoes.
     metadata
-        How the echoes were made, for formats that store it (LAS, Parquet and HDF5).
+        How the echoes were made, for formats that store it: all but the ASCII export. Tables also
+        get the coordinate reference system of the header, as WKT.
     carry
         Whether LAS points have class and extra dimensions of the discrete returns of the input.
 
@@ -55,10 +58,16 @@ def open_echo_file(
     """
     ending = Path(path).suffix.lower()
     writer_class = _writer_class(Path(path))
+    arguments: tuple[Any, ...] = (path,)
+    options = {"carry": carry} if ending in _WITH_HEADER else {}
     if ending in _WITH_HEADER:
-        writer: EchoWriter = writer_class(path, header, metadata, carry=carry)
-    else:
-        writer = writer_class(path, metadata) if ending in _WITH_METADATA else writer_class(path)
+        arguments = (path, header, metadata)
+    elif ending in _WITH_METADATA:
+        system = reference_system(header)
+        if metadata is not None and system is not None:
+            metadata = {**metadata, "crs": system.to_wkt()}
+        arguments = (path, metadata, system) if ending in _LAYERS else (path, metadata)
+    writer: EchoWriter = writer_class(*arguments, **options)
     return writer
 
 

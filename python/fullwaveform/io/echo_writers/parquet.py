@@ -5,12 +5,14 @@ from __future__ import annotations
 import os
 from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
+from typing import Any
 
 import pyarrow as pa
 import pyarrow.parquet
 
 from fullwaveform.data.echo_columns import echo_schema
 from fullwaveform.io.atomic import OutputFile
+from fullwaveform.io.echo_writers.geoparquet import with_geometry, with_points
 from fullwaveform.io.echo_writers.row_groups import GroupedEchoWriter
 from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text
 
@@ -22,14 +24,18 @@ class ParquetEchoWriter(GroupedEchoWriter):
     """Writes echoes to a Parquet file.
 
     The metadata of each column has its unit and description, that of the file `metadata`, which
-    says how the echoes were made, as JSON under the key ``fullwaveform``. Equal echoes give equal
-    bytes, however they are divided into tables.
+    says how the echoes were made, as JSON under the key ``fullwaveform``. With the coordinate
+    reference system, an object of pyproj, the file is a GeoParquet file with a column of points.
+    Equal echoes give equal bytes, however they are divided into tables.
     """
 
     _writer: pa.parquet.ParquetWriter
 
     def __init__(
-        self, path: str | os.PathLike[str], metadata: Mapping[str, str] | None = None
+        self,
+        path: str | os.PathLike[str],
+        metadata: Mapping[str, str] | None = None,
+        system: Any | None = None,
     ) -> None:
         super().__init__(path, ROWS_PER_GROUP)
         self._schema = echo_schema()
@@ -37,6 +43,9 @@ class ParquetEchoWriter(GroupedEchoWriter):
             self._schema = self._schema.with_metadata(
                 {RUN_METADATA_KEY: run_metadata_text(metadata)}
             )
+        self._is_layer = system is not None
+        if self._is_layer:
+            self._schema = with_geometry(self._schema, system)
 
     @contextmanager
     def _content(self, stream: OutputFile) -> Iterator[None]:
@@ -46,6 +55,7 @@ class ParquetEchoWriter(GroupedEchoWriter):
 
     def _write_groups(self, groups: Iterator[pa.Table]) -> None:
         for group in groups:
+            group = with_points(group) if self._is_layer else group
             self._writer.write_table(
                 group.replace_schema_metadata(self._schema.metadata), len(group)
             )

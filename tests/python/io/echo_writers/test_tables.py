@@ -135,8 +135,7 @@ def test_run_metadata_is_stored_if_given(tmp_path: Path) -> None:
     with h5py.File(written(tmp_path / "e.h5", by_hand(), metadata=METADATA)) as file:
         assert json.loads(file.attrs["fullwaveform"]) == METADATA
     (tmp_path / "e.h5").unlink()
-    for ending in (".las", ".csv", ".txt"):  # formats without metadata
-        written(tmp_path / f"e{ending}", echo_table([2]), metadata=METADATA).unlink()
+    written(tmp_path / "e.txt", echo_table([2]), metadata=METADATA)  # a format without metadata
 
 
 @pytest.fixture

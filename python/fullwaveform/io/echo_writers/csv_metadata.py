@@ -1,0 +1,42 @@
+"""The metadata file of a CSV file, as the W3C's "Metadata Vocabulary for Tabular Data" has it."""
+
+from __future__ import annotations
+
+import json
+from collections.abc import Mapping
+from pathlib import Path
+
+import numpy as np
+
+from fullwaveform.data.echo_columns import table_columns
+from fullwaveform.io.run_record import RUN_METADATA_KEY
+
+_CONTEXT = "http://www.w3.org/ns/csvw"
+
+
+def metadata_path(path: Path) -> Path:
+    """Where programs look for the metadata of a CSV file."""
+    return path.with_name(f"{path.name}-metadata.json")
+
+
+def metadata_text(path: Path, run: Mapping[str, str]) -> str:
+    """Columns with unit and meaning, and how the echoes were made."""
+    columns = [
+        {
+            "name": column.name,
+            "titles": column.name,
+            "datatype": "integer" if np.issubdtype(column.dtype, np.integer) else "number",
+            "dc:description": column.description,
+            "schema:unitText": column.unit,
+        }
+        for column in table_columns()
+    ]
+    content = {
+        "@context": _CONTEXT,
+        "url": path.name,
+        "dialect": {"header": True},
+        "null": "nan",
+        "tableSchema": {"columns": columns},
+        "notes": [{RUN_METADATA_KEY: dict(run)}],
+    }
+    return json.dumps(content, indent=2) + "\n"
