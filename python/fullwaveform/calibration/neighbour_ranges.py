@@ -91,6 +91,8 @@ def single_echo_ranges(block: WaveformBlock, time: FloatArray, threshold: int) -
         echo[shot[row]] = block.sbl_times[row] + peaks["idx"] * interval
     single = (echoes == 1) & np.isfinite(echo) & np.isfinite(time[first])
     return NeighbourRanges(
-        np.flatnonzero(single), echo[single], time[first][single],
+        np.flatnonzero(single),
+        echo[single],
+        time[first][single],
         block.sampling_intervals[first][single],
     )

@@ -1,27 +1,24 @@
 """When the outgoing pulse of each shot left, against the grid of the digitiser.
 
-A digitiser starts its grid at whole samples, while the pulse leaves at any phase between two. Ranges
-that count from the grid then scatter by that phase, up to half a sample. The recorded outgoing
-pulse shows the phase. Whether a file needs the correction depends on what its durations already
-hold: nothing, whole samples, or the phase itself. This is decided by the ranges of the file.
+A digitiser starts its grid at whole samples, while the pulse leaves at any phase between two.
+Ranges that count from the grid scatter by that phase, up to half a sample. The recorded outgoing
+pulse shows it. Whether a file needs the correction depends on what its durations already hold:
+nothing, the whole samples, or the phase, too. This is decided by the ranges of the file.
 """
 
 from __future__ import annotations
 
 from collections.abc import Sequence
 from dataclasses import dataclass
-from typing import Literal, get_args
+from typing import Literal
 
 import numpy as np
 
 from fullwaveform.calibration.neighbour_ranges import NeighbourRanges, single_echo_ranges
 from fullwaveform.calibration.outgoing_template import OutgoingTemplate, mean_outgoing_pulse
+from fullwaveform.calibration.phase_choice import PhaseChoice
 from fullwaveform.data.arrays import FloatArray
 from fullwaveform.data.blocks import OutgoingPulses, WaveformBlock
-
-#: Whether the phase is taken off: by the scatter of the ranges, always, or never.
-PhaseChoice = Literal["auto", "on", "off"]
-PHASE_CHOICES: tuple[PhaseChoice, ...] = get_args(PhaseChoice)
 
 MIN_PAIRS = 200
 _MAX_SHARE = 0.8  # of the scatter, that must not be exceeded for the correction to be applied
@@ -52,24 +49,31 @@ class OutgoingPhase:
         """Whether positions are corrected."""
         return self.form != "none"
 
+    def result(self) -> str:
+        """The decision, for a summary."""
+        return {"none": "not taken off", "phase": "taken off"}.get(self.form, "whole time off")
+
     def reason(self) -> str:
-        """What the decision was based on, for a summary."""
+        """What the decision was based on, for a summary: ranges of neighbouring shots."""
         if self.template is None:
             return "too few usable outgoing pulses"
         if self.scatter_without is None or self.scatter_with is None:
             return f"{self.pairs} neighbouring single-echo ranges; at least {MIN_PAIRS} needed"
         return (
-            f"ranges of neighbouring shots scatter by {100 * self.scatter_with:.1f} cm with, "
+            f"ranges scatter by {100 * self.scatter_with:.1f} cm with, "
             f"{100 * self.scatter_without:.1f} cm without"
         )
 
     def corrections(self, block: WaveformBlock) -> FloatArray:
         """Samples to subtract from the positions of the echoes of each waveform, (n,).
 
-        NaN for a waveform whose outgoing pulse is missing or cannot be fitted.
+        NaN for a waveform whose outgoing pulse is missing or cannot be fitted. Raises ValueError if
+        the correction is not applied, or the block has no outgoing pulses.
         """
-        assert self.template is not None  # is_applied
-        assert block.outgoing is not None
+        if self.template is None or not self.is_applied:
+            raise ValueError("the phase of the outgoing pulses is not taken off")
+        if block.outgoing is None:
+            raise ValueError("the block has no outgoing pulses; set with_outgoing of its reader")
         time = pulse_times(self.template, block.outgoing) / block.sampling_intervals
         return _correction(time, self.form, self.reference)
 

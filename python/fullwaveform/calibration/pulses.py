@@ -110,7 +110,9 @@ def screened(pulses: Pulses, max_pulses: int) -> Pulses:
 
 def baseline_of(values: FloatArray) -> FloatArray:
     """Approximate baseline: median of the lower half of each row, counts."""
-    return np.asarray(np.nanpercentile(values, 25.0, axis=1))
+    # Without NaN the faster function gives the same.
+    percentile = np.nanpercentile if np.isnan(values).any() else np.percentile
+    return np.asarray(percentile(values, 25.0, axis=1))
 
 
 def _largest_sample(values: FloatArray) -> IntArray:

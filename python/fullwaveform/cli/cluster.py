@@ -21,6 +21,7 @@ from fullwaveform.cli.options import (
     IntervalOption,
     KeepEmpty,
     ModeOption,
+    OutgoingPhaseOption,
     QuietOption,
     ScannerFile,
     SkipUnreadable,
@@ -75,6 +76,7 @@ def cluster(
     channel: ChannelOption = None,
     after_pulse: AfterPulseOption = None,
     interval: IntervalOption = None,
+    outgoing_phase: OutgoingPhaseOption = "auto",
     keep_empty: KeepEmpty = False,
     carry: Carry = True,
     skip_unreadable: SkipUnreadable = False,
@@ -126,6 +128,7 @@ def cluster(
         interval=interval,
         skip_unreadable=skip_unreadable,
         block=block,
+        outgoing_phase=outgoing_phase,
     )
 
     def remaining_result() -> str:
@@ -147,6 +150,7 @@ def cluster(
             part_format=part_format,
             sampling_interval=interval,
             skip_unreadable=skip_unreadable,
+            outgoing_phase=outgoing_phase,
         )
         if manifest is not None:
             prepare_resume(manifest, folder, job_settings)
@@ -270,6 +274,7 @@ def _summary(
     if len(sources) > 1:
         total.read.notes = _notes_by_file(manifest)
     notes = las_notes(total.written, total.not_representable, total.saturated_return_numbers)
+    notes = (*notes, *_phase_notes(manifest))
     count = len(manifest.parts)
     parts = f"{count:,} part{'s' if count != 1 else ''}, listed in {MANIFEST_NAME}"
     statistics = warning_path(folder, sources[0] if len(sources) == 1 else Path("*"))
@@ -285,6 +290,16 @@ def _summary(
         statistics=statistics,
         seconds=manifest.seconds,
     )
+
+
+def _phase_notes(manifest: Manifest) -> list[str]:
+    """The decision on the outgoing pulses of each file that has them."""
+    phases = [(Path(file.path).name, file.calibration.outgoing_phase) for file in manifest.inputs]
+    return [
+        f"{name}: outgoing phase {phase.result()}: {phase.reason()}"
+        for name, phase in phases
+        if phase is not None
+    ]
 
 
 def _notes_by_file(manifest: Manifest) -> list[str]:

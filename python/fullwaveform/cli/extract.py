@@ -3,12 +3,14 @@
 from __future__ import annotations
 
 import time
+from dataclasses import replace
 from pathlib import Path
 from typing import Annotated
 
 import typer
 from rich.console import Console
 
+from fullwaveform.calibration.calibration import measure
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_options import ExtractOptions, open_checked
 from fullwaveform.cli.options import (
@@ -19,6 +21,7 @@ from fullwaveform.cli.options import (
     IntervalOption,
     KeepEmpty,
     ModeOption,
+    OutgoingPhaseOption,
     QuietOption,
     ScannerFile,
     SkipUnreadable,
@@ -52,6 +55,7 @@ def extract(
     channel: ChannelOption = None,
     after_pulse: AfterPulseOption = None,
     interval: IntervalOption = None,
+    outgoing_phase: OutgoingPhaseOption = "auto",
     keep_empty: KeepEmpty = False,
     carry: Carry = True,
     skip_unreadable: SkipUnreadable = False,
@@ -97,6 +101,7 @@ def extract(
         interval=interval,
         skip_unreadable=skip_unreadable,
         block=block,
+        outgoing_phase=outgoing_phase,
     )
     with report_errors():
         with open_checked(
@@ -106,7 +111,9 @@ def extract(
             block=block,
             skip_unreadable=skip_unreadable,
         ) as reader:
-            settings = options.settings([reader.scanner()])
+            settings = replace(
+                options.settings([reader.scanner()]), calibration=measure(reader, outgoing_phase)
+            )
             threads = workers or available_workers()
             summary = _extract(reader, settings, output, threads, verbose=verbose, quiet=quiet)
         if not quiet:

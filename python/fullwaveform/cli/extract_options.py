@@ -8,6 +8,7 @@ from pathlib import Path
 
 import typer
 
+from fullwaveform.calibration.phase_choice import PhaseChoice
 from fullwaveform.cli.options import ChannelFlags
 from fullwaveform.core.driver import Mode, Threshold, check_system_wave
 from fullwaveform.core.scanner import AfterPulse, Scanner
@@ -30,6 +31,7 @@ class ExtractOptions:
     interval: float | None  # s, for files without one
     skip_unreadable: bool
     block: int  # waveforms
+    outgoing_phase: PhaseChoice = "auto"
 
     def settings(self, file_scanners: Sequence[Scanner | None]) -> ExtractionSettings:
         """The settings for files that contain these scanner descriptions, or None.

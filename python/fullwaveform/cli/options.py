@@ -9,6 +9,7 @@ from typing import Annotated, Any
 
 import typer
 
+from fullwaveform.calibration.phase_choice import PHASE_CHOICES, PhaseChoice, checked_phase_choice
 from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.core.driver import Mode, Threshold
 from fullwaveform.core.scanner import NO_AFTER_PULSE, AfterPulse
@@ -37,6 +38,13 @@ def _threshold(text: str) -> Threshold:
     if not digits or int(text) > MAX_COUNT:
         raise typer.BadParameter(f"{text!r} must be 'estimate' or an integer from 0 to {MAX_COUNT}")
     return int(text)
+
+
+def _phase_choice(text: str) -> PhaseChoice:
+    try:
+        return checked_phase_choice(text)
+    except ValueError as error:
+        raise typer.BadParameter(f"{text!r} must be 'auto', 'on' or 'off'") from error
 
 
 def integer_from(minimum: int) -> Callable[[str | int], int]:
@@ -118,6 +126,15 @@ ThresholdOption = Annotated[
         metavar="N|estimate",
         show_default=False,
         help="Detection threshold in counts, or estimated per waveform. Default: estimate",
+    ),
+]
+OutgoingPhaseOption = Annotated[
+    Any,  # PhaseChoice
+    typer.Option(
+        parser=_phase_choice,
+        metavar="|".join(PHASE_CHOICES),
+        show_default=False,
+        help="Take the phase of the outgoing pulses off the ranges. Default: auto, if that helps",
     ),
 ]
 ScannerFile = Annotated[

@@ -50,6 +50,10 @@ class RunSummary:
         rows += [
             ("without echoes", f"{count:,}", reason) for reason, count in found.rejected.items()
         ]
+        if phase := self._phase_row():
+            rows.append(phase)
+        if found.without_phase:
+            rows.append(("without phase", f"{found.without_phase:,}", "outgoing pulse not fitted"))
         if found.echoes_left_out:
             rows.append(("echoes skipped", f"{found.echoes_left_out:,}", "not finite"))
         rows += [("messages", f"{count:,}", kind) for kind, count in self.messages.items()]
@@ -60,6 +64,12 @@ class RunSummary:
         rows.append((label, f"{self.written:,}", remark))
         rows.append(("time", f"{self.seconds:.2f} s", f"{rate:,.0f} waveforms per second"))
         return rows
+
+    def _phase_row(self) -> Row | None:
+        phase = self.settings.calibration.outgoing_phase
+        if phase is None:
+            return None
+        return ("outgoing phase", phase.result(), phase.reason())
 
     def _notes(self) -> list[str]:
         notes = [*self.settings.scanner.notes, *self.read.notes, *self.notes]

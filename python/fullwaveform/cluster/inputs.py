@@ -3,8 +3,10 @@
 from __future__ import annotations
 
 from collections.abc import Sequence
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 from pathlib import Path
+
+from fullwaveform.calibration.calibration import Calibration
 
 # Some formats keep the samples in a second file.
 _COMPANION_SUFFIXES = (".wdp", ".WDP", ".wvs", ".WVS")
@@ -26,6 +28,7 @@ class InputFile:
     path: str  # as given
     files: list[FileState]
     blocks: int
+    calibration: Calibration = field(default_factory=Calibration)
 
 
 def states_of(path: Path) -> list[FileState]:

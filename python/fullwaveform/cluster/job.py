@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import time
 from collections.abc import Callable, Sequence
-from dataclasses import asdict, dataclass, field
+from dataclasses import asdict, dataclass, field, replace
 from functools import partial
 from pathlib import Path
 from typing import Any
@@ -37,27 +37,25 @@ def plan_job(
     settings: JobSettings,
     progress: JobProgress,
 ) -> Manifest:
-    """The manifest of a new run over files and their states; the workers count their blocks.
+    """The manifest of a new run over files and their states, measured by the workers.
 
     Raises
     ------
     OSError, ValueError
         A file cannot be read on a worker.
     """
-    blocks = [0] * len(sources)
+    inputs = [InputFile(str(source), states, 0) for source, states in sources]
     units = [
-        (number, partial(_unit, settings, source, states, Part(number, number, 0, None, "")))
-        for number, (source, states) in enumerate(sources)
+        (number, partial(_unit, settings, file, Part(number, number, 0, None, "")))
+        for number, file in enumerate(inputs)
     ]
     dispatcher = Dispatcher(client, _delayed(progress.waiting))
     for number, result in dispatcher.run(count_blocks, units):
-        if result.blocks is None:
+        if result.blocks is None or result.calibration is None:
             raise ValueError(result.error)
-        blocks[number] = result.blocks
-    inputs = [
-        InputFile(str(source), states, count)
-        for (source, states), count in zip(sources, blocks, strict=True)
-    ]
+        inputs[number] = replace(
+            inputs[number], blocks=result.blocks, calibration=result.calibration
+        )
     parts = planned_parts(inputs, settings.blocks_per_part, f".{settings.part_format}")
     return Manifest(MANIFEST_VERSION, __version__, settings, inputs, parts)
 
@@ -181,13 +179,12 @@ def _store(part: Part, result: UnitResult, manifest: Manifest) -> None:
 
 def _unit_of(manifest: Manifest, part: Part, folder: Path) -> str:
     source = manifest.inputs[part.input]
-    return _unit(manifest.settings, Path(source.path), source.files, part, folder / part.file)
+    return _unit(manifest.settings, source, part, folder / part.file)
 
 
 def _unit(
     settings: JobSettings,
-    source: Path,
-    states: list[FileState],
+    source: InputFile,
     part: Part,
     output: Path | None = None,
 ) -> str:
@@ -195,11 +192,12 @@ def _unit(
         Unit(
             package_version=__version__,
             settings=settings,
-            path=str(source.absolute()),
-            files=states,
+            path=str(Path(source.path).absolute()),
+            files=source.files,
             first=part.first,
             stop=part.stop,
             output=str(output or ""),
+            calibration=source.calibration,
         )
     )
 

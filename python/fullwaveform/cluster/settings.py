@@ -7,6 +7,7 @@ from collections.abc import Mapping
 from dataclasses import dataclass
 from typing import Any
 
+from fullwaveform.calibration.phase_choice import PhaseChoice
 from fullwaveform.core.driver import Mode, Threshold
 from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.core.scanner_attributes import checked_attributes
@@ -45,6 +46,7 @@ class JobSettings:
     block: int  # waveforms
     blocks_per_part: int
     part_format: str  # file suffix of the parts, without the dot
+    outgoing_phase: PhaseChoice = "auto"
 
     @classmethod
     def of(
@@ -57,6 +59,7 @@ class JobSettings:
         part_format: str,
         sampling_interval: float | None = None,
         skip_unreadable: bool = False,
+        outgoing_phase: PhaseChoice = "auto",
     ) -> JobSettings:
         """The settings of a run; None for `blocks_per_part` gives parts of a few minutes."""
         scanner = settings.scanner
@@ -75,6 +78,7 @@ class JobSettings:
             block=block,
             blocks_per_part=blocks_per_part or max(1, _WAVEFORMS_PER_PART[settings.mode] // block),
             part_format=part_format,
+            outgoing_phase=outgoing_phase,
         )
 
     def extraction(self) -> ExtractionSettings:

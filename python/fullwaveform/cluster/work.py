@@ -7,12 +7,13 @@ often or where it runs.
 from __future__ import annotations
 
 from collections.abc import Callable, Iterable, Iterator
-from dataclasses import dataclass
+from dataclasses import dataclass, field, replace
 from pathlib import Path
 
 from pydantic import TypeAdapter
 
 from fullwaveform import __version__
+from fullwaveform.calibration.calibration import Calibration, measure
 from fullwaveform.cluster.inputs import FileState, check_states
 from fullwaveform.cluster.json_data import STRICT, from_json
 from fullwaveform.cluster.manifest import MANIFEST_NAME, PartOutcome
@@ -43,15 +44,17 @@ class Unit:
     first: int
     stop: int | None
     output: str
+    calibration: Calibration = field(default_factory=Calibration)  # of the file
 
 
 @dataclass
 class UnitResult:
-    """The result of a unit: its number of blocks, or the outcome of its part, or an error."""
+    """The result of a unit: blocks and calibration of its file, or its part, or an error."""
 
     __pydantic_config__ = STRICT
 
     blocks: int | None = None
+    calibration: Calibration | None = None
     outcome: PartOutcome | None = None
     error: str = ""
     ends_run: bool = False  # the error is of disk, folder, memory or worker: others would meet it
@@ -125,7 +128,8 @@ def _opened(unit: Unit) -> WaveformReader:
 
 def _count_blocks(unit: Unit) -> UnitResult:
     with _opened(unit) as reader:
-        return UnitResult(blocks=reader.block_count())
+        calibration = measure(reader, unit.settings.outgoing_phase)
+        return UnitResult(blocks=reader.block_count(), calibration=calibration)
 
 
 def _extract_unit(unit: Unit) -> UnitResult:
@@ -137,8 +141,9 @@ def _extract_unit(unit: Unit) -> UnitResult:
         )
     outcome = PartOutcome()
     with counted_messages(own_thread=True) as messages, _opened(unit) as reader:
+        settings = replace(unit.settings.extraction(), calibration=unit.calibration)
+        reader.with_outgoing = unit.calibration.needs_outgoing
         blocks = reader.blocks(unit.first, unit.stop)
-        settings = unit.settings.extraction()
         writer = open_echo_file(
             output, reader.header, run_metadata(settings, reader.path), carry=settings.carry
         )

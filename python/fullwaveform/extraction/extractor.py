@@ -46,6 +46,12 @@ class ExtractionSettings:
     calibration: Calibration = field(default_factory=Calibration)
 
     @property
+    def outgoing_phase(self) -> str:
+        """What is subtracted for the outgoing pulse: "none", "phase" or "whole time"."""
+        phase = self.calibration.outgoing_phase
+        return "none" if phase is None else phase.form
+
+    @property
     def position_offset(self) -> float:
         """Samples to subtract from positions of deconvolved echoes; 0 if the mode has none."""
         if self.mode not in DECONVOLVING_MODES:
@@ -64,6 +70,7 @@ def run_metadata(settings: ExtractionSettings, source: Path | None) -> dict[str,
         "version": __version__,
         "mode": settings.mode.title,
         "threshold": str(settings.threshold),
+        "outgoing_phase": settings.outgoing_phase,
         "scanner": json.dumps(dict(settings.scanner.attributes), sort_keys=True),
     }
 
@@ -78,6 +85,7 @@ class ExtractionTally:
     rejected: Counter[str] = field(default_factory=Counter)  # reason -> waveforms without echoes
     echoes_left_out: int = 0  # not finite: three samples without a maximum
     suspicious_blocks: int = 0
+    without_phase: int = 0  # waveforms whose outgoing pulse could not be fitted
 
     def add(self, other: ExtractionTally) -> None:
         """Add the counts of another tally."""
@@ -87,6 +95,7 @@ class ExtractionTally:
         self.rejected.update(other.rejected)
         self.echoes_left_out += other.echoes_left_out
         self.suspicious_blocks += other.suspicious_blocks
+        self.without_phase += other.without_phase
 
 
 @dataclass(frozen=True)
@@ -140,7 +149,9 @@ class Extractor:
         peaks = with_unknown_values({**peaks, "height": heights(peaks, threshold)})
         if self.settings.carry:
             peaks = with_returns(block, rows, peaks, self.settings.scanner)
-        echoes = to_echo_table(block, rows, peaks, self.settings.scanner.amplitude_unit)
+        phase = self._outgoing_phase(block)
+        known = np.nan_to_num(phase, nan=0.0)
+        echoes = to_echo_table(block, rows, peaks, known, self.settings.scanner.amplitude_unit)
         if self.settings.keep_empty:
             echoes = with_empty_waveforms(echoes, block)
         tally = ExtractionTally(
@@ -150,6 +161,7 @@ class Extractor:
             rejected=waveforms.rejected(),
             echoes_left_out=skipped,
             suspicious_blocks=sum(bool(record) for record in records),
+            without_phase=int(np.count_nonzero(np.isnan(phase))),
         )
         return ExtractedBlock(echoes, waveforms, tally, "".join(records))
 
@@ -176,6 +188,16 @@ class Extractor:
         offset = np.where(deconvolved, self.settings.position_offset, 0.0)
         moved = {"idx": peaks["idx"] - offset, "time": peaks["time"] - offset * interval}
         return {**peaks, **moved}
+
+    def _outgoing_phase(self, block: WaveformBlock) -> FloatArray:
+        """Samples to subtract from the positions of the echoes of each waveform, to place them.
+
+        NaN where the outgoing pulse could not be fitted.
+        """
+        phase = self.settings.calibration.outgoing_phase
+        if phase is None or not phase.is_applied:
+            return np.zeros(len(block))
+        return phase.corrections(block)
 
     def _driver(self, interval: float, longest: int) -> Driver:
         planned, driver = self._drivers.get(interval, (-1, None))

@@ -35,6 +35,7 @@ def to_echo_table(
     block: WaveformBlock,
     rows: IntArray,
     peaks: Mapping[str, AnyArray],
+    phase: FloatArray,
     amplitude_unit: float | None,
 ) -> EchoTable:
     """The echoes of a block as a table, shot by shot along the flight of light.
@@ -44,9 +45,13 @@ def to_echo_table(
     block : the waveforms
     rows : (m,) row of the block in which each echo was found
     peaks : columns of length m, as in `FoundEchoes`
+    phase : (n,) samples by which the outgoing pulse of each waveform left later than its times say;
+        echoes are placed, and their times counted, from the pulse
     amplitude_unit : of the scanner, per count; None if unknown
     """
-    time = peaks["idx"] * block.sampling_intervals[rows]
+    late = phase[rows] * block.sampling_intervals[rows]
+    time = peaks["idx"] * block.sampling_intervals[rows] - late
+    peaks = {**peaks, "time": peaks["time"] - late}
     xyz = positions_in_space(block.geometry, rows, time * _PICOSECONDS)
     order, number, count = _numbered_along_flight(block, rows, xyz, time)
     if (np.diff(order) != 1).any():
