@@ -40,3 +40,5 @@
 #include <fullwaveform/scanner/ScannerDevice.h>
 #include <fullwaveform/scanner/SpeedOfLight.h>
 #include <fullwaveform/scanner/SystemWave.h>
+#include <fullwaveform/work/RunMonitor.h>
+#include <fullwaveform/work/WorkMeter.h>

@@ -32,6 +32,7 @@ int RL_Planes<T, SimplePeakType>::apply(T const* samples, Holdex::StrongPtr<Wave
   if (index >= planes.size() || !planes[index]) {
     return 0;
   }
+  planes[index].meter = meter;
   return planes[index].apply(samples, wave);
 }
 

@@ -20,7 +20,8 @@ class RL_Planes {
       planes;                            ///< plane i: waveforms of up to 25 * (i + 1) samples
   std::uint32_t plane_step = planeStep;  ///< samples
   std::uint32_t plane_count = 0;
-  std::string error;  ///< empty when usable; otherwise the reason
+  std::string error;           ///< empty when usable; otherwise the reason
+  WorkMeter* meter = nullptr;  ///< counts the work of `apply`, which throws what it throws; may be null
 
   /// @param device     copied into every plane; without exponential sums there are no planes
   /// @param maxLength  maximum waveform length, samples. Memory grows with its square: about 60 MB for 2,500

@@ -132,7 +132,7 @@ int RichardsonLucy<T, SimplePeakType>::apply(T const* samples, Holdex::StrongPtr
   observed.resize(length);
   double const maximum = prepareObserved(signal, device.up_sampling, wave->noise, set, observed);
   estimate = observed;
-  deconvolve(observed, workspace, kernelCentre(sys_length), estimate);
+  deconvolve(observed, workspace, kernelCentre(sys_length), estimate, meter);
   counts.resize(length);
   scaleToCounts(maximum, wave->noise, set, estimate, counts);
   findRawPeaks(counts, 0, static_cast<int>(length - 1), wave->noise, wave->peaks, peak_finder);

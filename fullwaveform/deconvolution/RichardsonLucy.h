@@ -9,6 +9,7 @@
 #include <fullwaveform/fitting/ZeroCrossing.h>
 #include <fullwaveform/model/WavePoints.h>
 #include <fullwaveform/scanner/ScannerDevice.h>
+#include <fullwaveform/work/WorkMeter.h>
 
 namespace FullWaveform {
 
@@ -28,6 +29,7 @@ class RichardsonLucy {
   std::uint32_t fft_length = 0;     ///< length of the transforms
   std::uint64_t spectrum_bins = 0;  ///< fft_length / 2 + 1
   std::string error;                ///< empty when usable; otherwise the reason
+  WorkMeter* meter = nullptr;       ///< counts the work of `apply`, which throws what it throws; may be null
 
   /// Synthesises the system wave and plans the transforms.
   ///

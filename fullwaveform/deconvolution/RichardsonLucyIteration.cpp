@@ -1,7 +1,9 @@
 #include <fullwaveform/deconvolution/RichardsonLucyIteration.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <cstdint>
 
 #include <fullwaveform/deconvolution/FftConvolution.h>
 #include <fullwaveform/deconvolution/IterationKernels.h>
@@ -12,6 +14,11 @@ namespace {
 constexpr int maxIterations = 40;
 constexpr int iterationsBeforeRise = 6;  // in which the sum of the correction factors may rise
 constexpr double minChange = 0.02;       // of that sum
+
+/// Of two convolutions by two transforms each.
+std::uint64_t workOfIteration(std::size_t fftLength) {
+  return 20 * std::uint64_t{fftLength} * static_cast<std::uint64_t>(std::bit_width(fftLength));
+}
 
 void interpolate(std::span<unsigned short const> samples, std::uint32_t steps, std::span<double> values) {
   double const step = 1.0 / static_cast<double>(steps);
@@ -76,11 +83,13 @@ double prepareObserved(std::span<unsigned short const> samples, std::uint32_t st
 }
 
 int deconvolve(std::span<double const> observed, ConvolutionWorkspace& workspace, std::ptrdiff_t offset,
-               std::span<double> estimate) {
+               std::span<double> estimate, WorkMeter* meter) {
+  std::uint64_t const work = workOfIteration(workspace.fftLength());
   Iteration iteration(observed, workspace, offset, estimate);
   double previous = 0.0;
   int k = 0;
   while (k < maxIterations) {
+    spend(meter, work);
     double const sum = iteration.correct();
     bool const mayContinue = sum <= previous || k < iterationsBeforeRise;
     ++k;

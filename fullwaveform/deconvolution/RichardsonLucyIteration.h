@@ -5,6 +5,7 @@
 #include <span>
 
 #include <fullwaveform/deconvolution/ConvolutionWorkspace.h>
+#include <fullwaveform/work/WorkMeter.h>
 
 namespace FullWaveform {
 
@@ -29,9 +30,10 @@ double prepareObserved(std::span<unsigned short const> samples, std::uint32_t st
 /// @param offset     index in the full convolution of the value that belongs to observed[0], see
 ///                   `kernelCentre`
 /// @param estimate   start values, replaced by the result; as long as `observed`
+/// @param meter      counts the work if it is not null
 /// @return number of iterations
 int deconvolve(std::span<double const> observed, ConvolutionWorkspace& workspace, std::ptrdiff_t offset,
-               std::span<double> estimate);
+               std::span<double> estimate, WorkMeter* meter = nullptr);
 
 /// Maximum of a deconvolved signal, by which it is scaled to counts.
 ///

@@ -21,11 +21,15 @@ void reportMismatches(BlockMismatch const& mismatch, std::size_t rowLength) {
   }
 }
 
-void reportSkipped(std::uint32_t tooLongToDeconvolve) {
+void reportSkipped(std::uint32_t tooLongToDeconvolve, std::uint32_t tooComplex) {
   if (tooLongToDeconvolve != 0) {
     logMessage(
         "PeakDetectionFamily::apply: waveforms not deconvolved: " + std::to_string(tooLongToDeconvolve) +
         " (no system wave, or longer than the deconvolution was built for)");
+  }
+  if (tooComplex != 0) {
+    logMessage("PeakDetectionFamily::apply: waveforms too complex: " + std::to_string(tooComplex) +
+               " (their work would exceed the limit)");
   }
 }
 

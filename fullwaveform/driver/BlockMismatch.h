@@ -15,7 +15,7 @@ struct BlockMismatch {
 /// Sends one console message if there is a mismatch.
 void reportMismatches(BlockMismatch const& mismatch, std::size_t rowLength);
 
-/// Sends one console message if waveforms could not be deconvolved.
-void reportSkipped(std::uint32_t tooLongToDeconvolve);
+/// Sends one console message each if waveforms could not be deconvolved, or exceeded the limit of the work.
+void reportSkipped(std::uint32_t tooLongToDeconvolve, std::uint32_t tooComplex);
 
 }  // namespace FullWaveform

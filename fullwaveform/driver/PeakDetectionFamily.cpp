@@ -21,6 +21,11 @@ using ChannelFlags = Kestra::MultiArray<1, unsigned char>;
 /// The hybrid decomposes waveforms whose largest sample exceeds this limit in counts, for every scanner.
 constexpr unsigned short strongSignal = 1800;
 
+// Work of the steps that are linear in their input, operations.
+constexpr std::uint64_t workPerWaveform = 2000;
+constexpr std::uint64_t workPerSample = 20;
+constexpr std::uint64_t workPerMergedEcho = 200;
+
 /// Signature of a waveform: the sum of every third sample.
 std::uint32_t signatureOf(std::span<unsigned short const> samples) {
   std::uint32_t sum = 0;
@@ -55,12 +60,16 @@ void keepGoodPeaks(WavePoints<T>& wave) {
 }
 
 /// Merges every high-power waveform (flag 0) with every low-power one, in order of arrival.
-void mergePairs(Shot& shot, ChannelFlags const& channelFlags, double samplingInterval) {
-  for (std::size_t a = 0; a < shot.waves.size(); ++a) {
-    for (std::size_t b = 0; b < shot.waves.size(); ++b) {
-      if (channelFlags[shot.rows[a]] == 0 && channelFlags[shot.rows[b]] != 0) {
-        mergeChannels(shot.waves[a]->peaks, shot.waves[b]->peaks, samplingInterval);
-      }
+void mergePairs(Shot& shot, ChannelFlags const& channelFlags, double samplingInterval, WorkMeter& work) {
+  std::vector<std::list<Peak>*> highPower;
+  std::vector<std::list<Peak>*> lowPower;
+  for (std::size_t i = 0; i < shot.waves.size(); ++i) {
+    (channelFlags[shot.rows[i]] == 0 ? highPower : lowPower).push_back(&shot.waves[i]->peaks);
+  }
+  for (std::list<Peak>* const high : highPower) {
+    for (std::list<Peak>* const low : lowPower) {
+      work.pass(workPerMergedEcho * (high->size() + low->size() + 1));
+      mergeChannels(*high, *low, samplingInterval);
     }
   }
 }
@@ -135,6 +144,9 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
       std::minmax({counts.size(), shotTimes.size(), sblTimes.size(), channelFlags.size(), noises.size()});
   startReport(rows);
 
+  gaussDecomposition.meter = &work;
+  rlPlanes.meter = &work;
+
   ShotMap shots;
   BlockMismatch mismatch{.invalidRows = rows, .surplusValues = longest > rows ? longest - rows : 0};
   for (std::size_t i = 0; i < std::min(rows, shortest); ++i) {
@@ -150,13 +162,15 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
       mismatch.clippedCounts += counts[i] > rowLength ? 1U : 0U;
       report.rowStates[i] = processRow(row, noises[i], shots);
     }
+    work.finishWaveform();
   }
   for (auto& [shotTime, shot] : shots) {
     mergeChannelsOf(shot, channelFlags);
     convertToDecibels(shot);
   }
+  work.attend();
   reportMismatches(mismatch, rowLength);
-  reportSkipped(report.tooLongToDeconvolve);
+  reportSkipped(report.tooLongToDeconvolve, report.tooComplex);
   report.statistics.writeIfSuspicious();
   return shots;
 }
@@ -172,6 +186,8 @@ void PeakDetectionFamily<T>::startReport(std::size_t rows) {
 
 template <class T>
 RowState PeakDetectionFamily<T>::processRow(Row const& row, int noise, ShotMap& shots) {
+  work.startWaveform();
+  work.pass(workPerWaveform + workPerSample * static_cast<std::uint64_t>(row.count));
   WavePtr wave(new WavePoints<T>(row.samples, row.channelFlag, row.shotTime, row.sblTime, row.count, noise,
                                  onlineEvaluation.scanner));
   report.statistics.countSegments(wave->startEnd.size());
@@ -195,6 +211,17 @@ RowState PeakDetectionFamily<T>::processRow(Row const& row, int noise, ShotMap& 
 
 template <class T>
 RowState PeakDetectionFamily<T>::extract(Row const& row, WavePtr const& wave) {
+  try {
+    return runMethod(row, wave);
+  } catch (TooComplex const&) {
+    wave->clearPeaks();
+    ++report.tooComplex;
+    return RowState::TooComplex;
+  }
+}
+
+template <class T>
+RowState PeakDetectionFamily<T>::runMethod(Row const& row, WavePtr const& wave) {
   switch (modus) {
     case FWFModus::ThreePoint:
       gaussVia3Points.apply(row.samples, wave);
@@ -250,7 +277,7 @@ void PeakDetectionFamily<T>::mergeChannelsOf(Shot& shot, ChannelFlags const& cha
   for (WavePtr const& wave : shot.waves) {
     hadEchoes.push_back(!wave->peaks.empty());
   }
-  mergePairs(shot, channelFlags, onlineEvaluation.scanner.sampling_time);
+  mergePairs(shot, channelFlags, onlineEvaluation.scanner.sampling_time, work);
   for (std::size_t i = 0; i < shot.waves.size(); ++i) {
     if (hadEchoes[i] && shot.waves[i]->peaks.empty()) {
       report.rowStates[shot.rows[i]] = RowState::MergedIntoOtherChannel;

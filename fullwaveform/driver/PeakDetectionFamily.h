@@ -18,6 +18,7 @@
 #include <fullwaveform/model/WavePoints.h>
 #include <fullwaveform/online/OnlineEvaluation.h>
 #include <fullwaveform/scanner/ScannerDevice.h>
+#include <fullwaveform/work/WorkMeter.h>
 
 namespace FullWaveform {
 
@@ -35,6 +36,8 @@ class PeakDetectionFamily {
   FittingGaussVia3Points<T, ZeroCrossing> gaussVia3Points;
   FittingGaussViaDecomposition<T, ZeroCrossing> gaussDecomposition;
   RL_Planes<T, ZeroCrossing> rlPlanes;
+  /// Limit of the work on a waveform, cancellation and progress; without limit and monitor as constructed.
+  WorkMeter work;
 
   using Waveforms = Holdex::StrongPtr<Kestra::MemArray<2, T>>;
 
@@ -66,6 +69,10 @@ class PeakDetectionFamily {
   ///
   /// Rows with a NaN shot time or without a value in one of the arrays are skipped; one console message per
   /// block counts them, the clipped counts and the values without a row.
+  ///
+  /// A waveform whose work exceeds `work.limit` gets no echoes. Throws `Cancelled` when the monitor of `work`
+  /// is cancelled, and what its `poll` throws; then the block has no result, and the driver can be used
+  /// again.
   FULLWAVEFORM_EXPORT ShotMap apply(Waveforms const& waveforms,
                                     Kestra::MultiArray<1, unsigned short> const& counts,
                                     Kestra::MultiArray<1, double> const& shotTimes,
@@ -95,6 +102,7 @@ class PeakDetectionFamily {
   void startReport(std::size_t rows);
   RowState processRow(Row const& row, int noise, ShotMap& shots);
   RowState extract(Row const& row, WavePtr const& wave);
+  RowState runMethod(Row const& row, WavePtr const& wave);
   RowState deconvolve(Row const& row, WavePtr const& wave);
   void setTimes(WavePoints<T>& wave) const;
   void mergeChannelsOf(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags);

@@ -20,20 +20,28 @@ TYPE typeOfLoop(int loop) {
   return loop == 0 ? GAUSS_DECOMPOSITION_1 : GAUSS_DECOMPOSITION_2;
 }
 
+/// Every residual subtracts all Gaussians found so far.
+std::uint64_t workOfResiduals(std::size_t count, ResidualAccessor const& residual) {
+  constexpr std::uint64_t workPerGaussian = 200;
+  return workPerGaussian * count * residual.peaks.size();
+}
+
 /// Fills the peaks of the waveform with three-point Gaussians of the residual; false when no peak is found.
 template <class SimplePeakType, class T>
 bool findStarts(std::span<T const> samples, int first, int last, ResidualAccessor const& residual,
-                WavePoints<T>& wave) {
+                WavePoints<T>& wave, WorkMeter* meter) {
   SimplePeakType simplePeak;
   simplePeak.minimumDifference = minGaussDifference;
   simplePeak.sampleAccessor = std::cref(residual);
   wave.clearPeaks();
+  spend(meter, workOfResiduals(static_cast<std::size_t>(last - first) + 1, residual));
   // Intentional: the noise is subtracted by the accessor, and the finder compares with it once more, so only
   // samples above twice the noise start an echo.
   findRawPeaks(samples, first, last, wave.noise, wave.peaks, simplePeak);
   if (wave.peaks.empty()) {
     return false;
   }
+  spend(meter, workOfResiduals(3 * wave.peaks.size(), residual));
   wave.testIfAfterPulse();
   for (Peak& peak : wave.peaks) {
     fitThreePointGauss(samples, simplePeak.sampleAccessor, peak);
@@ -86,7 +94,7 @@ std::list<Peak> FittingGaussViaDecomposition<T, SimplePeakType>::decompose(
   std::list<Peak> working;
   for (int loop = 0; loop <= extraLoops; ++loop) {
     ResidualAccessor const residual{working, wave, loop};
-    if (!findStarts<SimplePeakType>(segment.waveform, segment.first, segment.last, residual, *wave)) {
+    if (!findStarts<SimplePeakType>(segment.waveform, segment.first, segment.last, residual, *wave, meter)) {
       break;
     }
     working.splice(working.end(), wave->peaks);
@@ -112,7 +120,7 @@ void FittingGaussViaDecomposition<T, SimplePeakType>::refine(Segment const& segm
   for (Peak const& peak : peaks) {
     parameters.insert(parameters.end(), {static_cast<double>(peak.amplitude), peak.idx, peak.std});
   }
-  refinement.refine(signal, segment.first, parameters);
+  refinement.refine(signal, segment.first, parameters, meter);
   auto value = parameters.cbegin();
   for (Peak& peak : peaks) {
     peak.amplitude = static_cast<float>(*value++);

@@ -6,6 +6,7 @@
 #include <fullwaveform/fitting/GaussianRefinement.h>
 #include <fullwaveform/fitting/ZeroCrossing.h>
 #include <fullwaveform/model/WavePoints.h>
+#include <fullwaveform/work/WorkMeter.h>
 
 namespace FullWaveform {
 
@@ -18,6 +19,8 @@ namespace FullWaveform {
 template <class T, class SimplePeakType>
 class FittingGaussViaDecomposition {
  public:
+  WorkMeter* meter = nullptr;  ///< counts the work of `apply`, which throws what it throws; may be null
+
   FittingGaussViaDecomposition() = default;
 
   /// All methods are constructed from a scanner; this one uses none of its values.

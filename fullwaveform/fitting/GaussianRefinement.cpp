@@ -8,8 +8,9 @@ GaussianRefinement::GaussianRefinement() : minimiser(std::make_unique<LevenbergM
 
 GaussianRefinement::~GaussianRefinement() = default;
 
-int GaussianRefinement::refine(std::span<double const> signal, int first, std::span<double> parameters) {
-  return minimiser->minimise(signal, first, parameters);
+int GaussianRefinement::refine(std::span<double const> signal, int first, std::span<double> parameters,
+                               WorkMeter* meter) {
+  return minimiser->minimise(signal, first, parameters, meter);
 }
 
 }  // namespace FullWaveform

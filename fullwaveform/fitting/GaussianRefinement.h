@@ -4,6 +4,7 @@
 #include <span>
 
 #include <fullwaveform/Export.h>
+#include <fullwaveform/work/WorkMeter.h>
 
 namespace FullWaveform {
 
@@ -27,8 +28,12 @@ class GaussianRefinement {
   ///                    each Gaussian; receives the result. Amplitudes and positions enter the sum with their
   ///                    absolute values and keep the signs that the minimiser left. Unchanged when there are
   ///                    fewer samples than parameters, or when a parameter is not finite.
+  /// @param meter       counts the work if it is not null; `refine` throws what `WorkMeter::spend` throws,
+  /// and
+  ///                    then leaves the parameters as they were after the last accepted step
   /// @return number of evaluations of the sum; 0 when the parameters were left unchanged for these reasons
-  FULLWAVEFORM_EXPORT int refine(std::span<double const> signal, int first, std::span<double> parameters);
+  FULLWAVEFORM_EXPORT int refine(std::span<double const> signal, int first, std::span<double> parameters,
+                                 WorkMeter* meter = nullptr);
 
  private:
   std::unique_ptr<LevenbergMarquardt> minimiser;

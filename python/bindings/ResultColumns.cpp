@@ -10,7 +10,7 @@ using FullWaveform::RowState;
 std::size_t waveformsInMap(std::vector<RowState> const& states) {
   return static_cast<std::size_t>(std::count_if(states.begin(), states.end(), [](RowState state) {
     return state == RowState::Kept || state == RowState::TooLongToDeconvolve ||
-           state == RowState::MergedIntoOtherChannel;
+           state == RowState::MergedIntoOtherChannel || state == RowState::TooComplex;
   }));
 }
 
@@ -29,6 +29,7 @@ ResultColumns::ResultColumns(FullWaveform::ShotMap const& shots, FullWaveform::B
       rowStates(rowStatesOf(report)),
       mergedIntoOtherChannel(report.mergedIntoOtherChannel),
       tooLongToDeconvolve(report.tooLongToDeconvolve),
+      tooComplex(report.tooComplex),
       statistics(report.statistics) {
   std::size_t waveform = 0;
   std::size_t echo = 0;

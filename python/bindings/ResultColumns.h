@@ -129,6 +129,7 @@ struct ResultColumns {
   std::vector<std::uint8_t> rowStates;
   std::uint32_t mergedIntoOtherChannel;
   std::uint32_t tooLongToDeconvolve;
+  std::uint32_t tooComplex;
   FullWaveform::RunStatistics statistics;
 };
 

@@ -10,6 +10,7 @@
 
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/optional.h>
+#include <nanobind/stl/shared_ptr.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
@@ -21,9 +22,11 @@
 #include "Bindings.h"
 #include "NumpyColumn.h"
 #include "ResultColumns.h"
+#include "SignalPoll.h"
 
 namespace nb = nanobind;
 using FullWaveform::FWFModus;
+using FullWaveform::RunMonitor;
 using FullWaveform::ScannerDevice;
 
 namespace {
@@ -35,8 +38,12 @@ using Block = Kestra::MemArray<2, unsigned short>;
 /// A driver and the lock that keeps two Python threads from using it at once.
 struct SharedDriver {
   SharedDriver(std::uint32_t mode, ScannerDevice const& scanner, std::string const& directory,
-               std::string const& inputFile, unsigned int longestWaveform)
-      : driver(FWFModus{mode}, scanner, directory, inputFile, longestWaveform) {}
+               std::string const& inputFile, unsigned int longestWaveform, std::uint64_t workLimit,
+               std::shared_ptr<RunMonitor> monitor)
+      : driver(FWFModus{mode}, scanner, directory, inputFile, longestWaveform) {
+    driver.work.limit = workLimit;
+    driver.work.monitor = std::move(monitor);
+  }
 
   Driver driver;
   std::mutex inUse;
@@ -60,6 +67,7 @@ nb::dict statisticsTable(Results::ResultColumns const& columns) {
   nb::dict table;
   table["mergedIntoOtherChannel"] = columns.mergedIntoOtherChannel;
   table["tooLongToDeconvolve"] = columns.tooLongToDeconvolve;
+  table["tooComplex"] = columns.tooComplex;
   table["numberOfWaves"] = statistics.numberOfWaves;
   table["signalTooLow"] = statistics.signalTooLow;
   table["duplicates"] = statistics.duplicates;
@@ -90,8 +98,10 @@ struct BlockArrays {
 };
 
 Results::ResultColumns extract(SharedDriver& shared, BlockArrays const& block, std::string const& text) {
+  auto poll = signalPoll();
   nb::gil_scoped_release const release;
   std::scoped_lock const lock(shared.inUse);
+  shared.driver.work.poll = std::move(poll);
   auto const shots = block.extract(shared.driver, text);
   return {shots, shared.driver.lastBlock()};
 }
@@ -119,8 +129,10 @@ struct RowReports {
 };
 
 RowReports reportRows(SharedDriver& shared, BlockArrays const& block, bool extent) {
+  auto poll = signalPoll();
   nb::gil_scoped_release const release;
   std::scoped_lock const lock(shared.inUse);
+  shared.driver.work.poll = std::move(poll);
   auto const shots = block.extract(shared.driver, "");
   RowReports reports{Results::rowStatesOf(shared.driver.lastBlock()), {}};
   reports.texts.resize(reports.states.size());
@@ -171,7 +183,19 @@ void bindRowState(nb::module_& module) {
       .value("DUPLICATE", RowState::Duplicate)
       .value("INVALID_ROW", RowState::InvalidRow)
       .value("TOO_LONG_TO_DECONVOLVE", RowState::TooLongToDeconvolve)
-      .value("MERGED_INTO_OTHER_CHANNEL", RowState::MergedIntoOtherChannel);
+      .value("MERGED_INTO_OTHER_CHANNEL", RowState::MergedIntoOtherChannel)
+      .value("TOO_COMPLEX", RowState::TooComplex);
+}
+
+void bindWork(nb::module_& module) {
+  module.attr("UNLIMITED_WORK") = FullWaveform::WorkMeter::unlimited;
+  nb::exception<FullWaveform::Cancelled>(module, "Cancelled");
+  nb::class_<RunMonitor>(module, "RunMonitor",
+                         "Cancels the drivers that share it, and counts their waveforms.")
+      .def(nb::init<>())
+      .def("cancel", &RunMonitor::cancel)
+      .def_prop_ro("cancelled", &RunMonitor::isCancelled)
+      .def_prop_ro("waveforms_done", &RunMonitor::waveformsDone);
 }
 
 }  // namespace
@@ -180,11 +204,12 @@ void bindDriver(nb::module_& module) {
   module.attr("RESULT_COLUMNS") = resultColumns();
   bindMode(module);
   bindRowState(module);
+  bindWork(module);
   nb::class_<SharedDriver>(module, "PeakDetectionFamily", "The driver; arrays are read without a copy.")
-      .def(nb::init<std::uint32_t, ScannerDevice const&, std::string const&, std::string const&,
-                    unsigned int>(),
+      .def(nb::init<std::uint32_t, ScannerDevice const&, std::string const&, std::string const&, unsigned int,
+                    std::uint64_t, std::shared_ptr<RunMonitor>>(),
            nb::arg("mode"), nb::arg("scanner"), nb::arg("output_directory"), nb::arg("input_file"),
-           nb::arg("longest_waveform"))
+           nb::arg("longest_waveform"), nb::arg("work_limit"), nb::arg("monitor").none())
       .def_prop_ro("message", [](SharedDriver const& self) { return self.driver.message; })
       .def("apply", &apply, nb::arg("samples").noconvert(), nb::arg("counts").noconvert(),
            nb::arg("shot_times").noconvert(), nb::arg("sbl_times").noconvert(),

@@ -30,6 +30,7 @@ class RowState(IntEnum):
     INVALID_ROW = 3  # no samples, no shot time, or a value missing in one of the arrays
     TOO_LONG_TO_DECONVOLVE = 4  # in the result, without echoes
     MERGED_INTO_OTHER_CHANNEL = 5  # in the result; its echoes are in the other channel of the shot
+    TOO_COMPLEX = 6  # in the result, without echoes: its work would exceed the limit
 
 class EchoType(IntEnum):
     UNBORN = 0
@@ -148,6 +149,16 @@ class _BlockResult(TypedDict):
     segments: _SegmentColumns
     peaks: _EchoColumns
 
+UNLIMITED_WORK: int
+
+class Cancelled(Exception): ...  # noqa: N818
+
+class RunMonitor:
+    def __init__(self) -> None: ...
+    def cancel(self) -> None: ...
+    cancelled: bool
+    waveforms_done: int
+
 class PeakDetectionFamily:
     def __init__(
         self,
@@ -156,6 +167,8 @@ class PeakDetectionFamily:
         output_directory: str,
         input_file: str,
         longest_waveform: int,
+        work_limit: int,
+        monitor: RunMonitor | None,
     ) -> None: ...
     message: str
     def apply(

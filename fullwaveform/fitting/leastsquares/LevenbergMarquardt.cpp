@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <functional>
 #include <limits>
 
@@ -20,6 +21,15 @@ double squareOf(double x) {
   return x * x;
 }
 
+std::uint64_t workOfEvaluation(std::size_t samples, std::size_t parameters) {
+  return std::uint64_t{samples} * parameters;
+}
+
+/// Of the derivatives and their factorisation.
+std::uint64_t workOfLinearisation(std::size_t samples, std::size_t parameters) {
+  return workOfEvaluation(samples, parameters) * (parameters + 1);
+}
+
 }  // namespace
 
 bool LevenbergMarquardt::isFittable(std::size_t samples, std::span<double const> parameters) {
@@ -27,10 +37,14 @@ bool LevenbergMarquardt::isFittable(std::size_t samples, std::span<double const>
          std::all_of(parameters.begin(), parameters.end(), [](double value) { return std::isfinite(value); });
 }
 
-int LevenbergMarquardt::minimise(std::span<double const> signal, int first, std::span<double> parameters) {
+int LevenbergMarquardt::minimise(std::span<double const> signal, int first, std::span<double> parameters,
+                                 WorkMeter* meter) {
   if (!isFittable(signal.size(), parameters)) {
     return 0;
   }
+  std::uint64_t const linearisation = workOfLinearisation(signal.size(), parameters.size());
+  // The first linearisation is counted before memory is allocated for it.
+  spend(meter, workOfEvaluation(signal.size(), parameters.size()) + linearisation);
   sum.setSignal(signal, first, parameters.size());
   for (auto* values : {&squares, &norms, &scale, &trial, &work}) {
     values->resize(parameters.size());
@@ -39,6 +53,9 @@ int LevenbergMarquardt::minimise(std::span<double const> signal, int first, std:
   int evaluations = 1;
   search.damping = 0.0;
   for (bool isFirst = true;; isFirst = false) {
+    if (!isFirst) {
+      spend(meter, linearisation);
+    }
     linearise();
     if (isFirst) {
       initialiseScale(parameters);
@@ -50,7 +67,7 @@ int LevenbergMarquardt::minimise(std::span<double const> signal, int first, std:
     raiseScale();
     bool accepted = false;
     while (!accepted) {
-      Reduction const reduction = tryStep(parameters, isFirst);
+      Reduction const reduction = tryStep(parameters, isFirst, meter);
       ++evaluations;
       adaptBound(reduction);
       accepted = reduction.ratio >= minRatio;
@@ -88,8 +105,10 @@ void LevenbergMarquardt::raiseScale() {
 }
 
 /// Sets the trial parameters and evaluates the sum at them.
-LevenbergMarquardt::Reduction LevenbergMarquardt::tryStep(std::span<double const> parameters, bool isFirst) {
-  search.find(qr, scale, bound);
+LevenbergMarquardt::Reduction LevenbergMarquardt::tryStep(std::span<double const> parameters, bool isFirst,
+                                                          WorkMeter* meter) {
+  search.find(qr, scale, bound, meter);
+  spend(meter, workOfEvaluation(sum.samples(), parameters.size()));
   std::transform(parameters.begin(), parameters.end(), search.step.begin(), trial.begin(), std::minus<>());
   stepLength = search.length;
   if (isFirst) {

@@ -8,6 +8,7 @@
 #include <fullwaveform/fitting/leastsquares/GaussianSum.h>
 #include <fullwaveform/fitting/leastsquares/LevenbergMarquardtStep.h>
 #include <fullwaveform/fitting/leastsquares/PivotedQr.h>
+#include <fullwaveform/work/WorkMeter.h>
 
 namespace FullWaveform {
 
@@ -20,7 +21,8 @@ class LevenbergMarquardt {
   explicit LevenbergMarquardt(InstructionSet set = widestInstructionSet()) : sum(set), qr(set) {}
 
   /// See `GaussianRefinement::refine`.
-  int minimise(std::span<double const> signal, int first, std::span<double> parameters);
+  int minimise(std::span<double const> signal, int first, std::span<double> parameters,
+               WorkMeter* meter = nullptr);
 
  private:
   /// Effect of a trial step on the sum of squares, relative to the sum before it.
@@ -43,7 +45,7 @@ class LevenbergMarquardt {
   void linearise();
   void initialiseScale(std::span<double const> parameters);
   void raiseScale();
-  Reduction tryStep(std::span<double const> parameters, bool isFirst);
+  Reduction tryStep(std::span<double const> parameters, bool isFirst, WorkMeter* meter);
   void adaptBound(Reduction const& reduction);
   bool hasConverged(Reduction const& reduction) const;
   double residualLength(double squaresOfResidual);

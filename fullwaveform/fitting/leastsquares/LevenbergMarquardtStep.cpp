@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <limits>
 
@@ -38,9 +39,14 @@ struct Rotation {
   double sine;
 };
 
+std::uint64_t workOfDampedSolution(std::size_t parameters) {
+  return std::uint64_t{parameters} * parameters * parameters;
+}
+
 }  // namespace
 
-void LevenbergMarquardtStep::find(PivotedQr& qr, std::span<double const> scale, double bound) {
+void LevenbergMarquardtStep::find(PivotedQr& qr, std::span<double const> scale, double bound,
+                                  WorkMeter* meter) {
   for (auto* values : {&step, &scaled, &work, &diagonal, &row}) {
     values->resize(qr.size());
   }
@@ -51,7 +57,7 @@ void LevenbergMarquardtStep::find(PivotedQr& qr, std::span<double const> scale, 
     damping = 0.0;
     return;
   }
-  search(qr, scale, bound, startSearch(qr, scale, bound, rank == qr.size()));
+  search(qr, scale, bound, startSearch(qr, scale, bound, rank == qr.size()), meter);
 }
 
 /// Returns bounds of the damping, the lower one from the undamped step (0 without full rank), the upper one
@@ -78,13 +84,14 @@ LevenbergMarquardtStep::Interval LevenbergMarquardtStep::startSearch(PivotedQr c
 
 /// Newton's method on the length as a function of the damping.
 void LevenbergMarquardtStep::search(PivotedQr& qr, std::span<double const> scale, double bound,
-                                    Interval interval) {
+                                    Interval interval, WorkMeter* meter) {
   constexpr int maxCorrections = 10;
   double excess = length - bound;
   for (int i = 1;; ++i) {
     if (damping == 0.0) {
       damping = std::max(minNormal, 0.001 * interval.max);
     }
+    spend(meter, workOfDampedSolution(qr.size()));
     solveDamped(qr, scale);
     measure(scale);
     double const previous = excess;

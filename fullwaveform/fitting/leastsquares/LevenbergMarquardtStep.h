@@ -4,6 +4,7 @@
 #include <vector>
 
 #include <fullwaveform/fitting/leastsquares/PivotedQr.h>
+#include <fullwaveform/work/WorkMeter.h>
 
 namespace FullWaveform {
 
@@ -18,7 +19,8 @@ class LevenbergMarquardtStep {
   /// @param qr     of the derivatives, with the residual; the lower triangle of its R is overwritten
   /// @param scale  of every parameter
   /// @param bound  of the scaled length, met to a tenth
-  void find(PivotedQr& qr, std::span<double const> scale, double bound);
+  /// @param meter  counts the work if it is not null
+  void find(PivotedQr& qr, std::span<double const> scale, double bound, WorkMeter* meter = nullptr);
 
  private:
   /// Interval in which the damping is searched.
@@ -28,7 +30,8 @@ class LevenbergMarquardtStep {
   };
 
   Interval startSearch(PivotedQr const& qr, std::span<double const> scale, double bound, bool hasFullRank);
-  void search(PivotedQr& qr, std::span<double const> scale, double bound, Interval interval);
+  void search(PivotedQr& qr, std::span<double const> scale, double bound, Interval interval,
+              WorkMeter* meter);
   void solveUndamped(PivotedQr const& qr, std::size_t rank);
   void solveDamped(PivotedQr& qr, std::span<double const> scale);
   void measure(std::span<double const> scale);

@@ -1,8 +1,10 @@
 #include <fullwaveform/driver/ChannelMerge.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <list>
+#include <random>
 #include <utility>
 #include <vector>
 
@@ -107,6 +109,33 @@ TEST(ChannelMerge, NaNMatchesNoEcho) {
   EXPECT_EQ(merged({{nan, 500.0}}, {{10.0, 300.0}}).first.size(), 1U);
   EXPECT_EQ(merged({{10.0, 500.0}}, {{10.0, nan}}).first.size(), 1U);
   EXPECT_EQ(merged({{10.0, 500.0}}, {{10.0, nan}}).second.size(), 1U);
+}
+
+TEST(ChannelMerge, ManyUnorderedEchoesAreMergedAsByComparingAll) {
+  std::mt19937 rng(3);
+  std::uniform_int_distribution<int> time(0, 400);
+  std::uniform_int_distribution<int> amplitude(2900, 3100);
+  for (int scene = 0; scene < 200; ++scene) {
+    std::vector<std::pair<double, double>> high;
+    std::vector<std::pair<double, double>> low;
+    for (int i = 0; i < 20; ++i) {
+      high.emplace_back(0.5 * time(rng), amplitude(rng));
+      low.emplace_back(0.5 * time(rng), amplitude(rng));
+    }
+    auto const isNear = [](double time, auto const& others, double maxAmplitude) {
+      return std::any_of(others.begin(), others.end(), [&](auto const& other) {
+        return std::abs(other.first - time) < 3.0 && other.second <= maxAmplitude;
+      });
+    };
+    auto const keptLow = std::count_if(low.begin(), low.end(), [&](auto const& echo) {
+      return echo.second <= 3000.0 || !isNear(echo.first, high, 1e9);
+    });
+    auto const keptHigh = std::count_if(high.begin(), high.end(),
+                                        [&](auto const& echo) { return !isNear(echo.first, low, 3000.0); });
+    auto const [mergedHigh, mergedLow] = merged(high, low);
+    EXPECT_EQ(mergedHigh.size(), static_cast<std::size_t>(keptHigh)) << scene;
+    EXPECT_EQ(mergedLow.size(), static_cast<std::size_t>(keptLow)) << scene;
+  }
 }
 
 TEST(ChannelMerge, DistanceIsInSamplingIntervals) {
