@@ -65,7 +65,7 @@ class WorkMeter {
   void finishWaveform() noexcept { ++finished; }
 
   /// Reports the finished waveforms to the monitor and polls; also called while work is counted.
-  void attend();
+  FULLWAVEFORM_EXPORT void attend();
 
  private:
   static constexpr std::uint64_t attentionInterval = 10'000'000;

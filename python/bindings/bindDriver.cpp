@@ -209,7 +209,8 @@ void bindDriver(nb::module_& module) {
       .def(nb::init<std::uint32_t, ScannerDevice const&, std::string const&, std::string const&, unsigned int,
                     std::uint64_t, std::shared_ptr<RunMonitor>>(),
            nb::arg("mode"), nb::arg("scanner"), nb::arg("output_directory"), nb::arg("input_file"),
-           nb::arg("longest_waveform"), nb::arg("work_limit"), nb::arg("monitor").none())
+           nb::arg("longest_waveform"), nb::arg("work_limit") = FullWaveform::WorkMeter::unlimited,
+           nb::arg("monitor") = nb::none())
       .def_prop_ro("message", [](SharedDriver const& self) { return self.driver.message; })
       .def("apply", &apply, nb::arg("samples").noconvert(), nb::arg("counts").noconvert(),
            nb::arg("shot_times").noconvert(), nb::arg("sbl_times").noconvert(),

@@ -151,7 +151,7 @@ class _BlockResult(TypedDict):
 
 UNLIMITED_WORK: int
 
-class Cancelled(Exception): ...  # noqa: N818
+class Cancelled(Exception): ...
 
 class RunMonitor:
     def __init__(self) -> None: ...
@@ -167,8 +167,8 @@ class PeakDetectionFamily:
         output_directory: str,
         input_file: str,
         longest_waveform: int,
-        work_limit: int,
-        monitor: RunMonitor | None,
+        work_limit: int = ...,
+        monitor: RunMonitor | None = None,
     ) -> None: ...
     message: str
     def apply(

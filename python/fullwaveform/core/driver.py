@@ -36,6 +36,14 @@ DECONVOLVING_MODES = (Mode.DECONVOLUTION, Mode.HYBRID)
 # take about 1 GB. Waveforms of scanners are shorter.
 LONGEST_DECONVOLUTION = 8192
 
+#: Operations on one waveform after which it is given up, about half a second. Recorded waveforms
+#: need a tenth of it at most, also with threshold 0; thousands of samples of noise take hours.
+WORK_LIMIT = 1_000_000_000
+
+#: Cancels the drivers that share it, and counts their waveforms; for use from any thread.
+RunMonitor = _core.RunMonitor
+Cancelled = _core.Cancelled
+
 
 _BlockArrays = tuple[
     npt.NDArray[np.uint16],
@@ -88,6 +96,12 @@ class Driver:
         Its stem names the statistics file.
     longest_waveform : int
         Longest waveform that will be deconvolved, in samples.
+    work_limit : int, optional
+        Operations of about 0.2 ns on one waveform; a waveform that would need more gets no echoes
+        and the state `RowState.TOO_COMPLEX`. None: no limit.
+    monitor : RunMonitor, optional
+        Cancels the driver from another thread: `apply` then raises `Cancelled`. Signals end a call
+        in the main thread without it.
 
     Raises
     ------
@@ -106,6 +120,8 @@ class Driver:
         report_directory: str | Path | None = None,
         input_file: str | Path = "waveforms",
         longest_waveform: int = 400,
+        work_limit: int | None = WORK_LIMIT,
+        monitor: RunMonitor | None = None,
     ) -> None:
         self.mode = checked_mode(mode)
         self.scanner = scanner
@@ -118,6 +134,8 @@ class Driver:
             _NO_DIRECTORY if report_directory is None else str(report_directory),
             str(input_file),
             self._longest if deconvolves else 0,
+            _checked_work_limit(work_limit),
+            monitor,
         )
         forward_messages()
 
@@ -312,6 +330,15 @@ def _checked_longest(longest: int, deconvolves: bool) -> int:
     if not 0 <= longest <= limit:
         raise ValueError(f"invalid longest_waveform {longest}; expected 0 to {limit}")
     return int(longest)
+
+
+def _checked_work_limit(limit: int | None) -> int:
+    if limit is None:
+        return _core.UNLIMITED_WORK
+    is_integer = isinstance(limit, int | np.integer) and not isinstance(limit, bool)
+    if not is_integer or not 0 < limit <= _core.UNLIMITED_WORK:
+        raise ValueError(f"invalid work_limit {limit!r}; expected a positive integer, or None")
+    return int(limit)
 
 
 def checked_threshold(threshold: Threshold) -> Threshold:

@@ -18,6 +18,7 @@ from fullwaveform.core.driver import (
     Driver,
     Mode,
     Result,
+    RunMonitor,
     Threshold,
 )
 from fullwaveform.core.scanner import Scanner
@@ -117,11 +118,13 @@ class ExtractedBlock:
 class Extractor:
     """Runs the driver over blocks, with one driver per sampling interval.
 
-    The result of a block depends on the block and the settings only.
+    The result of a block depends on the block and the settings only. `monitor` cancels the
+    extraction from another thread, see `Driver`.
     """
 
-    def __init__(self, settings: ExtractionSettings) -> None:
+    def __init__(self, settings: ExtractionSettings, monitor: RunMonitor | None = None) -> None:
         self.settings = settings
+        self._monitor = monitor
         self._drivers: dict[float, tuple[int, Driver]] = {}  # and their longest waveform
 
     def extract(self, block: WaveformBlock) -> ExtractedBlock:
@@ -207,6 +210,7 @@ class Extractor:
                 self.settings.mode,
                 self.settings.scanner.at_interval(interval),
                 longest_waveform=min(longest, LONGEST_DECONVOLUTION),
+                monitor=self._monitor,
             )
             self._drivers[interval] = (longest, driver)
         return driver

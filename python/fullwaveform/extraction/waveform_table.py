@@ -22,8 +22,9 @@ class WaveformState(IntEnum):
     INVALID_ROW = RowState.INVALID_ROW
     TOO_LONG_TO_DECONVOLVE = RowState.TOO_LONG_TO_DECONVOLVE
     MERGED_INTO_OTHER_CHANNEL = RowState.MERGED_INTO_OTHER_CHANNEL
-    NO_ECHO = 6
-    NOT_FINITE = 7
+    TOO_COMPLEX = RowState.TOO_COMPLEX
+    NO_ECHO = 7
+    NOT_FINITE = 8
 
     @property
     def phrase(self) -> str:
@@ -40,6 +41,7 @@ _PHRASES = {
         f"too long to deconvolve (more than {LONGEST_DECONVOLUTION:,} samples)"
     ),
     WaveformState.MERGED_INTO_OTHER_CHANNEL: "echoes merged into the other channel",
+    WaveformState.TOO_COMPLEX: "too complex: the work would exceed the limit",
     WaveformState.NO_ECHO: "no plausible echo found",
     WaveformState.NOT_FINITE: "no echo with finite values",
 }

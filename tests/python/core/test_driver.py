@@ -156,6 +156,7 @@ def test_row_states_of_kept_and_rejected_waveforms() -> None:
     assert result.statistics == {
         "mergedIntoOtherChannel": 0,
         "tooLongToDeconvolve": 0,
+        "tooComplex": 0,
         "numberOfWaves": 5,
         "signalTooLow": 2,
         "duplicates": 1,
