@@ -53,7 +53,7 @@ def draw_overview(
     panels[-1].set_xlabel("sample", fontsize=style.TEXT_SIZE, color=style.INK)
     left.supylabel("digitiser counts", fontsize=style.TEXT_SIZE, color=style.INK)
     draw_side_view(right.subplots(), xyz, amplitude)
-    style.save_figure(figure, path)
+    style.save_figure(figure, path, overwrite=True)
 
 
 def draw_waveform(axes: Axes, waveform: Waveform) -> None:

@@ -33,6 +33,7 @@ from fullwaveform.extraction.extractor import (
 )
 from fullwaveform.extraction.pipeline import available_workers, extracted_blocks
 from fullwaveform.extraction.waveform_table import WAVEFORM_COLUMNS, WaveformTable
+from fullwaveform.io.atomic import protected_inputs
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.echo_writers.opening import open_echo_file
 from fullwaveform.io.opening import open_waveforms
@@ -105,26 +106,35 @@ class Extraction:
         """The table "peaks" or "waveforms" for pandas; ImportError if pandas is not installed."""
         return cast("pd.DataFrame", self.to_arrow(table).to_pandas())
 
-    def to_las(self, path: str | os.PathLike[str]) -> int:
+    def to_las(self, path: str | os.PathLike[str], *, overwrite: bool = False) -> int:
         """Write the echoes as points of a LAS or LAZ file; see `write`."""
         if Path(path).suffix.lower() not in (".las", ".laz"):
             raise ValueError(f"{path} must end in .las or .laz")
-        return self.write(path)
+        return self.write(path, overwrite=overwrite)
 
-    def write(self, path: str | os.PathLike[str]) -> int:
-        """Write the echoes to a file; its ending chooses the format. Return the number written.
+    def write(self, path: str | os.PathLike[str], *, overwrite: bool = False) -> int:
+        """Write the echoes to a file; its suffix chooses the format. Return the number written.
 
-        LAS files skip echoes whose coordinates they cannot represent.
+        An existing file is replaced if `overwrite` is set, it is a file of echoes of this format
+        and not the file from which these were extracted or one of its companions. LAS files skip
+        echoes whose coordinates they cannot represent.
 
         Raises
         ------
         ValueError
-            Unknown ending.
+            Unknown suffix.
+        FileExistsError
+            The file exists and is not replaced.
         OSError
             The file cannot be written.
         """
         run = run_metadata(self._settings, self._source)
-        with open_echo_file(path, self._header, run, carry=self._settings.carry) as writer:
+        with (
+            protected_inputs(*([] if self._source is None else [self._source])),
+            open_echo_file(
+                path, self._header, run, carry=self._settings.carry, overwrite=overwrite
+            ) as writer,
+        ):
             writer.write(self._echoes)
         return writer.count
 
@@ -260,4 +270,4 @@ def _of_file(
 
 def _of_reader(reader: WaveformReader, settings: ExtractionSettings, workers: int) -> Extraction:
     blocks = list(extracted_blocks(reader.blocks(), settings, workers))
-    return Extraction(blocks, reader.header, reader.tally, settings, reader.path)
+    return Extraction(blocks, reader.header, reader.tally, settings, reader.path.absolute())

@@ -90,6 +90,8 @@ def compare_echoes(
     found: Path,
     settings: CompareSettings | None = None,
     details: Path | None = None,
+    *,
+    overwrite: bool = False,
 ) -> Comparison:
     """Compare the echoes of a file with those of a reference.
 
@@ -111,7 +113,11 @@ def compare_echoes(
     with Scratch() as scratch:
         sides = [_Side(file, scratch) for file in files]
         result = Comparison(files[1], files[0], settings, _method(sides[0], sides[1], settings))
-        writer = scratch.enter_context(UnmatchedWriter(details)) if details is not None else None
+        writer = None
+        if details is not None:
+            writer = UnmatchedWriter(details)
+            writer.overwrite = overwrite
+            scratch.enter_context(writer)
         sums = _Sums(result, scratch, writer)
         for window in _windows(sides[0], sides[1], result):
             sums.add(window)

@@ -45,6 +45,7 @@ from fullwaveform.cluster.manifest import MANIFEST_NAME, Manifest
 from fullwaveform.cluster.settings import JobSettings
 from fullwaveform.core.driver import Mode
 from fullwaveform.core.scanner import Scanner
+from fullwaveform.data.counting import counted
 from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.extraction.pipeline import available_workers
 from fullwaveform.extraction.warning_file import warning_path
@@ -275,8 +276,7 @@ def _summary(
         total.read.notes = _notes_by_file(manifest)
     notes = las_notes(total.written, total.not_representable, total.saturated_return_numbers)
     notes = (*notes, *_phase_notes(manifest))
-    count = len(manifest.parts)
-    parts = f"{count:,} part{'s' if count != 1 else ''}, listed in {MANIFEST_NAME}"
+    parts = f"{counted(len(manifest.parts), 'part')}, listed in {MANIFEST_NAME}"
     statistics = warning_path(folder, sources[0] if len(sources) == 1 else Path("*"))
     return RunSummary(
         name=_name(sources),

@@ -20,12 +20,13 @@ from fullwaveform.analysis.comparison import (
     compare_echoes,
 )
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.options import refuse_same_file, require_suffix
+from fullwaveform.cli.options import require_suffix
+from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.summary import Row, print_table
 from fullwaveform.data.echo_records import QUANTITIES
-from fullwaveform.io.unmatched_file import DETAILS_ENDINGS
+from fullwaveform.io.unmatched_file import DETAILS_ENDINGS, details_kind
 from fullwaveform.plotting.histogram import draw_histogram
-from fullwaveform.plotting.style import PLOT_ENDINGS
+from fullwaveform.plotting.style import PLOT_ENDINGS, plot_kind
 
 _SHOWN_SETTINGS = ("mode", "threshold", "baseline", "outgoing_phase")
 
@@ -82,6 +83,7 @@ def compare(
         typer.Option(metavar="FILE", help="Histogram of the differences: .png, .pdf or .svg"),
     ] = None,
     as_json: Annotated[bool, typer.Option("--json", help="Print machine-readable JSON")] = False,
+    overwrite: OverwriteOption = False,
 ) -> None:
     """Compare echoes with the discrete returns of a scan, or with other echoes.
 
@@ -93,17 +95,24 @@ def compare(
 
         fullwaveform compare echoes.las echoes.csv --plot differences.pdf --json
     """
-    for output, endings, hint in (
-        (details, DETAILS_ENDINGS, "--details"),
-        (plot, PLOT_ENDINGS, "--plot"),
+    outputs = []
+    for output, endings, kind_of, hint in (
+        (details, DETAILS_ENDINGS, details_kind, "--details"),
+        (plot, PLOT_ENDINGS, plot_kind, "--plot"),
     ):
         if output is not None:
             require_suffix(output, endings, hint)
-            refuse_same_file(reference, output, hint)
-            refuse_same_file(echoes, output, hint)
-    with report_errors():
+            outputs.append(Output(output, kind_of(output), hint))
+    with (
+        checked_outputs(*outputs, overwrite=overwrite, inputs=(reference, echoes)),
+        report_errors(),
+    ):
         comparison = compare_echoes(
-            reference, echoes, CompareSettings(tolerance, time_tolerance, across), details
+            reference,
+            echoes,
+            CompareSettings(tolerance, time_tolerance, across),
+            details,
+            overwrite=overwrite,
         )
         if plot is not None:
             draw_histogram(
@@ -111,6 +120,7 @@ def compare(
                 comparison.drawn,
                 title=f"{comparison.matched:,} echoes matched with {_names(comparison)[0]}",
                 label="range, found minus reference [m]",
+                overwrite=overwrite,
             )
         if as_json:
             typer.echo(json.dumps(_json(comparison), indent=2))

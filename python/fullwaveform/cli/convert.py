@@ -20,12 +20,13 @@ from fullwaveform.cli.options import (
     VerboseOption,
     channel_flags_from,
     refuse_quiet_and_verbose,
-    refuse_same_file,
     require_suffix,
 )
+from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import blocks_with_progress, print_line
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import ReadTally
+from fullwaveform.data.counting import counted
 from fullwaveform.io.container.writer import ScanContainerWriter
 
 
@@ -37,6 +38,7 @@ def convert(
     channel: ChannelOption = None,
     block: BlockOption = 20_000,
     skip_unreadable: SkipUnreadable = False,
+    overwrite: OverwriteOption = False,
     verbose: VerboseOption = False,
     quiet: QuietOption = False,
 ) -> None:
@@ -49,10 +51,13 @@ def convert(
         fullwaveform convert scan.las described.h5 --scanner scanner.toml --block 5000
     """
     require_suffix(output, (".h5", ".hdf5"), "OUT.h5")
-    refuse_same_file(source, output, "OUT.h5")
     refuse_quiet_and_verbose(quiet, verbose)
     channels = channel_flags_from(channel)
-    with report_errors():
+    result = Output(output, ScanContainerWriter.kind, "OUT.h5")
+    with (
+        checked_outputs(result, overwrite=overwrite, inputs=(source, scanner)),
+        report_errors(),
+    ):
         description = Scanner.from_toml(scanner) if scanner is not None else None
         with open_checked(
             source, channels, interval=interval, block=block, skip_unreadable=skip_unreadable
@@ -60,6 +65,7 @@ def convert(
             reader.on_unreadable = print_line if verbose else None
             reader.with_outgoing = True
             writer = ScanContainerWriter(output, reader.header, description or reader.scanner())
+            writer.overwrite = overwrite
             with writer, blocks_with_progress(reader, quiet) as blocks:
                 for waveforms in blocks:
                     writer.write(waveforms)
@@ -68,7 +74,7 @@ def convert(
 
 
 def _print_summary(tally: ReadTally, output: Path) -> None:
-    typer.echo(f"{tally.waveforms:,} waveforms: {output}")
+    typer.echo(f"{counted(tally.waveforms, 'waveform')}: {output}")
     for reason, count in sorted(tally.rejected.items()):
         typer.echo(f"{count:,} skipped: {reason}")
     for note in tally.notes:

@@ -15,6 +15,7 @@ from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_options import ExtractOptions, open_checked
 from fullwaveform.cli.options import (
     AfterPulseOption,
+    AllowEmpty,
     BlockOption,
     Carry,
     ChannelOption,
@@ -30,17 +31,23 @@ from fullwaveform.cli.options import (
     channel_flags_from,
     integer_from,
     refuse_quiet_and_verbose,
-    refuse_same_file,
 )
+from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import blocks_with_progress, print_line
 from fullwaveform.cli.summary import RunSummary
 from fullwaveform.core.driver import Mode
 from fullwaveform.core.messages import counted_messages
+from fullwaveform.data.counting import counted
 from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTally, run_metadata
 from fullwaveform.extraction.pipeline import available_workers, extracted_blocks, write_echoes
 from fullwaveform.extraction.warning_file import warning_path
 from fullwaveform.io.base import EchoWriter, WaveformReader
-from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, check_takes_empty, open_echo_file
+from fullwaveform.io.echo_writers.opening import (
+    ECHO_ENDINGS,
+    check_takes_empty,
+    echo_outputs,
+    open_echo_file,
+)
 
 
 def extract(
@@ -66,6 +73,8 @@ def extract(
         ),
     ] = None,
     block: BlockOption = 20_000,
+    overwrite: OverwriteOption = False,
+    allow_empty: AllowEmpty = False,
     verbose: Annotated[
         bool,
         typer.Option(
@@ -84,7 +93,6 @@ def extract(
 
         fullwaveform extract scan.las -o echoes.csv --channel 2=high --workers 2 --verbose
     """
-    refuse_same_file(source, output, "-o")
     refuse_quiet_and_verbose(quiet, verbose)
     try:
         check_takes_empty(output, keep_empty)
@@ -103,7 +111,11 @@ def extract(
         block=block,
         outgoing_phase=outgoing_phase,
     )
-    with report_errors():
+    results = [Output(path, kind, "-o") for path, kind in echo_outputs(output).items()]
+    with (
+        checked_outputs(*results, overwrite=overwrite, inputs=(source, scanner)),
+        report_errors(),
+    ):
         with open_checked(
             source,
             options.channels,
@@ -115,7 +127,22 @@ def extract(
                 options.settings([reader.scanner()]), calibration=measure(reader, outgoing_phase)
             )
             threads = workers or available_workers()
-            summary = _extract(reader, settings, output, threads, verbose=verbose, quiet=quiet)
+            writer = open_echo_file(
+                output,
+                reader.header,
+                run_metadata(settings, reader.path),
+                carry=settings.carry,
+                overwrite=overwrite,
+            )
+            summary = _extract(
+                reader,
+                settings,
+                writer,
+                threads,
+                allow_empty=allow_empty,
+                verbose=verbose,
+                quiet=quiet,
+            )
         if not quiet:
             summary.show(Console())
 
@@ -123,19 +150,17 @@ def extract(
 def _extract(
     reader: WaveformReader,
     settings: ExtractionSettings,
-    output: Path,
+    writer: EchoWriter,
     workers: int,
     *,
+    allow_empty: bool,
     verbose: bool,
     quiet: bool,
 ) -> RunSummary:
     start = time.perf_counter()
-    writer = open_echo_file(
-        output, reader.header, run_metadata(settings, reader.path), carry=settings.carry
-    )
     each = print_line if verbose else None
     reader.on_unreadable = each
-    statistics = warning_path(output.absolute().parent, reader.path)
+    statistics = warning_path(writer.path.absolute().parent, reader.path)
     with (
         writer,
         blocks_with_progress(reader, quiet) as blocks,
@@ -147,10 +172,11 @@ def _extract(
             statistics=statistics,
             on_rejected=each,
         )
-        _check_not_empty(tally, writer)
+        if not allow_empty:
+            _check_not_empty(tally, settings, writer)
     return RunSummary(
         name=reader.path.name,
-        destination=output,
+        destination=writer.path,
         settings=settings,
         read=reader.tally,
         extracted=tally,
@@ -162,9 +188,18 @@ def _extract(
     )
 
 
-def _check_not_empty(tally: ExtractionTally, writer: EchoWriter) -> None:
-    if tally.echoes > 0 and writer.count == 0:
+def _check_not_empty(
+    tally: ExtractionTally, settings: ExtractionSettings, writer: EchoWriter
+) -> None:
+    if writer.count > 0 or (settings.keep_empty and tally.waveforms > 0):
+        return
+    if tally.echoes > 0:
         raise ValueError(
             f"{writer.path} would be empty: none of the {tally.echoes:,} echoes has coordinates "
             "that it can hold; write a table (.csv, .parquet, .h5) instead"
         )
+    reasons = ", ".join(f"{count:,} x {reason}" for reason, count in tally.rejected.items())
+    raise ValueError(
+        f"{writer.path} would be empty: no echoes in {counted(tally.waveforms, 'waveform')}"
+        f"{f' ({reasons})' if reasons else ''}; give a lower --threshold, or --allow-empty"
+    )

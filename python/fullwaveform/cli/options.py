@@ -184,6 +184,9 @@ Carry = Annotated[
         help="Take over class and extra bytes of a discrete return nearby. Default: carry",
     ),
 ]
+AllowEmpty = Annotated[
+    bool, typer.Option("--allow-empty", help="Write a file without echoes if none is found")
+]
 TimeOption = Annotated[
     float | None,
     typer.Option(parser=_time, metavar="T", help="GPS time of the shot in s, within 1 microsecond"),
@@ -242,16 +245,6 @@ def channel_flags_from(texts: list[str] | None) -> ChannelFlags:
         else:
             default = flag
     return ChannelFlags(single, default)
-
-
-def refuse_same_file(source: Path, output: Path, hint: str) -> None:
-    """BadParameter if output and input are the same file, also through links."""
-    try:
-        same = output.samefile(source)
-    except OSError:  # a missing file is reported where it is opened
-        return
-    if same:
-        raise typer.BadParameter(f"output {output} is the input file", param_hint=hint)
 
 
 def refuse_quiet_and_verbose(quiet: bool, verbose: bool) -> None:

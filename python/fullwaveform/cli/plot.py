@@ -22,11 +22,12 @@ from fullwaveform.cli.options import (
     TimeOption,
     channel_flags_from,
     integer_from,
-    refuse_same_file,
     require_suffix,
 )
+from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.core.driver import Mode
-from fullwaveform.plotting.style import PLOT_ENDINGS
+from fullwaveform.data.counting import counted
+from fullwaveform.plotting.style import PLOT_ENDINGS, plot_kind
 from fullwaveform.plotting.waveform import draw_waveforms
 
 
@@ -54,6 +55,7 @@ def plot(
     channel: ChannelOption = None,
     after_pulse: AfterPulseOption = None,
     interval: IntervalOption = None,
+    overwrite: OverwriteOption = False,
 ) -> None:
     """Plot one waveform or the waveforms of a shot with their echoes.
 
@@ -69,16 +71,19 @@ def plot(
     """
     selector, value = _selection(waveform, shot, time)
     require_suffix(output, PLOT_ENDINGS, "-o")
-    refuse_same_file(source, output, "-o")
     modes = list(dict.fromkeys(mode or [Mode.THREE_POINT]))
     channels = channel_flags_from(channel)
-    with report_errors():
+    picture = Output(output, plot_kind(output), "-o")
+    with (
+        checked_outputs(picture, overwrite=overwrite, inputs=(source, scanner)),
+        report_errors(),
+    ):
         with open_checked(source, channels, interval=interval) as reader:
             description = scanner_for(scanner, after_pulse, [reader.scanner()])
             views = waveform_views(
                 find_shot(reader, selector, value), description, modes, threshold
             )
-        draw_waveforms(output, views)
+        draw_waveforms(output, views, overwrite=overwrite)
     for view in views:
         typer.echo(_summary(view))
     typer.echo(f"result: {output}")
@@ -107,6 +112,6 @@ def _summary(view: WaveformView) -> str:
     parts = []
     for method in view.methods:
         count = len(method.positions)
-        found = f"{count} echo{'es' if count != 1 else ''}" if count else method.note
+        found = counted(count, "echo", "echoes") if count else method.note
         parts.append(f"{method.name}: {found}")
     return f"waveform {view.number}, {'; '.join(parts)}"

@@ -22,10 +22,21 @@ from fullwaveform.cli.options import (
     TimeOption,
     channel_flags_from,
     integer_from,
-    refuse_same_file,
 )
+from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.core.driver import Mode, check_system_wave
-from fullwaveform.io.atomic import atomic_open
+from fullwaveform.io.atomic import FileKind, atomic_open
+
+# First words of a full report, of a line on the extent, and of the scanner's parameters.
+_REPORT_STARTS = ("bin_shift: ", "#", "empty", "t_ref: ")
+
+
+def _is_report(path: Path) -> bool:
+    with path.open(encoding="utf-8") as file:
+        return file.readline(4096).startswith(_REPORT_STARTS)
+
+
+_REPORT_KIND = FileKind("a report", _is_report)
 
 
 def report(
@@ -53,6 +64,7 @@ def report(
         Path | None,
         typer.Option("-o", "--output", metavar="FILE", help="Default: standard output"),
     ] = None,
+    overwrite: OverwriteOption = False,
 ) -> None:
     """Print the analysis of single waveforms: levels, segments, echoes.
 
@@ -71,10 +83,12 @@ def report(
         raise typer.BadParameter("expected --waveform, --time or --scanner-report")
     if extent and not (numbers or time is not None):
         raise typer.BadParameter("needs --waveform or --time", param_hint="--extent")
-    if output is not None:
-        refuse_same_file(source, output, "-o")
+    outputs = [] if output is None else [Output(output, _REPORT_KIND, "-o")]
     channels = channel_flags_from(channel)
-    with report_errors():
+    with (
+        checked_outputs(*outputs, overwrite=overwrite, inputs=(source, scanner)),
+        report_errors(),
+    ):
         with open_checked(source, channels, interval=interval) as reader:
             description = scanner_for(scanner, after_pulse, [reader.scanner()])
             check_system_wave(mode, description)
@@ -95,7 +109,7 @@ def report(
             texts.insert(0, parameters.removesuffix("\n"))
         if not texts:
             raise ValueError(f"{source}: no report; {'; '.join(notes)}")
-        _write("".join(f"{text}\n" for text in texts), output)
+        _write("".join(f"{text}\n" for text in texts), output, overwrite)
     for note in notes:
         typer.echo(f"note: {note}", err=True)
 
@@ -105,10 +119,10 @@ def _interval(shot: SelectedShot) -> float:
     return float(shot.block.sampling_intervals[shot.rows[0]])
 
 
-def _write(text: str, output: Path | None) -> None:
+def _write(text: str, output: Path | None, overwrite: bool) -> None:
     if output is None:
         typer.echo(text, nl=False)
         return
-    with atomic_open(output) as stream:
+    with atomic_open(output, _REPORT_KIND, overwrite=overwrite) as stream:
         stream.write(text.encode("utf-8"))
     typer.echo(f"result: {output}")

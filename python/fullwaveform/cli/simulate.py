@@ -9,7 +9,10 @@ import typer
 
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.options import require_suffix
+from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
+from fullwaveform.data.counting import counted
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
+from fullwaveform.simulation.files import FILE_KINDS, scan_files
 
 _DEFAULTS = ScanSettings()
 _POINT_FORMATS = (4, 9)
@@ -32,6 +35,7 @@ def simulate(
     point_format: Annotated[
         int, typer.Option(metavar="9|4", help="LAS point format: 9 (LAS 1.4) or 4 (LAS 1.3)")
     ] = 9,
+    overwrite: OverwriteOption = False,
 ) -> None:
     """Simulate a scan with known echoes.
 
@@ -51,9 +55,13 @@ def simulate(
         settings = ScanSettings(shots=shots, samples=samples, noise_rms=noise_rms, seed=seed)
     except ValueError as error:
         raise typer.BadParameter(str(error)) from error
-    with report_errors():
+    outputs = [
+        Output(path, kind, "OUT.las")
+        for path, kind in zip(scan_files(output), FILE_KINDS, strict=True)
+    ]
+    with checked_outputs(*outputs, overwrite=overwrite, inputs=()), report_errors():
         scan = simulate_scan(settings)
-        files = write_scan(scan, output, point_format=point_format)
-    typer.echo(
-        f"{shots:,} shots, {len(scan.truth):,} echoes: {', '.join(str(file) for file in files)}"
-    )
+        files = write_scan(scan, output, point_format=point_format, overwrite=overwrite)
+    echoes = counted(len(scan.truth), "echo", "echoes")
+    names = ", ".join(str(file) for file in files)
+    typer.echo(f"{counted(shots, 'shot')}, {echoes}: {names}")

@@ -10,6 +10,7 @@ from rich.console import Console
 from rich.table import Table
 
 from fullwaveform.data.blocks import ReadTally
+from fullwaveform.data.counting import counted
 from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTally
 
 #: Label, value, remark.
@@ -75,8 +76,9 @@ class RunSummary:
         notes = [*self.settings.scanner.notes, *self.read.notes, *self.notes]
         if self.extracted.suspicious_blocks:
             notes.append(
-                f"half or more of the waveforms rejected in {self.extracted.suspicious_blocks} "
-                f"blocks; statistics appended to {self.statistics}"
+                "half or more of the waveforms rejected in "
+                f"{counted(self.extracted.suspicious_blocks, 'block')}; statistics appended to "
+                f"{self.statistics}"
             )
         return notes
 

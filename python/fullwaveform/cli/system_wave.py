@@ -12,16 +12,20 @@ from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.options import (
     ThresholdOption,
     parse_interval,
-    refuse_same_file,
     require_suffix,
 )
+from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.summary import Row, print_table
 from fullwaveform.core.constants import SYSTEM_WAVE_SAMPLES
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.plotting.style import PLOT_ENDINGS
+from fullwaveform.plotting.style import PLOT_ENDINGS, plot_kind
 from fullwaveform.plotting.system_wave import SystemWaveCurves, draw_system_wave
 from fullwaveform.system_wave.averaging import AveragePulse
-from fullwaveform.system_wave.description import with_system_wave, write_description
+from fullwaveform.system_wave.description import (
+    DESCRIPTION_KIND,
+    with_system_wave,
+    write_description,
+)
 from fullwaveform.system_wave.exponentials import MAX_ORDER
 from fullwaveform.system_wave.fitting import WINDOW_SAMPLES, SystemWave, fit_system_wave
 from fullwaveform.system_wave.offset import (
@@ -90,6 +94,7 @@ def system_wave(
         typer.Option(metavar="NAME", help="Array of an .npz with the pulses. Default: out_samples"),
     ] = None,
     threshold: ThresholdOption = "estimate",
+    overwrite: OverwriteOption = False,
     quiet: Annotated[bool, typer.Option("-q", "--quiet", help="Print no summary")] = False,
 ) -> None:
     """Estimate the system wave, needed for deconvolution, from pulses.
@@ -102,18 +107,22 @@ def system_wave(
     """
     pulses = Input(source_file, source, array, interval, threshold)
     require_suffix(output, (".toml",), "-o")
+    outputs = [Output(output, DESCRIPTION_KIND, "-o")]
     if plot is not None:
         require_suffix(plot, PLOT_ENDINGS, "--plot")
-    refuse_same_file(source_file, output, "-o")
+        outputs.append(Output(plot, plot_kind(plot), "--plot"))
     _refuse_unused_options(pulses)
-    with report_errors():
+    with (
+        checked_outputs(*outputs, overwrite=overwrite, inputs=(source_file, scanner)),
+        report_errors(),
+    ):
         base = Scanner.default() if scanner is None else Scanner.from_toml(scanner)
         wave = fit_system_wave(pulses.averaged_pulse(base), order=order, begin=begin)
         described = with_system_wave(base, wave.in_seconds(), wave.pulse.sampling_interval)
         offset = _offset(described, pulses, wave.pulse)
         if plot is not None:
-            draw_system_wave(plot, _curves(wave))
-        write_description(output, described, offset, _remarks(wave, offset))
+            draw_system_wave(plot, _curves(wave), overwrite=overwrite)
+        write_description(output, described, offset, _remarks(wave, offset), overwrite=overwrite)
     if not quiet:
         results = [output] if plot is None else [output, plot]
         rows = [*_pulse_rows(wave), *_fit_rows(wave), *_offset_rows(offset)]

@@ -7,9 +7,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 from fullwaveform.calibration.calibration import Calibration
-
-# Some formats keep the samples in a second file.
-_COMPANION_SUFFIXES = (".wdp", ".WDP", ".wvs", ".WVS")
+from fullwaveform.io.companions import COMPANION_SUFFIXES
 
 
 @dataclass(frozen=True)
@@ -33,7 +31,7 @@ class InputFile:
 
 def states_of(path: Path) -> list[FileState]:
     """The state of the file and of its companions; OSError if the file does not exist."""
-    companions = [path.with_suffix(suffix) for suffix in _COMPANION_SUFFIXES]
+    companions = [path.with_suffix(suffix) for suffix in COMPANION_SUFFIXES]
     found = [path, *(other for other in companions if other != path and other.is_file())]
     return [FileState(p.name, p.stat().st_size, p.stat().st_mtime_ns) for p in found]
 

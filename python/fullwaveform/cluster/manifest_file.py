@@ -10,7 +10,7 @@ from pydantic import TypeAdapter
 
 from fullwaveform.cluster.json_data import from_json
 from fullwaveform.cluster.manifest import MANIFEST_NAME, MANIFEST_VERSION, Manifest, Part
-from fullwaveform.io.atomic import atomic_path
+from fullwaveform.io.atomic import ANY_FILE, atomic_path
 
 _MIN_PAUSE_S = 2.0  # between two versions of the file
 _PAUSE_FACTOR = 20  # the pause is at least this many times the time of writing
@@ -103,7 +103,7 @@ class ManifestFile:
         start = time.monotonic()
         self._manifest.seconds = self._seconds_before + start - self._start
         text = _MANIFEST.dump_json(self._manifest, indent=1)
-        with atomic_path(self._path) as temporary:
+        with atomic_path(self._path, ANY_FILE, overwrite=True) as temporary:
             temporary.write_bytes(text + b"\n")
         end = time.monotonic()
         self._next_save = end + max(_MIN_PAUSE_S, _PAUSE_FACTOR * (end - start))

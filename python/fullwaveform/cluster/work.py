@@ -21,6 +21,7 @@ from fullwaveform.cluster.settings import JobSettings
 from fullwaveform.core.messages import counted_messages
 from fullwaveform.extraction.extractor import ExtractedBlock, run_metadata
 from fullwaveform.extraction.pipeline import extracted_blocks, write_echoes
+from fullwaveform.io.atomic import ANY_FILE, protected_inputs
 from fullwaveform.io.base import EchoWriter, WaveformReader
 from fullwaveform.io.echo_writers.las import LasEchoWriter
 from fullwaveform.io.echo_writers.opening import open_echo_file
@@ -140,13 +141,22 @@ def _extract_unit(unit: Unit) -> UnitResult:
             "under the same path"
         )
     outcome = PartOutcome()
-    with counted_messages(own_thread=True) as messages, _opened(unit) as reader:
+    with (
+        protected_inputs(Path(unit.path)),
+        counted_messages(own_thread=True) as messages,
+        _opened(unit) as reader,
+    ):
         settings = replace(unit.settings.extraction(), calibration=unit.calibration)
         reader.with_outgoing = unit.calibration.needs_outgoing
         blocks = reader.blocks(unit.first, unit.stop)
         writer = open_echo_file(
-            output, reader.header, run_metadata(settings, reader.path), carry=settings.carry
+            output,
+            reader.header,
+            run_metadata(settings, reader.path),
+            carry=settings.carry,
+            overwrite=True,
         )
+        writer.kind = ANY_FILE  # a part that was left by an earlier run may be truncated
         with writer:
             extracted = extracted_blocks(blocks, settings)
             outcome.extracted = write_echoes(_counted(extracted, outcome), writer)

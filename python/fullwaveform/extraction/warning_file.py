@@ -4,6 +4,8 @@ from __future__ import annotations
 
 from pathlib import Path
 
+from fullwaveform.io.atomic import protecting_input
+
 
 def warning_path(folder: Path, source: Path) -> Path:
     """Where the statistics of an input file are written."""
@@ -11,7 +13,12 @@ def warning_path(folder: Path, source: Path) -> Path:
 
 
 def append_statistics(path: Path, text: str) -> None:
-    """Append to the file; a diagnostic file that cannot be written does not end the run."""
+    """Append to the file; a diagnostic file that cannot be written does not end the run.
+
+    Nor is anything appended to an input that has its name.
+    """
+    if protecting_input(path) is not None:
+        return
     try:
         with path.open("a", encoding="ascii", newline="") as file:
             file.write(text)

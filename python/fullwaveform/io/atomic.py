@@ -1,4 +1,4 @@
-"""Output files that appear under their name only when they are complete."""
+"""Output files that appear when they are complete, and replace only what they may replace."""
 
 from __future__ import annotations
 
@@ -6,20 +6,110 @@ import errno
 import io
 import os
 import secrets
-from collections.abc import Iterator
+import stat
+from collections.abc import Callable, Iterator
 from contextlib import contextmanager
+from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
+from fullwaveform.io.companions import with_companions
 from fullwaveform.io.interruption import raise_if_requested
 
 # Errors that only writing can cause: disk, quota or maximum file size exceeded.
 _NO_SPACE = (errno.ENOSPC, errno.EDQUOT, errno.EFBIG)
 _collected: list[Path] | None = None
+_inputs: list[Path] = []
 
 
 class OutputError(OSError):
     """An output cannot be written; the message names it and the reason."""
+
+
+@dataclass(frozen=True)
+class FileKind:
+    """A kind of output, by which a former output is told from any other file.
+
+    name : as in "a.las exists and is not NAME"
+    matches : whether an existing file is of this kind, by its content; may raise any exception for
+        a file that is not
+    """
+
+    name: str
+    matches: Callable[[Path], bool]
+
+
+#: For files whose names belong to a run, whatever they contain.
+ANY_FILE = FileKind("a file", lambda path: True)
+
+
+@contextmanager
+def protected_inputs(*paths: Path) -> Iterator[None]:
+    """Protect the inputs of a run: inside the ``with`` statement no output replaces them.
+
+    Nor does it replace the files that belong to them, see `with_companions`.
+    """
+    _inputs.extend(paths)
+    try:
+        yield
+    finally:
+        for path in paths:
+            _inputs.remove(path)
+
+
+def protecting_input(path: Path) -> Path | None:
+    """The protected input that is, or to which belongs, the file at `path`, also through links."""
+    try:
+        found = path.stat()
+    except OSError:
+        return None
+    for source in _inputs:
+        for file in with_companions(source):
+            try:
+                if os.path.samestat(found, file.stat()):
+                    return source
+            except OSError:  # an input that does not exist is reported where it is opened
+                continue
+    return None
+
+
+def check_output(path: Path, kind: FileKind | None, overwrite: bool) -> None:
+    """Check that an output may get the name `path`; no file must exist there without `overwrite`.
+
+    Even then it must be a regular file of the given kind, and no protected input. Empty files are
+    of every kind; without a kind nothing is replaced.
+
+    Raises
+    ------
+    FileExistsError
+        If not; the message says why.
+    IsADirectoryError
+        If `path` is a folder.
+    """
+    if not os.path.lexists(path):
+        return
+    if path.is_dir():
+        raise IsADirectoryError(errno.EISDIR, f"cannot write {path}: it is a folder")
+    if (source := protecting_input(path)) is not None:
+        relation = "is the input file" if source.samefile(path) else "belongs to the input file"
+        raise FileExistsError(errno.EEXIST, f"output {path} {relation} {source}")
+    if kind is not None and not _is_of_kind(path, kind):
+        raise FileExistsError(
+            errno.EEXIST,
+            f"{path} exists and is not {kind.name}; choose another name, or remove the file",
+        )
+    if kind is None or not overwrite:
+        raise FileExistsError(
+            errno.EEXIST, f"{path} already exists; use --overwrite (overwrite=True) to replace it"
+        )
+
+
+def _is_of_kind(path: Path, kind: FileKind) -> bool:
+    try:
+        found = path.stat()
+        return stat.S_ISREG(found.st_mode) and (found.st_size == 0 or kind.matches(path))
+    except Exception:  # its library cannot read it
+        return False
 
 
 @contextmanager
@@ -34,7 +124,9 @@ def collect_outputs() -> Iterator[list[Path]]:
 
 
 @contextmanager
-def atomic_path(path: str | os.PathLike[str]) -> Iterator[Path]:
+def atomic_path(
+    path: str | os.PathLike[str], kind: FileKind | None = None, *, overwrite: bool = False
+) -> Iterator[Path]:
     """Yield a temporary path that is renamed to `path` when the ``with`` statement succeeds.
 
     The temporary file exists already, empty, in the same folder, so that renaming cannot fail for
@@ -43,16 +135,19 @@ def atomic_path(path: str | os.PathLike[str]) -> Iterator[Path]:
 
     Raises
     ------
+    FileExistsError
+        As `check_output`, at the beginning, or at the end for a file that has appeared since.
     OSError
         If the folder is missing or not writable, or if `path` is a folder. Errors inside the
         statement that name the temporary file or report a lack of space name `path` instead.
     """
     final = Path(path)
+    check_output(final, kind, overwrite)
     temporary = _create_temporary(final)
     try:
         yield temporary
         raise_if_requested()
-        temporary.replace(final)
+        _rename(temporary, final, kind, overwrite)
         if _collected is not None:
             _collected.append(final)
     except OSError as error:
@@ -67,7 +162,9 @@ def atomic_path(path: str | os.PathLike[str]) -> Iterator[Path]:
 
 
 @contextmanager
-def atomic_open(path: str | os.PathLike[str]) -> Iterator[OutputFile]:
+def atomic_open(
+    path: str | os.PathLike[str], kind: FileKind | None = None, *, overwrite: bool = False
+) -> Iterator[OutputFile]:
     """Yield a stream into a file that gets its name when the ``with`` statement succeeds.
 
     As `atomic_path`, for libraries that write to a stream and replace its errors by their own or
@@ -75,7 +172,10 @@ def atomic_open(path: str | os.PathLike[str]) -> Iterator[OutputFile]:
     earlier by the stream's `check`.
     """
     final = Path(path)
-    with atomic_path(final) as temporary, OutputFile(temporary, final) as stream:
+    with (
+        atomic_path(final, kind, overwrite=overwrite) as temporary,
+        OutputFile(temporary, final) as stream,
+    ):
         try:
             yield stream
         except Exception:
@@ -139,13 +239,41 @@ def _naming_final(error: OSError, temporary: Path, final: Path) -> OSError:
     return error
 
 
+def _rename(temporary: Path, final: Path, kind: FileKind | None, overwrite: bool) -> None:
+    """Give the file its final name; only a file that `check_output` accepts is replaced."""
+    try:
+        _rename_to_new(temporary, final)
+    except FileExistsError:
+        check_output(final, kind, overwrite)
+        temporary.replace(final)
+
+
+def _rename_to_new(temporary: Path, final: Path) -> None:
+    """Rename the file; FileExistsError if the name is taken, however short ago.
+
+    Renaming would replace a file that another process has made a moment before; making a link does
+    not.
+    """
+    try:
+        os.link(temporary, final)
+    except FileExistsError:
+        raise
+    except OSError:  # a file system without links: an empty file takes the name first
+        _create_new(final)
+        temporary.replace(final)
+    else:
+        temporary.unlink()
+
+
+def _create_new(path: Path) -> None:
+    # Mode 0666 leaves the permissions of the result to the umask, as for any other file.
+    os.close(os.open(path, os.O_CREAT | os.O_EXCL | os.O_WRONLY, 0o666))
+
+
 def _create_temporary(final: Path) -> Path:
-    if final.is_dir():
-        raise OSError(errno.EISDIR, f"cannot write {final}: it is a folder")
     temporary = final.with_name(f".{final.name}.{secrets.token_hex(4)}.part")
     try:
-        # Mode 0666 leaves the permissions of the result to the umask, as for any other file.
-        os.close(os.open(temporary, os.O_CREAT | os.O_EXCL | os.O_WRONLY, 0o666))
+        _create_new(temporary)
     except FileNotFoundError as error:
         message = f"cannot write {final}: the folder {final.parent} does not exist"
         raise OSError(errno.ENOENT, message) from error

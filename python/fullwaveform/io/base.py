@@ -17,9 +17,10 @@ import numpy as np
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import IntArray, UInt8Array
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
+from fullwaveform.data.counting import counted
 from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.atomic import OutputFile, atomic_open
+from fullwaveform.io.atomic import FileKind, OutputFile, atomic_open
 from fullwaveform.io.block_range import BlockRange, PendingBlock
 from fullwaveform.io.interruption import raise_if_requested
 from fullwaveform.io.spread import spread_windows
@@ -229,7 +230,7 @@ class WaveformReader(ABC):
         if tally.rejected and not self.skip_unreadable:
             count = tally.rejected.total()
             raise WaveformFileError(
-                f"{self._path}: {count} unreadable waveform{'s' if count > 1 else ''} "
+                f"{self._path}: {counted(count, 'unreadable waveform')} "
                 f"({_reasons(tally)}); use --skip-unreadable (skip_unreadable=True) to skip"
             )
 
@@ -261,8 +262,18 @@ class FileWriter(ABC):
     """A file that is written piece by piece; to be used in a ``with`` statement.
 
     The file gets its name when the statement ends without an error. Raises OSError if it cannot be
-    written.
+    written, FileExistsError as `check_output` does.
     """
+
+    #: What the file is; an existing file of another kind is not replaced.
+    kind: FileKind | None = None
+    #: Whether an existing file of this kind is replaced; to be set before the ``with`` statement.
+    overwrite: bool = False
+
+    @classmethod
+    def outputs(cls, path: Path) -> dict[Path, FileKind]:
+        """Names and kinds of the files that are written for `path`, before any is."""
+        return {} if cls.kind is None else {path: cls.kind}
 
     def __init__(self, path: str | os.PathLike[str]) -> None:
         self.path = Path(path)
@@ -287,7 +298,7 @@ class FileWriter(ABC):
 
     @contextmanager
     def _open(self) -> Iterator[None]:
-        with atomic_open(self.path) as self._stream:
+        with atomic_open(self.path, self.kind, overwrite=self.overwrite) as self._stream:
             try:
                 with self._content(self._stream):
                     yield

@@ -14,7 +14,7 @@ import pyarrow.parquet
 
 from fullwaveform.data.arrays import RecordArray
 from fullwaveform.data.echo_records import QUANTITIES
-from fullwaveform.io.atomic import OutputFile
+from fullwaveform.io.atomic import FileKind, OutputFile
 from fullwaveform.io.base import FileWriter
 
 #: Name endings of the files.
@@ -31,6 +31,21 @@ _SCHEMA = pa.schema(
 )
 
 
+def _is_csv(path: Path) -> bool:
+    with path.open(encoding="ascii") as file:
+        return file.readline(4096).startswith(",".join(_SCHEMA.names[:6]))
+
+
+def details_kind(path: Path) -> FileKind:
+    """What `UnmatchedWriter` writes to the path."""
+    if path.suffix.lower() == ".parquet":
+        return FileKind(
+            "a Parquet file of unmatched echoes",
+            lambda found: pa.parquet.ParquetFile(found).schema_arrow.names[:2] == ["kind", "row"],
+        )
+    return FileKind("a CSV file of unmatched echoes", _is_csv)
+
+
 class UnmatchedWriter(FileWriter):
     """Writes missed and extra echoes to a CSV or Parquet file.
 
@@ -42,6 +57,7 @@ class UnmatchedWriter(FileWriter):
 
     def __init__(self, path: str | os.PathLike[str]) -> None:
         super().__init__(path)
+        self.kind = details_kind(self.path)
         if self.path.suffix.lower() not in DETAILS_ENDINGS:
             raise ValueError(f"{path} must end in {' or '.join(DETAILS_ENDINGS)}")
 

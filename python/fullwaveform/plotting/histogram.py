@@ -15,11 +15,17 @@ _BIN_RANGE = (0.5, 99.5)  # percentiles; outliers would squeeze the other values
 
 
 def draw_histogram(
-    path: str | os.PathLike[str], values: npt.ArrayLike, *, title: str, label: str
+    path: str | os.PathLike[str],
+    values: npt.ArrayLike,
+    *,
+    title: str,
+    label: str,
+    overwrite: bool = False,
 ) -> None:
     """Histogram of the finite values with their median, over all but the outermost percent.
 
-    Raises ValueError for an unknown file ending, OSError if the file cannot be written.
+    Raises ValueError for an unknown file suffix, OSError if the file cannot be written, also as
+    `save_figure` for an existing one.
     """
     style.plot_format(path)
     numbers = np.asarray(values, dtype=np.float64).ravel()
@@ -34,7 +40,7 @@ def draw_histogram(
     else:
         axes.text(0.5, 0.5, "no values", transform=axes.transAxes, ha="center", color=style.GREY)
     style.label_axes(axes, label, "count", title)
-    style.save_figure(figure, path)
+    style.save_figure(figure, path, overwrite=overwrite)
 
 
 def _bin_edges(numbers: FloatArray) -> FloatArray:

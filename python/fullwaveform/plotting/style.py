@@ -11,7 +11,7 @@ from matplotlib.axes import Axes
 from matplotlib.backends.backend_agg import FigureCanvasAgg
 from matplotlib.figure import Figure
 
-from fullwaveform.io.atomic import atomic_open
+from fullwaveform.io.atomic import FileKind, atomic_open
 
 INK, GREY, FAINT = "#1f2a36", "#7b8794", "#dfe4e8"
 #: Colours of what was measured, and of what was found in it.
@@ -20,6 +20,8 @@ TEXT_SIZE, SMALL_TEXT_SIZE = 8.5, 7.5  # points
 DASHED = (0, (4, 2))
 _DOTS_PER_INCH = 160
 _FORMATS = {".png": "png", ".pdf": "pdf", ".svg": "svg"}
+_SIGNATURES = {"png": b"\x89PNG", "pdf": b"%PDF-", "svg": b"<?xml"}
+_SEARCHED = 1 << 16  # bytes at either end of a plot file, for the name of the library that drew it
 #: Name endings of plot files.
 PLOT_ENDINGS = tuple(_FORMATS)
 # Equal plots are equal files: no dates, and no random identifiers in SVG.
@@ -42,13 +44,28 @@ def plot_format(path: str | os.PathLike[str]) -> str:
     return _FORMATS[ending]
 
 
-def save_figure(figure: Figure, path: str | os.PathLike[str]) -> None:
+def plot_kind(path: str | os.PathLike[str]) -> FileKind:
+    """Plots of the format of `plot_format`; ValueError for an unknown ending."""
+    signature = _SIGNATURES[plot_format(path)]
+
+    def is_plot(existing: Path) -> bool:
+        with existing.open("rb") as file:
+            content = file.read(_SEARCHED)
+            file.seek(max(len(content), file.seek(0, os.SEEK_END) - _SEARCHED))
+            return content.startswith(signature) and b"atplotlib" in content + file.read()
+
+    return FileKind(f"a plot ({Path(path).suffix})", is_plot)
+
+
+def save_figure(figure: Figure, path: str | os.PathLike[str], *, overwrite: bool = False) -> None:
     """Write the figure in the format of `plot_format`; the file appears when it is complete.
 
-    Raises ValueError for an unknown ending, OSError if the file cannot be written.
+    Raises ValueError for an unknown ending, OSError if the file cannot be written, FileExistsError
+    for an existing file, unless `overwrite` is set and it is a plot of the same format.
     """
     kind = plot_format(path)
-    with mpl.rc_context(_SVG_SETTINGS), atomic_open(Path(path)) as stream:
+    output = atomic_open(path, plot_kind(path), overwrite=overwrite)
+    with mpl.rc_context(_SVG_SETTINGS), output as stream:
         figure.savefig(stream, format=kind, metadata=_NO_DATE.get(kind, {}))
 
 

@@ -27,10 +27,13 @@ class SystemWaveCurves:
     title: str
 
 
-def draw_system_wave(path: str | os.PathLike[str], curves: SystemWaveCurves) -> None:
+def draw_system_wave(
+    path: str | os.PathLike[str], curves: SystemWaveCurves, *, overwrite: bool = False
+) -> None:
     """Averaged pulse and fitted exponentials, and below them their difference.
 
-    Raises ValueError for an unknown file ending, OSError if the file cannot be written.
+    Raises ValueError for an unknown file suffix, OSError if the file cannot be written, also as
+    `save_figure` for an existing one.
     """
     style.plot_format(path)
     figure = style.new_figure(7.5, 5.6)
@@ -43,7 +46,7 @@ def draw_system_wave(path: str | os.PathLike[str], curves: SystemWaveCurves) -> 
     style.label_axes(lower, "time from the start of the window [ns]", "difference [%]")
     for axes in (upper, lower):
         axes.axvspan(0.0, curves.window_ns, color=style.FAINT, alpha=0.6, linewidth=0, zorder=0)
-    style.save_figure(figure, path)
+    style.save_figure(figure, path, overwrite=overwrite)
 
 
 def _draw_curves(axes: Axes, curves: SystemWaveCurves) -> None:

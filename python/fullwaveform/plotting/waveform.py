@@ -41,14 +41,16 @@ _COLUMNS = (0.22, 0.50, 0.86)  # right ends of the columns of numbers, share of 
 _NANOSECONDS = 1e9
 
 
-def draw_waveforms(path: str | os.PathLike[str], views: Sequence[WaveformView]) -> None:
+def draw_waveforms(
+    path: str | os.PathLike[str], views: Sequence[WaveformView], *, overwrite: bool = False
+) -> None:
     """Draw waveforms one below the other; see `waveform_figure`.
 
-    Raises ValueError for an unknown file ending or without waveforms, OSError if the file cannot
-    be written.
+    Raises ValueError for an unknown file suffix or without waveforms, OSError if the file cannot
+    be written, also as `save_figure` for an existing one.
     """
     plot_format(path)
-    save_figure(waveform_figure(views), path)
+    save_figure(waveform_figure(views), path, overwrite=overwrite)
 
 
 def waveform_figure(views: Sequence[WaveformView]) -> Figure:

@@ -14,16 +14,18 @@ import numpy as np
 from laspy.vlrs.known import WktCoordinateSystemVlr
 
 from fullwaveform.data.arrays import FloatArray
-from fullwaveform.io.atomic import atomic_path
+from fullwaveform.io.atomic import FileKind, atomic_path
+from fullwaveform.io.las.origin import SIMULATED, SOFTWARE, is_written_here
 from fullwaveform.simulation.points import NO_PACKET, DiscretePoints, discrete_points
 from fullwaveform.simulation.settings import ScanSettings
-from fullwaveform.simulation.truth import write_truth
+from fullwaveform.simulation.truth import is_truth, write_truth
 from fullwaveform.simulation.waveforms import SimulatedScan
 
 RECORD_HEADER = struct.Struct("<H16sHQ32s")  # of an extended record; 60 bytes
 _PACKET_RECORD = 65_535  # record ID of waveform packets
 _DESCRIPTOR = struct.Struct("<BBIIdd")
 _FIRST_DESCRIPTOR = 100  # record of descriptor index 1
+_PACKETS_OF = b"Simulated waveforms"  # description of the packet record
 _VOLTS_PER_COUNT = 1e-3  # of the less sensitive channel
 _SCALE = 0.001  # m
 _SCAN_ANGLE_STEP = 0.006  # degrees, of the later point formats
@@ -58,45 +60,66 @@ class ScanFiles(NamedTuple):
     truth: Path
 
 
-def write_scan(scan: SimulatedScan, path_las: Path | str, *, point_format: int = 9) -> ScanFiles:
-    """Write `<stem>.las`, `<stem>.wdp` and `<stem>_truth.csv`; existing files are replaced.
+def _has_packets_header(path: Path) -> bool:
+    with path.open("rb") as file:
+        _, user, record, _, text = RECORD_HEADER.unpack(file.read(RECORD_HEADER.size))
+    is_packet_record = user.startswith(b"LASF_Spec") and record == _PACKET_RECORD
+    return bool(is_packet_record and text.startswith(_PACKETS_OF))
 
+
+#: What the files are, in the order of `ScanFiles`.
+FILE_KINDS = (
+    FileKind("a simulated scan", lambda path: is_written_here(path, SIMULATED)),
+    FileKind("the waveforms of a simulated scan", _has_packets_header),
+    FileKind("the true echoes of a simulated scan", is_truth),
+)
+
+
+def scan_files(path_las: Path) -> ScanFiles:
+    """The files of the scan with the given name; ValueError if it does not end in `.las`."""
+    if path_las.suffix.lower() != ".las":
+        raise ValueError(f"invalid name {path_las.name!r}; it must end in .las")
+    truth = path_las.with_name(f"{path_las.stem}_truth.csv")
+    return ScanFiles(path_las, path_las.with_suffix(".wdp"), truth)
+
+
+def write_scan(
+    scan: SimulatedScan, path_las: Path | str, *, point_format: int = 9, overwrite: bool = False
+) -> ScanFiles:
+    """Write `<stem>.las`, `<stem>.wdp` and `<stem>_truth.csv`.
+
+    An existing file is replaced if `overwrite` is set and it is of a simulated scan.
     Point format 9 writes LAS 1.4, point format 4 LAS 1.3. Descriptor 1 is the low-power channel,
     descriptor 2 the high-power channel. The files appear when all are complete, the points last.
 
     Raises ValueError for another point format or a name that does not end in `.las`, OSError if a
-    file cannot be written.
+    file cannot be written, FileExistsError for existing files.
     """
-    las = Path(path_las)
-    if las.suffix.lower() != ".las":
-        raise ValueError(f"invalid name {las.name!r}; it must end in .las")
+    files = scan_files(Path(path_las))
     if point_format not in _KINDS:
         raise ValueError(f"invalid point format {point_format}; expected 4 or 9")
-    files = ScanFiles(las, las.with_suffix(".wdp"), las.with_name(f"{las.stem}_truth.csv"))
     writers: dict[Path, Callable[[Path], None]] = {
         files.wdp: lambda part: _write_packets(scan, part),
         files.truth: lambda part: write_truth(scan.truth, part),
         files.las: lambda part: _write_points(scan, part, point_format),
     }
-    _write_all_or_nothing(writers)
-    return files
-
-
-def _write_all_or_nothing(writers: dict[Path, Callable[[Path], None]]) -> None:
-    """Write all files under temporary names, then rename them in their order."""
+    kinds = dict(zip(files, FILE_KINDS, strict=True))
+    # All are written under temporary names, then renamed in the order of the writers.
     with ExitStack() as stack:
-        # A stack unwinds in reverse order: the file entered first is renamed last.
-        parts = {path: stack.enter_context(atomic_path(path)) for path in reversed(writers)}
+        parts = {}
+        for path in reversed(writers):  # the file entered first is renamed last
+            output = atomic_path(path, kinds[path], overwrite=overwrite)
+            parts[path] = stack.enter_context(output)
         for path, write in writers.items():
             write(parts[path])
+    return files
 
 
 def _write_packets(scan: SimulatedScan, path: Path) -> None:
     """Header of the packet record, then the packets by shot, the low-power channel first."""
     samples = scan.samples.astype(f"<u{scan.settings.bits // 8}")
-    description = b"Simulated waveforms"
     with path.open("wb") as file:
-        file.write(RECORD_HEADER.pack(0, b"LASF_Spec", _PACKET_RECORD, samples.nbytes, description))
+        file.write(RECORD_HEADER.pack(0, b"LASF_Spec", _PACKET_RECORD, samples.nbytes, _PACKETS_OF))
         file.write(samples.data)
 
 
@@ -145,8 +168,8 @@ def _header(settings: ScanSettings, kind: _Kind, point_format: int) -> laspy.Las
     header = laspy.LasHeader(version=kind.version, point_format=point_format)
     header.scales = np.full(3, _SCALE)
     header.offsets = _whole_kilometres(settings)
-    header.system_identifier = "SIMULATION"
-    header.generating_software = "fullwaveform"
+    header.system_identifier = SIMULATED
+    header.generating_software = SOFTWARE
     # Date of the flight, so that equal scans are equal files.
     seconds = settings.start_time + 1e9
     header.creation_date = (datetime(1980, 1, 6, tzinfo=UTC) + timedelta(seconds=seconds)).date()

@@ -60,6 +60,13 @@ def write_truth(truth: TruthTable, path: Path) -> None:
     csv.write_csv(pa.table({name: getattr(truth, name) for name in names}), path)
 
 
+def is_truth(path: Path) -> bool:
+    """Whether the file starts like one of `write_truth`, of any version."""
+    with path.open(encoding="ascii") as file:
+        names = file.readline(4096).rstrip("\n").replace('"', "").split(",")
+    return names[:3] == ["shot", "gps_time", "echo_number"]
+
+
 def read_truth(path: Path | str) -> TruthTable:
     """Read the table that `write_scan` wrote.
 

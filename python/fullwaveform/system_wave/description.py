@@ -3,15 +3,22 @@
 from __future__ import annotations
 
 import os
+import tomllib
 from dataclasses import asdict, replace
 from typing import Any
 
 import tomli_w
 
 from fullwaveform.core.scanner import NO_AFTER_PULSE, Scanner
-from fullwaveform.io.atomic import atomic_path
+from fullwaveform.io.atomic import FileKind, atomic_path
 from fullwaveform.system_wave.exponentials import ExponentialSum
 from fullwaveform.system_wave.offset import DeconvolutionOffset
+
+#: What `write_description` writes.
+DESCRIPTION_KIND = FileKind(
+    "a scanner description with a system wave",
+    lambda path: "a_real" in tomllib.loads(path.read_text(encoding="utf-8")),
+)
 
 
 def with_system_wave(scanner: Scanner, wave: ExponentialSum, interval: float) -> Scanner:
@@ -52,8 +59,14 @@ def write_description(
     scanner: Scanner,
     offset: DeconvolutionOffset | None,
     remarks: tuple[str, ...] = (),
+    *,
+    overwrite: bool = False,
 ) -> None:
-    """Write the TOML of a scanner; the file appears when it is complete. Raises OSError."""
+    """Write the TOML of a scanner; the file appears when it is complete.
+
+    Raises OSError; FileExistsError for an existing file, unless `overwrite` is set and it is a
+    scanner description with a system wave.
+    """
     text = description_text(scanner, offset, remarks)
-    with atomic_path(path) as temporary:
+    with atomic_path(path, DESCRIPTION_KIND, overwrite=overwrite) as temporary:
         temporary.write_text(text, encoding="utf-8")

@@ -100,7 +100,7 @@ def test_archive_with_an_unreadable_waveform(tmp_path: Path) -> None:
     assert not target.exists()
     done = run(*call, "--skip-unreadable")
     assert done.stdout.splitlines() == [
-        f"1 waveforms: {target}",
+        f"1 waveform: {target}",
         "1 skipped: GPS time not finite",
     ]
     with h5py.File(target) as file:
@@ -108,14 +108,15 @@ def test_archive_with_an_unreadable_waveform(tmp_path: Path) -> None:
         assert fields["Waveforms"][:].tolist() == [[0, 1, 2]]
         assert fields["SampleInterval"][:].tolist() == [0.5e-9]
         assert "las" not in file
-    assert run("convert", source, target, "--interval", "0.5", "-q").stdout == ""
+    assert run("convert", source, target, "--interval", "0.5", "-q", "--overwrite").stdout == ""
 
 
 def test_invalid_calls(scan: Path, tmp_path: Path) -> None:
     assert_usage(run("convert", scan, tmp_path / "a.las"), "must end in .h5 or .hdf5")
     container = tmp_path / "a.h5"
     assert run("convert", scan, container, "-q").exit_code == 0
-    assert_usage(run("convert", container, container), "is the input file")
+    assert_usage(run("convert", container, container, "--overwrite"), "is the input file")
+    container = tmp_path / "b.h5"
     for interval in ("0", "-1", "nan", "inf"):
         call = ("convert", scan, container, "--interval", interval)
         assert_usage(run(*call), "must be a finite number above 0, in ns")

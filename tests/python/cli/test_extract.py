@@ -131,20 +131,13 @@ def test_summary_agrees_with_the_files(scan: Path) -> None:
 
 def test_quiet_prints_nothing(scan: Path) -> None:
     for option in ("-q", "--quiet"):
-        assert extract(scan, scan.with_name("e.csv"), option).output == ""
-
-
-def test_existing_output_is_replaced(scan: Path) -> None:
-    output = scan.with_name("echoes.csv")
-    output.write_text("old", encoding="ascii")
-    extract(scan, output)
-    assert output.read_text(encoding="ascii").startswith("x,y,z,gps_time,")
+        assert extract(scan, scan.with_name(f"{option}.csv"), option).output == ""
 
 
 def test_threshold(scan: Path) -> None:
     counts = {}
     for threshold in ("20", "200", "estimate"):
-        extract(scan, scan.with_name("e.csv"), "--threshold", threshold)
+        extract(scan, scan.with_name("e.csv"), "--threshold", threshold, "--overwrite")
         counts[threshold] = csv_columns(scan.with_name("e.csv"))["amplitude"]
     assert counts["20"].min() >= 20
     assert counts["200"].min() >= 200
@@ -173,7 +166,8 @@ def test_mode_by_number_and_name(scan: Path, mode: str) -> None:
 
 def test_channels(scan: Path) -> None:
     def flags(*options: str) -> dict[int, set[int]]:
-        extract(scan, scan.with_name("e.csv"), "--threshold", "20", *options)
+        call = [scan, scan.with_name("e.csv"), "--threshold", "20", "--overwrite"]
+        extract(*call, *options)
         text = csv_columns(scan.with_name("e.csv"))
         # Packets are ordered by shot, descriptor 1 first.
         odd = text["waveform_number"].astype(int) % 2 == 1
@@ -189,8 +183,8 @@ def test_channels(scan: Path) -> None:
 def test_scanner_description(scan: Path) -> None:
     description = scan.with_name("scanner.toml")
     description.write_text(TOML, encoding="utf-8")
-    extract(scan, scan.with_name("e.csv"), "--threshold", "20")
-    one = csv_columns(scan.with_name("e.csv"))
+    extract(scan, scan.with_name("one.csv"), "--threshold", "20")
+    one = csv_columns(scan.with_name("one.csv"))
     result = extract(scan, scan.with_name("e.csv"), "--threshold", "20", "--scanner", description)
     assert "after-pulse filter disabled" in result.stdout
     ten = csv_columns(scan.with_name("e.csv"))
@@ -207,7 +201,8 @@ def test_scanner_description(scan: Path) -> None:
 
 def test_after_pulse(scan: Path) -> None:
     def echoes(*options: str) -> int:
-        result = extract(scan, scan.with_name("e.csv"), "--threshold", "20", *options)
+        call = [scan, scan.with_name("e.csv"), "--threshold", "20", "--overwrite"]
+        result = extract(*call, *options)
         is_reported = "after-pulse filter disabled" in result.stdout
         assert is_reported == (not options)
         return len(csv_columns(scan.with_name("e.csv"))["x"])
@@ -265,11 +260,12 @@ def test_output_equal_to_the_input_is_refused(scan: Path, original: Path) -> Non
 @pytest.mark.parametrize("output", ["echoes.las", "echoes.csv"])
 def test_missing_samples_keep_the_existing_output(scan: Path, output: str) -> None:
     target = scan.with_name(output)
-    target.write_text("from yesterday", encoding="ascii")
+    extract(scan, target)
+    older = target.read_bytes()
     scan.with_suffix(".wdp").unlink()
-    assert_error(run("extract", scan, "-o", target), "scan.wdp")
+    assert_error(run("extract", scan, "-o", target, "--overwrite"), "scan.wdp")
     assert names(scan.parent) == sorted([output, "scan.las"])
-    assert target.read_text(encoding="ascii") == "from yesterday"
+    assert target.read_bytes() == older
 
 
 def test_error_during_the_run_leaves_no_file(scan: Path, monkeypatch: pytest.MonkeyPatch) -> None:

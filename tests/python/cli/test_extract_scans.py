@@ -148,7 +148,7 @@ def test_block_size_does_not_change_the_output(tmp_path: Path) -> None:
     whole = extract(scan, tmp_path / "whole.las", "--channel", "2=high")
     assert len(whole) > 300
     for block in ("1", "7", "400"):
-        parts = extract(scan, tmp_path / "parts.las", "--channel", "2=high", "--block", block)
+        parts = extract(scan, tmp_path / f"{block}.las", "--channel", "2=high", "--block", block)
         assert parts.points.array.tobytes() == whole.points.array.tobytes()
 
 
@@ -174,7 +174,7 @@ def repeated(scan: Path, times: int, target: Path) -> Path:
 def peak_memory(scan: Path, block: int, ending: str) -> float:
     """Peak memory of the whole run in MB, including the program itself."""
     call = ["extract", str(scan), "-o", str(scan.with_suffix(ending)), "--threshold", "20", "-q"]
-    call += ["--workers", "2"]
+    call += ["--workers", "2", "--overwrite"]
     done = subprocess.run(
         [sys.executable, "-c", PEAK_MEMORY, *call, "--block", str(block)],
         check=True,

@@ -56,6 +56,9 @@ def test_example(example: str, files: Path, monkeypatch: pytest.MonkeyPatch) -> 
     monkeypatch.chdir(files)
     before = {path: path.stat().st_mtime_ns for path in files.iterdir()}
     call = shlex.split(example)[1:]
+    for option, name in pairwise(call):
+        if option == "-o" and Path(name).is_file():
+            Path(name).unlink()
     result = run(*call)
     assert result.exit_code == 0, result.output
     for name in (word for option, word in pairwise(call) if option == "-o"):

@@ -83,7 +83,7 @@ def test_description_in_the_file_is_used(tmp_path: Path) -> None:
             writer.write(block)
     call = ["-o", tmp_path / "a.png", "--waveform", "0", "--mode", "deconvolution"]
     assert run("plot", tmp_path / "a.h5", *call, "--after-pulse", "off").exit_code == 0
-    result = run("plot", path, *call, "--interval", "1")
+    result = run("plot", path, *call, "--interval", "1", "--overwrite")
     assert_error(result, "needs the scanner's system wave")
 
 

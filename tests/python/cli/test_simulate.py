@@ -20,7 +20,8 @@ def test_simulate_writes_scan_and_truth(tmp_path: Path) -> None:
     assert names(tmp_path) == ["s.las", "s.wdp", "s_truth.csv"]
     assert (tmp_path / "s.wdp").stat().st_size == 60 + 50 * 2 * 120 * 2
     for point_format, version in (("4", "1.3"), ("9", "1.4")):
-        run("simulate", tmp_path / "s.las", "--point-format", point_format, "--shots", 50)
+        call = ["simulate", tmp_path / "s.las", "--point-format", point_format, "--shots", 50]
+        assert run(*call, "--overwrite").exit_code == 0
         assert str(laspy.read(tmp_path / "s.las").header.version) == version
 
 

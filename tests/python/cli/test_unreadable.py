@@ -60,13 +60,13 @@ def test_verbose_lists_each_unreadable_waveform(
     source = make(tmp_path)
     options = ["--skip-unreadable", "--verbose"]
     for call in (
-        ["extract", source, "-o", tmp_path / "e.csv"],
+        ["extract", source, "-o", tmp_path / "e.csv", "--allow-empty"],
         ["convert", source, tmp_path / "e.h5"],
     ):
         listed = run(*call, *options)
         assert listed.exit_code == 0, listed.output
         assert [line for line in listed.stderr.splitlines() if line in messages] == messages
-        silent = run(*call, "--skip-unreadable")
+        silent = run(*call, "--skip-unreadable", "--overwrite")
         assert not set(silent.stderr.splitlines()) & set(messages)
 
 

@@ -31,7 +31,8 @@ def scan() -> SimulatedScan:
 
 
 def written(scan: SimulatedScan, folder: Path, point_format: int) -> laspy.LasData:
-    return laspy.read(write_scan(scan, folder / "line.las", point_format=point_format).las)
+    path = folder / f"line{point_format}.las"
+    return laspy.read(write_scan(scan, path, point_format=point_format).las)
 
 
 def shot_of(las: laspy.LasData, scan: SimulatedScan) -> np.ndarray:
@@ -88,7 +89,7 @@ def test_descriptors_describe_both_channels(
 @FORMATS
 def test_packets_hold_the_samples(scan: SimulatedScan, tmp_path: Path, point_format: int) -> None:
     las = written(scan, tmp_path, point_format)
-    raw = (tmp_path / "line.wdp").read_bytes()
+    raw = (tmp_path / f"line{point_format}.wdp").read_bytes()
     assert len(raw) == 60 + 600 * 2 * PACKET_BYTES
     reserved, user, record, length, description = struct.unpack("<H16sHQ32s", raw[:60])
     assert (reserved, user.rstrip(b"\0"), record, length) == (0, b"LASF_Spec", 65535, 384_000)
@@ -204,7 +205,7 @@ def test_scan_angle_in_the_unit_of_the_format(scan: SimulatedScan, tmp_path: Pat
 def test_samples_of_8_bits_are_written(tmp_path: Path) -> None:
     scan = simulate_scan(ScanSettings(shots=40, bits=8, maximum=255))
     las = written(scan, tmp_path, 4)
-    raw = np.fromfile(tmp_path / "line.wdp", dtype=np.uint8)[60:]
+    raw = np.fromfile(tmp_path / "line4.wdp", dtype=np.uint8)[60:]
     np.testing.assert_array_equal(raw.reshape(40, 2, 160), scan.samples)
     assert set(np.asarray(las.wavepacket_size).tolist()) == {0, 160}
 
@@ -215,7 +216,7 @@ def test_scan_without_any_echo_is_written(tmp_path: Path) -> None:
     )
     scan = simulate_scan(settings)
     assert len(written(scan, tmp_path, 9)) == 40
-    assert len(read_truth(tmp_path / "line_truth.csv")) == 0
+    assert len(read_truth(tmp_path / "line9_truth.csv")) == 0
 
 
 def test_truth_table_round_trip(scan: SimulatedScan, tmp_path: Path) -> None:

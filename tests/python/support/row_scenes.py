@@ -44,13 +44,13 @@ def as_container(
     source: Path, target: Path, scanner: Scanner | None = None, **options: Any
 ) -> Path:
     """The waveforms of a file as a scan container."""
-    with (
-        open_waveforms(source, **options) as reader,
-        ScanContainerWriter(target, reader.header, scanner) as writer,
-    ):
+    with open_waveforms(source, **options) as reader:
+        writer = ScanContainerWriter(target, reader.header, scanner)
+        writer.overwrite = True
         reader.with_outgoing = True
-        for block in reader.blocks():
-            writer.write(block)
+        with writer:
+            for block in reader.blocks():
+                writer.write(block)
     return target
 
 

@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 from collections.abc import Iterator
 from contextlib import contextmanager
+from pathlib import Path
 
 import h5py
 import laspy
@@ -14,7 +15,7 @@ from fullwaveform import __version__
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import AnyArray
 from fullwaveform.data.blocks import WaveformBlock
-from fullwaveform.io.atomic import OutputFile
+from fullwaveform.io.atomic import FileKind, OutputFile
 from fullwaveform.io.base import FileWriter
 from fullwaveform.io.container.attributes import write_las_header, write_scanner
 from fullwaveform.io.container.layout import (
@@ -28,11 +29,16 @@ from fullwaveform.io.container.layout import (
     WAVEFORMS,
     Field,
 )
-from fullwaveform.io.container.values import stored_text
+from fullwaveform.io.container.values import plain_value, stored_text
 
 _CHUNK_BYTES = 1 << 19  # approximate limit of a chunk
 _MAX_CHUNK_ROWS = 1 << 16
 _COMPRESSION_LEVEL = 4
+
+
+def _is_container(path: Path) -> bool:
+    with h5py.File(path) as file:
+        return bool(plain_value(file.attrs["format"]) == FORMAT)
 
 
 class ScanContainerWriter(FileWriter):
@@ -50,6 +56,7 @@ class ScanContainerWriter(FileWriter):
     `count` is the number of waveforms written.
     """
 
+    kind = FileKind("a scan container", _is_container)
     _file: h5py.File
 
     def __init__(

@@ -4,12 +4,19 @@ from __future__ import annotations
 
 from collections.abc import Iterator
 from contextlib import contextmanager
+from pathlib import Path
 
 from fullwaveform.core.ascii_export import ascii_lines
 from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.data.empty_waveforms import without_empty_waveforms
-from fullwaveform.io.atomic import OutputFile
+from fullwaveform.io.atomic import FileKind, OutputFile
 from fullwaveform.io.base import EchoWriter
+
+
+def _is_export(path: Path) -> bool:
+    with path.open(encoding="ascii") as file:
+        number, *values = file.readline(4096).split(" ")
+    return number.isdigit() and len([float(value) for value in values]) == 4
 
 
 class AsciiEchoWriter(EchoWriter):
@@ -20,6 +27,7 @@ class AsciiEchoWriter(EchoWriter):
     waveforms without echoes are omitted.
     """
 
+    kind = FileKind("an ASCII export of echoes", _is_export)
     takes_empty = False
 
     def _append(self, echoes: EchoTable, stream: OutputFile) -> None:

@@ -5,15 +5,24 @@ from __future__ import annotations
 import os
 from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
+from pathlib import Path
 
 import numpy as np
 import pyarrow as pa
 import pyarrow.csv
 
 from fullwaveform.data.echo_columns import EchoTable, echo_schema, echo_table_to_arrow
-from fullwaveform.io.atomic import OutputFile, atomic_open
+from fullwaveform.io.atomic import FileKind, OutputFile, atomic_open
 from fullwaveform.io.base import EchoWriter
-from fullwaveform.io.echo_writers.csv_metadata import metadata_path, metadata_text
+from fullwaveform.io.echo_writers.csv_metadata import METADATA_KIND, metadata_path, metadata_text
+
+# Columns by which a table of echoes is recognised, whatever others the version that wrote it has.
+_ECHO_COLUMNS = {"x", "y", "z", "gps_time", "echo_number", "echo_count"}
+
+
+def _is_echo_table(path: Path) -> bool:
+    with path.open(encoding="ascii") as file:
+        return set(file.readline(4096).rstrip("\n").split(",")) >= _ECHO_COLUMNS
 
 
 class CsvEchoWriter(EchoWriter):
@@ -24,7 +33,13 @@ class CsvEchoWriter(EchoWriter):
     with unit and meaning of the columns to a second file, whose name ends in ``-metadata.json``.
     """
 
+    kind = FileKind("a CSV file of echoes", _is_echo_table)
     _writer: pa.csv.CSVWriter
+
+    @classmethod
+    def outputs(cls, path: Path) -> dict[Path, FileKind]:
+        """The table and its metadata."""
+        return {path: cls.kind, metadata_path(path): METADATA_KIND}
 
     def __init__(
         self, path: str | os.PathLike[str], metadata: Mapping[str, str] | None = None
@@ -42,7 +57,8 @@ class CsvEchoWriter(EchoWriter):
             with self._table(stream):
                 yield
             return
-        with atomic_open(metadata_path(self.path)) as description:
+        output = atomic_open(metadata_path(self.path), METADATA_KIND, overwrite=self.overwrite)
+        with output as description:
             description.write(metadata_text(self.path, self._metadata).encode())
             with self._table(stream):
                 yield

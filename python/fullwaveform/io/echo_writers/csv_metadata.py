@@ -9,9 +9,17 @@ from pathlib import Path
 import numpy as np
 
 from fullwaveform.data.echo_columns import table_columns
+from fullwaveform.io.atomic import FileKind
 from fullwaveform.io.run_record import RUN_METADATA_KEY
 
 _CONTEXT = "http://www.w3.org/ns/csvw"
+
+
+def _describes_echoes(path: Path) -> bool:
+    return RUN_METADATA_KEY in json.loads(path.read_bytes())["notes"][0]
+
+
+METADATA_KIND = FileKind("the metadata of a CSV file of echoes", _describes_echoes)
 
 
 def metadata_path(path: Path) -> Path:

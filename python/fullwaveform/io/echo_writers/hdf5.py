@@ -5,17 +5,23 @@ from __future__ import annotations
 import os
 from collections.abc import Iterator, Mapping
 from contextlib import contextmanager
+from pathlib import Path
 
 import h5py
 import pyarrow as pa
 
 from fullwaveform.data.echo_columns import table_columns
-from fullwaveform.io.atomic import OutputFile
+from fullwaveform.io.atomic import FileKind, OutputFile
 from fullwaveform.io.echo_writers.row_groups import GroupedEchoWriter
 from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text
 
 #: Rows of a chunk of every dataset; 512 kB of doubles.
 ROWS_PER_CHUNK = 2**16
+
+
+def _is_echo_table(path: Path) -> bool:
+    with h5py.File(path) as file:
+        return "echo_number" in file
 
 
 class Hdf5EchoWriter(GroupedEchoWriter):
@@ -26,6 +32,7 @@ class Hdf5EchoWriter(GroupedEchoWriter):
     of the file. Equal echoes give equal bytes, however they are divided into tables.
     """
 
+    kind = FileKind("an HDF5 file of echoes", _is_echo_table)
     _file: h5py.File
 
     def __init__(

@@ -12,15 +12,17 @@ import numpy as np
 import numpy.typing as npt
 
 from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.counting import counted
 from fullwaveform.data.echo_columns import EXTRA_BYTES, EchoTable, las_dimensions
 from fullwaveform.data.empty_waveforms import without_empty_waveforms
-from fullwaveform.io.atomic import OutputFile
+from fullwaveform.io.atomic import FileKind, OutputFile
 from fullwaveform.io.base import EchoWriter
 from fullwaveform.io.echo_writers.las_header import (
     carried_names,
     echo_header,
     extended_records,
 )
+from fullwaveform.io.las.origin import EXTRACTED, is_written_here
 from fullwaveform.io.las.points import SCAN_ANGLE_UNIT
 
 _INT32, _UINT16 = np.iinfo(np.int32), np.iinfo(np.uint16)
@@ -50,6 +52,7 @@ class LasEchoWriter(EchoWriter):
     counted, rows of waveforms without echoes omitted.
     """
 
+    kind = FileKind("a LAS file of echoes", lambda path: is_written_here(path, EXTRACTED))
     takes_empty = False
 
     def __init__(
@@ -132,14 +135,16 @@ def las_notes(written: int, not_representable: int, saturated: int) -> tuple[str
     """What LAS files do not hold exactly, one message each."""
     notes = []
     if not_representable:
+        total = counted(written + not_representable, "echo", "echoes")
         notes.append(
-            f"{not_representable:,} of {written + not_representable:,} echoes skipped: coordinates "
-            "not finite or out of range for the scale and offset of the file"
+            f"{not_representable:,} of {total} skipped: coordinates not finite or out of range for "
+            "the scale and offset of the file"
         )
     if saturated:
+        verb = "has" if saturated == 1 else "have"
         notes.append(
-            f"{saturated:,} shots have more echoes than the largest return number; their numbers "
-            "are limited to it"
+            f"{counted(saturated, 'shot')} {verb} more echoes than the largest return number; the "
+            "numbers are limited to it"
         )
     return tuple(notes)
 

@@ -8,6 +8,7 @@ import laspy
 import numpy as np
 
 from fullwaveform.data.echo_columns import las_dimensions
+from fullwaveform.io.las.origin import EXTRACTED, SOFTWARE
 from fullwaveform.io.reference_system import (
     has_geotiff,
     has_wkt,
@@ -53,8 +54,8 @@ def echo_header(
             header.global_encoding.value |= source.global_encoding.value & _GPS_TIME_OFFSET_BIT
             header.gps_time_offset = source.gps_time_offset
         _copy_reference_system(header, source)
-    header.system_identifier = "EXTRACTION"
-    header.generating_software = "fullwaveform"
+    header.system_identifier = EXTRACTED
+    header.generating_software = SOFTWARE
     header.vlrs.extend(run_records(run) if run else [])
     header.add_extra_dims(
         [

@@ -10,6 +10,7 @@ from typing import Any
 
 import laspy
 
+from fullwaveform.io.atomic import FileKind
 from fullwaveform.io.base import EchoWriter
 from fullwaveform.io.reference_system import reference_system
 
@@ -36,6 +37,7 @@ def open_echo_file(
     metadata: Mapping[str, str] | None = None,
     *,
     carry: bool = True,
+    overwrite: bool = False,
 ) -> EchoWriter:
     """A writer for the path, selected by its ending; to be used in a ``with`` statement.
 
@@ -50,6 +52,8 @@ def open_echo_file(
         get the coordinate reference system of the header, as WKT.
     carry
         Whether LAS points have class and extra dimensions of the discrete returns of the input.
+    overwrite
+        Whether an existing file of echoes of the same format is replaced.
 
     Raises
     ------
@@ -68,7 +72,17 @@ def open_echo_file(
             metadata = {**metadata, "crs": system.to_wkt()}
         arguments = (path, metadata, system) if ending in _LAYERS else (path, metadata)
     writer: EchoWriter = writer_class(*arguments, **options)
+    writer.overwrite = overwrite
     return writer
+
+
+def echo_outputs(path: Path) -> dict[Path, FileKind]:
+    """The files that are written for echoes, as `FileWriter.outputs`.
+
+    Raises ValueError as `open_echo_file`.
+    """
+    outputs: dict[Path, FileKind] = _writer_class(path).outputs(path)
+    return outputs
 
 
 def check_takes_empty(path: Path, keep_empty: bool) -> None:

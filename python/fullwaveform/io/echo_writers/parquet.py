@@ -11,7 +11,7 @@ import pyarrow as pa
 import pyarrow.parquet
 
 from fullwaveform.data.echo_columns import echo_schema
-from fullwaveform.io.atomic import OutputFile
+from fullwaveform.io.atomic import FileKind, OutputFile
 from fullwaveform.io.echo_writers.geoparquet import with_geometry, with_points
 from fullwaveform.io.echo_writers.row_groups import GroupedEchoWriter
 from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text
@@ -29,6 +29,10 @@ class ParquetEchoWriter(GroupedEchoWriter):
     Equal echoes give equal bytes, however they are divided into tables.
     """
 
+    kind = FileKind(
+        "a Parquet file of echoes",
+        lambda path: "echo_number" in pa.parquet.ParquetFile(path).schema_arrow.names,
+    )
     _writer: pa.parquet.ParquetWriter
 
     def __init__(

@@ -57,9 +57,9 @@ def test_header_line_without_echoes(tmp_path: Path) -> None:
     with CsvEchoWriter(tmp_path / "e.csv"):
         pass
     assert (tmp_path / "e.csv").read_text() == HEADER
-    with CsvEchoWriter(tmp_path / "e.csv") as writer:
+    with CsvEchoWriter(tmp_path / "f.csv") as writer:
         writer.write(echo_table([]))
-    assert (tmp_path / "e.csv").read_text() == HEADER
+    assert (tmp_path / "f.csv").read_text() == HEADER
 
 
 def write_and_stop(writer: CsvEchoWriter) -> None:

@@ -35,9 +35,16 @@ def files_end_at(size: int) -> Iterator[None]:
         resource.setrlimit(resource.RLIMIT_FSIZE, before)
 
 
+def older_result(path: Path) -> bytes:
+    """Content of a file of two echoes that is written to the path."""
+    with open_echo_file(path, None) as writer:
+        writer.write(echo_table([2]))
+    return path.read_bytes()
+
+
 def write_many(path: Path, tables: int = 1) -> None:
     random = np.random.default_rng(1)
-    with open_echo_file(path, None) as writer:
+    with open_echo_file(path, None, overwrite=True) as writer:
         for _ in range(tables):
             writer.write(echo_table([1] * 70_000, xyz=random.normal(size=(70_000, 3)) * 1e5))
 
@@ -46,13 +53,13 @@ def write_many(path: Path, tables: int = 1) -> None:
 @pytest.mark.parametrize("ending", ECHO_ENDINGS)
 def test_no_space_left_names_the_output(tmp_path: Path, ending: str, tables: int) -> None:
     path = tmp_path / f"e{ending}"
-    path.write_bytes(b"older result")
+    older = older_result(path)
     with files_end_at(100_000), pytest.raises(OSError, match="File too large") as caught:
         write_many(path, tables)
     assert str(caught.value.strerror) == f"cannot write {path}: File too large"
     assert caught.value.errno == errno.EFBIG
     assert list(tmp_path.iterdir()) == [path]
-    assert path.read_bytes() == b"older result"
+    assert path.read_bytes() == older
 
 
 @pytest.mark.parametrize("size", [0, 1_000, 100_000])
@@ -128,12 +135,12 @@ def test_folder_without_write_permission(
 @pytest.mark.parametrize("ending", ECHO_ENDINGS)
 def test_error_keeps_the_existing_file(tmp_path: Path, ending: str) -> None:
     path = tmp_path / f"e{ending}"
-    path.write_bytes(b"older result")
-    writer = open_echo_file(path, None)
+    older = older_result(path)
+    writer = open_echo_file(path, None, overwrite=True)
     with pytest.raises(KeyboardInterrupt), writer:
         writer.write(echo_table([3]))
         raise KeyboardInterrupt
-    assert path.read_bytes() == b"older result"
+    assert path.read_bytes() == older
     assert list(tmp_path.iterdir()) == [path]
 
 

@@ -315,11 +315,14 @@ def write_and_fail(writer: LasEchoWriter) -> None:
 
 def test_failed_run_keeps_the_existing_file(tmp_path: Path) -> None:
     path = tmp_path / "e.las"
-    path.write_bytes(b"older result")
+    with LasEchoWriter(path, None) as writer:
+        writer.write(echo_table([2]))
+    older = path.read_bytes()
     writer = LasEchoWriter(path, None)
+    writer.overwrite = True
     with pytest.raises(RuntimeError, match="halfway"), writer:
         write_and_fail(writer)
-    assert path.read_bytes() == b"older result"
+    assert path.read_bytes() == older
     assert list(tmp_path.iterdir()) == [path]
     with pytest.raises(ValueError, match="not open"):
         writer.write(echo_table([1]))

@@ -58,7 +58,7 @@ def test_bytes_of_points_do_not_depend_on_the_division_into_tables(
     table = echo_table([1] * 60_000)  # longer than a chunk of compressed points
     contents = []
     for cut in ([0, 60_000], [0, 1, 7, 7, 49_000, 60_000]):
-        with open_echo_file(tmp_path / f"e{ending}", header) as writer:
+        with open_echo_file(tmp_path / f"e{ending}", header, overwrite=True) as writer:
             for begin, end in pairwise(cut):
                 writer.write(rows(table, begin, end))
         contents.append((tmp_path / f"e{ending}").read_bytes())
@@ -80,4 +80,4 @@ def test_notes_on_skipped_points_and_limited_numbers(tmp_path: Path) -> None:
         writer.write(echo_table([9], xyz=xyz))
     skipped, saturated = writer.notes()
     assert skipped.startswith("1 of 9 echoes skipped: coordinates not finite or out of range")
-    assert saturated.startswith("1 shots have more echoes than the largest return number")
+    assert saturated.startswith("1 shot has more echoes than the largest return number")
