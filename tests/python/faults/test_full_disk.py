@@ -12,7 +12,7 @@ import pytest
 
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS
 
-from ..support.command_line import names
+from ..support.command_line import names, run
 from .processes import assert_error_line, finished
 
 Call = tuple[str | Path, ...]
@@ -47,11 +47,12 @@ def test_output_above_the_file_size_limit_is_reported(
     scan: Path, tmp_path: Path, name: str
 ) -> None:
     output = tmp_path / name
-    output.write_bytes(b"older result")
-    done = finished(*call_of(scan, output), before=files_end_at(0))
+    assert run(*call_of(scan, output)).exit_code == 0
+    older = output.read_bytes()
+    done = finished(*call_of(scan, output), "--overwrite", before=files_end_at(0))
     assert_error_line(done, f"cannot write {output}: File too large")
     assert names(tmp_path) == [name]
-    assert output.read_bytes() == b"older result"
+    assert output.read_bytes() == older
 
 
 @pytest.mark.parametrize("size", [0, 20_000])
