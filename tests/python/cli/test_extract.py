@@ -262,9 +262,10 @@ def test_missing_samples_keep_the_existing_output(scan: Path, output: str) -> No
     target = scan.with_name(output)
     extract(scan, target)
     older = target.read_bytes()
+    written = [name for name in names(scan.parent) if name.startswith("echoes")]
     scan.with_suffix(".wdp").unlink()
     assert_error(run("extract", scan, "-o", target, "--overwrite"), "scan.wdp")
-    assert names(scan.parent) == sorted([output, "scan.las"])
+    assert names(scan.parent) == [*written, "scan.las"]
     assert target.read_bytes() == older
 
 
