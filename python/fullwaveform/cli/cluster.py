@@ -17,6 +17,7 @@ from fullwaveform.cli.options import (
     AfterPulseOption,
     BlockOption,
     Carry,
+    ChannelNumbers,
     ChannelOption,
     IntervalOption,
     KeepEmpty,
@@ -219,13 +220,13 @@ def _check_folder(folder: Path, resume: bool) -> None:
 
 def _file_scanners(sources: list[Path], options: ExtractOptions) -> list[Scanner | None]:
     """The scanner descriptions in the files; BadParameter for channels that none of them has."""
-    scanners, numbers = [], {}
+    scanners, numbers = [], []
     for source in sources:
         with open_waveforms(
             source, channel_flags=options.channels, sampling_interval=options.interval
         ) as reader:
             scanners.append(reader.scanner())
-            numbers[source] = reader.channel_numbers
+            numbers.append(ChannelNumbers.of(reader, options.channels))
     options.channels.check(numbers)
     return scanners
 

@@ -6,10 +6,8 @@ from collections.abc import Sequence
 from dataclasses import dataclass, replace
 from pathlib import Path
 
-import typer
-
 from fullwaveform.calibration.phase_choice import PhaseChoice
-from fullwaveform.cli.options import ChannelFlags
+from fullwaveform.cli.options import ChannelFlags, ChannelNumbers
 from fullwaveform.core.driver import Mode, Threshold, check_system_wave
 from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.extraction.extractor import ExtractionSettings
@@ -63,7 +61,7 @@ def open_checked(
 ) -> WaveformReader:
     """A reader of the file.
 
-    Raises as `open_waveforms`, and typer.BadParameter for a channel that the file does not have.
+    Raises as `open_waveforms`, and typer.BadParameter for a channel that the file does not use.
     """
     reader = open_waveforms(
         source,
@@ -73,8 +71,8 @@ def open_checked(
         skip_unreadable=skip_unreadable,
     )
     try:
-        channels.check({source: reader.channel_numbers})
-    except typer.BadParameter:
+        channels.check([ChannelNumbers.of(reader, channels)])
+    except BaseException:
         reader.close()
         raise
     return reader

@@ -3,7 +3,8 @@
 from __future__ import annotations
 
 import math
-from collections.abc import Callable, Mapping
+from collections.abc import Callable, Iterable, Mapping, Sequence
+from dataclasses import dataclass
 from pathlib import Path
 from typing import Annotated, Any
 
@@ -13,6 +14,7 @@ from fullwaveform.calibration.phase_choice import PHASE_CHOICES, PhaseChoice, ch
 from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.core.driver import Mode, Threshold
 from fullwaveform.core.scanner import NO_AFTER_PULSE, AfterPulse
+from fullwaveform.io.base import WaveformReader
 
 #: Modes by their names on the command line.
 MODE_NAMES = {mode.name.lower().replace("_", "-"): mode for mode in Mode}
@@ -197,6 +199,27 @@ VerboseOption = Annotated[
 ]
 
 
+@dataclass(frozen=True, slots=True)
+class ChannelNumbers:
+    """Numbers of packet descriptors or channels in a file; None if it has no such numbers."""
+
+    path: Path
+    declared: frozenset[int] | None
+    used: frozenset[int] | None  # by waveforms; only needed if a number is given
+
+    @classmethod
+    def of(cls, reader: WaveformReader, flags: ChannelFlags) -> ChannelNumbers:
+        """The numbers in the file of a reader, which is searched for those that are given."""
+        declared = reader.channel_numbers
+        is_searched = declared is not None and flags and set(flags) <= declared
+        used = reader.channel_numbers_in_use if is_searched else declared
+        return cls(reader.path, declared, used)
+
+
+def _listed(numbers: Iterable[int]) -> str:
+    return ", ".join(map(str, sorted(numbers))) or "none"
+
+
 class ChannelFlags(dict[int, int]):
     """Channel flag by number of a packet descriptor or channel; other numbers have the default."""
 
@@ -207,20 +230,21 @@ class ChannelFlags(dict[int, int]):
     def __missing__(self, number: int) -> int:
         return self._default
 
-    def check(self, numbers: Mapping[Path, frozenset[int] | None]) -> None:
-        """BadParameter for a given number that none of the files has.
-
-        `numbers` are the `channel_numbers` of the files' readers; None is not checked.
-        """
-        known = {path: found for path, found in numbers.items() if found is not None}
-        available = frozenset[int]().union(*known.values())
-        if known and (unknown := sorted(set(self) - available)):
-            listed = ", ".join(map(str, sorted(available))) or "none"
-            raise typer.BadParameter(
-                f"no packet descriptor or channel {', '.join(map(str, unknown))} in "
-                f"{', '.join(map(str, known))}; available: {listed}",
-                param_hint="--channel",
+    def check(self, numbers: Sequence[ChannelNumbers]) -> None:
+        """BadParameter for a given number that none of the files has, or that none uses."""
+        known = [one for one in numbers if one.declared is not None]
+        declared = frozenset[int]().union(*(one.declared or () for one in known))
+        used = frozenset[int]().union(*(one.used or () for one in known))
+        files = ", ".join(str(one.path) for one in known)
+        if known and (unknown := sorted(set(self) - declared)):
+            problem = f"no packet descriptor or channel {_listed(unknown)} in {files}; available: "
+            raise typer.BadParameter(problem + _listed(declared), param_hint="--channel")
+        if known and (unused := sorted(set(self) - used)):
+            problem = (
+                f"no waveform in {files} is of packet descriptor or channel {_listed(unused)}, "
+                "which the file declares; in use: "
             )
+            raise typer.BadParameter(problem + _listed(used), param_hint="--channel")
 
 
 def channel_flags_from(texts: list[str] | None) -> ChannelFlags:

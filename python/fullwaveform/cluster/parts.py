@@ -10,6 +10,7 @@ import pyarrow as pa
 import pyarrow.parquet
 
 from fullwaveform.cluster.manifest_file import read_manifest
+from fullwaveform.io.echo_writers.geoparquet import GEOMETRY
 
 
 def part_paths(folder: str | os.PathLike[str]) -> list[Path]:
@@ -39,7 +40,8 @@ def part_paths(folder: str | os.PathLike[str]) -> list[Path]:
 def read_parts(folder: str | os.PathLike[str]) -> Iterator[pa.Table]:
     """Yield the echoes of a finished run, one table per part, in order.
 
-    Concatenated they equal the table that ``fullwaveform extract`` writes, row for row.
+    Concatenated they equal the table that ``fullwaveform extract`` writes, row for row; without
+    its column of points, which only inputs with a reference system have.
 
     Raises
     ------
@@ -55,4 +57,5 @@ def read_parts(folder: str | os.PathLike[str]) -> Iterator[pa.Table]:
                 "a library for their format"
             )
         # As a file, not as a data set, which would take columns from its name.
-        yield pyarrow.parquet.ParquetFile(path).read()
+        file = pyarrow.parquet.ParquetFile(path)
+        yield file.read([name for name in file.schema_arrow.names if name != GEOMETRY])

@@ -115,6 +115,11 @@ class WaveformReader(ABC):
         return None
 
     @property
+    def channel_numbers_in_use(self) -> frozenset[int] | None:
+        """Those of `channel_numbers` that waveforms of the file have; may read all points."""
+        return self.channel_numbers
+
+    @property
     def has_outgoing(self) -> bool:
         """Whether the file has a place for the outgoing pulse of each shot."""
         return False

@@ -20,6 +20,7 @@ from ..support.command_line import assert_error, assert_usage, names, run
 SHOTS = 300
 EXTRA = ["amplitude", "amplitude_db", "amplitude_library_db", "sigma_ns", "fwhm_ns", "position"]
 EXTRA += ["echo_type", "quality", "reflectance"]
+EXTRA += ["waveform_number", "channel_flag", "descriptor", "original_return_number"]
 TOML = """
 "Scanner Group Velocity" = 299708256.0
 "Scanner Serial Number" = "1"

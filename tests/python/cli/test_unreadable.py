@@ -160,3 +160,47 @@ def test_las_without_any_coordinates_is_refused(ending: str, tmp_path: Path) -> 
     assert_error(run(*call, output), message, "write a table (.csv, .parquet, .h5)")
     assert names(tmp_path) == ["a.npz"]
     assert run(*call, tmp_path / "e.csv").exit_code == 0
+
+
+def test_declared_channel_that_no_waveform_has_is_refused(tmp_path: Path) -> None:
+    scene = las_scenes.four_shots()
+    scene.descriptors = [*scene.descriptors, (2, 8, 0, 1000)]
+    source = scene.write(tmp_path / "scan.las")
+    for call in calls(source, tmp_path / "out"):
+        assert_usage(
+            run(*call, "--channel", "2=high"),
+            f"no waveform in {source} is of packet descriptor or channel 2, which the file "
+            "declares; in use: 1",
+        )
+    assert run("info", source, "--channel", "1=high", "--json").exit_code == 0
+
+
+def two_gains(path: Path, *options: str) -> list[str]:
+    """Notes on two shots with packets of two descriptors of 1 and 0.25 V per count."""
+    packets = [(1, [1, 2, 3, 4]), (2, [1, 2, 3, 4])] * 2
+    points = [las_scenes.Point(number, gps_time=100.0 + number // 2) for number in range(4)]
+    scene = las_scenes.Scene([(1, 8, 4, 1000), (2, 8, 4, 1000)], packets, points)
+    scene.gains = {1: 1.0, 2: 0.25}
+    result = run("info", scene.write(path), "--json", *options)
+    assert result.exit_code == 0, result.output
+    return list(json.loads(result.stdout)["notes"])
+
+
+def test_note_on_two_channels_of_different_gain(tmp_path: Path) -> None:
+    (note,) = two_gains(tmp_path / "scan.las")
+    assert note == (
+        "Descriptors 1 and 2 hold waveforms of the same shots, with 0.25 V per count in 2 and 1 in "
+        "1; if they are the low-power and the high-power channel, give --channel 1=high."
+    )
+    assert two_gains(tmp_path / "scan.las", "--channel", "1=high") == []
+
+
+def test_no_note_on_descriptors_of_different_shots_or_equal_gain(tmp_path: Path) -> None:
+    packets = [(1, [1, 2, 3, 4]), (2, [1, 2, 3, 4])]
+    for times, gains in (((1.0, 2.0), {1: 1.0, 2: 2.0}), ((1.0, 1.0), {1: 2.0, 2: 2.0})):
+        points = [las_scenes.Point(number, gps_time=time) for number, time in enumerate(times)]
+        points.append(las_scenes.Point(None, gps_time=3.0))
+        scene = las_scenes.Scene([(1, 8, 4, 1000), (2, 8, 4, 1000)], packets, points)
+        scene.gains = gains
+        result = run("info", scene.write(tmp_path / "scan.las"), "--json")
+        assert json.loads(result.stdout)["notes"] == []

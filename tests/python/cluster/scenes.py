@@ -41,10 +41,11 @@ def pulsewaves_scan(path: Path, pulses: int = 150) -> Path:
 
 
 def single_run(source: Path, output: Path, *options: str) -> pa.Table:
-    """The table that extract writes."""
+    """The table that extract writes, without a column of points."""
     result = run("extract", source, "-o", output, "-q", *options)
     assert result.exit_code == 0, result.output
-    return pyarrow.parquet.read_table(output)
+    table = pyarrow.parquet.read_table(output)
+    return table.drop_columns("geometry") if "geometry" in table.column_names else table
 
 
 def parts_table(folder: Path) -> pa.Table:

@@ -45,6 +45,7 @@ class Scene:
     compression: int = 0
     inside: bool = False
     extended_descriptors: bool = False  # as extended records, LAS 1.4
+    gains: dict[int, float] = field(default_factory=dict)  # V per count by descriptor, else 0.5
 
     def bits_of(self, index: int) -> int:
         return next((bits for i, bits, _, _ in self.descriptors if i == index), 8)
@@ -124,7 +125,8 @@ def data_folder() -> Path:
 
 def _descriptor_record(scene: Scene, index: int, bits: int, samples: int, ps: int) -> laspy.VLR:
     record = WaveformPacketVlr(99 + index)
-    record.parsed_record = WaveformPacketStruct(bits, scene.compression, samples, ps, 0.5, -1.0)
+    gain = scene.gains.get(index, 0.5)
+    record.parsed_record = WaveformPacketStruct(bits, scene.compression, samples, ps, gain, -1.0)
     return record
 
 

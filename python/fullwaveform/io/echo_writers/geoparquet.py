@@ -35,6 +35,8 @@ def with_geometry(schema: pa.Schema, system: Any) -> pa.Schema:
 def with_points(table: pa.Table) -> pa.Table:
     """The table with the column of points; null where a coordinate is unknown."""
     xyz = [table[axis].combine_chunks() for axis in "xyz"]
-    unknown = ~np.isfinite([axis.to_numpy() for axis in xyz]).all(axis=0)
+    unknown = np.zeros(len(table), dtype=bool)
+    for axis in xyz:
+        unknown |= ~np.isfinite(axis.to_numpy())
     points = pa.StructArray.from_arrays(xyz, fields=list(_POINT), mask=pa.array(unknown))
     return table.append_column(pa.field(GEOMETRY, _POINT), points)

@@ -11,7 +11,7 @@ import laspy
 import numpy as np
 from laspy.vlrs.vlrlist import VLRList
 
-from fullwaveform.data.arrays import BoolArray, FloatArray, RecordArray
+from fullwaveform.data.arrays import BoolArray, FloatArray, RecordArray, UInt8Array
 from fullwaveform.data.blocks import PulseGeometry, ShotAttributes
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.coordinates import check_coordinates
@@ -171,6 +171,7 @@ class Survey:
     ascending: bool  # GPS times never decrease and none is NaN
     without_times: bool  # all points have the same GPS time but several packets
     descriptors: tuple[int, ...]  # that points refer to, without 0
+    same_shots: frozenset[tuple[int, int]]  # pairs of descriptors with packets of the same shot
 
 
 def survey(reader: laspy.LasReader, path: Path) -> Survey:
@@ -193,12 +194,14 @@ def _of_one_scanner_channel(
 def survey_of(chunks: Iterable[Points]) -> Survey:
     """The survey of chunks of points in the order of the file."""
     used = np.zeros(256, dtype=bool)
+    pairs: set[tuple[int, int]] = set()
     ascending, last_time = True, -np.inf
     times: tuple[float, float] = (np.inf, -np.inf)
     offsets: tuple[int, int] = (2**64, -1)
     for points in chunks:
         gps_time, index = points["gps_time"], points["wavepacket_index"]
         used[index] = True
+        pairs |= _pairs_of_shots(gps_time, index)
         # Written so that any NaN makes it false.
         ascending = ascending and bool(gps_time[0] >= last_time and (np.diff(gps_time) >= 0).all())
         last_time = gps_time[-1]
@@ -207,7 +210,17 @@ def survey_of(chunks: Iterable[Points]) -> Survey:
         if len(packets) > 0:
             offsets = min(offsets[0], int(packets.min())), max(offsets[1], int(packets.max()))
     without_times = ascending and times[0] == times[1] and offsets[0] < offsets[1]
-    return Survey(ascending, without_times, tuple(int(i) for i in np.flatnonzero(used) if i > 0))
+    descriptors = tuple(int(i) for i in np.flatnonzero(used) if i > 0)
+    same_shots = frozenset[tuple[int, int]]() if without_times else frozenset(pairs)
+    return Survey(ascending, without_times, descriptors, same_shots)
+
+
+def _pairs_of_shots(gps_time: FloatArray, index: UInt8Array) -> set[tuple[int, int]]:
+    """Descriptors, the smaller first, of consecutive points with equal time."""
+    both = (gps_time[1:] == gps_time[:-1]) & (index[1:] > 0) & (index[:-1] > 0)
+    differ = both & (index[1:] != index[:-1])
+    found = np.sort(np.column_stack([index[1:], index[:-1]])[differ], axis=1)
+    return {(int(one), int(other)) for one, other in np.unique(found, axis=0)}
 
 
 def whole_shots(

@@ -83,6 +83,7 @@ class LasWaveformReader(WaveformReader):
             self._reader.close()
             raise
         self._set_notes(notes)
+        self._surveyed: Survey | None = None  # of all points, when they were read once
 
     def close(self) -> None:
         """Close the file; may be called twice."""
@@ -110,9 +111,14 @@ class LasWaveformReader(WaveformReader):
         """Indices of the waveform descriptors."""
         return frozenset(self._descriptors)
 
+    @property
+    def channel_numbers_in_use(self) -> frozenset[int]:
+        """Indices of the waveform descriptors to which points refer."""
+        return frozenset(self._survey().descriptors)
+
     def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:
-        run = self._prepare(survey(self._reader, self._path), tally)
-        tally.notes += _notes_on(run.surveyed)
+        run = self._prepare(self._survey(), tally)
+        tally.notes += _notes_on(run.surveyed) + self._notes_on_channels(run.surveyed)
         limit = run.waveforms_per_block
         without_times = run.surveyed.without_times
         pending = np.empty(0, dtype=self.header.point_format.dtype())
@@ -129,6 +135,25 @@ class LasWaveformReader(WaveformReader):
                 pending = pending[end:]
         if len(pending) > 0:
             yield self._pending(pending, pulses, run)
+
+    def _survey(self) -> Survey:
+        if self._surveyed is None:
+            self._surveyed = survey(self._reader, self._path)
+        return self._surveyed
+
+    def _notes_on_channels(self, surveyed: Survey) -> list[str]:
+        """A note if two descriptors may be the channels of a receiver but have the same flag."""
+        notes = []
+        for pair in sorted(surveyed.same_shots):
+            low, high = sorted(pair, key=lambda index: self._descriptors[index].gain)
+            gains = self._descriptors[low].gain, self._descriptors[high].gain
+            if gains[0] < gains[1] and self._flags[low] == self._flags[high]:
+                notes.append(
+                    f"Descriptors {pair[0]} and {pair[1]} hold waveforms of the same shots, with "
+                    f"{gains[0]:g} V per count in {low} and {gains[1]:g} in {high}; if they are "
+                    f"the low-power and the high-power channel, give --channel {high}=high."
+                )
+        return notes
 
     def _window(self, points: slice) -> WaveformBlock | None:
         found = points_in_range(self._reader, self._path, points.start, points.stop)

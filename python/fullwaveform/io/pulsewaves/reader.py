@@ -105,6 +105,13 @@ class PulseWavesReader(WaveformReader):
         return frozenset(one.channel for one in samplings if one.kind == RETURNING)
 
     @property
+    def channel_numbers_in_use(self) -> frozenset[int]:
+        """Channels of the returning samplings of the descriptors to which pulses refer."""
+        used = survey(self._pulses).descriptors
+        samplings = (one for index in used for one in self._descriptors[index].samplings)
+        return frozenset(one.channel for one in samplings if one.kind == RETURNING)
+
+    @property
     def has_outgoing(self) -> bool:
         """Whether a pulse descriptor has an outgoing sampling."""
         samplings = (one for whole in self._descriptors.values() for one in whole.samplings)
