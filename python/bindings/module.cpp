@@ -7,5 +7,6 @@ NB_MODULE(_core, module) {
   bindModel(module);
   bindDeconvolution(module);
   bindOnline(module);
+  bindPulseWaves(module);
   bindDriver(module);
 }

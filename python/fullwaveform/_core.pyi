@@ -49,11 +49,30 @@ class Quality(IntEnum):
     AFTERPULS = 1
     EXCEEDS_RANGE = 2
 
+class PulseState(IntEnum):
+    COMPLETE = 0
+    TRUNCATED = 1
+    DAMAGED = 2
+    TOO_LONG = 3  # more samples or segments than are decoded
+
 def take_messages() -> list[str]: ...
 def chunk_memory_total() -> int: ...
 def after_pulse_class() -> int: ...
 def has_known_after_pulse(scanner_type: str) -> bool: ...
 def estimate_noise(samples: npt.NDArray[np.uint16]) -> int: ...
+def decode_chunk_table(
+    coded: npt.NDArray[np.uint8], chunks: int, with_pulses: bool
+) -> dict[str, Any]: ...
+def decode_pulse_chunk(
+    chunk: npt.NDArray[np.uint8], items: npt.NDArray[np.int64], pulses: int
+) -> dict[str, Any]: ...
+def decode_waveforms(
+    data: npt.NDArray[np.uint8],
+    offsets: npt.NDArray[np.int64],
+    ends: npt.NDArray[np.int64],
+    extra_bytes: int,
+    samplings: npt.NDArray[np.int64],
+) -> dict[str, Any]: ...
 def ascii_lines(
     labels: npt.NDArray[np.int64],
     amplitudes: npt.NDArray[np.float32],

@@ -100,7 +100,8 @@ def _after_pulse(text: str) -> AfterPulse:
 SourceFile = Annotated[
     Path,
     typer.Argument(
-        metavar="IN", help="Waveform file: LAS, LAZ, PulseWaves (.pls), scan container (.h5), .npz"
+        metavar="IN",
+        help="Waveform file: LAS, LAZ, PulseWaves (.pls, .plz), scan container (.h5), .npz",
     ),
 ]
 ModeOption = Annotated[

@@ -15,7 +15,7 @@ from fullwaveform.io.las.reader import LasWaveformReader
 from fullwaveform.io.npz.reader import ZIP_SIGNATURE, NpzReader
 from fullwaveform.io.pulsewaves.header import PULSE_SIGNATURE
 from fullwaveform.io.pulsewaves.reader import PulseWavesReader
-from fullwaveform.io.pulsewaves.samples import WAVES_SIGNATURE
+from fullwaveform.io.pulsewaves.waves import WAVES_SIGNATURE
 
 _LAS_SIGNATURE = b"LASF"
 _MAX_SIGNATURE = 16  # bytes
@@ -34,8 +34,8 @@ def open_waveforms(
     Parameters
     ----------
     path
-        A LAS or LAZ file with waveforms, the pulse file (``.pls``) of PulseWaves, a scan container
-        or a NumPy archive (``.npz``).
+        A LAS or LAZ file with waveforms, the pulse file (``.pls`` or ``.plz``) of PulseWaves, a
+        scan container or a NumPy archive (``.npz``).
     waveforms_per_block, channel_flags
         As in `WaveformReader`.
     sampling_interval
@@ -98,10 +98,10 @@ def _reader_class(start: bytes, path: Path) -> Any:
     if start.startswith(WAVES_SIGNATURE):
         raise WaveformFileError(
             f"{path} holds the samples of a PulseWaves file; open its pulse file "
-            f"{path.with_suffix('.pls').name} instead"
+            f"{path.with_suffix('.pls').name} or {path.with_suffix('.plz').name} instead"
         )
     found = f"starts with {start!r}" if start else "empty"
     raise WaveformFileError(
         f"{path} is not a waveform file ({found}); supported formats: LAS and LAZ, PulseWaves "
-        "(.pls), scan containers (HDF5), NumPy archives (.npz)"
+        "(.pls, .plz), scan containers (HDF5), NumPy archives (.npz)"
     )

@@ -118,7 +118,11 @@ def cases() -> Iterator[tuple[str, Case]]:
     yield "offset is NaN", patched(made.OFFSETS, "<d", float("nan"))
     for value in (float("nan"), float("inf")):
         yield f"scale of the times {value}", patched(made.TIME_SCALE, "<d", value)
-    yield "compressed samples", patched(made.WAVES_COMPRESSION, "<I", 1, waves=True)
+    for kind in (1, 2):
+        yield (
+            f"samples of compression type {kind}",
+            patched(made.WAVES_COMPRESSION, "<I", kind, waves=True),
+        )
     yield "samples without their signature", patched(0, "<B", 0, waves=True)
 
     yield "pulses name descriptor 9", pulse_patched(44, "<B", 9)

@@ -57,11 +57,6 @@ class PulseWavesHeader:
     offsets: Triple
 
     @property
-    def pulses_end(self) -> int:
-        """End of the last pulse, byte of the file."""
-        return self.pulses_start + self.pulse_count * self.pulse_size
-
-    @property
     def seconds(self) -> list[float]:
         """First and last time of the file, s."""
         return [count * self.time_scale + self.time_offset for count in self.time_range]
@@ -90,7 +85,7 @@ def read_header(path: Path) -> PulseWavesHeader:
     OSError
         If the file cannot be read.
     WaveformFileError
-        If it is not a complete, uncompressed PulseWaves file of version 0.
+        If it is not a PulseWaves file of version 0.
     """
     with path.open("rb") as stream:
         start = stream.read(_HEADER.size)
@@ -127,16 +122,29 @@ def read_header(path: Path) -> PulseWavesHeader:
 
 
 def read_records(header: PulseWavesHeader, path: Path) -> list[VariableRecord]:
-    """Read the variable records after the header, then the appended ones, the last one first.
+    """Read the variable records after the header.
 
     Raises
     ------
     WaveformFileError
-        If a record is truncated or outside the part of the file that holds records.
+        If a record is truncated or reaches into the pulses.
     """
     with path.open("rb") as stream:
-        records = _records_after_header(header, stream, path)
-        return records + _appended_records(header, stream, path)
+        return _records_after_header(header, stream, path)
+
+
+def read_appended_records(
+    header: PulseWavesHeader, pulses_end: int, path: Path
+) -> list[VariableRecord]:
+    """Read the appended records, the last one first, which follow the byte `pulses_end`.
+
+    Raises
+    ------
+    WaveformFileError
+        If a record is truncated or reaches into the pulses.
+    """
+    with path.open("rb") as stream:
+        return _appended_records(header, pulses_end, stream, path)
 
 
 def las_header(header: PulseWavesHeader, records: Sequence[VariableRecord]) -> laspy.LasHeader:
@@ -201,11 +209,6 @@ def _check_extent(header: PulseWavesHeader, path: Path) -> None:
         raise WaveformFileError(
             f"{path}: invalid number of pulses {header.pulse_count}; must not be negative"
         )
-    if header.pulses_end > size:
-        found = (size - header.pulses_start) // header.pulse_size
-        raise WaveformFileError(
-            f"{path}: truncated: header declares {header.pulse_count} pulses, found {found}"
-        )
 
 
 def _check_scales(header: PulseWavesHeader, path: Path) -> None:
@@ -244,15 +247,15 @@ def _records_after_header(
 
 
 def _appended_records(
-    header: PulseWavesHeader, stream: BinaryIO, path: Path
+    header: PulseWavesHeader, pulses_end: int, stream: BinaryIO, path: Path
 ) -> list[VariableRecord]:
     records: list[VariableRecord] = []
     position = path.stat().st_size
     while len(records) != header.appended_count:
         name = f"{path}: appended record {len(records) + 1} from the end"
-        if position - _RECORD.size < header.pulses_end:
+        if position - _RECORD.size < pulses_end:
             raise WaveformFileError(
-                f"{name}: truncated: pulses end at byte {header.pulses_end}; header declares "
+                f"{name}: truncated: pulses end at byte {pulses_end}; header declares "
                 f"{header.appended_count} records"
             )
         stream.seek(position - _RECORD.size)
@@ -265,10 +268,10 @@ def _appended_records(
             )
         length = _length_of(head)
         start = position - _RECORD.size - length
-        if length < 0 or start < header.pulses_end:
+        if length < 0 or start < pulses_end:
             raise WaveformFileError(
                 f"{name}: invalid length {length} bytes; must start after the pulses at byte "
-                f"{header.pulses_end}"
+                f"{pulses_end}"
             )
         stream.seek(start)
         records.append(_record(head, stream.read(length)))

@@ -2,14 +2,16 @@
 
 from __future__ import annotations
 
+from abc import ABC, abstractmethod
 from collections.abc import Iterator
 from dataclasses import dataclass, replace
 from pathlib import Path
 
 import numpy as np
 
-from fullwaveform.data.arrays import FloatArray, IntArray, RecordArray
+from fullwaveform.data.arrays import BoolArray, FloatArray, IntArray, RecordArray, UInt8Array
 from fullwaveform.data.blocks import PulseGeometry, ShotAttributes
+from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.file_bytes import FileBytes
 from fullwaveform.io.limits import SURVEY_CHUNK, numbered_shots
 from fullwaveform.io.pulsewaves.header import PulseWavesHeader
@@ -29,13 +31,67 @@ _FIELDS: dict[str, tuple[str, int]] = {  # type, byte of the pulse
     "classification": ("u1", 47),
 }
 
+_UNKNOWN_END = np.iinfo(np.int64).max
+
 Pulses = RecordArray  # structured, fields as above
+
+
+class PulseSource(ABC):
+    """The pulses of a file as records; must be closed."""
+
+    count: int  # pulses in the file
+    missing: int  # pulses that the header declares but the truncated file does not hold
+    end: int  # byte of the file after the pulses and what belongs to them
+
+    @abstractmethod
+    def close(self) -> None:
+        """Close the file; may be called twice."""
+
+    @abstractmethod
+    def records(self, numbers: IntArray) -> UInt8Array:
+        """Records (n, bytes of a pulse) of the pulses with the running numbers (n,)."""
+
+    def damaged(self, numbers: IntArray) -> BoolArray:
+        """Which of the pulses (n,) cannot be read; their records are zero."""
+        return np.zeros(len(numbers), dtype=bool)
+
+
+class PlainPulses(PulseSource):
+    """Uncompressed pulses.
+
+    Raises
+    ------
+    WaveformFileError
+        If the file does not hold all pulses.
+    """
+
+    missing = 0
+
+    def __init__(self, header: PulseWavesHeader, path: Path) -> None:
+        self.count = header.pulse_count
+        self._size = header.pulse_size
+        self.end = header.pulses_start + self.count * self._size
+        size = path.stat().st_size
+        if self.end > size:
+            found = (size - header.pulses_start) // self._size
+            raise WaveformFileError(
+                f"{path}: truncated: header declares {self.count} pulses, found {found}"
+            )
+        self._bytes = FileBytes(path, header.pulses_start)
+
+    def close(self) -> None:
+        """Close the file; may be called twice."""
+        self._bytes.close()
+
+    def records(self, numbers: IntArray) -> UInt8Array:
+        """See `PulseSource`."""
+        return self._bytes.rows(numbers * self._size, self._size)
 
 
 class PulseData:
     """The pulses of a file; must be closed."""
 
-    def __init__(self, header: PulseWavesHeader, path: Path) -> None:
+    def __init__(self, header: PulseWavesHeader, source: PulseSource) -> None:
         self.header = header
         self._layout = np.dtype(
             {
@@ -45,31 +101,48 @@ class PulseData:
                 "itemsize": header.pulse_size,
             }
         )
-        self._bytes = FileBytes(path, header.pulses_start)
+        self.source = source
         if len(self) > 0 and not any(header.time_range):  # not set
             ends = self.take(np.array([0, len(self) - 1]))["time"]
             self.header = replace(header, time_range=(int(ends.min()), int(ends.max())))
 
     def close(self) -> None:
         """Close the file; may be called twice."""
-        self._bytes.close()
+        self.source.close()
 
     def __len__(self) -> int:
-        return self.header.pulse_count
+        return self.source.count
 
     def __getitem__(self, rows: slice) -> Pulses:
         return self.take(np.arange(*rows.indices(len(self))))
 
     def take(self, numbers: IntArray) -> Pulses:
         """The pulses of the given running numbers, in their order."""
-        raw = self._bytes.rows(numbers * self.header.pulse_size, self.header.pulse_size)
-        pulses: Pulses = raw.view(self._layout)[:, 0]
+        pulses: Pulses = self.source.records(numbers).view(self._layout)[:, 0]
         return pulses
 
+    def next_offsets(self, numbers: IntArray, rows: Pulses) -> IntArray:
+        """First byte of the samples of the next pulse, for the pulses `rows` with these numbers.
+
+        The largest integer after the last pulse, and where the next pulse's samples do not come
+        later in the file.
+        """
+        last = len(self) - 1
+        following = np.full(len(rows), _UNKNOWN_END)
+        following[:-1] = rows["offset"][1:]
+        elsewhere = np.flatnonzero(np.append(np.diff(numbers) != 1, numbers[-1:] < last))
+        following[elsewhere] = self.take(np.minimum(numbers[elsewhere] + 1, last))["offset"]
+        following[numbers == last] = _UNKNOWN_END
+        ends: IntArray = np.where(following > rows["offset"], following, _UNKNOWN_END)
+        return ends
+
     def chunks(self, size: int) -> Iterator[Pulses]:
-        """Yield all pulses in the order of the file, `size` at a time."""
+        """Yield all readable pulses in the order of the file, from `size` at a time."""
         for start in range(0, len(self), size):
-            yield self[start : start + size]
+            numbers = np.arange(start, min(start + size, len(self)))
+            pulses = self.take(numbers)
+            damaged = self.source.damaged(numbers)
+            yield pulses[~damaged] if damaged.any() else pulses
 
     def times(self, pulses: Pulses) -> FloatArray:
         """Time of each pulse, s; standard GPS times are adjusted as in LAS, minus 1e9."""
@@ -96,8 +169,9 @@ def survey(pulses: PulseData) -> PulseSurvey:
     for chunk in pulses.chunks(SURVEY_CHUNK):
         used[chunk["descriptor"]] = True
         times = pulses.times(chunk)
-        rising = rising and bool(times[0] > last_time and (times[1:] > times[:-1]).all())
-        last_time = times[-1]
+        if len(times) > 0:
+            rising = rising and bool(times[0] > last_time and (times[1:] > times[:-1]).all())
+            last_time = times[-1]
     differ = rising or _all_differ(pulses)
     return PulseSurvey(differ, tuple(int(index) for index in np.flatnonzero(used)))
 

@@ -5,15 +5,18 @@ from __future__ import annotations
 import os
 from collections.abc import Iterator, Mapping
 from contextlib import ExitStack
+from pathlib import Path
 
 import laspy
 import numpy as np
 
-from fullwaveform.data.arrays import FloatArray, IntArray, UInt16Array
+from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.data.blocks import OutgoingPulses, ReadTally, WaveformBlock
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.block_range import PendingBlock
+from fullwaveform.io.pulsewaves.compressed_pulses import CompressedPulses, read_pulse_compression
+from fullwaveform.io.pulsewaves.compressed_waves import CompressedWaves
 from fullwaveform.io.pulsewaves.descriptors import (
     OUTGOING,
     RETURNING,
@@ -23,8 +26,15 @@ from fullwaveform.io.pulsewaves.descriptors import (
     check_supported,
     read_descriptors,
 )
-from fullwaveform.io.pulsewaves.header import las_header, read_header, read_records
+from fullwaveform.io.pulsewaves.header import (
+    las_header,
+    read_appended_records,
+    read_header,
+    read_records,
+)
+from fullwaveform.io.pulsewaves.plain_waves import PlainWaves
 from fullwaveform.io.pulsewaves.pulses import (
+    PlainPulses,
     PulseData,
     PulseSurvey,
     segment_geometry,
@@ -33,12 +43,20 @@ from fullwaveform.io.pulsewaves.pulses import (
     survey,
     survey_of,
 )
-from fullwaveform.io.pulsewaves.samples import Segments, WaveData, find_waves
 from fullwaveform.io.pulsewaves.selection import Selection
+from fullwaveform.io.pulsewaves.waves import (
+    COMPRESSED,
+    Segments,
+    WaveSource,
+    find_waves,
+    read_compression,
+)
+
+_MISSING = "pulse missing in the truncated file"
 
 
 class PulseWavesReader(WaveformReader):
-    """Reads the waveforms of an uncompressed PulseWaves file of version 0.x.
+    """Reads the waveforms of a PulseWaves file of version 0.x, compressed or not.
 
     Each segment of a returning sampling is a waveform, each pulse a shot. Pulses are read in the
     order of the file. Values are counts as stored; lookup tables are not applied.
@@ -49,11 +67,13 @@ class PulseWavesReader(WaveformReader):
     Parameters
     ----------
     path
-        The pulse file, ``.pls``. The samples are in the file of the same name ending ``.wvs``.
+        The pulse file, ``.pls`` or ``.plz``. The samples are in the file of the same name ending
+        ``.wvs`` or ``.wvz``.
     waveforms_per_block, channel_flags
         As in `WaveformReader`; flags by the channel number of a sampling in the pulse descriptor.
 
-    A pulse whose samples are not all inside the ``.wvs`` file counts as one rejected waveform.
+    A pulse whose samples are damaged or not all inside their file counts as one rejected waveform,
+    and so does each pulse of a damaged chunk and each that a truncated file does not hold.
     Raises as `WaveformReader`, and while reading if a descriptor that pulses refer to is missing or
     not supported.
     """
@@ -68,13 +88,20 @@ class PulseWavesReader(WaveformReader):
         super().__init__(path, waveforms_per_block, channel_flags)
         file_header = read_header(self._path)
         records = read_records(file_header, self._path)
-        self._descriptors = read_descriptors(records, self._path)
-        waves = find_waves(self._path)
+        compression = read_pulse_compression(file_header, records, self._path)
         with ExitStack() as opened:
-            self._pulses = PulseData(file_header, self._path)
-            opened.callback(self._pulses.close)
+            source = (
+                PlainPulses(file_header, self._path)
+                if compression is None
+                else CompressedPulses(file_header, compression, self._path)
+            )
+            opened.callback(source.close)
+            if source.missing == 0:
+                records += read_appended_records(file_header, source.end, self._path)
+            self._descriptors = read_descriptors(records, self._path)
+            self._pulses = PulseData(file_header, source)
             self._header = las_header(self._pulses.header, records)
-            self._waves = WaveData(waves)
+            self._waves = _opened_waves(self._path, compressed=compression is not None)
             opened.pop_all()
 
     def close(self) -> None:
@@ -120,6 +147,8 @@ class PulseWavesReader(WaveformReader):
     def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:
         run = self._prepare(survey(self._pulses))
         tally.notes += self._notes_on(run)
+        held, missing = len(self._pulses), self._pulses.source.missing
+        tally.reject(_MISSING, missing, [f"pulses from number {held} on"])
         for segments in run.blocks(self._waveforms_per_block, tally):
             yield self._pending(segments, run)
 
@@ -135,7 +164,9 @@ class PulseWavesReader(WaveformReader):
         return PendingBlock(len(segments), read, shots)
 
     def _window(self, points: slice) -> WaveformBlock | None:
-        run = self._prepare(survey_of(self._pulses[points], self._pulses))
+        numbers = np.arange(points.start, points.stop)
+        rows = self._pulses.take(numbers[~self._pulses.source.damaged(numbers)])
+        run = self._prepare(survey_of(rows, self._pulses))
         segments = run.readable(points.start, points.stop, ReadTally())
         numbers = points.start + np.arange(len(segments), dtype=np.int64)
         return self._block(segments, run, numbers) if len(segments) > 0 else None
@@ -172,7 +203,7 @@ class PulseWavesReader(WaveformReader):
         code, pulses = segments["sampling"], self._pulses.take(segments["pulse"])
         unit = run.table.units_ns[code]
         return WaveformBlock(
-            samples=self._samples(segments, run),
+            samples=self._waves.read(segments, run.table),
             counts=segments["count"].astype(np.uint16),
             shot_times=shot_times(pulses, segments["pulse"], self._pulses, run.surveyed),
             sbl_times=segments["duration"] * unit / 1e9,
@@ -191,15 +222,17 @@ class PulseWavesReader(WaveformReader):
         sent = run.outgoing(pulses)
         unit = run.table.units_ns[sent["sampling"]]
         return OutgoingPulses(
-            samples=self._samples(sent, run),
+            samples=self._waves.read(sent, run.table),
             counts=sent["count"].astype(np.uint16),
             sampling_intervals=unit / 1e9,
             durations=sent["duration"] * unit / 1e9,
         ).of(row)
 
-    def _samples(self, segments: Segments, run: Selection) -> UInt16Array:
-        sample_bytes = run.table.sample_bytes[segments["sampling"]]
-        return self._waves.read(segments["start"], segments["count"], sample_bytes)
+
+def _opened_waves(path: Path, *, compressed: bool) -> WaveSource:
+    """The samples of a pulse file; either file can be compressed without the other."""
+    waves = find_waves(path, compressed=compressed)
+    return CompressedWaves(waves) if read_compression(waves) == COMPRESSED else PlainWaves(waves)
 
 
 def _note_on_kinds(samplings: tuple[SamplingDescriptor, ...]) -> list[str]:

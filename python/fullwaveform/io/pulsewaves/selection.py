@@ -10,12 +10,13 @@ import numpy as np
 from fullwaveform.data.arrays import IntArray
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.io.block_range import last_cut
-from fullwaveform.io.limits import BLOCK_SAMPLES, MAX_SAMPLES, OUTSIDE
+from fullwaveform.io.limits import BLOCK_SAMPLES, MAX_SAMPLES
 from fullwaveform.io.pulsewaves.descriptors import OUTGOING, RETURNING, SamplingTable
 from fullwaveform.io.pulsewaves.pulses import PulseData, PulseSurvey
-from fullwaveform.io.pulsewaves.samples import SEGMENT, Segments, WaveData, locate_segments
+from fullwaveform.io.pulsewaves.waves import SEGMENT, Segments, WaveSource
 
 TOO_LONG = f"waveform of more than {MAX_SAMPLES} samples"
+DAMAGED_CHUNK = "pulse in a damaged chunk"
 NO_DIRECTION = "anchor and target of the pulse are the same"
 
 
@@ -24,7 +25,7 @@ class Selection:
     """The segments of the pulses of a file."""
 
     pulses: PulseData
-    waves: WaveData
+    waves: WaveSource
     surveyed: PulseSurvey
     table: SamplingTable  # of the descriptors that pulses refer to
 
@@ -46,27 +47,26 @@ class Selection:
 
     def readable(self, start: int, end: int, tally: ReadTally) -> Segments:
         """The readable segments of some pulses; all others are counted."""
-        pulses = self.pulses[start:end]
-        parts = [np.empty(0, dtype=SEGMENT)]
-        for descriptor, code in zip(
-            self.table.descriptors, self.table.first_codes[:-1], strict=True
-        ):
-            rows = np.flatnonzero(pulses["descriptor"] == descriptor.index)
-            part, inside = locate_segments(
-                self.waves, descriptor, int(code), start + rows, pulses["offset"][rows]
-            )
-            parts.append(part[self.table.kinds[part["sampling"]] == RETURNING])
-            _reject(tally, OUTSIDE, start + rows[~inside])
-            with_waveform = len(np.unique(parts[-1]["pulse"]))
-            tally.points_without_waveform += int(np.count_nonzero(inside)) - with_waveform
-        segments = np.concatenate(parts)
-        segments = segments[np.argsort(segments["pulse"], kind="stable")]
-        aimed = (pulses["target"] != pulses["anchor"]).any(axis=1)[segments["pulse"] - start]
+        numbers = np.arange(start, end)
+        damaged = self.pulses.source.damaged(numbers)
+        _reject(tally, DAMAGED_CHUNK, numbers[damaged])
+        numbers = numbers[~damaged]
+        pulses = self.pulses.take(numbers)
+        located, unreadable = self.waves.locate(self.table, self.pulses, numbers, pulses)
+        readable = np.ones(len(numbers), dtype=bool)
+        for reason, rows in unreadable.items():
+            _reject(tally, reason, numbers[rows])
+            readable &= ~rows
+        segments = located[self.table.kinds[located["sampling"]] == RETURNING]
+        with_waveform = len(np.unique(segments["pulse"]))
+        tally.points_without_waveform += int(np.count_nonzero(readable)) - with_waveform
+        aimed = (pulses["target"] != pulses["anchor"]).any(axis=1)
+        aimed = aimed[np.searchsorted(numbers, segments["pulse"])]
         short = segments["count"] <= MAX_SAMPLES
         _reject(tally, NO_DIRECTION, segments["pulse"][~aimed])
         _reject(tally, TOO_LONG, segments["pulse"][aimed & ~short])
-        readable: Segments = segments[aimed & short]
-        return readable
+        kept: Segments = segments[aimed & short]
+        return kept
 
     def outgoing(self, numbers: IntArray) -> Segments:
         """The first outgoing segment of each pulse; without samples if it has none.
@@ -75,17 +75,11 @@ class Selection:
         """
         pulses = self.pulses.take(numbers)
         first_segments = np.zeros(len(numbers), dtype=SEGMENT)
-        for descriptor, code in zip(
-            self.table.descriptors, self.table.first_codes[:-1], strict=True
-        ):
-            rows = np.flatnonzero(pulses["descriptor"] == descriptor.index)
-            part, _ = locate_segments(
-                self.waves, descriptor, int(code), numbers[rows], pulses["offset"][rows]
-            )
-            is_outgoing = self.table.kinds[part["sampling"]] == OUTGOING
-            part = part[is_outgoing & (part["count"] <= MAX_SAMPLES)]
-            pulse, first = np.unique(part["pulse"], return_index=True)
-            first_segments[np.searchsorted(numbers, pulse)] = part[first]
+        part, _ = self.waves.locate(self.table, self.pulses, numbers, pulses)
+        is_outgoing = self.table.kinds[part["sampling"]] == OUTGOING
+        part = part[is_outgoing & (part["count"] <= MAX_SAMPLES)]
+        pulse, first = np.unique(part["pulse"], return_index=True)
+        first_segments[np.searchsorted(numbers, pulse)] = part[first]
         return first_segments
 
 

@@ -169,8 +169,8 @@ def test_contradicting_records_are_refused(tmp_path: Path) -> None:
         (lambda content: b"", "is not a PulseWaves sample file; must start with PulseWavesWaves"),
         (lambda content: b"X" + content[1:], "is not a PulseWaves sample file"),
         (
-            lambda content: content[:WAVES_COMPRESSION] + b"\1" + content[WAVES_COMPRESSION + 1 :],
-            "unsupported compression type 1 of the samples; must be 0",
+            lambda content: content[:WAVES_COMPRESSION] + b"\2" + content[WAVES_COMPRESSION + 1 :],
+            "unsupported compression type 2 of the samples; must be 0",
         ),
     ],
 )
