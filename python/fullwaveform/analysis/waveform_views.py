@@ -18,8 +18,10 @@ from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.extraction.extractor import ExtractedBlock, ExtractionSettings, Extractor
 from fullwaveform.extraction.waveform_table import WaveformState
 
+_PICOSECONDS = 1e12
 _CURVE_STEP = 0.05  # samples
 _MAX_CURVE_POINTS = 40_000  # of long waveforms; their steps are wider
+GAUSSIAN_REACH = 4.0  # standard deviations from an echo to which its curve is drawn
 _HEIGHT_AT_ONE_WIDTH = float(np.exp(-0.5))  # of a Gaussian, share of its maximum
 
 
@@ -34,13 +36,18 @@ class MethodView:
     tops: FloatArray  # (m,), counts of the echoes' maxima
     widths: FloatArray  # (m,), samples, standard deviations; NaN for deconvolved echoes
     feet: FloatArray  # (m,), counts at which the drawn curves start: 0 or the threshold
-    fitted: FloatArray  # (k, 2), position and height of the sum of Gaussians; (0, 2) if none
+    fitted: FloatArray  # (k, 2), position and height of the Gaussians or their sum; (0, 2) if none
     deconvolved: FloatArray  # (k, 2), position and height of the deconvolved signal
 
     @property
     def name(self) -> str:
         """Name of the mode."""
         return MODE_NAMES[self.mode]
+
+    @property
+    def fits_a_sum(self) -> bool:
+        """Whether the Gaussians add up to the samples; the three-point fit treats each alone."""
+        return self.mode is not Mode.THREE_POINT
 
     @property
     def note(self) -> str:
@@ -64,6 +71,7 @@ class WaveformView:
     samples: npt.NDArray[np.uint16]  # (n,), counts
     threshold: int  # counts
     segments: npt.NDArray[np.int64]  # (s, 2), first and last sample
+    returns: FloatArray  # (r,), samples, ascending: discrete returns that the scanner listed
     methods: tuple[MethodView, ...]
 
 
@@ -104,6 +112,7 @@ def waveform_views(
                 samples=samples,
                 threshold=level,
                 segments=segments,
+                returns=_returns(block, row),
                 methods=tuple(
                     _method_view(extractor, found, block, row, level)
                     for extractor, found in zip(extractors, extracted, strict=True)
@@ -111,6 +120,15 @@ def waveform_views(
             )
         )
     return views
+
+
+def _returns(block: WaveformBlock, row: int) -> FloatArray:
+    """Positions of the discrete returns in the waveform; empty if the format has none."""
+    if block.returns is None:
+        return np.empty(0)
+    picoseconds = block.returns.of_rows(np.array([row])).times
+    positions: FloatArray = picoseconds / (float(block.sampling_intervals[row]) * _PICOSECONDS)
+    return positions
 
 
 def _levels(
@@ -138,7 +156,8 @@ def _method_view(
     feet = np.where(np.isin(types, DECOMPOSED_TYPES), float(threshold), 0.0)
     fits = types != EchoType.RICHARDSON_LUCY
     count = int(block.counts[row])
-    fitted = fitted_sum(
+    curve = single_gaussians if mode is Mode.THREE_POINT else fitted_sum
+    fitted = curve(
         positions[fits], (tops - feet)[fits], widths[fits], float(feet.max(initial=0.0)), count
     )
     deconvolves = mode is Mode.DECONVOLUTION or (mode is Mode.HYBRID and bool(np.any(~fits)))
@@ -160,13 +179,37 @@ def fitted_sum(
     """
     if not len(positions):
         return np.empty((0, 2))
-    step = max(_CURVE_STEP, count / _MAX_CURVE_POINTS)
-    x = np.arange(0.0, count - 1.0 + step / 2, step)
+    x = _curve_positions(count)
     x = np.union1d(x, positions[(positions >= 0) & (positions <= count - 1)])
     height = np.full(len(x), foot)
     for position, amplitude, width in zip(positions, amplitudes, widths, strict=True):
         height += amplitude * np.exp(-0.5 * ((x - position) / width) ** 2)
     return np.column_stack([x, height])
+
+
+def single_gaussians(
+    positions: FloatArray, amplitudes: FloatArray, widths: FloatArray, foot: float, count: int
+) -> FloatArray:
+    """Gaussians one after the other, (k, 2), with a row of height NaN after each.
+
+    Arguments as for `fitted_sum`. The three-point fit treats every echo alone, so where echoes
+    overlap the sum of its Gaussians exceeds the samples. Each curve reaches four standard
+    deviations to either side.
+    """
+    x = _curve_positions(count)
+    curves = [np.empty((0, 2))]
+    for position, amplitude, width in zip(positions, amplitudes, widths, strict=True):
+        first, last = position - GAUSSIAN_REACH * width, position + GAUSSIAN_REACH * width
+        near = x[np.searchsorted(x, first) : np.searchsorted(x, last, side="right")]
+        near = np.union1d(near, [position])
+        height = foot + amplitude * np.exp(-0.5 * ((near - position) / width) ** 2)
+        curves += [np.column_stack([near, height]), np.array([[near[-1], np.nan]])]
+    return np.concatenate(curves)
+
+
+def _curve_positions(count: int) -> FloatArray:
+    step = max(_CURVE_STEP, count / _MAX_CURVE_POINTS)
+    return np.arange(0.0, count - 1.0 + step / 2, step)
 
 
 def _reported_signal(settings: ExtractionSettings, block: WaveformBlock, row: int) -> FloatArray:

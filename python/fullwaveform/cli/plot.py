@@ -49,6 +49,9 @@ def plot(
         ),
     ] = None,
     time: TimeOption = None,
+    whole: Annotated[
+        bool, typer.Option("--whole", help="Show the whole record, not only the part with echoes")
+    ] = False,
     mode: RepeatedModeOption = None,
     threshold: ThresholdOption = "estimate",
     scanner: ScannerFile = None,
@@ -83,7 +86,7 @@ def plot(
             views = waveform_views(
                 find_shot(reader, selector, value), description, modes, threshold
             )
-        draw_waveforms(output, views, overwrite=overwrite)
+        draw_waveforms(output, views, whole=whole, overwrite=overwrite)
     for view in views:
         typer.echo(_summary(view))
     typer.echo(f"result: {output}")

@@ -36,7 +36,7 @@ def draw_histogram(
         median = float(np.median(numbers))
         axes.hist(numbers, bins=_bin_edges(numbers).tolist(), color=style.MEASURED, alpha=0.85)
         axes.axvline(median, color=style.FOUND, linewidth=1.2, label=f"median {median:+.3f}")
-        axes.legend(fontsize=style.SMALL_TEXT_SIZE, frameon=False)
+        style.legend_below(figure)
     else:
         axes.text(0.5, 0.5, "no values", transform=axes.transAxes, ha="center", color=style.GREY)
     style.label_axes(axes, label, "count", title)

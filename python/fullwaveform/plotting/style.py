@@ -69,6 +69,17 @@ def save_figure(figure: Figure, path: str | os.PathLike[str], *, overwrite: bool
         figure.savefig(stream, format=kind, metadata=_NO_DATE.get(kind, {}))
 
 
+def legend_below(figure: Figure) -> None:
+    """List the labelled curves below all axes, where the legend cannot cover them."""
+    figure.legend(
+        loc="outside lower center",
+        ncols=2,
+        frameon=False,
+        fontsize=SMALL_TEXT_SIZE,
+        labelcolor=INK,
+    )
+
+
 def label_axes(axes: Axes, x: str = "", y: str = "", title: str = "") -> None:
     """Set labels and title, and the common look of axes."""
     axes.set_xlabel(x, fontsize=TEXT_SIZE, color=INK)

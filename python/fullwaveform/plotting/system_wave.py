@@ -46,6 +46,7 @@ def draw_system_wave(
     style.label_axes(lower, "time from the start of the window [ns]", "difference [%]")
     for axes in (upper, lower):
         axes.axvspan(0.0, curves.window_ns, color=style.FAINT, alpha=0.6, linewidth=0, zorder=0)
+    style.legend_below(figure)
     style.save_figure(figure, path, overwrite=overwrite)
 
 
@@ -62,5 +63,4 @@ def _draw_curves(axes: Axes, curves: SystemWaveCurves) -> None:
         curves.time_ns, curves.wave, color=style.FOUND, linewidth=1.1, label=curves.wave_label
     )
     axes.set_ylim(bottom=min(-0.05, 1.1 * float(curves.pulse.min())))
-    axes.legend(frameon=False, fontsize=style.TEXT_SIZE, labelcolor=style.INK)
     style.label_axes(axes, "", "share of the maximum", curves.title)

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import re
 from collections.abc import Sequence
+from dataclasses import replace
 from pathlib import Path
 
 import numpy as np
@@ -15,7 +16,9 @@ from matplotlib.text import Text
 from fullwaveform import Mode, Scanner
 from fullwaveform.analysis.waveform_selection import SelectedShot
 from fullwaveform.analysis.waveform_views import WaveformView, waveform_views
-from fullwaveform.plotting.waveform import METHOD_COLOURS, draw_waveforms, waveform_figure
+from fullwaveform.data.returns import DiscreteReturns
+from fullwaveform.plotting.echo_list import METHOD_COLOURS
+from fullwaveform.plotting.waveform import draw_waveforms, waveform_figure
 
 from ..core import test_modes
 from ..extraction.test_extraction import Packet, block_of
@@ -176,6 +179,77 @@ def test_echoes_that_do_not_fit_are_counted() -> None:
     listed = sum(bool(re.fullmatch(r"\d+\.00", text)) for text in shown)
     assert 10 <= listed < 30
     assert f"and {30 - listed} more" in shown
+
+
+def test_neighbouring_gaussians_are_drawn_one_by_one() -> None:
+    """Each passes through its own three samples; their sum would be higher between them."""
+    samples = np.zeros(60, np.uint16)
+    samples[18:27] = [20, 60, 100, 60, 40, 60, 100, 60, 20]
+    axes = waveform_figure(views(Packet(samples))).axes[0]
+    curve = marks(axes)["three-point, fitted"]
+    ends = np.flatnonzero(np.isnan(curve[:, 1]))
+    assert len(ends) == 2
+    for echo, part in ((20, curve[: ends[0]]), (24, curve[ends[0] + 1 : ends[1]])):
+        for sample, counts in ((echo - 1, 60.0), (echo, 100.0), (echo + 1, 60.0)):
+            nearest = np.argmin(np.abs(part[:, 0] - sample))
+            assert part[nearest, 1] == pytest.approx(counts, rel=1e-4)
+        # sigma = sqrt(1 / (2 ln(100 / 60))) = 0.98935 samples; two samples away: 100 * 0.6**4.
+        assert part[np.argmin(np.abs(part[:, 0] - 22.0)), 1] == pytest.approx(12.96, rel=1e-3)
+
+
+def test_whole_record_on_request() -> None:
+    packet = Packet(triples({200: 100}, length=400))
+    assert waveform_figure(views(packet), whole=True).axes[0].get_xlim() == (-0.5, 399.5)
+
+
+def test_label_of_the_threshold_is_outside_the_data() -> None:
+    """Also of a low threshold next to the label of the segments, which it does not cover."""
+    for height in (20, 100, 4000):
+        figure = waveform_figure(views(Packet(triples({20: height, 40: 15}))))
+        figure.draw_without_rendering()
+        axes, echo_list = figure.axes
+        labels = {
+            str(text.get_text()): text.get_window_extent()
+            for text in axes.findobj(Text)
+            if isinstance(text, Text)
+        }
+        label = labels["threshold 10"]
+        assert label.x0 > axes.get_window_extent().x1
+        assert label.x1 < echo_list.get_window_extent().x0
+        assert label.y0 > labels["above the threshold"].y1 - 3.0  # pixels of a line of 17
+
+
+def with_returns(packet: Packet, picoseconds: Sequence[float]) -> WaveformView:
+    count = len(picoseconds)
+    returns = DiscreteReturns(
+        rows=np.zeros(count, np.int64),
+        times=np.array(picoseconds),
+        return_number=np.arange(1, count + 1, dtype=np.uint8),
+        return_count=np.full(count, count, np.uint8),
+        intensity=np.zeros(count, np.uint16),
+        classification=np.zeros(count, np.uint8),
+        extra=None,
+    )
+    block = replace(block_of([packet]), returns=returns)
+    shot = SelectedShot(block, np.array([0]))
+    (view,) = waveform_views(shot, Scanner.default(), [Mode.THREE_POINT], 10)
+    return view
+
+
+def test_returns_of_the_scanner_are_drawn_above_the_samples() -> None:
+    # Samples 19.5 and 40 at 2 ns; the samples there are 75 (between 50 and 100) and 60 counts.
+    view = with_returns(TWO_ECHOES, [39_000.0, 80_000.0])
+    axes, echo_list = waveform_figure([view]).axes
+    drawn = marks(axes)["returns"]
+    np.testing.assert_allclose(drawn[:, 0], [19.5, 40.0])
+    np.testing.assert_allclose(drawn[:, 1], [83.0, 68.0])  # 8 % of 100 above
+    listed = [text for text in texts(echo_list) if text]
+    assert listed[-3:] == ["scanner, 2 returns", "19.50", "40.00"]
+
+
+def test_returns_far_from_the_echoes_are_shown() -> None:
+    view = with_returns(Packet(triples({200: 100}, length=400)), [300_000.0])
+    assert waveform_figure([view]).axes[0].get_xlim()[1] == pytest.approx(315.5)
 
 
 def test_text_of_an_svg_is_text(tmp_path: Path) -> None:
