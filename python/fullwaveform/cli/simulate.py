@@ -11,8 +11,9 @@ from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.options import require_suffix
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.data.counting import counted
-from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
+from fullwaveform.simulation import ScanSettings, simulate_scan, write_recording, write_scan
 from fullwaveform.simulation.files import FILE_KINDS, scan_files
+from fullwaveform.simulation.recorded_files import RECORDED_ENDINGS, recorded_files
 
 _DEFAULTS = ScanSettings()
 _POINT_FORMATS = (4, 9)
@@ -20,7 +21,12 @@ _POINT_FORMATS = (4, 9)
 
 def simulate(
     output: Annotated[
-        Path, typer.Argument(metavar="OUT.las", help="Scan; its .wdp and truth go next to it")
+        Path,
+        typer.Argument(
+            metavar="OUT.las",
+            help="Scan: .las, or with outgoing pulses .h5 or .pls; truth (and .wdp, .wvs) go next "
+            "to it",
+        ),
     ],
     shots: Annotated[int, typer.Option(metavar="N", help="Number of shots")] = _DEFAULTS.shots,
     samples: Annotated[
@@ -40,28 +46,36 @@ def simulate(
     """Simulate a scan with known echoes.
 
     It has two channels, overlapping and saturated echoes, shots without echoes, and a CSV file with
-    the true echoes.
+    the true echoes. Containers and PulseWaves files record the outgoing pulses, and count ranges
+    in whole samples.
 
     Examples:
 
         fullwaveform simulate simulated.las --shots 5000
 
         fullwaveform simulate noisy.las --shots 500 --samples 160 --noise-rms 4 --seed 7
+
+        fullwaveform simulate outgoing.pls --shots 5000
     """
-    require_suffix(output, (".las",), "OUT.las")
+    require_suffix(output, (".las", *RECORDED_ENDINGS), "OUT.las")
     if point_format not in _POINT_FORMATS:
         raise typer.BadParameter(f"{point_format} must be 4 or 9", param_hint="--point-format")
     try:
         settings = ScanSettings(shots=shots, samples=samples, noise_rms=noise_rms, seed=seed)
     except ValueError as error:
         raise typer.BadParameter(str(error)) from error
-    outputs = [
-        Output(path, kind, "OUT.las")
-        for path, kind in zip(scan_files(output), FILE_KINDS, strict=True)
-    ]
+    is_las = output.suffix.lower() == ".las"
+    if is_las:
+        kinds = dict(zip(scan_files(output), FILE_KINDS, strict=True))
+    else:
+        kinds = recorded_files(output)
+    outputs = [Output(path, kind, "OUT.las") for path, kind in kinds.items()]
     with checked_outputs(*outputs, overwrite=overwrite, inputs=()), report_errors():
         scan = simulate_scan(settings)
-        files = write_scan(scan, output, point_format=point_format, overwrite=overwrite)
+        if is_las:
+            write_scan(scan, output, point_format=point_format, overwrite=overwrite)
+        else:
+            write_recording(scan, output, overwrite=overwrite)
     echoes = counted(len(scan.truth), "echo", "echoes")
-    names = ", ".join(str(file) for file in files)
+    names = ", ".join(str(file) for file in kinds)
     typer.echo(f"{counted(shots, 'shot')}, {echoes}: {names}")

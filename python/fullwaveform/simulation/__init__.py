@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from fullwaveform.simulation.files import ScanFiles, write_scan
+from fullwaveform.simulation.recorded_files import write_recording
 from fullwaveform.simulation.scene import Echoes, Shots
 from fullwaveform.simulation.settings import ScanSettings
 from fullwaveform.simulation.truth import TruthTable, read_truth
@@ -17,5 +18,6 @@ __all__ = [
     "TruthTable",
     "read_truth",
     "simulate_scan",
+    "write_recording",
     "write_scan",
 ]

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import struct
-from collections.abc import Callable
+from collections.abc import Callable, Mapping
 from contextlib import ExitStack
 from datetime import UTC, datetime, timedelta
 from pathlib import Path
@@ -67,11 +67,12 @@ def _has_packets_header(path: Path) -> bool:
     return bool(is_packet_record and text.startswith(_PACKETS_OF))
 
 
+TRUTH_KIND = FileKind("the true echoes of a simulated scan", is_truth)
 #: What the files are, in the order of `ScanFiles`.
 FILE_KINDS = (
     FileKind("a simulated scan", lambda path: is_written_here(path, SIMULATED)),
     FileKind("the waveforms of a simulated scan", _has_packets_header),
-    FileKind("the true echoes of a simulated scan", is_truth),
+    TRUTH_KIND,
 )
 
 
@@ -79,8 +80,7 @@ def scan_files(path_las: Path) -> ScanFiles:
     """The files of the scan with the given name; ValueError if it does not end in `.las`."""
     if path_las.suffix.lower() != ".las":
         raise ValueError(f"invalid name {path_las.name!r}; it must end in .las")
-    truth = path_las.with_name(f"{path_las.stem}_truth.csv")
-    return ScanFiles(path_las, path_las.with_suffix(".wdp"), truth)
+    return ScanFiles(path_las, path_las.with_suffix(".wdp"), truth_path(path_las))
 
 
 def write_scan(
@@ -103,16 +103,28 @@ def write_scan(
         files.truth: lambda part: write_truth(scan.truth, part),
         files.las: lambda part: _write_points(scan, part, point_format),
     }
-    kinds = dict(zip(files, FILE_KINDS, strict=True))
-    # All are written under temporary names, then renamed in the order of the writers.
+    write_all_or_nothing(writers, dict(zip(files, FILE_KINDS, strict=True)), overwrite)
+    return files
+
+
+def truth_path(scan: Path) -> Path:
+    """Where the true echoes of a scan are written."""
+    return scan.with_name(f"{scan.stem}_truth.csv")
+
+
+def write_all_or_nothing(
+    writers: Mapping[Path, Callable[[Path], None]],
+    kinds: Mapping[Path, FileKind],
+    overwrite: bool,
+) -> None:
+    """Write all files under temporary names, then rename them in the order of the writers."""
     with ExitStack() as stack:
         parts = {}
-        for path in reversed(writers):  # the file entered first is renamed last
+        for path in reversed(list(writers)):  # the file entered first is renamed last
             output = atomic_path(path, kinds[path], overwrite=overwrite)
             parts[path] = stack.enter_context(output)
         for path, write in writers.items():
             write(parts[path])
-    return files
 
 
 def _write_packets(scan: SimulatedScan, path: Path) -> None:
@@ -126,7 +138,7 @@ def _write_packets(scan: SimulatedScan, path: Path) -> None:
 def _write_points(scan: SimulatedScan, path: Path, point_format: int) -> None:
     kind = _KINDS[point_format]
     points = discrete_points(scan, kind.max_returns)
-    las = laspy.LasData(_header(scan.settings, kind, point_format))
+    las = laspy.LasData(las_header(scan.settings, point_format))
     las.points = laspy.ScaleAwarePointRecord.zeros(len(points), header=las.header)
     las.x, las.y, las.z = points.xyz.T
     for name in ("gps_time", "intensity", "return_number", "number_of_returns"):
@@ -163,9 +175,9 @@ def _refer_to_packets(las: laspy.LasData, points: DiscretePoints, scan: Simulate
     las.x_t, las.y_t, las.z_t = np.where(has[:, np.newaxis], towards_scanner, 0.0).T
 
 
-def _header(settings: ScanSettings, kind: _Kind, point_format: int) -> laspy.LasHeader:
+def las_header(settings: ScanSettings, point_format: int = 9) -> laspy.LasHeader:
     """LAS header with the coordinate system and the descriptors of both channels."""
-    header = laspy.LasHeader(version=kind.version, point_format=point_format)
+    header = laspy.LasHeader(version=_KINDS[point_format].version, point_format=point_format)
     header.scales = np.full(3, _SCALE)
     header.offsets = _whole_kilometres(settings)
     header.system_identifier = SIMULATED
