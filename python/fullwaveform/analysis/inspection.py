@@ -16,10 +16,13 @@ from fullwaveform.analysis.histograms import (
     count_quantile,
     value_histogram,
 )
+from fullwaveform.analysis.origin import FileOrigin, origin_of
 from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray, UInt16Array
-from fullwaveform.data.blocks import ReadTally, WaveformBlock
+from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.io.base import WaveformReader
+from fullwaveform.io.las.descriptors import WaveformDescriptor
+from fullwaveform.io.las.reader import LasWaveformReader
 
 _Key = TypeVar("_Key", int, float)
 
@@ -44,6 +47,15 @@ class Level:
     median: float
     low: float  # 5 % quantile
     high: float  # 95 % quantile
+
+
+@dataclass(frozen=True, slots=True)
+class Receiver:
+    """Waveforms of one packet descriptor or channel."""
+
+    number: int  # of the descriptor or channel in the file; 0 where it has none
+    waveforms: int
+    descriptor: WaveformDescriptor | None  # of LAS files
 
 
 @dataclass(frozen=True, slots=True)
@@ -78,6 +90,9 @@ class FileContents:
     saturated: float  # share of the waveforms, 0 to 1
     value_counts: IntArray  # (largest + 1,), samples of each value
     maximum_counts: IntArray  # (largest + 1,), waveforms by their largest sample
+    receivers: tuple[Receiver, ...]  # ascending by number
+    point_sources: Mapping[int, int]  # point source ID -> waveforms, ascending
+    origin: FileOrigin | None  # None for files without coordinates
     rejected: Mapping[str, int]  # reason -> unreadable waveforms
     notes: tuple[str, ...]  # of the reader
 
@@ -110,7 +125,7 @@ def inspect_waveforms(
     sums = _Sums()
     for block in reader.blocks() if blocks is None else blocks:
         sums.add(block)
-    return sums.contents(_format_of(reader), reader.point_count, reader.tally)
+    return sums.contents(_format_of(reader), reader)
 
 
 def _format_of(reader: WaveformReader) -> str:
@@ -130,6 +145,8 @@ class _Sums:
         self.sample_counts: Counter[int] = Counter()
         self.intervals: Counter[float] = Counter()
         self.channels: Counter[int] = Counter()
+        self.numbers: Counter[int] = Counter()
+        self.point_sources: Counter[int] = Counter()
         self.per_shot: Counter[int] = Counter()
         self.times = (np.inf, -np.inf)
         self.baseline = np.zeros(_VALUES * _STEPS, np.int64)  # waveforms by steps of a count
@@ -145,6 +162,8 @@ class _Sums:
         femtoseconds = _counted(np.rint(block.sampling_intervals * _FEMTOSECONDS))
         self.intervals.update({key / _FEMTOSECONDS: n for key, n in femtoseconds.items()})
         self.channels.update(_counted(block.channel_flags))
+        self.numbers.update(_counted(block.descriptors))
+        self.point_sources.update(_counted(block.attributes.point_source_id))
         per_shot = np.unique(block.shot_times, return_counts=True)[1]
         self.per_shot.update(_counted(per_shot))
         times = block.attributes.gps_time[np.isfinite(block.attributes.gps_time)]
@@ -175,12 +194,14 @@ class _Sums:
         is_plateau = at_top[:, : 1 - _PLATEAU] & at_top[:, _PLATEAU - 1 :]
         self.with_plateau += int(np.count_nonzero(is_plateau.any(axis=1)))
 
-    def contents(self, kind: str, points: int, tally: ReadTally) -> FileContents:
+    def contents(self, kind: str, reader: WaveformReader) -> FileContents:
+        tally = reader.tally
+        described = reader.descriptors if isinstance(reader, LasWaveformReader) else {}
         values = self.values[: self.largest + 1]
         has_time = bool(np.isfinite(self.times[0]))
         return FileContents(
             format=kind,
-            points=points,
+            points=reader.point_count,
             points_without_waveform=tally.points_without_waveform,
             points_sharing_waveform=tally.points_sharing_waveform,
             waveforms=self.waveforms,
@@ -200,6 +221,12 @@ class _Sums:
             saturated=self.with_plateau / max(self.waveforms, 1),
             value_counts=values.copy(),
             maximum_counts=self.maxima[: self.largest + 1].copy(),
+            receivers=tuple(
+                Receiver(number, waveforms, described.get(number))
+                for number, waveforms in _ascending(self.numbers).items()
+            ),
+            point_sources=_ascending(self.point_sources),
+            origin=origin_of(reader.header),
             rejected=dict(tally.rejected),
             notes=tuple(tally.notes),
         )

@@ -15,8 +15,16 @@ from rich.table import Table
 
 from fullwaveform.analysis.histograms import Histogram
 from fullwaveform.analysis.inspection import FileContents, Level, inspect_waveforms
+from fullwaveform.analysis.origin import point_file
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_options import open_checked
+from fullwaveform.cli.info_origin import (
+    json_origin,
+    json_receiver,
+    origin_rows,
+    receiver_rows,
+    show_point_file,
+)
 from fullwaveform.cli.options import (
     ChannelOption,
     IntervalOption,
@@ -53,6 +61,9 @@ def info(
     refuse_quiet_and_verbose(quiet, verbose)
     channels = channel_flags_from(channel)
     with report_errors():
+        if (points := point_file(source)) is not None:
+            show_point_file(source, points, as_json=as_json)
+            return
         with (
             open_checked(source, channels, interval=interval) as reader,
             blocks_with_progress(reader, quiet) as blocks,
@@ -79,6 +90,9 @@ def _json(source: Path, contents: FileContents) -> dict[str, Any]:
         "samples_per_waveform": _pairs(contents.sample_counts, "samples"),
         "sampling_intervals": _pairs(contents.sampling_intervals, "seconds"),
         "channels": _pairs(contents.channels, "flag"),
+        "descriptors": [json_receiver(receiver) for receiver in contents.receivers],
+        "point_sources": _pairs(contents.point_sources, "id"),
+        "origin": json_origin(contents.origin),
         "shots_by_waveforms": _pairs(contents.waveforms_per_shot, "waveforms", "shots"),
         "first_time": contents.first_time,
         "last_time": contents.last_time,
@@ -147,10 +161,13 @@ def _rows(contents: FileContents) -> list[tuple[str, str]]:
         ("shots", f"{contents.shots:,}"),
         ("waveforms per shot", _listed(contents.waveforms_per_shot, "shots")),
         ("channels", _listed(shown, "waveforms")),
+        *receiver_rows(contents.receivers),
         ("samples", f"{contents.samples:,}"),
         ("samples per waveform", _sample_counts(contents)),
         ("sampling interval", _listed(intervals, "waveforms")),
         ("GPS time", _times(contents)),
+        ("point source ID", _listed(contents.point_sources, "waveforms")),
+        *origin_rows(contents.origin),
     ]
     return rows + _levels(contents)
 

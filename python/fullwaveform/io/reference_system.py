@@ -39,6 +39,11 @@ def reference_system(header: laspy.LasHeader | None) -> Any | None:
         return None
 
 
+def has_records(header: laspy.LasHeader) -> bool:
+    """Whether the header describes a coordinate reference system."""
+    return bool(projection_records(header.vlrs) or projection_records(header.evlrs))
+
+
 def has_wkt(records: Iterable[laspy.VLR]) -> bool:
     """Whether one of the records is the text of a coordinate reference system."""
     return any(record.record_id == WKT_RECORD for record in records)

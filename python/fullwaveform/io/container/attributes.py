@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import uuid
 from collections.abc import Mapping
+from datetime import date
 from pathlib import Path
 from typing import Any
 
@@ -79,6 +80,12 @@ def write_las_header(file: h5py.File, header: laspy.LasHeader) -> None:
     group.attrs["scales"] = np.asarray(header.scales, dtype=np.float64)
     group.attrs["offsets"] = np.asarray(header.offsets, dtype=np.float64)
     group.attrs["file_source_id"] = np.uint16(header.file_source_id)
+    group.attrs["system_identifier"] = stored_text(_text(header.system_identifier))
+    group.attrs["generating_software"] = stored_text(_text(header.generating_software))
+    if header.creation_date is not None:
+        group.attrs["creation_date"] = stored_text(header.creation_date.isoformat())
+    group.attrs["mins"] = np.asarray(header.mins, dtype=np.float64)
+    group.attrs["maxs"] = np.asarray(header.maxs, dtype=np.float64)
     group.attrs["guid"] = stored_text(str(header.uuid))
     group.attrs["global_encoding"] = np.uint16(header.global_encoding.value)
     if header.version.minor >= 5:
@@ -114,11 +121,27 @@ def read_las_header(file: h5py.File, path: Path) -> laspy.LasHeader | None:
         header.global_encoding.value = int(values["global_encoding"])
         if header.version.minor >= 5:
             header.gps_time_offset = int(values["gps_time_offset"])
+        _read_origin(values, header)
         header.vlrs.extend(_records(group, "records"))
         if extended := _records(group, "extended_records"):
             header.evlrs = laspy.vlrs.vlrlist.VLRList(extended)
     _check_header(header, path)
     return header
+
+
+def _read_origin(values: Mapping[str, Any], header: laspy.LasHeader) -> None:
+    """Set what the first containers did not store."""
+    header.system_identifier = values.get("system_identifier", "")
+    header.generating_software = values.get("generating_software", "")
+    header.creation_date = None
+    if "creation_date" in values:
+        header.creation_date = date.fromisoformat(values["creation_date"])
+    if "mins" in values and "maxs" in values:
+        header.mins, header.maxs = _triple(values["mins"]), _triple(values["maxs"])
+
+
+def _text(value: str | bytes) -> str:
+    return value.decode("ascii", "replace") if isinstance(value, bytes) else value
 
 
 def _triple(values: Any) -> np.ndarray[Any, np.dtype[np.float64]]:

@@ -11,6 +11,7 @@ import struct
 import uuid
 from collections.abc import Sequence
 from dataclasses import dataclass
+from datetime import MAXYEAR, MINYEAR, date, timedelta
 from pathlib import Path
 from typing import BinaryIO
 
@@ -41,6 +42,9 @@ class PulseWavesHeader:
     """Header of a ``.pls`` file; every value has been checked against the file."""
 
     source_id: int
+    system: str
+    software: str
+    day_and_year: tuple[int, int]  # day of the year from 1
     guid: bytes
     version: tuple[int, int]
     header_size: int  # bytes
@@ -55,6 +59,8 @@ class PulseWavesHeader:
     time_range: tuple[int, int]  # counts; not always set
     scales: Triple
     offsets: Triple
+    lower: Triple  # of the coordinates
+    upper: Triple
 
     @property
     def seconds(self) -> list[float]:
@@ -101,6 +107,9 @@ def read_header(path: Path) -> PulseWavesHeader:
     _check_kind(fields, path)
     header = PulseWavesHeader(
         source_id=fields[2],
+        system=_text(fields[4]),
+        software=_text(fields[5]),
+        day_and_year=(fields[6], fields[7]),
         guid=fields[3],
         version=(fields[8], fields[9]),
         header_size=fields[10],
@@ -115,6 +124,8 @@ def read_header(path: Path) -> PulseWavesHeader:
         time_range=(fields[22], fields[23]),
         scales=fields[24:27],
         offsets=fields[27:30],
+        lower=fields[30:36:2],
+        upper=fields[31:36:2],
     )
     _check_extent(header, path)
     _check_scales(header, path)
@@ -156,6 +167,9 @@ def las_header(header: PulseWavesHeader, records: Sequence[VariableRecord]) -> l
     """
     las = laspy.LasHeader(version="1.4", point_format=9)
     las.scales, las.offsets = np.array(header.scales), np.array(header.offsets)
+    las.mins, las.maxs = np.array(header.lower), np.array(header.upper)
+    las.system_identifier, las.generating_software = header.system, header.software
+    las.creation_date = _date(*header.day_and_year)
     las.uuid = uuid.UUID(bytes_le=header.guid)
     las.file_source_id = header.source_id if header.source_id <= 0xFFFF else 0
     in_week = all(0 <= second <= _SECONDS_OF_WEEK for second in header.seconds)
@@ -170,6 +184,14 @@ def las_header(header: PulseWavesHeader, records: Sequence[VariableRecord]) -> l
         record.record_id == WKT_RECORD for record in projections
     )
     return las
+
+
+def _date(day: int, year: int) -> date | None:
+    """None for a day that the year does not have, such as 0 where no date is known."""
+    if not (1 <= day <= 366 and MINYEAR < year < MAXYEAR):
+        return None
+    found = date(year, 1, 1) + timedelta(days=day - 1)
+    return found if found.year == year else None
 
 
 def _check_kind(fields: tuple[int, ...], path: Path) -> None:
