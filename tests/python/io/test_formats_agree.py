@@ -25,7 +25,7 @@ def scans(tmp_path_factory: pytest.TempPathFactory) -> dict[str, Path]:
     """A simulated scan of two channels, as LAS and converted to every other format."""
     folder = tmp_path_factory.mktemp("scans")
     scan = simulate_scan(ScanSettings(shots=200, seed=3))
-    # Point format 4, because LAZ with several scanner channels cannot be read.
+    # Point format 4, because lazrs cannot compress several scanner channels.
     las = write_scan(scan, folder / "scan.las", point_format=4).las
     options = {"channel_flags": CHANNELS}
     return {

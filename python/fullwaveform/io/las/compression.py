@@ -15,6 +15,8 @@ import numpy.typing as npt
 from fullwaveform.data.errors import WaveformFileError
 
 _POSITION = struct.Struct("<q")
+_VERSION = struct.Struct("<4xBB")  # of the compression, after compressor and coder
+_LOSING_VERSION = (2, 2)
 _CHUNK_TABLE = struct.Struct("<II")  # version, number of chunks
 _SCANNER_CHANNEL_BITS = 0b11_0000  # of the classification flags, formats 6 to 10
 
@@ -59,17 +61,25 @@ def check_compression(header: laspy.LasHeader, path: Path) -> None:
         )
 
 
-def check_scanner_channels(channels: set[int], path: Path) -> None:
-    """Refuse compressed points of several scanner channels.
+def loses_packet_fields(header: laspy.LasHeader) -> bool:
+    """Whether the points were written by a compressor that loses packet fields.
 
-    lazrs up to 0.8.2 silently takes the packet fields of formats 9 and 10 from the wrong point
-    where the channel changes.
+    lazrs up to 0.8.2 writes the packet fields of formats 9 and 10 wrongly where the scanner channel
+    changes; every decompressor then reads wrong values. It names version 2.2 of the compression.
+    Other programs that compress these formats name 3.0 or later.
     """
+    records = header.vlrs.get("LasZipVlr")
+    return any(_VERSION.unpack_from(one.record_data) == _LOSING_VERSION for one in records)
+
+
+def check_scanner_channels(channels: set[int], path: Path) -> None:
+    """Refuse points of several scanner channels whose packet fields were lost."""
     if len(channels) > 1:
         raise WaveformFileError(
             f"{path}: compressed points of scanner channels "
-            f"{', '.join(map(str, sorted(channels)))}; waveform fields of several channels "
-            "cannot be decompressed reliably; decompress the file with the program that wrote it"
+            f"{', '.join(map(str, sorted(channels)))}; the program that compressed them, lazrs, "
+            "lost the waveform fields of several channels; compress the original points with "
+            "another program, or leave them uncompressed"
         )
 
 

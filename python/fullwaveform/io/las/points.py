@@ -4,8 +4,10 @@ from __future__ import annotations
 
 import struct
 from collections.abc import Iterable, Iterator
+from contextlib import ExitStack
 from dataclasses import dataclass
 from pathlib import Path
+from tempfile import NamedTemporaryFile
 
 import laspy
 import numpy as np
@@ -21,6 +23,7 @@ from fullwaveform.io.las.compression import (
     check_scanner_channels,
     decoder_errors,
     decompressors,
+    loses_packet_fields,
     scanner_channels,
 )
 from fullwaveform.io.las.waveform_packets import (
@@ -177,17 +180,16 @@ class Survey:
 def survey(reader: laspy.LasReader, path: Path) -> Survey:
     """Read all points once, chunk by chunk."""
     chunks = _in_file_order(reader, path, SURVEY_CHUNK)
-    return survey_of(_of_one_scanner_channel(chunks, reader, path))
+    if reader.header.are_points_compressed and loses_packet_fields(reader.header):
+        return survey_of(_of_one_scanner_channel(chunks, path))
+    return survey_of(chunks)
 
 
-def _of_one_scanner_channel(
-    chunks: Iterable[Points], reader: laspy.LasReader, path: Path
-) -> Iterator[Points]:
-    """The chunks; an error if compressed points have several scanner channels."""
+def _of_one_scanner_channel(chunks: Iterable[Points], path: Path) -> Iterator[Points]:
+    """The chunks; an error if their points have several scanner channels."""
     channels: set[int] = set()
     for points in chunks:
-        if reader.header.are_points_compressed:
-            check_scanner_channels(channels := channels | scanner_channels(points), path)
+        check_scanner_channels(channels := channels | scanner_channels(points), path)
         yield points
 
 
@@ -234,7 +236,10 @@ def whole_shots(
     Raises
     ------
     WaveformFileError
-        If the points are truncated, or compressed and not in order of time.
+        If the points are truncated.
+    OSError
+        If compressed points are not in order of time, and the temporary folder has no space for
+        them without compression.
     """
     chunks = _in_file_order if surveyed.ascending else _in_order_of_time
     key = "wavepacket_offset" if surveyed.without_times else "gps_time"
@@ -276,21 +281,27 @@ def points_in_range(reader: laspy.LasReader, path: Path, start: int, stop: int) 
 
 def _in_order_of_time(reader: laspy.LasReader, path: Path, chunk: int) -> Iterator[Points]:
     header = reader.header
-    if header.are_points_compressed:
-        raise WaveformFileError(
-            f"{path}: compressed points are not in order of GPS time; sort or decompress them first"
-        )
-    # 8 bytes per point for the index, as much for the times while it is built; NaN is last.
-    times = [points["gps_time"].copy() for points in _in_file_order(reader, path, SURVEY_CHUNK)]
-    order = np.argsort(np.concatenate(times), kind="stable")
     layout = header.point_format.dtype()
-    data = FileBytes(path, header.offset_to_point_data)
-    try:
+    # 8 bytes per point for the index, as much for the times while it is built; NaN is last.
+    times = []
+    with ExitStack() as opened:
+        copy = None
+        if header.are_points_compressed:  # single points can be read from a copy only
+            copy = opened.enter_context(NamedTemporaryFile(prefix="fullwaveform-"))
+        for points in _in_file_order(reader, path, SURVEY_CHUNK):
+            times.append(points["gps_time"].copy())
+            if copy is not None:
+                copy.write(points.tobytes())
+        if copy is None:
+            data = FileBytes(path, header.offset_to_point_data)
+        else:
+            copy.flush()
+            data = FileBytes(Path(copy.name))
+        opened.callback(data.close)
+        order = np.argsort(np.concatenate(times), kind="stable")
         for start in range(0, len(order), chunk):
             offsets = order[start : start + chunk] * layout.itemsize
             yield data.rows(offsets, layout.itemsize).view(layout)[:, 0]
-    finally:
-        data.close()
 
 
 def is_georeferenced(points: Points) -> BoolArray:
