@@ -12,14 +12,14 @@ import laspy
 import numpy as np
 import pyarrow as pa
 
-from fullwaveform.calibration.calibration import measure
+from fullwaveform.calibration.calibration import measure, measure_first
 from fullwaveform.calibration.phase_choice import PhaseChoice, checked_phase_choice
 from fullwaveform.core.driver import (
     Mode,
-    Threshold,
+    Thresholds,
     check_system_wave,
     checked_mode,
-    checked_threshold,
+    checked_thresholds,
 )
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
@@ -32,6 +32,12 @@ from fullwaveform.extraction.extractor import (
     run_metadata,
 )
 from fullwaveform.extraction.pipeline import available_workers, extracted_blocks
+from fullwaveform.extraction.prepare import (
+    Baseline,
+    SampleScale,
+    checked_baseline,
+    checked_sample_scale,
+)
 from fullwaveform.extraction.waveform_table import WAVEFORM_COLUMNS, WaveformTable
 from fullwaveform.io.atomic import protected_inputs
 from fullwaveform.io.base import WaveformReader
@@ -144,7 +150,9 @@ def extract(
     *,
     mode: Mode | int = Mode.THREE_POINT,
     scanner: Scanner | str | os.PathLike[str] | None = None,
-    threshold: Threshold = "estimate",
+    threshold: Thresholds | None = None,
+    baseline: Baseline = "auto",
+    sample_scale: SampleScale = "auto",
     channel_flags: Mapping[int, int] | int = 1,
     sampling_interval: float | None = None,
     workers: int | None = None,
@@ -169,8 +177,17 @@ def extract(
         Scanner description or path of its TOML file. Default: that of the source if it has one,
         else `Scanner.default`.
     threshold
-        Counts, 0 to 65535: samples at or below it are not searched for echoes. "estimate"
-        estimates it for every waveform from its samples.
+        Counts, 0 to 65535: samples at or below it are not searched for echoes. One for all
+        waveforms, or an array with one for each waveform of the source, by its number (-1: the
+        library's estimate). "estimate" lets the library estimate it for every waveform from its
+        samples. Default: 5 times the noise rms above the baseline, measured for each channel and
+        descriptor on waveforms spread over the file, or on the first 4,096 waveforms of blocks.
+    baseline
+        "keep", "remove" (take the baseline off each waveform), or "auto": remove where it is high
+        against the noise. Amplitudes are heights above the baseline in any case.
+    sample_scale
+        Factor of the samples before the extraction, which deconvolution of few counts needs, or
+        "auto". Amplitudes and thresholds are counts of the source in any case.
     channel_flags
         Channel of the waveforms of a file (1 low power, 0 high power), one for all or by packet
         descriptor or channel number.
@@ -203,7 +220,9 @@ def extract(
     settings = ExtractionSettings(
         scanner=_scanner(scanner),
         mode=checked_mode(mode),
-        threshold=checked_threshold(threshold),
+        threshold=checked_thresholds(threshold),
+        baseline=checked_baseline(baseline),
+        sample_scale=checked_sample_scale(sample_scale),
         keep_empty=keep_empty,
         carry=carry,
     )
@@ -228,7 +247,9 @@ def extract(
     if choice == "on":
         raise ValueError("outgoing_phase='on' needs a path or a reader; blocks are not measured")
     check_system_wave(settings.mode, settings.scanner)
-    extracted = list(extracted_blocks(_blocks_of(source), settings, threads))
+    calibration, blocks = measure_first(_blocks_of(source))
+    settings = replace(settings, calibration=calibration)
+    extracted = list(extracted_blocks(blocks, settings, threads))
     return Extraction(extracted, None, ReadTally(), settings)
 
 
@@ -269,5 +290,6 @@ def _of_file(
 
 
 def _of_reader(reader: WaveformReader, settings: ExtractionSettings, workers: int) -> Extraction:
+    settings = replace(settings, calibration=measure(reader))
     blocks = list(extracted_blocks(reader.blocks(), settings, workers))
     return Extraction(blocks, reader.header, reader.tally, settings, reader.path.absolute())

@@ -101,7 +101,10 @@ def test_reader_and_its_blocks(scan: Path) -> None:
         assert_same_rows(fullwaveform.extract(reader.blocks(), threshold=20).to_arrow(), full)
         first = next(iter(reader.blocks()))
     part = fullwaveform.extract(first, threshold=20).to_arrow()
-    assert_same_rows(part, full.slice(0, part.num_rows))
+    # The baseline is measured on the block alone.
+    assert part["position"].equals(full["position"].slice(0, part.num_rows))
+    expected = full["amplitude"].slice(0, part.num_rows).to_numpy()
+    np.testing.assert_allclose(part["amplitude"].to_numpy(), expected, atol=0.5)
     assert 0 < part.num_rows < full.num_rows
 
 

@@ -124,7 +124,8 @@ def test_echoes_of_the_strip_as_points(strip: tuple[Columns, str], tmp_path: Pat
         np.testing.assert_allclose(points[axis], echoes[axis], rtol=0, atol=0.000501)
     _, shot, count = np.unique(points.gps_time, return_inverse=True, return_counts=True)
     np.testing.assert_array_equal(points["number_of_returns"], count[shot])
-    assert (echoes["amplitude"] >= 20).all()
+    # The threshold of 20 counts is at least 5 above the baseline of any of the waveforms.
+    assert (echoes["amplitude"] >= 5).all()
     assert (echoes["sigma_ns"] > 0).all()
 
 

@@ -7,7 +7,7 @@ from typing import Any
 
 import numpy as np
 
-from fullwaveform.core.driver import LONGEST_DECONVOLUTION, Driver, Mode, Threshold
+from fullwaveform.core.driver import LONGEST_DECONVOLUTION, Driver, Mode, Thresholds
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.extraction.waveform_table import WaveformState
@@ -18,7 +18,7 @@ def block_reports(
     rows: Any,
     scanner: Scanner,
     mode: Mode,
-    threshold: Threshold,
+    threshold: Thresholds,
     *,
     extent: bool = False,
 ) -> Iterator[tuple[int, str | None, str]]:
@@ -33,7 +33,8 @@ def block_reports(
     rows
         (k,) rows of the block, ascending.
     scanner, mode, threshold
-        As for `Driver`; the sampling interval is that of the block.
+        As for `Driver`, with a threshold for all or each (n,) of the waveforms of the block; the
+        sampling interval is that of the block.
     extent
         One line on the extent of the echoes in place of the full report.
 
@@ -54,7 +55,7 @@ def block_reports(
             block.shot_times[taken],
             block.sbl_times[taken],
             block.channel_flags[taken],
-            threshold=threshold,
+            threshold=threshold if np.ndim(threshold) == 0 else np.asarray(threshold)[taken],
             extent=extent,
         )
         for row in np.flatnonzero(np.isin(taken, rows)):

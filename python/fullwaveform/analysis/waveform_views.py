@@ -9,6 +9,7 @@ import numpy as np
 import numpy.typing as npt
 
 from fullwaveform.analysis.waveform_selection import SelectedShot
+from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.core.constants import DECOMPOSED_TYPES, EchoType
 from fullwaveform.core.driver import MODE_NAMES, Driver, Mode, Threshold, check_system_wave
 from fullwaveform.core.scanner import Scanner
@@ -16,6 +17,7 @@ from fullwaveform.core.signal import deconvolved_signal, estimated_threshold
 from fullwaveform.data.arrays import FloatArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.extraction.extractor import ExtractedBlock, ExtractionSettings, Extractor
+from fullwaveform.extraction.prepare import prepare
 from fullwaveform.extraction.waveform_table import WaveformState
 
 _PICOSECONDS = 1e12
@@ -76,7 +78,11 @@ class WaveformView:
 
 
 def waveform_views(
-    shot: SelectedShot, scanner: Scanner, modes: Sequence[Mode], threshold: Threshold = "estimate"
+    shot: SelectedShot,
+    scanner: Scanner,
+    modes: Sequence[Mode],
+    threshold: Threshold | None = None,
+    calibration: Calibration | None = None,
 ) -> list[WaveformView]:
     """The selected waveforms of a shot with the results of every mode.
 
@@ -86,7 +92,7 @@ def waveform_views(
 
     Parameters
     ----------
-    scanner, threshold
+    scanner, threshold, calibration
         As for `ExtractionSettings`; the sampling interval is that of the waveforms.
 
     Raises
@@ -97,12 +103,16 @@ def waveform_views(
     for mode in modes:
         check_system_wave(mode, scanner)
     block = shot.block
-    extractors = [Extractor(ExtractionSettings(scanner, mode, threshold)) for mode in modes]
+    measured = calibration or Calibration()
+    extractors = [
+        Extractor(ExtractionSettings(scanner, mode, threshold, calibration=measured))
+        for mode in modes
+    ]
     extracted = [extractor.extract(block) for extractor in extractors]
     views = []
     for row in shot.rows.tolist():
         samples = block.samples[row, : block.counts[row]]
-        level, segments = _levels(block, row, scanner, threshold)
+        level, segments = _levels(extractors[0].settings, block, row)
         views.append(
             WaveformView(
                 number=int(block.waveform_numbers[row]),
@@ -132,12 +142,13 @@ def _returns(block: WaveformBlock, row: int) -> FloatArray:
 
 
 def _levels(
-    block: WaveformBlock, row: int, scanner: Scanner, threshold: Threshold
+    settings: ExtractionSettings, block: WaveformBlock, row: int
 ) -> tuple[int, npt.NDArray[np.int64]]:
     """Threshold and the segments above it, which do not depend on the mode."""
     samples = block.samples[row, : block.counts[row]]
-    level = estimated_threshold(samples) if threshold == "estimate" else threshold
-    scanner = scanner.at_interval(float(block.sampling_intervals[row]))
+    level = prepare(block, settings.preparation).input_threshold(row)
+    level = estimated_threshold(samples) if level is None else level
+    scanner = settings.scanner.at_interval(float(block.sampling_intervals[row]))
     found = Driver(Mode.THREE_POINT, scanner).apply(samples[np.newaxis], threshold=level).segments
     return level, np.column_stack([found["start"], found["end"]]).astype(np.int64)
 
@@ -214,8 +225,11 @@ def _curve_positions(count: int) -> FloatArray:
 
 def _reported_signal(settings: ExtractionSettings, block: WaveformBlock, row: int) -> FloatArray:
     """The deconvolved signal at the positions at which its echoes are reported, (k, 2)."""
-    samples = block.samples[row, : block.counts[row]]
+    prepared = prepare(block, settings.preparation)
+    samples = prepared.block.samples[row, : block.counts[row]]
     scanner = settings.scanner.at_interval(float(block.sampling_intervals[row]))
-    signal = deconvolved_signal(samples, scanner, settings.threshold)
+    threshold = int(prepared.thresholds[row])
+    signal = deconvolved_signal(samples, scanner, "estimate" if threshold < 0 else threshold)
+    signal[:, 1] /= prepared.scale[row]
     signal[:, 0] -= settings.position_offset
     return signal

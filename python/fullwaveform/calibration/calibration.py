@@ -2,12 +2,21 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterable, Iterator
 from dataclasses import dataclass
+from itertools import chain
+
+import numpy as np
 
 from fullwaveform.calibration.levels import ChannelLevels, measure_levels
 from fullwaveform.calibration.outgoing_phase import OutgoingPhase, measure_outgoing_phase
 from fullwaveform.calibration.phase_choice import PhaseChoice
+from fullwaveform.data.arrays import IntArray
+from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.data.columns import take_rows
 from fullwaveform.io.base import WaveformReader
+
+_FIRST_WAVEFORMS = 4096  # of blocks that do not come from a file
 
 
 @dataclass(frozen=True)
@@ -21,6 +30,27 @@ class Calibration:
     def needs_outgoing(self) -> bool:
         """Whether the extraction needs the outgoing pulses, `WaveformReader.with_outgoing`."""
         return self.outgoing_phase is not None and self.outgoing_phase.is_applied
+
+    def levels_of(self, channel_flag: int, descriptor: int) -> ChannelLevels | None:
+        """The levels of a receiver; None if nothing was measured.
+
+        A receiver of which no waveform was measured has the levels of the one with the highest
+        threshold, if possible among those of its channel flag.
+        """
+        alike = [level for level in self.levels if level.channel_flag == channel_flag]
+        same = [level for level in alike if level.descriptor == descriptor]
+        candidates = same or alike or list(self.levels)
+        return max(candidates, key=lambda level: level.threshold, default=None)
+
+    def thresholds(self, block: WaveformBlock) -> IntArray:
+        """Threshold (n,) of each waveform with its baseline kept, counts; -1 for an estimate."""
+        thresholds = np.full(len(block), -1, np.int64)
+        receivers = zip(block.channel_flags.tolist(), block.descriptors.tolist(), strict=True)
+        for row, (flag, descriptor) in enumerate(receivers):
+            level = self.levels_of(flag, descriptor)
+            if level is not None:
+                thresholds[row] = level.threshold
+        return thresholds
 
 
 def measure(reader: WaveformReader, outgoing_phase: PhaseChoice = "auto") -> Calibration:
@@ -51,3 +81,21 @@ def measure(reader: WaveformReader, outgoing_phase: PhaseChoice = "auto") -> Cal
     calibration = Calibration(levels, measure_outgoing_phase(blocks, threshold, outgoing_phase))
     reader.with_outgoing = calibration.needs_outgoing
     return calibration
+
+
+def measure_first(
+    blocks: Iterable[WaveformBlock],
+) -> tuple[Calibration, Iterator[WaveformBlock]]:
+    """Measure on the first 4,096 waveforms of blocks; the calibration, and all blocks.
+
+    The blocks with these waveforms are kept in memory until they are iterated.
+    """
+    following = iter(blocks)
+    first: list[WaveformBlock] = []
+    parts: list[WaveformBlock] = []
+    missing = _FIRST_WAVEFORMS
+    while missing > 0 and (block := next(following, None)) is not None:
+        first.append(block)
+        parts.append(take_rows(block, np.arange(min(len(block), missing))))
+        missing -= len(block)
+    return Calibration(levels=measure_levels(parts)), chain(first, following)

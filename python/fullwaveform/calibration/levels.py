@@ -18,9 +18,10 @@ from fullwaveform.data.arrays import UInt16Array
 from fullwaveform.data.blocks import WaveformBlock
 
 _THRESHOLD_FACTOR = 5.0  # noise rms above the baseline
-_QUANTISATION = 1.0 / 12.0  # mean square of the rounding to counts
+_QUANTISATION_RMS = math.sqrt(1.0 / 12.0)  # counts, of values that are rounded to counts
 _MIN_WEIGHT = 4.0  # samples below the baseline, of a waveform whose noise counts
 _MAX_RATIO = 4.0  # to the median of the mean squares; a larger one holds signal
+_SAMPLES_AT_ONCE = 1 << 20  # they are converted to eight bytes each
 _RMS_PER_MEDIAN_DISTANCE = 1.4826  # of a normal distribution
 
 
@@ -36,11 +37,24 @@ class ChannelLevels:
     noise_rms: float  # counts, around the baseline of each waveform
 
     @property
+    def effective_rms(self) -> float:
+        """Noise rms, counts; not less than that of the rounding to counts."""
+        return max(self.noise_rms, _QUANTISATION_RMS)
+
+    @property
+    def margin(self) -> float:
+        """Counts from the baseline of a waveform to its threshold: 5 noise rms."""
+        return _THRESHOLD_FACTOR * self.effective_rms
+
+    @property
     def threshold(self) -> int:
-        """Counts: 5 noise rms above the baseline, the spread of the baselines included."""
-        squares = max(self.noise_rms**2, _QUANTISATION) + self.baseline_spread**2
-        level = self.baseline + _THRESHOLD_FACTOR * math.sqrt(squares)
-        return min(math.ceil(level), MAX_COUNT)
+        """Counts, for all waveforms: 5 noise rms with the spread of the baselines above these."""
+        spread = math.hypot(self.effective_rms, self.baseline_spread)
+        return min(math.ceil(self.baseline + _THRESHOLD_FACTOR * spread), MAX_COUNT)
+
+    def threshold_above(self, baseline: float) -> int:
+        """Counts, for a waveform of this baseline."""
+        return min(math.ceil(baseline + self.margin), MAX_COUNT)
 
 
 def measure_levels(blocks: Iterable[WaveformBlock]) -> tuple[ChannelLevels, ...]:
@@ -52,7 +66,11 @@ def measure_levels(blocks: Iterable[WaveformBlock]) -> tuple[ChannelLevels, ...]
             if count >= MIN_SAMPLES:
                 rows = (receivers == (flag, descriptor, count)).all(axis=1)
                 samples: UInt16Array = block.samples[rows, :count]
-                found.setdefault((flag, descriptor), []).append(waveform_levels(samples))
+                step = max(_SAMPLES_AT_ONCE // count, 1)
+                found.setdefault((flag, descriptor), []).extend(
+                    waveform_levels(samples[first : first + step])
+                    for first in range(0, len(samples), step)
+                )
     return tuple(
         _channel_levels(flag, descriptor, parts)
         for (flag, descriptor), parts in sorted(found.items())
@@ -86,5 +104,6 @@ def _noise_rms(levels: WaveformLevels) -> float:
     if len(weight) == 0:
         return 0.0
     ratio = squares / weight
-    usual = ratio <= _MAX_RATIO * max(float(np.median(ratio)), _QUANTISATION)
-    return math.sqrt(float(squares[usual].sum() / weight[usual].sum()))
+    usual = ratio <= _MAX_RATIO * max(float(np.median(ratio)), _QUANTISATION_RMS**2)
+    # Exact sums, so that the order of the waveforms does not matter.
+    return math.sqrt(math.fsum(squares[usual]) / math.fsum(weight[usual]))

@@ -10,12 +10,12 @@ import numpy.typing as npt
 from fullwaveform.data.arrays import BoolArray, FloatArray
 
 MIN_SAMPLES = 2  # of a waveform with a level
-_QUIET_SHARE = 4  # a quarter of the samples holds no signal
+_QUIET_SHARE = 8  # at least an eighth of the samples holds no signal
 _MAX_DISTANCE = 3.0  # standard deviations of a quiet sample from the baseline
 _MIN_DISTANCE = 1.0  # counts; for values on few steps of the digitiser
 _MARGIN = 3  # samples on either side of a signal that may hold its edges
 _MIN_QUIET = 8  # samples; of a waveform with fewer, the margins count as quiet
-_ROUNDS = 2
+_ROUNDS = 4
 
 
 @dataclass(frozen=True, slots=True)
@@ -44,12 +44,12 @@ def waveform_levels(samples: npt.ArrayLike) -> WaveformLevels:
 
     Means of neighbouring samples take the place of the samples wherever these are compared with a
     level: a digitiser of two interleaved halves has a pattern of even and odd samples, which the
-    means do not have. The search starts at the middle of the narrowest range of values that holds a
-    quarter of the means (the lowest such range). Quiet are the samples within three standard
-    deviations of the level, at least one count, and at least three samples from any other; the
-    baseline is their mean. The noise is that of the samples themselves, with their pattern, below
-    the baseline, where no echo adds to it: a sample on the baseline counts half, because counts
-    stand for an interval of one count.
+    means do not have. The search starts at the middle of the narrowest range of values that holds
+    an eighth of the means, among the lower half of them, where flat tops of echoes are not. Quiet
+    are the samples within three standard deviations of the level, at least one count, and at least
+    three samples from any other; the baseline is their mean. The noise is that of the samples
+    themselves, with their pattern, below the baseline, where no echo adds to it: a sample on the
+    baseline counts half, because counts stand for an interval of one count.
 
     Parameters
     ----------
@@ -73,13 +73,13 @@ def waveform_levels(samples: npt.ArrayLike) -> WaveformLevels:
 
 
 def _middle_of_narrowest(means: FloatArray) -> FloatArray:
-    """Middle of the narrowest range that holds a quarter of the values of each row."""
-    ordered = np.sort(means, axis=1)
-    count = ordered.shape[1]
-    quarter = -(-count // _QUIET_SHARE)
-    width = ordered[:, quarter - 1 :] - ordered[:, : count - quarter + 1]
+    """Middle of the narrowest range with an eighth of the values of a row, in its lower half."""
+    share = -(-means.shape[1] // _QUIET_SHARE)
+    lower = max(-(-means.shape[1] // 2), share)
+    ordered = np.sort(means, axis=1)[:, :lower]
+    width = ordered[:, share - 1 :] - ordered[:, : lower - share + 1]
     first, row = np.argmin(width, axis=1), np.arange(len(ordered))
-    middle = ordered[row, first + (quarter - 1) // 2] + ordered[row, first + quarter // 2]
+    middle = ordered[row, first + (share - 1) // 2] + ordered[row, first + share // 2]
     return np.asarray(middle / 2.0)
 
 

@@ -15,6 +15,7 @@ from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_options import ExtractOptions
 from fullwaveform.cli.options import (
     AfterPulseOption,
+    BaselineOption,
     BlockOption,
     Carry,
     ChannelNumbers,
@@ -24,6 +25,7 @@ from fullwaveform.cli.options import (
     ModeOption,
     OutgoingPhaseOption,
     QuietOption,
+    SampleScaleOption,
     ScannerFile,
     SkipUnreadable,
     ThresholdOption,
@@ -49,6 +51,7 @@ from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.extraction.pipeline import available_workers
+from fullwaveform.extraction.prepare import checked_baseline
 from fullwaveform.extraction.warning_file import warning_path
 from fullwaveform.io.echo_writers.las import las_notes
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, check_takes_empty
@@ -73,7 +76,9 @@ def cluster(
         ),
     ],
     mode: ModeOption = Mode.THREE_POINT,
-    threshold: ThresholdOption = "estimate",
+    threshold: ThresholdOption = None,
+    baseline: BaselineOption = "auto",
+    sample_scale: SampleScaleOption = "auto",
     scanner: ScannerFile = None,
     channel: ChannelOption = None,
     after_pulse: AfterPulseOption = None,
@@ -122,6 +127,8 @@ def cluster(
     options = ExtractOptions(
         mode=mode,
         threshold=threshold,
+        baseline=checked_baseline(baseline),
+        sample_scale=sample_scale,
         scanner=scanner,
         after_pulse=after_pulse,
         keep_empty=keep_empty,
@@ -285,6 +292,7 @@ def _summary(
         settings=settings,
         read=total.read,
         extracted=total.extracted,
+        calibrations={Path(entry.path).name: entry.calibration for entry in manifest.inputs},
         written=total.written,
         notes=(*notes, parts),
         messages=total.messages,

@@ -16,6 +16,7 @@ from fullwaveform.cli.extract_options import ExtractOptions, open_checked
 from fullwaveform.cli.options import (
     AfterPulseOption,
     AllowEmpty,
+    BaselineOption,
     BlockOption,
     Carry,
     ChannelOption,
@@ -24,6 +25,7 @@ from fullwaveform.cli.options import (
     ModeOption,
     OutgoingPhaseOption,
     QuietOption,
+    SampleScaleOption,
     ScannerFile,
     SkipUnreadable,
     SourceFile,
@@ -40,6 +42,7 @@ from fullwaveform.core.messages import counted_messages
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTally, run_metadata
 from fullwaveform.extraction.pipeline import available_workers, extracted_blocks, write_echoes
+from fullwaveform.extraction.prepare import checked_baseline
 from fullwaveform.extraction.warning_file import warning_path
 from fullwaveform.io.base import EchoWriter, WaveformReader
 from fullwaveform.io.echo_writers.opening import (
@@ -57,7 +60,9 @@ def extract(
         typer.Option("-o", "--output", metavar="OUT", help=f"Echoes: {', '.join(ECHO_ENDINGS)}"),
     ],
     mode: ModeOption = Mode.THREE_POINT,
-    threshold: ThresholdOption = "estimate",
+    threshold: ThresholdOption = None,
+    baseline: BaselineOption = "auto",
+    sample_scale: SampleScaleOption = "auto",
     scanner: ScannerFile = None,
     channel: ChannelOption = None,
     after_pulse: AfterPulseOption = None,
@@ -101,6 +106,8 @@ def extract(
     options = ExtractOptions(
         mode=mode,
         threshold=threshold,
+        baseline=checked_baseline(baseline),
+        sample_scale=sample_scale,
         scanner=scanner,
         after_pulse=after_pulse,
         keep_empty=keep_empty,
@@ -180,6 +187,7 @@ def _extract(
         settings=settings,
         read=reader.tally,
         extracted=tally,
+        calibrations={reader.path.name: settings.calibration},
         written=writer.count,
         notes=writer.notes(),
         messages=messages,

@@ -11,6 +11,7 @@ from fullwaveform.cli.options import ChannelFlags, ChannelNumbers
 from fullwaveform.core.driver import Mode, Threshold, check_system_wave
 from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.extraction.extractor import ExtractionSettings
+from fullwaveform.extraction.prepare import Baseline, SampleScale
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.opening import open_waveforms
 
@@ -20,7 +21,9 @@ class ExtractOptions:
     """Parsed options on echoes and input."""
 
     mode: Mode
-    threshold: Threshold
+    threshold: Threshold | None  # None: measured
+    baseline: Baseline
+    sample_scale: SampleScale
     scanner: Path | None
     after_pulse: AfterPulse | None
     keep_empty: bool
@@ -46,6 +49,8 @@ class ExtractOptions:
             scanner=scanner,
             mode=self.mode,
             threshold=self.threshold,
+            baseline=self.baseline,
+            sample_scale=self.sample_scale,
             keep_empty=self.keep_empty,
             carry=self.carry,
         )

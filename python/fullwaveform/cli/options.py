@@ -14,6 +14,12 @@ from fullwaveform.calibration.phase_choice import PHASE_CHOICES, PhaseChoice, ch
 from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.core.driver import Mode, Threshold
 from fullwaveform.core.scanner import NO_AFTER_PULSE, AfterPulse
+from fullwaveform.extraction.prepare import (
+    MAX_SCALE,
+    Baseline,
+    SampleScale,
+    checked_baseline,
+)
 from fullwaveform.io.base import WaveformReader
 
 #: Modes by their names on the command line.
@@ -47,6 +53,22 @@ def _phase_choice(text: str) -> PhaseChoice:
         return checked_phase_choice(text)
     except ValueError as error:
         raise typer.BadParameter(f"{text!r} must be 'auto', 'on' or 'off'") from error
+
+
+def _baseline(text: str) -> Baseline:
+    try:
+        return checked_baseline(text)
+    except ValueError as error:
+        raise typer.BadParameter(str(error)) from error
+
+
+def _sample_scale(text: str) -> SampleScale:
+    if text == "auto":
+        return "auto"
+    digits = text.isascii() and text.isdigit() and len(text) <= len(str(MAX_SCALE))
+    if not digits or not 1 <= int(text) <= MAX_SCALE:
+        raise typer.BadParameter(f"{text!r} must be 'auto' or an integer from 1 to {MAX_SCALE}")
+    return int(text)
 
 
 def integer_from(minimum: int) -> Callable[[str | int], int]:
@@ -128,7 +150,28 @@ ThresholdOption = Annotated[
         parser=_threshold,
         metavar="N|estimate",
         show_default=False,
-        help="Detection threshold in counts, or estimated per waveform. Default: estimate",
+        help="Detection threshold in counts, or the library's estimate for each waveform. Default: "
+        "5 noise rms above the baseline, measured on the file",
+    ),
+]
+BaselineOption = Annotated[
+    str,
+    typer.Option(
+        parser=_baseline,
+        metavar="keep|remove|auto",
+        show_default=False,
+        help="Take the baseline off each waveform; auto: where it is high against the noise. "
+        "Default: auto",
+    ),
+]
+SampleScaleOption = Annotated[
+    Any,  # SampleScale; typer does not accept a union
+    typer.Option(
+        parser=_sample_scale,
+        metavar="N|auto",
+        show_default=False,
+        help="Factor of the samples before the extraction; auto: up to 16 for weak waveforms in "
+        "the modes that deconvolve. Default: auto",
     ),
 ]
 OutgoingPhaseOption = Annotated[

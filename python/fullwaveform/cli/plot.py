@@ -9,6 +9,7 @@ import typer
 
 from fullwaveform.analysis.waveform_selection import Selector, find_shot
 from fullwaveform.analysis.waveform_views import WaveformView, waveform_views
+from fullwaveform.calibration.calibration import measure
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_options import open_checked, scanner_for
 from fullwaveform.cli.options import (
@@ -53,7 +54,7 @@ def plot(
         bool, typer.Option("--whole", help="Show the whole record, not only the part with echoes")
     ] = False,
     mode: RepeatedModeOption = None,
-    threshold: ThresholdOption = "estimate",
+    threshold: ThresholdOption = None,
     scanner: ScannerFile = None,
     channel: ChannelOption = None,
     after_pulse: AfterPulseOption = None,
@@ -84,7 +85,7 @@ def plot(
         with open_checked(source, channels, interval=interval) as reader:
             description = scanner_for(scanner, after_pulse, [reader.scanner()])
             views = waveform_views(
-                find_shot(reader, selector, value), description, modes, threshold
+                find_shot(reader, selector, value), description, modes, threshold, measure(reader)
             )
         draw_waveforms(output, views, whole=whole, overwrite=overwrite)
     for view in views:

@@ -9,6 +9,7 @@ import typer
 
 from fullwaveform.analysis.reports import block_reports
 from fullwaveform.analysis.waveform_selection import SelectedShot, Selector, find_shot
+from fullwaveform.calibration.calibration import measure
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_options import open_checked, scanner_for
 from fullwaveform.cli.options import (
@@ -55,7 +56,7 @@ def report(
         bool, typer.Option("--scanner-report", help="Print the scanner's parameters first")
     ] = False,
     mode: ModeOption = Mode.THREE_POINT,
-    threshold: ThresholdOption = "estimate",
+    threshold: ThresholdOption = None,
     scanner: ScannerFile = None,
     channel: ChannelOption = None,
     after_pulse: AfterPulseOption = None,
@@ -95,11 +96,13 @@ def report(
             shots = [find_shot(reader, Selector.WAVEFORM, number) for number in numbers]
             if time is not None:
                 shots.append(find_shot(reader, Selector.TIME, time))
+            calibration = measure(reader)
             first = shots[0] if shots else find_shot(reader, Selector.WAVEFORM, 0)
         found = {}
         for shot in shots:
+            level = calibration.thresholds(shot.block) if threshold is None else threshold
             for number, text, state in block_reports(
-                shot.block, shot.rows, description, mode, threshold, extent=extent
+                shot.block, shot.rows, description, mode, level, extent=extent
             ):
                 found[number] = text, state
         texts = [text for _, (text, _) in sorted(found.items()) if text is not None]

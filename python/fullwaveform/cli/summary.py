@@ -3,15 +3,19 @@
 from __future__ import annotations
 
 from collections import Counter
-from dataclasses import dataclass
+from collections.abc import Mapping, Sequence
+from dataclasses import dataclass, replace
 from pathlib import Path
 
 from rich.console import Console
 from rich.table import Table
 
+from fullwaveform.calibration.calibration import Calibration
+from fullwaveform.calibration.levels import ChannelLevels
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTally
+from fullwaveform.extraction.prepare import MAX_AUTO_SCALE
 
 #: Label, value, remark.
 Row = tuple[str, str, str]
@@ -26,6 +30,7 @@ class RunSummary:
     settings: ExtractionSettings
     read: ReadTally
     extracted: ExtractionTally
+    calibrations: Mapping[str, Calibration]  # by name of the input
     written: int
     notes: tuple[str, ...]  # of the writer
     messages: Counter[str]  # of the library, by kind
@@ -47,6 +52,7 @@ class RunSummary:
             ("waveforms", f"{read.waveforms:,}", ""),
             ("with echoes", f"{found.waveforms_with_echoes:,}", f"{share:.1%} of the waveforms"),
         ]
+        rows += self._level_rows()
         rows += [("unreadable", f"{count:,}", reason) for reason, count in read.rejected.items()]
         rows += [
             ("without echoes", f"{count:,}", reason) for reason, count in found.rejected.items()
@@ -72,6 +78,26 @@ class RunSummary:
             return None
         return ("outgoing phase", phase.result(), phase.reason())
 
+    def _level_rows(self) -> list[Row]:
+        """Thresholds and what was done to the samples."""
+        found = self.extracted
+        rows = threshold_rows(self.settings, self.calibrations)
+        if self.settings.threshold == "estimate" or found.estimated_as_0 or found.estimated_as_180:
+            remark = (
+                f"{found.estimated_as_0:,} waveforms with 0, {found.estimated_as_180:,} with 180"
+            )
+            rows.append(("threshold", "estimate", f"of the library: {remark}"))
+        if found.baseline_removed:
+            remark = "waveforms; high against the noise"
+            if self.settings.baseline != "auto":
+                remark = "waveforms"
+            rows.append(("baseline removed", f"{found.baseline_removed:,}", remark))
+        if found.scaled:
+            scale = self.settings.sample_scale
+            factor = f"by up to {MAX_AUTO_SCALE}" if scale == "auto" else f"by {scale}"
+            rows.append(("samples scaled", f"{found.scaled:,}", f"waveforms, {factor}"))
+        return rows
+
     def _notes(self) -> list[str]:
         notes = [*self.settings.scanner.notes, *self.read.notes, *self.notes]
         if self.extracted.suspicious_blocks:
@@ -81,6 +107,35 @@ class RunSummary:
                 f"{self.statistics}"
             )
         return notes
+
+
+def threshold_rows(
+    settings: ExtractionSettings, calibrations: Mapping[str, Calibration]
+) -> list[Row]:
+    """A row per receiver of each input with its measured threshold, or one with the given one."""
+    threshold = settings.threshold
+    if isinstance(threshold, str):
+        return []
+    if threshold is not None:
+        return [("threshold", f"{threshold} counts", "as given")]
+    rows = []
+    for name, calibration in calibrations.items():
+        preparation = replace(settings, calibration=calibration).preparation
+        for level in calibration.levels:
+            value = f"{preparation.threshold_of(level):,} counts"
+            receiver = receiver_name(level, calibration.levels)
+            named = ", ".join(filter(None, [name if len(calibrations) > 1 else "", receiver]))
+            measured = f"baseline {level.baseline:.4g}, noise rms {level.noise_rms:.3g}"
+            rows.append(("threshold", value, f"{named}: {measured}" if named else measured))
+    return rows
+
+
+def receiver_name(level: ChannelLevels, levels: Sequence[ChannelLevels]) -> str:
+    """What distinguishes a receiver from the others of its file; empty if it is the only one."""
+    if len(levels) == 1:
+        return ""
+    channel = {0: "high", 1: "low"}.get(level.channel_flag, str(level.channel_flag))
+    return f"{channel} channel, descriptor {level.descriptor}"
 
 
 def print_table(

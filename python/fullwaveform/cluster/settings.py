@@ -7,11 +7,14 @@ from collections.abc import Mapping
 from dataclasses import dataclass
 from typing import Any
 
+import numpy as np
+
 from fullwaveform.calibration.phase_choice import PhaseChoice
-from fullwaveform.core.driver import Mode, Threshold
+from fullwaveform.core.driver import Mode, Threshold, Thresholds
 from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.core.scanner_attributes import checked_attributes
 from fullwaveform.extraction.extractor import ExtractionSettings
+from fullwaveform.extraction.prepare import Baseline, SampleScale
 from fullwaveform.io.base import flag_table
 
 _OTHERS = "others"  # key of the flag of all channels that are not listed
@@ -33,7 +36,9 @@ class JobSettings:
     """
 
     mode: int
-    threshold: Threshold
+    threshold: Threshold | None  # None: that of the calibration of each input
+    baseline: Baseline
+    sample_scale: SampleScale
     keep_empty: bool
     carry: bool
     scanner_attributes: dict[str, str | float | list[float]]
@@ -65,7 +70,9 @@ class JobSettings:
         scanner = settings.scanner
         return cls(
             mode=int(settings.mode),
-            threshold=settings.threshold,
+            threshold=_of_all_waveforms(settings.threshold),
+            baseline=settings.baseline,
+            sample_scale=settings.sample_scale,
             keep_empty=settings.keep_empty,
             carry=settings.carry,
             scanner_attributes=dict(scanner.attributes),
@@ -93,6 +100,8 @@ class JobSettings:
             scanner,
             Mode(self.mode),
             self.threshold,
+            self.baseline,
+            self.sample_scale,
             keep_empty=self.keep_empty,
             carry=self.carry,
         )
@@ -101,6 +110,12 @@ class JobSettings:
         """Channel flag by channel number, 0 to 255."""
         listed = {int(name): flag for name, flag in self.channel_flags.items() if name != _OTHERS}
         return dict.fromkeys(range(256), self.channel_flags[_OTHERS]) | listed
+
+
+def _of_all_waveforms(threshold: Thresholds | None) -> Threshold | None:
+    if isinstance(threshold, np.ndarray):
+        raise ValueError("a run on a cluster takes one threshold, not an array")
+    return threshold
 
 
 def differences(before: Any, now: Any, name: str = "") -> list[str]:

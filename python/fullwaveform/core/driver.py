@@ -362,6 +362,15 @@ def _noises(threshold: Thresholds, rows: int) -> npt.NDArray[np.int32]:
     return np.ascontiguousarray(noises, dtype=np.int32)
 
 
+def checked_thresholds(threshold: Thresholds | None) -> Thresholds | None:
+    """The threshold, or thresholds by number of the waveform; ValueError if they are invalid."""
+    if threshold is None:
+        return None
+    if isinstance(threshold, str) or np.ndim(threshold) == 0:
+        return checked_threshold(cast(Threshold, threshold))
+    return _noises(threshold, np.size(threshold))
+
+
 def noise_argument(threshold: Threshold) -> int:
     """The threshold as the compiled module takes it: -1 for an estimate."""
     threshold = checked_threshold(threshold)

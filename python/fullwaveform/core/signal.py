@@ -11,6 +11,9 @@ from fullwaveform.core.messages import forward_messages
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import FloatArray
 
+#: Counts that the library estimates for a waveform with fewer than two samples above 10.
+NO_SIGNAL_THRESHOLD = 180
+
 
 def estimated_threshold(samples: npt.NDArray[np.uint16]) -> int:
     """Threshold in counts that the library estimates for a waveform."""

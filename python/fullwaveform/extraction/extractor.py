@@ -19,9 +19,10 @@ from fullwaveform.core.driver import (
     Mode,
     Result,
     RunMonitor,
-    Threshold,
+    Thresholds,
 )
 from fullwaveform.core.scanner import Scanner
+from fullwaveform.core.signal import NO_SIGNAL_THRESHOLD, estimated_threshold
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.echo_columns import EchoTable
@@ -29,6 +30,14 @@ from fullwaveform.data.empty_waveforms import with_empty_waveforms
 from fullwaveform.extraction.amplitudes import heights, with_unknown_values
 from fullwaveform.extraction.carry import with_returns
 from fullwaveform.extraction.georeference import to_echo_table
+from fullwaveform.extraction.prepare import (
+    ESTIMATE,
+    Baseline,
+    Preparation,
+    PreparedBlock,
+    SampleScale,
+    prepare,
+)
 from fullwaveform.extraction.waveform_table import WaveformTable
 
 _MUST_BE_FINITE = ("idx", "amplitudeCounts", "std")
@@ -40,7 +49,11 @@ class ExtractionSettings:
 
     scanner: Scanner
     mode: Mode = Mode.THREE_POINT
-    threshold: Threshold = "estimate"  # counts, or an estimate for every waveform
+    # Counts for all waveforms or for each by its number; "estimate": the library's for each; None:
+    # that of the calibration for each receiver, an estimate if nothing was measured.
+    threshold: Thresholds | None = None
+    baseline: Baseline = "auto"
+    sample_scale: SampleScale = "auto"
     keep_empty: bool = False  # whether waveforms without echoes have a row in the echo table
     carry: bool = True  # whether echoes take class and extra bytes of a discrete return nearby
     # Of the file; empty: nothing was measured.
@@ -51,6 +64,13 @@ class ExtractionSettings:
         """What is subtracted for the outgoing pulse: "none", "phase" or "whole time"."""
         phase = self.calibration.outgoing_phase
         return "none" if phase is None else phase.form
+
+    @property
+    def preparation(self) -> Preparation:
+        """How waveforms are prepared for the driver."""
+        return Preparation(
+            self.mode, self.threshold, self.baseline, self.sample_scale, self.calibration
+        )
 
     @property
     def position_offset(self) -> float:
@@ -87,6 +107,11 @@ class ExtractionTally:
     echoes_left_out: int = 0  # not finite: three samples without a maximum
     suspicious_blocks: int = 0
     without_phase: int = 0  # waveforms whose outgoing pulse could not be fitted
+    baseline_removed: int = 0  # waveforms
+    scaled: int = 0  # waveforms
+    # Waveforms with these estimates of the library, which it makes of too few samples above 10.
+    estimated_as_0: int = 0
+    estimated_as_180: int = 0
 
     def add(self, other: ExtractionTally) -> None:
         """Add the counts of another tally."""
@@ -97,6 +122,10 @@ class ExtractionTally:
         self.echoes_left_out += other.echoes_left_out
         self.suspicious_blocks += other.suspicious_blocks
         self.without_phase += other.without_phase
+        self.baseline_removed += other.baseline_removed
+        self.scaled += other.scaled
+        self.estimated_as_0 += other.estimated_as_0
+        self.estimated_as_180 += other.estimated_as_180
 
 
 @dataclass(frozen=True)
@@ -131,13 +160,14 @@ class Extractor:
         """The echoes of a block; echoes that are not finite are skipped and counted.
 
         Raises ValueError if the position offset of the scanner was measured at another sampling
-        interval.
+        interval, and as `prepare`.
         """
+        prepared = prepare(block, self.settings.preparation)
         waveforms = WaveformTable.of(block)
         parts, records = [], []
         for interval in np.unique(block.sampling_intervals):
             rows = np.flatnonzero(block.sampling_intervals == interval)
-            result = self._apply_driver(block, float(interval), rows)
+            result = self._apply_driver(prepared, float(interval), rows)
             waveforms.enter_result(rows, result)
             parts.append((rows[result.peaks["row"]], dict(result.peaks)))
             records.append(result.record)
@@ -149,7 +179,10 @@ class Extractor:
             rows, peaks = rows[finite], {name: column[finite] for name, column in peaks.items()}
         waveforms.enter_echoes(rows)
         threshold = waveforms["threshold"][rows]
-        peaks = with_unknown_values({**peaks, "height": heights(peaks, threshold)})
+        height = heights(peaks, threshold) - np.nan_to_num(prepared.baseline[rows])
+        peaks = prepared.unscaled(rows, with_unknown_values({**peaks, "height": height}))
+        estimates = _estimates(prepared, waveforms)
+        waveforms.enter_input_counts(prepared)
         if self.settings.carry:
             peaks = with_returns(block, rows, peaks, self.settings.scanner)
         phase = self._outgoing_phase(block)
@@ -165,11 +198,16 @@ class Extractor:
             echoes_left_out=skipped,
             suspicious_blocks=sum(bool(record) for record in records),
             without_phase=int(np.count_nonzero(np.isnan(phase))),
+            baseline_removed=int(np.count_nonzero(prepared.removed)),
+            scaled=int(np.count_nonzero(prepared.scale > 1)),
+            estimated_as_0=int(np.count_nonzero(estimates == 0)),
+            estimated_as_180=int(np.count_nonzero(estimates == NO_SIGNAL_THRESHOLD)),
         )
         return ExtractedBlock(echoes, waveforms, tally, "".join(records))
 
-    def _apply_driver(self, block: WaveformBlock, interval: float, rows: IntArray) -> Result:
+    def _apply_driver(self, prepared: PreparedBlock, interval: float, rows: IntArray) -> Result:
         # Indices copy the samples; blocks with one sampling interval are passed on as they are.
+        block = prepared.block
         pick = slice(None) if len(rows) == len(block) else rows
         longest = int(block.counts[pick].max(initial=0))
         return self._driver(interval, longest).apply(
@@ -178,7 +216,7 @@ class Extractor:
             block.shot_times[pick],
             block.sbl_times[pick],
             block.channel_flags[pick],
-            threshold=self.settings.threshold,
+            threshold=prepared.thresholds[pick],
         )
 
     def _apply_position_offset(
@@ -228,6 +266,17 @@ class Extractor:
                 f"interval of {known * 1e9:g} ns, but the waveforms have {interval * 1e9:g} ns; "
                 "estimate the system wave for this interval"
             )
+
+
+def _estimates(prepared: PreparedBlock, waveforms: WaveformTable) -> IntArray:
+    """Thresholds (k,) of the library for those waveforms for which it made them, counts."""
+    estimated = np.flatnonzero(prepared.thresholds == ESTIMATE)
+    found = waveforms["threshold"][estimated]
+    for entry in np.flatnonzero(np.isnan(found)):  # of rejected waveforms
+        row = estimated[entry]
+        count = int(prepared.block.counts[row])
+        found[entry] = estimated_threshold(prepared.block.samples[row, :count])
+    return found.astype(np.int64)
 
 
 def _joined(

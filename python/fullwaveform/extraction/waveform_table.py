@@ -11,6 +11,7 @@ from fullwaveform.core.driver import LONGEST_DECONVOLUTION, Result, RowState
 from fullwaveform.data.arrays import IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.columns import Column, Table
+from fullwaveform.extraction.prepare import PreparedBlock
 
 
 class WaveformState(IntEnum):
@@ -98,6 +99,11 @@ class WaveformTable(Table):
         without_peaks = kept[result.waveforms["peakCount"] == 0]
         is_kept = state[without_peaks] == WaveformState.WITH_ECHOES
         state[without_peaks[is_kept]] = WaveformState.NO_ECHO
+
+    def enter_input_counts(self, prepared: PreparedBlock) -> None:
+        """Convert the levels of prepared waveforms to counts of the input."""
+        for name in ("threshold", "max_amplitude"):
+            self[name][:] = self[name] / prepared.scale + prepared.removed
 
     def enter_echoes(self, rows: IntArray) -> None:
         """Enter the finite echoes, by their rows of the block."""

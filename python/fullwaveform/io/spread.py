@@ -7,13 +7,12 @@ _POINTS_PER_RUN = 64
 
 
 def spread_windows(total: int) -> list[slice]:
-    """Runs of at most 64 points, in order: all of a small file, else 64 runs at equal distances.
+    """Runs of points, in order: all of a small file, else 64 runs of 64 at equal distances.
 
     The first run starts with the first of the `total` points, the last one ends with the last.
     """
     if total <= _RUNS * _POINTS_PER_RUN:
-        starts = list(range(0, total, _POINTS_PER_RUN))
-    else:
-        last = total - _POINTS_PER_RUN
-        starts = [run * last // (_RUNS - 1) for run in range(_RUNS)]
-    return [slice(start, min(start + _POINTS_PER_RUN, total)) for start in starts]
+        return [slice(0, total)] if total > 0 else []
+    last = total - _POINTS_PER_RUN
+    starts = [run * last // (_RUNS - 1) for run in range(_RUNS)]
+    return [slice(start, start + _POINTS_PER_RUN) for start in starts]

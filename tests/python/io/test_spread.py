@@ -26,8 +26,7 @@ needs_pulses = pytest.mark.skipif(
 def test_all_points_of_a_small_file() -> None:
     assert spread_windows(0) == []
     assert spread_windows(64) == [slice(0, 64)]
-    assert spread_windows(130) == [slice(0, 64), slice(64, 128), slice(128, 130)]
-    assert sum(run.stop - run.start for run in spread_windows(4096)) == 4096
+    assert spread_windows(4096) == [slice(0, 4096)]
 
 
 def test_equal_distances_in_a_large_file() -> None:
@@ -38,7 +37,7 @@ def test_equal_distances_in_a_large_file() -> None:
 
 
 def test_runs_never_overlap() -> None:
-    for total in range(4090, 4500):
+    for total in range(4097, 4500):
         runs = spread_windows(total)
         ends, starts = [run.stop for run in runs[:-1]], [run.start for run in runs[1:]]
         assert all(end <= start for end, start in zip(ends, starts, strict=True))

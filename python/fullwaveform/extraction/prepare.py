@@ -1,0 +1,243 @@
+"""Samples and thresholds as the driver takes them: baseline taken off, samples scaled."""
+
+from __future__ import annotations
+
+import math
+from collections.abc import Mapping
+from dataclasses import dataclass, replace
+from typing import Literal, cast, get_args
+
+import numpy as np
+
+from fullwaveform.calibration.calibration import Calibration
+from fullwaveform.calibration.levels import ChannelLevels
+from fullwaveform.core.constants import MAX_COUNT
+from fullwaveform.core.driver import DECONVOLVING_MODES, Mode, Thresholds
+from fullwaveform.data.arrays import AnyArray, BoolArray, FloatArray, IntArray, UInt16Array
+from fullwaveform.data.blocks import WaveformBlock
+
+#: What becomes of the baseline; "auto" removes it where it is high against the noise.
+Baseline = Literal["keep", "remove", "auto"]
+#: Factor of the samples; "auto" chooses one for each waveform in the modes that deconvolve.
+SampleScale = int | Literal["auto"]
+
+#: Largest factor of samples that can be given.
+MAX_SCALE = 256
+
+ESTIMATE = -1  # threshold of a waveform for which the library estimates one
+
+# The decomposition keeps heights of 10 noise rms above a baseline that is taken off to 5, and of
+# 10 noise rms and the baseline above one that is kept: from here on 5/3 times as much.
+_HIGH_BASELINE = 15.0  # noise rms
+# The library's estimate takes samples of up to 10 counts for no signal.
+_MAX_LEFT = 12  # counts
+_MAX_DISTANCE = 3.0  # standard deviations of a sample from the baseline of its waveform
+_MIN_DISTANCE = 1.0  # counts
+_ROUNDS = 3
+#: Largest factor that "auto" chooses.
+MAX_AUTO_SCALE = 16
+_SCALES = (2, 4, 8, MAX_AUTO_SCALE)
+# Of a scaled sample; waveforms from here on have after-pulses.
+_MAX_SCALED = 800  # counts
+_DECIBELS_PER_DECADE = 20.0
+
+
+@dataclass(frozen=True)
+class Preparation:
+    """How the waveforms of a run are prepared.
+
+    threshold : None for the one measured of each receiver, counts of the input for all waveforms or
+        for each by its number in the input (-1 for an estimate), or "estimate"
+    """
+
+    mode: Mode
+    threshold: Thresholds | None
+    baseline: Baseline
+    sample_scale: SampleScale
+    calibration: Calibration
+
+    def removes_baseline(self, level: ChannelLevels) -> bool:
+        """Whether the baseline of the waveforms of a receiver is taken off."""
+        if self.baseline == "auto":
+            # The library's estimate is made for samples as they were recorded.
+            estimates = isinstance(self.threshold, str)
+            return not estimates and level.baseline > _HIGH_BASELINE * level.effective_rms
+        return self.baseline == "remove"
+
+    def threshold_of(self, level: ChannelLevels) -> int:
+        """Measured threshold of a receiver in counts of the input, with its usual baseline."""
+        if self.removes_baseline(level):
+            return level.threshold_above(level.baseline)
+        return level.threshold
+
+    @property
+    def scales(self) -> bool:
+        """Whether samples may be scaled."""
+        if self.sample_scale == "auto":
+            return self.mode in DECONVOLVING_MODES
+        return self.sample_scale > 1
+
+
+@dataclass(frozen=True, slots=True)
+class PreparedBlock:
+    """A block for the driver, and what leads back to the counts of the input."""
+
+    block: WaveformBlock
+    thresholds: IntArray  # (n,), counts of the prepared samples, or `ESTIMATE`
+    #: (n,), counts of the prepared samples above which amplitudes count; NaN if unknown.
+    baseline: FloatArray
+    removed: IntArray  # (n,), counts of the input that were taken off before the scaling
+    scale: IntArray  # (n,), factor of what was left
+
+    def input_threshold(self, row: int) -> int | None:
+        """Threshold of a waveform in counts of the input; None for the library's estimate."""
+        threshold = int(self.thresholds[row])
+        if threshold == ESTIMATE:
+            return None
+        return threshold // int(self.scale[row]) + int(self.removed[row])
+
+    def unscaled(self, rows: IntArray, peaks: Mapping[str, AnyArray]) -> dict[str, AnyArray]:
+        """The columns (m,) of `Result.peaks` with amplitudes as of samples that were not scaled.
+
+        `rows` (m,) are those of the echoes in the block.
+        """
+        scale = self.scale[rows]
+        if (scale == 1).all():
+            return dict(peaks)
+        decibels = _DECIBELS_PER_DECADE * np.log10(scale)
+        counts, amplitude = peaks["amplitudeCounts"], peaks["amplitude"]
+        changed = {
+            "amplitudeCounts": (counts / scale).astype(counts.dtype),
+            # Below the amplitude unit the library has 0 dB.
+            "amplitude": np.maximum(amplitude - decibels, 0.0).astype(amplitude.dtype),
+        }
+        if "height" in peaks:
+            changed["height"] = peaks["height"] / scale
+        return {**peaks, **changed}
+
+
+def checked_baseline(baseline: str) -> Baseline:
+    """The choice of a caller; ValueError if it is invalid."""
+    if baseline not in get_args(Baseline):
+        raise ValueError(f"baseline {baseline!r} must be one of {', '.join(get_args(Baseline))}")
+    return cast(Baseline, baseline)
+
+
+def checked_sample_scale(scale: SampleScale) -> SampleScale:
+    """The factor of a caller; ValueError if it is invalid."""
+    if isinstance(scale, str) and scale == "auto":
+        return "auto"
+    is_integer = isinstance(scale, int | np.integer) and not isinstance(scale, bool)
+    if not is_integer or not 1 <= int(scale) <= MAX_SCALE:
+        raise ValueError(
+            f"sample_scale {scale!r} must be 'auto' or an integer from 1 to {MAX_SCALE}"
+        )
+    return int(scale)
+
+
+def prepare(block: WaveformBlock, preparation: Preparation) -> PreparedBlock:
+    """Take off baselines and scale samples, each waveform for itself.
+
+    What is taken off is a whole number of counts that leaves five noise rms, at most 12 counts;
+    samples below it become 0. The result of a waveform does not depend on the others of its block.
+
+    Raises
+    ------
+    ValueError
+        If the threshold is an array without a value for a waveform of the block.
+    """
+    samples, rows = block.samples, len(block)
+    given = _given_thresholds(block, preparation.threshold)
+    thresholds = np.full(rows, ESTIMATE, np.int64)
+    baseline, removed = np.full(rows, np.nan), np.zeros(rows, np.int64)
+    measured = np.full(rows, np.nan)  # thresholds, counts of the input
+    for level, chosen in _by_receiver(block, preparation.calibration):
+        baseline[chosen], measured[chosen] = level.baseline, level.threshold
+        if preparation.removes_baseline(level):
+            own = _own_baselines(samples[chosen], block.counts[chosen], level)
+            floor = np.where(given[chosen] == ESTIMATE, _MAX_LEFT, math.ceil(level.margin))
+            baseline[chosen] = own
+            removed[chosen] = np.maximum(np.rint(own) - np.minimum(floor, _MAX_LEFT), 0.0)
+            measured[chosen] = own + level.margin
+    prepared = block
+    if removed.any():
+        samples = _without(samples, removed)
+        prepared = replace(block, samples=samples)
+    scale = _scales(samples, preparation)
+    if (scale != 1).any():
+        prepared = replace(block, samples=(samples * scale[:, np.newaxis]).astype(np.uint16))
+    wanted = measured if preparation.threshold is None else given.astype(np.float64)
+    known = np.isfinite(wanted) & (wanted != ESTIMATE)
+    in_driver = np.ceil((wanted[known] - removed[known]) * scale[known])
+    thresholds[known] = np.clip(in_driver, 0, MAX_COUNT)
+    left = np.asarray((baseline - removed) * scale, np.float64)
+    return PreparedBlock(prepared, thresholds, left, removed, scale)
+
+
+def _by_receiver(
+    block: WaveformBlock, calibration: Calibration
+) -> list[tuple[ChannelLevels, BoolArray]]:
+    """The levels of each receiver in the block, and which waveforms it recorded (n,)."""
+    receivers = np.column_stack([block.channel_flags, block.descriptors])
+    found = []
+    for flag, descriptor in np.unique(receivers, axis=0).tolist():
+        level = calibration.levels_of(flag, descriptor)
+        if level is not None:
+            found.append((level, (receivers == (flag, descriptor)).all(axis=1)))
+    return found
+
+
+def _given_thresholds(block: WaveformBlock, threshold: Thresholds | None) -> IntArray:
+    """Threshold (n,) given for each waveform, counts of the input; `ESTIMATE` for an estimate."""
+    if threshold is None or isinstance(threshold, str):
+        missing = 0 if threshold is None else ESTIMATE
+        return np.full(len(block), missing, np.int64)
+    values = np.asarray(threshold)
+    if values.ndim == 0:
+        return np.full(len(block), int(values), np.int64)
+    numbers = block.waveform_numbers
+    outside = (numbers < 0) | (numbers >= len(values))
+    if outside.any():
+        raise ValueError(
+            f"threshold has {len(values)} values; waveform {numbers[np.argmax(outside)]} has none "
+            "(one value per waveform of the input)"
+        )
+    return values[numbers].astype(np.int64)
+
+
+def _own_baselines(samples: UInt16Array, counts: AnyArray, level: ChannelLevels) -> FloatArray:
+    """Baseline of each waveform: mean of its samples near that of its receiver."""
+    valid = np.arange(samples.shape[1]) < counts[:, np.newaxis]
+    values = samples.astype(np.float32)
+    baseline = np.full(len(samples), level.baseline)
+    spread = np.hypot(level.effective_rms, level.baseline_spread)
+    for deviation in (spread, *[level.effective_rms] * (_ROUNDS - 1)):
+        limit = max(_MAX_DISTANCE * deviation, _MIN_DISTANCE)
+        near = np.abs(values - baseline[:, np.newaxis].astype(np.float32)) <= limit
+        near &= valid
+        number = near.sum(axis=1)
+        # Sums of whole numbers in double precision are exact in any order.
+        total = np.einsum("ij,ij->i", samples, near, dtype=np.float64)
+        baseline = np.where(number > 0, total / np.maximum(number, 1), baseline)
+    return baseline
+
+
+def _without(samples: UInt16Array, removed: IntArray) -> UInt16Array:
+    """The samples less the counts (n,) of their row, 0 where these are more."""
+    less = removed[:, np.newaxis].astype(np.uint16)
+    lowered: UInt16Array = np.maximum(samples, less) - less
+    return lowered
+
+
+def _scales(samples: UInt16Array, preparation: Preparation) -> IntArray:
+    """Factor (n,) of the samples of each waveform."""
+    scale = np.ones(len(samples), np.int64)
+    if not preparation.scales or samples.shape[1] == 0:
+        return scale
+    largest = np.maximum(samples.max(axis=1).astype(np.int64), 1)
+    if preparation.sample_scale != "auto":
+        scale[:] = np.minimum(preparation.sample_scale, MAX_COUNT // largest)
+        return scale
+    for factor in _SCALES:
+        scale[largest * factor < _MAX_SCALED] = factor
+    return scale
