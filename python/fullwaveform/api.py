@@ -290,6 +290,5 @@ def _of_file(
 
 
 def _of_reader(reader: WaveformReader, settings: ExtractionSettings, workers: int) -> Extraction:
-    settings = replace(settings, calibration=measure(reader))
     blocks = list(extracted_blocks(reader.blocks(), settings, workers))
     return Extraction(blocks, reader.header, reader.tally, settings, reader.path.absolute())
