@@ -19,7 +19,7 @@ from fullwaveform.analysis.histograms import (
 from fullwaveform.analysis.origin import FileOrigin, origin_of
 from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray, UInt16Array
-from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.las.descriptors import WaveformDescriptor
 from fullwaveform.io.las.reader import LasWaveformReader
@@ -228,8 +228,14 @@ class _Sums:
             point_sources=_ascending(self.point_sources),
             origin=origin_of(reader.header),
             rejected=dict(tally.rejected),
-            notes=tuple(tally.notes),
+            notes=(*tally.notes, *_note_on_short_points(tally)),
         )
+
+
+def _note_on_short_points(tally: ReadTally) -> list[str]:
+    if not tally.points_short:
+        return []
+    return [f"Pulses with two segments where three are declared: {tally.points_short:,}."]
 
 
 def _counted(values: AnyArray) -> dict[int, int]:

@@ -53,6 +53,8 @@ class RunSummary:
             ("with echoes", f"{found.waveforms_with_echoes:,}", f"{share:.1%} of the waveforms"),
         ]
         rows += self._level_rows()
+        if read.points_short:
+            rows.append(("two segments", f"{read.points_short:,}", "pulses that declare three"))
         rows += [("unreadable", f"{count:,}", reason) for reason, count in read.rejected.items()]
         rows += [
             ("without echoes", f"{count:,}", reason) for reason, count in found.rejected.items()

@@ -106,6 +106,7 @@ class ReadTally:
     waveforms: int = 0
     rejected: Counter[str] = field(default_factory=Counter)  # reason -> waveforms
     notes: list[str] = field(default_factory=list)  # messages for the summary
+    points_short: int = 0  # pulses with two segments where their descriptor declares three
 
     def reject(self, reason: str, count: int, places: Iterable[str]) -> None:
         """Count skipped waveforms; `places` (lazily) says where in the file each is."""
@@ -121,6 +122,7 @@ class ReadTally:
             self.waveforms + other.waveforms,
             self.rejected + other.rejected,
             list(dict.fromkeys(self.notes + other.notes)),
+            self.points_short + other.points_short,
         )
 
     def copy(self) -> ReadTally:
@@ -136,6 +138,7 @@ class ReadTally:
             self.waveforms - earlier.waveforms,
             self.rejected - earlier.rejected,
             list(self.notes),
+            self.points_short - earlier.points_short,
         )
 
 

@@ -8,8 +8,8 @@ from __future__ import annotations
 
 import math
 import struct
-from collections.abc import Iterable, Sequence
-from dataclasses import dataclass
+from collections.abc import Iterable, Iterator, Sequence
+from dataclasses import dataclass, replace
 from pathlib import Path
 
 import numpy as np
@@ -60,19 +60,48 @@ class PulseDescriptor:
     unit_ns: float  # sampling unit: travel time of light for a thousandth of anchor to target
     compression: int  # 0 = none
     samplings: tuple[SamplingDescriptor, ...]
+    is_short: bool = False  # with two segments where the file declares a fixed number of three
+
+    @property
+    def has_three_segments(self) -> bool:
+        """Whether a sampling declares three segments, of which some writers store two."""
+        return any(_has_three_segments(sampling) for sampling in self.samplings)
+
+    def short_form(self) -> PulseDescriptor:
+        """The same with two segments in place of three."""
+        samplings = tuple(
+            replace(sampling, segments=2) if _has_three_segments(sampling) else sampling
+            for sampling in self.samplings
+        )
+        return replace(self, samplings=samplings, is_short=True)
+
+
+def _has_three_segments(sampling: SamplingDescriptor) -> bool:
+    return sampling.segment_bits == 0 and sampling.segments == 3
+
+
+def _with_short_forms(descriptors: Iterable[PulseDescriptor]) -> Iterator[PulseDescriptor]:
+    """Each descriptor, and after one with three segments its short form."""
+    for descriptor in descriptors:
+        yield descriptor
+        if descriptor.has_three_segments:
+            yield descriptor.short_form()
 
 
 class SamplingTable:
     """The samplings of descriptors as columns; the row of a sampling is its code."""
 
     def __init__(self, descriptors: Iterable[PulseDescriptor]) -> None:
-        self.descriptors = tuple(descriptors)
+        self.descriptors = tuple(_with_short_forms(descriptors))
         self.samplings = tuple(one for whole in self.descriptors for one in whole.samplings)
         self.kinds = np.array([one.kind for one in self.samplings], dtype=np.uint8)
         self.channels = np.array([one.channel for one in self.samplings], dtype=np.uint8)
         self.sample_bytes = np.array([one.sample_bytes for one in self.samplings], dtype=np.int64)
         # Single precision in the file: unrounded, 0.1 ns would be 0.1000000015 ns.
         self.units_ns = np.array([_shortest(one.unit_ns) for one in self.samplings])
+        self.is_short = np.array(
+            [whole.is_short for whole in self.descriptors for _ in whole.samplings], dtype=bool
+        )
         self.first_codes = np.cumsum([0, *(len(one.samplings) for one in self.descriptors)])
 
 

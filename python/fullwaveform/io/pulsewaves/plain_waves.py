@@ -46,6 +46,8 @@ class PlainWaves(WaveSource):
         found = [np.empty(0, dtype=SEGMENT)]
         for code, sampling in enumerate(descriptor.samplings, start=first_code):
             found += cursor.sampling(sampling, code)
+        if descriptor.has_three_segments or descriptor.is_short:
+            cursor.end_before(spans.ends)
         segments = np.concatenate(found)
         segments = segments[cursor.inside[segments["pulse"]]]
         segments["pulse"] = spans.numbers[segments["pulse"]]
@@ -93,6 +95,10 @@ class _Cursors:
         """Advance by the sizes (n,) in bytes; pulses that leave the file are no longer inside."""
         self._offsets = self._offsets + sizes
         self.inside &= self._offsets <= self._waves.size
+
+    def end_before(self, ends: IntArray) -> None:
+        """Pulses that were read beyond their ends (n,) are no longer inside."""
+        self.inside &= self._offsets <= ends
 
     def sampling(self, sampling: SamplingDescriptor, code: int) -> list[Segments]:
         """Read the segments of a sampling, by number; `pulse` is a row of this object."""

@@ -58,14 +58,16 @@ class Selection:
             _reject(tally, reason, numbers[rows])
             readable &= ~rows
         segments = located[self.table.kinds[located["sampling"]] == RETURNING]
+        short = located["pulse"][self.table.is_short[located["sampling"]]]
+        tally.points_short += len(np.unique(short))
         with_waveform = len(np.unique(segments["pulse"]))
         tally.points_without_waveform += int(np.count_nonzero(readable)) - with_waveform
         aimed = (pulses["target"] != pulses["anchor"]).any(axis=1)
         aimed = aimed[np.searchsorted(numbers, segments["pulse"])]
-        short = segments["count"] <= MAX_SAMPLES
+        fits = segments["count"] <= MAX_SAMPLES
         _reject(tally, NO_DIRECTION, segments["pulse"][~aimed])
-        _reject(tally, TOO_LONG, segments["pulse"][aimed & ~short])
-        kept: Segments = segments[aimed & short]
+        _reject(tally, TOO_LONG, segments["pulse"][aimed & ~fits])
+        kept: Segments = segments[aimed & fits]
         return kept
 
     def outgoing(self, numbers: IntArray) -> Segments:

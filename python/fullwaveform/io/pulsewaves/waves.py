@@ -79,6 +79,8 @@ class WaveSource(ABC):
     ) -> tuple[Segments, dict[str, BoolArray]]:
         """Find the segments of the pulses `rows` with the ascending `numbers` (n,).
 
+        Pulses of three segments of which only two fit are read with two.
+
         Returns as `of_descriptor`; the segments by pulse.
         """
         spans = PulseSpans(numbers, rows["offset"], pulses.next_offsets(numbers, rows))
@@ -86,6 +88,10 @@ class WaveSource(ABC):
         unreadable: dict[str, BoolArray] = {}
         for descriptor, code in zip(table.descriptors, table.first_codes[:-1], strict=True):
             chosen = np.flatnonzero(rows["descriptor"] == descriptor.index)
+            if descriptor.is_short:  # follows the descriptor whose pulses were just located
+                chosen = chosen[np.logical_or.reduce([one[chosen] for one in unreadable.values()])]
+                for places in unreadable.values():
+                    places[chosen] = False
             part, faults = self.of_descriptor(descriptor, int(code), spans.of(chosen))
             parts.append(part)
             for reason, faulty in faults.items():

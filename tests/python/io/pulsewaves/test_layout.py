@@ -7,6 +7,8 @@ from pathlib import Path
 import numpy as np
 import pytest
 
+from fullwaveform.io.pulsewaves.reader import PulseWavesReader
+
 from ...support.las_scenes import rows
 from ...support.pulsewaves_scenes import (
     ATTRIBUTES,
@@ -70,6 +72,39 @@ def test_fixed_number_of_segments(tmp_path: Path) -> None:
     (block,), _ = read(Scene([Descriptor(1, [sampling])], [pulse]).write(tmp_path / "a.pls"))
     assert rows([block]) == [[1, 2], [3, 4], [5, 6]]
     assert block.sbl_times == pytest.approx([1e-9, 5e-9, 9e-9], rel=1e-12)
+
+
+@pytest.mark.parametrize("count_bits", [0, 8])
+def test_two_segments_where_three_are_declared(tmp_path: Path, count_bits: int) -> None:
+    """Some writers store two; the third would begin in the next pulse, or after the file."""
+    three = Sampling(segments=3, samples=2, duration_bits=8, count_bits=count_bits)
+    sent = Sampling(kind=1, samples=2)
+    first, second = [(1, [1, 2]), (5, [3, 4]), (9, [5, 6])], [(2, [7, 8]), (6, [9, 10])]
+    pulses = [
+        Pulse([[(0, [50, 51])], segments], time=time)
+        for time, segments in enumerate((first, second, first, second))
+    ]
+    path = Scene([Descriptor(1, [sent, three])], pulses).write(tmp_path / "two.pls")
+    for limit in (20_000, 3):
+        blocks, tally = read(path, waveforms_per_block=limit)
+        found = [[1, 2], [3, 4], [5, 6], [7, 8], [9, 10]] * 2
+        assert rows(blocks) == found
+        assert (tally.points, tally.points_short, tally.rejected.total()) == (4, 2, 0)
+    starts = np.concatenate([block.sbl_times for block in blocks])
+    assert starts == pytest.approx(np.array([1, 5, 9, 2, 6] * 2) * 1e-9, rel=1e-12)
+    with PulseWavesReader(path) as reader:
+        reader.with_outgoing = True
+        (block,) = reader.blocks()
+    assert block.outgoing is not None
+    assert (block.outgoing.samples == [50, 51]).all()
+
+
+def test_a_pulse_with_too_few_bytes_for_two_segments_is_unreadable(tmp_path: Path) -> None:
+    three = Sampling(segments=3, samples=2)
+    pulses = [Pulse([[(0, [1, 2])]], time=1), Pulse([[(0, [3, 4]), (0, [5, 6])]], time=2)]
+    blocks, tally = read(Scene([Descriptor(1, [three])], pulses).write(tmp_path / "one.pls"))
+    assert rows(blocks) == [[3, 4], [5, 6]]
+    assert (tally.points_short, tally.rejected.total()) == (1, 1)
 
 
 def test_sixteen_and_eight_bits_at_odd_offsets(tmp_path: Path) -> None:
