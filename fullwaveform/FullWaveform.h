@@ -4,11 +4,13 @@
 #include <fullwaveform/deconvolution/DeconvolvedSignal.h>
 #include <fullwaveform/deconvolution/RL_Planes.h>
 #include <fullwaveform/deconvolution/RichardsonLucy.h>
+#include <fullwaveform/deconvolution/SystemWaveFit.h>
 #include <fullwaveform/driver/BlockReport.h>
 #include <fullwaveform/driver/FWFModus.h>
 #include <fullwaveform/driver/PeakDetectionFamily.h>
 #include <fullwaveform/driver/RunStatistics.h>
 #include <fullwaveform/driver/ShotMap.h>
+#include <fullwaveform/fitting/BaselineFit.h>
 #include <fullwaveform/fitting/FittingGaussVia3Points.h>
 #include <fullwaveform/fitting/FittingGaussViaDecomposition.h>
 #include <fullwaveform/fitting/GaussianRefinement.h>

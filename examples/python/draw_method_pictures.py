@@ -13,7 +13,7 @@ import numpy.typing as npt
 from matplotlib.axes import Axes
 from matplotlib.backends.backend_agg import FigureCanvasAgg
 from matplotlib.figure import Figure
-from method_scenes import INTERVAL, Echoes, FloatArray, clean, extracted, recorded, scanner
+from method_scenes import INTERVAL, Echoes, FloatArray, clean, of_library, recorded, scanner
 
 from fullwaveform import Driver, Mode
 from fullwaveform.core.online import evaluate_online
@@ -35,7 +35,7 @@ def main(directory: Path) -> None:
 def three_point(figure: Figure) -> None:
     """The Gaussian through three samples, and the parabola through their logarithms."""
     samples = recorded(clean([[20.35]], [[220.0]], 42), 1.5)
-    echoes = extracted(Mode.THREE_POINT, samples, 20)
+    echoes = of_library(Mode.THREE_POINT, samples, 20)
     centre, top, width = echoes.position[0], echoes.amplitude[0], echoes.width[0]
     x = np.arange(12.0, 29.01, 0.05)
     gauss = top * np.exp(-0.5 * ((x - centre) / width) ** 2)
@@ -66,7 +66,7 @@ def decomposition(figure: Figure) -> None:
     """A sum of Gaussians, its parts, and what it leaves."""
     signal = clean([[20.3, 26.2, 33.5]], [[180.0, 110.0, 140.0]], 60)
     samples, level = recorded(signal, 1.5), 20
-    echoes = extracted(Mode.DECOMPOSITION, samples, level)
+    echoes = of_library(Mode.DECOMPOSITION, samples, level)
     x = np.arange(13.0, 41.01, 0.05)
     parts = gaussians(echoes, x)
     upper, lower = figure.subplots(2, 1, sharex=True, height_ratios=(3.2, 1.0))
@@ -91,7 +91,7 @@ def decomposition(figure: Figure) -> None:
 def deconvolution(figure: Figure) -> None:
     """The system wave, the estimate after some corrections, and the echoes found."""
     samples, level = recorded(clean([[22.0, 27.4]], [[150.0, 400.0]], 50), 1.5), 20
-    echoes = extracted(Mode.DECONVOLUTION, samples, level)
+    echoes = of_library(Mode.DECONVOLUTION, samples, level)
     left, right = figure.subplots(1, 2, width_ratios=(1.0, 2.4))
     wave = system_wave()
     time = np.arange(len(wave)) / STEPS
@@ -119,7 +119,7 @@ def hybrid(figure: Figure) -> None:
     axes = figure.subplots(1, 2, sharey=True)
     for at, amplitudes in zip(axes, ([[800.0, 1500.0]], [[1400.0, 2900.0]]), strict=True):
         samples = recorded(clean([[20.3, 26.0]], amplitudes, 50), 1.5)
-        echoes = extracted(Mode.HYBRID, samples, 20)
+        echoes = of_library(Mode.HYBRID, samples, 20)
         steps(at, samples[0], None)
         at.axhline(1800, color=INK, linewidth=0.9, linestyle=(0, (4, 2)))
         if samples.max() <= 1800:

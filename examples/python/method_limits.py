@@ -162,8 +162,8 @@ def rows(mode: Mode) -> dict[str, str]:
             f"position, 90 % within, SNR {snr}, samples": f"{position_error(mode, snr):.2f}"
             for snr in (20, 50, 200)
         },
-        "amplitude error, SNR 50, counts": f"{off:+.1f}",
-        "width / true width, SNR 50": f"{width:.2f}",
+        "amplitude error, SNR 50, counts": f"{round(off, 1) + 0.0:+.1f}",  # no negative zero
+        "width / true width, SNR 50": f"{width:.2f}" if np.isfinite(width) else "–",
         "single echoes split in two or more, SNR 20": f"{split_share(mode, 20):.1%}",
         **{
             f"two echoes of SNR {snr}, smallest separation, samples": (

@@ -6,14 +6,17 @@ baseline of 12 counts, with white noise, rounded to counts and clipped at the di
 
 from __future__ import annotations
 
+from collections.abc import Mapping
 from dataclasses import dataclass
 from functools import cache
+from typing import Any
 
 import numpy as np
 import numpy.typing as npt
 
 from fullwaveform import Driver, Mode, Scanner
 from fullwaveform.core.constants import EchoType
+from fullwaveform.extraction.refine import refined_peaks
 from fullwaveform.system_wave import (
     average,
     fit_system_wave,
@@ -36,8 +39,8 @@ class Echoes:
 
     row: npt.NDArray[np.int64]
     position: FloatArray  # samples
-    amplitude: FloatArray  # counts, as the method gives it
-    width: FloatArray  # samples
+    amplitude: FloatArray  # counts
+    width: FloatArray  # samples, NaN for deconvolved echoes
 
 
 def clean(positions: npt.ArrayLike, amplitudes: npt.ArrayLike, length: int = 90) -> FloatArray:
@@ -68,15 +71,38 @@ def scanner() -> tuple[Scanner, float]:
 
 
 def extracted(mode: Mode, samples: npt.NDArray[np.uint16], level: int, channel: int = 1) -> Echoes:
-    """The finite echoes of waveforms (n, length) above a threshold in counts."""
-    description, offset = scanner()
-    driver = Driver(mode, description, longest_waveform=samples.shape[1])
+    """The finite echoes of waveforms (n, length) above a threshold in counts, as in a table."""
+    found = _finite_peaks(mode, samples, level, channel)
+    peaks = refined_peaks(
+        found,
+        np.full(len(samples), float(level)),
+        samples,
+        np.full(len(samples), samples.shape[1], np.uint16),
+        np.full(len(samples), BASELINE),
+        scanner()[0],
+    )
+    return Echoes(peaks["row"], _position(peaks), peaks["height"], peaks["std"])
+
+
+def of_library(mode: Mode, samples: npt.NDArray[np.uint16], level: int) -> Echoes:
+    """The same echoes with the amplitudes and widths of the library's methods, not refined."""
+    peaks = _finite_peaks(mode, samples, level, 1)
+    amplitude = peaks["amplitudeCounts"].astype(np.float64)
+    return Echoes(peaks["row"], _position(peaks), amplitude, peaks["std"])
+
+
+def _finite_peaks(
+    mode: Mode, samples: npt.NDArray[np.uint16], level: int, channel: int
+) -> dict[str, npt.NDArray[Any]]:
+    driver = Driver(mode, scanner()[0], longest_waveform=samples.shape[1])
     flags = np.full(len(samples), channel, np.uint8)
     peaks = driver.apply(samples, channel_flags=flags, threshold=level).peaks
-    # Deconvolved echoes are moved as `extract` moves them.
-    position = peaks["idx"] - np.where(peaks["type"] == EchoType.RICHARDSON_LUCY, offset, 0.0)
-    finite = np.isfinite(position) & np.isfinite(peaks["std"])
+    finite = np.isfinite(peaks["idx"]) & np.isfinite(peaks["std"])
     finite &= np.isfinite(peaks["amplitudeCounts"])
-    columns = (peaks["row"], position, peaks["amplitudeCounts"], peaks["std"])
-    row, position, amplitude, width = (column[finite] for column in columns)
-    return Echoes(row.astype(np.int64), position, amplitude.astype(np.float64), width)
+    return {name: column[finite] for name, column in peaks.items()}
+
+
+def _position(peaks: Mapping[str, npt.NDArray[Any]]) -> FloatArray:
+    """Deconvolved echoes are moved as `extract` moves them."""
+    is_deconvolved = peaks["type"] == EchoType.RICHARDSON_LUCY
+    return np.asarray(peaks["idx"] - np.where(is_deconvolved, scanner()[1], 0.0))

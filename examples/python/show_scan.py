@@ -92,11 +92,13 @@ def _waveform(block: WaveformBlock, row: int, echoes: laspy.LasData) -> Waveform
     of_shot = np.asarray(echoes.gps_time) == block.shot_times[row]
     interval_ns = block.sampling_intervals[row] * 1e9
     number = int(block.waveform_numbers[row])
+    samples = block.samples[row, : block.counts[row]]
+    baseline = np.median(samples)  # most samples hold no light
     return Waveform(
-        samples=block.samples[row, : block.counts[row]],
+        samples=samples,
         threshold=THRESHOLD,
         positions=np.asarray(echoes["position"])[of_shot],
-        amplitudes=np.asarray(echoes.intensity, dtype=np.float64)[of_shot],
+        amplitudes=baseline + np.asarray(echoes["amplitude"], dtype=np.float64)[of_shot],
         widths=np.asarray(echoes["sigma_ns"], dtype=np.float64)[of_shot] / interval_ns,
         title=f"waveform {number}",
     )

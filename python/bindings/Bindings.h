@@ -6,6 +6,7 @@
 void bindHost(nanobind::module_& module);
 void bindScanner(nanobind::module_& module);
 void bindModel(nanobind::module_& module);
+void bindFitting(nanobind::module_& module);
 void bindDeconvolution(nanobind::module_& module);
 void bindOnline(nanobind::module_& module);
 void bindPulseWaves(nanobind::module_& module);

@@ -1,12 +1,18 @@
+#include <cstddef>
+#include <cstdint>
+#include <span>
 #include <utility>
+#include <vector>
 
 #include <nanobind/ndarray.h>
 
 #include <fullwaveform/deconvolution/DeconvolvedSignal.h>
+#include <fullwaveform/deconvolution/SystemWaveFit.h>
 #include <fullwaveform/model/WavePoints.h>
 #include <fullwaveform/scanner/ScannerDevice.h>
 
 #include "Bindings.h"
+#include "EchoRows.h"
 #include "NumpyColumn.h"
 
 namespace nb = nanobind;
@@ -28,6 +34,23 @@ nb::tuple deconvolvedSignal(Samples const& samples, ScannerDevice const& device,
   return nb::make_tuple(numpyColumn<double>(std::move(signal.values)), signal.first, signal.step);
 }
 
+nb::tuple refineEchoes(EchoRows::Samples const& samples, InputColumn<std::uint16_t> const& counts,
+                       InputColumn<double> const& baselines, InputColumn<std::int64_t> const& rows,
+                       InputColumn<double> const& positions, ScannerDevice const& device) {
+  std::vector<double> refined(positions.data(), positions.data() + positions.shape(0));
+  std::vector<double> heights(refined.size());
+  {
+    nb::gil_scoped_release const release;
+    FullWaveform::SystemWaveFit fit(device);
+    EchoRows const echoes{samples, counts, rows};
+    echoes.forEach([&](std::int64_t row, std::size_t first, std::size_t count) {
+      fit.refine(echoes.samplesOf(row), baselines.data()[row], std::span(refined).subspan(first, count),
+                 std::span(heights).subspan(first, count));
+    });
+  }
+  return nb::make_tuple(numpyColumn<double>(std::move(refined)), numpyColumn<double>(std::move(heights)));
+}
+
 }  // namespace
 
 void bindDeconvolution(nb::module_& module) {
@@ -40,4 +63,9 @@ void bindDeconvolution(nb::module_& module) {
       "Signal whose maxima are the echoes of a deconvolution: its values in counts, the position of the "
       "first value in samples, and the step between values in samples. Empty if the waveform is not above "
       "the threshold `noise`, which is estimated if negative.");
+  module.def("refine_echoes", &refineEchoes, nb::arg("samples").noconvert(), nb::arg("counts").noconvert(),
+             nb::arg("baselines").noconvert(), nb::arg("rows").noconvert(), nb::arg("positions").noconvert(),
+             nb::arg("scanner"),
+             "Positions of deconvolved echoes, refined by fitting the system wave to the samples, and their "
+             "heights above the baseline of their row. `rows` is ascending.");
 }

@@ -5,6 +5,7 @@ NB_MODULE(_core, module) {
   bindHost(module);
   bindScanner(module);
   bindModel(module);
+  bindFitting(module);
   bindDeconvolution(module);
   bindOnline(module);
   bindPulseWaves(module);

@@ -80,6 +80,23 @@ def ascii_lines(
     widths: npt.NDArray[np.float64],
     values: npt.NDArray[np.float64],
 ) -> bytes: ...
+def refine_gaussians(
+    samples: npt.NDArray[np.uint16],
+    counts: npt.NDArray[np.uint16],
+    baselines: npt.NDArray[np.float64],
+    rows: npt.NDArray[np.int64],
+    positions: npt.NDArray[np.float64],
+    heights: npt.NDArray[np.float64],
+    sigmas: npt.NDArray[np.float64],
+) -> tuple[npt.NDArray[np.float64], npt.NDArray[np.float64]]: ...
+def refine_echoes(
+    samples: npt.NDArray[np.uint16],
+    counts: npt.NDArray[np.uint16],
+    baselines: npt.NDArray[np.float64],
+    rows: npt.NDArray[np.int64],
+    positions: npt.NDArray[np.float64],
+    scanner: ScannerDevice,
+) -> tuple[npt.NDArray[np.float64], npt.NDArray[np.float64]]: ...
 def deconvolved_signal(
     samples: npt.NDArray[np.uint16], scanner: ScannerDevice, noise: int
 ) -> tuple[npt.NDArray[np.float64], float, float]: ...

@@ -10,7 +10,7 @@ import numpy.typing as npt
 
 from fullwaveform.analysis.waveform_selection import SelectedShot
 from fullwaveform.calibration.calibration import Calibration
-from fullwaveform.core.constants import DECOMPOSED_TYPES, EchoType
+from fullwaveform.core.constants import EchoType
 from fullwaveform.core.driver import MODE_NAMES, Driver, Mode, Threshold, check_system_wave
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.core.signal import deconvolved_signal, estimated_threshold
@@ -35,9 +35,8 @@ class MethodView:
     state: WaveformState
     positions: FloatArray  # (m,), samples, ascending
     amplitudes: FloatArray  # (m,), counts, as in the tables of echoes
-    tops: FloatArray  # (m,), counts of the echoes' maxima
     widths: FloatArray  # (m,), samples, standard deviations; NaN for deconvolved echoes
-    feet: FloatArray  # (m,), counts at which the drawn curves start: 0 or the threshold
+    foot: float  # counts, the baseline, from which the amplitudes count
     fitted: FloatArray  # (k, 2), position and height of the Gaussians or their sum; (0, 2) if none
     deconvolved: FloatArray  # (k, 2), position and height of the deconvolved signal
 
@@ -57,9 +56,14 @@ class MethodView:
         return "" if self.state is WaveformState.WITH_ECHOES else self.state.phrase
 
     @property
+    def tops(self) -> FloatArray:
+        """(m,) counts of the echoes' maxima."""
+        return self.foot + self.amplitudes
+
+    @property
     def bar_heights(self) -> FloatArray:
         """(m,) heights at one standard deviation from the maximum."""
-        return self.feet + (self.tops - self.feet) * _HEIGHT_AT_ONE_WIDTH
+        return self.foot + self.amplitudes * _HEIGHT_AT_ONE_WIDTH
 
 
 @dataclass(frozen=True, slots=True)
@@ -86,8 +90,7 @@ def waveform_views(
 ) -> list[WaveformView]:
     """The selected waveforms of a shot with the results of every mode.
 
-    Echoes are merged between the channels as in an extraction. Gaussians of the three-point fit
-    start at 0, those of the decomposition at the threshold, which it subtracts. The position offset
+    Echoes are merged between the channels as in an extraction. The position offset
     of the scanner description is subtracted from deconvolved signals as from deconvolved echoes.
 
     Parameters
@@ -124,7 +127,7 @@ def waveform_views(
                 segments=segments,
                 returns=_returns(block, row),
                 methods=tuple(
-                    _method_view(extractor, found, block, row, level)
+                    _method_view(extractor, found, block, row)
                     for extractor, found in zip(extractors, extracted, strict=True)
                 ),
             )
@@ -154,7 +157,7 @@ def _levels(
 
 
 def _method_view(
-    extractor: Extractor, extracted: ExtractedBlock, block: WaveformBlock, row: int, threshold: int
+    extractor: Extractor, extracted: ExtractedBlock, block: WaveformBlock, row: int
 ) -> MethodView:
     echoes, mode = extracted.echoes, extractor.settings.mode
     chosen = np.flatnonzero(echoes.waveform_number == block.waveform_numbers[row])
@@ -163,20 +166,17 @@ def _method_view(
     positions, widths = echoes.position[chosen], echoes.sigma_samples[chosen]
     amplitudes = echoes.amplitude[chosen].astype(np.float64)
     state = WaveformState(int(extracted.waveforms.state[row]))
-    tops = amplitudes
-    feet = np.where(np.isin(types, DECOMPOSED_TYPES), float(threshold), 0.0)
+    foot = extractor.baseline(block, row)
     fits = types != EchoType.RICHARDSON_LUCY
     count = int(block.counts[row])
     curve = single_gaussians if mode is Mode.THREE_POINT else fitted_sum
-    fitted = curve(
-        positions[fits], (tops - feet)[fits], widths[fits], float(feet.max(initial=0.0)), count
-    )
+    fitted = curve(positions[fits], amplitudes[fits], widths[fits], foot, count)
     deconvolves = mode is Mode.DECONVOLUTION or (mode is Mode.HYBRID and bool(np.any(~fits)))
     if deconvolves and state is not WaveformState.TOO_LONG_TO_DECONVOLVE:
         signal = _reported_signal(extractor.settings, block, row)
     else:
         signal = np.empty((0, 2))
-    return MethodView(mode, state, positions, amplitudes, tops, widths, feet, fitted, signal)
+    return MethodView(mode, state, positions, amplitudes, widths, foot, fitted, signal)
 
 
 def fitted_sum(

@@ -29,8 +29,9 @@ class FoundEchoes:
 
     block: WaveformBlock
     rows: IntArray  # (m,), row of the block in which each echo was found
-    #: Columns (m,) as in `Result.peaks` with NaN for unknown values, and ``height``, counts above
-    #: the baseline; with RETURN_INDEX if they were compared with discrete returns.
+    #: Columns (m,) as in `Result.peaks` with NaN for unknown values, ``height``, counts above the
+    #: baseline, ``library_idx``, samples; with RETURN_INDEX if they were compared with discrete
+    #: returns.
     peaks: Mapping[str, AnyArray]
     xyz: FloatArray  # (m, 3), coordinate units of the file
     number: IntArray  # (m,), 1 = nearest to the scanner within the shot
@@ -148,6 +149,14 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "Fractional sample index in the waveform, 0 at its first sample",
         lambda e: e.peaks["idx"],
         las=LasDimension(np.float64, "Fractional sample index"),
+    ),
+    EchoColumn(
+        "position_library",
+        np.float64,
+        "samples",
+        "The library's own position: that of deconvolved echoes is not refined, and includes their "
+        "offset",
+        lambda e: e.peaks["library_idx"],
     ),
     EchoColumn(
         "echo_type",

@@ -27,7 +27,6 @@ from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.data.empty_waveforms import with_empty_waveforms
-from fullwaveform.extraction.amplitudes import heights, with_unknown_values
 from fullwaveform.extraction.carry import with_returns
 from fullwaveform.extraction.georeference import to_echo_table
 from fullwaveform.extraction.prepare import (
@@ -38,6 +37,7 @@ from fullwaveform.extraction.prepare import (
     SampleScale,
     prepare,
 )
+from fullwaveform.extraction.refine import refined_peaks, with_own_baselines
 from fullwaveform.extraction.waveform_table import WaveformTable
 
 _MUST_BE_FINITE = ("idx", "amplitudeCounts", "std")
@@ -164,23 +164,22 @@ class Extractor:
         """
         prepared = prepare(block, self.settings.preparation)
         waveforms = WaveformTable.of(block)
-        parts, records = [], []
+        parts, records, left_out = [], [], 0
         for interval in np.unique(block.sampling_intervals):
             rows = np.flatnonzero(block.sampling_intervals == interval)
             result = self._apply_driver(prepared, float(interval), rows)
             waveforms.enter_result(rows, result)
-            parts.append((rows[result.peaks["row"]], dict(result.peaks)))
+            finite = np.logical_and.reduce([np.isfinite(result.peaks[n]) for n in _MUST_BE_FINITE])
+            found = {name: column[finite] for name, column in result.peaks.items()}
+            left_out += len(finite) - len(found["row"])
+            echo_rows = rows[found["row"]]
+            threshold = waveforms["threshold"][rows]
+            parts.append((echo_rows, self._refined(prepared, found, rows, threshold)))
             records.append(result.record)
         rows, peaks = _joined(parts)
         peaks = self._apply_position_offset(peaks, block.sampling_intervals[rows])
-        finite = np.logical_and.reduce([np.isfinite(peaks[name]) for name in _MUST_BE_FINITE])
-        skipped = len(rows) - int(np.count_nonzero(finite))
-        if skipped:
-            rows, peaks = rows[finite], {name: column[finite] for name, column in peaks.items()}
         waveforms.enter_echoes(rows)
-        threshold = waveforms["threshold"][rows]
-        height = heights(peaks, threshold) - np.nan_to_num(prepared.baseline[rows])
-        peaks = prepared.unscaled(rows, with_unknown_values({**peaks, "height": height}))
+        peaks = prepared.unscaled(rows, peaks)
         estimates = _estimates(prepared, waveforms)
         waveforms.enter_input_counts(prepared)
         if self.settings.carry:
@@ -195,7 +194,7 @@ class Extractor:
             waveforms_with_echoes=int(np.count_nonzero(waveforms.echo_count)),
             echoes=len(rows),
             rejected=waveforms.rejected(),
-            echoes_left_out=skipped,
+            echoes_left_out=left_out,
             suspicious_blocks=sum(bool(record) for record in records),
             without_phase=int(np.count_nonzero(np.isnan(phase))),
             baseline_removed=int(np.count_nonzero(prepared.removed)),
@@ -217,6 +216,32 @@ class Extractor:
             block.sbl_times[pick],
             block.channel_flags[pick],
             threshold=prepared.thresholds[pick],
+        )
+
+    def baseline(self, block: WaveformBlock, row: int) -> float:
+        """Counts from which the amplitudes of a waveform of a block count."""
+        prepared = prepare(block, self.settings.preparation)
+        known = with_own_baselines(prepared.block, prepared.baseline, np.array([row]))[row]
+        return float(known / prepared.scale[row] + prepared.removed[row])
+
+    def _refined(
+        self,
+        prepared: PreparedBlock,
+        peaks: dict[str, AnyArray],
+        rows: IntArray,
+        threshold: FloatArray,
+    ) -> dict[str, AnyArray]:
+        """The peaks found in the given rows, which have one sampling interval."""
+        block = prepared.block
+        pick = slice(None) if len(rows) == len(block) else rows
+        baseline = with_own_baselines(block, prepared.baseline, rows[peaks["row"]])
+        return refined_peaks(
+            peaks,
+            threshold,
+            block.samples[pick],
+            block.counts[pick],
+            baseline[pick],
+            self.settings.scanner.at_interval(float(block.sampling_intervals[rows[0]])),
         )
 
     def _apply_position_offset(

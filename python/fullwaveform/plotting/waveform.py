@@ -115,7 +115,7 @@ def _draw_method(axes: Axes, method: MethodView, width: float) -> None:
     fitted = _around_echoes(method) if method.fits_a_sum else method.fitted
     for curve, kind in ((fitted, "fitted"), (method.deconvolved, "deconvolved")):
         axes.plot(*curve.T, color=colour, linewidth=width, label=f"{name}, {kind}", zorder=5)
-    axes.vlines(method.positions, method.feet, method.tops, color=colour, linewidth=0.8, zorder=3)
+    axes.vlines(method.positions, method.foot, method.tops, color=colour, linewidth=0.8, zorder=3)
     wide = method.widths > 0
     axes.hlines(
         method.bar_heights[wide],

@@ -1,21 +1,21 @@
 """Offset between positions of deconvolved and of Gauss-fitted echoes.
 
 The deconvolution locates an echo at the start of its kernel, so its position depends on where the
-pulse lies in the window of the system wave. For isolated strong echoes the difference to the
-three-point fit is constant, up to the step of deconvolved positions, a fifth of a sample.
+pulse lies in the window of the system wave. For isolated strong echoes the difference between their
+refined positions and the three-point fit is constant.
 """
 
 from __future__ import annotations
 
 from collections.abc import Iterable, Mapping
 from dataclasses import dataclass, replace
-from typing import Any
 
 import numpy as np
 
 from fullwaveform.core.driver import Mode, Threshold
+from fullwaveform.core.refinement import refine_deconvolved
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.arrays import AnyArray, FloatArray
 from fullwaveform.system_wave.averaging import AveragePulse
 from fullwaveform.system_wave.isolated import StrongEchoes, Waveforms, echoes_of, strongest_echoes
 
@@ -58,10 +58,16 @@ def measure_offset(
     differences: list[FloatArray] = []
     decomposed: list[FloatArray] = []
     for waveforms in parts:
+        baseline = waveforms.baseline()
         reference = strongest_echoes(
-            echoes_of(waveforms, scanner, threshold, Mode.THREE_POINT), waveforms.baseline()
+            echoes_of(waveforms, scanner, threshold, Mode.THREE_POINT), baseline
         )
-        deconvolved = echoes_of(waveforms, scanner, threshold, Mode.DECONVOLUTION)
+        deconvolved = _refined(
+            echoes_of(waveforms, scanner, threshold, Mode.DECONVOLUTION),
+            waveforms,
+            baseline,
+            scanner.at_interval(waveforms.sampling_interval),
+        )
         differences.append(position_differences(reference, deconvolved))
         # As the hybrid decomposes the high-power channel, in one loop.
         fitted = echoes_of(waveforms, scanner, threshold, Mode.DECOMPOSITION, channel_flag=0)
@@ -73,6 +79,16 @@ def measure_offset(
         return None
     other = np.concatenate(decomposed)
     return summary_of(together, float(np.median(other)) if len(other) else 0.0)
+
+
+def _refined(
+    peaks: Mapping[str, AnyArray], waveforms: Waveforms, baseline: FloatArray, scanner: Scanner
+) -> dict[str, AnyArray]:
+    """The deconvolved echoes with the positions that an extraction gives them."""
+    positions, _ = refine_deconvolved(
+        waveforms.samples, waveforms.counts, baseline, peaks["row"], peaks["idx"], scanner
+    )
+    return {**peaks, "idx": positions}
 
 
 def offset_of_simulated_echoes(scanner: Scanner, pulse: AveragePulse) -> DeconvolutionOffset:
@@ -100,7 +116,7 @@ def simulated_waveforms(pulse: AveragePulse) -> Waveforms:
 
 
 def position_differences(
-    reference: StrongEchoes, deconvolved: Mapping[str, np.ndarray[Any, Any]]
+    reference: StrongEchoes, deconvolved: Mapping[str, AnyArray]
 ) -> FloatArray:
     """Position of the strongest deconvolved echo near each isolated echo, minus its position.
 

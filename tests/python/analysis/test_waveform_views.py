@@ -73,18 +73,26 @@ def test_three_point_view_has_threshold_segments_and_gaussians() -> None:
     assert method.deconvolved.shape == (0, 2)
 
 
-def test_gaussians_of_a_decomposition_start_at_the_threshold() -> None:
+def test_gaussians_of_a_decomposition_start_at_the_baseline() -> None:
     x = np.arange(60)
     samples = np.rint(20.0 + 400.0 * np.exp(-0.5 * ((x - 30.4) / 2.5) ** 2)).astype(np.uint16)
-    (view,) = views(Packet(samples, flag=0), modes=[Mode.DECOMPOSITION], threshold=20)
+    (view,) = views(Packet(samples, flag=0), modes=[Mode.DECOMPOSITION], threshold=30)
     (method,) = view.methods
     np.testing.assert_allclose(method.positions, [30.4], atol=0.02)
     np.testing.assert_allclose(method.widths, [2.5], atol=0.02)
-    assert method.feet.tolist() == [20.0]
+    assert method.foot == 20.0
+    np.testing.assert_allclose(method.amplitudes, [400.0], rtol=0.005)
     np.testing.assert_allclose(method.tops, [420.0], rtol=0.005)
     # The tolerance covers the rounding of the counts.
     for sample in (26, 30, 33):
         assert height_at(method.fitted, float(sample)) == pytest.approx(samples[sample], abs=1.5)
+
+
+def deconvolved_maxima(signal: np.ndarray) -> np.ndarray:
+    """Positions of the local maxima of a curve (k, 2)."""
+    height = signal[:, 1]
+    is_maximum = (height[1:-1] > height[:-2]) & (height[1:-1] >= height[2:])
+    return np.asarray(signal[1:-1, 0][is_maximum])
 
 
 def test_deconvolved_signal_has_the_positions_of_its_echoes() -> None:
@@ -101,10 +109,10 @@ def test_deconvolved_signal_has_the_positions_of_its_echoes() -> None:
     for method in found.values():
         assert len(method.positions) >= 2
         assert np.isnan(method.widths).all()
-        for position, amplitude in zip(method.positions, method.tops, strict=True):
-            nearest = np.argmin(np.abs(method.deconvolved[:, 0] - position))
-            assert method.deconvolved[nearest, 0] == pytest.approx(position, abs=1e-9)
-            assert method.deconvolved[nearest, 1] == pytest.approx(amplitude + 0.5, abs=0.501)
+        # The signal has a value every fifth of a sample and its maxima at most one of them away.
+        maxima = deconvolved_maxima(method.deconvolved)
+        for position in method.positions:
+            assert np.min(np.abs(maxima - position)) < 0.3
     np.testing.assert_allclose(
         found["moved"].deconvolved[:, 0], found["as it is"].deconvolved[:, 0] - offset
     )

@@ -63,7 +63,7 @@ def test_parts_of_any_format_and_size_equal_the_single_run(
     assert len(manifest["parts"]) == -(-file["blocks"] // blocks)
     assert sum(part["outcome"]["rows"] for part in manifest["parts"]) == expected.num_rows
     assert names(folder) == sorted(["manifest.json", *(p["file"] for p in manifest["parts"])])
-    single = run("extract", source, "-o", tmp_path / "single.parquet", *options)
+    single = run("extract", source, "-o", tmp_path / "again.parquet", *options)
     assert table_lines(shown) == table_lines(single.stdout)
     assert len(table_lines(shown)) > 5
 

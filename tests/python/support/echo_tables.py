@@ -42,6 +42,7 @@ def echo_table(
         "fwhm_ns": np.full(count, 4.125),
         "sigma_samples": np.full(count, 0.875),
         "position": rows + 0.25,
+        "position_library": rows + 0.5,
         "echo_type": np.full(count, 3, np.uint8),
         "quality": np.full(count, 4, np.uint8),
         "reflectance": np.full(count, -2.5, np.float32),

@@ -74,7 +74,8 @@ def test_offset_agrees_with_an_independent_deconvolution(
     fitted = strongest_echoes(reference, waveforms().baseline()).position
     exact = np.median(independent_positions(wave, waveforms().samples) - fitted)
     assert found.position == pytest.approx(exact, abs=MEDIAN_TOLERANCE)
-    assert 0.03 < found.spread < 0.2
+    # Refined positions are not multiples of a fifth, which have a spread of 1.48 * 0.05.
+    assert 0.005 < found.spread < 0.05
 
 
 def test_offset_follows_the_window(wave: SystemWave) -> None:

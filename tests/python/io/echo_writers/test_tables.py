@@ -37,6 +37,7 @@ EXPECTED: dict[str, list[float]] = {
     "sigma_ns": [1.75, 0.1, NAN],
     "fwhm_ns": [4.125, 0.25, NAN],
     "position": [17.125, 52.3, NAN],
+    "position_library": [17.2, 52.4, NAN],
     "echo_type": [2, 5, 0],
     "quality": [0, 1, 0],
     "reflectance": [NAN, -2.5, NAN],

@@ -1,0 +1,85 @@
+"""Echoes of the driver, refined: positions, heights above the baseline, widths, unknown as NaN."""
+
+from __future__ import annotations
+
+from collections.abc import Mapping
+
+import numpy as np
+
+from fullwaveform.calibration.waveform_levels import MIN_SAMPLES, waveform_levels
+from fullwaveform.core.constants import DECOMPOSED_TYPES, EchoType
+from fullwaveform.core.refinement import refine_decomposed, refine_deconvolved
+from fullwaveform.core.scanner import Scanner
+from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray, UInt16Array
+from fullwaveform.data.blocks import WaveformBlock
+
+
+def refined_peaks(
+    peaks: Mapping[str, AnyArray],
+    threshold: FloatArray,
+    samples: UInt16Array,
+    counts: UInt16Array,
+    baseline: FloatArray,
+    scanner: Scanner,
+) -> dict[str, AnyArray]:
+    """The columns of `Result.peaks` (m,), all finite, with better values, and two more.
+
+    ``idx`` and ``time`` of deconvolved echoes and ``std`` of decomposed ones are fitted to the
+    samples above the baseline. ``height`` is the height above the baseline in counts, in every
+    mode, ``library_idx`` the position without refinement. ``std`` of deconvolved echoes, which have
+    no width, and ``reflectance`` of all but on-board echoes are NaN.
+
+    Parameters
+    ----------
+    peaks : of the driver for these samples
+    threshold : (n,) counts
+    samples, counts : (n, width) and (n,)
+    baseline : (n,) counts
+    scanner : with its sampling interval
+    """
+    rows, kind = peaks["row"], peaks["type"]
+    height = peaks["amplitudeCounts"].astype(np.float64) - baseline[rows]
+    position, sigma = peaks["idx"].copy(), peaks["std"].copy()
+    decomposed = np.flatnonzero(np.isin(kind, DECOMPOSED_TYPES))
+    if len(decomposed):
+        # The decomposition fits what remains after subtracting the threshold.
+        height[decomposed] += threshold[rows[decomposed]]
+        height[decomposed], sigma[decomposed] = refine_decomposed(
+            samples,
+            counts,
+            baseline,
+            rows[decomposed],
+            position[decomposed],
+            height[decomposed],
+            sigma[decomposed],
+        )
+    deconvolved = np.flatnonzero(kind == EchoType.RICHARDSON_LUCY)
+    if len(deconvolved):
+        position[deconvolved], height[deconvolved] = refine_deconvolved(
+            samples, counts, baseline, rows[deconvolved], position[deconvolved], scanner
+        )
+    interval = scanner.sampling_interval or np.nan
+    return {
+        **peaks,
+        "height": height,
+        "library_idx": peaks["idx"],
+        "idx": position,
+        "time": peaks["time"] + (position - peaks["idx"]) * interval,
+        "std": np.where(kind == EchoType.RICHARDSON_LUCY, np.nan, sigma),
+        "reflectance": np.where(
+            kind == EchoType.ONLINE_OWP, peaks["reflectance"], np.float32(np.nan)
+        ),
+    }
+
+
+def with_own_baselines(block: WaveformBlock, baseline: FloatArray, rows: IntArray) -> FloatArray:
+    """The baselines (n,) in counts; of the given rows, NaN becomes the waveform's own baseline."""
+    unknown = np.unique(rows[np.isnan(baseline[rows])])
+    if len(unknown) == 0:
+        return baseline
+    filled = baseline.copy()
+    for count in np.unique(block.counts[unknown]).tolist():
+        alike = unknown[block.counts[unknown] == count]
+        has_level = count >= MIN_SAMPLES
+        filled[alike] = waveform_levels(block.samples[alike, :count]).baseline if has_level else 0.0
+    return filled
