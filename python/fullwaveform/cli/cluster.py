@@ -29,6 +29,7 @@ from fullwaveform.cli.options import (
     ScannerFile,
     SkipUnreadable,
     ThresholdOption,
+    WithWaveforms,
     channel_flags_from,
     integer_from,
 )
@@ -54,7 +55,7 @@ from fullwaveform.extraction.pipeline import available_workers
 from fullwaveform.extraction.prepare import checked_baseline
 from fullwaveform.extraction.warning_file import warning_path
 from fullwaveform.io.echo_writers.las import las_notes
-from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, check_takes_empty
+from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, check_takes_empty, echo_outputs
 from fullwaveform.io.opening import open_waveforms
 
 _FORMATS = [ending.lstrip(".") for ending in ECHO_ENDINGS]
@@ -86,6 +87,7 @@ def cluster(
     outgoing_phase: OutgoingPhaseOption = "auto",
     keep_empty: KeepEmpty = False,
     carry: Carry = True,
+    with_waveforms: WithWaveforms = False,
     skip_unreadable: SkipUnreadable = False,
     workers: Annotated[
         int | None,
@@ -122,7 +124,7 @@ def cluster(
     """
     _check_scheduler(scheduler, workers)
     _check_sources(sources)
-    _check_format(part_format, keep_empty)
+    _check_format(part_format, keep_empty, with_waveforms)
     _check_folder(folder, resume)
     options = ExtractOptions(
         mode=mode,
@@ -133,6 +135,7 @@ def cluster(
         after_pulse=after_pulse,
         keep_empty=keep_empty,
         carry=carry,
+        with_waveforms=with_waveforms,
         channels=channel_flags_from(channel),
         interval=interval,
         skip_unreadable=skip_unreadable,
@@ -194,13 +197,14 @@ def _check_sources(sources: list[Path]) -> None:
             raise typer.BadParameter(f"{sources[index]} is given twice", param_hint="IN")
 
 
-def _check_format(part_format: str, keep_empty: bool) -> None:
+def _check_format(part_format: str, keep_empty: bool, with_waveforms: bool) -> None:
     if part_format not in _FORMATS:
         raise typer.BadParameter(
             f"{part_format!r} must be one of {', '.join(_FORMATS)}", param_hint="--format"
         )
     try:
         check_takes_empty(Path(f"part.{part_format}"), keep_empty)
+        echo_outputs(Path(f"part.{part_format}"), with_waveforms)
     except ValueError as error:
         raise typer.BadParameter(str(error), param_hint="--format") from error
 

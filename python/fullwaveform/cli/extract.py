@@ -30,6 +30,7 @@ from fullwaveform.cli.options import (
     SkipUnreadable,
     SourceFile,
     ThresholdOption,
+    WithWaveforms,
     channel_flags_from,
     integer_from,
     refuse_quiet_and_verbose,
@@ -70,6 +71,7 @@ def extract(
     outgoing_phase: OutgoingPhaseOption = "auto",
     keep_empty: KeepEmpty = False,
     carry: Carry = True,
+    with_waveforms: WithWaveforms = False,
     skip_unreadable: SkipUnreadable = False,
     workers: Annotated[
         int | None,
@@ -101,6 +103,7 @@ def extract(
     refuse_quiet_and_verbose(quiet, verbose)
     try:
         check_takes_empty(output, keep_empty)
+        kinds = echo_outputs(output, with_waveforms)
     except ValueError as error:
         raise typer.BadParameter(str(error), param_hint="-o") from error
     options = ExtractOptions(
@@ -112,13 +115,14 @@ def extract(
         after_pulse=after_pulse,
         keep_empty=keep_empty,
         carry=carry,
+        with_waveforms=with_waveforms,
         channels=channel_flags_from(channel),
         interval=interval,
         skip_unreadable=skip_unreadable,
         block=block,
         outgoing_phase=outgoing_phase,
     )
-    results = [Output(path, kind, "-o") for path, kind in echo_outputs(output).items()]
+    results = [Output(path, kind, "-o") for path, kind in kinds.items()]
     with (
         checked_outputs(*results, overwrite=overwrite, inputs=(source, scanner)),
         report_errors(),
@@ -139,6 +143,7 @@ def extract(
                 reader.header,
                 run_metadata(settings, reader.path),
                 carry=settings.carry,
+                with_waveforms=settings.with_waveforms,
                 overwrite=overwrite,
             )
             summary = _extract(

@@ -28,6 +28,7 @@ class ExtractOptions:
     after_pulse: AfterPulse | None
     keep_empty: bool
     carry: bool
+    with_waveforms: bool
     channels: ChannelFlags
     interval: float | None  # s, for files without one
     skip_unreadable: bool
@@ -53,6 +54,7 @@ class ExtractOptions:
             sample_scale=self.sample_scale,
             keep_empty=self.keep_empty,
             carry=self.carry,
+            with_waveforms=self.with_waveforms,
         )
 
 

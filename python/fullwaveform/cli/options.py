@@ -233,6 +233,12 @@ Carry = Annotated[
 AllowEmpty = Annotated[
     bool, typer.Option("--allow-empty", help="Write a file without echoes if none is found")
 ]
+WithWaveforms = Annotated[
+    bool,
+    typer.Option(
+        "--with-waveforms", help="Write the waveforms with the echoes (LAS and LAZ with a .wdp)"
+    ),
+]
 TimeOption = Annotated[
     float | None,
     typer.Option(parser=_time, metavar="T", help="GPS time of the shot in s, within 1 microsecond"),

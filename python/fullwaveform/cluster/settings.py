@@ -41,6 +41,7 @@ class JobSettings:
     sample_scale: SampleScale
     keep_empty: bool
     carry: bool
+    with_waveforms: bool
     scanner_attributes: dict[str, str | float | list[float]]
     after_pulse: AfterPulse | None
     deconvolution_offset: float  # samples
@@ -75,6 +76,7 @@ class JobSettings:
             sample_scale=settings.sample_scale,
             keep_empty=settings.keep_empty,
             carry=settings.carry,
+            with_waveforms=settings.with_waveforms,
             scanner_attributes=dict(scanner.attributes),
             after_pulse=scanner.after_pulse,
             deconvolution_offset=scanner.deconvolution_offset,
@@ -104,6 +106,7 @@ class JobSettings:
             self.sample_scale,
             keep_empty=self.keep_empty,
             carry=self.carry,
+            with_waveforms=self.with_waveforms,
         )
 
     def flags(self) -> dict[int, int]:

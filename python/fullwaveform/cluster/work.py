@@ -154,6 +154,7 @@ def _extract_unit(unit: Unit) -> UnitResult:
             reader.header,
             run_metadata(settings, reader.path),
             carry=settings.carry,
+            with_waveforms=settings.with_waveforms,
             overwrite=True,
         )
         writer.kind = ANY_FILE  # a part that was left by an earlier run may be truncated

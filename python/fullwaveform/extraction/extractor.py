@@ -56,6 +56,7 @@ class ExtractionSettings:
     sample_scale: SampleScale = "auto"
     keep_empty: bool = False  # whether waveforms without echoes have a row in the echo table
     carry: bool = True  # whether echoes take class and extra bytes of a discrete return nearby
+    with_waveforms: bool = False  # whether the result of a block includes its waveforms
     # Of the file; empty: nothing was measured.
     calibration: Calibration = field(default_factory=Calibration)
 
@@ -136,12 +137,14 @@ class ExtractedBlock:
     waveforms : state of each waveform
     tally : counts
     record : statistics, if half or more of the waveforms were rejected; else empty
+    source : the block, if the settings ask for it
     """
 
     echoes: EchoTable
     waveforms: WaveformTable
     tally: ExtractionTally
     record: str
+    source: WaveformBlock | None = None
 
 
 class Extractor:
@@ -202,7 +205,8 @@ class Extractor:
             estimated_as_0=int(np.count_nonzero(estimates == 0)),
             estimated_as_180=int(np.count_nonzero(estimates == NO_SIGNAL_THRESHOLD)),
         )
-        return ExtractedBlock(echoes, waveforms, tally, "".join(records))
+        source = block if self.settings.with_waveforms else None
+        return ExtractedBlock(echoes, waveforms, tally, "".join(records), source)
 
     def _apply_driver(self, prepared: PreparedBlock, interval: float, rows: IntArray) -> Result:
         # Indices copy the samples; blocks with one sampling interval are passed on as they are.

@@ -89,7 +89,7 @@ def write_echoes(
     """
     tally = ExtractionTally()
     for block in extracted:
-        writer.write(block.echoes)
+        writer.write(block.echoes, block.source)
         tally.add(block.tally)
         if block.record and statistics is not None:
             append_statistics(statistics, block.record)

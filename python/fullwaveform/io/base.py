@@ -326,9 +326,14 @@ class EchoWriter(FileWriter):
 
     #: Whether the file can have rows of waveforms without echoes.
     takes_empty: ClassVar[bool] = True
+    #: Whether the file holds the waveforms of the echoes, too.
+    holds_waveforms: ClassVar[bool] = False
 
-    def write(self, echoes: EchoTable) -> None:
-        """Append the echoes; ValueError outside the ``with`` statement."""
+    def write(self, echoes: EchoTable, waveforms: WaveformBlock | None = None) -> None:
+        """Append the echoes; ValueError outside the ``with`` statement.
+
+        `waveforms` is the block in which they were found, for files that hold waveforms.
+        """
         stream = self._open_stream()
         self._append(echoes, stream)
         stream.check()

@@ -68,7 +68,7 @@ class LasEchoWriter(EchoWriter):
         self.not_representable = 0  # echoes omitted: coordinate not finite, or beyond 32 bits
         self.saturated_return_numbers = 0  # shots with more echoes than a return number can count
         self._source = source
-        self._header = echo_header(source, run, carry=carry)
+        self._header = echo_header(source, run, carry=carry, with_packets=self.holds_waveforms)
         self._carried = carried_names(source) if carry else {}
         self._return_limit = 7 if self._header.point_format.id < 6 else 15
         self._writer: laspy.LasWriter | None = None
@@ -91,8 +91,12 @@ class LasEchoWriter(EchoWriter):
         if EXTRA_BYTES in echoes.columns:
             for name, carried in self._carried.items():
                 record.array[carried] = echoes[EXTRA_BYTES][name]
+        self._fill_packets(record, echoes)
         writer.write_points(record)
         self.count += len(echoes)
+
+    def _fill_packets(self, record: laspy.ScaleAwarePointRecord, echoes: EchoTable) -> None:
+        """Set the packet fields of the points of the echoes, if the format has them."""
 
     def notes(self) -> tuple[str, ...]:
         """What the file does not hold exactly, one message each."""

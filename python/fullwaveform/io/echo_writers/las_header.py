@@ -24,11 +24,15 @@ _MAX_ELEMENTS = 3  # of a described extra dimension
 
 
 def echo_header(
-    source: laspy.LasHeader | None, run: Mapping[str, str] | None = None, *, carry: bool = True
+    source: laspy.LasHeader | None,
+    run: Mapping[str, str] | None = None,
+    *,
+    carry: bool = True,
+    with_packets: bool = False,
 ) -> laspy.LasHeader:
     """Header for echoes extracted from a file with the given header.
 
-    Waveform descriptors and the flags that declare waveforms are omitted: the points have none.
+    Waveform descriptors of the source are omitted.
 
     Parameters
     ----------
@@ -38,14 +42,17 @@ def echo_header(
         How the echoes were made.
     carry
         Whether the points have the extra dimensions of the source, too.
+    with_packets
+        Whether the points have waveform packets, in a file of their own.
     """
+    old, new = (4, 9) if with_packets else (1, 6)
     if source is None:
-        header = laspy.LasHeader(version="1.4", point_format=6)
+        header = laspy.LasHeader(version="1.4", point_format=new)
         header.scales = np.full(3, 0.001)
         header.global_encoding.wkt = True  # required in formats 6 to 10
     else:
         header = laspy.LasHeader(
-            version=source.version, point_format=1 if source.point_format.id < 6 else 6
+            version=source.version, point_format=old if source.point_format.id < 6 else new
         )
         header.scales, header.offsets = np.array(source.scales), np.array(source.offsets)
         header.file_source_id, header.uuid = source.file_source_id, source.uuid
@@ -54,6 +61,7 @@ def echo_header(
             header.global_encoding.value |= source.global_encoding.value & _GPS_TIME_OFFSET_BIT
             header.gps_time_offset = source.gps_time_offset
         _copy_reference_system(header, source)
+    header.global_encoding.waveform_data_packets_external = with_packets
     header.system_identifier = EXTRACTED
     header.generating_software = SOFTWARE
     header.vlrs.extend(run_records(run) if run else [])

@@ -24,6 +24,7 @@ _WRITERS = {
     ".hdf5": ("hdf5", "Hdf5EchoWriter"),
     ".txt": ("ascii", "AsciiEchoWriter"),
 }
+_WITH_PACKETS = ("las_packets", "LasPacketEchoWriter")
 _WITH_HEADER = (".las", ".laz")
 _LAYERS = (".parquet",)  # which mapping programs read
 _WITH_METADATA = (*_LAYERS, ".csv", ".h5", ".hdf5")
@@ -37,6 +38,7 @@ def open_echo_file(
     metadata: Mapping[str, str] | None = None,
     *,
     carry: bool = True,
+    with_waveforms: bool = False,
     overwrite: bool = False,
 ) -> EchoWriter:
     """A writer for the path, selected by its ending; to be used in a ``with`` statement.
@@ -52,16 +54,19 @@ def open_echo_file(
         get the coordinate reference system of the header, as WKT.
     carry
         Whether LAS points have class and extra dimensions of the discrete returns of the input.
+    with_waveforms
+        Whether LAS points have the packets of their waveforms.
     overwrite
         Whether an existing file of echoes of the same format is replaced.
 
     Raises
     ------
     ValueError
-        If no format has the ending, or a library for it is not installed.
+        If no format has the ending, a library for it is not installed, or the format cannot hold
+        waveforms.
     """
     ending = Path(path).suffix.lower()
-    writer_class = _writer_class(Path(path))
+    writer_class = _writer_class(Path(path), with_waveforms)
     arguments: tuple[Any, ...] = (path,)
     options = {"carry": carry} if ending in _WITH_HEADER else {}
     if ending in _WITH_HEADER:
@@ -76,12 +81,12 @@ def open_echo_file(
     return writer
 
 
-def echo_outputs(path: Path) -> dict[Path, FileKind]:
+def echo_outputs(path: Path, with_waveforms: bool = False) -> dict[Path, FileKind]:
     """The files that are written for echoes, as `FileWriter.outputs`.
 
     Raises ValueError as `open_echo_file`.
     """
-    outputs: dict[Path, FileKind] = _writer_class(path).outputs(path)
+    outputs: dict[Path, FileKind] = _writer_class(path, with_waveforms).outputs(path)
     return outputs
 
 
@@ -97,10 +102,14 @@ def check_takes_empty(path: Path, keep_empty: bool) -> None:
         )
 
 
-def _writer_class(path: Path) -> Any:
+def _writer_class(path: Path, with_waveforms: bool = False) -> Any:
     """Class of the writer; its arguments depend on the format."""
     ending = path.suffix.lower()
     if ending not in _WRITERS:
         raise ValueError(f"{path} must end in {', '.join(ECHO_ENDINGS[:-1])} or {ECHO_ENDINGS[-1]}")
-    module, name = _WRITERS[ending]
+    if with_waveforms and ending not in _WITH_HEADER:
+        raise ValueError(
+            f"{path} cannot hold waveforms; write {' or '.join(_WITH_HEADER)} with --with-waveforms"
+        )
+    module, name = _WITH_PACKETS if with_waveforms else _WRITERS[ending]
     return getattr(import_module(f"fullwaveform.io.echo_writers.{module}"), name)

@@ -35,6 +35,18 @@ class WaveformDescriptor:
         """Bytes of one packet."""
         return self.sample_count * self.bits_per_sample // 8
 
+    def record(self) -> laspy.VLR:
+        """The record of a LAS file that holds the descriptor."""
+        data = _DESCRIPTOR.pack(
+            self.bits_per_sample,
+            self.compression,
+            self.sample_count,
+            self.spacing_ps,
+            self.gain,
+            self.offset,
+        )
+        return laspy.VLR("LASF_Spec", _FIRST_RECORD_ID + self.index - 1, "", data)
+
 
 def read_descriptors(header: laspy.LasHeader, path: Path) -> dict[int, WaveformDescriptor]:
     """Read the descriptors of a LAS header by index, from ordinary and extended records.
