@@ -76,9 +76,8 @@ def measure(reader: WaveformReader, outgoing_phase: PhaseChoice = "auto") -> Cal
     reader.with_outgoing = True
     blocks = list(reader.spread_blocks())
     levels = measure_levels(blocks)
-    # The highest threshold, because the driver merges the echoes of all channels of a shot.
-    threshold = max((channel.threshold for channel in levels), default=0)
-    calibration = Calibration(levels, measure_outgoing_phase(blocks, threshold, outgoing_phase))
+    thresholds = Calibration(levels).thresholds
+    calibration = Calibration(levels, measure_outgoing_phase(blocks, thresholds, outgoing_phase))
     reader.with_outgoing = calibration.needs_outgoing
     return calibration
 

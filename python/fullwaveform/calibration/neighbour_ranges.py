@@ -6,12 +6,15 @@ from collections.abc import Sequence
 from dataclasses import dataclass, fields
 
 import numpy as np
+import numpy.typing as npt
 
 from fullwaveform.core.constants import SPEED_OF_LIGHT_IN_AIR
 from fullwaveform.core.driver import Driver, Mode
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
+
+Receiver = tuple[int, int]  # channel flag and descriptor
 
 _DEVIATIONS_PER_MEDIAN = 1.4826  # of a normal distribution
 _NOISE_OF_SECOND_DIFFERENCE = np.sqrt(6.0)  # 1 + 4 + 1 variances
@@ -63,36 +66,50 @@ class NeighbourRanges:
         return np.asarray(step[:-1] & step[1:])
 
 
-def single_echo_ranges(block: WaveformBlock, time: FloatArray, threshold: int) -> NeighbourRanges:
+def single_echo_ranges(
+    block: WaveformBlock, time: FloatArray, threshold: npt.NDArray[np.integer]
+) -> dict[Receiver, NeighbourRanges]:
     """The single echoes of a run of consecutive shots, by the three-point fit.
+
+    A single echo is the only one of its receiver in the shot. Receivers are kept apart, because
+    their ranges may differ.
 
     Parameters
     ----------
     block : the run
     time : (n,) s, of the outgoing pulse of each waveform; NaN if unknown
-    threshold : counts
+    threshold : (n,) counts
     """
-    shots, first, shot = np.unique(block.shot_times, return_index=True, return_inverse=True)
-    echoes = np.zeros(len(shots), dtype=np.int64)
-    echo = np.full(len(shots), np.nan)
+    row, position = _echoes(block, threshold)
+    shots, shot = np.unique(block.shot_times, return_inverse=True)
+    receivers = np.column_stack([block.channel_flags, block.descriptors])
+    found = {}
+    for flag, descriptor in np.unique(receivers[row], axis=0).tolist():
+        of_receiver = (receivers[row] == (flag, descriptor)).all(axis=1)
+        rows = row[of_receiver]
+        is_single = np.bincount(shot[rows], minlength=len(shots))[shot[rows]] == 1
+        is_single &= np.isfinite(position[of_receiver]) & np.isfinite(time[rows])
+        rows, places = rows[is_single], position[of_receiver][is_single]
+        order = np.argsort(shot[rows])
+        rows, places = rows[order], places[order]
+        interval = block.sampling_intervals[rows]
+        found[flag, descriptor] = NeighbourRanges(
+            shot[rows], block.sbl_times[rows] + places * interval, time[rows], interval
+        )
+    return found
+
+
+def _echoes(
+    block: WaveformBlock, threshold: npt.NDArray[np.integer]
+) -> tuple[IntArray, FloatArray]:
+    """Row of the block and position in samples of every echo; channels are not merged."""
+    rows, positions = [np.empty(0, np.int64)], [np.empty(0)]
     for interval in np.unique(block.sampling_intervals):
-        rows = np.flatnonzero(block.sampling_intervals == interval)
+        chosen = np.flatnonzero(block.sampling_intervals == interval)
         driver = Driver(Mode.THREE_POINT, Scanner.default().at_interval(float(interval)))
         peaks = driver.apply(
-            block.samples[rows],
-            block.counts[rows],
-            block.shot_times[rows],
-            block.sbl_times[rows],
-            block.channel_flags[rows],
-            threshold=threshold,
+            block.samples[chosen], block.counts[chosen], threshold=threshold[chosen]
         ).peaks
-        row = rows[peaks["row"]]
-        np.add.at(echoes, shot[row], 1)
-        echo[shot[row]] = block.sbl_times[row] + peaks["idx"] * interval
-    single = (echoes == 1) & np.isfinite(echo) & np.isfinite(time[first])
-    return NeighbourRanges(
-        np.flatnonzero(single),
-        echo[single],
-        time[first][single],
-        block.sampling_intervals[first][single],
-    )
+        rows.append(chosen[peaks["row"]])
+        positions.append(peaks["idx"].astype(np.float64))
+    return np.concatenate(rows), np.concatenate(positions)

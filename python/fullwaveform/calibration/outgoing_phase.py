@@ -8,16 +8,16 @@ nothing, the whole samples, or the phase, too. This is decided by the ranges of 
 
 from __future__ import annotations
 
-from collections.abc import Sequence
+from collections.abc import Callable, Mapping, Sequence
 from dataclasses import dataclass
 from typing import Literal
 
 import numpy as np
 
-from fullwaveform.calibration.neighbour_ranges import NeighbourRanges, single_echo_ranges
+from fullwaveform.calibration.neighbour_ranges import NeighbourRanges, Receiver, single_echo_ranges
 from fullwaveform.calibration.outgoing_template import OutgoingTemplate, mean_outgoing_pulse
 from fullwaveform.calibration.phase_choice import PhaseChoice
-from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.data.blocks import OutgoingPulses, WaveformBlock
 
 MIN_PAIRS = 200
@@ -88,7 +88,9 @@ def pulse_times(template: OutgoingTemplate, outgoing: OutgoingPulses) -> FloatAr
 
 
 def measure_outgoing_phase(
-    blocks: Sequence[WaveformBlock], threshold: int, choice: PhaseChoice = "auto"
+    blocks: Sequence[WaveformBlock],
+    thresholds: Callable[[WaveformBlock], IntArray],
+    choice: PhaseChoice = "auto",
 ) -> OutgoingPhase:
     """Decide whether and how the phase of the outgoing pulses is taken off.
 
@@ -98,7 +100,7 @@ def measure_outgoing_phase(
     Parameters
     ----------
     blocks : runs of consecutive shots, with outgoing pulses
-    threshold : counts, for single echoes
+    thresholds : gives the threshold of each waveform of a block, counts
     choice : "auto" or "on"; "off" is not measured
 
     Raises
@@ -114,12 +116,8 @@ def measure_outgoing_phase(
                 "--outgoing-phase off (outgoing_phase='off')"
             )
         return OutgoingPhase("none")
-    ranges = NeighbourRanges.join(
-        [
-            single_echo_ranges(block, _times(template, block), threshold)
-            for block in blocks
-            if len(block) > 0
-        ]
+    ranges = _most_pairs(
+        [single_echo_ranges(block, _times(template, block), thresholds(block)) for block in blocks]
     )
     if ranges.pairs < MIN_PAIRS:
         return OutgoingPhase("phase" if choice == "on" else "none", 0.0, template, ranges.pairs)
@@ -129,6 +127,16 @@ def measure_outgoing_phase(
     return OutgoingPhase(
         form if is_applied else "none", reference, template, ranges.pairs, without, scatter
     )
+
+
+def _most_pairs(runs: Sequence[Mapping[Receiver, NeighbourRanges]]) -> NeighbourRanges:
+    """The ranges of the receiver with the largest number of second differences."""
+    receivers = sorted({receiver for run in runs for receiver in run})
+    joined = [
+        NeighbourRanges.join([run[receiver] for run in runs if receiver in run])
+        for receiver in receivers
+    ]
+    return max(joined, key=lambda ranges: ranges.pairs, default=NeighbourRanges.join([]))
 
 
 def _times(template: OutgoingTemplate, block: WaveformBlock) -> FloatArray:

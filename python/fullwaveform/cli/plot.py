@@ -85,7 +85,11 @@ def plot(
         with open_checked(source, channels, interval=interval) as reader:
             description = scanner_for(scanner, after_pulse, [reader.scanner()])
             views = waveform_views(
-                find_shot(reader, selector, value), description, modes, threshold, measure(reader)
+                find_shot(reader, selector, value),
+                description,
+                modes,
+                threshold,
+                measure(reader, "off"),
             )
         draw_waveforms(output, views, whole=whole, overwrite=overwrite)
     for view in views:

@@ -96,7 +96,7 @@ def report(
             shots = [find_shot(reader, Selector.WAVEFORM, number) for number in numbers]
             if time is not None:
                 shots.append(find_shot(reader, Selector.TIME, time))
-            calibration = measure(reader)
+            calibration = measure(reader, "off")
             first = shots[0] if shots else find_shot(reader, Selector.WAVEFORM, 0)
         found = {}
         for shot in shots:

@@ -18,6 +18,7 @@ from fullwaveform.data.blocks import (
     ShotAttributes,
     WaveformBlock,
 )
+from fullwaveform.data.columns import take_rows
 from fullwaveform.extraction.extractor import ExtractionSettings, Extractor
 
 SHOTS, SAMPLES, SENT = 400, 60, 40
@@ -70,8 +71,12 @@ def scan(sent: Values, held: Values, shots: int = SHOTS) -> WaveformBlock:
 RANDOM = np.random.default_rng(2).uniform(0.0, 1.0, SHOTS)
 
 
+def thresholds(block: WaveformBlock) -> npt.NDArray[np.int64]:
+    return np.full(len(block), 100)
+
+
 def decided(block: WaveformBlock, choice: str = "auto") -> OutgoingPhase:
-    return measure_outgoing_phase([block], 100, choice)  # type: ignore[arg-type]
+    return measure_outgoing_phase([block], thresholds, choice)  # type: ignore[arg-type]
 
 
 def errors(block: WaveformBlock, phase: OutgoingPhase) -> Values:
@@ -144,6 +149,25 @@ def test_few_neighbours_are_not_enough_for_a_decision() -> None:
     assert decided(few, "on").form == "phase"
     more = scan(16.0 + RANDOM[:202], np.full(202, 16.0), 202)
     assert decided(more).form == "phase"
+
+
+def test_channels_that_are_not_told_apart_do_not_count_twice() -> None:
+    """Both receivers of a shot see its echo, and their ranges differ by 3 samples."""
+    low = scan(16.0 + RANDOM - 0.5, np.full(SHOTS, 16.0))
+    assert low.outgoing is not None
+    rows = np.repeat(np.arange(SHOTS), 2)
+    both = take_rows(low, rows)
+    second = np.tile([False, True], SHOTS)
+    both = replace(
+        both,
+        sbl_times=both.sbl_times + 3.0 * INTERVAL * second,
+        descriptors=(1 + second).astype(np.uint8),
+        outgoing=low.outgoing.of(rows),
+    )
+    phase = decided(both)
+    assert (phase.form, phase.pairs) == ("phase", SHOTS - 2)
+    assert phase.scatter_with is not None
+    assert phase.scatter_with < 0.005
 
 
 def test_shots_without_an_outgoing_pulse_keep_their_place() -> None:
