@@ -29,7 +29,6 @@ from fullwaveform.extraction.extractor import (
     ExtractedBlock,
     ExtractionSettings,
     ExtractionTally,
-    run_metadata,
 )
 from fullwaveform.extraction.pipeline import available_workers, extracted_blocks
 from fullwaveform.extraction.prepare import (
@@ -38,6 +37,7 @@ from fullwaveform.extraction.prepare import (
     checked_baseline,
     checked_sample_scale,
 )
+from fullwaveform.extraction.run_metadata import run_metadata
 from fullwaveform.extraction.waveform_table import WAVEFORM_COLUMNS, WaveformTable
 from fullwaveform.io.atomic import protected_inputs
 from fullwaveform.io.base import WaveformReader

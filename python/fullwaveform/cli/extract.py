@@ -41,9 +41,10 @@ from fullwaveform.cli.summary import RunSummary
 from fullwaveform.core.driver import Mode
 from fullwaveform.core.messages import counted_messages
 from fullwaveform.data.counting import counted
-from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTally, run_metadata
+from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTally
 from fullwaveform.extraction.pipeline import available_workers, extracted_blocks, write_echoes
 from fullwaveform.extraction.prepare import checked_baseline
+from fullwaveform.extraction.run_metadata import run_metadata
 from fullwaveform.extraction.warning_file import warning_path
 from fullwaveform.io.base import EchoWriter, WaveformReader
 from fullwaveform.io.echo_writers.opening import (

@@ -19,8 +19,9 @@ from fullwaveform.cluster.json_data import STRICT, from_json
 from fullwaveform.cluster.manifest import MANIFEST_NAME, PartOutcome
 from fullwaveform.cluster.settings import JobSettings
 from fullwaveform.core.messages import counted_messages
-from fullwaveform.extraction.extractor import ExtractedBlock, run_metadata
+from fullwaveform.extraction.extractor import ExtractedBlock
 from fullwaveform.extraction.pipeline import extracted_blocks, write_echoes
+from fullwaveform.extraction.run_metadata import run_metadata
 from fullwaveform.io.atomic import ANY_FILE, protected_inputs
 from fullwaveform.io.base import EchoWriter, WaveformReader
 from fullwaveform.io.echo_writers.las import LasEchoWriter

@@ -2,14 +2,11 @@
 
 from __future__ import annotations
 
-import json
 from collections import Counter
 from dataclasses import dataclass, field
-from pathlib import Path
 
 import numpy as np
 
-from fullwaveform import __version__
 from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.core.constants import EchoType
 from fullwaveform.core.driver import (
@@ -83,18 +80,6 @@ class ExtractionSettings:
             self.scanner.deconvolution_offset_hybrid,
         )
         return hybrid if self.mode is Mode.HYBRID and hybrid is not None else offset
-
-
-def run_metadata(settings: ExtractionSettings, source: Path | None) -> dict[str, str]:
-    """Version, settings and name of the input, for the files that can hold metadata."""
-    return {
-        **({} if source is None else {"input": source.name}),
-        "version": __version__,
-        "mode": settings.mode.title,
-        "threshold": str(settings.threshold),
-        "outgoing_phase": settings.outgoing_phase,
-        "scanner": json.dumps(dict(settings.scanner.attributes), sort_keys=True),
-    }
 
 
 @dataclass

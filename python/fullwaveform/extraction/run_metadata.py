@@ -1,0 +1,43 @@
+"""How the echoes of a file were made, for its metadata."""
+
+from __future__ import annotations
+
+import json
+from pathlib import Path
+
+from fullwaveform import __version__
+from fullwaveform.extraction.extractor import ExtractionSettings
+
+
+def run_metadata(settings: ExtractionSettings, source: Path | None) -> dict[str, str]:
+    """Version, settings and name of the input, for the files that can hold metadata."""
+    return {
+        **({} if source is None else {"input": source.name}),
+        "version": __version__,
+        "mode": settings.mode.title,
+        "threshold": _threshold(settings),
+        "baseline": settings.baseline,
+        "sample_scale": str(settings.sample_scale),
+        "outgoing_phase": settings.outgoing_phase,
+        "scanner": json.dumps(dict(settings.scanner.attributes), sort_keys=True),
+    }
+
+
+def _threshold(settings: ExtractionSettings) -> str:
+    """The threshold in counts, or those measured of each receiver."""
+    threshold = settings.threshold
+    if isinstance(threshold, int | str):
+        return str(threshold)
+    if threshold is not None:
+        return "given for each waveform"
+    levels = settings.calibration.levels
+    if not levels:
+        return "estimate"
+    values = [settings.preparation.threshold_of(level) for level in levels]
+    if len(set(values)) == 1:
+        return f"{values[0]} (measured)"
+    receivers = (
+        f"{value} (measured, channel {level.channel_flag}, descriptor {level.descriptor})"
+        for value, level in zip(values, levels, strict=True)
+    )
+    return ", ".join(receivers)

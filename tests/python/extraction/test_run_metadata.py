@@ -1,0 +1,57 @@
+"""What files say of the settings with which their echoes were made."""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+from fullwaveform import Scanner, __version__
+from fullwaveform.calibration.calibration import Calibration
+from fullwaveform.calibration.levels import ChannelLevels
+from fullwaveform.core.driver import Mode
+from fullwaveform.extraction.extractor import ExtractionSettings
+from fullwaveform.extraction.run_metadata import run_metadata
+
+# 5 noise rms above the baseline: 3 + 5 x 1 and 3 + 5 x 2 counts.
+LOW = ChannelLevels(1, 4, waveforms=10, baseline=3.0, baseline_spread=0.0, noise_rms=1.0)
+HIGH = ChannelLevels(0, 5, waveforms=10, baseline=3.0, baseline_spread=0.0, noise_rms=2.0)
+
+
+@pytest.mark.parametrize(
+    ("threshold", "levels", "expected"),
+    [
+        (17, (), "17"),
+        ("estimate", (LOW,), "estimate"),
+        (np.array([1, 2]), (), "given for each waveform"),
+        (None, (), "estimate"),
+        (None, (LOW,), "8 (measured)"),
+        (None, (LOW, LOW), "8 (measured)"),
+        (
+            None,
+            (HIGH, LOW),
+            "13 (measured, channel 0, descriptor 5), 8 (measured, channel 1, descriptor 4)",
+        ),
+    ],
+)
+def test_threshold_is_that_of_the_run(
+    threshold: object, levels: tuple[ChannelLevels, ...], expected: str
+) -> None:
+    settings = ExtractionSettings(
+        Scanner.default(),
+        threshold=threshold,  # type: ignore[arg-type]
+        baseline="keep",
+        calibration=Calibration(levels),
+    )
+    assert run_metadata(settings, None)["threshold"] == expected
+
+
+def test_version_mode_and_name_of_the_input() -> None:
+    found = run_metadata(
+        ExtractionSettings(Scanner.default(), Mode.DECOMPOSITION), Path("/folder/scan.las")
+    )
+    assert found["input"] == "scan.las"
+    assert found["version"] == __version__
+    assert found["mode"] == Mode.DECOMPOSITION.title
+    assert all(isinstance(text, str) for text in found.values())
