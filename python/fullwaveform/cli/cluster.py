@@ -12,25 +12,18 @@ from rich.console import Console
 from rich.progress import BarColumn, MofNCompleteColumn, Progress, TextColumn, TimeRemainingColumn
 
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.extract_options import ExtractOptions
+from fullwaveform.cli.extract_options import ExtractOptions, with_extract_options
+from fullwaveform.cli.many_files import (
+    DEFAULT_FORMAT,
+    FormatOption,
+    SourceFiles,
+    check_folder,
+    check_format,
+    check_names,
+)
 from fullwaveform.cli.options import (
-    AfterPulseOption,
-    BaselineOption,
-    BlockOption,
-    Carry,
     ChannelNumbers,
-    ChannelOption,
-    IntervalOption,
-    KeepEmpty,
-    ModeOption,
-    OutgoingPhaseOption,
     QuietOption,
-    SampleScaleOption,
-    ScannerFile,
-    SkipUnreadable,
-    ThresholdOption,
-    WithWaveforms,
-    channel_flags_from,
     integer_from,
 )
 from fullwaveform.cli.progress import print_line, shortened
@@ -47,24 +40,18 @@ from fullwaveform.cluster.job import (
 )
 from fullwaveform.cluster.manifest import MANIFEST_NAME, Manifest
 from fullwaveform.cluster.settings import JobSettings
-from fullwaveform.core.driver import Mode
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.extraction.pipeline import available_workers
-from fullwaveform.extraction.prepare import checked_baseline
 from fullwaveform.extraction.warning_file import warning_path
 from fullwaveform.io.echo_writers.las import las_notes
-from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, check_takes_empty, echo_outputs
 from fullwaveform.io.opening import open_waveforms
 
-_FORMATS = [ending.lstrip(".") for ending in ECHO_ENDINGS]
 
-
+@with_extract_options
 def cluster(
-    sources: Annotated[
-        list[Path], typer.Argument(metavar="IN", help="Waveform files, as in extract")
-    ],
+    sources: SourceFiles,
     folder: Annotated[
         Path,
         typer.Option("-o", "--output", metavar="FOLDER", help="New or empty folder for the parts"),
@@ -76,19 +63,7 @@ def cluster(
             help="Dask scheduler (tcp://HOST:PORT), or local: new processes on this machine",
         ),
     ],
-    mode: ModeOption = Mode.THREE_POINT,
-    threshold: ThresholdOption = None,
-    baseline: BaselineOption = "auto",
-    sample_scale: SampleScaleOption = "auto",
-    scanner: ScannerFile = None,
-    channel: ChannelOption = None,
-    after_pulse: AfterPulseOption = None,
-    interval: IntervalOption = None,
-    outgoing_phase: OutgoingPhaseOption = "auto",
-    keep_empty: KeepEmpty = False,
-    carry: Carry = True,
-    with_waveforms: WithWaveforms = False,
-    skip_unreadable: SkipUnreadable = False,
+    options: ExtractOptions,
     workers: Annotated[
         int | None,
         typer.Option(
@@ -97,10 +72,7 @@ def cluster(
             help="Processes of a local run. Default: all processors",
         ),
     ] = None,
-    block: BlockOption = 20_000,
-    part_format: Annotated[
-        str, typer.Option("--format", metavar="FORMAT", help=f"Of the parts: {', '.join(_FORMATS)}")
-    ] = "parquet",
+    part_format: FormatOption = None,
     blocks_per_part: Annotated[
         int | None,
         typer.Option(
@@ -123,25 +95,11 @@ def cluster(
         fullwaveform cluster scan.las -o las_parts --scheduler local --threshold 20 --format las
     """
     _check_scheduler(scheduler, workers)
-    _check_sources(sources)
-    _check_format(part_format, keep_empty, with_waveforms)
+    part_format = part_format or DEFAULT_FORMAT
+    check_names(sources)
+    check_format(part_format, options)
     _check_folder(folder, resume)
-    options = ExtractOptions(
-        mode=mode,
-        threshold=threshold,
-        baseline=checked_baseline(baseline),
-        sample_scale=sample_scale,
-        scanner=scanner,
-        after_pulse=after_pulse,
-        keep_empty=keep_empty,
-        carry=carry,
-        with_waveforms=with_waveforms,
-        channels=channel_flags_from(channel),
-        interval=interval,
-        skip_unreadable=skip_unreadable,
-        block=block,
-        outgoing_phase=outgoing_phase,
-    )
+    _ = options.channels  # an invalid value is reported before any file is opened
 
     def remaining_result() -> str:
         if not (folder / MANIFEST_NAME).exists():
@@ -157,12 +115,12 @@ def cluster(
         job_settings = JobSettings.of(
             settings,
             options.channels,
-            block=block,
+            block=options.block,
             blocks_per_part=blocks_per_part,
             part_format=part_format,
-            sampling_interval=interval,
-            skip_unreadable=skip_unreadable,
-            outgoing_phase=outgoing_phase,
+            sampling_interval=options.interval,
+            skip_unreadable=options.skip_unreadable,
+            outgoing_phase=options.outgoing_phase,
         )
         if manifest is not None:
             prepare_resume(manifest, folder, job_settings)
@@ -190,33 +148,9 @@ def _check_scheduler(scheduler: str, workers: int | None) -> None:
         )
 
 
-def _check_sources(sources: list[Path]) -> None:
-    resolved = [source.resolve() for source in sources]
-    for index, source in enumerate(resolved):
-        if source in resolved[:index]:
-            raise typer.BadParameter(f"{sources[index]} is given twice", param_hint="IN")
-
-
-def _check_format(part_format: str, keep_empty: bool, with_waveforms: bool) -> None:
-    if part_format not in _FORMATS:
-        raise typer.BadParameter(
-            f"{part_format!r} must be one of {', '.join(_FORMATS)}", param_hint="--format"
-        )
-    try:
-        check_takes_empty(Path(f"part.{part_format}"), keep_empty)
-        echo_outputs(Path(f"part.{part_format}"), with_waveforms)
-    except ValueError as error:
-        raise typer.BadParameter(str(error), param_hint="--format") from error
-
-
 def _check_folder(folder: Path, resume: bool) -> None:
-    is_folder = folder.is_dir()
-    if not is_folder and (folder.exists() or folder.suffix.lower() in ECHO_ENDINGS):
-        raise typer.BadParameter(
-            f"{folder} must be a folder; the format of the parts is given by --format",
-            param_hint="-o",
-        )
-    if resume or not is_folder:
+    check_folder(folder)
+    if resume or not folder.is_dir():
         return
     if (folder / MANIFEST_NAME).exists():
         raise typer.BadParameter(

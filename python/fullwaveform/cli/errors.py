@@ -27,13 +27,9 @@ def report_errors(describe_result: Callable[[], str] | None = None) -> Iterator[
         try:
             with raise_on_signals():
                 yield
-        except OSError as error:
-            where = f"{error.filename}: " if error.filename and error.strerror else ""
-            _fail(f"{where}{error.strerror or error}")
-        except ValueError as error:
-            _fail(str(error))
-        except MemoryError:
-            _fail("not enough memory for one block of waveforms; reduce --block")
+        except (OSError, ValueError, MemoryError) as error:
+            typer.echo(f"fullwaveform: {one_line(describe_error(error))}", err=True)
+            raise typer.Exit(EXIT_DATA) from None
         except KeyboardInterrupt as interrupt:
             # Libraries with their own SIGINT handler raise a plain KeyboardInterrupt.
             ended = interrupt if isinstance(interrupt, SignalExit) else SignalExit(signal.SIGINT)
@@ -48,8 +44,18 @@ def _completed(files: list[Path]) -> str:
     return f"already written: {', '.join(map(str, files))}"
 
 
-def _fail(message: str) -> None:
-    # File names may contain line feeds and other control characters; the message stays one line.
-    line = "".join(c if c.isprintable() else repr(c)[1:-1] for c in message)
-    typer.echo(f"fullwaveform: {line}", err=True)
-    raise typer.Exit(EXIT_DATA)
+def describe_error(error: Exception) -> str:
+    """The message of a file, data, memory or usage error."""
+    if isinstance(error, OSError):
+        where = f"{error.filename}: " if error.filename and error.strerror else ""
+        return f"{where}{error.strerror or error}"
+    if isinstance(error, MemoryError):
+        return "not enough memory for one block of waveforms; reduce --block"
+    if isinstance(error, typer.BadParameter):
+        return f"{error.param_hint or 'option'}: {error.message}"
+    return str(error)
+
+
+def one_line(message: str) -> str:
+    """The message on one line: file names may contain line feeds and other control characters."""
+    return "".join(c if c.isprintable() else repr(c)[1:-1] for c in message)

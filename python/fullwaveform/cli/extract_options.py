@@ -1,39 +1,66 @@
-"""Options of an extraction, and the reader and settings that follow from them."""
+"""Options that the commands of an extraction share, and the settings that follow from them."""
 
 from __future__ import annotations
 
-from collections.abc import Sequence
-from dataclasses import dataclass, replace
+from collections.abc import Callable, Sequence
+from dataclasses import dataclass, fields, replace
+from functools import cached_property, wraps
+from inspect import Parameter, Signature, signature
 from pathlib import Path
+from typing import Any, get_type_hints
 
-from fullwaveform.calibration.phase_choice import PhaseChoice
-from fullwaveform.cli.options import ChannelFlags, ChannelNumbers
-from fullwaveform.core.driver import Mode, Threshold, check_system_wave
+from fullwaveform.cli.options import (
+    AfterPulseOption,
+    AllowEmpty,
+    BaselineOption,
+    BlockOption,
+    Carry,
+    ChannelFlags,
+    ChannelNumbers,
+    ChannelOption,
+    IntervalOption,
+    KeepEmpty,
+    ModeOption,
+    OutgoingPhaseOption,
+    SampleScaleOption,
+    ScannerFile,
+    SkipUnreadable,
+    ThresholdOption,
+    WithWaveforms,
+    channel_flags_from,
+)
+from fullwaveform.core.driver import Mode, check_system_wave
 from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.extraction.extractor import ExtractionSettings
-from fullwaveform.extraction.prepare import Baseline, SampleScale
+from fullwaveform.extraction.prepare import checked_baseline
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.opening import open_waveforms
 
 
 @dataclass(frozen=True)
 class ExtractOptions:
-    """Parsed options on echoes and input."""
+    """What determines the echoes of a file; each field is an option of the command line."""
 
-    mode: Mode
-    threshold: Threshold | None  # None: measured
-    baseline: Baseline
-    sample_scale: SampleScale
-    scanner: Path | None
-    after_pulse: AfterPulse | None
-    keep_empty: bool
-    carry: bool
-    with_waveforms: bool
-    channels: ChannelFlags
-    interval: float | None  # s, for files without one
-    skip_unreadable: bool
-    block: int  # waveforms
-    outgoing_phase: PhaseChoice = "auto"
+    mode: ModeOption = Mode.THREE_POINT
+    threshold: ThresholdOption = None
+    baseline: BaselineOption = "auto"
+    sample_scale: SampleScaleOption = "auto"
+    scanner: ScannerFile = None
+    channel: ChannelOption = None
+    after_pulse: AfterPulseOption = None
+    interval: IntervalOption = None
+    outgoing_phase: OutgoingPhaseOption = "auto"
+    keep_empty: KeepEmpty = False
+    carry: Carry = True
+    with_waveforms: WithWaveforms = False
+    skip_unreadable: SkipUnreadable = False
+    allow_empty: AllowEmpty = False
+    block: BlockOption = 20_000
+
+    @cached_property
+    def channels(self) -> ChannelFlags:
+        """The values of `channel`; BadParameter if one is invalid."""
+        return channel_flags_from(self.channel)
 
     def settings(self, file_scanners: Sequence[Scanner | None]) -> ExtractionSettings:
         """The settings for files that contain these scanner descriptions, or None.
@@ -50,12 +77,41 @@ class ExtractOptions:
             scanner=scanner,
             mode=self.mode,
             threshold=self.threshold,
-            baseline=self.baseline,
+            baseline=checked_baseline(self.baseline),
             sample_scale=self.sample_scale,
             keep_empty=self.keep_empty,
             carry=self.carry,
             with_waveforms=self.with_waveforms,
         )
+
+
+def with_extract_options(command: Callable[..., None]) -> Callable[..., None]:
+    """The command with the fields of `ExtractOptions` in place of its parameter `options`."""
+    own = get_type_hints(command, include_extras=True)
+    shared = get_type_hints(ExtractOptions, include_extras=True)
+    names = [field.name for field in fields(ExtractOptions)]
+    parameters = []
+    for parameter in signature(command).parameters.values():
+        if parameter.name != "options":
+            hint = own[parameter.name]
+            parameters.append(parameter.replace(kind=Parameter.KEYWORD_ONLY, annotation=hint))
+            continue
+        for field in fields(ExtractOptions):
+            hint = shared[field.name]
+            parameters.append(
+                Parameter(
+                    field.name, Parameter.KEYWORD_ONLY, default=field.default, annotation=hint
+                )
+            )
+
+    @wraps(command)
+    def with_options(**given: Any) -> None:
+        options = ExtractOptions(**{name: given.pop(name) for name in names})
+        command(options=options, **given)
+
+    with_options.__signature__ = Signature(parameters)  # type: ignore[attr-defined]
+    with_options.__annotations__ = {one.name: one.annotation for one in parameters}
+    return with_options
 
 
 def open_checked(

@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import sys
+import time
 from collections.abc import Iterator
 from contextlib import contextmanager
 
@@ -23,6 +25,7 @@ from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.io.base import WaveformReader
 
 _MAX_NAME = 20  # characters
+_LINE_PAUSE_S = 30.0
 
 
 class _RateColumn(ProgressColumn):
@@ -41,8 +44,47 @@ def print_line(text: str) -> None:
 @contextmanager
 def blocks_with_progress(reader: WaveformReader, quiet: bool) -> Iterator[Iterator[WaveformBlock]]:
     """Yield the reader's blocks, with a progress bar if standard error is a terminal."""
-    with progress_bar(Console(stderr=True), quiet) as progress:
-        yield _followed(reader, progress)
+    with (
+        progress_bar(Console(stderr=True), quiet) as progress,
+        followed_blocks(reader, progress, quiet) as blocks,
+    ):
+        yield blocks
+
+
+@contextmanager
+def followed_blocks(
+    reader: WaveformReader, progress: Progress, quiet: bool
+) -> Iterator[Iterator[WaveformBlock]]:
+    """Yield the reader's blocks, with a line of the bar while they are read."""
+    task = progress.add_task(shortened(reader.path.name), total=reader.point_count)
+    lines = ProgressLines(progress, quiet)
+
+    def blocks() -> Iterator[WaveformBlock]:
+        for block in reader.blocks():
+            yield block
+            progress.update(task, completed=reader.points_done)
+            done, total = reader.points_done, reader.point_count
+            lines.print_if_due(f"{reader.path.name}: {done:,} of {total:,} points")
+        progress.update(task, completed=reader.points_done)
+
+    try:
+        yield blocks()
+    finally:
+        progress.stop_task(task)
+
+
+class ProgressLines:
+    """Prints progress every half minute where the bar is not shown: without a terminal."""
+
+    def __init__(self, progress: Progress, quiet: bool) -> None:
+        self._is_silent = quiet or not progress.disable
+        self._next = time.monotonic() + _LINE_PAUSE_S
+
+    def print_if_due(self, text: str) -> None:
+        """Print the text if the pause since the last line is over."""
+        if not self._is_silent and time.monotonic() >= self._next:
+            print_line(text)
+            self._next = time.monotonic() + _LINE_PAUSE_S
 
 
 def progress_bar(console: Console, quiet: bool) -> Progress:
@@ -57,6 +99,7 @@ def progress_bar(console: Console, quiet: bool) -> Progress:
         TimeRemainingColumn(table_column=fixed),
         console=console,
         disable=quiet or not console.is_terminal,
+        redirect_stdout=sys.stdout.isatty(),
     )
 
 
@@ -64,11 +107,3 @@ def shortened(name: str) -> str:
     """Beginning and end of a long name, so that the numbers fit on the line."""
     half = _MAX_NAME // 2
     return name if len(name) <= _MAX_NAME else f"{name[: half - 1]}…{name[-half:]}"
-
-
-def _followed(reader: WaveformReader, progress: Progress) -> Iterator[WaveformBlock]:
-    task = progress.add_task(shortened(reader.path.name), total=reader.point_count)
-    for block in reader.blocks():
-        yield block
-        progress.update(task, completed=reader.points_done)
-    progress.update(task, completed=reader.points_done)

@@ -4,8 +4,9 @@ from __future__ import annotations
 
 from collections import Counter
 from collections.abc import Mapping, Sequence
-from dataclasses import dataclass, replace
+from dataclasses import asdict, dataclass, replace
 from pathlib import Path
+from typing import Any
 
 from rich.console import Console
 from rich.table import Table
@@ -37,6 +38,41 @@ class RunSummary:
     statistics: Path  # of suspicious blocks
     seconds: float
 
+    def line(self) -> str:
+        """The result on one line."""
+        unreadable = self.read.rejected.total()
+        skipped = f", {unreadable:,} unreadable skipped" if unreadable else ""
+        return (
+            f"{self.name}: {counted(self.written, 'echo', 'echoes')} of "
+            f"{counted(self.read.waveforms, 'waveform')}{skipped} in {self.seconds:.1f} s: "
+            f"{self.destination}"
+        )
+
+    def as_dict(self) -> dict[str, Any]:
+        """The counts and notes, for JSON."""
+        return {
+            "input": self.name,
+            "output": str(self.destination),
+            "mode": self.settings.mode.title,
+            "threshold": self.settings.threshold,
+            "levels": [
+                asdict(level) | {"threshold": self.settings.preparation.threshold_of(level)}
+                for level in self.settings.calibration.levels
+            ],
+            "points": self.read.points,
+            "points_without_waveform": self.read.points_without_waveform,
+            "points_sharing_waveform": self.read.points_sharing_waveform,
+            "waveforms": self.read.waveforms,
+            "waveforms_with_echoes": self.extracted.waveforms_with_echoes,
+            "unreadable": dict(self.read.rejected),
+            "without_echoes": dict(self.extracted.rejected),
+            "echoes_skipped": self.extracted.echoes_left_out,
+            "messages": dict(self.messages),
+            "written": self.written,
+            "seconds": round(self.seconds, 3),
+            "notes": self._notes(),
+        }
+
     def show(self, console: Console) -> None:
         """Print the summary as a table, with notes below."""
         title = f"{self.name}: {self.settings.mode.title}"
@@ -47,8 +83,14 @@ class RunSummary:
         share = found.waveforms_with_echoes / read.waveforms if read.waveforms else 0.0
         rows = [
             ("points read", f"{read.points:,}", ""),
-            ("points without waveform", f"{read.points_without_waveform:,}", "skipped"),
-            ("points sharing a waveform", f"{read.points_sharing_waveform:,}", "counted once"),
+            *(
+                (label, f"{count:,}", remark)
+                for label, count, remark in (
+                    ("points without waveform", read.points_without_waveform, "skipped"),
+                    ("points sharing a waveform", read.points_sharing_waveform, "counted once"),
+                )
+                if count
+            ),
             ("waveforms", f"{read.waveforms:,}", ""),
             ("with echoes", f"{found.waveforms_with_echoes:,}", f"{share:.1%} of the waveforms"),
         ]

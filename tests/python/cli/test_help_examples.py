@@ -30,6 +30,7 @@ def files(tmp_path_factory: pytest.TempPathFactory) -> Path:
     folder = tmp_path_factory.mktemp("files")
     scan = folder / "scan.las"
     assert run("simulate", scan, "--shots", "1500").exit_code == 0
+    assert run("simulate", folder / "second.las", "--shots", "50", "--seed", "2").exit_code == 0
     for name in ("echoes.las", "echoes.csv"):
         assert run("extract", scan, "-o", folder / name, "--threshold", "20").exit_code == 0
     time = np.arange(0.0, 40.0)  # ns
@@ -59,6 +60,7 @@ def test_example(example: str, files: Path, monkeypatch: pytest.MonkeyPatch) -> 
     for option, name in pairwise(call):
         if option == "-o" and Path(name).is_file():
             Path(name).unlink()
+            Path(f"{name}-metadata.json").unlink(missing_ok=True)
     result = run(*call)
     assert result.exit_code == 0, result.output
     for name in (word for option, word in pairwise(call) if option == "-o"):

@@ -1,0 +1,109 @@
+"""Extraction of one file."""
+
+from __future__ import annotations
+
+import time
+from collections import Counter
+from collections.abc import Callable
+from dataclasses import dataclass, replace
+from functools import partial
+from pathlib import Path
+
+from rich.progress import Progress
+
+from fullwaveform.calibration.calibration import measure
+from fullwaveform.cli.extract_options import ExtractOptions, open_checked
+from fullwaveform.cli.progress import followed_blocks
+from fullwaveform.cli.summary import RunSummary
+from fullwaveform.data.counting import counted
+from fullwaveform.extraction.extractor import ExtractionTally
+from fullwaveform.extraction.pipeline import extracted_blocks, write_echoes
+from fullwaveform.extraction.run_metadata import run_metadata
+from fullwaveform.extraction.warning_file import warning_path
+from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.echo_writers.opening import open_echo_file
+
+
+@dataclass(frozen=True)
+class FileRun:
+    """How the files of a run are extracted."""
+
+    options: ExtractOptions
+    workers: int  # threads of each file
+    overwrite: bool
+    progress: Progress
+    quiet: bool
+    # Called with input and text for each waveform that is skipped or without echoes.
+    on_waveform: Callable[[Path, str], None] | None
+
+    def extract(self, source: Path, output: Path) -> RunSummary:
+        """Write the echoes of a file; the summary has no messages of the library.
+
+        Raises
+        ------
+        OSError, ValueError
+            The input cannot be read or is invalid, the output cannot be written or would be empty.
+        typer.BadParameter
+            The file has no channel that an option names.
+        """
+        start = time.perf_counter()
+        options = self.options
+        with open_checked(
+            source,
+            options.channels,
+            interval=options.interval,
+            block=options.block,
+            skip_unreadable=options.skip_unreadable,
+        ) as reader:
+            settings = replace(
+                options.settings([reader.scanner()]),
+                calibration=measure(reader, options.outgoing_phase),
+            )
+            writer = open_echo_file(
+                output,
+                reader.header,
+                run_metadata(settings, reader.path),
+                carry=settings.carry,
+                with_waveforms=settings.with_waveforms,
+                overwrite=self.overwrite,
+            )
+            each = None if self.on_waveform is None else partial(self.on_waveform, source)
+            reader.on_unreadable = each
+            statistics = warning_path(output.absolute().parent, source)
+            with writer, followed_blocks(reader, self.progress, self.quiet) as blocks:
+                tally = write_echoes(
+                    extracted_blocks(blocks, settings, self.workers),
+                    writer,
+                    statistics=statistics,
+                    on_rejected=each,
+                )
+                if not options.allow_empty:
+                    _check_not_empty(tally, options.keep_empty, writer)
+        return RunSummary(
+            name=source.name,
+            destination=output,
+            settings=settings,
+            read=reader.tally,
+            extracted=tally,
+            calibrations={source.name: settings.calibration},
+            written=writer.count,
+            notes=writer.notes(),
+            messages=Counter(),
+            statistics=statistics,
+            seconds=time.perf_counter() - start,
+        )
+
+
+def _check_not_empty(tally: ExtractionTally, keep_empty: bool, writer: EchoWriter) -> None:
+    if writer.count > 0 or (keep_empty and tally.waveforms > 0):
+        return
+    if tally.echoes > 0:
+        raise ValueError(
+            f"{writer.path} would be empty: none of the {tally.echoes:,} echoes has coordinates "
+            "that it can hold; write a table (.csv, .parquet, .h5) instead"
+        )
+    reasons = ", ".join(f"{count:,} x {reason}" for reason, count in tally.rejected.items())
+    raise ValueError(
+        f"{writer.path} would be empty: no echoes in {counted(tally.waveforms, 'waveform')}"
+        f"{f' ({reasons})' if reasons else ''}; give a lower --threshold, or --allow-empty"
+    )

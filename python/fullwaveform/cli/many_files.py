@@ -1,0 +1,75 @@
+"""What commands for many files share: their options, the names of outputs, files that fail."""
+
+from __future__ import annotations
+
+from collections.abc import Sequence
+from pathlib import Path
+from typing import Annotated
+
+import typer
+
+from fullwaveform.cli.extract_options import ExtractOptions
+from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, check_takes_empty, echo_outputs
+
+#: Formats of echoes by their names on the command line.
+FORMATS = [ending.lstrip(".") for ending in ECHO_ENDINGS]
+DEFAULT_FORMAT = "parquet"
+
+SourceFiles = Annotated[
+    list[Path],
+    typer.Argument(
+        metavar="IN",
+        help="Waveform files: LAS, LAZ, PulseWaves (.pls), scan container (.h5), .npz",
+    ),
+]
+FormatOption = Annotated[
+    str | None,
+    typer.Option(
+        "--format",
+        metavar="FORMAT",
+        help=f"Of the files in a folder: {', '.join(FORMATS)}. Default: {DEFAULT_FORMAT}",
+    ),
+]
+SkipBadFiles = Annotated[
+    bool,
+    typer.Option("--skip-bad-files", help="Exit with 0 although files could not be extracted"),
+]
+
+
+def check_format(name: str, options: ExtractOptions) -> None:
+    """BadParameter for an unknown format, or one that cannot hold what the options ask for."""
+    if name not in FORMATS:
+        raise typer.BadParameter(
+            f"{name!r} must be one of {', '.join(FORMATS)}", param_hint="--format"
+        )
+    try:
+        check_takes_empty(Path(f"part.{name}"), options.keep_empty)
+        echo_outputs(Path(f"part.{name}"), options.with_waveforms)
+    except ValueError as error:
+        raise typer.BadParameter(str(error), param_hint="--format") from error
+
+
+def check_folder(folder: Path) -> None:
+    """BadParameter if the path is, or looks like, a file."""
+    if not folder.is_dir() and (folder.exists() or folder.suffix.lower() in ECHO_ENDINGS):
+        raise typer.BadParameter(
+            f"{folder} must be a folder; the format of its files is given by --format",
+            param_hint="-o",
+        )
+
+
+def check_names(sources: Sequence[Path]) -> None:
+    """BadParameter for inputs that are given twice, or whose outputs would have one name."""
+    by_stem: dict[str, Path] = {}
+    for source in sources:
+        # Names that differ only in case are one file on some systems.
+        other = by_stem.setdefault(source.stem.casefold(), source)
+        if other is source:
+            continue
+        if other.resolve() == source.resolve():
+            raise typer.BadParameter(f"{source} is given twice", param_hint="IN")
+        raise typer.BadParameter(
+            f"the outputs of {other} and {source} would have the same name; extract them into "
+            "different folders",
+            param_hint="IN",
+        )
