@@ -11,6 +11,7 @@ import pyarrow as pa
 import pytest
 
 from fullwaveform.cluster import part_paths
+from fullwaveform.io.opening import open_waveforms
 
 from ..support.command_line import names, run, words
 from ..support.echo_tables import assert_same_rows
@@ -146,3 +147,35 @@ def test_echoes_that_las_cannot_represent_are_counted_once(address: str, tmp_pat
         if "echoes skipped: coordinates" in " ".join(line.split())
     ]
     assert table_lines(shown) == table_lines(single.stdout)
+
+
+def test_waveforms_of_parts_are_those_of_the_single_run(address: str, tmp_path: Path) -> None:
+    source = las_scan(tmp_path / "scan.las")
+    options = ["--block", "60", "--threshold", "20", "--with-waveforms"]
+    assert run("extract", source, "-o", tmp_path / "single.las", *options).exit_code == 0
+    on_cluster(
+        address,
+        source,
+        "-o",
+        tmp_path / "parts",
+        *options,
+        "--blocks-per-part",
+        "3",
+        "--format",
+        "las",
+    )
+    paths = part_paths(tmp_path / "parts")
+    assert len(paths) == 4
+    single = _samples(tmp_path / "single.las")
+    assert [samples for path in paths for samples in _samples(path)] == single
+    assert len(single) > 100
+
+
+def _samples(path: Path) -> list[bytes]:
+    """The samples of the waveforms of a file, in its order."""
+    with open_waveforms(path) as reader:
+        return [
+            row[:count].tobytes()
+            for block in reader.blocks()
+            for row, count in zip(block.samples, block.counts, strict=True)
+        ]

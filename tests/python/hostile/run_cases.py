@@ -59,7 +59,7 @@ def load_everything(folder: Path) -> None:
     folder.mkdir(parents=True)
     scan = four_shots().write(folder / "scan.las")
     for words in (
-        ["extract", str(scan), "-o", str(folder / "out.csv")],
+        ["extract", str(scan), "-o", str(folder / "out.csv"), "--allow-empty"],
         ["convert", str(scan), str(folder / "out.h5")],
     ):
         result = CliRunner().invoke(app, words)
