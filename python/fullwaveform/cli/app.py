@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from collections.abc import Callable
+from difflib import get_close_matches
 from importlib import import_module
 from typing import Any
 
@@ -25,11 +26,11 @@ COMMANDS = {
     "simulate": ("fullwaveform.cli.simulate", "simulate"),
 }
 _SETTINGS: dict[str, Any] = {
-    "add_completion": False,
     "pretty_exceptions_enable": False,
     "rich_markup_mode": None,  # plain help and error texts, without frames
 }
-_MAX_WIDTH = 100  # columns of a help text
+# Of every command: width of its help in columns, and the options that show it.
+_CONTEXT: dict[str, Any] = {"max_content_width": 100, "help_option_names": ["-h", "--help"]}
 # Former options of extract.
 _CLUSTER_OPTIONS = ("--cluster", "--resume", "--unit-blocks", "--part-format")
 
@@ -67,24 +68,34 @@ class _Commands(TyperGroup):
             return None
         module, function = COMMANDS[cmd_name]
         implementation = getattr(import_module(module), function)
-        single = typer.Typer(**_SETTINGS)
+        single = typer.Typer(add_completion=False, **_SETTINGS)
         single.command(
             cmd_name,
             cls=_ExtractCommand if cmd_name == "extract" else TyperCommand,
             short_help=(implementation.__doc__ or "").partition("\n")[0].rstrip("."),
-            context_settings={
-                "token_normalize_func": _option_name(cmd_name),
-                "max_content_width": _MAX_WIDTH,
-            },
+            context_settings={"token_normalize_func": _option_name(cmd_name), **_CONTEXT},
         )(implementation)
-        return typer.main.get_command(single)
+        command: Any = typer.main.get_command(single)
+        for parameter in command.params:
+            # Arguments and flags need no type after their names, such as <path> or <bool>.
+            if parameter.param_type_name == "argument" or parameter.is_flag:
+                parameter.display_type_rich = lambda ctx: None
+        return command
+
+    def resolve_command(self, ctx: Any, args: list[str]) -> Any:
+        """The command that the first argument names; suggests others for a mistyped one."""
+        typed = args[0]
+        similar = [] if typed in COMMANDS else get_close_matches(typed, COMMANDS)
+        if similar and not ctx.resilient_parsing:
+            ctx.fail(f"No such command {typed!r}. Did you mean {' or '.join(similar)}?")
+        return super().resolve_command(ctx, args)
 
 
 app = typer.Typer(
     cls=_Commands,
     name="fullwaveform",
     no_args_is_help=True,
-    context_settings={"max_content_width": _MAX_WIDTH},
+    context_settings=_CONTEXT,
     **_SETTINGS,
 )
 

@@ -2,8 +2,10 @@
 
 from __future__ import annotations
 
+import json
+from dataclasses import asdict
 from pathlib import Path
-from typing import Annotated
+from typing import Annotated, Any
 
 import typer
 from rich.console import Console
@@ -95,6 +97,7 @@ def system_wave(
     ] = None,
     threshold: ThresholdOption = "estimate",
     overwrite: OverwriteOption = False,
+    as_json: Annotated[bool, typer.Option("--json", help="Print machine-readable JSON")] = False,
     quiet: Annotated[bool, typer.Option("-q", "--quiet", help="Print no summary")] = False,
 ) -> None:
     """Estimate the system wave, needed for deconvolution, from pulses.
@@ -123,7 +126,9 @@ def system_wave(
         if plot is not None:
             draw_system_wave(plot, _curves(wave), overwrite=overwrite)
         write_description(output, described, offset, _remarks(wave, offset), overwrite=overwrite)
-    if not quiet:
+    if as_json:
+        typer.echo(json.dumps(_json(wave, offset), indent=2))
+    elif not quiet:
         results = [output] if plot is None else [output, plot]
         rows = [*_pulse_rows(wave), *_fit_rows(wave), *_offset_rows(offset)]
         print_table(Console(), f"{source_file.name}: system wave", rows, _notes(wave), results)
@@ -209,6 +214,26 @@ def _offset_rows(offset: DeconvolutionOffset) -> list[Row]:
         ("spread", f"{offset.spread:.3f}", "samples"),
         ("echoes", f"{offset.echoes:,}", echoes),
     ]
+
+
+def _json(wave: SystemWave, offset: DeconvolutionOffset) -> dict[str, Any]:
+    """The figures of the table; positions in samples, misfits as shares of the maximum."""
+    pulse, misfit = wave.pulse, wave.fit.misfit
+    return {
+        "pulses": {
+            "origin": pulse.origin,
+            "used": pulse.used,
+            "skipped": dict(pulse.rejected),
+            "scatter": pulse.scatter if pulse.used > 1 else None,
+            "sampling_interval": pulse.sampling_interval,
+        },
+        "window_start": wave.begin,
+        "energy_inside": wave.contained,
+        "exponentials": misfit.order,
+        "misfit": {"rms": misfit.rms, "largest": misfit.largest},
+        "offset": asdict(offset),
+        "notes": _notes(wave),
+    }
 
 
 def _notes(wave: SystemWave) -> list[str]:

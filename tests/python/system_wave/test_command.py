@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 from pathlib import Path
 
 import numpy as np
@@ -107,6 +108,22 @@ def test_long_pulse_is_noted(tmp_path: Path) -> None:
     np.savetxt(text, np.column_stack([time, shape((time - 40.0) / 3.0)]))
     result = run("system-wave", text, "-o", tmp_path / "p.toml", "--interval", "1")
     assert "note: pulse longer than the 12 samples of the system wave" in result.stdout
+
+
+def test_figures_as_json(tmp_path: Path) -> None:
+    text = tmp_path / "p.txt"
+    time = np.arange(0.0, 120.0, 0.5)
+    np.savetxt(text, np.column_stack([time, shape((time - 40.0) / 3.0)]))
+    call = ["system-wave", text, "-o", tmp_path / "p.toml", "--interval", "1", "--order", "3"]
+    figures = json.loads(run(*call, "--json").stdout)
+    assert figures["exponentials"] == 3
+    assert figures["pulses"]["used"] == 1
+    assert figures["pulses"]["sampling_interval"] == 1e-9
+    assert figures["pulses"]["scatter"] is None
+    assert 0.0 < figures["energy_inside"] < 1.0  # longer than the window
+    assert figures["misfit"]["rms"] <= figures["misfit"]["largest"]
+    (note,) = figures["notes"]
+    assert note.startswith("pulse longer than the 12 samples")
 
 
 def test_extract_uses_the_description(tmp_path: Path) -> None:
