@@ -17,6 +17,7 @@ from fullwaveform.analysis.histograms import (
     value_histogram,
 )
 from fullwaveform.analysis.origin import FileOrigin, origin_of
+from fullwaveform.calibration.calibration import Calibration, measure
 from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray, UInt16Array
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
@@ -84,6 +85,7 @@ class FileContents:
     last_time: float | None  # s
     baseline: Level | None  # None without waveforms
     noise_rms: Level | None
+    calibration: Calibration  # with which `extract` starts
     smallest: int | None  # counts, None without samples
     largest: int | None
     bits: int  # needed for the largest value
@@ -117,7 +119,7 @@ class FileContents:
 def inspect_waveforms(
     reader: WaveformReader, blocks: Iterable[WaveformBlock] | None = None
 ) -> FileContents:
-    """Statistics of the file of an open reader, in one pass with bounded memory.
+    """Statistics of the file of an open reader, in one pass with bounded memory, and calibration.
 
     `blocks` are those of the reader, for a caller that shows the progress. Raises what the reader
     raises.
@@ -215,6 +217,7 @@ class _Sums:
             last_time=self.times[1] if has_time else None,
             baseline=_level(self.baseline),
             noise_rms=_level(self.noise_rms),
+            calibration=measure(reader),
             smallest=int(np.flatnonzero(values)[0]) if self.largest >= 0 else None,
             largest=self.largest if self.largest >= 0 else None,
             bits=max(self.largest, 0).bit_length(),

@@ -16,6 +16,7 @@ from rich.table import Table
 from fullwaveform.analysis.histograms import Histogram
 from fullwaveform.analysis.inspection import FileContents, Level, inspect_waveforms
 from fullwaveform.analysis.origin import point_file
+from fullwaveform.calibration.outgoing_phase import OutgoingPhase
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_options import open_checked
 from fullwaveform.cli.info_origin import (
@@ -98,6 +99,7 @@ def _json(source: Path, contents: FileContents) -> dict[str, Any]:
         "last_time": contents.last_time,
         "baseline": _json_level(contents.baseline),
         "noise_rms": _json_level(contents.noise_rms),
+        "outgoing_phase": _json_phase(contents.calibration.outgoing_phase),
         "smallest_value": contents.smallest,
         "largest_value": contents.largest,
         "bits": contents.bits,
@@ -119,6 +121,18 @@ def _json_level(level: Level | None) -> dict[str, float] | None:
     if level is None:
         return None
     return {"median": level.median, "low": level.low, "high": level.high}
+
+
+def _json_phase(phase: OutgoingPhase | None) -> dict[str, Any] | None:
+    """The decision of `extract`, scatter in m; None without outgoing pulses."""
+    if phase is None:
+        return None
+    return {
+        "taken_off": phase.form,
+        "pairs": phase.pairs,
+        "scatter_without": phase.scatter_without,
+        "scatter_with": phase.scatter_with,
+    }
 
 
 def _json_histogram(histogram: Histogram) -> dict[str, list[int]]:
@@ -169,6 +183,9 @@ def _rows(contents: FileContents) -> list[tuple[str, str]]:
         ("point source ID", _listed(contents.point_sources, "waveforms")),
         *origin_rows(contents.origin),
     ]
+    phase = contents.calibration.outgoing_phase
+    if phase is not None:
+        rows.append(("outgoing phase", f"{phase.result()} ({phase.reason()})"))
     return rows + _levels(contents)
 
 

@@ -12,6 +12,7 @@ import pytest
 
 from fullwaveform.cluster import part_paths
 from fullwaveform.io.opening import open_waveforms
+from fullwaveform.simulation import ScanSettings, simulate_scan, write_recording
 
 from ..support.command_line import names, run, words
 from ..support.echo_tables import assert_same_rows
@@ -179,3 +180,19 @@ def _samples(path: Path) -> list[bytes]:
             for block in reader.blocks()
             for row, count in zip(block.samples, block.counts, strict=True)
         ]
+
+
+def test_phase_of_outgoing_pulses_is_decided_once_for_all_parts(
+    address: str, tmp_path: Path
+) -> None:
+    source, folder = tmp_path / "scan.pls", tmp_path / "parts"
+    write_recording(simulate_scan(ScanSettings(shots=500)), source)
+    options = ["--threshold", "20", "--block", "40", "--channel", "2=high"]
+    expected = single_run(source, tmp_path / "single.parquet", *options)
+    off = single_run(source, tmp_path / "off.parquet", *options, "--outgoing-phase", "off")
+    assert expected["z"] != off["z"]
+    shown = on_cluster(address, source, "-o", folder, *options, "--blocks-per-part", "3")
+    assert_same_rows(parts_table(folder), expected)
+    assert "scan.pls: outgoing phase taken off" in words(shown)
+    (file,) = manifest_of(folder)["inputs"]
+    assert file["calibration"]["outgoing_phase"]["form"] == "phase"
