@@ -1,5 +1,7 @@
 #pragma once
 
+#include <fullwaveform/Export.h>  // first, so that its message on the language level comes first
+
 /// The whole public interface of the library.
 #include <fullwaveform/deconvolution/DeconvolvedSignal.h>
 #include <fullwaveform/deconvolution/RL_Planes.h>

@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include <fullwaveform/Export.h>
+
 namespace Kestra {
 
 template <std::size_t Rank, class T>

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <fullwaveform/Export.h>
+
 namespace FullWaveform {
 
 /// Attributes of the shot that a waveform belongs to, as given by the caller.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <fullwaveform/Export.h>
+
 namespace FullWaveform {
 
 /// Speed of light in air, m/s.

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include <fullwaveform/Export.h>
+
 namespace FullWaveform {
 
 /// What the drivers of a run share with the thread that watches it. Every member may be called at any time

@@ -43,7 +43,7 @@ use_pkg_config() {
   # xargs removes the quoting of blanks.
   mapfile -t flags < <(PKG_CONFIG_PATH=$libraries/pkgconfig pkg-config --cflags --libs fullwaveform | xargs -n 1)
   [[ ${#flags[@]} -ge 3 ]] || fail "pkg-config gives too few flags: ${flags[*]}"
-  g++ -std=c++20 "$here/../../examples/cpp/three_point.cpp" "${flags[@]}" -Wl,-rpath,"$libraries" -o "$scratch/three_point"
+  g++ "$here/../../examples/cpp/three_point.cpp" "${flags[@]}" -Wl,-rpath,"$libraries" -o "$scratch/three_point"
   check_program "pkg-config" "$scratch/three_point"
 
   "$here/write_code_blocks.sh" "$here/../../docs/embedding.md" "$scratch"

@@ -33,7 +33,7 @@ def include_folders() -> list[str]:
 
 
 def flags_of_packages() -> list[str]:
-    call = ["pkg-config", "--cflags", "cairo-pdf", "fftw3", "eigen3"]
+    call = ["pkg-config", "--cflags", "cairo-pdf", "fftw3"]
     output = subprocess.run(call, check=True, capture_output=True, text=True).stdout
     return output.replace("-I", "-isystem").split()
 

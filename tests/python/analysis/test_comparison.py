@@ -26,7 +26,7 @@ from fullwaveform.analysis.comparison import (
     compare_echoes,
 )
 from fullwaveform.cli.app import app
-from fullwaveform.data.echo_records import unknown_records
+from fullwaveform.data.echo_records import ECHO_RECORD, unknown_records
 from fullwaveform.plotting.histogram import draw_histogram
 
 UP = 0.000149854  # m per ps; the direction vectors point back to the scanner
@@ -311,6 +311,24 @@ def parts_of_two(monkeypatch: pytest.MonkeyPatch) -> None:
     """Two records are sorted, read and merged at a time."""
     for name in ("_BLOCK_ROWS", "_RUN_ROWS", "_MIN_ROWS"):
         monkeypatch.setattr(record_files, name, 2)
+
+
+def test_runs_on_disk_are_merged_in_order(tmp_path: Path, parts_of_two: None) -> None:
+    """Seven records arrive in three runs, of which the second follows the first."""
+    keys = [4.0, 1.0, 5.0, 6.0, 2.0, 5.0, 0.0]
+    with record_files.Scratch() as scratch:
+        ordered = record_files.SortedRecords(
+            scratch.file(), ECHO_RECORD, lambda records: records["gps_time"]
+        )
+        for row, key in enumerate(keys):
+            records = unknown_records(1, row)
+            records["gps_time"] = key
+            ordered.append(records)
+        assert len(ordered) == 7
+        for _ in range(2):  # it can be read again
+            merged = np.concatenate(list(ordered.ascending()))
+            assert merged["gps_time"].tolist() == sorted(keys)
+            assert merged["row"].tolist() == [6, 1, 4, 0, 2, 5, 3]
 
 
 def test_echoes_without_time_or_place_are_extra(scan: Path, tmp_path: Path) -> None:
