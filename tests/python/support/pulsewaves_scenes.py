@@ -87,6 +87,11 @@ class Pulse:
     anchor: tuple[int, int, int] = (0, 0, 0)
     target: tuple[int, int, int] = (0, 0, -15000)
     offset: int | None = None  # of the samples; by default the actual one
+    returning: tuple[int, int] = (0, 0)  # first and last sample
+    flags: int = 0
+    intensity: int = 0
+    classification: int = 0
+    extra: bytes = b""  # attributes beyond the standard fields; by default those of the scene
 
 
 @dataclass
@@ -124,8 +129,10 @@ class Scene:
         pulses = bytearray()
         for pulse in self.pulses:
             offset = len(waves) if pulse.offset is None else pulse.offset
-            fields = (pulse.time, offset, *pulse.anchor, *pulse.target, 0, 0, pulse.descriptor)
-            pulses += struct.pack("<qq3i3ihhBBBB", *fields, 0, 0, 0) + self.pulse_extra
+            fields = (pulse.time, offset, *pulse.anchor, *pulse.target, *pulse.returning)
+            kinds = (pulse.descriptor, pulse.flags, pulse.intensity, pulse.classification)
+            pulses += struct.pack("<qq3i3ihhBBBB", *fields, *kinds)
+            pulses += pulse.extra or self.pulse_extra
             descriptor = by_index.get(pulse.descriptor)
             if descriptor is not None:
                 waves += descriptor.extra
@@ -137,7 +144,9 @@ class Scene:
         start = HEADER_END + size_of_records
         header = struct.pack("<16sII16s64s64s", b"PulseWavesPulse", 0, 0, b"", b"", b"")
         header += struct.pack("<HHBBH", 0, 0, 0, 3, HEADER_END)
-        header += struct.pack("<qqIII", start, len(self.pulses), 0, 0, 48 + len(self.pulse_extra))
+        extra = self.pulses[0].extra if self.pulses else b""
+        size = 48 + len(extra or self.pulse_extra)
+        header += struct.pack("<qqIII", start, len(self.pulses), 0, 0, size)
         header += struct.pack("<IqIi", 0, 0, records, len(self.appended))
         header += struct.pack("<dd2q", self.time_scale, self.time_offset, 0, 0)
         return header + struct.pack("<3d3d6d", *self.scales, *self.offsets, *[0.0] * 6)

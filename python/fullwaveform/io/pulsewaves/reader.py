@@ -147,8 +147,8 @@ class PulseWavesReader(WaveformReader):
     def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:
         run = self._prepare(survey(self._pulses))
         tally.notes += self._notes_on(run)
-        held, missing = len(self._pulses), self._pulses.source.missing
-        tally.reject(_MISSING, missing, [f"pulses from number {held} on"])
+        if missing := self._pulses.source.missing:
+            tally.reject(_MISSING, missing, [f"pulses from number {len(self._pulses)} on"])
         for segments in run.blocks(self._waveforms_per_block, tally):
             yield self._pending(segments, run)
 
