@@ -151,11 +151,22 @@ def number_seeds() -> Iterator[tuple[str, bytes]]:
     yield "plots", axis + byte(0) + byte(1) + byte(0) + values
 
 
+def pulsewaves_seeds() -> Iterator[tuple[str, bytes]]:
+    """Streams of zeros, in which every symbol is the first one, for the three decoders."""
+    zeros = bytes(60)
+    yield "pulsewaves", byte(0) + byte(1) + struct.pack("<H", 20) + zeros
+    yield "pulsewaves", byte(1) + byte(3) + struct.pack("<H", 200) + bytes(57) + zeros
+    samplings = byte(2) + bytes([0, 0, 1, 1, 80, 0]) + bytes([1, 3, 2, 0, 0, 1])
+    spans = byte(2) + struct.pack("<hBB", 0, 1, 40) + struct.pack("<hBh", 10, 0, 500)
+    yield "pulsewaves", byte(2) + samplings + spans + byte(0) + zeros
+
+
 def main() -> None:
     """Write every seed to the folder of its target."""
     folder = Path(sys.argv[1])
     scan = simulate_scan(ScanSettings(shots=12, samples=160, seed=7, saturated_fraction=0.2))
     seeds = [*wave_seeds(scan), *block_seeds(scan), *scanner_seeds(), *number_seeds()]
+    seeds += pulsewaves_seeds()
     for index, (target, content) in enumerate(seeds):
         target_folder = folder / target
         target_folder.mkdir(parents=True, exist_ok=True)

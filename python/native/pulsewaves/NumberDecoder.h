@@ -28,7 +28,8 @@ class NumberDecoder {
   }
 
   /// @return the number; for 8 and 16 bits from 0 to 2^bits - 1, for 32 bits signed
-  std::int32_t decode(RangeDecoder& stream, std::int32_t prediction, std::size_t context = 0) {
+  [[gnu::always_inline]] std::int32_t decode(RangeDecoder& stream, std::int32_t prediction,
+                                             std::size_t context = 0) {
     if (!preparedContexts[context]) [[unlikely]] {
       magnitudes[context].reset();
       preparedContexts.set(context);
@@ -44,7 +45,7 @@ class NumberDecoder {
   }
 
  private:
-  std::uint32_t difference(RangeDecoder& stream, std::uint32_t k) {
+  [[gnu::always_inline]] std::uint32_t difference(RangeDecoder& stream, std::uint32_t k) {
     switch (k) {
       case 0:
         return static_cast<std::uint32_t>(zeroOrOne.decode(stream));
@@ -73,7 +74,8 @@ class NumberDecoder {
   }
 
   template <std::size_t size>
-  std::uint32_t place(RangeDecoder& stream, std::uint32_t k, SymbolModel<size>& model) {
+  [[gnu::always_inline]] std::uint32_t place(RangeDecoder& stream, std::uint32_t k,
+                                             SymbolModel<size>& model) {
     if ((preparedPlaces >> k & 1U) == 0) [[unlikely]] {
       model.reset();
       preparedPlaces |= std::uint32_t{1} << k;

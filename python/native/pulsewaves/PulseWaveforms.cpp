@@ -103,14 +103,17 @@ class Decoder {
   }
 
   template <class SampleDecoder>
-  static void decodeSamples(RangeDecoder& stream, SampleDecoder& decoder, std::uint16_t* samples,
+  static void decodeSamples(RangeDecoder& shared, SampleDecoder& decoder, std::uint16_t* samples,
                             std::size_t count) {
     decoder.reset();
+    // A copy that nothing else refers to stays in registers.
+    RangeDecoder stream = shared;
     std::int32_t last = 0;
     for (std::size_t i = 0; i < count; ++i) {
       last = decoder.decode(stream, last);
       samples[i] = static_cast<std::uint16_t>(last);
     }
+    shared = stream;
   }
 
   /// A number of `bits` bits, or `fixed` if it has none; nothing if it does not fit its bits or the stream

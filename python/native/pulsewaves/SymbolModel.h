@@ -60,15 +60,14 @@ template <std::size_t size>
 class SymbolModel {
  public:
   void reset() {
-    static Start const start;
     counts.fill(1);
-    limits = start.limits;
+    limits = startLimits;
     total = size;
     cycle = left = (size + 6) / 2;
   }
 
   /// @return the symbol, always below `size`
-  std::uint32_t decode(RangeDecoder& stream) {
+  [[gnu::always_inline]] std::uint32_t decode(RangeDecoder& stream) {
     std::uint32_t const unit = stream.length >> probabilityBits;
     std::size_t const symbol = find(stream.value, unit);
     std::uint32_t const low = limits[symbol] * unit;
@@ -89,14 +88,13 @@ class SymbolModel {
 
   using Limits = std::array<std::uint16_t, size>;  // cumulated probabilities, in 2^-15
 
-  struct Start {
-    Limits limits;
-    Start() {
-      for (std::size_t k = 0; k < size; ++k) {
-        limits[k] = static_cast<std::uint16_t>(0x80000000U / size * k >> 16U);
-      }
+  static constexpr Limits startLimits = [] {
+    Limits limits{};
+    for (std::size_t k = 0; k < size; ++k) {
+      limits[k] = static_cast<std::uint16_t>(0x80000000U / size * k >> 16U);
     }
-  };
+    return limits;
+  }();
 
   /// The last symbol whose limit is not above `value`.
   ///
