@@ -6,7 +6,7 @@ from importlib import import_module
 from typing import TYPE_CHECKING, Any
 
 if TYPE_CHECKING:
-    from fullwaveform.api import Extraction, extract
+    from fullwaveform.api import Extraction, extract, plot
     from fullwaveform.core.driver import Driver, Mode, Result, RowState
     from fullwaveform.core.scanner import Scanner
     from fullwaveform.data.columns import Columns
@@ -26,6 +26,7 @@ __all__ = [
     "WaveformState",
     "extract",
     "open",
+    "plot",
 ]
 __version__ = "0.1.0"
 
@@ -43,6 +44,7 @@ _EXPORTS = {
     "WaveformState": ("extraction.waveform_table", "WaveformState"),
     "extract": ("api", "extract"),
     "open": ("io.opening", "open_waveforms"),
+    "plot": ("api", "plot"),
 }
 
 

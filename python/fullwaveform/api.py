@@ -3,8 +3,10 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Iterable, Iterator, Mapping
+from collections.abc import Iterable, Iterator, Mapping, Sequence
 from dataclasses import replace
+from html import escape
+from importlib import import_module
 from pathlib import Path
 from typing import TYPE_CHECKING, cast
 
@@ -12,18 +14,22 @@ import laspy
 import numpy as np
 import pyarrow as pa
 
+from fullwaveform.analysis.waveform_selection import Selector, find_shot
+from fullwaveform.analysis.waveform_views import waveform_views
 from fullwaveform.calibration.calibration import measure, measure_first
 from fullwaveform.calibration.phase_choice import PhaseChoice, checked_phase_choice
 from fullwaveform.core.driver import (
     Mode,
+    Threshold,
     Thresholds,
     check_system_wave,
     checked_mode,
+    checked_threshold,
     checked_thresholds,
 )
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
-from fullwaveform.data.columns import Columns
+from fullwaveform.data.columns import Columns, html_table
 from fullwaveform.data.echo_columns import EchoTable, echo_table_to_arrow, table_columns
 from fullwaveform.extraction.extractor import (
     ExtractedBlock,
@@ -46,6 +52,7 @@ from fullwaveform.io.opening import open_waveforms
 
 if TYPE_CHECKING:
     import pandas as pd
+    from matplotlib.figure import Figure
 
 Source = str | os.PathLike[str] | WaveformReader | WaveformBlock | Iterable[WaveformBlock]
 
@@ -90,6 +97,14 @@ class Extraction:
     def __repr__(self) -> str:
         return f"Extraction({self.tally.echoes} echoes of {self.tally.waveforms} waveforms)"
 
+    def __len__(self) -> int:
+        """Number of echoes."""
+        return self.tally.echoes
+
+    def _repr_html_(self) -> str:
+        """The first echoes as a table, for notebooks."""
+        return f"<p>{escape(repr(self))}</p>{html_table(self.peaks)}"
+
     @property
     def peaks(self) -> Columns:
         """The echoes as NumPy columns of length m."""
@@ -99,6 +114,9 @@ class Extraction:
     def waveforms(self) -> Columns:
         """The waveforms as NumPy columns of length n."""
         return self._waveforms.columns
+
+    def _has_places(self) -> bool:
+        return len(self) == 0 or bool(np.isfinite(self._echoes.xyz).all(axis=1).any())
 
     def to_arrow(self, table: str = "peaks") -> pa.Table:
         """The table "peaks" or "waveforms"; units and descriptions are metadata of its fields."""
@@ -128,12 +146,17 @@ class Extraction:
         Raises
         ------
         ValueError
-            Unknown suffix.
+            Unknown suffix, or a LAS file of echoes none of which has a place in space.
         FileExistsError
             The file exists and is not replaced.
         OSError
             The file cannot be written.
         """
+        if Path(path).suffix.lower() in (".las", ".laz") and not self._has_places():
+            raise ValueError(
+                f"cannot write {path}: the echoes have no place in space; write a table "
+                "(.csv, .parquet, .h5)"
+            )
         run = run_metadata(self._settings, self._source)
         with (
             protected_inputs(*([] if self._source is None else [self._source])),
@@ -148,7 +171,7 @@ class Extraction:
 def extract(
     source: Source,
     *,
-    mode: Mode | int = Mode.THREE_POINT,
+    mode: Mode | int | str = Mode.THREE_POINT,
     scanner: Scanner | str | os.PathLike[str] | None = None,
     threshold: Thresholds | None = None,
     baseline: Baseline = "auto",
@@ -172,7 +195,7 @@ def extract(
         The path of a file in any format that `fullwaveform.open` knows, an open reader, a
         `WaveformBlock` or an iterable of them. For arrays use `Driver`.
     mode
-        0 three-point Gauss fit, 1 decomposition, 2 deconvolution, 3 hybrid.
+        0 "three-point" Gauss fit, 1 "decomposition", 2 "deconvolution", 3 "hybrid".
     scanner
         Scanner description or path of its TOML file. Default: that of the source if it has one,
         else `Scanner.default`.
@@ -192,7 +215,7 @@ def extract(
         Channel of the waveforms of a file (1 low power, 0 high power), one for all or by packet
         descriptor or channel number.
     sampling_interval
-        s, for the path of a NumPy archive without a sampling interval.
+        s, for the path of a NumPy array, or of an archive without a sampling interval.
     workers
         Number of threads. Default: all processors. The result does not depend on it.
     outgoing_phase
@@ -251,6 +274,68 @@ def extract(
     settings = replace(settings, calibration=calibration)
     extracted = list(extracted_blocks(blocks, settings, threads))
     return Extraction(extracted, None, ReadTally(), settings)
+
+
+def plot(
+    source: str | os.PathLike[str],
+    waveform: int | None = None,
+    *,
+    shot: int | None = None,
+    time: float | None = None,
+    mode: Mode | int | str | Sequence[Mode | int | str] = Mode.THREE_POINT,
+    scanner: Scanner | str | os.PathLike[str] | None = None,
+    threshold: Threshold | None = None,
+    channel_flags: Mapping[int, int] | int = 1,
+    sampling_interval: float | None = None,
+    whole: bool = False,
+) -> Figure:
+    """Plot a waveform of a file, or all waveforms of a shot, with their echoes.
+
+    Only the samples of that shot are read. A notebook shows the figure; ``figure.savefig`` writes
+    it.
+
+    Parameters
+    ----------
+    source
+        The path of a file in any format that `fullwaveform.open` knows.
+    waveform, shot, time
+        Exactly one of them: number of the waveform or of the shot, from 0, or GPS time in s.
+    mode
+        One mode or several, as for `extract`.
+    scanner, threshold, channel_flags, sampling_interval
+        As for `extract`.
+    whole
+        Whether to show the whole record, not only the part with echoes.
+
+    Raises
+    ------
+    OSError
+        The file cannot be opened.
+    ValueError
+        Invalid argument, or no such waveform or shot.
+    """
+    wanted = {Selector.WAVEFORM: waveform, Selector.SHOT: shot, Selector.TIME: time}
+    given = [(selector, value) for selector, value in wanted.items() if value is not None]
+    if len(given) != 1:
+        names = " and ".join(selector.value for selector, _ in given) or "none"
+        raise ValueError(f"expected one of waveform, shot and time, got {names}")
+    modes = [mode] if isinstance(mode, int | str) else list(mode)
+    level = None if threshold is None else checked_threshold(threshold)
+    with open_waveforms(
+        source, channel_flags=channel_flags, sampling_interval=sampling_interval
+    ) as reader:
+        described = _scanner(scanner)
+        carried = reader.scanner() if scanner is None else None
+        views = waveform_views(
+            find_shot(reader, *given[0]),
+            described if carried is None else carried,
+            [checked_mode(one) for one in modes],
+            level,
+            measure(reader),
+        )
+    # Imported on demand: an extraction needs no matplotlib, which takes long to load.
+    figures = import_module("fullwaveform.plotting.waveform")
+    return cast("Figure", figures.waveform_figure(views, whole=whole))
 
 
 def _blocks_of(source: object) -> Iterator[WaveformBlock]:

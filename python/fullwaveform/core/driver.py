@@ -13,7 +13,13 @@ import numpy.typing as npt
 from fullwaveform import _core
 from fullwaveform.core.messages import forward_messages
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.checks import checked_counts, checked_flags, checked_integers, checked_times
+from fullwaveform.data.checks import (
+    as_counts,
+    checked_counts,
+    checked_flags,
+    checked_integers,
+    checked_times,
+)
 from fullwaveform.data.columns import Columns
 
 # Not a directory: the library skips a report that it cannot open.
@@ -86,8 +92,8 @@ class Driver:
 
     Parameters
     ----------
-    mode : Mode or int
-        0 three-point Gauss fit, 1 decomposition, 2 deconvolution, 3 hybrid.
+    mode : Mode, int or str
+        0 "three-point" Gauss fit, 1 "decomposition", 2 "deconvolution", 3 "hybrid".
     scanner : Scanner
         Must know its sampling interval.
     report_directory : path, optional
@@ -114,7 +120,7 @@ class Driver:
 
     def __init__(
         self,
-        mode: Mode | int,
+        mode: Mode | int | str,
         scanner: Scanner,
         *,
         report_directory: str | Path | None = None,
@@ -159,8 +165,9 @@ class Driver:
 
         Parameters
         ----------
-        samples : (n, width) uint16
-            Counts; read without a copy. Rows must be contiguous and aligned.
+        samples : (n, width) whole numbers from 0 to 65535
+            Counts. uint16 is read without a copy; its rows must be contiguous and aligned. Other
+            types are copied.
         counts : (n,) integers, optional
             Valid samples of each row, at most `width`. Default: `width`.
         shot_times : (n,) float, optional
@@ -261,8 +268,13 @@ class Driver:
             )
 
 
-def checked_mode(mode: Mode | int) -> Mode:
-    """The mode of a number; ValueError if it is invalid."""
+def checked_mode(mode: Mode | int | str) -> Mode:
+    """The mode of a number or name; ValueError if it is invalid."""
+    if isinstance(mode, str):
+        by_name = {name: known for known, name in MODE_NAMES.items()}
+        if mode not in by_name:
+            raise ValueError(f"invalid mode {mode!r}; expected one of {', '.join(by_name)}")
+        return by_name[mode]
     if isinstance(mode, bool) or mode not in list(Mode):
         *others, last = (str(int(valid)) for valid in Mode)
         raise ValueError(f"invalid mode {mode!r}; expected {', '.join(others)} or {last}")
@@ -310,8 +322,7 @@ def _checked_samples(samples: npt.NDArray[np.uint16]) -> npt.NDArray[np.uint16]:
     array = np.asarray(samples)
     if array.ndim != 2:
         raise ValueError(f"samples must have 2 dimensions (waveform, sample), not {array.ndim}")
-    if array.dtype != np.uint16:
-        raise ValueError(f"samples must be uint16 in native byte order, not {array.dtype.str}")
+    array = as_counts(array, "samples")
     rows, width = array.shape
     if width > _core.MAX_COUNT:
         raise ValueError(f"samples have {width} columns; at most {_core.MAX_COUNT} are allowed")

@@ -16,6 +16,7 @@ from fullwaveform.data.arrays import (
     UInt8Array,
     UInt16Array,
 )
+from fullwaveform.data.checks import as_counts
 from fullwaveform.data.returns import DiscreteReturns
 
 
@@ -48,7 +49,9 @@ class PulseGeometry:
 class OutgoingPulses:
     """The recorded outgoing pulse of each waveform, one row per waveform, equal within a shot."""
 
-    samples: UInt16Array  # (n, width), counts; zero after the last valid sample of a row
+    # (n, width), counts; zero after the last valid sample of a row. Whole numbers of other types
+    # are converted.
+    samples: UInt16Array
     counts: UInt16Array  # (n,), valid samples of each row; 0 if no pulse was recorded
     sampling_intervals: FloatArray  # (n,), s per sample
     durations: FloatArray  # (n,), s from the reference time of the shot to the first sample
@@ -73,7 +76,9 @@ class WaveformBlock:
     A shot is never split between two blocks.
     """
 
-    samples: UInt16Array  # (n, width), counts; zero after the last valid sample of a row
+    # (n, width), counts; zero after the last valid sample of a row. Whole numbers of other types
+    # are converted.
+    samples: UInt16Array
     counts: UInt16Array  # (n,), valid samples of each row
     shot_times: FloatArray  # (n,), s; exactly equal for the waveforms of one shot, never NaN
     sbl_times: FloatArray  # (n,), s; 0 where the file has none
@@ -91,6 +96,7 @@ class WaveformBlock:
     def __post_init__(self) -> None:
         if len(self.descriptors) == 0:  # not given
             object.__setattr__(self, "descriptors", np.zeros(len(self), np.uint8))
+        object.__setattr__(self, "samples", as_counts(self.samples, "samples"))
 
     def __len__(self) -> int:
         return len(self.counts)

@@ -7,6 +7,7 @@ import numpy.typing as npt
 
 from fullwaveform.data.arrays import AnyArray, FloatArray, UInt8Array, UInt16Array
 
+_LARGEST_COUNT = 65_535
 _LARGEST_EXACT = 2**53  # integers up to it are doubles
 
 
@@ -32,6 +33,28 @@ def checked_integers(
         row = int(wrong[0])
         raise ValueError(f"{name}: {array[row]} of waveform {row} {rule}")
     return array
+
+
+def as_counts(values: AnyArray, name: str) -> UInt16Array:
+    """Samples of any type of number as uint16; the array itself if it is of this type.
+
+    Raises ValueError if a value is not a whole number from 0 to 65535.
+    """
+    if values.dtype == np.uint16 and values.dtype.isnative:
+        return values
+    if values.dtype.kind not in "uif":
+        raise ValueError(f"{name} must be whole numbers of counts, not {values.dtype}")
+    # Comparisons with NaN are false, so this also rejects NaN.
+    fits = (values >= 0) & (values <= _LARGEST_COUNT)
+    if values.dtype.kind == "f":
+        fits &= np.rint(values) == values
+    if not fits.all():
+        place = np.unravel_index(int(np.argmin(fits)), fits.shape)
+        raise ValueError(
+            f"{name}: value {values[place]} at {tuple(map(int, place))} is not a whole number "
+            f"from 0 to {_LARGEST_COUNT} counts"
+        )
+    return np.ascontiguousarray(values, dtype=np.uint16)
 
 
 def checked_counts(values: npt.ArrayLike, rows: int, width: int) -> UInt16Array:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Iterator, Mapping, Sequence
 from dataclasses import dataclass, fields
+from html import escape
 from typing import Any, Self, TypeVar, cast
 
 import numpy as np
@@ -33,6 +34,10 @@ class Columns(Mapping[str, AnyArray]):
     def __repr__(self) -> str:
         return f"Columns({self.rows} rows: {', '.join(self._columns)})"
 
+    def _repr_html_(self) -> str:
+        """The first rows, for notebooks."""
+        return html_table(self)
+
     @property
     def rows(self) -> int:
         """Length of the columns."""
@@ -41,6 +46,25 @@ class Columns(Mapping[str, AnyArray]):
     def to_arrow(self) -> pa.Table:
         """The same table for pyarrow."""
         return pa.table(self._columns)
+
+
+def html_table(columns: Columns, rows: int = 10) -> str:
+    """The first rows of a table as HTML, and the number of all."""
+    shown = min(rows, columns.rows)
+    heads = "".join(f"<th>{escape(name)}</th>" for name in columns)
+    lines = [
+        "".join(f"<td>{escape(_cell(column[row]))}</td>" for column in columns.values())
+        for row in range(shown)
+    ]
+    body = "".join(f"<tr>{line}</tr>" for line in lines)
+    return (
+        f"<table><thead><tr>{heads}</tr></thead><tbody>{body}</tbody></table>"
+        f"<p>{shown:,} of {columns.rows:,} rows</p>"
+    )
+
+
+def _cell(value: Any) -> str:
+    return f"{value:.6g}" if isinstance(value, float | np.floating) else str(value)
 
 
 @dataclass(frozen=True, slots=True)

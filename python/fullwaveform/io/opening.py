@@ -12,6 +12,7 @@ from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.container.layout import HDF5_SIGNATURE
 from fullwaveform.io.las.reader import LasWaveformReader
+from fullwaveform.io.npz.arrays import NPY_SIGNATURE
 from fullwaveform.io.npz.reader import ZIP_SIGNATURE, NpzReader
 from fullwaveform.io.pulsewaves.header import PULSE_SIGNATURE
 from fullwaveform.io.pulsewaves.reader import PulseWavesReader
@@ -35,7 +36,7 @@ def open_waveforms(
     ----------
     path
         A LAS or LAZ file with waveforms, the pulse file (``.pls`` or ``.plz``) of PulseWaves, a
-        scan container or a NumPy archive (``.npz``).
+        scan container, a NumPy archive (``.npz``) or array (``.npy``) of samples.
     waveforms_per_block, channel_flags
         As in `WaveformReader`.
     sampling_interval
@@ -68,7 +69,7 @@ def _opened(
         raise WaveformFileError(f"{path} is a device or a pipe; expected a regular file")
     with Path(path).open("rb") as stream:
         start = stream.read(_MAX_SIGNATURE)
-    if start.startswith(ZIP_SIGNATURE):
+    if start.startswith((ZIP_SIGNATURE, NPY_SIGNATURE)):
         return NpzReader(
             path,
             waveforms_per_block=waveforms_per_block,
@@ -79,7 +80,7 @@ def _opened(
     if sampling_interval is not None:
         raise ValueError(
             f"{path} stores its sampling interval; --interval (sampling_interval) is only for an "
-            ".npz without it"
+            ".npy or an .npz without it"
         )
     opened: WaveformReader = reader(
         path, waveforms_per_block=waveforms_per_block, channel_flags=channel_flags
@@ -103,5 +104,5 @@ def _reader_class(start: bytes, path: Path) -> Any:
     found = f"starts with {start!r}" if start else "empty"
     raise WaveformFileError(
         f"{path} is not a waveform file ({found}); supported formats: LAS and LAZ, PulseWaves "
-        "(.pls, .plz), scan containers (HDF5), NumPy archives (.npz)"
+        "(.pls, .plz), scan containers (HDF5), NumPy archives and arrays (.npz, .npy)"
     )

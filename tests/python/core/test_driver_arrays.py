@@ -174,6 +174,15 @@ def test_largest_samples_and_longest_rows_are_accepted() -> None:
     assert result.peaks["idx"].tolist() == [65_531.0]
 
 
+@pytest.mark.parametrize("kind", ["u1", "i2", "i4", "u8", "f4", "f8", ">u2", ">i4"])
+def test_whole_numbers_of_any_type_are_samples(kind: str) -> None:
+    expected = driver().apply(block(), threshold=10).peaks
+    found = driver().apply(block().astype(kind), threshold=10).peaks
+    assert expected.rows > 0
+    for name in expected:
+        np.testing.assert_array_equal(found[name], expected[name])
+
+
 NAN = float("nan")
 ROWS = block()
 REFUSED: dict[str, tuple[dict[str, Any], str]] = {
@@ -186,17 +195,20 @@ REFUSED: dict[str, tuple[dict[str, Any], str]] = {
         "samples must have 2 dimensions (waveform, sample), not 3",
     ),
     "floats": (
-        {"samples": ROWS.astype(float)},
-        "samples must be uint16 in native byte order, not <f8",
+        {"samples": np.array([[3.0, 4.5]])},
+        "samples: value 4.5 at (0, 1) is not a whole number from 0 to 65535 counts",
     ),
     "signed": (
-        {"samples": ROWS.astype(np.int16)},
-        "samples must be uint16 in native byte order, not <i2",
+        {"samples": np.array([[3, 4], [5, -6]], np.int16)},
+        "samples: value -6 at (1, 1) is not a whole number from 0 to 65535 counts",
     ),
-    "foreign bytes": (
-        {"samples": ROWS.astype(">u2")},
-        "samples must be uint16 in native byte order, not >u2",
+    "large": (
+        {"samples": np.array([[3, 65_536]])},
+        "samples: value 65536 at (0, 1) is not a whole number from 0 to 65535 counts",
     ),
+    "NaN sample": ({"samples": np.array([[3.0, NAN]])}, "samples: value nan at (0, 1) is not"),
+    "complex samples": ({"samples": ROWS + 0j}, "must be whole numbers of counts, not complex128"),
+    "Boolean samples": ({"samples": ROWS > 0}, "must be whole numbers of counts, not bool"),
     "too wide": (
         {"samples": np.zeros((1, 65_536), np.uint16)},
         "samples have 65536 columns; at most 65535 are allowed",

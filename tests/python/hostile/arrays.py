@@ -143,7 +143,7 @@ NAN = float("nan")
 def cases() -> Iterator[tuple[str, Case]]:
     for part in (0.0, 0.001, 0.01, 0.1, 0.5, 0.9, 0.999):
         yield f"container truncated to {part:g} of its size", container_cut(part)
-    for name in (FIELDS, "waveforms", "space"):
+    for name in (FIELDS, "waveforms"):
         yield f"container without {name}", without(name)
     for name in ("Waveforms", "SampleCount", "ShotTime", "SBL_Time", "ChannelFlag"):
         yield f"container without {name}", without(f"{FIELDS}/{name}")

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import math
 from dataclasses import dataclass
 
 import numpy as np
@@ -16,7 +17,7 @@ DECONVOLUTION = "scanner/deconvolution"
 REPRESENTATION = "waveforms/StandardCartesianChart3D"  # of the waveforms' grid: its fields
 WAVEFORMS = f"{REPRESENTATION}/Waveforms"
 SBL_TIME = f"{REPRESENTATION}/SBL_Time"
-SPACE = "space"
+SPACE = "space"  # optional: without it, places and times of waveforms are unknown
 OUTGOING = "outgoing"  # optional
 LAS = "las"
 
@@ -33,7 +34,8 @@ class Field:
     dtype: type[np.generic]
     unit: str
     shape: tuple[int, ...] = ()  # of a row; samples have the width of the file instead
-    is_optional: bool = False  # 0 in every row of a file without the dataset
+    is_optional: bool = False
+    missing: float = 0.0  # value of every row of a file without the dataset
 
 
 FIELDS = (
@@ -44,10 +46,17 @@ FIELDS = (
     Field("channel_flags", f"{REPRESENTATION}/ChannelFlag", np.uint8, "1 low power, 0 other"),
     Field("descriptors", f"{REPRESENTATION}/Descriptor", np.uint8, "number", is_optional=True),
     Field("sampling_intervals", f"{REPRESENTATION}/SampleInterval", np.float64, "s"),
-    Field("anchor", f"{SPACE}/anchor", np.float64, "coordinate units", (3,)),
-    Field("location", f"{SPACE}/location", np.float64, "ps"),
-    Field("direction", f"{SPACE}/direction", np.float64, "coordinate units per ps", (3,)),
-    Field("gps_time", f"{SPACE}/gps_time", np.float64, "s"),
+    Field("anchor", f"{SPACE}/anchor", np.float64, "coordinate units", (3,), missing=math.nan),
+    Field("location", f"{SPACE}/location", np.float64, "ps", missing=math.nan),
+    Field(
+        "direction",
+        f"{SPACE}/direction",
+        np.float64,
+        "coordinate units per ps",
+        (3,),
+        missing=math.nan,
+    ),
+    Field("gps_time", f"{SPACE}/gps_time", np.float64, "s", missing=math.nan),
     Field("scan_angle", f"{SPACE}/scan_angle", np.float32, "degrees"),
     Field("scan_direction_flag", f"{SPACE}/scan_direction_flag", np.uint8, "0 or 1"),
     Field("edge_of_flight_line", f"{SPACE}/edge_of_flight_line", np.uint8, "0 or 1"),

@@ -24,6 +24,7 @@ from fullwaveform.io.container.layout import (
     FORMAT,
     OUTGOING,
     OUTGOING_FIELDS,
+    SPACE,
     VERSION,
     WAVEFORMS,
     Field,
@@ -182,8 +183,10 @@ def _datasets(
 ) -> dict[str, SliceableArray]:
     datasets: dict[str, SliceableArray] = {}
     for field in fields:
-        if field.is_optional and field.path not in file:
-            datasets[field.column] = np.broadcast_to(field.dtype(0), (rows, *field.shape))
+        in_missing_group = field.path.startswith(f"{SPACE}/") and SPACE not in file
+        if in_missing_group or (field.is_optional and field.path not in file):
+            missing = field.dtype(field.missing)
+            datasets[field.column] = np.broadcast_to(missing, (rows, *field.shape))
             continue
         dataset = _dataset(file, field, path)
         width = dataset.shape[1:2] if field.column == "samples" else field.shape

@@ -12,6 +12,7 @@ from fullwaveform.data.arrays import AnyArray
 from fullwaveform.data.errors import WaveformFileError
 
 Arrays = dict[str, AnyArray]
+NPY_SIGNATURE = b"\x93NUMPY"
 
 
 def load_arrays(path: Path, keys: frozenset[str], memory_limit: int) -> Arrays:
@@ -42,6 +43,30 @@ def load_arrays(path: Path, keys: frozenset[str], memory_limit: int) -> Arrays:
             ) from error
 
 
+def is_single_array(path: Path) -> bool:
+    """Whether the file is a single array (.npy) and no archive."""
+    with path.open("rb") as stream:
+        return stream.read(len(NPY_SIGNATURE)) == NPY_SIGNATURE
+
+
+def load_samples(path: Path, memory_limit: int) -> Arrays:
+    """The array of a .npy file as the samples of an archive; raises as `load_arrays`."""
+    with path.open("rb") as stream:
+        try:
+            declared = _declared_bytes(stream, "samples", path)
+            _check_stored(declared, path.stat().st_size - stream.tell(), "samples", path)
+            _check_limit(declared, path, memory_limit)
+            stream.seek(0)
+            array: AnyArray = npy.read_array(stream, allow_pickle=False)
+        except WaveformFileError:
+            raise
+        except Exception as error:  # NumPy's parser raises many types
+            raise WaveformFileError(
+                f"{path}: corrupt .npy or unsupported array type: {error}"
+            ) from error
+    return {"samples": array}
+
+
 def has_array(path: Path, key: str) -> bool:
     """Whether an archive that was loaded before has an array of this key."""
     with path.open("rb") as stream, zipfile.ZipFile(stream) as archive:
@@ -57,11 +82,19 @@ def _check_sizes(
         with archive.open(name) as stream:
             declared = _declared_bytes(stream, key, path)
             stored = archive.getinfo(name).file_size - stream.tell()
-        if declared != stored:
-            raise WaveformFileError(
-                f"{path}: truncated: array {key} declares {declared} bytes, found {stored}"
-            )
+        _check_stored(declared, stored, key, path)
         total += declared
+    _check_limit(total, path, memory_limit)
+
+
+def _check_stored(declared: int, stored: int, key: str, path: Path) -> None:
+    if declared != stored:
+        raise WaveformFileError(
+            f"{path}: truncated: array {key} declares {declared} bytes, found {stored}"
+        )
+
+
+def _check_limit(total: int, path: Path, memory_limit: int) -> None:
     if total > memory_limit:
         raise WaveformFileError(
             f"{path}: arrays of {total / 1e9:.3g} GB exceed the limit of {memory_limit / 1e9:.3g} "

@@ -1,4 +1,4 @@
-"""Waveforms of NumPy archives (.npz)."""
+"""Waveforms of NumPy archives (.npz) and of single arrays (.npy)."""
 
 from __future__ import annotations
 
@@ -10,10 +10,11 @@ import numpy as np
 
 from fullwaveform.core.driver import MAX_COUNT
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray, UInt8Array, UInt16Array
+from fullwaveform.data.checks import as_counts
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.array_reader import ArrayReader, OutgoingArrays, WaveformArrays
 from fullwaveform.io.limits import MAX_SAMPLES, numbered_shots
-from fullwaveform.io.npz.arrays import has_array, load_arrays
+from fullwaveform.io.npz.arrays import has_array, is_single_array, load_arrays, load_samples
 from fullwaveform.io.npz.outgoing import OUTGOING_SAMPLES, load_outgoing
 
 ZIP_SIGNATURE = b"PK"
@@ -50,11 +51,12 @@ class NpzReader(ArrayReader):
     Parameters
     ----------
     path
-        The archive. Its keys, one row per waveform (details in docs/file-formats.md): ``samples``
-        (n, width) counts, and optionally ``counts`` (or ``count``), ``shot_times``
-        (``shot_time``) in s, ``shot_id``, ``sbl_times`` (``t0_s``) in s, ``channel_flags`` or
-        ``channel``, ``sampling_interval`` (``sampling_interval_s``) in s, one or one per waveform,
-        ``anchor`` (n, 3), ``location`` in ps, ``direction`` (n, 3) and ``gps_time``.
+        The archive, or a single array, which has the samples only. Keys of the archive, one row per
+        waveform (details in docs/file-formats.md): ``samples`` (n, width) counts, and optionally
+        ``counts`` (or ``count``), ``shot_times`` (``shot_time``) in s, ``shot_id``, ``sbl_times``
+        (``t0_s``) in s, ``channel_flags`` or ``channel``, ``sampling_interval``
+        (``sampling_interval_s``) in s, one or one per waveform, ``anchor`` (n, 3), ``location`` in
+        ps, ``direction`` (n, 3) and ``gps_time``.
     waveforms_per_block, channel_flags
         As in `WaveformReader`; flags by the numbers in ``channel``, 0 without it. The array
         ``channel_flags`` of the file takes precedence.
@@ -79,8 +81,11 @@ class NpzReader(ArrayReader):
     ) -> None:
         super().__init__(path, waveforms_per_block, channel_flags)
         notes: list[str] = []
-        self._arrays = load_arrays(self._path, _KEYS, memory_limit)
-        self._has_outgoing = has_array(self._path, OUTGOING_SAMPLES)
+        if is_single_array(self._path):
+            self._arrays, self._has_outgoing = load_samples(self._path, memory_limit), False
+        else:
+            self._arrays = load_arrays(self._path, _KEYS, memory_limit)
+            self._has_outgoing = has_array(self._path, OUTGOING_SAMPLES)
         self._sent: OutgoingArrays | None = None  # loaded when it is needed
         self._memory_limit = memory_limit
         self._shape = (0, 0)
@@ -143,12 +148,15 @@ class NpzReader(ArrayReader):
         samples = self._arrays["samples"]
         if samples.dtype == np.uint16 and samples.ndim == 2 and samples.shape[1] <= MAX_SAMPLES:
             return samples
-        if samples.ndim != 2 or samples.dtype.kind not in "ui" or samples.shape[1] > MAX_SAMPLES:
+        if samples.ndim != 2 or samples.shape[1] > MAX_SAMPLES:
             raise WaveformFileError(
                 f"{self._path}: invalid samples of type {samples.dtype} and shape {samples.shape}; "
-                f"must be integers of shape (n, width) with a width of at most {MAX_SAMPLES}"
+                f"must be numbers of shape (n, width) with a width of at most {MAX_SAMPLES}"
             )
-        self._arrays["samples"] = self._within("samples", samples, MAX_COUNT).astype(np.uint16)
+        try:
+            self._arrays["samples"] = as_counts(samples, "samples")
+        except ValueError as error:
+            raise WaveformFileError(f"{self._path}: {error}") from error
         return self._arrays["samples"]
 
     def _counts(self, width: int) -> IntArray:

@@ -135,13 +135,16 @@ def test_waveforms_without_time_are_counted(tmp_path: Path) -> None:
     ("arrays", "words"),
     [
         ({"samples": None}, "has no array samples"),
-        ({"samples": SAMPLES.astype(float)}, "samples of type float64 and shape (3, 3)"),
+        ({"samples": SAMPLES + 0.5}, "samples: value 1.5 at (0, 0) is not a whole number"),
         ({"samples": SAMPLES[0]}, "samples of type uint16 and shape (3,)"),
         (
             {"samples": SAMPLES.astype(np.int32) - 2},
-            "samples has values from -1 to 7; must be 0 to 65535",
+            "samples: value -1 at (0, 0) is not a whole number from 0 to 65535",
         ),
-        ({"samples": SAMPLES.astype(np.int32) << 14}, "samples has values from 16384 to 147456"),
+        (
+            {"samples": SAMPLES.astype(np.int32) << 14},
+            "samples: value 65536 at (1, 0) is not a whole number",
+        ),
         ({"samples": np.zeros((1, 65536), np.uint8)}, "width of at most 65535"),
         ({"counts": [3, 3]}, "counts has shape (2,); expected (3,)"),
         ({"counts": [3, 4, 3]}, "count 4 of waveform 1 exceeds the row length 3"),
