@@ -226,7 +226,7 @@ def test_geotiff_keys_that_are_not_understood_stay_without_the_flag(tmp_path: Pa
         ("1.4", 4, [34735, 2112], False, False),
         ("1.4", 4, [34735, 2112], True, True),
         ("1.4", 4, [2112], False, True),
-        ("1.3", 4, [34735], True, False),  # not defined before 1.4
+        ("1.3", 4, [2112], True, False),  # not defined before 1.4
         ("1.4", 4, [], True, False),
     ],
 )
