@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Does what docs/embedding.md says under "Build and install" and "A first program", word for word: in a copy of the
 # sources, with a home folder of its own, and with every compiler that is installed.
+#
+# Usage: check_documented_install.sh [COMPILER...]
 set -euo pipefail
 unset CXX CXXFLAGS PKG_CONFIG_PATH CMAKE_PREFIX_PATH
 
@@ -86,10 +88,13 @@ check_missing_libraries() {
 }
 
 check_missing_libraries
-compilers=()
-for compiler in g++ clang++ clang++-14; do
-  command -v "$compiler" >/dev/null && compilers+=("$compiler")
-done
+# The compilers of the call, by default all that are installed.
+compilers=("$@")
+if [[ $# -eq 0 ]]; then
+  for compiler in g++ clang++ clang++-14; do
+    ! command -v "$compiler" >/dev/null || compilers+=("$compiler")
+  done
+fi
 for compiler in "${compilers[@]}"; do
   use_compiler "$compiler"
 done
