@@ -7,6 +7,7 @@ import subprocess
 import sys
 from pathlib import Path
 
+import numpy as np
 import pytest
 
 ROOT = Path(__file__).resolve().parents[3]
@@ -63,6 +64,19 @@ def test_pictures_of_the_pages_are_drawn_by_the_script(tmp_path: Path) -> None:
     }
     assert drawn == shown == {path.name for path in PAGES.glob("*.png")}
     assert all(path.read_bytes().startswith(b"\x89PNG") for path in tmp_path.iterdir())
+
+
+def test_accuracy_of_deconvolved_positions_is_as_stated() -> None:
+    text = (PAGES / "deconvolution.md").read_text(encoding="utf-8")
+    stated = table(text.partition("## Refined positions")[2].partition("## Columns")[0])
+    found = table(run_script("position_accuracy.py"))
+    assert found.keys() == stated.keys()
+    for snr, values in found.items():
+        np.testing.assert_allclose(
+            [float(value) for value in values],
+            [float(value) for value in stated[snr][:2]],
+            rtol=0.1,
+        )
 
 
 def test_table_of_all_methods_agrees_with_the_measurement(measured: Table) -> None:
