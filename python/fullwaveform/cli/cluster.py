@@ -2,8 +2,10 @@
 
 from __future__ import annotations
 
+import sys
 from collections.abc import Iterator
 from contextlib import contextmanager
+from dataclasses import dataclass
 from pathlib import Path
 from typing import Annotated
 
@@ -11,11 +13,12 @@ import typer
 from rich.console import Console
 from rich.progress import BarColumn, MofNCompleteColumn, Progress, TextColumn, TimeRemainingColumn
 
-from fullwaveform.cli.errors import report_errors
+from fullwaveform.cli.errors import describe_error, report_errors
 from fullwaveform.cli.extract_options import ExtractOptions, with_extract_options
 from fullwaveform.cli.many_files import (
     DEFAULT_FORMAT,
     FormatOption,
+    SkipBadFiles,
     SourceFiles,
     check_folder,
     check_format,
@@ -26,17 +29,19 @@ from fullwaveform.cli.options import (
     QuietOption,
     integer_from,
 )
-from fullwaveform.cli.progress import print_line, shortened
+from fullwaveform.cli.progress import ProgressLines, print_line, shortened
 from fullwaveform.cli.summary import RunSummary
 from fullwaveform.cluster.connection import LOCAL, check_address, connected
-from fullwaveform.cluster.inputs import states_of
+from fullwaveform.cluster.inputs import InputFile, states_of
 from fullwaveform.cluster.job import (
     JobProgress,
     earlier_job,
     failures,
     plan_job,
     prepare_resume,
+    retry_inputs,
     run_job,
+    skip_failed,
 )
 from fullwaveform.cluster.manifest import MANIFEST_NAME, Manifest
 from fullwaveform.cluster.settings import JobSettings
@@ -82,6 +87,7 @@ def cluster(
         ),
     ] = None,
     resume: Annotated[bool, typer.Option("--resume", help="Continue the run in FOLDER")] = False,
+    skip_bad_files: SkipBadFiles = False,
     quiet: QuietOption = False,
 ) -> None:
     """Extract the echoes of files on several processors or machines.
@@ -110,8 +116,8 @@ def cluster(
         # Errors in files and manifest are reported before workers are waited for, and missing or
         # changed files before any is opened.
         manifest = earlier_job(folder, sources) if resume else None
-        states = [(source, states_of(source)) for source in sources]
-        settings = options.settings(_file_scanners(sources, options))
+        opened = _open_inputs(sources, options, quiet)
+        settings = options.settings([file.scanner for file in opened if not file.input.error])
         job_settings = JobSettings.of(
             settings,
             options.channels,
@@ -128,10 +134,16 @@ def cluster(
             connected(scheduler, workers or available_workers()) as client,
             _progress(_name(sources), quiet) as progress,
         ):
-            manifest = manifest or plan_job(client, states, job_settings, progress)
+            inputs = [file.input for file in opened]
+            if manifest is None:
+                manifest = plan_job(client, inputs, job_settings, progress)
+            else:
+                retry_inputs(client, manifest, inputs, progress)
             folder.mkdir(exist_ok=True)
             run_job(client, manifest, folder, progress)
-        _check_complete(manifest)
+        _check_complete(manifest, folder, skip_bad_files=skip_bad_files)
+        if not options.allow_empty:
+            _check_not_empty(manifest, options.keep_empty)
         if not quiet:
             _summary(manifest, settings, sources, folder).show(Console())
 
@@ -163,50 +175,103 @@ def _check_folder(folder: Path, resume: bool) -> None:
         )
 
 
-def _file_scanners(sources: list[Path], options: ExtractOptions) -> list[Scanner | None]:
-    """The scanner descriptions in the files; BadParameter for channels that none of them has."""
-    scanners, numbers = [], []
-    for source in sources:
+@dataclass(frozen=True)
+class _OpenedInput:
+    """What the start of a run needs to know of a file; only the input if it cannot be read."""
+
+    input: InputFile
+    scanner: Scanner | None = None
+    numbers: ChannelNumbers | None = None
+
+
+def _open_inputs(sources: list[Path], options: ExtractOptions, quiet: bool) -> list[_OpenedInput]:
+    """Open all files; those that cannot be read have an error.
+
+    Raises ValueError if that is all of them, BadParameter for a channel that none of them has.
+    """
+    opened: list[_OpenedInput] = []
+    with _bar("files", quiet) as bar:
+        lines, task = ProgressLines(bar, quiet), bar.add_task("opening", total=len(sources))
+        for source in sources:
+            opened.append(_open_input(source, options))
+            bar.update(task, completed=len(opened))
+            lines.print_if_due(f"{len(opened):,} of {counted(len(sources), 'file')} opened")
+    if all(file.input.error for file in opened):
+        raise ValueError("; ".join(file.input.error for file in opened))
+    options.channels.check([file.numbers for file in opened if file.numbers is not None])
+    return opened
+
+
+def _open_input(source: Path, options: ExtractOptions) -> _OpenedInput:
+    try:
+        file = InputFile(str(source), states_of(source), 0)
         with open_waveforms(
             source, channel_flags=options.channels, sampling_interval=options.interval
         ) as reader:
-            scanners.append(reader.scanner())
-            numbers.append(ChannelNumbers.of(reader, options.channels))
-    options.channels.check(numbers)
-    return scanners
+            numbers = ChannelNumbers.of(reader, options.channels)
+            return _OpenedInput(file, reader.scanner(), numbers)
+    except (OSError, ValueError) as error:
+        text = describe_error(error)
+        named = text if str(source) in text else f"{source}: {text}"
+        return _OpenedInput(InputFile(str(source), [], 0, error=named))
 
 
 @contextmanager
 def _progress(name: str, quiet: bool) -> Iterator[JobProgress]:
-    """A bar of finished parts on a terminal, and a line when there are no workers."""
-    console = Console(stderr=True)
-    with Progress(
-        TextColumn("{task.description}"),
-        BarColumn(),
-        MofNCompleteColumn(),
-        TextColumn("parts"),
-        TimeRemainingColumn(),
-        console=console,
-        disable=quiet or not console.is_terminal,
-    ) as bar:
-        task = bar.add_task(shortened(name), total=None)
+    """A bar of finished parts on a terminal, else lines, and a line when there are no workers."""
+    with _bar("parts", quiet) as bar:
+        task, lines = bar.add_task(shortened(name), total=None), ProgressLines(bar, quiet)
+
+        def files(done: int, total: int) -> None:
+            lines.print_if_due(f"{done:,} of {counted(total, 'file')} measured")
+
+        def parts(done: int, total: int) -> None:
+            bar.update(task, completed=done, total=total)
+            lines.print_if_due(f"{done:,} of {counted(total, 'part')} done")
 
         def waiting() -> None:
             if not quiet:
                 print_line("waiting for workers")
 
-        yield JobProgress(
-            parts=lambda done, total: bar.update(task, completed=done, total=total),
-            waiting=waiting,
+        yield JobProgress(files=files, parts=parts, waiting=waiting)
+
+
+def _bar(unit: str, quiet: bool) -> Progress:
+    console = Console(stderr=True)
+    return Progress(
+        TextColumn("{task.description}"),
+        BarColumn(),
+        MofNCompleteColumn(),
+        TextColumn(unit),
+        TimeRemainingColumn(),
+        console=console,
+        disable=quiet or not console.is_terminal,
+        redirect_stdout=sys.stdout.isatty(),
+    )
+
+
+def _check_complete(manifest: Manifest, folder: Path, *, skip_bad_files: bool) -> None:
+    """ValueError for failed parts, unless they are to be skipped and others are not."""
+    found = failures(manifest)
+    missing, total = len(manifest.unfinished()), len(manifest.parts)
+    if found and skip_bad_files and missing < total:
+        for text in found:
+            print_line(f"skipped: {text}")
+        skip_failed(manifest, folder)
+    elif found:
+        verb = "is" if missing == 1 else "are"
+        raise ValueError(
+            f"{'; '.join(found)}; {missing} of {counted(total, 'part')} {verb} missing, the others "
+            "are kept; retry with --resume"
         )
 
 
-def _check_complete(manifest: Manifest) -> None:
-    if found := failures(manifest):
-        missing = len(manifest.unfinished())
+def _check_not_empty(manifest: Manifest, keep_empty: bool) -> None:
+    total = manifest.total()
+    if total.written == 0 and not (keep_empty and total.rows):
         raise ValueError(
-            f"{'; '.join(found)}; {missing} of {len(manifest.parts)} parts are missing, the others "
-            "are kept; retry with --resume"
+            f"no echoes in {counted(total.waveforms, 'waveform')}; give a lower --threshold, or "
+            "--allow-empty"
         )
 
 

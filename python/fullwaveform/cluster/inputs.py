@@ -27,6 +27,7 @@ class InputFile:
     files: list[FileState]
     blocks: int
     calibration: Calibration = field(default_factory=Calibration)
+    error: str = ""  # why it could not be read when the run was planned
 
 
 def states_of(path: Path) -> list[FileState]:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import re
 import time
 from collections.abc import Callable, Sequence
 from dataclasses import asdict, dataclass, field, replace
@@ -11,7 +12,7 @@ from typing import Any
 
 from fullwaveform import __version__
 from fullwaveform.cluster.dispatch import Dispatcher
-from fullwaveform.cluster.inputs import FileState, InputFile, check_states
+from fullwaveform.cluster.inputs import InputFile, check_states
 from fullwaveform.cluster.manifest import MANIFEST_VERSION, Manifest, Part
 from fullwaveform.cluster.manifest_file import ManifestFile, read_manifest
 from fullwaveform.cluster.settings import JobSettings, differences
@@ -20,7 +21,8 @@ from fullwaveform.cluster.work import Unit, UnitResult, count_blocks, extract_un
 from fullwaveform.extraction.warning_file import append_statistics, warning_path
 
 _WAITING_NOTICE_S = 15.0  # workers that restart after a loss are back sooner
-_UNFINISHED_PARTS = ".part-*.part"  # of workers that were killed while writing
+# Temporary files of workers that were killed while writing a part.
+_UNFINISHED_PART = re.compile(r"\.(?P<part>.+)\.[0-9a-f]{8}\.part")
 
 
 @dataclass(frozen=True)
@@ -28,36 +30,73 @@ class JobProgress:
     """Callbacks on the progress of a run."""
 
     parts: Callable[[int, int], None] = field(default=lambda done, total: None)
+    files: Callable[[int, int], None] = field(default=lambda done, total: None)  # before the parts
     waiting: Callable[[], None] = field(default=lambda: None)  # no workers for a while
 
 
 def plan_job(
-    client: Any,
-    sources: Sequence[tuple[Path, list[FileState]]],
-    settings: JobSettings,
-    progress: JobProgress,
+    client: Any, inputs: Sequence[InputFile], settings: JobSettings, progress: JobProgress
 ) -> Manifest:
-    """The manifest of a new run over files and their states, measured by the workers.
+    """The manifest of a new run over files, measured by the workers.
 
-    Raises
-    ------
-    OSError, ValueError
-        A file cannot be read on a worker.
+    An input with an error, or whose content is invalid, has one part that has failed.
+
+    Raises OSError if a worker cannot read a file.
     """
-    inputs = [InputFile(str(source), states, 0) for source, states in sources]
+    manifest = Manifest(MANIFEST_VERSION, __version__, settings, list(inputs), [])
+    _measure(client, manifest, range(len(inputs)), progress)
+    _plan_parts(manifest)
+    return manifest
+
+
+def retry_inputs(
+    client: Any, manifest: Manifest, inputs: Sequence[InputFile], progress: JobProgress
+) -> None:
+    """Plan the parts of inputs that could not be read before, as they are now."""
+    failed = [number for number, entry in enumerate(manifest.inputs) if entry.error]
+    if not failed:
+        return
+    for number in failed:
+        manifest.inputs[number] = inputs[number]
+    _measure(client, manifest, failed, progress)
+    before = {part.file: part for part in manifest.parts}
+    _plan_parts(manifest)
+    for part in manifest.parts:
+        outcome = before[part.file].outcome if part.file in before else None
+        if outcome is not None:
+            part.finish(outcome)
+
+
+def _measure(
+    client: Any, manifest: Manifest, numbers: Sequence[int], progress: JobProgress
+) -> None:
+    """Count the blocks of inputs and calibrate them, or note why that is not possible."""
+    inputs = manifest.inputs
     units = [
-        (number, partial(_unit, settings, file, Part(number, number, 0, None, "")))
-        for number, file in enumerate(inputs)
+        (number, partial(_unit, manifest.settings, inputs[number], Part(0, number, 0, None, "")))
+        for number in numbers
+        if not inputs[number].error
     ]
     dispatcher = Dispatcher(client, _delayed(progress.waiting))
-    for number, result in dispatcher.run(count_blocks, units):
+    for done, (number, result) in enumerate(dispatcher.run(count_blocks, units), start=1):
+        if result.ends_run:
+            raise OSError(result.error)
         if result.blocks is None or result.calibration is None:
-            raise ValueError(result.error)
-        inputs[number] = replace(
-            inputs[number], blocks=result.blocks, calibration=result.calibration
-        )
-    parts = planned_parts(inputs, settings.blocks_per_part, f".{settings.part_format}")
-    return Manifest(MANIFEST_VERSION, __version__, settings, inputs, parts)
+            inputs[number] = replace(inputs[number], error=result.error)
+        else:
+            inputs[number] = replace(
+                inputs[number], blocks=result.blocks, calibration=result.calibration
+            )
+        progress.files(done, len(units))
+
+
+def _plan_parts(manifest: Manifest) -> None:
+    settings = manifest.settings
+    suffix = f".{settings.part_format}"
+    manifest.parts = planned_parts(manifest.inputs, settings.blocks_per_part, suffix)
+    for part in manifest.parts:
+        if error := manifest.inputs[part.input].error:
+            part.fail(error)
 
 
 def earlier_job(folder: Path, sources: Sequence[Path]) -> Manifest:
@@ -85,7 +124,8 @@ def earlier_job(folder: Path, sources: Sequence[Path]) -> Manifest:
         ),
     )
     for entry in manifest.inputs:
-        check_states(Path(entry.path), entry.files)
+        if not entry.error:
+            check_states(Path(entry.path), entry.files)
     return manifest
 
 
@@ -124,8 +164,11 @@ def run_job(client: Any, manifest: Manifest, folder: Path, progress: JobProgress
         _run_parts(client, manifest, folder, progress, file)
     finally:
         file.save()
-    for path in folder.glob(_UNFINISHED_PARTS):
-        path.unlink(missing_ok=True)
+    stems = {Path(part.file).stem for part in manifest.parts}
+    for path in folder.iterdir():
+        found = _UNFINISHED_PART.fullmatch(path.name)
+        if found is not None and Path(found["part"]).stem in stems:
+            path.unlink(missing_ok=True)
     _write_statistics(manifest, folder)
 
 
@@ -134,10 +177,18 @@ def failures(manifest: Manifest) -> list[str]:
     return list(dict.fromkeys(part.error for part in manifest.parts if part.error))
 
 
+def skip_failed(manifest: Manifest, folder: Path) -> None:
+    """Mark failed parts as skipped, so that the run is finished without them."""
+    for part in manifest.parts:
+        if part.state == Part.FAILED:
+            part.state = Part.SKIPPED
+    ManifestFile(manifest, folder).save()
+
+
 def _run_parts(
     client: Any, manifest: Manifest, folder: Path, progress: JobProgress, file: ManifestFile
 ) -> None:
-    unfinished = manifest.unfinished()
+    unfinished = [part for part in manifest.unfinished() if not manifest.inputs[part.input].error]
     done = len(manifest.parts) - len(unfinished)
     progress.parts(done, len(manifest.parts))
     report_waiting = _delayed(progress.waiting)

@@ -53,6 +53,7 @@ class Part:
     WAITING: ClassVar[str] = "waiting"
     DONE: ClassVar[str] = "done"
     FAILED: ClassVar[str] = "failed"
+    SKIPPED: ClassVar[str] = "skipped"  # failed, and the result is used without it
 
     number: int
     input: int  # index of the file among the inputs
@@ -91,7 +92,8 @@ class Manifest:
 
     def unfinished(self) -> list[Part]:
         """The parts that are not written yet, in order."""
-        return [part for part in self.parts if part.state != Part.DONE]
+        finished = (Part.DONE, Part.SKIPPED)
+        return [part for part in self.parts if part.state not in finished]
 
     def total(self) -> PartOutcome:
         """The counts of all finished parts, notes and statistics in order."""

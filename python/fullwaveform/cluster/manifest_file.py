@@ -56,7 +56,7 @@ def _check_parts(manifest: Manifest, path: Path) -> None:
             raise ValueError(f"{where} has invalid file name {part.file!r}")
         if part.first < 0 or (part.stop is not None and part.stop <= part.first):
             raise ValueError(f"{where} has invalid blocks {part.first} to {part.stop}")
-        if part.state not in (Part.WAITING, Part.DONE, Part.FAILED):
+        if part.state not in (Part.WAITING, Part.DONE, Part.FAILED, Part.SKIPPED):
             raise ValueError(f"{where} has invalid state {part.state!r}")
         if (part.state == Part.DONE) != (part.outcome is not None):
             raise ValueError(f"{where} is {part.state}, but its outcome is {part.outcome}")

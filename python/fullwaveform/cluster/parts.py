@@ -14,7 +14,7 @@ from fullwaveform.io.echo_writers.geoparquet import GEOMETRY
 
 
 def part_paths(folder: str | os.PathLike[str]) -> list[Path]:
-    """The parts of a finished run, in the order of its inputs and their blocks.
+    """The parts of a finished run without skipped ones, by input and block.
 
     Raises
     ------
@@ -30,7 +30,7 @@ def part_paths(folder: str | os.PathLike[str]) -> list[Path]:
             f"{folder}: {unfinished} of {len(manifest.parts)} parts are not finished; continue the "
             "run with --resume"
         )
-    paths = [folder / part.file for part in manifest.parts]
+    paths = [folder / part.file for part in manifest.parts if part.outcome is not None]
     for path in paths:
         if not path.is_file():
             raise FileNotFoundError(f"part {path} of the manifest is missing")

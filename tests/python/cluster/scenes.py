@@ -71,7 +71,7 @@ def done_parts(folder: Path) -> int:
 
 def times(folder: Path) -> dict[str, int]:
     """Modification time of each part."""
-    found = folder.glob("part-*")
+    found = folder.glob("*.part-*")
     return {path.name: path.stat().st_mtime_ns for path in found}
 
 

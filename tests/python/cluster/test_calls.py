@@ -10,6 +10,7 @@ from pathlib import Path
 import pytest
 
 import fullwaveform
+from fullwaveform.cluster import part_paths
 from fullwaveform.cluster.connection import connected
 from fullwaveform.cluster.inputs import states_of
 from fullwaveform.cluster.settings import JobSettings
@@ -75,7 +76,7 @@ def test_output_must_be_a_new_or_empty_folder(scan: Path, tmp_path: Path) -> Non
     def refused(output: Path, message: str) -> None:
         assert_usage(run("cluster", scan, "-o", output, "--scheduler", ADDRESS), message)
 
-    refused(tmp_path / "echoes.parquet", "must be a folder; the format of the parts is given by")
+    refused(tmp_path / "echoes.parquet", "must be a folder; the format of its files is given by")
     refused(scan, "must be a folder")
     refused(tmp_path, "is not empty; choose a new or empty folder")
     (tmp_path / "parts").mkdir()
@@ -121,17 +122,53 @@ def test_scheduler_without_workers_is_an_error(tmp_path: Path) -> None:
         raise AssertionError
 
 
-def test_invalid_input_is_reported_before_anything_is_written(
-    address: str, scan: Path, tmp_path: Path
-) -> None:
-    bad = tmp_path / "bad.las"
+def test_run_of_bad_files_only_is_refused(address: str, tmp_path: Path) -> None:
+    bad, missing = tmp_path / "bad.las", tmp_path / "missing.las"
     bad.write_bytes(b"LASF")
-    call = ("cluster", scan, bad, "-o", tmp_path / "parts", "--scheduler", address)
-    assert_error(run(*call), str(bad))
+    call = ("cluster", bad, missing, "-o", tmp_path / "parts", "--scheduler", address)
+    assert_error(run(*call), str(bad), f"{missing}: No such file or directory")
     assert not (tmp_path / "parts").exists()
-    missing = tmp_path / "missing.las"
-    call = ("cluster", scan, missing, "-o", tmp_path / "parts", "--scheduler", address)
-    assert_error(run(*call), f"{missing}: No such file or directory")
+
+
+def test_bad_files_do_not_stop_the_others(address: str, scan: Path, tmp_path: Path) -> None:
+    bad, missing, folder = tmp_path / "bad.las", tmp_path / "missing.las", tmp_path / "parts"
+    bad.write_bytes(b"LASF")
+    call = ("cluster", bad, scan, missing, "-o", folder, "--scheduler", address)
+    call = (*call, "--threshold", "20")
+    assert_error(run(*call), str(bad), f"{missing}: No such file", "2 of 3 parts are missing")
+    failed, done, skipped = "failed", "done", "skipped"
+    parts = ("bad.part-00000.parquet", "scan.part-00000.parquet", "missing.part-00000.parquet")
+    assert states(folder) == dict(zip(parts, (failed, done, failed), strict=True))
+    with pytest.raises(ValueError, match="2 of 3 parts are not finished"):
+        part_paths(folder)
+    skipping = run(*call, "--resume", "--skip-bad-files")
+    assert skipping.exit_code == 0, skipping.output
+    assert f"skipped: {missing}: No such file or directory" in skipping.stderr
+    assert states(folder) == dict(zip(parts, (skipped, done, skipped), strict=True))
+    assert [path.name for path in part_paths(folder)] == [parts[1]]
+    # Repaired files are planned as in a new run.
+    for path, seed in ((bad, 3), (missing, 4)):
+        path.unlink(missing_ok=True)
+        las_scan(path, shots=30, seed=seed)
+    resumed = run(*call, "--resume")
+    assert resumed.exit_code == 0, resumed.output
+    fresh = tmp_path / "fresh"
+    call = ("cluster", bad, scan, missing, "-o", fresh, "--scheduler", address)
+    assert run(*call, "--threshold", "20").exit_code == 0
+    assert names(folder) == names(fresh)
+    for name in parts:
+        assert (folder / name).read_bytes() == (fresh / name).read_bytes()
+
+
+def test_inputs_of_one_name_are_refused(scan: Path, tmp_path: Path) -> None:
+    call = ("cluster", scan, tmp_path / "scan.pls", "-o", tmp_path / "parts")
+    assert_usage(run(*call, "--scheduler", "local"), "would have the same name")
+
+
+def test_run_without_echoes_is_an_error(address: str, scan: Path, tmp_path: Path) -> None:
+    call = ("cluster", scan, "--scheduler", address, "--threshold", "60000", "-o")
+    assert_error(run(*call, tmp_path / "none"), "no echoes in ", "--allow-empty")
+    assert run(*call, tmp_path / "allowed", "--allow-empty").exit_code == 0
 
 
 def test_unreadable_file_affects_only_its_own_part(
@@ -141,9 +178,9 @@ def test_unreadable_file_affects_only_its_own_part(
     bad.with_suffix(".wdp").write_bytes(bad.with_suffix(".wdp").read_bytes()[:60])
     folder = tmp_path / "parts"
     result = run("cluster", bad, scan, "-o", folder, "--scheduler", address, "--threshold", "20")
-    assert_error(result, f"{bad}: no readable waveform", "1 of 2 parts are missing")
-    assert states(folder) == {"part-00000.parquet": "failed", "part-00001.parquet": "done"}
-    assert names(folder) == ["manifest.json", "part-00001.parquet"]
+    assert_error(result, f"{bad}: no readable waveform", "1 of 2 parts is missing")
+    assert states(folder) == {"bad.part-00000.parquet": "failed", "scan.part-00000.parquet": "done"}
+    assert names(folder) == ["manifest.json", "scan.part-00000.parquet"]
 
 
 def unit(scan: Path, folder: Path, version: str = fullwaveform.__version__) -> str:

@@ -39,7 +39,7 @@ def test_part_of_a_killed_worker_is_repeated(tmp_path: Path) -> None:
         wait_until((test / "held").exists)
         pid = int((test / "held").read_text(encoding="ascii"))
         assert pid in [worker.pid for worker in both]
-        assert any(path.name.startswith(".part-00002") for path in folder.iterdir())
+        assert any(path.name.startswith(".scan.part-00002") for path in folder.iterdir())
         (test / "go").touch()  # for the worker that gets it next
         os.kill(pid, signal.SIGKILL)
         stdout, stderr = first.communicate(timeout=TIMEOUT_S)
@@ -71,9 +71,9 @@ def test_part_that_kills_every_worker_is_marked_as_failed(address: str, tmp_path
     assert line.startswith(
         f"fullwaveform: {sources[0]}: unit failed on 2 workers (out of memory?); reduce --block"
     )
-    assert "1 of 7 parts are missing, the others are kept" in line
+    assert "1 of 7 parts is missing, the others are kept" in line
     assert [name for name, state in states(folder).items() if state != "done"] == (
-        ["part-00002.parquet"]
+        ["scan.part-00002.parquet"]
     )
     (failed,) = [part for part in manifest_of(folder)["parts"] if part["state"] == "failed"]
     assert "unit failed on 2 workers" in failed["error"]

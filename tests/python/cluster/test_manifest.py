@@ -65,10 +65,10 @@ def test_parts_cover_every_block_once() -> None:
 
 def test_part_names_sort_in_order() -> None:
     names = [part.file for part in planned_parts([file("a.las", 11)], 1, ".csv")]
-    assert names[0] == "part-00000.csv"
-    assert names[10] == "part-00010.csv"
+    assert names[0] == "a.part-00000.csv"
+    assert names[10] == "a.part-00010.csv"
     many = [part.file for part in planned_parts([file("a.las", 100_001)], 1, ".csv")]
-    assert many[0] == "part-000000.csv"
+    assert many[0] == "a.part-000000.csv"
     assert many == sorted(many)
 
 
@@ -172,7 +172,7 @@ def test_default_parts_are_smaller_for_slower_modes() -> None:
         (lambda m: m["parts"][1].update(input=2), "part 1 has invalid number 1 or input 2"),
         (lambda m: m["parts"][1].update(file="../a.parquet"), "part 1 has invalid file name '../a"),
         (lambda m: m["parts"][1].update(file="a.las"), "part 1 has invalid file name 'a.las'"),
-        (lambda m: m["parts"][1].update(file="part-00000.parquet"), "two parts have the same"),
+        (lambda m: m["parts"][1].update(file=m["parts"][0]["file"]), "two parts have the same"),
         (lambda m: m["parts"][0].update(stop=0), "part 0 has invalid blocks 0 to 0"),
         (
             lambda m: m["parts"][0].update(stop=1),

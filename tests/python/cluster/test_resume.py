@@ -115,7 +115,7 @@ def test_finished_parts_are_not_rewritten(job: Job) -> None:
 
 @pytest.mark.parametrize("damage", [Path.unlink, lambda path: os.truncate(path, 100)])
 def test_missing_or_truncated_part_is_repeated(job: Job, damage: Callable[[Path], object]) -> None:
-    third = job.parts / "part-00002.parquet"
+    third = job.parts / "scan.part-00002.parquet"
     content, before = third.read_bytes(), times(job.parts)
     damage(third)
     assert job.resume().exit_code == 0
@@ -191,6 +191,6 @@ def test_parts_of_an_unfinished_run_are_not_read(job: Job) -> None:
         next(read_parts(job.parts))
     assert job.resume().exit_code == 0
     assert len(list(read_parts(job.parts))) == 5
-    (job.parts / "part-00004.parquet").unlink()
-    with pytest.raises(FileNotFoundError, match=r"part-00004\.parquet.* is missing"):
+    (job.parts / "scan.part-00004.parquet").unlink()
+    with pytest.raises(FileNotFoundError, match=r"scan\.part-00004\.parquet.* is missing"):
         next(read_parts(job.parts))
