@@ -63,7 +63,7 @@ def test_interrupted_run_is_completed_by_resume(
     expected = single_run(scan, tmp_path / "single.parquet", *SINGLE)
     assert_same_rows(parts_table(folder), expected)
     # The summary is that of the whole run, not of its second half.
-    single = run("extract", scan, "-o", tmp_path / "single.parquet", *SINGLE)
+    single = run("extract", scan, "-o", tmp_path / "again.parquet", *SINGLE)
     assert table_lines(second.stdout) == table_lines(single.stdout)
 
 
