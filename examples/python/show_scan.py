@@ -89,17 +89,17 @@ def _crowded_rows(block: WaveformBlock, truth: TruthTable) -> list[int]:
 
 
 def _waveform(block: WaveformBlock, row: int, echoes: laspy.LasData) -> Waveform:
-    of_shot = np.asarray(echoes.gps_time) == block.shot_times[row]
     interval_ns = block.sampling_intervals[row] * 1e9
     number = int(block.waveform_numbers[row])
+    chosen = np.asarray(echoes["waveform_number"]) == number
     samples = block.samples[row, : block.counts[row]]
     baseline = np.median(samples)  # most samples hold no light
     return Waveform(
         samples=samples,
         threshold=THRESHOLD,
-        positions=np.asarray(echoes["position"])[of_shot],
-        amplitudes=baseline + np.asarray(echoes["amplitude"], dtype=np.float64)[of_shot],
-        widths=np.asarray(echoes["sigma_ns"], dtype=np.float64)[of_shot] / interval_ns,
+        positions=np.asarray(echoes["position"])[chosen],
+        amplitudes=baseline + np.asarray(echoes["amplitude"], dtype=np.float64)[chosen],
+        widths=np.asarray(echoes["sigma_ns"], dtype=np.float64)[chosen] / interval_ns,
         title=f"waveform {number}",
     )
 
