@@ -19,6 +19,7 @@ from fullwaveform.calibration.outgoing_template import OutgoingTemplate, mean_ou
 from fullwaveform.calibration.phase_choice import PhaseChoice
 from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.data.blocks import OutgoingPulses, WaveformBlock
+from fullwaveform.data.columns import take_rows
 
 MIN_PAIRS = 200
 _MAX_SHARE = 0.8  # of the scatter, that must not be exceeded for the correction to be applied
@@ -152,7 +153,9 @@ def _template(blocks: Sequence[WaveformBlock]) -> OutgoingTemplate | None:
         return None
     values, counts = np.unique(intervals, return_counts=True)
     interval = float(values[np.argmax(counts)])
-    chosen = [pulses.of(pulses.sampling_intervals == interval) for pulses in shots]
+    chosen = [
+        take_rows(pulses, np.flatnonzero(pulses.sampling_intervals == interval)) for pulses in shots
+    ]
     width = max(pulses.samples.shape[1] for pulses in chosen)
     samples = [
         np.pad(pulses.samples, ((0, 0), (0, width - pulses.samples.shape[1]))) for pulses in chosen
@@ -165,7 +168,8 @@ def _one_per_shot(block: WaveformBlock) -> OutgoingPulses:
     """The recorded outgoing pulses, each once."""
     assert block.outgoing is not None
     is_first = np.diff(block.shot_times, prepend=np.nan) != 0.0
-    return block.outgoing.of(is_first & (block.outgoing.counts > 0))
+    chosen = np.flatnonzero(is_first & (block.outgoing.counts > 0))
+    return take_rows(block.outgoing, chosen)
 
 
 def _best_correction(

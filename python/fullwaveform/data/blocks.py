@@ -9,7 +9,6 @@ from dataclasses import dataclass, field
 import numpy as np
 
 from fullwaveform.data.arrays import (
-    BoolArray,
     Float32Array,
     FloatArray,
     IntArray,
@@ -58,15 +57,6 @@ class OutgoingPulses:
 
     def __len__(self) -> int:
         return len(self.counts)
-
-    def of(self, rows: IntArray | BoolArray) -> OutgoingPulses:
-        """The given rows."""
-        return OutgoingPulses(
-            self.samples[rows],
-            self.counts[rows],
-            self.sampling_intervals[rows],
-            self.durations[rows],
-        )
 
 
 @dataclass(frozen=True, slots=True)

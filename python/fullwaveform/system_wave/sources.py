@@ -15,6 +15,7 @@ from fullwaveform.calibration.pulses import SUBSAMPLED, Pulses, pulses_of_rows
 from fullwaveform.core.driver import Threshold
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import AnyArray, FloatArray
+from fullwaveform.data.columns import take_rows
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.npz.reader import ZIP_SIGNATURE
 from fullwaveform.io.opening import open_waveforms
@@ -115,7 +116,7 @@ class Input:
                 firsts = np.flatnonzero(np.diff(block.shot_times, prepend=np.nan) != 0.0)
                 chosen = firsts[(shots + np.arange(len(firsts))) % every == 0]
                 shots += len(firsts)
-                pulses = block.outgoing.of(chosen)
+                pulses = take_rows(block.outgoing, chosen)
                 recorded = pulses.counts > 0
                 if interval is None and recorded.any():
                     interval = float(pulses.sampling_intervals[recorded][0])
@@ -123,7 +124,7 @@ class Input:
                 rejected[SUBSAMPLED] += len(firsts) - len(chosen)
                 rejected[NOT_RECORDED] += int(np.count_nonzero(~recorded))
                 rejected[OTHER_INTERVAL] += int(np.count_nonzero(recorded & ~is_equal))
-                used = pulses.of(recorded & is_equal)
+                used = take_rows(pulses, np.flatnonzero(recorded & is_equal))
                 rows.append(Waveforms(used.samples, used.counts, 0.0).as_float())
             rejected += reader.tally.rejected
         if interval is None:

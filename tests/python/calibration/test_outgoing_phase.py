@@ -162,7 +162,7 @@ def test_channels_that_are_not_told_apart_do_not_count_twice() -> None:
         both,
         sbl_times=both.sbl_times + 3.0 * INTERVAL * second,
         descriptors=(1 + second).astype(np.uint8),
-        outgoing=low.outgoing.of(rows),
+        outgoing=take_rows(low.outgoing, rows),
     )
     phase = decided(both)
     assert (phase.form, phase.pairs) == ("phase", SHOTS - 2)

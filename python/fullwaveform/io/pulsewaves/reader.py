@@ -12,6 +12,7 @@ import numpy as np
 
 from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.data.blocks import OutgoingPulses, ReadTally, WaveformBlock
+from fullwaveform.data.columns import take_rows
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.block_range import PendingBlock
@@ -221,12 +222,13 @@ class PulseWavesReader(WaveformReader):
         pulses, row = np.unique(segments["pulse"], return_inverse=True)
         sent = run.outgoing(pulses)
         unit = run.table.units_ns[sent["sampling"]]
-        return OutgoingPulses(
+        once = OutgoingPulses(
             samples=self._waves.read(sent, run.table),
             counts=sent["count"].astype(np.uint16),
             sampling_intervals=unit / 1e9,
             durations=sent["duration"] * unit / 1e9,
-        ).of(row)
+        )
+        return take_rows(once, row)
 
 
 def _opened_waves(path: Path, *, compressed: bool) -> WaveSource:
