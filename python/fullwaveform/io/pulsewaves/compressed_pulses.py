@@ -50,6 +50,7 @@ class ChunkIndex:
     first_bytes: IntArray  # (n + 1,), of the file
     end: int  # byte after the chunks and their table
     missing: int  # pulses that the header declares but the truncated file does not hold
+    has_table: bool  # whether the chunk table was there
 
 
 def read_pulse_compression(
@@ -89,6 +90,9 @@ class CompressedPulses(PulseSource):
         self.count = int(self._index.first_pulses[-1])
         self.missing = self._index.missing
         self.end = self._index.end
+        self.has_appended = self._index.has_table
+        if not self._index.has_table:
+            self.notes = ("The chunk table is missing; the pulses were read from the start.",)
         self._damaged = np.zeros(len(self._index.first_pulses), dtype=bool)  # by chunk
         self._kept: OrderedDict[int, UInt8Array] = OrderedDict()
 
@@ -176,10 +180,11 @@ def _read_index(
     header: PulseWavesHeader, compression: PulseCompression, source: FileBytes
 ) -> ChunkIndex:
     position = _table_position(header, source)
-    if position is None:
-        index = _index_without_table(header, compression, source)
-    else:
+    index = None
+    if position is not None:
         index = _index_from_table(header, compression, source, position)
+    if index is None:
+        index = _index_without_table(header, compression, source)
     largest = int(np.diff(index.first_pulses).max(initial=0))
     _check_chunk_size(largest, header, source.path)
     return index
@@ -212,7 +217,8 @@ def _position_at(source: FileBytes, byte: int) -> int:
 
 def _index_from_table(
     header: PulseWavesHeader, compression: PulseCompression, source: FileBytes, position: int
-) -> ChunkIndex:
+) -> ChunkIndex | None:
+    """The chunks as the table lists them; None if the table is truncated."""
     name = f"{source.path}: chunk table at byte {position}"
     start = header.pulses_start + _POSITION.size
     head = _read(source, position, position + _TABLE_START.size)
@@ -232,9 +238,11 @@ def _index_from_table(
         source, position + _TABLE_START.size, min(source.size, position + 16 + 16 * chunks)
     )
     table = decode_chunk_table(coded, chunks, with_pulses=size == 0)
+    if not table.intact:
+        return None
     pulses = np.append(np.full(max(chunks - 1, 0), size), total - size * max(chunks - 1, 0))
     pulses = pulses[:chunks] if table.pulses is None else table.pulses
-    if not table.intact or pulses.sum() != total or table.bytes.sum() != position - start:
+    if pulses.sum() != total or table.bytes.sum() != position - start:
         raise WaveformFileError(
             f"{name}: damaged: {len(table.bytes)} chunks with {pulses.sum()} pulses in "
             f"{table.bytes.sum()} bytes; must be {chunks} with {total} pulses in {position - start}"
@@ -244,6 +252,7 @@ def _index_from_table(
         first_bytes=start + np.append(0, np.cumsum(table.bytes)),
         end=position + _TABLE_START.size + table.consumed,
         missing=0,
+        has_table=True,
     )
 
 
@@ -275,6 +284,7 @@ def _index_without_table(
         first_bytes=np.array(first_bytes, dtype=np.int64),
         end=source.size,
         missing=header.pulse_count - found if header.pulse_count else int(not complete),
+        has_table=False,
     )
 
 

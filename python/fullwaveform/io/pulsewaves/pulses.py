@@ -42,6 +42,8 @@ class PulseSource(ABC):
     count: int  # pulses in the file
     missing: int  # pulses that the header declares but the truncated file does not hold
     end: int  # byte of the file after the pulses and what belongs to them
+    has_appended: bool = True  # whether appended records can follow
+    notes: tuple[str, ...] = ()  # messages for the summary
 
     @abstractmethod
     def close(self) -> None:

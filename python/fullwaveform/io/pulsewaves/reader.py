@@ -97,7 +97,7 @@ class PulseWavesReader(WaveformReader):
                 else CompressedPulses(file_header, compression, self._path)
             )
             opened.callback(source.close)
-            if source.missing == 0:
+            if source.has_appended:
                 records += read_appended_records(file_header, source.end, self._path)
             self._descriptors = read_descriptors(records, self._path)
             self._pulses = PulseData(file_header, source)
@@ -184,7 +184,7 @@ class PulseWavesReader(WaveformReader):
         return Selection(self._pulses, self._waves, surveyed, table)
 
     def _notes_on(self, run: Selection) -> list[str]:
-        notes = []
+        notes = list(self._pulses.source.notes)
         if not run.surveyed.times_differ:
             notes.append("Several pulses have the same time; each is treated as a separate shot.")
         if self._pulses.header.attributes != 0:

@@ -170,6 +170,15 @@ def test_complete_file_without_a_chunk_table_has_nothing_missing(tmp_path: Path)
     path = write_compressed(scene(), tmp_path / "scan.plz", Compression(sizes=7, table=""))
     (block,), tally = read(path)
     assert (len(block), tally.points, dict(tally.rejected)) == (returning(40), 40, {})
+    assert tally.notes[0] == "The chunk table is missing; the pulses were read from the start."
+
+
+@pytest.mark.parametrize("missing", [1, 10])
+def test_file_cut_in_the_chunk_table_has_nothing_missing(tmp_path: Path, missing: int) -> None:
+    path = write_compressed(scene(), tmp_path / "scan.plz", Compression(sizes=1))
+    os.truncate(path, path.stat().st_size - missing)
+    (block,), tally = read(path)
+    assert (len(block), tally.points, dict(tally.rejected)) == (returning(40), 40, {})
 
 
 def chunk_bytes(path: Path, number: int) -> int:
