@@ -13,7 +13,7 @@ import fullwaveform as fw
 
 def main(scan: str, picture: str) -> None:
     """Print the table by echo number and draw amplitude over height."""
-    result = fw.extract(scan, threshold=20, channel_flags={1: 1, 2: 0})
+    result = fw.extract(scan, channel_flags={1: 1, 2: 0})
     echoes = result.to_pandas()
     print(result)
     columns = ["amplitude", "fwhm_ns", "z"]

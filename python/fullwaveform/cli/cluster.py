@@ -98,7 +98,7 @@ def cluster(
 
         fullwaveform cluster scan.las -o parts --scheduler local --workers 2
 
-        fullwaveform cluster scan.las -o las_parts --scheduler local --threshold 20 --format las
+        fullwaveform cluster scan.las -o las_parts --scheduler local --format las
     """
     _check_scheduler(scheduler, workers)
     part_format = part_format or DEFAULT_FORMAT

@@ -75,7 +75,7 @@ def extract(
 
     Examples:
 
-        fullwaveform extract scan.las -o echoes.las --threshold 20
+        fullwaveform extract scan.las -o echoes.las
 
         fullwaveform extract scan.las -o echoes.parquet --mode decomposition --keep-empty
 

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 from collections.abc import Mapping
+from dataclasses import asdict
 from itertools import pairwise
 from pathlib import Path
 from typing import Annotated, Any
@@ -16,6 +17,7 @@ from rich.table import Table
 from fullwaveform.analysis.histograms import Histogram
 from fullwaveform.analysis.inspection import FileContents, Level, inspect_waveforms
 from fullwaveform.analysis.origin import point_file
+from fullwaveform.calibration.levels import ChannelLevels
 from fullwaveform.calibration.outgoing_phase import OutgoingPhase
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_options import open_checked
@@ -35,6 +37,9 @@ from fullwaveform.cli.options import (
     refuse_quiet_and_verbose,
 )
 from fullwaveform.cli.progress import blocks_with_progress, print_line
+from fullwaveform.cli.summary import threshold_rows
+from fullwaveform.core.scanner import Scanner
+from fullwaveform.extraction.extractor import ExtractionSettings
 
 _NANOSECONDS = 1e9
 _MAX_BAR, _MIN_BAR = 40, 8  # characters
@@ -97,6 +102,7 @@ def _json(source: Path, contents: FileContents) -> dict[str, Any]:
         "shots_by_waveforms": _pairs(contents.waveforms_per_shot, "waveforms", "shots"),
         "first_time": contents.first_time,
         "last_time": contents.last_time,
+        "thresholds": [_json_threshold(level) for level in contents.calibration.levels],
         "baseline": _json_level(contents.baseline),
         "noise_rms": _json_level(contents.noise_rms),
         "outgoing_phase": _json_phase(contents.calibration.outgoing_phase),
@@ -133,6 +139,12 @@ def _json_phase(phase: OutgoingPhase | None) -> dict[str, Any] | None:
         "scatter_without": phase.scatter_without,
         "scatter_with": phase.scatter_with,
     }
+
+
+def _json_threshold(level: ChannelLevels) -> dict[str, float]:
+    """What `extract` uses without options."""
+    preparation = ExtractionSettings(Scanner.default()).preparation
+    return {**asdict(level), "threshold": preparation.threshold_of(level)}
 
 
 def _json_histogram(histogram: Histogram) -> dict[str, list[int]]:
@@ -195,6 +207,9 @@ def _levels(contents: FileContents) -> list[tuple[str, str]]:
         if level is not None:
             span = f"90 % of the waveforms {level.low:.4g} to {level.high:.4g}"
             rows.append((name, f"{level.median:.4g} counts ({span})"))
+    settings = ExtractionSettings(Scanner.default())
+    for name, value, measured in threshold_rows(settings, {"": contents.calibration}):
+        rows.append((name, f"{value} in extract ({measured})"))
     if contents.largest is not None:
         values = f"{contents.smallest:,} to {contents.largest:,} counts, {contents.bits} bits"
         top = f"{contents.saturated:.2%} of the waveforms have a plateau at {contents.largest:,}"

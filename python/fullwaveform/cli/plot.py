@@ -67,7 +67,7 @@ def plot(
 
     Examples:
 
-        fullwaveform plot scan.las --waveform 2 -o waveform.png --threshold 20
+        fullwaveform plot scan.las --waveform 2 -o waveform.png
 
         fullwaveform plot scan.las --shot 12 --channel 2=high --mode 0 --mode 1 -o shot.pdf
 

@@ -73,7 +73,7 @@ def report(
 
     Examples:
 
-        fullwaveform report scan.las --waveform 2 --waveform 40 --threshold 20
+        fullwaveform report scan.las --waveform 2 --waveform 40
 
         fullwaveform report scan.las --waveform 2 --mode decomposition --extent -o extent.txt
 

@@ -95,7 +95,7 @@ def system_wave(
         str | None,
         typer.Option(metavar="NAME", help="Array of an .npz with the pulses. Default: out_samples"),
     ] = None,
-    threshold: ThresholdOption = "estimate",
+    threshold: ThresholdOption = None,
     overwrite: OverwriteOption = False,
     as_json: Annotated[bool, typer.Option("--json", help="Print machine-readable JSON")] = False,
     quiet: Annotated[bool, typer.Option("-q", "--quiet", help="Print no summary")] = False,
@@ -104,7 +104,7 @@ def system_wave(
 
     Examples:
 
-        fullwaveform system-wave scan.las -o scanner.toml --source echoes --threshold 20
+        fullwaveform system-wave scan.las -o scanner.toml --source echoes
 
         fullwaveform system-wave pulse.csv --interval 1 -o scanner.toml --order 4 --plot wave.png
     """

@@ -10,7 +10,7 @@ from typing import Any
 import numpy as np
 
 from fullwaveform.calibration.pulses import Pulses, baseline_of
-from fullwaveform.core.driver import Driver, Mode, Threshold
+from fullwaveform.core.driver import Driver, Mode, Threshold, Thresholds
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import AnyArray, BoolArray, FloatArray, IntArray, UInt16Array
 
@@ -36,11 +36,13 @@ class Waveforms:
     samples : (n, width) uint16, counts
     counts : (n,) valid samples of each row
     sampling_interval : s
+    thresholds : measured, in counts; one for all or one (n,) for each
     """
 
     samples: UInt16Array
     counts: UInt16Array
     sampling_interval: float
+    thresholds: Thresholds = "estimate"
 
     def baseline(self) -> FloatArray:
         """Baseline of each row, counts."""
@@ -86,9 +88,13 @@ def strongest_echoes(peaks: Mapping[str, AnyArray], baseline: FloatArray) -> Str
 
 
 def echoes_of(
-    waveforms: Waveforms, scanner: Scanner, threshold: Threshold, mode: Mode, channel_flag: int = 1
+    waveforms: Waveforms,
+    scanner: Scanner,
+    threshold: Threshold | None,
+    mode: Mode,
+    channel_flag: int = 1,
 ) -> Mapping[str, Any]:
-    """`Result.peaks` of a mode."""
+    """`Result.peaks` of a mode; a threshold of None is the measured one of each waveform."""
     driver = Driver(
         mode,
         scanner.at_interval(waveforms.sampling_interval),
@@ -96,12 +102,15 @@ def echoes_of(
     )
     flags = np.full(len(waveforms.counts), channel_flag, dtype=np.uint8)
     return driver.apply(
-        waveforms.samples, waveforms.counts, channel_flags=flags, threshold=threshold
+        waveforms.samples,
+        waveforms.counts,
+        channel_flags=flags,
+        threshold=waveforms.thresholds if threshold is None else threshold,
     ).peaks
 
 
 def isolated_echoes(
-    parts: Iterable[Waveforms], scanner: Scanner, threshold: Threshold, origin: str
+    parts: Iterable[Waveforms], scanner: Scanner, threshold: Threshold | None, origin: str
 ) -> Pulses:
     """Samples around the strongest echoes of waveforms, one row per echo.
 

@@ -49,7 +49,7 @@ class DeconvolutionOffset:
 
 
 def measure_offset(
-    scanner: Scanner, parts: Iterable[Waveforms], threshold: Threshold
+    scanner: Scanner, parts: Iterable[Waveforms], threshold: Threshold | None
 ) -> DeconvolutionOffset | None:
     """The offset of the isolated echoes of waveforms; None if there are fewer than 20.
 

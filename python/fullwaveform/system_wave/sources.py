@@ -11,6 +11,7 @@ from pathlib import Path
 
 import numpy as np
 
+from fullwaveform.calibration.calibration import measure
 from fullwaveform.calibration.pulses import SUBSAMPLED, Pulses, pulses_of_rows
 from fullwaveform.core.driver import Threshold
 from fullwaveform.core.scanner import Scanner
@@ -44,14 +45,14 @@ class Input:
     source : None: outgoing pulses if the file has them, else echoes
     array : name of the array with pulses in an .npz
     interval : sampling interval in s, for files without one
-    threshold : counts, or "estimate", for the extraction of echoes
+    threshold : counts, or "estimate", for the extraction of echoes; None: as measured on the file
     """
 
     path: Path
     source: Source | None = None
     array: str | None = None
     interval: float | None = None
-    threshold: Threshold = "estimate"
+    threshold: Threshold | None = None
 
     @property
     def is_arrays(self) -> bool:
@@ -88,11 +89,16 @@ class Input:
         if may_be_missing and _ECHO_ARRAY not in _arrays(self.path):
             return
         with open_waveforms(self.path, sampling_interval=self.interval) as reader:
+            calibration = measure(reader, "off")
             for block in reader.blocks():
+                thresholds = calibration.thresholds(block)
                 for interval in np.unique(block.sampling_intervals):
                     of_interval = block.sampling_intervals == interval
                     yield Waveforms(
-                        block.samples[of_interval], block.counts[of_interval], float(interval)
+                        block.samples[of_interval],
+                        block.counts[of_interval],
+                        float(interval),
+                        thresholds[of_interval],
                     )
 
     def _has_outgoing(self) -> bool:

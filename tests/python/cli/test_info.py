@@ -47,6 +47,8 @@ def test_table(scan: Path) -> None:
         "sampling interval 2 ns",
         "GPS time 1.500000 to 2.000000 s (0.5 s)",
         "baseline 10.5 counts (90 % of the waveforms 10 to 11)",
+        # 10 + 5 / sqrt(12) = 11.4
+        "threshold 12 counts in extract (high channel, descriptor 2: baseline 10, noise rms 0)",
         "sample values 10 to 100 counts, 7 bits",
         "saturation 50.00% of the waveforms have a plateau at 100",
     ):
@@ -99,6 +101,9 @@ def test_json(scan: Path) -> None:
     assert found["baseline"] == {"median": 10.5, "low": 10.0, "high": 11.0}
     assert set(found["noise_rms"]) == {"median", "low", "high"}
     assert "noise" not in found
+    high, low = found["thresholds"]
+    assert (high["channel_flag"], high["descriptor"], high["threshold"]) == (0, 2, 12)
+    assert (high["baseline"], high["noise_rms"], low["channel_flag"]) == (10.0, 0.0, 1)
     assert found["saturated_share"] == 0.5
     histogram = found["value_histogram"]
     assert len(histogram["edges"]) == len(histogram["counts"]) + 1
