@@ -48,6 +48,7 @@ from fullwaveform.extraction.waveform_table import WAVEFORM_COLUMNS, WaveformTab
 from fullwaveform.io.atomic import protected_inputs
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.echo_writers.opening import open_echo_file
+from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 from fullwaveform.io.opening import open_waveforms
 
 if TYPE_CHECKING:
@@ -183,6 +184,7 @@ def extract(
     keep_empty: bool = False,
     carry: bool = True,
     skip_unreadable: bool = False,
+    max_samples: int = DEFAULT_MAX_SAMPLES,
 ) -> Extraction:
     """Extract the echoes of a file, an open reader, or blocks of waveforms.
 
@@ -230,6 +232,8 @@ def extract(
     skip_unreadable
         Skip and count unreadable waveforms of a file, instead of raising an error. An open reader
         has its own setting.
+    max_samples
+        Waveforms of a file with more samples are unreadable. An open reader has its own setting.
 
     Raises
     ------
@@ -257,6 +261,7 @@ def extract(
             channel_flags=channel_flags,
             sampling_interval=sampling_interval,
             skip_unreadable=skip_unreadable,
+            max_samples=max_samples,
         ) as reader:
             settings = _of_file(settings, scanner, reader, choice)
             return _of_reader(reader, settings, threads)

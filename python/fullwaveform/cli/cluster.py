@@ -126,6 +126,7 @@ def cluster(
             part_format=part_format,
             sampling_interval=options.interval,
             skip_unreadable=options.skip_unreadable,
+            max_samples=options.max_samples,
             outgoing_phase=options.outgoing_phase,
         )
         if manifest is not None:

@@ -13,6 +13,7 @@ from fullwaveform.cli.options import (
     BlockOption,
     ChannelOption,
     IntervalOption,
+    MaxSamples,
     QuietOption,
     ScannerFile,
     SkipUnreadable,
@@ -28,6 +29,7 @@ from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.data.counting import counted
 from fullwaveform.io.container.writer import ScanContainerWriter
+from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 
 
 def convert(
@@ -38,6 +40,7 @@ def convert(
     channel: ChannelOption = None,
     block: BlockOption = 20_000,
     skip_unreadable: SkipUnreadable = False,
+    max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
     overwrite: OverwriteOption = False,
     verbose: VerboseOption = False,
     quiet: QuietOption = False,
@@ -60,7 +63,12 @@ def convert(
     ):
         description = Scanner.from_toml(scanner) if scanner is not None else None
         with open_checked(
-            source, channels, interval=interval, block=block, skip_unreadable=skip_unreadable
+            source,
+            channels,
+            interval=interval,
+            block=block,
+            skip_unreadable=skip_unreadable,
+            max_samples=max_samples,
         ) as reader:
             reader.on_unreadable = print_line if verbose else None
             reader.with_outgoing = True

@@ -5,16 +5,16 @@ from __future__ import annotations
 import time
 from collections import Counter
 from collections.abc import Callable
+from contextlib import closing
 from dataclasses import dataclass, replace
 from functools import partial
 from pathlib import Path
 
-from rich.progress import Progress
-
 from fullwaveform.calibration.calibration import measure
 from fullwaveform.cli.extract_options import ExtractOptions, open_checked
-from fullwaveform.cli.progress import followed_blocks
+from fullwaveform.cli.progress import FollowingProgress, followed_blocks
 from fullwaveform.cli.summary import RunSummary
+from fullwaveform.core.driver import RunMonitor
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.extractor import ExtractionTally
 from fullwaveform.extraction.pipeline import extracted_blocks, write_echoes
@@ -31,7 +31,7 @@ class FileRun:
     options: ExtractOptions
     workers: int  # threads of each file
     overwrite: bool
-    progress: Progress
+    progress: FollowingProgress
     quiet: bool
     # Called with input and text for each waveform that is skipped or without echoes.
     on_waveform: Callable[[Path, str], None] | None
@@ -54,6 +54,7 @@ class FileRun:
             interval=options.interval,
             block=options.block,
             skip_unreadable=options.skip_unreadable,
+            max_samples=options.max_samples,
         ) as reader:
             settings = replace(
                 options.settings([reader.scanner()]),
@@ -70,9 +71,14 @@ class FileRun:
             each = None if self.on_waveform is None else partial(self.on_waveform, source)
             reader.on_unreadable = each
             statistics = warning_path(output.absolute().parent, source)
-            with writer, followed_blocks(reader, self.progress, self.quiet) as blocks:
+            monitor = RunMonitor()
+            with (
+                writer,
+                followed_blocks(reader, self.progress, self.quiet, monitor) as blocks,
+                closing(extracted_blocks(blocks, settings, self.workers, monitor)) as extracted,
+            ):
                 tally = write_echoes(
-                    extracted_blocks(blocks, settings, self.workers),
+                    extracted,
                     writer,
                     statistics=statistics,
                     on_rejected=each,

@@ -20,6 +20,7 @@ from fullwaveform.cli.options import (
     ChannelOption,
     IntervalOption,
     KeepEmpty,
+    MaxSamples,
     ModeOption,
     OutgoingPhaseOption,
     SampleScaleOption,
@@ -34,6 +35,7 @@ from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.extraction.prepare import checked_baseline
 from fullwaveform.io.base import WaveformReader
+from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 from fullwaveform.io.opening import open_waveforms
 
 
@@ -54,6 +56,7 @@ class ExtractOptions:
     carry: Carry = True
     with_waveforms: WithWaveforms = False
     skip_unreadable: SkipUnreadable = False
+    max_samples: MaxSamples = DEFAULT_MAX_SAMPLES
     allow_empty: AllowEmpty = False
     block: BlockOption = 20_000
 
@@ -121,6 +124,7 @@ def open_checked(
     interval: float | None,
     block: int = 20_000,
     skip_unreadable: bool = True,
+    max_samples: int = DEFAULT_MAX_SAMPLES,
 ) -> WaveformReader:
     """A reader of the file.
 
@@ -132,6 +136,7 @@ def open_checked(
         channel_flags=channels,
         sampling_interval=interval,
         skip_unreadable=skip_unreadable,
+        max_samples=max_samples,
     )
     try:
         channels.check([ChannelNumbers.of(reader, channels)])

@@ -31,6 +31,7 @@ from fullwaveform.cli.info_origin import (
 from fullwaveform.cli.options import (
     ChannelOption,
     IntervalOption,
+    MaxSamples,
     SourceFile,
     VerboseOption,
     channel_flags_from,
@@ -40,6 +41,7 @@ from fullwaveform.cli.progress import blocks_with_progress, print_line
 from fullwaveform.cli.summary import threshold_rows
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.extraction.extractor import ExtractionSettings
+from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 
 _NANOSECONDS = 1e9
 _MAX_BAR, _MIN_BAR = 40, 8  # characters
@@ -51,6 +53,7 @@ _MAX_LISTED = 6  # entries of a distribution that are printed one by one
 def info(
     source: SourceFile,
     interval: IntervalOption = None,
+    max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
     channel: ChannelOption = None,
     as_json: Annotated[bool, typer.Option("--json", help="Print machine-readable JSON")] = False,
     verbose: VerboseOption = False,
@@ -71,7 +74,7 @@ def info(
             show_point_file(source, points, as_json=as_json)
             return
         with (
-            open_checked(source, channels, interval=interval) as reader,
+            open_checked(source, channels, interval=interval, max_samples=max_samples) as reader,
             blocks_with_progress(reader, quiet) as blocks,
         ):
             reader.on_unreadable = print_line if verbose else None

@@ -216,6 +216,12 @@ BlockOption = Annotated[
         parser=integer_from(1), metavar="N", help="Waveforms per block; bounds memory use"
     ),
 ]
+MaxSamples = Annotated[
+    int,
+    typer.Option(
+        parser=integer_from(1), metavar="N", help="Waveforms with more samples are unreadable"
+    ),
+]
 SkipUnreadable = Annotated[
     bool, typer.Option("--skip-unreadable", help="Skip and count unreadable waveforms")
 ]

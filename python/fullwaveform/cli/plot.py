@@ -16,6 +16,7 @@ from fullwaveform.cli.options import (
     AfterPulseOption,
     ChannelOption,
     IntervalOption,
+    MaxSamples,
     RepeatedModeOption,
     ScannerFile,
     SourceFile,
@@ -28,6 +29,7 @@ from fullwaveform.cli.options import (
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.core.driver import Mode
 from fullwaveform.data.counting import counted
+from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 from fullwaveform.plotting.style import PLOT_ENDINGS, plot_kind
 from fullwaveform.plotting.waveform import draw_waveforms
 
@@ -59,6 +61,7 @@ def plot(
     channel: ChannelOption = None,
     after_pulse: AfterPulseOption = None,
     interval: IntervalOption = None,
+    max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
     overwrite: OverwriteOption = False,
 ) -> None:
     """Plot one waveform or the waveforms of a shot with their echoes.
@@ -82,7 +85,7 @@ def plot(
         checked_outputs(picture, overwrite=overwrite, inputs=(source, scanner)),
         report_errors(),
     ):
-        with open_checked(source, channels, interval=interval) as reader:
+        with open_checked(source, channels, interval=interval, max_samples=max_samples) as reader:
             description = scanner_for(scanner, after_pulse, [reader.scanner()])
             views = waveform_views(
                 find_shot(reader, selector, value),

@@ -4,16 +4,19 @@ from __future__ import annotations
 
 import sys
 import time
-from collections.abc import Iterator
+from collections.abc import Callable, Iterable, Iterator
 from contextlib import contextmanager
+from functools import partial
+from typing import Any
 
 import typer
-from rich.console import Console
+from rich.console import Console, RenderableType
 from rich.progress import (
     BarColumn,
     Progress,
     ProgressColumn,
     Task,
+    TaskID,
     TaskProgressColumn,
     TextColumn,
     TimeRemainingColumn,
@@ -21,6 +24,7 @@ from rich.progress import (
 from rich.table import Column
 from rich.text import Text
 
+from fullwaveform.core.driver import RunMonitor
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.io.base import WaveformReader
 
@@ -41,6 +45,30 @@ def print_line(text: str) -> None:
     typer.echo(text, err=True)
 
 
+class FollowingProgress(Progress):
+    """Progress bars that ask for the points done whenever they are drawn."""
+
+    def __init__(self, *columns: ProgressColumn, **options: Any) -> None:
+        self._points_done: dict[TaskID, Callable[[], float]] = {}
+        super().__init__(*columns, **options)
+
+    def follow(self, task: TaskID, points_done: Callable[[], float]) -> None:
+        """Ask this from now on; a last time when it is replaced."""
+        self._points_done[task] = points_done
+
+    def get_renderables(self) -> Iterable[RenderableType]:
+        """What is drawn, several times per second."""
+        for task, points_done in list(self._points_done.items()):
+            self.update(task, completed=points_done())
+        return super().get_renderables()
+
+    def stop_task(self, task_id: TaskID) -> None:
+        """Stop the clock of a task at the points done."""
+        if (points_done := self._points_done.pop(task_id, None)) is not None:
+            self.update(task_id, completed=points_done())
+        super().stop_task(task_id)
+
+
 @contextmanager
 def blocks_with_progress(reader: WaveformReader, quiet: bool) -> Iterator[Iterator[WaveformBlock]]:
     """Yield the reader's blocks, with a progress bar if standard error is a terminal."""
@@ -53,19 +81,26 @@ def blocks_with_progress(reader: WaveformReader, quiet: bool) -> Iterator[Iterat
 
 @contextmanager
 def followed_blocks(
-    reader: WaveformReader, progress: Progress, quiet: bool
+    reader: WaveformReader,
+    progress: FollowingProgress,
+    quiet: bool,
+    monitor: RunMonitor | None = None,
 ) -> Iterator[Iterator[WaveformBlock]]:
-    """Yield the reader's blocks, with a line of the bar while they are read."""
+    """Yield the reader's blocks, with a line of the bar while they are read.
+
+    `monitor` counts the waveforms that are extracted from them; without it, points are done when
+    they are read.
+    """
     task = progress.add_task(shortened(reader.path.name), total=reader.point_count)
     lines = ProgressLines(progress, quiet)
+    points_done = partial(extracted_points, reader, monitor) if monitor else partial(_read, reader)
+    progress.follow(task, points_done)
 
     def blocks() -> Iterator[WaveformBlock]:
         for block in reader.blocks():
             yield block
-            progress.update(task, completed=reader.points_done)
             done, total = reader.points_done, reader.point_count
             lines.print_if_due(f"{reader.path.name}: {done:,} of {total:,} points")
-        progress.update(task, completed=reader.points_done)
 
     try:
         yield blocks()
@@ -87,10 +122,20 @@ class ProgressLines:
             self._next = time.monotonic() + _LINE_PAUSE_S
 
 
-def progress_bar(console: Console, quiet: bool) -> Progress:
+def _read(reader: WaveformReader) -> float:
+    return reader.points_done
+
+
+def extracted_points(reader: WaveformReader, monitor: RunMonitor) -> float:
+    """Points whose waveforms are extracted: the share of those that were read."""
+    extracted, read = monitor.waveforms_done, reader.waveforms_done
+    return reader.points_done * min(extracted / read, 1.0) if read else 0.0
+
+
+def progress_bar(console: Console, quiet: bool) -> FollowingProgress:
     """A bar with points done, points per second and time left; fits 80 columns."""
     fixed = Column(no_wrap=True)  # only the bar itself shrinks
-    return Progress(
+    return FollowingProgress(
         TextColumn("{task.description}"),
         BarColumn(),
         TaskProgressColumn(),

@@ -16,6 +16,7 @@ from fullwaveform.cli.options import (
     AfterPulseOption,
     ChannelOption,
     IntervalOption,
+    MaxSamples,
     ModeOption,
     ScannerFile,
     SourceFile,
@@ -27,6 +28,7 @@ from fullwaveform.cli.options import (
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.core.driver import Mode, check_system_wave
 from fullwaveform.io.atomic import FileKind, atomic_open
+from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 
 # First words of a full report, of a line on the extent, and of the scanner's parameters.
 _REPORT_STARTS = ("bin_shift: ", "#", "empty", "t_ref: ")
@@ -61,6 +63,7 @@ def report(
     channel: ChannelOption = None,
     after_pulse: AfterPulseOption = None,
     interval: IntervalOption = None,
+    max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
     output: Annotated[
         Path | None,
         typer.Option("-o", "--output", metavar="FILE", help="Default: standard output"),
@@ -90,7 +93,7 @@ def report(
         checked_outputs(*outputs, overwrite=overwrite, inputs=(source, scanner)),
         report_errors(),
     ):
-        with open_checked(source, channels, interval=interval) as reader:
+        with open_checked(source, channels, interval=interval, max_samples=max_samples) as reader:
             description = scanner_for(scanner, after_pulse, [reader.scanner()])
             check_system_wave(mode, description)
             shots = [find_shot(reader, Selector.WAVEFORM, number) for number in numbers]

@@ -16,6 +16,7 @@ from fullwaveform.core.scanner_attributes import checked_attributes
 from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.extraction.prepare import Baseline, SampleScale
 from fullwaveform.io.base import flag_table
+from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 
 _OTHERS = "others"  # key of the flag of all channels that are not listed
 # Waveforms of a part by mode: at most a few minutes of one processor, and a part that fits in
@@ -53,6 +54,7 @@ class JobSettings:
     blocks_per_part: int
     part_format: str  # file suffix of the parts, without the dot
     outgoing_phase: PhaseChoice = "auto"
+    max_samples: int = DEFAULT_MAX_SAMPLES
 
     @classmethod
     def of(
@@ -65,6 +67,7 @@ class JobSettings:
         part_format: str,
         sampling_interval: float | None = None,
         skip_unreadable: bool = False,
+        max_samples: int = DEFAULT_MAX_SAMPLES,
         outgoing_phase: PhaseChoice = "auto",
     ) -> JobSettings:
         """The settings of a run; None for `blocks_per_part` gives parts of a few minutes."""
@@ -84,6 +87,7 @@ class JobSettings:
             channel_flags=_compact(channel_flags),
             sampling_interval=sampling_interval,
             skip_unreadable=skip_unreadable,
+            max_samples=max_samples,
             block=block,
             blocks_per_part=blocks_per_part or max(1, _WAVEFORMS_PER_PART[settings.mode] // block),
             part_format=part_format,

@@ -7,6 +7,7 @@ often or where it runs.
 from __future__ import annotations
 
 from collections.abc import Callable, Iterable, Iterator
+from contextlib import closing
 from dataclasses import dataclass, field, replace
 from pathlib import Path
 
@@ -125,6 +126,7 @@ def _opened(unit: Unit) -> WaveformReader:
         channel_flags=unit.settings.flags(),
         sampling_interval=unit.settings.sampling_interval,
         skip_unreadable=unit.settings.skip_unreadable,
+        max_samples=unit.settings.max_samples,
     )
 
 
@@ -159,8 +161,7 @@ def _extract_unit(unit: Unit) -> UnitResult:
             overwrite=True,
         )
         writer.kind = ANY_FILE  # a part that was left by an earlier run may be truncated
-        with writer:
-            extracted = extracted_blocks(blocks, settings)
+        with writer, closing(extracted_blocks(blocks, settings)) as extracted:
             outcome.extracted = write_echoes(_counted(extracted, outcome), writer)
         outcome.read, outcome.messages = reader.tally, messages
     outcome.waveforms = outcome.read.waveforms

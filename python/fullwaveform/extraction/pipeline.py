@@ -5,12 +5,13 @@ from __future__ import annotations
 import os
 import threading
 from collections import deque
-from collections.abc import Callable, Iterable, Iterator
+from collections.abc import Callable, Generator, Iterable
 from concurrent.futures import Future, ThreadPoolExecutor
 from pathlib import Path
 
 import numpy as np
 
+from fullwaveform.core.driver import RunMonitor
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.extraction.extractor import (
     ExtractedBlock,
@@ -29,31 +30,41 @@ def available_workers() -> int:
 
 
 def extracted_blocks(
-    blocks: Iterable[WaveformBlock], settings: ExtractionSettings, workers: int = 1
-) -> Iterator[ExtractedBlock]:
+    blocks: Iterable[WaveformBlock],
+    settings: ExtractionSettings,
+    workers: int = 1,
+    monitor: RunMonitor | None = None,
+) -> Generator[ExtractedBlock]:
     """Extract blocks in `workers` threads; yields the results in the order of the blocks.
 
     Each thread has its own drivers and runs them without Python's global lock. At most
     ``workers + 1`` blocks are in memory. The result does not depend on the number of workers.
+    Closing the generator, or an exception of a signal, ends the work on the current blocks.
+
+    `monitor` counts the waveforms that are finished, also within a block, and can cancel the run
+    from another thread.
 
     Raises ValueError for fewer than one worker, and as `Extractor.extract` does.
     """
     if isinstance(workers, bool) or not isinstance(workers, int) or workers < 1:
         raise ValueError(f"invalid workers {workers!r}; expected an integer of at least 1")
     if workers == 1:
-        extractor = Extractor(settings)
+        extractor = Extractor(settings, monitor)
         return (extractor.extract(block) for block in blocks)
-    return _in_threads(blocks, settings, workers)
+    return _in_threads(blocks, settings, workers, monitor or RunMonitor())
 
 
 def _in_threads(
-    blocks: Iterable[WaveformBlock], settings: ExtractionSettings, workers: int
-) -> Iterator[ExtractedBlock]:
+    blocks: Iterable[WaveformBlock],
+    settings: ExtractionSettings,
+    workers: int,
+    monitor: RunMonitor,
+) -> Generator[ExtractedBlock]:
     thread = threading.local()
 
     def extract(block: WaveformBlock) -> ExtractedBlock:
         if not hasattr(thread, "extractor"):
-            thread.extractor = Extractor(settings)
+            thread.extractor = Extractor(settings, monitor)
         extracted: ExtractedBlock = thread.extractor.extract(block)
         return extracted
 
@@ -66,6 +77,9 @@ def _in_threads(
                 yield pending.popleft().result()
         while pending:
             yield pending.popleft().result()
+    except BaseException:
+        monitor.cancel()  # the threads would finish their blocks
+        raise
     finally:
         pool.shutdown(wait=True, cancel_futures=True)
 

@@ -20,7 +20,7 @@ from fullwaveform.data.blocks import (
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.block_range import PendingBlock, last_cut
-from fullwaveform.io.limits import BLOCK_SAMPLES, NO_SAMPLES, NO_TIME, SURVEY_CHUNK
+from fullwaveform.io.limits import BLOCK_SAMPLES, NO_SAMPLES, NO_TIME, SURVEY_CHUNK, too_long
 
 _MAX_GAP = 8  # rejected rows that are read along with those around them
 
@@ -113,11 +113,16 @@ class ArrayReader(WaveformReader):
     def _usable(self, chunk: slice, tally: ReadTally) -> BoolArray:
         tally.points += chunk.stop - chunk.start
         timed = np.isfinite(self._read(self._columns.shot_times, chunk))
-        sampled = self._read(self._columns.counts, chunk) > 0
-        for reason, rejected in ((NO_TIME, ~timed), (NO_SAMPLES, timed & ~sampled)):
+        counts = self._read(self._columns.counts, chunk)
+        sampled, short = counts > 0, counts <= self.max_samples
+        for reason, rejected in (
+            (NO_TIME, ~timed),
+            (NO_SAMPLES, timed & ~sampled),
+            (too_long(self.max_samples), timed & ~short),
+        ):
             rows = chunk.start + np.flatnonzero(rejected)
             tally.reject(reason, len(rows), (f"row {row}" for row in rows))
-        usable: BoolArray = timed & sampled
+        usable: BoolArray = timed & sampled & short
         return usable
 
     def _block(self, rows: IntArray, numbers: IntArray) -> WaveformBlock:

@@ -23,6 +23,7 @@ from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.atomic import FileKind, OutputFile, atomic_open
 from fullwaveform.io.block_range import BlockRange, PendingBlock
 from fullwaveform.io.interruption import raise_if_requested
+from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 from fullwaveform.io.spread import spread_windows
 
 
@@ -46,6 +47,8 @@ class WaveformReader(ABC):
 
     #: Whether unreadable waveforms are skipped and counted, or raise WaveformFileError.
     skip_unreadable: bool = True
+    #: Waveforms with more samples are unreadable.
+    max_samples: int = DEFAULT_MAX_SAMPLES
     #: Whether blocks have the outgoing pulses, in a file with `has_outgoing`.
     with_outgoing: bool = False
     #: Called with place and reason of each unreadable waveform, also before a range of blocks.
@@ -105,6 +108,11 @@ class WaveformReader(ABC):
     def points_done(self) -> int:
         """Points or pulses visited so far in the current iteration, also before its range."""
         return self._range.total.points
+
+    @property
+    def waveforms_done(self) -> int:
+        """Waveforms that were read so far in the current iteration, also before its range."""
+        return self._range.total.waveforms
 
     @property
     def channel_numbers(self) -> frozenset[int] | None:

@@ -12,6 +12,7 @@ from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.container.layout import HDF5_SIGNATURE
 from fullwaveform.io.las.reader import LasWaveformReader
+from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES, checked_max_samples
 from fullwaveform.io.npz.arrays import NPY_SIGNATURE
 from fullwaveform.io.npz.reader import ZIP_SIGNATURE, NpzReader
 from fullwaveform.io.pulsewaves.header import PULSE_SIGNATURE
@@ -29,6 +30,7 @@ def open_waveforms(
     channel_flags: Mapping[int, int] | int = 1,
     sampling_interval: float | None = None,
     skip_unreadable: bool = True,
+    max_samples: int = DEFAULT_MAX_SAMPLES,
 ) -> WaveformReader:
     """Open a file of waveforms, whose format follows from its first bytes, not from its name.
 
@@ -44,6 +46,8 @@ def open_waveforms(
     skip_unreadable
         Whether unreadable waveforms are skipped and counted in the reader's tally; else the first
         one raises WaveformFileError while the blocks are read.
+    max_samples
+        Waveforms with more samples are unreadable; 1 to 65535.
 
     Raises
     ------
@@ -54,8 +58,10 @@ def open_waveforms(
     ValueError
         For invalid arguments, such as a sampling interval for a file that stores its own.
     """
+    max_samples = checked_max_samples(max_samples)
     reader = _opened(path, waveforms_per_block, channel_flags, sampling_interval)
     reader.skip_unreadable = skip_unreadable
+    reader.max_samples = max_samples
     return reader
 
 

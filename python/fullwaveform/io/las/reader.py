@@ -34,7 +34,7 @@ from fullwaveform.io.las.points import (
 )
 from fullwaveform.io.las.returns import PulsePoints, discrete_returns
 from fullwaveform.io.las.waveform_packets import SeenPackets, open_packets
-from fullwaveform.io.limits import BLOCK_SAMPLES, NO_TIME, OUTSIDE, numbered_shots
+from fullwaveform.io.limits import BLOCK_SAMPLES, NO_TIME, OUTSIDE, numbered_shots, too_long
 
 WRONG_SIZE = "packet size differs from descriptor"
 OVERLAPPING = "packet overlaps another packet"
@@ -185,7 +185,7 @@ class LasWaveformReader(WaveformReader):
                 )
             check_supported(self._descriptors[index], self._path)
         table = DescriptorTable(self._descriptors[index] for index in surveyed.descriptors)
-        widest = max(int(table.sample_counts.max()), 1)
+        widest = max(min(int(table.sample_counts.max()), self.max_samples), 1)
         limit = max(1, min(self._waveforms_per_block, BLOCK_SAMPLES // widest))
         seen = SeenPackets(self._packets.size, table.min_packet_size)
         return _Iteration(tally, surveyed, table, seen, limit)
@@ -205,6 +205,8 @@ class LasWaveformReader(WaveformReader):
         left = self._unseen(left, run)
         sizes = run.table.packet_sizes[left["wavepacket_index"]]
         left = _keep(left["wavepacket_size"] == sizes, left, WRONG_SIZE, tally)
+        counts = run.table.sample_counts[left["wavepacket_index"]]
+        left = _keep(counts <= self.max_samples, left, too_long(self.max_samples), tally)
         left = _keep(np.isfinite(left["gps_time"]), left, NO_TIME, tally)
         return _keep(is_georeferenced(left), left, NOT_GEOREFERENCED, tally)
 

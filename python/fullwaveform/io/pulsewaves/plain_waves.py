@@ -26,6 +26,8 @@ from fullwaveform.io.pulsewaves.waves import (
     WaveSource,
 )
 
+OVERLAPPING = "samples run into those of the next pulse"
+
 
 class PlainWaves(WaveSource):
     """The uncompressed samples of a ``.wvs`` file; must be closed."""
@@ -49,9 +51,11 @@ class PlainWaves(WaveSource):
         if descriptor.has_three_segments or descriptor.is_short:
             cursor.end_before(spans.ends)
         segments = np.concatenate(found)
-        segments = segments[cursor.inside[segments["pulse"]]]
+        overlapping = cursor.inside & (cursor.offsets > spans.ends)
+        readable = cursor.inside & ~overlapping
+        segments = segments[readable[segments["pulse"]]]
         segments["pulse"] = spans.numbers[segments["pulse"]]
-        return segments, {OUTSIDE: ~cursor.inside}
+        return segments, {OUTSIDE: ~cursor.inside, OVERLAPPING: overlapping}
 
     @property
     def size(self) -> int:
@@ -89,16 +93,16 @@ class _Cursors:
     def __init__(self, waves: PlainWaves, offsets: IntArray) -> None:
         self._waves = waves
         self.inside: BoolArray = (offsets >= WAVES_HEADER_SIZE) & (offsets <= waves.size)
-        self._offsets = np.where(self.inside, offsets, 0)
+        self.offsets = np.where(self.inside, offsets, 0)
 
     def skip(self, sizes: IntArray) -> None:
         """Advance by the sizes (n,) in bytes; pulses that leave the file are no longer inside."""
-        self._offsets = self._offsets + sizes
-        self.inside &= self._offsets <= self._waves.size
+        self.offsets = self.offsets + sizes
+        self.inside &= self.offsets <= self._waves.size
 
     def end_before(self, ends: IntArray) -> None:
         """Pulses that were read beyond their ends (n,) are no longer inside."""
-        self.inside &= self._offsets <= ends
+        self.inside &= self.offsets <= ends
 
     def sampling(self, sampling: SamplingDescriptor, code: int) -> list[Segments]:
         """Read the segments of a sampling, by number; `pulse` is a row of this object."""
@@ -116,7 +120,7 @@ class _Cursors:
         rows = np.flatnonzero(active & (counts > 0))
         found = np.zeros(len(rows), dtype=SEGMENT)
         found["pulse"], found["sampling"] = rows, code
-        found["start"], found["count"] = self._offsets[rows], counts[rows]
+        found["start"], found["count"] = self.offsets[rows], counts[rows]
         found["duration"] = durations[rows] * sampling.duration_scale + sampling.duration_offset
         self.skip(np.where(active, counts * sampling.sample_bytes, 0))
         return found
@@ -127,7 +131,7 @@ class _Cursors:
         """Read a number for the active pulses; `fixed` if it has no bits."""
         if bits == 0:
             return np.full(len(active), fixed, dtype=np.int64)
-        starts = self._offsets
+        starts = self.offsets
         self.skip(np.where(active, bits // 8, 0))
         rows = np.flatnonzero(active & self.inside)
         values = np.zeros(len(active), dtype=np.int64)

@@ -181,7 +181,7 @@ class PulseWavesReader(WaveformReader):
                 )
             check_supported(self._descriptors[index], self._path)
         table = SamplingTable(self._descriptors[index] for index in surveyed.descriptors)
-        return Selection(self._pulses, self._waves, surveyed, table)
+        return Selection(self._pulses, self._waves, surveyed, table, self.max_samples)
 
     def _notes_on(self, run: Selection) -> list[str]:
         notes = list(self._pulses.source.notes)

@@ -10,12 +10,11 @@ import numpy as np
 from fullwaveform.data.arrays import IntArray
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.io.block_range import last_cut
-from fullwaveform.io.limits import BLOCK_SAMPLES, MAX_SAMPLES
+from fullwaveform.io.limits import BLOCK_SAMPLES, MAX_SAMPLES, too_long
 from fullwaveform.io.pulsewaves.descriptors import OUTGOING, RETURNING, SamplingTable
 from fullwaveform.io.pulsewaves.pulses import PulseData, PulseSurvey
 from fullwaveform.io.pulsewaves.waves import SEGMENT, Segments, WaveSource
 
-TOO_LONG = f"waveform of more than {MAX_SAMPLES} samples"
 DAMAGED_CHUNK = "pulse in a damaged chunk"
 NO_DIRECTION = "anchor and target of the pulse are the same"
 
@@ -28,6 +27,7 @@ class Selection:
     waves: WaveSource
     surveyed: PulseSurvey
     table: SamplingTable  # of the descriptors that pulses refer to
+    max_samples: int  # of a readable waveform
 
     def blocks(self, limit: int, tally: ReadTally) -> Iterator[Segments]:
         """Yield the readable returning segments in the order of the file, in whole pulses.
@@ -64,9 +64,9 @@ class Selection:
         tally.points_without_waveform += int(np.count_nonzero(readable)) - with_waveform
         aimed = (pulses["target"] != pulses["anchor"]).any(axis=1)
         aimed = aimed[np.searchsorted(numbers, segments["pulse"])]
-        fits = segments["count"] <= MAX_SAMPLES
+        fits = segments["count"] <= self.max_samples
         _reject(tally, NO_DIRECTION, segments["pulse"][~aimed])
-        _reject(tally, TOO_LONG, segments["pulse"][aimed & ~fits])
+        _reject(tally, too_long(self.max_samples), segments["pulse"][aimed & ~fits])
         kept: Segments = segments[aimed & fits]
         return kept
 

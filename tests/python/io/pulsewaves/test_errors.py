@@ -9,9 +9,10 @@ import numpy as np
 import pytest
 
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.limits import OUTSIDE
+from fullwaveform.io.limits import OUTSIDE, too_long
+from fullwaveform.io.pulsewaves.plain_waves import OVERLAPPING
 from fullwaveform.io.pulsewaves.reader import PulseWavesReader
-from fullwaveform.io.pulsewaves.selection import NO_DIRECTION, TOO_LONG
+from fullwaveform.io.pulsewaves.selection import NO_DIRECTION
 
 from ...support.las_scenes import patch, rows
 from ...support.pulsewaves_scenes import (
@@ -244,11 +245,27 @@ def test_pulse_without_direction(tmp_path: Path) -> None:
 
 
 def test_overlong_waveform_is_counted(tmp_path: Path) -> None:
-    pulses = [Pulse([[(0, [7] * 65536)]], time=1), Pulse([[(0, [8] * 65535)]], time=2)]
+    pulses = [Pulse([[(0, [7] * 8193)]], time=1), Pulse([[(0, [8] * 8192)]], time=2)]
     scene = Scene([Descriptor(1, [Sampling(count_bits=32)])], pulses)
     (block,), tally = read(scene.write(tmp_path / "a.pls"))
-    assert rows([block]) == [[8] * 65535]
-    assert dict(tally.rejected) == {TOO_LONG: 1}
+    assert rows([block]) == [[8] * 8192]
+    assert dict(tally.rejected) == {too_long(8192): 1}
+
+
+@pytest.mark.parametrize("waveforms_per_block", [1, 2, 100])
+def test_pulse_that_runs_into_the_next_is_unreadable(
+    tmp_path: Path, waveforms_per_block: int
+) -> None:
+    """One damaged byte of a count: the pulse's samples go on in those of the following pulses."""
+    pulses = [Pulse([[(0, [number] * 4)]], time=number) for number in range(1, 8)]
+    scene = Scene([Descriptor(1, [Sampling(count_bits=16)])], pulses)
+    path = scene.write(tmp_path / "a.pls")
+    waves = bytearray(path.with_suffix(".wvs").read_bytes())
+    waves[waves.index(bytes([4, 0, 2, 2, 2, 2]))] = 12
+    path.with_suffix(".wvs").write_bytes(bytes(waves))
+    blocks, tally = read(path, waveforms_per_block=waveforms_per_block)
+    assert rows(blocks) == [[number] * 4 for number in (1, 3, 4, 5, 6, 7)]
+    assert dict(tally.rejected) == {OVERLAPPING: 1}
 
 
 @pytest.mark.parametrize("waveforms_per_block", [0, -1])
