@@ -21,7 +21,7 @@ sys.path.insert(0, str(Path(__file__).parent))
 with atheris.instrument_imports(include=["fullwaveform", "laspy"]):
     from readers import READERS
 
-COMPANIONS = (".wdp", ".wvs")
+COMPANIONS = (".wdp", ".wvs", ".wvz")
 
 
 def main() -> None:

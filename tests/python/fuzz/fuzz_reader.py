@@ -4,7 +4,7 @@ Usage: fuzz_reader.py READER SEED_FILE SECONDS MIN_INPUTS SEED
 
 A reader may reject a file with an OSError or a ValueError. Any other exception, an input that takes
 longer than 15 s, and one that needs more than a gigabyte end the run with exit code 1; the input is
-then stored next to the seed file. A companion file (.wdp, .wvs) is changed in one of four inputs.
+then stored next to the seed file. A file of samples (.wdp, .wvs, .wvz) is changed in one of four.
 """
 
 from __future__ import annotations
@@ -25,7 +25,7 @@ from readers import READERS
 
 _LONGEST = 15.0  # s for one input
 _MEMORY = 2**30  # bytes beyond what the process has at its start
-_COMPANIONS = (".wdp", ".wvs")
+_COMPANIONS = (".wdp", ".wvs", ".wvz")
 
 
 class TooLongError(BaseException):
