@@ -9,7 +9,6 @@ from typing import TypeVar
 
 import numpy as np
 
-from fullwaveform.analysis.baseline import baseline_and_noise_rms
 from fullwaveform.analysis.histograms import (
     Histogram,
     count_median,
@@ -18,6 +17,7 @@ from fullwaveform.analysis.histograms import (
 )
 from fullwaveform.analysis.origin import FileOrigin, origin_of
 from fullwaveform.calibration.calibration import Calibration, measure
+from fullwaveform.calibration.waveform_levels import MIN_SAMPLES, waveform_levels
 from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray, UInt16Array
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
@@ -63,8 +63,8 @@ class Receiver:
 class FileContents:
     """Statistics of a file of waveforms.
 
-    Baseline and noise rms of every waveform are those of `baseline_and_noise_rms`, rounded to a
-    sixteenth of a count.
+    Baseline and noise rms of every waveform are those of `waveform_levels`, rounded to a sixteenth
+    of a count.
 
     saturated : share of the waveforms with two consecutive samples of the largest value of the
         file, which clipping produces and noise rarely does
@@ -184,9 +184,10 @@ class _Sums:
         for first in range(0, len(samples), rows):
             part = samples[first : first + rows]
             self.values += np.bincount(part.ravel(), minlength=_VALUES)
-            baseline, noise_rms = baseline_and_noise_rms(part)
-            _count_steps(self.baseline, baseline)
-            _count_steps(self.noise_rms, noise_rms)
+            if samples.shape[1] >= MIN_SAMPLES:
+                levels = waveform_levels(part)
+                _count_steps(self.baseline, levels.baseline)
+                _count_steps(self.noise_rms, np.sqrt(levels.mean_square))
 
     def _add_plateaus(self, samples: UInt16Array) -> None:
         largest = int(samples.max())

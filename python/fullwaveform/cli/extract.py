@@ -104,22 +104,24 @@ def extract(
     with (
         checked_outputs(*outputs, overwrite=overwrite, inputs=(*sources, options.scanner)),
         report_errors(),
-        progress_bar(Console(stderr=True), quiet) as progress,
-        counted_messages(print_line if verbose else None) as messages,
     ):
-        threads = workers or max(1, available_workers() // min(jobs, len(sources)))
-        each = print_waveform if verbose else None
-        run = FileRun(options, threads, overwrite, progress, quiet, each)
-        if many:
-            output.mkdir(exist_ok=True)
-            pairs = list(zip(sources, targets, strict=True))
-            extract_many(run, pairs, jobs, skip_bad_files=skip_bad_files)
-            return
-        summary = replace(run.extract(sources[0], output), messages=messages)
-    if as_json:
-        typer.echo(json.dumps(summary.as_dict(), indent=2))
-    elif not quiet:
-        summary.show(Console())
+        with (
+            progress_bar(Console(stderr=True), quiet) as progress,
+            counted_messages(print_line if verbose else None) as messages,
+        ):
+            threads = workers or max(1, available_workers() // min(jobs, len(sources)))
+            each = print_waveform if verbose else None
+            run = FileRun(options, threads, overwrite, progress, quiet, each)
+            if many:
+                output.mkdir(exist_ok=True)
+                pairs = list(zip(sources, targets, strict=True))
+                extract_many(run, pairs, jobs, skip_bad_files=skip_bad_files)
+                return
+            summary = replace(run.extract(sources[0], output), messages=messages)
+        if as_json:
+            typer.echo(json.dumps(summary.as_dict(), indent=2))
+        elif not quiet:
+            summary.show(Console())
 
 
 def _in_folder(

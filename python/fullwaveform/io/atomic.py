@@ -124,6 +124,17 @@ def collect_outputs() -> Iterator[list[Path]]:
 
 
 @contextmanager
+def _collected_if_renamed(temporary: Path, final: Path) -> Iterator[None]:
+    """Collect the output if it has its final name, also when a signal comes right after."""
+    file = temporary.stat()
+    try:
+        yield
+    finally:
+        if _collected is not None and final.exists() and os.path.samestat(final.stat(), file):
+            _collected.append(final)
+
+
+@contextmanager
 def atomic_path(
     path: str | os.PathLike[str], kind: FileKind | None = None, *, overwrite: bool = False
 ) -> Iterator[Path]:
@@ -147,9 +158,8 @@ def atomic_path(
     try:
         yield temporary
         raise_if_requested()
-        _rename(temporary, final, kind, overwrite)
-        if _collected is not None:
-            _collected.append(final)
+        with _collected_if_renamed(temporary, final):
+            _rename(temporary, final, kind, overwrite)
     except OSError as error:
         temporary.unlink(missing_ok=True)
         renamed = _naming_final(error, temporary, final)

@@ -16,7 +16,7 @@ from fullwaveform.io.atomic import OutputFile, atomic_path
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS
 
 from ..support.child_processes import TIMEOUT_S, environment, wait_until
-from ..support.command_line import names
+from ..support.command_line import names, run
 from .processes import slow
 
 CODES = {signal.SIGINT: 130, signal.SIGTERM: 143, signal.SIGHUP: 129}
@@ -51,14 +51,15 @@ def test_signal_during_an_extraction_removes_the_output(
     scan: Path, tmp_path: Path, ending: str, number: signal.Signals
 ) -> None:
     output = tmp_path / f"echoes{ending}"
-    output.write_bytes(b"older result")
-    call = ("extract", scan, "-o", output, "--workers", "2", "--block", "1")
-    process = slow("blocks", *call)  # 800 blocks, 40 s
+    call = ("extract", scan, "-o", output)
+    assert run(*call).exit_code == 0
+    older = {name: (tmp_path / name).read_bytes() for name in without_statistics(tmp_path)}
+    process = slow("blocks", *call, "--overwrite", "--workers", "2", "--block", "1")  # 40 s
     wait_for_temporary_file(tmp_path)
     process.send_signal(number)
     assert_ended(process, number)
-    assert without_statistics(tmp_path) == [output.name]
-    assert output.read_bytes() == b"older result"
+    left = {name: (tmp_path / name).read_bytes() for name in without_statistics(tmp_path)}
+    assert left == older
 
 
 @pytest.mark.parametrize(
