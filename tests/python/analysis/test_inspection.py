@@ -15,7 +15,10 @@ from fullwaveform.io.opening import open_waveforms
 
 from ..support.las_scenes import Point, Scene
 
-# Baseline and noise rms, as derived in test_baseline: 11 and 0.63, 20 and 0, 5 and 1.67.
+# FLAT_TOP: of the means of neighbours 10.5 is the lowest; 10.5, 11.5 and 11.5 are within a count of
+# it, and their mean is the baseline, 11.167. Of their samples 10 and 11 are below it, by 1.167 and
+# 0.167; the latter counts 0.667: root of 1.389 / 1.667 = 0.913. SINGLE_TOP: means 7 and 8, baseline
+# 7.5, one sample below it, 5: noise rms 2.5. Values are rounded to sixteenths.
 FLAT_TOP = [10, 11, 12, 11, 100, 100, 13, 14]
 QUIET = [20, 20, 20, 20, 20]
 SINGLE_TOP = [5, 9, 7, 100, 3]
@@ -62,8 +65,8 @@ def test_counts(three: FileContents) -> None:
 
 
 def test_baseline_and_noise(three: FileContents) -> None:
-    assert three.baseline == Level(median=11.0, low=5.0, high=20.0)
-    assert three.noise_rms == Level(median=10 / 16, low=0.0, high=27 / 16)  # in sixteenths
+    assert three.baseline == Level(median=179 / 16, low=7.5, high=20.0)
+    assert three.noise_rms == Level(median=15 / 16, low=0.0, high=2.5)
 
 
 def test_values_and_saturation(three: FileContents) -> None:
@@ -83,10 +86,9 @@ def test_larger_value_resets_the_plateaus(tmp_path: Path) -> None:
     assert found.saturated == pytest.approx(1 / 3)
 
 
-def test_waveforms_of_one_sample_have_levels_and_no_plateau(tmp_path: Path) -> None:
+def test_waveforms_of_one_sample_have_no_level_and_no_plateau(tmp_path: Path) -> None:
     found = contents(archive(tmp_path / "a.npz", [[30], [30]]))
-    assert found.baseline == Level(30.0, 30.0, 30.0)
-    assert found.noise_rms == Level(0.0, 0.0, 0.0)
+    assert (found.baseline, found.noise_rms) == (None, None)
     assert found.saturated == 0.0
 
 

@@ -18,7 +18,7 @@ from fullwaveform.io.opening import open_waveforms
 from ..support.command_line import assert_error, assert_usage, run, words
 from ..support.las_scenes import Point, Scene
 
-# Baseline 11, as derived in analysis/test_baseline.py.
+# Baseline 11.1875, as derived in analysis/test_inspection.py.
 FLAT_TOP = [10, 11, 12, 11, 100, 100, 13, 14]
 
 
@@ -46,7 +46,7 @@ def test_table(scan: Path) -> None:
         "samples per waveform 8",
         "sampling interval 2 ns",
         "GPS time 1.500000 to 2.000000 s (0.5 s)",
-        "baseline 10.5 counts (90 % of the waveforms 10 to 11)",
+        "baseline 10.59 counts (90 % of the waveforms 10 to 11.19)",
         # 10 + 5 / sqrt(12) = 11.4
         "threshold 12 counts in extract (high channel, descriptor 2: baseline 10, noise rms 0)",
         "sample values 10 to 100 counts, 7 bits",
@@ -98,7 +98,7 @@ def test_json(scan: Path) -> None:
     assert found["channels"] == [{"flag": 0, "waveforms": 1}, {"flag": 1, "waveforms": 1}]
     assert found["sampling_intervals"] == [{"seconds": 2e-9, "waveforms": 2}]
     assert found["shots_by_waveforms"] == [{"waveforms": 1, "shots": 2}]
-    assert found["baseline"] == {"median": 10.5, "low": 10.0, "high": 11.0}
+    assert found["baseline"] == {"median": 10.59375, "low": 10.0, "high": 11.1875}
     assert set(found["noise_rms"]) == {"median", "low", "high"}
     assert "noise" not in found
     high, low = found["thresholds"]
