@@ -2,7 +2,8 @@
 
 #include <nanobind/nanobind.h>
 
-/// One function per module of the library and per helper of python/native; each adds its part to `fullwaveform._core`.
+/// One function per module of the library and per helper of python/native; each adds its part to
+/// `fullwaveform._core`.
 void bindHost(nanobind::module_& module);
 void bindScanner(nanobind::module_& module);
 void bindModel(nanobind::module_& module);

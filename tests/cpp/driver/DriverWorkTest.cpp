@@ -175,7 +175,8 @@ TEST(DriverWork, CancellingEndsTheMergingOfManyWaveforms) {
   // One shot: every high-power waveform is merged with every low-power one.
   std::vector<Row> rows;
   for (unsigned short i = 0; i < 2000; ++i) {
-    rows.push_back({echoOf(static_cast<unsigned short>(200 + i)), 1.0, static_cast<unsigned char>(i / 2 % 2)});
+    rows.push_back(
+        {echoOf(static_cast<unsigned short>(200 + i)), 1.0, static_cast<unsigned char>(i / 2 % 2)});
   }
   EXPECT_THROW(blockOf(rows).run(driver), Cancelled);
 }
