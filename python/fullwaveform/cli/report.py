@@ -27,6 +27,7 @@ from fullwaveform.cli.options import (
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.core.driver import Mode, check_system_wave
+from fullwaveform.extraction.prepare import Preparation, prepare
 from fullwaveform.io.atomic import FileKind, atomic_open
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 
@@ -72,7 +73,8 @@ def report(
 ) -> None:
     """Print the analysis of single waveforms: levels, segments, echoes.
 
-    The position offset of deconvolved echoes is not subtracted.
+    A high baseline is taken off as in extract; the position offset of deconvolved echoes is not
+    subtracted.
 
     Examples:
 
@@ -101,22 +103,27 @@ def report(
                 shots.append(find_shot(reader, Selector.TIME, time))
             calibration = measure(reader, "off")
             first = shots[0] if shots else find_shot(reader, Selector.WAVEFORM, 0)
-        found = {}
+        found, notes = {}, []
+        # Samples keep their scale, so that the amplitudes of the report are counts of the input.
+        preparation = Preparation(mode, threshold, "auto", 1, calibration)
         for shot in shots:
-            level = calibration.thresholds(shot.block) if threshold is None else threshold
+            prepared = prepare(shot.block, preparation)
             for number, text, state in block_reports(
-                shot.block, shot.rows, description, mode, level, extent=extent
+                prepared.block, shot.rows, description, mode, prepared.thresholds, extent=extent
             ):
                 found[number] = text, state
+            for row in shot.rows[prepared.removed[shot.rows] > 0]:
+                number, counts = shot.block.waveform_numbers[row], prepared.removed[row]
+                notes.append(f"waveform {number}: without {counts} counts of its baseline")
         texts = [text for _, (text, _) in sorted(found.items()) if text is not None]
-        notes = [f"waveform {n}: {state}" for n, (text, state) in found.items() if text is None]
+        missing = [f"waveform {n}: {state}" for n, (text, state) in found.items() if text is None]
         if scanner_report:
             parameters = description.at_interval(_interval(first)).report()
             texts.insert(0, parameters.removesuffix("\n"))
         if not texts:
-            raise ValueError(f"{source}: no report; {'; '.join(notes)}")
+            raise ValueError(f"{source}: no report; {'; '.join(missing)}")
         _write("".join(f"{text}\n" for text in texts), output, overwrite)
-    for note in notes:
+    for note in missing + notes:
         typer.echo(f"note: {note}", err=True)
 
 

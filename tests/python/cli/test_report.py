@@ -198,3 +198,17 @@ def test_input_is_never_overwritten(scan: Path) -> None:
 def test_mode_without_the_system_wave_it_needs(scan: Path) -> None:
     result = run("report", scan, "--waveform", "0", "--mode", "deconvolution")
     assert_error(result, "needs the scanner's system wave")
+
+
+def test_high_baseline_is_taken_off(tmp_path: Path) -> None:
+    """A baseline of 200 counts without noise: 198 are taken off, 5 of 0.29 counts rms are left."""
+    samples = [200] * SAMPLES
+    samples[30:33] = [225, 250, 225]
+    packets = [(1, samples)]
+    scene = Scene([(1, 8, SAMPLES, 2000)], packets, [Point(0, gps_time=100.0)])
+    result = run("report", scene.write(tmp_path / "scan.las"), "--waveform", "0")
+    assert result.exit_code == 0
+    assert result.stderr == "note: waveform 0: without 198 counts of its baseline\n"
+    (lines,) = reports(result.stdout)
+    assert "MaxAmplitude: 52 [-]" in lines
+    assert "Noise: 4 [db]" in lines  # 200 + 1.44 - 198, rounded up
