@@ -131,8 +131,10 @@ SystemWaveFit::Cover SystemWaveFit::coverOf(double position) {
   double const first = std::ceil(std::max(start, 0.0));
   double const last = std::floor(std::min(start + length, static_cast<double>(residual.size()) - 1.0));
   covered.clear();
-  for (double sample = first; sample <= last; sample += 1.0) {
+  double sample = first;
+  while (sample <= last) {
     covered.push_back(valueAt(sample - start));
+    sample += 1.0;
   }
   return {covered.empty() ? 0 : static_cast<std::size_t>(first), covered};
 }

@@ -20,12 +20,17 @@ constexpr int maxSweeps = 20;
 
 /// First and last index within a distance of a position, as doubles; none if the first exceeds the last.
 struct Window {
-  double first;
-  double last;
+  std::size_t begin = 0;
+  std::size_t end = 0;
 
-  Window(double position, double distance, std::size_t count)
-      : first(std::ceil(std::max(position - distance, 0.0))),
-        last(std::floor(std::min(position + distance, static_cast<double>(count) - 1.0))) {}
+  Window(double position, double distance, std::size_t count) {
+    double const first = std::ceil(std::max(position - distance, 0.0));
+    double const last = std::floor(std::min(position + distance, static_cast<double>(count) - 1.0));
+    if (first <= last) {  // false for NaN
+      begin = static_cast<std::size_t>(first);
+      end = static_cast<std::size_t>(last) + 1;
+    }
+  }
 };
 
 }  // namespace
@@ -61,9 +66,9 @@ void BaselineFit::subtract(Gaussian const& gaussian, double height) {
   }
   Window const window(gaussian.position, reachInSigmas * gaussian.sigma, residual.size());
   double const exponent = -0.5 / (gaussian.sigma * gaussian.sigma);
-  for (double x = window.first; x <= window.last; x += 1.0) {
-    double const off = x - gaussian.position;
-    residual[static_cast<std::size_t>(x)] -= height * std::exp(exponent * off * off);
+  for (std::size_t i = window.begin; i < window.end; ++i) {
+    double const off = static_cast<double>(i) - gaussian.position;
+    residual[i] -= height * std::exp(exponent * off * off);
   }
 }
 
@@ -75,11 +80,11 @@ double BaselineFit::improve(Gaussian& echo) {
   double spreadSpread = 0.0;
   double shapeResidual = 0.0;
   double spreadResidual = 0.0;
-  for (double x = window.first; x <= window.last; x += 1.0) {
-    double const off = (x - echo.position) / echo.sigma;
+  for (std::size_t i = window.begin; i < window.end; ++i) {
+    double const off = (static_cast<double>(i) - echo.position) / echo.sigma;
     double const shape = std::exp(-0.5 * off * off);
     double const spread = shape * off * off;  // derivative by the logarithm of the width
-    double const rest = residual[static_cast<std::size_t>(x)];
+    double const rest = residual[i];
     shapeShape += shape * shape;
     shapeSpread += shape * spread;
     spreadSpread += spread * spread;

@@ -96,7 +96,7 @@ void EchoFit::place(EchoState const& echo, std::size_t index, Evaluation& at) co
 
 /// Sets 1 / s^2 of all samples, and returns the sum of ln(s^2 / noise^2). The variance is constant between
 /// the ends of the pulses.
-double EchoFit::setWeights(Hypothesis const& hypothesis, Evaluation& at) {
+double EchoFit::setWeights(Hypothesis const& hypothesis, Evaluation& at) const {
   double const quiet = noiseDeviation * noiseDeviation;
   if (scatter == 0.0 || hypothesis.count == 0) {
     std::fill_n(at.weights.begin(), size, 1.0 / quiet);

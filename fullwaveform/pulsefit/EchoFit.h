@@ -112,7 +112,7 @@ class EchoFit {
 
   void resize(Evaluation& evaluation) const;
   void place(EchoState const& echo, std::size_t index, Evaluation& at) const;
-  double setWeights(Hypothesis const& hypothesis, Evaluation& at);
+  double setWeights(Hypothesis const& hypothesis, Evaluation& at) const;
   void evaluateAt(Hypothesis& hypothesis, Evaluation& at);
   void normalEquations(Hypothesis const& hypothesis, Evaluation& at, FitMatrix& matrix, Gradient& gradient);
   [[nodiscard]] Hypothesis stepped(Hypothesis const& from, Gradient const& step, double& move) const;

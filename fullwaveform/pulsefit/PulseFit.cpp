@@ -98,9 +98,15 @@ PulseEcho PulseFit::Search::echoOf(Hypothesis const& hypothesis, std::size_t ind
   bool const isClipped = std::any_of(fit.clipped().begin(), fit.clipped().end(), isNear);
   bool const isAtEdge =
       state.position < half || state.position > static_cast<double>(fit.samples()) - 1.0 - half;
-  echo.flags =
-      static_cast<std::uint8_t>((state.hasFreeWidth ? FREE_WIDTH : 0) | (isClipped ? CLIPPED : 0) |
-                                (isAtEdge ? AT_EDGE : 0) | (hypothesis.hasConverged ? 0 : NOT_CONVERGED));
+  auto const flag = [&echo](bool isSet, PulseEchoFlag which) {
+    if (isSet) {
+      echo.flags |= which;
+    }
+  };
+  flag(state.hasFreeWidth, FREE_WIDTH);
+  flag(isClipped, CLIPPED);
+  flag(isAtEdge, AT_EDGE);
+  flag(!hypothesis.hasConverged, NOT_CONVERGED);
   return echo;
 }
 

@@ -23,9 +23,10 @@ using Spectrum = std::vector<std::complex<double>>;
 std::vector<double> varianceNodes(double pulseVariance) {
   std::vector<double> nodes;
   constexpr double step = 0.05;  // relative to the variance of the pulse
-  for (double v = PulseTable::minVariance; v < PulseTable::maxVariance;
-       v += std::max(step * std::max(pulseVariance + v, 0.3), 0.02)) {
+  double v = PulseTable::minVariance;
+  while (v < PulseTable::maxVariance) {
     nodes.push_back(v);
+    v += std::max(step * std::max(pulseVariance + v, 0.3), 0.02);
   }
   nodes.push_back(PulseTable::maxVariance);
   return nodes;
