@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import os
 from dataclasses import replace
 from pathlib import Path
 from typing import Annotated
@@ -84,7 +85,9 @@ def extract(
         fullwaveform extract scan.las second.las -o folder --format las --jobs 2
     """
     refuse_quiet_and_verbose(quiet, verbose)
-    many = len(sources) > 1 or file_format is not None or output.is_dir()
+    # Path.is_dir raises an error for a name that is too long.
+    is_folder = os.path.isdir(output)  # noqa: PTH112
+    many = len(sources) > 1 or file_format is not None or is_folder
     if as_json and many:
         raise typer.BadParameter("does not apply to output in a folder", param_hint="--json")
     targets = _in_folder(sources, output, file_format, options) if many else [output]

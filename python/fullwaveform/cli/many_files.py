@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import stat
 from collections.abc import Sequence
 from pathlib import Path
 from typing import Annotated
@@ -50,8 +51,16 @@ def check_format(name: str, options: ExtractOptions) -> None:
 
 
 def check_folder(folder: Path) -> None:
-    """BadParameter if the path is, or looks like, a file."""
-    if not folder.is_dir() and (folder.exists() or folder.suffix.lower() in ECHO_ENDINGS):
+    """BadParameter if the path is, or looks like, a file, or cannot be a path at all."""
+    try:
+        is_file = not stat.S_ISDIR(folder.stat().st_mode)
+    except FileNotFoundError:
+        is_file = folder.suffix.lower() in ECHO_ENDINGS
+    except OSError as error:  # a name that is too long
+        raise typer.BadParameter(
+            f"cannot write {folder}: {error.strerror}", param_hint="-o"
+        ) from error
+    if is_file:
         raise typer.BadParameter(
             f"{folder} must be a folder; the format of its files is given by --format",
             param_hint="-o",

@@ -123,7 +123,7 @@ def cases() -> Iterator[tuple[str, Case]]:
     yield "a file used as a folder", extract(source="{}/scan.las/scan.las")
 
     yield "output in a missing folder", extract(output="{}/gone/out.csv")
-    yield "output is a folder", extract(output="{}/taken")
+    yield "summary of output in a folder as JSON", extract("--json", output="{}/taken")
     yield (
         "output in a file used as a folder",
         call("extract", "{}/scan.las", "-o", "{}/taken/../taken/file.txt/out.csv"),
@@ -133,6 +133,7 @@ def cases() -> Iterator[tuple[str, Case]]:
     yield "output of an unknown kind", extract(output="{}/out.xyz")
     yield "output without a suffix", extract(output="{}/out")
     yield "output of 300 letters", extract(output="{}/" + "a" * 300 + ".csv")
+    yield "a folder of 300 letters", extract("--format", "csv", output="{}/" + "a" * 300)
     yield "waveforms without echoes in a LAS file", extract("--keep-empty", output="{}/out.las")
 
     yield "mode 4", extract("--mode", "4")
@@ -147,6 +148,10 @@ def cases() -> Iterator[tuple[str, Case]]:
     yield (
         "resume without a run",
         call("cluster", "{}/scan.las", "-o", "{}/parts", "--scheduler", "a:1", "--resume"),
+    )
+    yield (
+        "parts in a folder of 300 letters",
+        call("cluster", "{}/scan.las", "-o", "{}/" + "a" * 300, "--scheduler", "local"),
     )
     yield "mode of another name", extract("--mode", "gauss")
     for threshold in ("-1", "65536", "12.5", "nan", "loud"):
