@@ -18,7 +18,7 @@ constexpr double convergedStep = 1e-3;   // of the width, relative
 constexpr double minDeterminant = 1e-6;  // of the normal equations, relative
 constexpr int maxSweeps = 20;
 
-/// First and last index within a distance of a position, as doubles; none if the first exceeds the last.
+/// Indices within a distance of a position.
 struct Window {
   std::size_t begin = 0;
   std::size_t end = 0;
