@@ -86,7 +86,7 @@ def test_signal_before_renaming_removes_the_output(
 
 
 def test_finished_output_stays_and_is_reported(scan: Path, tmp_path: Path) -> None:
-    output = tmp_path / "echoes.csv"
+    output = tmp_path / "echoes.parquet"
     process = slow("summary", "extract", scan, "-o", output)
     wait_until(output.exists)
     process.send_signal(signal.SIGTERM)

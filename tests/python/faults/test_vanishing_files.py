@@ -2,18 +2,21 @@
 
 from __future__ import annotations
 
+import functools
 import os
 import shutil
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
+import h5py
 import laspy
 import numpy as np
 import pytest
 
 from fullwaveform.extraction.extractor import Extractor
 from fullwaveform.io.container.writer import ScanContainerWriter
+from fullwaveform.io.echo_writers.csv_metadata import metadata_path
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
@@ -55,7 +58,7 @@ def pulsewaves(folder: Path) -> Path:
 
 
 def container(folder: Path) -> Path:
-    """8000 waveforms: more than HDF5 caches in memory."""
+    """8,000 waveforms in several chunks."""
     long = write_scan(simulate_scan(ScanSettings(shots=4000)), folder / "long.las").las
     assert run("convert", long, folder / "scan.h5", "--quiet").exit_code == 0
     return folder / "scan.h5"
@@ -73,6 +76,9 @@ def compressed(folder: Path) -> Path:
 def test_samples_truncated_during_the_run(
     own_scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, cut: str
 ) -> None:
+    # HDF5 would keep a file of this size in memory when the thresholds are measured.
+    uncached = functools.partial(h5py.File, rdcc_nbytes=0)
+    monkeypatch.setattr("fullwaveform.io.container.reader.h5py.File", uncached)
     shortened = own_scan.with_name(cut)
     source = {
         "scan.wdp": lambda: own_scan,
@@ -112,7 +118,8 @@ def test_echo_folder_removed_during_the_run(
     output = folder / f"echoes{ending}"
     after_the_first_block(monkeypatch, Extractor, "extract", lambda: shutil.rmtree(folder))
     result = run("extract", own_scan, "-o", output, *EXTRACT_BY_BLOCKS)
-    assert_error(result, f"cannot write {output}: No such file or directory")
+    first = metadata_path(output) if ending == ".csv" else output  # to be completed
+    assert_error(result, f"cannot write {first}: No such file or directory")
     assert not folder.exists()
 
 
