@@ -2,7 +2,7 @@
 
 NB_MODULE(_core, module) {
   // An error that ends the program keeps objects in its traceback until the interpreter is gone.
-  nb::set_leak_warnings(false);
+  nanobind::set_leak_warnings(false);
   module.doc() = "The extraction library. It does not check its arguments; use the package fullwaveform.";
   bindHost(module);
   bindScanner(module);
