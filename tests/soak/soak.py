@@ -23,6 +23,8 @@ from driver_lifetimes import DRIVERS_PER_ROUND
 from scans import CHANNELS, RepeatedScan, repeat
 from watching import WatchedProcess, watch
 
+from fullwaveform.io.echo_writers.csv import CsvEchoWriter
+
 COMMAND = [sys.executable, "-m", "fullwaveform"]
 THRESHOLD = "20"  # counts; 8 above the baseline, five times the noise rms
 COLUMNS = 8  # readings of a run that are printed
@@ -123,7 +125,8 @@ def run(mode: int, scan: RepeatedScan, options: argparse.Namespace, folder: Path
             f"with one"
         )
         failures += counts.failures
-        output.unlink()
+        for path in CsvEchoWriter.outputs(output):
+            path.unlink()
     if left := sorted(path.name for path in working.iterdir()):
         failures.append(f"unexpected files remain: {', '.join(left)}")
     return failures

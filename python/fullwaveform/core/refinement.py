@@ -36,7 +36,7 @@ def refine_deconvolved(
     order = np.argsort(rows, kind="stable")
     refined, heights = _core.refine_echoes(
         samples,
-        counts,
+        np.ascontiguousarray(counts),
         _doubles(baseline),
         rows[order],
         _doubles(positions[order]),
@@ -64,7 +64,7 @@ def refine_decomposed(
     order = np.argsort(rows, kind="stable")
     fitted, widths = _core.refine_gaussians(
         samples,
-        counts,
+        np.ascontiguousarray(counts),
         _doubles(baseline),
         rows[order],
         *(_doubles(column[order]) for column in (positions, heights, sigmas)),

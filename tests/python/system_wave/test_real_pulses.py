@@ -11,6 +11,8 @@ import numpy as np
 import pytest
 
 from fullwaveform import Mode, Scanner
+from fullwaveform.core.refinement import refine_deconvolved
+from fullwaveform.data.arrays import AnyArray
 from fullwaveform.system_wave import AveragePulse, SystemWave, fit_system_wave, measure_offset
 from fullwaveform.system_wave.description import with_system_wave
 from fullwaveform.system_wave.isolated import StrongEchoes, Waveforms, echoes_of, strongest_echoes
@@ -80,6 +82,21 @@ def test_exponentials_fit_the_outgoing_pulse() -> None:
     assert wave.fit.misfit.largest < 4e-3
 
 
+def refined(
+    peaks: Mapping[str, AnyArray], waveforms: Waveforms, scanner: Scanner
+) -> dict[str, AnyArray]:
+    """Deconvolved echoes with the positions of an extraction, to which the offset applies."""
+    positions, _ = refine_deconvolved(
+        waveforms.samples,
+        waveforms.counts,
+        waveforms.baseline(),
+        peaks["row"],
+        peaks["idx"],
+        scanner,
+    )
+    return {**peaks, "idx": positions}
+
+
 @needs_strip
 def test_modes_agree_after_the_offset() -> None:
     """Measured on every other waveform, applied to the remaining ones."""
@@ -93,11 +110,14 @@ def test_modes_agree_after_the_offset() -> None:
     assert offset.spread < 0.15
     (rest,) = odd
     fitted = strongest_echoes(echoes_of(rest, scanner, 8, Mode.THREE_POINT), rest.baseline())
-    deconvolved = median_from(fitted, echoes_of(rest, scanner, 8, Mode.DECONVOLUTION))
+    deconvolved = median_from(
+        fitted, refined(echoes_of(rest, scanner, 8, Mode.DECONVOLUTION), rest, scanner)
+    )
     assert abs(deconvolved - offset.position) < 0.05
     # The hybrid deconvolves the low-power channel (flag 1) and decomposes the other.
     branches = [echoes_of(rest, scanner, 8, Mode.HYBRID, flag) for flag in (1, 0)]
     assert [set(branch["type"].tolist()) for branch in branches] == [{5}, {3}]
+    branches[0] = refined(branches[0], rest, scanner)
     low_power, normal = (median_from(fitted, branch) for branch in branches)
     assert abs(low_power - offset.hybrid - normal) < 0.05
 
@@ -121,6 +141,7 @@ def test_hybrid_agrees_where_fit_and_decomposition_differ() -> None:
             )
             peaks = echoes_of(part, scanner, 8, Mode.HYBRID, flag)
             assert set(peaks["type"].tolist()) <= {5 if flag else 3}
+            peaks = refined(peaks, part, scanner) if flag else dict(peaks)
             differences.append(position_differences(fitted, peaks))
         medians.append(np.median(np.concatenate(differences)) - (offset.hybrid if flag else 0.0))
     assert abs(medians[1] - medians[0]) < 0.05
