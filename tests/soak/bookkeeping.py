@@ -5,6 +5,7 @@ from __future__ import annotations
 from collections.abc import Iterator, Mapping
 from dataclasses import dataclass, field
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import numpy.typing as npt
@@ -138,11 +139,16 @@ def certain_echoes(truth: TruthTable) -> npt.NDArray[np.intp]:
     return np.flatnonzero(isolated & strong & ~truth.saturated)
 
 
+def _bytes(column: npt.NDArray[Any]) -> bytes:
+    """The values of a column; geometries are objects, whose text has all digits."""
+    return repr(column.tolist()).encode() if column.dtype == object else column.tobytes()
+
+
 def _differences(first: Rows, rows: Rows, number: int, scan: RepeatedScan) -> list[str]:
     """Columns of a repetition that differ in any bit from the first one, shifted in time."""
     if len(rows["echo_number"]) != len(first["echo_number"]):
         counts = f"{len(rows['echo_number']):,} rows; expected {len(first['echo_number']):,}"
         return [f"repetition {number}: {counts}"]
     later = {**first, "gps_time": first["gps_time"] + number * scan.period}
-    different = [name for name in rows if rows[name].tobytes() != later[name].tobytes()]
+    different = [name for name in rows if _bytes(rows[name]) != _bytes(later[name])]
     return [f"repetition {number}: {name} differs" for name in different]

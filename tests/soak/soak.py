@@ -23,7 +23,7 @@ from driver_lifetimes import DRIVERS_PER_ROUND
 from scans import CHANNELS, RepeatedScan, repeat
 from watching import WatchedProcess, watch
 
-from fullwaveform.io.echo_writers.csv import CsvEchoWriter
+from fullwaveform.io.echo_writers.opening import echo_outputs
 
 COMMAND = [sys.executable, "-m", "fullwaveform"]
 THRESHOLD = "20"  # counts; 8 above the baseline, five times the noise rms
@@ -125,7 +125,7 @@ def run(mode: int, scan: RepeatedScan, options: argparse.Namespace, folder: Path
             f"with one"
         )
         failures += counts.failures
-        for path in CsvEchoWriter.outputs(output):
+        for path in echo_outputs(output):
             path.unlink()
     if left := sorted(path.name for path in working.iterdir()):
         failures.append(f"unexpected files remain: {', '.join(left)}")

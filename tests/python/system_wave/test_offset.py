@@ -100,6 +100,17 @@ def test_offset_of_simulated_echoes_agrees_with_recorded_ones(
     assert made.position == pytest.approx(recorded_ones.position, abs=0.1)
 
 
+def test_counts_of_samples_may_be_strided(scanner: Scanner) -> None:
+    """As those of every other waveform are."""
+    every = waveforms()
+    rows = slice(None, None, 2)
+    strided = Waveforms(np.ascontiguousarray(every.samples[rows]), every.counts[rows], INTERVAL)
+    contiguous = Waveforms(strided.samples, strided.counts.copy(), INTERVAL)
+    found = measure_offset(scanner, [strided], NOISE)
+    assert found is not None
+    assert found == measure_offset(scanner, [contiguous], NOISE)
+
+
 def test_too_few_echoes_give_no_offset(scanner: Scanner) -> None:
     assert measure_offset(scanner, [waveforms(19)], NOISE) is None
     assert measure_offset(scanner, [], NOISE) is None
