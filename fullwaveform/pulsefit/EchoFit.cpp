@@ -243,7 +243,7 @@ Hypothesis EchoFit::stepped(Hypothesis const& from, Gradient const& step, double
     echo.amplitude =
         std::max(echo.amplitude + by[1], std::max(minAmplitudeRatio * echo.amplitude, minAmplitude));
     echo.variance = std::clamp(echo.variance + std::clamp(by[2], -maxVarianceStep, maxVarianceStep),
-                               PulseTable::minVariance, PulseTable::maxVariance);
+                               PulseTable::minVariance, table->maxVariance());
   }
   return to;
 }

@@ -98,11 +98,11 @@ Candidate MatchedFilter::best(EchoFit const& fit) {
   return best;
 }
 
-EchoSearch::EchoSearch(PulseTable const& table, double echoCost, InstructionSet set)
-    : filter(table, set), echoCost(echoCost) {}
+EchoSearch::EchoSearch(PulseTable const& table, InstructionSet set) : filter(table, set) {}
 
-Hypothesis EchoSearch::run(EchoFit& fit, double baseline) {
+Hypothesis EchoSearch::run(EchoFit& fit, double baseline, double costOfEcho) {
   constexpr std::size_t maxRounds = 3 * maxFittedEchoes;
+  echoCost = costOfEcho;
   fit.setCosts(echoCost, widthCost);
   fit.setScatterFactor(searchScatter);
   Hypothesis hypothesis;

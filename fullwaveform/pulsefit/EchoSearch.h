@@ -41,12 +41,13 @@ class MatchedFilter {
 /// as long as there is one.
 class EchoSearch {
  public:
-  /// @param echoCost  gain of the energy that an echo must bring
-  EchoSearch(PulseTable const& table, double echoCost, InstructionSet set);
+  EchoSearch(PulseTable const& table, InstructionSet set);
 
-  /// @param fit  holds the waveform
+  /// @param fit         holds the waveform
+  /// @param baseline    start value
+  /// @param costOfEcho  gain of the energy that an echo must bring
   /// @return the hypothesis of the lowest cost, refined with the scatter as it is, and evaluated
-  Hypothesis run(EchoFit& fit, double baseline);
+  Hypothesis run(EchoFit& fit, double baseline, double costOfEcho);
 
  private:
   bool addEcho(EchoFit& fit, Hypothesis const& from, Hypothesis& best);
@@ -54,7 +55,7 @@ class EchoSearch {
   void prune(EchoFit& fit, Hypothesis& hypothesis) const;
 
   MatchedFilter filter;
-  double echoCost;
+  double echoCost = 0.0;
 };
 
 }  // namespace FullWaveform

@@ -5,9 +5,11 @@
 #include <vector>
 
 #include <fullwaveform/fitting/InstructionSet.h>
+#include <fullwaveform/pulsefit/EchoCost.h>
 #include <fullwaveform/pulsefit/EchoFit.h>
 #include <fullwaveform/pulsefit/EchoSearch.h>
 #include <fullwaveform/pulsefit/PulseTable.h>
+#include <fullwaveform/text/Number.h>
 
 namespace FullWaveform {
 
@@ -15,9 +17,10 @@ struct PulseFit::Search {
   Search(PulseModel const& model, PulseFitSettings const& settings, InstructionSet set)
       : baseline(model.baseline),
         limit(settings.digitiserLimit),
-        table(model),
+        table(model, settings.maxVariance),
+        echoCost(model, settings),
         fit(model, table, set),
-        search(table, settings.echoCost, set) {
+        search(table, set) {
     echoes.reserve(maxFittedEchoes);
   }
 
@@ -27,13 +30,36 @@ struct PulseFit::Search {
   double baseline;
   double limit;
   PulseTable table;
+  EchoCost echoCost;
   EchoFit fit;
   EchoSearch search;
   FitMatrix covariance{};
   std::vector<PulseEcho> echoes;
 };
 
-PulseFit::PulseFit(PulseModel const& model, PulseFitSettings const& settings) : message(model.error()) {
+std::string PulseFitSettings::error() const {
+  auto const invalid = [](std::string const& name, double value, std::string const& rule) {
+    return "invalid " + name + " " + shortestText(value) + " of the pulse fit; expected " + rule;
+  };
+  constexpr double highestRate = 100.0;
+  constexpr double highestVariance = 10000.0;  // a standard deviation of 100 samples
+  if (!(falseAlarms > 0.0 && falseAlarms <= highestRate)) {
+    return invalid("rate of false alarms", falseAlarms, "above 0 and at most 100 per 1000 waveforms");
+  }
+  if (!std::isnan(minEchoCost) && !(minEchoCost >= 0.0 && std::isfinite(minEchoCost))) {
+    return invalid("minimum cost of an echo", minEchoCost, "a finite number, at least 0");
+  }
+  if (std::isnan(digitiserLimit)) {
+    return invalid("digitiser limit", digitiserLimit, "a number of counts");
+  }
+  if (!(maxVariance > 0.0 && maxVariance <= highestVariance)) {
+    return invalid("maximum variance", maxVariance, "above 0 and at most 10000 samples squared");
+  }
+  return "";
+}
+
+PulseFit::PulseFit(PulseModel const& model, PulseFitSettings const& settings)
+    : message(model.error().empty() ? settings.error() : model.error()) {
   if (message.empty()) {
     search = std::make_unique<Search>(model, settings, widestInstructionSet());
   }
@@ -54,7 +80,7 @@ PulseFitResult PulseFit::apply(std::span<unsigned short const> samples) {
 
 PulseFitResult PulseFit::Search::run(std::span<unsigned short const> samples) {
   fit.setSignal(samples, limit);
-  Hypothesis const hypothesis = search.run(fit, baseline);
+  Hypothesis const hypothesis = search.run(fit, baseline, echoCost.at(samples.size()));
   bool const isRegular = fit.covariance(hypothesis, covariance);
   echoes.clear();
   std::size_t free = 1;

@@ -5,6 +5,7 @@
 #include <limits>
 #include <memory>
 #include <span>
+#include <string>
 
 #include <fullwaveform/Export.h>
 #include <fullwaveform/pulsefit/PulseModel.h>
@@ -40,9 +41,15 @@ struct PulseFitResult {
 };
 
 struct PulseFitSettings {
-  double echoCost = 40.0;  ///< gain of twice the log-likelihood that an echo must bring
+  double falseAlarms = 1.0;  ///< echoes per 1000 waveforms of noise alone
+  double minEchoCost =
+      std::numeric_limits<double>::quiet_NaN();  ///< smallest cost of an echo; NaN: `EchoCost::floorFor`
   double digitiserLimit =
       std::numeric_limits<double>::infinity();  ///< counts; samples from here on are clipped
+  double maxVariance = 25.0;                    ///< of an echo, samples squared
+
+  /// Empty, or what is wrong with the settings.
+  [[nodiscard]] FULLWAVEFORM_EXPORT std::string error() const;
 };
 
 /// Maximum-likelihood fit of a sum of echoes with the measured pulse of the scanner.
@@ -52,13 +59,13 @@ struct PulseFitSettings {
 /// time. The result does not depend on the waveforms before.
 class PulseFit {
  public:
-  /// An invalid model leaves the object without a fit: see `error`.
+  /// An invalid model or setting leaves the object without a fit: see `error`.
   FULLWAVEFORM_EXPORT explicit PulseFit(PulseModel const& model, PulseFitSettings const& settings = {});
   PulseFit(PulseFit const&) = delete;
   PulseFit& operator=(PulseFit const&) = delete;
   FULLWAVEFORM_EXPORT ~PulseFit();
 
-  /// Empty, or what is wrong with the model.
+  /// Empty, or what is wrong with the model or the settings.
   [[nodiscard]] FULLWAVEFORM_EXPORT std::string const& error() const;
 
   /// Finds the echoes of a waveform.

@@ -20,15 +20,15 @@ constexpr int maxFrequency = 1;  // cycles per sample
 using Spectrum = std::vector<std::complex<double>>;
 
 /// Nodes are closer where a pulse is narrow: the series converges with the variance of the whole pulse.
-std::vector<double> varianceNodes(double pulseVariance) {
+std::vector<double> varianceNodes(double pulseVariance, double maxVariance) {
   std::vector<double> nodes;
   constexpr double step = 0.05;  // relative to the variance of the pulse
   double v = PulseTable::minVariance;
-  while (v < PulseTable::maxVariance) {
+  while (v < maxVariance) {
     nodes.push_back(v);
     v += std::max(step * std::max(pulseVariance + v, 0.3), 0.02);
   }
-  nodes.push_back(PulseTable::maxVariance);
+  nodes.push_back(maxVariance);
   return nodes;
 }
 
@@ -132,13 +132,13 @@ double varianceOf(PulseModel const& model) {
 
 }  // namespace
 
-PulseTable::PulseTable(PulseModel const& model) {
+PulseTable::PulseTable(PulseModel const& model, double maxVariance) {
   double const lastLag = model.firstLag + model.lagStep * static_cast<double>(model.pulse.size() - 1);
   auto const widest = static_cast<int>(std::ceil(6.0 * std::sqrt(maxVariance)));
   int const firstLag = static_cast<int>(std::floor(model.firstLag)) - widest;
   int const lags = static_cast<int>(std::ceil(lastLag)) + widest - firstLag + 1;
   Spectrum const spectrum = spectrumOf(model, lags);
-  for (double const variance : varianceNodes(varianceOf(model))) {
+  for (double const variance : varianceNodes(varianceOf(model), maxVariance)) {
     auto const curves = widened(spectrum, variance, firstLag, lags, lags);
     Shape const shape = shapeOf(curves);
     auto const matters = [&](double value) { return std::abs(value) > negligible * shape.peak; };

@@ -17,7 +17,6 @@ class PulseTable {
  public:
   static constexpr std::size_t derivatives = 5;  ///< orders 0 to 4
   static constexpr double minVariance = -0.4;    ///< samples squared
-  static constexpr double maxVariance = 25.0;
 
   /// The rows from which a pulse at a position is interpolated. Index 0 of the rows belongs to sample
   /// `first`.
@@ -36,8 +35,11 @@ class PulseTable {
     double fwhmSlope;  ///< derivatives by the variance
   };
 
-  /// @param model  valid
-  explicit PulseTable(PulseModel const& model);
+  /// @param model        valid
+  /// @param maxVariance  of an echo, samples squared; above `minVariance`
+  explicit PulseTable(PulseModel const& model, double maxVariance = 25.0);
+
+  [[nodiscard]] double maxVariance() const { return nodes.back().variance; }
 
   [[nodiscard]] Place placeAt(double position, double variance) const;
   [[nodiscard]] Shape shapeAt(double variance) const;

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <limits>
 #include <numbers>
 #include <random>
 #include <vector>
@@ -184,6 +185,43 @@ TEST(PulseFit, AnInvalidModelFindsNothing) {
   EXPECT_TRUE(fit.apply(waveform(80, {{40.0, 500.0}})).echoes.empty());
 }
 
+TEST(PulseFit, NamesTheSettingThatIsInvalid) {
+  auto const errorWith = [](auto const& change) {
+    PulseFitSettings settings;
+    change(settings);
+    PulseFit fit(gaussianModel(), settings);
+    EXPECT_TRUE(fit.apply(waveform(80, {{40.0, 500.0}})).echoes.empty());
+    return fit.error();
+  };
+  constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_EQ(errorWith([](PulseFitSettings& s) { s.falseAlarms = 0.0; }),
+            "invalid rate of false alarms 0 of the pulse fit; expected above 0 and at most 100 per 1000 "
+            "waveforms");
+  EXPECT_EQ(errorWith([](PulseFitSettings& s) { s.falseAlarms = nan; }).substr(0, 28),
+            "invalid rate of false alarms");
+  EXPECT_EQ(errorWith([](PulseFitSettings& s) { s.minEchoCost = -1.0; }),
+            "invalid minimum cost of an echo -1 of the pulse fit; expected a finite number, at least 0");
+  EXPECT_EQ(errorWith([](PulseFitSettings& s) { s.digitiserLimit = nan; }).substr(0, 23),
+            "invalid digitiser limit");
+  EXPECT_EQ(errorWith([](PulseFitSettings& s) { s.maxVariance = 2e4; }),
+            "invalid maximum variance 20000 of the pulse fit; expected above 0 and at most 10000 samples "
+            "squared");
+}
+
+TEST(PulseFit, MaxVarianceBoundsTheWidth) {
+  std::vector<TrueEcho> const wide{{60.0, 300.0, 8.0}};  // an added variance of 61.1
+  PulseFitSettings settings;
+  settings.minEchoCost = 5e4;  // so that one echo must explain it
+  settings.maxVariance = 100.0;
+  Echoes const echoes = fitted(waveform(120, wide), gaussianModel(), settings);
+  ASSERT_EQ(echoes.size(), 1U);
+  EXPECT_NEAR(echoes[0].fwhm, 8.0 * std::sqrt(8.0 * std::log(2.0)), 0.05);
+  settings.maxVariance = 25.0;
+  Echoes const bounded = fitted(waveform(120, wide), gaussianModel(), settings);
+  ASSERT_EQ(bounded.size(), 1U);
+  EXPECT_NEAR(bounded[0].fwhm, 12.4257, 0.01);  // 2.35482 sqrt(1.69864^2 + 25)
+}
+
 TEST(PulseFit, DoesNotAllocateAfterALongerWaveform) {
   PulseFit fit(gaussianModel());
   Counts const samples = waveform(120, {{30.0, 500.0}, {34.0, 300.0}, {80.0, 400.0}});
@@ -222,7 +260,7 @@ TEST(EchoSearch, EveryInstructionSetGivesTheSameBits) {
     for (InstructionSet const set : {InstructionSet::Baseline, InstructionSet::Avx2}) {
       EchoFit fit(model, table, set);
       fit.setSignal(samples, 400.0);
-      found.push_back(EchoSearch(table, 40.0, set).run(fit, model.baseline));
+      found.push_back(EchoSearch(table, set).run(fit, model.baseline, 40.0));
     }
     ASSERT_EQ(found[0].count, found[1].count);
     EXPECT_EQ(found[0].cost, found[1].cost);
