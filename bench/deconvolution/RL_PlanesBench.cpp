@@ -8,6 +8,7 @@
 
 #include <bench/support/Allocations.h>
 #include <bench/support/BareTransforms.h>
+#include <bench/support/Stopwatch.h>
 #include <bench/support/Waveforms.h>
 
 #include "deconvolution/PlainRichardsonLucy.h"

@@ -1,7 +1,10 @@
 #include <bench/support/BareTransforms.h>
 
+#include <limits>
 #include <optional>
 #include <utility>
+
+#include <bench/support/Stopwatch.h>
 
 namespace FullWaveform::Bench {
 namespace {

@@ -6,20 +6,19 @@
 #include "support/SkewedScanner.h"
 
 namespace FullWaveform::Bench {
-namespace {
 
-/// The scanner's pulse at t samples after its start, largest value near 1.
-double pulse(double t) {
+double pulse(PulseShape shape, double t) {
+  if (shape == PulseShape::Gaussian) {
+    return std::exp(-std::log(2.0) * std::pow((t - 6.0) / 2.0, 2.0));
+  }
   return t < 0.0 ? 0.0 : 1.9 * std::exp(-0.25 * t) * (1.0 - std::cos(0.5 * t));
 }
-
-}  // namespace
 
 ScannerDevice scanner() {
   return Testing::skewedScanner();
 }
 
-Samples makeWaveform(std::size_t samples, std::size_t echoes, std::uint32_t number) {
+Samples makeWaveform(std::size_t samples, std::size_t echoes, std::uint32_t number, PulseShape shape) {
   constexpr double margin = 14.0;  // length of a pulse, samples
   std::minstd_rand rng(number + 1);
   // Not a standard distribution: those differ between standard libraries.
@@ -27,13 +26,13 @@ Samples makeWaveform(std::size_t samples, std::size_t echoes, std::uint32_t numb
   double const spacing = (static_cast<double>(samples) - margin) / static_cast<double>(echoes);
   std::vector<double> values(samples);
   for (double& value : values) {
-    value = 10.0 + 4.0 * (uniform() - 0.5);
+    value = baseline + 4.0 * (uniform() - 0.5);
   }
   for (std::size_t echo = 0; echo < echoes; ++echo) {
     double const start = 1.0 + spacing * (static_cast<double>(echo) + uniform());
     double const height = 40.0 * std::pow(37.5, uniform());
     for (std::size_t i = 0; i < samples; ++i) {
-      values[i] += height * pulse(static_cast<double>(i) - start);
+      values[i] += height * pulse(shape, static_cast<double>(i) - start);
     }
   }
   Samples waveform(samples);
@@ -43,9 +42,9 @@ Samples makeWaveform(std::size_t samples, std::size_t echoes, std::uint32_t numb
   return waveform;
 }
 
-Waveforms::Waveforms(std::size_t length, std::size_t echoes) {
+Waveforms::Waveforms(std::size_t length, std::size_t echoes, PulseShape shape) {
   for (std::uint32_t number = 0; number < waveformCount; ++number) {
-    Samples const& own = samples.emplace_back(makeWaveform(length, echoes, number));
+    Samples const& own = samples.emplace_back(makeWaveform(length, echoes, number, shape));
     waves.emplace_back(
         new WavePoints<unsigned short>(own.data(), 1, 0.0, 0.0, static_cast<int>(length), noise, scanner()));
   }

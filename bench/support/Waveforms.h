@@ -22,17 +22,26 @@ inline constexpr std::size_t waveformCount = 64;  // different waveforms, so tha
 /// Scanner of 1 ns samples with a system wave, the one that the waveforms below were made with.
 ScannerDevice scanner();
 
+inline constexpr double baseline = 10.0;  // counts
+inline constexpr double noiseRms = 1.19;  // counts: uniform noise of +-2, rounded
+
+/// Shapes of the pulse: skewed and ringing as the scanner's, or a Gaussian 4 samples wide at half maximum.
+enum class PulseShape : std::uint8_t { Skewed = 0, Gaussian = 1 };
+
+/// Height of the pulse, at most near 1, `t` samples after its start.
+double pulse(PulseShape shape, double t);
+
 /// A waveform with echoes of different heights (40 to 1500 counts) spread evenly over it, from its first
 /// samples to its last, on a baseline of 10 counts with little noise.
 ///
 /// @param samples  length; at least 15
-/// @param echoes   at least 1
 /// @param number   seed; equal numbers give equal waveforms
-Samples makeWaveform(std::size_t samples, std::size_t echoes, std::uint32_t number);
+Samples makeWaveform(std::size_t samples, std::size_t echoes, std::uint32_t number,
+                     PulseShape shape = PulseShape::Skewed);
 
 /// Samples and analysed waveforms, the arguments of a method's `apply`.
 struct Waveforms {
-  Waveforms(std::size_t length, std::size_t echoes);
+  Waveforms(std::size_t length, std::size_t echoes, PulseShape shape = PulseShape::Skewed);
 
   std::vector<Samples> samples;
   std::vector<WavePtr> waves;
