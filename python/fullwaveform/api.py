@@ -64,8 +64,9 @@ class Extraction:
     peaks : one row per echo, shot by shot along the flight of light: ``x``, ``y``, ``z``
         (coordinate units of the file; NaN where it has none), ``gps_time`` (s), ``echo_number``,
         ``echo_count``, ``amplitude`` (counts above the baseline), ``amplitude_db``,
-        ``amplitude_library_db``, ``sigma_ns``, ``fwhm_ns``, ``position`` (samples), ``echo_type``,
-        ``quality``, ``reflectance`` (dB), ``time`` (s),
+        ``amplitude_library_db``, ``sigma_ns``, ``fwhm_ns``, ``position`` (samples),
+        ``sigma_position_ns``, ``sigma_amplitude`` (counts), ``sigma_width_ns``, ``sigma_range``
+        (m), ``echo_type``, ``quality``, ``reflectance`` (dB), ``time`` (s),
         ``waveform_number``, ``channel_flag``
     waveforms : one row per waveform in the order of the file: ``waveform_number``, ``shot_time``
         (s), ``gps_time`` (s), ``channel_flag``, ``sample_count``, ``sampling_interval`` (s),

@@ -163,6 +163,12 @@ class Scanner:
         return float(value) if isinstance(value, Real) else None
 
     @property
+    def range_per_second(self) -> float:
+        """Range in m per s of two-way travel time: half the group velocity."""
+        value = self.attributes.get("Scanner Group Velocity")
+        return float(value) / 2.0 if isinstance(value, Real) else math.nan
+
+    @property
     def has_system_wave(self) -> bool:
         """Whether the description has a system wave."""
         # Attributes without elements count as missing, as in the library.

@@ -31,12 +31,14 @@ class FoundEchoes:
     rows: IntArray  # (m,), row of the block in which each echo was found
     #: Columns (m,) as in `Result.peaks` with NaN for unknown values, ``height``, counts above the
     #: baseline, ``library_idx``, samples; with RETURN_INDEX if they were compared with discrete
-    #: returns.
+    #: returns; with ``sigma_position`` and ``sigma_fwhm``, samples, and ``sigma_height``, counts,
+    #: if the standard deviations of the values are known.
     peaks: Mapping[str, AnyArray]
     xyz: FloatArray  # (m, 3), coordinate units of the file
     number: IntArray  # (m,), 1 = nearest to the scanner within the shot
     count: IntArray  # (m,), echoes of the shot
     amplitude_unit: float | None  # of the scanner, per count; None if unknown
+    range_per_second: float  # m of range per s of two-way travel time
 
 
 @dataclass(frozen=True, slots=True)
@@ -68,6 +70,16 @@ def _decibels(counts: FloatArray, unit: float | None) -> FloatArray:
 
 def _interval_ns(echoes: FoundEchoes) -> FloatArray:
     return echoes.block.sampling_intervals[echoes.rows] * _NANOSECONDS
+
+
+def _range_per_ns(echoes: FoundEchoes) -> float:
+    return echoes.range_per_second / _NANOSECONDS
+
+
+def _uncertainty(echoes: FoundEchoes, name: str) -> FloatArray:
+    """A standard deviation of each echo; NaN if it was not determined."""
+    unknown = np.full(len(echoes.rows), np.nan)
+    return np.asarray(echoes.peaks.get(name, unknown), dtype=np.float64)
 
 
 ECHO_COLUMNS: tuple[EchoColumn, ...] = (
@@ -157,6 +169,39 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "The library's own position: that of deconvolved echoes is not refined, and includes their "
         "offset",
         lambda e: e.peaks["library_idx"],
+    ),
+    EchoColumn(
+        "sigma_position_ns",
+        np.float32,
+        "ns",
+        "Uncertainty of the position: its standard deviation by the noise of the samples",
+        lambda e: _uncertainty(e, "sigma_position") * _interval_ns(e),
+        las=LasDimension(np.float32, "Uncertainty of position, ns"),
+    ),
+    EchoColumn(
+        "sigma_amplitude",
+        np.float32,
+        "counts",
+        "Uncertainty of the amplitude",
+        lambda e: _uncertainty(e, "sigma_height"),
+        las=LasDimension(np.float32, "Uncertainty of amplitude, counts"),
+    ),
+    EchoColumn(
+        "sigma_width_ns",
+        np.float32,
+        "ns",
+        "Uncertainty of the full width at half maximum; NaN for deconvolved echoes",
+        lambda e: _uncertainty(e, "sigma_fwhm") * _interval_ns(e),
+        las=LasDimension(np.float32, "Uncertainty of fwhm_ns, ns"),
+    ),
+    EchoColumn(
+        "sigma_range",
+        np.float32,
+        "m",
+        "Uncertainty of the range: that of the position times half the group velocity of the "
+        "scanner",
+        lambda e: _uncertainty(e, "sigma_position") * _interval_ns(e) * _range_per_ns(e),
+        las=LasDimension(np.float32, "Uncertainty of range, m"),
     ),
     EchoColumn(
         "echo_type",
@@ -313,7 +358,9 @@ class EchoTable(Table):
         where they hold integers, 0; so are the extra bytes, if their type is given.
         """
         none = np.zeros(len(rows), np.int64)
-        found = FoundEchoes(block, rows, {}, np.full((len(rows), 3), np.nan), none, count, None)
+        found = FoundEchoes(
+            block, rows, {}, np.full((len(rows), 3), np.nan), none, count, None, np.nan
+        )
         columns = {
             column.name: _computed(column, found)
             if column.of_waveform

@@ -174,7 +174,7 @@ class Extractor:
             peaks = with_returns(block, rows, peaks, self.settings.scanner)
         phase = self._outgoing_phase(block)
         known = np.nan_to_num(phase, nan=0.0)
-        echoes = to_echo_table(block, rows, peaks, known, self.settings.scanner.amplitude_unit)
+        echoes = to_echo_table(block, rows, peaks, known, self.settings.scanner)
         if self.settings.keep_empty:
             echoes = with_empty_waveforms(echoes, block)
         tally = ExtractionTally(

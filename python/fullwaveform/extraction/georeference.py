@@ -6,6 +6,7 @@ from collections.abc import Mapping
 
 import numpy as np
 
+from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import PulseGeometry, WaveformBlock
 from fullwaveform.data.echo_columns import EchoTable, FoundEchoes
@@ -36,7 +37,7 @@ def to_echo_table(
     rows: IntArray,
     peaks: Mapping[str, AnyArray],
     phase: FloatArray,
-    amplitude_unit: float | None,
+    scanner: Scanner,
 ) -> EchoTable:
     """The echoes of a block as a table, shot by shot along the flight of light.
 
@@ -47,7 +48,7 @@ def to_echo_table(
     peaks : columns of length m, as in `FoundEchoes`
     phase : (n,) samples by which the outgoing pulse of each waveform left later than its times say;
         echoes are placed, and their times counted, from the pulse
-    amplitude_unit : of the scanner, per count; None if unknown
+    scanner : its amplitude unit and group velocity
     """
     late = phase[rows] * block.sampling_intervals[rows]
     time = peaks["idx"] * block.sampling_intervals[rows] - late
@@ -57,7 +58,18 @@ def to_echo_table(
     if (np.diff(order) != 1).any():
         rows, xyz = rows[order], xyz[order]
         peaks = {name: column[order] for name, column in peaks.items()}
-    return EchoTable.of(FoundEchoes(block, rows, peaks, xyz, number, count, amplitude_unit))
+    return EchoTable.of(
+        FoundEchoes(
+            block,
+            rows,
+            peaks,
+            xyz,
+            number,
+            count,
+            amplitude_unit=scanner.amplitude_unit,
+            range_per_second=scanner.range_per_second,
+        )
+    )
 
 
 def _numbered_along_flight(

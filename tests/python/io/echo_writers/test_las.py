@@ -98,6 +98,10 @@ def test_extra_bytes_of_an_echo(tmp_path: Path) -> None:
         "sigma_ns": ("float32", [1.75, 1.75]),
         "fwhm_ns": ("float32", [4.125, 4.125]),
         "position": ("float64", [0.25, 1.25]),
+        "sigma_position_ns": ("float32", [0.0625, 0.0625]),
+        "sigma_amplitude": ("float32", [1.5, 1.5]),
+        "sigma_width_ns": ("float32", [0.125, 0.125]),
+        "sigma_range": ("float32", [0.0078125, 0.0078125]),
         "echo_type": ("uint8", [3, 3]),
         "quality": ("uint8", [4, 4]),
         "reflectance": ("float32", [-2.5, -2.5]),
@@ -305,7 +309,7 @@ def test_several_tables_are_appended(tmp_path: Path) -> None:
 def test_file_without_echoes_is_valid(tmp_path: Path, source: laspy.LasHeader | None) -> None:
     las = written(tmp_path / "e.las", source)
     assert len(las.points) == 0
-    assert len(list(las.point_format.extra_dimensions)) == 13
+    assert len(list(las.point_format.extra_dimensions)) == 17
 
 
 def write_and_fail(writer: LasEchoWriter) -> None:

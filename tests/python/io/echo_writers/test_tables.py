@@ -38,6 +38,10 @@ EXPECTED: dict[str, list[float]] = {
     "fwhm_ns": [4.125, 0.25, NAN],
     "position": [17.125, 52.3, NAN],
     "position_library": [17.2, 52.4, NAN],
+    "sigma_position_ns": [0.0625, 0.5, NAN],
+    "sigma_amplitude": [1.5, NAN, NAN],
+    "sigma_width_ns": [0.25, NAN, NAN],
+    "sigma_range": [0.0078125, 0.125, NAN],
     "echo_type": [2, 5, 0],
     "quality": [0, 1, 0],
     "reflectance": [NAN, -2.5, NAN],
@@ -53,6 +57,9 @@ TYPES = {
     **dict.fromkeys(("echo_number", "echo_count", "waveform_number"), "int64"),
     **dict.fromkeys(
         ("amplitude", "amplitude_db", "amplitude_library_db", "reflectance"), "float32"
+    ),
+    **dict.fromkeys(
+        ("sigma_position_ns", "sigma_amplitude", "sigma_width_ns", "sigma_range"), "float32"
     ),
     **dict.fromkeys(("echo_type", "quality", "channel_flag", "descriptor"), "uint8"),
     **dict.fromkeys(("classification", "original_return_number"), "uint8"),
