@@ -10,6 +10,7 @@ from typing import Annotated, Any
 import typer
 from rich.console import Console
 
+from fullwaveform.calibration.averaging import AveragePulse
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.options import (
     ThresholdOption,
@@ -22,7 +23,6 @@ from fullwaveform.core.constants import SYSTEM_WAVE_SAMPLES
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.plotting.style import PLOT_ENDINGS, plot_kind
 from fullwaveform.plotting.system_wave import SystemWaveCurves, draw_system_wave
-from fullwaveform.system_wave.averaging import AveragePulse
 from fullwaveform.system_wave.description import (
     DESCRIPTION_KIND,
     with_system_wave,

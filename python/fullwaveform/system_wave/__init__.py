@@ -2,8 +2,9 @@
 
 from __future__ import annotations
 
+from fullwaveform.calibration.averaging import AveragePulse, average, pulse_of_curve
+from fullwaveform.calibration.isolated import Waveforms
 from fullwaveform.calibration.pulses import Pulses, pulses_of_rows
-from fullwaveform.system_wave.averaging import AveragePulse, average, pulse_of_curve
 from fullwaveform.system_wave.description import (
     description_text,
     with_system_wave,
@@ -11,7 +12,6 @@ from fullwaveform.system_wave.description import (
 )
 from fullwaveform.system_wave.exponentials import ExponentialSum, fit_exponentials
 from fullwaveform.system_wave.fitting import SystemWave, fit_system_wave
-from fullwaveform.system_wave.isolated import Waveforms
 from fullwaveform.system_wave.offset import (
     DeconvolutionOffset,
     measure_offset,

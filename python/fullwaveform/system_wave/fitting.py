@@ -7,9 +7,9 @@ from dataclasses import dataclass
 import numpy as np
 import numpy.typing as npt
 
+from fullwaveform.calibration.averaging import AveragePulse
 from fullwaveform.core.constants import SYSTEM_WAVE_SAMPLES
 from fullwaveform.data.arrays import FloatArray
-from fullwaveform.system_wave.averaging import AveragePulse
 from fullwaveform.system_wave.exponentials import (
     ExponentialFit,
     ExponentialSum,

@@ -12,12 +12,12 @@ from dataclasses import dataclass, replace
 
 import numpy as np
 
+from fullwaveform.calibration.averaging import AveragePulse
+from fullwaveform.calibration.isolated import StrongEchoes, Waveforms, echoes_of, strongest_echoes
 from fullwaveform.core.driver import Mode, Threshold
 from fullwaveform.core.refinement import refine_deconvolved
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import AnyArray, FloatArray
-from fullwaveform.system_wave.averaging import AveragePulse
-from fullwaveform.system_wave.isolated import StrongEchoes, Waveforms, echoes_of, strongest_echoes
 
 #: Minimum number of echoes for the median.
 MIN_ECHOES = 20

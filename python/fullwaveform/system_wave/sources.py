@@ -11,7 +11,9 @@ from pathlib import Path
 
 import numpy as np
 
+from fullwaveform.calibration.averaging import AveragePulse, average, pulse_of_curve
 from fullwaveform.calibration.calibration import measure
+from fullwaveform.calibration.isolated import OTHER_INTERVAL, Waveforms, isolated_echoes
 from fullwaveform.calibration.pulses import SUBSAMPLED, Pulses, pulses_of_rows
 from fullwaveform.core.driver import Threshold
 from fullwaveform.core.scanner import Scanner
@@ -20,8 +22,6 @@ from fullwaveform.data.columns import take_rows
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.npz.reader import ZIP_SIGNATURE
 from fullwaveform.io.opening import open_waveforms
-from fullwaveform.system_wave.averaging import AveragePulse, average, pulse_of_curve
-from fullwaveform.system_wave.isolated import OTHER_INTERVAL, Waveforms, isolated_echoes
 
 _TEXT_ENDINGS = {".txt", ".csv", ".dat", ".xy", ".tsv"}
 _NANOSECONDS = 1e9

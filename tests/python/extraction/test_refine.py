@@ -10,6 +10,7 @@ import numpy.typing as npt
 import pytest
 
 from fullwaveform import Mode, Scanner
+from fullwaveform.calibration.isolated import Waveforms
 from fullwaveform.core.constants import UP_SAMPLING
 from fullwaveform.data.columns import take_rows
 from fullwaveform.data.echo_columns import EchoTable
@@ -22,7 +23,6 @@ from fullwaveform.system_wave import (
     pulses_of_rows,
     with_system_wave,
 )
-from fullwaveform.system_wave.isolated import Waveforms
 
 from .test_extraction import Packet, block_of
 

@@ -9,6 +9,7 @@ import numpy as np
 import pytest
 
 from fullwaveform import Mode, Scanner
+from fullwaveform.calibration.isolated import Waveforms
 from fullwaveform.core.scanner import AfterPulse
 from fullwaveform.data.blocks import FloatArray, PulseGeometry, ShotAttributes, WaveformBlock
 from fullwaveform.extraction.extractor import ExtractionSettings, Extractor
@@ -21,7 +22,6 @@ from fullwaveform.system_wave import (
     write_description,
 )
 from fullwaveform.system_wave.description import description_text, with_system_wave
-from fullwaveform.system_wave.isolated import Waveforms
 
 from .scenes import INTERVAL, echo_samples, pulses, recorded
 

@@ -8,6 +8,12 @@ import numpy as np
 import pytest
 
 from fullwaveform import Mode, Scanner
+from fullwaveform.calibration.isolated import (
+    Waveforms,
+    echoes_of,
+    isolated_echoes,
+    strongest_echoes,
+)
 from fullwaveform.system_wave import (
     DeconvolutionOffset,
     SystemWave,
@@ -16,12 +22,6 @@ from fullwaveform.system_wave import (
     measure_offset,
 )
 from fullwaveform.system_wave.description import with_system_wave
-from fullwaveform.system_wave.isolated import (
-    Waveforms,
-    echoes_of,
-    isolated_echoes,
-    strongest_echoes,
-)
 from fullwaveform.system_wave.offset import (
     offset_of_simulated_echoes,
     position_differences,

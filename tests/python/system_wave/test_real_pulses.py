@@ -11,11 +11,11 @@ import numpy as np
 import pytest
 
 from fullwaveform import Mode, Scanner
+from fullwaveform.calibration.isolated import StrongEchoes, Waveforms, echoes_of, strongest_echoes
 from fullwaveform.core.refinement import refine_deconvolved
 from fullwaveform.data.arrays import AnyArray
 from fullwaveform.system_wave import AveragePulse, SystemWave, fit_system_wave, measure_offset
 from fullwaveform.system_wave.description import with_system_wave
-from fullwaveform.system_wave.isolated import StrongEchoes, Waveforms, echoes_of, strongest_echoes
 from fullwaveform.system_wave.offset import position_differences
 from fullwaveform.system_wave.sources import Input, Source
 

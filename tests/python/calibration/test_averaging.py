@@ -5,17 +5,18 @@ from __future__ import annotations
 import numpy as np
 import pytest
 
+from fullwaveform.calibration.averaging import average, pulse_of_curve
 from fullwaveform.calibration.pulses import (
     AT_THE_EDGE,
     FLAT_TOP,
     OUTLIER,
     SUBSAMPLED,
     TOO_WEAK,
+    pulses_of_rows,
     screened,
 )
-from fullwaveform.system_wave import average, pulse_of_curve, pulses_of_rows
 
-from .scenes import FloatArray, pulses, recorded, sampled, shape
+from ..system_wave.scenes import FloatArray, pulses, recorded, sampled, shape
 
 # Shares of the maximum. Without noise: what a spline with one knot per sample cannot follow.
 EXACT = 5e-4
