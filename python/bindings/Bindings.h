@@ -11,4 +11,5 @@ void bindFitting(nanobind::module_& module);
 void bindDeconvolution(nanobind::module_& module);
 void bindOnline(nanobind::module_& module);
 void bindPulseWaves(nanobind::module_& module);
+void bindPulseFit(nanobind::module_& module);
 void bindDriver(nanobind::module_& module);

@@ -12,4 +12,5 @@ NB_MODULE(_core, module) {
   bindOnline(module);
   bindPulseWaves(module);
   bindDriver(module);
+  bindPulseFit(module);
 }

@@ -49,6 +49,12 @@ class Quality(IntEnum):
     AFTERPULS = 1
     EXCEEDS_RANGE = 2
 
+class PulseEchoFlag(IntEnum):
+    FREE_WIDTH = 1  # the width was fitted without prior
+    CLIPPED = 2  # samples of its pulse are at the digitiser's limit
+    AT_EDGE = 4  # less than half of its width lies inside the waveform on one side
+    NOT_CONVERGED = 8  # the last fit ended after its maximum number of iterations
+
 class PulseState(IntEnum):
     COMPLETE = 0
     TRUNCATED = 1
@@ -227,6 +233,43 @@ class PeakDetectionFamily:
         noise: npt.NDArray[np.int32],
         extent: bool,
     ) -> tuple[npt.NDArray[np.uint8], list[str | None]]: ...
+
+class PulseModel:
+    def __init__(self) -> None: ...
+    error: str
+    pulse: Sequence[float]
+    first_lag: float
+    lag_step: float
+    baseline: float
+    baseline_spread: float
+    noise_rms: float
+    noise_correlation: float
+    scatter: float
+    variance_spread: float
+    widening: float
+
+class PulseFitSettings:
+    def __init__(self) -> None: ...
+    error: str
+    false_alarms: float
+    min_echo_cost: float
+    digitiser_limit: float
+    max_variance: float
+
+class _PulseFitResult(TypedDict):
+    echoes: dict[str, Any]
+    waveforms: dict[str, Any]
+
+class PulseFit:
+    def __init__(
+        self, model: PulseModel, settings: PulseFitSettings, monitor: RunMonitor | None = None
+    ) -> None: ...
+    def apply(
+        self,
+        samples: npt.NDArray[np.uint16],
+        counts: npt.NDArray[np.uint16],
+        rows: npt.NDArray[np.int64],
+    ) -> _PulseFitResult: ...
 
 def evaluate_online(
     scanner: ScannerDevice,

@@ -14,10 +14,10 @@ from fullwaveform import _core
 from fullwaveform.core.messages import forward_messages
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.checks import (
-    as_counts,
     checked_counts,
     checked_flags,
     checked_integers,
+    checked_samples,
     checked_times,
 )
 from fullwaveform.data.columns import Columns
@@ -236,7 +236,7 @@ class Driver:
         threshold: Thresholds,
     ) -> _BlockArrays:
         """The arrays of a block as the library takes them, with defaults for missing ones."""
-        samples = _checked_samples(samples)
+        samples = checked_samples(samples)
         rows, width = samples.shape
         if counts is None:
             counts = np.full(rows, width, np.uint16)
@@ -316,22 +316,6 @@ def system_wave(
     time = np.arange(steps, dtype=np.float64) * (interval / _core.UP_SAMPLING)
     with np.errstate(all="ignore"):
         return time, np.asarray((np.exp(np.outer(time, b)) @ a).real, dtype=np.float64)
-
-
-def _checked_samples(samples: npt.NDArray[np.uint16]) -> npt.NDArray[np.uint16]:
-    array = np.asarray(samples)
-    if array.ndim != 2:
-        raise ValueError(f"samples must have 2 dimensions (waveform, sample), not {array.ndim}")
-    array = as_counts(array, "samples")
-    rows, width = array.shape
-    if width > _core.MAX_COUNT:
-        raise ValueError(f"samples have {width} columns; at most {_core.MAX_COUNT} are allowed")
-    contiguous = array.strides[1] == array.itemsize or rows == 0 or width <= 1
-    if not (contiguous and array.flags.aligned):
-        raise ValueError(
-            "rows of samples must be contiguous and aligned; use numpy.array(samples, order='C')"
-        )
-    return array
 
 
 def _checked_longest(longest: int, deconvolves: bool) -> int:

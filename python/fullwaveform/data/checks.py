@@ -57,6 +57,23 @@ def as_counts(values: AnyArray, name: str) -> UInt16Array:
     return np.ascontiguousarray(values, dtype=np.uint16)
 
 
+def checked_samples(samples: npt.NDArray[np.uint16]) -> UInt16Array:
+    """Samples (n, width) of waveforms, rows contiguous; ValueError if they cannot be made so."""
+    array = np.asarray(samples)
+    if array.ndim != 2:
+        raise ValueError(f"samples must have 2 dimensions (waveform, sample), not {array.ndim}")
+    array = as_counts(array, "samples")
+    rows, width = array.shape
+    if width > _LARGEST_COUNT:
+        raise ValueError(f"samples have {width} columns; at most {_LARGEST_COUNT} are allowed")
+    contiguous = array.strides[1] == array.itemsize or rows == 0 or width <= 1
+    if not (contiguous and array.flags.aligned):
+        raise ValueError(
+            "rows of samples must be contiguous and aligned; use numpy.array(samples, order='C')"
+        )
+    return array
+
+
 def checked_counts(values: npt.ArrayLike, rows: int, width: int) -> UInt16Array:
     """Valid samples of rows of the given width."""
     rule = f"is not between 0 and the row length {width}"
