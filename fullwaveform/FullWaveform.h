@@ -12,6 +12,7 @@
 #include <fullwaveform/driver/PeakDetectionFamily.h>
 #include <fullwaveform/driver/RunStatistics.h>
 #include <fullwaveform/driver/ShotMap.h>
+#include <fullwaveform/driver/ShotRules.h>
 #include <fullwaveform/fitting/BaselineFit.h>
 #include <fullwaveform/fitting/FittingGaussVia3Points.h>
 #include <fullwaveform/fitting/FittingGaussViaDecomposition.h>

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <vector>
 
 namespace FullWaveform {
 namespace {
@@ -10,15 +9,17 @@ namespace {
 constexpr float saturated = 3000.0F;       // counts
 constexpr double sameEchoIntervals = 3.0;  // sampling intervals
 
+constexpr std::uint64_t workPerMergedEcho = 200;  // operations
+
 /// Sorted times of echoes, in which a near one is found without comparing all: waveforms of noise have
 /// thousands of echoes.
 class EchoTimes {
  public:
   template <class Predicate>
-  EchoTimes(std::list<Peak> const& peaks, Predicate const& isUsed) {
-    for (Peak const& peak : peaks) {
-      if (isUsed(peak) && !std::isnan(peak.time)) {
-        times.push_back(peak.time);
+  EchoTimes(MergeEchoes const& echoes, Predicate const& isUsed) {
+    for (std::size_t i = 0; i < echoes.times.size(); ++i) {
+      if (echoes.removed[i] == 0 && isUsed(echoes.amplitudes[i]) && !std::isnan(echoes.times[i])) {
+        times.push_back(echoes.times[i]);
       }
     }
     std::sort(times.begin(), times.end());
@@ -37,16 +38,61 @@ class EchoTimes {
 
 }  // namespace
 
-void mergeChannels(std::list<Peak>& highPower, std::list<Peak>& lowPower, double samplingInterval) {
-  if (highPower.empty() || lowPower.empty()) {
+void mergeChannels(MergeEchoes const& highPower, MergeEchoes const& lowPower, double samplingInterval) {
+  if (highPower.times.empty() || lowPower.times.empty()) {
     return;
   }
   double const maxDistance = sameEchoIntervals * samplingInterval;
-  EchoTimes const high(highPower, [](Peak const& /*any*/) { return true; });
-  EchoTimes const lowKept(lowPower, [](Peak const& peak) { return peak.amplitude <= saturated; });
-  lowPower.remove_if(
-      [&](Peak const& peak) { return peak.amplitude > saturated && high.hasNear(peak.time, maxDistance); });
-  highPower.remove_if([&](Peak const& peak) { return lowKept.hasNear(peak.time, maxDistance); });
+  EchoTimes const high(highPower, [](float /*any*/) { return true; });
+  EchoTimes const lowKept(lowPower, [](float amplitude) { return amplitude <= saturated; });
+  for (std::size_t i = 0; i < lowPower.times.size(); ++i) {
+    if (lowPower.amplitudes[i] > saturated && high.hasNear(lowPower.times[i], maxDistance)) {
+      lowPower.removed[i] = 1;
+    }
+  }
+  for (std::size_t i = 0; i < highPower.times.size(); ++i) {
+    if (lowKept.hasNear(highPower.times[i], maxDistance)) {
+      highPower.removed[i] = 1;
+    }
+  }
+}
+
+void ShotEchoes::clear() {
+  waveforms.clear();
+  times.clear();
+  amplitudes.clear();
+  removed.clear();
+}
+
+void ShotEchoes::startWaveform(bool isHighPower) {
+  waveforms.push_back({isHighPower, times.size()});
+}
+
+void ShotEchoes::add(double time, float amplitude) {
+  times.push_back(time);
+  amplitudes.push_back(amplitude);
+  removed.push_back(0);
+}
+
+MergeEchoes ShotEchoes::echoesOf(std::size_t waveform) {
+  std::size_t const first = waveforms[waveform].firstEcho;
+  std::size_t const end = waveform + 1 < waveforms.size() ? waveforms[waveform + 1].firstEcho : times.size();
+  std::size_t const count = end - first;
+  return {std::span(times).subspan(first, count), std::span(amplitudes).subspan(first, count),
+          std::span(removed).subspan(first, count)};
+}
+
+void ShotEchoes::merge(double samplingInterval, WorkMeter& work) {
+  for (std::size_t high = 0; high < waveforms.size(); ++high) {
+    for (std::size_t low = 0; low < waveforms.size(); ++low) {
+      if (waveforms[high].isHighPower && !waveforms[low].isHighPower) {
+        MergeEchoes const highPower = echoesOf(high);
+        MergeEchoes const lowPower = echoesOf(low);
+        work.pass(workPerMergedEcho * (highPower.times.size() + lowPower.times.size() + 1));
+        mergeChannels(highPower, lowPower, samplingInterval);
+      }
+    }
+  }
 }
 
 }  // namespace FullWaveform

@@ -9,6 +9,8 @@
 #include <fullwaveform/driver/BlockMismatch.h>
 #include <fullwaveform/driver/ChannelMerge.h>
 #include <fullwaveform/driver/Decibel.h>
+#include <fullwaveform/driver/ShotGroups.h>
+#include <fullwaveform/driver/ShotRules.h>
 #include <fullwaveform/host/SpeakPtr.h>
 #include <fullwaveform/model/MarkBadPeaks.h>
 #include <fullwaveform/scanner/LogMessage.h>
@@ -24,16 +26,6 @@ constexpr unsigned short strongSignal = 1800;
 // Work of the steps that are linear in their input, operations.
 constexpr std::uint64_t workPerWaveform = 2000;
 constexpr std::uint64_t workPerSample = 20;
-constexpr std::uint64_t workPerMergedEcho = 200;
-
-/// Signature of a waveform: the sum of every third sample.
-std::uint32_t signatureOf(std::span<unsigned short const> samples) {
-  std::uint32_t sum = 0;
-  for (std::size_t i = 0; i < samples.size(); i += 3) {
-    sum += samples[i];
-  }
-  return sum;
-}
 
 template <class T>
 T const* samplesOf(Kestra::MemArray<2, T> const& waveforms, std::size_t row) {
@@ -44,34 +36,11 @@ T const* samplesOf(Kestra::MemArray<2, T> const& waveforms, std::size_t row) {
   return storage == nullptr ? nullptr : storage + row * waveforms.columns();
 }
 
-/// The entry of a shot in the map. Tries the last shot first: rows mostly arrive in the order of their shots.
-Shot& shotAt(double time, ShotMap& shots) {
-  if (!shots.empty() && shots.rbegin()->first == time) {
-    return shots.rbegin()->second;
-  }
-  return shots.try_emplace(shots.end(), time)->second;
-}
-
 template <class T>
 void keepGoodPeaks(WavePoints<T>& wave) {
   markBadPeaks(wave.peaks, static_cast<int>(wave.globalStart), static_cast<int>(wave.globalEnd), wave.noise);
   wave.peaks.remove_if([](Peak const& peak) { return peak.quality != GOOD; });
   wave.sort_idx();
-}
-
-/// Merges every high-power waveform (flag 0) with every low-power one, in order of arrival.
-void mergePairs(Shot& shot, ChannelFlags const& channelFlags, double samplingInterval, WorkMeter& work) {
-  std::vector<std::list<Peak>*> highPower;
-  std::vector<std::list<Peak>*> lowPower;
-  for (std::size_t i = 0; i < shot.waves.size(); ++i) {
-    (channelFlags[shot.rows[i]] == 0 ? highPower : lowPower).push_back(&shot.waves[i]->peaks);
-  }
-  for (std::list<Peak>* const high : highPower) {
-    for (std::list<Peak>* const low : lowPower) {
-      work.pass(workPerMergedEcho * (high->size() + low->size() + 1));
-      mergeChannels(*high, *low, samplingInterval);
-    }
-  }
 }
 
 /// Deletes the NaN echoes of a waveform whose `isNaN` is true; returns that value.
@@ -164,8 +133,9 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
     }
     work.finishWaveform();
   }
+  ShotEchoes echoes;
   for (auto& [shotTime, shot] : shots) {
-    mergeChannelsOf(shot, channelFlags);
+    mergeChannelsOf(shot, channelFlags, echoes);
     convertToDecibels(shot);
   }
   work.attend();
@@ -197,7 +167,7 @@ RowState PeakDetectionFamily<T>::processRow(Row const& row, int noise, ShotMap& 
   }
   Shot& shot = shotAt(row.shotTime, shots);
   std::span<T const> const samples(row.samples, static_cast<std::size_t>(row.count));
-  if (!shot.signatures.insert(signatureOf(samples)).second) {
+  if (!enterSignature(shot, samples)) {
     ++report.statistics.duplicates;
     return RowState::Duplicate;
   }
@@ -255,8 +225,7 @@ RowState PeakDetectionFamily<T>::deconvolve(Row const& row, WavePtr const& wave)
 template <class T>
 void PeakDetectionFamily<T>::setTimes(WavePoints<T>& wave) const {
   ScannerDevice const& scanner = onlineEvaluation.scanner;
-  double const start = wave.sblTime - scanner.t_ref;
-  auto const timeAt = [&](double idx) { return idx * scanner.sampling_time + start; };
+  auto const timeAt = [&](double idx) { return timeOfPosition(idx, wave.sblTime, scanner); };
   for (Peak& peak : wave.peaks) {
     peak.time = timeAt(peak.idx);
   }
@@ -266,20 +235,27 @@ void PeakDetectionFamily<T>::setTimes(WavePoints<T>& wave) const {
 
 /// Merges the channels of a shot, and records the waveforms that lost all echoes to the other channel.
 template <class T>
-void PeakDetectionFamily<T>::mergeChannelsOf(Shot& shot, ChannelFlags const& channelFlags) {
+void PeakDetectionFamily<T>::mergeChannelsOf(Shot& shot, ChannelFlags const& channelFlags,
+                                             ShotEchoes& echoes) {
   auto const isLowPower = [&](std::uint32_t row) { return channelFlags[row] != 0; };
   if (std::none_of(shot.rows.begin(), shot.rows.end(), isLowPower) ||
       std::all_of(shot.rows.begin(), shot.rows.end(), isLowPower)) {
     return;
   }
-  std::vector<bool> hadEchoes;
-  hadEchoes.reserve(shot.waves.size());
-  for (WavePtr const& wave : shot.waves) {
-    hadEchoes.push_back(!wave->peaks.empty());
-  }
-  mergePairs(shot, channelFlags, onlineEvaluation.scanner.sampling_time, work);
+  echoes.clear();
   for (std::size_t i = 0; i < shot.waves.size(); ++i) {
-    if (hadEchoes[i] && shot.waves[i]->peaks.empty()) {
+    echoes.startWaveform(!isLowPower(shot.rows[i]));
+    for (Peak const& peak : shot.waves[i]->peaks) {
+      echoes.add(peak.time, peak.amplitude);
+    }
+  }
+  echoes.merge(onlineEvaluation.scanner.sampling_time, work);
+  std::size_t echo = 0;
+  for (std::size_t i = 0; i < shot.waves.size(); ++i) {
+    std::list<Peak>& peaks = shot.waves[i]->peaks;
+    bool const hadEchoes = !peaks.empty();
+    peaks.remove_if([&](Peak const& /*peak*/) { return echoes.isRemoved(echo++); });
+    if (hadEchoes && peaks.empty()) {
       report.rowStates[shot.rows[i]] = RowState::MergedIntoOtherChannel;
       ++report.mergedIntoOtherChannel;
     }

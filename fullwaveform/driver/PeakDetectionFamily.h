@@ -22,6 +22,8 @@
 
 namespace FullWaveform {
 
+class ShotEchoes;
+
 /// The driver: runs one extraction method over blocks of waveforms.
 ///
 /// Built once per scan. Its methods keep working memory, so one driver serves one thread at a time.
@@ -105,7 +107,8 @@ class PeakDetectionFamily {
   RowState runMethod(Row const& row, WavePtr const& wave);
   RowState deconvolve(Row const& row, WavePtr const& wave);
   void setTimes(WavePoints<T>& wave) const;
-  void mergeChannelsOf(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags);
+  void mergeChannelsOf(Shot& shot, Kestra::MultiArray<1, unsigned char> const& channelFlags,
+                       ShotEchoes& echoes);
   void convertToDecibels(Shot& shot);
 
   BlockReport report;

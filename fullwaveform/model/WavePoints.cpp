@@ -5,18 +5,12 @@
 #include <string>
 
 #include <fullwaveform/host/TarnClass.h>
+#include <fullwaveform/model/AfterPulse.h>
 #include <fullwaveform/model/NoiseEstimate.h>
 #include <fullwaveform/model/Segmentation.h>
 
 namespace FullWaveform {
 namespace {
-
-/// Echoes below this amplitude have no visible after-pulse, counts.
-constexpr unsigned short minAfterPulseSource = 800;
-
-/// Extends the after-pulse window beyond the end of any waveform: all later echoes are taken for
-/// after-pulses.
-constexpr double windowExtension = 100000.0;
 
 std::span<unsigned short const> waveform(unsigned short const* samples, int length) {
   return samples == nullptr || length <= 0 ? std::span<unsigned short const>()
@@ -45,15 +39,6 @@ void sortBy(double Peak::* key, std::list<Peak>& peaks) {
   }
 }
 
-std::pair<double, double> afterPulseWindow(std::uint32_t idxOfMaxAmplitude, ScannerDevice const& scanner) {
-  // Unsigned intentionally: a half-width larger than the centre wraps the lower bound to about 4.29e9, so
-  // that no echo is inside the window.
-  std::uint32_t const centre = idxOfMaxAmplitude + scanner.afterpulse_offset;
-  std::uint32_t const from = centre - scanner.afterpulse_width;
-  std::uint32_t const to = centre + scanner.afterpulse_width;
-  return {static_cast<double>(from), static_cast<double>(to) + windowExtension};
-}
-
 }  // namespace
 
 template <class T>
@@ -78,7 +63,8 @@ WavePoints<T>::WavePoints(T const* samples, unsigned char const& lowPower, doubl
   globalStart = startEnd.begin()->first;
   globalEnd = startEnd.rbegin()->second;
   lengthCropped = globalEnd - globalStart;
-  afterPulse.assign(1, afterPulseWindow(idxOfMaxAmplitude, scanner));
+  afterPulse.assign(1,
+                    afterPulseWindow(idxOfMaxAmplitude, scanner.afterpulse_offset, scanner.afterpulse_width));
 }
 
 template <class T>
@@ -93,13 +79,13 @@ void WavePoints<T>::sort_idx() {
 
 template <class T>
 void WavePoints<T>::testIfAfterPulse() {
-  if (maxAmplitude < minAfterPulseSource || peaks.empty()) {
+  if (!hasVisibleAfterPulse(maxAmplitude) || peaks.empty()) {
     return;
   }
   unsigned char const afterPulseClass = Quorvane::TarnClass::afterpulse;
   for (Peak& peak : peaks) {
-    for (auto const& [from, to] : afterPulse) {
-      if (peak.idx >= from && peak.idx <= to) {
+    for (AfterPulseWindow const& window : afterPulse) {
+      if (isInWindow(peak.idx, window)) {
         peak.quality = AFTERPULS;
         peak.classification = afterPulseClass;
       }

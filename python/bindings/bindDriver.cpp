@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -16,6 +17,7 @@
 
 #include <fullwaveform/driver/FWFModus.h>
 #include <fullwaveform/driver/PeakDetectionFamily.h>
+#include <fullwaveform/driver/ShotRules.h>
 #include <fullwaveform/host/MemArray.h>
 #include <fullwaveform/host/MultiArray.h>
 
@@ -154,6 +156,49 @@ nb::tuple reports(SharedDriver& shared, Samples const& samples, InputColumn<std:
   return nb::make_tuple(numpyColumn<std::uint8_t>(std::move(rows.states)), std::move(rows.texts));
 }
 
+FullWaveform::SampleRows rowsOf(Samples const& samples, InputColumn<std::uint16_t> const& counts) {
+  return {samples.data(), samples.stride(0), std::span(counts.data(), counts.shape(0))};
+}
+
+template <class T>
+std::span<T const> spanOf(InputColumn<T> const& column) {
+  return {column.data(), column.shape(0)};
+}
+
+template <class State>
+std::vector<std::uint8_t> asBytes(std::vector<State> const& states) {
+  std::vector<std::uint8_t> bytes(states.size());
+  std::transform(states.begin(), states.end(), bytes.begin(),
+                 [](State state) { return static_cast<std::uint8_t>(state); });
+  return bytes;
+}
+
+nb::object statesOfRows(Samples const& samples, InputColumn<std::uint16_t> const& counts,
+                        InputColumn<double> const& shotTimes) {
+  std::vector<std::uint8_t> states;
+  {
+    nb::gil_scoped_release const release;
+    states = asBytes(FullWaveform::statesOfRows(rowsOf(samples, counts), spanOf(shotTimes)));
+  }
+  return numpyColumn<std::uint8_t>(std::move(states));
+}
+
+nb::tuple applyEchoRules(Samples const& samples, InputColumn<std::uint16_t> const& counts,
+                         InputColumn<double> const& shotTimes, InputColumn<double> const& sblTimes,
+                         InputColumn<std::uint8_t> const& channelFlags, InputColumn<std::int64_t> const& rows,
+                         InputColumn<double> const& positions, InputColumn<double> const& amplitudes,
+                         ScannerDevice const& scanner) {
+  FullWaveform::EchoRules rules;
+  {
+    nb::gil_scoped_release const release;
+    rules = FullWaveform::applyEchoRules(rowsOf(samples, counts), spanOf(shotTimes), spanOf(sblTimes),
+                                         spanOf(channelFlags),
+                                         {spanOf(rows), spanOf(positions), spanOf(amplitudes)}, scanner);
+  }
+  return nb::make_tuple(numpyColumn<double>(std::move(rules.times)),
+                        numpyColumn<std::uint8_t>(asBytes(rules.states)));
+}
+
 nb::dict resultColumns() {
   nb::dict tables;
   tables["waveforms"] = columnTypes(Results::WaveformTable());
@@ -187,6 +232,23 @@ void bindRowState(nb::module_& module) {
       .value("TOO_COMPLEX", RowState::TooComplex);
 }
 
+void bindShotRules(nb::module_& module) {
+  using FullWaveform::EchoState;
+  nb::enum_<EchoState>(module, "EchoState", nb::is_arithmetic(), "What becomes of an echo of a shot.")
+      .value("KEPT", EchoState::Kept)
+      .value("AFTER_PULSE", EchoState::AfterPulse)
+      .value("IN_OTHER_CHANNEL", EchoState::InOtherChannel);
+  module.def("states_of_rows", &statesOfRows, nb::arg("samples").noconvert(), nb::arg("counts").noconvert(),
+             nb::arg("shot_times").noconvert(),
+             "State of every row for a method outside the driver: kept, duplicate or invalid.");
+  module.def("apply_echo_rules", &applyEchoRules, nb::arg("samples").noconvert(),
+             nb::arg("counts").noconvert(), nb::arg("shot_times").noconvert(),
+             nb::arg("sbl_times").noconvert(), nb::arg("channel_flags").noconvert(),
+             nb::arg("rows").noconvert(), nb::arg("positions").noconvert(), nb::arg("amplitudes").noconvert(),
+             nb::arg("scanner"),
+             "Times (s) and states of echoes that a method outside the driver found. `rows` is ascending.");
+}
+
 void bindWork(nb::module_& module) {
   module.attr("UNLIMITED_WORK") = FullWaveform::WorkMeter::unlimited;
   nb::exception<FullWaveform::Cancelled>(module, "Cancelled");
@@ -205,6 +267,7 @@ void bindDriver(nb::module_& module) {
   bindMode(module);
   bindRowState(module);
   bindWork(module);
+  bindShotRules(module);
   nb::class_<SharedDriver>(module, "PeakDetectionFamily", "The driver; arrays are read without a copy.")
       .def(nb::init<std::uint32_t, ScannerDevice const&, std::string const&, std::string const&, unsigned int,
                     std::uint64_t, std::shared_ptr<RunMonitor>>(),

@@ -55,6 +55,11 @@ class PulseEchoFlag(IntEnum):
     AT_EDGE = 4  # less than half of its width lies inside the waveform on one side
     NOT_CONVERGED = 8  # the last fit ended after its maximum number of iterations
 
+class EchoState(IntEnum):
+    KEPT = 0
+    AFTER_PULSE = 1
+    IN_OTHER_CHANNEL = 2  # the copy of the other channel of the shot is kept
+
 class PulseState(IntEnum):
     COMPLETE = 0
     TRUNCATED = 1
@@ -106,6 +111,22 @@ def refine_echoes(
 def deconvolved_signal(
     samples: npt.NDArray[np.uint16], scanner: ScannerDevice, noise: int
 ) -> tuple[npt.NDArray[np.float64], float, float]: ...
+def states_of_rows(
+    samples: npt.NDArray[np.uint16],
+    counts: npt.NDArray[np.uint16],
+    shot_times: npt.NDArray[np.float64],
+) -> npt.NDArray[np.uint8]: ...
+def apply_echo_rules(
+    samples: npt.NDArray[np.uint16],
+    counts: npt.NDArray[np.uint16],
+    shot_times: npt.NDArray[np.float64],
+    sbl_times: npt.NDArray[np.float64],
+    channel_flags: npt.NDArray[np.uint8],
+    rows: npt.NDArray[np.int64],
+    positions: npt.NDArray[np.float64],
+    amplitudes: npt.NDArray[np.float64],
+    scanner: ScannerDevice,
+) -> tuple[npt.NDArray[np.float64], npt.NDArray[np.uint8]]: ...
 
 class Grid:
     def __init__(self) -> None: ...

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <limits>
-#include <list>
 #include <random>
 #include <utility>
 #include <vector>
@@ -15,28 +15,41 @@ namespace {
 
 using Echoes = std::vector<std::pair<double, double>>;  // time in s, amplitude in counts
 
-std::list<Peak> listOf(Echoes const& echoes) {
-  std::list<Peak> peaks;
-  for (auto const& [time, amplitude] : echoes) {
-    peaks.emplace_back(amplitude, 0.0, time, GAUSS_3POINTS, GOOD, 1.0, static_cast<unsigned char>(0), 0.0F);
+/// Echoes of a waveform in arrays of their own.
+class Waveform {
+ public:
+  explicit Waveform(Echoes const& echoes) : removed(echoes.size()) {
+    for (auto const& [time, amplitude] : echoes) {
+      times.push_back(time);
+      amplitudes.push_back(static_cast<float>(amplitude));
+    }
   }
-  return peaks;
-}
 
-Echoes echoesOf(std::list<Peak> const& peaks) {
-  Echoes echoes;
-  for (Peak const& peak : peaks) {
-    echoes.emplace_back(peak.time, peak.amplitude);
+  MergeEchoes view() { return {times, amplitudes, removed}; }
+
+  [[nodiscard]] Echoes kept() const {
+    Echoes echoes;
+    for (std::size_t i = 0; i < times.size(); ++i) {
+      if (removed[i] == 0) {
+        echoes.emplace_back(times[i], amplitudes[i]);
+      }
+    }
+    return echoes;
   }
-  return echoes;
-}
 
-/// Both channels after merging, with a sampling interval of 1 s.
-std::pair<Echoes, Echoes> merged(Echoes const& highPower, Echoes const& lowPower) {
-  std::list<Peak> a = listOf(highPower);
-  std::list<Peak> b = listOf(lowPower);
-  mergeChannels(a, b, 1.0);
-  return {echoesOf(a), echoesOf(b)};
+ private:
+  std::vector<double> times;
+  std::vector<float> amplitudes;
+  std::vector<std::uint8_t> removed;
+};
+
+/// Both channels after merging.
+std::pair<Echoes, Echoes> merged(Echoes const& highPower, Echoes const& lowPower,
+                                 double samplingInterval = 1.0) {
+  Waveform a(highPower);
+  Waveform b(lowPower);
+  mergeChannels(a.view(), b.view(), samplingInterval);
+  return {a.kept(), b.kept()};
 }
 
 TEST(ChannelMerge, LowPowerCopyIsKept) {
@@ -139,20 +152,31 @@ TEST(ChannelMerge, ManyUnorderedEchoesAreMergedAsByComparingAll) {
 }
 
 TEST(ChannelMerge, DistanceIsInSamplingIntervals) {
-  std::list<Peak> highPower = listOf({{0.0, 500.0}});
-  std::list<Peak> lowPower = listOf({{1.5, 300.0}});
-  mergeChannels(highPower, lowPower, 0.5);
-  EXPECT_EQ(highPower.size(), 1U);
-  mergeChannels(highPower, lowPower, 0.51);
-  EXPECT_EQ(highPower.size(), 0U);
+  EXPECT_EQ(merged({{0.0, 500.0}}, {{1.5, 300.0}}, 0.5).first.size(), 1U);
+  EXPECT_EQ(merged({{0.0, 500.0}}, {{1.5, 300.0}}, 0.51).first.size(), 0U);
 }
 
 TEST(ChannelMerge, SamplingIntervalOfZeroMergesNoEchoes) {
-  std::list<Peak> highPower = listOf({{1.0, 500.0}});
-  std::list<Peak> lowPower = listOf({{1.0, 300.0}});
-  mergeChannels(highPower, lowPower, 0.0);
+  auto const [highPower, lowPower] = merged({{1.0, 500.0}}, {{1.0, 300.0}}, 0.0);
   EXPECT_EQ(highPower.size(), 1U);
   EXPECT_EQ(lowPower.size(), 1U);
+}
+
+// A saturated echo stays while no high-power echo is near it: the only one was removed with the first
+// waveform.
+TEST(ChannelMerge, RemovedEchoesTakeNoPartInLaterPairs) {
+  ShotEchoes shot;
+  shot.startWaveform(true);
+  shot.add(10.0, 500.0F);
+  shot.startWaveform(false);
+  shot.add(11.0, 300.0F);
+  shot.startWaveform(false);
+  shot.add(10.0, 3500.0F);
+  WorkMeter work;
+  shot.merge(1.0, work);
+  EXPECT_TRUE(shot.isRemoved(0));
+  EXPECT_FALSE(shot.isRemoved(1));
+  EXPECT_FALSE(shot.isRemoved(2));
 }
 
 }  // namespace
