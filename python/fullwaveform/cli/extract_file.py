@@ -6,7 +6,7 @@ import time
 from collections import Counter
 from collections.abc import Callable
 from contextlib import closing
-from dataclasses import dataclass, replace
+from dataclasses import dataclass, field, replace
 from functools import partial
 from pathlib import Path
 
@@ -35,6 +35,12 @@ class FileRun:
     quiet: bool
     # Called with input and text for each waveform that is skipped or without echoes.
     on_waveform: Callable[[Path, str], None] | None
+    monitors: list[RunMonitor] = field(default_factory=list)  # of the files begun so far
+
+    def cancel(self) -> None:
+        """End the files in progress, also within a block."""
+        for monitor in self.monitors:
+            monitor.cancel()
 
     def extract(self, source: Path, output: Path) -> RunSummary:
         """Write the echoes of a file; the summary has no messages of the library.
@@ -47,6 +53,8 @@ class FileRun:
             The file has no channel that an option names.
         """
         start = time.perf_counter()
+        monitor = RunMonitor()
+        self.monitors.append(monitor)
         options = self.options
         with open_checked(
             source,
@@ -71,7 +79,6 @@ class FileRun:
             each = None if self.on_waveform is None else partial(self.on_waveform, source)
             reader.on_unreadable = each
             statistics = warning_path(output.absolute().parent, source)
-            monitor = RunMonitor()
             with (
                 writer,
                 followed_blocks(reader, self.progress, self.quiet, monitor) as blocks,

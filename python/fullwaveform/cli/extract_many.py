@@ -70,7 +70,7 @@ def _finished_files(
 ) -> Iterator[Iterator[tuple[Path, Future[RunSummary] | None]]]:
     """Yield the inputs and their results as they finish, None about twice a second.
 
-    When the ``with`` statement ends by an exception, files in progress stop at their next block.
+    When the ``with`` statement ends by an exception, files in progress are cancelled.
     """
     with ThreadPoolExecutor(jobs, thread_name_prefix="file") as pool:
         sources = {pool.submit(run.extract, source, output): source for source, output in outputs}
@@ -87,5 +87,6 @@ def _finished_files(
             yield finished()
         except BaseException as error:
             request_end(error)
-            pool.shutdown(wait=True, cancel_futures=True)
+            pool.shutdown(wait=False, cancel_futures=True)
+            run.cancel()
             raise

@@ -8,6 +8,7 @@ import subprocess
 import sys
 import threading
 import time
+from collections.abc import Callable
 from pathlib import Path
 
 import numpy as np
@@ -54,8 +55,33 @@ def slow_scan(tmp_path_factory: pytest.TempPathFactory) -> Path:
 def test_signal_during_a_block_ends_the_run(
     slow_scan: Path, tmp_path: Path, workers: str, number: signal.Signals
 ) -> None:
-    call = ["extract", slow_scan, "-o", tmp_path / "e.csv", "--mode", "decomposition"]
-    options = ["--threshold", "0", "--workers", workers]
+    call = ["extract", slow_scan, "-o", tmp_path / "e.csv", "--workers", workers]
+    stderr = stderr_of_ended_run(call, number, lambda: has_part(tmp_path, 1))
+    assert stderr.endswith("; no result was written\n")
+    assert names(tmp_path) == []
+
+
+@pytest.mark.parametrize("jobs", [1, 2])
+def test_signal_during_blocks_of_several_files_ends_the_run(
+    slow_scan: Path, tmp_path: Path, jobs: int
+) -> None:
+    copy, folder = tmp_path / "copy.npz", tmp_path / "out"
+    copy.symlink_to(slow_scan)
+    call = ["extract", slow_scan, copy, "-o", folder, "--format", "csv", "--jobs", str(jobs)]
+    stderr_of_ended_run(call, signal.SIGINT, lambda: has_part(folder, jobs))
+    assert names(folder) == []
+
+
+def has_part(folder: Path, count: int) -> bool:
+    """Whether so many CSV files have been begun."""
+    return len(list(folder.glob(".*.csv.*.part"))) == count
+
+
+def stderr_of_ended_run(
+    call: list[object], number: signal.Signals, is_in_block: Callable[[], bool]
+) -> str:
+    """Send a signal to a command half a second after its first block began; it must end at once."""
+    options = ["--mode", "decomposition", "--threshold", "0"]
     process = subprocess.Popen(
         [sys.executable, "-m", "fullwaveform", *map(str, call), *options],
         env=environment(),
@@ -64,15 +90,14 @@ def test_signal_during_a_block_ends_the_run(
         text=True,
         start_new_session=True,
     )
-    wait_until(lambda: any(name.endswith(".part") for name in names(tmp_path)))
+    wait_until(is_in_block)
     time.sleep(0.5)
     start = time.monotonic()
     process.send_signal(number)
     _, stderr = process.communicate(timeout=TIMEOUT_S)
     assert time.monotonic() - start < MAX_SECONDS_TO_END
     assert process.returncode == 128 + number, stderr
-    assert stderr.endswith("; no result was written\n")
-    assert names(tmp_path) == []
+    return stderr
 
 
 @pytest.mark.parametrize("workers", [1, 2])
