@@ -3,46 +3,19 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <span>
 #include <vector>
 
 #include <fullwaveform/fitting/InstructionSet.h>
+#include <fullwaveform/pulsefit/Hypothesis.h>
 #include <fullwaveform/pulsefit/PulseKernels.h>
 #include <fullwaveform/pulsefit/PulseModel.h>
 #include <fullwaveform/pulsefit/PulseTable.h>
+#include <fullwaveform/pulsefit/SampleWeights.h>
 #include <fullwaveform/pulsefit/WidthPrior.h>
 
 namespace FullWaveform {
-
-inline constexpr std::size_t maxFittedEchoes = 10;
-inline constexpr std::size_t maxFitParameters = 1 + 3 * maxFittedEchoes;
-
-/// An echo as the fit moves it.
-struct EchoState {
-  double position = 0.0;   ///< sample index of the maximum of the pulse
-  double amplitude = 0.0;  ///< factor of the pulse, counts
-  double variance = 0.0;   ///< added to the pulse, samples squared
-  bool hasFreeWidth = false;
-};
-
-/// A hypothesis: a baseline and some echoes, and how well they explain the waveform.
-struct Hypothesis {
-  double baseline = 0.0;
-  std::size_t count = 0;
-  std::array<EchoState, maxFittedEchoes> echoes{};
-  double energy = 0.0;     ///< -2 ln of likelihood and priors, up to a constant
-  double cost = 0.0;       ///< energy plus the cost of the echoes: the smaller, the better
-  double chiSquare = 0.0;  ///< sum of the weighted squares of the residual
-  bool hasConverged = false;
-
-  void add(EchoState const& echo) { echoes[count++] = echo; }
-  void remove(std::size_t index) {
-    for (std::size_t k = index; k + 1 < count; ++k) {
-      echoes[k] = echoes[k + 1];
-    }
-    --count;
-  }
-};
 
 /// Symmetric matrix of the second derivatives of half the energy, or its inverse, in rows: baseline, then
 /// position, amplitude and variance of each echo.
@@ -65,21 +38,21 @@ class EchoFit {
   /// @param limit  samples from here on are clipped
   void setSignal(std::span<unsigned short const> samples, double limit);
   /// Sets the factor on the scatter: larger than 1 while echoes are looked for.
-  void setScatterFactor(double factor) { scatter = factor * model.scatter; }
+  void setScatterFactor(double factor);
   void setCosts(double ofEcho, double ofFreeWidth) {
     echoCost = ofEcho;
     widthCost = ofFreeWidth;
   }
 
-  /// Moves a hypothesis to the nearest minimum and sets its energy and cost.
+  /// Moves a hypothesis to the nearest minimum, sets its energy and cost, and evaluates it.
   void refine(Hypothesis& hypothesis);
   /// Prepares residual and weights at a hypothesis.
   void evaluate(Hypothesis& hypothesis);
 
-  /// Signal minus model at the last evaluation.
-  [[nodiscard]] std::span<double const> residual() const { return {current.residual.data(), size}; }
+  /// Signal minus model at the last evaluation; 0 for clipped samples that the model exceeds.
+  [[nodiscard]] std::span<double const> residual() const { return {current().residual.data(), size}; }
   /// 1 / s^2 of each sample at the last evaluation; 0 for clipped samples that the model exceeds.
-  [[nodiscard]] std::span<double const> weights() const { return {current.weights.data(), size}; }
+  [[nodiscard]] std::span<double const> weights() const { return {current().weights.data(), size}; }
   [[nodiscard]] std::span<std::uint32_t const> clipped() const { return clippedSamples; }
   [[nodiscard]] std::size_t samples() const { return size; }
   /// Standard deviation of a sample without light.
@@ -91,31 +64,50 @@ class EchoFit {
   bool covariance(Hypothesis const& hypothesis, FitMatrix& result);
 
  private:
-  /// The pulse of one echo at the samples `first` to `first + count`.
+  /// The pulse of one echo at the samples `first` to `first + count`, and the prior of its width.
   struct Column {
+    double position = std::numeric_limits<double>::quiet_NaN();
+    double variance = 0.0;
     std::size_t first = 0;
     std::size_t count = 0;
-    PulseColumns plain{};
-    PulseColumns weighted{};
+    PulseColumns pulse{};
+    WidthPrior::Energy width{};
   };
 
   /// Everything that belongs to one point of the parameters.
   struct Evaluation {
     std::vector<double> memory;
-    std::vector<double> model;
     std::vector<double> residual;
     std::vector<double> weights;
+    SampleWeights segments;
+    double weightSum = 0.0;  ///< without clipped samples that the model exceeds
+    ResidualSums sums{};
     std::array<Column, maxFittedEchoes> columns;
   };
 
   using Gradient = std::array<double, maxFitParameters>;
 
+  /// A hypothesis some way from another one.
+  struct Step {
+    Hypothesis to;
+    double move = 0.0;  ///< largest change of a position, samples
+    bool isClamped = false;
+  };
+
+  [[nodiscard]] Evaluation& current() { return evaluations[currentIndex]; }
+  [[nodiscard]] Evaluation const& current() const { return evaluations[currentIndex]; }
+  [[nodiscard]] Evaluation& trial() { return evaluations[1 - currentIndex]; }
+
   void resize(Evaluation& evaluation) const;
-  void place(EchoState const& echo, std::size_t index, Evaluation& at) const;
-  double setWeights(Hypothesis const& hypothesis, Evaluation& at) const;
-  void evaluateAt(Hypothesis& hypothesis, Evaluation& at);
-  void normalEquations(Hypothesis const& hypothesis, Evaluation& at, FitMatrix& matrix, Gradient& gradient);
-  [[nodiscard]] Hypothesis stepped(Hypothesis const& from, Gradient const& step, double& move) const;
+  void place(EchoState const& echo, Column& column) const;
+  void setResidual(Hypothesis const& hypothesis, Evaluation& at) const;
+  void setWeights(Hypothesis const& hypothesis, Evaluation& at) const;
+  void evaluateAt(Hypothesis& hypothesis, Evaluation& at) const;
+  void keep(Hypothesis const& hypothesis);
+  bool improve(Hypothesis& hypothesis, double& damping);
+  void normalEquations(Hypothesis const& hypothesis, FitMatrix& matrix, Gradient& gradient) const;
+  [[nodiscard]] double gainOf(Hypothesis const& from, Hypothesis const& to);
+  [[nodiscard]] Step stepped(Hypothesis const& from, Gradient const& step) const;
   [[nodiscard]] double costOf(Hypothesis const& hypothesis) const;
 
   PulseModel model;
@@ -132,8 +124,12 @@ class EchoFit {
   std::size_t stride = 0;
   std::vector<double> signal;
   std::vector<std::uint32_t> clippedSamples;
-  Evaluation current;
-  Evaluation trial;
+  std::array<Evaluation, 2> evaluations;
+  std::size_t currentIndex = 0;
+  Hypothesis evaluated;  ///< to which the current evaluation belongs
+  bool isEvaluated = false;
+  FitMatrix matrix{};
+  FitMatrix damped{};
 };
 
 }  // namespace FullWaveform

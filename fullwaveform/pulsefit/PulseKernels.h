@@ -13,12 +13,23 @@ struct PulseColumns {
   double* value;
   double* byLag;
   double* byVariance;
+
+  [[nodiscard]] PulseColumns from(std::size_t sample) const {
+    return {value + sample, byLag + sample, byVariance + sample};
+  }
 };
 
-/// Products of the weighted derivatives of one echo, by position, amplitude and variance.
+/// Weighted sums of the derivatives of one echo by position, amplitude and variance.
 struct EchoProducts {
-  double sums[3];       ///< with 1, the derivative by the baseline
-  double residuals[3];  ///< with the residual
+  double sums[3];       ///< of products with 1, the derivative by the baseline
+  double residuals[3];  ///< of products with the residual
+  double products[6];   ///< of products with each other: lower triangle, in rows
+};
+
+/// Weighted sums of the residual.
+struct ResidualSums {
+  double plain;
+  double squares;
 };
 
 /// The inner loops of a pulse fit, compiled for one instruction set. Counts are rounded up to whole lanes;
@@ -27,17 +38,19 @@ struct PulseKernels {
   /// Evaluates the series of a place, from its row index `skip` on.
   void (*interpolate)(PulseTable::Place const& place, std::size_t skip, std::size_t count,
                       PulseColumns const& columns);
-  /// sum += amplitude * values
-  void (*add)(double amplitude, double const* values, std::size_t count, double* sum);
-  /// residual = signal - model; returns the sum of weight * residual^2.
-  double (*subtract)(double const* signal, double const* model, double const* weights, std::size_t count,
-                     double* residual);
-  /// Multiplies the columns by the weights, into `weighted`.
-  EchoProducts (*weigh)(PulseColumns const& columns, double const* weights, double const* residual,
-                        std::size_t count, PulseColumns const& weighted);
-  /// products[3 i + j] = sum of column i of `weighted` times column j of `columns`.
-  void (*multiply)(PulseColumns const& weighted, PulseColumns const& columns, std::size_t count,
-                   double* products);
+  /// residual = signal - baseline
+  void (*subtractBaseline)(double const* signal, double baseline, std::size_t count, double* residual);
+  /// residual -= amplitude * pulse
+  void (*subtractPulse)(double amplitude, double const* pulse, std::size_t count, double* residual);
+  ResidualSums (*sumResidual)(double const* weights, double const* residual, std::size_t count);
+  /// Of exactly `count` values.
+  double (*sumSquares)(double const* values, std::size_t count);
+  EchoProducts (*sumEcho)(PulseColumns const& columns, double const* weights, double const* residual,
+                          std::size_t count);
+  /// products[3 i + j] = sum of weight times column i of `left` times column j of `right`; columns are in the
+  /// order of `EchoProducts`.
+  void (*multiply)(PulseColumns const& left, PulseColumns const& right, double const* weights,
+                   std::size_t count, double* products);
   /// scores[i] = sum over j of values[i + j] * taps[j], for `count` values of i.
   void (*correlate)(double const* values, double const* taps, std::size_t tapCount, std::size_t count,
                     double* scores);

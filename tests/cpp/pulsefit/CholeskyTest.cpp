@@ -10,19 +10,19 @@ namespace {
 
 using Matrix = std::array<double, 9>;
 
-TEST(Cholesky, FactorOfAMatrixByHand) {
+TEST(Cholesky, FactorsOfAMatrixByHand) {
   Matrix matrix{4, 2, -2, 2, 10, 2, -2, 2, 6};
   ASSERT_TRUE(choleskyFactor(matrix, 3));
-  EXPECT_EQ(matrix[0], 2.0);
-  EXPECT_EQ(matrix[3], 1.0);
-  EXPECT_EQ(matrix[4], 3.0);
-  EXPECT_EQ(matrix[6], -1.0);
-  EXPECT_EQ(matrix[7], 1.0);
-  EXPECT_EQ(matrix[8], 2.0);
+  EXPECT_EQ(matrix[0], 0.25);  // inverses of D = 4, 9, 4
+  EXPECT_EQ(matrix[4], 1.0 / 9.0);
+  EXPECT_EQ(matrix[8], 0.25);
+  EXPECT_EQ(matrix[3], 0.5);
+  EXPECT_EQ(matrix[6], -0.5);
+  EXPECT_EQ(matrix[7], 1.0 / 3.0);
 }
 
-TEST(Cholesky, SolvesWithTheFactor) {
-  Matrix const factor{2, 0, 0, 1, 3, 0, -1, 1, 2};
+TEST(Cholesky, SolvesWithTheFactors) {
+  Matrix const factor{0.25, 0, 0, 0.5, 1.0 / 9.0, 0, -0.5, 1.0 / 3.0, 0.25};
   std::array<double, 3> x{2.0, 28.0, 20.0};  // the matrix above times (1, 2, 3)
   choleskySolve(factor, 3, x);
   EXPECT_NEAR(x[0], 1.0, 1e-14);
@@ -31,11 +31,11 @@ TEST(Cholesky, SolvesWithTheFactor) {
 }
 
 TEST(Cholesky, InvertsADiagonalAndAFullMatrix) {
-  Matrix factor{2, 0, 0, 0, 4, 0, 0, 0, 5};
+  Matrix factor{0.25, 0, 0, 0, 0.0625, 0, 0, 0, 0.04};
   Matrix inverse{};
   choleskyInverse(factor, 3, inverse);
   EXPECT_EQ(inverse, (Matrix{0.25, 0, 0, 0, 0.0625, 0, 0, 0, 0.04}));
-  factor = {2, 0, 0, 1, 3, 0, -1, 1, 2};
+  factor = {0.25, 0, 0, 0.5, 1.0 / 9.0, 0, -0.5, 1.0 / 3.0, 0.25};
   choleskyInverse(factor, 3, inverse);
   Matrix const expected{56, -16, 24, -16, 20, -12, 24, -12, 36};  // over the determinant, 144
   for (std::size_t i = 0; i < 9; ++i) {

@@ -69,52 +69,66 @@ TEST_P(PulseKernelsTest, InterpolateSumsTheSeries) {
   }
 }
 
-TEST_P(PulseKernelsTest, AddAndSubtract) {
-  Values model(count, 1.0);
-  Values const pulse = randomValues(7);
-  kernels().add(3.0, pulse.data(), count, model.data());
+TEST_P(PulseKernelsTest, SubtractBaselineAndPulse) {
   Values const signal = randomValues(8);
-  Values const weights = randomValues(9);
+  Values const pulse = randomValues(7);
   Values residual(count);
-  double expected = 0.0;
-  double const squares =
-      kernels().subtract(signal.data(), model.data(), weights.data(), count, residual.data());
+  kernels().subtractBaseline(signal.data(), 0.5, count, residual.data());
+  kernels().subtractPulse(3.0, pulse.data(), count, residual.data());
   for (std::size_t i = 0; i < count; ++i) {
-    EXPECT_DOUBLE_EQ(model[i], 1.0 + 3.0 * pulse[i]);
-    EXPECT_DOUBLE_EQ(residual[i], signal[i] - model[i]);
-    expected += weights[i] * residual[i] * residual[i];
+    EXPECT_DOUBLE_EQ(residual[i], (signal[i] - 0.5) - 3.0 * pulse[i]);
   }
-  EXPECT_NEAR(squares, expected, 1e-12);
 }
 
-TEST_P(PulseKernelsTest, WeighAndMultiply) {
-  Columns plain = randomColumns(11);
-  Columns other = randomColumns(21);
-  Columns weighted;
+TEST_P(PulseKernelsTest, SumResidual) {
+  Values const weights = randomValues(9);
+  Values const residual = randomValues(10);
+  ResidualSums const sums = kernels().sumResidual(weights.data(), residual.data(), count);
+  double plain = 0.0;
+  double squares = 0.0;
+  for (std::size_t i = 0; i < count; ++i) {
+    plain += weights[i] * residual[i];
+    squares += weights[i] * residual[i] * residual[i];
+  }
+  EXPECT_NEAR(sums.plain, plain, 1e-13);
+  EXPECT_NEAR(sums.squares, squares, 1e-13);
+}
+
+TEST_P(PulseKernelsTest, SumSquaresOfExactlySoManyValues) {
+  Values const values{3.0, 1.0, 2.0, 1.0, 1.0, 1.0, 1.0, 1.0, 2.0, 4.0, 100.0};
+  EXPECT_EQ(kernels().sumSquares(values.data(), 10), 39.0);
+  EXPECT_EQ(kernels().sumSquares(values.data(), 3), 14.0);
+}
+
+/// Sum of the products of the first `count` values.
+double sumOf(Values const& a, Values const& b, Values const& c) {
+  double sum = 0.0;
+  for (std::size_t i = 0; i < count; ++i) {
+    sum += a[i] * b[i] * c[i];
+  }
+  return sum;
+}
+
+TEST_P(PulseKernelsTest, SumEchoAndMultiply) {
+  Columns left = randomColumns(11);
+  Columns right = randomColumns(21);
   Values const weights = randomValues(31);
   Values const residual = randomValues(32);
-  EchoProducts const products =
-      kernels().weigh(plain.pointers(), weights.data(), residual.data(), count, weighted.pointers());
-  double sums[9];
-  kernels().multiply(weighted.pointers(), other.pointers(), count, sums);
-  Values const* const plainColumns[3] = {&plain.byLag, &plain.value, &plain.byVariance};
-  Values const* const otherColumns[3] = {&other.byLag, &other.value, &other.byVariance};
+  Values const ones(count + 16, 1.0);
+  EchoProducts const own = kernels().sumEcho(left.pointers(), weights.data(), residual.data(), count);
+  double products[9];
+  kernels().multiply(left.pointers(), right.pointers(), weights.data(), count, products);
+  Values const* const leftColumns[3] = {&left.byLag, &left.value, &left.byVariance};
+  Values const* const rightColumns[3] = {&right.byLag, &right.value, &right.byVariance};
+  double const* product = own.products;
   for (std::size_t a = 0; a < 3; ++a) {
-    double sum = 0.0;
-    double withResidual = 0.0;
-    double withOther[3] = {};
-    for (std::size_t i = 0; i < count; ++i) {
-      double const value = weights[i] * (*plainColumns[a])[i];
-      sum += value;
-      withResidual += value * residual[i];
-      for (std::size_t b = 0; b < 3; ++b) {
-        withOther[b] += value * (*otherColumns[b])[i];
-      }
+    EXPECT_NEAR(own.sums[a], sumOf(weights, *leftColumns[a], ones), 1e-13);
+    EXPECT_NEAR(own.residuals[a], sumOf(weights, *leftColumns[a], residual), 1e-13);
+    for (std::size_t b = 0; b <= a; ++b) {
+      EXPECT_NEAR(*product++, sumOf(weights, *leftColumns[a], *leftColumns[b]), 1e-13);
     }
-    EXPECT_NEAR(products.sums[a], sum, 1e-13);
-    EXPECT_NEAR(products.residuals[a], withResidual, 1e-13);
     for (std::size_t b = 0; b < 3; ++b) {
-      EXPECT_NEAR(sums[3 * a + b], withOther[b], 1e-13);
+      EXPECT_NEAR(products[3 * a + b], sumOf(weights, *leftColumns[a], *rightColumns[b]), 1e-13);
     }
   }
 }
