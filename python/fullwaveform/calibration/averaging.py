@@ -30,7 +30,7 @@ MAX_PULSES = 4000
 
 _ITERATIONS = 8
 _MAX_BEFORE, _MAX_AFTER = 24.0, 48.0  # samples around the maximum
-_ALIGNMENT_SPLINE, _FINAL_SPLINE = (1, 5), (4, 3)  # knots per sample and degree
+ALIGNMENT_SPLINE, _FINAL_SPLINE = (1, 5), (4, 3)  # knots per sample and degree
 _HUBER = 2.0  # standard deviations from which a sample loses weight
 _OUTLIER_DEVIATIONS = 6.0
 _MAX_SHIFT = 0.5  # samples per iteration
@@ -66,7 +66,7 @@ class AveragePulse:
 
 
 @dataclass(frozen=True)
-class _Alignment:
+class Alignment:
     """Position and height of the maximum, and baseline, of each pulse; (n,) each."""
 
     position: FloatArray
@@ -78,9 +78,9 @@ class _Alignment:
         x = np.arange(values.shape[1]) - self.position[:, np.newaxis]
         return x, (values - self.baseline[:, np.newaxis]) / self.amplitude[:, np.newaxis]
 
-    def of(self, rows: BoolArray) -> _Alignment:
+    def of(self, rows: BoolArray) -> Alignment:
         """The alignment of the given rows."""
-        return _Alignment(self.position[rows], self.amplitude[rows], self.baseline[rows])
+        return Alignment(self.position[rows], self.amplitude[rows], self.baseline[rows])
 
 
 def average(pulses: Pulses, *, max_pulses: int = MAX_PULSES) -> AveragePulse:
@@ -89,15 +89,15 @@ def average(pulses: Pulses, *, max_pulses: int = MAX_PULSES) -> AveragePulse:
     if len(usable) == 0:
         reasons = ", ".join(f"{count}: {reason}" for reason, count in usable.rejected.items())
         raise ValueError(f"{pulses.origin}: no usable pulse ({reasons or 'no pulses'})")
-    alignment = _first_alignment(usable.values)
-    extent = _extent(usable.values, alignment)
+    alignment = first_alignment(usable.values)
+    extent = common_extent(usable.values, alignment)
     curve = None
     for iteration in range(_ITERATIONS):
-        alignment, curve = _fitted(usable.values, alignment, curve, extent, _ALIGNMENT_SPLINE)
+        alignment, curve = fitted_curve(usable.values, alignment, curve, extent, ALIGNMENT_SPLINE)
         alignment = _moved(usable.values, alignment, curve)
         if iteration >= 2:
             usable, alignment = _without_outliers(usable, alignment, curve)
-    alignment, curve = _fitted(usable.values, alignment, curve, extent, _FINAL_SPLINE)
+    alignment, curve = fitted_curve(usable.values, alignment, curve, extent, _FINAL_SPLINE)
     return _result(usable, alignment, curve)
 
 
@@ -142,7 +142,7 @@ def pulse_of_curve(
     return AveragePulse(position, shape, 0.0, 1, Counter(), float(sampling_interval), origin)
 
 
-def _first_alignment(values: FloatArray) -> _Alignment:
+def first_alignment(values: FloatArray) -> Alignment:
     """Positions from a parabola through the logarithms of the three highest samples."""
     base = baseline_of(values)
     rows, top = np.arange(len(values)), np.nanargmax(values, axis=1)
@@ -153,10 +153,10 @@ def _first_alignment(values: FloatArray) -> _Alignment:
     with np.errstate(divide="ignore", invalid="ignore"):
         move = np.where(bend < 0.0, 0.5 * (left - right) / bend, 0.0)
     move = np.clip(np.nan_to_num(move), -0.5, 0.5)
-    return _Alignment(top + move, centre - base, base)
+    return Alignment(top + move, centre - base, base)
 
 
-def _extent(values: FloatArray, alignment: _Alignment) -> tuple[float, float]:
+def common_extent(values: FloatArray, alignment: Alignment) -> tuple[float, float]:
     """Samples before and after the maximum that at least half of the pulses have."""
     valid = np.isfinite(values)
     first = np.argmax(valid, axis=1)
@@ -166,7 +166,7 @@ def _extent(values: FloatArray, alignment: _Alignment) -> tuple[float, float]:
     return min(before, _MAX_BEFORE), min(after, _MAX_AFTER)
 
 
-def _moved(values: FloatArray, alignment: _Alignment, curve: Curve) -> _Alignment:
+def _moved(values: FloatArray, alignment: Alignment, curve: Curve) -> Alignment:
     """One Gauss-Newton step of amplitude, baseline and position of every pulse."""
     x = np.arange(values.shape[1]) - alignment.position[:, np.newaxis]
     shape, slope = curve(x), curve(x, 1)
@@ -178,55 +178,55 @@ def _moved(values: FloatArray, alignment: _Alignment, curve: Curve) -> _Alignmen
     # The pseudo-inverse, since few samples of a row may not determine all three.
     solution = np.einsum("nkl,nl->nk", np.linalg.pinv(normal, hermitian=True), right)
     move = np.clip(solution[:, 2] / alignment.amplitude, -_MAX_SHIFT, _MAX_SHIFT)
-    return _Alignment(alignment.position + move, solution[:, 0], solution[:, 1])
+    return Alignment(alignment.position + move, solution[:, 0], solution[:, 1])
 
 
-def _fitted(
+def fitted_curve(
     values: FloatArray,
-    alignment: _Alignment,
+    alignment: Alignment,
     previous: Curve | None,
     extent: tuple[float, float],
     kind: tuple[int, int],
-) -> tuple[_Alignment, Curve]:
+) -> tuple[Alignment, Curve]:
     """Curve through all pulses, with maximum 1 at position 0, and the alignment to it."""
     x, y = alignment.applied(values)
-    weights = np.ones_like(y) if previous is None else _weights(x, y, alignment, previous)
-    return _normalised(alignment, Curve.through(x, y, weights, extent, kind))
+    weights = np.ones_like(y) if previous is None else robust_weights(x, y, alignment, previous)
+    return normalised(alignment, Curve.through(x, y, weights, extent, kind))
 
 
 def _residual(x: FloatArray, y: FloatArray, curve: Curve) -> FloatArray:
     return np.asarray(y - curve(x))
 
 
-def _deviation(values: FloatArray) -> float:
+def robust_deviation(values: FloatArray) -> float:
     """Robust standard deviation of values around 0."""
     return float(1.4826 * np.nanmedian(np.abs(values)))
 
 
-def _weights(x: FloatArray, y: FloatArray, alignment: _Alignment, curve: Curve) -> FloatArray:
+def robust_weights(x: FloatArray, y: FloatArray, alignment: Alignment, curve: Curve) -> FloatArray:
     """Huber weights of the samples; the noise in counts is the same for all pulses."""
     counts = _residual(x, y, curve) * alignment.amplitude[:, np.newaxis]
-    deviation = max(_deviation(counts), 1e-12)
+    deviation = max(robust_deviation(counts), 1e-12)
     far = np.abs(np.nan_to_num(counts)) / (_HUBER * deviation)
     strength = (alignment.amplitude / np.median(alignment.amplitude)) ** 2
     return np.asarray(strength[:, np.newaxis] / np.maximum(far, 1.0))
 
 
 def _without_outliers(
-    pulses: Pulses, alignment: _Alignment, curve: Curve
-) -> tuple[Pulses, _Alignment]:
+    pulses: Pulses, alignment: Alignment, curve: Curve
+) -> tuple[Pulses, Alignment]:
     """Reject the pulses with much larger residuals than the others."""
     x, y = alignment.applied(pulses.values)
     rms = np.sqrt(np.nanmean(_residual(x, y, curve) ** 2, axis=1))
     middle = np.median(rms)
-    limit = middle + _OUTLIER_DEVIATIONS * _deviation(rms - middle) + 1e-9
+    limit = middle + _OUTLIER_DEVIATIONS * robust_deviation(rms - middle) + 1e-9
     outlier = ~(rms <= limit) | ~(alignment.amplitude > 0.0)
     if outlier.all():
         return pulses, alignment
     return pulses.without(outlier, OUTLIER), alignment.of(~outlier)
 
 
-def _normalised(alignment: _Alignment, curve: Curve) -> tuple[_Alignment, Curve]:
+def normalised(alignment: Alignment, curve: Curve) -> tuple[Alignment, Curve]:
     """Scale and shift the curve to maximum 1 at position 0 and level 0, and adapt the alignment."""
     fine = curve.grid(100)
     value = curve(fine)
@@ -235,7 +235,7 @@ def _normalised(alignment: _Alignment, curve: Curve) -> tuple[_Alignment, Curve]
     level = quiet_level(fine, value)
     shift, height = vertex(fine, value, top)
     height -= level
-    aligned = _Alignment(
+    aligned = Alignment(
         alignment.position + shift,
         alignment.amplitude * height,
         alignment.baseline + alignment.amplitude * level,
@@ -245,13 +245,13 @@ def _normalised(alignment: _Alignment, curve: Curve) -> tuple[_Alignment, Curve]
     return aligned, Curve(spline, curve.before + shift, curve.after - shift)
 
 
-def _result(pulses: Pulses, alignment: _Alignment, curve: Curve) -> AveragePulse:
+def _result(pulses: Pulses, alignment: Alignment, curve: Curve) -> AveragePulse:
     grid = curve.grid(STEPS_PER_SAMPLE)
     x, y = alignment.applied(pulses.values)
     return AveragePulse(
         position=grid,
         value=curve(grid),
-        scatter=_deviation(_residual(x, y, curve)),
+        scatter=robust_deviation(_residual(x, y, curve)),
         used=len(pulses),
         rejected=pulses.rejected,
         sampling_interval=pulses.sampling_interval,

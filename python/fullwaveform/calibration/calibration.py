@@ -2,8 +2,8 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterable, Iterator
-from dataclasses import dataclass
+from collections.abc import Iterable, Iterator, Sequence
+from dataclasses import dataclass, replace
 from itertools import chain
 
 import numpy as np
@@ -11,6 +11,9 @@ import numpy as np
 from fullwaveform.calibration.levels import ChannelLevels, measure_levels
 from fullwaveform.calibration.outgoing_phase import OutgoingPhase, measure_outgoing_phase
 from fullwaveform.calibration.phase_choice import PhaseChoice
+from fullwaveform.calibration.pulse_model import PulseChoice, measure_pulse_models
+from fullwaveform.core.pulse_fit import PulseModel
+from fullwaveform.core.pulse_models import ReceiverModel, model_of
 from fullwaveform.data.arrays import IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.columns import take_rows
@@ -25,6 +28,7 @@ class Calibration:
 
     levels: tuple[ChannelLevels, ...] = ()  # by channel flag and descriptor
     outgoing_phase: OutgoingPhase | None = None  # None: not measured
+    pulse_models: tuple[ReceiverModel, ...] = ()  # by channel flag and descriptor
 
     @property
     def needs_outgoing(self) -> bool:
@@ -42,6 +46,10 @@ class Calibration:
         candidates = same or alike or list(self.levels)
         return max(candidates, key=lambda level: level.threshold, default=None)
 
+    def pulse_model_of(self, channel_flag: int, descriptor: int) -> PulseModel:
+        """The pulse model of a receiver, see `model_of`; ValueError if there are none."""
+        return model_of(self.pulse_models, channel_flag, descriptor)
+
     def thresholds(self, block: WaveformBlock) -> IntArray:
         """Threshold (n,) of each waveform with its baseline kept, counts; -1 for an estimate."""
         thresholds = np.full(len(block), -1, np.int64)
@@ -53,15 +61,26 @@ class Calibration:
         return thresholds
 
 
-def measure(reader: WaveformReader, outgoing_phase: PhaseChoice = "auto") -> Calibration:
+def measure(
+    reader: WaveformReader,
+    outgoing_phase: PhaseChoice = "auto",
+    pulse: PulseChoice | tuple[ReceiverModel, ...] | None = None,
+) -> Calibration:
     """Measure the file of an open reader, on waveforms spread over it.
 
     Takes a bounded time. `reader.with_outgoing` is set to what the extraction needs.
 
+    Parameters
+    ----------
+    reader : not changed otherwise
+    outgoing_phase : whether the phase of the outgoing pulses is taken off
+    pulse : pulses of which models are made, or known models; None: no models
+
     Raises
     ------
     ValueError
-        If `outgoing_phase` is "on" and the file has no usable outgoing pulses.
+        If `outgoing_phase` is "on" and the file has no usable outgoing pulses, and as
+        `measure_pulse_models`.
     WaveformFileError
         As `WaveformReader.spread_blocks`.
     """
@@ -70,24 +89,40 @@ def measure(reader: WaveformReader, outgoing_phase: PhaseChoice = "auto") -> Cal
             f"{reader.path} has no outgoing pulses whose phase could be taken off; use "
             "--outgoing-phase auto (outgoing_phase='auto')"
         )
-    if outgoing_phase == "off" or not reader.has_outgoing:
-        reader.with_outgoing = False
-        return Calibration(measure_levels(reader.spread_blocks()))
-    reader.with_outgoing = True
+    is_phase_measured = outgoing_phase != "off" and reader.has_outgoing
+    reader.with_outgoing = is_phase_measured or (isinstance(pulse, str) and reader.has_outgoing)
+    if not (is_phase_measured or isinstance(pulse, str)):
+        return Calibration(measure_levels(reader.spread_blocks()), pulse_models=pulse or ())
     blocks = list(reader.spread_blocks())
-    levels = measure_levels(blocks)
-    thresholds = Calibration(levels).thresholds
-    calibration = Calibration(levels, measure_outgoing_phase(blocks, thresholds, outgoing_phase))
+    calibration = Calibration(measure_levels(blocks))
+    if is_phase_measured:
+        phase = measure_outgoing_phase(blocks, calibration.thresholds, outgoing_phase)
+        calibration = replace(calibration, outgoing_phase=phase)
+    calibration = replace(
+        calibration, pulse_models=_pulse_models(blocks, calibration.levels, str(reader.path), pulse)
+    )
     reader.with_outgoing = calibration.needs_outgoing
     return calibration
 
 
+def _pulse_models(
+    blocks: Sequence[WaveformBlock],
+    levels: Sequence[ChannelLevels],
+    origin: str,
+    pulse: PulseChoice | tuple[ReceiverModel, ...] | None,
+) -> tuple[ReceiverModel, ...]:
+    if isinstance(pulse, str):
+        return tuple(each.entry for each in measure_pulse_models(blocks, levels, origin, pulse))
+    return pulse or ()
+
+
 def measure_first(
     blocks: Iterable[WaveformBlock],
+    pulse: PulseChoice | tuple[ReceiverModel, ...] | None = None,
 ) -> tuple[Calibration, Iterator[WaveformBlock]]:
     """Measure on the first 4,096 waveforms of blocks; the calibration, and all blocks.
 
-    The blocks with these waveforms are kept in memory until they are iterated.
+    `pulse` as in `measure`. The blocks with these waveforms stay in memory until they are iterated.
     """
     following = iter(blocks)
     first: list[WaveformBlock] = []
@@ -97,4 +132,6 @@ def measure_first(
         first.append(block)
         parts.append(take_rows(block, np.arange(min(len(block), missing))))
         missing -= len(block)
-    return Calibration(levels=measure_levels(parts)), chain(first, following)
+    levels = measure_levels(parts)
+    models = _pulse_models(parts, levels, "the first waveforms", pulse)
+    return Calibration(levels, pulse_models=models), chain(first, following)

@@ -17,6 +17,7 @@ _SMOOTHNESS = 1e-6
 # more than a sample before it are baseline.
 _RISE_SHARES = (0.1, 0.03)
 _MIN_QUIET = 2.0  # samples
+_STEPS_FOR_WIDTH = 32  # per sample
 
 
 @dataclass(frozen=True)
@@ -57,10 +58,26 @@ class Curve:
         safe = np.where(inside, x, 0.0)
         return np.where(inside, self.spline(safe, nu=derivative), np.nan)
 
+    def fwhm(self) -> float:
+        """Full width at half maximum, for a maximum of 1; up to an end that is not below half."""
+        lag = self.grid(_STEPS_FOR_WIDTH)
+        value = self(lag)
+        top = int(np.argmax(value))
+        before, after = np.flatnonzero(value[:top] < 0.5), np.flatnonzero(value[top:] < 0.5)
+        left = _half(lag, value, before[-1]) if len(before) else lag[0]
+        right = _half(lag, value, top + after[0] - 1) if len(after) else lag[-1]
+        return float(right - left)
+
     def grid(self, steps: int) -> FloatArray:
         """Multiples of a step from the maximum, inside the curve."""
         first, last = np.ceil(-self.before * steps), np.floor(self.after * steps)
         return np.asarray(np.arange(first, last + 1) / steps)
+
+
+def _half(lag: FloatArray, value: FloatArray, index: int) -> float:
+    """Lag at which the value is 0.5, between two neighbours."""
+    share = (0.5 - value[index]) / (value[index + 1] - value[index])
+    return float(lag[index] + share * (lag[index + 1] - lag[index]))
 
 
 def _solved(normal: FloatArray, right: FloatArray, degree: int) -> FloatArray:

@@ -25,8 +25,15 @@ NOT_ISOLATED = "another echo nearby"
 WEAKER_HALF = "the weaker half"
 OTHER_INTERVAL = "different sampling interval"
 
-_BEFORE, _AFTER = 14, 22  # samples around an echo
-_MIN_HEIGHT = 8.0  # counts above the baseline
+
+@dataclass(frozen=True)
+class EchoWindow:
+    """Samples around an echo, and what must not be near it."""
+
+    before: int = 14  # samples before the echo
+    after: int = 22  # samples after it
+    clearance: float = CLEARANCE  # distance to other echoes, samples
+    min_height: float = 8.0  # counts above the baseline
 
 
 @dataclass(frozen=True)
@@ -70,8 +77,13 @@ class StrongEchoes:
     isolated: BoolArray
 
 
-def strongest_echoes(peaks: Mapping[str, AnyArray], baseline: FloatArray) -> StrongEchoes:
-    """The strongest finite echo of each row of `Result.peaks`."""
+def strongest_echoes(
+    peaks: Mapping[str, AnyArray], baseline: FloatArray, clearance: float = CLEARANCE
+) -> StrongEchoes:
+    """The strongest finite echo of each row of `Result.peaks`.
+
+    It is isolated if no other echo is within `clearance` samples.
+    """
     finite = np.isfinite(peaks["idx"]) & np.isfinite(peaks["amplitudeCounts"])
     row = peaks["row"][finite].astype(np.int64)
     position = peaks["idx"][finite].astype(np.float64)
@@ -80,7 +92,7 @@ def strongest_echoes(peaks: Mapping[str, AnyArray], baseline: FloatArray) -> Str
     rows, first = np.unique(row[by_strength], return_index=True)
     chosen = by_strength[first]
     of_row = np.searchsorted(rows, row)
-    near = np.abs(position - position[chosen][of_row]) <= CLEARANCE
+    near = np.abs(position - position[chosen][of_row]) <= clearance
     is_other = near & (height > NEGLIGIBLE_SHARE * height[chosen][of_row])
     is_other[chosen] = False
     crowded = np.bincount(of_row[is_other], minlength=len(rows)) > 0
@@ -125,15 +137,11 @@ def isolated_echoes(
         if waveforms.sampling_interval != interval:
             rejected[OTHER_INTERVAL] += len(waveforms.samples)
             continue
-        echoes = strongest_echoes(
-            echoes_of(waveforms, scanner, threshold, Mode.THREE_POINT), waveforms.baseline()
-        )
-        strong = echoes.height >= _MIN_HEIGHT
-        rejected[NOT_ISOLATED] += int(np.count_nonzero(strong & ~echoes.isolated))
-        use = strong & echoes.isolated
-        windows.append(_cut(waveforms.as_float(), echoes.row[use], echoes.position[use]))
-        heights.append(echoes.height[use])
-        found += int(np.count_nonzero(use))
+        window, height, crowded = echo_windows(waveforms, scanner, threshold)
+        rejected[NOT_ISOLATED] += crowded
+        windows.append(window)
+        heights.append(height)
+        found += len(height)
         if found >= MAX_ECHOES:
             break
     if interval is None or found == 0:
@@ -143,9 +151,34 @@ def isolated_echoes(
     return pulses.without(height < np.median(height), WEAKER_HALF)
 
 
-def _cut(values: FloatArray, row: IntArray, position: FloatArray) -> FloatArray:
-    """Samples around each position, (m, 37); NaN outside the waveform."""
-    column = np.rint(position).astype(np.int64)[:, np.newaxis] + np.arange(-_BEFORE, _AFTER + 1)
+def echo_windows(
+    waveforms: Waveforms,
+    scanner: Scanner,
+    threshold: Threshold | None = None,
+    window: EchoWindow = EchoWindow(),
+) -> tuple[FloatArray, FloatArray, int]:
+    """Samples around the strongest echo of each waveform, if it is isolated.
+
+    Returns
+    -------
+    windows (m, before + 1 + after), NaN outside of the waveform; heights (m,) of the echoes above
+    the baseline, counts; number of strong echoes that are not isolated
+    """
+    echoes = strongest_echoes(
+        echoes_of(waveforms, scanner, threshold, Mode.THREE_POINT),
+        waveforms.baseline(),
+        window.clearance,
+    )
+    strong = echoes.height >= window.min_height
+    use = strong & echoes.isolated
+    windows = _cut(waveforms.as_float(), echoes.row[use], echoes.position[use], window)
+    return windows, echoes.height[use], int(np.count_nonzero(strong & ~echoes.isolated))
+
+
+def _cut(values: FloatArray, row: IntArray, position: FloatArray, window: EchoWindow) -> FloatArray:
+    """Samples around each position, one row each; NaN outside the waveform."""
+    offsets = np.arange(-window.before, window.after + 1)
+    column = np.rint(position).astype(np.int64)[:, np.newaxis] + offsets
     inside = (column >= 0) & (column < values.shape[1])
-    window = values[row[:, np.newaxis], np.where(inside, column, 0)]
-    return np.where(inside, window, np.nan)
+    samples = values[row[:, np.newaxis], np.where(inside, column, 0)]
+    return np.where(inside, samples, np.nan)

@@ -147,6 +147,14 @@ def _times(template: OutgoingTemplate, block: WaveformBlock) -> FloatArray:
 
 def _template(blocks: Sequence[WaveformBlock]) -> OutgoingTemplate | None:
     """Mean of the outgoing pulses of the most frequent sampling interval."""
+    pulses = recorded_pulses(blocks)
+    if pulses is None:
+        return None
+    return mean_outgoing_pulse(pulses.samples, pulses.counts, float(pulses.sampling_intervals[0]))
+
+
+def recorded_pulses(blocks: Sequence[WaveformBlock]) -> OutgoingPulses | None:
+    """The outgoing pulses of the most frequent sampling interval, each once; None without any."""
     shots = [_one_per_shot(block) for block in blocks]
     intervals = np.concatenate([pulses.sampling_intervals for pulses in shots] or [np.empty(0)])
     if len(intervals) == 0:
@@ -160,8 +168,12 @@ def _template(blocks: Sequence[WaveformBlock]) -> OutgoingTemplate | None:
     samples = [
         np.pad(pulses.samples, ((0, 0), (0, width - pulses.samples.shape[1]))) for pulses in chosen
     ]
-    counts_of_all = np.concatenate([pulses.counts for pulses in chosen])
-    return mean_outgoing_pulse(np.concatenate(samples), counts_of_all, interval)
+    return OutgoingPulses(
+        np.concatenate(samples),
+        np.concatenate([pulses.counts for pulses in chosen]),
+        np.concatenate([pulses.sampling_intervals for pulses in chosen]),
+        np.concatenate([pulses.durations for pulses in chosen]),
+    )
 
 
 def _one_per_shot(block: WaveformBlock) -> OutgoingPulses:
