@@ -12,8 +12,9 @@ namespace FullWaveform {
 /// In noise alone the largest gain is the maximum of the square of the normalised matched filter z. The mean
 /// number of upcrossings of a level u by z is sqrt(curvature) / (2 pi) exp(-u^2 / 2) per sample, where the
 /// curvature is that of the autocorrelation of z at lag 0 (S. O. Rice, Mathematical analysis of random noise,
-/// Bell System Technical Journal 24, 1945, doi:10.1002/j.1538-7305.1945.tb00453.x). A waveform of n samples
-/// so has n / (2 pi sqrt(2) s) exp(-cost / 2) false alarms.
+/// Bell System Technical Journal 24, 1945, doi:10.1002/j.1538-7305.1945.tb00453.x). It is 1 / (2 s^2) for a
+/// Gaussian of standard deviation s, so that a waveform of n samples has n / (2 pi sqrt(2) s) exp(-cost / 2)
+/// false alarms.
 class EchoCost {
  public:
   /// Up to this scatter of the pulse, noise and not the shape of the pulse decides what is an echo.
@@ -23,7 +24,8 @@ class EchoCost {
   [[nodiscard]] static double floorFor(double scatter) { return scatter < smallScatter ? 25.0 : 40.0; }
 
   /// Standard deviation s of the Gaussian with the same curvature of its autocorrelation as the pulse:
-  /// s^2 = integral of p^2 / (2 x integral of (dp/dlag)^2), samples.
+  /// s^2 = integral of p^2 / (2 x integral of (dp/dlag)^2), samples. Noise correlated over a few samples
+  /// changes the variance of z, which the model states, but hardly this curvature.
   [[nodiscard]] static double equivalentWidth(PulseModel const& model);
 
   /// @param model, settings  valid

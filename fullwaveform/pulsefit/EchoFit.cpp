@@ -42,7 +42,8 @@ EchoFit::EchoFit(PulseModel const& model, PulseTable const& table, InstructionSe
       prior(model.varianceSpread, model.widening),
       noiseDeviation(model.noiseRms * model.noiseCorrelation),
       baselinePrior(std::max(2.0 * model.baselineSpread, 0.3 * model.noiseRms)),
-      scatter(model.scatter) {}
+      scatter(model.scatter),
+      outsideFactor(1.0 / std::min(model.noiseCorrelation * model.noiseCorrelation, 1.0)) {}
 
 void EchoFit::setSignal(std::span<unsigned short const> samples, double limit) {
   size = samples.size();
@@ -65,6 +66,20 @@ void EchoFit::setSignal(std::span<unsigned short const> samples, double limit) {
 void EchoFit::setScatterFactor(double factor) {
   isEvaluated = isEvaluated && scatter == factor * model.scatter;
   scatter = factor * model.scatter;
+}
+
+void EchoFit::setWideningFactor(double factor) {
+  if (factor == wideningFactor) {
+    return;
+  }
+  wideningFactor = factor;
+  prior = WidthPrior(model.varianceSpread, factor * model.widening);
+  isEvaluated = false;
+  for (Evaluation& evaluation : evaluations) {
+    for (Column& column : evaluation.columns) {
+      column.position = std::numeric_limits<double>::quiet_NaN();  // its energy is that of the other prior
+    }
+  }
 }
 
 void EchoFit::resize(Evaluation& evaluation) const {
@@ -177,7 +192,9 @@ void EchoFit::keep(Hypothesis const& hypothesis) {
 double EchoFit::costOf(Hypothesis const& hypothesis) const {
   double cost = hypothesis.energy;
   for (std::size_t k = 0; k < hypothesis.count; ++k) {
-    cost += echoCost + (hypothesis.echoes[k].hasFreeWidth ? widthCost : 0.0);
+    EchoState const& echo = hypothesis.echoes[k];
+    bool const isOutside = echo.position < 0.0 || echo.position > static_cast<double>(size) - 1.0;
+    cost += (isOutside ? outsideFactor : 1.0) * echoCost + (echo.hasFreeWidth ? widthCost : 0.0);
   }
   return cost;
 }

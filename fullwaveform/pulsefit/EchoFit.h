@@ -39,6 +39,8 @@ class EchoFit {
   void setSignal(std::span<unsigned short const> samples, double limit);
   /// Sets the factor on the scatter: larger than 1 while echoes are looked for.
   void setScatterFactor(double factor);
+  /// Sets the factor on the mean widening of the width prior.
+  void setWideningFactor(double factor);
   void setCosts(double ofEcho, double ofFreeWidth) {
     echoCost = ofEcho;
     widthCost = ofFreeWidth;
@@ -117,8 +119,11 @@ class EchoFit {
   double noiseDeviation;
   double baselinePrior;  ///< standard deviation, counts
   double scatter;
+  double wideningFactor = 1.0;
+  // Few samples show an echo outside the waveform, so that their noise is not that of a matched filter.
+  double outsideFactor;
   double echoCost = 40.0;
-  double widthCost = 8.0;
+  double widthCost = 14.0;
 
   std::size_t size = 0;
   std::size_t stride = 0;

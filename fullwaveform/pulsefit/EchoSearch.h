@@ -22,6 +22,7 @@ class EchoSearch {
   bool addEcho(EchoFit& fit, Hypothesis const& from, Hypothesis& best);
   void reshape(EchoFit& fit, Hypothesis const& from, Hypothesis& best) const;
   void prune(EchoFit& fit, Hypothesis& hypothesis) const;
+  static void settle(EchoFit& fit, Hypothesis& hypothesis);
 
   MatchedFilter filter;
   double echoCost = 0.0;
