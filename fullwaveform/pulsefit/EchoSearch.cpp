@@ -141,7 +141,7 @@ void EchoSearch::reshape(EchoFit& fit, Hypothesis const& from, Hypothesis& best)
       wider.echoes[k].hasFreeWidth = true;
       fit.refine(wider);
       keepBetter(wider, best);
-      if (!localFit(fit, wider.echoes[k].position).exceeds(1.5)) {
+      if (!localFit(fit, wider.echoes[k].position).exceeds(1.0)) {
         continue;
       }
     }
