@@ -3,58 +3,44 @@
 #include <algorithm>
 
 namespace FullWaveform {
+namespace {
 
-bool choleskyFactor(std::span<double> matrix, std::size_t n) {
-  for (std::size_t i = 0; i < n; ++i) {
-    double* const row = matrix.data() + i * n;
-    for (std::size_t j = 1; j < i; ++j) {
-      double const* const above = matrix.data() + j * n;
-      double value = row[j];
-      for (std::size_t k = 0; k < j; ++k) {
-        value -= row[k] * above[k];
-      }
-      row[j] = value;
+/// Solves U x = x.
+void backSubstitute(std::span<double const> rows, std::size_t n, std::size_t stride, std::span<double> x) {
+  for (std::size_t k = n; k-- > 0;) {
+    double const* const row = rows.data() + k * stride;
+    double value = x[k];
+    for (std::size_t i = k + 1; i < n; ++i) {
+      value -= row[i] * x[i];
     }
-    double diagonal = row[i];
-    for (std::size_t k = 0; k < i; ++k) {
-      double const scaled = row[k] * matrix[k * n + k];
-      diagonal -= row[k] * scaled;
-      row[k] = scaled;
-    }
-    if (!(diagonal > 0.0)) {  // negated so that NaN counts as singular
-      return false;
-    }
-    row[i] = 1.0 / diagonal;
-  }
-  return true;
-}
-
-void choleskySolve(std::span<double const> factor, std::size_t n, std::span<double> x) {
-  for (std::size_t i = 1; i < n; ++i) {
-    double const* const row = factor.data() + i * n;
-    double value = x[i];
-    for (std::size_t k = 0; k < i; ++k) {
-      value -= row[k] * x[k];
-    }
-    x[i] = value;
-  }
-  for (std::size_t i = 0; i < n; ++i) {
-    x[i] *= factor[i * n + i];
-  }
-  for (std::size_t i = n; i-- > 1;) {
-    double const* const row = factor.data() + i * n;
-    for (std::size_t k = 0; k < i; ++k) {
-      x[k] -= row[k] * x[i];
-    }
+    x[k] = value;
   }
 }
 
-void choleskyInverse(std::span<double const> factor, std::size_t n, std::span<double> inverse) {
+}  // namespace
+
+void choleskySolve(std::span<double const> rows, std::size_t n, std::size_t stride, std::span<double> x) {
+  for (std::size_t k = 0; k < n; ++k) {
+    x[k] = rows[k * stride + n];
+  }
+  backSubstitute(rows, n, stride, x);
+}
+
+void choleskyInverse(std::span<double const> rows, std::size_t n, std::size_t stride,
+                     std::span<double> inverse) {
   for (std::size_t j = 0; j < n; ++j) {
-    std::span<double> const row = inverse.subspan(j * n, n);  // symmetric: row j is column j
-    std::fill(row.begin(), row.end(), 0.0);
-    row[j] = 1.0;
-    choleskySolve(factor, n, row);
+    std::span<double> const x = inverse.subspan(j * n, n);  // symmetric: row j is column j
+    std::fill(x.begin(), x.end(), 0.0);
+    x[j] = 1.0;
+    for (std::size_t k = j; k < n; ++k) {
+      double const* const row = rows.data() + k * stride;
+      double const value = x[k];
+      for (std::size_t i = k + 1; i < n; ++i) {
+        x[i] -= row[i] * value;
+      }
+      x[k] = value * row[k];
+    }
+    backSubstitute(rows, n, stride, x);
   }
 }
 

@@ -5,16 +5,15 @@
 
 namespace FullWaveform {
 
-/// Replaces the lower triangle of a symmetric matrix (n x n, in rows) by its factors L D L^T: the diagonal
-/// holds the inverse of D, the rest the unit triangular L. Without square roots, and with one division per
-/// row.
-/// @return false if the matrix is not positive definite
-bool choleskyFactor(std::span<double> matrix, std::size_t n);
+/// Solutions of symmetric equations from the factors of `PulseKernels::factor`: n rows of `stride` values
+/// with the inverse of D on the diagonal, the unit triangular U to its right, and the right side, divided by
+/// U^T D, in column n.
 
-/// Solves with the factors; `x` holds the right side and receives the solution.
-void choleskySolve(std::span<double const> factor, std::size_t n, std::span<double> x);
+/// Solution for the right side that was factored with the matrix.
+void choleskySolve(std::span<double const> rows, std::size_t n, std::size_t stride, std::span<double> x);
 
-/// Inverse of the factored matrix, in rows.
-void choleskyInverse(std::span<double const> factor, std::size_t n, std::span<double> inverse);
+/// Inverse of the factored matrix, in rows of n values.
+void choleskyInverse(std::span<double const> rows, std::size_t n, std::size_t stride,
+                     std::span<double> inverse);
 
 }  // namespace FullWaveform

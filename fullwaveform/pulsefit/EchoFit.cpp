@@ -199,14 +199,12 @@ double EchoFit::costOf(Hypothesis const& hypothesis) const {
   return cost;
 }
 
-/// Gauss-Newton approximation of the second derivatives of half the energy at the current evaluation (the
-/// lower triangle), and the descent direction.
-void EchoFit::normalEquations(Hypothesis const& hypothesis, FitMatrix& to, Gradient& gradient) const {
+/// Sets the normal equations of Gauss-Newton at the current evaluation.
+void EchoFit::setEquations(Hypothesis const& hypothesis) {
   Evaluation const& at = current();
   std::size_t const n = parametersOf(hypothesis);
-  double const perBaseline = 1.0 / square(baselinePrior);
-  to[0] = at.weightSum + perBaseline;
-  gradient[0] = at.sums.plain - (hypothesis.baseline - model.baseline) * perBaseline;
+  equations.count = n;
+  equations.stride = wholeLanes(n + 1);
   for (std::size_t k = 0; k < hypothesis.count; ++k) {
     EchoState const& echo = hypothesis.echoes[k];
     Column const& column = at.columns[k];
@@ -215,13 +213,13 @@ void EchoFit::normalEquations(Hypothesis const& hypothesis, FitMatrix& to, Gradi
     EchoProducts const own =
         kernels->sumEcho(column.pulse.from(column.first), at.weights.data() + column.first,
                          at.residual.data() + column.first, wholeLanes(column.count));
-    std::size_t const first = 1 + 3 * k;
+    std::size_t const first = 3 * k;
+    double const* product = own.products;
     for (std::size_t a = 0; a < 3; ++a) {
-      double* const row = to.data() + (first + a) * n;
-      gradient[first + a] = factors[a] * own.residuals[a];
-      row[0] = factors[a] * own.sums[a];
+      equations.row(first + a)[n - 1] = factors[a] * own.sums[a];
+      equations.row(first + a)[n] = factors[a] * own.residuals[a];
       for (std::size_t b = 0; b <= a; ++b) {
-        row[first + b] = factors[a] * factors[b] * own.products[a * (a + 1) / 2 + b];
+        equations.row(first + b)[first + a] = factors[a] * factors[b] * *product++;
       }
     }
     for (std::size_t l = 0; l < k; ++l) {
@@ -232,29 +230,32 @@ void EchoFit::normalEquations(Hypothesis const& hypothesis, FitMatrix& to, Gradi
       std::size_t const end = std::min(column.first + column.count, other.first + other.count);
       double products[9] = {};
       if (begin < end) {
-        kernels->multiply(column.pulse.from(begin), other.pulse.from(begin), at.weights.data() + begin,
+        kernels->multiply(other.pulse.from(begin), column.pulse.from(begin), at.weights.data() + begin,
                           end - begin, products);
       }
-      for (std::size_t a = 0; a < 3; ++a) {
-        for (std::size_t b = 0; b < 3; ++b) {
-          to[(first + a) * n + 1 + 3 * l + b] = factors[a] * otherFactors[b] * products[3 * a + b];
+      for (std::size_t b = 0; b < 3; ++b) {
+        for (std::size_t a = 0; a < 3; ++a) {
+          equations.row(3 * l + b)[first + a] = otherFactors[b] * factors[a] * products[3 * b + a];
         }
       }
     }
     if (!echo.hasFreeWidth) {
-      to[(first + 2) * n + first + 2] += 0.5 * column.width.curvature;
-      gradient[first + 2] -= 0.5 * column.width.slope;
+      equations.row(first + 2)[first + 2] += 0.5 * column.width.curvature;
+      equations.row(first + 2)[n] -= 0.5 * column.width.slope;
     }
   }
+  double const perBaseline = 1.0 / square(baselinePrior);
+  equations.row(n - 1)[n - 1] = at.weightSum + perBaseline;
+  equations.row(n - 1)[n] = at.sums.plain - (hypothesis.baseline - model.baseline) * perBaseline;
 }
 
 /// The hypothesis after a step, with every parameter within its bounds.
-EchoFit::Step EchoFit::stepped(Hypothesis const& from, Gradient const& step) const {
+EchoFit::Step EchoFit::stepped(Hypothesis const& from, Parameters const& step) const {
   Step result{from};
-  result.to.baseline += step[0];
+  result.to.baseline += step[3 * from.count];
   for (std::size_t k = 0; k < from.count; ++k) {
     EchoState& echo = result.to.echoes[k];
-    double const* const by = step.data() + 1 + 3 * k;
+    double const* const by = step.data() + 3 * k;
     EchoState const unclamped{echo.position + by[0], echo.amplitude + by[1], echo.variance + by[2],
                               echo.hasFreeWidth};
     double const shift = std::clamp(by[0], -maxMove, maxMove);
@@ -296,24 +297,24 @@ double EchoFit::gainOf(Hypothesis const& from, Hypothesis const& to) {
 bool EchoFit::improve(Hypothesis& hypothesis, double& damping) {
   constexpr double minDamping = 1e-6;
   constexpr double minDiagonal = 1e-12;
-  Gradient gradient;
-  Gradient step;
-  std::size_t const n = parametersOf(hypothesis);
-  normalEquations(hypothesis, matrix, gradient);
+  setEquations(hypothesis);
+  std::size_t const n = equations.count;
+  std::size_t const stride = equations.stride;
+  damped.stride = stride;
   for (int attempt = 0; attempt < maxTrials; ++attempt) {
+    std::copy_n(equations.rows.begin(), n * stride, damped.rows.begin());
     for (std::size_t i = 0; i < n; ++i) {
-      std::copy_n(matrix.data() + i * n, i, damped.data() + i * n);
-      damped[i * n + i] = std::max(matrix[i * n + i] * (1.0 + damping), minDiagonal);
+      damped.row(i)[i] = std::max(damped.row(i)[i] * (1.0 + damping), minDiagonal);
     }
-    if (!choleskyFactor({damped.data(), n * n}, n)) {
+    if (!kernels->factor(damped.rows.data(), n, stride)) {
       damping = std::max(10.0 * damping, 1e-4);
       continue;
     }
-    std::copy_n(gradient.begin(), n, step.begin());
-    choleskySolve({damped.data(), n * n}, n, {step.data(), n});
+    Parameters step;
+    choleskySolve(damped.rows, n, stride, step);
     double predicted = 0.0;  // gain of the energy if the residual were linear in the parameters
     for (std::size_t i = 0; i < n; ++i) {
-      predicted += step[i] * (gradient[i] + damping * matrix[i * n + i] * step[i]);
+      predicted += step[i] * (equations.row(i)[n] + damping * equations.row(i)[i] * step[i]);
     }
     if (predicted < noGain) {
       return false;
@@ -342,13 +343,11 @@ bool EchoFit::improve(Hypothesis& hypothesis, double& damping) {
 }
 
 bool EchoFit::covariance(Hypothesis const& hypothesis, FitMatrix& result) {
-  Gradient gradient;
-  std::size_t const n = parametersOf(hypothesis);
-  normalEquations(hypothesis, matrix, gradient);
-  if (!choleskyFactor({matrix.data(), n * n}, n)) {
+  setEquations(hypothesis);
+  if (!kernels->factor(equations.rows.data(), equations.count, equations.stride)) {
     return false;
   }
-  choleskyInverse({matrix.data(), n * n}, n, result);
+  choleskyInverse(equations.rows, equations.count, equations.stride, result);
   return true;
 }
 

@@ -17,8 +17,8 @@
 
 namespace FullWaveform {
 
-/// Symmetric matrix of the second derivatives of half the energy, or its inverse, in rows: baseline, then
-/// position, amplitude and variance of each echo.
+/// Symmetric matrix of the second derivatives of half the energy, or its inverse, in rows: position,
+/// amplitude and variance of each echo, then the baseline.
 using FitMatrix = std::array<double, maxFitParameters * maxFitParameters>;
 
 /// Fits baseline and echoes of one waveform with a given number of echoes: the minimum of
@@ -87,7 +87,18 @@ class EchoFit {
     std::array<Column, maxFittedEchoes> columns;
   };
 
-  using Gradient = std::array<double, maxFitParameters>;
+  using Parameters = std::array<double, maxFitParameters>;
+
+  /// Upper triangle of the second derivatives of half the energy, in rows of `stride` values, with the
+  /// descent direction in the column after it. The baseline is the last parameter: far echoes are coupled by
+  /// it alone.
+  struct NormalEquations {
+    std::size_t count = 0;
+    std::size_t stride = 0;
+    std::array<double, maxFitParameters*(maxFitParameters + 1)> rows{};
+
+    [[nodiscard]] double* row(std::size_t index) { return rows.data() + index * stride; }
+  };
 
   /// A hypothesis some way from another one.
   struct Step {
@@ -107,9 +118,9 @@ class EchoFit {
   void evaluateAt(Hypothesis& hypothesis, Evaluation& at) const;
   void keep(Hypothesis const& hypothesis);
   bool improve(Hypothesis& hypothesis, double& damping);
-  void normalEquations(Hypothesis const& hypothesis, FitMatrix& matrix, Gradient& gradient) const;
+  void setEquations(Hypothesis const& hypothesis);
   [[nodiscard]] double gainOf(Hypothesis const& from, Hypothesis const& to);
-  [[nodiscard]] Step stepped(Hypothesis const& from, Gradient const& step) const;
+  [[nodiscard]] Step stepped(Hypothesis const& from, Parameters const& step) const;
   [[nodiscard]] double costOf(Hypothesis const& hypothesis) const;
 
   PulseModel model;
@@ -133,8 +144,8 @@ class EchoFit {
   std::size_t currentIndex = 0;
   Hypothesis evaluated;  ///< to which the current evaluation belongs
   bool isEvaluated = false;
-  FitMatrix matrix{};
-  FitMatrix damped{};
+  NormalEquations equations;
+  NormalEquations damped;
 };
 
 }  // namespace FullWaveform

@@ -1,5 +1,8 @@
 #include <fullwaveform/pulsefit/MatchedFilter.h>
 
+#include <algorithm>
+#include <cmath>
+
 namespace FullWaveform {
 namespace {
 
@@ -8,12 +11,10 @@ constexpr int coreEnd = 7;
 
 }  // namespace
 
-MatchedFilter::MatchedFilter(PulseTable const& table, InstructionSet set) : kernels(&pulseKernels(set)) {
-  for (int half = 0; half < 2; ++half) {
-    taps[half].values = table.samplesAt(-0.5 * half, coreBegin, coreEnd);
-    for (double const value : taps[half].values) {
-      taps[half].squares.push_back(value * value);
-    }
+MatchedFilter::MatchedFilter(PulseTable const& table, InstructionSet set)
+    : kernels(&pulseKernels(set)), taps(table.samplesAt(0.0, coreBegin, coreEnd)) {
+  for (double const value : taps) {
+    squaredTaps.push_back(value * value);
   }
 }
 
@@ -25,23 +26,36 @@ Candidate MatchedFilter::best(EchoFit const& fit) {
   weights.assign(padded, 0.0);
   numerator.resize(padded);
   denominator.resize(padded);
+  double const* const fitWeights = fit.weights().data();
+  double const* const residual = fit.residual().data();
   for (std::size_t i = 0; i < size; ++i) {
-    weights[margin + i] = fit.weights()[i];
-    weighted[margin + i] = fit.weights()[i] * fit.residual()[i];
+    weights[margin + i] = fitWeights[i];
+    weighted[margin + i] = fitWeights[i] * residual[i];
   }
-  Candidate best;
-  for (int half = 0; half < 2; ++half) {
-    Taps const& pulse = taps[half];
-    kernels->correlate(weighted.data(), pulse.values.data(), pulse.values.size(), size, numerator.data());
-    kernels->correlate(weights.data(), pulse.squares.data(), pulse.squares.size(), size, denominator.data());
-    for (std::size_t i = 1; i + 2 < size + static_cast<std::size_t>(1 - half); ++i) {
-      if (numerator[i] > 0.0 && numerator[i] * numerator[i] > best.square * denominator[i]) {
-        best = {static_cast<double>(i) + 0.5 * half, numerator[i] / denominator[i],
-                numerator[i] * numerator[i] / denominator[i]};
-      }
+  kernels->correlate(weighted.data(), taps.data(), taps.size(), size, numerator.data());
+  kernels->correlate(weights.data(), squaredTaps.data(), taps.size(), size, denominator.data());
+  std::size_t at = 0;
+  double largest = 0.0;
+  for (std::size_t i = 1; i + 1 < size; ++i) {
+    if (numerator[i] > 0.0 && numerator[i] * numerator[i] > largest * denominator[i]) {
+      at = i;
+      largest = numerator[i] * numerator[i] / denominator[i];
     }
   }
-  return best;
+  if (at == 0) {
+    return {};
+  }
+  double const before = squareAt(at - 1);
+  double const after = squareAt(at + 1);
+  double const curvature = 2.0 * largest - before - after;
+  double const shift = curvature > 0.0 ? std::clamp(0.5 * (after - before) / curvature, -0.5, 0.5) : 0.0;
+  double const square = largest + 0.25 * shift * (after - before);
+  return {static_cast<double>(at) + shift, numerator[at] / denominator[at] * std::sqrt(square / largest),
+          square};
+}
+
+double MatchedFilter::squareAt(std::size_t sample) const {
+  return numerator[sample] > 0.0 ? numerator[sample] * numerator[sample] / denominator[sample] : 0.0;
 }
 
 }  // namespace FullWaveform

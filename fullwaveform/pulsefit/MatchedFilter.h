@@ -14,7 +14,10 @@ struct Candidate {
   double square = 0.0;  ///< of its amplitude over the standard deviation; 0 if there is none
 };
 
-/// Matched filter of the residual with the core of the pulse, at whole and half samples.
+/// Matched filter of the residual with the core of the pulse.
+///
+/// It is computed at whole samples. Between them it is a parabola: the autocorrelation of a pulse is wider
+/// than the pulse, which covers several samples.
 class MatchedFilter {
  public:
   MatchedFilter(PulseTable const& table, InstructionSet set);
@@ -23,13 +26,11 @@ class MatchedFilter {
   Candidate best(EchoFit const& fit);
 
  private:
-  struct Taps {
-    std::vector<double> values;
-    std::vector<double> squares;
-  };
+  [[nodiscard]] double squareAt(std::size_t sample) const;
 
   PulseKernels const* kernels;
-  Taps taps[2];  ///< at a sample, and half a sample before one
+  std::vector<double> taps;
+  std::vector<double> squaredTaps;
   std::vector<double> weighted;
   std::vector<double> weights;
   std::vector<double> numerator;

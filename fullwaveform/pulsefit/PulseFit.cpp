@@ -107,7 +107,7 @@ PulseEcho PulseFit::Search::echoOf(Hypothesis const& hypothesis, std::size_t ind
   echo.fwhm = shape.fwhm;
   if (isRegular) {
     std::size_t const n = 1 + 3 * hypothesis.count;
-    std::size_t const row = 1 + 3 * index;
+    std::size_t const row = 3 * index;
     auto const at = [&](std::size_t a, std::size_t b) { return covariance[(row + a) * n + row + b]; };
     double const byVariance = state.amplitude * shape.peakSlope;  // the height depends on two parameters
     double const height = shape.peak * shape.peak * at(1, 1) + 2.0 * shape.peak * byVariance * at(1, 2) +

@@ -51,6 +51,11 @@ struct PulseKernels {
   /// order of `EchoProducts`.
   void (*multiply)(PulseColumns const& left, PulseColumns const& right, double const* weights,
                    std::size_t count, double* products);
+  /// Factors a symmetric matrix into U^T D U. Each of the n rows has `stride` values, whole lanes: the upper
+  /// triangle of the matrix and, in column n, a right side; values left of the diagonal are overwritten. Rows
+  /// whose factor is 0, as for echoes far from each other, cost nothing.
+  /// @return false if the matrix is not positive definite
+  bool (*factor)(double* rows, std::size_t n, std::size_t stride);
   /// scores[i] = sum over j of values[i + j] * taps[j], for `count` values of i.
   void (*correlate)(double const* values, double const* taps, std::size_t tapCount, std::size_t count,
                     double* scores);

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstddef>
+#include <limits>
 #include <random>
 #include <vector>
 
@@ -131,6 +132,46 @@ TEST_P(PulseKernelsTest, SumEchoAndMultiply) {
       EXPECT_NEAR(products[3 * a + b], sumOf(weights, *leftColumns[a], *rightColumns[b]), 1e-13);
     }
   }
+}
+
+TEST_P(PulseKernelsTest, FactorOfAMatrixByHand) {
+  double const left = 99.0;                    // overwritten
+  Values rows{4,    2,    -2, 8,  0, 0, 0, 0,  // with the right side (8, 4, 12)
+              left, 10,   2,  4,  0, 0, 0, 0,  //
+              left, left, 6,  12, 0, 0, 0, 0};
+  ASSERT_TRUE(kernels().factor(rows.data(), 3, 8));
+  EXPECT_EQ(rows[0], 0.25);  // inverses of D = 4, 9, 4
+  EXPECT_EQ(rows[9], 1.0 / 9.0);
+  EXPECT_EQ(rows[18], 0.25);
+  EXPECT_EQ(rows[1], 0.5);
+  EXPECT_EQ(rows[2], -0.5);
+  EXPECT_EQ(rows[10], 1.0 / 3.0);
+  EXPECT_EQ(rows[3], 2.0);  // U^T D y = right side
+  EXPECT_EQ(rows[11], 0.0);
+  EXPECT_EQ(rows[19], 4.0);
+}
+
+TEST_P(PulseKernelsTest, FactorSkipsZerosAcrossLanes) {
+  // Ones on the diagonal and in the last column: D is 1 except for its last value, 12 - 9 = 3.
+  Values rows(10 * 16, 0.0);
+  for (std::size_t k = 0; k < 9; ++k) {
+    rows[17 * k] = 1.0;
+    rows[16 * k + 9] = 1.0;
+    rows[16 * k + 10] = static_cast<double>(k);
+  }
+  rows[16 * 9 + 9] = 12.0;
+  rows[16 * 9 + 10] = 42.0;
+  ASSERT_TRUE(kernels().factor(rows.data(), 10, 16));
+  EXPECT_EQ(rows[16 * 9 + 9], 1.0 / 3.0);
+  EXPECT_EQ(rows[16 * 9 + 10], 2.0);  // (42 - sum of 0 to 8) / 3
+  EXPECT_EQ(rows[16 * 8 + 10], 8.0);
+}
+
+TEST_P(PulseKernelsTest, FactorRefusesWhatIsNotPositiveDefinite) {
+  Values singular{1, 1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0};
+  EXPECT_FALSE(kernels().factor(singular.data(), 2, 8));
+  Values undefined{std::numeric_limits<double>::quiet_NaN(), 0, 0, 0, 0, 0, 0, 0};
+  EXPECT_FALSE(kernels().factor(undefined.data(), 1, 8));
 }
 
 TEST_P(PulseKernelsTest, Correlate) {
