@@ -110,7 +110,8 @@ class Extraction:
     @property
     def peaks(self) -> Columns:
         """The echoes as NumPy columns of length m."""
-        return Columns({column.name: self._echoes[column.name] for column in table_columns()})
+        columns = table_columns(self._echoes.shot_columns)
+        return Columns({column.name: self._echoes[column.name] for column in columns})
 
     @property
     def waveforms(self) -> Columns:
@@ -163,7 +164,12 @@ class Extraction:
         with (
             protected_inputs(*([] if self._source is None else [self._source])),
             open_echo_file(
-                path, self._header, run, carry=self._settings.carry, overwrite=overwrite
+                path,
+                self._header,
+                run,
+                carry=self._settings.carry,
+                shot_columns=self._echoes.shot_columns,
+                overwrite=overwrite,
             ) as writer,
         ):
             writer.write(self._echoes)
@@ -186,6 +192,8 @@ def extract(
     carry: bool = True,
     skip_unreadable: bool = False,
     max_samples: int = DEFAULT_MAX_SAMPLES,
+    keep_degraded: bool = False,
+    crs: str | None = None,
 ) -> Extraction:
     """Extract the echoes of a file, an open reader, or blocks of waveforms.
 
@@ -235,6 +243,10 @@ def extract(
         has its own setting.
     max_samples
         Waveforms of a file with more samples are unreadable. An open reader has its own setting.
+    keep_degraded, crs
+        For the path of a GEDI or LVIS file: whether shots are read that it marks as degraded or
+        without a return, and the reference system of the coordinates, as EPSG:32610 (default:
+        degrees, EPSG:4979).
 
     Raises
     ------
@@ -263,6 +275,8 @@ def extract(
             sampling_interval=sampling_interval,
             skip_unreadable=skip_unreadable,
             max_samples=max_samples,
+            keep_degraded=keep_degraded,
+            crs=crs,
         ) as reader:
             settings = _of_file(settings, scanner, reader, choice)
             return _of_reader(reader, settings, threads)

@@ -38,6 +38,8 @@ _FORMATS = {
     "PulseWavesReader": "PulseWaves",
     "ScanContainerReader": "scan container (HDF5)",
     "NpzReader": "NumPy archive",
+    "GediReader": "GEDI L1B (HDF5)",
+    "LvisReader": "LVIS L1B (HDF5)",
 }
 
 
@@ -95,6 +97,8 @@ class FileContents:
     receivers: tuple[Receiver, ...]  # ascending by number
     point_sources: Mapping[int, int]  # point source ID -> waveforms, ascending
     origin: FileOrigin | None  # None for files without coordinates
+    beams: Mapping[str, int]  # name -> shots, also those left out; empty if the format has none
+    left_out: Mapping[str, int]  # reason -> readable shots that were not asked for
     rejected: Mapping[str, int]  # reason -> unreadable waveforms
     notes: tuple[str, ...]  # of the reader
 
@@ -231,6 +235,8 @@ class _Sums:
             ),
             point_sources=_ascending(self.point_sources),
             origin=origin_of(reader.header),
+            beams=reader.beams,
+            left_out=dict(tally.left_out),
             rejected=dict(tally.rejected),
             notes=(*tally.notes, *_note_on_short_points(tally)),
         )

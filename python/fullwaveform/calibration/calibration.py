@@ -84,12 +84,12 @@ def measure(
     WaveformFileError
         As `WaveformReader.spread_blocks`.
     """
-    if outgoing_phase == "on" and not reader.has_outgoing:
+    if outgoing_phase == "on" and not reader.times_from_outgoing:
         raise ValueError(
             f"{reader.path} has no outgoing pulses whose phase could be taken off; use "
             "--outgoing-phase auto (outgoing_phase='auto')"
         )
-    is_phase_measured = outgoing_phase != "off" and reader.has_outgoing
+    is_phase_measured = outgoing_phase != "off" and reader.times_from_outgoing
     reader.with_outgoing = is_phase_measured or (isinstance(pulse, str) and reader.has_outgoing)
     if not (is_phase_measured or isinstance(pulse, str)):
         return Calibration(measure_levels(reader.spread_blocks()), pulse_models=pulse or ())

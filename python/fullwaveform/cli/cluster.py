@@ -128,6 +128,8 @@ def cluster(
             skip_unreadable=options.skip_unreadable,
             max_samples=options.max_samples,
             outgoing_phase=options.outgoing_phase,
+            keep_degraded=options.keep_degraded,
+            crs=options.crs,
         )
         if manifest is not None:
             prepare_resume(manifest, folder, job_settings)

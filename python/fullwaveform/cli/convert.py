@@ -12,7 +12,9 @@ from fullwaveform.cli.extract_options import open_checked
 from fullwaveform.cli.options import (
     BlockOption,
     ChannelOption,
+    CrsOption,
     IntervalOption,
+    KeepDegraded,
     MaxSamples,
     QuietOption,
     ScannerFile,
@@ -41,6 +43,8 @@ def convert(
     block: BlockOption = 20_000,
     skip_unreadable: SkipUnreadable = False,
     max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
+    keep_degraded: KeepDegraded = False,
+    crs: CrsOption = None,
     overwrite: OverwriteOption = False,
     verbose: VerboseOption = False,
     quiet: QuietOption = False,
@@ -69,6 +73,8 @@ def convert(
             block=block,
             skip_unreadable=skip_unreadable,
             max_samples=max_samples,
+            keep_degraded=keep_degraded,
+            crs=crs,
         ) as reader:
             reader.on_unreadable = print_line if verbose else None
             reader.with_outgoing = True
@@ -85,5 +91,7 @@ def _print_summary(tally: ReadTally, output: Path) -> None:
     typer.echo(f"{counted(tally.waveforms, 'waveform')}: {output}")
     for reason, count in sorted(tally.rejected.items()):
         typer.echo(f"{count:,} skipped: {reason}")
+    for reason, count in sorted(tally.left_out.items()):
+        typer.echo(f"{count:,} left out: {reason}")
     for note in tally.notes:
         typer.echo(f"note: {note}")

@@ -63,6 +63,8 @@ class FileRun:
             block=options.block,
             skip_unreadable=options.skip_unreadable,
             max_samples=options.max_samples,
+            keep_degraded=options.keep_degraded,
+            crs=options.crs,
         ) as reader:
             settings = replace(
                 options.settings([reader.scanner()]),
@@ -74,6 +76,7 @@ class FileRun:
                 run_metadata(settings, reader.path),
                 carry=settings.carry,
                 with_waveforms=settings.with_waveforms,
+                shot_columns=reader.shot_columns,
                 overwrite=self.overwrite,
             )
             each = None if self.on_waveform is None else partial(self.on_waveform, source)

@@ -18,7 +18,9 @@ from fullwaveform.cli.options import (
     ChannelFlags,
     ChannelNumbers,
     ChannelOption,
+    CrsOption,
     IntervalOption,
+    KeepDegraded,
     KeepEmpty,
     MaxSamples,
     ModeOption,
@@ -59,6 +61,8 @@ class ExtractOptions:
     max_samples: MaxSamples = DEFAULT_MAX_SAMPLES
     allow_empty: AllowEmpty = False
     block: BlockOption = 20_000
+    keep_degraded: KeepDegraded = False
+    crs: CrsOption = None
 
     @cached_property
     def channels(self) -> ChannelFlags:
@@ -125,6 +129,8 @@ def open_checked(
     block: int = 20_000,
     skip_unreadable: bool = True,
     max_samples: int = DEFAULT_MAX_SAMPLES,
+    keep_degraded: bool = False,
+    crs: str | None = None,
 ) -> WaveformReader:
     """A reader of the file.
 
@@ -137,6 +143,8 @@ def open_checked(
         sampling_interval=interval,
         skip_unreadable=skip_unreadable,
         max_samples=max_samples,
+        keep_degraded=keep_degraded,
+        crs=crs,
     )
     try:
         channels.check([ChannelNumbers.of(reader, channels)])

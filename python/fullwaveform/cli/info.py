@@ -31,6 +31,7 @@ from fullwaveform.cli.info_origin import (
 from fullwaveform.cli.options import (
     ChannelOption,
     IntervalOption,
+    KeepDegraded,
     MaxSamples,
     SourceFile,
     VerboseOption,
@@ -54,6 +55,7 @@ def info(
     source: SourceFile,
     interval: IntervalOption = None,
     max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
+    keep_degraded: KeepDegraded = False,
     channel: ChannelOption = None,
     as_json: Annotated[bool, typer.Option("--json", help="Print machine-readable JSON")] = False,
     verbose: VerboseOption = False,
@@ -74,7 +76,13 @@ def info(
             show_point_file(source, points, as_json=as_json)
             return
         with (
-            open_checked(source, channels, interval=interval, max_samples=max_samples) as reader,
+            open_checked(
+                source,
+                channels,
+                interval=interval,
+                max_samples=max_samples,
+                keep_degraded=keep_degraded,
+            ) as reader,
             blocks_with_progress(reader, quiet) as blocks,
         ):
             reader.on_unreadable = print_line if verbose else None
@@ -115,6 +123,8 @@ def _json(source: Path, contents: FileContents) -> dict[str, Any]:
         "saturated_share": contents.saturated,
         "value_histogram": _json_histogram(contents.values()),
         "maximum_histogram": _json_histogram(contents.maxima()),
+        "beams": _pairs(contents.beams, "beam", "shots"),
+        "left_out": dict(contents.left_out),
         "rejected": dict(contents.rejected),
         "notes": list(contents.notes),
     }
@@ -182,6 +192,8 @@ def _rows(contents: FileContents) -> list[tuple[str, str]]:
         ("points sharing a waveform", f"{contents.points_sharing_waveform:,}"),
         ("waveforms", f"{contents.waveforms:,}"),
     ]
+    rows += [(f"beam {name}", f"{count:,} shots") for name, count in contents.beams.items()]
+    rows += [("left out", f"{count:,}: {reason}") for reason, count in contents.left_out.items()]
     if not contents.waveforms:
         return rows
     shown = {_CHANNELS.get(flag, str(flag)): n for flag, n in contents.channels.items()}

@@ -225,6 +225,18 @@ MaxSamples = Annotated[
 SkipUnreadable = Annotated[
     bool, typer.Option("--skip-unreadable", help="Skip and count unreadable waveforms")
 ]
+KeepDegraded = Annotated[
+    bool,
+    typer.Option("--keep-degraded", help="Read shots that a GEDI file marks as degraded or stale"),
+]
+CrsOption = Annotated[
+    str | None,
+    typer.Option(
+        "--crs",
+        metavar="EPSG:N",
+        help="Reference system for the echoes of GEDI and LVIS files. Default: degrees, EPSG:4979",
+    ),
+]
 KeepEmpty = Annotated[
     bool, typer.Option("--keep-empty", help="Write a row for each waveform without echoes")
 ]

@@ -65,6 +65,7 @@ class RunSummary:
             "waveforms": self.read.waveforms,
             "waveforms_with_echoes": self.extracted.waveforms_with_echoes,
             "unreadable": dict(self.read.rejected),
+            "left_out": dict(self.read.left_out),
             "without_echoes": dict(self.extracted.rejected),
             "echoes_skipped": self.extracted.echoes_left_out,
             "messages": dict(self.messages),
@@ -97,6 +98,7 @@ class RunSummary:
         rows += self._level_rows()
         if read.points_short:
             rows.append(("two segments", f"{read.points_short:,}", "pulses that declare three"))
+        rows += [("left out", f"{count:,}", reason) for reason, count in read.left_out.items()]
         rows += [("unreadable", f"{count:,}", reason) for reason, count in read.rejected.items()]
         rows += [
             ("without echoes", f"{count:,}", reason) for reason, count in found.rejected.items()

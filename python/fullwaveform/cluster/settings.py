@@ -55,6 +55,8 @@ class JobSettings:
     part_format: str  # file suffix of the parts, without the dot
     outgoing_phase: PhaseChoice = "auto"
     max_samples: int = DEFAULT_MAX_SAMPLES
+    keep_degraded: bool = False
+    crs: str | None = None
 
     @classmethod
     def of(
@@ -69,6 +71,8 @@ class JobSettings:
         skip_unreadable: bool = False,
         max_samples: int = DEFAULT_MAX_SAMPLES,
         outgoing_phase: PhaseChoice = "auto",
+        keep_degraded: bool = False,
+        crs: str | None = None,
     ) -> JobSettings:
         """The settings of a run; None for `blocks_per_part` gives parts of a few minutes."""
         scanner = settings.scanner
@@ -92,6 +96,8 @@ class JobSettings:
             blocks_per_part=blocks_per_part or max(1, _WAVEFORMS_PER_PART[settings.mode] // block),
             part_format=part_format,
             outgoing_phase=outgoing_phase,
+            keep_degraded=keep_degraded,
+            crs=crs,
         )
 
     def extraction(self) -> ExtractionSettings:

@@ -127,6 +127,8 @@ def _opened(unit: Unit) -> WaveformReader:
         sampling_interval=unit.settings.sampling_interval,
         skip_unreadable=unit.settings.skip_unreadable,
         max_samples=unit.settings.max_samples,
+        keep_degraded=unit.settings.keep_degraded,
+        crs=unit.settings.crs,
     )
 
 
@@ -158,6 +160,7 @@ def _extract_unit(unit: Unit) -> UnitResult:
             run_metadata(settings, reader.path),
             carry=settings.carry,
             with_waveforms=settings.with_waveforms,
+            shot_columns=reader.shot_columns,
             overwrite=True,
         )
         writer.kind = ANY_FILE  # a part that was left by an earlier run may be truncated

@@ -15,4 +15,5 @@ Float32Array = npt.NDArray[np.float32]
 IntArray = npt.NDArray[np.int64]
 UInt8Array = npt.NDArray[np.uint8]
 UInt16Array = npt.NDArray[np.uint16]
+UInt64Array = npt.NDArray[np.uint64]
 RecordArray = npt.NDArray[np.void]  # structured

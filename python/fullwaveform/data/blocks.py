@@ -9,11 +9,13 @@ from dataclasses import dataclass, field
 import numpy as np
 
 from fullwaveform.data.arrays import (
+    AnyArray,
     Float32Array,
     FloatArray,
     IntArray,
     UInt8Array,
     UInt16Array,
+    UInt64Array,
 )
 from fullwaveform.data.checks import as_counts
 from fullwaveform.data.returns import DiscreteReturns
@@ -82,6 +84,10 @@ class WaveformBlock:
     # (n,), number of the packet descriptor or channel that identifies the receiver in the format;
     # 0 where the format has none.
     descriptors: UInt8Array = field(default_factory=lambda: np.empty(0, np.uint8))
+    # (n,), texts: name of the beam, equal within a block that a reader returns; None if the format
+    # has no beams.
+    beams: AnyArray | None = None
+    shot_numbers: UInt64Array | None = None  # (n,), as in the file; None if the format has none
 
     def __post_init__(self) -> None:
         if len(self.descriptors) == 0:  # not given
@@ -103,6 +109,9 @@ class ReadTally:
     rejected: Counter[str] = field(default_factory=Counter)  # reason -> waveforms
     notes: list[str] = field(default_factory=list)  # messages for the summary
     points_short: int = 0  # pulses with two segments where their descriptor declares three
+    left_out: Counter[str] = field(
+        default_factory=Counter
+    )  # reason -> readable shots, not asked for
 
     def reject(self, reason: str, count: int, places: Iterable[str]) -> None:
         """Count skipped waveforms; `places` (lazily) says where in the file each is."""
@@ -119,6 +128,7 @@ class ReadTally:
             self.rejected + other.rejected,
             list(dict.fromkeys(self.notes + other.notes)),
             self.points_short + other.points_short,
+            self.left_out + other.left_out,
         )
 
     def copy(self) -> ReadTally:
@@ -135,6 +145,7 @@ class ReadTally:
             self.rejected - earlier.rejected,
             list(self.notes),
             self.points_short - earlier.points_short,
+            self.left_out - earlier.left_out,
         )
 
 

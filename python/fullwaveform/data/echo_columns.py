@@ -47,6 +47,13 @@ class LasDimension:
 
     dtype: type[np.generic]
     description: str  # 32 characters at most
+    #: Values of the dimension from those of the column, where they differ.
+    numbers: Callable[[AnyArray], AnyArray] | None = None
+
+    def of(self, column: AnyArray) -> AnyArray:
+        """The values of the dimension."""
+        values = column if self.numbers is None else self.numbers(column)
+        return values.astype(self.dtype)
 
 
 @dataclass(frozen=True, slots=True)
@@ -328,8 +335,54 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
 )
 
 
+def _beam_numbers(names: AnyArray) -> IntArray:
+    """The number in the binary digits at the end of each name; 0 without one."""
+    distinct, which = np.unique(names, return_inverse=True)
+    digits = [str(name)[len(str(name).rstrip("01")) :] for name in distinct]
+    numbers = np.array([int(text[-8:], 2) if text else 0 for text in digits], np.int64)
+    return numbers[which]
+
+
+#: Columns that only inputs with beams or numbers of shots have; they follow the others.
+SHOT_COLUMNS: tuple[EchoColumn, ...] = (
+    EchoColumn(
+        "beam",
+        np.str_,
+        "1",
+        "Beam of the shot, by its name in the input",
+        lambda e: _of_shot(e.block.beams, e.rows),
+        of_waveform=True,
+        las=LasDimension(np.uint8, "Number of the beam", _beam_numbers),
+    ),
+    EchoColumn(
+        "shot_number",
+        np.uint64,
+        "1",
+        "Number of the shot in the input",
+        lambda e: _of_shot(e.block.shot_numbers, e.rows),
+        of_waveform=True,
+        las=LasDimension(np.uint64, "Number of the shot in the input"),
+    ),
+)
+
+
+def _of_shot(values: AnyArray | None, rows: IntArray) -> AnyArray:
+    assert values is not None  # the block has the column
+    return values[rows]
+
+
+def shot_columns_of(block: WaveformBlock) -> tuple[str, ...]:
+    """Names of those of `SHOT_COLUMNS` that the waveforms of a block have."""
+    known = {"beam": block.beams, "shot_number": block.shot_numbers}
+    return tuple(name for name, values in known.items() if values is not None)
+
+
+def _columns(shot_columns: tuple[str, ...]) -> tuple[EchoColumn, ...]:
+    return (*ECHO_COLUMNS, *(column for column in SHOT_COLUMNS if column.name in shot_columns))
+
+
 class EchoTable(Table):
-    """Echoes with the columns of `ECHO_COLUMNS`.
+    """Echoes with the columns of `ECHO_COLUMNS`, and of `SHOT_COLUMNS` those that the input has.
 
     The echoes of a shot are consecutive, ordered along the flight of light. The column EXTRA_BYTES
     is there if the input has extra bytes and echoes take them over.
@@ -338,7 +391,8 @@ class EchoTable(Table):
     @classmethod
     def of(cls, found: FoundEchoes) -> EchoTable:
         """The table of the echoes, in their order."""
-        columns = {column.name: _computed(column, found) for column in ECHO_COLUMNS}
+        described = _columns(shot_columns_of(found.block))
+        columns = {column.name: _computed(column, found) for column in described}
         returns, index = found.block.returns, found.peaks.get(RETURN_INDEX)
         if returns is not None and returns.extra is not None and index is not None:
             columns[EXTRA_BYTES] = _taken(returns.extra, index)
@@ -365,11 +419,16 @@ class EchoTable(Table):
             column.name: _computed(column, found)
             if column.of_waveform
             else np.full(len(rows), _value_without_echo(column), column.dtype)
-            for column in ECHO_COLUMNS
+            for column in _columns(shot_columns_of(block))
         }
         if extra is not None:
             columns[EXTRA_BYTES] = np.zeros(len(rows), extra)
         return cls(columns)
+
+    @property
+    def shot_columns(self) -> tuple[str, ...]:
+        """Names of those of `SHOT_COLUMNS` that the table has."""
+        return tuple(column.name for column in SHOT_COLUMNS if column.name in self.columns)
 
     @property
     def xyz(self) -> FloatArray:
@@ -400,21 +459,25 @@ def _value_without_echo(column: EchoColumn) -> float:
     return np.nan if np.issubdtype(column.dtype, np.floating) else 0
 
 
-def table_columns() -> tuple[EchoColumn, ...]:
-    """The columns of CSV, Parquet and HDF5 files and of Arrow tables."""
-    return tuple(column for column in ECHO_COLUMNS if column.in_tables)
+def table_columns(shot_columns: tuple[str, ...] = ()) -> tuple[EchoColumn, ...]:
+    """The columns of CSV, Parquet and HDF5 files and of Arrow tables.
+
+    `shot_columns` names those of `SHOT_COLUMNS` that the input has.
+    """
+    return tuple(column for column in _columns(shot_columns) if column.in_tables)
 
 
-def las_dimensions() -> dict[str, LasDimension]:
-    """The extra dimensions of LAS files of echoes, by name of the column."""
-    return {column.name: column.las for column in ECHO_COLUMNS if column.las is not None}
+def las_dimensions(shot_columns: tuple[str, ...] = ()) -> dict[str, LasDimension]:
+    """The extra dimensions of LAS files of echoes, by name of the column; see `table_columns`."""
+    columns = _columns(shot_columns)
+    return {column.name: column.las for column in columns if column.las is not None}
 
 
-def echo_schema() -> pa.Schema:
-    """Schema of Arrow tables of echoes."""
-    return arrow_schema(table_columns())
+def echo_schema(shot_columns: tuple[str, ...] = ()) -> pa.Schema:
+    """Schema of Arrow tables of echoes; see `table_columns`."""
+    return arrow_schema(table_columns(shot_columns))
 
 
 def echo_table_to_arrow(echoes: EchoTable) -> pa.Table:
     """The echoes as a table of pyarrow with `echo_schema`, one row each, NaN where undefined."""
-    return echoes.to_arrow(table_columns())
+    return echoes.to_arrow(table_columns(echoes.shot_columns))

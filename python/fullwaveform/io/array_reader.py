@@ -5,6 +5,7 @@ from __future__ import annotations
 from abc import abstractmethod
 from collections.abc import Iterator
 from dataclasses import dataclass, fields
+from itertools import pairwise
 from typing import Protocol
 
 import numpy as np
@@ -51,6 +52,8 @@ class WaveformArrays:
     user_data: SliceableArray
     point_source_id: SliceableArray
     descriptors: SliceableArray
+    beams: SliceableArray | None = None
+    shot_numbers: SliceableArray | None = None
 
 
 @dataclass(frozen=True, slots=True)
@@ -80,13 +83,34 @@ class ArrayReader(WaveformReader):
         """Waveforms of the file."""
         return self._shape[0]
 
+    @property
+    def shot_columns(self) -> tuple[str, ...]:
+        """Names of the columns of shots that the file has."""
+        known = {"beam": self._columns.beams, "shot_number": self._columns.shot_numbers}
+        return tuple(name for name, column in known.items() if column is not None)
+
     def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:
-        total, width = self._shape
         self._check()
-        limit = max(1, min(self._waveforms_per_block, BLOCK_SAMPLES // max(width, 1)))
+        for part in self._parts(slice(0, self._shape[0])):
+            yield from self._pending_blocks_of(part, tally)
+
+    def _parts(self, points: slice) -> list[slice]:
+        """The runs of rows of one beam."""
+        beams, ends = self._columns.beams, []
+        if beams is not None:
+            for start in range(points.start, points.stop, SURVEY_CHUNK):
+                # One row more, to compare the last with the next.
+                stop = min(start + SURVEY_CHUNK + 1, points.stop)
+                names = self._read(beams, slice(start, stop))
+                ends += (start + 1 + np.flatnonzero(names[1:] != names[:-1])).tolist()
+        starts = [points.start, *ends, points.stop]
+        return [slice(*bounds) for bounds in pairwise(starts) if bounds[0] < bounds[1]]
+
+    def _pending_blocks_of(self, part: slice, tally: ReadTally) -> Iterator[PendingBlock]:
+        limit = max(1, min(self._waveforms_per_block, BLOCK_SAMPLES // max(self._shape[1], 1)))
         rows, times = np.empty(0, dtype=np.int64), np.empty(0)
-        for start in range(0, total, limit):
-            chunk = slice(start, min(start + limit, total))
+        for start in range(part.start, part.stop, limit):
+            chunk = slice(start, min(start + limit, part.stop))
             usable = self._usable(chunk, tally)
             rows = np.concatenate([rows, start + np.flatnonzero(usable)])
             times = np.concatenate([times, self._read(self._columns.shot_times, chunk)[usable]])
@@ -142,6 +166,8 @@ class ArrayReader(WaveformReader):
             waveform_numbers=numbers,
             descriptors=column("descriptors"),
             outgoing=self._outgoing(rows) if self._reads_outgoing else None,
+            beams=None if self._columns.beams is None else column("beams").astype(np.str_),
+            shot_numbers=None if self._columns.shot_numbers is None else column("shot_numbers"),
         )
 
     @abstractmethod

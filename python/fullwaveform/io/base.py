@@ -45,6 +45,9 @@ class WaveformReader(ABC):
     its format, and ValueError for invalid arguments.
     """
 
+    #: Whether the coordinates are degrees that can be transformed, and shots can be left out: the
+    #: constructor takes `crs` and `keep_degraded`.
+    is_geographic: ClassVar[bool] = False
     #: Whether unreadable waveforms are skipped and counted, or raise WaveformFileError.
     skip_unreadable: bool = True
     #: Waveforms with more samples are unreadable.
@@ -128,9 +131,27 @@ class WaveformReader(ABC):
         return self.channel_numbers
 
     @property
+    def beams(self) -> dict[str, int]:
+        """Shots of each beam, by its name, skipped ones included; empty without beams."""
+        return {}
+
+    @property
     def has_outgoing(self) -> bool:
         """Whether the file has a place for the outgoing pulse of each shot."""
         return False
+
+    @property
+    def times_from_outgoing(self) -> bool:
+        """Whether echoes and outgoing pulses have a common reference time, to be corrected by it.
+
+        False for files whose coordinates are those of the pulses already.
+        """
+        return self.has_outgoing
+
+    @property
+    def shot_columns(self) -> tuple[str, ...]:
+        """Names of the columns of shots that echoes of the file have, see `SHOT_COLUMNS`."""
+        return ()
 
     @property
     def _reads_outgoing(self) -> bool:
@@ -165,7 +186,8 @@ class WaveformReader(ABC):
         for block in current.read(self._pending_blocks(current.total)):
             self._check_all_readable(current.tally)
             raise_if_requested()
-            yield block
+            if len(block) > 0:  # else all of its waveforms turned out to be unreadable
+                yield block
         if current.is_whole:
             self._check_some_readable(current.total)
         self._check_all_readable(current.tally)
@@ -208,9 +230,14 @@ class WaveformReader(ABC):
         """
         self._check_open()
         for window in spread_windows(self.point_count):
-            block = self._window(window)
-            if block is not None:
-                yield block
+            for part in self._parts(window):
+                block = self._window(part)
+                if block is not None:
+                    yield block
+
+    def _parts(self, points: slice) -> list[slice]:
+        """The parts of a run of points that may share a block."""
+        return [points]
 
     @abstractmethod
     def _window(self, points: slice) -> WaveformBlock | None:
@@ -238,6 +265,12 @@ class WaveformReader(ABC):
     def _check_some_readable(self, tally: ReadTally) -> None:
         if tally.waveforms == 0 and tally.rejected:
             raise WaveformFileError(f"{self._path}: no readable waveform ({_reasons(tally)})")
+        if tally.waveforms == 0 and tally.left_out:
+            listed = _listed(tally.left_out)
+            raise WaveformFileError(
+                f"{self._path}: no waveform left ({listed}); use --keep-degraded "
+                "(keep_degraded=True) to keep these"
+            )
 
     def _check_all_readable(self, tally: ReadTally) -> None:
         if tally.rejected and not self.skip_unreadable:
@@ -249,7 +282,11 @@ class WaveformReader(ABC):
 
 
 def _reasons(tally: ReadTally) -> str:
-    return ", ".join(f"{count} x {reason}" for reason, count in tally.rejected.items())
+    return _listed(tally.rejected)
+
+
+def _listed(counts: Mapping[str, int]) -> str:
+    return ", ".join(f"{count} x {reason}" for reason, count in counts.items())
 
 
 def flag_table(channel_flags: Mapping[int, int] | int) -> UInt8Array:

@@ -16,7 +16,9 @@ class PendingBlock:
     """A block of whole shots whose samples have not been read yet."""
 
     waveforms: int
-    #: Reads some of its rows, whole shots; takes the running numbers of their waveforms.
+    #: Reads some of its rows, whole shots; takes the running numbers of their waveforms. Waveforms
+    #: whose samples turn out to be unreadable are missing from the result; their numbers are not
+    #: used again.
     read: Callable[[slice, IntArray], WaveformBlock]
     #: Identifier of the shot of each waveform, and its GPS time.
     shots: Callable[[], tuple[FloatArray, FloatArray]]
@@ -46,6 +48,7 @@ class BlockRange:
         self._first, self._stop = first, stop
         #: Counts since the start of the file.
         self.total = ReportingTally(report, list(notes)) if report else ReadTally(notes=list(notes))
+        self._numbered = 0  # waveforms of the blocks so far, also those found to be unreadable
         self._before = ReadTally()  # counts of the blocks before the range
         self._end: ReadTally | None = None  # counts at the end of a range that ends before the file
 
@@ -68,7 +71,8 @@ class BlockRange:
             if number == self._stop:
                 return
             inside = number >= self._first
-            numbers = self.total.waveforms + np.arange(block.waveforms, dtype=np.int64)
+            numbers = self._numbered + np.arange(block.waveforms, dtype=np.int64)
+            self._numbered += block.waveforms
             self.total.waveforms += block.waveforms
             if not inside:
                 self._before = self.total.copy()

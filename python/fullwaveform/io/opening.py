@@ -21,6 +21,7 @@ from fullwaveform.io.pulsewaves.waves import WAVES_SIGNATURE
 
 _LAS_SIGNATURE = b"LASF"
 _MAX_SIGNATURE = 16  # bytes
+_FIXED_SYSTEM = "{} has coordinates in a fixed system; --crs (crs) is only for GEDI and LVIS files"
 
 
 def open_waveforms(
@@ -31,6 +32,8 @@ def open_waveforms(
     sampling_interval: float | None = None,
     skip_unreadable: bool = True,
     max_samples: int = DEFAULT_MAX_SAMPLES,
+    keep_degraded: bool = False,
+    crs: str | None = None,
 ) -> WaveformReader:
     """Open a file of waveforms, whose format follows from its first bytes, not from its name.
 
@@ -38,7 +41,8 @@ def open_waveforms(
     ----------
     path
         A LAS or LAZ file with waveforms, the pulse file (``.pls`` or ``.plz``) of PulseWaves, a
-        scan container, a NumPy archive (``.npz``) or array (``.npy``) of samples.
+        scan container, a GEDI L1B or LVIS L1B file, a NumPy archive (``.npz``) or array (``.npy``)
+        of samples.
     waveforms_per_block, channel_flags
         As in `WaveformReader`.
     sampling_interval
@@ -48,6 +52,12 @@ def open_waveforms(
         one raises WaveformFileError while the blocks are read.
     max_samples
         Waveforms with more samples are unreadable; 1 to 65535.
+    keep_degraded
+        Whether shots of a GEDI file are read that it marks as degraded or without a return; other
+        formats have no such marks.
+    crs
+        Code of a coordinate reference system, as EPSG:32610, to which the degrees of GEDI and LVIS
+        files are transformed; None keeps them.
 
     Raises
     ------
@@ -59,7 +69,9 @@ def open_waveforms(
         For invalid arguments, such as a sampling interval for a file that stores its own.
     """
     max_samples = checked_max_samples(max_samples)
-    reader = _opened(path, waveforms_per_block, channel_flags, sampling_interval)
+    reader = _opened(
+        path, waveforms_per_block, channel_flags, sampling_interval, keep_degraded, crs
+    )
     reader.skip_unreadable = skip_unreadable
     reader.max_samples = max_samples
     return reader
@@ -70,11 +82,15 @@ def _opened(
     waveforms_per_block: int,
     channel_flags: Mapping[int, int] | int,
     sampling_interval: float | None,
+    keep_degraded: bool,
+    crs: str | None,
 ) -> WaveformReader:
     if not Path(path).is_file() and Path(path).exists() and not Path(path).is_dir():
         raise WaveformFileError(f"{path} is a device or a pipe; expected a regular file")
     with Path(path).open("rb") as stream:
         start = stream.read(_MAX_SIGNATURE)
+    if crs is not None and not start.startswith(HDF5_SIGNATURE):
+        raise ValueError(_FIXED_SYSTEM.format(path))
     if start.startswith((ZIP_SIGNATURE, NPY_SIGNATURE)):
         return NpzReader(
             path,
@@ -88,8 +104,13 @@ def _opened(
             f"{path} stores its sampling interval; --interval (sampling_interval) is only for an "
             ".npy or an .npz without it"
         )
+    options: dict[str, Any] = {}
+    if reader.is_geographic:
+        options = {"keep_degraded": keep_degraded, "crs": crs}
+    elif crs is not None:
+        raise ValueError(_FIXED_SYSTEM.format(path))
     opened: WaveformReader = reader(
-        path, waveforms_per_block=waveforms_per_block, channel_flags=channel_flags
+        path, waveforms_per_block=waveforms_per_block, channel_flags=channel_flags, **options
     )
     return opened
 
@@ -101,7 +122,7 @@ def _reader_class(start: bytes, path: Path) -> Any:
         return PulseWavesReader
     if start.startswith(HDF5_SIGNATURE):
         # Imported on demand: loading h5py takes longer than reading many a file.
-        return import_module("fullwaveform.io.container.reader").ScanContainerReader
+        return import_module("fullwaveform.io.hdf5.opening").hdf5_reader_class(path)
     if start.startswith(WAVES_SIGNATURE):
         raise WaveformFileError(
             f"{path} holds the samples of a PulseWaves file; open its pulse file "
@@ -110,5 +131,6 @@ def _reader_class(start: bytes, path: Path) -> Any:
     found = f"starts with {start!r}" if start else "empty"
     raise WaveformFileError(
         f"{path} is not a waveform file ({found}); supported formats: LAS and LAZ, PulseWaves "
-        "(.pls, .plz), scan containers (HDF5), NumPy archives and arrays (.npz, .npy)"
+        "(.pls, .plz), GEDI and LVIS L1B and scan containers (HDF5), NumPy archives and arrays "
+        "(.npz, .npy)"
     )

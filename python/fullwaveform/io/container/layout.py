@@ -64,6 +64,13 @@ FIELDS = (
     Field("point_source_id", f"{SPACE}/point_source_id", np.uint16, "as in LAS"),
 )
 
+# Columns of shots, of inputs that have them; a missing dataset leaves out the column.
+SHOT_FIELDS = (
+    Field("beams", f"{SPACE}/beam", np.bytes_, "name"),
+    Field("shot_numbers", f"{SPACE}/shot_number", np.uint64, "number"),
+)
+BEAM_TEXT = np.dtype("S16")
+
 # The outgoing pulse of each waveform; columns of `OutgoingPulses`.
 OUTGOING_FIELDS = (
     Field("samples", f"{OUTGOING}/samples", np.uint16, "counts"),

@@ -24,16 +24,15 @@ from fullwaveform.io.container.layout import (
     FORMAT,
     OUTGOING,
     OUTGOING_FIELDS,
+    SHOT_FIELDS,
     SPACE,
     VERSION,
     WAVEFORMS,
     Field,
 )
 from fullwaveform.io.container.values import damaged_file_errors, plain_value
+from fullwaveform.io.hdf5.datasets import check_chunks, check_rows, check_text
 from fullwaveform.io.limits import MAX_SAMPLES
-
-_MAX_ROWS_PER_BYTE = 100  # gzip shrinks equal values a thousandfold; a row has fifteen columns
-_MAX_CHUNK = 1 << 28  # bytes; HDF5 holds whole chunks in memory
 
 
 class ScanContainerReader(ArrayReader):
@@ -164,12 +163,9 @@ def _check_format(file: h5py.File, path: Path) -> None:
 
 def _columns(file: h5py.File, path: Path) -> WaveformArrays:
     rows = _dataset(file, FIELDS[0], path).shape[0]
-    if rows > _MAX_ROWS_PER_BYTE * path.stat().st_size:
-        raise WaveformFileError(
-            f"{path} declares {rows} waveforms, more than fit into a file of "
-            f"{path.stat().st_size} bytes"
-        )
-    return WaveformArrays(**_datasets(file, FIELDS, rows, path))
+    check_rows(rows, path)
+    known = tuple(field for field in SHOT_FIELDS if field.path in file)
+    return WaveformArrays(**_datasets(file, (*FIELDS, *known), rows, path))
 
 
 def _outgoing_columns(file: h5py.File, rows: int, path: Path) -> OutgoingArrays | None:
@@ -207,7 +203,9 @@ def _dataset(file: h5py.File, field: Field, path: Path) -> h5py.Dataset:
     dataset = file.get(field.path)
     if not isinstance(dataset, h5py.Dataset):
         raise WaveformFileError(f"{path}: missing dataset {field.path}")
-    if dataset.dtype.newbyteorder("=") != np.dtype(field.dtype):
+    if field.dtype is np.bytes_:
+        check_text(dataset, path)
+    elif dataset.dtype.newbyteorder("=") != np.dtype(field.dtype):
         raise WaveformFileError(
             f"{path}: dataset {field.path} has type {dataset.dtype}; must be "
             f"{np.dtype(field.dtype)}"
@@ -217,9 +215,5 @@ def _dataset(file: h5py.File, field: Field, path: Path) -> h5py.Dataset:
             f"{path}: dataset {field.path} has shape {dataset.shape}; must have 2 dimensions, "
             "waveforms and samples"
         )
-    if dataset.chunks and int(np.prod(dataset.chunks)) * dataset.dtype.itemsize > _MAX_CHUNK:
-        raise WaveformFileError(
-            f"{path}: chunks of dataset {field.path} have shape {dataset.chunks}; a chunk must not "
-            f"exceed {_MAX_CHUNK >> 20} MiB"
-        )
+    check_chunks(dataset, field.path, path)
     return dataset

@@ -19,12 +19,14 @@ from fullwaveform.io.atomic import FileKind, OutputFile
 from fullwaveform.io.base import FileWriter
 from fullwaveform.io.container.attributes import write_las_header, write_scanner
 from fullwaveform.io.container.layout import (
+    BEAM_TEXT,
     FIELDS,
     FORMAT,
     INTERVAL_ATTRIBUTE,
     OUTGOING_FIELDS,
     REFERENCE_TIME_ATTRIBUTE,
     SBL_TIME,
+    SHOT_FIELDS,
     VERSION,
     WAVEFORMS,
     Field,
@@ -93,6 +95,9 @@ class ScanContainerWriter(FileWriter):
             raise ValueError("either all blocks or none must have outgoing pulses")
         for field in FIELDS:
             self._append(field, _column(block, field.column))
+        for field in SHOT_FIELDS:
+            if (values := getattr(block, field.column)) is not None:
+                self._append(field, values)
         for field in OUTGOING_FIELDS if block.outgoing is not None else ():
             self._append(field, getattr(block.outgoing, field.column))
         self.count += len(block)
@@ -116,7 +121,7 @@ class ScanContainerWriter(FileWriter):
             dataset.resize(max(dataset.shape[1], values.shape[1]), axis=1)
             dataset[self.count :, : values.shape[1]] = values
         else:
-            dataset[self.count :] = values
+            dataset[self.count :] = values.astype(dataset.dtype, copy=False)
 
     def _finish(self, file: h5py.File) -> None:
         for field in FIELDS:
@@ -136,13 +141,14 @@ class ScanContainerWriter(FileWriter):
 
 def _create(file: h5py.File, field: Field, width: int) -> None:
     row = (width,) if field.column == "samples" else field.shape
-    row_bytes = max(int(np.prod(row, dtype=np.int64)), 1) * np.dtype(field.dtype).itemsize
+    dtype = BEAM_TEXT if field.dtype is np.bytes_ else np.dtype(field.dtype)
+    row_bytes = max(int(np.prod(row, dtype=np.int64)), 1) * dtype.itemsize
     rows = min(max(_CHUNK_BYTES // row_bytes, 1), _MAX_CHUNK_ROWS)
     dataset = file.create_dataset(
         field.path,
         shape=(0, *row),
         maxshape=(None, *((None,) if field.column == "samples" else field.shape)),
-        dtype=field.dtype,
+        dtype=dtype,
         chunks=(rows, *(max(size, 1) for size in row)),
         compression="gzip",
         compression_opts=_COMPRESSION_LEVEL,

@@ -11,7 +11,12 @@ import numpy as np
 import pyarrow as pa
 import pyarrow.csv
 
-from fullwaveform.data.echo_columns import EchoTable, echo_schema, echo_table_to_arrow
+from fullwaveform.data.echo_columns import (
+    EchoTable,
+    echo_schema,
+    echo_table_to_arrow,
+    table_columns,
+)
 from fullwaveform.io.atomic import FileKind, OutputFile, atomic_open
 from fullwaveform.io.base import EchoWriter
 from fullwaveform.io.echo_writers.csv_metadata import METADATA_KIND, metadata_path, metadata_text
@@ -42,10 +47,15 @@ class CsvEchoWriter(EchoWriter):
         return {path: cls.kind, metadata_path(path): METADATA_KIND}
 
     def __init__(
-        self, path: str | os.PathLike[str], metadata: Mapping[str, str] | None = None
+        self,
+        path: str | os.PathLike[str],
+        metadata: Mapping[str, str] | None = None,
+        *,
+        shot_columns: tuple[str, ...] = (),
     ) -> None:
         super().__init__(path)
         self._metadata = metadata
+        self._shot_columns = shot_columns
 
     def _append(self, echoes: EchoTable, stream: OutputFile) -> None:
         self._writer.write_table(echo_table_to_arrow(echoes))
@@ -59,14 +69,15 @@ class CsvEchoWriter(EchoWriter):
             return
         output = atomic_open(metadata_path(self.path), METADATA_KIND, overwrite=self.overwrite)
         with output as description:
-            description.write(metadata_text(self.path, self._metadata).encode())
+            columns = table_columns(self._shot_columns)
+            description.write(metadata_text(self.path, self._metadata, columns).encode())
             with self._table(stream):
                 yield
             stream.check()  # no metadata without their table
 
     @contextmanager
     def _table(self, stream: OutputFile) -> Iterator[None]:
-        schema = echo_schema()
+        schema = echo_schema(self._shot_columns)
         # The header line is written here because pyarrow would put its names in quotes.
         stream.write((",".join(schema.names) + "\n").encode("ascii"))
         options = pa.csv.WriteOptions(include_header=False)

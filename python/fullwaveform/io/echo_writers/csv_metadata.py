@@ -3,12 +3,12 @@
 from __future__ import annotations
 
 import json
-from collections.abc import Mapping
+from collections.abc import Mapping, Sequence
 from pathlib import Path
 
 import numpy as np
 
-from fullwaveform.data.echo_columns import table_columns
+from fullwaveform.data.columns import Column
 from fullwaveform.io.atomic import FileKind
 from fullwaveform.io.run_record import RUN_METADATA_KEY
 
@@ -27,17 +27,23 @@ def metadata_path(path: Path) -> Path:
     return path.with_name(f"{path.name}-metadata.json")
 
 
-def metadata_text(path: Path, run: Mapping[str, str]) -> str:
+def _datatype(column: Column) -> str:
+    if np.issubdtype(column.dtype, np.str_):
+        return "string"
+    return "integer" if np.issubdtype(column.dtype, np.integer) else "number"
+
+
+def metadata_text(path: Path, run: Mapping[str, str], described: Sequence[Column]) -> str:
     """Columns with unit and meaning, and how the echoes were made."""
     columns = [
         {
             "name": column.name,
             "titles": column.name,
-            "datatype": "integer" if np.issubdtype(column.dtype, np.integer) else "number",
+            "datatype": _datatype(column),
             "dc:description": column.description,
             "schema:unitText": column.unit,
         }
-        for column in table_columns()
+        for column in described
     ]
     content = {
         "@context": _CONTEXT,

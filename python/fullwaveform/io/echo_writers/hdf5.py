@@ -8,6 +8,7 @@ from contextlib import contextmanager
 from pathlib import Path
 
 import h5py
+import numpy as np
 import pyarrow as pa
 
 from fullwaveform.data.echo_columns import table_columns
@@ -17,6 +18,7 @@ from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text
 
 #: Rows of a chunk of every dataset; 512 kB of doubles.
 ROWS_PER_CHUNK = 2**16
+_TEXT = np.dtype("S16")  # of fixed length, which every reader of HDF5 takes
 
 
 def _is_echo_table(path: Path) -> bool:
@@ -36,15 +38,20 @@ class Hdf5EchoWriter(GroupedEchoWriter):
     _file: h5py.File
 
     def __init__(
-        self, path: str | os.PathLike[str], metadata: Mapping[str, str] | None = None
+        self,
+        path: str | os.PathLike[str],
+        metadata: Mapping[str, str] | None = None,
+        *,
+        shot_columns: tuple[str, ...] = (),
     ) -> None:
         super().__init__(path, ROWS_PER_CHUNK)
         self._metadata = metadata
+        self._shot_columns = shot_columns
 
     @contextmanager
     def _content(self, stream: OutputFile) -> Iterator[None]:
         with h5py.File(stream, "w") as self._file:
-            _create_datasets(self._file)
+            _create_datasets(self._file, self._shot_columns)
             if self._metadata is not None:
                 self._file.attrs[RUN_METADATA_KEY] = run_metadata_text(self._metadata)
             yield
@@ -56,16 +63,16 @@ class Hdf5EchoWriter(GroupedEchoWriter):
                 dataset = self._file[name]
                 first = len(dataset)
                 dataset.resize(first + len(group), axis=0)
-                dataset[first:] = group[name].to_numpy()
+                dataset[first:] = group[name].to_numpy().astype(dataset.dtype, copy=False)
 
 
-def _create_datasets(file: h5py.File) -> None:
-    for column in table_columns():
+def _create_datasets(file: h5py.File, shot_columns: tuple[str, ...]) -> None:
+    for column in table_columns(shot_columns):
         dataset = file.create_dataset(
             column.name,
             shape=(0,),
             maxshape=(None,),
-            dtype=column.dtype,
+            dtype=_TEXT if column.dtype is np.str_ else column.dtype,
             chunks=(ROWS_PER_CHUNK,),
             compression="gzip",
             compression_opts=4,

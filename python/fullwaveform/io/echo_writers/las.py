@@ -47,6 +47,8 @@ class LasEchoWriter(EchoWriter):
         How the echoes were made, stored as a variable record.
     carry
         Whether the points have class and extra dimensions of the discrete returns of the source.
+    shot_columns
+        Names of the columns of shots that the source has, see `las_dimensions`.
 
     A shot must be written in one call. Echoes whose coordinates cannot be stored are omitted and
     counted, rows of waveforms without echoes omitted.
@@ -62,13 +64,21 @@ class LasEchoWriter(EchoWriter):
         run: Mapping[str, str] | None = None,
         *,
         carry: bool = True,
+        shot_columns: tuple[str, ...] = (),
     ) -> None:
         super().__init__(path)
         self._compressor = _compressor(self.path) if self._is_compressed else None
         self.not_representable = 0  # echoes omitted: coordinate not finite, or beyond 32 bits
         self.saturated_return_numbers = 0  # shots with more echoes than a return number can count
         self._source = source
-        self._header = echo_header(source, run, carry=carry, with_packets=self.holds_waveforms)
+        self._header = echo_header(
+            source,
+            run,
+            carry=carry,
+            with_packets=self.holds_waveforms,
+            shot_columns=shot_columns,
+        )
+        self._dimensions = las_dimensions(shot_columns)
         self._carried = carried_names(source) if carry else {}
         self._return_limit = 7 if self._header.point_format.id < 6 else 15
         self._writer: laspy.LasWriter | None = None
@@ -86,8 +96,8 @@ class LasEchoWriter(EchoWriter):
         record = laspy.ScaleAwarePointRecord.zeros(len(echoes), header=self._header)
         record["X"], record["Y"], record["Z"] = grid.T
         _fill_standard_fields(record, echoes, self._return_limit)
-        for name, dimension in las_dimensions().items():
-            record[name] = echoes[name].astype(dimension.dtype)
+        for name, dimension in self._dimensions.items():
+            record[name] = dimension.of(echoes[name])
         if EXTRA_BYTES in echoes.columns:
             for name, carried in self._carried.items():
                 record.array[carried] = echoes[EXTRA_BYTES][name]

@@ -29,6 +29,7 @@ def echo_header(
     *,
     carry: bool = True,
     with_packets: bool = False,
+    shot_columns: tuple[str, ...] = (),
 ) -> laspy.LasHeader:
     """Header for echoes extracted from a file with the given header.
 
@@ -44,6 +45,8 @@ def echo_header(
         Whether the points have the extra dimensions of the source, too.
     with_packets
         Whether the points have waveform packets, in a file of their own.
+    shot_columns
+        Names of the columns of shots that the source has, see `las_dimensions`.
     """
     old, new = (4, 9) if with_packets else (1, 6)
     if source is None:
@@ -68,7 +71,7 @@ def echo_header(
     header.add_extra_dims(
         [
             laspy.ExtraBytesParams(name, dimension.dtype, dimension.description)
-            for name, dimension in las_dimensions().items()
+            for name, dimension in las_dimensions(shot_columns).items()
         ]
     )
     if source is not None and carry:

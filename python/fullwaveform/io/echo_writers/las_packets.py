@@ -43,8 +43,9 @@ class LasPacketEchoWriter(LasEchoWriter):
         run: Mapping[str, str] | None = None,
         *,
         carry: bool = True,
+        shot_columns: tuple[str, ...] = (),
     ) -> None:
-        super().__init__(path, source, run, carry=carry)
+        super().__init__(path, source, run, carry=carry, shot_columns=shot_columns)
         self._originals = {} if source is None else read_descriptors(source, self.path)
         # Which descriptors are needed is known at the end, so their records are written then.
         self._header.extra_vlr_bytes = bytes(_MAX_DESCRIPTORS * _DESCRIPTOR_RECORD)

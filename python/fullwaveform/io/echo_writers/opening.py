@@ -39,6 +39,7 @@ def open_echo_file(
     *,
     carry: bool = True,
     with_waveforms: bool = False,
+    shot_columns: tuple[str, ...] = (),
     overwrite: bool = False,
 ) -> EchoWriter:
     """A writer for the path, selected by its ending; to be used in a ``with`` statement.
@@ -56,6 +57,9 @@ def open_echo_file(
         Whether LAS points have class and extra dimensions of the discrete returns of the input.
     with_waveforms
         Whether LAS points have the packets of their waveforms.
+    shot_columns
+        Names of the columns of shots that the input has, `WaveformReader.shot_columns`; the ASCII
+        export has none.
     overwrite
         Whether an existing file of echoes of the same format is replaced.
 
@@ -68,7 +72,9 @@ def open_echo_file(
     ending = Path(path).suffix.lower()
     writer_class = _writer_class(Path(path), with_waveforms)
     arguments: tuple[Any, ...] = (path,)
-    options = {"carry": carry} if ending in _WITH_HEADER else {}
+    options: dict[str, Any] = {"carry": carry} if ending in _WITH_HEADER else {}
+    if ending in (*_WITH_HEADER, *_WITH_METADATA):
+        options["shot_columns"] = shot_columns
     if ending in _WITH_HEADER:
         arguments = (path, header, metadata)
     elif ending in _WITH_METADATA:

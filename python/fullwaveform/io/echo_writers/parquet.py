@@ -40,9 +40,11 @@ class ParquetEchoWriter(GroupedEchoWriter):
         path: str | os.PathLike[str],
         metadata: Mapping[str, str] | None = None,
         system: Any | None = None,
+        *,
+        shot_columns: tuple[str, ...] = (),
     ) -> None:
         super().__init__(path, ROWS_PER_GROUP)
-        self._schema = echo_schema()
+        self._schema = echo_schema(shot_columns)
         if metadata is not None:
             self._schema = self._schema.with_metadata(
                 {RUN_METADATA_KEY: run_metadata_text(metadata)}

@@ -1,0 +1,1 @@
+"""What the readers of all HDF5 formats share."""

@@ -1,0 +1,1 @@
+"""LVIS L1B: waveforms of NASA's airborne full-waveform lidar, HDF5."""
