@@ -166,7 +166,7 @@ class ArrayReader(WaveformReader):
             waveform_numbers=numbers,
             descriptors=column("descriptors"),
             outgoing=self._outgoing(rows) if self._reads_outgoing else None,
-            beams=None if self._columns.beams is None else column("beams").astype(np.str_),
+            beams=None if self._columns.beams is None else _texts(column("beams")),
             shot_numbers=None if self._columns.shot_numbers is None else column("shot_numbers"),
         )
 
@@ -250,6 +250,13 @@ class ArrayReader(WaveformReader):
     def _read(self, array: SliceableArray, rows: slice) -> AnyArray:
         """A slice of an array."""
         return array[rows]
+
+
+def _texts(names: AnyArray) -> AnyArray:
+    """Texts of fixed length without the padding of the file."""
+    longest = int(np.strings.str_len(names).max(initial=1))
+    texts: AnyArray = names.astype(f"U{longest}")
+    return texts
 
 
 def _trimmed(samples: UInt16Array, counts: UInt16Array) -> UInt16Array:

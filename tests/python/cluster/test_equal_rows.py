@@ -16,6 +16,7 @@ from fullwaveform.simulation import ScanSettings, simulate_scan, write_recording
 
 from ..support.command_line import names, run, words
 from ..support.echo_tables import assert_same_rows
+from ..support.hdf5_scenes import GediScene, LvisScene, Shot, bump
 from ..support.row_scenes import as_container
 from .scenes import (
     las_scan,
@@ -31,6 +32,25 @@ def container_scan(path: Path) -> Path:
     return as_container(las_scan(path.with_name("original.las"), shots=120), path)
 
 
+def gedi_scan(path: Path) -> Path:
+    """Three beams; every tenth shot of the second is degraded."""
+    beams = {
+        name: [
+            Shot(
+                bump(60, 20.0 + n % 17), 0.1 * n, 1000 * beam + n, degrade=beam == 1 and n % 10 == 0
+            )
+            for n in range(60)
+        ]
+        for beam, name in enumerate(("BEAM0000", "BEAM0011", "BEAM1000"))
+    }
+    return GediScene(beams).write(path)
+
+
+def lvis_scan(path: Path) -> Path:
+    samples = np.rint([bump(80, 20.0 + n % 31) for n in range(180)])
+    return LvisScene(samples, [0.01 * n for n in range(180)]).write(path)
+
+
 def on_cluster(address: str, *call: str | Path) -> str:
     result = run("cluster", *call, "--scheduler", address)
     assert result.exit_code == 0, result.output
@@ -44,6 +64,8 @@ def on_cluster(address: str, *call: str | Path) -> str:
         (las_scan, "scan.las", "2=high"),
         (pulsewaves_scan, "scan.pls", "1=high"),
         (container_scan, "scan.h5", "2=high"),
+        (gedi_scan, "scan.h5", "high"),
+        (lvis_scan, "scan.h5", "high"),
     ],
 )
 def test_parts_of_any_format_and_size_equal_the_single_run(

@@ -49,6 +49,8 @@ READERS: dict[str, Callable[[Path], object]] = {
     "pls": read_waveforms,
     "h5": read_waveforms,
     "npz": read_waveforms,
+    "gedi": read_waveforms,
+    "lvis": read_waveforms,
     "toml": read_description,
     "csv": read_curve,
     "truth": read_truth,

@@ -11,6 +11,7 @@ import re
 import subprocess
 import sys
 from pathlib import Path
+from types import ModuleType
 
 import laspy
 import numpy as np
@@ -57,16 +58,16 @@ position_offset = 1.5
 """
 
 
-def write_pulses(path: Path) -> None:
-    """Three pulses, by the scenes of the tests of formats, which are a package of their own."""
-    scenes = Path(__file__).parents[1] / "support" / "pulsewaves_scenes.py"
-    spec = importlib.util.spec_from_file_location("pulsewaves_scenes_for_fuzz", scenes)
+def scenes_module(name: str) -> ModuleType:
+    """Scenes of the tests of formats, which are a package of their own."""
+    scenes = Path(__file__).parents[1] / "support" / f"{name}.py"
+    spec = importlib.util.spec_from_file_location(f"{name}_for_fuzz", scenes)
     assert spec is not None
     assert spec.loader is not None
     module = importlib.util.module_from_spec(spec)
     sys.modules[spec.name] = module  # where dataclasses look for their annotations
     spec.loader.exec_module(module)
-    module.three_pulses().write(path)
+    return module
 
 
 def write_rows(las: Path, container: Path, archive: Path) -> None:
@@ -114,7 +115,9 @@ def seeds(tmp_path_factory: pytest.TempPathFactory) -> dict[str, Path]:
     files = write_scan(scan, places["las"], point_format=4)
     laspy.read(files.las).write(places["laz"], do_compress=True)
     places["laz"].with_suffix(".wdp").write_bytes(files.las.with_suffix(".wdp").read_bytes())
-    write_pulses(places["pls"])
+    scenes_module("pulsewaves_scenes").three_pulses().write(places["pls"])
+    scenes_module("hdf5_scenes").two_beams().write(places["gedi"])
+    scenes_module("hdf5_scenes").five_shots().write(places["lvis"])
     write_rows(files.las, places["h5"], places["npz"])
     places["toml"].write_text(DESCRIPTION)
     pulse = "".join(f"{i * 0.5},{1000.0 * 2.0 ** (-((i - 12) ** 2) / 9):.3f}\n" for i in range(40))

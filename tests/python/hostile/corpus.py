@@ -9,7 +9,7 @@ from __future__ import annotations
 from collections.abc import Callable, Iterator
 from pathlib import Path
 
-from . import arrays, calls, compressed_pulsewaves, las, pulsewaves, scanners
+from . import arrays, calls, compressed_pulsewaves, las, pulsewaves, scanners, shot_tables
 
 Case = Callable[[Path], list[str]]
 
@@ -17,7 +17,7 @@ Case = Callable[[Path], list[str]]
 def cases() -> dict[str, Case]:
     """All cases by name, in the order of the list of messages."""
     found: dict[str, Case] = {}
-    for part in (las, pulsewaves, compressed_pulsewaves, arrays, scanners, calls):
+    for part in (las, pulsewaves, compressed_pulsewaves, arrays, shot_tables, scanners, calls):
         for name, case in part.cases():
             full = f"{part.__name__.rpartition('.')[2]}: {name}"
             assert full not in found, full

@@ -20,7 +20,8 @@ _ROOT = Path(__file__).resolve().parents[3]
 _LIBRARY_TEXT = re.compile(
     r"(not a (?:valid|readable) LAS file: |cannot read points from number \d+: "
     r"|unsupported array type: |is not a TOML file: |not a table of numbers: "
-    r"|unreadable (?:HDF5|file) structure; the file may be truncated or corrupt )"
+    r"|unreadable (?:(?:HDF5|file) structure|shots \d+ to \d+[ \w]*); "
+    r"the file may be truncated or corrupt )"
     r".*"
 )
 _USAGE_TEXT = re.compile(r"Error: (Missing|No such|Got unexpected) .*")

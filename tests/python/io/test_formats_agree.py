@@ -9,12 +9,14 @@ import numpy as np
 import pytest
 
 from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.data.columns import take_rows
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
+from ..support.hdf5_scenes import as_gedi, as_lvis
 from ..support.las_scenes import compressed
-from ..support.row_scenes import as_container, as_npz, same
+from ..support.row_scenes import arrays_of, as_container, as_npz, same
 
 CHANNELS = {1: 1, 2: 0}
 PER_BLOCK = 70
@@ -34,6 +36,59 @@ def scans(tmp_path_factory: pytest.TempPathFactory) -> dict[str, Path]:
         "container": as_container(las, folder / "scan.h5", waveforms_per_block=33, **options),
         "npz": as_npz(las, folder / "scan.npz", **options),
     }
+
+
+@pytest.fixture(scope="module")
+def single_scans(tmp_path_factory: pytest.TempPathFactory) -> dict[str, Path]:
+    """The low-power channel of a scan, one waveform per shot, in the formats that have only such.
+
+    Its times are exact in every format.
+    """
+    folder = tmp_path_factory.mktemp("single")
+    scan = simulate_scan(ScanSettings(shots=200, seed=4))
+    las = write_scan(scan, folder / "both.las", point_format=4).las
+    with open_waveforms(las, channel_flags=CHANNELS) as reader:
+        (both,) = reader.blocks()
+    block = take_rows(replace(both, returns=None), np.flatnonzero(both.channel_flags == 1))
+    times = 198_800_018.0 + np.arange(len(block)) / 256.0
+    block = replace(block, attributes=replace(block.attributes, gps_time=times), shot_times=times)
+    np.savez(folder / "scan.npz", **arrays_of(block))
+    halves = [take_rows(block, half) for half in np.array_split(np.arange(len(block)), 2)]
+    gedi = as_gedi(halves, folder / "gedi.h5", ["BEAM0001", "BEAM1000"])
+    return {
+        "npz": folder / "scan.npz",
+        "GEDI": gedi,
+        "LVIS": as_lvis(halves, folder / "lvis.h5"),
+        "GEDI as container": as_container(gedi, folder / "scan.h5", waveforms_per_block=33),
+    }
+
+
+@pytest.mark.parametrize("kind", ["GEDI", "LVIS", "GEDI as container"])
+@pytest.mark.parametrize("size", [1, 33, 1000])
+def test_formats_of_one_waveform_per_shot_give_equal_samples_and_times(
+    single_scans: dict[str, Path], kind: str, size: int
+) -> None:
+    with open_waveforms(single_scans["npz"]) as reader:
+        (expected,) = reader.blocks()
+    with open_waveforms(single_scans[kind], waveforms_per_block=size) as reader:
+        found = list(reader.blocks())
+        assert reader.block_count() == len(found)
+        again = [next(reader.blocks(number, number + 1)) for number in range(len(found))]
+    assert all(map(same, found, again))
+    assert max(map(len, found)) <= size
+    for name in ("samples", "counts", "sampling_intervals", "waveform_numbers"):
+        column = np.concatenate([getattr(block, name) for block in found])
+        assert np.array_equal(column, getattr(expected, name)), name
+    times = np.concatenate([block.attributes.gps_time for block in found])
+    assert np.array_equal(times, expected.attributes.gps_time)
+    if kind != "LVIS":
+        assert all(len(np.unique(block.beams)) == 1 for block in found)
+
+
+def test_container_of_a_gedi_file_has_its_blocks(single_scans: dict[str, Path]) -> None:
+    gedi, container = blocks_of(single_scans["GEDI"]), blocks_of(single_scans["GEDI as container"])
+    assert len(gedi) == len(container) == 4
+    assert all(map(same, gedi, container))
 
 
 def blocks_of(path: Path) -> list[WaveformBlock]:

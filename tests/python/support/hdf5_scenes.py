@@ -162,6 +162,12 @@ def lvis_scene(structure: str, rows: int = 3) -> LvisScene:
     )
 
 
+def five_shots(**options: Any) -> LvisScene:
+    """Thirty samples each, all different."""
+    samples = np.arange(5 * 30).reshape(5, 30)
+    return LvisScene(samples, [10.0, 11.0, 12.0, 13.0, 14.0], **options)
+
+
 def as_gedi(blocks: Sequence[WaveformBlock], path: Path, beams: Sequence[str]) -> Path:
     """Waveforms of one per shot and 1 ns as a GEDI file; each beam has the shots of a block."""
     found: dict[str, list[Shot]] = {}

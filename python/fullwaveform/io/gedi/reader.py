@@ -85,7 +85,9 @@ class _Beam(ShotTable):
             return _USUAL_EPOCH
         values = numeric_dataset(self._group, _EPOCH, self._path, (1,))[:]
         if not np.isfinite(values).all():
-            raise WaveformFileError(f"{self._path}: {self.name}/{_EPOCH} is {values[0]}")
+            raise WaveformFileError(
+                f"{self._path}: {self.name}/{_EPOCH} is {values[0]}; must be finite"
+            )
         return float(values[0])
 
     @property

@@ -27,7 +27,6 @@ from fullwaveform.io.container.values import damaged_file_errors
 from fullwaveform.io.hdf5.places import Places
 from fullwaveform.io.limits import (
     BLOCK_SAMPLES,
-    NO_SAMPLES,
     NO_TIME,
     OUTSIDE,
     SURVEY_CHUNK,
@@ -35,6 +34,7 @@ from fullwaveform.io.limits import (
     too_long,
 )
 
+TOO_SHORT = "waveform of fewer than 2 samples"
 NO_COUNTS = "samples that are not numbers or not from 0 to 65,535 counts"
 _MIN_SAMPLES = 2  # a direction needs two places
 _CHUNK_CACHE = 1 << 23  # bytes for each dataset: GEDI has the column of a beam in one chunk
@@ -284,7 +284,7 @@ class ShotReader(WaveformReader):
     def _kept(self, number: int, part: slice, tally: ReadTally) -> IntArray:
         """The shots of a run that can be read and are asked for; the others are counted."""
         table = self._table(number)
-        with damaged_file_errors(self._path, f"{table.name} shots {part.start} to {part.stop}"):
+        with damaged_file_errors(self._path, _run(table, part.start, part.stop - 1)):
             counts, times = table.counts(part), table.gps_times(part)
             inside, left_out = table.is_inside(part), table.left_out(part)
         kept = np.ones(part.stop - part.start, np.bool_)
@@ -294,7 +294,7 @@ class ShotReader(WaveformReader):
                 kept &= ~marked
         for reason, wrong in (
             (NO_TIME, ~np.isfinite(times)),
-            (NO_SAMPLES, counts < _MIN_SAMPLES),
+            (TOO_SHORT, counts < _MIN_SAMPLES),
             (too_long(self.max_samples), counts > self.max_samples),
             (OUTSIDE, ~inside),
         ):
@@ -312,7 +312,7 @@ class ShotReader(WaveformReader):
     ) -> WaveformBlock:
         """The shots whose samples are counts; the others are taken off the tally and rejected."""
         table = self._table(number)
-        with damaged_file_errors(self._path, f"{table.name} shots {shots[0]} to {shots[-1]}"):
+        with damaged_file_errors(self._path, _run(table, shots[0], shots[-1])):
             samples, usable = table.waves(shots)
             if not usable.all():
                 tally.waveforms -= int(np.count_nonzero(~usable))
@@ -342,6 +342,11 @@ class ShotReader(WaveformReader):
             beams=np.full(total, table.name) if table.name else None,
             shot_numbers=table.shot_numbers(shots),
         )
+
+
+def _run(table: ShotTable, first: int, last: int) -> str:
+    beam = f" of {table.name}" if table.name else ""
+    return f"shots {first} to {last}{beam}"
 
 
 def _outgoing(table: ShotTable, shots: IntArray) -> OutgoingPulses:

@@ -96,14 +96,19 @@ class _Shots(ShotTable):
         step[:, 1] *= _METRES_PER_DEGREE
         length = np.linalg.norm(step, axis=1) / self._last / _METRES_PER_NANOSECOND
         length = length[np.isfinite(length)]
-        found = float(np.median(length)) if len(length) else np.nan
+        if self.count > 0 and len(length) == 0:
+            raise WaveformFileError(
+                f"{self._path}: no shot has valid places of its highest and lowest samples, from "
+                "which the sampling interval follows"
+            )
+        found = float(np.median(length)) if len(length) else _INTERVALS[0]
         fitting = [one for one in _INTERVALS if abs(found - one) <= _TOLERANCE * one]
-        if self.count > 0 and not fitting:
+        if not fitting:
             raise WaveformFileError(
                 f"{self._path}: the highest and lowest samples are {found:.4g} ns per sample "
                 "apart; must be 1 or 2 ns"
             )
-        self._interval = fitting[0] * 1e-9 if fitting else 1e-9
+        self._interval = fitting[0] * 1e-9
 
     @property
     def sampling_interval(self) -> float:

@@ -13,12 +13,7 @@ from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.lvis.reader import LvisReader
 from fullwaveform.io.opening import open_waveforms
 
-from ...support.hdf5_scenes import LVIS_STRUCTURES, LvisScene, changed, lvis_scene
-
-
-def five_shots(**options: object) -> LvisScene:
-    samples = np.arange(5 * 30).reshape(5, 30)
-    return LvisScene(samples, [10.0, 11.0, 12.0, 13.0, 14.0], **options)  # type: ignore[arg-type]
+from ...support.hdf5_scenes import LVIS_STRUCTURES, changed, five_shots, lvis_scene
 
 
 @pytest.mark.parametrize("structure", LVIS_STRUCTURES)

@@ -1,0 +1,56 @@
+"""The commands of the page on open archives, on example files."""
+
+from __future__ import annotations
+
+import shlex
+import zipfile
+from pathlib import Path
+
+import pyarrow.parquet
+import pytest
+
+from ..support.command_line import run
+from ..support.hdf5_scenes import lvis_scene
+from ..support.las_scenes import data_folder
+from .test_documents import commands_of
+
+CALLS = commands_of("docs/archives.md")
+GEDI = data_folder() / "gedi"
+
+
+def run_calls(product: str) -> None:
+    calls = [shlex.split(line)[1:] for line in CALLS if product in line]
+    assert len(calls) >= 3
+    for call in calls:
+        result = run(*call)
+        assert result.exit_code == 0, result.output
+        if "-o" in call:
+            assert Path(call[call.index("-o") + 1]).stat().st_size > 0
+
+
+@pytest.mark.skipif(not GEDI.exists(), reason="no folder gedi in the folder of real data")
+def test_commands_for_gedi(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.chdir(tmp_path)
+    (archive,) = GEDI.glob("GEDI01_B_*.zip")
+    with zipfile.ZipFile(archive) as file:
+        file.extractall(tmp_path)
+    run_calls("GEDI01_B")
+    echoes = pyarrow.parquet.read_table(tmp_path / "gedi.parquet")
+    assert len(set(echoes["shot_number"].to_pylist())) == 300
+    assert len(set(echoes["beam"].to_pylist())) == 7
+    shown = run("info", *tmp_path.glob("GEDI*.h5")).stdout
+    for text in ("GEDI L1B", "beam BEAM0101", "73 shots", "bounding box", "EPSG:4979"):
+        assert text in shown
+
+
+def test_commands_for_lvis(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.chdir(tmp_path)
+    (name,) = {word for line in CALLS for word in line.split() if word.startswith("LVIS1B")}
+    lvis_scene("2.0.4 classic", rows=5).write(tmp_path / name)
+    run_calls("LVIS1B")
+    echoes = pyarrow.parquet.read_table(tmp_path / "lvis.parquet")
+    assert echoes["shot_number"].to_pylist() == [1, 2, 3, 4, 5]
+    assert [round(z, 2) for z in echoes["z"].to_pylist()] == [
+        round(1500.0 - 0.1498 * (100 + row), 2) for row in range(5)
+    ]
+    assert "beam" not in echoes.column_names
