@@ -78,6 +78,21 @@ PulseFitResult PulseFit::apply(std::span<unsigned short const> samples) {
   return search->run(samples);
 }
 
+void PulseFit::addPulses(std::span<PulseEcho const> echoes, std::span<double const> places,
+                         std::span<double> heights) const {
+  if (search == nullptr) {
+    return;
+  }
+  PulseTable const& table = search->table;
+  for (PulseEcho const& echo : echoes) {
+    double const variance = table.varianceAt(echo.fwhm);
+    double const factor = echo.amplitude / table.shapeAt(variance).peak;
+    for (std::size_t i = 0; i < places.size(); ++i) {
+      heights[i] += factor * table.valueAt(places[i] - echo.position, variance);
+    }
+  }
+}
+
 PulseFitResult PulseFit::Search::run(std::span<unsigned short const> samples) {
   fit.setSignal(samples, limit);
   Hypothesis const hypothesis = search.run(fit, baseline, echoCost.at(samples.size()));

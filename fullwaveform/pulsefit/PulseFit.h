@@ -73,6 +73,14 @@ class PulseFit {
   /// @param samples  counts; an empty waveform, and every waveform if there is an error, has no echoes
   FULLWAVEFORM_EXPORT PulseFitResult apply(std::span<unsigned short const> samples);
 
+  /// Adds the pulses of echoes at any places.
+  ///
+  /// @param echoes   their positions, amplitudes and widths; the other values are not used
+  /// @param places   sample indices, finite and less than 1e9 from any echo
+  /// @param heights  as many, counts; unchanged if there is an error
+  FULLWAVEFORM_EXPORT void addPulses(std::span<PulseEcho const> echoes, std::span<double const> places,
+                                     std::span<double> heights) const;
+
  private:
   struct Search;
 

@@ -130,6 +130,18 @@ double varianceOf(PulseModel const& model) {
   return square / area - (mean / area) * (mean / area);
 }
 
+/// Value of a placed pulse at a sample, 0 beyond its ends.
+double sampleOf(PulseTable::Place const& place, int sample) {
+  if (sample < place.first || sample >= place.first + place.count) {
+    return 0.0;
+  }
+  double value = 0.0;
+  for (std::size_t order = 0; order < PulseTable::derivatives; ++order) {
+    value += place.coefficients[order] * place.rows[order][sample - place.first];
+  }
+  return value;
+}
+
 }  // namespace
 
 PulseTable::PulseTable(PulseModel const& model, double maxVariance) {
@@ -212,17 +224,27 @@ PulseTable::Shape PulseTable::shapeAt(double variance) const {
   return shape;
 }
 
+double PulseTable::varianceAt(double fwhm) const {
+  double low = nodes.front().variance;
+  double high = nodes.back().variance;
+  constexpr int halvings = 50;
+  for (int i = 0; i < halvings; ++i) {
+    double const middle = 0.5 * (low + high);
+    (shapeAt(middle).fwhm < fwhm ? low : high) = middle;
+  }
+  return 0.5 * (low + high);
+}
+
+double PulseTable::valueAt(double lag, double variance) const {
+  double const whole = std::floor(lag);
+  return sampleOf(placeAt(whole - lag, variance), static_cast<int>(whole));
+}
+
 std::vector<double> PulseTable::samplesAt(double shift, int first, int last) const {
   Place const place = placeAt(-shift, 0.0);
   std::vector<double> samples;
   for (int i = first; i <= last; ++i) {
-    double value = 0.0;
-    if (i >= place.first && i < place.first + place.count) {
-      for (std::size_t order = 0; order < derivatives; ++order) {
-        value += place.coefficients[order] * place.rows[order][i - place.first];
-      }
-    }
-    samples.push_back(value);
+    samples.push_back(sampleOf(place, i));
   }
   return samples;
 }

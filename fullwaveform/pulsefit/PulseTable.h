@@ -44,6 +44,12 @@ class PulseTable {
   [[nodiscard]] Place placeAt(double position, double variance) const;
   [[nodiscard]] Shape shapeAt(double variance) const;
 
+  /// The variance, within the range of the table, of the pulse of a full width at half maximum in samples.
+  [[nodiscard]] double varianceAt(double fwhm) const;
+
+  /// Value of a pulse of amplitude 1 at any lag from its position.
+  [[nodiscard]] double valueAt(double lag, double variance) const;
+
   /// Values of the pulse of variance 0 at whole samples from `first` to `last`, plus a shift.
   [[nodiscard]] std::vector<double> samplesAt(double shift, int first, int last) const;
 

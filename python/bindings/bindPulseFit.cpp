@@ -90,6 +90,19 @@ class SharedFit {
     return result;
   }
 
+  nb::object pulses(InputColumn<double> const& positions, InputColumn<double> const& amplitudes,
+                    InputColumn<double> const& fwhms, InputColumn<double> const& places) const {
+    std::vector<PulseEcho> echoes(positions.shape(0));
+    for (std::size_t k = 0; k < echoes.size(); ++k) {
+      echoes[k].position = positions(k);
+      echoes[k].amplitude = amplitudes(k);
+      echoes[k].fwhm = fwhms(k);
+    }
+    std::vector<double> heights(places.shape(0), 0.0);
+    fit.addPulses(echoes, {places.data(), places.shape(0)}, heights);
+    return numpyColumn<double>(std::move(heights));
+  }
+
  private:
   FitTables fitted(EchoRows const& waveforms) {
     auto poll = signalPoll();
@@ -160,5 +173,8 @@ void bindPulseFit(nb::module_& module) {
       .def("apply", &SharedFit::apply, nb::arg("samples").noconvert(), nb::arg("counts").noconvert(),
            nb::arg("rows").noconvert(),
            "Fits the waveforms of the given rows: columns of their echoes, and of the waveforms in the order "
-           "of `rows`.");
+           "of `rows`.")
+      .def("pulses", &SharedFit::pulses, nb::arg("positions").noconvert(), nb::arg("amplitudes").noconvert(),
+           nb::arg("fwhms").noconvert(), nb::arg("places").noconvert(),
+           "Sum of the pulses of the echoes at the given places, sample indices.");
 }

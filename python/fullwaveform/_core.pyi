@@ -291,6 +291,13 @@ class PulseFit:
         counts: npt.NDArray[np.uint16],
         rows: npt.NDArray[np.int64],
     ) -> _PulseFitResult: ...
+    def pulses(
+        self,
+        positions: npt.NDArray[np.float64],
+        amplitudes: npt.NDArray[np.float64],
+        fwhms: npt.NDArray[np.float64],
+        places: npt.NDArray[np.float64],
+    ) -> npt.NDArray[np.float64]: ...
 
 def evaluate_online(
     scanner: ScannerDevice,

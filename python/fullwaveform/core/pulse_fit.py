@@ -11,7 +11,7 @@ import numpy.typing as npt
 
 from fullwaveform import _core
 from fullwaveform.core.driver import RunMonitor
-from fullwaveform.data.arrays import IntArray, UInt16Array
+from fullwaveform.data.arrays import FloatArray, IntArray, UInt16Array
 from fullwaveform.data.checks import checked_counts, checked_integers, checked_samples
 from fullwaveform.data.columns import Columns
 
@@ -155,6 +155,23 @@ class PulseFit:
         for name in ("baseline", "reduced_chi_square"):
             waveforms[name][empty] = np.nan
         return PulseFitTable(Columns(raw["echoes"]), Columns(waveforms))
+
+    def pulses(
+        self, positions: FloatArray, amplitudes: FloatArray, fwhms: FloatArray, places: FloatArray
+    ) -> FloatArray:
+        """Sum (k,) in counts of the pulses of echoes (m,) at places (k,), all without the baseline.
+
+        Positions, places and full widths at half maximum are in samples, amplitudes in counts.
+
+        Raises ValueError for values that are not finite.
+        """
+        columns = [
+            np.ascontiguousarray(values, dtype=np.float64)
+            for values in (positions, amplitudes, fwhms, places)
+        ]
+        if not all(np.isfinite(column).all() for column in columns):
+            raise ValueError("invalid echoes or places of pulses: values must be finite")
+        return self._fit.pulses(*columns)
 
 
 def fit_pulses(

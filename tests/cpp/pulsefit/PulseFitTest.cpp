@@ -72,6 +72,23 @@ TEST(PulseFit, ErrorsAreAsLargeAsStated) {
   EXPECT_NEAR(std::sqrt(amplitudes / runs), 1.0, 0.06);
 }
 
+TEST(PulseFit, AddsTheWidenedPulsesOfEchoes) {
+  // Widened by a Gaussian, a Gaussian pulse is one of the given width and height.
+  PulseFit const fit(gaussianModel());
+  std::vector<PulseEcho> echoes(2);
+  echoes[0] = {.position = 30.3, .amplitude = 100.0, .fwhm = 4.0};
+  echoes[1] = {.position = 34.9, .amplitude = 50.0, .fwhm = 7.0};
+  double const wide = 7.0 / std::sqrt(8.0 * std::log(2.0));
+  std::vector<double> const places{20.0, 30.3, 31.77, 34.9, 41.6, 500.0};
+  std::vector<double> heights(places.size(), 10.0);
+  fit.addPulses(echoes, places, heights);
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    double const expected =
+        10.0 + 100.0 * gaussian(places[i] - 30.3) + 50.0 * gaussian(places[i] - 34.9, wide);
+    EXPECT_NEAR(heights[i], expected, 0.02) << places[i];
+  }
+}
+
 TEST(PulseFit, SeparatesTwoEchoesCloserThanTheirWidth) {
   Echoes const echoes = fitted(waveform(80, {{40.0, 400.0}, {42.4, 300.0}}));  // 0.6 widths apart
   ASSERT_EQ(echoes.size(), 2U);
