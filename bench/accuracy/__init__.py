@@ -1,1 +1,1 @@
-"""Accuracy of every method on waveforms with known echoes: scenes, bound, measures, tables, pictures."""
+"""Accuracy of every method: scenes with known echoes, bound, measures, tables, pictures."""

@@ -18,7 +18,7 @@ _VARIANCES = np.concatenate([np.arange(-0.4, 1.5, 0.02), np.arange(1.5, 25.1, 0.
 _ROWS = 2048  # at once
 
 
-@dataclass(frozen=True)
+@dataclass(frozen=True, eq=False)
 class Pulse:
     """A pulse with maximum 1 at lag 0.
 
@@ -36,17 +36,20 @@ class Pulse:
         """A Gaussian of a full width at half maximum in samples."""
         sigma = fwhm / math.sqrt(8.0 * math.log(2.0))
         angular = 2.0 * math.pi * _frequencies()
-        spectrum = sigma * math.sqrt(2.0 * math.pi) * np.exp(-0.5 * (angular * sigma) ** 2)
+        shape = np.exp(-0.5 * (angular * sigma) ** 2)
+        spectrum: npt.NDArray[np.complex128] = (sigma * math.sqrt(2.0 * math.pi) * shape).astype(
+            np.complex128
+        )
         reach = math.ceil(6.0 * sigma)
-        return cls(name, spectrum.astype(np.complex128), -reach, reach)
+        return cls(name, spectrum, -reach, reach)
 
     @classmethod
     def of_values(cls, name: str, values: Floats, first_lag: float, lag_step: float) -> Pulse:
         """A pulse of values at equidistant lags, close to 0 at both ends."""
         lags = first_lag + lag_step * np.arange(len(values))
         waves = np.exp(-2j * math.pi * np.outer(_frequencies(), lags))
-        spectrum = waves @ values * (lag_step / np.max(values))
-        return cls(name, spectrum, float(lags[0]), float(lags[-1]))
+        spectrum = waves @ (values * (lag_step / np.max(values)))
+        return cls(name, spectrum.astype(np.complex128), float(lags[0]), float(lags[-1]))
 
     def table(self) -> Floats:
         """Values from `first_lag` to `last_lag` in steps of `LAG_STEP`; 0 at both ends."""
@@ -87,7 +90,7 @@ class Pulse:
         # At whole samples, frequencies above 0.5 cycles per sample look like lower ones.
         half = PERIOD // 2
         folded = terms[:, : half + 1].copy()
-        folded[:, :half] += np.conj(terms[:, : half : -1])
+        folded[:, :half] += np.conj(terms[:, :half:-1])
         folded[:, half] *= 2.0
         return np.fft.irfft(folded, PERIOD, axis=1)
 

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import zlib
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 
 import numpy as np
 import numpy.typing as npt
@@ -70,6 +70,7 @@ class Scene:
     pulse: Pulse
     receiver: Receiver
     truth: Truth
+    priors: Priors  # from which baseline and widths are drawn
     noise_correlation: float = 1.0
 
     def bound(self) -> Bound:
@@ -85,7 +86,7 @@ class Scene:
             height,
             variance,
             noise_variance=self.receiver.noise_variance,
-            priors=self.receiver.priors,
+            priors=self.priors,
             used=(signal < limit).astype(np.float64),
         )
         return Bound(
@@ -130,17 +131,27 @@ def digitised(
     white = rng.normal(0.0, receiver.noise_rms, (rows, width + len(taps) - 1))
     values = signal + sum(tap * white[:, k : k + width] for k, tap in enumerate(taps))
     values += receiver.baseline + rng.normal(0.0, receiver.priors.baseline_spread, (rows, 1))
-    return np.clip(np.rint(values), 0, receiver.limit).astype(np.uint16)
+    counts: npt.NDArray[np.uint16] = np.clip(np.rint(values), 0, receiver.limit).astype(np.uint16)
+    return counts
 
 
 def scene_of(
-    name: str, pulse: Pulse, receiver: Receiver, position: Floats, height: Floats
+    name: str,
+    pulse: Pulse,
+    receiver: Receiver,
+    position: Floats,
+    height: Floats,
+    widening: float = 1.0,
 ) -> Scene:
-    """Waveforms with echoes at (n, k) positions and of (n, k) heights; widths from the prior."""
+    """Waveforms with echoes at (n, k) positions and of (n, k) heights; widths from the prior.
+
+    widening : factor of the mean widening of the prior
+    """
     rng = generator(name)
-    truth = Truth(position, height, drawn_variance(receiver.priors, position.shape, rng))
+    priors = replace(receiver.priors, widening=widening * receiver.priors.widening)
+    truth = Truth(position, height, drawn_variance(priors, position.shape, rng))
     samples = digitised(signal_of(pulse, truth), receiver, rng)
-    return Scene(name, samples, pulse, receiver, truth)
+    return Scene(name, samples, pulse, receiver, truth, priors)
 
 
 def isolated_scene(pulse: Pulse, receiver: Receiver, snr: float, rows: int) -> Scene:
@@ -157,13 +168,15 @@ def pair_scene(
     separation: float,
     heights: tuple[float, float],
     rows: int,
+    widening: float = 1.0,
 ) -> Scene:
     """Two echoes per waveform: separation in FWHM of the pulse, heights in noise rms."""
-    name = f"pair {pulse.name} {receiver.name} {separation:g} {heights[0]:g} {heights[1]:g}"
+    numbers = f"{separation:g} {heights[0]:g} {heights[1]:g} {widening:g}"
+    name = f"pair {pulse.name} {receiver.name} {numbers}"
     first = generator(name + " positions").uniform(26.0, 30.0, (rows, 1))
     position = np.hstack([first, first + separation * pulse.fwhm])
     height = np.tile(np.array(heights) * receiver.sample_rms, (rows, 1))
-    return scene_of(name, pulse, receiver, position, height)
+    return scene_of(name, pulse, receiver, position, height, widening)
 
 
 def noise_scene(name: str, pulse: Pulse, receiver: Receiver, rows: int, mixing: float) -> Scene:
@@ -174,17 +187,12 @@ def noise_scene(name: str, pulse: Pulse, receiver: Receiver, rows: int, mixing: 
     taps = np.array([mixing, 1.0, mixing]) / np.sqrt(1.0 + 2.0 * mixing**2)
     samples = digitised(np.zeros((rows, WIDTH)), receiver, generator(name), taps)
     correlation = _noise_correlation(pulse, receiver, taps)
-    return Scene(name, samples, pulse, receiver, Truth.none(rows), correlation)
+    return Scene(name, samples, pulse, receiver, Truth.none(rows), receiver.priors, correlation)
 
 
 def _noise_correlation(pulse: Pulse, receiver: Receiver, taps: Floats) -> float:
-    """Noise that a matched filter sees, relative to that of white noise of the same rms.
-
-    The filter has the samples of the pulse from -4 to 4, less their mean, as for a baseline that
-    is known no better than from the samples themselves.
-    """
-    core = pulse.samples(np.array([4.0]), np.zeros(1), 9)[0]
-    core -= core.mean()
+    """Noise that a matched filter sees, relative to that of white noise of the same rms."""
+    core = pulse.samples(np.array([8.0]), np.zeros(1), 17)[0]
     coloured = np.sum(np.convolve(core, taps) ** 2) * receiver.noise_rms**2
     white = np.sum(core**2)
     total = coloured + QUANTISATION_VARIANCE * white
