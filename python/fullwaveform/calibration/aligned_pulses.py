@@ -24,7 +24,7 @@ from fullwaveform.calibration.widened_pulse import WidenedPulse
 from fullwaveform.data.arrays import BoolArray, FloatArray
 
 _MAX_PULSES = 1500  # more of them do not improve the curve
-_ROUNDS = 6
+_ROUNDS, _FINAL_ROUNDS = 6, 2
 _STEPS_PER_ROUND = 4
 _FINAL_SPLINE = (2, 3)  # knots per sample and degree
 _MAX_SHIFT, _MAX_WIDENING = 0.5, 0.5  # per step, samples and samples squared
@@ -108,9 +108,11 @@ def align(pulses: Pulses, noise_rms: float) -> AlignedPulses:
         for _ in range(_STEPS_PER_ROUND):
             aligned = _moved(aligned, noise_rms)
         aligned = _without_outliers(aligned)
-        aligned = _described(aligned, noise_rms)
-        aligned = _recentred(aligned, ALIGNMENT_SPLINE if number < _ROUNDS - 2 else _FINAL_SPLINE)
-    return _described(_moved(aligned, noise_rms), noise_rms)
+        is_final = number >= _ROUNDS - _FINAL_ROUNDS
+        # The distribution is that of variances above the curve, so its own mean must not move last.
+        aligned = _described(aligned, noise_rms, 0.0 if is_final else None)
+        aligned = _recentred(aligned, _FINAL_SPLINE if is_final else ALIGNMENT_SPLINE)
+    return _described(_moved(aligned, noise_rms), noise_rms, 0.0)
 
 
 def _moved(aligned: AlignedPulses, noise_rms: float) -> AlignedPulses:
@@ -164,11 +166,11 @@ def _of(aligned: AlignedPulses, keep: BoolArray) -> AlignedPulses:
     )
 
 
-def _described(aligned: AlignedPulses, noise_rms: float) -> AlignedPulses:
+def _described(aligned: AlignedPulses, noise_rms: float, narrowest: float | None) -> AlignedPulses:
     """The pulses with the scatter and the distribution of widths that they show."""
     pulse = aligned.pulse
     inside = (aligned.variance > pulse.min_variance) & (aligned.variance < pulse.max_variance)
-    widths = width_distribution(aligned.variance[inside], aligned.error[inside])
+    widths = width_distribution(aligned.variance[inside], aligned.error[inside], narrowest)
     return replace(aligned, widths=widths, scatter=_scatter(aligned, noise_rms))
 
 

@@ -11,7 +11,8 @@ import numpy as np
 from fullwaveform.calibration.levels import ChannelLevels, measure_levels
 from fullwaveform.calibration.outgoing_phase import OutgoingPhase, measure_outgoing_phase
 from fullwaveform.calibration.phase_choice import PhaseChoice
-from fullwaveform.calibration.pulse_model import PulseChoice, measure_pulse_models
+from fullwaveform.calibration.pulse_choice import PulseChoice
+from fullwaveform.calibration.pulse_model import measure_pulse_models
 from fullwaveform.core.pulse_fit import PulseModel
 from fullwaveform.core.pulse_models import ReceiverModel, model_of
 from fullwaveform.data.arrays import IntArray

@@ -5,7 +5,6 @@ from __future__ import annotations
 from collections import Counter
 from collections.abc import Sequence
 from dataclasses import dataclass
-from typing import Literal, get_args
 
 import numpy as np
 
@@ -13,6 +12,7 @@ from fullwaveform.calibration.aligned_pulses import AlignedPulses, align
 from fullwaveform.calibration.isolated import NOT_ISOLATED, EchoWindow, Waveforms, echo_windows
 from fullwaveform.calibration.levels import ChannelLevels
 from fullwaveform.calibration.outgoing_phase import recorded_pulses
+from fullwaveform.calibration.pulse_choice import PulseChoice
 from fullwaveform.calibration.pulses import (
     FLAT_TOP,
     Pulses,
@@ -31,11 +31,6 @@ from fullwaveform.core.pulse_models import PulseOrigin, ReceiverModel, at_interv
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import BoolArray, FloatArray
 from fullwaveform.data.blocks import WaveformBlock
-
-#: Pulses of which a model is made: isolated echoes if there are enough, else outgoing pulses; or
-#: one of them.
-PulseChoice = Literal["auto", "returned", "outgoing"]
-PULSE_CHOICES: tuple[PulseChoice, ...] = get_args(PulseChoice)
 
 MIN_ECHOES = 100
 MIN_FWHM = 2.0  # samples
@@ -65,6 +60,7 @@ class MeasuredPulse:
 
     entry: ReceiverModel
     pulses: AlignedPulses
+    interval: float  # s, of the pulses
 
 
 @dataclass(frozen=True)
@@ -245,7 +241,7 @@ def _measured(receiver: _Receiver, source: _Source) -> MeasuredPulse:
     model = at_interval(_model(receiver, source), receiver.waveforms.sampling_interval)
     level, count = receiver.level, len(source.pulses)
     entry = ReceiverModel(level.channel_flag, level.descriptor, source.origin, count, model)
-    return MeasuredPulse(entry, source.pulses)
+    return MeasuredPulse(entry, source.pulses, source.interval)
 
 
 def _model(receiver: _Receiver, source: _Source) -> PulseModel:

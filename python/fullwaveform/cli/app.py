@@ -22,6 +22,7 @@ COMMANDS = {
     "report": ("fullwaveform.cli.report", "report"),
     "compare": ("fullwaveform.cli.compare", "compare"),
     "convert": ("fullwaveform.cli.convert", "convert"),
+    "pulse-model": ("fullwaveform.cli.pulse_model", "pulse_model"),
     "system-wave": ("fullwaveform.cli.system_wave", "system_wave"),
     "simulate": ("fullwaveform.cli.simulate", "simulate"),
 }

@@ -11,6 +11,7 @@ from typing import Annotated, Any
 import typer
 
 from fullwaveform.calibration.phase_choice import PHASE_CHOICES, PhaseChoice, checked_phase_choice
+from fullwaveform.calibration.pulse_choice import PULSE_CHOICES, PulseChoice, checked_pulse_choice
 from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.core.driver import Mode, Threshold
 from fullwaveform.core.scanner import NO_AFTER_PULSE, AfterPulse
@@ -53,6 +54,13 @@ def _phase_choice(text: str) -> PhaseChoice:
         return checked_phase_choice(text)
     except ValueError as error:
         raise typer.BadParameter(f"{text!r} must be 'auto', 'on' or 'off'") from error
+
+
+def _pulse_choice(text: str) -> PulseChoice:
+    try:
+        return checked_pulse_choice(text)
+    except ValueError as error:
+        raise typer.BadParameter(f"{text!r} must be 'auto', 'returned' or 'outgoing'") from error
 
 
 def _baseline(text: str) -> Baseline:
@@ -181,6 +189,16 @@ OutgoingPhaseOption = Annotated[
         metavar="|".join(PHASE_CHOICES),
         show_default=False,
         help="Take the phase of the outgoing pulses off the ranges. Default: auto, if that helps",
+    ),
+]
+PulseOption = Annotated[
+    Any,  # PulseChoice
+    typer.Option(
+        parser=_pulse_choice,
+        metavar="|".join(PULSE_CHOICES),
+        show_default=False,
+        help="Pulses of which a pulse model is made: isolated echoes or outgoing pulses. Default: "
+        "auto, echoes if there are enough",
     ),
 ]
 ScannerFile = Annotated[

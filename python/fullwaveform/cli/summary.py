@@ -13,6 +13,7 @@ from rich.table import Table
 
 from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.calibration.levels import ChannelLevels
+from fullwaveform.core.pulse_models import ReceiverModel
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTally
@@ -20,6 +21,8 @@ from fullwaveform.extraction.prepare import MAX_AUTO_SCALE
 
 #: Label, value, remark.
 Row = tuple[str, str, str]
+
+_CHANNELS = {0: "high", 1: "low"}
 
 
 @dataclass(frozen=True)
@@ -176,11 +179,19 @@ def threshold_rows(
     return rows
 
 
+def pulse_model_row(entry: ReceiverModel) -> Row:
+    """Receiver of a pulse model, and the pulses of which it was made."""
+    pulses = {"returned": "isolated echoes", "outgoing": "outgoing pulses"}[entry.origin]
+    channel = _CHANNELS.get(entry.channel_flag, str(entry.channel_flag))
+    receiver = f"{channel} channel, descriptor {entry.descriptor}"
+    return ("pulse model", f"{entry.pulses:,}", f"{pulses}, {receiver}")
+
+
 def receiver_name(level: ChannelLevels, levels: Sequence[ChannelLevels]) -> str:
     """What distinguishes a receiver from the others of its file; empty if it is the only one."""
     if len(levels) == 1:
         return ""
-    channel = {0: "high", 1: "low"}.get(level.channel_flag, str(level.channel_flag))
+    channel = _CHANNELS.get(level.channel_flag, str(level.channel_flag))
     return f"{channel} channel, descriptor {level.descriptor}"
 
 

@@ -10,7 +10,9 @@ from typing import Any
 import numpy as np
 
 from fullwaveform.calibration.phase_choice import PhaseChoice
+from fullwaveform.calibration.pulse_choice import PulseChoice
 from fullwaveform.core.driver import Mode, Threshold, Thresholds
+from fullwaveform.core.pulse_models import ReceiverModel
 from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.core.scanner_attributes import checked_attributes
 from fullwaveform.extraction.extractor import ExtractionSettings
@@ -18,6 +20,7 @@ from fullwaveform.extraction.prepare import Baseline, SampleScale
 from fullwaveform.io.base import flag_table
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 
+_MAX_SHOWN = 60  # characters of the first entries of a list
 _OTHERS = "others"  # key of the flag of all channels that are not listed
 # Waveforms of a part by mode: at most a few minutes of one processor, and a part that fits in
 # memory.
@@ -57,6 +60,8 @@ class JobSettings:
     max_samples: int = DEFAULT_MAX_SAMPLES
     keep_degraded: bool = False
     crs: str | None = None
+    # Pulse models, or the pulses of which they are made for each input; None: not needed.
+    pulse: PulseChoice | tuple[ReceiverModel, ...] | None = None
 
     @classmethod
     def of(
@@ -73,6 +78,7 @@ class JobSettings:
         outgoing_phase: PhaseChoice = "auto",
         keep_degraded: bool = False,
         crs: str | None = None,
+        pulse: PulseChoice | tuple[ReceiverModel, ...] | None = None,
     ) -> JobSettings:
         """The settings of a run; None for `blocks_per_part` gives parts of a few minutes."""
         scanner = settings.scanner
@@ -98,6 +104,7 @@ class JobSettings:
             outgoing_phase=outgoing_phase,
             keep_degraded=keep_degraded,
             crs=crs,
+            pulse=pulse,
         )
 
     def extraction(self) -> ExtractionSettings:
@@ -142,8 +149,9 @@ def differences(before: Any, now: Any, name: str = "") -> list[str]:
 
 
 def _shown(value: Any) -> str:
-    if isinstance(value, list):
-        return f"a list of {len(value)} starting with {value[:2]}"
+    if isinstance(value, list | tuple):
+        start = repr(value[:2])
+        return f"a list of {len(value)} starting with {start[:_MAX_SHOWN]}"
     return "unset" if value is None else repr(value)
 
 

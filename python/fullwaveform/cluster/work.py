@@ -134,7 +134,7 @@ def _opened(unit: Unit) -> WaveformReader:
 
 def _count_blocks(unit: Unit) -> UnitResult:
     with _opened(unit) as reader:
-        calibration = measure(reader, unit.settings.outgoing_phase)
+        calibration = measure(reader, unit.settings.outgoing_phase, unit.settings.pulse)
         return UnitResult(blocks=reader.block_count(), calibration=calibration)
 
 

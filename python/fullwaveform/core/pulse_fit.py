@@ -10,7 +10,7 @@ import numpy as np
 import numpy.typing as npt
 
 from fullwaveform import _core
-from fullwaveform.core.driver import RunMonitor
+from fullwaveform._core import RunMonitor
 from fullwaveform.data.arrays import FloatArray, IntArray, UInt16Array
 from fullwaveform.data.checks import checked_counts, checked_integers, checked_samples
 from fullwaveform.data.columns import Columns

@@ -6,6 +6,8 @@ from collections.abc import Mapping, Sequence
 from dataclasses import asdict, dataclass, fields, replace
 from typing import Any, Literal, get_args
 
+import numpy as np
+
 from fullwaveform.core.pulse_fit import PulseModel
 from fullwaveform.core.scanner_attributes import plain_value
 
@@ -63,6 +65,17 @@ def at_interval(model: PulseModel, sampling_interval: float) -> PulseModel:
         widening=model.widening * ratio**2,
         sampling_interval=sampling_interval,
     )
+
+
+def full_width(model: PulseModel) -> float:
+    """Full width of the pulse at half of its maximum, in samples of the model."""
+    values = np.array(model.pulse)
+    half, top = 0.5 * values.max(), int(np.argmax(values))
+    before = top - int(np.argmax(values[top::-1] < half))
+    after = top + int(np.argmax(values[top:] < half))
+    left = before + (half - values[before]) / (values[before + 1] - values[before])
+    right = after - (half - values[after]) / (values[after - 1] - values[after])
+    return float(model.lag_step * (right - left))
 
 
 def model_table(entry: ReceiverModel) -> dict[str, Any]:

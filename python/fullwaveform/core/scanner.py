@@ -12,6 +12,7 @@ from typing import Any
 
 from fullwaveform import _core
 from fullwaveform.core.messages import forward_messages
+from fullwaveform.core.pulse_models import ReceiverModel, models_of_tables
 from fullwaveform.core.scanner_attributes import (
     ALL_ATTRIBUTES,
     SBL_ATTRIBUTES,
@@ -70,6 +71,7 @@ class Scanner:
     notes: tuple[str, ...] = field(default=())  # for the user
     deconvolution_offset: float = 0.0  # samples, subtracted from deconvolved positions
     deconvolution_offset_hybrid: float | None = None  # in mode 3; None: the same
+    pulse_models: tuple[ReceiverModel, ...] = ()  # of the pulse fit, by channel flag and descriptor
 
     @classmethod
     def from_attributes(
@@ -97,7 +99,8 @@ class Scanner:
 
         Optional tables are ``[deconvolution]`` with ``position_offset`` and
         ``position_offset_hybrid`` (default: the same) in samples of ``WaveformSampleInterval``, and
-        ``[after_pulse]`` with ``offset`` and ``width`` in samples. Without ``[after_pulse]`` the
+        ``[after_pulse]`` with ``offset`` and ``width`` in samples; tables ``[[pulse_model]]`` have
+        the fields of `ReceiverModel` and `PulseModel`. Without ``[after_pulse]`` the
         after-pulse filter is disabled for unknown scanner types, so that no echoes are lost.
 
         Raises
@@ -122,13 +125,16 @@ class Scanner:
                 f"scanner description {path}: position_offset is in samples; add "
                 "WaveformSampleInterval, at which it was measured"
             )
-        attributes = checked_attributes(content, f"scanner description {path}")
+        origin = f"scanner description {path}"
+        pulse_models = models_of_tables(content.pop("pulse_model", []), origin)
+        attributes = checked_attributes(content, origin)
         return _disable_unknown_after_pulse(
             cls(
                 attributes,
                 after_pulse,
                 deconvolution_offset=offset,
                 deconvolution_offset_hybrid=hybrid,
+                pulse_models=pulse_models,
             )
         )
 

@@ -4,13 +4,12 @@ from __future__ import annotations
 
 import os
 import tomllib
-from dataclasses import asdict, replace
+from dataclasses import replace
 from typing import Any
 
-import tomli_w
-
-from fullwaveform.core.scanner import NO_AFTER_PULSE, Scanner
-from fullwaveform.io.atomic import FileKind, atomic_path
+from fullwaveform.core.scanner import Scanner
+from fullwaveform.io.atomic import FileKind
+from fullwaveform.io.scanner_file import scanner_text, write_text
 from fullwaveform.system_wave.exponentials import ExponentialSum
 from fullwaveform.system_wave.offset import DeconvolutionOffset
 
@@ -40,18 +39,15 @@ def description_text(
     scanner: Scanner, offset: DeconvolutionOffset | None, remarks: tuple[str, ...] = ()
 ) -> str:
     """The TOML of a scanner, after remarks as comments, one line each."""
-    content: dict[str, Any] = dict(scanner.attributes)
-    if scanner.after_pulse not in (None, NO_AFTER_PULSE):
-        content["after_pulse"] = asdict(scanner.after_pulse)
+    table: dict[str, Any] = {}
     if offset is not None:
-        content["deconvolution"] = {
+        table = {
             "position_offset": offset.position,
             "position_offset_hybrid": offset.hybrid,
             "position_spread": offset.spread,
             "echoes": offset.echoes,
         }
-    head = "".join(f"# {' '.join(remark.split())}\n" for remark in remarks)
-    return head + tomli_w.dumps(content)
+    return scanner_text(scanner, remarks, table)
 
 
 def write_description(
@@ -68,5 +64,4 @@ def write_description(
     scanner description with a system wave.
     """
     text = description_text(scanner, offset, remarks)
-    with atomic_path(path, DESCRIPTION_KIND, overwrite=overwrite) as temporary:
-        temporary.write_text(text, encoding="utf-8")
+    write_text(path, text, DESCRIPTION_KIND, overwrite=overwrite)
