@@ -5,9 +5,10 @@
 namespace FullWaveform {
 namespace {
 
-/// Solves U x = x.
-void backSubstitute(std::span<double const> rows, std::size_t n, std::size_t stride, std::span<double> x) {
-  for (std::size_t k = n; k-- > 0;) {
+/// Solves U x = x for the elements from `first` on.
+void backSubstitute(std::span<double const> rows, std::size_t n, std::size_t stride, std::size_t first,
+                    std::span<double> x) {
+  for (std::size_t k = n; k-- > first;) {
     double const* const row = rows.data() + k * stride;
     double value = x[k];
     for (std::size_t i = k + 1; i < n; ++i) {
@@ -23,14 +24,14 @@ void choleskySolve(std::span<double const> rows, std::size_t n, std::size_t stri
   for (std::size_t k = 0; k < n; ++k) {
     x[k] = rows[k * stride + n];
   }
-  backSubstitute(rows, n, stride, x);
+  backSubstitute(rows, n, stride, 0, x);
 }
 
 void choleskyInverse(std::span<double const> rows, std::size_t n, std::size_t stride,
                      std::span<double> inverse) {
   for (std::size_t j = 0; j < n; ++j) {
     std::span<double> const x = inverse.subspan(j * n, n);  // symmetric: row j is column j
-    std::fill(x.begin(), x.end(), 0.0);
+    std::fill(x.begin() + static_cast<std::ptrdiff_t>(j), x.end(), 0.0);
     x[j] = 1.0;
     for (std::size_t k = j; k < n; ++k) {
       double const* const row = rows.data() + k * stride;
@@ -40,7 +41,10 @@ void choleskyInverse(std::span<double const> rows, std::size_t n, std::size_t st
       }
       x[k] = value * row[k];
     }
-    backSubstitute(rows, n, stride, x);
+    backSubstitute(rows, n, stride, j, x);
+    for (std::size_t k = j + 1; k < n; ++k) {
+      inverse[k * n + j] = x[k];
+    }
   }
 }
 

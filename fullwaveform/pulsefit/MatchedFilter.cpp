@@ -28,8 +28,8 @@ Candidate MatchedFilter::best(EchoFit const& fit) {
   denominator.resize(padded);
   double const* const fitWeights = fit.weights().data();
   double const* const residual = fit.residual().data();
+  std::copy_n(fitWeights, size, weights.begin() + margin);
   for (std::size_t i = 0; i < size; ++i) {
-    weights[margin + i] = fitWeights[i];
     weighted[margin + i] = fitWeights[i] * residual[i];
   }
   kernels->correlate(weighted.data(), taps.data(), taps.size(), size, numerator.data());
@@ -37,7 +37,8 @@ Candidate MatchedFilter::best(EchoFit const& fit) {
   std::size_t at = 0;
   double largest = 0.0;
   for (std::size_t i = 1; i + 1 < size; ++i) {
-    if (numerator[i] > 0.0 && numerator[i] * numerator[i] > largest * denominator[i]) {
+    // With its sign: a branch on the sign of noise is not predictable.
+    if (numerator[i] * std::abs(numerator[i]) > largest * denominator[i]) {
       at = i;
       largest = numerator[i] * numerator[i] / denominator[i];
     }

@@ -56,7 +56,7 @@ struct PulseKernels {
   /// whose factor is 0, as for echoes far from each other, cost nothing.
   /// @return false if the matrix is not positive definite
   bool (*factor)(double* rows, std::size_t n, std::size_t stride);
-  /// scores[i] = sum over j of values[i + j] * taps[j], for `count` values of i.
+  /// scores[i] = sum over j of values[i + j] * taps[j], for `count` values of i, rounded up to two lanes.
   void (*correlate)(double const* values, double const* taps, std::size_t tapCount, std::size_t count,
                     double* scores);
 };

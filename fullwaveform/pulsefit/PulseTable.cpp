@@ -11,7 +11,8 @@ namespace FullWaveform {
 namespace {
 
 constexpr int phases = 16;
-constexpr double negligible = 1e-7;  // of the maximum; values beyond the last larger one are taken as 0
+constexpr double minNodeDistance = 0.02;  // samples squared
+constexpr double negligible = 1e-7;       // of the maximum; values beyond the last larger one are taken as 0
 // Above this frequency (cycles per sample) nothing of a pulse is in the samples, and a spline through them is
 // arbitrary. The steep filter keeps narrowing, which amplifies high frequencies, from amplifying that.
 constexpr double bandLimit = 0.9;
@@ -26,7 +27,7 @@ std::vector<double> varianceNodes(double pulseVariance, double maxVariance) {
   double v = PulseTable::minVariance;
   while (v < maxVariance) {
     nodes.push_back(v);
-    v += std::max(step * std::max(pulseVariance + v, 0.3), 0.02);
+    v += std::max(step * std::max(pulseVariance + v, 0.3), minNodeDistance);
   }
   nodes.push_back(maxVariance);
   return nodes;
@@ -172,10 +173,23 @@ PulseTable::PulseTable(PulseModel const& model, double maxVariance) {
       }
     }
   }
+  fillBuckets();
   for (std::size_t j = 0; j < nodes.size(); ++j) {
     Node const& before = nodes[j == 0 ? 0 : j - 1];
     Node const& after = nodes[std::min(j + 1, nodes.size() - 1)];
     nodes[j].shape.fwhmSlope = (after.shape.fwhm - before.shape.fwhm) / (after.variance - before.variance);
+  }
+}
+
+void PulseTable::fillBuckets() {
+  auto const buckets = static_cast<std::size_t>((nodes.back().variance - minVariance) / minNodeDistance) + 1;
+  std::size_t near = 0;
+  for (std::size_t bucket = 0; bucket < buckets; ++bucket) {
+    double const variance = minVariance + minNodeDistance * static_cast<double>(bucket);
+    while (near + 1 < nodes.size() && variance - nodes[near].variance > nodes[near + 1].variance - variance) {
+      ++near;
+    }
+    nodeOfBucket.push_back(static_cast<std::uint16_t>(near));
   }
 }
 
@@ -184,16 +198,14 @@ std::size_t PulseTable::rowLength(Node const& node) const {
 }
 
 std::size_t PulseTable::nodeNear(double variance) const {
-  auto const above = std::lower_bound(nodes.begin(), nodes.end(), variance,
-                                      [](Node const& node, double v) { return node.variance < v; });
-  if (above == nodes.begin()) {
-    return 0;
+  auto const last = static_cast<double>(nodeOfBucket.size() - 1);
+  double const bucket = std::clamp((variance - minVariance) / minNodeDistance, 0.0, last);
+  std::size_t near = nodeOfBucket[static_cast<std::size_t>(bucket)];
+  // Buckets are no wider than the distance of nodes.
+  if (near + 1 < nodes.size() && variance - nodes[near].variance > nodes[near + 1].variance - variance) {
+    ++near;
   }
-  if (above == nodes.end()) {
-    return nodes.size() - 1;
-  }
-  bool const isNearerBelow = variance - (above - 1)->variance < above->variance - variance;
-  return static_cast<std::size_t>(above - nodes.begin()) - (isNearerBelow ? 1 : 0);
+  return near;
 }
 
 PulseTable::Place PulseTable::placeAt(double position, double variance) const {

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include <fullwaveform/pulsefit/PulseModel.h>
@@ -62,10 +63,12 @@ class PulseTable {
     Shape shape;
   };
 
+  void fillBuckets();
   [[nodiscard]] std::size_t nodeNear(double variance) const;
   [[nodiscard]] std::size_t rowLength(Node const& node) const;
 
   std::vector<Node> nodes;
+  std::vector<std::uint16_t> nodeOfBucket;  ///< nearest to the lower end of each bucket of variances
   std::vector<double> values;
 };
 

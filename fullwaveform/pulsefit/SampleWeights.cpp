@@ -6,21 +6,27 @@
 namespace FullWaveform {
 
 void SampleWeights::set(double quiet, std::span<VarianceBand const> bands, std::span<double> weights) {
-  std::array<std::size_t, 2 * maxBands + 2> ends;
-  auto last = ends.begin();
-  *last++ = 0;
-  *last++ = weights.size();
+  std::array<std::size_t, 2 * maxBands + 1> ends;
+  ends[0] = weights.size();
+  std::size_t endCount = 1;
+  auto const insert = [&](std::size_t end) {
+    std::size_t at = endCount++;
+    for (; at > 0 && ends[at - 1] > end; --at) {
+      ends[at] = ends[at - 1];
+    }
+    ends[at] = end;
+  };
   for (VarianceBand const& band : bands) {
-    *last++ = band.first;
-    *last++ = band.end;
+    insert(band.first);
+    insert(band.end);
   }
-  std::sort(ends.begin(), last);
   count = 0;
   weightSum = 0.0;
   logarithmSum = 0.0;
-  for (auto end = ends.begin() + 1; end != last; ++end) {
-    std::size_t const first = end[-1];
-    if (first == *end) {
+  std::size_t first = 0;
+  for (std::size_t e = 0; e < endCount; ++e) {
+    std::size_t const end = ends[e];
+    if (first == end) {
       continue;
     }
     double variance = quiet;
@@ -29,14 +35,15 @@ void SampleWeights::set(double quiet, std::span<VarianceBand const> bands, std::
         variance += band.variance;
       }
     }
-    WeightSegment const& part = parts[count++] = {first, *end, 1.0 / variance};
-    auto const samples = static_cast<double>(part.end - part.first);
-    std::fill(weights.begin() + static_cast<std::ptrdiff_t>(part.first),
-              weights.begin() + static_cast<std::ptrdiff_t>(part.end), part.weight);
-    weightSum += samples * part.weight;
+    double const weight = 1.0 / variance;
+    auto const samples = static_cast<double>(end - first);
+    std::fill(weights.data() + first, weights.data() + end, weight);
+    parts[count++] = {first, end, weight};
+    weightSum += samples * weight;
     if (variance > quiet) {
       logarithmSum += samples * std::log(variance / quiet);
     }
+    first = end;
   }
 }
 

@@ -175,9 +175,9 @@ TEST_P(PulseKernelsTest, FactorRefusesWhatIsNotPositiveDefinite) {
 }
 
 TEST_P(PulseKernelsTest, Correlate) {
-  Values const values = randomValues(41, count + 5 + 8);
+  Values const values = randomValues(41, count + 5 + 16);
   Values const taps = randomValues(42, 5);
-  Values scores(count);
+  Values scores(count + 8);
   kernels().correlate(values.data(), taps.data(), taps.size(), count, scores.data());
   for (std::size_t i = 0; i < count; ++i) {
     double expected = 0.0;
