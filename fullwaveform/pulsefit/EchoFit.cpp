@@ -39,7 +39,8 @@ EchoFit::EchoFit(PulseModel const& model, PulseTable const& table, InstructionSe
     : model(model),
       table(&table),
       kernels(&pulseKernels(set)),
-      prior(model.varianceSpread, model.widening),
+      priorOfOne(model.varianceSpread, model.widening),
+      priorOfSeveral(WidthPrior::ofSeveral(model.varianceSpread, model.widening)),
       noiseDeviation(model.noiseRms * model.noiseCorrelation),
       baselinePrior(std::max(2.0 * model.baselineSpread, 0.3 * model.noiseRms)),
       scatter(model.scatter),
@@ -68,12 +69,11 @@ void EchoFit::setScatterFactor(double factor) {
   scatter = factor * model.scatter;
 }
 
-void EchoFit::setWideningFactor(double factor) {
-  if (factor == wideningFactor) {
+void EchoFit::setWidthsOfSeveral(bool areOfSeveral) {
+  if (areOfSeveral == areWidthsOfSeveral) {
     return;
   }
-  wideningFactor = factor;
-  prior = WidthPrior(model.varianceSpread, factor * model.widening);
+  areWidthsOfSeveral = areOfSeveral;
   isEvaluated = false;
   for (Evaluation& evaluation : evaluations) {
     for (Column& column : evaluation.columns) {
@@ -106,7 +106,7 @@ void EchoFit::place(EchoState const& echo, Column& column) const {
     return;
   }
   if (echo.variance != column.variance || std::isnan(column.position)) {
-    column.width = prior.at(echo.variance);
+    column.width = widthPrior().at(echo.variance);
   }
   column.position = echo.position;
   column.variance = echo.variance;

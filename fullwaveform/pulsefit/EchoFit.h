@@ -39,8 +39,8 @@ class EchoFit {
   void setSignal(std::span<unsigned short const> samples, double limit);
   /// Sets the factor on the scatter: larger than 1 while echoes are looked for.
   void setScatterFactor(double factor);
-  /// Sets the factor on the mean widening of the width prior.
-  void setWideningFactor(double factor);
+  /// Sets whether widths are expected as in waveforms with several echoes, or as in those with one.
+  void setWidthsOfSeveral(bool areOfSeveral);
   void setCosts(double ofEcho, double ofFreeWidth) {
     echoCost = ofEcho;
     widthCost = ofFreeWidth;
@@ -59,7 +59,9 @@ class EchoFit {
   [[nodiscard]] std::size_t samples() const { return size; }
   /// Standard deviation of a sample without light.
   [[nodiscard]] double noise() const { return noiseDeviation; }
-  [[nodiscard]] WidthPrior const& widthPrior() const { return prior; }
+  [[nodiscard]] WidthPrior const& widthPrior() const {
+    return areWidthsOfSeveral ? priorOfSeveral : priorOfOne;
+  }
 
   /// Covariance of the parameters at the last evaluated hypothesis.
   /// @return false if the matrix is singular
@@ -126,11 +128,12 @@ class EchoFit {
   PulseModel model;
   PulseTable const* table;
   PulseKernels const* kernels;
-  WidthPrior prior;
+  WidthPrior priorOfOne;
+  WidthPrior priorOfSeveral;
+  bool areWidthsOfSeveral = false;
   double noiseDeviation;
   double baselinePrior;  ///< standard deviation, counts
   double scatter;
-  double wideningFactor = 1.0;
   // Few samples show an echo outside the waveform, so that their noise is not that of a matched filter.
   double outsideFactor;
   double echoCost = 40.0;

@@ -11,8 +11,6 @@ constexpr double searchScatter = 4.0;  // factor on the scatter while echoes are
 constexpr double minScore = 3.0;       // standard deviations
 // With 8 instead, one pair of SNR 100 at 0.55 pulse widths in ten is taken for one wide echo.
 constexpr double widthCost = 14.0;
-// Several echoes in one waveform come from vegetation and edges, which widen echoes more than flat surfaces.
-constexpr double wideningOfSeveral = 3.0;
 constexpr double isolation = 8.0;      // samples beyond which an echo does not change the others
 constexpr double clearGain = 200.0;    // of the cost: there is more to find before details are looked at
 constexpr double neighbourhood = 6.0;  // samples
@@ -70,7 +68,7 @@ Hypothesis EchoSearch::run(EchoFit& fit, double baseline, double costOfEcho) {
   echoCost = costOfEcho;
   fit.setCosts(echoCost, widthCost);
   fit.setScatterFactor(searchScatter);
-  fit.setWideningFactor(1.0);
+  fit.setWidthsOfSeveral(false);
   Hypothesis hypothesis;
   hypothesis.baseline = baseline;
   fit.refine(hypothesis);
@@ -93,7 +91,7 @@ Hypothesis EchoSearch::run(EchoFit& fit, double baseline, double costOfEcho) {
 void EchoSearch::settle(EchoFit& fit, Hypothesis& hypothesis) {
   fit.setScatterFactor(1.0);
   if (hypothesis.count > 1) {
-    fit.setWideningFactor(wideningOfSeveral);
+    fit.setWidthsOfSeveral(true);
     for (std::size_t k = 0; k < hypothesis.count; ++k) {
       EchoState& echo = hypothesis.echoes[k];
       echo.hasFreeWidth = echo.hasFreeWidth && fit.widthPrior().at(echo.variance).value > widthCost;

@@ -32,6 +32,10 @@ WidthPrior::WidthPrior(double spread, double widening)
   atZero = unnormalised(0.0).value;
 }
 
+WidthPrior WidthPrior::ofSeveral(double spread, double widening) {
+  return {std::hypot(spread, 0.4 * widening), 3.0 * widening};
+}
+
 WidthPrior::Energy WidthPrior::at(double variance) const {
   Energy energy = unnormalised(variance);
   energy.value -= atZero;

@@ -43,6 +43,14 @@ TEST(WidthPrior, SlopeAndCurvatureAreThoseOfTheConvolution) {
   }
 }
 
+TEST(WidthPrior, OfSeveralIsWider) {
+  WidthPrior const prior = WidthPrior::ofSeveral(0.3, 1.0);
+  double const atZero = energyByConvolution(0.0, 0.5, 3.0);  // 0.5^2 = 0.3^2 + 0.4^2
+  for (double const variance : {-0.4, 0.3, 2.0}) {
+    EXPECT_NEAR(prior.at(variance).value, energyByConvolution(variance, 0.5, 3.0) - atZero, 1e-4) << variance;
+  }
+}
+
 TEST(WidthPrior, IsNormalWithoutWidening) {
   WidthPrior const prior(0.2, 0.0);
   EXPECT_NEAR(prior.at(0.2).value, 1.0, 5e-3);
