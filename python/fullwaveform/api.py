@@ -44,6 +44,7 @@ from fullwaveform.extraction.prepare import (
     checked_sample_scale,
 )
 from fullwaveform.extraction.run_metadata import run_metadata
+from fullwaveform.extraction.smoothing import checked_smoothing
 from fullwaveform.extraction.waveform_table import WAVEFORM_COLUMNS, WaveformTable
 from fullwaveform.io.atomic import protected_inputs
 from fullwaveform.io.base import WaveformReader
@@ -184,6 +185,7 @@ def extract(
     threshold: Thresholds | None = None,
     baseline: Baseline = "auto",
     sample_scale: SampleScale = "auto",
+    smoothing: float = 0.0,
     channel_flags: Mapping[int, int] | int = 1,
     sampling_interval: float | None = None,
     workers: int | None = None,
@@ -222,6 +224,10 @@ def extract(
     sample_scale
         Factor of the samples before the extraction, which deconvolution of few counts needs, or
         "auto". Amplitudes and thresholds are counts of the source in any case.
+    smoothing
+        Standard deviation in s of a Gaussian with which the samples are convolved before the
+        extraction, for echoes much broader than a sample. Amplitudes and widths are those of the
+        smoothed waveforms.
     channel_flags
         Channel of the waveforms of a file (1 low power, 0 high power), one for all or by packet
         descriptor or channel number.
@@ -263,6 +269,7 @@ def extract(
         threshold=checked_thresholds(threshold),
         baseline=checked_baseline(baseline),
         sample_scale=checked_sample_scale(sample_scale),
+        smoothing=checked_smoothing(smoothing),
         keep_empty=keep_empty,
         carry=carry,
     )

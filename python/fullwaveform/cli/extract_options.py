@@ -28,6 +28,7 @@ from fullwaveform.cli.options import (
     SampleScaleOption,
     ScannerFile,
     SkipUnreadable,
+    SmoothingOption,
     ThresholdOption,
     WithWaveforms,
     channel_flags_from,
@@ -49,6 +50,7 @@ class ExtractOptions:
     threshold: ThresholdOption = None
     baseline: BaselineOption = "auto"
     sample_scale: SampleScaleOption = "auto"
+    smoothing: SmoothingOption = 0.0
     scanner: ScannerFile = None
     channel: ChannelOption = None
     after_pulse: AfterPulseOption = None
@@ -86,6 +88,7 @@ class ExtractOptions:
             threshold=self.threshold,
             baseline=checked_baseline(self.baseline),
             sample_scale=self.sample_scale,
+            smoothing=self.smoothing,
             keep_empty=self.keep_empty,
             carry=self.carry,
             with_waveforms=self.with_waveforms,

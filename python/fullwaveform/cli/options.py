@@ -21,6 +21,7 @@ from fullwaveform.extraction.prepare import (
     SampleScale,
     checked_baseline,
 )
+from fullwaveform.extraction.smoothing import MAX_SMOOTHING, checked_smoothing
 from fullwaveform.io.base import WaveformReader
 
 #: Modes by their names on the command line.
@@ -99,6 +100,17 @@ def parse_interval(text: str) -> float:
     if not (nanoseconds > 0.0 and math.isfinite(nanoseconds)):
         raise typer.BadParameter(f"{text!r} must be a finite number above 0, in ns")
     return nanoseconds / _NANOSECONDS
+
+
+def _smoothing(text: str | float) -> float:
+    """Standard deviation in s, from ns."""
+    if isinstance(text, float):  # the default
+        return text
+    try:
+        return checked_smoothing(_number(text) / _NANOSECONDS)
+    except ValueError as error:
+        largest = MAX_SMOOTHING * _NANOSECONDS
+        raise typer.BadParameter(f"{text!r} must be 0 to {largest:g}, in ns") from error
 
 
 def _time(text: str) -> float:
@@ -180,6 +192,15 @@ SampleScaleOption = Annotated[
         show_default=False,
         help="Factor of the samples before the extraction; auto: up to 16 for weak waveforms in "
         "the modes that deconvolve. Default: auto",
+    ),
+]
+SmoothingOption = Annotated[
+    float,
+    typer.Option(
+        parser=_smoothing,
+        metavar="NS",
+        show_default=False,
+        help="Standard deviation in ns of a Gaussian that smooths the samples. Default: 0, none",
     ),
 ]
 OutgoingPhaseOption = Annotated[

@@ -62,6 +62,7 @@ class JobSettings:
     crs: str | None = None
     # Pulse models, or the pulses of which they are made for each input; None: not needed.
     pulse: PulseChoice | tuple[ReceiverModel, ...] | None = None
+    smoothing: float = 0.0  # s
 
     @classmethod
     def of(
@@ -105,6 +106,7 @@ class JobSettings:
             keep_degraded=keep_degraded,
             crs=crs,
             pulse=pulse,
+            smoothing=settings.smoothing,
         )
 
     def extraction(self) -> ExtractionSettings:
@@ -124,6 +126,7 @@ class JobSettings:
             keep_empty=self.keep_empty,
             carry=self.carry,
             with_waveforms=self.with_waveforms,
+            smoothing=self.smoothing,
         )
 
     def flags(self) -> dict[int, int]:

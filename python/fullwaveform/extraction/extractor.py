@@ -51,6 +51,7 @@ class ExtractionSettings:
     threshold: Thresholds | None = None
     baseline: Baseline = "auto"
     sample_scale: SampleScale = "auto"
+    smoothing: float = 0.0  # s, standard deviation; thresholds are those of the samples as they are
     keep_empty: bool = False  # whether waveforms without echoes have a row in the echo table
     carry: bool = True  # whether echoes take class and extra bytes of a discrete return nearby
     with_waveforms: bool = False  # whether the result of a block includes its waveforms
@@ -67,7 +68,12 @@ class ExtractionSettings:
     def preparation(self) -> Preparation:
         """How waveforms are prepared for the driver."""
         return Preparation(
-            self.mode, self.threshold, self.baseline, self.sample_scale, self.calibration
+            self.mode,
+            self.threshold,
+            self.baseline,
+            self.sample_scale,
+            self.calibration,
+            self.smoothing,
         )
 
     @property

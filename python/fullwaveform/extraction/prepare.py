@@ -15,6 +15,7 @@ from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.core.driver import DECONVOLVING_MODES, Mode, Thresholds
 from fullwaveform.data.arrays import AnyArray, BoolArray, FloatArray, IntArray, UInt16Array
 from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.extraction.smoothing import smoothed
 
 #: What becomes of the baseline; "auto" removes it where it is high against the noise.
 Baseline = Literal["keep", "remove", "auto"]
@@ -55,6 +56,7 @@ class Preparation:
     baseline: Baseline
     sample_scale: SampleScale
     calibration: Calibration
+    smoothing: float = 0.0  # s, standard deviation
 
     def removes_baseline(self, level: ChannelLevels) -> bool:
         """Whether the baseline of the waveforms of a receiver is taken off."""
@@ -136,7 +138,7 @@ def checked_sample_scale(scale: SampleScale) -> SampleScale:
 
 
 def prepare(block: WaveformBlock, preparation: Preparation) -> PreparedBlock:
-    """Take off baselines and scale samples, each waveform for itself.
+    """Smooth the samples, take off baselines and scale them, each waveform for itself.
 
     What is taken off is a whole number of counts that leaves five noise rms, at most 12 counts;
     samples below it become 0. The result of a waveform does not depend on the others of its block.
@@ -146,6 +148,7 @@ def prepare(block: WaveformBlock, preparation: Preparation) -> PreparedBlock:
     ValueError
         If the threshold is an array without a value for a waveform of the block.
     """
+    block = smoothed(block, preparation.smoothing)
     samples, rows = block.samples, len(block)
     given = _given_thresholds(block, preparation.threshold)
     thresholds = np.full(rows, ESTIMATE, np.int64)

@@ -18,6 +18,7 @@ def run_metadata(settings: ExtractionSettings, source: Path | None) -> dict[str,
         "threshold": _threshold(settings),
         "baseline": settings.baseline,
         "sample_scale": str(settings.sample_scale),
+        **({"smoothing_ns": repr(settings.smoothing * 1e9)} if settings.smoothing else {}),
         "outgoing_phase": settings.outgoing_phase,
         "scanner": json.dumps(dict(settings.scanner.attributes), sort_keys=True),
     }

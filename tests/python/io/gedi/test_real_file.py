@@ -8,9 +8,11 @@ from pathlib import Path
 import h5py
 import numpy as np
 import pytest
+from scipy.optimize import linear_sum_assignment
 
 from fullwaveform import extract
 from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.data.columns import Columns
 from fullwaveform.io.opening import open_waveforms
 
 from ...support.las_scenes import data_folder
@@ -107,3 +109,39 @@ def test_echoes_are_the_same_for_any_number_of_workers(waveforms: Path, workers:
     for name, column in one.peaks.items():
         nan = column.dtype.kind == "f"
         assert np.array_equal(column, other.peaks[name], equal_nan=nan), name
+
+
+def pairs_with_modes(found: Columns, official: dict[str, np.ndarray]) -> int:
+    """Echoes and modes of a shot that lie within 1 m, one to one."""
+    pairs = 0
+    for shot, modes, positions in zip(
+        official["shot_number"], official["modes"], official["positions"], strict=True
+    ):
+        heights = found["z"][found["shot_number"] == shot]
+        near = np.abs(heights[:, np.newaxis] - modes[positions > 0]) <= 1.0
+        pairs += int(near[linear_sum_assignment(near, maximize=True)].sum())
+    return pairs
+
+
+@pytest.mark.parametrize(
+    ("options", "pairs", "others"),
+    [
+        ({}, 285, 156),
+        ({"mode": "decomposition"}, 292, 95),
+        ({"smoothing": 6.5e-9}, 300, 0),
+        ({"mode": "decomposition", "smoothing": 2e-9}, 293, 21),
+    ],
+)
+def test_echoes_are_the_official_modes(
+    waveforms: Path,
+    official: dict[str, np.ndarray],
+    options: dict[str, object],
+    pairs: int,
+    others: int,
+) -> None:
+    """The table of the page on archives; 306 modes."""
+    assert np.count_nonzero(official["positions"] > 0) == 306
+    found = extract(waveforms, **options).peaks  # type: ignore[arg-type]
+    paired = pairs_with_modes(found, official)
+    assert paired >= pairs
+    assert found.rows - paired <= others
