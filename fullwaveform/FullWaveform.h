@@ -7,6 +7,7 @@
 #include <fullwaveform/deconvolution/RL_Planes.h>
 #include <fullwaveform/deconvolution/RichardsonLucy.h>
 #include <fullwaveform/deconvolution/SystemWaveFit.h>
+#include <fullwaveform/deconvolution/SystemWaveShape.h>
 #include <fullwaveform/driver/BlockReport.h>
 #include <fullwaveform/driver/FWFModus.h>
 #include <fullwaveform/driver/PeakDetectionFamily.h>
@@ -39,8 +40,12 @@
 #include <fullwaveform/model/PrintWave.h>
 #include <fullwaveform/model/WavePoints.h>
 #include <fullwaveform/online/OnlineEvaluation.h>
+#include <fullwaveform/pulsefit/EchoUncertainty.h>
+#include <fullwaveform/pulsefit/GaussUncertainty.h>
 #include <fullwaveform/pulsefit/PulseFit.h>
 #include <fullwaveform/pulsefit/PulseModel.h>
+#include <fullwaveform/pulsefit/SystemWaveUncertainty.h>
+#include <fullwaveform/pulsefit/ThreePointUncertainty.h>
 #include <fullwaveform/scanner/ExtraAttributes.h>
 #include <fullwaveform/scanner/ScannerDevice.h>
 #include <fullwaveform/scanner/SpeedOfLight.h>

@@ -2,21 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
-#include <complex>
-#include <cstdint>
-#include <stdexcept>
 
-#include <fullwaveform/deconvolution/DeconvolutionInput.h>
-#include <fullwaveform/deconvolution/FftConvolution.h>
 #include <fullwaveform/fitting/SmoothedValue.h>
-#include <fullwaveform/scanner/ExponentialSum.h>
 
 namespace FullWaveform {
 namespace {
 
-constexpr std::uint32_t stepsPerSample = 16;  // of the table: the interpolation is exact to about 1e-7
-constexpr double maxShift = 1.0;              // samples from the deconvolved position
-constexpr double maxStep = 0.25;              // samples per iteration
+constexpr double maxShift = 1.0;  // samples from the deconvolved position
+constexpr double maxStep = 0.25;  // samples per iteration
 constexpr double convergedStep =
     1e-4;  // samples; a tenth of the noise bound at a height of 1e4 times the rms
 constexpr double convergedScale = 1e-3;  // counts
@@ -26,31 +19,7 @@ constexpr int maxSweeps = 40;
 
 }  // namespace
 
-SystemWaveFit::SystemWaveFit(ScannerDevice const& device) {
-  auto const systemWave = upsampledSystemWave(device);
-  if (!systemWave) {
-    throw std::invalid_argument("the scanner has no system wave; the fit needs its exponential sums");
-  }
-  std::span<std::complex<double> const> const a(device.expsum_a->data(), device.expsum_a->size());
-  std::span<std::complex<double> const> const b(device.expsum_b->data(), device.expsum_b->size());
-  std::vector<std::complex<double>> derivative(b.begin(), b.end());
-  for (std::size_t k = 0; k < derivative.size(); ++k) {
-    derivative[k] *= a[k] * device.sampling_time;
-  }
-  std::vector<double> wave((device.size_sys - 1) * stepsPerSample + 1);
-  std::vector<double> slope(wave.size());
-  double const step = device.sampling_time / stepsPerSample;
-  synthesiseSystemWave(a, b, step, wave);
-  synthesiseSystemWave(derivative, b, step, slope);
-  auto const maximum = std::max_element(wave.begin(), wave.end());
-  for (std::size_t i = 0; i < wave.size(); ++i) {
-    table.push_back({wave[i] / *maximum, slope[i] / *maximum});
-  }
-  maximumAt = static_cast<double>(maximum - wave.begin()) / stepsPerSample;
-  // The blurring of an echo begins the first half of the system wave before it.
-  double const half = static_cast<double>(kernelCentre(systemWave->size())) / device.up_sampling;
-  lag = half + firstPosition(WavePoints<unsigned short>(), device.up_sampling);
-}
+SystemWaveFit::SystemWaveFit(ScannerDevice const& device) : shape(device) {}
 
 void SystemWaveFit::refine(std::span<unsigned short const> samples, double baseline,
                            std::span<double> positions, std::span<double> heights) {
@@ -66,7 +35,7 @@ void SystemWaveFit::refine(std::span<unsigned short const> samples, double basel
   iterate(maxSweeps, convergedStep, [this](Echo& echo) { return improve(echo); });
   for (std::size_t k = 0; k < echoes.size(); ++k) {
     positions[k] = echoes[k].position;
-    heights[k] = echoes[k].scale + smoothedAt(residual, echoes[k].position - lag + maximumAt);
+    heights[k] = echoes[k].scale + smoothedAt(residual, shape.maximumOf(echoes[k].position));
   }
 }
 
@@ -126,31 +95,8 @@ double SystemWaveFit::improve(Echo& echo) {
 }
 
 SystemWaveFit::Cover SystemWaveFit::coverOf(double position) {
-  double const start = position - lag;
-  double const length = static_cast<double>(table.size() - 1) / stepsPerSample;
-  double const first = std::ceil(std::max(start, 0.0));
-  double const last = std::floor(std::min(start + length, static_cast<double>(residual.size()) - 1.0));
-  covered.clear();
-  double sample = first;
-  while (sample <= last) {
-    covered.push_back(valueAt(sample - start));
-    sample += 1.0;
-  }
-  return {covered.empty() ? 0 : static_cast<std::size_t>(first), covered};
-}
-
-/// Cubic Hermite interpolation.
-SystemWaveFit::Value SystemWaveFit::valueAt(double sample) const {
-  double const step = 1.0 / stepsPerSample;
-  double const place = sample * stepsPerSample;
-  auto const k = std::min(static_cast<std::size_t>(place), table.size() - 2);
-  auto const& [y0, d0] = table[k];
-  auto const& [y1, d1] = table[k + 1];
-  double const t = place - static_cast<double>(k);
-  double const rise = y1 - y0;
-  double const c2 = 3.0 * rise - step * (2.0 * d0 + d1);
-  double const c3 = step * (d0 + d1) - 2.0 * rise;
-  return {y0 + t * (step * d0 + t * (c2 + t * c3)), d0 + t * (2.0 * c2 + t * 3.0 * c3) * stepsPerSample};
+  std::size_t const first = shape.cover(position, residual.size(), covered);
+  return {first, covered};
 }
 
 SystemWaveFit::Products SystemWaveFit::productsOf(Cover const& cover) const {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <fullwaveform/Export.h>
+#include <fullwaveform/deconvolution/SystemWaveShape.h>
 #include <fullwaveform/scanner/ScannerDevice.h>
 
 namespace FullWaveform {
@@ -36,10 +37,6 @@ class SystemWaveFit {
                                   std::span<double> positions, std::span<double> heights);
 
  private:
-  struct Value {
-    double wave;
-    double slope;  ///< per sample
-  };
   struct Echo {
     double start;  ///< position of the deconvolution
     double position;
@@ -49,7 +46,7 @@ class SystemWaveFit {
   /// The system wave of an echo at the samples that it covers.
   struct Cover {
     std::size_t first;
-    std::span<Value const> values;
+    std::span<SystemWaveShape::Value const> values;
   };
   /// Sums over those samples.
   struct Products {
@@ -60,7 +57,6 @@ class SystemWaveFit {
     double slopeResidual;
   };
 
-  [[nodiscard]] Value valueAt(double sample) const;
   Cover coverOf(double position);
   [[nodiscard]] Products productsOf(Cover const& cover) const;
   void subtract(Cover const& cover, double scale);
@@ -69,11 +65,9 @@ class SystemWaveFit {
   double improveScale(Echo& echo);
   double improve(Echo& echo);
 
-  std::vector<Value> table;  ///< of the system wave, its maximum 1
-  double lag = 0.0;          ///< position of an echo less that of the start of its system wave, samples
-  double maximumAt = 0.0;    ///< of the system wave, samples after its start
+  SystemWaveShape shape;
   std::vector<double> residual;
-  std::vector<Value> covered;
+  std::vector<SystemWaveShape::Value> covered;
   std::vector<Echo> echoes;
 };
 

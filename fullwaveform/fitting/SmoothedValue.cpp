@@ -2,24 +2,37 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstddef>
 
 namespace FullWaveform {
 
-double smoothedAt(std::span<double const> values, double position) {
+SmoothingWeights smoothingAt(std::size_t count, double position) {
   constexpr double reach = 2.0;
-  if (values.size() < 5) {
-    return 0.0;
+  SmoothingWeights smoothing;
+  if (count < smoothing.weights.size()) {
+    return smoothing;
   }
-  double const last = static_cast<double>(values.size()) - 1.0;
+  double const last = static_cast<double>(count) - 1.0;
   double const inside = std::clamp(position, 0.0, last);
   double const centre = std::clamp(std::round(inside), reach, last - reach);
-  double const* const y = values.data() + static_cast<std::ptrdiff_t>(centre);
-  double const middle = (17.0 * y[0] + 12.0 * (y[-1] + y[1]) - 3.0 * (y[-2] + y[2])) / 35.0;
-  double const slope = (y[1] - y[-1] + 2.0 * (y[2] - y[-2])) / 10.0;
-  double const curvature = (2.0 * (y[-2] + y[2]) - (y[-1] + y[1]) - 2.0 * y[0]) / 14.0;
   double const off = inside - centre;
-  return middle + off * (slope + off * curvature);
+  smoothing.first = static_cast<std::size_t>(centre - reach);
+  for (std::size_t k = 0; k < smoothing.weights.size(); ++k) {
+    double const x = static_cast<double>(k) - reach;
+    double const middle = (17.0 - 5.0 * x * x) / 35.0;
+    double const slope = x / 10.0;
+    double const curvature = (x * x - 2.0) / 14.0;
+    smoothing.weights[k] = middle + off * (slope + off * curvature);
+  }
+  return smoothing;
+}
+
+double smoothedAt(std::span<double const> values, double position) {
+  SmoothingWeights const smoothing = smoothingAt(values.size(), position);
+  double sum = 0.0;
+  for (std::size_t k = 0; values.size() >= smoothing.weights.size() && k < smoothing.weights.size(); ++k) {
+    sum += smoothing.weights[k] * values[smoothing.first + k];
+  }
+  return sum;
 }
 
 }  // namespace FullWaveform

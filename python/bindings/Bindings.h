@@ -12,4 +12,5 @@ void bindDeconvolution(nanobind::module_& module);
 void bindOnline(nanobind::module_& module);
 void bindPulseWaves(nanobind::module_& module);
 void bindPulseFit(nanobind::module_& module);
+void bindUncertainty(nanobind::module_& module);
 void bindDriver(nanobind::module_& module);

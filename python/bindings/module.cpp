@@ -13,4 +13,5 @@ NB_MODULE(_core, module) {
   bindPulseWaves(module);
   bindDriver(module);
   bindPulseFit(module);
+  bindUncertainty(module);
 }

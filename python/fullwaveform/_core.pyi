@@ -108,6 +108,46 @@ def refine_echoes(
     positions: npt.NDArray[np.float64],
     scanner: ScannerDevice,
 ) -> tuple[npt.NDArray[np.float64], npt.NDArray[np.float64]]: ...
+
+MAX_NOISE_LAG: int
+
+def three_point_uncertainties(
+    samples: npt.NDArray[np.uint16],
+    counts: npt.NDArray[np.uint16],
+    thresholds: npt.NDArray[np.float64],
+    limits: npt.NDArray[np.float64],
+    covariances: npt.NDArray[np.float64],
+    baseline_deviations: npt.NDArray[np.float64],
+    rows: npt.NDArray[np.int64],
+    positions: npt.NDArray[np.float64],
+    sigmas: npt.NDArray[np.float64],
+) -> tuple[npt.NDArray[np.float64], npt.NDArray[np.float64], npt.NDArray[np.float64]]: ...
+def gaussian_uncertainties(
+    samples: npt.NDArray[np.uint16],
+    counts: npt.NDArray[np.uint16],
+    thresholds: npt.NDArray[np.float64],
+    limits: npt.NDArray[np.float64],
+    covariances: npt.NDArray[np.float64],
+    baseline_deviations: npt.NDArray[np.float64],
+    rows: npt.NDArray[np.int64],
+    positions: npt.NDArray[np.float64],
+    heights: npt.NDArray[np.float64],
+    sigmas: npt.NDArray[np.float64],
+    position_sigmas: npt.NDArray[np.float64],
+    reaches: npt.NDArray[np.float64],
+) -> tuple[npt.NDArray[np.float64], npt.NDArray[np.float64], npt.NDArray[np.float64]]: ...
+def system_wave_uncertainties(
+    samples: npt.NDArray[np.uint16],
+    counts: npt.NDArray[np.uint16],
+    thresholds: npt.NDArray[np.float64],
+    limits: npt.NDArray[np.float64],
+    covariances: npt.NDArray[np.float64],
+    baseline_deviations: npt.NDArray[np.float64],
+    rows: npt.NDArray[np.int64],
+    positions: npt.NDArray[np.float64],
+    heights: npt.NDArray[np.float64],
+    scanner: ScannerDevice,
+) -> tuple[npt.NDArray[np.float64], npt.NDArray[np.float64], npt.NDArray[np.float64]]: ...
 def deconvolved_signal(
     samples: npt.NDArray[np.uint16], scanner: ScannerDevice, noise: int
 ) -> tuple[npt.NDArray[np.float64], float, float]: ...

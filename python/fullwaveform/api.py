@@ -192,6 +192,7 @@ def extract(
     outgoing_phase: PhaseChoice = "auto",
     keep_empty: bool = False,
     carry: bool = True,
+    uncertainty: bool = True,
     skip_unreadable: bool = False,
     max_samples: int = DEFAULT_MAX_SAMPLES,
     keep_degraded: bool = False,
@@ -244,6 +245,8 @@ def extract(
     carry
         Whether echoes take class, return number and extra bytes of the nearest discrete return of
         their shot, if it lies within half the width of the echo.
+    uncertainty
+        Whether the uncertainties of the echoes are computed; else their columns are NaN.
     skip_unreadable
         Skip and count unreadable waveforms of a file, instead of raising an error. An open reader
         has its own setting.
@@ -272,6 +275,7 @@ def extract(
         smoothing=checked_smoothing(smoothing),
         keep_empty=keep_empty,
         carry=carry,
+        uncertainty=uncertainty,
     )
     choice = checked_phase_choice(outgoing_phase)
     threads = available_workers() if workers is None else workers

@@ -18,7 +18,8 @@ from fullwaveform.data.arrays import UInt16Array
 from fullwaveform.data.blocks import WaveformBlock
 
 _THRESHOLD_FACTOR = 5.0  # noise rms above the baseline
-_QUANTISATION_RMS = math.sqrt(1.0 / 12.0)  # counts, of values that are rounded to counts
+#: Counts, of values that are rounded to counts.
+QUANTISATION_RMS = math.sqrt(1.0 / 12.0)
 _MIN_WEIGHT = 4.0  # samples below the baseline, of a waveform whose noise counts
 _MAX_RATIO = 4.0  # to the median of the mean squares; a larger one holds signal
 _SAMPLES_AT_ONCE = 1 << 20  # they are converted to eight bytes each
@@ -39,7 +40,7 @@ class ChannelLevels:
     @property
     def effective_rms(self) -> float:
         """Noise rms, counts; not less than that of the rounding to counts."""
-        return max(self.noise_rms, _QUANTISATION_RMS)
+        return max(self.noise_rms, QUANTISATION_RMS)
 
     @property
     def margin(self) -> float:
@@ -104,6 +105,6 @@ def _noise_rms(levels: WaveformLevels) -> float:
     if len(weight) == 0:
         return 0.0
     ratio = squares / weight
-    usual = ratio <= _MAX_RATIO * max(float(np.median(ratio)), _QUANTISATION_RMS**2)
+    usual = ratio <= _MAX_RATIO * max(float(np.median(ratio)), QUANTISATION_RMS**2)
     # Exact sums, so that the order of the waveforms does not matter.
     return math.sqrt(math.fsum(squares[usual]) / math.fsum(weight[usual]))

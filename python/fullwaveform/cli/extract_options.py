@@ -30,6 +30,7 @@ from fullwaveform.cli.options import (
     SkipUnreadable,
     SmoothingOption,
     ThresholdOption,
+    UncertaintyOption,
     WithWaveforms,
     channel_flags_from,
 )
@@ -58,6 +59,7 @@ class ExtractOptions:
     outgoing_phase: OutgoingPhaseOption = "auto"
     keep_empty: KeepEmpty = False
     carry: Carry = True
+    uncertainty: UncertaintyOption = True
     with_waveforms: WithWaveforms = False
     skip_unreadable: SkipUnreadable = False
     max_samples: MaxSamples = DEFAULT_MAX_SAMPLES
@@ -91,6 +93,7 @@ class ExtractOptions:
             smoothing=self.smoothing,
             keep_empty=self.keep_empty,
             carry=self.carry,
+            uncertainty=self.uncertainty,
             with_waveforms=self.with_waveforms,
         )
 

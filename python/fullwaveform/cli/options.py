@@ -287,6 +287,14 @@ Carry = Annotated[
         help="Take over class and extra bytes of a discrete return nearby. Default: carry",
     ),
 ]
+UncertaintyOption = Annotated[
+    bool,
+    typer.Option(
+        "--uncertainty/--no-uncertainty",
+        show_default=False,
+        help="Compute the uncertainties of the echoes. Default: uncertainty",
+    ),
+]
 AllowEmpty = Annotated[
     bool, typer.Option("--allow-empty", help="Write a file without echoes if none is found")
 ]

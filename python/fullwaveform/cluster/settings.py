@@ -45,6 +45,7 @@ class JobSettings:
     sample_scale: SampleScale
     keep_empty: bool
     carry: bool
+    uncertainty: bool
     with_waveforms: bool
     scanner_attributes: dict[str, str | float | list[float]]
     after_pulse: AfterPulse | None
@@ -90,6 +91,7 @@ class JobSettings:
             sample_scale=settings.sample_scale,
             keep_empty=settings.keep_empty,
             carry=settings.carry,
+            uncertainty=settings.uncertainty,
             with_waveforms=settings.with_waveforms,
             scanner_attributes=dict(scanner.attributes),
             after_pulse=scanner.after_pulse,
@@ -125,6 +127,7 @@ class JobSettings:
             self.sample_scale,
             keep_empty=self.keep_empty,
             carry=self.carry,
+            uncertainty=self.uncertainty,
             with_waveforms=self.with_waveforms,
             smoothing=self.smoothing,
         )

@@ -35,6 +35,7 @@ from fullwaveform.extraction.prepare import (
     prepare,
 )
 from fullwaveform.extraction.refine import refined_peaks, with_own_baselines
+from fullwaveform.extraction.uncertainty import fitted_rows, with_uncertainties
 from fullwaveform.extraction.waveform_table import WaveformTable
 
 _MUST_BE_FINITE = ("idx", "amplitudeCounts", "std")
@@ -55,6 +56,7 @@ class ExtractionSettings:
     keep_empty: bool = False  # whether waveforms without echoes have a row in the echo table
     carry: bool = True  # whether echoes take class and extra bytes of a discrete return nearby
     with_waveforms: bool = False  # whether the result of a block includes its waveforms
+    uncertainty: bool = True  # whether the uncertainties of the echoes are computed
     # Of the file; empty: nothing was measured.
     calibration: Calibration = field(default_factory=Calibration)
 
@@ -167,7 +169,7 @@ class Extractor:
             found = {name: column[finite] for name, column in result.peaks.items()}
             left_out += len(finite) - len(found["row"])
             echo_rows = rows[found["row"]]
-            threshold = waveforms["threshold"][rows]
+            threshold = waveforms["threshold"]
             parts.append((echo_rows, self._refined(prepared, found, rows, threshold)))
             records.append(result.record)
         rows, peaks = _joined(parts)
@@ -229,15 +231,21 @@ class Extractor:
         """The peaks found in the given rows, which have one sampling interval."""
         block = prepared.block
         pick = slice(None) if len(rows) == len(block) else rows
-        baseline = with_own_baselines(block, prepared.baseline, rows[peaks["row"]])
-        return refined_peaks(
+        echo_rows = rows[peaks["row"]]
+        baseline = with_own_baselines(block, prepared.baseline, echo_rows)
+        scanner = self.settings.scanner.at_interval(float(block.sampling_intervals[rows[0]]))
+        refined = refined_peaks(
             peaks,
-            threshold,
+            threshold[pick],
             block.samples[pick],
             block.counts[pick],
             baseline[pick],
-            self.settings.scanner.at_interval(float(block.sampling_intervals[rows[0]])),
+            scanner,
         )
+        if not self.settings.uncertainty:
+            return refined
+        fitted = fitted_rows(prepared, self.settings.preparation, threshold, echo_rows)
+        return with_uncertainties(refined, echo_rows, fitted, scanner)
 
     def _apply_position_offset(
         self, peaks: dict[str, AnyArray], interval: FloatArray

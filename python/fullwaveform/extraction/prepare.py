@@ -113,8 +113,9 @@ class PreparedBlock:
             # Below the amplitude unit the library has 0 dB.
             "amplitude": np.maximum(amplitude - decibels, 0.0).astype(amplitude.dtype),
         }
-        if "height" in peaks:
-            changed["height"] = peaks["height"] / scale
+        for name in ("height", "sigma_height"):
+            if name in peaks:
+                changed[name] = peaks[name] / scale
         return {**peaks, **changed}
 
 
@@ -154,7 +155,7 @@ def prepare(block: WaveformBlock, preparation: Preparation) -> PreparedBlock:
     thresholds = np.full(rows, ESTIMATE, np.int64)
     baseline, removed = np.full(rows, np.nan), np.zeros(rows, np.int64)
     measured = np.full(rows, np.nan)  # thresholds, counts of the input
-    for level, chosen in _by_receiver(block, preparation.calibration):
+    for level, chosen in by_receiver(block, preparation.calibration):
         baseline[chosen], measured[chosen] = level.baseline, level.threshold
         if preparation.removes_baseline(level):
             own = _own_baselines(samples[chosen], block.counts[chosen], level)
@@ -177,7 +178,7 @@ def prepare(block: WaveformBlock, preparation: Preparation) -> PreparedBlock:
     return PreparedBlock(prepared, thresholds, left, removed, scale)
 
 
-def _by_receiver(
+def by_receiver(
     block: WaveformBlock, calibration: Calibration
 ) -> list[tuple[ChannelLevels, BoolArray]]:
     """The levels of each receiver in the block, and which waveforms it recorded (n,)."""

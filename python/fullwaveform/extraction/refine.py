@@ -22,12 +22,12 @@ def refined_peaks(
     baseline: FloatArray,
     scanner: Scanner,
 ) -> dict[str, AnyArray]:
-    """The columns of `Result.peaks` (m,), all finite, with better values, and two more.
+    """The columns of `Result.peaks` (m,), all finite, with better values, and three more.
 
     ``idx`` and ``time`` of deconvolved echoes and ``std`` of decomposed ones are fitted to the
     samples above the baseline. ``height`` is the height above the baseline in counts, in every
-    mode, ``library_idx`` the position without refinement. ``std`` of deconvolved echoes, which have
-    no width, and ``reflectance`` of all but on-board echoes are NaN.
+    mode, ``library_idx`` and ``library_std`` are position and width without refinement. ``std`` of
+    deconvolved echoes, which have no width, and ``reflectance`` of all but on-board echoes are NaN.
 
     Parameters
     ----------
@@ -63,6 +63,7 @@ def refined_peaks(
         **peaks,
         "height": height,
         "library_idx": peaks["idx"],
+        "library_std": peaks["std"],
         "idx": position,
         "time": peaks["time"] + (position - peaks["idx"]) * interval,
         "std": np.where(kind == EchoType.RICHARDSON_LUCY, np.nan, sigma),

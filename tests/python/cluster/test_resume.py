@@ -131,6 +131,7 @@ def test_missing_or_truncated_part_is_repeated(job: Job, damage: Callable[[Path]
         (["--threshold", "21"], "settings.threshold was 20, is 21"),
         (["--mode", "1"], "settings.mode was 0, is 1"),
         (["--keep-empty"], "settings.keep_empty was False, is True"),
+        (["--no-uncertainty"], "settings.uncertainty was True, is False"),
         (["--channel", "2=high"], "settings.channel_flags.2 was unset, is 0"),
         (["--block", "41"], "settings.block was 40, is 41"),
         (["--blocks-per-part", "4"], "settings.blocks_per_part was 3, is 4"),

@@ -1,0 +1,102 @@
+"""How sure the values of echoes are: their standard deviations by the noise of the samples."""
+
+from __future__ import annotations
+
+from collections.abc import Mapping
+
+import numpy as np
+
+from fullwaveform.calibration.levels import QUANTISATION_RMS
+from fullwaveform.calibration.waveform_levels import MIN_SAMPLES, waveform_levels
+from fullwaveform.core.constants import DECOMPOSED_TYPES, EchoType
+from fullwaveform.core.scanner import Scanner
+from fullwaveform.core.uncertainty import MAX_NOISE_LAG, FittedRows, Uncertainties
+from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
+from fullwaveform.extraction.prepare import Preparation, PreparedBlock, by_receiver
+
+_FITTED_SIGMAS = 3.0  # of the library, on either side of a decomposed echo
+_MIN_WEIGHT = 4.0  # samples below the baseline, of a waveform whose own noise is measured
+
+
+def with_uncertainties(
+    peaks: Mapping[str, AnyArray],
+    rows: IntArray,
+    waveforms: FittedRows,
+    scanner: Scanner,
+) -> dict[str, AnyArray]:
+    """The columns of refined peaks (m,), and their uncertainties.
+
+    These are ``sigma_position`` and ``sigma_fwhm`` in samples and ``sigma_height`` in counts of the
+    prepared samples, NaN where the samples do not determine the value.
+
+    Parameters
+    ----------
+    peaks : of `refined_peaks`, all echoes of their rows
+    rows : (m,) row of each echo among the waveforms
+    waveforms : of `fitted_rows`
+    scanner : with its sampling interval
+    """
+    kind = peaks["type"]
+    found = {
+        name: np.full(len(rows), np.nan)
+        for name in ("sigma_position", "sigma_height", "sigma_fwhm")
+    }
+
+    def enter(chosen: IntArray, uncertainties: Uncertainties) -> None:
+        for column, values in zip(found.values(), uncertainties, strict=True):
+            column[chosen] = values
+
+    position, height, std = (peaks[name] for name in ("idx", "height", "std"))
+    chosen = np.flatnonzero(kind == EchoType.GAUSS_3POINTS)
+    if len(chosen):
+        enter(chosen, waveforms.of_three_point(rows[chosen], position[chosen], std[chosen]))
+    chosen = np.flatnonzero(np.isin(kind, DECOMPOSED_TYPES))
+    if len(chosen):
+        own = np.abs(peaks["library_std"])
+        values = (position, height, std, own, _FITTED_SIGMAS * own)
+        gaussians = (column[chosen] for column in values)
+        enter(chosen, waveforms.of_decomposed(rows[chosen], *gaussians))
+    chosen = np.flatnonzero(kind == EchoType.RICHARDSON_LUCY)
+    if len(chosen):
+        waves = (rows[chosen], position[chosen], height[chosen])
+        enter(chosen, waveforms.of_deconvolved(*waves, scanner))
+    return {**peaks, **found}
+
+
+def fitted_rows(
+    prepared: PreparedBlock, preparation: Preparation, threshold: FloatArray, rows: IntArray
+) -> FittedRows:
+    """The prepared waveforms and their noise, for echoes in the given rows.
+
+    The noise is that of the receiver; where it was not measured, that of the waveform itself, from
+    its samples below the baseline.
+
+    Parameters
+    ----------
+    threshold : (n,) counts of the prepared samples
+    rows : of the block, with echoes; of other waveforms the noise may be unknown (NaN)
+    """
+    block, scale = prepared.block, prepared.scale
+    covariance = np.full((len(block), MAX_NOISE_LAG + 1), np.nan)
+    baseline_deviation = np.full(len(block), np.nan)
+    for level, chosen in by_receiver(block, preparation.calibration):
+        covariance[chosen, 0] = level.effective_rms**2
+        covariance[chosen, 1:] = 0.0
+        if not preparation.removes_baseline(level):
+            baseline_deviation[chosen] = level.baseline_spread
+    own = np.unique(rows[np.isnan(covariance[rows, 0])])
+    for count in np.unique(block.counts[own]).tolist():
+        if count >= MIN_SAMPLES:
+            alike = own[block.counts[own] == count]
+            levels = waveform_levels(block.samples[alike, :count] / scale[alike, np.newaxis])
+            known = levels.weight >= _MIN_WEIGHT
+            covariance[alike[known], 0] = np.maximum(levels.mean_square[known], QUANTISATION_RMS**2)
+            covariance[alike[known], 1:] = 0.0
+    return FittedRows(
+        samples=block.samples,
+        counts=block.counts,
+        threshold=threshold,
+        limit=np.full(len(block), np.inf),
+        covariance=covariance * (scale**2)[:, np.newaxis],
+        baseline_deviation=baseline_deviation * scale,
+    )
