@@ -33,6 +33,11 @@ std::vector<double> varianceNodes(double pulseVariance, double maxVariance) {
   return nodes;
 }
 
+/// Without the checks for infinities that the operator makes.
+std::complex<double> product(std::complex<double> a, std::complex<double> b) {
+  return {a.real() * b.real() - a.imag() * b.imag(), a.real() * b.imag() + a.imag() * b.real()};
+}
+
 /// Fourier series of the pulse with the given period in samples.
 Spectrum spectrumOf(PulseModel const& model, int period) {
   double const maximum = *std::max_element(model.pulse.begin(), model.pulse.end());
@@ -42,14 +47,15 @@ Spectrum spectrumOf(PulseModel const& model, int period) {
   for (std::size_t k = 0; k < spectrum.size(); ++k) {
     double const frequency = static_cast<double>(k) / period;
     std::complex<double> sum;
-    for (std::size_t i = 0; i < count; ++i) {
+    std::complex<double> wave = std::polar(1.0, -2.0 * std::numbers::pi * frequency * model.firstLag);
+    std::complex<double> const turn = std::polar(1.0, -2.0 * std::numbers::pi * frequency * model.lagStep);
+    for (std::size_t i = 0; i < count; ++i, wave = product(wave, turn)) {
       std::size_t const fromEnd = std::min(i, count - 1 - i);
       double const weight = fromEnd >= taper
                                 ? 1.0
                                 : 0.5 - 0.5 * std::cos(std::numbers::pi * static_cast<double>(fromEnd) /
                                                        static_cast<double>(taper));
-      double const lag = model.firstLag + model.lagStep * static_cast<double>(i);
-      sum += std::polar(weight * model.pulse[i] / maximum, -2.0 * std::numbers::pi * frequency * lag);
+      sum += weight * model.pulse[i] / maximum * wave;
     }
     double const filter = std::exp(-std::pow(frequency / bandLimit, 16.0));
     spectrum[k] = sum * (filter * model.lagStep / period * (k == 0 ? 1.0 : 2.0));
@@ -57,32 +63,50 @@ Spectrum spectrumOf(PulseModel const& model, int period) {
   return spectrum;
 }
 
+/// exp(2 pi i k / count) for all k below count.
+Spectrum rootsOfUnity(int count) {
+  Spectrum roots(static_cast<std::size_t>(count));
+  for (int k = 0; k < count; ++k) {
+    roots[static_cast<std::size_t>(k)] = std::polar(1.0, 2.0 * std::numbers::pi * k / count);
+  }
+  return roots;
+}
+
 /// The pulse and its derivatives at all phases: values[order][index], index / phases being the lag from
 /// `firstLag` on.
-std::array<std::vector<double>, PulseTable::derivatives> widened(Spectrum const& spectrum, double variance,
-                                                                 int firstLag, int lags, int period) {
+///
+/// @param root  of unity for a period: all lags are multiples of 1/phases, so that one table serves all
+std::array<std::vector<double>, PulseTable::derivatives> widened(Spectrum const& spectrum,
+                                                                 Spectrum const& root, double variance,
+                                                                 int firstLag) {
   std::array<std::vector<double>, PulseTable::derivatives> result;
-  result.fill(std::vector<double>(static_cast<std::size_t>(lags * phases)));
-  // All lags are multiples of 1/phases, so that one table of roots of unity serves all.
-  int const roots = period * phases;
-  std::vector<std::complex<double>> root(static_cast<std::size_t>(roots));
-  for (int i = 0; i < roots; ++i) {
-    root[static_cast<std::size_t>(i)] = std::polar(1.0, 2.0 * std::numbers::pi * i / roots);
-  }
+  result.fill(std::vector<double>(root.size()));
+  auto const roots = static_cast<std::int64_t>(root.size());
   for (std::size_t k = 0; k < spectrum.size(); ++k) {
-    double const angular = 2.0 * std::numbers::pi * static_cast<double>(k) / period;
+    double const angular =
+        2.0 * std::numbers::pi * phases * static_cast<double>(k) / static_cast<double>(roots);
     std::complex<double> const term = spectrum[k] * std::exp(-0.5 * variance * angular * angular);
     if (std::abs(term) * std::pow(std::max(angular, 1.0), 4.0) < 1e-16) {
       continue;
     }
-    std::int64_t turn = std::int64_t{firstLag} * phases * static_cast<std::int64_t>(k);
-    for (int i = 0; i < lags * phases; ++i, turn += static_cast<std::int64_t>(k)) {
-      std::int64_t const at = ((turn % roots) + roots) % roots;
-      std::complex<double> value = term * root[static_cast<std::size_t>(at)];
-      for (std::vector<double>& order : result) {
-        order[static_cast<std::size_t>(i)] += value.real();
-        value *= std::complex<double>(0.0, angular);
-      }
+    // Each derivative multiplies by i x angular frequency, which exchanges real and imaginary parts.
+    double const second = -angular * angular;
+    auto const turn = static_cast<std::int64_t>(k);
+    std::int64_t at = std::int64_t{firstLag} * phases * turn % roots;
+    at += at < 0 ? roots : 0;
+    double* const values[5] = {result[0].data(), result[1].data(), result[2].data(), result[3].data(),
+                               result[4].data()};
+    for (std::size_t i = 0; i < root.size(); ++i) {
+      std::complex<double> const value = product(term, root[static_cast<std::size_t>(at)]);
+      double const slope = -angular * value.imag();
+      double const curvature = second * value.real();
+      values[0][i] += value.real();
+      values[1][i] += slope;
+      values[2][i] += curvature;
+      values[3][i] += second * slope;
+      values[4][i] += second * curvature;
+      at += turn;
+      at -= at >= roots ? roots : 0;
     }
   }
   return result;
@@ -151,8 +175,9 @@ PulseTable::PulseTable(PulseModel const& model, double maxVariance) {
   int const firstLag = static_cast<int>(std::floor(model.firstLag)) - widest;
   int const lags = static_cast<int>(std::ceil(lastLag)) + widest - firstLag + 1;
   Spectrum const spectrum = spectrumOf(model, lags);
+  Spectrum const roots = rootsOfUnity(lags * phases);
   for (double const variance : varianceNodes(varianceOf(model), maxVariance)) {
-    auto const curves = widened(spectrum, variance, firstLag, lags, lags);
+    auto const curves = widened(spectrum, roots, variance, firstLag);
     Shape const shape = shapeOf(curves);
     auto const matters = [&](double value) { return std::abs(value) > negligible * shape.peak; };
     auto const begin = std::find_if(curves[0].begin(), curves[0].end(), matters) - curves[0].begin();

@@ -84,6 +84,14 @@ def wave_seeds(scan: SimulatedScan) -> Iterator[tuple[str, bytes]]:
         yield "three_point", scanner() + waveform(samples, noise, channel)
         short = waveform(around_maximum(samples, 40), noise, channel)
         yield "decomposition", scanner() + short
+        gaussian = byte(1) + byte(19) + byte(0)  # a pulse of 1.7 samples, all other values ordinary
+        yield (
+            "pulse_fit",
+            gaussian
+            + byte(0)
+            + byte(channel * 255)
+            + around_maximum(samples, 80).astype("<u2").tobytes(),
+        )
         yield "deconvolution", scanner() + byte(75) + byte(channel) + short
 
 
