@@ -5,8 +5,9 @@ python examples/python/compare_methods.py
 
 import numpy as np
 
-from fullwaveform import Driver, Mode, Scanner
+from fullwaveform import Driver, Scanner
 from fullwaveform.core.constants import EchoType
+from fullwaveform.core.driver import DRIVER_MODES
 from fullwaveform.system_wave import (
     average,
     fit_system_wave,
@@ -35,7 +36,7 @@ def main() -> None:
     true = np.array([20.3, 40.0, 45.2])
     samples = np.rint(12 + np.array([250, 120, 480]) @ pulse_at(true) + noise[0])
     print(f"true positions: {true}")
-    for mode in Mode:
+    for mode in DRIVER_MODES:
         peaks = (
             Driver(mode, scanner).apply(samples[np.newaxis].astype(np.uint16), threshold=20).peaks
         )

@@ -89,16 +89,21 @@ double timeOfPosition(double position, double sblTime, ScannerDevice const& scan
   return position * scanner.sampling_time + (sblTime - scanner.t_ref);
 }
 
-std::vector<RowState> statesOfRows(SampleRows const& samples, std::span<double const> shotTimes) {
-  std::vector<RowState> states(shotTimes.size(), RowState::InvalidRow);
+BlockReport reportOfRows(SampleRows const& samples, std::span<double const> shotTimes) {
+  BlockReport report;
+  report.statistics.numberOfWaves = static_cast<std::int64_t>(shotTimes.size());
+  report.rowStates.assign(shotTimes.size(), RowState::InvalidRow);
   ShotMap shots;
-  for (std::size_t row = 0; row < states.size(); ++row) {
-    if (!samples[row].empty() && !std::isnan(shotTimes[row])) {
-      bool const isNew = enterSignature(shotAt(shotTimes[row], shots), samples[row]);
-      states[row] = isNew ? RowState::Kept : RowState::Duplicate;
+  for (std::size_t row = 0; row < shotTimes.size(); ++row) {
+    if (samples[row].empty() || std::isnan(shotTimes[row])) {
+      continue;
     }
+    report.statistics.countSegments(0);
+    bool const isNew = enterSignature(shotAt(shotTimes[row], shots), samples[row]);
+    report.rowStates[row] = isNew ? RowState::Kept : RowState::Duplicate;
+    report.statistics.duplicates += isNew ? 0U : 1U;
   }
-  return states;
+  return report;
 }
 
 EchoRules applyEchoRules(SampleRows const& samples, std::span<double const> shotTimes,

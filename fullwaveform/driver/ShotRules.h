@@ -42,10 +42,10 @@ double timeOfPosition(double position, double sblTime, ScannerDevice const& scan
 /// Which waveforms a method outside the driver has to process, by the rules of the driver.
 ///
 /// @param shotTimes  s, one per row; waveforms of equal time are one shot
-/// @return `Duplicate` for a waveform with the signature of an earlier one of its shot, `InvalidRow` without
-///         samples or with a NaN shot time, else `Kept`
-FULLWAVEFORM_EXPORT std::vector<RowState> statesOfRows(SampleRows const& samples,
-                                                       std::span<double const> shotTimes);
+/// @return states `Duplicate` for a waveform with the signature of an earlier one of its shot, `InvalidRow`
+///         without samples or with a NaN shot time, else `Kept`; statistics without segments above a
+///         threshold
+FULLWAVEFORM_EXPORT BlockReport reportOfRows(SampleRows const& samples, std::span<double const> shotTimes);
 
 /// Times of echoes that a method outside the driver found, in s, and their states.
 struct EchoRules {

@@ -64,6 +64,10 @@ Holdex::StrongPtr<Block> viewOf(Samples const& samples) {
                                    }));
 }
 
+std::string recordOf(FullWaveform::RunStatistics const& statistics) {
+  return statistics.isSuspicious() ? statistics.record() : std::string();
+}
+
 nb::dict statisticsTable(Results::ResultColumns const& columns) {
   FullWaveform::RunStatistics const& statistics = columns.statistics;
   nb::dict table;
@@ -116,7 +120,7 @@ nb::dict apply(SharedDriver& shared, Samples const& samples, InputColumn<std::ui
       extract(shared, {samples, counts, shotTimes, sblTimes, channelFlags, noises}, text);
   nb::dict result;
   result["statistics"] = statisticsTable(columns);
-  result["record"] = columns.statistics.isSuspicious() ? columns.statistics.record() : std::string();
+  result["record"] = recordOf(columns.statistics);
   result["row_states"] = numpyColumn<std::uint8_t>(std::move(columns.rowStates));
   result["waveforms"] = numpyColumns(columns.waveforms);
   result["segments"] = numpyColumns(columns.segments);
@@ -165,22 +169,21 @@ std::span<T const> spanOf(InputColumn<T> const& column) {
   return {column.data(), column.shape(0)};
 }
 
-template <class State>
-std::vector<std::uint8_t> asBytes(std::vector<State> const& states) {
+std::vector<std::uint8_t> asBytes(std::vector<FullWaveform::EchoState> const& states) {
   std::vector<std::uint8_t> bytes(states.size());
   std::transform(states.begin(), states.end(), bytes.begin(),
-                 [](State state) { return static_cast<std::uint8_t>(state); });
+                 [](FullWaveform::EchoState state) { return static_cast<std::uint8_t>(state); });
   return bytes;
 }
 
-nb::object statesOfRows(Samples const& samples, InputColumn<std::uint16_t> const& counts,
-                        InputColumn<double> const& shotTimes) {
-  std::vector<std::uint8_t> states;
+nb::tuple reportOfRows(Samples const& samples, InputColumn<std::uint16_t> const& counts,
+                       InputColumn<double> const& shotTimes) {
+  FullWaveform::BlockReport report;
   {
     nb::gil_scoped_release const release;
-    states = asBytes(FullWaveform::statesOfRows(rowsOf(samples, counts), spanOf(shotTimes)));
+    report = FullWaveform::reportOfRows(rowsOf(samples, counts), spanOf(shotTimes));
   }
-  return numpyColumn<std::uint8_t>(std::move(states));
+  return nb::make_tuple(numpyColumn<std::uint8_t>(Results::rowStatesOf(report)), recordOf(report.statistics));
 }
 
 nb::tuple applyEchoRules(Samples const& samples, InputColumn<std::uint16_t> const& counts,
@@ -238,9 +241,10 @@ void bindShotRules(nb::module_& module) {
       .value("KEPT", EchoState::Kept)
       .value("AFTER_PULSE", EchoState::AfterPulse)
       .value("IN_OTHER_CHANNEL", EchoState::InOtherChannel);
-  module.def("states_of_rows", &statesOfRows, nb::arg("samples").noconvert(), nb::arg("counts").noconvert(),
+  module.def("report_of_rows", &reportOfRows, nb::arg("samples").noconvert(), nb::arg("counts").noconvert(),
              nb::arg("shot_times").noconvert(),
-             "State of every row for a method outside the driver: kept, duplicate or invalid.");
+             "State of every row for a method outside the driver: kept, duplicate or invalid; and the "
+             "statistics of the block as text, empty unless it is suspicious.");
   module.def("apply_echo_rules", &applyEchoRules, nb::arg("samples").noconvert(),
              nb::arg("counts").noconvert(), nb::arg("shot_times").noconvert(),
              nb::arg("sbl_times").noconvert(), nb::arg("channel_flags").noconvert(),

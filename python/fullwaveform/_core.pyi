@@ -151,11 +151,11 @@ def system_wave_uncertainties(
 def deconvolved_signal(
     samples: npt.NDArray[np.uint16], scanner: ScannerDevice, noise: int
 ) -> tuple[npt.NDArray[np.float64], float, float]: ...
-def states_of_rows(
+def report_of_rows(
     samples: npt.NDArray[np.uint16],
     counts: npt.NDArray[np.uint16],
     shot_times: npt.NDArray[np.float64],
-) -> npt.NDArray[np.uint8]: ...
+) -> tuple[npt.NDArray[np.uint8], str]: ...
 def apply_echo_rules(
     samples: npt.NDArray[np.uint16],
     counts: npt.NDArray[np.uint16],

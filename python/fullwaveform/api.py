@@ -18,6 +18,7 @@ from fullwaveform.analysis.waveform_selection import Selector, find_shot
 from fullwaveform.analysis.waveform_views import waveform_views
 from fullwaveform.calibration.calibration import measure, measure_first
 from fullwaveform.calibration.phase_choice import PhaseChoice, checked_phase_choice
+from fullwaveform.calibration.pulse_choice import PulseChoice, checked_pulse_choice
 from fullwaveform.core.driver import (
     Mode,
     Threshold,
@@ -43,6 +44,7 @@ from fullwaveform.extraction.prepare import (
     checked_baseline,
     checked_sample_scale,
 )
+from fullwaveform.extraction.pulse_fitting import PulseFitOptions, check_applicable
 from fullwaveform.extraction.run_metadata import run_metadata
 from fullwaveform.extraction.smoothing import checked_smoothing
 from fullwaveform.extraction.waveform_table import WAVEFORM_COLUMNS, WaveformTable
@@ -67,12 +69,13 @@ class Extraction:
         ``echo_count``, ``amplitude`` (counts above the baseline), ``amplitude_db``,
         ``amplitude_library_db``, ``sigma_ns``, ``fwhm_ns``, ``position`` (samples),
         ``sigma_position_ns``, ``sigma_amplitude`` (counts), ``sigma_width_ns``, ``sigma_range``
-        (m), ``echo_type``, ``quality``, ``reflectance`` (dB), ``time`` (s),
-        ``waveform_number``, ``channel_flag``
+        (m), ``significance``, ``fit_flags``, ``reduced_chi_square``, ``echo_type``, ``quality``,
+        ``reflectance`` (dB), ``time`` (s), ``waveform_number``, ``channel_flag``
     waveforms : one row per waveform in the order of the file: ``waveform_number``, ``shot_time``
         (s), ``gps_time`` (s), ``channel_flag``, ``sample_count``, ``sampling_interval`` (s),
         ``threshold`` and ``max_amplitude`` (counts), ``max_position`` (samples), ``segment_count``,
-        ``echo_count``, ``state`` (a `WaveformState`)
+        ``echo_count``; of the pulse fit ``baseline`` (counts), ``reduced_chi_square`` and
+        ``clipped_samples``; ``state`` (a `WaveformState`)
     tally : counts of the extraction
     read : counts of the reader; zero for a source of blocks
     """
@@ -190,6 +193,9 @@ def extract(
     sampling_interval: float | None = None,
     workers: int | None = None,
     outgoing_phase: PhaseChoice = "auto",
+    false_alarms: float | None = None,
+    max_width: float | None = None,
+    pulse: PulseChoice = "auto",
     keep_empty: bool = False,
     carry: bool = True,
     uncertainty: bool = True,
@@ -209,7 +215,7 @@ def extract(
         The path of a file in any format that `fullwaveform.open` knows, an open reader, a
         `WaveformBlock` or an iterable of them. For arrays use `Driver`.
     mode
-        0 "three-point" Gauss fit, 1 "decomposition", 2 "deconvolution", 3 "hybrid".
+        0 "three-point" Gauss fit, 1 "decomposition", 2 "deconvolution", 3 "hybrid", 4 "pulse-fit".
     scanner
         Scanner description or path of its TOML file. Default: that of the source if it has one,
         else `Scanner.default`.
@@ -240,6 +246,15 @@ def extract(
         Whether the phase of the outgoing pulses is taken off the ranges: "auto" if that lowers
         the scatter of neighbouring ranges by more than 20 %, "on" or "off". Only for paths and
         readers.
+    false_alarms
+        In mode "pulse-fit": echoes of mere noise per 1,000 waveforms without light. Default: 1.
+    max_width
+        In mode "pulse-fit": largest full width of an echo at half maximum, s. Default: the pulse,
+        widened by a Gaussian of 5 samples standard deviation.
+    pulse
+        In mode "pulse-fit", unless the scanner description has pulse models: pulses of the source
+        of which they are made, "returned" (isolated echoes), "outgoing", or "auto": isolated echoes
+        if there are enough.
     keep_empty
         Whether waveforms without echoes have a row in `peaks`, with ``echo_number`` 0 and NaN.
     carry
@@ -266,9 +281,21 @@ def extract(
     ValueError
         Invalid argument, or a source without waveforms.
     """
+    method = checked_mode(mode)
+    defaults = (
+        ("threshold", threshold is None),
+        ("baseline", baseline == "auto"),
+        ("sample_scale", sample_scale == "auto"),
+        ("smoothing", smoothing == 0.0),
+        ("false_alarms", false_alarms is None),
+        ("max_width", max_width is None),
+        ("pulse", pulse == "auto"),
+    )
+    check_applicable(method, [name for name, is_default in defaults if not is_default])
+    rate = PulseFitOptions.false_alarms if false_alarms is None else false_alarms
     settings = ExtractionSettings(
         scanner=_scanner(scanner),
-        mode=checked_mode(mode),
+        mode=method,
         threshold=checked_thresholds(threshold),
         baseline=checked_baseline(baseline),
         sample_scale=checked_sample_scale(sample_scale),
@@ -276,6 +303,7 @@ def extract(
         keep_empty=keep_empty,
         carry=carry,
         uncertainty=uncertainty,
+        pulse_fit=PulseFitOptions(rate, max_width, checked_pulse_choice(pulse)),
     )
     choice = checked_phase_choice(outgoing_phase)
     threads = available_workers() if workers is None else workers
@@ -301,7 +329,7 @@ def extract(
     if choice == "on":
         raise ValueError("outgoing_phase='on' needs a path or a reader; blocks are not measured")
     check_system_wave(settings.mode, settings.scanner)
-    calibration, blocks = measure_first(_blocks_of(source))
+    calibration, blocks = measure_first(_blocks_of(source), settings.pulses)
     settings = replace(settings, calibration=calibration)
     extracted = list(extracted_blocks(blocks, settings, threads))
     return Extraction(extracted, None, ReadTally(), settings)
@@ -351,6 +379,7 @@ def plot(
         names = " and ".join(selector.value for selector, _ in given) or "none"
         raise ValueError(f"expected one of waveform, shot and time, got {names}")
     modes = [mode] if isinstance(mode, int | str) else list(mode)
+    chosen = [checked_mode(one) for one in modes]
     level = None if threshold is None else checked_threshold(threshold)
     with open_waveforms(
         source, channel_flags=channel_flags, sampling_interval=sampling_interval
@@ -360,9 +389,9 @@ def plot(
         views = waveform_views(
             find_shot(reader, *given[0]),
             described if carried is None else carried,
-            [checked_mode(one) for one in modes],
+            chosen,
             level,
-            measure(reader),
+            measure(reader, pulse="auto" if Mode.PULSE_FIT in chosen else None),
         )
     # Imported on demand: an extraction needs no matplotlib, which takes long to load.
     figures = import_module("fullwaveform.plotting.waveform")
@@ -402,7 +431,7 @@ def _of_file(
     if carried is not None:
         settings = replace(settings, scanner=carried)
     check_system_wave(settings.mode, settings.scanner)
-    return replace(settings, calibration=measure(reader, choice))
+    return replace(settings, calibration=measure(reader, choice, settings.pulses))
 
 
 def _of_reader(reader: WaveformReader, settings: ExtractionSettings, workers: int) -> Extraction:

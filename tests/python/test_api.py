@@ -176,8 +176,8 @@ def test_interval_of_an_archive_is_used(tmp_path: Path) -> None:
 
 WRONG: dict[str, tuple[Callable[[Path], object], str]] = {
     "mode": (
-        lambda scan: fullwaveform.extract(scan, mode=4),
-        "invalid mode 4; expected 0, 1, 2 or 3",
+        lambda scan: fullwaveform.extract(scan, mode=5),
+        "invalid mode 5; expected 0, 1, 2, 3 or 4",
     ),
     "true": (lambda scan: fullwaveform.extract(scan, mode=True), "invalid mode True"),
     "threshold": (

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 from collections.abc import Sequence
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 
 import numpy as np
 import numpy.typing as npt
@@ -12,10 +12,12 @@ from fullwaveform.analysis.waveform_selection import SelectedShot
 from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.core.constants import EchoType
 from fullwaveform.core.driver import MODE_NAMES, Driver, Mode, Threshold, check_system_wave
+from fullwaveform.core.pulse_fit import PulseFit
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.core.signal import deconvolved_signal, estimated_threshold
 from fullwaveform.data.arrays import FloatArray
 from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.data.echo_columns import FWHM_PER_SIGMA
 from fullwaveform.extraction.extractor import ExtractedBlock, ExtractionSettings, Extractor
 from fullwaveform.extraction.prepare import prepare
 from fullwaveform.extraction.waveform_table import WaveformState
@@ -37,8 +39,10 @@ class MethodView:
     amplitudes: FloatArray  # (m,), counts, as in the tables of echoes
     widths: FloatArray  # (m,), samples, standard deviations; NaN for deconvolved echoes
     foot: float  # counts, the baseline, from which the amplitudes count
-    fitted: FloatArray  # (k, 2), position and height of the Gaussians or their sum; (0, 2) if none
+    # (k, 2), position and height of the Gaussians or the sum of the echoes; (0, 2) if none
+    fitted: FloatArray
     deconvolved: FloatArray  # (k, 2), position and height of the deconvolved signal
+    residuals: FloatArray  # (n, 2), position and samples less the sum; only of the pulse fit
 
     @property
     def name(self) -> str:
@@ -112,10 +116,12 @@ def waveform_views(
         for mode in modes
     ]
     extracted = [extractor.extract(block) for extractor in extractors]
+    # A pulse fit has no threshold; that of the other modes shows what it finds below.
+    levels_of = replace(extractors[0].settings, mode=Mode.THREE_POINT)
     views = []
     for row in shot.rows.tolist():
         samples = block.samples[row, : block.counts[row]]
-        level, segments = _levels(extractors[0].settings, block, row)
+        level, segments = _levels(levels_of, block, row)
         views.append(
             WaveformView(
                 number=int(block.waveform_numbers[row]),
@@ -166,17 +172,47 @@ def _method_view(
     positions, widths = echoes.position[chosen], echoes.sigma_samples[chosen]
     amplitudes = echoes.amplitude[chosen].astype(np.float64)
     state = WaveformState(int(extracted.waveforms.state[row]))
+    count = int(block.counts[row])
+    nothing = np.empty((0, 2))
+    if mode is Mode.PULSE_FIT:
+        foot = float(np.nan_to_num(extracted.waveforms.baseline[row]))
+        fitted, residuals = _fitted_pulses(
+            extractor.settings, block, row, (positions, amplitudes, FWHM_PER_SIGMA * widths), foot
+        )
+        return MethodView(
+            mode, state, positions, amplitudes, widths, foot, fitted, nothing, residuals
+        )
     foot = extractor.baseline(block, row)
     fits = types != EchoType.RICHARDSON_LUCY
-    count = int(block.counts[row])
     curve = single_gaussians if mode is Mode.THREE_POINT else fitted_sum
     fitted = curve(positions[fits], amplitudes[fits], widths[fits], foot, count)
     deconvolves = mode is Mode.DECONVOLUTION or (mode is Mode.HYBRID and bool(np.any(~fits)))
+    signal = nothing
     if deconvolves and state is not WaveformState.TOO_LONG_TO_DECONVOLVE:
         signal = _reported_signal(extractor.settings, block, row)
-    else:
-        signal = np.empty((0, 2))
-    return MethodView(mode, state, positions, amplitudes, widths, foot, fitted, signal)
+    return MethodView(mode, state, positions, amplitudes, widths, foot, fitted, signal, nothing)
+
+
+def _fitted_pulses(
+    settings: ExtractionSettings,
+    block: WaveformBlock,
+    row: int,
+    echoes: tuple[FloatArray, FloatArray, FloatArray],
+    foot: float,
+) -> tuple[FloatArray, FloatArray]:
+    """The sum of echoes (position, amplitude, full width), and residuals; (0, 2) without any."""
+    if not len(echoes[0]):
+        return np.empty((0, 2)), np.empty((0, 2))
+    flag, descriptor = int(block.channel_flags[row]), int(block.descriptors[row])
+    model = settings.calibration.pulse_model_of(flag, descriptor)
+    fit = PulseFit(model, settings.pulse_fit.settings(model, None))
+    samples = block.samples[row, : block.counts[row]]
+    x = np.union1d(_curve_positions(len(samples)), echoes[0])
+    at = np.arange(len(samples), dtype=np.float64)
+    return (
+        np.column_stack([x, foot + fit.pulses(*echoes, x)]),
+        np.column_stack([at, samples - foot - fit.pulses(*echoes, at)]),
+    )
 
 
 def fitted_sum(

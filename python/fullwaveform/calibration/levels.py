@@ -4,10 +4,11 @@ from __future__ import annotations
 
 import math
 from collections.abc import Iterable
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 
 import numpy as np
 
+from fullwaveform.calibration.clipping import TopSamples, digitiser_limit, top_samples
 from fullwaveform.calibration.waveform_levels import (
     MIN_SAMPLES,
     WaveformLevels,
@@ -36,6 +37,7 @@ class ChannelLevels:
     baseline: float  # counts, median of the waveforms
     baseline_spread: float  # counts, standard deviation of the waveforms' baselines
     noise_rms: float  # counts, around the baseline of each waveform
+    digitiser_limit: int | None = None  # counts; None: no waveform was clipped
 
     @property
     def effective_rms(self) -> float:
@@ -61,19 +63,24 @@ class ChannelLevels:
 def measure_levels(blocks: Iterable[WaveformBlock]) -> tuple[ChannelLevels, ...]:
     """The levels of each channel flag and descriptor that the waveforms of the blocks have."""
     found: dict[tuple[int, int], list[WaveformLevels]] = {}
+    tops: dict[tuple[int, int], list[TopSamples]] = {}
     for block in blocks:
         receivers = np.column_stack([block.channel_flags, block.descriptors, block.counts])
         for flag, descriptor, count in np.unique(receivers, axis=0).tolist():
             if count >= MIN_SAMPLES:
                 rows = (receivers == (flag, descriptor, count)).all(axis=1)
                 samples: UInt16Array = block.samples[rows, :count]
+                tops.setdefault((flag, descriptor), []).append(top_samples(samples))
                 step = max(_SAMPLES_AT_ONCE // count, 1)
                 found.setdefault((flag, descriptor), []).extend(
                     waveform_levels(samples[first : first + step])
                     for first in range(0, len(samples), step)
                 )
     return tuple(
-        _channel_levels(flag, descriptor, parts)
+        replace(
+            _channel_levels(flag, descriptor, parts),
+            digitiser_limit=digitiser_limit(tops[flag, descriptor]),
+        )
         for (flag, descriptor), parts in sorted(found.items())
     )
 

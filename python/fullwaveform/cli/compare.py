@@ -28,7 +28,7 @@ from fullwaveform.io.unmatched_file import DETAILS_ENDINGS, details_kind
 from fullwaveform.plotting.histogram import draw_histogram
 from fullwaveform.plotting.style import PLOT_ENDINGS, plot_kind
 
-_SHOWN_SETTINGS = ("mode", "threshold", "baseline", "outgoing_phase")
+_SHOWN_SETTINGS = ("mode", "threshold", "baseline", "outgoing_phase", "false_alarms")
 
 
 def _positive(unit: str) -> Callable[[str | float], float]:

@@ -66,10 +66,9 @@ class FileRun:
             keep_degraded=options.keep_degraded,
             crs=options.crs,
         ) as reader:
-            settings = replace(
-                options.settings([reader.scanner()]),
-                calibration=measure(reader, options.outgoing_phase),
-            )
+            settings = options.settings([reader.scanner()])
+            calibration = measure(reader, options.outgoing_phase, settings.pulses)
+            settings = replace(settings, calibration=calibration)
             writer = open_echo_file(
                 output,
                 reader.header,

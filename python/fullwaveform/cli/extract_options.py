@@ -9,6 +9,8 @@ from inspect import Parameter, Signature, signature
 from pathlib import Path
 from typing import Any, get_type_hints
 
+import typer
+
 from fullwaveform.cli.options import (
     AfterPulseOption,
     AllowEmpty,
@@ -19,12 +21,15 @@ from fullwaveform.cli.options import (
     ChannelNumbers,
     ChannelOption,
     CrsOption,
+    FalseAlarmsOption,
     IntervalOption,
     KeepDegraded,
     KeepEmpty,
     MaxSamples,
+    MaxWidthOption,
     ModeOption,
     OutgoingPhaseOption,
+    PulseOption,
     SampleScaleOption,
     ScannerFile,
     SkipUnreadable,
@@ -38,6 +43,11 @@ from fullwaveform.core.driver import Mode, check_system_wave
 from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.extraction.prepare import checked_baseline
+from fullwaveform.extraction.pulse_fitting import (
+    InapplicableOptionError,
+    PulseFitOptions,
+    check_applicable,
+)
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 from fullwaveform.io.opening import open_waveforms
@@ -57,6 +67,9 @@ class ExtractOptions:
     after_pulse: AfterPulseOption = None
     interval: IntervalOption = None
     outgoing_phase: OutgoingPhaseOption = "auto"
+    false_alarms: FalseAlarmsOption = None
+    max_width: MaxWidthOption = None
+    pulse: PulseOption = "auto"
     keep_empty: KeepEmpty = False
     carry: Carry = True
     uncertainty: UncertaintyOption = True
@@ -67,6 +80,24 @@ class ExtractOptions:
     block: BlockOption = 20_000
     keep_degraded: KeepDegraded = False
     crs: CrsOption = None
+
+    def __post_init__(self) -> None:
+        """BadParameter for an option that the mode does not have."""
+        own = {field.name: field.default for field in fields(self)}
+        given = [name for name, default in own.items() if getattr(self, name) != default]
+        try:
+            check_applicable(self.mode, given)
+        except InapplicableOptionError as error:
+            hint = f"--{error.option.replace('_', '-')}"
+            raise typer.BadParameter(error.problem, param_hint=hint) from error
+
+    @property
+    def pulse_fit(self) -> PulseFitOptions:
+        """The choices of mode pulse-fit."""
+        options = PulseFitOptions(max_width=self.max_width, pulse=self.pulse)
+        if self.false_alarms is None:
+            return options
+        return replace(options, false_alarms=self.false_alarms)
 
     @cached_property
     def channels(self) -> ChannelFlags:
@@ -95,6 +126,7 @@ class ExtractOptions:
             carry=self.carry,
             uncertainty=self.uncertainty,
             with_waveforms=self.with_waveforms,
+            pulse_fit=self.pulse_fit,
         )
 
 

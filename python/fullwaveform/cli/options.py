@@ -14,6 +14,7 @@ from fullwaveform.calibration.phase_choice import PHASE_CHOICES, PhaseChoice, ch
 from fullwaveform.calibration.pulse_choice import PULSE_CHOICES, PulseChoice, checked_pulse_choice
 from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.core.driver import Mode, Threshold
+from fullwaveform.core.pulse_fit import MAX_FALSE_ALARMS
 from fullwaveform.core.scanner import NO_AFTER_PULSE, AfterPulse
 from fullwaveform.extraction.prepare import (
     MAX_SCALE,
@@ -26,6 +27,7 @@ from fullwaveform.io.base import WaveformReader
 
 #: Modes by their names on the command line.
 MODE_NAMES = {mode.name.lower().replace("_", "-"): mode for mode in Mode}
+_MODES, _LAST_MODE = ", ".join(MODE_NAMES), len(MODE_NAMES) - 1
 _CHANNEL_NAMES = {"low": 1, "high": 0}
 _NANOSECONDS = 1e9  # per second
 _MAX_DIGITS = 18  # of an integer; more exceed 64 bits
@@ -37,7 +39,7 @@ def _mode(text: str | Mode) -> Mode:
     numbers = {str(int(mode)): mode for mode in Mode}
     mode = MODE_NAMES.get(text, numbers.get(text))
     if mode is None:
-        raise typer.BadParameter(f"{text!r} must be {', '.join(MODE_NAMES)} or 0 to 3")
+        raise typer.BadParameter(f"{text!r} must be {_MODES} or 0 to {_LAST_MODE}")
     return mode
 
 
@@ -113,6 +115,14 @@ def _smoothing(text: str | float) -> float:
         raise typer.BadParameter(f"{text!r} must be 0 to {largest:g}, in ns") from error
 
 
+def _rate(text: str) -> float:
+    """False alarms per 1,000 waveforms."""
+    rate = _number(text)
+    if not 0.0 < rate <= MAX_FALSE_ALARMS:
+        raise typer.BadParameter(f"{text!r} must be above 0 and at most {MAX_FALSE_ALARMS:g}")
+    return rate
+
+
 def _time(text: str) -> float:
     seconds = _number(text)
     if not math.isfinite(seconds):
@@ -152,7 +162,7 @@ ModeOption = Annotated[
         parser=_mode,
         metavar="MODE",
         show_default=False,
-        help=f"{', '.join(MODE_NAMES)}, or 0 to 3. Default: three-point",
+        help=f"{_MODES}, or 0 to {_LAST_MODE}. Default: three-point",
     ),
 ]
 RepeatedModeOption = Annotated[
@@ -201,6 +211,24 @@ SmoothingOption = Annotated[
         metavar="NS",
         show_default=False,
         help="Standard deviation in ns of a Gaussian that smooths the samples. Default: 0, none",
+    ),
+]
+FalseAlarmsOption = Annotated[
+    float | None,
+    typer.Option(
+        parser=_rate,
+        metavar="R",
+        help="Echoes of mere noise per 1,000 waveforms without light; only mode pulse-fit. "
+        "Default: 1",
+    ),
+]
+MaxWidthOption = Annotated[
+    float | None,
+    typer.Option(
+        parser=parse_interval,
+        metavar="NS",
+        help="Largest full width of an echo at half maximum in ns; only mode pulse-fit. Default: "
+        "the pulse, widened by 5 samples standard deviation",
     ),
 ]
 OutgoingPhaseOption = Annotated[

@@ -92,7 +92,7 @@ def plot(
                 description,
                 modes,
                 threshold,
-                measure(reader, "off"),
+                measure(reader, "off", "auto" if Mode.PULSE_FIT in modes else None),
             )
         draw_waveforms(output, views, whole=whole, overwrite=overwrite)
     for view in views:

@@ -89,6 +89,11 @@ def report(
         raise typer.BadParameter("expected --waveform, --time or --scanner-report")
     if extent and not (numbers or time is not None):
         raise typer.BadParameter("needs --waveform or --time", param_hint="--extent")
+    if mode is Mode.PULSE_FIT:
+        raise typer.BadParameter(
+            "the library's report has no place for the pulse fit; use plot or extract",
+            param_hint="--mode",
+        )
     outputs = [] if output is None else [Output(output, _REPORT_KIND, "-o")]
     channels = channel_flags_from(channel)
     with (

@@ -17,6 +17,7 @@ from fullwaveform.core.scanner import AfterPulse, Scanner
 from fullwaveform.core.scanner_attributes import checked_attributes
 from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.extraction.prepare import Baseline, SampleScale
+from fullwaveform.extraction.pulse_fitting import PulseFitOptions
 from fullwaveform.io.base import flag_table
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 
@@ -29,6 +30,7 @@ _WAVEFORMS_PER_PART = {
     Mode.DECOMPOSITION: 1_000_000,
     Mode.DECONVOLUTION: 100_000,
     Mode.HYBRID: 100_000,
+    Mode.PULSE_FIT: 1_000_000,
 }
 
 
@@ -64,6 +66,8 @@ class JobSettings:
     # Pulse models, or the pulses of which they are made for each input; None: not needed.
     pulse: PulseChoice | tuple[ReceiverModel, ...] | None = None
     smoothing: float = 0.0  # s
+    false_alarms: float = PulseFitOptions.false_alarms  # per 1,000 waveforms
+    max_width: float | None = None  # s
 
     @classmethod
     def of(
@@ -80,7 +84,6 @@ class JobSettings:
         outgoing_phase: PhaseChoice = "auto",
         keep_degraded: bool = False,
         crs: str | None = None,
-        pulse: PulseChoice | tuple[ReceiverModel, ...] | None = None,
     ) -> JobSettings:
         """The settings of a run; None for `blocks_per_part` gives parts of a few minutes."""
         scanner = settings.scanner
@@ -107,8 +110,10 @@ class JobSettings:
             outgoing_phase=outgoing_phase,
             keep_degraded=keep_degraded,
             crs=crs,
-            pulse=pulse,
             smoothing=settings.smoothing,
+            pulse=settings.pulses,
+            false_alarms=settings.pulse_fit.false_alarms,
+            max_width=settings.pulse_fit.max_width,
         )
 
     def extraction(self) -> ExtractionSettings:
@@ -130,6 +135,7 @@ class JobSettings:
             uncertainty=self.uncertainty,
             with_waveforms=self.with_waveforms,
             smoothing=self.smoothing,
+            pulse_fit=PulseFitOptions(self.false_alarms, self.max_width),
         )
 
     def flags(self) -> dict[int, int]:

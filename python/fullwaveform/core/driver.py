@@ -2,8 +2,9 @@
 
 from __future__ import annotations
 
-from collections.abc import Mapping
+from collections.abc import Mapping, Sequence
 from dataclasses import dataclass
+from enum import IntEnum
 from pathlib import Path
 from typing import Any, Literal, cast
 
@@ -25,7 +26,24 @@ from fullwaveform.data.columns import Columns
 # Not a directory: the library skips a report that it cannot open.
 _NO_DIRECTORY = "/dev/null"
 
-Mode = _core.Mode
+
+class Mode(IntEnum):
+    """Extraction method: those of the driver, and the pulse fit."""
+
+    THREE_POINT = _core.Mode.THREE_POINT
+    DECOMPOSITION = _core.Mode.DECOMPOSITION
+    DECONVOLUTION = _core.Mode.DECONVOLUTION
+    HYBRID = _core.Mode.HYBRID
+    PULSE_FIT = 4
+
+    @property
+    def title(self) -> str:
+        """Display name."""
+        return "Pulse fit" if self is Mode.PULSE_FIT else _core.Mode(self).title
+
+
+#: Modes that the driver runs.
+DRIVER_MODES = tuple(Mode(int(mode)) for mode in _core.Mode)
 MODE_NAMES = {mode: mode.name.lower().replace("_", "-") for mode in Mode}
 #: Largest sample in counts, and largest number of samples of a waveform.
 MAX_COUNT = _core.MAX_COUNT
@@ -129,7 +147,7 @@ class Driver:
         work_limit: int | None = WORK_LIMIT,
         monitor: RunMonitor | None = None,
     ) -> None:
-        self.mode = checked_mode(mode)
+        self.mode = _driver_mode(mode)
         self.scanner = scanner
         check_system_wave(self.mode, scanner)
         deconvolves = self.mode in DECONVOLVING_MODES
@@ -268,17 +286,27 @@ class Driver:
             )
 
 
-def checked_mode(mode: Mode | int | str) -> Mode:
-    """The mode of a number or name; ValueError if it is invalid."""
+def checked_mode(mode: Mode | int | str, valid: Sequence[Mode] = tuple(Mode)) -> Mode:
+    """The mode of a number or name; ValueError if it is invalid or none of the valid ones."""
     if isinstance(mode, str):
-        by_name = {name: known for known, name in MODE_NAMES.items()}
+        by_name = {MODE_NAMES[known]: known for known in valid}
         if mode not in by_name:
             raise ValueError(f"invalid mode {mode!r}; expected one of {', '.join(by_name)}")
         return by_name[mode]
-    if isinstance(mode, bool) or mode not in list(Mode):
-        *others, last = (str(int(valid)) for valid in Mode)
+    if isinstance(mode, bool) or mode not in valid:
+        *others, last = (str(int(one)) for one in valid)
         raise ValueError(f"invalid mode {mode!r}; expected {', '.join(others)} or {last}")
     return Mode(mode)
+
+
+def _driver_mode(mode: Mode | int | str) -> Mode:
+    """A mode of the driver; ValueError for the pulse fit and for invalid modes."""
+    if not isinstance(mode, bool) and mode in (Mode.PULSE_FIT, MODE_NAMES[Mode.PULSE_FIT]):
+        raise ValueError(
+            f"mode {mode} is not a method of the driver; use fullwaveform.extract, or "
+            "fullwaveform.core.pulse_fit for arrays"
+        )
+    return checked_mode(mode, DRIVER_MODES)
 
 
 def check_system_wave(mode: Mode, scanner: Scanner) -> None:

@@ -17,6 +17,8 @@ from fullwaveform.data.columns import Columns
 
 #: Remarks on an echo of a pulse fit; bits of the column ``flags``.
 PulseEchoFlag = _core.PulseEchoFlag
+#: Largest rate that can be asked for, echoes of noise per 1,000 waveforms without light.
+MAX_FALSE_ALARMS = 100.0
 
 
 @dataclass(frozen=True)
@@ -50,6 +52,18 @@ class PulseModel:
             )
         if error := self.compiled().error:
             raise ValueError(error)
+
+    @property
+    def fwhm(self) -> float:
+        """Full width of the pulse at half its maximum, samples."""
+        values = np.asarray(self.pulse)
+        half = 0.5 * float(values.max())
+        top = int(np.argmax(values))
+        left = top - int(np.argmax(values[top::-1] < half))  # first value below half, outwards
+        right = top + int(np.argmax(values[top:] < half))
+        begin = left + (half - values[left]) / (values[left + 1] - values[left])
+        end = right - (half - values[right]) / (values[right - 1] - values[right])
+        return float(end - begin) * self.lag_step
 
     def compiled(self) -> _core.PulseModel:
         """The model as the compiled module takes it."""

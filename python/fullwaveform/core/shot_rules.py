@@ -12,8 +12,12 @@ from fullwaveform.data.arrays import FloatArray, IntArray, UInt8Array, UInt16Arr
 EchoState = _core.EchoState
 
 
-def states_of_rows(samples: UInt16Array, counts: UInt16Array, shot_times: FloatArray) -> UInt8Array:
+def report_of_rows(
+    samples: UInt16Array, counts: UInt16Array, shot_times: FloatArray
+) -> tuple[UInt8Array, str]:
     """State (n,) of each waveform, of `RowState`: kept, duplicate of its shot, or invalid.
+
+    Also the statistics of the block as text; empty unless half or more are duplicates.
 
     Parameters
     ----------
@@ -21,7 +25,7 @@ def states_of_rows(samples: UInt16Array, counts: UInt16Array, shot_times: FloatA
     counts : (n,) valid samples of each row
     shot_times : (n,) s; rows of equal time are one shot
     """
-    return _core.states_of_rows(
+    return _core.report_of_rows(
         samples, np.ascontiguousarray(counts), np.ascontiguousarray(shot_times)
     )
 
@@ -44,7 +48,7 @@ def apply_echo_rules(
 
     Parameters
     ----------
-    samples, counts, shot_times : as for `states_of_rows`
+    samples, counts, shot_times : as for `report_of_rows`
     sbl_times : (n,) s
     channel_flags : (n,) 0 high power, else low power
     rows : (m,) row of each echo, ascending

@@ -32,7 +32,8 @@ class FoundEchoes:
     #: Columns (m,) as in `Result.peaks` with NaN for unknown values, ``height``, counts above the
     #: baseline, ``library_idx``, samples; with RETURN_INDEX if they were compared with discrete
     #: returns; with ``sigma_position`` and ``sigma_fwhm``, samples, and ``sigma_height``, counts,
-    #: if the standard deviations of the values are known.
+    #: if the standard deviations of the values are known; with ``significance``,
+    #: ``fit_flags`` and ``reduced_chi_square`` of the pulse fit.
     peaks: Mapping[str, AnyArray]
     xyz: FloatArray  # (m, 3), coordinate units of the file
     number: IntArray  # (m,), 1 = nearest to the scanner within the shot
@@ -83,8 +84,8 @@ def _range_per_ns(echoes: FoundEchoes) -> float:
     return echoes.range_per_second / _NANOSECONDS
 
 
-def _uncertainty(echoes: FoundEchoes, name: str) -> FloatArray:
-    """A standard deviation of each echo; NaN if it was not determined."""
+def _of_fit(echoes: FoundEchoes, name: str) -> FloatArray:
+    """A value of each echo that only some methods determine; NaN in the others."""
     unknown = np.full(len(echoes.rows), np.nan)
     return np.asarray(echoes.peaks.get(name, unknown), dtype=np.float64)
 
@@ -182,7 +183,7 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.float32,
         "ns",
         "Uncertainty of the position: its standard deviation by the noise of the samples",
-        lambda e: _uncertainty(e, "sigma_position") * _interval_ns(e),
+        lambda e: _of_fit(e, "sigma_position") * _interval_ns(e),
         las=LasDimension(np.float32, "Uncertainty of position, ns"),
     ),
     EchoColumn(
@@ -190,7 +191,7 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.float32,
         "counts",
         "Uncertainty of the amplitude",
-        lambda e: _uncertainty(e, "sigma_height"),
+        lambda e: _of_fit(e, "sigma_height"),
         las=LasDimension(np.float32, "Uncertainty of amplitude, counts"),
     ),
     EchoColumn(
@@ -198,7 +199,7 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.float32,
         "ns",
         "Uncertainty of the full width at half maximum; NaN for deconvolved echoes",
-        lambda e: _uncertainty(e, "sigma_fwhm") * _interval_ns(e),
+        lambda e: _of_fit(e, "sigma_fwhm") * _interval_ns(e),
         las=LasDimension(np.float32, "Uncertainty of fwhm_ns, ns"),
     ),
     EchoColumn(
@@ -207,15 +208,40 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "m",
         "Uncertainty of the range: that of the position times half the group velocity of the "
         "scanner",
-        lambda e: _uncertainty(e, "sigma_position") * _interval_ns(e) * _range_per_ns(e),
+        lambda e: _of_fit(e, "sigma_position") * _interval_ns(e) * _range_per_ns(e),
         las=LasDimension(np.float32, "Uncertainty of range, m"),
+    ),
+    EchoColumn(
+        "significance",
+        np.float32,
+        "1",
+        "Amplitude over its uncertainty, of the pulse fit; NaN in other modes",
+        lambda e: _of_fit(e, "significance"),
+        las=LasDimension(np.float32, "Amplitude over its uncertainty"),
+    ),
+    EchoColumn(
+        "fit_flags",
+        np.uint8,
+        "1",
+        "Sum of: 1 width fitted freely, 2 clipped samples, 4 at an end of the waveform, 8 fit not "
+        "converged; 0 in other modes than the pulse fit",
+        lambda e: e.peaks.get("fit_flags", np.zeros(len(e.rows), np.uint8)),
+        las=LasDimension(np.uint8, "Flags of the pulse fit"),
+    ),
+    EchoColumn(
+        "reduced_chi_square",
+        np.float32,
+        "1",
+        "Of the waveform in the pulse fit, 1 if it explains the samples; NaN in other modes",
+        lambda e: _of_fit(e, "reduced_chi_square"),
+        las=LasDimension(np.float32, "Reduced chi square, waveform"),
     ),
     EchoColumn(
         "echo_type",
         np.uint8,
         "1",
         "How the echo was found: 2 three-point fit, 3 and 4 first and second loop of the "
-        "decomposition, 5 deconvolution, 6 on board; 0 no echo",
+        "decomposition, 5 deconvolution, 6 on board, 8 pulse fit; 0 no echo",
         lambda e: e.peaks["type"],
         las=LasDimension(np.uint8, "How the echo was found"),
     ),

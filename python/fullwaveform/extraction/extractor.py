@@ -8,6 +8,7 @@ from dataclasses import dataclass, field
 import numpy as np
 
 from fullwaveform.calibration.calibration import Calibration
+from fullwaveform.calibration.pulse_choice import PulseChoice
 from fullwaveform.core.constants import EchoType
 from fullwaveform.core.driver import (
     DECONVOLVING_MODES,
@@ -18,6 +19,7 @@ from fullwaveform.core.driver import (
     RunMonitor,
     Thresholds,
 )
+from fullwaveform.core.pulse_models import ReceiverModel
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.core.signal import NO_SIGNAL_THRESHOLD, estimated_threshold
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
@@ -34,6 +36,7 @@ from fullwaveform.extraction.prepare import (
     SampleScale,
     prepare,
 )
+from fullwaveform.extraction.pulse_fitting import PulseFitOptions, PulseFitter
 from fullwaveform.extraction.refine import refined_peaks, with_own_baselines
 from fullwaveform.extraction.uncertainty import fitted_rows, with_uncertainties
 from fullwaveform.extraction.waveform_table import WaveformTable
@@ -55,6 +58,7 @@ class ExtractionSettings:
     smoothing: float = 0.0  # s, standard deviation; thresholds are those of the samples as they are
     keep_empty: bool = False  # whether waveforms without echoes have a row in the echo table
     carry: bool = True  # whether echoes take class and extra bytes of a discrete return nearby
+    pulse_fit: PulseFitOptions = field(default_factory=PulseFitOptions)
     with_waveforms: bool = False  # whether the result of a block includes its waveforms
     uncertainty: bool = True  # whether the uncertainties of the echoes are computed
     # Of the file; empty: nothing was measured.
@@ -65,6 +69,13 @@ class ExtractionSettings:
         """What is subtracted for the outgoing pulse: "none", "phase" or "whole time"."""
         phase = self.calibration.outgoing_phase
         return "none" if phase is None else phase.form
+
+    @property
+    def pulses(self) -> PulseChoice | tuple[ReceiverModel, ...] | None:
+        """Pulse models, or the pulses of which they are to be made; None: not needed."""
+        if self.mode is not Mode.PULSE_FIT:
+            return None
+        return self.scanner.pulse_models or self.pulse_fit.pulse
 
     @property
     def preparation(self) -> Preparation:
@@ -140,6 +151,16 @@ class ExtractedBlock:
     source: WaveformBlock | None = None
 
 
+@dataclass(frozen=True, slots=True)
+class _FoundPart:
+    """Echoes of waveforms of one sampling interval."""
+
+    rows: IntArray  # (m,), of the block
+    peaks: dict[str, AnyArray]  # columns (m,) as in `FoundEchoes`
+    record: str  # statistics
+    left_out: int = 0  # echoes with values that are not finite
+
+
 class Extractor:
     """Runs the driver over blocks, with one driver per sampling interval.
 
@@ -151,27 +172,28 @@ class Extractor:
         self.settings = settings
         self._monitor = monitor
         self._drivers: dict[float, tuple[int, Driver]] = {}  # and their longest waveform
+        self._fitter = PulseFitter(
+            settings.scanner, settings.calibration, settings.pulse_fit, monitor
+        )
 
     def extract(self, block: WaveformBlock) -> ExtractedBlock:
         """The echoes of a block; echoes that are not finite are skipped and counted.
 
-        Raises ValueError if the position offset of the scanner was measured at another sampling
-        interval, and as `prepare`.
+        Raises ValueError if the position offset of the scanner or the pulse model was measured at
+        another sampling interval, if there is no pulse model, and as `prepare`.
         """
         prepared = prepare(block, self.settings.preparation)
         waveforms = WaveformTable.of(block)
+        find = self._driver_echoes
+        if self.settings.mode is Mode.PULSE_FIT:
+            find = self._fitted_echoes
         parts, records, left_out = [], [], 0
         for interval in np.unique(block.sampling_intervals):
             rows = np.flatnonzero(block.sampling_intervals == interval)
-            result = self._apply_driver(prepared, float(interval), rows)
-            waveforms.enter_result(rows, result)
-            finite = np.logical_and.reduce([np.isfinite(result.peaks[n]) for n in _MUST_BE_FINITE])
-            found = {name: column[finite] for name, column in result.peaks.items()}
-            left_out += len(finite) - len(found["row"])
-            echo_rows = rows[found["row"]]
-            threshold = waveforms["threshold"]
-            parts.append((echo_rows, self._refined(prepared, found, rows, threshold)))
-            records.append(result.record)
+            part = find(prepared, rows, waveforms)
+            parts.append((part.rows, part.peaks))
+            records.append(part.record)
+            left_out += part.left_out
         rows, peaks = _joined(parts)
         peaks = self._apply_position_offset(peaks, block.sampling_intervals[rows])
         waveforms.enter_echoes(rows)
@@ -200,6 +222,27 @@ class Extractor:
         )
         source = block if self.settings.with_waveforms else None
         return ExtractedBlock(echoes, waveforms, tally, "".join(records), source)
+
+    def _driver_echoes(
+        self, prepared: PreparedBlock, rows: IntArray, waveforms: WaveformTable
+    ) -> _FoundPart:
+        """The echoes of waveforms of one sampling interval; enters the state of these."""
+        interval = float(prepared.block.sampling_intervals[rows[0]])
+        result = self._apply_driver(prepared, interval, rows)
+        waveforms.enter_result(rows, result)
+        finite = np.logical_and.reduce([np.isfinite(result.peaks[n]) for n in _MUST_BE_FINITE])
+        found = {name: column[finite] for name, column in result.peaks.items()}
+        threshold = waveforms["threshold"]
+        peaks = self._refined(prepared, found, rows, threshold)
+        return _FoundPart(rows[found["row"]], peaks, result.record, len(finite) - len(found["row"]))
+
+    def _fitted_echoes(
+        self, prepared: PreparedBlock, rows: IntArray, waveforms: WaveformTable
+    ) -> _FoundPart:
+        """The same by the pulse fit."""
+        fitted = self._fitter.fit(prepared.block, rows)
+        waveforms.enter_fit(prepared.block, rows, fitted)
+        return _FoundPart(rows[fitted.rows], fitted.peaks, fitted.record)
 
     def _apply_driver(self, prepared: PreparedBlock, interval: float, rows: IntArray) -> Result:
         # Indices copy the samples; blocks with one sampling interval are passed on as they are.

@@ -151,6 +151,9 @@ def prepare(block: WaveformBlock, preparation: Preparation) -> PreparedBlock:
     """
     block = smoothed(block, preparation.smoothing)
     samples, rows = block.samples, len(block)
+    if preparation.mode is Mode.PULSE_FIT:  # fits the baseline, and has no threshold
+        none = np.zeros(rows, np.int64)
+        return PreparedBlock(block, none, np.full(rows, np.nan), none, np.ones(rows, np.int64))
     given = _given_thresholds(block, preparation.threshold)
     thresholds = np.full(rows, ESTIMATE, np.int64)
     baseline, removed = np.full(rows, np.nan), np.zeros(rows, np.int64)

@@ -6,6 +6,7 @@ import json
 from pathlib import Path
 
 from fullwaveform import __version__
+from fullwaveform.core.driver import Mode
 from fullwaveform.extraction.extractor import ExtractionSettings
 
 
@@ -15,12 +16,25 @@ def run_metadata(settings: ExtractionSettings, source: Path | None) -> dict[str,
         **({} if source is None else {"input": source.name}),
         "version": __version__,
         "mode": settings.mode.title,
-        "threshold": _threshold(settings),
-        "baseline": settings.baseline,
-        "sample_scale": str(settings.sample_scale),
-        **({"smoothing_ns": repr(settings.smoothing * 1e9)} if settings.smoothing else {}),
+        **_of_mode(settings),
         "outgoing_phase": settings.outgoing_phase,
         "scanner": json.dumps(dict(settings.scanner.attributes), sort_keys=True),
+    }
+
+
+def _of_mode(settings: ExtractionSettings) -> dict[str, str]:
+    """What the mode was set to."""
+    if settings.mode is not Mode.PULSE_FIT:
+        return {
+            "threshold": _threshold(settings),
+            "baseline": settings.baseline,
+            "sample_scale": str(settings.sample_scale),
+            **({"smoothing_ns": repr(settings.smoothing * 1e9)} if settings.smoothing else {}),
+        }
+    width = settings.pulse_fit.max_width
+    return {
+        "false_alarms": f"{settings.pulse_fit.false_alarms:g} per 1,000 waveforms",
+        "max_width": "default" if width is None else f"{width * 1e9:g} ns",
     }
 
 

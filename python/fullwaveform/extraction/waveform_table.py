@@ -12,6 +12,7 @@ from fullwaveform.data.arrays import IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.columns import Column, Table
 from fullwaveform.extraction.prepare import PreparedBlock
+from fullwaveform.extraction.pulse_fitting import FIT_VALUES, FittedWaveforms
 
 
 class WaveformState(IntEnum):
@@ -59,6 +60,19 @@ WAVEFORM_COLUMNS = (
     Column("max_position", np.float64, "samples", "Index of the largest sample; NaN if rejected"),
     Column("segment_count", np.int64, "1", "Segments above the threshold"),
     Column("echo_count", np.int64, "1", "Echoes of the waveform"),
+    Column("baseline", np.float64, "counts", "Baseline of the pulse fit; NaN in other modes"),
+    Column(
+        "reduced_chi_square",
+        np.float64,
+        "1",
+        "Of the pulse fit, 1 if it explains the samples; NaN in other modes",
+    ),
+    Column(
+        "clipped_samples",
+        np.float64,
+        "samples",
+        "Samples at the digitiser's limit; NaN except in the pulse fit",
+    ),
     Column("state", np.uint8, "1", "A WaveformState: 0 with echoes, else why there are none"),
 )
 
@@ -83,6 +97,7 @@ class WaveformTable(Table):
                 "max_position": np.full(rows, np.nan),
                 "segment_count": np.zeros(rows, np.int64),
                 "echo_count": np.zeros(rows, np.int64),
+                **{name: np.full(rows, np.nan) for name in FIT_VALUES},
                 "state": np.full(rows, WaveformState.INVALID_ROW, np.uint8),
             }
         )
@@ -99,6 +114,20 @@ class WaveformTable(Table):
         without_peaks = kept[result.waveforms["peakCount"] == 0]
         is_kept = state[without_peaks] == WaveformState.WITH_ECHOES
         state[without_peaks[is_kept]] = WaveformState.NO_ECHO
+
+    def enter_fit(self, block: WaveformBlock, rows: IntArray, fitted: FittedWaveforms) -> None:
+        """Enter the result of the pulse fit for the given rows of the block."""
+        for name in FIT_VALUES:
+            self[name][rows] = fitted.values[name]
+        state = self["state"]
+        state[rows] = fitted.states
+        rejected = np.isin(fitted.states, (RowState.DUPLICATE, RowState.INVALID_ROW))
+        kept = rows[~rejected]
+        samples = block.samples[kept]
+        self["max_amplitude"][kept] = samples.max(axis=1, initial=0)
+        self["max_position"][kept] = samples.argmax(axis=1) if samples.size else 0.0
+        without = kept[~np.isin(kept, rows[fitted.rows])]
+        state[without[state[without] == WaveformState.WITH_ECHOES]] = WaveformState.NO_ECHO
 
     def enter_input_counts(self, prepared: PreparedBlock) -> None:
         """Convert the levels of prepared waveforms to counts of the input."""

@@ -12,7 +12,7 @@ from fullwaveform.analysis.waveform_views import MethodView, WaveformView
 from fullwaveform.plotting.style import GREY, INK, SMALL_TEXT_SIZE, TEXT_SIZE
 
 #: Colours by mode, distinguishable with colour vision deficiencies (Okabe and Ito 2008).
-METHOD_COLOURS = ("#0072b2", "#d55e00", "#009e73", "#aa4499")
+METHOD_COLOURS = ("#0072b2", "#d55e00", "#009e73", "#aa4499", "#56b4e9")
 #: Height of a line of text, share of the panel.
 LINE_HEIGHT = 1.0 / 22.0
 _LINES_OF_TITLE = 1.5

@@ -31,7 +31,7 @@ from fullwaveform.plotting.style import (
 _CHANNELS = {0: "high-power channel", 1: "low-power channel"}
 _WIDTH_INCHES, _PANEL_INCHES, _EDGE_INCHES = 10.0, 3.6, 0.75
 _MARGIN, _MIN_VIEW = 15.0, 50.0  # samples
-_CURVE_WIDTHS = (2.6, 2.0, 1.4, 0.9)  # points, in the order of drawing
+_CURVE_WIDTHS = (2.6, 2.0, 1.4, 0.9, 0.6)  # points, in the order of drawing
 _RETURN_GAP = 0.08  # from a sample to the mark of a return, share of the panel's height
 _SEGMENTS_AT = 0.02  # share of the panel's height
 _NANOSECONDS = 1e9
@@ -115,6 +115,16 @@ def _draw_method(axes: Axes, method: MethodView, width: float) -> None:
     fitted = _around_echoes(method) if method.fits_a_sum else method.fitted
     for curve, kind in ((fitted, "fitted"), (method.deconvolved, "deconvolved")):
         axes.plot(*curve.T, color=colour, linewidth=width, label=f"{name}, {kind}", zorder=5)
+    if len(method.residuals):
+        axes.plot(
+            method.residuals[:, 0],
+            method.foot + method.residuals[:, 1],
+            color=colour,
+            linewidth=0.7,
+            linestyle=":",
+            label=f"{name}, residuals",
+            zorder=4,
+        )
     axes.vlines(method.positions, method.foot, method.tops, color=colour, linewidth=0.8, zorder=3)
     wide = method.widths > 0
     axes.hlines(

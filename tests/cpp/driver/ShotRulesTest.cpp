@@ -29,7 +29,8 @@ class Block {
   [[nodiscard]] SampleRows samples() const {
     return {values.data(), static_cast<std::ptrdiff_t>(width), counts};
   }
-  [[nodiscard]] std::vector<RowState> states() const { return statesOfRows(samples(), shotTimes); }
+  [[nodiscard]] BlockReport report() const { return reportOfRows(samples(), shotTimes); }
+  [[nodiscard]] std::vector<RowState> states() const { return report().rowStates; }
 
   [[nodiscard]] EchoRules rules(std::vector<std::int64_t> const& rows, std::vector<double> const& positions,
                                 std::vector<double> const& amplitudes, ScannerDevice const& scanner) const {
@@ -77,6 +78,21 @@ TEST(ShotRules, RowsWithoutSamplesOrTimeAreInvalid) {
   block.add({0}, 7.0);
   EXPECT_EQ(block.states(),
             (std::vector{RowState::InvalidRow, RowState::InvalidRow, RowState::InvalidRow, RowState::Kept}));
+}
+
+TEST(ShotRules, HalfOfTheRowsBeingDuplicatesIsSuspicious) {
+  Block block;
+  block.add({1, 2, 3}, 7.0);
+  block.add({}, 8.0);
+  block.add({1, 2, 3}, 7.0);
+  EXPECT_FALSE(block.report().statistics.isSuspicious());
+  block.add({1, 2, 3}, 7.0);
+  RunStatistics const statistics = block.report().statistics;
+  EXPECT_TRUE(statistics.isSuspicious());
+  EXPECT_EQ(statistics.numberOfWaves, 4);
+  EXPECT_EQ(statistics.duplicates, 2U);
+  EXPECT_EQ(statistics.signalTooLow, 0U);
+  EXPECT_EQ(statistics.splitCounts[0], 3U);
 }
 
 TEST(ShotRules, TimesCountFromTheReferenceTimeOfTheScanner) {

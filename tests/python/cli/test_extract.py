@@ -20,6 +20,7 @@ from ..support.command_line import assert_error, assert_usage, names, run
 SHOTS = 300
 EXTRA = ["amplitude", "amplitude_db", "amplitude_library_db", "sigma_ns", "fwhm_ns", "position"]
 EXTRA += ["sigma_position_ns", "sigma_amplitude", "sigma_width_ns", "sigma_range"]
+EXTRA += ["significance", "fit_flags", "reduced_chi_square"]
 EXTRA += ["echo_type", "quality", "reflectance"]
 EXTRA += ["waveform_number", "channel_flag", "descriptor", "original_return_number"]
 TOML = """

@@ -10,6 +10,7 @@ import numpy as np
 import pytest
 
 from fullwaveform import Driver, Mode, RowState, Scanner, _core
+from fullwaveform.core.constants import EchoType
 from fullwaveform.core.messages import forward_messages
 from fullwaveform.core.scanner import NO_AFTER_PULSE, AfterPulse
 
@@ -248,9 +249,20 @@ def test_mode_names_and_invalid_modes() -> None:
     assert Mode.THREE_POINT.title == "Fitting gauss curve (linear)"
     assert Mode.HYBRID.title == "FWF_Hybrid"
     assert Driver(0, scanner()).message == ""
-    for mode in (4, -1, True):
+    for mode in (5, -1, True):
         with pytest.raises(ValueError, match=f"^invalid mode {mode}; expected 0, 1, 2 or 3$"):
             Driver(mode, scanner())
+    for fit in (4, Mode.PULSE_FIT, "pulse-fit"):
+        with pytest.raises(ValueError, match="is not a method of the driver; use"):
+            Driver(fit, scanner())
+
+
+def test_pulse_fit_has_a_title_and_a_type_of_echo_of_its_own() -> None:
+    assert Mode.PULSE_FIT.title == "Pulse fit"
+    assert (EchoType(8), EchoType(8).description) == (EchoType.PULSE_FIT, "pulse fit")
+    for one in _core.EchoType:
+        assert EchoType(int(one)).name == one.name
+        assert EchoType(int(one)).description == one.description
 
 
 def test_driver_without_sampling_interval_is_refused() -> None:

@@ -16,12 +16,15 @@ from matplotlib.text import Text
 from fullwaveform import Mode, Scanner
 from fullwaveform.analysis.waveform_selection import SelectedShot
 from fullwaveform.analysis.waveform_views import WaveformView, waveform_views
+from fullwaveform.calibration.calibration import Calibration
+from fullwaveform.core.pulse_models import ReceiverModel
 from fullwaveform.data.returns import DiscreteReturns
 from fullwaveform.plotting.echo_list import METHOD_COLOURS
 from fullwaveform.plotting.waveform import draw_waveforms, waveform_figure
 
 from ..core import test_modes
 from ..extraction.test_extraction import Packet, block_of
+from ..support.pulse_models import gaussian_model, waveform
 from ..support.sample_triples import TRIPLE_STD, triples
 
 TWO_ECHOES = Packet(triples({20: 100, 40: 60}), interval=2e-9)
@@ -31,7 +34,9 @@ def views(
     *packets: Packet, modes: Sequence[Mode] = (Mode.THREE_POINT,), scanner: Scanner | None = None
 ) -> list[WaveformView]:
     shot = SelectedShot(block_of(packets), np.arange(len(packets)))
-    return waveform_views(shot, scanner or Scanner.default(), modes, 10)
+    receivers = [ReceiverModel(flag, 0, "returned", 100, gaussian_model()) for flag in (0, 1)]
+    calibration = Calibration(pulse_models=tuple(receivers))
+    return waveform_views(shot, scanner or Scanner.default(), modes, 10, calibration)
 
 
 def marks(axes: Axes) -> dict[str, np.ndarray]:
@@ -108,7 +113,7 @@ def test_modes_have_different_colours() -> None:
     scanner = test_modes.scanner()
     samples = test_modes.scene(np.array([[30.0]]), np.array([[600.0]]))[0]
     axes = waveform_figure(views(Packet(samples), modes=list(Mode), scanner=scanner)).axes[0]
-    names = ("three-point", "decomposition", "deconvolution", "hybrid")
+    names = ("three-point", "decomposition", "deconvolution", "hybrid", "pulse-fit")
     colours = {
         mode: {
             line.get_color()
@@ -118,12 +123,32 @@ def test_modes_have_different_colours() -> None:
         for mode, name in zip(Mode, names, strict=True)
     }
     assert colours == {mode: {METHOD_COLOURS[mode]} for mode in Mode}
-    assert len(set(METHOD_COLOURS)) == 4
+    assert len(set(METHOD_COLOURS)) == 5
     drawn = marks(axes)
     assert len(drawn["deconvolution, deconvolved"]) > 0
     assert len(drawn["deconvolution, fitted"]) == 0
     assert len(drawn["decomposition, deconvolved"]) == 0
     assert bars(axes, "deconvolution, widths") == []
+
+
+def test_pulse_fit_has_the_sum_of_its_pulses_and_residuals() -> None:
+    samples = waveform(80, [(30.25, 300.0), (36.5, 150.0)])
+    samples[60] += 7
+    axes = waveform_figure(views(Packet(samples), modes=[Mode.PULSE_FIT])).axes[0]
+    drawn = marks(axes)
+    np.testing.assert_allclose(
+        drawn["pulse-fit, echoes"], [[30.25, 320.0], [36.5, 170.0]], rtol=0.01
+    )
+    curve = drawn["pulse-fit, fitted"]
+    for sample in range(24, 44):
+        height = np.interp(sample, *curve.T)
+        assert height == pytest.approx(float(samples[sample]), abs=1.5), sample
+    residuals = drawn["pulse-fit, residuals"]
+    assert residuals[:, 0].tolist() == list(range(80))
+    # Around the baseline of 20 counts.
+    assert residuals[60, 1] == pytest.approx(27.0, abs=1.0)
+    np.testing.assert_allclose(np.delete(residuals[:, 1], 60), 20.0, atol=1.5)
+    assert "pulse-fit, residuals" not in marks(waveform_figure(views(TWO_ECHOES)).axes[0])
 
 
 def test_each_channel_of_a_shot_has_a_panel() -> None:

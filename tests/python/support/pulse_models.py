@@ -43,4 +43,5 @@ def waveform(
     values = np.full(length, BASELINE)
     for position, amplitude in echoes:
         values += amplitude * np.exp(-0.5 * ((x - position) / SIGMA) ** 2)
-    return np.rint(np.minimum(values, limit)).astype(np.uint16)
+    samples: npt.NDArray[np.uint16] = np.rint(np.minimum(values, limit)).astype(np.uint16)
+    return samples

@@ -16,7 +16,7 @@ from ...support.echo_tables import echo_table
 HEADER = (
     "x,y,z,gps_time,echo_number,echo_count,amplitude,amplitude_db,amplitude_library_db,sigma_ns,"
     "fwhm_ns,position,position_library,sigma_position_ns,sigma_amplitude,sigma_width_ns,"
-    "sigma_range,echo_type,quality,reflectance,time,waveform_number,"
+    "sigma_range,significance,fit_flags,reduced_chi_square,echo_type,quality,reflectance,time,waveform_number,"
     "channel_flag,descriptor,classification,original_return_number\n"
 )
 
@@ -35,9 +35,9 @@ def test_csv_text_of_two_echoes(tmp_path: Path) -> None:
         assert writer.count == 2
     assert (tmp_path / "e.csv").read_text() == HEADER + (
         "433978.209,0.1,-1e-9,383661.97316074,1,2,0.1,12.5,13.5,1.75,4.125,0.25,0.5,"
-        "0.0625,1.5,0.125,0.0078125,3,4,nan,1.25e-7,0,1,2,5,3\n"
+        "0.0625,1.5,0.125,0.0078125,12.5,5,1.25,3,4,nan,1.25e-7,0,1,2,5,3\n"
         "1,2,3,383661.97316074,2,2,200,12.5,13.5,1.75,4.125,1.25,1.5,0.0625,1.5,0.125,"
-        "0.0078125,3,4,-2.5,2,1,1,2,5,3\n"
+        "0.0078125,12.5,5,1.25,3,4,-2.5,2,1,1,2,5,3\n"
     )
 
 

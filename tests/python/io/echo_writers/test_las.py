@@ -102,6 +102,9 @@ def test_extra_bytes_of_an_echo(tmp_path: Path) -> None:
         "sigma_amplitude": ("float32", [1.5, 1.5]),
         "sigma_width_ns": ("float32", [0.125, 0.125]),
         "sigma_range": ("float32", [0.0078125, 0.0078125]),
+        "significance": ("float32", [12.5, 12.5]),
+        "fit_flags": ("uint8", [5, 5]),
+        "reduced_chi_square": ("float32", [1.25, 1.25]),
         "echo_type": ("uint8", [3, 3]),
         "quality": ("uint8", [4, 4]),
         "reflectance": ("float32", [-2.5, -2.5]),
@@ -309,7 +312,7 @@ def test_several_tables_are_appended(tmp_path: Path) -> None:
 def test_file_without_echoes_is_valid(tmp_path: Path, source: laspy.LasHeader | None) -> None:
     las = written(tmp_path / "e.las", source)
     assert len(las.points) == 0
-    assert len(list(las.point_format.extra_dimensions)) == 17
+    assert len(list(las.point_format.extra_dimensions)) == 20
 
 
 def write_and_fail(writer: LasEchoWriter) -> None:

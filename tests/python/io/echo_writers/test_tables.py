@@ -42,6 +42,9 @@ EXPECTED: dict[str, list[float]] = {
     "sigma_amplitude": [1.5, NAN, NAN],
     "sigma_width_ns": [0.25, NAN, NAN],
     "sigma_range": [0.0078125, 0.125, NAN],
+    "significance": [12.5, NAN, NAN],
+    "fit_flags": [5, 0, 0],
+    "reduced_chi_square": [1.25, 0.75, NAN],
     "echo_type": [2, 5, 0],
     "quality": [0, 1, 0],
     "reflectance": [NAN, -2.5, NAN],
@@ -61,7 +64,8 @@ TYPES = {
     **dict.fromkeys(
         ("sigma_position_ns", "sigma_amplitude", "sigma_width_ns", "sigma_range"), "float32"
     ),
-    **dict.fromkeys(("echo_type", "quality", "channel_flag", "descriptor"), "uint8"),
+    **dict.fromkeys(("significance", "reduced_chi_square"), "float32"),
+    **dict.fromkeys(("fit_flags", "echo_type", "quality", "channel_flag", "descriptor"), "uint8"),
     **dict.fromkeys(("classification", "original_return_number"), "uint8"),
 }
 METADATA = {"version": "0.1.0", "mode": "three-point"}
