@@ -6,6 +6,7 @@ from collections import Counter
 from dataclasses import dataclass, replace
 
 import numpy as np
+from scipy.interpolate import BSpline
 
 from fullwaveform.calibration.averaging import (
     ALIGNMENT_SPLINE,
@@ -112,7 +113,23 @@ def align(pulses: Pulses, noise_rms: float) -> AlignedPulses:
         # The distribution is that of variances above the curve, so its own mean must not move last.
         aligned = _described(aligned, noise_rms, 0.0 if is_final else None)
         aligned = _recentred(aligned, _FINAL_SPLINE if is_final else ALIGNMENT_SPLINE)
-    return _described(_moved(aligned, noise_rms), noise_rms, 0.0)
+    return _described(_moved(_centred(aligned), noise_rms), noise_rms, 0.0)
+
+
+def _centred(aligned: AlignedPulses) -> AlignedPulses:
+    """The pulses with their curve shifted and scaled to maximum 1 at lag 0."""
+    old, alignment = aligned.pulse.curve, aligned.alignment
+    lag, height = old.summit()
+    spline = BSpline(old.spline.t - lag, old.spline.c / height, old.spline.k)
+    return replace(
+        aligned,
+        pulse=WidenedPulse(Curve(spline, old.before + lag, old.after - lag)),
+        alignment=replace(
+            alignment,
+            position=alignment.position + lag,
+            amplitude=alignment.amplitude * height,
+        ),
+    )
 
 
 def _moved(aligned: AlignedPulses, noise_rms: float) -> AlignedPulses:
