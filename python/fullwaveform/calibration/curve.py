@@ -20,7 +20,7 @@ _RISE_SHARES = (0.1, 0.03)
 _MIN_QUIET = 2.0  # samples
 _STEPS_FOR_WIDTH = 32  # per sample
 # A Gaussian over this share of its width at half maximum to either side of its maximum differs from
-# a polynomial of degree 4 by 1e-4.
+# a polynomial of degree 4 by 1.4e-4 at most.
 _SUMMIT_SHARE, _SUMMIT_VALUES = 0.3, 101
 _NEWTON_STEPS = 20
 

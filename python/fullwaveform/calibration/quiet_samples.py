@@ -10,14 +10,16 @@ import numpy as np
 from fullwaveform.data.arrays import FloatArray, UInt16Array
 
 MIN_LENGTH = 5  # samples of a stretch
-_MIN_STRETCHES = 30
+_MIN_STRETCHES = 10
+_MIN_SAMPLES = 300  # of all stretches; fewer do not show a correlation
 _USEFUL_STRETCHES = 500  # more of them allow longer ones instead
-_MAX_LENGTH = 64  # samples
+_MAX_LENGTH = 128  # samples
 _MAX_DEVIATION = 2.0  # times the median; a stretch with a larger one holds a weak echo
 _CLIP = 4.0  # robust standard deviations
 _RMS_PER_MEDIAN_DISTANCE = 1.4826  # of a normal distribution
 _MIN_RMS = 0.2  # counts; the digitiser hides the correlation of weaker noise
-_RANGE = (0.5, 2.5)  # of the correlation; receivers have 0.6 to 1.4, and averaging ones more
+# Of the correlation. Receivers have 0.6 to 1.7, those that smooth the signal over a pulse more.
+_RANGE = (0.5, 5.0)
 _QUANTISATION_RMS = math.sqrt(1.0 / 12.0)  # counts, of values that are rounded to counts
 
 
@@ -87,8 +89,8 @@ def measure_noise(stretches: FloatArray, pulse: FloatArray) -> Noise:
     usual = _without_echoes(stretches)
     quiet = usual - usual.mean(axis=1, keepdims=True)
     rms = math.sqrt(float((quiet**2).sum()) / (quiet.size - len(quiet)))
-    if rms < _MIN_RMS:
-        return Noise(_QUANTISATION_RMS, 1.0)
+    if rms < _MIN_RMS or quiet.size < _MIN_SAMPLES:
+        return Noise(max(rms, _QUANTISATION_RMS), 1.0)
     taps = _middle(pulse, length)
     filtered = np.lib.stride_tricks.sliding_window_view(quiet, len(taps), axis=1) @ taps
     white = rms * math.sqrt(float((taps**2).sum() - taps.sum() ** 2 / length))

@@ -124,7 +124,7 @@ def test_whole_waveforms_without_echoes() -> None:
 
 
 def test_too_few_or_too_short_stretches() -> None:
-    few = np.full((20, 40), 10, np.uint16)
+    few = np.full((9, 40), 10, np.uint16)
     short = waveforms_with_an_echo(first=7, length=12)
 
     for samples in (few, short, few[:0]):

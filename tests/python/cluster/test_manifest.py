@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 from collections.abc import Callable
+from dataclasses import asdict, replace
 from pathlib import Path
 from typing import Any
 
@@ -13,9 +14,12 @@ from fullwaveform import Scanner
 from fullwaveform.cluster.inputs import FileState, InputFile
 from fullwaveform.cluster.manifest import Manifest
 from fullwaveform.cluster.manifest_file import ManifestFile, read_manifest
-from fullwaveform.cluster.settings import JobSettings
+from fullwaveform.cluster.settings import JobSettings, differences
 from fullwaveform.cluster.units import planned_parts
+from fullwaveform.core.pulse_models import ReceiverModel
 from fullwaveform.extraction.extractor import ExtractionSettings
+
+from ..support.pulse_models import gaussian_model
 
 OUTCOME = {
     "rows": 3,
@@ -102,6 +106,33 @@ def test_manifest_round_trip(manifest: Manifest, tmp_path: Path) -> None:
     flags = found.settings.flags()
     assert {number: flag for number, flag in flags.items() if flag != 1} == {2: 0, 7: 3}
     assert len(flags) == 256
+
+
+def test_pulse_models_round_trip(manifest: Manifest, tmp_path: Path) -> None:
+    models = (ReceiverModel(1, 3, "returned", 120, gaussian_model()),)
+    manifest.settings = replace(manifest.settings, pulse=models)
+    calibration = replace(manifest.inputs[0].calibration, pulse_models=models)
+    manifest.inputs[0] = replace(manifest.inputs[0], calibration=calibration)
+    ManifestFile(manifest, tmp_path).save()
+
+    found = read_manifest(tmp_path)
+
+    assert found.settings.pulse == models
+    assert found.inputs[0].calibration.pulse_model_of(1, 3) == models[0].model
+    other = replace(manifest.settings, pulse="outgoing")
+    (difference,) = differences(asdict(found.settings), asdict(other), "settings")
+    assert difference.startswith("settings.pulse was a list of 1 starting with ")
+    assert len(difference) < 200
+
+
+def test_broken_pulse_model(manifest: Manifest, tmp_path: Path) -> None:
+    model = ReceiverModel(1, 3, "returned", 120, gaussian_model())
+    manifest.settings = replace(manifest.settings, pulse=(model,))
+    ManifestFile(manifest, tmp_path).save()
+    change(tmp_path, lambda m: m["settings"]["pulse"][0]["model"].update(noise_rms=-1.0))
+
+    with pytest.raises(ValueError, match="settings.pulse"):
+        read_manifest(tmp_path)
 
 
 def test_outcomes_are_read_and_added(manifest: Manifest, tmp_path: Path) -> None:
