@@ -72,32 +72,89 @@ Spectrum rootsOfUnity(int count) {
   return roots;
 }
 
-/// The pulse and its derivatives at all phases: values[order][index], index / phases being the lag from
-/// `firstLag` on.
-///
-/// @param root  of unity for a period: all lags are multiples of 1/phases, so that one table serves all
-std::array<std::vector<double>, PulseTable::derivatives> widened(Spectrum const& spectrum,
-                                                                 Spectrum const& root, double variance,
-                                                                 int firstLag) {
-  std::array<std::vector<double>, PulseTable::derivatives> result;
-  result.fill(std::vector<double>(root.size()));
-  auto const roots = static_cast<std::int64_t>(root.size());
+double angularFrequency(std::size_t index, Spectrum const& root) {
+  return 2.0 * std::numbers::pi * phases * static_cast<double>(index) / static_cast<double>(root.size());
+}
+
+/// The series of the pulse with a variance added, up to its last term that matters to any derivative.
+Spectrum widened(Spectrum spectrum, double variance, Spectrum const& root) {
+  std::size_t count = 0;
   for (std::size_t k = 0; k < spectrum.size(); ++k) {
-    double const angular =
-        2.0 * std::numbers::pi * phases * static_cast<double>(k) / static_cast<double>(roots);
-    std::complex<double> const term = spectrum[k] * std::exp(-0.5 * variance * angular * angular);
-    if (std::abs(term) * std::pow(std::max(angular, 1.0), 4.0) < 1e-16) {
-      continue;
+    double const angular = angularFrequency(k, root);
+    spectrum[k] *= std::exp(-0.5 * variance * angular * angular);
+    if (std::abs(spectrum[k]) * std::pow(std::max(angular, 1.0), 4.0) >= 1e-16) {
+      count = k + 1;
     }
+  }
+  spectrum.resize(count);
+  return spectrum;
+}
+
+/// A range of whole lags.
+struct Lags {
+  int first;
+  int count;
+};
+
+/// Steps through the roots of unity that a term of a series has at equidistant lags.
+class Turn {
+ public:
+  Turn(Spectrum const& root, int firstLag, std::size_t term, int step)
+      : root(&root), size(static_cast<std::int64_t>(root.size())) {
+    auto const at = [&](std::int64_t lagSteps) {
+      std::int64_t const rest = lagSteps * static_cast<std::int64_t>(term) % size;
+      return rest < 0 ? rest + size : rest;
+    };
+    index = at(std::int64_t{firstLag} * phases);
+    by = at(step);
+  }
+  std::complex<double> next() {
+    std::complex<double> const value = (*root)[static_cast<std::size_t>(index)];
+    index += by;
+    index -= index >= size ? size : 0;
+    return value;
+  }
+
+ private:
+  Spectrum const* root;
+  std::int64_t size;
+  std::int64_t index;
+  std::int64_t by;
+};
+
+/// The lags outside which a pulse is negligible at whole lags, and two more on each side.
+Lags supportOf(Spectrum const& spectrum, Spectrum const& root, Lags const& all) {
+  std::vector<double> values(static_cast<std::size_t>(all.count));
+  for (std::size_t k = 0; k < spectrum.size(); ++k) {
+    Turn turn(root, all.first, k, phases);
+    for (double& value : values) {
+      value += product(spectrum[k], turn.next()).real();
+    }
+  }
+  double const peak = *std::max_element(values.begin(), values.end());
+  auto const matters = [&](double value) { return std::abs(value) > negligible * peak; };
+  auto const begin = std::find_if(values.begin(), values.end(), matters) - values.begin();
+  auto const end = values.rend() - std::find_if(values.rbegin(), values.rend(), matters);
+  int const first = std::max(static_cast<int>(begin) - 2, 0);
+  return {all.first + first, std::min(static_cast<int>(end) + 2, all.count) - first};
+}
+
+/// The pulse and its derivatives at all phases: values[order][index], index / phases being the lag from the
+/// first one on.
+using Curves = std::array<std::vector<double>, PulseTable::derivatives>;
+
+Curves curvesOf(Spectrum const& spectrum, Spectrum const& root, Lags const& lags) {
+  Curves curves;
+  curves.fill(std::vector<double>(static_cast<std::size_t>(lags.count * phases)));
+  double* const values[] = {curves[0].data(), curves[1].data(), curves[2].data(), curves[3].data(),
+                            curves[4].data()};
+  for (std::size_t k = 0; k < spectrum.size(); ++k) {
     // Each derivative multiplies by i x angular frequency, which exchanges real and imaginary parts.
+    double const angular = angularFrequency(k, root);
     double const second = -angular * angular;
-    auto const turn = static_cast<std::int64_t>(k);
-    std::int64_t at = std::int64_t{firstLag} * phases * turn % roots;
-    at += at < 0 ? roots : 0;
-    double* const values[5] = {result[0].data(), result[1].data(), result[2].data(), result[3].data(),
-                               result[4].data()};
-    for (std::size_t i = 0; i < root.size(); ++i) {
-      std::complex<double> const value = product(term, root[static_cast<std::size_t>(at)]);
+    Turn turn(root, lags.first, k, 1);
+    for (std::size_t i = 0; i < curves[0].size(); ++i) {
+      std::complex<double> const value = product(spectrum[k], turn.next());
       double const slope = -angular * value.imag();
       double const curvature = second * value.real();
       values[0][i] += value.real();
@@ -105,11 +162,9 @@ std::array<std::vector<double>, PulseTable::derivatives> widened(Spectrum const&
       values[2][i] += curvature;
       values[3][i] += second * slope;
       values[4][i] += second * curvature;
-      at += turn;
-      at -= at >= roots ? roots : 0;
     }
   }
-  return result;
+  return curves;
 }
 
 /// Lag (in steps) at which a curve falls through half of its peak, in one direction from it.
@@ -128,7 +183,7 @@ double crossing(std::vector<double> const& curve, std::size_t peak, int directio
   return static_cast<double>(i) + direction * (inside - half) / (inside - outside);
 }
 
-PulseTable::Shape shapeOf(std::array<std::vector<double>, PulseTable::derivatives> const& curves) {
+PulseTable::Shape shapeOf(Curves const& curves) {
   std::vector<double> const& curve = curves[0];
   auto const peak = static_cast<std::size_t>(std::max_element(curve.begin(), curve.end()) - curve.begin());
   // The maximum lies between two phases; its distance follows from the slope.
@@ -173,24 +228,26 @@ PulseTable::PulseTable(PulseModel const& model, double maxVariance) {
   double const lastLag = model.firstLag + model.lagStep * static_cast<double>(model.pulse.size() - 1);
   auto const widest = static_cast<int>(std::ceil(6.0 * std::sqrt(maxVariance)));
   int const firstLag = static_cast<int>(std::floor(model.firstLag)) - widest;
-  int const lags = static_cast<int>(std::ceil(lastLag)) + widest - firstLag + 1;
-  Spectrum const spectrum = spectrumOf(model, lags);
-  Spectrum const roots = rootsOfUnity(lags * phases);
+  Lags const all{firstLag, static_cast<int>(std::ceil(lastLag)) + widest - firstLag + 1};
+  Spectrum const spectrum = spectrumOf(model, all.count);
+  Spectrum const roots = rootsOfUnity(all.count * phases);
   for (double const variance : varianceNodes(varianceOf(model), maxVariance)) {
-    auto const curves = widened(spectrum, roots, variance, firstLag);
+    Spectrum const series = widened(spectrum, variance, roots);
+    Lags const lags = supportOf(series, roots, all);
+    Curves const curves = curvesOf(series, roots, lags);
     Shape const shape = shapeOf(curves);
     auto const matters = [&](double value) { return std::abs(value) > negligible * shape.peak; };
     auto const begin = std::find_if(curves[0].begin(), curves[0].end(), matters) - curves[0].begin();
     auto const end = curves[0].rend() - std::find_if(curves[0].rbegin(), curves[0].rend(), matters);
-    int const first = firstLag + static_cast<int>(begin) / phases;
-    int const last = std::min(firstLag + static_cast<int>(end) / phases + 1, firstLag + lags - 2);
+    int const first = lags.first + static_cast<int>(begin) / phases;
+    int const last = lags.first + std::min(static_cast<int>(end) / phases + 1, lags.count - 2);
     nodes.push_back({variance, first, last - first + 1, values.size(), shape});
     for (int phase = 0; phase < phases; ++phase) {
       for (std::vector<double> const& order : curves) {
         std::size_t const row = values.size();
         values.resize(row + rowLength(nodes.back()), 0.0);
         for (int i = 0; i < nodes.back().count; ++i) {
-          int const index = (first + i - firstLag) * phases - phase;
+          int const index = (first + i - lags.first) * phases - phase;
           if (index >= 0) {
             values[row + static_cast<std::size_t>(i)] = order[static_cast<std::size_t>(index)];
           }

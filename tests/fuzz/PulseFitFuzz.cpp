@@ -20,9 +20,9 @@ void setPulse(Bytes& bytes, PulseModel& model) {
     return;
   }
   model.lagStep = 0.25;
-  model.firstLag = -6.0;
-  double const width = (8.0 + bytes.upTo(63)) / 16.0;
-  for (int i = 0; i <= 48; ++i) {
+  model.firstLag = -4.0;
+  double const width = (8.0 + bytes.upTo(31)) / 16.0;
+  for (int i = 0; i <= 32; ++i) {
     double const lag = (model.firstLag + model.lagStep * i) / width;
     model.pulse.push_back(std::exp(-0.5 * lag * lag));
   }
@@ -59,9 +59,7 @@ PulseFitSettings settingsFrom(Bytes& bytes) {
   settings.digitiserLimit = (given & 1U) != 0 ? bytes.number() : 4.0 * bytes.byte();
   settings.falseAlarms = (given & 2U) != 0 ? bytes.number() : 1.0;
   settings.minEchoCost = (given & 4U) != 0 ? bytes.number() : 25.0;
-  if ((given & 8U) != 0) {
-    settings.maxVariance = bytes.number();
-  }
+  settings.maxVariance = (given & 8U) != 0 ? bytes.number() : 0.5;  // a small table: many inputs per second
   return settings;
 }
 
