@@ -51,7 +51,7 @@ bool keepBetter(Hypothesis const& candidate, Hypothesis& best) {
 /// Two echoes in place of one, around it, with a share of its amplitude for the first.
 Hypothesis split(Hypothesis const& from, std::size_t index, double share, double variance) {
   double const spread = std::sqrt(std::clamp(variance, 0.3, 6.0));
-  double const distance = (share == 0.5 ? 2.0 : 2.3) * spread;
+  double const distance = 2.3 * spread;
   EchoState const& echo = from.echoes[index];
   Hypothesis result = from;
   result.echoes[index] = {echo.position - (1.0 - share) * distance, share * echo.amplitude};
@@ -143,7 +143,8 @@ void EchoSearch::reshape(EchoFit& fit, Hypothesis const& from, Hypothesis& best)
         continue;
       }
     }
-    for (double const share : {0.5, 0.75, 0.25}) {
+    // Equal echoes are found from here as well, and unequal ones hardly from equal ones.
+    for (double const share : {0.75, 0.25}) {
       if (from.count < maxFittedEchoes) {
         Hypothesis two = split(from, k, share, wider.echoes[k].variance);
         fit.refine(two);

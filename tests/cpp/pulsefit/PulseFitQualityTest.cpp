@@ -139,26 +139,31 @@ INSTANTIATE_TEST_SUITE_P(Closest, Pairs,
                          testing::Values(Pair{30.0, 0.9}, Pair{100.0, 0.55}, Pair{500.0, 0.4}));
 
 TEST(PulseFitQuality, OverlappingWideEchoesHaveHonestUncertainties) {
-  // As in vegetation: every width up to 1.2 times that of the pulse, where flat surfaces widen little.
+  // As in vegetation: every width up to 1.25 times that of the pulse, where flat surfaces widen little.
   PulseModel prior = model();
   prior.varianceSpread = 0.015;
   prior.widening = 0.18;
   std::mt19937 random(14);
   std::uniform_real_distribution<double> place(28.0, 48.0);
-  std::uniform_real_distribution<double> widening(1.0, 1.2);
+  std::uniform_real_distribution<double> widening(1.0, 1.25);
   PulseFit fit(prior);
   Pulls pulls;
-  for (int run = 0; run < 800; ++run) {
+  int found = 0;
+  int const runs = 800;
+  for (int run = 0; run < runs; ++run) {
     double const position = place(random);
-    TrueEcho const truth[2] = {{position, 200.0, pulseWidth * widening(random)},
-                               {position + 1.2 * fwhm, 200.0, pulseWidth * widening(random)}};
+    TrueEcho const truth[2] = {{position, 100.0, pulseWidth * widening(random)},
+                               {position + fwhm, 100.0, pulseWidth * widening(random)}};
     PulseFitResult const result = fit.apply(noisyWaveform(80, {truth[0], truth[1]}, random));
-    ASSERT_EQ(result.echoes.size(), 2U);
-    for (std::size_t k = 0; k < 2; ++k) {
-      pulls.add((result.echoes[k].position - truth[k].position) / result.echoes[k].sigmaPosition);
+    if (result.echoes.size() == 2) {
+      ++found;
+      for (std::size_t k = 0; k < 2; ++k) {
+        pulls.add((result.echoes[k].position - truth[k].position) / result.echoes[k].sigmaPosition);
+      }
     }
   }
-  EXPECT_NEAR(pulls.rms(), 1.0, 0.1);
+  EXPECT_GE(found, 0.98 * runs);
+  EXPECT_NEAR(pulls.rms(), 1.0, 0.15);
 }
 
 TEST(PulseFitQuality, AWideEchoIsNotSplit) {
