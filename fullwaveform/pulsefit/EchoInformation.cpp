@@ -203,7 +203,9 @@ void EchoInformation::solveGroup(Range group, std::span<EchoUncertainty> result)
 
 void EchoInformation::fillMatrices(Range group) {
   information.reset(firstColumns);
-  noiseProducts.reset(firstColumns);
+  if (lag > 0) {
+    noiseProducts.reset(firstColumns);
+  }
   for (std::vector<double>* const vector : {&baselineProducts, &smoothed, &smoothedNoise, &influence}) {
     vector->assign(firstColumns.size(), 0.0);
   }
@@ -215,7 +217,9 @@ void EchoInformation::fillMatrices(Range group) {
     }
     for (std::size_t j = echo.firstCoupled; j <= k; ++j) {
       multiply(echo, columns, 0, echoes[j], information);
-      multiply(echo, filteredOf(echo), lag, echoes[j], noiseProducts);
+      if (lag > 0) {
+        multiply(echo, filteredOf(echo), lag, echoes[j], noiseProducts);
+      }
     }
   }
 }
@@ -250,22 +254,34 @@ EchoUncertainty EchoInformation::uncertaintyOf(std::size_t echo, Range neighbour
   std::size_t const own = echoes[echo].row;
   EchoUncertainty uncertainty;
   select(own + POSITION, rows);
-  uncertainty.position = std::sqrt(varianceOf(rows, 0.0, 0.0));
+  uncertainty.position = deviation(noiseOf(influence[own + POSITION], rows), baselineOf(rows));
   if (place.parameters == maxParameters) {
     double const fwhmPerSigma = 2.0 * std::sqrt(2.0 * std::numbers::ln2);
     select(own + WIDTH, rows);
-    uncertainty.fwhm = fwhmPerSigma * std::sqrt(varianceOf(rows, 0.0, 0.0));
+    uncertainty.fwhm = fwhmPerSigma * deviation(noiseOf(influence[own + WIDTH], rows), baselineOf(rows));
   }
   SmoothingWeights const smoothing = smoothingAt(size, place.maximum);
   project(smoothing, neighbours);
   selectSmoothed(own + AMPLITUDE, rows);
-  double ownNoise = noiseOf(smoothing);
+  double onSmoothed = 0.0;
+  double covariance = 0.0;
   for (std::size_t i = rows.begin; i < rows.end; ++i) {
-    ownNoise += 2.0 * smoothedNoise[i] * influence[i];
+    onSmoothed += smoothed[i] * influence[i];
+    covariance += smoothedNoise[i] * influence[i];
   }
-  double const ownBaseline = sumOf(smoothing.weights.data(), smoothing.weights.size());
-  uncertainty.amplitude = std::sqrt(varianceOf(rows, ownNoise, ownBaseline));
+  double const ofFit = noiseOf(influence[own + AMPLITUDE] - onSmoothed, rows);
+  double const weight = sumOf(smoothing.weights.data(), smoothing.weights.size());
+  uncertainty.amplitude =
+      deviation(ofFit + 2.0 * covariance + smoothedVariance(smoothing), baselineOf(rows) + weight);
   return uncertainty;
+}
+
+/// Standard deviation of a value.
+///
+/// @param variance    for noise of variance 1
+/// @param onBaseline  its change by a wrong baseline
+double EchoInformation::deviation(double variance, double onBaseline) const {
+  return std::sqrt(noiseVariance * variance + baselineVariance * onBaseline * onBaseline);
 }
 
 /// Sets the influence of the noise on a parameter.
@@ -293,29 +309,34 @@ void EchoInformation::project(SmoothingWeights const& smoothing, Range neighbour
     for (std::size_t a = 0; a < echo.place.parameters; ++a) {
       smoothed[echo.row + a] =
           smoothedColumn(column(columnsOf(echo), a), echo.place.first, echo.place.count, smoothing);
+      if (lag == 0) {
+        smoothedNoise[echo.row + a] = smoothed[echo.row + a];
+        continue;
+      }
       smoothedNoise[echo.row + a] =
           smoothedColumn(column(filteredOf(echo), a), echo.place.first, echo.place.count + 2 * lag, later);
     }
   }
 }
 
-/// Variance of the selected sum of parameters, plus a sum of samples whose variance (of noise of variance 1)
-/// and weight on the baseline are given.
-double EchoInformation::varianceOf(Range rows, double ownNoise, double ownBaseline) const {
-  double variance = ownNoise;
-  double onBaseline = ownBaseline;
+/// Variance that the influence gives to a value, for noise of variance 1.
+///
+/// @param ofWhiteNoise  the same, if the noise is not correlated
+double EchoInformation::noiseOf(double ofWhiteNoise, Range rows) const {
+  return lag == 0 ? ofWhiteNoise : noiseProducts.quadraticForm(influence, rows.begin, rows.end);
+}
+
+/// Change of a value by a wrong baseline.
+double EchoInformation::baselineOf(Range rows) const {
+  double sum = 0.0;
   for (std::size_t i = rows.begin; i < rows.end; ++i) {
-    onBaseline += influence[i] * baselineProducts[i];
-    variance += influence[i] * noiseProducts(i, i) * influence[i];
-    for (std::size_t j = rows.begin; j < i; ++j) {
-      variance += 2.0 * influence[i] * noiseProducts(i, j) * influence[j];
-    }
+    sum += influence[i] * baselineProducts[i];
   }
-  return noiseVariance * variance + baselineVariance * onBaseline * onBaseline;
+  return sum;
 }
 
 /// Variance of a smoothed value for noise of variance 1.
-double EchoInformation::noiseOf(SmoothingWeights const& smoothing) const {
+double EchoInformation::smoothedVariance(SmoothingWeights const& smoothing) const {
   double sum = 0.0;
   for (std::size_t i = 0; i < smoothing.weights.size(); ++i) {
     for (std::size_t j = 0; j < smoothing.weights.size(); ++j) {

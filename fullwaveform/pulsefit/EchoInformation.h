@@ -80,8 +80,10 @@ class EchoInformation {
   void project(SmoothingWeights const& smoothing, Range neighbours);
   void select(std::size_t parameter, Range rows);
   void selectSmoothed(std::size_t amplitude, Range rows);
-  [[nodiscard]] double varianceOf(Range rows, double ownNoise, double ownBaseline) const;
-  [[nodiscard]] double noiseOf(SmoothingWeights const& smoothing) const;
+  [[nodiscard]] double deviation(double variance, double onBaseline) const;
+  [[nodiscard]] double noiseOf(double ofWhiteNoise, Range rows) const;
+  [[nodiscard]] double baselineOf(Range rows) const;
+  [[nodiscard]] double smoothedVariance(SmoothingWeights const& smoothing) const;
 
   InstructionSet set;
   PulseKernels const* kernels;
@@ -100,7 +102,7 @@ class EchoInformation {
   std::vector<double> smoothedNoise;     ///< J^T R s with the correlation R of the noise
   std::vector<double> influence;         ///< of each J^T e, with the noise e, on a value
   EnvelopeMatrix information;            ///< J^T J, then its Cholesky factor
-  EnvelopeMatrix noiseProducts;          ///< J^T R J
+  EnvelopeMatrix noiseProducts;          ///< J^T R J, of correlated noise
 };
 
 }  // namespace FullWaveform

@@ -28,6 +28,7 @@ double EnvelopeMatrix::operator()(std::size_t row, std::size_t column) const {
 }
 
 bool EnvelopeMatrix::factor() {
+  perPivot.resize(size());
   for (std::size_t i = 0; i < size(); ++i) {
     double* const row = values.data() + (begins[i] + firsts[i]);
     double const diagonal = row[i - firsts[i]];
@@ -37,9 +38,10 @@ bool EnvelopeMatrix::factor() {
         value -= row[k - firsts[i]] * values[begins[j] + k];
       }
       if (j < i) {
-        row[j - firsts[i]] = value / values[begins[j] + j];
+        row[j - firsts[i]] = value * perPivot[j];
       } else if (value > minPivot * diagonal) {  // false for NaN
         row[j - firsts[i]] = std::sqrt(value);
+        perPivot[i] = 1.0 / row[j - firsts[i]];
       } else {
         return false;
       }
@@ -50,17 +52,35 @@ bool EnvelopeMatrix::factor() {
 
 void EnvelopeMatrix::solve(std::span<double> x, std::size_t begin, std::size_t end) const {
   for (std::size_t i = begin; i < end; ++i) {
-    for (std::size_t k = std::max(firsts[i], begin); k < i; ++k) {
-      x[i] -= values[begins[i] + k] * x[k];
+    double const* const row = values.data() + (begins[i] + firsts[i]);
+    std::size_t const first = std::max(firsts[i], begin);
+    double value = x[i];
+    for (std::size_t k = first; k < i; ++k) {
+      value -= row[k - firsts[i]] * x[k];
     }
-    x[i] /= values[begins[i] + i];
+    x[i] = value * perPivot[i];
   }
   for (std::size_t i = end; i-- > begin;) {
-    x[i] /= values[begins[i] + i];
+    double const* const row = values.data() + (begins[i] + firsts[i]);
+    double const value = x[i] * perPivot[i];
+    x[i] = value;
     for (std::size_t k = std::max(firsts[i], begin); k < i; ++k) {
-      x[k] -= values[begins[i] + k] * x[i];
+      x[k] -= row[k - firsts[i]] * value;
     }
   }
+}
+
+double EnvelopeMatrix::quadraticForm(std::span<double const> x, std::size_t begin, std::size_t end) const {
+  double sum = 0.0;
+  for (std::size_t i = begin; i < end; ++i) {
+    double const* const row = values.data() + (begins[i] + firsts[i]);
+    double ofRow = 0.5 * row[i - firsts[i]] * x[i];
+    for (std::size_t k = std::max(firsts[i], begin); k < i; ++k) {
+      ofRow += row[k - firsts[i]] * x[k];
+    }
+    sum += 2.0 * x[i] * ofRow;
+  }
+  return sum;
 }
 
 }  // namespace FullWaveform

@@ -34,10 +34,14 @@ class EnvelopeMatrix {
   /// on
   void solve(std::span<double> x, std::size_t begin, std::size_t end) const;
 
+  /// x^T M x with the matrix M, before it is factored, for an x that is 0 outside the rows.
+  [[nodiscard]] double quadraticForm(std::span<double const> x, std::size_t begin, std::size_t end) const;
+
  private:
   std::vector<std::size_t> firsts;
   std::vector<std::size_t> begins;  ///< index of column 0 of a row, as if it were stored; wraps around
   std::vector<double> values;
+  std::vector<double> perPivot;  ///< reciprocals of the diagonal of the factor
 };
 
 }  // namespace FullWaveform

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <numeric>
 #include <vector>
 
 #include <fullwaveform/fitting/LaneCount.h>
@@ -13,19 +12,23 @@
 namespace FullWaveform {
 namespace {
 
-/// Whether a sample or one of its neighbours is above a threshold.
-bool isNearSignal(std::span<unsigned short const> samples, std::size_t index, double threshold) {
-  std::size_t const begin = index == 0 ? 0 : index - 1;
-  std::size_t const end = std::min(index + 2, samples.size());
-  return std::any_of(samples.begin() + static_cast<std::ptrdiff_t>(begin),
-                     samples.begin() + static_cast<std::ptrdiff_t>(end),
-                     [threshold](unsigned short sample) { return sample > threshold; });
+/// Whether there is a sample at the index, above a threshold.
+bool isAbove(std::span<unsigned short const> samples, std::size_t index, double threshold) {
+  return index < samples.size() && samples[index] > threshold;
 }
 
-/// Cosine of the angle between two columns; 0 if one of them is 0.
+/// Cosine of the angle between two columns, in the samples where the first is not 0.
 double cosine(double const* x, double const* y, std::size_t count) {
-  double const product = std::inner_product(x, x + count, y, 0.0);
-  double const squares = std::inner_product(x, x + count, x, 0.0) * std::inner_product(y, y + count, y, 0.0);
+  double product = 0.0;
+  double squareOfX = 0.0;
+  double squareOfY = 0.0;
+  for (std::size_t i = 0; i < count; ++i) {
+    double const there = x[i] == 0.0 ? 0.0 : y[i];
+    product += x[i] * there;
+    squareOfX += x[i] * x[i];
+    squareOfY += there * there;
+  }
+  double const squares = squareOfX * squareOfY;
   return squares > 0.0 ? product / std::sqrt(squares) : 0.0;
 }
 
@@ -58,12 +61,18 @@ struct GaussUncertainty::Memory {
   /// Leaves out what was not fitted.
   static void mask(FittedSamples const& waveform, std::size_t first, std::size_t count,
                    PulseColumns const& columns) {
+    // The index before the first sample wraps around to one that is not in the waveform.
+    bool before = isAbove(waveform.samples, first - 1, waveform.threshold);
+    bool here = isAbove(waveform.samples, first, waveform.threshold);
     for (std::size_t i = 0; i < count; ++i) {
+      bool const after = isAbove(waveform.samples, first + i + 1, waveform.threshold);
       if (waveform.samples[first + i] >= waveform.limit) {
         columns.value[i] = columns.byLag[i] = columns.byVariance[i] = 0.0;
-      } else if (!isNearSignal(waveform.samples, first + i, waveform.threshold)) {
+      } else if (!before && !here && !after) {
         columns.byLag[i] = 0.0;
       }
+      before = here;
+      here = after;
     }
   }
 
@@ -79,9 +88,6 @@ struct GaussUncertainty::Memory {
     pulse.sigma = positionSigma;
     PulseColumns const ofFit{fitted.data(), fitted.data() + stride, fitted.data() + 2 * stride};
     differentiateGaussian(pulse, count, ofFit, information.instructionSet());
-    for (std::size_t i = 0; i < count; ++i) {
-      ofFit.byLag[i] *= columns.byLag[i] == 0.0 ? 0.0 : 1.0;
-    }
     double const factor = cosine(columns.byLag, ofFit.byLag, count);
     std::transform(columns.byLag, columns.byLag + count, columns.byLag,
                    [factor](double value) { return factor * value; });

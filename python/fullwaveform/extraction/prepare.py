@@ -185,12 +185,13 @@ def by_receiver(
     block: WaveformBlock, calibration: Calibration
 ) -> list[tuple[ChannelLevels, BoolArray]]:
     """The levels of each receiver in the block, and which waveforms it recorded (n,)."""
-    receivers = np.column_stack([block.channel_flags, block.descriptors])
+    # As one number each: rows of pairs take ten times as long to sort.
+    receivers = block.channel_flags.astype(np.uint16) << 8 | block.descriptors
     found = []
-    for flag, descriptor in np.unique(receivers, axis=0).tolist():
-        level = calibration.levels_of(flag, descriptor)
+    for receiver in np.unique(receivers).tolist():
+        level = calibration.levels_of(receiver >> 8, receiver & 0xFF)
         if level is not None:
-            found.append((level, (receivers == (flag, descriptor)).all(axis=1)))
+            found.append((level, receivers == receiver))
     return found
 
 

@@ -30,6 +30,14 @@ TEST(EnvelopeMatrix, ElementsAreSymmetricAndZeroOutsideTheEnvelope) {
   EXPECT_EQ(matrix(0, 2), 0.0);
 }
 
+TEST(EnvelopeMatrix, QuadraticFormOfSomeRows) {
+  EnvelopeMatrix const matrix = tridiagonal();
+  std::vector<double> const x{1.0, -2.0, 3.0};
+  // 4 + 40 + 18 - 2 * 4 - 2 * 18
+  EXPECT_DOUBLE_EQ(matrix.quadraticForm(x, 0, 3), 18.0);
+  EXPECT_DOUBLE_EQ(matrix.quadraticForm(x, 1, 3), 22.0);
+}
+
 TEST(EnvelopeMatrix, ItsFactorIsThatOfCholesky) {
   EnvelopeMatrix matrix = tridiagonal();
   ASSERT_TRUE(matrix.factor());
