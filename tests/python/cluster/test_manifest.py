@@ -131,7 +131,7 @@ def test_broken_pulse_model(manifest: Manifest, tmp_path: Path) -> None:
     ManifestFile(manifest, tmp_path).save()
     change(tmp_path, lambda m: m["settings"]["pulse"][0]["model"].update(noise_rms=-1.0))
 
-    with pytest.raises(ValueError, match="settings.pulse"):
+    with pytest.raises(ValueError, match=r"settings\.pulse"):
         read_manifest(tmp_path)
 
 
