@@ -109,9 +109,8 @@ def _rows(measured: MeasuredPulse) -> list[Row]:
     model, nanoseconds = measured.entry.model, measured.entry.model.sampling_interval * _NANOSECONDS
     rejected = measured.pulses.rejected.items()
     return [
-        pulse_model_row(measured.entry),
+        pulse_model_row(measured.entry, "of the file"),
         *(("skipped", f"{count:,}", reason) for reason, count in rejected),
-        ("pulse", f"{full_width(model) * nanoseconds:.2f} ns", "full width at half maximum"),
         ("length", f"{_length(measured) * nanoseconds:.1f} ns", "with its tail"),
         ("scatter", f"{model.scatter:.2%}", "rms residual of echoes, of their amplitude"),
         ("widths", f"{model.variance_spread:.3f}", "samples squared, scatter of flat surfaces"),

@@ -13,7 +13,8 @@ from rich.table import Table
 
 from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.calibration.levels import ChannelLevels
-from fullwaveform.core.pulse_models import ReceiverModel
+from fullwaveform.core.driver import Mode
+from fullwaveform.core.pulse_models import ReceiverModel, full_width
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTally
@@ -130,6 +131,8 @@ class RunSummary:
     def _level_rows(self) -> list[Row]:
         """Thresholds and what was done to the samples."""
         found = self.extracted
+        if self.settings.mode is Mode.PULSE_FIT:
+            return self._pulse_model_rows()
         rows = threshold_rows(self.settings, self.calibrations)
         if self.settings.threshold == "estimate" or found.estimated_as_0 or found.estimated_as_180:
             remark = (
@@ -146,6 +149,17 @@ class RunSummary:
             factor = f"by up to {MAX_AUTO_SCALE}" if scale == "auto" else f"by {scale}"
             rows.append(("samples scaled", f"{found.scaled:,}", f"waveforms, {factor}"))
         return rows
+
+    def _pulse_model_rows(self) -> list[Row]:
+        """The pulse model of each receiver of each input, and where it comes from."""
+        known = self.settings.scanner.pulse_models
+        if known:
+            return [pulse_model_row(entry, "of the scanner description") for entry in known]
+        return [
+            pulse_model_row(entry, f"of {name}" if len(self.calibrations) > 1 else "of the file")
+            for name, calibration in self.calibrations.items()
+            for entry in calibration.pulse_models
+        ]
 
     def _notes(self) -> list[str]:
         notes = [*self.settings.scanner.notes, *self.read.notes, *self.notes]
@@ -179,12 +193,16 @@ def threshold_rows(
     return rows
 
 
-def pulse_model_row(entry: ReceiverModel) -> Row:
-    """Receiver of a pulse model, and the pulses of which it was made."""
+def pulse_model_row(entry: ReceiverModel, source: str) -> Row:
+    """Width of the pulse of a model, and the pulses of which it was made."""
+    model = entry.model
     pulses = {"returned": "isolated echoes", "outgoing": "outgoing pulses"}[entry.origin]
     channel = _CHANNELS.get(entry.channel_flag, str(entry.channel_flag))
-    receiver = f"{channel} channel, descriptor {entry.descriptor}"
-    return ("pulse model", f"{entry.pulses:,}", f"{pulses}, {receiver}")
+    return (
+        "pulse model",
+        f"{full_width(model) * model.sampling_interval * 1e9:.2f} ns",
+        f"{channel} channel, descriptor {entry.descriptor}: {entry.pulses:,} {pulses} {source}",
+    )
 
 
 def receiver_name(level: ChannelLevels, levels: Sequence[ChannelLevels]) -> str:

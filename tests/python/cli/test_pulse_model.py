@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import math
+import re
 from pathlib import Path
 
 import numpy as np
@@ -34,8 +35,10 @@ def test_description_and_plot(scan: Path, tmp_path: Path) -> None:
 
     assert result.exit_code == 0, result.output
     output = words(result.stdout)
-    assert "isolated echoes, low channel, descriptor 1" in output
-    assert "isolated echoes, high channel, descriptor 2" in output
+    assert re.search(r"pulse model 3\.7\d ns low channel, descriptor 1: \d{3} isolated ech", output)
+    assert re.search(
+        r"3\.7\d ns high channel, descriptor 2: \d{3} isolated echoes of the", output
+    )
     assert f"result: {toml}" in output
     assert f"result: {plot}" in output
     assert image.imread(plot).shape[:2] == (1088, 1760)
@@ -151,3 +154,39 @@ def test_invalid_options(scan: Path, tmp_path: Path) -> None:
     assert_error(run("pulse-model", tmp_path / "none.las", "-o", toml), "none.las")
     assert_error(run(*call, toml, "--pulse", "outgoing"), "too few usable outgoing pulses")
     assert names(tmp_path) == []
+
+
+def test_extraction_prints_the_source_of_its_model(scan: Path, tmp_path: Path) -> None:
+    toml, echoes = tmp_path / "s.toml", tmp_path / "e.csv"
+    call = ["extract", scan, "-o", echoes, "--mode", "pulse-fit", "--overwrite"]
+    run("pulse-model", scan, "-o", toml, "-q")
+
+    from_file = run(*call)
+    first = echoes.read_bytes()
+    from_description = run(*call, "--scanner", toml)
+
+    assert "isolated echoes of the file" in words(from_file.stdout)
+    assert "isolated echoes of the scanner description" in words(from_description.stdout)
+    assert echoes.read_bytes() == first
+
+
+@pytest.mark.parametrize("options", [("--block", "100"), ("--block", "37", "--workers", "3")])
+def test_model_of_an_extraction_for_any_blocks_and_workers(
+    scan: Path, tmp_path: Path, options: tuple[str, ...]
+) -> None:
+    call = ["extract", scan, "--mode", "pulse-fit", "-q", "-o"]
+    assert run(*call, tmp_path / "whole.csv").exit_code == 0
+
+    assert run(*call, tmp_path / "parts.csv", *options).exit_code == 0
+
+    assert (tmp_path / "parts.csv").read_bytes() == (tmp_path / "whole.csv").read_bytes()
+
+
+def test_extraction_without_a_possible_model(tmp_path: Path) -> None:
+    scan = tmp_path / "few.las"
+    write_scan(simulate_scan(ScanSettings(shots=60)), scan)
+
+    result = run("extract", scan, "-o", tmp_path / "e.csv", "--mode", "pulse-fit")
+
+    assert_error(result, "isolated echoes for a pulse model; 100 needed", "--mode decomposition")
+    assert not (tmp_path / "e.csv").exists()
