@@ -21,6 +21,7 @@ COMMANDS = {
     "plot": ("fullwaveform.cli.plot", "plot"),
     "report": ("fullwaveform.cli.report", "report"),
     "compare": ("fullwaveform.cli.compare", "compare"),
+    "pulses": ("fullwaveform.cli.pulses", "pulses"),
     "convert": ("fullwaveform.cli.convert", "convert"),
     "pulse-model": ("fullwaveform.cli.pulse_model", "pulse_model"),
     "system-wave": ("fullwaveform.cli.system_wave", "system_wave"),

@@ -89,6 +89,11 @@ def convert(
 
 def _print_summary(tally: ReadTally, output: Path) -> None:
     typer.echo(f"{counted(tally.waveforms, 'waveform')}: {output}")
+    print_left_out(tally)
+
+
+def print_left_out(tally: ReadTally) -> None:
+    """Print what was not read of a file, and the notes on it."""
     for reason, count in sorted(tally.rejected.items()):
         typer.echo(f"{count:,} skipped: {reason}")
     for reason, count in sorted(tally.left_out.items()):

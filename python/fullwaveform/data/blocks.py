@@ -88,6 +88,8 @@ class WaveformBlock:
     # has no beams.
     beams: AnyArray | None = None
     shot_numbers: UInt64Array | None = None  # (n,), as in the file; None if the format has none
+    #: (n, 3), coordinate units: where the pulses left; NaN or None where unknown.
+    origins: FloatArray | None = None
 
     def __post_init__(self) -> None:
         if len(self.descriptors) == 0:  # not given

@@ -54,6 +54,7 @@ class WaveformArrays:
     descriptors: SliceableArray
     beams: SliceableArray | None = None
     shot_numbers: SliceableArray | None = None
+    origins: SliceableArray | None = None  # (n, 3)
 
 
 @dataclass(frozen=True, slots=True)
@@ -168,6 +169,7 @@ class ArrayReader(WaveformReader):
             outgoing=self._outgoing(rows) if self._reads_outgoing else None,
             beams=None if self._columns.beams is None else _texts(column("beams")),
             shot_numbers=None if self._columns.shot_numbers is None else column("shot_numbers"),
+            origins=None if self._columns.origins is None else column("origins"),
         )
 
     @abstractmethod

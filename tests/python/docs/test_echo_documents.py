@@ -9,6 +9,7 @@ import laspy
 import pyarrow as pa
 import pytest
 
+from fullwaveform.analysis.pulse_table import PULSE_COLUMNS
 from fullwaveform.data.columns import arrow_schema
 from fullwaveform.data.echo_columns import echo_schema, las_dimensions
 from fullwaveform.extraction.waveform_table import WAVEFORM_COLUMNS
@@ -39,6 +40,7 @@ def rows(text: str) -> list[list[str]]:
     [
         ("### Columns of the tables", echo_schema()),
         ("### Columns of the waveform table", arrow_schema(WAVEFORM_COLUMNS)),
+        ("### Columns of the pulse table", arrow_schema(PULSE_COLUMNS)),
     ],
 )
 def test_documented_columns_are_those_of_the_tables(title: str, schema: pa.Schema) -> None:

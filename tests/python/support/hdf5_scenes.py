@@ -52,6 +52,7 @@ class GediScene:
     chunk: int | None = None  # samples
     sample_type: str = "<f4"
     degrade_type: str = "i1"
+    instrument: tuple[float, float, float] | None = None  # degrees and m
     gap: int = 0  # samples between two waveforms that belong to none
 
     def write(self, path: Path) -> Path:
@@ -84,6 +85,10 @@ class GediScene:
         for place, axis in enumerate(("longitude", "latitude", "elevation")):
             beam[f"geolocation/{axis}_bin0"] = np.array([shot.first[place] for shot in shots])
             beam[f"geolocation/{axis}_lastbin"] = np.array([shot.last()[place] for shot in shots])
+        for place, axis in enumerate(("longitude", "latitude", "altitude")):
+            if self.instrument is not None:
+                values = np.full(len(shots), self.instrument[place])
+                beam[f"geolocation/{axis}_instrument"] = values
 
 
 def bump(length: int = 40, at: float = 20.0, height: float = 100.0) -> list[float]:

@@ -68,6 +68,7 @@ FIELDS = (
 SHOT_FIELDS = (
     Field("beams", f"{SPACE}/beam", np.bytes_, "name"),
     Field("shot_numbers", f"{SPACE}/shot_number", np.uint64, "number"),
+    Field("origins", f"{SPACE}/origin", np.float64, "coordinate units", (3,)),
 )
 BEAM_TEXT = np.dtype("S16")
 

@@ -41,6 +41,9 @@ _OF_SHOTS = (
         for end in ("bin0", "lastbin")
     ),
 )
+_INSTRUMENT = tuple(
+    f"geolocation/{axis}_instrument" for axis in ("longitude", "latitude", "altitude")
+)
 _OF_SAMPLES = (SAMPLES, "txwaveform")
 
 
@@ -151,6 +154,13 @@ class _Beam(ShotTable):
         axes = ("longitude", "latitude", "elevation")
         found = (self.values(f"geolocation/{axis}_{end}", shots) for axis in axes)
         return known_degrees(*(axis.astype(np.float64) for axis in found))
+
+    def origins(self, shots: IntArray) -> FloatArray | None:
+        """Longitude, latitude and height (n, 3) of the instrument; None if a dataset is missing."""
+        if not all(name in self._group for name in _INSTRUMENT):
+            return None
+        found = (self.values(name, shots).astype(np.float64) for name in _INSTRUMENT)
+        return known_degrees(*found)
 
     def shot_numbers(self, shots: IntArray) -> UInt64Array:
         """Numbers of ascending shots."""

@@ -15,7 +15,7 @@ GEOGRAPHIC = 4979  # EPSG: WGS 84, degrees and metres above the ellipsoid
 _DEGREE_SCALE, _METRE_SCALE = 1e-7, 1e-3  # about 1 cm and 1 mm
 _OFFSET_STEP = 1000.0  # m
 _LARGEST = 2.0**31  # multiple of a scale
-_MAX_HEIGHT = 1e5  # m; fill values are beyond it
+_MAX_HEIGHT = 1e6  # m, above that of the space station; fill values have no valid latitude either
 _PICOSECONDS = 1e12
 
 

@@ -114,6 +114,10 @@ class ShotTable(ABC):
     def shot_numbers(self, shots: IntArray) -> UInt64Array:
         """Numbers of ascending shots in the file."""
 
+    def origins(self, shots: IntArray) -> FloatArray | None:
+        """Longitude, latitude and height (n, 3) of the instrument; None where the file has none."""
+        return None
+
     def scan_angles(self, shots: IntArray) -> Float32Array:
         """Degrees off nadir; 0 where the file has none."""
         return np.zeros(len(shots), np.float32)
@@ -325,6 +329,7 @@ class ShotReader(WaveformReader):
     ) -> WaveformBlock:
         table, total = self._table(number), len(shots)
         counts = rows_in_parts(table.counts, shots)
+        origins = table.origins(shots)
         return WaveformBlock(
             samples=np.ascontiguousarray(samples[:, : int(counts.max(initial=0))]),
             counts=counts.astype(np.uint16),
@@ -341,6 +346,7 @@ class ShotReader(WaveformReader):
             outgoing=_outgoing(table, shots) if self._reads_outgoing else None,
             beams=np.full(total, table.name) if table.name else None,
             shot_numbers=table.shot_numbers(shots),
+            origins=None if origins is None else self._places.of(origins),
         )
 
 

@@ -207,6 +207,7 @@ def test_ranges_with_refused_shots_add_up_to_the_whole(tmp_path: Path, size: int
         ("rx_sample_start_index", [0, 1], "samples outside the file"),
         ("rx_sample_start_index", [2**64 - 1, 1], "samples outside the file"),
         ("rx_sample_start_index", [58, 1], "samples outside the file"),
+        ("rx_sample_start_index", [32, 1], "samples outside the file"),  # of 60, the last is 61
         ("rx_sample_count", [0, 30], "waveform of fewer than 2 samples"),
         ("rx_sample_count", [1, 30], "waveform of fewer than 2 samples"),
         ("rx_sample_count", [61, 30], "samples outside the file"),

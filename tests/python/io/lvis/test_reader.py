@@ -45,8 +45,8 @@ def test_data_structures(tmp_path: Path, structure: str) -> None:
 
 @pytest.mark.parametrize("interval", [1.0, 2.0])
 def test_interval_is_that_of_the_slant_distance(tmp_path: Path, interval: float) -> None:
-    """A tenth of the distance between two samples is along the parallel."""
-    metres = 0.1 * 0.1498 * interval
+    """Two samples are half as far from each other along the parallel as in height."""
+    metres = 0.5 * 0.1498 * interval
     slant = metres / (111_195.0 * np.cos(np.deg2rad(69.25)))
     path = five_shots(interval_ns=interval, slant=slant).write(tmp_path / "a.h5")
     with open_waveforms(path) as reader:

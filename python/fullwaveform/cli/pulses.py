@@ -1,0 +1,91 @@
+"""``fullwaveform pulses``: a row for each shot of a file."""
+
+from __future__ import annotations
+
+from pathlib import Path
+from typing import Annotated
+
+import typer
+
+from fullwaveform.analysis.pulse_table import PulseTable, pulse_columns
+from fullwaveform.cli.convert import print_left_out
+from fullwaveform.cli.errors import report_errors
+from fullwaveform.cli.extract_options import open_checked
+from fullwaveform.cli.options import (
+    BlockOption,
+    ChannelOption,
+    CrsOption,
+    IntervalOption,
+    KeepDegraded,
+    MaxSamples,
+    QuietOption,
+    SkipUnreadable,
+    SourceFile,
+    VerboseOption,
+    channel_flags_from,
+    refuse_quiet_and_verbose,
+    require_suffix,
+)
+from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
+from fullwaveform.cli.progress import blocks_with_progress, print_line
+from fullwaveform.data.blocks import ReadTally
+from fullwaveform.data.counting import counted
+from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
+from fullwaveform.io.pulse_writer import PulseWriter
+
+
+def pulses(
+    source: SourceFile,
+    output: Annotated[
+        Path, typer.Option("-o", "--output", metavar="OUT.parquet", help="Table of pulses")
+    ],
+    interval: IntervalOption = None,
+    channel: ChannelOption = None,
+    block: BlockOption = 20_000,
+    skip_unreadable: SkipUnreadable = False,
+    max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
+    keep_degraded: KeepDegraded = False,
+    crs: CrsOption = None,
+    overwrite: OverwriteOption = False,
+    verbose: VerboseOption = False,
+    quiet: QuietOption = False,
+) -> None:
+    """Write a table with a row for each shot, with or without echoes.
+
+    A row has origin, first and last sample in space, direction, time, channels and outgoing pulse.
+
+    Examples:
+
+        fullwaveform pulses scan.las -o pulses.parquet
+
+        fullwaveform pulses scan.las -o pulses.parquet --channel 2=high --overwrite
+    """
+    require_suffix(output, (".parquet",), "-o")
+    refuse_quiet_and_verbose(quiet, verbose)
+    channels = channel_flags_from(channel)
+    result = Output(output, PulseWriter.kind, "-o")
+    with checked_outputs(result, overwrite=overwrite, inputs=(source,)), report_errors():
+        with open_checked(
+            source,
+            channels,
+            interval=interval,
+            block=block,
+            skip_unreadable=skip_unreadable,
+            max_samples=max_samples,
+            keep_degraded=keep_degraded,
+            crs=crs,
+        ) as reader:
+            reader.on_unreadable = print_line if verbose else None
+            reader.with_outgoing = True
+            writer = PulseWriter(output, pulse_columns(reader.shot_columns))
+            writer.overwrite = overwrite
+            with writer, blocks_with_progress(reader, quiet) as blocks:
+                for waveforms in blocks:
+                    writer.write(PulseTable.of(waveforms))
+        if not quiet:
+            _print_summary(reader.tally, writer.count, output)
+
+
+def _print_summary(tally: ReadTally, shots: int, output: Path) -> None:
+    typer.echo(f"{counted(shots, 'shot')} of {counted(tally.waveforms, 'waveform')}: {output}")
+    print_left_out(tally)
