@@ -42,7 +42,9 @@ class MethodView:
     # (k, 2), position and height of the Gaussians or the sum of the echoes; (0, 2) if none
     fitted: FloatArray
     deconvolved: FloatArray  # (k, 2), position and height of the deconvolved signal
-    residuals: FloatArray  # (n, 2), position and samples less the sum; only of the pulse fit
+    # (n, 2), position of each sample and its height above the sum, NaN where no echo is near;
+    # (0, 2) without a sum
+    residuals: FloatArray
 
     @property
     def name(self) -> str:
@@ -53,6 +55,13 @@ class MethodView:
     def fits_a_sum(self) -> bool:
         """Whether the Gaussians add up to the samples; the three-point fit treats each alone."""
         return self.mode is not Mode.THREE_POINT
+
+    @property
+    def fitted_near_echoes(self) -> FloatArray:
+        """The fitted sum with heights of NaN where no echo is near."""
+        curve = self.fitted.copy()
+        curve[~_near(self.positions, self.widths, curve[:, 0]), 1] = np.nan
+        return curve
 
     @property
     def note(self) -> str:
@@ -190,7 +199,14 @@ def _method_view(
     signal = nothing
     if deconvolves and state is not WaveformState.TOO_LONG_TO_DECONVOLVE:
         signal = _reported_signal(extractor.settings, block, row)
-    return MethodView(mode, state, positions, amplitudes, widths, foot, fitted, signal, nothing)
+    residuals = nothing
+    if mode is Mode.DECOMPOSITION and len(positions):
+        at = np.arange(count, dtype=np.float64)
+        rest = block.samples[row, :count] - _sum_of_gaussians(
+            positions, amplitudes, widths, foot, at
+        )
+        residuals = np.column_stack([at, np.where(_near(positions, widths, at), rest, np.nan)])
+    return MethodView(mode, state, positions, amplitudes, widths, foot, fitted, signal, residuals)
 
 
 def _fitted_pulses(
@@ -228,10 +244,26 @@ def fitted_sum(
         return np.empty((0, 2))
     x = _curve_positions(count)
     x = np.union1d(x, positions[(positions >= 0) & (positions <= count - 1)])
-    height = np.full(len(x), foot)
+    return np.column_stack([x, _sum_of_gaussians(positions, amplitudes, widths, foot, x)])
+
+
+def _sum_of_gaussians(
+    positions: FloatArray, amplitudes: FloatArray, widths: FloatArray, foot: float, at: FloatArray
+) -> FloatArray:
+    height = np.full(len(at), foot)
     for position, amplitude, width in zip(positions, amplitudes, widths, strict=True):
-        height += amplitude * np.exp(-0.5 * ((x - position) / width) ** 2)
-    return np.column_stack([x, height])
+        height += amplitude * np.exp(-0.5 * ((at - position) / width) ** 2)
+    return height
+
+
+def _near(positions: FloatArray, widths: FloatArray, at: FloatArray) -> npt.NDArray[np.bool_]:
+    """Which places (k,), ascending, are within the reach of an echo."""
+    near = np.zeros(len(at), dtype=np.bool_)
+    first = np.searchsorted(at, positions - GAUSSIAN_REACH * widths)
+    end = np.searchsorted(at, positions + GAUSSIAN_REACH * widths, side="right")
+    for start, stop in zip(first, end, strict=True):
+        near[start:stop] = True
+    return near
 
 
 def single_gaussians(

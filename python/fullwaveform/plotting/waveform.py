@@ -30,6 +30,8 @@ from fullwaveform.plotting.style import (
 
 _CHANNELS = {0: "high-power channel", 1: "low-power channel"}
 _WIDTH_INCHES, _PANEL_INCHES, _EDGE_INCHES = 10.0, 3.6, 0.75
+_RESIDUALS_INCHES = 1.0
+_RESIDUALS_APART = 0.25  # samples, between those of two methods
 _MARGIN, _MIN_VIEW = 15.0, 50.0  # samples
 _CURVE_WIDTHS = (2.6, 2.0, 1.4, 0.9, 0.6)  # points, in the order of drawing
 _RETURN_GAP = 0.08  # from a sample to the mark of a return, share of the panel's height
@@ -59,24 +61,59 @@ def waveform_figure(views: Sequence[WaveformView], *, whole: bool = False) -> Fi
     A panel shows the samples, the threshold, the segments as bars on the axis, the scanner's
     discrete returns as triangles above the samples and, in the colour of each method, its fitted or
     deconvolved signal and its echoes: a stem as high as the amplitude, and a bar of one standard
-    deviation to either side at the height where the Gaussian has this width. Long waveforms are
-    cropped to their echoes and returns unless `whole` is set.
+    deviation to either side at the height where the Gaussian has this width. Below it are the
+    residuals of decompositions and pulse fits. Long waveforms are cropped to their echoes and
+    returns unless `whole` is set.
 
     Raises ValueError without waveforms.
     """
     if not views:
         raise ValueError("no waveforms to draw")
-    height = _PANEL_INCHES * len(views) + _EDGE_INCHES
-    figure = new_figure(_WIDTH_INCHES, height)
-    grid = figure.subplots(len(views), 2, squeeze=False, width_ratios=(1.0, 0.34))
+    heights = []
+    for view in views:
+        heights += [_PANEL_INCHES, _RESIDUALS_INCHES] if _has_residuals(view) else [_PANEL_INCHES]
+    figure = new_figure(_WIDTH_INCHES, sum(heights) + _EDGE_INCHES)
+    grid = figure.add_gridspec(len(heights), 2, width_ratios=(1.0, 0.34), height_ratios=heights)
     first, last = _all_samples(views) if whole else _shown_samples(views)
-    for view, (panel, list_axes) in zip(views, grid, strict=True):
+    row = 0
+    for view in views:
+        lowest = panel = figure.add_subplot(grid[row, 0])
         panel.set_xlim(first, last)
         _draw_panel(panel, view)
         _add_nanoseconds(panel, view.interval)
-        list_echoes(list_axes, view)
-    grid[-1][0].set_xlabel("sample", fontsize=TEXT_SIZE, color=INK)
+        list_echoes(figure.add_subplot(grid[row, 1]), view)
+        if _has_residuals(view):
+            row += 1
+            lowest = figure.add_subplot(grid[row, 0], sharex=panel)
+            _draw_residuals(lowest, view)
+            panel.tick_params(labelbottom=False)
+        row += 1
+    lowest.set_xlabel("sample", fontsize=TEXT_SIZE, color=INK)
     return figure
+
+
+def _has_residuals(view: WaveformView) -> bool:
+    return any(len(method.residuals) for method in view.methods)
+
+
+def _draw_residuals(axes: Axes, view: WaveformView) -> None:
+    """What the fitted sums leave of the samples, side by side where there are several."""
+    methods = [method for method in view.methods if len(method.residuals)]
+    for number, method in enumerate(methods):
+        aside = (number - (len(methods) - 1) / 2) * _RESIDUALS_APART
+        at, rest = method.residuals.T
+        known = np.isfinite(rest)
+        axes.vlines(
+            at[known] + aside,
+            0.0,
+            rest[known],
+            color=METHOD_COLOURS[method.mode],
+            linewidth=1.2,
+            label=f"{method.name}, residuals",
+        )
+    axes.axhline(0.0, color=GREY, linewidth=0.8)
+    axes.yaxis.set_major_locator(MaxNLocator(3, steps=[1, 2, 5, 10]))
+    label_axes(axes, "", "residual")
 
 
 def _draw_panel(axes: Axes, view: WaveformView) -> None:
@@ -112,19 +149,9 @@ def _draw_panel(axes: Axes, view: WaveformView) -> None:
 def _draw_method(axes: Axes, method: MethodView, width: float) -> None:
     name, colour = method.name, METHOD_COLOURS[method.mode]
     # Gaussians of the three-point fit are separate curves already.
-    fitted = _around_echoes(method) if method.fits_a_sum else method.fitted
+    fitted = method.fitted_near_echoes if method.fits_a_sum else method.fitted
     for curve, kind in ((fitted, "fitted"), (method.deconvolved, "deconvolved")):
         axes.plot(*curve.T, color=colour, linewidth=width, label=f"{name}, {kind}", zorder=5)
-    if len(method.residuals):
-        axes.plot(
-            method.residuals[:, 0],
-            method.foot + method.residuals[:, 1],
-            color=colour,
-            linewidth=0.7,
-            linestyle=":",
-            label=f"{name}, residuals",
-            zorder=4,
-        )
     axes.vlines(method.positions, method.foot, method.tops, color=colour, linewidth=0.8, zorder=3)
     wide = method.widths > 0
     axes.hlines(
@@ -164,18 +191,6 @@ def _draw_returns(axes: Axes, view: WaveformView, height: float) -> None:
         label="returns",
         zorder=9,
     )
-
-
-def _around_echoes(method: MethodView) -> FloatArray:
-    """The fitted sum near echoes, NaN elsewhere."""
-    curve, reach = method.fitted.copy(), GAUSSIAN_REACH * method.widths
-    near = np.zeros(len(curve), dtype=np.bool_)
-    first = np.searchsorted(curve[:, 0], method.positions - reach)
-    end = np.searchsorted(curve[:, 0], method.positions + reach, side="right")
-    for start, stop in zip(first, end, strict=True):
-        near[start:stop] = True
-    curve[~near, 1] = np.nan
-    return curve
 
 
 def _label_threshold(axes: Axes, view: WaveformView) -> None:

@@ -134,8 +134,8 @@ def test_modes_have_different_colours() -> None:
 def test_pulse_fit_has_the_sum_of_its_pulses_and_residuals() -> None:
     samples = waveform(80, [(30.25, 300.0), (36.5, 150.0)])
     samples[60] += 7
-    axes = waveform_figure(views(Packet(samples), modes=[Mode.PULSE_FIT])).axes[0]
-    drawn = marks(axes)
+    panel, _, below = waveform_figure(views(Packet(samples), modes=[Mode.PULSE_FIT])).axes
+    drawn = marks(panel)
     np.testing.assert_allclose(
         drawn["pulse-fit, echoes"], [[30.25, 320.0], [36.5, 170.0]], rtol=0.01
     )
@@ -143,12 +143,34 @@ def test_pulse_fit_has_the_sum_of_its_pulses_and_residuals() -> None:
     for sample in range(24, 44):
         height = np.interp(sample, *curve.T)
         assert height == pytest.approx(float(samples[sample]), abs=1.5), sample
-    residuals = drawn["pulse-fit, residuals"]
-    assert residuals[:, 0].tolist() == list(range(80))
-    # Around the baseline of 20 counts.
-    assert residuals[60, 1] == pytest.approx(27.0, abs=1.0)
-    np.testing.assert_allclose(np.delete(residuals[:, 1], 60), 20.0, atol=1.5)
-    assert "pulse-fit, residuals" not in marks(waveform_figure(views(TWO_ECHOES)).axes[0])
+    residuals = np.array(bars(below, "pulse-fit, residuals"))
+    assert residuals[:, :, 0].tolist() == [[x, x] for x in range(80)]
+    assert (residuals[:, 0, 1] == 0.0).all()
+    assert residuals[60, 1, 1] == pytest.approx(7.0, abs=1.0)
+    np.testing.assert_allclose(np.delete(residuals[:, 1, 1], 60), 0.0, atol=1.5)
+
+
+def test_residuals_of_a_decomposition_are_near_its_echoes() -> None:
+    samples = waveform(80, [(30.25, 300.0)])
+    samples[31] += 40  # no Gaussian passes through this sample
+    found = views(Packet(samples), modes=[Mode.DECOMPOSITION, Mode.PULSE_FIT])
+    below = waveform_figure(found).axes[2]
+    # Side by side, an eighth of a sample to either side of the sample.
+    fitted = np.array(bars(below, "pulse-fit, residuals"))
+    assert (fitted[:, 0, 0] % 1.0 == 0.125).all()
+    decomposed = np.array(bars(below, "decomposition, residuals"))
+    at = decomposed[:, 0, 0] + 0.125
+    method = found[0].methods[0]
+    (position,), (amplitude,), (width,) = method.positions, method.amplitudes, method.widths
+    assert at.tolist() == [x for x in range(80) if abs(x - position) <= 4.0 * width]
+    gaussian = method.foot + amplitude * np.exp(-(((at - position) / width) ** 2) / 2.0)
+    expected = samples[at.astype(int)] - gaussian
+    assert np.ptp(expected) > 10.0
+    np.testing.assert_allclose(decomposed[:, 1, 1], expected, atol=1e-9)
+
+
+def test_methods_without_a_sum_have_no_residuals() -> None:
+    assert len(waveform_figure(views(TWO_ECHOES)).axes) == 2
 
 
 def test_each_channel_of_a_shot_has_a_panel() -> None:
