@@ -146,7 +146,7 @@ def cluster(
             run_job(client, manifest, folder, progress)
         _check_complete(manifest, folder, skip_bad_files=skip_bad_files)
         if not options.allow_empty:
-            _check_not_empty(manifest, options.keep_empty)
+            _check_not_empty(manifest, options)
         if not quiet:
             _summary(manifest, settings, sources, folder).show(Console())
 
@@ -269,11 +269,11 @@ def _check_complete(manifest: Manifest, folder: Path, *, skip_bad_files: bool) -
         )
 
 
-def _check_not_empty(manifest: Manifest, keep_empty: bool) -> None:
+def _check_not_empty(manifest: Manifest, options: ExtractOptions) -> None:
     total = manifest.total()
-    if total.written == 0 and not (keep_empty and total.rows):
+    if total.written == 0 and not (options.keep_empty and total.rows):
         raise ValueError(
-            f"no echoes in {counted(total.waveforms, 'waveform')}; give a lower --threshold, or "
+            f"no echoes in {counted(total.waveforms, 'waveform')}; {options.more_echoes}, or "
             "--allow-empty"
         )
 

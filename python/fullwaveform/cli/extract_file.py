@@ -93,7 +93,7 @@ class FileRun:
                     on_rejected=each,
                 )
                 if not options.allow_empty:
-                    _check_not_empty(tally, options.keep_empty, writer)
+                    _check_not_empty(tally, options, writer)
         return RunSummary(
             name=source.name,
             destination=output,
@@ -109,8 +109,8 @@ class FileRun:
         )
 
 
-def _check_not_empty(tally: ExtractionTally, keep_empty: bool, writer: EchoWriter) -> None:
-    if writer.count > 0 or (keep_empty and tally.waveforms > 0):
+def _check_not_empty(tally: ExtractionTally, options: ExtractOptions, writer: EchoWriter) -> None:
+    if writer.count > 0 or (options.keep_empty and tally.waveforms > 0):
         return
     if tally.echoes > 0:
         raise ValueError(
@@ -120,5 +120,5 @@ def _check_not_empty(tally: ExtractionTally, keep_empty: bool, writer: EchoWrite
     reasons = ", ".join(f"{count:,} x {reason}" for reason, count in tally.rejected.items())
     raise ValueError(
         f"{writer.path} would be empty: no echoes in {counted(tally.waveforms, 'waveform')}"
-        f"{f' ({reasons})' if reasons else ''}; give a lower --threshold, or --allow-empty"
+        f"{f' ({reasons})' if reasons else ''}; {options.more_echoes}, or --allow-empty"
     )

@@ -92,6 +92,13 @@ class ExtractOptions:
             raise typer.BadParameter(error.problem, param_hint=hint) from error
 
     @property
+    def more_echoes(self) -> str:
+        """What to do if no echo is found."""
+        if self.mode is Mode.PULSE_FIT:
+            return "give a higher rate of --false-alarms"
+        return "give a lower --threshold"
+
+    @property
     def pulse_fit(self) -> PulseFitOptions:
         """The choices of mode pulse-fit."""
         options = PulseFitOptions(max_width=self.max_width, pulse=self.pulse)

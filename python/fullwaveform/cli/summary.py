@@ -63,6 +63,7 @@ class RunSummary:
                 asdict(level) | {"threshold": self.settings.preparation.threshold_of(level)}
                 for level in self.settings.calibration.levels
             ],
+            **({"pulse_models": self._models()} if self.settings.mode is Mode.PULSE_FIT else {}),
             "points": self.read.points,
             "points_without_waveform": self.read.points_without_waveform,
             "points_sharing_waveform": self.read.points_sharing_waveform,
@@ -77,6 +78,20 @@ class RunSummary:
             "seconds": round(self.seconds, 3),
             "notes": self._notes(),
         }
+
+    def _models(self) -> list[dict[str, Any]]:
+        """The pulse models, for JSON."""
+        return [
+            {
+                "channel_flag": entry.channel_flag,
+                "descriptor": entry.descriptor,
+                "origin": entry.origin,
+                "pulses": entry.pulses,
+                "fwhm_ns": full_width(entry.model) * entry.model.sampling_interval * 1e9,
+                "scatter": entry.model.scatter,
+            }
+            for entry in self.settings.calibration.pulse_models
+        ]
 
     def show(self, console: Console) -> None:
         """Print the summary as a table, with notes below."""

@@ -53,18 +53,6 @@ class PulseModel:
         if error := self.compiled().error:
             raise ValueError(error)
 
-    @property
-    def fwhm(self) -> float:
-        """Full width of the pulse at half its maximum, samples."""
-        values = np.asarray(self.pulse)
-        half = 0.5 * float(values.max())
-        top = int(np.argmax(values))
-        left = top - int(np.argmax(values[top::-1] < half))  # first value below half, outwards
-        right = top + int(np.argmax(values[top:] < half))
-        begin = left + (half - values[left]) / (values[left + 1] - values[left])
-        end = right - (half - values[right]) / (values[right - 1] - values[right])
-        return float(end - begin) * self.lag_step
-
     def compiled(self) -> _core.PulseModel:
         """The model as the compiled module takes it."""
         model = _core.PulseModel()

@@ -13,6 +13,7 @@ from fullwaveform.calibration.pulse_choice import PulseChoice
 from fullwaveform.core.constants import EchoType
 from fullwaveform.core.driver import Mode, RowState, RunMonitor
 from fullwaveform.core.pulse_fit import PulseFit, PulseFitSettings, PulseModel
+from fullwaveform.core.pulse_models import full_width
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.core.shot_rules import EchoState, apply_echo_rules, report_of_rows
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray, UInt8Array
@@ -75,12 +76,13 @@ class PulseFitOptions:
         )
         if self.max_width is None:
             return settings
+        width_of_pulse = full_width(model)
         samples = self.max_width / model.sampling_interval
-        variance = (samples**2 - model.fwhm**2) / FWHM_PER_SIGMA**2
+        variance = (samples**2 - width_of_pulse**2) / FWHM_PER_SIGMA**2
         if not variance > 0.0:
             raise ValueError(
                 f"the maximum width {self.max_width * 1e9:g} ns must be above that of the pulse, "
-                f"{model.fwhm * model.sampling_interval * 1e9:.3g} ns"
+                f"{width_of_pulse * model.sampling_interval * 1e9:.3g} ns"
             )
         return replace(settings, max_variance=variance)
 
