@@ -136,7 +136,7 @@ def cases() -> Iterator[tuple[str, Case]]:
     yield "a folder of 300 letters", extract("--format", "csv", output="{}/" + "a" * 300)
     yield "waveforms without echoes in a LAS file", extract("--keep-empty", output="{}/out.las")
 
-    yield "mode 4", extract("--mode", "4")
+    yield "mode 5", extract("--mode", "5")
     for scheduler in ("here", "tcp://here"):
         yield f"scheduler {scheduler}", cluster("--scheduler", scheduler)
     yield "workers of a remote scheduler", cluster("--scheduler", "a:1", "--workers", "2")
@@ -154,6 +154,14 @@ def cases() -> Iterator[tuple[str, Case]]:
         call("cluster", "{}/scan.las", "-o", "{}/" + "a" * 300, "--scheduler", "local"),
     )
     yield "mode of another name", extract("--mode", "gauss")
+    yield "pulse fit without enough echoes", extract("--mode", "pulse-fit")
+    yield "pulse fit with a threshold", extract("--mode", "pulse-fit", "--threshold", "20")
+    yield "false alarms of another mode", extract("--false-alarms", "2")
+    yield "no false alarms", extract("--mode", "pulse-fit", "--false-alarms", "0")
+    yield "false alarms, a word", extract("--mode", "pulse-fit", "--false-alarms", "few")
+    yield "largest width 0", extract("--mode", "pulse-fit", "--max-width", "0")
+    yield "pulse of another kind", extract("--mode", "pulse-fit", "--pulse", "mean")
+    yield "report of the pulse fit", call("report", "scan.las", "--waveform", "0", "--mode", "4")
     for threshold in ("-1", "65536", "12.5", "nan", "loud"):
         yield f"threshold {threshold}", extract("--threshold", threshold)
     for channel in ("256", "-1", "left", "300=low", "=low", "1=", "1=2=3"):
