@@ -255,6 +255,9 @@ EchoUncertainty EchoInformation::uncertaintyOf(std::size_t echo, Range neighbour
   EchoUncertainty uncertainty;
   select(own + POSITION, rows);
   uncertainty.position = deviation(noiseOf(influence[own + POSITION], rows), baselineOf(rows));
+  if (place.isClipped) {
+    return uncertainty;
+  }
   if (place.parameters == maxParameters) {
     double const fwhmPerSigma = 2.0 * std::sqrt(2.0 * std::numbers::ln2);
     select(own + WIDTH, rows);

@@ -36,6 +36,7 @@ class EchoInformation {
     std::size_t count;       ///< number of fitted samples; may be 0
     std::size_t parameters;  ///< 3, or 2 without a width
     double maximum;          ///< position of its maximum, samples
+    bool isClipped;          ///< height and width are wrong: they were fitted to clipped samples
   };
 
   /// Takes the next waveform.

@@ -11,8 +11,12 @@ struct FittedSamples {
   std::span<unsigned short const> samples;  ///< counts
   /// Counts; the positions were fitted to the samples above the threshold and those next to them.
   double threshold = -std::numeric_limits<double>::infinity();
-  /// Counts; samples from here on are clipped and say nothing.
+  /// Counts; samples from here on are clipped and say nothing about the position. Height and width of an echo
+  /// with such samples are not determined.
   double limit = std::numeric_limits<double>::infinity();
+
+  /// Whether some of these samples are clipped.
+  [[nodiscard]] bool isClipped(std::size_t first, std::size_t count) const;
 };
 
 /// Largest distance in samples at which noise may be correlated.

@@ -50,8 +50,11 @@ struct GaussUncertainty::Memory {
     bool const isFitted = begin < end && pulse.sigma > 0.0 && gaussian.positionSigma > 0.0;  // false for NaN
     std::size_t const first = isFitted ? static_cast<std::size_t>(begin) : 0;
     std::size_t const count = isFitted ? static_cast<std::size_t>(end) - first : 0;
-    PulseColumns const columns =
-        information.add({.first = first, .count = count, .parameters = 3, .maximum = pulse.position});
+    PulseColumns const columns = information.add({.first = first,
+                                                  .count = count,
+                                                  .parameters = 3,
+                                                  .maximum = pulse.position,
+                                                  .isClipped = waveform.isClipped(first, count)});
     pulse.position -= static_cast<double>(first);
     differentiateGaussian(pulse, count, columns, information.instructionSet());
     mask(waveform, first, count, columns);

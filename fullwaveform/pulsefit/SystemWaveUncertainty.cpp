@@ -13,8 +13,11 @@ struct SystemWaveUncertainty::Memory {
 
   void add(FittedSamples const& waveform, double position, double height) {
     std::size_t const first = shape.cover(position, waveform.samples.size(), covered);
-    PulseColumns const columns = information.add(
-        {.first = first, .count = covered.size(), .parameters = 2, .maximum = shape.maximumOf(position)});
+    PulseColumns const columns = information.add({.first = first,
+                                                  .count = covered.size(),
+                                                  .parameters = 2,
+                                                  .maximum = shape.maximumOf(position),
+                                                  .isClipped = waveform.isClipped(first, covered.size())});
     for (std::size_t i = 0; i < covered.size(); ++i) {
       if (waveform.samples[first + i] < waveform.limit) {
         columns.value[i] = covered[i].wave;

@@ -139,7 +139,7 @@ void threePointUncertainties(FittedSamples const& waveform, SampleNoise const& n
       continue;
     }
     auto const index = static_cast<std::size_t>(middle);
-    if (std::max({samples[index - 1], samples[index], samples[index + 1]}) < waveform.limit) {
+    if (!waveform.isClipped(index - 1, 3)) {
       result[k] = uncertaintyOf(samples, index, echoes.positions[k] - middle, noise, baselineVariance);
     }
   }

@@ -9,13 +9,14 @@ from dataclasses import dataclass, replace
 import numpy as np
 
 from fullwaveform.calibration.clipping import TopSamples, digitiser_limit, top_samples
+from fullwaveform.calibration.noise_correlation import LagProducts, noise_correlation
 from fullwaveform.calibration.waveform_levels import (
     MIN_SAMPLES,
     WaveformLevels,
-    waveform_levels,
+    levels_and_products,
 )
 from fullwaveform.core.constants import MAX_COUNT
-from fullwaveform.data.arrays import UInt16Array
+from fullwaveform.data.arrays import BoolArray, FloatArray, UInt16Array
 from fullwaveform.data.blocks import WaveformBlock
 
 _THRESHOLD_FACTOR = 5.0  # noise rms above the baseline
@@ -38,6 +39,7 @@ class ChannelLevels:
     baseline_spread: float  # counts, standard deviation of the waveforms' baselines
     noise_rms: float  # counts, around the baseline of each waveform
     digitiser_limit: int | None = None  # counts; None: no waveform was clipped
+    noise_correlation: tuple[float, ...] = ()  # of samples 1, 2, ... apart; empty: white noise
 
     @property
     def effective_rms(self) -> float:
@@ -62,7 +64,7 @@ class ChannelLevels:
 
 def measure_levels(blocks: Iterable[WaveformBlock]) -> tuple[ChannelLevels, ...]:
     """The levels of each channel flag and descriptor that the waveforms of the blocks have."""
-    found: dict[tuple[int, int], list[WaveformLevels]] = {}
+    found: dict[tuple[int, int], list[tuple[WaveformLevels, LagProducts]]] = {}
     tops: dict[tuple[int, int], list[TopSamples]] = {}
     for block in blocks:
         receivers = np.column_stack([block.channel_flags, block.descriptors, block.counts])
@@ -73,7 +75,7 @@ def measure_levels(blocks: Iterable[WaveformBlock]) -> tuple[ChannelLevels, ...]
                 tops.setdefault((flag, descriptor), []).append(top_samples(samples))
                 step = max(_SAMPLES_AT_ONCE // count, 1)
                 found.setdefault((flag, descriptor), []).extend(
-                    waveform_levels(samples[first : first + step])
+                    levels_and_products(samples[first : first + step])
                     for first in range(0, len(samples), step)
                 )
     return tuple(
@@ -85,33 +87,38 @@ def measure_levels(blocks: Iterable[WaveformBlock]) -> tuple[ChannelLevels, ...]
     )
 
 
-def _channel_levels(flag: int, descriptor: int, parts: list[WaveformLevels]) -> ChannelLevels:
-    levels = WaveformLevels(
-        np.concatenate([part.baseline for part in parts]),
-        np.concatenate([part.squares for part in parts]),
-        np.concatenate([part.weight for part in parts]),
-    )
-    baseline = float(np.median(levels.baseline))
-    distance = float(np.median(np.abs(levels.baseline - baseline)))
+def _channel_levels(
+    flag: int, descriptor: int, parts: list[tuple[WaveformLevels, LagProducts]]
+) -> ChannelLevels:
+    baselines = np.concatenate([levels.baseline for levels, _ in parts])
+    squares = np.concatenate([levels.squares for levels, _ in parts])
+    weight = np.concatenate([levels.weight for levels, _ in parts])
+    products = np.concatenate([lags.products for _, lags in parts])
+    pairs = np.concatenate([lags.pairs for _, lags in parts])
+    usual = _of_noise(squares, weight)
+    # Exact sums, so that the order of the waveforms does not matter.
+    total = math.fsum(weight[usual])
+    baseline = float(np.median(baselines))
+    distance = float(np.median(np.abs(baselines - baseline)))
     return ChannelLevels(
         channel_flag=flag,
         descriptor=descriptor,
-        waveforms=len(levels.baseline),
+        waveforms=len(baselines),
         baseline=baseline,
         baseline_spread=_RMS_PER_MEDIAN_DISTANCE * distance,
-        noise_rms=_noise_rms(levels),
+        noise_rms=math.sqrt(math.fsum(squares[usual]) / total) if total > 0.0 else 0.0,
+        noise_correlation=noise_correlation(products[usual], pairs[usual]),
     )
 
 
-def _noise_rms(levels: WaveformLevels) -> float:
-    """Noise rms of all waveforms together, without those that signal makes noisier."""
-    measured = levels.weight >= _MIN_WEIGHT
+def _of_noise(squares: FloatArray, weight: FloatArray) -> BoolArray:
+    """Which waveforms show the noise: not those that signal makes noisier."""
+    measured = weight >= _MIN_WEIGHT
     if not measured.any():
-        measured = levels.weight > 0.0
-    squares, weight = levels.squares[measured], levels.weight[measured]
-    if len(weight) == 0:
-        return 0.0
-    ratio = squares / weight
-    usual = ratio <= _MAX_RATIO * max(float(np.median(ratio)), QUANTISATION_RMS**2)
-    # Exact sums, so that the order of the waveforms does not matter.
-    return math.sqrt(math.fsum(squares[usual]) / math.fsum(weight[usual]))
+        measured = weight > 0.0
+    if not measured.any():
+        return measured
+    ratio = np.full(len(weight), np.inf)
+    ratio[measured] = squares[measured] / weight[measured]
+    middle = float(np.median(ratio[measured]))
+    return ratio <= _MAX_RATIO * max(middle, QUANTISATION_RMS**2)

@@ -7,6 +7,7 @@ from dataclasses import dataclass
 import numpy as np
 import numpy.typing as npt
 
+from fullwaveform.calibration.noise_correlation import LagProducts, lag_products
 from fullwaveform.data.arrays import BoolArray, FloatArray
 
 MIN_SAMPLES = 2  # of a waveform with a level
@@ -57,6 +58,20 @@ def waveform_levels(samples: npt.ArrayLike) -> WaveformLevels:
         (n, count) counts, count at least 2.
     """
     values = np.asarray(samples, dtype=np.float64)
+    baseline, quiet = _quiet_samples(values)
+    return WaveformLevels(baseline, *_scatter_below(values, baseline, quiet))
+
+
+def levels_and_products(samples: npt.ArrayLike) -> tuple[WaveformLevels, LagProducts]:
+    """As `waveform_levels`, and the products that show how the noise is correlated."""
+    values = np.asarray(samples, dtype=np.float64)
+    baseline, quiet = _quiet_samples(values)
+    levels = WaveformLevels(baseline, *_scatter_below(values, baseline, quiet))
+    return levels, lag_products(values, baseline, quiet)
+
+
+def _quiet_samples(values: FloatArray) -> tuple[FloatArray, BoolArray]:
+    """Baseline (n,) of each waveform, and which of its samples hold no signal (n, count)."""
     means = (values[:, 1:] + values[:, :-1]) / 2.0
     baseline = _middle_of_narrowest(means)
     quiet = np.ones(means.shape, dtype=np.bool_)
@@ -69,7 +84,7 @@ def waveform_levels(samples: npt.ArrayLike) -> WaveformLevels:
     quiet_samples = np.ones(values.shape, dtype=np.bool_)
     quiet_samples[:, 1:] &= quiet
     quiet_samples[:, :-1] &= quiet
-    return WaveformLevels(baseline, *_scatter_below(values, baseline, quiet_samples))
+    return baseline, quiet_samples
 
 
 def _middle_of_narrowest(means: FloatArray) -> FloatArray:

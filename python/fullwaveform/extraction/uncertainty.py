@@ -77,11 +77,17 @@ def fitted_rows(
     rows : of the block, with echoes; of other waveforms the noise may be unknown (NaN)
     """
     block, scale = prepared.block, prepared.scale
-    covariance = np.full((len(block), MAX_NOISE_LAG + 1), np.nan)
+    # The same number of columns in all blocks of a file, so that they have the same digits.
+    correlations = [level.noise_correlation for level in preparation.calibration.levels]
+    lags = min(max(map(len, correlations), default=0), MAX_NOISE_LAG)
+    covariance = np.full((len(block), lags + 1), np.nan)
+    limit = np.full(len(block), np.inf)
     baseline_deviation = np.full(len(block), np.nan)
     for level, chosen in by_receiver(block, preparation.calibration):
-        covariance[chosen, 0] = level.effective_rms**2
-        covariance[chosen, 1:] = 0.0
+        correlation = (1.0, *level.noise_correlation, *[0.0] * lags)[: lags + 1]
+        covariance[chosen] = level.effective_rms**2 * np.array(correlation)
+        if level.digitiser_limit is not None:
+            limit[chosen] = level.digitiser_limit
         if not preparation.removes_baseline(level):
             baseline_deviation[chosen] = level.baseline_spread
     own = np.unique(rows[np.isnan(covariance[rows, 0])])
@@ -96,7 +102,7 @@ def fitted_rows(
         samples=block.samples,
         counts=block.counts,
         threshold=threshold,
-        limit=np.full(len(block), np.inf),
+        limit=np.asarray((limit - prepared.removed) * scale, np.float64),
         covariance=covariance * (scale**2)[:, np.newaxis],
         baseline_deviation=baseline_deviation * scale,
     )

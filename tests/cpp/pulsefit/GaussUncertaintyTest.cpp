@@ -197,6 +197,9 @@ TEST(GaussUncertainty, ClippedSamplesSayNothing) {
   scene.samples[47] = 255;
   sum -= 4.0 * std::exp(-4.0 / 9.0);
   EXPECT_NEAR(uncertaintiesOf(scene)[0].position, 4.0 / 200.0 * 9.0 / std::sqrt(sum), 1e-8);
+  // Height and width were fitted to clipped samples.
+  EXPECT_TRUE(std::isnan(uncertaintiesOf(scene)[0].amplitude));
+  EXPECT_TRUE(std::isnan(uncertaintiesOf(scene)[0].fwhm));
   scene.limit = 5.0;
   EXPECT_TRUE(std::isnan(uncertaintiesOf(scene)[0].position));
 }

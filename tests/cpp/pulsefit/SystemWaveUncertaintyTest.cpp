@@ -91,6 +91,23 @@ TEST(SystemWaveUncertainty, WhatSamplesDoNotDetermineIsUnknown) {
   EXPECT_TRUE(std::isnan(uncertaintiesOf({30.0}, {0.0}, {16.0})[0].position));
 }
 
+TEST(SystemWaveUncertainty, ClippedSamplesLeaveThePositionOnly) {
+  Samples samples(70, 10);
+  samples[29] = 255;
+  std::vector<EchoUncertainty> result(1);
+  SystemWaveUncertainty kernel(skewedScanner());
+  auto const run = [&](double limit) {
+    kernel.apply({.samples = samples, .limit = limit}, {Values{16.0}, 0.0}, Values{30.0}, Values{100.0},
+                 result);
+    return result[0];
+  };
+  EchoUncertainty const all = run(256.0);
+  EchoUncertainty const clipped = run(255.0);
+  EXPECT_GT(clipped.position, all.position);
+  EXPECT_TRUE(std::isfinite(all.amplitude));
+  EXPECT_TRUE(std::isnan(clipped.amplitude));
+}
+
 TEST(SystemWaveUncertainty, AScannerWithoutSystemWaveIsRejected) {
   ScannerDevice const scanner;
   EXPECT_THROW(SystemWaveUncertainty{scanner}, std::invalid_argument);

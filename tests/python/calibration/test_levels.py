@@ -168,3 +168,47 @@ def test_shortest_waveforms() -> None:
     # The only mean of neighbours is 11; 10 lies one below it.
     levels = waveform_levels([[10, 12]])
     assert (levels.baseline[0], levels.squares[0], levels.weight[0]) == (11.0, 1.0, 1.0)
+
+
+def moving_average(share: float, rng: np.random.Generator) -> Values:
+    """Noise of rms 8, whose neighbours have the correlation share / (1 + share^2)."""
+    white = rng.normal(0.0, 1.0, (WAVEFORMS, SAMPLES + 1))
+    return 8.0 * (white[:, 1:] + share * white[:, :-1]) / math.sqrt(1.0 + share**2)
+
+
+@pytest.mark.parametrize("share", [0.5, -0.5, 1.0])
+def test_correlation_of_neighbouring_samples(share: float) -> None:
+    noise = moving_average(share, np.random.default_rng(5))
+    (first, *others) = only_level(np.rint(200.0 + noise)).noise_correlation
+    assert first == pytest.approx(share / (1.0 + share**2), abs=0.02)
+    assert np.abs(others).max(initial=0.0) < 0.05
+
+
+def test_correlation_reaches_over_four_samples() -> None:
+    noise = correlated(np.random.default_rng(6))
+    found = only_level(np.rint(200.0 + 8.0 * noise)).noise_correlation
+    # Of first order, less what the search for quiet samples takes off slow changes.
+    np.testing.assert_allclose(found, [0.7, 0.49, 0.343, 0.24], atol=0.06)
+
+
+def test_white_noise_has_no_correlation() -> None:
+    for rms in (0.3, 1.0, 8.0):
+        noise = rms * white(np.random.default_rng(7))
+        assert only_level(np.rint(200.0 + noise)).noise_correlation == ()
+
+
+def test_few_samples_show_no_correlation() -> None:
+    noise = moving_average(1.0, np.random.default_rng(8))
+    assert only_level(np.rint(200.0 + noise[:8])).noise_correlation == ()
+
+
+def test_correlations_are_those_of_a_positive_power() -> None:
+    # Alternating samples: the correlation of -1 of neighbours is that of no noise of short range.
+    noise = 8.0 * np.where(np.arange(SAMPLES) % 2, 1.0, -1.0)
+    random = np.random.default_rng(9)
+    found = only_level(np.rint(200.0 + noise + random.normal(0.0, 2.0, (WAVEFORMS, SAMPLES))))
+    frequency = np.linspace(0.0, math.pi, 50)
+    lags = np.arange(1, len(found.noise_correlation) + 1)
+    power = 1.0 + 2.0 * np.cos(np.outer(frequency, lags)) @ np.array(found.noise_correlation)
+    assert len(found.noise_correlation) == 4
+    assert power.min() > 0.0

@@ -167,3 +167,38 @@ def test_without_measured_noise_that_of_the_waveform_counts(mode: Mode) -> None:
     for name in ("sigma_position_ns", "sigma_amplitude"):
         np.testing.assert_allclose(np.median(own[name]), np.median(measured[name]), rtol=0.05)
         assert np.std(own[name]) > 1.1 * np.std(measured[name])
+
+
+@pytest.mark.parametrize("correlation", [-0.4, 0.4])
+@pytest.mark.parametrize("mode", list(Mode)[:3])
+def test_correlated_noise_moves_echoes_as_stated(mode: Mode, correlation: float) -> None:
+    case = scene(mode, 100.0, 2000, correlation)
+    (level,) = case.settings.calibration.levels
+    assert level.noise_correlation == pytest.approx((correlation,), abs=0.02)
+    echoes, truth = case.echoes()
+    for error, sigma in (
+        (echoes.position - truth, echoes.sigma_position_ns),
+        (echoes.amplitude - 400.0, echoes.sigma_amplitude),
+    ):
+        assert 0.95 < pull(error, sigma) < 1.12
+    if mode is Mode.THREE_POINT:
+        return  # Its position depends on samples that are two apart.
+    white = replace(level, noise_correlation=())
+    settings = replace(case.settings, calibration=Calibration((white,)))
+    plain, _ = Scene(case.block, case.position, settings).echoes()
+    ratio = np.median(echoes.sigma_position_ns / plain.sigma_position_ns)
+    assert ratio > 1.1 if correlation > 0.0 else ratio < 0.9
+
+
+@pytest.mark.parametrize("mode", list(Mode)[:3])
+def test_clipped_echoes_have_no_uncertain_height(mode: Mode) -> None:
+    case = scene(mode, 100.0)
+    clipped = replace(case.block, samples=np.minimum(case.block.samples, 332).astype(np.uint16))
+    calibration = Calibration(measure_levels([clipped]))
+    assert calibration.levels[0].digitiser_limit == 332
+    settings = replace(case.settings, calibration=calibration)
+    echoes = Extractor(settings).extract(clipped).echoes
+    assert len(echoes) > 1000
+    assert np.isnan(echoes.sigma_amplitude).all()
+    assert np.isnan(echoes.sigma_width_ns).all()
+    assert np.isnan(echoes.sigma_position_ns).all() == (mode is Mode.THREE_POINT)
