@@ -9,6 +9,7 @@ import numpy as np
 
 from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.block_range import PendingBlock
 
@@ -43,23 +44,24 @@ def find_shot(reader: WaveformReader, selector: Selector, value: float) -> Selec
     value
         The number, or the time in s.
 
-    Raises ValueError if there is no such shot, with the range of numbers or the nearest time.
+    Raises ValueError if there is no such shot, with the range of numbers or the nearest time, and
+    WaveformFileError if its samples are unreadable.
     """
     waveforms = shots = 0
     nearest = np.nan
     for numbers, block in reader.unread_blocks():
         if selector is Selector.WAVEFORM:
             if waveforms <= value < waveforms + block.waveforms:
-                return _shot_of(numbers, block, int(value) - waveforms, only_row=True)
+                return _shot_of(reader, numbers, block, int(value) - waveforms, only_row=True)
         elif selector is Selector.SHOT:
             first = _first_rows(block.shots()[0])
             if shots <= value < shots + len(first):
-                return _shot_of(numbers, block, int(first[int(value) - shots]))
+                return _shot_of(reader, numbers, block, int(first[int(value) - shots]))
             shots += len(first)
         else:
             row, nearest = _nearest(block.shots()[1], value, nearest)
             if row is not None:
-                return _shot_of(numbers, block, row)
+                return _shot_of(reader, numbers, block, row)
         waveforms += block.waveforms
     if selector is Selector.TIME:
         known = f"nearest shot: {nearest!r} s" if np.isfinite(nearest) else "no shot has a time"
@@ -86,10 +88,18 @@ def _nearest(times: FloatArray, time: float, nearest: float) -> tuple[int | None
 
 
 def _shot_of(
-    numbers: IntArray, block: PendingBlock, row: int, *, only_row: bool = False
+    reader: WaveformReader,
+    numbers: IntArray,
+    block: PendingBlock,
+    row: int,
+    *,
+    only_row: bool = False,
 ) -> SelectedShot:
     shots, _ = block.shots()
     rows = np.flatnonzero(shots == shots[row])  # consecutive
     part = slice(int(rows[0]), int(rows[-1]) + 1)
     selected = np.flatnonzero(rows == row) if only_row else np.arange(len(rows))
-    return SelectedShot(block.read(part, numbers[part]), selected)
+    shot = block.read(part, numbers[part])
+    if len(shot) < len(rows):
+        raise WaveformFileError(f"{reader.path}: waveform {numbers[row]} has unreadable samples")
+    return SelectedShot(shot, selected)

@@ -153,7 +153,8 @@ SourceFile = Annotated[
     Path,
     typer.Argument(
         metavar="IN",
-        help="Waveform file: LAS, LAZ, PulseWaves (.pls, .plz), scan container (.h5), .npz",
+        help="Waveform file: LAS, LAZ, PulseWaves (.pls, .plz), GEDI, LVIS, scan container (.h5), "
+        ".npz",
     ),
 ]
 ModeOption = Annotated[

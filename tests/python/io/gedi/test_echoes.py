@@ -103,6 +103,17 @@ def test_other_inputs_have_neither(scan: Path) -> None:
     assert not {"beam", "shot_number"} & set(names)
 
 
+def test_plot_of_a_shot_whose_samples_are_refused_says_so(tmp_path: Path) -> None:
+    shots = [Shot(bump(), number=1), Shot([*bump()[:10], float("nan")], number=2)]
+    path = GediScene({"BEAM0001": shots}).write(tmp_path / "scan.h5")
+    picture = tmp_path / "a.png"
+    assert run("plot", path, "--waveform", "0", "-o", picture).exit_code == 0
+    result = run("plot", path, "--waveform", "1", "-o", tmp_path / "b.png")
+    assert result.exit_code == 1
+    assert "waveform 1 has unreadable samples" in result.stderr
+    assert not (tmp_path / "b.png").exists()
+
+
 def test_info_lists_beams_and_what_is_left_out(tmp_path: Path) -> None:
     scene = two_beams()
     scene.beams["BEAM0101"][1].degrade = 2
