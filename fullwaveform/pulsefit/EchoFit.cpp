@@ -316,7 +316,7 @@ bool EchoFit::improve(Hypothesis& hypothesis, double& damping) {
     for (std::size_t i = 0; i < n; ++i) {
       predicted += step[i] * (equations.row(i)[n] + damping * equations.row(i)[i] * step[i]);
     }
-    if (predicted < noGain) {
+    if (!(predicted >= noGain && std::isfinite(predicted))) {
       return false;
     }
     Step next = stepped(hypothesis, step);
