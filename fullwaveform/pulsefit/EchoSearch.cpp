@@ -9,8 +9,11 @@ namespace {
 
 constexpr double searchScatter = 4.0;  // factor on the scatter while echoes are looked for
 constexpr double minScore = 3.0;       // standard deviations
-// With 8 instead, one pair of SNR 100 at 0.55 pulse widths in ten is taken for one wide echo.
-constexpr double widthCost = 14.0;
+// What an echo must gain in place of a free width: with 17 instead, one pair of SNR 100 at 0.55 pulse widths
+// in ten is taken for one wide echo.
+constexpr double gainOverFreeWidth = 11.0;
+constexpr double minWidthCost = 8.0;
+constexpr double maxWidthCost = 30.0;
 constexpr double isolation = 8.0;      // samples beyond which an echo does not change the others
 constexpr double clearGain = 200.0;    // of the cost: there is more to find before details are looked at
 constexpr double neighbourhood = 6.0;  // samples
@@ -66,6 +69,7 @@ EchoSearch::EchoSearch(PulseTable const& table, InstructionSet set) : filter(tab
 Hypothesis EchoSearch::run(EchoFit& fit, double baseline, double costOfEcho) {
   constexpr std::size_t maxRounds = 3 * maxFittedEchoes;
   echoCost = costOfEcho;
+  widthCost = std::clamp(echoCost - gainOverFreeWidth, minWidthCost, maxWidthCost);
   fit.setCosts(echoCost, widthCost);
   fit.setScatterFactor(searchScatter);
   fit.setWidthsOfSeveral(false);
@@ -88,7 +92,7 @@ Hypothesis EchoSearch::run(EchoFit& fit, double baseline, double costOfEcho) {
 }
 
 /// The last fit, with the number of echoes known.
-void EchoSearch::settle(EchoFit& fit, Hypothesis& hypothesis) {
+void EchoSearch::settle(EchoFit& fit, Hypothesis& hypothesis) const {
   fit.setScatterFactor(1.0);
   if (hypothesis.count > 1) {
     fit.setWidthsOfSeveral(true);

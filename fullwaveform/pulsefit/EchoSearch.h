@@ -22,10 +22,11 @@ class EchoSearch {
   bool addEcho(EchoFit& fit, Hypothesis const& from, Hypothesis& best);
   void reshape(EchoFit& fit, Hypothesis const& from, Hypothesis& best) const;
   void prune(EchoFit& fit, Hypothesis& hypothesis) const;
-  static void settle(EchoFit& fit, Hypothesis& hypothesis);
+  void settle(EchoFit& fit, Hypothesis& hypothesis) const;
 
   MatchedFilter filter;
   double echoCost = 0.0;
+  double widthCost = 0.0;
 };
 
 }  // namespace FullWaveform
