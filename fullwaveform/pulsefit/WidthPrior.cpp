@@ -28,15 +28,14 @@ class TailTable {
   static constexpr double end = 6.0;  // beyond it the asymptotic series is exact to 1e-9
 
   TailTable() {
-    for (int i = -nodesPerSide; i <= nodesPerSide; ++i) {
-      double const z = i / nodesPerUnit;
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+      double const z = (static_cast<double>(i) - nodesPerSide) / nodesPerUnit;
       double const tail = std::erfc(z);
       double const ratio = 2.0 * std::numbers::inv_sqrtpi * std::exp(-z * z) / tail;
       double const first = ratio * (ratio - 2.0 * z);
       double const second = 2.0 * (first * (ratio - z) - ratio);
       double const third = 2.0 * (first * (first - 2.0) + second * (ratio - z));
-      nodes[static_cast<std::size_t>(i + nodesPerSide)] = {-2.0 * std::log(tail), ratio, first, second / 2.0,
-                                                           third / 6.0};
+      nodes[i] = {-2.0 * std::log(tail), ratio, first, second / 2.0, third / 6.0};
     }
   }
 
@@ -53,7 +52,7 @@ class TailTable {
   static constexpr int nodesPerSide = 192;
   static constexpr double nodesPerUnit = nodesPerSide / end;
 
-  std::array<std::array<double, 5>, 2 * nodesPerSide + 1> nodes;
+  std::array<std::array<double, 5>, 2 * nodesPerSide + 1> nodes{};
 };
 
 Tail tailAt(double z) {
