@@ -23,10 +23,10 @@ class Plan:
     methods: tuple[str, ...]
     file: Path | None = None  # whose pulse and echoes are used, too
     isolated: int = 20_000  # per SNR
-    pairs: int = 4_000  # per separation, heights and SNR
+    pairs: int = 2_000  # per separation, heights and SNR
     alarms: int = 100  # false alarms that are expected at the stated rate
     noise: int = 100_000  # for the methods without a stated rate
-    saturated: int = 10_000  # per height
+    saturated: int = 5_000  # per height
     shots: int = 20_000  # of the simulated scan
     ringing: int = 20_000  # per number of echoes
     real: int = 4_000  # pairs of real echoes per separation

@@ -2,16 +2,21 @@
 
 from __future__ import annotations
 
+import math
 from collections.abc import Iterator
 from functools import cache, partial
 
 import numpy as np
+from scipy.special import erf
 
 import fullwaveform as fw
+from accuracy.bound import QUANTISATION_VARIANCE, Priors, cramer_rao
 from accuracy.measures import TOLERANCE, match
-from accuracy.methods import DECONVOLVING, MODES, Found, of_extraction, scanner_of
+from accuracy.methods import DECONVOLVING, Found, of_extraction, scanner_of
 from accuracy.plan import Plan, Row, Task
 from accuracy.pulses import Floats, Pulse
+from fullwaveform.calibration.levels import measure_levels
+from fullwaveform.calibration.pulse_model import measure_pulse_models
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.columns import take_rows
@@ -19,6 +24,8 @@ from fullwaveform.simulation import ScanSettings, SimulatedScan, simulate_scan
 from fullwaveform.simulation.recording import record, recorded_block
 
 NEAR = 0.15  # samples of 1 ns
+LIMIT, LIMIT_WITHOUT_PRIOR = "bound", "bound without prior of the widths"
+_UNKNOWN_WIDTHS = (50.0, 50.0)  # samples squared
 BOTH, LOW_POWER = "both", "low power"
 _SEED = 11
 _FWHM_PER_SIGMA = float(np.sqrt(8.0 * np.log(2.0)))
@@ -28,10 +35,12 @@ _SHOTS_AT_ONCE = 2000
 def scan_tasks(plan: Plan) -> list[Task]:
     """A task per method and choice of channels."""
     return [
-        partial(_scan, plan.shots, method, channels)
-        for channels in (BOTH, LOW_POWER)
-        for method in plan.methods
-        if method in MODES
+        *(
+            partial(_scan, plan.shots, method, channels)
+            for channels in (BOTH, LOW_POWER)
+            for method in plan.methods
+        ),
+        partial(_limits, plan.shots),
     ]
 
 
@@ -65,6 +74,50 @@ def _scan(shots: int, method: str, channels: str) -> list[Row]:
     return [{"channels": channels, "method": method, **scan_measures(found, scan)}]
 
 
+def _limits(shots: int) -> list[Row]:
+    """What the bound allows of overlapping echoes, with and without knowledge of their widths."""
+    scan = _simulated(shots)
+    blocks = list(_blocks(scan, LOW_POWER))
+    (measured,) = measure_pulse_models(blocks, measure_levels(blocks), "simulated scan")
+    model = measured.entry.model
+    # As the pulse fit expects several echoes: three times as wide as single ones, and smoother.
+    several = (math.hypot(model.variance_spread, 0.4 * model.widening), 3.0 * model.widening)
+    return [
+        {"channels": LOW_POWER, "method": name, "overlapping": overlapping_limit(scan, *widths)}
+        for name, widths in ((LIMIT, several), (LIMIT_WITHOUT_PRIOR, _UNKNOWN_WIDTHS))
+    ]
+
+
+def _variance(scan: SimulatedScan) -> Floats:
+    """Widening of the true echoes, samples squared."""
+    return np.asarray(scan.truth.sigma_samples**2 - scan.settings.pulse_width**2)
+
+
+def overlapping_limit(scan: SimulatedScan, spread: float, widening: float) -> float:
+    """% of overlapping echoes within 0.15 samples if errors are as large as the bound.
+
+    The number of echoes is known; spread and mean of the prior of the widths are given.
+    """
+    truth, settings = scan.truth, scan.settings
+    noise_variance = settings.noise_rms**2 + QUANTISATION_VARIANCE
+    priors = Priors(0.3 * settings.noise_rms, spread, widening)
+    deviation = np.full(len(truth), np.nan)
+    _, start, count = np.unique(truth.shot, return_index=True, return_counts=True)
+    for echoes in np.unique(count):
+        index = start[count == echoes][:, np.newaxis] + np.arange(echoes)
+        deviation[index] = cramer_rao(
+            _scan_pulse(),
+            truth.position_samples[index],
+            truth.amplitude_low_power[index],
+            _variance(scan)[index],
+            noise_variance=noise_variance,
+            priors=priors,
+            used=np.ones((len(index), settings.samples)),
+        ).position
+    chosen = truth.overlapping & ~truth.saturated
+    return 100.0 * float(np.mean(erf(NEAR / np.sqrt(2.0) / deviation[chosen])))
+
+
 def scan_measures(found: Found, scan: SimulatedScan) -> Row:
     """Shares of the true echoes, and extra echoes.
 
@@ -72,12 +125,18 @@ def scan_measures(found: Found, scan: SimulatedScan) -> Row:
     near, overlapping, saturated : % of all, of the overlapping, and of the clipped true echoes with
         a partner within 0.15 samples
     extra : found echoes without partner, % of the true echoes
-    pull, within68, within95 : of all pairs; pull_overlapping : of the overlapping echoes
+    pull, pull_overlapping, within68, within95 : of all pairs, or those of overlapping echoes, in
+        shots whose number of found echoes is the true one
+    right : % of the shots with true echoes with this number
     """
     truth = scan.truth
     pairs = match(found, truth.shot, truth.position_samples, TOLERANCE * _scan_pulse().fwhm)
     near = np.zeros(len(truth), dtype=bool)
     near[pairs.ref_index] = np.abs(pairs.difference) <= NEAR
+    shots = len(scan.samples)
+    number = np.bincount(truth.shot, minlength=shots)
+    is_right = np.bincount(found.row, minlength=shots) == number
+    chosen = is_right[truth.shot[pairs.ref_index]]
     ratio = pairs.difference / found.sigma_position[pairs.found_index]
     overlapping = truth.overlapping[pairs.ref_index]
     return {
@@ -87,10 +146,11 @@ def scan_measures(found: Found, scan: SimulatedScan) -> Row:
         "overlapping": _percent(near[truth.overlapping]),
         "saturated": _percent(near[truth.saturated]),
         "extra": 100.0 * len(pairs.unmatched_found) / len(truth),
-        "pull": _rms(ratio),
-        "pull_overlapping": _rms(ratio[overlapping]),
-        "within68": _share(ratio, 1.0),
-        "within95": _share(ratio, 1.96),
+        "right": _percent(is_right[number > 0]),
+        "pull": _rms(ratio[chosen]),
+        "pull_overlapping": _rms(ratio[chosen & overlapping]),
+        "within68": _share(ratio[chosen], 1.0),
+        "within95": _share(ratio[chosen], 1.96),
     }
 
 

@@ -160,18 +160,19 @@ def saturated(results: Results) -> str:
 
 def scan(results: Results) -> str:
     """The simulated scan."""
-    names = ("detected", "near", "overlapping", "saturated", "extra")
+    names = ("detected", "near", "overlapping", "saturated", "extra", "right")
     pulls = ("pull", "pull_overlapping", "within68", "within95")
     lines = [
         [
             str(row["channels"]),
             str(row["method"]),
-            *(_number(row[name], 2 if name == "extra" else 1) for name in names),
-            *(_number(row[name], 2) for name in pulls),
+            *(_number(row.get(name, math.nan), 2 if name == "extra" else 1) for name in names),
+            *(_number(row.get(name, math.nan), 2) for name in pulls),
         ]
         for row in results.tables["scan"]
     ]
     titles = ["detected, %", "within 0.15 ns, %", "overlapping, %", "clipped, %", "extra, %"]
+    titles.append("shots with the right number, %")
     titles += ["pull", "pull, overlapping", "within 1 σ", "within 1.96 σ"]
     return _table(["channels", "method", *titles], lines, left=2)
 

@@ -127,7 +127,7 @@ def test_document_has_all_tables_and_its_pictures(folder: Path) -> None:
 def test_figures_do_not_depend_on_the_number_of_threads() -> None:
     plan = Plan(
         ("three-point", PULSE_FIT),
-        *(None, 50, 20, 1, 50, 20, 60, 40, 0),
+        *(None, 50, 20, 1, 50, 20, 400, 40, 0),
         separations=(0.9,),
         rates=(10.0,),
     )
