@@ -274,11 +274,14 @@ TEST(EchoSearch, EveryInstructionSetGivesTheSameBits) {
   for (int run = 0; run < 100; ++run) {
     Counts const samples = noisyWaveform(100, {{place(random), 500.0}, {place(random), 80.0}}, random);
     std::vector<Hypothesis> found;
+    std::vector<FitMatrix> covariances;
     for (InstructionSet const set : {InstructionSet::Baseline, InstructionSet::Avx2}) {
       EchoFit fit(model, table, set);
       fit.setSignal(samples, 400.0);
       found.push_back(EchoSearch(table, set).run(fit, model.baseline, 40.0));
+      EXPECT_TRUE(fit.covariance(found.back(), covariances.emplace_back()));
     }
+    EXPECT_EQ(covariances[0], covariances[1]);
     ASSERT_EQ(found[0].count, found[1].count);
     EXPECT_EQ(found[0].cost, found[1].cost);
     EXPECT_EQ(found[0].baseline, found[1].baseline);
