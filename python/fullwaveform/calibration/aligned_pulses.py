@@ -24,6 +24,7 @@ from fullwaveform.calibration.pulses import OUTLIER, Pulses, screened
 from fullwaveform.calibration.widened_pulse import WidenedPulse
 from fullwaveform.data.arrays import BoolArray, FloatArray
 
+_EXTENT_SHARE = 0.1  # of the pulses; the curve ends where fewer have samples
 _MAX_PULSES = 1500  # more of them do not improve the curve
 _ROUNDS, _FINAL_ROUNDS = 6, 2
 _STEPS_PER_ROUND = 4
@@ -93,7 +94,8 @@ def align(pulses: Pulses, noise_rms: float) -> AlignedPulses:
         raise ValueError(f"{pulses.origin}: no usable pulse")
     values = usable.values
     alignment = first_alignment(values)
-    extent = common_extent(values, alignment)
+    width = float(values.shape[1])
+    extent = common_extent(values, alignment, _EXTENT_SHARE, (width, width))
     alignment, curve = fitted_curve(values, alignment, None, extent, ALIGNMENT_SPLINE)
     aligned = AlignedPulses(
         WidenedPulse(curve),

@@ -29,7 +29,7 @@ STEPS_PER_SAMPLE = 10
 MAX_PULSES = 4000
 
 _ITERATIONS = 8
-_MAX_BEFORE, _MAX_AFTER = 24.0, 48.0  # samples around the maximum
+_MAX_EXTENT = (24.0, 48.0)  # samples before and after the maximum
 ALIGNMENT_SPLINE, _FINAL_SPLINE = (1, 5), (4, 3)  # knots per sample and degree
 _HUBER = 2.0  # standard deviations from which a sample loses weight
 _OUTLIER_DEVIATIONS = 6.0
@@ -156,14 +156,19 @@ def first_alignment(values: FloatArray) -> Alignment:
     return Alignment(top + move, centre - base, base)
 
 
-def common_extent(values: FloatArray, alignment: Alignment) -> tuple[float, float]:
-    """Samples before and after the maximum that at least half of the pulses have."""
+def common_extent(
+    values: FloatArray,
+    alignment: Alignment,
+    share: float = 0.5,
+    largest: tuple[float, float] = _MAX_EXTENT,
+) -> tuple[float, float]:
+    """Samples before and after the maximum that at least a share of the pulses have."""
     valid = np.isfinite(values)
     first = np.argmax(valid, axis=1)
     last = values.shape[1] - 1 - np.argmax(valid[:, ::-1], axis=1)
-    before = float(np.median(alignment.position - first))
-    after = float(np.median(last - alignment.position))
-    return min(before, _MAX_BEFORE), min(after, _MAX_AFTER)
+    before = float(np.quantile(alignment.position - first, 1.0 - share))
+    after = float(np.quantile(last - alignment.position, 1.0 - share))
+    return min(before, largest[0]), min(after, largest[1])
 
 
 def _moved(values: FloatArray, alignment: Alignment, curve: Curve) -> Alignment:

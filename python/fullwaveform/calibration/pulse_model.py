@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import math
 from collections import Counter
 from collections.abc import Sequence
 from dataclasses import dataclass
@@ -23,9 +24,11 @@ from fullwaveform.calibration.pulses import (
 from fullwaveform.calibration.quiet_samples import (
     Noise,
     QuietMargins,
+    leading_level,
     measure_noise,
     quiet_stretches,
 )
+from fullwaveform.calibration.widened_pulse import WidenedPulse
 from fullwaveform.core.pulse_fit import PulseModel
 from fullwaveform.core.pulse_models import PulseOrigin, ReceiverModel, at_interval
 from fullwaveform.core.scanner import Scanner
@@ -37,10 +40,13 @@ MIN_FWHM = 2.0  # samples
 MAX_SCATTER = 0.02
 
 _STEPS = 16  # values of the pulse per sample
-_BEFORE, _AFTER = 24, 40  # samples around an echo; the ringing ends within them
+# Samples around an echo, in which the ringing ends; of broad pulses so many widths.
+_BEFORE, _AFTER = 24, 40
+_WIDTHS_BEFORE, _WIDTHS_AFTER = 3.0, 6.0
+_MAX_SAMPLES_AROUND = 200
 _MIN_SIGNAL = 20.0  # noise rms; weaker echoes show little of the pulse
 _MIN_HEIGHT = 8.0  # counts
-_QUIET = QuietMargins(before=5, after=_AFTER)
+_RISE = 5  # samples from quiet ones to the threshold
 _CORE = 0.1  # share of the maximum; samples of the pulse above it make up the matched filter
 # The pulse ends where it stays below this share of its maximum, or below its own noise.
 _NEGLIGIBLE = (2e-4, 5e-3)
@@ -128,9 +134,7 @@ def _each_with_its_own(
     receivers: Sequence[_Receiver], found: Sequence[Pulses], origin: str
 ) -> tuple[MeasuredPulse, ...]:
     sources = [
-        _Source("returned", align(pulses, receiver.level.effective_rms), pulses.sampling_interval)
-        if len(pulses) >= MIN_ECHOES
-        else None
+        _returned(receiver, pulses, origin) if len(pulses) >= MIN_ECHOES else None
         for receiver, pulses in zip(receivers, found, strict=True)
     ]
     faults = [source and _fault(source.pulses) for source in sources]
@@ -141,6 +145,18 @@ def _each_with_its_own(
         _measured(receiver, own or _of_similar(receiver, receivers, usable))
         for receiver, own in zip(receivers, usable, strict=True)
     )
+
+
+def _returned(receiver: _Receiver, pulses: Pulses, origin: str) -> _Source:
+    """The pulse of isolated echoes; of a broad one more of the tail, if enough echoes have it."""
+    noise = receiver.level.effective_rms
+    aligned = align(pulses, noise)
+    fwhm = aligned.pulse.curve.fwhm()
+    if _WIDTHS_AFTER * fwhm > _AFTER:
+        longer = _isolated(receiver, origin, fwhm)
+        if len(longer) >= MIN_ECHOES:
+            aligned = align(longer, noise)
+    return _Source("returned", aligned, pulses.sampling_interval)
 
 
 def _of_similar(
@@ -200,13 +216,14 @@ def _is_of(block: WaveformBlock, level: ChannelLevels) -> BoolArray:
     )
 
 
-def _isolated(receiver: _Receiver, origin: str) -> Pulses:
-    """Strong isolated echoes without clipped samples."""
+def _isolated(receiver: _Receiver, origin: str, fwhm: float = 0.0) -> Pulses:
+    """Strong isolated echoes without clipped samples; `fwhm` in samples, if it is known."""
     waveforms = receiver.waveforms
+    after = min(max(_AFTER, math.ceil(_WIDTHS_AFTER * fwhm)), _MAX_SAMPLES_AROUND)
     window = EchoWindow(
-        before=_BEFORE,
-        after=_AFTER,
-        clearance=float(_AFTER),
+        before=min(max(_BEFORE, math.ceil(_WIDTHS_BEFORE * fwhm)), _MAX_SAMPLES_AROUND),
+        after=after,
+        clearance=float(after),
         min_height=max(_MIN_SIGNAL * receiver.level.effective_rms, _MIN_HEIGHT),
     )
     windows, _, crowded = echo_windows(waveforms, Scanner.default(), None, window)
@@ -251,16 +268,17 @@ def _model(receiver: _Receiver, source: _Source) -> PulseModel:
     # The matched filter has the samples of the receiver.
     step = receiver.waveforms.sampling_interval / source.interval
     core = curve(step * np.arange(np.ceil(lag[0] / step), np.floor(lag[-1] / step) + 1.0))
-    noise = _noise(receiver, core[core > _CORE])
+    noise = _noise(receiver, core[core > _CORE], float(lag[-1]) / step)
+    baseline, spread = _baseline(receiver)
     widening = pulses.widths.widening
     if source.origin == "outgoing":
         widening = (_RMS_OF_GAUSSIAN * curve.fwhm()) ** 2
     return PulseModel(
-        pulse=tuple((curve(lag)).tolist()),
+        pulse=tuple(_smooth(pulses.pulse, lag).tolist()),
         first_lag=float(lag[0]),
         lag_step=1.0 / _STEPS,
-        baseline=receiver.level.baseline,
-        baseline_spread=receiver.level.baseline_spread,
+        baseline=baseline,
+        baseline_spread=spread,
         noise_rms=noise.rms,
         noise_correlation=noise.correlation,
         scatter=pulses.scatter,
@@ -270,9 +288,26 @@ def _model(receiver: _Receiver, source: _Source) -> PulseModel:
     )
 
 
-def _noise(receiver: _Receiver, core: FloatArray) -> Noise:
+def _smooth(pulse: WidenedPulse, lag: FloatArray) -> FloatArray:
+    """The pulse without the noise of its spline, which narrowing in the fit would amplify."""
+    value = pulse.at(lag[np.newaxis, :], np.zeros(1))[0][0]
+    return np.asarray(value / value.max())
+
+
+def _baseline(receiver: _Receiver) -> tuple[float, float]:
+    """Level before the echoes and its spread; that of all quiet samples if these are too few.
+
+    After an echo the level of a receiver may differ for longer than the pulse.
+    """
     waveforms, level = receiver.waveforms, receiver.level
-    stretches = quiet_stretches(waveforms.samples, waveforms.counts, level.threshold, _QUIET)
+    leading = leading_level(waveforms.samples, waveforms.counts, level.threshold, _RISE)
+    return leading or (level.baseline, level.baseline_spread)
+
+
+def _noise(receiver: _Receiver, core: FloatArray, last_lag: float) -> Noise:
+    waveforms, level = receiver.waveforms, receiver.level
+    margins = QuietMargins(_RISE, after=max(_AFTER, math.ceil(last_lag)))
+    stretches = quiet_stretches(waveforms.samples, waveforms.counts, level.threshold, margins)
     if len(stretches) == 0:
         return Noise(level.effective_rms, 1.0)
     return measure_noise(stretches, core)

@@ -11,6 +11,7 @@ from fullwaveform.data.arrays import FloatArray, UInt16Array
 
 MIN_LENGTH = 5  # samples of a stretch
 _MIN_STRETCHES = 10
+_MIN_LEADING, _MAX_LEADING = 4, 16  # samples before an echo, for the baseline
 _MIN_SAMPLES = 300  # of all stretches; fewer do not show a correlation
 _USEFUL_STRETCHES = 500  # more of them allow longer ones instead
 _MAX_LENGTH = 128  # samples
@@ -37,6 +38,27 @@ class QuietMargins:
 
     before: int  # the rise of the pulse
     after: int  # its tail with the ringing
+
+
+def leading_level(
+    samples: UInt16Array, counts: UInt16Array, threshold: int, margin: int
+) -> tuple[float, float] | None:
+    """Median and robust standard deviation of the means of the samples before the first echoes.
+
+    Of each waveform as many samples as three quarters of the waveforms have, at most 16; None if
+    these are fewer than 4, or if fewer than 10 waveforms have them.
+    """
+    valid = np.arange(samples.shape[1]) < counts[:, np.newaxis]
+    above = valid & (samples > threshold)
+    first = np.where(above.any(axis=1), np.argmax(above, axis=1) - margin, counts)
+    length = int(np.quantile(first, 0.25)) if len(first) else 0
+    length = min(length, _MAX_LEADING)
+    rows = np.flatnonzero(first >= length)
+    if length < _MIN_LEADING or len(rows) < _MIN_STRETCHES:
+        return None
+    means = samples[rows, :length].mean(axis=1)
+    level = float(np.median(means))
+    return level, _RMS_PER_MEDIAN_DISTANCE * float(np.median(np.abs(means - level)))
 
 
 def quiet_stretches(

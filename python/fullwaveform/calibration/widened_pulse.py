@@ -17,7 +17,7 @@ _MIN_VARIANCE, _MAX_VARIANCE, _NODE_STEP = -0.5, 9.0, 0.125
 _USUAL_FWHM = 4.0  # samples
 # Above this frequency (cycles per sample, of such a pulse) nothing of a pulse is in the samples;
 # narrowing would amplify it.
-_BAND_LIMIT, _ORDER = 0.9, 16
+_BAND_LIMIT, _ORDER = 0.7, 16
 
 
 @dataclass(frozen=True)

@@ -15,7 +15,7 @@ from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.calibration.levels import measure_levels
 from fullwaveform.calibration.pulse_choice import PulseChoice, checked_pulse_choice
 from fullwaveform.calibration.pulse_model import MeasuredPulse, measure_pulse_models
-from fullwaveform.core.pulse_fit import PulseModel
+from fullwaveform.core.pulse_fit import PulseModel, fit_pulses
 from fullwaveform.core.pulse_models import at_interval, full_width
 from fullwaveform.data.blocks import OutgoingPulses, WaveformBlock
 from fullwaveform.data.columns import take_rows
@@ -189,6 +189,20 @@ def test_narrow_pulse() -> None:
 
     with pytest.raises(ValueError, match=r"1\.\d+ samples wide.*needs 2;.*--mode decomposition"):
         measured([block(np.rint(samples))])
+
+
+def test_broad_pulse_fits_its_own_waveforms() -> None:
+    rng = np.random.default_rng(6)
+    lag = np.arange(120.0) - rng.uniform(45.0, 55.0, (400, 1))
+    signal = 10.0 + 180.0 * np.exp(-0.5 * (lag / 5.7) ** 2)
+    samples = np.rint(signal + rng.normal(0.0, 0.6, lag.shape)).astype(np.uint16)
+
+    table = fit_pulses(samples, np.full(400, 120, np.uint16), model_of(block(samples)))
+
+    # Noise of the mean pulse at high frequencies would be amplified where a pulse is narrowed.
+    assert table.waveforms["echo_count"].tolist() == [1] * 400
+    assert np.median(table.waveforms["reduced_chi_square"]) == pytest.approx(1.0, abs=0.15)
+    assert np.median(table.echoes["fwhm"]) == pytest.approx(5.7 * 2.3548, rel=0.01)
 
 
 def test_pulses_of_different_shapes() -> None:

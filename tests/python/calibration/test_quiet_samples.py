@@ -11,6 +11,7 @@ import pytest
 from fullwaveform.calibration.quiet_samples import (
     Noise,
     QuietMargins,
+    leading_level,
     measure_noise,
     quiet_stretches,
 )
@@ -130,3 +131,22 @@ def test_too_few_or_too_short_stretches() -> None:
     for samples in (few, short, few[:0]):
         counts = np.full(len(samples), samples.shape[1], np.uint16)
         assert len(quiet_stretches(samples, counts, 30, QuietMargins(4, 12))) == 0
+
+
+def test_level_before_the_echoes() -> None:
+    samples = waveforms_with_an_echo(first=20)
+    samples[::2, :16] += 2
+    counts = np.full(50, 40, np.uint16)
+
+    level, spread = leading_level(samples, counts, 30, 4) or (0.0, 0.0)
+
+    assert level == 12.0  # median of 25 waveforms at 13 counts and 25 at 11
+    assert spread == pytest.approx(1.4826)
+
+
+def test_too_few_samples_before_the_echoes() -> None:
+    counts = np.full(50, 40, np.uint16)
+
+    assert leading_level(waveforms_with_an_echo(first=7), counts, 30, 4) is None
+    assert leading_level(waveforms_with_an_echo(first=20)[:9], counts[:9], 30, 4) is None
+    assert leading_level(np.zeros((0, 40), np.uint16), counts[:0], 30, 4) is None
