@@ -79,6 +79,22 @@ def test_accuracy_of_deconvolved_positions_is_as_stated() -> None:
         )
 
 
+def test_uncertainties_hold_as_stated() -> None:
+    stated = table((PAGES / "uncertainty.md").read_text(encoding="utf-8"))
+    found = table(run_script("how_sure.py"))
+    assert found.keys() == stated.keys()
+    for name, cells in found.items():
+        for cell, expected in zip(cells, stated[name], strict=True):
+            if cell == "–":
+                assert expected == "–", name
+                continue
+            values, others = (
+                [float(v.rstrip("%")) for v in c.split(", ")] for c in (cell, expected)
+            )
+            step = 2.0 if "%" in cell else 0.02
+            np.testing.assert_allclose(values, others, atol=step, err_msg=name)
+
+
 def test_table_of_all_methods_agrees_with_the_measurement(measured: Table) -> None:
     stated = table((PAGES / "README.md").read_text(encoding="utf-8"))
     timed = {name for name in measured if name.startswith("time")}
