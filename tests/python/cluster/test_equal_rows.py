@@ -92,6 +92,28 @@ def test_parts_of_any_format_and_size_equal_the_single_run(
     assert len(table_lines(shown)) > 5
 
 
+def test_pulse_fit_measures_its_model_once_for_all_parts(address: str, tmp_path: Path) -> None:
+    source, folder = las_scan(tmp_path / "scan.las", shots=600), tmp_path / "parts"
+    options = ["--mode", "pulse-fit", "--block", "150", "--channel", "2=high", "--keep-empty"]
+    options += ["--false-alarms", "2", "--max-width", "15"]
+    expected = single_run(source, tmp_path / "single.parquet", *options)
+    shown = on_cluster(address, source, "-o", folder, *options, "--blocks-per-part", "2")
+    assert_same_rows(parts_table(folder), expected)
+    manifest = manifest_of(folder)
+    assert len(manifest["parts"]) > 2
+    models = manifest["inputs"][0]["calibration"]["pulse_models"]
+    assert [model["descriptor"] for model in models] == [2, 1]
+    settings = manifest["settings"]
+    chosen = [settings[name] for name in ("mode", "pulse", "false_alarms", "max_width")]
+    assert chosen == [4, "auto", 2.0, 15e-9]
+    assert "isolated echoes of the file" in words(shown)
+    resumed = run(
+        "cluster", source, "-o", folder, *options[:-4], "--scheduler", address, "--resume"
+    )
+    assert resumed.exit_code == 1
+    assert "settings.false_alarms was 2.0, is 1.0" in words(resumed.stderr)
+
+
 def test_several_inputs_keep_their_order(address: str, tmp_path: Path) -> None:
     sources = [
         las_scan(tmp_path / "b.las", shots=150, seed=1),

@@ -175,6 +175,19 @@ def test_channels_are_merged_by_the_rules_of_the_driver() -> None:
     ]  # fmt: skip
 
 
+def test_channels_are_merged_in_the_order_of_the_waveforms() -> None:
+    """The saturated echo meets the high-power one only if it comes before the other echo."""
+    high = packet((40.0, 500.0), flag=0)
+    saturated, weak = (packet((40.0, height), flag=1) for height in (3_100.0, 300.0))
+    # The first waveform of low power has the larger descriptor.
+    block = replace(block_of([saturated, weak, high]), descriptors=np.array([2, 1, 0], np.uint8))
+    echoes = Extractor(settings()).extract(block).echoes
+    assert np.rint(echoes.amplitude).tolist() == [300.0]
+    block = replace(block_of([weak, saturated, high]), descriptors=np.array([2, 1, 0], np.uint8))
+    echoes = Extractor(settings()).extract(block).echoes
+    assert sorted(np.rint(echoes.amplitude / 100).tolist()) == [3.0, 31.0]
+
+
 def test_level_of_a_saturated_echo_includes_the_baseline() -> None:
     high = packet((40.0, 500.0), flag=0)
     weak, strong = (packet((40.0, height), flag=1) for height in (2_970.0, 2_990.0))
@@ -249,6 +262,13 @@ def test_largest_width_can_be_raised() -> None:
     assert len(extracted(one).echoes) > 1
     with pytest.raises(ValueError, match="width 3 ns must be above that of the pulse, 4 ns"):
         extracted(one, options=PulseFitOptions(max_width=3 * NANOSECOND))
+
+
+def test_largest_width_bounds_the_variance() -> None:
+    # (20^2 - 4^2) / 5.545 samples squared; 5.545 is 8 ln 2.
+    chosen = PulseFitOptions(max_width=20 * NANOSECOND).settings(gaussian_model(), 4095)
+    assert chosen.max_variance == pytest.approx(69.25, rel=1e-3)
+    assert chosen.digitiser_limit == 4095.0
 
 
 @pytest.mark.parametrize("width", [0.0, -1.0, float("nan"), float("inf")])
