@@ -109,6 +109,7 @@ def test_samples_before_the_echo() -> None:
 
 def test_samples_after_the_echo_if_there_are_more() -> None:
     samples = waveforms_with_an_echo(first=6)
+    samples[:, 9:21] = 14  # the tail of the pulse
 
     quiet = quiet_stretches(samples, np.full(50, 40, np.uint16), 30, QuietMargins(4, 12))
 
