@@ -106,6 +106,9 @@ TEST(ThreePointUncertainty, AnOwnBaselineAddsTheNoiseOfItsQuietSamples) {
   // Of 11 samples, seven belong to an echo with a standard deviation of 1 sample.
   double const known = uncertaintyOf(samples, 4.0, {16.0}, 2.0).amplitude;
   EXPECT_NEAR(uncertaintyOf(samples, 4.0, {16.0}, notANumber).amplitude, known, 1e-12);
+  // Where neighbours have the covariance 8, the mean of four samples has the variance (16 + 2 * 8) / 4.
+  double const correlated = uncertaintyOf(samples, 4.0, {16.0, 8.0}, std::sqrt(8.0)).amplitude;
+  EXPECT_NEAR(uncertaintyOf(samples, 4.0, {16.0, 8.0}, notANumber).amplitude, correlated, 1e-12);
 }
 
 TEST(ThreePointUncertainty, OtherSamplesThanThoseOfTheFitGiveNothing) {
