@@ -14,7 +14,7 @@ from fullwaveform.core.scanner_attributes import plain_value
 #: What a pulse model was made of: isolated echoes, or the outgoing pulses of a file.
 PulseOrigin = Literal["returned", "outgoing"]
 
-_MAX_FLAG = 1
+_MAX_FLAG = 255
 _MAX_DESCRIPTOR = 255
 
 

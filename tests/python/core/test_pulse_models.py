@@ -78,7 +78,7 @@ def test_full_width() -> None:
         ("pulse", [0.0, 0.5, float("nan")], "value 2 of pulse is nan; expected a finite number"),
         ("pulse", [0.0, "a"], "value 1 of pulse is 'a'; expected a finite number"),
         ("pulse", [0.0] * 20, "must be finite, with a maximum above 0"),
-        ("channel_flag", 2, "invalid channel_flag 2; expected 0 to 1"),
+        ("channel_flag", 256, "invalid channel_flag 256; expected 0 to 255"),
         ("descriptor", 256, "invalid descriptor 256; expected 0 to 255"),
         ("descriptor", 1.0, "descriptor is 1.0; expected an integer"),
         ("pulses", 0, "invalid pulses 0; expected at least 1"),

@@ -228,6 +228,12 @@ def test_each_receiver_has_its_model() -> None:
     np.testing.assert_allclose(order, [BASELINE + 40.0, BASELINE], atol=0.2)
 
 
+def test_any_flag_but_0_is_low_power() -> None:
+    models = {0: gaussian_model(), 255: gaussian_model()}
+    pair = packet((40.0, 500.0), flag=0), packet((41.0, 300.0), flag=255)
+    assert extracted(*pair, models=models).echoes.channel_flag.tolist() == [255]
+
+
 def test_limit_of_the_digitiser_comes_from_the_levels() -> None:
     level = ChannelLevels(1, 0, 10, BASELINE, 0.5, 1.0, digitiser_limit=255)
     clipped = packet((30.25, 400.0), limit=255.0)
