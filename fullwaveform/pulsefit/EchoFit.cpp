@@ -53,6 +53,7 @@ void EchoFit::setSignal(std::span<unsigned short const> samples, double limit) {
   signal.resize(std::max(signal.size(), stride));
   std::copy(samples.begin(), samples.end(), signal.begin());
   clippedSamples.clear();
+  clippedSamples.reserve(size);
   for (std::size_t i = 0; i < size && limit <= 65535.0; ++i) {
     if (signal[i] >= limit) {
       clippedSamples.push_back(static_cast<std::uint32_t>(i));

@@ -248,6 +248,17 @@ TEST(PulseFit, DoesNotAllocateAfterALongerWaveform) {
   EXPECT_EQ(Testing::heapAllocations(), before);
 }
 
+TEST(PulseFit, DoesNotAllocateForTheFirstClippedWaveform) {
+  PulseFitSettings settings;
+  settings.digitiserLimit = 255.0;
+  PulseFit fit(gaussianModel(), settings);
+  fit.apply(waveform(80, {{40.0, 100.0}}));
+  Counts const clipped = waveform(80, {{40.0, 3000.0}}, 255.0);
+  std::size_t const before = Testing::heapAllocations();
+  fit.apply(clipped);
+  EXPECT_EQ(Testing::heapAllocations(), before);
+}
+
 TEST(PulseFit, ResultDoesNotDependOnWaveformsBefore) {
   PulseFit fit(gaussianModel());
   Counts const samples = waveform(90, {{30.0, 500.0}, {34.0, 300.0}});
