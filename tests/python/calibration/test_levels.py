@@ -197,6 +197,12 @@ def test_white_noise_has_no_correlation() -> None:
         assert only_level(np.rint(200.0 + noise)).noise_correlation == ()
 
 
+def test_a_weak_correlation_counts_as_none() -> None:
+    # Above four standard errors of it, 0.015, but below 0.03.
+    noise = moving_average(0.025, np.random.default_rng(10))
+    assert only_level(np.rint(200.0 + noise)).noise_correlation == ()
+
+
 def test_few_samples_show_no_correlation() -> None:
     noise = moving_average(1.0, np.random.default_rng(8))
     assert only_level(np.rint(200.0 + noise[:8])).noise_correlation == ()

@@ -321,3 +321,14 @@ def test_statistics_of_a_mostly_empty_scan(tmp_path: Path) -> None:
 def test_version_and_unknown_command() -> None:
     assert run("--version").stdout == f"fullwaveform {fullwaveform.__version__}\n"
     assert_usage(run("extrude"), "No such command 'extrude'")
+
+
+def test_uncertainties_can_be_left_out(scan: Path) -> None:
+    complete_path, without_path = scan.with_name("with.csv"), scan.with_name("without.csv")
+    extract(scan, complete_path, "--mode", "1", "--uncertainty")
+    extract(scan, without_path, "--mode", "1", "--no-uncertainty")
+    complete, without = csv_columns(complete_path), csv_columns(without_path)
+    for column in ("sigma_position_ns", "sigma_amplitude", "sigma_width_ns", "sigma_range"):
+        assert np.isfinite(complete[column]).mean() > 0.9
+        assert np.isnan(without[column]).all()
+    np.testing.assert_array_equal(complete["position"], without["position"])
