@@ -13,11 +13,15 @@ if TYPE_CHECKING:
     from fullwaveform.data.errors import WaveformFileError
     from fullwaveform.extraction.waveform_table import WaveformState
     from fullwaveform.io.opening import open_waveforms as open
+    from fullwaveform.waveform_metrics.compute import Metrics, metrics
+    from fullwaveform.waveform_metrics.settings import MetricsSettings
 
 __all__ = [
     "Columns",
     "Driver",
     "Extraction",
+    "Metrics",
+    "MetricsSettings",
     "Mode",
     "Result",
     "RowState",
@@ -25,6 +29,7 @@ __all__ = [
     "WaveformFileError",
     "WaveformState",
     "extract",
+    "metrics",
     "open",
     "plot",
 ]
@@ -36,6 +41,8 @@ _EXPORTS = {
     "Columns": ("data.columns", "Columns"),
     "Driver": ("core.driver", "Driver"),
     "Extraction": ("api", "Extraction"),
+    "Metrics": ("waveform_metrics.compute", "Metrics"),
+    "MetricsSettings": ("waveform_metrics.settings", "MetricsSettings"),
     "Mode": ("core.driver", "Mode"),
     "Result": ("core.driver", "Result"),
     "RowState": ("core.driver", "RowState"),
@@ -43,6 +50,7 @@ _EXPORTS = {
     "WaveformFileError": ("data.errors", "WaveformFileError"),
     "WaveformState": ("extraction.waveform_table", "WaveformState"),
     "extract": ("api", "extract"),
+    "metrics": ("waveform_metrics.compute", "metrics"),
     "open": ("io.opening", "open_waveforms"),
     "plot": ("api", "plot"),
 }

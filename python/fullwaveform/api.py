@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Iterable, Iterator, Mapping, Sequence
+from collections.abc import Iterable, Mapping, Sequence
 from dataclasses import replace
 from html import escape
 from importlib import import_module
@@ -29,7 +29,7 @@ from fullwaveform.core.driver import (
     checked_thresholds,
 )
 from fullwaveform.core.scanner import Scanner
-from fullwaveform.data.blocks import ReadTally, WaveformBlock
+from fullwaveform.data.blocks import ReadTally, WaveformBlock, blocks_of
 from fullwaveform.data.columns import Columns, html_table
 from fullwaveform.data.echo_columns import EchoTable, echo_table_to_arrow, table_columns
 from fullwaveform.extraction.extractor import (
@@ -329,7 +329,7 @@ def extract(
     if choice == "on":
         raise ValueError("outgoing_phase='on' needs a path or a reader; blocks are not measured")
     check_system_wave(settings.mode, settings.scanner)
-    calibration, blocks = measure_first(_blocks_of(source), settings.pulses)
+    calibration, blocks = measure_first(blocks_of(source), settings.pulses)
     settings = replace(settings, calibration=calibration)
     extracted = list(extracted_blocks(blocks, settings, threads))
     return Extraction(extracted, None, ReadTally(), settings)
@@ -396,18 +396,6 @@ def plot(
     # Imported on demand: an extraction needs no matplotlib, which takes long to load.
     figures = import_module("fullwaveform.plotting.waveform")
     return cast("Figure", figures.waveform_figure(views, whole=whole))
-
-
-def _blocks_of(source: object) -> Iterator[WaveformBlock]:
-    blocks = [source] if isinstance(source, WaveformBlock) else source
-    if not isinstance(blocks, Iterable):
-        raise ValueError(f"invalid source {source!r}; expected a path, a reader or blocks")
-    for block in blocks:
-        if not isinstance(block, WaveformBlock):
-            raise ValueError(
-                f"invalid block {block!r}; expected a WaveformBlock (extract files one by one)"
-            )
-        yield block
 
 
 def _scanner(scanner: Scanner | str | os.PathLike[str] | None) -> Scanner:

@@ -21,6 +21,7 @@ COMMANDS = {
     "plot": ("fullwaveform.cli.plot", "plot"),
     "report": ("fullwaveform.cli.report", "report"),
     "compare": ("fullwaveform.cli.compare", "compare"),
+    "metrics": ("fullwaveform.cli.metrics", "metrics"),
     "pulses": ("fullwaveform.cli.pulses", "pulses"),
     "convert": ("fullwaveform.cli.convert", "convert"),
     "pulse-model": ("fullwaveform.cli.pulse_model", "pulse_model"),
@@ -87,7 +88,7 @@ class _Commands(TyperGroup):
     def resolve_command(self, ctx: Any, args: list[str]) -> Any:
         """The command that the first argument names; suggests others for a mistyped one."""
         typed = args[0]
-        similar = [] if typed in COMMANDS else get_close_matches(typed, COMMANDS)
+        similar = [] if typed in COMMANDS else get_close_matches(typed, COMMANDS, cutoff=0.7)
         if similar and not ctx.resilient_parsing:
             ctx.fail(f"No such command {typed!r}. Did you mean {' or '.join(similar)}?")
         return super().resolve_command(ctx, args)

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 from collections import Counter
-from collections.abc import Callable, Iterable
+from collections.abc import Callable, Iterable, Iterator
 from dataclasses import dataclass, field
 
 import numpy as np
@@ -62,6 +62,17 @@ class OutgoingPulses:
 
 
 @dataclass(frozen=True, slots=True)
+class RecordedNoise:
+    """Noise of each waveform as the file states it, one entry per waveform; NaN where it does not.
+
+    It may be that of samples before they were smoothed, and so exceed that of the stored ones.
+    """
+
+    mean: FloatArray  # (n,), counts
+    rms: FloatArray  # (n,), counts
+
+
+@dataclass(frozen=True, slots=True)
 class WaveformBlock:
     """Waveforms of whole shots, in the order of the file.
 
@@ -90,6 +101,7 @@ class WaveformBlock:
     shot_numbers: UInt64Array | None = None  # (n,), as in the file; None if the format has none
     #: (n, 3), coordinate units: where the pulses left; NaN or None where unknown.
     origins: FloatArray | None = None
+    noise: RecordedNoise | None = None  # None if the format does not state it
 
     def __post_init__(self) -> None:
         if len(self.descriptors) == 0:  # not given
@@ -98,6 +110,19 @@ class WaveformBlock:
 
     def __len__(self) -> int:
         return len(self.counts)
+
+
+def blocks_of(source: object) -> Iterator[WaveformBlock]:
+    """The blocks of a block or an iterable of them; ValueError for anything else."""
+    blocks = [source] if isinstance(source, WaveformBlock) else source
+    if not isinstance(blocks, Iterable):
+        raise ValueError(f"invalid source {source!r}; expected a path, a reader or blocks")
+    for block in blocks:
+        if not isinstance(block, WaveformBlock):
+            raise ValueError(
+                f"invalid block {block!r}; expected a WaveformBlock (extract files one by one)"
+            )
+        yield block
 
 
 @dataclass(slots=True)

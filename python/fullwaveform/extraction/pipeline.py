@@ -3,10 +3,7 @@
 from __future__ import annotations
 
 import os
-import threading
-from collections import deque
 from collections.abc import Callable, Generator, Iterable
-from concurrent.futures import Future, ThreadPoolExecutor
 from pathlib import Path
 
 import numpy as np
@@ -19,6 +16,7 @@ from fullwaveform.extraction.extractor import (
     ExtractionTally,
     Extractor,
 )
+from fullwaveform.extraction.threads import checked_workers, processed_in_order
 from fullwaveform.extraction.warning_file import append_statistics
 from fullwaveform.extraction.waveform_table import WaveformState, WaveformTable
 from fullwaveform.io.base import EchoWriter
@@ -46,42 +44,14 @@ def extracted_blocks(
 
     Raises ValueError for fewer than one worker, and as `Extractor.extract` does.
     """
-    if isinstance(workers, bool) or not isinstance(workers, int) or workers < 1:
-        raise ValueError(f"invalid workers {workers!r}; expected an integer of at least 1")
-    if workers == 1:
-        extractor = Extractor(settings, monitor)
-        return (extractor.extract(block) for block in blocks)
-    return _in_threads(blocks, settings, workers, monitor or RunMonitor())
-
-
-def _in_threads(
-    blocks: Iterable[WaveformBlock],
-    settings: ExtractionSettings,
-    workers: int,
-    monitor: RunMonitor,
-) -> Generator[ExtractedBlock]:
-    thread = threading.local()
-
-    def extract(block: WaveformBlock) -> ExtractedBlock:
-        if not hasattr(thread, "extractor"):
-            thread.extractor = Extractor(settings, monitor)
-        extracted: ExtractedBlock = thread.extractor.extract(block)
-        return extracted
-
-    pool = ThreadPoolExecutor(workers, thread_name_prefix="extraction")
-    pending: deque[Future[ExtractedBlock]] = deque()
-    try:
-        for block in blocks:
-            pending.append(pool.submit(extract, block))
-            if len(pending) > workers:
-                yield pending.popleft().result()
-        while pending:
-            yield pending.popleft().result()
-    except BaseException:
-        monitor.cancel()  # the threads would finish their blocks
-        raise
-    finally:
-        pool.shutdown(wait=True, cancel_futures=True)
+    monitor = monitor or RunMonitor()
+    # The threads would finish their blocks.
+    return processed_in_order(
+        blocks,
+        lambda: Extractor(settings, monitor).extract,
+        checked_workers(workers),
+        on_failure=monitor.cancel,
+    )
 
 
 def write_echoes(

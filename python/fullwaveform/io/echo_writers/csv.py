@@ -11,15 +11,12 @@ import numpy as np
 import pyarrow as pa
 import pyarrow.csv
 
-from fullwaveform.data.echo_columns import (
-    EchoTable,
-    echo_schema,
-    echo_table_to_arrow,
-    table_columns,
-)
+from fullwaveform.data.columns import Table, arrow_schema
+from fullwaveform.data.echo_columns import EchoTable, table_columns
 from fullwaveform.io.atomic import FileKind, OutputFile, atomic_open
 from fullwaveform.io.base import EchoWriter
 from fullwaveform.io.echo_writers.csv_metadata import METADATA_KIND, metadata_path, metadata_text
+from fullwaveform.io.echo_writers.table_file import TableFile
 
 # Columns by which a table of echoes is recognised, whatever others the version that wrote it has.
 _ECHO_COLUMNS = {"x", "y", "z", "gps_time", "echo_number", "echo_count"}
@@ -30,15 +27,15 @@ def _is_echo_table(path: Path) -> bool:
         return set(file.readline(4096).rstrip("\n").split(",")) >= _ECHO_COLUMNS
 
 
-class CsvEchoWriter(EchoWriter):
-    """Writes echoes to a CSV file.
+class CsvTableFile(TableFile):
+    """A table in a CSV file.
 
-    One header line, one line per echo; numbers as the shortest text that reads back to the same
-    value, ``nan`` for NaN. With `metadata`, which says how the echoes were made, they are written
+    One header line, one line per row; numbers as the shortest text that reads back to the same
+    value, ``nan`` for NaN. With `metadata`, which says how the table was made, they are written
     with unit and meaning of the columns to a second file, whose name ends in ``-metadata.json``.
     """
 
-    kind = FileKind("a CSV file of echoes", _is_echo_table)
+    kind: FileKind
     _writer: pa.csv.CSVWriter
 
     @classmethod
@@ -46,20 +43,8 @@ class CsvEchoWriter(EchoWriter):
         """The table and its metadata."""
         return {path: cls.kind, metadata_path(path): METADATA_KIND}
 
-    def __init__(
-        self,
-        path: str | os.PathLike[str],
-        metadata: Mapping[str, str] | None = None,
-        *,
-        shot_columns: tuple[str, ...] = (),
-    ) -> None:
-        super().__init__(path)
-        self._metadata = metadata
-        self._shot_columns = shot_columns
-
-    def _append(self, echoes: EchoTable, stream: OutputFile) -> None:
-        self._writer.write_table(echo_table_to_arrow(echoes))
-        self.count += int(np.count_nonzero(echoes["echo_number"]))
+    def _add_rows(self, table: Table) -> None:
+        self._writer.write_table(table.to_arrow(self._columns))
 
     @contextmanager
     def _content(self, stream: OutputFile) -> Iterator[None]:
@@ -69,17 +54,35 @@ class CsvEchoWriter(EchoWriter):
             return
         output = atomic_open(metadata_path(self.path), METADATA_KIND, overwrite=self.overwrite)
         with output as description:
-            columns = table_columns(self._shot_columns)
-            description.write(metadata_text(self.path, self._metadata, columns).encode())
+            description.write(metadata_text(self.path, self._metadata, self._columns).encode())
             with self._table(stream):
                 yield
             stream.check()  # no metadata without their table
 
     @contextmanager
     def _table(self, stream: OutputFile) -> Iterator[None]:
-        schema = echo_schema(self._shot_columns)
+        schema = arrow_schema(self._columns)
         # The header line is written here because pyarrow would put its names in quotes.
         stream.write((",".join(schema.names) + "\n").encode("ascii"))
         options = pa.csv.WriteOptions(include_header=False)
         with pa.csv.CSVWriter(stream, schema, write_options=options) as self._writer:
             yield
+
+
+class CsvEchoWriter(CsvTableFile, EchoWriter):
+    """Writes echoes to a CSV file, as `CsvTableFile`."""
+
+    kind = FileKind("a CSV file of echoes", _is_echo_table)
+
+    def __init__(
+        self,
+        path: str | os.PathLike[str],
+        metadata: Mapping[str, str] | None = None,
+        *,
+        shot_columns: tuple[str, ...] = (),
+    ) -> None:
+        super().__init__(path, table_columns(shot_columns), metadata)
+
+    def _append(self, echoes: EchoTable, stream: OutputFile) -> None:
+        self._add_rows(echoes)
+        self.count += int(np.count_nonzero(echoes["echo_number"]))

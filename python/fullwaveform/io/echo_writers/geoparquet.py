@@ -32,9 +32,9 @@ def with_geometry(schema: pa.Schema, system: Any) -> pa.Schema:
     return schema.append(pa.field(GEOMETRY, _POINT)).with_metadata(metadata)
 
 
-def with_points(table: pa.Table) -> pa.Table:
+def with_points(table: pa.Table, axes: tuple[str, str, str]) -> pa.Table:
     """The table with the column of points; null where a coordinate is unknown."""
-    xyz = [table[axis].combine_chunks() for axis in "xyz"]
+    xyz = [table[axis].combine_chunks() for axis in axes]
     unknown = np.zeros(len(table), dtype=bool)
     for axis in xyz:
         unknown |= ~np.isfinite(axis.to_numpy())

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Iterator, Mapping
+from collections.abc import Iterator, Mapping, Sequence
 from contextlib import contextmanager
 from pathlib import Path
 
@@ -11,9 +11,11 @@ import h5py
 import numpy as np
 import pyarrow as pa
 
-from fullwaveform.data.echo_columns import table_columns
+from fullwaveform.data.columns import Column
+from fullwaveform.data.echo_columns import EchoTable, table_columns
 from fullwaveform.io.atomic import FileKind, OutputFile
-from fullwaveform.io.echo_writers.row_groups import GroupedEchoWriter
+from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.echo_writers.row_groups import GroupedTableFile
 from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text
 
 #: Rows of a chunk of every dataset; 512 kB of doubles.
@@ -26,32 +28,24 @@ def _is_echo_table(path: Path) -> bool:
         return "echo_number" in file
 
 
-class Hdf5EchoWriter(GroupedEchoWriter):
-    """Writes echoes to an HDF5 file.
+class Hdf5TableFile(GroupedTableFile):
+    """A table in an HDF5 file.
 
     One dataset per column with the attributes ``unit`` and ``description``, chunked and compressed.
-    `metadata` says how the echoes were made; it is stored as JSON in the attribute ``fullwaveform``
-    of the file. Equal echoes give equal bytes, however they are divided into tables.
+    `metadata` says how the table was made; it is stored as JSON in the attribute ``fullwaveform``
+    of the file. Equal rows give equal bytes, however they are divided into tables.
     """
 
-    kind = FileKind("an HDF5 file of echoes", _is_echo_table)
     _file: h5py.File
 
-    def __init__(
-        self,
-        path: str | os.PathLike[str],
-        metadata: Mapping[str, str] | None = None,
-        *,
-        shot_columns: tuple[str, ...] = (),
-    ) -> None:
-        super().__init__(path, ROWS_PER_CHUNK)
-        self._metadata = metadata
-        self._shot_columns = shot_columns
+    @property
+    def _rows_per_group(self) -> int:
+        return ROWS_PER_CHUNK
 
     @contextmanager
     def _content(self, stream: OutputFile) -> Iterator[None]:
         with h5py.File(stream, "w") as self._file:
-            _create_datasets(self._file, self._shot_columns)
+            _create_datasets(self._file, self._columns)
             if self._metadata is not None:
                 self._file.attrs[RUN_METADATA_KEY] = run_metadata_text(self._metadata)
             yield
@@ -66,8 +60,27 @@ class Hdf5EchoWriter(GroupedEchoWriter):
                 dataset[first:] = group[name].to_numpy().astype(dataset.dtype, copy=False)
 
 
-def _create_datasets(file: h5py.File, shot_columns: tuple[str, ...]) -> None:
-    for column in table_columns(shot_columns):
+class Hdf5EchoWriter(Hdf5TableFile, EchoWriter):
+    """Writes echoes to an HDF5 file, as `Hdf5TableFile`."""
+
+    kind = FileKind("an HDF5 file of echoes", _is_echo_table)
+
+    def __init__(
+        self,
+        path: str | os.PathLike[str],
+        metadata: Mapping[str, str] | None = None,
+        *,
+        shot_columns: tuple[str, ...] = (),
+    ) -> None:
+        super().__init__(path, table_columns(shot_columns), metadata)
+
+    def _append(self, echoes: EchoTable, stream: OutputFile) -> None:
+        self._add_rows(echoes)
+        self.count += int(np.count_nonzero(echoes["echo_number"]))
+
+
+def _create_datasets(file: h5py.File, columns: Sequence[Column]) -> None:
+    for column in columns:
         dataset = file.create_dataset(
             column.name,
             shape=(0,),

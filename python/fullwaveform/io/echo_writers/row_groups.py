@@ -4,14 +4,13 @@ from __future__ import annotations
 
 import os
 from abc import abstractmethod
-from collections.abc import Iterator
+from collections.abc import Iterator, Mapping, Sequence
+from typing import Any
 
-import numpy as np
 import pyarrow as pa
 
-from fullwaveform.data.echo_columns import EchoTable, echo_table_to_arrow
-from fullwaveform.io.atomic import OutputFile
-from fullwaveform.io.base import EchoWriter
+from fullwaveform.data.columns import Column, Table
+from fullwaveform.io.echo_writers.table_file import TableFile
 
 
 class RowGroups:
@@ -44,16 +43,26 @@ class RowGroups:
         self._tables, self._waiting = [], 0
 
 
-class GroupedEchoWriter(EchoWriter):
-    """Writes echoes in groups of `rows` rows, so that equal echoes give equal files."""
+class GroupedTableFile(TableFile):
+    """A table written in groups of a fixed number of rows, so that equal rows give equal files."""
 
-    def __init__(self, path: str | os.PathLike[str], rows: int) -> None:
-        super().__init__(path)
-        self._groups = RowGroups(rows)
+    @property
+    @abstractmethod
+    def _rows_per_group(self) -> int:
+        """Rows of all groups but the last."""
 
-    def _append(self, echoes: EchoTable, stream: OutputFile) -> None:
-        self._write_groups(self._groups.add(echo_table_to_arrow(echoes)))
-        self.count += int(np.count_nonzero(echoes["echo_number"]))
+    def __init__(
+        self,
+        path: str | os.PathLike[str],
+        columns: Sequence[Column],
+        metadata: Mapping[str, str] | None,
+        system: Any | None = None,
+    ) -> None:
+        super().__init__(path, columns, metadata, system)
+        self._groups = RowGroups(self._rows_per_group)
+
+    def _add_rows(self, table: Table) -> None:
+        self._write_groups(self._groups.add(table.to_arrow(self._columns)))
 
     @abstractmethod
     def _write_groups(self, groups: Iterator[pa.Table]) -> None:

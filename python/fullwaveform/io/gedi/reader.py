@@ -10,6 +10,7 @@ import numpy as np
 
 from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.data.arrays import BoolArray, FloatArray, IntArray, UInt16Array, UInt64Array
+from fullwaveform.data.blocks import RecordedNoise
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.hdf5.datasets import check_rows, numeric_dataset
 from fullwaveform.io.hdf5.places import known_degrees
@@ -44,6 +45,7 @@ _OF_SHOTS = (
 _INSTRUMENT = tuple(
     f"geolocation/{axis}_instrument" for axis in ("longitude", "latitude", "altitude")
 )
+_NOISE = ("noise_mean_corrected", "noise_stddev_corrected")
 _OF_SAMPLES = (SAMPLES, "txwaveform")
 
 
@@ -161,6 +163,13 @@ class _Beam(ShotTable):
             return None
         found = (self.values(name, shots).astype(np.float64) for name in _INSTRUMENT)
         return known_degrees(*found)
+
+    def noise(self, shots: IntArray) -> RecordedNoise | None:
+        """Noise that the instrument measured, before the samples were smoothed."""
+        if any(name not in self._group for name in _NOISE):
+            return None
+        mean, rms = (self.values(name, shots).astype(np.float64) for name in _NOISE)
+        return RecordedNoise(mean, rms)
 
     def shot_numbers(self, shots: IntArray) -> UInt64Array:
         """Numbers of ascending shots."""

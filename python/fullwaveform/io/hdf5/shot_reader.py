@@ -20,7 +20,13 @@ from fullwaveform.data.arrays import (
     UInt16Array,
     UInt64Array,
 )
-from fullwaveform.data.blocks import OutgoingPulses, ReadTally, ShotAttributes, WaveformBlock
+from fullwaveform.data.blocks import (
+    OutgoingPulses,
+    ReadTally,
+    RecordedNoise,
+    ShotAttributes,
+    WaveformBlock,
+)
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.block_range import PendingBlock
 from fullwaveform.io.container.values import damaged_file_errors
@@ -116,6 +122,10 @@ class ShotTable(ABC):
 
     def origins(self, shots: IntArray) -> FloatArray | None:
         """Longitude, latitude and height (n, 3) of the instrument; None where the file has none."""
+        return None
+
+    def noise(self, shots: IntArray) -> RecordedNoise | None:
+        """Noise of ascending shots; None if the file does not state it."""
         return None
 
     def scan_angles(self, shots: IntArray) -> Float32Array:
@@ -347,6 +357,7 @@ class ShotReader(WaveformReader):
             beams=np.full(total, table.name) if table.name else None,
             shot_numbers=table.shot_numbers(shots),
             origins=None if origins is None else self._places.of(origins),
+            noise=table.noise(shots),
         )
 
 

@@ -17,6 +17,7 @@ from fullwaveform.data.arrays import (
     UInt16Array,
     UInt64Array,
 )
+from fullwaveform.data.blocks import RecordedNoise
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.hdf5.datasets import check_rows, numeric_dataset
 from fullwaveform.io.hdf5.places import known_degrees
@@ -26,6 +27,7 @@ from fullwaveform.io.limits import MAX_SAMPLES
 
 SAMPLES = "RXWAVE"
 _OUTGOING = "TXWAVE"
+_NOISE = "SIGMEAN"
 _NUMBER, _TIME, _ANGLE = "SHOTNUMBER", "TIME", "INCIDENTANGLE"
 _AXES = ("LON", "LAT", "Z")
 _LAST = re.compile(r"LON([1-9]\d{0,5})")
@@ -126,6 +128,13 @@ class _Shots(ShotTable):
     def waves(self, shots: IntArray) -> tuple[UInt16Array, BoolArray]:
         """Samples of ascending shots, and which of them can be used."""
         return self._rows(SAMPLES, shots)
+
+    def noise(self, shots: IntArray) -> RecordedNoise | None:
+        """The mean noise level of each shot; the file does not state the rms."""
+        if _NOISE not in self._file:
+            return None
+        mean = self.values(_NOISE, shots).astype(np.float64)
+        return RecordedNoise(mean, np.full(len(shots), np.nan))
 
     def outgoing(self, shots: IntArray) -> tuple[UInt16Array, IntArray]:
         """Samples of the outgoing pulses of ascending shots, and their numbers."""

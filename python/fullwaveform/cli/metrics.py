@@ -1,0 +1,193 @@
+"""``fullwaveform metrics``: a row of metrics for each waveform of a file."""
+
+from __future__ import annotations
+
+import math
+from contextlib import closing
+from pathlib import Path
+from typing import Annotated
+
+import typer
+
+from fullwaveform.cli.convert import print_left_out
+from fullwaveform.cli.errors import report_errors
+from fullwaveform.cli.extract_options import open_checked
+from fullwaveform.cli.options import (
+    BlockOption,
+    ChannelOption,
+    CrsOption,
+    IntervalOption,
+    KeepDegraded,
+    MaxSamples,
+    QuietOption,
+    SkipUnreadable,
+    SourceFile,
+    VerboseOption,
+    channel_flags_from,
+    integer_from,
+    refuse_quiet_and_verbose,
+)
+from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
+from fullwaveform.cli.progress import blocks_with_progress, print_line
+from fullwaveform.data.counting import counted
+from fullwaveform.extraction.pipeline import available_workers
+from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
+from fullwaveform.waveform_metrics.files import (
+    METRICS_ENDINGS,
+    metrics_outputs,
+    open_metrics_file,
+)
+from fullwaveform.waveform_metrics.pipeline import block_metrics, measured_run
+from fullwaveform.waveform_metrics.settings import MetricsSettings
+
+_DEFAULTS = MetricsSettings()
+
+
+def _number(text: str | float) -> float:
+    try:
+        return float(text)
+    except ValueError:
+        return math.nan  # refused by the settings
+
+
+def metrics(
+    source: SourceFile,
+    output: Annotated[
+        Path,
+        typer.Option(
+            "-o",
+            "--output",
+            metavar="OUT",
+            help=f"Table of metrics: {', '.join(METRICS_ENDINGS)}",
+        ),
+    ],
+    smoothing: Annotated[
+        float,
+        typer.Option(
+            parser=_number,
+            metavar="NS",
+            help="Standard deviation of the smoothing in ns, about half the width of the pulses",
+        ),
+    ] = _DEFAULTS.smoothing,
+    front_threshold: Annotated[
+        float,
+        typer.Option(
+            parser=_number, metavar="N", help="Noise rms above the baseline: top of the canopy"
+        ),
+    ] = _DEFAULTS.front_threshold,
+    back_threshold: Annotated[
+        float,
+        typer.Option(
+            parser=_number, metavar="N", help="Noise rms above the baseline: modes, end of signal"
+        ),
+    ] = _DEFAULTS.back_threshold,
+    reflectance_ratio: Annotated[
+        float,
+        typer.Option(
+            parser=_number, metavar="R", help="Reflectance of vegetation over that of the ground"
+        ),
+    ] = _DEFAULTS.reflectance_ratio,
+    projection: Annotated[
+        float,
+        typer.Option(parser=_number, metavar="G", help="Projection of the leaves along the beam"),
+    ] = _DEFAULTS.projection,
+    clumping: Annotated[
+        float, typer.Option(parser=_number, metavar="OMEGA", help="Clumping index of the leaves")
+    ] = _DEFAULTS.clumping,
+    profile_step: Annotated[
+        float,
+        typer.Option(parser=_number, metavar="M", help="Metres between heights of the profiles"),
+    ] = _DEFAULTS.profile_step,
+    profile_top: Annotated[
+        float, typer.Option(parser=_number, metavar="M", help="Height at which the profiles end")
+    ] = _DEFAULTS.profile_top,
+    diversity_step: Annotated[
+        float,
+        typer.Option(
+            parser=_number, metavar="M", help="Metres between heights of the height diversity"
+        ),
+    ] = _DEFAULTS.diversity_step,
+    workers: Annotated[
+        int | None,
+        typer.Option(
+            parser=integer_from(1), metavar="N", help="Number of threads. Default: all processors"
+        ),
+    ] = None,
+    interval: IntervalOption = None,
+    channel: ChannelOption = None,
+    block: BlockOption = 20_000,
+    skip_unreadable: SkipUnreadable = False,
+    max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
+    keep_degraded: KeepDegraded = False,
+    crs: CrsOption = None,
+    overwrite: OverwriteOption = False,
+    verbose: VerboseOption = False,
+    quiet: QuietOption = False,
+) -> None:
+    """Compute metrics of whole waveforms: heights of energy, canopy cover, plant area.
+
+    A row per waveform. The defaults are for large footprints (GEDI, LVIS); airborne scanners with
+    pulses of 4 ns want --smoothing 2.
+
+    Examples:
+
+        fullwaveform metrics scan.las -o metrics.parquet --smoothing 2
+
+        fullwaveform metrics scan.las -o metrics.csv --smoothing 2 --profile-step 1 --profile-top 30
+    """
+    refuse_quiet_and_verbose(quiet, verbose)
+    channels = channel_flags_from(channel)
+    try:
+        settings = MetricsSettings(
+            smoothing=smoothing,
+            front_threshold=front_threshold,
+            back_threshold=back_threshold,
+            reflectance_ratio=reflectance_ratio,
+            projection=projection,
+            clumping=clumping,
+            profile_step=profile_step,
+            profile_top=profile_top,
+            diversity_step=diversity_step,
+        )
+    except ValueError as error:
+        name, _, rule = str(error).partition(" ")
+        raise typer.BadParameter(rule, param_hint=f"--{name.replace('_', '-')}") from error
+    try:
+        kinds = metrics_outputs(output)
+    except ValueError as error:
+        raise typer.BadParameter(str(error), param_hint="-o") from error
+    outputs = [Output(path, kind, "-o") for path, kind in kinds.items()]
+    with checked_outputs(*outputs, overwrite=overwrite, inputs=(source,)), report_errors():
+        with open_checked(
+            source,
+            channels,
+            interval=interval,
+            block=block,
+            skip_unreadable=skip_unreadable,
+            max_samples=max_samples,
+            keep_degraded=keep_degraded,
+            crs=crs,
+        ) as reader:
+            reader.on_unreadable = print_line if verbose else None
+            run = measured_run(reader, settings)
+            writer = open_metrics_file(
+                output,
+                settings,
+                source=reader.path,
+                header=reader.header,
+                shot_columns=reader.shot_columns,
+                overwrite=overwrite,
+            )
+            found = 0
+            with (
+                writer,
+                blocks_with_progress(reader, quiet) as blocks,
+                closing(block_metrics(blocks, run, workers or available_workers())) as tables,
+            ):
+                for table in tables:
+                    writer.write_table(table)
+                    found += table.with_signal
+        if not quiet:
+            total = counted(reader.tally.waveforms, "waveform")
+            typer.echo(f"{total}, {found:,} with a signal: {output}")
+            print_left_out(reader.tally)
