@@ -24,15 +24,20 @@ def energy_places(smooth: Float32Array, bounds: SignalBounds) -> IntArray:
     inside = place >= bounds.top[:, np.newaxis]
     inside &= place <= bounds.bottom[:, np.newaxis]
     # From the bottom upwards; the bottom itself does not count.
-    counted = np.where(inside & (place != bounds.bottom[:, np.newaxis]), values, 0.0)[:, ::-1]
-    energy = np.maximum.accumulate(np.cumsum(counted, axis=1, dtype=np.float64), axis=1)
+    counted = values * inside
+    rows = np.arange(len(values))
+    counted[rows, bounds.bottom - PER_SAMPLE * first] = 0.0
+    energy = np.cumsum(counted[:, ::-1], axis=1, dtype=np.float64)
+    np.maximum.accumulate(energy, axis=1, out=energy)
     total = energy[:, -1:]
-    percent = energy * (100.0 / np.where(total > 0.0, total, 1.0))
-    reached = np.clip(np.ceil(percent), 0.0, 100.0).astype(np.int64)
+    energy *= 100.0 / np.where(total > 0.0, total, 1.0)
+    np.ceil(energy, out=energy)
+    np.clip(energy, 0.0, 100.0, out=energy)
     # One class of the histogram for each percentage, one for places outside the signal.
     classes = len(PERCENTS) + 1
-    reached[~inside[:, ::-1]] = len(PERCENTS)
-    reached += classes * np.arange(len(values))[:, np.newaxis]
+    energy[~inside[:, ::-1]] = len(PERCENTS)
+    energy += classes * rows[:, np.newaxis]
+    reached = energy.astype(np.int64)
     histogram = np.bincount(reached.ravel(), minlength=classes * len(values))
     steps = np.cumsum(histogram.reshape(len(values), classes)[:, :-1], axis=1) - 1
     found: IntArray = bounds.bottom[:, np.newaxis] - np.maximum(steps, 0)

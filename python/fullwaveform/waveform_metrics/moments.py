@@ -25,27 +25,29 @@ def moments(values: Float32Array, first: IntArray, last: IntArray) -> Moments:
 
     Samples below the baseline count for the energy, not for the other moments.
     """
-    index = np.arange(values.shape[1], dtype=np.float64)
-    inside = _between(index, first, last)
-    inner = np.where(inside, values, np.float32(0.0)).astype(np.float64)
-    energy = _sum(inner)
-    weights = np.maximum(inner, 0.0)
+    start, stop = int(first.min(initial=0)), int(last.max(initial=0)) + 1
+    index = np.arange(start, start + values[:, start:stop].shape[1], dtype=np.float64)
+    weights = values[:, start:stop].astype(np.float64)
+    weights *= _between(index, first, last)
+    energy = _sum(weights)
+    np.maximum(weights, 0.0, out=weights)
     total = _sum(weights)
     total = np.where(total > 0.0, total, np.nan)
     centroid = _sum(weights * index) / total
     distance = index - np.nan_to_num(centroid)[:, np.newaxis]
+    weights *= distance
     central = []
-    for _ in range(4):
+    for _ in range(3):
         weights *= distance
         central.append(_sum(weights) / total)
-    variance = central[1]
+    variance = central[0]
     spread = np.where(variance > 0.0, variance, np.nan)
     return Moments(
         np.where(np.isfinite(total), energy, np.nan),
         centroid,
         variance,
-        central[2] / spread**1.5,
-        central[3] / spread**2,
+        central[1] / spread**1.5,
+        central[2] / spread**2,
     )
 
 

@@ -12,11 +12,11 @@ from fullwaveform.data.blocks import OutgoingPulses
 from fullwaveform.waveform_metrics.pulse_shape import maximum_place, pulse_shape
 
 _BEFORE, _AFTER = 3, 7  # reach of the comparison, times the width at half maximum
-_WIDTHS = np.geomspace(0.28, 0.46, 9)  # Gaussian part, times the full width at half maximum
-_DECAYS = np.concatenate([[0.0], np.geomspace(0.15, 0.8, 15)])  # times the full width
-_DECAY_RATIO = 0.13  # of neighbouring decays, minus 1
+_WIDTHS = np.geomspace(0.28, 0.46, 5)  # Gaussian part, times the full width at half maximum
+_DECAYS = np.concatenate([[0.0], np.geomspace(0.15, 0.8, 10)])  # times the full width
+_DECAY_RATIO = 0.21  # of neighbouring decays, minus 1
 _DERIVATIVE_STEP = 1e-4
-_PHASES = (-0.5, -0.25, 0.0, 0.25)  # samples, of the maximum
+_PHASES = (-0.25, 0.25)  # samples, of the maximum
 _MIN_FWHM, _MAX_FWHM = 2, 40  # samples
 _MIN_SAMPLES = 8
 _QUIET_SHARE = 0.1  # of the samples on either end, whose median is the baseline

@@ -32,7 +32,7 @@ from fullwaveform.waveform_metrics.smoothing import smoothed
 
 _NANOSECONDS = 1e9
 _PICOSECONDS = 1e12
-_SAMPLES_AT_ONCE = 1 << 19
+_SAMPLES_AT_ONCE = 1 << 16  # their interpolation fits into a processor's cache
 
 
 @dataclass(frozen=True)
@@ -53,9 +53,9 @@ class MetricsTable(Table):
         levels = noise_levels(block, run.calibration)
         columns = _columns_of_block(block, levels, run.settings)
         for rows, interval in _parts(block):
-            found = _Part(block, rows, interval, levels, run).metrics()
-            for name, values in found.items():
-                columns[name][rows] = values
+            for chosen, found in _Part(block, rows, interval, levels, run).metrics():
+                for name, values in found.items():
+                    columns[name][chosen] = values
         return cls(columns)
 
     @property
@@ -129,9 +129,8 @@ class _Part:
         self._decay = self._decays()
         self._scale = run.settings.smoothing / (interval * _NANOSECONDS)  # samples
 
-    def metrics(self) -> dict[str, AnyArray]:
-        """The columns (n,) of the waveforms, by name."""
-        total = len(self._rows)
+    def metrics(self) -> Iterator[tuple[IntArray, dict[str, AnyArray]]]:
+        """Yield rows of the block and columns of them, by name."""
         values = self._values()
         smooth = smoothed(values, self._scale)
         noise = np.where(np.isfinite(self._rms + self._baseline), self._rms, np.inf)
@@ -141,20 +140,20 @@ class _Part:
             self._settings.back_threshold * noise,
         )
         found = np.flatnonzero(bounds.found)
-        columns: dict[str, AnyArray] = {
-            "flags": self._flags(bounds),
-            "mode_count": bounds.mode_count,
-            "amplitude": values.max(axis=1, initial=-np.inf),
-        }
+        yield (
+            self._rows,
+            {
+                "flags": self._flags(bounds),
+                "mode_count": bounds.mode_count,
+                "amplitude": values.max(axis=1, initial=-np.inf),
+            },
+        )
         if len(found) == 0:
-            return columns
+            return
         of_signals = self._of_signals(
             found, values[found], smooth[found], take_rows(bounds, found), self._height[found]
         )
-        for name, part in of_signals.items():
-            columns[name] = np.full(total, np.nan)
-            columns[name][found] = part
-        return columns
+        yield self._rows[found], of_signals
 
     def _values(self) -> Float32Array:
         """Counts (n, width) above the baseline; 0 beyond the ends of the waveforms."""
@@ -221,7 +220,7 @@ class _Part:
         rise = (bounds.first_mode - bounds.top) * per_place
         first = smooth[np.arange(len(found)), bounds.first_mode // PER_SAMPLE]
         heights = bounds.ground[:, np.newaxis] - energy_places(smooth, bounds)
-        relative = heights * per_place[:, np.newaxis]
+        relative = np.ascontiguousarray(heights.T) * per_place
         columns = {
             "energy": whole.energy * sample_ns,
             "centroid": (ground - whole.centroid) * height,
@@ -237,7 +236,7 @@ class _Part:
             "gap": canopy.gap,
             "pai": canopy.plant_area,
             "fhd": canopy.diversity,
-            **{f"rh_{percent}": relative[:, percent] for percent in PERCENTS.tolist()},
+            **{f"rh_{percent}": relative[percent] for percent in PERCENTS.tolist()},
         }
         for level, at in enumerate(self._settings.profile_heights.tolist()):
             if level > 0:
