@@ -9,7 +9,7 @@ from functools import lru_cache
 import numpy as np
 
 from fullwaveform.data.arrays import Float32Array, FloatArray, IntArray
-from fullwaveform.waveform_metrics.pulse_shape import maximum_place, pulse_shape
+from fullwaveform.waveform_metrics.pulse_shape import maximum_places, pulse_shape
 from fullwaveform.waveform_metrics.signal_bounds import PER_SAMPLE
 
 # Times the standard deviation of the smoothing kernel, which is about that of the pulse:
@@ -131,15 +131,16 @@ def _fitted(
     return energy, width, upper
 
 
-@lru_cache(maxsize=2048)
+@lru_cache(maxsize=256)
 def _shapes(window: _Window, decay: float, phase: float) -> tuple[FloatArray, Float32Array]:
     """Widths (k,) in samples, and the shapes (k, reach + tail + 1) of returns of energy 1."""
     x = np.arange(-window.reach, window.tail + 1, dtype=np.float64)
     widths = _WIDTHS * window.scale
-    shapes = []
-    for width in widths.tolist():
-        # The mode that is the ground is that of the smoothed waveform.
-        late = maximum_place(math.hypot(width, window.scale), decay)
-        centre = phase - min(late, _LEAD * window.scale)
-        shapes.append(pulse_shape(x - centre, width, decay))
+    # The mode that is the ground is that of the smoothed waveform.
+    late = maximum_places(np.hypot(widths, window.scale), decay)
+    centres = phase - np.minimum(late, _LEAD * window.scale)
+    shapes = [
+        pulse_shape(x - centre, width, decay)
+        for width, centre in zip(widths.tolist(), centres.tolist(), strict=True)
+    ]
     return widths, np.array(shapes, np.float32)

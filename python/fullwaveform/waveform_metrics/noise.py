@@ -8,6 +8,7 @@ import numpy as np
 
 from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.calibration.levels import ChannelLevels
+from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.data.arrays import BoolArray, FloatArray, UInt16Array
 from fullwaveform.data.blocks import WaveformBlock
 
@@ -34,7 +35,9 @@ def noise_levels(block: WaveformBlock, calibration: Calibration) -> NoiseLevels:
     baseline, rms = np.full(len(block), np.nan), np.full(len(block), np.nan)
     if block.noise is not None:
         baseline[:], rms[:] = block.noise.mean, block.noise.rms
-    valid_rms = np.isfinite(rms) & (rms > 0.0)
+    # Values that no sample can have are damaged; comparisons with NaN are false.
+    baseline[~((baseline >= 0.0) & (baseline <= MAX_COUNT))] = np.nan
+    valid_rms = (rms > 0.0) & (rms <= MAX_COUNT)
     recorded = np.isfinite(baseline) & valid_rms
     receivers = np.column_stack([block.channel_flags, block.descriptors])
     missing = ~recorded

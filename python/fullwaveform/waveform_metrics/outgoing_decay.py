@@ -9,7 +9,7 @@ import numpy as np
 
 from fullwaveform.data.arrays import Float32Array, FloatArray, IntArray
 from fullwaveform.data.blocks import OutgoingPulses
-from fullwaveform.waveform_metrics.pulse_shape import maximum_place, pulse_shape
+from fullwaveform.waveform_metrics.pulse_shape import maximum_places, pulse_shape
 
 _BEFORE, _AFTER = 3, 7  # reach of the comparison, times the width at half maximum
 _WIDTHS = np.geomspace(0.28, 0.46, 5)  # Gaussian part, times the full width at half maximum
@@ -86,12 +86,13 @@ class _Nodes:
     widths: FloatArray  # (k,)
     decays: FloatArray  # (k,)
     phases: FloatArray  # (k,)
+    places: FloatArray  # (k,), of the maxima after the centres of the Gaussians
     shapes: Float32Array  # (k, w), of unit norm
     rows: dict[int, tuple[FloatArray, FloatArray]] = field(default_factory=dict)
 
     def shape(self, node: int, width: float, decay: float) -> FloatArray:
         """The shape of area 1 with another width and decay, at the place of that of the node."""
-        place = maximum_place(float(self.widths[node]), float(self.decays[node]))
+        place = self.places[node]
         return pulse_shape(self.x - self.phases[node] + place, width, decay)
 
     def step_rows(self, node: int) -> tuple[FloatArray, FloatArray]:
@@ -119,13 +120,16 @@ def _nodes(fwhm: int, before: int, after: int) -> _Nodes:
     grid = np.stack(np.meshgrid(_WIDTHS * fwhm, _DECAYS * fwhm, _PHASES, indexing="ij"))
     widths, decays, phases = grid.reshape(3, -1)
     x = np.arange(-before, after + 1, dtype=np.float64)
-    nodes = _Nodes(x, widths, decays, phases, np.empty((0, len(x)), np.float32))
+    places = np.empty(len(widths))
+    for decay in np.unique(decays).tolist():
+        places[decays == decay] = maximum_places(widths[decays == decay], decay)
+    nodes = _Nodes(x, widths, decays, phases, places, np.empty((0, len(x)), np.float32))
     shapes = [
         nodes.shape(node, width, decay)
         for node, (width, decay) in enumerate(zip(widths.tolist(), decays.tolist(), strict=True))
     ]
     unit = [shape / np.linalg.norm(shape) for shape in shapes]
-    return _Nodes(x, widths, decays, phases, np.array(unit, np.float32))
+    return _Nodes(x, widths, decays, phases, places, np.array(unit, np.float32))
 
 
 def _step(cut: Float32Array, nodes: _Nodes, node: int) -> FloatArray:

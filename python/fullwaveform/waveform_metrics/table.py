@@ -32,6 +32,7 @@ from fullwaveform.waveform_metrics.smoothing import smoothed
 
 _NANOSECONDS = 1e9
 _PICOSECONDS = 1e12
+_MAX_SCALE = 100  # samples; the return of the ground is sought in 28 times as many
 _SAMPLES_AT_ONCE = 1 << 16  # their interpolation fits into a processor's cache
 
 
@@ -128,6 +129,11 @@ class _Part:
         self._height, self._is_placed = self._sample_heights()
         self._decay = self._decays()
         self._scale = run.settings.smoothing / (interval * _NANOSECONDS)  # samples
+        if not self._scale <= _MAX_SCALE:
+            raise ValueError(
+                f"smoothing {run.settings.smoothing} ns is {self._scale:.4g} samples of "
+                f"{interval * _NANOSECONDS:.4g} ns; at most {_MAX_SCALE} samples are allowed"
+            )
 
     def metrics(self) -> Iterator[tuple[IntArray, dict[str, AnyArray]]]:
         """Yield rows of the block and columns of them, by name."""

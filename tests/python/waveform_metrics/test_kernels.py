@@ -11,7 +11,7 @@ from fullwaveform.data.blocks import OutgoingPulses
 from fullwaveform.waveform_metrics.energy_heights import energy_places
 from fullwaveform.waveform_metrics.moments import moments
 from fullwaveform.waveform_metrics.outgoing_decay import outgoing_decays
-from fullwaveform.waveform_metrics.pulse_shape import maximum_place, pulse_shape
+from fullwaveform.waveform_metrics.pulse_shape import maximum_places, pulse_shape
 from fullwaveform.waveform_metrics.signal_bounds import SignalBounds, signal_bounds
 from fullwaveform.waveform_metrics.smoothing import smoothed, smoothing_kernel
 
@@ -103,7 +103,7 @@ def test_shape_is_the_exponentially_modified_gaussian(width: float, decay: float
     ] == pytest.approx(1.0, abs=1e-6)
     fine = np.linspace(-width, 3.0 * (width + decay), 200_001)
     at = fine[np.argmax(exponnorm.pdf(fine, decay / width, scale=width))]
-    assert maximum_place(width, decay) == pytest.approx(at, abs=1e-3)
+    assert maximum_places(np.array([width]), decay)[0] == pytest.approx(at, abs=1e-3)
 
 
 def test_decays_of_outgoing_pulses_are_found() -> None:

@@ -8,7 +8,7 @@ from scipy.stats import norm
 
 import fullwaveform
 from fullwaveform import MetricsSettings
-from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.data.blocks import RecordedNoise, WaveformBlock
 from fullwaveform.data.columns import take_rows
 from fullwaveform.waveform_metrics.columns import MetricsFlag
 from fullwaveform.waveform_metrics.table import MetricsRun, MetricsTable
@@ -123,6 +123,15 @@ def test_distances_replace_heights_without_a_place_in_space() -> None:
     assert found["noise_mean"][0] == pytest.approx(100.0, abs=0.1)
 
 
+@pytest.mark.parametrize("mean", [np.nan, np.inf, -1.0, 1e300])
+def test_recorded_noise_that_cannot_be_is_replaced_by_measured(mean: float) -> None:
+    waveforms = noisy(np.repeat(gaussians(160, (400.0, 80.0, 6.0)), 3, axis=0))
+    object.__setattr__(waveforms, "noise", RecordedNoise(np.full(3, mean), np.full(3, 1.0)))
+    found = fullwaveform.metrics(waveforms, PLAIN).columns
+    assert (found["flags"] & MetricsFlag.NOISE_MEASURED != 0).all()
+    assert found["noise_mean"][0] == pytest.approx(100.0, abs=0.1)
+
+
 def test_signal_at_the_end_of_the_record_is_flagged() -> None:
     found = table(noisy(gaussians(85, (400.0, 80.0, 6.0))))
     assert found.flags[0] & MetricsFlag.CUT_OFF
@@ -180,6 +189,11 @@ def test_workers_do_not_change_the_metrics() -> None:
 def test_invalid_settings_are_refused(name: str, value: object, rule: str) -> None:
     with pytest.raises(ValueError, match=f"^{name} .*{rule}"):
         MetricsSettings(**{name: value})  # type: ignore[arg-type]
+
+
+def test_smoothing_of_too_many_samples_is_refused() -> None:
+    with pytest.raises(ValueError, match=r"101\.0 ns is 101 samples of 1 ns; at most 100"):
+        table(noisy(gaussians(50, (100.0, 25.0, 4.0))), MetricsSettings(smoothing=101.0))
 
 
 def test_sources_that_are_no_waveforms_are_refused() -> None:
