@@ -6,7 +6,7 @@ from importlib import import_module
 from typing import TYPE_CHECKING, Any
 
 if TYPE_CHECKING:
-    from fullwaveform.api import Extraction, extract, plot
+    from fullwaveform.api import Extraction, extract, plot, voxels
     from fullwaveform.core.driver import Driver, Mode, Result, RowState
     from fullwaveform.core.scanner import Scanner
     from fullwaveform.data.columns import Columns
@@ -32,6 +32,7 @@ __all__ = [
     "metrics",
     "open",
     "plot",
+    "voxels",
 ]
 __version__ = "0.1.0"
 
@@ -53,6 +54,7 @@ _EXPORTS = {
     "metrics": ("waveform_metrics.compute", "metrics"),
     "open": ("io.opening", "open_waveforms"),
     "plot": ("api", "plot"),
+    "voxels": ("api", "voxels"),
 }
 
 

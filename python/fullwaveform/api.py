@@ -53,6 +53,7 @@ from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.echo_writers.opening import open_echo_file
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 from fullwaveform.io.opening import open_waveforms
+from fullwaveform.volumes.volume import VolumeSettings, VolumeSummary, write_volume
 
 if TYPE_CHECKING:
     import pandas as pd
@@ -396,6 +397,69 @@ def plot(
     # Imported on demand: an extraction needs no matplotlib, which takes long to load.
     figures = import_module("fullwaveform.plotting.waveform")
     return cast("Figure", figures.waveform_figure(views, whole=whole))
+
+
+def voxels(
+    source: str | os.PathLike[str],
+    output: str | os.PathLike[str],
+    *,
+    size: float,
+    quantity: str | None = None,
+    channel: str | None = None,
+    channel_flags: Mapping[int, int] | int = 1,
+    sampling_interval: float | None = None,
+    skip_unreadable: bool = False,
+    max_samples: int = DEFAULT_MAX_SAMPLES,
+    keep_degraded: bool = False,
+    crs: str | None = None,
+    overwrite: bool = False,
+) -> VolumeSummary:
+    """Write sum, mean and maximum of the samples above the baseline, and pulses, per voxel.
+
+    Memory does not depend on the size of the file or of the volume. Needs the packages of the extra
+    ``volumes``.
+
+    Parameters
+    ----------
+    source
+        The path of a file in any format that `fullwaveform.open` knows.
+    output
+        A folder ``.zarr`` with all quantities, or a GeoTIFF ``.tif`` with one, a band per layer.
+    size
+        Edge of a voxel in coordinate units of the file.
+    quantity
+        Of a GeoTIFF: "sum" (default), "mean", "max", "samples" or "pulses".
+    channel
+        Use only the waveforms of the "low" or "high" power channel. Default: all.
+    channel_flags, sampling_interval, skip_unreadable, max_samples, keep_degraded, crs
+        As for `extract`.
+    overwrite
+        Whether an existing volume of the same format is replaced.
+
+    Raises
+    ------
+    OSError
+        A file cannot be opened or written.
+    WaveformFileError
+        The file is not valid.
+    ValueError
+        Invalid argument, no waveform with a place in space, coordinates in degrees, too many
+        voxels, or a missing package.
+    """
+    settings = VolumeSettings(size, channel)
+    with (
+        protected_inputs(Path(source)),
+        open_waveforms(
+            source,
+            channel_flags=channel_flags,
+            sampling_interval=sampling_interval,
+            skip_unreadable=skip_unreadable,
+            max_samples=max_samples,
+            keep_degraded=keep_degraded,
+            crs=crs,
+        ) as reader,
+    ):
+        return write_volume(reader, output, settings, quantity=quantity, overwrite=overwrite)
 
 
 def _scanner(scanner: Scanner | str | os.PathLike[str] | None) -> Scanner:

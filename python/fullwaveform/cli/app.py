@@ -23,6 +23,7 @@ COMMANDS = {
     "compare": ("fullwaveform.cli.compare", "compare"),
     "metrics": ("fullwaveform.cli.metrics", "metrics"),
     "pulses": ("fullwaveform.cli.pulses", "pulses"),
+    "voxels": ("fullwaveform.cli.voxels", "voxels"),
     "convert": ("fullwaveform.cli.convert", "convert"),
     "pulse-model": ("fullwaveform.cli.pulse_model", "pulse_model"),
     "system-wave": ("fullwaveform.cli.system_wave", "system_wave"),

@@ -124,7 +124,7 @@ def collect_outputs() -> Iterator[list[Path]]:
 
 
 @contextmanager
-def _collected_if_renamed(temporary: Path, final: Path) -> Iterator[None]:
+def collected_if_renamed(temporary: Path, final: Path) -> Iterator[None]:
     """Collect the output if it has its final name, also when a signal comes right after."""
     file = temporary.stat()
     try:
@@ -158,7 +158,7 @@ def atomic_path(
     try:
         yield temporary
         raise_if_requested()
-        with _collected_if_renamed(temporary, final):
+        with collected_if_renamed(temporary, final):
             _rename(temporary, final, kind, overwrite)
     except OSError as error:
         temporary.unlink(missing_ok=True)

@@ -1,0 +1,1 @@
+"""Volumes: the light of the waveforms, and the paths of the pulses, per voxel."""
