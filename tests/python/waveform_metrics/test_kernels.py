@@ -88,6 +88,11 @@ def test_skewness_is_positive_with_a_tail_towards_later_samples() -> None:
     assert found.skewness[0] == pytest.approx(0.5 / np.sqrt(3.0 / 16.0))
 
 
+def test_samples_below_the_baseline_count_for_the_energy_only() -> None:
+    found = moments(np.array([[4.0, -2.0, 4.0]], np.float32), np.array([0]), np.array([2]))
+    assert (found.energy[0], found.centroid[0], found.variance[0]) == (6.0, 1.0, 1.0)
+
+
 def test_no_energy_has_no_moments() -> None:
     found = moments(np.full((1, 4), -1.0, np.float32), np.array([0]), np.array([3]))
     assert np.isnan([found.energy[0], found.centroid[0], found.variance[0]]).all()

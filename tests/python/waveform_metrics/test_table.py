@@ -67,6 +67,21 @@ def test_cover_and_profiles_of_ground_and_canopy() -> None:
     assert found.mode_count[0] == 2
 
 
+def test_skewness_is_positive_with_a_canopy_above_the_ground() -> None:
+    found = table(noisy(gaussians(200, (300.0, 140.0, 4.0), (100.0, 80.0, 4.0))), PLAIN)
+    # Shares 3/4 and 1/4, 9 m apart, each with a variance of 0.36 m2.
+    third, second = 9.0**3 * 3.0 / 32.0, 9.0**2 * 3.0 / 16.0 + 0.36
+    assert found.skewness[0] == pytest.approx(third / second**1.5, rel=0.02)
+
+
+def test_low_canopy_does_not_widen_the_return_of_the_ground() -> None:
+    # 22 samples above the ground; the fit begins 2.08 x 4 above it.
+    waveforms = noisy(gaussians(200, (300.0, 140.0, 4.0), (250.0, 118.0, 4.0)))
+    found = table(waveforms, MetricsSettings(smoothing=4.0))
+    assert found.ground_energy[0] == pytest.approx(300.0 * 4.0 * np.sqrt(2.0 * np.pi), rel=0.02)
+    assert found.ground_width[0] == pytest.approx(4.0, rel=0.03)
+
+
 def test_reflectance_projection_and_clumping_scale_as_their_formulas() -> None:
     waveforms = noisy(gaussians(200, (300.0, 140.0, 4.0), (100.0, 80.0, 4.0)))
     found = table(waveforms, MetricsSettings(4.0, reflectance_ratio=3.0))
