@@ -93,6 +93,15 @@ def test_unknown_ending_is_a_usage_error(scan: Path, tmp_path: Path) -> None:
     assert "must end in .parquet, .csv, .h5 or .hdf5" in result.stderr
 
 
+def test_documented_example_runs(
+    scan: Path, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
+) -> None:
+    (code,) = re.findall(r"```python\n(.*?)```", DOCUMENT.read_text(encoding="utf-8"), re.DOTALL)
+    monkeypatch.chdir(scan.parent)
+    exec(compile(code, "metrics.md", "exec"), {})
+    assert capsys.readouterr().out.startswith("[")
+
+
 def test_documented_columns_flags_and_defaults_are_those_of_the_table() -> None:
     text = DOCUMENT.read_text(encoding="utf-8")
     schema = arrow_schema(metrics_columns(MetricsSettings(), ("beam", "shot_number")))

@@ -75,11 +75,11 @@ def test_skewness_is_positive_with_a_canopy_above_the_ground() -> None:
 
 
 def test_low_canopy_does_not_widen_the_return_of_the_ground() -> None:
-    # 22 samples above the ground; the fit begins 2.08 x 4 above it.
-    waveforms = noisy(gaussians(200, (300.0, 140.0, 4.0), (250.0, 118.0, 4.0)))
+    # 18 samples above the ground; the fit begins 2.08 x 4 above it.
+    waveforms = noisy(gaussians(200, (300.0, 140.0, 4.0), (250.0, 122.0, 4.0)))
     found = table(waveforms, MetricsSettings(smoothing=4.0))
-    assert found.ground_energy[0] == pytest.approx(300.0 * 4.0 * np.sqrt(2.0 * np.pi), rel=0.02)
-    assert found.ground_width[0] == pytest.approx(4.0, rel=0.03)
+    assert found.ground_energy[0] == pytest.approx(300.0 * 4.0 * np.sqrt(2.0 * np.pi), rel=0.03)
+    assert found.ground_width[0] == pytest.approx(4.0, rel=0.05)
 
 
 def test_reflectance_projection_and_clumping_scale_as_their_formulas() -> None:
