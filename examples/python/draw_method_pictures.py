@@ -17,6 +17,7 @@ from method_scenes import INTERVAL, Echoes, FloatArray, clean, of_library, recor
 
 from fullwaveform import Driver, Mode
 from fullwaveform.core.online import evaluate_online
+from fullwaveform.core.pulse_fit import PulseFit, PulseModel
 
 INK, GREY, SIGNAL, ECHO, OTHER = "#1f2a36", "#7b8794", "#2f6690", "#c8501e", "#5b9279"
 STEPS, WINDOW = 5, 12  # of the deconvolution: steps per sample, samples of its system wave
@@ -137,6 +138,68 @@ def hybrid(figure: Figure) -> None:
     axes[1].set_ylabel("")
 
 
+def pulse_fit(figure: Figure) -> None:
+    """The measured pulse with its ringing, and two echoes closer than its width."""
+    lags = np.arange(-10.0, 24.01, 1.0 / 16.0)
+    model = PulseModel(
+        pulse=tuple(ringing_pulse(lags)),
+        first_lag=float(lags[0]),
+        lag_step=1.0 / 16.0,
+        baseline=12.0,
+        baseline_spread=0.3,
+        noise_rms=1.5,
+        noise_correlation=1.0,
+        scatter=0.0005,
+        variance_spread=0.05,
+        widening=0.2,
+        sampling_interval=INTERVAL,
+    )
+    index = np.arange(60.0)
+    light = 220.0 * ringing_pulse(index - 20.3) + 130.0 * ringing_pulse(index - 22.9)
+    noise = np.random.default_rng(4).normal(0.0, 1.5, 60)
+    samples = np.rint(12.0 + light + noise).astype(np.uint16)
+    fit = PulseFit(model)
+    found = fit.apply(samples[np.newaxis])
+    echoes, base = found.echoes, float(found.waveforms["baseline"][0])
+    x = np.arange(8.0, 47.0, 0.05)
+    columns = np.column_stack([echoes[name] for name in ("position", "amplitude", "fwhm")])
+    parts = [fit.pulses(*row[:, np.newaxis], x) for row in columns]
+    grid = figure.add_gridspec(2, 2, width_ratios=(1.0, 2.0), height_ratios=(3.2, 1.0))
+    left, upper, lower = (figure.add_subplot(at) for at in (grid[:, 0], grid[0, 1], grid[1, 1]))
+    left.plot(lags, ringing_pulse(lags), color=SIGNAL, linewidth=1.3)
+    for fwhm in (6.0, 8.0):
+        one = np.array([0.0]), np.array([1.0]), np.array([fwhm])
+        left.plot(lags, fit.pulses(*one, lags), color=OTHER, linewidth=1.0)
+    label(left, (4.6, 0.9), "measured pulse", SIGNAL)
+    label(left, (5.4, 0.55), "widened by surfaces", OTHER)
+    label(left, (9.5, 0.14), "ringing", SIGNAL)
+    finish(left, "the pulse of the model", (-9, 22), (-0.06, 1.12), "share of the maximum")
+    left.set_xlabel("lag [samples]", fontsize=8, color=INK)
+    steps(upper, samples, None)
+    heights = ((255.0, "right", -1.2), (190.0, "left", 1.4))
+    for part, row, sigma, (top, side, aside) in zip(
+        parts, columns, echoes["sigma_position"], heights, strict=True
+    ):
+        upper.plot(x, base + part, color=ECHO, linewidth=0.9, linestyle=(0, (3, 2)))
+        label(upper, (row[0] + aside, top), f"{row[0]:.2f} ± {sigma:.2f}", ECHO, side)
+    upper.plot(x, base + np.sum(parts, axis=0), color=INK, linewidth=1.2)
+    label(upper, (29.0, 120), "the sum, fitted to all samples", INK)
+    label(upper, (29.0, 90), "its two echoes, 0.65 widths apart", ECHO)
+    finish(upper, "two echoes, and what rings behind them", (8, 47), (0, 320))
+    upper.set_xlabel("")
+    rest = samples - base - fit.pulses(*columns.T, index)
+    lower.vlines(index, 0, rest, color=SIGNAL, linewidth=2)
+    lower.axhline(0.0, color=GREY, linewidth=0.7)
+    finish(lower, "what the sum leaves", (8, 47), (-8, 8))
+
+
+def ringing_pulse(lag: FloatArray) -> FloatArray:
+    """A pulse 4 samples wide, with a slow fall and 6 % of ringing."""
+    core = np.exp(-0.5 * (lag / np.where(lag < 0.0, 1.5, 1.9)) ** 2)
+    ringing = 0.06 * np.exp(-0.5 * ((lag - 10.5) / 1.6) ** 2)
+    return np.asarray(core + ringing - 0.02 * np.exp(-0.5 * ((lag - 15.0) / 2.0) ** 2))
+
+
 def on_board(figure: Figure) -> None:
     """Echoes in their order of arrival, and their shots."""
     shot = np.array([2, 1, 2, 3, 1, 2, 3, 4]) * 10e-6  # s
@@ -240,6 +303,7 @@ PICTURES = {
     "decomposition": decomposition,
     "deconvolution": deconvolution,
     "hybrid": hybrid,
+    "pulse-fit": pulse_fit,
     "on-board": on_board,
 }
 

@@ -11,11 +11,12 @@ import sys
 
 import numpy as np
 
-from fullwaveform import Driver, Mode, Scanner
+from fullwaveform import Driver, Scanner
+from fullwaveform.core.driver import DRIVER_MODES
 
 # Samples; every round creates a driver per mode and length, each with its own transforms.
 LENGTHS = tuple(range(100, 1100, 50))
-DRIVERS_PER_ROUND = len(Mode) * len(LENGTHS)
+DRIVERS_PER_ROUND = len(DRIVER_MODES) * len(LENGTHS)
 SAMPLING_INTERVAL = 1e-9  # s
 
 
@@ -62,7 +63,7 @@ def waveforms(length: int) -> np.ndarray:
 def use_drivers(description: Scanner) -> None:
     """Create, use and destroy a driver of every mode for every length."""
     for length in LENGTHS:
-        for mode in Mode:
+        for mode in DRIVER_MODES:
             driver = Driver(mode, description, longest_waveform=length)
             driver.apply(waveforms(length), threshold=20)
 

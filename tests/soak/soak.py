@@ -27,6 +27,7 @@ from fullwaveform.io.echo_writers.opening import echo_outputs
 
 COMMAND = [sys.executable, "-m", "fullwaveform"]
 THRESHOLD = "20"  # counts; 8 above the baseline, five times the noise rms
+PULSE_FIT = 4  # the mode that has no threshold
 COLUMNS = 8  # readings of a run that are printed
 # Bytes of heap that a driver may leave on average; one transform plan takes thousands.
 MAX_LEAK = 64
@@ -51,7 +52,7 @@ def parse_options() -> argparse.Namespace:
     """Options of the command line."""
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0] if __doc__ else None)
     parser.add_argument("--waveforms", type=int, default=5_000_000, help="per mode, at least")
-    parser.add_argument("--modes", type=int, nargs="+", default=[0, 1, 2, 3], choices=range(4))
+    parser.add_argument("--modes", type=int, nargs="+", default=[*range(5)], choices=range(5))
     parser.add_argument("--workers", type=int, default=2)
     parser.add_argument("--shots", type=int, default=5000, help="per repetition")
     parser.add_argument("--block", type=int, default=5000, help="waveforms per block")
@@ -108,9 +109,8 @@ def run(mode: int, scan: RepeatedScan, options: argparse.Namespace, folder: Path
         output,
         "--mode",
         mode,
-        "--threshold",
-        THRESHOLD,
     ]
+    words += ["--threshold", THRESHOLD] if mode < PULSE_FIT else []
     words += ["--scanner", folder / "scanner.toml", "--channel", "2=high", "--keep-empty"]
     words += ["--workers", options.workers, "--block", options.block, "--quiet"]
     process = watch([*COMMAND, *map(str, words)], working, options.interval)

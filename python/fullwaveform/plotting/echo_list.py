@@ -13,8 +13,8 @@ from fullwaveform.plotting.style import GREY, INK, SMALL_TEXT_SIZE, TEXT_SIZE
 
 #: Colours by mode, distinguishable with colour vision deficiencies (Okabe and Ito 2008).
 METHOD_COLOURS = ("#0072b2", "#d55e00", "#009e73", "#aa4499", "#56b4e9")
-#: Height of a line of text, share of the panel.
-LINE_HEIGHT = 1.0 / 22.0
+#: Lines of text per inch of height.
+LINES_PER_INCH = 22.0 / 3.6
 _LINES_OF_TITLE = 1.5
 _LINES_OF_HEADING, _LINES_OF_GAP = 1.15, 0.8
 _LINES_PER_PART = _LINES_OF_HEADING + _LINES_OF_GAP
@@ -33,22 +33,26 @@ class _Listed:
     note: str = ""
 
 
-def list_echoes(axes: Axes, view: WaveformView) -> None:
-    """List the echoes of each method in its colour and the returns, as many as fit."""
+def list_echoes(axes: Axes, view: WaveformView, inches: float) -> None:
+    """List the echoes of each method in its colour and the returns, as many as fit.
+
+    `inches` is the approximate height of the axes.
+    """
+    lines = inches * LINES_PER_INCH
     axes.set_axis_off()
     axes.set_xlim(0.0, 1.0)
-    axes.set_ylim(0.0, 1.0)
-    y = 1.0
+    axes.set_ylim(-lines, 0.0)
+    y = 0.0
     for heading, right in zip(("sample", "counts", "width [ns]"), _COLUMNS, strict=True):
         axes.text(right, y, heading, ha="right", va="top", fontsize=SMALL_TEXT_SIZE, color=GREY)
-    y -= _LINES_OF_TITLE * LINE_HEIGHT
+    y -= _LINES_OF_TITLE
     step = view.interval * _NANOSECONDS
     parts = [_listed_method(method, step) for method in view.methods]
     if len(view.returns):
         rows: list[tuple[str, ...]] = [(f"{position:.2f}",) for position in view.returns]
         parts.append(_Listed(_counted("scanner", len(rows), "return"), INK, rows))
-    for part, lines in zip(parts, _lines_per_part(parts), strict=True):
-        y = _list_part(axes, part, y, lines)
+    for part, rows_shown in zip(parts, _lines_per_part(parts, lines), strict=True):
+        y = _list_part(axes, part, y, rows_shown)
 
 
 def _listed_method(method: MethodView, step: float) -> _Listed:
@@ -66,10 +70,10 @@ def _counted(name: str, count: int, noun: str, plural: str = "s") -> str:
     return f"{name}, {count or 'no'} {noun}{'' if count == 1 else plural}"
 
 
-def _lines_per_part(parts: Sequence[_Listed]) -> list[int]:
+def _lines_per_part(parts: Sequence[_Listed], available: float) -> list[int]:
     """Lines for the rows of each part; what short parts do not need is shared by the others."""
     notes = sum(len(textwrap.wrap(part.note, _NOTE_WIDTH)) for part in parts)
-    free = int(1.0 / LINE_HEIGHT - _LINES_OF_TITLE - _LINES_PER_PART * len(parts)) - notes
+    free = int(available - _LINES_OF_TITLE - _LINES_PER_PART * len(parts)) - notes
     lines = [0] * len(parts)
     by_need = sorted(range(len(parts)), key=lambda number: len(parts[number].rows))
     for given, number in enumerate(by_need):
@@ -82,15 +86,15 @@ def _lines_per_part(parts: Sequence[_Listed]) -> list[int]:
 def _list_part(axes: Axes, part: _Listed, y: float, lines: int) -> float:
     """List the rows from height y downwards; return the height of the next line."""
     axes.text(0.0, y, part.heading, va="top", fontsize=TEXT_SIZE, color=part.colour, weight="bold")
-    y -= _LINES_OF_HEADING * LINE_HEIGHT
+    y -= _LINES_OF_HEADING
     shown = len(part.rows) if len(part.rows) <= lines else lines - 1
     for row in part.rows[:shown]:
         for text, right in zip(row, _COLUMNS, strict=False):
             axes.text(right, y, text, ha="right", va="top", fontsize=TEXT_SIZE, color=INK)
-        y -= LINE_HEIGHT
+        y -= 1.0
     rest = [f"and {len(part.rows) - shown} more"] if len(part.rows) > shown else []
     rest += textwrap.wrap(part.note, _NOTE_WIDTH)
     for line in rest:
         axes.text(0.0, y, line, va="top", fontsize=SMALL_TEXT_SIZE, color=GREY)
-        y -= LINE_HEIGHT
-    return y - _LINES_OF_GAP * LINE_HEIGHT
+        y -= 1.0
+    return y - _LINES_OF_GAP

@@ -14,7 +14,7 @@ from matplotlib.ticker import MaxNLocator
 
 from fullwaveform.analysis.waveform_views import GAUSSIAN_REACH, MethodView, WaveformView
 from fullwaveform.data.arrays import FloatArray
-from fullwaveform.plotting.echo_list import LINE_HEIGHT, METHOD_COLOURS, list_echoes
+from fullwaveform.plotting.echo_list import LINES_PER_INCH, METHOD_COLOURS, list_echoes
 from fullwaveform.plotting.style import (
     DASHED,
     FAINT,
@@ -81,7 +81,9 @@ def waveform_figure(views: Sequence[WaveformView], *, whole: bool = False) -> Fi
         panel.set_xlim(first, last)
         _draw_panel(panel, view)
         _add_nanoseconds(panel, view.interval)
-        list_echoes(figure.add_subplot(grid[row, 1]), view)
+        rows = 2 if _has_residuals(view) else 1
+        beside = figure.add_subplot(grid[row : row + rows, 1])
+        list_echoes(beside, view, sum(heights[row : row + rows]))
         if _has_residuals(view):
             row += 1
             lowest = figure.add_subplot(grid[row, 0], sharex=panel)
@@ -198,7 +200,9 @@ def _label_threshold(axes: Axes, view: WaveformView) -> None:
     low, high = axes.get_ylim()
     height = (view.threshold - low) / (high - low)
     label = _label_right(
-        axes, f"threshold {view.threshold}", max(height, _SEGMENTS_AT + LINE_HEIGHT)
+        axes,
+        f"threshold {view.threshold}",
+        max(height, _SEGMENTS_AT + 1.0 / (LINES_PER_INCH * _PANEL_INCHES)),
     )
     label.set_in_layout(True)  # keeps the list of echoes clear of it
 

@@ -5,14 +5,18 @@ from __future__ import annotations
 import csv
 import json
 import struct
+from dataclasses import replace
 from pathlib import Path
 
 import pytest
+import tomli_w
 
 from fullwaveform import Mode
+from fullwaveform.core.pulse_models import ReceiverModel, model_table
 
 from ..support import pulsewaves_scenes
 from ..support.command_line import assert_error, names, run
+from ..support.pulse_models import gaussian_model
 
 PULSES = 500
 SAMPLES = 60  # of a waveform: 0x003C; with its upper byte damaged 0x5B3C, which is 23,356
@@ -65,9 +69,13 @@ def test_damaged_waveform_is_refused_or_skipped(
     damaged: Path, tmp_path: Path, mode: Mode, max_samples: str
 ) -> None:
     output, scanner = tmp_path / "echoes.csv", tmp_path / "scanner.toml"
-    scanner.write_text(DESCRIPTION, encoding="ascii")
+    model = ReceiverModel(1, 0, "returned", 100, replace(gaussian_model(), baseline=5.0))
+    scanner.write_text(
+        DESCRIPTION + tomli_w.dumps({"pulse_model": [model_table(model)]}), encoding="ascii"
+    )
     call = ["extract", damaged, "-o", output, "--mode", str(mode.value), "--scanner", scanner]
-    call += ["--threshold", "10", "--max-samples", max_samples]
+    call += ["--max-samples", max_samples]
+    call += [] if mode is Mode.PULSE_FIT else ["--threshold", "10"]
     before = names(tmp_path)
     assert_error(run(*call), f"1 unreadable waveform (1 x {OVERLAPPING})", "--skip-unreadable")
     assert names(tmp_path) == before

@@ -222,8 +222,8 @@ def test_after_pulse(scan: Path) -> None:
     ("options", "message"),
     [
         (
-            ["--mode", "4"],
-            "'4' must be three-point, decomposition, deconvolution, hybrid or 0",
+            ["--mode", "5"],
+            "'5' must be three-point, decomposition, deconvolution, hybrid, pulse-fit or 0 to 4",
         ),
         (["--mode", "best"], "'best' must be three-point"),
         (["--threshold", "-1"], "'-1' must be 'estimate' or an integer from 0 to 65535"),

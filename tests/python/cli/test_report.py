@@ -179,7 +179,8 @@ def test_missing_waveforms_and_times(scan: Path) -> None:
         (["--extent", "--scanner-report"], "needs --waveform or --time"),
         (["--waveform", "-1"], "--waveform"),
         (["--time", "nan"], "'nan' must be a finite number, in s"),
-        (["--waveform", "0", "--mode", "4"], "'4' must be three-point"),
+        (["--waveform", "0", "--mode", "5"], "'5' must be three-point"),
+        (["--waveform", "0", "--mode", "4"], "no place for the pulse fit; use plot or extract"),
         (["--waveform", "0", "--threshold", "much"], "'much' must be 'estimate' or an integer"),
     ],
 )

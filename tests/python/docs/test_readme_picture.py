@@ -35,7 +35,8 @@ def folder(tmp_path_factory: pytest.TempPathFactory) -> Path:
         results = [run(*call) for _ in range(2) for call in commands()]
     assert [result.exit_code for result in results] == [0, 0, 0, 0, 0, 0]
     assert results[-1].stdout.startswith(
-        "waveform 2448, three-point: 2 echoes; decomposition: 4 echoes; deconvolution: 3 echoes\n"
+        "waveform 2448, three-point: 2 echoes; decomposition: 4 echoes; deconvolution: 3 echoes; "
+        "pulse-fit: 3 echoes\n"
     )
     return folder
 
@@ -56,14 +57,10 @@ def test_truth_agrees_with_the_description(folder: Path) -> None:
     np.testing.assert_allclose(truth.position_samples[of_shot], printed, atol=0.05)
 
 
-def test_only_deconvolution_finds_each_surface_once(folder: Path) -> None:
+@pytest.mark.parametrize("mode", [fw.Mode.DECONVOLUTION, fw.Mode.PULSE_FIT])
+def test_two_methods_find_each_surface_once(folder: Path, mode: fw.Mode) -> None:
     truth = read_truth(folder / "scan_truth.csv")
     positions = truth.position_samples[truth.shot == 2448 // 2]
-    found = fw.extract(
-        folder / "scan.las",
-        mode=fw.Mode.DECONVOLUTION,
-        threshold=20,
-        scanner=folder / "scanner.toml",
-    ).peaks
+    found = fw.extract(folder / "scan.las", mode=mode, scanner=folder / "scanner.toml").peaks
     mine = np.sort(found["position"][found["waveform_number"] == 2448])
     np.testing.assert_allclose(mine, positions, atol=0.2)
