@@ -2,17 +2,19 @@
 
 from __future__ import annotations
 
+import errno
 from abc import ABC, abstractmethod
 from collections.abc import Iterable, Mapping
 from contextlib import AbstractContextManager
 from importlib import import_module
 from pathlib import Path
 from typing import Any
+from zlib import crc32
 
 import numpy as np
 
 from fullwaveform.data.arrays import AnyArray
-from fullwaveform.io.atomic import FileKind, atomic_path
+from fullwaveform.io.atomic import FileKind, OutputError, atomic_path
 from fullwaveform.io.atomic_folder import atomic_folder
 from fullwaveform.volumes.grid import TILE, VoxelGrid
 from fullwaveform.volumes.quantities import QUANTITIES, Quantity, checked_quantity
@@ -173,7 +175,7 @@ class TiffVolume(VolumeFile):
                 f"{self.path}: {layers:,} layers; a GeoTIFF has at most {_MAX_LAYERS:,} bands: "
                 "use a larger size, or .zarr"
             )
-        west, north, bottom = grid.corner
+        west, north, _ = grid.corner
         quantity = self._quantity
         profile = {
             "driver": "GTiff",
@@ -192,6 +194,28 @@ class TiffVolume(VolumeFile):
             "sparse_ok": True,
             "bigtiff": "if_safer",
         }
+        try:
+            written = self._write(place, profile, grid, parts, metadata)
+            is_complete = self._has(place, written)
+        except self._rasterio.errors.RasterioError as error:  # not always an OSError
+            message = f"cannot write {self.path}: {error} Is the disk full?"
+            raise OutputError(errno.EIO, message) from error
+        if not is_complete:
+            raise OutputError(
+                errno.EIO, f"cannot write {self.path}: the file is incomplete. Is the disk full?"
+            )
+
+    def _write(
+        self,
+        place: Path,
+        profile: Mapping[str, Any],
+        grid: VoxelGrid,
+        parts: Parts,
+        metadata: Mapping[str, Any],
+    ) -> list[tuple[Window, int]]:
+        """Write the file; returns the place and the checksum of each part."""
+        written = []
+        layers, bottom, quantity = grid.shape[0], grid.corner[2], self._quantity
         with (
             self._rasterio.Env(GDAL_CACHEMAX=64_000_000, GDAL_PAM_ENABLED=False),
             self._rasterio.open(place, "w", **profile) as dataset,
@@ -204,7 +228,23 @@ class TiffVolume(VolumeFile):
                 f"{bottom + (layer + 1) * grid.size:.12g}"
                 for layer in range(layers)
             ]
-            for (heights, *window), voxels in parts:
-                bands = list(range(heights.start + 1, heights.stop + 1))
-                area = self._rasterio.windows.Window.from_slices(*window)
-                dataset.write(quantity.of(voxels), indexes=bands, window=area)
+            for window, voxels in parts:
+                values = np.ascontiguousarray(quantity.of(voxels))
+                dataset.write(values, indexes=_bands(window), window=self._area(window))
+                written.append((window, crc32(values.data)))
+        return written
+
+    def _has(self, place: Path, written: list[tuple[Window, int]]) -> bool:
+        """Whether a file can be read as it was written: closing it does not report a full disk."""
+        with self._rasterio.open(place) as dataset:
+            return _MARK in dataset.tags() and all(
+                crc32(dataset.read(_bands(window), window=self._area(window))) == checksum
+                for window, checksum in written
+            )
+
+    def _area(self, window: Window) -> Any:
+        return self._rasterio.windows.Window.from_slices(*window[1:])
+
+
+def _bands(window: Window) -> list[int]:
+    return list(range(window[0].start + 1, window[0].stop + 1))

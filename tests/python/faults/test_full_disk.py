@@ -134,3 +134,19 @@ def test_full_standard_output_is_reported(
         done = finished(*placed, stdout=full)
     why = "No space left on device"
     assert_error_line(done, why, f"standard output: {why}")
+
+
+@pytest.mark.parametrize(("name", "share"), [("a.zarr", 0.0), ("a.tif", 0.0), ("a.tif", 0.99)])
+def test_volume_above_the_file_size_limit_is_reported(
+    scan: Path, tmp_path: Path, name: str, share: float
+) -> None:
+    """The last part of a GeoTIFF is written when it is closed."""
+    output = tmp_path / name
+    call = ("voxels", scan, "-o", output, "--size", "1")
+    assert run(*call).exit_code == 0
+    before = {path: path.stat().st_mtime_ns for path in tmp_path.rglob("*")}
+    limit = int(share * output.stat().st_size)
+    done = finished(*call, "--overwrite", before=files_end_at(limit))
+    assert done.returncode == 1
+    assert done.stderr.splitlines()[-1].startswith(f"fullwaveform: cannot write {output}: ")
+    assert {path: path.stat().st_mtime_ns for path in tmp_path.rglob("*")} == before
