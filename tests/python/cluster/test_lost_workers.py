@@ -62,8 +62,11 @@ def test_part_that_kills_every_worker_is_marked_as_failed(address: str, tmp_path
     call = ("cluster", *sources, "-o", folder, *OPTIONS)
     local = ("--scheduler", "local", "--workers", "2")
     killing = hold(tmp_path, block=6, HOLD_KILLS="1")
-    # The scheduler abandons a unit after two lost workers, to keep the test short.
-    first = command(*call, *local, **killing, DASK_DISTRIBUTED__SCHEDULER__ALLOWED_FAILURES="1")
+    # The scheduler abandons a unit after two lost workers, to keep the test short, and no other
+    # unit waits at a worker that is lost.
+    settings = {"ALLOWED_FAILURES": "1", "WORKER_SATURATION": "1.0"}
+    variables = {f"DASK_DISTRIBUTED__SCHEDULER__{name}": value for name, value in settings.items()}
+    first = command(*call, *local, **killing, **variables)
     stdout, stderr = first.communicate(timeout=TIMEOUT_S)
     assert (first.returncode, stdout) == (1, ""), stderr
     assert stderr.count("\n") == 1, stderr
