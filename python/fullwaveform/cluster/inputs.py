@@ -7,6 +7,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 from fullwaveform.calibration.calibration import Calibration
+from fullwaveform.io.block_range import BlockStart
 from fullwaveform.io.companions import COMPANION_SUFFIXES
 
 
@@ -28,6 +29,12 @@ class InputFile:
     blocks: int
     calibration: Calibration = field(default_factory=Calibration)
     error: str = ""  # why it could not be read when the run was planned
+    starts: list[BlockStart] = field(default_factory=list)  # of parts that need not start at 0
+
+    def start_of(self, block: int) -> BlockStart:
+        """The last known start at or before the block."""
+        known = [start for start in self.starts if start.block <= block]
+        return max(known, key=lambda start: start.block, default=BlockStart())
 
 
 def states_of(path: Path) -> list[FileState]:

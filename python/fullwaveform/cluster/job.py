@@ -85,7 +85,10 @@ def _measure(
             inputs[number] = replace(inputs[number], error=result.error)
         else:
             inputs[number] = replace(
-                inputs[number], blocks=result.blocks, calibration=result.calibration
+                inputs[number],
+                blocks=result.blocks,
+                calibration=result.calibration,
+                starts=result.starts,
             )
         progress.files(done, len(units))
 
@@ -249,6 +252,7 @@ def _unit(
             stop=part.stop,
             output=str(output or ""),
             calibration=source.calibration,
+            start=source.start_of(part.first),
         )
     )
 

@@ -25,6 +25,7 @@ from fullwaveform.extraction.pipeline import extracted_blocks, write_echoes
 from fullwaveform.extraction.run_metadata import run_metadata
 from fullwaveform.io.atomic import ANY_FILE, protected_inputs
 from fullwaveform.io.base import EchoWriter, WaveformReader
+from fullwaveform.io.block_range import BlockStart
 from fullwaveform.io.echo_writers.las import LasEchoWriter
 from fullwaveform.io.echo_writers.opening import open_echo_file
 from fullwaveform.io.opening import open_waveforms
@@ -48,6 +49,7 @@ class Unit:
     stop: int | None
     output: str
     calibration: Calibration = field(default_factory=Calibration)  # of the file
+    start: BlockStart = field(default_factory=BlockStart)  # at or before the first block
 
 
 @dataclass
@@ -58,6 +60,7 @@ class UnitResult:
 
     blocks: int | None = None
     calibration: Calibration | None = None
+    starts: list[BlockStart] = field(default_factory=list)  # of the parts of its file
     outcome: PartOutcome | None = None
     error: str = ""
     ends_run: bool = False  # the error is of disk, folder, memory or worker: others would meet it
@@ -135,7 +138,9 @@ def _opened(unit: Unit) -> WaveformReader:
 def _count_blocks(unit: Unit) -> UnitResult:
     with _opened(unit) as reader:
         calibration = measure(reader, unit.settings.outgoing_phase, unit.settings.pulse)
-        return UnitResult(blocks=reader.block_count(), calibration=calibration)
+        starts = reader.block_starts()
+        known = [start for start in starts[:: unit.settings.blocks_per_part] if start.place]
+        return UnitResult(blocks=len(starts), calibration=calibration, starts=known)
 
 
 def _extract_unit(unit: Unit) -> UnitResult:
@@ -153,7 +158,7 @@ def _extract_unit(unit: Unit) -> UnitResult:
     ):
         settings = replace(unit.settings.extraction(), calibration=unit.calibration)
         reader.with_outgoing = unit.calibration.needs_outgoing
-        blocks = reader.blocks(unit.first, unit.stop)
+        blocks = reader.blocks(unit.first, unit.stop, unit.start)
         writer = open_echo_file(
             output,
             reader.header,

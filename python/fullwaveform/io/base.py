@@ -21,7 +21,7 @@ from fullwaveform.data.counting import counted
 from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.atomic import FileKind, OutputFile, atomic_open
-from fullwaveform.io.block_range import BlockRange, PendingBlock
+from fullwaveform.io.block_range import START_OF_FILE, BlockRange, BlockStart, PendingBlock
 from fullwaveform.io.interruption import raise_if_requested
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 from fullwaveform.io.spread import spread_windows
@@ -165,12 +165,15 @@ class WaveformReader(ABC):
         """The scanner description in the file; None if it has none."""
         return None
 
-    def blocks(self, first: int = 0, stop: int | None = None) -> Iterator[WaveformBlock]:
+    def blocks(
+        self, first: int = 0, stop: int | None = None, start: BlockStart = START_OF_FILE
+    ) -> Iterator[WaveformBlock]:
         """Yield the waveforms in blocks of whole shots, each waveform once.
 
         `first` and `stop` select the blocks `first` <= number < `stop`; the points before them are
-        visited without reading samples. Each call starts a new `tally`, which counts what belongs
-        to the range: the tallies of ranges that cover the file add up to that of the whole file.
+        visited without reading samples, but those before `start`, one of `block_starts`, are not.
+        Each call starts a new `tally`, which counts what belongs to the range: the tallies of
+        ranges that cover the file add up to that of the whole file.
 
         Raises
         ------
@@ -179,11 +182,11 @@ class WaveformReader(ABC):
             readable; and, unless `skip_unreadable` is set, at the first block that follows an
             unreadable waveform.
         ValueError
-            If the file is closed or the range invalid.
+            If the file is closed, or the range or its start invalid.
         """
         self._check_open()
-        current = self._range = BlockRange(first, stop, self._notes, self.on_unreadable)
-        for block in current.read(self._pending_blocks(current.total)):
+        current = self._range = BlockRange(first, stop, self._notes, self.on_unreadable, start)
+        for block in current.read(self._pending_blocks_from(start, current.total)):
             self._check_all_readable(current.tally)
             raise_if_requested()
             if len(block) > 0:  # else all of its waveforms turned out to be unreadable
@@ -197,8 +200,20 @@ class WaveformReader(ABC):
 
         An iteration in progress and its tally are not affected. Raises as `blocks`.
         """
+        return len(self.block_starts())
+
+    def block_starts(self) -> list[BlockStart]:
+        """Where each block starts, found by visiting all points without reading samples.
+
+        An iteration in progress and its tally are not affected. Raises as `blocks`.
+        """
         self._check_open()
-        return sum(1 for _ in self._pending_blocks(ReadTally()))
+        starts, tally, waveforms = [START_OF_FILE], ReadTally(), 0
+        for block in self._pending_blocks(tally):
+            waveforms += block.waveforms
+            following = BlockStart(len(starts), waveforms, tally.points, block.next_place)
+            starts.append(following if block.next_place else START_OF_FILE)
+        return starts[:-1]
 
     def unread_blocks(self) -> Iterator[tuple[IntArray, PendingBlock]]:
         """Yield the blocks before their samples are read, with the numbers of their waveforms.
@@ -246,6 +261,10 @@ class WaveformReader(ABC):
     @abstractmethod
     def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:
         """Visit all points, count everything except waveforms in `tally`, and cut the blocks."""
+
+    def _pending_blocks_from(self, start: BlockStart, tally: ReadTally) -> Iterator[PendingBlock]:
+        """As `_pending_blocks`, from the place of `start` on if the reader's blocks have places."""
+        return self._pending_blocks(tally)
 
     def _set_notes(self, notes: list[str]) -> None:
         """Notes on the file that every tally starts with."""

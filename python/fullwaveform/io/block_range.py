@@ -11,6 +11,23 @@ from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.data.blocks import ReadTally, ReportingTally, WaveformBlock
 
 
+@dataclass(frozen=True)
+class BlockStart:
+    """Where to start to reach a block without visiting what precedes it.
+
+    By default the start of the file. Valid for the same file, settings of the reader and waveforms
+    per block.
+    """
+
+    block: int = 0
+    waveforms: int = 0  # of the blocks before, also those found to be unreadable
+    points: int = 0  # counted before the block
+    place: tuple[int, ...] = ()  # of the reader; empty if it can only start at the file's start
+
+
+START_OF_FILE = BlockStart()
+
+
 @dataclass(frozen=True, slots=True)
 class PendingBlock:
     """A block of whole shots whose samples have not been read yet."""
@@ -22,6 +39,8 @@ class PendingBlock:
     read: Callable[[slice, IntArray], WaveformBlock]
     #: Identifier of the shot of each waveform, and its GPS time.
     shots: Callable[[], tuple[FloatArray, FloatArray]]
+    #: The `BlockStart.place` of the next block.
+    next_place: tuple[int, ...] = ()
 
 
 class BlockRange:
@@ -33,7 +52,8 @@ class BlockRange:
     up to the tally of the whole file.
 
     A `stop` of None means the end of the file. `report` is called with a message for each skipped
-    waveform. Raises ValueError for an invalid range.
+    waveform. Reading starts at `start`, at or before the first block. Raises ValueError for an
+    invalid range.
     """
 
     def __init__(
@@ -42,14 +62,18 @@ class BlockRange:
         stop: int | None = None,
         notes: tuple[str, ...] = (),
         report: Callable[[str], None] | None = None,
+        start: BlockStart = START_OF_FILE,
     ) -> None:
         if first < 0 or (stop is not None and stop < first):
             raise ValueError(f"invalid block range {first} to {stop}; must be 0 <= first <= stop")
-        self._first, self._stop = first, stop
+        if start.block > first:
+            raise ValueError(f"invalid start at block {start.block}; must be at most {first}")
+        self._first, self._stop, self._start = first, stop, start.block
         #: Counts since the start of the file.
         self.total = ReportingTally(report, list(notes)) if report else ReadTally(notes=list(notes))
-        self._numbered = 0  # waveforms of the blocks so far, also those found to be unreadable
-        self._before = ReadTally()  # counts of the blocks before the range
+        self.total.points, self.total.waveforms = start.points, start.waveforms
+        self._numbered = start.waveforms  # of the blocks so far, also those found to be unreadable
+        self._before = self.total.copy()  # counts of the blocks before the range
         self._end: ReadTally | None = None  # counts at the end of a range that ends before the file
 
     @property
@@ -66,8 +90,9 @@ class BlockRange:
         """Yield the blocks of the range; `blocks` counts into `total` while it is iterated."""
         if self._stop == self._first:
             return
-        inside = self._first == 0  # whether the last block so far belongs to the range
-        for number, block in enumerate(blocks):
+        # Whether the last block so far belongs to the range.
+        inside = self._first == self._start
+        for number, block in enumerate(blocks, start=self._start):
             if number == self._stop:
                 return
             inside = number >= self._first

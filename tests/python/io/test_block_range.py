@@ -4,18 +4,21 @@ from __future__ import annotations
 
 from collections import Counter
 from collections.abc import Callable, Iterator
-from itertools import pairwise
+from itertools import pairwise, zip_longest
 from pathlib import Path
 
 import numpy as np
 import pytest
 
+from fullwaveform.data.arrays import IntArray
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
-from fullwaveform.io.block_range import BlockRange, PendingBlock, last_cut
+from fullwaveform.io.block_range import BlockRange, BlockStart, PendingBlock, last_cut
 from fullwaveform.io.opening import open_waveforms
+from fullwaveform.io.pulsewaves.pulses import PulseData, Pulses
 
+from ..support.compressed_scenes import Compression, write_compressed
 from ..support.las_scenes import FOUR, Point, Scene, four_shots, rows
 from ..support.pulsewaves_scenes import two_channels
 from ..support.row_scenes import as_container, same
@@ -52,6 +55,10 @@ def pulsewaves_file(folder: Path) -> Path:
     return two_channels().write(folder / "a.pls")
 
 
+def compressed_pulsewaves_file(folder: Path) -> Path:
+    return write_compressed(two_channels(), folder / "a.plz", Compression(sizes=2))
+
+
 def container_file(folder: Path) -> Path:
     return as_container(pulsewaves_file(folder), folder / "a.h5")
 
@@ -69,7 +76,13 @@ def npz_file(folder: Path) -> Path:
     return folder / "a.npz"
 
 
-FILES: list[Callable[[Path], Path]] = [las_file, pulsewaves_file, container_file, npz_file]
+FILES: list[Callable[[Path], Path]] = [
+    las_file,
+    pulsewaves_file,
+    compressed_pulsewaves_file,
+    container_file,
+    npz_file,
+]
 
 
 def test_blocks_of_the_scene_and_their_counts(tmp_path: Path) -> None:
@@ -110,6 +123,65 @@ def test_ranges_add_up_to_the_whole_read(
             assert len(found) == len(whole)
             assert all(map(same, found, whole))
             assert summed == tally
+
+
+@pytest.mark.parametrize("make", FILES)
+@pytest.mark.parametrize("size", [1, 2, 3, 100])
+def test_ranges_from_the_starts_of_their_blocks_add_up(
+    tmp_path: Path, make: Callable[[Path], Path], size: int
+) -> None:
+    path = make(tmp_path)
+    with open_waveforms(path, waveforms_per_block=size) as reader:
+        whole = list(reader.blocks())
+        tally = reader.tally
+        starts = reader.block_starts()
+    assert len(starts) == len(whole)
+    for step in (1, 2):
+        found: list[WaveformBlock] = []
+        summed = ReadTally()
+        for start, following in zip_longest(starts[::step], starts[step::step]):
+            first = len(found)
+            assert start.block in (0, first)  # 0 in formats without places
+            stop = None if following is None else first + step
+            with open_waveforms(path, waveforms_per_block=size) as reader:
+                found += reader.blocks(first, stop, start)
+                summed += reader.tally
+        assert all(map(same, found, whole))
+        assert (len(found), summed) == (len(whole), tally)
+        assert (reader.points_done, reader.waveforms_done) == (tally.points, tally.waveforms)
+
+
+@pytest.mark.parametrize("make", [pulsewaves_file, compressed_pulsewaves_file])
+def test_pulses_before_the_start_of_a_block_are_not_read(
+    tmp_path: Path, make: Callable[[Path], Path], monkeypatch: pytest.MonkeyPatch
+) -> None:
+    visited: list[int] = []
+    take = PulseData.take
+
+    def watched(pulses: PulseData, numbers: IntArray) -> Pulses:
+        visited.extend(numbers.tolist())
+        return take(pulses, numbers)
+
+    path = make(tmp_path)
+    with open_waveforms(path, waveforms_per_block=1) as reader:
+        whole, start = list(reader.blocks()), reader.block_starts()[-1]
+    with open_waveforms(path, waveforms_per_block=1) as reader:
+        monkeypatch.setattr(PulseData, "take", watched)
+        (last,) = reader.blocks(start.block, None, start)
+    assert same(last, whole[-1])
+    assert set(visited) == {reader.point_count - 1}
+
+
+@pytest.mark.parametrize(
+    "start",
+    [BlockStart(1, 1, 9, (0, 1, 1)), BlockStart(1, 1, 0, (1, 1, 1)), BlockStart(1, 0, 0, (0,))],
+)
+def test_invalid_start_is_refused(tmp_path: Path, start: BlockStart) -> None:
+    with open_waveforms(pulsewaves_file(tmp_path), waveforms_per_block=1) as reader:
+        with pytest.raises(ValueError, match="invalid start of block 1 at pulse"):
+            list(reader.blocks(1, None, start))
+        with pytest.raises(ValueError, match="invalid start at block 1; must be at most 0"):
+            list(reader.blocks(0, None, start))
 
 
 @pytest.mark.parametrize("make", FILES)

@@ -15,7 +15,7 @@ from fullwaveform.data.blocks import OutgoingPulses, ReadTally, WaveformBlock
 from fullwaveform.data.columns import take_rows
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
-from fullwaveform.io.block_range import PendingBlock
+from fullwaveform.io.block_range import START_OF_FILE, BlockStart, PendingBlock
 from fullwaveform.io.pulsewaves.compressed_pulses import CompressedPulses, read_pulse_compression
 from fullwaveform.io.pulsewaves.compressed_waves import CompressedWaves
 from fullwaveform.io.pulsewaves.descriptors import (
@@ -146,14 +146,37 @@ class PulseWavesReader(WaveformReader):
         return any(one.kind == OUTGOING for one in samplings)
 
     def _pending_blocks(self, tally: ReadTally) -> Iterator[PendingBlock]:
-        run = self._prepare(survey(self._pulses))
-        tally.notes += self._notes_on(run)
-        if missing := self._pulses.source.missing:
-            tally.reject(_MISSING, missing, [f"pulses from number {len(self._pulses)} on"])
-        for segments in run.blocks(self._waveforms_per_block, tally):
-            yield self._pending(segments, run)
+        return self._pending_blocks_from(START_OF_FILE, tally)
 
-    def _pending(self, segments: Segments, run: Selection) -> PendingBlock:
+    def _pending_blocks_from(self, start: BlockStart, tally: ReadTally) -> Iterator[PendingBlock]:
+        """The place of a block is its first pulse and the survey of all pulses."""
+        if start.place:
+            first, times_differ, *used = self._checked_place(start)
+            surveyed = PulseSurvey(bool(times_differ), tuple(used))
+        else:
+            first, surveyed = 0, survey(self._pulses)
+        run = self._prepare(surveyed)
+        tally.notes += self._notes_on(run)
+        if (missing := self._pulses.source.missing) and not start.place:
+            tally.reject(_MISSING, missing, [f"pulses from number {len(self._pulses)} on"])
+        for segments, following in run.blocks(
+            self._waveforms_per_block, tally, first, start.points
+        ):
+            place = (following, int(surveyed.times_differ), *surveyed.descriptors)
+            yield self._pending(segments, run, place)
+
+    def _checked_place(self, start: BlockStart) -> tuple[int, ...]:
+        place = start.place
+        if len(place) < 2 or not 0 <= place[0] <= start.points <= len(self._pulses):
+            raise ValueError(
+                f"{self._path}: invalid start of block {start.block} at pulse {place[0]}, with "
+                f"{start.points} pulses counted; the file has {len(self._pulses)} pulses"
+            )
+        return place
+
+    def _pending(
+        self, segments: Segments, run: Selection, next_place: tuple[int, ...]
+    ) -> PendingBlock:
         def read(part: slice, numbers: IntArray) -> WaveformBlock:
             return self._block(segments[part], run, numbers)
 
@@ -162,7 +185,7 @@ class PulseWavesReader(WaveformReader):
             identifiers = shot_times(pulses, segments["pulse"], self._pulses, run.surveyed)
             return identifiers, self._pulses.times(pulses)
 
-        return PendingBlock(len(segments), read, shots)
+        return PendingBlock(len(segments), read, shots, next_place)
 
     def _window(self, points: slice) -> WaveformBlock | None:
         numbers = np.arange(points.start, points.stop)

@@ -29,21 +29,27 @@ class Selection:
     table: SamplingTable  # of the descriptors that pulses refer to
     max_samples: int  # of a readable waveform
 
-    def blocks(self, limit: int, tally: ReadTally) -> Iterator[Segments]:
+    def blocks(
+        self, limit: int, tally: ReadTally, first: int = 0, counted: int = 0
+    ) -> Iterator[tuple[Segments, int]]:
         """Yield the readable returning segments in the order of the file, in whole pulses.
 
-        A block has at most `limit` segments, unless a single pulse has more.
+        A block has at most `limit` segments, unless a single pulse has more. Each comes with the
+        pulse with which the next one starts. To start with a later block, `first` is its pulse, and
+        the pulses before `counted` are not counted again.
         """
-        pending = np.empty(0, dtype=SEGMENT)
-        for start in range(0, len(self.pulses), limit):
-            end = min(start + limit, len(self.pulses))
+        pending, end = self.readable(first, counted, ReadTally()), counted
+        while True:
+            while (cut := _last_cut(pending, limit)) < len(pending):
+                block, pending = pending[:cut], pending[cut:]
+                yield block, int(pending["pulse"][0])
+            if end == len(self.pulses):
+                break
+            start, end = end, min(end + limit, len(self.pulses))
             tally.points += end - start
             pending = np.concatenate([pending, self.readable(start, end, tally)])
-            while (cut := _last_cut(pending, limit)) < len(pending):
-                yield pending[:cut]
-                pending = pending[cut:]
         if len(pending) > 0:
-            yield pending
+            yield pending, len(self.pulses)
 
     def readable(self, start: int, end: int, tally: ReadTally) -> Segments:
         """The readable segments of some pulses; all others are counted."""
