@@ -14,6 +14,7 @@ from fullwaveform.cluster import read_parts
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 from ..support.command_line import run
+from ..support.compressed_scenes import Compression, write_compressed
 from ..support.pulsewaves_scenes import Descriptor, Pulse, Sampling, Scene
 
 
@@ -24,6 +25,15 @@ def las_scan(path: Path, shots: int = 300, seed: int = 5) -> Path:
 
 def pulsewaves_scan(path: Path, pulses: int = 150) -> Path:
     """Pulses of one to three segments with one echo each, every tenth flat."""
+    return _pulses(pulses).write(path)
+
+
+def compressed_scan(path: Path) -> Path:
+    """The pulses of `pulsewaves_scan`, compressed in chunks of 30."""
+    return write_compressed(_pulses(150), path, Compression(sizes=30))
+
+
+def _pulses(pulses: int) -> Scene:
     rng = np.random.default_rng(3)
     sampling = Sampling(duration_bits=32, segment_bits=8, count_bits=8)
     time = np.arange(40)
@@ -37,7 +47,7 @@ def pulsewaves_scan(path: Path, pulses: int = 150) -> Path:
             noisy = np.rint(pulse + rng.uniform(-1.0, 1.0, len(time)))
             segments.append((100 * segment, noisy.astype(int).tolist()))
         found.append(Pulse([segments], time=1_000 * number, anchor=(number, 2 * number, 0)))
-    return Scene([Descriptor(1, [sampling])], found).write(path)
+    return Scene([Descriptor(1, [sampling])], found)
 
 
 def single_run(source: Path, output: Path, *options: str) -> pa.Table:

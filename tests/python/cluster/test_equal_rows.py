@@ -19,6 +19,7 @@ from ..support.echo_tables import assert_same_rows
 from ..support.hdf5_scenes import GediScene, LvisScene, Shot, bump
 from ..support.row_scenes import as_container
 from .scenes import (
+    compressed_scan,
     las_scan,
     manifest_of,
     parts_table,
@@ -63,6 +64,7 @@ def on_cluster(address: str, *call: str | Path) -> str:
     [
         (las_scan, "scan.las", "2=high"),
         (pulsewaves_scan, "scan.pls", "1=high"),
+        (compressed_scan, "scan.plz", "1=high"),
         (container_scan, "scan.h5", "2=high"),
         (gedi_scan, "scan.h5", "high"),
         (lvis_scan, "scan.h5", "high"),
@@ -85,6 +87,8 @@ def test_parts_of_any_format_and_size_equal_the_single_run(
     (file,) = manifest["inputs"]
     assert file["blocks"] > 4
     assert len(manifest["parts"]) == -(-file["blocks"] // blocks)
+    starts = [part["first"] for part in manifest["parts"]][1:] if "pl" in name else []
+    assert [start["block"] for start in file["starts"]] == starts
     assert sum(part["outcome"]["rows"] for part in manifest["parts"]) == expected.num_rows
     assert names(folder) == sorted(["manifest.json", *(p["file"] for p in manifest["parts"])])
     single = run("extract", source, "-o", tmp_path / "again.parquet", *options)

@@ -18,6 +18,7 @@ from fullwaveform.cluster.settings import JobSettings, differences
 from fullwaveform.cluster.units import planned_parts
 from fullwaveform.core.pulse_models import ReceiverModel
 from fullwaveform.extraction.extractor import ExtractionSettings
+from fullwaveform.io.block_range import BlockStart
 
 from ..support.pulse_models import gaussian_model
 
@@ -74,6 +75,14 @@ def test_part_names_sort_in_order() -> None:
     many = [part.file for part in planned_parts([file("a.las", 100_001)], 1, ".csv")]
     assert many[0] == "a.part-000000.csv"
     assert many == sorted(many)
+
+
+def test_part_starts_at_the_last_known_start_before_it() -> None:
+    starts = [BlockStart(4, 40, 30, (30, 1, 2)), BlockStart(2, 21, 20, (19, 1, 2))]
+    known = replace(file("a.plz", 9), starts=starts)
+    assert known.start_of(5) == known.start_of(4) == starts[0]
+    assert known.start_of(3) == known.start_of(2) == starts[1]
+    assert known.start_of(1) == known.start_of(0) == file("a.las", 3).start_of(2) == BlockStart()
 
 
 @pytest.fixture

@@ -47,6 +47,7 @@ READERS: dict[str, Callable[[Path], object]] = {
     "las": read_waveforms,
     "laz": read_waveforms,
     "pls": read_waveforms,
+    "plz": read_waveforms,
     "h5": read_waveforms,
     "npz": read_waveforms,
     "gedi": read_waveforms,

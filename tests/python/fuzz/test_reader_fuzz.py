@@ -28,6 +28,8 @@ from fullwaveform.io.container.writer import ScanContainerWriter
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
+from ..support.compressed_scenes import Compression, write_compressed
+from ..support.pulsewaves_scenes import two_channels
 from .readers import READERS
 
 SECONDS = float(os.environ.get("FULLWAVEFORM_FUZZ_SECONDS", "0"))
@@ -116,6 +118,7 @@ def seeds(tmp_path_factory: pytest.TempPathFactory) -> dict[str, Path]:
     laspy.read(files.las).write(places["laz"], do_compress=True)
     places["laz"].with_suffix(".wdp").write_bytes(files.las.with_suffix(".wdp").read_bytes())
     scenes_module("pulsewaves_scenes").three_pulses().write(places["pls"])
+    write_compressed(two_channels(), places["plz"], Compression(sizes=2))
     scenes_module("hdf5_scenes").two_beams().write(places["gedi"])
     scenes_module("hdf5_scenes").five_shots().write(places["lvis"])
     write_rows(files.las, places["h5"], places["npz"])

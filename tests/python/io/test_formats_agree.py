@@ -14,8 +14,10 @@ from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
+from ..support.compressed_scenes import Compression, write_compressed
 from ..support.hdf5_scenes import as_gedi, as_lvis
 from ..support.las_scenes import compressed
+from ..support.pulsewaves_scenes import of_waveforms, places
 from ..support.row_scenes import arrays_of, as_container, as_npz, same
 
 CHANNELS = {1: 1, 2: 0}
@@ -59,11 +61,18 @@ def single_scans(tmp_path_factory: pytest.TempPathFactory) -> dict[str, Path]:
         "npz": folder / "scan.npz",
         "GEDI": gedi,
         "LVIS": as_lvis(halves, folder / "lvis.h5"),
+        "PulseWaves": of_waveforms(block).write(folder / "scan.pls"),
+        "compressed PulseWaves": write_compressed(
+            of_waveforms(block), folder / "packed.plz", Compression(sizes=30)
+        ),
         "GEDI as container": as_container(gedi, folder / "scan.h5", waveforms_per_block=33),
     }
 
 
-@pytest.mark.parametrize("kind", ["GEDI", "LVIS", "GEDI as container"])
+ONE_PER_SHOT = ["GEDI", "LVIS", "GEDI as container", "PulseWaves", "compressed PulseWaves"]
+
+
+@pytest.mark.parametrize("kind", ONE_PER_SHOT)
 @pytest.mark.parametrize("size", [1, 33, 1000])
 def test_formats_of_one_waveform_per_shot_give_equal_samples_and_times(
     single_scans: dict[str, Path], kind: str, size: int
@@ -81,8 +90,22 @@ def test_formats_of_one_waveform_per_shot_give_equal_samples_and_times(
         assert np.array_equal(column, getattr(expected, name)), name
     times = np.concatenate([block.attributes.gps_time for block in found])
     assert np.array_equal(times, expected.attributes.gps_time)
-    if kind != "LVIS":
+    if "GEDI" in kind:
         assert all(len(np.unique(block.beams)) == 1 for block in found)
+
+
+@pytest.mark.parametrize("kind", ["PulseWaves", "compressed PulseWaves"])
+def test_positions_of_samples_agree_within_the_resolution(
+    single_scans: dict[str, Path], kind: str
+) -> None:
+    (expected,) = blocks_of(single_scans["npz"], per_block=1000)
+    (found,) = blocks_of(single_scans[kind], per_block=1000)
+    assert expected.geometry is not None
+    assert found.geometry is not None
+    for sample in (0, 40):
+        difference = places(found.geometry, 1e3 * sample) - places(expected.geometry, 1e3 * sample)
+        # Half a millimetre for the anchor; the target, 1000 samples away, adds a 25th of one.
+        assert np.abs(difference).max() < 0.00055
 
 
 def test_container_of_a_gedi_file_has_its_blocks(single_scans: dict[str, Path]) -> None:
@@ -91,9 +114,9 @@ def test_container_of_a_gedi_file_has_its_blocks(single_scans: dict[str, Path]) 
     assert all(map(same, gedi, container))
 
 
-def blocks_of(path: Path) -> list[WaveformBlock]:
+def blocks_of(path: Path, per_block: int = PER_BLOCK) -> list[WaveformBlock]:
     reader: WaveformReader
-    with open_waveforms(path, waveforms_per_block=PER_BLOCK, channel_flags=CHANNELS) as reader:
+    with open_waveforms(path, waveforms_per_block=per_block, channel_flags=CHANNELS) as reader:
         return list(reader.blocks())
 
 

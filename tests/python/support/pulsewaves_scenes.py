@@ -7,7 +7,10 @@ from collections.abc import Sequence
 from dataclasses import dataclass, field
 from pathlib import Path
 
-from fullwaveform.data.blocks import ReadTally, WaveformBlock
+import numpy as np
+
+from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.blocks import PulseGeometry, ReadTally, WaveformBlock
 from fullwaveform.io.pulsewaves.reader import PulseWavesReader
 
 # Bytes of the header of pulses.
@@ -189,6 +192,38 @@ def two_channels() -> Scene:
         Pulse([[(0, [55])], [(-3, [7, 8])], [(120, [9, 10, 11, 12])]], time=30, descriptor=7),
     ]
     return Scene([TWO_CHANNELS], pulses)
+
+
+def places(geometry: PulseGeometry, picoseconds: float) -> FloatArray:
+    """Where the waveforms are (n, 3) at a time after their first samples."""
+    distance = (geometry.location - picoseconds)[:, np.newaxis] * geometry.direction
+    found: FloatArray = geometry.anchor + distance
+    return found
+
+
+def of_waveforms(block: WaveformBlock) -> Scene:
+    """Waveforms of one per shot and 1 ns; times are multiples of 1/256 s, coordinates of 1 mm."""
+    assert block.geometry is not None
+    assert block.attributes is not None
+    offsets = np.round(block.geometry.anchor[0], -3)
+    anchors = np.rint(1000.0 * (places(block.geometry, 0.0) - offsets)).astype(int)
+    targets = np.rint(1000.0 * (places(block.geometry, 1e6) - offsets)).astype(int)
+    times = np.rint(256.0 * block.attributes.gps_time).astype(int)
+    pulses = [
+        Pulse(
+            [[(0, samples[:count].tolist())]],
+            time=int(time),
+            anchor=tuple(anchor.tolist()),
+            target=tuple(target.tolist()),
+        )
+        for samples, count, time, anchor, target in zip(
+            block.samples, block.counts, times, anchors, targets, strict=True
+        )
+    ]
+    layout = Descriptor(1, [Sampling(count_bits=16, bits=16)])
+    x, y, z = offsets.tolist()
+    scales = (0.001, 0.001, 0.001)
+    return Scene([layout], pulses, time_scale=1 / 256, scales=scales, offsets=(x, y, z))
 
 
 def read(path: Path, **options: object) -> tuple[list[WaveformBlock], ReadTally]:
