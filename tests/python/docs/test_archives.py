@@ -3,9 +3,11 @@
 from __future__ import annotations
 
 import shlex
+import shutil
 import zipfile
 from pathlib import Path
 
+import laspy
 import pyarrow.parquet
 import pytest
 
@@ -16,6 +18,7 @@ from .test_documents import commands_of
 
 CALLS = commands_of("docs/archives.md")
 GEDI = data_folder() / "gedi"
+NEON = data_folder() / "pulsewaves_compressed" / "topo_1ns.plz"
 
 
 def run_calls(product: str) -> None:
@@ -26,6 +29,18 @@ def run_calls(product: str) -> None:
         assert result.exit_code == 0, result.output
         if "-o" in call:
             assert Path(call[call.index("-o") + 1]).stat().st_size > 0
+
+
+@pytest.mark.skipif(not NEON.exists(), reason=f"no {NEON}")
+def test_commands_for_neon(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.chdir(tmp_path)
+    (name,) = {word for line in CALLS for word in line.split() if word.startswith("NEON_")}
+    for suffix in (".plz", ".wvz"):
+        shutil.copy(NEON.with_suffix(suffix), (tmp_path / name).with_suffix(suffix))
+    run_calls("NEON_")
+    assert pyarrow.parquet.read_metadata(tmp_path / "neon-pulses.parquet").num_rows == 16_486
+    # One return at least of each of the 16,487 waveforms of a flat area.
+    assert len(laspy.read(tmp_path / "neon.laz")) > 16_487
 
 
 @pytest.mark.skipif(not GEDI.exists(), reason="no folder gedi in the folder of real data")
