@@ -20,7 +20,8 @@ from fullwaveform.io.pulsewaves.pulses import PulseData, Pulses
 
 from ..support.compressed_scenes import Compression, write_compressed
 from ..support.las_scenes import FOUR, Point, Scene, four_shots, rows
-from ..support.pulsewaves_scenes import two_channels
+from ..support.pulsewaves_scenes import Descriptor, Pulse, Sampling, two_channels
+from ..support.pulsewaves_scenes import Scene as PulseScene
 from ..support.row_scenes import as_container, same
 
 
@@ -59,6 +60,17 @@ def compressed_pulsewaves_file(folder: Path) -> Path:
     return write_compressed(two_channels(), folder / "a.plz", Compression(sizes=2))
 
 
+def uneven_pulsewaves_file(folder: Path) -> Path:
+    """Pulses of none to two waveforms, one without a direction: blocks end before what was read."""
+    pulses = [
+        Pulse([[(0, [1, 2, 3])] * waveforms], time=number)
+        for number, waveforms in enumerate([2, 2, 0, 2, 1, 0, 1, 2, 2, 0, 0])
+    ]
+    pulses[4].target = pulses[4].anchor
+    layout = Descriptor(1, [Sampling(segment_bits=8, count_bits=8)])
+    return PulseScene([layout], pulses).write(folder / "a.pls")
+
+
 def container_file(folder: Path) -> Path:
     return as_container(pulsewaves_file(folder), folder / "a.h5")
 
@@ -80,6 +92,7 @@ FILES: list[Callable[[Path], Path]] = [
     las_file,
     pulsewaves_file,
     compressed_pulsewaves_file,
+    uneven_pulsewaves_file,
     container_file,
     npz_file,
 ]
@@ -126,7 +139,7 @@ def test_ranges_add_up_to_the_whole_read(
 
 
 @pytest.mark.parametrize("make", FILES)
-@pytest.mark.parametrize("size", [1, 2, 3, 100])
+@pytest.mark.parametrize("size", [1, 2, 3, 4, 100])
 def test_ranges_from_the_starts_of_their_blocks_add_up(
     tmp_path: Path, make: Callable[[Path], Path], size: int
 ) -> None:
