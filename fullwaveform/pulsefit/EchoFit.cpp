@@ -102,7 +102,7 @@ void EchoFit::resize(Evaluation& evaluation) const {
 
 /// Sets the columns of an echo. Zeros follow its last sample, because products with the columns of another
 /// echo run over the end by less than `laneCount`.
-void EchoFit::place(EchoState const& echo, Column& column) const {
+void EchoFit::place(FittedEcho const& echo, Column& column) const {
   if (echo.position == column.position && echo.variance == column.variance) {
     return;
   }
@@ -193,7 +193,7 @@ void EchoFit::keep(Hypothesis const& hypothesis) {
 double EchoFit::costOf(Hypothesis const& hypothesis) const {
   double cost = hypothesis.energy;
   for (std::size_t k = 0; k < hypothesis.count; ++k) {
-    EchoState const& echo = hypothesis.echoes[k];
+    FittedEcho const& echo = hypothesis.echoes[k];
     bool const isOutside = echo.position < 0.0 || echo.position > static_cast<double>(size) - 1.0;
     cost += (isOutside ? outsideFactor : 1.0) * echoCost + (echo.hasFreeWidth ? widthCost : 0.0);
   }
@@ -207,7 +207,7 @@ void EchoFit::setEquations(Hypothesis const& hypothesis) {
   equations.count = n;
   equations.stride = wholeLanes(n + 1);
   for (std::size_t k = 0; k < hypothesis.count; ++k) {
-    EchoState const& echo = hypothesis.echoes[k];
+    FittedEcho const& echo = hypothesis.echoes[k];
     Column const& column = at.columns[k];
     // The model changes by -amplitude x slope when the echo moves, by the pulse, and by amplitude x d/dv.
     double const factors[3] = {-echo.amplitude, 1.0, echo.amplitude};
@@ -255,9 +255,9 @@ EchoFit::Step EchoFit::stepped(Hypothesis const& from, Parameters const& step) c
   Step result{from};
   result.to.baseline += step[3 * from.count];
   for (std::size_t k = 0; k < from.count; ++k) {
-    EchoState& echo = result.to.echoes[k];
+    FittedEcho& echo = result.to.echoes[k];
     double const* const by = step.data() + 3 * k;
-    EchoState const unclamped{echo.position + by[0], echo.amplitude + by[1], echo.variance + by[2],
+    FittedEcho const unclamped{echo.position + by[0], echo.amplitude + by[1], echo.variance + by[2],
                               echo.hasFreeWidth};
     double const shift = std::clamp(by[0], -maxMove, maxMove);
     result.move = std::max(result.move, std::abs(shift));

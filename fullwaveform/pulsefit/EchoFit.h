@@ -114,7 +114,7 @@ class EchoFit {
   [[nodiscard]] Evaluation& trial() { return evaluations[1 - currentIndex]; }
 
   void resize(Evaluation& evaluation) const;
-  void place(EchoState const& echo, Column& column) const;
+  void place(FittedEcho const& echo, Column& column) const;
   void setResidual(Hypothesis const& hypothesis, Evaluation& at) const;
   void setWeights(Hypothesis const& hypothesis, Evaluation& at) const;
   void evaluateAt(Hypothesis& hypothesis, Evaluation& at) const;

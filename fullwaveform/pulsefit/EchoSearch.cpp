@@ -55,7 +55,7 @@ bool keepBetter(Hypothesis const& candidate, Hypothesis& best) {
 Hypothesis split(Hypothesis const& from, std::size_t index, double share, double variance) {
   double const spread = std::sqrt(std::clamp(variance, 0.3, 6.0));
   double const distance = 2.3 * spread;
-  EchoState const& echo = from.echoes[index];
+  FittedEcho const& echo = from.echoes[index];
   Hypothesis result = from;
   result.echoes[index] = {echo.position - (1.0 - share) * distance, share * echo.amplitude};
   result.add({echo.position + share * distance, (1.0 - share) * echo.amplitude});
@@ -97,7 +97,7 @@ void EchoSearch::settle(EchoFit& fit, Hypothesis& hypothesis) const {
   if (hypothesis.count > 1) {
     fit.setWidthsOfSeveral(true);
     for (std::size_t k = 0; k < hypothesis.count; ++k) {
-      EchoState& echo = hypothesis.echoes[k];
+      FittedEcho& echo = hypothesis.echoes[k];
       echo.hasFreeWidth = echo.hasFreeWidth && fit.widthPrior().at(echo.variance).value > widthCost;
     }
   }
@@ -119,7 +119,7 @@ bool EchoSearch::addEcho(EchoFit& fit, Hypothesis const& from, Hypothesis& best)
   bool const isBetter = keepBetter(next, best);
   bool const isFar = std::none_of(
       from.echoes.begin(), from.echoes.begin() + static_cast<std::ptrdiff_t>(from.count),
-      [&](EchoState const& echo) { return std::abs(echo.position - candidate.position) < isolation; });
+      [&](FittedEcho const& echo) { return std::abs(echo.position - candidate.position) < isolation; });
   return isBetter && isFar && from.cost - best.cost > clearGain;
 }
 
@@ -130,7 +130,7 @@ void EchoSearch::reshape(EchoFit& fit, Hypothesis const& from, Hypothesis& best)
   Hypothesis at = from;
   fit.evaluate(at);
   for (std::size_t k = 0; k < from.count; ++k) {
-    EchoState const& echo = from.echoes[k];
+    FittedEcho const& echo = from.echoes[k];
     bool const isUnusual = !echo.hasFreeWidth && fit.widthPrior().at(echo.variance).value > unusualWidth;
     isSuspicious[k] = isUnusual || localFit(fit, echo.position).exceeds(2.0);
   }
@@ -165,7 +165,7 @@ void EchoSearch::prune(EchoFit& fit, Hypothesis& hypothesis) const {
   while (hasChanged) {
     hasChanged = false;
     for (std::size_t k = 0; k < hypothesis.count && !hasChanged; ++k) {
-      EchoState const& echo = hypothesis.echoes[k];
+      FittedEcho const& echo = hypothesis.echoes[k];
       bool hasNeighbour = false;
       for (std::size_t l = 0; l < hypothesis.count; ++l) {
         hasNeighbour = hasNeighbour ||

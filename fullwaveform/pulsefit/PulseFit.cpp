@@ -114,7 +114,7 @@ PulseFitResult PulseFit::Search::run(std::span<unsigned short const> samples) {
 }
 
 PulseEcho PulseFit::Search::echoOf(Hypothesis const& hypothesis, std::size_t index, bool isRegular) const {
-  EchoState const& state = hypothesis.echoes[index];
+  FittedEcho const& state = hypothesis.echoes[index];
   PulseTable::Shape const shape = table.shapeAt(state.variance);
   PulseEcho echo;
   echo.position = state.position;
