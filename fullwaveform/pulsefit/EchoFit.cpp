@@ -258,7 +258,7 @@ EchoFit::Step EchoFit::stepped(Hypothesis const& from, Parameters const& step) c
     FittedEcho& echo = result.to.echoes[k];
     double const* const by = step.data() + 3 * k;
     FittedEcho const unclamped{echo.position + by[0], echo.amplitude + by[1], echo.variance + by[2],
-                              echo.hasFreeWidth};
+                               echo.hasFreeWidth};
     double const shift = std::clamp(by[0], -maxMove, maxMove);
     result.move = std::max(result.move, std::abs(shift));
     echo.position = std::clamp(echo.position + shift, -reach, static_cast<double>(size) - 1.0 + reach);

@@ -198,7 +198,7 @@ TEST(PulseFit, AnInvalidModelFindsNothing) {
   PulseModel model = gaussianModel();
   model.noiseRms = -1.0;
   PulseFit fit(model);
-  EXPECT_EQ(fit.error(), "invalid noise rms -1 of the pulse model; expected above 0");
+  EXPECT_EQ(fit.error(), "invalid noise rms -1 of the pulse model; expected 0.000001 to 1000000 counts");
   EXPECT_TRUE(fit.apply(waveform(80, {{40.0, 500.0}})).echoes.empty());
 }
 

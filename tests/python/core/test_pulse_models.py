@@ -65,7 +65,7 @@ def test_full_width() -> None:
     ("key", "value", "message"),
     [
         ("noise_rms", float("nan"), "noise_rms is nan; expected a finite number"),
-        ("noise_rms", 0.0, "invalid noise rms 0 of the pulse model; expected above 0"),
+        ("noise_rms", 0.0, "invalid noise rms 0 of the pulse model; expected 0.000001"),
         ("noise_rms", "1", "noise_rms is '1'; expected a finite number"),
         ("scatter", float("inf"), "scatter is inf; expected a finite number"),
         ("scatter", -0.1, "invalid scatter -0.1"),
