@@ -84,8 +84,8 @@ MergeEchoes ShotEchoes::echoesOf(std::size_t waveform) {
 
 void ShotEchoes::merge(double samplingInterval, WorkMeter& work) {
   for (std::size_t high = 0; high < waveforms.size(); ++high) {
-    for (std::size_t low = 0; low < waveforms.size(); ++low) {
-      if (waveforms[high].isHighPower && !waveforms[low].isHighPower) {
+    for (std::size_t low = 0; waveforms[high].isHighPower && low < waveforms.size(); ++low) {
+      if (!waveforms[low].isHighPower) {
         MergeEchoes const highPower = echoesOf(high);
         MergeEchoes const lowPower = echoesOf(low);
         work.pass(workPerMergedEcho * (highPower.times.size() + lowPower.times.size() + 1));

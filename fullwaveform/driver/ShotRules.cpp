@@ -9,7 +9,6 @@
 #include <fullwaveform/driver/ShotGroups.h>
 #include <fullwaveform/model/AfterPulse.h>
 #include <fullwaveform/model/Segmentation.h>
-#include <fullwaveform/work/WorkMeter.h>
 
 namespace FullWaveform {
 namespace {
@@ -51,8 +50,8 @@ void markAfterPulses(std::span<unsigned short const> samples, ScannerDevice cons
 /// Merges the channels of one shot.
 class ShotMerge {
  public:
-  ShotMerge(FoundEchoes const& found, double samplingInterval)
-      : found(found), samplingInterval(samplingInterval) {}
+  ShotMerge(FoundEchoes const& found, double samplingInterval, WorkMeter& work)
+      : found(found), samplingInterval(samplingInterval), work(&work) {}
 
   void apply(std::span<EchoRange const> waveforms, std::span<unsigned char const> channelFlags,
              EchoRules& rules) {
@@ -67,7 +66,7 @@ class ShotMerge {
         }
       }
     }
-    shot.merge(samplingInterval, work);
+    shot.merge(samplingInterval, *work);
     for (std::size_t i = 0; i < taken.size(); ++i) {
       if (shot.isRemoved(i)) {
         rules.states[taken[i]] = EchoState::InOtherChannel;
@@ -78,7 +77,7 @@ class ShotMerge {
  private:
   FoundEchoes found;
   double samplingInterval;
-  WorkMeter work;
+  WorkMeter* work;
   ShotEchoes shot;
   std::vector<std::size_t> taken;  ///< index of each echo of the shot
 };
@@ -108,7 +107,7 @@ BlockReport reportOfRows(SampleRows const& samples, std::span<double const> shot
 
 EchoRules applyEchoRules(SampleRows const& samples, std::span<double const> shotTimes,
                          std::span<double const> sblTimes, std::span<unsigned char const> channelFlags,
-                         FoundEchoes const& echoes, ScannerDevice const& scanner) {
+                         FoundEchoes const& echoes, ScannerDevice const& scanner, WorkMeter& work) {
   EchoRules rules{std::vector<double>(echoes.rows.size()),
                   std::vector<EchoState>(echoes.rows.size(), EchoState::Kept)};
   std::map<double, std::vector<EchoRange>> shots;
@@ -121,7 +120,7 @@ EchoRules applyEchoRules(SampleRows const& samples, std::span<double const> shot
                     std::span(rules.states).subspan(waveform.first, count));
     shots[shotTimes[waveform.row]].push_back(waveform);
   }
-  ShotMerge merge(echoes, scanner.sampling_time);
+  ShotMerge merge(echoes, scanner.sampling_time, work);
   for (auto const& [time, waveforms] : shots) {
     merge.apply(waveforms, channelFlags, rules);
   }

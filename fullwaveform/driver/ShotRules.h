@@ -8,6 +8,7 @@
 #include <fullwaveform/Export.h>
 #include <fullwaveform/driver/BlockReport.h>
 #include <fullwaveform/scanner/ScannerDevice.h>
+#include <fullwaveform/work/WorkMeter.h>
 
 namespace FullWaveform {
 
@@ -57,9 +58,12 @@ struct EchoRules {
 ///
 /// The times have one value per row of the block, `channelFlags` too: 0 for high power.
 /// @param scanner  with the sampling interval of the block
+/// @param work     lets the merge be cancelled: waveforms without shot times are all of one shot
+/// @throws Cancelled
 FULLWAVEFORM_EXPORT EchoRules applyEchoRules(SampleRows const& samples, std::span<double const> shotTimes,
                                              std::span<double const> sblTimes,
                                              std::span<unsigned char const> channelFlags,
-                                             FoundEchoes const& echoes, ScannerDevice const& scanner);
+                                             FoundEchoes const& echoes, ScannerDevice const& scanner,
+                                             WorkMeter& work);
 
 }  // namespace FullWaveform

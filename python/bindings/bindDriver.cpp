@@ -190,13 +190,16 @@ nb::tuple applyEchoRules(Samples const& samples, InputColumn<std::uint16_t> cons
                          InputColumn<double> const& shotTimes, InputColumn<double> const& sblTimes,
                          InputColumn<std::uint8_t> const& channelFlags, InputColumn<std::int64_t> const& rows,
                          InputColumn<double> const& positions, InputColumn<double> const& amplitudes,
-                         ScannerDevice const& scanner) {
+                         ScannerDevice const& scanner, std::shared_ptr<RunMonitor> monitor) {
   FullWaveform::EchoRules rules;
+  FullWaveform::WorkMeter work;
+  work.monitor = std::move(monitor);
+  work.poll = signalPoll();
   {
     nb::gil_scoped_release const release;
-    rules = FullWaveform::applyEchoRules(rowsOf(samples, counts), spanOf(shotTimes), spanOf(sblTimes),
-                                         spanOf(channelFlags),
-                                         {spanOf(rows), spanOf(positions), spanOf(amplitudes)}, scanner);
+    rules = FullWaveform::applyEchoRules(
+        rowsOf(samples, counts), spanOf(shotTimes), spanOf(sblTimes), spanOf(channelFlags),
+        {spanOf(rows), spanOf(positions), spanOf(amplitudes)}, scanner, work);
   }
   return nb::make_tuple(numpyColumn<double>(std::move(rules.times)),
                         numpyColumn<std::uint8_t>(asBytes(rules.states)));
@@ -249,7 +252,7 @@ void bindShotRules(nb::module_& module) {
              nb::arg("counts").noconvert(), nb::arg("shot_times").noconvert(),
              nb::arg("sbl_times").noconvert(), nb::arg("channel_flags").noconvert(),
              nb::arg("rows").noconvert(), nb::arg("positions").noconvert(), nb::arg("amplitudes").noconvert(),
-             nb::arg("scanner"),
+             nb::arg("scanner"), nb::arg("monitor") = nb::none(),
              "Times (s) and states of echoes that a method outside the driver found. `rows` is ascending.");
 }
 

@@ -166,6 +166,7 @@ def apply_echo_rules(
     positions: npt.NDArray[np.float64],
     amplitudes: npt.NDArray[np.float64],
     scanner: ScannerDevice,
+    monitor: RunMonitor | None = None,
 ) -> tuple[npt.NDArray[np.float64], npt.NDArray[np.uint8]]: ...
 
 class Grid:

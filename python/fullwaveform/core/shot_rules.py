@@ -5,6 +5,7 @@ from __future__ import annotations
 import numpy as np
 
 from fullwaveform import _core
+from fullwaveform._core import RunMonitor
 from fullwaveform.core.messages import forward_messages
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import FloatArray, IntArray, UInt8Array, UInt16Array
@@ -40,6 +41,7 @@ def apply_echo_rules(
     positions: FloatArray,
     amplitudes: FloatArray,
     scanner: Scanner,
+    monitor: RunMonitor | None = None,
 ) -> tuple[FloatArray, UInt8Array]:
     """Times (m,) of echoes in s, and their states (m,), of `EchoState`.
 
@@ -55,6 +57,7 @@ def apply_echo_rules(
     positions : (m,) samples
     amplitudes : (m,) counts as the digitiser stores them, baseline included
     scanner : with its sampling interval
+    monitor : cancels the call from another thread
     """
     times, states = _core.apply_echo_rules(
         samples,
@@ -66,6 +69,7 @@ def apply_echo_rules(
         np.ascontiguousarray(positions),
         np.ascontiguousarray(amplitudes),
         scanner.device(),
+        monitor,
     )
     forward_messages()
     return times, states

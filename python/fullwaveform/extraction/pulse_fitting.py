@@ -150,6 +150,7 @@ class PulseFitter:
             echoes["position"],
             echoes["amplitude"] + values["baseline"][of_waveform],
             self._scanner.at_interval(interval),
+            self._monitor,
         )
         remains = fates == EchoState.KEPT
         moved = np.setdiff1d(of_waveform[fates == EchoState.IN_OTHER_CHANNEL], of_waveform[remains])

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -34,7 +35,15 @@ class Block {
 
   [[nodiscard]] EchoRules rules(std::vector<std::int64_t> const& rows, std::vector<double> const& positions,
                                 std::vector<double> const& amplitudes, ScannerDevice const& scanner) const {
-    return applyEchoRules(samples(), shotTimes, sblTimes, flags, {rows, positions, amplitudes}, scanner);
+    WorkMeter work;
+    return rules(rows, positions, amplitudes, scanner, work);
+  }
+
+  [[nodiscard]] EchoRules rules(std::vector<std::int64_t> const& rows, std::vector<double> const& positions,
+                                std::vector<double> const& amplitudes, ScannerDevice const& scanner,
+                                WorkMeter& work) const {
+    return applyEchoRules(samples(), shotTimes, sblTimes, flags, {rows, positions, amplitudes}, scanner,
+                          work);
   }
 
  private:
@@ -154,6 +163,17 @@ TEST(ShotRules, AfterPulsesTakeNoPartInTheMerge) {
   block.add({1, 1, 900, 1}, 7.0, 1);
   EchoRules const rules = block.rules({0, 1}, {6.0, 6.0}, {500.0, 300.0}, scanner);
   EXPECT_EQ(rules.states, (States{kept, afterPulse}));
+}
+
+TEST(ShotRules, TheMergeOfALargeShotCanBeCancelled) {
+  Block block;
+  block.add({1, 2, 3}, 0.0, 0);
+  block.add({1, 2, 4}, 0.0, 1);
+  WorkMeter work;
+  work.monitor = std::make_shared<RunMonitor>();
+  work.monitor->cancel();
+  EXPECT_THROW((void)block.rules({0, 1}, {1.0, 1.0}, {500.0, 300.0}, scannerWithoutAfterPulse(), work),
+               Cancelled);
 }
 
 }  // namespace
