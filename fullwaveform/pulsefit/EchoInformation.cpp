@@ -68,10 +68,20 @@ void EchoInformation::begin(std::size_t samples, std::size_t noiseLag) {
   size = samples;
   lag = noiseLag;
   used = 0;
+  fitted = 0;
   echoes.clear();
 }
 
+/// Whether some sample must be in more echoes than one may be coupled with.
+bool EchoInformation::isCrowded() const {
+  return fitted > (maxCoupledEchoes + 1) * size;
+}
+
 PulseColumns EchoInformation::add(Place const& place) {
+  fitted += place.count;
+  if (isCrowded()) {
+    used = 0;  // nothing will be solved: the memory for thousands of wide echoes would be gigabytes
+  }
   std::size_t const stride = columnStride(place.count);
   std::size_t const length = maxParameters * (stride + (lag == 0 ? 0 : filteredStride(place.count, lag)));
   if (memory.size() < used + length) {
@@ -168,6 +178,9 @@ std::size_t EchoInformation::quietSamples() const {
 
 void EchoInformation::solve(SampleNoise const& noise, std::span<EchoUncertainty> result) {
   std::fill(result.begin(), result.end(), EchoUncertainty());
+  if (isCrowded()) {
+    return;
+  }
   order();
   if (!couple()) {
     return;

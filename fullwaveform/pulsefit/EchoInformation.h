@@ -67,6 +67,7 @@ class EchoInformation {
     std::size_t end;
   };
 
+  [[nodiscard]] bool isCrowded() const;
   void order();
   [[nodiscard]] PulseColumns columnsOf(Echo const& echo);
   [[nodiscard]] PulseColumns filteredOf(Echo const& echo);
@@ -96,6 +97,7 @@ class EchoInformation {
   std::vector<double> memory;
   std::vector<double> ones;  ///< weights of the samples
   std::size_t used = 0;      ///< values of `memory`
+  std::size_t fitted = 0;    ///< samples of all echoes
   std::vector<Echo> echoes;
   std::vector<std::size_t> firstColumns;
   std::vector<double> baselineProducts;  ///< J^T 1

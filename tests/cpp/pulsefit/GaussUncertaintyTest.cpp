@@ -244,6 +244,28 @@ TEST(GaussUncertainty, MoreThanFortyEchoesInOnePlaceAreUnknown) {
   }
 }
 
+TEST(GaussUncertainty, ManyEchoesAsWideAsTheWaveformAreUnknown) {
+  Samples const samples(90, 1000);
+  Values const covariance{16.0};
+  GaussUncertainty kernel;
+  auto const uncertainties = [&](Values const& positions) {
+    std::size_t const count = positions.size();
+    Values const heights(count, 200.0);
+    Values const sigmas(count, 3.0);
+    Values const reaches(count, count == 1 ? 24.0 : 90.0);
+    std::vector<EchoUncertainty> result(count);
+    kernel.apply({samples}, {covariance, 0.0}, {positions, heights, sigmas, sigmas, reaches}, result);
+    return result;
+  };
+  double const alone = uncertainties({45.0})[0].position;
+  EXPECT_TRUE(std::isfinite(alone));
+  for (EchoUncertainty const& found : uncertainties(Values(500, 45.0))) {
+    EXPECT_TRUE(std::isnan(found.position));
+    EXPECT_TRUE(std::isnan(found.amplitude));
+  }
+  EXPECT_EQ(uncertainties({45.0})[0].position, alone);
+}
+
 TEST(GaussUncertainty, TheResultDoesNotDependOnTheWaveformBefore) {
   GaussUncertainty kernel;
   Samples const samples(90, 100);
