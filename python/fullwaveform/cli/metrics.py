@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import math
 from contextlib import closing
 from pathlib import Path
 from typing import Annotated
@@ -46,8 +45,8 @@ _DEFAULTS = MetricsSettings()
 def _number(text: str | float) -> float:
     try:
         return float(text)
-    except ValueError:
-        return math.nan  # refused by the settings
+    except ValueError as error:
+        raise typer.BadParameter(f"{text!r} must be a number") from error
 
 
 def metrics(

@@ -73,7 +73,7 @@ def test_only_files_of_metrics_are_replaced(scan: Path, tmp_path: Path) -> None:
 @pytest.mark.parametrize(
     ("option", "value", "message"),
     [
-        ("--smoothing", "wide", "--smoothing: nan must be a finite number, not negative"),
+        ("--smoothing", "wide", "'wide' must be a number"),
         ("--projection", "0", "--projection: 0.0 must be above 0"),
         ("--profile-step", "0.001", "at most 1000 are allowed"),
     ],
