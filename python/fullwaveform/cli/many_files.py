@@ -20,7 +20,8 @@ SourceFiles = Annotated[
     list[Path],
     typer.Argument(
         metavar="IN",
-        help="Waveform files: LAS, LAZ, PulseWaves (.pls, .plz), scan container (.h5), .npz",
+        help="Waveform files: LAS, LAZ, PulseWaves (.pls, .plz), GEDI, LVIS, scan container (.h5), "
+        ".npz",
     ),
 ]
 FormatOption = Annotated[
