@@ -387,12 +387,11 @@ def plot(
     ) as reader:
         described = _scanner(scanner)
         carried = reader.scanner() if scanner is None else None
+        used = described if carried is None else carried
+        has_fit = Mode.PULSE_FIT in chosen
+        pulses = ExtractionSettings(used, Mode.PULSE_FIT).pulses if has_fit else None
         views = waveform_views(
-            find_shot(reader, *given[0]),
-            described if carried is None else carried,
-            chosen,
-            level,
-            measure(reader, pulse="auto" if Mode.PULSE_FIT in chosen else None),
+            find_shot(reader, *given[0]), used, chosen, level, measure(reader, pulse=pulses)
         )
     # Imported on demand: an extraction needs no matplotlib, which takes long to load.
     figures = import_module("fullwaveform.plotting.waveform")

@@ -29,6 +29,7 @@ from fullwaveform.cli.options import (
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.core.driver import Mode
 from fullwaveform.data.counting import counted
+from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 from fullwaveform.plotting.style import PLOT_ENDINGS, plot_kind
 from fullwaveform.plotting.waveform import draw_waveforms
@@ -79,6 +80,11 @@ def plot(
     selector, value = _selection(waveform, shot, time)
     require_suffix(output, PLOT_ENDINGS, "-o")
     modes = list(dict.fromkeys(mode or [Mode.THREE_POINT]))
+    if threshold is not None and modes == [Mode.PULSE_FIT]:
+        raise typer.BadParameter(
+            "does not apply to mode pulse-fit, which fits the samples as they are",
+            param_hint="--threshold",
+        )
     channels = channel_flags_from(channel)
     picture = Output(output, plot_kind(output), "-o")
     with (
@@ -87,12 +93,14 @@ def plot(
     ):
         with open_checked(source, channels, interval=interval, max_samples=max_samples) as reader:
             description = scanner_for(scanner, after_pulse, [reader.scanner()])
+            has_fit = Mode.PULSE_FIT in modes
+            pulses = ExtractionSettings(description, Mode.PULSE_FIT).pulses if has_fit else None
             views = waveform_views(
                 find_shot(reader, selector, value),
                 description,
                 modes,
                 threshold,
-                measure(reader, "off", "auto" if Mode.PULSE_FIT in modes else None),
+                measure(reader, "off", pulses),
             )
         draw_waveforms(output, views, whole=whole, overwrite=overwrite)
     for view in views:

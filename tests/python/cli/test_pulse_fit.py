@@ -190,3 +190,27 @@ def test_inapplicable_options_are_refused(scan: Path, tmp_path: Path) -> None:
         assert_usage(result, f"Invalid value for {option}: applies only to mode pulse-fit")
     result = run("report", scan, "--waveform", "1", "--mode", "pulse-fit")
     assert_usage(result, "Invalid value for --mode: the library's report has no place")
+
+
+def test_plot_uses_the_model_of_the_scanner_description(scan: Path, tmp_path: Path) -> None:
+    """A file of a few waveforms has too few echoes for a model of its own."""
+    short = write_scan(simulate_scan(ScanSettings(shots=20, seed=4)), tmp_path / "short.las").las
+    description, picture = tmp_path / "scanner.toml", tmp_path / "plot.png"
+    assert run("pulse-model", scan, "-o", description, "--channel", "2=high").exit_code == 0
+    call = ("plot", short, "--waveform", "0", "--mode", "pulse-fit", "-o", picture)
+    result = run(*call, "--channel", "2=high", "--scanner", description)
+    assert result.exit_code == 0, result.output
+    assert "pulse-fit: " in result.output
+    figure = fullwaveform.plot(
+        short,
+        waveform=0,
+        mode="pulse-fit",
+        scanner=fullwaveform.Scanner.from_toml(description),
+        channel_flags={1: 1, 2: 0},
+    )
+    assert figure.axes
+
+
+def test_plot_refuses_a_threshold_that_has_no_effect(scan: Path, tmp_path: Path) -> None:
+    call = ("plot", scan, "--waveform", "0", "--mode", "pulse-fit", "--threshold", "20")
+    assert_usage(run(*call, "-o", tmp_path / "plot.png"), "--threshold: does not apply")
