@@ -21,8 +21,8 @@ class PulseSeries {
 
   /// A range of whole lags.
   struct Lags {
-    int first;
-    int count;
+    int first = 0;
+    int count = 0;
   };
 
   struct Widened {

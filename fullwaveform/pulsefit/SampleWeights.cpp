@@ -6,7 +6,7 @@
 namespace FullWaveform {
 
 void SampleWeights::set(double quiet, std::span<VarianceBand const> bands, std::span<double> weights) {
-  std::array<std::size_t, 2 * maxBands + 1> ends;
+  std::array<std::size_t, 2 * maxBands + 1> ends{};
   ends[0] = weights.size();
   std::size_t endCount = 1;
   auto const insert = [&](std::size_t end) {

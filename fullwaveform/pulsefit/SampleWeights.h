@@ -37,7 +37,7 @@ class SampleWeights {
   [[nodiscard]] double logarithms() const { return logarithmSum; }
 
  private:
-  std::array<WeightSegment, 2 * maxBands + 1> parts;
+  std::array<WeightSegment, 2 * maxBands + 1> parts{};
   std::size_t count = 0;
   double weightSum = 0.0;
   double logarithmSum = 0.0;
