@@ -95,7 +95,7 @@ class ExtractOptions:
     def more_echoes(self) -> str:
         """What to do if no echo is found."""
         if self.mode is Mode.PULSE_FIT:
-            return "give a higher rate of --false-alarms"
+            return "use --mode decomposition"
         return "give a lower --threshold"
 
     @property

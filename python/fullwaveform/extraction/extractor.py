@@ -72,9 +72,17 @@ class ExtractionSettings:
 
     @property
     def pulses(self) -> PulseChoice | tuple[ReceiverModel, ...] | None:
-        """Pulse models, or the pulses of which they are to be made; None: not needed."""
+        """Pulse models, or the pulses of which they are to be made; None: not needed.
+
+        Raises ValueError if pulses are chosen for which there are models already.
+        """
         if self.mode is not Mode.PULSE_FIT:
             return None
+        if self.scanner.pulse_models and self.pulse_fit.pulse != "auto":
+            raise ValueError(
+                f"pulse {self.pulse_fit.pulse!r} has no effect, because the scanner description "
+                "has pulse models; leave it out, or remove its tables pulse_model"
+            )
         return self.scanner.pulse_models or self.pulse_fit.pulse
 
     @property

@@ -151,6 +151,8 @@ def test_model_of_the_scanner_description_is_used(scan: Path, tmp_path: Path) ->
     call = ("extract", scan, "-o", tmp_path / "e.csv", "--mode", "pulse-fit", "--scanner")
     text = words(run(*call, description, "--channel", "2=high").stdout)
     assert "of the scanner description" in text
+    refused = run(*call, description, "--pulse", "returned", "--overwrite")
+    assert_error(refused, "pulse 'returned' has no effect, because the scanner description has")
     # The metadata name the scanner; the echoes are equal.
     described = pyarrow.csv.read_csv(tmp_path / "described.csv")
     assert described.equals(pyarrow.csv.read_csv(tmp_path / "alone.csv"))
