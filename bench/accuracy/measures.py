@@ -12,8 +12,8 @@ from accuracy.pulses import Floats, Pulse
 from accuracy.scenes import Truth
 from fullwaveform.analysis.matching import Matching, match_echoes
 
-#: A found echo belongs to a true one if they are nearest to each other and not farther apart than
-#: this share of the full width at half maximum of the pulse.
+#: A found echo belongs to a true one if they are nearest to each other and their distance is at
+#: most this share of the full width at half maximum of the pulse.
 TOLERANCE = 0.5
 #: Deviations within which 68 % and 95 % of normally distributed errors lie.
 WITHIN = {"within68": 1.0, "within95": 1.96}
