@@ -51,8 +51,8 @@ def raise_on_signals() -> Iterator[None]:
     """Raise `SignalExit` in the block for the first signal; ignore later ones.
 
     So a second Ctrl-C does not disturb the removal of unfinished files. Where the exception would
-    get lost or do harm, it is raised at the next block of waveforms, or before an output is renamed
-    to its final name.
+    get lost or do harm, it is raised at the next block of waveforms, before or after an output is
+    renamed to its final name, or at the end of the ``with`` block.
 
     Restores the former handlers at the end, except `exit_on_signals` after a signal: the program is
     ending already, and signals stay ignored. Does nothing outside the main thread, which signals do
@@ -83,6 +83,9 @@ def raise_on_signals() -> Iterator[None]:
         if received is not None:  # a library replaced it by its own error
             raise received from error
         raise
+    else:
+        if received is not None:  # it was not raised where the signal arrived, nor later
+            raise received
     finally:
         request_end(None)
         sys.unraisablehook = former_hook

@@ -160,6 +160,7 @@ def atomic_path(
         raise_if_requested()
         with collected_if_renamed(temporary, final):
             _rename(temporary, final, kind, overwrite)
+        raise_if_requested()  # a signal that arrived during the renaming
     except OSError as error:
         temporary.unlink(missing_ok=True)
         renamed = _naming_final(error, temporary, final)

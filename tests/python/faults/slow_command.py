@@ -12,6 +12,7 @@ from typing import Any
 from fullwaveform.cli.main import main
 
 SHORT, LONG = 0.1, 300.0  # s
+SUMMARY_BEGINS = "the summary begins"
 
 
 def slow_blocks() -> None:
@@ -42,10 +43,11 @@ def slow_renaming() -> None:
 
 
 def slow_summary() -> None:
-    """Minutes pass between the renaming of the output and the summary."""
+    """Minutes pass before the summary is printed; a line of standard error tells when."""
     from fullwaveform.cli.summary import RunSummary
 
     def slowly(self: RunSummary, console: Any) -> None:
+        print(SUMMARY_BEGINS, file=sys.stderr, flush=True)
         time.sleep(LONG)
 
     RunSummary.show = slowly  # type: ignore[method-assign]

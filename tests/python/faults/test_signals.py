@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import io
+import os
 import signal
 import subprocess
 import sys
@@ -12,12 +13,13 @@ from typing import Any
 import pytest
 
 from fullwaveform.cli.signals import SignalExit, raise_on_signals
-from fullwaveform.io.atomic import OutputFile, atomic_path
+from fullwaveform.io.atomic import OutputFile, atomic_path, collect_outputs
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS
 
 from ..support.child_processes import TIMEOUT_S, environment, wait_until
 from ..support.command_line import names, run
 from .processes import slow
+from .slow_command import SUMMARY_BEGINS
 
 CODES = {signal.SIGINT: 130, signal.SIGTERM: 143, signal.SIGHUP: 129}
 PARTICIPLES = {signal.SIGINT: "interrupted", signal.SIGTERM: "terminated", signal.SIGHUP: "hung up"}
@@ -88,7 +90,8 @@ def test_signal_before_renaming_removes_the_output(
 def test_finished_output_stays_and_is_reported(scan: Path, tmp_path: Path) -> None:
     output = tmp_path / "echoes.parquet"
     process = slow("summary", "extract", scan, "-o", output)
-    wait_until(output.exists)
+    assert process.stderr is not None
+    assert process.stderr.readline() == f"{SUMMARY_BEGINS}\n"
     process.send_signal(signal.SIGTERM)
     assert_ended(process, signal.SIGTERM, left=f"; already written: {output}")
     assert without_statistics(tmp_path) == [output.name]
@@ -182,6 +185,31 @@ def test_exception_dropped_by_python_still_ends_the_run(tmp_path: Path) -> None:
     with atomic_path(output) as temporary:
         temporary.write_bytes(b"whole")
     assert output.read_bytes() == b"whole"
+
+
+def test_signal_during_the_renaming_ends_the_run_after_it(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    output, later = tmp_path / "output", tmp_path / "later"
+    link = os.link
+
+    def signalled(*names: Path) -> None:
+        link(*names)
+        signal.raise_signal(signal.SIGTERM)
+
+    monkeypatch.setattr(os, "link", signalled)
+    with pytest.raises(SignalExit), raise_on_signals(), collect_outputs() as written:
+        with atomic_path(output) as temporary:
+            temporary.write_bytes(b"whole")
+        later.write_bytes(b"not reached")
+    assert written == [output]
+    assert names(tmp_path) == [output.name]
+
+
+def test_signal_that_is_raised_nowhere_else_ends_the_block() -> None:
+    with pytest.raises(SignalExit) as ended, raise_on_signals():
+        _Finalized()
+    assert ended.value.exit_code == 143
 
 
 class _Raw(io.FileIO):
