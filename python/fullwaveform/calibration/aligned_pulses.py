@@ -189,6 +189,8 @@ def _described(aligned: AlignedPulses, noise_rms: float, narrowest: float | None
     """The pulses with the scatter and the distribution of widths that they show."""
     pulse = aligned.pulse
     inside = (aligned.variance > pulse.min_variance) & (aligned.variance < pulse.max_variance)
+    if not inside.any():  # pulses of another shape than the curve can have
+        return replace(aligned, scatter=_scatter(aligned, noise_rms))
     widths = width_distribution(aligned.variance[inside], aligned.error[inside], narrowest)
     return replace(aligned, widths=widths, scatter=_scatter(aligned, noise_rms))
 

@@ -11,6 +11,9 @@ from fullwaveform.data.arrays import BoolArray, FloatArray
 
 _LAGS = 4  # samples; further apart, the correlations of receivers are small
 _MIN_PAIRS = 1000  # of samples; fewer do not show a correlation
+# Of a waveform, on average. The mean of fewer takes more than half of the variance off that is
+# common to samples within four of each other.
+_MIN_SAMPLES = 2 * (2 * _LAGS + 1)
 _MIN_CORRELATION = 0.03  # smaller ones change no uncertainty by more than 10 %
 _MIN_ERRORS = 4.0  # standard errors of a correlation that counts
 _MIN_SQUARE = 0.25  # counts squared; weaker noise is hidden by the rounding to counts
@@ -40,13 +43,15 @@ def lag_products(values: FloatArray, baseline: FloatArray, quiet: BoolArray) -> 
 def noise_correlation(products: FloatArray, pairs: FloatArray) -> tuple[float, ...]:
     """Correlations of samples 1, 2, ... apart, at most 4; empty for white noise.
 
+    Also empty if there are too few samples to tell, in all or per waveform.
+
     Parameters
     ----------
     products, pairs : (n, 5), as `LagProducts`, of all waveforms whose noise counts
     """
     # Exact sums, so that the order of the waveforms does not matter.
     number = np.array([math.fsum(column) for column in pairs.T])
-    if number.min() < _MIN_PAIRS:
+    if number.min() < _MIN_PAIRS or number[0] < _MIN_SAMPLES * len(pairs):
         return ()
     mean = np.array([math.fsum(column) for column in products.T]) / number
     # The mean of n samples varies, too; it takes its own variance off all products.

@@ -68,7 +68,7 @@ def quiet_stretches(
 
     Of each waveform the stretch before its first echo, or the one after its last, whichever is
     longer. The length is the one that 500 waveforms have, a quarter of them if there are fewer, at
-    most 64 samples. No rows if fewer than 30 stretches have 5 samples.
+    least 10, and at most 128 samples. No rows if fewer stretches have 5 samples.
     """
     valid = np.arange(samples.shape[1]) < counts[:, np.newaxis]
     above = valid & (samples > threshold)
