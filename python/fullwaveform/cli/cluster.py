@@ -14,7 +14,7 @@ from rich.console import Console
 from rich.progress import BarColumn, MofNCompleteColumn, Progress, TextColumn, TimeRemainingColumn
 
 from fullwaveform.cli.errors import describe_error, report_errors
-from fullwaveform.cli.extract_options import ExtractOptions, with_extract_options
+from fullwaveform.cli.extract_options import ExtractOptions
 from fullwaveform.cli.many_files import (
     DEFAULT_FORMAT,
     FormatOption,
@@ -30,6 +30,7 @@ from fullwaveform.cli.options import (
     integer_from,
 )
 from fullwaveform.cli.progress import ProgressLines, print_line, shortened
+from fullwaveform.cli.reader_options import with_options
 from fullwaveform.cli.summary import RunSummary
 from fullwaveform.cluster.connection import LOCAL, check_address, connected
 from fullwaveform.cluster.inputs import InputFile, states_of
@@ -54,7 +55,7 @@ from fullwaveform.io.echo_writers.las import las_notes
 from fullwaveform.io.opening import open_waveforms
 
 
-@with_extract_options
+@with_options
 def cluster(
     sources: SourceFiles,
     folder: Annotated[
@@ -105,7 +106,6 @@ def cluster(
     check_names(sources)
     check_format(part_format, options)
     _check_folder(folder, resume)
-    _ = options.channels  # an invalid value is reported before any file is opened
 
     def remaining_result() -> str:
         if not (folder / MANIFEST_NAME).exists():

@@ -8,43 +8,30 @@ from typing import Annotated
 import typer
 
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.extract_options import open_checked
 from fullwaveform.cli.options import (
-    BlockOption,
-    ChannelOption,
-    CrsOption,
-    IntervalOption,
-    KeepDegraded,
-    MaxSamples,
     QuietOption,
     ScannerFile,
-    SkipUnreadable,
     SourceFile,
     VerboseOption,
-    channel_flags_from,
     refuse_quiet_and_verbose,
     require_suffix,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import blocks_with_progress, print_line
+from fullwaveform.cli.reader_options import ReaderOptions, with_options
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.data.counting import counted
 from fullwaveform.io.container.writer import ScanContainerWriter
-from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 
 
+@with_options
 def convert(
     source: SourceFile,
     output: Annotated[Path, typer.Argument(metavar="OUT.h5", help="Scan container: .h5 or .hdf5")],
+    *,
     scanner: ScannerFile = None,
-    interval: IntervalOption = None,
-    channel: ChannelOption = None,
-    block: BlockOption = 20_000,
-    skip_unreadable: SkipUnreadable = False,
-    max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
-    keep_degraded: KeepDegraded = False,
-    crs: CrsOption = None,
+    options: ReaderOptions,
     overwrite: OverwriteOption = False,
     verbose: VerboseOption = False,
     quiet: QuietOption = False,
@@ -59,23 +46,13 @@ def convert(
     """
     require_suffix(output, (".h5", ".hdf5"), "OUT.h5")
     refuse_quiet_and_verbose(quiet, verbose)
-    channels = channel_flags_from(channel)
     result = Output(output, ScanContainerWriter.kind, "OUT.h5")
     with (
         checked_outputs(result, overwrite=overwrite, inputs=(source, scanner)),
         report_errors(),
     ):
         description = Scanner.from_toml(scanner) if scanner is not None else None
-        with open_checked(
-            source,
-            channels,
-            interval=interval,
-            block=block,
-            skip_unreadable=skip_unreadable,
-            max_samples=max_samples,
-            keep_degraded=keep_degraded,
-            crs=crs,
-        ) as reader:
+        with options.open(source) as reader:
             reader.on_unreadable = print_line if verbose else None
             reader.with_outgoing = True
             writer = ScanContainerWriter(output, reader.header, description or reader.scanner())

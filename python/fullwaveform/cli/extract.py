@@ -14,7 +14,7 @@ from rich.console import Console
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_file import FileRun
 from fullwaveform.cli.extract_many import extract_many
-from fullwaveform.cli.extract_options import ExtractOptions, with_extract_options
+from fullwaveform.cli.extract_options import ExtractOptions
 from fullwaveform.cli.many_files import (
     DEFAULT_FORMAT,
     FormatOption,
@@ -27,12 +27,13 @@ from fullwaveform.cli.many_files import (
 from fullwaveform.cli.options import QuietOption, integer_from, refuse_quiet_and_verbose
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import print_line, progress_bar
+from fullwaveform.cli.reader_options import with_options
 from fullwaveform.core.messages import counted_messages
 from fullwaveform.extraction.pipeline import available_workers
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, check_takes_empty, echo_outputs
 
 
-@with_extract_options
+@with_options
 def extract(
     sources: SourceFiles,
     output: Annotated[
@@ -91,7 +92,6 @@ def extract(
     if as_json and many:
         raise typer.BadParameter("does not apply to output in a folder", param_hint="--json")
     targets = _in_folder(sources, output, file_format, options) if many else [output]
-    _ = options.channels  # an invalid value is reported before any file is opened
     outputs = []
     for target in targets:
         try:

@@ -11,7 +11,7 @@ from functools import partial
 from pathlib import Path
 
 from fullwaveform.calibration.calibration import measure
-from fullwaveform.cli.extract_options import ExtractOptions, open_checked
+from fullwaveform.cli.extract_options import ExtractOptions
 from fullwaveform.cli.progress import FollowingProgress, followed_blocks
 from fullwaveform.cli.summary import RunSummary
 from fullwaveform.core.driver import RunMonitor
@@ -56,16 +56,7 @@ class FileRun:
         monitor = RunMonitor()
         self.monitors.append(monitor)
         options = self.options
-        with open_checked(
-            source,
-            options.channels,
-            interval=options.interval,
-            block=options.block,
-            skip_unreadable=options.skip_unreadable,
-            max_samples=options.max_samples,
-            keep_degraded=options.keep_degraded,
-            crs=options.crs,
-        ) as reader:
+        with options.open(source) as reader:
             settings = options.settings([reader.scanner()])
             calibration = measure(reader, options.outgoing_phase, settings.pulses)
             settings = replace(settings, calibration=calibration)

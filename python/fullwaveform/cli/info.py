@@ -20,7 +20,6 @@ from fullwaveform.analysis.origin import point_file
 from fullwaveform.calibration.levels import ChannelLevels
 from fullwaveform.calibration.outgoing_phase import OutgoingPhase
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.extract_options import open_checked
 from fullwaveform.cli.info_origin import (
     json_origin,
     json_receiver,
@@ -35,10 +34,10 @@ from fullwaveform.cli.options import (
     MaxSamples,
     SourceFile,
     VerboseOption,
-    channel_flags_from,
     refuse_quiet_and_verbose,
 )
 from fullwaveform.cli.progress import blocks_with_progress, print_line
+from fullwaveform.cli.reader_options import ReaderOptions
 from fullwaveform.cli.summary import threshold_rows
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.extraction.extractor import ExtractionSettings
@@ -70,19 +69,19 @@ def info(
         fullwaveform info scan.las --channel 2=high --json
     """
     refuse_quiet_and_verbose(quiet, verbose)
-    channels = channel_flags_from(channel)
+    options = ReaderOptions(
+        interval=interval,
+        channel=channel,
+        skip_unreadable=True,
+        max_samples=max_samples,
+        keep_degraded=keep_degraded,
+    )
     with report_errors():
         if (points := point_file(source)) is not None:
             show_point_file(source, points, as_json=as_json)
             return
         with (
-            open_checked(
-                source,
-                channels,
-                interval=interval,
-                max_samples=max_samples,
-                keep_degraded=keep_degraded,
-            ) as reader,
+            options.open(source) as reader,
             blocks_with_progress(reader, quiet) as blocks,
         ):
             reader.on_unreadable = print_line if verbose else None

@@ -10,27 +10,18 @@ import typer
 
 from fullwaveform.cli.convert import print_left_out
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.extract_options import open_checked
 from fullwaveform.cli.options import (
-    BlockOption,
-    ChannelOption,
-    CrsOption,
-    IntervalOption,
-    KeepDegraded,
-    MaxSamples,
     QuietOption,
-    SkipUnreadable,
     SourceFile,
     VerboseOption,
-    channel_flags_from,
     integer_from,
     refuse_quiet_and_verbose,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import blocks_with_progress, print_line
+from fullwaveform.cli.reader_options import ReaderOptions, with_options
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.pipeline import available_workers
-from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 from fullwaveform.waveform_metrics.files import (
     METRICS_ENDINGS,
     metrics_outputs,
@@ -49,6 +40,7 @@ def _number(text: str | float) -> float:
         raise typer.BadParameter(f"{text!r} must be a number") from error
 
 
+@with_options
 def metrics(
     source: SourceFile,
     output: Annotated[
@@ -60,6 +52,7 @@ def metrics(
             help=f"Table of metrics: {', '.join(METRICS_ENDINGS)}",
         ),
     ],
+    *,
     smoothing: Annotated[
         float,
         typer.Option(
@@ -112,13 +105,7 @@ def metrics(
             parser=integer_from(1), metavar="N", help="Number of threads. Default: all processors"
         ),
     ] = None,
-    interval: IntervalOption = None,
-    channel: ChannelOption = None,
-    block: BlockOption = 20_000,
-    skip_unreadable: SkipUnreadable = False,
-    max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
-    keep_degraded: KeepDegraded = False,
-    crs: CrsOption = None,
+    options: ReaderOptions,
     overwrite: OverwriteOption = False,
     verbose: VerboseOption = False,
     quiet: QuietOption = False,
@@ -135,7 +122,6 @@ def metrics(
         fullwaveform metrics scan.las -o metrics.csv --smoothing 2 --profile-step 1 --profile-top 30
     """
     refuse_quiet_and_verbose(quiet, verbose)
-    channels = channel_flags_from(channel)
     try:
         settings = MetricsSettings(
             smoothing=smoothing,
@@ -157,16 +143,7 @@ def metrics(
         raise typer.BadParameter(str(error), param_hint="-o") from error
     outputs = [Output(path, kind, "-o") for path, kind in kinds.items()]
     with checked_outputs(*outputs, overwrite=overwrite, inputs=(source,)), report_errors():
-        with open_checked(
-            source,
-            channels,
-            interval=interval,
-            block=block,
-            skip_unreadable=skip_unreadable,
-            max_samples=max_samples,
-            keep_degraded=keep_degraded,
-            crs=crs,
-        ) as reader:
+        with options.open(source) as reader:
             reader.on_unreadable = print_line if verbose else None
             run = measured_run(reader, settings)
             writer = open_metrics_file(

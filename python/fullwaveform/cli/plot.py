@@ -11,7 +11,7 @@ from fullwaveform.analysis.waveform_selection import Selector, find_shot
 from fullwaveform.analysis.waveform_views import WaveformView, waveform_views
 from fullwaveform.calibration.calibration import measure
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.extract_options import open_checked, scanner_for
+from fullwaveform.cli.extract_options import scanner_for
 from fullwaveform.cli.options import (
     AfterPulseOption,
     ChannelOption,
@@ -22,11 +22,11 @@ from fullwaveform.cli.options import (
     SourceFile,
     ThresholdOption,
     TimeOption,
-    channel_flags_from,
     integer_from,
     require_suffix,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
+from fullwaveform.cli.reader_options import ReaderOptions
 from fullwaveform.core.driver import Mode
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.extractor import ExtractionSettings
@@ -85,13 +85,15 @@ def plot(
             "does not apply to mode pulse-fit, which fits the samples as they are",
             param_hint="--threshold",
         )
-    channels = channel_flags_from(channel)
+    options = ReaderOptions(
+        interval=interval, channel=channel, max_samples=max_samples, skip_unreadable=True
+    )
     picture = Output(output, plot_kind(output), "-o")
     with (
         checked_outputs(picture, overwrite=overwrite, inputs=(source, scanner)),
         report_errors(),
     ):
-        with open_checked(source, channels, interval=interval, max_samples=max_samples) as reader:
+        with options.open(source) as reader:
             description = scanner_for(scanner, after_pulse, [reader.scanner()])
             has_fit = Mode.PULSE_FIT in modes
             pulses = ExtractionSettings(description, Mode.PULSE_FIT).pulses if has_fit else None

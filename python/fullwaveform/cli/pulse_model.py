@@ -15,17 +15,16 @@ from rich.console import Console
 from fullwaveform.calibration.levels import measure_levels
 from fullwaveform.calibration.pulse_model import MeasuredPulse, measure_pulse_models
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.extract_options import open_checked
 from fullwaveform.cli.options import (
     ChannelOption,
     IntervalOption,
     MaxSamples,
     PulseOption,
     SourceFile,
-    channel_flags_from,
     require_suffix,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
+from fullwaveform.cli.reader_options import ReaderOptions
 from fullwaveform.cli.summary import Row, print_table, pulse_model_row
 from fullwaveform.core.pulse_models import full_width
 from fullwaveform.core.scanner import Scanner
@@ -82,13 +81,15 @@ def pulse_model(
     if plot is not None:
         require_suffix(plot, PLOT_ENDINGS, "--plot")
         outputs.append(Output(plot, plot_kind(plot), "--plot"))
-    channels = channel_flags_from(channel)
+    options = ReaderOptions(
+        interval=interval, channel=channel, max_samples=max_samples, skip_unreadable=True
+    )
     with (
         checked_outputs(*outputs, overwrite=overwrite, inputs=(source, scanner)),
         report_errors(),
     ):
         base = Scanner.default() if scanner is None else Scanner.from_toml(scanner)
-        with open_checked(source, channels, interval=interval, max_samples=max_samples) as reader:
+        with options.open(source) as reader:
             reader.with_outgoing = reader.has_outgoing
             blocks = list(reader.spread_blocks())
         measured = measure_pulse_models(blocks, measure_levels(blocks), str(source), pulse)

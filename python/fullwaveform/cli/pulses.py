@@ -10,42 +10,28 @@ import typer
 from fullwaveform.analysis.pulse_table import PulseTable, pulse_columns
 from fullwaveform.cli.convert import print_left_out
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.extract_options import open_checked
 from fullwaveform.cli.options import (
-    BlockOption,
-    ChannelOption,
-    CrsOption,
-    IntervalOption,
-    KeepDegraded,
-    MaxSamples,
     QuietOption,
-    SkipUnreadable,
     SourceFile,
     VerboseOption,
-    channel_flags_from,
     refuse_quiet_and_verbose,
     require_suffix,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import blocks_with_progress, print_line
+from fullwaveform.cli.reader_options import ReaderOptions, with_options
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.data.counting import counted
-from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 from fullwaveform.io.pulse_writer import PulseWriter
 
 
+@with_options
 def pulses(
     source: SourceFile,
     output: Annotated[
         Path, typer.Option("-o", "--output", metavar="OUT.parquet", help="Table of pulses")
     ],
-    interval: IntervalOption = None,
-    channel: ChannelOption = None,
-    block: BlockOption = 20_000,
-    skip_unreadable: SkipUnreadable = False,
-    max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
-    keep_degraded: KeepDegraded = False,
-    crs: CrsOption = None,
+    options: ReaderOptions,
     overwrite: OverwriteOption = False,
     verbose: VerboseOption = False,
     quiet: QuietOption = False,
@@ -62,19 +48,9 @@ def pulses(
     """
     require_suffix(output, (".parquet",), "-o")
     refuse_quiet_and_verbose(quiet, verbose)
-    channels = channel_flags_from(channel)
     result = Output(output, PulseWriter.kind, "-o")
     with checked_outputs(result, overwrite=overwrite, inputs=(source,)), report_errors():
-        with open_checked(
-            source,
-            channels,
-            interval=interval,
-            block=block,
-            skip_unreadable=skip_unreadable,
-            max_samples=max_samples,
-            keep_degraded=keep_degraded,
-            crs=crs,
-        ) as reader:
+        with options.open(source) as reader:
             reader.on_unreadable = print_line if verbose else None
             reader.with_outgoing = True
             writer = PulseWriter(output, pulse_columns(reader.shot_columns))

@@ -11,7 +11,7 @@ from fullwaveform.analysis.reports import block_reports
 from fullwaveform.analysis.waveform_selection import SelectedShot, Selector, find_shot
 from fullwaveform.calibration.calibration import measure
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.extract_options import open_checked, scanner_for
+from fullwaveform.cli.extract_options import scanner_for
 from fullwaveform.cli.options import (
     AfterPulseOption,
     ChannelOption,
@@ -22,10 +22,10 @@ from fullwaveform.cli.options import (
     SourceFile,
     ThresholdOption,
     TimeOption,
-    channel_flags_from,
     integer_from,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
+from fullwaveform.cli.reader_options import ReaderOptions
 from fullwaveform.core.driver import Mode, check_system_wave
 from fullwaveform.extraction.prepare import Preparation, prepare
 from fullwaveform.io.atomic import FileKind, atomic_open
@@ -95,12 +95,14 @@ def report(
             param_hint="--mode",
         )
     outputs = [] if output is None else [Output(output, _REPORT_KIND, "-o")]
-    channels = channel_flags_from(channel)
+    options = ReaderOptions(
+        interval=interval, channel=channel, max_samples=max_samples, skip_unreadable=True
+    )
     with (
         checked_outputs(*outputs, overwrite=overwrite, inputs=(source, scanner)),
         report_errors(),
     ):
-        with open_checked(source, channels, interval=interval, max_samples=max_samples) as reader:
+        with options.open(source) as reader:
             description = scanner_for(scanner, after_pulse, [reader.scanner()])
             check_system_wave(mode, description)
             shots = [find_shot(reader, Selector.WAVEFORM, number) for number in numbers]

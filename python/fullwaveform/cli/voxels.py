@@ -10,27 +10,18 @@ import typer
 
 from fullwaveform.cli.convert import print_left_out
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.extract_options import open_checked
 from fullwaveform.cli.options import (
-    BlockOption,
-    ChannelOption,
-    CrsOption,
-    IntervalOption,
-    KeepDegraded,
-    MaxSamples,
     QuietOption,
-    SkipUnreadable,
     SourceFile,
     VerboseOption,
-    channel_flags_from,
     refuse_quiet_and_verbose,
     require_suffix,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import blocks_with_progress, print_line
+from fullwaveform.cli.reader_options import ReaderOptions, with_options
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.data.counting import counted
-from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 from fullwaveform.volumes.files import TIFF_ENDINGS, ZARR_ENDING, volume_file
 from fullwaveform.volumes.grid import checked_size
 from fullwaveform.volumes.quantities import QUANTITIES, checked_quantity
@@ -57,6 +48,7 @@ def _channel(text: str) -> str:
     return text
 
 
+@with_options
 def voxels(
     source: SourceFile,
     output: Annotated[
@@ -75,6 +67,7 @@ def voxels(
             parser=_size, metavar="SIZE", help="Edge of a voxel in coordinate units of IN"
         ),
     ],
+    *,
     quantity: Annotated[
         str | None,
         typer.Option(
@@ -91,13 +84,7 @@ def voxels(
             help="Use the waveforms of this channel only. Default: all waveforms",
         ),
     ] = None,
-    interval: IntervalOption = None,
-    channel: ChannelOption = None,
-    block: BlockOption = 20_000,
-    skip_unreadable: SkipUnreadable = False,
-    max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
-    keep_degraded: KeepDegraded = False,
-    crs: CrsOption = None,
+    options: ReaderOptions,
     overwrite: OverwriteOption = False,
     verbose: VerboseOption = False,
     quiet: QuietOption = False,
@@ -119,23 +106,13 @@ def voxels(
             "only for a GeoTIFF; a Zarr volume has all", param_hint="--quantity"
         )
     refuse_quiet_and_verbose(quiet, verbose)
-    channels = channel_flags_from(channel)
     with report_errors():
         kind = volume_file(output, quantity).kind
     with (
         checked_outputs(Output(output, kind, "-o"), overwrite=overwrite, inputs=(source,)),
         report_errors(),
     ):
-        with open_checked(
-            source,
-            channels,
-            interval=interval,
-            block=block,
-            skip_unreadable=skip_unreadable,
-            max_samples=max_samples,
-            keep_degraded=keep_degraded,
-            crs=crs,
-        ) as reader:
+        with options.open(source) as reader:
             reader.on_unreadable = print_line if verbose else None
             summary = write_volume(
                 reader,
