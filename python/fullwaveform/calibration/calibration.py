@@ -12,7 +12,6 @@ from fullwaveform.calibration.levels import ChannelLevels, measure_levels
 from fullwaveform.calibration.outgoing_phase import OutgoingPhase, measure_outgoing_phase
 from fullwaveform.calibration.phase_choice import PhaseChoice
 from fullwaveform.calibration.pulse_choice import PulseChoice
-from fullwaveform.calibration.pulse_model import measure_pulse_models
 from fullwaveform.core.pulse_fit import PulseModel
 from fullwaveform.core.pulse_models import ReceiverModel, model_of
 from fullwaveform.data.arrays import IntArray
@@ -113,6 +112,9 @@ def _pulse_models(
     pulse: PulseChoice | tuple[ReceiverModel, ...] | None,
 ) -> tuple[ReceiverModel, ...]:
     if isinstance(pulse, str):
+        # On demand: it needs SciPy, which takes longer to load than most commands run.
+        from fullwaveform.calibration.pulse_model import measure_pulse_models
+
         return tuple(each.entry for each in measure_pulse_models(blocks, levels, origin, pulse))
     return pulse or ()
 

@@ -3,13 +3,15 @@
 from __future__ import annotations
 
 from dataclasses import dataclass
+from typing import TYPE_CHECKING
 
 import numpy as np
 from numpy.polynomial import Polynomial
-from scipy.interpolate import BSpline
-from scipy.linalg import solveh_banded
 
 from fullwaveform.data.arrays import FloatArray
+
+if TYPE_CHECKING:
+    from scipy.interpolate import BSpline
 
 # Weight of the third differences of the coefficients: negligible compared with data, but it makes
 # the curve smooth where there are no samples.
@@ -43,6 +45,9 @@ class Curve:
         kind: tuple[int, int],
     ) -> Curve:
         """Penalised least-squares fit to samples; NaN and samples outside are ignored."""
+        # On demand: SciPy takes longer to load than most commands run, and few measure a curve.
+        from scipy.interpolate import BSpline
+
         (before, after), (per_sample, degree) = extent, kind
         inside = np.isfinite(y) & (x >= -before) & (x <= after)
         weights = weight[inside]
@@ -102,6 +107,8 @@ def _half(lag: FloatArray, value: FloatArray, index: int) -> float:
 
 def _solved(normal: FloatArray, right: FloatArray, degree: int) -> FloatArray:
     """Solution of the normal equations, whose matrix has `degree` diagonals on each side."""
+    from scipy.linalg import solveh_banded
+
     size = len(normal)
     banded = np.zeros((degree + 1, size))
     for off in range(degree + 1):

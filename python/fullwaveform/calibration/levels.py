@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import math
-from collections.abc import Iterable
+from collections.abc import Iterable, Iterator, Mapping, Sequence
 from dataclasses import dataclass, replace
 
 import numpy as np
@@ -66,18 +66,13 @@ def measure_levels(blocks: Iterable[WaveformBlock]) -> tuple[ChannelLevels, ...]
     """The levels of each channel flag and descriptor that the waveforms of the blocks have."""
     found: dict[tuple[int, int], list[tuple[WaveformLevels, LagProducts]]] = {}
     tops: dict[tuple[int, int], list[TopSamples]] = {}
-    for block in blocks:
-        receivers = np.column_stack([block.channel_flags, block.descriptors, block.counts])
-        for flag, descriptor, count in np.unique(receivers, axis=0).tolist():
-            if count >= MIN_SAMPLES:
-                rows = (receivers == (flag, descriptor, count)).all(axis=1)
-                samples: UInt16Array = block.samples[rows, :count]
-                tops.setdefault((flag, descriptor), []).append(top_samples(samples))
-                step = max(_SAMPLES_AT_ONCE // count, 1)
-                found.setdefault((flag, descriptor), []).extend(
-                    levels_and_products(samples[first : first + step])
-                    for first in range(0, len(samples), step)
-                )
+    for receiver, samples in _by_receiver(blocks):
+        tops.setdefault(receiver, []).append(top_samples(samples))
+        step = max(_SAMPLES_AT_ONCE // samples.shape[1], 1)
+        found.setdefault(receiver, []).extend(
+            levels_and_products(samples[first : first + step])
+            for first in range(0, len(samples), step)
+        )
     return tuple(
         replace(
             _channel_levels(flag, descriptor, parts),
@@ -85,6 +80,34 @@ def measure_levels(blocks: Iterable[WaveformBlock]) -> tuple[ChannelLevels, ...]
         )
         for (flag, descriptor), parts in sorted(found.items())
     )
+
+
+def _by_receiver(blocks: Iterable[WaveformBlock]) -> Iterator[tuple[tuple[int, int], UInt16Array]]:
+    """Channel flag and descriptor, and samples (n, count) of their waveforms of equal length.
+
+    Those of small blocks are put together: a call of NumPy takes longer than a few waveforms.
+    """
+    waiting: dict[tuple[int, int, int], list[UInt16Array]] = {}
+    size = 0
+    for block in blocks:
+        receivers = np.column_stack([block.channel_flags, block.descriptors, block.counts])
+        for key in np.unique(receivers, axis=0).tolist():
+            count = key[2]
+            if count >= MIN_SAMPLES:
+                rows = (receivers == key).all(axis=1)
+                waiting.setdefault(tuple(key), []).append(block.samples[rows, :count])
+                size += int(np.count_nonzero(rows)) * count
+        if size >= _SAMPLES_AT_ONCE:
+            yield from _joined(waiting)
+            waiting, size = {}, 0
+    yield from _joined(waiting)
+
+
+def _joined(
+    parts: Mapping[tuple[int, int, int], Sequence[UInt16Array]],
+) -> Iterator[tuple[tuple[int, int], UInt16Array]]:
+    for (flag, descriptor, _), samples in parts.items():
+        yield (flag, descriptor), np.concatenate(samples)
 
 
 def _channel_levels(

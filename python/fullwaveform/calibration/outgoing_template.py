@@ -6,7 +6,6 @@ from dataclasses import dataclass
 from functools import cached_property
 
 import numpy as np
-from scipy.interpolate import BSpline
 
 from fullwaveform.calibration.curve import Curve, vertex
 from fullwaveform.calibration.pulses import pulses_of_rows, screened
@@ -96,6 +95,8 @@ class OutgoingTemplate:
     @cached_property
     def _estimators(self) -> tuple[FloatArray, FloatArray]:
         """Weights of the samples in amplitude, and in amplitude times movement, by phase."""
+        from scipy.interpolate import BSpline  # on demand, see `Curve.through`
+
         phase = np.arange(-_PHASES // 2, _PHASES // 2 + 1) / _PHASES
         x = np.arange(self.first, self.last + 1) - phase[:, np.newaxis]
         spline = BSpline(np.array(self.knots), np.array(self.coefficients), _DEGREE)

@@ -7,6 +7,10 @@ import sys
 
 from fullwaveform.cli.signals import exit_on_signals
 
+# The matrices are small, and idle threads of the linear algebra library, which it starts when NumPy
+# is loaded, use processor time that the workers need.
+_THREADS_OF_LINEAR_ALGEBRA = ("OPENBLAS_NUM_THREADS", "MKL_NUM_THREADS")
+
 
 def main() -> None:
     """Run the command line and exit.
@@ -15,6 +19,8 @@ def main() -> None:
     SIGTERM and SIGHUP.
     """
     exit_on_signals()
+    for variable in _THREADS_OF_LINEAR_ALGEBRA:
+        os.environ.setdefault(variable, "1")
     from fullwaveform.cli.app import app
 
     code: str | int | None = None

@@ -5,12 +5,14 @@ from __future__ import annotations
 from collections.abc import Iterator, Mapping, Sequence
 from dataclasses import dataclass, fields
 from html import escape
-from typing import Any, Self, TypeVar, cast
+from typing import TYPE_CHECKING, Any, Self, TypeVar, cast
 
 import numpy as np
-import pyarrow as pa
 
 from fullwaveform.data.arrays import AnyArray, IntArray
+
+if TYPE_CHECKING:
+    import pyarrow as pa
 
 _Rows = TypeVar("_Rows")
 
@@ -45,6 +47,8 @@ class Columns(Mapping[str, AnyArray]):
 
     def to_arrow(self) -> pa.Table:
         """The same table for pyarrow."""
+        import pyarrow as pa  # on demand: most runs write no Arrow table
+
         return pa.table(self._columns)
 
 
@@ -109,6 +113,8 @@ class Table:
 
     def to_arrow(self, columns: Sequence[Column]) -> pa.Table:
         """The described columns as a table of pyarrow, with `arrow_schema` as its schema."""
+        import pyarrow as pa
+
         schema = arrow_schema(columns)
         arrays = [pa.array(self[field.name], field.type) for field in schema]
         return pa.Table.from_arrays(arrays, schema=schema)
@@ -116,6 +122,8 @@ class Table:
 
 def arrow_schema(columns: Sequence[Column]) -> pa.Schema:
     """Names and types of the columns, with unit and description in the metadata of each field."""
+    import pyarrow as pa
+
     return pa.schema(
         [
             pa.field(

@@ -5,13 +5,16 @@ from __future__ import annotations
 import math
 from collections.abc import Callable, Mapping
 from dataclasses import dataclass
+from typing import TYPE_CHECKING
 
 import numpy as np
-import pyarrow as pa
 
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.columns import Column, Table, arrow_schema
+
+if TYPE_CHECKING:
+    import pyarrow as pa
 
 #: Index (m,) of the discrete return of the block to which each echo corresponds, -1 for none.
 RETURN_INDEX = "returnIndex"

@@ -5,7 +5,6 @@ from __future__ import annotations
 from dataclasses import replace
 
 import numpy as np
-from scipy.ndimage import gaussian_filter1d
 
 from fullwaveform.data.blocks import WaveformBlock
 
@@ -34,6 +33,8 @@ def smoothed(block: WaveformBlock, seconds: float) -> WaveformBlock:
     """
     if seconds == 0.0 or len(block) == 0:
         return block
+    from scipy.ndimage import gaussian_filter1d  # takes longer to load than most runs of a command
+
     samples = block.samples.copy()
     kinds = np.column_stack([block.counts, block.sampling_intervals])
     for count, interval in np.unique(kinds[block.counts > 0], axis=0):

@@ -10,16 +10,24 @@ from typing import Any
 
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
-from fullwaveform.io.container.layout import HDF5_SIGNATURE
-from fullwaveform.io.las.reader import LasWaveformReader
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES, checked_max_samples
-from fullwaveform.io.npz.arrays import NPY_SIGNATURE
-from fullwaveform.io.npz.reader import ZIP_SIGNATURE, NpzReader
-from fullwaveform.io.pulsewaves.header import PULSE_SIGNATURE
-from fullwaveform.io.pulsewaves.reader import PulseWavesReader
-from fullwaveform.io.pulsewaves.waves import WAVES_SIGNATURE
+from fullwaveform.io.signatures import (
+    HDF5_SIGNATURE,
+    LAS_SIGNATURE,
+    NPY_SIGNATURE,
+    PULSE_SIGNATURE,
+    WAVES_SIGNATURE,
+    ZIP_SIGNATURE,
+)
 
-_LAS_SIGNATURE = b"LASF"
+# Signature -> module and class, imported on demand: loading h5py takes longer than reading many a
+# file.
+_READERS = {
+    LAS_SIGNATURE: ("las.reader", "LasWaveformReader"),
+    PULSE_SIGNATURE: ("pulsewaves.reader", "PulseWavesReader"),
+    ZIP_SIGNATURE: ("npz.reader", "NpzReader"),
+    NPY_SIGNATURE: ("npz.reader", "NpzReader"),
+}
 _MAX_SIGNATURE = 16  # bytes
 _FIXED_SYSTEM = "{} has coordinates in a fixed system; --crs (crs) is only for GEDI and LVIS files"
 
@@ -91,20 +99,15 @@ def _opened(
         start = stream.read(_MAX_SIGNATURE)
     if crs is not None and not start.startswith(HDF5_SIGNATURE):
         raise ValueError(_FIXED_SYSTEM.format(path))
-    if start.startswith((ZIP_SIGNATURE, NPY_SIGNATURE)):
-        return NpzReader(
-            path,
-            waveforms_per_block=waveforms_per_block,
-            channel_flags=channel_flags,
-            sampling_interval=sampling_interval,
-        )
     reader = _reader_class(start, Path(path))
-    if sampling_interval is not None:
+    options: dict[str, Any] = {}
+    if start.startswith((ZIP_SIGNATURE, NPY_SIGNATURE)):
+        options = {"sampling_interval": sampling_interval}
+    elif sampling_interval is not None:
         raise ValueError(
             f"{path} stores its sampling interval; --interval (sampling_interval) is only for an "
             ".npy or an .npz without it"
         )
-    options: dict[str, Any] = {}
     if reader.is_geographic:
         options = {"keep_degraded": keep_degraded, "crs": crs}
     elif crs is not None:
@@ -116,12 +119,10 @@ def _opened(
 
 
 def _reader_class(start: bytes, path: Path) -> Any:
-    if start.startswith(_LAS_SIGNATURE):
-        return LasWaveformReader
-    if start.startswith(PULSE_SIGNATURE):
-        return PulseWavesReader
+    for signature, (module, name) in _READERS.items():
+        if start.startswith(signature):
+            return getattr(import_module(f"fullwaveform.io.{module}"), name)
     if start.startswith(HDF5_SIGNATURE):
-        # Imported on demand: loading h5py takes longer than reading many a file.
         return import_module("fullwaveform.io.hdf5.opening").hdf5_reader_class(path)
     if start.startswith(WAVES_SIGNATURE):
         raise WaveformFileError(

@@ -20,8 +20,8 @@ from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import AnyArray, FloatArray
 from fullwaveform.data.columns import take_rows
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.npz.reader import ZIP_SIGNATURE
 from fullwaveform.io.opening import open_waveforms
+from fullwaveform.io.signatures import ZIP_SIGNATURE
 
 _TEXT_ENDINGS = {".txt", ".csv", ".dat", ".xy", ".tsv"}
 _NANOSECONDS = 1e9

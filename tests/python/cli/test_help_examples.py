@@ -6,7 +6,6 @@ import inspect
 import re
 import shlex
 import textwrap
-from importlib import import_module
 from itertools import pairwise
 from pathlib import Path
 
@@ -19,8 +18,7 @@ from ..support.command_line import run, words
 
 
 def examples(command: str) -> list[str]:
-    module, function = COMMANDS[command]
-    text = textwrap.dedent(inspect.getdoc(getattr(import_module(module), function)) or "")
+    text = textwrap.dedent(inspect.getdoc(COMMANDS[command].load()) or "")
     return re.findall(r"^\s*(fullwaveform .+)$", text, flags=re.MULTILINE)
 
 

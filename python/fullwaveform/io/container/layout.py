@@ -7,7 +7,6 @@ from dataclasses import dataclass
 
 import numpy as np
 
-HDF5_SIGNATURE = b"\x89HDF\r\n\x1a\n"
 FORMAT = "fullwaveform scan"
 VERSION = 1
 

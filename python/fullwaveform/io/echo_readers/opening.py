@@ -7,7 +7,6 @@ from pathlib import Path
 
 from fullwaveform.data.echo_records import EchoFile
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.container.layout import HDF5_SIGNATURE
 from fullwaveform.io.echo_readers.las import las_echo_file
 from fullwaveform.io.echo_readers.tables import (
     csv_echo_file,
@@ -15,7 +14,7 @@ from fullwaveform.io.echo_readers.tables import (
     npz_echo_file,
     parquet_echo_file,
 )
-from fullwaveform.io.npz.reader import ZIP_SIGNATURE
+from fullwaveform.io.signatures import HDF5_SIGNATURE, ZIP_SIGNATURE
 
 _BY_SIGNATURE = {
     b"LASF": las_echo_file,

@@ -10,9 +10,9 @@ from numpy.lib import format as npy
 
 from fullwaveform.data.arrays import AnyArray
 from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.signatures import NPY_SIGNATURE
 
 Arrays = dict[str, AnyArray]
-NPY_SIGNATURE = b"\x93NUMPY"
 
 
 def load_arrays(path: Path, keys: frozenset[str], memory_limit: int) -> Arrays:

@@ -17,8 +17,6 @@ from fullwaveform.io.limits import MAX_SAMPLES, numbered_shots
 from fullwaveform.io.npz.arrays import has_array, is_single_array, load_arrays, load_samples
 from fullwaveform.io.npz.outgoing import OUTGOING_SAMPLES, load_outgoing
 
-ZIP_SIGNATURE = b"PK"
-
 _FOUR_GIGABYTES = 1 << 32
 # Key -> alternative key.
 _ALTERNATIVES = {

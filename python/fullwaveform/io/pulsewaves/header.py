@@ -22,8 +22,8 @@ from laspy.header import GpsTimeType
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.coordinates import check_coordinates
 from fullwaveform.io.reference_system import PROJECTION_USER, WKT_RECORD
+from fullwaveform.io.signatures import PULSE_SIGNATURE
 
-PULSE_SIGNATURE = b"PulseWavesPulse"
 MIN_PULSE_SIZE = 48  # bytes; larger pulses have additional attributes
 PULSEWAVES_USER_ID = "PulseWaves_Spec"
 PROJECTION_USER_ID = "PulseWaves_Proj"

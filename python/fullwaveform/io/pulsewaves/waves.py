@@ -13,8 +13,8 @@ from fullwaveform.data.arrays import BoolArray, IntArray, RecordArray, UInt16Arr
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.pulsewaves.descriptors import PulseDescriptor, SamplingTable
 from fullwaveform.io.pulsewaves.pulses import PulseData, Pulses
+from fullwaveform.io.signatures import WAVES_SIGNATURE
 
-WAVES_SIGNATURE = b"PulseWavesWaves"
 WAVES_HEADER_SIZE = 60  # bytes; offsets of pulses count from the start of this header
 UNCOMPRESSED, COMPRESSED = 0, 1
 
