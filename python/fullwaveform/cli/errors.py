@@ -10,6 +10,7 @@ from pathlib import Path
 import typer
 
 from fullwaveform.cli.signals import SignalExit, raise_on_signals
+from fullwaveform.data.errors import describe
 from fullwaveform.io.atomic import collect_outputs
 
 #: Exit code after a data or file error; typer exits with 2 after a usage error.
@@ -46,14 +47,9 @@ def _completed(files: list[Path]) -> str:
 
 def describe_error(error: Exception) -> str:
     """The message of a file, data, memory or usage error."""
-    if isinstance(error, OSError):
-        where = f"{error.filename}: " if error.filename and error.strerror else ""
-        return f"{where}{error.strerror or error}"
-    if isinstance(error, MemoryError):
-        return "not enough memory for one block of waveforms; reduce --block"
     if isinstance(error, typer.BadParameter):
         return f"{error.param_hint or 'option'}: {error.message}"
-    return str(error)
+    return describe(error)
 
 
 def one_line(message: str) -> str:

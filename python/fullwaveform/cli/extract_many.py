@@ -14,6 +14,7 @@ from fullwaveform.cli.extract_file import FileRun
 from fullwaveform.cli.progress import ProgressLines
 from fullwaveform.cli.summary import RunSummary
 from fullwaveform.data.counting import counted
+from fullwaveform.data.errors import naming
 from fullwaveform.io.atomic import OutputError
 from fullwaveform.io.interruption import request_end
 
@@ -46,8 +47,7 @@ def extract_many(
             except OutputError:
                 raise
             except _FILE_ERRORS as error:
-                text = describe_error(error)
-                errors[source] = text if str(source) in text else f"{source}: {text}"
+                errors[source] = naming(source, describe_error(error))
             else:
                 _print_line(summary, run.quiet)
     for text in errors.values():

@@ -73,9 +73,7 @@ class ExtractOptions(ReaderOptions):
     @property
     def more_echoes(self) -> str:
         """What to do if no echo is found."""
-        if self.mode is Mode.PULSE_FIT:
-            return "use --mode decomposition"
-        return "give a lower --threshold"
+        return more_echoes(self.mode)
 
     @property
     def pulse_fit(self) -> PulseFitOptions:
@@ -109,6 +107,13 @@ class ExtractOptions(ReaderOptions):
             with_waveforms=self.with_waveforms,
             pulse_fit=self.pulse_fit,
         )
+
+
+def more_echoes(mode: Mode) -> str:
+    """What to do if no echo is found."""
+    if mode is Mode.PULSE_FIT:
+        return "use --mode decomposition"
+    return "give a lower --threshold"
 
 
 def scanner_for(

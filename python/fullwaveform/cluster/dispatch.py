@@ -1,4 +1,4 @@
-"""Submits units to the workers, a bounded number at a time, and collects the results."""
+"""Submits units to workers, a bounded number at a time, and collects the results."""
 
 from __future__ import annotations
 
@@ -7,10 +7,10 @@ from collections.abc import Callable, Iterator, Sequence
 from concurrent.futures import CancelledError
 from typing import Any
 
+from fullwaveform.cluster.executors import LostWorkersError, Workers, call_when_done
 from fullwaveform.cluster.work import UnitResult, read_result
 from fullwaveform.io.interruption import raise_if_requested
 
-_UNITS_PER_THREAD = 2  # submitted per worker thread: one runs, one is next
 _TICK_S = 0.5
 
 #: A unit: its number, and what makes its JSON text when it is submitted.
@@ -18,22 +18,22 @@ NumberedUnit = tuple[int, Callable[[], str]]
 
 
 class Dispatcher:
-    """Runs a function of JSON text over many units with the workers of a client.
+    """Runs a function of JSON text over many units.
 
-    The scheduler repeats a unit whose worker is lost on another worker. After several losses the
+    A Dask scheduler repeats a unit whose worker is lost on another worker. After several losses the
     result has `lost_workers` set; units that were only queued on the same workers may be among
     these.
 
     Parameters
     ----------
-    client
-        Of dask.distributed.
+    workers
+        What runs the units.
     tick
         Called about twice a second, and after each unit, with whether there are workers.
     """
 
-    def __init__(self, client: Any, tick: Callable[[bool], None]) -> None:
-        self._client = client
+    def __init__(self, workers: Workers, tick: Callable[[bool], None]) -> None:
+        self._workers = workers
         self._tick = tick
 
     def run(
@@ -46,7 +46,7 @@ class Dispatcher:
         Raises
         ------
         OSError
-            The connection to the scheduler is lost, or the workers cannot run the function at all.
+            The workers are lost, or cannot run the function at all.
         """
         done: queue.SimpleQueue[Any] = queue.SimpleQueue()
         numbers: dict[Any, int] = {}
@@ -58,10 +58,10 @@ class Dispatcher:
                 future = self._next(done)
                 number = numbers.pop(future)
                 remaining -= 1
-                yield number, _result(future)
+                yield number, self._result(future)
         finally:
             if numbers:
-                self._cancel(list(numbers))
+                self._workers.cancel(list(numbers))
 
     def _submit(
         self,
@@ -70,14 +70,13 @@ class Dispatcher:
         numbers: dict[Any, int],
         done: queue.SimpleQueue[Any],
     ) -> None:
-        free = _UNITS_PER_THREAD * max(self._threads(), 1) - len(numbers)
-        for _ in range(free):
+        for _ in range(self._workers.capacity() - len(numbers)):
             number, text = next(waiting, (None, None))
             if number is None or text is None:
                 return
-            future = self._client.submit(function, text(), pure=False)
+            future = self._workers.submit(function, text())
             numbers[future] = number
-            future.add_done_callback(done.put)
+            call_when_done(future, done.put)
 
     def _next(self, done: queue.SimpleQueue[Any]) -> Any:
         while True:
@@ -85,48 +84,17 @@ class Dispatcher:
             try:
                 future = done.get(timeout=_TICK_S)
             except queue.Empty:
-                self._tick(self._threads() > 0)
+                self._tick(self._workers.has_workers())
             else:
                 self._tick(True)
                 return future
 
-    def _threads(self) -> int:
+    def _result(self, future: Any) -> UnitResult:
         try:
-            return sum(self._client.ncores().values())
-        except (OSError, TimeoutError) as error:
-            raise OSError(_CONNECTION_LOST) from error
-
-    def _cancel(self, futures: list[Any]) -> None:
-        try:
-            self._client.cancel(futures, force=True)
-        except (OSError, TimeoutError):  # the units are gone with the scheduler
-            return
-
-
-_CONNECTION_LOST = (
-    "connection to the scheduler lost; restart the scheduler and continue with --resume"
-)
-
-
-def _result(future: Any) -> UnitResult:
-    try:
-        text = future.result()
-    except CancelledError as error:
-        raise OSError(_CONNECTION_LOST) from error
-    except Exception as error:
-        return _failure(error)
-    return read_result(text)
-
-
-def _failure(error: Exception) -> UnitResult:
-    """The result of a unit whose worker returned an exception."""
-    if type(error).__name__ == "KilledWorker":
-        workers = error.allowed_failures + 1  # type: ignore[attr-defined]
-        return UnitResult(
-            error=f"unit failed on {workers} workers (out of memory?); reduce --block",
-            lost_workers=True,
-        )
-    raise OSError(
-        f"a worker cannot run the extraction ({type(error).__name__}: {error}); install the same "
-        "version of fullwaveform on all machines"
-    ) from error
+            text = future.result()
+        except (Exception, CancelledError) as error:
+            failure = self._workers.failure(error)
+            if isinstance(failure, LostWorkersError):
+                return UnitResult(error=str(failure), lost_workers=True)
+            raise failure from error
+        return read_result(text)

@@ -13,7 +13,7 @@ from fullwaveform.data.blocks import ReadTally
 from fullwaveform.extraction.extractor import ExtractionTally
 
 #: Version of the manifest's layout.
-MANIFEST_VERSION = 2
+MANIFEST_VERSION = 3
 MANIFEST_NAME = "manifest.json"
 
 
@@ -26,7 +26,8 @@ class PartOutcome:
     written: int = 0  # rows that the summary counts as written
     not_representable: int = 0  # echoes that a LAS file could not hold
     saturated_return_numbers: int = 0  # shots with more echoes than a return number can count
-    bytes: int = 0  # of the part file
+    files: dict[str, int] = field(default_factory=dict)  # bytes of the part file and its companion
+    seconds: float = 0.0  # time of the units
     read: ReadTally = field(default_factory=ReadTally)
     extracted: ExtractionTally = field(default_factory=ExtractionTally)
     messages: Counter[str] = field(default_factory=Counter)  # of the library, by kind
@@ -39,11 +40,22 @@ class PartOutcome:
         self.written += other.written
         self.not_representable += other.not_representable
         self.saturated_return_numbers += other.saturated_return_numbers
-        self.bytes += other.bytes
+        self.files |= other.files
+        self.seconds += other.seconds
         self.read += other.read
         self.extracted.add(other.extracted)
         self.messages.update(other.messages)
         self.statistics += other.statistics
+
+
+@dataclass(frozen=True)
+class PartRecord:
+    """How writing a part ended: with an outcome or an error."""
+
+    __pydantic_config__ = STRICT
+
+    outcome: PartOutcome | None = None
+    error: str = ""
 
 
 @dataclass
@@ -79,7 +91,7 @@ class Part:
 
 @dataclass
 class Manifest:
-    """A run and its progress."""
+    """A run, and the outcomes that were collected so far."""
 
     __pydantic_config__ = STRICT
 
@@ -88,12 +100,21 @@ class Manifest:
     settings: JobSettings
     inputs: list[InputFile]
     parts: list[Part]
-    seconds: float = 0.0  # duration of its runs together
 
     def unfinished(self) -> list[Part]:
         """The parts that are not written yet, in order."""
         finished = (Part.DONE, Part.SKIPPED)
         return [part for part in self.parts if part.state not in finished]
+
+    def failures(self) -> list[str]:
+        """The different error messages of failed and skipped parts."""
+        return list(dict.fromkeys(part.error for part in self.parts if part.error))
+
+    def skip_failed(self) -> None:
+        """Mark failed parts as skipped, so that the run is finished without them."""
+        for part in self.parts:
+            if part.state == Part.FAILED:
+                part.state = Part.SKIPPED
 
     def total(self) -> PartOutcome:
         """The counts of all finished parts, notes and statistics in order."""

@@ -9,7 +9,7 @@ from pathlib import Path
 import pyarrow as pa
 import pyarrow.parquet
 
-from fullwaveform.cluster.manifest_file import read_manifest
+from fullwaveform.cluster.folder import JobFolder
 from fullwaveform.io.echo_writers.geoparquet import GEOMETRY
 
 
@@ -24,7 +24,7 @@ def part_paths(folder: str | os.PathLike[str]) -> list[Path]:
         The manifest is invalid, or the run is not finished.
     """
     folder = Path(folder)
-    manifest = read_manifest(folder)
+    manifest = JobFolder(folder).read_manifest()
     if unfinished := len(manifest.unfinished()):
         raise ValueError(
             f"{folder}: {unfinished} of {len(manifest.parts)} parts are not finished; continue the "

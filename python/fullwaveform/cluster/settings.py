@@ -68,6 +68,7 @@ class JobSettings:
     smoothing: float = 0.0  # s
     false_alarms: float = PulseFitOptions.false_alarms  # per 1,000 waveforms
     max_width: float | None = None  # s
+    scanner_notes: tuple[str, ...] = ()  # for the user
 
     @classmethod
     def of(
@@ -114,6 +115,7 @@ class JobSettings:
             pulse=settings.pulses,
             false_alarms=settings.pulse_fit.false_alarms,
             max_width=settings.pulse_fit.max_width,
+            scanner_notes=scanner.notes,
         )
 
     def extraction(self) -> ExtractionSettings:
@@ -123,6 +125,8 @@ class JobSettings:
             self.after_pulse,
             deconvolution_offset=self.deconvolution_offset,
             deconvolution_offset_hybrid=self.deconvolution_offset_hybrid,
+            notes=self.scanner_notes,
+            pulse_models=self.pulse if isinstance(self.pulse, tuple) else (),
         )
         return ExtractionSettings(
             scanner,

@@ -6,20 +6,24 @@ often or where it runs.
 
 from __future__ import annotations
 
+import time
 from collections.abc import Callable, Iterable, Iterator
 from contextlib import closing
 from dataclasses import dataclass, field, replace
+from functools import partial
 from pathlib import Path
 
 from pydantic import TypeAdapter
 
 from fullwaveform import __version__
 from fullwaveform.calibration.calibration import Calibration, measure
-from fullwaveform.cluster.inputs import FileState, check_states
+from fullwaveform.cluster.folder import JobFolder
+from fullwaveform.cluster.inputs import FileState, InputFile, check_states
 from fullwaveform.cluster.json_data import STRICT, from_json
-from fullwaveform.cluster.manifest import MANIFEST_NAME, PartOutcome
+from fullwaveform.cluster.manifest import Manifest, Part, PartOutcome, PartRecord
 from fullwaveform.cluster.settings import JobSettings
 from fullwaveform.core.messages import counted_messages
+from fullwaveform.data.errors import describe, naming
 from fullwaveform.extraction.extractor import ExtractedBlock
 from fullwaveform.extraction.pipeline import extracted_blocks, write_echoes
 from fullwaveform.extraction.run_metadata import run_metadata
@@ -27,7 +31,7 @@ from fullwaveform.io.atomic import ANY_FILE, protected_inputs
 from fullwaveform.io.base import EchoWriter, WaveformReader
 from fullwaveform.io.block_range import BlockStart
 from fullwaveform.io.echo_writers.las import LasEchoWriter
-from fullwaveform.io.echo_writers.opening import open_echo_file
+from fullwaveform.io.echo_writers.opening import echo_outputs, open_echo_file
 from fullwaveform.io.opening import open_waveforms
 
 
@@ -45,9 +49,10 @@ class Unit:
     settings: JobSettings
     path: str
     files: list[FileState]
-    first: int
-    stop: int | None
-    output: str
+    first: int = 0
+    stop: int | None = None
+    folder: str = ""  # of the run
+    part: str = ""  # name of the part file
     calibration: Calibration = field(default_factory=Calibration)  # of the file
     start: BlockStart = field(default_factory=BlockStart)  # at or before the first block
 
@@ -71,8 +76,27 @@ _UNIT = TypeAdapter(Unit)
 _RESULT = TypeAdapter(UnitResult)
 
 
-def unit_text(unit: Unit) -> str:
-    """The unit as JSON."""
+def file_unit(manifest: Manifest, source: InputFile) -> str:
+    """The unit of a whole input, to count its blocks, as JSON."""
+    unit = Unit(manifest.package_version, manifest.settings, source.path, source.files)
+    return _UNIT.dump_json(unit).decode()
+
+
+def part_unit(manifest: Manifest, part: Part, folder: JobFolder) -> str:
+    """The unit that writes a part into the folder, as JSON."""
+    source = manifest.inputs[part.input]
+    unit = Unit(
+        manifest.package_version,
+        manifest.settings,
+        source.path,
+        source.files,
+        first=part.first,
+        stop=part.stop,
+        folder=str(folder),
+        part=part.file,
+        calibration=source.calibration,
+        start=source.start_of(part.first),
+    )
     return _UNIT.dump_json(unit).decode()
 
 
@@ -86,32 +110,20 @@ def count_blocks(unit: str) -> str:
     return _RESULT.dump_json(_run(unit, _count_blocks)).decode()
 
 
-def extract_unit(unit: str) -> str:
-    """Write the part of a unit; the result with its outcome, both as JSON."""
-    return _RESULT.dump_json(_run(unit, _extract_unit)).decode()
+def extract_unit(unit: str, threads: int = 1) -> str:
+    """Write the part of a unit and its record; the result with its outcome, both as JSON."""
+    return _RESULT.dump_json(_run(unit, partial(_extract_unit, threads=threads))).decode()
 
 
 def _run(text: str, work: Callable[[Unit], UnitResult]) -> UnitResult:
     unit = from_json(_UNIT, text, "unit")
     try:
         _check_version(unit)
-        check_states(Path(unit.path), unit.files)
         return work(unit)
-    except OSError as error:
-        where = f"{error.filename}: " if error.filename and error.strerror else ""
-        return _failure(unit, f"{where}{error.strerror or error}", ends_run=True)
-    except _WorkerError as error:
-        return _failure(unit, str(error), ends_run=True)
-    except MemoryError:
-        message = "not enough memory for one block of waveforms; reduce --block"
-        return _failure(unit, message, ends_run=True)
+    except (OSError, MemoryError, _WorkerError) as error:
+        return UnitResult(error=naming(unit.path, describe(error)), ends_run=True)
     except ValueError as error:
-        return _failure(unit, str(error), ends_run=False)
-
-
-def _failure(unit: Unit, message: str, *, ends_run: bool) -> UnitResult:
-    named = message if unit.path in message else f"{unit.path}: {message}"
-    return UnitResult(error=named, ends_run=ends_run)
+        return UnitResult(error=naming(unit.path, str(error)))
 
 
 def _check_version(unit: Unit) -> None:
@@ -123,6 +135,7 @@ def _check_version(unit: Unit) -> None:
 
 
 def _opened(unit: Unit) -> WaveformReader:
+    check_states(Path(unit.path), unit.files)
     return open_waveforms(
         unit.path,
         waveforms_per_block=unit.settings.block,
@@ -143,17 +156,28 @@ def _count_blocks(unit: Unit) -> UnitResult:
         return UnitResult(blocks=len(starts), calibration=calibration, starts=known)
 
 
-def _extract_unit(unit: Unit) -> UnitResult:
-    output = Path(unit.output)
-    if not (output.parent / MANIFEST_NAME).is_file():
+def _extract_unit(unit: Unit, threads: int) -> UnitResult:
+    folder = JobFolder(unit.folder)
+    if not folder.has_manifest:
         raise _WorkerError(
-            f"{output.parent} on a worker is not the folder of the run; all machines must share it "
+            f"{folder} on a worker is not the folder of the run; all machines must share it "
             "under the same path"
         )
+    try:
+        outcome = _written_part(unit, folder.part_path(unit.part), threads)
+    except ValueError as error:
+        folder.write_record(unit.part, PartRecord(error=naming(unit.path, str(error))))
+        raise
+    folder.write_record(unit.part, PartRecord(outcome))
+    return UnitResult(outcome=outcome)
+
+
+def _written_part(unit: Unit, output: Path, threads: int) -> PartOutcome:
+    start = time.perf_counter()
     outcome = PartOutcome()
     with (
         protected_inputs(Path(unit.path)),
-        counted_messages(own_thread=True) as messages,
+        counted_messages(own_thread=threads == 1) as messages,
         _opened(unit) as reader,
     ):
         settings = replace(unit.settings.extraction(), calibration=unit.calibration)
@@ -169,13 +193,15 @@ def _extract_unit(unit: Unit) -> UnitResult:
             overwrite=True,
         )
         writer.kind = ANY_FILE  # a part that was left by an earlier run may be truncated
-        with writer, closing(extracted_blocks(blocks, settings)) as extracted:
+        with writer, closing(extracted_blocks(blocks, settings, threads)) as extracted:
             outcome.extracted = write_echoes(_counted(extracted, outcome), writer)
         outcome.read, outcome.messages = reader.tally, messages
     outcome.waveforms = outcome.read.waveforms
     _add_writer_counts(outcome, writer)
-    outcome.bytes = output.stat().st_size
-    return UnitResult(outcome=outcome)
+    names = echo_outputs(output, settings.with_waveforms)
+    outcome.files = {path.name: path.stat().st_size for path in names}
+    outcome.seconds = round(time.perf_counter() - start, 3)
+    return outcome
 
 
 def _counted(extracted: Iterable[ExtractedBlock], outcome: PartOutcome) -> Iterator[ExtractedBlock]:

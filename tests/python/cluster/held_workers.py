@@ -20,9 +20,9 @@ _counted, _extract_unit = work._counted, work._extract_unit
 _current: dict[str, int] = {}
 
 
-def _recording(unit: work.Unit) -> work.UnitResult:
+def _recording(unit: work.Unit, threads: int) -> work.UnitResult:
     _current["first"] = unit.first
-    return _extract_unit(unit)
+    return _extract_unit(unit, threads)
 
 
 def _held(extracted: Any, outcome: Any) -> Iterator[Any]:

@@ -11,6 +11,8 @@ import pyarrow as pa
 import pyarrow.parquet
 
 from fullwaveform.cluster import read_parts
+from fullwaveform.cluster.folder import JobFolder
+from fullwaveform.cluster.join import collect
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 from ..support.command_line import run
@@ -70,8 +72,10 @@ def manifest_of(folder: Path) -> dict[str, Any]:
 
 
 def states(folder: Path) -> dict[str, str]:
-    """State of each part by the name of its file."""
-    return {part["file"]: part["state"] for part in manifest_of(folder)["parts"]}
+    """State of each part by the name of its file, also while the run goes on."""
+    manifest = JobFolder(folder).read_manifest()
+    collect(manifest, JobFolder(folder))
+    return {part.file: part.state for part in manifest.parts}
 
 
 def done_parts(folder: Path) -> int:

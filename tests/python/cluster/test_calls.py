@@ -5,6 +5,7 @@ from __future__ import annotations
 import sys
 import threading
 from collections import Counter
+from dataclasses import replace
 from pathlib import Path
 
 import pytest
@@ -12,15 +13,16 @@ import pytest
 import fullwaveform
 from fullwaveform.cluster import part_paths
 from fullwaveform.cluster.connection import connected
-from fullwaveform.cluster.inputs import states_of
+from fullwaveform.cluster.folder import JobFolder
+from fullwaveform.cluster.inputs import InputFile, states_of
+from fullwaveform.cluster.manifest import Manifest, Part
 from fullwaveform.cluster.settings import JobSettings
 from fullwaveform.cluster.work import (
-    Unit,
     UnitResult,
     count_blocks,
     extract_unit,
+    part_unit,
     read_result,
-    unit_text,
 )
 from fullwaveform.core.messages import counted_messages, logger
 from fullwaveform.core.scanner import Scanner
@@ -191,10 +193,9 @@ def unit(scan: Path, folder: Path, version: str = fullwaveform.__version__) -> s
         blocks_per_part=2,
         part_format="csv",
     )
-    output = str(folder / "part-00000.csv")
-    return unit_text(
-        Unit(version, settings, str(scan), states_of(scan), first=0, stop=2, output=output)
-    )
+    source = InputFile(str(scan), states_of(scan), blocks=2)
+    part = Part(0, 0, 0, 2, "scan.part-00000.csv")
+    return part_unit(Manifest(3, version, settings, [source], [part]), part, JobFolder(folder))
 
 
 def error_of(result: str) -> UnitResult:
@@ -206,13 +207,14 @@ def error_of(result: str) -> UnitResult:
 
 def test_repeated_unit_writes_the_same_file(scan: Path, tmp_path: Path) -> None:
     (tmp_path / "manifest.json").touch()
-    first = extract_unit(unit(scan, tmp_path))
-    content = (tmp_path / "part-00000.csv").read_bytes()
-    outcome = read_result(first).outcome
+    outcome = read_result(extract_unit(unit(scan, tmp_path))).outcome
+    content = (tmp_path / "scan.part-00000.csv").read_bytes()
     assert outcome is not None
     assert content.count(b"\n") == outcome.rows + 1 > 20
-    assert extract_unit(unit(scan, tmp_path)) == first
-    assert (tmp_path / "part-00000.csv").read_bytes() == content
+    again = read_result(extract_unit(unit(scan, tmp_path))).outcome
+    assert again is not None
+    assert again == replace(outcome, seconds=again.seconds)
+    assert (tmp_path / "scan.part-00000.csv").read_bytes() == content
 
 
 def test_worker_with_different_folder_version_or_file_is_an_error(
@@ -225,6 +227,7 @@ def test_worker_with_different_folder_version_or_file_is_an_error(
     assert result.ends_run
     assert "the run needs 0.0.9; install the same version on all machines" in result.error
     text = unit(scan, tmp_path)
+    (tmp_path / "manifest.json").touch()
     scan.unlink()
     result = error_of(extract_unit(text))
     assert (result.error, result.ends_run) == (f"{scan}: No such file or directory", True)
@@ -238,7 +241,7 @@ def test_file_changed_during_the_run_is_refused(scan: Path, tmp_path: Path) -> N
     result = error_of(extract_unit(text))
     assert not result.ends_run
     assert f"{scan} has changed: scan.wdp had " in result.error
-    assert not (tmp_path / "part-00000.csv").exists()
+    assert not (tmp_path / "scan.part-00000.csv").exists()
 
 
 def test_messages_are_counted_per_thread() -> None:

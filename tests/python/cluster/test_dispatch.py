@@ -10,6 +10,7 @@ from typing import Any
 import pytest
 
 from fullwaveform.cluster.dispatch import Dispatcher, NumberedUnit
+from fullwaveform.cluster.executors import DaskWorkers
 
 
 class Done:
@@ -57,7 +58,9 @@ def doubled(text: str) -> str:
 
 def test_two_units_per_thread_are_submitted() -> None:
     scheduler, results = Scheduler(), {}
-    for number, result in Dispatcher(scheduler, lambda _: None).run(doubled, units(50)):
+    for number, result in Dispatcher(DaskWorkers(scheduler), lambda _: None).run(
+        doubled, units(50)
+    ):
         results[number] = result.blocks
         assert scheduler.submitted <= len(results) + 3
     assert results == {number: 2 * number for number in range(50)}
@@ -66,7 +69,7 @@ def test_two_units_per_thread_are_submitted() -> None:
 
 def test_remaining_units_are_cancelled() -> None:
     scheduler = Scheduler()
-    run = Dispatcher(scheduler, lambda _: None).run(doubled, units(50))
+    run = Dispatcher(DaskWorkers(scheduler), lambda _: None).run(doubled, units(50))
     next(run)
     run.close()  # type: ignore[attr-defined]
     assert (scheduler.submitted, scheduler.cancelled) == (4, 3)
@@ -84,14 +87,14 @@ def test_errors_that_end_the_run(error: BaseException, message: str) -> None:
         raise error
 
     with pytest.raises(OSError, match=message):
-        next(Dispatcher(Scheduler(), lambda _: None).run(failing, units(1)))
+        next(Dispatcher(DaskWorkers(Scheduler()), lambda _: None).run(failing, units(1)))
 
 
 def test_unit_that_loses_its_workers_is_marked() -> None:
     def killing(text: str) -> str:
         raise KilledWorker
 
-    ((_, result),) = Dispatcher(Scheduler(), lambda _: None).run(killing, units(1))
+    ((_, result),) = Dispatcher(DaskWorkers(Scheduler()), lambda _: None).run(killing, units(1))
     assert result.lost_workers
     assert not result.ends_run
     assert result.error == "unit failed on 4 workers (out of memory?); reduce --block"
@@ -103,4 +106,4 @@ def test_unresponsive_scheduler_ends_the_run(monkeypatch: pytest.MonkeyPatch) ->
 
     monkeypatch.setattr(Scheduler, "ncores", silent)
     with pytest.raises(OSError, match="connection to the scheduler lost"):
-        next(Dispatcher(Scheduler(), lambda _: None).run(doubled, units(1)))
+        next(Dispatcher(DaskWorkers(Scheduler()), lambda _: None).run(doubled, units(1)))

@@ -10,6 +10,7 @@ import pytest
 
 from fullwaveform.cli.signals import SignalExit
 from fullwaveform.cluster.dispatch import Dispatcher
+from fullwaveform.cluster.executors import DaskWorkers
 from fullwaveform.io.interruption import request_end
 
 
@@ -32,7 +33,9 @@ class _BusyWorker:
 def test_signal_during_writing_of_the_manifest_ends_the_wait() -> None:
     """Writing is not interrupted, and the next output may be hours away."""
     client = _BusyWorker()
-    units = Dispatcher(client, lambda _: None).run(lambda unit: unit, [(0, str), (1, str)])
+    units = Dispatcher(DaskWorkers(client), lambda _: None).run(
+        lambda unit: unit, [(0, str), (1, str)]
+    )
     request_end(SignalExit(signal.SIGTERM))
     try:
         with pytest.raises(SignalExit):

@@ -59,7 +59,7 @@ def test_part_that_kills_every_worker_is_marked_as_failed(address: str, tmp_path
     """New workers replace the lost ones; the other parts and files are finished."""
     sources = [las_scan(tmp_path / "scan.las"), pulsewaves_scan(tmp_path / "b.pls", pulses=60)]
     folder = tmp_path / "parts"
-    call = ("cluster", *sources, "-o", folder, *OPTIONS)
+    call = ("cluster", *sources, "-o", folder, *OPTIONS, "-q")  # no lines on a busy machine
     local = ("--scheduler", "local", "--workers", "2")
     killing = hold(tmp_path, block=6, HOLD_KILLS="1")
     # The scheduler abandons a unit after two lost workers, to keep the test short, and no other
@@ -95,7 +95,7 @@ def test_lost_scheduler_ends_the_run(tmp_path: Path) -> None:
         scheduler(test) as (address, process),
         workers(address, 2, **hold(test, block=6)),
     ):
-        call = ("cluster", scan, "-o", folder, *OPTIONS)
+        call = ("cluster", scan, "-o", folder, *OPTIONS, "-q")  # no lines on a busy machine
         first = command(*call, "--scheduler", address, **quick)
         wait_until(lambda: (test / "held").exists() and done_parts(folder) == 4)
         process.kill()

@@ -11,9 +11,9 @@ from typing import Any
 import pytest
 
 from fullwaveform import Scanner
+from fullwaveform.cluster.folder import JobFolder
 from fullwaveform.cluster.inputs import FileState, InputFile
-from fullwaveform.cluster.manifest import Manifest
-from fullwaveform.cluster.manifest_file import ManifestFile, read_manifest
+from fullwaveform.cluster.manifest import Manifest, PartOutcome, PartRecord
 from fullwaveform.cluster.settings import JobSettings, differences
 from fullwaveform.cluster.units import planned_parts
 from fullwaveform.core.pulse_models import ReceiverModel
@@ -28,7 +28,8 @@ OUTCOME = {
     "written": 3,
     "not_representable": 0,
     "saturated_return_numbers": 0,
-    "bytes": 100,
+    "files": {"a.parquet": 100},
+    "seconds": 1.5,
     "read": {
         "points": 4,
         "points_without_waveform": 1,
@@ -96,8 +97,8 @@ def manifest(tmp_path: Path) -> Manifest:
     )
     inputs = [file("a.las", 3), file("b.las", 1)]
     parts = planned_parts(inputs, 2, ".parquet")
-    manifest = Manifest(2, "0.1.0", settings, inputs, parts)
-    ManifestFile(manifest, tmp_path).save()
+    manifest = Manifest(3, "0.1.0", settings, inputs, parts)
+    JobFolder(tmp_path).write_manifest(manifest)
     return manifest
 
 
@@ -109,7 +110,7 @@ def change(folder: Path, modify: Callable[[dict[str, Any]], object]) -> None:
 
 
 def test_manifest_round_trip(manifest: Manifest, tmp_path: Path) -> None:
-    found = read_manifest(tmp_path)
+    found = JobFolder(tmp_path).read_manifest()
     assert found == manifest
     assert found.settings.extraction().scanner.attributes == Scanner.default().attributes
     flags = found.settings.flags()
@@ -122,9 +123,9 @@ def test_pulse_models_round_trip(manifest: Manifest, tmp_path: Path) -> None:
     manifest.settings = replace(manifest.settings, pulse=models)
     calibration = replace(manifest.inputs[0].calibration, pulse_models=models)
     manifest.inputs[0] = replace(manifest.inputs[0], calibration=calibration)
-    ManifestFile(manifest, tmp_path).save()
+    JobFolder(tmp_path).write_manifest(manifest)
 
-    found = read_manifest(tmp_path)
+    found = JobFolder(tmp_path).read_manifest()
 
     assert found.settings.pulse == models
     assert found.inputs[0].calibration.pulse_model_of(1, 3) == models[0].model
@@ -137,17 +138,17 @@ def test_pulse_models_round_trip(manifest: Manifest, tmp_path: Path) -> None:
 def test_broken_pulse_model(manifest: Manifest, tmp_path: Path) -> None:
     model = ReceiverModel(1, 3, "returned", 120, gaussian_model())
     manifest.settings = replace(manifest.settings, pulse=(model,))
-    ManifestFile(manifest, tmp_path).save()
+    JobFolder(tmp_path).write_manifest(manifest)
     change(tmp_path, lambda m: m["settings"]["pulse"][0]["model"].update(noise_rms=-1.0))
 
     with pytest.raises(ValueError, match=r"settings\.pulse"):
-        read_manifest(tmp_path)
+        JobFolder(tmp_path).read_manifest()
 
 
 def test_outcomes_are_read_and_added(manifest: Manifest, tmp_path: Path) -> None:
     change(tmp_path, lambda m: [p.update(state="done", outcome=OUTCOME) for p in m["parts"]])
-    total = read_manifest(tmp_path).total()
-    assert (total.rows, total.waveforms, total.bytes) == (9, 6, 300)
+    total = JobFolder(tmp_path).read_manifest().total()
+    assert (total.rows, total.waveforms, total.seconds) == (9, 6, 4.5)
     assert total.read.points == 12
     assert total.read.rejected == {"packet overlaps another packet": 3}
     assert total.read.notes == ["A note."]
@@ -169,18 +170,21 @@ def test_default_parts_are_smaller_for_slower_modes() -> None:
 @pytest.mark.parametrize(
     ("damage", "message"),
     [
-        (lambda m: m.update(manifest_version=1), "unsupported manifest_version 1; expected 2"),
+        (lambda m: m.update(manifest_version=2), "unsupported manifest_version 2; expected 3"),
         (lambda m: m.pop("manifest_version"), "unsupported manifest_version None"),
         (lambda m: m.pop("settings"), "manifest.settings: missing"),
         (lambda m: m.update(more=1), "manifest.more: unknown entry"),
-        (lambda m: m.update(seconds=float("nan")), "seconds is nan, must be a finite number"),
+        (
+            lambda m: m["settings"].update(smoothing=float("nan")),
+            "settings.smoothing is nan, must be a finite number",
+        ),
         (
             lambda m: m.update(inputs={}),
             r"manifest.inputs is \{\}, must be a valid array",
         ),
         (
-            lambda m: m.update(seconds="1"),
-            "manifest.seconds is '1', must be a valid number",
+            lambda m: m["settings"].update(smoothing="1"),
+            "manifest.settings.smoothing is '1', must be a valid number",
         ),
         (
             lambda m: m["settings"].update(threshold=1.5),
@@ -227,7 +231,7 @@ def test_invalid_manifest_is_refused(
 ) -> None:
     change(tmp_path, damage)
     with pytest.raises(ValueError, match=message):
-        read_manifest(tmp_path)
+        JobFolder(tmp_path).read_manifest()
 
 
 @pytest.mark.parametrize("content", [b"", b"{", b"[1, 2]", b"\xff\xfe", b"[" * 100_000, b"NaN"])
@@ -236,26 +240,45 @@ def test_file_without_a_manifest_is_refused(tmp_path: Path, content: bytes) -> N
     with pytest.raises(
         ValueError, match=r"manifest\.json(: unsupported manifest_version| is not valid JSON)"
     ):
-        read_manifest(tmp_path)
+        JobFolder(tmp_path).read_manifest()
 
 
-def test_file_is_written_only_when_due(
-    manifest: Manifest, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
-) -> None:
-    now = [100.0]
-    monkeypatch.setattr("time.monotonic", lambda: now[0])
-    file = ManifestFile(manifest, tmp_path)
-    file.save()
-    manifest.parts[0].fail("An error.")
-    file.mark_changed()
-    file.save_if_due()
-    assert read_manifest(tmp_path).parts[0].state == "waiting"
-    now[0] = 110.0
-    file.save_if_due()
-    assert read_manifest(tmp_path) == manifest
-    assert manifest.parts[0].state == "failed"
-    assert manifest.seconds == pytest.approx(10.0, abs=1e-3)
-    (tmp_path / "manifest.json").unlink()
-    now[0] = 200.0
-    file.save_if_due()  # unchanged
-    assert not (tmp_path / "manifest.json").exists()
+def test_record_round_trip(tmp_path: Path) -> None:
+    folder, part = JobFolder(tmp_path), "a.part-00000.csv"
+    assert folder.read_record(part) is None
+    (tmp_path / part).write_bytes(b"12345")
+    written = PartRecord(PartOutcome(rows=2, files={part: 5}))
+    folder.write_record(part, written)
+    assert folder.read_record(part) == written
+    assert folder.read_record("b.part-00000.csv") is None
+    folder.remove_records([part, "b.part-00000.csv"])
+    assert folder.read_record(part) is None
+
+
+@pytest.mark.parametrize("content", [b"", b"{", b"[]", b'{"outcome": {"rows": "2"}}', b"\xff"])
+def test_damaged_record_is_none(tmp_path: Path, content: bytes) -> None:
+    (tmp_path / "a.part-00000.record.json").write_bytes(content)
+    assert JobFolder(tmp_path).read_record("a.part-00000.csv") is None
+
+
+def test_part_is_whole_with_all_its_files_of_the_size_that_was_written(tmp_path: Path) -> None:
+    outcome = PartOutcome(files={"a.part-00000.las": 3, "a.part-00000.wdp": 5})
+    (tmp_path / "a.part-00000.las").write_bytes(b"123")
+    assert not JobFolder(tmp_path).is_whole(outcome)
+    (tmp_path / "a.part-00000.wdp").write_bytes(b"12345")
+    assert JobFolder(tmp_path).is_whole(outcome)
+    (tmp_path / "a.part-00000.wdp").write_bytes(b"1234")
+    assert not JobFolder(tmp_path).is_whole(outcome)
+
+
+def test_temporary_files_of_parts_are_removed(tmp_path: Path) -> None:
+    left = [
+        ".a.part-00000.csv.0123abcd.part",
+        ".a.part-00000.csv-metadata.json.0123abcd.part",
+        ".a.part-00000.record.json.0123abcd.part",
+    ]
+    kept = [".a.part-00001.csv.0123abcd.part", ".a.csv.0123abcd.part", "a.part-00000.csv"]
+    for name in (*left, *kept):
+        (tmp_path / name).touch()
+    JobFolder(tmp_path).remove_unfinished(["a.part-00000.csv"])
+    assert sorted(path.name for path in tmp_path.iterdir()) == sorted(kept)

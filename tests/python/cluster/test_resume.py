@@ -43,7 +43,8 @@ def test_interrupted_run_is_completed_by_resume(
     scan, folder = las_scan(tmp_path / "scan.las"), tmp_path / "parts"
     call = ("cluster", scan, "-o", folder, *OPTIONS)
     local = ("--scheduler", "local", "--workers", "2")
-    first = command(*call, *local, **hold(tmp_path, block=6))
+    # Quiet: on a busy machine there would be lines of progress.
+    first = command(*call, *local, "-q", **hold(tmp_path, block=6))
     wait_until(lambda: (tmp_path / "held").exists() and done_parts(folder) == 4)
     (os.killpg if whole_group else os.kill)(first.pid, number)
     stdout, stderr = first.communicate(timeout=TIMEOUT_S)
@@ -183,7 +184,7 @@ def test_missing_input_is_refused(job: Job) -> None:
 
 def test_folder_without_a_run_is_refused(job: Job) -> None:
     job.manifest_path.unlink()
-    assert_error(job.resume(), f"{job.parts} has no manifest.json; no run to continue")
+    assert_error(job.resume(), f"{job.parts} has no manifest.json; no run was planned in it")
 
 
 def test_parts_of_an_unfinished_run_are_not_read(job: Job) -> None:

@@ -5,7 +5,7 @@ from __future__ import annotations
 from collections.abc import Callable
 from pathlib import Path
 
-from fullwaveform.cluster.manifest_file import read_manifest
+from fullwaveform.cluster.folder import JobFolder
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.simulation import read_truth
@@ -40,7 +40,7 @@ def read_curve(path: Path) -> None:
 
 def read_job(path: Path) -> None:
     """Reads the manifest of a job and sums its parts."""
-    read_manifest(path.parent).total()
+    JobFolder(path.parent).read_manifest().total()
 
 
 READERS: dict[str, Callable[[Path], object]] = {

@@ -17,9 +17,9 @@ import laspy
 import numpy as np
 import pytest
 
+from fullwaveform.cluster.folder import JobFolder
 from fullwaveform.cluster.inputs import FileState, InputFile
 from fullwaveform.cluster.manifest import MANIFEST_VERSION, Manifest
-from fullwaveform.cluster.manifest_file import ManifestFile
 from fullwaveform.cluster.settings import JobSettings
 from fullwaveform.cluster.units import planned_parts
 from fullwaveform.core.scanner import Scanner
@@ -100,7 +100,8 @@ def write_manifest(folder: Path) -> None:
         for name, blocks in (("a.las", 3), ("b.las", 1))
     ]
     parts = planned_parts(inputs, 2, ".parquet")
-    ManifestFile(Manifest(MANIFEST_VERSION, "0.1.0", settings, inputs, parts), folder).save()
+    manifest = Manifest(MANIFEST_VERSION, "0.1.0", settings, inputs, parts)
+    JobFolder(folder).write_manifest(manifest)
 
 
 @pytest.fixture(scope="module")

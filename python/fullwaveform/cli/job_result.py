@@ -1,0 +1,94 @@
+"""What the commands share that end a run: checks of its parts, and the summary."""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+from rich.console import Console
+
+from fullwaveform.cli.extract_options import more_echoes
+from fullwaveform.cli.job_planning import name_of
+from fullwaveform.cli.progress import print_line
+from fullwaveform.cli.summary import RunSummary
+from fullwaveform.cluster.folder import JobFolder
+from fullwaveform.cluster.join import save_outcomes
+from fullwaveform.cluster.manifest import MANIFEST_NAME, Manifest
+from fullwaveform.core.driver import Mode
+from fullwaveform.data.counting import counted
+from fullwaveform.extraction.warning_file import warning_path
+from fullwaveform.io.echo_writers.las import las_notes
+
+
+def check_complete(
+    manifest: Manifest, folder: JobFolder, how_to_retry: str, *, skip_bad_files: bool
+) -> None:
+    """ValueError for failed parts, unless they are to be skipped and others are not."""
+    failures = manifest.failures()
+    missing, total = len(manifest.unfinished()), len(manifest.parts)
+    if not missing:
+        return
+    if failures and skip_bad_files and missing < total:
+        for text in failures:
+            print_line(f"skipped: {text}")
+        manifest.skip_failed()
+        save_outcomes(manifest, folder)
+    else:
+        verb = "is" if missing == 1 else "are"
+        raise ValueError(
+            f"{'; '.join(failures)}; {missing} of {counted(total, 'part')} {verb} missing, the "
+            f"others are kept; {how_to_retry}"
+        )
+
+
+def check_not_empty(manifest: Manifest) -> None:
+    """ValueError if the run has found nothing."""
+    total = manifest.total()
+    if total.written == 0 and not (manifest.settings.keep_empty and total.rows):
+        more = more_echoes(Mode(manifest.settings.mode))
+        raise ValueError(
+            f"no echoes in {counted(total.waveforms, 'waveform')}; {more}, or --allow-empty"
+        )
+
+
+def show_summary(manifest: Manifest, folder: Path) -> None:
+    """Print the counts of all parts."""
+    sources = [Path(entry.path) for entry in manifest.inputs]
+    total = manifest.total()
+    if len(sources) > 1:
+        total.read.notes = _notes_by_file(manifest)
+    notes = las_notes(total.written, total.not_representable, total.saturated_return_numbers)
+    notes = (*notes, *_phase_notes(manifest))
+    parts = f"{counted(len(manifest.parts), 'part')}, listed in {MANIFEST_NAME}"
+    RunSummary(
+        name=name_of(sources),
+        destination=folder,
+        settings=manifest.settings.extraction(),
+        read=total.read,
+        extracted=total.extracted,
+        calibrations={Path(entry.path).name: entry.calibration for entry in manifest.inputs},
+        written=total.written,
+        notes=(*notes, parts),
+        messages=total.messages,
+        statistics=warning_path(folder, sources[0] if len(sources) == 1 else Path("*")),
+        seconds=total.seconds,
+    ).show(Console())
+
+
+def _phase_notes(manifest: Manifest) -> list[str]:
+    """The decision on the outgoing pulses of each file that has them."""
+    phases = [(Path(file.path).name, file.calibration.outgoing_phase) for file in manifest.inputs]
+    return [
+        f"{name}: outgoing phase {phase.result()}: {phase.reason()}"
+        for name, phase in phases
+        if phase is not None
+    ]
+
+
+def _notes_by_file(manifest: Manifest) -> list[str]:
+    notes = [
+        f"{Path(manifest.inputs[part.input].path).name}: {note}"
+        for part in manifest.parts
+        if part.outcome is not None
+        for note in part.outcome.read.notes
+    ]
+    return list(dict.fromkeys(notes))

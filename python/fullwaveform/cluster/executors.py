@@ -1,0 +1,155 @@
+"""What runs units: any executor, or the workers of a Dask scheduler."""
+
+from __future__ import annotations
+
+import threading
+from abc import ABC, abstractmethod
+from collections.abc import Callable, Sequence
+from concurrent.futures import BrokenExecutor, CancelledError
+from contextlib import suppress
+from typing import Any
+
+_IN_FLIGHT = 1000  # units given to an executor, of which nobody knows how many it runs at a time
+_UNITS_PER_THREAD = 2  # submitted per thread of a Dask worker: one runs, one is next
+
+
+class LostWorkersError(Exception):
+    """The workers of a unit were lost, perhaps because of another unit."""
+
+
+class Workers(ABC):
+    """Runs functions of JSON text elsewhere."""
+
+    @abstractmethod
+    def has_workers(self) -> bool:
+        """Whether there is somebody who works."""
+
+    @abstractmethod
+    def capacity(self) -> int:
+        """How many units may be submitted at a time; OSError if the connection is lost."""
+
+    @abstractmethod
+    def submit(self, function: Callable[[str], str], text: str) -> Any:
+        """A future with `result()`, and `add_done_callback` if it has one."""
+
+    @abstractmethod
+    def cancel(self, futures: Sequence[Any]) -> None:
+        """Give up units that have not started."""
+
+    @abstractmethod
+    def failure(self, error: BaseException) -> Exception:
+        """The error to raise for one that a future has raised instead of returning a result.
+
+        `LostWorkersError` if only this unit is affected, else OSError.
+        """
+
+
+class ExecutorWorkers(Workers):
+    """An executor as in concurrent.futures: `submit` returns futures, `result()` of which waits."""
+
+    def __init__(self, executor: Any) -> None:
+        self._executor = executor
+
+    def has_workers(self) -> bool:
+        """Executors start theirs on demand."""
+        return True
+
+    def capacity(self) -> int:
+        """A number that keeps large clusters busy and the queued texts small."""
+        return _IN_FLIGHT
+
+    def submit(self, function: Callable[[str], str], text: str) -> Any:
+        """The future of the executor."""
+        return self._executor.submit(function, text)
+
+    def cancel(self, futures: Sequence[Any]) -> None:
+        """Cancel the futures that can be."""
+        for future in futures:
+            if hasattr(future, "cancel"):
+                future.cancel()
+
+    def failure(self, error: BaseException) -> Exception:
+        """The executor cannot continue in any case."""
+        if isinstance(error, BrokenExecutor):
+            return OSError(f"the executor has lost a worker (out of memory?): {error}")
+        if isinstance(error, CancelledError):
+            return OSError("the executor has cancelled the units of the run")
+        return OSError(f"the executor cannot run the extraction ({type(error).__name__}: {error})")
+
+
+class DaskWorkers(Workers):
+    """The workers of a client of dask.distributed."""
+
+    def __init__(self, client: Any) -> None:
+        self._client = client
+
+    def has_workers(self) -> bool:
+        """Whether a worker is connected to the scheduler."""
+        return self._threads() > 0
+
+    def capacity(self) -> int:
+        """Two units per thread."""
+        return _UNITS_PER_THREAD * max(self._threads(), 1)
+
+    def submit(self, function: Callable[[str], str], text: str) -> Any:
+        """The future of the client."""
+        # Not pure: the same unit may be repeated, and then writes its part again.
+        return self._client.submit(function, text, pure=False)
+
+    def cancel(self, futures: Sequence[Any]) -> None:
+        """Cancel the futures, also those that are running."""
+        try:
+            self._client.cancel(list(futures), force=True)
+        except (OSError, TimeoutError):  # the units are gone with the scheduler
+            return
+
+    def failure(self, error: BaseException) -> Exception:
+        """Lost workers affect one unit, a lost scheduler and missing packages the whole run."""
+        if isinstance(error, CancelledError):
+            return OSError(_CONNECTION_LOST)
+        if type(error).__name__ == "KilledWorker":
+            workers = error.allowed_failures + 1  # type: ignore[attr-defined]
+            return LostWorkersError(
+                f"unit failed on {workers} workers (out of memory?); reduce --block"
+            )
+        return OSError(
+            f"a worker cannot run the extraction ({type(error).__name__}: {error}); install the "
+            "same version of fullwaveform on all machines"
+        )
+
+    def _threads(self) -> int:
+        try:
+            return sum(self._client.ncores().values())
+        except (OSError, TimeoutError) as error:
+            raise OSError(_CONNECTION_LOST) from error
+
+
+_CONNECTION_LOST = (
+    "connection to the scheduler lost; restart the scheduler and continue with --resume"
+)
+
+
+def workers_of(executor: Any) -> Workers:
+    """The workers of an executor, or of a client of dask.distributed."""
+    if hasattr(executor, "ncores") and hasattr(executor, "get_executor"):
+        return DaskWorkers(executor)
+    if not callable(getattr(executor, "submit", None)):
+        raise ValueError(
+            f"invalid executor {executor!r}; expected an object with submit(function, argument), "
+            "as in concurrent.futures"
+        )
+    return ExecutorWorkers(executor)
+
+
+def call_when_done(future: Any, call: Callable[[Any], None]) -> None:
+    """Call the function with the future when it is done, possibly in another thread."""
+    if hasattr(future, "add_done_callback"):
+        future.add_done_callback(call)
+        return
+
+    def wait() -> None:
+        with suppress(BaseException):  # raised again where the result is read
+            future.result()
+        call(future)
+
+    threading.Thread(target=wait, daemon=True).start()
