@@ -13,4 +13,5 @@ void bindOnline(nanobind::module_& module);
 void bindPulseWaves(nanobind::module_& module);
 void bindPulseFit(nanobind::module_& module);
 void bindUncertainty(nanobind::module_& module);
+void bindEchoTable(nanobind::module_& module);
 void bindDriver(nanobind::module_& module);

@@ -14,4 +14,5 @@ NB_MODULE(_core, module) {
   bindDriver(module);
   bindPulseFit(module);
   bindUncertainty(module);
+  bindEchoTable(module);
 }

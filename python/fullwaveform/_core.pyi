@@ -1,6 +1,6 @@
 """Types of the compiled module; arrays must have exactly the element types given here."""
 
-from collections.abc import Sequence
+from collections.abc import Mapping, Sequence
 from enum import IntEnum
 from typing import Any, TypedDict
 
@@ -148,6 +148,15 @@ def system_wave_uncertainties(
     heights: npt.NDArray[np.float64],
     scanner: ScannerDevice,
 ) -> tuple[npt.NDArray[np.float64], npt.NDArray[np.float64], npt.NDArray[np.float64]]: ...
+def echo_table(
+    waveforms: Mapping[str, npt.NDArray[Any]],
+    echoes: Mapping[str, npt.NDArray[Any]],
+    returns: Mapping[str, npt.NDArray[Any]],
+    amplitude_unit: float,
+    range_per_second: float,
+    position_offset: float,
+    keep_empty: bool,
+) -> tuple[_EchoTableColumns, npt.NDArray[np.int64]]: ...
 def deconvolved_signal(
     samples: npt.NDArray[np.uint16], scanner: ScannerDevice, noise: int
 ) -> tuple[npt.NDArray[np.float64], float, float]: ...
@@ -244,6 +253,45 @@ class _OnBoardColumns(TypedDict):
     time: npt.NDArray[np.float64]
     type: npt.NDArray[np.uint8]
     reflectance: npt.NDArray[np.float32]
+
+class _EchoTableColumns(TypedDict):
+    row: npt.NDArray[np.int64]
+    return_index: npt.NDArray[np.int64]
+    x: npt.NDArray[np.float64]
+    y: npt.NDArray[np.float64]
+    z: npt.NDArray[np.float64]
+    gps_time: npt.NDArray[np.float64]
+    echo_number: npt.NDArray[np.int64]
+    echo_count: npt.NDArray[np.int64]
+    amplitude: npt.NDArray[np.float32]
+    amplitude_db: npt.NDArray[np.float32]
+    amplitude_library_db: npt.NDArray[np.float32]
+    sigma_ns: npt.NDArray[np.float64]
+    fwhm_ns: npt.NDArray[np.float64]
+    sigma_samples: npt.NDArray[np.float64]
+    position: npt.NDArray[np.float64]
+    position_library: npt.NDArray[np.float64]
+    sigma_position_ns: npt.NDArray[np.float32]
+    sigma_amplitude: npt.NDArray[np.float32]
+    sigma_width_ns: npt.NDArray[np.float32]
+    sigma_range: npt.NDArray[np.float32]
+    significance: npt.NDArray[np.float32]
+    fit_flags: npt.NDArray[np.uint8]
+    reduced_chi_square: npt.NDArray[np.float32]
+    echo_type: npt.NDArray[np.uint8]
+    quality: npt.NDArray[np.uint8]
+    reflectance: npt.NDArray[np.float32]
+    time: npt.NDArray[np.float64]
+    waveform_number: npt.NDArray[np.int64]
+    channel_flag: npt.NDArray[np.uint8]
+    descriptor: npt.NDArray[np.uint8]
+    classification: npt.NDArray[np.uint8]
+    original_return_number: npt.NDArray[np.uint8]
+    scan_angle: npt.NDArray[np.float32]
+    scan_direction_flag: npt.NDArray[np.uint8]
+    edge_of_flight_line: npt.NDArray[np.uint8]
+    user_data: npt.NDArray[np.uint8]
+    point_source_id: npt.NDArray[np.uint16]
 
 class _BlockResult(TypedDict):
     statistics: dict[str, Any]

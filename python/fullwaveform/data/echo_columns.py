@@ -1,9 +1,9 @@
-"""The columns of echo tables: each is described here and nowhere else."""
+"""The columns of echo tables: each is described here, and computed by the compiled module."""
 
 from __future__ import annotations
 
 import math
-from collections.abc import Callable, Mapping
+from collections.abc import Callable
 from dataclasses import dataclass
 from typing import TYPE_CHECKING
 
@@ -16,33 +16,12 @@ from fullwaveform.data.columns import Column, Table, arrow_schema
 if TYPE_CHECKING:
     import pyarrow as pa
 
-#: Index (m,) of the discrete return of the block to which each echo corresponds, -1 for none.
-RETURN_INDEX = "returnIndex"
-#: Column of extra bytes of these returns, structured by name; only if the input has extra bytes.
+#: Column of extra bytes of the discrete returns of echoes, structured by name; only if the input
+#: has extra bytes.
 EXTRA_BYTES = "extra_bytes"
-_NANOSECONDS = 1e9
 _COORDINATE = "coordinate unit of the input"
 #: Full width at half maximum of a Gaussian of standard deviation 1.
 FWHM_PER_SIGMA = 2.0 * math.sqrt(2.0 * math.log(2.0))
-
-
-@dataclass(frozen=True, slots=True)
-class FoundEchoes:
-    """Echoes of a block in the order of their table, from which the columns are computed."""
-
-    block: WaveformBlock
-    rows: IntArray  # (m,), row of the block in which each echo was found
-    #: Columns (m,) as in `Result.peaks` with NaN for unknown values, ``height``, counts above the
-    #: baseline, ``library_idx``, samples; with RETURN_INDEX if they were compared with discrete
-    #: returns; with ``sigma_position`` and ``sigma_fwhm``, samples, and ``sigma_height``, counts,
-    #: if the standard deviations of the values are known; with ``significance``,
-    #: ``fit_flags`` and ``reduced_chi_square`` of the pulse fit.
-    peaks: Mapping[str, AnyArray]
-    xyz: FloatArray  # (m, 3), coordinate units of the file
-    number: IntArray  # (m,), 1 = nearest to the scanner within the shot
-    count: IntArray  # (m,), echoes of the shot
-    amplitude_unit: float | None  # of the scanner, per count; None if unknown
-    range_per_second: float  # m of range per s of two-way travel time
 
 
 @dataclass(frozen=True, slots=True)
@@ -62,66 +41,30 @@ class LasDimension:
 
 @dataclass(frozen=True, slots=True)
 class EchoColumn(Column):
-    """A column of an echo table and where its values come from."""
+    """A column of an echo table."""
 
-    values: Callable[[FoundEchoes], AnyArray]  # (m,)
-    of_waveform: bool = False  # also known of waveforms without echoes; else NaN or 0 there
     in_tables: bool = True  # False: only for files of a fixed layout (LAS, ASCII)
     las: LasDimension | None = None
 
 
-def _decibels(counts: FloatArray, unit: float | None) -> FloatArray:
-    """20 log10(counts * unit); NaN without a unit, and where the amplitude is not above 0."""
-    if unit is None:
-        return np.full(len(counts), np.nan)
-    amplitude = np.where(counts > 0, counts * unit, np.nan)
-    decibels: FloatArray = 20.0 * np.log10(amplitude)
-    return decibels
-
-
-def _interval_ns(echoes: FoundEchoes) -> FloatArray:
-    return echoes.block.sampling_intervals[echoes.rows] * _NANOSECONDS
-
-
-def _range_per_ns(echoes: FoundEchoes) -> float:
-    return echoes.range_per_second / _NANOSECONDS
-
-
-def _of_fit(echoes: FoundEchoes, name: str) -> FloatArray:
-    """A value of each echo that only some methods determine; NaN in the others."""
-    unknown = np.full(len(echoes.rows), np.nan)
-    return np.asarray(echoes.peaks.get(name, unknown), dtype=np.float64)
-
-
 ECHO_COLUMNS: tuple[EchoColumn, ...] = (
-    EchoColumn("x", np.float64, _COORDINATE, "Easting of the echo", lambda e: e.xyz[:, 0]),
-    EchoColumn("y", np.float64, _COORDINATE, "Northing of the echo", lambda e: e.xyz[:, 1]),
-    EchoColumn("z", np.float64, _COORDINATE, "Height of the echo", lambda e: e.xyz[:, 2]),
-    EchoColumn(
-        "gps_time",
-        np.float64,
-        "s",
-        "Time of the shot, as in the input",
-        lambda e: e.block.attributes.gps_time[e.rows],
-        of_waveform=True,
-    ),
+    EchoColumn("x", np.float64, _COORDINATE, "Easting of the echo"),
+    EchoColumn("y", np.float64, _COORDINATE, "Northing of the echo"),
+    EchoColumn("z", np.float64, _COORDINATE, "Height of the echo"),
+    EchoColumn("gps_time", np.float64, "s", "Time of the shot, as in the input"),
     EchoColumn(
         "echo_number",
         np.int64,
         "1",
         "Number of the echo within its shot, 1 nearest to the scanner; 0 in the row of a waveform "
         "without echoes",
-        lambda e: e.number,
     ),
-    EchoColumn(
-        "echo_count", np.int64, "1", "Echoes of the shot", lambda e: e.count, of_waveform=True
-    ),
+    EchoColumn("echo_count", np.int64, "1", "Echoes of the shot"),
     EchoColumn(
         "amplitude",
         np.float32,
         "counts",
         "Height of the echo above the baseline",
-        lambda e: e.peaks["height"],
         las=LasDimension(np.float32, "Height above baseline, counts"),
     ),
     EchoColumn(
@@ -129,7 +72,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.float32,
         "dB",
         "Amplitude relative to the amplitude unit of the scanner; NaN if that unit is unknown",
-        lambda e: _decibels(e.peaks["height"], e.amplitude_unit),
         las=LasDimension(np.float32, "Echo amplitude, dB"),
     ),
     EchoColumn(
@@ -138,7 +80,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "dB",
         "The library's own amplitude, of the fitted or deconvolved signal; an unknown amplitude "
         "unit counts as 1",
-        lambda e: e.peaks["amplitude"],
         las=LasDimension(np.float32, "Library's own amplitude, dB"),
     ),
     EchoColumn(
@@ -146,7 +87,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.float64,
         "ns",
         "Standard deviation of the echo; NaN for deconvolved echoes, which have no width",
-        lambda e: e.peaks["std"] * _interval_ns(e),
         las=LasDimension(np.float32, "Echo standard deviation, ns"),
     ),
     EchoColumn(
@@ -154,7 +94,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.float64,
         "ns",
         "Full width at half maximum of the echo, 2 sqrt(2 ln 2) times its standard deviation",
-        lambda e: FWHM_PER_SIGMA * e.peaks["std"] * _interval_ns(e),
         las=LasDimension(np.float32, "Echo full width at half max, ns"),
     ),
     EchoColumn(
@@ -162,7 +101,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.float64,
         "samples",
         "Standard deviation of the echo; NaN for deconvolved echoes",
-        lambda e: e.peaks["std"],
         in_tables=False,
     ),
     EchoColumn(
@@ -170,7 +108,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.float64,
         "samples",
         "Fractional sample index in the waveform, 0 at its first sample",
-        lambda e: e.peaks["idx"],
         las=LasDimension(np.float64, "Fractional sample index"),
     ),
     EchoColumn(
@@ -179,14 +116,12 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "samples",
         "The library's own position: that of deconvolved echoes is not refined, and includes their "
         "offset",
-        lambda e: e.peaks["library_idx"],
     ),
     EchoColumn(
         "sigma_position_ns",
         np.float32,
         "ns",
         "Uncertainty of the position: its standard deviation by the noise of the samples",
-        lambda e: _of_fit(e, "sigma_position") * _interval_ns(e),
         las=LasDimension(np.float32, "Uncertainty of position, ns"),
     ),
     EchoColumn(
@@ -194,7 +129,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.float32,
         "counts",
         "Uncertainty of the amplitude",
-        lambda e: _of_fit(e, "sigma_height"),
         las=LasDimension(np.float32, "Uncertainty of amplitude, counts"),
     ),
     EchoColumn(
@@ -202,7 +136,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.float32,
         "ns",
         "Uncertainty of the full width at half maximum; NaN for deconvolved echoes",
-        lambda e: _of_fit(e, "sigma_fwhm") * _interval_ns(e),
         las=LasDimension(np.float32, "Uncertainty of fwhm_ns, ns"),
     ),
     EchoColumn(
@@ -211,7 +144,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "m",
         "Uncertainty of the range: that of the position times half the group velocity of the "
         "scanner",
-        lambda e: _of_fit(e, "sigma_position") * _interval_ns(e) * _range_per_ns(e),
         las=LasDimension(np.float32, "Uncertainty of range, m"),
     ),
     EchoColumn(
@@ -219,7 +151,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.float32,
         "1",
         "Amplitude over its uncertainty, of the pulse fit; NaN in other modes",
-        lambda e: _of_fit(e, "significance"),
         las=LasDimension(np.float32, "Amplitude over its uncertainty"),
     ),
     EchoColumn(
@@ -228,7 +159,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "1",
         "Sum of: 1 width fitted freely, 2 clipped samples, 4 at an end of the waveform, 8 fit not "
         "converged; 0 in other modes than the pulse fit",
-        lambda e: e.peaks.get("fit_flags", np.zeros(len(e.rows), np.uint8)),
         las=LasDimension(np.uint8, "Flags of the pulse fit"),
     ),
     EchoColumn(
@@ -236,7 +166,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.float32,
         "1",
         "Of the waveform in the pulse fit, 1 if it explains the samples; NaN in other modes",
-        lambda e: _of_fit(e, "reduced_chi_square"),
         las=LasDimension(np.float32, "Reduced chi square, waveform"),
     ),
     EchoColumn(
@@ -245,7 +174,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "1",
         "How the echo was found: 2 three-point fit, 3 and 4 first and second loop of the "
         "decomposition, 5 deconvolution, 6 on board, 8 pulse fit; 0 no echo",
-        lambda e: e.peaks["type"],
         las=LasDimension(np.uint8, "How the echo was found"),
     ),
     EchoColumn(
@@ -253,7 +181,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.uint8,
         "1",
         "0 good; after-pulses (1) and echoes out of range (2) are removed before",
-        lambda e: e.peaks["quality"],
         las=LasDimension(np.uint8, "Quality of the echo"),
     ),
     EchoColumn(
@@ -261,7 +188,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.float32,
         "dB",
         "Relative reflectance; NaN except for on-board echoes",
-        lambda e: e.peaks["reflectance"],
         las=LasDimension(np.float32, "Reflectance"),
     ),
     EchoColumn(
@@ -270,15 +196,12 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "s",
         "Time of the echo since the first sample of its waveform or, where the input has one, "
         "since the reference time of the pulse",
-        lambda e: e.peaks["time"],
     ),
     EchoColumn(
         "waveform_number",
         np.int64,
         "1",
         "Running number of the waveform in the input, from 0",
-        lambda e: e.block.waveform_numbers[e.rows],
-        of_waveform=True,
         las=LasDimension(np.uint64, "Number of the waveform, from 0"),
     ),
     EchoColumn(
@@ -286,8 +209,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         np.uint8,
         "1",
         "Channel of the waveform: 1 low power, 0 high power",
-        lambda e: e.block.channel_flags[e.rows],
-        of_waveform=True,
         las=LasDimension(np.uint8, "Channel, 1 low and 0 high power"),
     ),
     EchoColumn(
@@ -296,8 +217,6 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "1",
         "Number of the packet descriptor or channel of the waveform in the input; 0 where it has "
         "none",
-        lambda e: e.block.descriptors[e.rows],
-        of_waveform=True,
         las=LasDimension(np.uint8, "Descriptor in the input, 0 none"),
     ),
     EchoColumn(
@@ -306,61 +225,27 @@ ECHO_COLUMNS: tuple[EchoColumn, ...] = (
         "1",
         "Class of the discrete return of the scanner within half the width of the echo; 0 without "
         "one",
-        lambda e: _of_return(e, "classification"),
     ),
     EchoColumn(
         "original_return_number",
         np.uint8,
         "1",
         "Return number of that discrete return; 0 without one",
-        lambda e: _of_return(e, "return_number"),
         las=LasDimension(np.uint8, "Return number in the input"),
     ),
+    EchoColumn("scan_angle", np.float32, "degrees", "Scan angle of the shot", in_tables=False),
     EchoColumn(
-        "scan_angle",
-        np.float32,
-        "degrees",
-        "Scan angle of the shot",
-        lambda e: e.block.attributes.scan_angle[e.rows],
-        of_waveform=True,
-        in_tables=False,
-    ),
-    EchoColumn(
-        "scan_direction_flag",
-        np.uint8,
-        "1",
-        "Scan direction of the shot, 0 or 1",
-        lambda e: e.block.attributes.scan_direction_flag[e.rows],
-        of_waveform=True,
-        in_tables=False,
+        "scan_direction_flag", np.uint8, "1", "Scan direction of the shot, 0 or 1", in_tables=False
     ),
     EchoColumn(
         "edge_of_flight_line",
         np.uint8,
         "1",
         "1 for a shot at the edge of the scan, else 0",
-        lambda e: e.block.attributes.edge_of_flight_line[e.rows],
-        of_waveform=True,
         in_tables=False,
     ),
-    EchoColumn(
-        "user_data",
-        np.uint8,
-        "1",
-        "User data of the shot",
-        lambda e: e.block.attributes.user_data[e.rows],
-        of_waveform=True,
-        in_tables=False,
-    ),
-    EchoColumn(
-        "point_source_id",
-        np.uint16,
-        "1",
-        "Point source ID of the shot",
-        lambda e: e.block.attributes.point_source_id[e.rows],
-        of_waveform=True,
-        in_tables=False,
-    ),
+    EchoColumn("user_data", np.uint8, "1", "User data of the shot", in_tables=False),
+    EchoColumn("point_source_id", np.uint16, "1", "Point source ID of the shot", in_tables=False),
 )
 
 
@@ -379,8 +264,6 @@ SHOT_COLUMNS: tuple[EchoColumn, ...] = (
         np.str_,
         "1",
         "Beam of the shot, by its name in the input",
-        lambda e: _of_shot(e.block.beams, e.rows),
-        of_waveform=True,
         las=LasDimension(np.uint8, "Number of the beam", _beam_numbers),
     ),
     EchoColumn(
@@ -388,25 +271,24 @@ SHOT_COLUMNS: tuple[EchoColumn, ...] = (
         np.uint64,
         "1",
         "Number of the shot in the input",
-        lambda e: _of_shot(e.block.shot_numbers, e.rows),
-        of_waveform=True,
         las=LasDimension(np.uint64, "Number of the shot in the input"),
     ),
 )
 
 
-def _of_shot(values: AnyArray | None, rows: IntArray) -> AnyArray:
-    assert values is not None  # the block has the column
-    return values[rows]
-
-
 def shot_columns_of(block: WaveformBlock) -> tuple[str, ...]:
     """Names of those of `SHOT_COLUMNS` that the waveforms of a block have."""
+    return tuple(shot_values_of(block))
+
+
+def shot_values_of(block: WaveformBlock) -> dict[str, AnyArray]:
+    """The values (n,) of those of `SHOT_COLUMNS` that the waveforms of a block have."""
     known = {"beam": block.beams, "shot_number": block.shot_numbers}
-    return tuple(name for name, values in known.items() if values is not None)
+    return {name: values for name, values in known.items() if values is not None}
 
 
-def _columns(shot_columns: tuple[str, ...]) -> tuple[EchoColumn, ...]:
+def echo_columns(shot_columns: tuple[str, ...] = ()) -> tuple[EchoColumn, ...]:
+    """All columns of an echo table; `shot_columns` names those of `SHOT_COLUMNS` that it has."""
     return (*ECHO_COLUMNS, *(column for column in SHOT_COLUMNS if column.name in shot_columns))
 
 
@@ -416,43 +298,6 @@ class EchoTable(Table):
     The echoes of a shot are consecutive, ordered along the flight of light. The column EXTRA_BYTES
     is there if the input has extra bytes and echoes take them over.
     """
-
-    @classmethod
-    def of(cls, found: FoundEchoes) -> EchoTable:
-        """The table of the echoes, in their order."""
-        described = _columns(shot_columns_of(found.block))
-        columns = {column.name: _computed(column, found) for column in described}
-        returns, index = found.block.returns, found.peaks.get(RETURN_INDEX)
-        if returns is not None and returns.extra is not None and index is not None:
-            columns[EXTRA_BYTES] = _taken(returns.extra, index)
-        return cls(columns)
-
-    @classmethod
-    def of_empty_waveforms(
-        cls,
-        block: WaveformBlock,
-        rows: IntArray,
-        count: IntArray,
-        extra: np.dtype[np.void] | None = None,
-    ) -> EchoTable:
-        """A row without an echo for each of the given rows (k,) of the block.
-
-        `count` (k,) is the number of echoes of the shot. Columns that describe an echo are NaN or,
-        where they hold integers, 0; so are the extra bytes, if their type is given.
-        """
-        none = np.zeros(len(rows), np.int64)
-        found = FoundEchoes(
-            block, rows, {}, np.full((len(rows), 3), np.nan), none, count, None, np.nan
-        )
-        columns = {
-            column.name: _computed(column, found)
-            if column.of_waveform
-            else np.full(len(rows), _value_without_echo(column), column.dtype)
-            for column in _columns(shot_columns_of(block))
-        }
-        if extra is not None:
-            columns[EXTRA_BYTES] = np.zeros(len(rows), extra)
-        return cls(columns)
 
     @property
     def shot_columns(self) -> tuple[str, ...]:
@@ -465,40 +310,17 @@ class EchoTable(Table):
         return np.column_stack([self["x"], self["y"], self["z"]])
 
 
-def _computed(column: EchoColumn, found: FoundEchoes) -> AnyArray:
-    return column.values(found).astype(column.dtype, copy=False)
-
-
-def _of_return(found: FoundEchoes, name: str) -> AnyArray:
-    """A value of the discrete return of each echo, 0 without one."""
-    returns = found.block.returns
-    if returns is None or RETURN_INDEX not in found.peaks:
-        return np.zeros(len(found.rows))
-    return _taken(getattr(returns, name), found.peaks[RETURN_INDEX])
-
-
-def _taken(values: AnyArray, index: IntArray) -> AnyArray:
-    """The values at the index; zero at -1."""
-    taken = np.zeros(len(index), values.dtype)
-    taken[index >= 0] = values[index[index >= 0]]
-    return taken
-
-
-def _value_without_echo(column: EchoColumn) -> float:
-    return np.nan if np.issubdtype(column.dtype, np.floating) else 0
-
-
 def table_columns(shot_columns: tuple[str, ...] = ()) -> tuple[EchoColumn, ...]:
     """The columns of CSV, Parquet and HDF5 files and of Arrow tables.
 
     `shot_columns` names those of `SHOT_COLUMNS` that the input has.
     """
-    return tuple(column for column in _columns(shot_columns) if column.in_tables)
+    return tuple(column for column in echo_columns(shot_columns) if column.in_tables)
 
 
 def las_dimensions(shot_columns: tuple[str, ...] = ()) -> dict[str, LasDimension]:
     """The extra dimensions of LAS files of echoes, by name of the column; see `table_columns`."""
-    columns = _columns(shot_columns)
+    columns = echo_columns(shot_columns)
     return {column.name: column.las for column in columns if column.las is not None}
 
 

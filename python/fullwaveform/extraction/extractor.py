@@ -9,7 +9,6 @@ import numpy as np
 
 from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.calibration.pulse_choice import PulseChoice
-from fullwaveform.core.constants import EchoType
 from fullwaveform.core.driver import (
     DECONVOLVING_MODES,
     LONGEST_DECONVOLUTION,
@@ -19,15 +18,14 @@ from fullwaveform.core.driver import (
     RunMonitor,
     Thresholds,
 )
+from fullwaveform.core.echo_table import FoundEchoes, echo_table
 from fullwaveform.core.pulse_models import ReceiverModel
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.core.signal import NO_SIGNAL_THRESHOLD, estimated_threshold
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.echo_columns import EchoTable
-from fullwaveform.data.empty_waveforms import with_empty_waveforms
-from fullwaveform.extraction.carry import with_returns
-from fullwaveform.extraction.georeference import to_echo_table
+from fullwaveform.extraction.carry import half_width_of_system_wave
 from fullwaveform.extraction.prepare import (
     ESTIMATE,
     Baseline,
@@ -196,28 +194,33 @@ class Extractor:
         if self.settings.mode is Mode.PULSE_FIT:
             find = self._fitted_echoes
         parts, records, left_out = [], [], 0
-        for interval in np.unique(block.sampling_intervals):
+        half_width = np.zeros(len(block))
+        for interval in np.unique(block.sampling_intervals).tolist():
             rows = np.flatnonzero(block.sampling_intervals == interval)
             part = find(prepared, rows, waveforms)
             parts.append((part.rows, part.peaks))
             records.append(part.record)
             left_out += part.left_out
+            half_width[rows] = half_width_of_system_wave(self.settings.scanner, interval)
         rows, peaks = _joined(parts)
-        peaks = self._apply_position_offset(peaks, block.sampling_intervals[rows])
-        waveforms.enter_echoes(rows)
-        peaks = prepared.unscaled(rows, peaks)
+        phase = self._outgoing_phase(block)
+        found = FoundEchoes(
+            rows,
+            peaks,
+            prepared.scale,
+            np.nan_to_num(phase, nan=0.0),
+            self.settings.position_offset,
+            half_width if self.settings.carry else None,
+        )
+        echoes, counts = echo_table(
+            block, found, self.settings.scanner, keep_empty=self.settings.keep_empty
+        )
+        waveforms.enter_echoes(counts)
         estimates = _estimates(prepared, waveforms)
         waveforms.enter_input_counts(prepared)
-        if self.settings.carry:
-            peaks = with_returns(block, rows, peaks, self.settings.scanner)
-        phase = self._outgoing_phase(block)
-        known = np.nan_to_num(phase, nan=0.0)
-        echoes = to_echo_table(block, rows, peaks, known, self.settings.scanner)
-        if self.settings.keep_empty:
-            echoes = with_empty_waveforms(echoes, block)
         tally = ExtractionTally(
             waveforms=len(waveforms),
-            waveforms_with_echoes=int(np.count_nonzero(waveforms.echo_count)),
+            waveforms_with_echoes=int(np.count_nonzero(counts)),
             echoes=len(rows),
             rejected=waveforms.rejected(),
             echoes_left_out=left_out,
@@ -297,17 +300,6 @@ class Extractor:
             return refined
         fitted = fitted_rows(prepared, self.settings.preparation, threshold, echo_rows)
         return with_uncertainties(refined, echo_rows, fitted, scanner)
-
-    def _apply_position_offset(
-        self, peaks: dict[str, AnyArray], interval: FloatArray
-    ) -> dict[str, AnyArray]:
-        """The peaks with the position offset subtracted from the deconvolved ones."""
-        if self.settings.position_offset == 0.0:
-            return peaks
-        deconvolved = peaks["type"] == EchoType.RICHARDSON_LUCY
-        offset = np.where(deconvolved, self.settings.position_offset, 0.0)
-        moved = {"idx": peaks["idx"] - offset, "time": peaks["time"] - offset * interval}
-        return {**peaks, **moved}
 
     def _outgoing_phase(self, block: WaveformBlock) -> FloatArray:
         """Samples to subtract from the positions of the echoes of each waveform, to place them.

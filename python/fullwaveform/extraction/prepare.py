@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import math
-from collections.abc import Mapping
 from dataclasses import dataclass, replace
 from typing import Literal, cast, get_args
 
@@ -40,7 +39,6 @@ MAX_AUTO_SCALE = 16
 _SCALES = (2, 4, 8, MAX_AUTO_SCALE)
 # Of a scaled sample; waveforms from here on have after-pulses.
 _MAX_SCALED = 800  # counts
-_DECIBELS_PER_DECADE = 20.0
 
 
 @dataclass(frozen=True)
@@ -97,26 +95,6 @@ class PreparedBlock:
         if threshold == ESTIMATE:
             return None
         return threshold // int(self.scale[row]) + int(self.removed[row])
-
-    def unscaled(self, rows: IntArray, peaks: Mapping[str, AnyArray]) -> dict[str, AnyArray]:
-        """The columns (m,) of `Result.peaks` with amplitudes as of samples that were not scaled.
-
-        `rows` (m,) are those of the echoes in the block.
-        """
-        scale = self.scale[rows]
-        if (scale == 1).all():
-            return dict(peaks)
-        decibels = _DECIBELS_PER_DECADE * np.log10(scale)
-        counts, amplitude = peaks["amplitudeCounts"], peaks["amplitude"]
-        changed = {
-            "amplitudeCounts": (counts / scale).astype(counts.dtype),
-            # Below the amplitude unit the library has 0 dB.
-            "amplitude": np.maximum(amplitude - decibels, 0.0).astype(amplitude.dtype),
-        }
-        for name in ("height", "sigma_height"):
-            if name in peaks:
-                changed[name] = peaks[name] / scale
-        return {**peaks, **changed}
 
 
 def checked_baseline(baseline: str) -> Baseline:

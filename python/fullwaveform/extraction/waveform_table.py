@@ -134,11 +134,11 @@ class WaveformTable(Table):
         for name in ("threshold", "max_amplitude"):
             self[name][:] = self[name] / prepared.scale + prepared.removed
 
-    def enter_echoes(self, rows: IntArray) -> None:
-        """Enter the finite echoes, by their rows of the block."""
-        state, count = self["state"], self["echo_count"]
-        count[:] = np.bincount(rows, minlength=len(self))
-        state[(state == WaveformState.WITH_ECHOES) & (count == 0)] = WaveformState.NOT_FINITE
+    def enter_echoes(self, counts: IntArray) -> None:
+        """Enter the number (n,) of finite echoes of each waveform."""
+        state = self["state"]
+        self["echo_count"][:] = counts
+        state[(state == WaveformState.WITH_ECHOES) & (counts == 0)] = WaveformState.NOT_FINITE
 
     def rejected(self) -> Counter[str]:
         """Number of waveforms without echoes, by the phrase of their state."""

@@ -11,6 +11,7 @@ import pytest
 
 import fullwaveform
 from fullwaveform import Scanner, _core
+from fullwaveform.data.echo_columns import ECHO_COLUMNS
 
 # In the source folder of the package; the module itself may be built elsewhere.
 STUB = Path(fullwaveform.__file__).with_name("_core.pyi")
@@ -47,6 +48,7 @@ TABLES = {
     "segments": "_SegmentColumns",
     "peaks": "_EchoColumns",
     "on_board": "_OnBoardColumns",
+    "echo_table": "_EchoTableColumns",
 }
 
 
@@ -84,6 +86,12 @@ def test_stub_and_class_have_the_same_members(name: str) -> None:
         assert stated(node.body) == public(thing)
 
 
+def test_columns_of_echo_tables_are_described_with_their_types() -> None:
+    computed = _core.RESULT_COLUMNS["echo_table"]
+    described = {column.name: np.dtype(column.dtype).name for column in ECHO_COLUMNS}
+    assert {name: computed[name] for name in described} == described
+
+
 @pytest.mark.parametrize("table", TABLES)
 def test_stub_declares_the_columns_of_the_library(table: str) -> None:
     assert columns_stub(table) in STUB.read_text(encoding="utf-8")
@@ -104,6 +112,7 @@ def test_results_have_the_declared_columns() -> None:
         "peaks": block["peaks"],
         "on_board": on_board,
     }
+    assert results.keys() | {"echo_table"} == TABLES.keys()
     for table, columns in results.items():
         found = [(name, values.dtype.name, len(values)) for name, values in columns.items()]
         assert found == [(name, kind, 1) for name, kind in _core.RESULT_COLUMNS[table].items()]

@@ -3,13 +3,14 @@
 from __future__ import annotations
 
 import numpy as np
-import pytest
 
+from fullwaveform import Scanner
+from fullwaveform.core.echo_table import FoundEchoes, echo_table
 from fullwaveform.data.blocks import PulseGeometry, WaveformBlock
-from fullwaveform.data.echo_columns import EchoTable
-from fullwaveform.data.empty_waveforms import with_empty_waveforms, without_empty_waveforms
+from fullwaveform.data.echo_columns import ECHO_COLUMNS, EchoTable
+from fullwaveform.data.empty_waveforms import without_empty_waveforms
 
-from ..support.echo_tables import echo_table, shot_attributes
+from ..support.echo_tables import shot_attributes
 
 # Waveforms 40 to 45 in four shots: 40 and 43 in the one at 7 s, 41 at 9 s, 42 and 44 at 5 s, 45 at
 # 6 s.
@@ -38,18 +39,35 @@ def block() -> WaveformBlock:
     )
 
 
-def echoes_of(waveforms: list[int], shots: list[int]) -> EchoTable:
-    times = {40 + row: time + 1000.0 for row, time in enumerate(SHOT_TIMES)}
-    return echo_table(
-        shots,
-        waveform_number=np.array(waveforms, np.int64),
-        gps_time=np.array([times[number] for number in waveforms]),
+def table_of(rows: list[int], positions: list[float], *, keep_empty: bool = True) -> EchoTable:
+    """The table of echoes at positions in samples, with amplitudes of 10 counts and more."""
+    count = len(rows)
+    numbers = np.arange(count, dtype=np.float64)
+    found = FoundEchoes(
+        rows=np.array(rows, np.int64),
+        peaks={
+            "idx": np.array(positions),
+            "time": numbers,
+            "height": 10.0 + numbers,
+            "std": 1.0 + numbers,
+            "reflectance": np.zeros(count, np.float32),
+            "type": np.full(count, 3, np.uint8),
+        },
+        scale=np.ones(len(SHOT_TIMES), np.int64),
+        phase=np.zeros(len(SHOT_TIMES)),
     )
+    attributes = {**Scanner.default().attributes, "ampl_unit": 0.5}
+    scanner = Scanner.from_attributes(attributes)
+    return echo_table(block(), found, scanner, keep_empty=keep_empty)[0]
+
+
+def some_echoes(*, keep_empty: bool = True) -> EchoTable:
+    """The shot at 5 s has two echoes in waveform 44, that at 7 s one in 43 and one in 40."""
+    return table_of([4, 4, 3, 0], [1.0, 2.0, 1.0, 2.0], keep_empty=keep_empty)
 
 
 def test_rows_follow_the_echoes_of_their_shot_or_are_inserted_by_time() -> None:
-    # The shot at 5 s has two echoes in waveform 44, that at 7 s one in 43 and one in 40.
-    table = with_empty_waveforms(echoes_of([44, 44, 43, 40], [2, 2]), block())
+    table = some_echoes()
     assert table.waveform_number.tolist() == [44, 44, 42, 45, 43, 40, 41]
     assert table.gps_time.tolist() == [1005, 1005, 1005, 1006, 1007, 1007, 1009]
     assert table.echo_number.tolist() == [1, 2, 0, 0, 1, 2, 0]
@@ -58,7 +76,7 @@ def test_rows_follow_the_echoes_of_their_shot_or_are_inserted_by_time() -> None:
 
 
 def test_row_without_echo_has_nan_and_zero_values() -> None:
-    table = with_empty_waveforms(echoes_of([44, 44, 43, 40], [2, 2]), block())
+    table = some_echoes()
     empty = np.flatnonzero(table.echo_number == 0)
     for name in ("x", "y", "z", "amplitude", "amplitude_db", "sigma_ns", "sigma_samples"):
         assert np.isnan(getattr(table, name)[empty]).all(), name
@@ -70,42 +88,33 @@ def test_row_without_echo_has_nan_and_zero_values() -> None:
     assert table.channel_flag[empty].tolist() == [1, 1, 1]  # waveforms 42, 45, 41
     assert table.scan_angle[empty].tolist() == [2, 5, 1]
     assert table.user_data[empty].tolist() == [12, 15, 11]
-    assert table.user_data[0] == 0  # of the echo, untouched
+    assert table.user_data[0] == 14
 
 
 def test_all_waveforms_are_empty() -> None:
-    table = with_empty_waveforms(echo_table([]), block())
+    table = table_of([], [])
     assert table.waveform_number.tolist() == [42, 44, 45, 40, 43, 41]
     assert table.echo_count.tolist() == [0] * 6
     assert table.channel_flag.tolist() == [1, 0, 1, 1, 0, 1]
 
 
-def test_types_are_kept_and_no_rows_added_if_all_have_echoes() -> None:
-    echoes = echoes_of([42, 44, 45, 43, 40, 41], [2, 1, 2, 1])
-    for before, after in (
-        (echoes, with_empty_waveforms(echoes, block())),
-        (echoes_of([], []), with_empty_waveforms(echo_table([]), block())),
-    ):
-        assert list(after.columns) == list(before.columns)
-        for name, values in before.columns.items():
-            assert after[name].dtype == values.dtype, name
-    same = with_empty_waveforms(echoes, block())
-    assert same.waveform_number.tolist() == [42, 44, 45, 43, 40, 41]
-    assert same.echo_number.tolist() == [1, 2, 1, 1, 2, 1]
+def test_no_rows_are_added_if_all_have_echoes() -> None:
+    rows, positions = [2, 4, 5, 3, 0, 1], [1.0, 2.0, 1.0, 1.0, 2.0, 1.0]
+    table = table_of(rows, positions)
+    assert table.waveform_number.tolist() == [42, 44, 45, 43, 40, 41]
+    assert table.echo_number.tolist() == [1, 2, 1, 1, 2, 1]
+
+
+def test_types_are_those_of_the_description() -> None:
+    for table in (some_echoes(), some_echoes(keep_empty=False), table_of([], [])):
+        assert [(column.name, np.dtype(column.dtype)) for column in ECHO_COLUMNS] == [
+            (name, values.dtype) for name, values in table.columns.items()
+        ]
 
 
 def test_removing_the_rows_restores_the_echoes() -> None:
-    echoes = echoes_of([44, 44, 43, 40], [2, 2])
-    back = without_empty_waveforms(with_empty_waveforms(echoes, block()))
+    echoes = some_echoes(keep_empty=False)
+    back = without_empty_waveforms(some_echoes())
     assert back.waveform_number.tolist() == [44, 44, 43, 40]
-    assert back.amplitude.tolist() == [10, 11, 12, 13]
+    assert back.amplitude.tolist() == echoes.amplitude.tolist() == [10, 11, 12, 13]
     assert without_empty_waveforms(echoes) is echoes
-
-
-def test_echo_of_another_block_is_an_error() -> None:
-    for waveform in (39, 46):
-        table = echo_table([1], waveform_number=np.array([waveform]))
-        with pytest.raises(
-            ValueError, match=f"echo of waveform {waveform}, which is not in the block"
-        ):
-            with_empty_waveforms(table, block())

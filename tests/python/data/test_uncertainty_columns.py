@@ -6,9 +6,9 @@ import numpy as np
 import pytest
 
 from fullwaveform import Scanner
+from fullwaveform.core.echo_table import FoundEchoes, echo_table
 from fullwaveform.data.arrays import AnyArray
 from fullwaveform.data.echo_columns import EchoTable
-from fullwaveform.extraction.georeference import to_echo_table
 
 from ..extraction.test_extraction import Packet, block_of, triples
 
@@ -26,7 +26,8 @@ def table(**uncertainties: list[float]) -> EchoTable:
     peaks |= {name: np.array(values) for name, values in uncertainties.items()}
     attributes = {**Scanner.default().attributes, "Scanner Group Velocity": 3e8}
     scanner = Scanner.from_attributes(attributes)
-    return to_echo_table(block_of(packets), np.arange(2), peaks, np.zeros(2), scanner)
+    found = FoundEchoes(np.arange(2), peaks, np.ones(2, np.int64), np.zeros(2))
+    return echo_table(block_of(packets), found, scanner)[0]
 
 
 def test_uncertainties_have_units_of_time_counts_and_range() -> None:

@@ -10,14 +10,11 @@ import numpy as np
 import pytest
 
 import fullwaveform
+from fullwaveform.core.echo_table import FoundEchoes, echo_table
 from fullwaveform.core.scanner import DEFAULT_ATTRIBUTES, Scanner
 from fullwaveform.data.blocks import PulseGeometry, WaveformBlock
 from fullwaveform.data.returns import DiscreteReturns
-from fullwaveform.extraction.carry import (
-    half_width_of_system_wave,
-    nearest_returns,
-    reach_of_echoes,
-)
+from fullwaveform.extraction.carry import half_width_of_system_wave
 
 from ..support.las_scenes import Point, Scene
 from .test_extraction import Packet, block_of, triples
@@ -37,16 +34,32 @@ def returns_at(*places: tuple[int, float]) -> DiscreteReturns:
     )
 
 
-def shots(*times: float) -> WaveformBlock:
-    """A flat waveform per shot time, all along the same vertical pulse."""
-    return block_of([Packet(triples({}), shot=time) for time in times])
+def shots(*times: float, interval: float = 1e-12) -> WaveformBlock:
+    """A flat waveform per shot time, all along the same vertical pulse, one sample per ps."""
+    return block_of([Packet(triples({}), shot=time, interval=interval) for time in times])
 
 
 def nearest(
-    block: WaveformBlock, returns: DiscreteReturns, row: int, time: float, reach: float
+    block: WaveformBlock,
+    returns: DiscreteReturns,
+    row: int,
+    time: float,
+    reach: float,
+    width: float = np.nan,
 ) -> int:
-    one = np.array([row], np.int64)
-    return int(nearest_returns(block, returns, one, np.array([time]), np.array([reach]))[0])
+    """Index of the return of an echo at a time in ps, with a standard deviation in samples."""
+    samples = time * 1e-12 / block.sampling_intervals[row]
+    found = FoundEchoes(
+        rows=np.array([row]),
+        peaks={"idx": np.array([samples]), "std": np.array([width])},
+        scale=np.ones(len(block), np.int64),
+        phase=np.zeros(len(block)),
+        half_width=np.full(len(block), reach * 1e-12),
+    )
+    table, _ = echo_table(replace(block, returns=returns), found, Scanner.default())
+    (number,) = table.original_return_number.tolist()
+    assert table.classification.tolist() == [number + 9 if number else 0]
+    return int(number) - 1
 
 
 def test_nearest_return_in_reach_is_chosen() -> None:
@@ -82,13 +95,22 @@ def test_return_of_another_waveform_of_the_shot_is_found_by_its_place() -> None:
     assert nearest(block, returns, 1, 5000.0, 3999.0) == -1
 
 
-def test_reach_is_half_the_width_of_the_echo() -> None:
-    # The full width at half maximum of a Gaussian is 2.3548 standard deviations.
-    widths = np.array([2.0, 0.1, np.nan, 0.0, np.nan])
-    intervals = np.full(5, 1e-9)
-    pulse = np.array([0.0, 0.0, 3e-9, 3e-9, 0.0])
-    expected = [2354.82, 1000.0, 3000.0, 3000.0, 1000.0]
-    assert reach_of_echoes(widths, intervals, pulse) == pytest.approx(expected, abs=0.01)
+@pytest.mark.parametrize(
+    ("width", "pulse", "reach"),
+    [
+        # The full width at half maximum of a Gaussian is 2.3548 standard deviations.
+        (2.0, 0.0, 2354.82),
+        (0.1, 0.0, 1000.0),  # one sample
+        (np.nan, 3000.0, 3000.0),
+        (0.0, 3000.0, 3000.0),
+        (np.nan, 0.0, 1000.0),
+    ],
+)
+def test_reach_is_half_the_width_of_the_echo(width: float, pulse: float, reach: float) -> None:
+    block = shots(1.0, interval=1e-9)
+    for distance, expected in ((reach - 0.01, 0), (reach + 0.01, -1)):
+        returns = returns_at((0, 5000.0 + distance))
+        assert nearest(block, returns, 0, 5000.0, pulse, width) == expected
 
 
 def test_half_width_of_an_exponential_system_wave() -> None:

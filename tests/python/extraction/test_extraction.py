@@ -9,10 +9,11 @@ import numpy as np
 import pytest
 
 from fullwaveform import Scanner
+from fullwaveform.core.echo_table import FoundEchoes, echo_table
+from fullwaveform.data.arrays import FloatArray
 from fullwaveform.data.blocks import PulseGeometry, ShotAttributes, WaveformBlock
 from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.extraction.extractor import ExtractionSettings, ExtractionTally, Extractor
-from fullwaveform.extraction.georeference import positions_in_space
 from fullwaveform.extraction.waveform_table import WaveformState
 
 from ..support.sample_triples import TRIPLE_STD, Samples, triples
@@ -68,17 +69,48 @@ def extracted(*packets: Packet) -> EchoTable:
     return extractor().extract(block_of(packets)).echoes
 
 
-def test_sample_position_in_space() -> None:
-    geometry = PulseGeometry(
-        anchor=np.array([[0.0, 0.0, 0.0], [100.0, 200.0, 300.0]]),
-        location=np.array([0.0, 30_000.0]),
-        direction=np.array([[1.0, 0.0, 0.0], [0.0001, -0.0002, 0.0002]]),
+def found_at(block: WaveformBlock, rows: Sequence[int], positions: Sequence[float]) -> FoundEchoes:
+    """Echoes at positions in samples of the rows, of which nothing else is known."""
+    return FoundEchoes(
+        rows=np.array(rows, np.int64),
+        peaks={"idx": np.array(positions)},
+        scale=np.ones(len(block), np.int64),
+        phase=np.zeros(len(block)),
     )
-    rows = np.array([1, 1, 1, 0])
-    placed = positions_in_space(geometry, rows, np.array([10_000.0, 30_000.0, 40_000.0, 2.0]))
-    # 20 ns before the anchor, at it, 10 ns after it
-    expected = [[102, 196, 304], [100, 200, 300], [99, 202, 298], [-2, 0, 0]]
+
+
+def places_of(block: WaveformBlock, rows: Sequence[int], positions: Sequence[float]) -> FloatArray:
+    """Coordinates of echoes, by shot and along the flight of light."""
+    return echo_table(block, found_at(block, rows, positions), Scanner.default())[0].xyz
+
+
+def test_sample_position_in_space() -> None:
+    block = block_of(
+        [
+            Packet(triples({}), 1.0, 1e-9, (0.0, 0.0, 0.0), 0.0, (1.0, 0.0, 0.0)),
+            Packet(triples({}), 2.0, 1e-9, (100.0, 200.0, 300.0), 30_000.0, (1e-4, -2e-4, 2e-4)),
+        ]
+    )
+    placed = places_of(block, [1, 1, 1, 0], [10.0, 30.0, 40.0, 0.002])
+    # 2 ps after the anchor; 20 ns before the anchor, at it, 10 ns after it
+    expected = [[-2, 0, 0], [102, 196, 304], [100, 200, 300], [99, 202, 298]]
     np.testing.assert_allclose(placed, expected, rtol=0, atol=1e-9)
+
+
+@pytest.mark.parametrize(
+    ("rows", "message"),
+    [([2], "row 2 is not one of the 2 waveforms"), ([0, -1], "row -1 is not one of the 2")],
+)
+def test_echo_of_another_block_is_an_error(rows: list[int], message: str) -> None:
+    block = block_of([Packet(triples({}), shot=1.0), Packet(triples({}), shot=2.0)])
+    with pytest.raises(ValueError, match=message):
+        places_of(block, rows, [1.0] * len(rows))
+
+
+def test_columns_of_different_lengths_are_an_error() -> None:
+    block = block_of([Packet(triples({}), shot=1.0)])
+    with pytest.raises(ValueError, match="idx has 2 values; expected 1"):
+        places_of(block, [0], [1.0, 2.0])
 
 
 def test_echo_columns_of_one_waveform() -> None:

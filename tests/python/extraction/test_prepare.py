@@ -11,6 +11,8 @@ import pytest
 from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.calibration.levels import ChannelLevels
 from fullwaveform.core.driver import Mode
+from fullwaveform.core.echo_table import FoundEchoes, echo_table
+from fullwaveform.core.scanner import Scanner
 from fullwaveform.extraction.prepare import (
     ESTIMATE,
     Preparation,
@@ -145,17 +147,24 @@ def test_given_scale_is_for_every_mode_and_does_not_wrap() -> None:
 
 def test_amplitudes_are_scaled_back() -> None:
     samples = block([[20, 49, 20], [20, 400, 20]])
-    prepared = prepare(samples, preparation(LOW, mode=Mode.DECONVOLUTION))
-    peaks = {
-        "amplitudeCounts": np.array([320.0, 320.0, 0.5], np.float32),
-        "amplitude": np.array([50.103, 50.103, 0.0], np.float32),  # 20 log10(320)
-        "height": np.array([300.0, 300.0, 0.5]),
-    }
-    found = prepared.unscaled(np.array([0, 1, 0]), peaks)
-    assert found["amplitudeCounts"].tolist() == [20.0, 320.0, 0.03125]
-    assert found["height"].tolist() == [18.75, 300.0, 0.03125]
+    found = FoundEchoes(
+        rows=np.array([0, 1, 0]),
+        peaks={
+            "idx": np.array([0.0, 1.0, 2.0]),
+            "amplitude": np.array([50.103, 50.103, 0.0], np.float32),  # 20 log10(320)
+            "height": np.array([300.0, 300.0, 0.5]),
+            "sigma_height": np.array([4.0, 4.0, 8.0]),
+        },
+        scale=prepare(samples, preparation(LOW, mode=Mode.DECONVOLUTION)).scale,
+        phase=np.zeros(2),
+    )
+    table, counts = echo_table(samples, found, Scanner.default())
+    assert counts.tolist() == [2, 1]
+    assert table.waveform_number.tolist() == [0, 0, 1]
+    assert table.amplitude.tolist() == [18.75, 0.03125, 300.0]
+    assert table.sigma_amplitude.tolist() == [0.25, 0.5, 4.0]
     # 20 log10(20); 0 dB below the amplitude unit.
-    assert found["amplitude"].tolist() == pytest.approx([26.0206, 50.103, 0.0], abs=1e-4)
+    assert table.amplitude_library_db.tolist() == pytest.approx([26.0206, 0.0, 50.103], abs=1e-4)
 
 
 @pytest.mark.parametrize("value", ["off", "", None, 3])

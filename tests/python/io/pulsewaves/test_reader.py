@@ -10,10 +10,10 @@ import numpy as np
 import pytest
 
 from fullwaveform.data.blocks import WaveformBlock
-from fullwaveform.extraction.georeference import positions_in_space
 from fullwaveform.io.pulsewaves import selection
 from fullwaveform.io.pulsewaves.reader import PulseWavesReader
 
+from ...extraction.test_extraction import places_of
 from ...support.las_scenes import rows
 from ...support.pulsewaves_scenes import (
     MIN_TIME,
@@ -65,7 +65,7 @@ def test_coordinates_of_a_sample(tmp_path: Path) -> None:
     scene = Scene([Descriptor(1, [Sampling(duration_bits=16)])], [pulse])
     (block,), _ = read(scene.write(tmp_path / "place.pls"))
     # 1000 units lead to the target (3, 0, 350) m; three samples more by (0.003, 0, -0.15) m each.
-    (place,) = positions_in_space(block.geometry, np.array([0]), np.array([3000.0]))
+    (place,) = places_of(block, [0], [3.0])
     assert place == pytest.approx([3.009, 0.0, 349.55], abs=1e-9)
 
 
