@@ -87,12 +87,12 @@ class Extraction:
         header: laspy.LasHeader | None,
         read: ReadTally,
         settings: ExtractionSettings,
-        source: Path | None = None,
+        sources: Sequence[Path] = (),
     ) -> None:
         if not blocks:
             raise ValueError("the source has no waveforms")
         self._settings = settings
-        self._source = source
+        self._sources = tuple(sources)
         self._echoes = EchoTable.join([block.echoes for block in blocks])
         self._waveforms = WaveformTable.join([block.waveforms for block in blocks])
         self._header = header
@@ -165,9 +165,9 @@ class Extraction:
                 f"cannot write {path}: the echoes have no place in space; write a table "
                 "(.csv, .parquet, .h5)"
             )
-        run = run_metadata(self._settings, self._source)
+        run = run_metadata(self._settings, self._sources)
         with (
-            protected_inputs(*([] if self._source is None else [self._source])),
+            protected_inputs(*self._sources),
             open_echo_file(
                 path,
                 self._header,
@@ -487,4 +487,5 @@ def _of_file(
 
 def _of_reader(reader: WaveformReader, settings: ExtractionSettings, workers: int) -> Extraction:
     blocks = list(extracted_blocks(reader.blocks(), settings, workers))
-    return Extraction(blocks, reader.header, reader.tally, settings, reader.path.absolute())
+    sources = [path.absolute() for path in reader.paths]
+    return Extraction(blocks, reader.header, reader.tally, settings, sources)

@@ -15,12 +15,11 @@ from fullwaveform.cli.many_files import (
     DEFAULT_FORMAT,
     FormatOption,
     SkipBadFiles,
-    SourceFiles,
     check_folder,
     check_format,
     check_names,
 )
-from fullwaveform.cli.options import QuietOption, integer_from
+from fullwaveform.cli.options import QuietOption, SourceFiles, integer_from
 from fullwaveform.cli.reader_options import with_options
 from fullwaveform.cluster.connection import LOCAL, check_address, connected
 from fullwaveform.cluster.executors import DaskWorkers
@@ -58,6 +57,7 @@ def cluster(
     blocks_per_part: BlocksPerPart = None,
     resume: Annotated[bool, typer.Option("--resume", help="Continue the run in FOLDER")] = False,
     skip_bad_files: SkipBadFiles = False,
+    as_one: Annotated[bool, typer.Option("--as-one", hidden=True)] = False,
     quiet: QuietOption = False,
 ) -> None:
     """Extract the echoes of files on several processors or machines.
@@ -70,6 +70,12 @@ def cluster(
 
         fullwaveform cluster scan.las -o las_parts --scheduler local --format las
     """
+    if as_one:
+        raise typer.BadParameter(
+            "not on a cluster, whose units of work are parts of one file; join the files with "
+            "convert --as-one and extract the result, or use extract",
+            param_hint="--as-one",
+        )
     _check_scheduler(scheduler, workers)
     part_format = part_format or DEFAULT_FORMAT
     check_names(sources)

@@ -9,16 +9,17 @@ import typer
 
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.options import (
+    AsOne,
     QuietOption,
     ScannerFile,
-    SourceFile,
+    SourceFiles,
     VerboseOption,
     refuse_quiet_and_verbose,
     require_suffix,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import blocks_with_progress, print_line
-from fullwaveform.cli.reader_options import ReaderOptions, with_options
+from fullwaveform.cli.reader_options import ReaderOptions, check_as_one, with_options
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.data.counting import counted
@@ -27,10 +28,11 @@ from fullwaveform.io.container.writer import ScanContainerWriter
 
 @with_options
 def convert(
-    source: SourceFile,
+    sources: SourceFiles,
     output: Annotated[Path, typer.Argument(metavar="OUT.h5", help="Scan container: .h5 or .hdf5")],
     *,
     scanner: ScannerFile = None,
+    as_one: AsOne = False,
     options: ReaderOptions,
     overwrite: OverwriteOption = False,
     verbose: VerboseOption = False,
@@ -46,13 +48,14 @@ def convert(
     """
     require_suffix(output, (".h5", ".hdf5"), "OUT.h5")
     refuse_quiet_and_verbose(quiet, verbose)
+    check_as_one(sources, as_one)
     result = Output(output, ScanContainerWriter.kind, "OUT.h5")
     with (
-        checked_outputs(result, overwrite=overwrite, inputs=(source, scanner)),
+        checked_outputs(result, overwrite=overwrite, inputs=(*sources, scanner)),
         report_errors(),
     ):
         description = Scanner.from_toml(scanner) if scanner is not None else None
-        with options.open(source) as reader:
+        with options.open(sources) as reader:
             reader.on_unreadable = print_line if verbose else None
             reader.with_outgoing = True
             writer = ScanContainerWriter(output, reader.header, description or reader.scanner())

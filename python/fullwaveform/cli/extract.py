@@ -19,12 +19,17 @@ from fullwaveform.cli.many_files import (
     DEFAULT_FORMAT,
     FormatOption,
     SkipBadFiles,
-    SourceFiles,
     check_folder,
     check_format,
     check_names,
 )
-from fullwaveform.cli.options import QuietOption, integer_from, refuse_quiet_and_verbose
+from fullwaveform.cli.options import (
+    AsOne,
+    QuietOption,
+    SourceFiles,
+    integer_from,
+    refuse_quiet_and_verbose,
+)
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import print_line, progress_bar
 from fullwaveform.cli.reader_options import with_options
@@ -46,6 +51,7 @@ def extract(
         ),
     ],
     options: ExtractOptions,
+    as_one: AsOne = False,
     file_format: FormatOption = None,
     jobs: Annotated[
         int, typer.Option(parser=integer_from(1), metavar="N", help="Number of files at a time")
@@ -73,7 +79,7 @@ def extract(
 ) -> None:
     """Extract the echoes from the waveforms of files.
 
-    Several files are written to a folder, under their own names.
+    Several files are written to a folder, under their own names, or read as one with --as-one.
 
     Examples:
 
@@ -88,7 +94,9 @@ def extract(
     refuse_quiet_and_verbose(quiet, verbose)
     # Path.is_dir raises an error for a name that is too long.
     is_folder = os.path.isdir(output)  # noqa: PTH112
-    many = len(sources) > 1 or file_format is not None or is_folder
+    many = (len(sources) > 1 and not as_one) or file_format is not None or is_folder
+    if as_one and many:
+        raise typer.BadParameter("does not apply to output in a folder", param_hint="--as-one")
     if as_json and many:
         raise typer.BadParameter("does not apply to output in a folder", param_hint="--json")
     targets = _in_folder(sources, output, file_format, options) if many else [output]
@@ -120,7 +128,7 @@ def extract(
                 pairs = list(zip(sources, targets, strict=True))
                 extract_many(run, pairs, jobs, skip_bad_files=skip_bad_files)
                 return
-            summary = replace(run.extract(sources[0], output), messages=messages)
+            summary = replace(run.extract(sources, output), messages=messages)
         if as_json:
             typer.echo(json.dumps(summary.as_dict(), indent=2))
         elif not quiet:

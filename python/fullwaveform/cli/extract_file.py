@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import time
 from collections import Counter
-from collections.abc import Callable
+from collections.abc import Callable, Sequence
 from contextlib import closing
 from dataclasses import dataclass, field, replace
 from functools import partial
@@ -42,8 +42,10 @@ class FileRun:
         for monitor in self.monitors:
             monitor.cancel()
 
-    def extract(self, source: Path, output: Path) -> RunSummary:
-        """Write the echoes of a file; the summary has no messages of the library.
+    def extract(self, sources: Sequence[Path], output: Path) -> RunSummary:
+        """Write the echoes of a file, or of several that are read as one.
+
+        The summary has no messages of the library.
 
         Raises
         ------
@@ -55,15 +57,15 @@ class FileRun:
         start = time.perf_counter()
         monitor = RunMonitor()
         self.monitors.append(monitor)
-        options = self.options
-        with options.open(source) as reader:
+        options, source = self.options, sources[0]
+        with options.open(sources) as reader:
             settings = options.settings([reader.scanner()])
             calibration = measure(reader, options.outgoing_phase, settings.pulses)
             settings = replace(settings, calibration=calibration)
             writer = open_echo_file(
                 output,
                 reader.header,
-                run_metadata(settings, reader.path),
+                run_metadata(settings, reader.paths),
                 carry=settings.carry,
                 with_waveforms=settings.with_waveforms,
                 shot_columns=reader.shot_columns,

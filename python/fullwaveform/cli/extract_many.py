@@ -73,7 +73,7 @@ def _finished_files(
     When the ``with`` statement ends by an exception, files in progress are cancelled.
     """
     with ThreadPoolExecutor(jobs, thread_name_prefix="file") as pool:
-        sources = {pool.submit(run.extract, source, output): source for source, output in outputs}
+        sources = {pool.submit(run.extract, [source], output): source for source, output in outputs}
 
         def finished() -> Iterator[tuple[Path, Future[RunSummary] | None]]:
             pending = set(sources)

@@ -81,7 +81,7 @@ def info(
             show_point_file(source, points, as_json=as_json)
             return
         with (
-            options.open(source) as reader,
+            options.open([source]) as reader,
             blocks_with_progress(reader, quiet) as blocks,
         ):
             reader.on_unreadable = print_line if verbose else None

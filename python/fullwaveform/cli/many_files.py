@@ -16,14 +16,6 @@ from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, check_takes_empty
 FORMATS = [ending.lstrip(".") for ending in ECHO_ENDINGS]
 DEFAULT_FORMAT = "parquet"
 
-SourceFiles = Annotated[
-    list[Path],
-    typer.Argument(
-        metavar="IN",
-        help="Waveform files: LAS, LAZ, PulseWaves (.pls, .plz), GEDI, LVIS, scan container (.h5), "
-        ".npz",
-    ),
-]
 FormatOption = Annotated[
     str | None,
     typer.Option(

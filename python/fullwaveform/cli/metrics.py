@@ -11,15 +11,16 @@ import typer
 from fullwaveform.cli.convert import print_left_out
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.options import (
+    AsOne,
     QuietOption,
-    SourceFile,
+    SourceFiles,
     VerboseOption,
     integer_from,
     refuse_quiet_and_verbose,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import blocks_with_progress, print_line
-from fullwaveform.cli.reader_options import ReaderOptions, with_options
+from fullwaveform.cli.reader_options import ReaderOptions, check_as_one, with_options
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.pipeline import available_workers
 from fullwaveform.waveform_metrics.files import (
@@ -42,7 +43,7 @@ def _number(text: str | float) -> float:
 
 @with_options
 def metrics(
-    source: SourceFile,
+    sources: SourceFiles,
     output: Annotated[
         Path,
         typer.Option(
@@ -105,6 +106,7 @@ def metrics(
             parser=integer_from(1), metavar="N", help="Number of threads. Default: all processors"
         ),
     ] = None,
+    as_one: AsOne = False,
     options: ReaderOptions,
     overwrite: OverwriteOption = False,
     verbose: VerboseOption = False,
@@ -122,6 +124,7 @@ def metrics(
         fullwaveform metrics scan.las -o metrics.csv --smoothing 2 --profile-step 1 --profile-top 30
     """
     refuse_quiet_and_verbose(quiet, verbose)
+    check_as_one(sources, as_one)
     try:
         settings = MetricsSettings(
             smoothing=smoothing,
@@ -142,14 +145,14 @@ def metrics(
     except ValueError as error:
         raise typer.BadParameter(str(error), param_hint="-o") from error
     outputs = [Output(path, kind, "-o") for path, kind in kinds.items()]
-    with checked_outputs(*outputs, overwrite=overwrite, inputs=(source,)), report_errors():
-        with options.open(source) as reader:
+    with checked_outputs(*outputs, overwrite=overwrite, inputs=(*sources,)), report_errors():
+        with options.open(sources) as reader:
             reader.on_unreadable = print_line if verbose else None
             run = measured_run(reader, settings)
             writer = open_metrics_file(
                 output,
                 settings,
-                source=reader.path,
+                sources=reader.paths,
                 header=reader.header,
                 shot_columns=reader.shot_columns,
                 overwrite=overwrite,

@@ -157,6 +157,21 @@ SourceFile = Annotated[
         ".npz",
     ),
 ]
+SourceFiles = Annotated[
+    list[Path],
+    typer.Argument(
+        metavar="IN",
+        help="Waveform files: LAS, LAZ, PulseWaves (.pls, .plz), GEDI, LVIS, scan container (.h5), "
+        ".npz",
+    ),
+]
+AsOne = Annotated[
+    bool,
+    typer.Option(
+        "--as-one",
+        help="Read several inputs as one: the parts of a PulseWaves flight line, in this order",
+    ),
+]
 ModeOption = Annotated[
     Mode,
     typer.Option(

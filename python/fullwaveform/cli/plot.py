@@ -14,19 +14,20 @@ from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_options import scanner_for
 from fullwaveform.cli.options import (
     AfterPulseOption,
+    AsOne,
     ChannelOption,
     IntervalOption,
     MaxSamples,
     RepeatedModeOption,
     ScannerFile,
-    SourceFile,
+    SourceFiles,
     ThresholdOption,
     TimeOption,
     integer_from,
     require_suffix,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
-from fullwaveform.cli.reader_options import ReaderOptions
+from fullwaveform.cli.reader_options import ReaderOptions, check_as_one
 from fullwaveform.core.driver import Mode
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.extractor import ExtractionSettings
@@ -36,7 +37,7 @@ from fullwaveform.plotting.waveform import draw_waveforms
 
 
 def plot(
-    source: SourceFile,
+    sources: SourceFiles,
     output: Annotated[
         Path, typer.Option("-o", "--output", metavar="OUT", help="Plot: .png, .pdf or .svg")
     ],
@@ -53,6 +54,7 @@ def plot(
         ),
     ] = None,
     time: TimeOption = None,
+    as_one: AsOne = False,
     whole: Annotated[
         bool, typer.Option("--whole", help="Show the whole record, not only the part with echoes")
     ] = False,
@@ -77,6 +79,7 @@ def plot(
 
         fullwaveform plot scan.las --time 300000000.00012 --mode 2 --scanner scanner.toml -o t.svg
     """
+    check_as_one(sources, as_one)
     selector, value = _selection(waveform, shot, time)
     require_suffix(output, PLOT_ENDINGS, "-o")
     modes = list(dict.fromkeys(mode or [Mode.THREE_POINT]))
@@ -90,10 +93,10 @@ def plot(
     )
     picture = Output(output, plot_kind(output), "-o")
     with (
-        checked_outputs(picture, overwrite=overwrite, inputs=(source, scanner)),
+        checked_outputs(picture, overwrite=overwrite, inputs=(*sources, scanner)),
         report_errors(),
     ):
-        with options.open(source) as reader:
+        with options.open(sources) as reader:
             description = scanner_for(scanner, after_pulse, [reader.scanner()])
             has_fit = Mode.PULSE_FIT in modes
             pulses = ExtractionSettings(description, Mode.PULSE_FIT).pulses if has_fit else None

@@ -89,7 +89,7 @@ def pulse_model(
         report_errors(),
     ):
         base = Scanner.default() if scanner is None else Scanner.from_toml(scanner)
-        with options.open(source) as reader:
+        with options.open([source]) as reader:
             reader.with_outgoing = reader.has_outgoing
             blocks = list(reader.spread_blocks())
         measured = measure_pulse_models(blocks, measure_levels(blocks), str(source), pulse)

@@ -11,15 +11,16 @@ from fullwaveform.analysis.pulse_table import PulseTable, pulse_columns
 from fullwaveform.cli.convert import print_left_out
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.options import (
+    AsOne,
     QuietOption,
-    SourceFile,
+    SourceFiles,
     VerboseOption,
     refuse_quiet_and_verbose,
     require_suffix,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import blocks_with_progress, print_line
-from fullwaveform.cli.reader_options import ReaderOptions, with_options
+from fullwaveform.cli.reader_options import ReaderOptions, check_as_one, with_options
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.data.counting import counted
 from fullwaveform.io.pulse_writer import PulseWriter
@@ -27,10 +28,12 @@ from fullwaveform.io.pulse_writer import PulseWriter
 
 @with_options
 def pulses(
-    source: SourceFile,
+    sources: SourceFiles,
     output: Annotated[
         Path, typer.Option("-o", "--output", metavar="OUT.parquet", help="Table of pulses")
     ],
+    *,
+    as_one: AsOne = False,
     options: ReaderOptions,
     overwrite: OverwriteOption = False,
     verbose: VerboseOption = False,
@@ -48,9 +51,10 @@ def pulses(
     """
     require_suffix(output, (".parquet",), "-o")
     refuse_quiet_and_verbose(quiet, verbose)
+    check_as_one(sources, as_one)
     result = Output(output, PulseWriter.kind, "-o")
-    with checked_outputs(result, overwrite=overwrite, inputs=(source,)), report_errors():
-        with options.open(source) as reader:
+    with checked_outputs(result, overwrite=overwrite, inputs=(*sources,)), report_errors():
+        with options.open(sources) as reader:
             reader.on_unreadable = print_line if verbose else None
             reader.with_outgoing = True
             writer = PulseWriter(output, pulse_columns(reader.shot_columns))

@@ -2,12 +2,14 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
+from collections.abc import Callable, Sequence
 from dataclasses import dataclass, fields
 from functools import cached_property, wraps
 from inspect import Parameter, Signature, signature
 from pathlib import Path
 from typing import Any, get_type_hints
+
+import typer
 
 from fullwaveform.cli.options import (
     BlockOption,
@@ -47,13 +49,13 @@ class ReaderOptions:
         """The values of `channel`."""
         return channel_flags_from(self.channel)
 
-    def open(self, source: Path) -> WaveformReader:
-        """A reader of the file.
+    def open(self, sources: Sequence[Path]) -> WaveformReader:
+        """A reader of the file, or of several that are read as one.
 
         Raises as `open_waveforms`, and typer.BadParameter for a channel that the file does not use.
         """
         reader = open_waveforms(
-            source,
+            sources[0] if len(sources) == 1 else sources,
             waveforms_per_block=self.block,
             channel_flags=self.channels,
             sampling_interval=self.interval,
@@ -68,6 +70,15 @@ class ReaderOptions:
             reader.close()
             raise
         return reader
+
+
+def check_as_one(sources: Sequence[Path], as_one: bool) -> None:
+    """BadParameter for several inputs of a command that writes one output, unless `as_one`."""
+    if len(sources) > 1 and not as_one:
+        raise typer.BadParameter(
+            f"{len(sources)} inputs; give one, or the parts of a flight line with --as-one",
+            param_hint="IN",
+        )
 
 
 def with_options(command: Callable[..., None]) -> Callable[..., None]:

@@ -102,7 +102,7 @@ def report(
         checked_outputs(*outputs, overwrite=overwrite, inputs=(source, scanner)),
         report_errors(),
     ):
-        with options.open(source) as reader:
+        with options.open([source]) as reader:
             description = scanner_for(scanner, after_pulse, [reader.scanner()])
             check_system_wave(mode, description)
             shots = [find_shot(reader, Selector.WAVEFORM, number) for number in numbers]

@@ -11,15 +11,16 @@ import typer
 from fullwaveform.cli.convert import print_left_out
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.options import (
+    AsOne,
     QuietOption,
-    SourceFile,
+    SourceFiles,
     VerboseOption,
     refuse_quiet_and_verbose,
     require_suffix,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import blocks_with_progress, print_line
-from fullwaveform.cli.reader_options import ReaderOptions, with_options
+from fullwaveform.cli.reader_options import ReaderOptions, check_as_one, with_options
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.data.counting import counted
 from fullwaveform.volumes.files import TIFF_ENDINGS, ZARR_ENDING, volume_file
@@ -50,7 +51,7 @@ def _channel(text: str) -> str:
 
 @with_options
 def voxels(
-    source: SourceFile,
+    sources: SourceFiles,
     output: Annotated[
         Path,
         typer.Option(
@@ -84,6 +85,7 @@ def voxels(
             help="Use the waveforms of this channel only. Default: all waveforms",
         ),
     ] = None,
+    as_one: AsOne = False,
     options: ReaderOptions,
     overwrite: OverwriteOption = False,
     verbose: VerboseOption = False,
@@ -106,13 +108,14 @@ def voxels(
             "only for a GeoTIFF; a Zarr volume has all", param_hint="--quantity"
         )
     refuse_quiet_and_verbose(quiet, verbose)
+    check_as_one(sources, as_one)
     with report_errors():
         kind = volume_file(output, quantity).kind
     with (
-        checked_outputs(Output(output, kind, "-o"), overwrite=overwrite, inputs=(source,)),
+        checked_outputs(Output(output, kind, "-o"), overwrite=overwrite, inputs=(*sources,)),
         report_errors(),
     ):
-        with options.open(source) as reader:
+        with options.open(sources) as reader:
             reader.on_unreadable = print_line if verbose else None
             summary = write_volume(
                 reader,

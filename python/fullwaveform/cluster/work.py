@@ -186,7 +186,7 @@ def _written_part(unit: Unit, output: Path, threads: int) -> PartOutcome:
         writer = open_echo_file(
             output,
             reader.header,
-            run_metadata(settings, reader.path),
+            run_metadata(settings, reader.paths),
             carry=settings.carry,
             with_waveforms=settings.with_waveforms,
             shot_columns=reader.shot_columns,

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+from collections.abc import Sequence
 from pathlib import Path
 
 from fullwaveform import __version__
@@ -10,10 +11,10 @@ from fullwaveform.core.driver import Mode
 from fullwaveform.extraction.extractor import ExtractionSettings
 
 
-def run_metadata(settings: ExtractionSettings, source: Path | None) -> dict[str, str]:
-    """Version, settings and name of the input, for the files that can hold metadata."""
+def run_metadata(settings: ExtractionSettings, sources: Sequence[Path] = ()) -> dict[str, str]:
+    """Version, settings and names of the inputs, for the files that can hold metadata."""
     return {
-        **({} if source is None else {"input": source.name}),
+        **({"input": ", ".join(source.name for source in sources)} if sources else {}),
         "version": __version__,
         "mode": settings.mode.title,
         **_of_mode(settings),

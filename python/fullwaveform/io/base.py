@@ -89,8 +89,13 @@ class WaveformReader(ABC):
 
     @property
     def path(self) -> Path:
-        """The file."""
+        """The file, or the first one of several that are read as one."""
         return self._path
+
+    @property
+    def paths(self) -> tuple[Path, ...]:
+        """The file, or the files that are read as one."""
+        return (self._path,)
 
     @property
     @abstractmethod

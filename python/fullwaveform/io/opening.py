@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Mapping
+from collections.abc import Mapping, Sequence
 from importlib import import_module
 from pathlib import Path
 from typing import Any
@@ -33,7 +33,7 @@ _FIXED_SYSTEM = "{} has coordinates in a fixed system; --crs (crs) is only for G
 
 
 def open_waveforms(
-    path: str | os.PathLike[str],
+    path: str | os.PathLike[str] | Sequence[str | os.PathLike[str]],
     *,
     waveforms_per_block: int = 20_000,
     channel_flags: Mapping[int, int] | int = 1,
@@ -50,7 +50,8 @@ def open_waveforms(
     path
         A LAS or LAZ file with waveforms, the pulse file (``.pls`` or ``.plz``) of PulseWaves, a
         scan container, a GEDI L1B or LVIS L1B file, a NumPy archive (``.npz``) or array (``.npy``)
-        of samples.
+        of samples. A list of several paths: the parts of a PulseWaves flight line, which are read
+        one after the other as one file.
     waveforms_per_block, channel_flags
         As in `WaveformReader`.
     sampling_interval
@@ -86,36 +87,58 @@ def open_waveforms(
 
 
 def _opened(
-    path: str | os.PathLike[str],
+    path: str | os.PathLike[str] | Sequence[str | os.PathLike[str]],
     waveforms_per_block: int,
     channel_flags: Mapping[int, int] | int,
     sampling_interval: float | None,
     keep_degraded: bool,
     crs: str | None,
 ) -> WaveformReader:
-    if not Path(path).is_file() and Path(path).exists() and not Path(path).is_dir():
-        raise WaveformFileError(f"{path} is a device or a pipe; expected a regular file")
-    with Path(path).open("rb") as stream:
-        start = stream.read(_MAX_SIGNATURE)
+    paths = [path] if isinstance(path, str | os.PathLike) else list(path)
+    if len(paths) != 1:
+        _check_parts(paths)
+    first = Path(paths[0])
+    start = _first_bytes(first)
     if crs is not None and not start.startswith(HDF5_SIGNATURE):
-        raise ValueError(_FIXED_SYSTEM.format(path))
-    reader = _reader_class(start, Path(path))
+        raise ValueError(_FIXED_SYSTEM.format(first))
+    reader = _reader_class(start, first)
     options: dict[str, Any] = {}
     if start.startswith((ZIP_SIGNATURE, NPY_SIGNATURE)):
         options = {"sampling_interval": sampling_interval}
     elif sampling_interval is not None:
         raise ValueError(
-            f"{path} stores its sampling interval; --interval (sampling_interval) is only for an "
+            f"{first} stores its sampling interval; --interval (sampling_interval) is only for an "
             ".npy or an .npz without it"
         )
     if reader.is_geographic:
         options = {"keep_degraded": keep_degraded, "crs": crs}
     elif crs is not None:
-        raise ValueError(_FIXED_SYSTEM.format(path))
+        raise ValueError(_FIXED_SYSTEM.format(first))
     opened: WaveformReader = reader(
-        path, waveforms_per_block=waveforms_per_block, channel_flags=channel_flags, **options
+        paths[0] if len(paths) == 1 else paths,
+        waveforms_per_block=waveforms_per_block,
+        channel_flags=channel_flags,
+        **options,
     )
     return opened
+
+
+def _check_parts(paths: Sequence[str | os.PathLike[str]]) -> None:
+    if not paths:
+        raise ValueError("no path given; expected a file or the parts of a flight line")
+    for path in paths:
+        if not _first_bytes(Path(path)).startswith(PULSE_SIGNATURE):
+            raise WaveformFileError(
+                f"{path} is not a PulseWaves pulse file; only the parts of a PulseWaves flight "
+                "line can be read as one"
+            )
+
+
+def _first_bytes(path: Path) -> bytes:
+    if not path.is_file() and path.exists() and not path.is_dir():
+        raise WaveformFileError(f"{path} is a device or a pipe; expected a regular file")
+    with path.open("rb") as stream:
+        return stream.read(_MAX_SIGNATURE)
 
 
 def _reader_class(start: bytes, path: Path) -> Any:

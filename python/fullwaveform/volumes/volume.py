@@ -185,7 +185,7 @@ def _metadata(
 ) -> dict[str, Any]:
     unit = "unknown" if system is None else system.axis_info[0].unit_name
     return {
-        "input": reader.path.name,
+        "input": ", ".join(path.name for path in reader.paths),
         "version": __version__,
         "voxel_size": settings.size,
         "voxel_size_unit": unit,

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Iterable, Mapping
+from collections.abc import Iterable, Mapping, Sequence
 from pathlib import Path
 from typing import TYPE_CHECKING, cast
 
@@ -42,12 +42,12 @@ class Metrics:
         settings: MetricsSettings,
         read: ReadTally,
         header: laspy.LasHeader | None = None,
-        source: Path | None = None,
+        sources: Sequence[Path] = (),
     ) -> None:
         if not tables:
             raise ValueError("the source has no waveforms")
         self._table = MetricsTable.join(tables)
-        self._header, self._source = header, source
+        self._header, self._sources = header, tuple(sources)
         self.settings = settings
         self.read = read
 
@@ -92,11 +92,11 @@ class Metrics:
             The file cannot be written.
         """
         with (
-            protected_inputs(*([] if self._source is None else [self._source])),
+            protected_inputs(*self._sources),
             open_metrics_file(
                 path,
                 self.settings,
-                source=self._source,
+                sources=self._sources,
                 header=self._header,
                 shot_columns=self._table.shot_columns,
                 overwrite=overwrite,
@@ -172,4 +172,5 @@ def metrics(
 def _of_reader(reader: WaveformReader, settings: MetricsSettings, workers: int) -> Metrics:
     run = measured_run(reader, settings)
     tables = list(block_metrics(reader.blocks(), run, workers))
-    return Metrics(tables, settings, reader.tally, reader.header, reader.path.absolute())
+    sources = [path.absolute() for path in reader.paths]
+    return Metrics(tables, settings, reader.tally, reader.header, sources)

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+from collections.abc import Sequence
 from dataclasses import asdict
 from pathlib import Path
 
@@ -72,7 +73,7 @@ def open_metrics_file(
     path: str | os.PathLike[str],
     settings: MetricsSettings,
     *,
-    source: Path | None = None,
+    sources: Sequence[Path] = (),
     header: laspy.LasHeader | None = None,
     shot_columns: tuple[str, ...] = (),
     overwrite: bool = False,
@@ -83,8 +84,8 @@ def open_metrics_file(
     ----------
     path
         Ends in one of `METRICS_ENDINGS`, in lower or upper case.
-    settings, source
-        Stored as metadata: the parameters, and the name of the input.
+    settings, sources
+        Stored as metadata: the parameters, and the names of the inputs.
     header
         LAS header of the input, whose coordinate reference system the table has.
     shot_columns
@@ -96,7 +97,7 @@ def open_metrics_file(
     """
     writer_class = _writer_class(Path(path))
     system = reference_system(header)
-    metadata = _metadata(settings, source)
+    metadata = _metadata(settings, sources)
     if system is not None:
         metadata["crs"] = system.to_wkt()
     columns = metrics_columns(settings, shot_columns)
@@ -122,10 +123,10 @@ def _writer_class(path: Path) -> type[TableFile]:
     return _WRITERS[ending]
 
 
-def _metadata(settings: MetricsSettings, source: Path | None) -> dict[str, str]:
-    """Version, settings and name of the input."""
+def _metadata(settings: MetricsSettings, sources: Sequence[Path]) -> dict[str, str]:
+    """Version, settings and names of the inputs."""
     return {
-        **({} if source is None else {"input": source.name}),
+        **({"input": ", ".join(source.name for source in sources)} if sources else {}),
         "version": __version__,
         **{name: repr(value) for name, value in asdict(settings).items()},
     }

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import shlex
 import shutil
+import struct
 import zipfile
 from pathlib import Path
 
@@ -19,6 +20,21 @@ from .test_documents import commands_of
 CALLS = commands_of("docs/archives.md")
 GEDI = data_folder() / "gedi"
 NEON = data_folder() / "pulsewaves_compressed" / "topo_1ns.plz"
+LINE = data_folder() / "pulsewaves" / "topo_1ns.pls"  # the same pulses, plain
+PULSES_START, PULSE_COUNT, PULSE_SIZE = 176, 184, 200  # bytes of the header
+
+
+def split_line(line: Path, pulses: int, first: Path, second: Path) -> None:
+    """Divide a plain file without appended records after so many pulses."""
+    content = line.read_bytes()
+    start, total = struct.unpack_from("<qq", content, PULSES_START)
+    cut = start + pulses * struct.unpack_from("<I", content, PULSE_SIZE)[0]
+    parts = ((first, pulses, content[start:cut]), (second, total - pulses, content[cut:]))
+    for path, count, records in parts:
+        header = bytearray(content[:start])
+        struct.pack_into("<q", header, PULSE_COUNT, count)
+        path.write_bytes(header + records)
+        shutil.copy(line.with_suffix(".wvs"), path.with_suffix(".wvs"))
 
 
 def run_calls(product: str) -> None:
@@ -34,13 +50,18 @@ def run_calls(product: str) -> None:
 @pytest.mark.skipif(not NEON.exists(), reason=f"no {NEON}")
 def test_commands_for_neon(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.chdir(tmp_path)
-    (name,) = {word for line in CALLS for word in line.split() if word.startswith("NEON_")}
+    called = {word for line in CALLS for word in line.split() if word.startswith("NEON_")}
+    first, second, name = sorted(called, key=lambda word: (word.endswith(".plz"), word))
     for suffix in (".plz", ".wvz"):
         shutil.copy(NEON.with_suffix(suffix), (tmp_path / name).with_suffix(suffix))
+    split_line(LINE, 10_000, tmp_path / first, tmp_path / second)
     run_calls("NEON_")
     assert pyarrow.parquet.read_metadata(tmp_path / "neon-pulses.parquet").num_rows == 16_486
     # One return at least of each of the 16,487 waveforms of a flat area.
-    assert len(laspy.read(tmp_path / "neon.laz")) > 16_487
+    echoes = laspy.read(tmp_path / "neon.laz")
+    assert len(echoes) > 16_487
+    joined = laspy.read(tmp_path / "line.laz")
+    assert joined.points.array.tobytes() == echoes.points.array.tobytes()
 
 
 @pytest.mark.skipif(not GEDI.exists(), reason="no folder gedi in the folder of real data")

@@ -44,12 +44,12 @@ def test_threshold_is_that_of_the_run(
         baseline="keep",
         calibration=Calibration(levels),
     )
-    assert run_metadata(settings, None)["threshold"] == expected
+    assert run_metadata(settings)["threshold"] == expected
 
 
 def test_version_mode_and_name_of_the_input() -> None:
     found = run_metadata(
-        ExtractionSettings(Scanner.default(), Mode.DECOMPOSITION), Path("/folder/scan.las")
+        ExtractionSettings(Scanner.default(), Mode.DECOMPOSITION), [Path("/folder/scan.las")]
     )
     assert found["input"] == "scan.las"
     assert found["version"] == __version__

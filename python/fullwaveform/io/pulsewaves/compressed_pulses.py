@@ -100,6 +100,10 @@ class CompressedPulses(PulseSource):
         """Close the file; may be called twice."""
         self._bytes.close()
 
+    def forget(self) -> None:
+        """See `PulseSource`."""
+        self._kept.clear()
+
     def records(self, numbers: IntArray) -> UInt8Array:
         """See `PulseSource`."""
         records = np.empty((len(numbers), self._size), dtype=np.uint8)

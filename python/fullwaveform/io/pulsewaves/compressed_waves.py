@@ -67,6 +67,10 @@ class CompressedWaves(WaveSource):
     def close(self) -> None:
         """Close the file; may be called twice."""
         self._bytes.close()
+        self.forget()
+
+    def forget(self) -> None:
+        """See `WaveSource`."""
         self._groups.clear()
 
     def of_descriptor(

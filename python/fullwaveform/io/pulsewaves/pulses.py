@@ -57,6 +57,18 @@ class PulseSource(ABC):
         """Which of the pulses (n,) cannot be read; their records are zero."""
         return np.zeros(len(numbers), dtype=bool)
 
+    def ends_file(self, numbers: IntArray) -> BoolArray:
+        """Which of the pulses (n,) are the last of a file of samples."""
+        ends: BoolArray = numbers == self.count - 1
+        return ends
+
+    def gaps(self) -> list[tuple[int, int]]:
+        """Number from which on pulses are missing, and how many, for each truncated file."""
+        return [(self.count, self.missing)] if self.missing else []
+
+    def forget(self) -> None:  # noqa: B027
+        """Drop what is kept in memory of the content."""
+
 
 class PlainPulses(PulseSource):
     """Uncompressed pulses.
@@ -134,7 +146,7 @@ class PulseData:
         following[:-1] = rows["offset"][1:]
         elsewhere = np.flatnonzero(np.append(np.diff(numbers) != 1, numbers[-1:] < last))
         following[elsewhere] = self.take(np.minimum(numbers[elsewhere] + 1, last))["offset"]
-        following[numbers == last] = _UNKNOWN_END
+        following[self.source.ends_file(numbers)] = _UNKNOWN_END
         ends: IntArray = np.where(following > rows["offset"], following, _UNKNOWN_END)
         return ends
 

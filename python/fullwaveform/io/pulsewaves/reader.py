@@ -3,8 +3,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Iterator, Mapping
-from contextlib import ExitStack
+from collections.abc import Iterator, Mapping, Sequence
 from pathlib import Path
 
 import laspy
@@ -16,8 +15,6 @@ from fullwaveform.data.columns import take_rows
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.block_range import START_OF_FILE, BlockStart, PendingBlock
-from fullwaveform.io.pulsewaves.compressed_pulses import CompressedPulses, read_pulse_compression
-from fullwaveform.io.pulsewaves.compressed_waves import CompressedWaves
 from fullwaveform.io.pulsewaves.descriptors import (
     OUTGOING,
     RETURNING,
@@ -25,18 +22,12 @@ from fullwaveform.io.pulsewaves.descriptors import (
     SamplingDescriptor,
     SamplingTable,
     check_supported,
-    read_descriptors,
 )
 from fullwaveform.io.pulsewaves.header import (
     las_header,
-    read_appended_records,
-    read_header,
-    read_records,
 )
-from fullwaveform.io.pulsewaves.plain_waves import PlainWaves
+from fullwaveform.io.pulsewaves.parts import open_parts
 from fullwaveform.io.pulsewaves.pulses import (
-    PlainPulses,
-    PulseData,
     PulseSurvey,
     segment_geometry,
     shot_attributes,
@@ -46,11 +37,7 @@ from fullwaveform.io.pulsewaves.pulses import (
 )
 from fullwaveform.io.pulsewaves.selection import Selection
 from fullwaveform.io.pulsewaves.waves import (
-    COMPRESSED,
     Segments,
-    WaveSource,
-    find_waves,
-    read_compression,
 )
 
 _MISSING = "pulse missing in the truncated file"
@@ -69,7 +56,8 @@ class PulseWavesReader(WaveformReader):
     ----------
     path
         The pulse file, ``.pls`` or ``.plz``. The samples are in the file of the same name ending
-        ``.wvs`` or ``.wvz``.
+        ``.wvs`` or ``.wvz``. A list of files: the parts of a flight line, which are read one after
+        the other as one file.
     waveforms_per_block, channel_flags
         As in `WaveformReader`; flags by the channel number of a sampling in the pulse descriptor.
 
@@ -81,35 +69,29 @@ class PulseWavesReader(WaveformReader):
 
     def __init__(
         self,
-        path: str | os.PathLike[str],
+        path: str | os.PathLike[str] | Sequence[str | os.PathLike[str]],
         *,
         waveforms_per_block: int = 20_000,
         channel_flags: Mapping[int, int] | int = 1,
     ) -> None:
-        super().__init__(path, waveforms_per_block, channel_flags)
-        file_header = read_header(self._path)
-        records = read_records(file_header, self._path)
-        compression = read_pulse_compression(file_header, records, self._path)
-        with ExitStack() as opened:
-            source = (
-                PlainPulses(file_header, self._path)
-                if compression is None
-                else CompressedPulses(file_header, compression, self._path)
-            )
-            opened.callback(source.close)
-            if source.has_appended:
-                records += read_appended_records(file_header, source.end, self._path)
-            self._descriptors = read_descriptors(records, self._path)
-            self._pulses = PulseData(file_header, source)
-            self._header = las_header(self._pulses.header, records)
-            self._waves = _opened_waves(self._path, compressed=compression is not None)
-            opened.pop_all()
+        paths = [path] if isinstance(path, str | os.PathLike) else list(path)
+        super().__init__(paths[0], waveforms_per_block, channel_flags)
+        self._paths = tuple(Path(each) for each in paths)
+        opened = open_parts(self._paths)
+        self._descriptors = opened.descriptors
+        self._pulses, self._waves = opened.pulses, opened.waves
+        self._header = las_header(opened.header, opened.records)
 
     def close(self) -> None:
         """Close the file; may be called twice."""
         super().close()
         self._pulses.close()
         self._waves.close()
+
+    @property
+    def paths(self) -> tuple[Path, ...]:
+        """The file, or the parts of the flight line."""
+        return self._paths
 
     @property
     def header(self) -> laspy.LasHeader:
@@ -157,8 +139,9 @@ class PulseWavesReader(WaveformReader):
             first, surveyed = 0, survey(self._pulses)
         run = self._prepare(surveyed)
         tally.notes += self._notes_on(run)
-        if (missing := self._pulses.source.missing) and not start.place:
-            tally.reject(_MISSING, missing, [f"pulses from number {len(self._pulses)} on"])
+        if not start.place:
+            for number, count in self._pulses.source.gaps():
+                tally.reject(_MISSING, count, [f"pulses from number {number} on"])
         for segments, following in run.blocks(
             self._waveforms_per_block, tally, first, start.points
         ):
@@ -252,12 +235,6 @@ class PulseWavesReader(WaveformReader):
             durations=sent["duration"] * unit / 1e9,
         )
         return take_rows(once, row)
-
-
-def _opened_waves(path: Path, *, compressed: bool) -> WaveSource:
-    """The samples of a pulse file; either file can be compressed without the other."""
-    waves = find_waves(path, compressed=compressed)
-    return CompressedWaves(waves) if read_compression(waves) == COMPRESSED else PlainWaves(waves)
 
 
 def _note_on_kinds(samplings: tuple[SamplingDescriptor, ...]) -> list[str]:

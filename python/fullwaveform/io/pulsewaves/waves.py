@@ -74,6 +74,9 @@ class WaveSource(ABC):
     def read(self, segments: Segments, table: SamplingTable) -> UInt16Array:
         """Samples of the segments (n, longest), zero after the end of shorter ones."""
 
+    def forget(self) -> None:  # noqa: B027
+        """Drop what is kept in memory of the content."""
+
     def locate(
         self, table: SamplingTable, pulses: PulseData, numbers: IntArray, rows: Pulses
     ) -> tuple[Segments, dict[str, BoolArray]]:
