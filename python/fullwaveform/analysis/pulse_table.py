@@ -128,7 +128,7 @@ def _channels(block: WaveformBlock, shot: IntArray, total: int) -> AnyArray:
     for flag in np.unique(pairs[:, 1]).tolist():
         having = pairs[pairs[:, 1] == flag, 0]
         texts[having] += f" {flag}"
-    return np.strings.lstrip(texts.astype(np.str_))
+    return np.char.lstrip(texts.astype(np.str_))
 
 
 def _outgoing(outgoing: OutgoingPulses | None, first: IntArray) -> tuple[FloatArray, FloatArray]:

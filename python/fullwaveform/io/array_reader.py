@@ -256,7 +256,7 @@ class ArrayReader(WaveformReader):
 
 def _texts(names: AnyArray) -> AnyArray:
     """Texts of fixed length without the padding of the file."""
-    longest = int(np.strings.str_len(names).max(initial=1))
+    longest = int(np.char.str_len(names).max(initial=1))
     texts: AnyArray = names.astype(f"U{longest}")
     return texts
 
