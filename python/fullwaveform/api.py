@@ -53,6 +53,7 @@ from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.echo_writers.opening import open_echo_file
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
 from fullwaveform.io.opening import open_waveforms
+from fullwaveform.io.remote import location
 from fullwaveform.volumes.volume import VolumeSettings, VolumeSummary, write_volume
 
 if TYPE_CHECKING:
@@ -140,7 +141,7 @@ class Extraction:
 
     def to_las(self, path: str | os.PathLike[str], *, overwrite: bool = False) -> int:
         """Write the echoes as points of a LAS or LAZ file; see `write`."""
-        if Path(path).suffix.lower() not in (".las", ".laz"):
+        if location(path).suffix.lower() not in (".las", ".laz"):
             raise ValueError(f"{path} must end in .las or .laz")
         return self.write(path, overwrite=overwrite)
 
@@ -160,7 +161,7 @@ class Extraction:
         OSError
             The file cannot be written.
         """
-        if Path(path).suffix.lower() in (".las", ".laz") and not self._has_places():
+        if location(path).suffix.lower() in (".las", ".laz") and not self._has_places():
             raise ValueError(
                 f"cannot write {path}: the echoes have no place in space; write a table "
                 "(.csv, .parquet, .h5)"
@@ -447,7 +448,7 @@ def voxels(
     """
     settings = VolumeSettings(size, channel)
     with (
-        protected_inputs(Path(source)),
+        protected_inputs(location(source)),
         open_waveforms(
             source,
             channel_flags=channel_flags,

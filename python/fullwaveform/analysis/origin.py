@@ -70,7 +70,7 @@ def point_file(path: Path) -> PointFile | None:
         return None
     if start[_POINT_FORMAT] & ~_COMPRESSED in WAVEFORM_POINT_FORMATS:
         return None
-    with decoder_errors(f"{path} is not a valid LAS file"), laspy.open(path) as reader:
+    with decoder_errors(f"{path} is not a valid LAS file"), laspy.open(path.open("rb")) as reader:
         header, origin = reader.header, origin_of(reader.header)
     assert origin is not None
     kind = "LAZ" if header.are_points_compressed else "LAS"

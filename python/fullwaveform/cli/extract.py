@@ -36,6 +36,7 @@ from fullwaveform.cli.reader_options import with_options
 from fullwaveform.core.messages import counted_messages
 from fullwaveform.extraction.pipeline import available_workers
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, check_takes_empty, echo_outputs
+from fullwaveform.io.remote import is_remote, location
 
 
 @with_options
@@ -47,6 +48,7 @@ def extract(
             "-o",
             "--output",
             metavar="OUT",
+            parser=location,
             help=f"Echoes: {', '.join(ECHO_ENDINGS)}; for several files a folder",
         ),
     ],
@@ -93,7 +95,7 @@ def extract(
     """
     refuse_quiet_and_verbose(quiet, verbose)
     # Path.is_dir raises an error for a name that is too long.
-    is_folder = os.path.isdir(output)  # noqa: PTH112
+    is_folder = not is_remote(output) and os.path.isdir(output)  # noqa: PTH112
     many = (len(sources) > 1 and not as_one) or file_format is not None or is_folder
     if as_one and many:
         raise typer.BadParameter("does not apply to output in a folder", param_hint="--as-one")

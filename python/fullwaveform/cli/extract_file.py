@@ -22,6 +22,7 @@ from fullwaveform.extraction.run_metadata import run_metadata
 from fullwaveform.extraction.warning_file import warning_path
 from fullwaveform.io.base import EchoWriter
 from fullwaveform.io.echo_writers.opening import open_echo_file
+from fullwaveform.io.remote import is_remote
 
 
 @dataclass(frozen=True)
@@ -73,7 +74,7 @@ class FileRun:
             )
             each = None if self.on_waveform is None else partial(self.on_waveform, source)
             reader.on_unreadable = each
-            statistics = warning_path(output.absolute().parent, source)
+            statistics = warning_path(_statistics_folder(output), source)
             with (
                 writer,
                 followed_blocks(reader, self.progress, self.quiet, monitor) as blocks,
@@ -100,6 +101,11 @@ class FileRun:
             statistics=statistics,
             seconds=time.perf_counter() - start,
         )
+
+
+def _statistics_folder(output: Path) -> Path:
+    """Where the output is; the current folder for a URL, to which nothing can be appended."""
+    return Path.cwd() if is_remote(output) else output.absolute().parent
 
 
 def _check_not_empty(tally: ExtractionTally, options: ExtractOptions, writer: EchoWriter) -> None:

@@ -24,6 +24,7 @@ from fullwaveform.extraction.prepare import (
 )
 from fullwaveform.extraction.smoothing import MAX_SMOOTHING, checked_smoothing
 from fullwaveform.io.base import WaveformReader
+from fullwaveform.io.remote import location
 
 #: Modes by their names on the command line.
 MODE_NAMES = {mode.name.lower().replace("_", "-"): mode for mode in Mode}
@@ -153,6 +154,7 @@ SourceFile = Annotated[
     Path,
     typer.Argument(
         metavar="IN",
+        parser=location,
         help="Waveform file: LAS, LAZ, PulseWaves (.pls, .plz), GEDI, LVIS, scan container (.h5), "
         ".npz",
     ),
@@ -161,6 +163,7 @@ SourceFiles = Annotated[
     list[Path],
     typer.Argument(
         metavar="IN",
+        parser=location,
         help="Waveform files: LAS, LAZ, PulseWaves (.pls, .plz), GEDI, LVIS, scan container (.h5), "
         ".npz",
     ),

@@ -11,10 +11,12 @@ from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
+from tempfile import gettempdir, mkstemp
 from typing import Any
 
 from fullwaveform.io.companions import with_companions
 from fullwaveform.io.interruption import raise_if_requested
+from fullwaveform.io.remote import RemotePath, is_remote, location
 
 # Errors that only writing can cause: disk, quota or maximum file size exceeded.
 _NO_SPACE = (errno.ENOSPC, errno.EDQUOT, errno.EFBIG)
@@ -59,11 +61,15 @@ def protected_inputs(*paths: Path) -> Iterator[None]:
 
 def protecting_input(path: Path) -> Path | None:
     """The protected input that is, or to which belongs, the file at `path`, also through links."""
+    if is_remote(path):
+        return next((one for one in _inputs if path in with_companions(one)), None)
     try:
         found = path.stat()
     except OSError:
         return None
     for source in _inputs:
+        if is_remote(source):
+            continue
         for file in with_companions(source):
             try:
                 if os.path.samestat(found, file.stat()):
@@ -86,7 +92,7 @@ def check_output(path: Path, kind: FileKind | None, overwrite: bool) -> None:
     IsADirectoryError
         If `path` is a folder.
     """
-    if not os.path.lexists(path):
+    if not (path.exists() if is_remote(path) else os.path.lexists(path)):
         return
     if path.is_dir():
         raise IsADirectoryError(errno.EISDIR, f"cannot write {path}: it is a folder")
@@ -141,7 +147,8 @@ def atomic_path(
     """Yield a temporary path that is renamed to `path` when the ``with`` statement succeeds.
 
     The temporary file exists already, empty, in the same folder, so that renaming cannot fail for
-    lack of space. After an error, Ctrl-C included, or when an end was requested, it is removed and
+    lack of space; for a URL in the folder for temporary files, from which it is stored in one
+    upload. After an error, Ctrl-C included, or when an end was requested, it is removed and
     an existing file under `path` is unchanged.
 
     Raises
@@ -152,8 +159,12 @@ def atomic_path(
         If the folder is missing or not writable, or if `path` is a folder. Errors inside the
         statement that name the temporary file or report a lack of space name `path` instead.
     """
-    final = Path(path)
+    final = location(path)
     check_output(final, kind, overwrite)
+    if isinstance(final, RemotePath):
+        with _uploaded_path(final, replace=overwrite) as temporary:
+            yield temporary
+        return
     temporary = _create_temporary(final)
     try:
         yield temporary
@@ -182,7 +193,7 @@ def atomic_open(
     crash. A write error is raised at the end of the statement in place of any other error, or
     earlier by the stream's `check`.
     """
-    final = Path(path)
+    final = location(path)
     with (
         atomic_path(final, kind, overwrite=overwrite) as temporary,
         OutputFile(temporary, final) as stream,
@@ -233,10 +244,34 @@ class OutputFile(io.FileIO):
         return self.tell() if size is None else size
 
 
+@contextmanager
+def _uploaded_path(final: RemotePath, *, replace: bool) -> Iterator[Path]:
+    """A temporary file of this machine that is stored under the URL, see `atomic_path`."""
+    final.check_writable()
+    descriptor, name = mkstemp(prefix="fullwaveform-", suffix=final.suffix)
+    os.close(descriptor)
+    temporary = Path(name)
+    try:
+        yield temporary
+        raise_if_requested()
+        final.upload(temporary, replace=replace)
+        if _collected is not None:
+            _collected.append(final)
+        raise_if_requested()  # a signal that arrived during the upload
+    except OSError as error:
+        renamed = _naming_final(error, temporary, final)
+        if renamed is error:
+            raise
+        raise renamed from error
+    finally:
+        temporary.unlink(missing_ok=True)
+
+
 def _output_error(cause: OSError, final: Path) -> OutputError:
     # Libraries add their own text to the message of the system.
     why = cause.strerror if cause.errno is None else os.strerror(cause.errno)
-    return OutputError(cause.errno, f"cannot write {final}: {why}")
+    where = f" in the folder {gettempdir()}, where it is prepared" if is_remote(final) else ""
+    return OutputError(cause.errno, f"cannot write {final}: {why}{where}")
 
 
 def _naming_final(error: OSError, temporary: Path, final: Path) -> OSError:

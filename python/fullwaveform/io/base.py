@@ -24,6 +24,7 @@ from fullwaveform.io.atomic import FileKind, OutputFile, atomic_open
 from fullwaveform.io.block_range import START_OF_FILE, BlockRange, BlockStart, PendingBlock
 from fullwaveform.io.interruption import raise_if_requested
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
+from fullwaveform.io.remote import location
 from fullwaveform.io.spread import spread_windows
 
 
@@ -65,7 +66,7 @@ class WaveformReader(ABC):
     ) -> None:
         if waveforms_per_block < 1:
             raise ValueError(f"waveforms_per_block {waveforms_per_block} must be at least 1")
-        self._path = Path(path)
+        self._path = location(path)
         self._waveforms_per_block = waveforms_per_block
         self._flags = flag_table(channel_flags)
         self._notes: tuple[str, ...] = ()  # on the file, for every tally
@@ -350,7 +351,7 @@ class FileWriter(ABC):
         return {} if cls.kind is None else {path: cls.kind}
 
     def __init__(self, path: str | os.PathLike[str]) -> None:
-        self.path = Path(path)
+        self.path = location(path)
         self.count = 0  # what was written
         self._stream: OutputFile | None = None  # None while the file is not open
         self._context: AbstractContextManager[None] | None = None

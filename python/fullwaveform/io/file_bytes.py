@@ -6,16 +6,20 @@ If another process truncates a mapped file, the next access ends the program; a 
 from __future__ import annotations
 
 import os
+from collections.abc import Callable
 from pathlib import Path
+from typing import IO
 
 import numpy as np
 from numpy.lib.stride_tricks import sliding_window_view
 
 from fullwaveform.data.arrays import IntArray, UInt8Array
 from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.remote import RemotePath
 
 _READ_SIZE = 1 << 24  # bytes read at once, unless a single item is longer
 _MAX_GAP = 1 << 14  # bytes between two items that are still read in one step
+_MAX_REMOTE_GAP = 1 << 17  # a request takes as long as these bytes
 
 
 class FileBytes:
@@ -28,7 +32,8 @@ class FileBytes:
         self.path = path
         self._file = path.open("rb", buffering=0)
         self._start = start
-        self.size = (os.fstat(self._file.fileno()).st_size if end is None else end) - start
+        self._read_into, self._max_gap = _at_once(path, self._file)
+        self.size = (self._file.seek(0, os.SEEK_END) if end is None else end) - start
 
     def close(self) -> None:
         """Close the file; may be called twice."""
@@ -49,7 +54,7 @@ class FileBytes:
         rows = np.empty((len(offsets), width), dtype=np.uint8)
         order = np.argsort(offsets, kind="stable")
         ascending = offsets[order]
-        gaps = np.flatnonzero(np.diff(ascending) > width + _MAX_GAP) + 1
+        gaps = np.flatnonzero(np.diff(ascending) > width + self._max_gap) + 1
         first = 0
         while first < len(order) and width > 0:
             begin = int(ascending[first])
@@ -68,10 +73,18 @@ class FileBytes:
         done = 0
         while done < len(part):
             position = self._start + begin + done
-            count = os.preadv(self._file.fileno(), [part[done:].data], position)
+            count = self._read_into(part[done:].data, position)
             if count == 0:
                 raise WaveformFileError(
                     f"{self.path} was truncated while it was read: no data at byte {position}"
                 )
             done += count
         return part
+
+
+def _at_once(path: Path, file: IO[bytes]) -> tuple[Callable[[memoryview, int], int], int]:
+    """Reads into a buffer from a position, and the gap that is read rather than skipped."""
+    if isinstance(path, RemotePath):
+        return path.source.read_into, _MAX_REMOTE_GAP
+    descriptor = file.fileno()
+    return lambda buffer, position: os.preadv(descriptor, [buffer], position), _MAX_GAP

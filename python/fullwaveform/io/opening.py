@@ -11,6 +11,7 @@ from typing import Any
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES, checked_max_samples
+from fullwaveform.io.remote import location
 from fullwaveform.io.signatures import (
     HDF5_SIGNATURE,
     LAS_SIGNATURE,
@@ -48,10 +49,10 @@ def open_waveforms(
     Parameters
     ----------
     path
-        A LAS or LAZ file with waveforms, the pulse file (``.pls`` or ``.plz``) of PulseWaves, a
-        scan container, a GEDI L1B or LVIS L1B file, a NumPy archive (``.npz``) or array (``.npy``)
-        of samples. A list of several paths: the parts of a PulseWaves flight line, which are read
-        one after the other as one file.
+        Path or URL of a LAS or LAZ file with waveforms, the pulse file (``.pls`` or ``.plz``) of
+        PulseWaves, a scan container, a GEDI L1B or LVIS L1B file, a NumPy archive (``.npz``) or
+        array (``.npy``) of samples. A list of several: the parts of a PulseWaves flight line, which
+        are read one after the other as one file.
     waveforms_per_block, channel_flags
         As in `WaveformReader`.
     sampling_interval
@@ -94,10 +95,10 @@ def _opened(
     keep_degraded: bool,
     crs: str | None,
 ) -> WaveformReader:
-    paths = [path] if isinstance(path, str | os.PathLike) else list(path)
+    paths = list(map(location, [path] if isinstance(path, str | os.PathLike) else path))
     if len(paths) != 1:
         _check_parts(paths)
-    first = Path(paths[0])
+    first = paths[0]
     start = _first_bytes(first)
     if crs is not None and not start.startswith(HDF5_SIGNATURE):
         raise ValueError(_FIXED_SYSTEM.format(first))
@@ -115,7 +116,7 @@ def _opened(
     elif crs is not None:
         raise ValueError(_FIXED_SYSTEM.format(first))
     opened: WaveformReader = reader(
-        paths[0] if len(paths) == 1 else paths,
+        first if len(paths) == 1 else paths,
         waveforms_per_block=waveforms_per_block,
         channel_flags=channel_flags,
         **options,
@@ -123,11 +124,11 @@ def _opened(
     return opened
 
 
-def _check_parts(paths: Sequence[str | os.PathLike[str]]) -> None:
+def _check_parts(paths: Sequence[Path]) -> None:
     if not paths:
         raise ValueError("no path given; expected a file or the parts of a flight line")
     for path in paths:
-        if not _first_bytes(Path(path)).startswith(PULSE_SIGNATURE):
+        if not _first_bytes(path).startswith(PULSE_SIGNATURE):
             raise WaveformFileError(
                 f"{path} is not a PulseWaves pulse file; only the parts of a PulseWaves flight "
                 "line can be read as one"

@@ -14,12 +14,13 @@ from fullwaveform.data.columns import Column, Table, arrow_schema
 from fullwaveform.io.atomic import FileKind, OutputFile
 from fullwaveform.io.base import FileWriter
 from fullwaveform.io.echo_writers.row_groups import RowGroups
+from fullwaveform.io.remote import path_or_stream
 
 _ROWS_PER_GROUP = 2**17
 
 
 def _is_pulse_table(path: Path) -> bool:
-    return "outgoing_amplitude" in pa.parquet.ParquetFile(path).schema_arrow.names
+    return "outgoing_amplitude" in pa.parquet.ParquetFile(path_or_stream(path)).schema_arrow.names
 
 
 class PulseWriter(FileWriter):

@@ -16,6 +16,7 @@ from fullwaveform.data.arrays import RecordArray
 from fullwaveform.data.echo_records import QUANTITIES
 from fullwaveform.io.atomic import FileKind, OutputFile
 from fullwaveform.io.base import FileWriter
+from fullwaveform.io.remote import path_or_stream
 
 #: Name endings of the files.
 DETAILS_ENDINGS = (".csv", ".parquet")
@@ -41,7 +42,10 @@ def details_kind(path: Path) -> FileKind:
     if path.suffix.lower() == ".parquet":
         return FileKind(
             "a Parquet file of unmatched echoes",
-            lambda found: pa.parquet.ParquetFile(found).schema_arrow.names[:2] == ["kind", "row"],
+            lambda found: (
+                pa.parquet.ParquetFile(path_or_stream(found)).schema_arrow.names[:2]
+                == ["kind", "row"]
+            ),
         )
     return FileKind("a CSV file of unmatched echoes", _is_csv)
 

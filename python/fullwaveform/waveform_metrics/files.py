@@ -19,6 +19,7 @@ from fullwaveform.io.echo_writers.hdf5 import Hdf5TableFile
 from fullwaveform.io.echo_writers.parquet import ParquetTableFile
 from fullwaveform.io.echo_writers.table_file import TableFile
 from fullwaveform.io.reference_system import reference_system
+from fullwaveform.io.remote import path_or_stream
 from fullwaveform.waveform_metrics.columns import metrics_columns
 from fullwaveform.waveform_metrics.settings import MetricsSettings
 
@@ -32,11 +33,11 @@ def _is_csv(path: Path) -> bool:
 
 
 def _is_parquet(path: Path) -> bool:
-    return _MARK in pa.parquet.ParquetFile(path).schema_arrow.names
+    return _MARK in pa.parquet.ParquetFile(path_or_stream(path)).schema_arrow.names
 
 
 def _is_hdf5(path: Path) -> bool:
-    with h5py.File(path) as file:
+    with h5py.File(path_or_stream(path)) as file:
         return _MARK in file
 
 

@@ -33,6 +33,7 @@ from fullwaveform.io.container.layout import (
 from fullwaveform.io.container.values import damaged_file_errors, plain_value
 from fullwaveform.io.hdf5.datasets import check_chunks, check_rows, check_text
 from fullwaveform.io.limits import MAX_SAMPLES
+from fullwaveform.io.remote import path_or_stream
 
 
 class ScanContainerReader(ArrayReader):
@@ -144,7 +145,7 @@ def _open(path: Path) -> h5py.File:
     with path.open("rb"):  # a clear error for a missing file or a folder
         pass
     with damaged_file_errors(path, "HDF5 structure"):
-        return h5py.File(path, "r")
+        return h5py.File(path_or_stream(path), "r")
 
 
 def _check_format(file: h5py.File, path: Path) -> None:

@@ -32,6 +32,7 @@ from fullwaveform.io.container.layout import (
     Field,
 )
 from fullwaveform.io.container.values import plain_value, stored_text
+from fullwaveform.io.remote import path_or_stream
 
 _CHUNK_BYTES = 1 << 19  # approximate limit of a chunk
 _MAX_CHUNK_ROWS = 1 << 16
@@ -39,7 +40,7 @@ _COMPRESSION_LEVEL = 4
 
 
 def _is_container(path: Path) -> bool:
-    with h5py.File(path) as file:
+    with h5py.File(path_or_stream(path)) as file:
         return bool(plain_value(file.attrs["format"]) == FORMAT)
 
 

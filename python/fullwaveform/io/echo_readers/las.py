@@ -47,7 +47,7 @@ def _opened(path: Path) -> laspy.LasReader:
     with path.open("rb"):  # a clear error for a missing file or a folder
         pass
     with decoder_errors(f"{path}: not a readable LAS file"):
-        reader = laspy.open(path, read_evlrs=False, laz_backend=decompressors())
+        reader = laspy.open(path.open("rb"), read_evlrs=False, laz_backend=decompressors())
     if reader.header.point_format.id in WAVEFORM_POINT_FORMATS:
         reader.close()
         reader, _ = open_las(path)

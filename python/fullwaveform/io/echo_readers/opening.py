@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import os
-from pathlib import Path
 
 from fullwaveform.data.echo_records import EchoFile
 from fullwaveform.data.errors import WaveformFileError
@@ -14,6 +13,7 @@ from fullwaveform.io.echo_readers.tables import (
     npz_echo_file,
     parquet_echo_file,
 )
+from fullwaveform.io.remote import location
 from fullwaveform.io.signatures import HDF5_SIGNATURE, ZIP_SIGNATURE
 
 _BY_SIGNATURE = {
@@ -37,7 +37,7 @@ def open_echoes(path: str | os.PathLike[str]) -> EchoFile:
     Raises OSError if the file cannot be opened, WaveformFileError if it is none of these or is not
     valid.
     """
-    source = Path(path)
+    source = location(path)
     if source.exists() and not source.is_file() and not source.is_dir():
         raise WaveformFileError(f"{source} is a device or a pipe; expected a regular file")
     with source.open("rb") as stream:

@@ -23,6 +23,7 @@ from fullwaveform.data.echo_records import EchoFile, unknown_records
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.echo_readers.quantities import QUANTITY_COLUMNS, fill_quantities
 from fullwaveform.io.limits import SURVEY_CHUNK
+from fullwaveform.io.remote import path_or_stream
 from fullwaveform.io.run_record import RUN_METADATA_KEY
 
 _COLUMNS = frozenset({"x", "y", "z", "gps_time", "echo_number"}) | QUANTITY_COLUMNS
@@ -34,13 +35,13 @@ Rows = Mapping[str, AnyArray]
 
 def parquet_echo_file(path: Path) -> EchoFile:
     """Echoes of a Parquet file; see `open_echoes`."""
-    with _errors(path, "Parquet"), pa.parquet.ParquetFile(path) as file:
+    with _errors(path, "Parquet"), pa.parquet.ParquetFile(path_or_stream(path)) as file:
         names = _checked(file.schema_arrow.names, path)
         metadata = file.schema_arrow.metadata or {}
         settings = _settings(metadata.get(RUN_METADATA_KEY.encode()))
 
     def rows() -> Iterator[Rows]:
-        with _errors(path, "Parquet"), pa.parquet.ParquetFile(path) as file:
+        with _errors(path, "Parquet"), pa.parquet.ParquetFile(path_or_stream(path)) as file:
             for batch in file.iter_batches(SURVEY_CHUNK, columns=list(names)):
                 yield _arrow_rows(batch)
 
@@ -58,7 +59,7 @@ def csv_echo_file(path: Path) -> EchoFile:
     def rows() -> Iterator[Rows]:
         with _errors(path, "CSV"):
             reader = pa.csv.open_csv(
-                path,
+                path_or_stream(path),
                 read_options=pa.csv.ReadOptions(
                     block_size=_CSV_BYTES, column_names=listed, skip_rows=1
                 ),
@@ -77,7 +78,7 @@ def hdf5_echo_file(path: Path) -> EchoFile:
     """Echoes of an HDF5 file with one dataset per column; see `open_echoes`."""
     # Imported on demand: loading h5py takes longer than reading many a file.
     h5py = import_module("h5py")
-    with _errors(path, "HDF5"), h5py.File(path, "r") as file:
+    with _errors(path, "HDF5"), h5py.File(path_or_stream(path), "r") as file:
         if "waveforms" in file:
             raise WaveformFileError(
                 f"{path} holds waveforms without discrete returns; extract its echoes first"
@@ -86,7 +87,7 @@ def hdf5_echo_file(path: Path) -> EchoFile:
         settings = _settings(file.attrs.get(RUN_METADATA_KEY))
 
     def rows() -> Iterator[Rows]:
-        with _errors(path, "HDF5"), h5py.File(path, "r") as file:
+        with _errors(path, "HDF5"), h5py.File(path_or_stream(path), "r") as file:
             total = _common_length({name: file[name].shape for name in names}, path)
             for first in range(0, total, SURVEY_CHUNK):
                 yield {name: file[name][first : first + SURVEY_CHUNK] for name in names}

@@ -16,6 +16,7 @@ from fullwaveform.data.echo_columns import EchoTable, table_columns
 from fullwaveform.io.atomic import FileKind, OutputFile
 from fullwaveform.io.base import EchoWriter
 from fullwaveform.io.echo_writers.row_groups import GroupedTableFile
+from fullwaveform.io.remote import path_or_stream
 from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text
 
 #: Rows of a chunk of every dataset; 512 kB of doubles.
@@ -24,7 +25,7 @@ _TEXT = np.dtype("S16")  # of fixed length, which every reader of HDF5 takes
 
 
 def _is_echo_table(path: Path) -> bool:
-    with h5py.File(path) as file:
+    with h5py.File(path_or_stream(path)) as file:
         return "echo_number" in file
 
 

@@ -13,6 +13,7 @@ import laspy
 from fullwaveform.io.atomic import FileKind
 from fullwaveform.io.base import EchoWriter
 from fullwaveform.io.reference_system import reference_system
+from fullwaveform.io.remote import location
 
 # Ending -> module and class. Writers are imported on demand, because each loads another library.
 _WRITERS = {
@@ -69,8 +70,9 @@ def open_echo_file(
         If no format has the ending, a library for it is not installed, or the format cannot hold
         waveforms.
     """
-    ending = Path(path).suffix.lower()
-    writer_class = _writer_class(Path(path), with_waveforms)
+    path = location(path)
+    ending = path.suffix.lower()
+    writer_class = _writer_class(path, with_waveforms)
     arguments: tuple[Any, ...] = (path,)
     options: dict[str, Any] = {"carry": carry} if ending in _WITH_HEADER else {}
     if ending in (*_WITH_HEADER, *_WITH_METADATA):

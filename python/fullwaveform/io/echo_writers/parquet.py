@@ -17,6 +17,7 @@ from fullwaveform.io.atomic import FileKind, OutputFile
 from fullwaveform.io.base import EchoWriter
 from fullwaveform.io.echo_writers.geoparquet import with_geometry, with_points
 from fullwaveform.io.echo_writers.row_groups import GroupedTableFile
+from fullwaveform.io.remote import path_or_stream
 from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text
 
 #: Rows of all row groups but the last, about 10 MB of echoes.
@@ -66,7 +67,9 @@ class ParquetEchoWriter(ParquetTableFile, EchoWriter):
 
     kind = FileKind(
         "a Parquet file of echoes",
-        lambda path: "echo_number" in pa.parquet.ParquetFile(path).schema_arrow.names,
+        lambda path: (
+            "echo_number" in pa.parquet.ParquetFile(path_or_stream(path)).schema_arrow.names
+        ),
     )
 
     def __init__(

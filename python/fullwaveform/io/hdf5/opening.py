@@ -14,6 +14,7 @@ from fullwaveform.io.gedi.reader import BEAM, GediReader
 from fullwaveform.io.gedi.reader import SAMPLES as GEDI_SAMPLES
 from fullwaveform.io.lvis.reader import SAMPLES as LVIS_SAMPLES
 from fullwaveform.io.lvis.reader import LvisReader
+from fullwaveform.io.remote import path_or_stream
 
 
 def hdf5_reader_class(path: Path) -> Any:
@@ -25,7 +26,7 @@ def hdf5_reader_class(path: Path) -> Any:
     """
     with path.open("rb"):  # a clear error for a missing file or a folder
         pass
-    with damaged_file_errors(path, "HDF5 structure"), h5py.File(path, "r") as file:
+    with damaged_file_errors(path, "HDF5 structure"), h5py.File(path_or_stream(path), "r") as file:
         beams = [name for name in file if BEAM.fullmatch(name)]
         groups = [file.get(name) for name in beams]
         if any(isinstance(group, h5py.Group) and GEDI_SAMPLES in group for group in groups):

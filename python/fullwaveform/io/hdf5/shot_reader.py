@@ -39,6 +39,7 @@ from fullwaveform.io.limits import (
     numbered_shots,
     too_long,
 )
+from fullwaveform.io.remote import path_or_stream
 
 TOO_SHORT = "waveform of fewer than 2 samples"
 NO_COUNTS = "samples that are not numbers or not from 0 to 65,535 counts"
@@ -401,4 +402,4 @@ def _opened(path: Path) -> h5py.File:
     with path.open("rb"):  # a clear error for a missing file or a folder
         pass
     with damaged_file_errors(path, "HDF5 structure"):
-        return h5py.File(path, "r", rdcc_nbytes=_CHUNK_CACHE)
+        return h5py.File(path_or_stream(path), "r", rdcc_nbytes=_CHUNK_CACHE)

@@ -62,7 +62,7 @@ def open_las(path: Path) -> tuple[laspy.LasReader, dict[int, int]]:
     """
     _check_header_extent(path)
     with decoder_errors(f"{path} is not a valid LAS file"):
-        reader = laspy.open(path, read_evlrs=False, laz_backend=decompressors())
+        reader = laspy.open(path.open("rb"), read_evlrs=False, laz_backend=decompressors())
     try:
         _check_header(reader.header, path)
         records, starts = _read_extended_records(reader.header, path)

@@ -39,6 +39,7 @@ from fullwaveform.io.pulsewaves.selection import Selection
 from fullwaveform.io.pulsewaves.waves import (
     Segments,
 )
+from fullwaveform.io.remote import location
 
 _MISSING = "pulse missing in the truncated file"
 
@@ -76,7 +77,7 @@ class PulseWavesReader(WaveformReader):
     ) -> None:
         paths = [path] if isinstance(path, str | os.PathLike) else list(path)
         super().__init__(paths[0], waveforms_per_block, channel_flags)
-        self._paths = tuple(Path(each) for each in paths)
+        self._paths = tuple(map(location, paths))
         opened = open_parts(self._paths)
         self._descriptors = opened.descriptors
         self._pulses, self._waves = opened.pulses, opened.waves
