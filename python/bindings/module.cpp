@@ -11,6 +11,7 @@ NB_MODULE(_core, module) {
   bindDeconvolution(module);
   bindOnline(module);
   bindPulseWaves(module);
+  bindLas(module);
   bindDriver(module);
   bindPulseFit(module);
   bindUncertainty(module);

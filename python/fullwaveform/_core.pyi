@@ -66,6 +66,14 @@ class PulseState(IntEnum):
     DAMAGED = 2
     TOO_LONG = 3  # more samples or segments than are decoded
 
+class PacketFault(IntEnum):
+    OUTSIDE = 0  # packet not completely inside the packet data
+    OVERLAPPING = 1  # packet overlaps another packet
+    WRONG_SIZE = 2  # packet size differs from descriptor
+    TOO_LONG = 3  # more samples than allowed
+    NO_TIME = 4  # GPS time not finite
+    NOT_GEOREFERENCED = 5  # direction or return location not finite
+
 def take_messages() -> list[str]: ...
 def chunk_memory_total() -> int: ...
 def after_pulse_class() -> int: ...
@@ -84,6 +92,53 @@ def decode_waveforms(
     extra_bytes: int,
     samplings: npt.NDArray[np.int64],
 ) -> dict[str, Any]: ...
+
+class PointSurvey:
+    def __init__(self, format: int, size: int) -> None: ...
+    def add(self, points: npt.NDArray[np.uint8]) -> None: ...
+    @property
+    def ascending(self) -> bool: ...
+    @property
+    def without_times(self) -> bool: ...
+    @property
+    def descriptors(self) -> list[int]: ...
+    @property
+    def pairs_of_shots(self) -> list[tuple[int, int]]: ...
+
+class PacketSelector:
+    def __init__(
+        self,
+        format: int,
+        size: int,
+        data_bytes: int,
+        header_bytes: int,
+        packet_bytes: npt.NDArray[np.int64],
+        sample_counts: npt.NDArray[np.int64],
+        max_samples: int,
+        without_times: bool,
+    ) -> None: ...
+    def select(self, points: npt.NDArray[np.uint8]) -> dict[str, Any]: ...
+
+def las_waveform_columns(
+    points: npt.NDArray[np.uint8],
+    format: int,
+    size: int,
+    scales: npt.NDArray[np.float64],
+    offsets: npt.NDArray[np.float64],
+) -> dict[str, Any]: ...
+def las_return_columns(
+    points: npt.NDArray[np.uint8],
+    format: int,
+    size: int,
+    scales: npt.NDArray[np.float64],
+    offsets: npt.NDArray[np.float64],
+) -> dict[str, Any]: ...
+def copy_rows(
+    source: npt.NDArray[np.uint8],
+    starts: npt.NDArray[np.int64],
+    rows: npt.NDArray[np.int64],
+    target: npt.NDArray[np.uint8],
+) -> None: ...
 def ascii_lines(
     labels: npt.NDArray[np.int64],
     amplitudes: npt.NDArray[np.float32],

@@ -169,12 +169,24 @@ def pulsewaves_seeds() -> Iterator[tuple[str, bytes]]:
     yield "pulsewaves", byte(2) + samplings + spans + byte(0) + zeros
 
 
+def las_seeds() -> Iterator[tuple[str, bytes]]:
+    """Points of format 9 in two runs, without a packet and with packets of 10 and 20 bytes."""
+    rules = struct.pack("<H", 400) + bytes([10, 10, 20, 20]) + bytes(10) + byte(0)
+    places = [(0, 0, 0), (1, 60, 10), (1, 60, 10), (2, 70, 20), (1, 95, 10), (2, 390, 20)]
+    points = [
+        bytes(22) + struct.pack("<dBQIffff", 1.5, *place, 100.0, 0.0, 0.0, 1.0) + bytes(8)
+        for place in places
+    ]
+    runs = [byte(len(run) - 1) + b"".join(run) for run in (points[:4], points[3:])]
+    yield "las_points", byte(2) + byte(0) + rules + b"".join(runs)
+
+
 def main() -> None:
     """Write every seed to the folder of its target."""
     folder = Path(sys.argv[1])
     scan = simulate_scan(ScanSettings(shots=12, samples=160, seed=7, saturated_fraction=0.2))
     seeds = [*wave_seeds(scan), *block_seeds(scan), *scanner_seeds(), *number_seeds()]
-    seeds += pulsewaves_seeds()
+    seeds += [*pulsewaves_seeds(), *las_seeds()]
     for index, (target, content) in enumerate(seeds):
         target_folder = folder / target
         target_folder.mkdir(parents=True, exist_ok=True)

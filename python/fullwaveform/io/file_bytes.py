@@ -11,8 +11,8 @@ from pathlib import Path
 from typing import IO
 
 import numpy as np
-from numpy.lib.stride_tricks import sliding_window_view
 
+from fullwaveform.core.byte_rows import copy_rows
 from fullwaveform.data.arrays import IntArray, UInt8Array
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.remote import RemotePath
@@ -51,6 +51,9 @@ class FileBytes:
         WaveformFileError
             If the file has been truncated since it was opened.
         """
+        if width > 0 and len(offsets) > 0 and (np.diff(offsets) == width).all():
+            begin = int(offsets[0])
+            return self.part(begin, begin + len(offsets) * width).reshape(-1, width)
         rows = np.empty((len(offsets), width), dtype=np.uint8)
         order = np.argsort(offsets, kind="stable")
         ascending = offsets[order]
@@ -62,13 +65,13 @@ class FileBytes:
             stop = int(gaps[next_gap]) if next_gap < len(gaps) else len(order)
             last_begin = begin + max(_READ_SIZE, width) - width
             stop = min(stop, int(np.searchsorted(ascending, last_begin, side="right")))
-            part = self._read(begin, int(ascending[stop - 1]) + width)
-            inside = ascending[first:stop] - begin
-            rows[order[first:stop]] = sliding_window_view(part, width)[inside]
+            part = self.part(begin, int(ascending[stop - 1]) + width)
+            copy_rows(part, ascending[first:stop] - begin, order[first:stop], rows)
             first = stop
         return rows
 
-    def _read(self, begin: int, end: int) -> UInt8Array:
+    def part(self, begin: int, end: int) -> UInt8Array:
+        """The bytes `begin` to `end`, inside the range; raises as `rows`."""
         part = np.empty(end - begin, dtype=np.uint8)
         done = 0
         while done < len(part):

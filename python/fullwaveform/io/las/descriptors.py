@@ -112,8 +112,3 @@ class DescriptorTable:
             self.packet_sizes[descriptor.index] = descriptor.packet_size
             # Divided, because 2000 * 1e-12 is not the double nearest to 2e-9.
             self.intervals[descriptor.index] = descriptor.spacing_ps / 1e12
-
-    @property
-    def min_packet_size(self) -> int:
-        """Bytes of the smallest packet; 1 without descriptors."""
-        return int(min(self.packet_sizes[self.packet_sizes > 0], default=1))

@@ -3,9 +3,8 @@
 from __future__ import annotations
 
 import struct
-from collections.abc import Iterable, Iterator
+from collections.abc import Iterable, Iterator, Sequence
 from contextlib import ExitStack
-from dataclasses import dataclass
 from pathlib import Path
 from tempfile import NamedTemporaryFile
 
@@ -13,8 +12,8 @@ import laspy
 import numpy as np
 from laspy.vlrs.vlrlist import VLRList
 
-from fullwaveform.data.arrays import BoolArray, FloatArray, RecordArray, UInt8Array
-from fullwaveform.data.blocks import PulseGeometry, ShotAttributes
+from fullwaveform.core.las_points import PointLayout, Survey, survey_of
+from fullwaveform.data.arrays import RecordArray
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.coordinates import check_coordinates
 from fullwaveform.io.file_bytes import FileBytes
@@ -38,6 +37,7 @@ _VERSIONS = ((1, 3), (1, 4), (1, 5))
 _COMPRESSED = 0b1000_0000  # bit of the point format
 SCAN_ANGLE_UNIT = 0.006  # degrees per count of the scan angle in point formats 6 to 10
 
+_FIRST_SEARCH = 64  # points
 _MIN_HEADER = 227  # bytes, LAS 1.0 to 1.2
 _RECORD_HEADER_SIZE = 54  # bytes of an ordinary variable record's header
 _LENGTH_IN_RECORD_HEADER = 20  # byte
@@ -167,22 +167,86 @@ def _read_extended_records(
     return records, starts
 
 
-@dataclass(frozen=True, slots=True)
-class Survey:
-    """What is known of the points before the first block."""
+class PointFile:
+    """The points of an open LAS file; must be closed. Raises as `open_las`."""
 
-    ascending: bool  # GPS times never decrease and none is NaN
-    without_times: bool  # all points have the same GPS time but several packets
-    descriptors: tuple[int, ...]  # that points refer to, without 0
-    same_shots: frozenset[tuple[int, int]]  # pairs of descriptors with packets of the same shot
+    def __init__(self, path: Path) -> None:
+        self.path = path
+        self._reader, self.record_starts = open_las(path)  # of each extended record, by record id
+        header = self.header
+        self.layout = PointLayout(header.point_format.id, header.point_format.size)
+        self.scales = np.array(header.scales, dtype=np.float64)
+        self.offsets = np.array(header.offsets, dtype=np.float64)
+        self.dtype = header.point_format.dtype()
+        self.count = int(header.point_count)
+        self._bytes: FileBytes | None = None  # of points that are not compressed
+        try:
+            if not header.are_points_compressed:
+                self._bytes = FileBytes(path, header.offset_to_point_data)
+        except BaseException:
+            self.close()
+            raise
 
+    @property
+    def header(self) -> laspy.LasHeader:
+        """Header of the file; its extended records do not include the waveform packets."""
+        return self._reader.header
 
-def survey(reader: laspy.LasReader, path: Path) -> Survey:
-    """Read all points once, chunk by chunk."""
-    chunks = _in_file_order(reader, path, SURVEY_CHUNK)
-    if reader.header.are_points_compressed and loses_packet_fields(reader.header):
-        return survey_of(_of_one_scanner_channel(chunks, path))
-    return survey_of(chunks)
+    def close(self) -> None:
+        """Close the file; may be called twice."""
+        self._reader.close()
+        if self._bytes is not None:
+            self._bytes.close()
+
+    def read(self, start: int, stop: int) -> Points:
+        """The points `start` <= number < `stop`; WaveformFileError if they cannot be read."""
+        if self._bytes is not None:
+            size = self.layout.size
+            return self._bytes.part(start * size, stop * size).view(self.dtype)
+        with decoder_errors(f"{self.path}: cannot read points from number {start}"):
+            if start == 0 or self._reader.points_read != start:  # another iteration is in progress
+                self._reader.seek(start)
+            points: Points = self._reader.read_points(stop - start).array
+        if len(points) != stop - start:
+            raise WaveformFileError(
+                f"{self.path}: truncated: header declares {self.count} points, found "
+                f"{start + len(points)}"
+            )
+        return points
+
+    def survey(self) -> Survey:
+        """Read all points once, chunk by chunk."""
+        chunks = self.in_file_order(SURVEY_CHUNK)
+        if self.header.are_points_compressed and loses_packet_fields(self.header):
+            chunks = _of_one_scanner_channel(chunks, self.path)
+        return survey_of(chunks, self.layout)
+
+    def in_file_order(self, chunk: int) -> Iterator[Points]:
+        """All points, in parts of `chunk` points."""
+        for start in range(0, self.count, chunk):
+            yield self.read(start, min(start + chunk, self.count))
+
+    def in_order_of_time(self, chunk: int) -> Iterator[Points]:
+        """All points, those of equal time in the order of the file, in parts of `chunk` points."""
+        # 8 bytes per point for the index, as much for the times while it is built; NaN is last.
+        times = []
+        with ExitStack() as opened:
+            copy, data = None, self._bytes
+            if data is None:  # single points can be read from an uncompressed copy only
+                copy = opened.enter_context(NamedTemporaryFile(prefix="fullwaveform-"))
+            for points in self.in_file_order(SURVEY_CHUNK):
+                times.append(points["gps_time"].copy())
+                if copy is not None:
+                    copy.write(points.tobytes())
+            if copy is not None:
+                copy.flush()
+                data = FileBytes(Path(copy.name))
+                opened.callback(data.close)
+            assert data is not None
+            order = np.argsort(np.concatenate(times), kind="stable")
+            for start in range(0, len(order), chunk):
+                offsets = order[start : start + chunk] * self.layout.size
+                yield data.rows(offsets, self.layout.size).view(self.dtype)[:, 0]
 
 
 def _of_one_scanner_channel(chunks: Iterable[Points], path: Path) -> Iterator[Points]:
@@ -193,41 +257,15 @@ def _of_one_scanner_channel(chunks: Iterable[Points], path: Path) -> Iterator[Po
         yield points
 
 
-def survey_of(chunks: Iterable[Points]) -> Survey:
-    """The survey of chunks of points in the order of the file."""
-    used = np.zeros(256, dtype=bool)
-    pairs: set[tuple[int, int]] = set()
-    ascending, last_time = True, -np.inf
-    times: tuple[float, float] = (np.inf, -np.inf)
-    offsets: tuple[int, int] = (2**64, -1)
-    for points in chunks:
-        gps_time, index = points["gps_time"], points["wavepacket_index"]
-        used[index] = True
-        pairs |= _pairs_of_shots(gps_time, index)
-        # Written so that any NaN makes it false.
-        ascending = ascending and bool(gps_time[0] >= last_time and (np.diff(gps_time) >= 0).all())
-        last_time = gps_time[-1]
-        times = min(times[0], float(gps_time.min())), max(times[1], float(gps_time.max()))
-        packets = points["wavepacket_offset"][index > 0]
-        if len(packets) > 0:
-            offsets = min(offsets[0], int(packets.min())), max(offsets[1], int(packets.max()))
-    without_times = ascending and times[0] == times[1] and offsets[0] < offsets[1]
-    descriptors = tuple(int(i) for i in np.flatnonzero(used) if i > 0)
-    same_shots = frozenset[tuple[int, int]]() if without_times else frozenset(pairs)
-    return Survey(ascending, without_times, descriptors, same_shots)
+def joined(parts: Sequence[Points]) -> Points:
+    """The points of all parts, at least one part."""
+    if len(parts) == 1:
+        return parts[0]
+    # As bytes, because NumPy copies records field by field.
+    return np.concatenate([part.view(np.uint8) for part in parts]).view(parts[0].dtype)
 
 
-def _pairs_of_shots(gps_time: FloatArray, index: UInt8Array) -> set[tuple[int, int]]:
-    """Descriptors, the smaller first, of consecutive points with equal time."""
-    both = (gps_time[1:] == gps_time[:-1]) & (index[1:] > 0) & (index[:-1] > 0)
-    differ = both & (index[1:] != index[:-1])
-    found = np.sort(np.column_stack([index[1:], index[:-1]])[differ], axis=1)
-    return {(int(one), int(other)) for one, other in np.unique(found, axis=0)}
-
-
-def whole_shots(
-    reader: laspy.LasReader, path: Path, surveyed: Survey, chunk: int
-) -> Iterator[Points]:
+def whole_shots(file: PointFile, surveyed: Survey, chunk: int) -> Iterator[Points]:
     """Yield all points in order of time, cut between shots, in parts of about `chunk` points.
 
     Points with the same GPS time are one shot and keep their order. Without times consecutive
@@ -241,104 +279,30 @@ def whole_shots(
         If compressed points are not in order of time, and the temporary folder has no space for
         them without compression.
     """
-    chunks = _in_file_order if surveyed.ascending else _in_order_of_time
+    chunks = file.in_file_order if surveyed.ascending else file.in_order_of_time
     key = "wavepacket_offset" if surveyed.without_times else "gps_time"
     carried: list[Points] = []  # of the last shot, which may continue in the next chunk
-    for points in chunks(reader, path, chunk):
+    for points in chunks(chunk):
         if carried and points[key][0] != carried[-1][key][-1]:
-            yield np.concatenate(carried)
+            yield joined(carried)
             carried = []
-        # NaN, which is unequal to itself, counts as a shot of its own.
-        changes = np.flatnonzero(points[key] != points[key][-1])
-        start = min(int(changes[-1]) + 1, len(points) - 1) if len(changes) else 0
+        start = _start_of_last_shot(points[key])
         if start > 0:
-            yield np.concatenate([*carried, points[:start]])
+            yield joined([*carried, points[:start]])
             carried = []
         carried.append(points[start:])
     if carried:
-        yield np.concatenate(carried)
+        yield joined(carried)
 
 
-def _in_file_order(reader: laspy.LasReader, path: Path, chunk: int) -> Iterator[Points]:
-    total = reader.header.point_count
-    for start in range(0, total, chunk):
-        yield points_in_range(reader, path, start, min(start + chunk, total))
-
-
-def points_in_range(reader: laspy.LasReader, path: Path, start: int, stop: int) -> Points:
-    """The points `start` <= number < `stop`; WaveformFileError if they are truncated."""
-    with decoder_errors(f"{path}: cannot read points from number {start}"):
-        if start == 0 or reader.points_read != start:  # another iteration may be in progress
-            reader.seek(start)
-        points: Points = reader.read_points(stop - start).array
-    if len(points) != stop - start:
-        raise WaveformFileError(
-            f"{path}: truncated: header declares {reader.header.point_count} points, found "
-            f"{start + len(points)}"
-        )
-    return points
-
-
-def _in_order_of_time(reader: laspy.LasReader, path: Path, chunk: int) -> Iterator[Points]:
-    header = reader.header
-    layout = header.point_format.dtype()
-    # 8 bytes per point for the index, as much for the times while it is built; NaN is last.
-    times = []
-    with ExitStack() as opened:
-        copy = None
-        if header.are_points_compressed:  # single points can be read from a copy only
-            copy = opened.enter_context(NamedTemporaryFile(prefix="fullwaveform-"))
-        for points in _in_file_order(reader, path, SURVEY_CHUNK):
-            times.append(points["gps_time"].copy())
-            if copy is not None:
-                copy.write(points.tobytes())
-        if copy is None:
-            data = FileBytes(path, header.offset_to_point_data)
-        else:
-            copy.flush()
-            data = FileBytes(Path(copy.name))
-        opened.callback(data.close)
-        order = np.argsort(np.concatenate(times), kind="stable")
-        for start in range(0, len(order), chunk):
-            offsets = order[start : start + chunk] * layout.itemsize
-            yield data.rows(offsets, layout.itemsize).view(layout)[:, 0]
-
-
-def is_georeferenced(points: Points) -> BoolArray:
-    """Whether direction and return location of each point (n,) are finite."""
-    finite: BoolArray = np.isfinite(points["return_point_wave_location"])
-    for axis in ("x_t", "y_t", "z_t"):
-        finite &= np.isfinite(points[axis])
-    return finite
-
-
-def coordinates(record: laspy.ScaleAwarePointRecord) -> FloatArray:
-    """Coordinates of the points (n, 3), in the units of the file."""
-    xyz: FloatArray = np.column_stack([record["x"], record["y"], record["z"]]).astype(np.float64)
-    return xyz
-
-
-def pulse_geometry(record: laspy.ScaleAwarePointRecord) -> PulseGeometry:
-    """Geometry of the waveforms of the points."""
-    direction: FloatArray = np.column_stack([record["x_t"], record["y_t"], record["z_t"]])
-    return PulseGeometry(
-        anchor=coordinates(record),
-        location=record["return_point_wave_location"].astype(np.float64),
-        direction=direction.astype(np.float64),
-    )
-
-
-def shot_attributes(record: laspy.ScaleAwarePointRecord) -> ShotAttributes:
-    """What echoes inherit from the points; scan angle in degrees for every format."""
-    if record.point_format.id < 6:
-        angle = record["scan_angle_rank"].astype(np.float32)
-    else:
-        angle = (record["scan_angle"] * SCAN_ANGLE_UNIT).astype(np.float32)
-    return ShotAttributes(
-        gps_time=record["gps_time"].astype(np.float64),
-        scan_angle=angle,
-        scan_direction_flag=np.array(record["scan_direction_flag"], dtype=np.uint8),
-        edge_of_flight_line=np.array(record["edge_of_flight_line"], dtype=np.uint8),
-        user_data=np.array(record["user_data"]),
-        point_source_id=np.array(record["point_source_id"]),
-    )
+def _start_of_last_shot(shots: RecordArray) -> int:
+    """Where the run of values starts that equal the last one; searched for near the end first."""
+    length = min(_FIRST_SEARCH, len(shots))
+    while True:
+        # NaN, which is unequal to itself, counts as a shot of its own.
+        changes = np.flatnonzero(shots[len(shots) - length :] != shots[-1])
+        if len(changes) > 0:
+            return min(len(shots) - length + int(changes[-1]) + 1, len(shots) - 1)
+        if length == len(shots):
+            return 0
+        length = min(8 * length, len(shots))

@@ -9,7 +9,14 @@ from dataclasses import dataclass
 import laspy
 import numpy as np
 
-from fullwaveform.data.arrays import BoolArray, FloatArray, IntArray
+from fullwaveform.core.las_points import (
+    PacketFault,
+    PacketSelector,
+    Survey,
+    survey_of,
+    waveform_points,
+)
+from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
@@ -20,20 +27,9 @@ from fullwaveform.io.las.descriptors import (
     check_supported,
     read_descriptors,
 )
-from fullwaveform.io.las.points import (
-    Points,
-    Survey,
-    is_georeferenced,
-    open_las,
-    points_in_range,
-    pulse_geometry,
-    shot_attributes,
-    survey,
-    survey_of,
-    whole_shots,
-)
+from fullwaveform.io.las.points import PointFile, Points, joined, whole_shots
 from fullwaveform.io.las.returns import PulsePoints, discrete_returns
-from fullwaveform.io.las.waveform_packets import SeenPackets, open_packets
+from fullwaveform.io.las.waveform_packets import RECORD_HEADER_SIZE, open_packets
 from fullwaveform.io.limits import BLOCK_SAMPLES, NO_TIME, OUTSIDE, numbered_shots, too_long
 
 WRONG_SIZE = "packet size differs from descriptor"
@@ -48,7 +44,7 @@ class _Iteration:
     tally: ReadTally
     surveyed: Survey
     table: DescriptorTable
-    seen: SeenPackets
+    selector: PacketSelector
     waveforms_per_block: int
 
 
@@ -75,12 +71,13 @@ class LasWaveformReader(WaveformReader):
         channel_flags: Mapping[int, int] | int = 1,
     ) -> None:
         super().__init__(path, waveforms_per_block, channel_flags)
-        self._reader, starts = open_las(self._path)
+        self._points = PointFile(self._path)
         try:
             self._descriptors = read_descriptors(self.header, self._path)
+            starts = self._points.record_starts
             self._packets, notes = open_packets(self.header, self._path, starts)
         except BaseException:
-            self._reader.close()
+            self._points.close()
             raise
         self._set_notes(notes)
         self._surveyed: Survey | None = None  # of all points, when they were read once
@@ -88,13 +85,13 @@ class LasWaveformReader(WaveformReader):
     def close(self) -> None:
         """Close the file; may be called twice."""
         super().close()
-        self._reader.close()
+        self._points.close()
         self._packets.close()
 
     @property
     def header(self) -> laspy.LasHeader:
         """Header of the file; its extended records do not include the waveform packets."""
-        return self._reader.header
+        return self._points.header
 
     @property
     def descriptors(self) -> dict[int, WaveformDescriptor]:
@@ -104,7 +101,7 @@ class LasWaveformReader(WaveformReader):
     @property
     def point_count(self) -> int:
         """Points of the file."""
-        return int(self.header.point_count)
+        return self._points.count
 
     @property
     def channel_numbers(self) -> frozenset[int]:
@@ -121,13 +118,12 @@ class LasWaveformReader(WaveformReader):
         tally.notes += _notes_on(run.surveyed) + self._notes_on_channels(run.surveyed)
         limit = run.waveforms_per_block
         without_times = run.surveyed.without_times
-        pending = np.empty(0, dtype=self.header.point_format.dtype())
+        pending = np.empty(0, dtype=self._points.dtype)
         pulses = PulsePoints(pending, np.empty(0, dtype=np.int64))
-        for points in whole_shots(self._reader, self._path, run.surveyed, limit):
-            kept = self._readable(points, run)
-            of_kept = PulsePoints.of(kept, points, without_times=without_times)
+        for points in whole_shots(self._points, run.surveyed, limit):
+            kept, of_kept = self._select(points, run)
             pulses = pulses.followed_by(of_kept, len(pending))
-            pending = np.concatenate([pending, kept])
+            pending = joined([pending, kept])
             while len(pending) >= limit:
                 end = limit if without_times else last_cut(pending["gps_time"], limit)
                 of_block, pulses = pulses.split(end)
@@ -138,7 +134,7 @@ class LasWaveformReader(WaveformReader):
 
     def _survey(self) -> Survey:
         if self._surveyed is None:
-            self._surveyed = survey(self._reader, self._path)
+            self._surveyed = self._points.survey()
         return self._surveyed
 
     def _notes_on_channels(self, surveyed: Survey) -> list[str]:
@@ -156,10 +152,9 @@ class LasWaveformReader(WaveformReader):
         return notes
 
     def _window(self, points: slice) -> WaveformBlock | None:
-        found = points_in_range(self._reader, self._path, points.start, points.stop)
-        run = self._prepare(survey_of([found]), ReadTally())
-        kept = self._readable(found, run)
-        pulses = PulsePoints.of(kept, found, without_times=run.surveyed.without_times)
+        found = self._points.read(points.start, points.stop)
+        run = self._prepare(survey_of([found], self._points.layout), ReadTally())
+        kept, pulses = self._select(found, run)
         numbers = points.start + np.arange(len(kept), dtype=np.int64)
         return self._block(kept, pulses, run, numbers) if len(kept) > 0 else None
 
@@ -187,66 +182,65 @@ class LasWaveformReader(WaveformReader):
         table = DescriptorTable(self._descriptors[index] for index in surveyed.descriptors)
         widest = max(min(int(table.sample_counts.max()), self.max_samples), 1)
         limit = max(1, min(self._waveforms_per_block, BLOCK_SAMPLES // widest))
-        seen = SeenPackets(self._packets.size, table.min_packet_size)
-        return _Iteration(tally, surveyed, table, seen, limit)
+        selector = PacketSelector(
+            self._points.layout,
+            data_bytes=self._packets.size,
+            header_bytes=RECORD_HEADER_SIZE,
+            packet_bytes=table.packet_sizes,
+            sample_counts=table.sample_counts,
+            max_samples=self.max_samples,
+            without_times=surveyed.without_times,
+        )
+        return _Iteration(tally, surveyed, table, selector, limit)
 
-    def _readable(self, points: Points, run: _Iteration) -> Points:
-        """The points with a new and readable waveform; all others are counted."""
-        tally = run.tally
+    def _select(self, points: Points, run: _Iteration) -> tuple[Points, PulsePoints]:
+        """One point of each new and readable waveform, and the points of their pulses.
+
+        All others are counted.
+        """
+        tally, found = run.tally, run.selector.select(points)
         tally.points += len(points)
-        with_packet = points[points["wavepacket_index"] > 0]
-        tally.points_without_waveform += len(points) - len(with_packet)
-        _, first = np.unique(with_packet["wavepacket_offset"], return_index=True)
-        tally.points_sharing_waveform += len(with_packet) - len(first)
-        left = with_packet[np.sort(first)]
-        sizes = run.table.packet_sizes[left["wavepacket_index"]]
-        inside = self._packets.contains(left["wavepacket_offset"], sizes)
-        left = _keep(inside, left, OUTSIDE, tally)
-        left = self._unseen(left, run)
-        sizes = run.table.packet_sizes[left["wavepacket_index"]]
-        left = _keep(left["wavepacket_size"] == sizes, left, WRONG_SIZE, tally)
-        counts = run.table.sample_counts[left["wavepacket_index"]]
-        left = _keep(counts <= self.max_samples, left, too_long(self.max_samples), tally)
-        left = _keep(np.isfinite(left["gps_time"]), left, NO_TIME, tally)
-        return _keep(is_georeferenced(left), left, NOT_GEOREFERENCED, tally)
+        tally.points_without_waveform += found.without_packet
+        tally.points_sharing_waveform += found.sharing
+        for fault, reason in self._reasons.items():
+            faulty = found.faulty[found.faults == fault]
+            tally.reject(reason, len(faulty), (_place(point) for point in faulty))
+        return found.waveforms, PulsePoints(found.pulses, found.owners)
 
-    def _unseen(self, points: Points, run: _Iteration) -> Points:
-        cells = run.seen.cells(points["wavepacket_offset"].astype(np.int64))
-        _, first = np.unique(cells, return_index=True)
-        alone = np.zeros(len(cells), dtype=bool)
-        alone[first] = True
-        left, cells = _keep(alone, points, OVERLAPPING, run.tally), cells[alone]
-        new = ~run.seen.test_and_set(cells)
-        run.tally.points_sharing_waveform += len(new) - int(np.count_nonzero(new))
-        unseen: Points = left[new]
-        return unseen
+    @property
+    def _reasons(self) -> dict[PacketFault, str]:
+        """Reasons of rejection in the order of the checks."""
+        return {
+            PacketFault.OUTSIDE: OUTSIDE,
+            PacketFault.OVERLAPPING: OVERLAPPING,
+            PacketFault.WRONG_SIZE: WRONG_SIZE,
+            PacketFault.TOO_LONG: too_long(self.max_samples),
+            PacketFault.NO_TIME: NO_TIME,
+            PacketFault.NOT_GEOREFERENCED: NOT_GEOREFERENCED,
+        }
 
     def _block(
-        self, points: Points, pulses: PulsePoints, run: _Iteration, numbers: IntArray
+        self, records: Points, pulses: PulsePoints, run: _Iteration, numbers: IntArray
     ) -> WaveformBlock:
-        header, index = self.header, points["wavepacket_index"]
-        record = laspy.ScaleAwarePointRecord(
-            points, header.point_format, header.scales, header.offsets
-        )
-        samples, counts = self._packets.read(
-            points["wavepacket_offset"].astype(np.int64), index, run.table
-        )
-        times: FloatArray = points["gps_time"].astype(np.float64)
+        file = self._points
+        points = waveform_points(records, file.layout, file.scales, file.offsets)
+        index, times = points.descriptors, points.attributes.gps_time
+        samples, counts = self._packets.read(points.packet_offsets, index, run.table)
         if run.surveyed.without_times:
             times = numbered_shots(numbers)
-        intervals, geometry = run.table.intervals[index], pulse_geometry(record)
+        intervals = run.table.intervals[index]
         durations = (counts - 1.0) * intervals
         return WaveformBlock(
             samples=samples,
             counts=counts,
             shot_times=times,
-            sbl_times=np.zeros(len(points)),
+            sbl_times=np.zeros(len(records)),
             channel_flags=self._flags[index],
             sampling_intervals=intervals,
-            geometry=geometry,
-            attributes=shot_attributes(record),
+            geometry=points.geometry,
+            attributes=points.attributes,
             waveform_numbers=numbers,
-            returns=discrete_returns(pulses, header, times, geometry, durations),
+            returns=discrete_returns(pulses, file, times, points.geometry, durations),
             descriptors=index,
         )
 
@@ -260,15 +254,6 @@ def _notes_on(surveyed: Survey) -> list[str]:
     if not surveyed.ascending:
         notes.append("The points are not in order of GPS time; they are read in that order.")
     return notes
-
-
-def _keep(good: BoolArray, points: Points, reason: str, tally: ReadTally) -> Points:
-    if good.all():
-        return points
-    rejected: Points = points[~good]
-    tally.reject(reason, len(rejected), (_place(point) for point in rejected))
-    kept: Points = points[good]
-    return kept
 
 
 def _place(point: np.void) -> str:

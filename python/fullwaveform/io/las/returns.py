@@ -4,13 +4,13 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 
-import laspy
 import numpy as np
 
-from fullwaveform.data.arrays import FloatArray, IntArray, RecordArray
+from fullwaveform.core.las_points import return_points
+from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.data.blocks import PulseGeometry
 from fullwaveform.data.returns import DiscreteReturns
-from fullwaveform.io.las.points import Points, coordinates
+from fullwaveform.io.las.points import PointFile, Points, joined
 
 _PICOSECONDS = 1e12
 
@@ -22,28 +22,6 @@ class PulsePoints:
     points: Points  # (r,)
     owner: IntArray  # (r,), first waveform of the pulse, or the one whose packet the point has
 
-    @classmethod
-    def of(cls, kept: Points, points: Points, *, without_times: bool) -> PulsePoints:
-        """The points of the pulses of `kept`, one point per waveform, among whole shots.
-
-        Points of a packet belong to its waveform if they also have its GPS time; without times, if
-        they follow each other in the file. Points without a packet belong to the pulse with their
-        GPS time.
-        """
-        owner = np.full(len(points), -1, dtype=np.int64)
-        pulse = _runs(points) if without_times else points["gps_time"]
-        packet = np.flatnonzero(points["wavepacket_index"] > 0)
-        offset = points["wavepacket_offset"][packet]
-        _, first, group = np.unique(offset, return_index=True, return_inverse=True)
-        same = pulse[packet] == pulse[packet][first][group]
-        owner[packet[same]] = _found_in(kept["wavepacket_offset"], offset[same])
-        if not without_times:
-            bare = np.flatnonzero(points["wavepacket_index"] == 0)
-            owner[bare] = _found_in(kept["gps_time"], points["gps_time"][bare])
-        order = np.argsort(owner, kind="stable")
-        order = order[owner[order] >= 0]
-        return cls(points[order], owner[order])
-
     def split(self, waveforms: int) -> tuple[PulsePoints, PulsePoints]:
         """The points of the first waveforms, and those of the others, whose numbers restart."""
         cut = int(np.searchsorted(self.owner, waveforms))
@@ -53,31 +31,14 @@ class PulsePoints:
     def followed_by(self, other: PulsePoints, waveforms: int) -> PulsePoints:
         """These points, of `waveforms` waveforms, and then the others."""
         return PulsePoints(
-            np.concatenate([self.points, other.points]),
+            joined([self.points, other.points]),
             np.concatenate([self.owner, other.owner + waveforms]),
         )
 
 
-def _runs(points: Points) -> IntArray:
-    """Number of the run of consecutive points with equal packet of each point."""
-    offset = points["wavepacket_offset"]
-    changes = np.concatenate([[False], offset[1:] != offset[:-1]])
-    return np.cumsum(changes)
-
-
-def _found_in(values: RecordArray, wanted: RecordArray) -> IntArray:
-    """Index of the first equal value for each wanted one, -1 without one."""
-    if len(values) == 0:
-        return np.full(len(wanted), -1, dtype=np.int64)
-    order = np.argsort(values, kind="stable")
-    at = np.minimum(np.searchsorted(values, wanted, sorter=order), len(values) - 1)
-    index: IntArray = order[at]
-    return np.where(values[index] == wanted, index, -1)
-
-
 def discrete_returns(
     pulses: PulsePoints,
-    header: laspy.LasHeader,
+    file: PointFile,
     shots: FloatArray,
     geometry: PulseGeometry,
     durations: FloatArray,
@@ -89,36 +50,37 @@ def discrete_returns(
 
     Parameters
     ----------
-    header : of the file
+    file : of the points
     shots : (n,) shot time of each waveform; those of a shot are consecutive
     geometry : of the waveforms
     durations : (n,) s from the first to the last sample
     """
-    record = laspy.ScaleAwarePointRecord(
-        pulses.points, header.point_format, header.scales, header.offsets
-    )
-    rows, times = pulses.owner.copy(), _stored_times(record)
-    bare = np.flatnonzero(np.asarray(record["wavepacket_index"]) == 0)
-    rows[bare], times[bare] = _placed(
-        coordinates(record)[bare], rows[bare], shots, geometry, durations * _PICOSECONDS
-    )
-    listed = ~np.asarray(record["withheld"]).astype(bool) & np.isfinite(times)
-    chosen = np.flatnonzero(listed)
-    chosen = chosen[np.lexsort((times[chosen], rows[chosen]))]
-    names = list(header.point_format.extra_dimension_names)
+    points = return_points(pulses.points, file.layout, file.scales, file.offsets)
+    rows, times = pulses.owner, points.locations
+    bare = np.flatnonzero(points.descriptors == 0)
+    if len(bare) > 0:
+        rows = rows.copy()
+        rows[bare], times[bare] = _placed(
+            points.places[bare], rows[bare], shots, geometry, durations * _PICOSECONDS
+        )
+    chosen = np.flatnonzero(~points.withheld & np.isfinite(times))
+    chosen = chosen[_order(rows[chosen], times[chosen])]
+    extra = list(file.header.point_format.extra_dimension_names)
     return DiscreteReturns(
         rows=rows[chosen],
         times=times[chosen],
-        return_number=np.asarray(record["return_number"])[chosen].astype(np.uint8),
-        return_count=np.asarray(record["number_of_returns"])[chosen].astype(np.uint8),
-        intensity=np.asarray(record["intensity"])[chosen],
-        classification=np.asarray(record["classification"])[chosen].astype(np.uint8),
-        extra=pulses.points[names][chosen] if names else None,
+        return_number=points.numbers[chosen],
+        return_count=points.counts[chosen],
+        intensity=points.intensities[chosen],
+        classification=points.classes[chosen],
+        extra=pulses.points[extra][chosen] if extra else None,
     )
 
 
-def _stored_times(record: laspy.ScaleAwarePointRecord) -> FloatArray:
-    return np.asarray(record["return_point_wave_location"]).astype(np.float64)
+def _order(rows: IntArray, times: FloatArray) -> slice | IntArray:
+    """Sorts by row and then by time; most files are in this order."""
+    ascending = (rows[1:] > rows[:-1]) | ((rows[1:] == rows[:-1]) & (times[1:] >= times[:-1]))
+    return slice(None) if ascending.all() else np.lexsort((times, rows))
 
 
 def _placed(

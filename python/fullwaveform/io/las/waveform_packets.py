@@ -13,9 +13,8 @@ from typing import BinaryIO
 
 import laspy
 import numpy as np
-import numpy.typing as npt
 
-from fullwaveform.data.arrays import BoolArray, IntArray, UInt8Array, UInt16Array
+from fullwaveform.data.arrays import IntArray, UInt8Array, UInt16Array
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.file_bytes import FileBytes
 from fullwaveform.io.las.descriptors import DescriptorTable
@@ -38,16 +37,6 @@ class PacketData:
         """Close the file; may be called twice."""
         self._bytes.close()
 
-    def contains(self, offsets: npt.NDArray[np.uint64], sizes: IntArray) -> BoolArray:
-        """Whether packets (n,) lie after the header of the record and completely inside it."""
-        last_start = self.size - sizes
-        possible = last_start >= RECORD_HEADER_SIZE
-        limit = np.where(possible, last_start, 0).astype(np.uint64)
-        inside: BoolArray = (
-            possible & (offsets >= np.uint64(RECORD_HEADER_SIZE)) & (offsets <= limit)
-        )
-        return inside
-
     def read(
         self, offsets: IntArray, indices: UInt8Array, table: DescriptorTable
     ) -> tuple[UInt16Array, UInt16Array]:
@@ -68,36 +57,23 @@ class PacketData:
         samples of each (n,).
         """
         counts = table.sample_counts[indices].astype(np.uint16)
+        used = np.flatnonzero(np.bincount(indices, minlength=len(table.sample_counts)))
+        kinds = {(int(table.sample_counts[i]), int(table.packet_sizes[i])) for i in used}
+        if len(kinds) == 1:
+            ((count, size),) = kinds
+            return _as_counts(self._bytes.rows(offsets, size), count), counts
         samples = np.zeros((len(offsets), int(counts.max(initial=0))), dtype=np.uint16)
-        for index in np.unique(indices):
-            rows = np.flatnonzero(indices == index)
-            count, size = int(table.sample_counts[index]), int(table.packet_sizes[index])
-            raw = self._bytes.rows(offsets[rows], size)
-            samples[rows, :count] = raw if size == count else raw.view("<u2")
+        for count, size in kinds:
+            rows = np.flatnonzero((counts == count) & (table.packet_sizes[indices] == size))
+            samples[rows, :count] = _as_counts(self._bytes.rows(offsets[rows], size), count)
         return samples, counts
 
 
-class SeenPackets:
-    """Remembers which packets were read, in one bit per possible packet.
-
-    Packets do not overlap, so two of them never start in the same cell of the size of the smallest
-    packet.
-    """
-
-    def __init__(self, data_size: int, min_packet_size: int) -> None:
-        self._cell = min_packet_size
-        self._bits = np.zeros(data_size // min_packet_size // 8 + 1, dtype=np.uint8)
-
-    def cells(self, offsets: IntArray) -> IntArray:
-        """Cell of each packet (n,); offsets are inside the data."""
-        return offsets // self._cell
-
-    def test_and_set(self, cells: IntArray) -> BoolArray:
-        """Whether each of the cells (n,), all different, was set before; sets all of them."""
-        bytes_, masks = cells >> 3, (np.uint8(1) << (cells & 7).astype(np.uint8)).astype(np.uint8)
-        seen: BoolArray = (self._bits[bytes_] & masks) != 0
-        np.bitwise_or.at(self._bits, bytes_, masks)  # several cells may share a byte
-        return seen
+def _as_counts(raw: UInt8Array, count: int) -> UInt16Array:
+    """Samples (n, count) from the bytes of packets."""
+    is_byte_wise = raw.shape[1] == count
+    samples: UInt16Array = raw.astype(np.uint16) if is_byte_wise else raw.view("<u2")
+    return samples
 
 
 def open_packets(

@@ -17,7 +17,7 @@ from fullwaveform.io.las.descriptors import (
     check_supported,
     read_descriptors,
 )
-from fullwaveform.io.las.waveform_packets import PacketData, SeenPackets, find_companion
+from fullwaveform.io.las.waveform_packets import PacketData, find_companion
 
 PATH = Path("strip.las")
 
@@ -85,28 +85,6 @@ def test_samples_of_packets_of_both_depths(tmp_path: Path) -> None:
     assert data.read(np.array([67]), indices[:1], table)[0].tolist() == [[0, 12]]
     data.close()
     assert data.read(offsets[:0], indices[:0], table)[0].shape == (0, 0)
-
-
-def test_packet_must_be_completely_inside_the_data(tmp_path: Path) -> None:
-    data = packet_file(tmp_path, bytes(10))
-    offsets = np.array([59, 60, 66, 67, 2**63, 2**64 - 1, 60], dtype=np.uint64)
-    sizes = np.array([4, 4, 4, 4, 4, 4, 11])
-    inside = [False, True, True, False, False, False, False]
-    assert data.contains(offsets, sizes).tolist() == inside
-    assert data.contains(np.array([60, 60], np.uint64), np.array([10, 200])).tolist() == [
-        True,
-        False,
-    ]
-    data.close()
-
-
-def test_seen_packets_are_recognised(tmp_path: Path) -> None:
-    seen = SeenPackets(data_size=1000, min_packet_size=10)
-    first = seen.cells(np.array([60, 75, 133, 990]))
-    assert first.tolist() == [6, 7, 13, 99]
-    assert seen.test_and_set(first).tolist() == [False] * 4
-    assert seen.test_and_set(np.array([8, 7, 99, 5])).tolist() == [False, True, True, False]
-    assert seen.test_and_set(np.arange(100)).nonzero()[0].tolist() == [5, 6, 7, 8, 13, 99]
 
 
 def test_only_the_last_ending_is_replaced(tmp_path: Path) -> None:
