@@ -46,7 +46,7 @@ class ExtractOptions(ReaderOptions):
     threshold: ThresholdOption = None
     baseline: BaselineOption = "auto"
     sample_scale: SampleScaleOption = "auto"
-    smoothing: SmoothingOption = 0.0
+    smoothing: SmoothingOption = None
     scanner: ScannerFile = None
     after_pulse: AfterPulseOption = None
     outgoing_phase: OutgoingPhaseOption = "auto"

@@ -16,13 +16,14 @@ from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.core.driver import Mode, Threshold
 from fullwaveform.core.pulse_fit import MAX_FALSE_ALARMS
 from fullwaveform.core.scanner import NO_AFTER_PULSE, AfterPulse
+from fullwaveform.data.blocks import MAX_SMOOTHING
 from fullwaveform.extraction.prepare import (
     MAX_SCALE,
     Baseline,
     SampleScale,
     checked_baseline,
 )
-from fullwaveform.extraction.smoothing import MAX_SMOOTHING, checked_smoothing
+from fullwaveform.extraction.smoothing import checked_smoothing
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.remote import location
 
@@ -105,10 +106,8 @@ def parse_interval(text: str) -> float:
     return nanoseconds / _NANOSECONDS
 
 
-def _smoothing(text: str | float) -> float:
+def _smoothing(text: str) -> float | None:
     """Standard deviation in s, from ns."""
-    if isinstance(text, float):  # the default
-        return text
     try:
         return checked_smoothing(_number(text) / _NANOSECONDS)
     except ValueError as error:
@@ -224,12 +223,13 @@ SampleScaleOption = Annotated[
     ),
 ]
 SmoothingOption = Annotated[
-    float,
+    float | None,
     typer.Option(
         parser=_smoothing,
         metavar="NS",
         show_default=False,
-        help="Standard deviation in ns of a Gaussian that smooths the samples. Default: 0, none",
+        help="Standard deviation in ns of a Gaussian that smooths the samples; 0: none. Default: "
+        "6.5 for GEDI, else 0",
     ),
 ]
 FalseAlarmsOption = Annotated[

@@ -65,7 +65,7 @@ class JobSettings:
     crs: str | None = None
     # Pulse models, or the pulses of which they are made for each input; None: not needed.
     pulse: PulseChoice | tuple[ReceiverModel, ...] | None = None
-    smoothing: float = 0.0  # s
+    smoothing: float | None = None  # s; None: that of the format
     false_alarms: float = PulseFitOptions.false_alarms  # per 1,000 waveforms
     max_width: float | None = None  # s
     scanner_notes: tuple[str, ...] = ()  # for the user

@@ -163,6 +163,11 @@ class Scanner:
         return float(value) if isinstance(value, Real) else None
 
     @property
+    def has_after_pulses(self) -> bool:
+        """Whether echoes are taken for after-pulses."""
+        return self.after_pulse != NO_AFTER_PULSE
+
+    @property
     def amplitude_unit(self) -> float | None:
         """Amplitude of one count, relative to that of 0 dB; None if unknown."""
         value = self.attributes.get("ampl_unit")

@@ -61,6 +61,10 @@ class OutgoingPulses:
         return len(self.counts)
 
 
+#: Longest standard deviation of a smoothing, s; a millisecond would be the whole waveform.
+MAX_SMOOTHING = 1e-6
+
+
 @dataclass(frozen=True, slots=True)
 class RecordedNoise:
     """Noise of each waveform as the file states it, one entry per waveform; NaN where it does not.
@@ -102,6 +106,9 @@ class WaveformBlock:
     #: (n, 3), coordinate units: where the pulses left; NaN or None where unknown.
     origins: FloatArray | None = None
     noise: RecordedNoise | None = None  # None if the format does not state it
+    #: s, standard deviation of the Gaussian that smooths the samples before echoes are searched, if
+    #: nothing else is chosen; 0: none.
+    smoothing: float = 0.0
 
     def __post_init__(self) -> None:
         if len(self.descriptors) == 0:  # not given

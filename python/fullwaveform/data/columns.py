@@ -139,11 +139,11 @@ def arrow_schema(columns: Sequence[Column]) -> pa.Schema:
 def take_rows(columns: _Rows, rows: IntArray) -> _Rows:
     """The given rows of a dataclass of columns; its fields may be such dataclasses, too.
 
-    A field of None stays None. A class whose columns are not one entry per row has its own method
-    `of_rows`.
+    None stays None, and a number is that of all rows. A class whose columns are not one entry per
+    row has its own method `of_rows`.
     """
     part: Any = columns
-    if part is None:
+    if part is None or isinstance(part, float):
         return columns
     if hasattr(part, "of_rows"):
         return cast(_Rows, part.of_rows(rows))

@@ -53,7 +53,8 @@ class ExtractionSettings:
     threshold: Thresholds | None = None
     baseline: Baseline = "auto"
     sample_scale: SampleScale = "auto"
-    smoothing: float = 0.0  # s, standard deviation; thresholds are those of the samples as they are
+    # s, standard deviation; None: that of the format. Thresholds are those of samples as they are.
+    smoothing: float | None = None
     keep_empty: bool = False  # whether waveforms without echoes have a row in the echo table
     carry: bool = True  # whether echoes take class and extra bytes of a discrete return nearby
     pulse_fit: PulseFitOptions = field(default_factory=PulseFitOptions)
@@ -93,6 +94,7 @@ class ExtractionSettings:
             self.sample_scale,
             self.calibration,
             self.smoothing,
+            self.scanner.has_after_pulses,
         )
 
     @property
@@ -295,6 +297,7 @@ class Extractor:
             block.counts[pick],
             baseline[pick],
             scanner,
+            at_modes=prepared.is_smoothed,
         )
         if not self.settings.uncertainty:
             return refined

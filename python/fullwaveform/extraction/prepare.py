@@ -12,7 +12,14 @@ from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.calibration.levels import ChannelLevels
 from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.core.driver import DECONVOLVING_MODES, Mode, Thresholds
-from fullwaveform.data.arrays import AnyArray, BoolArray, FloatArray, IntArray, UInt16Array
+from fullwaveform.data.arrays import (
+    AnyArray,
+    BoolArray,
+    Float32Array,
+    FloatArray,
+    IntArray,
+    UInt16Array,
+)
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.extraction.smoothing import smoothed
 
@@ -39,6 +46,8 @@ MAX_AUTO_SCALE = 16
 _SCALES = (2, 4, 8, MAX_AUTO_SCALE)
 # Of a scaled sample; waveforms from here on have after-pulses.
 _MAX_SCALED = 800  # counts
+# The same where there are none: echoes, which can exceed their samples, are valid up to 4,096.
+_MAX_SCALED_ECHO = 3500  # counts
 
 
 @dataclass(frozen=True)
@@ -54,7 +63,14 @@ class Preparation:
     baseline: Baseline
     sample_scale: SampleScale
     calibration: Calibration
-    smoothing: float = 0.0  # s, standard deviation
+    smoothing: float | None = None  # s, standard deviation; None: that of the format
+    has_after_pulses: bool = False  # whether the library searches for them
+
+    def smoothing_of(self, block: WaveformBlock) -> float:
+        """Standard deviation in s; 0: none."""
+        if self.mode is Mode.PULSE_FIT:  # a smoothed pulse is not the one that it fits
+            return 0.0
+        return block.smoothing if self.smoothing is None else self.smoothing
 
     def removes_baseline(self, level: ChannelLevels) -> bool:
         """Whether the baseline of the waveforms of a receiver is taken off."""
@@ -71,8 +87,14 @@ class Preparation:
         return level.threshold
 
     @property
+    def max_scaled(self) -> int:
+        """Counts below which scaled samples stay."""
+        is_limited = self.has_after_pulses or self.mode in DECONVOLVING_MODES
+        return _MAX_SCALED if is_limited else _MAX_SCALED_ECHO
+
+    @property
     def scales(self) -> bool:
-        """Whether samples may be scaled."""
+        """Whether samples as they were recorded may be scaled."""
         if self.sample_scale == "auto":
             return self.mode in DECONVOLVING_MODES
         return self.sample_scale > 1
@@ -88,6 +110,7 @@ class PreparedBlock:
     baseline: FloatArray
     removed: IntArray  # (n,), counts of the input that were taken off before the scaling
     scale: IntArray  # (n,), factor of what was left
+    is_smoothed: bool = False
 
     def input_threshold(self, row: int) -> int | None:
         """Threshold of a waveform in counts of the input; None for the library's estimate."""
@@ -120,18 +143,25 @@ def prepare(block: WaveformBlock, preparation: Preparation) -> PreparedBlock:
     """Smooth the samples, take off baselines and scale them, each waveform for itself.
 
     What is taken off is a whole number of counts that leaves five noise rms, at most 12 counts;
-    samples below it become 0. The result of a waveform does not depend on the others of its block.
+    samples below it become 0. Smoothed samples are scaled as far as their echoes stay valid: a
+    maximum needs steps of two counts, and those of broad echoes are fractions of a count. The
+    result of a waveform does not depend on the others of its block.
 
     Raises
     ------
     ValueError
         If the threshold is an array without a value for a waveform of the block.
     """
-    block = smoothed(block, preparation.smoothing)
-    samples, rows = block.samples, len(block)
+    rows = len(block)
     if preparation.mode is Mode.PULSE_FIT:  # fits the baseline, and has no threshold
         none = np.zeros(rows, np.int64)
         return PreparedBlock(block, none, np.full(rows, np.nan), none, np.ones(rows, np.int64))
+    seconds = preparation.smoothing_of(block)
+    is_smoothed = seconds > 0.0 and rows > 0
+    values: UInt16Array | Float32Array = block.samples
+    if is_smoothed:
+        values = smoothed(block, seconds)
+        block = replace(block, samples=np.rint(values).astype(np.uint16))
     given = _given_thresholds(block, preparation.threshold)
     thresholds = np.full(rows, ESTIMATE, np.int64)
     baseline, removed = np.full(rows, np.nan), np.zeros(rows, np.int64)
@@ -139,24 +169,24 @@ def prepare(block: WaveformBlock, preparation: Preparation) -> PreparedBlock:
     for level, chosen in by_receiver(block, preparation.calibration):
         baseline[chosen], measured[chosen] = level.baseline, level.threshold
         if preparation.removes_baseline(level):
-            own = _own_baselines(samples[chosen], block.counts[chosen], level)
+            own = _own_baselines(block.samples[chosen], block.counts[chosen], level)
             floor = np.where(given[chosen] == ESTIMATE, _MAX_LEFT, math.ceil(level.margin))
             baseline[chosen] = own
             removed[chosen] = np.maximum(np.rint(own) - np.minimum(floor, _MAX_LEFT), 0.0)
             measured[chosen] = own + level.margin
     prepared = block
     if removed.any():
-        samples = _without(samples, removed)
-        prepared = replace(block, samples=samples)
-    scale = _scales(samples, preparation)
+        values = _without(values, removed)
+        prepared = replace(block, samples=_whole(values))
+    scale = _scales(values, preparation, is_smoothed)
     if (scale != 1).any():
-        prepared = replace(block, samples=(samples * scale[:, np.newaxis]).astype(np.uint16))
+        prepared = replace(block, samples=_whole(values * scale[:, np.newaxis]))
     wanted = measured if preparation.threshold is None else given.astype(np.float64)
     known = np.isfinite(wanted) & (wanted != ESTIMATE)
     in_driver = np.ceil((wanted[known] - removed[known]) * scale[known])
     thresholds[known] = np.clip(in_driver, 0, MAX_COUNT)
     left = np.asarray((baseline - removed) * scale, np.float64)
-    return PreparedBlock(prepared, thresholds, left, removed, scale)
+    return PreparedBlock(prepared, thresholds, left, removed, scale, is_smoothed)
 
 
 def by_receiver(
@@ -208,22 +238,30 @@ def _own_baselines(samples: UInt16Array, counts: AnyArray, level: ChannelLevels)
     return baseline
 
 
-def _without(samples: UInt16Array, removed: IntArray) -> UInt16Array:
-    """The samples less the counts (n,) of their row, 0 where these are more."""
-    less = removed[:, np.newaxis].astype(np.uint16)
-    lowered: UInt16Array = np.maximum(samples, less) - less
+def _without(values: UInt16Array | Float32Array, removed: IntArray) -> UInt16Array | Float32Array:
+    """The values less the counts (n,) of their row, 0 where these are more."""
+    less = removed[:, np.newaxis].astype(values.dtype)
+    lowered: UInt16Array | Float32Array = np.maximum(values, less) - less
     return lowered
 
 
-def _scales(samples: UInt16Array, preparation: Preparation) -> IntArray:
+def _whole(values: AnyArray) -> UInt16Array:
+    """The values, at most `MAX_COUNT`, rounded to counts."""
+    rounded = np.rint(values) if values.dtype.kind == "f" else values
+    return rounded.astype(np.uint16, copy=False)
+
+
+def _scales(
+    values: UInt16Array | Float32Array, preparation: Preparation, is_smoothed: bool
+) -> IntArray:
     """Factor (n,) of the samples of each waveform."""
-    scale = np.ones(len(samples), np.int64)
-    if not preparation.scales or samples.shape[1] == 0:
+    scale = np.ones(len(values), np.int64)
+    if not (is_smoothed or preparation.scales) or values.shape[1] == 0:
         return scale
-    largest = np.maximum(samples.max(axis=1).astype(np.int64), 1)
+    largest = np.maximum(_whole(values.max(axis=1)).astype(np.int64), 1)
     if preparation.sample_scale != "auto":
         scale[:] = np.minimum(preparation.sample_scale, MAX_COUNT // largest)
         return scale
     for factor in _SCALES:
-        scale[largest * factor < _MAX_SCALED] = factor
+        scale[largest * factor < preparation.max_scaled] = factor
     return scale

@@ -12,6 +12,7 @@ from fullwaveform.core.refinement import refine_decomposed, refine_deconvolved
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray, UInt16Array
 from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.extraction.smoothing import at_maxima
 
 
 def refined_peaks(
@@ -21,11 +22,14 @@ def refined_peaks(
     counts: UInt16Array,
     baseline: FloatArray,
     scanner: Scanner,
+    *,
+    at_modes: bool = False,
 ) -> dict[str, AnyArray]:
     """The columns of `Result.peaks` (m,), all finite, with better values, and three more.
 
     ``idx`` and ``time`` of deconvolved echoes and ``std`` of decomposed ones are fitted to the
-    samples above the baseline. ``height`` is the height above the baseline in counts, in every
+    samples above the baseline; decomposed echoes of smoothed samples are moved to the maxima of
+    these before (`at_modes`). ``height`` is the height above the baseline in counts, in every
     mode, ``library_idx`` and ``library_std`` are position and width without refinement. ``std`` of
     deconvolved echoes, which have no width, and ``reflectance`` of all but on-board echoes are NaN.
 
@@ -36,6 +40,7 @@ def refined_peaks(
     samples, counts : (n, width) and (n,)
     baseline : (n,) counts
     scanner : with its sampling interval
+    at_modes : whether the samples are smoothed, and decomposed echoes lie at their maxima
     """
     rows, kind = peaks["row"], peaks["type"]
     height = peaks["amplitudeCounts"].astype(np.float64) - baseline[rows]
@@ -44,6 +49,9 @@ def refined_peaks(
     if len(decomposed):
         # The decomposition fits what remains after subtracting the threshold.
         height[decomposed] += threshold[rows[decomposed]]
+        if at_modes:
+            where = rows[decomposed], position[decomposed]
+            position[decomposed] = at_maxima(samples, *where, np.abs(sigma[decomposed]))
         height[decomposed], sigma[decomposed] = refine_decomposed(
             samples,
             counts,

@@ -30,13 +30,19 @@ def _of_mode(settings: ExtractionSettings) -> dict[str, str]:
             "threshold": _threshold(settings),
             "baseline": settings.baseline,
             "sample_scale": str(settings.sample_scale),
-            **({"smoothing_ns": repr(settings.smoothing * 1e9)} if settings.smoothing else {}),
+            **_smoothing(settings.smoothing),
         }
     width = settings.pulse_fit.max_width
     return {
         "false_alarms": f"{settings.pulse_fit.false_alarms:g} per 1,000 waveforms",
         "max_width": "default" if width is None else f"{width * 1e9:g} ns",
     }
+
+
+def _smoothing(seconds: float | None) -> dict[str, str]:
+    if seconds is None:
+        return {"smoothing_ns": "auto"}
+    return {"smoothing_ns": repr(seconds * 1e9)} if seconds else {}
 
 
 def _threshold(settings: ExtractionSettings) -> str:

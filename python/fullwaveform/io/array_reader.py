@@ -15,6 +15,7 @@ from fullwaveform.data.blocks import (
     OutgoingPulses,
     PulseGeometry,
     ReadTally,
+    RecordedNoise,
     ShotAttributes,
     WaveformBlock,
 )
@@ -55,6 +56,8 @@ class WaveformArrays:
     beams: SliceableArray | None = None
     shot_numbers: SliceableArray | None = None
     origins: SliceableArray | None = None  # (n, 3)
+    noise_mean: SliceableArray | None = None
+    noise_rms: SliceableArray | None = None  # if there is a mean
 
 
 @dataclass(frozen=True, slots=True)
@@ -78,6 +81,7 @@ class ArrayReader(WaveformReader):
     # Set by the constructors of the formats.
     _shape: tuple[int, int]  # waveforms, samples per row
     _columns: WaveformArrays
+    _smoothing = 0.0  # s, as in `WaveformBlock`
 
     @property
     def point_count(self) -> int:
@@ -170,7 +174,15 @@ class ArrayReader(WaveformReader):
             beams=None if self._columns.beams is None else _texts(column("beams")),
             shot_numbers=None if self._columns.shot_numbers is None else column("shot_numbers"),
             origins=None if self._columns.origins is None else column("origins"),
+            noise=self._noise(rows),
+            smoothing=self._smoothing,
         )
+
+    def _noise(self, rows: IntArray) -> RecordedNoise | None:
+        mean, rms = self._columns.noise_mean, self._columns.noise_rms
+        if mean is None or rms is None:
+            return None
+        return RecordedNoise(self._rows_in_parts(mean, rows), self._rows_in_parts(rms, rows))
 
     @abstractmethod
     def _outgoing_arrays(self) -> OutgoingArrays:

@@ -36,6 +36,7 @@ class Shot:
     outgoing: Sequence[float] = (240.0, 900.5, 240.25)
     degrade: int = 0
     stale: int = 0
+    noise: tuple[float, float] | None = None  # mean and rms, counts
     first: tuple[float, float, float] = FIRST
     step: tuple[float, float, float] = STEP
 
@@ -82,6 +83,9 @@ class GediScene:
         beam["delta_time"] = np.array([shot.time for shot in shots], "<f8")
         beam["stale_return_flag"] = np.array([shot.stale for shot in shots], "u1")
         beam["geolocation/degrade"] = np.array([shot.degrade for shot in shots], self.degrade_type)
+        if all(shot.noise is not None for shot in shots):
+            mean, rms = np.array([shot.noise for shot in shots]).T
+            beam["noise_mean_corrected"], beam["noise_stddev_corrected"] = mean, rms
         for place, axis in enumerate(("longitude", "latitude", "elevation")):
             beam[f"geolocation/{axis}_bin0"] = np.array([shot.first[place] for shot in shots])
             beam[f"geolocation/{axis}_lastbin"] = np.array([shot.last()[place] for shot in shots])

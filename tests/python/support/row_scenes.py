@@ -34,6 +34,8 @@ def same(one: object, other: object) -> bool:
         return one.dtype == other.dtype and np.array_equal(one, other, equal_nan=nan)
     if one is None or other is None:
         return one is other
+    if isinstance(one, float):
+        return one == other
     return all(
         same(getattr(one, part.name), getattr(other, part.name))
         for part in fields(one)  # type: ignore[arg-type]

@@ -21,6 +21,7 @@ OUTGOING = "outgoing"  # optional
 LAS = "las"
 
 INTERVAL_ATTRIBUTE = "WaveformSampleInterval"
+SMOOTHING_ATTRIBUTE = "Smoothing"  # s, of the dataset of samples; optional
 REFERENCE_TIME_ATTRIBUTE = "t_ref"
 
 
@@ -68,6 +69,11 @@ SHOT_FIELDS = (
     Field("beams", f"{SPACE}/beam", np.bytes_, "name"),
     Field("shot_numbers", f"{SPACE}/shot_number", np.uint64, "number"),
     Field("origins", f"{SPACE}/origin", np.float64, "coordinate units", (3,)),
+)
+# Noise that the source states, of inputs that state it.
+NOISE_FIELDS = (
+    Field("noise_mean", f"{REPRESENTATION}/NoiseMean", np.float64, "counts"),
+    Field("noise_rms", f"{REPRESENTATION}/NoiseRms", np.float64, "counts"),
 )
 BEAM_TEXT = np.dtype("S16")
 

@@ -14,17 +14,25 @@ import numpy as np
 import numpy.typing as npt
 
 from fullwaveform.core.scanner import AfterPulse, Scanner
+from fullwaveform.data.blocks import MAX_SMOOTHING
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.array_reader import ArrayReader, OutgoingArrays, SliceableArray, WaveformArrays
+from fullwaveform.io.array_reader import (
+    ArrayReader,
+    OutgoingArrays,
+    SliceableArray,
+    WaveformArrays,
+)
 from fullwaveform.io.container.attributes import read_las_header, read_scanner_attributes
 from fullwaveform.io.container.layout import (
     AFTER_PULSE,
     DECONVOLUTION,
     FIELDS,
     FORMAT,
+    NOISE_FIELDS,
     OUTGOING,
     OUTGOING_FIELDS,
     SHOT_FIELDS,
+    SMOOTHING_ATTRIBUTE,
     SPACE,
     VERSION,
     WAVEFORMS,
@@ -68,6 +76,7 @@ class ScanContainerReader(ArrayReader):
                 rows, width = self._file[WAVEFORMS].shape
                 self._shape = int(rows), int(width)
                 self._sent = _outgoing_columns(self._file, int(rows), self._path)
+                self._smoothing = _smoothing(self._file, self._path)
                 self._header = read_las_header(self._file, self._path)
         except BaseException:
             self._file.close()
@@ -166,7 +175,20 @@ def _columns(file: h5py.File, path: Path) -> WaveformArrays:
     rows = _dataset(file, FIELDS[0], path).shape[0]
     check_rows(rows, path)
     known = tuple(field for field in SHOT_FIELDS if field.path in file)
+    if any(field.path in file for field in NOISE_FIELDS):
+        known += NOISE_FIELDS
     return WaveformArrays(**_datasets(file, (*FIELDS, *known), rows, path))
+
+
+def _smoothing(file: h5py.File, path: Path) -> float:
+    """Standard deviation in s; 0: none."""
+    found = plain_value(file[WAVEFORMS].attrs.get(SMOOTHING_ATTRIBUTE, 0.0))
+    if not isinstance(found, float) or not 0.0 <= found <= MAX_SMOOTHING:
+        raise WaveformFileError(
+            f"{path}: attribute {SMOOTHING_ATTRIBUTE} of {WAVEFORMS} is {found!r}; must be 0 to "
+            f"{MAX_SMOOTHING:g} s"
+        )
+    return found
 
 
 def _outgoing_columns(file: h5py.File, rows: int, path: Path) -> OutgoingArrays | None:

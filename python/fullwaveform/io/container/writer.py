@@ -23,10 +23,12 @@ from fullwaveform.io.container.layout import (
     FIELDS,
     FORMAT,
     INTERVAL_ATTRIBUTE,
+    NOISE_FIELDS,
     OUTGOING_FIELDS,
     REFERENCE_TIME_ATTRIBUTE,
     SBL_TIME,
     SHOT_FIELDS,
+    SMOOTHING_ATTRIBUTE,
     VERSION,
     WAVEFORMS,
     Field,
@@ -71,6 +73,7 @@ class ScanContainerWriter(FileWriter):
         super().__init__(path)
         self._header, self._scanner = header, scanner
         self._intervals: set[float] = set()
+        self._smoothings: set[float] = set()  # s
         self._last_shot: float | None = None
         self._has_outgoing: bool | None = None  # None before the first block
 
@@ -99,11 +102,17 @@ class ScanContainerWriter(FileWriter):
         for field in SHOT_FIELDS:
             if (values := getattr(block, field.column)) is not None:
                 self._append(field, values)
+        if block.noise is not None:
+            for field, values in zip(
+                NOISE_FIELDS, (block.noise.mean, block.noise.rms), strict=True
+            ):
+                self._append(field, values)
         for field in OUTGOING_FIELDS if block.outgoing is not None else ():
             self._append(field, getattr(block.outgoing, field.column))
         self.count += len(block)
         self._last_shot = float(block.shot_times[-1])
         self._intervals.update(np.unique(block.sampling_intervals).tolist())
+        self._smoothings.add(block.smoothing)
         stream.check()
 
     @contextmanager
@@ -134,6 +143,8 @@ class ScanContainerWriter(FileWriter):
         file[SBL_TIME].attrs[REFERENCE_TIME_ATTRIBUTE] = 0.0
         if len(self._intervals) == 1:
             file[WAVEFORMS].attrs[INTERVAL_ATTRIBUTE] = self._intervals.pop()
+        if len(self._smoothings) == 1 and (smoothing := self._smoothings.pop()) > 0.0:
+            file[WAVEFORMS].attrs[SMOOTHING_ATTRIBUTE] = smoothing
         if self._scanner is not None:
             write_scanner(file, self._scanner)
         if self._header is not None:

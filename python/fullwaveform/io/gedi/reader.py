@@ -58,6 +58,9 @@ class GediReader(ShotReader):
     """
 
     _system_identifier = "GEDI"
+    # The outgoing pulse has a full width at half maximum of 15.3 ns; so does the filter of L2A
+    # (rx_smoothing_width_locs and _zcross).
+    _smoothing = 6.5e-9  # s
 
     def _open_tables(self, file: h5py.File) -> list[ShotTable]:
         names = sorted(name for name in file if BEAM.fullmatch(name))

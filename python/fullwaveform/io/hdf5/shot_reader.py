@@ -158,6 +158,7 @@ class ShotReader(WaveformReader):
 
     is_geographic = True
     _system_identifier = ""  # of the LAS header
+    _smoothing = 0.0  # s, as in `WaveformBlock`
     _time_type = laspy.header.GpsTimeType.STANDARD
 
     def __init__(
@@ -359,6 +360,7 @@ class ShotReader(WaveformReader):
             shot_numbers=table.shot_numbers(shots),
             origins=None if origins is None else self._places.of(origins),
             noise=table.noise(shots),
+            smoothing=self._smoothing,
         )
 
 

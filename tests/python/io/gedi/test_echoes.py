@@ -13,6 +13,10 @@ import pyarrow as pa
 import pyarrow.parquet
 import pytest
 
+import fullwaveform as fw
+from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.opening import open_waveforms
+
 from ...support.command_line import run
 from ...support.hdf5_scenes import GediScene, Shot, bump, two_beams
 from ...support.las_scenes import four_shots
@@ -92,6 +96,33 @@ def test_container_keeps_both(scan: Path) -> None:
     assert run("extract", container, "-o", again, "--threshold", "250").exit_code == 0
     assert pyarrow.parquet.read_table(again)["beam"].equals(direct["beam"])
     assert pyarrow.parquet.read_table(again)["z"].equals(direct["z"])
+
+
+def test_container_keeps_recorded_noise_and_smoothing(tmp_path: Path) -> None:
+    shots = [Shot(bump(), number=n, noise=(204.5 + n, 3.0 + n)) for n in range(3)]
+    source = GediScene({"BEAM0001": shots[:2], "BEAM0010": shots[2:]}).write(tmp_path / "a.h5")
+    container = tmp_path / "b.h5"
+    assert run("convert", source, container).exit_code == 0
+    with open_waveforms(container) as reader:
+        blocks = list(reader.blocks())
+    noise = [block.noise for block in blocks]
+    assert [one.mean.tolist() for one in noise if one] == [[204.5, 205.5], [206.5]]
+    assert [one.rms.tolist() for one in noise if one] == [[3.0, 4.0], [5.0]]
+    assert [block.smoothing for block in blocks] == [6.5e-9, 6.5e-9]
+    with h5py.File(container, "r+") as file:
+        file["waveforms/StandardCartesianChart3D/Waveforms"].attrs["Smoothing"] = -1.0
+    with pytest.raises(WaveformFileError, match=r"Smoothing of .* is -1.0; must be 0 to 1e-06 s"):
+        open_waveforms(container)
+
+
+def test_metrics_of_a_container_use_the_recorded_noise(tmp_path: Path) -> None:
+    shots = [Shot(bump(), number=n, noise=(230.0, 1.5)) for n in range(3)]
+    source = GediScene({"BEAM0001": shots}).write(tmp_path / "a.h5")
+    container = tmp_path / "b.h5"
+    assert run("convert", source, container).exit_code == 0
+    direct, again = (fw.metrics(path).columns for path in (source, container))
+    assert again["noise_rms"].tolist() == direct["noise_rms"].tolist() == [1.5] * 3
+    assert not (again["flags"] & 8).any()
 
 
 def test_other_inputs_have_neither(scan: Path) -> None:

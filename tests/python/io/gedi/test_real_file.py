@@ -126,10 +126,12 @@ def pairs_with_modes(found: Columns, official: dict[str, np.ndarray]) -> int:
 @pytest.mark.parametrize(
     ("options", "pairs", "others"),
     [
-        ({}, 285, 156),
-        ({"mode": "decomposition"}, 292, 95),
-        ({"smoothing": 6.5e-9}, 300, 0),
-        ({"mode": "decomposition", "smoothing": 2e-9}, 293, 21),
+        ({}, 301, 0),
+        ({"mode": "decomposition"}, 301, 0),
+        ({"mode": "decomposition", "smoothing": 4e-9}, 302, 10),
+        ({"mode": "decomposition", "smoothing": 8e-9}, 300, 0),
+        ({"smoothing": 0.0}, 285, 156),
+        ({"mode": "decomposition", "smoothing": 0.0}, 292, 95),
     ],
 )
 def test_echoes_are_the_official_modes(
