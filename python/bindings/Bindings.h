@@ -12,6 +12,7 @@ void bindDeconvolution(nanobind::module_& module);
 void bindOnline(nanobind::module_& module);
 void bindPulseWaves(nanobind::module_& module);
 void bindLas(nanobind::module_& module);
+void bindSamples(nanobind::module_& module);
 void bindPulseFit(nanobind::module_& module);
 void bindUncertainty(nanobind::module_& module);
 void bindEchoTable(nanobind::module_& module);

@@ -12,6 +12,7 @@ NB_MODULE(_core, module) {
   bindOnline(module);
   bindPulseWaves(module);
   bindLas(module);
+  bindSamples(module);
   bindDriver(module);
   bindPulseFit(module);
   bindUncertainty(module);

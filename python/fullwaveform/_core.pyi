@@ -93,6 +93,20 @@ def decode_waveforms(
     samplings: npt.NDArray[np.int64],
 ) -> dict[str, Any]: ...
 
+class SampleStatistics:
+    """Counts of samples by value, and of waveforms by their largest sample."""
+
+    def __init__(self) -> None: ...
+    def add(
+        self, samples: npt.NDArray[np.uint16], counts: npt.NDArray[np.uint16]
+    ) -> None: ...  # (n, width), (n,) valid samples
+    @property
+    def value_counts(self) -> npt.NDArray[np.int64]: ...  # (65536,), samples
+    @property
+    def maximum_counts(self) -> npt.NDArray[np.int64]: ...  # (65536,), waveforms
+    @property
+    def plateaus(self) -> int: ...  # waveforms with two consecutive samples of the largest value
+
 class PointSurvey:
     def __init__(self, format: int, size: int) -> None: ...
     def add(self, points: npt.NDArray[np.uint8]) -> None: ...

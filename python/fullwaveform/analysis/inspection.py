@@ -17,9 +17,10 @@ from fullwaveform.analysis.histograms import (
 )
 from fullwaveform.analysis.origin import FileOrigin, origin_of
 from fullwaveform.calibration.calibration import Calibration, measure
-from fullwaveform.calibration.waveform_levels import MIN_SAMPLES, waveform_levels
-from fullwaveform.core.constants import MAX_COUNT
-from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray, UInt16Array
+from fullwaveform.calibration.levels import samples_by_receiver
+from fullwaveform.calibration.waveform_levels import waveform_levels
+from fullwaveform.core.sample_statistics import SampleStatistics
+from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.las.descriptors import WaveformDescriptor
@@ -27,10 +28,7 @@ from fullwaveform.io.las.reader import LasWaveformReader
 
 _Key = TypeVar("_Key", int, float)
 
-_VALUES = MAX_COUNT + 1  # of a sample
 _STEPS = 16  # per count, of baseline and noise rms
-_SAMPLES_AT_ONCE = 1 << 20  # they are converted to eight bytes each
-_PLATEAU = 2  # samples
 _FEMTOSECONDS = 1e15  # per s; sampling intervals are rounded to them
 _QUANTILES = (0.05, 0.95)
 _FORMATS = {
@@ -65,8 +63,8 @@ class Receiver:
 class FileContents:
     """Statistics of a file of waveforms.
 
-    Baseline and noise rms of every waveform are those of `waveform_levels`, rounded to a sixteenth
-    of a count.
+    Baseline and noise rms are those of `waveform_levels`, rounded to a sixteenth of a count, of up
+    to 4,096 waveforms spread over the file, on which the thresholds are measured, too.
 
     saturated : share of the waveforms with two consecutive samples of the largest value of the
         file, which clipping produces and noise rarely does
@@ -155,12 +153,7 @@ class _Sums:
         self.point_sources: Counter[int] = Counter()
         self.per_shot: Counter[int] = Counter()
         self.times = (np.inf, -np.inf)
-        self.baseline = np.zeros(_VALUES * _STEPS, np.int64)  # waveforms by steps of a count
-        self.noise_rms = np.zeros(_VALUES * _STEPS, np.int64)
-        self.values = np.zeros(_VALUES, np.int64)
-        self.maxima = np.zeros(_VALUES, np.int64)
-        self.largest = -1
-        self.with_plateau = 0
+        self.samples = SampleStatistics()
 
     def add(self, block: WaveformBlock) -> None:
         self.waveforms += len(block)
@@ -177,34 +170,15 @@ class _Sums:
             min(self.times[0], float(times.min(initial=np.inf))),
             max(self.times[1], float(times.max(initial=-np.inf))),
         )
-        for count in np.unique(block.counts[block.counts > 0]):
-            self._add_samples(block.samples[block.counts == count, :count])
-
-    def _add_samples(self, samples: UInt16Array) -> None:
-        """Add the samples (n, count) of waveforms of equal length, at least 1."""
-        self._add_plateaus(samples)
-        self.maxima += np.bincount(samples.max(axis=1), minlength=_VALUES)
-        rows = max(_SAMPLES_AT_ONCE // samples.shape[1], 1)
-        for first in range(0, len(samples), rows):
-            part = samples[first : first + rows]
-            self.values += np.bincount(part.ravel(), minlength=_VALUES)
-            if samples.shape[1] >= MIN_SAMPLES:
-                levels = waveform_levels(part)
-                _count_steps(self.baseline, levels.baseline)
-                _count_steps(self.noise_rms, np.sqrt(levels.mean_square))
-
-    def _add_plateaus(self, samples: UInt16Array) -> None:
-        largest = int(samples.max())
-        if largest > self.largest:
-            self.largest, self.with_plateau = largest, 0
-        at_top = samples == self.largest
-        is_plateau = at_top[:, : 1 - _PLATEAU] & at_top[:, _PLATEAU - 1 :]
-        self.with_plateau += int(np.count_nonzero(is_plateau.any(axis=1)))
+        self.samples.add(np.ascontiguousarray(block.samples), block.counts)
 
     def contents(self, kind: str, reader: WaveformReader) -> FileContents:
         tally = reader.tally
         described = reader.descriptors if isinstance(reader, LasWaveformReader) else {}
-        values = self.values[: self.largest + 1]
+        values = self.samples.value_counts
+        present = np.flatnonzero(values)
+        smallest, largest = (int(present[0]), int(present[-1])) if len(present) else (None, None)
+        baselines, noise = _spread_levels(reader)
         has_time = bool(np.isfinite(self.times[0]))
         return FileContents(
             format=kind,
@@ -220,15 +194,15 @@ class _Sums:
             waveforms_per_shot=_ascending(self.per_shot),
             first_time=self.times[0] if has_time else None,
             last_time=self.times[1] if has_time else None,
-            baseline=_level(self.baseline),
-            noise_rms=_level(self.noise_rms),
+            baseline=_level(baselines),
+            noise_rms=_level(noise),
             calibration=measure(reader),
-            smallest=int(np.flatnonzero(values)[0]) if self.largest >= 0 else None,
-            largest=self.largest if self.largest >= 0 else None,
-            bits=max(self.largest, 0).bit_length(),
-            saturated=self.with_plateau / max(self.waveforms, 1),
-            value_counts=values.copy(),
-            maximum_counts=self.maxima[: self.largest + 1].copy(),
+            smallest=smallest,
+            largest=largest,
+            bits=(largest or 0).bit_length(),
+            saturated=self.samples.plateaus / max(self.waveforms, 1),
+            value_counts=_trimmed(values),
+            maximum_counts=_trimmed(self.samples.maximum_counts),
             receivers=tuple(
                 Receiver(number, waveforms, described.get(number))
                 for number, waveforms in _ascending(self.numbers).items()
@@ -249,6 +223,8 @@ def _note_on_short_points(tally: ReadTally) -> list[str]:
 
 
 def _counted(values: AnyArray) -> dict[int, int]:
+    if len(values) > 0 and (values == values[0]).all():  # as in most blocks
+        return {int(values[0]): len(values)}
     distinct, counts = np.unique(values, return_counts=True)
     return {int(value): int(n) for value, n in zip(distinct, counts, strict=True)}
 
@@ -257,14 +233,25 @@ def _ascending(counter: Counter[_Key]) -> dict[_Key, int]:
     return {key: counter[key] for key in sorted(counter)}
 
 
-def _count_steps(counts: IntArray, levels: FloatArray) -> None:
-    steps = np.rint(levels * _STEPS).astype(np.int64)
-    np.add.at(counts, np.minimum(steps, len(counts) - 1), 1)
+def _trimmed(counts: IntArray) -> IntArray:
+    """The counts up to the last one that is not 0."""
+    return np.trim_zeros(counts, "b")
 
 
-def _level(counts: IntArray) -> Level | None:
-    """Median and range, from counts by steps; None without counts."""
-    if not counts.any():
+def _spread_levels(reader: WaveformReader) -> tuple[FloatArray, FloatArray]:
+    """Baseline and noise rms of waveforms spread over the file, counts."""
+    baselines, noise = [np.empty(0)], [np.empty(0)]
+    for _, samples in samples_by_receiver(reader.spread_blocks()):
+        levels = waveform_levels(samples)
+        baselines.append(levels.baseline)
+        noise.append(np.sqrt(levels.mean_square))
+    return np.concatenate(baselines), np.concatenate(noise)
+
+
+def _level(values: FloatArray) -> Level | None:
+    """Median and range; None without values."""
+    if len(values) == 0:
         return None
+    counts = np.bincount(np.rint(values * _STEPS).astype(np.int64))
     low, high = (count_quantile(counts, share) / _STEPS for share in _QUANTILES)
     return Level(count_median(counts) / _STEPS, low, high)

@@ -66,7 +66,7 @@ def measure_levels(blocks: Iterable[WaveformBlock]) -> tuple[ChannelLevels, ...]
     """The levels of each channel flag and descriptor that the waveforms of the blocks have."""
     found: dict[tuple[int, int], list[tuple[WaveformLevels, LagProducts]]] = {}
     tops: dict[tuple[int, int], list[TopSamples]] = {}
-    for receiver, samples in _by_receiver(blocks):
+    for receiver, samples in samples_by_receiver(blocks):
         tops.setdefault(receiver, []).append(top_samples(samples))
         step = max(_SAMPLES_AT_ONCE // samples.shape[1], 1)
         found.setdefault(receiver, []).extend(
@@ -82,7 +82,9 @@ def measure_levels(blocks: Iterable[WaveformBlock]) -> tuple[ChannelLevels, ...]
     )
 
 
-def _by_receiver(blocks: Iterable[WaveformBlock]) -> Iterator[tuple[tuple[int, int], UInt16Array]]:
+def samples_by_receiver(
+    blocks: Iterable[WaveformBlock],
+) -> Iterator[tuple[tuple[int, int], UInt16Array]]:
     """Channel flag and descriptor, and samples (n, count) of their waveforms of equal length.
 
     Those of small blocks are put together: a call of NumPy takes longer than a few waveforms.
