@@ -35,6 +35,15 @@ COMMANDS = {
     "cluster": Command(
         "cluster", "cluster", "Extract the echoes of files on several processors or machines"
     ),
+    "plan": Command(
+        "plan", "plan", "Divide the extraction of files into units of work for a job array"
+    ),
+    "run": Command("run", "run", "Compute units of a planned run and write their parts"),
+    "join": Command(
+        "join",
+        "join",
+        "Complete a planned run: check that all parts are there and whole, and sum up",
+    ),
     "info": Command("info", "info", "Show the contents of a waveform file: counts, times, levels"),
     "plot": Command(
         "plot", "plot", "Plot one waveform or the waveforms of a shot with their echoes"

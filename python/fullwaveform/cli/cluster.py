@@ -111,7 +111,8 @@ def cluster(
                 finally:
                     save_outcomes(manifest, job)
         tidy(manifest, job)
-        check_complete(manifest, job, "retry with --resume", skip_bad_files=skip_bad_files)
+        check_complete(manifest, "retry with --resume", skip_bad_files=skip_bad_files)
+        save_outcomes(manifest, job)
         if not options.allow_empty:
             check_not_empty(manifest)
         if not quiet:

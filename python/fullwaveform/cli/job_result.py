@@ -10,34 +10,31 @@ from fullwaveform.cli.extract_options import more_echoes
 from fullwaveform.cli.job_planning import name_of
 from fullwaveform.cli.progress import print_line
 from fullwaveform.cli.summary import RunSummary
-from fullwaveform.cluster.folder import JobFolder
-from fullwaveform.cluster.join import save_outcomes
-from fullwaveform.cluster.manifest import MANIFEST_NAME, Manifest
+from fullwaveform.cluster.manifest import MANIFEST_NAME, Manifest, Part
 from fullwaveform.core.driver import Mode
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.warning_file import warning_path
 from fullwaveform.io.echo_writers.las import las_notes
 
 
-def check_complete(
-    manifest: Manifest, folder: JobFolder, how_to_retry: str, *, skip_bad_files: bool
-) -> None:
-    """ValueError for failed parts, unless they are to be skipped and others are not."""
-    failures = manifest.failures()
-    missing, total = len(manifest.unfinished()), len(manifest.parts)
-    if not missing:
+def check_complete(manifest: Manifest, how_to_retry: str, *, skip_bad_files: bool) -> None:
+    """ValueError for missing parts, unless they have failed and are to be skipped.
+
+    At least one part must be there in any case.
+    """
+    unfinished, total = manifest.unfinished(), len(manifest.parts)
+    if not unfinished:
         return
-    if failures and skip_bad_files and missing < total:
+    failures = manifest.failures()
+    all_failed = all(part.state == Part.FAILED for part in unfinished)
+    if skip_bad_files and all_failed and len(unfinished) < total:
         for text in failures:
             print_line(f"skipped: {text}")
         manifest.skip_failed()
-        save_outcomes(manifest, folder)
-    else:
-        verb = "is" if missing == 1 else "are"
-        raise ValueError(
-            f"{'; '.join(failures)}; {missing} of {counted(total, 'part')} {verb} missing, the "
-            f"others are kept; {how_to_retry}"
-        )
+        return
+    verb = "is" if len(unfinished) == 1 else "are"
+    missing = f"{len(unfinished)} of {counted(total, 'part')} {verb} missing, the others are kept"
+    raise ValueError("; ".join([*failures, missing, how_to_retry]))
 
 
 def check_not_empty(manifest: Manifest) -> None:

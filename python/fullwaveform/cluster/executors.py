@@ -2,14 +2,23 @@
 
 from __future__ import annotations
 
+import signal
 import threading
 from abc import ABC, abstractmethod
-from collections.abc import Callable, Sequence
-from concurrent.futures import BrokenExecutor, CancelledError
-from contextlib import suppress
+from collections.abc import Callable, Iterator, Sequence
+from concurrent.futures import (
+    BrokenExecutor,
+    CancelledError,
+    Executor,
+    ProcessPoolExecutor,
+    ThreadPoolExecutor,
+)
+from contextlib import contextmanager, suppress
+from multiprocessing import get_context
 from typing import Any
 
 _IN_FLIGHT = 1000  # units given to an executor, of which nobody knows how many it runs at a time
+_UNITS_FOR_PROCESSES = 64
 _UNITS_PER_THREAD = 2  # submitted per thread of a Dask worker: one runs, one is next
 
 
@@ -139,6 +148,30 @@ def workers_of(executor: Any) -> Workers:
             "as in concurrent.futures"
         )
     return ExecutorWorkers(executor)
+
+
+@contextmanager
+def local_executor(workers: int, units: int) -> Iterator[Executor]:
+    """An executor on this machine for short units, in which much is Python.
+
+    Threads for few units, which are done before processes would have started.
+    """
+    pool: Executor
+    if workers == 1 or units < _UNITS_FOR_PROCESSES:
+        pool = ThreadPoolExecutor(min(workers, units), thread_name_prefix="unit")
+    else:
+        pool = ProcessPoolExecutor(
+            workers, get_context("spawn"), initializer=ignore_keyboard_interrupts
+        )
+    try:
+        yield pool
+    finally:
+        pool.shutdown(cancel_futures=True)
+
+
+def ignore_keyboard_interrupts() -> None:
+    """A terminal sends Ctrl-C to all its processes; the main process handles it."""
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
 
 
 def call_when_done(future: Any, call: Callable[[Any], None]) -> None:

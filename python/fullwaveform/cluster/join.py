@@ -2,16 +2,19 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterable
 from pathlib import Path
 
 from fullwaveform.cluster.folder import JobFolder
 from fullwaveform.cluster.manifest import Manifest, Part
 from fullwaveform.extraction.warning_file import append_statistics, warning_path
+from fullwaveform.io.atomic import protected_inputs
+from fullwaveform.io.echo_writers.joining import join_echo_files
 
 
-def collect(manifest: Manifest, folder: JobFolder) -> None:
+def collect(parts: Iterable[Part], folder: JobFolder) -> None:
     """Take over the records of the folder; parts with missing or truncated files are waiting."""
-    for part in manifest.parts:
+    for part in parts:
         if part.outcome is None:
             record = folder.read_record(part.file)
             if record is not None and record.outcome is not None:
@@ -35,6 +38,45 @@ def tidy(manifest: Manifest, folder: JobFolder) -> None:
     """
     folder.remove_unfinished(part.file for part in manifest.parts)
     _write_statistics(manifest, folder)
+
+
+def join_parts(
+    manifest: Manifest, folder: JobFolder, output: Path, *, overwrite: bool = False
+) -> None:
+    """Write the echoes of each input of a finished run to one file, as a single machine would.
+
+    Parameters
+    ----------
+    output
+        A file for a run of one input; a folder for files named after the inputs, which is made if
+        it is missing. Inputs with skipped parts have none.
+    overwrite
+        Whether existing files of echoes of the same format are replaced.
+
+    Raises
+    ------
+    ValueError
+        The output has another ending than the parts, or these have waveforms.
+    OSError
+        A part cannot be read, or a file not written.
+    """
+    sources = [Path(entry.path) for entry in manifest.inputs]
+    outputs = [output]
+    if len(sources) > 1 or output.is_dir():
+        output.mkdir(exist_ok=True)
+        outputs = [output / f"{path.stem}.{manifest.settings.part_format}" for path in sources]
+    by_input: list[list[Part]] = [[] for _ in sources]
+    for part in manifest.parts:
+        by_input[part.input].append(part)
+    with protected_inputs(*sources):
+        for path, parts in zip(outputs, by_input, strict=True):
+            if all(part.outcome is not None for part in parts):
+                join_echo_files(
+                    [folder.part_path(part.file) for part in parts],
+                    path,
+                    overwrite=overwrite,
+                    with_waveforms=manifest.settings.with_waveforms,
+                )
 
 
 def _write_statistics(manifest: Manifest, folder: JobFolder) -> None:

@@ -2,10 +2,11 @@
 
 from __future__ import annotations
 
-import signal
 from typing import Any
+
+from fullwaveform.cluster.executors import ignore_keyboard_interrupts
 
 
 def dask_setup(worker: Any) -> None:
-    """Ignore Ctrl-C, which a terminal sends to all its processes; the main process handles it."""
-    signal.signal(signal.SIGINT, signal.SIG_IGN)
+    """Leave Ctrl-C to the main process."""
+    ignore_keyboard_interrupts()

@@ -97,7 +97,7 @@ def earlier_job(folder: JobFolder, sources: Sequence[Path]) -> Manifest:
     for entry in manifest.inputs:
         if not entry.error:
             check_states(Path(entry.path), entry.files)
-    collect(manifest, folder)
+    collect(manifest.parts, folder)
     return manifest
 
 

@@ -74,7 +74,7 @@ def manifest_of(folder: Path) -> dict[str, Any]:
 def states(folder: Path) -> dict[str, str]:
     """State of each part by the name of its file, also while the run goes on."""
     manifest = JobFolder(folder).read_manifest()
-    collect(manifest, JobFolder(folder))
+    collect(manifest.parts, JobFolder(folder))
     return {part.file: part.state for part in manifest.parts}
 
 

@@ -64,6 +64,12 @@ class GroupedTableFile(TableFile):
     def _add_rows(self, table: Table) -> None:
         self._write_groups(self._groups.add(table.to_arrow(self._columns)))
 
+    def write_rows(self, rows: pa.Table) -> None:
+        """Append rows that are not counted, of a table with the columns of the file."""
+        stream = self._open_stream()
+        self._write_groups(self._groups.add(rows))
+        stream.check()
+
     @abstractmethod
     def _write_groups(self, groups: Iterator[pa.Table]) -> None:
         """Write the groups to the open file."""

@@ -1,0 +1,75 @@
+"""``fullwaveform join``: completes a planned run whose units are computed."""
+
+from __future__ import annotations
+
+from itertools import groupby
+from pathlib import Path
+from typing import Annotated
+
+import typer
+
+from fullwaveform.cli.errors import report_errors
+from fullwaveform.cli.job_result import check_complete, check_not_empty, show_summary
+from fullwaveform.cli.many_files import SkipBadFiles
+from fullwaveform.cli.options import QuietOption
+from fullwaveform.cli.outputs import OverwriteOption
+from fullwaveform.cli.run import JobFolderArgument
+from fullwaveform.cluster.folder import JobFolder
+from fullwaveform.cluster.join import collect, join_parts, save_outcomes, tidy
+from fullwaveform.cluster.manifest import Manifest
+
+_MAX_LISTED = 100  # ranges of units in a message
+
+
+def join(
+    folder: JobFolderArgument,
+    output: Annotated[
+        Path | None,
+        typer.Option(
+            "-o",
+            "--output",
+            metavar="OUT",
+            help="Also write one file as extract does, in the format of the parts; for several "
+            "inputs a folder",
+        ),
+    ] = None,
+    overwrite: OverwriteOption = False,
+    skip_bad_files: SkipBadFiles = False,
+    allow_empty: Annotated[
+        bool, typer.Option("--allow-empty", help="Accept a run that has found no echo")
+    ] = False,
+    quiet: QuietOption = False,
+) -> None:
+    """Complete a planned run: check that all parts are there and whole, and sum up.
+
+    Examples:
+
+        fullwaveform join computed_job
+
+        fullwaveform join computed_job -o joined.parquet --overwrite
+    """
+    with report_errors():
+        job = JobFolder(folder)
+        manifest = job.read_manifest()
+        collect(manifest.parts, job)
+        check_complete(manifest, _how_to_retry(manifest, folder), skip_bad_files=skip_bad_files)
+        save_outcomes(manifest, job)
+        tidy(manifest, job)
+        if output is not None:
+            join_parts(manifest, job, output, overwrite=overwrite)
+        if not allow_empty:
+            check_not_empty(manifest)
+        if not quiet:
+            show_summary(manifest, folder if output is None else output)
+
+
+def _how_to_retry(manifest: Manifest, folder: Path) -> str:
+    """The call that computes the missing units."""
+    numbers = [part.number for part in manifest.unfinished()]
+    ranges = []
+    for _, group in groupby(enumerate(numbers), lambda pair: pair[1] - pair[0]):
+        run = [number for _, number in group]
+        ranges.append(f"{run[0]}-{run[-1]}" if len(run) > 1 else str(run[0]))
+    more = f" and {len(ranges) - _MAX_LISTED:,} more ranges" if len(ranges) > _MAX_LISTED else ""
+    listed = ",".join(ranges[:_MAX_LISTED])
+    return f"compute them with: fullwaveform run {folder} --units {listed}{more}"

@@ -1,0 +1,165 @@
+"""One file from files of echoes that were written one after the other, of the same format.
+
+It has the bytes that a single writer would have written, which depend on the rows and their order
+only.
+"""
+
+from __future__ import annotations
+
+import json
+import shutil
+from collections.abc import Callable, Sequence
+from pathlib import Path
+
+from fullwaveform.io.atomic import atomic_open
+from fullwaveform.io.echo_writers.opening import echo_outputs
+
+_ROWS_AT_A_TIME = 2**16
+
+
+def join_echo_files(
+    parts: Sequence[Path], output: Path, *, overwrite: bool = False, with_waveforms: bool = False
+) -> None:
+    """Write the echoes of the parts, in order, to one file.
+
+    Parameters
+    ----------
+    parts
+        Files of echoes of one input, extracted with the same settings; at least one.
+    output
+        Has the ending of the parts.
+    overwrite
+        Whether an existing file of echoes of the same format is replaced.
+    with_waveforms
+        Whether the parts have waveforms, which cannot be joined.
+
+    Raises
+    ------
+    ValueError
+        The output has another ending than the parts, or these have waveforms.
+    OSError
+        A part cannot be read, or the output not written or not replaced.
+    """
+    ending = parts[0].suffix.lower()
+    if output.suffix.lower() != ending:
+        raise ValueError(f"{output} must end in {ending}, as the parts do")
+    if with_waveforms:
+        raise ValueError(
+            "parts with waveforms cannot be joined, because each numbers its descriptors itself; "
+            "use the parts as they are"
+        )
+    _JOINERS[ending](parts, output, overwrite)
+
+
+def _join_text(parts: Sequence[Path], output: Path, overwrite: bool, header: int = 0) -> None:
+    with atomic_open(output, echo_outputs(output)[output], overwrite=overwrite) as stream:
+        for number, part in enumerate(parts):
+            with part.open("rb") as file:
+                for _ in range(header if number > 0 else 0):
+                    file.readline()
+                shutil.copyfileobj(file, stream)
+            stream.check()
+
+
+def _join_csv(parts: Sequence[Path], output: Path, overwrite: bool) -> None:
+    from fullwaveform.io.echo_writers.csv_metadata import METADATA_KIND, metadata_path
+
+    content = json.loads(metadata_path(parts[0]).read_bytes())
+    content["url"] = output.name
+    with atomic_open(metadata_path(output), METADATA_KIND, overwrite=overwrite) as description:
+        description.write((json.dumps(content, indent=2) + "\n").encode())
+        _join_text(parts, output, overwrite, header=1)
+
+
+def _join_parquet(parts: Sequence[Path], output: Path, overwrite: bool) -> None:
+    import pyarrow.parquet as pq
+
+    from fullwaveform.io.echo_writers.parquet import ROWS_PER_GROUP
+    from fullwaveform.io.echo_writers.row_groups import RowGroups
+
+    groups = RowGroups(ROWS_PER_GROUP)
+    schema = pq.read_schema(parts[0])
+    with (
+        atomic_open(output, echo_outputs(output)[output], overwrite=overwrite) as stream,
+        pq.ParquetWriter(stream, schema, compression="zstd") as writer,
+    ):
+        for part in parts:
+            # As a file, not as a data set, which would take columns from its name.
+            with pq.ParquetFile(part) as file:
+                for number in range(file.num_row_groups):
+                    for group in groups.add(file.read_row_group(number)):
+                        writer.write_table(group, len(group))
+            stream.check()
+        for group in groups.rest():
+            writer.write_table(group, len(group))
+
+
+def _join_hdf5(parts: Sequence[Path], output: Path, overwrite: bool) -> None:
+    import h5py
+    import pyarrow as pa
+
+    from fullwaveform.data.echo_columns import SHOT_COLUMNS, table_columns
+    from fullwaveform.io.echo_writers.hdf5 import Hdf5EchoWriter
+    from fullwaveform.io.run_record import RUN_METADATA_KEY
+
+    with h5py.File(parts[0]) as file:
+        metadata = json.loads(file.attrs[RUN_METADATA_KEY])
+        shot_columns = tuple(column.name for column in SHOT_COLUMNS if column.name in file)
+    names = [column.name for column in table_columns(shot_columns)]
+    joined = Hdf5EchoWriter(output, metadata, shot_columns=shot_columns)
+    joined.overwrite = overwrite
+    with joined:
+        for part in parts:
+            with h5py.File(part) as file:
+                for first in range(0, len(file["echo_number"]), _ROWS_AT_A_TIME):
+                    rows = slice(first, first + _ROWS_AT_A_TIME)
+                    joined.write_rows(pa.table({name: file[name][rows] for name in names}))
+
+
+def _join_las(parts: Sequence[Path], output: Path, overwrite: bool) -> None:
+    import laspy
+
+    with (
+        laspy.open(_with_points(parts)) as first,
+        atomic_open(output, echo_outputs(output)[output], overwrite=overwrite) as stream,
+    ):
+        after = first.evlrs
+        writer = laspy.open(
+            stream,
+            mode="w",
+            header=first.header,
+            do_compress=output.suffix.lower() == ".laz",
+            closefd=False,
+        )
+        for part in parts:
+            with laspy.open(part) as file:
+                # Where the input has no offsets, those of each part are near its own echoes; the
+                # writer takes that into account.
+                for points in file.chunk_iterator(_ROWS_AT_A_TIME):
+                    writer.write_points(points)
+            stream.check()
+        if after:
+            writer.write_evlrs(after)
+        writer.close()
+
+
+def _with_points(parts: Sequence[Path]) -> Path:
+    """The first part with points, whose offsets a single file would have."""
+    import laspy
+
+    for part in parts:
+        with laspy.open(part) as file:
+            if file.header.point_count > 0:
+                return part
+    return parts[0]
+
+
+_JOINERS: dict[str, Callable[[Sequence[Path], Path, bool], None]] = {
+    ".las": _join_las,
+    ".laz": _join_las,
+    ".csv": _join_csv,
+    ".parquet": _join_parquet,
+    ".h5": _join_hdf5,
+    ".hdf5": _join_hdf5,
+    ".txt": _join_text,
+}
