@@ -37,6 +37,11 @@ BlocksPerPart = Annotated[
 def check_new_folder(folder: Path, how_to_continue: str) -> None:
     """BadParameter unless the folder is empty, or new and may be one."""
     check_folder(folder)
+    if not folder.absolute().parent.is_dir():
+        raise typer.BadParameter(
+            f"cannot write {folder}: the folder {folder.absolute().parent} does not exist",
+            param_hint="-o",
+        )
     if not folder.is_dir():
         return
     if (folder / MANIFEST_NAME).exists():

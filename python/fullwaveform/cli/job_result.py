@@ -68,6 +68,7 @@ def show_summary(manifest: Manifest, folder: Path) -> None:
         messages=total.messages,
         statistics=warning_path(folder, sources[0] if len(sources) == 1 else Path("*")),
         seconds=total.seconds,
+        of_units=True,
     ).show(Console())
 
 

@@ -13,11 +13,10 @@ from fullwaveform.cli.job_planning import BlocksPerPart, check_new_folder, job_o
 from fullwaveform.cli.many_files import (
     DEFAULT_FORMAT,
     FormatOption,
-    SourceFiles,
     check_format,
     check_names,
 )
-from fullwaveform.cli.options import QuietOption, integer_from
+from fullwaveform.cli.options import QuietOption, SourceFiles, integer_from
 from fullwaveform.cli.progress import print_line
 from fullwaveform.cli.reader_options import with_options
 from fullwaveform.cluster.executors import ExecutorWorkers, local_executor
@@ -62,7 +61,7 @@ def plan(
 
         fullwaveform plan scan.las -o job
 
-        fullwaveform plan scan.las second.las -o las_job --format las --blocks-per-part 1
+        fullwaveform plan scan.las second.las -o las_job --format las
     """
     part_format = part_format or DEFAULT_FORMAT
     check_names(sources)

@@ -41,6 +41,7 @@ class RunSummary:
     messages: Counter[str]  # of the library, by kind
     statistics: Path  # of suspicious blocks
     seconds: float
+    of_units: bool = False  # whether the time is that of units, some of which ran side by side
 
     def line(self) -> str:
         """The result on one line."""
@@ -134,7 +135,9 @@ class RunSummary:
         if not self.settings.keep_empty:
             label, remark = ("echoes written", "")
         rows.append((label, f"{self.written:,}", remark))
-        rows.append(("time", f"{self.seconds:.2f} s", f"{rate:,.0f} waveforms per second"))
+        remark = f"{rate:,.0f} waveforms per second"
+        remark = f"of all units together, {remark}" if self.of_units else remark
+        rows.append(("time", f"{self.seconds:.2f} s", remark))
         return rows
 
     def _phase_row(self) -> Row | None:

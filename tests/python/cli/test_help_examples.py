@@ -31,6 +31,10 @@ def files(tmp_path_factory: pytest.TempPathFactory) -> Path:
     assert run("simulate", folder / "second.las", "--shots", "50", "--seed", "2").exit_code == 0
     for name in ("echoes.las", "echoes.csv"):
         assert run("extract", scan, "-o", folder / name, "--threshold", "20").exit_code == 0
+    for job in ("planned_job", "computed_job"):
+        call = ("plan", scan, "-o", folder / job, "--threshold", "20", "--block", "1000")
+        assert run(*call, "--blocks-per-part", "1").exit_code == 0
+    assert run("run", folder / "computed_job", "--units", "0-2").exit_code == 0
     time = np.arange(0.0, 40.0)  # ns
     pulse = np.round(5000.0 * np.exp(-0.5 * ((time - 12.0) / 1.6) ** 2), 1)
     lines = [f"{t:g}, {a:g}" for t, a in zip(time, pulse, strict=True)]

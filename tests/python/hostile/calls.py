@@ -6,6 +6,10 @@ import os
 from collections.abc import Callable, Iterator
 from pathlib import Path
 
+from typer.testing import CliRunner
+
+from fullwaveform.cli.app import app
+
 from ..support.las_scenes import four_shots
 
 Case = Callable[[Path], list[str]]
@@ -50,6 +54,29 @@ def extract(*options: str, source: str = "{}/scan.las", output: str = "{}/out.cs
 
 def cluster(*options: str) -> Case:
     return call("cluster", "{}/scan.las", "-o", "{}/parts", *options)
+
+
+def with_manifest(text: str, *words: str) -> Case:
+    """A call on the folder of a run with this manifest."""
+
+    def case(folder: Path) -> list[str]:
+        (folder / "job").mkdir()
+        (folder / "job" / "manifest.json").write_text(text, encoding="ascii")
+        return [word.replace("{}", str(folder)) for word in words]
+
+    return case
+
+
+def planned(*words: str) -> Case:
+    """A call on a run of one unit that is not computed."""
+
+    def case(folder: Path) -> list[str]:
+        four_shots().write(folder / "scan.las")
+        plan = ["plan", str(folder / "scan.las"), "-o", str(folder / "job"), "--threshold", "20"]
+        assert CliRunner().invoke(app, plan).exit_code == 0
+        return [word.replace("{}", str(folder)) for word in words]
+
+    return case
 
 
 def content(data: bytes, name: str = "scan.las") -> Case:
@@ -153,6 +180,7 @@ def cases() -> Iterator[tuple[str, Case]]:
         "parts in a folder of 300 letters",
         call("cluster", "{}/scan.las", "-o", "{}/" + "a" * 300, "--scheduler", "local"),
     )
+    yield from _job_calls()
     yield "mode of another name", extract("--mode", "gauss")
     yield "pulse fit without enough echoes", extract("--mode", "pulse-fit")
     yield "pulse fit with a threshold", extract("--mode", "pulse-fit", "--threshold", "20")
@@ -219,3 +247,33 @@ def cases() -> Iterator[tuple[str, Case]]:
         "system wave of four short waveforms",
         call("system-wave", "{}/scan.las", "-o", "{}/out.toml", "--source", "echoes"),
     )
+
+
+def _job_calls() -> Iterator[tuple[str, Case]]:
+    """Calls of plan, run and join."""
+    yield "plan in a folder with files", call("plan", "{}/scan.las", "-o", "{}/taken")
+    yield "plan in a missing folder", call("plan", "{}/scan.las", "-o", "{}/gone/job")
+    yield "plan of a missing file", call("plan", "{}/gone.las", "-o", "{}/job")
+    yield (
+        "plan of a good and a missing file",
+        call("plan", "{}/scan.las", "{}/gone.las", "-o", "{}/job"),
+    )
+    yield "plan of an unknown format", call("plan", "{}/scan.las", "-o", "{}/job", "--format", "a")
+    for command in (["run", "--unit", "0"], ["join"]):
+        name = command[0]
+        for what, folder in (
+            ("a missing folder", "{}/gone"),
+            ("a file", "{}/scan.las"),
+            ("a folder without a plan", "{}/taken"),
+        ):
+            yield f"{name} of {what}", call(*command, folder)
+        for what, text in (
+            ("an empty manifest", ""),
+            ("half a manifest", '{"manifest_version": 3, "inp'),
+            ("a manifest of another version", '{"manifest_version": 2}'),
+            ("a manifest without settings", '{"manifest_version": 3, "package_version": "0.1.0"}'),
+        ):
+            yield f"{name} with {what}", with_manifest(text, *command, "{}/job")
+    for units in (["--unit", "1"], ["--unit", "-1"], ["--units", "0-"], ["--units", "2-4"], []):
+        yield f"run {' '.join(units) or 'without a unit'}", planned("run", "{}/job", *units)
+    yield "join of a run that is not computed", planned("join", "{}/job")
