@@ -2,13 +2,16 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Collection, Iterator, Mapping
 from dataclasses import dataclass, field
 from pathlib import Path
 
 import numpy as np
 
-from fullwaveform.data.arrays import RecordArray
+from fullwaveform.data.arrays import AnyArray, RecordArray
+
+#: Columns (n,) of consecutive rows of a file, by their names.
+Rows = Mapping[str, AnyArray]
 
 #: Quantities of an echo that two files may both have; NaN where a file has none.
 QUANTITIES = {"amplitude": "counts", "amplitude_db": "dB", "fwhm_ns": "ns", "intensity": "1"}
@@ -33,6 +36,9 @@ class EchoFile:
     path: Path
     has_returns: bool  # discrete returns of the scanner's electronics, not echoes of waveforms
     blocks: Callable[[], Iterator[RecordArray]]  # of `ECHO_RECORD`, in the order of the file
+    #: Of all rows or points, also those that are no echoes, the columns with one of the names;
+    #: those that the file does not have are missing.
+    rows: Callable[[Collection[str]], Iterator[Rows]]
     settings: dict[str, str] = field(default_factory=dict)  # of the extraction that wrote the file
 
 

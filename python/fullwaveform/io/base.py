@@ -227,12 +227,32 @@ class WaveformReader(ABC):
         An iteration in progress and its tally are not affected. Raises as `blocks`, but does not
         check whether waveforms were unreadable.
         """
+        for numbers, block, _ in self.visited_blocks():
+            yield numbers, block
+
+    def visited_blocks(self) -> Iterator[tuple[IntArray, PendingBlock, int]]:
+        """As `unread_blocks`, with the points visited so far: no point of the block follows them.
+
+        A block may leave some of them to the next one, but none of those visited before these.
+        """
         self._check_open()
-        first = 0
-        for block in self._pending_blocks(ReadTally()):
+        first, tally = 0, ReadTally()
+        for block in self._pending_blocks(tally):
             raise_if_requested()
-            yield first + np.arange(block.waveforms, dtype=np.int64), block
+            yield first + np.arange(block.waveforms, dtype=np.int64), block, tally.points
             first += block.waveforms
+
+    def blocks_between(self, first: int, stop: int) -> Iterator[WaveformBlock]:
+        """Yield the waveforms of the points or pulses `first` <= number < `stop`.
+
+        Unreadable waveforms are left out and not counted, and `waveform_numbers` count from the
+        number of the first point. Raises as `spread_blocks`.
+        """
+        self._check_open()
+        for part in self._parts(slice(first, stop)):
+            block = self._window(part)
+            if block is not None:
+                yield block
 
     def spread_blocks(self) -> Iterator[WaveformBlock]:
         """Yield waveforms spread over the file, to measure what holds for all of it.
@@ -251,10 +271,7 @@ class WaveformReader(ABC):
         """
         self._check_open()
         for window in spread_windows(self.point_count):
-            for part in self._parts(window):
-                block = self._window(part)
-                if block is not None:
-                    yield block
+            yield from self.blocks_between(window.start, window.stop)
 
     def _parts(self, points: slice) -> list[slice]:
         """The parts of a run of points that may share a block."""

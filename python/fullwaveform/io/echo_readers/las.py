@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+from collections.abc import Collection, Iterator
 from functools import partial
 from pathlib import Path
 
@@ -10,7 +10,7 @@ import laspy
 import numpy as np
 
 from fullwaveform.data.arrays import BoolArray, FloatArray, RecordArray
-from fullwaveform.data.echo_records import EchoFile, unknown_records
+from fullwaveform.data.echo_records import EchoFile, Rows, unknown_records
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.echo_readers.quantities import fill_quantities
 from fullwaveform.io.las.compression import (
@@ -40,7 +40,13 @@ def las_echo_file(path: Path) -> EchoFile:
         recorded = read_run_records(reader.header.vlrs) or {}
     has_returns = has_packets and _ECHO_DIMENSION not in names
     settings = {key: str(value) for key, value in recorded.items()}
-    return EchoFile(path, has_returns, partial(_blocks, path, has_packets, has_returns), settings)
+    return EchoFile(
+        path,
+        has_returns,
+        partial(_blocks, path, has_packets, has_returns),
+        partial(_rows, path),
+        settings,
+    )
 
 
 def _opened(path: Path) -> laspy.LasReader:
@@ -55,9 +61,36 @@ def _opened(path: Path) -> laspy.LasReader:
 
 
 def _blocks(path: Path, has_packets: bool, has_returns: bool) -> Iterator[RecordArray]:
-    known, channels = 0, set[int]()
+    known = 0
+    for first, points, header in _chunks(path):
+        records = _records(points, header, first)
+        if has_packets:
+            records["channel"] = points.wavepacket_index if has_returns else 0
+            records["flight"] = _flight(points)
+        if has_returns:
+            records = records[_is_return(points)]
+            if np.isnan(records["flight"]).any():
+                raise WaveformFileError(f"{path}: a pulse has no direction")
+            known += len(records)
+        yield records
+    if has_returns and not known:
+        raise WaveformFileError(f"{path}: no discrete return has a waveform packet")
+
+
+def _rows(path: Path, wanted: Collection[str]) -> Iterator[Rows]:
+    for _, points, header in _chunks(path):
+        names = {"x", "y", "z", *header.point_format.dimension_names}.intersection(wanted)
+        yield {name: np.asarray(points[name]) for name in names}
+
+
+def _chunks(
+    path: Path,
+) -> Iterator[tuple[int, laspy.ScaleAwarePointRecord, laspy.LasHeader]]:
+    """Number of the first point, the points, and the header of the file, for runs of points."""
+    channels = set[int]()
     with _opened(path) as reader:
         header = reader.header
+        has_packets = header.point_format.id in WAVEFORM_POINT_FORMATS
         for first in range(0, header.point_count, SURVEY_CHUNK):
             expected = min(SURVEY_CHUNK, header.point_count - first)
             with decoder_errors(f"{path}: cannot read points from number {first}"):
@@ -70,18 +103,7 @@ def _blocks(path: Path, has_packets: bool, has_returns: bool) -> Iterator[Record
             if has_packets and header.are_points_compressed:
                 channels |= scanner_channels(points.array)
                 check_scanner_channels(channels, path)
-            records = _records(points, header, first)
-            if has_packets:
-                records["channel"] = points.wavepacket_index if has_returns else 0
-                records["flight"] = _flight(points)
-            if has_returns:
-                records = records[_is_return(points)]
-                if np.isnan(records["flight"]).any():
-                    raise WaveformFileError(f"{path}: a pulse has no direction")
-                known += len(records)
-            yield records
-    if has_returns and not known:
-        raise WaveformFileError(f"{path}: no discrete return has a waveform packet")
+            yield first, points, header
 
 
 def _records(

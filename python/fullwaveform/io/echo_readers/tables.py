@@ -5,7 +5,7 @@ from __future__ import annotations
 import csv
 import json
 import zipfile
-from collections.abc import Callable, Iterator, Mapping
+from collections.abc import Callable, Collection, Iterator, Mapping
 from contextlib import ExitStack, contextmanager
 from functools import partial
 from importlib import import_module
@@ -18,8 +18,8 @@ import pyarrow.csv
 import pyarrow.parquet
 from numpy.lib import format as npy
 
-from fullwaveform.data.arrays import AnyArray, RecordArray
-from fullwaveform.data.echo_records import EchoFile, unknown_records
+from fullwaveform.data.arrays import RecordArray
+from fullwaveform.data.echo_records import EchoFile, Rows, unknown_records
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.echo_readers.quantities import QUANTITY_COLUMNS, fill_quantities
 from fullwaveform.io.limits import SURVEY_CHUNK
@@ -30,22 +30,21 @@ _COLUMNS = frozenset({"x", "y", "z", "gps_time", "echo_number"}) | QUANTITY_COLU
 _CSV_BYTES = 1 << 24  # per block; a line has 100 to 400 bytes
 _NAMES_BYTES = 1 << 16  # the first line of a CSV file, at most
 
-Rows = Mapping[str, AnyArray]
-
 
 def parquet_echo_file(path: Path) -> EchoFile:
     """Echoes of a Parquet file; see `open_echoes`."""
     with _errors(path, "Parquet"), pa.parquet.ParquetFile(path_or_stream(path)) as file:
-        names = _checked(file.schema_arrow.names, path)
+        found = _checked(file.schema_arrow.names, path)
         metadata = file.schema_arrow.metadata or {}
         settings = _settings(metadata.get(RUN_METADATA_KEY.encode()))
 
-    def rows() -> Iterator[Rows]:
+    def rows(wanted: Collection[str]) -> Iterator[Rows]:
+        names = _wanted(found, wanted)
         with _errors(path, "Parquet"), pa.parquet.ParquetFile(path_or_stream(path)) as file:
             for batch in file.iter_batches(SURVEY_CHUNK, columns=list(names)):
                 yield _arrow_rows(batch)
 
-    return EchoFile(path, False, partial(_records, rows, path), settings)
+    return EchoFile(path, False, partial(_records, rows, path), rows, settings)
 
 
 def csv_echo_file(path: Path) -> EchoFile:
@@ -54,9 +53,10 @@ def csv_echo_file(path: Path) -> EchoFile:
         line = stream.readline(_NAMES_BYTES).decode("utf-8-sig", "replace")
     # pyarrow gets the names without the spaces that may surround them in the first line.
     listed = [name.strip() for name in next(csv.reader([line]), [])]
-    names = _checked(listed, path)
+    found = _checked(listed, path)
 
-    def rows() -> Iterator[Rows]:
+    def rows(wanted: Collection[str]) -> Iterator[Rows]:
+        names = _wanted(found, wanted)
         with _errors(path, "CSV"):
             reader = pa.csv.open_csv(
                 path_or_stream(path),
@@ -71,7 +71,7 @@ def csv_echo_file(path: Path) -> EchoFile:
             with reader:
                 yield from map(_arrow_rows, reader)
 
-    return EchoFile(path, False, partial(_records, rows, path))
+    return EchoFile(path, False, partial(_records, rows, path), rows)
 
 
 def hdf5_echo_file(path: Path) -> EchoFile:
@@ -83,16 +83,17 @@ def hdf5_echo_file(path: Path) -> EchoFile:
             raise WaveformFileError(
                 f"{path} holds waveforms without discrete returns; extract its echoes first"
             )
-        names = _checked(list(file), path)
+        found = _checked(list(file), path)
         settings = _settings(file.attrs.get(RUN_METADATA_KEY))
 
-    def rows() -> Iterator[Rows]:
+    def rows(wanted: Collection[str]) -> Iterator[Rows]:
+        names = _wanted(found, wanted)
         with _errors(path, "HDF5"), h5py.File(path_or_stream(path), "r") as file:
             total = _common_length({name: file[name].shape for name in names}, path)
             for first in range(0, total, SURVEY_CHUNK):
                 yield {name: file[name][first : first + SURVEY_CHUNK] for name in names}
 
-    return EchoFile(path, False, partial(_records, rows, path), settings)
+    return EchoFile(path, False, partial(_records, rows, path), rows, settings)
 
 
 def npz_echo_file(path: Path) -> EchoFile:
@@ -103,9 +104,10 @@ def npz_echo_file(path: Path) -> EchoFile:
             raise WaveformFileError(
                 f"{path} holds waveforms without discrete returns; extract its echoes first"
             )
-        names = _checked(list(members), path)
+        found = _checked(list(members), path)
 
-    def rows() -> Iterator[Rows]:
+    def rows(wanted: Collection[str]) -> Iterator[Rows]:
+        names = _wanted(found, wanted)
         with ExitStack() as opened:
             opened.enter_context(_errors(path, "NumPy archive"))
             archive = opened.enter_context(zipfile.ZipFile(path))
@@ -121,7 +123,7 @@ def npz_echo_file(path: Path) -> EchoFile:
                     for name, stream in streams.items()
                 }
 
-    return EchoFile(path, False, partial(_records, rows, path))
+    return EchoFile(path, False, partial(_records, rows, path), rows)
 
 
 def _layout(stream: IO[bytes], name: str, path: Path) -> tuple[tuple[int, ...], np.dtype[Any]]:
@@ -145,14 +147,18 @@ def _common_length(shapes: Mapping[str, tuple[int, ...]], path: Path) -> int:
 
 
 def _checked(found: list[str], path: Path) -> tuple[str, ...]:
-    """The columns that are used, of those that a file has."""
+    """The distinct columns of a file; WaveformFileError if the places of the echoes are missing."""
     if missing := [axis for axis in "xyz" if axis not in found]:
         listed = ", ".join(found[:8]) or "none"
         raise WaveformFileError(
             f"{path}: no column {', '.join(missing)}; a table of echoes needs x, y, z and, to be "
             f"matched by shot, gps_time; found: {listed[:200]}"
         )
-    return tuple(name for name in dict.fromkeys(found) if name in _COLUMNS)
+    return tuple(dict.fromkeys(found))
+
+
+def _wanted(found: tuple[str, ...], wanted: Collection[str]) -> tuple[str, ...]:
+    return tuple(name for name in found if name in wanted)
 
 
 def _settings(text: Any) -> dict[str, str]:
@@ -169,9 +175,11 @@ def _arrow_rows(batch: pa.RecordBatch) -> Rows:
     return {name: column.to_numpy(zero_copy_only=False) for name, column in columns}
 
 
-def _records(rows: Callable[[], Iterator[Rows]], path: Path) -> Iterator[RecordArray]:
+def _records(
+    rows: Callable[[Collection[str]], Iterator[Rows]], path: Path
+) -> Iterator[RecordArray]:
     first = 0
-    for columns in rows():
+    for columns in rows(_COLUMNS):
         count = len(columns["x"])
         records = unknown_records(count, first)
         with _errors(path, "table"):

@@ -1,0 +1,71 @@
+"""Where the viewer keeps what it derives from files, and of which state of a file that is."""
+
+from __future__ import annotations
+
+import hashlib
+import json
+from collections.abc import Callable
+from pathlib import Path
+from typing import Any
+
+from platformdirs import user_cache_path
+
+from fullwaveform import __version__
+from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.view.sections import SectionFile, SectionWriter, new_section_file
+
+
+def cache_folder() -> Path:
+    """The folder, which is made if it is missing."""
+    folder = user_cache_path("fullwaveform") / "view"
+    try:
+        folder.mkdir(parents=True, exist_ok=True)
+    except OSError as error:
+        raise OSError(
+            error.errno,
+            f"cannot make the cache folder {folder}: {error.strerror}; set XDG_CACHE_HOME to a "
+            "folder that can be written",
+        ) from error
+    return folder
+
+
+def identity(path: Path, **settings: Any) -> dict[str, Any]:
+    """What changes when the file, the version or one of the settings does."""
+    state = path.stat()
+    return {
+        "path": str(path.absolute()),
+        "size": state.st_size,
+        "modified": state.st_mtime_ns,
+        "version": __version__,
+        **settings,
+    }
+
+
+def cached_name(purpose: str, path: Path, identified: dict[str, Any]) -> Path:
+    """Name of a file in the cache folder for this state of a file."""
+    text = json.dumps(identified, sort_keys=True)
+    key = hashlib.sha256(text.encode()).hexdigest()[:16]
+    return cache_folder() / f"{purpose}-{_path_key(path)}-{key}"
+
+
+def remove_former(current: Path) -> None:
+    """Remove files of the same purpose that belong to other states of the same file."""
+    former = current.stem.rpartition("-")[0]
+    for other in current.parent.glob(f"{former}-*"):
+        if other.stem != current.stem:
+            other.unlink(missing_ok=True)
+
+
+def cached_sections(name: Path, build: Callable[[SectionWriter], None]) -> SectionFile:
+    """The file of this name in the cache, which `build` makes if it is missing or damaged."""
+    try:
+        return SectionFile(name)
+    except (FileNotFoundError, WaveformFileError):
+        with new_section_file(name) as writer:
+            build(writer)
+        remove_former(name)
+        return SectionFile(name)
+
+
+def _path_key(path: Path) -> str:
+    return hashlib.sha256(str(path.absolute()).encode()).hexdigest()[:16]

@@ -1,0 +1,156 @@
+"""Directory of the waveforms of a file: reads the shot of any waveform without what precedes it."""
+
+from __future__ import annotations
+
+from dataclasses import replace
+from pathlib import Path
+from threading import Lock
+from typing import Any
+
+import numpy as np
+
+from fullwaveform.analysis.waveform_selection import SelectedShot, Selector, find_shot
+from fullwaveform.data.arrays import FloatArray, IntArray
+from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.data.columns import take_rows
+from fullwaveform.io.base import WaveformReader
+from fullwaveform.view.cache import cached_name, cached_sections, identity
+from fullwaveform.view.sections import SectionFile, SectionWriter
+
+#: Waveforms per block of readers for which a directory is made: what a look at one of them reads.
+BLOCK = 500
+_NEIGHBOURS = 512  # waveforms to either side in which the others of a shot are searched
+
+
+class WaveformDirectory:
+    """Where the waveforms of a file are, by their numbers.
+
+    A block of waveforms lies in a run of points or pulses, of which the directory knows the ends;
+    in it the shot is found by its identifier.
+    """
+
+    def __init__(
+        self, reader: WaveformReader, sections: SectionFile, identified: dict[str, Any]
+    ) -> None:
+        self._reader, self._sections = reader, sections
+        self.identity = identified  # changes with the numbers of the waveforms
+        self._starts = sections.read("block_waveforms")
+        self._points = sections.read("block_points")  # visited when the block was complete
+        self._runs = np.unique(self._points)
+        self._state = _state_of(reader.path)
+        self._lock = Lock()  # readers serve one thread at a time
+
+    @classmethod
+    def of(cls, reader: WaveformReader, settings: dict[str, Any]) -> WaveformDirectory:
+        """The directory of the file of a reader with at most `BLOCK` waveforms per block.
+
+        It is made once, by a visit of all points; `settings` are those of the reader that decide
+        which waveforms it has.
+        """
+        identified = identity(reader.path, block=BLOCK, **settings)
+        name = cached_name("waveforms", reader.path, identified)
+        sections = cached_sections(name, lambda writer: _build(reader, writer))
+        return cls(reader, sections, identified)
+
+    def close(self) -> None:
+        """Close the directory, not the reader."""
+        self._sections.close()
+
+    def __len__(self) -> int:
+        """Number of waveforms."""
+        return self._sections.count("shots")
+
+    def shot(self, number: int) -> SelectedShot:
+        """All waveforms of the shot of a waveform.
+
+        Raises
+        ------
+        ValueError
+            There is no such waveform.
+        OSError
+            The file was removed or changed since it was opened.
+        WaveformFileError
+            The samples are unreadable.
+        """
+        if not 0 <= number < len(self):
+            known = f"waveforms are numbered 0 to {len(self) - 1}" if len(self) else "it has none"
+            raise ValueError(f"{self._reader.path}: no waveform {number}; {known}")
+        self._check_unchanged()
+        numbers, shot = self._shot_of(number)
+        with self._lock:
+            block = self._read(numbers, shot)
+            if block is not None:
+                return SelectedShot(block, np.arange(len(block)))
+            # Shots without times of their own, or points in another order than the file's.
+            found = find_shot(self._reader, Selector.WAVEFORM, number)
+        return SelectedShot(found.block, np.arange(len(found.block)))
+
+    def next_shot(self, number: int, step: int) -> int | None:
+        """First waveform of the following (`step` 1) or preceding (-1) shot; None at the end."""
+        numbers, _ = self._shot_of(number)
+        beyond = int(numbers[-1]) + 1 if step > 0 else int(numbers[0]) - 1
+        if not 0 <= beyond < len(self):
+            return None
+        return int(self._shot_of(beyond)[0][0])
+
+    def numbers_at(self, times: FloatArray) -> IntArray:
+        """First waveform (m,) of the shot with each GPS time (m,), s; -1 without one."""
+        known = self._sections.read("times")
+        order = np.argsort(known, kind="stable")
+        at = np.searchsorted(known, times, sorter=order)
+        numbers = order[np.minimum(at, len(order) - 1)] if len(order) else np.zeros(0, np.int64)
+        return np.where(known[numbers] == times, numbers, -1) if len(order) else at * 0 - 1
+
+    def _check_unchanged(self) -> None:
+        path = self._reader.path
+        if _state_of(path) != self._state:
+            raise OSError(f"{path} was changed since the viewer was started; start it again")
+
+    def _shot_of(self, number: int) -> tuple[IntArray, float]:
+        """Numbers of the waveforms of the shot, consecutive, and its identifier."""
+        first = max(number - _NEIGHBOURS, 0)
+        shots = self._sections.read("shots", first, number + _NEIGHBOURS)
+        shot = shots[number - first]
+        others = np.flatnonzero(shots != shot) + first
+        low = others[others < number].max(initial=first - 1) + 1
+        high = others[others > number].min(initial=first + len(shots))
+        return np.arange(low, high), float(shot)
+
+    def _read(self, numbers: IntArray, shot: float) -> WaveformBlock | None:
+        """The waveforms of a shot from its run of points; None if it cannot be identified there."""
+        at = int(np.searchsorted(self._starts, numbers[0], side="right")) - 1
+        # Its points were among the last that were visited, or left from those visited before.
+        last = int(np.searchsorted(self._runs, self._points[at + 1]))
+        first, stop = self._runs[max(last - 2, 0)], self._runs[last]
+        for block in self._reader.blocks_between(int(first), int(stop)):
+            rows = np.flatnonzero(block.shot_times == shot)
+            if len(rows) == len(numbers):
+                return replace(take_rows(block, rows), waveform_numbers=numbers)
+        return None
+
+
+def _state_of(path: Path) -> tuple[int, int]:
+    try:
+        state = path.stat()
+    except FileNotFoundError as error:
+        raise FileNotFoundError(
+            error.errno, "the file was removed or renamed since the viewer was started", str(path)
+        ) from error
+    return state.st_size, state.st_mtime_ns
+
+
+def _build(reader: WaveformReader, writer: SectionWriter) -> None:
+    """Write identifier and time of the shot of each waveform, and the ends of the blocks."""
+    shots, times, starts, points = [], [], [0], [0]
+    for numbers, block, visited in reader.visited_blocks():
+        of_block = block.shots()
+        shots.append(of_block[0])
+        times.append(of_block[1])
+        starts.append(int(numbers[0]) + len(numbers))
+        points.append(visited)
+    none = [np.empty(0)]
+    writer.add("shots", np.concatenate([*none, *shots]))
+    writer.add("times", np.concatenate([*none, *times]))
+    writer.add("block_waveforms", np.array(starts, np.int64))
+    writer.add("block_points", np.array(points, np.int64))
+    writer.finish({})

@@ -1,0 +1,264 @@
+"""Index of a file of echoes: its points by place in levels of detail, and by their waveforms."""
+
+from __future__ import annotations
+
+from collections.abc import Callable, Sequence
+from contextlib import ExitStack
+from dataclasses import dataclass
+from pathlib import Path
+from tempfile import TemporaryFile
+from typing import IO, Any
+
+import numpy as np
+
+from fullwaveform.data.arrays import AnyArray, BoolArray, FloatArray
+from fullwaveform.data.echo_records import EchoFile
+from fullwaveform.io.echo_readers.opening import open_echoes
+from fullwaveform.view.cache import cached_name, cached_sections, identity
+from fullwaveform.view.directory import WaveformDirectory
+from fullwaveform.view.echo_values import ECHO_VALUES, described_values, value_rows
+from fullwaveform.view.histograms import described_histogram
+from fullwaveform.view.quadtree import Quadtree, quadtree
+from fullwaveform.view.sections import SectionFile, SectionWriter
+
+#: Number of a waveform that is not known.
+UNKNOWN = 0xFFFFFFFF
+#: Points of a response, and so on the screen, at most.
+MAX_POINTS = 500_000
+_PLACES = ("x", "y", "z")
+_CHUNK = 1 << 18  # entries that a search reads at a time
+
+
+@dataclass(frozen=True, slots=True)
+class EchoPlace:
+    """An echo of the index."""
+
+    row: int  # number in its file
+    waveform: int | None
+    xyz: tuple[float, float, float]  # coordinate units
+
+
+class EchoIndex:
+    """The echoes of a file, open for reading; may be used by several threads at a time."""
+
+    def __init__(self, path: Path, sections: SectionFile) -> None:
+        self.path, self._sections = path, sections
+        self._stops = np.cumsum(sections.read("node_count").astype(np.int64))
+
+    @classmethod
+    def of(cls, path: Path, waveforms: WaveformDirectory) -> EchoIndex:
+        """The index of a file of echoes of the given waveforms; made once.
+
+        Raises as `open_echoes`, and OSError if the cache folder cannot be written.
+        """
+        name = cached_name("echoes", path, identity(path, waveforms=waveforms.identity))
+
+        def build(writer: SectionWriter) -> None:
+            _Builder(open_echoes(path), waveforms, name.parent).write(writer)
+
+        return cls(path, cached_sections(name, build))
+
+    def close(self) -> None:
+        """Close the index."""
+        self._sections.close()
+
+    def __len__(self) -> int:
+        """Number of echoes with a place."""
+        return self._sections.count("row")
+
+    @property
+    def described(self) -> dict[str, Any]:
+        """Origin, extent, values with their ranges and histograms, as JSON data."""
+        return self._sections.described
+
+    def nodes(self) -> dict[str, list[int]]:
+        """Level, column, row and count of points of each node."""
+        names = ("level", "column", "row", "count")
+        return {name: self._sections.read(f"node_{name}").tolist() for name in names}
+
+    def points(self, nodes: Sequence[int]) -> bytes:
+        """The points of the nodes: x, y, z, the values, row and waveform of all nodes each.
+
+        Raises ValueError for a number that is no node, and for more than `MAX_POINTS` points.
+        """
+        if any(not 0 <= node < len(self._stops) for node in nodes):
+            raise ValueError(f"invalid node; nodes are numbered 0 to {len(self._stops) - 1}")
+        stops = [int(self._stops[node]) for node in nodes]
+        starts = [int(self._stops[node - 1]) if node else 0 for node in nodes]
+        if (total := sum(stops) - sum(starts)) > MAX_POINTS:
+            raise ValueError(f"{total} points exceed the limit of {MAX_POINTS}")
+        ranges = list(zip(starts, stops, strict=True))
+        return b"".join(
+            self._sections.read(name, start, stop).tobytes()
+            for name in self.columns
+            for start, stop in ranges
+        )
+
+    @property
+    def columns(self) -> tuple[str, ...]:
+        """Names of the columns of `points`, in their order."""
+        values = tuple(value["name"] for value in self.described["values"])
+        return (*_PLACES, *values, "row", "waveform")
+
+    def place(self, index: int) -> EchoPlace:
+        """The echo with this number in the order of the index; ValueError if there is none."""
+        if not 0 <= index < len(self):
+            raise ValueError(f"no echo {index}; the index has {len(self)}")
+        row, waveform, *place = (
+            self._sections.read(name, index, index + 1)[0] for name in ("row", "waveform", *_PLACES)
+        )
+        x, y, z = (
+            float(value) + low for value, low in zip(place, self.described["origin"], strict=True)
+        )
+        return EchoPlace(int(row), None if waveform == UNKNOWN else int(waveform), (x, y, z))
+
+    def next_echo(self, index: int, step: int) -> int | None:
+        """The echo (in the order of the index) after (`step` 1) or before (-1) one in the file."""
+        (position,) = self._sections.read("position_of_index", index, index + 1).tolist()
+        position += step
+        if not 0 <= position < len(self):
+            return None
+        return int(self._sections.read("index_of_position", position, position + 1)[0])
+
+    def echo_of_waveform(self, waveform: int) -> int | None:
+        """The first echo (in the order of the index) of a waveform; None without one."""
+        found = self._sections.read("first_echo", waveform, waveform + 1)
+        return None if len(found) == 0 or found[0] == UNKNOWN else int(found[0])
+
+    def next_waveform(
+        self, waveform: int, step: int, quantity: str, wanted: Callable[[AnyArray], BoolArray]
+    ) -> int | None:
+        """The next waveform whose "echoes" or "chi_square" is wanted; None at the end."""
+        section, count = f"waveform_{quantity}", self._sections.count(f"waveform_{quantity}")
+        at = waveform + step
+        while 0 <= at < count:
+            low = at if step > 0 else max(at - _CHUNK + 1, 0)
+            high = min(at + _CHUNK, count) if step > 0 else at + 1
+            found = np.flatnonzero(wanted(self._sections.read(section, low, high)))
+            if len(found):
+                return low + int(found[0 if step > 0 else -1])
+            at = high if step > 0 else low - 1
+        return None
+
+
+class _Builder:
+    """Reads a file once, column by column into temporary files, and writes them in tree order."""
+
+    def __init__(self, file: EchoFile, waveforms: WaveformDirectory, folder: Path) -> None:
+        self._file, self._waveforms, self._folder = file, waveforms, folder
+        self._origin: FloatArray | None = None
+        self._streams: dict[str, IO[bytes]] = {}
+        self._without_place = 0
+
+    def write(self, writer: SectionWriter) -> None:
+        with ExitStack() as opened:
+            self._copy_columns(opened)
+            tree = quadtree(self._column("x", "<f4"), self._column("y", "<f4"))
+            for name in ("level", "column", "row", "count"):
+                writer.add(f"node_{name}", getattr(tree, name))
+            self._write_waveforms(writer, tree)
+            self._write_positions(writer, tree)
+            described = self._write_columns(writer, tree)
+        writer.finish(
+            {
+                "origin": [0.0] * 3 if self._origin is None else self._origin.tolist(),
+                "low": tree.low,
+                "size": tree.size,
+                "without_place": self._without_place,
+                **described,
+            }
+        )
+
+    def _copy_columns(self, opened: ExitStack) -> None:
+        for first, chosen, columns in value_rows(self._file):
+            rows = first + np.flatnonzero(chosen)
+            xyz = np.column_stack([columns[name] for name in _PLACES]).astype(np.float64)
+            known: BoolArray = np.asarray(np.isfinite(xyz).all(axis=1))
+            self._without_place += int(np.count_nonzero(~known))
+            if self._origin is None and known.any():
+                self._origin = np.floor(xyz[known][0])
+            if self._origin is None:
+                continue
+            relative = (xyz[known] - self._origin).astype("<f4")
+            parts: dict[str, AnyArray] = {
+                name: relative[:, axis] for axis, name in enumerate(_PLACES)
+            }
+            for value in ECHO_VALUES:
+                if value.name in columns:
+                    parts[value.name] = columns[value.name][known]
+            parts["row"] = rows[known].astype("<u4")
+            parts["waveform"] = self._numbers(columns, known)
+            for name, part in parts.items():
+                if name not in self._streams:
+                    stream = TemporaryFile(dir=self._folder)  # noqa: SIM115
+                    self._streams[name] = opened.enter_context(stream)
+                self._streams[name].write(np.ascontiguousarray(part).data)
+
+    def _numbers(self, columns: dict[str, AnyArray], known: BoolArray) -> AnyArray:
+        """Numbers of the waveforms of echoes, as stored or by the time of the shot."""
+        count = len(self._waveforms)
+        if "waveform_number" in columns:
+            numbers = columns["waveform_number"][known].astype(np.int64)
+        elif "gps_time" in columns:
+            numbers = self._waveforms.numbers_at(columns["gps_time"][known].astype(np.float64))
+        else:
+            numbers = np.full(int(np.count_nonzero(known)), -1)
+        return np.where((numbers >= 0) & (numbers < count), numbers, UNKNOWN).astype("<u4")
+
+    def _column(self, name: str, dtype: str) -> AnyArray:
+        if name not in self._streams:
+            return np.zeros(0, dtype)
+        stream = self._streams[name]
+        stream.seek(0)
+        return np.fromfile(stream, dtype)
+
+    def _write_columns(self, writer: SectionWriter, tree: Quadtree) -> dict[str, Any]:
+        """Write the columns in the order of the tree; what is known of them."""
+        present = {value.name: value for value in ECHO_VALUES if value.name in self._streams}
+        described = described_values(present)
+        ranges: dict[str, Any] = {}
+        for name in _PLACES:
+            column = self._column(name, "<f4")
+            ranges[name] = _range_of(column)
+            writer.add(name, column[tree.order])
+        for entry in described:
+            column = self._column(str(entry["name"]), str(entry["type"]))
+            entry["range"] = _range_of(column)
+            entry["histogram"] = described_histogram(column, is_category=bool(entry["category"]))
+            writer.add(str(entry["name"]), column[tree.order])
+        for name in ("row", "waveform"):
+            writer.add(name, self._column(name, "<u4")[tree.order])
+        return {"values": described, "ranges": ranges}
+
+    def _write_positions(self, writer: SectionWriter, tree: Quadtree) -> None:
+        """The order of the file in that of the tree, and the reverse."""
+        index = np.empty(len(tree.order), "<u4")
+        index[tree.order] = np.arange(len(tree.order), dtype="<u4")
+        writer.add("index_of_position", index)
+        writer.add("position_of_index", tree.order.astype("<u4"))
+
+    def _write_waveforms(self, writer: SectionWriter, tree: Quadtree) -> None:
+        """Echoes, chi square and first echo of each waveform."""
+        total = len(self._waveforms)
+        numbers = self._column("waveform", "<u4")
+        known = numbers != UNKNOWN
+        counts = np.bincount(numbers[known], minlength=total)
+        writer.add("waveform_echoes", np.minimum(counts, 65535).astype("<u2"))
+        chi = np.full(total, np.nan, "<f4")
+        if "chi_square" in self._streams:
+            chi[numbers[known]] = self._column("chi_square", "<f4")[known]
+        writer.add("waveform_chi_square", chi)
+        index = np.empty(len(tree.order), "<u4")
+        index[tree.order] = np.arange(len(tree.order), dtype="<u4")
+        first = np.full(total, UNKNOWN, "<u4")
+        # Assigned from the last echo to the first, so that the first one remains.
+        first[numbers[known][::-1]] = index[known][::-1]
+        writer.add("first_echo", first)
+
+
+def _range_of(column: AnyArray) -> list[float] | None:
+    """The 1st and 99th percentile of a column; None if all values are unknown."""
+    finite = column[np.isfinite(column)]
+    if len(finite) == 0:
+        return None
+    return [float(value) for value in np.percentile(finite, (1.0, 99.0))]

@@ -1,0 +1,13 @@
+// What the page uses of its libraries; bundle.sh makes libraries.min.js of it.
+export { axisBottom, axisLeft } from "d3-axis";
+export { scaleLinear } from "d3-scale";
+export { select } from "d3-selection";
+export { line } from "d3-shape";
+export {
+  createBufferInfoFromArrays,
+  createProgramInfo,
+  createTexture,
+  drawBufferInfo,
+  setBuffersAndAttributes,
+  setUniforms,
+} from "twgl.js";
