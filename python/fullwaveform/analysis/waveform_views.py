@@ -15,14 +15,15 @@ from fullwaveform.core.driver import MODE_NAMES, Driver, Mode, Threshold, check_
 from fullwaveform.core.pulse_fit import PulseFit
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.core.signal import deconvolved_signal, estimated_threshold
-from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
-from fullwaveform.data.echo_columns import FWHM_PER_SIGMA
+from fullwaveform.data.echo_columns import FWHM_PER_SIGMA, EchoTable
 from fullwaveform.extraction.extractor import ExtractedBlock, ExtractionSettings, Extractor
 from fullwaveform.extraction.prepare import prepare
 from fullwaveform.extraction.waveform_table import WaveformState
 
 _PICOSECONDS = 1e12
+_NANOSECONDS = 1e9
 _CURVE_STEP = 0.05  # samples
 _MAX_CURVE_POINTS = 40_000  # of long waveforms; their steps are wider
 GAUSSIAN_REACH = 4.0  # standard deviations from an echo to which its curve is drawn
@@ -45,6 +46,9 @@ class MethodView:
     # (n, 2), position of each sample and its height above the sum, NaN where no echo is near;
     # (0, 2) without a sum
     residuals: FloatArray
+    # (m, 3), standard deviations by the noise of position (samples), amplitude (counts) and width
+    # (samples); NaN where unknown
+    uncertainties: FloatArray
 
     @property
     def name(self) -> str:
@@ -180,6 +184,7 @@ def _method_view(
     types = echoes.echo_type[chosen]
     positions, widths = echoes.position[chosen], echoes.sigma_samples[chosen]
     amplitudes = echoes.amplitude[chosen].astype(np.float64)
+    uncertainties = _uncertainties(echoes, chosen, float(block.sampling_intervals[row]))
     state = WaveformState(int(extracted.waveforms.state[row]))
     count = int(block.counts[row])
     nothing = np.empty((0, 2))
@@ -189,7 +194,16 @@ def _method_view(
             extractor.settings, block, row, (positions, amplitudes, FWHM_PER_SIGMA * widths), foot
         )
         return MethodView(
-            mode, state, positions, amplitudes, widths, foot, fitted, nothing, residuals
+            mode,
+            state,
+            positions,
+            amplitudes,
+            widths,
+            foot,
+            fitted,
+            nothing,
+            residuals,
+            uncertainties,
         )
     foot = extractor.baseline(block, row)
     fits = types != EchoType.RICHARDSON_LUCY
@@ -206,7 +220,29 @@ def _method_view(
             positions, amplitudes, widths, foot, at
         )
         residuals = np.column_stack([at, np.where(_near(positions, widths, at), rest, np.nan)])
-    return MethodView(mode, state, positions, amplitudes, widths, foot, fitted, signal, residuals)
+    return MethodView(
+        mode,
+        state,
+        positions,
+        amplitudes,
+        widths,
+        foot,
+        fitted,
+        signal,
+        residuals,
+        uncertainties,
+    )
+
+
+def _uncertainties(echoes: EchoTable, chosen: IntArray, interval: float) -> FloatArray:
+    per_sample = interval * _NANOSECONDS
+    return np.column_stack(
+        [
+            echoes.sigma_position_ns[chosen] / per_sample,
+            echoes.sigma_amplitude[chosen],
+            echoes.sigma_width_ns[chosen] / per_sample / FWHM_PER_SIGMA,
+        ]
+    ).astype(np.float64)
 
 
 def _fitted_pulses(

@@ -69,6 +69,9 @@ COMMANDS = {
         "voxels",
         "Write sum, mean and maximum of the samples above the baseline, and pulses, per voxel",
     ),
+    "view": Command(
+        "view", "view", "Show the echoes on a map in the browser, and the waveform of each"
+    ),
     "convert": Command(
         "convert", "convert", "Convert waveforms to a scan container (lossless for extraction)"
     ),

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from dataclasses import replace
 from pathlib import Path
-from threading import Lock
+from threading import RLock
 from typing import Any
 
 import numpy as np
@@ -38,7 +38,7 @@ class WaveformDirectory:
         self._points = sections.read("block_points")  # visited when the block was complete
         self._runs = np.unique(self._points)
         self._state = _state_of(reader.path)
-        self._lock = Lock()  # readers serve one thread at a time
+        self.lock = RLock()  # the reader serves one thread at a time
 
     @classmethod
     def of(cls, reader: WaveformReader, settings: dict[str, Any]) -> WaveformDirectory:
@@ -76,22 +76,26 @@ class WaveformDirectory:
             known = f"waveforms are numbered 0 to {len(self) - 1}" if len(self) else "it has none"
             raise ValueError(f"{self._reader.path}: no waveform {number}; {known}")
         self._check_unchanged()
-        numbers, shot = self._shot_of(number)
-        with self._lock:
-            block = self._read(numbers, shot)
+        numbers = self._waveforms_of_shot(number)
+        with self.lock:
+            block = self._read(numbers)
             if block is not None:
                 return SelectedShot(block, np.arange(len(block)))
             # Shots without times of their own, or points in another order than the file's.
             found = find_shot(self._reader, Selector.WAVEFORM, number)
         return SelectedShot(found.block, np.arange(len(found.block)))
 
+    def shot_number(self, number: int) -> int:
+        """Number of the shot of a waveform in the file, as for `find_shot`."""
+        return int(self._sections.read("shot_numbers", number, number + 1)[0])
+
     def next_shot(self, number: int, step: int) -> int | None:
         """First waveform of the following (`step` 1) or preceding (-1) shot; None at the end."""
-        numbers, _ = self._shot_of(number)
+        numbers = self._waveforms_of_shot(number)
         beyond = int(numbers[-1]) + 1 if step > 0 else int(numbers[0]) - 1
         if not 0 <= beyond < len(self):
             return None
-        return int(self._shot_of(beyond)[0][0])
+        return int(self._waveforms_of_shot(beyond)[0])
 
     def numbers_at(self, times: FloatArray) -> IntArray:
         """First waveform (m,) of the shot with each GPS time (m,), s; -1 without one."""
@@ -106,18 +110,15 @@ class WaveformDirectory:
         if _state_of(path) != self._state:
             raise OSError(f"{path} was changed since the viewer was started; start it again")
 
-    def _shot_of(self, number: int) -> tuple[IntArray, float]:
-        """Numbers of the waveforms of the shot, consecutive, and its identifier."""
+    def _waveforms_of_shot(self, number: int) -> IntArray:
+        """Numbers of the waveforms of the shot of a waveform, consecutive."""
         first = max(number - _NEIGHBOURS, 0)
-        shots = self._sections.read("shots", first, number + _NEIGHBOURS)
-        shot = shots[number - first]
-        others = np.flatnonzero(shots != shot) + first
-        low = others[others < number].max(initial=first - 1) + 1
-        high = others[others > number].min(initial=first + len(shots))
-        return np.arange(low, high), float(shot)
+        shots = self._sections.read("shot_numbers", first, number + _NEIGHBOURS)
+        return first + np.flatnonzero(shots == shots[number - first])
 
-    def _read(self, numbers: IntArray, shot: float) -> WaveformBlock | None:
+    def _read(self, numbers: IntArray) -> WaveformBlock | None:
         """The waveforms of a shot from its run of points; None if it cannot be identified there."""
+        shot = float(self._sections.read("shots", int(numbers[0]), int(numbers[0]) + 1)[0])
         at = int(np.searchsorted(self._starts, numbers[0], side="right")) - 1
         # Its points were among the last that were visited, or left from those visited before.
         last = int(np.searchsorted(self._runs, self._points[at + 1]))
@@ -140,16 +141,23 @@ def _state_of(path: Path) -> tuple[int, int]:
 
 
 def _build(reader: WaveformReader, writer: SectionWriter) -> None:
-    """Write identifier and time of the shot of each waveform, and the ends of the blocks."""
+    """Write number, identifier and time of the shot of each waveform, and the ends of the blocks.
+
+    The waveforms of a shot are consecutive and in one block.
+    """
     shots, times, starts, points = [], [], [0], [0]
+    firsts = []
     for numbers, block, visited in reader.visited_blocks():
         of_block = block.shots()
         shots.append(of_block[0])
         times.append(of_block[1])
+        firsts.append(np.concatenate([[True], of_block[0][1:] != of_block[0][:-1]]))
         starts.append(int(numbers[0]) + len(numbers))
         points.append(visited)
     none = [np.empty(0)]
     writer.add("shots", np.concatenate([*none, *shots]))
+    is_first = np.concatenate([np.empty(0, np.bool_), *firsts])
+    writer.add("shot_numbers", (np.cumsum(is_first) - 1).astype(np.uint32))
     writer.add("times", np.concatenate([*none, *times]))
     writer.add("block_waveforms", np.array(starts, np.int64))
     writer.add("block_points", np.array(points, np.int64))

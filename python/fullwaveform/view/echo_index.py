@@ -17,7 +17,7 @@ from fullwaveform.io.echo_readers.opening import open_echoes
 from fullwaveform.view.cache import cached_name, cached_sections, identity
 from fullwaveform.view.directory import WaveformDirectory
 from fullwaveform.view.echo_values import ECHO_VALUES, described_values, value_rows
-from fullwaveform.view.histograms import described_histogram
+from fullwaveform.view.histograms import described_histogram, percentiles
 from fullwaveform.view.quadtree import Quadtree, quadtree
 from fullwaveform.view.sections import SectionFile, SectionWriter
 
@@ -261,4 +261,4 @@ def _range_of(column: AnyArray) -> list[float] | None:
     finite = column[np.isfinite(column)]
     if len(finite) == 0:
         return None
-    return [float(value) for value in np.percentile(finite, (1.0, 99.0))]
+    return percentiles(finite, (1.0, 99.0))

@@ -54,7 +54,10 @@ def test_help_shows_the_examples(command: str) -> None:
         assert example in text
 
 
-@pytest.mark.parametrize("example", [line for command in COMMANDS for line in examples(command)])
+# The examples of view answer requests until they are stopped; the tests of the viewer run them.
+@pytest.mark.parametrize(
+    "example", [line for command in COMMANDS if command != "view" for line in examples(command)]
+)
 def test_example(example: str, files: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.chdir(files)
     before = {path: path.stat().st_mtime_ns for path in files.iterdir()}

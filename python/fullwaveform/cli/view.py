@@ -1,0 +1,174 @@
+"""``fullwaveform view``: echoes and waveforms in the browser."""
+
+from __future__ import annotations
+
+import hashlib
+import webbrowser
+from dataclasses import replace
+from importlib import import_module
+from pathlib import Path
+from typing import TYPE_CHECKING, Annotated, Any
+
+import typer
+from rich.console import Console
+
+from fullwaveform.cli.errors import report_errors
+from fullwaveform.cli.extract_file import FileRun
+from fullwaveform.cli.extract_options import ExtractOptions
+from fullwaveform.cli.options import (
+    ChannelOption,
+    CrsOption,
+    IntervalOption,
+    KeepDegraded,
+    MaxSamples,
+    ScannerFile,
+    SourceFile,
+)
+from fullwaveform.cli.progress import print_line, progress_bar
+from fullwaveform.extraction.pipeline import available_workers
+from fullwaveform.io.atomic import protected_inputs
+from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
+from fullwaveform.io.remote import is_remote
+
+if TYPE_CHECKING:
+    from fullwaveform.view.session import ViewSession
+
+_MISSING = (
+    "fullwaveform view needs the package {}; install the extra: pip install 'fullwaveform[view]'"
+)
+
+
+def view(
+    source: SourceFile,
+    echoes: Annotated[
+        list[Path] | None,
+        typer.Option(
+            metavar="FILE",
+            help="Echoes of IN for the map, as extract writes them; repeat for several. Default: "
+            "extracted with mode three-point, once",
+        ),
+    ] = None,
+    scanner: ScannerFile = None,
+    channel: ChannelOption = None,
+    interval: IntervalOption = None,
+    max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
+    keep_degraded: KeepDegraded = False,
+    crs: CrsOption = None,
+    browser: Annotated[
+        bool,
+        typer.Option(
+            "--browser/--no-browser",
+            show_default=False,
+            help="Open the page in the browser. Default: browser",
+        ),
+    ] = True,
+) -> None:
+    """Show the echoes on a map in the browser, and the waveform of each.
+
+    The page is served to this machine only, until Ctrl-C. Needs the packages of the extra view.
+
+    Examples:
+
+        fullwaveform view scan.las
+
+        fullwaveform view scan.las --echoes echoes.las --no-browser
+    """
+    options = ExtractOptions(
+        scanner=scanner,
+        channel=channel,
+        interval=interval,
+        max_samples=max_samples,
+        keep_degraded=keep_degraded,
+        crs=crs,
+        skip_unreadable=True,
+        allow_empty=True,
+    )
+    for path in (source, *(echoes or ())):
+        if is_remote(path):
+            raise typer.BadParameter(
+                f"{path} is not a file of this machine; copy it first", param_hint="view"
+            )
+    with (
+        report_errors(lambda: "the viewer has ended"),
+        protected_inputs(source, *(echoes or ())),
+        _session(source, echoes, options) as session,
+    ):
+        _serve(session, browser=browser)
+
+
+def _serve(session: ViewSession, *, browser: bool) -> None:
+    server = import_module("fullwaveform.view.server").ViewServer(session)
+
+    def announce(address: str) -> None:
+        typer.echo(f"{address}\nPress Ctrl-C to stop.")
+        if browser and not webbrowser.open(address):
+            print_line("no browser was found; open the address above")
+
+    server.run(announce)
+
+
+def _session(source: Path, echoes: list[Path] | None, options: ExtractOptions) -> ViewSession:
+    """The opened and indexed files."""
+    module = _imported("fullwaveform.view.session")
+    files = [(path.name, path) for path in echoes or ()]
+    if not files:
+        files = [("three-point", _extracted(source, options))]
+    directory = import_module("fullwaveform.view.directory")
+    reader = replace(options, block=directory.BLOCK).open([source])
+    session: ViewSession = module.ViewSession(
+        reader,
+        _identified(options),
+        files,
+        [] if options.scanner is None else [options.scanner],
+        _plot_options(options),
+        print_line,
+    )
+    return session
+
+
+def _extracted(source: Path, options: ExtractOptions) -> Path:
+    """The echoes of the file in the cache folder, extracted unless they are there."""
+    cache = import_module("fullwaveform.view.cache")
+    content = b"" if options.scanner is None else options.scanner.read_bytes()
+    described = hashlib.sha256(content).hexdigest()
+    identified = cache.identity(source, scanner=described, **_identified(options))
+    name = cache.cached_name("extracted", source, identified)
+    path: Path = name.with_name(f"{name.name}.parquet")
+    if path.is_file():
+        return path
+    with progress_bar(Console(stderr=True), False) as progress:
+        run = FileRun(options, available_workers(), True, progress, False, None)
+        summary = run.extract([source], path)
+    cache.remove_former(path)
+    print_line(f"{source.name}: {summary.written:,} echoes extracted in {summary.seconds:.1f} s")
+    return path
+
+
+def _identified(options: ExtractOptions) -> dict[str, Any]:
+    """Options of the reader, as JSON data."""
+    return {
+        "channel": options.channel or [],
+        "interval": options.interval,
+        "max_samples": options.max_samples,
+        "keep_degraded": options.keep_degraded,
+        "crs": options.crs,
+    }
+
+
+def _plot_options(options: ExtractOptions) -> list[str]:
+    """The options of the reader for the command plot."""
+    words = [word for channel in options.channel or () for word in ("--channel", channel)]
+    if options.interval is not None:
+        words += ["--interval", repr(options.interval * 1e9)]
+    if options.max_samples != DEFAULT_MAX_SAMPLES:
+        words += ["--max-samples", str(options.max_samples)]
+    return words
+
+
+def _imported(name: str) -> Any:
+    try:
+        return import_module(name)
+    except ModuleNotFoundError as error:
+        if str(error.name).startswith("fullwaveform"):
+            raise
+        raise ValueError(_MISSING.format(error.name)) from error

@@ -1,0 +1,54 @@
+"""A server of the scene, in a thread of the test."""
+
+from __future__ import annotations
+
+import threading
+from collections.abc import Iterator
+from contextlib import contextmanager
+from dataclasses import dataclass
+from pathlib import Path
+
+from fullwaveform.io.opening import open_waveforms
+from fullwaveform.view.directory import BLOCK
+from fullwaveform.view.server import ViewServer
+from fullwaveform.view.session import ViewSession
+
+from ..support.child_processes import TIMEOUT_S
+from . import scenes
+
+
+@dataclass
+class Served:
+    """A running server, and the files of the scene that it shows."""
+
+    scan: Path
+    server: ViewServer
+    thread: threading.Thread
+
+    @property
+    def address(self) -> str:
+        return self.server.address
+
+    def stop(self) -> None:
+        self.server.stop()
+        self.thread.join(TIMEOUT_S)
+        assert not self.thread.is_alive()
+
+
+@contextmanager
+def served_scene(folder: Path, name: str = "scan.las") -> Iterator[Served]:
+    """The scene under the given name, served until the end of the block."""
+    scan = scenes.write_scan(folder / name)
+    echoes = scenes.write_echoes(folder / "echoes.csv")
+    reader = open_waveforms(scan, waveforms_per_block=BLOCK)
+    with ViewSession(reader, {}, [("echoes.csv", echoes)]) as session:
+        server = ViewServer(session)
+        started = threading.Event()
+        thread = threading.Thread(target=server.run, args=(lambda address: started.set(),))
+        thread.start()
+        served = Served(scan, server, thread)
+        try:
+            assert started.wait(TIMEOUT_S)
+            yield served
+        finally:
+            served.stop()
