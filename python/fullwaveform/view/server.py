@@ -11,6 +11,7 @@ from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from dataclasses import replace
 from importlib.resources import files
+from types import FrameType
 from typing import Any
 
 import numpy as np
@@ -65,7 +66,7 @@ class ViewServer:
         """Answer requests until the end; calls `on_start` with the address before the first."""
         self._socket.listen()
         try:
-            with _ended_by_interrupt(self._server):
+            with _ended_by_signals(self._server):
                 on_start(self.address)
                 asyncio.run(self._server.serve(sockets=[self._socket]))
         finally:
@@ -77,7 +78,7 @@ class ViewServer:
 
 
 class _Server(uvicorn.Server):
-    """A server that leaves signals to `_ended_by_interrupt`."""
+    """A server that leaves signals to `_ended_by_signals`."""
 
     @contextmanager
     def capture_signals(self) -> Iterator[None]:
@@ -86,19 +87,33 @@ class _Server(uvicorn.Server):
 
 
 @contextmanager
-def _ended_by_interrupt(server: uvicorn.Server) -> Iterator[None]:
-    """End the server with Ctrl-C, as intended; other signals have the effect they had before.
+def _ended_by_signals(server: uvicorn.Server) -> Iterator[None]:
+    """End the server with a signal, between two requests.
 
-    Nothing outside the main thread, which signals do not reach.
+    Ctrl-C is the intended end; other signals are raised again when the server has ended. Nothing
+    outside the main thread, which signals do not reach.
     """
     if threading.current_thread() is not threading.main_thread():
         yield
         return
-    former = signal.signal(signal.SIGINT, server.handle_exit)
+    received: list[int] = []
+
+    def end(number: int, frame: FrameType | None) -> None:
+        received.append(number)
+        server.should_exit = True
+
+    handled = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+    former = {number: signal.getsignal(number) for number in handled}
+    for number, handler in former.items():
+        if handler is not signal.SIG_IGN:
+            signal.signal(number, end)
     try:
         yield
     finally:
-        signal.signal(signal.SIGINT, former)
+        for number, handler in former.items():
+            signal.signal(number, handler)
+    if received and received[0] != signal.SIGINT:
+        signal.raise_signal(signal.Signals(received[0]))
 
 
 def application(session: ViewSession) -> Starlette:
