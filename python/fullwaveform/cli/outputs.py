@@ -11,6 +11,7 @@ from typing import Annotated
 import typer
 
 from fullwaveform.io.atomic import FileKind, check_output, protected_inputs
+from fullwaveform.io.atomic_folder import check_folder
 
 OverwriteOption = Annotated[
     bool, typer.Option("--overwrite", help="Replace existing outputs, each by its own kind only")
@@ -19,7 +20,7 @@ OverwriteOption = Annotated[
 
 @dataclass(frozen=True)
 class Output:
-    """A file that a command is asked to write."""
+    """A file or folder that a command is asked to write."""
 
     path: Path
     kind: FileKind
@@ -37,8 +38,9 @@ def checked_outputs(
     """
     with protected_inputs(*(path for path in inputs if path is not None)):
         for output in outputs:
+            check = check_folder if output.kind.is_folder else check_output
             try:
-                check_output(output.path, output.kind, overwrite)
+                check(output.path, output.kind, overwrite)
             except FileExistsError as error:
                 raise typer.BadParameter(str(error.strerror), param_hint=output.option) from error
             except IsADirectoryError:  # reported where it is opened

@@ -39,6 +39,7 @@ class FileKind:
 
     name: str
     matches: Callable[[Path], bool]
+    is_folder: bool = False
 
 
 #: For files whose names belong to a run, whatever they contain.

@@ -13,7 +13,6 @@ from pathlib import Path
 from fullwaveform.io.atomic import (
     FileKind,
     OutputError,
-    check_output,
     collected_if_renamed,
     protecting_input,
 )
@@ -27,13 +26,13 @@ def check_folder(path: Path, kind: FileKind, overwrite: bool) -> None:
 
     Raises FileExistsError if not; the message says why.
     """
-    if not path.is_dir():
-        check_output(path, None, overwrite)
+    if not os.path.lexists(path):
         return
-    if not _is_of_kind(path, kind):
+    if not path.is_dir() or not _is_of_kind(path, kind):
+        found = "folder" if path.is_dir() else "file"
         raise FileExistsError(
             errno.EEXIST,
-            f"{path} exists and is not {kind.name}; choose another name, or remove the folder",
+            f"{path} exists and is not {kind.name}; choose another name, or remove the {found}",
         )
     if not overwrite:
         raise FileExistsError(

@@ -93,7 +93,7 @@ class ZarrVolume(VolumeFile):
     def __init__(self, path: Path) -> None:
         super().__init__(path)
         self._zarr = _library("zarr")
-        self.kind = FileKind("a Zarr volume", self._is_volume)
+        self.kind = FileKind("a Zarr volume", self._is_volume, is_folder=True)
 
     def _is_volume(self, path: Path) -> bool:
         known = {*QUANTITIES, *_AXES, _REFERENCE, "zarr.json"}

@@ -71,6 +71,17 @@ def test_existing_files_of_other_kinds_stay(scan: Path, tmp_path: Path) -> None:
     assert path.read_bytes() == b"something else"
 
 
+def test_existing_folder_is_refused_before_anything_is_read(scan: Path, tmp_path: Path) -> None:
+    volume = tmp_path / "a.zarr"
+    call = ("voxels", scan, "-o", volume, "--size", "2")
+    assert run(*call).exit_code == 0
+    assert_usage(run(*call), "already exists; use --overwrite")
+    assert run(*call, "--overwrite").exit_code == 0
+    (volume / "notes.txt").write_text("mine", encoding="ascii")
+    assert_usage(run(*call, "--overwrite"), "exists and is not a Zarr volume")
+    assert (volume / "notes.txt").read_text(encoding="ascii") == "mine"
+
+
 def test_degrees_need_a_projected_system(tmp_path: Path) -> None:
     scene: GediScene = two_beams()
     source = scene.write(tmp_path / "a.h5")

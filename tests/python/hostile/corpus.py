@@ -9,7 +9,16 @@ from __future__ import annotations
 from collections.abc import Callable, Iterator
 from pathlib import Path
 
-from . import arrays, calls, compressed_pulsewaves, las, pulsewaves, scanners, shot_tables
+from . import (
+    arrays,
+    calls,
+    compressed_pulsewaves,
+    las,
+    pulsewaves,
+    scanners,
+    shot_tables,
+    tables,
+)
 
 Case = Callable[[Path], list[str]]
 
@@ -17,7 +26,8 @@ Case = Callable[[Path], list[str]]
 def cases() -> dict[str, Case]:
     """All cases by name, in the order of the list of messages."""
     found: dict[str, Case] = {}
-    for part in (las, pulsewaves, compressed_pulsewaves, arrays, shot_tables, scanners, calls):
+    formats = (las, pulsewaves, compressed_pulsewaves, arrays, shot_tables)
+    for part in (*formats, scanners, calls, tables):
         for name, case in part.cases():
             full = f"{part.__name__.rpartition('.')[2]}: {name}"
             assert full not in found, full

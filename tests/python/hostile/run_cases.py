@@ -61,6 +61,9 @@ def load_everything(folder: Path) -> None:
     for words in (
         ["extract", str(scan), "-o", str(folder / "out.csv"), "--allow-empty"],
         ["convert", str(scan), str(folder / "out.h5")],
+        ["metrics", str(scan), "-o", str(folder / "metrics.csv")],
+        ["voxels", str(scan), "-o", str(folder / "out.zarr"), "--size", "1"],
+        ["voxels", str(scan), "-o", str(folder / "out.tif"), "--size", "1"],
     ):
         result = CliRunner().invoke(app, words)
         assert result.exit_code == 0, result.output

@@ -37,6 +37,7 @@ class Scan:
     found: list[WaveformBlock]
     header: laspy.LasHeader | None = None
     path: Path = Path("scan.las")
+    paths: tuple[Path, ...] = (path,)
     is_geographic: bool = False
     on_unreadable: None = None
     passes: list[int] = field(default_factory=list)

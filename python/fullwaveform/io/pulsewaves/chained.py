@@ -7,6 +7,7 @@ not grow with the number of files.
 from __future__ import annotations
 
 from collections.abc import Sequence, Set
+from itertools import pairwise
 
 import numpy as np
 
@@ -59,9 +60,9 @@ class ChainedPulses(PulseSource):
             damaged[rows] = self._sources[file].damaged(within)
         return damaged
 
-    def ends_file(self, numbers: IntArray) -> BoolArray:
+    def files(self) -> list[tuple[int, int]]:
         """See `PulseSource`."""
-        return np.isin(numbers, self._first_pulses[1:] - 1)
+        return list(pairwise(self._first_pulses.tolist()))
 
     def gaps(self) -> list[tuple[int, int]]:
         """See `PulseSource`."""

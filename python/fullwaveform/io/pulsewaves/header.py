@@ -33,6 +33,7 @@ _RECORD = struct.Struct("<16sIIq64s")
 _END_OF_APPENDED = 0xFFFFFFFF  # record id; the first in the file, the last when read backwards
 _SECONDS_OF_WEEK = 604_800
 _ADJUSTMENT = 1e9  # s, from standard to adjusted standard GPS time of LAS
+_LATEST_TIME = 2e9  # s of standard GPS time: in May 2043
 
 Triple = tuple[float, float, float]
 
@@ -66,6 +67,16 @@ class PulseWavesHeader:
     def seconds(self) -> list[float]:
         """First and last time of the file, s."""
         return [count * self.time_scale + self.time_offset for count in self.time_range]
+
+    @property
+    def has_wrong_time_offset(self) -> bool:
+        """Whether the times are standard GPS times already before the offset is added.
+
+        Some writers state an offset for times that contain it.
+        """
+        stored = [count * self.time_scale for count in self.time_range]
+        is_standard = self.time_offset > 0 and min(stored) >= _ADJUSTMENT
+        return is_standard and min(self.seconds) >= _LATEST_TIME
 
     @property
     def time_adjustment(self) -> float:

@@ -5,6 +5,7 @@ from __future__ import annotations
 from abc import ABC, abstractmethod
 from collections.abc import Iterator
 from dataclasses import dataclass, replace
+from functools import cached_property
 from pathlib import Path
 
 import numpy as np
@@ -57,10 +58,9 @@ class PulseSource(ABC):
         """Which of the pulses (n,) cannot be read; their records are zero."""
         return np.zeros(len(numbers), dtype=bool)
 
-    def ends_file(self, numbers: IntArray) -> BoolArray:
-        """Which of the pulses (n,) are the last of a file of samples."""
-        ends: BoolArray = numbers == self.count - 1
-        return ends
+    def files(self) -> list[tuple[int, int]]:
+        """First pulse of each file and that after its last one."""
+        return [(0, self.count)]
 
     def gaps(self) -> list[tuple[int, int]]:
         """Number from which on pulses are missing, and how many, for each truncated file."""
@@ -119,6 +119,13 @@ class PulseData:
         if len(self) > 0 and not any(header.time_range):  # not set
             ends = self.take(np.array([0, len(self) - 1]))["time"]
             self.header = replace(header, time_range=(int(ends.min()), int(ends.max())))
+        if self.header.has_wrong_time_offset:
+            source.notes = (
+                *source.notes,
+                f"The stored times are standard GPS times; the offset {header.time_offset:g} s of "
+                "the header was not added.",
+            )
+            self.header = replace(self.header, time_offset=0.0)
 
     def close(self) -> None:
         """Close the file; may be called twice."""
@@ -146,14 +153,51 @@ class PulseData:
         following[:-1] = rows["offset"][1:]
         elsewhere = np.flatnonzero(np.append(np.diff(numbers) != 1, numbers[-1:] < last))
         following[elsewhere] = self.take(np.minimum(numbers[elsewhere] + 1, last))["offset"]
-        following[self.source.ends_file(numbers)] = _UNKNOWN_END
+        last_of_files = [stop - 1 for _, stop in self.source.files()]
+        following[np.isin(numbers, last_of_files)] = _UNKNOWN_END
         ends: IntArray = np.where(following > rows["offset"], following, _UNKNOWN_END)
         return ends
 
-    def chunks(self, size: int) -> Iterator[Pulses]:
-        """Yield all readable pulses in the order of the file, from `size` at a time."""
-        for start in range(0, len(self), size):
-            numbers = np.arange(start, min(start + size, len(self)))
+    def next_larger_offsets(self, numbers: IntArray, rows: Pulses) -> IntArray:
+        """The smallest offset beyond that of each of the pulses `rows` with these numbers (n,).
+
+        The largest integer where no pulse of the same file has one. Takes eight bytes per pulse of
+        a file whose offsets do not increase.
+        """
+        ends = self.next_offsets(numbers, rows)
+        for (first, stop), offsets in zip(
+            self.source.files(), self._unordered_offsets, strict=True
+        ):
+            if offsets is not None:
+                inside = np.flatnonzero((numbers >= first) & (numbers < stop))
+                places = np.searchsorted(offsets, rows["offset"][inside], side="right")
+                ends[inside] = offsets[places]
+        return ends
+
+    @cached_property
+    def _unordered_offsets(self) -> list[IntArray | None]:
+        """Offsets of each file in ascending order, `_UNKNOWN_END` last; None if they increase."""
+        found: list[IntArray | None] = []
+        for first, stop in self.source.files():
+            rising, last = True, np.iinfo(np.int64).min
+            for chunk in self.chunks(SURVEY_CHUNK, first, stop):
+                offsets = np.append(last, chunk["offset"])
+                rising = rising and bool((offsets[1:] > offsets[:-1]).all())
+                last = offsets[-1]
+            found.append(None if rising else self._sorted_offsets(first, stop))
+        return found
+
+    def _sorted_offsets(self, first: int, stop: int) -> IntArray:
+        chunks = [chunk["offset"] for chunk in self.chunks(SURVEY_CHUNK, first, stop)]
+        offsets = np.concatenate([*chunks, [_UNKNOWN_END]])
+        offsets.sort()
+        return offsets
+
+    def chunks(self, size: int, first: int = 0, stop: int | None = None) -> Iterator[Pulses]:
+        """Yield the readable pulses `first` to `stop` in their order, `size` at a time."""
+        end = len(self) if stop is None else stop
+        for start in range(first, end, size):
+            numbers = np.arange(start, min(start + size, end))
             pulses = self.take(numbers)
             damaged = self.source.damaged(numbers)
             yield pulses[~damaged] if damaged.any() else pulses

@@ -86,7 +86,10 @@ class WaveSource(ABC):
 
         Returns as `of_descriptor`; the segments by pulse.
         """
-        spans = PulseSpans(numbers, rows["offset"], pulses.next_offsets(numbers, rows))
+        # Whether a third segment fits is only known with the place of the next samples.
+        may_be_short = any(one.is_short for one in table.descriptors)
+        find_ends = pulses.next_larger_offsets if may_be_short else pulses.next_offsets
+        spans = PulseSpans(numbers, rows["offset"], find_ends(numbers, rows))
         parts = [np.empty(0, dtype=SEGMENT)]
         unreadable: dict[str, BoolArray] = {}
         for descriptor, code in zip(table.descriptors, table.first_codes[:-1], strict=True):

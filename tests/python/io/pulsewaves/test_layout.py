@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from dataclasses import replace
 from pathlib import Path
 
 import numpy as np
@@ -9,6 +10,7 @@ import pytest
 
 from fullwaveform.io.pulsewaves.reader import PulseWavesReader
 
+from ...support.compressed_scenes import write_compressed
 from ...support.las_scenes import rows
 from ...support.pulsewaves_scenes import (
     ATTRIBUTES,
@@ -97,6 +99,37 @@ def test_two_segments_where_three_are_declared(tmp_path: Path, count_bits: int) 
         (block,) = reader.blocks()
     assert block.outgoing is not None
     assert (block.outgoing.samples == [50, 51]).all()
+
+
+@pytest.mark.parametrize("compressed", [False, True])
+def test_two_segments_of_pulses_that_are_stored_in_another_order(
+    tmp_path: Path, compressed: bool
+) -> None:
+    """The next samples in the file decide, not those of the next pulse; the last are at its end."""
+    three = Sampling(segments=3, samples=2)
+    wide, narrow = [(0, [1, 2]), (0, [3, 4]), (0, [5, 6])], [(0, [7, 8]), (0, [9, 10])]
+    stored = [
+        Pulse([segments], time=9 - number)
+        for number, segments in enumerate((narrow, wide, wide, narrow, narrow))
+    ]
+    scene = Scene([Descriptor(1, [three])], stored)
+    write = write_compressed if compressed else Scene.write
+    path = write(scene, tmp_path / ("a.plz" if compressed else "a.pls"))
+    with PulseWavesReader(path) as reader:
+        offsets = reader._pulses[0:5]["offset"].tolist()
+    reverse = [replace(one, offset=place) for one, place in zip(stored, offsets, strict=True)]
+    samples = path.with_suffix(".wvz" if compressed else ".wvs").read_bytes()
+    write(replace(scene, pulses=reverse[::-1]), path)
+    path.with_suffix(".wvz" if compressed else ".wvs").write_bytes(samples)
+    blocks, tally = read(path, waveforms_per_block=3)
+    assert rows(blocks) == [
+        *([7, 8], [9, 10]),
+        *([7, 8], [9, 10]),
+        *([1, 2], [3, 4], [5, 6]),
+        *([1, 2], [3, 4], [5, 6]),
+        *([7, 8], [9, 10]),
+    ]
+    assert (tally.points_short, tally.rejected.total()) == (3, 0)
 
 
 def test_a_pulse_with_too_few_bytes_for_two_segments_is_unreadable(tmp_path: Path) -> None:

@@ -4,16 +4,21 @@ from __future__ import annotations
 
 import struct
 from collections import defaultdict
+from dataclasses import replace
 from pathlib import Path
 
+import laspy
 import numpy as np
 import pytest
 
 from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.io.opening import open_waveforms
 from fullwaveform.io.pulsewaves import selection
 from fullwaveform.io.pulsewaves.reader import PulseWavesReader
 
 from ...extraction.test_extraction import places_of
+from ...support.command_line import run
+from ...support.flight_lines import flight_line
 from ...support.las_scenes import rows
 from ...support.pulsewaves_scenes import (
     MIN_TIME,
@@ -288,6 +293,19 @@ def test_type_of_gps_time(tmp_path: Path, offset: float, standard: int) -> None:
         (1e-6, 1e9, 0, (0, 0), 1, 0.0),
         (1e-6, 0.0, 61_757_959_336, (61_757_959_336, 61_759_700_210), 0, 61_757.959336),
         (1.0, 999_999_000.0, 990, (990, 1010), 1, 999_999_990.0),
+        # 1.25e9 s is in August 2019; with the offset it would be in 2051.
+        (1e-6, 1e9, 1_250_000_000_250_000, (0, 0), 1, 250_000_000.25),
+        (
+            1e-6,
+            1e9,
+            1_250_000_000_250_000,
+            (1_250_000_000_250_000, 1_250_000_000_250_002),
+            1,
+            250_000_000.25,
+        ),
+        # Both are before 2043: the offset counts.
+        (1e-6, 1e8, 1_250_000_000_250_000, (0, 0), 1, 350_000_000.25),
+        (1.0, 1.9e9, 50, (0, 0), 1, 900_000_050.0),
     ],
 )
 def test_standard_times_are_adjusted(
@@ -312,3 +330,35 @@ def test_standard_times_are_adjusted(
     times = block.attributes.gps_time
     assert times == pytest.approx(expected + np.arange(3) * scale, rel=0.0, abs=2e-7)
     assert block.shot_times.tolist() == times.tolist()
+
+
+def test_an_offset_that_was_not_added_is_noted(tmp_path: Path) -> None:
+    scene = three_pulses(time_offset=1e9)
+    for number, pulse in enumerate(scene.pulses):
+        pulse.time = 1_250_000_000_000_000 + number
+    _, tally = read(scene.write(tmp_path / "a.pls"))
+    assert tally.notes == [
+        "The stored times are standard GPS times; the offset 1e+09 s of the header was not added."
+    ]
+
+
+def test_any_text_is_allowed_as_instrument(tmp_path: Path) -> None:
+    """NEON's files can have the text "Auto..." in place of a name."""
+    for system, expected in (
+        (b"Auto...", "Auto..."),
+        (b"", ""),
+        (b"Scanner " + 56 * b"x", "Scanner " + 56 * "x"),
+        ("Größe".encode("latin-1"), "Gr\ufffd\ufffde"),
+    ):
+        patches = {40: ("64s", system)}
+        scene = replace(flight_line(3), patches=patches)  # type: ignore[arg-type]
+        path = scene.write(tmp_path / "a.pls")
+        output = tmp_path / "echoes.las"
+        result = run("extract", path, "-o", output, "--threshold", "20", "--overwrite")
+        assert result.exit_code == 0, result.output
+        assert len(laspy.read(output)) == 1 + 2 + 3  # an echo of each segment
+        container = tmp_path / "a.h5"
+        assert run("convert", path, container, "--overwrite").exit_code == 0
+        with open_waveforms(container) as reader:
+            assert reader.header is not None
+            assert reader.header.system_identifier == expected
