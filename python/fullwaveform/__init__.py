@@ -7,6 +7,7 @@ from typing import TYPE_CHECKING, Any
 
 if TYPE_CHECKING:
     from fullwaveform.api import Extraction, extract, plot, voxels
+    from fullwaveform.cluster.many import ManyExtraction, extract_many
     from fullwaveform.core.driver import Driver, Mode, Result, RowState
     from fullwaveform.core.scanner import Scanner
     from fullwaveform.data.columns import Columns
@@ -20,6 +21,7 @@ __all__ = [
     "Columns",
     "Driver",
     "Extraction",
+    "ManyExtraction",
     "Metrics",
     "MetricsSettings",
     "Mode",
@@ -29,6 +31,7 @@ __all__ = [
     "WaveformFileError",
     "WaveformState",
     "extract",
+    "extract_many",
     "metrics",
     "open",
     "plot",
@@ -42,6 +45,7 @@ _EXPORTS = {
     "Columns": ("data.columns", "Columns"),
     "Driver": ("core.driver", "Driver"),
     "Extraction": ("api", "Extraction"),
+    "ManyExtraction": ("cluster.many", "ManyExtraction"),
     "Metrics": ("waveform_metrics.compute", "Metrics"),
     "MetricsSettings": ("waveform_metrics.settings", "MetricsSettings"),
     "Mode": ("core.driver", "Mode"),
@@ -51,6 +55,7 @@ _EXPORTS = {
     "WaveformFileError": ("data.errors", "WaveformFileError"),
     "WaveformState": ("extraction.waveform_table", "WaveformState"),
     "extract": ("api", "extract"),
+    "extract_many": ("cluster.many", "extract_many"),
     "metrics": ("waveform_metrics.compute", "metrics"),
     "open": ("io.opening", "open_waveforms"),
     "plot": ("api", "plot"),

@@ -18,7 +18,7 @@ from fullwaveform.analysis.waveform_selection import Selector, find_shot
 from fullwaveform.analysis.waveform_views import waveform_views
 from fullwaveform.calibration.calibration import measure, measure_first
 from fullwaveform.calibration.phase_choice import PhaseChoice, checked_phase_choice
-from fullwaveform.calibration.pulse_choice import PulseChoice, checked_pulse_choice
+from fullwaveform.calibration.pulse_choice import PulseChoice
 from fullwaveform.core.driver import (
     Mode,
     Threshold,
@@ -26,12 +26,12 @@ from fullwaveform.core.driver import (
     check_system_wave,
     checked_mode,
     checked_threshold,
-    checked_thresholds,
 )
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import ReadTally, WaveformBlock, blocks_of
 from fullwaveform.data.columns import Columns, html_table
 from fullwaveform.data.echo_columns import EchoTable, echo_table_to_arrow, table_columns
+from fullwaveform.extraction.choices import ExtractionChoices, scanner_of, settings_of
 from fullwaveform.extraction.extractor import (
     ExtractedBlock,
     ExtractionSettings,
@@ -41,12 +41,8 @@ from fullwaveform.extraction.pipeline import available_workers, extracted_blocks
 from fullwaveform.extraction.prepare import (
     Baseline,
     SampleScale,
-    checked_baseline,
-    checked_sample_scale,
 )
-from fullwaveform.extraction.pulse_fitting import PulseFitOptions, check_applicable
 from fullwaveform.extraction.run_metadata import run_metadata
-from fullwaveform.extraction.smoothing import checked_smoothing
 from fullwaveform.extraction.waveform_table import WAVEFORM_COLUMNS, WaveformTable
 from fullwaveform.io.atomic import protected_inputs
 from fullwaveform.io.base import WaveformReader
@@ -284,29 +280,21 @@ def extract(
     ValueError
         Invalid argument, or a source without waveforms.
     """
-    method = checked_mode(mode)
-    defaults = (
-        ("threshold", threshold is None),
-        ("baseline", baseline == "auto"),
-        ("sample_scale", sample_scale == "auto"),
-        ("smoothing", smoothing is None),
-        ("false_alarms", false_alarms is None),
-        ("max_width", max_width is None),
-        ("pulse", pulse == "auto"),
-    )
-    check_applicable(method, [name for name, is_default in defaults if not is_default])
-    rate = PulseFitOptions.false_alarms if false_alarms is None else false_alarms
-    settings = ExtractionSettings(
-        scanner=_scanner(scanner),
-        mode=method,
-        threshold=checked_thresholds(threshold),
-        baseline=checked_baseline(baseline),
-        sample_scale=checked_sample_scale(sample_scale),
-        smoothing=checked_smoothing(smoothing),
-        keep_empty=keep_empty,
-        carry=carry,
-        uncertainty=uncertainty,
-        pulse_fit=PulseFitOptions(rate, max_width, checked_pulse_choice(pulse)),
+    settings = settings_of(
+        ExtractionChoices(
+            mode=mode,
+            scanner=scanner,
+            threshold=threshold,
+            baseline=baseline,
+            sample_scale=sample_scale,
+            smoothing=smoothing,
+            false_alarms=false_alarms,
+            max_width=max_width,
+            pulse=pulse,
+            keep_empty=keep_empty,
+            carry=carry,
+            uncertainty=uncertainty,
+        )
     )
     choice = checked_phase_choice(outgoing_phase)
     threads = available_workers() if workers is None else workers
@@ -387,7 +375,7 @@ def plot(
     with open_waveforms(
         source, channel_flags=channel_flags, sampling_interval=sampling_interval
     ) as reader:
-        described = _scanner(scanner)
+        described = scanner_of(scanner)
         carried = reader.scanner() if scanner is None else None
         used = described if carried is None else carried
         has_fit = Mode.PULSE_FIT in chosen
@@ -461,19 +449,6 @@ def voxels(
         ) as reader,
     ):
         return write_volume(reader, output, settings, quantity=quantity, overwrite=overwrite)
-
-
-def _scanner(scanner: Scanner | str | os.PathLike[str] | None) -> Scanner:
-    if scanner is None:
-        return Scanner.default()
-    if isinstance(scanner, Scanner):
-        return scanner
-    if not isinstance(scanner, str | os.PathLike):
-        raise ValueError(
-            f"invalid scanner {scanner!r}; expected a Scanner or the path of a description (for "
-            "attributes use Scanner.from_attributes)"
-        )
-    return Scanner.from_toml(Path(scanner))
 
 
 def _of_file(

@@ -29,6 +29,7 @@ from fullwaveform.cli.options import (
 from fullwaveform.cli.reader_options import ReaderOptions
 from fullwaveform.core.driver import Mode, check_system_wave
 from fullwaveform.core.scanner import AfterPulse, Scanner
+from fullwaveform.extraction.choices import common_scanner
 from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.extraction.prepare import checked_baseline
 from fullwaveform.extraction.pulse_fitting import (
@@ -122,12 +123,7 @@ def scanner_for(
     """The scanner of the description at `path`, else that of the files, else the default."""
     if path is not None:
         return Scanner.from_toml(path, after_pulse=after_pulse)
-    first = file_scanners[0] if file_scanners else None
-    if any(other != first for other in file_scanners[1:]):
-        raise ValueError(
-            "the files contain different scanner descriptions; give one with --scanner, or process "
-            "the files separately"
-        )
+    first = common_scanner(file_scanners)
     if first is None:
         return Scanner.default(after_pulse=after_pulse)
     return first if after_pulse is None else replace(first, after_pulse=after_pulse)

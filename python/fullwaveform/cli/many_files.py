@@ -11,6 +11,7 @@ import typer
 
 from fullwaveform.cli.extract_options import ExtractOptions
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, check_takes_empty, echo_outputs
+from fullwaveform.io.input_names import check_distinct
 
 #: Formats of echoes by their names on the command line.
 FORMATS = [ending.lstrip(".") for ending in ECHO_ENDINGS]
@@ -62,16 +63,7 @@ def check_folder(folder: Path) -> None:
 
 def check_names(sources: Sequence[Path]) -> None:
     """BadParameter for inputs that are given twice, or whose outputs would have one name."""
-    by_stem: dict[str, Path] = {}
-    for source in sources:
-        # Names that differ only in case are one file on some systems.
-        other = by_stem.setdefault(source.stem.casefold(), source)
-        if other is source:
-            continue
-        if other.resolve() == source.resolve():
-            raise typer.BadParameter(f"{source} is given twice", param_hint="IN")
-        raise typer.BadParameter(
-            f"the outputs of {other} and {source} would have the same name; extract them into "
-            "different folders",
-            param_hint="IN",
-        )
+    try:
+        check_distinct(sources)
+    except ValueError as error:
+        raise typer.BadParameter(str(error), param_hint="IN") from error

@@ -156,13 +156,23 @@ def local_executor(workers: int, units: int) -> Iterator[Executor]:
 
     Threads for few units, which are done before processes would have started.
     """
-    pool: Executor
     if workers == 1 or units < _UNITS_FOR_PROCESSES:
-        pool = ThreadPoolExecutor(min(workers, units), thread_name_prefix="unit")
-    else:
-        pool = ProcessPoolExecutor(
-            workers, get_context("spawn"), initializer=ignore_keyboard_interrupts
-        )
+        with local_threads(min(workers, units)) as threads:
+            yield threads
+        return
+    pool = ProcessPoolExecutor(
+        workers, get_context("spawn"), initializer=ignore_keyboard_interrupts
+    )
+    try:
+        yield pool
+    finally:
+        pool.shutdown(cancel_futures=True)
+
+
+@contextmanager
+def local_threads(workers: int) -> Iterator[Executor]:
+    """Threads that give up the units that have not begun when the ``with`` statement ends."""
+    pool = ThreadPoolExecutor(workers, thread_name_prefix="unit")
     try:
         yield pool
     finally:

@@ -52,6 +52,13 @@ class JobFolder:
         """Whether a run was planned in the folder."""
         return (self.path / MANIFEST_NAME).is_file()
 
+    def check_new(self) -> None:
+        """ValueError unless the folder is empty or missing."""
+        if self.has_manifest:
+            raise ValueError(f"{self} already contains a run; continue it or use another folder")
+        if self.path.exists() and (not self.path.is_dir() or any(self.path.iterdir())):
+            raise ValueError(f"{self} is not an empty folder; use a new or empty one")
+
     def read_manifest(self) -> Manifest:
         """The manifest.
 

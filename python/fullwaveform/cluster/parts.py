@@ -28,7 +28,7 @@ def part_paths(folder: str | os.PathLike[str]) -> list[Path]:
     if unfinished := len(manifest.unfinished()):
         raise ValueError(
             f"{folder}: {unfinished} of {len(manifest.parts)} parts are not finished; continue the "
-            "run with --resume"
+            "run with --resume, or complete it with fullwaveform run and join"
         )
     paths = [folder / part.file for part in manifest.parts if part.outcome is not None]
     for path in paths:
