@@ -5,6 +5,7 @@ from __future__ import annotations
 from collections.abc import Callable, Iterator
 from dataclasses import dataclass, field
 from enum import Enum
+from functools import cached_property
 from pathlib import Path
 
 import numpy as np
@@ -17,7 +18,7 @@ from fullwaveform.analysis.shot_matching import (
     shared_shots,
     shot_windows,
 )
-from fullwaveform.data.arrays import FloatArray, RecordArray
+from fullwaveform.data.arrays import AnyArray, FloatArray, RecordArray
 from fullwaveform.data.echo_records import ECHO_RECORD, QUANTITIES, EchoFile
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.echo_readers.opening import open_echoes
@@ -31,6 +32,7 @@ _DRAWN = 1_000_000  # differences of a histogram, at most
 class MatchedBy(Enum):
     """How echoes of two files were brought together."""
 
+    NUMBER = "number"  # equal shot numbers and beams
     SHOT = "shot"  # exactly equal times
     TIME = "time"  # times within a tolerance
     PLACE = "place"  # place along and across the beam
@@ -96,10 +98,11 @@ def compare_echoes(
     """Compare the echoes of a file with those of a reference.
 
     Of LAS files with waveforms the discrete returns are compared, else all echoes. Echoes are
-    matched shot by shot: where both files have exactly equal GPS times, by these; else by times
-    within a tolerance; else, with no time in common, by place along and across the beam. `details`
-    is a ``.csv`` or ``.parquet`` file for the missed and extra echoes. Both files are copied to the
-    system's folder for temporary files, in order of time or place, while they are compared.
+    matched shot by shot: where both files number their shots, by number and beam; where they have
+    exactly equal GPS times, by these; else by times within a tolerance; else, with none of these in
+    common, by place along and across the beam. `details` is a ``.csv`` or ``.parquet`` file for the
+    missed and extra echoes. Both files are copied to the system's folder for temporary files, in
+    order of shot, time or place, while they are compared.
 
     Raises
     ------
@@ -132,11 +135,11 @@ def compare_echoes(
 def _add_aside(sums: _Sums, reference: _Side, found: _Side, matched_by: MatchedBy) -> None:
     """Count echoes that were not matched because they have no place, or no time."""
     none = np.empty(0, ECHO_RECORD)
-    by_place = matched_by is MatchedBy.PLACE
-    for records in (reference.unplaced, *([] if by_place else [reference.untimed])):
+    needs_time = matched_by in (MatchedBy.SHOT, MatchedBy.TIME)
+    for records in (reference.unplaced, *([reference.untimed] if needs_time else [])):
         for part in records.ascending():
             sums.add_unmatched(part, none)
-    for records in (found.unplaced, *([] if by_place else [found.untimed])):
+    for records in (found.unplaced, *([found.untimed] if needs_time else [])):
         for part in records.ascending():
             sums.add_unmatched(none, part)
 
@@ -160,7 +163,9 @@ class _Side:
         self.untimed = self._sorted(lambda records: records["row"])
         self.unplaced = self._sorted(lambda records: records["row"])
         self._first, self._last = np.inf, -np.inf  # times
+        self.is_numbered = True
         for records in file.blocks():
+            self.is_numbered &= bool(records["is_numbered"].all())
             has_place = np.isfinite(records["xyz"]).all(axis=1)
             has_time = np.isfinite(records["gps_time"])
             timed = records[has_place & has_time]
@@ -177,7 +182,15 @@ class _Side:
 
     def by_place(self) -> SortedRecords:
         """All records with a place, in ascending order of x."""
-        placed = self._sorted(lambda records: records["xyz"][:, 0])
+        return self._placed(lambda records: records["xyz"][:, 0])
+
+    @cached_property
+    def by_number(self) -> SortedRecords:
+        """All records with a place, in ascending order of their shots."""
+        return self._placed(lambda records: records["shot"])
+
+    def _placed(self, key: Callable[[RecordArray], AnyArray]) -> SortedRecords:
+        placed = self._sorted(key)
         for part in (self.timed, self.untimed):
             for records in part.ascending():
                 placed.append(records)
@@ -194,12 +207,16 @@ class _Side:
             last = times[-1]
         return count
 
-    def _sorted(self, key: Callable[[RecordArray], FloatArray]) -> SortedRecords:
+    def _sorted(self, key: Callable[[RecordArray], AnyArray]) -> SortedRecords:
         return SortedRecords(self._scratch.file(), ECHO_RECORD, key)
 
 
 def _method(reference: _Side, found: _Side, settings: CompareSettings) -> MatchedBy:
     """Equal times if most of the shots that agree within the tolerance agree exactly."""
+    if reference.is_numbered and found.is_numbered:
+        numbered = found.by_number.ascending(), reference.by_number.ascending()
+        if any(len(shared_shots(*pair, None)) for pair in shot_windows(*numbered, None)):
+            return MatchedBy.NUMBER
     if not (reference.has_shots or found.has_shots):
         return MatchedBy.PLACE
     equal = shared = 0
@@ -224,9 +241,14 @@ def _windows(reference: _Side, found: _Side, result: Comparison) -> Iterator[Mat
             settings.across,
         )
         return
-    tolerance = settings.time_tolerance if matched_by is MatchedBy.TIME else 0.0
     channels = result.found.has_returns, result.reference.has_returns
-    for one, other in shot_windows(found.timed.ascending(), reference.timed.ascending(), tolerance):
+    sides = found.timed, reference.timed
+    tolerance: float | None = 0.0
+    if matched_by is MatchedBy.TIME:
+        tolerance = settings.time_tolerance
+    if matched_by is MatchedBy.NUMBER:
+        sides, tolerance = (found.by_number, reference.by_number), None
+    for one, other in shot_windows(sides[0].ascending(), sides[1].ascending(), tolerance):
         yield match_window(one, other, settings.tolerance, tolerance, duplicates=channels)
 
 

@@ -74,7 +74,7 @@ class SortedRecords:
         self,
         stream: IO[bytes],
         dtype: np.dtype[np.generic],
-        key: Callable[[RecordArray], FloatArray],
+        key: Callable[[RecordArray], AnyArray],
     ) -> None:
         self._file, self._key = RecordFile(stream, dtype), key
         self._waiting: list[RecordArray] = []
@@ -92,8 +92,9 @@ class SortedRecords:
 
     def _write_run(self) -> None:
         records = np.concatenate(self._waiting)
-        if (np.diff(self._key(records)) < 0).any():
-            records = records[np.argsort(self._key(records), kind="stable")]
+        keys = self._key(records)
+        if (keys[1:] < keys[:-1]).any():
+            records = records[np.argsort(keys, kind="stable")]
         keys = self._key(records[[0, -1]])
         # Records in order make one run of the whole file.
         if keys[0] < self._last or not self._run_starts:

@@ -8,7 +8,7 @@ from dataclasses import dataclass
 import numpy as np
 
 from fullwaveform.analysis.matching import match_echoes
-from fullwaveform.data.arrays import BoolArray, FloatArray, IntArray, RecordArray
+from fullwaveform.data.arrays import AnyArray, BoolArray, FloatArray, IntArray, RecordArray
 from fullwaveform.data.echo_records import ECHO_RECORD
 
 _MAX_WINDOW = 1 << 21  # records of a side; a window without a gap is cut at its largest one
@@ -30,24 +30,26 @@ class MatchedWindow:
 
 
 def shot_windows(
-    found: Iterator[RecordArray], reference: Iterator[RecordArray], tolerance: float
+    found: Iterator[RecordArray], reference: Iterator[RecordArray], tolerance: float | None
 ) -> Iterator[tuple[RecordArray, RecordArray]]:
-    """Cut two streams in order of time where no shot within `tolerance` (s) crosses the cut."""
+    """Cut two streams in order of time where no shot within `tolerance` (s) crosses the cut.
+
+    With None the streams are in order of shot numbers, and cut between two of them.
+    """
+    key = "shot" if tolerance is None else "gps_time"
     streams = [found, reference]
     waiting = [next(stream, None) for stream in streams]
     sides = [np.empty(0, ECHO_RECORD) if one is None else one for one in waiting]
     ended = [one is None for one in waiting]
     while not all(ended):
-        limit = min(side["gps_time"][-1] for side, end in zip(sides, ended, strict=True) if not end)
-        cut = _cut(sides, limit, tolerance)
+        limit = min(side[key][-1] for side, end in zip(sides, ended, strict=True) if not end)
+        cut = _cut([side[key] for side in sides], limit, tolerance or 0.0)
         if cut is not None:
-            ends = [int(np.searchsorted(side["gps_time"], cut)) for side in sides]
+            ends = [int(np.searchsorted(side[key], cut)) for side in sides]
             yield sides[0][: ends[0]], sides[1][: ends[1]]
             sides = [side[end:] for side, end in zip(sides, ends, strict=True)]
         for number in (0, 1):
-            if not ended[number] and (
-                not len(sides[number]) or sides[number]["gps_time"][-1] <= limit
-            ):
+            if not ended[number] and (not len(sides[number]) or sides[number][key][-1] <= limit):
                 more = next(streams[number], None)
                 ended[number] = more is None
                 if more is not None:
@@ -56,23 +58,25 @@ def shot_windows(
         yield sides[0], sides[1]
 
 
-def _cut(sides: list[RecordArray], limit: float, tolerance: float) -> float | None:
-    """The last time up to `limit` before which a gap is wider than `tolerance`."""
-    times = np.unique(np.concatenate([side["gps_time"] for side in sides]))
+def _cut(keys: list[AnyArray], limit: float, tolerance: float) -> float | None:
+    """The last key up to `limit` before which a gap is wider than `tolerance`."""
+    times = np.unique(np.concatenate(keys))
     times = times[: int(np.searchsorted(times, limit, side="right"))]
     gaps = np.diff(times)
     if not len(gaps):
         return None
     wide = np.flatnonzero(gaps > tolerance)
     if len(wide):
-        return float(times[wide[-1] + 1])
-    if max(map(len, sides)) > _MAX_WINDOW:
-        return float(times[int(np.argmax(gaps)) + 1])
+        key: float = times.item(wide[-1] + 1)
+        return key
+    if max(map(len, keys)) > _MAX_WINDOW:
+        largest: float = times.item(int(np.argmax(gaps)) + 1)
+        return largest
     return None
 
 
-def shared_shots(found: RecordArray, reference: RecordArray, tolerance: float) -> FloatArray:
-    """Differences of the times of the shots that both windows have, s."""
+def shared_shots(found: RecordArray, reference: RecordArray, tolerance: float | None) -> FloatArray:
+    """Differences of the times of the shots that both windows have, s; by number 0."""
     return _paired_shots(found, reference, tolerance)[2]
 
 
@@ -80,7 +84,7 @@ def match_window(
     found: RecordArray,
     reference: RecordArray,
     tolerance: float,
-    time_tolerance: float,
+    time_tolerance: float | None,
     *,
     duplicates: tuple[bool, bool],
 ) -> MatchedWindow:
@@ -89,7 +93,7 @@ def match_window(
     Parameters
     ----------
     tolerance : largest difference along the flight of light, coordinate unit
-    time_tolerance : largest difference of the times of a shot, s
+    time_tolerance : largest difference of the times of a shot, s; None: equal shot numbers
     duplicates : whether `found` and `reference` may list an echo once per channel
     """
     found_shots, reference_shots, shared = _paired_shots(found, reference, time_tolerance)
@@ -125,12 +129,14 @@ class _Shots:
 
 
 def _paired_shots(
-    found: RecordArray, reference: RecordArray, tolerance: float
+    found: RecordArray, reference: RecordArray, tolerance: float | None
 ) -> tuple[_Shots, _Shots, FloatArray]:
     """Shots of both files with common numbers, and the time differences of the shared ones.
 
     Shots of the reference are numbered from 0; shots that only `found` has follow.
     """
+    if tolerance is None:
+        return _numbered_shots(found, reference)
     found_time, found_shot = np.unique(found["gps_time"], return_inverse=True)
     time, shot = np.unique(reference["gps_time"], return_inverse=True)
     pairs = match_echoes(
@@ -146,6 +152,33 @@ def _paired_shots(
         _Shots(number[found_shot], len(found_time)),
         _Shots(shot.astype(np.int64), len(time)),
         pairs.difference,
+    )
+
+
+def _numbered_shots(
+    found: RecordArray, reference: RecordArray
+) -> tuple[_Shots, _Shots, FloatArray]:
+    """The same by shot numbers and, where both files have them, beams."""
+    beams = [side["beam"] for side in (reference, found)]
+    if any((beam < 0).any() for beam in beams):
+        beams = [np.zeros_like(beam) for beam in beams]
+    numbers = [side["shot"] for side in (reference, found)]
+    both = np.column_stack([np.concatenate(numbers), np.concatenate(beams)])
+    distinct, which = np.unique(both, axis=0, return_inverse=True)
+    of_reference, of_found = np.split(which.ravel(), [len(reference)])
+    in_reference, in_found = (
+        np.bincount(shots, minlength=len(distinct)) > 0 for shots in (of_reference, of_found)
+    )
+    # Those of the reference first.
+    number = np.where(
+        in_reference,
+        np.cumsum(in_reference) - 1,
+        np.count_nonzero(in_reference) + np.cumsum(~in_reference) - 1,
+    )
+    return (
+        _Shots(number[of_found], int(np.count_nonzero(in_found))),
+        _Shots(number[of_reference], int(np.count_nonzero(in_reference))),
+        np.zeros(int(np.count_nonzero(in_reference & in_found))),
     )
 
 

@@ -164,6 +164,8 @@ def _shot_rows(comparison: Comparison) -> list[Row]:
     if comparison.matched_by is MatchedBy.PLACE:
         return [("shots", "unknown", "no GPS time in common; matched by place")]
     equal = "equal GPS times"
+    if comparison.matched_by is MatchedBy.NUMBER:
+        equal = "equal shot numbers"
     if comparison.matched_by is MatchedBy.TIME:
         equal = f"GPS times within {comparison.settings.time_tolerance:g} s"
     counts = f"of {comparison.reference_shots:,} and {comparison.found_shots:,}"

@@ -23,6 +23,9 @@ ECHO_RECORD = np.dtype(
         ("gps_time", np.float64),  # s, NaN if unknown
         ("xyz", np.float64, 3),
         ("flight", np.float64, 3),  # unit vector along the flight of light, NaN if unknown
+        ("shot", np.int64),  # bits of the unsigned number of the shot
+        ("is_numbered", np.bool_),  # whether the file numbers its shots
+        ("beam", np.int64),  # number; -1 if the file has no beams
         ("channel", np.uint8),  # packet descriptor of a discrete return, else 0
         *((name, np.float64) for name in QUANTITIES),
     ]
@@ -48,4 +51,5 @@ def unknown_records(count: int, first_row: int) -> RecordArray:
     records["row"] = np.arange(first_row, first_row + count)
     for name in ("gps_time", "xyz", "flight", *QUANTITIES):
         records[name] = np.nan
+    records["beam"] = -1
     return records

@@ -13,6 +13,7 @@ from fullwaveform.data.arrays import BoolArray, FloatArray, RecordArray
 from fullwaveform.data.echo_records import EchoFile, Rows, unknown_records
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.echo_readers.quantities import fill_quantities
+from fullwaveform.io.echo_readers.shot_numbers import fill_shots
 from fullwaveform.io.las.compression import (
     check_scanner_channels,
     decoder_errors,
@@ -116,6 +117,7 @@ def _records(
     for axis, name in enumerate("xyz"):
         records["xyz"][:, axis] = points[name]
     fill_quantities(records, names, points.__getitem__)
+    fill_shots(records, names, points.__getitem__)
     if str(header.generating_software).startswith(_SOFTWARE) and "amplitude" not in names:
         records["amplitude"] = records["intensity"]
     return records

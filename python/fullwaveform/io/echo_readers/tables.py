@@ -22,11 +22,12 @@ from fullwaveform.data.arrays import RecordArray
 from fullwaveform.data.echo_records import EchoFile, Rows, unknown_records
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.echo_readers.quantities import QUANTITY_COLUMNS, fill_quantities
+from fullwaveform.io.echo_readers.shot_numbers import SHOT_COLUMNS, fill_shots
 from fullwaveform.io.limits import SURVEY_CHUNK
 from fullwaveform.io.remote import path_or_stream
 from fullwaveform.io.run_record import RUN_METADATA_KEY
 
-_COLUMNS = frozenset({"x", "y", "z", "gps_time", "echo_number"}) | QUANTITY_COLUMNS
+_COLUMNS = frozenset({"x", "y", "z", "gps_time", "echo_number"}) | QUANTITY_COLUMNS | SHOT_COLUMNS
 _CSV_BYTES = 1 << 24  # per block; a line has 100 to 400 bytes
 _NAMES_BYTES = 1 << 16  # the first line of a CSV file, at most
 
@@ -65,7 +66,10 @@ def csv_echo_file(path: Path) -> EchoFile:
                 ),
                 convert_options=pa.csv.ConvertOptions(
                     include_columns=list(names),
-                    column_types=dict.fromkeys(names, pa.float64()),
+                    column_types={
+                        name: pa.string() if name in SHOT_COLUMNS else pa.float64()
+                        for name in names
+                    },
                 ),
             )
             with reader:
@@ -83,7 +87,11 @@ def hdf5_echo_file(path: Path) -> EchoFile:
             raise WaveformFileError(
                 f"{path} holds waveforms without discrete returns; extract its echoes first"
             )
-        found = _checked(list(file), path)
+        # Texts of variable length are not read: HDF5 can hang if they are damaged.
+        readable = [
+            name for name in file if name not in SHOT_COLUMNS or file[name].dtype.kind != "O"
+        ]
+        found = _checked(readable, path)
         settings = _settings(file.attrs.get(RUN_METADATA_KEY))
 
     def rows(wanted: Collection[str]) -> Iterator[Rows]:
@@ -104,7 +112,8 @@ def npz_echo_file(path: Path) -> EchoFile:
             raise WaveformFileError(
                 f"{path} holds waveforms without discrete returns; extract its echoes first"
             )
-        found = _checked(list(members), path)
+        # The beam of an archive would be a text.
+        found = _checked([name for name in members if name != "beam"], path)
 
     def rows(wanted: Collection[str]) -> Iterator[Rows]:
         names = _wanted(found, wanted)
@@ -187,6 +196,7 @@ def _records(
             if "gps_time" in columns:
                 records["gps_time"] = columns["gps_time"]
             fill_quantities(records, columns.keys(), columns.__getitem__)
+            fill_shots(records, columns.keys(), columns.__getitem__)
         first += count
         # Rows of waveforms without echoes have the number 0.
         echoes = columns["echo_number"] != 0 if "echo_number" in columns else slice(None)
