@@ -16,7 +16,7 @@ from fullwaveform.extraction.extractor import (
     ExtractionTally,
     Extractor,
 )
-from fullwaveform.extraction.threads import checked_workers, processed_in_order
+from fullwaveform.extraction.threads import checked_workers, processed_in_order, worked_behind
 from fullwaveform.extraction.warning_file import append_statistics
 from fullwaveform.extraction.waveform_table import WaveformState, WaveformTable
 from fullwaveform.io.base import EchoWriter
@@ -61,7 +61,10 @@ def write_echoes(
     statistics: Path | None = None,
     on_rejected: Callable[[str], None] | None = None,
 ) -> ExtractionTally:
-    """Write the echoes of all blocks and return the sum of their counts.
+    """Write the echoes of all blocks in a thread, and return the sum of their counts.
+
+    At most two blocks wait to be written or are being written. An exception of the writer is raised
+    here, at the next block or at the end.
 
     Parameters
     ----------
@@ -72,13 +75,18 @@ def write_echoes(
         Called with number and state of each waveform without echoes.
     """
     tally = ExtractionTally()
-    for block in extracted:
+
+    def write(block: ExtractedBlock) -> None:
         writer.write(block.echoes, block.source)
-        tally.add(block.tally)
-        if block.record and statistics is not None:
-            append_statistics(statistics, block.record)
-        if on_rejected is not None:
-            _report_rejected(block.waveforms, on_rejected)
+
+    with worked_behind(write) as hand_over:
+        for block in extracted:
+            hand_over(block)
+            tally.add(block.tally)
+            if block.record and statistics is not None:
+                append_statistics(statistics, block.record)
+            if on_rejected is not None:
+                _report_rejected(block.waveforms, on_rejected)
     return tally
 
 

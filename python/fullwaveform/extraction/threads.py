@@ -4,13 +4,17 @@ from __future__ import annotations
 
 import threading
 from collections import deque
-from collections.abc import Callable, Generator, Iterable
+from collections.abc import Callable, Generator, Iterable, Iterator
 from concurrent.futures import Future, ThreadPoolExecutor
+from contextlib import contextmanager
 from typing import Any, TypeVar
 
 from fullwaveform.data.blocks import WaveformBlock
 
+_Item = TypeVar("_Item")
 _Processed = TypeVar("_Processed")
+
+_MAX_BEHIND = 2  # items that wait or are worked on
 
 
 def checked_workers(workers: int) -> int:
@@ -57,5 +61,29 @@ def processed_in_order(
     except BaseException:
         on_failure()
         raise
+    finally:
+        pool.shutdown(wait=True, cancel_futures=True)
+
+
+@contextmanager
+def worked_behind(work: Callable[[_Item], object]) -> Iterator[Callable[[_Item], None]]:
+    """Yield a function that hands an item to a thread, which calls `work` on one after the other.
+
+    The function waits while two items are not finished. It raises what `work` raised on an earlier
+    item, as does the end of the ``with`` statement, which waits for all items. After an exception
+    the items that wait are dropped.
+    """
+    pool = ThreadPoolExecutor(1, thread_name_prefix="writing")
+    behind: deque[Future[object]] = deque()
+
+    def hand_over(item: _Item) -> None:
+        while behind and (len(behind) == _MAX_BEHIND or behind[0].done()):
+            behind.popleft().result()
+        behind.append(pool.submit(work, item))
+
+    try:
+        yield hand_over
+        while behind:
+            behind.popleft().result()
     finally:
         pool.shutdown(wait=True, cancel_futures=True)

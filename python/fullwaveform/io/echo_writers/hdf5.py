@@ -11,6 +11,7 @@ import h5py
 import numpy as np
 import pyarrow as pa
 
+from fullwaveform.data.arrays import AnyArray
 from fullwaveform.data.columns import Column
 from fullwaveform.data.echo_columns import EchoTable, table_columns
 from fullwaveform.io.atomic import FileKind, OutputFile
@@ -19,8 +20,14 @@ from fullwaveform.io.echo_writers.row_groups import GroupedTableFile
 from fullwaveform.io.remote import path_or_stream
 from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text
 
+try:  # compresses ten times as fast; there is none for some processors
+    from isal import isal_zlib as deflate
+except ImportError:
+    import zlib as deflate
+
 #: Rows of a chunk of every dataset; 512 kB of doubles.
 ROWS_PER_CHUNK = 2**16
+_DEFLATE_LEVEL = 1  # 3 % larger than level 4
 _TEXT = np.dtype("S16")  # of fixed length, which every reader of HDF5 takes
 
 
@@ -58,7 +65,17 @@ class Hdf5TableFile(GroupedTableFile):
                 dataset = self._file[name]
                 first = len(dataset)
                 dataset.resize(first + len(group), axis=0)
-                dataset[first:] = group[name].to_numpy().astype(dataset.dtype, copy=False)
+                values = group[name].to_numpy().astype(dataset.dtype, copy=False)
+                # As the filters of HDF5 would, which take five times as long.
+                dataset.id.write_direct_chunk((first,), filtered_chunk(values))
+
+
+def filtered_chunk(values: AnyArray) -> bytes:
+    """A chunk that begins with the values, as the filters shuffle and gzip of HDF5 leave it."""
+    chunk = np.zeros(ROWS_PER_CHUNK, values.dtype)
+    chunk[: len(values)] = values
+    bytes_of_rows = chunk.view(np.uint8).reshape(ROWS_PER_CHUNK, -1)
+    return deflate.compress(np.ascontiguousarray(bytes_of_rows.T), _DEFLATE_LEVEL)
 
 
 class Hdf5EchoWriter(Hdf5TableFile, EchoWriter):
@@ -89,7 +106,7 @@ def _create_datasets(file: h5py.File, columns: Sequence[Column]) -> None:
             dtype=_TEXT if column.dtype is np.str_ else column.dtype,
             chunks=(ROWS_PER_CHUNK,),
             compression="gzip",
-            compression_opts=4,
+            compression_opts=_DEFLATE_LEVEL,
             shuffle=True,
             track_times=False,
         )
