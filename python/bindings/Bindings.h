@@ -16,4 +16,5 @@ void bindSamples(nanobind::module_& module);
 void bindPulseFit(nanobind::module_& module);
 void bindUncertainty(nanobind::module_& module);
 void bindEchoTable(nanobind::module_& module);
+void bindCsv(nanobind::module_& module);
 void bindDriver(nanobind::module_& module);

@@ -17,4 +17,5 @@ NB_MODULE(_core, module) {
   bindPulseFit(module);
   bindUncertainty(module);
   bindEchoTable(module);
+  bindCsv(module);
 }

@@ -160,6 +160,7 @@ def ascii_lines(
     widths: npt.NDArray[np.float64],
     values: npt.NDArray[np.float64],
 ) -> bytes: ...
+def csv_lines(columns: list[npt.NDArray[Any]]) -> bytes: ...
 def refine_gaussians(
     samples: npt.NDArray[np.uint16],
     counts: npt.NDArray[np.uint16],

@@ -13,6 +13,7 @@ from rattler_build import Stage0Recipe, VariantConfig
 ROOT = Path(__file__).resolve().parents[3]
 # PyPI name with its extra -> conda-forge packages.
 CONDA_NAMES = {
+    "isal": ("python-isal",),
     "laspy[lazrs]": ("laspy", "lazrs-python"),
     "matplotlib": ("matplotlib-base",),
 }

@@ -8,10 +8,9 @@ from contextlib import contextmanager
 from pathlib import Path
 
 import numpy as np
-import pyarrow as pa
-import pyarrow.csv
 
-from fullwaveform.data.columns import Table, arrow_schema
+from fullwaveform.core.csv_lines import csv_lines
+from fullwaveform.data.columns import Table
 from fullwaveform.data.echo_columns import EchoTable, table_columns
 from fullwaveform.io.atomic import FileKind, OutputFile, atomic_open
 from fullwaveform.io.base import EchoWriter
@@ -36,7 +35,6 @@ class CsvTableFile(TableFile):
     """
 
     kind: FileKind
-    _writer: pa.csv.CSVWriter
 
     @classmethod
     def outputs(cls, path: Path) -> dict[Path, FileKind]:
@@ -44,29 +42,19 @@ class CsvTableFile(TableFile):
         return {path: cls.kind, metadata_path(path): METADATA_KIND}
 
     def _add_rows(self, table: Table) -> None:
-        self._writer.write_table(table.to_arrow(self._columns))
+        self._open_stream().write(csv_lines(table, self._columns))
 
     @contextmanager
     def _content(self, stream: OutputFile) -> Iterator[None]:
+        stream.write((",".join(column.name for column in self._columns) + "\n").encode("ascii"))
         if self._metadata is None:
-            with self._table(stream):
-                yield
+            yield
             return
         output = atomic_open(metadata_path(self.path), METADATA_KIND, overwrite=self.overwrite)
         with output as description:
             description.write(metadata_text(self.path, self._metadata, self._columns).encode())
-            with self._table(stream):
-                yield
-            stream.check()  # no metadata without their table
-
-    @contextmanager
-    def _table(self, stream: OutputFile) -> Iterator[None]:
-        schema = arrow_schema(self._columns)
-        # The header line is written here because pyarrow would put its names in quotes.
-        stream.write((",".join(schema.names) + "\n").encode("ascii"))
-        options = pa.csv.WriteOptions(include_header=False)
-        with pa.csv.CSVWriter(stream, schema, write_options=options) as self._writer:
             yield
+            stream.check()  # no metadata without their table
 
 
 class CsvEchoWriter(CsvTableFile, EchoWriter):

@@ -20,10 +20,10 @@ from fullwaveform.io.echo_writers.row_groups import GroupedTableFile
 from fullwaveform.io.remote import path_or_stream
 from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text
 
-try:  # compresses ten times as fast; there is none for some processors
+try:  # compresses ten times as fast as zlib, on x86-64 and 64-bit ARM
     from isal import isal_zlib as deflate
 except ImportError:
-    import zlib as deflate
+    import zlib as deflate  # type: ignore[no-redef]
 
 #: Rows of a chunk of every dataset; 512 kB of doubles.
 ROWS_PER_CHUNK = 2**16
