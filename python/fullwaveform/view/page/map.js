@@ -7,6 +7,7 @@ import { PointCloud } from "./pointcloud.js";
 const MARGIN = { left: 76, right: 8, top: 6, bottom: 36 };
 const SIDE_SHARE = 0.36; // of the height
 const NODE_EDGE = 100; // pixels of the screen above which a node is divided
+const MOVING_POINTS = 100_000; // drawn while the map moves; all are drawn when it rests
 const KEPT_POINTS = 1_500_000; // in memory, also of places out of view
 const REACH = 10; // pixels from a click to an echo
 const BACKGROUND = [0.078, 0.094, 0.114];
@@ -152,7 +153,7 @@ export class EchoMap {
   moved() {
     if (!this.layer) return;
     this.wanted = this.nodesInView();
-    this.draw();
+    this.draw(MOVING_POINTS);
     clearTimeout(this.timer);
     this.timer = setTimeout(() => this.load().catch(this.onError), 60);
   }
@@ -215,8 +216,12 @@ export class EchoMap {
     }
   }
 
-  draw() {
+  // Draws the nodes in view; with a limit only the coarse ones, as many as it allows.
+  draw(limit = Infinity) {
     if (!this.layer || !this.cloud.texture) return;
+    let total = 0;
+    const nodes = this.wanted.filter((node) => (total += this.nodes.count[node]) <= limit);
+    this.isWhole = nodes.length === this.wanted.length;
     const area = this.mapArea();
     const few = this.layer.echoes < 50_000;
     const areas = [
@@ -240,7 +245,7 @@ export class EchoMap {
         pointSize: 3,
       });
     }
-    this.drawn = this.cloud.draw(this.wanted, areas, BACKGROUND);
+    this.drawn = this.cloud.draw(nodes, areas, BACKGROUND);
     this.drawOverlay();
     this.showState();
   }
@@ -248,7 +253,7 @@ export class EchoMap {
   // For scripts and tests: what is drawn, and whether more is to come.
   showState() {
     this.element.dataset.points = this.drawn;
-    this.element.dataset.complete = this.wanted.every((node) => this.cloud.nodes.has(node));
+    this.element.dataset.complete = Boolean(this.isWhole) && this.wanted.every((node) => this.cloud.nodes.has(node));
   }
 
   drawOverlay() {
@@ -290,9 +295,13 @@ export class EchoMap {
       const [left, top] = this.toScreen(this.marked);
       const isInside = left >= area.left && left <= area.left + area.width &&
         top >= area.top && top <= area.top + area.height;
-      if (!isInside) this.middle = this.marked.slice(0, 2);
+      if (!isInside) {
+        this.middle = this.marked.slice(0, 2);
+        this.moved();
+        return;
+      }
     }
-    this.moved();
+    this.drawOverlay();
   }
 
   drawMark() {
