@@ -12,7 +12,7 @@ import pytest
 from fullwaveform.analysis.pulse_table import PULSE_COLUMNS
 
 from ..support.command_line import run
-from ..support.hdf5_scenes import FIRST, STEP, GediScene, Shot, bump, two_beams
+from ..support.hdf5_scenes import FIRST, STEP, GediScene, Shot, bump, lvis_scene, two_beams
 from ..support.las_scenes import Point, Scene
 from ..support.pulsewaves_scenes import Descriptor, Pulse, Sampling
 from ..support.pulsewaves_scenes import Scene as PulseScene
@@ -96,6 +96,33 @@ def test_outgoing_pulses_of_pulsewaves(tmp_path: Path) -> None:
     found = pulses_of(path)
     assert found["outgoing_amplitude"] == [8.0]
     assert found["outgoing_position"] == [4.0]
+
+
+@pytest.mark.parametrize(
+    ("centre", "origin"),
+    [
+        # Along (3, 0, -4) of 5 m in 1,000 units of the anchor at (100, 200, 500).
+        (0, [100.0, 200.0, 500.0]),
+        (2000, [94.0, 200.0, 508.0]),
+        (-500, [101.5, 200.0, 498.0]),
+        (-1879048193, [np.nan] * 3),
+    ],
+)
+def test_origin_of_pulsewaves_is_the_optical_centre(
+    tmp_path: Path, centre: int, origin: list[float]
+) -> None:
+    pulse = Pulse(
+        [[(0, [1, 2, 3, 4])]], anchor=(10_000, 20_000, 50_000), target=(10_300, 20_000, 49_600)
+    )
+    scene = PulseScene([Descriptor(1, [Sampling()], centre=centre)], [pulse])
+    found = pulses_of(scene.write(tmp_path / "a.pls"))
+    np.testing.assert_allclose(place(found, "origin")[0], origin, rtol=0.0, atol=1e-9)
+
+
+def test_lvis_has_no_origin(tmp_path: Path) -> None:
+    found = pulses_of(lvis_scene("1.04").write(tmp_path / "a.h5"))
+    assert np.isnan(place(found, "origin")).all()
+    assert len(found["gps_time"]) == 3
 
 
 @pytest.mark.parametrize("size", ["1", "2", "1000"])

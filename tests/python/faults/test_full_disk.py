@@ -22,13 +22,19 @@ THRESHOLD = ("--threshold", "20")
 OUTPUTS: dict[str, tuple[str, ...]] = {
     **{f"echoes{ending}": ("extract", *THRESHOLD, "--block", "100") for ending in ECHO_ENDINGS},
     "scan.h5": ("convert",),
+    **{
+        f"metrics{ending}": ("metrics", "--block", "100", "--smoothing", "2")
+        for ending in (".csv", ".parquet", ".h5")
+    },
+    "pulses.parquet": ("pulses", "--block", "100"),
     "report.txt": ("report", "--waveform", "2"),
     "scanner.toml": ("system-wave", *THRESHOLD),
     "picture.png": ("plot", "--waveform", "2"),
     "picture.pdf": ("plot", "--waveform", "2"),
     "picture.svg": ("plot", "--waveform", "2"),
 }
-LARGE = [f"echoes{ending}" for ending in ECHO_ENDINGS] + ["scan.h5"]  # 10 kB and more
+#: 10 kB and more.
+LARGE = [name for name in OUTPUTS if name.startswith(("echoes", "metrics", "pulses", "scan.h5"))]
 
 
 def call_of(scan: Path, output: Path) -> Call:

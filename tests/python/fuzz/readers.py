@@ -10,6 +10,9 @@ from fullwaveform.core.scanner import Scanner
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.simulation import read_truth
 from fullwaveform.system_wave.sources import Input
+from fullwaveform.volumes.volume import VolumeSettings, write_volume
+from fullwaveform.waveform_metrics.compute import metrics
+from fullwaveform.waveform_metrics.settings import MetricsSettings
 
 
 def read_waveforms(path: Path) -> None:
@@ -24,6 +27,19 @@ def read_waveforms(path: Path) -> None:
             for block in reader.blocks():
                 assert block.counts.size == block.samples.shape[0]
                 assert block.counts.max(initial=0) <= block.samples.shape[1]
+
+
+def measure(path: Path) -> None:
+    """The metrics of the readable waveforms of a file."""
+    found = metrics(path, MetricsSettings(smoothing=2.0), workers=1, skip_unreadable=True)
+    assert len(found) > 0
+
+
+def fill_voxels(path: Path) -> None:
+    """A volume of the readable waveforms of a file."""
+    output = path.with_name("volume.tif")
+    with open_waveforms(path, waveforms_per_block=50) as reader:
+        write_volume(reader, output, VolumeSettings(2.0), overwrite=True)
 
 
 def read_description(path: Path) -> None:
@@ -52,6 +68,8 @@ READERS: dict[str, Callable[[Path], object]] = {
     "npz": read_waveforms,
     "gedi": read_waveforms,
     "lvis": read_waveforms,
+    "metrics": measure,
+    "voxels": fill_voxels,
     "toml": read_description,
     "csv": read_curve,
     "truth": read_truth,

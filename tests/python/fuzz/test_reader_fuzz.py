@@ -29,6 +29,7 @@ from fullwaveform.io.opening import open_waveforms
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
 from ..support.compressed_scenes import Compression, write_compressed
+from ..support.flight_lines import flight_line
 from ..support.pulsewaves_scenes import two_channels
 from .readers import READERS
 
@@ -119,6 +120,10 @@ def seeds(tmp_path_factory: pytest.TempPathFactory) -> dict[str, Path]:
     laspy.read(files.las).write(places["laz"], do_compress=True)
     places["laz"].with_suffix(".wdp").write_bytes(files.las.with_suffix(".wdp").read_bytes())
     scenes_module("pulsewaves_scenes").three_pulses().write(places["pls"])
+    flight_line(6).write(places["metrics"])
+    for suffix in (".las", ".wdp"):
+        target = places["voxels"].with_suffix(".voxels" if suffix == ".las" else suffix)
+        target.write_bytes(files.las.with_suffix(suffix).read_bytes())
     write_compressed(two_channels(), places["plz"], Compression(sizes=2))
     scenes_module("hdf5_scenes").two_beams().write(places["gedi"])
     scenes_module("hdf5_scenes").five_shots().write(places["lvis"])

@@ -73,9 +73,10 @@ class Descriptor:
     extra: bytes = b""  # before each pulse's samples
     unit: float = 1.0
     compression: int = 0
+    centre: int = 0  # time from the optical centre to the anchor
 
     def record(self) -> bytes:
-        start = struct.pack("<IIiHH", 92, 0, 0, len(self.extra), len(self.samplings))
+        start = struct.pack("<IIiHH", 92, 0, self.centre, len(self.extra), len(self.samplings))
         start += struct.pack("<fII64s", self.unit, self.compression, 0, b"text")
         return start + b"".join(sampling.record() for sampling in self.samplings)
 

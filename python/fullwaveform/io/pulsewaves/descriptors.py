@@ -24,6 +24,7 @@ _FIRST_RECORD_ID = 200_001  # of descriptor 1
 _LAST_RECORD_ID = 200_255  # of descriptor 255
 _COMPOSITION = struct.Struct("<IIiHHfII")
 _SAMPLING = struct.Struct("<IIBBBBffBBHIHHfI")
+_MAX_TO_ANCHOR = 10_000_000  # sampling units; larger values are marks of an unknown one
 _TEXT_SIZE = 64  # bytes, the last of a composition and of each sampling
 
 
@@ -60,6 +61,7 @@ class PulseDescriptor:
     unit_ns: float  # sampling unit: travel time of light for a thousandth of anchor to target
     compression: int  # 0 = none
     samplings: tuple[SamplingDescriptor, ...]
+    centre_to_anchor: float = 0.0  # from optical centre to anchor, sampling units; NaN if unknown
     is_short: bool = False  # with two segments where the file declares a fixed number of three
 
     @property
@@ -101,6 +103,9 @@ class SamplingTable:
         self.units_ns = np.array([_shortest(one.unit_ns) for one in self.samplings])
         self.is_short = np.array(
             [whole.is_short for whole in self.descriptors for _ in whole.samplings], dtype=bool
+        )
+        self.centres_to_anchors = np.array(
+            [whole.centre_to_anchor for whole in self.descriptors for _ in whole.samplings]
         )
         self.first_codes = np.cumsum([0, *(len(one.samplings) for one in self.descriptors)])
 
@@ -182,7 +187,7 @@ def _check_layout(sampling: SamplingDescriptor, name: str) -> None:
 def _descriptor(index: int, data: bytes, path: Path) -> PulseDescriptor:
     name = f"{path}: record of pulse descriptor {index}"
     size = _checked_size(data, 0, _COMPOSITION.size, name)
-    _, _, _, extra, count, unit, compression, _ = _COMPOSITION.unpack_from(data)
+    _, _, to_anchor, extra, count, unit, compression, _ = _COMPOSITION.unpack_from(data)
     samplings = []
     position = size
     for number in range(1, count + 1):
@@ -193,7 +198,10 @@ def _descriptor(index: int, data: bytes, path: Path) -> PulseDescriptor:
         kind, channel, _, duration_bits, scale, offset, *rest = fields[2:]
         samplings.append(SamplingDescriptor(kind, channel, duration_bits, scale, offset, *rest))
         position += size
-    return PulseDescriptor(index, extra, unit, compression, tuple(samplings))
+    known = abs(to_anchor) <= _MAX_TO_ANCHOR
+    return PulseDescriptor(
+        index, extra, unit, compression, tuple(samplings), to_anchor if known else math.nan
+    )
 
 
 def _checked_size(data: bytes, position: int, fields: int, name: str) -> int:

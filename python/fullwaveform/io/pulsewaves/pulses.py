@@ -268,14 +268,30 @@ def segment_geometry(
     -------
     Geometry whose anchors are the positions of the first samples, all at location 0.
     """
-    scales, offsets = np.array(header.scales), np.array(header.offsets)
     # Extreme scales can overflow; writers skip coordinates that are not finite.
     with np.errstate(over="ignore", invalid="ignore"):
-        # Subtracted as integers, so that large offsets cost no precision.
-        step = (rows["target"].astype(np.int64) - rows["anchor"]) * scales / TARGET_UNITS
-        first_samples = rows["anchor"] * scales + offsets + durations[:, np.newaxis] * step
+        anchors, step = _rays(rows, header)
+        first_samples = anchors + durations[:, np.newaxis] * step
         direction = -step / (1000.0 * units_ns)[:, np.newaxis]
     return PulseGeometry(anchor=first_samples, location=np.zeros(len(rows)), direction=direction)
+
+
+def optical_centres(
+    rows: Pulses, centres_to_anchors: FloatArray, header: PulseWavesHeader
+) -> FloatArray:
+    """Where the pulses (n,) left: (n, 3), at this time (n,) in sampling units before the anchor."""
+    with np.errstate(over="ignore", invalid="ignore"):
+        anchors, step = _rays(rows, header)
+        centres: FloatArray = anchors - centres_to_anchors[:, np.newaxis] * step
+    return centres
+
+
+def _rays(rows: Pulses, header: PulseWavesHeader) -> tuple[FloatArray, FloatArray]:
+    """Anchors (n, 3) of pulses, and the way of light per sampling unit (n, 3)."""
+    scales = np.array(header.scales)
+    # Subtracted as integers, so that large offsets cost no precision.
+    step = (rows["target"].astype(np.int64) - rows["anchor"]) * scales / TARGET_UNITS
+    return rows["anchor"] * scales + np.array(header.offsets), step
 
 
 def shot_attributes(rows: Pulses, pulses: PulseData) -> ShotAttributes:

@@ -29,6 +29,7 @@ from fullwaveform.io.pulsewaves.header import (
 from fullwaveform.io.pulsewaves.parts import open_parts
 from fullwaveform.io.pulsewaves.pulses import (
     PulseSurvey,
+    optical_centres,
     segment_geometry,
     shot_attributes,
     shot_times,
@@ -221,6 +222,9 @@ class PulseWavesReader(WaveformReader):
             attributes=shot_attributes(pulses, self._pulses),
             waveform_numbers=numbers,
             descriptors=run.table.channels[code],
+            origins=optical_centres(
+                pulses, run.table.centres_to_anchors[code], self._pulses.header
+            ),
             outgoing=self._outgoing(segments, run) if self._reads_outgoing else None,
         )
 

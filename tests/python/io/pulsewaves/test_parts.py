@@ -123,19 +123,21 @@ def test_a_range_of_blocks_starts_in_any_part(tmp_path: Path) -> None:
     assert joined([block for found in ranges for block in found]) == joined(everything)
 
 
-def test_waveform_whose_samples_run_into_those_of_another_part_is_read(tmp_path: Path) -> None:
-    """The next pulse of the list is in another file: its place says nothing on this one."""
+def test_third_segment_is_found_by_the_samples_of_its_own_file(tmp_path: Path) -> None:
+    """The next pulse of the line has its samples in another file, at a byte of this pulse's own."""
     three = Descriptor(1, [Sampling(segments=3, samples=2)])
     wide = Pulse([[(0, [1, 2]), (0, [3, 4]), (0, [5, 6])]], time=1)
-    second = Pulse([[(0, [7, 8]), (0, [9, 10]), (0, [11, 12])]], time=2)
-    parts = [
-        Scene([three], [wide, replace(wide, time=3)]).write(tmp_path / "a_1.pls"),
-        Scene([three], [second]).write(tmp_path / "a_2.pls"),
-    ]
-    with fw.open(parts) as reader:
+    narrow = Pulse([[(0, [7, 8]), (0, [9, 10])]], time=3)
+    first = Scene([three], [wide]).write(tmp_path / "a_1.pls")
+    path = tmp_path / "a_2.pls"
+    samples = Scene([three], [narrow, wide]).write(path).with_suffix(".wvs").read_bytes()
+    # The samples of the first file are the bytes 60 to 66.
+    listed = [replace(wide, time=2, offset=64), replace(narrow, offset=60)]
+    Scene([three], listed).write(path).with_suffix(".wvs").write_bytes(samples)
+    with fw.open([first, path]) as reader:
         (block,) = reader.blocks()
-        assert reader.tally.points_short == 0
-    assert block.samples[:, 0].tolist() == [1, 3, 5, 1, 3, 5, 7, 9, 11]
+        assert reader.tally.points_short == 1
+    assert block.samples[:, 0].tolist() == [1, 3, 5, 1, 3, 5, 7, 9]
 
 
 def test_damage_is_counted_for_each_part(tmp_path: Path) -> None:
