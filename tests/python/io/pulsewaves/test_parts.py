@@ -112,6 +112,27 @@ def test_standard_gps_times_are_adjusted_as_in_one_file(tmp_path: Path) -> None:
     )
 
 
+def test_header_covers_all_parts(tmp_path: Path) -> None:
+    """Times of two weeks are not seconds of a week, although those of the first part could be."""
+    first, second = (
+        Scene(
+            [Descriptor(1, [Sampling()])],
+            [Pulse([[(0, [1, 2, 3, 4])]], time=time)],
+            time_scale=1.0,
+            patches={304: ("<d", lowest), 312: ("<d", highest)},
+        ).write(tmp_path / f"a_{number}.pls")
+        for number, time, lowest, highest in ((1, 604_000, 1.0, 5.0), (2, 605_000, -2.0, 4.0))
+    )
+    for paths in ([first, second], [second, first]):
+        with fw.open(paths) as reader:
+            assert reader.header is not None
+            assert int(reader.header.global_encoding.gps_time_type) == 1
+            assert (reader.header.mins[0], reader.header.maxs[0]) == (-2.0, 5.0)
+    with fw.open(first) as reader:
+        assert reader.header is not None
+        assert int(reader.header.global_encoding.gps_time_type) == 0
+
+
 def test_a_range_of_blocks_starts_in_any_part(tmp_path: Path) -> None:
     parts = in_parts(flight_line(), [5, 6], tmp_path, compressed)
     with fw.open(parts, waveforms_per_block=4) as reader:

@@ -306,6 +306,7 @@ def test_type_of_gps_time(tmp_path: Path, offset: float, standard: int) -> None:
         # Both are before 2043: the offset counts.
         (1e-6, 1e8, 1_250_000_000_250_000, (0, 0), 1, 350_000_000.25),
         (1.0, 1.9e9, 50, (0, 0), 1, 900_000_050.0),
+        (1.0, 2.1e9, 50, (0, 0), 1, 1_100_000_050.0),
     ],
 )
 def test_standard_times_are_adjusted(
