@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import threading
 from collections.abc import Callable, Iterator
 from concurrent.futures import (
     BrokenExecutor,
@@ -21,6 +22,10 @@ import fullwaveform as fw
 from fullwaveform.cluster import read_parts
 from fullwaveform.cluster.connection import connected
 from fullwaveform.cluster.executors import ExecutorWorkers, local_executor, workers_of
+from fullwaveform.cluster.plan import open_inputs
+from fullwaveform.cluster.progress import JobProgress
+from fullwaveform.io.base import WaveformReader
+from fullwaveform.io.opening import open_waveforms
 
 from ..support.command_line import names, run
 from ..support.echo_tables import assert_same_rows
@@ -228,6 +233,21 @@ def test_scanner_of_the_files_is_used(tmp_path: Path) -> None:
     found = fw.extract_many([container], tmp_path / "parts", threshold=20)
     assert found.failures == {}
     assert found.echoes == len(fw.extract(container, threshold=20))
+
+
+def test_inputs_are_opened_several_at_a_time(sources: list[Path]) -> None:
+    both = threading.Barrier(2, timeout=60)  # passed only by two that wait at the same time
+
+    def look(reader: WaveformReader) -> int:
+        both.wait()
+        return reader.point_count
+
+    counts: list[int] = []
+    progress = JobProgress(lambda stage, done, total: counts.append(done))
+    found = open_inputs(sources, open_waveforms, look, progress)
+    assert [Path(file.path) for file, _ in found] == sources
+    assert [points for _, points in found] == [open_waveforms(s).point_count for s in sources]
+    assert counts == [1, 2]
 
 
 def test_many_short_units_run_in_processes() -> None:
