@@ -15,10 +15,12 @@ from multiprocessing import get_context
 from pathlib import Path
 from typing import Any
 
+import numpy as np
 import pyarrow.parquet
 import pytest
 
 import fullwaveform as fw
+from fullwaveform import Scanner
 from fullwaveform.cluster import read_parts
 from fullwaveform.cluster.connection import connected
 from fullwaveform.cluster.executors import ExecutorWorkers, local_executor, workers_of
@@ -26,6 +28,7 @@ from fullwaveform.cluster.plan import open_inputs
 from fullwaveform.cluster.progress import JobProgress
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.opening import open_waveforms
+from fullwaveform.io.scanner_file import scanner_text
 
 from ..support.command_line import names, run
 from ..support.echo_tables import assert_same_rows
@@ -228,11 +231,20 @@ def test_lost_executor_ends_the_run(
 
 def test_scanner_of_the_files_is_used(tmp_path: Path) -> None:
     scan = las_scan(tmp_path / "scan.las", shots=20)
-    container = tmp_path / "scan.h5"
-    assert run("convert", scan, container).exit_code == 0
-    found = fw.extract_many([container], tmp_path / "parts", threshold=20)
+    for name, unit in (("a", 0.25), ("b", 0.25), ("c", 0.5)):
+        scanner = tmp_path / f"{name}.toml"
+        described = Scanner.from_attributes({**Scanner.default().attributes, "ampl_unit": unit})
+        scanner.write_text(scanner_text(described), encoding="utf-8")
+        converted = run("convert", scan, tmp_path / f"{name}.h5", "--scanner", scanner)
+        assert converted.exit_code == 0, converted.output
+    paths = [tmp_path / "a.h5", tmp_path / "b.h5"]
+    found = fw.extract_many(paths, tmp_path / "parts", threshold=20)
     assert found.failures == {}
-    assert found.echoes == len(fw.extract(container, threshold=20))
+    table = parts_table(found.folder)
+    decibels = 20.0 * np.log10(table["amplitude"].to_numpy().astype(float) * 0.25)
+    assert table["amplitude_db"].to_numpy() == pytest.approx(decibels, abs=1e-3)
+    with pytest.raises(ValueError, match="the files contain different scanner descriptions"):
+        fw.extract_many([*paths, tmp_path / "c.h5"], tmp_path / "other", threshold=20)
 
 
 def test_inputs_are_opened_several_at_a_time(sources: list[Path]) -> None:
@@ -246,7 +258,11 @@ def test_inputs_are_opened_several_at_a_time(sources: list[Path]) -> None:
     progress = JobProgress(lambda stage, done, total: counts.append(done))
     found = open_inputs(sources, open_waveforms, look, progress)
     assert [Path(file.path) for file, _ in found] == sources
-    assert [points for _, points in found] == [open_waveforms(s).point_count for s in sources]
+    counted = []
+    for source in sources:
+        with open_waveforms(source) as reader:
+            counted.append(reader.point_count)
+    assert [points for _, points in found] == counted
     assert counts == [1, 2]
 
 

@@ -275,12 +275,23 @@ def gedi_scan(path: Path) -> Path:
     return GediScene({"BEAM0000": shots[:40], "BEAM0011": shots[40:]}).write(path)
 
 
-def scan_without_place(path: Path) -> Path:
+def scan_without_header(path: Path) -> Path:
+    """The first part has no echoes, and those of the others are kilometres apart."""
     rng = np.random.default_rng(4)
     time = np.arange(60)
     heights = rng.uniform(100.0, 200.0, 100)[:, None]
+    heights[:45] = 0.0
     pulses = heights * np.exp(-0.5 * ((time - rng.uniform(10, 50, 100)[:, None]) / 2.0) ** 2)
-    np.savez(path, samples=np.rint(pulses).astype(np.uint16), sampling_interval=1e-9)
+    number = np.arange(100.0)[:, None]
+    np.savez(
+        path,
+        samples=np.rint(pulses).astype(np.uint16),
+        sampling_interval=1e-9,
+        anchor=number * [117.0, 53.0, 0.3] + [4e5, 5e6, 100.0],
+        location=np.full(100, 3e4),
+        direction=np.tile([1e-5, 2e-5, 1.5e-4], (100, 1)),
+        gps_time=number[:, 0],
+    )
     return path
 
 
@@ -289,7 +300,7 @@ def scan_without_place(path: Path) -> Path:
     [
         *((las_scan, "a.las", ending) for ending in ("csv", "txt", "h5", "las", "laz", "parquet")),
         *((gedi_scan, "a.h5", ending) for ending in ("csv", "h5", "las", "parquet")),
-        (scan_without_place, "a.npz", "h5"),  # a LAS file has no echoes without a place
+        *((scan_without_header, "a.npz", ending) for ending in ("h5", "las")),
     ],
 )
 def test_joined_file_has_the_bytes_of_a_single_one(
