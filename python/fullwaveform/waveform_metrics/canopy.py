@@ -54,10 +54,10 @@ def canopies(
         (n,) of the angle between the pulse and the vertical.
     """
     above = _energy_above(values, top // PER_SAMPLE, returns)
-    energy = above[:, -1].copy()
+    place = ground / PER_SAMPLE
+    energy = _at(above, place, sample_height, np.zeros(1))[:, 0]
     weight = energy + settings.reflectance_ratio * returns.energy
     weight = np.where(weight > 0.0, weight, np.nan)
-    place = ground / PER_SAMPLE
 
     def gaps(heights: FloatArray) -> FloatArray:
         return 1.0 - _at(above, place, sample_height, heights) / weight[:, np.newaxis]

@@ -17,6 +17,9 @@ _FRONT = 2.08  # the fitted samples begin this far above the ground
 _TAIL = 10.4  # and end this far below it
 _LEAD = 0.695  # largest distance of the centre of the Gaussian above the ground
 _REACH = 17.4  # the return is subtracted up to here above the ground
+# Samples by which the subtracted return lies above the fitted one: in L2B places of the return
+# count from 1, and those of samples from 0.
+_ADVANCE = 1
 _WIDTHS = np.geomspace(0.5, 5.6, 33)  # of the return's Gaussian part
 _DECAY_STEP = 0.03  # ratio of neighbouring decays, minus 1
 
@@ -27,7 +30,7 @@ class GroundReturns:
 
     energy: FloatArray  # counts, sum over the samples
     width: FloatArray  # samples, standard deviation of the Gaussian part
-    values: Float32Array  # (n, m) counts: the return above the centre of its Gaussian part
+    values: Float32Array  # (n, m) counts: the return down to the ground, as it is subtracted
     last: IntArray  # sample at the last of these values; the first may lie before the record
 
 
@@ -57,7 +60,7 @@ def ground_returns(
     step = np.rint(np.log(np.maximum(decay, 1e-9)) / _DECAY_STEP).astype(np.int64)
     step = np.where(decay > 0.0, step, np.iinfo(np.int64).min)
     energy, width = np.zeros(len(values)), np.zeros(len(values))
-    model = np.zeros((len(values), window.reach - window.lead + 1), np.float32)
+    model = np.zeros((len(values), window.reach + 1), np.float32)
     groups, group = np.unique(np.column_stack([step, phase]), axis=0, return_inverse=True)
     order = np.argsort(group.ravel(), kind="stable")
     ends = np.cumsum(np.bincount(group.ravel(), minlength=len(groups)))
@@ -69,7 +72,7 @@ def ground_returns(
         energy[rows], width[rows], model[rows] = _fitted(
             cut[rows], window, rate, quarters / PER_SAMPLE
         )
-    return GroundReturns(energy, width, model, nearest - window.lead)
+    return GroundReturns(energy, width, model, nearest)
 
 
 @dataclass(frozen=True, slots=True)
@@ -127,7 +130,9 @@ def _fitted(
     square = np.einsum("nw,nw->n", fitted, fitted, dtype=np.float64)
     energy = np.maximum(np.einsum("nw,nw->n", cut, fitted, dtype=np.float64), 0.0) / square
     width = widths[lower] * (widths[1] / widths[0]) ** share[:, 0]
-    upper = shape[:, : window.reach - window.lead + 1] * energy.astype(np.float32)[:, np.newaxis]
+    upper = (
+        shape[:, _ADVANCE : window.reach + 1 + _ADVANCE] * energy.astype(np.float32)[:, np.newaxis]
+    )
     return energy, width, upper
 
 

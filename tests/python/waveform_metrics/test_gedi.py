@@ -71,8 +71,8 @@ def test_canopies_agree_with_l2b(computed: Columns, tmp_path: Path) -> None:
     # Where there is little canopy, its diversity depends on the lowest metre alone.
     dense = shots["cover"] > 0.1
     assert np.count_nonzero(dense) == 67
-    assert np.corrcoef(computed["fhd"][dense], shots["fhd_normal"][dense])[0, 1] > 0.99
-    assert np.corrcoef(computed["fhd"], shots["fhd_normal"])[0, 1] > 0.93
+    assert np.corrcoef(computed["fhd"][dense], shots["fhd_normal"][dense])[0, 1] > 0.995
+    assert np.corrcoef(computed["fhd"], shots["fhd_normal"])[0, 1] > 0.985
 
 
 def test_metrics_need_neither_fill_values_nor_flags(computed: Columns) -> None:
