@@ -8,8 +8,9 @@ from pathlib import Path
 import numpy as np
 import pytest
 
+import fullwaveform
 from fullwaveform.data.blocks import WaveformBlock
-from fullwaveform.data.columns import take_rows
+from fullwaveform.data.columns import Columns, take_rows
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
@@ -106,6 +107,25 @@ def test_positions_of_samples_agree_within_the_resolution(
         difference = places(found.geometry, 1e3 * sample) - places(expected.geometry, 1e3 * sample)
         # Half a millimetre for the anchor; the target, 1000 samples away, adds a 25th of one.
         assert np.abs(difference).max() < 0.00055
+
+
+def echoes(path: Path, workers: int) -> Columns:
+    with open_waveforms(path, waveforms_per_block=33, channel_flags=CHANNELS) as reader:
+        return fullwaveform.extract(reader, threshold=20, workers=workers).peaks
+
+
+@pytest.mark.parametrize("kind", ONE_PER_SHOT)
+def test_echoes_agree_for_any_number_of_workers(single_scans: dict[str, Path], kind: str) -> None:
+    # The beams of GEDI have levels of their own.
+    expected = echoes(single_scans["GEDI" if "GEDI" in kind else "npz"], 1)
+    one, *others = (echoes(single_scans[kind], workers) for workers in (1, 2, 5))
+    assert len(one["amplitude"]) > 100
+    for name in ("waveform_number", "echo_number", "echo_count", "position", "amplitude"):
+        assert np.array_equal(one[name], expected[name]), name
+    for other in others:
+        assert list(other) == list(one)
+        for name in one:
+            np.testing.assert_array_equal(other[name], one[name], err_msg=name)
 
 
 def test_container_of_a_gedi_file_has_its_blocks(single_scans: dict[str, Path]) -> None:
