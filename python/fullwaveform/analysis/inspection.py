@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from collections import Counter
 from collections.abc import Iterable, Mapping
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from typing import TypeVar
 
 import numpy as np
@@ -99,6 +99,7 @@ class FileContents:
     left_out: Mapping[str, int]  # reason -> readable shots that were not asked for
     rejected: Mapping[str, int]  # reason -> unreadable waveforms
     notes: tuple[str, ...]  # of the reader
+    sampled: bool = False  # whether only waveforms spread over the file were read
 
     @property
     def median_sample_count(self) -> float | None:
@@ -130,6 +131,15 @@ def inspect_waveforms(
     for block in reader.blocks() if blocks is None else blocks:
         sums.add(block)
     return sums.contents(_format_of(reader), reader)
+
+
+def inspect_sample(reader: WaveformReader) -> FileContents:
+    """As `inspect_waveforms`, of waveforms spread over the file.
+
+    Reads little of a large file. Points and shots of beams are those of the whole file, everything
+    else is of the sample; unreadable waveforms are left out.
+    """
+    return replace(inspect_waveforms(reader, reader.spread_blocks()), sampled=True)
 
 
 def _format_of(reader: WaveformReader) -> str:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 from collections.abc import Mapping
+from contextlib import ExitStack
 from dataclasses import asdict
 from itertools import pairwise
 from pathlib import Path
@@ -15,7 +16,7 @@ from rich.console import Console
 from rich.table import Table
 
 from fullwaveform.analysis.histograms import Histogram
-from fullwaveform.analysis.inspection import FileContents, Level, inspect_waveforms
+from fullwaveform.analysis.inspection import FileContents, Level, inspect_sample, inspect_waveforms
 from fullwaveform.analysis.origin import point_file
 from fullwaveform.calibration.levels import ChannelLevels
 from fullwaveform.calibration.outgoing_phase import OutgoingPhase
@@ -42,6 +43,7 @@ from fullwaveform.cli.summary import threshold_rows
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
+from fullwaveform.io.remote import is_remote
 
 _NANOSECONDS = 1e9
 _MAX_BAR, _MIN_BAR = 40, 8  # characters
@@ -56,6 +58,15 @@ def info(
     max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
     keep_degraded: KeepDegraded = False,
     channel: ChannelOption = None,
+    whole: Annotated[
+        bool | None,
+        typer.Option(
+            "--all/--sample",
+            show_default=False,
+            help="Read all waveforms, or a sample spread over the file. Default: all of a file, a "
+            "sample of a URL",
+        ),
+    ] = None,
     as_json: Annotated[bool, typer.Option("--json", help="Print machine-readable JSON")] = False,
     verbose: VerboseOption = False,
     quiet: Annotated[bool, typer.Option("-q", "--quiet", help="Print no progress")] = False,
@@ -67,6 +78,8 @@ def info(
         fullwaveform info scan.las
 
         fullwaveform info scan.las --channel 2=high --json
+
+        fullwaveform info s3://bucket/scan.las
     """
     refuse_quiet_and_verbose(quiet, verbose)
     options = ReaderOptions(
@@ -80,12 +93,14 @@ def info(
         if (points := point_file(source)) is not None:
             show_point_file(source, points, as_json=as_json)
             return
-        with (
-            options.open([source]) as reader,
-            blocks_with_progress(reader, quiet) as blocks,
-        ):
+        sampled = is_remote(source) if whole is None else not whole
+        with options.open([source]) as reader, ExitStack() as shown:
             reader.on_unreadable = print_line if verbose else None
-            contents = inspect_waveforms(reader, blocks)
+            if sampled:
+                contents = inspect_sample(reader)
+            else:
+                blocks = shown.enter_context(blocks_with_progress(reader, quiet))
+                contents = inspect_waveforms(reader, blocks)
         if as_json:
             typer.echo(json.dumps(_json(source, contents), indent=2))
         else:
@@ -101,6 +116,7 @@ def _json(source: Path, contents: FileContents) -> dict[str, Any]:
         "points_without_waveform": contents.points_without_waveform,
         "points_sharing_waveform": contents.points_sharing_waveform,
         "waveforms": contents.waveforms,
+        "sampled": contents.sampled,
         "shots": contents.shots,
         "samples": contents.samples,
         "samples_per_waveform": _pairs(contents.sample_counts, "samples"),
@@ -185,12 +201,15 @@ def _show(source: Path, contents: FileContents, console: Console) -> None:
 
 def _rows(contents: FileContents) -> list[tuple[str, str]]:
     """Names and values; without waveforms only the counts."""
-    rows = [
-        ("points", f"{contents.points:,}"),
-        ("points without waveform", f"{contents.points_without_waveform:,}"),
-        ("points sharing a waveform", f"{contents.points_sharing_waveform:,}"),
-        ("waveforms", f"{contents.waveforms:,}"),
-    ]
+    rows = [("points", f"{contents.points:,}")]
+    if contents.sampled:
+        rows.append(("waveforms", f"{contents.waveforms:,}, a sample spread over the file (--all)"))
+    else:
+        rows += [
+            ("points without waveform", f"{contents.points_without_waveform:,}"),
+            ("points sharing a waveform", f"{contents.points_sharing_waveform:,}"),
+            ("waveforms", f"{contents.waveforms:,}"),
+        ]
     rows += [(f"beam {name}", f"{count:,} shots") for name, count in contents.beams.items()]
     rows += [("left out", f"{count:,}: {reason}") for reason, count in contents.left_out.items()]
     if not contents.waveforms:

@@ -12,6 +12,7 @@ import typer
 
 from fullwaveform.io.atomic import FileKind, check_output, protected_inputs
 from fullwaveform.io.atomic_folder import check_folder
+from fullwaveform.io.remote import RemoteError
 
 OverwriteOption = Annotated[
     bool, typer.Option("--overwrite", help="Replace existing outputs, each by its own kind only")
@@ -45,4 +46,6 @@ def checked_outputs(
                 raise typer.BadParameter(str(error.strerror), param_hint=output.option) from error
             except IsADirectoryError:  # reported where it is opened
                 continue
+            except RemoteError as error:
+                raise typer.BadParameter(str(error), param_hint=output.option) from error
         yield

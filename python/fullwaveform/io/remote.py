@@ -11,7 +11,9 @@ import io
 import os
 import re
 import stat
+import threading
 from collections.abc import Iterator
+from contextlib import contextmanager
 from importlib import import_module
 from pathlib import Path, PurePosixPath
 from typing import IO, TYPE_CHECKING, Any, cast
@@ -31,6 +33,15 @@ _URL = re.compile(
 )
 #: Only in these a question mark begins a query; in the names of objects it is a character.
 WEB_SCHEMES = ("http", "https")
+
+
+class _Reads(threading.local):
+    """Of the thread, what the last remote read met that failed."""
+
+    failure: OSError | None = None
+
+
+_reads = _Reads()
 
 
 def location(path: str | os.PathLike[str]) -> Path:
@@ -258,6 +269,32 @@ class RemotePath(_PathMethods):
 
 class RemoteError(OSError):
     """A remote file cannot be used; the message names it and the reason."""
+
+
+@contextmanager
+def noted_failure() -> Iterator[None]:
+    """Note the error of a read for `remote_failures_first`."""
+    try:
+        yield
+    except OSError as error:
+        _reads.failure = error
+        raise
+
+
+@contextmanager
+def remote_failures_first() -> Iterator[None]:
+    """Raise the error of a remote read in place of what a library makes of it.
+
+    Decoders that read from file objects call every such error one of the format.
+    """
+    _reads.failure = None
+    try:
+        yield
+    except Exception as error:
+        failure, _reads.failure = _reads.failure, None
+        if failure is None or failure is error:
+            raise
+        raise failure from error
 
 
 def missing(path: RemotePath) -> FileNotFoundError:

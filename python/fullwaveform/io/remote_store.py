@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import errno
+import gc
 import io
 import threading
 import time
@@ -15,7 +16,7 @@ from pathlib import Path
 from typing import Any, TypeVar
 
 from fullwaveform.io.interruption import raise_if_requested
-from fullwaveform.io.remote import WEB_SCHEMES, RemoteError, RemotePath, missing
+from fullwaveform.io.remote import WEB_SCHEMES, RemoteError, RemotePath, missing, noted_failure
 
 _Result = TypeVar("_Result")
 
@@ -26,9 +27,10 @@ WAITS = (0.2, 0.5, 1.0, 2.0)
 SILENCE = 30.0
 _TEMPORARY = (408, 425, 429, 500, 502, 503, 504)  # HTTP status
 
-_BLOCK = 1 << 14  # bytes; smaller reads are rounded up to it
+_BLOCK = 1 << 14  # bytes; every read is rounded up to it
 _MAX_READ_AHEAD = 1 << 22  # bytes; reached by doubling while reads follow each other
-_CACHED = 1 << 24  # bytes kept of a file
+_MAX_FETCH = 1 << 24  # bytes of a request
+_CACHED = 1 << 26  # bytes kept of a file: readers pass over a block several times
 _PIECE = 1 << 24  # bytes of a part of an upload
 _MAX_PIECES = 9_000  # stores accept 10,000 parts
 # Packages beyond those of the extra "remote", by scheme.
@@ -38,8 +40,8 @@ _PACKAGES = {"gs": "gcsfs", "gcs": "gcsfs", "abfs": "adlfs", "az": "adlfs"}
 class RemoteSource:
     """The bytes of a remote file, as it was when this object was made; for several threads.
 
-    Reads of less than a block, and reads that follow each other, are served from a cache of bounded
-    size; others fetch just what they need, each in one request.
+    They are fetched in blocks, neighbouring ones in one request, and kept in a cache of bounded
+    size. Reads that follow each other fetch more and more ahead.
     """
 
     def __init__(self, path: RemotePath) -> None:
@@ -86,34 +88,39 @@ class RemoteSource:
     def read_into(self, buffer: memoryview, position: int) -> int:
         """Fill the buffer with the bytes from `position` on; fewer at the end of the file."""
         length = max(min(len(buffer), self.size - position), 0)
+        stop = -(-(position + length) // _BLOCK)
         with self._lock:
             follows, self._end = position == self._end, position + length
-            if length >= (_MAX_READ_AHEAD if follows else _BLOCK):
-                buffer[:length] = self._fetched(position, length)
-                return length
             done = 0
             while done < length:
-                block, offset = divmod(position + done, _BLOCK)
-                content = self._block(block, length - done + offset, follows=follows)
-                content = content[offset : offset + length - done]
-                buffer[done : done + len(content)] = content
-                done += len(content)
+                number, offset = divmod(position + done, _BLOCK)
+                if number in self._blocks:
+                    self._blocks.move_to_end(number)
+                    block = self._blocks[number]
+                else:
+                    block = self._fetch(number, stop, follows=follows)
+                part = memoryview(block)[offset : offset + length - done]
+                buffer[done : done + len(part)] = part
+                done += len(part)
         return length
 
-    def _block(self, number: int, wanted: int, *, follows: bool) -> bytes:
-        """A block; `wanted` bytes from its start on, or more in a sequence, are fetched with it."""
-        if number not in self._blocks:
-            begin = number * _BLOCK
-            self._ahead = min(2 * self._ahead, _MAX_READ_AHEAD) if follows else _BLOCK
-            blocks = -(-max(self._ahead, wanted) // _BLOCK)
-            content = self._fetched(begin, min(blocks * _BLOCK, self.size - begin))
-            for start in range(0, len(content), _BLOCK):
-                self._blocks[number + start // _BLOCK] = content[start : start + _BLOCK]
-                self._blocks.move_to_end(number + start // _BLOCK)
-            while len(self._blocks) * _BLOCK > _CACHED:
-                self._blocks.popitem(last=False)
-        self._blocks.move_to_end(number)
-        return self._blocks[number]
+    def _fetch(self, number: int, stop: int, *, follows: bool) -> bytes:
+        """Fetch the missing blocks from `number` to `stop`, more in a sequence; return the first.
+
+        One request, which ends at the first block that is there already.
+        """
+        self._ahead = min(2 * self._ahead, _MAX_READ_AHEAD) if follows else _BLOCK
+        wanted = min(max(stop, number + self._ahead // _BLOCK), number + _MAX_FETCH // _BLOCK)
+        after = number + 1
+        while after < wanted and after not in self._blocks:
+            after += 1
+        begin = number * _BLOCK
+        content = self._fetched(begin, min(after * _BLOCK, self.size) - begin)
+        for start in range(0, len(content), _BLOCK):
+            self._blocks[number + start // _BLOCK] = content[start : start + _BLOCK]
+        while len(self._blocks) * _BLOCK > _CACHED:
+            self._blocks.popitem(last=False)
+        return content[:_BLOCK]
 
     def _fetched(self, position: int, length: int) -> bytes:
         def fetch() -> bytes:
@@ -157,9 +164,40 @@ class RemoteFile(io.RawIOBase):
 
     def readinto(self, buffer: Any) -> int:
         """Fill the buffer; fewer bytes only at the end of the file."""
-        done = self._source.read_into(memoryview(buffer).cast("B"), self._position)
+        with noted_failure(), _collector_pause:
+            done = self._source.read_into(memoryview(buffer).cast("B"), self._position)
         self._position += done
         return done
+
+
+class _CollectorPause:
+    """Pauses the garbage collector of Python inside ``with`` statements, in any thread.
+
+    h5py holds a lock while it reads from a file object. If the collector ran in the thread that
+    serves the requests and found an object of h5py there, that thread would wait for this lock, and
+    so for itself.
+    """
+
+    def __init__(self) -> None:
+        self._lock = threading.Lock()
+        self._count = 0
+        self._was_enabled = True
+
+    def __enter__(self) -> None:
+        with self._lock:
+            if self._count == 0:
+                self._was_enabled = gc.isenabled()
+                gc.disable()
+            self._count += 1
+
+    def __exit__(self, *error: object) -> None:
+        with self._lock:
+            self._count -= 1
+            if self._count == 0 and self._was_enabled:
+                gc.enable()
+
+
+_collector_pause = _CollectorPause()
 
 
 def open_source(path: RemotePath) -> RemoteSource:
@@ -172,7 +210,10 @@ def is_folder(path: RemotePath) -> bool:
     if path.scheme in WEB_SCHEMES:
         return False
     system, name = _system(path)
-    return bool(_attempted(path, "read", lambda: system.isdir(name)))
+    try:
+        return bool(_attempted(path, "read", lambda: system.isdir(name)))
+    except FileNotFoundError:
+        return False
 
 
 def file_names(path: RemotePath) -> list[str]:
@@ -221,12 +262,16 @@ def upload(content: Path, path: RemotePath, *, replace: bool) -> None:
             system.pipe_file(name, content.read_bytes(), mode=mode)
         else:
             _upload(system, name, content, "wb" if replace else "xb")
-    except FileExistsError as error:
-        text = f"{path} already exists; use --overwrite (overwrite=True) to replace it"
-        raise FileExistsError(errno.EEXIST, text) from error
     except FileNotFoundError as error:
         raise RemoteError(f"cannot write {path}: its bucket does not exist") from error
     except Exception as error:
+        number = getattr(error, "errno", None)
+        if isinstance(error, FileExistsError) or (not replace and number == errno.EINVAL):
+            text = f"{path} already exists; use --overwrite (overwrite=True) to replace it"
+            raise FileExistsError(errno.EEXIST, text) from error
+        if not replace and number == errno.ENOSYS:  # the store has no conditional requests
+            upload(content, path, replace=True)
+            return
         raise _failure(path, "write", error, 1) from _shown(path, error)
 
 
@@ -290,16 +335,16 @@ def _attempted(path: RemotePath, verb: str, call: Callable[[], _Result]) -> _Res
         try:
             return call()
         except Exception as error:
-            if wait is None or not _is_temporary(_original(error)):
+            if wait is None or not _is_temporary(_original(path, error)):
                 raise _failure(path, verb, error, attempt) from _shown(path, error)
         raise_if_requested()
         time.sleep(wait)
     raise AssertionError
 
 
-def _original(error: Exception) -> BaseException:
+def _original(path: RemotePath, error: Exception) -> BaseException:
     """The error of the request: for any of them fsspec reports that a web page is missing."""
-    is_masked = isinstance(error, FileNotFoundError) and error.__cause__ is not None
+    is_masked = path.scheme in WEB_SCHEMES and isinstance(error, FileNotFoundError)
     return error.__cause__ or error if is_masked else error
 
 
@@ -315,7 +360,7 @@ def _is_temporary(error: BaseException) -> bool:
 
 def _failure(path: RemotePath, verb: str, error: Exception, attempts: int) -> OSError:
     """The error to raise for one of fsspec or a library below it."""
-    original = _original(error)
+    original = _original(path, error)
     status = getattr(original, "status", None)
     if status in (404, 410) or isinstance(original, FileNotFoundError):
         return missing(path)

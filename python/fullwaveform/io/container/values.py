@@ -12,6 +12,7 @@ import numpy as np
 
 from fullwaveform.data.arrays import AnyArray
 from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.remote import RemoteError, remote_failures_first
 
 
 def stored_text(text: str) -> AnyArray:
@@ -34,8 +35,9 @@ def plain_value(value: Any) -> Any:
 def damaged_file_errors(path: Path, part: str) -> Iterator[None]:
     """Replace any error of h5py or of an unusable value by a WaveformFileError."""
     try:
-        yield
-    except (WaveformFileError, MemoryError):
+        with remote_failures_first():
+            yield
+    except (WaveformFileError, MemoryError, RemoteError):
         raise
     except Exception as error:  # h5py raises OSError, KeyError, RuntimeError, TypeError, ...
         raise WaveformFileError(

@@ -24,7 +24,7 @@ from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.echo_readers.quantities import QUANTITY_COLUMNS, fill_quantities
 from fullwaveform.io.echo_readers.shot_numbers import SHOT_COLUMNS, fill_shots
 from fullwaveform.io.limits import SURVEY_CHUNK
-from fullwaveform.io.remote import path_or_stream
+from fullwaveform.io.remote import RemoteError, path_or_stream, remote_failures_first
 from fullwaveform.io.run_record import RUN_METADATA_KEY
 
 _COLUMNS = frozenset({"x", "y", "z", "gps_time", "echo_number"}) | QUANTITY_COLUMNS | SHOT_COLUMNS
@@ -207,8 +207,9 @@ def _records(
 def _errors(path: Path, kind: str) -> Iterator[None]:
     """Replace the errors of the libraries by a WaveformFileError."""
     try:
-        yield
-    except (WaveformFileError, MemoryError, GeneratorExit):
+        with remote_failures_first():
+            yield
+    except (WaveformFileError, MemoryError, GeneratorExit, RemoteError):
         raise
     except Exception as error:  # pyarrow, h5py, zipfile and NumPy raise many types
         if isinstance(error, OSError) and error.errno is not None:

@@ -13,6 +13,7 @@ import numpy as np
 import numpy.typing as npt
 
 from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.remote import remote_failures_first
 
 _POSITION = struct.Struct("<q")
 _VERSION = struct.Struct("<4xBB")  # of the compression, after compressor and coder
@@ -95,7 +96,8 @@ def scanner_channels(points: npt.NDArray[np.void]) -> set[int]:
 def decoder_errors(context: str) -> Iterator[None]:
     """Replace any error of laspy and its decompressors by a WaveformFileError."""
     try:
-        yield
+        with remote_failures_first():
+            yield
     except OSError:
         raise
     except Exception as error:

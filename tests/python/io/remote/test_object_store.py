@@ -1,0 +1,210 @@
+"""Files in an object store: inputs, and outputs that appear when they are complete."""
+
+from __future__ import annotations
+
+import re
+import signal
+from collections.abc import Iterator
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+import pytest
+
+import fullwaveform as fw
+from fullwaveform.cli.signals import raise_on_signals
+from fullwaveform.io import remote_store
+from fullwaveform.io.atomic import ANY_FILE, atomic_path
+from fullwaveform.io.companions import with_companions
+from fullwaveform.io.opening import open_waveforms
+from fullwaveform.io.remote import location
+
+from ...support.command_line import assert_error, run
+from ...support.row_scenes import same
+
+MEBIBYTE = 1 << 20
+
+
+@pytest.fixture(scope="session")
+def store_address() -> Iterator[str]:
+    """An object store on a free port of this machine."""
+    from moto.server import ThreadedMotoServer
+
+    server = ThreadedMotoServer(ip_address="127.0.0.1", port=0, verbose=False)
+    server.start()
+    host, port = server.get_host_and_port()
+    yield f"http://{host}:{port}"
+    server.stop()
+
+
+@pytest.fixture
+def bucket(store_address: str, monkeypatch: pytest.MonkeyPatch) -> Iterator[Any]:
+    """A client of the store with the empty bucket "scans"; the environment has the credentials."""
+    import boto3
+
+    for name, value in {
+        "AWS_ACCESS_KEY_ID": "key",
+        "AWS_SECRET_ACCESS_KEY": "secret",
+        "AWS_DEFAULT_REGION": "us-east-1",
+        "AWS_ENDPOINT_URL": store_address,
+        "AWS_MAX_ATTEMPTS": "2",
+    }.items():
+        monkeypatch.setenv(name, value)
+    client = boto3.client("s3")
+    client.create_bucket(Bucket="scans")
+    yield client
+    for name in keys(client):
+        client.delete_object(Bucket="scans", Key=name)
+
+
+def keys(client: Any) -> list[str]:
+    return [one["Key"] for one in client.list_objects_v2(Bucket="scans").get("Contents", [])]
+
+
+def unfinished_uploads(client: Any) -> list[str]:
+    return [one["Key"] for one in client.list_multipart_uploads(Bucket="scans").get("Uploads", [])]
+
+
+def store(client: Any, path: Path) -> str:
+    """Stores a file and its companions; returns the URL."""
+    for file in {one for one in with_companions(path) if one.is_file()}:
+        client.put_object(Bucket="scans", Key=f"in/{file.name}", Body=file.read_bytes())
+    return f"s3://scans/in/{path.name}"
+
+
+@pytest.mark.parametrize("name", ["las", "laz", "compressed pulsewaves", "gedi"])
+def test_blocks_are_those_of_the_local_file(
+    bucket: Any, formats: dict[str, Path], name: str
+) -> None:
+    url = store(bucket, formats[name])
+    with open_waveforms(formats[name]) as local, open_waveforms(url) as remote:
+        ours, theirs = list(local.blocks()), list(remote.blocks())
+    assert all(same(one, other) for one, other in zip(ours, theirs, strict=True))
+
+
+@pytest.mark.parametrize("ending", ["las", "laz", "csv", "parquet", "h5"])
+def test_command_writes_what_it_writes_locally(
+    bucket: Any, formats: dict[str, Path], tmp_path: Path, ending: str
+) -> None:
+    url = store(bucket, formats["gedi"])
+    for source, target in (
+        (url, f"s3://scans/out/echoes.{ending}"),
+        (formats["gedi"], tmp_path / f"echoes.{ending}"),
+    ):
+        result = run("extract", source, "-o", target, "--quiet")
+        assert result.exit_code == 0, result.output
+    ours = {f"out/{path.name}": path.read_bytes() for path in tmp_path.iterdir()}
+    found = [key for key in keys(bucket) if key.startswith("out/")]
+    stored = {key: bucket.get_object(Bucket="scans", Key=key)["Body"].read() for key in found}
+    assert stored == ours
+
+
+def test_existing_object_is_replaced_only_by_its_kind_when_asked(
+    bucket: Any, formats: dict[str, Path]
+) -> None:
+    found = fw.extract(formats["gedi"])
+    found.write("s3://scans/echoes.parquet")
+    with pytest.raises(FileExistsError, match=r"s3://scans/echoes\.parquet already exists"):
+        found.write("s3://scans/echoes.parquet")
+    found.write("s3://scans/echoes.parquet", overwrite=True)
+    other = b"of somebody else"
+    bucket.put_object(Bucket="scans", Key="other.parquet", Body=other)
+    with pytest.raises(FileExistsError, match="is not a Parquet file of echoes"):
+        found.write("s3://scans/other.parquet", overwrite=True)
+    assert bucket.get_object(Bucket="scans", Key="other.parquet")["Body"].read() == other
+
+
+def test_input_is_not_replaced(bucket: Any, formats: dict[str, Path]) -> None:
+    url = store(bucket, formats["las"])
+    result = run("extract", url, "-o", url, "--overwrite")
+    assert result.exit_code == 2
+    assert "is the input file" in result.stderr
+    assert sorted(keys(bucket)) == ["in/scan.las", "in/scan.wdp"]
+
+
+@pytest.mark.parametrize("size", [1000, 13 * MEBIBYTE])
+def test_object_that_appears_during_the_run_is_kept(
+    bucket: Any, monkeypatch: pytest.MonkeyPatch, size: int
+) -> None:
+    monkeypatch.setattr(remote_store, "_PIECE", 6 * MEBIBYTE)
+    with (
+        pytest.raises(FileExistsError, match="s3://scans/new already exists"),
+        atomic_path("s3://scans/new", ANY_FILE) as temporary,
+    ):
+        temporary.write_bytes(bytes(size))
+        bucket.put_object(Bucket="scans", Key="new", Body=b"first")
+    assert bucket.get_object(Bucket="scans", Key="new")["Body"].read() == b"first"
+    assert unfinished_uploads(bucket) == []
+    assert not temporary.exists()
+
+
+def test_large_output_is_one_object(bucket: Any, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(remote_store, "_PIECE", 6 * MEBIBYTE)
+    content = np.random.default_rng(1).bytes(13 * MEBIBYTE)
+    with atomic_path("s3://scans/large", ANY_FILE) as temporary:
+        temporary.write_bytes(content)
+    assert bucket.get_object(Bucket="scans", Key="large")["Body"].read() == content
+    # Of three parts, as the entity tag says.
+    assert bucket.head_object(Bucket="scans", Key="large")["ETag"].endswith('-3"')
+
+
+@pytest.mark.parametrize("error", [ValueError("invalid"), KeyboardInterrupt()])
+def test_failed_run_stores_nothing(bucket: Any, error: BaseException) -> None:
+    with (
+        pytest.raises(type(error)),
+        atomic_path("s3://scans/out", ANY_FILE) as temporary,
+    ):
+        temporary.write_bytes(b"half")
+        raise error
+    assert keys(bucket) == []
+    assert not temporary.exists()
+
+
+def test_signal_during_the_upload_leaves_nothing(
+    bucket: Any, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setattr(remote_store, "_PIECE", 6 * MEBIBYTE)
+    open_file = remote_store._system(location("s3://scans/out"))[0].__class__.open  # type: ignore[arg-type]
+
+    def interrupted(self: Any, *arguments: Any, **options: Any) -> Any:
+        target = open_file(self, *arguments, **options)
+        write = target.write
+
+        def write_and_signal(part: bytes) -> Any:
+            written = write(part)
+            signal.raise_signal(signal.SIGTERM)
+            return written
+
+        target.write = write_and_signal
+        return target
+
+    monkeypatch.setattr("s3fs.S3FileSystem.open", interrupted)
+    with (
+        pytest.raises(KeyboardInterrupt),
+        raise_on_signals(),
+        atomic_path("s3://scans/out", ANY_FILE) as temporary,
+    ):
+        temporary.write_bytes(bytes(13 * MEBIBYTE))
+    assert keys(bucket) == []
+    assert unfinished_uploads(bucket) == []
+
+
+def test_missing_bucket_is_reported_before_the_work(bucket: Any, formats: dict[str, Path]) -> None:
+    result = run("extract", formats["gedi"], "-o", "s3://nowhere/echoes.csv", "--quiet")
+    assert_error(result, "cannot write s3://nowhere/echoes.csv", "does not exist")
+
+
+def test_missing_object(bucket: Any) -> None:
+    with pytest.raises(FileNotFoundError) as caught:
+        open_waveforms("s3://scans/missing.las")
+    assert caught.value.filename == "s3://scans/missing.las"
+
+
+def test_object_that_is_replaced_while_it_is_read(bucket: Any) -> None:
+    bucket.put_object(Bucket="scans", Key="f", Body=bytes(MEBIBYTE))
+    with location("s3://scans/f").open("rb") as stream:
+        stream.read(10)
+        bucket.put_object(Bucket="scans", Key="f", Body=b"1" * MEBIBYTE)
+        stream.seek(900_000)
+        with pytest.raises(OSError, match=re.escape("s3://scans/f has been replaced")):
+            stream.read(10)

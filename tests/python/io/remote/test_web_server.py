@@ -1,0 +1,225 @@
+"""Files on a web server: what is read of them, and what happens when the server fails."""
+
+from __future__ import annotations
+
+import gc
+import re
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+import fullwaveform as fw
+from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io import remote_store
+from fullwaveform.io.companions import with_companions
+from fullwaveform.io.opening import open_waveforms
+from fullwaveform.io.remote import location
+
+from ...support.row_scenes import same
+from ...support.web_server import ServedFile, WebServer
+
+FORMATS = [
+    "las",
+    "las with packets",
+    "laz",
+    "pulsewaves",
+    "compressed pulsewaves",
+    "gedi",
+    "lvis",
+    "container",
+    "npz",
+]
+# No two parts of it are equal.
+CONTENT = np.arange(1 << 18, dtype="<u4").tobytes()
+
+
+def serve(server: WebServer, path: Path) -> str:
+    """Serves a file and its companions; returns the URL."""
+    for file in {one for one in with_companions(path) if one.is_file()}:
+        server.files[file.name] = ServedFile.of(file.read_bytes())
+    return server.url(path.name)
+
+
+@pytest.mark.parametrize("name", FORMATS)
+def test_blocks_are_those_of_the_local_file(
+    server: WebServer, formats: dict[str, Path], name: str
+) -> None:
+    url = serve(server, formats[name])
+    with open_waveforms(formats[name]) as local, open_waveforms(url) as remote:
+        local.with_outgoing = remote.with_outgoing = True
+        ours, theirs = list(local.blocks()), list(remote.blocks())
+    assert len(ours) == len(theirs) > 0
+    assert all(same(one, other) for one, other in zip(ours, theirs, strict=True))
+
+
+def test_extraction_of_a_url(server: WebServer, formats: dict[str, Path]) -> None:
+    found = fw.extract(serve(server, formats["gedi"]))
+    expected = fw.extract(formats["gedi"])
+    assert len(found) == len(expected) > 0
+    for column in expected.peaks:
+        np.testing.assert_array_equal(found.peaks[column], expected.peaks[column])
+    with pytest.raises(OSError, match=r"cannot write http://.*web servers take no files"):
+        found.write(server.url("echoes.csv"))
+
+
+@pytest.mark.parametrize("fault", ["503", "cut", "silent"])
+@pytest.mark.parametrize("name", ["las", "laz", "lvis"])
+def test_temporary_failures_are_repeated(
+    server: WebServer,
+    formats: dict[str, Path],
+    monkeypatch: pytest.MonkeyPatch,
+    name: str,
+    fault: str,
+) -> None:
+    monkeypatch.setattr(remote_store, "_CACHED", 0)  # so that every read is a request
+    with open_waveforms(formats[name]) as local:
+        expected = list(local.blocks())
+    url = serve(server, formats[name])
+    with open_waveforms(url) as reader:
+        server.faults += [fault, fault]  # the second one for the repetition
+        blocks = list(reader.blocks())
+    assert server.faults == []
+    assert all(same(one, other) for one, other in zip(blocks, expected, strict=True))
+
+
+@pytest.mark.parametrize(
+    ("fault", "reason"),
+    [
+        ("503", "HTTP 503"),
+        ("cut", "payload is not completed"),
+        ("silent", "no answer within 0.5 s|Timeout"),
+    ],
+)
+@pytest.mark.parametrize("name", ["las", "laz", "pulsewaves", "compressed pulsewaves", "gedi"])
+def test_lasting_failure_names_url_and_reason(
+    server: WebServer,
+    formats: dict[str, Path],
+    monkeypatch: pytest.MonkeyPatch,
+    name: str,
+    fault: str,
+    reason: str,
+) -> None:
+    monkeypatch.setattr(remote_store, "_CACHED", 0)
+    url = serve(server, formats[name])
+    with open_waveforms(url) as reader:
+        server.always = fault
+        expected = rf"cannot read {re.escape(server.url(''))}.*({reason}).*gave up after 3 attempts"
+        with pytest.raises(OSError, match=expected):
+            list(reader.blocks())
+
+
+def test_connection_refused() -> None:
+    with pytest.raises(OSError, match=r"cannot read http://127\.0\.0\.1:1/scan\.las: "):
+        open_waveforms("http://127.0.0.1:1/scan.las")
+
+
+def test_missing_file(server: WebServer) -> None:
+    with pytest.raises(FileNotFoundError) as caught:
+        open_waveforms(server.url("scan.las"))
+    assert caught.value.filename == server.url("scan.las")
+
+
+def test_missing_companion(server: WebServer, formats: dict[str, Path]) -> None:
+    url = serve(server, formats["las"])
+    del server.files["scan.wdp"]
+    with pytest.raises(FileNotFoundError, match=re.escape(server.url("scan.wdp"))):
+        open_waveforms(url)
+
+
+def test_other_content_is_no_waveform_file(server: WebServer) -> None:
+    server.files["page"] = ServedFile.of(b"<html>not found</html>")
+    with pytest.raises(WaveformFileError, match=r"http://.*/page is not a waveform file"):
+        open_waveforms(server.url("page"))
+
+
+def test_server_without_ranges(server: WebServer) -> None:
+    server.files["scan.las"] = ServedFile.of(CONTENT)
+    server.with_ranges = False
+    with (
+        location(server.url("scan.las")).open("rb") as stream,
+        pytest.raises(OSError, match=r"scan\.las: the server does not send parts of files"),
+    ):
+        stream.seek(500_000)
+        stream.read(10)
+
+
+def test_file_that_is_replaced_while_it_is_read(server: WebServer) -> None:
+    server.files["scan.las"] = ServedFile.of(CONTENT)
+    with location(server.url("scan.las")).open("rb") as stream:
+        stream.read(10)
+        server.files["scan.las"] = ServedFile.of(CONTENT[::-1], tag='"2"')
+        stream.seek(500_000)
+        with pytest.raises(OSError, match="has been replaced while it was read"):
+            stream.read(10)
+
+
+def test_small_reads_that_follow_each_other_are_few_requests(server: WebServer) -> None:
+    server.files["f"] = ServedFile.of(CONTENT)
+    with location(server.url("f")).open("rb") as stream:
+        parts = [stream.read(1000) for _ in range(len(CONTENT) // 1000 + 1)]
+    assert b"".join(parts) == CONTENT
+    # 16 KiB at first, then twice as much each time: 32 + 64 + ... reaches 1 MiB in six requests.
+    assert server.requests <= 7
+    assert server.sent == len(CONTENT)
+
+
+def test_nothing_is_fetched_twice(server: WebServer) -> None:
+    server.files["f"] = ServedFile.of(CONTENT)
+    with location(server.url("f")).open("rb") as stream:
+        for begin in (600_000, 300_000, 0):
+            stream.seek(begin)
+            assert stream.read(400_000) == CONTENT[begin : begin + 400_000]
+    assert server.requests == 3
+    # Each read is rounded to blocks of 16 KiB.
+    assert server.sent == -(-1_000_000 // 16_384) * 16_384
+
+
+def test_reads_at_any_position(server: WebServer) -> None:
+    server.files["f"] = ServedFile.of(CONTENT)
+    generator = np.random.default_rng(1)
+    with location(server.url("f")).open("rb") as stream:
+        for begin, length in zip(
+            generator.integers(0, len(CONTENT), 60), generator.integers(0, 50_000, 60), strict=True
+        ):
+            stream.seek(begin)
+            assert stream.read(length) == CONTENT[begin : begin + length]
+
+
+def test_cache_is_bounded(server: WebServer, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(remote_store, "_CACHED", 8 << 20)
+    size = 20 << 20
+    server.files["f"] = ServedFile(size, lambda begin, end: bytes(end - begin))
+    path = location(server.url("f"))
+    with path.open("rb") as stream:
+        while stream.read(1 << 20):
+            pass
+        kept = path.source._blocks  # type: ignore[attr-defined]
+        assert sum(map(len, kept.values())) <= 8 << 20
+
+
+def test_credentials_are_in_no_message(server: WebServer) -> None:
+    server.always = "403"
+    url = f"http://someone:pass%77ord@{server.address}/scan.las?token=s3cr3t&x=1#part"
+    with pytest.raises(OSError, match="HTTP 403") as caught:
+        open_waveforms(url)
+    text = f"{caught.value} {caught.value!r} {caught.value.__cause__!r}"
+    assert f"http://{server.address}/scan.las?..." in text
+    for secret in ("someone", "pass%77ord", "password", "s3cr3t", "token"):
+        assert secret not in text
+    assert caught.value.__suppress_context__  # also in the traceback
+
+
+def test_collector_pauses_while_a_library_reads(server: WebServer) -> None:
+    """In the thread of the requests it could wait for a lock that the reading thread holds."""
+    enabled = []
+
+    def part(begin: int, end: int) -> bytes:
+        enabled.append(gc.isenabled())
+        return bytes(end - begin)
+
+    server.files["f"] = ServedFile(100, part)
+    with location(server.url("f")).open("rb") as stream:
+        stream.read(10)
+    assert enabled == [False]
+    assert gc.isenabled()
