@@ -74,14 +74,14 @@ def _join_csv(parts: Sequence[Path], output: Path, overwrite: bool) -> None:
 def _join_parquet(parts: Sequence[Path], output: Path, overwrite: bool) -> None:
     import pyarrow.parquet as pq
 
-    from fullwaveform.io.echo_writers.parquet import ROWS_PER_GROUP
+    from fullwaveform.io.echo_writers.parquet import ROWS_PER_GROUP, parquet_writer
     from fullwaveform.io.echo_writers.row_groups import RowGroups
 
     groups = RowGroups(ROWS_PER_GROUP)
     schema = pq.read_schema(parts[0])
     with (
         atomic_open(output, echo_outputs(output)[output], overwrite=overwrite) as stream,
-        pq.ParquetWriter(stream, schema, compression="zstd") as writer,
+        parquet_writer(stream, schema) as writer,
     ):
         for part in parts:
             # As a file, not as a data set, which would take columns from its name.

@@ -24,6 +24,14 @@ from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text
 ROWS_PER_GROUP = 2**17
 
 
+def parquet_writer(stream: OutputFile, schema: pa.Schema) -> pa.parquet.ParquetWriter:
+    """Writes tables with the schema to the stream, compressed as all Parquet files here."""
+    # Values of floating-point columns hardly repeat: a dictionary takes three times as long and
+    # makes larger files.
+    repeating = [field.name for field in schema if not pa.types.is_floating(field.type)]
+    return pa.parquet.ParquetWriter(stream, schema, compression="zstd", use_dictionary=repeating)
+
+
 class ParquetTableFile(GroupedTableFile):
     """A table in a Parquet file.
 
@@ -50,13 +58,7 @@ class ParquetTableFile(GroupedTableFile):
 
     @contextmanager
     def _content(self, stream: OutputFile) -> Iterator[None]:
-        schema = self._schema
-        # Values of floating-point columns hardly repeat: a dictionary takes three times as long and
-        # makes larger files.
-        repeating = [field.name for field in schema if not pa.types.is_floating(field.type)]
-        with pa.parquet.ParquetWriter(
-            stream, schema, compression="zstd", use_dictionary=repeating
-        ) as self._writer:
+        with parquet_writer(stream, self._schema) as self._writer:
             yield
             self._write_groups(self._groups.rest())
 
