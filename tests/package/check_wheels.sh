@@ -20,12 +20,12 @@ fail() {
   exit 1
 }
 
-# Only a finished system gets its final name.
+# Only a finished system gets its final name. The one library of the system that a dependency needs is Expat (rasterio).
 make_empty_system() {
   if [[ ! -e $system ]]; then
     printf 'Making an empty Debian system in %s\n' "${system#"$PWD/"}"
     rm -rf -- "$system.new"
-    debootstrap --variant=minbase bookworm "$system.new" "${DEBIAN_MIRROR:-http://deb.debian.org/debian}" \
+    debootstrap --variant=minbase --include=libexpat1 bookworm "$system.new" "${DEBIAN_MIRROR:-http://deb.debian.org/debian}" \
       >"$work/debootstrap.log" 2>&1 || { tail -n 5 "$work/debootstrap.log" >&2; fail "debootstrap failed"; }
     mv -- "$system.new" "$system"
   fi

@@ -34,20 +34,21 @@ def at_lower_bounds(project: dict[str, Any]) -> dict[str, str]:
     return found
 
 
-def locked(lines: list[str]) -> dict[str, str]:
-    """Name -> line of the lock file."""
-    return {normalised(line.split("==")[0]): line for line in lines if "==" in line}
+def at_locked_versions(names: list[str], lock: list[str]) -> dict[str, str]:
+    """Name -> requirement with the locked version; a name may have an extra."""
+    versions = {
+        normalised(line.split("==")[0]): line.split("==")[1] for line in lock if "==" in line
+    }
+    plain = {normalised(name.partition("[")[0]): name for name in names}
+    return {key: f"{name}=={versions[key]}" for key, name in plain.items()}
 
 
 def main() -> None:
     """Print one requirement per line."""
     document = tomllib.loads((ROOT / "pyproject.toml").read_text(encoding="utf-8"))
-    lowest = at_lower_bounds(document["project"])
-    pins = locked((ROOT / "requirements.lock").read_text(encoding="utf-8").splitlines())
-    development = {
-        name: pins[name] for name in map(normalised, document["dependency-groups"]["dev"])
-    }
-    print(*(development | lowest).values(), sep="\n")
+    lock = (ROOT / "requirements.lock").read_text(encoding="utf-8").splitlines()
+    development = at_locked_versions(document["dependency-groups"]["dev"], lock)
+    print(*(development | at_lower_bounds(document["project"])).values(), sep="\n")
 
 
 if __name__ == "__main__":

@@ -35,9 +35,14 @@ _MAX_LAYERS = 65_535  # bands of a GeoTIFF
 def _library(name: str) -> Any:
     try:
         return import_module(name)
-    except ImportError as error:
+    except ModuleNotFoundError as error:
         raise ValueError(
             f"{name} is not installed; install it with: pip install 'fullwaveform[volumes]'"
+        ) from error
+    except ImportError as error:
+        raise ValueError(
+            f"{name} is installed but cannot be loaded: {error}; install what is missing with the "
+            "packages of the system"
         ) from error
 
 

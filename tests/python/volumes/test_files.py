@@ -133,6 +133,18 @@ def test_missing_package_is_named_with_its_extra(
         write(tmp_path / name)
 
 
+def test_packages_that_lack_a_library_of_the_system(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    package = tmp_path / "rasterio.py"
+    package.write_text('raise ImportError("libexpat.so.1: cannot open shared object file")')
+    monkeypatch.delitem(sys.modules, "rasterio", raising=False)
+    monkeypatch.syspath_prepend(tmp_path)
+    message = r"rasterio is installed but cannot be loaded: libexpat\.so\.1: cannot open"
+    with pytest.raises(ValueError, match=message):
+        write(tmp_path / "a.tif")
+
+
 def test_missing_folder(tmp_path: Path) -> None:
     for name in ("a.zarr", "a.tif"):
         with pytest.raises(OSError, match=f"cannot write {tmp_path}/gone/{name}: "):
