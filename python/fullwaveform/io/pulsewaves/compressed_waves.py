@@ -12,6 +12,7 @@ from pathlib import Path
 import numpy as np
 from numpy.lib.stride_tricks import sliding_window_view
 
+from fullwaveform.core.byte_rows import copy_rows
 from fullwaveform.core.pulsewaves_decoding import DecodedWaveforms, PulseState, decode_waveforms
 from fullwaveform.data.arrays import BoolArray, IntArray, UInt8Array, UInt16Array
 from fullwaveform.io.file_bytes import FileBytes
@@ -104,10 +105,7 @@ class CompressedWaves(WaveSource):
             chosen = np.flatnonzero((owners == owner) & (counts > 0))
             for group, rows, index in self._decoded(table.descriptors[owner], spans, chosen):
                 starts = group.decoded.sample_starts[index] + in_pulse[rows]
-                for count in np.unique(counts[rows]):
-                    equal = counts[rows] == count
-                    runs = sliding_window_view(group.decoded.samples, count)
-                    samples[rows[equal], :count] = runs[starts[equal]]
+                _copy_runs(group.decoded.samples, starts, counts[rows], rows, samples)
         return samples
 
     def _decoded(
@@ -168,6 +166,19 @@ class CompressedWaves(WaveSource):
             or sum(len(kept.decoded.samples) for kept in self._groups) > _KEPT_SAMPLES
         ):
             del self._groups[0]
+
+
+def _copy_runs(
+    source: UInt16Array, starts: IntArray, counts: IntArray, rows: IntArray, target: UInt16Array
+) -> None:
+    """Copy runs of samples (n,), of at least 1 sample each, to the starts of rows of `target`."""
+    for count in np.flatnonzero(np.bincount(counts)).tolist():
+        equal = counts == count
+        if count == target.shape[1]:  # nearly all, where segments have a fixed length
+            places = starts[equal] * source.itemsize
+            copy_rows(source.view(np.uint8), places, rows[equal], target.view(np.uint8))
+        else:
+            target[rows[equal], :count] = sliding_window_view(source, count)[starts[equal]]
 
 
 def _segments(group: _Group, index: IntArray, numbers: IntArray, first_code: int) -> Segments:

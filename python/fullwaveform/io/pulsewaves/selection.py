@@ -65,8 +65,8 @@ class Selection:
             readable &= ~rows
         segments = located[self.table.kinds[located["sampling"]] == RETURNING]
         short = located["pulse"][self.table.is_short[located["sampling"]]]
-        tally.points_short += len(np.unique(short))
-        with_waveform = len(np.unique(segments["pulse"]))
+        tally.points_short += _distinct(short)
+        with_waveform = _distinct(segments["pulse"])
         tally.points_without_waveform += int(np.count_nonzero(readable)) - with_waveform
         aimed = (pulses["target"] != pulses["anchor"]).any(axis=1)
         aimed = aimed[np.searchsorted(numbers, segments["pulse"])]
@@ -93,6 +93,11 @@ class Selection:
 
 def _reject(tally: ReadTally, reason: str, pulses: IntArray) -> None:
     tally.reject(reason, len(pulses), (f"pulse {pulse}" for pulse in pulses))
+
+
+def _distinct(ascending: IntArray) -> int:
+    """Number of different values."""
+    return int(np.count_nonzero(np.diff(ascending))) + (len(ascending) > 0)
 
 
 def _last_cut(pending: Segments, limit: int) -> int:
