@@ -244,7 +244,8 @@ class Extractor:
         result = self._apply_driver(prepared, interval, rows)
         waveforms.enter_result(rows, result)
         finite = np.logical_and.reduce([np.isfinite(result.peaks[n]) for n in _MUST_BE_FINITE])
-        found = {name: column[finite] for name, column in result.peaks.items()}
+        pick = slice(None) if finite.all() else finite  # a mask copies the columns
+        found = {name: column[pick] for name, column in result.peaks.items()}
         threshold = waveforms["threshold"]
         peaks = self._refined(prepared, found, rows, threshold)
         return _FoundPart(rows[found["row"]], peaks, result.record, len(finite) - len(found["row"]))
