@@ -52,7 +52,10 @@ def read(path: Path) -> list[WaveformBlock]:
 
 def write(path: Path, source: Path, blocks: list[ExtractedBlock]) -> None:
     """Write the echoes of all blocks of the source."""
-    with open_waveforms(source) as reader, open_echo_file(path, reader.header) as writer:
+    with (
+        open_waveforms(source) as reader,
+        open_echo_file(path, reader.header, overwrite=True) as writer,
+    ):
         for block in blocks:
             writer.write(block.echoes)
 
