@@ -10,6 +10,7 @@ from tempfile import TemporaryFile
 from typing import IO, Any
 
 import numpy as np
+import pyarrow as pa
 
 from fullwaveform.data.arrays import AnyArray, BoolArray, FloatArray
 from fullwaveform.data.echo_records import EchoFile
@@ -153,6 +154,7 @@ class _Builder:
     def write(self, writer: SectionWriter) -> None:
         with ExitStack() as opened:
             self._copy_columns(opened)
+            pa.default_memory_pool().release_unused()  # in which columns of tables were decoded
             tree = quadtree(self._column("x", "<f4"), self._column("y", "<f4"))
             for name in ("level", "column", "row", "count"):
                 writer.add(f"node_{name}", getattr(tree, name))

@@ -42,8 +42,10 @@ def parquet_echo_file(path: Path) -> EchoFile:
     def rows(wanted: Collection[str]) -> Iterator[Rows]:
         names = _wanted(found, wanted)
         with _errors(path, "Parquet"), pa.parquet.ParquetFile(path_or_stream(path)) as file:
-            for batch in file.iter_batches(SURVEY_CHUNK, columns=list(names)):
-                yield _arrow_rows(batch)
+            # One row group after the other: pyarrow keeps all of those that it is asked for.
+            for group in range(file.num_row_groups):
+                batches = file.iter_batches(SURVEY_CHUNK, row_groups=[group], columns=list(names))
+                yield from map(_arrow_rows, batches)
 
     return EchoFile(path, False, partial(_records, rows, path), rows, settings)
 
