@@ -28,6 +28,7 @@ from fullwaveform.cluster.join import save_outcomes, tidy
 from fullwaveform.cluster.plan import check_settings, earlier_job, plan_job, resume_job
 from fullwaveform.cluster.run import run_parts
 from fullwaveform.extraction.pipeline import available_workers
+from fullwaveform.io.remote import location
 
 
 @with_options
@@ -35,7 +36,13 @@ def cluster(
     sources: SourceFiles,
     folder: Annotated[
         Path,
-        typer.Option("-o", "--output", metavar="FOLDER", help="New or empty folder for the parts"),
+        typer.Option(
+            "-o",
+            "--output",
+            metavar="FOLDER",
+            parser=location,
+            help="New or empty folder for the parts",
+        ),
     ],
     scheduler: Annotated[
         str,

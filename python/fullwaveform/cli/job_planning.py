@@ -25,6 +25,7 @@ from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.counting import counted
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.opening import open_waveforms
+from fullwaveform.io.remote import is_remote
 
 BlocksPerPart = Annotated[
     int | None,
@@ -37,7 +38,7 @@ BlocksPerPart = Annotated[
 def check_new_folder(folder: Path, how_to_continue: str) -> None:
     """BadParameter unless the folder is empty, or new and may be one."""
     check_folder(folder)
-    if not folder.absolute().parent.is_dir():
+    if not is_remote(folder) and not folder.absolute().parent.is_dir():
         raise typer.BadParameter(
             f"cannot write {folder}: the folder {folder.absolute().parent} does not exist",
             param_hint="-o",

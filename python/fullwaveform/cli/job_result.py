@@ -15,6 +15,7 @@ from fullwaveform.core.driver import Mode
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.warning_file import warning_path
 from fullwaveform.io.echo_writers.las import las_notes
+from fullwaveform.io.remote import location
 
 
 def check_complete(manifest: Manifest, how_to_retry: str, *, skip_bad_files: bool) -> None:
@@ -49,7 +50,7 @@ def check_not_empty(manifest: Manifest) -> None:
 
 def show_summary(manifest: Manifest, folder: Path) -> None:
     """Print the counts of all parts."""
-    sources = [Path(entry.path) for entry in manifest.inputs]
+    sources = [location(entry.path) for entry in manifest.inputs]
     total = manifest.total()
     if len(sources) > 1:
         total.read.notes = _notes_by_file(manifest)
@@ -62,7 +63,7 @@ def show_summary(manifest: Manifest, folder: Path) -> None:
         settings=manifest.settings.extraction(),
         read=total.read,
         extracted=total.extracted,
-        calibrations={Path(entry.path).name: entry.calibration for entry in manifest.inputs},
+        calibrations={location(entry.path).name: entry.calibration for entry in manifest.inputs},
         written=total.written,
         notes=(*notes, parts),
         messages=total.messages,
@@ -74,7 +75,9 @@ def show_summary(manifest: Manifest, folder: Path) -> None:
 
 def _phase_notes(manifest: Manifest) -> list[str]:
     """The decision on the outgoing pulses of each file that has them."""
-    phases = [(Path(file.path).name, file.calibration.outgoing_phase) for file in manifest.inputs]
+    phases = [
+        (location(file.path).name, file.calibration.outgoing_phase) for file in manifest.inputs
+    ]
     return [
         f"{name}: outgoing phase {phase.result()}: {phase.reason()}"
         for name, phase in phases
@@ -84,7 +87,7 @@ def _phase_notes(manifest: Manifest) -> list[str]:
 
 def _notes_by_file(manifest: Manifest) -> list[str]:
     notes = [
-        f"{Path(manifest.inputs[part.input].path).name}: {note}"
+        f"{location(manifest.inputs[part.input].path).name}: {note}"
         for part in manifest.parts
         if part.outcome is not None
         for note in part.outcome.read.notes

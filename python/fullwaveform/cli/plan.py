@@ -24,6 +24,7 @@ from fullwaveform.cluster.folder import JobFolder
 from fullwaveform.cluster.plan import plan_job
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.pipeline import available_workers
+from fullwaveform.io.remote import location
 
 
 @with_options
@@ -31,7 +32,9 @@ def plan(
     sources: SourceFiles,
     folder: Annotated[
         Path,
-        typer.Option("-o", "--output", metavar="JOB", help="New or empty folder for the run"),
+        typer.Option(
+            "-o", "--output", metavar="JOB", parser=location, help="New or empty folder for the run"
+        ),
     ],
     options: ExtractOptions,
     part_format: FormatOption = None,

@@ -18,6 +18,7 @@ from fullwaveform.cluster.manifest import Part
 from fullwaveform.cluster.run import run_part
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.pipeline import available_workers
+from fullwaveform.io.remote import location
 
 #: Where Slurm, AWS Batch and Kubernetes write the index of a task of an array.
 INDEX_VARIABLES = (
@@ -27,7 +28,12 @@ INDEX_VARIABLES = (
 )
 
 JobFolderArgument = Annotated[
-    Path, typer.Argument(metavar="JOB", help="Folder of a run, as written by fullwaveform plan")
+    Path,
+    typer.Argument(
+        metavar="JOB",
+        parser=location,
+        help="Folder of a run, as written by fullwaveform plan",
+    ),
 ]
 
 

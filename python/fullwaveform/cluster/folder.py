@@ -24,6 +24,7 @@ from fullwaveform.cluster.manifest import (
     PartRecord,
 )
 from fullwaveform.io.atomic import ANY_FILE, atomic_path
+from fullwaveform.io.remote import is_remote, location
 
 _RECORD_SUFFIX = ".record.json"
 # Temporary files of processes that were killed while writing a part, its metadata or its record.
@@ -42,7 +43,7 @@ class JobFolder:
     """
 
     def __init__(self, path: str | os.PathLike[str]) -> None:
-        self.path = Path(path).absolute()
+        self.path = location(path).absolute()
 
     def __str__(self) -> str:
         return str(self.path)
@@ -145,7 +146,9 @@ def _record_name(part: str) -> str:
 
 
 def _flush(path: Path) -> None:
-    """Wait until a file is on the disk, so that it outlives its machine."""
+    """Wait until a file is on the disk, so that it outlives its machine; object stores do so."""
+    if is_remote(path):
+        return
     descriptor = os.open(path, os.O_RDONLY)
     try:
         os.fsync(descriptor)

@@ -9,6 +9,7 @@ from pathlib import Path
 from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.io.block_range import BlockStart
 from fullwaveform.io.companions import COMPANION_SUFFIXES
+from fullwaveform.io.remote import RemotePath
 
 
 @dataclass(frozen=True)
@@ -18,6 +19,7 @@ class FileState:
     name: str
     size: int  # bytes
     mtime_ns: int  # time of the last modification
+    tag: str = ""  # of a URL: the entity tag of the store
 
 
 @dataclass(frozen=True)
@@ -40,8 +42,16 @@ class InputFile:
 def states_of(path: Path) -> list[FileState]:
     """The state of the file and of its companions; OSError if the file does not exist."""
     companions = [path.with_suffix(suffix) for suffix in COMPANION_SUFFIXES]
+    if isinstance(path, RemotePath) and path.has_credentials:
+        raise ValueError(
+            f"{path} has credentials, which the manifest would show; give them by the environment"
+        )
     found = [path, *(other for other in companions if other != path and other.is_file())]
-    return [FileState(p.name, p.stat().st_size, p.stat().st_mtime_ns) for p in found]
+    return [FileState(p.name, p.stat().st_size, p.stat().st_mtime_ns, _tag(p)) for p in found]
+
+
+def _tag(path: Path) -> str:
+    return path.source.tag if isinstance(path, RemotePath) else ""
 
 
 def check_states(path: Path, before: Sequence[FileState]) -> None:
@@ -55,7 +65,7 @@ def check_states(path: Path, before: Sequence[FileState]) -> None:
             raise ValueError(
                 f"{path} has changed: {state.name} had {state.size} bytes, now {found.size}"
             )
-        if found.mtime_ns != state.mtime_ns:
+        if (found.mtime_ns, found.tag) != (state.mtime_ns, state.tag):
             raise ValueError(
                 f"{path} has changed: {state.name} was modified after the run was planned"
             )

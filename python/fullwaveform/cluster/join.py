@@ -10,6 +10,7 @@ from fullwaveform.cluster.manifest import Manifest, Part
 from fullwaveform.extraction.warning_file import append_statistics, warning_path
 from fullwaveform.io.atomic import protected_inputs
 from fullwaveform.io.echo_writers.joining import join_echo_files
+from fullwaveform.io.remote import location
 
 
 def collect(parts: Iterable[Part], folder: JobFolder) -> None:
@@ -60,7 +61,7 @@ def join_parts(
     OSError
         A part cannot be read, or a file not written.
     """
-    sources = [Path(entry.path) for entry in manifest.inputs]
+    sources = [location(entry.path) for entry in manifest.inputs]
     outputs = [output]
     if len(sources) > 1 or output.is_dir():
         output.mkdir(exist_ok=True)
@@ -81,7 +82,7 @@ def join_parts(
 
 def _write_statistics(manifest: Manifest, folder: JobFolder) -> None:
     """Write the statistics of suspicious blocks anew, in the order of the parts."""
-    paths = [warning_path(folder.path, Path(entry.path)) for entry in manifest.inputs]
+    paths = [warning_path(folder.path, location(entry.path)) for entry in manifest.inputs]
     for path in paths:
         path.unlink(missing_ok=True)
     for part in manifest.parts:

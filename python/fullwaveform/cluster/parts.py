@@ -11,6 +11,7 @@ import pyarrow.parquet
 
 from fullwaveform.cluster.folder import JobFolder
 from fullwaveform.io.echo_writers.geoparquet import GEOMETRY
+from fullwaveform.io.remote import location, path_or_stream
 
 
 def part_paths(folder: str | os.PathLike[str]) -> list[Path]:
@@ -23,7 +24,7 @@ def part_paths(folder: str | os.PathLike[str]) -> list[Path]:
     ValueError
         The manifest is invalid, or the run is not finished.
     """
-    folder = Path(folder)
+    folder = location(folder)
     manifest = JobFolder(folder).read_manifest()
     if unfinished := len(manifest.unfinished()):
         raise ValueError(
@@ -57,5 +58,5 @@ def read_parts(folder: str | os.PathLike[str]) -> Iterator[pa.Table]:
                 "a library for their format"
             )
         # As a file, not as a data set, which would take columns from its name.
-        file = pyarrow.parquet.ParquetFile(path)
+        file = pyarrow.parquet.ParquetFile(path_or_stream(path))
         yield file.read([name for name in file.schema_arrow.names if name != GEOMETRY])

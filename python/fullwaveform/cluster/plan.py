@@ -22,6 +22,7 @@ from fullwaveform.cluster.units import planned_parts
 from fullwaveform.cluster.work import count_blocks, file_unit
 from fullwaveform.data.errors import describe, naming
 from fullwaveform.io.base import WaveformReader
+from fullwaveform.io.remote import location
 
 _OPENING_THREADS = 16  # what waits for a file server waits for many files at once
 _Seen = TypeVar("_Seen")
@@ -96,7 +97,7 @@ def earlier_job(folder: JobFolder, sources: Sequence[Path]) -> Manifest:
     _refuse(folder, differences(before, now))
     for entry in manifest.inputs:
         if not entry.error:
-            check_states(Path(entry.path), entry.files)
+            check_states(location(entry.path), entry.files)
     collect(manifest.parts, folder)
     return manifest
 

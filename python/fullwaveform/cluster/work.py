@@ -33,6 +33,7 @@ from fullwaveform.io.block_range import BlockStart
 from fullwaveform.io.echo_writers.las import LasEchoWriter
 from fullwaveform.io.echo_writers.opening import echo_outputs, open_echo_file
 from fullwaveform.io.opening import open_waveforms
+from fullwaveform.io.remote import location
 
 
 class _WorkerError(Exception):
@@ -135,7 +136,7 @@ def _check_version(unit: Unit) -> None:
 
 
 def _opened(unit: Unit) -> WaveformReader:
-    check_states(Path(unit.path), unit.files)
+    check_states(location(unit.path), unit.files)
     return open_waveforms(
         unit.path,
         waveforms_per_block=unit.settings.block,
@@ -176,7 +177,7 @@ def _written_part(unit: Unit, output: Path, threads: int) -> PartOutcome:
     start = time.perf_counter()
     outcome = PartOutcome()
     with (
-        protected_inputs(Path(unit.path)),
+        protected_inputs(location(unit.path)),
         counted_messages(own_thread=threads == 1) as messages,
         _opened(unit) as reader,
     ):

@@ -13,6 +13,7 @@ from pathlib import Path
 
 from fullwaveform.io.atomic import atomic_open
 from fullwaveform.io.echo_writers.opening import echo_outputs
+from fullwaveform.io.remote import path_or_stream
 
 _ROWS_AT_A_TIME = 2**16
 
@@ -78,14 +79,14 @@ def _join_parquet(parts: Sequence[Path], output: Path, overwrite: bool) -> None:
     from fullwaveform.io.echo_writers.row_groups import RowGroups
 
     groups = RowGroups(ROWS_PER_GROUP)
-    schema = pq.read_schema(parts[0])
+    schema = pq.read_schema(path_or_stream(parts[0]))
     with (
         atomic_open(output, echo_outputs(output)[output], overwrite=overwrite) as stream,
         parquet_writer(stream, schema) as writer,
     ):
         for part in parts:
             # As a file, not as a data set, which would take columns from its name.
-            with pq.ParquetFile(part) as file:
+            with pq.ParquetFile(path_or_stream(part)) as file:
                 for number in range(file.num_row_groups):
                     for group in groups.add(file.read_row_group(number)):
                         writer.write_table(group, len(group))
@@ -102,7 +103,7 @@ def _join_hdf5(parts: Sequence[Path], output: Path, overwrite: bool) -> None:
     from fullwaveform.io.echo_writers.hdf5 import Hdf5EchoWriter
     from fullwaveform.io.run_record import RUN_METADATA_KEY
 
-    with h5py.File(parts[0]) as file:
+    with h5py.File(path_or_stream(parts[0])) as file:
         metadata = json.loads(file.attrs[RUN_METADATA_KEY])
         shot_columns = tuple(column.name for column in SHOT_COLUMNS if column.name in file)
     names = [column.name for column in table_columns(shot_columns)]
@@ -110,7 +111,7 @@ def _join_hdf5(parts: Sequence[Path], output: Path, overwrite: bool) -> None:
     joined.overwrite = overwrite
     with joined:
         for part in parts:
-            with h5py.File(part) as file:
+            with h5py.File(path_or_stream(part)) as file:
                 for first in range(0, len(file["echo_number"]), _ROWS_AT_A_TIME):
                     rows = slice(first, first + _ROWS_AT_A_TIME)
                     joined.write_rows(pa.table({name: file[name][rows] for name in names}))
@@ -120,7 +121,7 @@ def _join_las(parts: Sequence[Path], output: Path, overwrite: bool) -> None:
     import laspy
 
     with (
-        laspy.open(_with_points(parts)) as first,
+        laspy.open(_with_points(parts).open("rb")) as first,
         atomic_open(output, echo_outputs(output)[output], overwrite=overwrite) as stream,
     ):
         after = first.evlrs
@@ -132,7 +133,7 @@ def _join_las(parts: Sequence[Path], output: Path, overwrite: bool) -> None:
             closefd=False,
         )
         for part in parts:
-            with laspy.open(part) as file:
+            with laspy.open(part.open("rb")) as file:
                 # Where the input has no offsets, those of each part are near its own echoes; the
                 # writer takes that into account.
                 for points in file.chunk_iterator(_ROWS_AT_A_TIME):
@@ -148,7 +149,7 @@ def _with_points(parts: Sequence[Path]) -> Path:
     import laspy
 
     for part in parts:
-        with laspy.open(part) as file:
+        with laspy.open(part.open("rb")) as file:
             if file.header.point_count > 0:
                 return part
     return parts[0]
