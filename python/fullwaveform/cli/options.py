@@ -320,7 +320,7 @@ CrsOption = Annotated[
     typer.Option(
         "--crs",
         metavar="EPSG:N",
-        help="Reference system for the echoes of GEDI and LVIS files. Default: degrees, EPSG:4979",
+        help="Reference system of the coordinates, for GEDI and LVIS. Default: degrees, EPSG:4979",
     ),
 ]
 KeepEmpty = Annotated[

@@ -20,6 +20,7 @@ from .test_documents import commands_of
 CALLS = commands_of("docs/archives.md")
 GEDI = data_folder() / "gedi"
 NEON = data_folder() / "pulsewaves_compressed" / "topo_1ns.plz"
+LAS = data_folder() / "las" / "topo_2ns.las"
 LINE = data_folder() / "pulsewaves" / "topo_1ns.pls"  # the same pulses, plain
 PULSES_START, PULSE_COUNT, PULSE_SIZE = 176, 184, 200  # bytes of the header
 
@@ -39,7 +40,7 @@ def split_line(line: Path, pulses: int, first: Path, second: Path) -> None:
 
 def run_calls(product: str) -> None:
     calls = [shlex.split(line)[1:] for line in CALLS if product in line]
-    assert len(calls) >= 3
+    assert {call[0] for call in calls} >= {"info", "extract", "metrics", "plot"}
     for call in calls:
         result = run(*call)
         assert result.exit_code == 0, result.output
@@ -57,6 +58,7 @@ def test_commands_for_neon(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> N
     split_line(LINE, 10_000, tmp_path / first, tmp_path / second)
     run_calls("NEON_")
     assert pyarrow.parquet.read_metadata(tmp_path / "neon-pulses.parquet").num_rows == 16_486
+    assert pyarrow.parquet.read_metadata(tmp_path / "neon-metrics.parquet").num_rows == 16_487
     # One return at least of each of the 16,487 waveforms of a flat area.
     echoes = laspy.read(tmp_path / "neon.laz")
     assert len(echoes) > 16_487
@@ -74,6 +76,8 @@ def test_commands_for_gedi(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> N
     echoes = pyarrow.parquet.read_table(tmp_path / "gedi.parquet")
     assert len(set(echoes["shot_number"].to_pylist())) == 300
     assert len(set(echoes["beam"].to_pylist())) == 7
+    metrics = pyarrow.parquet.read_table(tmp_path / "metrics.parquet")
+    assert set(metrics["shot_number"].to_pylist()) == set(echoes["shot_number"].to_pylist())
     shown = run("info", *tmp_path.glob("GEDI*.h5")).stdout
     for text in ("GEDI L1B", "beam BEAM0101", "73 shots", "bounding box", "EPSG:4979"):
         assert text in shown
@@ -90,3 +94,24 @@ def test_commands_for_lvis(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> N
         round(1500.0 - 0.1498 * (100 + row), 2) for row in range(5)
     ]
     assert "beam" not in echoes.column_names
+    metrics = pyarrow.parquet.read_table(tmp_path / "lvis-metrics.parquet")
+    assert metrics["shot_number"].to_pylist() == [1, 2, 3, 4, 5]
+
+
+@pytest.mark.skipif(not LAS.exists(), reason=f"no {LAS}")
+def test_commands_for_las(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.chdir(tmp_path)
+    for suffix in (".las", ".wdp"):
+        shutil.copy(LAS.with_suffix(suffix), (tmp_path / "flight").with_suffix(suffix))
+    run_calls("flight.las")
+    # 2,250 discrete returns of 1,778 shots; some more in the waveforms.
+    echoes = laspy.read(tmp_path / "echoes.laz")
+    assert len(echoes) > 2_250
+    metrics = pyarrow.parquet.read_table(tmp_path / "flight-metrics.parquet")
+    assert metrics.num_rows == 1_778
+    # Each ground lies in the box of the discrete returns, up to the width of an echo.
+    header = laspy.read(tmp_path / "flight.las").header
+    ground = metrics["ground_z"].to_numpy()
+    assert ((ground > header.mins[2] - 1.0) & (ground < header.maxs[2])).all()
+    pulses = pyarrow.parquet.read_table(tmp_path / "flight-pulses.parquet")
+    assert pulses.num_rows == 1_778
