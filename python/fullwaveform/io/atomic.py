@@ -93,7 +93,7 @@ def check_output(path: Path, kind: FileKind | None, overwrite: bool) -> None:
     IsADirectoryError
         If `path` is a folder.
     """
-    if not (path.exists() if is_remote(path) else os.path.lexists(path)):
+    if not _exists(path):
         return
     if path.is_dir():
         raise IsADirectoryError(errno.EISDIR, f"cannot write {path}: it is a folder")
@@ -111,10 +111,16 @@ def check_output(path: Path, kind: FileKind | None, overwrite: bool) -> None:
         )
 
 
+def _exists(path: Path) -> bool:
+    return path.exists() if is_remote(path) else os.path.lexists(path)
+
+
 def _is_of_kind(path: Path, kind: FileKind) -> bool:
     try:
         found = path.stat()
         return stat.S_ISREG(found.st_mode) and (found.st_size == 0 or kind.matches(path))
+    except FileNotFoundError:  # a link to nothing, or removed by another process just now
+        return not _exists(path)
     except Exception:  # its library cannot read it
         return False
 

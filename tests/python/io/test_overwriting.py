@@ -43,6 +43,25 @@ def test_new_file_is_written_without_request(tmp_path: Path) -> None:
     assert [path.name for path in tmp_path.iterdir()] == ["a"]
 
 
+def test_file_that_another_process_removes_is_no_other_kind(tmp_path: Path) -> None:
+    path = tmp_path / "a"
+    path.write_text("note 1")
+
+    def vanishing(found: Path) -> bool:
+        found.unlink()
+        return NOTE.matches(found)
+
+    with atomic_path(path, FileKind("a note", vanishing), overwrite=True) as temporary:
+        temporary.write_text("note 2")
+    assert path.read_text() == "note 2"
+
+
+def test_link_to_nothing_is_kept(tmp_path: Path) -> None:
+    (tmp_path / "a").symlink_to("nothing")
+    with pytest.raises(FileExistsError, match="exists and is not a note"):
+        write(tmp_path / "a", "note 1", overwrite=True)
+
+
 def test_existing_file_is_kept_without_request(tmp_path: Path) -> None:
     path = tmp_path / "a"
     path.write_text("note 1")
