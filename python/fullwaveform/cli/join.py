@@ -15,7 +15,7 @@ from fullwaveform.cli.options import QuietOption
 from fullwaveform.cli.outputs import OverwriteOption
 from fullwaveform.cli.run import JobFolderArgument
 from fullwaveform.cluster.folder import JobFolder
-from fullwaveform.cluster.join import collect, join_parts, save_outcomes, tidy
+from fullwaveform.cluster.join import join_parts, manifest_with_outcomes, save_outcomes, tidy
 from fullwaveform.cluster.manifest import Manifest
 
 _MAX_LISTED = 100  # ranges of units in a message
@@ -50,8 +50,7 @@ def join(
     """
     with report_errors():
         job = JobFolder(folder)
-        manifest = job.read_manifest()
-        collect(manifest.parts, job)
+        manifest = manifest_with_outcomes(job)
         check_complete(manifest, _how_to_retry(manifest, folder), skip_bad_files=skip_bad_files)
         save_outcomes(manifest, job)
         tidy(manifest, job)

@@ -37,8 +37,11 @@ JobFolderArgument = Annotated[
 ]
 
 
-def _numbers(text: str) -> list[int]:
-    """The numbers of a list such as 0-4,7; BadParameter if it is none."""
+def _numbers(text: str, count: int) -> list[int]:
+    """The numbers of a list such as 0-4,7, of ranges that exceed `count` up to this number.
+
+    BadParameter if it is none.
+    """
     numbers: list[int] = []
     for word in text.split(","):
         found = re.fullmatch(r"([0-9]{1,9})(?:-([0-9]{1,9}))?", word.strip())
@@ -48,7 +51,7 @@ def _numbers(text: str) -> list[int]:
                 f"{text!r} must be numbers and ranges from small to large, as 0-4,7",
                 param_hint="--units",
             )
-        numbers += range(first, last + 1)
+        numbers += range(first, max(min(last, count), first) + 1)
     return list(dict.fromkeys(numbers))
 
 
@@ -129,7 +132,7 @@ def _chosen(unit: int | None, units: str | None, units_per_task: int, count: int
                 "applies to the index of a job array, not to --unit and --units",
                 param_hint="--units-per-task",
             )
-        return _numbers(units) if units is not None else [unit or 0]
+        return _numbers(units, count) if units is not None else [unit or 0]
     first = _index_of_task() * units_per_task
     # The last task may have fewer units.
     return range(first, max(min(first + units_per_task, count), first + 1))

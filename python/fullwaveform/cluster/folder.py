@@ -97,7 +97,7 @@ class JobFolder:
     def write_manifest(self, manifest: Manifest) -> None:
         """Write the manifest into the folder, which is made if it is missing."""
         self.path.mkdir(exist_ok=True)
-        self._write(MANIFEST_NAME, _MANIFEST.dump_json(manifest, indent=1) + b"\n")
+        self.write(MANIFEST_NAME, _MANIFEST.dump_json(manifest, indent=1) + b"\n")
 
     def part_path(self, part: str) -> Path:
         """Where a part is written, by the name of its file."""
@@ -115,7 +115,7 @@ class JobFolder:
         """Note how writing a part ended, after its files have reached the disk."""
         for name in [] if record.outcome is None else record.outcome.files:
             _flush(self.path / name)
-        self._write(_record_name(part), _RECORD.dump_json(record) + b"\n")
+        self.write(_record_name(part), _RECORD.dump_json(record) + b"\n")
 
     def remove_records(self, parts: Iterable[str]) -> None:
         """Remove the records of parts whose outcomes are in the manifest."""
@@ -135,7 +135,8 @@ class JobFolder:
             if found is not None and found["part"] in stems:
                 path.unlink(missing_ok=True)
 
-    def _write(self, name: str, content: bytes) -> None:
+    def write(self, name: str, content: bytes) -> None:
+        """Write a file of the folder, or replace it, in one step."""
         with atomic_path(self.path / name, ANY_FILE, overwrite=True) as temporary:
             temporary.write_bytes(content)
             _flush(temporary)

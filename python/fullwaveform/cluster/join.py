@@ -7,7 +7,7 @@ from pathlib import Path
 
 from fullwaveform.cluster.folder import JobFolder
 from fullwaveform.cluster.manifest import Manifest, Part
-from fullwaveform.extraction.warning_file import append_statistics, warning_path
+from fullwaveform.extraction.warning_file import warning_path
 from fullwaveform.io.atomic import protected_inputs
 from fullwaveform.io.echo_writers.joining import join_echo_files
 from fullwaveform.io.remote import location
@@ -24,6 +24,20 @@ def collect(parts: Iterable[Part], folder: JobFolder) -> None:
                 part.fail(record.error)
         if part.outcome is not None and not folder.is_whole(part.outcome):
             part.reset()
+
+
+def manifest_with_outcomes(folder: JobFolder) -> Manifest:
+    """The manifest of the folder with all outcomes so far.
+
+    Another machine that joins the run removes records after it has written their outcomes into the
+    manifest: what seems to be missing may be found there now.
+    """
+    manifest = folder.read_manifest()
+    collect(manifest.parts, folder)
+    if any(part.state == Part.WAITING for part in manifest.parts):
+        manifest = folder.read_manifest()
+        collect(manifest.parts, folder)
+    return manifest
 
 
 def save_outcomes(manifest: Manifest, folder: JobFolder) -> None:
@@ -81,10 +95,17 @@ def join_parts(
 
 
 def _write_statistics(manifest: Manifest, folder: JobFolder) -> None:
-    """Write the statistics of suspicious blocks anew, in the order of the parts."""
-    paths = [warning_path(folder.path, location(entry.path)) for entry in manifest.inputs]
-    for path in paths:
-        path.unlink(missing_ok=True)
+    """Write the statistics of suspicious blocks anew, in the order of the parts.
+
+    Each file is replaced at once, because others may complete the same run at the same time.
+    """
+    texts = [""] * len(manifest.inputs)
     for part in manifest.parts:
-        if part.outcome is not None and part.outcome.statistics:
-            append_statistics(paths[part.input], part.outcome.statistics)
+        if part.outcome is not None:
+            texts[part.input] += part.outcome.statistics
+    for entry, text in zip(manifest.inputs, texts, strict=True):
+        path = warning_path(folder.path, location(entry.path))
+        if text:
+            folder.write(path.name, text.encode("ascii"))
+        else:
+            path.unlink(missing_ok=True)

@@ -10,12 +10,16 @@ import subprocess
 import sys
 from collections.abc import Callable
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import pytest
 from typer.testing import Result
 
+from fullwaveform.cluster import join as join_module
 from fullwaveform.cluster import part_paths
+from fullwaveform.cluster.folder import JobFolder
+from fullwaveform.io import atomic
 
 from ..support.child_processes import TIMEOUT_S, environment, started
 from ..support.command_line import assert_error, assert_usage, names, run
@@ -178,7 +182,9 @@ def test_invalid_choice_of_units(
     assert job.done() == []
 
 
-@pytest.mark.parametrize("options", [["--unit", "5"], ["--units", "3-7"]])
+@pytest.mark.parametrize(
+    "options", [["--unit", "5"], ["--units", "3-7"], ["--units", "0-999999999"]]
+)
 def test_unit_out_of_range(job: Job, options: list[str]) -> None:
     assert_error(job.run(*options), "unit 5 is out of range; the run in ", " has 5 units, 0 to 4")
     assert job.done() == []
@@ -200,6 +206,46 @@ def test_whole_part_is_computed_again_only_on_request(job: Job) -> None:
     os.truncate(part, 100)
     assert job.run("--unit", "1").exit_code == 0
     assert part.read_bytes() == content
+
+
+def test_join_while_another_one_ends(job: Job, monkeypatch: pytest.MonkeyPatch) -> None:
+    """The other one has moved the records into the manifest after this one has read it."""
+    assert job.run("--units", "0-4").exit_code == 0
+    collect = join_module.collect
+
+    def late(parts: Any, folder: JobFolder) -> None:
+        monkeypatch.setattr(join_module, "collect", collect)
+        succeeded("join", job.path)
+        collect(parts, folder)
+
+    monkeypatch.setattr(join_module, "collect", late)
+    succeeded("join", job.path)
+    assert job.done() == [0, 1, 2, 3, 4]
+
+
+def test_statistics_are_replaced_in_one_step(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """Whoever reads them while the run is joined again finds the former ones, or the new ones."""
+    scan, job = las_scan(tmp_path / "scan.las"), tmp_path / "job"
+    succeeded("plan", scan, "-o", job, "--threshold", "3000", "--block", "45")
+    succeeded("run", job, "--unit", "0")
+    succeeded("join", job)
+    path = job / "scan_Warning.txt"
+    content = path.read_bytes()
+    assert content.count(b"NumberOfWaves: ") > 4
+    temporary = atomic._create_temporary
+    found = []
+
+    def watched(final: Path) -> Path:
+        found.append(path.read_bytes() if path.exists() else b"")
+        return temporary(final)
+
+    monkeypatch.setattr(atomic, "_create_temporary", watched)
+    succeeded("join", job)
+    assert set(found) == {content}
+    assert len(found) == 2  # manifest and statistics
+    assert path.read_bytes() == content
 
 
 def test_truncated_part_is_missing_after_join_too(job: Job) -> None:
