@@ -29,7 +29,7 @@ else:
     _PathMethods = object
 
 _URL = re.compile(
-    r"(?P<scheme>[A-Za-z][A-Za-z0-9+.-]+)://((?P<user>[^/?#@]*)@)?(?P<path>.*)", re.DOTALL
+    r"(?P<scheme>[A-Za-z][A-Za-z0-9+.-]+)://((?P<user>[^/?#]*)@)?(?P<path>.*)", re.DOTALL
 )
 #: Only in these a question mark begins a query; in the names of objects it is a character.
 WEB_SCHEMES = ("http", "https")

@@ -2,9 +2,11 @@
 
 from __future__ import annotations
 
+import asyncio
 import errno
 import gc
 import io
+import sys
 import threading
 import time
 from collections import OrderedDict
@@ -198,6 +200,27 @@ class _CollectorPause:
 
 
 _collector_pause = _CollectorPause()
+
+
+def _spare_request_thread(phase: str, info: object) -> None:
+    """Leave nothing to collect when Python starts its collector in fsspec's thread.
+
+    h5py keeps its lock between two reads, too. Objects that are frozen are not looked at; they are
+    left for the next collection in another thread.
+    """
+    try:
+        loop = asyncio.get_running_loop()
+    except RuntimeError:
+        return
+    requests = getattr(sys.modules.get("fsspec.asyn"), "loop", [None])[0]
+    if loop is requests:
+        if phase == "start":
+            gc.freeze()
+        else:
+            gc.unfreeze()
+
+
+gc.callbacks.append(_spare_request_thread)
 
 
 def open_source(path: RemotePath) -> RemoteSource:

@@ -16,9 +16,8 @@ from ...support.web_server import WebServer, serving
 
 @pytest.fixture
 def server(monkeypatch: pytest.MonkeyPatch) -> Iterator[WebServer]:
-    """A web server; failed requests are repeated without delay, silence is noticed soon."""
+    """A web server; failed requests are repeated without delay."""
     monkeypatch.setattr(remote_store, "WAITS", (0.0, 0.0))
-    monkeypatch.setattr(remote_store, "SILENCE", 0.5)
     with serving() as started:
         yield started
 
