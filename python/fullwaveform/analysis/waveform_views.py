@@ -95,6 +95,7 @@ class WaveformView:
     threshold: int  # counts
     segments: npt.NDArray[np.int64]  # (s, 2), first and last sample
     returns: FloatArray  # (r,), samples, ascending: discrete returns that the scanner listed
+    smoothing: float  # s, standard deviation, before the methods other than the pulse fit; 0: none
     methods: tuple[MethodView, ...]
 
 
@@ -145,6 +146,7 @@ def waveform_views(
                 threshold=level,
                 segments=segments,
                 returns=_returns(block, row),
+                smoothing=max(one.settings.preparation.smoothing_of(block) for one in extractors),
                 methods=tuple(
                     _method_view(extractor, found, block, row)
                     for extractor, found in zip(extractors, extracted, strict=True)

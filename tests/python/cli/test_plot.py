@@ -12,6 +12,7 @@ from fullwaveform.io.opening import open_waveforms
 
 from ..core import test_modes
 from ..support.command_line import assert_error, assert_usage, names, run
+from ..support.hdf5_scenes import GediScene, Shot, bump
 from ..support.las_scenes import Point, Scene
 
 # The Gaussian through 50, 100, 50 has an amplitude of 100; the other waveform stays below 10.
@@ -62,6 +63,14 @@ def test_several_modes_in_one_plot(scan: Path) -> None:
     picture = svg(scan, "--waveform", "0", "--mode", "0", "--mode", "decomposition", "--mode", "0")
     assert picture.count("three-point, 1 echo<") == 1
     assert picture.count("decomposition, ") == 1
+
+
+def test_smoothing_of_the_format_is_named(scan: Path, tmp_path: Path) -> None:
+    shots = [Shot(bump(), number=1), Shot(bump(), number=2)]
+    gedi = GediScene({"BEAM0001": shots}).write(tmp_path / "gedi.h5")
+    text = "; echoes of samples smoothed with 6.5 ns"
+    assert text in svg(gedi, "--waveform", "0")
+    assert "smoothed" not in svg(scan, "--waveform", "0", "--overwrite")
 
 
 def test_summary_lists_echoes_per_waveform(scan: Path) -> None:
