@@ -313,7 +313,11 @@ def _rename_to_new(temporary: Path, final: Path) -> None:
         raise
     except OSError:  # a file system without links: an empty file takes the name first
         _create_new(final)
-        temporary.replace(final)
+        try:
+            temporary.replace(final)
+        except OSError:
+            final.unlink()
+            raise
     else:
         temporary.unlink()
 

@@ -142,6 +142,21 @@ def test_file_system_without_links(tmp_path: Path, monkeypatch: pytest.MonkeyPat
     assert [file.name for file in tmp_path.iterdir()] == ["a"]
 
 
+def test_name_is_free_if_the_renaming_fails(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """On a file system without links, where an empty file has the name until then."""
+
+    def fail(*_: object) -> None:
+        raise OSError(errno.EIO, os.strerror(errno.EIO))
+
+    monkeypatch.setattr(os, "link", fail)
+    monkeypatch.setattr(Path, "replace", fail)
+    with pytest.raises(OSError, match=os.strerror(errno.EIO)):
+        write(tmp_path / "a", "note", overwrite=False)
+    assert list(tmp_path.iterdir()) == []
+
+
 @pytest.mark.parametrize("suffix", [".las", ".wdp", ".WDP", ".wvs", ".wvz"])
 @pytest.mark.parametrize("link", ["none", "symbolic", "hard"])
 def test_inputs_and_companions_are_kept_through_links(
