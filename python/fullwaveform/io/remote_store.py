@@ -2,11 +2,8 @@
 
 from __future__ import annotations
 
-import asyncio
 import errno
-import gc
 import io
-import sys
 import threading
 import time
 from collections import OrderedDict
@@ -17,6 +14,7 @@ from importlib import import_module
 from pathlib import Path
 from typing import Any, TypeVar
 
+from fullwaveform.io.collector import collector_pause
 from fullwaveform.io.interruption import raise_if_requested
 from fullwaveform.io.remote import WEB_SCHEMES, RemoteError, RemotePath, missing, noted_failure
 
@@ -166,61 +164,10 @@ class RemoteFile(io.RawIOBase):
 
     def readinto(self, buffer: Any) -> int:
         """Fill the buffer; fewer bytes only at the end of the file."""
-        with noted_failure(), _collector_pause:
+        with noted_failure(), collector_pause:
             done = self._source.read_into(memoryview(buffer).cast("B"), self._position)
         self._position += done
         return done
-
-
-class _CollectorPause:
-    """Pauses the garbage collector of Python inside ``with`` statements, in any thread.
-
-    h5py holds a lock while it reads from a file object. If the collector ran in the thread that
-    serves the requests and found an object of h5py there, that thread would wait for this lock, and
-    so for itself.
-    """
-
-    def __init__(self) -> None:
-        self._lock = threading.Lock()
-        self._count = 0
-        self._was_enabled = True
-
-    def __enter__(self) -> None:
-        with self._lock:
-            if self._count == 0:
-                self._was_enabled = gc.isenabled()
-                gc.disable()
-            self._count += 1
-
-    def __exit__(self, *error: object) -> None:
-        with self._lock:
-            self._count -= 1
-            if self._count == 0 and self._was_enabled:
-                gc.enable()
-
-
-_collector_pause = _CollectorPause()
-
-
-def _spare_request_thread(phase: str, info: object) -> None:
-    """Leave nothing to collect when Python starts its collector in fsspec's thread.
-
-    h5py keeps its lock between two reads, too. Objects that are frozen are not looked at; they are
-    left for the next collection in another thread.
-    """
-    try:
-        loop = asyncio.get_running_loop()
-    except RuntimeError:
-        return
-    requests = getattr(sys.modules.get("fsspec.asyn"), "loop", [None])[0]
-    if loop is requests:
-        if phase == "start":
-            gc.freeze()
-        else:
-            gc.unfreeze()
-
-
-gc.callbacks.append(_spare_request_thread)
 
 
 def open_source(path: RemotePath) -> RemoteSource:

@@ -20,6 +20,7 @@ from fullwaveform.io.companions import with_companions
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.io.remote import location
 
+from ...cluster.scenes import las_scan
 from ...support.command_line import assert_error, run
 from ...support.row_scenes import same
 
@@ -228,6 +229,22 @@ def test_run_of_units_in_a_bucket(bucket: Any, formats: dict[str, Path], tmp_pat
     result = run("run", job, "--units", "0", "--again")
     assert result.exit_code == 1, result.output
     assert "s3://scans/in/gedi.h5 has changed" in result.stderr
+
+
+def test_statistics_of_a_run_in_a_store(tmp_path: Path) -> None:
+    scan, job = las_scan(tmp_path / "scan.las"), "memory://statistics"
+    options = ("--threshold", "3000", "--block", "45", "--quiet")
+    for call in (
+        ("plan", scan, "-o", job, *options),
+        ("run", job, "--unit", "0"),
+        ("join", job),
+        ("extract", scan, "-o", tmp_path / "echoes.parquet", *options),
+    ):
+        result = run(*call)
+        assert result.exit_code == 0, result.output
+    expected = (tmp_path / "scan_Warning.txt").read_bytes()
+    assert expected.count(b"NumberOfWaves: ") > 4
+    assert (location(job) / "scan_Warning.txt").read_bytes() == expected
 
 
 def test_job_has_no_credentials(tmp_path: Path) -> None:

@@ -5,6 +5,7 @@ from __future__ import annotations
 import asyncio
 import gc
 import re
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 from typing import Any
 
@@ -17,6 +18,7 @@ from h5py._objects import phil
 import fullwaveform as fw
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io import remote_store
+from fullwaveform.io.collector import collector_pause
 from fullwaveform.io.companions import with_companions
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.io.remote import location
@@ -266,3 +268,20 @@ def test_collector_pauses_while_a_library_reads(server: WebServer) -> None:
         stream.read(10)
     assert enabled == [False]
     assert gc.isenabled()
+
+
+@pytest.mark.parametrize("was_enabled", [True, False])
+def test_collector_pauses_until_the_last_read_ends(was_enabled: bool) -> None:
+    """Reads of several threads overlap; a collector that the caller has stopped is not started."""
+    try:
+        if not was_enabled:
+            gc.disable()
+        with ThreadPoolExecutor(1) as pool:
+            with collector_pause:
+                pool.submit(collector_pause.__enter__).result()
+                assert not gc.isenabled()
+            assert not gc.isenabled()
+            pool.submit(collector_pause.__exit__).result()
+        assert gc.isenabled() == was_enabled
+    finally:
+        gc.enable()
