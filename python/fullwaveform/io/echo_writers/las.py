@@ -181,9 +181,11 @@ def grid_coordinates(
     """
     steps = np.rint((xyz - header.offsets) / header.scales)
     # Comparisons with NaN are false, so this also rejects NaN.
-    fits = ((steps >= _INT32.min) & (steps <= _INT32.max)).all(axis=1)
-    kept = np.flatnonzero(fits)
-    return steps[kept].astype(np.int32), kept
+    inside = (steps >= _INT32.min) & (steps <= _INT32.max)
+    kept = np.flatnonzero(inside[:, 0] & inside[:, 1] & inside[:, 2])
+    if len(kept) < len(steps):
+        steps = steps[kept]
+    return steps.astype(np.int32), kept
 
 
 def _offsets_near(xyz: FloatArray) -> FloatArray:
@@ -197,6 +199,8 @@ def _offsets_near(xyz: FloatArray) -> FloatArray:
 
 def _shots_beyond(echoes: EchoTable, limit: int) -> int:
     beyond = np.maximum(echoes.echo_number, echoes.echo_count) > limit
+    if not beyond.any():
+        return 0
     # The echoes of a shot are consecutive with increasing numbers and equal times.
     starts = np.ones(len(echoes), dtype=bool)
     starts[1:] = (np.diff(echoes.echo_number) <= 0) | (np.diff(echoes.gps_time) != 0)
@@ -205,10 +209,9 @@ def _shots_beyond(echoes: EchoTable, limit: int) -> int:
 
 
 def _rounded(values: npt.NDArray[np.floating], low: int, high: int) -> npt.NDArray[np.int64]:
-    whole: npt.NDArray[np.int64] = np.clip(
-        np.rint(np.nan_to_num(values, nan=0.0)), low, high
-    ).astype(np.int64)
-    return whole
+    whole: npt.NDArray[np.floating] = np.clip(np.rint(values), low, high)
+    whole[np.isnan(whole)] = 0.0
+    return whole.astype(np.int64)
 
 
 def _fill_standard_fields(

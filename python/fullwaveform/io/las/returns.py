@@ -78,9 +78,18 @@ def discrete_returns(
 
 
 def _order(rows: IntArray, times: FloatArray) -> slice | IntArray:
-    """Sorts by row and then by time; most files are in this order."""
-    ascending = (rows[1:] > rows[:-1]) | ((rows[1:] == rows[:-1]) & (times[1:] >= times[:-1]))
-    return slice(None) if ascending.all() else np.lexsort((times, rows))
+    """Sorts by row and then by time; only rows whose times are not in order are sorted."""
+    if (rows[1:] < rows[:-1]).any():
+        return np.lexsort((times, rows))
+    earlier = (rows[1:] == rows[:-1]) & (times[1:] < times[:-1])
+    if not earlier.any():
+        return slice(None)
+    is_mixed = np.zeros(rows[-1] + 1, dtype=np.bool_)
+    is_mixed[rows[1:][earlier]] = True
+    places = np.flatnonzero(is_mixed[rows])
+    order = np.arange(len(rows))
+    order[places] = places[np.lexsort((times[places], rows[places]))]
+    return order
 
 
 def _placed(

@@ -41,6 +41,37 @@ def test_points_of_a_packet_are_its_returns_in_order_of_time(tmp_path: Path) -> 
     assert returns.extra is None
 
 
+def test_pulses_out_of_order_are_sorted_among_others(tmp_path: Path) -> None:
+    # Waveform, time in ps and return number; the two equal times keep the order of the file.
+    recorded = [(0, 500, 1), (0, 1500, 2)]
+    recorded += [(1, 2500, 1), (1, 500, 2), (1, 500, 3), (1, 1500, 4)]
+    recorded += [(2, 1000, 1)]
+    recorded += [(3, 3000, 1), (3, 1000, 2)]
+    points = [
+        Point(waveform, 100.0 + waveform, location=float(time), fields={"return_number": number})
+        for waveform, time, number in recorded
+    ]
+    (returns,) = returns_of(Scene(DESCRIPTORS, FOUR, points).write(tmp_path / "scan.las"))
+    assert returns.rows.tolist() == [0, 0, 1, 1, 1, 1, 2, 3, 3]
+    assert returns.times.tolist() == [500, 1500, 500, 500, 1500, 2500, 1000, 1000, 3000]
+    assert returns.return_number.tolist() == [1, 2, 2, 3, 4, 1, 1, 2, 1]
+
+
+def test_points_placed_in_a_later_waveform_are_sorted_by_waveform(tmp_path: Path) -> None:
+    # The waveforms of the shot begin at 30 m and at 29 m and cover 0.45 m each.
+    points = [
+        Point(0, 100.0, fields={"return_number": 1}),
+        Point(None, 100.0, xyz=(10.0, 20.0, 28.85), fields={"return_number": 4}),
+        Point(None, 100.0, xyz=(10.0, 20.0, 29.7), fields={"return_number": 2}),
+        Point(1, 100.0, xyz=(10.0, 20.0, 29.0), fields={"return_number": 3}),
+        Point(2, 101.0, fields={"return_number": 1}),
+    ]
+    (returns,) = returns_of(Scene(DESCRIPTORS, FOUR[:3], points).write(tmp_path / "scan.las"))
+    assert returns.rows.tolist() == [0, 0, 1, 1, 2]
+    assert returns.return_number.tolist() == [1, 2, 3, 4, 1]
+    assert returns.times == pytest.approx([0.0, 2000.0, 0.0, 1000.0, 0.0], abs=0.01)
+
+
 def test_withheld_points_are_not_returns(tmp_path: Path) -> None:
     scene = two_returns_then_one()
     scene.points[1].fields["withheld"] = 1
