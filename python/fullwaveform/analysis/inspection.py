@@ -16,6 +16,7 @@ from fullwaveform.analysis.histograms import (
     value_histogram,
 )
 from fullwaveform.analysis.origin import FileOrigin, origin_of
+from fullwaveform.analysis.places import ends_of
 from fullwaveform.calibration.calibration import Calibration, measure
 from fullwaveform.calibration.levels import samples_by_receiver
 from fullwaveform.calibration.waveform_levels import waveform_levels
@@ -163,6 +164,7 @@ class _Sums:
         self.point_sources: Counter[int] = Counter()
         self.per_shot: Counter[int] = Counter()
         self.times = (np.inf, -np.inf)
+        self.lower, self.upper = np.full(3, np.inf), np.full(3, -np.inf)
         self.samples = SampleStatistics()
 
     def add(self, block: WaveformBlock) -> None:
@@ -180,7 +182,23 @@ class _Sums:
             min(self.times[0], float(times.min(initial=np.inf))),
             max(self.times[1], float(times.max(initial=-np.inf))),
         )
+        for places in ends_of(block):
+            places = places[np.isfinite(places).all(axis=1)]
+            self.lower = np.minimum(self.lower, places.min(axis=0, initial=np.inf))
+            self.upper = np.maximum(self.upper, places.max(axis=0, initial=-np.inf))
         self.samples.add(np.ascontiguousarray(block.samples), block.counts)
+
+    def origin(self, reader: WaveformReader) -> FileOrigin | None:
+        """That of the header, with the box of the waveforms if that of the header has none of them.
+
+        Compressors of PulseWaves files leave the box as it was before the first pulse.
+        """
+        origin = origin_of(reader.header)
+        if origin is None or np.any(self.lower > self.upper):
+            return origin
+        if np.all(self.lower <= origin.upper) and np.all(self.upper >= origin.lower):
+            return origin
+        return replace(origin, lower=tuple(self.lower.tolist()), upper=tuple(self.upper.tolist()))
 
     def contents(self, kind: str, reader: WaveformReader) -> FileContents:
         tally = reader.tally
@@ -218,7 +236,7 @@ class _Sums:
                 for number, waveforms in _ascending(self.numbers).items()
             ),
             point_sources=_ascending(self.point_sources),
-            origin=origin_of(reader.header),
+            origin=self.origin(reader),
             beams=reader.beams,
             left_out=dict(tally.left_out),
             rejected=dict(tally.rejected),

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import numpy as np
 
+from fullwaveform.analysis.places import ends_of
 from fullwaveform.calibration.pulses import baseline_of
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import OutgoingPulses, WaveformBlock
@@ -11,7 +12,6 @@ from fullwaveform.data.columns import Column, Table
 from fullwaveform.data.echo_columns import SHOT_COLUMNS, shot_columns_of
 
 _COORDINATE = "coordinate unit of the input"
-_PICOSECONDS = 1e12
 _PICOSECONDS_PER_NANOSECOND = 1e3
 _MIN_SAMPLES = 3  # of an outgoing pulse
 
@@ -106,11 +106,8 @@ def _columns(block: WaveformBlock, first: IntArray, shot: IntArray) -> dict[str,
 
 def _ends(block: WaveformBlock, first: IntArray, shot: IntArray) -> dict[str, FloatArray]:
     """Places (m, 3) of the first and last samples along the flight, of any waveform of the shot."""
-    geometry = block.geometry
-    lasting = (block.counts.astype(np.float64) - 1.0) * block.sampling_intervals * _PICOSECONDS
-    begins = geometry.anchor + geometry.location[:, np.newaxis] * geometry.direction
-    ends = begins - lasting[:, np.newaxis] * geometry.direction
-    flight = -geometry.direction[first[shot]]
+    begins, ends = ends_of(block)
+    flight = -block.geometry.direction[first[shot]]
     origin = begins[first[shot]]
     found = {}
     for name, places, sign in (("first", begins, 1.0), ("last", ends, -1.0)):

@@ -236,7 +236,7 @@ def _max_height(view: WaveformView) -> float:
 def _title(view: WaveformView) -> str:
     channel = _CHANNELS.get(view.channel_flag, f"channel {view.channel_flag}")
     time = f", GPS time {view.gps_time:.6f} s" if np.isfinite(view.gps_time) else ""
-    # The samples are drawn as recorded, so that the curves of the echoes lie beside them.
+    # The samples are drawn as recorded, which the curves of the echoes do not follow.
     width = view.smoothing * _NANOSECONDS
     smoothing = f"; echoes of samples smoothed with {width:g} ns" if width else ""
     return f"waveform {view.number}, {channel}{time}{smoothing}"

@@ -129,6 +129,21 @@ def test_origin_of_a_pulsewaves_file(tmp_path: Path) -> None:
         assert shown(path)["origin"]["date"] == ""
 
 
+def test_box_of_the_header_without_any_waveform_is_replaced(tmp_path: Path) -> None:
+    # Four samples at 1 ns, from the anchor at 0 down by 0.15 m each.
+    path = pulsewaves_scenes.three_pulses().write(tmp_path / "scan.pls")
+    box = 304  # byte of the header
+    patch(path, box, "<6d", 5.0, 6.0, 0.0, 0.0, -0.45, 0.0)  # beside the waveforms in x
+    origin = shown(path)["origin"]
+    assert (origin["lower"], origin["upper"]) == (
+        pytest.approx([0.0, 0.0, -0.45]),
+        pytest.approx([0.0, 0.0, 0.0]),
+    )
+    patch(path, box, "<6d", -1.0, 1.0, -1.0, 1.0, -9.0, -0.4)
+    origin = shown(path)["origin"]
+    assert (origin["lower"], origin["upper"]) == ([-1.0, -1.0, -9.0], [1.0, 1.0, -0.4])
+
+
 def test_truncated_file_of_echoes_is_refused(tmp_path: Path) -> None:
     header = laspy.LasHeader(version="1.2", point_format=1)
     laspy.LasData(header).write(tmp_path / "e.las")
