@@ -1,9 +1,11 @@
-"""Time from the driver's result to the written echoes, over the time of the driver.
+"""Time of every stage from a LAS file to the written echoes, over the driver's and laspy's reading.
 
     python bench/echo_table.py FILE [--mode N] [--runs N]
 
-Processor times of the thread, minimum of several runs: `Driver.apply`, the rest of the extraction
-(samples prepared, echoes refined with their uncertainties, table filled), and writing each format.
+Processor times of the thread, minimum of several runs: laspy's reading of the points and packets
+of the file, which has a companion with the packets; reading and calibrating; `Driver.apply`, the
+rest of the extraction (samples prepared, echoes refined with their uncertainties, table filled),
+and writing each format.
 """
 
 from __future__ import annotations
@@ -17,10 +19,12 @@ from typing import Any
 from unittest.mock import patch
 
 from command_line import fastest, read, write
+from ratios import processor_times, read_with_laspy
+from ratios import read as read_and_drop
 
 from fullwaveform import Scanner
 from fullwaveform.calibration.calibration import measure
-from fullwaveform.core import echo_table
+from fullwaveform.core import echo_table, uncertainty
 from fullwaveform.core.driver import Driver, Mode
 from fullwaveform.extraction.extractor import ExtractionSettings, Extractor
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS
@@ -57,30 +61,47 @@ def main() -> None:
     options = parser.parse_args()
     settings = ExtractionSettings(Scanner.default(), Mode(options.mode))
     with open_waveforms(options.file) as reader:
-        settings = replace(settings, calibration=measure(reader))
+        calibrating, calibration = fastest(options.runs, lambda: measure(reader))
+    settings = replace(settings, calibration=calibration)
+    laspys, reading = processor_times(
+        options.runs,
+        lambda: read_with_laspy(options.file),
+        lambda: read_and_drop(options.file),
+    )
     blocks = read(options.file)
     runs = []
     for _ in range(options.runs):
         driver, table = Stopwatch(Driver.apply), Stopwatch(echo_table._core.echo_table)
+        kernel = Stopwatch(uncertainty._core.three_point_uncertainties)
         with (
             patch.object(Driver, "apply", driver),
+            patch.object(uncertainty._core, "three_point_uncertainties", kernel),
             patch.object(echo_table._core, "echo_table", table),
         ):
             extractor = Extractor(settings)
             whole, extracted = fastest(1, lambda by=extractor: [by.extract(b) for b in blocks])
-        runs.append((driver.seconds, whole - driver.seconds, table.seconds))
-    method, rest, filled = (min(times) for times in zip(*runs, strict=True))
-    stages = {"Driver.apply": method, "result to echo table": rest, "of that the table": filled}
+        runs.append((driver.seconds, whole - driver.seconds, table.seconds, kernel.seconds))
+    method, rest, filled, deviations = (min(times) for times in zip(*runs, strict=True))
+    stages = {
+        "laspy's reading": laspys,
+        "reading": reading,
+        "calibrating": calibrating,
+        "Driver.apply": method,
+        "result to echo table": rest,
+        "of that the table": filled,
+        "of that uncertainties of three-point echoes": deviations,
+    }
     for ending in ECHO_ENDINGS:
         with TemporaryDirectory() as folder:
             output = Path(folder) / f"echoes{ending}"
             times = fastest(options.runs, lambda to=output: write(to, options.file, extracted))[0]
         stages[f"writing {ending}"] = times
     scale = 1e3 * WAVEFORMS / sum(map(len, blocks))
-    print("| stage | ms per 500,000 waveforms | over Driver.apply |")
-    print("|---|---:|---:|")
+    print("| stage | ms per 500,000 waveforms | over Driver.apply | over laspy's reading |")
+    print("|---|---:|---:|---:|")
     for name, seconds in stages.items():
-        print(f"| {name} | {seconds * scale:.0f} | {seconds / method:.2f} |")
+        ratios = f"{seconds / method:.2f} | {seconds / laspys:.2f}"
+        print(f"| {name} | {seconds * scale:.0f} | {ratios} |")
 
 
 if __name__ == "__main__":
