@@ -210,7 +210,7 @@ def _rows(contents: FileContents) -> list[tuple[str, str]]:
             ("points sharing a waveform", f"{contents.points_sharing_waveform:,}"),
             ("waveforms", f"{contents.waveforms:,}"),
         ]
-    rows += [(f"beam {name}", f"{count:,} shots") for name, count in contents.beams.items()]
+    rows += [(f"beam {name}", _number(count, "shots")) for name, count in contents.beams.items()]
     rows += [("left out", f"{count:,}: {reason}") for reason, count in contents.left_out.items()]
     if not contents.waveforms:
         return rows
@@ -255,9 +255,14 @@ def _listed(counts: Mapping[Any, int], counted: str) -> str:
     if len(counts) == 1:
         return str(next(iter(counts)))
     if len(counts) <= _MAX_LISTED:
-        return ", ".join(f"{key} ({count:,} {counted})" for key, count in counts.items())
+        return ", ".join(f"{key} ({_number(count, counted)})" for key, count in counts.items())
     mode = max(counts, key=lambda key: counts[key])
-    return f"{len(counts):,} different values, mostly {mode} ({counts[mode]:,} {counted})"
+    return f"{len(counts):,} different values, mostly {mode} ({_number(counts[mode], counted)})"
+
+
+def _number(count: int, counted: str) -> str:
+    """A number of things, whose plural ends in s."""
+    return f"{count:,} {counted if count != 1 else counted[:-1]}"
 
 
 def _sample_counts(contents: FileContents) -> str:

@@ -85,8 +85,9 @@ def _described(receiver: Receiver) -> str:
     one = receiver.descriptor
     assert one is not None
     interval = one.spacing_ps * _NANOSECONDS_PER_PICOSECOND
+    waveforms = "waveform" if receiver.waveforms == 1 else "waveforms"
     return (
-        f"{receiver.waveforms:,} waveforms of {one.sample_count:,} samples at {interval:.6g} ns, "
+        f"{receiver.waveforms:,} {waveforms} of {one.sample_count:,} samples at {interval:.6g} ns, "
         f"{one.bits_per_sample} bits, {one.gain:.6g} V per count, offset {one.offset:.6g} V"
     )
 

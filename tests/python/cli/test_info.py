@@ -42,7 +42,7 @@ def test_table(scan: Path) -> None:
         "points sharing a waveform 1",
         "waveforms 2",
         "shots 2",
-        "channels high (1 waveforms), low (1 waveforms)",
+        "channels high (1 waveform), low (1 waveform)",
         "samples per waveform 8",
         "sampling interval 2 ns",
         "GPS time 1.500000 to 2.000000 s (0.5 s)",

@@ -69,7 +69,7 @@ def test_descriptors_in_use(scan: Path) -> None:
     ]
     text = words(run("info", scan).stdout)
     assert (
-        "descriptor 3 1 waveforms of 8 samples at 0.5 ns, 16 bits, 0.25 V per count, offset -1 V"
+        "descriptor 3 1 waveform of 8 samples at 0.5 ns, 16 bits, 0.25 V per count, offset -1 V"
         in text
     )
     assert "descriptor 2" not in text
@@ -94,7 +94,7 @@ def test_origin_of_a_las_file(scan: Path) -> None:
         "software recorder 1.2",
         "system SENSOR",
         "date 2024-02-29",
-        "point source ID 7 (3 waveforms), 8 (1 waveforms)",
+        "point source ID 7 (3 waveforms), 8 (1 waveform)",
     ):
         assert line in text
 
