@@ -171,6 +171,11 @@ def repeated(scan: Path, times: int, target: Path) -> Path:
     return target
 
 
+# MB, of 48 MB of packets. Parquet and HDF5 files collect and encode the rows of a group, at most
+# 2^17 and 2^16; the long scan has 35,000 rows, of 7 MB.
+MAX_GROWTH = {".csv": 9.0, ".laz": 9.0, ".parquet": 30.0, ".h5": 20.0}
+
+
 def peak_memory(scan: Path, block: int, ending: str) -> float:
     """Peak memory of the whole run in MB, including the program itself."""
     call = ["extract", str(scan), "-o", str(scan.with_suffix(ending)), "--threshold", "20", "-q"]
@@ -191,10 +196,11 @@ def test_memory_does_not_grow_with_the_file(tmp_path: Path) -> None:
     settings = ScanSettings(shots=1000, samples=1200)
     short = write_scan(simulate_scan(settings), tmp_path / "short.las").las  # 5 MB of packets
     long = repeated(short, 10, tmp_path / "long.las")  # 48 MB
-    for ending in (".csv", ".laz", ".parquet", ".h5"):
+    for ending, growth in MAX_GROWTH.items():
         small = peak_memory(short, 200, ending)
-        assert peak_memory(long, 200, ending) < 1.10 * small
+        assert peak_memory(long, 200, ending) < small + growth
     # A run with all waveforms in one block exceeds the same bound.
-    assert peak_memory(long, 100_000, ".csv") > 1.10 * peak_memory(short, 200, ".csv")
+    small = peak_memory(short, 200, ".csv")
+    assert peak_memory(long, 100_000, ".csv") > small + max(MAX_GROWTH.values())
     assert long.with_suffix(".csv").read_bytes().count(b"\n") > 10_000
     shutil.rmtree(tmp_path)

@@ -166,6 +166,7 @@ def test_declared_channel_that_no_waveform_has_is_refused(tmp_path: Path) -> Non
     scene = las_scenes.four_shots()
     scene.descriptors = [*scene.descriptors, (2, 8, 0, 1000)]
     source = scene.write(tmp_path / "scan.las")
+    (tmp_path / "out").mkdir()
     for call in calls(source, tmp_path / "out"):
         assert_usage(
             run(*call, "--channel", "2=high"),

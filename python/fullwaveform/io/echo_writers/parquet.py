@@ -20,7 +20,7 @@ from fullwaveform.io.echo_writers.row_groups import GroupedTableFile
 from fullwaveform.io.remote import path_or_stream
 from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text
 
-#: Rows of all row groups but the last, about 10 MB of echoes.
+#: Rows of all row groups but the last, about 25 MB of echoes.
 ROWS_PER_GROUP = 2**17
 
 

@@ -43,7 +43,9 @@ def store_address() -> Iterator[str]:
 def bucket(store_address: str, monkeypatch: pytest.MonkeyPatch) -> Iterator[Any]:
     """A client of the store with the empty bucket "scans"; the environment has the credentials."""
     import boto3
+    import s3fs
 
+    s3fs.S3FileSystem.clear_instance_cache()  # it keeps the credentials of former connections
     for name, value in {
         "AWS_ACCESS_KEY_ID": "key",
         "AWS_SECRET_ACCESS_KEY": "secret",
