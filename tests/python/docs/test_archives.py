@@ -12,10 +12,12 @@ import laspy
 import pyarrow.parquet
 import pytest
 
+import fullwaveform as fw
+
 from ..support.command_line import run
 from ..support.hdf5_scenes import lvis_scene
 from ..support.las_scenes import data_folder
-from .test_documents import commands_of
+from .test_documents import commands_of, run_example
 
 CALLS = commands_of("docs/archives.md")
 GEDI = data_folder() / "gedi"
@@ -115,3 +117,16 @@ def test_commands_for_las(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> No
     assert ((ground > header.mins[2] - 1.0) & (ground < header.maxs[2])).all()
     pulses = pyarrow.parquet.read_table(tmp_path / "flight-pulses.parquet")
     assert pulses.num_rows == 1_778
+
+
+def test_notebook_of_an_archive(tmp_path: Path) -> None:
+    source = lvis_scene("2.0.4 classic", rows=5).write(tmp_path / "lvis.h5")
+    printed = run_example("archive_notebook.py", source, tmp_path)
+    echoes = pyarrow.parquet.read_table(tmp_path / "echoes.parquet")
+    assert f"Extraction({len(echoes)} echoes of " in printed
+    assert "rh_98" in printed
+    lines = (tmp_path / "metrics.csv").read_text(encoding="utf-8").splitlines()
+    with fw.open(source) as reader:
+        assert len(lines) - 1 == sum(len(block) for block in reader.blocks())
+    for picture in ("tallest.png", "profile.png"):
+        assert (tmp_path / picture).read_bytes().startswith(b"\x89PNG")

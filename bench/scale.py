@@ -1,0 +1,250 @@
+"""Processor time and memory of extractions against the number of waveforms; see docs/scale.md.
+
+    python bench/scale.py [-o FOLDER] [--most 7] [--repeated 8]
+
+Scans of 10^4, 10^5, ... waveforms of 80 samples are extracted by the command line with one worker,
+each method up to as many as it does in a few minutes, and 10^MOST at most. They repeat one
+simulated scan at later times. Then one block in memory is
+extracted 10^REPEATED times over in mode 0, without a file on either side, to see whether memory
+stays flat. Prints the tables and writes scale.png. The time per waveform is that of the additional
+waveforms of each scan over the next smaller one, so that start-up and calibration, which read a
+bounded number of waveforms, do not count. Times of small scans are the minimum of several runs.
+"""
+
+from __future__ import annotations
+
+import argparse
+import itertools
+import os
+import resource
+import shutil
+import sys
+import tempfile
+from collections.abc import Iterator
+from concurrent.futures import ProcessPoolExecutor
+from dataclasses import dataclass
+from multiprocessing import get_context
+from pathlib import Path
+
+import laspy
+import matplotlib as mpl
+import numpy as np
+
+mpl.use("Agg")
+
+from matplotlib import pyplot as plt
+
+from fullwaveform import Scanner
+from fullwaveform.core.driver import Mode
+from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.extraction.extractor import ExtractionSettings
+from fullwaveform.extraction.pipeline import extracted_blocks
+from fullwaveform.io.opening import open_waveforms
+
+#: Command line name, and the exponent of the largest scan.
+METHODS = {
+    "three-point": 7,
+    "decomposition": 6,
+    "pulse-fit": 6,
+    "deconvolution": 5,
+    "hybrid": 5,
+}
+SMALLEST = 4  # exponent
+SHOTS = 8000  # of the simulated scan, which has a little more than 10^4 waveforms
+PACKETS_START = 60  # bytes of the header of a file of packets
+STEP_S = 1e-4  # between shots of the simulated scan
+RUNS_UP_TO = {4: 5, 5: 3}  # exponent: runs; one for larger scans
+HOURS_PER_BILLION = 1e9 / 1e6 / 3600.0  # of a waveform that takes 1 us
+
+
+@dataclass(frozen=True)
+class Used:
+    """What a process used."""
+
+    seconds: float  # of processors
+    memory: float  # largest resident set, bytes
+
+
+def run(*arguments: str) -> Used:
+    """Run the command line."""
+    call = [sys.executable, "-c", "from fullwaveform.cli.main import main; main()", *arguments]
+    devnull = os.open(os.devnull, os.O_WRONLY)
+    process = os.posix_spawn(
+        sys.executable, call, os.environ, file_actions=[(os.POSIX_SPAWN_DUP2, devnull, 1)]
+    )
+    os.close(devnull)
+    _, status, usage = os.wait4(process, 0)
+    if status != 0:
+        raise RuntimeError(f"{' '.join(arguments)} failed")
+    return Used(usage.ru_utime + usage.ru_stime, usage.ru_maxrss * 1024.0)
+
+
+def repeat_scan(source: Path, target: Path, count: int) -> None:
+    """Write a scan of `count` waveforms that repeats those of the source, at later times."""
+    packets = source.with_suffix(".wdp").read_bytes()
+    body = packets[PACKETS_START:]
+    with laspy.open(source) as reader:
+        points = reader.read().points
+        times, offsets = np.array(points.gps_time), np.array(points.wavepacket_offset)
+        duration = STEP_S + float(times.max() - times.min())
+        with (
+            laspy.open(target, mode="w", header=reader.header) as writer,
+            target.with_suffix(".wdp").open("wb") as to,
+        ):
+            to.write(packets[:PACKETS_START])
+            for number in range(-(-count // len(points))):
+                part = points[: min(count - number * len(points), len(points))].copy()
+                part.gps_time = times[: len(part)] + number * duration
+                part.wavepacket_offset = offsets[: len(part)] + number * len(body)
+                writer.write_points(part)
+                to.write(body)
+
+
+@dataclass(frozen=True)
+class Growth:
+    """Time and memory of scans of 10^4, 10^5, ... waveforms."""
+
+    method: str
+    exponents: list[int]
+    seconds: list[float]
+    memory: list[float]  # bytes
+    output: float  # bytes per waveform
+
+    @property
+    def microseconds(self) -> list[float]:
+        """Per additional waveform, from each scan to the next."""
+        more = np.diff(10.0 ** np.array(self.exponents))
+        return list(1e6 * np.diff(self.seconds) / more)
+
+
+def measure(method: str, folder: Path, most: int) -> Growth:
+    """Extract scans of increasing size with a method."""
+    options = ["--mode", method, "--workers", "1", "--quiet", "--overwrite"]
+    if method in ("deconvolution", "hybrid"):
+        options += ["--scanner", str(folder / "scanner.toml")]
+    output = folder / "echoes.las"
+
+    def used(scan: str, runs: int) -> Used:
+        call = ["extract", str(folder / f"{scan}.las"), "-o", str(output), *options]
+        each = [run(*call) for _ in range(runs)]
+        return Used(min(one.seconds for one in each), max(one.memory for one in each))
+
+    growth = Growth(method, list(range(SMALLEST, min(METHODS[method], most) + 1)), [], [], 0.0)
+    for exponent in growth.exponents:
+        found = used(f"scan{exponent}", RUNS_UP_TO.get(exponent, 1))
+        growth.seconds.append(found.seconds)
+        growth.memory.append(found.memory)
+    per_waveform = output.stat().st_size / 10 ** growth.exponents[-1]
+    return Growth(method, growth.exponents, growth.seconds, growth.memory, per_waveform)
+
+
+def repeated(block: WaveformBlock, times: int) -> Iterator[WaveformBlock]:
+    """The same block again and again."""
+    return itertools.repeat(block, times)
+
+
+def memory_of_repeated(scan: Path, exponent: int) -> list[tuple[float, float]]:
+    """Waveforms done and largest resident set so far (bytes), while a block is repeated."""
+    with open_waveforms(scan) as reader:
+        block = next(reader.blocks())
+    settings = ExtractionSettings(scanner=Scanner.default(), mode=Mode.THREE_POINT, threshold=20)
+    steps = [10**power for power in range(SMALLEST, exponent + 1)]
+    found: list[tuple[float, float]] = []
+    done = 0
+    for extracted in extracted_blocks(
+        repeated(block, -(-steps[-1] // len(block))), settings, workers=2
+    ):
+        done += len(block)
+        assert len(extracted.echoes) > 0
+        if steps and done >= steps[0]:
+            found.append((done, resource.getrusage(resource.RUSAGE_SELF).ru_maxrss * 1024.0))
+            steps.pop(0)
+    return found
+
+
+def prepare(folder: Path, most: int) -> float:
+    """Make the scans and the scanner description; bytes per waveform."""
+    base = folder / "base.las"
+    run("simulate", str(base), "--shots", str(SHOTS), "--samples", "80")
+    run("system-wave", str(base), "-o", str(folder / "scanner.toml"))
+    for exponent in range(SMALLEST, most + 1):
+        repeat_scan(base, folder / f"scan{exponent}.las", 10**exponent)
+    with laspy.open(base) as reader:
+        points, size = reader.header.point_count, reader.header.point_format.size
+    return float(size + (base.with_suffix(".wdp").stat().st_size - PACKETS_START) / points)
+
+
+def plot(growths: list[Growth], flat: list[tuple[float, float]], path: Path) -> None:
+    """Time per waveform and memory against the number of waveforms."""
+    figure, (time, memory) = plt.subplots(1, 2, figsize=(11, 4), layout="constrained")
+    for growth in growths:
+        count = 10.0 ** np.array(growth.exponents)
+        time.loglog(count[1:], growth.microseconds, "o-", label=growth.method)
+        memory.semilogx(count, np.array(growth.memory) / 1e6, "o-", label=growth.method)
+    done, largest = np.array(flat).T
+    memory.semilogx(done, largest / 1e6, "s--", color="black", label="one block, repeated")
+    time.set_ylabel("processor time, µs per additional waveform")
+    memory.set_ylabel("largest resident memory, MB")
+    memory.set_ylim(0.0)
+    for axes in (time, memory):
+        axes.set_xlabel("waveforms")
+        axes.grid(alpha=0.3)
+    memory.legend()
+    figure.savefig(path / "scale.png", dpi=110)
+
+
+def row(name: str, cells: list[str], width: int) -> str:
+    """A row of a Markdown table, with empty cells at the end."""
+    return f"| {' | '.join([name, *cells, *[''] * (width - len(cells))])} |"
+
+
+def show(growths: list[Growth], flat: list[tuple[float, float]], size: float) -> None:
+    """Print the tables."""
+    exponents = range(SMALLEST, max(growth.exponents[-1] for growth in growths) + 1)
+    titles = " | ".join(f"10^{exponent}" for exponent in exponents)
+    columns = "|---|" + "---:|" * len(exponents)
+    print(f"\nProcessor time, s\n\n| method | {titles} |\n{columns}")
+    for growth in growths:
+        print(row(growth.method, [f"{one:.2f}" for one in growth.seconds], len(exponents)))
+    print(f"\nus per additional waveform\n\n| method | {titles} |\n{columns}")
+    for growth in growths:
+        each = ["", *(f"{one:.2f}" for one in growth.microseconds)]
+        print(row(growth.method, each, len(exponents)))
+    print(f"\nMemory, MB\n\n| method | {titles} |\n{columns}")
+    for growth in growths:
+        print(row(growth.method, [f"{one / 1e6:.0f}" for one in growth.memory], len(exponents)))
+    print("\n| waveforms, one block repeated | largest memory, MB |\n|---:|---:|")
+    for done, largest in flat:
+        print(f"| {done:,.0f} | {largest / 1e6:.1f} |")
+    print(
+        "\n| method | core hours per 10^9 waveforms | bytes in | bytes out |\n|---|---:|---:|---:|"
+    )
+    for growth in growths:
+        hours = growth.microseconds[-1] * HOURS_PER_BILLION
+        print(f"| {growth.method} | {hours:.1f} | {size:.0f} | {growth.output:.0f} |")
+
+
+def main() -> None:
+    """Measure, print and plot."""
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("-o", "--output", type=Path, default=Path("docs"))
+    parser.add_argument("--most", type=int, default=7)
+    parser.add_argument("--repeated", type=int, default=8)
+    parser.add_argument("--folder", type=Path, help="of the scans; needs 220 bytes per waveform")
+    options = parser.parse_args()
+    folder = Path(tempfile.mkdtemp(dir=options.folder))
+    try:
+        size = prepare(folder, options.most)
+        growths = [measure(method, folder, options.most) for method in METHODS]
+        # A new process, since its largest resident set counts.
+        with ProcessPoolExecutor(1, get_context("spawn")) as process:
+            scan = folder / f"scan{SMALLEST}.las"
+            flat = process.submit(memory_of_repeated, scan, options.repeated).result()
+    finally:
+        shutil.rmtree(folder)
+    show(growths, flat, size)
+    plot(growths, flat, options.output)
+
+
+if __name__ == "__main__":
+    main()
