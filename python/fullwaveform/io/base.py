@@ -37,7 +37,7 @@ class WaveformReader(ABC):
         The file.
     waveforms_per_block
         Maximum number of waveforms in a block, unless a single shot has more. Blocks of very long
-        waveforms hold fewer, so that their samples take 128 MiB at most.
+        waveforms hold fewer, so that their samples take 8 MiB at most.
     channel_flags
         Channel flag (1 low power, 0 high power), one for all waveforms or by the number with which
         the format identifies channels; numbers that are not listed have 1.

@@ -9,7 +9,7 @@ from fullwaveform.data.arrays import FloatArray, IntArray
 
 MAX_SAMPLES = MAX_COUNT  # of a waveform
 DEFAULT_MAX_SAMPLES = 8192  # of a readable waveform; damaged counts are mostly larger
-BLOCK_SAMPLES = 1 << 26  # of a block, padding included: 128 MiB
+BLOCK_SAMPLES = 1 << 22  # of a block, padding included: 8 MiB, which extraction multiplies
 SURVEY_CHUNK = 1 << 17  # points, pulses or rows that are read at a time before the first block
 
 NO_SAMPLES = "waveform without samples"
