@@ -258,6 +258,7 @@ def _upload(system: Any, name: str, content: Path, mode: str) -> None:
         target.commit()
     except BaseException:
         target.discard()
+        target.closed = True  # else its finalizer tries to upload what was discarded
         raise
 
 

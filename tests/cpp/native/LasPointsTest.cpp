@@ -239,7 +239,7 @@ TEST(CopyRows, RunsOutsideAreRefused) {
   std::array<std::int64_t, 3> const rows{0, 2, 1};
   copyRows(source, starts, rows, 2, target);
   EXPECT_EQ(target, (Bytes{13, 14, 12, 13, 10, 11}));
-  for (auto const &[start, row] : {std::pair{4, 0}, {-1, 0}, {0, 3}, {0, -1}}) {
+  for (auto const& [start, row] : {std::pair{4, 0}, {-1, 0}, {0, 3}, {0, -1}}) {
     std::array<std::int64_t, 1> const one{start};
     std::array<std::int64_t, 1> const where{row};
     EXPECT_THROW(copyRows(source, one, where, 2, target), std::out_of_range);
