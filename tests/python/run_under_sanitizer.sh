@@ -71,6 +71,7 @@ for library in "${libraries[@]}"; do
   preload+="$("$compiler" -print-file-name="$library") "
 done
 # Python's own allocator would hide the bounds of its objects.
-"${run[@]}" LD_PRELOAD="$preload" PYTHONMALLOC=malloc PYTHONPATH="$package" TSAN_OPTIONS=halt_on_error=1 \
+"${run[@]}" LD_PRELOAD="$preload" PYTHONMALLOC=malloc PYTHONPATH="$package" \
+  TSAN_OPTIONS="halt_on_error=1:suppressions=$PWD/tests/python/thread_sanitizer.supp" \
   UBSAN_OPTIONS=print_stacktrace=1 ASAN_OPTIONS=detect_leaks=0:strict_string_checks=1 \
   "$python" -m pytest -q -p no:cacheprovider "${parallel[@]}" "${tests[@]}"
