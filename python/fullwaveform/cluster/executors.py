@@ -114,7 +114,8 @@ class DaskWorkers(Workers):
 
     def failure(self, error: BaseException) -> Exception:
         """Lost workers affect one unit, a lost scheduler and missing packages the whole run."""
-        if isinstance(error, CancelledError):
+        # Units return their own errors as texts, so these are errors of the connection.
+        if isinstance(error, (CancelledError, OSError, TimeoutError)):
             return OSError(_CONNECTION_LOST)
         if type(error).__name__ == "KilledWorker":
             workers = error.allowed_failures + 1  # type: ignore[attr-defined]

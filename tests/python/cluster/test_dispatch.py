@@ -8,6 +8,7 @@ from functools import partial
 from typing import Any
 
 import pytest
+from distributed.comm import CommClosedError
 
 from fullwaveform.cluster.dispatch import Dispatcher, NumberedUnit
 from fullwaveform.cluster.executors import DaskWorkers
@@ -80,6 +81,8 @@ def test_remaining_units_are_cancelled() -> None:
     [
         (ModuleNotFoundError("No module named 'fullwaveform'"), "install the same version"),
         (CancelledError(), "connection to the scheduler lost; restart the scheduler"),
+        (CommClosedError("in <TCP (closed) ConnectionPool.gather>"), "connection to the scheduler"),
+        (OSError("Timed out trying to connect to tcp://"), "connection to the scheduler lost"),
     ],
 )
 def test_errors_that_end_the_run(error: BaseException, message: str) -> None:
