@@ -189,39 +189,26 @@ def _method_view(
     uncertainties = _uncertainties(echoes, chosen, float(block.sampling_intervals[row]))
     state = WaveformState(int(extracted.waveforms.state[row]))
     count = int(block.counts[row])
-    nothing = np.empty((0, 2))
+    fitted = signal = residuals = np.empty((0, 2))
     if mode is Mode.PULSE_FIT:
         foot = float(np.nan_to_num(extracted.waveforms.baseline[row]))
         fitted, residuals = _fitted_pulses(
             extractor.settings, block, row, (positions, amplitudes, FWHM_PER_SIGMA * widths), foot
         )
-        return MethodView(
-            mode,
-            state,
-            positions,
-            amplitudes,
-            widths,
-            foot,
-            fitted,
-            nothing,
-            residuals,
-            uncertainties,
-        )
-    foot = extractor.baseline(block, row)
-    fits = types != EchoType.RICHARDSON_LUCY
-    curve = single_gaussians if mode is Mode.THREE_POINT else fitted_sum
-    fitted = curve(positions[fits], amplitudes[fits], widths[fits], foot, count)
-    deconvolves = mode is Mode.DECONVOLUTION or (mode is Mode.HYBRID and bool(np.any(~fits)))
-    signal = nothing
-    if deconvolves and state is not WaveformState.TOO_LONG_TO_DECONVOLVE:
-        signal = _reported_signal(extractor.settings, block, row)
-    residuals = nothing
-    if mode is Mode.DECOMPOSITION and len(positions):
-        at = np.arange(count, dtype=np.float64)
-        rest = block.samples[row, :count] - _sum_of_gaussians(
-            positions, amplitudes, widths, foot, at
-        )
-        residuals = np.column_stack([at, np.where(_near(positions, widths, at), rest, np.nan)])
+    else:
+        foot = extractor.baseline(block, row)
+        fits = types != EchoType.RICHARDSON_LUCY
+        curve = single_gaussians if mode is Mode.THREE_POINT else fitted_sum
+        fitted = curve(positions[fits], amplitudes[fits], widths[fits], foot, count)
+        deconvolves = mode is Mode.DECONVOLUTION or (mode is Mode.HYBRID and bool(np.any(~fits)))
+        if deconvolves and state is not WaveformState.TOO_LONG_TO_DECONVOLVE:
+            signal = _reported_signal(extractor.settings, block, row)
+        if mode is Mode.DECOMPOSITION and len(positions):
+            at = np.arange(count, dtype=np.float64)
+            rest = block.samples[row, :count] - _sum_of_gaussians(
+                positions, amplitudes, widths, foot, at
+            )
+            residuals = np.column_stack([at, np.where(_near(positions, widths, at), rest, np.nan)])
     return MethodView(
         mode,
         state,
