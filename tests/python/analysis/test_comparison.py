@@ -5,10 +5,9 @@ from __future__ import annotations
 import json
 import subprocess
 import sys
-from collections.abc import Iterator, Mapping, Sequence
+from collections.abc import Iterator
 from pathlib import Path
 
-import h5py
 import laspy
 import numpy as np
 import pyarrow as pa
@@ -29,6 +28,8 @@ from fullwaveform.cli.app import app
 from fullwaveform.data.echo_records import ECHO_RECORD, unknown_records
 from fullwaveform.plotting.histogram import draw_histogram
 
+from ..support.table_files import write_table
+
 UP = 0.000149854  # m per ps; the direction vectors point back to the scanner
 
 
@@ -45,21 +46,6 @@ def write_points(
     for name, values in columns.items():
         las[name] = np.asarray(values)
     las.write(path)
-    return path
-
-
-def write_table(path: Path, columns: Mapping[str, Sequence[float]]) -> Path:
-    arrays = {name: np.array(values) for name, values in columns.items()}
-    if path.suffix == ".npz":
-        np.savez_compressed(path, **arrays)
-    elif path.suffix == ".h5":
-        with h5py.File(path, "w") as file:
-            for name, values in arrays.items():
-                file[name] = values
-    elif path.suffix == ".csv":
-        pa.csv.write_csv(pa.table(arrays), path)
-    else:
-        pq.write_table(pa.table(arrays), path)
     return path
 
 

@@ -4,15 +4,16 @@ from __future__ import annotations
 
 from pathlib import Path
 
-import h5py
 import laspy
 import numpy as np
+import numpy.typing as npt
 import pyarrow as pa
-import pyarrow.csv
 import pyarrow.parquet as pq
 import pytest
 
 from fullwaveform.analysis.comparison import Comparison, MatchedBy, compare_echoes
+
+from ..support.table_files import write_table
 
 NUMBERS = [19640500500108370, 19641100500108370, 2**64 - 1, 3]
 BEAMS = ["BEAM0101", "BEAM1011", "BEAM1011", "BEAM0101"]
@@ -27,30 +28,19 @@ def write(
     times: list[float] | None = None,
 ) -> Path:
     """A table of echoes, one per shot, in a column of the ground."""
-    columns: dict[str, list[float] | list[int] | list[str]] = {
+    if path.suffix == ".las":
+        return write_las(path, heights, numbers, beams or [], times or [])
+    columns: dict[str, npt.ArrayLike] = {
         "x": [5.0] * len(heights),
         "y": [6.0] * len(heights),
         "z": heights,
+        "shot_number": np.array(numbers, np.uint64),
     }
     if times is not None:
         columns["gps_time"] = times
-    if path.suffix == ".las":
-        return write_las(path, heights, numbers, beams or [], times or [])
-    arrays = {name: np.array(values) for name, values in columns.items()}
-    arrays["shot_number"] = np.array(numbers, np.uint64)
     if beams is not None:
-        arrays["beam"] = np.array(beams, "S16" if path.suffix == ".h5" else None)
-    if path.suffix == ".npz":
-        np.savez(path, **arrays)
-    elif path.suffix == ".h5":
-        with h5py.File(path, "w") as file:
-            for name, values in arrays.items():
-                file[name] = values
-    elif path.suffix == ".csv":
-        pa.csv.write_csv(pa.table(arrays), path)
-    else:
-        pq.write_table(pa.table(arrays), path)
-    return path
+        columns["beam"] = np.array(beams, "S16" if path.suffix == ".h5" else None)
+    return write_table(path, columns)
 
 
 def write_las(
