@@ -257,7 +257,7 @@ def _listed(counts: Mapping[Any, int], counted: str) -> str:
     if len(counts) <= _MAX_LISTED:
         return ", ".join(f"{key} ({_number(count, counted)})" for key, count in counts.items())
     mode = max(counts, key=lambda key: counts[key])
-    return f"{len(counts):,} different values, mostly {mode} ({_number(counts[mode], counted)})"
+    return f"{len(counts):,} different values, most often {mode} ({_number(counts[mode], counted)})"
 
 
 def _number(count: int, counted: str) -> str:

@@ -143,9 +143,10 @@ def prepare(block: WaveformBlock, preparation: Preparation) -> PreparedBlock:
     """Smooth the samples, take off baselines and scale them, each waveform for itself.
 
     What is taken off is a whole number of counts that leaves five noise rms, at most 12 counts;
-    samples below it become 0. Smoothed samples are scaled as far as their echoes stay valid: a
-    maximum needs steps of two counts, and those of broad echoes are fractions of a count. The
-    result of a waveform does not depend on the others of its block.
+    samples below it become 0. Smoothed samples are scaled up, but not beyond the counts at which
+    the library rejects an echo: it needs differences of two counts at a maximum, and neighbouring
+    samples of a broad echo differ by a fraction of a count. The result of a waveform does not
+    depend on the others of its block.
 
     Raises
     ------

@@ -133,7 +133,7 @@ def test_box_of_the_header_without_any_waveform_is_replaced(tmp_path: Path) -> N
     # Four samples at 1 ns, from the anchor at 0 down by 0.15 m each.
     path = pulsewaves_scenes.three_pulses().write(tmp_path / "scan.pls")
     box = 304  # byte of the header
-    patch(path, box, "<6d", 5.0, 6.0, 0.0, 0.0, -0.45, 0.0)  # beside the waveforms in x
+    patch(path, box, "<6d", 5.0, 6.0, 0.0, 0.0, -0.45, 0.0)  # x does not contain the waveforms
     origin = shown(path)["origin"]
     assert (origin["lower"], origin["upper"]) == (
         pytest.approx([0.0, 0.0, -0.45]),

@@ -322,7 +322,7 @@ def gedi_scan(path: Path) -> Path:
 
 
 def scan_without_header(path: Path) -> Path:
-    """The first part has no echoes, and those of the others are kilometres apart."""
+    """The first part has no echoes; the others have echoes several kilometres away."""
     rng = np.random.default_rng(4)
     time = np.arange(60)
     heights = rng.uniform(100.0, 200.0, 100)[:, None]

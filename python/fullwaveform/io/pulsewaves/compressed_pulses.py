@@ -108,7 +108,7 @@ class CompressedPulses(PulseSource):
         """See `PulseSource`."""
         records = np.empty((len(numbers), self._size), dtype=np.uint8)
         chunks = self._chunks_of(numbers)
-        # Neighbouring pulses are mostly in the same chunk.
+        # Consecutive pulses are usually in the same chunk.
         edges = [0, *(np.flatnonzero(np.diff(chunks)) + 1).tolist(), len(chunks)]
         for rows in map(slice, edges[:-1], edges[1:]) if len(chunks) > 0 else ():
             chunk = int(chunks[rows.start])
