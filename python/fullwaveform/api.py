@@ -43,6 +43,7 @@ from fullwaveform.extraction.prepare import (
     SampleScale,
 )
 from fullwaveform.extraction.run_metadata import run_metadata
+from fullwaveform.extraction.smoothing import checked_smoothing
 from fullwaveform.extraction.waveform_table import WAVEFORM_COLUMNS, WaveformTable
 from fullwaveform.io.atomic import protected_inputs
 from fullwaveform.io.base import WaveformReader
@@ -335,8 +336,10 @@ def plot(
     mode: Mode | int | str | Sequence[Mode | int | str] = Mode.THREE_POINT,
     scanner: Scanner | str | os.PathLike[str] | None = None,
     threshold: Threshold | None = None,
+    smoothing: float | None = None,
     channel_flags: Mapping[int, int] | int = 1,
     sampling_interval: float | None = None,
+    keep_degraded: bool = False,
     whole: bool = False,
 ) -> Figure:
     """Plot a waveform of a file, or all waveforms of a shot, with their echoes.
@@ -352,7 +355,7 @@ def plot(
         Exactly one of them: number of the waveform or of the shot, from 0, or GPS time in s.
     mode
         One mode or several, as for `extract`.
-    scanner, threshold, channel_flags, sampling_interval
+    scanner, threshold, smoothing, channel_flags, sampling_interval, keep_degraded
         As for `extract`.
     whole
         Whether to show the whole record, not only the part with echoes.
@@ -372,17 +375,22 @@ def plot(
     modes = [mode] if isinstance(mode, int | str) else list(mode)
     chosen = [checked_mode(one) for one in modes]
     level = None if threshold is None else checked_threshold(threshold)
+    smoothed = checked_smoothing(smoothing)
     with open_waveforms(
-        source, channel_flags=channel_flags, sampling_interval=sampling_interval
+        source,
+        channel_flags=channel_flags,
+        sampling_interval=sampling_interval,
+        keep_degraded=keep_degraded,
     ) as reader:
         described = scanner_of(scanner)
         carried = reader.scanner() if scanner is None else None
         used = described if carried is None else carried
         has_fit = Mode.PULSE_FIT in chosen
         pulses = ExtractionSettings(used, Mode.PULSE_FIT).pulses if has_fit else None
-        views = waveform_views(
-            find_shot(reader, *given[0]), used, chosen, level, measure(reader, pulse=pulses)
+        settings = ExtractionSettings(
+            used, threshold=level, smoothing=smoothed, calibration=measure(reader, pulse=pulses)
         )
+        views = waveform_views(find_shot(reader, *given[0]), settings, chosen)
     # Imported on demand: an extraction needs no matplotlib, which takes long to load.
     figures = import_module("fullwaveform.plotting.waveform")
     return cast("Figure", figures.waveform_figure(views, whole=whole))

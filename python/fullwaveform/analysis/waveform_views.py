@@ -9,11 +9,9 @@ import numpy as np
 import numpy.typing as npt
 
 from fullwaveform.analysis.waveform_selection import SelectedShot
-from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.core.constants import EchoType
-from fullwaveform.core.driver import MODE_NAMES, Driver, Mode, Threshold, check_system_wave
+from fullwaveform.core.driver import MODE_NAMES, Driver, Mode, check_system_wave
 from fullwaveform.core.pulse_fit import PulseFit
-from fullwaveform.core.scanner import Scanner
 from fullwaveform.core.signal import deconvolved_signal, estimated_threshold
 from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
@@ -100,11 +98,7 @@ class WaveformView:
 
 
 def waveform_views(
-    shot: SelectedShot,
-    scanner: Scanner,
-    modes: Sequence[Mode],
-    threshold: Threshold | None = None,
-    calibration: Calibration | None = None,
+    shot: SelectedShot, settings: ExtractionSettings, modes: Sequence[Mode]
 ) -> list[WaveformView]:
     """The selected waveforms of a shot with the results of every mode.
 
@@ -113,8 +107,8 @@ def waveform_views(
 
     Parameters
     ----------
-    scanner, threshold, calibration
-        As for `ExtractionSettings`; the sampling interval is that of the waveforms.
+    settings
+        Of the extraction, except its mode; the sampling interval is that of the waveforms.
 
     Raises
     ------
@@ -122,16 +116,12 @@ def waveform_views(
         A mode deconvolves and the scanner has no system wave.
     """
     for mode in modes:
-        check_system_wave(mode, scanner)
+        check_system_wave(mode, settings.scanner)
     block = shot.block
-    measured = calibration or Calibration()
-    extractors = [
-        Extractor(ExtractionSettings(scanner, mode, threshold, calibration=measured))
-        for mode in modes
-    ]
+    extractors = [Extractor(replace(settings, mode=mode)) for mode in modes]
     extracted = [extractor.extract(block) for extractor in extractors]
     # A pulse fit has no threshold; that of the other modes shows what it finds below.
-    levels_of = replace(extractors[0].settings, mode=Mode.THREE_POINT)
+    levels_of = replace(settings, mode=Mode.THREE_POINT)
     views = []
     for row in shot.rows.tolist():
         samples = block.samples[row, : block.counts[row]]

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Sequence
+from collections.abc import Collection, Sequence
 from dataclasses import dataclass, fields, replace
 from pathlib import Path
 
@@ -39,6 +39,15 @@ from fullwaveform.extraction.pulse_fitting import (
 )
 
 
+def check_mode_options(mode: Mode, given: Collection[str]) -> None:
+    """BadParameter if one of the given options has no effect in the mode."""
+    try:
+        check_applicable(mode, given)
+    except InapplicableOptionError as error:
+        hint = f"--{error.option.replace('_', '-')}"
+        raise typer.BadParameter(error.problem, param_hint=hint) from error
+
+
 @dataclass(frozen=True)
 class ExtractOptions(ReaderOptions):
     """What determines the echoes of a file; each field is an option of the command line."""
@@ -65,11 +74,7 @@ class ExtractOptions(ReaderOptions):
         super().__post_init__()
         own = {field.name: field.default for field in fields(self)}
         given = [name for name, default in own.items() if getattr(self, name) != default]
-        try:
-            check_applicable(self.mode, given)
-        except InapplicableOptionError as error:
-            hint = f"--{error.option.replace('_', '-')}"
-            raise typer.BadParameter(error.problem, param_hint=hint) from error
+        check_mode_options(self.mode, given)
 
     @property
     def more_echoes(self) -> str:

@@ -11,15 +11,17 @@ from fullwaveform.analysis.waveform_selection import Selector, find_shot
 from fullwaveform.analysis.waveform_views import WaveformView, waveform_views
 from fullwaveform.calibration.calibration import measure
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.extract_options import scanner_for
+from fullwaveform.cli.extract_options import check_mode_options, scanner_for
 from fullwaveform.cli.options import (
     AfterPulseOption,
     AsOne,
     ChannelOption,
     IntervalOption,
+    KeepDegraded,
     MaxSamples,
     RepeatedModeOption,
     ScannerFile,
+    SmoothingOption,
     SourceFiles,
     ThresholdOption,
     TimeOption,
@@ -60,11 +62,13 @@ def plot(
     ] = False,
     mode: RepeatedModeOption = None,
     threshold: ThresholdOption = None,
+    smoothing: SmoothingOption = None,
     scanner: ScannerFile = None,
     channel: ChannelOption = None,
     after_pulse: AfterPulseOption = None,
     interval: IntervalOption = None,
     max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
+    keep_degraded: KeepDegraded = False,
     overwrite: OverwriteOption = False,
 ) -> None:
     """Plot one waveform or the waveforms of a shot with their echoes.
@@ -83,13 +87,17 @@ def plot(
     selector, value = _selection(waveform, shot, time)
     require_suffix(output, PLOT_ENDINGS, "-o")
     modes = list(dict.fromkeys(mode or [Mode.THREE_POINT]))
-    if threshold is not None and modes == [Mode.PULSE_FIT]:
-        raise typer.BadParameter(
-            "does not apply to mode pulse-fit, which fits the samples as they are",
-            param_hint="--threshold",
+    if modes == [Mode.PULSE_FIT]:
+        given = {"threshold": threshold, "smoothing": smoothing}
+        check_mode_options(
+            Mode.PULSE_FIT, [name for name, value in given.items() if value is not None]
         )
     options = ReaderOptions(
-        interval=interval, channel=channel, max_samples=max_samples, skip_unreadable=True
+        interval=interval,
+        channel=channel,
+        max_samples=max_samples,
+        skip_unreadable=True,
+        keep_degraded=keep_degraded,
     )
     picture = Output(output, plot_kind(output), "-o")
     with (
@@ -100,13 +108,13 @@ def plot(
             description = scanner_for(scanner, after_pulse, [reader.scanner()])
             has_fit = Mode.PULSE_FIT in modes
             pulses = ExtractionSettings(description, Mode.PULSE_FIT).pulses if has_fit else None
-            views = waveform_views(
-                find_shot(reader, selector, value),
+            settings = ExtractionSettings(
                 description,
-                modes,
-                threshold,
-                measure(reader, "off", pulses),
+                threshold=threshold,
+                smoothing=smoothing,
+                calibration=measure(reader, "off", pulses),
             )
+            views = waveform_views(find_shot(reader, selector, value), settings, modes)
         draw_waveforms(output, views, whole=whole, overwrite=overwrite)
     for view in views:
         typer.echo(_summary(view))

@@ -104,7 +104,10 @@ class WaveformPanel:
     def _views(self, shot: SelectedShot, settings: PanelSettings) -> list[WaveformView]:
         scanner = self.scanners[settings.scanner].scanner
         calibration = self._calibration(settings)
-        return waveform_views(shot, scanner, settings.modes, settings.threshold, calibration)
+        extraction = ExtractionSettings(
+            scanner, threshold=settings.threshold, calibration=calibration
+        )
+        return waveform_views(shot, extraction, settings.modes)
 
     def _calibration(self, settings: PanelSettings) -> Calibration:
         """Measured once for each scanner, with pulse models from the first pulse fit on."""

@@ -11,6 +11,7 @@ from fullwaveform import Mode, Scanner, WaveformState
 from fullwaveform.analysis.waveform_selection import SelectedShot
 from fullwaveform.analysis.waveform_views import WaveformView, fitted_sum, waveform_views
 from fullwaveform.core.driver import Threshold
+from fullwaveform.extraction.extractor import ExtractionSettings
 
 from ..core import test_modes
 from ..extraction.test_extraction import Packet, block_of
@@ -28,7 +29,8 @@ def views(
     scanner: Scanner | None = None,
 ) -> list[WaveformView]:
     shot = SelectedShot(block_of(packets), np.arange(len(packets)))
-    return waveform_views(shot, scanner or Scanner.default(), modes, threshold)
+    settings = ExtractionSettings(scanner or Scanner.default(), threshold=threshold)
+    return waveform_views(shot, settings, modes)
 
 
 def height_at(curve: np.ndarray, position: float) -> float:
@@ -152,7 +154,8 @@ def test_modes_keep_their_order() -> None:
 def test_channels_are_merged_before_selection() -> None:
     packets = [Packet(triples({20: 100}), flag=1), Packet(triples({20: 80}), flag=0)]
     shot = SelectedShot(block_of(packets), np.array([1]))
-    (view,) = waveform_views(shot, Scanner.default(), [Mode.THREE_POINT], 10)
+    settings = ExtractionSettings(Scanner.default(), threshold=10)
+    (view,) = waveform_views(shot, settings, [Mode.THREE_POINT])
     assert view.number == 71
     assert view.methods[0].state is WaveformState.MERGED_INTO_OTHER_CHANNEL
     assert len(view.methods[0].positions) == 0

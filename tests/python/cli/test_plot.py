@@ -12,7 +12,7 @@ from fullwaveform.io.opening import open_waveforms
 
 from ..core import test_modes
 from ..support.command_line import assert_error, assert_usage, names, run
-from ..support.hdf5_scenes import GediScene, Shot, bump
+from ..support.hdf5_scenes import EPOCH, GediScene, Shot, bump
 from ..support.las_scenes import Point, Scene
 
 # The Gaussian through 50, 100, 50 has an amplitude of 100; the other waveform stays below 10.
@@ -71,6 +71,20 @@ def test_smoothing_of_the_format_is_named(scan: Path, tmp_path: Path) -> None:
     text = "; echoes of samples smoothed with 6.5 ns"
     assert text in svg(gedi, "--waveform", "0")
     assert "smoothed" not in svg(scan, "--waveform", "0", "--overwrite")
+    given = svg(gedi, "--waveform", "0", "--overwrite", "--smoothing", "4")
+    assert "; echoes of samples smoothed with 4 ns" in given
+    assert "smoothed" not in svg(gedi, "--waveform", "0", "--overwrite", "--smoothing", "0")
+
+
+def test_degraded_shots_are_numbered_only_if_kept(tmp_path: Path) -> None:
+    shots = [Shot(bump(), 1.0, 1, degrade=1), Shot(bump(), 2.0, 2)]
+    gedi = GediScene({"BEAM0001": shots}).write(tmp_path / "gedi.h5")
+    time = str(EPOCH - 1e9 + 1.0)  # adjusted standard GPS time
+    call = ["plot", gedi, "-o", tmp_path / "a.svg", "--time", time]
+    assert_error(run(*call), "no shot at")
+    result = run(*call, "--keep-degraded")
+    assert result.exit_code == 0, result.output
+    assert result.stdout.startswith("waveform 0, three-point: 1 echo")
 
 
 def test_summary_lists_echoes_per_waveform(scan: Path) -> None:
@@ -107,6 +121,11 @@ def test_description_in_the_file_is_used(tmp_path: Path) -> None:
         (["--time", "nan"], "'nan' must be a finite number, in s"),
         (["--waveform", "0", "--mode", "5"], "'5' must be three-point"),
         (["--waveform", "0", "--threshold", "much"], "'much' must be 'estimate' or"),
+        (["--waveform", "0", "--smoothing", "-1"], "Invalid value for '--smoothing'"),
+        (
+            ["--waveform", "0", "--mode", "pulse-fit", "--smoothing", "4"],
+            "Invalid value for --smoothing: does not apply to mode pulse-fit",
+        ),
         (["--waveform", "0", "--interval", "0"], "'0' must be a finite number above 0, in ns"),
     ],
 )

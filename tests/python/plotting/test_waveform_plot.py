@@ -19,6 +19,7 @@ from fullwaveform.analysis.waveform_views import WaveformView, waveform_views
 from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.core.pulse_models import ReceiverModel
 from fullwaveform.data.returns import DiscreteReturns
+from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.plotting.echo_list import METHOD_COLOURS
 from fullwaveform.plotting.waveform import draw_waveforms, waveform_figure
 
@@ -36,7 +37,9 @@ def views(
     shot = SelectedShot(block_of(packets), np.arange(len(packets)))
     receivers = [ReceiverModel(flag, 0, "returned", 100, gaussian_model()) for flag in (0, 1)]
     calibration = Calibration(pulse_models=tuple(receivers))
-    return waveform_views(shot, scanner or Scanner.default(), modes, 10, calibration)
+    described = scanner or Scanner.default()
+    settings = ExtractionSettings(described, threshold=10, calibration=calibration)
+    return waveform_views(shot, settings, modes)
 
 
 def marks(axes: Axes) -> dict[str, np.ndarray]:
@@ -284,7 +287,8 @@ def with_returns(packet: Packet, picoseconds: Sequence[float]) -> WaveformView:
     )
     block = replace(block_of([packet]), returns=returns)
     shot = SelectedShot(block, np.array([0]))
-    (view,) = waveform_views(shot, Scanner.default(), [Mode.THREE_POINT], 10)
+    settings = ExtractionSettings(Scanner.default(), threshold=10)
+    (view,) = waveform_views(shot, settings, [Mode.THREE_POINT])
     return view
 
 

@@ -147,3 +147,18 @@ def test_echoes_are_the_official_modes(
     paired = pairs_with_modes(found, official)
     assert paired >= pairs
     assert found.rows - paired <= others
+
+
+@pytest.mark.parametrize(("max_width", "pairs", "others"), [(None, 302, 728), (80e-9, 296, 648)])
+def test_pulse_fit_splits_broad_modes(
+    waveforms: Path,
+    official: dict[str, np.ndarray],
+    max_width: float | None,
+    pairs: int,
+    others: int,
+) -> None:
+    """Its pulse is the outgoing one; a wider bound leaves fewer echoes beside the modes."""
+    found = extract(waveforms, mode="pulse-fit", max_width=max_width).peaks
+    paired = pairs_with_modes(found, official)
+    assert paired >= pairs
+    assert found.rows - paired <= others
