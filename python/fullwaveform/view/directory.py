@@ -10,7 +10,7 @@ from typing import Any
 import numpy as np
 
 from fullwaveform.analysis.waveform_selection import SelectedShot, Selector, find_shot
-from fullwaveform.data.arrays import FloatArray, IntArray
+from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.columns import take_rows
 from fullwaveform.io.base import WaveformReader
@@ -88,6 +88,10 @@ class WaveformDirectory:
     def shot_number(self, number: int) -> int:
         """Number of the shot of a waveform in the file, as for `find_shot`."""
         return int(self._sections.read("shot_numbers", number, number + 1)[0])
+
+    def shot_numbers(self, first: int = 0, stop: int | None = None) -> AnyArray:
+        """Numbers (n,) of the shots of the waveforms `first` <= number < `stop`, ascending."""
+        return self._sections.read("shot_numbers", first, stop)
 
     def next_shot(self, number: int, step: int) -> int | None:
         """First waveform of the following (`step` 1) or preceding (-1) shot; None at the end."""

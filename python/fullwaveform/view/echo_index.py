@@ -21,6 +21,7 @@ from fullwaveform.view.echo_values import ECHO_VALUES, described_values, value_r
 from fullwaveform.view.histograms import described_histogram, percentiles
 from fullwaveform.view.quadtree import Quadtree, quadtree
 from fullwaveform.view.sections import SectionFile, SectionWriter
+from fullwaveform.view.shot_echoes import echoes_of_shots
 
 #: Number of a waveform that is not known.
 UNKNOWN = 0xFFFFFFFF
@@ -96,6 +97,18 @@ class EchoIndex:
         )
 
     @property
+    def row_count(self) -> int:
+        """Rows of the file up to the last echo with a place."""
+        if len(self) == 0:
+            return 0
+        (last,) = self.read("index_of_position", len(self) - 1).tolist()
+        return self.place(last).row + 1
+
+    def read(self, name: str, first: int = 0, stop: int | None = None) -> AnyArray:
+        """A part of a column of the echoes, or of the nodes or shots."""
+        return self._sections.read(name, first, stop)
+
+    @property
     def columns(self) -> tuple[str, ...]:
         """Names of the columns of `points`, in their order."""
         values = tuple(value["name"] for value in self.described["values"])
@@ -150,10 +163,12 @@ class _Builder:
         self._origin: FloatArray | None = None
         self._streams: dict[str, IO[bytes]] = {}
         self._without_place = 0
+        self._shots: dict[str, Any] | None = None  # histogram of their echoes
 
     def write(self, writer: SectionWriter) -> None:
         with ExitStack() as opened:
             self._copy_columns(opened)
+            self._count_echoes_of_shots(opened, writer)
             pa.default_memory_pool().release_unused()  # in which columns of tables were decoded
             tree = quadtree(self._column("x", "<f4"), self._column("y", "<f4"))
             for name in ("level", "column", "row", "count"):
@@ -167,6 +182,7 @@ class _Builder:
                 "low": tree.low,
                 "size": tree.size,
                 "without_place": self._without_place,
+                "shots": self._shots,
                 **described,
             }
         )
@@ -191,10 +207,21 @@ class _Builder:
             parts["row"] = rows[known].astype("<u4")
             parts["waveform"] = self._numbers(columns, known)
             for name, part in parts.items():
-                if name not in self._streams:
-                    stream = TemporaryFile(dir=self._folder)  # noqa: SIM115
-                    self._streams[name] = opened.enter_context(stream)
-                self._streams[name].write(np.ascontiguousarray(part).data)
+                self._append(opened, name, part)
+
+    def _append(self, opened: ExitStack, name: str, part: AnyArray) -> None:
+        if name not in self._streams:
+            stream = TemporaryFile(dir=self._folder)  # noqa: SIM115
+            self._streams[name] = opened.enter_context(stream)
+        self._streams[name].write(np.ascontiguousarray(part).data)
+
+    def _count_echoes_of_shots(self, opened: ExitStack, writer: SectionWriter) -> None:
+        numbers = self._column("waveform", "<u4")
+        of_shots, of_echoes = echoes_of_shots(numbers, UNKNOWN, self._waveforms.shot_numbers())
+        if of_echoes.any():
+            self._append(opened, "shot_echoes", of_echoes)
+        self._shots = described_histogram(of_shots, is_category=True)
+        writer.add("shot_counts", of_shots)
 
     def _numbers(self, columns: dict[str, AnyArray], known: BoolArray) -> AnyArray:
         """Numbers of the waveforms of echoes, as stored or by the time of the shot."""

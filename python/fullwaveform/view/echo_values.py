@@ -49,6 +49,8 @@ ECHO_VALUES = (
         (("echo_number", 1.0), ("return_number", 1.0)),
         is_category=True,
     ),
+    # Counted in the index, so that it is that of the echoes of the file.
+    EchoValue("shot_echoes", "echoes of the shot", "", "u1", (), is_category=True),
     EchoValue("class", "class", "", "u1", (("classification", 1.0),), is_category=True),
     EchoValue("chi_square", "reduced chi²", "", "<f4", (("reduced_chi_square", 1.0),)),
     EchoValue("sigma", "uncertainty of range", "m", "<f4", (("sigma_range", 1.0),)),

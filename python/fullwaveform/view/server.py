@@ -18,14 +18,16 @@ import numpy as np
 import uvicorn
 from starlette.applications import Starlette
 from starlette.requests import Request
-from starlette.responses import JSONResponse, Response
+from starlette.responses import JSONResponse, Response, StreamingResponse
 from starlette.routing import Route
 
 from fullwaveform.core.driver import Threshold, checked_mode, checked_threshold
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.view.access import ADDRESS, Access
 from fullwaveform.view.panel import PanelSettings
+from fullwaveform.view.selection import Selection
 from fullwaveform.view.session import Layer, ViewSession
+from fullwaveform.view.statistics import described_selection
 
 _TYPES = {
     ".html": "text/html; charset=utf-8",
@@ -37,6 +39,7 @@ _PICTURES = {"png": "image/png", "pdf": "application/pdf", "svg": "image/svg+xml
 _TOKEN_BYTES = 24
 _GRACE_SECONDS = 1  # for requests in progress at the end
 _MAX_NODES = 4096  # of a request
+_WORST_FITS = 20  # in the list of the page
 
 
 class ViewServer:
@@ -137,6 +140,8 @@ def application(session: ViewSession) -> Starlette:
             Route(f"{layer}/points", requests.points),
             Route(f"{layer}/echoes/{{index:int}}", requests.echo),
             Route(f"{layer}/next/{{kind}}", requests.next),
+            Route(f"{layer}/selection", requests.selection),
+            Route(f"{layer}/selection.{{kind}}", requests.selection_file),
             Route("/waveforms/{number:int}", requests.waveform),
             Route("/waveforms/{number:int}/picture.{kind}", requests.picture),
             Route("/waveforms/{number:int}/command", requests.command),
@@ -199,6 +204,23 @@ class _Requests:
             return JSONResponse(self._echo(request, first))
         return JSONResponse({"index": None, "waveform": found, "row": None, "xyz": None})
 
+    def selection(self, request: Request) -> Response:
+        """Numbers and statistics of the selected echoes."""
+        index, selection = self._layer(request).echoes, self._selection(request)
+        waveforms = self._session.waveforms
+        return JSONResponse(described_selection(index, waveforms, selection, _WORST_FITS))
+
+    def selection_file(self, request: Request) -> Response:
+        """The selected echoes as a file."""
+        kind = request.path_params["kind"]
+        export = self._layer(request).export
+        size, content = export.content(self._selection(request), kind)
+        headers = {
+            "Content-Disposition": f'attachment; filename="selected-echoes.{kind}"',
+            "Content-Length": str(size),
+        }
+        return StreamingResponse(content, media_type="application/octet-stream", headers=headers)
+
     def waveform(self, request: Request) -> Response:
         number = request.path_params["number"]
         return JSONResponse(self._session.panel.data(number, self._settings(request)))
@@ -226,6 +248,10 @@ class _Requests:
         if not 0 <= number < len(self._session.layers):
             raise ValueError(f"no file of echoes {number}")
         return self._session.layers[number]
+
+    def _selection(self, request: Request) -> Selection:
+        query = request.query_params
+        return Selection.of_text(query.get("box", ""), query.getlist("bars"))
 
     def _echo(self, request: Request, index: int) -> dict[str, Any]:
         place = self._layer(request).echoes.place(index)

@@ -19,6 +19,8 @@ from fullwaveform.io.echo_readers.opening import open_echoes
 from fullwaveform.plotting.echo_list import METHOD_COLOURS
 from fullwaveform.view.directory import WaveformDirectory
 from fullwaveform.view.echo_index import MAX_POINTS, EchoIndex
+from fullwaveform.view.export import SelectionExport
+from fullwaveform.view.noise import noise_histogram
 from fullwaveform.view.panel import WaveformPanel, offered_scanners
 
 #: Colour maps of quantities, readable with colour vision deficiencies and on a dark page.
@@ -42,6 +44,7 @@ class Layer:
 
     label: str
     echoes: EchoIndex
+    export: SelectionExport
 
 
 class ViewSession:
@@ -89,9 +92,10 @@ class ViewSession:
                 start = time.perf_counter()
                 echoes = EchoIndex.of(path, waveforms)
                 opened.callback(echoes.close)
-                self.layers.append(Layer(label, echoes))
+                self.layers.append(Layer(label, echoes, SelectionExport(path, echoes)))
                 _report(report, label, len(echoes), "echoes", start)
             self.waveforms = waveforms
+            self._noise = noise_histogram(reader, waveforms.identity)
             self.panel = WaveformPanel(reader, waveforms, offered, plot_options)
             self._opened = opened.pop_all()
 
@@ -113,6 +117,7 @@ class ViewSession:
             "title": self.path.name,
             "waveforms": len(self.waveforms),
             "max_points": MAX_POINTS,
+            "noise": self._noise,
             "layers": [self._layer(layer) for layer in self.layers],
             "modes": [
                 {"mode": int(mode), "name": name, "colour": METHOD_COLOURS[mode]}
@@ -129,6 +134,7 @@ class ViewSession:
         return {
             "label": layer.label,
             "echoes": len(layer.echoes),
+            "formats": layer.export.formats,
             "columns": layer.echoes.columns,
             **layer.echoes.described,
         }

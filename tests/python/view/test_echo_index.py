@@ -87,8 +87,12 @@ def test_first_echo_of_a_waveform(index: EchoIndex) -> None:
 
 def test_values_ranges_and_histograms(index: EchoIndex) -> None:
     values = {value["name"]: value for value in index.described["values"]}
-    assert list(values) == ["amplitude", "width", "echo_number", "class", "chi_square"]
+    names = ["amplitude", "width", "echo_number", "shot_echoes", "class", "chi_square"]
+    assert list(values) == names
     assert values["echo_number"]["histogram"]["counts"] == [0, 4, 2, 1]
+    # Shots of 1, 2, 3, 0 and 1 echoes, and their echoes.
+    assert index.described["shots"]["counts"] == [1, 2, 1, 1]
+    assert values["shot_echoes"]["histogram"]["counts"] == [0, 2, 2, 3]
     assert sum(values["amplitude"]["histogram"]["counts"]) == 7
     assert values["width"]["range"] == pytest.approx([4.7, 4.7])
     assert values["class"]["category"]
@@ -98,7 +102,7 @@ def test_values_ranges_and_histograms(index: EchoIndex) -> None:
 def test_points_of_nodes_are_columns(index: EchoIndex) -> None:
     assert index.nodes() == {"level": [0], "column": [0], "row": [0], "count": [7]}
     content = index.points([0])
-    assert len(content) == 7 * (3 * 4 + 3 * 4 + 2 * 1 + 2 * 4)
+    assert len(content) == 7 * (3 * 4 + 3 * 4 + 3 * 1 + 2 * 4)
     x = np.frombuffer(content, "<f4", 7)
     assert sorted(x.tolist()) == [0.0, 0.0, 0.0, 0.0, 80.0, 80.0, 80.0]
     waveforms = np.frombuffer(content[-28:], "<u4")
@@ -131,7 +135,8 @@ def test_files_of_every_format_have_the_same_echoes(
     assert [place.waveform for place in places] == WAVEFORMS
     assert places[6].xyz == pytest.approx((90.0, 90.0, 126.4), abs=2e-3)
     names = [value["name"] for value in echoes.described["values"]]
-    assert names == ["amplitude", "width", "echo_number", "class", "chi_square", "sigma"]
+    quantities = ["amplitude", "width", "echo_number", "shot_echoes", "class", "chi_square"]
+    assert names == [*quantities, "sigma"]
     echoes.close()
 
 
