@@ -1,11 +1,12 @@
 """The viewer at 10 million echoes: index, first picture, moving the map, click to waveform, memory.
 
-Usage: view.py [--echoes N] [--folder FOLDER]
+Usage: view.py [--echoes N] [--folder FOLDER] [--pages N]
 
 Makes a scan of half as many waveforms of 32 samples with two echoes each, and its echoes, in FOLDER
 (default: a temporary one; an existing scan there is used again), and measures `fullwaveform view`
-in headless Chromium with software rendering. Prints medians; the viewer and the browser run on
-this machine, so that each takes processor time from the other.
+in headless Chromium with software rendering. Prints a table of medians. The viewer and the browser
+run on this machine and share its processors with whatever else runs; so the table has the load of
+the machine and, where one side does the work, processor time.
 """
 
 from __future__ import annotations
@@ -13,28 +14,41 @@ from __future__ import annotations
 import argparse
 import os
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
+import threading
 import time
+from collections.abc import Iterator
+from contextlib import contextmanager
+from dataclasses import dataclass
 from pathlib import Path
 from statistics import median
-from typing import Any
 
 import laspy
 import numpy as np
 import pyarrow as pa
 import pyarrow.parquet as pq
 from laspy.vlrs.known import WaveformPacketStruct, WaveformPacketVlr
-from playwright.sync_api import Page, sync_playwright
+from playwright.sync_api import Browser, Page, sync_playwright
 
 SAMPLES = 32
 AREA = 2000.0  # m, edge of the square that the scan covers
 CHUNK = 500_000  # waveforms written at a time
 PANS, CLICKS = 60, 60
+START_TIMEOUT_S, PAGE_TIMEOUT_MS = 1800, 300_000
 _FILES = ("scan.las", "--echoes", "echoes.parquet")
-_CHROMIUM = ("--no-sandbox", "--use-gl=angle", "--use-angle=swiftshader")
+_CHROMIUM = (
+    "--no-sandbox",
+    "--use-gl=angle",
+    "--use-angle=swiftshader",
+    "--enable-unsafe-swiftshader",
+)
+_MB = 1e6
 _HEADER_BYTES = 60  # before the first packet
+
+Rows = Iterator[tuple[str, float, str]]
 
 
 def waveforms(count: int, random: np.random.Generator) -> np.ndarray:
@@ -58,6 +72,7 @@ def make_scan(path: Path, echoes_path: Path, count: int) -> None:
     descriptor.parsed_record = WaveformPacketStruct(8, 0, SAMPLES, 1000, 0.5, -1.0)
     header.vlrs.append(descriptor)
     writer: pq.ParquetWriter | None = None
+    unfinished = echoes_path.with_suffix(".unfinished")
     with (
         laspy.open(path, "w", header=header) as las,
         path.with_suffix(".wdp").open("wb") as packets,
@@ -94,21 +109,36 @@ def make_scan(path: Path, echoes_path: Path, count: int) -> None:
                     "waveform_number": number[twice],
                 }
             )
-            writer = writer or pq.ParquetWriter(echoes_path, table.schema)
+            writer = writer or pq.ParquetWriter(unfinished, table.schema)
             writer.write_table(table)
     if writer is not None:
         writer.close()
+    unfinished.rename(echoes_path)
 
 
-def resident(process: subprocess.Popen[str], field: str) -> float:
-    """Memory of a process in MiB: VmRSS now, VmHWM at most so far."""
-    status = Path(f"/proc/{process.pid}/status").read_text(encoding="ascii")
-    (line,) = [line for line in status.splitlines() if line.startswith(f"{field}:")]
-    return int(line.split()[1]) / 1024
+@dataclass(frozen=True)
+class Process:
+    """What the system knows of a running process."""
+
+    pid: int
+
+    def peak_memory(self) -> float:
+        """Resident memory at most so far, MB."""
+        status = Path(f"/proc/{self.pid}/status").read_text(encoding="ascii")
+        (line,) = [line for line in status.splitlines() if line.startswith("VmHWM:")]
+        return int(line.split()[1]) * 1024 / _MB
+
+    def processor_time(self) -> float:
+        """Seconds of all threads so far."""
+        fields = (
+            Path(f"/proc/{self.pid}/stat").read_text(encoding="ascii").rpartition(")")[2].split()
+        )
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
-def started(folder: Path) -> tuple[subprocess.Popen[str], str, float]:
-    """The running command, its address, and the time until it printed that."""
+@contextmanager
+def viewer(folder: Path) -> Iterator[tuple[Process, str, float]]:
+    """The running command, its address, and the seconds until it printed that."""
     start = time.perf_counter()
     process = subprocess.Popen(
         [sys.executable, "-m", "fullwaveform", "view", *_FILES, "--no-browser"],
@@ -117,29 +147,42 @@ def started(folder: Path) -> tuple[subprocess.Popen[str], str, float]:
         stdout=subprocess.PIPE,
         text=True,
     )
-    assert process.stdout is not None
-    address = process.stdout.readline().strip()
-    return process, address, time.perf_counter() - start
+    late = threading.Timer(START_TIMEOUT_S, process.kill)
+    late.start()
+    try:
+        assert process.stdout is not None
+        address = process.stdout.readline().strip()
+        if not address:
+            raise SystemExit(f"fullwaveform view ended with exit code {process.wait()}")
+        yield Process(process.pid), address, time.perf_counter() - start
+    finally:
+        late.cancel()
+        process.send_signal(signal.SIGINT)
+        try:
+            process.communicate(timeout=30)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.communicate()
 
 
-def stop(process: subprocess.Popen[str]) -> None:
-    """End the command."""
-    process.terminate()
-    process.communicate(timeout=60)
-
-
-PAN = """async (count) => {
+# Reading a pixel waits until all is drawn; `finish` would not, browsers only flush then.
+PAN = """async ([count, whole]) => {
   const { map } = window.fullwaveform;
   const gl = map.cloud.gl;
-  const times = [];
+  const drawn = () => gl.readPixels(0, 0, 1, 1, gl.RGBA, gl.UNSIGNED_BYTE, new Uint8Array(4));
+  const frame = () => new Promise((done) => requestAnimationFrame(done));
+  const [steps, frames] = [[], []];
+  await frame();
   for (let i = 0; i < count; i++) {
     const begin = performance.now();
-    map.pan(i % 2 ? 37 : -41, i % 3 ? 23 : -29);
-    gl.readPixels(0, 0, 1, 1, gl.RGBA, gl.UNSIGNED_BYTE, new Uint8Array(4)); // waits for it
-    times.push(performance.now() - begin);
-    await new Promise((done) => requestAnimationFrame(done));
+    if (whole) map.draw();
+    else map.pan(i % 2 ? 37 : -41, i % 3 ? 23 : -29);
+    drawn();
+    steps.push(performance.now() - begin);
+    await frame();
+    frames.push(performance.now() - begin);
   }
-  return [times, map.drawn];
+  return [steps, frames, map.drawn];
 }"""
 
 CLICK = """async (count) => {
@@ -151,30 +194,103 @@ CLICK = """async (count) => {
   const random = () => (seed = (seed * 16807) % 2147483647) / 2147483647;
   for (let i = 0; i < count; i++) {
     panel.removeAttribute("data-waveform");
+    const shown = new Promise((done, failed) => {
+      new MutationObserver((_, observer) => {
+        if (!panel.dataset.waveform) return;
+        observer.disconnect();
+        done();
+      }).observe(panel, { attributeFilter: ["data-waveform"] });
+      setTimeout(() => failed(new Error("no waveform")), 60000);
+    });
     const begin = performance.now();
     map.pick([area.left + random() * area.width, area.top + random() * area.height], 9999);
-    while (!panel.dataset.waveform) {
-      if (performance.now() - begin > 10000) throw new Error("no waveform");
-      await new Promise((done) => setTimeout(done, 0));
-    }
+    await shown;
     times.push(performance.now() - begin);
   }
   return times;
 }"""
 
 
-def measured(page: Page, address: str) -> dict[str, Any]:
-    """What the page takes, in the units of the names."""
-    start = time.perf_counter()
+class Chromium:
+    """The browser, and the processes that work for its page."""
+
+    def __init__(self, browser: Browser) -> None:
+        self._browser = browser
+        self._session = browser.new_browser_cdp_session()
+
+    def new_page(self) -> Page:
+        """An empty page."""
+        page = self._browser.new_page(viewport={"width": 1400, "height": 900}, bypass_csp=True)
+        page.set_default_timeout(PAGE_TIMEOUT_MS)
+        return page
+
+    def process(self, kind: str) -> Process:
+        """The process of this kind that has worked most: "renderer" of the page, or "GPU"."""
+        found = self._session.send("SystemInfo.getProcessInfo")["processInfo"]
+        of_kind = [one for one in found if one["type"] == kind]
+        return Process(max(of_kind, key=lambda one: one["cpuTime"])["id"])
+
+
+def pictures(chromium: Chromium, address: str, count: int) -> tuple[list[float], list[float]]:
+    """Seconds until a new page has drawn something, and until its map is complete."""
+    first, complete = [], []
+    for _ in range(count):
+        page = chromium.new_page()
+        start = time.perf_counter()
+        page.goto(address, wait_until="commit")
+        page.wait_for_selector('#map[data-points]:not([data-points="0"])')
+        first.append(time.perf_counter() - start)
+        page.wait_for_selector('#map[data-complete="true"]')
+        complete.append(time.perf_counter() - start)
+        page.close()
+    return first, complete
+
+
+def measured_page(chromium: Chromium, server: Process, address: str, pages: int) -> Rows:
+    """Rows of the table: what the page takes."""
+    first, complete = pictures(chromium, address, pages)
+    yield "first picture after opening the page, s", median(first), "3"
+    yield "complete picture after opening the page, s", median(complete), ""
+    page = chromium.new_page()
     page.goto(address)
-    page.wait_for_selector('#map[data-complete="true"]', timeout=120_000)
-    found: dict[str, Any] = {"first picture, s": time.perf_counter() - start}
-    pans, drawn = page.evaluate(PAN, PANS)
-    page.wait_for_selector('#map[data-complete="true"]', timeout=120_000)
-    found["echoes drawn"] = drawn
-    found["pan step, ms"] = median(pans)
-    found["click to waveform, ms"] = median(page.evaluate(CLICK, CLICKS))
-    return found
+    page.wait_for_selector('#map[data-complete="true"]')
+    workers = chromium.process("renderer"), chromium.process("GPU")
+    for whole, name in ((False, "pan step"), (True, "drawing all when the map rests")):
+        before = sum(worker.processor_time() for worker in workers)
+        steps, frames, drawn = page.evaluate(PAN, [PANS, whole])
+        used = sum(worker.processor_time() for worker in workers) - before
+        yield f"{name}: echoes drawn", drawn, "500,000"
+        yield f"{name}, until drawn, ms", median(steps), "" if whole else "200"
+        yield f"{name}, until the next frame, ms", median(frames), "" if whole else "200"
+        yield f"{name}, processor time of the browser, ms", used / PANS * 1e3, ""
+    page.wait_for_selector('#map[data-complete="true"]')
+    before = server.processor_time()
+    yield "click to waveform, ms", median(page.evaluate(CLICK, CLICKS)), "100"
+    used = (server.processor_time() - before) / CLICKS
+    yield "click to waveform, processor time of the server, ms", used * 1e3, ""
+    yield "memory of the server at most, MB", server.peak_memory(), "500"
+    yield "memory of the page (renderer process) at most, MB", workers[0].peak_memory(), "500"
+    yield "memory of the drawing process of the browser at most, MB", workers[1].peak_memory(), ""
+
+
+def measured(folder: Path, pages: int) -> Rows:
+    """Rows of the table: name with unit, value, and the limit that it should keep."""
+    yield "load of the machine at the beginning", os.getloadavg()[0], ""
+    shutil.rmtree(folder / "cache", ignore_errors=True)
+    with viewer(folder) as (server, _, seconds):
+        yield "start without an index, s", seconds, ""
+        yield "start without an index, processor time, s", server.processor_time(), ""
+        yield "memory while the index is made at most, MB", server.peak_memory(), "500"
+    index = sum(file.stat().st_size for file in (folder / "cache").rglob("*") if file.is_file())
+    yield "index in the cache folder, MB", index / _MB, ""
+    with viewer(folder) as (server, address, seconds), sync_playwright() as playwright:
+        yield "start with an index, s", seconds, "3"
+        yield "start with an index, processor time, s", server.processor_time(), ""
+        with playwright.chromium.launch(
+            executable_path=shutil.which("chromium"), args=[*_CHROMIUM]
+        ) as browser:
+            yield from measured_page(Chromium(browser), server, address, pages)
+    yield "load of the machine at the end", os.getloadavg()[0], ""
 
 
 def main() -> None:
@@ -182,33 +298,19 @@ def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
     parser.add_argument("--echoes", type=int, default=10_000_000)
     parser.add_argument("--folder", type=Path)
+    parser.add_argument("--pages", type=int, default=5, help="pages opened for the first picture")
     options = parser.parse_args()
-    temporary = None if options.folder else tempfile.mkdtemp(prefix="fullwaveform-view-")
-    folder = options.folder or Path(str(temporary))
-    try:
+    if shutil.which("chromium") is None:
+        raise SystemExit("chromium is missing; install the Debian package chromium")
+    with tempfile.TemporaryDirectory(prefix="fullwaveform-view-") as temporary:
+        folder = options.folder or Path(temporary)
+        folder.mkdir(exist_ok=True)
         if not (folder / "echoes.parquet").exists():
             make_scan(folder / "scan.las", folder / "echoes.parquet", options.echoes // 2)
-        shutil.rmtree(folder / "cache", ignore_errors=True)
-        process, _, seconds = started(folder)
-        print(f"start with index, s: {seconds:.1f}")
-        print(f"memory at most while the index is made, MiB: {resident(process, 'VmHWM'):.0f}")
-        stop(process)
-        process, address, seconds = started(folder)
-        print(f"start with an existing index, s: {seconds:.1f}")
-        with sync_playwright() as playwright:
-            browser = playwright.chromium.launch(
-                executable_path=shutil.which("chromium"),
-                args=[*_CHROMIUM, "--enable-unsafe-swiftshader"],
-            )
-            page = browser.new_page(viewport={"width": 1400, "height": 900}, bypass_csp=True)
-            for name, value in measured(page, address).items():
-                print(f"{name}: {value:,.2f}" if isinstance(value, float) else f"{name}: {value:,}")
-            browser.close()
-        print(f"memory of the server at most, MiB: {resident(process, 'VmHWM'):.0f}")
-        stop(process)
-    finally:
-        if temporary is not None:
-            shutil.rmtree(temporary)
+        print("| | median | limit |\n|---|---:|---:|", flush=True)
+        for name, value, limit in measured(folder, options.pages):
+            text = f"{value:,}" if isinstance(value, int) else f"{value:,.2f}"
+            print(f"| {name} | {text} | {limit} |", flush=True)
 
 
 if __name__ == "__main__":
