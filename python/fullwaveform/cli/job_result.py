@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Sequence
 from pathlib import Path
 
 from rich.console import Console
@@ -17,6 +18,8 @@ from fullwaveform.extraction.warning_file import warning_path
 from fullwaveform.io.echo_writers.las import las_notes
 from fullwaveform.io.remote import location
 
+_MAX_ERRORS = 20  # in a message
+
 
 def check_complete(manifest: Manifest, how_to_retry: str, *, skip_bad_files: bool) -> None:
     """ValueError for missing parts, unless they have failed and are to be skipped.
@@ -27,6 +30,8 @@ def check_complete(manifest: Manifest, how_to_retry: str, *, skip_bad_files: boo
     if not unfinished:
         return
     failures = manifest.failures()
+    more = len(failures) - _MAX_ERRORS
+    shown = failures if more <= 0 else [*failures[:_MAX_ERRORS], f"{more:,} more errors"]
     all_failed = all(part.state == Part.FAILED for part in unfinished)
     if skip_bad_files and all_failed and len(unfinished) < total:
         for text in failures:
@@ -34,8 +39,10 @@ def check_complete(manifest: Manifest, how_to_retry: str, *, skip_bad_files: boo
         manifest.skip_failed()
         return
     verb = "is" if len(unfinished) == 1 else "are"
-    missing = f"{len(unfinished)} of {counted(total, 'part')} {verb} missing, the others are kept"
-    raise ValueError("; ".join([*failures, missing, how_to_retry]))
+    damaged = any(part.state == Part.WAITING and part.error for part in unfinished)
+    state = "missing or damaged" if damaged else "missing"
+    missing = f"{len(unfinished)} of {counted(total, 'part')} {verb} {state}, the others are kept"
+    raise ValueError("; ".join([*shown, missing, how_to_retry]))
 
 
 def check_not_empty(manifest: Manifest) -> None:
@@ -48,8 +55,8 @@ def check_not_empty(manifest: Manifest) -> None:
         )
 
 
-def show_summary(manifest: Manifest, folder: Path) -> None:
-    """Print the counts of all parts."""
+def show_summary(manifest: Manifest, folder: Path, more_notes: Sequence[str] = ()) -> None:
+    """Print the counts of all parts, and notes on them."""
     sources = [location(entry.path) for entry in manifest.inputs]
     total = manifest.total()
     if len(sources) > 1:
@@ -65,7 +72,7 @@ def show_summary(manifest: Manifest, folder: Path) -> None:
         extracted=total.extracted,
         calibrations={location(entry.path).name: entry.calibration for entry in manifest.inputs},
         written=total.written,
-        notes=(*notes, parts),
+        notes=(*notes, *more_notes, parts),
         messages=total.messages,
         statistics=warning_path(folder, sources[0] if len(sources) == 1 else Path("*")),
         seconds=total.seconds,

@@ -14,9 +14,12 @@ from fullwaveform.cli.many_files import SkipBadFiles
 from fullwaveform.cli.options import QuietOption
 from fullwaveform.cli.outputs import OverwriteOption
 from fullwaveform.cli.run import JobFolderArgument
+from fullwaveform.cluster.checksums import verify
 from fullwaveform.cluster.folder import JobFolder
 from fullwaveform.cluster.join import join_parts, manifest_with_outcomes, save_outcomes, tidy
 from fullwaveform.cluster.manifest import Manifest
+from fullwaveform.data.counting import counted
+from fullwaveform.io.remote import is_remote
 
 _MAX_LISTED = 100  # ranges of units in a message
 
@@ -38,6 +41,14 @@ def join(
     allow_empty: Annotated[
         bool, typer.Option("--allow-empty", help="Accept a run that has found no echo")
     ] = False,
+    verify_remote: Annotated[
+        bool,
+        typer.Option(
+            "--verify-remote",
+            help="Download parts at URLs and compare them with their checksums, as is done with "
+            "those of this machine",
+        ),
+    ] = False,
     quiet: QuietOption = False,
 ) -> None:
     """Complete a planned run: check that all parts are there and whole, and sum up.
@@ -51,6 +62,7 @@ def join(
     with report_errors():
         job = JobFolder(folder)
         manifest = manifest_with_outcomes(job)
+        unverified = verify(manifest.parts, job, download=verify_remote)
         check_complete(manifest, _how_to_retry(manifest, folder), skip_bad_files=skip_bad_files)
         save_outcomes(manifest, job)
         tidy(manifest, job)
@@ -59,7 +71,16 @@ def join(
         if not allow_empty:
             check_not_empty(manifest)
         if not quiet:
-            show_summary(manifest, folder if output is None else output)
+            show_summary(
+                manifest, folder if output is None else output, _not_verified(unverified, job)
+            )
+
+
+def _not_verified(parts: int, job: JobFolder) -> list[str]:
+    if parts == 0:
+        return []
+    how = "--verify-remote compares their checksums" if is_remote(job.path) else "no checksums"
+    return [f"{counted(parts, 'part')} checked by size only: {how}"]
 
 
 def _how_to_retry(manifest: Manifest, folder: Path) -> str:

@@ -12,6 +12,7 @@ import typer
 
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.options import QuietOption, integer_from
+from fullwaveform.cluster.checksums import verify
 from fullwaveform.cluster.folder import JobFolder
 from fullwaveform.cluster.join import collect
 from fullwaveform.cluster.manifest import Part
@@ -108,6 +109,8 @@ def run(
             )
         parts = [manifest.parts[number] for number in numbers]
         collect(parts, job)
+        if not again:
+            verify(parts, job)
         failures = []
         for part in parts:
             is_new = again or part.state in (Part.WAITING, Part.FAILED)

@@ -9,8 +9,10 @@ from __future__ import annotations
 import json
 import os
 import re
-from collections.abc import Iterable
+from collections.abc import Iterable, Iterator
+from contextlib import contextmanager
 from pathlib import Path
+from tempfile import TemporaryDirectory
 
 from pydantic import TypeAdapter
 
@@ -24,7 +26,7 @@ from fullwaveform.cluster.manifest import (
     PartRecord,
 )
 from fullwaveform.io.atomic import ANY_FILE, atomic_path
-from fullwaveform.io.remote import is_remote, location
+from fullwaveform.io.remote import RemotePath, is_remote, location
 
 _RECORD_SUFFIX = ".record.json"
 # Temporary files of processes that were killed while writing a part, its metadata or its record.
@@ -102,6 +104,21 @@ class JobFolder:
     def part_path(self, part: str) -> Path:
         """Where a part is written, by the name of its file."""
         return self.path / part
+
+    @contextmanager
+    def writing(self) -> Iterator[Path]:
+        """Yield the folder to write the files of a part to: this one if it is of this machine.
+
+        If it is at a URL, a temporary folder, whose files are stored when the ``with`` statement
+        succeeds.
+        """
+        if not isinstance(self.path, RemotePath):
+            yield self.path
+            return
+        with TemporaryDirectory(prefix="fullwaveform-") as name:
+            yield Path(name)
+            for file in sorted(Path(name).iterdir()):
+                (self.path / file.name).upload(file, replace=True)
 
     def read_record(self, part: str) -> PartRecord | None:
         """How writing a part ended; None if nobody has tried, or the record is not readable."""

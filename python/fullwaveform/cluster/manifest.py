@@ -27,6 +27,7 @@ class PartOutcome:
     not_representable: int = 0  # echoes that a LAS file could not hold
     saturated_return_numbers: int = 0  # shots with more echoes than a return number can count
     files: dict[str, int] = field(default_factory=dict)  # bytes of the part file and its companion
+    checksums: dict[str, str] = field(default_factory=dict)  # CRC-32 of these files
     seconds: float = 0.0  # time of the units
     read: ReadTally = field(default_factory=ReadTally)
     extracted: ExtractionTally = field(default_factory=ExtractionTally)
@@ -41,6 +42,7 @@ class PartOutcome:
         self.not_representable += other.not_representable
         self.saturated_return_numbers += other.saturated_return_numbers
         self.files |= other.files
+        self.checksums |= other.checksums
         self.seconds += other.seconds
         self.read += other.read
         self.extracted.add(other.extracted)
@@ -84,9 +86,9 @@ class Part:
         """Mark the part as failed."""
         self.state, self.error, self.outcome = self.FAILED, error, None
 
-    def reset(self) -> None:
-        """Mark the part as not yet written."""
-        self.state, self.error, self.outcome = self.WAITING, "", None
+    def reset(self, error: str = "") -> None:
+        """Mark the part as not yet written, or as to be written again because of an error."""
+        self.state, self.error, self.outcome = self.WAITING, error, None
 
 
 @dataclass

@@ -10,6 +10,7 @@ from pathlib import Path
 from typing import Any, TypeVar
 
 from fullwaveform import __version__
+from fullwaveform.cluster.checksums import verify
 from fullwaveform.cluster.dispatch import Dispatcher
 from fullwaveform.cluster.executors import Workers
 from fullwaveform.cluster.folder import JobFolder
@@ -99,6 +100,7 @@ def earlier_job(folder: JobFolder, sources: Sequence[Path]) -> Manifest:
         if not entry.error:
             check_states(location(entry.path), entry.files)
     collect(manifest.parts, folder)
+    verify(manifest.parts, folder)
     return manifest
 
 

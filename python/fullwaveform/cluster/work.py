@@ -17,6 +17,7 @@ from pydantic import TypeAdapter
 
 from fullwaveform import __version__
 from fullwaveform.calibration.calibration import Calibration, measure
+from fullwaveform.cluster.checksums import checksum
 from fullwaveform.cluster.folder import JobFolder
 from fullwaveform.cluster.inputs import FileState, InputFile, check_states
 from fullwaveform.cluster.json_data import STRICT, from_json
@@ -165,7 +166,8 @@ def _extract_unit(unit: Unit, threads: int) -> UnitResult:
             "under the same path"
         )
     try:
-        outcome = _written_part(unit, folder.part_path(unit.part), threads)
+        with folder.writing() as path:
+            outcome = _written_part(unit, path / unit.part, threads)
     except ValueError as error:
         folder.write_record(unit.part, PartRecord(error=naming(unit.path, str(error))))
         raise
@@ -201,6 +203,7 @@ def _written_part(unit: Unit, output: Path, threads: int) -> PartOutcome:
     _add_writer_counts(outcome, writer)
     names = echo_outputs(output, settings.with_waveforms)
     outcome.files = {path.name: path.stat().st_size for path in names}
+    outcome.checksums = {path.name: checksum(path) for path in names}
     outcome.seconds = round(time.perf_counter() - start, 3)
     return outcome
 

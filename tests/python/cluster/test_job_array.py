@@ -8,6 +8,7 @@ import re
 import shutil
 import subprocess
 import sys
+import zlib
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
@@ -259,6 +260,43 @@ def test_truncated_part_is_missing_after_join_too(job: Job) -> None:
     succeeded("join", job.path)
 
 
+def flip_bit(path: Path) -> None:
+    """Damages a byte in the middle; the size remains."""
+    with path.open("r+b") as stream:
+        stream.seek(path.stat().st_size // 2)
+        byte = stream.read(1)[0]
+        stream.seek(-1, os.SEEK_CUR)
+        stream.write(bytes([byte ^ 1]))
+
+
+def test_damaged_part_is_reported_and_computed_again(job: Job) -> None:
+    assert job.run("--units", "0-4").exit_code == 0
+    second, fourth = (job.path / f"scan.part-0000{number}.parquet" for number in (1, 3))
+    content = second.read_bytes()
+    flip_bit(second)
+    message = "1 of 5 parts is missing or damaged, the others are kept"
+    damaged = (
+        f"part {second.name} is damaged: its checksum is {zlib.crc32(second.read_bytes()):08x}, "
+    )
+    expected = f"but {zlib.crc32(content):08x} was written"
+    assert_error(run("join", job.path), damaged, expected, message, f"{job.path} --units 1")
+    assert job.run("--units", "0-4").stdout.count("is there already") == 4
+    assert second.read_bytes() == content
+    succeeded("join", job.path)
+    flip_bit(fourth)  # whose checksum is in the manifest now
+    assert_error(run("join", job.path), f"part {fourth.name} is damaged", "--units 3")
+
+
+def test_parts_without_checksums_are_checked_by_size(job: Job) -> None:
+    assert job.run("--units", "0-4").exit_code == 0
+    assert "checked by size only" not in succeeded("join", job.path)
+    content = manifest_of(job.path)
+    for part in content["parts"][:2]:
+        del part["outcome"]["checksums"]
+    job.manifest.write_text(json.dumps(content), encoding="utf-8")
+    assert "2 parts checked by size only: no checksums" in succeeded("join", job.path)
+
+
 def test_changed_input_is_refused(job: Job) -> None:
     with job.scan.with_suffix(".wdp").open("ab") as stream:
         stream.write(b"\0")
@@ -389,6 +427,10 @@ def test_parts_with_waveforms_are_whole_with_their_packets(tmp_path: Path) -> No
     content = packets.read_bytes()
     packets.unlink()
     assert_error(run("join", job), "--units 0")
+    succeeded("run", job, "--unit", "0")
+    assert packets.read_bytes() == content
+    flip_bit(packets)
+    assert_error(run("join", job), f"part {packets.name} is damaged", "--units 0")
     succeeded("run", job, "--unit", "0")
     assert packets.read_bytes() == content
     assert_error(

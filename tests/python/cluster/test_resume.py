@@ -114,8 +114,15 @@ def test_finished_parts_are_not_rewritten(job: Job) -> None:
     assert times(job.parts) == before
 
 
-@pytest.mark.parametrize("damage", [Path.unlink, lambda path: os.truncate(path, 100)])
-def test_missing_or_truncated_part_is_repeated(job: Job, damage: Callable[[Path], object]) -> None:
+def overwrite_start(path: Path) -> None:
+    with path.open("r+b") as stream:
+        stream.write(b"0123")
+
+
+@pytest.mark.parametrize(
+    "damage", [Path.unlink, lambda path: os.truncate(path, 100), overwrite_start]
+)
+def test_missing_or_damaged_part_is_repeated(job: Job, damage: Callable[[Path], object]) -> None:
     third = job.parts / "scan.part-00002.parquet"
     content, before = third.read_bytes(), times(job.parts)
     damage(third)

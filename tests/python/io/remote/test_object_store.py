@@ -233,6 +233,21 @@ def test_run_of_units_in_a_bucket(bucket: Any, formats: dict[str, Path], tmp_pat
     assert "s3://scans/in/gedi.h5 has changed" in result.stderr
 
 
+def test_damaged_part_in_a_store_is_found_on_request(tmp_path: Path) -> None:
+    scan, job = las_scan(tmp_path / "scan.las", shots=30), "memory://damaged"
+    for call in (("plan", scan, "-o", job, "--threshold", "20"), ("run", job, "--unit", "0")):
+        assert run(*call).exit_code == 0
+    verified = run("join", job, "--verify-remote")
+    assert verified.exit_code == 0
+    assert "checked by size only" not in verified.stdout
+    part = location(job) / "scan.part-00000.parquet"
+    (tmp_path / "damaged").write_bytes(b"0123" + part.read_bytes()[4:])
+    part.upload(tmp_path / "damaged", replace=True)  # type: ignore[attr-defined]
+    assert "1 part checked by size only: --verify-remote" in run("join", job).stdout
+    result = run("join", job, "--verify-remote")
+    assert_error(result, "part scan.part-00000.parquet is damaged", "--units 0")
+
+
 def test_statistics_of_a_run_in_a_store(tmp_path: Path) -> None:
     scan, job = las_scan(tmp_path / "scan.las"), "memory://statistics"
     options = ("--threshold", "3000", "--block", "45", "--quiet")
