@@ -28,9 +28,11 @@ else:
     # take the URL for a relative path.
     _PathMethods = object
 
-_URL = re.compile(
-    r"(?P<scheme>[A-Za-z][A-Za-z0-9+.-]+)://((?P<user>[^/?#]*)@)?(?P<path>.*)", re.DOTALL
-)
+_URL = re.compile(r"(?P<scheme>[A-Za-z][A-Za-z0-9+.-]+)://(?P<rest>.*)", re.DOTALL)
+_USER = re.compile(r"(?P<user>[^/?#]*)@(?P<path>.*)", re.DOTALL)
+# A password with one of "/?#" ends before the last "@" that a slash follows.
+_USER_WITH_SLASH = re.compile(r"(?P<user>.*)@(?P<path>[^@]*/.*)", re.DOTALL)
+_HOST = re.compile(r"(\[[^]/]*]|[^:/?#]*)(:[0-9]+)?(?=[/?#]|$)|arn:")
 #: Only in these a question mark begins a query; in the names of objects it is a character.
 WEB_SCHEMES = ("http", "https")
 
@@ -50,7 +52,7 @@ def location(path: str | os.PathLike[str]) -> Path:
         return path
     if isinstance(path, str) and (found := _URL.fullmatch(path)) is not None:
         scheme = found["scheme"].lower()
-        return Path(unquote(found["path"])) if scheme == "file" else RemotePath(path)
+        return Path(unquote(found["rest"])) if scheme == "file" else RemotePath(path)
     return Path(path)
 
 
@@ -62,6 +64,16 @@ def is_remote(path: object) -> bool:
 def path_or_stream(path: Path) -> Path | IO[bytes]:
     """For libraries that open paths of this machine, and otherwise take file objects."""
     return path.open("rb") if is_remote(path) else path
+
+
+def _user_and_path(rest: str) -> tuple[str, str]:
+    """User and password of a URL, and what follows them; `rest` is the URL without its scheme."""
+    found = _USER.fullmatch(rest)
+    if found is None and _HOST.match(rest) is None:
+        found = _USER_WITH_SLASH.fullmatch(rest)
+    if found is None:
+        return "", rest
+    return re.sub("[/?#]", lambda mark: f"%{ord(mark[0]):02X}", found["user"]), found["path"]
 
 
 class RemotePath(_PathMethods):
@@ -76,8 +88,8 @@ class RemotePath(_PathMethods):
         if found is None:
             raise ValueError(f"invalid URL {url!r}; expected SCHEME://...")
         self._scheme = found["scheme"].lower()
-        self._user = found["user"] or ""
-        path, self._query = found["path"], ""
+        self._user, path = _user_and_path(found["rest"])
+        self._query = ""
         if self._scheme in WEB_SCHEMES:
             path, mark, query = path.partition("?")
             self._query = f"{mark}{query.partition('#')[0]}"
@@ -85,7 +97,8 @@ class RemotePath(_PathMethods):
         self._source: RemoteSource | None = None
 
     def __str__(self) -> str:
-        return f"{self._scheme}://{self._path}{'?...' if self._query else ''}"
+        path = self._path.removeprefix(self._perhaps_secret)
+        return f"{self._scheme}://{path}{'?...' if self._query else ''}"
 
     def __repr__(self) -> str:
         return f"RemotePath({str(self)!r})"
@@ -114,6 +127,14 @@ class RemotePath(_PathMethods):
         return f"{self._scheme}://{user}{self._path}{self._query}"
 
     @property
+    def _perhaps_secret(self) -> str:
+        """What at the start of the path may be the end of a password with a slash."""
+        if not self._user and ":" not in self._path.partition("/")[0]:
+            return ""
+        found = _USER_WITH_SLASH.match(self._path)
+        return "" if found is None else f"{found['user']}@"
+
+    @property
     def has_credentials(self) -> bool:
         """Whether the URL has parts that its text leaves out."""
         return bool(self._user or self._query)
@@ -121,7 +142,13 @@ class RemotePath(_PathMethods):
     def without_credentials(self, text: str) -> str:
         """The text of a library, with what may be credentials left out."""
         text = text.replace(self.url, str(self))
-        secrets = [self._user, *self._user.split(":"), self._query, *re.split("[?&=]", self._query)]
+        secrets = [
+            self._user,
+            *self._user.split(":"),
+            self._perhaps_secret,
+            self._query,
+            *re.split("[?&=]", self._query),
+        ]
         for secret in sorted({one for one in secrets if len(one) > 2}, key=len, reverse=True):
             text = text.replace(secret, "...").replace(unquote(secret), "...")
         return text
