@@ -2,13 +2,13 @@
 
     python bench/scale.py [-o FOLDER] [--most 7] [--repeated 8]
 
-Scans of 10^4, 10^5, ... waveforms of 80 samples are extracted by the command line with one worker,
-each method up to as many as it does in a few minutes, and 10^MOST at most. They repeat one
-simulated scan at later times. Then one block in memory is
-extracted 10^REPEATED times over in mode 0, without a file on either side, to see whether memory
-stays flat. Prints the tables and writes scale.png. The time per waveform is that of the additional
-waveforms of each scan over the next smaller one, so that start-up and calibration, which read a
-bounded number of waveforms, do not count. Times of small scans are the minimum of several runs.
+Scans of 10^4, 10^5, ... 10^MOST waveforms of 80 samples are extracted by the command line with one
+worker. They repeat one simulated scan at later times. Then one block in memory is extracted until
+10^REPEATED waveforms are done in mode 0 by two workers, without a file on either side, to see
+whether memory stays flat. Prints the tables and writes scale.png. The time per waveform is that of
+the additional waveforms of each scan over the next smaller one, so that start-up and calibration,
+which read a bounded number of waveforms, do not count. Times of small scans are the median of
+several runs, between which the other sizes are measured.
 """
 
 from __future__ import annotations
@@ -16,15 +16,17 @@ from __future__ import annotations
 import argparse
 import itertools
 import os
-import resource
+import re
 import shutil
+import subprocess
 import sys
 import tempfile
 from collections.abc import Iterator
 from concurrent.futures import ProcessPoolExecutor
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from multiprocessing import get_context
 from pathlib import Path
+from statistics import median
 
 import laspy
 import matplotlib as mpl
@@ -35,26 +37,30 @@ mpl.use("Agg")
 from matplotlib import pyplot as plt
 
 from fullwaveform import Scanner
+from fullwaveform.calibration.calibration import measure as calibrated
 from fullwaveform.core.driver import Mode
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.extraction.pipeline import extracted_blocks
 from fullwaveform.io.opening import open_waveforms
 
-#: Command line name, and the exponent of the largest scan.
-METHODS = {
-    "three-point": 7,
-    "decomposition": 6,
-    "pulse-fit": 6,
-    "deconvolution": 5,
-    "hybrid": 5,
-}
+METHODS = ("three-point", "decomposition", "pulse-fit", "deconvolution", "hybrid")
 SMALLEST = 4  # exponent
 SHOTS = 8000  # of the simulated scan, which has a little more than 10^4 waveforms
 PACKETS_START = 60  # bytes of the header of a file of packets
 STEP_S = 1e-4  # between shots of the simulated scan
-RUNS_UP_TO = {4: 5, 5: 3}  # exponent: runs; one for larger scans
+RUNS = {4: 7, 5: 5, 6: 3}  # exponent: runs; one for larger scans
 HOURS_PER_BILLION = 1e9 / 1e6 / 3600.0  # of a waveform that takes 1 us
+LARGEST_KB = r"VmHWM:\s*(\d+)"  # of a process; the maximum of getrusage includes its parent's
+#: The command line, which prints its largest resident set (kB) at the end.
+COMMAND = f"""
+import re
+from fullwaveform.cli.main import main
+try:
+    main()
+finally:
+    print(re.search(r"{LARGEST_KB}", open("/proc/self/status").read())[1])
+"""
 
 
 @dataclass(frozen=True)
@@ -65,18 +71,22 @@ class Used:
     memory: float  # largest resident set, bytes
 
 
+def largest_memory() -> float:
+    """Largest resident set of this process so far, bytes."""
+    return 1024.0 * int(re.search(LARGEST_KB, Path("/proc/self/status").read_text())[1])
+
+
 def run(*arguments: str) -> Used:
-    """Run the command line."""
-    call = [sys.executable, "-c", "from fullwaveform.cli.main import main; main()", *arguments]
-    devnull = os.open(os.devnull, os.O_WRONLY)
-    process = os.posix_spawn(
-        sys.executable, call, os.environ, file_actions=[(os.POSIX_SPAWN_DUP2, devnull, 1)]
-    )
-    os.close(devnull)
-    _, status, usage = os.wait4(process, 0)
+    """Run the command line in a process of its own."""
+    call = [sys.executable, "-c", COMMAND, *arguments]
+    with subprocess.Popen(call, stdout=subprocess.PIPE, text=True) as process:
+        assert process.stdout is not None
+        output = process.stdout.read()
+        _, status, usage = os.wait4(process.pid, 0)
+        process.returncode = os.waitstatus_to_exitcode(status)
     if status != 0:
         raise RuntimeError(f"{' '.join(arguments)} failed")
-    return Used(usage.ru_utime + usage.ru_stime, usage.ru_maxrss * 1024.0)
+    return Used(usage.ru_utime + usage.ru_stime, 1024.0 * float(output.split()[-1]))
 
 
 def repeat_scan(source: Path, target: Path, count: int) -> None:
@@ -123,19 +133,23 @@ def measure(method: str, folder: Path, most: int) -> Growth:
     if method in ("deconvolution", "hybrid"):
         options += ["--scanner", str(folder / "scanner.toml")]
     output = folder / "echoes.las"
-
-    def used(scan: str, runs: int) -> Used:
-        call = ["extract", str(folder / f"{scan}.las"), "-o", str(output), *options]
-        each = [run(*call) for _ in range(runs)]
-        return Used(min(one.seconds for one in each), max(one.memory for one in each))
-
-    growth = Growth(method, list(range(SMALLEST, min(METHODS[method], most) + 1)), [], [], 0.0)
-    for exponent in growth.exponents:
-        found = used(f"scan{exponent}", RUNS_UP_TO.get(exponent, 1))
-        growth.seconds.append(found.seconds)
-        growth.memory.append(found.memory)
-    per_waveform = output.stat().st_size / 10 ** growth.exponents[-1]
-    return Growth(method, growth.exponents, growth.seconds, growth.memory, per_waveform)
+    runs: dict[int, list[Used]] = {exponent: [] for exponent in range(SMALLEST, most + 1)}
+    per_waveform = 0.0
+    for turn in range(max(RUNS.values())):
+        for exponent, found in runs.items():
+            if turn < RUNS.get(exponent, 1):
+                scan = folder / f"scan{exponent}.las"
+                found.append(run("extract", str(scan), "-o", str(output), *options))
+                print(f"{method}, 10^{exponent}: {found[-1].seconds:.2f} s", flush=True)
+                if exponent == most:
+                    per_waveform = output.stat().st_size / 10**most
+    return Growth(
+        method,
+        list(runs),
+        [median(one.seconds for one in found) for found in runs.values()],
+        [max(one.memory for one in found) for found in runs.values()],
+        per_waveform,
+    )
 
 
 def repeated(block: WaveformBlock, times: int) -> Iterator[WaveformBlock]:
@@ -146,8 +160,9 @@ def repeated(block: WaveformBlock, times: int) -> Iterator[WaveformBlock]:
 def memory_of_repeated(scan: Path, exponent: int) -> list[tuple[float, float]]:
     """Waveforms done and largest resident set so far (bytes), while a block is repeated."""
     with open_waveforms(scan) as reader:
+        settings = ExtractionSettings(scanner=Scanner.default(), mode=Mode.THREE_POINT)
+        settings = replace(settings, calibration=calibrated(reader))
         block = next(reader.blocks())
-    settings = ExtractionSettings(scanner=Scanner.default(), mode=Mode.THREE_POINT, threshold=20)
     steps = [10**power for power in range(SMALLEST, exponent + 1)]
     found: list[tuple[float, float]] = []
     done = 0
@@ -157,7 +172,7 @@ def memory_of_repeated(scan: Path, exponent: int) -> list[tuple[float, float]]:
         done += len(block)
         assert len(extracted.echoes) > 0
         if steps and done >= steps[0]:
-            found.append((done, resource.getrusage(resource.RUSAGE_SELF).ru_maxrss * 1024.0))
+            found.append((done, largest_memory()))
             steps.pop(0)
     return found
 
@@ -238,7 +253,7 @@ def main() -> None:
         growths = [measure(method, folder, options.most) for method in METHODS]
         # A new process, since its largest resident set counts.
         with ProcessPoolExecutor(1, get_context("spawn")) as process:
-            scan = folder / f"scan{SMALLEST}.las"
+            scan = folder / f"scan{options.most}.las"  # its first block is full
             flat = process.submit(memory_of_repeated, scan, options.repeated).result()
     finally:
         shutil.rmtree(folder)
