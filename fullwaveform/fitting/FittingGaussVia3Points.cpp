@@ -31,8 +31,9 @@ bool FittingGaussVia3Points<T, SimplePeakType>::apply(T const* samples,
   findRawPeaks(values, first, last, wave->noise, wave->peaks, simplePeak);
   wave->testIfAfterPulse();
   removeBadPeaks(wave->peaks);
+  static ZeroCrossing::SampleAccessor const accessor = atLeastOne;
   for (Peak& peak : wave->peaks) {
-    fitThreePointGauss(values, atLeastOne, peak);
+    fitThreePointGauss(values, accessor, peak);
   }
   markBadPeaks(wave->peaks, first, last, wave->noise);
   removeBadPeaks(wave->peaks);

@@ -1,7 +1,9 @@
 #include <fullwaveform/fitting/ThreePointGauss.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstddef>
 #include <limits>
 
 #include <fullwaveform/fitting/ClampedIndex.h>
@@ -35,14 +37,33 @@ float logarithmOf(double sample) {
   return static_cast<float>(std::log(sample));
 }
 
-}  // namespace
+/// The logarithm of a sample, from a table where digitisers of 12 bits count: small enough to stay in the
+/// cache, and several times as fast as the function.
+float logarithmOf(unsigned short sample) {
+  constexpr std::size_t counts = 4096;
+  static std::array<float, counts> const table = [] {
+    std::array<float, counts> logarithms{};
+    for (std::size_t i = 0; i < counts; ++i) {
+      logarithms[i] = logarithmOf(static_cast<double>(i));
+    }
+    return logarithms;
+  }();
+  return sample < counts ? table[sample] : logarithmOf(static_cast<double>(sample));
+}
 
-ThreePointGauss gaussThroughThreeSamples(double left, double centre, double right) {
-  auto const [c0, c1, c2] = parabolaThrough(logarithmOf(left), logarithmOf(centre), logarithmOf(right));
+/// The Gaussian whose logarithm is the parabola through three logarithms of samples.
+ThreePointGauss gaussThroughLogarithms(float left, float centre, float right) {
+  auto const [c0, c1, c2] = parabolaThrough(left, centre, right);
   float const logarithmAtVertex = c0 - 0.25F * c1 * c1 / c2;
   // The curvature is not tested: the caller judges the results.
   return {static_cast<float>(std::exp(static_cast<double>(logarithmAtVertex))), -0.5F * c1 / c2,
           std::sqrt(-0.5F / c2)};
+}
+
+}  // namespace
+
+ThreePointGauss gaussThroughThreeSamples(double left, double centre, double right) {
+  return gaussThroughLogarithms(logarithmOf(left), logarithmOf(centre), logarithmOf(right));
 }
 
 void fitThreePointGauss(std::span<unsigned short const> samples, ZeroCrossing::SampleAccessor const& accessor,
@@ -51,15 +72,15 @@ void fitThreePointGauss(std::span<unsigned short const> samples, ZeroCrossing::S
     return;
   }
   int const k = truncatedIndex(peak.idx);
-  auto const read = [&](int index) -> double {
+  auto const logarithmAt = [&](int index) {
     int const nearest = clampedIndex(index, samples);
     unsigned short const& sample = samples[static_cast<std::size_t>(nearest)];
-    return accessor ? accessor(sample, static_cast<double>(nearest)) : sample;
+    return logarithmOf(accessor ? accessor(sample, static_cast<double>(nearest)) : sample);
   };
-  double const left = read(k - 1);
-  double const centre = read(k);
-  double const right = read(k + 1);
-  ThreePointGauss const gauss = gaussThroughThreeSamples(left, centre, right);
+  float const left = logarithmAt(k - 1);
+  float const centre = logarithmAt(k);
+  float const right = logarithmAt(k + 1);
+  ThreePointGauss const gauss = gaussThroughLogarithms(left, centre, right);
   peak.amplitude = gauss.amplitude;
   peak.type = GAUSS_3POINTS;
   peak.idx = static_cast<double>(static_cast<float>(k - 1) + gauss.vertex);

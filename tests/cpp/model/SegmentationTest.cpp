@@ -102,6 +102,27 @@ TEST(Segmentation, FullScaleSamplesAreCompared) {
   EXPECT_EQ(startEndOf({0, 65535, 0, 0}, 65535), StartEnd{});
 }
 
+TEST(Segmentation, FindsTwoSegmentsAtEveryPlaceOfALongWaveform) {
+  // Above 32767, where signed and unsigned comparisons differ.
+  constexpr unsigned short noise = 40000;
+  for (std::uint32_t first = 1; first < 30; ++first) {
+    for (std::uint32_t last = first; last < 30; ++last) {
+      Samples samples(40, noise - 1);
+      for (std::uint32_t i = first; i <= last; ++i) {
+        samples[i] = noise + 1;
+      }
+      samples[last] = 65535;
+      samples[last + 3] = 65535;
+      Testing::withGuardedCopies(samples, [&](unsigned short const* start) {
+        Segmentation const found = segmentSignal(std::span(start, samples.size()), noise);
+        EXPECT_EQ(found.startEnd, (StartEnd{{first - 1, last + 1}, {last + 2, last + 4}})) << first << last;
+        EXPECT_EQ(found.idxOfMax, last);
+        EXPECT_EQ(found.max, 65535);
+      });
+    }
+  }
+}
+
 TEST(Segmentation, AgreesWithPythonForAllShortWaveforms) {
   std::istringstream words(Testing::segmentWaveforms);
   int waveforms = 0;
