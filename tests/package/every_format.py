@@ -11,11 +11,13 @@ from __future__ import annotations
 import ctypes.util
 import json
 import shutil
+import signal
 import subprocess
 import sys
 from collections.abc import Sequence
 from dataclasses import replace
 from pathlib import Path
+from urllib.request import urlopen
 
 import numpy as np
 import pyarrow.parquet as pq
@@ -27,6 +29,7 @@ from support.hdf5_scenes import as_gedi, as_lvis
 from support.las_scenes import compressed
 from support.pulsewaves_scenes import of_waveforms
 from support.row_scenes import arrays_of
+from support.web_server import ServedFile, serving
 
 PROGRAM = Path(sys.executable).with_name("fullwaveform")
 MODES = ("three-point", "decomposition", "deconvolution", "hybrid", "pulse-fit")
@@ -136,6 +139,32 @@ def check_other_commands(scan: Path) -> None:
     assert sorted(in_parts) == whole
 
 
+def check_remote(scan: Path) -> None:
+    """A scan and its samples at a web server."""
+    target = scan.with_name("remote.parquet")
+    with serving() as server:
+        for path in (scan, scan.with_suffix(".wdp")):
+            server.files[path.name] = ServedFile.of(path.read_bytes())
+        run("extract", server.url(scan.name), "-o", target, *HIGH)
+    assert positions(target) == positions(echoes_of(scan, *HIGH))
+
+
+def check_view(scan: Path) -> None:
+    """The viewer serves its page until it is interrupted."""
+    call = [PROGRAM, "view", scan, *HIGH, "--no-browser"]
+    with subprocess.Popen(
+        call, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
+    ) as viewer:
+        assert viewer.stdout is not None
+        try:
+            with urlopen(viewer.stdout.readline().strip(), timeout=60.0) as answer:
+                assert answer.status == 200
+        finally:
+            viewer.send_signal(signal.SIGINT)
+            _, errors = viewer.communicate(timeout=60.0)
+    assert viewer.returncode == 0, errors
+
+
 def check_python(scan: Path) -> None:
     """The Python interface, on a file and on arrays."""
     found = fw.extract(scan, mode=1, channel_flags={1: 1, 2: 0})
@@ -164,6 +193,8 @@ def main() -> None:
     check_inputs(both, single)
     check_modes_and_outputs(both[0])
     check_other_commands(both[0])
+    check_remote(both[0])
+    check_view(both[0])
     check_python(both[0])
     print(f"{len(both) + len(single)} inputs, {len(OUTPUTS)} outputs, {len(MODES)} modes: passed")
 
