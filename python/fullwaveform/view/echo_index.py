@@ -19,9 +19,9 @@ from fullwaveform.view.cache import cached_name, cached_sections, identity
 from fullwaveform.view.directory import WaveformDirectory
 from fullwaveform.view.echo_values import ECHO_VALUES, described_values, value_rows
 from fullwaveform.view.histograms import described_histogram, percentiles
-from fullwaveform.view.quadtree import Quadtree, quadtree
+from fullwaveform.view.quadtree import Quadtree, Square, quadtree
 from fullwaveform.view.sections import SectionFile, SectionWriter
-from fullwaveform.view.shot_echoes import echoes_of_shots
+from fullwaveform.view.shot_echoes import echoes_of_shots, occurrences
 
 #: Number of a waveform that is not known.
 UNKNOWN = 0xFFFFFFFF
@@ -170,17 +170,19 @@ class _Builder:
             self._copy_columns(opened)
             self._count_echoes_of_shots(opened, writer)
             pa.default_memory_pool().release_unused()  # in which columns of tables were decoded
-            tree = quadtree(self._column("x", "<f4"), self._column("y", "<f4"))
+            tree = self._tree()
             for name in ("level", "column", "row", "count"):
                 writer.add(f"node_{name}", getattr(tree, name))
-            self._write_waveforms(writer, tree)
-            self._write_positions(writer, tree)
+            index = _inverse(tree.order)
+            self._write_waveforms(writer, index)
+            self._write_positions(writer, tree, index)
+            del index
             described = self._write_columns(writer, tree)
         writer.finish(
             {
                 "origin": [0.0] * 3 if self._origin is None else self._origin.tolist(),
-                "low": tree.low,
-                "size": tree.size,
+                "low": tree.square.low,
+                "size": tree.square.size,
                 "without_place": self._without_place,
                 "shots": self._shots,
                 **described,
@@ -217,7 +219,7 @@ class _Builder:
 
     def _count_echoes_of_shots(self, opened: ExitStack, writer: SectionWriter) -> None:
         numbers = self._column("waveform", "<u4")
-        of_shots, of_echoes = echoes_of_shots(numbers, UNKNOWN, self._waveforms.shot_numbers())
+        of_shots, of_echoes = echoes_of_shots(numbers, self._waveforms.shot_numbers())
         if of_echoes.any():
             self._append(opened, "shot_echoes", of_echoes)
         self._shots = described_histogram(of_shots, is_category=True)
@@ -241,6 +243,13 @@ class _Builder:
         stream.seek(0)
         return np.fromfile(stream, dtype)
 
+    def _tree(self) -> Quadtree:
+        x, y = self._column("x", "<f4"), self._column("y", "<f4")
+        square = Square.around(x, y)
+        places = square.places(x, y)
+        del x, y  # the places are as large
+        return quadtree(square, places)
+
     def _write_columns(self, writer: SectionWriter, tree: Quadtree) -> dict[str, Any]:
         """Write the columns in the order of the tree; what is known of them."""
         present = {value.name: value for value in ECHO_VALUES if value.name in self._streams}
@@ -259,30 +268,40 @@ class _Builder:
             writer.add(name, self._column(name, "<u4")[tree.order])
         return {"values": described, "ranges": ranges}
 
-    def _write_positions(self, writer: SectionWriter, tree: Quadtree) -> None:
+    def _write_positions(self, writer: SectionWriter, tree: Quadtree, index: AnyArray) -> None:
         """The order of the file in that of the tree, and the reverse."""
-        index = np.empty(len(tree.order), "<u4")
-        index[tree.order] = np.arange(len(tree.order), dtype="<u4")
         writer.add("index_of_position", index)
-        writer.add("position_of_index", tree.order.astype("<u4"))
+        writer.add("position_of_index", tree.order.astype("<u4", copy=False))
 
-    def _write_waveforms(self, writer: SectionWriter, tree: Quadtree) -> None:
+    def _write_waveforms(self, writer: SectionWriter, index: AnyArray) -> None:
         """Echoes, chi square and first echo of each waveform."""
         total = len(self._waveforms)
         numbers = self._column("waveform", "<u4")
-        known = numbers != UNKNOWN
-        counts = np.bincount(numbers[known], minlength=total)
+        counts = occurrences(numbers, total)
         writer.add("waveform_echoes", np.minimum(counts, 65535).astype("<u2"))
+        del counts
+        chi_square = self._column("chi_square", "<f4")
         chi = np.full(total, np.nan, "<f4")
-        if "chi_square" in self._streams:
-            chi[numbers[known]] = self._column("chi_square", "<f4")[known]
+        first_echo = np.full(total, UNKNOWN, "<u4")
+        # From the last echo to the first, so that the first one remains.
+        for start in reversed(range(0, len(numbers), _CHUNK)):
+            part = slice(start, start + _CHUNK)
+            known = numbers[part] != UNKNOWN
+            of_known = numbers[part][known][::-1]
+            first_echo[of_known] = index[part][known][::-1]
+            if len(chi_square):
+                chi[of_known] = chi_square[part][known][::-1]
         writer.add("waveform_chi_square", chi)
-        index = np.empty(len(tree.order), "<u4")
-        index[tree.order] = np.arange(len(tree.order), dtype="<u4")
-        first = np.full(total, UNKNOWN, "<u4")
-        # Assigned from the last echo to the first, so that the first one remains.
-        first[numbers[known][::-1]] = index[known][::-1]
-        writer.add("first_echo", first)
+        writer.add("first_echo", first_echo)
+
+
+def _inverse(order: AnyArray) -> AnyArray:
+    """Where each number is in the order."""
+    index = np.empty(len(order), "<u4")
+    for start in range(0, len(order), _CHUNK):
+        part = order[start : start + _CHUNK]
+        index[part] = np.arange(start, start + len(part), dtype="<u4")
+    return index
 
 
 def _range_of(column: AnyArray) -> list[float] | None:

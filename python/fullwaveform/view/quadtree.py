@@ -17,6 +17,38 @@ from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 NODE_POINTS = 8192
 _DEEPEST = 15  # level, 2 bits of the code of a place each
 _SEED = 20240501  # equal files have equal trees
+_CHUNK = 1 << 20  # points of which intermediate results are in memory
+
+
+@dataclass(frozen=True, slots=True)
+class Square:
+    """The square of the root."""
+
+    low: tuple[float, float]  # corner
+    size: float  # edge
+
+    @classmethod
+    def around(cls, x: FloatArray, y: FloatArray) -> Square:
+        """The square of points (n,); all coordinates must be finite."""
+        if len(x) == 0:
+            return cls((0.0, 0.0), 1.0)
+        low = float(x.min()), float(y.min())
+        size = max(float(x.max()) - low[0], float(y.max()) - low[1]) * (1.0 + 1e-6)
+        return cls(low, size or 1.0)
+
+    def places(self, x: FloatArray, y: FloatArray) -> AnyArray:
+        """Each point (n,) as an integer: place in the upper 32 bits, number in the lower ones.
+
+        The place is that on the curve that visits quarter after quarter.
+        """
+        cells = (1 << _DEEPEST) / self.size
+        found = np.arange(len(x), dtype="<u8")
+        codes = _codes(found)
+        for first in range(0, len(x), _CHUNK):
+            part = slice(first, first + _CHUNK)
+            codes[part] = _spread((x[part] - self.low[0]) * cells)
+            codes[part] |= _spread((y[part] - self.low[1]) * cells) << np.uint32(1)
+        return found
 
 
 @dataclass(frozen=True, slots=True)
@@ -24,11 +56,10 @@ class Quadtree:
     """The nodes, and the points in their order.
 
     Nodes follow each other level by level from the root on; their squares have the edge
-    ``size / 2**level``.
+    ``square.size / 2**level``.
     """
 
-    low: tuple[float, float]  # corner of the root
-    size: float  # edge of the root
+    square: Square
     level: AnyArray  # (k,), uint8
     column: AnyArray  # (k,), uint32, number of the square from the corner of the root
     row: AnyArray  # (k,), uint32
@@ -36,48 +67,49 @@ class Quadtree:
     order: AnyArray  # (n,), uint32, points of node after node
 
 
-def quadtree(x: FloatArray, y: FloatArray) -> Quadtree:
-    """The tree of points (n,); all coordinates must be finite."""
-    if len(x) == 0:
-        none = np.zeros(0, np.uint32)
-        return Quadtree((0.0, 0.0), 1.0, none.astype(np.uint8), none, none, none, none)
-    low = float(x.min()), float(y.min())
-    size = max(float(x.max()) - low[0], float(y.max()) - low[1]) * (1.0 + 1e-6) or 1.0
-    code = _codes(x, y, low, size)
-    order = np.argsort(code, kind="stable").astype(np.uint32)
-    code = code[order]
+def quadtree(square: Square, places: AnyArray) -> Quadtree:
+    """The tree of the `places` of points in the square, which are overwritten."""
+    places.sort()
+    order = np.empty(len(places), np.uint32)
+    done = 0
     random = np.random.default_rng(_SEED)
-    levels: list[IntArray] = []
-    taken: list[AnyArray] = []
-    first, stop = np.array([0]), np.array([len(order)])
+    levels: list[IntArray] = [np.empty((0, 3), np.int64)]
     for level in range(_DEEPEST + 1):
-        chosen, counts = _chosen(first, stop, len(order), random, level == _DEEPEST)
-        squares = code[first] >> np.uint32(2 * (_DEEPEST - level))
-        levels.append(np.column_stack([np.full(len(first), level), squares, counts]))
-        taken.append(order[chosen])
-        order, code = order[~chosen], code[~chosen]
-        if len(order) == 0:
+        if len(places) == 0:
             break
-        first, stop = _runs(code >> np.uint32(2 * (_DEEPEST - level - 1)))
+        squares, first, stop = _runs(_codes(places) >> np.uint32(2 * (_DEEPEST - level)))
+        chosen, counts = _chosen(first, stop, len(places), random, level == _DEEPEST)
+        levels.append(np.column_stack([np.full(len(first), level), squares, counts]))
+        following = done + int(counts.sum())
+        order[done:following] = _numbers(places)[chosen]
+        done = following
+        places = _left(places, chosen)
     nodes = np.concatenate(levels)
     column, row = _column_and_row(nodes[:, 1].astype(np.uint32))
-    return Quadtree(
-        low,
-        size,
-        nodes[:, 0].astype(np.uint8),
-        column,
-        row,
-        nodes[:, 2].astype(np.uint32),
-        np.concatenate(taken),
-    )
+    level_of_node, count = nodes[:, 0].astype(np.uint8), nodes[:, 2].astype(np.uint32)
+    return Quadtree(square, level_of_node, column, row, count, order)
 
 
-def _codes(x: FloatArray, y: FloatArray, low: tuple[float, float], size: float) -> AnyArray:
-    """Place of each point on the curve that visits quarter after quarter, uint32."""
-    cells = (1 << _DEEPEST) / size
-    codes: AnyArray = _spread((x - low[0]) * cells)
-    codes |= _spread((y - low[1]) * cells) << np.uint32(1)
-    return codes
+def _numbers(places: AnyArray) -> AnyArray:
+    halves: AnyArray = places.view("<u4")[0::2]
+    return halves
+
+
+def _codes(places: AnyArray) -> AnyArray:
+    halves: AnyArray = places.view("<u4")[1::2]
+    return halves
+
+
+def _left(places: AnyArray, chosen: AnyArray) -> AnyArray:
+    """The places that are not chosen, moved to the start of the array, which saves another one."""
+    end = 0
+    for first in range(0, len(places), _CHUNK):
+        part = slice(first, first + _CHUNK)
+        left = places[part][~chosen[part]]
+        places[end : end + len(left)] = left
+        end += len(left)
+    kept: AnyArray = places[:end]
+    return kept
 
 
 def _spread(values: FloatArray) -> AnyArray:
@@ -116,7 +148,8 @@ def _chosen(
     return chosen, counts
 
 
-def _runs(keys: AnyArray) -> tuple[IntArray, IntArray]:
-    """Start and end of each run of equal keys."""
+def _runs(keys: AnyArray) -> tuple[AnyArray, IntArray, IntArray]:
+    """Key, start and end of each run of equal keys."""
     changes = np.flatnonzero(keys[1:] != keys[:-1]) + 1
-    return np.concatenate([[0], changes]), np.concatenate([changes, [len(keys)]])
+    first = np.concatenate([[0], changes])
+    return keys[first], first, np.concatenate([changes, [len(keys)]])

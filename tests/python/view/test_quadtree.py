@@ -5,30 +5,35 @@ from __future__ import annotations
 import numpy as np
 import pytest
 
-from fullwaveform.view.quadtree import NODE_POINTS, quadtree
+from fullwaveform.view.quadtree import NODE_POINTS, Quadtree, Square, quadtree
 
 RANDOM = np.random.default_rng(1)
 
 
+def tree_of(x: np.ndarray, y: np.ndarray) -> Quadtree:
+    square = Square.around(x, y)
+    return quadtree(square, square.places(x, y))
+
+
 def nodes_with_points(x: np.ndarray, y: np.ndarray) -> list[tuple[int, int, int, np.ndarray]]:
     """Level, column and row of each node, and its points."""
-    tree = quadtree(x, y)
+    tree = tree_of(x, y)
     parts = np.split(tree.order, np.cumsum(tree.count)[:-1])
     squares = zip(tree.level.tolist(), tree.column.tolist(), tree.row.tolist(), strict=True)
     return [(*square, part) for square, part in zip(squares, parts, strict=True)]
 
 
 def test_few_points_are_one_node() -> None:
-    tree = quadtree(np.array([1.0, 3.0, 2.0]), np.array([5.0, 5.5, 5.0]))
+    tree = tree_of(np.array([1.0, 3.0, 2.0]), np.array([5.0, 5.5, 5.0]))
     assert tree.level.tolist() == [0]
     assert tree.count.tolist() == [3]
     assert sorted(tree.order.tolist()) == [0, 1, 2]
-    assert tree.low == (1.0, 5.0)
-    assert tree.size == pytest.approx(2.0, rel=1e-5)
+    assert tree.square.low == (1.0, 5.0)
+    assert tree.square.size == pytest.approx(2.0, rel=1e-5)
 
 
 def test_no_points_are_no_nodes() -> None:
-    tree = quadtree(np.empty(0), np.empty(0))
+    tree = tree_of(np.empty(0), np.empty(0))
     assert len(tree.level) == len(tree.order) == 0
 
 
@@ -63,10 +68,10 @@ def test_root_is_a_sample_of_all_places() -> None:
 
 def test_points_at_one_place_end_at_the_deepest_level() -> None:
     count = 3 * NODE_POINTS
-    tree = quadtree(np.zeros(count), np.zeros(count))
+    tree = tree_of(np.zeros(count), np.zeros(count))
     assert tree.count.sum() == count
 
 
 def test_equal_points_give_equal_trees() -> None:
     x, y = RANDOM.uniform(0.0, 1.0, (2, 50_000))
-    assert (quadtree(x, y).order == quadtree(x, y).order).all()
+    assert (tree_of(x, y).order == tree_of(x, y).order).all()
