@@ -16,6 +16,7 @@ from fullwaveform.core.driver import Mode
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.warning_file import warning_path
 from fullwaveform.io.echo_writers.las import las_notes
+from fullwaveform.io.echo_writers.packets import packet_notes
 from fullwaveform.io.remote import location
 
 _MAX_ERRORS = 20  # in a message
@@ -55,14 +56,19 @@ def check_not_empty(manifest: Manifest) -> None:
         )
 
 
-def show_summary(manifest: Manifest, folder: Path, more_notes: Sequence[str] = ()) -> None:
-    """Print the counts of all parts, and notes on them."""
+def show_summary(
+    manifest: Manifest, folder: Path, more_notes: Sequence[str] = (), more_padded: int = 0
+) -> None:
+    """Print the counts of all parts, and notes on them.
+
+    `more_padded`: waveforms that were padded when the parts were joined.
+    """
     sources = [location(entry.path) for entry in manifest.inputs]
     total = manifest.total()
     if len(sources) > 1:
         total.read.notes = _notes_by_file(manifest)
     notes = las_notes(total.written, total.not_representable, total.saturated_return_numbers)
-    notes = (*notes, *_phase_notes(manifest))
+    notes = (*notes, *packet_notes(total.padded + more_padded), *_phase_notes(manifest))
     parts = f"{counted(len(manifest.parts), 'part')}, listed in {MANIFEST_NAME}"
     RunSummary(
         name=name_of(sources),

@@ -19,7 +19,7 @@ from fullwaveform.cluster.folder import JobFolder
 from fullwaveform.cluster.join import join_parts, manifest_with_outcomes, save_outcomes, tidy
 from fullwaveform.cluster.manifest import Manifest
 from fullwaveform.data.counting import counted
-from fullwaveform.io.remote import is_remote
+from fullwaveform.io.remote import is_remote, location
 
 _MAX_LISTED = 100  # ranges of units in a message
 
@@ -32,6 +32,7 @@ def join(
             "-o",
             "--output",
             metavar="OUT",
+            parser=location,
             help="Also write one file as extract does, in the format of the parts; for several "
             "inputs a folder",
         ),
@@ -66,14 +67,14 @@ def join(
         check_complete(manifest, _how_to_retry(manifest, folder), skip_bad_files=skip_bad_files)
         save_outcomes(manifest, job)
         tidy(manifest, job)
+        padded = 0
         if output is not None:
-            join_parts(manifest, job, output, overwrite=overwrite)
+            padded = join_parts(manifest, job, output, overwrite=overwrite)
         if not allow_empty:
             check_not_empty(manifest)
         if not quiet:
-            show_summary(
-                manifest, folder if output is None else output, _not_verified(unverified, job)
-            )
+            destination = folder if output is None else output
+            show_summary(manifest, destination, _not_verified(unverified, job), padded)
 
 
 def _not_verified(parts: int, job: JobFolder) -> list[str]:

@@ -57,7 +57,7 @@ def tidy(manifest: Manifest, folder: JobFolder) -> None:
 
 def join_parts(
     manifest: Manifest, folder: JobFolder, output: Path, *, overwrite: bool = False
-) -> None:
+) -> int:
     """Write the echoes of each input of a finished run to one file, as a single machine would.
 
     Parameters
@@ -68,10 +68,14 @@ def join_parts(
     overwrite
         Whether existing files of echoes of the same format are replaced.
 
+    Returns
+    -------
+    Number of waveforms that are padded in these files and not in the parts.
+
     Raises
     ------
     ValueError
-        The output has another ending than the parts, or these have waveforms.
+        As `join_echo_files`.
     OSError
         A part cannot be read, or a file not written.
     """
@@ -83,15 +87,17 @@ def join_parts(
     by_input: list[list[Part]] = [[] for _ in sources]
     for part in manifest.parts:
         by_input[part.input].append(part)
+    padded = 0
     with protected_inputs(*sources):
         for path, parts in zip(outputs, by_input, strict=True):
             if all(part.outcome is not None for part in parts):
-                join_echo_files(
+                padded += join_echo_files(
                     [folder.part_path(part.file) for part in parts],
                     path,
                     overwrite=overwrite,
                     with_waveforms=manifest.settings.with_waveforms,
                 )
+    return padded
 
 
 def _write_statistics(manifest: Manifest, folder: JobFolder) -> None:

@@ -26,6 +26,7 @@ class PartOutcome:
     written: int = 0  # rows that the summary counts as written
     not_representable: int = 0  # echoes that a LAS file could not hold
     saturated_return_numbers: int = 0  # shots with more echoes than a return number can count
+    padded: int = 0  # waveforms with samples added, because a LAS file holds few lengths
     files: dict[str, int] = field(default_factory=dict)  # bytes of the part file and its companion
     checksums: dict[str, str] = field(default_factory=dict)  # CRC-32 of these files
     seconds: float = 0.0  # time of the units
@@ -41,6 +42,7 @@ class PartOutcome:
         self.written += other.written
         self.not_representable += other.not_representable
         self.saturated_return_numbers += other.saturated_return_numbers
+        self.padded += other.padded
         self.files |= other.files
         self.checksums |= other.checksums
         self.seconds += other.seconds

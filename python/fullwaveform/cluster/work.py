@@ -222,3 +222,4 @@ def _add_writer_counts(outcome: PartOutcome, writer: EchoWriter) -> None:
     if isinstance(writer, LasEchoWriter):
         outcome.not_representable = writer.not_representable
         outcome.saturated_return_numbers = writer.saturated_return_numbers
+        outcome.padded = writer.padded

@@ -20,7 +20,7 @@ _ROWS_AT_A_TIME = 2**16
 
 def join_echo_files(
     parts: Sequence[Path], output: Path, *, overwrite: bool = False, with_waveforms: bool = False
-) -> None:
+) -> int:
     """Write the echoes of the parts, in order, to one file.
 
     Parameters
@@ -32,12 +32,17 @@ def join_echo_files(
     overwrite
         Whether an existing file of echoes of the same format is replaced.
     with_waveforms
-        Whether the parts have waveforms, which cannot be joined.
+        Whether the parts are LAS files with waveforms, which have a file of their own.
+
+    Returns
+    -------
+    Number of waveforms that are padded in the output and not in the parts, see `PacketWriter`.
 
     Raises
     ------
     ValueError
-        The output has another ending than the parts, or these have waveforms.
+        The output has another ending than the parts, or the waveforms need more descriptors than a
+        file can have.
     OSError
         A part cannot be read, or the output not written or not replaced.
     """
@@ -45,11 +50,11 @@ def join_echo_files(
     if output.suffix.lower() != ending:
         raise ValueError(f"{output} must end in {ending}, as the parts do")
     if with_waveforms:
-        raise ValueError(
-            "parts with waveforms cannot be joined, because each numbers its descriptors itself; "
-            "use the parts as they are"
-        )
+        from fullwaveform.io.echo_writers.joining_las import join_las_with_packets
+
+        return join_las_with_packets(parts, output, overwrite)
     _JOINERS[ending](parts, output, overwrite)
+    return 0
 
 
 def _join_text(parts: Sequence[Path], output: Path, overwrite: bool, header: int = 0) -> None:
@@ -117,47 +122,15 @@ def _join_hdf5(parts: Sequence[Path], output: Path, overwrite: bool) -> None:
                     joined.write_rows(pa.table({name: file[name][rows] for name in names}))
 
 
-def _join_las(parts: Sequence[Path], output: Path, overwrite: bool) -> None:
-    import laspy
+def _join_points(parts: Sequence[Path], output: Path, overwrite: bool) -> None:
+    from fullwaveform.io.echo_writers.joining_las import join_las
 
-    with (
-        laspy.open(_with_points(parts).open("rb")) as first,
-        atomic_open(output, echo_outputs(output)[output], overwrite=overwrite) as stream,
-    ):
-        after = first.evlrs
-        writer = laspy.open(
-            stream,
-            mode="w",
-            header=first.header,
-            do_compress=output.suffix.lower() == ".laz",
-            closefd=False,
-        )
-        for part in parts:
-            with laspy.open(part.open("rb")) as file:
-                # Where the input has no offsets, those of each part are near its own echoes; the
-                # writer takes that into account.
-                for points in file.chunk_iterator(_ROWS_AT_A_TIME):
-                    writer.write_points(points)
-            stream.check()
-        if after:
-            writer.write_evlrs(after)
-        writer.close()
-
-
-def _with_points(parts: Sequence[Path]) -> Path:
-    """The first part with points, whose offsets a single file would have."""
-    import laspy
-
-    for part in parts:
-        with laspy.open(part.open("rb")) as file:
-            if file.header.point_count > 0:
-                return part
-    return parts[0]
+    join_las(parts, output, overwrite)
 
 
 _JOINERS: dict[str, Callable[[Sequence[Path], Path, bool], None]] = {
-    ".las": _join_las,
-    ".laz": _join_las,
+    ".las": _join_points,
+    ".laz": _join_points,
     ".csv": _join_csv,
     ".parquet": _join_parquet,
     ".h5": _join_hdf5,

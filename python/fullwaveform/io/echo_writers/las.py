@@ -108,6 +108,11 @@ class LasEchoWriter(EchoWriter):
     def _fill_packets(self, record: laspy.ScaleAwarePointRecord, echoes: EchoTable) -> None:
         """Set the packet fields of the points of the echoes, if the format has them."""
 
+    @property
+    def padded(self) -> int:
+        """Number of waveforms with samples added, because a LAS file holds few lengths."""
+        return 0
+
     def notes(self) -> tuple[str, ...]:
         """What the file does not hold exactly, one message each."""
         return las_notes(self.count, self.not_representable, self.saturated_return_numbers)

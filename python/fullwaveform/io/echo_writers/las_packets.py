@@ -16,7 +16,12 @@ from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.io.atomic import FileKind, OutputFile, atomic_open
 from fullwaveform.io.echo_writers.las import LasEchoWriter
-from fullwaveform.io.echo_writers.packets import PACKETS_KIND, PacketWriter, packets_path
+from fullwaveform.io.echo_writers.packets import (
+    PACKETS_KIND,
+    PacketWriter,
+    packet_notes,
+    packets_path,
+)
 from fullwaveform.io.las.descriptors import read_descriptors
 
 _PICOSECONDS = 1e12
@@ -48,7 +53,7 @@ class LasPacketEchoWriter(LasEchoWriter):
         super().__init__(path, source, run, carry=carry, shot_columns=shot_columns)
         self._originals = {} if source is None else read_descriptors(source, self.path)
         # Which descriptors are needed is known at the end, so their records are written then.
-        self._header.extra_vlr_bytes = bytes(_MAX_DESCRIPTORS * _DESCRIPTOR_RECORD)
+        reserve_descriptors(self._header)
         self._packets: PacketWriter | None = None
         self._waveforms: WaveformBlock | None = None
 
@@ -71,7 +76,12 @@ class LasPacketEchoWriter(LasEchoWriter):
 
     def notes(self) -> tuple[str, ...]:
         """What the files do not hold exactly, one message each."""
-        return (*super().notes(), *(self._packets.notes() if self._packets is not None else ()))
+        return (*super().notes(), *packet_notes(self.padded))
+
+    @property
+    def padded(self) -> int:
+        """As in `LasEchoWriter`."""
+        return 0 if self._packets is None else self._packets.padded
 
     def _fill_packets(self, record: laspy.ScaleAwarePointRecord, echoes: EchoTable) -> None:
         block, packets = self._waveforms, self._packets
@@ -94,7 +104,7 @@ class LasPacketEchoWriter(LasEchoWriter):
             self._packets = PacketWriter(packets, self._originals)
             with super()._content(stream):
                 yield
-            _insert_records(stream, self._packets.records())
+            insert_descriptors(stream, self._packets.records())
             self._packets.finish()
             stream.check()  # no packets without their points
 
@@ -107,8 +117,13 @@ def _rows_of(echoes: EchoTable, block: WaveformBlock) -> IntArray:
     return rows
 
 
-def _insert_records(stream: OutputFile, records: list[laspy.VLR]) -> None:
-    """Write variable records after the others, into the bytes that are left for them."""
+def reserve_descriptors(header: laspy.LasHeader) -> None:
+    """Leave space for the records of all descriptors that a file can have."""
+    header.extra_vlr_bytes = bytes(_MAX_DESCRIPTORS * _DESCRIPTOR_RECORD)
+
+
+def insert_descriptors(stream: OutputFile, records: list[laspy.VLR]) -> None:
+    """Write the records of descriptors after the others, into the bytes that are left for them."""
     stream.seek(_HEADER_SIZE)
     (position,) = struct.unpack("<H", stream.read(2))
     stream.seek(_RECORD_COUNT)

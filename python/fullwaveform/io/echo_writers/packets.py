@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import struct
-from collections.abc import Mapping
+from collections.abc import Mapping, Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -27,6 +27,8 @@ _EXACT = 191
 _MIN_PADDED = 64  # samples
 _BYTE_VALUES = 256
 _PICOSECONDS = 1e12
+#: Description of the record of a descriptor: the one of the input that it was made of.
+INPUT_DESCRIPTOR = "of descriptor {} of the input"
 
 
 def _has_packets_header(path: Path) -> bool:
@@ -51,6 +53,15 @@ class Packets:
     index: UInt8Array  # of the descriptor
     offset: IntArray  # bytes from the start of the record
     size: IntArray  # bytes
+
+    @classmethod
+    def joined(cls, several: Sequence[Packets]) -> Packets:
+        """The entries of several, one after the other."""
+        return cls(
+            np.concatenate([np.zeros(0, np.uint8), *(one.index for one in several)]),
+            np.concatenate([np.zeros(0, np.int64), *(one.offset for one in several)]),
+            np.concatenate([np.zeros(0, np.int64), *(one.size for one in several)]),
+        )
 
 
 class PacketWriter:
@@ -84,22 +95,52 @@ class PacketWriter:
         samples, counts = block.samples[rows], block.counts[rows].astype(np.int64)
         bits = np.where(samples.max(axis=1, initial=0) < _BYTE_VALUES, 8, 16)
         spacing = np.rint(block.sampling_intervals[rows] * _PICOSECONDS).astype(np.int64)
-        wanted = np.column_stack([bits, counts, spacing, block.descriptors[rows]])
-        keys, first, which = np.unique(wanted, axis=0, return_index=True, return_inverse=True)
+        chosen = self._chosen(np.column_stack([bits, counts, spacing, block.descriptors[rows]]))
+        packets = (
+            _packet(row[:count], length, depth)
+            for row, count, (_, length, depth) in zip(samples, counts, chosen, strict=True)
+        )
+        return self._append(chosen, b"".join(packets))
+
+    def copy(self, kinds: IntArray, content: UInt8Array) -> Packets:
+        """Append packets that were written before, and return where each is.
+
+        Parameters
+        ----------
+        kinds
+            (n, 4), bits per sample, samples, spacing in ps and descriptor of the input.
+        content
+            The packets, one after the other.
+
+        Raises ValueError as `write`.
+        """
+        chosen = self._chosen(kinds)
+        if (chosen[:, 1:] == kinds[:, 1::-1]).all():
+            return self._append(chosen, content.tobytes())
+        packets, begin = [], 0
+        for (bits, count, _, _), (_, length, depth) in zip(kinds, chosen, strict=True):
+            end = begin + count * bits // 8
+            samples = content[begin:end].view("u1" if bits == 8 else "<u2")
+            packets.append(_packet(samples.astype(np.uint16), length, depth))
+            begin = end
+        return self._append(chosen, b"".join(packets))
+
+    def _chosen(self, kinds: IntArray) -> IntArray:
+        """Index, samples and bits (n, 3) of the descriptors for kinds of waveforms (n, 4)."""
+        keys, first, which = np.unique(kinds, axis=0, return_index=True, return_inverse=True)
         chosen = np.zeros((len(keys), 3), dtype=np.int64)
         for key in np.argsort(first):  # in the order of the waveforms, however blocks are cut
             chosen[key] = self._descriptor(tuple(keys[key].tolist()))
-        index, stored, depth = chosen[which.ravel()].T
-        self.padded += int(np.count_nonzero(stored > counts))
-        size = stored * depth // 8
+        of_each: IntArray = chosen[which.ravel()]
+        self.padded += int(np.count_nonzero(of_each[:, 1] > kinds[:, 1]))
+        return of_each
+
+    def _append(self, chosen: IntArray, content: bytes) -> Packets:
+        size = chosen[:, 1] * chosen[:, 2] // 8
         offset = self._end + np.cumsum(size) - size
-        packets = (
-            _packet(row[:count], length, one)
-            for row, count, length, one in zip(samples, counts, stored, depth, strict=True)
-        )
-        self._stream.write(b"".join(packets))
+        self._stream.write(content)
         self._end += int(size.sum())
-        return Packets(index.astype(np.uint8), offset, size)
+        return Packets(chosen[:, 0].astype(np.uint8), offset, size)
 
     def finish(self) -> None:
         """Complete the header of the packet record."""
@@ -110,15 +151,6 @@ class PacketWriter:
     def records(self) -> list[laspy.VLR]:
         """The records of the descriptors in use."""
         return [self._record(key, index) for key, index in self._numbers.items()]
-
-    def notes(self) -> tuple[str, ...]:
-        """What the packets do not hold exactly."""
-        if not self.padded:
-            return ()
-        return (
-            f"{counted(self.padded, 'waveform')} padded with the last sample: a LAS file describes "
-            f"at most {_MAX_DESCRIPTORS} kinds of waveforms",
-        )
 
     def _descriptor(self, key: tuple[int, ...]) -> tuple[int, int, int]:
         """Index, samples and bits of the descriptor for a kind of waveform."""
@@ -137,7 +169,18 @@ class PacketWriter:
         bits, count, spacing, number = key
         original = self._originals.get(number)
         gain, offset = (1.0, 0.0) if original is None else (original.gain, original.offset)
-        return WaveformDescriptor(index, bits, 0, count, spacing, gain, offset).record()
+        descriptor = WaveformDescriptor(index, bits, 0, count, spacing, gain, offset)
+        return descriptor.record(INPUT_DESCRIPTOR.format(number))
+
+
+def packet_notes(padded: int) -> tuple[str, ...]:
+    """What packet files do not hold exactly, one message each, of so many padded waveforms."""
+    if padded == 0:
+        return ()
+    return (
+        f"{counted(padded, 'waveform')} padded with the last sample: a LAS file describes at most "
+        f"{_MAX_DESCRIPTORS} kinds of waveforms",
+    )
 
 
 def _packet(samples: UInt16Array, stored: int, bits: int) -> bytes:

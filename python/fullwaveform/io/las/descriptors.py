@@ -35,7 +35,7 @@ class WaveformDescriptor:
         """Bytes of one packet."""
         return self.sample_count * self.bits_per_sample // 8
 
-    def record(self) -> laspy.VLR:
+    def record(self, description: str = "") -> laspy.VLR:
         """The record of a LAS file that holds the descriptor."""
         data = _DESCRIPTOR.pack(
             self.bits_per_sample,
@@ -45,7 +45,18 @@ class WaveformDescriptor:
             self.gain,
             self.offset,
         )
-        return laspy.VLR("LASF_Spec", _FIRST_RECORD_ID + self.index - 1, "", data)
+        return laspy.VLR("LASF_Spec", _FIRST_RECORD_ID + self.index - 1, description, data)
+
+
+def is_descriptor(record: laspy.VLR) -> bool:
+    """Whether a record of a LAS file holds a waveform descriptor."""
+    is_specified = record.user_id == "LASF_Spec"
+    return bool(is_specified and _FIRST_RECORD_ID <= record.record_id <= _LAST_RECORD_ID)
+
+
+def descriptor_index(record: laspy.VLR) -> int:
+    """Number of the descriptor in a record, 1 to 255."""
+    return int(record.record_id) - _FIRST_RECORD_ID + 1
 
 
 def read_descriptors(header: laspy.LasHeader, path: Path) -> dict[int, WaveformDescriptor]:
@@ -60,11 +71,9 @@ def read_descriptors(header: laspy.LasHeader, path: Path) -> dict[int, WaveformD
     """
     descriptors: dict[int, WaveformDescriptor] = {}
     for record in [*header.vlrs, *(header.evlrs or [])]:
-        if record.user_id != "LASF_Spec":
+        if not is_descriptor(record):
             continue
-        if not _FIRST_RECORD_ID <= record.record_id <= _LAST_RECORD_ID:
-            continue
-        index = record.record_id - _FIRST_RECORD_ID + 1
+        index = descriptor_index(record)
         data = record.record_data_bytes()
         if len(data) < _DESCRIPTOR.size:
             raise WaveformFileError(
