@@ -6,7 +6,6 @@ from dataclasses import dataclass
 from typing import TYPE_CHECKING
 
 import numpy as np
-from numpy.polynomial import Polynomial
 
 from fullwaveform.data.arrays import FloatArray
 
@@ -84,6 +83,8 @@ class Curve:
         By a polynomial of degree 4 over the upper part of the curve: noise moves the maximum of the
         spline itself by more than it moves echoes that are fitted with it.
         """
+        from numpy.polynomial import Polynomial  # on demand, as above
+
         reach = _SUMMIT_SHARE * self.fwhm()
         lag = np.linspace(-reach, reach, _SUMMIT_VALUES)
         polynomial = Polynomial.fit(lag, self(lag), 4)

@@ -18,6 +18,7 @@ from fullwaveform.calibration.waveform_levels import (
 from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.data.arrays import BoolArray, FloatArray, UInt16Array
 from fullwaveform.data.blocks import WaveformBlock
+from fullwaveform.data.summaries import distinct, median
 
 _THRESHOLD_FACTOR = 5.0  # noise rms above the baseline
 #: Counts, of values that are rounded to counts.
@@ -92,13 +93,16 @@ def samples_by_receiver(
     waiting: dict[tuple[int, int, int], list[UInt16Array]] = {}
     size = 0
     for block in blocks:
-        receivers = np.column_stack([block.channel_flags, block.descriptors, block.counts])
-        for key in np.unique(receivers, axis=0).tolist():
-            count = key[2]
+        # One number for each combination, because rows are compared slowly.
+        receivers = block.channel_flags.astype(np.int64) << 8 | block.descriptors
+        receivers = receivers << 16 | block.counts
+        for number in distinct(receivers):
+            flag, descriptor, count = number >> 24, number >> 16 & 0xFF, number & 0xFFFF
             if count >= MIN_SAMPLES:
-                rows = (receivers == key).all(axis=1)
-                waiting.setdefault(tuple(key), []).append(block.samples[rows, :count])
-                size += int(np.count_nonzero(rows)) * count
+                rows = receivers == number
+                samples = block.samples[rows, :count]
+                waiting.setdefault((flag, descriptor, count), []).append(samples)
+                size += samples.size
         if size >= _SAMPLES_AT_ONCE:
             yield from _joined(waiting)
             waiting, size = {}, 0
@@ -123,8 +127,8 @@ def _channel_levels(
     usual = _of_noise(squares, weight)
     # Exact sums, so that the order of the waveforms does not matter.
     total = math.fsum(weight[usual])
-    baseline = float(np.median(baselines))
-    distance = float(np.median(np.abs(baselines - baseline)))
+    baseline = float(median(baselines))
+    distance = float(median(np.abs(baselines - baseline)))
     return ChannelLevels(
         channel_flag=flag,
         descriptor=descriptor,
@@ -145,5 +149,5 @@ def _of_noise(squares: FloatArray, weight: FloatArray) -> BoolArray:
         return measured
     ratio = np.full(len(weight), np.inf)
     ratio[measured] = squares[measured] / weight[measured]
-    middle = float(np.median(ratio[measured]))
+    middle = float(median(ratio[measured]))
     return ratio <= _MAX_RATIO * max(middle, QUANTISATION_RMS**2)

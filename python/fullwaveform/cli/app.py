@@ -2,16 +2,18 @@
 
 from __future__ import annotations
 
+import gc
 import sys
-from collections.abc import Callable
-from difflib import get_close_matches
+from collections.abc import Callable, Mapping
 from importlib import import_module
+from types import MappingProxyType
 from typing import Any, NamedTuple
 
 import typer
 from typer.core import TyperCommand, TyperGroup
 
 from fullwaveform import __version__
+from fullwaveform.cli.values import Parser, parsers_of, use_parsers
 
 
 class Command(NamedTuple):
@@ -27,7 +29,11 @@ class Command(NamedTuple):
     def load(self) -> Any:
         """The function."""
         _load_laspy()
-        return getattr(import_module(f"fullwaveform.cli.{self.module}"), self.function)
+        function = getattr(import_module(f"fullwaveform.cli.{self.module}"), self.function)
+        if not gc.isenabled():
+            gc.freeze()  # so that no collection visits what was loaded
+            gc.enable()
+        return function
 
 
 COMMANDS = {
@@ -93,18 +99,25 @@ _SETTINGS: dict[str, Any] = {
 }
 # Of every command: width of its help in columns, and the options that show it.
 _CONTEXT: dict[str, Any] = {"max_content_width": 100, "help_option_names": ["-h", "--help"]}
+# Libraries that laspy loads if they are installed: for reference systems, which few commands need,
+# and for point clouds on web servers, which none reads with laspy.
+_LEFT_OUT_OF_LASPY = ("pyproj", "requests")
 # Former options of extract.
 _CLUSTER_OPTIONS = ("--cluster", "--resume", "--unit-blocks", "--part-format")
 
 
 def _load_laspy() -> None:
-    """Load laspy, which every command needs, without pyproj, of which few make use."""
-    if "laspy" not in sys.modules and "pyproj" not in sys.modules:
-        sys.modules["pyproj"] = None  # type: ignore[assignment]  # as if it were not installed
-        try:
-            import_module("laspy")
-        finally:
-            del sys.modules["pyproj"]
+    """Load laspy, which every command needs, without libraries of which few or none make use."""
+    if "laspy" in sys.modules:
+        return
+    left_out = [name for name in _LEFT_OUT_OF_LASPY if name not in sys.modules]
+    for name in left_out:
+        sys.modules[name] = None  # type: ignore[assignment]  # as if it were not installed
+    try:
+        import_module("laspy")
+    finally:
+        for name in left_out:
+            del sys.modules[name]
 
 
 def _option_name(command: str) -> Callable[[str], str]:
@@ -113,7 +126,18 @@ def _option_name(command: str) -> Callable[[str], str]:
     return lambda option: noise if option == "noise" else option
 
 
-class _ExtractCommand(TyperCommand):
+class _Command(TyperCommand):
+    """A command whose parameters convert their values with their own parsers."""
+
+    parsers: Mapping[str, Parser] = MappingProxyType({})
+
+    def get_params(self, ctx: Any) -> Any:
+        parameters = super().get_params(ctx)
+        use_parsers(parameters, self.parsers)
+        return parameters
+
+
+class _ExtractCommand(_Command):
     """Explains the options that are now those of the command cluster."""
 
     def parse_args(self, ctx: Any, args: list[str]) -> list[str]:
@@ -132,6 +156,11 @@ class _ExtractCommand(TyperCommand):
 class _Commands(TyperGroup):
     """The commands in the order of `COMMANDS`."""
 
+    def get_params(self, ctx: Any) -> Any:
+        parameters = super().get_params(ctx)
+        use_parsers(parameters, {})
+        return parameters
+
     def list_commands(self, ctx: Any) -> list[str]:
         return list(COMMANDS)
 
@@ -144,22 +173,30 @@ class _Commands(TyperGroup):
     def resolve_command(self, ctx: Any, args: list[str]) -> Any:
         """The command that the first argument names; suggests others for a mistyped one."""
         typed = args[0]
-        similar = [] if typed in COMMANDS else get_close_matches(typed, COMMANDS, cutoff=0.7)
-        if similar and not ctx.resilient_parsing:
+        if typed not in COMMANDS and not ctx.resilient_parsing and (similar := _similar(typed)):
             ctx.fail(f"No such command {typed!r}. Did you mean {' or '.join(similar)}?")
         name, summary, rest = super().resolve_command(ctx, args)
         return name, None if summary is None else _loaded(typed), rest
 
 
+def _similar(name: str) -> list[str]:
+    """Commands for which the name may have been meant."""
+    from difflib import get_close_matches
+
+    return get_close_matches(name, COMMANDS, cutoff=0.7)
+
+
 def _loaded(name: str) -> Any:
     """The command with its options."""
+    function = COMMANDS[name].load()
     single = typer.Typer(add_completion=False, **_SETTINGS)
     single.command(
         name,
-        cls=_ExtractCommand if name == "extract" else TyperCommand,
+        cls=_ExtractCommand if name == "extract" else _Command,
         context_settings={"token_normalize_func": _option_name(name), **_CONTEXT},
-    )(COMMANDS[name].load())
+    )(function)
     command: Any = typer.main.get_command(single)
+    command.parsers = parsers_of(function)
     for parameter in command.params:
         # Arguments and flags need no type after their names, such as <path> or <bool>.
         if parameter.param_type_name == "argument" or parameter.is_flag:

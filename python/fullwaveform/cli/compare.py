@@ -10,7 +10,6 @@ from pathlib import Path
 from typing import Annotated, Any
 
 import typer
-from rich.console import Console
 
 from fullwaveform.analysis.comparison import (
     CompareSettings,
@@ -127,7 +126,7 @@ def compare(
             return
         results = [path for path in (details, plot) if path is not None]
         title = f"Echoes matched within {tolerance:g} m of range"
-        print_table(Console(), title, _rows(comparison), _notes(comparison), results)
+        print_table(title, _rows(comparison), _notes(comparison), results)
 
 
 def _names(comparison: Comparison) -> tuple[str, str]:

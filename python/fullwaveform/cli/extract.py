@@ -9,7 +9,6 @@ from pathlib import Path
 from typing import Annotated
 
 import typer
-from rich.console import Console
 
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_file import FileRun
@@ -119,7 +118,7 @@ def extract(
         report_errors(),
     ):
         with (
-            progress_bar(Console(stderr=True), quiet) as progress,
+            progress_bar(quiet) as progress,
             counted_messages(print_line if verbose else None) as messages,
         ):
             threads = workers or max(1, available_workers() // min(jobs, len(sources)))
@@ -134,7 +133,7 @@ def extract(
         if as_json:
             typer.echo(json.dumps(summary.as_dict(), indent=2))
         elif not quiet:
-            summary.show(Console())
+            summary.show()
 
 
 def _in_folder(

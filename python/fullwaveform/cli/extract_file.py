@@ -9,10 +9,11 @@ from contextlib import closing
 from dataclasses import dataclass, field, replace
 from functools import partial
 from pathlib import Path
+from typing import TYPE_CHECKING
 
 from fullwaveform.calibration.calibration import measure
 from fullwaveform.cli.extract_options import ExtractOptions
-from fullwaveform.cli.progress import FollowingProgress, followed_blocks
+from fullwaveform.cli.progress import followed_blocks
 from fullwaveform.cli.summary import RunSummary
 from fullwaveform.core.driver import RunMonitor
 from fullwaveform.data.counting import counted
@@ -24,6 +25,9 @@ from fullwaveform.io.base import EchoWriter
 from fullwaveform.io.echo_writers.opening import open_echo_file
 from fullwaveform.io.remote import is_remote
 
+if TYPE_CHECKING:
+    from fullwaveform.cli.progress import RunProgress
+
 
 @dataclass(frozen=True)
 class FileRun:
@@ -32,7 +36,7 @@ class FileRun:
     options: ExtractOptions
     workers: int  # threads of each file
     overwrite: bool
-    progress: FollowingProgress
+    progress: RunProgress
     quiet: bool
     # Called with input and text for each waveform that is skipped or without echoes.
     on_waveform: Callable[[Path, str], None] | None

@@ -9,7 +9,6 @@ from pathlib import Path
 from typing import Any
 
 import typer
-from rich.console import Console
 
 from fullwaveform.analysis.inspection import Receiver
 from fullwaveform.analysis.origin import FileOrigin, PointFile
@@ -78,7 +77,7 @@ def show_point_file(source: Path, points: PointFile, *, as_json: bool) -> None:
         return
     rows: list[Row] = [("points", f"{points.points:,}", "")]
     rows += [(name, "", text) for name, text in origin_rows(points.origin)]
-    print_table(Console(), f"{source.name}: {points.format}", rows, [], [])
+    print_table(f"{source.name}: {points.format}", rows, [], [])
 
 
 def _described(receiver: Receiver) -> str:

@@ -5,8 +5,6 @@ from __future__ import annotations
 from collections.abc import Sequence
 from pathlib import Path
 
-from rich.console import Console
-
 from fullwaveform.cli.extract_options import more_echoes
 from fullwaveform.cli.job_planning import name_of
 from fullwaveform.cli.progress import print_line
@@ -83,7 +81,7 @@ def show_summary(
         statistics=warning_path(folder, sources[0] if len(sources) == 1 else Path("*")),
         seconds=total.seconds,
         of_units=True,
-    ).show(Console())
+    ).show()
 
 
 def _phase_notes(manifest: Manifest) -> list[str]:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import gc
 import os
 import sys
 
@@ -21,6 +22,8 @@ def main() -> None:
     exit_on_signals()
     for variable in _THREADS_OF_LINEAR_ALGEBRA:
         os.environ.setdefault(variable, "1")
+    # Nothing that is loaded becomes garbage; enabled again when the command is loaded.
+    gc.disable()
     from fullwaveform.cli.app import app
 
     code: str | int | None = None

@@ -2,42 +2,27 @@
 
 from __future__ import annotations
 
-import sys
 import time
-from collections.abc import Callable, Iterable, Iterator
+from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from functools import partial
-from typing import Any
+from typing import TYPE_CHECKING, Any, Self, TypeAlias
 
 import typer
-from rich.console import Console, RenderableType
-from rich.progress import (
-    BarColumn,
-    Progress,
-    ProgressColumn,
-    Task,
-    TaskID,
-    TaskProgressColumn,
-    TextColumn,
-    TimeRemainingColumn,
-)
-from rich.table import Column
-from rich.text import Text
 
 from fullwaveform.core.driver import RunMonitor
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.io.base import WaveformReader
 
+if TYPE_CHECKING:
+    from rich.progress import Progress
+
+    from fullwaveform.cli.progress_bars import FollowingProgress
+
+    RunProgress: TypeAlias = "FollowingProgress | NoProgress"
+
 _MAX_NAME = 20  # characters
 _LINE_PAUSE_S = 30.0
-
-
-class _RateColumn(ProgressColumn):
-    """Points per second."""
-
-    def render(self, task: Task) -> Text:
-        speed = task.finished_speed or task.speed
-        return Text("" if speed is None else f"{speed:,.0f} points/s")
 
 
 def print_line(text: str) -> None:
@@ -45,35 +30,33 @@ def print_line(text: str) -> None:
     typer.echo(text, err=True)
 
 
-class FollowingProgress(Progress):
-    """Progress bars that ask for the points done whenever they are drawn."""
+class NoProgress:
+    """In place of progress bars where none are shown."""
 
-    def __init__(self, *columns: ProgressColumn, **options: Any) -> None:
-        self._points_done: dict[TaskID, Callable[[], float]] = {}
-        super().__init__(*columns, **options)
+    disable = True
 
-    def follow(self, task: TaskID, points_done: Callable[[], float]) -> None:
-        """Ask this from now on; a last time when it is replaced."""
-        self._points_done[task] = points_done
+    def __enter__(self) -> Self:
+        return self
 
-    def get_renderables(self) -> Iterable[RenderableType]:
-        """What is drawn, several times per second."""
-        for task, points_done in list(self._points_done.items()):
-            self.update(task, completed=points_done())
-        return super().get_renderables()
+    def __exit__(self, *error: object) -> None:
+        pass
 
-    def stop_task(self, task_id: TaskID) -> None:
-        """Stop the clock of a task at the points done."""
-        if (points_done := self._points_done.pop(task_id, None)) is not None:
-            self.update(task_id, completed=points_done())
-        super().stop_task(task_id)
+    def add_task(self, name: str, total: float) -> int:
+        """A number that identifies nothing."""
+        return 0
+
+    def follow(self, task: int, points_done: Callable[[], float]) -> None:
+        """Asks nothing."""
+
+    def stop_task(self, task: int) -> None:
+        """Has no clock to stop."""
 
 
 @contextmanager
 def blocks_with_progress(reader: WaveformReader, quiet: bool) -> Iterator[Iterator[WaveformBlock]]:
     """Yield the reader's blocks, with a progress bar if standard error is a terminal."""
     with (
-        progress_bar(Console(stderr=True), quiet) as progress,
+        progress_bar(quiet) as progress,
         followed_blocks(reader, progress, quiet) as blocks,
     ):
         yield blocks
@@ -82,7 +65,7 @@ def blocks_with_progress(reader: WaveformReader, quiet: bool) -> Iterator[Iterat
 @contextmanager
 def followed_blocks(
     reader: WaveformReader,
-    progress: FollowingProgress,
+    progress: RunProgress,
     quiet: bool,
     monitor: RunMonitor | None = None,
 ) -> Iterator[Iterator[WaveformBlock]]:
@@ -91,7 +74,7 @@ def followed_blocks(
     `monitor` counts the waveforms that are extracted from them; without it, points are done when
     they are read.
     """
-    task = progress.add_task(shortened(reader.path.name), total=reader.point_count)
+    task: Any = progress.add_task(shortened(reader.path.name), total=reader.point_count)
     lines = ProgressLines(progress, quiet)
     points_done = partial(extracted_points, reader, monitor) if monitor else partial(_read, reader)
     progress.follow(task, points_done)
@@ -111,7 +94,7 @@ def followed_blocks(
 class ProgressLines:
     """Prints progress every half minute where the bar is not shown: without a terminal."""
 
-    def __init__(self, progress: Progress, quiet: bool) -> None:
+    def __init__(self, progress: Progress | NoProgress, quiet: bool) -> None:
         self._is_silent = quiet or not progress.disable
         self._next = time.monotonic() + _LINE_PAUSE_S
 
@@ -132,20 +115,18 @@ def extracted_points(reader: WaveformReader, monitor: RunMonitor) -> float:
     return reader.points_done * min(extracted / read, 1.0) if read else 0.0
 
 
-def progress_bar(console: Console, quiet: bool) -> FollowingProgress:
-    """A bar with points done, points per second and time left; fits 80 columns."""
-    fixed = Column(no_wrap=True)  # only the bar itself shrinks
-    return FollowingProgress(
-        TextColumn("{task.description}"),
-        BarColumn(),
-        TaskProgressColumn(),
-        TextColumn("{task.completed:,.0f} points"),
-        _RateColumn(table_column=fixed),
-        TimeRemainingColumn(table_column=fixed),
-        console=console,
-        disable=quiet or not console.is_terminal,
-        redirect_stdout=sys.stdout.isatty(),
-    )
+def progress_bar(quiet: bool) -> RunProgress:
+    """A bar for each file if standard error is a terminal; its library is loaded only then."""
+    if quiet:
+        return NoProgress()
+    from rich.console import Console
+
+    console = Console(stderr=True)
+    if not console.is_terminal:
+        return NoProgress()
+    from fullwaveform.cli.progress_bars import file_bars
+
+    return file_bars(console)
 
 
 def shortened(name: str) -> str:

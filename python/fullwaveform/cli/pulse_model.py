@@ -10,7 +10,6 @@ from typing import Annotated, Any
 
 import numpy as np
 import typer
-from rich.console import Console
 
 from fullwaveform.calibration.levels import measure_levels
 from fullwaveform.calibration.pulse_model import MeasuredPulse, measure_pulse_models
@@ -103,7 +102,7 @@ def pulse_model(
     elif not quiet:
         rows = [row for each in measured for row in _rows(each)]
         results = [output] if plot is None else [output, plot]
-        print_table(Console(), f"{source.name}: pulse model", rows, [], results)
+        print_table(f"{source.name}: pulse model", rows, [], results)
 
 
 def _rows(measured: MeasuredPulse) -> list[Row]:

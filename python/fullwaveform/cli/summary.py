@@ -8,9 +8,6 @@ from dataclasses import asdict, dataclass, replace
 from pathlib import Path
 from typing import Any
 
-from rich.console import Console
-from rich.table import Table
-
 from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.calibration.levels import ChannelLevels
 from fullwaveform.core.driver import Mode
@@ -94,10 +91,10 @@ class RunSummary:
             for entry in self.settings.calibration.pulse_models
         ]
 
-    def show(self, console: Console) -> None:
+    def show(self) -> None:
         """Print the summary as a table, with notes below."""
         title = f"{self.name}: {self.settings.mode.title}"
-        print_table(console, title, self._rows(), self._notes(), [self.destination])
+        print_table(title, self._rows(), self._notes(), [self.destination])
 
     def _rows(self) -> list[Row]:
         read, found = self.read, self.extracted
@@ -231,10 +228,13 @@ def receiver_name(level: ChannelLevels, levels: Sequence[ChannelLevels]) -> str:
     return f"{channel} channel, descriptor {level.descriptor}"
 
 
-def print_table(
-    console: Console, title: str, rows: list[Row], notes: list[str], results: list[Path]
-) -> None:
+def print_table(title: str, rows: list[Row], notes: list[str], results: list[Path]) -> None:
     """Print rows as a table, then a line for each note and each file written."""
+    # Loaded here, because a quiet run prints no table.
+    from rich.console import Console
+    from rich.table import Table
+
+    console = Console()
     table = Table(title=title, show_header=False)
     table.add_column(style="bold", no_wrap=True)
     table.add_column(justify="right", no_wrap=True)

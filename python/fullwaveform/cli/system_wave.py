@@ -8,7 +8,6 @@ from pathlib import Path
 from typing import Annotated, Any
 
 import typer
-from rich.console import Console
 
 from fullwaveform.calibration.averaging import AveragePulse
 from fullwaveform.cli.errors import report_errors
@@ -131,7 +130,7 @@ def system_wave(
     elif not quiet:
         results = [output] if plot is None else [output, plot]
         rows = [*_pulse_rows(wave), *_fit_rows(wave), *_offset_rows(offset)]
-        print_table(Console(), f"{source_file.name}: system wave", rows, _notes(wave), results)
+        print_table(f"{source_file.name}: system wave", rows, _notes(wave), results)
 
 
 def _refuse_unused_options(pulses: Input) -> None:

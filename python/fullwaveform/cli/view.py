@@ -10,7 +10,6 @@ from pathlib import Path
 from typing import TYPE_CHECKING, Annotated, Any
 
 import typer
-from rich.console import Console
 
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_file import FileRun
@@ -136,7 +135,7 @@ def _extracted(source: Path, options: ExtractOptions) -> Path:
     path: Path = name.with_name(f"{name.name}.parquet")
     if path.is_file():
         return path
-    with progress_bar(Console(stderr=True), False) as progress:
+    with progress_bar(False) as progress:
         run = FileRun(options, available_workers(), True, progress, False, None)
         summary = run.extract([source], path)
     cache.remove_former(path)

@@ -25,6 +25,7 @@ from fullwaveform.core.signal import NO_SIGNAL_THRESHOLD, estimated_threshold
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.echo_columns import EchoTable
+from fullwaveform.data.summaries import distinct
 from fullwaveform.extraction.carry import half_width_of_system_wave
 from fullwaveform.extraction.prepare import (
     ESTIMATE,
@@ -197,7 +198,7 @@ class Extractor:
             find = self._fitted_echoes
         parts, records, left_out = [], [], 0
         half_width = np.zeros(len(block))
-        for interval in np.unique(block.sampling_intervals).tolist():
+        for interval in distinct(block.sampling_intervals):
             rows = np.flatnonzero(block.sampling_intervals == interval)
             part = find(prepared, rows, waveforms)
             parts.append((part.rows, part.peaks))

@@ -83,9 +83,10 @@ def refined_peaks(
 
 def with_own_baselines(block: WaveformBlock, baseline: FloatArray, rows: IntArray) -> FloatArray:
     """The baselines (n,) in counts; of the given rows, NaN becomes the waveform's own baseline."""
-    unknown = np.unique(rows[np.isnan(baseline[rows])])
-    if len(unknown) == 0:
+    missing = rows[np.isnan(baseline[rows])]
+    if len(missing) == 0:
         return baseline
+    unknown = np.unique(missing)
     filled = baseline.copy()
     for count in np.unique(block.counts[unknown]).tolist():
         alike = unknown[block.counts[unknown] == count]

@@ -75,11 +75,22 @@ def worked_behind(work: Callable[[_Item], object]) -> Iterator[Callable[[_Item],
     """
     pool = ThreadPoolExecutor(1, thread_name_prefix="writing")
     behind: deque[Future[object]] = deque()
+    has_failed = False
+
+    def work_unless_failed(item: _Item) -> None:
+        nonlocal has_failed
+        if has_failed:  # the next item may begin before its future can be cancelled
+            return
+        try:
+            work(item)
+        except BaseException:
+            has_failed = True
+            raise
 
     def hand_over(item: _Item) -> None:
         while behind and (len(behind) == _MAX_BEHIND or behind[0].done()):
             behind.popleft().result()
-        behind.append(pool.submit(work, item))
+        behind.append(pool.submit(work_unless_failed, item))
 
     try:
         yield hand_over

@@ -12,6 +12,7 @@ from fullwaveform.core.constants import DECOMPOSED_TYPES, EchoType
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.core.uncertainty import MAX_NOISE_LAG, FittedRows, Uncertainties
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
+from fullwaveform.data.summaries import distinct
 from fullwaveform.extraction.prepare import Preparation, PreparedBlock, by_receiver
 
 _FITTED_SIGMAS = 3.0  # of the library, on either side of a decomposed echo
@@ -90,8 +91,9 @@ def fitted_rows(
             limit[chosen] = level.digitiser_limit
         if not preparation.removes_baseline(level):
             baseline_deviation[chosen] = level.baseline_spread
-    own = np.unique(rows[np.isnan(covariance[rows, 0])])
-    for count in np.unique(block.counts[own]).tolist():
+    missing = rows[np.isnan(covariance[rows, 0])]
+    own = np.unique(missing) if len(missing) > 0 else missing
+    for count in distinct(block.counts[own]):
         if count >= MIN_SAMPLES:
             alike = own[block.counts[own] == count]
             levels = waveform_levels(block.samples[alike, :count] / scale[alike, np.newaxis])

@@ -5,13 +5,11 @@ from __future__ import annotations
 import errno
 import io
 import os
-import secrets
 import stat
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
-from tempfile import gettempdir, mkstemp
 from typing import Any
 
 from fullwaveform.io.companions import with_companions
@@ -255,6 +253,8 @@ class OutputFile(io.FileIO):
 def _uploaded_path(final: RemotePath, *, replace: bool) -> Iterator[Path]:
     """A temporary file of this machine that is stored under the URL, see `atomic_path`."""
     final.check_writable()
+    from tempfile import mkstemp  # loaded where it is needed: it takes longer than a small file
+
     descriptor, name = mkstemp(prefix="fullwaveform-", suffix=final.suffix)
     os.close(descriptor)
     temporary = Path(name)
@@ -275,6 +275,8 @@ def _uploaded_path(final: RemotePath, *, replace: bool) -> Iterator[Path]:
 
 
 def _output_error(cause: OSError, final: Path) -> OutputError:
+    from tempfile import gettempdir
+
     # Libraries add their own text to the message of the system.
     why = cause.strerror if cause.errno is None else os.strerror(cause.errno)
     where = f" in the folder {gettempdir()}, where it is prepared" if is_remote(final) else ""
@@ -328,7 +330,7 @@ def _create_new(path: Path) -> None:
 
 
 def _create_temporary(final: Path) -> Path:
-    temporary = final.with_name(f".{final.name}.{secrets.token_hex(4)}.part")
+    temporary = final.with_name(f".{final.name}.{os.urandom(4).hex()}.part")
     try:
         _create_new(temporary)
     except FileNotFoundError as error:

@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import errno
 import os
-import secrets
 import shutil
 from collections.abc import Iterator
 from contextlib import contextmanager
@@ -66,7 +65,7 @@ def atomic_folder(path: Path, kind: FileKind, *, overwrite: bool = False) -> Ite
         that name a file of the folder or no file name `path` instead.
     """
     check_folder(path, kind, overwrite)
-    temporary = path.with_name(f".{path.name}.{secrets.token_hex(4)}.part")
+    temporary = path.with_name(f".{path.name}.{os.urandom(4).hex()}.part")
     try:
         temporary.mkdir()
     except OSError as error:
@@ -97,7 +96,7 @@ def _move(temporary: Path, path: Path, kind: FileKind, overwrite: bool) -> None:
         temporary.rename(path)
         return
     check_folder(path, kind, overwrite)
-    former = path.with_name(f".{path.name}.{secrets.token_hex(4)}.former")
+    former = path.with_name(f".{path.name}.{os.urandom(4).hex()}.former")
     path.rename(former)
     try:
         temporary.rename(path)

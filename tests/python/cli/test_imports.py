@@ -13,6 +13,14 @@ from fullwaveform.cli.app import COMMANDS
 
 from ..support.command_line import run
 
+# Without these, half of the time of a short run is spent on the modules of NumPy and laspy.
+NOT_FOR_EXTRACTION = (
+    "pydantic",  # validation of the option parser
+    "requests",  # optional library of laspy
+    "rich",  # tables and progress bars
+    "secrets",
+    "tempfile",
+)
 HEAVY = ("dask", "h5py", "matplotlib", "pandas", "pyarrow", "pyproj", "rasterio", "scipy", "zarr")
 
 
@@ -56,6 +64,13 @@ def test_extraction_of_las_loads_neither_plots_nor_tables_nor_statistics(
     assert packages(modules).isdisjoint(HEAVY)
     assert "numpy" in modules
     assert "fullwaveform.io.pulsewaves.reader" not in modules
+
+
+def test_quiet_extraction_of_las_loads_few_modules(scan: Path, tmp_path: Path) -> None:
+    modules = loaded("extract", scan, "-o", tmp_path / "echoes.las", "-q", "--workers", "1")
+    assert packages(modules).isdisjoint(NOT_FOR_EXTRACTION)
+    assert modules.isdisjoint({"numpy.ma", "numpy.polynomial"})
+    assert len(modules) < 500
 
 
 def test_contents_of_las_load_no_tables(scan: Path) -> None:

@@ -6,7 +6,8 @@ import io
 
 from rich.console import Console
 
-from fullwaveform.cli.progress import progress_bar, shortened
+from fullwaveform.cli.progress import shortened
+from fullwaveform.cli.progress_bars import file_bars
 
 NAME = "flight_line_2026-11-21_north_strip_17.pls"
 
@@ -14,7 +15,7 @@ NAME = "flight_line_2026-11-21_north_strip_17.pls"
 def last_line(total: float, done: float, seconds: float) -> str:
     """The bar of a long name on 80 columns, `seconds` after the start."""
     console = Console(file=io.StringIO(), force_terminal=True, width=80, color_system=None)
-    progress = progress_bar(console, quiet=False)
+    progress = file_bars(console)
     now = 0.0
     progress.get_time = lambda: now
     task = progress.add_task(shortened(NAME), total=total)

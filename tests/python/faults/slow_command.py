@@ -46,7 +46,7 @@ def slow_summary() -> None:
     """Minutes pass before the summary is printed; a line of standard error tells when."""
     from fullwaveform.cli.summary import RunSummary
 
-    def slowly(self: RunSummary, console: Any) -> None:
+    def slowly(self: RunSummary) -> None:
         print(SUMMARY_BEGINS, file=sys.stderr, flush=True)
         time.sleep(LONG)
 

@@ -15,6 +15,7 @@ from fullwaveform.data.arrays import FloatArray
 from fullwaveform.data.counting import counted
 from fullwaveform.data.echo_columns import EXTRA_BYTES, EchoTable, las_dimensions
 from fullwaveform.data.empty_waveforms import without_empty_waveforms
+from fullwaveform.data.summaries import median
 from fullwaveform.io.atomic import FileKind, OutputFile
 from fullwaveform.io.base import EchoWriter
 from fullwaveform.io.echo_writers.las_header import (
@@ -198,7 +199,7 @@ def _offsets_near(xyz: FloatArray) -> FloatArray:
     finite = xyz[np.isfinite(xyz).all(axis=1)]
     if len(finite) == 0:
         return np.zeros(3)
-    middle: FloatArray = np.floor(np.median(finite, axis=0) / 1000.0) * 1000.0
+    middle: FloatArray = np.floor(median(finite) / 1000.0) * 1000.0
     return middle
 
 

@@ -6,7 +6,6 @@ import struct
 from collections.abc import Iterable, Iterator, Sequence
 from contextlib import ExitStack
 from pathlib import Path
-from tempfile import NamedTemporaryFile
 
 import laspy
 import numpy as np
@@ -233,6 +232,8 @@ class PointFile:
         with ExitStack() as opened:
             copy, data = None, self._bytes
             if data is None:  # single points can be read from an uncompressed copy only
+                from tempfile import NamedTemporaryFile
+
                 copy = opened.enter_context(NamedTemporaryFile(prefix="fullwaveform-"))
             for points in self.in_file_order(SURVEY_CHUNK):
                 times.append(points["gps_time"].copy())

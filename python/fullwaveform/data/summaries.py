@@ -1,0 +1,27 @@
+"""Medians and distinct values of columns.
+
+`numpy.median` and `numpy.unique` load masked arrays, which takes longer than a small file takes.
+"""
+
+from __future__ import annotations
+
+from typing import Any
+
+import numpy as np
+
+from fullwaveform.data.arrays import AnyArray, FloatArray
+
+
+def median(values: FloatArray) -> FloatArray:
+    """Median along the first axis, of at least one value; without NaN."""
+    ordered, count = np.sort(values, axis=0), len(values)
+    middle: FloatArray = (ordered[(count - 1) // 2] + ordered[count // 2]) / 2.0
+    return middle
+
+
+def distinct(values: AnyArray) -> list[Any]:
+    """The different values of a column, ascending."""
+    if len(values) > 0 and (values == values[0]).all():  # as in most blocks
+        return [values[0].item()]
+    found: list[Any] = np.unique(values, return_counts=True)[0].tolist()
+    return found
