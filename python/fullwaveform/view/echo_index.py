@@ -274,7 +274,7 @@ class _Builder:
         writer.add("position_of_index", tree.order.astype("<u4", copy=False))
 
     def _write_waveforms(self, writer: SectionWriter, index: AnyArray) -> None:
-        """Echoes, chi square and first echo of each waveform."""
+        """Echoes, largest chi square and first echo of each waveform."""
         total = len(self._waveforms)
         numbers = self._column("waveform", "<u4")
         counts = occurrences(numbers, total)
@@ -287,10 +287,10 @@ class _Builder:
         for start in reversed(range(0, len(numbers), _CHUNK)):
             part = slice(start, start + _CHUNK)
             known = numbers[part] != UNKNOWN
-            of_known = numbers[part][known][::-1]
-            first_echo[of_known] = index[part][known][::-1]
+            of_known = numbers[part][known]
+            first_echo[of_known[::-1]] = index[part][known][::-1]
             if len(chi_square):
-                chi[of_known] = chi_square[part][known][::-1]
+                np.fmax.at(chi, of_known, chi_square[part][known])
         writer.add("waveform_chi_square", chi)
         writer.add("first_echo", first_echo)
 

@@ -77,6 +77,19 @@ def test_moves_between_waveforms(index: EchoIndex) -> None:
     assert index.next_waveform(2, -1, "chi_square", lambda chi: chi > 2.0) is None
 
 
+def test_waveform_has_the_largest_chi_square_of_its_echoes(
+    waveforms: WaveformDirectory, tmp_path: Path
+) -> None:
+    path = tmp_path / "echoes.csv"
+    lines = ["1,2,3,1,0.5", "1,2,3,1,4.5", "1,2,3,1,nan", "1,2,3,2,nan"]
+    text = "\n".join(["x,y,z,waveform_number,reduced_chi_square", *lines])
+    path.write_text(text, encoding="ascii")
+    echoes = EchoIndex.of(path, waveforms)
+    assert echoes.next_waveform(0, 1, "chi_square", lambda chi: chi > 4.4) == 1
+    assert echoes.next_waveform(1, 1, "chi_square", lambda chi: chi > 0.0) is None
+    echoes.close()
+
+
 def test_first_echo_of_a_waveform(index: EchoIndex) -> None:
     first = index.echo_of_waveform(2)
     assert first is not None
