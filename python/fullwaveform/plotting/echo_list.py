@@ -9,10 +9,9 @@ from dataclasses import dataclass
 from matplotlib.axes import Axes
 
 from fullwaveform.analysis.waveform_views import MethodView, WaveformView
+from fullwaveform.plotting.colours import METHOD_COLOURS
 from fullwaveform.plotting.style import GREY, INK, SMALL_TEXT_SIZE, TEXT_SIZE
 
-#: Colours by mode, distinguishable with colour vision deficiencies (Okabe and Ito 2008).
-METHOD_COLOURS = ("#0072b2", "#d55e00", "#009e73", "#aa4499", "#56b4e9")
 #: Lines of text per inch of height.
 LINES_PER_INCH = 22.0 / 3.6
 _LINES_OF_TITLE = 1.5

@@ -14,7 +14,8 @@ from matplotlib.ticker import MaxNLocator
 
 from fullwaveform.analysis.waveform_views import GAUSSIAN_REACH, MethodView, WaveformView
 from fullwaveform.data.arrays import FloatArray
-from fullwaveform.plotting.echo_list import LINES_PER_INCH, METHOD_COLOURS, list_echoes
+from fullwaveform.plotting.colours import METHOD_COLOURS
+from fullwaveform.plotting.echo_list import LINES_PER_INCH, list_echoes
 from fullwaveform.plotting.style import (
     DASHED,
     FAINT,

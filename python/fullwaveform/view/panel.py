@@ -7,6 +7,7 @@ import os
 import shlex
 from collections.abc import Sequence
 from dataclasses import dataclass, field
+from importlib import import_module
 from pathlib import Path
 from tempfile import TemporaryDirectory
 from typing import Any
@@ -22,8 +23,7 @@ from fullwaveform.data.arrays import FloatArray
 from fullwaveform.data.blocks import OutgoingPulses
 from fullwaveform.extraction.extractor import ExtractionSettings
 from fullwaveform.io.base import WaveformReader
-from fullwaveform.plotting.echo_list import METHOD_COLOURS
-from fullwaveform.plotting.waveform import draw_waveforms
+from fullwaveform.plotting.colours import METHOD_COLOURS
 from fullwaveform.view.directory import WaveformDirectory
 
 
@@ -77,10 +77,13 @@ class WaveformPanel:
             "shot": self.waveforms.shot_number(number),
             "waveforms": [_waveform_data(view) for view in views],
             "outgoing": _outgoing_data(shot.block.outgoing),
+            "command": self.plot_command(number, settings, "svg"),
         }
 
     def picture(self, number: int, settings: PanelSettings, kind: str) -> bytes:
         """The picture of the command `plot_command` as "png", "pdf" or "svg"."""
+        # Imported on demand: the viewer starts sooner without the library that draws pictures.
+        draw_waveforms = import_module("fullwaveform.plotting.waveform").draw_waveforms
         views = self.views(number, settings)
         with TemporaryDirectory(prefix="fullwaveform-") as folder:
             path = Path(folder) / f"waveform.{kind}"

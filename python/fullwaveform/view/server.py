@@ -136,7 +136,6 @@ def application(session: ViewSession) -> Starlette:
         routes=[
             Route("/", asset),
             Route("/session", requests.session),
-            Route(f"{layer}/nodes", requests.nodes),
             Route(f"{layer}/points", requests.points),
             Route(f"{layer}/echoes/{{index:int}}", requests.echo),
             Route(f"{layer}/next/{{kind}}", requests.next),
@@ -144,7 +143,6 @@ def application(session: ViewSession) -> Starlette:
             Route(f"{layer}/selection.{{kind}}", requests.selection_file),
             Route("/waveforms/{number:int}", requests.waveform),
             Route("/waveforms/{number:int}/picture.{kind}", requests.picture),
-            Route("/waveforms/{number:int}/command", requests.command),
             Route("/{name:path}", asset),
         ],
         exception_handlers={
@@ -163,9 +161,6 @@ class _Requests:
 
     def session(self, request: Request) -> Response:
         return JSONResponse(self._session.described)
-
-    def nodes(self, request: Request) -> Response:
-        return JSONResponse(self._layer(request).echoes.nodes())
 
     def points(self, request: Request) -> Response:
         text = request.query_params.get("nodes", "")
@@ -234,14 +229,6 @@ class _Requests:
         shot = self._session.waveforms.shot_number(number)
         name = f'attachment; filename="shot-{shot}.{kind}"'
         return Response(content, media_type=_PICTURES[kind], headers={"Content-Disposition": name})
-
-    def command(self, request: Request) -> Response:
-        number = request.path_params["number"]
-        kind = request.query_params.get("kind", "svg")
-        if kind not in _PICTURES:
-            raise ValueError(f"unknown picture format {kind!r}; use {', '.join(_PICTURES)}")
-        panel = self._session.panel
-        return JSONResponse({"command": panel.plot_command(number, self._settings(request), kind)})
 
     def _layer(self, request: Request) -> Layer:
         number: int = request.path_params["layer"]

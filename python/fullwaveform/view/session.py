@@ -10,21 +10,16 @@ from pathlib import Path
 from types import TracebackType
 from typing import Any, Self
 
-import matplotlib as mpl
-import numpy as np
-
 from fullwaveform.core.driver import MODE_NAMES, Mode
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.echo_readers.opening import open_echoes
-from fullwaveform.plotting.echo_list import METHOD_COLOURS
+from fullwaveform.plotting.colours import METHOD_COLOURS
 from fullwaveform.view.directory import WaveformDirectory
 from fullwaveform.view.echo_index import MAX_POINTS, EchoIndex
 from fullwaveform.view.export import SelectionExport
 from fullwaveform.view.noise import noise_histogram
 from fullwaveform.view.panel import WaveformPanel, offered_scanners
 
-#: Colour maps of quantities, readable with colour vision deficiencies and on a dark page.
-_COLOUR_MAPS = ("viridis", "cividis", "plasma")
 #: Colours of classes and numbers (Okabe and Ito 2008), light enough for a dark page.
 _CATEGORIES = (
     "#999999",
@@ -125,7 +120,6 @@ class ViewSession:
             ],
             "default_mode": int(Mode.THREE_POINT),
             "scanners": [scanner.label for scanner in self.panel.scanners],
-            "colour_maps": {name: _sampled(name) for name in _COLOUR_MAPS},
             "categories": _CATEGORIES,
         }
 
@@ -136,14 +130,9 @@ class ViewSession:
             "echoes": len(layer.echoes),
             "formats": layer.export.formats,
             "columns": layer.echoes.columns,
+            "nodes": layer.echoes.nodes(),
             **layer.echoes.described,
         }
-
-
-def _sampled(name: str) -> list[list[int]]:
-    """256 colours of a colour map, red, green and blue from 0 to 255."""
-    colours = mpl.colormaps[name](np.linspace(0.0, 1.0, 256))[:, :3]
-    return np.round(colours * 255).astype(int).tolist()  # type: ignore[no-any-return]
 
 
 def _report(report: Callable[[str], None], label: str, count: int, what: str, start: float) -> None:

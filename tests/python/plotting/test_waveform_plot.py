@@ -20,7 +20,7 @@ from fullwaveform.calibration.calibration import Calibration
 from fullwaveform.core.pulse_models import ReceiverModel
 from fullwaveform.data.returns import DiscreteReturns
 from fullwaveform.extraction.extractor import ExtractionSettings
-from fullwaveform.plotting.echo_list import METHOD_COLOURS
+from fullwaveform.plotting.colours import METHOD_COLOURS
 from fullwaveform.plotting.waveform import draw_waveforms, waveform_figure
 
 from ..core import test_modes

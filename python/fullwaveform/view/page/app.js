@@ -1,5 +1,6 @@
 // The page: connects the map, the waveform panel and what the user chooses.
 
+import { COLOUR_MAPS } from "./colours.js";
 import { json } from "./data.js";
 import { EchoMap } from "./map.js";
 import { drawPanel } from "./waveform.js";
@@ -53,8 +54,7 @@ async function showWaveform() {
     for (const link of document.querySelectorAll("#export a")) {
       link.href = `waveforms/${waveform}/picture.${link.dataset.kind}?${query}`;
     }
-    const { command } = await json(`waveforms/${waveform}/command?${query}`);
-    if (number === asked) find("#command").textContent = command;
+    find("#command").textContent = data.command;
   } finally {
     if (number === asked) document.body.dataset.busy = "false";
   }
@@ -136,7 +136,7 @@ function showColours() {
     }
     return;
   }
-  const colours = session.colour_maps[find("#colour-map").value];
+  const colours = COLOUR_MAPS[find("#colour-map").value];
   const [low, high] = value.range ?? [0, 1];
   map.setColours(value.name, colours, [low, high > low ? high : low + 1], true);
   const bar = document.createElement("canvas");
@@ -204,7 +204,7 @@ async function start() {
   document.title = `${session.title} – fullwaveform view`;
   find("#title").textContent = session.title;
   fillSelect(find("#layer"), session.layers.map((layer, i) => [i, `${layer.label} (${layer.echoes.toLocaleString("en")})`]));
-  fillSelect(find("#colour-map"), Object.keys(session.colour_maps).map((name) => [name, name]));
+  fillSelect(find("#colour-map"), Object.keys(COLOUR_MAPS).map((name) => [name, name]));
   fillSelect(find("#scanner"), session.scanners.map((label, i) => [i, label]));
   for (const { mode, name, colour } of session.modes) {
     const box = Object.assign(document.createElement("input"), { type: "checkbox", value: name, checked: mode === session.default_mode });

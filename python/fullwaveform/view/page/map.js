@@ -1,6 +1,6 @@
 // The map: echoes from above, and from the side along a line that the user draws.
 
-import { json, nodePoints } from "./data.js";
+import { nodePoints } from "./data.js";
 import { axisBottom, axisLeft, scaleLinear, select } from "./libraries/libraries.min.js";
 import { PointCloud } from "./pointcloud.js";
 
@@ -28,13 +28,12 @@ export class EchoMap {
     this.listen();
   }
 
-  async show(number, valueName) {
-    const nodes = await json(`layers/${number}/nodes`);
+  show(number, valueName) {
     this.cloud.clear();
     this.number = number;
     this.layer = this.session.layers[number];
-    this.nodes = nodes;
-    this.children = childrenOf(nodes);
+    this.nodes = this.layer.nodes;
+    this.children = childrenOf(this.nodes);
     this.valueName = valueName;
     this.whole();
   }
@@ -158,15 +157,14 @@ export class EchoMap {
     this.timer = setTimeout(() => this.load().catch(this.onError), 60);
   }
 
-  // Nodes in the view from the root on, level by level, as many as may be drawn.
+  // Nodes in the view from the root on, as many levels as may be drawn.
   nodesInView() {
-    const { level, column, row, count } = this.nodes;
+    const { level, column, row } = this.nodes;
     const area = this.mapArea();
     const [west, north] = this.toMap([area.left, area.top]);
     const [east, south] = this.toMap([area.left + area.width, area.top + area.height]);
     const found = [];
-    let total = 0;
-    let current = count.length ? [0] : [];
+    let current = level.length ? [0] : [];
     while (current.length) {
       const next = [];
       for (const node of current) {
@@ -174,33 +172,51 @@ export class EchoMap {
         const left = this.layer.low[0] + column[node] * edge;
         const bottom = this.layer.low[1] + row[node] * edge;
         if (left > east || left + edge < west || bottom > north || bottom + edge < south) continue;
-        if (total + count[node] > this.session.max_points) return found;
-        total += count[node];
         found.push(node);
         if (edge * this.scale > NODE_EDGE) next.push(...this.children[node]);
       }
       current = next;
     }
-    return found;
+    return this.wholeLevels(found, this.session.max_points);
   }
 
+  // The first levels of nodes that have no more points than the limit: a part of a level would be
+  // an area with more points than the rest.
+  wholeLevels(nodes, limit) {
+    const { level, count } = this.nodes;
+    let [total, end] = [0, 0];
+    nodes.forEach((node, i) => {
+      total += count[node];
+      if (total <= limit && level[node] !== level[nodes[i + 1]]) end = i + 1;
+    });
+    return nodes.slice(0, end);
+  }
+
+  // The coarse levels come first, so that there is a picture early.
   async load() {
-    const layer = this.layer;
-    const missing = this.wanted.filter((node) => !this.cloud.nodes.has(node) && !this.loading.has(node));
-    if (missing.length) {
-      missing.forEach((node) => this.loading.add(node));
-      this.showState();
-      try {
-        const counts = missing.map((node) => this.nodes.count[node]);
-        const columns = await nodePoints(layer, this.number, missing, counts);
-        if (layer !== this.layer) return; // another file was chosen
-        missing.forEach((node, i) => this.cloud.add(node, columns[i], this.valueName));
-        this.forget();
-      } finally {
-        missing.forEach((node) => this.loading.delete(node));
-      }
-    }
+    const coarse = this.wholeLevels(this.wanted, MOVING_POINTS);
+    if (coarse.length < this.wanted.length && (await this.add(coarse))) this.draw(MOVING_POINTS);
+    await this.add(this.wanted);
     this.draw();
+  }
+
+  // Loads nodes that are not in memory; false if all are.
+  async add(nodes) {
+    const layer = this.layer;
+    const missing = nodes.filter((node) => !this.cloud.nodes.has(node) && !this.loading.has(node));
+    if (!missing.length) return false;
+    missing.forEach((node) => this.loading.add(node));
+    this.showState();
+    try {
+      const counts = missing.map((node) => this.nodes.count[node]);
+      const columns = await nodePoints(layer, this.number, missing, counts);
+      if (layer !== this.layer) return false; // another file was chosen
+      missing.forEach((node, i) => this.cloud.add(node, columns[i], this.valueName));
+      this.forget();
+    } finally {
+      missing.forEach((node) => this.loading.delete(node));
+    }
+    return true;
   }
 
   // Removes nodes out of view if too many points are in memory.
@@ -219,8 +235,7 @@ export class EchoMap {
   // Draws the nodes in view; with a limit only the coarse ones, as many as it allows.
   draw(limit = Infinity) {
     if (!this.layer || !this.cloud.texture) return;
-    let total = 0;
-    const nodes = this.wanted.filter((node) => (total += this.nodes.count[node]) <= limit);
+    const nodes = this.wholeLevels(this.wanted, limit);
     this.isWhole = nodes.length === this.wanted.length;
     const area = this.mapArea();
     const few = this.layer.echoes < 50_000;
