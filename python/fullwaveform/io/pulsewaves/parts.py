@@ -9,11 +9,14 @@ from pathlib import Path
 
 import numpy as np
 
+from fullwaveform.data.counting import counted
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.pulsewaves.chained import ChainedPulses, ChainedWaves
 from fullwaveform.io.pulsewaves.header import PROJECTION_USER_ID, Triple
 from fullwaveform.io.pulsewaves.pulse_file import PulseFile, open_pulse_file
-from fullwaveform.io.pulsewaves.pulses import PulseData
+from fullwaveform.io.pulsewaves.pulses import OFFSET_BYTES, PulseData
+
+_COMPARED = 256  # pulses at the start of a part, with which it is recognised
 
 #: What the headers of all parts must have in common.
 _COMMON = {
@@ -38,7 +41,7 @@ def open_parts(paths: Sequence[Path]) -> PulseFile:
         If a file is not valid, or its header, pulse descriptors or coordinate system differ from
         those of the first one.
     ValueError
-        If a file is given twice.
+        If a file is given twice, under whatever names, compressed or not.
     """
     _check_given_once(paths)
     with ExitStack() as opened:
@@ -48,6 +51,7 @@ def open_parts(paths: Sequence[Path]) -> PulseFile:
             opened.callback(parts[-1].close)
         for part in parts[1:]:
             _check_agreement(parts[0], part)
+        _check_different(parts)
         whole = parts[0] if len(parts) == 1 else _joined(parts)
         opened.pop_all()
     return whole
@@ -59,6 +63,25 @@ def _check_given_once(paths: Sequence[Path]) -> None:
         if path.resolve() in seen:
             raise ValueError(f"{path} is given twice; give each part of a flight line once")
         seen.add(path.resolve())
+
+
+def _check_different(parts: Sequence[PulseFile]) -> None:
+    """ValueError for files of the same pulses, such as copies, links and a compressed file."""
+    seen: dict[bytes, PulseFile] = {}
+    for part in parts:
+        if (count := len(part.pulses)) == 0:
+            continue
+        ends = np.unique(np.concatenate([np.arange(min(count, _COMPARED)), [count - 1]]))
+        records = part.pulses.source.records(ends)
+        part.pulses.source.forget()
+        # Where the samples are depends on their compression.
+        compared = np.delete(records, OFFSET_BYTES, axis=1)
+        other = seen.setdefault(count.to_bytes(8, "little") + compared.tobytes(), part)
+        if other is not part:
+            raise ValueError(
+                f"{part.path} has the same {counted(count, 'pulse')} as {other.path}; give each "
+                "part of a flight line once"
+            )
 
 
 def _check_agreement(first: PulseFile, part: PulseFile) -> None:

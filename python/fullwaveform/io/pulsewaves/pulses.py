@@ -32,6 +32,9 @@ _FIELDS: dict[str, tuple[str, int]] = {  # type, byte of the pulse
     "classification": ("u1", 47),
 }
 
+#: Bytes of a pulse that say where its samples are.
+OFFSET_BYTES = slice(8, 16)
+
 _UNKNOWN_END = np.iinfo(np.int64).max
 
 Pulses = RecordArray  # structured, fields as above

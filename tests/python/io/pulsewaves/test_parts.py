@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import re
+import shutil
 from collections.abc import Sequence
 from dataclasses import replace
 from pathlib import Path
@@ -95,7 +97,8 @@ def test_order_is_that_of_the_list(tmp_path: Path) -> None:
 
 def test_pulses_of_two_parts_at_one_time_are_separate_shots(tmp_path: Path) -> None:
     first = three_pulses().write(tmp_path / "a_1.pls")
-    second = three_pulses().write(tmp_path / "a_2.pls")
+    elsewhere = [replace(pulse, anchor=(50, 0, 0)) for pulse in three_pulses().pulses]
+    second = replace(three_pulses(), pulses=elsewhere).write(tmp_path / "a_2.pls")
     with fw.open([first, second]) as reader:
         (block,) = reader.blocks()
         assert any("same time" in note for note in reader.tally.notes)
@@ -259,6 +262,34 @@ def test_a_part_is_given_once(tmp_path: Path) -> None:
     part = three_pulses().write(tmp_path / "a_1.pls")
     with pytest.raises(ValueError, match=r"a_1\.pls is given twice"):
         fw.open([part, tmp_path / "." / "a_1.pls"])
+
+
+@pytest.mark.parametrize("how", ["copied", "linked", "compressed"])
+def test_a_part_is_given_under_one_name(tmp_path: Path, how: str) -> None:
+    first, second = in_parts(flight_line(), [5, 6], tmp_path, plain)
+    other = tmp_path / "copy_2.pls"
+    if how == "compressed":
+        other = compressed(replace(flight_line(), pulses=flight_line().pulses[5:]), other)
+    elif how == "copied":
+        shutil.copyfile(second, other)
+    else:
+        other.hardlink_to(second)
+    if how != "compressed":
+        shutil.copyfile(second.with_suffix(".wvs"), other.with_suffix(".wvs"))
+    message = f"{other} has the same 6 pulses as {second}; give each part of a flight line once"
+    with pytest.raises(ValueError, match=re.escape(message)):
+        fw.open([first, second, other])
+
+
+def test_parts_may_differ_in_one_pulse_only(tmp_path: Path) -> None:
+    pulse = three_pulses().pulses[0]
+    line = replace(three_pulses(), pulses=[replace(pulse, time=n) for n in range(300)])
+    other = replace(line, pulses=[*line.pulses[:299], replace(pulse, time=400)])
+    paths = [line.write(tmp_path / "a_1.pls"), other.write(tmp_path / "a_2.pls")]
+    with fw.open(paths) as reader:
+        assert reader.point_count == 600
+    empty = in_parts(Scene(line.descriptors, []), [0, 0], tmp_path / "empty", plain)
+    fw.open([paths[0], *empty]).close()
 
 
 def test_no_parts(tmp_path: Path) -> None:
