@@ -1,14 +1,15 @@
 """Processor time and memory of extractions against the number of waveforms; see docs/scale.md.
 
-    python bench/scale.py [-o FOLDER] [--most 7] [--repeated 8]
+    python bench/scale.py [-o FOLDER] [--most 7] [--longest 300] [--repeated 8]
 
 Scans of 10^4, 10^5, ... 10^MOST waveforms of 80 samples are extracted by the command line with one
-worker. They repeat one simulated scan at later times. Then one block in memory is extracted until
-10^REPEATED waveforms are done in mode 0 by two workers, without a file on either side, to see
-whether memory stays flat. Prints the tables and writes scale.png. The time per waveform is that of
-the additional waveforms of each scan over the next smaller one, so that start-up and calibration,
-which read a bounded number of waveforms, do not count. Times of small scans are the median of
-several runs, between which the other sizes are measured.
+worker, by each method up to a size that takes LONGEST seconds. They repeat one simulated scan at
+later times. Then one block in memory is extracted until 10^REPEATED waveforms are done in mode 0 by
+two workers, without a file on either side, to see whether memory stays flat. Prints the tables and
+writes scale.png. The time per waveform is that of the additional waveforms of each scan over the
+next smaller one, so that start-up and calibration, which read a bounded number of waveforms, do not
+count. Times of small scans are the median of several runs, between which the other sizes are
+measured.
 """
 
 from __future__ import annotations
@@ -46,10 +47,10 @@ from fullwaveform.io.opening import open_waveforms
 
 METHODS = ("three-point", "decomposition", "pulse-fit", "deconvolution", "hybrid")
 SMALLEST = 4  # exponent
-SHOTS = 8000  # of the simulated scan, which has a little more than 10^4 waveforms
+SHOTS = 5000  # of the simulated scan, with two waveforms each: 10^SMALLEST
 PACKETS_START = 60  # bytes of the header of a file of packets
 STEP_S = 1e-4  # between shots of the simulated scan
-RUNS = {4: 7, 5: 5, 6: 3}  # exponent: runs; one for larger scans
+RUNS = {4: 5, 5: 3, 6: 2}  # exponent: runs; one for larger scans
 HOURS_PER_BILLION = 1e9 / 1e6 / 3600.0  # of a waveform that takes 1 us
 LARGEST_KB = r"VmHWM:\s*(\d+)"  # of a process; the maximum of getrusage includes its parent's
 #: The command line, which prints its largest resident set (kB) at the end.
@@ -89,23 +90,23 @@ def run(*arguments: str) -> Used:
     return Used(usage.ru_utime + usage.ru_stime, 1024.0 * float(output.split()[-1]))
 
 
-def repeat_scan(source: Path, target: Path, count: int) -> None:
-    """Write a scan of `count` waveforms that repeats those of the source, at later times."""
+def repeat_scan(source: Path, target: Path, times: int) -> None:
+    """Write a scan that repeats the waveforms of the source, at later times."""
     packets = source.with_suffix(".wdp").read_bytes()
     body = packets[PACKETS_START:]
     with laspy.open(source) as reader:
         points = reader.read().points
-        times, offsets = np.array(points.gps_time), np.array(points.wavepacket_offset)
-        duration = STEP_S + float(times.max() - times.min())
+        gps_times, offsets = np.array(points.gps_time), np.array(points.wavepacket_offset)
+        duration = STEP_S + float(gps_times.max() - gps_times.min())
         with (
             laspy.open(target, mode="w", header=reader.header) as writer,
             target.with_suffix(".wdp").open("wb") as to,
         ):
             to.write(packets[:PACKETS_START])
-            for number in range(-(-count // len(points))):
-                part = points[: min(count - number * len(points), len(points))].copy()
-                part.gps_time = times[: len(part)] + number * duration
-                part.wavepacket_offset = offsets[: len(part)] + number * len(body)
+            for number in range(times):
+                part = points.copy()
+                part.gps_time = gps_times + number * duration
+                part.wavepacket_offset = offsets + number * len(body)
                 writer.write_points(part)
                 to.write(body)
 
@@ -127,22 +128,29 @@ class Growth:
         return list(1e6 * np.diff(self.seconds) / more)
 
 
-def measure(method: str, folder: Path, most: int) -> Growth:
-    """Extract scans of increasing size with a method."""
+def measure(method: str, folder: Path, most: int, longest: float) -> Growth:
+    """Extract scans of increasing size with a method, up to one that takes `longest` seconds."""
     options = ["--mode", method, "--workers", "1", "--quiet", "--overwrite"]
     if method in ("deconvolution", "hybrid"):
         options += ["--scanner", str(folder / "scanner.toml")]
     output = folder / "echoes.las"
-    runs: dict[int, list[Used]] = {exponent: [] for exponent in range(SMALLEST, most + 1)}
-    per_waveform = 0.0
-    for turn in range(max(RUNS.values())):
+
+    def used(exponent: int) -> Used:
+        scan = folder / f"scan{exponent}.las"
+        found = run("extract", str(scan), "-o", str(output), *options)
+        print(f"{method}, 10^{exponent}: {found.seconds:.2f} s", flush=True)
+        return found
+
+    runs = {SMALLEST: [used(SMALLEST)]}
+    for exponent in range(SMALLEST + 1, most + 1):
+        if 10.0 * runs[exponent - 1][0].seconds > longest:
+            break
+        runs[exponent] = [used(exponent)]
+    per_waveform = output.stat().st_size / 10 ** max(runs)
+    for turn in range(1, max(RUNS.values())):
         for exponent, found in runs.items():
             if turn < RUNS.get(exponent, 1):
-                scan = folder / f"scan{exponent}.las"
-                found.append(run("extract", str(scan), "-o", str(output), *options))
-                print(f"{method}, 10^{exponent}: {found[-1].seconds:.2f} s", flush=True)
-                if exponent == most:
-                    per_waveform = output.stat().st_size / 10**most
+                found.append(used(exponent))
     return Growth(
         method,
         list(runs),
@@ -183,10 +191,14 @@ def prepare(folder: Path, most: int) -> float:
     run("simulate", str(base), "--shots", str(SHOTS), "--samples", "80")
     run("system-wave", str(base), "-o", str(folder / "scanner.toml"))
     for exponent in range(SMALLEST, most + 1):
-        repeat_scan(base, folder / f"scan{exponent}.las", 10**exponent)
+        repeat_scan(base, folder / f"scan{exponent}.las", 10 ** (exponent - SMALLEST))
+    with open_waveforms(base) as reader:
+        waveforms = sum(len(block) for block in reader.blocks())
+    assert waveforms == 10**SMALLEST
     with laspy.open(base) as reader:
         points, size = reader.header.point_count, reader.header.point_format.size
-    return float(size + (base.with_suffix(".wdp").stat().st_size - PACKETS_START) / points)
+    packets = base.with_suffix(".wdp").stat().st_size - PACKETS_START
+    return float(points * size + packets) / waveforms
 
 
 def plot(growths: list[Growth], flat: list[tuple[float, float]], path: Path) -> None:
@@ -244,13 +256,14 @@ def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("-o", "--output", type=Path, default=Path("docs"))
     parser.add_argument("--most", type=int, default=7)
+    parser.add_argument("--longest", type=float, default=300.0, help="run of a method, s")
     parser.add_argument("--repeated", type=int, default=8)
-    parser.add_argument("--folder", type=Path, help="of the scans; needs 220 bytes per waveform")
+    parser.add_argument("--folder", type=Path, help="of the scans; needs 400 bytes per waveform")
     options = parser.parse_args()
     folder = Path(tempfile.mkdtemp(dir=options.folder))
     try:
         size = prepare(folder, options.most)
-        growths = [measure(method, folder, options.most) for method in METHODS]
+        growths = [measure(method, folder, options.most, options.longest) for method in METHODS]
         # A new process, since its largest resident set counts.
         with ProcessPoolExecutor(1, get_context("spawn")) as process:
             scan = folder / f"scan{options.most}.las"  # its first block is full
