@@ -70,7 +70,9 @@ def pulse_fit(block: Samples) -> float:
 
 def main(program: Path) -> None:
     """Measure, print and plot."""
-    figure, panels = plt.subplots(2, len(GROWTH), figsize=(13, 6), layout="constrained")
+    figure, panels = plt.subplots(
+        2, len(GROWTH), figsize=(13, 6), layout="constrained", sharey="row"
+    )
     methods = [*(f"mode {mode}" for mode in MODES), PULSE_FIT]
     print(
         "quantity         value  " + "  ".join(f"{name:>9} ms" for name in methods) + "  result MB"
