@@ -19,10 +19,11 @@ from fullwaveform.analysis.comparison import (
     compare_echoes,
 )
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.options import require_suffix
+from fullwaveform.cli.options import local_path, require_suffix
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.summary import Row, print_table
 from fullwaveform.data.echo_records import QUANTITIES
+from fullwaveform.io.remote import location
 from fullwaveform.io.unmatched_file import DETAILS_ENDINGS, details_kind
 from fullwaveform.plotting.histogram import draw_histogram
 from fullwaveform.plotting.style import PLOT_ENDINGS, plot_kind
@@ -46,10 +47,17 @@ def _positive(unit: str) -> Callable[[str | float], float]:
 def compare(
     reference: Annotated[
         Path,
-        typer.Argument(metavar="REFERENCE", help="Scan with discrete returns, or file of echoes"),
+        typer.Argument(
+            metavar="REFERENCE",
+            parser=location,
+            help="Scan with discrete returns, or file of echoes",
+        ),
     ],
     echoes: Annotated[
-        Path, typer.Argument(metavar="ECHOES", help="LAS, LAZ, Parquet, HDF5, CSV or .npz")
+        Path,
+        typer.Argument(
+            metavar="ECHOES", parser=location, help="LAS, LAZ, Parquet, HDF5, CSV or .npz"
+        ),
     ],
     tolerance: Annotated[
         float,
@@ -75,11 +83,17 @@ def compare(
     ] = 0.1,
     details: Annotated[
         Path | None,
-        typer.Option(metavar="FILE", help="Missed and extra echoes: .csv or .parquet"),
+        typer.Option(
+            metavar="FILE", parser=location, help="Missed and extra echoes: .csv or .parquet"
+        ),
     ] = None,
     plot: Annotated[
         Path | None,
-        typer.Option(metavar="FILE", help="Histogram of the differences: .png, .pdf or .svg"),
+        typer.Option(
+            metavar="FILE",
+            parser=local_path,
+            help="Histogram of the differences: .png, .pdf or .svg",
+        ),
     ] = None,
     as_json: Annotated[bool, typer.Option("--json", help="Print machine-readable JSON")] = False,
     overwrite: OverwriteOption = False,

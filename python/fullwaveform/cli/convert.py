@@ -24,12 +24,16 @@ from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.data.counting import counted
 from fullwaveform.io.container.writer import ScanContainerWriter
+from fullwaveform.io.remote import location
 
 
 @with_options
 def convert(
     sources: SourceFiles,
-    output: Annotated[Path, typer.Argument(metavar="OUT.h5", help="Scan container: .h5 or .hdf5")],
+    output: Annotated[
+        Path,
+        typer.Argument(metavar="OUT.h5", parser=location, help="Scan container: .h5 or .hdf5"),
+    ],
     *,
     scanner: ScannerFile = None,
     as_one: AsOne = False,

@@ -23,6 +23,7 @@ from fullwaveform.cli.progress import blocks_with_progress, print_line
 from fullwaveform.cli.reader_options import ReaderOptions, check_as_one, with_options
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.pipeline import available_workers
+from fullwaveform.io.remote import location
 from fullwaveform.waveform_metrics.files import (
     METRICS_ENDINGS,
     metrics_outputs,
@@ -50,6 +51,7 @@ def metrics(
             "-o",
             "--output",
             metavar="OUT",
+            parser=location,
             help=f"Table of metrics: {', '.join(METRICS_ENDINGS)}",
         ),
     ],

@@ -25,7 +25,7 @@ from fullwaveform.extraction.prepare import (
 )
 from fullwaveform.extraction.smoothing import checked_smoothing
 from fullwaveform.io.base import WaveformReader
-from fullwaveform.io.remote import location
+from fullwaveform.io.remote import is_remote, location
 
 #: Modes by their names on the command line.
 MODE_NAMES = {mode.name.lower().replace("_", "-"): mode for mode in Mode}
@@ -147,6 +147,17 @@ def _after_pulse(text: str) -> AfterPulse:
         return AfterPulse(offset=int(parts[0]), width=int(parts[1]))
     except ValueError as error:
         raise typer.BadParameter(str(error)) from error
+
+
+def local_path(text: str) -> Path:
+    """A file or folder of this machine; BadParameter for a URL."""
+    path = location(text)
+    if is_remote(path):
+        raise typer.BadParameter(
+            f"{path} is a URL; give a file or folder of this machine (docs/remote.md: what may be "
+            "at a URL)"
+        )
+    return path
 
 
 SourceFile = Annotated[
@@ -271,7 +282,11 @@ PulseOption = Annotated[
 ]
 ScannerFile = Annotated[
     Path | None,
-    typer.Option(metavar="FILE", help="Scanner description (TOML). Default: that of IN, if any"),
+    typer.Option(
+        metavar="FILE",
+        parser=local_path,
+        help="Scanner description (TOML). Default: that of IN, if any",
+    ),
 ]
 ChannelOption = Annotated[
     list[str] | None,

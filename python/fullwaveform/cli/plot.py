@@ -26,6 +26,7 @@ from fullwaveform.cli.options import (
     ThresholdOption,
     TimeOption,
     integer_from,
+    local_path,
     require_suffix,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
@@ -41,7 +42,10 @@ from fullwaveform.plotting.waveform import draw_waveforms
 def plot(
     sources: SourceFiles,
     output: Annotated[
-        Path, typer.Option("-o", "--output", metavar="OUT", help="Plot: .png, .pdf or .svg")
+        Path,
+        typer.Option(
+            "-o", "--output", metavar="OUT", parser=local_path, help="Plot: .png, .pdf or .svg"
+        ),
     ],
     waveform: Annotated[
         int | None,

@@ -20,6 +20,7 @@ from fullwaveform.cli.options import (
     MaxSamples,
     PulseOption,
     SourceFile,
+    local_path,
     require_suffix,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
@@ -47,16 +48,25 @@ _PRIOR_VALUES = 400
 def pulse_model(
     source: SourceFile,
     output: Annotated[
-        Path, typer.Option("-o", "--output", metavar="OUT.toml", help="Scanner description")
+        Path,
+        typer.Option(
+            "-o", "--output", metavar="OUT.toml", parser=local_path, help="Scanner description"
+        ),
     ],
     pulse: PulseOption = "auto",
     scanner: Annotated[
         Path | None,
-        typer.Option(metavar="FILE", help="Scanner description (TOML) to add the model to"),
+        typer.Option(
+            metavar="FILE",
+            parser=local_path,
+            help="Scanner description (TOML) to add the model to",
+        ),
     ] = None,
     plot: Annotated[
         Path | None,
-        typer.Option(metavar="FILE", help="Plot of the model: .png, .pdf or .svg"),
+        typer.Option(
+            metavar="FILE", parser=local_path, help="Plot of the model: .png, .pdf or .svg"
+        ),
     ] = None,
     channel: ChannelOption = None,
     interval: IntervalOption = None,

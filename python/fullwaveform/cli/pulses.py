@@ -24,13 +24,17 @@ from fullwaveform.cli.reader_options import ReaderOptions, check_as_one, with_op
 from fullwaveform.data.blocks import ReadTally
 from fullwaveform.data.counting import counted
 from fullwaveform.io.pulse_writer import PulseWriter
+from fullwaveform.io.remote import location
 
 
 @with_options
 def pulses(
     sources: SourceFiles,
     output: Annotated[
-        Path, typer.Option("-o", "--output", metavar="OUT.parquet", help="Table of pulses")
+        Path,
+        typer.Option(
+            "-o", "--output", metavar="OUT.parquet", parser=location, help="Table of pulses"
+        ),
     ],
     *,
     as_one: AsOne = False,

@@ -8,7 +8,7 @@ from typing import Annotated
 import typer
 
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.options import require_suffix
+from fullwaveform.cli.options import local_path, require_suffix
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.data.counting import counted
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_recording, write_scan
@@ -24,6 +24,7 @@ def simulate(
         Path,
         typer.Argument(
             metavar="OUT.las",
+            parser=local_path,
             help="Scan: .las, or with outgoing pulses .h5 or .pls; truth (and .wdp, .wvs) go next "
             "to it",
         ),

@@ -13,6 +13,7 @@ from fullwaveform.calibration.averaging import AveragePulse
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.options import (
     ThresholdOption,
+    local_path,
     parse_interval,
     require_suffix,
 )
@@ -20,6 +21,7 @@ from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.summary import Row, print_table
 from fullwaveform.core.constants import SYSTEM_WAVE_SAMPLES
 from fullwaveform.core.scanner import Scanner
+from fullwaveform.io.remote import location
 from fullwaveform.plotting.style import PLOT_ENDINGS, plot_kind
 from fullwaveform.plotting.system_wave import SystemWaveCurves, draw_system_wave
 from fullwaveform.system_wave.description import (
@@ -50,11 +52,15 @@ def system_wave(
         Path,
         typer.Argument(
             metavar="IN",
+            parser=location,
             help="Waveform file as in extract, or text with two columns (ns, amplitude)",
         ),
     ],
     output: Annotated[
-        Path, typer.Option("-o", "--output", metavar="OUT.toml", help="Scanner description")
+        Path,
+        typer.Option(
+            "-o", "--output", metavar="OUT.toml", parser=local_path, help="Scanner description"
+        ),
     ],
     source: Annotated[
         Source | None,
@@ -78,11 +84,19 @@ def system_wave(
     ] = None,
     scanner: Annotated[
         Path | None,
-        typer.Option(metavar="FILE", help="Scanner description (TOML) to add the system wave to"),
+        typer.Option(
+            metavar="FILE",
+            parser=local_path,
+            help="Scanner description (TOML) to add the system wave to",
+        ),
     ] = None,
     plot: Annotated[
         Path | None,
-        typer.Option(metavar="FILE", help="Plot of pulse and system wave: .png, .pdf or .svg"),
+        typer.Option(
+            metavar="FILE",
+            parser=local_path,
+            help="Plot of pulse and system wave: .png, .pdf or .svg",
+        ),
     ] = None,
     interval: Annotated[
         float | None,

@@ -27,7 +27,7 @@ from fullwaveform.cli.progress import print_line, progress_bar
 from fullwaveform.extraction.pipeline import available_workers
 from fullwaveform.io.atomic import protected_inputs
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
-from fullwaveform.io.remote import is_remote
+from fullwaveform.io.remote import location
 
 if TYPE_CHECKING:
     from fullwaveform.view.session import ViewSession
@@ -43,6 +43,7 @@ def view(
         list[Path] | None,
         typer.Option(
             metavar="FILE",
+            parser=location,
             help="Echoes of IN for the map, as extract writes them; repeat for several. Default: "
             "extracted with mode three-point, once",
         ),
@@ -82,11 +83,6 @@ def view(
         skip_unreadable=True,
         allow_empty=True,
     )
-    for path in (source, *(echoes or ())):
-        if is_remote(path):
-            raise typer.BadParameter(
-                f"{path} is not a file of this machine; copy it first", param_hint="view"
-            )
     with (
         report_errors(lambda: "the viewer has ended"),
         protected_inputs(source, *(echoes or ())),

@@ -15,6 +15,7 @@ from fullwaveform.cli.options import (
     QuietOption,
     SourceFiles,
     VerboseOption,
+    local_path,
     refuse_quiet_and_verbose,
     require_suffix,
 )
@@ -58,6 +59,7 @@ def voxels(
             "-o",
             "--output",
             metavar="OUT.zarr|OUT.tif",
+            parser=local_path,
             help="Volume: a Zarr folder with all quantities, or a GeoTIFF with one, a band per "
             "layer",
         ),

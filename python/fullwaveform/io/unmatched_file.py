@@ -82,7 +82,7 @@ class UnmatchedWriter(FileWriter):
 
     @contextmanager
     def _content(self, stream: OutputFile) -> Iterator[None]:
-        if Path(self.path).suffix.lower() == ".parquet":
+        if self.path.suffix.lower() == ".parquet":
             with pa.parquet.ParquetWriter(stream, _SCHEMA, compression="zstd") as self._writer:
                 yield
             return

@@ -12,6 +12,7 @@ from platformdirs import user_cache_path
 
 from fullwaveform import __version__
 from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.remote import RemotePath
 from fullwaveform.view.sections import SectionFile, SectionWriter, new_section_file
 
 
@@ -33,9 +34,10 @@ def identity(path: Path, **settings: Any) -> dict[str, Any]:
     """What changes when the file, the version or one of the settings does."""
     state = path.stat()
     return {
-        "path": str(path.absolute()),
+        "path": _path_key(path),
         "size": state.st_size,
         "modified": state.st_mtime_ns,
+        "tag": path.source.tag if isinstance(path, RemotePath) else "",
         "version": __version__,
         **settings,
     }
@@ -68,4 +70,6 @@ def cached_sections(name: Path, build: Callable[[SectionWriter], None]) -> Secti
 
 
 def _path_key(path: Path) -> str:
-    return hashlib.sha256(str(path.absolute()).encode()).hexdigest()[:16]
+    # The whole URL: its text leaves out the query, by which some servers distinguish files.
+    name = path.url if isinstance(path, RemotePath) else str(path.absolute())
+    return hashlib.sha256(name.encode()).hexdigest()[:16]

@@ -19,7 +19,7 @@ from fullwaveform.io.echo_writers.hdf5 import Hdf5TableFile
 from fullwaveform.io.echo_writers.parquet import ParquetTableFile
 from fullwaveform.io.echo_writers.table_file import TableFile
 from fullwaveform.io.reference_system import reference_system
-from fullwaveform.io.remote import path_or_stream
+from fullwaveform.io.remote import location, path_or_stream
 from fullwaveform.waveform_metrics.columns import metrics_columns
 from fullwaveform.waveform_metrics.settings import MetricsSettings
 
@@ -96,7 +96,7 @@ def open_metrics_file(
 
     Raises ValueError if no format has the ending.
     """
-    writer_class = _writer_class(Path(path))
+    writer_class = _writer_class(location(path))
     system = reference_system(header)
     metadata = _metadata(settings, sources)
     if system is not None:

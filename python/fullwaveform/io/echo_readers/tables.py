@@ -108,7 +108,7 @@ def hdf5_echo_file(path: Path) -> EchoFile:
 
 def npz_echo_file(path: Path) -> EchoFile:
     """Echoes of a NumPy archive with one array per column; see `open_echoes`."""
-    with _errors(path, "NumPy archive"), zipfile.ZipFile(path) as archive:
+    with _errors(path, "NumPy archive"), zipfile.ZipFile(path_or_stream(path)) as archive:
         members = {name.removesuffix(".npy"): name for name in archive.namelist()}
         if "samples" in members and "x" not in members:
             raise WaveformFileError(
@@ -121,7 +121,7 @@ def npz_echo_file(path: Path) -> EchoFile:
         names = _wanted(found, wanted)
         with ExitStack() as opened:
             opened.enter_context(_errors(path, "NumPy archive"))
-            archive = opened.enter_context(zipfile.ZipFile(path))
+            archive = opened.enter_context(zipfile.ZipFile(path_or_stream(path)))
             streams = {name: opened.enter_context(archive.open(members[name])) for name in names}
             layouts = {name: _layout(stream, name, path) for name, stream in streams.items()}
             total = _common_length({name: shape for name, (shape, _) in layouts.items()}, path)

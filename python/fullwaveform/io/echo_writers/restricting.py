@@ -21,6 +21,7 @@ from fullwaveform.io.echo_writers.parquet import ROWS_PER_GROUP, parquet_writer
 from fullwaveform.io.echo_writers.row_groups import RowGroups
 from fullwaveform.io.las.compression import decompressors
 from fullwaveform.io.las.points import WAVEFORM_POINT_FORMATS
+from fullwaveform.io.remote import path_or_stream
 
 _ROWS_AT_A_TIME = 2**16
 _EMPTY_LINES = (b"\n", b"\r\n")  # which are no rows
@@ -64,7 +65,7 @@ def _write_parquet(source: Path, rows: BoolArray, output: Path) -> int:
     groups = RowGroups(ROWS_PER_GROUP)
     first = written = 0
     with (
-        pq.ParquetFile(source) as file,
+        pq.ParquetFile(path_or_stream(source)) as file,
         atomic_open(output, ANY_FILE) as stream,
         parquet_writer(stream, file.schema_arrow) as writer,
     ):
