@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <fullwaveform/driver/BlockMismatch.h>
+#include <fullwaveform/driver/BlockParts.h>
 #include <fullwaveform/driver/ChannelMerge.h>
 #include <fullwaveform/driver/Decibel.h>
 #include <fullwaveform/driver/ShotGroups.h>
@@ -58,6 +59,26 @@ bool deleteNaNPeaks(WavePoints<T>& wave, std::uint32_t row) {
 
 }  // namespace
 
+/// The arguments of `apply`.
+template <class T>
+struct PeakDetectionFamily<T>::Rows {
+  Waveforms const& waveforms;
+  Kestra::MultiArray<1, unsigned short> const& counts;
+  Kestra::MultiArray<1, double> const& shotTimes;
+  Kestra::MultiArray<1, double> const& sblTimes;
+  ChannelFlags const& channelFlags;
+  std::span<int const> noises;
+
+  [[nodiscard]] std::size_t size() const { return waveforms ? waveforms->rows() : 0; }
+  [[nodiscard]] std::size_t rowLength() const { return waveforms ? waveforms->columns() : 0; }
+  [[nodiscard]] auto valueCounts() const {
+    return std::minmax(
+        {counts.size(), shotTimes.size(), sblTimes.size(), channelFlags.size(), noises.size()});
+  }
+  /// Rows with a value in every array.
+  [[nodiscard]] std::size_t completeRows() const { return std::min(size(), valueCounts().first); }
+};
+
 template <class T>
 struct PeakDetectionFamily<T>::Row {
   std::uint32_t number;
@@ -104,44 +125,89 @@ ShotMap PeakDetectionFamily<T>::apply(Waveforms const& waveforms,
                                       Kestra::MultiArray<1, double> const& sblTimes,
                                       ChannelFlags const& channelFlags, std::span<int const> noises,
                                       std::string const& /*hostText*/) {
-  if (!waveforms) {
+  ShotMap all;
+  Rows const block{waveforms, counts, shotTimes, sblTimes, channelFlags, noises};
+  extractParts(
+      block, [&](std::size_t /*first*/) { return block.completeRows(); },
+      [&](ShotMap& shots) { all.swap(shots); });
+  return all;
+}
+
+template <class T>
+void PeakDetectionFamily<T>::applyInParts(Waveforms const& waveforms,
+                                          Kestra::MultiArray<1, unsigned short> const& counts,
+                                          Kestra::MultiArray<1, double> const& shotTimes,
+                                          Kestra::MultiArray<1, double> const& sblTimes,
+                                          ChannelFlags const& channelFlags, std::span<int const> noises,
+                                          PartReceiver const& receive) {
+  Rows const block{waveforms, counts, shotTimes, sblTimes, channelFlags, noises};
+  BlockParts const parts(shotTimes, block.completeRows());
+  extractParts(
+      block, [&](std::size_t first) { return parts.endOfPart(first); },
+      [&](ShotMap& shots) { receive(shots, report); });
+}
+
+/// @param endOfPart  given a row, the end of the part that starts there
+template <class T>
+template <class EndOfPart, class Receive>
+void PeakDetectionFamily<T>::extractParts(Rows const& block, EndOfPart const& endOfPart,
+                                          Receive const& receive) {
+  if (!block.waveforms) {
     Holdex::SpeakPtr::report("PeakDetectionFamily::apply: empty pointer to the waveforms");
   }
-  std::size_t const rows = waveforms ? waveforms->rows() : 0;
-  std::size_t const rowLength = waveforms ? waveforms->columns() : 0;
-  auto const [shortest, longest] =
-      std::minmax({counts.size(), shotTimes.size(), sblTimes.size(), channelFlags.size(), noises.size()});
-  startReport(rows);
-
+  startReport(block.size());
   gaussDecomposition.meter = &work;
   rlPlanes.meter = &work;
 
+  std::size_t const rows = block.completeRows();
+  for (std::size_t first = 0; first < rows;) {
+    std::size_t const end = endOfPart(first);
+    ShotMap shots = extractPart(block, first, end);
+    receive(shots);
+    first = end;
+  }
+  work.attend();
+  reportMismatches(mismatchOf(block), block.rowLength());
+  reportSkipped(report.tooLongToDeconvolve, report.tooComplex);
+  report.statistics.writeIfSuspicious();
+}
+
+template <class T>
+BlockMismatch PeakDetectionFamily<T>::mismatchOf(Rows const& block) const {
+  BlockMismatch mismatch;
+  for (std::size_t i = 0; i < report.rowStates.size(); ++i) {
+    if (report.rowStates[i] == RowState::InvalidRow) {
+      ++mismatch.invalidRows;
+    } else if (block.counts[i] > block.rowLength()) {
+      ++mismatch.clippedCounts;
+    }
+  }
+  std::size_t const longest = block.valueCounts().second;
+  mismatch.surplusValues = longest > block.size() ? longest - block.size() : 0;
+  return mismatch;
+}
+
+template <class T>
+ShotMap PeakDetectionFamily<T>::extractPart(Rows const& block, std::size_t first, std::size_t end) {
   ShotMap shots;
-  BlockMismatch mismatch{.invalidRows = rows, .surplusValues = longest > rows ? longest - rows : 0};
-  for (std::size_t i = 0; i < std::min(rows, shortest); ++i) {
-    int const count = static_cast<int>(std::min<std::size_t>(counts[i], rowLength));
+  for (std::size_t i = first; i < end; ++i) {
+    int const count = static_cast<int>(std::min<std::size_t>(block.counts[i], block.rowLength()));
     Row const row{static_cast<std::uint32_t>(i),
-                  samplesOf(*waveforms, i),
+                  samplesOf(*block.waveforms, i),
                   count,
-                  shotTimes[i],
-                  sblTimes[i],
-                  channelFlags[i]};
+                  block.shotTimes[i],
+                  block.sblTimes[i],
+                  block.channelFlags[i]};
     if (row.isValid()) {
-      --mismatch.invalidRows;
-      mismatch.clippedCounts += counts[i] > rowLength ? 1U : 0U;
-      report.rowStates[i] = processRow(row, noises[i], shots);
+      report.rowStates[i] = processRow(row, block.noises[i], shots);
     }
     work.finishWaveform();
   }
   ShotEchoes echoes;
   for (auto& [shotTime, shot] : shots) {
-    mergeChannelsOf(shot, channelFlags, echoes);
+    mergeChannelsOf(shot, block.channelFlags, echoes);
     convertToDecibels(shot);
   }
-  work.attend();
-  reportMismatches(mismatch, rowLength);
-  reportSkipped(report.tooLongToDeconvolve, report.tooComplex);
-  report.statistics.writeIfSuspicious();
   return shots;
 }
 

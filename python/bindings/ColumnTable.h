@@ -40,6 +40,15 @@ class ColumnTable {
     forEach([rows](auto const& /*column*/, auto& values) { values.resize(rows); });
   }
 
+  void reserve(std::size_t rows) {
+    forEach([rows](auto const& /*column*/, auto& values) { values.reserve(rows); });
+  }
+
+  /// Changes the number of rows; the values of new ones are to be set.
+  void resize(std::size_t rows) {
+    forEach([rows](auto const& /*column*/, auto& values) { values.resize(rows); });
+  }
+
   void set(std::size_t row, Record const& record) {
     forEach([&](auto const& column, auto& values) { values[row] = column.get(record); });
   }

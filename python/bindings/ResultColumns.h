@@ -119,18 +119,29 @@ using OnBoardTable = ColumnTable<EchoRecord, onBoardColumns>;
 /// One `RowState` per row of the block.
 std::vector<std::uint8_t> rowStatesOf(FullWaveform::BlockReport const& report);
 
-/// A shot map as columns: shots ascending, waveforms in order of arrival, echoes in list order.
+/// The shots of a block as columns: shots ascending, waveforms in order of arrival, echoes in list order.
 struct ResultColumns {
-  ResultColumns(FullWaveform::ShotMap const& shots, FullWaveform::BlockReport const& report);
+  ResultColumns() = default;
+  /// @param rows  of the block
+  explicit ResultColumns(std::size_t rows);
+
+  /// Appends the shots of a part of the block, which are later than those before.
+  void append(FullWaveform::ShotMap const& shots, FullWaveform::BlockReport const& report);
+  /// Takes states and counts of the whole block.
+  void finish(FullWaveform::BlockReport const& report);
 
   WaveformTable waveforms;
   SegmentTable segments;
   EchoTable echoes;
   std::vector<std::uint8_t> rowStates;
-  std::uint32_t mergedIntoOtherChannel;
-  std::uint32_t tooLongToDeconvolve;
-  std::uint32_t tooComplex;
+  std::uint32_t mergedIntoOtherChannel = 0;
+  std::uint32_t tooLongToDeconvolve = 0;
+  std::uint32_t tooComplex = 0;
   FullWaveform::RunStatistics statistics;
+
+ private:
+  std::size_t waveformCount = 0;
+  std::size_t echoCount = 0;
 };
 
 }  // namespace Results

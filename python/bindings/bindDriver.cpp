@@ -96,28 +96,33 @@ struct BlockArrays {
   InputColumn<std::uint8_t> channelFlags;
   InputColumn<std::int32_t> noises;
 
-  FullWaveform::ShotMap extract(Driver& driver, std::string const& text) const {
-    return driver.apply(viewOf(samples), columnView<unsigned short>(counts), columnView(shotTimes),
+  void extract(Driver& driver, Driver::PartReceiver const& receive) const {
+    driver.applyInParts(viewOf(samples), columnView<unsigned short>(counts), columnView(shotTimes),
                         columnView(sblTimes), columnView<unsigned char>(channelFlags),
-                        std::span<int const>(noises.data(), noises.shape(0)), text);
+                        std::span<int const>(noises.data(), noises.shape(0)), receive);
   }
 };
 
-Results::ResultColumns extract(SharedDriver& shared, BlockArrays const& block, std::string const& text) {
+Results::ResultColumns extract(SharedDriver& shared, BlockArrays const& block) {
   auto poll = signalPoll();
   nb::gil_scoped_release const release;
   std::scoped_lock const lock(shared.inUse);
   shared.driver.work.poll = std::move(poll);
-  auto const shots = block.extract(shared.driver, text);
-  return {shots, shared.driver.lastBlock()};
+  Results::ResultColumns columns(block.samples.shape(0));
+  block.extract(shared.driver,
+                [&columns](FullWaveform::ShotMap const& shots, FullWaveform::BlockReport const& report) {
+                  columns.append(shots, report);
+                });
+  columns.finish(shared.driver.lastBlock());
+  return columns;
 }
 
 nb::dict apply(SharedDriver& shared, Samples const& samples, InputColumn<std::uint16_t> const& counts,
                InputColumn<double> const& shotTimes, InputColumn<double> const& sblTimes,
                InputColumn<std::uint8_t> const& channelFlags, InputColumn<std::int32_t> const& noises,
-               std::string const& text) {
+               std::string const& /*text*/) {
   Results::ResultColumns columns =
-      extract(shared, {samples, counts, shotTimes, sblTimes, channelFlags, noises}, text);
+      extract(shared, {samples, counts, shotTimes, sblTimes, channelFlags, noises});
   nb::dict result;
   result["statistics"] = statisticsTable(columns);
   result["record"] = recordOf(columns.statistics);
@@ -139,16 +144,19 @@ RowReports reportRows(SharedDriver& shared, BlockArrays const& block, bool exten
   nb::gil_scoped_release const release;
   std::scoped_lock const lock(shared.inUse);
   shared.driver.work.poll = std::move(poll);
-  auto const shots = block.extract(shared.driver, "");
-  RowReports reports{Results::rowStatesOf(shared.driver.lastBlock()), {}};
-  reports.texts.resize(reports.states.size());
+  RowReports reports;
+  reports.texts.resize(block.samples.shape(0));
   double const speed = shared.driver.onlineEvaluation.scanner.group_velocity;
-  for (auto const& [shotTime, shot] : shots) {
-    for (std::size_t i = 0; i < shot.waves.size(); ++i) {
-      reports.texts[shot.rows[i]] =
-          extent ? shot.waves[i]->printLengthAtMaxAmplitude(speed) : shot.waves[i]->print();
-    }
-  }
+  block.extract(shared.driver,
+                [&](FullWaveform::ShotMap const& shots, FullWaveform::BlockReport const& /*report*/) {
+                  for (auto const& [shotTime, shot] : shots) {
+                    for (std::size_t i = 0; i < shot.waves.size(); ++i) {
+                      reports.texts[shot.rows[i]] =
+                          extent ? shot.waves[i]->printLengthAtMaxAmplitude(speed) : shot.waves[i]->print();
+                    }
+                  }
+                });
+  reports.states = Results::rowStatesOf(shared.driver.lastBlock());
   return reports;
 }
 

@@ -68,7 +68,9 @@ TEST(ResultColumns, TablesFollowTheShotMap) {
   // Shot 1 comes last; the second waveform of shot 2 is below the threshold of 20 counts.
   ShotMap const shots =
       blockOf({{echoOf(100), 2.0, 0}, {noSignal(), 2.0, 1}, {echoOf(200), 1.0, 1}}).run(driver);
-  ResultColumns result(shots, driver.lastBlock());
+  ResultColumns result(3);
+  result.append(shots, driver.lastBlock());
+  result.finish(driver.lastBlock());
   EXPECT_EQ(result.rowStates, (std::vector<std::uint8_t>{0, 1, 0}));
   Text const waveforms = textOf(result.waveforms);
   EXPECT_EQ(waveforms.at(0), "row int64: 2 0");

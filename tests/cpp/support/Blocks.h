@@ -44,6 +44,12 @@ struct Block {
                         Kestra::MultiArray<1, double>(shotTimes), Kestra::MultiArray<1, double>(sblTimes),
                         Kestra::MultiArray<1, unsigned char>(channelFlags), std::span(noises), "block");
   }
+  void runInParts(Driver& driver, int noise, Driver::PartReceiver const& receive) const {
+    std::vector<int> const noises(counts.size(), noise);
+    driver.applyInParts(waveforms, Kestra::MultiArray<1, unsigned short>(counts),
+                        Kestra::MultiArray<1, double>(shotTimes), Kestra::MultiArray<1, double>(sblTimes),
+                        Kestra::MultiArray<1, unsigned char>(channelFlags), std::span(noises), receive);
+  }
 };
 
 /// Rows as wide as the longest waveform. Samples after the end of a waveform are full scale, so that reading
