@@ -59,8 +59,9 @@ nb::dict selectPackets(Las::PacketSelector& selector, Bytes const& points) {
     found = selector.select(view(points));
   }
   nb::dict dict;
-  dict["waveforms"] = numpyColumn<std::uint8_t>(std::move(found.waveforms));
-  dict["pulses"] = numpyColumn<std::uint8_t>(std::move(found.pulses));
+  dict["waveforms"] = numpyColumn<std::int64_t>(std::move(found.waveforms));
+  dict["times"] = numpyColumn<double>(std::move(found.times));
+  dict["pulses"] = numpyColumn<std::int64_t>(std::move(found.pulses));
   dict["owners"] = numpyColumn<std::int64_t>(std::move(found.owners));
   dict["faulty"] = numpyColumn<std::int64_t>(std::move(found.faulty));
   dict["faults"] = numpyColumn<std::uint8_t>(std::move(found.faults));
@@ -69,13 +70,24 @@ nb::dict selectPackets(Las::PacketSelector& selector, Bytes const& points) {
   return dict;
 }
 
-nb::dict waveformColumns(Bytes const& points, int format, std::size_t size, InputColumn<double> const& scales,
+/// Runs of records, and the indices of the chosen points of each.
+using Runs = std::vector<std::pair<Bytes, Numbers>>;
+
+Las::PointList chosenPoints(Runs const& runs, int format, std::size_t size) {
+  Las::PointList points(Las::PointLayout::of(format, size));
+  for (auto const& [bytes, indices] : runs) {
+    points.add(view(bytes), view(indices));
+  }
+  return points;
+}
+
+nb::dict waveformColumns(Runs const& runs, int format, std::size_t size, InputColumn<double> const& scales,
                          InputColumn<double> const& offsets) {
   Las::Scaling const scaling = scalingOf(scales, offsets);
   Las::WaveformColumns columns;
   {
     nb::gil_scoped_release const release;
-    columns = Las::waveformColumns({view(points), Las::PointLayout::of(format, size)}, scaling);
+    columns = Las::waveformColumns(chosenPoints(runs, format, size), scaling);
   }
   nb::dict dict;
   dict["anchors"] = numpyColumn<double>(std::move(columns.anchors));
@@ -92,15 +104,18 @@ nb::dict waveformColumns(Bytes const& points, int format, std::size_t size, Inpu
   return dict;
 }
 
-nb::dict returnColumns(Bytes const& points, int format, std::size_t size, InputColumn<double> const& scales,
-                       InputColumn<double> const& offsets) {
+nb::dict returnColumns(Runs const& runs, Numbers const& owners, int format, std::size_t size,
+                       InputColumn<double> const& scales, InputColumn<double> const& offsets) {
   Las::Scaling const scaling = scalingOf(scales, offsets);
   Las::ReturnColumns columns;
   {
     nb::gil_scoped_release const release;
-    columns = Las::returnColumns({view(points), Las::PointLayout::of(format, size)}, scaling);
+    columns = Las::returnColumns(chosenPoints(runs, format, size), view(owners), scaling);
   }
   nb::dict dict;
+  dict["points"] = numpyColumn<std::int64_t>(std::move(columns.points));
+  dict["owners"] = numpyColumn<std::int64_t>(std::move(columns.owners));
+  dict["ordered"] = columns.areOrdered;
   dict["places"] = numpyColumn<double>(std::move(columns.places));
   dict["locations"] = numpyColumn<double>(std::move(columns.locations));
   dict["descriptors"] = numpyColumn<std::uint8_t>(std::move(columns.descriptors));
@@ -163,12 +178,12 @@ void bindLas(nb::module_& module) {
           nb::arg("packet_bytes").noconvert(), nb::arg("sample_counts").noconvert(), nb::arg("max_samples"),
           nb::arg("without_times"))
       .def("select", &selectPackets, nb::arg("points").noconvert());
-  module.def("las_waveform_columns", &waveformColumns, nb::arg("points").noconvert(), nb::arg("format"),
-             nb::arg("size"), nb::arg("scales").noconvert(), nb::arg("offsets").noconvert(),
+  module.def("las_waveform_columns", &waveformColumns, nb::arg("runs"), nb::arg("format"), nb::arg("size"),
+             nb::arg("scales").noconvert(), nb::arg("offsets").noconvert(),
              "Fields of the points of waveforms.");
-  module.def("las_return_columns", &returnColumns, nb::arg("points").noconvert(), nb::arg("format"),
-             nb::arg("size"), nb::arg("scales").noconvert(), nb::arg("offsets").noconvert(),
-             "Fields of the points of pulses as discrete returns.");
+  module.def("las_return_columns", &returnColumns, nb::arg("runs"), nb::arg("owners").noconvert(),
+             nb::arg("format"), nb::arg("size"), nb::arg("scales").noconvert(),
+             nb::arg("offsets").noconvert(), "Fields of the points of pulses as discrete returns.");
   module.def("copy_rows", &copyRowsInto, nb::arg("source").noconvert(), nb::arg("starts").noconvert(),
              nb::arg("rows").noconvert(), nb::arg("target").noconvert(),
              "Copies runs of bytes of equal length.");

@@ -2,7 +2,9 @@
 #include <vector>
 
 #include <nanobind/ndarray.h>
+#include <nanobind/stl/array.h>
 
+#include <native/samples/PlaceBounds.h>
 #include <native/samples/SampleStatistics.h>
 
 #include "Bindings.h"
@@ -31,4 +33,23 @@ void bindSamples(nb::module_& module) {
                      return numpyColumn<std::int64_t>(std::vector<std::int64_t>(statistics.maximumCounts()));
                    })
       .def_prop_ro("plateaus", &SampleStatistics::plateaus);
+  using Places = nb::ndarray<double const, nb::ndim<2>, nb::c_contig, nb::device::cpu>;
+  nb::class_<PlaceBounds>(module, "PlaceBounds", "The box around the first and last samples of waveforms.")
+      .def(nb::init<>())
+      .def(
+          "add",
+          [](PlaceBounds& bounds, Places const& anchors, InputColumn<double> const& locations,
+             Places const& directions, InputColumn<double> const& intervals,
+             InputColumn<std::uint16_t> const& counts) {
+            nb::gil_scoped_release const release;
+            bounds.add({{anchors.data(), anchors.size()},
+                        {locations.data(), locations.size()},
+                        {directions.data(), directions.size()},
+                        {intervals.data(), intervals.size()},
+                        {counts.data(), counts.size()}});
+          },
+          nb::arg("anchors").noconvert(), nb::arg("locations").noconvert(), nb::arg("directions").noconvert(),
+          nb::arg("intervals").noconvert(), nb::arg("counts").noconvert())
+      .def_prop_ro("lower", &PlaceBounds::lower)
+      .def_prop_ro("upper", &PlaceBounds::upper);
 }

@@ -107,6 +107,23 @@ class SampleStatistics:
     @property
     def plateaus(self) -> int: ...  # waveforms with two consecutive samples of the largest value
 
+class PlaceBounds:
+    """The box around the first and last samples of waveforms; infinite without any."""
+
+    def __init__(self) -> None: ...
+    def add(
+        self,
+        anchors: npt.NDArray[np.float64],  # (n, 3)
+        locations: npt.NDArray[np.float64],  # (n,) ps
+        directions: npt.NDArray[np.float64],  # (n, 3) per ps
+        intervals: npt.NDArray[np.float64],  # (n,) s
+        counts: npt.NDArray[np.uint16],  # (n,)
+    ) -> None: ...
+    @property
+    def lower(self) -> list[float]: ...  # 3
+    @property
+    def upper(self) -> list[float]: ...  # 3
+
 class PointSurvey:
     def __init__(self, format: int, size: int) -> None: ...
     def add(self, points: npt.NDArray[np.uint8]) -> None: ...
@@ -134,14 +151,15 @@ class PacketSelector:
     def select(self, points: npt.NDArray[np.uint8]) -> dict[str, Any]: ...
 
 def las_waveform_columns(
-    points: npt.NDArray[np.uint8],
+    runs: list[tuple[npt.NDArray[np.uint8], npt.NDArray[np.int64]]],
     format: int,
     size: int,
     scales: npt.NDArray[np.float64],
     offsets: npt.NDArray[np.float64],
 ) -> dict[str, Any]: ...
 def las_return_columns(
-    points: npt.NDArray[np.uint8],
+    runs: list[tuple[npt.NDArray[np.uint8], npt.NDArray[np.int64]]],
+    owners: npt.NDArray[np.int64],
     format: int,
     size: int,
     scales: npt.NDArray[np.float64],

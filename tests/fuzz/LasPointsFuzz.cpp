@@ -1,4 +1,5 @@
 // Points of LAS files with arbitrary fields, and packets with arbitrary places.
+#include <algorithm>
 #include <set>
 
 #include <native/las/PacketSelection.h>
@@ -29,10 +30,8 @@ PacketRules arbitraryRules(Bytes& bytes) {
   return rules;
 }
 
-void checkSelection(PointRecords const& points, PacketRules const& rules, PointLayout const& layout,
-                    Selection const& found) {
-  PointRecords const waveforms(found.waveforms, layout);
-  PointRecords const pulses(found.pulses, layout);
+void checkSelection(PointRecords const& points, PacketRules const& rules, PointList const& waveforms,
+                    PointList const& pulses, Selection const& found) {
   require(pulses.count() == found.owners.size(), "an owner for each point of a pulse");
   require(found.withoutPacket + found.sharing + found.faults.size() + waveforms.count() == points.count(),
           "every point is counted once");
@@ -64,9 +63,16 @@ void read(Bytes& bytes) {
     std::vector<std::uint8_t> const records = bytes.values<std::uint8_t>(count * layout.size);
     PointRecords const points(records, layout);
     survey.add(records);
-    checkSelection(points, rules, layout, selector.select(records));
-    require(waveformColumns(points, {}).times.size() == points.count(), "a row for each point");
-    require(returnColumns(points, {}).counts.size() == points.count(), "a row for each point");
+    Selection const found = selector.select(records);
+    PointList waveforms(layout);
+    waveforms.add(records, found.waveforms);
+    PointList pulses(layout);
+    pulses.add(records, found.pulses);
+    checkSelection(points, rules, waveforms, pulses, found);
+    require(waveformColumns(waveforms, {}).times == found.times, "a row for each waveform");
+    ReturnColumns const returns = returnColumns(pulses, found.owners, {});
+    require(returns.counts.size() == returns.owners.size(), "an owner for each return");
+    require(std::is_sorted(returns.owners.begin(), returns.owners.end()), "owners ascend");
   }
 }
 

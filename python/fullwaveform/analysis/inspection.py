@@ -16,13 +16,12 @@ from fullwaveform.analysis.histograms import (
     value_histogram,
 )
 from fullwaveform.analysis.origin import FileOrigin, origin_of
-from fullwaveform.analysis.places import ends_of
 from fullwaveform.calibration.calibration import Calibration, measure
-from fullwaveform.calibration.levels import samples_by_receiver
-from fullwaveform.calibration.waveform_levels import waveform_levels
-from fullwaveform.core.sample_statistics import SampleStatistics
+from fullwaveform.calibration.waveform_levels import WaveformLevels
+from fullwaveform.core.sample_statistics import PlaceBounds, SampleStatistics
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
+from fullwaveform.data.summaries import distinct_with_counts
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.las.descriptors import WaveformDescriptor
 from fullwaveform.io.las.reader import LasWaveformReader
@@ -164,28 +163,33 @@ class _Sums:
         self.point_sources: Counter[int] = Counter()
         self.per_shot: Counter[int] = Counter()
         self.times = (np.inf, -np.inf)
-        self.lower, self.upper = np.full(3, np.inf), np.full(3, -np.inf)
+        self.bounds = PlaceBounds()
         self.samples = SampleStatistics()
 
     def add(self, block: WaveformBlock) -> None:
         self.waveforms += len(block)
         self.sample_counts.update(_counted(block.counts))
-        femtoseconds = _counted(np.rint(block.sampling_intervals * _FEMTOSECONDS))
-        self.intervals.update({key / _FEMTOSECONDS: n for key, n in femtoseconds.items()})
+        for interval, n in distinct_with_counts(block.sampling_intervals):
+            self.intervals[round(interval * _FEMTOSECONDS) / _FEMTOSECONDS] += n
         self.channels.update(_counted(block.channel_flags))
         self.numbers.update(_counted(block.descriptors))
         self.point_sources.update(_counted(block.attributes.point_source_id))
-        per_shot = np.unique(block.shot_times, return_counts=True)[1]
-        self.per_shot.update(_counted(per_shot))
-        times = block.attributes.gps_time[np.isfinite(block.attributes.gps_time)]
+        self.per_shot.update(_counted(_waveforms_per_shot(block.shot_times)))
+        times = block.attributes.gps_time
+        is_finite = np.isfinite(times)
+        times = times if is_finite.all() else times[is_finite]
         self.times = (
             min(self.times[0], float(times.min(initial=np.inf))),
             max(self.times[1], float(times.max(initial=-np.inf))),
         )
-        for places in ends_of(block):
-            places = places[np.isfinite(places).all(axis=1)]
-            self.lower = np.minimum(self.lower, places.min(axis=0, initial=np.inf))
-            self.upper = np.maximum(self.upper, places.max(axis=0, initial=-np.inf))
+        geometry = block.geometry
+        self.bounds.add(
+            np.ascontiguousarray(geometry.anchor),
+            np.ascontiguousarray(geometry.location),
+            np.ascontiguousarray(geometry.direction),
+            np.ascontiguousarray(block.sampling_intervals),
+            block.counts,
+        )
         self.samples.add(np.ascontiguousarray(block.samples), block.counts)
 
     def origin(self, reader: WaveformReader) -> FileOrigin | None:
@@ -194,11 +198,12 @@ class _Sums:
         Compressors of PulseWaves files leave the box as it was before the first pulse.
         """
         origin = origin_of(reader.header)
-        if origin is None or np.any(self.lower > self.upper):
+        lower, upper = np.array(self.bounds.lower), np.array(self.bounds.upper)
+        if origin is None or np.any(lower > upper):
             return origin
-        if np.all(self.lower <= origin.upper) and np.all(self.upper >= origin.lower):
+        if np.all(lower <= origin.upper) and np.all(upper >= origin.lower):
             return origin
-        return replace(origin, lower=tuple(self.lower.tolist()), upper=tuple(self.upper.tolist()))
+        return replace(origin, lower=tuple(lower.tolist()), upper=tuple(upper.tolist()))
 
     def contents(self, kind: str, reader: WaveformReader) -> FileContents:
         tally = reader.tally
@@ -206,7 +211,8 @@ class _Sums:
         values = self.samples.value_counts
         present = np.flatnonzero(values)
         smallest, largest = (int(present[0]), int(present[-1])) if len(present) else (None, None)
-        baselines, noise = _spread_levels(reader)
+        waveforms: list[WaveformLevels] = []
+        calibration = measure(reader, observe_levels=waveforms.append)
         has_time = bool(np.isfinite(self.times[0]))
         return FileContents(
             format=kind,
@@ -222,9 +228,9 @@ class _Sums:
             waveforms_per_shot=_ascending(self.per_shot),
             first_time=self.times[0] if has_time else None,
             last_time=self.times[1] if has_time else None,
-            baseline=_level(baselines),
-            noise_rms=_level(noise),
-            calibration=measure(reader),
+            baseline=_level([one.baseline for one in waveforms]),
+            noise_rms=_level([np.sqrt(one.mean_square) for one in waveforms]),
+            calibration=calibration,
             smallest=smallest,
             largest=largest,
             bits=(largest or 0).bit_length(),
@@ -251,10 +257,15 @@ def _note_on_short_points(tally: ReadTally) -> list[str]:
 
 
 def _counted(values: AnyArray) -> dict[int, int]:
-    if len(values) > 0 and (values == values[0]).all():  # as in most blocks
-        return {int(values[0]): len(values)}
-    distinct, counts = np.unique(values, return_counts=True)
-    return {int(value): int(n) for value, n in zip(distinct, counts, strict=True)}
+    return {int(value): count for value, count in distinct_with_counts(values)}
+
+
+def _waveforms_per_shot(shot_times: FloatArray) -> IntArray:
+    """Number of waveforms of each shot; those of a shot have equal times, never NaN."""
+    if (shot_times[1:] < shot_times[:-1]).any():
+        return np.unique(shot_times, return_counts=True)[1]
+    starts = np.flatnonzero(shot_times[1:] != shot_times[:-1]) + 1
+    return np.diff(starts, prepend=0, append=len(shot_times))
 
 
 def _ascending(counter: Counter[_Key]) -> dict[_Key, int]:
@@ -266,18 +277,9 @@ def _trimmed(counts: IntArray) -> IntArray:
     return np.trim_zeros(counts, "b")
 
 
-def _spread_levels(reader: WaveformReader) -> tuple[FloatArray, FloatArray]:
-    """Baseline and noise rms of waveforms spread over the file, counts."""
-    baselines, noise = [np.empty(0)], [np.empty(0)]
-    for _, samples in samples_by_receiver(reader.spread_blocks()):
-        levels = waveform_levels(samples)
-        baselines.append(levels.baseline)
-        noise.append(np.sqrt(levels.mean_square))
-    return np.concatenate(baselines), np.concatenate(noise)
-
-
-def _level(values: FloatArray) -> Level | None:
-    """Median and range; None without values."""
+def _level(parts: list[FloatArray]) -> Level | None:
+    """Median and range of the values of all parts; None without values."""
+    values = np.concatenate([np.empty(0), *parts])
     if len(values) == 0:
         return None
     counts = np.bincount(np.rint(values * _STEPS).astype(np.int64))

@@ -8,7 +8,7 @@ from itertools import chain
 
 import numpy as np
 
-from fullwaveform.calibration.levels import ChannelLevels, measure_levels
+from fullwaveform.calibration.levels import ChannelLevels, LevelsObserver, measure_levels
 from fullwaveform.calibration.outgoing_phase import OutgoingPhase, measure_outgoing_phase
 from fullwaveform.calibration.phase_choice import PhaseChoice
 from fullwaveform.calibration.pulse_choice import PulseChoice
@@ -65,6 +65,7 @@ def measure(
     reader: WaveformReader,
     outgoing_phase: PhaseChoice = "auto",
     pulse: PulseChoice | tuple[ReceiverModel, ...] | None = None,
+    observe_levels: LevelsObserver | None = None,
 ) -> Calibration:
     """Measure the file of an open reader, on waveforms spread over it.
 
@@ -75,6 +76,7 @@ def measure(
     reader : not changed otherwise
     outgoing_phase : whether the phase of the outgoing pulses is taken off
     pulse : pulses of which models are made, or known models; None: no models
+    observe_levels : as in `measure_levels`
 
     Raises
     ------
@@ -92,9 +94,10 @@ def measure(
     is_phase_measured = outgoing_phase != "off" and reader.times_from_outgoing
     reader.with_outgoing = is_phase_measured or (isinstance(pulse, str) and reader.has_outgoing)
     if not (is_phase_measured or isinstance(pulse, str)):
-        return Calibration(measure_levels(reader.spread_blocks()), pulse_models=pulse or ())
+        levels = measure_levels(reader.spread_blocks(), observe_levels)
+        return Calibration(levels, pulse_models=pulse or ())
     blocks = list(reader.spread_blocks())
-    calibration = Calibration(measure_levels(blocks))
+    calibration = Calibration(measure_levels(blocks, observe_levels))
     if is_phase_measured:
         phase = measure_outgoing_phase(blocks, calibration.thresholds, outgoing_phase)
         calibration = replace(calibration, outgoing_phase=phase)

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import math
-from collections.abc import Iterable, Iterator, Mapping, Sequence
+from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
 from dataclasses import dataclass, replace
 
 import numpy as np
@@ -19,6 +19,9 @@ from fullwaveform.core.constants import MAX_COUNT
 from fullwaveform.data.arrays import BoolArray, FloatArray, UInt16Array
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.summaries import distinct, median
+
+#: Called with the levels of waveforms that were measured.
+LevelsObserver = Callable[[WaveformLevels], None]
 
 _THRESHOLD_FACTOR = 5.0  # noise rms above the baseline
 #: Counts, of values that are rounded to counts.
@@ -63,8 +66,13 @@ class ChannelLevels:
         return min(math.ceil(baseline + self.margin), MAX_COUNT)
 
 
-def measure_levels(blocks: Iterable[WaveformBlock]) -> tuple[ChannelLevels, ...]:
-    """The levels of each channel flag and descriptor that the waveforms of the blocks have."""
+def measure_levels(
+    blocks: Iterable[WaveformBlock], observe: LevelsObserver | None = None
+) -> tuple[ChannelLevels, ...]:
+    """The levels of each channel flag and descriptor that the waveforms of the blocks have.
+
+    `observe` is called with the levels of the single waveforms, in parts.
+    """
     found: dict[tuple[int, int], list[tuple[WaveformLevels, LagProducts]]] = {}
     tops: dict[tuple[int, int], list[TopSamples]] = {}
     for receiver, samples in samples_by_receiver(blocks):
@@ -74,6 +82,10 @@ def measure_levels(blocks: Iterable[WaveformBlock]) -> tuple[ChannelLevels, ...]
             levels_and_products(samples[first : first + step])
             for first in range(0, len(samples), step)
         )
+    if observe is not None:
+        for parts in found.values():
+            for levels, _ in parts:
+                observe(levels)
     return tuple(
         replace(
             _channel_levels(flag, descriptor, parts),

@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterable
+from collections.abc import Iterable, Sequence
 from dataclasses import dataclass
 
 import numpy as np
@@ -53,12 +53,51 @@ def survey_of(chunks: Iterable[RecordArray], layout: PointLayout) -> Survey:
 
 
 @dataclass(frozen=True, slots=True)
-class Selection:
-    """The waveforms that points refer to, and all points of their pulses."""
+class PointRun:
+    """Points of whole shots: those that stand for waveforms, and all of the pulses of these."""
 
-    waveforms: RecordArray  # (k,) first point of each new and readable waveform
-    pulses: RecordArray  # (r,) points of their pulses, ascending by owner
-    owners: IntArray  # (r,) of these: first waveform of the pulse, or the one of the packet
+    points: RecordArray  # (n,)
+    waveforms: IntArray  # (k,), index of the first point of each new and readable waveform
+    times: FloatArray  # (k,), GPS times of these, s
+    pulses: IntArray  # (r,), indices of the points of their pulses, ascending by owner
+    owners: IntArray  # (r,), of these: first waveform of the pulse, or the one of the packet
+
+    def split(self, waveforms: int) -> tuple[PointRun, PointRun]:
+        """The points of the first waveforms, and those of the others, whose numbers restart."""
+        cut = int(np.searchsorted(self.owners, waveforms))
+        first = PointRun(
+            self.points,
+            self.waveforms[:waveforms],
+            self.times[:waveforms],
+            self.pulses[:cut],
+            self.owners[:cut],
+        )
+        rest = PointRun(
+            self.points,
+            self.waveforms[waveforms:],
+            self.times[waveforms:],
+            self.pulses[cut:],
+            self.owners[cut:] - waveforms,
+        )
+        return first, rest
+
+    def without_others(self) -> PointRun:
+        """The same with a copy of only those points that belong to pulses."""
+        used = np.unique(self.pulses)
+        return PointRun(
+            self.points[used],
+            np.searchsorted(used, self.waveforms),
+            self.times,
+            np.searchsorted(used, self.pulses),
+            self.owners,
+        )
+
+
+@dataclass(frozen=True, slots=True)
+class Selection:
+    """What a run of points refers to."""
+
+    run: PointRun
     faulty: RecordArray  # (f,) points with an unreadable waveform
     faults: UInt8Array  # (f,) `PacketFault` of each
     without_packet: int  # points
@@ -111,10 +150,9 @@ class PacketSelector:
     def select(self, points: RecordArray) -> Selection:
         """Select among the points (n,) of whole shots."""
         found = self._selector.select(_bytes_of(points))
+        run = PointRun(points, found["waveforms"], found["times"], found["pulses"], found["owners"])
         return Selection(
-            waveforms=found["waveforms"].view(points.dtype),
-            pulses=found["pulses"].view(points.dtype),
-            owners=found["owners"],
+            run=run,
             faulty=points[found["faulty"]],
             faults=found["faults"],
             without_packet=found["without_packet"],
@@ -133,12 +171,11 @@ class WaveformPoints:
 
 
 def waveform_points(
-    points: RecordArray, layout: PointLayout, scales: FloatArray, offsets: FloatArray
+    runs: Sequence[PointRun], layout: PointLayout, scales: FloatArray, offsets: FloatArray
 ) -> WaveformPoints:
-    """Fields of the points (n,); scales and offsets (3,) of coordinates are those of the file."""
-    found = _core.las_waveform_columns(
-        _bytes_of(points), layout.format, layout.size, scales, offsets
-    )
+    """Fields of the waveforms' points; scales and offsets (3,) of coordinates are the file's."""
+    chosen = [(_bytes_of(run.points), run.waveforms) for run in runs]
+    found = _core.las_waveform_columns(chosen, layout.format, layout.size, scales, offsets)
     return WaveformPoints(
         geometry=PulseGeometry(
             anchor=found["anchors"].reshape(-1, 3),
@@ -162,6 +199,12 @@ def waveform_points(
 class ReturnPoints:
     """Fields of the points of pulses as discrete returns, one entry per point."""
 
+    #: Whether withheld points and those without a finite location are left out, and the others
+    #: ascend by owner and then by location. Otherwise, all are as they were given, because some
+    #: have no packet.
+    ordered: bool
+    points: IntArray  # (r,), index among the points that were given
+    owners: IntArray  # (r,), waveform in which the return lies
     places: FloatArray  # (r, 3), coordinate units of the file
     locations: FloatArray  # (r,), ps after the first sample
     descriptors: UInt8Array  # (r,), 0 without a packet
@@ -173,10 +216,17 @@ class ReturnPoints:
 
 
 def return_points(
-    points: RecordArray, layout: PointLayout, scales: FloatArray, offsets: FloatArray
+    runs: Sequence[PointRun], layout: PointLayout, scales: FloatArray, offsets: FloatArray
 ) -> ReturnPoints:
-    """Fields of the points (r,); scales and offsets (3,) of coordinates are those of the file."""
-    found = _core.las_return_columns(_bytes_of(points), layout.format, layout.size, scales, offsets)
+    """Fields of the pulses' points, as `waveform_points`; owners count over all runs."""
+    first, owners = 0, []
+    for run in runs:
+        owners.append(run.owners + first)
+        first += len(run.waveforms)
+    chosen = [(_bytes_of(run.points), run.pulses) for run in runs]
+    found = _core.las_return_columns(
+        chosen, np.concatenate(owners), layout.format, layout.size, scales, offsets
+    )
     found["places"] = found["places"].reshape(-1, 3)
     return ReturnPoints(**found)
 

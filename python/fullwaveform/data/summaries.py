@@ -21,7 +21,12 @@ def median(values: FloatArray) -> FloatArray:
 
 def distinct(values: AnyArray) -> list[Any]:
     """The different values of a column, ascending."""
+    return [value for value, _ in distinct_with_counts(values)]
+
+
+def distinct_with_counts(values: AnyArray) -> list[tuple[Any, int]]:
+    """The different values of a column, ascending, and how often each occurs."""
     if len(values) > 0 and (values == values[0]).all():  # as in most blocks
-        return [values[0].item()]
-    found: list[Any] = np.unique(values, return_counts=True)[0].tolist()
-    return found
+        return [(values[0].item(), len(values))]
+    found, counts = np.unique(values, return_counts=True)
+    return list(zip(found.tolist(), counts.tolist(), strict=True))

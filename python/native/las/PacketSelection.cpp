@@ -47,10 +47,11 @@ std::optional<Fault> faultOf(Point const& point, PacketRules const& rules) {
 /// Finds the first waveform of a shot by its time.
 class ShotsByTime {
  public:
-  ShotsByTime(PointRecords const& points, std::span<std::size_t const> selected) {
-    shots.reserve(selected.size());
-    for (std::size_t const point : selected) {
-      shots.emplace_back(points[point].time(), static_cast<std::int64_t>(shots.size()));
+  /// @param times  of each waveform
+  explicit ShotsByTime(std::span<double const> times) {
+    shots.reserve(times.size());
+    for (double const time : times) {
+      shots.emplace_back(time, static_cast<std::int64_t>(shots.size()));
     }
     if (!std::is_sorted(shots.begin(), shots.end())) {
       std::sort(shots.begin(), shots.end());  // times are finite
@@ -68,10 +69,6 @@ class ShotsByTime {
  private:
   std::vector<std::pair<double, std::int64_t>> shots;
 };
-
-void append(std::vector<std::uint8_t>& bytes, std::span<std::uint8_t const> record) {
-  bytes.insert(bytes.end(), record.begin(), record.end());
-}
 
 }  // namespace
 
@@ -92,7 +89,7 @@ PacketSelector::PacketSelector(PointLayout const& layout, PacketRules const& rul
 Selection PacketSelector::select(std::span<std::uint8_t const> bytes) {
   PointRecords const points(bytes, layout);
   Selection found;
-  prepareTable(points.count());
+  prepare(points.count());
   selectWaveforms(points, found);
   assignOwners(points, found);
   for (std::uint64_t const cell : cellsNow) {
@@ -102,25 +99,67 @@ Selection PacketSelector::select(std::span<std::uint8_t const> bytes) {
   return found;
 }
 
-void PacketSelector::prepareTable(std::size_t points) {
+void PacketSelector::prepare(std::size_t points) {
   packets.clear();
+  slots.clear();
   packetOfPoint.assign(points, 0);
-  selected.clear();
-  slots.assign(std::bit_ceil(2 * points + 1), Slot());
 }
 
 /// Index of the packet at the offset, new if `point` is the first one with it.
 std::size_t PacketSelector::packetAt(std::uint64_t offset, std::size_t point) {
+  if (slots.empty()) {
+    if (packets.empty() || offset > packets.back().offset) {
+      return addPacket(offset, point);
+    }
+    if (std::optional<std::size_t> const packet = ascendingPacketAt(offset)) {
+      return *packet;
+    }
+    fillTable();
+  }
+  std::uint64_t& slot = slotOf(offset);
+  if (slot == 0) {
+    addPacket(offset, point);
+    slot = packets.size();
+  }
+  return static_cast<std::size_t>(slot - 1);
+}
+
+/// Scanners write packets in the order of time: most points have one of the last packets.
+std::optional<std::size_t> PacketSelector::ascendingPacketAt(std::uint64_t offset) const {
+  constexpr std::size_t near = 4;
+  std::size_t const count = packets.size();
+  for (std::size_t back = 1; back <= std::min(near, count); ++back) {
+    if (packets[count - back].offset == offset) {
+      return count - back;
+    }
+  }
+  auto const packet =
+      std::lower_bound(packets.begin(), packets.end(), offset,
+                       [](Packet const& one, std::uint64_t other) { return one.offset < other; });
+  bool const isFound = packet != packets.end() && packet->offset == offset;
+  return isFound ? std::optional(static_cast<std::size_t>(packet - packets.begin())) : std::nullopt;
+}
+
+std::size_t PacketSelector::addPacket(std::uint64_t offset, std::size_t point) {
+  packets.push_back({offset, point});
+  return packets.size() - 1;
+}
+
+/// Where the packet at the offset is, or will be, in the table.
+std::uint64_t& PacketSelector::slotOf(std::uint64_t offset) {
   std::size_t const mask = slots.size() - 1;
   std::size_t place = static_cast<std::size_t>(mixed(offset)) & mask;
-  while (slots[place].packet != 0 && slots[place].offset != offset) {
+  while (slots[place] != 0 && packets[static_cast<std::size_t>(slots[place] - 1)].offset != offset) {
     place = (place + 1) & mask;
   }
-  if (slots[place].packet == 0) {
-    packets.push_back({point});
-    slots[place] = {offset, packets.size()};
+  return slots[place];
+}
+
+void PacketSelector::fillTable() {
+  slots.assign(std::bit_ceil(2 * packetOfPoint.size() + 1), 0);
+  for (std::size_t packet = 0; packet < packets.size(); ++packet) {
+    slotOf(packets[packet].offset) = packet + 1;
   }
-  return static_cast<std::size_t>(slots[place].packet - 1);
 }
 
 bool PacketSelector::isInside(std::uint64_t offset, std::int64_t size) const {
@@ -129,7 +168,8 @@ bool PacketSelector::isInside(std::uint64_t offset, std::int64_t size) const {
 }
 
 void PacketSelector::selectWaveforms(PointRecords const& points, Selection& found) {
-  found.waveforms.reserve(points.count() * layout.size);
+  found.waveforms.reserve(points.count());
+  found.times.reserve(points.count());
   for (std::size_t i = 0; i < points.count(); ++i) {
     Point const point = points[i];
     if (point.descriptor() == 0) {
@@ -162,20 +202,20 @@ void PacketSelector::selectWaveforms(PointRecords const& points, Selection& foun
       found.faults.push_back(*fault);
       continue;
     }
-    packets[packet].waveform = static_cast<std::int64_t>(selected.size());
-    selected.push_back(i);
-    append(found.waveforms, points.record(i));
+    packets[packet].waveform = static_cast<std::int64_t>(found.waveforms.size());
+    found.waveforms.push_back(static_cast<std::int64_t>(i));
+    found.times.push_back(point.time());
   }
 }
 
 /// Points of a packet belong to its waveform if they also have its GPS time; without times, if they follow
 /// each other in the file. Points without a packet belong to the pulse with their GPS time.
 void PacketSelector::assignOwners(PointRecords const& points, Selection& found) {
-  ShotsByTime const shots(
-      points, found.withoutPacket > 0 && !rules.withoutTimes ? selected : std::vector<std::size_t>());
+  bool const needsShots = found.withoutPacket > 0 && !rules.withoutTimes;
+  ShotsByTime const shots(needsShots ? std::span<double const>(found.times) : std::span<double const>());
   std::vector<std::int64_t> owners(points.count(), none);
   std::vector<std::size_t> runs(rules.withoutTimes ? points.count() : 0);  // of points with equal packet
-  std::vector<std::size_t> ends(selected.size() + 1);  // of the points of each waveform, counted first
+  std::vector<std::size_t> ends(found.waveforms.size() + 1);  // of the points of each waveform, counted first
   for (std::size_t i = 0; i < points.count(); ++i) {
     Point const point = points[i];
     if (rules.withoutTimes && i > 0) {
@@ -193,21 +233,17 @@ void PacketSelector::assignOwners(PointRecords const& points, Selection& found) 
       ++ends[static_cast<std::size_t>(owners[i]) + 1];
     }
   }
-  for (std::size_t waveform = 0; waveform < selected.size(); ++waveform) {
+  for (std::size_t waveform = 0; waveform < found.waveforms.size(); ++waveform) {
     ends[waveform + 1] += ends[waveform];
   }
-  std::vector<std::size_t> order(ends.back());
-  found.owners.resize(order.size());
+  found.pulses.resize(ends.back());
+  found.owners.resize(ends.back());
   for (std::size_t i = 0; i < points.count(); ++i) {
     if (owners[i] != none) {
       std::size_t const place = ends[static_cast<std::size_t>(owners[i])]++;
-      order[place] = i;
+      found.pulses[place] = static_cast<std::int64_t>(i);
       found.owners[place] = owners[i];
     }
-  }
-  found.pulses.reserve(order.size() * layout.size);
-  for (std::size_t const i : order) {
-    append(found.pulses, points.record(i));
   }
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -34,10 +35,11 @@ struct PacketRules {
   bool withoutTimes = false;  // all points have the same GPS time, which identifies no shot
 };
 
-/// The waveforms that points refer to, and all points of their pulses.
+/// The waveforms that points refer to, and all points of their pulses; points by their index.
 struct Selection {
-  std::vector<std::uint8_t> waveforms;  // records of the first point of each new and readable waveform
-  std::vector<std::uint8_t> pulses;     // records of the points of their pulses, ascending by owner
+  std::vector<std::int64_t> waveforms;  // first point of each new and readable waveform
+  std::vector<double> times;            // of these, s
+  std::vector<std::int64_t> pulses;     // points of their pulses, ascending by owner
   std::vector<std::int64_t> owners;     // of these: the first waveform of the pulse, or the one of the packet
   std::vector<std::int64_t> faulty;     // index of each point with an unreadable waveform
   std::vector<Fault> faults;            // of these
@@ -81,17 +83,16 @@ class PacketSelector {
 
   /// Points that share a packet.
   struct Packet {
+    std::uint64_t offset;
     std::size_t first;             // point
     std::int64_t waveform = none;  // index among those selected
   };
-  /// Entry of a hash table of packet offsets.
-  struct Slot {
-    std::uint64_t offset = 0;
-    std::uint64_t packet = 0;  // 1 + index; 0: free
-  };
-
   std::size_t packetAt(std::uint64_t offset, std::size_t point);
-  void prepareTable(std::size_t points);
+  std::optional<std::size_t> ascendingPacketAt(std::uint64_t offset) const;
+  std::size_t addPacket(std::uint64_t offset, std::size_t point);
+  std::uint64_t& slotOf(std::uint64_t offset);
+  void prepare(std::size_t points);
+  void fillTable();
   void selectWaveforms(PointRecords const& points, Selection& found);
   bool isInside(std::uint64_t offset, std::int64_t size) const;
   void assignOwners(PointRecords const& points, Selection& found);
@@ -102,10 +103,9 @@ class PacketSelector {
   BitField seen;
   BitField seenNow;                        // in this run of points
   std::vector<std::uint64_t> cellsNow;     // of these bits
-  std::vector<Slot> slots;                 // a power of two
-  std::vector<Packet> packets;             // of this run
+  std::vector<Packet> packets;             // of this run of points
+  std::vector<std::uint64_t> slots;        // 1 + index of a packet; empty while the packets ascend by offset
   std::vector<std::size_t> packetOfPoint;  // index in `packets`
-  std::vector<std::size_t> selected;       // points
 };
 
 }  // namespace Las

@@ -32,6 +32,9 @@ struct WaveformColumns {
 
 /// Fields of the points of pulses as discrete returns.
 struct ReturnColumns {
+  std::vector<std::int64_t> points;  // index of the point of each
+  std::vector<std::int64_t> owners;
+  bool areOrdered = false;
   std::vector<double> places;
   std::vector<double> locations;  // ps after the first sample
   std::vector<std::uint8_t> descriptors;
@@ -42,7 +45,14 @@ struct ReturnColumns {
   std::vector<std::uint8_t> classes;
 };
 
-WaveformColumns waveformColumns(PointRecords const& points, Scaling const& scaling);
-ReturnColumns returnColumns(PointRecords const& points, Scaling const& scaling);
+WaveformColumns waveformColumns(PointList const& points, Scaling const& scaling);
+
+/// Returns that are not withheld and have a finite location, ascending by owner and then by location; if any
+/// point has no packet and so no location, all points as they are.
+///
+/// @param owners  of the points, ascending: waveform in which the return lies
+/// @throws std::invalid_argument for different numbers of points and owners
+ReturnColumns returnColumns(PointList const& points, std::span<std::int64_t const> owners,
+                            Scaling const& scaling);
 
 }  // namespace Las

@@ -6,6 +6,7 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace Las {
 
@@ -116,6 +117,35 @@ class PointRecords {
  private:
   std::span<std::uint8_t const> bytes;
   PointLayout layout;
+};
+
+/// Chosen points of several runs of records, in the order in which they were added.
+class PointList {
+ public:
+  explicit PointList(PointLayout const& layout) : layout(layout) {}
+
+  /// @param bytes  must outlive the list
+  /// @throws std::invalid_argument unless they are a whole number of records, std::out_of_range for an index
+  ///         without a record
+  void add(std::span<std::uint8_t const> bytes, std::span<std::int64_t const> indices) {
+    PointRecords const points(bytes, layout);
+    records.reserve(records.size() + indices.size());
+    for (std::int64_t const index : indices) {
+      auto const number = static_cast<std::size_t>(index);  // negative ones become large
+      if (number >= points.count()) {
+        throw std::out_of_range("point " + std::to_string(index) + " of " + std::to_string(points.count()));
+      }
+      records.push_back(points.record(number).data());
+    }
+  }
+
+  [[nodiscard]] std::size_t count() const { return records.size(); }
+  /// @param index  below `count()`
+  [[nodiscard]] Point operator[](std::size_t index) const { return {records[index], layout}; }
+
+ private:
+  PointLayout layout;
+  std::vector<std::uint8_t const*> records;
 };
 
 }  // namespace Las

@@ -1,6 +1,7 @@
 #include <native/samples/SampleStatistics.h>
 
 #include <algorithm>
+#include <functional>
 #include <stdexcept>
 #include <string>
 
@@ -25,12 +26,13 @@ void SampleStatistics::add(std::span<std::uint16_t const> samples, std::span<std
 
 void SampleStatistics::addRow(std::span<std::uint16_t const> row) {
   std::size_t i = 0;
-  for (; i + 1 < row.size(); i += 2) {
-    ++even[row[i]];
-    ++odd[row[i + 1]];
+  for (; i + tableCount <= row.size(); i += tableCount) {
+    for (std::size_t table = 0; table < tableCount; ++table) {
+      ++tables[table][row[i + table]];
+    }
   }
-  if (i < row.size()) {
-    ++even[row[i]];
+  for (; i < row.size(); ++i) {
+    ++tables[0][row[i]];
   }
   std::uint16_t highest = 0;
   for (std::uint16_t const value : row) {
@@ -50,9 +52,9 @@ void SampleStatistics::addRow(std::span<std::uint16_t const> row) {
 }
 
 std::vector<std::int64_t> SampleStatistics::valueCounts() const {
-  std::vector<std::int64_t> counts(even);
-  for (std::size_t value = 0; value < values; ++value) {
-    counts[value] += odd[value];
+  std::vector<std::int64_t> counts(values);
+  for (Table const& table : tables) {
+    std::transform(counts.begin(), counts.end(), table.begin(), counts.begin(), std::plus<>());
   }
   return counts;
 }

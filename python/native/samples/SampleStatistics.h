@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -30,8 +31,9 @@ class SampleStatistics {
   void addRow(std::span<std::uint16_t const> row);
 
   // Neighbouring samples are often equal; in one table the second would wait for the first.
-  std::vector<std::int64_t> even = std::vector<std::int64_t>(values);
-  std::vector<std::int64_t> odd = std::vector<std::int64_t>(values);
+  static constexpr std::size_t tableCount = 4;
+  using Table = std::vector<std::int64_t>;
+  std::array<Table, tableCount> tables{Table(values), Table(values), Table(values), Table(values)};
   std::vector<std::int64_t> maxima = std::vector<std::int64_t>(values);
   std::uint16_t largest = 0;
   std::int64_t plateauCount = 0;

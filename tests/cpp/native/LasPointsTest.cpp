@@ -59,25 +59,23 @@ PacketRules rules(bool withoutTimes = false) {
   return rules;
 }
 
-std::vector<std::uint64_t> offsetsOf(Bytes const& records) {
-  std::vector<std::uint64_t> offsets;
-  PointLayout const layout = PointLayout::of(9, size9);
-  PointRecords const points(records, layout);
-  for (std::size_t i = 0; i < points.count(); ++i) {
-    offsets.push_back(points[i].packetOffset());
-  }
-  return offsets;
-}
-
-using Offsets = std::vector<std::uint64_t>;
+using Indices = std::vector<std::int64_t>;
 using Owners = std::vector<std::int64_t>;
+
+PointList listOf(Bytes const& records, Indices const& indices = {0},
+                 PointLayout const& layout = PointLayout::of(9, size9)) {
+  PointList points(layout);
+  points.add(records, indices);
+  return points;
+}
 
 TEST(PacketSelector, FirstPointOfAPacketStandsForItsWaveform) {
   PacketSelector selector(PointLayout::of(9, size9), rules());
   Selection const found =
       selector.select(joined({point(1.0, 1, 80), point(1.0, 2, 60), point(1.0, 1, 80), point(2.0, 1, 100)}));
-  EXPECT_EQ(offsetsOf(found.waveforms), (Offsets{80, 60, 100}));
-  EXPECT_EQ(offsetsOf(found.pulses), (Offsets{80, 80, 60, 100}));
+  EXPECT_EQ(found.waveforms, (Indices{0, 1, 3}));
+  EXPECT_EQ(found.times, (std::vector<double>{1.0, 1.0, 2.0}));
+  EXPECT_EQ(found.pulses, (Indices{0, 2, 1, 3}));
   EXPECT_EQ(found.owners, (Owners{0, 0, 1, 2}));
   EXPECT_EQ(found.sharing, 1U);
   EXPECT_TRUE(found.faults.empty());
@@ -87,8 +85,20 @@ TEST(PacketSelector, PacketsOfEarlierPointsAreNotSelectedAgain) {
   PacketSelector selector(PointLayout::of(9, size9), rules());
   selector.select(point(1.0, 1, 70));
   Selection const found = selector.select(joined({point(2.0, 1, 70), point(2.0, 1, 80), point(2.0, 1, 70)}));
-  EXPECT_EQ(offsetsOf(found.waveforms), (Offsets{80}));
+  EXPECT_EQ(found.waveforms, (Indices{1}));
   EXPECT_EQ(found.sharing, 2U);
+}
+
+// The search changes at the first packet that precedes an earlier one.
+TEST(PacketSelector, PacketsMayDescendAfterManyThatAscend) {
+  PacketSelector selector(PointLayout::of(9, size9), rules());
+  Selection const found =
+      selector.select(joined({point(1.0, 1, 60), point(1.0, 1, 80), point(1.0, 1, 90), point(1.0, 1, 100),
+                              point(1.0, 1, 110), point(1.0, 1, 120), point(1.0, 1, 60), point(1.0, 1, 70),
+                              point(1.0, 1, 80), point(1.0, 1, 130), point(1.0, 1, 70)}));
+  EXPECT_EQ(found.waveforms, (Indices{0, 1, 2, 3, 4, 5, 7, 9}));
+  EXPECT_EQ(found.pulses, (Indices{0, 6, 1, 8, 2, 3, 4, 5, 7, 10, 9}));
+  EXPECT_EQ(found.sharing, 3U);
 }
 
 TEST(PacketSelector, FaultsAreNamedInTheOrderOfTheChecks) {
@@ -103,7 +113,7 @@ TEST(PacketSelector, FaultsAreNamedInTheOrderOfTheChecks) {
   EXPECT_EQ(found.faults,
             (std::vector<Fault>{Fault::outside, Fault::outside, Fault::outside, Fault::overlapping,
                                 Fault::wrongSize, Fault::tooLong, Fault::noTime, Fault::notGeoreferenced}));
-  EXPECT_EQ(offsetsOf(found.waveforms), (Offsets{100, 190}));
+  EXPECT_EQ(found.waveforms, (Indices{3, 9}));
 }
 
 TEST(PacketSelector, PointsWithoutPacketBelongToTheFirstWaveformOfTheirShot) {
@@ -111,7 +121,7 @@ TEST(PacketSelector, PointsWithoutPacketBelongToTheFirstWaveformOfTheirShot) {
   Selection const found = selector.select(
       joined({point(1.0, 1, 60), point(1.0, 2, 70), point(1.0, 0, 0), point(2.0, 0, 0), point(3.0, 1, 80)}));
   EXPECT_EQ(found.owners, (Owners{0, 0, 1, 2}));
-  EXPECT_EQ(offsetsOf(found.pulses), (Offsets{60, 0, 70, 80}));
+  EXPECT_EQ(found.pulses, (Indices{0, 2, 1, 4}));
   EXPECT_EQ(found.withoutPacket, 2U);
 }
 
@@ -181,7 +191,7 @@ TEST(PointColumns, FieldsOfFormat9) {
   put(record, 20, std::uint16_t{77});
   put(record, 43, 1250.0F);
   put(record, 55, -0.5F);
-  PointRecords const points(record, PointLayout::of(9, size9));
+  PointList const points = listOf(record);
   Scaling const scaling{{0.5, 0.25, 0.125}, {10.0, 20.0, 30.0}};
   WaveformColumns const waveforms = waveformColumns(points, scaling);
   EXPECT_EQ(waveforms.anchors, (std::vector<double>{60.0, -30.0, 67.5}));
@@ -195,9 +205,12 @@ TEST(PointColumns, FieldsOfFormat9) {
   EXPECT_EQ(waveforms.sources, std::vector<std::uint16_t>{77});
   EXPECT_EQ(waveforms.packetOffsets, std::vector<std::int64_t>{333});
   EXPECT_EQ(waveforms.descriptors, Bytes{4});
-  ReturnColumns const returns = returnColumns(points, scaling);
+  record[15] = 0xC0;  // not withheld
+  ReturnColumns const returns = returnColumns(points, std::array<std::int64_t, 1>{3}, scaling);
+  EXPECT_TRUE(returns.areOrdered);
+  EXPECT_EQ(returns.owners, Owners{3});
   EXPECT_EQ(returns.places, waveforms.anchors);
-  EXPECT_EQ(returns.withheld, Bytes{1});
+  EXPECT_EQ(returns.withheld, Bytes{0});
   EXPECT_EQ(returns.numbers, Bytes{2});
   EXPECT_EQ(returns.counts, Bytes{5});
   EXPECT_EQ(returns.intensities, std::vector<std::uint16_t>{4321});
@@ -214,7 +227,7 @@ TEST(PointColumns, FieldsOfFormat4) {
   record[28] = 4;
   put(record, 29, std::uint64_t{333});
   put(record, 41, 1250.0F);
-  PointRecords const points(record, PointLayout::of(4, 57));
+  PointList const points = listOf(record, {0}, PointLayout::of(4, 57));
   WaveformColumns const waveforms = waveformColumns(points, {});
   EXPECT_EQ(waveforms.times, std::vector<double>{7.5});
   EXPECT_EQ(waveforms.scanAngles, std::vector<float>{-12.0F});
@@ -223,12 +236,49 @@ TEST(PointColumns, FieldsOfFormat4) {
   EXPECT_EQ(waveforms.sources, std::vector<std::uint16_t>{77});
   EXPECT_EQ(waveforms.packetOffsets, std::vector<std::int64_t>{333});
   EXPECT_EQ(waveforms.locations, std::vector<double>{1250.0});
-  ReturnColumns const returns = returnColumns(points, {});
-  EXPECT_EQ(returns.withheld, Bytes{1});
+  EXPECT_TRUE(returnColumns(points, std::array<std::int64_t, 1>{0}, {}).counts.empty());  // withheld
+  record[15] = 0x05;
+  ReturnColumns const returns = returnColumns(points, std::array<std::int64_t, 1>{0}, {});
   EXPECT_EQ(returns.numbers, Bytes{2});
   EXPECT_EQ(returns.counts, Bytes{3});
   EXPECT_EQ(returns.classes, Bytes{5});
   EXPECT_EQ(returns.descriptors, Bytes{4});
+}
+
+Bytes returnAt(float location, int descriptor = 1) {
+  Bytes record = point(1.0, descriptor, 60);
+  put(record, 43, location);
+  return record;
+}
+
+TEST(PointColumns, ReturnsOfAWaveformAreInOrderOfTheirLocations) {
+  Bytes withheld = returnAt(1.0F);
+  withheld[15] = 0x04;
+  Bytes const first = joined({returnAt(5.0F), returnAt(3.0F), withheld});
+  Bytes const second =
+      joined({returnAt(std::numeric_limits<float>::infinity()), returnAt(4.0F), returnAt(2.0F)});
+  PointList points(PointLayout::of(9, size9));
+  points.add(first, Indices{0, 1, 2});
+  points.add(second, Indices{0, 2, 1});
+  Owners const owners{0, 0, 0, 2, 2, 2};
+  ReturnColumns const returns = returnColumns(points, owners, {});
+  EXPECT_EQ(returns.points, (Indices{1, 0, 4, 5}));
+  EXPECT_EQ(returns.owners, (Owners{0, 0, 2, 2}));
+  EXPECT_EQ(returns.locations, (std::vector<double>{3.0, 5.0, 2.0, 4.0}));
+}
+
+TEST(PointColumns, APointWithoutPacketLeavesAllAsTheyAre) {
+  Bytes const records = joined({returnAt(5.0F), returnAt(3.0F), returnAt(0.0F, 0)});
+  ReturnColumns const returns = returnColumns(listOf(records, {0, 1, 2}), Owners{0, 0, 0}, {});
+  EXPECT_FALSE(returns.areOrdered);
+  EXPECT_EQ(returns.locations, (std::vector<double>{5.0, 3.0, 0.0}));
+}
+
+TEST(PointColumns, PointsOutsideAreRefused) {
+  Bytes const records = point(1.0, 1, 60);
+  EXPECT_THROW(listOf(records, {1}), std::out_of_range);
+  EXPECT_THROW(listOf(records, {-1}), std::out_of_range);
+  EXPECT_THROW(returnColumns(listOf(records), Owners{}, {}), std::invalid_argument);
 }
 
 // Heap blocks of exactly the size, so that the address sanitizer detects an access outside.

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Iterator, Mapping
+from collections.abc import Iterator, Mapping, Sequence
 from dataclasses import dataclass
 
 import laspy
@@ -12,6 +12,7 @@ import numpy as np
 from fullwaveform.core.las_points import (
     PacketFault,
     PacketSelector,
+    PointRun,
     Survey,
     survey_of,
     waveform_points,
@@ -27,8 +28,9 @@ from fullwaveform.io.las.descriptors import (
     check_supported,
     read_descriptors,
 )
-from fullwaveform.io.las.points import PointFile, Points, joined, whole_shots
-from fullwaveform.io.las.returns import PulsePoints, discrete_returns
+from fullwaveform.io.las.points import PointFile, Points, whole_shots
+from fullwaveform.io.las.returns import discrete_returns
+from fullwaveform.io.las.waiting_points import WaitingPoints, runs_between
 from fullwaveform.io.las.waveform_packets import RECORD_HEADER_SIZE, open_packets
 from fullwaveform.io.limits import BLOCK_SAMPLES, NO_TIME, OUTSIDE, numbered_shots, too_long
 
@@ -118,19 +120,14 @@ class LasWaveformReader(WaveformReader):
         tally.notes += _notes_on(run.surveyed) + self._notes_on_channels(run.surveyed)
         limit = run.waveforms_per_block
         without_times = run.surveyed.without_times
-        pending = np.empty(0, dtype=self._points.dtype)
-        pulses = PulsePoints(pending, np.empty(0, dtype=np.int64))
+        waiting = WaitingPoints()
         for points in whole_shots(self._points, run.surveyed, limit):
-            kept, of_kept = self._select(points, run)
-            pulses = pulses.followed_by(of_kept, len(pending))
-            pending = joined([pending, kept])
-            while len(pending) >= limit:
-                end = limit if without_times else last_cut(pending["gps_time"], limit)
-                of_block, pulses = pulses.split(end)
-                yield self._pending(pending[:end], of_block, run)
-                pending = pending[end:]
-        if len(pending) > 0:
-            yield self._pending(pending, pulses, run)
+            waiting.add(self._select(points, run))
+            while len(waiting) >= limit:
+                end = limit if without_times else last_cut(waiting.times(), limit)
+                yield self._pending(waiting.take(end), run)
+        if len(waiting) > 0:
+            yield self._pending(waiting.take(len(waiting)), run)
 
     def _survey(self) -> Survey:
         if self._surveyed is None:
@@ -154,22 +151,21 @@ class LasWaveformReader(WaveformReader):
     def _window(self, points: slice) -> WaveformBlock | None:
         found = self._points.read(points.start, points.stop)
         run = self._prepare(survey_of([found], self._points.layout), ReadTally())
-        kept, pulses = self._select(found, run)
-        numbers = points.start + np.arange(len(kept), dtype=np.int64)
-        return self._block(kept, pulses, run, numbers) if len(kept) > 0 else None
+        selected = self._select(found, run)
+        count = len(selected.waveforms)
+        numbers = points.start + np.arange(count, dtype=np.int64)
+        return self._block([selected], run, numbers) if count > 0 else None
 
-    def _pending(self, points: Points, pulses: PulsePoints, run: _Iteration) -> PendingBlock:
+    def _pending(self, runs: list[PointRun], run: _Iteration) -> PendingBlock:
         def read(part: slice, numbers: IntArray) -> WaveformBlock:
-            _, following = pulses.split(part.start)
-            of_part, _ = following.split(part.stop - part.start)
-            return self._block(points[part], of_part, run, numbers)
+            return self._block(runs_between(runs, part.start, part.stop), run, numbers)
 
         def shots() -> tuple[FloatArray, FloatArray]:
-            times: FloatArray = points["gps_time"].astype(np.float64)
-            alone = np.arange(len(points), dtype=np.float64)
+            times = np.concatenate([one.times for one in runs])
+            alone = np.arange(len(times), dtype=np.float64)
             return alone if run.surveyed.without_times else times, times
 
-        return PendingBlock(len(points), read, shots)
+        return PendingBlock(sum(len(one.waveforms) for one in runs), read, shots)
 
     def _prepare(self, surveyed: Survey, tally: ReadTally) -> _Iteration:
         for index in surveyed.descriptors:
@@ -193,8 +189,8 @@ class LasWaveformReader(WaveformReader):
         )
         return _Iteration(tally, surveyed, table, selector, limit)
 
-    def _select(self, points: Points, run: _Iteration) -> tuple[Points, PulsePoints]:
-        """One point of each new and readable waveform, and the points of their pulses.
+    def _select(self, points: Points, run: _Iteration) -> PointRun:
+        """The points of new and readable waveforms and of their pulses.
 
         All others are counted.
         """
@@ -202,10 +198,10 @@ class LasWaveformReader(WaveformReader):
         tally.points += len(points)
         tally.points_without_waveform += found.without_packet
         tally.points_sharing_waveform += found.sharing
-        for fault, reason in self._reasons.items():
+        for fault, reason in self._reasons.items() if len(found.faults) > 0 else ():
             faulty = found.faulty[found.faults == fault]
             tally.reject(reason, len(faulty), (_place(point) for point in faulty))
-        return found.waveforms, PulsePoints(found.pulses, found.owners)
+        return found.run
 
     @property
     def _reasons(self) -> dict[PacketFault, str]:
@@ -219,11 +215,9 @@ class LasWaveformReader(WaveformReader):
             PacketFault.NOT_GEOREFERENCED: NOT_GEOREFERENCED,
         }
 
-    def _block(
-        self, records: Points, pulses: PulsePoints, run: _Iteration, numbers: IntArray
-    ) -> WaveformBlock:
+    def _block(self, runs: Sequence[PointRun], run: _Iteration, numbers: IntArray) -> WaveformBlock:
         file = self._points
-        points = waveform_points(records, file.layout, file.scales, file.offsets)
+        points = waveform_points(runs, file.layout, file.scales, file.offsets)
         index, times = points.descriptors, points.attributes.gps_time
         samples, counts = self._packets.read(points.packet_offsets, index, run.table)
         if run.surveyed.without_times:
@@ -234,13 +228,13 @@ class LasWaveformReader(WaveformReader):
             samples=samples,
             counts=counts,
             shot_times=times,
-            sbl_times=np.zeros(len(records)),
+            sbl_times=np.zeros(len(counts)),
             channel_flags=self._flags[index],
             sampling_intervals=intervals,
             geometry=points.geometry,
             attributes=points.attributes,
             waveform_numbers=numbers,
-            returns=discrete_returns(pulses, file, times, points.geometry, durations),
+            returns=discrete_returns(runs, file, times, points.geometry, durations),
             descriptors=index,
         )
 

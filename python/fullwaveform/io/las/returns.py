@@ -2,42 +2,21 @@
 
 from __future__ import annotations
 
-from dataclasses import dataclass
+from collections.abc import Sequence
 
 import numpy as np
 
-from fullwaveform.core.las_points import return_points
-from fullwaveform.data.arrays import FloatArray, IntArray
+from fullwaveform.core.las_points import PointRun, ReturnPoints, return_points
+from fullwaveform.data.arrays import FloatArray, IntArray, RecordArray
 from fullwaveform.data.blocks import PulseGeometry
 from fullwaveform.data.returns import DiscreteReturns
-from fullwaveform.io.las.points import PointFile, Points, joined
+from fullwaveform.io.las.points import PointFile
 
 _PICOSECONDS = 1e12
 
 
-@dataclass(frozen=True, slots=True)
-class PulsePoints:
-    """All points of the pulses of some waveforms, ascending by `owner`."""
-
-    points: Points  # (r,)
-    owner: IntArray  # (r,), first waveform of the pulse, or the one whose packet the point has
-
-    def split(self, waveforms: int) -> tuple[PulsePoints, PulsePoints]:
-        """The points of the first waveforms, and those of the others, whose numbers restart."""
-        cut = int(np.searchsorted(self.owner, waveforms))
-        rest = PulsePoints(self.points[cut:], self.owner[cut:] - waveforms)
-        return PulsePoints(self.points[:cut], self.owner[:cut]), rest
-
-    def followed_by(self, other: PulsePoints, waveforms: int) -> PulsePoints:
-        """These points, of `waveforms` waveforms, and then the others."""
-        return PulsePoints(
-            joined([self.points, other.points]),
-            np.concatenate([self.owner, other.owner + waveforms]),
-        )
-
-
 def discrete_returns(
-    pulses: PulsePoints,
+    runs: Sequence[PointRun],
     file: PointFile,
     shots: FloatArray,
     geometry: PulseGeometry,
@@ -50,21 +29,33 @@ def discrete_returns(
 
     Parameters
     ----------
+    runs : all points of the waveforms' pulses
     file : of the points
     shots : (n,) shot time of each waveform; those of a shot are consecutive
     geometry : of the waveforms
     durations : (n,) s from the first to the last sample
     """
-    points = return_points(pulses.points, file.layout, file.scales, file.offsets)
-    rows, times = pulses.owner, points.locations
+    points = return_points(runs, file.layout, file.scales, file.offsets)
+    if points.ordered:
+        return _returns(points, slice(None), points.owners, points.locations, runs, file)
+    rows, times = points.owners, points.locations
     bare = np.flatnonzero(points.descriptors == 0)
-    if len(bare) > 0:
-        rows = rows.copy()
-        rows[bare], times[bare] = _placed(
-            points.places[bare], rows[bare], shots, geometry, durations * _PICOSECONDS
-        )
+    rows[bare], times[bare] = _placed(
+        points.places[bare], rows[bare], shots, geometry, durations * _PICOSECONDS
+    )
     chosen = np.flatnonzero(~points.withheld & np.isfinite(times))
-    chosen = chosen[_order(rows[chosen], times[chosen])]
+    chosen = chosen[np.lexsort((times[chosen], rows[chosen]))]
+    return _returns(points, chosen, rows, times, runs, file)
+
+
+def _returns(
+    points: ReturnPoints,
+    chosen: slice | IntArray,
+    rows: IntArray,
+    times: FloatArray,
+    runs: Sequence[PointRun],
+    file: PointFile,
+) -> DiscreteReturns:
     extra = list(file.header.point_format.extra_dimension_names)
     return DiscreteReturns(
         rows=rows[chosen],
@@ -73,23 +64,12 @@ def discrete_returns(
         return_count=points.counts[chosen],
         intensity=points.intensities[chosen],
         classification=points.classes[chosen],
-        extra=pulses.points[extra][chosen] if extra else None,
+        extra=_extra_bytes(runs, extra)[points.points[chosen]] if extra else None,
     )
 
 
-def _order(rows: IntArray, times: FloatArray) -> slice | IntArray:
-    """Sorts by row and then by time; only rows whose times are not in order are sorted."""
-    if (rows[1:] < rows[:-1]).any():
-        return np.lexsort((times, rows))
-    earlier = (rows[1:] == rows[:-1]) & (times[1:] < times[:-1])
-    if not earlier.any():
-        return slice(None)
-    is_mixed = np.zeros(rows[-1] + 1, dtype=np.bool_)
-    is_mixed[rows[1:][earlier]] = True
-    places = np.flatnonzero(is_mixed[rows])
-    order = np.arange(len(rows))
-    order[places] = places[np.lexsort((times[places], rows[places]))]
-    return order
+def _extra_bytes(runs: Sequence[PointRun], names: list[str]) -> RecordArray:
+    return np.concatenate([run.points[names][run.pulses] for run in runs])
 
 
 def _placed(
