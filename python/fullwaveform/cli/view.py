@@ -131,7 +131,7 @@ def _extracted(source: Path, options: ExtractOptions) -> Path:
     path: Path = name.with_name(f"{name.name}.parquet")
     if path.is_file():
         return path
-    with progress_bar(False) as progress:
+    with cache.written_to_cache(path), progress_bar(False) as progress:
         run = FileRun(options, available_workers(), True, progress, False, None)
         summary = run.extract([source], path)
     cache.remove_former(path)

@@ -4,7 +4,9 @@ from __future__ import annotations
 
 import hashlib
 import json
-from collections.abc import Callable
+import time
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
 from pathlib import Path
 from typing import Any
 
@@ -14,6 +16,8 @@ from fullwaveform import __version__
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.remote import RemotePath
 from fullwaveform.view.sections import SectionFile, SectionWriter, new_section_file
+
+_ABANDONED_SECONDS = 24 * 3600  # age of unfinished files that no viewer writes any more
 
 
 def cache_folder() -> Path:
@@ -51,11 +55,29 @@ def cached_name(purpose: str, path: Path, identified: dict[str, Any]) -> Path:
 
 
 def remove_former(current: Path) -> None:
-    """Remove files of the same purpose that belong to other states of the same file."""
+    """Remove files of the same purpose that belong to other states of the same file.
+
+    Unfinished ones only if they are old: another viewer may be writing them.
+    """
     former = current.stem.rpartition("-")[0]
     for other in current.parent.glob(f"{former}-*"):
         if other.stem != current.stem:
             other.unlink(missing_ok=True)
+    for part in current.parent.glob(f".{former}-*.part"):
+        if time.time() - part.stat().st_mtime > _ABANDONED_SECONDS:
+            part.unlink(missing_ok=True)
+
+
+@contextmanager
+def written_to_cache(name: Path) -> Iterator[None]:
+    """Errors in writing this file of the cache say how to use another folder."""
+    try:
+        yield
+    except OSError as error:
+        if str(name) not in str(error):
+            raise
+        message = f"{error.strerror}; XDG_CACHE_HOME sets another cache folder"
+        raise OSError(error.errno, message) from error
 
 
 def cached_sections(name: Path, build: Callable[[SectionWriter], None]) -> SectionFile:
@@ -63,7 +85,7 @@ def cached_sections(name: Path, build: Callable[[SectionWriter], None]) -> Secti
     try:
         return SectionFile(name)
     except (FileNotFoundError, WaveformFileError):
-        with new_section_file(name) as writer:
+        with written_to_cache(name), new_section_file(name) as writer:
             build(writer)
         remove_former(name)
         return SectionFile(name)

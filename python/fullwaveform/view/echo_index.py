@@ -195,10 +195,15 @@ class _Builder:
             xyz = np.column_stack([columns[name] for name in _PLACES]).astype(np.float64)
             known: BoolArray = np.asarray(np.isfinite(xyz).all(axis=1))
             self._without_place += int(np.count_nonzero(~known))
-            if self._origin is None and known.any():
-                self._origin = np.floor(xyz[known][0])
-            if self._origin is None:
+            numbers = self._numbers(columns)
+            if not known.all():
+                self._append(opened, "waveform_without_place", numbers[~known])
+                if "chi_square" in columns:
+                    self._append(opened, "chi_without_place", columns["chi_square"][~known])
+            if not known.any():
                 continue
+            if self._origin is None:
+                self._origin = np.floor(xyz[known][0])
             relative = (xyz[known] - self._origin).astype("<f4")
             parts: dict[str, AnyArray] = {
                 name: relative[:, axis] for axis, name in enumerate(_PLACES)
@@ -207,7 +212,7 @@ class _Builder:
                 if value.name in columns:
                     parts[value.name] = columns[value.name][known]
             parts["row"] = rows[known].astype("<u4")
-            parts["waveform"] = self._numbers(columns, known)
+            parts["waveform"] = numbers[known]
             for name, part in parts.items():
                 self._append(opened, name, part)
 
@@ -225,15 +230,15 @@ class _Builder:
         self._shots = described_histogram(of_shots, is_category=True)
         writer.add("shot_counts", of_shots)
 
-    def _numbers(self, columns: dict[str, AnyArray], known: BoolArray) -> AnyArray:
+    def _numbers(self, columns: dict[str, AnyArray]) -> AnyArray:
         """Numbers of the waveforms of echoes, as stored or by the time of the shot."""
         count = len(self._waveforms)
         if "waveform_number" in columns:
-            numbers = columns["waveform_number"][known].astype(np.int64)
+            numbers = columns["waveform_number"].astype(np.int64)
         elif "gps_time" in columns:
-            numbers = self._waveforms.numbers_at(columns["gps_time"][known].astype(np.float64))
+            numbers = self._waveforms.numbers_at(columns["gps_time"].astype(np.float64))
         else:
-            numbers = np.full(int(np.count_nonzero(known)), -1)
+            numbers = np.full(len(columns["x"]), -1)
         return np.where((numbers >= 0) & (numbers < count), numbers, UNKNOWN).astype("<u4")
 
     def _column(self, name: str, dtype: str) -> AnyArray:
@@ -277,7 +282,8 @@ class _Builder:
         """Echoes, largest chi square and first echo of each waveform."""
         total = len(self._waveforms)
         numbers = self._column("waveform", "<u4")
-        counts = occurrences(numbers, total)
+        without_place = self._column("waveform_without_place", "<u4")
+        counts = occurrences(numbers, total) + occurrences(without_place, total)
         writer.add("waveform_echoes", np.minimum(counts, 65535).astype("<u2"))
         del counts
         chi_square = self._column("chi_square", "<f4")
@@ -291,6 +297,9 @@ class _Builder:
             first_echo[of_known[::-1]] = index[part][known][::-1]
             if len(chi_square):
                 np.fmax.at(chi, of_known, chi_square[part][known])
+        if len(chi_without_place := self._column("chi_without_place", "<f4")):
+            known = without_place != UNKNOWN
+            np.fmax.at(chi, without_place[known], chi_without_place[known])
         writer.add("waveform_chi_square", chi)
         writer.add("first_echo", first_echo)
 

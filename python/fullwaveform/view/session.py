@@ -14,6 +14,7 @@ from fullwaveform.core.driver import MODE_NAMES, Mode
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.echo_readers.opening import open_echoes
 from fullwaveform.plotting.colours import METHOD_COLOURS
+from fullwaveform.view.axes import Axes, degree_ratio
 from fullwaveform.view.directory import WaveformDirectory
 from fullwaveform.view.echo_index import MAX_POINTS, EchoIndex
 from fullwaveform.view.export import SelectionExport
@@ -90,6 +91,7 @@ class ViewSession:
                 self.layers.append(Layer(label, echoes, SelectionExport(path, echoes)))
                 _report(report, label, len(echoes), "echoes", start)
             self.waveforms = waveforms
+            self._axes = Axes.of(reader.header)
             self._noise = noise_histogram(reader, waveforms.identity)
             self.panel = WaveformPanel(reader, waveforms, offered, plot_options)
             self._opened = opened.pop_all()
@@ -113,6 +115,7 @@ class ViewSession:
             "waveforms": len(self.waveforms),
             "max_points": MAX_POINTS,
             "noise": self._noise,
+            "axes": self._axes.described,
             "layers": [self._layer(layer) for layer in self.layers],
             "modes": [
                 {"mode": int(mode), "name": name, "colour": METHOD_COLOURS[mode]}
@@ -123,15 +126,19 @@ class ViewSession:
             "categories": _CATEGORIES,
         }
 
-    @staticmethod
-    def _layer(layer: Layer) -> dict[str, Any]:
+    def _layer(self, layer: Layer) -> dict[str, Any]:
+        described = layer.echoes.described
+        ratio = 1.0
+        if self._axes.is_geographic and described["ranges"]["y"] is not None:
+            ratio = degree_ratio(described["origin"][1] + sum(described["ranges"]["y"]) / 2)
         return {
             "label": layer.label,
             "echoes": len(layer.echoes),
             "formats": layer.export.formats,
             "columns": layer.echoes.columns,
             "nodes": layer.echoes.nodes(),
-            **layer.echoes.described,
+            "ratio": ratio,
+            **described,
         }
 
 

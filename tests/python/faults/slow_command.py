@@ -1,6 +1,6 @@
 """The command line with one slow step, so that a signal arrives during it.
 
-Usage: slow_command.py blocks|renaming|summary|none CALL...
+Usage: slow_command.py blocks|renaming|summary|index|none CALL...
 """
 
 from __future__ import annotations
@@ -13,6 +13,7 @@ from fullwaveform.cli.main import main
 
 SHORT, LONG = 0.1, 300.0  # s
 SUMMARY_BEGINS = "the summary begins"
+INDEX_ENDS = "the index of the viewer ends"
 
 
 def slow_blocks() -> None:
@@ -53,11 +54,23 @@ def slow_summary() -> None:
     RunSummary.show = slowly  # type: ignore[method-assign]
 
 
+def slow_index() -> None:
+    """Minutes pass before an index of the viewer gets its end; a line tells when."""
+    from fullwaveform.view.sections import SectionWriter
+
+    def slowly(self: SectionWriter, described: Any) -> None:
+        print(INDEX_ENDS, file=sys.stderr, flush=True)
+        time.sleep(LONG)
+
+    SectionWriter.finish = slowly  # type: ignore[method-assign]
+
+
 if __name__ == "__main__":
     {
         "blocks": slow_blocks,
         "renaming": slow_renaming,
         "summary": slow_summary,
+        "index": slow_index,
         "none": lambda: None,
     }[sys.argv.pop(1)]()
     main()

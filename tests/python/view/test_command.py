@@ -2,6 +2,9 @@
 
 from __future__ import annotations
 
+import errno
+import json
+import os
 import signal
 import subprocess
 import sys
@@ -11,6 +14,11 @@ from urllib.request import urlopen
 
 import pytest
 
+from fullwaveform.view.cache import remove_former
+
+from ..faults.processes import finished, slow
+from ..faults.slow_command import INDEX_ENDS
+from ..faults.test_full_disk import files_end_at
 from ..support.child_processes import TIMEOUT_S, environment, kill_started, started
 from ..support.command_line import assert_error, assert_usage, run
 from . import scenes
@@ -27,8 +35,16 @@ def scan(tmp_path: Path) -> Path:
     return scenes.write_scan(tmp_path / "scan.las")
 
 
-def start(*call: str | Path, folder: Path) -> tuple[subprocess.Popen[str], str]:
-    """The process and the address that it prints."""
+def view_folder(cache: Path) -> Path:
+    return cache / "fullwaveform" / "view"
+
+
+def unfinished(cache: Path) -> list[Path]:
+    return sorted(cache.rglob("*.part"))
+
+
+def launched(*call: str | Path, folder: Path) -> subprocess.Popen[str]:
+    """The process of the command."""
     process = subprocess.Popen(
         [sys.executable, "-m", "fullwaveform", "view", *map(str, call)],
         cwd=folder,
@@ -38,7 +54,12 @@ def start(*call: str | Path, folder: Path) -> tuple[subprocess.Popen[str], str]:
         text=True,
         start_new_session=True,
     )
-    started(process)
+    return started(process)
+
+
+def start(*call: str | Path, folder: Path) -> tuple[subprocess.Popen[str], str]:
+    """The process and the address that it prints."""
+    process = launched(*call, folder=folder)
     assert process.stdout is not None
     return process, process.stdout.readline().strip()
 
@@ -98,6 +119,90 @@ def test_cache_folder_that_cannot_be_made(
     blocked.write_text("", encoding="ascii")
     monkeypatch.setenv("XDG_CACHE_HOME", str(blocked))
     assert_error(run("view", scan), "cannot make the cache folder", "XDG_CACHE_HOME")
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
+def test_index_interrupted_is_not_used(
+    scan: Path, tmp_path: Path, cache: Path, number: signal.Signals
+) -> None:
+    """The signal arrives when all of the index is written except its end."""
+    before = sorted(cache.rglob("*"))
+    process = slow("index", "view", scan, "--no-browser")
+    assert process.stderr is not None
+    while (line := process.stderr.readline()) != f"{INDEX_ENDS}\n":
+        assert line, "the command has ended"
+    assert unfinished(cache) != []
+    code, errors = end(process, number)
+    assert code == 128 + number
+    assert errors.endswith("ed; the viewer has ended\n")
+    assert unfinished(cache) == []
+    # Only the echoes were complete.
+    (added,) = set(cache.rglob("*")) - set(before) - {cache / "fullwaveform", view_folder(cache)}
+    assert added.name.startswith("extracted-")
+    process, address = start(scan, "--no-browser", folder=tmp_path)
+    assert address.startswith("http://127.0.0.1:")
+    code, errors = end(process, signal.SIGINT)
+    assert (code, "scan.las: 5 waveforms, index ready" in errors) == (0, True)
+
+
+def test_unfinished_index_of_a_killed_viewer_is_removed(scan: Path, cache: Path) -> None:
+    process = slow("index", "view", scan, "--no-browser")
+    assert process.stderr is not None
+    while process.stderr.readline() != f"{INDEX_ENDS}\n":
+        assert process.poll() is None
+    process.kill()
+    process.communicate()
+    (left,) = unfinished(cache)
+    index = left.with_name(left.name[1:].rpartition(".")[0].rpartition(".")[0])
+    remove_former(index)
+    assert left.exists(), "it may still be written"
+    os.utime(left, (0, 0))
+    remove_former(index)
+    assert not left.exists()
+
+
+def test_two_viewers_make_the_same_index_at_once(scan: Path, tmp_path: Path, cache: Path) -> None:
+    echoes = scenes.write_echoes(tmp_path / "echoes.csv")
+    call = (scan, "--echoes", echoes, "--no-browser")
+    processes = [launched(*call, folder=tmp_path) for _ in range(2)]
+    for process in processes:
+        assert process.stdout is not None
+        address = process.stdout.readline().strip()
+        with urlopen(f"{address}session", timeout=TIMEOUT_S) as answer:
+            assert json.load(answer)["layers"][0]["echoes"] == 7
+        assert unfinished(cache) == [] or process is processes[0]
+    for process in processes:
+        assert end(process, signal.SIGINT)[0] == 0
+    assert unfinished(cache) == []
+
+
+@pytest.mark.parametrize("size", [0, 300])
+def test_no_space_in_the_cache_folder_is_reported(
+    size: int, scan: Path, tmp_path: Path, cache: Path
+) -> None:
+    """Nothing, or a part of the first index, can be written."""
+    echoes = scenes.write_echoes(tmp_path / "echoes.csv")
+    done = finished("view", scan, "--echoes", echoes, "--no-browser", before=files_end_at(size))
+    assert done.returncode == 1
+    assert done.stderr.startswith(f"fullwaveform: cannot write {view_folder(cache) / 'waveforms-'}")
+    assert done.stderr.endswith(": File too large; XDG_CACHE_HOME sets another cache folder\n")
+    assert done.stdout == ""
+    assert unfinished(cache) == []
+
+
+def test_read_only_cache_folder_is_reported(
+    scan: Path, monkeypatch: pytest.MonkeyPatch, tmp_path: Path
+) -> None:
+    """As for a user who may not write there; root may write anywhere."""
+
+    def refused(path: Path) -> None:
+        raise PermissionError(errno.EACCES, os.strerror(errno.EACCES), str(path))
+
+    echoes = scenes.write_echoes(tmp_path / "echoes.csv")
+    monkeypatch.setattr("fullwaveform.io.atomic._create_new", refused)
+    for options in ([], ["--echoes", echoes]):
+        result = run("view", scan, *options)
+        assert_error(result, "cannot write", "Permission denied; XDG_CACHE_HOME sets another")
 
 
 def test_missing_package_names_the_extra(scan: Path, monkeypatch: pytest.MonkeyPatch) -> None:

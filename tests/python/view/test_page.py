@@ -169,7 +169,7 @@ def test_keys_move_between_echoes_shots_and_waveforms(page: Page) -> None:
     press(page, "n", 1)
     press(page, "n", 2)
     press(page, "w", 3)
-    expect(page.locator("#status")).to_contain_text("no echo of this file")
+    expect(page.locator("#status")).to_contain_text("no echo on the map")
     press(page, "j", 4)
     press(page, "W", 3)
     press(page, "M", 2)  # more than 2 echoes

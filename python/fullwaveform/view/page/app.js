@@ -50,7 +50,7 @@ async function showWaveform() {
     drawPanel(find("#panel"), data, find("#whole").checked);
     find("#panel").dataset.waveform = waveform;
     status(`Waveform ${waveform}, shot ${data.shot}` +
-      (current.index === null ? ", no echo of this file" : ""));
+      (current.index === null ? ", no echo on the map" : ""));
     for (const link of document.querySelectorAll("#export a")) {
       link.href = `waveforms/${waveform}/picture.${link.dataset.kind}?${query}`;
     }
@@ -95,7 +95,7 @@ async function moveNow(kind, step) {
 
 function colourValues(layer) {
   const values = layer.values.filter((value) => value.range !== null);
-  return [{ name: "z", label: "height", unit: "coordinate units", range: layer.ranges.z, category: false }, ...values];
+  return [{ name: "z", label: "height", unit: session.axes[2].unit, range: layer.ranges.z, category: false }, ...values];
 }
 
 function fillSelect(element, entries) {
@@ -163,7 +163,7 @@ function sideAtEcho() {
     return;
   }
   const [x, y] = current.xyz.map((value, axis) => value - map.layer.origin[axis]);
-  const reach = (0.45 * map.mapArea().width) / map.scale;
+  const reach = (0.45 * map.mapArea().width) / (map.scale * map.ratio);
   map.setLine([x - reach, y], [x + reach, y], halfWidth());
 }
 
@@ -217,7 +217,9 @@ async function start() {
   map.onLine = (from, to) => map.setLine(from, to, halfWidth());
   listen();
   await showLayer();
-  status(session.layers[0].echoes ? "Click an echo to see its waveform." : "There are no echoes with a place.");
+  if (map.layer.echoes) status("Click an echo to see its waveform.");
+  else if (session.waveforms) await choose({ index: null, waveform: 0, xyz: null });
+  else status("There are no waveforms.");
   document.body.dataset.busy = "false";
   window.fullwaveform = { map }; // for tests and measurements
 }

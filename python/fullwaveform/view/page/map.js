@@ -8,6 +8,7 @@ const MARGIN = { left: 76, right: 8, top: 6, bottom: 36 };
 const SIDE_SHARE = 0.36; // of the height
 const NODE_EDGE = 100; // pixels of the screen above which a node is divided
 const MOVING_POINTS = 100_000; // drawn while the map moves; all are drawn when it rests
+const REST_MS = 200; // without a move until all are drawn, longer than a slow frame takes
 const KEPT_POINTS = 1_500_000; // in memory, also of places out of view
 const REACH = 10; // pixels from a click to an echo
 const BACKGROUND = [0.078, 0.094, 0.114];
@@ -34,6 +35,7 @@ export class EchoMap {
     this.layer = this.session.layers[number];
     this.nodes = this.layer.nodes;
     this.children = childrenOf(this.nodes);
+    this.ratio = this.layer.ratio; // of a unit of x to one of y, in length
     this.valueName = valueName;
     this.whole();
   }
@@ -49,9 +51,9 @@ export class EchoMap {
   whole() {
     const { low, size } = this.layer;
     const area = this.mapArea();
-    this.scale = 0.96 * Math.min(area.width, area.height) / size;
+    this.scale = 0.96 * Math.min(area.width / this.ratio, area.height) / size;
     this.middle = [low[0] + size / 2, low[1] + size / 2];
-    this.moved();
+    this.moved(0);
   }
 
   // ---- areas of the canvas ----
@@ -72,7 +74,7 @@ export class EchoMap {
   toScreen([x, y]) {
     const area = this.mapArea();
     return [
-      area.left + area.width / 2 + (x - this.middle[0]) * this.scale,
+      area.left + area.width / 2 + (x - this.middle[0]) * this.scale * this.ratio,
       area.top + area.height / 2 - (y - this.middle[1]) * this.scale,
     ];
   }
@@ -80,7 +82,7 @@ export class EchoMap {
   toMap([left, top]) {
     const area = this.mapArea();
     return [
-      this.middle[0] + (left - area.left - area.width / 2) / this.scale,
+      this.middle[0] + (left - area.left - area.width / 2) / (this.scale * this.ratio),
       this.middle[1] - (top - area.top - area.height / 2) / this.scale,
     ];
   }
@@ -149,12 +151,12 @@ export class EchoMap {
   // ---- what is drawn ----
 
   // To be called after each change of the view: draws at once, and loads what is missing.
-  moved() {
+  moved(delay = REST_MS) {
     if (!this.layer) return;
     this.wanted = this.nodesInView();
     this.draw(MOVING_POINTS);
     clearTimeout(this.timer);
-    this.timer = setTimeout(() => this.load().catch(this.onError), 60);
+    this.timer = setTimeout(() => this.load().catch(this.onError), delay);
   }
 
   // Nodes in the view from the root on, as many levels as may be drawn.
@@ -243,7 +245,7 @@ export class EchoMap {
       {
         ...area,
         middle: this.middle,
-        scale: [(2 * this.scale) / area.width, (2 * this.scale) / area.height],
+        scale: [(2 * this.scale * this.ratio) / area.width, (2 * this.scale) / area.height],
         pointSize: few ? 4 : 2,
       },
     ];
@@ -279,13 +281,15 @@ export class EchoMap {
     const x = scaleLinear([west + origin[0], east + origin[0]], [area.left, area.left + area.width]);
     const y = scaleLinear([south + origin[1], north + origin[1]], [area.top + area.height, area.top]);
     const overlay = this.overlay;
+    const [xAxis, yAxis, zAxis] = this.session.axes;
+    const label = (name, { unit }) => `${name}, ${unit}`;
     overlay.selectAll("*").remove();
-    drawAxes(overlay, area, x, y, "x in coordinate units", "y in coordinate units");
+    drawAxes(overlay, area, x, y, label(xAxis.name, xAxis), label(yAxis.name, yAxis));
     if (this.line) {
       const side = this.sideArea();
       const { across, up } = this.sideScales();
       up.domain(up.domain().map((value) => value + origin[2]));
-      drawAxes(overlay, side, across, up, "distance along the line in coordinate units", "z in coordinate units");
+      drawAxes(overlay, side, across, up, label("distance along the line", xAxis), label(zAxis.name, zAxis));
       const { start, along, length } = this.line;
       this.drawLine(start, [start[0] + along[0] * length, start[1] + along[1] * length]);
     }
@@ -351,7 +355,7 @@ export class EchoMap {
           if (!seen) continue;
           distance = (scales.across(seen[0]) - left) ** 2 + (scales.up(seen[1]) - top) ** 2;
         } else {
-          distance = ((x[i] - cx) ** 2 + (y[i] - cy) ** 2) * this.scale ** 2;
+          distance = (((x[i] - cx) * this.ratio) ** 2 + (y[i] - cy) ** 2) * this.scale ** 2;
         }
         if (distance < best) {
           best = distance;
@@ -381,7 +385,8 @@ export class EchoMap {
   }
 
   pan(dx, dy) {
-    this.middle = [this.middle[0] - dx / this.scale, this.middle[1] + dy / this.scale];
+    const across = this.scale * this.ratio;
+    this.middle = [this.middle[0] - dx / across, this.middle[1] + dy / this.scale];
     this.moved();
   }
 
