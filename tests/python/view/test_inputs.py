@@ -13,6 +13,7 @@ from pyproj import CRS
 
 from fullwaveform.cli.extract_options import ExtractOptions
 from fullwaveform.cli.view import _session
+from fullwaveform.io.remote import location
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_recording, write_scan
 from fullwaveform.view.axes import Axes
 from fullwaveform.view.echo_index import EchoIndex
@@ -21,6 +22,7 @@ from fullwaveform.view.session import ViewSession
 
 from ..support.command_line import run
 from ..support.hdf5_scenes import FIRST, STEP, lvis_scene, two_beams
+from ..support.web_server import ServedFile, serving
 
 SHOTS = 40
 
@@ -134,3 +136,19 @@ def test_units_of_projected_systems() -> None:
     compound = axes_of(CRS("EPSG:2229+5703"))
     assert [one["unit"] for one in compound.described] == ["US survey ft", "US survey ft", "m"]
     assert not compound.is_geographic
+
+
+def test_lost_server_of_a_remote_file_is_reported(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setattr("fullwaveform.io.remote_store._CACHED", 0)  # the file is small
+    scan = write_scan(simulate_scan(ScanSettings(shots=SHOTS)), tmp_path / "scan.las")
+    with serving() as web:
+        for path in (scan.las, scan.las.with_suffix(".wdp")):
+            web.files[path.name] = ServedFile.of(path.read_bytes())
+        with viewed(location(web.url("scan.las"))) as session:
+            first = session.panel.data(0, PanelSettings())
+            assert first["command"].startswith(f"fullwaveform plot {web.url('scan.las')} --shot 0")
+            web.files.clear()
+            with pytest.raises(OSError, match="scan.las"):
+                session.panel.data(2 * SHOTS - 1, PanelSettings())
