@@ -25,6 +25,7 @@ _NANOSECONDS = 1e9
 _CURVE_STEP = 0.05  # samples
 _MAX_CURVE_POINTS = 40_000  # of long waveforms; their steps are wider
 GAUSSIAN_REACH = 4.0  # standard deviations from an echo to which its curve is drawn
+_ZERO_BEYOND = 40.0  # standard deviations, where a Gaussian is below the smallest number
 _HEIGHT_AT_ONE_WIDTH = float(np.exp(-0.5))  # of a Gaussian, share of its maximum
 
 
@@ -186,7 +187,7 @@ def _method_view(
             extractor.settings, block, row, (positions, amplitudes, FWHM_PER_SIGMA * widths), foot
         )
     else:
-        foot = extractor.baseline(block, row)
+        foot = float(extractor.baselines(block, np.array([row]))[0])
         fits = types != EchoType.RICHARDSON_LUCY
         curve = single_gaussians if mode is Mode.THREE_POINT else fitted_sum
         fitted = curve(positions[fits], amplitudes[fits], widths[fits], foot, count)
@@ -266,8 +267,12 @@ def _sum_of_gaussians(
     positions: FloatArray, amplitudes: FloatArray, widths: FloatArray, foot: float, at: FloatArray
 ) -> FloatArray:
     height = np.full(len(at), foot)
-    for position, amplitude, width in zip(positions, amplitudes, widths, strict=True):
-        height += amplitude * np.exp(-0.5 * ((at - position) / width) ** 2)
+    first = np.searchsorted(at, positions - _ZERO_BEYOND * np.abs(widths))
+    end = np.searchsorted(at, positions + _ZERO_BEYOND * np.abs(widths), side="right")
+    columns = zip(positions, amplitudes, widths, first, end, strict=True)
+    for position, amplitude, width, start, stop in columns:
+        distance = (at[start:stop] - position) / width
+        height[start:stop] += amplitude * np.exp(-0.5 * distance**2)
     return height
 
 

@@ -36,7 +36,7 @@ class RunSummary:
     written: int
     notes: tuple[str, ...]  # of the writer
     messages: Counter[str]  # of the library, by kind
-    statistics: Path  # of suspicious blocks
+    statistics: Path | None  # of suspicious blocks; None: not written
     seconds: float
     of_units: bool = False  # whether the time is that of units, some of which ran side by side
 
@@ -74,7 +74,7 @@ class RunSummary:
             "messages": dict(self.messages),
             "written": self.written,
             "seconds": round(self.seconds, 3),
-            "notes": self._notes(),
+            "notes": self.all_notes(),
         }
 
     def _models(self) -> list[dict[str, Any]]:
@@ -94,9 +94,14 @@ class RunSummary:
     def show(self) -> None:
         """Print the summary as a table, with notes below."""
         title = f"{self.name}: {self.settings.mode.title}"
-        print_table(title, self._rows(), self._notes(), [self.destination])
+        rate = self.read.waveforms / self.seconds if self.seconds > 0 else 0.0
+        remark = f"{rate:,.0f} waveforms per second"
+        remark = f"of all units together, {remark}" if self.of_units else remark
+        rows = [*self.rows(), ("time", f"{self.seconds:.2f} s", remark)]
+        print_table(title, rows, self.all_notes(), [self.destination])
 
-    def _rows(self) -> list[Row]:
+    def rows(self) -> list[Row]:
+        """The rows of the table but the time, which differs from run to run."""
         read, found = self.read, self.extracted
         share = found.waveforms_with_echoes / read.waveforms if read.waveforms else 0.0
         rows = [
@@ -117,9 +122,9 @@ class RunSummary:
             rows.append(("two segments", f"{read.points_short:,}", "pulses that declare three"))
         rows += [("left out", f"{count:,}", reason) for reason, count in read.left_out.items()]
         rows += [("unreadable", f"{count:,}", reason) for reason, count in read.rejected.items()]
-        rows += [
-            ("without echoes", f"{count:,}", reason) for reason, count in found.rejected.items()
-        ]
+        # Most frequent first: the order in which they are found depends on the size of the blocks.
+        reasons = sorted(found.rejected.items(), key=lambda entry: (-entry[1], entry[0]))
+        rows += [("without echoes", f"{count:,}", reason) for reason, count in reasons]
         if phase := self._phase_row():
             rows.append(phase)
         if found.without_phase:
@@ -127,14 +132,10 @@ class RunSummary:
         if found.echoes_left_out:
             rows.append(("echoes skipped", f"{found.echoes_left_out:,}", "not finite"))
         rows += [("messages", f"{count:,}", kind) for kind, count in self.messages.items()]
-        rate = read.waveforms / self.seconds if self.seconds > 0 else 0.0
         label, remark = ("rows written", "echoes, and waveforms without echoes")
         if not self.settings.keep_empty:
             label, remark = ("echoes written", "")
         rows.append((label, f"{self.written:,}", remark))
-        remark = f"{rate:,.0f} waveforms per second"
-        remark = f"of all units together, {remark}" if self.of_units else remark
-        rows.append(("time", f"{self.seconds:.2f} s", remark))
         return rows
 
     def _phase_row(self) -> Row | None:
@@ -176,9 +177,10 @@ class RunSummary:
             for entry in calibration.pulse_models
         ]
 
-    def _notes(self) -> list[str]:
+    def all_notes(self) -> list[str]:
+        """Notes on scanner, input and output, and on suspicious blocks if they were recorded."""
         notes = [*self.settings.scanner.notes, *self.read.notes, *self.notes]
-        if self.extracted.suspicious_blocks:
+        if self.extracted.suspicious_blocks and self.statistics is not None:
             notes.append(
                 "half or more of the waveforms rejected in "
                 f"{counted(self.extracted.suspicious_blocks, 'block')}; statistics appended to "

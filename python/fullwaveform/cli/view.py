@@ -20,10 +20,16 @@ from fullwaveform.cli.options import (
     IntervalOption,
     KeepDegraded,
     MaxSamples,
+    ModeOption,
     ScannerFile,
     SourceFile,
+    integer_from,
+    local_path,
+    require_suffix,
 )
+from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import print_line, progress_bar
+from fullwaveform.core.driver import Mode
 from fullwaveform.extraction.pipeline import available_workers
 from fullwaveform.io.atomic import protected_inputs
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
@@ -54,6 +60,25 @@ def view(
     max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
     keep_degraded: KeepDegraded = False,
     crs: CrsOption = None,
+    html: Annotated[
+        Path | None,
+        typer.Option(
+            metavar="FILE",
+            parser=local_path,
+            help="Write one page for a browser that needs neither this program nor a network, "
+            "instead of serving",
+        ),
+    ] = None,
+    mode: ModeOption = Mode.THREE_POINT,
+    workers: Annotated[
+        int | None,
+        typer.Option(
+            parser=integer_from(1),
+            metavar="N",
+            help="Number of threads for --html. Default: all processors",
+        ),
+    ] = None,
+    overwrite: OverwriteOption = False,
     browser: Annotated[
         bool,
         typer.Option(
@@ -66,14 +91,20 @@ def view(
     """Show the echoes on a map in the browser, and the waveform of each.
 
     The page is served to this machine only, until Ctrl-C. Needs the packages of the extra view.
+    With --html, which needs none, a file with summary, statistics, map and examples of waveforms is
+    written instead; --mode, --workers and --overwrite are for it.
 
     Examples:
 
         fullwaveform view scan.las
 
         fullwaveform view scan.las --echoes echoes.las --no-browser
+
+        fullwaveform view scan.las --html page.html --mode decomposition --overwrite
     """
+    _check_options_of_page(html, echoes, mode, workers, overwrite=overwrite)
     options = ExtractOptions(
+        mode=mode,
         scanner=scanner,
         channel=channel,
         interval=interval,
@@ -83,12 +114,72 @@ def view(
         skip_unreadable=True,
         allow_empty=True,
     )
+    if html is not None:
+        _write_page(source, html, options, echoes, workers, overwrite=overwrite)
+        return
     with (
         report_errors(lambda: "the viewer has ended"),
         protected_inputs(source, *(echoes or ())),
         _session(source, echoes, options) as session,
     ):
         _serve(session, browser=browser)
+
+
+def _check_options_of_page(
+    html: Path | None,
+    echoes: list[Path] | None,
+    mode: Mode,
+    workers: int | None,
+    *,
+    overwrite: bool,
+) -> None:
+    """BadParameter for options that do not belong together."""
+    if html is not None:
+        require_suffix(html, (".html", ".htm"), "--html")
+        if len(echoes or ()) > 1:
+            raise typer.BadParameter("give one file with --html", param_hint="--echoes")
+        return
+    given = {
+        "--mode": mode is not Mode.THREE_POINT,
+        "--workers": workers is not None,
+        "--overwrite": overwrite,
+    }
+    for name in (name for name, is_given in given.items() if is_given):
+        raise typer.BadParameter("applies only with --html", param_hint=name)
+
+
+def _write_page(
+    source: Path,
+    target: Path,
+    options: ExtractOptions,
+    echoes: list[Path] | None,
+    workers: int | None,
+    *,
+    overwrite: bool,
+) -> None:
+    # On demand: drawing needs more packages than most commands load.
+    from fullwaveform.cli.view_page import write_page
+    from fullwaveform.view.static_page import PAGE_KIND
+
+    file = echoes[0] if echoes else None
+    scanner = [] if options.scanner is None else ["--scanner", str(options.scanner)]
+    with (
+        checked_outputs(
+            Output(target, PAGE_KIND, "--html"),
+            overwrite=overwrite,
+            inputs=(source, file, options.scanner),
+        ),
+        report_errors(),
+    ):
+        write_page(
+            source,
+            target,
+            options,
+            file,
+            plot_options=[*scanner, *_plot_options(options)],
+            workers=workers or available_workers(),
+            overwrite=overwrite,
+        )
 
 
 def _serve(session: ViewSession, *, browser: bool) -> None:
@@ -157,6 +248,8 @@ def _plot_options(options: ExtractOptions) -> list[str]:
         words += ["--interval", repr(options.interval * 1e9)]
     if options.max_samples != DEFAULT_MAX_SAMPLES:
         words += ["--max-samples", str(options.max_samples)]
+    if options.keep_degraded:
+        words.append("--keep-degraded")
     return words
 
 

@@ -273,11 +273,11 @@ class Extractor:
             threshold=prepared.thresholds[pick],
         )
 
-    def baseline(self, block: WaveformBlock, row: int) -> float:
-        """Counts from which the amplitudes of a waveform of a block count."""
+    def baselines(self, block: WaveformBlock, rows: IntArray) -> FloatArray:
+        """Counts from which the amplitudes of waveforms (k,) of a block count."""
         prepared = prepare(block, self.settings.preparation)
-        known = with_own_baselines(prepared.block, prepared.baseline, np.array([row]))[row]
-        return float(known / prepared.scale[row] + prepared.removed[row])
+        known = with_own_baselines(prepared.block, prepared.baseline, rows)[rows]
+        return np.asarray(known / prepared.scale[rows] + prepared.removed[rows])
 
     def _refined(
         self,

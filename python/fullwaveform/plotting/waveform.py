@@ -75,7 +75,7 @@ def waveform_figure(views: Sequence[WaveformView], *, whole: bool = False) -> Fi
         heights += [_PANEL_INCHES, _RESIDUALS_INCHES] if _has_residuals(view) else [_PANEL_INCHES]
     figure = new_figure(_WIDTH_INCHES, sum(heights) + _EDGE_INCHES)
     grid = figure.add_gridspec(len(heights), 2, width_ratios=(1.0, 0.34), height_ratios=heights)
-    first, last = _all_samples(views) if whole else _shown_samples(views)
+    first, last = _all_samples(views) if whole else shown_samples(views)
     row = 0
     for view in views:
         lowest = panel = figure.add_subplot(grid[row, 0])
@@ -146,7 +146,7 @@ def _draw_panel(axes: Axes, view: WaveformView) -> None:
     axes.set_ylim(-0.06 * height, (1.0 + room) * height)
     _label_threshold(axes, view)
     axes.yaxis.set_major_locator(MaxNLocator(6, integer=True, steps=[1, 2, 5, 10]))
-    label_axes(axes, "", "digitiser counts", _title(view))
+    label_axes(axes, "", "digitiser counts", waveform_title(view))
 
 
 def _draw_method(axes: Axes, method: MethodView, width: float) -> None:
@@ -234,7 +234,8 @@ def _max_height(view: WaveformView) -> float:
     return max([float(view.samples.max(initial=1)), 1.5 * view.threshold, *tops, *curves])
 
 
-def _title(view: WaveformView) -> str:
+def waveform_title(view: WaveformView) -> str:
+    """Number, channel and time of a waveform, and the smoothing before its methods."""
     channel = _CHANNELS.get(view.channel_flag, f"channel {view.channel_flag}")
     time = f", GPS time {view.gps_time:.6f} s" if np.isfinite(view.gps_time) else ""
     # The samples are drawn as recorded, which the curves of the echoes do not follow.
@@ -247,8 +248,8 @@ def _all_samples(views: Sequence[WaveformView]) -> tuple[float, float]:
     return -0.5, max(max(len(view.samples) for view in views), 1) - 0.5
 
 
-def _shown_samples(views: Sequence[WaveformView]) -> tuple[float, float]:
-    """Range of samples around all echoes and returns; all samples without echoes."""
+def shown_samples(views: Sequence[WaveformView]) -> tuple[float, float]:
+    """Range of samples around all echoes and returns of waveforms; all samples without echoes."""
     methods = [method for view in views for method in view.methods]
     positions = [method.positions for method in methods]
     if not sum(map(len, positions)):

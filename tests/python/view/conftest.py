@@ -1,11 +1,16 @@
-"""Set-up of the tests of the viewer: a cache folder of their own."""
+"""Set-up of the tests of the viewer: a cache folder of their own, and a browser."""
 
 from __future__ import annotations
 
+import shutil
 from collections.abc import Iterator
 from pathlib import Path
+from typing import TYPE_CHECKING
 
 import pytest
+
+if TYPE_CHECKING:
+    from playwright.sync_api import Browser
 
 
 @pytest.fixture(scope="package", autouse=True)
@@ -14,3 +19,19 @@ def cache(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Path]:
     with pytest.MonkeyPatch.context() as patch:
         patch.setenv("XDG_CACHE_HOME", str(folder))
         yield folder
+
+
+@pytest.fixture(scope="package")
+def browser() -> Iterator[Browser]:
+    # Here, so that the tests without a browser do not need its driver.
+    from playwright.sync_api import sync_playwright
+
+    program = shutil.which("chromium")
+    assert program, "the Debian package chromium is missing; ./dev setup installs it"
+    # Without a sandbox, which needs more rights than a container gives; the page is our own.
+    options = ["--no-sandbox", "--use-gl=angle", "--use-angle=swiftshader"]
+    options.append("--enable-unsafe-swiftshader")
+    with sync_playwright() as playwright:
+        launched = playwright.chromium.launch(executable_path=program, args=options)
+        yield launched
+        launched.close()

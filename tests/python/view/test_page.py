@@ -5,7 +5,6 @@ from __future__ import annotations
 import io
 import os
 import re
-import shutil
 from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
@@ -13,7 +12,7 @@ from typing import Any
 import numpy as np
 import pytest
 from matplotlib import image
-from playwright.sync_api import Browser, Page, expect, sync_playwright
+from playwright.sync_api import Browser, Page, expect
 
 from ..support.child_processes import TIMEOUT_S
 from ..support.command_line import run
@@ -26,19 +25,6 @@ _TIMEOUT_MS = TIMEOUT_S * 1000
 #: Colours of the classes 1 to 4 of the scene, as the page promises them (Okabe and Ito).
 _ORANGE, _SKY, _GREEN, _YELLOW = (230, 159, 0), (86, 180, 233), (0, 158, 115), (240, 228, 66)
 expect.set_options(timeout=_TIMEOUT_MS)
-
-
-@pytest.fixture(scope="module")
-def browser() -> Iterator[Browser]:
-    program = shutil.which("chromium")
-    assert program, "the Debian package chromium is missing; ./dev setup installs it"
-    # Without a sandbox, which needs more rights than a container gives; the page is our own.
-    options = ["--no-sandbox", "--use-gl=angle", "--use-angle=swiftshader"]
-    options.append("--enable-unsafe-swiftshader")
-    with sync_playwright() as playwright:
-        launched = playwright.chromium.launch(executable_path=program, args=options)
-        yield launched
-        launched.close()
 
 
 def opened(served: Served, browser: Browser) -> Page:
