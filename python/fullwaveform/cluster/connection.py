@@ -13,6 +13,7 @@ LOCAL = "local"
 _ADDRESS = re.compile(r"((tcp|tls|ws|wss)://)?[^\s/]+:\d+")
 _LOOPBACK = "127.0.0.1"
 _CONNECT_TIMEOUT_S = 60.0
+_WORKER_TIMEOUT_S = 60.0
 
 
 def check_address(address: str) -> None:
@@ -25,7 +26,12 @@ def check_address(address: str) -> None:
 
 
 @contextmanager
-def connected(address: str, workers: int, timeout: float = _CONNECT_TIMEOUT_S) -> Iterator[Any]:
+def connected(
+    address: str,
+    workers: int,
+    connect_timeout: float = _CONNECT_TIMEOUT_S,
+    worker_timeout: float = _WORKER_TIMEOUT_S,
+) -> Iterator[Any]:
     """Yield a client of the scheduler at `address`, or of `workers` new processes for `LOCAL`.
 
     New workers have one thread each, listen on the loopback interface only and end with the block.
@@ -35,7 +41,8 @@ def connected(address: str, workers: int, timeout: float = _CONNECT_TIMEOUT_S) -
     ValueError
         dask.distributed is not installed.
     OSError
-        The scheduler does not answer, or has no worker, within `timeout` (s).
+        The scheduler does not answer within `connect_timeout` (s), or has no worker within
+        `worker_timeout` (s) after that.
     """
     distributed = _distributed()
     with ExitStack() as stack:
@@ -45,16 +52,18 @@ def connected(address: str, workers: int, timeout: float = _CONNECT_TIMEOUT_S) -
             target = stack.enter_context(_local_cluster(distributed, workers))
         try:
             client = stack.enter_context(
-                distributed.Client(target, timeout=timeout, set_as_default=False)
+                distributed.Client(target, timeout=connect_timeout, set_as_default=False)
             )
         except (OSError, TimeoutError) as error:
             raise OSError(f"cannot connect to the scheduler at {address}: {error}") from error
         try:
-            client.wait_for_workers(1, timeout=timeout)
+            client.wait_for_workers(1, timeout=worker_timeout)
         except TimeoutError as error:
             raise OSError(
                 f"the scheduler at {address} has no workers; start some with: dask worker {address}"
             ) from error
+        except Exception as error:  # of many types: the scheduler has ended meanwhile
+            raise OSError(f"connection to the scheduler at {address} lost: {error}") from error
         yield client
 
 

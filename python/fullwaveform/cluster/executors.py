@@ -39,7 +39,7 @@ class Workers(ABC):
 
     @abstractmethod
     def submit(self, function: Callable[[str], str], text: str) -> Any:
-        """A future with `result()`, and `add_done_callback` if it has one."""
+        """A future with `result()`, and `add_done_callback` if it has one; OSError if refused."""
 
     @abstractmethod
     def cancel(self, futures: Sequence[Any]) -> None:
@@ -69,7 +69,10 @@ class ExecutorWorkers(Workers):
 
     def submit(self, function: Callable[[str], str], text: str) -> Any:
         """The future of the executor."""
-        return self._executor.submit(function, text)
+        try:
+            return self._executor.submit(function, text)
+        except Exception as error:  # broken by an earlier unit, or shut down
+            raise self.failure(error) from error
 
     def cancel(self, futures: Sequence[Any]) -> None:
         """Cancel the futures that can be."""
@@ -102,20 +105,21 @@ class DaskWorkers(Workers):
 
     def submit(self, function: Callable[[str], str], text: str) -> Any:
         """The future of the client."""
-        # Not pure: the same unit may be repeated, and then writes its part again.
-        return self._client.submit(function, text, pure=False)
+        try:
+            # Not pure: the same unit may be repeated, and then writes its part again.
+            return self._client.submit(function, text, pure=False)
+        except Exception as error:
+            raise OSError(_CONNECTION_LOST) from error
 
     def cancel(self, futures: Sequence[Any]) -> None:
         """Cancel the futures, also those that are running."""
-        try:
+        with suppress(Exception):  # the units are gone with the scheduler
             self._client.cancel(list(futures), force=True)
-        except (OSError, TimeoutError):  # the units are gone with the scheduler
-            return
 
     def failure(self, error: BaseException) -> Exception:
         """Lost workers affect one unit, a lost scheduler and missing packages the whole run."""
         # Units return their own errors as texts, so these are errors of the connection.
-        if isinstance(error, (CancelledError, OSError, TimeoutError)):
+        if isinstance(error, (CancelledError, OSError, TimeoutError)) or self._is_disconnected():
             return OSError(_CONNECTION_LOST)
         if type(error).__name__ == "KilledWorker":
             workers = error.allowed_failures + 1  # type: ignore[attr-defined]
@@ -127,10 +131,16 @@ class DaskWorkers(Workers):
             "same version of fullwaveform on all machines"
         )
 
+    def _is_disconnected(self) -> bool:
+        """Whether the client has lost the scheduler, and with it all units."""
+        return bool(self._client.status != "running")
+
     def _threads(self) -> int:
+        if self._is_disconnected():  # asking would take as long as the client tries to connect
+            raise OSError(_CONNECTION_LOST)
         try:
             return sum(self._client.ncores().values())
-        except (OSError, TimeoutError) as error:
+        except Exception as error:  # of many types: the client may be closing at this moment
             raise OSError(_CONNECTION_LOST) from error
 
 

@@ -28,6 +28,7 @@ from fullwaveform.core.messages import counted_messages, logger
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.extraction.extractor import ExtractionSettings
 
+from ..support.child_processes import TIMEOUT_S
 from ..support.command_line import assert_error, assert_usage, names, run
 from .processes import scheduler
 from .scenes import las_scan, states
@@ -110,7 +111,7 @@ def test_extract_does_not_load_dask(scan: Path, monkeypatch: pytest.MonkeyPatch)
 def test_unreachable_scheduler_is_an_error() -> None:
     with (
         pytest.raises(OSError, match=r"cannot connect to the scheduler at 127\.0\.0\.1:9: "),
-        connected("127.0.0.1:9", 1, timeout=0.5),
+        connected("127.0.0.1:9", 1, connect_timeout=0.5),
     ):
         raise AssertionError
 
@@ -119,7 +120,7 @@ def test_scheduler_without_workers_is_an_error(tmp_path: Path) -> None:
     with (
         scheduler(tmp_path) as (address, _),
         pytest.raises(OSError, match="has no workers; start some with: dask worker tcp://"),
-        connected(address, 1, timeout=0.5),
+        connected(address, 1, worker_timeout=0.2),
     ):
         raise AssertionError
 
@@ -246,7 +247,7 @@ def test_file_changed_during_the_run_is_refused(scan: Path, tmp_path: Path) -> N
 
 def test_messages_are_counted_per_thread() -> None:
     counted: dict[str, Counter[str]] = {}
-    both = threading.Barrier(2, timeout=60)
+    both = threading.Barrier(2, timeout=TIMEOUT_S)
 
     def work(name: str, times: int) -> None:
         with counted_messages(own_thread=True) as kinds:

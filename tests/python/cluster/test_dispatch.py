@@ -27,6 +27,8 @@ class Done:
 class Scheduler:
     """Two workers of one thread each; the part of a client that the dispatcher uses."""
 
+    status = "running"
+
     def __init__(self) -> None:
         self.submitted = 0
         self.cancelled = 0
@@ -103,10 +105,60 @@ def test_unit_that_loses_its_workers_is_marked() -> None:
     assert result.error == "unit failed on 4 workers (out of memory?); reduce --block"
 
 
-def test_unresponsive_scheduler_ends_the_run(monkeypatch: pytest.MonkeyPatch) -> None:
-    def silent(self: Scheduler) -> dict[str, int]:
-        raise OSError("closed")
+class ClosedClientError(Exception):
+    """As Dask's: it has no base class of its own."""
 
-    monkeypatch.setattr(Scheduler, "ncores", silent)
+
+@pytest.mark.parametrize(
+    "error",
+    [
+        OSError("Timed out trying to connect"),
+        CommClosedError("in <TCP (closed)>"),
+        TimeoutError("timed out"),
+        RuntimeError("IOLoop is closed"),
+        AttributeError("'NoneType' object has no attribute 'ncores'"),
+        ClosedClientError("Client is closed"),
+    ],
+)
+@pytest.mark.parametrize("call", ["ncores", "submit"])
+def test_lost_scheduler_ends_the_run(
+    monkeypatch: pytest.MonkeyPatch, call: str, error: Exception
+) -> None:
+    """Whatever the client does at that moment, and also if the units cannot be cancelled."""
+    scheduler = Scheduler()
+    run = Dispatcher(DaskWorkers(scheduler), lambda _: None).run(doubled, units(50))
+    next(run)
+
+    def failing(*_: Any, **__: Any) -> Any:
+        raise error
+
+    monkeypatch.setattr(scheduler, call, failing)
+    monkeypatch.setattr(scheduler, "cancel", failing)
     with pytest.raises(OSError, match="connection to the scheduler lost"):
-        next(Dispatcher(DaskWorkers(Scheduler()), lambda _: None).run(doubled, units(1)))
+        list(run)
+
+
+def test_client_that_connects_again_has_lost_its_units(monkeypatch: pytest.MonkeyPatch) -> None:
+    """The scheduler is not asked then: the client would try to reach it for half a minute."""
+    scheduler = Scheduler()
+
+    def unreachable() -> dict[str, int]:
+        raise AssertionError
+
+    run = Dispatcher(DaskWorkers(scheduler), lambda _: None).run(doubled, units(50))
+    next(run)
+    monkeypatch.setattr(scheduler, "status", "connecting")
+    monkeypatch.setattr(scheduler, "ncores", unreachable)
+    with pytest.raises(OSError, match="connection to the scheduler lost"):
+        next(run)
+
+
+def test_error_of_a_lost_client_is_not_that_of_a_worker(monkeypatch: pytest.MonkeyPatch) -> None:
+    scheduler = Scheduler()
+
+    def failing(text: str) -> str:
+        monkeypatch.setattr(scheduler, "status", "closed")
+        raise AttributeError("'NoneType' object has no attribute 'gather'")
+
+    with pytest.raises(OSError, match="connection to the scheduler lost"):
+        next(Dispatcher(DaskWorkers(scheduler), lambda _: None).run(failing, units(1)))

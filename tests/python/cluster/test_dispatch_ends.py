@@ -17,6 +17,8 @@ from fullwaveform.io.interruption import request_end
 class _BusyWorker:
     """Accepts units and never finishes one."""
 
+    status = "running"
+
     def __init__(self) -> None:
         self.cancelled = 0
 

@@ -30,6 +30,7 @@ from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.io.scanner_file import scanner_text
 
+from ..support.child_processes import TIMEOUT_S
 from ..support.command_line import names, run
 from ..support.echo_tables import assert_same_rows
 from .scenes import las_scan, parts_table, pulsewaves_scan
@@ -229,6 +230,26 @@ def test_lost_executor_ends_the_run(
     assert len(found.parts) == PARTS
 
 
+@pytest.mark.parametrize(
+    ("error", "message"),
+    [
+        (BrokenExecutor("a child process terminated abruptly"), "has lost a worker .out of memo"),
+        (RuntimeError("cannot schedule new futures after shutdown"), r"RuntimeError: cannot sched"),
+    ],
+)
+def test_executor_that_takes_no_units_ends_the_run(
+    error: Exception, message: str, sources: list[Path], tmp_path: Path
+) -> None:
+    class Ended(OwnExecutor):
+        def submit(self, function: Callable[[str], str], text: str) -> Handle:
+            if self.submitted == 4:
+                raise error
+            return super().submit(function, text)
+
+    with pytest.raises(OSError, match=message):
+        fw.extract_many(sources, tmp_path / "parts", executor=Ended(), threshold=20, **BLOCKS)
+
+
 def test_scanner_of_the_files_is_used(tmp_path: Path) -> None:
     scan = las_scan(tmp_path / "scan.las", shots=20)
     for name, unit in (("a", 0.25), ("b", 0.25), ("c", 0.5)):
@@ -248,7 +269,7 @@ def test_scanner_of_the_files_is_used(tmp_path: Path) -> None:
 
 
 def test_inputs_are_opened_several_at_a_time(sources: list[Path]) -> None:
-    both = threading.Barrier(2, timeout=60)  # passed only by two that wait at the same time
+    both = threading.Barrier(2, timeout=TIMEOUT_S)  # passed only by two that wait at the same time
 
     def look(reader: WaveformReader) -> int:
         both.wait()

@@ -45,8 +45,8 @@ def test_part_of_a_killed_worker_is_repeated(tmp_path: Path) -> None:
         stdout, stderr = first.communicate(timeout=TIMEOUT_S)
         assert first.returncode == 0, stderr
         # One worker was killed, the other one runs to the end.
-        assert sorted(worker.poll() is None for worker in both) == [False, True]
         wait_until(lambda: -signal.SIGKILL in [worker.poll() for worker in both])
+        assert sorted(worker.poll() is None for worker in both) == [False, True]
     expected = single_run(scan, tmp_path / "single.parquet", *SINGLE)
     assert_same_rows(parts_table(folder), expected)
     assert len(part_paths(folder)) == 5
@@ -90,13 +90,12 @@ def test_part_that_kills_every_worker_is_marked_as_failed(address: str, tmp_path
 def test_lost_scheduler_ends_the_run(tmp_path: Path) -> None:
     scan, folder, test = las_scan(tmp_path / "scan.las"), tmp_path / "parts", tmp_path / "test"
     test.mkdir()
-    quick = {"DASK_DISTRIBUTED__COMM__TIMEOUTS__CONNECT": "2s"}
     with (
         scheduler(test) as (address, process),
         workers(address, 2, **hold(test, block=6)),
     ):
         call = ("cluster", scan, "-o", folder, *OPTIONS, "-q")  # no lines on a busy machine
-        first = command(*call, "--scheduler", address, **quick)
+        first = command(*call, "--scheduler", address)
         wait_until(lambda: (test / "held").exists() and done_parts(folder) == 4)
         process.kill()
         stdout, stderr = first.communicate(timeout=TIMEOUT_S)

@@ -11,6 +11,7 @@ import numpy as np
 
 from fullwaveform import Driver, Result
 
+from ..support.child_processes import TIMEOUT_S
 from ..support.sample_triples import Samples, scanner, triples
 
 # A named pipe in place of the report file keeps the library inside `apply` until it is read.
@@ -73,7 +74,11 @@ os.rmdir(folder)
 def run(script: str) -> str:
     """Output of a program; a timeout fails the test."""
     done = subprocess.run(
-        [sys.executable, "-c", script], check=True, capture_output=True, text=True, timeout=60
+        [sys.executable, "-c", script],
+        check=True,
+        capture_output=True,
+        text=True,
+        timeout=TIMEOUT_S,
     )
     return done.stdout
 
@@ -113,7 +118,7 @@ def test_threads_sharing_a_driver_give_equal_results() -> None:
     together = Barrier(4)
 
     def extract_all(_: int) -> list[dict[str, list[float]]]:
-        together.wait(timeout=60)
+        together.wait(TIMEOUT_S)
         return [columns(shared.apply(block, threshold=10)) for block in work]
 
     with ThreadPoolExecutor(4) as pool:

@@ -134,17 +134,26 @@ def test_monitor_counts_waveforms_and_cancels() -> None:
         fit.apply(noise(30))
 
 
+def crowded(rows: int) -> npt.NDArray[np.uint16]:
+    """Waveforms of nine echoes, each of which takes some milliseconds."""
+    pulses = [(position, 90.0) for position in np.arange(8.0, WIDTH - 8.0, 7.3)]
+    return np.tile(waveform(WIDTH, pulses), (rows, 1))
+
+
+MINUTES = 40_000  # crowded waveforms take that long
+
+
 def test_cancel_ends_a_call_in_another_thread() -> None:
     monitor = RunMonitor()
-    samples = noise(400_000)  # several seconds of work
+    samples = crowded(MINUTES)
     with ThreadPoolExecutor(1) as threads:
         call = threads.submit(PulseFit(gaussian_model(), monitor=monitor).apply, samples)
-        while monitor.waveforms_done == 0:
+        while monitor.waveforms_done == 0 and not call.done():
             time.sleep(0.001)
         monitor.cancel()
         with pytest.raises(Cancelled):
             call.result()
-    assert monitor.waveforms_done < 400_000
+    assert monitor.waveforms_done < MINUTES
 
 
 def test_signal_ends_a_call_in_the_main_thread() -> None:
@@ -167,11 +176,11 @@ def test_signal_ends_a_call_in_the_main_thread() -> None:
     try:
         sender.start()
         with pytest.raises(SignalError):
-            PulseFit(gaussian_model(), monitor=monitor).apply(noise(400_000))
+            PulseFit(gaussian_model(), monitor=monitor).apply(crowded(MINUTES))
     finally:
         sender.join()
         signal.signal(signal.SIGUSR1, previous)
-    assert monitor.waveforms_done < 400_000
+    assert monitor.waveforms_done < MINUTES
 
 
 @pytest.mark.parametrize(

@@ -17,6 +17,7 @@ from fullwaveform.io.echo_writers.csv import CsvEchoWriter
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_scan
 
+from ..support.child_processes import TIMEOUT_S
 from ..support.command_line import names, run
 
 SETTINGS = ExtractionSettings(scanner=Scanner.default(), threshold=20)
@@ -80,7 +81,7 @@ def test_blocks_in_memory_are_bounded(scan: Path, workers: int) -> None:
 
 def test_every_worker_has_its_own_driver(scan: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     """Two blocks are extracted at the same time, by two extractors."""
-    both = threading.Barrier(2, timeout=60)
+    both = threading.Barrier(2, timeout=TIMEOUT_S)
     seen = set()
     extract = Extractor.extract
 

@@ -3,12 +3,13 @@
 from __future__ import annotations
 
 import threading
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
 from fullwaveform.extraction.threads import worked_behind
 
-SOON = 20.0  # s; no test waits so long unless it fails
+from ..support.child_processes import TIMEOUT_S
 
 
 def test_items_are_worked_on_in_order_by_another_thread() -> None:
@@ -25,7 +26,7 @@ def test_caller_waits_while_two_items_are_not_finished() -> None:
     may_work, done = threading.Semaphore(0), []
 
     def work(item: int) -> None:
-        assert may_work.acquire(timeout=SOON)
+        assert may_work.acquire(timeout=TIMEOUT_S)
         done.append(item)
 
     with worked_behind(work) as hand_over:
@@ -68,22 +69,31 @@ def test_exception_at_the_last_item_is_raised_at_the_end() -> None:
         hand_over(7)
 
 
-def test_exception_of_the_caller_waits_for_the_current_item_only() -> None:
+def test_exception_of_the_caller_waits_for_the_current_item_only(
+    monkeypatch: pytest.MonkeyPatch,
+) -> None:
     started, may_end, done = threading.Event(), threading.Event(), []
+    shutdown = ThreadPoolExecutor.shutdown
+
+    def cancel_and_let_end(pool: ThreadPoolExecutor, wait: bool, cancel_futures: bool) -> None:
+        assert wait
+        shutdown(pool, wait=False, cancel_futures=cancel_futures)
+        may_end.set()
+        shutdown(pool)
 
     def work(item: int) -> None:
         started.set()
-        assert may_end.wait(SOON)
+        assert may_end.wait(TIMEOUT_S)
         done.append(item)
 
     def run() -> None:
         with worked_behind(work) as hand_over:
             hand_over(0)
             hand_over(1)
-            assert started.wait(SOON)
-            threading.Timer(0.05, may_end.set).start()
+            assert started.wait(TIMEOUT_S)
             raise KeyboardInterrupt
 
+    monkeypatch.setattr(ThreadPoolExecutor, "shutdown", cancel_and_let_end)
     with pytest.raises(KeyboardInterrupt):
         run()
     assert done == [0]

@@ -1,12 +1,13 @@
 """The command line with one slow step, so that a signal arrives during it.
 
-Usage: slow_command.py blocks|renaming|summary|index|none CALL...
+Usage: slow_command.py loading|blocks|renaming|summary|index CALL...
 """
 
 from __future__ import annotations
 
 import sys
 import time
+from importlib.abc import MetaPathFinder
 from typing import Any
 
 from fullwaveform.cli.main import main
@@ -14,6 +15,19 @@ from fullwaveform.cli.main import main
 SHORT, LONG = 0.1, 300.0  # s
 SUMMARY_BEGINS = "the summary begins"
 INDEX_ENDS = "the index of the viewer ends"
+
+
+class _SlowFinder(MetaPathFinder):
+    """Finds no module, and takes minutes for that of the first library."""
+
+    def find_spec(self, name: str, *_: Any) -> None:
+        if name == "typer":
+            time.sleep(LONG)
+
+
+def slow_loading() -> None:
+    """Minutes pass while libraries are loaded."""
+    sys.meta_path.insert(0, _SlowFinder())
 
 
 def slow_blocks() -> None:
@@ -67,10 +81,10 @@ def slow_index() -> None:
 
 if __name__ == "__main__":
     {
+        "loading": slow_loading,
         "blocks": slow_blocks,
         "renaming": slow_renaming,
         "summary": slow_summary,
         "index": slow_index,
-        "none": lambda: None,
     }[sys.argv.pop(1)]()
     main()

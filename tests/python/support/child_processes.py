@@ -12,7 +12,7 @@ from typing import Any
 
 import fullwaveform
 
-TIMEOUT_S = 120.0  # reached only if something is broken
+TIMEOUT_S = 300.0  # reached only if something is broken
 PACKAGE = str(Path(fullwaveform.__file__).resolve().parents[1])
 _started: list[subprocess.Popen[str]] = []
 
@@ -39,9 +39,12 @@ def started(process: subprocess.Popen[str]) -> subprocess.Popen[str]:
 
 
 def kill_started() -> None:
-    """Kill the process groups of the registered processes that still run."""
+    """Kill the process groups of the registered processes that still run, and close all pipes."""
     while _started:
         process = _started.pop()
         if process.poll() is None:
             os.killpg(process.pid, signal.SIGKILL)
-            process.communicate()
+            process.wait()
+        for stream in (process.stdout, process.stderr):
+            if stream is not None:
+                stream.close()
