@@ -3,8 +3,9 @@
 Usage: fuzz_reader.py READER SEED_FILE SECONDS MIN_INPUTS SEED
 
 A reader may reject a file with an OSError or a ValueError. Any other exception, an input that takes
-longer than 15 s, and one that needs more than a gigabyte end the run with exit code 1; the input is
-then stored next to the seed file. A file of samples (.wdp, .wvs, .wvz) is changed in one of four.
+longer than 15 s of processor time, and one that needs more than a gigabyte end the run with exit
+code 1; the input is then stored next to the seed file. A file of samples (.wdp, .wvs, .wvz) is
+changed in one of four.
 """
 
 from __future__ import annotations
@@ -23,7 +24,7 @@ sys.path.insert(0, str(Path(__file__).parent))
 from mutation import mutated
 from readers import READERS
 
-_LONGEST = 15.0  # s for one input
+_LONGEST = 15.0  # s of processor time for one input
 _MEMORY = 2**30  # bytes beyond what the process has at its start
 _COMPANIONS = (".wdp", ".wvs", ".wvz")
 
@@ -63,13 +64,13 @@ def main() -> int:
     read, chance = READERS[name], random.Random(int(number))
     read(seed)
     (seed.parent / "input").mkdir(exist_ok=True)
-    signal.signal(signal.SIGALRM, _too_long)
+    signal.signal(signal.SIGPROF, _too_long)
     _limit_memory()
     inputs, refused, begin = 0, 0, time.monotonic()
     while inputs < least or time.monotonic() - begin < seconds:
         inputs += 1
         path = _change(seed, chance)
-        signal.setitimer(signal.ITIMER_REAL, _LONGEST)
+        signal.setitimer(signal.ITIMER_PROF, _LONGEST)
         try:
             read(path)
         except (OSError, ValueError):
@@ -81,7 +82,7 @@ def main() -> int:
             print(f"{name}: input {inputs} failed, see {kept}", file=sys.stderr)
             return 1
         finally:
-            signal.setitimer(signal.ITIMER_REAL, 0.0)
+            signal.setitimer(signal.ITIMER_PROF, 0.0)
     print(f"{name}: {inputs} inputs, {refused} refused")
     return 0
 

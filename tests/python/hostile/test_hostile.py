@@ -9,7 +9,7 @@ import pytest
 from .corpus import cases
 from .messages import LIST, as_text, message, outcomes
 
-SECONDS = 10.0  # on a machine under load; a case takes a few milliseconds
+SECONDS = 10.0  # of processor time; a case takes a few milliseconds
 
 
 @pytest.fixture(scope="module")

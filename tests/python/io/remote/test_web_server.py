@@ -23,6 +23,7 @@ from fullwaveform.io.companions import with_companions
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.io.remote import location
 
+from ...support.child_processes import TIMEOUT_S
 from ...support.row_scenes import same
 from ...support.web_server import ServedFile, WebServer
 
@@ -125,7 +126,8 @@ def test_lasting_failure_names_url_and_reason(
             list(reader.blocks())
 
 
-def test_connection_refused() -> None:
+def test_connection_refused(monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(remote_store, "WAITS", (0.0, 0.0))
     with pytest.raises(OSError, match=r"cannot read http://127\.0\.0\.1:1/scan\.las: "):
         open_waveforms("http://127.0.0.1:1/scan.las")
 
@@ -277,7 +279,7 @@ def test_collector_does_not_wait_for_h5py_in_the_thread_of_requests(
         with phil:
             del cycle
             done = asyncio.run_coroutine_threadsafe(collect(), get_loop())
-            done.result(timeout=20)  # reached only if the thread waits for the lock
+            done.result(TIMEOUT_S)  # reached only if the thread waits for the lock
             assert stream.read(10) == CONTENT[:10]
     assert gc.get_freeze_count() == 0
 
