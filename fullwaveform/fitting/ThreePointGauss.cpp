@@ -1,12 +1,12 @@
 #include <fullwaveform/fitting/ThreePointGauss.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstddef>
 #include <limits>
 
 #include <fullwaveform/fitting/ClampedIndex.h>
+#include <fullwaveform/fitting/SampleLogarithm.h>
 
 namespace FullWaveform {
 namespace {
@@ -33,24 +33,6 @@ Parabola parabolaThrough(float left, float centre, float right) {
   return {left, c1, c2};
 }
 
-float logarithmOf(double sample) {
-  return static_cast<float>(std::log(sample));
-}
-
-/// The logarithm of a sample, from a table where digitisers of 12 bits count: small enough to stay in the
-/// cache, and several times as fast as the function.
-float logarithmOf(unsigned short sample) {
-  constexpr std::size_t counts = 4096;
-  static std::array<float, counts> const table = [] {
-    std::array<float, counts> logarithms{};
-    for (std::size_t i = 0; i < counts; ++i) {
-      logarithms[i] = logarithmOf(static_cast<double>(i));
-    }
-    return logarithms;
-  }();
-  return sample < counts ? table[sample] : logarithmOf(static_cast<double>(sample));
-}
-
 /// The Gaussian whose logarithm is the parabola through three logarithms of samples.
 ThreePointGauss gaussThroughLogarithms(float left, float centre, float right) {
   auto const [c0, c1, c2] = parabolaThrough(left, centre, right);
@@ -63,7 +45,8 @@ ThreePointGauss gaussThroughLogarithms(float left, float centre, float right) {
 }  // namespace
 
 ThreePointGauss gaussThroughThreeSamples(double left, double centre, double right) {
-  return gaussThroughLogarithms(logarithmOf(left), logarithmOf(centre), logarithmOf(right));
+  return gaussThroughLogarithms(static_cast<float>(std::log(left)), static_cast<float>(std::log(centre)),
+                                static_cast<float>(std::log(right)));
 }
 
 void fitThreePointGauss(std::span<unsigned short const> samples, ZeroCrossing::SampleAccessor const& accessor,
@@ -75,7 +58,8 @@ void fitThreePointGauss(std::span<unsigned short const> samples, ZeroCrossing::S
   auto const logarithmAt = [&](int index) {
     int const nearest = clampedIndex(index, samples);
     unsigned short const& sample = samples[static_cast<std::size_t>(nearest)];
-    return logarithmOf(accessor ? accessor(sample, static_cast<double>(nearest)) : sample);
+    return static_cast<float>(
+        logarithmOf(accessor ? accessor(sample, static_cast<double>(nearest)) : sample));
   };
   float const left = logarithmAt(k - 1);
   float const centre = logarithmAt(k);

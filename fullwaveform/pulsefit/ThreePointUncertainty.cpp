@@ -7,6 +7,8 @@
 #include <limits>
 #include <numbers>
 
+#include <fullwaveform/fitting/SampleLogarithm.h>
+
 namespace FullWaveform {
 namespace {
 
@@ -19,8 +21,8 @@ constexpr double surroundingsSpread = 0.2;  // of the curvature, by baseline and
 using Triple = std::array<double, 3>;
 
 /// A sample as the fit reads it.
-double atLeastOne(unsigned short sample) {
-  return std::max(static_cast<double>(sample), 1.0);
+unsigned short atLeastOne(unsigned short sample) {
+  return std::max<unsigned short>(sample, 1);
 }
 
 /// Variance of a weighted sum of three neighbouring samples.
@@ -58,9 +60,10 @@ Curvature curvatureAround(std::span<unsigned short const> samples, std::size_t m
   double products[3] = {};
   for (std::size_t i = middle - reach; i <= middle + reach; ++i) {
     double const x = static_cast<double>(i) - static_cast<double>(middle);
-    double const sample = atLeastOne(samples[i]);
+    unsigned short const counts = atLeastOne(samples[i]);
+    double const sample = counts;
     double weight = sample * sample / noiseVariance;
-    double const logarithm = std::log(sample);
+    double const logarithm = logarithmOf(counts);
     for (std::size_t power = 0; power < 5; ++power) {
       moments[power] += weight;
       if (power < 3) {
@@ -94,11 +97,13 @@ double improved(Curvature const& ofThree, Curvature around) {
 /// @param offset  of the echo from it, samples
 EchoUncertainty uncertaintyOf(std::span<unsigned short const> samples, std::size_t middle, double offset,
                               SampleNoise const& noise, double baselineVariance) {
-  Triple const values{atLeastOne(samples[middle - 1]), atLeastOne(samples[middle]),
-                      atLeastOne(samples[middle + 1])};
+  Triple values{};
   Triple logarithms{};
-  std::transform(values.begin(), values.end(), logarithms.begin(),
-                 [](double value) { return std::log(value); });
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    unsigned short const counts = atLeastOne(samples[middle - 1 + i]);
+    values[i] = counts;
+    logarithms[i] = logarithmOf(counts);
+  }
   auto const [left, centre, right] = logarithms;
   double const fitted = left - 2.0 * centre + right;  // negative at a maximum
   double const vertex = 0.5 * (left - right) / fitted;

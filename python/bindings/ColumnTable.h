@@ -2,6 +2,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <new>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -24,8 +26,29 @@ using ColumnValue = decltype(std::declval<Column const&>().get(std::declval<Reco
 template <class Value>
 using StoredValue = std::conditional_t<std::is_same_v<Value, bool>, std::uint8_t, Value>;
 
+/// Leaves new elements uninitialised: every value of a column is set once.
+template <class Value>
+struct UninitialisedAllocator : std::allocator<Value> {
+  template <class Other>
+  struct rebind {
+    using other = UninitialisedAllocator<Other>;
+  };
+
+  template <class Element>
+  void construct(Element* element) noexcept {
+    ::new (static_cast<void*>(element)) Element;
+  }
+  template <class Element, class... Arguments>
+  void construct(Element* element, Arguments&&... arguments) {
+    ::new (static_cast<void*>(element)) Element(std::forward<Arguments>(arguments)...);
+  }
+};
+
+template <class Value>
+using ColumnValues = std::vector<Value, UninitialisedAllocator<Value>>;
+
 template <class Record, class... Columns>
-std::tuple<std::vector<StoredValue<ColumnValue<Columns, Record>>>...> emptyColumns(
+std::tuple<ColumnValues<StoredValue<ColumnValue<Columns, Record>>>...> emptyColumns(
     std::tuple<Columns...> const&);
 
 /// The values of a list of columns, one per record.
@@ -36,9 +59,8 @@ template <class Record, auto const& columns>
 class ColumnTable {
  public:
   ColumnTable() = default;
-  explicit ColumnTable(std::size_t rows) {
-    forEach([rows](auto const& /*column*/, auto& values) { values.resize(rows); });
-  }
+  /// A table whose values are to be set.
+  explicit ColumnTable(std::size_t rows) { resize(rows); }
 
   void reserve(std::size_t rows) {
     forEach([rows](auto const& /*column*/, auto& values) { values.reserve(rows); });

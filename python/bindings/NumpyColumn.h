@@ -16,12 +16,12 @@
 /// Passes a column to NumPy without a copy: the array owns the vector.
 ///
 /// @tparam Value  type of the elements in NumPy, as large as those of the vector
-template <class Value, class Stored = Value>
-nanobind::object numpyColumn(std::vector<Stored>&& values) {
+template <class Value, class Stored, class Allocator>
+nanobind::object numpyColumn(std::vector<Stored, Allocator>&& values) {
   static_assert(sizeof(Value) == sizeof(Stored));
-  auto* owned = new std::vector<Stored>(std::move(values));
-  nanobind::capsule owner(owned,
-                          [](void* memory) noexcept { delete static_cast<std::vector<Stored>*>(memory); });
+  using Values = std::vector<Stored, Allocator>;
+  auto* owned = new Values(std::move(values));
+  nanobind::capsule owner(owned, [](void* memory) noexcept { delete static_cast<Values*>(memory); });
   return nanobind::cast(nanobind::ndarray<nanobind::numpy, Value>(owned->data(), {owned->size()}, owner));
 }
 

@@ -40,32 +40,30 @@ struct RowsOfSamples {
   /// Calls `visit(waveform, noise, first, count, result)` for the echoes of each row.
   template <class Visitor>
   nb::tuple columns(Visitor const& visit) const {
-    std::vector<EchoUncertainty> uncertainties(rows.shape(0));
+    std::size_t const total = rows.shape(0);
+    ColumnValues<double> positions(total);
+    ColumnValues<double> amplitudes(total);
+    ColumnValues<double> fwhms(total);
     {
       nb::gil_scoped_release const release;
+      std::vector<EchoUncertainty> found;
       EchoRows const echoes{samples, counts, rows};
       echoes.forEach([&](std::int64_t row, std::size_t first, std::size_t count) {
         FittedSamples const waveform{echoes.samplesOf(row), thresholds.data()[row], limits.data()[row]};
         std::size_t const lags = covariances.shape(1);
         SampleNoise const noise{{covariances.data() + static_cast<std::size_t>(row) * lags, lags},
                                 baselineDeviations.data()[row]};
-        visit(waveform, noise, first, count, std::span(uncertainties).subspan(first, count));
+        found.assign(count, EchoUncertainty());
+        visit(waveform, noise, first, count, std::span(found));
+        for (std::size_t k = 0; k < count; ++k) {
+          positions[first + k] = found[k].position;
+          amplitudes[first + k] = found[k].amplitude;
+          fwhms[first + k] = found[k].fwhm;
+        }
       });
     }
-    return nb::make_tuple(column(uncertainties, &EchoUncertainty::position),
-                          column(uncertainties, &EchoUncertainty::amplitude),
-                          column(uncertainties, &EchoUncertainty::fwhm));
-  }
-
- private:
-  static nb::object column(std::vector<EchoUncertainty> const& uncertainties,
-                           double EchoUncertainty::* member) {
-    std::vector<double> values;
-    values.reserve(uncertainties.size());
-    for (EchoUncertainty const& uncertainty : uncertainties) {
-      values.push_back(uncertainty.*member);
-    }
-    return numpyColumn<double>(std::move(values));
+    return nb::make_tuple(numpyColumn<double>(std::move(positions)),
+                          numpyColumn<double>(std::move(amplitudes)), numpyColumn<double>(std::move(fwhms)));
   }
 };
 

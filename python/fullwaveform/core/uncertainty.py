@@ -114,6 +114,8 @@ def _ascending(rows: IntArray) -> IntArray | slice:
 
 def _in_place(order: IntArray | slice, found: Uncertainties) -> Uncertainties:
     """The values of ordered rows at the places of the rows."""
+    if isinstance(order, slice):
+        return found
     position, height, fwhm = (np.empty_like(values) for values in found)
     for placed, values in zip((position, height, fwhm), found, strict=True):
         placed[order] = values

@@ -81,16 +81,21 @@ def fitted_rows(
     # The same number of columns in all blocks of a file, so that they have the same digits.
     correlations = [level.noise_correlation for level in preparation.calibration.levels]
     lags = min(max(map(len, correlations), default=0), MAX_NOISE_LAG)
-    covariance = np.full((len(block), lags + 1), np.nan)
-    limit = np.full(len(block), np.inf)
-    baseline_deviation = np.full(len(block), np.nan)
-    for level, chosen in by_receiver(block, preparation.calibration):
+    # One row per receiver, the last one for those that were not measured.
+    receivers = by_receiver(block, preparation.calibration)
+    receiver = np.full(len(block), len(receivers))
+    covariances = np.full((len(receivers) + 1, lags + 1), np.nan)
+    limits = np.full(len(receivers) + 1, np.inf)
+    deviations = np.full(len(receivers) + 1, np.nan)
+    for number, (level, chosen) in enumerate(receivers):
+        receiver[chosen] = number
         correlation = (1.0, *level.noise_correlation, *[0.0] * lags)[: lags + 1]
-        covariance[chosen] = level.effective_rms**2 * np.array(correlation)
+        covariances[number] = level.effective_rms**2 * np.array(correlation)
         if level.digitiser_limit is not None:
-            limit[chosen] = level.digitiser_limit
+            limits[number] = level.digitiser_limit
         if not preparation.removes_baseline(level):
-            baseline_deviation[chosen] = level.baseline_spread
+            deviations[number] = level.baseline_spread
+    covariance, limit = covariances[receiver], limits[receiver]
     missing = rows[np.isnan(covariance[rows, 0])]
     own = np.unique(missing) if len(missing) > 0 else missing
     for count in distinct(block.counts[own]):
@@ -106,5 +111,5 @@ def fitted_rows(
         threshold=threshold,
         limit=np.asarray((limit - prepared.removed) * scale, np.float64),
         covariance=covariance * (scale**2)[:, np.newaxis],
-        baseline_deviation=baseline_deviation * scale,
+        baseline_deviation=deviations[receiver] * scale,
     )
