@@ -49,7 +49,7 @@ Csv::Column columnOf(Array const& array) {
   throw std::invalid_argument("column of a type that has no text");
 }
 
-nb::bytes csvLines(nb::list const& arrays) {
+nb::bytes csvLines(nb::list const& arrays, std::size_t first, std::size_t count) {
   std::vector<Array> kept;
   std::vector<Csv::Column> columns;
   for (nb::handle const array : arrays) {
@@ -62,7 +62,7 @@ nb::bytes csvLines(nb::list const& arrays) {
   std::string text;
   {
     nb::gil_scoped_release const release;
-    text = Csv::lines(columns);
+    text = Csv::lines(columns, first, count);
   }
   return nb::bytes(text.data(), text.size());
 }
@@ -70,8 +70,8 @@ nb::bytes csvLines(nb::list const& arrays) {
 }  // namespace
 
 void bindCsv(nb::module_& module) {
-  module.def(
-      "csv_lines", &csvLines, nb::arg("columns"),
-      "Lines of comma-separated values. Columns are arrays of numbers, or of texts as rows of bytes that "
-      "end in zeros.");
+  module.def("csv_lines", &csvLines, nb::arg("columns"), nb::arg("first"), nb::arg("count"),
+             "Some lines of comma-separated values. Columns are arrays of numbers, or of texts as rows of "
+             "bytes that "
+             "end in zeros.");
 }

@@ -27,6 +27,8 @@ using Column = std::variant<std::span<double const>, std::span<float const>, std
 ///
 /// Numbers have the fewest digits that read back to the same value of their type: from 1e-6 to below 1e10 in
 /// decimal notation, else as 1.5e-7 or 1e+10. NaN is "nan", infinities are "inf" and "-inf".
-std::string lines(std::vector<Column> const& columns);
+///
+/// @param first, count  rows; those beyond the last one are left out
+std::string lines(std::vector<Column> const& columns, std::size_t first, std::size_t count);
 
 }  // namespace Csv

@@ -19,7 +19,7 @@ LIMITS = [0.0, 1.0, 1.5, 16777216.0, 16777218.0, 1e9, 9999999999.0, 1e10, 1e22, 
 def lines_of(*columns: AnyArray) -> list[str]:
     described = [Column(str(k), values.dtype.type, "1", "") for k, values in enumerate(columns)]
     table = Table({str(k): values for k, values in enumerate(columns)})
-    return csv_lines(table, described).decode().split("\n")
+    return b"".join(csv_lines(table, described)).decode().split("\n")
 
 
 def text_of_arrow(*columns: AnyArray) -> list[str]:

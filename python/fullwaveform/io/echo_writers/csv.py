@@ -42,7 +42,9 @@ class CsvTableFile(TableFile):
         return {path: cls.kind, metadata_path(path): METADATA_KIND}
 
     def _add_rows(self, table: Table) -> None:
-        self._open_stream().write(csv_lines(table, self._columns))
+        stream = self._open_stream()
+        for lines in csv_lines(table, self._columns):
+            stream.write(lines)
 
     @contextmanager
     def _content(self, stream: OutputFile) -> Iterator[None]:
