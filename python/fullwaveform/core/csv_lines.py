@@ -10,7 +10,6 @@ from fullwaveform import _core
 from fullwaveform.data.arrays import AnyArray
 from fullwaveform.data.columns import Column, Table
 
-
 _ROWS_AT_ONCE = 2048  # their text stays in the cache
 
 

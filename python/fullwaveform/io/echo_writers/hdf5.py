@@ -41,7 +41,7 @@ class Hdf5TableFile(GroupedTableFile):
     different kinds the compressed bytes of equal values may differ.
     """
 
-    _file: h5py.File
+    _datasets: dict[str, h5py.Dataset]  # opening one takes as long as compressing a chunk
 
     @property
     def _rows_per_group(self) -> int:
@@ -49,17 +49,17 @@ class Hdf5TableFile(GroupedTableFile):
 
     @contextmanager
     def _content(self, stream: OutputFile) -> Iterator[None]:
-        with h5py.File(stream, "w") as self._file:
-            _create_datasets(self._file, self._columns)
+        with h5py.File(stream, "w") as file:
+            self._datasets = _created_datasets(file, self._columns)
             if self._metadata is not None:
-                self._file.attrs[RUN_METADATA_KEY] = run_metadata_text(self._metadata)
+                file.attrs[RUN_METADATA_KEY] = run_metadata_text(self._metadata)
             yield
             self._write_groups(self._groups.rest())
 
     def _write_groups(self, groups: Iterator[pa.Table]) -> None:
         for group in groups:
             for name in group.column_names:
-                dataset = self._file[name]
+                dataset = self._datasets[name]
                 first = len(dataset)
                 dataset.resize(first + len(group), axis=0)
                 values = group[name].to_numpy().astype(dataset.dtype, copy=False)
@@ -94,7 +94,9 @@ class Hdf5EchoWriter(Hdf5TableFile, EchoWriter):
         self.count += int(np.count_nonzero(echoes["echo_number"]))
 
 
-def _create_datasets(file: h5py.File, columns: Sequence[Column]) -> None:
+def _created_datasets(file: h5py.File, columns: Sequence[Column]) -> dict[str, h5py.Dataset]:
+    """A dataset for each column, by its name."""
+    datasets = {}
     for column in columns:
         dataset = file.create_dataset(
             column.name,
@@ -109,3 +111,5 @@ def _create_datasets(file: h5py.File, columns: Sequence[Column]) -> None:
         )
         dataset.attrs["unit"] = column.unit
         dataset.attrs["description"] = column.description
+        datasets[column.name] = dataset
+    return datasets

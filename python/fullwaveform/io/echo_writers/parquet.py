@@ -22,13 +22,18 @@ from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text
 
 #: Rows of all row groups but the last, about 25 MB of echoes.
 ROWS_PER_GROUP = 2**17
+_RUNNING_NUMBERS = ("waveform_number", "shot_number")
 
 
 def parquet_writer(stream: OutputFile, schema: pa.Schema) -> pa.parquet.ParquetWriter:
     """Writes tables with the schema to the stream, compressed as all Parquet files here."""
-    # Values of floating-point columns hardly repeat: a dictionary takes three times as long and
-    # makes larger files.
-    repeating = [field.name for field in schema if not pa.types.is_floating(field.type)]
+    # Values of floating-point columns and running numbers hardly repeat: a dictionary takes three
+    # times as long and makes larger files.
+    repeating = [
+        field.name
+        for field in schema
+        if not pa.types.is_floating(field.type) and field.name not in _RUNNING_NUMBERS
+    ]
     return pa.parquet.ParquetWriter(stream, schema, compression="zstd", use_dictionary=repeating)
 
 
