@@ -5,6 +5,7 @@ from __future__ import annotations
 import hashlib
 import webbrowser
 from dataclasses import replace
+from functools import partial
 from importlib import import_module
 from pathlib import Path
 from typing import TYPE_CHECKING, Annotated, Any
@@ -197,8 +198,10 @@ def _session(source: Path, echoes: list[Path] | None, options: ExtractOptions) -
     """The opened and indexed files."""
     module = _imported("fullwaveform.view.session")
     files = [(path.name, path) for path in echoes or ()]
+    as_las = None
     if not files:
         files = [("three-point", _extracted(source, options))]
+        as_las = partial(_extracted, source, options, ".las")
     directory = import_module("fullwaveform.view.directory")
     reader = replace(options, block=directory.BLOCK).open([source])
     session: ViewSession = module.ViewSession(
@@ -208,18 +211,19 @@ def _session(source: Path, echoes: list[Path] | None, options: ExtractOptions) -
         [] if options.scanner is None else [options.scanner],
         _plot_options(options),
         print_line,
+        as_las,
     )
     return session
 
 
-def _extracted(source: Path, options: ExtractOptions) -> Path:
+def _extracted(source: Path, options: ExtractOptions, ending: str = ".parquet") -> Path:
     """The echoes of the file in the cache folder, extracted unless they are there."""
     cache = import_module("fullwaveform.view.cache")
     content = b"" if options.scanner is None else options.scanner.read_bytes()
     described = hashlib.sha256(content).hexdigest()
     identified = cache.identity(source, scanner=described, **_identified(options))
     name = cache.cached_name("extracted", source, identified)
-    path: Path = name.with_name(f"{name.name}.parquet")
+    path: Path = name.with_name(f"{name.name}{ending}")
     if path.is_file():
         return path
     with cache.written_to_cache(path), progress_bar(False) as progress:

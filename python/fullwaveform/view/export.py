@@ -3,43 +3,62 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from pathlib import Path
 from tempfile import TemporaryDirectory
+from threading import Lock
 from typing import BinaryIO
 
+import laspy
+
+from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.echo_writers.converting import (
+    CONVERTED_ENDINGS,
+    convert_rows,
+    has_all_columns,
+)
 from fullwaveform.io.echo_writers.restricting import write_rows_of
+from fullwaveform.io.las.points import WAVEFORM_POINT_FORMATS
 from fullwaveform.view.cache import cache_folder, identity
 from fullwaveform.view.echo_index import EchoIndex
 from fullwaveform.view.selection import Selection, selected_rows
 
 _PART_BYTES = 1 << 18
-#: Formats that have all that a file of the format holds.
-_FORMATS = {
-    ".csv": ("csv",),
-    ".parquet": ("parquet",),
-    ".las": ("las", "laz"),
-    ".laz": ("laz", "las"),
-}
+_POINTS = (".las", ".laz")
 
 
 class SelectionExport:
-    """Writes the selected echoes of a file as the command extract would have written them."""
+    """Writes the selected echoes of a file as the command extract would have written them.
 
-    def __init__(self, path: Path, echoes: EchoIndex) -> None:
-        self._path, self._echoes = path, echoes
+    `as_las` makes a LAS file with the same echoes in the same order, of a table; None: nothing
+    can.
+    """
+
+    def __init__(
+        self, path: Path, echoes: EchoIndex, as_las: Callable[[], Path] | None = None
+    ) -> None:
+        self._path, self._echoes, self._as_las = path, echoes, as_las
         self._identity = identity(path)
+        self._lock = Lock()  # a LAS file is made once
+        self.formats = tuple(ending.removeprefix(".") for ending in self._endings())
 
-    @property
-    def formats(self) -> tuple[str, ...]:
-        """Endings, without the point, of the files that `content` can make."""
-        return _FORMATS.get(self._path.suffix.lower(), ())
+    def _endings(self) -> tuple[str, ...]:
+        """Of files that have all that the file of echoes has."""
+        own = self._path.suffix.lower()
+        if own in _POINTS:
+            with laspy.open(self._path) as file:
+                has_waveforms = file.header.point_format.id in WAVEFORM_POINT_FORMATS
+            return () if has_waveforms else _POINTS
+        points = () if self._as_las is None else _POINTS
+        if has_all_columns(self._path):
+            return (*CONVERTED_ENDINGS, *points)
+        return (own, *points) if own in CONVERTED_ENDINGS else points
 
     def content(self, selection: Selection, kind: str) -> tuple[int, Iterator[bytes]]:
-        """Bytes, and content in parts, of a file with the selected echoes in the order of theirs.
+        """Size, bytes, and content in parts of a file with the selected echoes, in their order.
 
         It is complete in the cache folder before it is read, so that an error gives no part of a
-        file; it has no name there and needs no memory.
+        file; then it has no name there any more.
 
         Raises ValueError for a format that is not one of `formats`, and OSError if the file of
         echoes was changed since it was opened.
@@ -55,9 +74,28 @@ class SelectionExport:
         rows = selected_rows(self._echoes, selection)
         with TemporaryDirectory(dir=cache_folder(), prefix="selection-") as folder:
             output = Path(folder) / f"selection.{kind}"
-            write_rows_of(self._path, rows, output)
+            own = self._path.suffix.lower()
+            if output.suffix == own or own in _POINTS:
+                write_rows_of(self._path, rows, output)
+            elif output.suffix in _POINTS:
+                write_rows_of(self._las(), rows, output)
+            else:
+                convert_rows(self._path, rows, output)
             stream = output.open("rb")  # remains readable when the folder is removed
         return os.fstat(stream.fileno()).st_size, _parts(stream)
+
+    def _las(self) -> Path:
+        assert self._as_las is not None
+        with self._lock:
+            path = self._as_las()
+        with laspy.open(path) as file:
+            points = file.header.point_count
+        if points < self._echoes.row_count:
+            raise WaveformFileError(
+                f"LAS files can hold {points:,} of {self._echoes.row_count:,} echoes only; save "
+                "the selection as csv or parquet"
+            )
+        return path
 
 
 def _parts(stream: BinaryIO) -> Iterator[bytes]:

@@ -60,6 +60,9 @@ class ViewSession:
         Options of the command plot that open the file in the same way.
     report
         Called with a line for each index that was made, with its time.
+    as_las
+        Makes a LAS file with the same echoes in the same order, if there is one file of echoes, a
+        table.
 
     Raises as `EchoIndex.of`, `WaveformDirectory.of` and `offered_scanners`.
     """
@@ -72,6 +75,7 @@ class ViewSession:
         scanners: Sequence[Path] = (),
         plot_options: Sequence[str] = (),
         report: Callable[[str], None] = lambda line: None,
+        as_las: Callable[[], Path] | None = None,
     ) -> None:
         self.path = reader.path
         with ExitStack() as opened:
@@ -88,7 +92,7 @@ class ViewSession:
                 start = time.perf_counter()
                 echoes = EchoIndex.of(path, waveforms)
                 opened.callback(echoes.close)
-                self.layers.append(Layer(label, echoes, SelectionExport(path, echoes)))
+                self.layers.append(Layer(label, echoes, SelectionExport(path, echoes, as_las)))
                 _report(report, label, len(echoes), "echoes", start)
             self.waveforms = waveforms
             self._axes = Axes.of(reader.header)

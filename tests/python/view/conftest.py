@@ -1,4 +1,4 @@
-"""Set-up of the tests of the viewer: a cache folder of their own, and a browser."""
+"""Set-up of the tests of the viewer: a cache folder of their own, a browser and a page."""
 
 from __future__ import annotations
 
@@ -10,7 +10,9 @@ from typing import TYPE_CHECKING
 import pytest
 
 if TYPE_CHECKING:
-    from playwright.sync_api import Browser
+    from playwright.sync_api import Browser, Page
+
+    from .serving import Served
 
 
 @pytest.fixture(scope="package", autouse=True)
@@ -35,3 +37,23 @@ def browser() -> Iterator[Browser]:
         launched = playwright.chromium.launch(executable_path=program, args=options)
         yield launched
         launched.close()
+
+
+@pytest.fixture(scope="module")
+def viewer(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Served]:
+    from .serving import served_scene
+
+    with served_scene(tmp_path_factory.mktemp("view")) as served:
+        yield served
+
+
+@pytest.fixture
+def page(viewer: Served, browser: Browser) -> Iterator[Page]:
+    """The page of the scene; its scripts must not have failed at the end."""
+    from .pages import opened
+
+    page = opened(viewer, browser)
+    yield page
+    problems = page.problems  # type: ignore[attr-defined]
+    page.close()
+    assert problems == []

@@ -36,12 +36,21 @@ class Served:
 
 
 @contextmanager
-def served_scene(folder: Path, name: str = "scan.las") -> Iterator[Served]:
-    """The scene under the given name, served until the end of the block."""
+def served_scene(
+    folder: Path, name: str = "scan.las", *, echoes: str | None = None
+) -> Iterator[Served]:
+    """The scene under the given name, served until the end of the block.
+
+    Its echoes are those of the scene, or the given lines of a CSV file.
+    """
     scan = scenes.write_scan(folder / name)
-    echoes = scenes.write_echoes(folder / "echoes.csv")
+    path = folder / "echoes.csv"
+    if echoes is None:
+        scenes.write_echoes(path)
+    else:
+        path.write_text(echoes, encoding="ascii")
     reader = open_waveforms(scan, waveforms_per_block=BLOCK)
-    with ViewSession(reader, {}, [("echoes.csv", echoes)]) as session:
+    with ViewSession(reader, {}, [(path.name, path)]) as session:
         server = ViewServer(session)
         started = threading.Event()
         thread = threading.Thread(target=server.run, args=(lambda address: started.set(),))

@@ -2,73 +2,24 @@
 
 from __future__ import annotations
 
-import io
 import os
 import re
-from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
 
-import numpy as np
 import pytest
 from matplotlib import image
 from playwright.sync_api import Browser, Page, expect
 
-from ..support.child_processes import TIMEOUT_S
 from ..support.command_line import run
+from .pages import middle_of, opened, pixels
 from .serving import Served, served_scene
 
 pytestmark = pytest.mark.slow
 
 ROOT = Path(__file__).parents[3]
-_TIMEOUT_MS = TIMEOUT_S * 1000
 #: Colours of the classes 1 to 4 of the scene, as the page promises them (Okabe and Ito).
 _ORANGE, _SKY, _GREEN, _YELLOW = (230, 159, 0), (86, 180, 233), (0, 158, 115), (240, 228, 66)
-expect.set_options(timeout=_TIMEOUT_MS)
-
-
-def opened(served: Served, browser: Browser) -> Page:
-    """A new page, with its map complete; it collects the errors of its scripts."""
-    page = browser.new_page(viewport={"width": 1400, "height": 900})
-    page.set_default_timeout(_TIMEOUT_MS)
-    page.problems = []  # type: ignore[attr-defined]
-    page.on("pageerror", lambda error: page.problems.append(str(error)))  # type: ignore[attr-defined]
-    page.goto(served.address)
-    expect(page.locator("#map")).to_have_attribute("data-complete", "true")
-    expect(page.locator("body")).to_have_attribute("data-busy", "false")
-    return page
-
-
-@pytest.fixture(scope="module")
-def viewer(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Served]:
-    with served_scene(tmp_path_factory.mktemp("view")) as served:
-        yield served
-
-
-@pytest.fixture
-def page(viewer: Served, browser: Browser) -> Iterator[Page]:
-    page = opened(viewer, browser)
-    yield page
-    problems = page.problems  # type: ignore[attr-defined]
-    page.close()
-    assert problems == []
-
-
-def pixels(page: Page, colour: tuple[int, int, int]) -> np.ndarray:
-    """Column and row (n, 2) of the pixels of the map that have about this colour."""
-    picture = page.locator("#map").screenshot()
-    values = np.round(image.imread(io.BytesIO(picture))[:, :, :3] * 255).astype(int)
-    rows, columns = np.nonzero((abs(values - np.array(colour)) <= 2).all(axis=2))
-    return np.column_stack([columns, rows])
-
-
-def middle_of(page: Page, colour: tuple[int, int, int]) -> dict[str, float]:
-    """Where in the map the pixels of this colour are, all at one place."""
-    found = pixels(page, colour)
-    assert len(found) > 0
-    assert np.ptp(found, axis=0).max() <= 6
-    x, y = found.mean(axis=0)
-    return {"x": float(x), "y": float(y)}
 
 
 def colour_by_class(page: Page) -> None:

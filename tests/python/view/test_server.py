@@ -83,8 +83,12 @@ def test_page_and_its_files_are_served(served: Client) -> None:
 
 def test_page_needs_nothing_from_elsewhere(served: Client) -> None:
     """No file of the page names another address, but for the namespaces of SVG."""
-    for name in ("", "style.css", "app.js", "map.js", "waveform.js", "pointcloud.js", "data.js"):
-        _, content, _ = served.get(f"/{served.token}/{name}")
+    page = Path(__file__).parents[3] / "python" / "fullwaveform" / "view" / "page"
+    names = sorted(path.name for path in page.iterdir() if path.is_file())
+    assert len(names) >= 10
+    for name in names:
+        _, content, _ = served.get(f"/{served.token}/{name if name != 'index.html' else ''}")
+        assert content
         assert b"//" not in content.replace(b"// ", b"")
 
 
@@ -205,6 +209,11 @@ def test_moves_answer_the_echo_or_the_waveform(served: Client) -> None:
         ("layers/0/next/chi?waveform=0&limit=nan", "invalid limit 'nan'"),
         ("layers/0/next/up?waveform=0", "unknown move 'up'"),
         ("layers/0/echoes/7", "no echo 7"),
+        ("layers/0/selection?box=1,2,3", "invalid box '1,2,3'"),
+        ("layers/0/selection?bars=amplitude:x", "invalid bar 'x'"),
+        ("layers/0/selection?bars=up:1", "no histogram of 'up'"),
+        ("layers/1/selection", "no file of echoes 1"),
+        ("layers/0/selection.las", "cannot be saved as 'las'; formats"),
     ],
 )
 def test_invalid_requests_are_explained(served: Client, path: str, message: str) -> None:
@@ -233,3 +242,26 @@ def test_points_are_binary(served: Client) -> None:
     _, content, headers = served.get(f"/{served.token}/layers/0/points?nodes=0")
     assert headers["content-type"] == "application/octet-stream"
     assert sorted(np.frombuffer(content, "<f4", 7).tolist()) == [0.0] * 4 + [80.0] * 3
+
+
+def test_selection_is_counted(served: Client) -> None:
+    found = served.data("layers/0/selection?box=70,-10,90,90&bars=echo_number:1&bars=class:2,3,4")
+    assert (found["echoes"], found["shots"]) == (2, 2)
+    assert found["values"]["class"] == [0, 0, 1, 0, 1]
+    assert [fit["waveform"] for fit in found["worst"]] == [4, 1]
+
+
+def test_selection_is_saved_as_a_file(served: Client) -> None:
+    path = f"/{served.token}/layers/0/selection.csv?box=70,-10,90,90"
+    status, content, headers = served.get(path)
+    lines = (served.folder / "echoes.csv").read_bytes().splitlines(keepends=True)
+    assert status == 200
+    assert content == b"".join(lines[row] for row in (0, 2, 3, 7))
+    assert headers["content-disposition"] == 'attachment; filename="selected-echoes.csv"'
+    assert headers["content-length"] == str(len(content))
+    assert headers["x-content-type-options"] == "nosniff"
+
+
+def test_noise_of_the_waveforms_is_described(served: Client) -> None:
+    noise = served.data("session")["noise"]
+    assert sum(noise["counts"]) == 5

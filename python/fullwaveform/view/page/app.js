@@ -1,5 +1,6 @@
 // The page: connects the map, the waveform panel and what the user chooses.
 
+import { Brushing } from "./brushing.js";
 import { COLOUR_MAPS } from "./colours.js";
 import { json } from "./data.js";
 import { EchoMap } from "./map.js";
@@ -11,6 +12,7 @@ const find = (selector) => document.querySelector(selector);
 const current = { index: null, waveform: null, xyz: null, data: null };
 let session;
 let map;
+let brushing;
 let lastMove = Promise.resolve();
 let asked = 0; // requests for a panel so far; older answers are ignored
 
@@ -111,6 +113,7 @@ async function showLayer() {
   await map.show(number, find("#colour").value);
   find("#side-width").value = Number((map.layer.size / 100).toPrecision(2));
   showColours();
+  brushing.show();
 }
 
 function hex(colour) {
@@ -193,9 +196,11 @@ function listen() {
   }
   document.addEventListener("keydown", (event) => {
     const isTyping = event.target.closest("input, select, textarea");
-    if (isTyping || event.ctrlKey || event.altKey || event.metaKey || !(event.key in KEYS)) return;
+    if (isTyping || event.ctrlKey || event.altKey || event.metaKey) return;
+    if (event.key in KEYS) run(move)(...KEYS[event.key]);
+    else if (event.key === "b") brushing.selectView();
+    else return;
     event.preventDefault();
-    run(move)(...KEYS[event.key]);
   });
 }
 
@@ -214,6 +219,7 @@ async function start() {
     find("#modes").append(label);
   }
   map = new EchoMap(find("#map"), session, (echo) => choose(echo).catch(fail), fail);
+  brushing = new Brushing(map, session, (echo) => choose(echo).catch(fail), fail);
   map.onLine = (from, to) => map.setLine(from, to, halfWidth());
   listen();
   await showLayer();

@@ -25,7 +25,7 @@ export class EchoMap {
     this.loading = new Set();
     this.line = null;
     this.marked = null;
-    new ResizeObserver(() => this.moved()).observe(element);
+    new ResizeObserver(() => this.resized()).observe(element);
     this.listen();
   }
 
@@ -54,6 +54,20 @@ export class EchoMap {
     this.scale = 0.96 * Math.min(area.width / this.ratio, area.height) / size;
     this.middle = [low[0] + size / 2, low[1] + size / 2];
     this.moved(0);
+  }
+
+  // Shows a box, null for none, and highlights echoes, see `PointCloud.highlight`.
+  select(box, chooser) {
+    this.box = box;
+    this.cloud.highlight(chooser);
+    this.draw();
+  }
+
+  // South-west and north-east corner of the part that is shown.
+  corners() {
+    this.resized(); // in case that was not reported yet
+    const area = this.mapArea();
+    return [this.toMap([area.left, area.top + area.height]), this.toMap([area.left + area.width, area.top])];
   }
 
   // ---- areas of the canvas ----
@@ -146,6 +160,16 @@ export class EchoMap {
     const at = dx * along[0] + dy * along[1];
     const aside = Math.abs(dx * along[1] - dy * along[0]);
     return at >= 0 && at <= length && aside <= halfWidth ? [at, z] : null;
+  }
+
+  // Shows about the same part in an element of another size.
+  resized() {
+    const { clientWidth, clientHeight } = this.element;
+    const { width, height } = inside({ left: 0, top: 0, width: clientWidth, height: clientHeight });
+    const extent = Math.min(width, height);
+    if (this.extent) this.scale *= extent / this.extent;
+    this.extent = extent;
+    this.moved();
   }
 
   // ---- what is drawn ----
@@ -293,14 +317,29 @@ export class EchoMap {
       const { start, along, length } = this.line;
       this.drawLine(start, [start[0] + along[0] * length, start[1] + along[1] * length]);
     }
+    if (this.box) this.drawBox(this.box.slice(0, 2), this.box.slice(2));
     if (this.marked) this.drawMark();
   }
 
-  drawLine(start, end) {
+  clipToMap() {
     const area = this.mapArea();
-    const [[x1, y1], [x2, y2]] = [this.toScreen(start), this.toScreen(end)];
+    if (!this.overlay.select("#map-area").empty()) return;
     this.overlay.append("clipPath").attr("id", "map-area").append("rect").attr("x", area.left)
       .attr("y", area.top).attr("width", area.width).attr("height", area.height);
+  }
+
+  drawBox(corner, opposite) {
+    const [[x1, y1], [x2, y2]] = [this.toScreen(corner), this.toScreen(opposite)];
+    this.clipToMap();
+    this.overlay.append("rect").attr("class", "selection-box").attr("clip-path", "url(#map-area)")
+      .attr("fill", "none").attr("stroke", "#ffffff").attr("stroke-width", 1.5).attr("stroke-dasharray", "6 3")
+      .attr("x", Math.min(x1, x2)).attr("y", Math.min(y1, y2))
+      .attr("width", Math.abs(x2 - x1)).attr("height", Math.abs(y2 - y1));
+  }
+
+  drawLine(start, end) {
+    const [[x1, y1], [x2, y2]] = [this.toScreen(start), this.toScreen(end)];
+    this.clipToMap();
     this.overlay.append("line").attr("class", "side-line").attr("clip-path", "url(#map-area)")
       .attr("stroke", "#ffd166").attr("stroke-width", 2)
       .attr("x1", x1).attr("y1", y1).attr("x2", x2).attr("y2", y2);
@@ -405,6 +444,7 @@ export class EchoMap {
     const element = this.element;
     let from = null;
     let last = null;
+    let tool = null; // of the drag in progress
     const placeOf = (event) => {
       const box = element.getBoundingClientRect();
       return [event.clientX - box.left, event.clientY - box.top];
@@ -412,13 +452,14 @@ export class EchoMap {
     element.addEventListener("pointerdown", (event) => {
       element.setPointerCapture(event.pointerId);
       from = last = placeOf(event);
+      tool = event.shiftKey ? "box" : this.tool;
     });
     element.addEventListener("pointermove", (event) => {
       if (!from) return;
       const place = placeOf(event);
-      if (this.tool === "line") {
+      if (tool === "line" || tool === "box") {
         this.drawOverlay();
-        this.drawLine(this.toMap(from), this.toMap(place));
+        this[tool === "box" ? "drawBox" : "drawLine"](this.toMap(from), this.toMap(place));
       } else if (Math.hypot(place[0] - from[0], place[1] - from[1]) > 3 || last !== from) {
         this.pan(place[0] - last[0], place[1] - last[1]);
         last = place;
@@ -429,7 +470,8 @@ export class EchoMap {
       const place = placeOf(event);
       const isClick = Math.hypot(place[0] - from[0], place[1] - from[1]) <= 3;
       if (isClick) this.pick(place);
-      else if (this.tool === "line") this.onLine(this.toMap(from), this.toMap(place));
+      else if (tool === "line") this.onLine(this.toMap(from), this.toMap(place));
+      else if (tool === "box") this.onBox(this.toMap(from), this.toMap(place));
       from = null;
     });
     element.addEventListener("pointercancel", () => (from = null));

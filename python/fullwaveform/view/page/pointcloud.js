@@ -11,12 +11,12 @@ import {
 
 const VERTEX = `#version 300 es
 in vec3 place;
-in float value;
+in float value, chosen;
 uniform vec2 middle, scale, range;
 uniform bool fromSide;
 uniform vec2 start, along;
-uniform float halfWidth, length, size;
-out float shade, unknown;
+uniform float halfWidth, length, size, part;
+out float shade, unknown, highlight;
 void main() {
   vec2 seen = place.xy;
   if (fromSide) {
@@ -25,6 +25,8 @@ void main() {
     seen = vec2(at, place.z);
     if (aside > halfWidth || at < 0.0 || at > length) seen = vec2(1e30);
   }
+  if (part > 0.5 && (part > 1.5) != (chosen > 0.5)) seen = vec2(1e30);
+  highlight = part;
   gl_Position = vec4((seen - middle) * scale, 0.0, 1.0);
   gl_PointSize = size;
   shade = (value - range.x) / (range.y - range.x);
@@ -33,13 +35,17 @@ void main() {
 
 const FRAGMENT = `#version 300 es
 precision mediump float;
-in float shade, unknown;
+in float shade, unknown, highlight;
 uniform sampler2D colours;
 out vec4 colour;
 void main() {
   colour = unknown > 0.5 ? vec4(0.45, 0.45, 0.45, 1.0)
                          : texture(colours, vec2(clamp(shade, 0.0, 1.0), 0.5));
+  if (highlight > 1.5) colour = vec4(1.0, 0.82, 0.4, 1.0);
+  else if (highlight > 0.5) colour.rgb *= 0.4;
 }`;
+// Parts of the points that are drawn one after the other, so that those selected are on top.
+const [ALL, NOT_SELECTED, SELECTED] = [0, 1, 2];
 
 const UNKNOWN = -1e38; // shaders do not have to distinguish NaN
 
@@ -54,6 +60,7 @@ export class PointCloud {
     if (!gl) throw new Error("The browser has no WebGL 2, which the map needs.");
     this.program = createProgramInfo(gl, [VERTEX, FRAGMENT]);
     this.nodes = new Map();
+    this.chooser = null;
   }
 
   // Columns of a node, of which `valueName` decides the colour.
@@ -68,6 +75,7 @@ export class PointCloud {
     const buffers = createBufferInfoFromArrays(this.gl, {
       place: { numComponents: 3, data: place },
       value: { numComponents: 1, data: shaderValues(columns[valueName]) },
+      chosen: { numComponents: 1, data: this.chooser?.(columns) ?? new Uint8Array(count) },
     });
     this.nodes.set(node, { columns, buffers, count });
   }
@@ -87,6 +95,17 @@ export class PointCloud {
     for (const { columns, buffers } of this.nodes.values()) {
       gl.bindBuffer(gl.ARRAY_BUFFER, buffers.attribs.value.buffer);
       gl.bufferData(gl.ARRAY_BUFFER, shaderValues(columns[valueName]), gl.STATIC_DRAW);
+    }
+  }
+
+  // Highlights the points for which `chooser(columns)` of their node is 255; null: none.
+  highlight(chooser) {
+    const gl = this.gl;
+    this.chooser = chooser;
+    if (!chooser) return;
+    for (const { columns, buffers } of this.nodes.values()) {
+      gl.bindBuffer(gl.ARRAY_BUFFER, buffers.attribs.chosen.buffer);
+      gl.bufferData(gl.ARRAY_BUFFER, chooser(columns), gl.STATIC_DRAW);
     }
   }
 
@@ -135,12 +154,15 @@ export class PointCloud {
         length: area.line?.length ?? 0,
         size: area.pointSize * ratio,
       });
-      for (const node of nodes) {
-        const loaded = this.nodes.get(node);
-        if (!loaded) continue;
-        setBuffersAndAttributes(gl, this.program, loaded.buffers);
-        drawBufferInfo(gl, loaded.buffers, gl.POINTS);
-        if (!area.line) drawn += loaded.count;
+      for (const part of this.chooser ? [NOT_SELECTED, SELECTED] : [ALL]) {
+        setUniforms(this.program, { part });
+        for (const node of nodes) {
+          const loaded = this.nodes.get(node);
+          if (!loaded) continue;
+          setBuffersAndAttributes(gl, this.program, loaded.buffers);
+          drawBufferInfo(gl, loaded.buffers, gl.POINTS);
+          if (!area.line && part !== SELECTED) drawn += loaded.count;
+        }
       }
     }
     return drawn;

@@ -1,0 +1,158 @@
+// Connects the selection with the map, the histograms, the list of the worst fits and the files.
+
+import { json } from "./data.js";
+import { Selection } from "./selection.js";
+import { Histogram } from "./statistics.js";
+
+const find = (selector) => document.querySelector(selector);
+const SIDES = ["west", "south", "east", "north"];
+const count = (number, one) => `${number.toLocaleString("en")} ${one}${number === 1 ? "" : one === "echo" ? "es" : "s"}`;
+
+export class Brushing {
+  // `onEcho(echo)` is called for the echo of a fit that the user chooses.
+  constructor(map, session, onEcho, onError) {
+    Object.assign(this, { map, session, onEcho, onError });
+    this.selection = new Selection(() => this.changed());
+    this.histograms = [];
+    this.isCounting = false;
+    map.onBox = (from, to) => this.selection.setBox(from, to);
+    this.listen();
+  }
+
+  // To be called when the map shows another layer.
+  show() {
+    const { layer } = this.map;
+    this.selection.show(layer);
+    const parent = find("#histograms");
+    parent.replaceChildren();
+    this.histograms = described(layer, this.session.noise).map((one) =>
+      new Histogram(parent, one, one.name === "noise" ? null : (bars) => this.selection.setBars(one.name, bars)));
+    this.changed();
+  }
+
+  changed() {
+    const { map, selection } = this;
+    map.select(selection.box, selection.isEmpty ? null : (columns) => selection.chosen(columns));
+    this.showBox();
+    for (const histogram of this.histograms) histogram.update(histogram.part, selection.bars.get(histogram.name));
+    find("#clear").disabled = selection.isEmpty;
+    this.isStale = true;
+    find("#selection").dataset.state = "counting";
+    this.count().catch((error) => {
+      find("#selection").dataset.state = "failed";
+      this.onError(error);
+    });
+  }
+
+  // Asks for the numbers of the selection; one request at a time, until there was no change meanwhile.
+  async count() {
+    if (this.isCounting) return;
+    this.isCounting = true;
+    try {
+      while (this.isStale) {
+        this.isStale = false;
+        // All echoes are counted only to be shown.
+        const isWanted = !this.selection.isEmpty || find("#statistics").open;
+        const query = this.selection.query();
+        const found = isWanted ? await json(`layers/${this.map.number}/selection?${query}`) : null;
+        if (!this.isStale) this.showNumbers(found, query);
+      }
+    } finally {
+      this.isCounting = false;
+    }
+  }
+
+  showNumbers(found, query) {
+    const { layer } = this.map;
+    const { isEmpty, bars } = this.selection;
+    for (const histogram of this.histograms) {
+      const part = isEmpty ? null : histogram.name === "shot_echoes" ? found.shot_echoes : found.values[histogram.name];
+      histogram.update(part ?? null, bars.get(histogram.name));
+    }
+    const all = count(layer.echoes, "echo");
+    find("#selection-status").textContent = isEmpty
+      ? `No selection, ${all}.`
+      : `${found.echoes.toLocaleString("en")} of ${all} selected, of ${count(found.shots, "shot")}.`;
+    this.showFiles(isEmpty ? 0 : found.echoes, query);
+    if (found) this.showFits(found.worst);
+    const { dataset } = find("#selection");
+    dataset.echoes = isEmpty ? "" : found.echoes;
+    dataset.state = "ready";
+  }
+
+  showFiles(echoes, query) {
+    const links = this.map.layer.formats.map((format) => {
+      const link = Object.assign(document.createElement("a"), { textContent: format, download: "" });
+      link.href = `layers/${this.map.number}/selection.${format}?${query}`;
+      return link;
+    });
+    find("#selection-files").replaceChildren(...(echoes && links.length ? ["Save as ", ...links] : []));
+  }
+
+  showFits(worst) {
+    const none = this.map.layer.values.some((value) => value.name === "chi_square" && value.histogram)
+      ? "No echo of the selection has a reduced chi²."
+      : "The echoes have no reduced chi²; only mode pulse-fit computes it.";
+    find("#worst").replaceChildren(...worst.map((fit) => {
+      const entry = document.createElement("li");
+      const button = document.createElement("button");
+      button.type = "button";
+      button.textContent = `${fit.chi_square} · waveform ${fit.waveform}`;
+      button.dataset.waveform = fit.waveform;
+      button.addEventListener("click", () => this.onEcho(fit));
+      entry.append(button);
+      return entry;
+    }));
+    find("#worst-note").textContent = worst.length ? "" : none;
+  }
+
+  // ---- box in numbers ----
+
+  showBox() {
+    const { origin, size } = this.map.layer;
+    const { box } = this.selection;
+    const digits = Math.min(Math.max(6 - Math.floor(Math.log10(size)), 0), 15); // a millionth of the extent
+    SIDES.forEach((side, i) => {
+      find(`#${side}`).value = box ? Number((box[i] + origin[i % 2]).toFixed(digits)) : "";
+    });
+  }
+
+  readBox() {
+    const { origin } = this.map.layer;
+    const texts = SIDES.map((side) => find(`#${side}`).value);
+    if (texts.every((text) => text === "")) return this.selection.removeBox();
+    if (texts.some((text) => text === "")) return undefined; // until all are given
+    const [west, south, east, north] = texts.map((text, i) => Number(text) - origin[i % 2]);
+    return this.selection.setBox([west, south], [east, north]);
+  }
+
+  selectView() {
+    this.selection.setBox(...this.map.corners());
+  }
+
+  listen() {
+    find("#clear").addEventListener("click", () => this.selection.clear());
+    find("#select-view").addEventListener("click", () => this.selectView());
+    find("#box-form").addEventListener("change", () => this.readBox());
+    find("#statistics").addEventListener("toggle", () => this.changed());
+    document.addEventListener("keydown", (event) => {
+      if (event.key === "Escape" && !this.selection.isEmpty && !event.target.closest("select")) this.selection.clear();
+    });
+  }
+}
+
+// The histograms of a layer, and of the noise of its scan.
+function described(layer, noise) {
+  const found = [];
+  for (const { name, label, unit, category, histogram } of layer.values) {
+    if (!histogram) continue;
+    const shots = name === "shot_echoes";
+    const { edges, counts } = shots ? layer.shots : histogram;
+    const of = shots ? "shots" : "echoes";
+    found.push({ name, label: shots ? "echoes per shot" : label, unit, category, of, edges, counts });
+  }
+  if (noise) {
+    found.push({ name: "noise", label: "noise rms", unit: "counts", category: false, of: "waveforms", ...noise });
+  }
+  return found;
+}

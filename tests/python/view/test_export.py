@@ -1,0 +1,194 @@
+"""Files of selected echoes: the rows that the command wrote, and nothing else."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+from pathlib import Path
+
+import laspy
+import numpy as np
+import pyarrow as pa
+import pyarrow.parquet as pq
+import pytest
+
+from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.echo_writers.restricting import write_rows_of
+from fullwaveform.io.opening import open_waveforms
+from fullwaveform.view.cache import cache_folder
+from fullwaveform.view.directory import BLOCK, WaveformDirectory
+from fullwaveform.view.echo_index import EchoIndex
+from fullwaveform.view.export import SelectionExport
+from fullwaveform.view.selection import Selection
+
+from ..support.command_line import run
+from . import scenes
+
+#: Of the two eastern shots, which have the echoes 1, 2 and 6, from the place of the first shot.
+EAST = Selection((70.0, -10.0, 90.0, 90.0))
+ROWS = [1, 2, 6]
+
+
+@pytest.fixture(scope="module")
+def scan(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    return scenes.write_scan(tmp_path_factory.mktemp("scan") / "scan.las")
+
+
+@pytest.fixture(scope="module")
+def waveforms(scan: Path) -> Iterator[WaveformDirectory]:
+    with open_waveforms(scan, waveforms_per_block=BLOCK) as reader:
+        directory = WaveformDirectory.of(reader, {})
+        yield directory
+        directory.close()
+
+
+def extracted(scan: Path, output: Path) -> Path:
+    call = run("extract", scan, "-o", output, "--threshold", "20")
+    assert call.exit_code == 0, call.output
+    return output
+
+
+def saved(
+    path: Path, waveforms: WaveformDirectory, selection: Selection, kind: str, folder: Path
+) -> Path:
+    echoes = EchoIndex.of(path, waveforms)
+    size, parts = SelectionExport(path, echoes).content(selection, kind)
+    output = folder / f"saved.{kind}"
+    output.write_bytes(b"".join(parts))
+    assert output.stat().st_size == size
+    echoes.close()
+    assert not list(cache_folder().glob("selection-*"))
+    return output
+
+
+def test_csv_has_the_lines_of_the_command(
+    scan: Path, waveforms: WaveformDirectory, tmp_path: Path
+) -> None:
+    path = extracted(scan, tmp_path / "echoes.csv")
+    lines = path.read_bytes().splitlines(keepends=True)
+    output = saved(path, waveforms, EAST, "csv", tmp_path)
+    assert output.read_bytes() == b"".join([lines[0], *(lines[1 + row] for row in ROWS)])
+
+
+def test_parquet_has_the_rows_of_the_command(
+    scan: Path, waveforms: WaveformDirectory, tmp_path: Path
+) -> None:
+    path = extracted(scan, tmp_path / "echoes.parquet")
+    found = pq.read_table(saved(path, waveforms, EAST, "parquet", tmp_path))
+    whole = pq.read_table(path)
+    assert found.schema.equals(whole.schema, check_metadata=True)
+    for name in whole.column_names:
+        expected = whole[name].to_numpy()[ROWS]
+        np.testing.assert_array_equal(found[name].to_numpy(), expected, err_msg=name)
+
+
+@pytest.mark.parametrize("source", ["parquet", "h5"])
+def test_tables_become_the_lines_of_the_command(
+    scan: Path, waveforms: WaveformDirectory, tmp_path: Path, source: str
+) -> None:
+    lines = extracted(scan, tmp_path / "echoes.csv").read_bytes().splitlines(keepends=True)
+    path = extracted(scan, tmp_path / f"echoes.{source}")
+    output = saved(path, waveforms, EAST, "csv", tmp_path)
+    assert output.read_bytes() == b"".join([lines[0], *(lines[1 + row] for row in ROWS)])
+
+
+@pytest.mark.parametrize("source", ["csv", "h5"])
+def test_tables_become_the_parquet_file_of_the_command(
+    scan: Path, waveforms: WaveformDirectory, tmp_path: Path, source: str
+) -> None:
+    expected = extracted(scan, tmp_path / "echoes.parquet").read_bytes()
+    path = extracted(scan, tmp_path / f"echoes.{source}")
+    output = saved(path, waveforms, Selection(), "parquet", tmp_path)
+    assert output.read_bytes() == expected
+
+
+@pytest.mark.parametrize(("source", "kind"), [("las", "las"), ("las", "laz"), ("laz", "las")])
+def test_las_has_the_points_and_records_of_the_command(
+    scan: Path, waveforms: WaveformDirectory, tmp_path: Path, source: str, kind: str
+) -> None:
+    path = extracted(scan, tmp_path / f"echoes.{source}")
+    found = laspy.read(saved(path, waveforms, EAST, kind, tmp_path))
+    whole = laspy.read(path)
+    assert found.points.array.tobytes() == whole.points.array[ROWS].tobytes()
+    assert found.header.are_points_compressed == (kind == "laz")
+    assert found.header.maxs.tolist() == pytest.approx([90.0, 90.0, 127.0], abs=1e-3)
+    records = [(record.user_id, record.record_id) for record in whole.header.vlrs]
+    assert [(one.user_id, one.record_id) for one in found.header.vlrs] == records
+    for name in ("version", "point_format", "uuid", "system_identifier", "creation_date"):
+        assert getattr(found.header, name) == getattr(whole.header, name)
+
+
+@pytest.mark.parametrize("kind", ["csv", "parquet", "las", "laz"])
+def test_selections_of_nothing_and_of_all(
+    scan: Path, waveforms: WaveformDirectory, tmp_path: Path, kind: str
+) -> None:
+    path = extracted(scan, tmp_path / f"echoes.{kind}")
+    everywhere = saved(path, waveforms, Selection(), kind, tmp_path)
+    nowhere = Selection((1e6, 0.0, 1e6, 0.0))
+    assert everywhere.read_bytes() == path.read_bytes()
+    empty = saved(path, waveforms, nowhere, kind, tmp_path)
+    if kind == "csv":
+        assert empty.read_bytes() == path.read_bytes().splitlines(keepends=True)[0]
+    elif kind == "parquet":
+        assert pq.read_table(empty).num_rows == 0
+    else:
+        assert laspy.read(empty).header.point_count == 0
+
+
+def test_rows_of_many_groups_are_in_order(tmp_path: Path) -> None:
+    """Written with row groups of another size than those of the command."""
+    source, output = tmp_path / "a.parquet", tmp_path / "b.parquet"
+    count = 300_000
+    names = ("x", "y", "z", "echo_number")
+    columns = {name: np.arange(count) * (1.0 + at) for at, name in enumerate(names)}
+    pq.write_table(pa.table(columns), source, row_group_size=70_001)
+    chosen = np.random.default_rng(1).random(count) < 0.6
+    write_rows_of(source, chosen, output)
+    found = pq.read_table(output)
+    for name in names:
+        np.testing.assert_array_equal(found[name].to_numpy(), columns[name][chosen])
+    groups = pq.ParquetFile(output).metadata
+    assert groups.row_group(0).num_rows == 131072
+
+
+def test_lines_without_values_are_not_counted(tmp_path: Path) -> None:
+    source, output = tmp_path / "a.csv", tmp_path / "b.csv"
+    source.write_bytes(b"x,y,z\r\n1,1,1\r\n\r\n2,2,2\r\n\n3,3,3")
+    write_rows_of(source, np.array([False, True, True]), output)
+    assert output.read_bytes() == b"x,y,z\r\n2,2,2\r\n3,3,3"
+
+
+def test_missing_rows_are_reported(tmp_path: Path) -> None:
+    source = tmp_path / "a.csv"
+    source.write_bytes(b"x,y,z\n1,1,1\n")
+    with pytest.raises(WaveformFileError, match=r"a\.csv: found 1 of 2 rows"):
+        write_rows_of(source, np.array([True, True]), tmp_path / "b.csv")
+
+
+def test_changed_file_is_refused(waveforms: WaveformDirectory, tmp_path: Path) -> None:
+    path = scenes.write_echoes(tmp_path / "echoes.csv")
+    echoes = EchoIndex.of(path, waveforms)
+    export = SelectionExport(path, echoes)
+    with path.open("a", encoding="ascii") as stream:
+        stream.write("\n")
+    with pytest.raises(OSError, match="was changed since the viewer was started"):
+        export.content(EAST, "csv")
+    echoes.close()
+
+
+def test_formats_are_those_that_hold_all_values(
+    scan: Path, waveforms: WaveformDirectory, tmp_path: Path
+) -> None:
+    path = scenes.write_echoes(tmp_path / "echoes.csv")
+    echoes = EchoIndex.of(path, waveforms)
+    export = SelectionExport(path, echoes)
+    with pytest.raises(ValueError, match=r"echoes\.csv cannot be saved as 'las'.*values: csv$"):
+        export.content(EAST, "las")
+    echoes.close()
+    for ending, formats in (("csv", ("csv", "parquet")), ("h5", ("csv", "parquet"))):
+        path = extracted(scan, tmp_path / f"all.{ending}")
+        echoes = EchoIndex.of(path, waveforms)
+        assert SelectionExport(path, echoes).formats == formats
+        echoes.close()
+    returns = EchoIndex.of(scan, waveforms)  # of a scan, which has waveforms
+    assert SelectionExport(scan, returns).formats == ()
+    returns.close()
