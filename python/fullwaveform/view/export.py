@@ -4,21 +4,13 @@ from __future__ import annotations
 
 import os
 from collections.abc import Callable, Iterator
+from functools import cached_property
 from pathlib import Path
 from tempfile import TemporaryDirectory
 from threading import Lock
 from typing import BinaryIO
 
-import laspy
-
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.echo_writers.converting import (
-    CONVERTED_ENDINGS,
-    convert_rows,
-    has_all_columns,
-)
-from fullwaveform.io.echo_writers.restricting import write_rows_of
-from fullwaveform.io.las.points import WAVEFORM_POINT_FORMATS
 from fullwaveform.view.cache import cache_folder, identity
 from fullwaveform.view.echo_index import EchoIndex
 from fullwaveform.view.selection import Selection, selected_rows
@@ -40,10 +32,20 @@ class SelectionExport:
         self._path, self._echoes, self._as_las = path, echoes, as_las
         self._identity = identity(path)
         self._lock = Lock()  # a LAS file is made once
-        self.formats = tuple(ending.removeprefix(".") for ending in self._endings())
+
+    @cached_property
+    def formats(self) -> tuple[str, ...]:
+        """Endings, without the point, of files that have all that the file of echoes has."""
+        return tuple(ending.removeprefix(".") for ending in self._endings())
+
+    # The writers load libraries that the first picture of the page does not need.
 
     def _endings(self) -> tuple[str, ...]:
-        """Of files that have all that the file of echoes has."""
+        import laspy
+
+        from fullwaveform.io.echo_writers.converting import CONVERTED_ENDINGS, has_all_columns
+        from fullwaveform.io.las.points import WAVEFORM_POINT_FORMATS
+
         own = self._path.suffix.lower()
         if own in _POINTS:
             with laspy.open(self._path) as file:
@@ -71,6 +73,9 @@ class SelectionExport:
             )
         if identity(self._path) != self._identity:
             raise OSError(f"{self._path} was changed since the viewer was started; start it again")
+        from fullwaveform.io.echo_writers.converting import convert_rows
+        from fullwaveform.io.echo_writers.restricting import write_rows_of
+
         rows = selected_rows(self._echoes, selection)
         with TemporaryDirectory(dir=cache_folder(), prefix="selection-") as folder:
             output = Path(folder) / f"selection.{kind}"
@@ -85,6 +90,8 @@ class SelectionExport:
         return os.fstat(stream.fileno()).st_size, _parts(stream)
 
     def _las(self) -> Path:
+        import laspy
+
         assert self._as_las is not None
         with self._lock:
             path = self._as_las()

@@ -200,10 +200,11 @@ class _Requests:
         return JSONResponse({"index": None, "waveform": found, "row": None, "xyz": None})
 
     def selection(self, request: Request) -> Response:
-        """Numbers and statistics of the selected echoes."""
-        index, selection = self._layer(request).echoes, self._selection(request)
+        """Numbers and statistics of the selected echoes, and as what they can be saved."""
+        layer, selection = self._layer(request), self._selection(request)
         waveforms = self._session.waveforms
-        return JSONResponse(described_selection(index, waveforms, selection, _WORST_FITS))
+        found = described_selection(layer.echoes, waveforms, selection, _WORST_FITS)
+        return JSONResponse({**found, "formats": layer.export.formats})
 
     def selection_file(self, request: Request) -> Response:
         """The selected echoes as a file."""

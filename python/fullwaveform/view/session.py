@@ -138,7 +138,6 @@ class ViewSession:
         return {
             "label": layer.label,
             "echoes": len(layer.echoes),
-            "formats": layer.export.formats,
             "columns": layer.echoes.columns,
             "nodes": layer.echoes.nodes(),
             "ratio": ratio,

@@ -58,8 +58,10 @@ def _echoes_of_shots(
         chosen = has_echo[first : first + _CHUNK]
         if not chosen.any():
             continue
-        shots = np.unique(waveforms.shot_numbers(first, first + _CHUNK)[chosen]).astype(np.int64)
-        shots = shots[shots != former]
+        shots = waveforms.shot_numbers(first, first + _CHUNK)[chosen].astype(np.int64)
+        shots = shots[
+            np.diff(shots, prepend=former) != 0
+        ]  # the waveforms of a shot are consecutive
         if len(shots) == 0:
             continue
         former = int(shots[-1])

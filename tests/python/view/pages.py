@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import io
+import os
+from pathlib import Path
 
 import numpy as np
 from matplotlib import image
@@ -11,6 +13,7 @@ from playwright.sync_api import Browser, Page, expect
 from ..support.child_processes import TIMEOUT_S
 from .serving import Served
 
+DOCUMENTS = Path(__file__).parents[3] / "docs"
 _TIMEOUT_MS = TIMEOUT_S * 1000
 expect.set_options(timeout=_TIMEOUT_MS)
 
@@ -42,3 +45,22 @@ def middle_of(page: Page, colour: tuple[int, int, int]) -> dict[str, float]:
     assert np.ptp(found, axis=0).max() <= 6
     x, y = found.mean(axis=0)
     return {"x": float(x), "y": float(y)}
+
+
+def documented(page: Page, name: str, folder: Path) -> bool:
+    """Whether a picture in the documents shows the page.
+
+    The page is drawn into the folder, or into that of FULLWAVEFORM_PICTURES if this is set, to
+    replace the picture.
+    """
+    target = Path(os.environ.get("FULLWAVEFORM_PICTURES", folder)) / name
+    page.screenshot(path=target)
+    shown, made = (image.imread(path) for path in (DOCUMENTS / name, target))
+    if shown.shape != made.shape:
+        return False
+    # Fonts differ between machines; the areas of the page do not.
+    blocks = [
+        picture[:900, :1400, :3].reshape(18, 50, 28, 50, 3).mean(axis=(1, 3))
+        for picture in (shown, made)
+    ]
+    return bool(abs(blocks[0] - blocks[1]).mean() < 0.01)

@@ -36,6 +36,23 @@ class Served:
 
 
 @contextmanager
+def served_files(scan: Path, echoes: Path) -> Iterator[Served]:
+    """A scan and a file of its echoes, served until the end of the block."""
+    reader = open_waveforms(scan, waveforms_per_block=BLOCK)
+    with ViewSession(reader, {}, [(echoes.name, echoes)]) as session:
+        server = ViewServer(session)
+        started = threading.Event()
+        thread = threading.Thread(target=server.run, args=(lambda address: started.set(),))
+        thread.start()
+        served = Served(scan, server, thread)
+        try:
+            assert started.wait(TIMEOUT_S)
+            yield served
+        finally:
+            served.stop()
+
+
+@contextmanager
 def served_scene(
     folder: Path, name: str = "scan.las", *, echoes: str | None = None
 ) -> Iterator[Served]:
@@ -49,15 +66,5 @@ def served_scene(
         scenes.write_echoes(path)
     else:
         path.write_text(echoes, encoding="ascii")
-    reader = open_waveforms(scan, waveforms_per_block=BLOCK)
-    with ViewSession(reader, {}, [(path.name, path)]) as session:
-        server = ViewServer(session)
-        started = threading.Event()
-        thread = threading.Thread(target=server.run, args=(lambda address: started.set(),))
-        thread.start()
-        served = Served(scan, server, thread)
-        try:
-            assert started.wait(TIMEOUT_S)
-            yield served
-        finally:
-            served.stop()
+    with served_files(scan, path) as served:
+        yield served

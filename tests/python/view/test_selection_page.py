@@ -8,8 +8,9 @@ import numpy as np
 import pytest
 from playwright.sync_api import Browser, Locator, Page, expect
 
-from .pages import middle_of, opened, pixels
-from .serving import Served, served_scene
+from ..support.command_line import run
+from .pages import documented, middle_of, opened, pixels
+from .serving import Served, served_files, served_scene
 
 pytestmark = pytest.mark.slow
 
@@ -276,4 +277,30 @@ def test_files_with_few_values(
             page.keyboard.press("Shift+Home")
             wait_for(page, 1)
         assert page.problems == []  # type: ignore[attr-defined]
+        page.close()
+
+
+def test_picture_in_the_documents(browser: Browser, tmp_path: Path) -> None:
+    """A box and bars of a simulated scan, and the worst fit of the selection."""
+    scan, echoes = tmp_path / "scan.las", tmp_path / "echoes.csv"
+    assert run("simulate", scan, "--shots", "600").exit_code == 0
+    assert run("extract", scan, "-o", echoes, "--mode", "pulse-fit").exit_code == 0
+    with served_files(scan, echoes) as served:
+        page = opened(served, browser)
+        page.locator("#statistics summary").click()
+        page.locator("#map").press("+")
+        page.locator("#map").press("b")
+        bars = histogram(page, "echo_number").locator("svg")
+        for key in ("ArrowRight", "ArrowRight", " ", "Shift+ArrowRight"):
+            bars.press(key)
+        page.locator("#map").press("-")
+        expect(page.locator("#selection")).to_have_attribute("data-state", "ready")
+        fit = page.locator("#worst button").first
+        fit.click()
+        expect(page.locator("#panel")).to_have_attribute(
+            "data-waveform", fit.get_attribute("data-waveform") or ""
+        )
+        expect(page.locator("#map")).to_have_attribute("data-complete", "true")
+        expect(page.locator("body")).to_have_attribute("data-busy", "false")
+        assert documented(page, "view-statistics.png", tmp_path)
         page.close()

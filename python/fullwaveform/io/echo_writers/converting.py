@@ -7,7 +7,6 @@ from collections.abc import Mapping
 from pathlib import Path
 
 import numpy as np
-import pyproj
 
 from fullwaveform.data.arrays import AnyArray, BoolArray
 from fullwaveform.data.echo_columns import SHOT_COLUMNS, EchoTable, table_columns
@@ -79,6 +78,8 @@ def _writer(
     if ending == ".csv":
         return CsvEchoWriter(output, shot_columns=shot_columns)
     if ending == ".parquet":
+        import pyproj  # on demand: it takes long to load
+
         text = (metadata or {}).get("crs")
         system = None if text is None else pyproj.CRS.from_wkt(text)
         return ParquetEchoWriter(output, metadata, system, shot_columns=shot_columns)

@@ -73,20 +73,20 @@ export class Brushing {
     find("#selection-status").textContent = isEmpty
       ? `No selection, ${all}.`
       : `${found.echoes.toLocaleString("en")} of ${all} selected, of ${count(found.shots, "shot")}.`;
-    this.showFiles(isEmpty ? 0 : found.echoes, query);
+    this.showFiles(isEmpty || !found.echoes ? [] : found.formats, query);
     if (found) this.showFits(found.worst);
     const { dataset } = find("#selection");
     dataset.echoes = isEmpty ? "" : found.echoes;
     dataset.state = "ready";
   }
 
-  showFiles(echoes, query) {
-    const links = this.map.layer.formats.map((format) => {
+  showFiles(formats, query) {
+    const links = formats.map((format) => {
       const link = Object.assign(document.createElement("a"), { textContent: format, download: "" });
       link.href = `layers/${this.map.number}/selection.${format}?${query}`;
       return link;
     });
-    find("#selection-files").replaceChildren(...(echoes && links.length ? ["Save as ", ...links] : []));
+    find("#selection-files").replaceChildren(...(links.length ? ["Save as ", ...links] : []));
   }
 
   showFits(worst) {

@@ -45,7 +45,7 @@ export class Histogram {
     const bottom = SIZE.height - MARGIN.bottom;
     const x = (this.x = scaleLinear([edges[0], edges[edges.length - 1]], [MARGIN.left, SIZE.width - MARGIN.right]));
     const y = scaleLinear([0, Math.max(...whole, ...chosen) || 1], [bottom, MARGIN.top]);
-    const ticks = axisBottom(x).ticks(5);
+    const ticks = axisBottom(x).ticks(4);
     if (this.category) ticks.tickFormat((value) => (Number.isInteger(value) ? value : ""));
     svg.append("g").attr("transform", `translate(0,${bottom})`).call(ticks);
     svg.append("g").attr("transform", `translate(${MARGIN.left},0)`).call(axisLeft(y).ticks(4));
