@@ -48,7 +48,7 @@ class SelectionExport:
 
         own = self._path.suffix.lower()
         if own in _POINTS:
-            with laspy.open(self._path) as file:
+            with laspy.open(self._path.open("rb")) as file:
                 has_waveforms = file.header.point_format.id in WAVEFORM_POINT_FORMATS
             return () if has_waveforms else _POINTS
         points = () if self._as_las is None else _POINTS

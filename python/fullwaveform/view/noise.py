@@ -8,6 +8,7 @@ import numpy as np
 
 from fullwaveform.calibration.levels import samples_by_receiver
 from fullwaveform.calibration.waveform_levels import waveform_levels
+from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.view.cache import cached_name, cached_sections
 from fullwaveform.view.histograms import described_histogram
@@ -16,11 +17,15 @@ from fullwaveform.view.histograms import described_histogram
 def noise_histogram(reader: WaveformReader, identified: dict[str, Any]) -> dict[str, Any] | None:
     """Noise rms, counts, of up to 4,096 waveforms spread over the file; None without any.
 
-    Measured once; `identified` is the identity of the directory of the waveforms.
+    Measured once; `identified` is the identity of the directory of the waveforms. None also if the
+    samples are damaged: the echoes can be looked at all the same.
     """
     name = cached_name("noise", reader.path, identified)
-    with cached_sections(name, lambda writer: writer.finish(_described(reader))) as sections:
-        histogram: dict[str, Any] | None = sections.described["histogram"]
+    try:
+        with cached_sections(name, lambda writer: writer.finish(_described(reader))) as sections:
+            histogram: dict[str, Any] | None = sections.described["histogram"]
+    except WaveformFileError:
+        return None
     return histogram
 
 
