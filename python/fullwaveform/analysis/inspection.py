@@ -174,7 +174,8 @@ class _Sums:
         self.channels.update(_counted(block.channel_flags))
         self.numbers.update(_counted(block.descriptors))
         self.point_sources.update(_counted(block.attributes.point_source_id))
-        self.per_shot.update(_counted(_waveforms_per_shot(block.shot_times)))
+        per_shot = np.bincount(_waveforms_per_shot(block.shot_times))
+        self.per_shot.update({n: int(per_shot[n]) for n in np.flatnonzero(per_shot).tolist()})
         times = block.attributes.gps_time
         is_finite = np.isfinite(times)
         times = times if is_finite.all() else times[is_finite]

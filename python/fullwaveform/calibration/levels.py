@@ -28,7 +28,8 @@ _THRESHOLD_FACTOR = 5.0  # noise rms above the baseline
 QUANTISATION_RMS = math.sqrt(1.0 / 12.0)
 _MIN_WEIGHT = 4.0  # samples below the baseline, of a waveform whose noise counts
 _MAX_RATIO = 4.0  # to the median of the mean squares; a larger one holds signal
-_SAMPLES_AT_ONCE = 1 << 20  # they are converted to eight bytes each
+_SAMPLES_AT_ONCE = 1 << 20  # that are collected
+_SAMPLES_IN_CACHE = 1 << 16  # that are measured at a time; they are converted to eight bytes each
 _RMS_PER_MEDIAN_DISTANCE = 1.4826  # of a normal distribution
 
 
@@ -77,7 +78,7 @@ def measure_levels(
     tops: dict[tuple[int, int], list[TopSamples]] = {}
     for receiver, samples in samples_by_receiver(blocks):
         tops.setdefault(receiver, []).append(top_samples(samples))
-        step = max(_SAMPLES_AT_ONCE // samples.shape[1], 1)
+        step = max(_SAMPLES_IN_CACHE // samples.shape[1], 1)
         found.setdefault(receiver, []).extend(
             levels_and_products(samples[first : first + step])
             for first in range(0, len(samples), step)

@@ -28,5 +28,8 @@ def distinct_with_counts(values: AnyArray) -> list[tuple[Any, int]]:
     """The different values of a column, ascending, and how often each occurs."""
     if len(values) > 0 and (values == values[0]).all():  # as in most blocks
         return [(values[0].item(), len(values))]
+    if values.dtype.kind == "u" and values.itemsize <= 2:
+        numbers = np.bincount(values)
+        return [(value, int(numbers[value])) for value in np.flatnonzero(numbers).tolist()]
     found, counts = np.unique(values, return_counts=True)
     return list(zip(found.tolist(), counts.tolist(), strict=True))

@@ -2,7 +2,7 @@ from __future__ import annotations
 
 import numpy as np
 
-from fullwaveform.data.summaries import distinct, median
+from fullwaveform.data.summaries import distinct, distinct_with_counts, median
 
 
 def test_median_of_odd_and_even_counts() -> None:
@@ -20,3 +20,10 @@ def test_distinct_values_are_ascending() -> None:
     assert distinct(np.array([3, 1, 3, 2])) == [1, 2, 3]
     assert distinct(np.array([4, 4], dtype=np.uint8)) == [4]
     assert distinct(np.empty(0)) == []
+
+
+def test_counts_of_distinct_values() -> None:
+    assert distinct_with_counts(np.array([9, 2, 9], dtype=np.uint16)) == [(2, 1), (9, 2)]
+    assert distinct_with_counts(np.array([1.5, -2.0, 1.5])) == [(-2.0, 1), (1.5, 2)]
+    assert distinct_with_counts(np.full(3, 7, dtype=np.uint8)) == [(7, 3)]
+    assert distinct_with_counts(np.empty(0, dtype=np.uint8)) == []

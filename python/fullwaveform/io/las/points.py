@@ -30,6 +30,7 @@ from fullwaveform.io.las.waveform_packets import (
     read_record_header,
 )
 from fullwaveform.io.limits import SURVEY_CHUNK
+from fullwaveform.io.remote import is_remote
 
 WAVEFORM_POINT_FORMATS = (4, 5, 9, 10)
 _VERSIONS = ((1, 3), (1, 4), (1, 5))
@@ -37,6 +38,7 @@ _COMPRESSED = 0b1000_0000  # bit of the point format
 SCAN_ANGLE_UNIT = 0.006  # degrees per count of the scan angle in point formats 6 to 10
 
 _FIRST_SEARCH = 64  # points
+_LOCAL_CHUNK = 1 << 13  # points that stay in the cache while they are visited
 _MIN_HEADER = 227  # bytes, LAS 1.0 to 1.2
 _RECORD_HEADER_SIZE = 54  # bytes of an ordinary variable record's header
 _LENGTH_IN_RECORD_HEADER = 20  # byte
@@ -215,7 +217,8 @@ class PointFile:
 
     def survey(self) -> Survey:
         """Read all points once, chunk by chunk."""
-        chunks = self.in_file_order(SURVEY_CHUNK)
+        is_local = self._bytes is not None and not is_remote(self.path)
+        chunks = self.in_file_order(_LOCAL_CHUNK if is_local else SURVEY_CHUNK)
         if self.header.are_points_compressed and loses_packet_fields(self.header):
             chunks = _of_one_scanner_channel(chunks, self.path)
         return survey_of(chunks, self.layout)
