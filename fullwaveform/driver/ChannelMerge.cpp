@@ -1,7 +1,11 @@
 #include <fullwaveform/driver/ChannelMerge.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstddef>
+#include <memory_resource>
+#include <vector>
 
 namespace FullWaveform {
 namespace {
@@ -17,6 +21,7 @@ class EchoTimes {
  public:
   template <class Predicate>
   EchoTimes(MergeEchoes const& echoes, Predicate const& isUsed) {
+    times.reserve(echoes.times.size());
     for (std::size_t i = 0; i < echoes.times.size(); ++i) {
       if (echoes.removed[i] == 0 && isUsed(echoes.amplitudes[i]) && !std::isnan(echoes.times[i])) {
         times.push_back(echoes.times[i]);
@@ -33,7 +38,12 @@ class EchoTimes {
   }
 
  private:
-  std::vector<double> times;
+  static constexpr std::size_t fewEchoes = 32;
+
+  // Shots mostly have a few echoes, whose times need no heap.
+  alignas(double) std::array<std::byte, fewEchoes * sizeof(double)> buffer;
+  std::pmr::monotonic_buffer_resource memory{buffer.data(), buffer.size()};
+  std::pmr::vector<double> times{&memory};
 };
 
 }  // namespace

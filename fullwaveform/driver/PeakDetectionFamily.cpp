@@ -240,6 +240,11 @@ RowState PeakDetectionFamily<T>::processRow(Row const& row, int noise, ShotMap& 
   RowState const state = extract(row, wave);
   keepGoodPeaks(*wave);
   setTimes(*wave);
+  if (shot.waves.empty()) {
+    // One waveform per channel: no second allocation for that of the other one.
+    shot.waves.reserve(2);
+    shot.rows.reserve(2);
+  }
   shot.waves.push_back(std::move(wave));
   shot.rows.push_back(row.number);
   return state;

@@ -28,6 +28,12 @@ unsigned short atLeastOne(unsigned short sample) {
 /// Variance of a weighted sum of three neighbouring samples.
 double varianceOf(Triple const& weights, std::span<double const> covariance) {
   double sum = 0.0;
+  if (covariance.size() == 1) {  // white noise
+    for (double const weight : weights) {
+      sum += weight * weight * covariance.front();
+    }
+    return sum;
+  }
   for (std::size_t i = 0; i < weights.size(); ++i) {
     for (std::size_t j = 0; j < weights.size(); ++j) {
       std::size_t const distance = i < j ? j - i : i - j;

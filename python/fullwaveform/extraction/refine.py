@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Mapping
+from collections.abc import Iterable, Mapping
 
 import numpy as np
 
@@ -45,7 +45,7 @@ def refined_peaks(
     rows, kind = peaks["row"], peaks["type"]
     height = peaks["amplitudeCounts"].astype(np.float64) - baseline[rows]
     position, sigma = peaks["idx"].copy(), peaks["std"].copy()
-    decomposed = np.flatnonzero(np.isin(kind, DECOMPOSED_TYPES))
+    decomposed = found_by(DECOMPOSED_TYPES, kind)
     if len(decomposed):
         # The decomposition fits what remains after subtracting the threshold.
         height[decomposed] += threshold[rows[decomposed]]
@@ -79,6 +79,11 @@ def refined_peaks(
             kind == EchoType.ONLINE_OWP, peaks["reflectance"], np.float32(np.nan)
         ),
     }
+
+
+def found_by(types: Iterable[EchoType], kind: AnyArray) -> IntArray:
+    """Indices of the echoes whose type, of (m,), is one of the given ones."""
+    return np.flatnonzero(np.logical_or.reduce([kind == one for one in types]))
 
 
 def with_own_baselines(block: WaveformBlock, baseline: FloatArray, rows: IntArray) -> FloatArray:

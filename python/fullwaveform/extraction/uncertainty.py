@@ -14,6 +14,7 @@ from fullwaveform.core.uncertainty import MAX_NOISE_LAG, FittedRows, Uncertainti
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.summaries import distinct
 from fullwaveform.extraction.prepare import Preparation, PreparedBlock, by_receiver
+from fullwaveform.extraction.refine import found_by
 
 _FITTED_SIGMAS = 3.0  # of the library, on either side of a decomposed echo
 _MIN_WEIGHT = 4.0  # samples below the baseline, of a waveform whose own noise is measured
@@ -51,7 +52,7 @@ def with_uncertainties(
     chosen = np.flatnonzero(kind == EchoType.GAUSS_3POINTS)
     if len(chosen):
         enter(chosen, waveforms.of_three_point(rows[chosen], position[chosen], std[chosen]))
-    chosen = np.flatnonzero(np.isin(kind, DECOMPOSED_TYPES))
+    chosen = found_by(DECOMPOSED_TYPES, kind)
     if len(chosen):
         own = np.abs(peaks["library_std"])
         values = (position, height, std, own, _FITTED_SIGMAS * own)
