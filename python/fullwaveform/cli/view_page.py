@@ -99,7 +99,7 @@ def _survey(
             reader,
             blocks,
             settings,
-            in_degrees=system.in_degrees,
+            in_degrees=system.axes.is_geographic,
             workers=workers,
             monitor=monitor,
         )
@@ -118,7 +118,7 @@ def _content(
     system, echoes = CoordinateSystem.of(reader.header), found.echoes
     if file is not None:
         system = system_of_echoes(file.path, system)
-        echoes = summary_of_file(file, in_degrees=system.in_degrees)
+        echoes = summary_of_file(file, in_degrees=system.axes.is_geographic)
 
     views: dict[int, WaveformView] = {}  # a waveform may be an example of several kinds
 

@@ -8,35 +8,26 @@ from pathlib import Path
 import laspy
 
 from fullwaveform.analysis.origin import origin_of
-from fullwaveform.io.reference_system import reference_system
+from fullwaveform.view.axes import Axes
 
-_SHORT_NAMES = {"metre": "m", "degree": "°"}
 _LAS_ENDINGS = (".las", ".laz")
 
 
 @dataclass(frozen=True, slots=True)
 class CoordinateSystem:
-    """What x and y are.
+    """Name and axes of the coordinate system of a file.
 
-    name : of the system, with its code if it has one; empty if unknown
-    unit : of x and y; empty if unknown
+    name : with its code if it has one; empty if the file has none
     """
 
     name: str
-    unit: str
-
-    @property
-    def in_degrees(self) -> bool:
-        """Whether x and y are longitude and latitude."""
-        return self.unit == "°"
+    axes: Axes
 
     @classmethod
     def of(cls, header: laspy.LasHeader | None) -> CoordinateSystem:
         """That of a header."""
-        origin, system = origin_of(header), reference_system(header)
-        name = "" if origin is None else origin.reference_system or ""
-        unit = system.axis_info[0].unit_name if system is not None and system.axis_info else ""
-        return cls(name, _SHORT_NAMES.get(unit, unit))
+        origin = origin_of(header)
+        return cls("" if origin is None else origin.reference_system or "", Axes.of(header))
 
 
 def system_of_echoes(path: Path, otherwise: CoordinateSystem) -> CoordinateSystem:

@@ -13,6 +13,7 @@ import numpy as np
 from matplotlib.image import imsave
 
 from fullwaveform.data.arrays import BoolArray, FloatArray, IntArray
+from fullwaveform.view.axes import Axes, degree_ratio
 from fullwaveform.view.coordinate_system import CoordinateSystem
 from fullwaveform.view.echo_raster import EchoRaster
 from fullwaveform.view.svg_scale import Scale
@@ -45,7 +46,7 @@ def map_svg(raster: EchoRaster, system: CoordinateSystem) -> tuple[str, str]:
     x, y, heights = raster.cells()
     if not len(x):
         return "", ""
-    window, inside = _window(x, y, raster.size, system.in_degrees)
+    window, inside = _window(x, y, raster.size, system.axes)
     x, y, heights = x[inside], y[inside], heights[inside]
     low, high = (float(value) for value in np.percentile(heights, _HEIGHT_RANGE))
     if not high > low:
@@ -57,9 +58,7 @@ def map_svg(raster: EchoRaster, system: CoordinateSystem) -> tuple[str, str]:
     return svg, note
 
 
-def _window(
-    x: FloatArray, y: FloatArray, size: float, in_degrees: bool
-) -> tuple[_Window, BoolArray]:
+def _window(x: FloatArray, y: FloatArray, size: float, axes: Axes) -> tuple[_Window, BoolArray]:
     """The window of all cells but those far from the others, and which are in it."""
     edges = []
     inside = np.ones(len(x), np.bool_)
@@ -69,8 +68,8 @@ def _window(
         inside &= (values >= first - reach) & (values <= last + reach)
     for values in (x[inside], y[inside]):
         edges.append((float(values.min()) - size / 2, float(values.max()) + size / 2))
-    shrink = math.cos(math.radians(sum(edges[1]) / 2)) if in_degrees else 1.0
-    width, height = (edges[0][1] - edges[0][0]) * max(shrink, 0.01), edges[1][1] - edges[1][0]
+    shrink = degree_ratio(sum(edges[1]) / 2) if axes.is_geographic else 1.0
+    width, height = (edges[0][1] - edges[0][0]) * shrink, edges[1][1] - edges[1][0]
     per_pixel = max(width, height) / _PIXELS
     columns, rows = (max(round(length / per_pixel), 80) for length in (width, height))
     return _Window(edges[0], edges[1], columns, rows), inside
@@ -139,13 +138,12 @@ def _with_axes(
     right, bottom = left + window.columns, top + window.rows
     width, height = right + _MARGIN["right"], bottom + _MARGIN["bottom"]
     x, y = Scale(*window.x, left, right), Scale(*window.y, bottom, top)
-    unit = f", {system.unit}" if system.unit else ""
-    names = ("longitude", "latitude") if system.in_degrees else ("x", "y")
+    labels = [f"{axis['name']}, {axis['unit']}" for axis in system.axes.described]
     marks, numbers = _ticks(x, y, bottom)
     low, high = height_range
     described = (
         f"Map of {echoes:,} echoes from above, x {window.x[0]:.10g} to {window.x[1]:.10g}, "
-        f"y {window.y[0]:.10g} to {window.y[1]:.10g}{unit}; heights {low:.2f} to {high:.2f}"
+        f"y {window.y[0]:.10g} to {window.y[1]:.10g}; heights {low:.2f} to {high:.2f}"
     )
     image = base64.b64encode(picture).decode("ascii")
     return (
@@ -154,12 +152,12 @@ def _with_axes(
         f'<image x="{left}" y="{top}" width="{window.columns}" height="{window.rows}" '
         f'href="data:image/png;base64,{image}"/>'
         f'<path class="axes" d="M{left} {top}V{bottom}H{right}{marks}"/>{numbers}'
-        f'<text x="{(left + right) / 2:.0f}" y="{bottom + 40}" class="mid">{names[0]}'
-        f"{escape(unit)}</text>"
+        f'<text x="{(left + right) / 2:.0f}" y="{bottom + 40}" class="mid">'
+        f"{escape(labels[0])}</text>"
         f'<text transform="translate(14 {(top + bottom) / 2:.0f})rotate(-90)" class="mid">'
-        f"{names[1]}{escape(unit)}</text>"
-        f"{_scale_bar(window, x, bottom, system)}"
-        f"{_colour_bar(right, top, bottom, height_range, system)}"
+        f"{escape(labels[1])}</text>"
+        f"{_scale_bar(window, x, bottom, system.axes)}"
+        f"{_colour_bar(right, top, bottom, height_range, labels[2])}"
         "</svg>"
     )
 
@@ -179,12 +177,12 @@ def _ticks(x: Scale, y: Scale, bottom: int) -> tuple[str, str]:
     return marks, numbers
 
 
-def _scale_bar(window: _Window, x: Scale, bottom: int, system: CoordinateSystem) -> str:
+def _scale_bar(window: _Window, x: Scale, bottom: int, axes: Axes) -> str:
     """A bar of a round length, a fifth of the map or somewhat more, in its lower left corner."""
-    extent, unit = window.x[1] - window.x[0], system.unit or "units"
+    extent, unit = window.x[1] - window.x[0], axes.described[0]["unit"]
     metres = 1.0
-    if system.in_degrees:
-        metres = _M_PER_DEGREE * max(math.cos(math.radians(sum(window.y) / 2)), 0.01)
+    if axes.is_geographic:
+        metres = _M_PER_DEGREE * degree_ratio(sum(window.y) / 2)
         unit = "m"
     fifth = extent * metres / 5.0
     magnitude = 10.0 ** math.floor(math.log10(fifth))
@@ -203,9 +201,8 @@ def _colour_bar(
     top: int,
     bottom: int,
     height_range: tuple[float, float],
-    system: CoordinateSystem,
+    label: str,
 ) -> str:
-    unit = "m" if system.in_degrees else system.unit
     stops = _colours(9)
     gradient = "".join(
         f'<stop offset="{number / (len(stops) - 1):.3f}" stop-color="rgb({r},{g},{b})"/>'
@@ -224,5 +221,5 @@ def _colour_bar(
         f'<rect x="{at}" y="{top}" width="16" height="{bottom - top}" fill="url(#heights)"/>'
         f'<path class="axes" d="{marks}"/>{numbers}'
         f'<text transform="translate({at + 110} {(top + bottom) / 2:.0f})rotate(-90)" '
-        f'class="mid">height of the highest echo{escape(f", {unit}" if unit else "")}</text>'
+        f'class="mid">{escape(label)}, of the highest echo</text>'
     )

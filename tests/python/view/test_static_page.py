@@ -134,7 +134,7 @@ def test_map_names_extent_and_system(
     label = maps[0]["aria-label"]
     assert label.startswith(f"Map of {len(extracted[1])} echoes from above, x 0 to 70")
     assert "The file does not name its coordinate system." in page.texts["map"]
-    assert "20 units" in page.texts["map"]
+    assert "20 coordinate units" in page.texts["map"]
 
 
 def test_command_draws_the_waveform(
