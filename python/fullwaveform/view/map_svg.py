@@ -13,6 +13,7 @@ import numpy as np
 from matplotlib.image import imsave
 
 from fullwaveform.data.arrays import BoolArray, FloatArray, IntArray
+from fullwaveform.data.counting import counted
 from fullwaveform.view.axes import Axes, degree_ratio
 from fullwaveform.view.coordinate_system import CoordinateSystem
 from fullwaveform.view.echo_raster import EchoRaster
@@ -54,7 +55,7 @@ def map_svg(raster: EchoRaster, system: CoordinateSystem) -> tuple[str, str]:
     picture = _picture(window, raster.size, (x, y, heights), (low, high))
     svg = _with_axes(picture, window, (low, high), system, raster.placed)
     left_out = int(np.count_nonzero(~inside))
-    note = f"{left_out:,} cells far from all others are not shown." if left_out else ""
+    note = f"Not shown: {counted(left_out, 'cell')} far from all others." if left_out else ""
     return svg, note
 
 

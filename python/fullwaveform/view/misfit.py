@@ -68,7 +68,7 @@ def _curve(
         at = first[echo] + within
         place = rows[echo] * shape[1] + at
         height = amplitudes[echo] * np.exp(-0.5 * ((at - positions[echo]) / widths[echo]) ** 2)
-        curve[place[np.isnan(curve[place])]] = 0.0 if adds_up else -np.inf
+        curve[place[np.isnan(curve[place])]] = 0.0
         (np.add if adds_up else np.maximum).at(curve, place, height)
     return curve.reshape(shape)
 

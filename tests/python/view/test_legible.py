@@ -11,6 +11,7 @@ from fullwaveform.view.legible import contrast, legible
 def test_contrast_of_known_pairs() -> None:
     assert contrast("#000000", "#ffffff") == 21.0
     assert contrast("#ffffff", "#ffffff") == 1.0
+    assert contrast("#222222", "#ffffff") == pytest.approx(15.91, abs=0.005)
     # The grey that just reaches 4.5 on white, and the next lighter one.
     assert contrast("#767676", "#ffffff") == pytest.approx(4.54, abs=0.005)
     assert contrast("#777777", "#ffffff") == pytest.approx(4.48, abs=0.005)

@@ -28,6 +28,7 @@ from ..support.row_scenes import as_container
 from . import page_scenes as scenes
 from .page_scenes import Page, written_page
 
+SHOTS = 150  # of the simulated scan
 KINDS = ("typical", "weakest", "most", "saturated", "worst")
 
 
@@ -205,7 +206,7 @@ def formats(tmp_path_factory: pytest.TempPathFactory) -> dict[str, Path]:
     """A simulated scan in every format."""
     folder = tmp_path_factory.mktemp("formats")
     las = write_simulated(
-        simulate_scan(ScanSettings(shots=150, seed=3)), folder / "scan.las", point_format=4
+        simulate_scan(ScanSettings(shots=SHOTS, seed=3)), folder / "scan.las", point_format=4
     ).las
     with open_waveforms(las) as reader:
         (block,) = reader.blocks()
@@ -258,6 +259,34 @@ def test_echoes_of_a_file_make_the_map(scan: Path, tmp_path: Path) -> None:
     assert "Amplitude of 2 echoes" in page.texts["statistics"]
     assert "width (full, at half maximum), ns: no values" in page.texts["statistics"]
     assert page.waveforms("saturated") == list(scenes.SATURATED)
+
+
+def test_echoes_of_all_channels_of_a_shot_count_together(
+    formats: dict[str, Path], tmp_path: Path
+) -> None:
+    table = tmp_path / "echoes.csv"
+    assert run("extract", formats["LAS"], "-o", table).exit_code == 0
+    rows = np.genfromtxt(table, delimiter=",", names=True)
+    shots, counts = np.unique(rows["gps_time"], return_counts=True)
+    of_shots = np.bincount(counts)
+    of_shots[0] = SHOTS - len(shots)
+    assert len(np.unique(rows["waveform_number"])) > len(shots)  # some shots have two waveforms
+    page = written_page(formats["LAS"], tmp_path / "page.html", Mode.THREE_POINT)
+    listed = " ".join(f"{number} {count}" for number, count in enumerate(of_shots))
+    text = " ".join(page.texts["statistics"].split())
+    assert f"echoes per shot shots {listed}" in text
+
+
+def test_system_of_the_map_is_that_of_its_echoes(formats: dict[str, Path], tmp_path: Path) -> None:
+    scan, echoes, table = formats["GEDI"], tmp_path / "echoes.las", tmp_path / "echoes.csv"
+    assert run("extract", scan, "-o", echoes, "--crs", "EPSG:32723").exit_code == 0
+    assert run("extract", scan, "-o", table).exit_code == 0
+    page = written_page(scan, tmp_path / "page.html", echoes=echoes)
+    assert "UTM zone 23S (EPSG:32723)" in page.texts["map"]
+    assert "x, m" in page.texts["map"]
+    # Tables do not name their system; it is that of the input.
+    page = written_page(scan, tmp_path / "degrees.html", echoes=table)
+    assert "longitude, °" in page.texts["map"]
 
 
 def test_file_without_echoes(tmp_path: Path) -> None:

@@ -64,3 +64,4 @@ def test_many_whole_numbers_share_classes() -> None:
     found = whole_number_histogram(counts)
     assert found.edges.tolist() == (np.arange(0, 103, 3) - 0.5).tolist()
     assert found.counts.tolist() == [3] * 33 + [1]
+    assert len(whole_number_histogram(counts[:48]).counts) == 48
