@@ -82,11 +82,12 @@ class ExecutorWorkers(Workers):
 
     def failure(self, error: BaseException) -> Exception:
         """The executor cannot continue in any case."""
+        reason = " ".join(str(error).split())  # some executors report the end of each worker
         if isinstance(error, BrokenExecutor):
-            return OSError(f"the executor has lost a worker (out of memory?): {error}")
+            return OSError(f"the executor has lost a worker (out of memory?): {reason}")
         if isinstance(error, CancelledError):
             return OSError("the executor has cancelled the units of the run")
-        return OSError(f"the executor cannot run the extraction ({type(error).__name__}: {error})")
+        return OSError(f"the executor cannot run the extraction ({type(error).__name__}: {reason})")
 
 
 class DaskWorkers(Workers):

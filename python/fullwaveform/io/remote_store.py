@@ -34,7 +34,12 @@ _CACHED = 1 << 26  # bytes kept of a file: readers pass over a block several tim
 _PIECE = 1 << 24  # bytes of a part of an upload
 _MAX_PIECES = 9_000  # stores accept 10,000 parts
 # Packages beyond those of the extra "remote", by scheme.
-_PACKAGES = {"gs": "gcsfs", "gcs": "gcsfs", "abfs": "adlfs", "az": "adlfs"}
+_PACKAGES = {
+    "gs": "'fullwaveform[gs]'",
+    "gcs": "'fullwaveform[gs]'",
+    "abfs": "adlfs",
+    "az": "adlfs",
+}
 
 
 class RemoteSource:
