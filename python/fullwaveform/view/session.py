@@ -22,7 +22,7 @@ from fullwaveform.view.noise import noise_histogram
 from fullwaveform.view.panel import WaveformPanel, offered_scanners
 
 #: Colours of classes and numbers (Okabe and Ito 2008), light enough for a dark page.
-_CATEGORIES = (
+CATEGORIES = (
     "#999999",
     "#e69f00",
     "#56b4e9",
@@ -127,7 +127,7 @@ class ViewSession:
             ],
             "default_mode": int(Mode.THREE_POINT),
             "scanners": [scanner.label for scanner in self.panel.scanners],
-            "categories": _CATEGORIES,
+            "categories": CATEGORIES,
         }
 
     def _layer(self, layer: Layer) -> dict[str, Any]:

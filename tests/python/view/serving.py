@@ -36,10 +36,10 @@ class Served:
 
 
 @contextmanager
-def served_files(scan: Path, echoes: Path) -> Iterator[Served]:
-    """A scan and a file of its echoes, served until the end of the block."""
+def served_files(scan: Path, *echoes: Path) -> Iterator[Served]:
+    """A scan and files of its echoes, served until the end of the block."""
     reader = open_waveforms(scan, waveforms_per_block=BLOCK)
-    with ViewSession(reader, {}, [(echoes.name, echoes)]) as session:
+    with ViewSession(reader, {}, [(path.name, path) for path in echoes]) as session:
         server = ViewServer(session)
         started = threading.Event()
         thread = threading.Thread(target=server.run, args=(lambda address: started.set(),))

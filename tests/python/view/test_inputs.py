@@ -150,5 +150,5 @@ def test_lost_server_of_a_remote_file_is_reported(
             first = session.panel.data(0, PanelSettings())
             assert first["command"].startswith(f"fullwaveform plot {web.url('scan.las')} --shot 0")
             web.files.clear()
-            with pytest.raises(OSError, match="scan.las"):
+            with pytest.raises(OSError, match=r"scan\.las"):
                 session.panel.data(2 * SHOTS - 1, PanelSettings())
