@@ -11,7 +11,7 @@ from playwright.sync_api import Browser, Page, expect
 
 from ..support.command_line import run
 from .pages import documented, middle_of, opened, pixels
-from .serving import Served, served_scene
+from .serving import Served, served_files, served_scene
 
 pytestmark = pytest.mark.slow
 
@@ -229,9 +229,33 @@ def test_name_of_a_file_is_text(browser: Browser, tmp_path: Path) -> None:
         page.close()
 
 
-def test_picture_in_the_documents(page: Page, tmp_path: Path) -> None:
-    choose_shot_four(page)
-    press(page, "p", 2)
-    page.locator("#modes input[value=decomposition]").check()
-    expect(page.locator("#panel .residuals")).to_have_count(1)
-    assert documented(page, "view.png", tmp_path)
+def test_picture_in_the_documents(
+    browser: Browser, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """A simulated scan from above and from the side, and a waveform with three or more echoes."""
+    monkeypatch.chdir(tmp_path)  # the command in the panel names the file as it was given
+    scan, points = Path("scan.las"), Path("echoes.las")
+    assert run("simulate", scan, "--shots", "4000").exit_code == 0
+    assert run("extract", scan, "-o", points, "--mode", "decomposition").exit_code == 0
+    with served_files(scan, points) as served:
+        page = opened(served, browser)
+        page.locator("#map").press("Enter")
+        expect(page.locator("#panel")).to_have_attribute("data-waveform", re.compile("[0-9]+"))
+        before = page.locator("#panel").get_attribute("data-waveform") or ""
+        page.locator("#many-limit").fill("4")
+        page.locator("#moves button[data-kind=many][data-step='1']").click()
+        expect(page.locator("#panel")).not_to_have_attribute("data-waveform", before)
+        page.locator("#modes input[value=decomposition]").check()
+        expect(page.locator("#panel .residuals")).not_to_have_count(0)
+        page.select_option("#tool", "line")
+        page.locator("#side-width").fill("12")
+        area = page.locator("#map").bounding_box()
+        assert area is not None
+        page.mouse.move(area["x"] + 95, area["y"] + 22)
+        page.mouse.down()
+        page.mouse.move(area["x"] + 374, area["y"] + 621)
+        page.mouse.up()
+        expect(page.locator("#map")).to_have_attribute("data-complete", "true")
+        expect(page.locator("body")).to_have_attribute("data-busy", "false")
+        assert documented(page, "view.png", tmp_path)
+        page.close()
