@@ -54,7 +54,7 @@ def compile_call(tmp_path_factory: pytest.TempPathFactory) -> list[str]:
 
 
 def compiler_errors(call: list[str]) -> str:
-    done = subprocess.run(call, check=False, capture_output=True, text=True, timeout=600)
+    done = subprocess.run(call, check=False, capture_output=True, text=True, timeout=1800)
     return "" if done.returncode == 0 else done.stderr[:4000]
 
 

@@ -46,7 +46,7 @@ def connected(
     """
     distributed = _distributed()
     with ExitStack() as stack:
-        stack.enter_context(_silenced(logging.getLogger("distributed")))
+        stack.enter_context(_silenced())
         target = address
         if address == LOCAL:
             target = stack.enter_context(_local_cluster(distributed, workers))
@@ -86,14 +86,18 @@ def _local_cluster(distributed: Any, workers: int) -> Iterator[Any]:
 
 
 @contextmanager
-def _silenced(logger: logging.Logger) -> Iterator[None]:
+def _silenced() -> Iterator[None]:
     """Hide Dask's log of lost workers and connections: the run repairs or reports them itself."""
-    levels = [(handler, handler.level) for handler in logger.handlers]
+    levels = [(handler, handler.level) for handler in logging.getLogger("distributed").handlers]
+    tasks = logging.getLogger("asyncio")  # logs errors of tasks that nobody awaits any more
+    former = tasks.disabled
     for handler, _ in levels:
         handler.setLevel(logging.CRITICAL + 1)
+    tasks.disabled = True
     try:
         yield
     finally:
+        tasks.disabled = former
         for handler, level in levels:
             handler.setLevel(level)
 

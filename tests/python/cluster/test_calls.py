@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import logging
 import sys
 import threading
 from collections import Counter
@@ -123,6 +124,14 @@ def test_scheduler_without_workers_is_an_error(tmp_path: Path) -> None:
         connected(address, 1, worker_timeout=0.2),
     ):
         raise AssertionError
+
+
+def test_lost_connections_are_not_logged(address: str, capfd: pytest.CaptureFixture[str]) -> None:
+    with connected(address, 1):
+        for name in ("distributed.client", "distributed.scheduler", "asyncio"):
+            logging.getLogger(name).error("connection lost")
+    assert capfd.readouterr().err == ""
+    assert not logging.getLogger("asyncio").disabled
 
 
 def test_run_of_bad_files_only_is_refused(address: str, tmp_path: Path) -> None:

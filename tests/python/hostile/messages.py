@@ -36,7 +36,7 @@ def outcomes(folder: Path) -> list[dict[str, Any]]:
         text=True,
         cwd=folder,
         env={**os.environ, "PYTHONPATH": os.pathsep.join(paths)},
-        timeout=600,
+        timeout=1800,
         check=False,
     )
     found = [json.loads(line) for line in done.stdout.splitlines()]

@@ -78,7 +78,8 @@ def test_iteration_in_progress_goes_on(scans: dict[str, Path], kind: str) -> Non
         found = []
         for block in reader.blocks():
             found.append(block)
-            list(reader.spread_blocks())
+            if len(found) in (1, 3):
+                list(reader.spread_blocks())
         tally = reader.tally
     assert tally.waveforms == sum(map(len, expected))
     assert all(map(same, found, expected))

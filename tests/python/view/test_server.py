@@ -14,6 +14,7 @@ from urllib.parse import urlsplit
 import numpy as np
 import pytest
 
+from ..support.child_processes import TIMEOUT_S
 from ..support.command_line import run
 from . import scenes
 from .serving import served_scene
@@ -36,7 +37,7 @@ class Client:
 
     def get(self, path: str, **headers: str) -> tuple[int, bytes, dict[str, str]]:
         """Status, content and headers of the answer to a request for a whole path."""
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=60)
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=TIMEOUT_S)
         try:
             connection.putrequest("GET", path, skip_host="Host" in headers)
             for name, value in headers.items():
