@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import threading
 from collections.abc import Callable, Iterator
 from concurrent.futures import (
@@ -208,6 +209,7 @@ def test_folder_with_other_files_is_refused(sources: list[Path], tmp_path: Path)
 @pytest.mark.parametrize(
     ("error", "message"),
     [
+        (BrokenExecutor("a process\n\n has\tdied"), r"memory\?\): a process has died$"),
         (BrokenExecutor("a child process terminated abruptly"), "has lost a worker .out of memo"),
         (CancelledError(), "the executor has cancelled the units"),
         (ImportError("fullwaveform"), r"cannot run the extraction \(ImportError: fullwaveform\)"),
@@ -248,6 +250,26 @@ def test_executor_that_takes_no_units_ends_the_run(
 
     with pytest.raises(OSError, match=message):
         fw.extract_many(sources, tmp_path / "parts", executor=Ended(), threshold=20, **BLOCKS)
+
+
+def test_executor_whose_process_dies_ends_the_run(sources: list[Path], tmp_path: Path) -> None:
+    class Dying:
+        submitted = 0
+
+        def submit(self, function: Callable[[str], str], text: str) -> Any:
+            self.submitted += 1
+            if self.submitted == 5:
+                return pool.submit(os._exit, 9)
+            return pool.submit(function, text)
+
+    with (
+        ProcessPoolExecutor(1, get_context("spawn")) as pool,
+        pytest.raises(OSError, match=r"lost a worker \(out of memory\?\): A "),
+    ):
+        fw.extract_many(sources, tmp_path / "parts", executor=Dying(), threshold=20, **BLOCKS)
+    found = fw.extract_many(sources, tmp_path / "parts", threshold=20, resume=True, **BLOCKS)
+    assert found.failures == {}
+    assert len(found.parts) == PARTS
 
 
 def test_scanner_of_the_files_is_used(tmp_path: Path) -> None:
