@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import errno
+import io
 import json
 import os
 import signal
@@ -12,6 +13,8 @@ from collections.abc import Iterator
 from pathlib import Path
 from urllib.request import urlopen
 
+import laspy
+import numpy as np
 import pytest
 
 from fullwaveform.view.cache import remove_former
@@ -211,3 +214,27 @@ def test_missing_package_names_the_extra(scan: Path, monkeypatch: pytest.MonkeyP
 
     monkeypatch.setattr("fullwaveform.cli.view.import_module", missing)
     assert_error(run("view", scan), "needs the package platformdirs", "fullwaveform[view]")
+
+
+def test_selection_of_extracted_echoes_is_saved_as_extract_writes_it(
+    scan: Path, tmp_path: Path
+) -> None:
+    """Without --echoes, of the box around the two eastern shots."""
+    process, address = start(scan, "--no-browser", folder=tmp_path)
+    points, table = tmp_path / "all.las", tmp_path / "all.csv"
+    assert run("extract", scan, "-o", points).exit_code == 0
+    assert run("extract", scan, "-o", table).exit_code == 0
+    query = "box=70,-10,90,90"
+    contents = {}
+    for kind in ("las", "csv"):
+        url = f"{address}layers/0/selection.{kind}?{query}"
+        with urlopen(url, timeout=TIMEOUT_S) as answer:
+            contents[kind] = answer.read()
+    end(process, signal.SIGINT)
+    saved, whole = laspy.read(io.BytesIO(contents["las"])), laspy.read(points)
+    east = np.asarray(whole.x) > 80.0
+    assert np.count_nonzero(east) == 3
+    assert saved.points.array.tobytes() == whole.points.array[east].tobytes()
+    lines = table.read_bytes().splitlines(keepends=True)
+    expected = [line for line, is_east in zip(lines[1:], east, strict=True) if is_east]
+    assert contents["csv"] == b"".join([lines[0], *expected])

@@ -192,3 +192,39 @@ def test_formats_are_those_that_hold_all_values(
     returns = EchoIndex.of(scan, waveforms)  # of a scan, which has waveforms
     assert SelectionExport(scan, returns).formats == ()
     returns.close()
+
+
+def test_las_file_of_a_table_is_made_when_asked_for(
+    scan: Path, waveforms: WaveformDirectory, tmp_path: Path
+) -> None:
+    table = extracted(scan, tmp_path / "echoes.parquet")
+    calls = []
+
+    def as_las() -> Path:
+        calls.append(1)
+        return extracted(scan, tmp_path / f"echoes{len(calls)}.las")
+
+    echoes = EchoIndex.of(table, waveforms)
+    export = SelectionExport(table, echoes, as_las)
+    assert export.formats == ("csv", "parquet", "las", "laz")
+    assert calls == []
+    _, parts = export.content(EAST, "las")
+    output = tmp_path / "saved.las"
+    output.write_bytes(b"".join(parts))
+    whole = laspy.read(tmp_path / "echoes1.las")
+    assert laspy.read(output).points.array.tobytes() == whole.points.array[ROWS].tobytes()
+    echoes.close()
+
+
+def test_las_file_without_some_echoes_is_refused(
+    scan: Path, waveforms: WaveformDirectory, tmp_path: Path
+) -> None:
+    """As of echoes beyond the 32 bits of its coordinates; rows and points would not agree."""
+    table, other = extracted(scan, tmp_path / "a.parquet"), extracted(scan, tmp_path / "a.las")
+    fewer = tmp_path / "fewer.las"
+    write_rows_of(other, np.array([True] * 6 + [False]), fewer)
+    echoes = EchoIndex.of(table, waveforms)
+    export = SelectionExport(table, echoes, lambda: fewer)
+    with pytest.raises(WaveformFileError, match="LAS files can hold 6 of 7 echoes only"):
+        export.content(EAST, "las")
+    echoes.close()
