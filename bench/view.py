@@ -1,4 +1,4 @@
-"""The viewer at 10 million echoes: index, first picture, moving the map, click to waveform, memory.
+"""The viewer at 10 million echoes: index, first picture, moving, click to waveform, selecting.
 
 Usage: view.py [--echoes N] [--folder FOLDER] [--pages N]
 
@@ -12,6 +12,7 @@ the machine and, where one side does the work, processor time.
 from __future__ import annotations
 
 import argparse
+import json
 import os
 import shutil
 import signal
@@ -25,6 +26,7 @@ from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
 from statistics import median
+from urllib.request import urlopen
 
 import laspy
 import numpy as np
@@ -36,7 +38,7 @@ from playwright.sync_api import Browser, Page, sync_playwright
 SAMPLES = 32
 AREA = 2000.0  # m, edge of the square that the scan covers
 CHUNK = 500_000  # waveforms written at a time
-PANS, CLICKS = 60, 60
+PANS, CLICKS, SELECTIONS = 60, 60, 5
 START_TIMEOUT_S, PAGE_TIMEOUT_MS = 1800, 300_000
 _FILES = ("scan.las", "--echoes", "echoes.parquet")
 _CHROMIUM = (
@@ -273,6 +275,31 @@ def measured_page(chromium: Chromium, server: Process, address: str, pages: int)
     yield "memory of the drawing process of the browser at most, MB", workers[1].peak_memory(), ""
 
 
+def measured_selections(server: Process, address: str) -> Rows:
+    """Rows of the table: what counting selections and saving one takes."""
+    quarter = f"box={-AREA / 4},{-AREA / 4},{AREA / 4},{AREA / 4}"
+    bars = "bars=amplitude:" + ",".join(str(bar) for bar in range(20))
+    for name, query in (("all", ""), ("a box", quarter), ("bars", bars)):
+        before, times = server.processor_time(), []
+        for _ in range(SELECTIONS):
+            start = time.perf_counter()
+            with urlopen(f"{address}layers/0/selection?{query}") as answer:
+                echoes = json.load(answer)["echoes"]
+            times.append(time.perf_counter() - start)
+        used = (server.processor_time() - before) / SELECTIONS
+        yield f"selection of {name}: echoes", echoes, ""
+        yield f"selection of {name} until counted, s", median(times), "1"
+        yield f"selection of {name}, processor time of the server, s", used, ""
+    before, start = server.processor_time(), time.perf_counter()
+    with urlopen(f"{address}layers/0/selection.parquet") as answer:
+        while answer.read(1 << 20):
+            pass
+    yield "all echoes saved as Parquet, s", time.perf_counter() - start, ""
+    used = server.processor_time() - before
+    yield "all echoes saved as Parquet, processor time of the server, s", used, ""
+    yield "memory of the server with selections at most, MB", server.peak_memory(), "500"
+
+
 def measured(folder: Path, pages: int) -> Rows:
     """Rows of the table: name with unit, value, and the limit that it should keep."""
     yield "load of the machine at the beginning", os.getloadavg()[0], ""
@@ -290,6 +317,7 @@ def measured(folder: Path, pages: int) -> Rows:
             executable_path=shutil.which("chromium"), args=[*_CHROMIUM]
         ) as browser:
             yield from measured_page(Chromium(browser), server, address, pages)
+        yield from measured_selections(server, address)
     yield "load of the machine at the end", os.getloadavg()[0], ""
 
 
