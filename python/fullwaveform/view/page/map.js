@@ -8,7 +8,8 @@ const MARGIN = { left: 76, right: 8, top: 6, bottom: 36 };
 const SIDE_SHARE = 0.36; // of the height
 const NODE_EDGE = 100; // pixels of the screen above which a node is divided
 const MOVING_POINTS = 100_000; // drawn while the map moves; all are drawn when it rests
-const REST_MS = 200; // without a move until all are drawn, longer than a slow frame takes
+const REST_MS = 200; // without a move until all are drawn, more where frames take longer
+const LONGEST_STEP_MS = 600; // between two moves that belong together
 const KEPT_POINTS = 1_500_000; // in memory, also of places out of view
 const REACH = 10; // pixels from a click to an echo
 const BACKGROUND = [0.078, 0.094, 0.114];
@@ -175,12 +176,20 @@ export class EchoMap {
   // ---- what is drawn ----
 
   // To be called after each change of the view: draws at once, and loads what is missing.
-  moved(delay = REST_MS) {
+  moved(delay = this.restTime()) {
     if (!this.layer) return;
     this.wanted = this.nodesInView();
     this.draw(MOVING_POINTS);
     clearTimeout(this.timer);
     this.timer = setTimeout(() => this.load().catch(this.onError), delay);
+  }
+
+  // Twice the time of a step where that is longer: all of the echoes between two steps would delay
+  // the next one.
+  restTime() {
+    const step = performance.now() - (this.lastMove ?? -Infinity);
+    this.lastMove = performance.now();
+    return step < LONGEST_STEP_MS ? Math.max(REST_MS, 2 * step) : REST_MS;
   }
 
   // Nodes in the view from the root on, as many levels as may be drawn.
