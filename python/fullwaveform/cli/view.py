@@ -43,6 +43,8 @@ _MISSING = (
     "fullwaveform view needs the package {}; install the extra: pip install 'fullwaveform[view]'"
 )
 
+_PAGE_BLOCK = 5_000  # waveforms; a page needs little memory with many threads, too
+
 
 def view(
     source: SourceFile,
@@ -175,7 +177,7 @@ def _write_page(
         write_page(
             source,
             target,
-            options,
+            replace(options, block=_PAGE_BLOCK),
             file,
             plot_options=[*scanner, *_plot_options(options)],
             workers=workers or available_workers(),
