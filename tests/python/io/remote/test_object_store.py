@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import re
 import signal
+import socket
+import threading
 from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
@@ -189,6 +191,73 @@ def test_signal_during_the_upload_leaves_nothing(
         atomic_path("s3://scans/out", ANY_FILE) as temporary,
     ):
         temporary.write_bytes(bytes(13 * MEBIBYTE))
+    assert keys(bucket) == []
+    assert unfinished_uploads(bucket) == []
+
+
+@pytest.fixture
+def faults(monkeypatch: pytest.MonkeyPatch) -> list[tuple[str, str]]:
+    """What the next requests for objects meet: the method, and "503" or "cut"."""
+    from moto.moto_server.threaded_moto_server import MotoRequestHandler
+
+    pending: list[tuple[str, str]] = []
+    answer, lock = MotoRequestHandler.run_wsgi, threading.Lock()
+
+    def run_wsgi(self: Any) -> None:
+        with lock:  # parts of an upload are stored at the same time
+            is_object = self.path.startswith("/scans/")
+            meets = is_object and bool(pending) and pending[0][0] == self.command
+            fault = pending.pop(0)[1] if meets else ""
+        if not fault:
+            answer(self)
+        elif fault == "503":
+            self.rfile.read(int(self.headers.get("Content-Length", 0)))
+            self.send_response(503)
+            self.send_header("Content-Length", "0")
+            self.end_headers()
+        else:
+            self.close_connection = True
+            self.connection.shutdown(socket.SHUT_RDWR)
+
+    monkeypatch.setattr(MotoRequestHandler, "run_wsgi", run_wsgi)
+    return pending
+
+
+@pytest.mark.parametrize("fault", ["503", "cut"])
+@pytest.mark.parametrize("size", [1000, 13 * MEBIBYTE])
+def test_requests_that_fail_are_repeated(
+    bucket: Any,
+    faults: list[tuple[str, str]],
+    monkeypatch: pytest.MonkeyPatch,
+    size: int,
+    fault: str,
+) -> None:
+    monkeypatch.setenv("AWS_MAX_ATTEMPTS", "4")
+    monkeypatch.setattr(remote_store, "_PIECE", 6 * MEBIBYTE)
+    content = np.random.default_rng(1).bytes(size)
+    with atomic_path("s3://scans/new", ANY_FILE) as temporary:
+        temporary.write_bytes(content)
+        faults += [("PUT", fault), ("PUT", fault)]
+    assert faults == []
+    assert bucket.get_object(Bucket="scans", Key="new")["Body"].read() == content
+    faults += [("GET", fault), ("GET", fault)]
+    assert location("s3://scans/new").read_bytes() == content
+    assert faults == []
+
+
+@pytest.mark.parametrize("size", [1000, 13 * MEBIBYTE])
+def test_upload_that_keeps_failing_leaves_nothing(
+    bucket: Any, faults: list[tuple[str, str]], monkeypatch: pytest.MonkeyPatch, size: int
+) -> None:
+    monkeypatch.setattr(remote_store, "_PIECE", 6 * MEBIBYTE)
+    monkeypatch.setattr("s3fs.core.S3FileSystem.retries", 2)
+    with (
+        pytest.raises(OSError, match=r"cannot write s3://scans/new: "),
+        atomic_path("s3://scans/new", ANY_FILE) as temporary,
+    ):
+        temporary.write_bytes(bytes(size))
+        faults += [("PUT", "503")] * 1000
+    faults.clear()
     assert keys(bucket) == []
     assert unfinished_uploads(bucket) == []
 
