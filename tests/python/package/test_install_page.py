@@ -59,6 +59,12 @@ def test_extras_are_listed(document: dict[str, Any]) -> None:
     )
 
 
+def test_the_reader_of_the_conda_recipe_is_the_locked_one() -> None:
+    lock = (ROOT / "requirements.lock").read_text(encoding="utf-8")
+    (version,) = re.findall(r"^py-rattler-build==(\S+)$", lock, re.MULTILINE)
+    assert f"read by rattler-build {version}, not built" in PAGE
+
+
 def test_debian_packages_are_those_of_the_development_script() -> None:
     lines = (ROOT / "packages.debian").read_text(encoding="utf-8").splitlines()
     (install,) = re.findall(r"sudo apt-get install (.*)", PAGE)
