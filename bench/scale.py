@@ -51,7 +51,8 @@ SHOTS = 5000  # of the simulated scan, with two waveforms each: 10^SMALLEST
 PACKETS_START = 60  # bytes of the header of a file of packets
 STEP_S = 1e-4  # between shots of the simulated scan
 RUNS = {4: 5, 5: 3, 6: 2}  # exponent: runs; one for larger scans
-HOURS_PER_BILLION = 1e9 / 1e6 / 3600.0  # of a waveform that takes 1 us
+SURVEY = 42_000 * 1e6 * 10  # waveforms of a country: km2, m2 per km2, waveforms per m2
+WEEK_HOURS = 7 * 24
 LARGEST_KB = r"VmHWM:\s*(\d+)"  # of a process; the maximum of getrusage includes its parent's
 #: The command line, which prints its largest resident set (kB) at the end.
 COMMAND = f"""
@@ -126,6 +127,11 @@ class Growth:
         """Per additional waveform, from each scan to the next."""
         more = np.diff(10.0 ** np.array(self.exponents))
         return list(1e6 * np.diff(self.seconds) / more)
+
+    @property
+    def cost(self) -> float:
+        """Core hours of 10^9 waveforms."""
+        return self.microseconds[-1] * 1e9 / 1e6 / 3600.0
 
 
 def measure(method: str, folder: Path, most: int, longest: float) -> Growth:
@@ -220,35 +226,50 @@ def plot(growths: list[Growth], flat: list[tuple[float, float]], path: Path) -> 
     figure.savefig(path / "scale.png", dpi=110)
 
 
-def row(name: str, cells: list[str], width: int) -> str:
-    """A row of a Markdown table, with empty cells at the end."""
-    return f"| {' | '.join([name, *cells, *[''] * (width - len(cells))])} |"
+def print_table(title: str, head: list[str], rows: list[list[str]]) -> None:
+    """Print a Markdown table; cells that a row lacks at the end are empty."""
+    print(f"\n{title}\n\n| {' | '.join(head)} |\n|---|{'---:|' * (len(head) - 1)}")
+    for row in rows:
+        print(f"| {' | '.join([*row, *[''] * (len(head) - len(row))])} |")
 
 
 def show(growths: list[Growth], flat: list[tuple[float, float]], size: float) -> None:
-    """Print the tables."""
+    """Print the tables of docs/scale.md; `size` is that of the input, bytes per waveform."""
     exponents = range(SMALLEST, max(growth.exponents[-1] for growth in growths) + 1)
-    titles = " | ".join(f"10^{exponent}" for exponent in exponents)
-    columns = "|---|" + "---:|" * len(exponents)
-    print(f"\nProcessor time, s\n\n| method | {titles} |\n{columns}")
-    for growth in growths:
-        print(row(growth.method, [f"{one:.2f}" for one in growth.seconds], len(exponents)))
-    print(f"\nus per additional waveform\n\n| method | {titles} |\n{columns}")
-    for growth in growths:
-        each = ["", *(f"{one:.2f}" for one in growth.microseconds)]
-        print(row(growth.method, each, len(exponents)))
-    print(f"\nMemory, MB\n\n| method | {titles} |\n{columns}")
-    for growth in growths:
-        print(row(growth.method, [f"{one / 1e6:.0f}" for one in growth.memory], len(exponents)))
-    print("\n| waveforms, one block repeated | largest memory, MB |\n|---:|---:|")
-    for done, largest in flat:
-        print(f"| {done:,.0f} | {largest / 1e6:.1f} |")
-    print(
-        "\n| method | core hours per 10^9 waveforms | bytes in | bytes out |\n|---|---:|---:|---:|"
+    head = ["method", *(f"10^{exponent}" for exponent in exponents)]
+    seconds = [[one.method, *(f"{value:.2f}" for value in one.seconds)] for one in growths]
+    each = [[one.method, "", *(f"{value:.2f}" for value in one.microseconds)] for one in growths]
+    memory = [[one.method, *(f"{value / 1e6:.0f}" for value in one.memory)] for one in growths]
+    print_table("Processor time, s", head, seconds)
+    print_table("Processor time, us per additional waveform", head, each)
+    print_table("Largest resident memory, MB", head, memory)
+    print_table(
+        "One block, repeated",
+        ["waveforms", "largest resident memory, MB"],
+        [[f"{done:,.0f}", f"{largest / 1e6:.1f}"] for done, largest in flat],
     )
-    for growth in growths:
-        hours = growth.microseconds[-1] * HOURS_PER_BILLION
-        print(f"| {growth.method} | {hours:.1f} | {size:.0f} | {growth.output:.0f} |")
+    print_table(
+        "A billion waveforms",
+        ["method", "core hours", "read, GB", "written, GB"],
+        [
+            [one.method, f"{one.cost:.2f}", f"{size:.0f}", f"{one.output:.0f}"]  # 10^9 bytes each
+            for one in growths
+        ],
+    )
+    print_table(
+        f"{SURVEY:.2g} waveforms in a week",
+        ["method", "core hours", "cores", "read, MB/s", "written, MB/s"],
+        [
+            [
+                one.method,
+                f"{one.cost * SURVEY / 1e9:.0f}",
+                f"{one.cost * SURVEY / 1e9 / WEEK_HOURS:.1f}",
+                f"{size * SURVEY / 1e6 / WEEK_HOURS / 3600.0:.0f}",
+                f"{one.output * SURVEY / 1e6 / WEEK_HOURS / 3600.0:.0f}",
+            ]
+            for one in growths
+        ],
+    )
 
 
 def main() -> None:
