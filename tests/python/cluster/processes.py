@@ -9,7 +9,9 @@ from collections.abc import Iterator
 from contextlib import ExitStack, contextmanager
 from pathlib import Path
 
-from ..support.child_processes import environment, started, wait_until
+from distributed import Client
+
+from ..support.child_processes import TIMEOUT_S, environment, started, wait_until
 
 HOLD = Path(__file__).with_name("held_workers.py")
 
@@ -66,11 +68,15 @@ def scheduler(folder: Path, **variables: str) -> Iterator[tuple[str, subprocess.
 
 @contextmanager
 def workers(address: str, number: int, **variables: str) -> Iterator[list[subprocess.Popen[bytes]]]:
-    """Worker processes of one thread each, without a nanny to restart them."""
+    """Worker processes of one thread each, connected, without a nanny to restart them."""
     call = ("worker", address, "--nthreads", "1", "--no-nanny", "--no-dashboard")
     call += ("--host", "127.0.0.1", "--death-timeout", "60")
     with ExitStack() as stack:
-        yield [stack.enter_context(dask(*call, **variables)) for _ in range(number)]
+        processes = [stack.enter_context(dask(*call, **variables)) for _ in range(number)]
+        # On a busy machine they start more slowly than a command waits for them.
+        with Client(address, timeout=TIMEOUT_S, set_as_default=False) as client:
+            client.wait_for_workers(number, timeout=TIMEOUT_S)
+        yield processes
 
 
 def _address(file: Path) -> str:
