@@ -182,3 +182,16 @@ def test_box_of_many_echoes_is_exact(waveforms: WaveformDirectory, tmp_path: Pat
         assert rows(index, selection) == np.flatnonzero(inside).tolist()
         assert described(index, waveforms, selection)["echoes"] == int(inside.sum())
     index.close()
+
+
+def test_parts_do_not_change_the_numbers(
+    index: EchoIndex, waveforms: WaveformDirectory, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """Two echoes and one waveform at a time."""
+    monkeypatch.setattr("fullwaveform.view.selection._CHUNK", 2)
+    monkeypatch.setattr("fullwaveform.view.statistics._CHUNK", 1)
+    found = described_selection(index, waveforms, Selection(), 2)
+    assert (found["echoes"], found["shots"]) == (7, 4)
+    assert found["values"]["echo_number"] == [0, 4, 2, 1]
+    assert found["shot_echoes"] == [0, 2, 1, 1]
+    assert [(fit["waveform"], fit["chi_square"]) for fit in found["worst"]] == [(4, 9.0), (2, 2.5)]
