@@ -364,7 +364,7 @@ def test_command_writes_and_replaces_pages_only(scan: Path, tmp_path: Path) -> N
     assert_usage(run(*call, "--overwrite"), "is not a page of fullwaveform view")
     assert target.read_text(encoding="ascii") == "<p>my own page"
     with pytest.raises(FileExistsError):  # also of a file that appeared during the run
-        written_page(scan, target)
+        written_page(scan, scan.with_name("page.html"))
 
 
 def test_invalid_calls_are_explained(scan: Path, tmp_path: Path) -> None:
