@@ -31,7 +31,7 @@ bool FittingGaussVia3Points<T, SimplePeakType>::apply(T const* samples,
   findRawPeaks(values, first, last, wave->noise, wave->peaks, simplePeak);
   wave->testIfAfterPulse();
   removeBadPeaks(wave->peaks);
-  static ZeroCrossing::SampleAccessor const accessor = atLeastOne;
+  ZeroCrossing::SampleAccessor const accessor = atLeastOne;
   for (Peak& peak : wave->peaks) {
     fitThreePointGauss(values, accessor, peak);
   }
