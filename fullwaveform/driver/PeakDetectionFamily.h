@@ -104,8 +104,8 @@ class PeakDetectionFamily {
   /// Extracts the echoes of a block as `apply` does, and passes its shots on in parts.
   ///
   /// Shots ascend over all parts, which together have what `apply` returns. A part is released before the
-  /// next one, so that its memory stays in the cache: a large block takes less than two thirds of the time. A
-  /// block whose shot times do not ascend has one part. What `receive` throws ends the call.
+  /// next one, so that its memory stays in the cache and a large block takes less time. A block
+  /// whose shot times do not ascend has one part. What `receive` throws ends the call.
   FULLWAVEFORM_EXPORT void applyInParts(Waveforms const& waveforms,
                                         Kestra::MultiArray<1, unsigned short> const& counts,
                                         Kestra::MultiArray<1, double> const& shotTimes,

@@ -72,6 +72,5 @@ nb::bytes csvLines(nb::list const& arrays, std::size_t first, std::size_t count)
 void bindCsv(nb::module_& module) {
   module.def("csv_lines", &csvLines, nb::arg("columns"), nb::arg("first"), nb::arg("count"),
              "Some lines of comma-separated values. Columns are arrays of numbers, or of texts as rows of "
-             "bytes that "
-             "end in zeros.");
+             "bytes that end in zeros.");
 }

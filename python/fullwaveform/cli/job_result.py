@@ -30,7 +30,7 @@ def check_complete(manifest: Manifest, how_to_retry: str, *, skip_bad_files: boo
         return
     failures = manifest.failures()
     more = len(failures) - _MAX_ERRORS
-    shown = failures if more <= 0 else [*failures[:_MAX_ERRORS], f"{more:,} more errors"]
+    shown = failures if more <= 0 else [*failures[:_MAX_ERRORS], counted(more, "more error")]
     all_failed = all(part.state == Part.FAILED for part in unfinished)
     if skip_bad_files and all_failed and len(unfinished) < total:
         for text in failures:

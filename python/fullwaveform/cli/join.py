@@ -74,13 +74,16 @@ def join(
             check_not_empty(manifest)
         if not quiet:
             destination = folder if output is None else output
-            show_summary(manifest, destination, _not_verified(unverified, job), padded)
+            notes = _not_verified(
+                unverified, downloadable=is_remote(job.path) and not verify_remote
+            )
+            show_summary(manifest, destination, notes, padded)
 
 
-def _not_verified(parts: int, job: JobFolder) -> list[str]:
+def _not_verified(parts: int, *, downloadable: bool) -> list[str]:
     if parts == 0:
         return []
-    how = "--verify-remote compares their checksums" if is_remote(job.path) else "no checksums"
+    how = "--verify-remote compares their checksums" if downloadable else "no checksums"
     return [f"{counted(parts, 'part')} checked by size only: {how}"]
 
 

@@ -32,6 +32,9 @@ _URL = re.compile(r"(?P<scheme>[A-Za-z][A-Za-z0-9+.-]+)://(?P<rest>.*)", re.DOTA
 _USER = re.compile(r"(?P<user>[^/?#]*)@(?P<path>.*)", re.DOTALL)
 # A password with one of "/?#" ends before the last "@" that a slash follows.
 _USER_WITH_SLASH = re.compile(r"(?P<user>.*)@(?P<path>[^@]*/.*)", re.DOTALL)
+_USER_WITHOUT_PATH = re.compile(r"(?P<user>.*)@(?P<path>[^@/]*)", re.DOTALL)
+# What cannot be a user and the beginning of a password.
+_SURELY_HOST = re.compile(r"(localhost|\[[^]/]*]|[^:/?#@]*\.[^:/?#@]*)(:[0-9]{1,5})?(?=[/?#]|$)")
 _HOST = re.compile(r"(\[[^]/]*]|[^:/?#]*)(:[0-9]+)?(?=[/?#]|$)|arn:")
 #: Only in these a question mark begins a query; in the names of objects it is a character.
 WEB_SCHEMES = ("http", "https")
@@ -70,7 +73,7 @@ def _user_and_path(rest: str) -> tuple[str, str]:
     """User and password of a URL, and what follows them; `rest` is the URL without its scheme."""
     found = _USER.fullmatch(rest)
     if found is None and _HOST.match(rest) is None:
-        found = _USER_WITH_SLASH.fullmatch(rest)
+        found = _USER_WITH_SLASH.fullmatch(rest) or _USER_WITHOUT_PATH.fullmatch(rest)
     if found is None:
         return "", rest
     return re.sub("[/?#]", lambda mark: f"%{ord(mark[0]):02X}", found["user"]), found["path"]
@@ -131,13 +134,15 @@ class RemotePath(_PathMethods):
         """What at the start of the path may be the end of a password with a slash."""
         if not self._user and ":" not in self._path.partition("/")[0]:
             return ""
+        if _SURELY_HOST.match(self._path) is not None:
+            return ""
         found = _USER_WITH_SLASH.match(self._path)
         return "" if found is None else f"{found['user']}@"
 
     @property
     def has_credentials(self) -> bool:
         """Whether the URL has parts that its text leaves out."""
-        return bool(self._user or self._query)
+        return bool(self._user or self._query or self._perhaps_secret)
 
     def without_credentials(self, text: str) -> str:
         """The text of a library, with what may be credentials left out."""

@@ -115,7 +115,8 @@ TEST(Segmentation, FindsTwoSegmentsAtEveryPlaceOfALongWaveform) {
       samples[last + 3] = 65535;
       Testing::withGuardedCopies(samples, [&](unsigned short const* start) {
         Segmentation const found = segmentSignal(std::span(start, samples.size()), noise);
-        EXPECT_EQ(found.startEnd, (StartEnd{{first - 1, last + 1}, {last + 2, last + 4}})) << first << last;
+        EXPECT_EQ(found.startEnd, (StartEnd{{first - 1, last + 1}, {last + 2, last + 4}}))
+            << first << " to " << last;
         EXPECT_EQ(found.idxOfMax, last);
         EXPECT_EQ(found.max, 65535);
       });

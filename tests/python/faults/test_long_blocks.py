@@ -26,7 +26,7 @@ from fullwaveform.io.opening import open_waveforms
 from ..support.child_processes import environment, started, wait_until
 from ..support.command_line import names
 
-# The end takes one second of processor time, the block would take about 300.
+# The end takes one second of processor time, the block would take about 600.
 MAX_SECONDS = 30.0
 MAX_WAIT_S = 120.0  # on a busy machine
 SETTINGS = ExtractionSettings(scanner=Scanner.default(), mode=Mode.DECOMPOSITION, threshold=0)
@@ -41,7 +41,7 @@ def noise(waveforms: int, samples: int = 400) -> UInt16Array:
 def slow_scan(tmp_path_factory: pytest.TempPathFactory) -> Path:
     """One block that takes minutes."""
     path = tmp_path_factory.mktemp("scan") / "noise.npz"
-    count = 10_000
+    count = 20_000  # those of a block
     np.savez(
         path,
         samples=noise(count),

@@ -157,7 +157,7 @@ def test_pulse_fit_splits_broad_modes(
     pairs: int,
     others: int,
 ) -> None:
-    """Its pulse is the outgoing one; a wider bound leaves fewer echoes beside the modes."""
+    """The figures of the page on archives; its pulse is the outgoing one."""
     found = extract(waveforms, mode="pulse-fit", max_width=max_width).peaks
     paired = pairs_with_modes(found, official)
     assert paired >= pairs

@@ -240,6 +240,8 @@ def test_credentials_are_in_no_message(server: WebServer) -> None:
         ("me:pa@ss/word@host/scan.las", "host/scan.las", "me:pa@ss/word@host/scan.las"),
         ("host:8080/scan@1.las", "host:8080/scan@1.las", "host:8080/scan@1.las"),
         ("[::1]:8080/a/b.las", "[::1]:8080/a/b.las", "[::1]:8080/a/b.las"),
+        ("localhost:9000/a@1/b.las", "localhost:9000/a@1/b.las", "localhost:9000/a@1/b.las"),
+        ("u:p@a.org/d@2/b.las", "a.org/d@2/b.las", "u:p@a.org/d@2/b.las"),
         ("host/me@work/scan.las", "host/me@work/scan.las", "host/me@work/scan.las"),
     ],
 )
@@ -253,8 +255,18 @@ def test_passwords_with_marks_are_not_shown(url: str, shown: str, used: str) -> 
     assert "word" not in str(beside)
 
 
+def test_text_without_what_may_be_a_password_is_not_stored() -> None:
+    """The manifest of a job keeps the text of a URL, which would lead to another host."""
+    assert location("https://me:12/34@host/scan.las").has_credentials  # type: ignore[attr-defined]
+    path = location("https://localhost:9000/a@1/scan.las")
+    assert not path.has_credentials  # type: ignore[attr-defined]
+
+
 def test_slash_in_a_secret_key_is_not_shown() -> None:
     assert str(location("s3://KEY:wJal/K7MD@bucket/scan.las")) == "s3://bucket/scan.las"
+    bucket = location("s3://KEY:wJal/K7MD@bucket")
+    assert str(bucket) == "s3://bucket"
+    assert bucket.url == "s3://KEY:wJal%2FK7MD@bucket"  # type: ignore[attr-defined]
     point = "s3://arn:aws:s3:eu-west-1:123456789012:accesspoint/survey/scan.las"
     assert str(location(point)) == point
     beside = point.replace("survey/", "survey/a@1/")
