@@ -154,8 +154,8 @@ def local_path(text: str) -> Path:
     path = location(text)
     if is_remote(path):
         raise typer.BadParameter(
-            f"{path} is a URL; give a file or folder of this machine (docs/remote.md lists what may "
-            "be at a URL)"
+            f"{path} is a URL; give a file or folder of this machine (docs/remote.md lists what "
+            "may be at a URL)"
         )
     return path
 
