@@ -11,6 +11,7 @@ from fullwaveform.data.arrays import AnyArray
 
 _CLASSES = 48
 _SAMPLE = 500_000  # values, of which percentiles of more are taken
+_SEED = 1  # equal values have equal percentiles
 _CHUNK = 1 << 18  # values that are counted at a time
 
 
@@ -58,8 +59,10 @@ def class_counts(column: AnyArray, edges: Sequence[float]) -> AnyArray:
 
 def percentiles(known: AnyArray, percentages: tuple[float, ...]) -> list[float]:
     """Percentiles of finite values (n,), of a sample if they are many."""
-    sample = known[:: max(1, len(known) // _SAMPLE)]
-    return [float(value) for value in np.percentile(sample, percentages)]
+    if len(known) > _SAMPLE:
+        # At random: steps of equal length would meet only some echoes of each shot.
+        known = known[np.random.default_rng(_SEED).integers(0, len(known), _SAMPLE)]
+    return [float(value) for value in np.percentile(known, percentages)]
 
 
 def _ends(known: AnyArray) -> tuple[float, float]:

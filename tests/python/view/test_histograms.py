@@ -47,6 +47,14 @@ def test_counts_of_many_values_are_those_of_numpy() -> None:
     assert class_counts(values, edges.tolist()).tolist() == expected.tolist()
 
 
+def test_ends_do_not_depend_on_the_order_of_the_values() -> None:
+    """As of shots with two echoes each, a strong and a weak one."""
+    described = described_histogram(np.tile(np.array([100.0, 40.0], np.float32), 500_000))
+    assert described is not None
+    assert (described["edges"][0], described["edges"][-1]) == (40.0, 100.0)
+    assert (described["counts"][0], described["counts"][-1]) == (500_000, 500_000)
+
+
 def test_no_known_values_have_no_histogram() -> None:
     assert described_histogram(np.full(3, np.nan, np.float32)) is None
     assert described_histogram(np.zeros(0, np.float32)) is None
