@@ -49,8 +49,10 @@ class ValueCounts:
         self._steps = np.zeros(2 * _MIDDLE, np.int64)
 
     def add(self, values: AnyArray) -> None:
-        """Count the finite ones of the values."""
-        known = values[np.isfinite(values)].astype(np.float32)
+        """Count the values that are finite numbers of 32 bits."""
+        with np.errstate(over="ignore"):
+            rounded = values.astype(np.float32)
+        known = rounded[np.isfinite(rounded)]
         present, counts = np.unique(_step_of(known), return_counts=True)
         self._steps[present] += counts
 

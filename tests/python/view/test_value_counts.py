@@ -37,8 +37,9 @@ def test_order_and_blocks_do_not_matter() -> None:
 
 
 def test_unknown_values_are_not_counted() -> None:
-    found = counted(np.array([1.0, np.nan, 2.0, np.inf, -np.inf]))
+    found = counted(np.array([1.0, np.nan, 2.0, np.inf, -np.inf, 1e39, -1e300]))
     assert found.total == 2
+    assert found.edges[[0, -1]] == pytest.approx([1.0, 2.0], rel=1e-3)
     empty = counted(np.array([np.nan]), np.empty(0))
     assert (empty.total, len(empty.edges), empty.quantiles) == (0, 0, ())
 
