@@ -17,7 +17,7 @@ from fullwaveform.data.echo_records import EchoFile
 from fullwaveform.io.echo_readers.opening import open_echoes
 from fullwaveform.view.cache import cached_name, cached_sections, identity
 from fullwaveform.view.directory import WaveformDirectory
-from fullwaveform.view.echo_values import ECHO_VALUES, described_values, value_rows
+from fullwaveform.view.echo_values import ECHO_VALUES, described_values, have_places, value_rows
 from fullwaveform.view.histograms import described_histogram, percentiles
 from fullwaveform.view.quadtree import Quadtree, Square, quadtree
 from fullwaveform.view.sections import SectionFile, SectionWriter
@@ -193,7 +193,7 @@ class _Builder:
         for first, chosen, columns in value_rows(self._file):
             rows = first + np.flatnonzero(chosen)
             xyz = np.column_stack([columns[name] for name in _PLACES]).astype(np.float64)
-            known: BoolArray = np.asarray(np.isfinite(xyz).all(axis=1))
+            known = have_places(*xyz.T)
             self._without_place += int(np.count_nonzero(~known))
             numbers = self._numbers(columns)
             if not known.all():
@@ -223,8 +223,10 @@ class _Builder:
         self._streams[name].write(np.ascontiguousarray(part).data)
 
     def _count_echoes_of_shots(self, opened: ExitStack, writer: SectionWriter) -> None:
-        numbers = self._column("waveform", "<u4")
+        placed = self._column("waveform", "<u4")
+        numbers = np.concatenate([placed, self._column("waveform_without_place", "<u4")])
         of_shots, of_echoes = echoes_of_shots(numbers, self._waveforms.shot_numbers())
+        of_echoes = of_echoes[: len(placed)]
         if of_echoes.any():
             self._append(opened, "shot_echoes", of_echoes)
         self._shots = described_histogram(of_shots, is_category=True)

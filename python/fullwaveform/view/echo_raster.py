@@ -5,6 +5,7 @@ from __future__ import annotations
 import numpy as np
 
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
+from fullwaveform.view.echo_values import have_places
 
 _MAX_CELLS = 1 << 20
 _REACH = 1 << 31  # cells of the first size from the first echo, beyond which echoes are left out
@@ -29,11 +30,11 @@ class EchoRaster:
         self._waiting: list[tuple[IntArray, FloatArray]] = []
         self._waiting_count = 0
         self.placed = 0  # echoes
-        self.without_place = 0  # echoes whose coordinates are unknown, or far from all others
+        self.without_place = 0  # echoes whose coordinates are unknown or too far from the first one
 
     def add(self, x: AnyArray, y: AnyArray, z: AnyArray) -> None:
         """Enter echoes (m,), coordinate units; NaN where unknown."""
-        known = np.isfinite(x) & np.isfinite(y) & np.isfinite(z)
+        known = have_places(x, y, z)
         if self._origin is None and known.any():
             first = int(np.argmax(known))
             self._origin = np.floor([float(x[first]), float(y[first])])

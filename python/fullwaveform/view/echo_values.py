@@ -55,6 +55,7 @@ ECHO_VALUES = (
     EchoValue("chi_square", "reduced chi²", "", "<f4", (("reduced_chi_square", 1.0),)),
     EchoValue("sigma", "uncertainty of range", "m", "<f4", (("sigma_range", 1.0),)),
 )
+_FARTHEST = 1e9  # coordinate units; larger coordinates are no places on Earth
 _SHOT = ("gps_time", "waveform_number", "echo_count", "number_of_returns", "wavepacket_index")
 _WANTED = frozenset(
     {"x", "y", "z", *_SHOT}.union(*({name for name, _ in value.sources} for value in ECHO_VALUES))
@@ -82,6 +83,12 @@ def value_rows(file: EchoFile) -> Iterator[tuple[int, BoolArray, dict[str, AnyAr
                     break
         yield first, chosen, columns
         first += count
+
+
+def have_places(x: AnyArray, y: AnyArray, z: AnyArray) -> BoolArray:
+    """Which echoes (m,) have coordinates that are known and can be those of a place on Earth."""
+    known: BoolArray = (np.abs(x) < _FARTHEST) & (np.abs(y) < _FARTHEST) & (np.abs(z) < _FARTHEST)
+    return known
 
 
 def _are_echoes(rows: Rows, has_returns: bool) -> BoolArray:

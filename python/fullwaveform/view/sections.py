@@ -17,7 +17,7 @@ from fullwaveform.data.arrays import AnyArray
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.atomic import ANY_FILE, atomic_path
 
-_MAGIC = b"FWSECT1\n"
+_MAGIC = b"FWSECT2\n"
 _START = struct.Struct("<8sQ")  # magic, and the byte at which the description starts
 
 

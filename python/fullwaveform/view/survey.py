@@ -27,7 +27,7 @@ from fullwaveform.view.examples import ChosenExamples, ExampleSelection, numbers
 from fullwaveform.view.value_counts import Histogram, ValueCounts, whole_number_histogram
 
 _FIRST_CELL = 2.0**-7  # m
-_FIRST_CELL_DEGREES = 2.0**-24
+_FIRST_CELL_DEGREES = 2.0**-22  # about 3 cm; those within reach cover all longitudes
 _MAX_COUNTED = 1 << 16  # echoes of a shot; more are counted as this many
 
 

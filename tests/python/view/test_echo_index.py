@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -168,4 +169,32 @@ def test_echoes_without_a_place_are_counted(waveforms: WaveformDirectory, tmp_pa
     assert len(echoes) == 1
     assert echoes.described["without_place"] == 1
     assert echoes.place(0).waveform is None
+    echoes.close()
+
+
+def test_echoes_without_a_place_count_in_their_shots(
+    waveforms: WaveformDirectory, tmp_path: Path
+) -> None:
+    path = tmp_path / "echoes.csv"
+    lines = ["x,y,z,waveform_number", "1,2,3,1", "nan,2,3,1", "nan,2,3,1", "nan,2,3,4", "4,5,6,2"]
+    path.write_text("\n".join(lines), encoding="ascii")
+    echoes = EchoIndex.of(path, waveforms)
+    assert echoes.read("shot_counts").tolist() == [0, 3, 1, 0, 1]
+    assert echoes.described["shots"]["counts"] == [2, 2, 0, 1]
+    order = in_file_order(echoes)
+    assert [int(echoes.read("shot_echoes")[at]) for at in order] == [3, 1]
+    echoes.close()
+
+
+@pytest.mark.parametrize("far", ["1e300,2,3", "1,-1e39,3", "1,2,2e9"])
+def test_coordinates_beyond_the_earth_are_no_place(
+    far: str, waveforms: WaveformDirectory, tmp_path: Path
+) -> None:
+    path = tmp_path / "echoes.csv"
+    path.write_text(f"x,y,z,echo_number\n{far},1\n10,20,30,1\n11,22,30,1\n", encoding="ascii")
+    echoes = EchoIndex.of(path, waveforms)
+    assert (len(echoes), echoes.described["without_place"]) == (2, 1)
+    assert echoes.described["origin"] == [10.0, 20.0, 30.0]
+    assert echoes.described["size"] == pytest.approx(2.0, abs=1e-5)
+    json.dumps(echoes.described, allow_nan=False)
     echoes.close()

@@ -7,6 +7,7 @@ import pytest
 
 from fullwaveform.view import echo_raster
 from fullwaveform.view.echo_raster import EchoRaster
+from fullwaveform.view.survey import _FIRST_CELL_DEGREES
 
 
 def test_cells_have_their_highest_echo() -> None:
@@ -20,13 +21,27 @@ def test_cells_have_their_highest_echo() -> None:
 
 def test_unusable_places_are_counted() -> None:
     raster = EchoRaster(1.0)
-    x = np.array([np.nan, 0.0, np.inf, 1e30, 1.0])
-    raster.add(x, np.zeros(5), np.array([0.0, 1.0, 1.0, 1.0, np.nan]))
-    assert (raster.placed, raster.without_place) == (1, 4)
+    x = np.array([1e30, np.nan, 0.0, np.inf, 1e30, 1.0])
+    raster.add(x, np.zeros(6), np.array([0.0, 0.0, 1.0, 1.0, 1.0, np.nan]))
+    assert (raster.placed, raster.without_place) == (1, 5)
     assert len(raster.cells()[0]) == 1
     empty = EchoRaster(1.0)
     empty.add(np.full(3, np.nan), np.zeros(3), np.zeros(3))
     assert (empty.placed, empty.without_place, len(empty.cells()[0])) == (0, 3, 0)
+
+
+def test_echoes_after_one_beyond_the_earth_are_placed() -> None:
+    """Of the first one no other would be within reach."""
+    raster = EchoRaster(2.0**-7)
+    raster.add(np.array([1e14, 5.0, 6.0]), np.array([5.0, 5.0, -2e9]), np.zeros(3))
+    assert (raster.placed, raster.without_place) == (1, 2)
+    assert [axis.tolist() for axis in raster.cells()] == [[5.00390625], [5.00390625], [0.0]]
+
+
+def test_longitudes_around_the_earth_are_placed() -> None:
+    raster = EchoRaster(_FIRST_CELL_DEGREES)
+    raster.add(np.array([-179.9, 179.9]), np.array([-10.0, 10.0]), np.zeros(2))
+    assert (raster.placed, raster.without_place) == (2, 0)
 
 
 def test_cells_grow_until_they_are_few(monkeypatch: pytest.MonkeyPatch) -> None:

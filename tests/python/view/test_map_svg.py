@@ -32,7 +32,7 @@ def drawn(
     x: list[float], y: list[float], z: list[float], system: CoordinateSystem = PLANE
 ) -> tuple[str, np.ndarray, str]:
     """The map, the pixels (rows, columns, 3) of its picture, and its note."""
-    raster = EchoRaster(2.0**-7 if system is PLANE else 2.0**-24)
+    raster = EchoRaster(2.0**-7 if system is PLANE else 2.0**-22)
     raster.add(np.array(x), np.array(y), np.array(z))
     svg, note = map_svg(raster, system)
     found = re.search('base64,([^"]*)', svg)
