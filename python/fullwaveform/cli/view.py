@@ -227,11 +227,12 @@ def _extracted(source: Path, options: ExtractOptions, ending: str = ".parquet") 
     name = cache.cached_name("extracted", source, identified)
     path: Path = name.with_name(f"{name.name}{ending}")
     if path.is_file():
+        cache.mark_used(path)
         return path
     with cache.written_to_cache(path), progress_bar(False) as progress:
         run = FileRun(options, available_workers(), True, progress, False, None)
         summary = run.extract([source], path)
-    cache.remove_former(path)
+    cache.remove_former(path, is_reopened=True)
     print_line(f"{source.name}: {summary.written:,} echoes extracted in {summary.seconds:.1f} s")
     return path
 

@@ -1,9 +1,11 @@
-"""Where the viewer keeps what it derives from files, and of which state of a file that is."""
+"""Where the viewer keeps what it derives from a file, and for which state of it that is valid."""
 
 from __future__ import annotations
 
 import hashlib
 import json
+import os
+import shutil
 import time
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
@@ -17,7 +19,7 @@ from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.remote import RemotePath
 from fullwaveform.view.sections import SectionFile, SectionWriter, new_section_file
 
-_ABANDONED_SECONDS = 24 * 3600  # age of unfinished files that no viewer writes any more
+_ABANDONED_SECONDS = 24 * 3600  # without use, after which no viewer needs a file any more
 
 
 def cache_folder() -> Path:
@@ -47,6 +49,18 @@ def identity(path: Path, **settings: Any) -> dict[str, Any]:
     }
 
 
+def check_unchanged(path: Path, known: dict[str, Any]) -> None:
+    """OSError if the file was removed or changed since its `identity` was the known one."""
+    try:
+        current = identity(path)
+    except FileNotFoundError as error:
+        raise FileNotFoundError(
+            error.errno, "the file was removed or renamed since the viewer was started", str(path)
+        ) from error
+    if known | current != known:
+        raise OSError(f"{path} was changed since the viewer was started; start it again")
+
+
 def cached_name(purpose: str, path: Path, identified: dict[str, Any]) -> Path:
     """Name of a file in the cache folder for this state of a file."""
     text = json.dumps(identified, sort_keys=True)
@@ -54,18 +68,40 @@ def cached_name(purpose: str, path: Path, identified: dict[str, Any]) -> Path:
     return cache_folder() / f"{purpose}-{_path_key(path)}-{key}"
 
 
-def remove_former(current: Path) -> None:
-    """Remove files of the same purpose that belong to other states of the same file.
+def remove_former(current: Path, *, is_reopened: bool = False) -> None:
+    """Remove files of the same purpose that belong to other states or settings of the same file.
 
-    Unfinished ones only if they are old: another viewer may be writing them.
+    Unfinished ones only if they are abandoned: another viewer may be writing them.
+
+    is_reopened : whether viewers open the file again later; if so, only abandoned ones are removed
     """
     former = current.stem.rpartition("-")[0]
     for other in current.parent.glob(f"{former}-*"):
-        if other.stem != current.stem:
+        if other.stem != current.stem and not (is_reopened and not _is_abandoned(other)):
             other.unlink(missing_ok=True)
     for part in current.parent.glob(f".{former}-*.part"):
-        if time.time() - part.stat().st_mtime > _ABANDONED_SECONDS:
+        if _is_abandoned(part):
             part.unlink(missing_ok=True)
+
+
+def mark_used(path: Path) -> None:
+    """Note that a viewer uses a file, without a change of its `identity`."""
+    os.utime(path, ns=(time.time_ns(), path.stat().st_mtime_ns))
+
+
+def remove_abandoned_folders(purpose: str) -> None:
+    """Remove the folders whose names begin with the purpose that ended viewers have left."""
+    for folder in cache_folder().glob(f"{purpose}-*"):
+        if _is_abandoned(folder):
+            shutil.rmtree(folder, ignore_errors=True)
+
+
+def _is_abandoned(path: Path) -> bool:
+    try:
+        state = path.stat()
+    except FileNotFoundError:  # removed by another viewer
+        return False
+    return time.time() - max(state.st_atime, state.st_mtime) > _ABANDONED_SECONDS
 
 
 @contextmanager

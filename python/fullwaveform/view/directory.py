@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 from dataclasses import replace
-from pathlib import Path
 from threading import RLock
 from typing import Any
 
@@ -14,7 +13,7 @@ from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.columns import take_rows
 from fullwaveform.io.base import WaveformReader
-from fullwaveform.view.cache import cached_name, cached_sections, identity
+from fullwaveform.view.cache import cached_name, cached_sections, check_unchanged, identity
 from fullwaveform.view.sections import SectionFile, SectionWriter
 
 #: Waveforms per block of readers for which a directory is made: what a look at one of them reads.
@@ -37,7 +36,6 @@ class WaveformDirectory:
         self._starts = sections.read("block_waveforms")
         self._points = sections.read("block_points")  # visited when the block was complete
         self._runs = np.unique(self._points)
-        self._state = _state_of(reader.path)
         self.lock = RLock()  # the reader serves one thread at a time
 
     @classmethod
@@ -75,7 +73,7 @@ class WaveformDirectory:
         if not 0 <= number < len(self):
             known = f"waveforms are numbered 0 to {len(self) - 1}" if len(self) else "it has none"
             raise ValueError(f"{self._reader.path}: no waveform {number}; {known}")
-        self._check_unchanged()
+        check_unchanged(self._reader.path, self.identity)
         numbers = self._waveforms_of_shot(number)
         with self.lock:
             block = self._read(numbers)
@@ -109,11 +107,6 @@ class WaveformDirectory:
         numbers = order[np.minimum(at, len(order) - 1)] if len(order) else np.zeros(0, np.int64)
         return np.where(known[numbers] == times, numbers, -1) if len(order) else at * 0 - 1
 
-    def _check_unchanged(self) -> None:
-        path = self._reader.path
-        if _state_of(path) != self._state:
-            raise OSError(f"{path} was changed since the viewer was started; start it again")
-
     def _waveforms_of_shot(self, number: int) -> IntArray:
         """Numbers of the waveforms of the shot of a waveform, consecutive."""
         first = max(number - _NEIGHBOURS, 0)
@@ -132,16 +125,6 @@ class WaveformDirectory:
             if len(rows) == len(numbers):
                 return replace(take_rows(block, rows), waveform_numbers=numbers)
         return None
-
-
-def _state_of(path: Path) -> tuple[int, int]:
-    try:
-        state = path.stat()
-    except FileNotFoundError as error:
-        raise FileNotFoundError(
-            error.errno, "the file was removed or renamed since the viewer was started", str(path)
-        ) from error
-    return state.st_size, state.st_mtime_ns
 
 
 def _build(reader: WaveformReader, writer: SectionWriter) -> None:

@@ -43,8 +43,9 @@ class EchoPlace:
 class EchoIndex:
     """The echoes of a file, open for reading; may be used by several threads at a time."""
 
-    def __init__(self, path: Path, sections: SectionFile) -> None:
+    def __init__(self, path: Path, sections: SectionFile, identified: dict[str, Any]) -> None:
         self.path, self._sections = path, sections
+        self.identity = identified  # of the file of echoes when the index was made
         self._stops = np.cumsum(sections.read("node_count").astype(np.int64))
 
     @classmethod
@@ -53,12 +54,13 @@ class EchoIndex:
 
         Raises as `open_echoes`, and OSError if the cache folder cannot be written.
         """
-        name = cached_name("echoes", path, identity(path, waveforms=waveforms.identity))
+        identified = identity(path, waveforms=waveforms.identity)
+        name = cached_name("echoes", path, identified)
 
         def build(writer: SectionWriter) -> None:
             _Builder(open_echoes(path), waveforms, name.parent).write(writer)
 
-        return cls(path, cached_sections(name, build))
+        return cls(path, cached_sections(name, build), identified)
 
     def close(self) -> None:
         """Close the index."""

@@ -11,10 +11,11 @@ from threading import Lock
 from typing import BinaryIO
 
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.view.cache import cache_folder, identity
+from fullwaveform.view.cache import cache_folder, check_unchanged, remove_abandoned_folders
 from fullwaveform.view.echo_index import EchoIndex
 from fullwaveform.view.selection import Selection, selected_rows
 
+_PREPARED = "selection"  # name of the folders of files that are being written
 _PART_BYTES = 1 << 18
 _POINTS = (".las", ".laz")
 
@@ -30,12 +31,14 @@ class SelectionExport:
         self, path: Path, echoes: EchoIndex, as_las: Callable[[], Path] | None = None
     ) -> None:
         self._path, self._echoes, self._as_las = path, echoes, as_las
-        self._identity = identity(path)
         self._lock = Lock()  # a LAS file is made once
 
     @cached_property
     def formats(self) -> tuple[str, ...]:
-        """Endings, without the point, of files that have all that the file of echoes has."""
+        """Endings, without the point, of files that have all that the file of echoes has.
+
+        Raises OSError and WaveformFileError if the file of echoes cannot be read any more.
+        """
         return tuple(ending.removeprefix(".") for ending in self._endings())
 
     # The writers load libraries that the first picture of the page does not need.
@@ -60,24 +63,24 @@ class SelectionExport:
         """Size, bytes, and content in parts of a file with the selected echoes, in their order.
 
         It is complete in the cache folder before it is read, so that an error gives no part of a
-        file; then it has no name there any more.
+        file; its name is removed as soon as it is open.
 
         Raises ValueError for a format that is not one of `formats`, and OSError if the file of
-        echoes was changed since it was opened.
+        echoes was removed or changed since its index was made.
         """
+        check_unchanged(self._path, self._echoes.identity)
         if kind not in self.formats:
             known = ", ".join(self.formats) or "none"
             raise ValueError(
                 f"{self._path.name} cannot be saved as {kind[:20]!r}; formats that hold all of its "
                 f"values: {known}"
             )
-        if identity(self._path) != self._identity:
-            raise OSError(f"{self._path} was changed since the viewer was started; start it again")
         from fullwaveform.io.echo_writers.converting import convert_rows
         from fullwaveform.io.echo_writers.restricting import write_rows_of
 
         rows = selected_rows(self._echoes, selection)
-        with TemporaryDirectory(dir=cache_folder(), prefix="selection-") as folder:
+        remove_abandoned_folders(_PREPARED)
+        with TemporaryDirectory(dir=cache_folder(), prefix=f"{_PREPARED}-") as folder:
             output = Path(folder) / f"selection.{kind}"
             own = self._path.suffix.lower()
             if output.suffix == own or own in _POINTS:

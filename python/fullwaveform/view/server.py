@@ -200,11 +200,15 @@ class _Requests:
         return JSONResponse({"index": None, "waveform": found, "row": None, "xyz": None})
 
     def selection(self, request: Request) -> Response:
-        """Numbers and statistics of the selected echoes, and as what they can be saved."""
+        """Statistics of the selected echoes, and the formats in which they can be saved."""
         layer, selection = self._layer(request), self._selection(request)
         waveforms = self._session.waveforms
         found = described_selection(layer.echoes, waveforms, selection, _WORST_FITS)
-        return JSONResponse({**found, "formats": layer.export.formats})
+        try:
+            formats = layer.export.formats
+        except (OSError, WaveformFileError):  # counting needs the index only
+            formats = ()
+        return JSONResponse({**found, "formats": formats})
 
     def selection_file(self, request: Request) -> Response:
         """The selected echoes as a file."""

@@ -10,6 +10,7 @@ import signal
 import subprocess
 import sys
 from collections.abc import Iterator
+from dataclasses import replace
 from pathlib import Path
 from urllib.request import urlopen
 
@@ -17,6 +18,8 @@ import laspy
 import numpy as np
 import pytest
 
+from fullwaveform.cli.extract_options import ExtractOptions
+from fullwaveform.cli.view import _extracted
 from fullwaveform.view.cache import remove_former
 
 from ..faults.processes import finished, slow
@@ -162,6 +165,20 @@ def test_unfinished_index_of_a_killed_viewer_is_removed(scan: Path, cache: Path)
     os.utime(left, (0, 0))
     remove_former(index)
     assert not left.exists()
+
+
+def test_extracted_echoes_in_use_are_not_removed(scan: Path) -> None:
+    """A viewer opens them again when echoes are saved."""
+    options = ExtractOptions(skip_unreadable=True, allow_empty=True)
+    first = _extracted(scan, options)
+    second = _extracted(scan, replace(options, keep_degraded=True))
+    assert first.exists()
+    for path in (first, second):
+        os.utime(path, (0, 0))
+    assert _extracted(scan, options) == first  # in use again
+    _extracted(scan, replace(options, max_samples=1000))
+    assert (first.exists(), second.exists()) == (True, False)
+    assert first.stat().st_mtime == 0, "it would count as another file"
 
 
 def test_two_viewers_make_the_same_index_at_once(scan: Path, tmp_path: Path, cache: Path) -> None:

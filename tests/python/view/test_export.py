@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -167,11 +168,32 @@ def test_missing_rows_are_reported(tmp_path: Path) -> None:
 def test_changed_file_is_refused(waveforms: WaveformDirectory, tmp_path: Path) -> None:
     path = scenes.write_echoes(tmp_path / "echoes.csv")
     echoes = EchoIndex.of(path, waveforms)
-    export = SelectionExport(path, echoes)
     with path.open("a", encoding="ascii") as stream:
         stream.write("\n")
+    export = SelectionExport(path, echoes)
     with pytest.raises(OSError, match="was changed since the viewer was started"):
         export.content(EAST, "csv")
+    path.unlink()
+    with pytest.raises(FileNotFoundError, match="was removed or renamed since the viewer was star"):
+        export.content(EAST, "csv")
+    echoes.close()
+
+
+def test_folders_of_killed_viewers_are_removed(
+    scan: Path, waveforms: WaveformDirectory, tmp_path: Path
+) -> None:
+    path = extracted(scan, tmp_path / "echoes.csv")
+    left, current = (cache_folder() / f"selection-{name}" for name in ("left", "current"))
+    for folder in (left, current):
+        folder.mkdir()
+        (folder / "selection.csv").write_bytes(b"x")
+    os.utime(left, (0, 0))
+    echoes = EchoIndex.of(path, waveforms)
+    _, parts = SelectionExport(path, echoes).content(EAST, "csv")
+    assert b"".join(parts)
+    assert (left.exists(), current.exists()) == (False, True)
+    (current / "selection.csv").unlink()
+    current.rmdir()
     echoes.close()
 
 

@@ -263,6 +263,17 @@ def test_selection_is_saved_as_a_file(served: Client) -> None:
     assert headers["x-content-type-options"] == "nosniff"
 
 
+def test_selection_is_counted_without_the_file_of_its_echoes(tmp_path: Path) -> None:
+    with served_scene(tmp_path) as running:
+        client = Client(tmp_path, running.address)
+        (tmp_path / "echoes.csv").unlink()
+        found = client.data("layers/0/selection?box=70,-10,90,90")
+        assert (found["echoes"], found["formats"]) == (3, [])
+        status, error = client.error("layers/0/selection.csv")
+        assert status == 410
+        assert error.endswith("the file was removed or renamed since the viewer was started")
+
+
 def test_noise_of_the_waveforms_is_described(served: Client) -> None:
     noise = served.data("session")["noise"]
     assert sum(noise["counts"]) == 5
