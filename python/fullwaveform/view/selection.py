@@ -37,7 +37,7 @@ class Selection:
         return cls(_box(box) if box else None, chosen)
 
     def runs(self, index: EchoIndex) -> Iterator[SelectedRun]:
-        """The selected echoes, run by run in the order of the index; a run is in memory at a time.
+        """The selected echoes, in the order of the index, with one run in memory at a time.
 
         Raises ValueError for bars of a value that the index does not have.
         """

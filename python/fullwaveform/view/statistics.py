@@ -82,10 +82,10 @@ class _WorstFits:
         lowest = min((one for one, _ in self._kept.values()), default=0.0)
         is_full = len(self._kept) >= self.limit
         candidates = np.flatnonzero(
-            np.isfinite(chi) & (numbers != UNKNOWN) & ((chi > lowest) if is_full else True)
+            np.isfinite(chi) & (numbers != UNKNOWN) & ((chi >= lowest) if is_full else True)
         )
-        # Largest first, and of equal ones the first echo.
-        order = candidates[np.argsort(-chi[candidates], kind="stable")]
+        # Largest first, then by waveform, and of equal ones the first echo: for any runs the same.
+        order = candidates[np.lexsort((numbers[candidates], -chi[candidates]))]
         _, firsts = np.unique(numbers[order], return_index=True)
         chosen = order[np.sort(firsts)[: self.limit]]
         found = zip(numbers[chosen], chi[chosen], run.numbers()[chosen], strict=True)

@@ -7,9 +7,10 @@ from pathlib import Path
 from typing import Any
 
 import pytest
-from playwright.sync_api import Browser, Page, expect
+from playwright.sync_api import Browser, Page, Route, expect
 
 from ..support.command_line import run
+from . import scenes
 from .pages import documented, middle_of, opened, pixels
 from .serving import Served, served_files, served_scene
 
@@ -172,6 +173,22 @@ def test_two_pages_are_independent(viewer: Served, browser: Browser, page: Page)
     press(other, "p", 2)
     expect(page.locator("#panel")).to_have_attribute("data-waveform", "4")
     other.close()
+
+
+def test_another_file_is_chosen_while_the_first_one_loads(browser: Browser, tmp_path: Path) -> None:
+    scan = scenes.write_scan(tmp_path / "scan.las")
+    files = [scenes.write_echoes(tmp_path / name) for name in ("a.csv", "b.csv")]
+    with served_files(scan, *files) as served:
+        page = browser.new_page()
+        held: list[Route] = []
+        page.route("**/layers/0/points*", lambda route: held.append(route))
+        with page.expect_request("**/layers/0/points*"):
+            page.goto(served.address)
+        page.select_option("#layer", "1")
+        expect(page.locator("#map")).to_have_attribute("data-complete", "true")
+        for route in held:
+            route.continue_()
+        page.close()
 
 
 def test_no_request_leaves_the_server(viewer: Served, browser: Browser) -> None:

@@ -155,8 +155,12 @@ def test_tab_reaches_every_control(page: Page) -> None:
 
 def test_controls_have_names(page: Page) -> None:
     """As a screen reader reads them."""
+    choose_shot_four(page)
+    page.locator("#statistics summary").click()
     for role in ("button", "combobox", "checkbox", "spinbutton", "textbox", "link"):
-        for control in page.get_by_role(role).all():  # type: ignore[arg-type]
+        controls = page.get_by_role(role).all()  # type: ignore[arg-type]
+        assert controls, role
+        for control in controls:
             snapshot = control.aria_snapshot()
             assert f"- {role} " in snapshot, control.evaluate("one => one.outerHTML")
             assert snapshot.split('"')[1].strip() if '"' in snapshot else False, snapshot

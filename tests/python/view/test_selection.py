@@ -100,6 +100,30 @@ def test_box_and_bars_of_several_values_are_combined(index: EchoIndex) -> None:
     assert rows(index, Selection(None, {"class": frozenset()})) == []
 
 
+@pytest.mark.parametrize("run", [1, 2, 100])
+def test_equal_fits_are_listed_by_waveform(
+    run: int, waveforms: WaveformDirectory, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """Also if their echoes are in another order, and read in several runs."""
+    monkeypatch.setattr("fullwaveform.view.selection._CHUNK", run)
+    path = tmp_path / "echoes.csv"
+    lines = [f"{x},{x},1,{number},5.0" for x, number in enumerate((4, 3, 3, 1, 2, 0))]
+    text = "\n".join(["x,y,z,waveform_number,reduced_chi_square", *lines])
+    path.write_text(text, encoding="ascii")
+    echoes = EchoIndex.of(path, waveforms)
+    worst = described_selection(echoes, waveforms, Selection(), 3)["worst"]
+    assert [fit["waveform"] for fit in worst] == [0, 1, 2]
+    worst = described(echoes, waveforms, Selection())["worst"]
+    assert [(fit["waveform"], fit["row"]) for fit in worst] == [
+        (0, 5),
+        (1, 3),
+        (2, 4),
+        (3, 1),
+        (4, 0),
+    ]
+    echoes.close()
+
+
 def test_worst_fits_are_one_echo_per_waveform(
     index: EchoIndex, waveforms: WaveformDirectory
 ) -> None:

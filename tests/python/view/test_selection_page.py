@@ -6,7 +6,7 @@ from pathlib import Path
 
 import numpy as np
 import pytest
-from playwright.sync_api import Browser, Locator, Page, expect
+from playwright.sync_api import Browser, Locator, Page, Route, expect
 
 from ..support.command_line import run
 from .pages import documented, middle_of, opened, pixels
@@ -238,6 +238,32 @@ def test_selections_of_two_pages_are_independent(
     wait_for(page, "")
     wait_for(other, 3)
     other.close()
+
+
+def test_failed_request_does_not_end_the_counting(page: Page) -> None:
+    """The selection changes while its numbers are asked for."""
+    held: list[Route] = []
+    page.route("**/selection?*", lambda route: held.append(route), times=1)
+    with page.expect_request("**/selection?*"):
+        page.locator("#map").press("b")
+    page.keyboard.press("Escape")
+    expect(page.locator("#clear")).to_be_disabled()
+    held[0].abort()
+    wait_for(page, "")
+    expect(page.locator("#selection-status")).to_have_text("No selection, 7 echoes.")
+
+
+def test_file_that_cannot_be_saved_is_explained(browser: Browser, tmp_path: Path) -> None:
+    with served_scene(tmp_path) as served:
+        page = opened(served, browser)
+        page.locator("#map").press("b")
+        wait_for(page, 7)
+        (tmp_path / "echoes.csv").unlink()
+        with page.expect_popup() as shown:
+            page.locator("#selection-files a", has_text="csv").click()
+        expect(shown.value.locator("body")).to_contain_text("was removed or renamed since")
+        wait_for(page, 7)
+        page.close()
 
 
 def test_empty_selection_is_said(page: Page) -> None:

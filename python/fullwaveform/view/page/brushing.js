@@ -51,14 +51,24 @@ export class Brushing {
     try {
       while (this.isStale) {
         this.isStale = false;
-        // All echoes are counted only to be shown.
+        // Without a selection the counts are needed only while the statistics are open.
         const isWanted = !this.selection.isEmpty || find("#statistics").open;
         const query = this.selection.query();
-        const found = isWanted ? await json(`layers/${this.map.number}/selection?${query}`) : null;
+        const found = isWanted ? await this.numbers(query) : null;
         if (!this.isStale) this.showNumbers(found, query);
       }
     } finally {
       this.isCounting = false;
+    }
+  }
+
+  // The numbers of a selection; an error counts only if the selection did not change meanwhile.
+  async numbers(query) {
+    try {
+      return await json(`layers/${this.map.number}/selection?${query}`);
+    } catch (error) {
+      if (!this.isStale) throw error;
+      return null;
     }
   }
 
@@ -82,7 +92,8 @@ export class Brushing {
 
   showFiles(formats, query) {
     const links = formats.map((format) => {
-      const link = Object.assign(document.createElement("a"), { textContent: format, download: "" });
+      // A file is downloaded; an error is shown in another tab, so that the selection stays.
+      const link = Object.assign(document.createElement("a"), { textContent: format, target: "_blank" });
       link.href = `layers/${this.map.number}/selection.${format}?${query}`;
       return link;
     });

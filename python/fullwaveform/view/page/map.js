@@ -32,6 +32,7 @@ export class EchoMap {
 
   show(number, valueName) {
     this.cloud.clear();
+    this.loading = new Set(); // requests for the former layer keep theirs
     this.number = number;
     this.layer = this.session.layers[number];
     this.nodes = this.layer.nodes;
@@ -237,10 +238,10 @@ export class EchoMap {
 
   // Loads nodes that are not in memory; false if all are.
   async add(nodes) {
-    const layer = this.layer;
-    const missing = nodes.filter((node) => !this.cloud.nodes.has(node) && !this.loading.has(node));
+    const { layer, loading } = this;
+    const missing = nodes.filter((node) => !this.cloud.nodes.has(node) && !loading.has(node));
     if (!missing.length) return false;
-    missing.forEach((node) => this.loading.add(node));
+    missing.forEach((node) => loading.add(node));
     this.showState();
     try {
       const counts = missing.map((node) => this.nodes.count[node]);
@@ -249,7 +250,7 @@ export class EchoMap {
       missing.forEach((node, i) => this.cloud.add(node, columns[i], this.valueName));
       this.forget();
     } finally {
-      missing.forEach((node) => this.loading.delete(node));
+      missing.forEach((node) => loading.delete(node));
     }
     return true;
   }
