@@ -105,7 +105,7 @@ def view(
 
         fullwaveform view scan.las --html page.html --mode decomposition --overwrite
     """
-    _check_options_of_page(html, echoes, mode, workers, overwrite=overwrite)
+    _check_options_of_page(html, echoes, mode, workers, overwrite=overwrite, browser=browser)
     options = ExtractOptions(
         mode=mode,
         scanner=scanner,
@@ -135,12 +135,15 @@ def _check_options_of_page(
     workers: int | None,
     *,
     overwrite: bool,
+    browser: bool,
 ) -> None:
     """BadParameter for options that do not belong together."""
     if html is not None:
         require_suffix(html, (".html", ".htm"), "--html")
         if len(echoes or ()) > 1:
             raise typer.BadParameter("give one file with --html", param_hint="--echoes")
+        if not browser:
+            raise typer.BadParameter("does not apply with --html", param_hint="--no-browser")
         return
     given = {
         "--mode": mode is not Mode.THREE_POINT,

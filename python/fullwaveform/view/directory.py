@@ -70,9 +70,7 @@ class WaveformDirectory:
         WaveformFileError
             The samples are unreadable.
         """
-        if not 0 <= number < len(self):
-            known = f"waveforms are numbered 0 to {len(self) - 1}" if len(self) else "it has none"
-            raise ValueError(f"{self._reader.path}: no waveform {number}; {known}")
+        self.check_number(number)
         check_unchanged(self._reader.path, self.identity)
         numbers = self._waveforms_of_shot(number)
         with self.lock:
@@ -82,6 +80,12 @@ class WaveformDirectory:
             # Shots without times of their own, or points in another order than the file's.
             found = find_shot(self._reader, Selector.WAVEFORM, number)
         return SelectedShot(found.block, np.arange(len(found.block)))
+
+    def check_number(self, number: int) -> None:
+        """ValueError if there is no waveform with this number."""
+        if not 0 <= number < len(self):
+            known = f"waveforms are numbered 0 to {len(self) - 1}" if len(self) else "it has none"
+            raise ValueError(f"{self._reader.path}: no waveform {number}; {known}")
 
     def shot_number(self, number: int) -> int:
         """Number of the shot of a waveform in the file, as for `find_shot`."""

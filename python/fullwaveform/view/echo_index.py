@@ -118,8 +118,7 @@ class EchoIndex:
 
     def place(self, index: int) -> EchoPlace:
         """The echo with this number in the order of the index; ValueError if there is none."""
-        if not 0 <= index < len(self):
-            raise ValueError(f"no echo {index}; the index has {len(self)}")
+        self._check_number(index)
         row, waveform, *place = (
             self._sections.read(name, index, index + 1)[0] for name in ("row", "waveform", *_PLACES)
         )
@@ -128,8 +127,16 @@ class EchoIndex:
         )
         return EchoPlace(int(row), None if waveform == UNKNOWN else int(waveform), (x, y, z))
 
+    def _check_number(self, index: int) -> None:
+        if not 0 <= index < len(self):
+            raise ValueError(f"no echo {index}; the index has {len(self)}")
+
     def next_echo(self, index: int, step: int) -> int | None:
-        """The echo (in the order of the index) after (`step` 1) or before (-1) one in the file."""
+        """The echo (in the order of the index) after (`step` 1) or before (-1) one in the file.
+
+        None at the end; ValueError if there is no echo `index`.
+        """
+        self._check_number(index)
         (position,) = self._sections.read("position_of_index", index, index + 1).tolist()
         position += step
         if not 0 <= position < len(self):

@@ -180,6 +180,7 @@ class _Requests:
             index = echoes.next_echo(self._number(request, "echo"), step)
             return JSONResponse(None if index is None else self._echo(request, index))
         current = self._number(request, "waveform")
+        self._session.waveforms.check_number(current)
         if kind == "shot":
             found = self._session.waveforms.next_shot(current, step)
         elif kind == "empty":

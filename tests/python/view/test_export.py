@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import os
 from collections.abc import Iterator
 from pathlib import Path
@@ -11,10 +12,14 @@ import numpy as np
 import pyarrow as pa
 import pyarrow.parquet as pq
 import pytest
+from laspy.vlrs import VLR
+from laspy.vlrs.vlrlist import VLRList
 
 from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.echo_writers.csv_metadata import metadata_path
 from fullwaveform.io.echo_writers.restricting import write_rows_of
 from fullwaveform.io.opening import open_waveforms
+from fullwaveform.io.run_record import RUN_METADATA_KEY
 from fullwaveform.view.cache import cache_folder
 from fullwaveform.view.directory import BLOCK, WaveformDirectory
 from fullwaveform.view.echo_index import EchoIndex
@@ -156,6 +161,47 @@ def test_lines_without_values_are_not_counted(tmp_path: Path) -> None:
     source.write_bytes(b"x,y,z\r\n1,1,1\r\n\r\n2,2,2\r\n\n3,3,3")
     write_rows_of(source, np.array([False, True, True]), output)
     assert output.read_bytes() == b"x,y,z\r\n2,2,2\r\n3,3,3"
+
+
+@pytest.mark.parametrize("lines", ['"a\nb"', 'x,y,z,name\n1,1,1,"a\n\nb"'])
+def test_line_breaks_inside_quotes_are_refused(tmp_path: Path, lines: str) -> None:
+    """Lines would not be rows."""
+    source, output = tmp_path / "a.csv", tmp_path / "b.csv"
+    source.write_text(f"{lines}\n2,2,2,c\n", encoding="ascii")
+    with pytest.raises(WaveformFileError, match=r"a\.csv has a line break inside quotes; save the"):
+        write_rows_of(source, np.array([True]), output)
+    assert not output.exists()
+
+
+def test_extended_records_are_kept(tmp_path: Path) -> None:
+    source, output = tmp_path / "a.las", tmp_path / "b.las"
+    whole = laspy.create(point_format=6, file_version="1.4")
+    whole.x = whole.y = whole.z = np.array([1.0, 2.0])
+    whole.evlrs = VLRList([VLR("someone", 77, "of a project", b"flight 12")])
+    whole.write(source)
+    write_rows_of(source, np.array([False, True]), output)
+    found = laspy.read(output)
+    assert np.asarray(found.x).tolist() == [2.0]
+    (record,) = found.evlrs
+    assert (record.user_id, record.record_id) == ("someone", 77)
+    assert (record.description, record.record_data) == ("of a project", b"flight 12")
+
+
+def test_invalid_coordinate_system_is_reported(
+    scan: Path, waveforms: WaveformDirectory, tmp_path: Path
+) -> None:
+    """As of metadata that were edited."""
+    path = extracted(scan, tmp_path / "echoes.csv")
+    metadata = json.loads(metadata_path(path).read_bytes())
+    metadata["notes"][0][RUN_METADATA_KEY]["crs"] = "somewhere"
+    metadata_path(path).write_text(json.dumps(metadata), encoding="utf-8")
+    echoes = EchoIndex.of(path, waveforms)
+    with pytest.raises(
+        WaveformFileError, match="invalid coordinate system in its metadata, 'somew"
+    ):
+        SelectionExport(path, echoes).content(EAST, "parquet")
+    assert not list(cache_folder().glob("selection-*"))
+    echoes.close()
 
 
 def test_missing_rows_are_reported(tmp_path: Path) -> None:

@@ -186,6 +186,7 @@ def test_another_file_is_chosen_while_the_first_one_loads(browser: Browser, tmp_
             page.goto(served.address)
         page.select_option("#layer", "1")
         expect(page.locator("#map")).to_have_attribute("data-complete", "true")
+        assert held
         for route in held:
             route.continue_()
         page.close()

@@ -373,6 +373,8 @@ def test_invalid_calls_are_explained(scan: Path, tmp_path: Path) -> None:
     assert_usage(run("view", scan, "--mode", "1"), "applies only with --html")
     assert_usage(run("view", scan, "--workers", "2"), "applies only with --html")
     assert_usage(run("view", scan, "--overwrite"), "applies only with --html")
+    unseen = run("view", scan, "--html", target, "--no-browser")
+    assert_usage(unseen, "--no-browser: does not apply with --html")
     two = ["--echoes", scan, "--echoes", scan]
     assert_usage(run("view", scan, "--html", target, *two), "give one file with --html")
     assert_error(run("view", tmp_path / "none.las", "--html", target), "none.las", "No such file")

@@ -45,7 +45,7 @@ def convert_rows(source: Path, rows: BoolArray, output: Path) -> None:
     ValueError
         The output is none of `CONVERTED_ENDINGS`.
     WaveformFileError
-        The source is damaged, or lacks columns.
+        The source is damaged, lacks columns, or names an invalid coordinate system.
     OSError
         The source cannot be read or the output not written.
     """
@@ -54,7 +54,7 @@ def convert_rows(source: Path, rows: BoolArray, output: Path) -> None:
     if shot_columns is None:
         raise WaveformFileError(f"{source} lacks columns that extracted echoes have")
     first = 0
-    with _writer(output, _metadata(file), shot_columns) as writer:
+    with _writer(source, output, _metadata(file), shot_columns) as writer:
         for columns in file.rows(_ALL):
             count = len(columns["x"])
             chosen = np.flatnonzero(rows[first : first + count])
@@ -72,7 +72,10 @@ def _shot_columns(file: EchoFile) -> tuple[str, ...] | None:
 
 
 def _writer(
-    output: Path, metadata: Mapping[str, str] | None, shot_columns: tuple[str, ...]
+    source: Path,
+    output: Path,
+    metadata: Mapping[str, str] | None,
+    shot_columns: tuple[str, ...],
 ) -> EchoWriter:
     ending = output.suffix.lower()
     if ending == ".csv":
@@ -81,7 +84,13 @@ def _writer(
         import pyproj  # on demand: it takes long to load
 
         text = (metadata or {}).get("crs")
-        system = None if text is None else pyproj.CRS.from_wkt(text)
+        try:
+            system = None if text is None else pyproj.CRS.from_wkt(text)
+        except pyproj.exceptions.CRSError as error:
+            raise WaveformFileError(
+                f"{source} has an invalid coordinate system in its metadata, {str(text)[:40]!r}; "
+                "save the echoes as csv"
+            ) from error
         return ParquetEchoWriter(output, metadata, system, shot_columns=shot_columns)
     raise ValueError(f"{output} must end in {' or '.join(CONVERTED_ENDINGS)}")
 

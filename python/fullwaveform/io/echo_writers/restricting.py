@@ -5,7 +5,7 @@ The rows keep their order and their values, and with them everything that descri
 
 from __future__ import annotations
 
-from collections.abc import Callable
+from collections.abc import Callable, Iterable, Iterator
 from itertools import compress, islice
 from pathlib import Path
 
@@ -39,26 +39,38 @@ def write_rows_of(source: Path, rows: BoolArray, output: Path) -> None:
     OSError
         The source cannot be read or the output not written.
     WaveformFileError
-        The source has fewer rows, or is damaged.
+        The source has fewer rows, is damaged, or is a CSV file with line breaks inside quotes.
     """
     written = _WRITERS[output.suffix.lower()](source, rows, output)
     if written != (expected := int(np.count_nonzero(rows))):
         raise WaveformFileError(
-            f"{source}: found {written:,} of {expected:,} rows; the file was changed meanwhile"
+            f"{source}: found {written:,} of {expected:,} rows; "
+            "the file was changed in the meantime"
         )
 
 
 def _write_csv(source: Path, rows: BoolArray, output: Path) -> int:
     written = 0
     with source.open("rb") as lines, atomic_open(output, ANY_FILE) as stream:
-        stream.write(next(lines, b""))
-        known = (line for line in lines if line not in _EMPTY_LINES)
+        known = _rows_of_csv(source, lines)
+        stream.write(next(known, b""))
         chosen = compress(known, rows.tobytes())
         while part := list(islice(chosen, _ROWS_AT_A_TIME)):
             written += len(part)
             stream.write(b"".join(part))
             stream.check()
     return written
+
+
+def _rows_of_csv(source: Path, lines: Iterable[bytes]) -> Iterator[bytes]:
+    """The header and the rows, one line each."""
+    for line in lines:
+        if line.count(b'"') % 2:
+            raise WaveformFileError(
+                f"{source} has a line break inside quotes; save the echoes as Parquet first"
+            )
+        if line not in _EMPTY_LINES:
+            yield line
 
 
 def _write_parquet(source: Path, rows: BoolArray, output: Path) -> int:
