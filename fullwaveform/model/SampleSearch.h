@@ -55,7 +55,7 @@ class ChosenLanes {
     return static_cast<std::size_t>(std::countr_zero(word)) / bitsPerLane;
   }
 
-  std::uint64_t words[2];
+  std::uint64_t words[2] = {0, 0};
 };
 
 /// Index of the first sample from `first` on for which a condition is true; `end` if there is none.
