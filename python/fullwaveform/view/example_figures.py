@@ -109,7 +109,7 @@ _TEXTS = {
     ExampleKind.SATURATED: (
         "Saturated waveforms",
         "Waveforms with three or more consecutive samples at the largest count of the digitiser, "
-        "those with most such samples first.",
+        "those with the most such samples first.",
     ),
     ExampleKind.WORST: ("Worst fits", ""),
 }

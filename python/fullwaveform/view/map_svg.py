@@ -25,7 +25,7 @@ _MAX_MARK = 7  # pixels, of single echoes
 _COVERED = 0.3  # share of the picture that the marks of few echoes cover
 _FAR = 1.0  # distance of echoes that are left out, extents of the others
 _HEIGHT_RANGE = (1.0, 99.0)  # percentiles at the ends of the colours
-# Dark enough for every colour of the map, and these light enough for it.
+# The background is darker than every colour of the map.
 _BACKGROUND = (32, 38, 45)
 _COLOURS = ("viridis", 0.2, 1.0)
 _STEPS = 96  # of the colours; few of them make a small file

@@ -7,7 +7,7 @@ import numpy as np
 from fullwaveform.analysis.waveform_views import GAUSSIAN_REACH
 from fullwaveform.data.arrays import FloatArray, IntArray, UInt16Array
 
-_AT_ONCE = 1 << 19  # samples, also of those near echoes, counted once for each echo
+_AT_ONCE = 1 << 19  # samples at a time; near echoes, a sample counts once per echo
 
 #: Row, position and standard deviation in samples, amplitude in counts, of echoes (m,).
 FittedEchoes = tuple[IntArray, FloatArray, FloatArray, FloatArray]

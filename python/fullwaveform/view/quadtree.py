@@ -68,7 +68,7 @@ class Quadtree:
 
 
 def quadtree(square: Square, places: AnyArray) -> Quadtree:
-    """The tree of the `places` of points in the square, which are overwritten."""
+    """The tree of points with these `places` in the square; overwrites `places`."""
     places.sort()
     order = np.empty(len(places), np.uint32)
     done = 0

@@ -1,4 +1,4 @@
-"""A page with the results of a file that needs neither server nor network, nor scripts."""
+"""A page with the results of a file; it needs no server, network or scripts."""
 
 from __future__ import annotations
 
