@@ -98,7 +98,7 @@ def end_to_end(source: Path, mode: int, threshold: int, runs: int) -> None:
         with tempfile.TemporaryDirectory() as folder:
             options = {"-o": f"{folder}/echoes.las", "--mode": mode, "--threshold": threshold}
             options["--workers"] = workers
-            words = [str(word) for option in options.items() for word in option]
+            words = [str(word) for option in options.items() for word in option] + ["--overwrite"]
             taken = fastest_command(runs, "extract", str(source), *words)
         print(f"| {source.name} | {workers} | {taken} |")
 
