@@ -19,12 +19,14 @@ import sys
 import tempfile
 import time
 from collections.abc import Callable
+from dataclasses import replace
 from pathlib import Path
 from typing import TypeVar
 
 from ratios import print_ratios
 
 from fullwaveform import Scanner
+from fullwaveform.calibration.calibration import measure
 from fullwaveform.core.driver import Mode
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.extraction.extractor import ExtractedBlock, ExtractionSettings, Extractor
@@ -82,7 +84,8 @@ def fastest_command(runs: int, *arguments: str) -> str:
 def stages(source: Path, settings: ExtractionSettings, runs: int) -> None:
     """Print the rows of a file in the first table."""
     reading, blocks = fastest(runs, lambda: read(source))
-    extractor = Extractor(settings)
+    with open_waveforms(source) as reader:
+        extractor = Extractor(replace(settings, calibration=measure(reader, "off")))
     extracting, extracted = fastest(runs, lambda: [extractor.extract(block) for block in blocks])
     for ending in ECHO_ENDINGS:
         with tempfile.TemporaryDirectory() as folder:
