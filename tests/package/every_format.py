@@ -150,7 +150,7 @@ def check_remote(scan: Path) -> None:
 
 
 def check_view(scan: Path) -> None:
-    """The viewer serves its page until it is interrupted."""
+    """The viewer serves its page until it is ended."""
     call = [PROGRAM, "view", scan, *HIGH, "--no-browser"]
     with subprocess.Popen(
         call, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
@@ -160,9 +160,13 @@ def check_view(scan: Path) -> None:
             with urlopen(viewer.stdout.readline().strip(), timeout=60.0) as answer:
                 assert answer.status == 200
         finally:
-            viewer.send_signal(signal.SIGINT)
-            _, errors = viewer.communicate(timeout=60.0)
-    assert viewer.returncode == 0, errors
+            viewer.terminate()  # in the background of a shell SIGINT is ignored
+            try:
+                _, errors = viewer.communicate(timeout=60.0)
+            except subprocess.TimeoutExpired:
+                viewer.kill()
+                raise
+    assert viewer.returncode == 128 + signal.SIGTERM, errors
 
 
 def check_python(scan: Path) -> None:
