@@ -40,7 +40,7 @@ class EchoTimes {
  private:
   static constexpr std::size_t fewEchoes = 32;
 
-  // Shots mostly have a few echoes, whose times need no heap.
+  // Most shots have few echoes, whose times fit here without the heap.
   alignas(double) std::array<std::byte, fewEchoes * sizeof(double)> buffer{};
   std::pmr::monotonic_buffer_resource memory{buffer.data(), buffer.size()};
   std::pmr::vector<double> times{&memory};

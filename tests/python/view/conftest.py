@@ -1,4 +1,4 @@
-"""Set-up of the tests of the viewer: a cache folder of their own, a browser and a page."""
+"""Set-up of the tests of the viewer: a cache folder of their own, indexes, a browser and a page."""
 
 from __future__ import annotations
 
@@ -8,6 +8,12 @@ from pathlib import Path
 from typing import TYPE_CHECKING
 
 import pytest
+
+from fullwaveform.io.opening import open_waveforms
+from fullwaveform.view.directory import BLOCK, WaveformDirectory
+from fullwaveform.view.echo_index import EchoIndex
+
+from . import scenes
 
 if TYPE_CHECKING:
     from playwright.sync_api import Browser, Page
@@ -57,3 +63,22 @@ def page(viewer: Served, browser: Browser) -> Iterator[Page]:
     problems = page.problems  # type: ignore[attr-defined]
     page.close()
     assert problems == []
+
+
+@pytest.fixture(scope="module")
+def waveforms(tmp_path_factory: pytest.TempPathFactory) -> Iterator[WaveformDirectory]:
+    path = scenes.write_scan(tmp_path_factory.mktemp("scan") / "scan.las")
+    with open_waveforms(path, waveforms_per_block=BLOCK) as reader:
+        directory = WaveformDirectory.of(reader, {})
+        yield directory
+        directory.close()
+
+
+@pytest.fixture(scope="module")
+def index(
+    waveforms: WaveformDirectory, tmp_path_factory: pytest.TempPathFactory
+) -> Iterator[EchoIndex]:
+    path = scenes.write_echoes(tmp_path_factory.mktemp("echoes") / "echoes.csv")
+    echoes = EchoIndex.of(path, waveforms)
+    yield echoes
+    echoes.close()

@@ -3,14 +3,12 @@
 from __future__ import annotations
 
 import json
-from collections.abc import Iterator
 from pathlib import Path
 
 import numpy as np
 import pytest
 
-from fullwaveform.io.opening import open_waveforms
-from fullwaveform.view.directory import BLOCK, WaveformDirectory
+from fullwaveform.view.directory import WaveformDirectory
 from fullwaveform.view.echo_index import EchoIndex
 
 from ..support.command_line import run
@@ -18,25 +16,6 @@ from . import scenes
 
 #: Rows of the echoes in the CSV file of the scene, and their waveforms.
 WAVEFORMS = [0, 1, 1, 2, 2, 2, 4]
-
-
-@pytest.fixture(scope="module")
-def waveforms(tmp_path_factory: pytest.TempPathFactory) -> Iterator[WaveformDirectory]:
-    path = scenes.write_scan(tmp_path_factory.mktemp("scan") / "scan.las")
-    with open_waveforms(path, waveforms_per_block=BLOCK) as reader:
-        directory = WaveformDirectory.of(reader, {})
-        yield directory
-        directory.close()
-
-
-@pytest.fixture(scope="module")
-def index(
-    waveforms: WaveformDirectory, tmp_path_factory: pytest.TempPathFactory
-) -> Iterator[EchoIndex]:
-    path = scenes.write_echoes(tmp_path_factory.mktemp("echoes") / "echoes.csv")
-    echoes = EchoIndex.of(path, waveforms)
-    yield echoes
-    echoes.close()
 
 
 def in_file_order(index: EchoIndex) -> list[int]:

@@ -2,42 +2,19 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
 
 import numpy as np
 import pytest
 
-from fullwaveform.io.opening import open_waveforms
-from fullwaveform.view.directory import BLOCK, WaveformDirectory
+from fullwaveform.view.directory import WaveformDirectory
 from fullwaveform.view.echo_index import EchoIndex
 from fullwaveform.view.selection import Selection, selected_rows
 from fullwaveform.view.statistics import described_selection
 
-from . import scenes
-
 #: West, south, east and north of the two eastern shots, from the origin at x 10 m and y 10 m.
 EAST = (70.0, -10.0, 90.0, 90.0)
-
-
-@pytest.fixture(scope="module")
-def waveforms(tmp_path_factory: pytest.TempPathFactory) -> Iterator[WaveformDirectory]:
-    path = scenes.write_scan(tmp_path_factory.mktemp("scan") / "scan.las")
-    with open_waveforms(path, waveforms_per_block=BLOCK) as reader:
-        directory = WaveformDirectory.of(reader, {})
-        yield directory
-        directory.close()
-
-
-@pytest.fixture(scope="module")
-def index(
-    waveforms: WaveformDirectory, tmp_path_factory: pytest.TempPathFactory
-) -> Iterator[EchoIndex]:
-    path = scenes.write_echoes(tmp_path_factory.mktemp("echoes") / "echoes.csv")
-    echoes = EchoIndex.of(path, waveforms)
-    yield echoes
-    echoes.close()
 
 
 def rows(index: EchoIndex, selection: Selection) -> list[int]:
