@@ -7,6 +7,7 @@ from itertools import pairwise
 
 import numpy as np
 
+from fullwaveform.view.svg_axes import axes_svg
 from fullwaveform.view.svg_scale import Scale
 from fullwaveform.view.value_counts import Histogram
 
@@ -36,9 +37,10 @@ def histogram_figure(histogram: Histogram, name: str, unit: str, of: str) -> str
         f"M{left:.1f} {y.start:.0f}V{top:.1f}H{right:.1f}V{y.start:.0f}z"
         for left, right, top in zip(x.of(edges[:-1]), x.of(edges[1:]), y.of(counts), strict=True)
     )
+    axes = axes_svg(x, y, x.ticks(6), y.ticks(5, whole=True), text=lambda value: f"{value:,.10g}")
     svg = (
         f'<svg viewBox="0 0 {_WIDTH} {_HEIGHT}" role="img" aria-label="{escape(described)}">'
-        f'<path class="bars" d="{bars}"/>{_axes(x, y)}'
+        f'<path class="bars" d="{bars}"/>{axes}'
         f'<text x="{(x.start + x.stop) / 2:.0f}" y="{_HEIGHT - 8}" class="mid">{escape(label)}'
         f"</text>"
         f'<text transform="translate(14 {(y.start + y.stop) / 2:.0f})rotate(-90)" class="mid">'
@@ -46,21 +48,6 @@ def histogram_figure(histogram: Histogram, name: str, unit: str, of: str) -> str
     )
     caption = f"<figcaption>{escape(described)}.</figcaption>"
     return f"<figure>{svg}{caption}{_table(histogram, label, of)}</figure>"
-
-
-def _axes(x: Scale, y: Scale) -> str:
-    across, up = x.ticks(6), y.ticks(5, whole=True)
-    marks = "".join(f"M{place:.1f} {y.start:.0f}v5" for place in x.of(across))
-    marks += "".join(f"M{x.start:.0f} {place:.1f}h-5" for place in y.of(up))
-    numbers = "".join(
-        f'<text x="{place:.1f}" y="{y.start + 19:.0f}" class="mid">{value:.6g}</text>'
-        for place, value in zip(x.of(across), across, strict=True)
-    ) + "".join(
-        f'<text x="{x.start - 8:.0f}" y="{place + 4:.1f}" class="end">{int(value):,}</text>'
-        for place, value in zip(y.of(up), up, strict=True)
-    )
-    line = f"M{x.start:.0f} {y.stop:.0f}V{y.start:.0f}H{x.stop:.0f}"
-    return f'<path class="axes" d="{line}{marks}"/>{numbers}'
 
 
 def _table(histogram: Histogram, label: str, of: str) -> str:

@@ -17,6 +17,7 @@ from fullwaveform.data.counting import counted
 from fullwaveform.view.axes import Axes, degree_ratio
 from fullwaveform.view.coordinate_system import CoordinateSystem
 from fullwaveform.view.echo_raster import EchoRaster
+from fullwaveform.view.svg_axes import axes_svg, upright_ticks
 from fullwaveform.view.svg_scale import Scale
 
 _PIXELS = 640  # of the longer side
@@ -140,7 +141,6 @@ def _with_axes(
     width, height = right + _MARGIN["right"], bottom + _MARGIN["bottom"]
     x, y = Scale(*window.x, left, right), Scale(*window.y, bottom, top)
     labels = [f"{axis['name']}, {axis['unit']}" for axis in system.axes.described]
-    marks, numbers = _ticks(x, y, bottom)
     low, high = height_range
     described = (
         f"Map of {echoes:,} echoes from above, x {window.x[0]:.10g} to {window.x[1]:.10g}, "
@@ -152,7 +152,7 @@ def _with_axes(
         f'aria-label="{escape(described)}">'
         f'<image x="{left}" y="{top}" width="{window.columns}" height="{window.rows}" '
         f'href="data:image/png;base64,{image}"/>'
-        f'<path class="axes" d="M{left} {top}V{bottom}H{right}{marks}"/>{numbers}'
+        f"{axes_svg(x, y, x.ticks(4), y.ticks(6))}"
         f'<text x="{(left + right) / 2:.0f}" y="{bottom + 40}" class="mid">'
         f"{escape(labels[0])}</text>"
         f'<text transform="translate(14 {(top + bottom) / 2:.0f})rotate(-90)" class="mid">'
@@ -161,21 +161,6 @@ def _with_axes(
         f"{_colour_bar(right, top, bottom, height_range, labels[2])}"
         "</svg>"
     )
-
-
-def _ticks(x: Scale, y: Scale, bottom: int) -> tuple[str, str]:
-    """Path of the ticks, and their numbers."""
-    across, up = x.ticks(4), y.ticks(6)
-    marks = "".join(f"M{place:.1f} {bottom}v6" for place in x.of(across))
-    marks += "".join(f"M{x.start} {place:.1f}h-6" for place in y.of(up))
-    numbers = "".join(
-        f'<text x="{place:.1f}" y="{bottom + 20}" class="mid">{value:.10g}</text>'
-        for place, value in zip(x.of(across), across, strict=True)
-    ) + "".join(
-        f'<text x="{x.start - 9}" y="{place + 4:.1f}" class="end">{value:.10g}</text>'
-        for place, value in zip(y.of(up), up, strict=True)
-    )
-    return marks, numbers
 
 
 def _scale_bar(window: _Window, x: Scale, bottom: int, axes: Axes) -> str:
@@ -211,12 +196,7 @@ def _colour_bar(
     )
     at = right + 24
     scale = Scale(*height_range, bottom, top)
-    ticks = scale.ticks(6)
-    marks = "".join(f"M{at + 16} {place:.1f}h6" for place in scale.of(ticks))
-    numbers = "".join(
-        f'<text x="{at + 26}" y="{place + 4:.1f}">{value:.10g}</text>'
-        for place, value in zip(scale.of(ticks), ticks, strict=True)
-    )
+    marks, numbers = upright_ticks(scale, at + 16, scale.ticks(6), 1)
     return (
         f'<linearGradient id="heights" x1="0" y1="1" x2="0" y2="0">{gradient}</linearGradient>'
         f'<rect x="{at}" y="{top}" width="16" height="{bottom - top}" fill="url(#heights)"/>'

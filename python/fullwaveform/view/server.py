@@ -23,6 +23,7 @@ from starlette.routing import Route
 
 from fullwaveform.core.driver import Threshold, checked_mode, checked_threshold
 from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.interruption import request_end
 from fullwaveform.view.access import ADDRESS, Access
 from fullwaveform.view.panel import PanelSettings
 from fullwaveform.view.selection import Selection
@@ -80,6 +81,10 @@ class ViewServer:
         self._server.should_exit = True
 
 
+class ViewerEndedError(Exception):
+    """The viewer ends before an answer is ready."""
+
+
 class _Server(uvicorn.Server):
     """A server that leaves signals to `_ended_by_signals`."""
 
@@ -91,7 +96,7 @@ class _Server(uvicorn.Server):
 
 @contextmanager
 def _ended_by_signals(server: uvicorn.Server) -> Iterator[None]:
-    """End the server with a signal, between two requests.
+    """End the server with a signal; files that are being written are given up, and removed.
 
     Ctrl-C is the intended end; other signals are raised again when the server has ended. Nothing
     outside the main thread, which signals do not reach.
@@ -103,6 +108,7 @@ def _ended_by_signals(server: uvicorn.Server) -> Iterator[None]:
 
     def end(number: int, frame: FrameType | None) -> None:
         received.append(number)
+        request_end(ViewerEndedError("the viewer has ended"))
         server.should_exit = True
 
     handled = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
@@ -113,6 +119,7 @@ def _ended_by_signals(server: uvicorn.Server) -> Iterator[None]:
     try:
         yield
     finally:
+        request_end(None)  # no request is being answered any more
         for number, handler in former.items():
             signal.signal(number, handler)
     if received and received[0] != signal.SIGINT:
@@ -149,6 +156,7 @@ def application(session: ViewSession) -> Starlette:
             ValueError: _error(400),
             WaveformFileError: _error(422),
             OSError: _error(410),
+            ViewerEndedError: _error(503),
         },
     )
 

@@ -11,6 +11,7 @@ from fullwaveform.analysis.waveform_views import MethodView, WaveformView
 from fullwaveform.data.arrays import FloatArray, IntArray
 from fullwaveform.data.counting import counted
 from fullwaveform.plotting.waveform import shown_samples
+from fullwaveform.view.svg_axes import TickStyle, axes_svg
 from fullwaveform.view.svg_paths import (
     bars_path,
     curve_path,
@@ -24,6 +25,7 @@ from fullwaveform.view.svg_scale import Scale
 _WIDTH, _HEIGHT, _RESIDUALS = 1080, 400, 180
 _LEFT, _RIGHT, _TOP, _BOTTOM = 104, 14, 16, 76
 _DOT_DISTANCE = 5.0  # between samples, below which they are drawn as bars
+_TICKS = TickStyle(length=8, below=32, aside=14, drop=7, digits=0)
 _MARK_HEIGHT = 24  # of a return of the scanner, above its sample
 
 
@@ -179,22 +181,10 @@ def _residuals(method: MethodView, x: Scale, detail: Detail) -> str:
 
 def _axes(x: Scale, y: Scale, bottom: float, x_label: str, y_label: str) -> str:
     """Lines with ticks, numbers and labels."""
-    low, left = bottom - _BOTTOM, _LEFT
-    across = x.ticks(8)
     up = y.ticks(max(int((y.start - y.stop) / 70), 2))
-    marks = "".join(f"M{place:.0f} {low}v8" for place in x.of(across)) + "".join(
-        f"M{left} {place:.0f}h-8" for place in y.of(up)
-    )
-    numbers = "".join(
-        f'<text x="{place:.0f}" y="{low + 32}" class="mid">{value:g}</text>'
-        for place, value in zip(x.of(across), across, strict=True)
-    ) + "".join(
-        f'<text x="{left - 14}" y="{place + 7:.0f}" class="end">{value:g}</text>'
-        for place, value in zip(y.of(up), up, strict=True)
-    )
     middle = (y.start + y.stop) / 2.0
     return (
-        f'<path class="axes" d="M{left} {y.stop:.0f}V{low}H{_WIDTH - _RIGHT}{marks}"/>{numbers}'
+        f"{axes_svg(x, y, x.ticks(8), up, style=_TICKS)}"
         f'<text x="{(x.start + x.stop) / 2:.0f}" y="{bottom - 8}" class="mid">{x_label}</text>'
         f'<text transform="translate(24 {middle:.0f})rotate(-90)" class="mid">{y_label}</text>'
     )

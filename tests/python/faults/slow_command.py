@@ -1,6 +1,6 @@
 """The command line with one slow step, so that a signal arrives during it.
 
-Usage: slow_command.py loading|blocks|renaming|summary|index CALL...
+Usage: slow_command.py loading|blocks|renaming|summary|index|saving CALL...
 """
 
 from __future__ import annotations
@@ -15,6 +15,7 @@ from fullwaveform.cli.main import main
 SHORT, LONG = 0.1, 300.0  # s
 SUMMARY_BEGINS = "the summary begins"
 INDEX_ENDS = "the index of the viewer ends"
+SAVING_BEGINS, SAVING_ENDS = "the viewer saves echoes", "the viewer has saved echoes"
 
 
 class _SlowFinder(MetaPathFinder):
@@ -79,6 +80,23 @@ def slow_index() -> None:
     SectionWriter.finish = slowly  # type: ignore[method-assign]
 
 
+def slow_saving() -> None:
+    """Minutes pass while the viewer writes a file of echoes; lines tell when they begin and end."""
+    from fullwaveform.io.echo_writers import converting, restricting
+
+    raise_if_requested = restricting.raise_if_requested
+
+    def slowly() -> None:
+        print(SAVING_BEGINS, file=sys.stderr, flush=True)
+        for _ in range(round(LONG / SHORT)):
+            raise_if_requested()
+            time.sleep(SHORT)
+        print(SAVING_ENDS, file=sys.stderr, flush=True)
+
+    for module in (converting, restricting):
+        module.raise_if_requested = slowly
+
+
 if __name__ == "__main__":
     {
         "loading": slow_loading,
@@ -86,5 +104,6 @@ if __name__ == "__main__":
         "renaming": slow_renaming,
         "summary": slow_summary,
         "index": slow_index,
+        "saving": slow_saving,
     }[sys.argv.pop(1)]()
     main()

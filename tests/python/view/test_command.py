@@ -10,7 +10,9 @@ import signal
 import subprocess
 import sys
 from collections.abc import Iterator
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import replace
+from http.client import HTTPException
 from pathlib import Path
 from urllib.request import urlopen
 
@@ -23,7 +25,7 @@ from fullwaveform.cli.view import _extracted
 from fullwaveform.view.cache import remove_former
 
 from ..faults.processes import finished, slow
-from ..faults.slow_command import INDEX_ENDS
+from ..faults.slow_command import INDEX_ENDS, SAVING_BEGINS, SAVING_ENDS
 from ..faults.test_full_disk import files_end_at
 from ..support.child_processes import TIMEOUT_S, environment, kill_started, started
 from ..support.command_line import assert_error, assert_usage, run
@@ -255,3 +257,40 @@ def test_selection_of_extracted_echoes_is_saved_as_extract_writes_it(
     lines = table.read_bytes().splitlines(keepends=True)
     expected = [line for line, is_east in zip(lines[1:], east, strict=True) if is_east]
     assert contents["csv"] == b"".join([lines[0], *expected])
+
+
+@pytest.mark.parametrize(
+    ("kind", "number"),
+    [("csv", signal.SIGINT), ("parquet", signal.SIGTERM), ("las", signal.SIGINT)],
+)
+def test_saving_is_given_up_at_the_end(
+    scan: Path, cache: Path, kind: str, number: signal.Signals
+) -> None:
+    """The signal arrives while the file of a selection is written; that would take minutes."""
+    process = slow("saving", "view", scan, "--no-browser")
+    assert process.stdout is not None
+    assert process.stderr is not None
+    address = process.stdout.readline().strip()
+
+    def is_saved() -> bool:
+        try:
+            with urlopen(f"{address}layers/0/selection.{kind}", timeout=TIMEOUT_S) as answer:
+                answer.read()
+        except (OSError, HTTPException):
+            return False
+        process.kill()  # who waits for the line need not wait any longer
+        return True
+
+    with ThreadPoolExecutor(1) as pool:
+        saving = pool.submit(is_saved)
+        while (line := process.stderr.readline()) != f"{SAVING_BEGINS}\n":
+            assert line, "the file is complete already"
+        (folder,) = view_folder(cache).glob("selection-*")
+        assert list(folder.iterdir()) != []
+        code, errors = end(process, number)
+        assert code == (0 if number is signal.SIGINT else 128 + number)
+        assert "Traceback" not in errors
+        assert SAVING_ENDS not in errors, "the end has waited for the file"
+        assert not saving.result(TIMEOUT_S)
+    assert list(view_folder(cache).glob("selection-*")) == []
+    assert unfinished(cache) == []

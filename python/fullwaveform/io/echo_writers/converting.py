@@ -17,6 +17,7 @@ from fullwaveform.io.echo_readers.opening import open_echoes
 from fullwaveform.io.echo_writers.csv import CsvEchoWriter
 from fullwaveform.io.echo_writers.csv_metadata import metadata_path
 from fullwaveform.io.echo_writers.parquet import ParquetEchoWriter
+from fullwaveform.io.interruption import raise_if_requested
 from fullwaveform.io.run_record import RUN_METADATA_KEY
 
 _ALL = {column.name: column.dtype for column in table_columns(tuple(c.name for c in SHOT_COLUMNS))}
@@ -56,6 +57,7 @@ def convert_rows(source: Path, rows: BoolArray, output: Path) -> None:
     first = 0
     with _writer(source, output, _metadata(file), shot_columns) as writer:
         for columns in file.rows(_ALL):
+            raise_if_requested()
             count = len(columns["x"])
             chosen = np.flatnonzero(rows[first : first + count])
             first += count

@@ -19,6 +19,7 @@ from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.atomic import ANY_FILE, atomic_open
 from fullwaveform.io.echo_writers.parquet import ROWS_PER_GROUP, parquet_writer
 from fullwaveform.io.echo_writers.row_groups import RowGroups
+from fullwaveform.io.interruption import raise_if_requested
 from fullwaveform.io.las.compression import decompressors
 from fullwaveform.io.las.points import WAVEFORM_POINT_FORMATS
 from fullwaveform.io.remote import path_or_stream
@@ -56,6 +57,7 @@ def _write_csv(source: Path, rows: BoolArray, output: Path) -> int:
         stream.write(next(known, b""))
         chosen = compress(known, rows.tobytes())
         while part := list(islice(chosen, _ROWS_AT_A_TIME)):
+            raise_if_requested()
             written += len(part)
             stream.write(b"".join(part))
             stream.check()
@@ -83,6 +85,7 @@ def _write_parquet(source: Path, rows: BoolArray, output: Path) -> int:
     ):
         for number in range(file.num_row_groups):
             for batch in file.iter_batches(_ROWS_AT_A_TIME, row_groups=[number]):
+                raise_if_requested()
                 chosen = rows[first : first + len(batch)]
                 first += len(batch)
                 part = pa.table(batch).slice(0, len(chosen)).filter(pa.array(chosen))
@@ -111,6 +114,7 @@ def _write_las(source: Path, rows: BoolArray, output: Path) -> int:
             closefd=False,
         )
         for points in file.chunk_iterator(_ROWS_AT_A_TIME):
+            raise_if_requested()
             chosen = rows[first : first + len(points)]
             first += len(points)
             written += int(np.count_nonzero(chosen))
