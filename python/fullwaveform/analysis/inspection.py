@@ -55,6 +55,7 @@ class Receiver:
     """Waveforms of one packet descriptor or channel."""
 
     number: int  # of the descriptor or channel in the file; 0 where it has none
+    name: str  # in the terms of the format; empty where it is a descriptor
     waveforms: int
     descriptor: WaveformDescriptor | None  # of LAS files
 
@@ -209,6 +210,7 @@ class _Sums:
     def contents(self, kind: str, reader: WaveformReader) -> FileContents:
         tally = reader.tally
         described = reader.descriptors if isinstance(reader, LasWaveformReader) else {}
+        names = reader.receiver_names
         values = self.samples.value_counts
         present = np.flatnonzero(values)
         smallest, largest = (int(present[0]), int(present[-1])) if len(present) else (None, None)
@@ -239,7 +241,7 @@ class _Sums:
             value_counts=_trimmed(values),
             maximum_counts=_trimmed(self.samples.maximum_counts),
             receivers=tuple(
-                Receiver(number, waveforms, described.get(number))
+                Receiver(number, names.get(number, ""), waveforms, described.get(number))
                 for number, waveforms in _ascending(self.numbers).items()
             ),
             point_sources=_ascending(self.point_sources),

@@ -2,8 +2,8 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterable, Iterator, Sequence
-from dataclasses import dataclass, replace
+from collections.abc import Iterable, Iterator, Mapping, Sequence
+from dataclasses import dataclass, field, replace
 from itertools import chain
 
 import numpy as np
@@ -29,6 +29,7 @@ class Calibration:
     levels: tuple[ChannelLevels, ...] = ()  # by channel flag and descriptor
     outgoing_phase: OutgoingPhase | None = None  # None: not measured
     pulse_models: tuple[ReceiverModel, ...] = ()  # by channel flag and descriptor
+    receiver_names: Mapping[int, str] = field(default_factory=dict)  # as in `WaveformReader`
 
     @property
     def needs_outgoing(self) -> bool:
@@ -95,9 +96,11 @@ def measure(
     reader.with_outgoing = is_phase_measured or (isinstance(pulse, str) and reader.has_outgoing)
     if not (is_phase_measured or isinstance(pulse, str)):
         levels = measure_levels(reader.spread_blocks(), observe_levels)
-        return Calibration(levels, pulse_models=pulse or ())
+        return Calibration(levels, None, pulse or (), reader.receiver_names)
     blocks = list(reader.spread_blocks())
-    calibration = Calibration(measure_levels(blocks, observe_levels))
+    calibration = Calibration(
+        measure_levels(blocks, observe_levels), receiver_names=reader.receiver_names
+    )
     if is_phase_measured:
         phase = measure_outgoing_phase(blocks, calibration.thresholds, outgoing_phase)
         calibration = replace(calibration, outgoing_phase=phase)

@@ -20,6 +20,7 @@ from fullwaveform.analysis.inspection import FileContents, Level, inspect_sample
 from fullwaveform.analysis.origin import point_file
 from fullwaveform.calibration.levels import ChannelLevels
 from fullwaveform.calibration.outgoing_phase import OutgoingPhase
+from fullwaveform.calibration.receiver_names import CHANNEL_NAMES
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.info_origin import (
     json_origin,
@@ -48,7 +49,6 @@ from fullwaveform.io.remote import is_remote
 _NANOSECONDS = 1e9
 _MAX_BAR, _MIN_BAR = 40, 8  # characters
 _EIGHTHS = " ▏▎▍▌▋▊▉"
-_CHANNELS = {0: "high", 1: "low"}
 _MAX_LISTED = 6  # entries of a distribution that are printed one by one
 
 
@@ -214,7 +214,7 @@ def _rows(contents: FileContents) -> list[tuple[str, str]]:
     rows += [("left out", f"{count:,}: {reason}") for reason, count in contents.left_out.items()]
     if not contents.waveforms:
         return rows
-    shown = {_CHANNELS.get(flag, str(flag)): n for flag, n in contents.channels.items()}
+    shown = {CHANNEL_NAMES.get(flag, str(flag)): n for flag, n in contents.channels.items()}
     intervals = {f"{s * _NANOSECONDS:.6g} ns": n for s, n in contents.sampling_intervals.items()}
     rows += [
         ("shots", f"{contents.shots:,}"),

@@ -51,8 +51,12 @@ def receiver_rows(receivers: Sequence[Receiver]) -> list[NamedText]:
 
 
 def json_receiver(receiver: Receiver) -> dict[str, Any]:
-    """Number and waveforms, and the entries of the descriptor; interval in s, gain in V."""
-    found: dict[str, Any] = {"number": receiver.number, "waveforms": receiver.waveforms}
+    """Number, name and waveforms, and the entries of the descriptor; interval in s, gain in V."""
+    found: dict[str, Any] = {
+        "number": receiver.number,
+        **({"name": receiver.name} if receiver.name else {}),
+        "waveforms": receiver.waveforms,
+    }
     if (descriptor := receiver.descriptor) is not None:
         found |= {
             "bits": descriptor.bits_per_sample,

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import tomllib
+from collections.abc import Mapping, Sequence
 from dataclasses import replace
 from pathlib import Path
 from typing import Annotated, Any
@@ -13,6 +14,7 @@ import typer
 
 from fullwaveform.calibration.levels import measure_levels
 from fullwaveform.calibration.pulse_model import MeasuredPulse, measure_pulse_models
+from fullwaveform.calibration.receiver_names import receiver_name
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.options import (
     ChannelOption,
@@ -25,8 +27,8 @@ from fullwaveform.cli.options import (
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.reader_options import ReaderOptions
-from fullwaveform.cli.summary import Row, print_table, pulse_model_row
-from fullwaveform.core.pulse_models import full_width
+from fullwaveform.cli.summary import PULSE_KINDS, Row, print_table, pulse_model_rows
+from fullwaveform.core.pulse_models import ReceiverModel, full_width
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import FloatArray
 from fullwaveform.io.atomic import FileKind
@@ -40,7 +42,6 @@ _DESCRIPTION_KIND = FileKind(
     "a scanner description with a pulse model",
     lambda path: "pulse_model" in tomllib.loads(path.read_text(encoding="utf-8")),
 )
-_NAMES = {"returned": "isolated echoes", "outgoing": "outgoing pulses"}
 _BAND_SHARE = 0.68  # of the residuals at a lag
 _PRIOR_VALUES = 400
 
@@ -100,17 +101,24 @@ def pulse_model(
         base = Scanner.default() if scanner is None else Scanner.from_toml(scanner)
         with options.open([source]) as reader:
             reader.with_outgoing = reader.has_outgoing
-            blocks = list(reader.spread_blocks())
+            blocks, names = list(reader.spread_blocks()), reader.receiver_names
         measured = measure_pulse_models(blocks, measure_levels(blocks), str(source), pulse)
         described = replace(base, pulse_models=tuple(each.entry for each in measured))
         if plot is not None:
-            draw_pulse_models(plot, [_curves(each) for each in measured], overwrite=overwrite)
+            titles = _titles([each.entry for each in measured], names)
+            curves = list(map(_curves, measured, titles))
+            draw_pulse_models(plot, curves, overwrite=overwrite)
         text = scanner_text(described, [f"Pulse model: measured on {source.name}."])
         write_text(output, text, _DESCRIPTION_KIND, overwrite=overwrite)
     if as_json:
         typer.echo(json.dumps({"models": [_json(each) for each in measured]}, indent=2))
     elif not quiet:
-        rows = [row for each in measured for row in _rows(each)]
+        models = pulse_model_rows([each.entry for each in measured], names, "of the file")
+        rows = [
+            row
+            for each, model in zip(measured, models, strict=True)
+            for row in (model, *_rows(each))
+        ]
         results = [output] if plot is None else [output, plot]
         print_table(f"{source.name}: pulse model", rows, [], results)
 
@@ -119,7 +127,6 @@ def _rows(measured: MeasuredPulse) -> list[Row]:
     model, nanoseconds = measured.entry.model, measured.entry.model.sampling_interval * _NANOSECONDS
     rejected = measured.pulses.rejected.items()
     return [
-        pulse_model_row(measured.entry, "of the file"),
         *(("skipped", f"{count:,}", reason) for reason, count in rejected),
         ("length", f"{_length(measured) * nanoseconds:.1f} ns", "with its tail"),
         ("scatter", f"{model.scatter:.2%}", "rms residual of echoes, of their amplitude"),
@@ -158,10 +165,16 @@ def _json(measured: MeasuredPulse) -> dict[str, Any]:
     }
 
 
-def _curves(measured: MeasuredPulse) -> PulseModelCurves:
+def _titles(entries: Sequence[ReceiverModel], names: Mapping[int, str]) -> list[str]:
+    """The receiver, if there are several, and the pulses of its model."""
+    receivers = (receiver_name(entry, entries, names) for entry in entries)
+    pulses = (f"{entry.pulses:,} {PULSE_KINDS[entry.origin]}" for entry in entries)
+    return [": ".join(filter(None, parts)) for parts in zip(receivers, pulses, strict=True)]
+
+
+def _curves(measured: MeasuredPulse, title: str) -> PulseModelCurves:
     """What the plot shows, over ns from the maximum."""
-    entry, pulses = measured.entry, measured.pulses
-    model = entry.model
+    pulses, model = measured.pulses, measured.entry.model
     lag = model.first_lag + model.lag_step * np.arange(len(model.pulse), dtype=np.float64)
     alignment = pulses.alignment
     sample_lag, sample = alignment.applied(pulses.values)
@@ -183,8 +196,7 @@ def _curves(measured: MeasuredPulse) -> PulseModelCurves:
         variances=pulses.variance,
         prior_variance=variance,
         prior=pulses.widths.density(variance),
-        title=f"channel flag {entry.channel_flag}, descriptor {entry.descriptor}: "
-        f"{entry.pulses:,} {_NAMES[entry.origin]}",
+        title=title,
     )
 
 

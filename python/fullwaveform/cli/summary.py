@@ -9,7 +9,7 @@ from pathlib import Path
 from typing import Any
 
 from fullwaveform.calibration.calibration import Calibration
-from fullwaveform.calibration.levels import ChannelLevels
+from fullwaveform.calibration.receiver_names import receiver_name
 from fullwaveform.core.driver import Mode
 from fullwaveform.core.pulse_models import ReceiverModel, full_width
 from fullwaveform.data.blocks import ReadTally
@@ -19,8 +19,8 @@ from fullwaveform.extraction.prepare import MAX_AUTO_SCALE
 
 #: Label, value, remark.
 Row = tuple[str, str, str]
-
-_CHANNELS = {0: "high", 1: "low"}
+#: Origin of a pulse model -> pulses of which it was made.
+PULSE_KINDS = {"returned": "isolated echoes", "outgoing": "outgoing pulses"}
 
 
 @dataclass(frozen=True)
@@ -168,13 +168,17 @@ class RunSummary:
 
     def _pulse_model_rows(self) -> list[Row]:
         """The pulse model of each receiver of each input, and where it comes from."""
-        known = self.settings.scanner.pulse_models
-        if known:
-            return [pulse_model_row(entry, "of the scanner description") for entry in known]
+        if known := self.settings.scanner.pulse_models:
+            names = _common_names(list(self.calibrations.values()))
+            return pulse_model_rows(known, names, "of the scanner description")
         return [
-            pulse_model_row(entry, f"of {name}" if len(self.calibrations) > 1 else "of the file")
-            for name, calibration in self.calibrations.items()
-            for entry in calibration.pulse_models
+            row
+            for name, one in self.calibrations.items()
+            for row in pulse_model_rows(
+                one.pulse_models,
+                one.receiver_names,
+                f"of {name}" if len(self.calibrations) > 1 else "of the file",
+            )
         ]
 
     def all_notes(self) -> list[str]:
@@ -203,31 +207,32 @@ def threshold_rows(
         preparation = replace(settings, calibration=calibration).preparation
         for level in calibration.levels:
             value = f"{preparation.threshold_of(level):,} counts"
-            receiver = receiver_name(level, calibration.levels)
+            receiver = receiver_name(level, calibration.levels, calibration.receiver_names)
             named = ", ".join(filter(None, [name if len(calibrations) > 1 else "", receiver]))
             measured = f"baseline {level.baseline:.4g}, noise rms {level.noise_rms:.3g}"
             rows.append(("threshold", value, f"{named}: {measured}" if named else measured))
     return rows
 
 
-def pulse_model_row(entry: ReceiverModel, source: str) -> Row:
-    """Width of the pulse of a model, and the pulses of which it was made."""
-    model = entry.model
-    pulses = {"returned": "isolated echoes", "outgoing": "outgoing pulses"}[entry.origin]
-    channel = _CHANNELS.get(entry.channel_flag, str(entry.channel_flag))
-    return (
-        "pulse model",
-        f"{full_width(model) * model.sampling_interval * 1e9:.2f} ns",
-        f"{channel} channel, descriptor {entry.descriptor}: {entry.pulses:,} {pulses} {source}",
-    )
+def _common_names(calibrations: Sequence[Calibration]) -> dict[int, str]:
+    """The names of receivers on which all inputs agree."""
+    entries = [set(one.receiver_names.items()) for one in calibrations]
+    return dict(set.intersection(*entries)) if entries else {}
 
 
-def receiver_name(level: ChannelLevels, levels: Sequence[ChannelLevels]) -> str:
-    """What distinguishes a receiver from the others of its file; empty if it is the only one."""
-    if len(levels) == 1:
-        return ""
-    channel = _CHANNELS.get(level.channel_flag, str(level.channel_flag))
-    return f"{channel} channel, descriptor {level.descriptor}"
+def pulse_model_rows(
+    entries: Sequence[ReceiverModel], names: Mapping[int, str], source: str
+) -> list[Row]:
+    """Width of the pulse of each model, and the pulses of which it was made."""
+    rows = []
+    for entry in entries:
+        width = full_width(entry.model) * entry.model.sampling_interval * 1e9
+        receiver = receiver_name(entry, entries, names)
+        pulses = f"{entry.pulses:,} {PULSE_KINDS[entry.origin]} {source}"
+        rows.append(
+            ("pulse model", f"{width:.2f} ns", f"{receiver}: {pulses}" if receiver else pulses)
+        )
+    return rows
 
 
 def print_table(title: str, rows: list[Row], notes: list[str], results: list[Path]) -> None:

@@ -7,6 +7,7 @@ from collections.abc import Sequence
 from pathlib import Path
 
 from fullwaveform import __version__
+from fullwaveform.calibration.receiver_names import receiver_name
 from fullwaveform.core.driver import Mode
 from fullwaveform.extraction.extractor import ExtractionSettings
 
@@ -58,8 +59,9 @@ def _threshold(settings: ExtractionSettings) -> str:
     values = [settings.preparation.threshold_of(level) for level in levels]
     if len(set(values)) == 1:
         return f"{values[0]} (measured)"
+    names = settings.calibration.receiver_names
     receivers = (
-        f"{value} (measured, channel {level.channel_flag}, descriptor {level.descriptor})"
+        f"{value} (measured, {receiver_name(level, levels, names)})"
         for value, level in zip(values, levels, strict=True)
     )
     return ", ".join(receivers)

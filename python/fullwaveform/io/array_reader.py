@@ -23,6 +23,7 @@ from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.block_range import PendingBlock, last_cut
 from fullwaveform.io.limits import BLOCK_SAMPLES, NO_SAMPLES, NO_TIME, SURVEY_CHUNK, too_long
+from fullwaveform.io.spread import spread_windows
 
 _MAX_GAP = 8  # rejected rows that are read along with those around them
 
@@ -87,6 +88,19 @@ class ArrayReader(WaveformReader):
     def point_count(self) -> int:
         """Waveforms of the file."""
         return self._shape[0]
+
+    @property
+    def receiver_names(self) -> dict[int, str]:
+        """Names of the beams, if waveforms spread over the file have one for each number."""
+        beams = self._columns.beams
+        if beams is None:
+            return {}
+        found: set[tuple[int, str]] = set()
+        for rows in spread_windows(self.point_count):
+            numbers = self._read(self._columns.descriptors, rows).tolist()
+            found.update(zip(numbers, _texts(self._read(beams, rows)).tolist(), strict=True))
+        names = dict(sorted(found))
+        return names if len(names) == len(found) else {}
 
     @property
     def shot_columns(self) -> tuple[str, ...]:

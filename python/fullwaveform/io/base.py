@@ -137,6 +137,14 @@ class WaveformReader(ABC):
         return self.channel_numbers
 
     @property
+    def receiver_names(self) -> dict[int, str]:
+        """Name of each receiver in the terms of the format, by `WaveformBlock.descriptors`.
+
+        Without those to which the format refers as descriptors.
+        """
+        return {}
+
+    @property
     def beams(self) -> dict[str, int]:
         """Shots of each beam, by its name, skipped ones included; empty without beams."""
         return {}

@@ -36,7 +36,7 @@ def test_summary_prints_the_measured_thresholds(scan: Path) -> None:
     output = scan.with_name("echoes.csv")
     text = summary_of(scan, output, "--channel", "2=high")
     # Baseline 12 and noise rms 1.5 of the simulated scan: 12 + 5 * 1.5 = 19.5.
-    for receiver in ("low channel, descriptor 1", "high channel, descriptor 2"):
+    for receiver in ("low power, descriptor 1", "high power, descriptor 2"):
         assert re.search(
             rf"threshold 20 counts {receiver}: baseline 1[12]\.\d+, noise rms 1\.\d+", text
         )

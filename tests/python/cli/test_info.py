@@ -48,7 +48,7 @@ def test_table(scan: Path) -> None:
         "GPS time 1.500000 to 2.000000 s (0.5 s)",
         "baseline 10.59 counts (90 % of the waveforms 10 to 11.19)",
         # 10 + 5 / sqrt(12) = 11.4
-        "threshold 12 counts in extract (high channel, descriptor 2: baseline 10, noise rms 0)",
+        "threshold 12 counts in extract (high power, descriptor 2: baseline 10, noise rms 0)",
         "sample values 10 to 100 counts, 7 bits",
         "saturation 50.00% of the waveforms have a plateau at 100",
     ):

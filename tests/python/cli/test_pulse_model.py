@@ -35,8 +35,8 @@ def test_description_and_plot(scan: Path, tmp_path: Path) -> None:
 
     assert result.exit_code == 0, result.output
     output = words(result.stdout)
-    assert re.search(r"pulse model 3\.7\d ns low channel, descriptor 1: \d{3} isolated ech", output)
-    assert re.search(r"3\.7\d ns high channel, descriptor 2: \d{3} isolated echoes of the", output)
+    assert re.search(r"pulse model 3\.7\d ns low power, descriptor 1: \d{3} isolated ech", output)
+    assert re.search(r"3\.7\d ns high power, descriptor 2: \d{3} isolated echoes of the", output)
     assert f"result: {toml}" in output
     assert f"result: {plot}" in output
     assert image.imread(plot).shape[:2] == (1088, 1760)

@@ -135,6 +135,16 @@ def test_pulse_models_round_trip(manifest: Manifest, tmp_path: Path) -> None:
     assert len(difference) < 200
 
 
+def test_receiver_names_round_trip(manifest: Manifest, tmp_path: Path) -> None:
+    names = {5: "BEAM0101", 11: "BEAM1011"}
+    calibration = replace(manifest.inputs[0].calibration, receiver_names=names)
+    manifest.inputs[0] = replace(manifest.inputs[0], calibration=calibration)
+
+    JobFolder(tmp_path).write_manifest(manifest)
+
+    assert JobFolder(tmp_path).read_manifest().inputs[0].calibration.receiver_names == names
+
+
 def test_broken_pulse_model(manifest: Manifest, tmp_path: Path) -> None:
     model = ReceiverModel(1, 3, "returned", 120, gaussian_model())
     manifest.settings = replace(manifest.settings, pulse=(model,))

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from dataclasses import replace
 from pathlib import Path
 
 import numpy as np
@@ -31,7 +32,7 @@ HIGH = ChannelLevels(0, 5, waveforms=10, baseline=3.0, baseline_spread=0.0, nois
         (
             None,
             (HIGH, LOW),
-            "13 (measured, channel 0, descriptor 5), 8 (measured, channel 1, descriptor 4)",
+            "13 (measured, high power, descriptor 5), 8 (measured, low power, descriptor 4)",
         ),
     ],
 )
@@ -45,6 +46,15 @@ def test_threshold_is_that_of_the_run(
         calibration=Calibration(levels),
     )
     assert run_metadata(settings)["threshold"] == expected
+
+
+def test_thresholds_of_beams_have_their_names() -> None:
+    levels = (replace(LOW, channel_flag=0), HIGH)
+    names = {4: "BEAM0100", 5: "BEAM0101"}
+    settings = ExtractionSettings(
+        Scanner.default(), baseline="keep", calibration=Calibration(levels, receiver_names=names)
+    )
+    assert run_metadata(settings)["threshold"] == "8 (measured, BEAM0100), 13 (measured, BEAM0101)"
 
 
 def test_version_mode_and_name_of_the_input() -> None:

@@ -208,6 +208,11 @@ class ShotReader(WaveformReader):
         return self._tables[number]
 
     @property
+    def receiver_names(self) -> dict[int, str]:
+        """Names of the beams; of the instrument in a file without beams."""
+        return {table.number: table.name or self._system_identifier for table in self._tables}
+
+    @property
     def beams(self) -> dict[str, int]:
         """Shots of each beam, by its name, skipped ones included; empty without beams."""
         return {table.name: table.count for table in self._tables if table.name}

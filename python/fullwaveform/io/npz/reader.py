@@ -105,6 +105,13 @@ class NpzReader(ArrayReader):
         return self._channels
 
     @property
+    def receiver_names(self) -> dict[int, str]:
+        """The numbers in ``channel``; empty without it."""
+        if "channel" not in self._arrays:
+            return {}
+        return {number: f"channel {number}" for number in np.unique(self._descriptors()).tolist()}
+
+    @property
     def has_outgoing(self) -> bool:
         """Whether the file has ``out_samples``."""
         return self._has_outgoing

@@ -117,6 +117,11 @@ class PulseWavesReader(WaveformReader):
         return frozenset(one.channel for one in samplings if one.kind == RETURNING)
 
     @property
+    def receiver_names(self) -> dict[int, str]:
+        """The channels of the returning samplings."""
+        return {number: f"channel {number}" for number in sorted(self.channel_numbers)}
+
+    @property
     def channel_numbers_in_use(self) -> frozenset[int]:
         """Channels of the returning samplings of the descriptors to which pulses refer."""
         used = survey(self._pulses).descriptors
