@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import json
-from collections.abc import Mapping
+from collections.abc import Mapping, Sequence
 from contextlib import ExitStack
 from dataclasses import asdict
 from itertools import pairwise
@@ -13,6 +13,7 @@ from typing import Annotated, Any
 import typer
 from rich import box
 from rich.console import Console
+from rich.markup import escape
 from rich.table import Table
 
 from fullwaveform.analysis.histograms import Histogram
@@ -30,16 +31,17 @@ from fullwaveform.cli.info_origin import (
     show_point_file,
 )
 from fullwaveform.cli.options import (
+    AsOne,
     ChannelOption,
     IntervalOption,
     KeepDegraded,
     MaxSamples,
-    SourceFile,
+    SourceFiles,
     VerboseOption,
     refuse_quiet_and_verbose,
 )
 from fullwaveform.cli.progress import blocks_with_progress, print_line
-from fullwaveform.cli.reader_options import ReaderOptions
+from fullwaveform.cli.reader_options import ReaderOptions, check_as_one
 from fullwaveform.cli.summary import threshold_rows
 from fullwaveform.core.scanner import Scanner
 from fullwaveform.extraction.extractor import ExtractionSettings
@@ -53,7 +55,8 @@ _MAX_LISTED = 6  # entries of a distribution that are printed one by one
 
 
 def info(
-    source: SourceFile,
+    sources: SourceFiles,
+    as_one: AsOne = False,
     interval: IntervalOption = None,
     max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
     keep_degraded: KeepDegraded = False,
@@ -80,8 +83,11 @@ def info(
         fullwaveform info scan.las --channel 2=high --json
 
         fullwaveform info s3://bucket/scan.las
+
+        fullwaveform info line_1.pls line_2.pls --as-one
     """
     refuse_quiet_and_verbose(quiet, verbose)
+    check_as_one(sources, as_one)
     options = ReaderOptions(
         interval=interval,
         channel=channel,
@@ -90,11 +96,11 @@ def info(
         keep_degraded=keep_degraded,
     )
     with report_errors():
-        if (points := point_file(source)) is not None:
-            show_point_file(source, points, as_json=as_json)
+        if len(sources) == 1 and (points := point_file(sources[0])) is not None:
+            show_point_file(sources[0], points, as_json=as_json)
             return
-        sampled = is_remote(source) if whole is None else not whole
-        with options.open([source]) as reader, ExitStack() as shown:
+        sampled = any(map(is_remote, sources)) if whole is None else not whole
+        with options.open(sources) as reader, ExitStack() as shown:
             reader.on_unreadable = print_line if verbose else None
             if sampled:
                 contents = inspect_sample(reader)
@@ -102,15 +108,16 @@ def info(
                 blocks = shown.enter_context(blocks_with_progress(reader, quiet))
                 contents = inspect_waveforms(reader, blocks)
         if as_json:
-            typer.echo(json.dumps(_json(source, contents), indent=2))
+            typer.echo(json.dumps(_json(sources, contents), indent=2))
         else:
-            _show(source, contents, Console())
+            _show(sources, contents, Console())
 
 
-def _json(source: Path, contents: FileContents) -> dict[str, Any]:
+def _json(sources: Sequence[Path], contents: FileContents) -> dict[str, Any]:
     """All contents; intervals and times in s, levels in counts."""
     return {
-        "file": str(source),
+        "file": str(sources[0]),
+        "files": list(map(str, sources)),
         "format": contents.format,
         "points": contents.points,
         "points_without_waveform": contents.points_without_waveform,
@@ -179,17 +186,18 @@ def _json_histogram(histogram: Histogram) -> dict[str, list[int]]:
     return {"edges": histogram.edges.tolist(), "counts": histogram.counts.tolist()}
 
 
-def _show(source: Path, contents: FileContents, console: Console) -> None:
+def _show(sources: Sequence[Path], contents: FileContents, console: Console) -> None:
     plain = not console.encoding.startswith("utf")
+    more = f" and {len(sources) - 1} more" if len(sources) > 1 else ""
     table = Table(
-        title=f"{source.name}: {contents.format}",
+        title=escape(f"{sources[0].name}{more}: {contents.format}"),
         show_header=False,
         box=box.ASCII if plain else box.SQUARE,
     )
     table.add_column(style="bold", no_wrap=True)
     table.add_column(overflow="fold")
-    for name, text in _rows(contents):
-        table.add_row(name, text)
+    for row in _rows(contents):
+        table.add_row(*map(escape, row))
     console.print(table)
     _show_histogram(console, "samples by value, counts", contents.values(), plain)
     _show_histogram(console, "waveforms by largest sample, counts", contents.maxima(), plain)

@@ -2,12 +2,13 @@
 
 from __future__ import annotations
 
+import json
 from pathlib import Path
 
 import pyarrow.parquet
 import pytest
 
-from ..support.command_line import assert_error, assert_usage, names, run
+from ..support.command_line import assert_error, assert_usage, names, run, words
 from ..support.flight_lines import compressed, flight_line, in_parts, plain
 from ..support.las_scenes import four_shots
 
@@ -84,6 +85,37 @@ def _bands(path: Path) -> bytes:
     with rasterio.open(path) as volume:
         values: bytes = volume.read().tobytes()
     return values
+
+
+@pytest.mark.parametrize("options", [[], ["--sample"], ["--channel", "1=high"]])
+def test_contents_of_parts_are_those_of_the_line(
+    parts: list[Path], whole: Path, options: list[str]
+) -> None:
+    found, expected = (
+        json.loads(succeeded("info", *sources, "--json", *options))
+        for sources in ([*parts, "--as-one"], [whole])
+    )
+    assert (found.pop("file"), expected.pop("file")) == (str(parts[0]), str(whole))
+    assert (found.pop("files"), expected.pop("files")) == ([*map(str, parts)], [str(whole)])
+    assert found == expected
+    assert found["points"] == 11
+
+
+def test_table_of_contents_has_the_number_of_parts(parts: list[Path]) -> None:
+    table = words(succeeded("info", *parts, "--as-one"))
+    assert "line_1.plz and 2 more: PulseWaves" in table
+    assert "points 11" in table
+
+
+def succeeded(*call: str | Path) -> str:
+    result = run(*call)
+    assert result.exit_code == 0, result.output
+    return result.stdout
+
+
+def test_contents_of_one_file_at_a_time(parts: list[Path]) -> None:
+    result = run("info", *parts)
+    assert_usage(result, "3 inputs; give one, or the parts of a flight line with --as-one")
 
 
 @pytest.mark.parametrize("command", ["metrics", "pulses", "voxels", "plot"])

@@ -15,6 +15,7 @@ import pytest
 from fullwaveform.cli.app import COMMANDS
 
 from ..support.command_line import run, words
+from ..support.flight_lines import flight_line, in_parts, plain
 
 
 def examples(command: str) -> list[str]:
@@ -29,6 +30,7 @@ def files(tmp_path_factory: pytest.TempPathFactory) -> Path:
     scan = folder / "scan.las"
     assert run("simulate", scan, "--shots", "1500").exit_code == 0
     assert run("simulate", folder / "second.las", "--shots", "50", "--seed", "2").exit_code == 0
+    in_parts(flight_line(), [4, 7], folder, plain)
     for name in ("echoes.las", "echoes.csv"):
         assert run("extract", scan, "-o", folder / name, "--threshold", "20").exit_code == 0
     for job in ("planned_job", "computed_job"):

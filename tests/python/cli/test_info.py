@@ -59,7 +59,7 @@ def lines_of(scan: Path, encoding: str, width: int = 100) -> list[str]:
     """Output on a terminal of the given encoding; fails on characters outside of it."""
     stream = io.TextIOWrapper(io.BytesIO(), encoding=encoding, errors="strict")
     with open_waveforms(scan) as reader:
-        _show(scan, inspect_waveforms(reader), Console(file=stream, width=width))
+        _show([scan], inspect_waveforms(reader), Console(file=stream, width=width))
     stream.flush()
     return stream.buffer.getvalue().decode(encoding).splitlines()  # type: ignore[attr-defined]
 
