@@ -57,7 +57,7 @@ def file_bars(console: Console) -> FollowingProgress:
     """Bars with points done, points per second and time left; they fit 80 columns."""
     fixed = Column(no_wrap=True)  # only the bar itself shrinks
     return FollowingProgress(
-        TextColumn("{task.description}"),
+        TextColumn("{task.description}", markup=False),
         BarColumn(),
         TaskProgressColumn(),
         TextColumn("{task.completed:,.0f} points"),

@@ -239,15 +239,16 @@ def print_table(title: str, rows: list[Row], notes: list[str], results: list[Pat
     """Print rows as a table, then a line for each note and each file written."""
     # Loaded here, because a quiet run prints no table.
     from rich.console import Console
+    from rich.markup import escape
     from rich.table import Table
 
     console = Console()
-    table = Table(title=title, show_header=False)
+    table = Table(title=escape(title), show_header=False)
     table.add_column(style="bold", no_wrap=True)
     table.add_column(justify="right", no_wrap=True)
     table.add_column()
     for row in rows:
-        table.add_row(*row)
+        table.add_row(*map(escape, row))
     console.print(table)
     for line in [*(f"note: {note}" for note in notes), *(f"result: {path}" for path in results)]:
         console.print(line, soft_wrap=True, markup=False, highlight=False)

@@ -46,6 +46,20 @@ def shown(path: Path) -> dict[str, Any]:
     return dict(json.loads(result.stdout))
 
 
+def test_texts_in_brackets_are_shown_as_they_are(scan: Path) -> None:
+    las = laspy.read(scan)
+    las.header.system_identifier, las.header.generating_software = "[/red]", "[bold]recorder"
+    source = scan.with_name("[b]scan.las")
+    las.write(source)
+    source.with_suffix(".wdp").write_bytes(scan.with_suffix(".wdp").read_bytes())
+    text = words(run("info", source).stdout)
+    assert "[b]scan.las: LAS 1.3" in text
+    assert "system [/red]" in text
+    assert "software [bold]recorder" in text
+    result = run("extract", source, "-o", scan.with_name("echoes.csv"))
+    assert "[b]scan.las: Fitting gauss curve" in words(result.stdout)
+
+
 def test_descriptors_in_use(scan: Path) -> None:
     assert shown(scan)["descriptors"] == [
         {

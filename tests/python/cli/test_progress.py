@@ -12,13 +12,13 @@ from fullwaveform.cli.progress_bars import file_bars
 NAME = "flight_line_2026-11-21_north_strip_17.pls"
 
 
-def last_line(total: float, done: float, seconds: float) -> str:
-    """The bar of a long name on 80 columns, `seconds` after the start."""
+def last_line(total: float, done: float, seconds: float, name: str = NAME) -> str:
+    """The bar of a file on 80 columns, `seconds` after the start."""
     console = Console(file=io.StringIO(), force_terminal=True, width=80, color_system=None)
     progress = file_bars(console)
     now = 0.0
     progress.get_time = lambda: now
-    task = progress.add_task(shortened(NAME), total=total)
+    task = progress.add_task(shortened(name), total=total)
     for half in (1, 2):
         now = half * seconds / 2
         progress.update(task, completed=half * done / 2)
@@ -34,6 +34,10 @@ def test_rate_and_remaining_time_fit_next_to_a_long_name() -> None:
     assert line.startswith("flight_li…rip_17.pls ")
     assert line.endswith(" 25% 10,000,000 points 500,000 points/s 0:01:00")
     assert len(line) <= 80
+
+
+def test_name_in_brackets_is_shown_as_it_is() -> None:
+    assert last_line(4.0, 1.0, 20.0, "[/b]scan.las").startswith("[/b]scan.las ")
 
 
 def test_only_long_names_are_shortened() -> None:
