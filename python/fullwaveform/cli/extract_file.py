@@ -21,7 +21,7 @@ from fullwaveform.extraction.extractor import ExtractionTally
 from fullwaveform.extraction.pipeline import extracted_blocks, write_echoes
 from fullwaveform.extraction.run_metadata import run_metadata
 from fullwaveform.extraction.warning_file import warning_path
-from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.echo_writers.echo_writer import EchoWriter
 from fullwaveform.io.echo_writers.opening import open_echo_file
 from fullwaveform.io.remote import is_remote
 

@@ -29,8 +29,9 @@ from fullwaveform.extraction.extractor import ExtractedBlock
 from fullwaveform.extraction.pipeline import extracted_blocks, write_echoes
 from fullwaveform.extraction.run_metadata import run_metadata
 from fullwaveform.io.atomic import ANY_FILE, protected_inputs
-from fullwaveform.io.base import EchoWriter, WaveformReader
+from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.block_range import BlockStart
+from fullwaveform.io.echo_writers.echo_writer import EchoWriter
 from fullwaveform.io.echo_writers.las import LasEchoWriter
 from fullwaveform.io.echo_writers.opening import echo_outputs, open_echo_file
 from fullwaveform.io.opening import open_waveforms

@@ -19,7 +19,7 @@ from fullwaveform.extraction.extractor import (
 from fullwaveform.extraction.threads import checked_workers, processed_in_order, worked_behind
 from fullwaveform.extraction.warning_file import append_statistics
 from fullwaveform.extraction.waveform_table import WaveformState, WaveformTable
-from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.echo_writers.echo_writer import EchoWriter
 
 
 def available_workers() -> int:

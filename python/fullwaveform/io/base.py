@@ -1,4 +1,4 @@
-"""Base classes of the readers and writers of all formats."""
+"""Base class of the readers of all formats."""
 
 from __future__ import annotations
 
@@ -6,7 +6,6 @@ import copy
 import os
 from abc import ABC, abstractmethod
 from collections.abc import Callable, Iterator, Mapping
-from contextlib import AbstractContextManager, contextmanager
 from pathlib import Path
 from types import TracebackType
 from typing import Any, ClassVar, Self
@@ -18,9 +17,7 @@ from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import IntArray, UInt8Array
 from fullwaveform.data.blocks import ReadTally, WaveformBlock
 from fullwaveform.data.counting import counted
-from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.atomic import FileKind, OutputFile, atomic_open
 from fullwaveform.io.block_range import START_OF_FILE, BlockRange, BlockStart, PendingBlock
 from fullwaveform.io.interruption import raise_if_requested
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES
@@ -356,87 +353,3 @@ def flag_table(channel_flags: Mapping[int, int] | int) -> UInt8Array:
             )
         table[number] = flag
     return table
-
-
-class FileWriter(ABC):
-    """A file that is written piece by piece; to be used in a ``with`` statement.
-
-    The file gets its name when the statement ends without an error. Raises OSError if it cannot be
-    written, FileExistsError as `check_output` does.
-    """
-
-    #: What the file is; an existing file of another kind is not replaced.
-    kind: FileKind | None = None
-    #: Whether an existing file of this kind is replaced; to be set before the ``with`` statement.
-    overwrite: bool = False
-
-    @classmethod
-    def outputs(cls, path: Path) -> dict[Path, FileKind]:
-        """Names and kinds of the files that are written for `path`, before any is."""
-        return {} if cls.kind is None else {path: cls.kind}
-
-    def __init__(self, path: str | os.PathLike[str]) -> None:
-        self.path = location(path)
-        self.count = 0  # what was written
-        self._stream: OutputFile | None = None  # None while the file is not open
-        self._context: AbstractContextManager[None] | None = None
-
-    def __enter__(self) -> Self:
-        self._context = self._open()
-        self._context.__enter__()
-        return self
-
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        trace: TracebackType | None,
-    ) -> None:
-        if self._context is not None:
-            context, self._context = self._context, None
-            context.__exit__(kind, error, trace)
-
-    @contextmanager
-    def _open(self) -> Iterator[None]:
-        with atomic_open(self.path, self.kind, overwrite=self.overwrite) as self._stream:
-            try:
-                with self._content(self._stream):
-                    yield
-            finally:
-                self._stream = None
-
-    @abstractmethod
-    def _content(self, stream: OutputFile) -> AbstractContextManager[None]:
-        """Write what precedes the pieces on entry, what follows them on exit."""
-
-    def _open_stream(self) -> OutputFile:
-        """The open file; ValueError outside the ``with`` statement."""
-        if self._stream is None:
-            raise ValueError(f"{self.path} is not open for writing")
-        return self._stream
-
-
-class EchoWriter(FileWriter):
-    """A file of echoes; `count` does not include rows of waveforms without echoes."""
-
-    #: Whether the file can have rows of waveforms without echoes.
-    takes_empty: ClassVar[bool] = True
-    #: Whether the file holds the waveforms of the echoes, too.
-    holds_waveforms: ClassVar[bool] = False
-
-    def write(self, echoes: EchoTable, waveforms: WaveformBlock | None = None) -> None:
-        """Append the echoes; ValueError outside the ``with`` statement.
-
-        `waveforms` is the block in which they were found, for files that hold waveforms.
-        """
-        stream = self._open_stream()
-        self._append(echoes, stream)
-        stream.check()
-
-    @abstractmethod
-    def _append(self, echoes: EchoTable, stream: OutputFile) -> None:
-        """Write the echoes to the open file and count them."""
-
-    def notes(self) -> tuple[str, ...]:
-        """What the file does not hold exactly, one message each."""
-        return ()

@@ -12,8 +12,8 @@ import pyarrow.parquet
 
 from fullwaveform.data.columns import Column, Table, arrow_schema
 from fullwaveform.io.atomic import FileKind, OutputFile
-from fullwaveform.io.base import FileWriter
 from fullwaveform.io.echo_writers.row_groups import RowGroups
+from fullwaveform.io.file_writer import FileWriter
 from fullwaveform.io.remote import path_or_stream
 
 _ROWS_PER_GROUP = 2**17

@@ -15,7 +15,7 @@ import pyarrow.parquet
 from fullwaveform.data.arrays import RecordArray
 from fullwaveform.data.echo_records import QUANTITIES
 from fullwaveform.io.atomic import FileKind, OutputFile
-from fullwaveform.io.base import FileWriter
+from fullwaveform.io.file_writer import FileWriter
 from fullwaveform.io.remote import path_or_stream
 
 #: Name endings of the files.

@@ -16,7 +16,6 @@ from fullwaveform.core.scanner import Scanner
 from fullwaveform.data.arrays import AnyArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.io.atomic import FileKind, OutputFile
-from fullwaveform.io.base import FileWriter
 from fullwaveform.io.container.attributes import write_las_header, write_scanner
 from fullwaveform.io.container.layout import (
     BEAM_TEXT,
@@ -34,6 +33,7 @@ from fullwaveform.io.container.layout import (
     Field,
 )
 from fullwaveform.io.container.values import plain_value, stored_text
+from fullwaveform.io.file_writer import FileWriter
 from fullwaveform.io.remote import path_or_stream
 
 _CHUNK_BYTES = 1 << 19  # approximate limit of a chunk

@@ -10,7 +10,7 @@ from fullwaveform.core.ascii_export import ascii_lines
 from fullwaveform.data.echo_columns import EchoTable
 from fullwaveform.data.empty_waveforms import without_empty_waveforms
 from fullwaveform.io.atomic import FileKind, OutputFile
-from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.echo_writers.echo_writer import EchoWriter
 
 
 def _is_export(path: Path) -> bool:

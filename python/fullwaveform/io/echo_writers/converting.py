@@ -12,10 +12,10 @@ from fullwaveform.data.arrays import AnyArray, BoolArray
 from fullwaveform.data.echo_columns import SHOT_COLUMNS, EchoTable, table_columns
 from fullwaveform.data.echo_records import EchoFile
 from fullwaveform.data.errors import WaveformFileError
-from fullwaveform.io.base import EchoWriter
 from fullwaveform.io.echo_readers.opening import open_echoes
 from fullwaveform.io.echo_writers.csv import CsvEchoWriter
 from fullwaveform.io.echo_writers.csv_metadata import metadata_path
+from fullwaveform.io.echo_writers.echo_writer import EchoWriter
 from fullwaveform.io.echo_writers.parquet import ParquetEchoWriter
 from fullwaveform.io.interruption import raise_if_requested
 from fullwaveform.io.run_record import RUN_METADATA_KEY

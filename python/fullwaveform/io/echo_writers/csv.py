@@ -13,8 +13,8 @@ from fullwaveform.core.csv_lines import csv_lines
 from fullwaveform.data.columns import Table
 from fullwaveform.data.echo_columns import EchoTable, table_columns
 from fullwaveform.io.atomic import FileKind, OutputFile, atomic_open
-from fullwaveform.io.base import EchoWriter
 from fullwaveform.io.echo_writers.csv_metadata import METADATA_KIND, metadata_path, metadata_text
+from fullwaveform.io.echo_writers.echo_writer import EchoWriter
 from fullwaveform.io.echo_writers.table_file import TableFile
 
 # Columns by which a table of echoes is recognised, whatever others the version that wrote it has.

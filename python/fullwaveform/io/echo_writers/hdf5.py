@@ -16,7 +16,7 @@ from fullwaveform.data.arrays import AnyArray
 from fullwaveform.data.columns import Column
 from fullwaveform.data.echo_columns import EchoTable, table_columns
 from fullwaveform.io.atomic import FileKind, OutputFile
-from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.echo_writers.echo_writer import EchoWriter
 from fullwaveform.io.echo_writers.row_groups import GroupedTableFile
 from fullwaveform.io.remote import path_or_stream
 from fullwaveform.io.run_record import RUN_METADATA_KEY, run_metadata_text

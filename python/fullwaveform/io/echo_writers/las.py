@@ -17,7 +17,7 @@ from fullwaveform.data.echo_columns import EXTRA_BYTES, EchoTable, las_dimension
 from fullwaveform.data.empty_waveforms import without_empty_waveforms
 from fullwaveform.data.summaries import median
 from fullwaveform.io.atomic import FileKind, OutputFile
-from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.echo_writers.echo_writer import EchoWriter
 from fullwaveform.io.echo_writers.las_header import (
     carried_names,
     echo_header,

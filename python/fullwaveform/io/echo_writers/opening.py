@@ -11,7 +11,7 @@ from typing import Any
 import laspy
 
 from fullwaveform.io.atomic import FileKind
-from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.echo_writers.echo_writer import EchoWriter
 from fullwaveform.io.reference_system import reference_system
 from fullwaveform.io.remote import location
 

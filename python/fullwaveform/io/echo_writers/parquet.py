@@ -14,7 +14,7 @@ import pyarrow.parquet
 from fullwaveform.data.columns import arrow_schema
 from fullwaveform.data.echo_columns import EchoTable, table_columns
 from fullwaveform.io.atomic import FileKind, OutputFile
-from fullwaveform.io.base import EchoWriter
+from fullwaveform.io.echo_writers.echo_writer import EchoWriter
 from fullwaveform.io.echo_writers.geoparquet import with_geometry, with_points
 from fullwaveform.io.echo_writers.row_groups import GroupedTableFile
 from fullwaveform.io.remote import path_or_stream

@@ -8,7 +8,7 @@ from collections.abc import Mapping, Sequence
 from typing import Any
 
 from fullwaveform.data.columns import Column, Table
-from fullwaveform.io.base import FileWriter
+from fullwaveform.io.file_writer import FileWriter
 
 
 class TableFile(FileWriter):
