@@ -15,7 +15,8 @@ from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.hdf5.datasets import check_rows, numeric_dataset
 from fullwaveform.io.hdf5.places import known_degrees
 from fullwaveform.io.hdf5.samples import gathered
-from fullwaveform.io.hdf5.shot_reader import ShotReader, ShotTable, rows_in_parts
+from fullwaveform.io.hdf5.shot_reader import ShotReader
+from fullwaveform.io.hdf5.shot_table import ShotTable, rows_in_parts
 
 BEAM = re.compile(r"BEAM[01]{4}")
 SAMPLES = "rxwaveform"

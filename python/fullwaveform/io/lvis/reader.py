@@ -22,7 +22,8 @@ from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.hdf5.datasets import check_rows, numeric_dataset
 from fullwaveform.io.hdf5.places import known_degrees
 from fullwaveform.io.hdf5.samples import rows_of_counts
-from fullwaveform.io.hdf5.shot_reader import ShotReader, ShotTable
+from fullwaveform.io.hdf5.shot_reader import ShotReader
+from fullwaveform.io.hdf5.shot_table import ShotTable
 from fullwaveform.io.limits import MAX_SAMPLES
 
 SAMPLES = "RXWAVE"
