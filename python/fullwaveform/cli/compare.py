@@ -19,7 +19,8 @@ from fullwaveform.analysis.comparison import (
     compare_echoes,
 )
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.options import local_path, require_suffix
+from fullwaveform.cli.option_values import local_path
+from fullwaveform.cli.options import require_suffix
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.summary import Row, print_table
 from fullwaveform.data.echo_records import QUANTITIES

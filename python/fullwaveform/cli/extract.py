@@ -22,13 +22,8 @@ from fullwaveform.cli.many_files import (
     check_format,
     check_names,
 )
-from fullwaveform.cli.options import (
-    AsOne,
-    QuietOption,
-    SourceFiles,
-    integer_from,
-    refuse_quiet_and_verbose,
-)
+from fullwaveform.cli.option_values import integer_from
+from fullwaveform.cli.options import AsOne, QuietOption, SourceFiles, refuse_quiet_and_verbose
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import print_line, progress_bar
 from fullwaveform.cli.reader_options import with_options

@@ -12,9 +12,10 @@ import typer
 from rich.console import Console
 from rich.progress import BarColumn, MofNCompleteColumn, Progress, TextColumn, TimeRemainingColumn
 
+from fullwaveform.cli.channel_flags import ChannelNumbers
 from fullwaveform.cli.extract_options import ExtractOptions
 from fullwaveform.cli.many_files import check_folder
-from fullwaveform.cli.options import ChannelNumbers, integer_from
+from fullwaveform.cli.option_values import integer_from
 from fullwaveform.cli.progress import ProgressLines, print_line, shortened
 from fullwaveform.cluster.inputs import InputFile
 from fullwaveform.cluster.manifest import MANIFEST_NAME

@@ -10,12 +10,12 @@ import typer
 
 from fullwaveform.cli.convert import print_left_out
 from fullwaveform.cli.errors import report_errors
+from fullwaveform.cli.option_values import integer_from
 from fullwaveform.cli.options import (
     AsOne,
     QuietOption,
     SourceFiles,
     VerboseOption,
-    integer_from,
     refuse_quiet_and_verbose,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs

@@ -16,7 +16,8 @@ from fullwaveform.cli.many_files import (
     check_format,
     check_names,
 )
-from fullwaveform.cli.options import QuietOption, SourceFiles, integer_from
+from fullwaveform.cli.option_values import integer_from
+from fullwaveform.cli.options import QuietOption, SourceFiles
 from fullwaveform.cli.progress import print_line
 from fullwaveform.cli.reader_options import with_options
 from fullwaveform.cluster.executors import ExecutorWorkers, local_executor

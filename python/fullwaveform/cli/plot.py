@@ -12,6 +12,7 @@ from fullwaveform.analysis.waveform_views import WaveformView, waveform_views
 from fullwaveform.calibration.calibration import measure
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_options import check_mode_options, scanner_for
+from fullwaveform.cli.option_values import integer_from, local_path
 from fullwaveform.cli.options import (
     AfterPulseOption,
     AsOne,
@@ -25,8 +26,6 @@ from fullwaveform.cli.options import (
     SourceFiles,
     ThresholdOption,
     TimeOption,
-    integer_from,
-    local_path,
     require_suffix,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs

@@ -16,13 +16,13 @@ from fullwaveform.calibration.levels import measure_levels
 from fullwaveform.calibration.pulse_model import MeasuredPulse, measure_pulse_models
 from fullwaveform.calibration.receiver_names import receiver_name
 from fullwaveform.cli.errors import report_errors
+from fullwaveform.cli.option_values import local_path
 from fullwaveform.cli.options import (
     ChannelOption,
     IntervalOption,
     MaxSamples,
     PulseOption,
     SourceFile,
-    local_path,
     require_suffix,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs

@@ -11,17 +11,15 @@ from typing import Any, get_type_hints
 
 import typer
 
+from fullwaveform.cli.channel_flags import ChannelFlags, ChannelNumbers, channel_flags_from
 from fullwaveform.cli.options import (
     BlockOption,
-    ChannelFlags,
-    ChannelNumbers,
     ChannelOption,
     CrsOption,
     IntervalOption,
     KeepDegraded,
     MaxSamples,
     SkipUnreadable,
-    channel_flags_from,
 )
 from fullwaveform.io.base import WaveformReader
 from fullwaveform.io.limits import DEFAULT_MAX_SAMPLES

@@ -12,6 +12,7 @@ from fullwaveform.analysis.waveform_selection import SelectedShot, Selector, fin
 from fullwaveform.calibration.calibration import measure
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_options import scanner_for
+from fullwaveform.cli.option_values import integer_from
 from fullwaveform.cli.options import (
     AfterPulseOption,
     ChannelOption,
@@ -22,7 +23,6 @@ from fullwaveform.cli.options import (
     SourceFile,
     ThresholdOption,
     TimeOption,
-    integer_from,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.reader_options import ReaderOptions

@@ -11,7 +11,8 @@ from typing import Annotated
 import typer
 
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.options import QuietOption, integer_from
+from fullwaveform.cli.option_values import integer_from
+from fullwaveform.cli.options import QuietOption
 from fullwaveform.cluster.checksums import verify
 from fullwaveform.cluster.folder import JobFolder
 from fullwaveform.cluster.join import collect

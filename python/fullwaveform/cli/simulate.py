@@ -8,7 +8,8 @@ from typing import Annotated
 import typer
 
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.options import local_path, require_suffix
+from fullwaveform.cli.option_values import local_path
+from fullwaveform.cli.options import require_suffix
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.data.counting import counted
 from fullwaveform.simulation import ScanSettings, simulate_scan, write_recording, write_scan

@@ -11,12 +11,8 @@ import typer
 
 from fullwaveform.calibration.averaging import AveragePulse
 from fullwaveform.cli.errors import report_errors
-from fullwaveform.cli.options import (
-    ThresholdOption,
-    local_path,
-    parse_interval,
-    require_suffix,
-)
+from fullwaveform.cli.option_values import local_path, parse_interval
+from fullwaveform.cli.options import ThresholdOption, require_suffix
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.summary import Row, print_table
 from fullwaveform.core.constants import SYSTEM_WAVE_SAMPLES

@@ -15,6 +15,7 @@ import typer
 from fullwaveform.cli.errors import report_errors
 from fullwaveform.cli.extract_file import FileRun
 from fullwaveform.cli.extract_options import ExtractOptions
+from fullwaveform.cli.option_values import integer_from, local_path
 from fullwaveform.cli.options import (
     ChannelOption,
     CrsOption,
@@ -24,8 +25,6 @@ from fullwaveform.cli.options import (
     ModeOption,
     ScannerFile,
     SourceFile,
-    integer_from,
-    local_path,
     require_suffix,
 )
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs

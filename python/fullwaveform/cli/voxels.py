@@ -10,12 +10,12 @@ import typer
 
 from fullwaveform.cli.convert import print_left_out
 from fullwaveform.cli.errors import report_errors
+from fullwaveform.cli.option_values import local_path
 from fullwaveform.cli.options import (
     AsOne,
     QuietOption,
     SourceFiles,
     VerboseOption,
-    local_path,
     refuse_quiet_and_verbose,
     require_suffix,
 )
