@@ -252,7 +252,8 @@ class _Requests:
 
     def _selection(self, request: Request) -> Selection:
         query = request.query_params
-        return Selection.of_text(query.get("box", ""), query.getlist("bars"))
+        box, slab = query.get("box", ""), query.get("slab", "")
+        return Selection.of_text(box, query.getlist("bars"), slab)
 
     def _echo(self, request: Request, index: int) -> dict[str, Any]:
         place = self._layer(request).echoes.place(index)

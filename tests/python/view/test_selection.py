@@ -10,7 +10,7 @@ import pytest
 
 from fullwaveform.view.directory import WaveformDirectory
 from fullwaveform.view.echo_index import EchoIndex
-from fullwaveform.view.selection import Selection, selected_rows
+from fullwaveform.view.selection import Selection, Slab, selected_rows
 from fullwaveform.view.statistics import described_selection
 
 #: West, south, east and north of the two eastern shots, from the origin at x 10 m and y 10 m.
@@ -58,6 +58,49 @@ def test_box_has_the_echoes_between_its_edges(
 def test_edges_belong_to_the_box(index: EchoIndex) -> None:
     assert rows(index, Selection((80.0, 0.0, 80.0, 0.0))) == [1, 2]
     assert rows(index, Selection((80.001, -1.0, 90.0, 90.0))) == []
+
+
+#: From the first shot to that in the south east; heights are from 127 m.
+SOUTH = ((0.0, 0.0), (80.0, 0.0))
+
+
+@pytest.mark.parametrize(
+    ("slab", "expected"),
+    [
+        (Slab(*SOUTH, 1.0, -9.0, 9.0), [0, 1, 2]),
+        (Slab((0.0, 0.0), (80.0, 80.0), 5.0, -9.0, 9.0), [0, 6]),
+        (Slab((80.0, 80.0), (0.0, 0.0), 5.0, -9.0, -0.5), [6]),
+        (Slab((0.0, 80.0), (80.0, 0.0), 5.0, 0.0, 9.0), [1, 3]),
+        # Edges belong to the box.
+        (Slab(*SOUTH, 0.0, -3.0, -3.0), [2]),
+        (Slab(*SOUTH, 80.0, -9.0, 9.0), [0, 1, 2, 3, 4, 5, 6]),
+        (Slab(*SOUTH, 79.9, -9.0, 9.0), [0, 1, 2]),
+        (Slab((0.1, 0.0), (80.0, 0.0), 1.0, -9.0, 9.0), [1, 2]),
+        (Slab((0.0, 0.0), (79.9, 0.0), 1.0, -9.0, 9.0), [0]),
+        (Slab((0.0, 0.0), (0.0, 0.0), 1.0, -9.0, 9.0), []),
+        (Slab((-5e3, 0.0), (-4e3, 0.0), 1.0, -9.0, 9.0), []),
+    ],
+)
+def test_slab_has_the_echoes_near_its_line(
+    index: EchoIndex, slab: Slab, expected: list[int]
+) -> None:
+    assert rows(index, Selection(slab=slab)) == expected
+
+
+def test_slab_box_and_bars_are_combined(index: EchoIndex) -> None:
+    slab = Slab(*SOUTH, 80.0, -9.0, 9.0)
+    assert rows(index, Selection(EAST, slab=slab)) == [1, 2, 6]
+    first = {"echo_number": frozenset({1})}
+    assert rows(index, Selection(EAST, first, slab)) == [1, 6]
+
+
+@pytest.mark.parametrize(
+    "slab",
+    ["1,2,3,4,5,6", "1,2,3,4,5,6,x", "1,2,3,4,5,nan,7", "1,2,3,4,-1,6,7", "1,2,3,4,5,7,6", "1"],
+)
+def test_invalid_slabs_are_refused(slab: str) -> None:
+    with pytest.raises(ValueError, match=r"side view .*; expected seven numbers: x and y of both"):
+        Selection.of_text("", [], slab)
 
 
 def test_bars_select_the_echoes_of_their_values(index: EchoIndex) -> None:
@@ -182,6 +225,30 @@ def test_box_of_many_echoes_is_exact(waveforms: WaveformDirectory, tmp_path: Pat
         selection = Selection(relative, {"echo_number": frozenset({2})})
         assert rows(index, selection) == np.flatnonzero(inside).tolist()
         assert described(index, waveforms, selection)["echoes"] == int(inside.sum())
+    index.close()
+
+
+def test_slab_of_many_echoes_is_exact(waveforms: WaveformDirectory, tmp_path: Path) -> None:
+    """Compared with places that are turned by the angle of the line, 0.3 rad."""
+    xyz = np.round(np.random.default_rng(2).uniform(0.0, 1000.0, (60_000, 3)), 1)
+    index = made(tmp_path, waveforms, [f"{x},{y},{z}" for x, y, z in xyz])
+    assert len(index.nodes()["level"]) > 20
+    origin = np.array(index.described["origin"])
+    turn = np.array([[np.cos(0.3), np.sin(0.3)], [-np.sin(0.3), np.cos(0.3)]])
+    start = np.array([200.0, 150.0])
+    at, aside = turn @ (xyz[:, :2] - start).T
+    inside = np.array([at, 600.0 - at, 70.0 - abs(aside), xyz[:, 2] - 100.0, 800.0 - xyz[:, 2]])
+    from_edge = abs(inside).min(axis=0)  # places are of 32 bits
+    relative = start - origin[:2]
+    end = relative + 600.0 * turn[0]
+    low, high = 100.0 - origin[2], 800.0 - origin[2]
+    selection = Selection(slab=Slab(tuple(relative), tuple(end), 70.0, low, high))
+    found = selected_rows(index, selection)
+    clear = from_edge > 1e-3
+    assert np.count_nonzero(~clear) < 300
+    assert np.count_nonzero(found) > 3000
+    expected = (inside > 0.0).all(axis=0)
+    assert found[clear].tolist() == expected[clear].tolist()
     index.close()
 
 

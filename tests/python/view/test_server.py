@@ -215,6 +215,7 @@ def test_moves_answer_the_echo_or_the_waveform(served: Client) -> None:
         ("layers/0/next/empty?waveform=99999", "waveforms are numbered 0 to 4"),
         ("layers/0/echoes/7", "no echo 7"),
         ("layers/0/selection?box=1,2,3", "invalid box '1,2,3'"),
+        ("layers/0/selection?slab=1,2,3", "invalid box of a side view '1,2,3'"),
         ("layers/0/selection?bars=amplitude:x", "invalid bar 'x'"),
         ("layers/0/selection?bars=up:1", "no histogram of 'up'"),
         ("layers/1/selection", "no file of echoes 1"),

@@ -182,9 +182,10 @@ function listen() {
   find("#side-off").addEventListener("click", () => map.removeLine());
   find("#whole-map").addEventListener("click", () => map.whole());
   find("#side-width").addEventListener("change", () => {
-    if (map.line) {
-      map.line.halfWidth = halfWidth();
+    if (map.side) {
+      map.side.halfWidth = halfWidth();
       map.moved();
+      brushing.changedSide();
     }
   });
   const recompute = run(() => current.waveform !== null && showWaveform());
@@ -199,6 +200,7 @@ function listen() {
     if (isTyping || event.ctrlKey || event.altKey || event.metaKey) return;
     if (event.key in KEYS) run(move)(...KEYS[event.key]);
     else if (event.key === "b") brushing.selectView();
+    else if (event.key === "B" && map.side) brushing.selectSide();
     else return;
     event.preventDefault();
   });

@@ -6,6 +6,7 @@ import { Histogram } from "./statistics.js";
 
 const find = (selector) => document.querySelector(selector);
 const SIDES = ["west", "south", "east", "north"];
+const SLAB = ["from", "to", "lowest", "highest"];
 const count = (number, one) => `${number.toLocaleString("en")} ${one}${number === 1 ? "" : one === "echo" ? "es" : "s"}`;
 
 export class Brushing {
@@ -16,6 +17,8 @@ export class Brushing {
     this.histograms = [];
     this.isCounting = false;
     map.onBox = (from, to) => this.selection.setBox(from, to);
+    map.onSlab = (from, to) => this.selection.setSlab(map.side, from, to);
+    map.onSide = () => this.showNumbersOfRegion();
     this.listen();
   }
 
@@ -32,8 +35,8 @@ export class Brushing {
 
   changed() {
     const { map, selection } = this;
-    map.select(selection.box, selection.isEmpty ? null : (columns) => selection.chosen(columns));
-    this.showBox();
+    map.select(selection, selection.isEmpty ? null : (columns) => selection.chosen(columns));
+    this.showNumbersOfRegion();
     for (const histogram of this.histograms) histogram.update(histogram.part, selection.bars.get(histogram.name));
     find("#clear").disabled = selection.isEmpty;
     this.isStale = true;
@@ -117,34 +120,65 @@ export class Brushing {
     find("#worst-note").textContent = worst.length ? "" : none;
   }
 
+  // The width of the side view has changed.
+  changedSide() {
+    if (this.selection.slab?.side === this.map.side) this.changed();
+  }
+
   // ---- box in numbers ----
 
-  showBox() {
+  showNumbersOfRegion() {
     const { origin, size } = this.map.layer;
-    const { box } = this.selection;
+    const { box, slab } = this.selection;
     const digits = Math.min(Math.max(6 - Math.floor(Math.log10(size)), 0), 15); // a millionth of the extent
-    SIDES.forEach((side, i) => {
-      find(`#${side}`).value = box ? Number((box[i] + origin[i % 2]).toFixed(digits)) : "";
-    });
+    const show = (id, value) => (find(`#${id}`).value = value === undefined ? "" : Number(value.toFixed(digits)));
+    SIDES.forEach((side, i) => show(side, box ? box[i] + origin[i % 2] : undefined));
+    find("#slab-form").hidden = !this.map.side;
+    const shown = slab?.side === this.map.side ? slab : null;
+    const numbers = shown ? [slab.from, slab.to, slab.low + origin[2], slab.high + origin[2]] : [];
+    SLAB.forEach((id, i) => show(id, numbers[i]));
   }
 
   readBox() {
     const { origin } = this.map.layer;
-    const texts = SIDES.map((side) => find(`#${side}`).value);
-    if (texts.every((text) => text === "")) return this.selection.removeBox();
-    if (texts.some((text) => text === "")) return undefined; // until all are given
-    const [west, south, east, north] = texts.map((text, i) => Number(text) - origin[i % 2]);
-    return this.selection.setBox([west, south], [east, north]);
+    const [west, south, east, north] = this.read(SIDES).map((value, i) => value - origin[i % 2]);
+    if (north !== undefined) this.selection.setBox([west, south], [east, north]);
+  }
+
+  readSlab() {
+    const { layer, side } = this.map;
+    const [from, to, low, high] = this.read(SLAB);
+    if (high === undefined) return;
+    this.selection.setSlab(side, [from, low - layer.origin[2]], [to, high - layer.origin[2]]);
+  }
+
+  // The numbers of fields; none until all are given. All empty fields remove the box.
+  read(ids) {
+    const texts = ids.map((id) => find(`#${id}`).value);
+    if (texts.every((text) => text === "")) {
+      this.selection.removeRegion();
+      this.changed();
+    }
+    return texts.some((text) => text === "") ? [] : texts.map(Number);
   }
 
   selectView() {
     this.selection.setBox(...this.map.corners());
   }
 
+  selectSide() {
+    const { side } = this.map;
+    const { across, up } = side.scales(this.map.sideArea());
+    const [[from, to], [low, high]] = [across.domain(), up.domain()];
+    this.selection.setSlab(side, [from, low], [to, high]);
+  }
+
   listen() {
     find("#clear").addEventListener("click", () => this.selection.clear());
     find("#select-view").addEventListener("click", () => this.selectView());
     find("#box-form").addEventListener("change", () => this.readBox());
+    find("#slab-form").addEventListener("change", () => this.readSlab());
+    find("#select-side").addEventListener("click", () => this.selectSide());
     find("#statistics").addEventListener("toggle", () => this.changed());
     document.addEventListener("keydown", (event) => {
       if (event.key === "Escape" && !this.selection.isEmpty && !event.target.closest("select")) this.selection.clear();

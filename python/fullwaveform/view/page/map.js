@@ -1,10 +1,11 @@
 // The map: echoes from above, and from the side along a line that the user draws.
 
+import { drawAxes, drawLine, drawOutline, inside } from "./areas.js";
 import { nodePoints } from "./data.js";
-import { axisBottom, axisLeft, scaleLinear, select } from "./libraries/libraries.min.js";
+import { scaleLinear, select } from "./libraries/libraries.min.js";
 import { PointCloud } from "./pointcloud.js";
+import { SideView } from "./side.js";
 
-const MARGIN = { left: 76, right: 8, top: 6, bottom: 36 };
 const SIDE_SHARE = 0.36; // of the height
 const NODE_EDGE = 100; // pixels of the screen above which a node is divided
 const MOVING_POINTS = 100_000; // drawn while the map moves; all are drawn when it rests
@@ -24,7 +25,7 @@ export class EchoMap {
     this.tool = "pan";
     this.wanted = [];
     this.loading = new Set();
-    this.line = null;
+    this.side = null; // the side view, if there is one
     this.marked = null;
     new ResizeObserver(() => this.resized()).observe(element);
     this.listen();
@@ -33,13 +34,22 @@ export class EchoMap {
   show(number, valueName) {
     this.cloud.clear();
     this.loading = new Set(); // requests for the former layer keep theirs
+    const former = this.layer;
     this.number = number;
     this.layer = this.session.layers[number];
+    if (former) this.moveOrigin(former.origin.map((value, axis) => value - this.layer.origin[axis]));
     this.nodes = this.layer.nodes;
     this.children = childrenOf(this.nodes);
     this.ratio = this.layer.ratio; // of a unit of x to one of y, in length
     this.valueName = valueName;
     this.whole();
+  }
+
+  // Places count from the origin of the layer.
+  moveOrigin(shift) {
+    const moved = (place) => place.map((value, axis) => value + shift[axis]);
+    if (this.marked) this.marked = moved(this.marked);
+    if (this.side) this.side = new SideView(moved(this.side.start), moved(this.side.end), this.side.halfWidth);
   }
 
   setColours(valueName, colours, range, smooth) {
@@ -58,9 +68,9 @@ export class EchoMap {
     this.moved(0);
   }
 
-  // Shows a box, null for none, and highlights echoes, see `PointCloud.highlight`.
-  select(box, chooser) {
-    this.box = box;
+  // Shows the outline of a selection, and highlights echoes, see `PointCloud.highlight`.
+  select(selection, chooser) {
+    this.selection = selection;
     this.cloud.highlight(chooser);
     this.draw();
   }
@@ -76,11 +86,12 @@ export class EchoMap {
 
   mapArea() {
     const { clientWidth, clientHeight } = this.element;
-    const height = this.line ? clientHeight * (1 - SIDE_SHARE) : clientHeight;
+    const height = this.side ? clientHeight * (1 - SIDE_SHARE) : clientHeight;
     return inside({ left: 0, top: 0, width: clientWidth, height });
   }
 
   sideArea() {
+    if (!this.side) return null;
     const { clientWidth, clientHeight } = this.element;
     const top = clientHeight * (1 - SIDE_SHARE);
     return inside({ left: 0, top, width: clientWidth, height: clientHeight - top });
@@ -106,62 +117,24 @@ export class EchoMap {
   // ---- side view ----
 
   setLine(start, end, halfWidth) {
-    const length = Math.hypot(end[0] - start[0], end[1] - start[1]);
-    this.line = length > 0 && {
-      start,
-      along: [(end[0] - start[0]) / length, (end[1] - start[1]) / length],
-      length,
-      halfWidth,
-    };
+    const side = new SideView(start, end, halfWidth);
+    this.side = side.length > 0 ? side : null;
     // The side view takes a part of the map's area; the line stays in view.
     const area = this.mapArea();
     const isVisible = [start, end].map((place) => this.toScreen(place)).every(([left, top]) =>
       left >= area.left && left <= area.left + area.width && top >= area.top && top <= area.top + area.height);
-    if (this.line && !isVisible) {
+    if (this.side && !isVisible) {
       this.middle = [(start[0] + end[0]) / 2, (start[1] + end[1]) / 2];
-      this.scale = Math.min(this.scale, (0.9 * Math.min(area.width, area.height)) / length);
+      this.scale = Math.min(this.scale, (0.9 * Math.min(area.width, area.height)) / side.length);
     }
     this.moved();
+    this.onSide();
   }
 
   removeLine() {
-    this.line = null;
+    this.side = null;
     this.moved();
-  }
-
-  sideScales() {
-    const area = this.sideArea();
-    const [low, high] = this.heights;
-    const room = Math.max(high - low, 1e-3) * 0.05;
-    const across = scaleLinear([0, this.line.length], [area.left, area.left + area.width]);
-    const up = scaleLinear([low - room, high + room], [area.top + area.height, area.top]);
-    return { across, up };
-  }
-
-  // Lowest and highest echo in the side view, of those in memory.
-  heightsAlongLine() {
-    let [low, high] = [Infinity, -Infinity];
-    for (const node of this.wanted) {
-      const columns = this.cloud.nodes.get(node)?.columns;
-      if (!columns) continue;
-      const { x, y, z } = columns;
-      for (let i = 0; i < x.length; i++) {
-        if ((z[i] < low || z[i] > high) && this.fromSide(x[i], y[i], z[i])) {
-          low = Math.min(low, z[i]);
-          high = Math.max(high, z[i]);
-        }
-      }
-    }
-    return low <= high ? [low, high] : [0, 1];
-  }
-
-  // Distance along the line and height of a point; null outside of the side view.
-  fromSide(x, y, z) {
-    const { start, along, length, halfWidth } = this.line;
-    const [dx, dy] = [x - start[0], y - start[1]];
-    const at = dx * along[0] + dy * along[1];
-    const aside = Math.abs(dx * along[1] - dy * along[0]);
-    return at >= 0 && at <= length && aside <= halfWidth ? [at, z] : null;
+    this.onSide();
   }
 
   // Shows about the same part in an element of another size.
@@ -283,15 +256,15 @@ export class EchoMap {
         pointSize: few ? 4 : 2,
       },
     ];
-    if (this.line) {
-      this.heights = this.heightsAlongLine();
+    if (this.side) {
+      this.side.measure(this.wanted.map((node) => this.cloud.nodes.get(node)?.columns).filter(Boolean));
       const side = this.sideArea();
-      const { across, up } = this.sideScales();
+      const { across, up } = this.side.scales(side);
       const [low, high] = up.domain();
       areas.push({
         ...side,
-        line: this.line,
-        middle: [this.line.length / 2, (low + high) / 2],
+        line: this.side,
+        middle: [this.side.length / 2, (low + high) / 2],
         scale: [2 / (across.domain()[1] || 1), 2 / (high - low)],
         pointSize: 3,
       });
@@ -319,40 +292,36 @@ export class EchoMap {
     const label = (name, { unit }) => `${name}, ${unit}`;
     overlay.selectAll("*").remove();
     drawAxes(overlay, area, x, y, label(xAxis.name, xAxis), label(yAxis.name, yAxis));
-    if (this.line) {
-      const side = this.sideArea();
-      const { across, up } = this.sideScales();
+    if (this.side) {
+      const { across, up } = this.side.scales(this.sideArea());
       up.domain(up.domain().map((value) => value + origin[2]));
-      drawAxes(overlay, side, across, up, label("distance along the line", xAxis), label(zAxis.name, zAxis));
-      const { start, along, length } = this.line;
-      this.drawLine(start, [start[0] + along[0] * length, start[1] + along[1] * length]);
+      drawAxes(overlay, this.sideArea(), across, up, label("distance along the line", xAxis), label(zAxis.name, zAxis));
+      drawLine(overlay, area, this.toScreen(this.side.start), this.toScreen(this.side.end));
     }
-    if (this.box) this.drawBox(this.box.slice(0, 2), this.box.slice(2));
+    this.drawSelection();
     if (this.marked) this.drawMark();
   }
 
-  clipToMap() {
-    const area = this.mapArea();
-    if (!this.overlay.select("#map-area").empty()) return;
-    this.overlay.append("clipPath").attr("id", "map-area").append("rect").attr("x", area.left)
-      .attr("y", area.top).attr("width", area.width).attr("height", area.height);
+  drawSelection() {
+    const { box, slab } = this.selection ?? {};
+    if (box) this.drawBox(box.slice(0, 2), box.slice(2));
+    if (!slab) return;
+    const { side, from, to, low, high } = slab;
+    drawOutline(this.overlay, this.mapArea(), side.footprint(from, to).map((corner) => this.toScreen(corner)));
+    if (side === this.side) this.drawSlab([from, low], [to, high]);
   }
 
-  drawBox(corner, opposite) {
-    const [[x1, y1], [x2, y2]] = [this.toScreen(corner), this.toScreen(opposite)];
-    this.clipToMap();
-    this.overlay.append("rect").attr("class", "selection-box").attr("clip-path", "url(#map-area)")
-      .attr("fill", "none").attr("stroke", "#ffffff").attr("stroke-width", 1.5).attr("stroke-dasharray", "6 3")
-      .attr("x", Math.min(x1, x2)).attr("y", Math.min(y1, y2))
-      .attr("width", Math.abs(x2 - x1)).attr("height", Math.abs(y2 - y1));
+  // Draws a box of the map by two of its corners.
+  drawBox([x1, y1], [x2, y2]) {
+    const corners = [[x1, y1], [x2, y1], [x2, y2], [x1, y2]];
+    drawOutline(this.overlay, this.mapArea(), corners.map((corner) => this.toScreen(corner)));
   }
 
-  drawLine(start, end) {
-    const [[x1, y1], [x2, y2]] = [this.toScreen(start), this.toScreen(end)];
-    this.clipToMap();
-    this.overlay.append("line").attr("class", "side-line").attr("clip-path", "url(#map-area)")
-      .attr("stroke", "#ffd166").attr("stroke-width", 2)
-      .attr("x1", x1).attr("y1", y1).attr("x2", x2).attr("y2", y2);
+  // Draws a box of the side view by two of its corners, distance and height each.
+  drawSlab([from, low], [to, high]) {
+    const { across, up } = this.side.scales(this.sideArea());
+    const corners = [[from, low], [to, low], [to, high], [from, high]];
+    drawOutline(this.overlay, this.sideArea(), corners.map(([at, z]) => [across(at), up(z)]));
   }
 
   // Marks the echo at a place, and moves the map if it is out of view.
@@ -377,19 +346,33 @@ export class EchoMap {
       .attr("cx", left).attr("cy", top).attr("r", 7).attr("fill", "none")
       .attr("stroke", "#ffffff").attr("stroke-width", 2);
     circle(this.toScreen(this.marked));
-    const seen = this.line && this.fromSide(...this.marked);
+    const seen = this.side?.seen(...this.marked);
     if (seen) {
-      const { across, up } = this.sideScales();
+      const { across, up } = this.side.scales(this.sideArea());
       circle([across(seen[0]), up(seen[1])]);
     }
   }
 
   // ---- what the user does ----
 
+  // Whether a place of the element is in the side view.
+  isInSide([, top]) {
+    return this.side !== null && top > this.element.clientHeight * (1 - SIDE_SHARE);
+  }
+
+  // Distance along the line and height, within the view, at a place of the element.
+  toSide([left, top]) {
+    const { across, up } = this.side.scales(this.sideArea());
+    const [low, high] = up.domain();
+    return [
+      Math.min(Math.max(across.invert(left), 0), this.side.length),
+      Math.min(Math.max(up.invert(top), low), high),
+    ];
+  }
+
   // The echo next to a place of the element: node and number in it; null if none is near.
   echoAt([left, top], reach = REACH) {
-    const side = this.line && top > this.element.clientHeight * (1 - SIDE_SHARE);
-    const scales = side && this.sideScales();
+    const scales = this.isInSide([left, top]) && this.side.scales(this.sideArea());
     let best = reach * reach;
     let found = null;
     for (const node of this.wanted) {
@@ -399,8 +382,8 @@ export class EchoMap {
       const [cx, cy] = this.toMap([left, top]);
       for (let i = 0; i < x.length; i++) {
         let distance;
-        if (side) {
-          const seen = this.fromSide(x[i], y[i], z[i]);
+        if (scales) {
+          const seen = this.side.seen(x[i], y[i], z[i]);
           if (!seen) continue;
           distance = (scales.across(seen[0]) - left) ** 2 + (scales.up(seen[1]) - top) ** 2;
         } else {
@@ -462,14 +445,16 @@ export class EchoMap {
     element.addEventListener("pointerdown", (event) => {
       element.setPointerCapture(event.pointerId);
       from = last = placeOf(event);
-      tool = event.shiftKey ? "box" : this.tool;
+      tool = this.isInSide(from) ? "slab" : event.shiftKey ? "box" : this.tool;
     });
     element.addEventListener("pointermove", (event) => {
       if (!from) return;
       const place = placeOf(event);
-      if (tool === "line" || tool === "box") {
+      if (tool !== "pan") {
         this.drawOverlay();
-        this[tool === "box" ? "drawBox" : "drawLine"](this.toMap(from), this.toMap(place));
+        if (tool === "slab") this.drawSlab(this.toSide(from), this.toSide(place));
+        else if (tool === "box") this.drawBox(this.toMap(from), this.toMap(place));
+        else drawLine(this.overlay, this.mapArea(), from, place);
       } else if (Math.hypot(place[0] - from[0], place[1] - from[1]) > 3 || last !== from) {
         this.pan(place[0] - last[0], place[1] - last[1]);
         last = place;
@@ -482,12 +467,13 @@ export class EchoMap {
       if (isClick) this.pick(place);
       else if (tool === "line") this.onLine(this.toMap(from), this.toMap(place));
       else if (tool === "box") this.onBox(this.toMap(from), this.toMap(place));
+      else if (tool === "slab") this.onSlab(this.toSide(from), this.toSide(place));
       from = null;
     });
     element.addEventListener("pointercancel", () => (from = null));
     element.addEventListener("wheel", (event) => {
       event.preventDefault();
-      this.zoom(1.0015 ** -event.deltaY, placeOf(event));
+      if (!this.isInSide(placeOf(event))) this.zoom(1.0015 ** -event.deltaY, placeOf(event));
     }, { passive: false });
     element.addEventListener("keydown", (event) => {
       const moves = { ArrowLeft: [60, 0], ArrowRight: [-60, 0], ArrowUp: [0, 60], ArrowDown: [0, -60] };
@@ -501,25 +487,6 @@ export class EchoMap {
       event.preventDefault();
     });
   }
-}
-
-function inside(box) {
-  return {
-    left: box.left + MARGIN.left,
-    top: box.top + MARGIN.top,
-    width: Math.max(box.width - MARGIN.left - MARGIN.right, 10),
-    height: Math.max(box.height - MARGIN.top - MARGIN.bottom, 10),
-  };
-}
-
-function drawAxes(overlay, area, x, y, xLabel, yLabel) {
-  const bottom = area.top + area.height;
-  overlay.append("g").attr("transform", `translate(0,${bottom})`).call(axisBottom(x).ticks(area.width / 110));
-  overlay.append("g").attr("transform", `translate(${area.left},0)`).call(axisLeft(y).ticks(area.height / 60));
-  overlay.append("text").attr("x", area.left + area.width / 2).attr("y", bottom + 32)
-    .attr("text-anchor", "middle").text(xLabel);
-  overlay.append("text").attr("transform", `translate(12,${area.top + area.height / 2}) rotate(-90)`)
-    .attr("text-anchor", "middle").text(yLabel);
 }
 
 // The nodes one level below each node whose squares are quarters of its square.

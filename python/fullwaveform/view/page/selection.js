@@ -1,4 +1,5 @@
-// Which echoes are selected: those in a box of the map that are in a chosen bar of each histogram.
+// Which echoes are selected: those in a box of the map, or in one of a side view, that are in a chosen
+// bar of each histogram.
 
 export class Selection {
   // `onChange()` is called after each change.
@@ -9,7 +10,7 @@ export class Selection {
 
   // Starts with no selection among the echoes of a layer.
   show(layer) {
-    this.box = null;
+    this.removeRegion();
     this.bars = new Map();
     this.edges = new Map();
     for (const value of layer?.values ?? []) {
@@ -18,24 +19,32 @@ export class Selection {
   }
 
   get isEmpty() {
-    return !this.box && !this.bars.size;
+    return !this.box && !this.slab && !this.bars.size;
   }
 
   clear() {
-    this.box = null;
+    this.removeRegion();
     this.bars.clear();
     this.onChange();
   }
 
   // A box by two of its corners, from the origin of the layer; the server compares 32 bits as well.
   setBox([x1, y1], [x2, y2]) {
+    this.slab = null;
     this.box = [Math.min(x1, x2), Math.min(y1, y2), Math.max(x1, x2), Math.max(y1, y2)].map(Math.fround);
     this.onChange();
   }
 
-  removeBox() {
+  // A box of a side view by two of its corners: distance along its line, and height from the origin.
+  setSlab(side, [from, low], [to, high]) {
     this.box = null;
+    this.slab = { side, from: Math.min(from, to), to: Math.max(from, to), low: Math.min(low, high), high: Math.max(low, high) };
     this.onChange();
+  }
+
+  removeRegion() {
+    this.box = null;
+    this.slab = null; // of a side view
   }
 
   // The chosen bars of a histogram, a set of numbers; all echoes if it is empty.
@@ -48,6 +57,7 @@ export class Selection {
   query() {
     const query = new URLSearchParams();
     if (this.box) query.set("box", this.box.join());
+    if (this.slab) query.set("slab", slabNumbers(this.slab).join());
     for (const [name, numbers] of this.bars) query.append("bars", `${name}:${[...numbers].sort((a, b) => a - b)}`);
     return query;
   }
@@ -55,13 +65,17 @@ export class Selection {
   // 255 for each of the points that is selected, else 0; null if there is no selection.
   chosen(columns) {
     if (this.isEmpty) return null;
-    const { x, y } = columns;
+    const { x, y, z } = columns;
     const found = new Uint8Array(x.length).fill(255);
     if (this.box) {
       const [west, south, east, north] = this.box;
       for (let i = 0; i < x.length; i++) {
         if (!(x[i] >= west && x[i] <= east && y[i] >= south && y[i] <= north)) found[i] = 0;
       }
+    }
+    if (this.slab) {
+      const isInside = insideSlab(this.slab);
+      for (let i = 0; i < x.length; i++) if (!isInside(x[i], y[i], z[i])) found[i] = 0;
     }
     for (const [name, numbers] of this.bars) {
       const numberOf = classNumber(this.edges.get(name));
@@ -70,6 +84,24 @@ export class Selection {
     }
     return found;
   }
+}
+
+// Both ends of the line of a slab, half of its width, its lowest and its highest place.
+function slabNumbers({ side, from, to, low, high }) {
+  return [...side.at(from), ...side.at(to), side.halfWidth, low, high];
+}
+
+// Whether a place is in a slab. Computed step by step as on the server, in 64 bits.
+function insideSlab(slab) {
+  const [x1, y1, x2, y2, halfWidth, low, high] = slabNumbers(slab);
+  const [ux, uy] = [x2 - x1, y2 - y1];
+  const square = ux * ux + uy * uy;
+  const reach = halfWidth * Math.sqrt(square);
+  return (x, y, z) => {
+    const [dx, dy] = [x - x1, y - y1];
+    const at = dx * ux + dy * uy;
+    return square > 0 && at >= 0 && at <= square && Math.abs(dx * uy - dy * ux) <= reach && z >= low && z <= high;
+  };
 }
 
 // Number of the class of a value, -1 if it is unknown. Computed in 32 bits as on the server, so
