@@ -141,6 +141,8 @@ def test_line_on_the_map_shows_the_side(page: Page) -> None:
     page.locator("#side-width").fill("20")
     page.locator("#side-width").press("Enter")
     expect(page.locator("#overlay .side-line")).to_have_count(1)
+    box = page.locator("#map").bounding_box()  # above the fields of the side view
+    assert box is not None
     below = 0.64 * box["height"]
     orange, blue = (
         found[found[:, 1] > below] for found in (pixels(page, _ORANGE), pixels(page, _SKY))
@@ -269,9 +271,9 @@ def test_picture_in_the_documents(
         page.locator("#side-width").fill("12")
         area = page.locator("#map").bounding_box()
         assert area is not None
-        page.mouse.move(area["x"] + 95, area["y"] + 22)
+        page.mouse.move(area["x"] + 100, area["y"] + 10)
         page.mouse.down()
-        page.mouse.move(area["x"] + 374, area["y"] + 621)
+        page.mouse.move(area["x"] + 367, area["y"] + 581)
         page.mouse.up()
         expect(page.locator("#map")).to_have_attribute("data-complete", "true")
         expect(page.locator("body")).to_have_attribute("data-busy", "false")

@@ -2,7 +2,7 @@
 
 import { axisBottom, axisLeft } from "./libraries/libraries.min.js";
 
-const MARGIN = { left: 76, right: 8, top: 6, bottom: 36 };
+const MARGIN = { left: 76, right: 26, top: 6, bottom: 36 };
 
 // The part of a box of the element that is left for points.
 export function inside(box) {

@@ -133,7 +133,7 @@ export class Brushing {
     const digits = Math.min(Math.max(6 - Math.floor(Math.log10(size)), 0), 15); // a millionth of the extent
     const show = (id, value) => (find(`#${id}`).value = value === undefined ? "" : Number(value.toFixed(digits)));
     SIDES.forEach((side, i) => show(side, box ? box[i] + origin[i % 2] : undefined));
-    find("#slab-form").hidden = !this.map.side;
+    for (const id of ["#slab-form", "#select-side"]) find(id).hidden = !this.map.side;
     const shown = slab?.side === this.map.side ? slab : null;
     const numbers = shown ? [slab.from, slab.to, slab.low + origin[2], slab.high + origin[2]] : [];
     SLAB.forEach((id, i) => show(id, numbers[i]));

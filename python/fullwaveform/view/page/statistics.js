@@ -3,7 +3,7 @@
 import { axisBottom, axisLeft, scaleLinear, select } from "./libraries/libraries.min.js";
 
 const MARGIN = { left: 44, right: 6, top: 6, bottom: 34 };
-const SIZE = { width: 225, height: 132 };
+const SIZE = { width: 218, height: 132 };
 const PART = 0.5; // width of the bar of the selection, as a share of that of the whole
 
 // A histogram: `counts` of the whole file, of which `of` names what is counted. With `onBars(set)`
@@ -49,7 +49,7 @@ export class Histogram {
     if (this.category) ticks.tickFormat((value) => (Number.isInteger(value) ? value : ""));
     svg.append("g").attr("transform", `translate(0,${bottom})`).call(ticks);
     svg.append("g").attr("transform", `translate(${MARGIN.left},0)`).call(axisLeft(y).ticks(4));
-    svg.append("text").attr("x", (MARGIN.left + SIZE.width) / 2).attr("y", SIZE.height - 4)
+    svg.append("text").attr("x", SIZE.width / 2 + 8).attr("y", SIZE.height - 4)
       .attr("text-anchor", "middle").text(this.title);
     svg.append("text").attr("transform", `translate(11,${bottom / 2}) rotate(-90)`)
       .attr("text-anchor", "middle").text(`% of ${this.of}`);

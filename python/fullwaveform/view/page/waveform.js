@@ -42,13 +42,13 @@ function drawWaveform(root, waveform, width, whole) {
     plot.append("line").attr("class", "segment").attr("stroke", "#a9b4bf").attr("stroke-width", 4)
       .attr("x1", x(first)).attr("x2", x(last)).attr("y1", y(0)).attr("y2", y(0));
   }
-  drawSamples(plot, waveform.samples, x, y, range);
   waveform.methods.forEach((method, i) => {
     level(plot, x, y, method.baseline, `baseline of ${method.name}`, method.colour, "1 3");
     curve(plot, method.fitted, x, y, method.colour, CURVE_WIDTHS[i], "fitted");
     curve(plot, method.deconvolved, x, y, method.colour, 1, "deconvolved").attr("stroke-dasharray", "4 2");
-    drawEchoes(plot, method, x, y);
   });
+  drawSamples(plot, waveform.samples, x, y, range); // above the curves, which would hide them
+  for (const method of waveform.methods) drawEchoes(plot, method, x, y);
   for (const at of waveform.returns) {
     const height = waveform.samples[Math.max(0, Math.min(Math.round(at), waveform.samples.length - 1))];
     plot.append("path").attr("class", "return").attr("fill", "none").attr("stroke", "#ffffff")
