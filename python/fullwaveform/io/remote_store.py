@@ -4,16 +4,19 @@ from __future__ import annotations
 
 import errno
 import io
+import logging
 import threading
 import time
 from collections import OrderedDict
 from collections.abc import Callable
+from contextlib import suppress
 from datetime import datetime
 from email.utils import parsedate_to_datetime
 from importlib import import_module
 from pathlib import Path
 from typing import Any, TypeVar
 
+from fullwaveform.io.certificates import certificate_reason
 from fullwaveform.io.collector import collector_pause
 from fullwaveform.io.interruption import raise_if_requested
 from fullwaveform.io.remote import WEB_SCHEMES, RemoteError, RemotePath, missing, noted_failure
@@ -40,6 +43,8 @@ _PACKAGES = {
     "abfs": "adlfs",
     "az": "adlfs",
 }
+# Without a handler it prints the traceback of each error that is reported here.
+logging.getLogger("gcsfs").addHandler(logging.NullHandler())
 
 
 class RemoteSource:
@@ -262,7 +267,8 @@ def _upload(system: Any, name: str, content: Path, mode: str) -> None:
         target.close()
         target.commit()
     except BaseException:
-        target.discard()
+        with suppress(Exception):  # a store that cannot be reached: the first error is the reason
+            target.discard()
         target.closed = True  # else its finalizer tries to upload what was discarded
         raise
 
@@ -345,7 +351,8 @@ def _failure(path: RemotePath, verb: str, error: Exception, attempts: int) -> OS
     if isinstance(original, ValueError) and "range requests" in str(original):
         return _without_ranges(path)
     tried = f"; gave up after {attempts} attempts" if attempts > 1 else ""
-    reason = path.without_credentials(_reason(original))
+    why = certificate_reason(path.scheme, original) or _reason(original)
+    reason = path.without_credentials(why)
     return RemoteError(f"cannot {verb} {path}: {reason}{tried}")
 
 

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import sys
 import threading
 from collections.abc import Callable, Iterator
 from concurrent.futures import (
@@ -14,6 +15,7 @@ from concurrent.futures import (
 from contextlib import contextmanager
 from multiprocessing import get_context
 from pathlib import Path
+from types import ModuleType, SimpleNamespace
 from typing import Any
 
 import numpy as np
@@ -28,9 +30,11 @@ from fullwaveform.cluster.executors import ExecutorWorkers, local_executor, work
 from fullwaveform.cluster.plan import open_inputs
 from fullwaveform.cluster.progress import JobProgress
 from fullwaveform.io.base import WaveformReader
+from fullwaveform.io.companions import with_companions
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.io.scanner_file import scanner_text
 
+from ..docs.test_documents import code_blocks
 from ..support.child_processes import TIMEOUT_S
 from ..support.command_line import names, run
 from ..support.echo_tables import assert_same_rows
@@ -135,6 +139,43 @@ def test_result_is_the_same_for_every_executor(
     assert_same_rows(parts_table(found.folder), single)
     assert stages[-1] == ("parts done", PARTS, PARTS)
     assert {stage for stage, _, _ in stages} == {"files opened", "files measured", "parts done"}
+
+
+class StandInForRay(ModuleType):
+    """What the example of the document uses, in threads."""
+
+    def __init__(self, pool: ThreadPoolExecutor) -> None:
+        super().__init__("ray")
+        self._pool = pool
+
+    def init(self, address: str) -> None:
+        assert address == "auto"
+
+    def remote(self, function: Callable[..., Any]) -> Any:
+        def submit(*arguments: Any) -> Any:
+            future = self._pool.submit(function, *arguments)
+            return SimpleNamespace(future=lambda: future)
+
+        return SimpleNamespace(remote=submit)
+
+
+def test_example_for_ray(
+    sources: list[Path], expected: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    (code,) = [block for block in code_blocks("docs/cluster.md", "python") if "ray" in block]
+    for file in set(filter(Path.is_file, with_companions(sources[0]))):
+        (tmp_path / file.name.replace("a.", "scan.")).symlink_to(file)
+    monkeypatch.chdir(tmp_path)
+    names: dict[str, Any] = {}
+    with ThreadPoolExecutor(2) as pool:
+        monkeypatch.setitem(sys.modules, "ray", StandInForRay(pool))
+        exec(compile(code, "cluster.md", "exec"), names)
+    assert names["job"].failures == {}
+    found = parts_table(names["job"].folder)
+    single = pyarrow.parquet.read_table(expected / "a.parquet").select(found.column_names)
+    assert len(single) > 500
+    # But for the name of the file and the size of blocks, which the example leaves to the default.
+    assert_same_rows(found.replace_schema_metadata(), single.replace_schema_metadata())
 
 
 def test_bad_files_do_not_stop_the_others(sources: list[Path], tmp_path: Path) -> None:

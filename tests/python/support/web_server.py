@@ -112,12 +112,14 @@ class _Handler(BaseHTTPRequestHandler):
 
 
 @contextmanager
-def serving() -> Iterator[WebServer]:
-    """A server on a free port of this machine."""
+def serving(prepare: Callable[[ThreadingHTTPServer], None] | None = None) -> Iterator[WebServer]:
+    """A server on a free port of this machine; `prepare` is called before it takes requests."""
     served = WebServer()
     handler = type("Handler", (_Handler,), {"served": served})
     with ThreadingHTTPServer(("127.0.0.1", 0), handler) as server:
         server.daemon_threads = True
+        if prepare is not None:
+            prepare(server)
         served.address = f"127.0.0.1:{server.server_address[1]}"
         thread = threading.Thread(target=server.serve_forever, args=(0.01,), daemon=True)
         thread.start()

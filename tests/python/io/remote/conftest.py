@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Iterator
 from pathlib import Path
+from typing import Any
 
 import pytest
 
@@ -12,6 +13,16 @@ from fullwaveform.io import remote_store
 from ...support import compressed_scenes, las_scenes, pulsewaves_scenes, row_scenes
 from ...support.hdf5_scenes import five_shots, two_beams
 from ...support.web_server import WebServer, serving
+from .stores import (
+    Bucket,
+    GoogleBucket,
+    S3Bucket,
+    address_of,
+    google_bucket,
+    google_server,
+    s3_bucket,
+    s3_server,
+)
 
 
 @pytest.fixture
@@ -20,6 +31,37 @@ def server(monkeypatch: pytest.MonkeyPatch) -> Iterator[WebServer]:
     monkeypatch.setattr(remote_store, "WAITS", (0.0, 0.0))
     with serving() as started:
         yield started
+
+
+@pytest.fixture(scope="session")
+def server_of_s3() -> Iterator[Any]:
+    with s3_server() as started:
+        yield started
+
+
+@pytest.fixture(scope="session")
+def server_of_gs() -> Iterator[Any]:
+    with google_server() as started:
+        yield started
+
+
+@pytest.fixture
+def s3(server_of_s3: Any, monkeypatch: pytest.MonkeyPatch) -> Iterator[S3Bucket]:
+    with s3_bucket(f"http://{address_of(server_of_s3)}", monkeypatch) as bucket:
+        yield bucket
+
+
+@pytest.fixture
+def gs(server_of_gs: Any, monkeypatch: pytest.MonkeyPatch) -> Iterator[GoogleBucket]:
+    with google_bucket(server_of_gs, monkeypatch) as bucket:
+        yield bucket
+
+
+@pytest.fixture(params=["s3", "gs"])
+def bucket(request: pytest.FixtureRequest) -> Bucket:
+    """The bucket of each store."""
+    found: Bucket = request.getfixturevalue(request.param)
+    return found
 
 
 @pytest.fixture(scope="session")

@@ -2,73 +2,29 @@
 
 from __future__ import annotations
 
-from collections.abc import Iterator
+import subprocess
+import sys
 from pathlib import Path
 from typing import Any
 
 import numpy as np
 import pytest
-from fsspec.registry import _registry
-from gcp_storage_emulator.server import Router, create_server
-from gcsfs.core import GCSFileSystem
+from gcp_storage_emulator.server import Router
 
 from fullwaveform.io import remote_store
 from fullwaveform.io.atomic import ANY_FILE, atomic_path
-from fullwaveform.io.companions import with_companions
-from fullwaveform.io.opening import open_waveforms
 from fullwaveform.io.remote import location
 
-from ...support.command_line import assert_error, run
-from ...support.row_scenes import same
+from ...support.child_processes import TIMEOUT_S, environment
+from ...support.command_line import run
+from .stores import GoogleBucket
 
 MEBIBYTE = 1 << 20
 
 
-@pytest.fixture(scope="module")
-def store_address() -> Iterator[str]:
-    server = create_server("127.0.0.1", 0, in_memory=True, default_bucket="scans")
-    server.start()
-    yield f"http://127.0.0.1:{server._api._httpd.server_address[1]}"
-    server.stop()
-
-
-@pytest.fixture
-def bucket(store_address: str, monkeypatch: pytest.MonkeyPatch) -> Iterator[Any]:
-    """The store with the empty bucket "scans", found by the environment."""
-    monkeypatch.setenv("STORAGE_EMULATOR_HOST", store_address)
-    monkeypatch.setattr("fsspec.config.conf", {"gs": {"token": "anon"}})
-    # The class that gcsfs registers asks for the kind of a bucket by gRPC, which the emulator does
-    # not speak, for a minute; it then does the same.
-    monkeypatch.setitem(_registry, "gs", GCSFileSystem)
-    GCSFileSystem.clear_instance_cache()
-    system = GCSFileSystem(token="anon", endpoint_url=store_address)
-    yield system
-    for name in system.find("scans"):
-        system.rm_file(name)
-    GCSFileSystem.clear_instance_cache()
-
-
-def store(bucket: Any, path: Path) -> str:
-    """Stores a file and its companions; returns the URL."""
-    for file in {one for one in with_companions(path) if one.is_file()}:
-        bucket.pipe_file(f"scans/in/{file.name}", file.read_bytes())
-    return f"gs://scans/in/{path.name}"
-
-
-@pytest.mark.parametrize("name", ["las", "laz", "compressed pulsewaves", "gedi"])
-def test_blocks_are_those_of_the_local_file(
-    bucket: Any, formats: dict[str, Path], name: str
-) -> None:
-    url = store(bucket, formats[name])
-    with open_waveforms(formats[name]) as local, open_waveforms(url) as remote:
-        ours, theirs = list(local.blocks()), list(remote.blocks())
-    assert len(ours) > 0
-    assert all(same(one, other) for one, other in zip(ours, theirs, strict=True))
-
-
-def test_ranges_are_read(bucket: Any) -> None:
+def test_ranges_are_read(gs: GoogleBucket) -> None:
     content = np.random.default_rng(1).bytes(1_000_000)
-    bucket.pipe_file("scans/f", content)
+    gs.put("f", content)
     path = location("gs://scans/f")
     with path.open("rb") as stream:
         stream.seek(900_000)
@@ -78,8 +34,8 @@ def test_ranges_are_read(bucket: Any) -> None:
     assert path.stat().st_mtime > 1e9
 
 
-def test_run_in_a_bucket(bucket: Any, formats: dict[str, Path], tmp_path: Path) -> None:
-    url, job = store(bucket, formats["gedi"]), "gs://scans/job"
+def test_run_in_a_bucket(gs: GoogleBucket, formats: dict[str, Path], tmp_path: Path) -> None:
+    url, job = gs.store(formats["gedi"]), "gs://scans/job"
     for call in (
         ("plan", url, "-o", job, "--blocks-per-part", "1", "--block", "1", "--quiet"),
         ("run", job, "--units", "0-4"),
@@ -88,7 +44,7 @@ def test_run_in_a_bucket(bucket: Any, formats: dict[str, Path], tmp_path: Path) 
     ):
         result = run(*call)
         assert result.exit_code == 0, result.output
-    joined = bucket.cat_file("scans/joined.parquet")
+    joined = gs.get("joined.parquet")
     assert joined == (tmp_path / "extracted.parquet").read_bytes()
     again = run("extract", url, "-o", "gs://scans/joined.parquet", "--quiet")
     assert again.exit_code == 2
@@ -98,45 +54,19 @@ def test_run_in_a_bucket(bucket: Any, formats: dict[str, Path], tmp_path: Path) 
 
 
 def test_large_output_appears_when_it_is_complete(
-    bucket: Any, monkeypatch: pytest.MonkeyPatch
+    gs: GoogleBucket, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.setattr(remote_store, "_PIECE", MEBIBYTE)
     content = np.random.default_rng(1).bytes(3 * MEBIBYTE + 5)
     with atomic_path("gs://scans/large", ANY_FILE) as temporary:
         temporary.write_bytes(content)
-        assert not bucket.exists("scans/large")
-    assert bucket.cat_file("scans/large") == content
-
-
-@pytest.mark.parametrize("size", [1000, 3 * MEBIBYTE])
-def test_failed_upload_stores_nothing(
-    bucket: Any, monkeypatch: pytest.MonkeyPatch, size: int
-) -> None:
-    monkeypatch.setattr(remote_store, "_PIECE", MEBIBYTE)
-    monkeypatch.setattr(remote_store, "raise_if_requested", raise_interrupt)
-    with (
-        pytest.raises(KeyboardInterrupt),
-        atomic_path("gs://scans/out", ANY_FILE) as temporary,
-    ):
-        temporary.write_bytes(bytes(size))
-    assert bucket.find("scans") == []
-
-
-def raise_interrupt() -> None:
-    raise KeyboardInterrupt
-
-
-def test_missing_objects_and_buckets(bucket: Any, formats: dict[str, Path]) -> None:
-    with pytest.raises(FileNotFoundError) as caught:
-        open_waveforms("gs://scans/missing.las")
-    assert caught.value.filename == "gs://scans/missing.las"
-    result = run("extract", formats["gedi"], "-o", "gs://nowhere/echoes.csv", "--quiet")
-    assert_error(result, "cannot write gs://nowhere/echoes.csv", "does not exist")
+        assert not gs.client.exists("scans/large")
+    assert gs.get("large") == content
 
 
 @pytest.mark.parametrize("size", [1000, 3 * MEBIBYTE])
 def test_object_that_appears_during_the_run_is_kept(
-    bucket: Any, monkeypatch: pytest.MonkeyPatch, size: int
+    gs: GoogleBucket, monkeypatch: pytest.MonkeyPatch, size: int
 ) -> None:
     handle = Router.handle
 
@@ -161,5 +91,22 @@ def test_object_that_appears_during_the_run_is_kept(
         atomic_path("gs://scans/new", ANY_FILE) as temporary,
     ):
         temporary.write_bytes(bytes(size))
-        bucket.pipe_file("scans/new", b"first")
-    assert bucket.cat_file("scans/new") == b"first"
+        gs.put("new", b"first")
+    assert gs.get("new") == b"first"
+
+
+def test_error_is_reported_without_a_traceback(gs: GoogleBucket, formats: dict[str, Path]) -> None:
+    """gcsfs logs one; in a process of its own, because pytest handles all logs."""
+    url = gs.store(formats["gedi"])
+    gs.faults.asking += ["400"] * 1000
+    done = subprocess.run(
+        [sys.executable, "-m", "fullwaveform", "info", url],
+        # Without the gRPC that the emulator does not speak.
+        env=environment(FSSPEC_GS_TOKEN="anon", GCSFS_EXPERIMENTAL_ZB_HNS_SUPPORT="false"),
+        capture_output=True,
+        text=True,
+        check=False,
+        timeout=TIMEOUT_S,
+    )
+    assert done.returncode == 1
+    assert done.stderr == f"fullwaveform: cannot read {url}: , 400\n"
