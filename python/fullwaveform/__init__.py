@@ -6,12 +6,13 @@ from importlib import import_module
 from typing import TYPE_CHECKING, Any
 
 if TYPE_CHECKING:
-    from fullwaveform.api import Extraction, extract, plot, voxels
+    from fullwaveform.api import extract, plot, voxels
     from fullwaveform.cluster.many import ManyExtraction, extract_many
     from fullwaveform.core.driver import Driver, Mode, Result, RowState
     from fullwaveform.core.scanner import Scanner
     from fullwaveform.data.columns import Columns
     from fullwaveform.data.errors import WaveformFileError
+    from fullwaveform.extraction.extraction import Extraction
     from fullwaveform.extraction.waveform_table import WaveformState
     from fullwaveform.io.opening import open_waveforms as open
     from fullwaveform.waveform_metrics.compute import Metrics, metrics
@@ -44,7 +45,7 @@ __version__ = "0.1.0"
 _EXPORTS = {
     "Columns": ("data.columns", "Columns"),
     "Driver": ("core.driver", "Driver"),
-    "Extraction": ("api", "Extraction"),
+    "Extraction": ("extraction.extraction", "Extraction"),
     "ManyExtraction": ("cluster.many", "ManyExtraction"),
     "Metrics": ("waveform_metrics.compute", "Metrics"),
     "MetricsSettings": ("waveform_metrics.settings", "MetricsSettings"),
