@@ -5,7 +5,6 @@ from __future__ import annotations
 import json
 import subprocess
 import sys
-from collections.abc import Iterator
 from pathlib import Path
 
 import laspy
@@ -17,7 +16,6 @@ import pytest
 from typer.testing import CliRunner
 
 from fullwaveform import WaveformFileError
-from fullwaveform.analysis import place_matching, record_files
 from fullwaveform.analysis.comparison import (
     CompareSettings,
     Comparison,
@@ -25,7 +23,6 @@ from fullwaveform.analysis.comparison import (
     compare_echoes,
 )
 from fullwaveform.cli.app import app
-from fullwaveform.data.echo_records import ECHO_RECORD, unknown_records
 from fullwaveform.plotting.histogram import draw_histogram
 
 from ..support.table_files import write_table
@@ -230,54 +227,6 @@ def test_by_place_the_beam_decides(tmp_path: Path) -> None:
     assert differences(comparison) == [0.5]
 
 
-def greedy_by_place(
-    found: np.ndarray, reference: np.ndarray, along: float, across: float
-) -> set[tuple[int, int]]:
-    """Nearest pairs first, for vertical beams, one pair at a time."""
-    offset = found[:, np.newaxis] - reference
-    distance = np.hypot(offset[..., 2] / along, np.hypot(offset[..., 0], offset[..., 1]) / across)
-    pairs = set()
-    while distance.min() <= 1.0:
-        row, partner = np.unravel_index(np.argmin(distance), distance.shape)
-        pairs.add((int(row), int(partner)))
-        distance[row], distance[:, partner] = np.inf, np.inf
-    return pairs
-
-
-def in_parts(records: np.ndarray, size: int) -> Iterator[np.ndarray]:
-    return (records[first : first + size] for first in range(0, len(records), size))
-
-
-@pytest.mark.parametrize("part", [1, 7, 400])
-def test_places_are_matched_alike_in_parts_of_any_size(
-    part: int, monkeypatch: pytest.MonkeyPatch
-) -> None:
-    monkeypatch.setattr(place_matching, "_MIN_WINDOW", part)
-    random = np.random.default_rng(5)
-    sides = []
-    for count in (300, 400):
-        records = unknown_records(count, 0)
-        records["xyz"] = random.uniform(0.0, 1.0, (count, 3)) * (20.0, 2.0, 3.0)
-        records = records[np.argsort(records["xyz"][:, 0])]
-        records["row"] = np.arange(count)
-        sides.append(records)
-    pairs, seen = set(), [0, 0]
-    streams = [in_parts(side, part) for side in sides]
-    for window in place_matching.match_by_place(*streams, 0.8, 0.4):
-        found, reference = window.found["row"], window.reference["row"]
-        pairs |= set(
-            zip(
-                found[window.found_index].tolist(),
-                reference[window.reference_index].tolist(),
-                strict=True,
-            )
-        )
-        seen = [seen[0] + len(found), seen[1] + len(reference)]
-    assert pairs == greedy_by_place(sides[0]["xyz"], sides[1]["xyz"], 0.8, 0.4)
-    assert len(pairs) > 100
-    assert seen == [300, 400]
-
-
 def test_order_of_the_rows_does_not_matter(scan: Path, tmp_path: Path, parts_of_two: None) -> None:
     times, heights = [3.0, 1.0, 2.0, 1.0, 5.0], [7.0, 29.8, 10.4, 20.1, 3.0]
     shuffled = compared(scan, write_points(tmp_path / "shuffled.las", 6, times, heights))
@@ -290,31 +239,6 @@ def test_order_of_the_rows_does_not_matter(scan: Path, tmp_path: Path, parts_of_
     )
     assert differences(shuffled) == differences(compared(scan, echoes)) == [-0.4, -0.1, 0.2]
     assert shuffled.extra == 2
-
-
-@pytest.fixture
-def parts_of_two(monkeypatch: pytest.MonkeyPatch) -> None:
-    """Two records are sorted, read and merged at a time."""
-    for name in ("_BLOCK_ROWS", "_RUN_ROWS", "_MIN_ROWS"):
-        monkeypatch.setattr(record_files, name, 2)
-
-
-def test_runs_on_disk_are_merged_in_order(tmp_path: Path, parts_of_two: None) -> None:
-    """Seven records arrive in three runs, of which the second follows the first."""
-    keys = [4.0, 1.0, 5.0, 6.0, 2.0, 5.0, 0.0]
-    with record_files.Scratch() as scratch:
-        ordered = record_files.SortedRecords(
-            scratch.file(), ECHO_RECORD, lambda records: records["gps_time"]
-        )
-        for row, key in enumerate(keys):
-            records = unknown_records(1, row)
-            records["gps_time"] = key
-            ordered.append(records)
-        assert len(ordered) == 7
-        for _ in range(2):  # it can be read again
-            merged = np.concatenate(list(ordered.ascending()))
-            assert merged["gps_time"].tolist() == sorted(keys)
-            assert merged["row"].tolist() == [6, 1, 4, 0, 2, 5, 3]
 
 
 def test_echoes_without_time_or_place_are_extra(scan: Path, tmp_path: Path) -> None:
@@ -369,30 +293,6 @@ def test_json_has_all_figures(scan: Path, tmp_path: Path) -> None:
     }
     assert printed["distance"]["median"] == pytest.approx(0.05, abs=1e-6)
     assert printed["distance"]["distance_from_median"]["50"] == pytest.approx(0.15, abs=1e-6)
-
-
-@pytest.mark.parametrize("about", [None, 0.3])
-def test_percentiles_of_values_on_disk_are_those_of_numpy(
-    tmp_path: Path, monkeypatch: pytest.MonkeyPatch, about: float | None
-) -> None:
-    monkeypatch.setattr(record_files, "_IN_MEMORY", 0)
-    random = np.random.default_rng(3)
-    values = np.concatenate([random.normal(0.0, 1.0, 999), np.full(500, 0.25), [-0.0, 1e-300]])
-    with (tmp_path / "values").open("w+b") as stream:
-        check_percentiles(record_files.ValueFile(stream), values, about)
-
-
-def check_percentiles(
-    on_disk: record_files.ValueFile, values: np.ndarray, about: float | None
-) -> None:
-    on_disk.append(values[:700])
-    on_disk.append(np.append(values[700:], np.nan))
-    expected = values if about is None else np.abs(values - about)
-    for percent in (0.0, 3.7, 50.0, 60.0, 99.0, 100.0):
-        assert on_disk.percentile(percent, about=about) == pytest.approx(
-            np.percentile(expected, percent), rel=1e-12
-        )
-    assert len(on_disk.sample(100)) == 94  # every 16th of 1,501
 
 
 _PEAK = """

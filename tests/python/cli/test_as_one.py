@@ -8,7 +8,7 @@ from pathlib import Path
 import pyarrow.parquet
 import pytest
 
-from ..support.command_line import assert_error, assert_usage, names, run, words
+from ..support.command_line import assert_error, assert_usage, names, run, succeeded, words
 from ..support.flight_lines import compressed, flight_line, in_parts, plain
 from ..support.las_scenes import four_shots
 
@@ -105,12 +105,6 @@ def test_table_of_contents_has_the_number_of_parts(parts: list[Path]) -> None:
     table = words(succeeded("info", *parts, "--as-one"))
     assert "line_1.plz and 2 more: PulseWaves" in table
     assert "points 11" in table
-
-
-def succeeded(*call: str | Path) -> str:
-    result = run(*call)
-    assert result.exit_code == 0, result.output
-    return result.stdout
 
 
 def test_contents_of_one_file_at_a_time(parts: list[Path]) -> None:

@@ -1,4 +1,4 @@
-"""Two workers that tests share."""
+"""Two workers that tests share; processes and variables that no test leaves to another."""
 
 from __future__ import annotations
 
@@ -25,3 +25,9 @@ def address(tmp_path_factory: pytest.TempPathFactory) -> Iterator[str]:
         workers(found, 2),
     ):
         yield found
+
+
+@pytest.fixture(autouse=True)
+def outside_of_a_job_array(monkeypatch: pytest.MonkeyPatch) -> None:
+    for name in ("SLURM_ARRAY_TASK_ID", "AWS_BATCH_JOB_ARRAY_INDEX", "JOB_COMPLETION_INDEX"):
+        monkeypatch.delenv(name, raising=False)

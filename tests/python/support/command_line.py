@@ -13,6 +13,13 @@ def run(*call: str | Path) -> Result:
     return CliRunner().invoke(app, [str(word) for word in call], env={"COLUMNS": "200"})
 
 
+def succeeded(*call: str | Path) -> str:
+    """What a successful call prints."""
+    result = run(*call)
+    assert result.exit_code == 0, result.output
+    return result.stdout
+
+
 def words(text: str) -> str:
     """The text without frames and line breaks."""
     return " ".join(text.replace("│", " ").split())
