@@ -48,7 +48,7 @@ COMMANDS = {
     "join": Command(
         "join",
         "join",
-        "Complete a planned run: check that all parts are there and whole, and sum up",
+        "Complete a planned run: check that all parts are complete, and sum up",
     ),
     "info": Command("info", "info", "Show the contents of a waveform file: counts, times, levels"),
     "plot": Command(

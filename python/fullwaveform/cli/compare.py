@@ -57,13 +57,17 @@ def compare(
     echoes: Annotated[
         Path,
         typer.Argument(
-            metavar="ECHOES", parser=location, help="LAS, LAZ, Parquet, HDF5, CSV or .npz"
+            metavar="ECHOES",
+            parser=location,
+            help="File of echoes: LAS, LAZ, Parquet, HDF5, CSV or .npz",
         ),
     ],
     tolerance: Annotated[
         float,
         typer.Option(
-            parser=_positive("m"), metavar="M", help="Largest difference in range of a match, in m"
+            parser=_positive("m"),
+            metavar="M",
+            help="Largest difference in range between matched echoes, in m",
         ),
     ] = 1.0,
     time_tolerance: Annotated[
@@ -71,7 +75,7 @@ def compare(
         typer.Option(
             parser=_positive("s"),
             metavar="S",
-            help="Largest difference of the GPS times of a shot, in s, if they are not equal",
+            help="Largest difference between the GPS times of a shot, in s, if they are not equal",
         ),
     ] = 1e-6,
     across: Annotated[
@@ -79,7 +83,7 @@ def compare(
         typer.Option(
             parser=_positive("m"),
             metavar="M",
-            help="Largest distance across the beam, in m, of a match by place",
+            help="Largest distance across the beam, in m, between echoes matched by place",
         ),
     ] = 0.1,
     details: Annotated[

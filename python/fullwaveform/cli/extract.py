@@ -50,14 +50,17 @@ def extract(
     as_one: AsOne = False,
     file_format: FormatOption = None,
     jobs: Annotated[
-        int, typer.Option(parser=integer_from(1), metavar="N", help="Number of files at a time")
+        int,
+        typer.Option(
+            parser=integer_from(1), metavar="N", help="Number of files extracted at the same time"
+        ),
     ] = 1,
     workers: Annotated[
         int | None,
         typer.Option(
             parser=integer_from(1),
             metavar="N",
-            help="Number of threads of a file. Default: all processors, divided by --jobs",
+            help="Number of threads per file. Default: all processors, divided by --jobs",
         ),
     ] = None,
     overwrite: OverwriteOption = False,

@@ -52,7 +52,7 @@ def join(
     ] = False,
     quiet: QuietOption = False,
 ) -> None:
-    """Complete a planned run: check that all parts are there and whole, and sum up.
+    """Complete a planned run: check that all parts are complete, and sum up.
 
     Examples:
 

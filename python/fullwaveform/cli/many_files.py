@@ -22,12 +22,12 @@ FormatOption = Annotated[
     typer.Option(
         "--format",
         metavar="FORMAT",
-        help=f"Of the files in a folder: {', '.join(FORMATS)}. Default: {DEFAULT_FORMAT}",
+        help=f"Format of the files in a folder: {', '.join(FORMATS)}. Default: {DEFAULT_FORMAT}",
     ),
 ]
 SkipBadFiles = Annotated[
     bool,
-    typer.Option("--skip-bad-files", help="Exit with 0 although files could not be extracted"),
+    typer.Option("--skip-bad-files", help="Exit with 0 even if files could not be extracted"),
 ]
 
 

@@ -67,19 +67,23 @@ def metrics(
     front_threshold: Annotated[
         float,
         typer.Option(
-            parser=_number, metavar="N", help="Noise rms above the baseline: top of the canopy"
+            parser=_number,
+            metavar="N",
+            help="Threshold for the top of the canopy, in noise rms above the baseline",
         ),
     ] = _DEFAULTS.front_threshold,
     back_threshold: Annotated[
         float,
         typer.Option(
-            parser=_number, metavar="N", help="Noise rms above the baseline: modes, end of signal"
+            parser=_number,
+            metavar="N",
+            help="Threshold for modes and the end of the signal, in noise rms above the baseline",
         ),
     ] = _DEFAULTS.back_threshold,
     reflectance_ratio: Annotated[
         float,
         typer.Option(
-            parser=_number, metavar="R", help="Reflectance of vegetation over that of the ground"
+            parser=_number, metavar="R", help="Ratio of the reflectances of vegetation and ground"
         ),
     ] = _DEFAULTS.reflectance_ratio,
     projection: Annotated[
@@ -91,15 +95,16 @@ def metrics(
     ] = _DEFAULTS.clumping,
     profile_step: Annotated[
         float,
-        typer.Option(parser=_number, metavar="M", help="Metres between heights of the profiles"),
+        typer.Option(parser=_number, metavar="M", help="Height step of the profiles in m"),
     ] = _DEFAULTS.profile_step,
     profile_top: Annotated[
-        float, typer.Option(parser=_number, metavar="M", help="Height at which the profiles end")
+        float,
+        typer.Option(parser=_number, metavar="M", help="Height at which the profiles end, in m"),
     ] = _DEFAULTS.profile_top,
     diversity_step: Annotated[
         float,
         typer.Option(
-            parser=_number, metavar="M", help="Metres between heights of the height diversity"
+            parser=_number, metavar="M", help="Height step of the foliage height diversity in m"
         ),
     ] = _DEFAULTS.diversity_step,
     workers: Annotated[
@@ -116,8 +121,8 @@ def metrics(
 ) -> None:
     """Compute metrics of whole waveforms: heights of energy, canopy cover, plant area.
 
-    A row per waveform. The defaults are for large footprints (GEDI, LVIS); airborne scanners with
-    pulses of 4 ns want --smoothing 2.
+    Writes a row for each waveform. The defaults are for large footprints (GEDI, LVIS); use
+    --smoothing 2 for airborne scanners with pulses of 4 ns.
 
     Examples:
 

@@ -89,8 +89,8 @@ BaselineOption = Annotated[
         parser=parse_baseline,
         metavar="keep|remove|auto",
         show_default=False,
-        help="Take the baseline off each waveform; auto: where it is high against the noise. "
-        "Default: auto",
+        help="Subtract the baseline from each waveform; auto: where it is high compared with the "
+        "noise. Default: auto",
     ),
 ]
 SampleScaleOption = Annotated[
@@ -99,8 +99,8 @@ SampleScaleOption = Annotated[
         parser=parse_sample_scale,
         metavar="N|auto",
         show_default=False,
-        help="Factor of the samples before the extraction; auto: up to 16 for weak waveforms in "
-        "the modes that deconvolve. Default: auto",
+        help="Multiply the samples by this factor before the extraction; auto: by up to 16 for "
+        "weak waveforms in the modes that deconvolve. Default: auto",
     ),
 ]
 SmoothingOption = Annotated[
@@ -118,8 +118,7 @@ FalseAlarmsOption = Annotated[
     typer.Option(
         parser=parse_rate,
         metavar="R",
-        help="Echoes of mere noise per 1,000 waveforms without light; only mode pulse-fit. "
-        "Default: 1",
+        help="Mode pulse-fit only: accepted false echoes per 1,000 waveforms of noise. Default: 1",
     ),
 ]
 MaxWidthOption = Annotated[
@@ -127,8 +126,8 @@ MaxWidthOption = Annotated[
     typer.Option(
         parser=parse_interval,
         metavar="NS",
-        help="Largest full width of an echo at half maximum in ns; only mode pulse-fit. Default: "
-        "the pulse, widened by 5 samples standard deviation",
+        help="Mode pulse-fit only: largest full width of an echo at half maximum, in ns. Default: "
+        "that of the pulse, widened by a Gaussian of 5 samples standard deviation",
     ),
 ]
 OutgoingPhaseOption = Annotated[
@@ -137,7 +136,8 @@ OutgoingPhaseOption = Annotated[
         parser=parse_phase_choice,
         metavar="|".join(PHASE_CHOICES),
         show_default=False,
-        help="Take the phase of the outgoing pulses off the ranges. Default: auto, if that helps",
+        help="Correct the ranges for the phase of the outgoing pulses. Default: auto, if that "
+        "reduces the scatter of neighbouring ranges",
     ),
 ]
 PulseOption = Annotated[
@@ -146,8 +146,8 @@ PulseOption = Annotated[
         parser=parse_pulse_choice,
         metavar="|".join(PULSE_CHOICES),
         show_default=False,
-        help="Pulses of which a pulse model is made: isolated echoes or outgoing pulses. Default: "
-        "auto, echoes if there are enough",
+        help="Pulses from which the pulse model is made: isolated echoes (returned) or outgoing "
+        "pulses. Default: auto, echoes if there are enough",
     ),
 ]
 ScannerFile = Annotated[
@@ -162,7 +162,8 @@ ChannelOption = Annotated[
     list[str] | None,
     typer.Option(
         metavar="[N=]CHANNEL",
-        help="Channel (low or high) of all packets, or per descriptor (2=high). Default: low",
+        help="Channel (low or high power) of all waveforms, or of a packet descriptor (2=high); "
+        "repeatable. Default: low",
     ),
 ]
 AfterPulseOption = Annotated[
@@ -216,7 +217,8 @@ Carry = Annotated[
     typer.Option(
         "--carry/--no-carry",
         show_default=False,
-        help="Take over class and extra bytes of a discrete return nearby. Default: carry",
+        help="Copy class and extra bytes of the nearest discrete return to each echo. "
+        "Default: carry",
     ),
 ]
 UncertaintyOption = Annotated[

@@ -15,7 +15,7 @@ from fullwaveform.io.atomic_folder import check_folder
 from fullwaveform.io.remote import RemoteError
 
 OverwriteOption = Annotated[
-    bool, typer.Option("--overwrite", help="Replace existing outputs, each by its own kind only")
+    bool, typer.Option("--overwrite", help="Replace existing outputs, only files of the same kind")
 ]
 
 

@@ -67,14 +67,13 @@ def report(
     max_samples: MaxSamples = DEFAULT_MAX_SAMPLES,
     output: Annotated[
         Path | None,
-        typer.Option("-o", "--output", metavar="FILE", help="Default: standard output"),
+        typer.Option("-o", "--output", metavar="FILE", help="Text file. Default: standard output"),
     ] = None,
     overwrite: OverwriteOption = False,
 ) -> None:
     """Print the analysis of single waveforms: levels, segments, echoes.
 
-    A high baseline is taken off as in extract; the position offset of deconvolved echoes is not
-    subtracted.
+    A high baseline is subtracted as in extract; the position offset of deconvolved echoes is not.
 
     Examples:
 

@@ -75,7 +75,7 @@ def run(
         ),
     ] = 1,
     again: Annotated[
-        bool, typer.Option("--again", help="Compute parts again that are there and whole")
+        bool, typer.Option("--again", help="Recompute parts that are complete, too")
     ] = False,
     workers: Annotated[
         int | None,

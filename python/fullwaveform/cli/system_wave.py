@@ -60,14 +60,17 @@ def system_wave(
     ],
     source: Annotated[
         Source | None,
-        typer.Option(help="Pulses to average. Default: outgoing if the file has them"),
+        typer.Option(
+            metavar="outgoing|echoes",
+            help="Pulses to average. Default: outgoing if the file has them",
+        ),
     ] = None,
     order: Annotated[
         int | None,
         typer.Option(
             parser=_order,
             metavar="N|auto",
-            help=f"Number of exponentials, 1 to {MAX_ORDER}, or chosen by the misfit. "
+            help=f"Number of exponentials, 1 to {MAX_ORDER}; auto: chosen by the misfit. "
             "Default: auto",
         ),
     ] = None,
