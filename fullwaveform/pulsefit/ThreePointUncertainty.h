@@ -1,11 +1,15 @@
 #pragma once
 
+#include <cstddef>
+#include <memory>
 #include <span>
 
 #include <fullwaveform/Export.h>
 #include <fullwaveform/pulsefit/EchoUncertainty.h>
 
 namespace FullWaveform {
+
+struct ThreePointBatch;
 
 /// Echoes of the three-point fit of one waveform, equally many values of each, in any order.
 struct ThreePointEchoes {
@@ -18,11 +22,29 @@ struct ThreePointEchoes {
 /// The fit uses three samples only, so its errors exceed the Cramer-Rao bound. They follow from those of the
 /// logarithms of the samples, of which all three values are functions.
 ///
-/// @param waveform  the samples as they were fitted, with their baseline
-/// @param result    one per echo; NaN where one of its samples is clipped, or where the samples around it are
-///                  not those of a three-point fit
-FULLWAVEFORM_EXPORT void threePointUncertainties(FittedSamples const& waveform, SampleNoise const& noise,
-                                                 ThreePointEchoes const& echoes,
-                                                 std::span<EchoUncertainty> result);
+/// The echoes of several waveforms are computed together, each in a lane of a vector: one alone is a chain of
+/// divisions that wait for each other. An echo's values do not depend on the others.
+class FULLWAVEFORM_EXPORT ThreePointUncertainty {
+ public:
+  ThreePointUncertainty();
+  ~ThreePointUncertainty();
+  ThreePointUncertainty(ThreePointUncertainty const&) = delete;
+  ThreePointUncertainty& operator=(ThreePointUncertainty const&) = delete;
+
+  /// Takes the echoes of the next waveform.
+  ///
+  /// @param waveform  the samples as they were fitted, with their baseline
+  /// @param result    one per echo, complete after `finish`, until which it must exist; NaN where one of its
+  /// samples is
+  ///                  clipped, or where the samples around it are not those of a three-point fit
+  void add(FittedSamples const& waveform, SampleNoise const& noise, ThreePointEchoes const& echoes,
+           std::span<EchoUncertainty> result);
+
+  /// Completes all results.
+  void finish();
+
+ private:
+  std::unique_ptr<ThreePointBatch> batch;
+};
 
 }  // namespace FullWaveform

@@ -37,33 +37,37 @@ struct RowsOfSamples {
   Column const& baselineDeviations;
   InputColumn<std::int64_t> const& rows;
 
-  /// Calls `visit(waveform, noise, first, count, result)` for the echoes of each row.
-  template <class Visitor>
-  nb::tuple columns(Visitor const& visit) const {
+  /// Calls `visit(waveform, noise, first, count, result)` for the echoes of each row, then `finish()`.
+  template <class Visitor, class Finish>
+  nb::tuple columns(Visitor const& visit, Finish const& finish) const {
     std::size_t const total = rows.shape(0);
     ColumnValues<double> positions(total);
     ColumnValues<double> amplitudes(total);
     ColumnValues<double> fwhms(total);
     {
       nb::gil_scoped_release const release;
-      std::vector<EchoUncertainty> found;
+      std::vector<EchoUncertainty> found(total);
       EchoRows const echoes{samples, counts, rows};
       echoes.forEach([&](std::int64_t row, std::size_t first, std::size_t count) {
         FittedSamples const waveform{echoes.samplesOf(row), thresholds.data()[row], limits.data()[row]};
         std::size_t const lags = covariances.shape(1);
         SampleNoise const noise{{covariances.data() + static_cast<std::size_t>(row) * lags, lags},
                                 baselineDeviations.data()[row]};
-        found.assign(count, EchoUncertainty());
-        visit(waveform, noise, first, count, std::span(found));
-        for (std::size_t k = 0; k < count; ++k) {
-          positions[first + k] = found[k].position;
-          amplitudes[first + k] = found[k].amplitude;
-          fwhms[first + k] = found[k].fwhm;
-        }
+        visit(waveform, noise, first, count, std::span(found).subspan(first, count));
       });
+      finish();
+      for (std::size_t k = 0; k < total; ++k) {
+        positions[k] = found[k].position;
+        amplitudes[k] = found[k].amplitude;
+        fwhms[k] = found[k].fwhm;
+      }
     }
     return nb::make_tuple(numpyColumn<double>(std::move(positions)),
                           numpyColumn<double>(std::move(amplitudes)), numpyColumn<double>(std::move(fwhms)));
+  }
+  template <class Visitor>
+  nb::tuple columns(Visitor const& visit) const {
+    return columns(visit, [] {});
   }
 };
 
@@ -72,11 +76,14 @@ nb::tuple threePoint(EchoRows::Samples const& samples, InputColumn<std::uint16_t
                      Column const& baselineDeviations, InputColumn<std::int64_t> const& rows,
                      Column const& positions, Column const& sigmas) {
   RowsOfSamples const source{samples, counts, thresholds, limits, covariances, baselineDeviations, rows};
-  return source.columns([&](FittedSamples const& waveform, SampleNoise const& noise, std::size_t first,
-                            std::size_t count, std::span<EchoUncertainty> result) {
-    FullWaveform::threePointUncertainties(
-        waveform, noise, {{positions.data() + first, count}, {sigmas.data() + first, count}}, result);
-  });
+  FullWaveform::ThreePointUncertainty kernel;
+  return source.columns(
+      [&](FittedSamples const& waveform, SampleNoise const& noise, std::size_t first, std::size_t count,
+          std::span<EchoUncertainty> result) {
+        kernel.add(waveform, noise, {{positions.data() + first, count}, {sigmas.data() + first, count}},
+                   result);
+      },
+      [&kernel] { kernel.finish(); });
 }
 
 nb::tuple gaussians(EchoRows::Samples const& samples, InputColumn<std::uint16_t> const& counts,

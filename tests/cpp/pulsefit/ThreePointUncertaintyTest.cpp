@@ -2,13 +2,17 @@
 
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 #include <limits>
 #include <numbers>
+#include <span>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include <fullwaveform/fitting/InstructionSet.h>
 #include <fullwaveform/fitting/ThreePointGauss.h>
+#include <fullwaveform/pulsefit/ThreePointBatch.h>
 
 namespace FullWaveform {
 namespace {
@@ -24,8 +28,10 @@ EchoUncertainty uncertaintyOf(Samples const& samples, double position, Values co
   Values const positions{position};
   Values const sigmas{1.0};
   std::vector<EchoUncertainty> result(1);
-  threePointUncertainties({.samples = samples, .limit = limit}, {covariance, baselineDeviation},
-                          {positions, sigmas}, result);
+  ThreePointUncertainty uncertainty;
+  uncertainty.add({.samples = samples, .limit = limit}, {covariance, baselineDeviation}, {positions, sigmas},
+                  result);
+  uncertainty.finish();
   return result[0];
 }
 
@@ -126,6 +132,58 @@ TEST(ThreePointUncertainty, OtherSamplesThanThoseOfTheFitGiveNothing) {
 
 TEST(ThreePointUncertainty, ASampleOfZeroIsReadAsOne) {
   EXPECT_EQ(uncertaintyOf({0, 20, 0}, 1.0, {1.0}).position, uncertaintyOf({1, 20, 1}, 1.0, {1.0}).position);
+}
+
+TEST(ThreePointUncertainty, AnEchoDoesNotDependOnTheOthersOfItsBatch) {
+  // 150 waveforms: more than two batches, the last one incomplete. Every third echo has no middle sample.
+  std::vector<Samples> waveforms;
+  std::vector<Values> positions;
+  for (unsigned short i = 0; i < 150; ++i) {
+    unsigned short const side = 20 + i;
+    waveforms.push_back({10, side, 200, side, 10, 30, 300, 300, 30});
+    positions.push_back({2.0, i % 3 == 0 ? 8.0 : 6.5});
+  }
+  Values const sigmas{1.0, 1.0};
+  std::vector<EchoUncertainty> together(2 * waveforms.size());
+  ThreePointUncertainty uncertainty;
+  for (std::size_t i = 0; i < waveforms.size(); ++i) {
+    uncertainty.add({.samples = waveforms[i]}, {littleNoise, 0.0}, {positions[i], sigmas},
+                    std::span(together).subspan(2 * i, 2));
+  }
+  uncertainty.finish();
+  for (std::size_t i = 0; i < waveforms.size(); ++i) {
+    for (std::size_t k = 0; k < 2; ++k) {
+      EchoUncertainty const alone = uncertaintyOf(waveforms[i], positions[i][k], littleNoise);
+      EchoUncertainty const& found = together[2 * i + k];
+      EXPECT_EQ(std::isnan(found.position), positions[i][k] == 8.0) << i;
+      if (!std::isnan(found.position)) {
+        EXPECT_EQ(found.position, alone.position) << i;
+        EXPECT_EQ(found.amplitude, alone.amplitude) << i;
+        EXPECT_EQ(found.fwhm, alone.fwhm) << i;
+      }
+    }
+  }
+}
+
+TEST(ThreePointUncertainty, AllInstructionSetsGiveTheSameDigits) {
+  ThreePointBatch batch;
+  batch.count = ThreePointBatch::capacity;
+  for (std::size_t lane = 0; lane < batch.count; ++lane) {
+    for (std::size_t i = 0; i < ThreePointBatch::samplesPerEcho; ++i) {
+      double const x = static_cast<double>(i) - 3.0 - static_cast<double>(lane) / 200.0;
+      batch.samples[i][lane] = std::round(1000.0 * std::exp(-0.1 * x * x));
+      batch.logarithms[i][lane] = std::log(batch.samples[i][lane]);
+    }
+    batch.offsets[lane] = static_cast<double>(lane) / 200.0;
+    batch.covariances[0][lane] = 9.0;
+    batch.covariances[1][lane] = 2.0;
+  }
+  ThreePointVariances narrow;
+  ThreePointVariances wide;
+  threePointKernel(InstructionSet::Baseline)(batch, narrow);
+  threePointKernel(widestInstructionSet())(batch, wide);
+  EXPECT_TRUE(std::isfinite(narrow.position[0]));
+  EXPECT_EQ(0, std::memcmp(&narrow, &wide, sizeof narrow));
 }
 
 }  // namespace
