@@ -4,8 +4,8 @@
 
 Processor times of the thread, minimum of several runs: laspy's reading of the points and packets
 of the file, which has a companion with the packets; reading and calibrating; `Driver.apply`, the
-rest of the extraction (samples prepared, echoes refined with their uncertainties, table filled),
-and writing each format.
+rest of the extraction (samples prepared, echoes refined, table filled with uncertainties, of which
+the last is one compiled call), and writing each format.
 """
 
 from __future__ import annotations
@@ -24,8 +24,10 @@ from ratios import read as read_and_drop
 
 from fullwaveform import Scanner
 from fullwaveform.calibration.calibration import measure
-from fullwaveform.core import echo_table, uncertainty
+from fullwaveform.core import echo_table
 from fullwaveform.core.driver import Driver, Mode
+from fullwaveform.core.memory import keep_freed_memory
+from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.extraction.extractor import ExtractionSettings, Extractor
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS
 from fullwaveform.io.opening import open_waveforms
@@ -52,6 +54,12 @@ class Stopwatch:
             self.seconds += time.thread_time() - started
 
 
+def extract_and_drop(extractor: Extractor, blocks: list[WaveformBlock]) -> None:
+    """Extract block by block, as a command does, which keeps none of the results."""
+    for block in blocks:
+        extractor.extract(block)
+
+
 def main() -> None:
     """Print a table of stages."""
     parser = argparse.ArgumentParser(description=__doc__)
@@ -59,6 +67,7 @@ def main() -> None:
     parser.add_argument("--mode", type=int, default=0)
     parser.add_argument("--runs", type=int, default=7)
     options = parser.parse_args()
+    keep_freed_memory()  # as the command does
     settings = ExtractionSettings(Scanner.default(), Mode(options.mode))
     with open_waveforms(options.file) as reader:
         calibrating, calibration = fastest(options.runs, lambda: measure(reader))
@@ -70,26 +79,24 @@ def main() -> None:
     )
     blocks = read(options.file)
     runs = []
+    extractor = Extractor(settings)
     for _ in range(options.runs):
         driver, table = Stopwatch(Driver.apply), Stopwatch(echo_table._core.echo_table)
-        kernel = Stopwatch(uncertainty._core.three_point_uncertainties)
         with (
             patch.object(Driver, "apply", driver),
-            patch.object(uncertainty._core, "three_point_uncertainties", kernel),
             patch.object(echo_table._core, "echo_table", table),
         ):
-            extractor = Extractor(settings)
-            whole, extracted = fastest(1, lambda by=extractor: [by.extract(b) for b in blocks])
-        runs.append((driver.seconds, whole - driver.seconds, table.seconds, kernel.seconds))
-    method, rest, filled, deviations = (min(times) for times in zip(*runs, strict=True))
+            whole, _ = fastest(1, lambda: extract_and_drop(extractor, blocks))
+        runs.append((driver.seconds, whole - driver.seconds, table.seconds))
+    method, rest, filled = (min(times) for times in zip(*runs, strict=True))
+    extracted = [extractor.extract(block) for block in blocks]
     stages = {
         "laspy's reading": laspys,
         "reading": reading,
         "calibrating": calibrating,
         "Driver.apply": method,
         "result to echo table": rest,
-        "of that the table": filled,
-        "of that uncertainties of three-point echoes": deviations,
+        "of that the compiled call": filled,
     }
     for ending in ECHO_ENDINGS:
         with TemporaryDirectory() as folder:

@@ -8,6 +8,18 @@
 
 #include "NumpyColumn.h"
 
+/// Calls `visit(row, first, count)` for the echoes of each row, given the row of each echo; those of a row
+/// are consecutive.
+template <class Visitor>
+void forEachRow(std::span<std::int64_t const> rows, Visitor const& visit) {
+  for (std::size_t first = 0, end = 0; first < rows.size(); first = end) {
+    while (end < rows.size() && rows[end] == rows[first]) {
+      ++end;
+    }
+    visit(rows[first], first, end - first);
+  }
+}
+
 /// Echoes of a block, sorted by the row of the block in which they were found, and the samples of those rows.
 struct EchoRows {
   using Samples = nanobind::ndarray<unsigned short const, nanobind::ndim<2>, nanobind::device::cpu>;
@@ -23,12 +35,6 @@ struct EchoRows {
   /// Calls `visit(row, first, count)` for the echoes of each row.
   template <class Visitor>
   void forEach(Visitor const& visit) const {
-    std::span<std::int64_t const> const rows(ofEchoes.data(), ofEchoes.shape(0));
-    for (std::size_t first = 0, end = 0; first < rows.size(); first = end) {
-      while (end < rows.size() && rows[end] == rows[first]) {
-        ++end;
-      }
-      visit(rows[first], first, end - first);
-    }
+    forEachRow(std::span(ofEchoes.data(), ofEchoes.shape(0)), visit);
   }
 };

@@ -11,10 +11,14 @@
 #include <nanobind/ndarray.h>
 
 #include <fullwaveform/model/Peak.h>
+#include <fullwaveform/pulsefit/EchoUncertainty.h>
+#include <fullwaveform/pulsefit/ThreePointUncertainty.h>
 #include <native/echotable/TableRows.h>
 
 #include "Bindings.h"
+#include "EchoRows.h"
 #include "EchoTableColumns.h"
+#include "FittedRows.h"
 #include "NumpyColumn.h"
 
 namespace nb = nanobind;
@@ -81,9 +85,15 @@ struct FoundColumn {
   std::span<Value const> values;
   Value FoundEcho::* member;
 
-  void read(std::size_t index, FoundEcho& echo) const {
-    if (!values.empty()) {
-      echo.*member = values[index];
+  void read(std::span<std::int64_t const> indices, std::span<FoundEcho> echoes) const {
+    if (values.empty()) {
+      for (FoundEcho& echo : echoes) {
+        echo.*member = FoundEcho().*member;
+      }
+      return;
+    }
+    for (std::size_t i = 0; i < indices.size(); ++i) {
+      echoes[i].*member = values[static_cast<std::size_t>(indices[i])];
     }
   }
 };
@@ -112,21 +122,19 @@ class FoundColumns {
 
   [[nodiscard]] std::span<std::int64_t const> rows() const { return ofRows; }
 
-  [[nodiscard]] std::vector<FoundEcho> echoes() const {
-    std::vector<FoundEcho> found(ofRows.size());
-    for (std::size_t i = 0; i < found.size(); ++i) {
-      found[i].row = ofRows[i];
-      for (auto const& one : doubles) {
-        one.read(i, found[i]);
-      }
-      for (auto const& one : singles) {
-        one.read(i, found[i]);
-      }
-      for (auto const& one : bytes) {
-        one.read(i, found[i]);
-      }
+  /// @param echoes  one per index; all of their values are set
+  void read(std::span<std::int64_t const> indices, std::span<FoundEcho> echoes) const {
+    for (std::size_t i = 0; i < indices.size(); ++i) {
+      echoes[i].row = ofRows[static_cast<std::size_t>(indices[i])];
     }
-    return found;
+    auto const readAll = [&](auto const& columns) {
+      for (auto const& one : columns) {
+        one.read(indices, echoes);
+      }
+    };
+    readAll(doubles);
+    readAll(singles);
+    readAll(bytes);
   }
 
  private:
@@ -143,6 +151,53 @@ class FoundColumns {
   std::array<FoundColumn<std::uint8_t>, 3> bytes;
 };
 
+/// Enters the uncertainties of those echoes that the three-point fit found.
+class ThreePointEchoes {
+ public:
+  explicit ThreePointEchoes(FittedRows const& waveforms) : waveforms(waveforms) {}
+
+  /// @param echoes  all of their waveforms, those of a waveform consecutive
+  void enterUncertainties(std::span<FoundEcho> echoes) {
+    chosen.clear();
+    rows.clear();
+    positions.clear();
+    sigmas.clear();
+    for (FoundEcho& echo : echoes) {
+      if (echo.type == threePoint) {
+        chosen.push_back(&echo);
+        rows.push_back(echo.row);
+        positions.push_back(echo.position);
+        sigmas.push_back(echo.sigma);
+        waveforms.prefetch(echo.row, echo.position);
+      }
+    }
+    found.resize(chosen.size());
+    forEachRow(rows, [&](std::int64_t row, std::size_t first, std::size_t count) {
+      FittedRows::Noise const noise(waveforms, row);
+      kernel.add(waveforms.waveformOf(row), noise.view(),
+                 {std::span(positions).subspan(first, count), std::span(sigmas).subspan(first, count)},
+                 std::span(found).subspan(first, count));
+    });
+    kernel.finish();
+    for (std::size_t i = 0; i < chosen.size(); ++i) {
+      chosen[i]->sigmaPosition = found[i].position;
+      chosen[i]->sigmaHeight = found[i].amplitude;
+      chosen[i]->sigmaFwhm = found[i].fwhm;
+    }
+  }
+
+ private:
+  static constexpr auto threePoint = static_cast<std::uint8_t>(FullWaveform::TYPE::GAUSS_3POINTS);
+
+  FittedRows const& waveforms;
+  FullWaveform::ThreePointUncertainty kernel;
+  std::vector<FoundEcho*> chosen;
+  std::vector<std::int64_t> rows;
+  std::vector<double> positions;
+  std::vector<double> sigmas;
+  std::vector<FullWaveform::EchoUncertainty> found;
+};
+
 template <class Rows>
 void checkRows(Rows const& rows, std::size_t count) {
   for (std::int64_t const row : rows) {
@@ -155,29 +210,56 @@ void checkRows(Rows const& rows, std::size_t count) {
 
 constexpr auto deconvolved = static_cast<std::uint8_t>(FullWaveform::TYPE::RICHARDSON_LUCY);
 
+constexpr std::size_t rowsAtATime = 128;  // whose echoes stay in the first cache
+
+/// The columns of a table, made of some shots at a time.
+TableColumns columnsOf(ShotTable& table, FoundColumns const& found, FittedRows const* fitted,
+                       TableSource const& source) {
+  TableColumns columns(table.size());
+  std::optional<ThreePointEchoes> threePoint;
+  if (fitted != nullptr) {
+    threePoint.emplace(*fitted);
+  }
+  std::vector<FoundEcho> echoes;
+  std::size_t first = 0;
+  while (table.takeShots(rowsAtATime)) {
+    echoes.resize(table.taken().size());
+    found.read(table.taken(), echoes);
+    if (threePoint) {
+      threePoint->enterUncertainties(echoes);
+    }
+    std::span<TableRow const> const rows = table.rowsOf(echoes);
+    columns.set(first, rows.size(), [&](std::size_t i) { return TableRecord{&source, &rows[i]}; });
+    first += rows.size();
+  }
+  return columns;
+}
+
 nb::tuple echoTable(nb::dict const& waveformArrays, nb::dict const& echoColumns, nb::dict const& returnArrays,
-                    double amplitudeUnit, double rangePerSecond, double positionOffset, bool keepsEmpty) {
+                    FittedRows const* fitted, double amplitudeUnit, double rangePerSecond,
+                    double positionOffset, bool keepsEmpty) {
   NamedArrays ofWaveforms(waveformArrays);
   NamedArrays ofReturns(returnArrays);
-  Waveforms const waveforms = waveformsOf(ofWaveforms);
-  DiscreteReturns const returns = nb::len(returnArrays) > 0 ? returnsOf(ofReturns) : DiscreteReturns();
+  TableSource const source{waveformsOf(ofWaveforms),
+                           nb::len(returnArrays) > 0 ? returnsOf(ofReturns) : DiscreteReturns(),
+                           amplitudeUnit, rangePerSecond};
   FoundColumns const found(echoColumns);
-  Table table;
+  if (fitted != nullptr && fitted->size() != source.waveforms.size()) {
+    throw std::invalid_argument("fitted has " + std::to_string(fitted->size()) + " rows; expected " +
+                                std::to_string(source.waveforms.size()));
+  }
   TableColumns columns;
+  std::vector<std::int64_t> echoCounts;
   {
     nb::gil_scoped_release const release;
-    std::vector<FoundEcho> echoes = found.echoes();
-    checkRows(found.rows(), waveforms.size());
-    checkRows(returns.rows, waveforms.size());
-    table = tableOf(waveforms, returns, echoes, {positionOffset, deconvolved, keepsEmpty});
-    columns = TableColumns(table.rows.size());
-    TableRecord record{&waveforms, &returns, amplitudeUnit, rangePerSecond, {}};
-    for (std::size_t i = 0; i < table.rows.size(); ++i) {
-      record.at = table.rows[i];
-      columns.set(i, record);
-    }
+    checkRows(found.rows(), source.waveforms.size());
+    checkRows(source.returns.rows, source.waveforms.size());
+    ShotTable table(source.waveforms, source.returns, found.rows(),
+                    {positionOffset, deconvolved, keepsEmpty});
+    columns = columnsOf(table, found, fitted, source);
+    echoCounts = table.echoCounts();
   }
-  return nb::make_tuple(numpyColumns(columns), numpyColumn<std::int64_t>(std::move(table.echoCounts)));
+  return nb::make_tuple(numpyColumns(columns), numpyColumn<std::int64_t>(std::move(echoCounts)));
 }
 
 }  // namespace
@@ -185,8 +267,10 @@ nb::tuple echoTable(nb::dict const& waveformArrays, nb::dict const& echoColumns,
 void bindEchoTable(nb::module_& module) {
   module.attr("RESULT_COLUMNS")["echo_table"] = columnTypes(TableColumns());
   module.def("echo_table", &echoTable, nb::arg("waveforms"), nb::arg("echoes"), nb::arg("returns"),
-             nb::arg("amplitude_unit"), nb::arg("range_per_second"), nb::arg("position_offset"),
-             nb::arg("keep_empty"),
+             nb::arg("fitted").none(), nb::arg("amplitude_unit"), nb::arg("range_per_second"),
+             nb::arg("position_offset"), nb::arg("keep_empty"),
              "Columns of the table of a block, and the number of echoes of each waveform. The arguments are "
-             "arrays by name; `returns` is empty if echoes are not compared with discrete returns.");
+             "arrays by name; `returns` is empty if echoes are not compared with discrete returns, `fitted` "
+             "None if the uncertainties of three-point echoes are not computed. Echoes of a waveform are "
+             "consecutive.");
 }

@@ -74,6 +74,7 @@ class PacketFault(IntEnum):
     NO_TIME = 4  # GPS time not finite
     NOT_GEOREFERENCED = 5  # direction or return location not finite
 
+def keep_freed_memory() -> None: ...
 def take_messages() -> list[str]: ...
 def chunk_memory_total() -> int: ...
 def after_pulse_class() -> int: ...
@@ -199,24 +200,22 @@ def refine_echoes(
 
 MAX_NOISE_LAG: int
 
-def three_point_uncertainties(
-    samples: npt.NDArray[np.uint16],
-    counts: npt.NDArray[np.uint16],
-    thresholds: npt.NDArray[np.float64],
-    limits: npt.NDArray[np.float64],
-    covariances: npt.NDArray[np.float64],
-    baseline_deviations: npt.NDArray[np.float64],
-    rows: npt.NDArray[np.int64],
-    positions: npt.NDArray[np.float64],
-    sigmas: npt.NDArray[np.float64],
-) -> tuple[npt.NDArray[np.float64], npt.NDArray[np.float64], npt.NDArray[np.float64]]: ...
+class FittedRows:
+    def __init__(
+        self,
+        samples: npt.NDArray[np.uint16],
+        counts: npt.NDArray[np.uint16],
+        thresholds: npt.NDArray[np.float64],
+        noise_of_rows: npt.NDArray[np.int64],
+        limits: npt.NDArray[np.float64],
+        covariances: npt.NDArray[np.float64],
+        baseline_deviations: npt.NDArray[np.float64],
+        removed: npt.NDArray[np.int64],
+        scales: npt.NDArray[np.int64],
+    ) -> None: ...
+
 def gaussian_uncertainties(
-    samples: npt.NDArray[np.uint16],
-    counts: npt.NDArray[np.uint16],
-    thresholds: npt.NDArray[np.float64],
-    limits: npt.NDArray[np.float64],
-    covariances: npt.NDArray[np.float64],
-    baseline_deviations: npt.NDArray[np.float64],
+    waveforms: FittedRows,
     rows: npt.NDArray[np.int64],
     positions: npt.NDArray[np.float64],
     heights: npt.NDArray[np.float64],
@@ -225,12 +224,7 @@ def gaussian_uncertainties(
     reaches: npt.NDArray[np.float64],
 ) -> tuple[npt.NDArray[np.float64], npt.NDArray[np.float64], npt.NDArray[np.float64]]: ...
 def system_wave_uncertainties(
-    samples: npt.NDArray[np.uint16],
-    counts: npt.NDArray[np.uint16],
-    thresholds: npt.NDArray[np.float64],
-    limits: npt.NDArray[np.float64],
-    covariances: npt.NDArray[np.float64],
-    baseline_deviations: npt.NDArray[np.float64],
+    waveforms: FittedRows,
     rows: npt.NDArray[np.int64],
     positions: npt.NDArray[np.float64],
     heights: npt.NDArray[np.float64],
@@ -240,6 +234,7 @@ def echo_table(
     waveforms: Mapping[str, npt.NDArray[Any]],
     echoes: Mapping[str, npt.NDArray[Any]],
     returns: Mapping[str, npt.NDArray[Any]],
+    fitted: FittedRows | None,
     amplitude_unit: float,
     range_per_second: float,
     position_offset: float,

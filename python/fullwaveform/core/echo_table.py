@@ -9,6 +9,7 @@ import numpy as np
 
 from fullwaveform import _core
 from fullwaveform.core.scanner import Scanner
+from fullwaveform.core.uncertainty import FittedRows
 from fullwaveform.data.arrays import AnyArray, FloatArray, IntArray
 from fullwaveform.data.blocks import WaveformBlock
 from fullwaveform.data.echo_columns import (
@@ -25,7 +26,8 @@ from fullwaveform.data.returns import DiscreteReturns
 class FoundEchoes:
     """Echoes as a method found them, of which the table of a block is made."""
 
-    rows: IntArray  # (m,), row of the block in which each echo was found
+    #: (m,), row of the block in which each echo was found; those of a waveform are consecutive.
+    rows: IntArray
     #: Columns (m,) as in `Result.peaks` with NaN for unknown values, ``height``, counts above the
     #: baseline, ``library_idx``, samples; with ``sigma_position`` and ``sigma_fwhm``, samples, and
     #: ``sigma_height``, counts, if the standard deviations of the values are known; with
@@ -40,6 +42,8 @@ class FoundEchoes:
     #: (n,), s: reach of echoes of unknown width, at least one sample; that of others is half their
     #: width at half maximum. None: echoes are not compared with discrete returns.
     half_width: FloatArray | None = None
+    #: Of all waveforms, for the uncertainties of three-point echoes; None: not computed.
+    fitted: FittedRows | None = None
 
 
 def echo_table(
@@ -73,6 +77,7 @@ def echo_table(
         _waveform_arrays(block, found),
         {**found.peaks, "row": found.rows},
         {} if returns is None else _return_arrays(returns),
+        None if found.fitted is None else found.fitted.compiled(),
         np.nan if scanner.amplitude_unit is None else scanner.amplitude_unit,
         scanner.range_per_second,
         found.position_offset,

@@ -20,32 +20,36 @@ Uncertainties = tuple[FloatArray, FloatArray, FloatArray]
 
 @dataclass(frozen=True, slots=True)
 class FittedRows:
-    """Waveforms in which echoes were found, and their noise."""
+    """Waveforms in which echoes were found, and the noise of their samples.
+
+    Limit, covariance and baseline deviation are those of kinds of noise, of which each waveform has
+    one, in counts of the input.
+    """
 
     samples: UInt16Array  # (n, width) counts, rows contiguous
     counts: UInt16Array  # (n,) valid samples of each row
-    threshold: FloatArray  # (n,) counts
-    limit: FloatArray  # (n,) counts; samples from here on are clipped
-    # (n, lags) counts squared, of two samples 0, 1, ... apart; MAX_NOISE_LAG + 1 lags at most
+    threshold: FloatArray  # (n,) counts of the samples
+    noise: IntArray  # (n,) index of the kind of noise
+    limit: FloatArray  # (k,) counts; samples from here on are clipped
+    # (k, lags) counts squared, of two samples 0, 1, ... apart; MAX_NOISE_LAG + 1 lags at most
     covariance: FloatArray
-    # (n,) counts, of the level from which heights count; NaN: the mean of the samples without echo
+    # (k,) counts, of the level from which heights count; NaN: the mean of the samples without echo
     baseline_deviation: FloatArray
+    removed: IntArray  # (n,) counts of the input by which the samples of each row are lower
+    scale: IntArray  # (n,) factor of the rest
 
-    def of_three_point(
-        self, rows: IntArray, positions: FloatArray, sigmas: FloatArray
-    ) -> Uncertainties:
-        """Of echoes of the three-point fit.
-
-        Parameters
-        ----------
-        rows : (m,) row of each echo, all echoes of these rows, in any order
-        positions : (m,) samples
-        sigmas : (m,) standard deviations, samples
-        """
-        order = _ascending(rows)
-        columns = (_doubles(column[order]) for column in (positions, sigmas))
-        return _in_place(
-            order, _core.three_point_uncertainties(*self._arguments(rows[order]), *columns)
+    def compiled(self) -> _core.FittedRows:
+        """The arrays as the compiled module takes them."""
+        return _core.FittedRows(
+            self.samples,
+            np.ascontiguousarray(self.counts),
+            _doubles(self.threshold),
+            self.noise,
+            _doubles(self.limit),
+            _doubles(self.covariance),
+            _doubles(self.baseline_deviation),
+            self.removed,
+            self.scale,
         )
 
     def of_decomposed(
@@ -60,14 +64,19 @@ class FittedRows:
         """Of Gaussians that were fitted to the samples within `reaches` (m,) of their positions.
 
         Positions were fitted to samples above the threshold only, with Gaussians of the standard
-        deviations `position_sigmas` (m,) in samples. Other parameters as for `of_three_point`;
-        `heights` (m,) in counts above the baseline.
+        deviations `position_sigmas` (m,).
+
+        Parameters
+        ----------
+        rows : (m,) row of each echo, all echoes of these rows, in any order
+        positions, sigmas, position_sigmas, reaches : (m,) samples
+        heights : (m,) counts above the baseline
         """
         order = _ascending(rows)
         gaussians = (positions, heights, sigmas, position_sigmas, reaches)
         columns = (_doubles(column[order]) for column in gaussians)
         return _in_place(
-            order, _core.gaussian_uncertainties(*self._arguments(rows[order]), *columns)
+            order, _core.gaussian_uncertainties(self.compiled(), rows[order], *columns)
         )
 
     def of_deconvolved(
@@ -79,26 +88,14 @@ class FittedRows:
         """
         order = _ascending(rows)
         found = _core.system_wave_uncertainties(
-            *self._arguments(rows[order]),
+            self.compiled(),
+            rows[order],
             _doubles(positions[order]),
             _doubles(heights[order]),
             scanner.device(),
         )
         forward_messages()
         return _in_place(order, found)
-
-    def _arguments(
-        self, rows: IntArray
-    ) -> tuple[UInt16Array, UInt16Array, FloatArray, FloatArray, FloatArray, FloatArray, IntArray]:
-        return (
-            self.samples,
-            np.ascontiguousarray(self.counts),
-            _doubles(self.threshold),
-            _doubles(self.limit),
-            _doubles(self.covariance),
-            _doubles(self.baseline_deviation),
-            rows,
-        )
 
 
 def _doubles(values: AnyArray) -> FloatArray:

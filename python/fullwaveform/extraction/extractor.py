@@ -206,6 +206,12 @@ class Extractor:
             left_out += part.left_out
             half_width[rows] = half_width_of_system_wave(self.settings.scanner, interval)
         rows, peaks = _joined(parts)
+        fitted = None
+        if self.settings.uncertainty and self.settings.mode is not Mode.PULSE_FIT:
+            threshold = waveforms["threshold"]
+            fitted = fitted_rows(prepared, self.settings.preparation, threshold, rows)
+            intervals = block.sampling_intervals
+            peaks = with_uncertainties(peaks, rows, fitted, self.settings.scanner, intervals)
         phase = self._outgoing_phase(block)
         found = FoundEchoes(
             rows,
@@ -214,6 +220,7 @@ class Extractor:
             np.nan_to_num(phase, nan=0.0),
             self.settings.position_offset,
             half_width if self.settings.carry else None,
+            fitted,
         )
         echoes, counts = echo_table(
             block, found, self.settings.scanner, keep_empty=self.settings.keep_empty
@@ -292,7 +299,7 @@ class Extractor:
         echo_rows = rows[peaks["row"]]
         baseline = with_own_baselines(block, prepared.baseline, echo_rows)
         scanner = self.settings.scanner.at_interval(float(block.sampling_intervals[rows[0]]))
-        refined = refined_peaks(
+        return refined_peaks(
             peaks,
             threshold[pick],
             block.samples[pick],
@@ -301,10 +308,6 @@ class Extractor:
             scanner,
             at_modes=prepared.is_smoothed,
         )
-        if not self.settings.uncertainty:
-            return refined
-        fitted = fitted_rows(prepared, self.settings.preparation, threshold, echo_rows)
-        return with_uncertainties(refined, echo_rows, fitted, scanner)
 
     def _outgoing_phase(self, block: WaveformBlock) -> FloatArray:
         """Samples to subtract from the positions of the echoes of each waveform, to place them.

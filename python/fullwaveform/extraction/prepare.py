@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import math
+from collections.abc import Iterable
 from dataclasses import dataclass, replace
 from typing import Literal, cast, get_args
 
@@ -101,6 +102,18 @@ class Preparation:
 
 
 @dataclass(frozen=True, slots=True)
+class Receivers:
+    """The receivers of a block that were measured."""
+
+    levels: tuple[ChannelLevels, ...]
+    of_rows: IntArray  # (n,), index of the levels of each waveform; their number without levels
+
+    def values_of(self, measured: Iterable[float]) -> FloatArray:
+        """The value of the receiver of each waveform (n,), given one per levels; NaN without."""
+        return np.array([*measured, np.nan])[self.of_rows]
+
+
+@dataclass(frozen=True, slots=True)
 class PreparedBlock:
     """A block for the driver, and what leads back to the counts of the input."""
 
@@ -110,6 +123,7 @@ class PreparedBlock:
     baseline: FloatArray
     removed: IntArray  # (n,), counts of the input that were taken off before the scaling
     scale: IntArray  # (n,), factor of what was left
+    receivers: Receivers
     is_smoothed: bool = False
 
     def input_threshold(self, row: int) -> int | None:
@@ -156,7 +170,8 @@ def prepare(block: WaveformBlock, preparation: Preparation) -> PreparedBlock:
     rows = len(block)
     if preparation.mode is Mode.PULSE_FIT:  # fits the baseline, and has no threshold
         none = np.zeros(rows, np.int64)
-        return PreparedBlock(block, none, np.full(rows, np.nan), none, np.ones(rows, np.int64))
+        unknown, scale = np.full(rows, np.nan), np.ones(rows, np.int64)
+        return PreparedBlock(block, none, unknown, none, scale, Receivers((), none))
     seconds = preparation.smoothing_of(block)
     is_smoothed = seconds > 0.0 and rows > 0
     values: UInt16Array | Float32Array = block.samples
@@ -164,12 +179,13 @@ def prepare(block: WaveformBlock, preparation: Preparation) -> PreparedBlock:
         values = smoothed(block, seconds)
         block = replace(block, samples=np.rint(values).astype(np.uint16))
     given = _given_thresholds(block, preparation.threshold)
-    thresholds = np.full(rows, ESTIMATE, np.int64)
-    baseline, removed = np.full(rows, np.nan), np.zeros(rows, np.int64)
-    measured = np.full(rows, np.nan)  # thresholds, counts of the input
-    for level, chosen in by_receiver(block, preparation.calibration):
-        baseline[chosen], measured[chosen] = level.baseline, level.threshold
+    receivers = receivers_of(block, preparation.calibration)
+    baseline = receivers.values_of(level.baseline for level in receivers.levels)
+    measured = receivers.values_of(level.threshold for level in receivers.levels)  # counts of input
+    removed = np.zeros(rows, np.int64)
+    for number, level in enumerate(receivers.levels):
         if preparation.removes_baseline(level):
+            chosen = receivers.of_rows == number
             own = _own_baselines(block.samples[chosen], block.counts[chosen], level)
             floor = np.where(given[chosen] == ESTIMATE, _MAX_LEFT, math.ceil(level.margin))
             baseline[chosen] = own
@@ -184,25 +200,35 @@ def prepare(block: WaveformBlock, preparation: Preparation) -> PreparedBlock:
         prepared = replace(block, samples=_whole(values * scale[:, np.newaxis]))
     wanted = measured if preparation.threshold is None else given.astype(np.float64)
     known = np.isfinite(wanted) & (wanted != ESTIMATE)
-    in_driver = np.ceil((wanted[known] - removed[known]) * scale[known])
-    thresholds[known] = np.clip(in_driver, 0, MAX_COUNT)
+    in_driver = np.ceil((np.where(known, wanted, 0.0) - removed) * scale)
+    thresholds = np.where(known, np.clip(in_driver, 0, MAX_COUNT), ESTIMATE).astype(np.int64)
     left = np.asarray((baseline - removed) * scale, np.float64)
-    return PreparedBlock(prepared, thresholds, left, removed, scale, is_smoothed)
+    return PreparedBlock(prepared, thresholds, left, removed, scale, receivers, is_smoothed)
+
+
+def receivers_of(block: WaveformBlock, calibration: Calibration) -> Receivers:
+    """The receivers in the block that have levels, and which of them recorded each waveform."""
+    # As one number each: rows of pairs take ten times as long to sort.
+    receivers = block.channel_flags.astype(np.uint16) << 8 | block.descriptors
+    levels: list[ChannelLevels] = []
+    # Counted, because sorting takes longer than all else here.
+    present = np.bincount(receivers)
+    numbers = np.full(len(present), -1, np.int64)
+    for receiver in np.flatnonzero(present).tolist():
+        level = calibration.levels_of(receiver >> 8, receiver & 0xFF)
+        if level is not None:
+            numbers[receiver] = len(levels)
+            levels.append(level)
+    numbers[numbers < 0] = len(levels)
+    return Receivers(tuple(levels), numbers[receivers])
 
 
 def by_receiver(
     block: WaveformBlock, calibration: Calibration
 ) -> list[tuple[ChannelLevels, BoolArray]]:
     """The levels of each receiver in the block, and which waveforms it recorded (n,)."""
-    # As one number each: rows of pairs take ten times as long to sort.
-    receivers = block.channel_flags.astype(np.uint16) << 8 | block.descriptors
-    found = []
-    # Counted, because sorting takes longer than all else here.
-    for receiver in np.flatnonzero(np.bincount(receivers)).tolist():
-        level = calibration.levels_of(receiver >> 8, receiver & 0xFF)
-        if level is not None:
-            found.append((level, receivers == receiver))
-    return found
+    receivers = receivers_of(block, calibration)
+    return [(level, receivers.of_rows == number) for number, level in enumerate(receivers.levels)]
 
 
 def _given_thresholds(block: WaveformBlock, threshold: Thresholds | None) -> IntArray:

@@ -66,19 +66,21 @@ def refined_peaks(
         position[deconvolved], height[deconvolved] = refine_deconvolved(
             samples, counts, baseline, rows[deconvolved], position[deconvolved], scanner
         )
-    interval = scanner.sampling_interval or np.nan
-    return {
+    refined = {
         **peaks,
         "height": height,
         "library_idx": peaks["idx"],
         "library_std": peaks["std"],
-        "idx": position,
-        "time": peaks["time"] + (position - peaks["idx"]) * interval,
-        "std": np.where(kind == EchoType.RICHARDSON_LUCY, np.nan, sigma),
         "reflectance": np.where(
             kind == EchoType.ONLINE_OWP, peaks["reflectance"], np.float32(np.nan)
         ),
     }
+    if len(decomposed) or len(deconvolved):
+        interval = scanner.sampling_interval or np.nan
+        refined["idx"] = position
+        refined["time"] = peaks["time"] + (position - peaks["idx"]) * interval
+        refined["std"] = np.where(kind == EchoType.RICHARDSON_LUCY, np.nan, sigma)
+    return refined
 
 
 def found_by(types: Iterable[EchoType], kind: AnyArray) -> IntArray:

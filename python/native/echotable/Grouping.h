@@ -14,8 +14,11 @@ class Grouping {
   Grouping(std::span<std::int64_t const> groups, std::size_t count);
 
   /// Indices of the items of a group, ascending.
-  [[nodiscard]] std::span<std::int64_t const> of(std::size_t group) const {
-    return std::span(items).subspan(begins[group], begins[group + 1] - begins[group]);
+  [[nodiscard]] std::span<std::int64_t const> of(std::size_t group) const { return of(group, group + 1); }
+
+  /// Those of the groups from `first` to before `end`, group by group.
+  [[nodiscard]] std::span<std::int64_t const> of(std::size_t first, std::size_t end) const {
+    return std::span(items).subspan(begins[first], begins[end] - begins[first]);
   }
 
  private:

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <list>
 #include <utility>
 #include <vector>
 
@@ -56,6 +57,36 @@ FoundEcho echoAt(std::int64_t row, double position) {
 }
 
 using Numbers = std::vector<std::int64_t>;
+
+/// All rows of a table; they refer to the echoes.
+struct Table {
+  std::list<std::vector<FoundEcho>> echoes;
+  std::vector<TableRow> rows;
+  Numbers echoCounts;
+};
+
+/// The table, made of so many rows at a time.
+Table tableOf(Waveforms const& waveforms, DiscreteReturns const& returns,
+              std::vector<FoundEcho> const& echoes, Choices const& choices, std::size_t atATime = 1) {
+  Numbers rows;
+  for (FoundEcho const& echo : echoes) {
+    rows.push_back(echo.row);
+  }
+  ShotTable shots(waveforms, returns, rows, choices);
+  Table table;
+  while (shots.takeShots(atATime)) {
+    std::vector<FoundEcho>& taken = table.echoes.emplace_back();
+    for (std::int64_t const index : shots.taken()) {
+      taken.push_back(echoes[static_cast<std::size_t>(index)]);
+    }
+    for (TableRow const& row : shots.rowsOf(taken)) {
+      table.rows.push_back(row);
+    }
+  }
+  EXPECT_EQ(table.rows.size(), shots.size());
+  table.echoCounts = shots.echoCounts();
+  return table;
+}
 
 Numbers rowsOf(Table const& table) {
   Numbers rows;
@@ -139,6 +170,19 @@ TEST(EchoTable, RowsOfEmptyWaveformsFollowTheEchoesOfTheirShot) {
   EXPECT_EQ(numbersOf(table), (Numbers{0, 0, 1, 0}));
   EXPECT_EQ(table.rows[3].count, 1);
   EXPECT_EQ(table.rows[0].count, 0);
+}
+
+TEST(EchoTable, ItIsTheSameHoweverManyRowsAreMadeAtATime) {
+  Block const block({7.0, 5.0, 7.0, 6.0, 8.0});
+  std::vector<FoundEcho> const echoes{echoAt(2, 1.0), echoAt(1, 4.0), echoAt(1, 2.0), echoAt(4, 3.0)};
+  Choices choices;
+  choices.keepsEmpty = true;
+  for (std::size_t const atATime : {1, 2, 3, 100}) {
+    Table const table = tableOf(block.view(), {}, echoes, choices, atATime);
+    EXPECT_EQ(rowsOf(table), (Numbers{1, 1, 3, 2, 0, 4})) << atATime;
+    EXPECT_EQ(numbersOf(table), (Numbers{1, 2, 0, 1, 0, 1})) << atATime;
+    EXPECT_EQ(table.rows[1].echo->position, 4.0) << atATime;
+  }
 }
 
 }  // namespace

@@ -17,9 +17,12 @@ def fitted_rows(covariance: list[float], baseline_deviation: float, length: int)
         samples=np.full((1, length), 1000, np.uint16),
         counts=np.array([length], np.uint16),
         threshold=np.array([-np.inf]),
+        noise=np.zeros(1, np.int64),
         limit=np.array([np.inf]),
         covariance=np.array([covariance]),
         baseline_deviation=np.array([baseline_deviation]),
+        removed=np.zeros(1, np.int64),
+        scale=np.ones(1, np.int64),
     )
 
 
@@ -126,9 +129,12 @@ def test_rows_are_independent_and_may_be_in_any_order() -> None:
         samples=np.full((3, LENGTH), 1000, np.uint16),
         counts=np.array([90, 60, 90], np.uint16),
         threshold=np.full(3, -np.inf),
+        noise=np.array([1, 2, 0]),
         limit=np.full(3, np.inf),
-        covariance=np.array([[16.0, 8.0], [9.0, 0.0], [np.nan, np.nan]]),
-        baseline_deviation=np.array([2.0, np.nan, 1.0]),
+        covariance=np.array([[np.nan, np.nan], [16.0, 8.0], [9.0, 0.0]]),
+        baseline_deviation=np.array([1.0, 2.0, np.nan]),
+        removed=np.zeros(3, np.int64),
+        scale=np.ones(3, np.int64),
     )
     row = np.array([1, 0, 1, 2, 0])
     echoes = np.array([[20.3, 100, 2], [40.3, 200, 1.6], [24.0, 50, 2], [5, 5, 2], [43.5, 80, 2]])
