@@ -19,6 +19,7 @@ from fullwaveform.view.cache import cached_name, cached_sections, identity
 from fullwaveform.view.directory import WaveformDirectory
 from fullwaveform.view.echo_values import ECHO_VALUES, described_values, have_places, value_rows
 from fullwaveform.view.histograms import described_histogram, percentiles
+from fullwaveform.view.noise import WaveformNoise
 from fullwaveform.view.quadtree import Quadtree, Square, quadtree
 from fullwaveform.view.sections import SectionFile, SectionWriter
 from fullwaveform.view.shot_echoes import echoes_of_shots, occurrences
@@ -27,6 +28,8 @@ from fullwaveform.view.shot_echoes import echoes_of_shots, occurrences
 UNKNOWN = 0xFFFFFFFF
 #: Points of a response, and so on the screen, at most.
 MAX_POINTS = 500_000
+#: Column with the noise rms of the waveform of each echo, counts; NaN where it is unknown.
+NOISE = "noise"
 _PLACES = ("x", "y", "z")
 _CHUNK = 1 << 18  # entries that a search reads at a time
 
@@ -46,6 +49,7 @@ class EchoIndex:
     def __init__(self, path: Path, sections: SectionFile, identified: dict[str, Any]) -> None:
         self.path, self._sections = path, sections
         self.identity = identified  # of the file of echoes when the index was made
+        self.noise: WaveformNoise | None = None  # of the waveforms, if that is known
         self._stops = np.cumsum(sections.read("node_count").astype(np.int64))
 
     @classmethod
@@ -80,8 +84,10 @@ class EchoIndex:
         names = ("level", "column", "row", "count")
         return {name: self._sections.read(f"node_{name}").tolist() for name in names}
 
-    def points(self, nodes: Sequence[int]) -> bytes:
+    def points(self, nodes: Sequence[int], *, with_noise: bool = False) -> bytes:
         """The points of the nodes: x, y, z, the values, row and waveform of all nodes each.
+
+        `with_noise` appends `NOISE`.
 
         Raises ValueError for a number that is no node, and for more than `MAX_POINTS` points.
         """
@@ -92,10 +98,9 @@ class EchoIndex:
         if (total := sum(stops) - sum(starts)) > MAX_POINTS:
             raise ValueError(f"{total} points exceed the limit of {MAX_POINTS}")
         ranges = list(zip(starts, stops, strict=True))
+        names = (*self.columns, NOISE) if with_noise else self.columns
         return b"".join(
-            self._sections.read(name, start, stop).tobytes()
-            for name in self.columns
-            for start, stop in ranges
+            self.read(name, start, stop).tobytes() for name in names for start, stop in ranges
         )
 
     @property
@@ -107,8 +112,20 @@ class EchoIndex:
         return self.place(last).row + 1
 
     def read(self, name: str, first: int = 0, stop: int | None = None) -> AnyArray:
-        """A part of a column of the echoes, or of the nodes or shots."""
+        """A part of a column of the echoes, or of the nodes or shots.
+
+        `NOISE` raises as `WaveformNoise.values`.
+        """
+        if name == NOISE:
+            return self._noise_of(self._sections.read("waveform", first, stop))
         return self._sections.read(name, first, stop)
+
+    def _noise_of(self, waveforms: AnyArray) -> AnyArray:
+        found = np.full(len(waveforms), np.nan, "<f4")
+        if self.noise is not None:
+            known = np.flatnonzero(waveforms != UNKNOWN)
+            found[known] = self.noise.values()[waveforms[known]]
+        return found
 
     @property
     def columns(self) -> tuple[str, ...]:

@@ -9,7 +9,7 @@ from dataclasses import dataclass, field
 import numpy as np
 
 from fullwaveform.data.arrays import AnyArray, BoolArray, IntArray
-from fullwaveform.view.echo_index import EchoIndex
+from fullwaveform.view.echo_index import NOISE, EchoIndex
 from fullwaveform.view.histograms import class_numbers
 
 _CHUNK = 1 << 18  # echoes that are examined at a time
@@ -217,6 +217,8 @@ class _ChosenBars:
     @classmethod
     def of(cls, index: EchoIndex, name: str, chosen: frozenset[int]) -> _ChosenBars:
         edges = histogram_edges(index).get(name)
+        if name == NOISE and index.noise is not None:
+            edges = index.noise.edges or None
         if edges is None:
             raise ValueError(f"no histogram of {name[:40]!r} to select from")
         is_chosen = np.zeros(len(edges), np.bool_)

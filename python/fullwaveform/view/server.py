@@ -143,6 +143,7 @@ def application(session: ViewSession) -> Starlette:
         routes=[
             Route("/", asset),
             Route("/session", requests.session),
+            Route("/noise", requests.noise),
             Route(f"{layer}/points", requests.points),
             Route(f"{layer}/echoes/{{index:int}}", requests.echo),
             Route(f"{layer}/next/{{kind}}", requests.next),
@@ -170,10 +171,16 @@ class _Requests:
     def session(self, request: Request) -> Response:
         return JSONResponse(self._session.described)
 
+    def noise(self, request: Request) -> Response:
+        """The histogram of the noise of all waveforms, which are measured now if they were not."""
+        self._session.noise.values()
+        return JSONResponse(self._session.noise.histogram)
+
     def points(self, request: Request) -> Response:
         text = request.query_params.get("nodes", "")
         numbers = [_integer(number) for number in text.split(",")[:_MAX_NODES] if number]
-        content = self._layer(request).echoes.points(numbers)
+        with_noise = request.query_params.get("noise") == "1"
+        content = self._layer(request).echoes.points(numbers, with_noise=with_noise)
         return Response(content, media_type="application/octet-stream")
 
     def echo(self, request: Request) -> Response:

@@ -18,7 +18,7 @@ from fullwaveform.view.axes import Axes, degree_ratio
 from fullwaveform.view.directory import WaveformDirectory
 from fullwaveform.view.echo_index import MAX_POINTS, EchoIndex
 from fullwaveform.view.export import SelectionExport
-from fullwaveform.view.noise import noise_histogram
+from fullwaveform.view.noise import WaveformNoise
 from fullwaveform.view.panel import WaveformPanel, offered_scanners
 
 #: Colours of classes and numbers (Okabe and Ito 2008), light enough for a dark page.
@@ -87,16 +87,17 @@ class ViewSession:
             waveforms = WaveformDirectory.of(reader, dict(identified))
             opened.callback(waveforms.close)
             _report(report, reader.path.name, len(waveforms), "waveforms", start)
+            self.noise = WaveformNoise(reader, waveforms)
             self.layers: list[Layer] = []
             for label, path in echo_files:
                 start = time.perf_counter()
                 echoes = EchoIndex.of(path, waveforms)
                 opened.callback(echoes.close)
+                echoes.noise = self.noise
                 self.layers.append(Layer(label, echoes, SelectionExport(path, echoes, as_las)))
                 _report(report, label, len(echoes), "echoes", start)
             self.waveforms = waveforms
             self._axes = Axes.of(reader.header)
-            self._noise = noise_histogram(reader, waveforms.identity)
             self.panel = WaveformPanel(reader, waveforms, offered, plot_options)
             self._opened = opened.pop_all()
 
@@ -118,7 +119,7 @@ class ViewSession:
             "title": self.path.name,
             "waveforms": len(self.waveforms),
             "max_points": MAX_POINTS,
-            "noise": self._noise,
+            "noise": self.noise.histogram,
             "axes": self._axes.described,
             "layers": [self._layer(layer) for layer in self.layers],
             "modes": [

@@ -21,8 +21,9 @@ def described_selection(
 ) -> dict[str, Any]:
     """Numbers of the selected echoes and shots, histograms and worst fits, as JSON data.
 
-    The histograms have the classes of those of the whole file; that of shots counts those with a
-    selected echo. `worst` limits the list of fits. Raises as `Selection.runs`.
+    The histograms have the classes of those of the whole file. Those of shots and of the noise of
+    waveforms, null unless all are measured, count those with a selected echo. `worst` limits the
+    list of fits. Raises as `Selection.runs`.
     """
     edges = histogram_edges(index)
     counts = {name: np.zeros(len(ends) - 1, np.int64) for name, ends in edges.items()}
@@ -43,6 +44,7 @@ def described_selection(
         "shots": int(of_shots.sum()),
         "values": {name: one.tolist() for name, one in counts.items()},
         "shot_echoes": of_shots.tolist(),
+        "noise": _noise_of_waveforms(index, has_echo),
         "worst": fits.described(index),
     }
 
@@ -67,6 +69,14 @@ def _echoes_of_shots(
         former = int(shots[-1])
         of_shots = index.read("shot_counts", int(shots[0]), former + 1)[shots - shots[0]]
         counts += np.bincount(of_shots, minlength=len(counts))
+    return counts
+
+
+def _noise_of_waveforms(index: EchoIndex, has_echo: BoolArray) -> list[int] | None:
+    """Chosen waveforms by their noise, as the histogram of the file."""
+    if index.noise is None or not index.noise.is_measured:
+        return None
+    counts: list[int] = class_counts(index.noise.values()[has_echo], index.noise.edges).tolist()
     return counts
 
 

@@ -9,6 +9,7 @@ import pytest
 from playwright.sync_api import Browser, Locator, Page, Route, expect
 
 from ..support.command_line import run
+from . import page_scenes
 from .pages import documented, middle_of, opened, pixels
 from .serving import Served, served_files, served_scene
 
@@ -145,6 +146,36 @@ def test_bars_select_the_echoes_of_their_values(page: Page) -> None:
     page.locator("#whole-map").click()
     expect(page.locator("#map")).to_have_attribute("data-complete", "true")
     assert at_places(page, at) == {"NW", "NE"}
+
+
+def test_bars_of_the_noise_select_the_echoes_of_waveforms(browser: Browser, tmp_path: Path) -> None:
+    """Noise rms of 0, 3 and 6 counts; the echoes are those of the corners but for that of 3."""
+    scan = page_scenes.write_waveforms(
+        tmp_path / "scan.las", [10 + rms * np.tile([-1, 1], 32) for rms in (0, 3, 6, 6)]
+    )
+    echoes = tmp_path / "echoes.csv"
+    lines = ["10,10,127,1,0", "90,10,127,2,1", "10,90,127,3,2", "90,90,127,4,3"]
+    text = "\n".join(["x,y,z,classification,waveform_number", *lines])
+    echoes.write_text(text, encoding="ascii")
+    with served_files(scan, echoes) as served:
+        page = opened(served, browser)
+        at = corners(page)
+        page.locator("#statistics summary").click()
+        bars = histogram(page, "noise").locator("svg")
+        bars.press("End")
+        bars.press(" ")
+        wait_for(page, 2)
+        assert counts(page, "noise") == {0: 1, 23: 1, 47: 2}
+        assert counts(page, "noise", "data-selected") == {47: 2}
+        assert counts(page, "class", "data-selected") == {3: 1, 4: 1}
+        histogram(page, "noise").locator(".bar .place").first.click(modifiers=["Shift"])
+        wait_for(page, 3)
+        page.locator("#statistics summary").click()
+        page.locator("#whole-map").click()
+        expect(page.locator("#map")).to_have_attribute("data-complete", "true")
+        assert at_places(page, at) == {"SW", "NW", "NE"}
+        assert page.problems == []  # type: ignore[attr-defined]
+        page.close()
 
 
 def test_bars_and_box_are_combined(page: Page) -> None:

@@ -279,6 +279,18 @@ def test_selection_is_counted_without_the_file_of_its_echoes(tmp_path: Path) -> 
         assert error.endswith("the file was removed or renamed since the viewer was started")
 
 
+def test_noise_is_measured_for_a_selection(tmp_path: Path) -> None:
+    with served_scene(tmp_path) as running:
+        client = Client(tmp_path, running.address)
+        query = "layers/0/selection?bars=noise:" + ",".join(map(str, range(48)))
+        assert client.data("layers/0/selection")["noise"] is None
+        assert client.data(query)["echoes"] == 7
+        assert sum(client.data("noise")["counts"]) == 5
+        assert sum(client.data("layers/0/selection")["noise"]) == 4  # those with echoes
+        running.scan.unlink()
+        assert client.data(query)["echoes"] == 7
+
+
 def test_noise_of_the_waveforms_is_described(served: Client) -> None:
     noise = served.data("session")["noise"]
     assert sum(noise["counts"]) == 5

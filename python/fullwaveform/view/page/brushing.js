@@ -7,6 +7,7 @@ import { Histogram } from "./statistics.js";
 const find = (selector) => document.querySelector(selector);
 const SIDES = ["west", "south", "east", "north"];
 const SLAB = ["from", "to", "lowest", "highest"];
+const OF_OTHERS = { shot_echoes: "shots", noise: "waveforms" }; // histograms that do not count echoes
 const count = (number, one) => `${number.toLocaleString("en")} ${one}${number === 1 ? "" : one === "echo" ? "es" : "s"}`;
 
 export class Brushing {
@@ -25,12 +26,39 @@ export class Brushing {
   // To be called when the map shows another layer.
   show() {
     const { layer } = this.map;
-    this.selection.show(layer);
+    this.selection.show(layer, this.session.noise);
     const parent = find("#histograms");
     parent.replaceChildren();
     this.histograms = described(layer, this.session.noise).map((one) =>
-      new Histogram(parent, one, one.name === "noise" ? null : (bars) => this.selection.setBars(one.name, bars)));
+      new Histogram(parent, one, (bars) => this.setBars(one.name, bars)));
     this.changed();
+  }
+
+  setBars(name, bars) {
+    if (name === "noise" && !this.map.withNoise) this.setNoiseBars(bars).catch(this.onError);
+    else this.selection.setBars(name, bars);
+  }
+
+  // Noise is known of a sample of the waveforms only; to select by it, all are measured once.
+  async setNoiseBars(bars) {
+    this.wantedBars = bars; // those chosen last
+    if (this.isMeasuring) return;
+    this.isMeasuring = true;
+    const waveforms = count(this.session.waveforms, "waveform");
+    find("#selection").dataset.state = "measuring";
+    find("#selection-status").textContent = `Measuring the noise of ${waveforms}, once …`;
+    try {
+      this.session.noise = await json("noise");
+    } catch (error) {
+      this.changed(); // shows what is selected still
+      throw error;
+    } finally {
+      this.isMeasuring = false;
+    }
+    this.map.addNoise();
+    const histogram = this.histograms.find((one) => one.name === "noise");
+    histogram.counts = this.session.noise.counts;
+    this.selection.setBars("noise", this.wantedBars);
   }
 
   changed() {
@@ -79,7 +107,8 @@ export class Brushing {
     const { layer } = this.map;
     const { isEmpty, bars } = this.selection;
     for (const histogram of this.histograms) {
-      const part = isEmpty ? null : histogram.name === "shot_echoes" ? found.shot_echoes : found.values[histogram.name];
+      const { name } = histogram;
+      const part = isEmpty ? null : name in OF_OTHERS ? found[name] : found.values[name];
       histogram.update(part ?? null, bars.get(histogram.name));
     }
     const all = count(layer.echoes, "echo");
@@ -193,11 +222,11 @@ function described(layer, noise) {
     if (!histogram) continue;
     const shots = name === "shot_echoes";
     const { edges, counts } = shots ? layer.shots : histogram;
-    const of = shots ? "shots" : "echoes";
+    const of = OF_OTHERS[name] ?? "echoes";
     found.push({ name, label: shots ? "echoes per shot" : label, unit, category, of, edges, counts });
   }
   if (noise) {
-    found.push({ name: "noise", label: "noise rms", unit: "counts", category: false, of: "waveforms", ...noise });
+    found.push({ name: "noise", label: "noise rms", unit: "counts", category: false, of: OF_OTHERS.noise, ...noise });
   }
   return found;
 }

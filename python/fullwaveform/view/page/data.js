@@ -24,13 +24,15 @@ export async function json(path) {
 
 const ARRAYS = { "<f4": Float32Array, "<u4": Uint32Array, u1: Uint8Array };
 
-// The points of nodes, one object of typed arrays per node.
-export async function nodePoints(layer, number, nodes, counts) {
-  const content = await (await answer(`layers/${number}/points?nodes=${nodes.join()}`)).arrayBuffer();
+// The points of nodes, one object of typed arrays per node; with the noise of their waveforms, which
+// the server may have to measure first.
+export async function nodePoints(layer, number, nodes, counts, withNoise) {
+  const query = `nodes=${nodes.join()}${withNoise ? "&noise=1" : ""}`;
+  const content = await (await answer(`layers/${number}/points?${query}`)).arrayBuffer();
   const types = Object.fromEntries(layer.values.map((value) => [value.name, value.type]));
   const found = nodes.map(() => ({}));
   let at = 0;
-  for (const name of layer.columns) {
+  for (const name of withNoise ? [...layer.columns, "noise"] : layer.columns) {
     const type = name === "row" || name === "waveform" ? "<u4" : (types[name] ?? "<f4");
     const array = ARRAYS[type];
     nodes.forEach((_, i) => {

@@ -25,6 +25,7 @@ export class EchoMap {
     this.tool = "pan";
     this.wanted = [];
     this.loading = new Set();
+    this.withNoise = false; // whether points have the noise of their waveforms
     this.side = null; // the side view, if there is one
     this.marked = null;
     new ResizeObserver(() => this.resized()).observe(element);
@@ -50,6 +51,15 @@ export class EchoMap {
     const moved = (place) => place.map((value, axis) => value + shift[axis]);
     if (this.marked) this.marked = moved(this.marked);
     if (this.side) this.side = new SideView(moved(this.side.start), moved(this.side.end), this.side.halfWidth);
+  }
+
+  // Loads the points anew, with the noise of their waveforms.
+  addNoise() {
+    if (this.withNoise) return;
+    this.withNoise = true;
+    this.cloud.clear();
+    this.loading = new Set();
+    this.moved(0);
   }
 
   setColours(valueName, colours, range, smooth) {
@@ -211,15 +221,15 @@ export class EchoMap {
 
   // Loads nodes that are not in memory; false if all are.
   async add(nodes) {
-    const { layer, loading } = this;
+    const { layer, loading, withNoise } = this;
     const missing = nodes.filter((node) => !this.cloud.nodes.has(node) && !loading.has(node));
     if (!missing.length) return false;
     missing.forEach((node) => loading.add(node));
     this.showState();
     try {
       const counts = missing.map((node) => this.nodes.count[node]);
-      const columns = await nodePoints(layer, this.number, missing, counts);
-      if (layer !== this.layer) return false; // another file was chosen
+      const columns = await nodePoints(layer, this.number, missing, counts, withNoise);
+      if (layer !== this.layer || withNoise !== this.withNoise) return false; // asked for once more
       missing.forEach((node, i) => this.cloud.add(node, columns[i], this.valueName));
       this.forget();
     } finally {

@@ -5,17 +5,18 @@ export class Selection {
   // `onChange()` is called after each change.
   constructor(onChange) {
     this.onChange = onChange;
-    this.show(null);
+    this.show(null, null);
   }
 
-  // Starts with no selection among the echoes of a layer.
-  show(layer) {
+  // Starts with no selection among the echoes of a layer; `noise` is the histogram of the waveforms.
+  show(layer, noise) {
     this.removeRegion();
     this.bars = new Map();
     this.edges = new Map();
     for (const value of layer?.values ?? []) {
       if (value.histogram) this.edges.set(value.name, value.histogram.edges);
     }
+    if (noise) this.edges.set("noise", noise.edges);
   }
 
   get isEmpty() {

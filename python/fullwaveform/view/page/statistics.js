@@ -6,26 +6,25 @@ const MARGIN = { left: 44, right: 6, top: 6, bottom: 34 };
 const SIZE = { width: 218, height: 132 };
 const PART = 0.5; // width of the bar of the selection, as a share of that of the whole
 
-// A histogram: `counts` of the whole file, of which `of` names what is counted. With `onBars(set)`
-// bars can be selected.
+// A histogram: `counts` of the whole file, of which `of` names what is counted. `onBars(set)` is
+// called when bars are selected.
 export class Histogram {
   constructor(parent, { name, label, unit, category, of, edges, counts }, onBars) {
     Object.assign(this, { name, label, unit, category, of, edges, counts, onBars });
     this.bars = new Set();
     this.part = null;
     this.cursor = -1;
-    this.total = counts.reduce((sum, count) => sum + count, 0);
     const figure = select(parent).append("figure").attr("data-name", name);
     this.title = `${label}${unit ? `, ${unit}` : ""}`;
     this.svg = figure.append("svg").attr("width", SIZE.width).attr("height", SIZE.height)
-      .attr("aria-label", onBars ? `Histogram of ${this.title}; arrows and space select bars` : `Histogram of ${this.title}`);
-    if (onBars) {
-      this.svg.attr("role", "listbox").attr("aria-multiselectable", "true").attr("tabindex", 0);
-      this.listen();
-    } else {
-      this.svg.attr("role", "img");
-    }
+      .attr("aria-label", `Histogram of ${this.title}; arrows and space select bars`)
+      .attr("role", "listbox").attr("aria-multiselectable", "true").attr("tabindex", 0);
+    this.listen();
     this.draw();
+  }
+
+  get total() {
+    return this.counts.reduce((sum, count) => sum + count, 0);
   }
 
   // Shows the counts of the selection, null without one, and which bars are selected.
@@ -59,10 +58,8 @@ export class Histogram {
       const [left, right] = [x(edges[i]), x(edges[i + 1])];
       const aside = ((1 - PART) * (right - left)) / 2;
       const bar = svg.append("g").attr("class", "bar").attr("id", `${this.name}-bar-${i}`).attr("data-count", count)
-        .attr("data-selected", part?.[i] ?? "");
-      if (this.onBars) {
-        bar.attr("role", "option").attr("aria-selected", this.bars.has(i)).attr("aria-label", this.textOf(i));
-      }
+        .attr("data-selected", part?.[i] ?? "")
+        .attr("role", "option").attr("aria-selected", this.bars.has(i)).attr("aria-label", this.textOf(i));
       bar.append("title").text(this.textOf(i));
       bar.append("rect").attr("class", "place").attr("x", left).attr("width", right - left)
         .attr("y", MARGIN.top).attr("height", bottom - MARGIN.top);
