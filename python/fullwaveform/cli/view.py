@@ -205,7 +205,7 @@ def _session(source: Path, echoes: list[Path] | None, options: ExtractOptions) -
     as_las = None
     if not files:
         files = [("three-point", _extracted(source, options))]
-        as_las = partial(_extracted, source, options, ".las")
+        as_las = partial(_extracted_points, source, options)
     directory = import_module("fullwaveform.view.directory")
     reader = replace(options, block=directory.BLOCK).open([source])
     session: ViewSession = module.ViewSession(
@@ -220,16 +220,23 @@ def _session(source: Path, echoes: list[Path] | None, options: ExtractOptions) -
     return session
 
 
+def _extracted_points(source: Path, options: ExtractOptions, with_waveforms: bool) -> Path:
+    """The echoes of the file as LAS, see `_extracted`."""
+    return _extracted(source, replace(options, with_waveforms=with_waveforms), ".las")
+
+
 def _extracted(source: Path, options: ExtractOptions, ending: str = ".parquet") -> Path:
     """The echoes of the file in the cache folder, extracted unless they are there."""
     cache = import_module("fullwaveform.view.cache")
     content = b"" if options.scanner is None else options.scanner.read_bytes()
     described = hashlib.sha256(content).hexdigest()
     identified = cache.identity(source, scanner=described, **_identified(options))
-    name = cache.cached_name("extracted", source, identified)
+    purpose = "extracted-waveforms" if options.with_waveforms else "extracted"
+    name = cache.cached_name(purpose, source, identified)
     path: Path = name.with_name(f"{name.name}{ending}")
     if path.is_file():
-        cache.mark_used(path)
+        for file in (path, path.with_suffix(".wdp")) if options.with_waveforms else (path,):
+            cache.mark_used(file)
         return path
     with cache.written_to_cache(path), progress_bar(False) as progress:
         run = FileRun(options, available_workers(), True, progress, False, None)

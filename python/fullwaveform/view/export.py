@@ -9,8 +9,11 @@ from pathlib import Path
 from tempfile import TemporaryDirectory
 from threading import Lock
 from typing import BinaryIO
+from zipfile import ZIP_STORED, ZipFile
 
+from fullwaveform.data.arrays import BoolArray
 from fullwaveform.data.errors import WaveformFileError
+from fullwaveform.io.interruption import raise_if_requested
 from fullwaveform.view.cache import cache_folder, check_unchanged, remove_abandoned_folders
 from fullwaveform.view.echo_index import EchoIndex
 from fullwaveform.view.selection import Selection, selected_rows
@@ -18,17 +21,19 @@ from fullwaveform.view.selection import Selection, selected_rows
 _PREPARED = "selection"  # name of the folders of files that are being written
 _PART_BYTES = 1 << 18
 _POINTS = (".las", ".laz")
+_WITH_WAVEFORMS = ".zip"  # of a LAS file and its packets
+_SAVED = "selected-echoes"  # name of its files
 
 
 class SelectionExport:
     """Writes the selected echoes of a file as the command extract would have written them.
 
-    `as_las` makes a LAS file with the same echoes in the same order, of a table; None: nothing
-    can.
+    `as_las` makes a LAS file with the same echoes in the same order, of a table, with their
+    waveforms if its argument is true; None: nothing can.
     """
 
     def __init__(
-        self, path: Path, echoes: EchoIndex, as_las: Callable[[], Path] | None = None
+        self, path: Path, echoes: EchoIndex, as_las: Callable[[bool], Path] | None = None
     ) -> None:
         self._path, self._echoes, self._as_las = path, echoes, as_las
         self._lock = Lock()  # a LAS file is made once
@@ -53,8 +58,8 @@ class SelectionExport:
         if own in _POINTS:
             with laspy.open(self._path.open("rb")) as file:
                 has_waveforms = file.header.point_format.id in WAVEFORM_POINT_FORMATS
-            return () if has_waveforms else _POINTS
-        points = () if self._as_las is None else _POINTS
+            return (_WITH_WAVEFORMS,) if has_waveforms else _POINTS
+        points = () if self._as_las is None else (*_POINTS, _WITH_WAVEFORMS)
         if has_all_columns(self._path):
             return (*CONVERTED_ENDINGS, *points)
         return (own, *points) if own in CONVERTED_ENDINGS else points
@@ -83,21 +88,24 @@ class SelectionExport:
         with TemporaryDirectory(dir=cache_folder(), prefix=f"{_PREPARED}-") as folder:
             output = Path(folder) / f"selection.{kind}"
             own = self._path.suffix.lower()
-            if output.suffix == own or own in _POINTS:
+            if output.suffix == _WITH_WAVEFORMS:
+                whole = self._path if own in _POINTS else self._las(with_waveforms=True)
+                _write_with_waveforms(whole, rows, output)
+            elif output.suffix == own or own in _POINTS:
                 write_rows_of(self._path, rows, output)
             elif output.suffix in _POINTS:
-                write_rows_of(self._las(), rows, output)
+                write_rows_of(self._las(with_waveforms=False), rows, output)
             else:
                 convert_rows(self._path, rows, output)
             stream = output.open("rb")  # remains readable when the folder is removed
         return os.fstat(stream.fileno()).st_size, _parts(stream)
 
-    def _las(self) -> Path:
+    def _las(self, *, with_waveforms: bool) -> Path:
         import laspy
 
         assert self._as_las is not None
         with self._lock:
-            path = self._as_las()
+            path = self._as_las(with_waveforms)
         with laspy.open(path) as file:
             points = file.header.point_count
         if points < self._echoes.row_count:
@@ -106,6 +114,22 @@ class SelectionExport:
                 "the selection as csv or parquet"
             )
         return path
+
+
+def _write_with_waveforms(source: Path, rows: BoolArray, output: Path) -> None:
+    """An archive of a LAS file of the chosen points and the file of their packets."""
+    from fullwaveform.io.echo_writers.packets import packets_path
+    from fullwaveform.io.echo_writers.restricting_packets import write_points_with_packets
+
+    points = output.with_name(f"{_SAVED}.las")
+    write_points_with_packets(source, rows, points)
+    with ZipFile(output, "w", ZIP_STORED) as archive:
+        for path in (points, packets_path(points)):
+            with path.open("rb") as stream, archive.open(path.name, "w", force_zip64=True) as entry:
+                for part in _parts(stream):
+                    raise_if_requested()
+                    entry.write(part)
+            path.unlink()  # at most one of them takes space twice
 
 
 def _parts(stream: BinaryIO) -> Iterator[bytes]:

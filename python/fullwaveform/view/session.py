@@ -61,8 +61,8 @@ class ViewSession:
     report
         Called with a line for each index that was made, with its time.
     as_las
-        Makes a LAS file with the same echoes in the same order, if there is one file of echoes, a
-        table.
+        Makes a LAS file with the same echoes in the same order, with waveforms if its argument is
+        true; for one file of echoes, a table.
 
     Raises as `EchoIndex.of`, `WaveformDirectory.of` and `offered_scanners`.
     """
@@ -75,7 +75,7 @@ class ViewSession:
         scanners: Sequence[Path] = (),
         plot_options: Sequence[str] = (),
         report: Callable[[str], None] = lambda line: None,
-        as_las: Callable[[], Path] | None = None,
+        as_las: Callable[[bool], Path] | None = None,
     ) -> None:
         self.path = reader.path
         with ExitStack() as opened:

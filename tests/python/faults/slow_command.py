@@ -82,7 +82,7 @@ def slow_index() -> None:
 
 def slow_saving() -> None:
     """Minutes pass while the viewer writes a file of echoes; lines tell when they begin and end."""
-    from fullwaveform.io.echo_writers import converting, restricting
+    from fullwaveform.io.echo_writers import converting, restricting, restricting_packets
 
     raise_if_requested = restricting.raise_if_requested
 
@@ -93,7 +93,7 @@ def slow_saving() -> None:
             time.sleep(SHORT)
         print(SAVING_ENDS, file=sys.stderr, flush=True)
 
-    for module in (converting, restricting):
+    for module in (converting, restricting, restricting_packets):
         module.raise_if_requested = slowly
 
 

@@ -15,6 +15,7 @@ from dataclasses import replace
 from http.client import HTTPException
 from pathlib import Path
 from urllib.request import urlopen
+from zipfile import ZipFile
 
 import laspy
 import numpy as np
@@ -245,7 +246,7 @@ def test_selection_of_extracted_echoes_is_saved_as_extract_writes_it(
     assert run("extract", scan, "-o", table).exit_code == 0
     query = "box=70,-10,90,90"
     contents = {}
-    for kind in ("las", "csv"):
+    for kind in ("las", "csv", "zip"):
         url = f"{address}layers/0/selection.{kind}?{query}"
         with urlopen(url, timeout=TIMEOUT_S) as answer:
             contents[kind] = answer.read()
@@ -254,6 +255,15 @@ def test_selection_of_extracted_echoes_is_saved_as_extract_writes_it(
     east = np.asarray(whole.x) > 80.0
     assert np.count_nonzero(east) == 3
     assert saved.points.array.tobytes() == whole.points.array[east].tobytes()
+    with_waveforms = tmp_path / "with.las"
+    assert run("extract", scan, "-o", with_waveforms, "--with-waveforms").exit_code == 0
+    with ZipFile(io.BytesIO(contents["zip"])) as archive:
+        archive.extractall(tmp_path / "saved")
+    whole, saved = (
+        laspy.read(path) for path in (with_waveforms, tmp_path / "saved" / "selected-echoes.las")
+    )
+    for name in set(whole.points.array.dtype.names) - {"wavepacket_offset"}:
+        assert saved.points.array[name].tobytes() == whole.points.array[name][east].tobytes(), name
     lines = table.read_bytes().splitlines(keepends=True)
     expected = [line for line, is_east in zip(lines[1:], east, strict=True) if is_east]
     assert contents["csv"] == b"".join([lines[0], *expected])
@@ -261,7 +271,7 @@ def test_selection_of_extracted_echoes_is_saved_as_extract_writes_it(
 
 @pytest.mark.parametrize(
     ("kind", "number"),
-    [("csv", signal.SIGINT), ("parquet", signal.SIGTERM), ("las", signal.SIGINT)],
+    [("csv", signal.SIGINT), ("parquet", signal.SIGTERM), ("zip", signal.SIGINT)],
 )
 def test_saving_is_given_up_at_the_end(
     scan: Path, cache: Path, kind: str, number: signal.Signals

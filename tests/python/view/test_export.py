@@ -258,7 +258,7 @@ def test_formats_are_those_that_hold_all_values(
         assert SelectionExport(path, echoes).formats == formats
         echoes.close()
     returns = EchoIndex.of(scan, waveforms)  # of a scan, which has waveforms
-    assert SelectionExport(scan, returns).formats == ()
+    assert SelectionExport(scan, returns).formats == ("zip",)
     returns.close()
 
 
@@ -268,13 +268,14 @@ def test_las_file_of_a_table_is_made_when_asked_for(
     table = extracted(scan, tmp_path / "echoes.parquet")
     calls = []
 
-    def as_las() -> Path:
+    def as_las(with_waveforms: bool) -> Path:
+        assert not with_waveforms
         calls.append(1)
         return extracted(scan, tmp_path / f"echoes{len(calls)}.las")
 
     echoes = EchoIndex.of(table, waveforms)
     export = SelectionExport(table, echoes, as_las)
-    assert export.formats == ("csv", "parquet", "las", "laz")
+    assert export.formats == ("csv", "parquet", "las", "laz", "zip")
     assert calls == []
     _, parts = export.content(EAST, "las")
     output = tmp_path / "saved.las"
@@ -292,7 +293,7 @@ def test_las_file_without_some_echoes_is_refused(
     fewer = tmp_path / "fewer.las"
     write_rows_of(other, np.array([True] * 6 + [False]), fewer)
     echoes = EchoIndex.of(table, waveforms)
-    export = SelectionExport(table, echoes, lambda: fewer)
+    export = SelectionExport(table, echoes, lambda with_waveforms: fewer)
     with pytest.raises(WaveformFileError, match="LAS files can hold 6 of 7 echoes only"):
         export.content(EAST, "las")
     echoes.close()

@@ -38,6 +38,11 @@ def _has_packets_header(path: Path) -> bool:
     return bool(is_packet_record and text.startswith(_PACKETS_OF))
 
 
+def packet_record_header(length: int) -> bytes:
+    """Header of a packet record of so many bytes of packets, the begin of a ``.wdp`` file."""
+    return _RECORD_HEADER.pack(0, b"LASF_Spec", PACKET_RECORD_ID, length, _PACKETS_OF)
+
+
 PACKETS_KIND = FileKind("the waveforms of a LAS file of echoes", _has_packets_header)
 
 
@@ -84,7 +89,7 @@ class PacketWriter:
         self._originals = originals
         self._numbers: dict[tuple[int, ...], int] = {}  # bits, samples, ps, original -> index
         self.padded = 0
-        stream.write(_RECORD_HEADER.pack(0, b"LASF_Spec", PACKET_RECORD_ID, 0, _PACKETS_OF))
+        stream.write(packet_record_header(0))
         self._end = RECORD_HEADER_SIZE
 
     def write(self, block: WaveformBlock, rows: IntArray) -> Packets:

@@ -37,6 +37,10 @@ class PacketData:
         """Close the file; may be called twice."""
         self._bytes.close()
 
+    def part(self, begin: int, end: int) -> UInt8Array:
+        """The bytes `begin` to `end` of the record, inside it."""
+        return self._bytes.part(begin, end)
+
     def read(
         self, offsets: IntArray, indices: UInt8Array, table: DescriptorTable
     ) -> tuple[UInt16Array, UInt16Array]:

@@ -6,6 +6,7 @@ import { Histogram } from "./statistics.js";
 
 const find = (selector) => document.querySelector(selector);
 const SIDES = ["west", "south", "east", "north"];
+const FORMATS = { zip: "las with waveforms (zip)" };
 const SLAB = ["from", "to", "lowest", "highest"];
 const OF_OTHERS = { shot_echoes: "shots", noise: "waveforms" }; // histograms that do not count echoes
 const count = (number, one) => `${number.toLocaleString("en")} ${one}${number === 1 ? "" : one === "echo" ? "es" : "s"}`;
@@ -125,7 +126,7 @@ export class Brushing {
   showFiles(formats, query) {
     const links = formats.map((format) => {
       // A file is downloaded; an error is shown in another tab, so that the selection stays.
-      const link = Object.assign(document.createElement("a"), { textContent: format, target: "_blank" });
+      const link = Object.assign(document.createElement("a"), { textContent: FORMATS[format] ?? format, target: "_blank" });
       link.href = `layers/${this.map.number}/selection.${format}?${query}`;
       return link;
     });
