@@ -95,11 +95,11 @@ def extract(
         samples. Default: 5 times the noise rms above the baseline, measured for each channel and
         descriptor on waveforms spread over the file, or on the first 4,096 waveforms of blocks.
     baseline
-        "keep", "remove" (take the baseline off each waveform), or "auto": remove where it is high
-        against the noise. Amplitudes are heights above the baseline in any case.
+        "keep", "remove" (subtract the baseline from each waveform), or "auto": remove where it is
+        high compared with the noise. Amplitudes are heights above the baseline in any case.
     sample_scale
-        Factor of the samples before the extraction, which deconvolution of few counts needs, or
-        "auto". Amplitudes and thresholds are counts of the source in any case.
+        Factor by which the samples are multiplied before the extraction, which deconvolution of few
+        counts needs, or "auto". Amplitudes and thresholds are counts of the source in any case.
     smoothing
         Standard deviation in s of a Gaussian with which the samples are convolved before the
         extraction, for echoes much broader than a sample; 0: none. Amplitudes and widths are those
@@ -113,18 +113,18 @@ def extract(
     workers
         Number of threads. Default: all processors. The result does not depend on it.
     outgoing_phase
-        Whether the phase of the outgoing pulses is taken off the ranges: "auto" if that lowers
-        the scatter of neighbouring ranges by more than 20 %, "on" or "off". Only for paths and
-        readers.
+        Whether the ranges are corrected for the phase of the outgoing pulses: "auto" if that
+        reduces the scatter of neighbouring ranges by more than 20 %, "on" or "off". Only for paths
+        and readers.
     false_alarms
-        In mode "pulse-fit": echoes of mere noise per 1,000 waveforms without light. Default: 1.
+        In mode "pulse-fit": accepted false echoes per 1,000 waveforms of noise. Default: 1.
     max_width
-        In mode "pulse-fit": largest full width of an echo at half maximum, s. Default: the pulse,
-        widened by a Gaussian of 5 samples standard deviation.
+        In mode "pulse-fit": largest full width of an echo at half maximum, s. Default: that of the
+        pulse, widened by a Gaussian of 5 samples standard deviation.
     pulse
         In mode "pulse-fit", unless the scanner description has pulse models: pulses of the source
-        of which they are made, "returned" (isolated echoes), "outgoing", or "auto": isolated echoes
-        if there are enough.
+        from which they are made, "returned" (isolated echoes), "outgoing", or "auto": isolated
+        echoes if there are enough.
     keep_empty
         Whether waveforms without echoes have a row in `peaks`, with ``echo_number`` 0 and NaN.
     carry

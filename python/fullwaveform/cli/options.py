@@ -217,8 +217,8 @@ Carry = Annotated[
     typer.Option(
         "--carry/--no-carry",
         show_default=False,
-        help="Copy class and extra bytes of the nearest discrete return to each echo. "
-        "Default: carry",
+        help="Copy class, return number and extra bytes of the nearest discrete return to each "
+        "echo. Default: carry",
     ),
 ]
 UncertaintyOption = Annotated[

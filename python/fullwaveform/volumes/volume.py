@@ -124,7 +124,7 @@ def _projected_system(reader: WaveformReader) -> Any | None:
     system = reference_system(reader.header)
     if system is not None and system.is_geographic:
         raise ValueError(
-            f"{reader.path} has coordinates in degrees, of which no cubes can be made; "
+            f"{reader.path} has coordinates in degrees, which cannot be divided into cubes; "
             + (
                 "give a projected reference system with --crs EPSG:N (crs)"
                 if reader.is_geographic
