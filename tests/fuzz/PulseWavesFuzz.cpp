@@ -49,7 +49,7 @@ void decodeSamples(Bytes& bytes) {
     sampling = {bits[bytes.upTo(2)], bits[bytes.upTo(3)], bits[bytes.upTo(3)],
                 bytes.upTo(5),       bytes.byte(),        bits[1 + bytes.upTo(1)]};
   }
-  std::vector<std::int64_t> offsets(bytes.upTo(4));
+  std::vector<std::int64_t> offsets(bytes.upTo(12));
   std::vector<std::int64_t> ends(offsets.size());
   for (std::size_t i = 0; i < offsets.size(); ++i) {
     offsets[i] = bytes.raw<std::int16_t>() % 512;

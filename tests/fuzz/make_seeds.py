@@ -160,13 +160,17 @@ def number_seeds() -> Iterator[tuple[str, bytes]]:
 
 
 def pulsewaves_seeds() -> Iterator[tuple[str, bytes]]:
-    """Streams of zeros, in which every symbol is the first one, for the three decoders."""
+    """Streams of zeros, in which every symbol is the first one, for the three decoders; and pulses at once."""
     zeros = bytes(60)
     yield "pulsewaves", byte(0) + byte(1) + struct.pack("<H", 20) + zeros
     yield "pulsewaves", byte(1) + byte(3) + struct.pack("<H", 200) + bytes(57) + zeros
     samplings = byte(2) + bytes([0, 0, 1, 1, 80, 0]) + bytes([1, 3, 2, 0, 0, 1])
     spans = byte(2) + struct.pack("<hBB", 0, 1, 40) + struct.pack("<hBh", 10, 0, 500)
     yield "pulsewaves", byte(2) + samplings + spans + byte(0) + zeros
+    # Nine pulses with 60 samples of 8 bits each, which are decoded at once, and bytes after them.
+    fixed = byte(2) + bytes([1, 0, 0, 0, 1, 60, 0])
+    spans = byte(9) + b"".join(struct.pack("<hBB", 20 * i, 1, 60) for i in range(9))
+    yield "pulsewaves", fixed + spans + byte(0) + bytes(range(1, 251)) * 2
 
 
 def las_seeds() -> Iterator[tuple[str, bytes]]:

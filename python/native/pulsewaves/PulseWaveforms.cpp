@@ -1,6 +1,7 @@
 #include <native/pulsewaves/PulseWaveforms.h>
 
 #include <algorithm>
+#include <array>
 #include <initializer_list>
 #include <memory>
 #include <optional>
@@ -9,6 +10,7 @@
 
 #include <native/pulsewaves/NumberDecoder.h>
 #include <native/pulsewaves/RangeDecoder.h>
+#include <native/pulsewaves/SampleLanes.h>
 
 namespace PulseWaves {
 
@@ -20,106 +22,73 @@ void checkBits(char const* what, unsigned int bits, std::initializer_list<unsign
   }
 }
 
-/// Decodes one pulse after the other; keeps the memory of the models.
-class Decoder {
+/// Where the stream of a pulse is; nothing if its extra bytes are not all there.
+std::optional<std::span<std::uint8_t const>> streamOf(std::span<std::uint8_t const> bytes,
+                                                      std::int64_t offset, std::int64_t end,
+                                                      std::size_t extraBytes) {
+  end = std::min(end, static_cast<std::int64_t>(bytes.size()));
+  if (offset < 0 || end < offset || extraBytes > static_cast<std::size_t>(end - offset)) {
+    return std::nullopt;
+  }
+  std::size_t const start = static_cast<std::size_t>(offset) + extraBytes;
+  return bytes.subspan(start, static_cast<std::size_t>(end) - start);
+}
+
+/// Decodes the numbers of a pulse, between which its samples are.
+class PulseStream {
  public:
-  Decoder(std::span<Sampling const> samplings, DecodedWaveforms& found) : samplings(samplings), found(found) {
-    for (Sampling const& sampling : samplings) {
-      checkBits("number of segments", sampling.segmentBits, {0, 8, 16});
-      checkBits("duration", sampling.durationBits, {0, 8, 16, 32});
-      checkBits("number of samples", sampling.countBits, {0, 8, 16, 32});
-      checkBits("sample", sampling.sampleBits, {8, 16});
-    }
-  }
+  RangeDecoder stream{{}};
+  std::vector<Segment> segments;       // so far; `pulse` is not set
+  std::vector<std::uint16_t> samples;  // of all segments
 
-  void decode(std::span<std::uint8_t const> bytes) {
-    std::size_t const firstSegment = found.segments.size();
-    std::size_t const firstSample = found.samples.size();
-    PulseState const state = samplings.empty() ? PulseState::complete : decodeStream(bytes, firstSample);
-    if (state != PulseState::complete) {
-      found.segments.resize(firstSegment);
-      found.samples.resize(firstSample);
-    }
-    finish(state, firstSample);
-  }
-
-  void finish(PulseState state, std::size_t firstSample) {
-    found.states.push_back(state);
-    found.starts.push_back(firstSample);
-  }
-
- private:
-  PulseState decodeStream(std::span<std::uint8_t const> bytes, std::size_t firstSample) {
-    RangeDecoder stream(bytes);
+  void start(std::span<std::uint8_t const> bytes) {
+    stream = RangeDecoder(bytes);
     numbers.reset();
     lastDuration = 0;
     lastCount = 0;
-    segmentsOfPulse = 0;
-    for (std::size_t index = 0; index < samplings.size(); ++index) {
-      Sampling const& sampling = samplings[index];
-      auto const segments = number(stream, sampling.segmentBits, 1, sampling.segments);
-      if (!segments) {
-        return stateOf(stream);
-      }
-      for (std::uint32_t segment = 0; segment < *segments; ++segment) {
-        PulseState const state = decodeSegment(stream, index, firstSample);
-        if (state != PulseState::complete) {
-          return state;
-        }
-      }
-    }
-    return stream.failed() ? stateOf(stream) : PulseState::complete;
+    segments.clear();
+    samples.clear();
   }
 
-  PulseState decodeSegment(RangeDecoder& stream, std::size_t index, std::size_t firstSample) {
-    Sampling const& sampling = samplings[index];
+  std::optional<std::uint32_t> numberOfSegments(Sampling const& sampling) {
+    return number(sampling.segmentBits, 1, sampling.segments);
+  }
+
+  /// Adds a segment, with samples that are not decoded yet.
+  PulseState addSegment(Sampling const& sampling, std::size_t index) {
     std::int32_t duration = 0;
     if (sampling.durationBits != 0) {
       duration = lastDuration = numbers.decode(stream, lastDuration);
     }
-    auto const count = number(stream, sampling.countBits, lastCount, sampling.samples);
+    auto const count = number(sampling.countBits, lastCount, sampling.samples);
     if (!count) {
-      return stateOf(stream);
+      return failure();
     }
     if (sampling.countBits != 0) {
       lastCount = static_cast<std::int32_t>(*count);
     }
-    std::size_t const start = found.samples.size();
     // Empty segments are limited, too: they cost as much time.
-    if (*count > maxSegmentSamples || start - firstSample + *count > maxPulseSamples ||
-        ++segmentsOfPulse > maxPulseSegments) {
+    if (*count > maxSegmentSamples || samples.size() + *count > maxPulseSamples ||
+        segments.size() == maxPulseSegments) {
       return PulseState::tooLong;
     }
-    found.segments.push_back(
-        {found.states.size(), index, start, *count, stored(duration, sampling.durationBits)});
-    found.samples.resize(start + *count);
-    std::uint16_t* const samples = found.samples.data() + start;
-    if (sampling.sampleBits == 8) {
-      decodeSamples(stream, samples8, samples, *count);
-    } else {
-      decodeSamples(stream, samples16, samples, *count);
-    }
-    return stream.failed() ? stateOf(stream) : PulseState::complete;
+    segments.push_back({0, index, samples.size(), *count, stored(duration, sampling.durationBits)});
+    samples.resize(samples.size() + *count);
+    return PulseState::complete;
   }
 
-  template <class SampleDecoder>
-  static void decodeSamples(RangeDecoder& shared, SampleDecoder& decoder, std::uint16_t* samples,
-                            std::size_t count) {
-    decoder.reset();
-    // A copy that nothing else refers to stays in registers.
-    RangeDecoder stream = shared;
-    std::int32_t last = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-      last = decoder.decode(stream, last);
-      samples[i] = static_cast<std::uint16_t>(last);
-    }
-    shared = stream;
+  /// The samples of the segment that was added last.
+  std::span<std::uint16_t> segmentSamples() { return std::span(samples).subspan(segments.back().start); }
+
+  /// State after symbols of which some were missing or invalid.
+  [[nodiscard]] PulseState failure() const {
+    return stream.truncated() ? PulseState::truncated : PulseState::damaged;
   }
 
+ private:
   /// A number of `bits` bits, or `fixed` if it has none; nothing if it does not fit its bits or the stream
   /// ended.
-  std::optional<std::uint32_t> number(RangeDecoder& stream, unsigned int bits, std::int32_t prediction,
-                                      std::uint32_t fixed) {
+  std::optional<std::uint32_t> number(unsigned int bits, std::int32_t prediction, std::uint32_t fixed) {
     if (bits == 0) {
       return fixed;
     }
@@ -140,18 +109,173 @@ class Decoder {
     }
   }
 
-  [[nodiscard]] static PulseState stateOf(RangeDecoder const& stream) {
-    return stream.truncated() ? PulseState::truncated : PulseState::damaged;
-  }
-
-  std::span<Sampling const> samplings;
-  DecodedWaveforms& found;
   NumberDecoder<32> numbers;
-  NumberDecoder<8> samples8;
-  NumberDecoder<16> samples16;
   std::int32_t lastDuration = 0;
   std::int32_t lastCount = 0;
-  std::size_t segmentsOfPulse = 0;
+};
+
+/// Decodes pulses one by one or several at once; keeps the memory of the models.
+class Decoder {
+ public:
+  static constexpr std::size_t together = SampleLanes::lanes;
+  // Longer pulses are decoded one by one, to limit the memory.
+  static constexpr std::size_t maxSamplesTogether = std::size_t{1} << 16U;
+  static constexpr std::size_t maxSegmentsTogether = std::size_t{1} << 10U;
+
+  Decoder(std::span<std::uint8_t const> bytes, std::span<Sampling const> samplings)
+      : bytes(bytes), samplings(samplings) {
+    for (Sampling const& sampling : samplings) {
+      checkBits("number of segments", sampling.segmentBits, {0, 8, 16});
+      checkBits("duration", sampling.durationBits, {0, 8, 16, 32});
+      checkBits("number of samples", sampling.countBits, {0, 8, 16, 32});
+      checkBits("sample", sampling.sampleBits, {8, 16});
+      usesLanes = usesLanes || (sampling.sampleBits == 8 && SampleLanes::areAvailable());
+    }
+  }
+
+  /// Decodes one pulse.
+  void decode(std::optional<std::span<std::uint8_t const>> stream, DecodedWaveforms& found) {
+    PulseState state = PulseState::truncated;
+    if (stream) {
+      pulses[0].start(*stream);
+      state = decodeAlone(pulses[0]);
+    }
+    if (state == PulseState::complete) {
+      append(pulses[0], found);
+    } else {
+      found.states.push_back(state);
+      found.starts.push_back(found.samples.size());
+    }
+  }
+
+  /// Decodes `count` pulses at once, if they are ordinary: complete, and of a limited length.
+  ///
+  /// @param streamOfPulse  as `streamOf`, for the numbers 0 to `count` - 1
+  /// @return whether they are; else `found` does not change
+  template <class StreamOfPulse>
+  bool decode(std::size_t count, StreamOfPulse&& streamOfPulse, DecodedWaveforms& found) {
+    if (!usesLanes) {
+      return false;
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+      auto const stream = streamOfPulse(i);
+      if (!stream) {
+        return false;
+      }
+      pulses[i].start(*stream);
+    }
+    std::span<PulseStream> const chosen = std::span(pulses).first(count);
+    for (std::size_t index = 0; index < samplings.size(); ++index) {
+      if (!decodeSampling(chosen, index)) {
+        return false;
+      }
+    }
+    for (PulseStream const& pulse : chosen) {
+      append(pulse, found);
+    }
+    return true;
+  }
+
+ private:
+  static void append(PulseStream const& pulse, DecodedWaveforms& found) {
+    std::size_t const start = found.samples.size();
+    for (Segment segment : pulse.segments) {
+      segment.pulse = found.states.size();
+      segment.start += start;
+      found.segments.push_back(segment);
+    }
+    found.samples.insert(found.samples.end(), pulse.samples.begin(), pulse.samples.end());
+    found.states.push_back(PulseState::complete);
+    found.starts.push_back(start);
+  }
+
+  PulseState decodeAlone(PulseStream& pulse) {
+    for (std::size_t index = 0; index < samplings.size(); ++index) {
+      auto const segments = pulse.numberOfSegments(samplings[index]);
+      if (!segments) {
+        return pulse.failure();
+      }
+      for (std::uint32_t segment = 0; segment < *segments; ++segment) {
+        PulseState const state = pulse.addSegment(samplings[index], index);
+        if (state != PulseState::complete) {
+          return state;
+        }
+        decodeSamples({&pulse.stream, pulse.segmentSamples()}, samplings[index].sampleBits);
+        if (pulse.stream.failed()) {
+          return pulse.failure();
+        }
+      }
+    }
+    return !samplings.empty() && pulse.stream.failed() ? pulse.failure() : PulseState::complete;
+  }
+
+  /// Decodes a sampling of several pulses: their first segments, then their second ones, ...
+  bool decodeSampling(std::span<PulseStream> chosen, std::size_t index) {
+    std::array<std::uint32_t, together> segments{};
+    for (std::size_t i = 0; i < chosen.size(); ++i) {
+      segments[i] = chosen[i].numberOfSegments(samplings[index]).value_or(maxSegmentsTogether + 1);
+    }
+    std::uint32_t const most = *std::max_element(segments.begin(), segments.end());
+    if (most > maxSegmentsTogether) {
+      return false;
+    }
+    for (std::uint32_t segment = 0; segment < most; ++segment) {
+      std::array<LaneSegment, together> next{};
+      std::size_t count = 0;
+      for (std::size_t i = 0; i < chosen.size(); ++i) {
+        if (segment < segments[i]) {
+          PulseStream& pulse = chosen[i];
+          if (pulse.addSegment(samplings[index], index) != PulseState::complete ||
+              pulse.samples.size() > maxSamplesTogether || pulse.segments.size() > maxSegmentsTogether) {
+            return false;
+          }
+          next[count++] = {&pulse.stream, pulse.segmentSamples()};
+        }
+      }
+      decodeSamples(std::span(next).first(count), samplings[index].sampleBits);
+    }
+    return std::none_of(chosen.begin(), chosen.end(),
+                        [](PulseStream const& pulse) { return pulse.stream.failed(); });
+  }
+
+  void decodeSamples(std::span<LaneSegment const> segments, unsigned int bits) {
+    if (bits == 8 && SampleLanes::suit(segments, bytes)) {
+      lanes.decode(segments, bytes);
+      return;
+    }
+    for (LaneSegment const& segment : segments) {
+      decodeSamples(segment, bits);
+    }
+  }
+
+  void decodeSamples(LaneSegment const& segment, unsigned int bits) {
+    if (bits == 8) {
+      decodeSamples(segment, samples8);
+    } else {
+      decodeSamples(segment, samples16);
+    }
+  }
+
+  template <class SampleDecoder>
+  static void decodeSamples(LaneSegment const& segment, SampleDecoder& decoder) {
+    decoder.reset();
+    // A copy that nothing else refers to stays in registers.
+    RangeDecoder stream = *segment.stream;
+    std::int32_t last = 0;
+    for (std::uint16_t& sample : segment.samples) {
+      last = decoder.decode(stream, last);
+      sample = static_cast<std::uint16_t>(last);
+    }
+    *segment.stream = stream;
+  }
+
+  std::span<std::uint8_t const> bytes;
+  std::span<Sampling const> samplings;
+  bool usesLanes = false;
+  std::array<PulseStream, together> pulses;
+  NumberDecoder<8> samples8;
+  NumberDecoder<16> samples16;
+  SampleLanes lanes;
 };
 
 }  // namespace
@@ -163,20 +287,29 @@ DecodedWaveforms decodeWaveforms(std::span<std::uint8_t const> bytes, std::span<
     throw std::invalid_argument(std::to_string(ends.size()) + " ends for " + std::to_string(offsets.size()) +
                                 " pulses");
   }
+  constexpr std::size_t together = Decoder::together;
+  constexpr std::size_t manySamples = enoughSamples - together * Decoder::maxSamplesTogether;
+  constexpr std::size_t manySegments = enoughSegments - together * Decoder::maxSegmentsTogether;
   DecodedWaveforms found;
-  auto const decoder = std::make_unique<Decoder>(samplings, found);
-  for (std::size_t pulse = 0; pulse < offsets.size(); ++pulse) {
+  auto const decoder = std::make_unique<Decoder>(bytes, samplings);
+  auto const stream = [&](std::size_t pulse) {
+    return streamOf(bytes, offsets[pulse], ends[pulse], extraBytes);
+  };
+  std::size_t alone = 0;  // pulses before this one are decoded one by one
+  for (std::size_t pulse = 0; pulse < offsets.size();) {
     if (found.samples.size() > enoughSamples || found.segments.size() > enoughSegments) {
       break;
     }
-    std::int64_t const end = std::min(ends[pulse], static_cast<std::int64_t>(bytes.size()));
-    if (offsets[pulse] < 0 || end < offsets[pulse] ||
-        extraBytes > static_cast<std::size_t>(end - offsets[pulse])) {
-      decoder->finish(PulseState::truncated, found.samples.size());
-    } else {
-      std::size_t const start = static_cast<std::size_t>(offsets[pulse]) + extraBytes;
-      decoder->decode(bytes.subspan(start, static_cast<std::size_t>(end) - start));
+    if (pulse >= alone && found.samples.size() <= manySamples && found.segments.size() <= manySegments) {
+      std::size_t const count = std::min(together, offsets.size() - pulse);
+      if (decoder->decode(count, [&](std::size_t i) { return stream(pulse + i); }, found)) {
+        pulse += count;
+        continue;
+      }
+      alone = pulse + count;
     }
+    decoder->decode(stream(pulse), found);
+    ++pulse;
   }
   return found;
 }

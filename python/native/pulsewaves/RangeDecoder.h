@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -28,6 +29,20 @@ class RangeDecoder {
   [[nodiscard]] bool truncated() const { return missing; }
   /// Bytes read so far. After the last symbol of an intact stream: all of its bytes.
   [[nodiscard]] std::size_t consumed() const { return static_cast<std::size_t>(next - begin); }
+
+  /// The bytes that were not read.
+  [[nodiscard]] std::uint8_t const* position() const { return next; }
+
+  /// Continues after symbols that were decoded elsewhere, with the state that they lead to.
+  ///
+  /// @param bytes  how many of the stream they took, also after its end
+  void resume(std::uint32_t newValue, std::uint32_t newLength, std::size_t bytes) {
+    value = newValue;
+    length = newLength;
+    auto const available = static_cast<std::size_t>(end - next);
+    missing = missing || bytes > available;
+    next += std::min(bytes, available);
+  }
 
   /// `count` bits with equal probabilities, at most 32.
   std::uint32_t rawBits(unsigned int count) {

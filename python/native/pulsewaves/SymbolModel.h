@@ -12,6 +12,14 @@ namespace PulseWaves {
 /// Adaptive probability of one bit.
 class BitModel {
  public:
+  static constexpr unsigned int probabilityBits = 13;
+  static constexpr std::uint32_t firstCycle = 4;
+
+  /// Bits between two updates, after `cycle` of them before.
+  static constexpr std::uint32_t nextCycle(std::uint32_t cycle) {
+    return std::min(std::uint32_t{64}, 5 * cycle / 4);
+  }
+
   void reset() { *this = BitModel(); }
 
   bool decode(RangeDecoder& stream) {
@@ -32,8 +40,6 @@ class BitModel {
   }
 
  private:
-  static constexpr unsigned int probabilityBits = 13;
-
   void update() {
     total += cycle;
     if (total > std::uint32_t{1} << probabilityBits) {
@@ -44,26 +50,38 @@ class BitModel {
       }
     }
     probability = zeros * (0x80000000U / total) >> (31 - probabilityBits);
-    cycle = std::min(std::uint32_t{64}, 5 * cycle / 4);
-    left = cycle;
+    left = cycle = nextCycle(cycle);
   }
 
   std::uint32_t zeros = 1;
   std::uint32_t total = 2;
   std::uint32_t probability = std::uint32_t{1} << (probabilityBits - 1);
-  std::uint32_t cycle = 4;
-  std::uint32_t left = 4;
+  std::uint32_t cycle = firstCycle;
+  std::uint32_t left = firstCycle;
 };
 
 /// Adaptive probabilities of `size` symbols. Must be reset before its first use.
 template <std::size_t size>
 class SymbolModel {
  public:
+  static constexpr unsigned int probabilityBits = 15;
+  static constexpr std::uint32_t firstCycle = (size + 6) / 2;
+
+  /// Symbols between two updates, after `cycle` of them before.
+  static constexpr std::uint32_t nextCycle(std::uint32_t cycle) {
+    return std::min<std::uint32_t>(5 * cycle / 4, 8 * (size + 6));
+  }
+
+  /// Cumulated probability before each symbol at the start, in 2^-15.
+  static constexpr std::uint16_t startLimit(std::size_t symbol) {
+    return static_cast<std::uint16_t>(0x80000000U / size * symbol >> 16U);
+  }
+
   void reset() {
     counts.fill(1);
     limits = startLimits;
     total = size;
-    cycle = left = (size + 6) / 2;
+    cycle = left = firstCycle;
   }
 
   /// @return the symbol, always below `size`
@@ -83,7 +101,6 @@ class SymbolModel {
   }
 
  private:
-  static constexpr unsigned int probabilityBits = 15;
   static constexpr std::uint32_t maxTotal = std::uint32_t{1} << probabilityBits;
 
   using Limits = std::array<std::uint16_t, size>;  // cumulated probabilities, in 2^-15
@@ -91,7 +108,7 @@ class SymbolModel {
   static constexpr Limits startLimits = [] {
     Limits limits{};
     for (std::size_t k = 0; k < size; ++k) {
-      limits[k] = static_cast<std::uint16_t>(0x80000000U / size * k >> 16U);
+      limits[k] = startLimit(k);
     }
     return limits;
   }();
@@ -141,8 +158,7 @@ class SymbolModel {
       limits[k] = static_cast<std::uint16_t>(scale * sum >> 16U);
       sum += counts[k];
     }
-    cycle = std::min<std::uint32_t>(5 * cycle / 4, 8 * (size + 6));
-    left = cycle;
+    left = cycle = nextCycle(cycle);
   }
 
   Limits limits;

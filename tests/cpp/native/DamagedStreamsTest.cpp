@@ -1,3 +1,7 @@
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -53,6 +57,71 @@ TEST(DamagedStreams, RandomSamplesAreCompleteOrRejected) {
       EXPECT_LE(segment.start + segment.count, found.samples.size());
     }
   }
+}
+
+/// Bytes directly before memory that must not be read.
+class GuardedBytes {
+ public:
+  explicit GuardedBytes(Bytes const& content)
+      : page(static_cast<std::size_t>(sysconf(_SC_PAGESIZE))),
+        mapped(content.size() / page * page + 2 * page) {
+    memory = static_cast<std::uint8_t*>(
+        mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    if (memory == MAP_FAILED || mprotect(memory + mapped - page, page, PROT_NONE) != 0) {
+      throw std::runtime_error("no guarded memory");
+    }
+    bytes = {memory + mapped - page - content.size(), content.size()};
+    std::copy(content.begin(), content.end(), bytes.begin());
+  }
+  GuardedBytes(GuardedBytes const&) = delete;
+  GuardedBytes& operator=(GuardedBytes const&) = delete;
+  ~GuardedBytes() { munmap(memory, mapped); }
+
+  std::span<std::uint8_t> bytes;
+
+ private:
+  std::size_t page;
+  std::size_t mapped;
+  std::uint8_t* memory;
+};
+
+TEST(DamagedStreams, PulsesTogetherAreDecodedAsOneByOne) {
+  // The first is complete in nearly every stream but the last, which is too short, the second in few.
+  std::array<std::vector<Sampling>, 2> const layouts{
+      std::vector<Sampling>{{0, 0, 0, 1, 80, 8}, {0, 8, 0, 1, 25, 8}},
+      std::vector<Sampling>{{8, 0, 8, 0, 0, 8}, {0, 0, 8, 2, 0, 16}}};
+  std::size_t complete = 0;
+  for (unsigned int seed = 0; seed < 100; ++seed) {
+    GuardedBytes const guarded(randomBytes(3850, seed));
+    std::vector<std::int64_t> offsets;
+    std::vector<std::int64_t> ends;
+    for (std::int64_t pulse = 0; pulse < 48; ++pulse) {
+      offsets.push_back(80 * pulse);
+      ends.push_back(80 * pulse + (pulse % 25 == 3 ? 30 : 400));
+    }
+    std::vector<Sampling> const& layout = layouts[seed % 2];
+    DecodedWaveforms const together = decodeWaveforms(guarded.bytes, offsets, ends, 0, layout);
+    std::vector<std::uint16_t> samples;
+    std::size_t segments = 0;
+    for (std::size_t i = 0; i < offsets.size(); ++i) {
+      DecodedWaveforms const one = decodeWaveforms(guarded.bytes, std::span(offsets).subspan(i, 1),
+                                                   std::span(ends).subspan(i, 1), 0, layout);
+      EXPECT_EQ(together.states[i], one.states[0]);
+      EXPECT_EQ(together.starts[i], samples.size());
+      for (Segment const& segment : one.segments) {
+        Segment const& same = together.segments.at(segments++);
+        EXPECT_EQ(same.pulse, i);
+        EXPECT_EQ(same.start, samples.size() + segment.start);
+        EXPECT_EQ(same.count, segment.count);
+        EXPECT_EQ(same.duration, segment.duration);
+      }
+      samples.insert(samples.end(), one.samples.begin(), one.samples.end());
+      complete += static_cast<std::size_t>(one.states[0] == PulseState::complete);
+    }
+    EXPECT_EQ(together.segments.size(), segments);
+    EXPECT_EQ(together.samples, samples);
+  }
+  EXPECT_GT(complete, 1000U);
 }
 
 TEST(DamagedStreams, TableEndsWithItsBytes) {

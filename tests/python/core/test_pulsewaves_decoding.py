@@ -259,3 +259,56 @@ def test_bit_model_of_the_encoder_starts_with_equal_probabilities() -> None:
     Bit().encode(out, 1)
     # The upper half of the interval, in multiples of the length / 2^13.
     assert (out.base, out.length) == (4096 * (0xFFFFFFFF >> 13), 0xFFFFFFFF - 4096 * 524287)
+
+
+def lidar_samples(count: int, chance: np.random.Generator) -> list[int]:
+    """Echoes on slowly changing noise, so that small and large differences follow one another."""
+    places, width = np.arange(count), chance.uniform(1, 9)
+    echo = chance.integers(0, 400) * np.exp(-(((places - chance.uniform(0, 80)) / width) ** 2))
+    return np.clip(echo + chance.integers(0, 4, count), 0, 255).astype(int).tolist()
+
+
+VARIABLE = Sampling(segment_bits=8, count_bits=16, duration_bits=16)
+
+
+@pytest.mark.parametrize(
+    ("samplings", "lengths"),
+    [
+        ([Sampling(kind=1, count_bits=8), Sampling(duration_bits=32, count_bits=8)], [80]),
+        ([Sampling(kind=1, count_bits=8), VARIABLE], [0, 1, 7, 8, 9, 60, 80, 200]),
+        ([Sampling(count_bits=16, duration_bits=16)], [3000, 4096, 4097, 4500]),
+        ([VARIABLE, Sampling(samples=40, bits=16)], [40]),
+    ],
+    ids=["equal lengths", "different lengths", "long segments", "16 bits"],
+)
+def test_samples_of_many_pulses_are_those_that_were_encoded(
+    samplings: list[Sampling], lengths: list[int]
+) -> None:
+    chance = np.random.default_rng(6)
+    descriptor = Descriptor(1, samplings, extra=b"e")
+
+    def segments(sampling: Sampling) -> list[tuple[int, list[int]]]:
+        count = int(chance.integers(5)) if sampling.segment_bits else 1
+        sizes = chance.choice(lengths, count) if sampling.count_bits else [sampling.samples]
+        durations = chance.integers(-300, 300, count) * (sampling.duration_bits > 0)
+        return [
+            (int(duration), lidar_samples(min(int(size), 255 if sampling.count_bits == 8 else 5000), chance))
+            for duration, size in zip(durations, sizes, strict=True)
+        ]
+
+    pulses = [[segments(one) for one in samplings] for _ in range(15 if max(lengths) > 999 else 60)]
+    streams = [descriptor.extra + samples_stream(descriptor, pulse) for pulse in pulses]
+    streams[20:21] = [streams[20][:-3]] if len(streams) > 20 else []  # truncated
+    ends = np.cumsum([len(stream) for stream in streams])
+    data = as_array(b"".join(streams) + bytes(20_000))
+    found = decode_waveforms(data, np.append(0, ends[:-1]), ends, 1, rows_of(samplings))
+    states = [PulseState.COMPLETE] * len(pulses)
+    if len(pulses) > 20:
+        states[20] = PulseState.TRUNCATED
+        pulses[20] = []
+    assert found.states.tolist() == states
+    expected = [wave for pulse in pulses for waves in pulse for _, wave in waves]
+    assert np.array_equal(found.samples, np.concatenate(expected))
+    assert found.count.tolist() == [len(wave) for wave in expected]
+    lengths_of_pulses = [sum(len(w) for waves in pulse for _, w in waves) for pulse in pulses]
+    assert found.sample_starts.tolist() == [0, *np.cumsum(lengths_of_pulses)[:-1].tolist()]
