@@ -160,7 +160,7 @@ def number_seeds() -> Iterator[tuple[str, bytes]]:
 
 
 def pulsewaves_seeds() -> Iterator[tuple[str, bytes]]:
-    """Streams of zeros, in which every symbol is the first one, for the three decoders; and pulses at once."""
+    """For the three decoders; in streams of zeros every symbol is the first one."""
     zeros = bytes(60)
     yield "pulsewaves", byte(0) + byte(1) + struct.pack("<H", 20) + zeros
     yield "pulsewaves", byte(1) + byte(3) + struct.pack("<H", 200) + bytes(57) + zeros

@@ -292,7 +292,10 @@ def test_samples_of_many_pulses_are_those_that_were_encoded(
         sizes = chance.choice(lengths, count) if sampling.count_bits else [sampling.samples]
         durations = chance.integers(-300, 300, count) * (sampling.duration_bits > 0)
         return [
-            (int(duration), lidar_samples(min(int(size), 255 if sampling.count_bits == 8 else 5000), chance))
+            (
+                int(duration),
+                lidar_samples(min(int(size), 255 if sampling.count_bits == 8 else 5000), chance),
+            )
             for duration, size in zip(durations, sizes, strict=True)
         ]
 
