@@ -14,7 +14,12 @@ from contextlib import contextmanager
 from types import FrameType
 from typing import Any
 
-from fullwaveform.io.interruption import may_be_raised_in, request_end
+from fullwaveform.io.interruption import (
+    may_be_raised_in,
+    remove_unfinished,
+    request_end,
+    unfinished,
+)
 
 #: Handled signals, and what is printed after them.
 DESCRIPTIONS = {
@@ -52,7 +57,8 @@ def raise_on_signals() -> Iterator[None]:
 
     So a second Ctrl-C does not disturb the removal of unfinished files. Where the exception would
     get lost or do harm, it is raised at the next block of waveforms, before or after an output is
-    renamed to its final name, or at the end of the ``with`` block.
+    renamed to its final name, or at the end of the ``with`` block. After it, outputs that the block
+    has opened and not finished are removed.
 
     Restores the former handlers at the end, except `exit_on_signals` after a signal: the program is
     ending already, and signals stay ignored. Does nothing outside the main thread, which signals do
@@ -64,6 +70,7 @@ def raise_on_signals() -> Iterator[None]:
     former = {number: signal.getsignal(number) for number in _handled_signals()}
     former_hook = sys.unraisablehook
     received: SignalExit | None = None
+    older = set(unfinished)
 
     def unwind(number: int, frame: FrameType | None) -> None:
         nonlocal received
@@ -87,6 +94,8 @@ def raise_on_signals() -> Iterator[None]:
         if received is not None:  # it was not raised where the signal arrived, nor later
             raise received
     finally:
+        if received is not None:
+            remove_unfinished(older)
         request_end(None)
         sys.unraisablehook = former_hook
         for number, handler in former.items():

@@ -13,7 +13,7 @@ from pathlib import Path
 from typing import Any
 
 from fullwaveform.io.companions import with_companions
-from fullwaveform.io.interruption import raise_if_requested
+from fullwaveform.io.interruption import raise_if_requested, unfinished
 from fullwaveform.io.remote import RemotePath, is_remote, location
 
 # Errors that only writing can cause: disk, quota or maximum file size exceeded.
@@ -186,6 +186,8 @@ def atomic_path(
     except BaseException:
         temporary.unlink(missing_ok=True)
         raise
+    finally:
+        unfinished.discard(temporary)
 
 
 @contextmanager
@@ -258,6 +260,7 @@ def _uploaded_path(final: RemotePath, *, replace: bool) -> Iterator[Path]:
     descriptor, name = mkstemp(prefix="fullwaveform-", suffix=final.suffix)
     os.close(descriptor)
     temporary = Path(name)
+    unfinished.add(temporary)
     try:
         yield temporary
         raise_if_requested()
@@ -272,6 +275,7 @@ def _uploaded_path(final: RemotePath, *, replace: bool) -> Iterator[Path]:
         raise renamed from error
     finally:
         temporary.unlink(missing_ok=True)
+        unfinished.discard(temporary)
 
 
 def _output_error(cause: OSError, final: Path) -> OutputError:
@@ -338,4 +342,5 @@ def _create_temporary(final: Path) -> Path:
         raise OSError(errno.ENOENT, message) from error
     except OSError as error:
         raise OSError(error.errno, f"cannot write {final}: {error.strerror}") from error
+    unfinished.add(temporary)
     return temporary

@@ -15,7 +15,7 @@ from fullwaveform.io.atomic import (
     collected_if_renamed,
     protecting_input,
 )
-from fullwaveform.io.interruption import raise_if_requested
+from fullwaveform.io.interruption import raise_if_requested, unfinished
 
 
 def check_folder(path: Path, kind: FileKind, overwrite: bool) -> None:
@@ -70,6 +70,7 @@ def atomic_folder(path: Path, kind: FileKind, *, overwrite: bool = False) -> Ite
         temporary.mkdir()
     except OSError as error:
         raise OSError(error.errno, f"cannot write {path}: {error.strerror}") from error
+    unfinished.add(temporary)
     try:
         yield temporary
         raise_if_requested()
@@ -81,6 +82,7 @@ def atomic_folder(path: Path, kind: FileKind, *, overwrite: bool = False) -> Ite
         raise OutputError(error.errno, f"cannot write {path}: {error.strerror}") from error
     finally:
         shutil.rmtree(temporary, ignore_errors=True)
+        unfinished.discard(temporary)
 
 
 def _concerns(error: OSError, temporary: Path) -> bool:

@@ -6,12 +6,17 @@ callback is discarded. So the request is stored as well, and checked where a run
 
 from __future__ import annotations
 
+import shutil
 import sys
+from contextlib import suppress
+from pathlib import Path
 from types import FrameType
 
 # Interrupting HDF5 while it opens or closes a file prints to standard error or ends the program.
 _UNINTERRUPTED = ("h5py", "fullwaveform.io.atomic")
 _requested: BaseException | None = None
+#: Temporary files and folders of outputs that have not got their names yet.
+unfinished: set[Path] = set()
 
 
 def request_end(interruption: BaseException | None) -> None:
@@ -45,3 +50,18 @@ def _is_handled(interruption: BaseException) -> bool:
     while handled is not None and handled is not interruption:
         handled = handled.__context__
     return handled is interruption
+
+
+def remove_unfinished(older: set[Path]) -> None:
+    """Remove the unfinished outputs but for the older ones.
+
+    An interruption between the opening of an output and the beginning of its ``with`` statement
+    leaves its file to nobody else.
+    """
+    for path in unfinished - older:
+        if path.is_dir():
+            shutil.rmtree(path, ignore_errors=True)
+        else:
+            with suppress(OSError):
+                path.unlink()
+        unfinished.discard(path)

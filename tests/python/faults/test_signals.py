@@ -7,15 +7,26 @@ import os
 import signal
 import subprocess
 import sys
+import tempfile
 import time
+from collections.abc import Callable
 from pathlib import Path
 from typing import Any
 
 import pytest
 
 from fullwaveform.cli.signals import SignalExit, raise_on_signals
-from fullwaveform.io.atomic import OutputFile, atomic_path, collect_outputs
-from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS
+from fullwaveform.io.atomic import (
+    FileKind,
+    OutputFile,
+    atomic_open,
+    atomic_path,
+    collect_outputs,
+)
+from fullwaveform.io.atomic_folder import atomic_folder
+from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, open_echo_file
+from fullwaveform.io.file_writer import FileWriter
+from fullwaveform.io.interruption import unfinished
 
 from ..support.child_processes import TIMEOUT_S, environment, wait_until
 from ..support.command_line import names, run
@@ -248,6 +259,61 @@ def test_outputs_written_after_the_signal_are_renamed(tmp_path: Path) -> None:
             with atomic_path(note) as temporary:
                 temporary.write_bytes(b"half the way")
     assert note.read_bytes() == b"half the way"
+
+
+ANY_FOLDER = FileKind("a folder", lambda path: True, is_folder=True)
+
+
+@pytest.mark.parametrize(
+    "opened",
+    [
+        atomic_path,
+        atomic_open,
+        lambda path: atomic_folder(path, ANY_FOLDER),
+        lambda path: atomic_path("memory://signals/output"),
+        lambda path: open_echo_file(path.with_suffix(".csv"), None, {"a": "b"}),
+        lambda path: open_echo_file(path.with_suffix(".h5"), None, None),
+    ],
+    ids=["path", "stream", "folder", "url", "csv", "h5"],
+)
+def test_signal_between_opening_and_its_statement_leaves_no_file(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch, opened: Callable[[Path], Any]
+) -> None:
+    monkeypatch.setattr(tempfile, "tempdir", str(tmp_path))
+    output = opened(tmp_path / "output")  # alive to the end, so that no finalizer removes the file
+    with pytest.raises(SignalExit), raise_on_signals():
+        output.__enter__()
+        assert len(names(tmp_path)) >= 1
+        signal.raise_signal(signal.SIGTERM)
+    assert names(tmp_path) == []
+    assert unfinished == set()
+
+
+def test_signal_leaves_outputs_that_were_open_before(tmp_path: Path) -> None:
+    with atomic_path(tmp_path / "older") as temporary:
+        with pytest.raises(SignalExit), raise_on_signals():
+            signal.raise_signal(signal.SIGTERM)
+        temporary.write_bytes(b"whole")
+    assert (tmp_path / "older").read_bytes() == b"whole"
+    assert unfinished == set()
+
+
+def test_command_ended_between_opening_and_its_statement_leaves_no_file(
+    scan: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    opened, enter = [], FileWriter.__enter__
+
+    def signalled(self: FileWriter) -> FileWriter:
+        opened.append(enter(self))
+        signal.raise_signal(signal.SIGINT)
+        return self
+
+    monkeypatch.setattr(FileWriter, "__enter__", signalled)
+    result = run("extract", scan, "-o", tmp_path / "echoes.csv", "--quiet")
+    assert len(opened) == 1
+    assert result.exit_code == 130
+    assert result.stderr == "interrupted; no result was written\n"
+    assert names(tmp_path) == []
 
 
 def test_former_handlers_are_restored() -> None:
