@@ -48,8 +48,8 @@ def simulate(
     """Simulate a scan with known echoes.
 
     It has two channels, overlapping and saturated echoes, shots without echoes, and a CSV file with
-    the true echoes. Containers and PulseWaves files record the outgoing pulses, and count ranges
-    in whole samples.
+    the true echoes. Containers and PulseWaves files record ranges in whole
+    samples, and the outgoing pulses.
 
     Examples:
 
