@@ -96,6 +96,7 @@ class WaveformView:
     returns: FloatArray  # (r,), samples, ascending: discrete returns that the scanner listed
     smoothing: float  # s, standard deviation, before the methods other than the pulse fit; 0: none
     methods: tuple[MethodView, ...]
+    beam: str  # name; empty if the file has no beams
 
 
 def waveform_views(
@@ -142,6 +143,7 @@ def waveform_views(
                     _method_view(extractor, found, block, row)
                     for extractor, found in zip(extractors, extracted, strict=True)
                 ),
+                beam="" if block.beams is None else str(block.beams[row]),
             )
         )
     return views

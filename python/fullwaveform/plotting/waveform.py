@@ -235,13 +235,13 @@ def _max_height(view: WaveformView) -> float:
 
 
 def waveform_title(view: WaveformView) -> str:
-    """Number, channel and time of a waveform, and the smoothing before its methods."""
+    """Number, beam or channel, and time of a waveform, and the smoothing before its methods."""
     channel = _CHANNELS.get(view.channel_flag, f"channel {view.channel_flag}")
     time = f", GPS time {view.gps_time:.6f} s" if np.isfinite(view.gps_time) else ""
     # The samples are drawn as recorded, which the curves of the echoes do not follow.
     width = view.smoothing * _NANOSECONDS
     smoothing = f"; echoes of samples smoothed with {width:g} ns" if width else ""
-    return f"waveform {view.number}, {channel}{time}{smoothing}"
+    return f"waveform {view.number}, {view.beam or channel}{time}{smoothing}"
 
 
 def _all_samples(views: Sequence[WaveformView]) -> tuple[float, float]:

@@ -141,6 +141,7 @@ def _waveform_data(view: WaveformView) -> dict[str, Any]:
     return {
         "number": view.number,
         "channel": view.channel_flag,
+        "beam": view.beam,
         "gps_time": _number(view.gps_time),
         "interval": view.interval,
         "samples": view.samples.tolist(),

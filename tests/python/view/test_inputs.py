@@ -78,6 +78,7 @@ def test_gedi_file_has_axes_in_degrees_and_a_place_for_each_echo(tmp_path: Path)
             assert place == pytest.approx(expected, rel=0, abs=0.02)
             assert place[:2] == pytest.approx(expected[:2], rel=0, abs=1e-6)
         (waveform,) = session.panel.data(3, PanelSettings())["waveforms"]
+        assert waveform["beam"] == "BEAM1011"
         assert waveform["methods"][0]["positions"] == pytest.approx([20.0], abs=0.05)
 
 

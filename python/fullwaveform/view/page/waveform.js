@@ -25,7 +25,8 @@ export function channelName(flag) {
 
 function drawWaveform(root, waveform, width, whole) {
   const time = waveform.gps_time === null ? "" : `, GPS time ${waveform.gps_time.toFixed(6)} s`;
-  root.append("h2").text(`Waveform ${waveform.number}, ${channelName(waveform.channel)}${time}`);
+  const receiver = waveform.beam || channelName(waveform.channel);
+  root.append("h2").text(`Waveform ${waveform.number}, ${receiver}${time}`);
   const range = whole ? [0, waveform.samples.length - 1] : shownSamples(waveform);
   const x = scaleLinear([range[0] - 0.5, range[1] + 0.5], [MARGIN.left, width - MARGIN.right]);
   const top = highest(waveform);

@@ -145,6 +145,14 @@ def test_plot_of_a_shot_whose_samples_are_refused_says_so(tmp_path: Path) -> Non
     assert not (tmp_path / "b.png").exists()
 
 
+def test_plot_has_the_name_of_the_beam(tmp_path: Path) -> None:
+    path, picture = two_beams().write(tmp_path / "scan.h5"), tmp_path / "a.svg"
+    assert run("plot", path, "--waveform", "3", "-o", picture).exit_code == 0
+    drawn = picture.read_text(encoding="utf-8")
+    assert "waveform 3, BEAM1011, GPS time" in drawn
+    assert "channel" not in drawn
+
+
 def test_info_lists_beams_and_what_is_left_out(tmp_path: Path) -> None:
     scene = two_beams()
     scene.beams["BEAM0101"][1].degrade = 2
