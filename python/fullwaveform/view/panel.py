@@ -60,6 +60,9 @@ class WaveformPanel:
     plot_options: Sequence[str] = ()
     _calibrations: dict[tuple[int, bool], Calibration] = field(default_factory=dict)
 
+    def __post_init__(self) -> None:
+        self.reader.with_outgoing = True
+
     def views(self, number: int, settings: PanelSettings) -> list[WaveformView]:
         """The waveforms of the shot of a waveform with the results of the chosen modes.
 
@@ -121,7 +124,7 @@ class WaveformPanel:
                 scanner = self.scanners[settings.scanner].scanner
                 pulses = ExtractionSettings(scanner, Mode.PULSE_FIT).pulses if fits else None
                 self._calibrations[key] = measure(self.reader, "off", pulses)
-                self.reader.with_outgoing = True
+                self.reader.with_outgoing = True  # the measurement has reset it
             return self._calibrations[key]
 
 

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import threading
-from collections.abc import Iterator
+from collections.abc import Iterator, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
@@ -36,10 +36,11 @@ class Served:
 
 
 @contextmanager
-def served_files(scan: Path, *echoes: Path) -> Iterator[Served]:
+def served_files(scan: Path, *echoes: Path, scanners: Sequence[Path] = ()) -> Iterator[Served]:
     """A scan and files of its echoes, served until the end of the block."""
     reader = open_waveforms(scan, waveforms_per_block=BLOCK)
-    with ViewSession(reader, {}, [(path.name, path) for path in echoes]) as session:
+    files = [(path.name, path) for path in echoes]
+    with ViewSession(reader, {}, files, scanners) as session:
         server = ViewServer(session)
         started = threading.Event()
         thread = threading.Thread(target=server.run, args=(lambda address: started.set(),))

@@ -104,6 +104,16 @@ def test_lvis_file_of_every_structure(structure: str, tmp_path: Path) -> None:
         assert data["outgoing"] is None or len(data["outgoing"]["samples"]) in (80, 120, 128)
 
 
+def test_first_look_has_the_outgoing_pulse(tmp_path: Path) -> None:
+    """Before anything is measured."""
+    scan = simulate_scan(ScanSettings(shots=5))
+    write_recording(scan, tmp_path / "scan.pls", overwrite=True)
+    with viewed(tmp_path / "scan.pls") as session:
+        data = session.panel.data(0, PanelSettings())
+        assert max(data["outgoing"]["samples"]) > 50
+        assert len(data["waveforms"]) == 2
+
+
 def test_samples_without_coordinates_have_waveforms_and_no_map(tmp_path: Path) -> None:
     at = np.arange(64)
     pulse = 10.0 + 200.0 * np.exp(-0.5 * ((at - 30.0) / 2.0) ** 2)

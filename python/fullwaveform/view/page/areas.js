@@ -2,7 +2,7 @@
 
 import { axisBottom, axisLeft } from "./libraries/libraries.min.js";
 
-const MARGIN = { left: 76, right: 26, top: 6, bottom: 36 };
+const MARGIN = { left: 84, right: 26, top: 6, bottom: 36 };
 
 // The part of a box of the element that is left for points.
 export function inside(box) {
@@ -35,7 +35,7 @@ export function drawOutline(overlay, area, corners) {
 export function drawLine(overlay, area, [x1, y1], [x2, y2]) {
   const id = clipped(overlay, area);
   overlay.append("line").attr("class", "side-line").attr("clip-path", `url(#${id})`)
-    .attr("stroke", "#ffd166").attr("stroke-width", 2)
+    .attr("stroke", "#8ecdf7").attr("stroke-width", 2)
     .attr("x1", x1).attr("y1", y1).attr("x2", x2).attr("y2", y2);
 }
 
