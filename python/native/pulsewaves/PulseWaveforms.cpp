@@ -153,7 +153,7 @@ class Decoder {
   /// @param streamOfPulse  as `streamOf`, for the numbers 0 to `count` - 1
   /// @return whether they are; else `found` does not change
   template <class StreamOfPulse>
-  bool decode(std::size_t count, StreamOfPulse&& streamOfPulse, DecodedWaveforms& found) {
+  bool decode(std::size_t count, StreamOfPulse const& streamOfPulse, DecodedWaveforms& found) {
     if (!usesLanes) {
       return false;
     }

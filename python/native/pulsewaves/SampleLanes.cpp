@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <vector>
 
 #include <native/pulsewaves/LaneModels.h>
 
@@ -76,15 +77,15 @@ static_assert(SampleLanes::maxSamples == maxLaneSymbols);
 /// The state of all lanes. Arrays of `lanes` numbers are vectors.
 struct LaneStates {
   alignas(64) std::array<PlaceModels, lanes> places;
-  alignas(32) std::uint32_t classLimits[classes][lanes];
-  alignas(32) std::uint32_t classCounts[classes][lanes];  // of the classes before
-  alignas(32) std::uint32_t value[lanes];
-  alignas(32) std::uint32_t length[lanes];
-  alignas(32) std::uint32_t position[lanes];  // next byte of the stream
-  alignas(32) std::uint32_t last[lanes];      // sample
-  std::uint32_t classLeft;                    // samples until the next update, the same for all lanes
-  std::size_t classUpdates;
-  std::uint16_t samples[SampleLanes::maxSamples][lanes];
+  alignas(32) std::uint32_t classLimits[classes][lanes] = {};
+  alignas(32) std::uint32_t classCounts[classes][lanes] = {};  // of the classes before
+  alignas(32) std::uint32_t value[lanes] = {};
+  alignas(32) std::uint32_t length[lanes] = {};
+  alignas(32) std::uint32_t position[lanes] = {};  // next byte of the stream
+  alignas(32) std::uint32_t last[lanes] = {};      // sample
+  std::uint32_t classLeft = 0;                     // samples until the next update, the same for all lanes
+  std::size_t classUpdates = 0;
+  std::vector<std::array<std::uint16_t, lanes>> samples;
 
   LaneStates() { places.fill(fresh); }
 
@@ -312,7 +313,7 @@ void decodeSamples(LaneStates& states, std::uint8_t const* bytes, std::size_t fr
     last = (last + decodePlaces(states, coders, k)) & 0xFFU;
     __m256i const packed =
         _mm256_packus_epi32(reinterpret_cast<__m256i>(last), reinterpret_cast<__m256i>(last));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(states.samples[i]),
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(states.samples[i].data()),
                      _mm256_castsi256_si128(_mm256_permute4x64_epi64(packed, 0x08)));
   }
   store(states.value, coders.value);
@@ -379,6 +380,7 @@ void SampleLanes::decode(std::span<LaneSegment const> segments, std::span<std::u
   for (LaneSegment const& segment : segments) {
     longest = std::max(longest, segment.samples.size());
   }
+  states->samples.resize(std::max(longest, states->samples.size()));
   for (std::size_t done = 0; done < longest;) {
     std::size_t next = longest;  // where a lane ends
     for (LaneSegment const& segment : segments) {
