@@ -15,7 +15,8 @@ std::array<double, tabulatedSamples> const& sampleLogarithms();
 
 /// Natural logarithm of a sample, as `std::log` gives it, in a tenth of the time.
 inline double logarithmOf(unsigned short sample) {
-  return sample < tabulatedSamples ? sampleLogarithms()[sample] : std::log(static_cast<double>(sample));
+  static std::array<double, tabulatedSamples> const& table = sampleLogarithms();
+  return sample < tabulatedSamples ? table[sample] : std::log(static_cast<double>(sample));
 }
 
 }  // namespace FullWaveform

@@ -5,11 +5,6 @@
 
 namespace FullWaveform {
 
-bool FittedSamples::isClipped(std::size_t first, std::size_t count) const {
-  std::span<unsigned short const> const part = samples.subspan(first, count);
-  return std::any_of(part.begin(), part.end(), [this](unsigned short sample) { return sample >= limit; });
-}
-
 double SampleNoise::baselineVariance(std::size_t quietSamples) const {
   if (!std::isnan(baselineDeviation)) {
     return baselineDeviation * baselineDeviation;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <limits>
 #include <span>
@@ -16,7 +17,10 @@ struct FittedSamples {
   double limit = std::numeric_limits<double>::infinity();
 
   /// Whether some of these samples are clipped.
-  [[nodiscard]] bool isClipped(std::size_t first, std::size_t count) const;
+  [[nodiscard]] bool isClipped(std::size_t first, std::size_t count) const {
+    std::span<unsigned short const> const part = samples.subspan(first, count);
+    return std::any_of(part.begin(), part.end(), [this](unsigned short sample) { return sample >= limit; });
+  }
 };
 
 /// Largest distance in samples at which noise may be correlated.

@@ -75,18 +75,6 @@ class ColumnTable {
     forEach([&](auto const& column, auto& values) { values[row] = column.get(record); });
   }
 
-  /// Sets so many rows from `first` on, one column after the other; `recordOf(i)` is the source of row
-  /// `first + i`.
-  template <class RecordOf>
-  void set(std::size_t first, std::size_t count, RecordOf const& recordOf) {
-    forEach([&](auto const& column, auto& values) {
-      auto* const target = values.data() + first;
-      for (std::size_t i = 0; i < count; ++i) {
-        target[i] = column.get(recordOf(i));
-      }
-    });
-  }
-
   void append(Record const& record) {
     forEach([&](auto const& column, auto& values) { values.push_back(column.get(record)); });
   }

@@ -87,8 +87,9 @@ struct FoundColumn {
 
   void read(std::span<std::int64_t const> indices, std::span<FoundEcho> echoes) const {
     if (values.empty()) {
+      Value const missing = FoundEcho().*member;
       for (FoundEcho& echo : echoes) {
-        echo.*member = FoundEcho().*member;
+        echo.*member = missing;
       }
       return;
     }
@@ -168,11 +169,13 @@ class ThreePointEchoes {
         rows.push_back(echo.row);
         positions.push_back(echo.position);
         sigmas.push_back(echo.sigma);
-        waveforms.prefetch(echo.row, echo.position);
       }
     }
     found.resize(chosen.size());
     forEachRow(rows, [&](std::int64_t row, std::size_t first, std::size_t count) {
+      if (std::size_t const later = first + echoesAhead; later < rows.size()) {
+        waveforms.prefetch(rows[later], positions[later]);
+      }
       FittedRows::Noise const noise(waveforms, row);
       kernel.add(waveforms.waveformOf(row), noise.view(),
                  {std::span(positions).subspan(first, count), std::span(sigmas).subspan(first, count)},
@@ -187,6 +190,7 @@ class ThreePointEchoes {
   }
 
  private:
+  static constexpr std::size_t echoesAhead = 16;  // whose samples are loaded meanwhile
   static constexpr auto threePoint = static_cast<std::uint8_t>(FullWaveform::TYPE::GAUSS_3POINTS);
 
   FittedRows const& waveforms;
@@ -210,7 +214,7 @@ void checkRows(Rows const& rows, std::size_t count) {
 
 constexpr auto deconvolved = static_cast<std::uint8_t>(FullWaveform::TYPE::RICHARDSON_LUCY);
 
-constexpr std::size_t rowsAtATime = 128;  // whose echoes stay in the first cache
+constexpr std::size_t rowsAtATime = 256;  // whose echoes stay in the cache
 
 /// The columns of a table, made of some shots at a time.
 TableColumns columnsOf(ShotTable& table, FoundColumns const& found, FittedRows const* fitted,
@@ -228,9 +232,9 @@ TableColumns columnsOf(ShotTable& table, FoundColumns const& found, FittedRows c
     if (threePoint) {
       threePoint->enterUncertainties(echoes);
     }
-    std::span<TableRow const> const rows = table.rowsOf(echoes);
-    columns.set(first, rows.size(), [&](std::size_t i) { return TableRecord{&source, &rows[i]}; });
-    first += rows.size();
+    for (TableRow const& row : table.rowsOf(echoes)) {
+      columns.set(first++, {&source, &row});
+    }
   }
   return columns;
 }

@@ -44,8 +44,20 @@ def refined_peaks(
     """
     rows, kind = peaks["row"], peaks["type"]
     height = peaks["amplitudeCounts"].astype(np.float64) - baseline[rows]
-    position, sigma = peaks["idx"].copy(), peaks["std"].copy()
     decomposed = found_by(DECOMPOSED_TYPES, kind)
+    deconvolved = np.flatnonzero(kind == EchoType.RICHARDSON_LUCY)
+    refined = {
+        **peaks,
+        "height": height,
+        "library_idx": peaks["idx"],
+        "library_std": peaks["std"],
+        "reflectance": np.where(
+            kind == EchoType.ONLINE_OWP, peaks["reflectance"], np.float32(np.nan)
+        ),
+    }
+    if len(decomposed) == len(deconvolved) == 0:
+        return refined
+    position, sigma = peaks["idx"].copy(), peaks["std"].copy()
     if len(decomposed):
         # The decomposition fits what remains after subtracting the threshold.
         height[decomposed] += threshold[rows[decomposed]]
@@ -61,26 +73,17 @@ def refined_peaks(
             height[decomposed],
             sigma[decomposed],
         )
-    deconvolved = np.flatnonzero(kind == EchoType.RICHARDSON_LUCY)
     if len(deconvolved):
         position[deconvolved], height[deconvolved] = refine_deconvolved(
             samples, counts, baseline, rows[deconvolved], position[deconvolved], scanner
         )
-    refined = {
-        **peaks,
-        "height": height,
-        "library_idx": peaks["idx"],
-        "library_std": peaks["std"],
-        "reflectance": np.where(
-            kind == EchoType.ONLINE_OWP, peaks["reflectance"], np.float32(np.nan)
-        ),
+    interval = scanner.sampling_interval or np.nan
+    return {
+        **refined,
+        "idx": position,
+        "time": peaks["time"] + (position - peaks["idx"]) * interval,
+        "std": np.where(kind == EchoType.RICHARDSON_LUCY, np.nan, sigma),
     }
-    if len(decomposed) or len(deconvolved):
-        interval = scanner.sampling_interval or np.nan
-        refined["idx"] = position
-        refined["time"] = peaks["time"] + (position - peaks["idx"]) * interval
-        refined["std"] = np.where(kind == EchoType.RICHARDSON_LUCY, np.nan, sigma)
-    return refined
 
 
 def found_by(types: Iterable[EchoType], kind: AnyArray) -> IntArray:
