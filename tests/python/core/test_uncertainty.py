@@ -2,11 +2,13 @@
 
 from __future__ import annotations
 
+from dataclasses import replace
+
 import numpy as np
 import pytest
 
 from fullwaveform.core.uncertainty import FittedRows
-from fullwaveform.data.arrays import FloatArray
+from fullwaveform.data.arrays import AnyArray, FloatArray
 
 LENGTH = 90
 FWHM_PER_SIGMA = 2.3548200450309493
@@ -144,3 +146,33 @@ def test_rows_are_independent_and_may_be_in_any_order() -> None:
     np.testing.assert_array_equal(together[:, [1, 4]], first)
     np.testing.assert_allclose(together[:, [0, 2]], second, rtol=1e-12)
     assert np.isnan(together[:, 3]).all()
+
+
+@pytest.mark.parametrize(
+    ("name", "values", "message"),
+    [
+        ("noise", np.array([1]), "row 0 has noise 1"),
+        ("noise", np.array([-1]), "row 0 has noise -1"),
+        ("counts", np.array([91], np.uint16), "91 samples"),
+        ("limit", np.array([1.0, 2.0]), "differ in length"),
+        ("scale", np.ones(2, np.int64), "an array of 2 rows; expected 1"),
+        ("covariance", np.ones((1, 6)), "6 lags; expected 1 to 5"),
+    ],
+)
+def test_arrays_that_do_not_fit_each_other_are_refused(
+    name: str, values: AnyArray, message: str
+) -> None:
+    rows = replace(fitted_rows([16.0], 2.0, LENGTH), **{name: values})
+    with pytest.raises(ValueError, match=message):
+        rows.compiled()
+
+
+def test_noise_counts_in_the_samples_of_the_driver() -> None:
+    # Samples of which 100 counts were removed, and the rest multiplied by 4.
+    one = fitted_rows([16.0], 2.0, LENGTH)
+    scaled = replace(one, removed=np.array([100]), scale=np.array([4]))
+    row, echo = np.zeros(1, np.int64), np.array([[40.0], [200.0], [2.0], [2.0], [24.0]])
+    position, height, width = one.of_decomposed(row, *echo)
+    echo[1] *= 4.0
+    found = scaled.of_decomposed(row, *echo)
+    np.testing.assert_allclose(found, [position, 4.0 * height, width], rtol=1e-12)
