@@ -228,27 +228,33 @@ def test_box_of_many_echoes_is_exact(waveforms: WaveformDirectory, tmp_path: Pat
     index.close()
 
 
-def test_slab_of_many_echoes_is_exact(waveforms: WaveformDirectory, tmp_path: Path) -> None:
-    """Compared with places that are turned by the angle of the line, 0.3 rad."""
+@pytest.mark.parametrize(("start", "angle"), [((200.0, 150.0), 0.3), ((100.0, 240.0), 0.0)])
+def test_slab_of_many_echoes_is_exact(
+    start: tuple[float, float], angle: float, waveforms: WaveformDirectory, tmp_path: Path
+) -> None:
+    """Compared with places that are turned by the angle of the line, rad.
+
+    The second line is near the edge, at 250 m, of nodes that it does not touch.
+    """
     xyz = np.round(np.random.default_rng(2).uniform(0.0, 1000.0, (60_000, 3)), 1)
     index = made(tmp_path, waveforms, [f"{x},{y},{z}" for x, y, z in xyz])
     assert len(index.nodes()["level"]) > 20
     origin = np.array(index.described["origin"])
-    turn = np.array([[np.cos(0.3), np.sin(0.3)], [-np.sin(0.3), np.cos(0.3)]])
-    start = np.array([200.0, 150.0])
+    turn = np.array([[np.cos(angle), np.sin(angle)], [-np.sin(angle), np.cos(angle)]])
     at, aside = turn @ (xyz[:, :2] - start).T
     inside = np.array([at, 600.0 - at, 70.0 - abs(aside), xyz[:, 2] - 100.0, 800.0 - xyz[:, 2]])
     from_edge = abs(inside).min(axis=0)  # places are of 32 bits
-    relative = start - origin[:2]
+    relative = np.array(start) - origin[:2]
     end = relative + 600.0 * turn[0]
-    low, high = 100.0 - origin[2], 800.0 - origin[2]
-    selection = Selection(slab=Slab(tuple(relative), tuple(end), 70.0, low, high))
-    found = selected_rows(index, selection)
+    slab = Slab(tuple(relative), tuple(end), 70.0, 100.0 - origin[2], 800.0 - origin[2])
+    found = selected_rows(index, Selection(slab=slab))
     clear = from_edge > 1e-3
     assert np.count_nonzero(~clear) < 300
     assert np.count_nonzero(found) > 3000
     expected = (inside > 0.0).all(axis=0)
     assert found[clear].tolist() == expected[clear].tolist()
+    everywhere = (-1e4, -1e4, 1e4, 1e4)
+    assert selected_rows(index, Selection(everywhere, slab=slab)).tolist() == found.tolist()
     index.close()
 
 

@@ -128,8 +128,8 @@ def test_page_highlights_the_echoes_that_are_counted(page: Page) -> None:
     """Bit by bit, also of places on the edges: a grid, and lines through its places."""
     x, y, z = (axis.ravel() for axis in np.meshgrid(*[np.arange(0.0, 8.0, 0.5)] * 3))
     columns = {"x": x.tolist(), "y": y.tolist(), "z": z.tolist()}
-    for end in ([7.0, 0.0], [6.0, 4.5], [3.5, 7.0], [-2.0, 7.5]):
-        slab = {"start": [1.0, 0.5], "end": end, "halfWidth": 0.75}
+    for end in ([7.0, 0.5], [7.0, 0.0], [6.0, 4.5], [3.5, 7.0], [-2.0, 7.5]):
+        slab = {"start": [1.0, 0.5], "end": end, "halfWidth": 1.0}
         slab |= {"from": 0.5, "to": 5.0, "low": 1.0, "high": 2.5}
         text, chosen = page.evaluate(CHOSEN, [slab, columns])
         places = [np.array(one, np.float32) for one in (x, y, z)]
