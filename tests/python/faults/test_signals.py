@@ -293,6 +293,7 @@ def test_signal_leaves_outputs_that_were_open_before(tmp_path: Path) -> None:
     with atomic_path(tmp_path / "older") as temporary:
         with pytest.raises(SignalExit), raise_on_signals():
             signal.raise_signal(signal.SIGTERM)
+        assert names(tmp_path) == [temporary.name]
         temporary.write_bytes(b"whole")
     assert (tmp_path / "older").read_bytes() == b"whole"
     assert unfinished == set()
