@@ -34,9 +34,8 @@ class LasDimension:
     numbers: Callable[[AnyArray], AnyArray] | None = None
 
     def of(self, column: AnyArray) -> AnyArray:
-        """The values of the dimension."""
-        values = column if self.numbers is None else self.numbers(column)
-        return values.astype(self.dtype)
+        """The values of the dimension, before their conversion to its type."""
+        return column if self.numbers is None else self.numbers(column)
 
 
 @dataclass(frozen=True, slots=True)

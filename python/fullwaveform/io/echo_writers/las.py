@@ -98,7 +98,7 @@ class LasEchoWriter(EchoWriter):
         record["X"], record["Y"], record["Z"] = grid.T
         _fill_standard_fields(record, echoes, self._return_limit)
         for name, dimension in self._dimensions.items():
-            record[name] = dimension.of(echoes[name])
+            record.array[name] = dimension.of(echoes[name])  # converted where it is stored
         if EXTRA_BYTES in echoes.columns:
             for name, carried in self._carried.items():
                 record.array[carried] = echoes[EXTRA_BYTES][name]
