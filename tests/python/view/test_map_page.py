@@ -29,8 +29,10 @@ def test_mouse_and_keys_move_and_zoom_the_map(page: Page) -> None:
     page.keyboard.press("Escape")
     south_west, north_east = place(page, _ORANGE), place(page, _YELLOW)
     middle = (box["x"] + box["width"] / 2, box["y"] + box["height"] / 2)
+    numbers = page.locator("#overlay").text_content() or ""
     page.mouse.move(*middle)
     page.mouse.wheel(0, 400)  # smaller by 1.0015^400, around the cursor
+    expect(page.locator("#overlay")).not_to_have_text(numbers)
     factor = 1.0015**-400
     centre = np.array(middle) - [box["x"], box["y"]]
     np.testing.assert_allclose(
