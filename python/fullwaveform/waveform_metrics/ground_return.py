@@ -9,17 +9,18 @@ from functools import lru_cache
 import numpy as np
 
 from fullwaveform.data.arrays import Float32Array, FloatArray, IntArray
-from fullwaveform.waveform_metrics.pulse_shape import maximum_places, pulse_shape
+from fullwaveform.waveform_metrics.pulse_shape import pulse_shape
 from fullwaveform.waveform_metrics.signal_bounds import PER_SAMPLE
 
 # Times the standard deviation of the smoothing kernel, which is about that of the pulse:
-_FRONT = 2.08  # the fitted samples begin this far above the ground
+_FRONT = 1.39  # the fitted samples begin this far above the ground
 _TAIL = 10.4  # and end this far below it
-_LEAD = 0.695  # largest distance of the centre of the Gaussian above the ground
+# The centre of the Gaussian lies within 4 ns of the ground in L2B, where places of the return count
+# from 1, and those of samples from 0.
+_LEAD = 0.868  # largest distance of the centre above the ground: 5 ns
+_LAG = 0.521  # largest distance below it: 3 ns
 _REACH = 17.4  # the return is subtracted up to here above the ground
-# Samples by which the subtracted return lies above the fitted one: in L2B places of the return
-# count from 1, and those of samples from 0.
-_ADVANCE = 1
+_CENTRES = 7
 _WIDTHS = np.geomspace(0.5, 5.6, 33)  # of the return's Gaussian part
 _DECAY_STEP = 0.03  # ratio of neighbouring decays, minus 1
 
@@ -50,8 +51,8 @@ def ground_returns(
     scale
         Samples: standard deviation of the smoothing kernel, which sets the reach of the fit.
 
-    For each width of a grid the energy follows by linear least squares; the width with the smallest
-    residual is refined by a parabola through its neighbours.
+    For each width and centre of a grid the energy follows by linear least squares; the place of the
+    smallest residual is refined by parabolas, along the widths and then along the centres.
     """
     window = _Window.of(scale)
     nearest = (ground + PER_SAMPLE // 2) // PER_SAMPLE
@@ -82,7 +83,6 @@ class _Window:
     scale: float
     front: int
     tail: int
-    lead: int
     reach: int
 
     @classmethod
@@ -91,7 +91,6 @@ class _Window:
             scale,
             front=max(round(_FRONT * scale), 1),
             tail=max(round(_TAIL * scale), 2),
-            lead=round(_LEAD * scale),
             reach=max(round(_REACH * scale), 2),
         )
 
@@ -111,41 +110,53 @@ def _fitted(
 ) -> tuple[FloatArray, FloatArray, Float32Array]:
     """Energy, width and upper part of the returns with one decay and phase of the ground."""
     widths, shapes = _shapes(window, decay, phase)
-    inner = shapes[:, window.reach - window.front :]
-    norms = np.einsum("kw,kw->k", inner, inner, dtype=np.float64)
-    # One product at a time: its sum does not depend on the number of rows.
-    products = np.stack([np.einsum("nw,w->n", cut, shape) for shape in inner], axis=1)
+    inner = shapes[:, :, window.reach - window.front :]
+    norms = np.einsum("ckw,ckw->ck", inner, inner, dtype=np.float64)
+    # One row at a time: its sums do not depend on the number of rows.
+    columns = np.ascontiguousarray(inner.reshape(-1, inner.shape[2]).T)
+    products = np.matmul(cut[:, np.newaxis, :], columns).reshape(len(cut), *norms.shape)
     gain = np.maximum(products.astype(np.float64), 0.0) ** 2 / norms
+    width_at, gain = _peak(gain)
+    centre_at, _ = _peak(gain)
     rows = np.arange(len(cut))
-    best = np.clip(np.argmax(gain, axis=1), 1, len(widths) - 2)
-    left, middle, right = (gain[rows, best + step] for step in (-1, 0, 1))
-    curvature = 2.0 * middle - left - right
-    offset = 0.5 * (right - left) / np.where(curvature > 0.0, curvature, 1.0)
-    offset = np.where(curvature > 0.0, np.clip(offset, -1.0, 1.0), np.sign(right - left))
-    lower = best + np.floor(offset).astype(np.int64)
-    lower = np.minimum(lower, len(widths) - 2)
-    share = (best + offset - lower).astype(np.float32)[:, np.newaxis]
-    shape = shapes[lower] * (1 - share) + shapes[lower + 1] * share
+    centre = np.minimum(centre_at.astype(np.int64), _CENTRES - 2)
+    right = centre_at - centre
+    place = width_at[rows, centre] * (1.0 - right) + width_at[rows, centre + 1] * right
+    lower = np.minimum(place.astype(np.int64), len(widths) - 2)
+    share = place - lower
+    weights = [(1.0 - right) * (1.0 - share), (1.0 - right) * share, right * (1.0 - share)]
+    corners = [(centre, lower), (centre, lower + 1), (centre + 1, lower), (centre + 1, lower + 1)]
+    shape = np.zeros((len(cut), shapes.shape[2]), np.float32)
+    for weight, corner in zip([*weights, right * share], corners, strict=True):
+        shape += shapes[corner] * weight.astype(np.float32)[:, np.newaxis]
     fitted = shape[:, window.reach - window.front :]
     square = np.einsum("nw,nw->n", fitted, fitted, dtype=np.float64)
     energy = np.maximum(np.einsum("nw,nw->n", cut, fitted, dtype=np.float64), 0.0) / square
-    width = widths[lower] * (widths[1] / widths[0]) ** share[:, 0]
-    upper = (
-        shape[:, _ADVANCE : window.reach + 1 + _ADVANCE] * energy.astype(np.float32)[:, np.newaxis]
-    )
+    width = widths[lower] * (widths[1] / widths[0]) ** share
+    upper = shape[:, : window.reach + 1] * energy.astype(np.float32)[:, np.newaxis]
     return energy, width, upper
+
+
+def _peak(values: FloatArray) -> tuple[FloatArray, FloatArray]:
+    """Place and height of the maximum along the last axis, by a parabola through three values."""
+    best = np.clip(np.argmax(values, axis=-1), 1, values.shape[-1] - 2)
+    left, middle, right = (
+        np.take_along_axis(values, (best + step)[..., np.newaxis], axis=-1)[..., 0]
+        for step in (-1, 0, 1)
+    )
+    curvature = 2.0 * middle - left - right
+    slope = 0.5 * (right - left)
+    offset = slope / np.where(curvature > 0.0, curvature, 1.0)
+    offset = np.where(curvature > 0.0, np.clip(offset, -1.0, 1.0), np.sign(right - left))
+    return best + offset, middle + slope * offset - 0.5 * curvature * offset**2
 
 
 @lru_cache(maxsize=256)
 def _shapes(window: _Window, decay: float, phase: float) -> tuple[FloatArray, Float32Array]:
-    """Widths (k,) in samples, and the shapes (k, reach + tail + 1) of returns of energy 1."""
-    x = np.arange(-window.reach, window.tail + 1, dtype=np.float64)
+    """Widths (k,) in samples, and shapes (centres, k, reach + tail + 1) of returns of energy 1."""
+    x = np.arange(-window.reach, window.tail + 1, dtype=np.float64) - phase
     widths = _WIDTHS * window.scale
-    # The mode that is the ground is that of the smoothed waveform.
-    late = maximum_places(np.hypot(widths, window.scale), decay)
-    centres = phase - np.minimum(late, _LEAD * window.scale)
-    shapes = [
-        pulse_shape(x - centre, width, decay)
-        for width, centre in zip(widths.tolist(), centres.tolist(), strict=True)
-    ]
-    return widths, np.array(shapes, np.float32)
+    centres = np.linspace(-_LEAD, _LAG, _CENTRES) * window.scale
+    places = x - centres[:, np.newaxis]
+    shapes = [pulse_shape(places, width, decay) for width in widths.tolist()]
+    return widths, np.stack(shapes, axis=1).astype(np.float32)

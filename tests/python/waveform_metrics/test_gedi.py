@@ -66,13 +66,13 @@ def test_canopies_agree_with_l2b(computed: Columns, tmp_path: Path) -> None:
     names = ("cover", "pai", "fhd_normal", "cover_z")
     shots = official("GEDI02_B", names, computed["shot_number"], tmp_path)
     for ours, theirs in (("cover", "cover"), ("pai", "pai")):
-        assert np.corrcoef(computed[ours], shots[theirs])[0, 1] > 0.99, ours
+        assert np.corrcoef(computed[ours], shots[theirs])[0, 1] > 0.998, ours
     assert np.corrcoef(1.0 - computed["gap_5m"], shots["cover_z"][:, 1])[0, 1] > 0.998
     # Where there is little canopy, its diversity depends on the lowest metre alone.
     dense = shots["cover"] > 0.1
     assert np.count_nonzero(dense) == 67
-    assert np.corrcoef(computed["fhd"][dense], shots["fhd_normal"][dense])[0, 1] > 0.995
-    assert np.corrcoef(computed["fhd"], shots["fhd_normal"])[0, 1] > 0.985
+    assert np.corrcoef(computed["fhd"][dense], shots["fhd_normal"][dense])[0, 1] > 0.996
+    assert np.corrcoef(computed["fhd"], shots["fhd_normal"])[0, 1] > 0.992
 
 
 def test_metrics_need_neither_fill_values_nor_flags(computed: Columns) -> None:

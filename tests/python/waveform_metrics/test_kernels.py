@@ -9,6 +9,7 @@ from scipy.stats import exponnorm
 
 from fullwaveform.data.blocks import OutgoingPulses
 from fullwaveform.waveform_metrics.energy_heights import energy_places
+from fullwaveform.waveform_metrics.ground_return import ground_returns
 from fullwaveform.waveform_metrics.moments import moments
 from fullwaveform.waveform_metrics.outgoing_decay import outgoing_decays
 from fullwaveform.waveform_metrics.pulse_shape import maximum_places, pulse_shape
@@ -121,3 +122,13 @@ def test_decays_of_outgoing_pulses_are_found() -> None:
     found = outgoing_decays(OutgoingPulses(samples, counts, np.full(6, 2e-9), np.zeros(6)))
     np.testing.assert_allclose(found[:4], 2e-9 * decays, rtol=0.03)
     assert np.isnan(found[4:]).all()
+
+
+@pytest.mark.parametrize("lead", [4.5, 2.0, -2.0])
+def test_return_of_the_ground_is_found_above_and_below_it(lead: float) -> None:
+    x = np.arange(200)
+    sent = exponnorm.pdf(x, 6.0 / 8.0, loc=100.0 - lead, scale=8.0)
+    values = (9000.0 * sent)[np.newaxis].astype(np.float32)
+    found = ground_returns(values, np.array([400]), np.array([6.0]), 5.76)
+    assert found.energy[0] == pytest.approx(9000.0, rel=0.01)
+    assert found.width[0] == pytest.approx(8.0, rel=0.015)
