@@ -35,8 +35,7 @@ class FULLWAVEFORM_EXPORT ThreePointUncertainty {
   ///
   /// @param waveform  the samples as they were fitted, with their baseline
   /// @param result    one per echo, complete after `finish`, until which it must exist; NaN where one of its
-  /// samples is
-  ///                  clipped, or where the samples around it are not those of a three-point fit
+  ///                  samples is clipped, or where the samples around it are not those of a three-point fit
   void add(FittedSamples const& waveform, SampleNoise const& noise, ThreePointEchoes const& echoes,
            std::span<EchoUncertainty> result);
 
