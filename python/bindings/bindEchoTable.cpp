@@ -153,9 +153,9 @@ class FoundColumns {
 };
 
 /// Enters the uncertainties of those echoes that the three-point fit found.
-class ThreePointEchoes {
+class ThreePointRows {
  public:
-  explicit ThreePointEchoes(FittedRows const& waveforms) : waveforms(waveforms) {}
+  explicit ThreePointRows(FittedRows const& waveforms) : waveforms(waveforms) {}
 
   /// @param echoes  all of their waveforms, those of a waveform consecutive
   void enterUncertainties(std::span<FoundEcho> echoes) {
@@ -220,7 +220,7 @@ constexpr std::size_t rowsAtATime = 256;  // whose echoes stay in the cache
 TableColumns columnsOf(ShotTable& table, FoundColumns const& found, FittedRows const* fitted,
                        TableSource const& source) {
   TableColumns columns(table.size());
-  std::optional<ThreePointEchoes> threePoint;
+  std::optional<ThreePointRows> threePoint;
   if (fitted != nullptr) {
     threePoint.emplace(*fitted);
   }

@@ -37,4 +37,7 @@ def receiver_name(one: Receiver, all_of_file: Sequence[Receiver], names: Mapping
         return name
     flag = one.channel_flag
     channel = f"{CHANNEL_NAMES[flag]} power" if flag in CHANNEL_NAMES else f"channel flag {flag}"
+    is_shared = len({receiver.descriptor for receiver in all_of_file}) == 1
+    if is_shared and one.descriptor not in names:  # of formats without descriptors it is always 0
+        return channel
     return f"{channel}, {name}"

@@ -27,6 +27,7 @@ from fullwaveform.cli.options import AsOne, QuietOption, SourceFiles, refuse_qui
 from fullwaveform.cli.outputs import Output, OverwriteOption, checked_outputs
 from fullwaveform.cli.progress import print_line, progress_bar
 from fullwaveform.cli.reader_options import with_options
+from fullwaveform.core.memory import keep_freed_memory
 from fullwaveform.core.messages import counted_messages
 from fullwaveform.extraction.pipeline import available_workers
 from fullwaveform.io.echo_writers.opening import ECHO_ENDINGS, check_takes_empty, echo_outputs
@@ -119,6 +120,7 @@ def extract(
             progress_bar(quiet) as progress,
             counted_messages(print_line if verbose else None) as messages,
         ):
+            keep_freed_memory()
             threads = workers or max(1, available_workers() // min(jobs, len(sources)))
             each = print_waveform if verbose else None
             run = FileRun(options, threads, overwrite, progress, quiet, each)

@@ -16,7 +16,6 @@ from fullwaveform.cli.extract_options import ExtractOptions
 from fullwaveform.cli.progress import followed_blocks
 from fullwaveform.cli.summary import RunSummary
 from fullwaveform.core.driver import RunMonitor
-from fullwaveform.core.memory import keep_freed_memory
 from fullwaveform.data.counting import counted
 from fullwaveform.extraction.extractor import ExtractionTally
 from fullwaveform.extraction.pipeline import extracted_blocks, write_echoes
@@ -61,7 +60,6 @@ class FileRun:
             The file has no channel that an option names.
         """
         start = time.perf_counter()
-        keep_freed_memory()
         monitor = RunMonitor()
         self.monitors.append(monitor)
         options, source = self.options, sources[0]

@@ -234,8 +234,9 @@ def _extracted(source: Path, options: ExtractOptions, ending: str = ".parquet") 
     purpose = "extracted-waveforms" if options.with_waveforms else "extracted"
     name = cache.cached_name(purpose, source, identified)
     path: Path = name.with_name(f"{name.name}{ending}")
-    if path.is_file():
-        for file in (path, path.with_suffix(".wdp")) if options.with_waveforms else (path,):
+    found = [path, path.with_suffix(".wdp")] if options.with_waveforms else [path]
+    if all(file.is_file() for file in found):
+        for file in found:
             cache.mark_used(file)
         return path
     with cache.written_to_cache(path), progress_bar(False) as progress:

@@ -10,6 +10,7 @@ import threading
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from dataclasses import replace
+from functools import wraps
 from importlib.resources import files
 from types import FrameType
 from typing import Any
@@ -55,8 +56,9 @@ class ViewServer:
         port = self._socket.getsockname()[1]
         token = secrets.token_urlsafe(_TOKEN_BYTES)
         self.address = f"http://{ADDRESS}:{port}/{token}/"
+        self._answers = Answers()
         config = uvicorn.Config(
-            Access(application(session), token, port),
+            Access(application(session, self._answers), token, port),
             access_log=False,
             log_level="critical",
             lifespan="off",
@@ -70,7 +72,7 @@ class ViewServer:
         """Answer requests until the end; calls `on_start` with the address before the first."""
         self._socket.listen()
         try:
-            with _ended_by_signals(self._server):
+            with ended_by_signals(self._server, self._answers):
                 on_start(self.address)
                 asyncio.run(self._server.serve(sockets=[self._socket]))
         finally:
@@ -85,8 +87,37 @@ class ViewerEndedError(Exception):
     """The viewer ends before an answer is ready."""
 
 
+class Answers:
+    """Counts the requests that threads are answering: they outlive the server's loop."""
+
+    def __init__(self) -> None:
+        self._changed = threading.Condition()
+        self._count = 0
+
+    def counted(self, answer: Callable[[Request], Response]) -> Callable[[Request], Response]:
+        """The same answer, counted while a thread makes it."""
+
+        @wraps(answer)
+        def call(request: Request) -> Response:
+            with self._changed:
+                self._count += 1
+            try:
+                return answer(request)
+            finally:
+                with self._changed:
+                    self._count -= 1
+                    self._changed.notify_all()
+
+        return call
+
+    def wait(self) -> None:
+        """Wait until there are none."""
+        with self._changed:
+            self._changed.wait_for(lambda: self._count == 0)
+
+
 class _Server(uvicorn.Server):
-    """A server that leaves signals to `_ended_by_signals`."""
+    """A server that leaves signals to `ended_by_signals`."""
 
     @contextmanager
     def capture_signals(self) -> Iterator[None]:
@@ -95,11 +126,11 @@ class _Server(uvicorn.Server):
 
 
 @contextmanager
-def _ended_by_signals(server: uvicorn.Server) -> Iterator[None]:
+def ended_by_signals(server: uvicorn.Server, answers: Answers) -> Iterator[None]:
     """End the server with a signal; files that are being written are given up, and removed.
 
-    Ctrl-C is the intended end; other signals are raised again when the server has ended. Nothing
-    outside the main thread, which signals do not reach.
+    Waits at the end until they are. Ctrl-C is the intended end; other signals are raised again when
+    the server has ended. Nothing outside the main thread, which signals do not reach.
     """
     if threading.current_thread() is not threading.main_thread():
         yield
@@ -119,16 +150,18 @@ def _ended_by_signals(server: uvicorn.Server) -> Iterator[None]:
     try:
         yield
     finally:
-        request_end(None)  # no request is being answered any more
+        answers.wait()
+        request_end(None)
         for number, handler in former.items():
             signal.signal(number, handler)
     if received and received[0] != signal.SIGINT:
         signal.raise_signal(signal.Signals(received[0]))
 
 
-def application(session: ViewSession) -> Starlette:
+def application(session: ViewSession, answers: Answers) -> Starlette:
     """The requests of the page; without any check of who asks."""
     requests = _Requests(session)
+    counted = answers.counted
     assets = _assets()
 
     def asset(request: Request) -> Response:
@@ -142,15 +175,15 @@ def application(session: ViewSession) -> Starlette:
     return Starlette(
         routes=[
             Route("/", asset),
-            Route("/session", requests.session),
-            Route("/noise", requests.noise),
-            Route(f"{layer}/points", requests.points),
-            Route(f"{layer}/echoes/{{index:int}}", requests.echo),
-            Route(f"{layer}/next/{{kind}}", requests.next),
-            Route(f"{layer}/selection", requests.selection),
-            Route(f"{layer}/selection.{{kind}}", requests.selection_file),
-            Route("/waveforms/{number:int}", requests.waveform),
-            Route("/waveforms/{number:int}/picture.{kind}", requests.picture),
+            Route("/session", counted(requests.session)),
+            Route("/noise", counted(requests.noise)),
+            Route(f"{layer}/points", counted(requests.points)),
+            Route(f"{layer}/echoes/{{index:int}}", counted(requests.echo)),
+            Route(f"{layer}/next/{{kind}}", counted(requests.next)),
+            Route(f"{layer}/selection", counted(requests.selection)),
+            Route(f"{layer}/selection.{{kind}}", counted(requests.selection_file)),
+            Route("/waveforms/{number:int}", counted(requests.waveform)),
+            Route("/waveforms/{number:int}/picture.{kind}", counted(requests.picture)),
             Route("/{name:path}", asset),
         ],
         exception_handlers={

@@ -37,7 +37,7 @@ struct Choices {
 ///
 /// Some shots are taken at a time, so that their echoes stay in the cache:
 ///
-///     while (table.takeShots(128)) { table.rowsOf(echoes at table.taken()) ... }
+///     while (table.takeShots(rows)) { table.rowsOf(echoes at table.taken()) ... }
 class ShotTable {
  public:
   /// @param rowsOfEchoes  row of the block in which each echo was found; those of a waveform are consecutive

@@ -24,6 +24,7 @@ def levels(channel_flag: int, descriptor: int) -> ChannelLevels:
             {1: "channel 1"},
             ["low power, descriptor 0", "channel flag 7, channel 1"],
         ),
+        ([(0, 0), (1, 0)], {}, ["high power", "low power"]),
         ([(0, 3), (1, 3)], {3: "channel 3"}, ["high power, channel 3", "low power, channel 3"]),
     ],
 )

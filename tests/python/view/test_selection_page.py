@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 
 import numpy as np
@@ -148,16 +150,43 @@ def test_bars_select_the_echoes_of_their_values(page: Page) -> None:
     assert at_places(page, at) == {"NW", "NE"}
 
 
-def test_bars_of_the_noise_select_the_echoes_of_waveforms(browser: Browser, tmp_path: Path) -> None:
-    """Noise rms of 0, 3 and 6 counts; the echoes are those of the corners but for that of 3."""
+@contextmanager
+def served_noise(folder: Path) -> Iterator[Served]:
+    """Waveforms with a noise rms of 0, 3, 6 and 6 counts, and an echo of each in a corner."""
     scan = page_scenes.write_waveforms(
-        tmp_path / "scan.las", [10 + rms * np.tile([-1, 1], 32) for rms in (0, 3, 6, 6)]
+        folder / "scan.las", [10 + rms * np.tile([-1, 1], 32) for rms in (0, 3, 6, 6)]
     )
-    echoes = tmp_path / "echoes.csv"
+    echoes = folder / "echoes.csv"
     lines = ["10,10,127,1,0", "90,10,127,2,1", "10,90,127,3,2", "90,90,127,4,3"]
     text = "\n".join(["x,y,z,classification,waveform_number", *lines])
     echoes.write_text(text, encoding="ascii")
     with served_files(scan, echoes) as served:
+        yield served
+
+
+def test_bars_of_the_noise_can_be_given_up(browser: Browser, tmp_path: Path) -> None:
+    held: list[Route] = []
+    with served_noise(tmp_path) as served:
+        page = opened(served, browser)
+        page.route("**/noise", lambda route: held.append(route))
+        page.locator("#statistics summary").click()
+        bars = histogram(page, "noise").locator("svg")
+        bars.press("End")
+        bars.press(" ")
+        expect(page.locator("#selection")).to_have_attribute("data-state", "measuring")
+        page.keyboard.press("Escape")
+        wait_for(page, "")
+        with page.expect_response("**/noise"):
+            held[0].continue_()
+        histogram(page, "class").locator(".bar .place").nth(1).click()
+        wait_for(page, 1)  # none with the bar of the noise, whose echoes have classes 3 and 4
+        assert counts(page, "class", "data-selected") == {1: 1}
+        assert page.problems == []  # type: ignore[attr-defined]
+        page.close()
+
+
+def test_bars_of_the_noise_select_the_echoes_of_waveforms(browser: Browser, tmp_path: Path) -> None:
+    with served_noise(tmp_path) as served:
         page = opened(served, browser)
         at = corners(page)
         page.locator("#statistics summary").click()

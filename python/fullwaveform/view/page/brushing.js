@@ -18,6 +18,8 @@ export class Brushing {
     this.selection = new Selection(() => this.changed());
     this.histograms = [];
     this.isCounting = false;
+    this.isMeasuring = false;
+    this.wantedBars = null; // of the noise, to be selected when it has been measured
     map.onBox = (from, to) => this.selection.setBox(from, to);
     map.onSlab = (from, to) => this.selection.setSlab(map.side, from, to);
     map.onSide = () => this.showNumbersOfRegion();
@@ -27,6 +29,7 @@ export class Brushing {
   // To be called when the map shows another layer.
   show() {
     const { layer } = this.map;
+    this.wantedBars = null;
     this.selection.show(layer, this.session.noise);
     const parent = find("#histograms");
     parent.replaceChildren();
@@ -42,15 +45,17 @@ export class Brushing {
 
   // Noise is known of a sample of the waveforms only; to select by it, all are measured once.
   async setNoiseBars(bars) {
-    this.wantedBars = bars; // those chosen last
+    this.wantedBars = bars;
     if (this.isMeasuring) return;
     this.isMeasuring = true;
     const waveforms = count(this.session.waveforms, "waveform");
     find("#selection").dataset.state = "measuring";
+    find("#clear").disabled = false;
     find("#selection-status").textContent = `Measuring the noise of ${waveforms}, once …`;
     try {
       this.session.noise = await json("noise");
     } catch (error) {
+      this.wantedBars = null;
       this.changed(); // shows what is selected still
       throw error;
     } finally {
@@ -59,7 +64,14 @@ export class Brushing {
     this.map.addNoise();
     const histogram = this.histograms.find((one) => one.name === "noise");
     histogram.counts = this.session.noise.counts;
-    this.selection.setBars("noise", this.wantedBars);
+    if (this.wantedBars) this.selection.setBars("noise", this.wantedBars);
+    else this.changed(); // the selection was cleared meanwhile
+    this.wantedBars = null;
+  }
+
+  clear() {
+    this.wantedBars = null;
+    this.selection.clear();
   }
 
   changed() {
@@ -204,14 +216,15 @@ export class Brushing {
   }
 
   listen() {
-    find("#clear").addEventListener("click", () => this.selection.clear());
+    find("#clear").addEventListener("click", () => this.clear());
     find("#select-view").addEventListener("click", () => this.selectView());
     find("#box-form").addEventListener("change", () => this.readBox());
     find("#slab-form").addEventListener("change", () => this.readSlab());
     find("#select-side").addEventListener("click", () => this.selectSide());
     find("#statistics").addEventListener("toggle", () => this.changed());
     document.addEventListener("keydown", (event) => {
-      if (event.key === "Escape" && !this.selection.isEmpty && !event.target.closest("select")) this.selection.clear();
+      const isAny = !this.selection.isEmpty || this.wantedBars;
+      if (event.key === "Escape" && isAny && !event.target.closest("select")) this.clear();
     });
   }
 }
