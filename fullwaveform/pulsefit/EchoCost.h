@@ -25,8 +25,8 @@ class EchoCost {
   [[nodiscard]] static double floorFor(double scatter) { return scatter < smallScatter ? 25.0 : 40.0; }
 
   /// Standard deviation s of the Gaussian with the same curvature of its autocorrelation as the pulse:
-  /// s^2 = integral of p^2 / (2 x integral of (dp/dlag)^2), samples. Noise correlated over a few samples
-  /// changes the variance of z, which the model states, but hardly this curvature.
+  /// s^2 = integral of p^2 / (2 x integral of (dp/dlag)^2), samples. The noise is taken as correlated between
+  /// neighbouring samples only, by as much as its noise correlation requires.
   [[nodiscard]] static double equivalentWidth(PulseModel const& model);
 
   /// @param model, settings  valid

@@ -36,6 +36,17 @@ TEST(EchoCost, EquivalentWidthOfACosineInClosedForm) {
   EXPECT_NEAR(EchoCost::equivalentWidth(model), 1.55939, 1e-3);  // sqrt(1.5) 4 / pi
 }
 
+TEST(EchoCost, CorrelatedNoiseCrossesALevelMoreOrLessOften) {
+  // The noise of neighbouring samples is correlated by (K - 1) / (2 c), where K is the square of the noise
+  // correlation and c that of the pulse with itself, a sample later. For a Gaussian the mean square of the
+  // derivative of the filtered noise is then (1 + (K - 1) (1 - 1 / (2 s^2))) / K times that of white noise.
+  PulseModel model = gaussianModel();
+  model.noiseCorrelation = 0.62;
+  EXPECT_NEAR(EchoCost::equivalentWidth(model), 1.50286, 2e-3);  // 1.69864 / sqrt(1.27751)
+  model.noiseCorrelation = 1.4;
+  EXPECT_NEAR(EchoCost::equivalentWidth(model), 1.77566, 2e-3);  // 1.69864 / sqrt(0.91513)
+}
+
 TEST(EchoCost, FollowsFromTheRateOfFalseAlarms) {
   // A Gaussian of FWHM 4 has 80 / (2 pi sqrt(2) 1.69864) = 5.3000 upcrossings in 80 samples.
   PulseModel const model = gaussianModel();
