@@ -29,9 +29,9 @@ struct ThreePointBatch {
 
 /// Variances of the values of a batch; NaN where the samples are not those of a fit at the offset.
 struct ThreePointVariances {
-  alignas(64) ThreePointBatch::Row position;
-  alignas(64) ThreePointBatch::Row amplitude;
-  alignas(64) ThreePointBatch::Row fwhm;
+  alignas(64) ThreePointBatch::Row position{};
+  alignas(64) ThreePointBatch::Row amplitude{};
+  alignas(64) ThreePointBatch::Row fwhm{};
 };
 
 /// Computes the variances of the echoes of a batch.
