@@ -46,6 +46,12 @@ def browser() -> Iterator[Browser]:
 
 
 @pytest.fixture(scope="module")
+def scan(tmp_path_factory: pytest.TempPathFactory) -> Path:
+    """The scan of the scene."""
+    return scenes.write_scan(tmp_path_factory.mktemp("scan") / "scan.las")
+
+
+@pytest.fixture(scope="module")
 def viewer(tmp_path_factory: pytest.TempPathFactory) -> Iterator[Served]:
     from .serving import served_scene
 
@@ -66,9 +72,8 @@ def page(viewer: Served, browser: Browser) -> Iterator[Page]:
 
 
 @pytest.fixture(scope="module")
-def waveforms(tmp_path_factory: pytest.TempPathFactory) -> Iterator[WaveformDirectory]:
-    path = scenes.write_scan(tmp_path_factory.mktemp("scan") / "scan.las")
-    with open_waveforms(path, waveforms_per_block=BLOCK) as reader:
+def waveforms(scan: Path) -> Iterator[WaveformDirectory]:
+    with open_waveforms(scan, waveforms_per_block=BLOCK) as reader:
         directory = WaveformDirectory.of(reader, {})
         yield directory
         directory.close()

@@ -6,6 +6,8 @@ from pathlib import Path
 
 import numpy as np
 
+from fullwaveform.view.selection import Selection
+
 from ..support.las_scenes import Point, Scene
 
 BASELINE = 10  # counts
@@ -21,6 +23,8 @@ SHOTS = (
 PLACES = ((10.0, 10.0), (90.0, 10.0), (10.0, 90.0), (50.0, 50.0), (90.0, 90.0))
 #: Class and reduced chi square of the echoes of each shot.
 CLASSES, CHI = (1, 2, 3, 0, 4), (1.0, 1.5, 2.5, np.nan, 9.0)
+#: Of the two eastern shots, from the place of the first one, and the rows of their echoes.
+EAST, EAST_ROWS = Selection((70.0, -10.0, 90.0, 90.0)), [1, 2, 6]
 _TOP, _PER_SAMPLE = 130.0, 0.15  # height of the first sample and m per sample
 
 

@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import json
 import os
-from collections.abc import Iterator
 from pathlib import Path
 
 import laspy
@@ -18,33 +17,16 @@ from laspy.vlrs.vlrlist import VLRList
 from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.echo_writers.csv_metadata import metadata_path
 from fullwaveform.io.echo_writers.restricting import write_rows_of
-from fullwaveform.io.opening import open_waveforms
 from fullwaveform.io.run_record import RUN_METADATA_KEY
 from fullwaveform.view.cache import cache_folder
-from fullwaveform.view.directory import BLOCK, WaveformDirectory
+from fullwaveform.view.directory import WaveformDirectory
 from fullwaveform.view.echo_index import EchoIndex
 from fullwaveform.view.export import SelectionExport
 from fullwaveform.view.selection import Selection
 
 from ..support.command_line import run
 from . import scenes
-
-#: Of the two eastern shots, which have the echoes 1, 2 and 6, from the place of the first shot.
-EAST = Selection((70.0, -10.0, 90.0, 90.0))
-ROWS = [1, 2, 6]
-
-
-@pytest.fixture(scope="module")
-def scan(tmp_path_factory: pytest.TempPathFactory) -> Path:
-    return scenes.write_scan(tmp_path_factory.mktemp("scan") / "scan.las")
-
-
-@pytest.fixture(scope="module")
-def waveforms(scan: Path) -> Iterator[WaveformDirectory]:
-    with open_waveforms(scan, waveforms_per_block=BLOCK) as reader:
-        directory = WaveformDirectory.of(reader, {})
-        yield directory
-        directory.close()
+from .scenes import EAST, EAST_ROWS
 
 
 def extracted(scan: Path, output: Path) -> Path:
@@ -72,7 +54,7 @@ def test_csv_has_the_lines_of_the_command(
     path = extracted(scan, tmp_path / "echoes.csv")
     lines = path.read_bytes().splitlines(keepends=True)
     output = saved(path, waveforms, EAST, "csv", tmp_path)
-    assert output.read_bytes() == b"".join([lines[0], *(lines[1 + row] for row in ROWS)])
+    assert output.read_bytes() == b"".join([lines[0], *(lines[1 + row] for row in EAST_ROWS)])
 
 
 def test_parquet_has_the_rows_of_the_command(
@@ -83,7 +65,7 @@ def test_parquet_has_the_rows_of_the_command(
     whole = pq.read_table(path)
     assert found.schema.equals(whole.schema, check_metadata=True)
     for name in whole.column_names:
-        expected = whole[name].to_numpy()[ROWS]
+        expected = whole[name].to_numpy()[EAST_ROWS]
         np.testing.assert_array_equal(found[name].to_numpy(), expected, err_msg=name)
 
 
@@ -94,7 +76,7 @@ def test_tables_become_the_lines_of_the_command(
     lines = extracted(scan, tmp_path / "echoes.csv").read_bytes().splitlines(keepends=True)
     path = extracted(scan, tmp_path / f"echoes.{source}")
     output = saved(path, waveforms, EAST, "csv", tmp_path)
-    assert output.read_bytes() == b"".join([lines[0], *(lines[1 + row] for row in ROWS)])
+    assert output.read_bytes() == b"".join([lines[0], *(lines[1 + row] for row in EAST_ROWS)])
 
 
 @pytest.mark.parametrize("source", ["csv", "h5"])
@@ -114,7 +96,7 @@ def test_las_has_the_points_and_records_of_the_command(
     path = extracted(scan, tmp_path / f"echoes.{source}")
     found = laspy.read(saved(path, waveforms, EAST, kind, tmp_path))
     whole = laspy.read(path)
-    assert found.points.array.tobytes() == whole.points.array[ROWS].tobytes()
+    assert found.points.array.tobytes() == whole.points.array[EAST_ROWS].tobytes()
     assert found.header.are_points_compressed == (kind == "laz")
     assert found.header.maxs.tolist() == pytest.approx([90.0, 90.0, 127.0], abs=1e-3)
     records = [(record.user_id, record.record_id) for record in whole.header.vlrs]
@@ -281,7 +263,7 @@ def test_las_file_of_a_table_is_made_when_asked_for(
     output = tmp_path / "saved.las"
     output.write_bytes(b"".join(parts))
     whole = laspy.read(tmp_path / "echoes1.las")
-    assert laspy.read(output).points.array.tobytes() == whole.points.array[ROWS].tobytes()
+    assert laspy.read(output).points.array.tobytes() == whole.points.array[EAST_ROWS].tobytes()
     echoes.close()
 
 

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Iterator
 from pathlib import Path
 from zipfile import ZipFile
 
@@ -15,7 +14,7 @@ from fullwaveform.data.errors import WaveformFileError
 from fullwaveform.io.echo_writers.restricting_packets import write_points_with_packets
 from fullwaveform.io.opening import open_waveforms
 from fullwaveform.view.cache import cache_folder
-from fullwaveform.view.directory import BLOCK, WaveformDirectory
+from fullwaveform.view.directory import WaveformDirectory
 from fullwaveform.view.echo_index import EchoIndex
 from fullwaveform.view.export import SelectionExport
 from fullwaveform.view.selection import Selection
@@ -23,24 +22,9 @@ from fullwaveform.view.selection import Selection
 from ..support.command_line import run
 from ..support.las_scenes import Point, Scene, compressed, rows
 from . import scenes
+from .scenes import EAST, EAST_ROWS
 
-#: Of the two eastern shots, which have the echoes 1, 2 and 6, from the place of the first shot.
-EAST = Selection((70.0, -10.0, 90.0, 90.0))
-ROWS = [1, 2, 6]
 _HEADER = 60  # bytes of a packet record
-
-
-@pytest.fixture(scope="module")
-def scan(tmp_path_factory: pytest.TempPathFactory) -> Path:
-    return scenes.write_scan(tmp_path_factory.mktemp("scan") / "scan.las")
-
-
-@pytest.fixture(scope="module")
-def waveforms(scan: Path) -> Iterator[WaveformDirectory]:
-    with open_waveforms(scan, waveforms_per_block=BLOCK) as reader:
-        directory = WaveformDirectory.of(reader, {})
-        yield directory
-        directory.close()
 
 
 def extracted(scan: Path, output: Path) -> Path:
@@ -92,7 +76,7 @@ def test_selected_echoes_have_their_waveforms(
     path = extracted(scan, tmp_path / "echoes.las")
     points, packets = saved(path, waveforms, EAST, tmp_path)
     whole, found = laspy.read(path), laspy.read(points)
-    assert fields(found.points) == fields(whole.points[ROWS])
+    assert fields(found.points) == fields(whole.points[EAST_ROWS])
     # Shots 1 and 4; the two echoes of the first one share a packet.
     expected = [scenes.waveform(scenes.SHOTS[shot]) for shot in (1, 4)]
     assert samples(points) == expected

@@ -17,6 +17,10 @@ from ...support.command_line import assert_error, run
 from ...support.row_scenes import same
 from .stores import Bucket
 
+failing = pytest.mark.parametrize("fault", ["503", "cut"])
+#: The only request of a small object, and that of the first part of a large one.
+in_some_request = pytest.mark.parametrize(("size", "requests_before"), [("small", 0), ("large", 1)])
+
 
 @pytest.fixture
 def contents(bucket: Bucket, monkeypatch: pytest.MonkeyPatch) -> dict[str, bytes]:
@@ -75,8 +79,8 @@ def test_interrupted_upload_stores_nothing(
     assert bucket.unfinished_uploads() == 0
 
 
-@pytest.mark.parametrize("fault", ["503", "cut"])
-@pytest.mark.parametrize(("size", "requests_before"), [("small", 0), ("large", 1)])
+@in_some_request
+@failing
 def test_sending_that_fails_is_repeated(
     bucket: Bucket,
     contents: dict[str, bytes],
@@ -108,8 +112,8 @@ def test_reading_that_fails_is_repeated(
     assert bucket.faults.asking == []
 
 
-@pytest.mark.parametrize("fault", ["503", "cut"])
-@pytest.mark.parametrize(("size", "requests_before"), [("small", 0), ("large", 1)])
+@in_some_request
+@failing
 def test_upload_that_keeps_failing_leaves_nothing(
     bucket: Bucket,
     contents: dict[str, bytes],
